@@ -1,0 +1,95 @@
+#include <KRVQTProcessClient/Foundation/Dictionary.h>
+
+#include <algorithm>
+
+#include <KRVQTProcessClient/Foundation/Exception.h>
+
+namespace krv {
+namespace {
+
+/// Above this many entries a bulk sort beats inserting one by one.
+constexpr std::size_t kInsertionSortLimit = 12;
+
+bool keyLess(const Dictionary::Entry& a, const Dictionary::Entry& b) noexcept {
+    return *a.first < *b.first;
+}
+
+}  // namespace
+
+Dictionary::Dictionary(std::initializer_list<std::pair<std::string_view, Value>> entries)
+    : mutability_(Mutability::Mutable) {
+    entries_.reserve(entries.size());
+    for (const auto& [key, value] : entries) {
+        set(key, value);
+    }
+}
+
+Dictionary Dictionary::fromEntries(std::vector<Entry> entries, Mutability mutability) {
+    Dictionary result(mutability);
+    if (entries.size() <= kInsertionSortLimit) {
+        for (auto it = entries.begin(); it != entries.end(); ++it) {
+            std::rotate(std::upper_bound(entries.begin(), it, *it, keyLess), it, it + 1);
+        }
+    } else {
+        std::stable_sort(entries.begin(), entries.end(), keyLess);
+    }
+    // Equal keys now stand in the order in which they came: keep the last of each run.
+    const auto last = std::unique(entries.rbegin(), entries.rend(),
+                                  [](const Entry& a, const Entry& b) { return *a.first == *b.first; });
+    entries.erase(entries.begin(), last.base());
+    result.entries_ = std::move(entries);
+    return result;
+}
+
+Dictionary Dictionary::mutableCopy() const {
+    Dictionary copy(Mutability::Mutable);
+    copy.entries_ = entries_;
+    return copy;
+}
+
+std::vector<Dictionary::Entry>::iterator Dictionary::position(std::string_view key) noexcept {
+    return std::lower_bound(entries_.begin(), entries_.end(), key,
+                            [](const Entry& entry, std::string_view k) { return *entry.first < k; });
+}
+
+const Value* Dictionary::find(std::string_view key) const noexcept {
+    const auto it = const_cast<Dictionary*>(this)->position(key);
+    return it != entries_.end() && *it->first == key ? &it->second : nullptr;
+}
+
+Value Dictionary::operator[](std::string_view key) const {
+    const Value* value = find(key);
+    return value ? *value : Value();
+}
+
+void Dictionary::requireMutable() const {
+    if (mutability_ == Mutability::Immutable) {
+        throw Exception(std::string(kInvalidArgumentException), "mutating method sent to an immutable dictionary");
+    }
+}
+
+void Dictionary::set(std::string_view key, Value value) {
+    requireMutable();
+    const auto it = position(key);
+    if (it != entries_.end() && *it->first == key) {
+        it->second = std::move(value);
+    } else {
+        entries_.emplace(it, std::make_shared<const std::string>(key), std::move(value));
+    }
+}
+
+void Dictionary::remove(std::string_view key) {
+    requireMutable();
+    const auto it = position(key);
+    if (it != entries_.end() && *it->first == key) {
+        entries_.erase(it);
+    }
+}
+
+bool operator==(const Dictionary& a, const Dictionary& b) {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](const auto& x, const auto& y) {
+        return *x.first == *y.first && x.second == y.second;
+    });
+}
+
+}  // namespace krv

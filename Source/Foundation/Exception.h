@@ -1,0 +1,41 @@
+#pragma once
+
+#include <exception>
+#include <string>
+#include <string_view>
+
+#include <KRVQTProcessClient/Foundation/Export.h>
+
+namespace krv {
+
+/// The system's exception: a name by which callers tell causes apart, and a reason for people.
+///
+/// Operations that say they catch "the platform's exception" catch this class and nothing else; a
+/// std::bad_alloc or an application's own exception passes through them.
+class KRV_EXPORT Exception : public std::exception {
+public:
+    Exception(std::string name, std::string reason);
+    ~Exception() override;
+    Exception(const Exception&) = default;
+    Exception& operator=(const Exception&) = default;
+
+    [[nodiscard]] const std::string& name() const noexcept { return name_; }
+    [[nodiscard]] const std::string& reason() const noexcept { return reason_; }
+
+    /// What a log line prints for the exception: its reason.
+    [[nodiscard]] const std::string& description() const noexcept { return reason_; }
+
+    /// "name: reason", for a terminate handler or a debugger.
+    [[nodiscard]] const char* what() const noexcept override { return what_.c_str(); }
+
+private:
+    std::string name_;
+    std::string reason_;
+    std::string what_;
+};
+
+/// Name of the exception for an argument or a message that makes no sense to its receiver, such as a call to
+/// an object that is gone or a value that cannot be archived.
+inline constexpr std::string_view kInvalidArgumentException = "NSInvalidArgumentException";
+
+}  // namespace krv

@@ -1,0 +1,149 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include <KRVQTProcessClient/Foundation/Export.h>
+
+namespace krv {
+
+class Archivable;
+class Dictionary;
+class Error;
+class Value;
+
+/// An ordered list of values.
+using Array = std::vector<Value>;
+
+/// Uninterpreted bytes.
+using Data = std::vector<std::byte>;
+
+/// A point in time: seconds since 2001-01-01 00:00:00 UTC, any sign, fractions included.
+struct Date {
+    double secondsSinceReference = 0.0;
+    friend bool operator==(Date, Date) = default;
+};
+
+/// Width and height in the unit of the place where it stands (pixels, for pictures).
+struct Size {
+    double width = 0.0;
+    double height = 0.0;
+    friend bool operator==(Size, Size) = default;
+};
+
+/// One value of an operation record: a closed set of kinds, each copied in constant time.
+///
+/// Strings, data, arrays, dictionaries, error records and archivable objects are shared and immutable once they
+/// stand in a value; copying a value shares them. Numbers remember what they were made from: a boolean is not the
+/// integer 1, and a 32-bit float is not a 64-bit one.
+///
+/// Thread-safety: like a standard container. Sharing the pointees between threads is safe.
+class KRV_EXPORT Value {
+public:
+    enum class Kind : std::uint8_t {
+        Null,
+        Boolean,
+        Integer,
+        Float32,
+        Float64,
+        String,
+        Data,
+        Date,
+        Size,
+        Array,
+        Dictionary,
+        Error,
+        Object
+    };
+    using StringRef = std::shared_ptr<const std::string>;
+    using DataRef = std::shared_ptr<const krv::Data>;
+    using ArrayRef = std::shared_ptr<const krv::Array>;
+    using DictionaryRef = std::shared_ptr<const krv::Dictionary>;
+    using ErrorRef = std::shared_ptr<const krv::Error>;
+    using ObjectRef = std::shared_ptr<const Archivable>;
+
+    /// The null value. Empty references given to the other constructors make it too.
+    Value() noexcept = default;
+    Value(std::nullptr_t) noexcept {}
+    Value(bool v) noexcept : storage_(v) {}
+    Value(std::int32_t v) noexcept : storage_(std::int64_t{v}) {}
+    Value(std::uint32_t v) noexcept : storage_(std::int64_t{v}) {}
+    Value(std::int64_t v) noexcept : storage_(v) {}
+    Value(long long v) noexcept : storage_(std::int64_t{v}) {}
+    Value(float v) noexcept : storage_(v) {}
+    Value(double v) noexcept : storage_(v) {}
+    Value(const char* utf8);
+    Value(std::string_view utf8);
+    Value(std::string utf8);
+    Value(StringRef v) noexcept;
+    Value(krv::Data v);
+    Value(DataRef v) noexcept;
+    Value(krv::Date v) noexcept : storage_(v) {}
+    Value(krv::Size v) noexcept : storage_(v) {}
+    Value(krv::Array v);
+    Value(ArrayRef v) noexcept;
+    Value(krv::Dictionary v);
+    Value(DictionaryRef v) noexcept;
+    Value(std::shared_ptr<krv::Dictionary> v) noexcept;
+    Value(ErrorRef v) noexcept;
+    Value(ObjectRef v) noexcept;
+    template <typename T>
+        requires std::is_base_of_v<Archivable, T>
+    Value(std::shared_ptr<T> v) noexcept : Value(ObjectRef(std::move(v))) {}
+    /// A pointer of any other kind is not a value; without this it would be taken for a boolean.
+    template <typename T>
+    Value(T*) = delete;
+
+    [[nodiscard]] Kind kind() const noexcept { return static_cast<Kind>(storage_.index()); }
+    [[nodiscard]] bool isNull() const noexcept { return kind() == Kind::Null; }
+    [[nodiscard]] bool isNumber() const noexcept {
+        return kind() == Kind::Boolean || kind() == Kind::Integer || kind() == Kind::Float32 || kind() == Kind::Float64;
+    }
+
+    /// The number as another kind; 0 and false for what is no number. Floats are truncated towards zero and
+    /// held within the range of the result; NaN gives 0.
+    [[nodiscard]] std::int64_t integerValue() const noexcept;
+    [[nodiscard]] double doubleValue() const noexcept;
+    [[nodiscard]] bool boolValue() const noexcept;
+
+    /// The string, or an empty one for any other kind.
+    [[nodiscard]] const std::string& stringValue() const noexcept;
+    /// The size, or the zero size for any other kind.
+    [[nodiscard]] krv::Size sizeValue() const noexcept;
+
+    /// The shared contents, or an empty reference when the value is of another kind.
+    [[nodiscard]] StringRef string() const noexcept { return get<StringRef>(); }
+    [[nodiscard]] DataRef data() const noexcept { return get<DataRef>(); }
+    [[nodiscard]] ArrayRef array() const noexcept { return get<ArrayRef>(); }
+    [[nodiscard]] DictionaryRef dictionary() const noexcept { return get<DictionaryRef>(); }
+    [[nodiscard]] ErrorRef error() const noexcept { return get<ErrorRef>(); }
+    [[nodiscard]] ObjectRef object() const noexcept { return get<ObjectRef>(); }
+    [[nodiscard]] const krv::Date* date() const noexcept { return std::get_if<krv::Date>(&storage_); }
+
+    /// What a "%@" in a log line or a state description prints; "(null)" for null.
+    [[nodiscard]] std::string description() const;
+
+    /// Same kind and same contents; containers are compared element by element.
+    friend KRV_EXPORT bool operator==(const Value& a, const Value& b);
+
+    using Storage = std::variant<std::monostate, bool, std::int64_t, float, double, StringRef, DataRef, krv::Date,
+                                 krv::Size, ArrayRef, DictionaryRef, ErrorRef, ObjectRef>;
+    /// For code that handles every kind, such as the archiver.
+    [[nodiscard]] const Storage& storage() const noexcept { return storage_; }
+
+private:
+    template <typename T>
+    [[nodiscard]] T get() const noexcept {
+        const T* p = std::get_if<T>(&storage_);
+        return p ? *p : T{};
+    }
+
+    Storage storage_;
+};
+
+}  // namespace krv

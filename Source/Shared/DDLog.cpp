@@ -1,0 +1,107 @@
+#include <KRVQTProcessClient/Shared/DDLog.h>
+
+#include <memory>
+
+#include <unistd.h>
+
+#include <KRVQTProcessClient/Foundation/Mutex.h>
+#include <KRVQTProcessClient/Shared/Log.h>
+
+namespace krv {
+
+std::atomic<bool> krv_loggingEnabled{false};
+std::atomic<std::uint32_t> qtClientLogLevel{0};
+std::atomic<std::uint32_t> applicationLogLevel{0};
+std::atomic<std::uint32_t> additionalApplicationLogLevel{0};
+
+namespace {
+
+std::atomic<std::int32_t> quicktimeLevel{0};
+
+struct Logger {
+    Mutex mutex;
+    DDLog::Sink sink KRV_GUARDED_BY(mutex);
+};
+
+Logger& logger() {
+    static auto* instance = new Logger;  // lines may be written until the process ends
+    return *instance;
+}
+
+thread_local bool insideSink = false;
+
+std::string_view flagName(LogFlag flag) {
+    switch (flag) {
+    case kLogFlagError:
+        return "error";
+    case kLogFlagWarning:
+        return "warning";
+    case kLogFlagInfo:
+        return "info";
+    case kLogFlagVerbose:
+        return "verbose";
+    }
+    return "log";
+}
+
+void writeToStandardError(const LogMessage& message) {
+    const std::string line = fmt::format("[{}] {} {}:{}: {}\n", flagName(message.flag), message.function, message.file,
+                                         message.line, message.text);
+    // One write for one line, so that lines of several threads and processes do not mix.
+    [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
+}
+
+}  // namespace
+
+void DDLog::setSink(Sink sink) {
+    Logger& l = logger();
+    Sink old;
+    {
+        const LockGuard lock(l.mutex);
+        old = std::exchange(l.sink, std::move(sink));
+    }
+}
+
+void DDLog::log(const LogMessage& message) {
+    if (insideSink) {
+        return;
+    }
+    insideSink = true;
+    try {
+        Logger& l = logger();
+        const LockGuard lock(l.mutex);
+        if (l.sink) {
+            l.sink(message);
+        } else {
+            writeToStandardError(message);
+        }
+    } catch (...) {
+        // A sink that fails loses its line; logging never changes what the logged operation does.
+    }
+    insideSink = false;
+}
+
+std::int32_t Logging::quicktimeLoggingLevel() noexcept {
+    return quicktimeLevel.load(std::memory_order_relaxed);
+}
+
+void Logging::setQuicktimeLoggingLevel(std::int32_t level) noexcept {
+    quicktimeLevel.store(level, std::memory_order_relaxed);
+}
+
+std::uint32_t logLevelWord(LogContext context) noexcept {
+    if (!krv_loggingEnabled.load(std::memory_order_relaxed)) {
+        return 0;
+    }
+    const auto& word = context == kLogContextApplication ? applicationLogLevel : qtClientLogLevel;
+    return word.load(std::memory_order_relaxed);
+}
+
+bool logPasses(LogFlag flag, const LogSite& site) noexcept {
+    if ((logLevelWord(site.context) & flag) == 0) {
+        return false;
+    }
+    return (additionalApplicationLogLevel.load(std::memory_order_relaxed) & site.mask) == site.mask;
+}
+
+}  // namespace krv

@@ -1,0 +1,59 @@
+#include <gtest/gtest.h>
+
+#include <KRVQTProcessClient/Foundation/Dictionary.h>
+#include <KRVQTProcessClient/Foundation/Exception.h>
+
+namespace krv {
+namespace {
+
+Dictionary::Key key(const char* text) {
+    return std::make_shared<const std::string>(text);
+}
+
+TEST(Dictionary, KeepsKeysInAscendingOrder) {
+    Dictionary d;
+    d.set("b", 2);
+    d.set("a", 1);
+    d.set("b", 3);
+    ASSERT_EQ(d.size(), 2U);
+    EXPECT_EQ(*d.begin()->first, "a");
+    EXPECT_EQ(d["b"], Value(3));
+    EXPECT_EQ(d.find("c"), nullptr);
+    d.remove("a");
+    d.remove("a");
+    EXPECT_EQ(d.size(), 1U);
+}
+
+TEST(Dictionary, OfEqualKeysTheLaterEntryStays) {
+    for (const int count : {3, 40}) {
+        std::vector<Dictionary::Entry> entries;
+        for (int i = 0; i < count; ++i) {
+            entries.emplace_back(key("same"), i);
+            entries.emplace_back(key(std::to_string(i).c_str()), i);
+        }
+        const auto d = Dictionary::fromEntries(std::move(entries), Dictionary::Mutability::Immutable);
+        EXPECT_EQ(d.size(), static_cast<std::size_t>(count) + 1);
+        EXPECT_EQ(d["same"], Value(count - 1));
+        EXPECT_EQ(d["2"], Value(2));
+    }
+}
+
+TEST(Dictionary, TheImmutableKindRefusesChanges) {
+    Dictionary d(Dictionary::Mutability::Immutable);
+    EXPECT_THROW(d.set("a", 1), Exception);
+    EXPECT_THROW(d.remove("a"), Exception);
+    Dictionary copy = d.mutableCopy();
+    copy.set("a", 1);
+    EXPECT_EQ(copy.size(), 1U);
+    EXPECT_TRUE(d.empty());
+}
+
+TEST(Dictionary, StoresNullAsAValue) {
+    Dictionary d;
+    d.set("a", Value());
+    ASSERT_NE(d.find("a"), nullptr);
+    EXPECT_TRUE(d.find("a")->isNull());
+}
+
+}  // namespace
+}  // namespace krv
