@@ -1,11 +1,10 @@
 #pragma once
 
+#include <KRVQTProcessClient/Foundation/Export.h>
 #include <cstddef>
 #include <optional>
 #include <string_view>
 #include <vector>
-
-#include <KRVQTProcessClient/Foundation/Export.h>
 
 namespace krv {
 
@@ -20,4 +19,4 @@ struct HardwareAddressLookup {
 /// The hardware address of a network interface, such as "en0". Any thread.
 [[nodiscard]] HardwareAddressLookup hardwareAddressOfInterface(std::string_view name);
 
-}  // namespace krv
+} // namespace krv
