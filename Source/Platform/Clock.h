@@ -1,8 +1,7 @@
 #pragma once
 
-#include <chrono>
-
 #include <KRVQTProcessClient/Foundation/Export.h>
+#include <chrono>
 
 namespace krv {
 
@@ -30,4 +29,11 @@ public:
     return std::chrono::duration<double>(d).count();
 }
 
-}  // namespace krv
+/// A time that far after another one; the latest time there is when the sum is out of range. The duration
+/// must not be negative.
+[[nodiscard]] constexpr Clock::TimePoint timePointAfter(Clock::TimePoint time,
+                                                        Clock::Duration duration) noexcept {
+    return time > Clock::TimePoint::max() - duration ? Clock::TimePoint::max() : time + duration;
+}
+
+} // namespace krv

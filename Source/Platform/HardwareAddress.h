@@ -1,12 +1,11 @@
 #pragma once
 
+#include <KRVQTProcessClient/Foundation/Export.h>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string_view>
 #include <vector>
-
-#include <KRVQTProcessClient/Foundation/Export.h>
 
 namespace krv {
 
@@ -31,4 +30,4 @@ struct HardwareAddressLookup {
 /// The hardware address of a network interface, such as "en0". Any thread.
 [[nodiscard]] KRV_EXPORT HardwareAddressLookup hardwareAddressOfInterface(std::string_view name);
 
-}  // namespace krv
+} // namespace krv

@@ -1,14 +1,14 @@
 #pragma once
 
+#include <KRVQTProcessClient/Foundation/Export.h>
+#include <KRVQTProcessClient/Foundation/Mutex.h>
+#include <KRVQTProcessClient/Foundation/Value.h>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <KRVQTProcessClient/Foundation/Export.h>
-#include <KRVQTProcessClient/Foundation/Mutex.h>
-#include <KRVQTProcessClient/Foundation/Value.h>
 
 namespace krv {
 
@@ -23,8 +23,10 @@ struct Notification {
 
 /// Delivers named notifications to observers, synchronously, on the thread that posts.
 ///
-/// Thread-safe. Observers are called without a lock held, in the order in which they were added, from a list taken
-/// when the post began: an observer may add, remove and post.
+/// Thread-safe. Observers are called without a lock held, in the order in which they were added, from a list
+/// taken when the post began: an observer may add, remove and post. One that is removed while a post is under
+/// way and has not been called yet is not called any more. What an observer throws ends the post and passes
+/// to the poster.
 class KRV_EXPORT NotificationCenter {
 public:
     using Observer = std::function<void(const Notification&)>;
@@ -36,7 +38,8 @@ public:
 
     private:
         friend class NotificationCenter;
-        explicit Token(std::uint64_t id) : id_(id) {}
+        explicit Token(std::uint64_t id)
+            : id_(id) {}
         std::uint64_t id_ = 0;
     };
 
@@ -50,18 +53,21 @@ public:
     [[nodiscard]] Token addObserver(std::string_view name, Observer observer);
     /// After this returns no new delivery starts; one that another thread has begun may still run.
     void removeObserver(Token token);
+    /// An empty observer is never called.
     void post(const Notification& notification) const;
 
 private:
     struct Entry {
-        std::uint64_t id;
+        std::uint64_t id = 0;
         std::string name;
         std::shared_ptr<const Observer> observer;
     };
+
+    [[nodiscard]] bool isObserving(std::uint64_t id) const;
 
     mutable Mutex mutex_;
     std::vector<Entry> entries_ KRV_GUARDED_BY(mutex_);
     std::uint64_t nextId_ KRV_GUARDED_BY(mutex_) = 1;
 };
 
-}  // namespace krv
+} // namespace krv

@@ -1,22 +1,20 @@
 #pragma once
 
+#include <KRVQTProcessClient/Foundation/Export.h>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
-
 #include <sys/types.h>
-
-#include <KRVQTProcessClient/Foundation/Export.h>
+#include <vector>
 
 namespace krv {
 
 /// What is known of one process.
 struct ProcessInfo {
     pid_t pid = 0;
-    /// The name of its executable file, in full. For a process whose executable cannot be read (another user's),
-    /// the kernel's own name for it, which is cut at 15 bytes.
+    /// The name of its executable file, in full. For a process whose executable cannot be read (another
+    /// user's), the kernel's own name for it, which is cut at 15 bytes.
     std::string name;
     /// Its real user.
     uid_t user = 0;
@@ -36,4 +34,4 @@ public:
     [[nodiscard]] static ProcessTable& system();
 };
 
-}  // namespace krv
+} // namespace krv

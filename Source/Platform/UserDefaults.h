@@ -1,11 +1,10 @@
 #pragma once
 
+#include <KRVQTProcessClient/Foundation/Export.h>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-
-#include <KRVQTProcessClient/Foundation/Export.h>
 
 namespace krv {
 
@@ -14,7 +13,8 @@ namespace krv {
 ///   2. values that the application has set with setString;
 ///   3. $XDG_CONFIG_HOME/<identifier>/defaults.ini, group "Defaults";
 ///   4. $XDG_CONFIG_HOME/KRVQTProcessClient/defaults.ini, group "Defaults".
-/// XDG_CONFIG_HOME is ~/.config when it is unset. A file that is missing, unreadable or damaged counts as empty.
+/// XDG_CONFIG_HOME is ~/.config when it is unset. A file that is missing, unreadable or damaged counts as
+/// empty.
 ///
 /// Thread-safe.
 class KRV_EXPORT UserDefaults {
@@ -23,8 +23,8 @@ public:
     [[nodiscard]] static UserDefaults& standard();
 
     [[nodiscard]] std::optional<std::string> stringForKey(std::string_view key) const;
-    /// The leading integer of the text, after spaces and a sign, held within 64 bits. 0 for a missing key and for
-    /// text that does not begin with a number; YES and true (any case) read as 1.
+    /// The leading integer of the text, after spaces and a sign, held within 64 bits. 0 for a missing key and
+    /// for text that does not begin with a number; YES and true (any case) read as 1.
     [[nodiscard]] std::int64_t integerForKey(std::string_view key) const;
 
     void setString(std::string_view key, std::string value);
@@ -44,4 +44,4 @@ private:
     std::unique_ptr<State> state_;
 };
 
-}  // namespace krv
+} // namespace krv
