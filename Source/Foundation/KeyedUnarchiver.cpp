@@ -199,6 +199,17 @@ private:
                    : std::string_view();
     }
 
+    /// All text is UTF-8 once it is read: what is stored as ASCII must be.
+    static void requireAscii(std::string_view text) {
+        unsigned char seen = 0;
+        for (const char c : text) {
+            seen = static_cast<unsigned char>(seen | static_cast<unsigned char>(c));
+        }
+        if (seen >= 0x80) {
+            refuse("ASCII text that is none");
+        }
+    }
+
     std::optional<Node> findField(const Node& dictionary, std::string_view key) {
         charge(dictionary.count);
         for (std::uint64_t i = 0; i < dictionary.count; ++i) {
@@ -261,6 +272,7 @@ private:
             return Value(Data(p, p + node.count));
         }
         case Type::Ascii:
+            requireAscii(text(node));
             return Value(text(node));
         case Type::Utf16:
             return Value(plist::utf8FromUtf16(node.body, node.count));

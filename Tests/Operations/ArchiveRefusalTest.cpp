@@ -517,6 +517,11 @@ TEST(ArchiveReader, LoneSurrogatesBecomeReplacementCharacters) {
     EXPECT_EQ(text({0xE9, 0x4E2D}), "\xC3\xA9\xE4\xB8\xAD");
 }
 
+TEST(ArchiveReader, RefusesAsciiTextWithOtherBytes) {
+    EXPECT_EQ(argument(readArgument([](Archive& a) { return a.number(a.file.text("caf\xE9")); })), Value("refused"));
+    EXPECT_EQ(argument(readArgument([](Archive& a) { return a.number(a.file.text("\x7F")); })), Value("\x7F"));
+}
+
 TEST(ArchiveReader, RefusesSizesThatDoNotParse) {
     const auto size = [](const char* text, std::int64_t special) {
         return argument(readArgument([&](Archive& a) {
