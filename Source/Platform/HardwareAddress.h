@@ -1,10 +1,11 @@
 #pragma once
 
-#include <KRVQTProcessClient/Foundation/Export.h>
 #include <cstddef>
 #include <optional>
 #include <string_view>
 #include <vector>
+
+#include <KRVQTProcessClient/Foundation/Export.h>
 
 namespace krv {
 
