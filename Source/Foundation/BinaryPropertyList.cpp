@@ -14,15 +14,6 @@ namespace {
 constexpr std::string_view kMagic = "bplist00";
 constexpr std::uint64_t kTrailerSize = 32;
 
-/// Big-endian unsigned of 1 to 8 bytes.
-std::uint64_t bigEndian(const std::uint8_t* p, unsigned size) noexcept {
-    std::uint64_t v = 0;
-    for (unsigned i = 0; i < size; ++i) {
-        v = v << 8 | p[i];
-    }
-    return v;
-}
-
 }  // namespace
 
 void refuse(const char* why) {
@@ -162,14 +153,6 @@ Node Reader::node(std::uint64_t index) const {
     default:
         refuse("an object of no known kind");
     }
-}
-
-std::uint64_t Reader::reference(const Node& container, std::uint64_t i) const {
-    const std::uint64_t index = bigEndian(container.body + i * referenceSize_, referenceSize_);
-    if (index >= objectCount_) {
-        refuse("a reference to no object");
-    }
-    return index;
 }
 
 std::string utf8FromUtf16(const std::uint8_t* units, std::uint64_t count) {

@@ -2,8 +2,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <span>
 #include <string>
+#include <string_view>
 
 /// Reading the binary property list "bplist00" straight from the caller's bytes.
 ///
@@ -11,6 +13,36 @@
 /// table, each object must end before the table, and a count is checked against the bytes that are left before
 /// anything is done with it. What breaks a rule raises Exception kMalformedArchiveException. Nothing is allocated.
 namespace krv::plist {
+
+/// Raises kMalformedArchiveException.
+[[noreturn]] void refuse(const char* why);
+
+/// Big-endian unsigned of 0 to 8 bytes.
+[[nodiscard]] inline std::uint64_t bigEndian(const std::uint8_t* p, unsigned size) noexcept {
+    switch (size) {
+    case 1:
+        return p[0];
+    case 2:
+        return static_cast<std::uint64_t>(p[0]) << 8 | p[1];
+    case 4: {
+        std::uint32_t v = 0;
+        std::memcpy(&v, p, sizeof v);
+        return __builtin_bswap32(v);
+    }
+    case 8: {
+        std::uint64_t v = 0;
+        std::memcpy(&v, p, sizeof v);
+        return __builtin_bswap64(v);
+    }
+    default: {
+        std::uint64_t v = 0;
+        for (unsigned i = 0; i < size; ++i) {
+            v = v << 8 | p[i];
+        }
+        return v;
+    }
+    }
+}
 
 enum class Type : std::uint8_t { Boolean, Integer, Real32, Real64, Date, Data, Ascii, Utf16, Uid, Array, Dictionary };
 
@@ -43,7 +75,13 @@ public:
     [[nodiscard]] Node node(std::uint64_t index) const;
 
     /// The number of the i-th element of an array, or of a dictionary's i-th key (its i-th value is count + i).
-    [[nodiscard]] std::uint64_t reference(const Node& container, std::uint64_t i) const;
+    [[nodiscard]] std::uint64_t reference(const Node& container, std::uint64_t i) const {
+        const std::uint64_t index = bigEndian(container.body + i * referenceSize_, referenceSize_);
+        if (index >= objectCount_) {
+            refuse("a reference to no object");
+        }
+        return index;
+    }
 
 private:
     [[nodiscard]] std::uint64_t offset(std::uint64_t index) const;
@@ -65,8 +103,5 @@ private:
 
 /// Writes the text, which must be UTF-8, as big-endian UTF-16 and returns the end of what was written.
 std::uint8_t* writeUtf16(std::string_view utf8, std::uint8_t* out) noexcept;
-
-/// Raises kMalformedArchiveException.
-[[noreturn]] void refuse(const char* why);
 
 }  // namespace krv::plist

@@ -3,7 +3,8 @@
 // The first walk follows the object graph and gives each object its number in "$objects". A number has to be given
 // before the contents are known (the contents refer to later numbers), so what an object holds is noted in flat
 // arrays: an Entry for each number, Items (key and value) for each keyed object, and the UID lists of containers.
-// Text and scalars become Atoms, equal ones the same atom, because the file stores each of them once.
+// Text and scalars become Atoms. Equal texts and the two booleans are one atom each and stored once; numbers are not
+// compared with each other, which would cost more than the bytes it saves.
 //
 // After the first walk the number of stored objects is known exactly, and with it the width of a reference; an upper
 // bound of the size is known too. The second walk goes through the entries in order and writes everything into one
@@ -11,6 +12,7 @@
 // gives them their places: storage is depth first, keys before values.
 #include <KRVQTProcessClient/Foundation/KeyedArchiver.h>
 
+#include <array>
 #include <bit>
 #include <cstring>
 #include <limits>
@@ -157,12 +159,28 @@ private:
     std::size_t used_ = 0;
 };
 
+/// The low bytes of the value, in 1, 2, 4 or 8 bytes.
 std::uint8_t* putBigEndian(std::uint8_t* out, std::uint64_t v, unsigned size) noexcept {
-    for (unsigned i = size; i > 0; --i) {
-        out[i - 1] = static_cast<std::uint8_t>(v);
-        v >>= 8;
+    switch (size) {
+    case 1:
+        *out = static_cast<std::uint8_t>(v);
+        return out + 1;
+    case 2: {
+        const std::uint16_t swapped = __builtin_bswap16(static_cast<std::uint16_t>(v));
+        std::memcpy(out, &swapped, sizeof swapped);
+        return out + sizeof swapped;
     }
-    return out + size;
+    case 4: {
+        const std::uint32_t swapped = __builtin_bswap32(static_cast<std::uint32_t>(v));
+        std::memcpy(out, &swapped, sizeof swapped);
+        return out + sizeof swapped;
+    }
+    default: {
+        const std::uint64_t swapped = __builtin_bswap64(v);
+        std::memcpy(out, &swapped, sizeof swapped);
+        return out + sizeof swapped;
+    }
+    }
 }
 
 /// The smallest of 1, 2, 4 and 8 bytes that holds the value.
@@ -212,10 +230,14 @@ public:
     void item(std::string_view key, Item::Kind kind, std::uint32_t first, std::uint32_t count = 1) {
         pending_.push_back({atomOf(key), kind, first, count});
     }
-    std::uint32_t scalar(Atom::Kind kind, std::uint64_t bits) {
-        const std::uint64_t mixed = (bits ^ static_cast<std::uint64_t>(kind) << 56) * 0x9E3779B97F4A7C15U;
-        const auto hash = static_cast<std::uint32_t>(mixed >> 32);
-        return intern({kind, kNone, 0, hash, bits, {}});
+    std::uint32_t scalar(Atom::Kind kind, std::uint64_t bits) { return add({kind, kNone, 0, 0, bits, {}}); }
+
+    std::uint32_t boolean(bool value) {
+        std::uint32_t& atom = booleans_[value ? 1 : 0];
+        if (atom == kNone) {
+            atom = scalar(Atom::Kind::Boolean, value ? 1 : 0);
+        }
+        return atom;
     }
 
     /// Holds on to a value until the archive is written: atoms refer to its text.
@@ -240,6 +262,7 @@ private:
         shared_.clear();
         atomTable_.clear();
         sharedTable_.clear();
+        booleans_ = {kNone, kNone};
         bound_ = 0;
         lists_ = 0;
         objects_ = 0;
@@ -427,7 +450,7 @@ private:
                 if constexpr (std::is_same_v<T, std::monostate>) {
                     return keyedObject(nullptr, "NSNull", {}, {}, [] {});
                 } else if constexpr (std::is_same_v<T, bool>) {
-                    return atomEntry(scalar(Atom::Kind::Boolean, v ? 1 : 0));
+                    return atomEntry(boolean(v));
                 } else if constexpr (std::is_same_v<T, std::int64_t>) {
                     return atomEntry(scalar(Atom::Kind::Integer, static_cast<std::uint64_t>(v)));
                 } else if constexpr (std::is_same_v<T, float>) {
@@ -497,8 +520,8 @@ private:
         Data data(bound);
         begin_ = reinterpret_cast<std::uint8_t*>(data.data());
         out_ = begin_;
-        offsets_.clear();
-        offsets_.reserve(count);
+        offsets_.resize(static_cast<std::size_t>(count));
+        places_ = 0;
         uidPlaces_.assign(entries_.size(), kNone);
 
         std::memcpy(out_, "bplist00", 8);
@@ -525,8 +548,8 @@ private:
 
     /// Opens the next stored object here and returns its place.
     std::uint32_t place() {
-        offsets_.push_back(static_cast<std::uint64_t>(out_ - begin_));
-        return static_cast<std::uint32_t>(offsets_.size() - 1);
+        offsets_[places_] = static_cast<std::uint64_t>(out_ - begin_);
+        return places_++;
     }
 
     std::uint8_t* reserve(std::size_t references) {
@@ -659,6 +682,7 @@ private:
     std::vector<std::pair<const void*, std::uint32_t>> shared_;
     IdTable sharedTable_;
     std::vector<Value> kept_;
+    std::array<std::uint32_t, 2> booleans_{kNone, kNone};
     std::size_t bound_ = 0;
     std::size_t lists_ = 0;
     std::size_t objects_ = 0;
@@ -668,6 +692,7 @@ private:
     std::uint8_t* begin_ = nullptr;
     std::uint8_t* out_ = nullptr;
     unsigned referenceSize_ = 1;
+    std::uint32_t places_ = 0;
     std::vector<std::uint64_t> offsets_;
     std::vector<std::uint32_t> uidPlaces_;
 
@@ -694,7 +719,7 @@ Data KeyedArchiver::archivedData(const Archivable& root) {
 }
 
 void KeyedArchiver::encodeBool(std::string_view key, bool value) {
-    encoder_.item(key, Item::Kind::Atom, encoder_.scalar(Atom::Kind::Boolean, value ? 1 : 0));
+    encoder_.item(key, Item::Kind::Atom, encoder_.boolean(value));
 }
 
 void KeyedArchiver::encodeInt(std::string_view key, std::int64_t value) {

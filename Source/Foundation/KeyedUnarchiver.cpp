@@ -1,5 +1,6 @@
 #include <KRVQTProcessClient/Foundation/KeyedUnarchiver.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <limits>
@@ -171,11 +172,12 @@ public:
         return !node || (node->type == Type::Uid && node->bits == 0);
     }
 
-    Value reference(const Node& node) {
+    const Value& reference(const Node& node) {
+        static const Value null;
         if (node.type != Type::Uid) {
             refuse("an inline value where a reference belongs");
         }
-        return node.bits == 0 ? Value() : object(node.bits);
+        return node.bits == 0 ? null : object(node.bits);
     }
 
 private:
@@ -215,8 +217,8 @@ private:
         return *node;
     }
 
-    /// The object with this number in "$objects".
-    Value object(std::uint64_t uid) {
+    /// The object with this number in "$objects". The slot that it stands in stays where it is.
+    const Value& object(std::uint64_t uid) {
         if (uid >= objects_.count) {
             refuse("a reference to no object");
         }
@@ -224,7 +226,7 @@ private:
     }
 
     /// A stored object as a value, decoded once.
-    Value stored(std::uint64_t index) {
+    const Value& stored(std::uint64_t index) {
         Slot& slot = slots_[index];
         switch (slot.state) {
         case Slot::State::Decoded:
@@ -322,6 +324,7 @@ private:
     Value archivable(const Node& node, const ArchivableClass& known) {
         charge(node.count);
         std::vector<Field> fields;
+        fields.reserve(kFewEntries);
         for (std::uint64_t i = 0; i < node.count; ++i) {
             const std::string_view key = text(reader_.node(reader_.reference(node, i)));
             // More keys than any class of ours has: only those that could be asked for are kept.
@@ -343,14 +346,14 @@ private:
         case Standard::Null:
             return {};
         case Standard::MutableString: {
-            Value value = inlineObject(node, "NS.string");
+            const Value& value = inlineObject(node, "NS.string");
             if (value.kind() != Value::Kind::String) {
                 refuse("a string without text");
             }
             return value;
         }
         case Standard::Data: {
-            Value value = inlineObject(node, "NS.data");
+            const Value& value = inlineObject(node, "NS.data");
             if (value.kind() != Value::Kind::Data) {
                 refuse("data without bytes");
             }
@@ -369,7 +372,7 @@ private:
         case Standard::Value: {
             constexpr std::int64_t kSizeKind = 2;
             const Node special = requiredField(node, "NS.special");
-            const Value sizeText = reference(requiredField(node, "NS.sizeval"));
+            const Value& sizeText = reference(requiredField(node, "NS.sizeval"));
             if (special.type != Type::Integer || special.integer() != kSizeKind ||
                 sizeText.kind() != Value::Kind::String) {
                 refuse("a value object that is no size");
@@ -396,7 +399,7 @@ private:
 
     /// A string or data that stands in the object itself. Looked up by its number, so that it is decoded once even
     /// when many objects hold it.
-    Value inlineObject(const Node& node, std::string_view key) {
+    const Value& inlineObject(const Node& node, std::string_view key) {
         charge(node.count);
         for (std::uint64_t i = 0; i < node.count; ++i) {
             if (text(reader_.node(reader_.reference(node, i))) == key) {
@@ -420,7 +423,7 @@ private:
         return elements;
     }
 
-    Value element(const Node& elements, std::uint64_t i) {
+    const Value& element(const Node& elements, std::uint64_t i) {
         const Node uid = reader_.node(reader_.reference(elements, i));
         if (uid.type != Type::Uid || uid.bits == 0) {
             refuse("an element that is no reference to an object");
@@ -435,6 +438,7 @@ private:
             refuse("keys and values of unequal number");
         }
         std::vector<Dictionary::Entry> entries;
+        entries.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(keys.count, kFewEntries)));
         for (std::uint64_t i = 0; i < keys.count; ++i) {
             Value::StringRef key = element(keys, i).string();
             if (!key) {
@@ -447,7 +451,7 @@ private:
     }
 
     Value error(const Node& node) {
-        const Value domain = reference(requiredField(node, "NSDomain"));
+        const Value& domain = reference(requiredField(node, "NSDomain"));
         const Node code = requiredField(node, "NSCode");
         const std::optional<Node> userInfoField = findField(node, "NSUserInfo");
         const Value userInfo = userInfoField ? reference(*userInfoField) : Value();
@@ -459,6 +463,8 @@ private:
     }
 
     static constexpr std::size_t kMostFields = 64;
+    /// What most dictionaries hold at most; larger ones grow as they are read.
+    static constexpr std::size_t kFewEntries = 16;
 
     plist::Reader reader_;
     std::span<const ArchivableClass> classes_;
