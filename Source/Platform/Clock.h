@@ -1,7 +1,8 @@
 #pragma once
 
-#include <KRVQTProcessClient/Foundation/Export.h>
 #include <chrono>
+
+#include <KRVQTProcessClient/Foundation/Export.h>
 
 namespace krv {
 

@@ -1,10 +1,11 @@
 #pragma once
 
+#include <optional>
+#include <string>
+
 #include <KRVQTProcessClient/Foundation/Export.h>
 #include <KRVQTProcessClient/Foundation/Value.h>
 #include <KRVQTProcessClient/Platform/Clock.h>
-#include <optional>
-#include <string>
 
 namespace krv {
 

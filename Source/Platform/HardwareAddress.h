@@ -1,11 +1,12 @@
 #pragma once
 
-#include <KRVQTProcessClient/Foundation/Export.h>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string_view>
 #include <vector>
+
+#include <KRVQTProcessClient/Foundation/Export.h>
 
 namespace krv {
 

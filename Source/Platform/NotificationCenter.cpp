@@ -1,4 +1,5 @@
 #include <KRVQTProcessClient/Platform/NotificationCenter.h>
+
 #include <algorithm>
 
 namespace krv {

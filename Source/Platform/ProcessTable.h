@@ -1,12 +1,14 @@
 #pragma once
 
-#include <KRVQTProcessClient/Foundation/Export.h>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <sys/types.h>
 #include <vector>
+
+#include <sys/types.h>
+
+#include <KRVQTProcessClient/Foundation/Export.h>
 
 namespace krv {
 

@@ -1,10 +1,11 @@
 #pragma once
 
+#include <functional>
+#include <memory>
+
 #include <KRVQTProcessClient/Foundation/Export.h>
 #include <KRVQTProcessClient/Foundation/Selector.h>
 #include <KRVQTProcessClient/Platform/Clock.h>
-#include <functional>
-#include <memory>
 
 namespace krv {
 

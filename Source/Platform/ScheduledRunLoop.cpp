@@ -1,11 +1,13 @@
-#include <KRVQTProcessClient/Foundation/Exception.h>
-#include <KRVQTProcessClient/Foundation/Mutex.h>
 #include <KRVQTProcessClient/Platform/ScheduledRunLoop.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <map>
 #include <utility>
 #include <vector>
+
+#include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Foundation/Mutex.h>
 
 namespace krv {
 

@@ -1,8 +1,9 @@
 #pragma once
 
-#include <KRVQTProcessClient/Platform/RunLoop.h>
 #include <memory>
 #include <optional>
+
+#include <KRVQTProcessClient/Platform/RunLoop.h>
 
 namespace krv {
 

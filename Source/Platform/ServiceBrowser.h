@@ -1,10 +1,11 @@
 #pragma once
 
-#include <KRVQTProcessClient/Foundation/Export.h>
-#include <KRVQTProcessClient/Platform/Clock.h>
 #include <memory>
 #include <string>
 #include <string_view>
+
+#include <KRVQTProcessClient/Foundation/Export.h>
+#include <KRVQTProcessClient/Platform/Clock.h>
 
 namespace krv {
 

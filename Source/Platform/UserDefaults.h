@@ -1,10 +1,11 @@
 #pragma once
 
-#include <KRVQTProcessClient/Foundation/Export.h>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include <KRVQTProcessClient/Foundation/Export.h>
 
 namespace krv {
 

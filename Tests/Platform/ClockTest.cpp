@@ -1,7 +1,9 @@
-#include <KRVQTProcessClient/Platform/Fakes/FakeClock.h>
 #include <cmath>
-#include <gtest/gtest.h>
 #include <limits>
+
+#include <gtest/gtest.h>
+
+#include <KRVQTProcessClient/Platform/Fakes/FakeClock.h>
 
 namespace krv {
 namespace {

@@ -1,12 +1,14 @@
+#include <future>
+#include <thread>
+
+#include <gio/gio.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeRunLoop.h>
 #include <KRVQTProcessClient/Platform/RunLoop.h>
 #include <KRVQTProcessClient/Shared/DDLog.h>
-#include <future>
-#include <gio/gio.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <thread>
 
 namespace krv {
 namespace {

@@ -1,8 +1,10 @@
-#include <KRVQTProcessClient/Platform/NotificationCenter.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <stdexcept>
 #include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <KRVQTProcessClient/Platform/NotificationCenter.h>
 
 namespace krv {
 namespace {

@@ -1,10 +1,12 @@
-#include <KRVQTProcessClient/Foundation/Exception.h>
-#include <KRVQTProcessClient/Platform/Fakes/FakeRunLoop.h>
 #include <functional>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <stdexcept>
 #include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Platform/Fakes/FakeRunLoop.h>
 
 // What every run loop promises: the main one, one of a thread of its own, and the fake.
 

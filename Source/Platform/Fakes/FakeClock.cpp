@@ -1,4 +1,5 @@
 #include <KRVQTProcessClient/Platform/Fakes/FakeClock.h>
+
 #include <algorithm>
 
 namespace krv {

@@ -1,8 +1,9 @@
 #pragma once
 
+#include <vector>
+
 #include <KRVQTProcessClient/Foundation/Mutex.h>
 #include <KRVQTProcessClient/Platform/Clock.h>
-#include <vector>
 
 namespace krv {
 

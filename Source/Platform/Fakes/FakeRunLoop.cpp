@@ -1,4 +1,5 @@
 #include <KRVQTProcessClient/Platform/Fakes/FakeRunLoop.h>
+
 #include <stdexcept>
 
 namespace krv {

@@ -1,8 +1,9 @@
 #pragma once
 
+#include <atomic>
+
 #include <KRVQTProcessClient/Platform/Fakes/FakeClock.h>
 #include <KRVQTProcessClient/Platform/ScheduledRunLoop.h>
-#include <atomic>
 
 namespace krv {
 

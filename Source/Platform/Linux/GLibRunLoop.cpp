@@ -1,7 +1,12 @@
-#include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Platform/Linux/GLibRunLoop.h>
-#include <KRVQTProcessClient/Shared/Log.h>
+
+#include <atomic>
+#include <utility>
+
 #include <unistd.h>
+
+#include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Shared/Log.h>
 
 // GLib's frames must not see an exception, so dispatch() catches what a call-back throws and the turn ends
 // there: every dispatch is followed by a return to runUntil or run, which raises it. When the application
@@ -178,15 +183,21 @@ void GLibRunLoop::runUntil(Clock::TimePoint time) {
 
 void GLibRunLoop::run() {
     const Turning turning(*this);
-    while (!stopRequested_.exchange(false)) {
+    while (!takeStopRequest()) {
         g_main_context_iteration(context_, TRUE);
         raiseKeptException();
     }
 }
 
 void GLibRunLoop::stop() {
+    const LockGuard lock(stopMutex_);
     stopRequested_ = true;
     g_main_context_wakeup(context_);
+}
+
+bool GLibRunLoop::takeStopRequest() {
+    const LockGuard lock(stopMutex_);
+    return std::exchange(stopRequested_, false);
 }
 
 RunLoop& RunLoop::main() {

@@ -1,10 +1,12 @@
 #pragma once
 
-#include <KRVQTProcessClient/Platform/ScheduledRunLoop.h>
-#include <atomic>
 #include <exception>
-#include <glib.h>
 #include <thread>
+
+#include <glib.h>
+
+#include <KRVQTProcessClient/Foundation/Mutex.h>
+#include <KRVQTProcessClient/Platform/ScheduledRunLoop.h>
 
 namespace krv {
 
@@ -33,13 +35,17 @@ private:
     void nextCallChanged(std::optional<Clock::TimePoint> due) override;
     void keepException() noexcept;
     void raiseKeptException();
+    [[nodiscard]] bool takeStopRequest();
     [[nodiscard]] bool isOwnThread() const;
 
     const Kind kind_;
     const std::thread::id thread_; // of a thread loop
     GMainContext* const context_;
     GSource* const source_;
-    std::atomic<bool> stopRequested_{false};
+    // Waking the context under this lock keeps a thread that sees the request, returns from run() and ends
+    // from taking the context away under the one that asks.
+    Mutex stopMutex_;
+    bool stopRequested_ KRV_GUARDED_BY(stopMutex_) = false;
     // The loop's own thread only.
     int turning_ = 0;
     std::exception_ptr exception_;

@@ -1,6 +1,7 @@
-#include <KRVQTProcessClient/Platform/Clock.h>
 #include <cmath>
 #include <thread>
+
+#include <KRVQTProcessClient/Platform/Clock.h>
 
 namespace krv {
 namespace {
