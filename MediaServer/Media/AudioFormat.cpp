@@ -4,12 +4,10 @@
 #include <array>
 #include <fmt/format.h>
 #include <span>
+#include <vector>
 
 namespace krv::media {
 namespace {
-
-// What an encoder without a list of its own takes.
-constexpr int kMostChannels = 8;
 
 int chooseRate(const AVCodecContext& context, int source, const Settings& settings, const Codec& codec) {
     const int wanted = settings.sampleRate.value_or(source);
@@ -31,33 +29,41 @@ int chooseRate(const AVCodecContext& context, int source, const Settings& settin
     return above != 0 ? above : highest;
 }
 
+// The layouts that the codec's table or FFmpeg's encoder lists; empty if there is no list.
+std::vector<AVChannelLayout> knownLayouts(const AVCodecContext& context, const Codec& codec) {
+    std::vector<AVChannelLayout> layouts; // of standard channels in standard order, which own no memory
+    for (const std::uint64_t mask : codec.layouts)
+        av_channel_layout_from_mask(&layouts.emplace_back(), mask);
+    for (const auto* one = context.codec->ch_layouts; one && one->nb_channels > 0 && codec.layouts.empty();
+         ++one)
+        layouts.push_back(*one);
+    return layouts;
+}
+
+// The same channels if possible, else as many, else as many as there are below that.
 void chooseLayout(AVCodecContext& context, const AVChannelLayout& source, const Settings& settings,
                   const Codec& codec) {
     ChannelLayout wanted;
     if (settings.channels && *settings.channels != source.nb_channels)
         wanted.assignDefault(*settings.channels);
-    else if (source.order == AV_CHANNEL_ORDER_UNSPEC || context.codec_id == AV_CODEC_ID_OPUS)
-        wanted.assignDefault(source.nb_channels); // Opus has one order of channels for each number of them
+    else if (source.order == AV_CHANNEL_ORDER_UNSPEC)
+        wanted.assignDefault(source.nb_channels);
     else
         wanted.assign(source);
 
-    const AVChannelLayout* best = &wanted.get();
-    if (const AVChannelLayout* one = context.codec->ch_layouts) {
-        best = nullptr;
-        for (; one->nb_channels > 0; ++one) {
-            if (av_channel_layout_compare(one, &wanted.get()) == 0) {
-                best = one;
-                break;
-            }
-            const bool fits = one->nb_channels <= wanted.get().nb_channels;
-            if (fits && (!best || one->nb_channels > best->nb_channels))
-                best = one;
-        }
-    } else if (context.codec_id == AV_CODEC_ID_OPUS && wanted.get().nb_channels > kMostChannels) {
-        best = nullptr;
+    const auto layouts = knownLayouts(context, codec);
+    const AVChannelLayout* best = layouts.empty() ? &wanted.get() : nullptr;
+    for (const AVChannelLayout& one : layouts) {
+        const bool same = av_channel_layout_compare(&one, &wanted.get()) == 0;
+        if (one.nb_channels <= wanted.get().nb_channels &&
+            (!best || one.nb_channels > best->nb_channels || same))
+            best = &one;
+        if (same)
+            break;
     }
-    if (!best || best->order == AV_CHANNEL_ORDER_UNSPEC ||
-        (settings.channels && best->nb_channels != *settings.channels))
+    if (settings.channels && best && best->nb_channels != *settings.channels)
+        best = codec.id == AV_CODEC_ID_AAC ? &wanted.get() : nullptr;
+    if (!best || best->order == AV_CHANNEL_ORDER_UNSPEC)
         throw Failure(FailureCode::Unsupported, fmt::format("{} cannot be made with {} channels.",
                                                             codec.displayName, wanted.get().nb_channels));
     if (av_channel_layout_copy(&context.ch_layout, best) < 0)

@@ -53,8 +53,9 @@ void AudioResampler::configure(const AVFrame& frame, const Sink& sink) {
     // The function is older than const; it copies both layouts.
     auto& out = const_cast<AVChannelLayout&>(encoder_.ch_layout);
     auto& in = const_cast<AVChannelLayout&>(layout.get());
-    int result = swr_alloc_set_opts2(&resampler, &out, encoder_.sample_fmt, encoder_.sample_rate, &in,
-                                     static_cast<AVSampleFormat>(frame.format), frame.sample_rate, 0, nullptr);
+    int result =
+        swr_alloc_set_opts2(&resampler, &out, encoder_.sample_fmt, encoder_.sample_rate, &in,
+                            static_cast<AVSampleFormat>(frame.format), frame.sample_rate, 0, nullptr);
     resampler_.reset(resampler);
     if (result >= 0)
         result = swr_init(resampler);

@@ -1,15 +1,6 @@
 #include <MediaServer/Media/AudioTranscoder.h>
 #include <MediaServer/Media/Metadata.h>
-#include <limits>
-
 namespace krv::media {
-namespace {
-
-// Times that lie further than this behind the end of the movie are damage.
-constexpr std::int64_t kSlack = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
-
-} // namespace
-
 AudioTranscoder::AudioTranscoder(const Source& source, const AVStream& from, const Request& request)
     : source_(source)
     , from_(from)
@@ -22,12 +13,9 @@ void AudioTranscoder::open(OutputFile& output) {
                      output, [this](AVCodecContext& context) {
                          chooseAudioFormat(context, from_, request_.settings, request_.codec);
                      });
-    constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max() / (4 * AV_TIME_BASE);
-    const std::int64_t length = source_.duration();
-    const std::int64_t end = length > 0 ? source_.start() + length + kSlack : kNever;
     resampler_.emplace(encoder_->context(), from_.time_base,
-                       av_rescale_q(end, kMicroseconds, from_.time_base));
-    copyTrackMetadata(from_, encoder_->stream());
+                       av_rescale_q(source_.lastPlausibleTime(), kMicroseconds, from_.time_base));
+    copyTrackMetadata(from_, encoder_->stream(), output.container());
 }
 
 void AudioTranscoder::push(const AVPacket& packet) {

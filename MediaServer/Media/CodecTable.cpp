@@ -37,24 +37,32 @@ constexpr AVPixelFormat kNoPixels = AV_PIX_FMT_NONE;
 constexpr AVMediaType kVideo = AVMEDIA_TYPE_VIDEO;
 constexpr AVMediaType kAudio = AVMEDIA_TYPE_AUDIO;
 
+// The layouts that every player of these codecs knows; sound with more channels is mixed down unless it is asked for.
+constexpr std::array<std::uint64_t, 6> kAACLayouts{AV_CH_LAYOUT_MONO,         AV_CH_LAYOUT_STEREO,
+                                                   AV_CH_LAYOUT_SURROUND,     AV_CH_LAYOUT_4POINT0,
+                                                   AV_CH_LAYOUT_5POINT0_BACK, AV_CH_LAYOUT_5POINT1_BACK};
+constexpr std::array<std::uint64_t, 8> kOpusLayouts{
+    AV_CH_LAYOUT_MONO,         AV_CH_LAYOUT_STEREO,       AV_CH_LAYOUT_SURROUND, AV_CH_LAYOUT_QUAD,
+    AV_CH_LAYOUT_5POINT0_BACK, AV_CH_LAYOUT_5POINT1_BACK, AV_CH_LAYOUT_6POINT1,  AV_CH_LAYOUT_7POINT1};
+
 constexpr std::array<Codec, 16> kCodecs{{
     // code           type    id                     name             encoders                        options       8 bits, more bits                                   with alpha             tag
-    {fourCC("avc1"), kVideo, AV_CODEC_ID_H264,      "H.264",         {"libx264", nullptr},           "",           {AV_PIX_FMT_YUV420P,     AV_PIX_FMT_YUV420P},       kNoPixels,               0},
-    {fourCC("hvc1"), kVideo, AV_CODEC_ID_HEVC,      "HEVC",          {"libx265", nullptr},           "",           {AV_PIX_FMT_YUV420P,     AV_PIX_FMT_YUV420P10},     kNoPixels,               fourCC("hvc1")},
-    {fourCC("av01"), kVideo, AV_CODEC_ID_AV1,       "AV1",           {"libsvtav1", "libaom-av1"},    "",           {AV_PIX_FMT_YUV420P,     AV_PIX_FMT_YUV420P10},     kNoPixels,               0},
-    {fourCC("vp09"), kVideo, AV_CODEC_ID_VP9,       "VP9",           {"libvpx-vp9", nullptr},        "",           {AV_PIX_FMT_YUV420P,     AV_PIX_FMT_YUV420P10},     kNoPixels,               0},
-    {fourCC("apcn"), kVideo, AV_CODEC_ID_PRORES,    "ProRes 422",    {"prores_ks", nullptr},         "profile=2",  {AV_PIX_FMT_YUV422P10,   AV_PIX_FMT_YUV422P10},     kNoPixels,               0},
-    {fourCC("apch"), kVideo, AV_CODEC_ID_PRORES,    "ProRes 422 HQ", {"prores_ks", nullptr},         "profile=3",  {AV_PIX_FMT_YUV422P10,   AV_PIX_FMT_YUV422P10},     kNoPixels,               0},
-    {fourCC("ap4h"), kVideo, AV_CODEC_ID_PRORES,    "ProRes 4444",   {"prores_ks", nullptr},         "profile=4",  {AV_PIX_FMT_YUV444P10,   AV_PIX_FMT_YUV444P10},     AV_PIX_FMT_YUVA444P10,   0},
-    {fourCC("jpeg"), kVideo, AV_CODEC_ID_MJPEG,     "Motion JPEG",   {"mjpeg", nullptr},             "",           {AV_PIX_FMT_YUVJ420P,    AV_PIX_FMT_YUVJ420P},      kNoPixels,               0},
-    {fourCC("mp4v"), kVideo, AV_CODEC_ID_MPEG4,     "MPEG-4",        {"mpeg4", nullptr},             "",           {AV_PIX_FMT_YUV420P,     AV_PIX_FMT_YUV420P},       kNoPixels,               0},
-    {fourCC("mp4a"), kAudio, AV_CODEC_ID_AAC,       "AAC",           {"aac", nullptr},               "",           {kNoPixels,              kNoPixels},                kNoPixels,               0},
-    {fourCC("alac"), kAudio, AV_CODEC_ID_ALAC,      "ALAC",          {"alac", nullptr},              "",           {kNoPixels,              kNoPixels},                kNoPixels,               0},
-    {fourCC("lpcm"), kAudio, AV_CODEC_ID_PCM_S16LE, "PCM",           {"pcm", nullptr},               "",           {kNoPixels,              kNoPixels},                kNoPixels,               0},
-    {fourCC("ac-3"), kAudio, AV_CODEC_ID_AC3,       "AC-3",          {"ac3", nullptr},               "",           {kNoPixels,              kNoPixels},                kNoPixels,               0},
-    {fourCC("Opus"), kAudio, AV_CODEC_ID_OPUS,      "Opus",          {"libopus", nullptr},           "",           {kNoPixels,              kNoPixels},                kNoPixels,               0},
-    {fourCC("fLaC"), kAudio, AV_CODEC_ID_FLAC,      "FLAC",          {"flac", nullptr},              "",           {kNoPixels,              kNoPixels},                kNoPixels,               0},
-    {fourCC(".mp3"), kAudio, AV_CODEC_ID_MP3,       "MP3",           {"libmp3lame", nullptr},        "",           {kNoPixels,              kNoPixels},                kNoPixels,               0},
+    {fourCC("avc1"), kVideo, AV_CODEC_ID_H264,      "H.264",         {"libx264", nullptr},           "",           {AV_PIX_FMT_YUV420P,     AV_PIX_FMT_YUV420P},       kNoPixels, {}, 0},
+    {fourCC("hvc1"), kVideo, AV_CODEC_ID_HEVC,      "HEVC",          {"libx265", nullptr},           "",           {AV_PIX_FMT_YUV420P,     AV_PIX_FMT_YUV420P10},     kNoPixels, {}, fourCC("hvc1")},
+    {fourCC("av01"), kVideo, AV_CODEC_ID_AV1,       "AV1",           {"libsvtav1", "libaom-av1"},    "",           {AV_PIX_FMT_YUV420P,     AV_PIX_FMT_YUV420P10},     kNoPixels, {}, 0},
+    {fourCC("vp09"), kVideo, AV_CODEC_ID_VP9,       "VP9",           {"libvpx-vp9", nullptr},        "",           {AV_PIX_FMT_YUV420P,     AV_PIX_FMT_YUV420P10},     kNoPixels, {}, 0},
+    {fourCC("apcn"), kVideo, AV_CODEC_ID_PRORES,    "ProRes 422",    {"prores_ks", nullptr},         "profile=2",  {AV_PIX_FMT_YUV422P10,   AV_PIX_FMT_YUV422P10},     kNoPixels, {}, 0},
+    {fourCC("apch"), kVideo, AV_CODEC_ID_PRORES,    "ProRes 422 HQ", {"prores_ks", nullptr},         "profile=3",  {AV_PIX_FMT_YUV422P10,   AV_PIX_FMT_YUV422P10},     kNoPixels, {}, 0},
+    {fourCC("ap4h"), kVideo, AV_CODEC_ID_PRORES,    "ProRes 4444",   {"prores_ks", nullptr},         "profile=4",  {AV_PIX_FMT_YUV444P10,   AV_PIX_FMT_YUV444P10},     AV_PIX_FMT_YUVA444P10, {}, 0},
+    {fourCC("jpeg"), kVideo, AV_CODEC_ID_MJPEG,     "Motion JPEG",   {"mjpeg", nullptr},             "",           {AV_PIX_FMT_YUVJ420P,    AV_PIX_FMT_YUVJ420P},      kNoPixels, {}, 0},
+    {fourCC("mp4v"), kVideo, AV_CODEC_ID_MPEG4,     "MPEG-4",        {"mpeg4", nullptr},             "",           {AV_PIX_FMT_YUV420P,     AV_PIX_FMT_YUV420P},       kNoPixels, {}, 0},
+    {fourCC("mp4a"), kAudio, AV_CODEC_ID_AAC,       "AAC",           {"aac", nullptr},               "",           {kNoPixels,              kNoPixels},                kNoPixels, kAACLayouts, 0},
+    {fourCC("alac"), kAudio, AV_CODEC_ID_ALAC,      "ALAC",          {"alac", nullptr},              "",           {kNoPixels,              kNoPixels},                kNoPixels, {}, 0},
+    {fourCC("lpcm"), kAudio, AV_CODEC_ID_PCM_S16LE, "PCM",           {"pcm", nullptr},               "",           {kNoPixels,              kNoPixels},                kNoPixels, {}, 0},
+    {fourCC("ac-3"), kAudio, AV_CODEC_ID_AC3,       "AC-3",          {"ac3", nullptr},               "",           {kNoPixels,              kNoPixels},                kNoPixels, {}, 0},
+    {fourCC("Opus"), kAudio, AV_CODEC_ID_OPUS,      "Opus",          {"libopus", nullptr},           "",           {kNoPixels,              kNoPixels},                kNoPixels, kOpusLayouts, 0},
+    {fourCC("fLaC"), kAudio, AV_CODEC_ID_FLAC,      "FLAC",          {"flac", nullptr},              "",           {kNoPixels,              kNoPixels},                kNoPixels, {}, 0},
+    {fourCC(".mp3"), kAudio, AV_CODEC_ID_MP3,       "MP3",           {"libmp3lame", nullptr},        "",           {kNoPixels,              kNoPixels},                kNoPixels, {}, 0},
 }};
 // clang-format on
 

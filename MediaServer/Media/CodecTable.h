@@ -43,6 +43,8 @@ struct Codec {
     const char* options;                       ///< "key=value:…" that make this code's variant
     std::array<AVPixelFormat, 2> pixelFormats; ///< for sources of 8 bits and of more; NONE for sound
     AVPixelFormat alphaPixelFormat;            ///< for sources with transparency; NONE: it is lost
+    std::span<const std::uint64_t>
+        layouts;                ///< channel layouts that may be used; empty: those of FFmpeg's encoder
     std::uint32_t quickTimeTag; ///< tag in the mov family where FFmpeg would choose another; 0: FFmpeg's
 };
 

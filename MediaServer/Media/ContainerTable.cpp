@@ -16,18 +16,18 @@ constexpr auto kPCM = fourCC("lpcm");
 
 // clang-format off
 constexpr std::array<Container, 11> kContainers{{
-    // extension  muxer       video           audio           subtitles              cover                 front  matrix single timed  options
-    {"mov",  "mov",      kH264,          kAAC,           AV_CODEC_ID_MOV_TEXT, CoverArt::None,       true,  true,  false, true,  ""},
-    {"mp4",  "mp4",      kH264,          kAAC,           AV_CODEC_ID_MOV_TEXT, CoverArt::Stream,     true,  true,  false, true,  ""},
-    {"m4v",  "mp4",      kH264,          kAAC,           AV_CODEC_ID_MOV_TEXT, CoverArt::Stream,     true,  true,  false, true,  "brand=M4V "},
-    {"m4a",  "ipod",     0,              kAAC,           AV_CODEC_ID_NONE,     CoverArt::Stream,     true,  false, false, true,  ""},
-    {"mkv",  "matroska", kH264,          kAAC,           AV_CODEC_ID_ASS,      CoverArt::Attachment, false, false, false, true,  ""},
-    {"webm", "webm",     fourCC("vp09"), fourCC("Opus"), AV_CODEC_ID_WEBVTT,   CoverArt::None,       false, false, false, true,  ""},
-    {"mka",  "matroska", 0,              kAAC,           AV_CODEC_ID_NONE,     CoverArt::Attachment, false, false, false, true,  ""},
-    {"wav",  "wav",      0,              kPCM,           AV_CODEC_ID_NONE,     CoverArt::None,       false, false, true,  false, "rf64=auto"},
-    {"mp3",  "mp3",      0,              fourCC(".mp3"), AV_CODEC_ID_NONE,     CoverArt::Stream,     false, false, true,  false, ""},
-    {"flac", "flac",     0,              fourCC("fLaC"), AV_CODEC_ID_NONE,     CoverArt::Stream,     false, false, true,  false, ""},
-    {"ogg",  "ogg",      0,              fourCC("Opus"), AV_CODEC_ID_NONE,     CoverArt::None,       false, false, false, true,  ""},
+    // extension  muxer       video           audio           subtitles              cover                 front  matrix edits  single timed  options
+    {"mov",  "mov",      kH264,          kAAC,           AV_CODEC_ID_MOV_TEXT, CoverArt::None,       true,  true,  true,  false, true,  ""},
+    {"mp4",  "mp4",      kH264,          kAAC,           AV_CODEC_ID_MOV_TEXT, CoverArt::Stream,     true,  true,  true,  false, true,  ""},
+    {"m4v",  "mp4",      kH264,          kAAC,           AV_CODEC_ID_MOV_TEXT, CoverArt::Stream,     true,  true,  true,  false, true,  "brand=M4V "},
+    {"m4a",  "ipod",     0,              kAAC,           AV_CODEC_ID_NONE,     CoverArt::Stream,     true,  false, true, false, true,  ""},
+    {"mkv",  "matroska", kH264,          kAAC,           AV_CODEC_ID_ASS,      CoverArt::Attachment, false, false, false, false, true,  ""},
+    {"webm", "webm",     fourCC("vp09"), fourCC("Opus"), AV_CODEC_ID_WEBVTT,   CoverArt::None,       false, false, false, false, true,  ""},
+    {"mka",  "matroska", 0,              kAAC,           AV_CODEC_ID_NONE,     CoverArt::Attachment, false, false, false, false, true,  ""},
+    {"wav",  "wav",      0,              kPCM,           AV_CODEC_ID_NONE,     CoverArt::None,       false, false, false, true,  false, "rf64=auto"},
+    {"mp3",  "mp3",      0,              fourCC(".mp3"), AV_CODEC_ID_NONE,     CoverArt::Stream,     false, false, false, true,  false, ""},
+    {"flac", "flac",     0,              fourCC("fLaC"), AV_CODEC_ID_NONE,     CoverArt::Stream,     false, false, false, true,  false, ""},
+    {"ogg",  "ogg",      0,              fourCC("Opus"), AV_CODEC_ID_NONE,     CoverArt::None,       false, false, false, false, true,  ""},
 }};
 // clang-format on
 

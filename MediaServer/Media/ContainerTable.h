@@ -23,6 +23,7 @@ struct Container {
     CoverArt cover;
     bool indexInFront;   ///< "fast start" is possible and wanted
     bool displayMatrix;  ///< can say that a picture is to be shown rotated
+    bool edits;          ///< can say that the beginning of what is stored is not to be shown
     bool singleTrack;    ///< holds one audio track and nothing else
     bool timed;          ///< keeps times; without them a late start has to be filled with silence
     const char* options; ///< "key=value:…" for the muxer

@@ -1,3 +1,4 @@
+#include <MediaServer/Media/Language.h>
 #include <MediaServer/Media/Metadata.h>
 #include <algorithm>
 #include <array>
@@ -61,8 +62,11 @@ void copyMovieMetadata(const Source& source, OutputFile& output) {
     copyChapters(source.format(), output.format(), source.timeShift());
 }
 
-void copyTrackMetadata(const AVStream& from, AVStream& to) {
+void copyTrackMetadata(const AVStream& from, AVStream& to, const Container& container) {
     copyTags(from.metadata, &to.metadata);
+    const AVDictionaryEntry* language = av_dict_get(to.metadata, "language", nullptr, 0);
+    if (language && container.extension == "mov")
+        av_dict_set(&to.metadata, "language", quickTimeLanguage(language->value).c_str(), 0);
     to.disposition = from.disposition;
 }
 

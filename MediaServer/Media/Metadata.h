@@ -10,7 +10,7 @@ namespace krv::media {
 void copyMovieMetadata(const Source& source, OutputFile& output);
 
 /// What makes a track the track it is, whatever codec it is in: language, title, time code, disposition.
-void copyTrackMetadata(const AVStream& from, AVStream& to);
+void copyTrackMetadata(const AVStream& from, AVStream& to, const Container& container);
 
 /// Side data that describes the picture and not its coding: rotation and mirroring (if displayMatrix),
 /// spherical and stereoscopic layout.

@@ -2,7 +2,6 @@
 #include <MediaServer/Media/Source.h>
 #include <MediaServer/Media/SourceFormat.h>
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <fmt/format.h>
 #include <sys/stat.h>
@@ -18,8 +17,14 @@ constexpr std::int64_t kProbeTime = 10 * AV_TIME_BASE;
 // longer.
 constexpr std::int64_t kLongestEmptyStart = 60 * static_cast<std::int64_t>(AV_TIME_BASE);
 
-// A jump of the clock that is larger than this is a splice, not a pause.
-constexpr std::int64_t kSplice = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
+// A jump of the clock that is larger than this is a splice, not a pause. Backwards any jump is one that is
+// larger than what inexact clocks do.
+constexpr std::int64_t kSpliceForward = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
+constexpr std::int64_t kSpliceBackward = AV_TIME_BASE / 10;
+
+// Lengths in headers are not exact; times this far behind the end are damage all the same.
+constexpr std::int64_t kSlack = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
+constexpr std::int64_t kLongestMovie = 1000 * 3600 * static_cast<std::int64_t>(AV_TIME_BASE);
 
 // Demuxers that resynchronise after damage report each failed try; after so many in a row there is nothing to
 // come.
@@ -137,11 +142,17 @@ void Source::fixDiscontinuity(AVPacket& packet) {
     auto& last = lastDts_[static_cast<std::size_t>(packet.stream_index)];
     const std::int64_t duration = av_rescale_q(packet.duration, from.time_base, kMicroseconds);
     std::int64_t now = av_rescale_q(packet.dts, from.time_base, kMicroseconds) + discontinuity_;
-    if (last && std::llabs(now - *last) > kSplice) {
+    if (last && (now - *last > kSpliceForward || *last - now > kSpliceBackward)) {
         discontinuity_ += *last + duration - now;
         now = *last + duration;
     }
     last = now;
+}
+
+std::int64_t Source::lastPlausibleTime() const noexcept {
+    // The length of what was spliced together is not known to its header.
+    const bool known = duration_ > 0 && !(format_->iformat->flags & AVFMT_TS_DISCONT);
+    return known ? start_ + duration_ + kSlack : kLongestMovie;
 }
 
 double Source::position() const noexcept {

@@ -42,6 +42,9 @@ public:
     /// the middle is skipped, and a file that breaks off ends there. Cover pictures are not among the
     /// packets.
     [[nodiscard]] bool read(AVPacket& packet);
+    /// No frame of the movie is later than this, in microseconds, unless its time is damaged.
+    [[nodiscard]] std::int64_t lastPlausibleTime() const noexcept;
+
     /// How far read() has come, in 0…1: by time, or by bytes when the length is unknown.
     [[nodiscard]] double position() const noexcept;
 

@@ -3,6 +3,7 @@
 #include <MediaServer/Media/StreamCopier.h>
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 namespace krv::media {
 namespace {
@@ -43,14 +44,27 @@ void StreamCopier::open(OutputFile& output) {
         from_.sample_aspect_ratio.num > 0 ? from_.sample_aspect_ratio : from_.codecpar->sample_aspect_ratio;
     to_->codecpar->sample_aspect_ratio = to_->sample_aspect_ratio;
     copyAllSideData(from_, *to_);
-    copyTrackMetadata(from_, *to_);
+    copyTrackMetadata(from_, *to_, output.container());
 }
 
 void StreamCopier::push(const AVPacket& packet) {
     const bool video = from_.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
     if (!started_ && video && !(packet.flags & AV_PKT_FLAG_KEY))
         return; // nothing can be shown before the first key frame
+    // Sound before the beginning is left out where the container cannot hide it, but for the one packet that
+    // the decoder needs to get started.
+    const bool audio = from_.codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
+    if (audio && !started_ && (packet.flags & AV_PKT_FLAG_DISCARD) && !output_->container().edits) {
+        hidden_ = reference(packet);
+        return;
+    }
     started_ = true;
+    if (hidden_)
+        write(*std::exchange(hidden_, nullptr));
+    write(packet);
+}
+
+void StreamCopier::write(const AVPacket& packet) {
     if (av_packet_ref(packet_.get(), &packet) < 0)
         throw std::bad_alloc();
     makeTimesValid(*packet_);
@@ -58,11 +72,24 @@ void StreamCopier::push(const AVPacket& packet) {
     av_packet_unref(packet_.get());
 }
 
+// Containers that store no decoding times leave the first ones open: pictures that are shown out of order are
+// decoded as many steps ahead as the codec says.
+std::int64_t StreamCopier::guessDts(const AVPacket& packet) const {
+    const AVRational rate = from_.avg_frame_rate;
+    const std::int64_t step = rate.num > 0 && rate.den > 0 ? av_rescale_q(1, av_inv_q(rate), from_.time_base)
+                                                           : std::max<std::int64_t>(packet.duration, 1);
+    if (lastDts_)
+        return av_rescale_q(*lastDts_, to_->time_base, from_.time_base) + step;
+    const std::int64_t first = packet.pts == AV_NOPTS_VALUE ? 0 : packet.pts;
+    const bool video = from_.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
+    return video ? first - from_.codecpar->video_delay * step : first;
+}
+
 // Muxers insist on decoding times that rise. Broken files have others, and rounding between units makes some.
 void StreamCopier::makeTimesValid(AVPacket& packet) {
     const AVCodecParameters& codec = *from_.codecpar;
     if (packet.dts == AV_NOPTS_VALUE)
-        packet.dts = packet.pts;
+        packet.dts = guessDts(packet);
     if (codec.codec_type == AVMEDIA_TYPE_AUDIO && codec.sample_rate > 0 && packet.dts != AV_NOPTS_VALUE) {
         // Times in milliseconds are too coarse for samples: the length of the packet says where the next one
         // starts.
@@ -74,8 +101,6 @@ void StreamCopier::makeTimesValid(AVPacket& packet) {
     } else {
         av_packet_rescale_ts(&packet, from_.time_base, to_->time_base);
     }
-    if (packet.dts == AV_NOPTS_VALUE)
-        packet.dts = packet.pts = lastDts_ ? *lastDts_ + std::max<std::int64_t>(packet.duration, 1) : 0;
     const bool subtitle = codec.codec_type == AVMEDIA_TYPE_SUBTITLE; // these may start at the same time
     if (lastDts_ && packet.dts <= *lastDts_ && !(subtitle && packet.dts == *lastDts_))
         packet.dts = *lastDts_ + 1;
@@ -92,7 +117,7 @@ void CoverCopier::open(OutputFile& output) {
     copyParameters(from_, *to_);
     to_->codecpar->codec_tag = 0;
     to_->time_base = from_.time_base;
-    copyTrackMetadata(from_, *to_);
+    copyTrackMetadata(from_, *to_, output.container());
     to_->disposition = AV_DISPOSITION_ATTACHED_PIC;
     if (output.container().cover != CoverArt::Attachment)
         return;

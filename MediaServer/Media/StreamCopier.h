@@ -18,6 +18,8 @@ public:
     void finish() override {}
 
 private:
+    void write(const AVPacket& packet);
+    [[nodiscard]] std::int64_t guessDts(const AVPacket& packet) const;
     void makeTimesValid(AVPacket& packet);
 
     const AVStream& from_;
@@ -26,6 +28,7 @@ private:
     bool started_ = false;
     std::int64_t rounding_ = AV_NOPTS_VALUE;
     std::optional<std::int64_t> lastDts_;
+    PacketPtr hidden_; // the latest one that is not to be heard itself
     PacketPtr packet_ = newPacket();
 };
 

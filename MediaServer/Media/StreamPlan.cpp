@@ -73,7 +73,7 @@ private:
         case EncodingType::Codec::None:
             return;
         case EncodingType::Codec::Copy:
-            if (container_.holds(stream.codecpar->codec_id) && !losesRotation(stream))
+            if (container_.holds(stream.codecpar->codec_id) && !losesPresentation(stream))
                 return copy(index);
             return encodeByDefault(index, AVMEDIA_TYPE_VIDEO, container_.defaultVideo);
         case EncodingType::Codec::Settings:
@@ -143,10 +143,21 @@ private:
         }
     }
 
-    // Without a way to say "show it rotated" the pixels themselves have to be turned.
-    bool losesRotation(const AVStream& stream) const {
-        return !container_.displayMatrix &&
-               av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr);
+    // Without a way to say "show it rotated" the pixels themselves have to be turned, and without a way to
+    // say "begin here" the pictures before that have to be left out.
+    bool losesPresentation(const AVStream& stream) const {
+        if (!container_.displayMatrix && av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr))
+            return true;
+        return !container_.edits && hidesPictures(stream);
+    }
+
+    static bool hidesPictures(const AVStream& stream) {
+        auto& indexed = const_cast<AVStream&>(stream); // the functions only read
+        const int count = avformat_index_get_entries_count(&indexed);
+        for (int i = 0; i < count; ++i)
+            if (avformat_index_get_entry(&indexed, i)->flags & AVINDEX_DISCARD_FRAME)
+                return true;
+        return false;
     }
 
     void copy(std::size_t index) { plan_.push_back({index, Treatment::Copy, nullptr}); }

@@ -44,7 +44,7 @@ void SubtitleConverter::open(OutputFile& output) {
         throw std::bad_alloc();
     to_->codecpar->codec_tag = 0;
     to_->time_base = kMilliseconds;
-    copyTrackMetadata(from_, *to_);
+    copyTrackMetadata(from_, *to_, output.container());
 }
 
 void SubtitleConverter::push(const AVPacket& packet) {

@@ -2,7 +2,6 @@
 #include <MediaServer/Media/Metadata.h>
 #include <MediaServer/Media/VideoTranscoder.h>
 #include <cmath>
-#include <limits>
 #include <string_view>
 
 namespace krv::media {
@@ -13,9 +12,6 @@ constexpr double kHighestPlausibleRate = 1000;
 
 // MPEG-4 part 2 counts the ticks of a second in 16 bits.
 constexpr int kMPEG4Ticks = 65535;
-
-// Repeating a picture stops this long after the movie should have ended: such a time is damage.
-constexpr std::int64_t kSlack = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
 
 // A rate comes as a 32-bit number, but 29.97 means 30000/1001.
 AVRational rationalRate(float fps) {
@@ -70,16 +66,14 @@ void VideoTranscoder::open(OutputFile& output) {
                      [&](AVCodecContext& context) { prepare(context, format_, *first); });
     filter_.emplace(format_, from_.time_base);
 
-    constexpr auto kNever = std::numeric_limits<std::int64_t>::max() / 2;
-    const std::int64_t length = source_.duration();
-    const std::int64_t end = length > 0 ? source_.start() + length + kSlack : kNever / AV_TIME_BASE;
-    timer_.emplace(FrameTimer::Timing{from_.time_base, encoder_->context().time_base, request_.fps > 0,
-                                      av_rescale_q(1, av_inv_q(sourceRate(source_, from_)), from_.time_base),
-                                      av_rescale_q(end, kMicroseconds, from_.time_base)});
+    timer_.emplace(
+        FrameTimer::Timing{from_.time_base, encoder_->context().time_base, request_.fps > 0,
+                           av_rescale_q(1, av_inv_q(sourceRate(source_, from_)), from_.time_base),
+                           av_rescale_q(source_.lastPlausibleTime(), kMicroseconds, from_.time_base)});
 
     AVStream& to = encoder_->stream();
     to.avg_frame_rate = rate_;
-    copyTrackMetadata(from_, to);
+    copyTrackMetadata(from_, to, output.container());
     copyPictureSideData(from_, to, output.container().displayMatrix);
     if (!format_.toneMapped)
         HDRMetadata(from_, *first).describeTo(to);
