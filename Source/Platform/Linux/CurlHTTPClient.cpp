@@ -9,7 +9,7 @@
 
 #include <KRVQTProcessClient/Platform/HTTPRequest.h>
 
-#include "SocketOwner.h"
+#include "SocketDiagnostics.h"
 
 namespace krv {
 namespace {
@@ -25,7 +25,6 @@ using Handle = std::unique_ptr<CURL, HandleDeleter>;
 
 /// What the call-backs of one exchange work on.
 struct Exchange {
-    CURL* handle;
     HTTPResponse response;
     bool tooLarge = false;
     bool otherUser = false;
@@ -53,15 +52,15 @@ std::size_t bodyArrived(char* bytes, std::size_t size, std::size_t count, void* 
 }
 
 /// Between connecting and sending: the other end must be a process of our own user.
-int aboutToSend(void* userdata, char* /*remote*/, char* /*local*/, int /*remotePort*/, int /*localPort*/) {
+int aboutToSend(void* userdata, char* remote, char* local, int remotePort, int localPort) {
     auto& exchange = *static_cast<Exchange*>(userdata);
-    curl_socket_t socket = CURL_SOCKET_BAD;
-    curl_easy_getinfo(exchange.handle, CURLINFO_ACTIVESOCKET, &socket);
-    if (peerUser(socket) != ::getuid()) {
-        exchange.otherUser = true;
-        return CURL_PREREQFUNC_ABORT;
+    const auto theirs = socketAddress(remote, remotePort);
+    const auto ours = socketAddress(local, localPort);
+    if (theirs && ours && ownerOf({*theirs, *ours}) == ::getuid()) {
+        return CURL_PREREQFUNC_OK;
     }
-    return CURL_PREREQFUNC_OK;
+    exchange.otherUser = true;
+    return CURL_PREREQFUNC_ABORT;
 }
 
 Handle makeHandle() {
@@ -115,7 +114,7 @@ public:
             return failure("The HTTP library could not be started.");
         }
         CURL* const h = handle.get();
-        Exchange exchange{h, {}, false, false};
+        Exchange exchange;
         curl_easy_setopt(h, CURLOPT_URL, request.url.c_str());
         curl_easy_setopt(h, CURLOPT_HEADERDATA, &exchange);
         curl_easy_setopt(h, CURLOPT_WRITEDATA, &exchange);

@@ -22,7 +22,10 @@ struct Connection {
 /// The owner's user id in an answer of the kernel; nothing when the answer is an error or is none.
 [[nodiscard]] std::optional<uid_t> ownerInAnswer(std::span<const std::byte> answer);
 
-/// The user who owns the other end of a connected loopback socket; nothing when it cannot be told.
-[[nodiscard]] std::optional<uid_t> peerUser(int socket);
+/// Asks the kernel for the user who owns the connection's own end; nothing when it cannot be told.
+[[nodiscard]] std::optional<uid_t> ownerOf(const Connection& connection);
+
+/// An address and port as the kernel knows them; nothing for text that is no IPv4 or IPv6 address.
+[[nodiscard]] std::optional<sockaddr_storage> socketAddress(const char* address, int port);
 
 }  // namespace krv

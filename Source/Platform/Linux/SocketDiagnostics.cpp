@@ -1,6 +1,7 @@
-#include "SocketOwner.h"
+#include "SocketDiagnostics.h"
 
 #include <array>
+#include <cstdint>
 #include <cstring>
 
 #include <arpa/inet.h>
@@ -9,6 +10,8 @@
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <unistd.h>
+
+#include <KRVQTProcessClient/Platform/PeerUser.h>
 
 namespace krv {
 namespace {
@@ -66,6 +69,43 @@ std::optional<uid_t> ownerInAnswer(std::span<const std::byte> answer) {
     return message.idiag_uid;
 }
 
+std::optional<uid_t> ownerOf(const Connection& connection) {
+    const int kernel = ::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
+    if (kernel < 0) {
+        return std::nullopt;
+    }
+    std::optional<uid_t> owner;
+    const auto request = socketDiagnosticsRequest(connection);
+    std::array<std::byte, 8192> answer{};
+    if (::send(kernel, request.data(), request.size(), 0) == static_cast<ssize_t>(request.size())) {
+        const ssize_t received = ::recv(kernel, answer.data(), answer.size(), 0);
+        if (received > 0) {
+            owner = ownerInAnswer(std::span(answer).first(static_cast<std::size_t>(received)));
+        }
+    }
+    ::close(kernel);
+    return owner;
+}
+
+std::optional<sockaddr_storage> socketAddress(const char* address, int port) {
+    sockaddr_storage storage{};
+    sockaddr_in v4{};
+    sockaddr_in6 v6{};
+    const auto networkPort = htons(static_cast<std::uint16_t>(port));
+    if (::inet_pton(AF_INET, address, &v4.sin_addr) == 1) {
+        v4.sin_family = AF_INET;
+        v4.sin_port = networkPort;
+        std::memcpy(&storage, &v4, sizeof v4);
+    } else if (::inet_pton(AF_INET6, address, &v6.sin6_addr) == 1) {
+        v6.sin6_family = AF_INET6;
+        v6.sin6_port = networkPort;
+        std::memcpy(&storage, &v6, sizeof v6);
+    } else {
+        return std::nullopt;
+    }
+    return storage;
+}
+
 std::optional<uid_t> peerUser(int socket) {
     Connection peer;  // seen from the other end
     socklen_t size = sizeof peer.destination;
@@ -76,21 +116,7 @@ std::optional<uid_t> peerUser(int socket) {
     if (::getpeername(socket, reinterpret_cast<sockaddr*>(&peer.source), &size) != 0) {
         return std::nullopt;
     }
-    const int kernel = ::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
-    if (kernel < 0) {
-        return std::nullopt;
-    }
-    std::optional<uid_t> owner;
-    const auto request = socketDiagnosticsRequest(peer);
-    std::array<std::byte, 8192> answer{};
-    if (::send(kernel, request.data(), request.size(), 0) == static_cast<ssize_t>(request.size())) {
-        const ssize_t received = ::recv(kernel, answer.data(), answer.size(), 0);
-        if (received > 0) {
-            owner = ownerInAnswer(std::span(answer).first(static_cast<std::size_t>(received)));
-        }
-    }
-    ::close(kernel);
-    return owner;
+    return ownerOf(peer);
 }
 
 }  // namespace krv
