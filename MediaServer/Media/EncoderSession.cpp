@@ -170,6 +170,7 @@ EncoderSession::EncoderSession(const Request& request, OutputFile& output, const
 void EncoderSession::encode(AVFrame& frame) {
     if (context_->codec_type == AVMEDIA_TYPE_VIDEO)
         durations_[frame.pts] = frame.pkt_duration;
+    frame.quality = context_->global_quality; // some encoders with a fixed quantiser look for it here
     send(&frame);
 }
 

@@ -14,6 +14,10 @@ struct Road {
     std::int32_t type;
 };
 
+void PrintTo(const Road& one, std::ostream* out) {
+    *out << one.source << " as type " << one.type << " to " << one.extension;
+}
+
 class Sync : public testing::TestWithParam<Road> {};
 
 TEST_P(Sync, TheBeepStaysWithTheFlash) {

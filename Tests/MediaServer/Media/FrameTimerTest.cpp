@@ -64,7 +64,17 @@ TEST(FrameTimer, AConstantRateRepeatsPictures) {
 }
 
 TEST(FrameTimer, AConstantRateLeavesPicturesOut) {
-    EXPECT_EQ(timed(constant(5), {{0, 40}, {40, 40}, {80, 40}, {120, 40}, {160, 40}, {200, 40}}).size(), 2U);
+    EXPECT_THAT(timed(constant(10), {{0, 40}, {40, 40}, {80, 40}, {120, 40}, {160, 40}}),
+                ElementsAre(Pair(0, 1), Pair(1, 1)));
+}
+
+TEST(FrameTimer, AConstantRateDoesNotMakeTheMovieLonger) {
+    // At 190 ms the next tick, at 200 ms, is the end.
+    EXPECT_THAT(timed(constant(10), {{0, 100}, {100, 90}, {190, 10}}), ElementsAre(Pair(0, 1), Pair(1, 1)));
+}
+
+TEST(FrameTimer, AConstantRateNeverLeavesOutTheOnlyPicture) {
+    EXPECT_THAT(timed(constant(10), {{0, 1}}), ElementsAre(Pair(0, 1)));
 }
 
 TEST(FrameTimer, ADamagedTimeDoesNotRepeatAPictureForHours) {

@@ -12,6 +12,7 @@
 #include <iterator>
 #include <spawn.h>
 #include <stdexcept>
+#include <strings.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
@@ -177,7 +178,12 @@ double number(const nlohmann::json& object, const std::string& key) {
 
 std::string tagOf(const nlohmann::json& object, const std::string& key) {
     const auto tags = object.find("tags");
-    return tags == object.end() ? "" : text(*tags, key);
+    if (tags == object.end())
+        return "";
+    for (const auto& [name, value] : tags->items())
+        if (strcasecmp(name.c_str(), key.c_str()) == 0)
+            return value.get<std::string>();
+    return "";
 }
 
 std::vector<double> pictureTimes(const std::string& path) {
@@ -221,6 +227,12 @@ double beepTime(const std::string& path) {
             return static_cast<double>(i) / 2 / kProbeRate;
     }
     throw std::runtime_error("no beep");
+}
+
+double soundLength(const std::string& path) {
+    const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:a:0", "-ac", "1", "-ar",
+                                   std::to_string(kProbeRate), "-f", "s16le", "-"});
+    return static_cast<double>(bytes.size()) / 2 / kProbeRate;
 }
 
 std::vector<int> shownPicture(const std::string& path) {

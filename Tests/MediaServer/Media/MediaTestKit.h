@@ -94,7 +94,7 @@ private:
 /// Text and number fields of ffprobe's answers; empty and 0 where they are missing.
 std::string text(const nlohmann::json& object, const std::string& key);
 double number(const nlohmann::json& object, const std::string& key);
-/// A tag of a stream or chapter.
+/// A tag of a stream or chapter; the case of its key does not matter.
 std::string tagOf(const nlohmann::json& object, const std::string& key);
 
 /// The times at which the pictures of the first video stream are shown, from the movie's start.
@@ -104,6 +104,8 @@ std::vector<int> pictureBrightness(const std::string& path);
 /// When the picture turns bright and the sound loud, in seconds from the movie's start.
 double flashTime(const std::string& path);
 double beepTime(const std::string& path);
+/// The length of the first audio stream's sound, decoded, in seconds.
+double soundLength(const std::string& path);
 /// The first picture as it is shown (upright), shrunk to 16 x 16 grey values.
 std::vector<int> shownPicture(const std::string& path);
 /// How far two pictures are apart: the mean difference of their grey values.

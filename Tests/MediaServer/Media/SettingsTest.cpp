@@ -73,6 +73,10 @@ struct Refused {
     const char* named;
 };
 
+void PrintTo(const Refused& one, std::ostream* out) {
+    *out << one.text;
+}
+
 class RefusedSettings : public testing::TestWithParam<Refused> {};
 
 TEST_P(RefusedSettings, AreUnsupportedAndNamed) {
