@@ -135,10 +135,19 @@ TEST(Encode, AMovieWithoutSoundBecomesAMovieWithoutSound) {
 }
 
 TEST(Encode, OnePictureIsAMovie) {
-    for (const char* extension : {"mp4", "mkv"}) {
-        const auto output = convert({.source = testMedia("still.mov"), .extension = extension});
-        EXPECT_EQ(number(Probe(output).video(), "nb_read_frames"), 1);
-        EXPECT_NEAR(Probe(output).duration(), kFrame, 0.001);
+    for (const char* extension : {"mp4", "mkv"})
+        for (const std::int32_t type : {0, 1, 2, 5, 6}) {
+            const auto output =
+                convert({.source = testMedia("still.mov"), .extension = extension, .type = type});
+            EXPECT_EQ(number(Probe(output).video(), "nb_read_frames"), 1) << extension << type;
+            EXPECT_NEAR(Probe(output).duration(), kFrame, 0.001) << extension << type;
+        }
+}
+
+TEST(Encode, TwoPicturesAreAMovie) {
+    for (const std::int32_t type : {1, 2, 5, 6}) {
+        const auto output = convert({.source = testMedia("two.mov"), .type = type});
+        EXPECT_THAT(pictureTimes(output.path()), testing::ElementsAre(0, testing::DoubleNear(kFrame, 0.001)));
     }
 }
 
