@@ -6,7 +6,8 @@
 
 namespace krv::media {
 
-/// How the video of a conversion is to be made.
+/// How the video of a conversion is to be made. Streams that are copied are not affected. The codec counts
+/// for the encoding type "Custom" only, the other values for whatever is encoded.
 struct VideoSettings {
     std::uint32_t codec =
         0; ///< four-character code, first character in the highest byte; 0: the container's default

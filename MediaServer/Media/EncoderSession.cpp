@@ -1,6 +1,7 @@
 #include <MediaServer/Media/EncoderSession.h>
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <fmt/format.h>
@@ -19,6 +20,9 @@ namespace krv::media {
 namespace {
 
 using Kind = QualityScale::Kind;
+
+// No encoder decodes a picture this long before it is shown.
+constexpr std::chrono::seconds kLongestReordering = std::chrono::hours(1);
 
 // Encoders that print to standard error themselves, past FFmpeg's log, are told not to.
 void silence(AVCodecContext& context, const std::string& encoder) {
@@ -170,6 +174,7 @@ EncoderSession::EncoderSession(const Request& request, OutputFile& output, const
 void EncoderSession::encode(AVFrame& frame) {
     if (context_->codec_type == AVMEDIA_TYPE_VIDEO)
         durations_[frame.pts] = frame.pkt_duration;
+    frame.quality = context_->global_quality; // some encoders with a fixed quantiser look for it here
     send(&frame);
 }
 
@@ -191,9 +196,23 @@ void EncoderSession::send(const AVFrame* frame) {
             packet_->duration = known->second;
             durations_.erase(known);
         }
+        makeTimesValid(*packet_);
         output_.write(*stream_, *packet_, context_->time_base);
         av_packet_unref(packet_.get());
     }
+}
+
+// libx265 leaves decoding times uninitialised when a movie has fewer pictures than it looks ahead.
+void EncoderSession::makeTimesValid(AVPacket& packet) {
+    const std::int64_t earliest =
+        packet.pts - av_rescale_q(kLongestReordering.count(), AVRational{1, 1}, context_->time_base);
+    const std::int64_t next = lastDts_ ? *lastDts_ + 1 : packet.pts;
+    if (packet.dts == AV_NOPTS_VALUE || packet.dts > packet.pts || packet.dts < earliest ||
+        (lastDts_ && packet.dts < next))
+        packet.dts = std::min(packet.pts, next);
+    if (lastDts_ && packet.dts < next)
+        packet.pts = packet.dts = next;
+    lastDts_ = packet.dts;
 }
 
 } // namespace krv::media

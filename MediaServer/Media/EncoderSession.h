@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 
 namespace krv::media {
 
@@ -37,11 +38,13 @@ public:
 
 private:
     void send(const AVFrame* frame);
+    void makeTimesValid(AVPacket& packet);
 
     OutputFile& output_;
     CodecContextPtr context_;
     AVStream* stream_ = nullptr;
     PacketPtr packet_ = newPacket();
+    std::optional<std::int64_t> lastDts_;
     std::map<std::int64_t, std::int64_t> durations_; // by time, of the frames that are inside the encoder
 };
 

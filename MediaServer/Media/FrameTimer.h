@@ -31,12 +31,15 @@ public:
     void finish(const Sink& sink);
 
 private:
+    [[nodiscard]] std::int64_t toEncoder(std::int64_t time) const;
     void emitUntil(std::int64_t next, const Sink& sink);
 
     const Timing timing_;
     FramePtr held_;
-    std::int64_t heldTime_ = 0;     // in encoder units
-    std::int64_t heldDuration_ = 0; // in source units, 0 if unknown
+    std::int64_t heldTime_ = 0;       // in encoder units
+    std::int64_t heldSourceTime_ = 0; // in source units
+    std::int64_t heldDuration_ = 0;   // in source units
+    bool emitted_ = false;
 };
 
 } // namespace krv::media

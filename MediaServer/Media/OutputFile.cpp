@@ -36,11 +36,19 @@ AVStream& OutputFile::addStream() {
     return *notNull(avformat_new_stream(format_, nullptr));
 }
 
+// Cameras store what they know under names of their own. The muxer keeps these only in another kind of list,
+// which is why it is not used for other movies.
+bool OutputFile::hasCameraTags() const {
+    return av_dict_get(format_->metadata, "com.apple.quicktime.", nullptr, AV_DICT_IGNORE_SUFFIX) != nullptr;
+}
+
 void OutputFile::writeHeader() {
     AVDict options;
     av_dict_parse_string(options.address(), container_.options, "=", ":", 0);
-    if (container_.indexInFront || std::string_view(container_.muxer) == "ipod")
+    if (container_.indexInFront)
         av_dict_set(options.address(), "movflags", "+faststart", AV_DICT_APPEND);
+    if (container_.extension == "mov" && hasCameraTags())
+        av_dict_set(options.address(), "movflags", "+use_metadata_tags", AV_DICT_APPEND);
     check(avformat_write_header(format_, options.address()), FailureCode::Unsupported,
           "The container refuses these streams");
 }

@@ -49,6 +49,7 @@ private:
     static int openForReading(AVFormatContext* format, AVIOContext** io, const char* url, int flags,
                               AVDictionary**);
     static int closeAfterReading(AVFormatContext* format, AVIOContext* io);
+    [[nodiscard]] bool hasCameraTags() const;
     void check(int result, FailureCode otherwise, const char* attempt) const;
 
     int descriptor_;

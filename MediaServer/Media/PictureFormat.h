@@ -23,7 +23,8 @@ struct PictureFormat {
     bool topFieldFirst = false; ///< when interlaced
     bool toneMapped = false;    ///< the source is HDR and this is not
     int quarterTurns = 0;       ///< clockwise turns of the pixels, where the container cannot say it
-    bool mirrored = false;      ///< mirrored left to right after the turns, likewise
+    bool mirrored =
+        false; ///< likewise: after the turns, mirrored across the axis that was the source's horizontal one
 };
 
 /// Where a PictureFormat comes from.

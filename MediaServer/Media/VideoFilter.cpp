@@ -42,7 +42,8 @@ std::string toneMapping(const AVFrame& frame, const PictureFormat& target) {
 
 std::string turning(const PictureFormat& target) {
     constexpr const char* kTurns[] = {"", "transpose=clock,", "hflip,vflip,", "transpose=cclock,"};
-    return std::string(kTurns[target.quarterTurns]) + (target.mirrored ? "hflip," : "");
+    const char* mirror = !target.mirrored ? "" : target.quarterTurns % 2 == 0 ? "vflip," : "hflip,";
+    return std::string(kTurns[target.quarterTurns]) + mirror;
 }
 
 } // namespace
