@@ -73,7 +73,7 @@ void connectionChanged(void* /*userdata*/, MHD_Connection* connection, void** co
     static char ours;
     if (code == MHD_CONNECTION_NOTIFY_STARTED) {
         const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
-        *context = info && peerUser(info->connect_fd) == ::getuid() ? &ours : nullptr;
+        *context = info && peerBelongsToThisUser(info->connect_fd) ? &ours : nullptr;
     }
 }
 

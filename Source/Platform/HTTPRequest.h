@@ -45,4 +45,4 @@ public:
     [[nodiscard]] static HTTPClient& shared();
 };
 
-} // namespace krv
+}  // namespace krv

@@ -31,4 +31,4 @@ struct HardwareAddressLookup {
 /// The hardware address of a network interface, such as "en0". Any thread.
 [[nodiscard]] KRV_EXPORT HardwareAddressLookup hardwareAddressOfInterface(std::string_view name);
 
-} // namespace krv
+}  // namespace krv

@@ -1,6 +1,6 @@
-#include <KRVQTProcessClient/Platform/NotificationCenter.h>
-
 #include <algorithm>
+
+#include <KRVQTProcessClient/Platform/NotificationCenter.h>
 
 namespace krv {
 
@@ -21,10 +21,9 @@ NotificationCenter::Token NotificationCenter::addObserver(std::string_view name,
 }
 
 void NotificationCenter::removeObserver(Token token) {
-    Entry removed; // what an observer holds may come back here while it is destroyed
+    Entry removed;  // what an observer holds may come back here while it is destroyed
     const LockGuard lock(mutex_);
-    const auto it =
-        std::find_if(entries_.begin(), entries_.end(), [&](const Entry& e) { return e.id == token.id_; });
+    const auto it = std::find_if(entries_.begin(), entries_.end(), [&](const Entry& e) { return e.id == token.id_; });
     if (it != entries_.end()) {
         removed = std::move(*it);
         entries_.erase(it);
@@ -50,4 +49,4 @@ bool NotificationCenter::isObserving(std::uint64_t id) const {
     return std::any_of(entries_.begin(), entries_.end(), [&](const Entry& e) { return e.id == id; });
 }
 
-} // namespace krv
+}  // namespace krv

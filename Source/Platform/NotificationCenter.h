@@ -71,4 +71,4 @@ private:
     std::uint64_t nextId_ KRV_GUARDED_BY(mutex_) = 1;
 };
 
-} // namespace krv
+}  // namespace krv

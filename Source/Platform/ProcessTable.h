@@ -36,4 +36,4 @@ public:
     [[nodiscard]] static ProcessTable& system();
 };
 
-} // namespace krv
+}  // namespace krv

@@ -63,8 +63,8 @@ public:
     /// Calls once, after the delay. The call is known by (target, operation): target is kept alive until the
     /// call has been made or cancelled, and must not be empty (Exception "NSInvalidArgumentException").
     /// Several calls of one target and operation may be pending. Any thread.
-    virtual void performAfterDelay(Clock::Duration delay, std::shared_ptr<const void> target,
-                                   Selector operation, Callback callback) = 0;
+    virtual void performAfterDelay(Clock::Duration delay, std::shared_ptr<const void> target, Selector operation,
+                                   Callback callback) = 0;
 
     /// Drops every pending delayed call of that target and operation on this loop. Any thread.
     virtual void cancelPerform(const void* target, Selector operation) = 0;
@@ -91,4 +91,4 @@ protected:
     RunLoop& operator=(const RunLoop&) = delete;
 };
 
-} // namespace krv
+}  // namespace krv

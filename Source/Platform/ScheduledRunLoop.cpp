@@ -1,5 +1,3 @@
-#include <KRVQTProcessClient/Platform/ScheduledRunLoop.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <map>
@@ -8,6 +6,7 @@
 
 #include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Foundation/Mutex.h>
+#include <KRVQTProcessClient/Platform/ScheduledRunLoop.h>
 
 namespace krv {
 
@@ -17,8 +16,8 @@ RunLoop::Timer::~Timer() = default;
 struct ScheduledRunLoop::Call {
     Clock::TimePoint due;
     Callback callback;
-    std::shared_ptr<RepeatingTimer> timer; // empty for what is called once
-    std::shared_ptr<const void> target;    // empty unless delayed
+    std::shared_ptr<RepeatingTimer> timer;  // empty for what is called once
+    std::shared_ptr<const void> target;     // empty unless delayed
     Selector operation{""};
 };
 
@@ -39,7 +38,7 @@ struct ScheduledRunLoop::Pending {
     }
     /// Moves out what matches. The caller lets it go after unlocking: what a call-back or a target holds may
     /// ask the loop for something while it is destroyed.
-    template<typename Predicate>
+    template <typename Predicate>
     std::vector<Call> extract(Predicate matches) KRV_REQUIRES(mutex) {
         std::vector<Call> removed;
         for (auto it = calls.begin(); it != calls.end();) {
@@ -94,7 +93,7 @@ public:
 private:
     const std::shared_ptr<Pending> pending_;
     const Clock::Duration interval_;
-    std::shared_ptr<const Callback> callback_; // guarded by the mutex of the pending calls
+    std::shared_ptr<const Callback> callback_;  // guarded by the mutex of the pending calls
 };
 
 ScheduledRunLoop::ScheduledRunLoop()
@@ -111,8 +110,8 @@ std::shared_ptr<RunLoop::Timer> ScheduledRunLoop::scheduleTimer(Clock::Duration 
     return timer;
 }
 
-void ScheduledRunLoop::performAfterDelay(Clock::Duration delay, std::shared_ptr<const void> target,
-                                         Selector operation, Callback callback) {
+void ScheduledRunLoop::performAfterDelay(Clock::Duration delay, std::shared_ptr<const void> target, Selector operation,
+                                         Callback callback) {
     if (!target) {
         throw Exception(std::string(kInvalidArgumentException), "a delayed call needs a target");
     }
@@ -126,9 +125,8 @@ void ScheduledRunLoop::performAfterDelay(Clock::Duration delay, std::shared_ptr<
 void ScheduledRunLoop::cancelPerform(const void* target, Selector operation) {
     std::vector<Call> removed;
     const LockGuard lock(pending_->mutex);
-    removed = pending_->extract([&](const Call& call) {
-        return call.target && call.target.get() == target && call.operation == operation;
-    });
+    removed = pending_->extract(
+        [&](const Call& call) { return call.target && call.target.get() == target && call.operation == operation; });
 }
 
 void ScheduledRunLoop::perform(Callback callback) {
@@ -155,9 +153,8 @@ void ScheduledRunLoop::makeDueCalls() {
         std::optional<Call> call;
         {
             const LockGuard lock(pending_->mutex);
-            const auto it =
-                std::find_if(pending_->calls.begin(), pending_->calls.end(),
-                             [&](const auto& entry) { return entry.first.second <= lastOfThisTurn; });
+            const auto it = std::find_if(pending_->calls.begin(), pending_->calls.end(),
+                                         [&](const auto& entry) { return entry.first.second <= lastOfThisTurn; });
             if (it != pending_->calls.end() && it->first.first <= time) {
                 call = std::move(it->second);
                 pending_->calls.erase(it);
@@ -211,8 +208,7 @@ std::size_t ScheduledRunLoop::pendingCount(const void* target, Selector operatio
     const LockGuard lock(pending_->mutex);
     return static_cast<std::size_t>(
         std::count_if(pending_->calls.begin(), pending_->calls.end(), [&](const auto& entry) {
-            return entry.second.target && entry.second.target.get() == target &&
-                   entry.second.operation == operation;
+            return entry.second.target && entry.second.target.get() == target && entry.second.operation == operation;
         }));
 }
 
@@ -223,4 +219,4 @@ void ScheduledRunLoop::close() {
     removed = pending_->extract([](const Call&) { return true; });
 }
 
-} // namespace krv
+}  // namespace krv

@@ -53,7 +53,7 @@ private:
     void add(Call call);
     void makeCall(Call& call);
 
-    const std::shared_ptr<Pending> pending_; // outlives the loop for as long as somebody holds a timer
+    const std::shared_ptr<Pending> pending_;  // outlives the loop for as long as somebody holds a timer
 };
 
-} // namespace krv
+}  // namespace krv

@@ -72,4 +72,4 @@ public:
     [[nodiscard]] static std::shared_ptr<ServiceBrowser> make();
 };
 
-} // namespace krv
+}  // namespace krv

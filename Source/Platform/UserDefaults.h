@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -10,7 +11,8 @@
 namespace krv {
 
 /// Settings by key, read afresh at every call. The first place that has the key wins:
-///   1. the process's arguments, as "-key value";
+///   1. the process's arguments up to "--", as "-key value"; a value may begin with "-" only as a negative number, a
+///      key never with a second "-" or a digit, and of two values for one key the later one stays;
 ///   2. values that the application has set with setString;
 ///   3. $XDG_CONFIG_HOME/<identifier>/defaults.ini, group "Defaults";
 ///   4. $XDG_CONFIG_HOME/KRVQTProcessClient/defaults.ini, group "Defaults".
@@ -32,7 +34,8 @@ public:
     void removeKey(std::string_view key);
 
     /// The identifier whose file is read in step 3. Empty means the application's own bundle identifier
-    /// (see Bundle::main). The media server sets the identifier of the application that started it.
+    /// (see Bundle::main). One that cannot be the name of a directory has no file. The media server sets the identifier
+    /// of the application that started it.
     void setDomain(std::string identifier);
 
     UserDefaults(const UserDefaults&) = delete;
@@ -45,4 +48,4 @@ private:
     std::unique_ptr<State> state_;
 };
 
-} // namespace krv
+}  // namespace krv

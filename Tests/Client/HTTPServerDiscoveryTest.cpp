@@ -248,8 +248,8 @@ TEST_F(Discovery, PollsTenPortsFromTheMinimumFiveSecondsAfterAFruitlessRestart) 
     LogRecorder log(15, 0);
     mainLoop.advanceBy(1ms);
     ASSERT_EQ(http.requests().size(), 10U);
-    EXPECT_EQ(http.requests()[0].url, "http://localhost:12000/status");
-    EXPECT_EQ(http.requests()[9].url, "http://localhost:12009/status");
+    EXPECT_EQ(http.urls()[0], "http://localhost:12000/status");
+    EXPECT_EQ(http.urls()[9], "http://localhost:12009/status");
     for (const HTTPRequest& request : http.requests()) {
         EXPECT_EQ(request.timeout, 1s);
         EXPECT_FALSE(request.body);
@@ -265,13 +265,13 @@ TEST_F(Discovery, ThePollStopsAtTheHighestPort) {
     UserDefaults::standard().setString("minimumPortNumber", "65530");
     discovery->fallbackToHTTPPolling();
     EXPECT_EQ(http.requests().size(), 5U);
-    EXPECT_EQ(http.requests().back().url, "http://localhost:65534/status");
+    EXPECT_EQ(http.urls().back(), "http://localhost:65534/status");
     UserDefaults::standard().removeKey("minimumPortNumber");
 }
 
 TEST_F(Discovery, APollThatIsAnsweredRecordsThePort) {
-    http.answer("http://localhost:8003/status", {.body = Data{}, .status = 404, .error = std::nullopt});
-    http.answer("http://localhost:8001/status", {.body = Data{}, .status = 200, .error = "cut short"});
+    http.answer("http://localhost:8003/status", FakeHTTPClient::reply("", 404));
+    http.answer("http://localhost:8001/status", FakeHTTPClient::cutShort(""));
     discovery->fallbackToHTTPPolling();
     EXPECT_EQ(http.requests().size(), 4U);
     EXPECT_EQ(discovery->servicePortNumber(), 8003);
@@ -292,7 +292,7 @@ TEST_F(Discovery, AResultDisarmsThePoll) {
 }
 
 TEST_F(Discovery, FindsAServerWithoutMulticastWithinSevenSeconds) {
-    http.answer("http://localhost:8000/status", {.body = Data{}, .status = 200, .error = std::nullopt});
+    http.answer("http://localhost:8000/status", FakeHTTPClient::reply(""));
     discovery->startSearch();
     mainLoop.advanceBy(7250ms);
     EXPECT_EQ(discovery->servicePortNumber(), 8000);

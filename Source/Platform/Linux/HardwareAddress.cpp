@@ -1,61 +1,48 @@
-#include <KRVQTProcessClient/Platform/HardwareAddress.h>
-
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <string>
+#include <memory>
+#include <span>
 
 #include <ifaddrs.h>
 #include <linux/if_packet.h>
-#include <net/if.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
+
+#include <KRVQTProcessClient/Platform/HardwareAddress.h>
 
 namespace krv {
+namespace {
+
+std::optional<std::vector<std::byte>> addressOf(const sockaddr* address) {
+    sockaddr_ll link{};
+    std::memcpy(&link, address, sizeof link);
+    const auto bytes = std::as_bytes(std::span(link.sll_addr)).first(std::min<std::size_t>(link.sll_halen, 8));
+    const bool none = std::all_of(bytes.begin(), bytes.end(), [](std::byte b) { return b == std::byte{0}; });
+    return none ? std::nullopt : std::optional<std::vector<std::byte>>(std::in_place, bytes.begin(), bytes.end());
+}
+
+}  // namespace
 
 HardwareAddressLookup hardwareAddressOfInterface(std::string_view name) {
-    using Failure = HardwareAddressLookup::Failure;
-    HardwareAddressLookup lookup;
-    const int query = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (query < 0) {
-        lookup.failure = Failure::NoQuery;
-        lookup.code = errno;
-        return lookup;
+    ifaddrs* first = nullptr;
+    if (::getifaddrs(&first) != 0) {
+        const bool noQuery = errno == EAFNOSUPPORT || errno == EPROTONOSUPPORT;
+        return {{}, noQuery ? HardwareAddressLookup::Failure::NoQuery : HardwareAddressLookup::Failure::NoList, errno};
     }
-    ifaddrs* list = nullptr;
-    if (::getifaddrs(&list) != 0) {
-        lookup.failure = Failure::NoList;
-        lookup.code = errno;
-        ::close(query);
-        return lookup;
-    }
-    bool seen = false;
-    for (const ifaddrs* entry = list; entry; entry = entry->ifa_next) {
+    const std::unique_ptr<ifaddrs, decltype(&::freeifaddrs)> list(first, ::freeifaddrs);
+    bool exists = false;
+    for (const ifaddrs* entry = list.get(); entry; entry = entry->ifa_next) {
         if (name != entry->ifa_name) {
             continue;
         }
-        seen = true;
+        exists = true;
         if (entry->ifa_addr && entry->ifa_addr->sa_family == AF_PACKET) {
-            sockaddr_ll link{};
-            std::memcpy(&link, entry->ifa_addr, sizeof link);
-            const auto* bytes = reinterpret_cast<const std::byte*>(link.sll_addr);
-            if (link.sll_halen > 0 && link.sll_halen <= sizeof link.sll_addr) {
-                lookup.address.emplace(bytes, bytes + link.sll_halen);
-            }
+            return {addressOf(entry->ifa_addr), HardwareAddressLookup::Failure::None, 0};
         }
     }
-    ::freeifaddrs(list);
-    // An interface whose link-level entry the list leaves out is asked by itself.
-    if (seen && !lookup.address) {
-        ifreq request{};
-        name.copy(request.ifr_name, IFNAMSIZ - 1);
-        if (::ioctl(query, SIOCGIFHWADDR, &request) != 0) {
-            lookup.failure = Failure::NoEntry;
-            lookup.code = errno;
-        }
-    }
-    ::close(query);
-    return lookup;
+    // Every interface has a link-level entry, so one that is listed without it went away in between.
+    return exists ? HardwareAddressLookup{{}, HardwareAddressLookup::Failure::NoEntry, ENODEV}
+                  : HardwareAddressLookup{};
 }
 
 }  // namespace krv

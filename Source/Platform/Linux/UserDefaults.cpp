@@ -1,89 +1,89 @@
-#include <KRVQTProcessClient/Platform/UserDefaults.h>
-
-#include <algorithm>
-#include <cctype>
-#include <charconv>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <limits>
 #include <map>
+#include <utility>
 #include <vector>
 
-#include <gio/gio.h>
+#include <glib.h>
 
 #include <KRVQTProcessClient/Foundation/Mutex.h>
+#include <KRVQTProcessClient/Platform/Bundle.h>
+#include <KRVQTProcessClient/Platform/DefaultsText.h>
+#include <KRVQTProcessClient/Platform/UserDefaults.h>
+
+#include "SmallFile.h"
 
 namespace krv {
 namespace {
 
+constexpr std::size_t kMaximumFile = std::size_t{1} << 20;
 constexpr const char* kGroup = "Defaults";
 constexpr const char* kFile = "defaults.ini";
-constexpr const char* kLibrarysOwn = "KRVQTProcessClient";
+constexpr std::string_view kSharedIdentifier = "KRVQTProcessClient";
 
-/// The "-key value" pairs of this process's command line.
-std::map<std::string, std::string, std::less<>> argumentsOfProcess() {
+using Settings = std::map<std::string, std::string, std::less<>>;
+
+Settings settingsOfThisProcess() {
     std::ifstream in("/proc/self/cmdline", std::ios::binary);
-    const std::string all{std::istreambuf_iterator<char>(in), {}};
-    std::vector<std::string> words;
-    for (std::size_t begin = 0; begin < all.size();) {
-        const std::size_t end = std::min(all.find('\0', begin), all.size());
-        words.push_back(all.substr(begin, end - begin));
+    const std::string text{std::istreambuf_iterator<char>(in), {}};
+    std::vector<std::string> arguments;
+    for (std::size_t begin = 0; begin < text.size();) {
+        const std::size_t end = std::min(text.find('\0', begin), text.size());
+        arguments.push_back(text.substr(begin, end - begin));
         begin = end + 1;
     }
-    std::map<std::string, std::string, std::less<>> pairs;
-    for (std::size_t i = 1; i + 1 < words.size(); ++i) {
-        if (words[i].size() > 1 && words[i][0] == '-' && words[i][1] != '-') {
-            pairs.emplace(words[i].substr(1), words[i + 1]);
-            ++i;
-        }
+    if (!arguments.empty()) {
+        arguments.erase(arguments.begin());
     }
-    return pairs;
+    return settingsFromArguments(arguments);
 }
 
-std::string configurationFolder() {
-    const char* const xdg = std::getenv("XDG_CONFIG_HOME");
-    if (xdg && xdg[0] == '/') {
-        return xdg;
+/// Empty when there is none. Asked for at every call, like the files in it.
+std::string configurationDirectory() {
+    const char* directory = std::getenv("XDG_CONFIG_HOME");
+    if (directory && *directory == '/') {
+        return directory;  // a relative one is to be ignored, says the base-directory standard
     }
-    const char* const home = std::getenv("HOME");
-    return std::string(home ? home : "") + "/.config";
+    const char* home = g_get_home_dir();
+    return home ? std::string(home) + "/.config" : std::string();
 }
 
-std::optional<std::string> valueInFile(const std::string& identifier, std::string_view key) {
-    if (identifier.empty() || identifier.find('/') != std::string::npos) {
+/// An identifier becomes the name of a directory; one that would lead elsewhere has no file.
+bool isFileName(std::string_view identifier) {
+    return !identifier.empty() && identifier != "." && identifier != ".." &&
+           identifier.find('/') == std::string_view::npos && identifier.find('\0') == std::string_view::npos;
+}
+
+std::optional<std::string> stringInFile(std::string_view identifier, const std::string& key) {
+    const std::string directory = configurationDirectory();
+    if (directory.empty() || !isFileName(identifier)) {
         return std::nullopt;
     }
-    const std::string path = configurationFolder() + "/" + identifier + "/" + kFile;
-    GKeyFile* const file = g_key_file_new();
-    std::optional<std::string> value;
-    if (g_key_file_load_from_file(file, path.c_str(), G_KEY_FILE_NONE, nullptr)) {
-        if (char* const text = g_key_file_get_string(file, kGroup, std::string(key).c_str(), nullptr)) {
-            value = text;
-            g_free(text);
-        }
+    const auto contents = readSmallFile(directory + '/' + std::string(identifier) + '/' + kFile, kMaximumFile);
+    if (!contents) {
+        return std::nullopt;
     }
-    g_key_file_free(file);
-    return value;
-}
-
-std::string applicationIdentifier() {
-    GApplication* const application = g_application_get_default();
-    const char* const identifier = application ? g_application_get_application_id(application) : nullptr;
-    return identifier ? identifier : "";
+    const std::unique_ptr<GKeyFile, decltype(&g_key_file_unref)> file(g_key_file_new(), g_key_file_unref);
+    if (!g_key_file_load_from_data(file.get(), contents->data(), contents->size(), G_KEY_FILE_NONE, nullptr)) {
+        return std::nullopt;
+    }
+    const std::unique_ptr<char, decltype(&g_free)> value(
+        g_key_file_get_string(file.get(), kGroup, key.c_str(), nullptr), g_free);
+    return value ? std::optional<std::string>(value.get()) : std::nullopt;
 }
 
 }  // namespace
 
 struct UserDefaults::State {
-    const std::map<std::string, std::string, std::less<>> arguments = argumentsOfProcess();
+    const Settings arguments = settingsOfThisProcess();
     mutable Mutex mutex;
-    std::map<std::string, std::string, std::less<>> values KRV_GUARDED_BY(mutex);
+    Settings values KRV_GUARDED_BY(mutex);
     std::string domain KRV_GUARDED_BY(mutex);
 };
 
 UserDefaults::UserDefaults()
     : state_(std::make_unique<State>()) {}
-
 UserDefaults::~UserDefaults() = default;
 
 UserDefaults& UserDefaults::standard() {
@@ -92,44 +92,27 @@ UserDefaults& UserDefaults::standard() {
 }
 
 std::optional<std::string> UserDefaults::stringForKey(std::string_view key) const {
-    if (const auto place = state_->arguments.find(key); place != state_->arguments.end()) {
-        return place->second;
+    if (const auto it = state_->arguments.find(key); it != state_->arguments.end()) {
+        return it->second;
     }
     std::string domain;
     {
         const LockGuard lock(state_->mutex);
-        if (const auto place = state_->values.find(key); place != state_->values.end()) {
-            return place->second;
+        if (const auto it = state_->values.find(key); it != state_->values.end()) {
+            return it->second;
         }
         domain = state_->domain;
     }
-    if (auto value = valueInFile(domain.empty() ? applicationIdentifier() : domain, key)) {
-        return value;
+    if (domain.empty()) {
+        domain = Bundle::main().bundleIdentifier().value_or(std::string());
     }
-    return valueInFile(kLibrarysOwn, key);
+    const std::string name(key);
+    auto value = stringInFile(domain, name);
+    return value ? value : stringInFile(kSharedIdentifier, name);
 }
 
 std::int64_t UserDefaults::integerForKey(std::string_view key) const {
-    const auto text = stringForKey(key);
-    if (!text) {
-        return 0;
-    }
-    std::string word = *text;
-    word.erase(0, std::min(word.find_first_not_of(" \t"), word.size()));
-    std::string lower = word;
-    std::transform(lower.begin(), lower.end(), lower.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    if (lower == "yes" || lower == "true") {
-        return 1;
-    }
-    const bool plus = !word.empty() && word[0] == '+';
-    const char* const begin = word.data() + (plus ? 1 : 0);
-    std::int64_t value = 0;
-    const auto [end, failure] = std::from_chars(begin, word.data() + word.size(), value);
-    if (failure == std::errc::result_out_of_range) {
-        return *begin == '-' ? std::numeric_limits<std::int64_t>::min() : std::numeric_limits<std::int64_t>::max();
-    }
-    return failure == std::errc() ? value : 0;
+    return integerFromSetting(stringForKey(key).value_or(std::string()));
 }
 
 void UserDefaults::setString(std::string_view key, std::string value) {
@@ -139,14 +122,14 @@ void UserDefaults::setString(std::string_view key, std::string value) {
 
 void UserDefaults::removeKey(std::string_view key) {
     const LockGuard lock(state_->mutex);
-    if (const auto place = state_->values.find(key); place != state_->values.end()) {
-        state_->values.erase(place);
+    if (const auto it = state_->values.find(key); it != state_->values.end()) {
+        state_->values.erase(it);
     }
 }
 
 void UserDefaults::setDomain(std::string identifier) {
     const LockGuard lock(state_->mutex);
-    state_->domain.swap(identifier);
+    state_->domain = std::move(identifier);
 }
 
 }  // namespace krv
