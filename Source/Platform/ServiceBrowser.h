@@ -50,7 +50,7 @@ public:
 /// Only services published on the loopback interface are seen. A service is reported under the name it was
 /// published with, also when a conflict has renamed it ("NAME #2"), and only when its port is held by a
 /// process of this user. While a search has shown no service, an ended batch without a match is reported 2 s
-/// after the search began and then every 6 s.
+/// after the search began and then every 6 s; a search that follows such a report waits 6 s at once.
 ///
 /// search and stop may be called on any thread; stopping from a thread other than the one that turns the
 /// search's run loop lets a call-back that has begun there finish.

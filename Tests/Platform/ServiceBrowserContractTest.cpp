@@ -246,6 +246,14 @@ TYPED_TEST(ServiceBrowserContract, ASilentSearchEndsABatchAfterTwoSecondsAndAgai
     EXPECT_TRUE(this->observer->reports[1].empty);
 }
 
+TYPED_TEST(ServiceBrowserContract, ASearchAfterASilentOneLeavesTimeForItsOwnersFallBack) {
+    this->search();
+    ASSERT_TRUE(this->world.turnUntil([&] { return !this->observer->reports.empty(); }));
+    this->search();
+    this->world.turnFor(5500ms);
+    EXPECT_EQ(this->observer->reports.size(), 1U);
+}
+
 TYPED_TEST(ServiceBrowserContract, ADelegateThatHasGoneIsNotToldAnything) {
     this->world.publish({"one"});
     this->search();

@@ -25,7 +25,7 @@ void FakeServiceBrowser::searchForServicesOfType(std::string_view type, std::str
     searches_.emplace_back(type, inDomain);
     searching_ = true;
     loop_ = &RunLoop::current();
-    scheduleSilence(2s);
+    scheduleSilence(silent_ ? 6s : 2s);
 }
 
 void FakeServiceBrowser::stop() {
@@ -59,6 +59,7 @@ void FakeServiceBrowser::show(std::vector<std::shared_ptr<NetService>> batch) {
 }
 
 void FakeServiceBrowser::tell(const std::shared_ptr<NetService>& service, bool moreComing) {
+    silent_ = !service;
     if (const auto delegate = delegate_.lock()) {
         delegate->didFindService(shared_from_this(), service, moreComing);
     }

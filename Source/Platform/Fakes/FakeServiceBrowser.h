@@ -34,7 +34,7 @@ private:
 
 /// A browser whose searches show what a test gives it. One thread.
 ///
-/// Like the real one it reports a silent search after 2 s and then every 6 s.
+/// Like the real one it reports a silent search after 2 s and then every 6 s, across searches.
 class FakeServiceBrowser final : public ServiceBrowser {
 public:
     void setDelegate(std::weak_ptr<ServiceBrowserDelegate> delegate) override { delegate_ = std::move(delegate); }
@@ -58,6 +58,7 @@ private:
     std::shared_ptr<RunLoop::Timer> silence_;
     RunLoop* loop_ = nullptr;
     bool searching_ = false;
+    bool silent_ = false;
 };
 
 }  // namespace krv

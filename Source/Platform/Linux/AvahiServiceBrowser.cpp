@@ -15,7 +15,9 @@
 //
 // Silence. A search that shows nothing would leave its owner waiting for ever. So, as long as it has reported no
 // service, it reports an ended batch without a match, first after two seconds and then every six: longer than the five
-// after which the owner falls back to polling ports, so that the fall-back gets its turn.
+// after which the owner falls back to polling ports, so that the fall-back gets its turn. The owner begins a new search
+// after each report; the six seconds hold across searches, or every report would push the fall-back away again.
+#include <atomic>
 #include <map>
 #include <string>
 #include <utility>
@@ -95,7 +97,8 @@ public:
     explicit Search(std::weak_ptr<AvahiServiceBrowser> owner) : owner_(std::move(owner)) {}
     ~Search() { end(nullptr); }
 
-    void begin(LoopbackResponder* responder, const std::string& type, const std::string& domain);
+    void begin(LoopbackResponder* responder, const std::string& type, const std::string& domain,
+               Clock::Duration firstSilence);
     /// responder: the one that begin was given; null when it has gone already.
     void end(LoopbackResponder* responder);
 
@@ -159,7 +162,8 @@ public:
             const LockGuard lock(mutex_);
             current_ = search;
         }
-        search->begin(responder_.get(), withoutFinalDot(type), withoutFinalDot(inDomain));
+        search->begin(responder_.get(), withoutFinalDot(type), withoutFinalDot(inDomain),
+                      silent_ ? kNextSilence : kFirstSilence);
     }
 
     void stop() override { endSearch(); }
@@ -175,6 +179,7 @@ public:
             const LockGuard lock(mutex_);
             if (current_.get() == search) {
                 delegate = delegate_.lock();
+                silent_ = !service;
             }
         }
         if (delegate) {
@@ -213,10 +218,13 @@ private:
     Mutex mutex_;
     std::weak_ptr<ServiceBrowserDelegate> delegate_ KRV_GUARDED_BY(mutex_);
     std::shared_ptr<Search> current_ KRV_GUARDED_BY(mutex_);
+    /// Whether the last report was of silence.
+    std::atomic<bool> silent_{false};
 };
 
-void Search::begin(LoopbackResponder* responder, const std::string& type, const std::string& domain) {
-    startSilenceTimer(kFirstSilence);
+void Search::begin(LoopbackResponder* responder, const std::string& type, const std::string& domain,
+                   Clock::Duration firstSilence) {
+    startSilenceTimer(firstSilence);
     if (!responder) {
         return;
     }

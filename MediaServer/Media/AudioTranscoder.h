@@ -1,0 +1,39 @@
+#pragma once
+
+#include <MediaServer/Media/AudioResampler.h>
+#include <MediaServer/Media/Decoder.h>
+#include <MediaServer/Media/EncoderSession.h>
+#include <MediaServer/Media/Source.h>
+#include <MediaServer/Media/Track.h>
+#include <deque>
+#include <optional>
+
+namespace krv::media {
+
+/// Decodes an audio stream and encodes it anew.
+class AudioTranscoder : public Track {
+public:
+    struct Request {
+        const Codec& codec;
+        float quality;
+        const Settings& settings;
+    };
+
+    AudioTranscoder(const Source& source, const AVStream& from, const Request& request);
+
+    /// The header of an audio stream says everything that is needed.
+    [[nodiscard]] bool ready() const override { return true; }
+    void push(const AVPacket& packet) override;
+    void open(OutputFile& output) override;
+    void finish() override;
+
+private:
+    const Source& source_;
+    const AVStream& from_;
+    const Request request_;
+    Decoder decoder_;
+    std::optional<EncoderSession> encoder_;
+    std::optional<AudioResampler> resampler_;
+};
+
+} // namespace krv::media

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <MediaServer/Media/AV.h>
+#include <MediaServer/Media/OutputFile.h>
+#include <MediaServer/Media/Source.h>
+
+namespace krv::media {
+
+/// The movie's tags and chapters, on the movie's own time. Before OutputFile::writeHeader().
+void copyMovieMetadata(const Source& source, OutputFile& output);
+
+/// What makes a track the track it is, whatever codec it is in: language, title, time code, disposition.
+void copyTrackMetadata(const AVStream& from, AVStream& to, const Container& container);
+
+/// Side data that describes the picture and not its coding: rotation and mirroring (if displayMatrix),
+/// spherical and stereoscopic layout.
+void copyPictureSideData(const AVStream& from, AVStream& to, bool displayMatrix);
+
+/// All of a stream's side data, for a stream that is copied.
+void copyAllSideData(const AVStream& from, AVStream& to);
+
+} // namespace krv::media

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <MediaServer/Media/AV.h>
+#include <MediaServer/Media/CodecTable.h>
+#include <MediaServer/Media/ContainerTable.h>
+#include <MediaServer/Media/Settings.h>
+
+namespace krv::media {
+
+/// What the pictures look like that an encoder gets, and what has to be done to the source's pictures for
+/// that.
+struct PictureFormat {
+    int width = 0;
+    int height = 0;
+    AVPixelFormat pixels = AV_PIX_FMT_NONE;
+    AVRational sampleAspect{0, 1};
+    AVColorRange range = AVCOL_RANGE_UNSPECIFIED;
+    AVColorPrimaries primaries = AVCOL_PRI_UNSPECIFIED;
+    AVColorTransferCharacteristic transfer = AVCOL_TRC_UNSPECIFIED;
+    AVColorSpace space = AVCOL_SPC_UNSPECIFIED;
+    AVChromaLocation chroma = AVCHROMA_LOC_UNSPECIFIED;
+    bool interlaced = false;    ///< stays interlaced, and is flagged so
+    bool topFieldFirst = false; ///< when interlaced
+    bool toneMapped = false;    ///< the source is HDR and this is not
+    int quarterTurns = 0;       ///< clockwise turns of the pixels, where the container cannot say it
+    bool mirrored =
+        false; ///< likewise: after the turns, mirrored across the axis that was the source's horizontal one
+};
+
+/// Where a PictureFormat comes from.
+struct PictureRequest {
+    const AVStream& stream;
+    const AVFrame& frame; ///< the first one; its colour description wins over the stream's
+    const Codec& codec;
+    const Settings& settings;
+    const Container& container;
+};
+
+/// Pure. Throws Failure Unsupported if a picture format that was asked for is not one of the codec's.
+[[nodiscard]] PictureFormat choosePictureFormat(const PictureRequest& request);
+
+/// Whether the display matrix turns the picture by 90 or 270 degrees.
+[[nodiscard]] bool displayedSideways(const AVStream& stream);
+
+/// Whether the transfer characteristic is one of high dynamic range.
+[[nodiscard]] constexpr bool isHDR(AVColorTransferCharacteristic transfer) noexcept {
+    return transfer == AVCOL_TRC_SMPTE2084 || transfer == AVCOL_TRC_ARIB_STD_B67;
+}
+
+} // namespace krv::media

@@ -1,0 +1,166 @@
+#include <MediaServer/Media/Failure.h>
+#include <MediaServer/Media/Source.h>
+#include <MediaServer/Media/SourceFormat.h>
+#include <algorithm>
+#include <cstring>
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+namespace krv::media {
+namespace {
+
+// How much of the file may be looked at to find out what its streams are.
+constexpr std::int64_t kProbeBytes = 20 * 1000 * 1000;
+constexpr std::int64_t kProbeTime = 10 * AV_TIME_BASE;
+
+// A movie whose first frame is later than this does not begin with an empty edit, it is a piece of something
+// longer.
+constexpr std::int64_t kLongestEmptyStart = 60 * static_cast<std::int64_t>(AV_TIME_BASE);
+
+// A jump of the clock that is larger than this is a splice, not a pause. Backwards any jump is one that is
+// larger than what inexact clocks do.
+constexpr std::int64_t kSpliceForward = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
+constexpr std::int64_t kSpliceBackward = AV_TIME_BASE / 10;
+
+// Lengths in headers are not exact; times this far behind the end are damage all the same.
+constexpr std::int64_t kSlack = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
+constexpr std::int64_t kLongestMovie = 1000 * 3600 * static_cast<std::int64_t>(AV_TIME_BASE);
+
+// Demuxers that resynchronise after damage report each failed try; after so many in a row there is nothing to
+// come.
+constexpr int kReadAttempts = 64;
+
+int refuseToOpen(AVFormatContext*, AVIOContext**, const char*, int, AVDictionary**) {
+    return AVERROR(EPERM);
+}
+
+std::int64_t checkedSize(int descriptor) {
+    struct stat status {};
+    if (fstat(descriptor, &status) != 0)
+        throw Failure(FailureCode::UnusableSource, std::strerror(errno));
+    if (S_ISDIR(status.st_mode))
+        throw Failure(FailureCode::UnusableSource, "It is a folder.");
+    if (!S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode))
+        throw Failure(FailureCode::UnusableSource, "It is not a file.");
+    if (S_ISREG(status.st_mode) && status.st_size == 0)
+        throw Failure(FailureCode::UnusableSource, "The file is empty.");
+    return status.st_size;
+}
+
+} // namespace
+
+Source::Source(int descriptor, const std::string& path, Progress& progress)
+    : size_(checkedSize(descriptor))
+    , io_(descriptor, DescriptorIO::Mode::Read, [&progress](std::int64_t) { progress.alive(); }) {
+    try {
+        open(path);
+    } catch (...) {
+        avformat_close_input(&format_);
+        throw;
+    }
+}
+
+Source::~Source() {
+    avformat_close_input(&format_);
+}
+
+void Source::open(const std::string& path) {
+    const AVInputFormat& input = probeFormat(*io_.context(), path);
+    format_ = notNull(avformat_alloc_context());
+    format_->pb = io_.context();
+    format_->io_open = &refuseToOpen;
+    format_->flags |= AVFMT_FLAG_GENPTS;
+    format_->probesize = kProbeBytes;
+    format_->max_analyze_duration = kProbeTime;
+    AVDict options;
+    options.set("format_whitelist", input.name); // so that no demuxer can start another one
+    options.set("protocol_whitelist", "none");
+    int result = avformat_open_input(&format_, "", &input, options.address());
+    if (result < 0)
+        fail(FailureCode::UnusableSource, result, "The file cannot be opened");
+    result = avformat_find_stream_info(format_, nullptr);
+    if (result < 0)
+        fail(FailureCode::UnusableSource, result, "The streams cannot be identified");
+    if (format_->nb_streams == 0)
+        throw Failure(FailureCode::UnusableSource, "The file contains no streams.");
+
+    duration_ = format_->duration == AV_NOPTS_VALUE ? 0 : std::max<std::int64_t>(format_->duration, 0);
+    const std::int64_t start = format_->start_time == AV_NOPTS_VALUE ? 0 : format_->start_time;
+    const bool clockStartsAnywhere =
+        (input.flags & AVFMT_TS_DISCONT) != 0 || start < 0 || start > kLongestEmptyStart;
+    shift_ = clockStartsAnywhere ? -start : 0;
+    start_ = start + shift_;
+    lastDts_.resize(format_->nb_streams);
+}
+
+void Source::select(const std::vector<std::size_t>& indices) {
+    for (std::size_t i = 0; i < format_->nb_streams; ++i) {
+        const bool wanted = std::find(indices.begin(), indices.end(), i) != indices.end();
+        format_->streams[i]->discard = wanted ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
+    }
+}
+
+bool Source::read(AVPacket& packet) {
+    for (int failures = 0; failures < kReadAttempts;) {
+        av_packet_unref(&packet);
+        const int result = av_read_frame(format_, &packet);
+        if (result == AVERROR(ENOMEM))
+            throw std::bad_alloc();
+        if (result == AVERROR_EOF || (result < 0 && io_.errorNumber() != 0))
+            return false;
+        if (result < 0) {
+            ++failures;
+            continue;
+        }
+        const auto index = static_cast<std::size_t>(packet.stream_index);
+        if (index >= lastDts_.size()) // a stream that turned up after the headers
+            continue;
+        const AVStream& from = stream(index);
+        if (from.discard == AVDISCARD_ALL || isCover(from))
+            continue;
+        fixDiscontinuity(packet);
+        const std::int64_t shift = av_rescale_q(shift_ + discontinuity_, kMicroseconds, from.time_base);
+        if (packet.pts != AV_NOPTS_VALUE)
+            packet.pts += shift;
+        if (packet.dts != AV_NOPTS_VALUE) {
+            packet.dts += shift;
+            reached_ = std::max(reached_, av_rescale_q(packet.dts, from.time_base, kMicroseconds));
+        }
+        return true;
+    }
+    return false;
+}
+
+// Recordings that were joined byte by byte start their clock again in the middle. All streams are moved
+// together, so that they stay in sync, as soon as the first of them shows the jump.
+void Source::fixDiscontinuity(AVPacket& packet) {
+    if (!(format_->iformat->flags & AVFMT_TS_DISCONT) || packet.dts == AV_NOPTS_VALUE)
+        return;
+    const AVStream& from = stream(static_cast<std::size_t>(packet.stream_index));
+    if (from.codecpar->codec_type != AVMEDIA_TYPE_VIDEO && from.codecpar->codec_type != AVMEDIA_TYPE_AUDIO)
+        return;
+    auto& last = lastDts_[static_cast<std::size_t>(packet.stream_index)];
+    const std::int64_t duration = av_rescale_q(packet.duration, from.time_base, kMicroseconds);
+    std::int64_t now = av_rescale_q(packet.dts, from.time_base, kMicroseconds) + discontinuity_;
+    if (last && (now - *last > kSpliceForward || *last - now > kSpliceBackward)) {
+        discontinuity_ += *last + duration - now;
+        now = *last + duration;
+    }
+    last = now;
+}
+
+std::int64_t Source::lastPlausibleTime() const noexcept {
+    // The length of what was spliced together is not known to its header.
+    const bool known = duration_ > 0 && !(format_->iformat->flags & AVFMT_TS_DISCONT);
+    return known ? start_ + duration_ + kSlack : kLongestMovie;
+}
+
+double Source::position() const noexcept {
+    if (duration_ > 0)
+        return static_cast<double>(reached_ - start_) / static_cast<double>(duration_);
+    if (size_ > 0)
+        return static_cast<double>(avio_tell(io_.context())) / static_cast<double>(size_);
+    return 0;
+}
+
+} // namespace krv::media

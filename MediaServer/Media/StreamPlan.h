@@ -1,0 +1,27 @@
+#pragma once
+
+#include <MediaServer/Media/CodecTable.h>
+#include <MediaServer/Media/ContainerTable.h>
+#include <MediaServer/Media/EncodeRequest.h>
+#include <MediaServer/Media/EncodingType.h>
+#include <MediaServer/Media/Source.h>
+#include <cstddef>
+#include <vector>
+
+namespace krv::media {
+
+/// What becomes of one stream of the source.
+struct StreamPlan {
+    enum class Treatment { Copy, Encode, ConvertSubtitles, Cover };
+    std::size_t index; ///< in the source
+    Treatment treatment;
+    const Codec* codec = nullptr; ///< for Encode
+};
+
+/// Decides what becomes of every stream of the source; those that are left out are not in the answer. Video
+/// comes first, then audio, subtitles and cover pictures. Throws Failure Unsupported if the container cannot
+/// hold a codec that was asked for, UnusableSource if nothing that could be shown or heard would remain.
+[[nodiscard]] std::vector<StreamPlan> planStreams(const Source& source, const Container& container,
+                                                  const EncodingType& type, const EncodeRequest& request);
+
+} // namespace krv::media

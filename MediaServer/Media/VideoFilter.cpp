@@ -1,0 +1,182 @@
+#include <MediaServer/Media/VideoFilter.h>
+#include <cmath>
+#include <fmt/format.h>
+
+extern "C" {
+#include <libavfilter/buffersink.h>
+#include <libavfilter/buffersrc.h>
+#include <libavutil/opt.h>
+#include <libavutil/pixdesc.h>
+}
+
+#include <MediaServer/Media/Decoder.h>
+#include <MediaServer/Media/Failure.h>
+
+namespace krv::media {
+namespace {
+
+// Pictures whose shapes differ by less than this are the same shape: rounding to even sides does that much.
+constexpr double kSameShape = 0.02;
+
+const char* rangeName(AVColorRange range) {
+    return range == AVCOL_RANGE_JPEG ? "pc" : "tv";
+}
+
+// Brings HDR to what an ordinary screen shows: linear light, the smaller gamut, the compressed highlights.
+std::string toneMapping(const AVFrame& frame, const PictureFormat& target) {
+    const bool unknownPrimaries = frame.color_primaries == AVCOL_PRI_UNSPECIFIED;
+    const bool unknownSpace = frame.colorspace == AVCOL_SPC_UNSPECIFIED;
+    std::string input;
+    if (unknownPrimaries)
+        input += ":pin=bt2020";
+    if (unknownSpace)
+        input += ":min=bt2020nc";
+    if (frame.color_range == AVCOL_RANGE_UNSPECIFIED)
+        input += ":rin=tv";
+    if (frame.color_trc == AVCOL_TRC_UNSPECIFIED)
+        input += ":tin=smpte2084";
+    return fmt::format("zscale=w={}:h={}:t=linear:npl=100{},format=gbrpf32le,zscale=p=bt709,"
+                       "tonemap=tonemap=hable:desat=0,zscale=t=bt709:m=bt709:r=tv",
+                       target.width, target.height, input);
+}
+
+std::string turning(const PictureFormat& target) {
+    constexpr const char* kTurns[] = {"", "transpose=clock,", "hflip,vflip,", "transpose=cclock,"};
+    const char* mirror = !target.mirrored ? "" : target.quarterTurns % 2 == 0 ? "vflip," : "hflip,";
+    return std::string(kTurns[target.quarterTurns]) + mirror;
+}
+
+} // namespace
+
+VideoFilter::VideoFilter(const PictureFormat& target, AVRational timeBase)
+    : target_(target)
+    , timeBase_(timeBase) {}
+
+void VideoFilter::push(FramePtr frame, const Sink& sink) {
+    if (frame->interlaced_frame && !target_.interlaced && !deinterlaces_) {
+        finish(sink);
+        deinterlaces_ = true; // and stays so: film and video are mixed in many recordings
+    }
+    if (!graph_ || !sameKind(*frame)) {
+        finish(sink);
+        build(*frame);
+    }
+    const int result = av_buffersrc_add_frame_flags(in_, frame.get(), 0);
+    if (result < 0)
+        fail(FailureCode::Internal, result, "A picture cannot be converted");
+    drain(sink);
+}
+
+void VideoFilter::finish(const Sink& sink) {
+    if (!graph_)
+        return;
+    const int result = av_buffersrc_add_frame_flags(in_, nullptr, 0);
+    if (result < 0)
+        fail(FailureCode::Internal, result, "A picture cannot be converted");
+    drain(sink);
+    graph_.reset();
+}
+
+void VideoFilter::drain(const Sink& sink) {
+    for (;;) {
+        FramePtr frame = newFrame();
+        const int result = av_buffersink_get_frame(out_, frame.get());
+        if (result == AVERROR(EAGAIN) || result == AVERROR_EOF)
+            return;
+        if (result < 0)
+            fail(FailureCode::Internal, result, "A picture cannot be converted");
+        const AVRational unit = av_buffersink_get_time_base(out_);
+        if (frame->pts != AV_NOPTS_VALUE)
+            frame->pts = av_rescale_q(frame->pts, unit, timeBase_);
+        sink(std::move(frame));
+    }
+}
+
+bool VideoFilter::sameKind(const AVFrame& frame) const {
+    return like_->width == frame.width && like_->height == frame.height && like_->format == frame.format &&
+           like_->color_range == frame.color_range && like_->colorspace == frame.colorspace &&
+           like_->color_primaries == frame.color_primaries && like_->color_trc == frame.color_trc;
+}
+
+void VideoFilter::build(const AVFrame& frame) {
+    like_ = newFrame();
+    like_->width = frame.width;
+    like_->height = frame.height;
+    like_->format = frame.format;
+    like_->color_range = frame.color_range;
+    like_->colorspace = frame.colorspace;
+    like_->color_primaries = frame.color_primaries;
+    like_->color_trc = frame.color_trc;
+    if (shape_ == 0)
+        shape_ = static_cast<double>(frame.width) / frame.height;
+
+    graph_.reset(notNull(avfilter_graph_alloc()));
+    graph_->nb_threads = coreCount();
+    av_opt_set(graph_.get(), "scale_sws_opts", "flags=bicubic", 0);
+    const std::string input =
+        fmt::format("video_size={}x{}:pix_fmt={}:time_base={}/{}:pixel_aspect={}/{}", frame.width,
+                    frame.height, frame.format, timeBase_.num, timeBase_.den,
+                    std::max(frame.sample_aspect_ratio.num, 0), std::max(frame.sample_aspect_ratio.den, 1));
+    int result = avfilter_graph_create_filter(&in_, avfilter_get_by_name("buffer"), "in", input.c_str(),
+                                              nullptr, graph_.get());
+    if (result >= 0)
+        result = avfilter_graph_create_filter(&out_, avfilter_get_by_name("buffersink"), "out", nullptr,
+                                              nullptr, graph_.get());
+    AVFilterInOut* outputs = avfilter_inout_alloc();
+    AVFilterInOut* inputs = avfilter_inout_alloc();
+    if (result >= 0 && outputs && inputs) {
+        *outputs = {av_strdup("in"), in_, 0, nullptr};
+        *inputs = {av_strdup("out"), out_, 0, nullptr};
+        result = avfilter_graph_parse_ptr(graph_.get(), chainFor(frame).c_str(), &inputs, &outputs, nullptr);
+        if (result >= 0)
+            result = avfilter_graph_config(graph_.get(), nullptr);
+    }
+    avfilter_inout_free(&inputs);
+    avfilter_inout_free(&outputs);
+    if (result < 0)
+        fail(FailureCode::Internal, result, "The pictures cannot be converted");
+}
+
+std::string VideoFilter::chainFor(const AVFrame& frame) const {
+    const bool sideways = target_.quarterTurns % 2 == 1;
+    const int width = sideways ? target_.height : target_.width;
+    const int height = sideways ? target_.width : target_.height;
+    std::string chain;
+    if (deinterlaces_)
+        chain += "bwdif=mode=send_frame:deint=interlaced,";
+
+    const double shape = static_cast<double>(frame.width) / frame.height;
+    const bool sameShape = std::abs(shape - shape_) < kSameShape * shape_;
+    const int cutX = frame.width - width, cutY = frame.height - height;
+    const bool onlyOdd = cutX >= 0 && cutX <= 1 && cutY >= 0 && cutY <= 1;
+    if (onlyOdd && cutX + cutY > 0)
+        chain += fmt::format("crop=w={}:h={}:x=0:y=0:exact=1,", width, height);
+
+    const AVPixFmtDescriptor* source = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
+    const bool fromRGB = source && (source->flags & (AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_PAL));
+    if (target_.toneMapped && isHDR(frame.color_trc)) {
+        PictureFormat upright = target_;
+        upright.width = width;
+        upright.height = height;
+        chain += toneMapping(frame, upright) + ",";
+    } else if (sameShape) {
+        chain += fmt::format("scale=w={}:h={}:flags=bicubic+accurate_rnd:out_range={}", width, height,
+                             rangeName(target_.range));
+        if (!fromRGB)
+            chain += fmt::format(":in_range={}", rangeName(frame.color_range));
+        else
+            chain +=
+                fmt::format(":out_color_matrix={}", target_.space == AVCOL_SPC_BT709 ? "bt709" : "smpte170m");
+        chain += ",";
+    } else {
+        chain += fmt::format("scale=w={0}:h={1}:force_original_aspect_ratio=decrease:flags=bicubic,"
+                             "pad=w={0}:h={1}:x=(ow-iw)/2:y=(oh-ih)/2,",
+                             width, height);
+    }
+    chain += turning(target_);
+    chain += fmt::format("format=pix_fmts={},setsar=sar={}/{}", av_get_pix_fmt_name(target_.pixels),
+                         target_.sampleAspect.num, target_.sampleAspect.den);
+    return chain;
+}
+
+} // namespace krv::media

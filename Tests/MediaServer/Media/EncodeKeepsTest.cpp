@@ -1,0 +1,253 @@
+#include "MediaTestKit.h"
+
+#include <array>
+#include <cstring>
+#include <gmock/gmock.h>
+
+namespace krv::media::test {
+namespace {
+
+// How far the grey values of two encodings of one picture may be apart; a wrong orientation is several times
+// that.
+constexpr double kSamePicture = 4;
+
+std::vector<nlohmann::json> frameSideData(const std::string& path) {
+    const auto json = nlohmann::json::parse(run({KRV_FFPROBE, "-v", "quiet", "-of", "json", "-select_streams",
+                                                 "v:0", "-show_frames", "-read_intervals", "%+#1", path}));
+    const auto& frame = json.at("frames").at(0);
+    return frame.contains("side_data_list") ? frame.at("side_data_list").get<std::vector<nlohmann::json>>()
+                                            : std::vector<nlohmann::json>{};
+}
+
+std::string displayMatrix(const Probe& probe) {
+    for (const auto& data : probe.video().value("side_data_list", nlohmann::json::array()))
+        if (text(data, "side_data_type") == "Display Matrix")
+            return text(data, "displaymatrix");
+    return "";
+}
+
+// A copy of upright.mp4 that is shown by another matrix: two rows of two, in 16.16 fixed point.
+OutputPath turned(std::array<int, 4> matrix) {
+    std::string bytes = readFile(testMedia("upright.mp4"));
+    const auto box = bytes.find("tkhd");
+    const auto at = box + 4 + 40; // the matrix of a version 0 track header
+    const auto put = [&](std::size_t cell, int value) {
+        const auto fixed = static_cast<std::uint32_t>(value) << 16;
+        for (std::size_t i = 0; i < 4; ++i)
+            bytes[at + cell * 4 + i] = static_cast<char>(fixed >> (24 - 8 * i) & 0xff);
+    };
+    put(0, matrix[0]);
+    put(1, matrix[1]);
+    put(3, matrix[2]);
+    put(4, matrix[3]);
+    OutputPath output("mp4");
+    writeFile(output.path(), bytes);
+    return output;
+}
+
+class Orientation : public testing::TestWithParam<std::array<int, 4>> {};
+
+TEST_P(Orientation, IsKeptInTheMatrixOrInThePixels) {
+    const OutputPath source = turned(GetParam());
+    const auto expected = shownPicture(source.path());
+    for (const std::int32_t type : {0, 1}) {
+        const auto movie = convert({.source = source.path(), .extension = "mp4", .type = type});
+        EXPECT_EQ(displayMatrix(Probe(movie)), displayMatrix(Probe(source)));
+        EXPECT_LT(difference(shownPicture(movie.path()), expected), kSamePicture);
+        const auto matroska = convert({.source = source.path(), .extension = "mkv", .type = type});
+        EXPECT_EQ(displayMatrix(Probe(matroska)), "");
+        EXPECT_LT(difference(shownPicture(matroska.path()), expected), kSamePicture);
+    }
+}
+
+// Turned by 0, 90, 180, 270 degrees, and the same mirrored.
+INSTANTIATE_TEST_SUITE_P(Keeps, Orientation,
+                         testing::Values(std::array{1, 0, 0, 1}, std::array{0, 1, -1, 0},
+                                         std::array{-1, 0, 0, -1}, std::array{0, -1, 1, 0},
+                                         std::array{-1, 0, 0, 1}, std::array{1, 0, 0, -1},
+                                         std::array{0, 1, 1, 0}, std::array{0, -1, -1, 0}));
+
+TEST(Keeps, TheShapeOfThePixels) {
+    for (const char* extension : {"mov", "mp4", "mkv"})
+        for (const std::int32_t type : {0, 1, 2}) {
+            const auto output =
+                convert({.source = testMedia("anamorphic.mov"), .extension = extension, .type = type});
+            EXPECT_EQ(text(Probe(output).video(), "sample_aspect_ratio"), "4:3") << extension << type;
+        }
+}
+
+TEST(Keeps, TheColourDescription) {
+    for (const std::int32_t type : {0, 1, 2}) {
+        const auto video = Probe(convert({.source = testMedia("plain.mov"), .type = type})).video();
+        EXPECT_EQ(text(video, "color_primaries"), "bt709");
+        EXPECT_EQ(text(video, "color_transfer"), "bt709");
+        EXPECT_EQ(text(video, "color_space"), "bt709");
+        EXPECT_EQ(text(video, "color_range"), "tv");
+    }
+}
+
+TEST(Keeps, HighDynamicRangeInHEVC) {
+    for (const char* extension : {"mp4", "mkv"}) {
+        const auto output = convert({.source = testMedia("hdr.mp4"), .extension = extension, .type = 2});
+        const auto video = Probe(output).video();
+        EXPECT_EQ(text(video, "pix_fmt"), "yuv420p10le");
+        EXPECT_EQ(text(video, "color_primaries"), "bt2020");
+        EXPECT_EQ(text(video, "color_transfer"), "smpte2084");
+        EXPECT_EQ(text(video, "color_space"), "bt2020nc");
+        std::string mastering, light;
+        for (const auto& data : frameSideData(output.path())) {
+            if (text(data, "side_data_type") == "Mastering display metadata")
+                mastering = text(data, "max_luminance") + " " + text(data, "red_x");
+            if (text(data, "side_data_type") == "Content light level metadata")
+                light = text(data, "max_content") + " " + text(data, "max_average");
+        }
+        EXPECT_EQ(mastering, "10000000/10000 34000/50000");
+        EXPECT_EQ(light, "1000 400");
+    }
+}
+
+TEST(Keeps, ThePictureOfHighDynamicRangeInHDotTwoSixFourByToneMapping) {
+    const auto output = convert({.source = testMedia("hdr.mp4"), .type = 1});
+    const auto video = Probe(output).video();
+    EXPECT_EQ(text(video, "pix_fmt"), "yuv420p");
+    EXPECT_EQ(text(video, "color_primaries"), "bt709");
+    EXPECT_EQ(text(video, "color_transfer"), "bt709");
+    EXPECT_EQ(text(video, "color_space"), "bt709");
+    // The range of greys is used again, where the untouched signal of this movie is confined to its dark
+    // half.
+    const auto greys = shownPicture(output.path());
+    EXPECT_GT(*std::max_element(greys.begin(), greys.end()) - *std::min_element(greys.begin(), greys.end()),
+              100);
+}
+
+TEST(Keeps, ChaptersWithTheirTitles) {
+    for (const char* extension : {"mov", "mp4", "mkv"})
+        for (const std::int32_t type : {0, 1}) {
+            const auto output =
+                convert({.source = testMedia("chapters.mp4"), .extension = extension, .type = type});
+            const Probe probe(output);
+            const auto& chapters = probe.all().at("chapters");
+            ASSERT_EQ(chapters.size(), 2U) << extension;
+            EXPECT_EQ(tagOf(chapters[0], "title"), "One");
+            EXPECT_EQ(tagOf(chapters[1], "title"), "Two");
+            EXPECT_NEAR(number(chapters[1], "start_time"), 1.0, 0.001);
+        }
+}
+
+TEST(Keeps, TitleAndOtherTags) {
+    for (const char* extension : {"mov", "mp4", "mkv", "mp3", "flac"}) {
+        const bool sound = std::strlen(extension) > 3 || std::string_view(extension) == "mp3";
+        const auto output =
+            convert({.source = testMedia("plain.mov"), .extension = extension, .type = sound ? 7 : 1});
+        EXPECT_EQ(Probe(output).tag("title"), "A plain movie") << extension;
+        EXPECT_EQ(Probe(output).tag("artist"), "Nobody") << extension;
+    }
+}
+
+TEST(Keeps, WhatTheCameraStored) {
+    const auto output = convert({.source = testMedia("camera.mov"), .extension = "mov", .type = 1});
+    EXPECT_EQ(Probe(output).tag("com.apple.quicktime.model"), "Test camera");
+    EXPECT_EQ(Probe(output).tag("title"), "From a camera");
+}
+
+TEST(Keeps, EveryAudioTrackWithItsLanguage) {
+    // Twice through different containers, because each has its own idea of languages.
+    const auto matroska = convert({.source = testMedia("languages.mkv"), .extension = "mkv", .type = 1});
+    const auto movie = convert({.source = matroska.path(), .extension = "mov", .type = 0});
+    const auto mp4 = convert({.source = matroska.path(), .extension = "mp4", .type = 1});
+    for (const auto* output : {&matroska, &movie, &mp4}) {
+        const auto tracks = Probe(*output).streams("audio");
+        ASSERT_EQ(tracks.size(), 3U);
+        EXPECT_EQ(tagOf(tracks[0], "language"), "eng");
+        EXPECT_THAT(tagOf(tracks[1], "language"), testing::AnyOf("deu", "ger"));
+        EXPECT_EQ(tagOf(tracks[2], "language"), "fra");
+    }
+}
+
+TEST(Keeps, WhichTrackIsTheDefault) {
+    const auto output = convert({.source = testMedia("languages.mkv"), .extension = "mkv", .type = 1});
+    const auto tracks = Probe(output).streams("audio");
+    EXPECT_EQ(tracks.at(0)["disposition"]["default"], 0);
+    EXPECT_EQ(tracks.at(1)["disposition"]["default"], 1);
+}
+
+TEST(Keeps, TheDefaultTrackWhereOnlyOneFits) {
+    const auto output = convert({.source = testMedia("languages.mkv"), .extension = "mp3", .type = 7});
+    EXPECT_EQ(Probe(output).streams("audio").size(), 1U);
+    const auto expected = convert({.source = testMedia("languages.mkv"), .extension = "mka", .type = 0});
+    EXPECT_EQ(Probe(expected).streams("audio").size(), 3U);
+}
+
+TEST(Keeps, CoverArt) {
+    for (const char* extension : {"m4a", "mp4", "mka", "mp3", "flac"}) {
+        const auto output = convert({.source = testMedia("cover.m4a"), .extension = extension, .type = 7});
+        const Probe probe(output);
+        ASSERT_EQ(probe.covers().size(), 1U) << extension;
+        EXPECT_EQ(number(probe.covers()[0], "width"), 64);
+        EXPECT_EQ(probe.streams("audio").size(), 1U);
+    }
+}
+
+TEST(Keeps, TextSubtitles) {
+    struct Kind {
+        const char* extension;
+        std::int32_t type;
+        const char* codec;
+    };
+    for (const auto& [extension, type, codec] : {Kind{"mov", 1, "mov_text"}, Kind{"mp4", 0, "mov_text"},
+                                                 Kind{"mkv", 1, "subrip"}, Kind{"webm", 5, "webvtt"}}) {
+        const auto output =
+            convert({.source = testMedia("subtitles.mkv"), .extension = extension, .type = type});
+        const auto subtitles = Probe(output).streams("subtitle");
+        ASSERT_EQ(subtitles.size(), 1U) << extension;
+        EXPECT_EQ(text(subtitles[0], "codec_name"), codec);
+        EXPECT_EQ(tagOf(subtitles[0], "language"), "fra");
+        const std::string lines =
+            run({KRV_FFMPEG, "-v", "quiet", "-i", output.path(), "-map", "0:s:0", "-f", "srt", "-"});
+        EXPECT_THAT(lines, testing::HasSubstr("00:00:00,200 --> 00:00:00,900"));
+        EXPECT_THAT(lines, testing::HasSubstr("First line"));
+        EXPECT_THAT(lines, testing::HasSubstr("Second line"));
+    }
+}
+
+TEST(Keeps, TheTimeCode) {
+    for (const char* extension : {"mov", "mp4"})
+        for (const std::int32_t type : {0, 1}) {
+            const auto output =
+                convert({.source = testMedia("plain.mov"), .extension = extension, .type = type});
+            EXPECT_EQ(tagOf(Probe(output).video(), "timecode"), "01:00:00:00") << extension << type;
+        }
+}
+
+TEST(Keeps, FieldsOnlyWhereTheCodecDoes) {
+    const auto copied =
+        Probe(convert({.source = testMedia("interlaced.mpg"), .extension = "mkv", .type = 0}));
+    EXPECT_EQ(text(copied.video(), "field_order"), "tt");
+    const auto changed = Probe(convert({.source = testMedia("interlaced.mpg"), .type = 1}));
+    EXPECT_EQ(text(changed.video(), "field_order"), "progressive");
+    EXPECT_EQ(number(changed.video(), "nb_read_frames"), 50);
+    const auto production =
+        Probe(convert({.source = testMedia("interlaced.mpg"), .extension = "mov", .type = 4}));
+    EXPECT_EQ(text(production.video(), "field_order"), "tt");
+}
+
+TEST(Keeps, OddSizesNearlyByMakingThemEven) {
+    const auto video = Probe(convert({.source = testMedia("odd.mkv")})).video();
+    EXPECT_EQ(number(video, "width"), 320);
+    EXPECT_EQ(number(video, "height"), 240);
+}
+
+TEST(Keeps, AllChannels) {
+    for (const char* extension : {"mp4", "mkv"}) {
+        const auto audio =
+            Probe(convert({.source = testMedia("surround.mov"), .extension = extension})).audio();
+        EXPECT_EQ(number(audio, "channels"), 6);
+        EXPECT_EQ(text(audio, "channel_layout"), "5.1");
+    }
+    const auto opus =
+        Probe(convert({.source = testMedia("surround.mov"), .extension = "webm", .type = 5})).audio();
+    EXPECT_EQ(number(opus, "channels"), 6);
+}
+
+} // namespace
+} // namespace krv::media::test

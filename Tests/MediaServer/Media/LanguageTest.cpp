@@ -1,0 +1,21 @@
+#include <MediaServer/Media/Language.h>
+#include <gtest/gtest.h>
+
+namespace krv::media {
+namespace {
+
+TEST(Language, TheOtherFormOfACodeIsTranslated) {
+    EXPECT_EQ(quickTimeLanguage("deu"), "ger");
+    EXPECT_EQ(quickTimeLanguage("fre"), "fra");
+    EXPECT_EQ(quickTimeLanguage("zho"), "chi");
+}
+
+TEST(Language, OtherCodesStayAsTheyAre) {
+    EXPECT_EQ(quickTimeLanguage("eng"), "eng");
+    EXPECT_EQ(quickTimeLanguage("ger"), "ger");
+    EXPECT_EQ(quickTimeLanguage("und"), "und");
+    EXPECT_EQ(quickTimeLanguage(""), "");
+}
+
+} // namespace
+} // namespace krv::media

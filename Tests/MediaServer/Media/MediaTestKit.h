@@ -1,0 +1,117 @@
+#pragma once
+
+#include <MediaServer/Media/Encode.h>
+#include <MediaServer/Media/FourCC.h>
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace krv::media::test {
+
+/// The path of a movie that scripts/make-test-media has made.
+std::string testMedia(const std::string& name);
+
+/// An open descriptor, closed at the end.
+class Descriptor {
+public:
+    explicit Descriptor(int number);
+    ~Descriptor();
+    Descriptor(Descriptor&& other) noexcept;
+    Descriptor& operator=(Descriptor&&) = delete;
+    [[nodiscard]] int number() const { return number_; }
+
+private:
+    int number_;
+};
+
+/// Opens a file to be read. Throws std::system_error.
+Descriptor openToRead(const std::string& path);
+
+/// An empty file of a unique name that is removed at the end.
+class OutputPath {
+public:
+    explicit OutputPath(const std::string& extension);
+    ~OutputPath();
+    OutputPath(OutputPath&& other) noexcept;
+    OutputPath& operator=(OutputPath&&) = delete;
+    [[nodiscard]] const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+/// Remembers all that was reported.
+class RecordingSink : public ProgressSink {
+public:
+    void progress(double fraction) noexcept override { fractions.push_back(fraction); }
+    std::vector<double> fractions;
+};
+
+/// What a test asks for; the files are opened by convert().
+struct Conversion {
+    std::string source{}; ///< a path
+    std::string extension = "mp4";
+    std::int32_t type = 1;
+    bool flatten = false;
+    std::optional<VideoSettings> video{};
+    std::optional<AudioSettings> audio{};
+};
+
+/// Converts into a file of its own. Throws what encode() throws.
+OutputPath convert(const Conversion& conversion, ProgressSink& sink);
+OutputPath convert(const Conversion& conversion);
+
+/// The failure that a conversion ends with; none if it succeeds, or leaves anything else.
+std::optional<Failure> failureOf(const Conversion& conversion);
+
+/// Runs a program and returns what it printed. Throws std::runtime_error if it fails.
+std::string run(const std::vector<std::string>& arguments);
+
+/// What ffprobe says about a file: streams (with decoded frames counted), format and chapters.
+class Probe {
+public:
+    explicit Probe(const std::string& path);
+    explicit Probe(const OutputPath& output)
+        : Probe(output.path()) {}
+
+    [[nodiscard]] const nlohmann::json& all() const { return json_; }
+    /// The streams of a type ("video", "audio", "subtitle"), cover pictures apart.
+    [[nodiscard]] std::vector<nlohmann::json> streams(const std::string& type) const;
+    /// The first video stream that is not a cover picture, and the first audio stream. Throw if there is
+    /// none.
+    [[nodiscard]] nlohmann::json video() const;
+    [[nodiscard]] nlohmann::json audio() const;
+    [[nodiscard]] std::vector<nlohmann::json> covers() const;
+    [[nodiscard]] double duration() const;
+    [[nodiscard]] std::string tag(const std::string& key) const;
+
+private:
+    nlohmann::json json_;
+};
+
+/// Text and number fields of ffprobe's answers; empty and 0 where they are missing.
+std::string text(const nlohmann::json& object, const std::string& key);
+double number(const nlohmann::json& object, const std::string& key);
+/// A tag of a stream or chapter; the case of its key does not matter.
+std::string tagOf(const nlohmann::json& object, const std::string& key);
+
+/// The times at which the pictures of the first video stream are shown, from the movie's start.
+std::vector<double> pictureTimes(const std::string& path);
+/// The brightness, 0 to 255, of each picture of the first video stream.
+std::vector<int> pictureBrightness(const std::string& path);
+/// When the picture turns bright and the sound loud, in seconds from the movie's start.
+double flashTime(const std::string& path);
+double beepTime(const std::string& path);
+/// The length of the first audio stream's sound, decoded, in seconds.
+double soundLength(const std::string& path);
+/// The first picture as it is shown (upright), shrunk to 16 x 16 grey values.
+std::vector<int> shownPicture(const std::string& path);
+/// How far two pictures are apart: the mean difference of their grey values.
+double difference(const std::vector<int>& a, const std::vector<int>& b);
+
+std::string readFile(const std::string& path);
+void writeFile(const std::string& path, const std::string& content);
+
+} // namespace krv::media::test
