@@ -1,5 +1,7 @@
 #include <filesystem>
 
+#include <dlfcn.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -92,9 +94,10 @@ TEST_F(BundleTest, TheBundleOfAFunctionOfTheProgramIsTheProgramsDirectory) {
 }
 
 TEST_F(BundleTest, TheBundleOfAFunctionOfALibraryIsTheLibrarysDirectory) {
-    const auto found = Bundle::containing(reinterpret_cast<const void*>(&std::fputs));
+    // Looked up by name: the address of a library's function that the program takes may lie in the program.
+    const auto found = Bundle::containing(::dlsym(RTLD_DEFAULT, "g_get_user_name"));
     ASSERT_TRUE(found);
-    EXPECT_TRUE(fs::exists(found->path() + "/libc.so.6")) << found->path();
+    EXPECT_TRUE(fs::exists(found->path() + "/libglib-2.0.so.0")) << found->path();
 }
 
 TEST_F(BundleTest, AnAddressOutsideOfEveryFileHasNoBundle) {

@@ -85,6 +85,8 @@ TEST_F(NotificationCenterTest, AnObserverMayPost) {
 
 TEST_F(NotificationCenterTest, WhatAnObserverHoldsMayComeBackWhileItIsRemoved) {
     struct Poster {
+        explicit Poster(NotificationCenter& told)
+            : center(told) {}
         NotificationCenter& center;
         ~Poster() { center.post({"b", {}, {}}); }
     };
@@ -130,5 +132,5 @@ TEST_F(NotificationCenterTest, TheDefaultCenterIsOne) {
     EXPECT_EQ(&NotificationCenter::defaultCenter(), &NotificationCenter::defaultCenter());
 }
 
-} // namespace
-} // namespace krv
+}  // namespace
+}  // namespace krv
