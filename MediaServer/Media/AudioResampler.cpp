@@ -14,7 +14,7 @@ constexpr int kAnyFrameSize = 4096;
 constexpr int kToleratedPart = 66;
 
 // Sound that seems to lie further back than this does not overlap, its clock has jumped.
-constexpr int kLongestOverlapSeconds = 10;
+constexpr std::int64_t kLongestOverlapSeconds = 10;
 
 } // namespace
 

@@ -11,6 +11,7 @@
 #include <MediaServer/Media/StreamPlan.h>
 #include <MediaServer/Media/SubtitleConverter.h>
 #include <MediaServer/Media/VideoTranscoder.h>
+#include <algorithm>
 #include <deque>
 #include <memory>
 #include <vector>
@@ -19,7 +20,7 @@ namespace krv::media {
 namespace {
 
 // How many packets may be kept back, in bytes, while a stream still has to show its first picture.
-constexpr std::int64_t kMostQueuedBytes = 64 * 1024 * 1024;
+constexpr std::int64_t kMostQueuedBytes = std::int64_t{64} << 20;
 
 // Where the phases end. Moving the index to the front reads and writes everything once more, which counts
 // where the streams were only copied.

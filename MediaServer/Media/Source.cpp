@@ -10,8 +10,8 @@ namespace krv::media {
 namespace {
 
 // How much of the file may be looked at to find out what its streams are.
-constexpr std::int64_t kProbeBytes = 20 * 1000 * 1000;
-constexpr std::int64_t kProbeTime = 10 * AV_TIME_BASE;
+constexpr std::int64_t kProbeBytes = 20'000'000;
+constexpr std::int64_t kProbeTime = std::int64_t{10} * AV_TIME_BASE;
 
 // A movie whose first frame is later than this does not begin with an empty edit, it is a piece of something
 // longer.
@@ -24,7 +24,7 @@ constexpr std::int64_t kSpliceBackward = AV_TIME_BASE / 10;
 
 // Lengths in headers are not exact; times this far behind the end are damage all the same.
 constexpr std::int64_t kSlack = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
-constexpr std::int64_t kLongestMovie = 1000 * 3600 * static_cast<std::int64_t>(AV_TIME_BASE);
+constexpr std::int64_t kLongestMovie = std::int64_t{1000} * 3600 * AV_TIME_BASE;
 
 // Demuxers that resynchronise after damage report each failed try; after so many in a row there is nothing to
 // come.
