@@ -112,6 +112,9 @@ HTTPResponse CurlConnection::send(const HTTPRequest& request) {
     curl_easy_setopt(handle, CURLOPT_POSTFIELDS, nullptr);
     if (code != CURLE_OK) {
         exchange.response.error = sentence(code, exchange, port);
+    } else if (!exchange.response.body) {
+        // curl takes a head that breaks off for the end of an answer without a body.
+        exchange.response.error = sentence(CURLE_GOT_NOTHING, exchange, port);
     }
     if (exchange.foreignPeer) {
         handle_.reset();  // curl would keep the connection, and use it for the next request unasked
