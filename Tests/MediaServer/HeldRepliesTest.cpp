@@ -14,7 +14,8 @@ TEST(HeldReplies, AnswersWhenThereIsNews) {
     HeldReplies held;
     std::atomic<bool> ready{false};
     std::promise<void> answered;
-    held.hold(1h, [&] { return ready.load(); }, [&] { answered.set_value(); });
+    held.hold(
+        1h, [&] { return ready.load(); }, [&] { answered.set_value(); });
     held.lookAgain();
     ready = true;
     held.lookAgain();
@@ -24,14 +25,16 @@ TEST(HeldReplies, AnswersWhenThereIsNews) {
 TEST(HeldReplies, AnswersAtTheDeadlineWithoutNews) {
     HeldReplies held;
     std::promise<void> answered;
-    held.hold(1ms, [] { return false; }, [&] { answered.set_value(); });
+    held.hold(
+        1ms, [] { return false; }, [&] { answered.set_value(); });
     answered.get_future().wait();
 }
 
 TEST(HeldReplies, AnswersAtOnceWhatIsReady) {
     HeldReplies held;
     std::promise<void> answered;
-    held.hold(1h, [] { return true; }, [&] { answered.set_value(); });
+    held.hold(
+        1h, [] { return true; }, [&] { answered.set_value(); });
     answered.get_future().wait();
 }
 
@@ -40,7 +43,8 @@ TEST(HeldReplies, AnswersWhatIsLeftWhenItGoes) {
     {
         HeldReplies held;
         for (int i = 0; i < 10; ++i) {
-            held.hold(1h, [] { return false; }, [&] { ++answers; });
+            held.hold(
+                1h, [] { return false; }, [&] { ++answers; });
         }
     }
     EXPECT_EQ(answers, 10);
@@ -49,8 +53,12 @@ TEST(HeldReplies, AnswersWhatIsLeftWhenItGoes) {
 TEST(HeldReplies, AnAnswerMayHoldAnother) {
     std::promise<void> answered;
     HeldReplies held;
-    held.hold(1ms, [] { return false; },
-              [&] { held.hold(1ms, [] { return false; }, [&] { answered.set_value(); }); });
+    held.hold(
+        1ms, [] { return false; },
+        [&] {
+            held.hold(
+                1ms, [] { return false; }, [&] { answered.set_value(); });
+        });
     answered.get_future().wait();
 }
 

@@ -1,9 +1,9 @@
 // The real server with real workers: started for each test on ports of its own, with folders of its own.
+#include <cmath>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <cmath>
 #include <limits>
 #include <random>
 #include <thread>
@@ -33,7 +33,8 @@ using test::ChildProcess;
 
 class FixedPort final : public ServicePort {
 public:
-    explicit FixedPort(long port) : port_(port) {}
+    explicit FixedPort(long port)
+        : port_(port) {}
     [[nodiscard]] long servicePortNumber() const override { return port_; }
 
 private:
@@ -327,8 +328,8 @@ TEST_F(Server, RefusesSettingsThatCannotBe) {
     start();
     const auto code = [this](std::uint32_t codec, float quality, float fps, std::string_view text) {
         const auto* p = reinterpret_cast<const std::byte*>(text.data());
-        const auto video = VideoEncodingParameters::encodingParametersWithData(
-            std::make_shared<const Data>(p, p + text.size()));
+        const auto video =
+            VideoEncodingParameters::encodingParametersWithData(std::make_shared<const Data>(p, p + text.size()));
         video->setCodec(codec);
         video->setQuality(quality);
         video->setFps(fps);

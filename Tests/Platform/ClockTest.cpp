@@ -57,5 +57,5 @@ TEST(FakeClock, SleepingPassesTheTimeAndIsRecorded) {
     EXPECT_EQ(clock.sleeps(), (std::vector<Clock::Duration>{500ms, -1s}));
 }
 
-} // namespace
-} // namespace krv
+}  // namespace
+}  // namespace krv

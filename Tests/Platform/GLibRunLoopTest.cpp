@@ -182,5 +182,5 @@ TEST(FakeRunLoop, ReadyCallsRunWithoutPassingTime) {
     EXPECT_EQ(clock.now(), start);
 }
 
-} // namespace
-} // namespace krv
+}  // namespace
+}  // namespace krv

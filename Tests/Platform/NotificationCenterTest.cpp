@@ -130,5 +130,5 @@ TEST_F(NotificationCenterTest, TheDefaultCenterIsOne) {
     EXPECT_EQ(&NotificationCenter::defaultCenter(), &NotificationCenter::defaultCenter());
 }
 
-} // namespace
-} // namespace krv
+}  // namespace
+}  // namespace krv

@@ -70,8 +70,8 @@ std::string kindName(const testing::TestParamInfo<LoopKind>& info) {
     return "Fake";
 }
 
-INSTANTIATE_TEST_SUITE_P(All, RunLoopContract,
-                         testing::Values(LoopKind::Main, LoopKind::Thread, LoopKind::Fake), kindName);
+INSTANTIATE_TEST_SUITE_P(All, RunLoopContract, testing::Values(LoopKind::Main, LoopKind::Thread, LoopKind::Fake),
+                         kindName);
 
 TEST_P(RunLoopContract, ATimerRepeatsUntilItIsInvalidated) {
     onLoop([](RunLoop& loop, Clock& clock) {
@@ -92,8 +92,7 @@ TEST_P(RunLoopContract, ATimerDoesNotFireBeforeItsFirstInterval) {
     onLoop([](RunLoop& loop, Clock& clock) {
         const auto start = clock.now();
         Clock::TimePoint first;
-        const auto timer =
-            loop.scheduleTimer(3ms, [&] { first = first == Clock::TimePoint() ? clock.now() : first; });
+        const auto timer = loop.scheduleTimer(3ms, [&] { first = first == Clock::TimePoint() ? clock.now() : first; });
         turnUntil(loop, clock, [&] { return first != Clock::TimePoint(); });
         timer->invalidate();
         EXPECT_GE(first, start + 3ms);
@@ -383,7 +382,7 @@ TEST_P(RunLoopContract, WhatANestedTurnRaisesPassesThroughTheCallbackThatTurned)
 
 TEST_P(RunLoopContract, SeveralThreadsMayAskAtOnce) {
     onLoop([](RunLoop& loop, Clock& clock) {
-        int called = 0; // only ever touched by the loop's thread
+        int called = 0;  // only ever touched by the loop's thread
         const auto ask = [&] {
             for (int i = 0; i < 100; ++i) {
                 const auto object = target();
@@ -397,7 +396,7 @@ TEST_P(RunLoopContract, SeveralThreadsMayAskAtOnce) {
         };
         std::thread first(ask);
         std::thread second(ask);
-        if (GetParam() != LoopKind::Fake) { // nothing turns virtual time while others ask
+        if (GetParam() != LoopKind::Fake) {  // nothing turns virtual time while others ask
             turnUntil(loop, clock, [&] { return called == 400; });
         }
         first.join();
@@ -406,5 +405,5 @@ TEST_P(RunLoopContract, SeveralThreadsMayAskAtOnce) {
     });
 }
 
-} // namespace
-} // namespace krv
+}  // namespace
+}  // namespace krv

@@ -1,6 +1,6 @@
-#include <KRVQTProcessClient/Platform/Fakes/FakeClock.h>
-
 #include <algorithm>
+
+#include <KRVQTProcessClient/Platform/Fakes/FakeClock.h>
 
 namespace krv {
 
@@ -32,4 +32,4 @@ std::vector<Clock::Duration> FakeClock::sleeps() const {
     return sleeps_;
 }
 
-} // namespace krv
+}  // namespace krv

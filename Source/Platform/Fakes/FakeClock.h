@@ -30,4 +30,4 @@ private:
     std::vector<Duration> sleeps_ KRV_GUARDED_BY(mutex_);
 };
 
-} // namespace krv
+}  // namespace krv

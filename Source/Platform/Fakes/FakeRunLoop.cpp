@@ -1,6 +1,6 @@
-#include <KRVQTProcessClient/Platform/Fakes/FakeRunLoop.h>
-
 #include <stdexcept>
+
+#include <KRVQTProcessClient/Platform/Fakes/FakeRunLoop.h>
 
 namespace krv {
 
@@ -32,7 +32,7 @@ void FakeRunLoop::runUntil(Clock::TimePoint time) {
         clock_.advanceTo(*next);
         makeDueCalls();
         if (clock_.now() > time) {
-            return; // a call-back has slept beyond the end
+            return;  // a call-back has slept beyond the end
         }
     }
     clock_.advanceTo(time);
@@ -53,4 +53,4 @@ void FakeRunLoop::stop() {
     stopRequested_ = true;
 }
 
-} // namespace krv
+}  // namespace krv

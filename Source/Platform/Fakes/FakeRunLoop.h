@@ -47,4 +47,4 @@ private:
     std::atomic<bool> stopRequested_{false};
 };
 
-} // namespace krv
+}  // namespace krv

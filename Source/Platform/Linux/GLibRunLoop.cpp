@@ -1,11 +1,10 @@
-#include <KRVQTProcessClient/Platform/Linux/GLibRunLoop.h>
-
 #include <atomic>
 #include <utility>
 
 #include <unistd.h>
 
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Platform/Linux/GLibRunLoop.h>
 #include <KRVQTProcessClient/Shared/Log.h>
 
 // GLib's frames must not see an exception, so dispatch() catches what a call-back throws and the turn ends
@@ -78,7 +77,7 @@ private:
 std::atomic<RunLoop*> mainReplacement{nullptr};
 thread_local RunLoop* currentReplacement = nullptr;
 
-} // namespace
+}  // namespace
 
 /// Marks that the loop is turned by one of its own operations. What the callees make meanwhile in this thread
 /// belongs to the loop's context; it is not pushed for longer, because an application pushes and pops
@@ -88,8 +87,7 @@ public:
     explicit Turning(GLibRunLoop& loop)
         : loop_(loop) {
         if (!loop_.isOwnThread()) {
-            throw Exception("NSInternalInconsistencyException",
-                            "a run loop can be turned by its own thread only");
+            throw Exception("NSInternalInconsistencyException", "a run loop can be turned by its own thread only");
         }
         ++loop_.turning_;
         if (loop_.kind_ == Kind::Thread) {
@@ -225,4 +223,4 @@ RunLoop::Replacement::~Replacement() {
     currentReplacement = previousCurrent_;
 }
 
-} // namespace krv
+}  // namespace krv

@@ -39,7 +39,7 @@ private:
     [[nodiscard]] bool isOwnThread() const;
 
     const Kind kind_;
-    const std::thread::id thread_; // of a thread loop
+    const std::thread::id thread_;  // of a thread loop
     GMainContext* const context_;
     GSource* const source_;
     // Waking the context under this lock keeps a thread that sees the request, returns from run() and ends
@@ -51,4 +51,4 @@ private:
     std::exception_ptr exception_;
 };
 
-} // namespace krv
+}  // namespace krv
