@@ -22,8 +22,10 @@ public:
     using Key = Value::StringRef;
     using Entry = std::pair<Key, Value>;
 
-    /// An empty dictionary.
-    explicit Dictionary(Mutability mutability = Mutability::Mutable) noexcept : mutability_(mutability) {}
+    /// An empty mutable dictionary.
+    Dictionary() noexcept : Dictionary(Mutability::Mutable) {}
+    /// An empty dictionary of the given kind.
+    explicit Dictionary(Mutability mutability) noexcept : mutability_(mutability) {}
     /// A mutable dictionary with the given entries; of two with the same key the later one stays.
     Dictionary(std::initializer_list<std::pair<std::string_view, Value>> entries);
 

@@ -30,4 +30,10 @@ public:
     return std::chrono::duration<double>(d).count();
 }
 
+/// A time that far after another one; the latest time there is when the sum is out of range. The duration
+/// must not be negative.
+[[nodiscard]] constexpr Clock::TimePoint timePointAfter(Clock::TimePoint time, Clock::Duration duration) noexcept {
+    return time > Clock::TimePoint::max() - duration ? Clock::TimePoint::max() : time + duration;
+}
+
 }  // namespace krv

@@ -24,16 +24,16 @@ struct HTTPResponse {
     std::optional<Data> body;
     /// The status of the response head, 0 when none came.
     int status = 0;
-    /// Why the exchange did not end as it should, as a sentence for people; absent when it did. May stand beside a
-    /// body that was cut short.
+    /// Why the exchange did not end as it should, as a sentence for people; absent when it did. May stand
+    /// beside a body that was cut short.
     std::optional<std::string> error;
 };
 
 /// Sends requests over loopback connections that stay open between calls, one set for each calling thread.
 ///
-/// No proxy, no redirect, no cookie, no cache, no signal; ports outside 1 to 65535 fail as a connection error. After connecting and before
-/// anything is sent, the peer's socket must belong to this process's user; otherwise the request fails as a
-/// connection error. Response bodies over 64 MiB are refused with an error.
+/// No proxy, no redirect, no cookie, no cache, no signal; ports outside 1 to 65535 fail as a connection
+/// error. After connecting and before anything is sent, the peer's socket must belong to this process's user;
+/// otherwise the request fails as a connection error. Response bodies over 64 MiB are refused with an error.
 ///
 /// Thread-safe; a call blocks its thread until it is done or the time-out has passed. Raises nothing.
 class KRV_EXPORT HTTPClient {

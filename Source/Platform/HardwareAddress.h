@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -11,13 +12,23 @@ namespace krv {
 
 /// What a look-up in the kernel's interface list can end in.
 struct HardwareAddressLookup {
-    /// The address bytes; absent when the interface does not exist, has none, or the list cannot be read.
+    enum class Failure : std::uint8_t {
+        None,
+        /// The kernel cannot be asked at all.
+        NoQuery,
+        /// The list of interfaces cannot be read.
+        NoList,
+        /// The interface is there, but its address cannot be read.
+        NoEntry
+    };
+    /// The address bytes; absent when the interface does not exist, has none, or could not be asked for.
     std::optional<std::vector<std::byte>> address;
-    /// errno of the call that failed to list the interfaces; 0 when the list could be read.
-    int listError = 0;
+    Failure failure = Failure::None;
+    /// errno of the call that failed; 0 when none did.
+    int code = 0;
 };
 
 /// The hardware address of a network interface, such as "en0". Any thread.
-[[nodiscard]] HardwareAddressLookup hardwareAddressOfInterface(std::string_view name);
+[[nodiscard]] KRV_EXPORT HardwareAddressLookup hardwareAddressOfInterface(std::string_view name);
 
 }  // namespace krv

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -23,8 +24,10 @@ struct Notification {
 
 /// Delivers named notifications to observers, synchronously, on the thread that posts.
 ///
-/// Thread-safe. Observers are called without a lock held, in the order in which they were added, from a list taken
-/// when the post began: an observer may add, remove and post.
+/// Thread-safe. Observers are called without a lock held, in the order in which they were added, from a list
+/// taken when the post began: an observer may add, remove and post. One that is removed while a post is under
+/// way and has not been called yet is not called any more. What an observer throws ends the post and passes
+/// to the poster.
 class KRV_EXPORT NotificationCenter {
 public:
     using Observer = std::function<void(const Notification&)>;
@@ -36,7 +39,8 @@ public:
 
     private:
         friend class NotificationCenter;
-        explicit Token(std::uint64_t id) : id_(id) {}
+        explicit Token(std::uint64_t id)
+            : id_(id) {}
         std::uint64_t id_ = 0;
     };
 
@@ -50,14 +54,17 @@ public:
     [[nodiscard]] Token addObserver(std::string_view name, Observer observer);
     /// After this returns no new delivery starts; one that another thread has begun may still run.
     void removeObserver(Token token);
+    /// An empty observer is never called.
     void post(const Notification& notification) const;
 
 private:
     struct Entry {
-        std::uint64_t id;
+        std::uint64_t id = 0;
         std::string name;
         std::shared_ptr<const Observer> observer;
     };
+
+    [[nodiscard]] bool isObserving(std::uint64_t id) const;
 
     mutable Mutex mutex_;
     std::vector<Entry> entries_ KRV_GUARDED_BY(mutex_);

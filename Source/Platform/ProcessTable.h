@@ -15,8 +15,8 @@ namespace krv {
 /// What is known of one process.
 struct ProcessInfo {
     pid_t pid = 0;
-    /// The name of its executable file, in full. For a process whose executable cannot be read (another user's),
-    /// the kernel's own name for it, which is cut at 15 bytes.
+    /// The name of its executable file, in full. For a process whose executable cannot be read (another
+    /// user's), the kernel's own name for it, which is cut at 15 bytes.
     std::string name;
     /// Its real user.
     uid_t user = 0;

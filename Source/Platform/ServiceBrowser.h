@@ -48,27 +48,27 @@ public:
 /// Looks for services of one type on this machine.
 ///
 /// Only services published on the loopback interface are seen. A service is reported under the name it was
-/// published with, also when a conflict has renamed it ("NAME #2"), and only when its port is held by a process of
-/// this user. While a search has shown no service, an ended batch without a match is reported 2 s after the search
-/// began and then every 6 s.
+/// published with, also when a conflict has renamed it ("NAME #2"), and only when its port is held by a
+/// process of this user. While a search has shown no service, an ended batch without a match is reported 2 s
+/// after the search began and then every 6 s; a search that follows such a report waits 6 s at once.
 ///
-/// search and stop may be called on any thread; stopping from a thread other than the one that turns the search's
-/// run loop lets a call-back that has begun there finish.
+/// search and stop may be called on any thread; stopping from a thread other than the one that turns the
+/// search's run loop lets a call-back that has begun there finish.
 class KRV_EXPORT ServiceBrowser : public std::enable_shared_from_this<ServiceBrowser> {
 public:
     virtual ~ServiceBrowser();
     /// Not owned; expires harmlessly.
     virtual void setDelegate(std::weak_ptr<ServiceBrowserDelegate> delegate) = 0;
-    /// Starts a search, such as ("_http._tcp.", "local."), on the calling thread's run loop. A running search is
-    /// stopped first.
+    /// Starts a search, such as ("_http._tcp.", "local."), on the calling thread's run loop. A running search
+    /// is stopped first.
     virtual void searchForServicesOfType(std::string_view type, std::string_view inDomain) = 0;
     /// Ends the search. Nothing happens when there is none.
     virtual void stop() = 0;
     /// For log lines.
     [[nodiscard]] virtual std::string description() const = 0;
 
-    /// A browser over multicast DNS on the loopback interface. Making it never fails: where multicast does not
-    /// work its searches show nothing.
+    /// A browser over multicast DNS on the loopback interface. Making it never fails: where multicast does
+    /// not work its searches show nothing.
     [[nodiscard]] static std::shared_ptr<ServiceBrowser> make();
 };
 

@@ -1,0 +1,219 @@
+#include "HTTPFront.h"
+
+#include <charconv>
+#include <chrono>
+#include <cstring>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <microhttpd.h>
+
+#include <KRVQTProcessClient/Platform/PeerUser.h>
+
+#include "RequestPolicy.h"
+
+namespace krv::server {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr unsigned kMostConnections = 1200;
+/// A connection without any traffic is closed after this many seconds.
+constexpr unsigned kIdleSeconds = 120;
+/// A request has to be complete within this time.
+constexpr auto kSlowestRequest = 10s;
+
+/// What is known of a request from its head to its answer. Shared with whoever holds the reply.
+struct Exchange {
+    enum class Stage { Reading, Dispatched, Suspended };
+    Mutex mutex;
+    Stage stage KRV_GUARDED_BY(mutex) = Stage::Reading;
+    bool answered KRV_GUARDED_BY(mutex) = false;
+    Data answer KRV_GUARDED_BY(mutex);
+    Data body;
+    bool tooLarge = false;
+    std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now();
+};
+using ExchangeRef = std::shared_ptr<Exchange>;
+
+MHD_Result respond(MHD_Connection* connection, unsigned status, const void* bytes, std::size_t size, const char* type) {
+    MHD_Response* const response =
+        MHD_create_response_from_buffer(size, const_cast<void*>(bytes), MHD_RESPMEM_MUST_COPY);
+    MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, type);
+    const MHD_Result result = MHD_queue_response(connection, status, response);
+    MHD_destroy_response(response);
+    return result;
+}
+
+MHD_Result respondText(MHD_Connection* connection, unsigned status, std::string_view text) {
+    return respond(connection, status, text.data(), text.size(), "text/plain; charset=utf-8");
+}
+
+/// Collects the Host headers and notes an Origin.
+MHD_Result readHeader(void* userdata, MHD_ValueKind /*kind*/, const char* key, const char* value) {
+    auto& head = *static_cast<RequestHead*>(userdata);
+    const std::string_view text = value ? value : "";
+    if (::strcasecmp(key, MHD_HTTP_HEADER_HOST) == 0) {
+        head.hosts.push_back(text);
+    } else if (::strcasecmp(key, MHD_HTTP_HEADER_ORIGIN) == 0) {
+        head.hasOrigin = true;
+    } else if (::strcasecmp(key, MHD_HTTP_HEADER_CONTENT_LENGTH) == 0) {
+        std::size_t length = 0;
+        const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), length);
+        // A length that cannot be read is longer than anything that is taken.
+        head.contentLength = failure == std::errc() && end == text.data() + text.size() ? length : ~std::size_t{0};
+    }
+    return MHD_YES;
+}
+
+/// Each connection's other end is looked up once, when it opens.
+void connectionChanged(void* /*userdata*/, MHD_Connection* connection, void** context,
+                       MHD_ConnectionNotificationCode code) {
+    static char ours;
+    if (code == MHD_CONNECTION_NOTIFY_STARTED) {
+        const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+        *context = info && peerBelongsToThisUser(info->connect_fd) ? &ours : nullptr;
+    }
+}
+
+bool peerIsUser(MHD_Connection* connection) {
+    const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+    return info && info->socket_context != nullptr;
+}
+
+void requestEnded(void* /*userdata*/, MHD_Connection* /*connection*/, void** context,
+                  MHD_RequestTerminationCode /*code*/) {
+    delete static_cast<ExchangeRef*>(*context);
+    *context = nullptr;
+}
+
+}  // namespace
+
+struct HTTPFront::Internals {
+    Handlers handlers;
+    std::vector<MHD_Daemon*> daemons;
+
+    static MHD_Result handle(void* userdata, MHD_Connection* connection, const char* target, const char* method,
+                             const char* /*version*/, const char* upload, std::size_t* uploadSize, void** context) {
+        auto& self = *static_cast<Internals*>(userdata);
+        if (!*context) {
+            return self.begin(connection, target, method, context);
+        }
+        const ExchangeRef exchange = *static_cast<ExchangeRef*>(*context);
+        if (*uploadSize > 0) {
+            return receive(*exchange, upload, uploadSize);
+        }
+        return self.complete(connection, exchange);
+    }
+
+    /// The head is there, the body is not.
+    MHD_Result begin(MHD_Connection* connection, const char* target, const char* method, void** context) {
+        RequestHead head;
+        head.method = method;
+        head.target = target;
+        head.peerIsUser = peerIsUser(connection);
+        MHD_get_connection_values(connection, MHD_HEADER_KIND, &readHeader, &head);
+        const Verdict verdict = judge(head);
+        switch (verdict.action) {
+        case Verdict::Action::Refuse:
+            return respondText(connection, verdict.status, verdict.text);
+        case Verdict::Action::Status: {
+            const std::string page = handlers.status();
+            return respond(connection, MHD_HTTP_OK, page.data(), page.size(), "application/json");
+        }
+        case Verdict::Action::Operation:
+            break;
+        }
+        *context = new ExchangeRef(std::make_shared<Exchange>());
+        return MHD_YES;
+    }
+
+    static MHD_Result receive(Exchange& exchange, const char* upload, std::size_t* uploadSize) {
+        if (std::chrono::steady_clock::now() - exchange.begin > kSlowestRequest) {
+            return MHD_NO;  // closes the connection
+        }
+        if (*uploadSize > kLargestRequest - exchange.body.size()) {
+            exchange.tooLarge = true;
+            exchange.body.clear();
+        }
+        if (!exchange.tooLarge) {
+            const auto* p = reinterpret_cast<const std::byte*>(upload);
+            exchange.body.insert(exchange.body.end(), p, p + *uploadSize);
+        }
+        *uploadSize = 0;
+        return MHD_YES;
+    }
+
+    /// The body is there, or the answer to it.
+    MHD_Result complete(MHD_Connection* connection, const ExchangeRef& exchange) {
+        {
+            const LockGuard lock(exchange->mutex);
+            if (exchange->answered) {
+                return respond(connection, MHD_HTTP_OK, exchange->answer.data(), exchange->answer.size(),
+                               "application/octet-stream");
+            }
+            exchange->stage = Exchange::Stage::Dispatched;
+        }
+        if (exchange->tooLarge) {
+            return respondText(connection, MHD_HTTP_CONTENT_TOO_LARGE, "a record has at most 16 MiB\n");
+        }
+        const auto record = KRVOperationBase::operationFromData(std::make_shared<const Data>(std::move(exchange->body)));
+        if (!record) {
+            return respondText(connection, MHD_HTTP_BAD_REQUEST, "this is no archived operation record\n");
+        }
+        handlers.operation(record, [exchange, connection](const KRVOperationBase::Ref& reply) {
+            Data bytes = reply->convertToData();
+            const LockGuard lock(exchange->mutex);
+            exchange->answer = std::move(bytes);
+            exchange->answered = true;
+            if (exchange->stage == Exchange::Stage::Suspended) {
+                MHD_resume_connection(connection);
+            }
+        });
+        const LockGuard lock(exchange->mutex);
+        if (exchange->answered) {
+            return respond(connection, MHD_HTTP_OK, exchange->answer.data(), exchange->answer.size(),
+                           "application/octet-stream");
+        }
+        exchange->stage = Exchange::Stage::Suspended;
+        MHD_suspend_connection(connection);
+        return MHD_YES;
+    }
+};
+
+HTTPFront::HTTPFront(Handlers handlers)
+    : internals_(std::make_unique<Internals>(Internals{std::move(handlers), {}})) {}
+
+HTTPFront::~HTTPFront() {
+    stop();
+}
+
+bool HTTPFront::start(ListeningSockets sockets) {
+    for (Descriptor* const socket : {&sockets.ipv4, &sockets.ipv6}) {
+        if (!*socket) {
+            continue;
+        }
+        const unsigned flags = MHD_USE_EPOLL_INTERNAL_THREAD | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_ITC;
+        MHD_Daemon* const daemon = MHD_start_daemon(
+            flags, 0, nullptr, nullptr, &Internals::handle, internals_.get(), MHD_OPTION_LISTEN_SOCKET, socket->get(),
+            MHD_OPTION_CONNECTION_LIMIT, kMostConnections, MHD_OPTION_CONNECTION_TIMEOUT, kIdleSeconds,
+            MHD_OPTION_NOTIFY_COMPLETED, &requestEnded, nullptr, MHD_OPTION_NOTIFY_CONNECTION, &connectionChanged,
+            nullptr, MHD_OPTION_END);
+        if (!daemon) {
+            return false;
+        }
+        (void)socket->release();  // the daemon closes it
+        internals_->daemons.push_back(daemon);
+    }
+    return true;
+}
+
+void HTTPFront::stop() {
+    for (MHD_Daemon* const daemon : internals_->daemons) {
+        MHD_stop_daemon(daemon);
+    }
+    internals_->daemons.clear();
+}
+
+}  // namespace krv::server

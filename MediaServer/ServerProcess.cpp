@@ -1,0 +1,166 @@
+#include "ServerProcess.h"
+
+#include <array>
+#include <cerrno>
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include "ListeningSockets.h"
+#include "MediaJob.h"
+#include "ServerLog.h"
+#include "StatusPage.h"
+
+namespace krv::server {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kClientCheck = 2s;
+/// While it is ending the server looks this often whether it may.
+constexpr auto kEndCheck = 50ms;
+/// How long a server that is ending waits for its clients to fetch what they do not know yet.
+constexpr auto kFarewell = 3s;
+
+}  // namespace
+
+ServerProcess::ServerProcess(Settings settings)
+    : settings_(std::move(settings))
+    , wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+    , worker_(settings_.workerExecutable)
+    , queue_(
+          settings_.lanes,
+          [this](ServerOperation& operation, const std::function<void(double)>& onProgress) {
+              return carryOut(operation, onProgress);
+          },
+          [this] { held_.lookAgain(); })
+    , dispatcher_(clients_, queue_, selfTests_, held_, [this] { requestShutDown(); })
+    , front_({[this](const KRVOperationBase::Ref& request, const HTTPFront::Reply& reply) {
+                  dispatcher_.dispatch(request, reply);
+              },
+              [this] { return statusText(); }}) {}
+
+Outcome ServerProcess::carryOut(ServerOperation& operation, const std::function<void(double)>& onProgress) const {
+    std::shared_ptr<const Error> error;
+    const auto job = MediaJob::open(operation.request, error);
+    if (!job) {
+        return {Outcome::Kind::Failed, std::move(error), nullptr};
+    }
+    Outcome outcome = worker_.run(*job, operation.cancellation, onProgress);
+    if (outcome.kind == Outcome::Kind::Completed) {
+        if (auto failure = job->output->commit()) {
+            return {Outcome::Kind::Failed, std::move(failure), nullptr};
+        }
+    }
+    return outcome;
+}
+
+std::string ServerProcess::statusText() const {
+    const auto counts = queue_.counts();
+    return statusPage({.version = std::string(libraryVersion()),
+                       .pid = ::getpid(),
+                       .port = port_,
+                       .uptime = std::chrono::steady_clock::now() - start_,
+                       .clients = clients_.registeredPids(),
+                       .queued = counts.queued,
+                       .running = counts.running + selfTests_.running(),
+                       .finished = counts.finished,
+                       .workers = settings_.lanes});
+}
+
+void ServerProcess::requestShutDown() {
+    shutDownRequested_ = true;
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const auto written = ::write(wake_.get(), &one, sizeof one);
+}
+
+void ServerProcess::beginShutDown() {
+    if (!shuttingDown_) {
+        shuttingDown_ = true;
+        serverLog(kLogFlagInfo, "shutdown", "ending when what runs has finished");
+        dispatcher_.refuseMediaWork();
+        queue_.close();
+    }
+}
+
+void ServerProcess::lookAfterClients() {
+    for (const ClientKey& dead : clients_.removeDead()) {
+        serverLog(kLogFlagInfo, "clients", fmt::format("process {} has gone", dead.pid));
+        queue_.removeAllOf(dead);
+        selfTests_.removeAllOf(dead);
+    }
+    for (const ClientKey& client : queue_.removeOld()) {
+        clients_.forgetUnlessRegistered(client);
+    }
+}
+
+bool ServerProcess::mayEnd() {
+    const auto counts = queue_.counts();
+    const auto now = std::chrono::steady_clock::now();
+    const bool working = counts.running + counts.queued + selfTests_.running() > 0;
+    if (shuttingDown_) {
+        if (working) {
+            workEnded_ = {};
+            return false;
+        }
+        if (workEnded_ == std::chrono::steady_clock::time_point{}) {
+            workEnded_ = now;
+        }
+        return counts.untold == 0 || now - workEnded_ >= kFarewell;
+    }
+    if (working || !clients_.empty()) {
+        lastNeeded_ = now;
+    }
+    return settings_.idleTimeout > 0s && now - lastNeeded_ >= settings_.idleTimeout;
+}
+
+int ServerProcess::run(int signals) {
+    auto sockets = ListeningSockets::open(settings_.minimumPort, settings_.maximumPort);
+    if (!sockets) {
+        fmt::print(stderr, "KRVQuicktimeProcess: no port from {} to {} is free\n", settings_.minimumPort,
+                   settings_.maximumPort);
+        return 1;
+    }
+    port_ = sockets->port;
+    if (!front_.start(std::move(*sockets))) {
+        fmt::print(stderr, "KRVQuicktimeProcess: the HTTP library cannot be started\n");
+        return 1;
+    }
+    ServicePublisher publisher(settings_.serviceName, port_);
+    serverLog(kLogFlagInfo, "start", fmt::format("serving on port {}", port_));
+
+    auto nextCheck = std::chrono::steady_clock::now() + kClientCheck;
+    while (!mayEnd()) {
+        std::array<pollfd, 2> waiting{{{signals, POLLIN, 0}, {wake_.get(), POLLIN, 0}}};
+        const auto timeout = shuttingDown_ ? std::chrono::milliseconds(kEndCheck) : std::chrono::milliseconds(kClientCheck);
+        if (::poll(waiting.data(), waiting.size(), static_cast<int>(timeout.count())) < 0 && errno != EINTR) {
+            break;
+        }
+        signalfd_siginfo info{};
+        if ((waiting[0].revents & POLLIN) != 0 && ::read(signals, &info, sizeof info) == sizeof info) {
+            if (shuttingDown_) {
+                serverLog(kLogFlagInfo, "shutdown", "cancelling what runs");
+                queue_.cancelEverything();
+            }
+            beginShutDown();
+        }
+        if (shutDownRequested_.exchange(false)) {
+            std::uint64_t count = 0;
+            [[maybe_unused]] const auto taken = ::read(wake_.get(), &count, sizeof count);
+            beginShutDown();
+        }
+        if (std::chrono::steady_clock::now() >= nextCheck) {
+            nextCheck = std::chrono::steady_clock::now() + kClientCheck;
+            lookAfterClients();
+            publisher.tend();
+        }
+    }
+    serverLog(kLogFlagInfo, "shutdown", "ended");
+    return 0;
+}
+
+}  // namespace krv::server

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "ClientRegistry.h"
+#include "HTTPFront.h"
+#include "HeldReplies.h"
+#include "OperationDispatcher.h"
+#include "OperationQueue.h"
+#include "SelfTests.h"
+#include "ServicePublisher.h"
+#include "WorkerProcess.h"
+
+namespace krv::server {
+
+/// The server as a whole: puts its parts together, looks after its clients, and knows when to end.
+///
+/// It ends when it is asked to (a signal, or an operation of type 17) and what runs has finished, or when nobody has
+/// needed it for a while. A second signal cancels what runs.
+class ServerProcess {
+public:
+    struct Settings {
+        std::int32_t minimumPort;
+        std::int32_t maximumPort;
+        std::string serviceName;
+        std::string workerExecutable;
+        unsigned lanes;
+        /// Zero: never.
+        std::chrono::seconds idleTimeout;
+    };
+
+    explicit ServerProcess(Settings settings);
+
+    /// Serves until the end. signals: a descriptor from signalfd with what asks for it. Returns the exit status.
+    [[nodiscard]] int run(int signals);
+
+private:
+    [[nodiscard]] Outcome carryOut(ServerOperation& operation, const std::function<void(double)>& onProgress) const;
+    [[nodiscard]] std::string statusText() const;
+    void requestShutDown();
+    /// A signal came, or type 17.
+    void beginShutDown();
+    void lookAfterClients();
+    [[nodiscard]] bool mayEnd();
+
+    const Settings settings_;
+    const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+    std::uint16_t port_ = 0;
+    Descriptor wake_;
+    std::atomic<bool> shutDownRequested_{false};
+    bool shuttingDown_ = false;
+    std::chrono::steady_clock::time_point lastNeeded_ = start_;
+    std::chrono::steady_clock::time_point workEnded_{};
+
+    WorkerProcess worker_;
+    ClientRegistry clients_;
+    SelfTests selfTests_;
+    HeldReplies held_;
+    OperationQueue queue_;
+    OperationDispatcher dispatcher_;
+    /// Goes first: its replies must all be given while the rest still stands.
+    HTTPFront front_;
+};
+
+}  // namespace krv::server

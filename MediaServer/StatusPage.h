@@ -1,0 +1,31 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace krv::server {
+
+/// What GET /status tells.
+struct ServerStatus {
+    std::string version;
+    pid_t pid = 0;
+    std::uint16_t port = 0;
+    std::chrono::duration<double> uptime{};
+    /// Process ids of the registered clients.
+    std::vector<pid_t> clients;
+    std::size_t queued = 0;
+    std::size_t running = 0;
+    std::size_t finished = 0;
+    /// How many media operations can run at once.
+    unsigned workers = 0;
+};
+
+/// The status as one JSON object with the keys name, version, pid, port, uptime (seconds), clients, queued, running,
+/// finished, workers.
+[[nodiscard]] std::string statusPage(const ServerStatus& status);
+
+}  // namespace krv::server

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <optional>
+#include <vector>
+
+#include <KRVQTProcessClient/KRVQTProcessClient.h>
+
+namespace krv::server {
+
+/// A file descriptor that is closed when its owner goes. -1 is none.
+class Descriptor {
+public:
+    Descriptor() = default;
+    explicit Descriptor(int fd) noexcept : fd_(fd) {}
+    ~Descriptor() { reset(); }
+    Descriptor(Descriptor&& other) noexcept : fd_(other.release()) {}
+    Descriptor& operator=(Descriptor&& other) noexcept {
+        if (this != &other) {
+            reset(other.release());
+        }
+        return *this;
+    }
+    [[nodiscard]] int get() const noexcept { return fd_; }
+    [[nodiscard]] explicit operator bool() const noexcept { return fd_ >= 0; }
+    int release() noexcept {
+        const int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+    void reset(int fd = -1) noexcept;
+
+private:
+    int fd_ = -1;
+};
+
+/// The wire between server and worker: archived records, each behind its length in four bytes (little-endian), with
+/// open files beside them. One thread at each end.
+///
+/// The job goes to the worker with its sources and, last, its output. Progress comes back in records of type 14, the end
+/// in one of type 15, which carries an error when the work failed.
+class WorkerChannel {
+public:
+    struct Message {
+        KRVOperationBase::Ref record;
+        std::vector<Descriptor> files;
+    };
+
+    /// socket: one end of a stream socket pair; taken over.
+    explicit WorkerChannel(Descriptor socket) : socket_(std::move(socket)) {}
+
+    [[nodiscard]] int descriptor() const noexcept { return socket_.get(); }
+
+    /// False when the other end has gone.
+    bool send(const KRVOperationBase& record, const std::vector<int>& files = {});
+    /// Blocks for the next message. Nothing at the end of the stream, and for anything that is no message: a worker that
+    /// sends rubbish has ended as far as the server is concerned.
+    std::optional<Message> receive();
+
+private:
+    [[nodiscard]] bool receiveBytes(void* bytes, std::size_t size, std::vector<Descriptor>& files);
+
+    Descriptor socket_;
+};
+
+}  // namespace krv::server

@@ -1,0 +1,73 @@
+// KRVQuicktimeProcess, the media server.
+#include <csignal>
+#include <filesystem>
+#include <thread>
+
+#include <sys/signalfd.h>
+
+#include <fmt/format.h>
+
+#include <KRVQTProcessClient/KRVQTProcessClient.h>
+
+#include "InstanceLock.h"
+#include "RuntimeFolders.h"
+#include "ServerProcess.h"
+
+namespace {
+
+using namespace krv;
+using namespace krv::server;
+
+constexpr std::string_view kLoggingDomainKey = "KRVLoggingDomain";
+constexpr std::string_view kIdleTimeoutKey = "idleTimeout";
+constexpr std::int64_t kDefaultIdleSeconds = 600;
+
+/// Blocks what asks for the end, in this thread and all that it starts, and returns a descriptor that tells of it.
+int signalsOfTheEnd() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+        sigaddset(&set, number);
+    }
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+    return ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+}
+
+std::chrono::seconds idleTimeout(const UserDefaults& defaults) {
+    return std::chrono::seconds(defaults.stringForKey(kIdleTimeoutKey) ? defaults.integerForKey(kIdleTimeoutKey)
+                                                                       : kDefaultIdleSeconds);
+}
+
+}  // namespace
+
+int main() {
+    const int signals = signalsOfTheEnd();
+    UserDefaults& defaults = UserDefaults::standard();
+    if (const auto domain = defaults.stringForKey(kLoggingDomainKey)) {
+        defaults.setDomain(*domain);
+    }
+    applyLoggingDefaults();
+
+    InstanceLock lock;
+    switch (lock.acquire(runtimeFolder())) {
+    case InstanceLock::Result::Held:
+        break;
+    case InstanceLock::Result::TakenByAnother:
+        return 0;  // which serves this user already
+    case InstanceLock::Result::Failed:
+        fmt::print(stderr, "KRVQuicktimeProcess: no folder for the lock file\n");
+        return 1;
+    }
+    AtomicOutput::sweep();
+
+    std::error_code failure;
+    const auto self = std::filesystem::read_symlink("/proc/self/exe", failure);
+    ServerProcess server({.minimumPort = PortNumbering::minimumPortNumber(),
+                          .maximumPort = PortNumbering::maximumPortNumber(),
+                          .serviceName = ServerNaming::machineSpecificNameFor(kHTTPServerDiscoveryDefaultServiceName),
+                          .workerExecutable = (self.parent_path() / "KRVMediaWorker").string(),
+                          .lanes = std::max(std::thread::hardware_concurrency(), 1U),
+                          .idleTimeout = idleTimeout(defaults)});
+    return server.run(signals);
+}

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+
+#include <KRVQTProcessClient/Foundation/Export.h>
+#include <KRVQTProcessClient/Foundation/Selector.h>
+
+namespace krv {
+
+/// One call of an operation, packaged: its selector, and what performs it on the wrapped object and stores the result.
+/// The callable holds the arguments for as long as the record lives, so it may be performed more than once.
+struct Invocation {
+    std::optional<Selector> selector;
+    std::function<void()> invoke;
+};
+
+/// Whether every object answers the selector, such as "description": such calls are never worth retrying.
+[[nodiscard]] KRV_EXPORT bool isBaseObjectSelector(Selector selector) noexcept;
+
+}  // namespace krv

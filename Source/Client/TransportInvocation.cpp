@@ -1,0 +1,103 @@
+#include <KRVQTProcessClient/Client/TransportInvocation.h>
+
+#include <utility>
+
+#include <fmt/format.h>
+
+namespace krv {
+namespace {
+
+constexpr std::string_view kInvocationDomain = "TransportInvocation";
+constexpr std::string_view kTransportCheck = "TransportCheck";
+
+}  // namespace
+
+TransportInvocation::Ref TransportInvocation::invocationWith(KRVOperationBase::Ref operation, Clock& clock) {
+    auto invocation = std::make_shared<TransportInvocation>(clock);
+    invocation->setInput(std::move(operation));
+    return invocation;
+}
+
+TransportInvocation::TransportInvocation(Clock& clock)
+    : clock_(clock) {}
+
+KRVOperationBase::Ref TransportInvocation::input() const {
+    const LockGuard lock(mutex_);
+    return input_;
+}
+
+void TransportInvocation::setInput(KRVOperationBase::Ref input) {
+    const LockGuard lock(mutex_);
+    input_.swap(input);
+}
+
+float TransportInvocation::progressTimeoutDuration() const {
+    const LockGuard lock(mutex_);
+    return progressTimeoutDuration_;
+}
+
+void TransportInvocation::setProgressTimeoutDuration(float seconds) {
+    const LockGuard lock(mutex_);
+    progressTimeoutDuration_ = seconds;
+}
+
+TransportInvocation::Ref TransportInvocation::another(KRVOperationBase::Ref operation) const {
+    return invocationWith(std::move(operation), clock_);
+}
+
+TransportInvocation::Reply TransportInvocation::invokeOverTransport(const Transport& transport, ErrorOut error) {
+    if (!transport) {
+        return nullptr;
+    }
+    try {
+        return transport->sendOperation(input());
+    } catch (const Exception& exception) {
+        if (transport->isThisACommunicationsFailure(exception)) {
+            throw;
+        }
+        errorBasedOnOperation(error, &exception);
+        return nullptr;
+    }
+}
+
+bool TransportInvocation::errorBasedOnOperation(ErrorOut error, const Exception* exception) const {
+    if (!error) {
+        return false;
+    }
+    const auto operation = input();
+    *error = Error::make(
+        std::string(kInvocationDomain), 0,
+        createErrorDictionaryFromException(operation ? operation->nameFromType() : "(null)", exception));
+    return true;
+}
+
+Dictionary TransportInvocation::createErrorDictionaryFromException(std::string_view operationName,
+                                                                   const Exception* ex) {
+    Dictionary userInfo;
+    userInfo.set(NSLocalizedDescriptionKey, fmt::format("Unable to {}", operationName));
+    if (ex) {
+        userInfo.set(NSLocalizedFailureReasonErrorKey, ex->reason());
+    }
+    return userInfo;
+}
+
+KRVOperationBase::Ref TransportInvocation::throwExceptionBasedOnResponse(const KRVOperationBase::Ref& operation,
+                                                                         const Reply& response) {
+    const std::string name = operation->nameFromType();
+    if (auto reply = KRVOperationBase::operationFromData(response)) {
+        return reply;
+    }
+    throw Exception(std::string(kTransportCheck),
+                    fmt::format("Unable to {}, no response returned from server.", name));
+}
+
+KRVOperationBase::Ref TransportInvocation::throwExceptionIfNoError(ErrorOut error,
+                                                                   const KRVOperationBase::Ref& forOperation,
+                                                                   const Reply& andResponseEmpty) {
+    if (error && *error) {
+        return nullptr;
+    }
+    return throwExceptionBasedOnResponse(forOperation, andResponseEmpty);
+}
+
+}  // namespace krv

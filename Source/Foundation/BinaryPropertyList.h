@@ -1,0 +1,107 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <span>
+#include <string>
+#include <string_view>
+
+/// Reading the binary property list "bplist00" straight from the caller's bytes.
+///
+/// Nothing is believed. The trailer must account for every byte, each offset must lie between header and offset
+/// table, each object must end before the table, and a count is checked against the bytes that are left before
+/// anything is done with it. What breaks a rule raises Exception kMalformedArchiveException. Nothing is allocated.
+namespace krv::plist {
+
+/// Raises kMalformedArchiveException.
+[[noreturn]] void refuse(const char* why);
+
+/// Big-endian unsigned of 0 to 8 bytes.
+[[nodiscard]] inline std::uint64_t bigEndian(const std::uint8_t* p, unsigned size) noexcept {
+    switch (size) {
+    case 1:
+        return p[0];
+    case 2:
+        return static_cast<std::uint64_t>(p[0]) << 8 | p[1];
+    case 4: {
+        std::uint32_t v = 0;
+        std::memcpy(&v, p, sizeof v);
+        return __builtin_bswap32(v);
+    }
+    case 8: {
+        std::uint64_t v = 0;
+        std::memcpy(&v, p, sizeof v);
+        return __builtin_bswap64(v);
+    }
+    default: {
+        std::uint64_t v = 0;
+        for (unsigned i = 0; i < size; ++i) {
+            v = v << 8 | p[i];
+        }
+        return v;
+    }
+    }
+}
+
+enum class Type : std::uint8_t { Boolean, Integer, Real32, Real64, Date, Data, Ascii, Utf16, Uid, Array, Dictionary };
+
+/// One stored object. It refers to the bytes it was read from.
+struct Node {
+    Type type;
+    /// Bytes of data and ASCII text, units of UTF-16 text, elements of an array, pairs of a dictionary.
+    std::uint64_t count;
+    /// Contents: text, data, or the references of a container (a dictionary's keys before its values).
+    const std::uint8_t* body;
+    /// Scalars: the boolean, the integer, the UID, or the bits of the float.
+    std::uint64_t bits;
+
+    [[nodiscard]] std::int64_t integer() const noexcept { return static_cast<std::int64_t>(bits); }
+    /// The number of seconds of a date, or the value of a float of either width.
+    [[nodiscard]] double real() const noexcept;
+    [[nodiscard]] float real32() const noexcept;
+};
+
+/// A property list. Borrows the bytes for its lifetime.
+class Reader {
+public:
+    explicit Reader(std::span<const std::byte> bytes);
+
+    [[nodiscard]] std::uint64_t objectCount() const noexcept { return objectCount_; }
+    [[nodiscard]] std::uint64_t topObject() const noexcept { return topObject_; }
+    [[nodiscard]] std::uint64_t byteCount() const noexcept { return size_; }
+
+    /// The object with this number; index must be below objectCount().
+    [[nodiscard]] Node node(std::uint64_t index) const;
+
+    /// The number of the i-th element of an array, or of a dictionary's i-th key (its i-th value is count + i).
+    [[nodiscard]] std::uint64_t reference(const Node& container, std::uint64_t i) const {
+        const std::uint64_t index = bigEndian(container.body + i * referenceSize_, referenceSize_);
+        if (index >= objectCount_) {
+            refuse("a reference to no object");
+        }
+        return index;
+    }
+
+private:
+    [[nodiscard]] std::uint64_t offset(std::uint64_t index) const;
+
+    const std::uint8_t* bytes_;
+    std::uint64_t size_;
+    std::uint64_t tableOffset_ = 0;
+    std::uint64_t objectCount_ = 0;
+    std::uint64_t topObject_ = 0;
+    unsigned offsetSize_ = 0;
+    unsigned referenceSize_ = 0;
+};
+
+/// UTF-8 of big-endian UTF-16; a lone surrogate becomes U+FFFD. A leading byte-order mark is text.
+[[nodiscard]] std::string utf8FromUtf16(const std::uint8_t* units, std::uint64_t count);
+
+/// How many UTF-16 units the text takes, or -1 when it is not UTF-8.
+[[nodiscard]] std::int64_t utf16Length(std::string_view utf8) noexcept;
+
+/// Writes the text, which must be UTF-8, as big-endian UTF-16 and returns the end of what was written.
+std::uint8_t* writeUtf16(std::string_view utf8, std::uint8_t* out) noexcept;
+
+}  // namespace krv::plist

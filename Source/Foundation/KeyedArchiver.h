@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include <KRVQTProcessClient/Foundation/Archivable.h>
+#include <KRVQTProcessClient/Foundation/Export.h>
+#include <KRVQTProcessClient/Foundation/Value.h>
+
+namespace krv {
+
+/// Writes one object graph as a keyed archive in a binary property list.
+///
+/// References to the same stored object, and equal strings, share one entry. A value that cannot be archived (text
+/// that is not UTF-8, nesting deeper than kMaximumArchiveDepth) raises Exception kInvalidArgumentException, and
+/// nothing is produced.
+class KRV_EXPORT KeyedArchiver {
+public:
+    /// The archive with this object as its root. The graph must not change meanwhile. Any thread.
+    [[nodiscard]] static Data archivedData(const Archivable& root);
+    [[nodiscard]] static Data archivedData(const Value& root);
+
+    /// Store one keyed value of the object being encoded, for encodeWithCoder only. Keys must live as long as the
+    /// call of archivedData and not begin with "$".
+    void encodeBool(std::string_view key, bool value);
+    void encodeInt(std::string_view key, std::int64_t value);
+    void encodeFloat(std::string_view key, float value);
+    void encodeDouble(std::string_view key, double value);
+    /// A null value is stored as the null reference.
+    void encodeObject(std::string_view key, const Value& value);
+
+private:
+    class Encoder;
+    explicit KeyedArchiver(Encoder& encoder) : encoder_(encoder) {}
+    Encoder& encoder_;
+};
+
+}  // namespace krv

@@ -1,0 +1,547 @@
+#include <KRVQTProcessClient/Foundation/KeyedUnarchiver.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <limits>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <KRVQTProcessClient/Foundation/BinaryPropertyList.h>
+#include <KRVQTProcessClient/Foundation/Dictionary.h>
+#include <KRVQTProcessClient/Foundation/Error.h>
+
+namespace krv {
+
+using plist::Node;
+using plist::refuse;
+using plist::Type;
+
+namespace {
+
+/// Each byte of the archive pays for this many steps of work (a reference looked at, a byte of a key compared).
+/// Only element lists and keys that many containers share can exceed it.
+constexpr std::uint64_t kWorkPerByte = 64;
+
+/// What has become of one stored object.
+struct Slot {
+    enum class State : std::uint8_t { New, InProgress, Decoded, ClassName };
+    State state = State::New;
+    /// ClassName: the position in the class table, or past its end for one of the standard classes.
+    std::uint32_t classIndex = 0;
+    Value value;
+};
+
+/// A slot for each stored object, made in pages as they are touched, so that no count reserves memory.
+class SlotTable {
+public:
+    explicit SlotTable(std::uint64_t count) : pages_(count / kPageSize + 1) {}
+
+    Slot& operator[](std::uint64_t index) {
+        auto& page = pages_[index / kPageSize];
+        if (!page) {
+            page = std::make_unique<Page>();
+        }
+        return (*page)[index % kPageSize];
+    }
+
+private:
+    static constexpr std::uint64_t kPageSize = 64;
+    using Page = std::array<Slot, kPageSize>;
+    std::vector<std::unique_ptr<Page>> pages_;
+};
+
+enum class Standard : std::uint8_t {
+    MutableString,
+    Data,
+    Date,
+    Null,
+    Array,
+    Dictionary,
+    MutableDictionary,
+    Error,
+    Value
+};
+
+struct StandardClass {
+    std::string_view name;
+    Standard kind;
+};
+
+constexpr std::array<StandardClass, 11> kStandardClasses{{
+    {"NSDictionary", Standard::Dictionary},
+    {"NSMutableDictionary", Standard::MutableDictionary},
+    {"NSArray", Standard::Array},
+    {"NSMutableArray", Standard::Array},
+    {"NSError", Standard::Error},
+    {"NSValue", Standard::Value},
+    {"NSDate", Standard::Date},
+    {"NSNull", Standard::Null},
+    {"NSMutableString", Standard::MutableString},
+    {"NSMutableData", Standard::Data},
+    {"NSData", Standard::Data},
+}};
+
+/// "{w, h}"
+Size sizeFromText(std::string_view text) {
+    Size size;
+    const char* p = text.data();
+    const char* const end = p + text.size();
+    const auto expect = [&](char c) {
+        if (p == end || *p++ != c) {
+            refuse("a size that does not read {w, h}");
+        }
+    };
+    const auto number = [&](double& v) {
+        const auto [next, failure] = std::from_chars(p, end, v);
+        if (failure == std::errc::invalid_argument) {
+            refuse("a size that does not read {w, h}");
+        }
+        p = next;
+    };
+    expect('{');
+    number(size.width);
+    expect(',');
+    while (p != end && *p == ' ') {
+        ++p;
+    }
+    number(size.height);
+    expect('}');
+    if (p != end) {
+        refuse("a size that does not read {w, h}");
+    }
+    return size;
+}
+
+}  // namespace
+
+class KeyedUnarchiver::Decoder {
+public:
+    Decoder(std::span<const std::byte> bytes, std::span<const ArchivableClass> classes)
+        : reader_(bytes)
+        , classes_(classes)
+        , slots_(reader_.objectCount())
+        , workLeft_(bytes.size() * kWorkPerByte) {}
+
+    Value root() {
+        const Node top = reader_.node(reader_.topObject());
+        if (top.type != Type::Dictionary) {
+            refuse("the top object is no dictionary");
+        }
+        const Node version = requiredField(top, "$version");
+        if (version.type != Type::Integer || version.integer() != 100000) {
+            refuse("an archive of another version");
+        }
+        if (text(requiredField(top, "$archiver")) != "NSKeyedArchiver") {
+            refuse("written by another archiver");
+        }
+        objects_ = requiredField(top, "$objects");
+        if (objects_.type != Type::Array || objects_.count == 0 ||
+            text(reader_.node(reader_.reference(objects_, 0))) != "$null") {
+            refuse("no objects");
+        }
+        const Node tops = requiredField(top, "$top");
+        if (tops.type != Type::Dictionary) {
+            refuse("no root");
+        }
+        const Node root = requiredField(tops, "root");
+        if (root.type != Type::Uid || root.bits == 0) {
+            refuse("no root");
+        }
+        return object(root.bits);
+    }
+
+    // What initWithCoder asks of the object being decoded.
+
+    [[nodiscard]] std::optional<Node> field(std::string_view key) {
+        std::vector<Field>& fields = *fields_;
+        // Most archives hold the keys in the order in which they are asked for: look on from the last hit.
+        for (std::size_t n = 0; n < fields.size(); ++n) {
+            const std::size_t i = (nextField_ + n) % fields.size();
+            if (fields[i].key == key) {
+                nextField_ = i + 1;
+                return reader_.node(fields[i].value);
+            }
+        }
+        return std::nullopt;
+    }
+
+    [[nodiscard]] static bool isNull(const std::optional<Node>& node) {
+        return !node || (node->type == Type::Uid && node->bits == 0);
+    }
+
+    const Value& reference(const Node& node) {
+        static const Value null;
+        if (node.type != Type::Uid) {
+            refuse("an inline value where a reference belongs");
+        }
+        return node.bits == 0 ? null : object(node.bits);
+    }
+
+private:
+    struct Field {
+        std::string_view key;
+        std::uint64_t value;
+    };
+
+    void charge(std::uint64_t work) {
+        if (work > workLeft_) {
+            refuse("more work than an archive of this size is worth");
+        }
+        workLeft_ -= work;
+    }
+
+    static std::string_view text(const Node& node) {
+        return node.type == Type::Ascii
+                   ? std::string_view(reinterpret_cast<const char*>(node.body), static_cast<std::size_t>(node.count))
+                   : std::string_view();
+    }
+
+    /// All text is UTF-8 once it is read: what is stored as ASCII must be.
+    static void requireAscii(std::string_view text) {
+        unsigned char seen = 0;
+        for (const char c : text) {
+            seen = static_cast<unsigned char>(seen | static_cast<unsigned char>(c));
+        }
+        if (seen >= 0x80) {
+            refuse("ASCII text that is none");
+        }
+    }
+
+    std::optional<Node> findField(const Node& dictionary, std::string_view key) {
+        charge(dictionary.count);
+        for (std::uint64_t i = 0; i < dictionary.count; ++i) {
+            if (text(reader_.node(reader_.reference(dictionary, i))) == key) {
+                return reader_.node(reader_.reference(dictionary, dictionary.count + i));
+            }
+        }
+        return std::nullopt;
+    }
+
+    Node requiredField(const Node& dictionary, std::string_view key) {
+        const std::optional<Node> node = findField(dictionary, key);
+        if (!node) {
+            refuse("a field is missing");
+        }
+        return *node;
+    }
+
+    /// The object with this number in "$objects". The slot that it stands in stays where it is.
+    const Value& object(std::uint64_t uid) {
+        if (uid >= objects_.count) {
+            refuse("a reference to no object");
+        }
+        return stored(reader_.reference(objects_, uid));
+    }
+
+    /// A stored object as a value, decoded once.
+    const Value& stored(std::uint64_t index) {
+        Slot& slot = slots_[index];
+        switch (slot.state) {
+        case Slot::State::Decoded:
+            return slot.value;
+        case Slot::State::InProgress:
+            refuse("an object that contains itself");
+        case Slot::State::ClassName:
+            refuse("a class where an object belongs");
+        case Slot::State::New:
+            break;
+        }
+        slot.state = Slot::State::InProgress;
+        slot.value = decode(reader_.node(index));
+        slot.state = Slot::State::Decoded;
+        return slot.value;
+    }
+
+    Value decode(const Node& node) {
+        switch (node.type) {
+        case Type::Boolean:
+            return Value(node.bits != 0);
+        case Type::Integer:
+            return Value(node.integer());
+        case Type::Real32:
+            return Value(node.real32());
+        case Type::Real64:
+            return Value(node.real());
+        case Type::Date:
+            return Value(Date{node.real()});
+        case Type::Data: {
+            const auto* p = reinterpret_cast<const std::byte*>(node.body);
+            return Value(Data(p, p + node.count));
+        }
+        case Type::Ascii:
+            requireAscii(text(node));
+            return Value(text(node));
+        case Type::Utf16:
+            return Value(plist::utf8FromUtf16(node.body, node.count));
+        case Type::Dictionary:
+            return instance(node);
+        case Type::Uid:
+        case Type::Array:
+            break;
+        }
+        refuse("a stored object that is no object");
+    }
+
+    Value instance(const Node& node) {
+        if (++depth_ > kMaximumArchiveDepth) {
+            refuse("objects nested too deeply");
+        }
+        const std::uint32_t index = classIndex(node);
+        Value value = index < classes_.size() ? archivable(node, classes_[index])
+                                              : standard(node, kStandardClasses[index - classes_.size()].kind);
+        --depth_;
+        return value;
+    }
+
+    std::uint32_t classIndex(const Node& node) {
+        const Node uid = requiredField(node, "$class");
+        if (uid.type != Type::Uid || uid.bits == 0 || uid.bits >= objects_.count) {
+            refuse("an object without a class");
+        }
+        const std::uint64_t index = reader_.reference(objects_, uid.bits);
+        Slot& slot = slots_[index];
+        if (slot.state == Slot::State::New) {
+            const Node description = reader_.node(index);
+            if (description.type != Type::Dictionary) {
+                refuse("a class that is no class description");
+            }
+            slot.classIndex = classNamed(text(requiredField(description, "$classname")));
+            slot.state = Slot::State::ClassName;
+        } else if (slot.state != Slot::State::ClassName) {
+            refuse("a class that is no class description");
+        }
+        return slot.classIndex;
+    }
+
+    std::uint32_t classNamed(std::string_view name) {
+        std::uint32_t index = 0;
+        for (const ArchivableClass& each : classes_) {
+            if (each.name == name) {
+                return index;
+            }
+            ++index;
+        }
+        for (const StandardClass& each : kStandardClasses) {
+            if (each.name == name) {
+                return index;
+            }
+            ++index;
+        }
+        refuse("an object of an unknown class");
+    }
+
+    Value archivable(const Node& node, const ArchivableClass& known) {
+        charge(node.count);
+        std::vector<Field> fields;
+        fields.reserve(kFewEntries);
+        for (std::uint64_t i = 0; i < node.count; ++i) {
+            const std::string_view key = text(reader_.node(reader_.reference(node, i)));
+            // More keys than any class of ours has: only those that could be asked for are kept.
+            if (!key.empty() && fields.size() < kMostFields) {
+                fields.push_back({key, reader_.reference(node, node.count + i)});
+            }
+        }
+        auto* const outerFields = std::exchange(fields_, &fields);
+        const std::size_t outerNext = std::exchange(nextField_, 0);
+        KeyedUnarchiver coder(*this);
+        std::shared_ptr<Archivable> object = known.initWithCoder(coder);
+        fields_ = outerFields;
+        nextField_ = outerNext;
+        return Value(Value::ObjectRef(std::move(object)));
+    }
+
+    Value standard(const Node& node, Standard kind) {
+        switch (kind) {
+        case Standard::Null:
+            return {};
+        case Standard::MutableString: {
+            const Value& value = inlineObject(node, "NS.string");
+            if (value.kind() != Value::Kind::String) {
+                refuse("a string without text");
+            }
+            return value;
+        }
+        case Standard::Data: {
+            const Value& value = inlineObject(node, "NS.data");
+            if (value.kind() != Value::Kind::Data) {
+                refuse("data without bytes");
+            }
+            return value;
+        }
+        case Standard::Date: {
+            const Node time = requiredField(node, "NS.time");
+            if (time.type == Type::Integer) {
+                return Value(Date{static_cast<double>(time.integer())});
+            }
+            if (time.type != Type::Real32 && time.type != Type::Real64) {
+                refuse("a date without a time");
+            }
+            return Value(Date{time.real()});
+        }
+        case Standard::Value: {
+            constexpr std::int64_t kSizeKind = 2;
+            const Node special = requiredField(node, "NS.special");
+            const Value& sizeText = reference(requiredField(node, "NS.sizeval"));
+            if (special.type != Type::Integer || special.integer() != kSizeKind ||
+                sizeText.kind() != Value::Kind::String) {
+                refuse("a value object that is no size");
+            }
+            return Value(sizeFromText(sizeText.stringValue()));
+        }
+        case Standard::Array: {
+            Array array;
+            const Node elements = list(node, "NS.objects");
+            for (std::uint64_t i = 0; i < elements.count; ++i) {
+                array.push_back(element(elements, i));
+            }
+            return Value(std::move(array));
+        }
+        case Standard::Dictionary:
+            return dictionary(node, Dictionary::Mutability::Immutable);
+        case Standard::MutableDictionary:
+            return dictionary(node, Dictionary::Mutability::Mutable);
+        case Standard::Error:
+            return error(node);
+        }
+        refuse("an object of an unknown class");
+    }
+
+    /// A string or data that stands in the object itself. Looked up by its number, so that it is decoded once even
+    /// when many objects hold it.
+    const Value& inlineObject(const Node& node, std::string_view key) {
+        charge(node.count);
+        for (std::uint64_t i = 0; i < node.count; ++i) {
+            if (text(reader_.node(reader_.reference(node, i))) == key) {
+                const std::uint64_t index = reader_.reference(node, node.count + i);
+                const Type type = reader_.node(index).type;
+                if (type == Type::Ascii || type == Type::Utf16 || type == Type::Data) {
+                    return stored(index);
+                }
+                break;
+            }
+        }
+        refuse("an object without its contents");
+    }
+
+    Node list(const Node& node, std::string_view key) {
+        const Node elements = requiredField(node, key);
+        if (elements.type != Type::Array) {
+            refuse("a container without its list");
+        }
+        charge(elements.count);
+        return elements;
+    }
+
+    const Value& element(const Node& elements, std::uint64_t i) {
+        const Node uid = reader_.node(reader_.reference(elements, i));
+        if (uid.type != Type::Uid || uid.bits == 0) {
+            refuse("an element that is no reference to an object");
+        }
+        return object(uid.bits);
+    }
+
+    Value dictionary(const Node& node, Dictionary::Mutability mutability) {
+        const Node keys = list(node, "NS.keys");
+        const Node objects = list(node, "NS.objects");
+        if (keys.count != objects.count) {
+            refuse("keys and values of unequal number");
+        }
+        std::vector<Dictionary::Entry> entries;
+        entries.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(keys.count, kFewEntries)));
+        for (std::uint64_t i = 0; i < keys.count; ++i) {
+            Value::StringRef key = element(keys, i).string();
+            if (!key) {
+                refuse("a key that is no string");
+            }
+            charge(key->size());
+            entries.emplace_back(std::move(key), element(objects, i));
+        }
+        return Value(Dictionary::fromEntries(std::move(entries), mutability));
+    }
+
+    Value error(const Node& node) {
+        const Value& domain = reference(requiredField(node, "NSDomain"));
+        const Node code = requiredField(node, "NSCode");
+        const std::optional<Node> userInfoField = findField(node, "NSUserInfo");
+        const Value userInfo = userInfoField ? reference(*userInfoField) : Value();
+        if (domain.kind() != Value::Kind::String || code.type != Type::Integer ||
+            (!userInfo.isNull() && userInfo.kind() != Value::Kind::Dictionary)) {
+            refuse("an error record that is none");
+        }
+        return Value(std::make_shared<const Error>(domain.stringValue(), code.integer(), userInfo.dictionary()));
+    }
+
+    static constexpr std::size_t kMostFields = 64;
+    /// What most dictionaries hold at most; larger ones grow as they are read.
+    static constexpr std::size_t kFewEntries = 16;
+
+    plist::Reader reader_;
+    std::span<const ArchivableClass> classes_;
+    SlotTable slots_;
+    std::uint64_t workLeft_;
+    Node objects_{};
+    int depth_ = 0;
+    std::vector<Field>* fields_ = nullptr;
+    std::size_t nextField_ = 0;
+};
+
+Value KeyedUnarchiver::unarchive(std::span<const std::byte> bytes, std::span<const ArchivableClass> classes) {
+    return Decoder(bytes, classes).root();
+}
+
+bool KeyedUnarchiver::decodeBool(std::string_view key) {
+    const auto node = decoder_.field(key);
+    if (Decoder::isNull(node)) {
+        return false;
+    }
+    if (node->type != Type::Boolean && (node->type != Type::Integer || node->bits > 1)) {
+        refuse("a boolean that is none");
+    }
+    return node->bits != 0;
+}
+
+std::int32_t KeyedUnarchiver::decodeInt32(std::string_view key) {
+    const auto node = decoder_.field(key);
+    if (Decoder::isNull(node)) {
+        return 0;
+    }
+    if (node->type != Type::Integer || node->integer() < std::numeric_limits<std::int32_t>::min() ||
+        node->integer() > std::numeric_limits<std::uint32_t>::max()) {
+        refuse("an integer that is none of 32 bits");
+    }
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(node->bits));
+}
+
+float KeyedUnarchiver::decodeFloat(std::string_view key) {
+    const auto node = decoder_.field(key);
+    if (Decoder::isNull(node)) {
+        return 0.0F;
+    }
+    switch (node->type) {
+    case Type::Real32:
+    case Type::Real64:
+        return node->real32();
+    case Type::Integer:
+        return static_cast<float>(node->integer());
+    default:
+        refuse("a number that is none");
+    }
+}
+
+Value KeyedUnarchiver::decodeObject(std::string_view key) {
+    const auto node = decoder_.field(key);
+    return node ? decoder_.reference(*node) : Value();
+}
+
+Value KeyedUnarchiver::decodeObject(std::string_view key, Value::Kind kind) {
+    Value value = decodeObject(key);
+    if (!value.isNull() && value.kind() != kind) {
+        refuse("an object of another kind than its place asks for");
+    }
+    return value;
+}
+
+}  // namespace krv

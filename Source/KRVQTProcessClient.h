@@ -1,0 +1,29 @@
+#pragma once
+
+/// The whole public interface of libKRVQTProcessClient. An application includes this and nothing else.
+
+#include <KRVQTProcessClient/Client/HTTPServerDiscovery.h>
+#include <KRVQTProcessClient/Client/KRVQTProcessOperations.h>
+#include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
+#include <KRVQTProcessClient/Client/ServerNaming.h>
+#include <KRVQTProcessClient/Client/TransportInvocation.h>
+#include <KRVQTProcessClient/Common/EncodingParameters.h>
+#include <KRVQTProcessClient/Common/LoggingDefaults.h>
+#include <KRVQTProcessClient/Common/PortNumbering.h>
+#include <KRVQTProcessClient/Foundation/Dictionary.h>
+#include <KRVQTProcessClient/Foundation/Error.h>
+#include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Foundation/Value.h>
+#include <KRVQTProcessClient/Monitoring/KRVProcessMonitor.h>
+#include <KRVQTProcessClient/Operations/KRVOperationBase.h>
+#include <KRVQTProcessClient/Operations/OperationKeys.h>
+#include <KRVQTProcessClient/Operations/OperationProgress.h>
+#include <KRVQTProcessClient/Platform/NotificationCenter.h>
+#include <KRVQTProcessClient/Platform/RunLoop.h>
+#include <KRVQTProcessClient/Platform/UserDefaults.h>
+#include <KRVQTProcessClient/Server/QuicktimeServerStatusCodes.h>
+#include <KRVQTProcessClient/Shared/DDLog.h>
+#include <KRVQTProcessClient/Shared/VideoConversion.h>
+#include <KRVQTProcessClient/Transports/KRVHTTPClientTransport.h>
+#include <KRVQTProcessClient/Transports/KRVOperationTransport.h>
+#include <KRVQTProcessClient/Version.h>

@@ -1,0 +1,110 @@
+// The record's archive form: fourteen keyed values in a fixed order. Both ends use these keys and class names.
+#include <array>
+
+#include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Foundation/KeyedArchiver.h>
+#include <KRVQTProcessClient/Foundation/KeyedUnarchiver.h>
+#include <KRVQTProcessClient/Operations/KRVOperationBase.h>
+
+namespace krv {
+namespace {
+
+constexpr std::string_view kErrorKey = "error";
+constexpr std::string_view kUniqueIDKey = "uniqueID";
+constexpr std::string_view kTypeKey = "opType";
+constexpr std::string_view kCancelledKey = "cancelled";
+constexpr std::string_view kCompletedKey = "completed";
+constexpr std::string_view kProgressKey = "progress";
+constexpr std::string_view kIsClientRegisteredKey = "isClientRegistered";
+constexpr std::string_view kShouldErrorKey = "testInfo.shouldError";
+constexpr std::string_view kShouldCompleteKey = "testInfo.shouldComplete";
+constexpr std::string_view kShouldThrowKey = "testInfo.shouldThrow";
+constexpr std::string_view kShouldCrashKey = "testInfo.shouldCrash";
+constexpr std::string_view kTimeToLiveKey = "testInfo.timeToLive";
+constexpr std::string_view kResultKey = "result";
+constexpr std::string_view kArgumentsKey = "arguments";
+
+template <typename T>
+std::shared_ptr<Archivable> decoded(KeyedUnarchiver& coder) {
+    return std::make_shared<T>(coder);
+}
+
+/// The classes that an archive may name, besides the standard ones.
+constexpr std::array<ArchivableClass, 3> kClasses{{
+    {"KRVOperationBase", &KRVOperationBase::initWithCoder},
+    {"VideoEncodingParameters", &decoded<VideoEncodingParameters>},
+    {"AudioEncodingParameters", &decoded<AudioEncodingParameters>},
+}};
+
+std::shared_ptr<Dictionary> mutableDictionary(KeyedUnarchiver& coder, std::string_view key) {
+    const auto stored = coder.decodeObject(key, Value::Kind::Dictionary).dictionary();
+    return stored ? std::make_shared<Dictionary>(stored->mutableCopy()) : std::make_shared<Dictionary>();
+}
+
+}  // namespace
+
+void KRVOperationBase::encodeWithCoder(KeyedArchiver& coder) const {
+    const auto identifier = uniqueID();
+    coder.encodeObject(kErrorKey, Value(error()));
+    coder.encodeObject(kUniqueIDKey, identifier ? Value(*identifier) : Value());
+    coder.encodeInt(kTypeKey, operationType_);
+    coder.encodeBool(kCancelledKey, cancelled_);
+    coder.encodeBool(kCompletedKey, completed_);
+    coder.encodeFloat(kProgressKey, progress_);
+    coder.encodeBool(kIsClientRegisteredKey, isClientRegistered_);
+    coder.encodeBool(kShouldErrorKey, testInfo_.shouldError != 0);
+    coder.encodeBool(kShouldCompleteKey, testInfo_.shouldComplete != 0);
+    coder.encodeBool(kShouldThrowKey, testInfo_.shouldThrow != 0);
+    coder.encodeBool(kShouldCrashKey, testInfo_.shouldCrash != 0);
+    coder.encodeInt(kTimeToLiveKey, static_cast<std::int32_t>(testInfo_.timeToLive));
+    coder.encodeObject(kResultKey, Value(result()));
+    coder.encodeObject(kArgumentsKey, Value(arguments()));
+}
+
+std::shared_ptr<Archivable> KRVOperationBase::initWithCoder(KeyedUnarchiver& coder) {
+    const std::shared_ptr<KRVOperationBase> record(new KRVOperationBase(Undecoded{}));
+    record->setError(coder.decodeObject(kErrorKey, Value::Kind::Error).error());
+    if (const auto identifier = coder.decodeObject(kUniqueIDKey, Value::Kind::String).string()) {
+        record->setUniqueID(*identifier);
+    }
+    record->operationType_ = coder.decodeInt32(kTypeKey);
+    record->cancelled_ = coder.decodeBool(kCancelledKey);
+    record->completed_ = coder.decodeBool(kCompletedKey);
+    record->progress_ = coder.decodeFloat(kProgressKey);
+    record->isClientRegistered_ = coder.decodeBool(kIsClientRegisteredKey);
+    const auto flag = [&coder](std::string_view key) { return static_cast<std::int8_t>(coder.decodeBool(key) ? 1 : 0); };
+    record->testInfo_.shouldError = flag(kShouldErrorKey);
+    record->testInfo_.shouldComplete = flag(kShouldCompleteKey);
+    record->testInfo_.shouldThrow = flag(kShouldThrowKey);
+    record->testInfo_.shouldCrash = flag(kShouldCrashKey);
+    record->testInfo_.timeToLive = coder.decodeInt32(kTimeToLiveKey);
+    record->setResult(mutableDictionary(coder, kResultKey));
+    record->setArguments(mutableDictionary(coder, kArgumentsKey));
+    return record;
+}
+
+Data KRVOperationBase::convertToData() const {
+    return KeyedArchiver::archivedData(*this);
+}
+
+Value KRVOperationBase::valueFromData(const std::shared_ptr<const Data>& data) {
+    if (!data || data->empty()) {
+        return {};
+    }
+    try {
+        return KeyedUnarchiver::unarchive(*data, kClasses);
+    } catch (const Exception&) {
+        return {};
+    }
+}
+
+std::shared_ptr<Archivable> KRVOperationBase::archivableFromData(const std::shared_ptr<const Data>& data) {
+    // The object was made for this call and is shared with nobody.
+    return std::const_pointer_cast<Archivable>(valueFromData(data).object());
+}
+
+KRVOperationBase::Ref KRVOperationBase::operationFromData(const std::shared_ptr<const Data>& data) {
+    return objectFromData<KRVOperationBase>(data);
+}
+
+}  // namespace krv

@@ -1,0 +1,35 @@
+#include <KRVQTProcessClient/Operations/OperationKeys.h>
+
+namespace krv {
+
+constinit const std::string_view kArgumentEncodingSourceFilename = "encodingSourceFilename";
+constinit const std::string_view kArgumentEncodingDestinationFilename = "encodingDestinationFilename";
+constinit const std::string_view kArgumentEncodingVideoParameters = "encodingVideoParams";
+constinit const std::string_view kArgumentEncodingAudioParameters = "encodingAudioParams";
+constinit const std::string_view kArgumentEncodingFlattenOnly = "encodingFlattenOnly";
+constinit const std::string_view kArgumentEncodingType = "encodingType";
+constinit const std::string_view kArgumentPIDRegInfo = "pidRegInfoPID";
+constinit const std::string_view kArgumentNumOpsNumberOnServer = "numOpsNumberOnServer";
+constinit const std::string_view kArgumentNumOpsNames = "numOpsNames";
+constinit const std::string_view kArgumentThumbnailInfoSize = "thumbnailInfoSize";
+constinit const std::string_view kArgumentMovieInfoMetadata = "movieInfoMetadata";
+constinit const std::string_view kArgumentMergeSources = "videoMergeSources";
+constinit const std::string_view kArgumentMergeSourcesUseShortest = "videoMergeSourcesUseShortest";
+constinit const std::string_view kArgumentTrackIndex = "trackIndex";
+
+constinit const std::string_view kResultInterestingTimes = "interestingTimes";
+constinit const std::string_view kResultInterestingTimeValues = "values";
+constinit const std::string_view kResultInterestingTimeTimescale = "timescale";
+
+constinit const std::string_view kMediaMetadataCodec = "metadataCodec";
+constinit const std::string_view kMediaMetadataDuration = "metadataDuration";
+constinit const std::string_view kMediaMetadataDimensions = "metadataDimensions";
+constinit const std::string_view kMediaMetadataAudio = "metadataAudio";
+constinit const std::string_view kMediaMetadataSize = "metadataSize";
+constinit const std::string_view kMediaMetadataPath = "metadataPath";
+constinit const std::string_view kMediaMetadataCreation = "metadataCreation";
+constinit const std::string_view kMediaMetadataModified = "metadataModified";
+constinit const std::string_view kMediaMetadataFrameRate = "metadataFrameRate";
+constinit const std::string_view kMediaMetadataPoster = "metadataPoster";
+
+}  // namespace krv

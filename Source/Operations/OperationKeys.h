@@ -1,0 +1,63 @@
+#pragma once
+
+#include <string_view>
+
+#include <KRVQTProcessClient/Foundation/Export.h>
+
+/// The keys of an operation record's dictionaries. Their texts are part of the wire form.
+namespace krv {
+
+// Keys of `arguments`.
+
+/// String: path of the source movie.
+KRV_EXPORT extern const std::string_view kArgumentEncodingSourceFilename;
+/// String: path of the destination file; for thumbnails, of the destination folder.
+KRV_EXPORT extern const std::string_view kArgumentEncodingDestinationFilename;
+/// VideoEncodingParameters.
+KRV_EXPORT extern const std::string_view kArgumentEncodingVideoParameters;
+/// AudioEncodingParameters.
+KRV_EXPORT extern const std::string_view kArgumentEncodingAudioParameters;
+/// Boolean.
+KRV_EXPORT extern const std::string_view kArgumentEncodingFlattenOnly;
+/// Integer: an encoding type (see VideoConversion).
+KRV_EXPORT extern const std::string_view kArgumentEncodingType;
+/// Integer: the sending process's id.
+KRV_EXPORT extern const std::string_view kArgumentPIDRegInfo;
+/// Integer: operations queued and running on the server.
+KRV_EXPORT extern const std::string_view kArgumentNumOpsNumberOnServer;
+/// Array of strings: their names.
+KRV_EXPORT extern const std::string_view kArgumentNumOpsNames;
+/// Size in pixels.
+KRV_EXPORT extern const std::string_view kArgumentThumbnailInfoSize;
+/// Dictionary under the kMediaMetadata keys.
+KRV_EXPORT extern const std::string_view kArgumentMovieInfoMetadata;
+/// Array of strings: paths of the sources, in order.
+KRV_EXPORT extern const std::string_view kArgumentMergeSources;
+/// Boolean.
+KRV_EXPORT extern const std::string_view kArgumentMergeSourcesUseShortest;
+/// Integer: index of a track.
+KRV_EXPORT extern const std::string_view kArgumentTrackIndex;
+
+// Keys of `result` of the interesting-times operation.
+
+/// Dictionary with the two entries below.
+KRV_EXPORT extern const std::string_view kResultInterestingTimes;
+/// Array of integers, in units of the time scale.
+KRV_EXPORT extern const std::string_view kResultInterestingTimeValues;
+/// Integer: units per second.
+KRV_EXPORT extern const std::string_view kResultInterestingTimeTimescale;
+
+// Keys of the movie metadata.
+
+KRV_EXPORT extern const std::string_view kMediaMetadataCodec;
+KRV_EXPORT extern const std::string_view kMediaMetadataDuration;
+KRV_EXPORT extern const std::string_view kMediaMetadataDimensions;
+KRV_EXPORT extern const std::string_view kMediaMetadataAudio;
+KRV_EXPORT extern const std::string_view kMediaMetadataSize;
+KRV_EXPORT extern const std::string_view kMediaMetadataPath;
+KRV_EXPORT extern const std::string_view kMediaMetadataCreation;
+KRV_EXPORT extern const std::string_view kMediaMetadataModified;
+KRV_EXPORT extern const std::string_view kMediaMetadataFrameRate;
+KRV_EXPORT extern const std::string_view kMediaMetadataPoster;
+
+}  // namespace krv

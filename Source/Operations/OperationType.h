@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string_view>
+
+#include <KRVQTProcessClient/Foundation/Export.h>
+
+namespace krv {
+
+/// Which of the main arguments a record's state description shows.
+enum class StateSummary : std::uint8_t { None, ClientPID, Encoding, File, Merge };
+
+// The one table of operation types: value, enumerator, selector of the factory, name for people, and what the state
+// description shows. Everything that depends on a type is looked up here.
+// clang-format off
+#define KRV_OPERATION_TYPES(ROW)                                                                                                          \
+    ROW(1, OpNumberOfOperations, "numberOfOperationsOperation", "Number of operations queued", None)                                       \
+    ROW(2, OpReadyToProcessRequests, "readyToProcessRequestOperation", "Ready to process requests", None)                                  \
+    ROW(3, OpRegisterWithServer, "registerWithServerOperation", "Register with server", ClientPID)                                         \
+    ROW(4, OpUnregisterFromServer, "unregisterFromServerOperation", "Unregister from server", ClientPID)                                   \
+    ROW(5, OpAmIRegistered, "amIRegisteredOperation", "Is this ClientID registered with server", None)                                     \
+    ROW(6, OpEncodeVideo, "encodeVideoOperation:dest:", "Encode video", Encoding)                                                          \
+    ROW(7, OpCreateThumbnails, "createThumbnailsForVideo:toFolder:withSize:", "Create thumbnails", File)                                   \
+    ROW(8, OpProvideMetadata, "provideMetadataFor:", "Get poster frame and metadata", File)                                                \
+    ROW(9, OpMuxAudioTo2ch, "muxAudioTo2chOperation:dest:", "Mux movie audio to 2ch", File)                                                \
+    ROW(10, OpMergeSources, "mergeSourcesOperation:dest:useShortestTrack:", "Merge multiple video sources to single movie", Merge)         \
+    ROW(11, OpGetInterestingTimes, "getInterestingTimesOperation:specificTrack:trackIndex:", "Get Interesting Times", File)                \
+    ROW(12, OpCancelOperation, "cancelOperation:", "Cancel operation", None)                                                               \
+    ROW(13, OpCancelAllOperations, "cancelAllOperationsOperation", "Cancel all operations", None)                                          \
+    ROW(14, OpProgressAndCompletion, "progressAndCompletionOperation:", "Progress / Completion", None)                                     \
+    ROW(15, OpReturnResult, "returnResultForOperation:", "Return operation result", None)                                                  \
+    ROW(16, OpRemoveReturnResult, "removeReturnResultForOperation:", "Remove return operation result", None)                               \
+    ROW(17, OpShutdownServer, "shutdownCommand", "Shutdown Server", None)                                                                  \
+    ROW(-559038737, OpHTTPServerTesting, "httpServerTestingOperation", "HTTP Server Testing", None)
+// clang-format on
+
+enum OperationType : std::int32_t {
+#define KRV_ROW(value, enumerator, factory, name, summary) enumerator = value,
+    KRV_OPERATION_TYPES(KRV_ROW)
+#undef KRV_ROW
+};
+static_assert(static_cast<std::uint32_t>(OpHTTPServerTesting) == 0xDEADBEEFU);
+
+struct OperationTypeInfo {
+    OperationType type;
+    std::string_view factory;
+    std::string_view name;
+    StateSummary summary;
+};
+
+/// All types, in the order of the table.
+[[nodiscard]] KRV_EXPORT std::span<const OperationTypeInfo> operationTypes() noexcept;
+/// The row of a type, or nullptr for a value that is no type.
+[[nodiscard]] KRV_EXPORT const OperationTypeInfo* operationTypeInfo(std::int32_t type) noexcept;
+
+}  // namespace krv

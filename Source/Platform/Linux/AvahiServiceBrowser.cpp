@@ -1,0 +1,379 @@
+// Service browsing over an embedded multicast-DNS responder.
+//
+// Everything of the responder's library happens under its one lock: our calls take it, its call-backs come with it held
+// on its own thread. A search's events are handed to the run loop from which the search was started and are dropped
+// there when the search is no longer the current one, so that on that loop's thread nothing arrives after stop().
+//
+// A found name says little: its publisher may be dead (records live on in caches for minutes), or another user's. So
+// a service is resolved before it is reported, and only one whose port is held by a process of this user is reported,
+// under the name that it was published with. The resolver stays until the search ends, because a record that is
+// outdated now may be replaced by the right one a moment later.
+//
+// Batches. The services whose resolution is under way together are a batch: each is reported as soon as it is resolved,
+// with "more coming" while others are still open. When the last one of a batch in which something was reported turns
+// out to be none of ours, the batch's end is reported by itself.
+//
+// Silence. A search that shows nothing would leave its owner waiting for ever. So, as long as it has reported no
+// service, it reports an ended batch without a match, first after two seconds and then every six: longer than the five
+// after which the owner falls back to polling ports, so that the fall-back gets its turn. The owner begins a new search
+// after each report; the six seconds hold across searches, or every report would push the fall-back away again.
+#include <atomic>
+#include <map>
+#include <string>
+#include <utility>
+
+#include <avahi-core/core.h>
+#include <avahi-core/lookup.h>
+#include <fmt/format.h>
+
+#include <KRVQTProcessClient/Foundation/Mutex.h>
+#include <KRVQTProcessClient/Platform/ServiceBrowser.h>
+
+#include "ListeningPorts.h"
+#include "LoopReach.h"
+#include "LoopbackResponder.h"
+#include "PublishedName.h"
+
+namespace krv {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kFirstSilence = 2s;
+constexpr auto kNextSilence = 6s;
+
+class FoundService final : public NetService, public std::enable_shared_from_this<FoundService> {
+public:
+    FoundService(std::string name, std::uint16_t port)
+        : name_(std::move(name))
+        , foundPort_(port) {}
+
+    [[nodiscard]] const std::string& name() const override { return name_; }
+    [[nodiscard]] long port() const override {
+        const LockGuard lock(mutex_);
+        return port_;
+    }
+    void setDelegate(std::weak_ptr<NetServiceDelegate> delegate) override {
+        const LockGuard lock(mutex_);
+        delegate_ = std::move(delegate);
+    }
+
+    /// The port was learned when the service was found, moments ago; what can have changed is whether it is still held.
+    void resolveWithTimeout(Clock::Duration /*timeout*/) override {
+        LoopReach::current()->perform([self = shared_from_this()] { self->resolve(); });
+    }
+
+private:
+    void resolve() {
+        const bool held = userListensOnPort(foundPort_);
+        std::shared_ptr<NetServiceDelegate> delegate;
+        {
+            const LockGuard lock(mutex_);
+            port_ = held ? foundPort_ : -1;
+            delegate = delegate_.lock();
+        }
+        if (!delegate) {
+            return;
+        }
+        if (held) {
+            delegate->netServiceDidResolveAddress(shared_from_this());
+        } else {
+            delegate->didNotResolve(shared_from_this());
+        }
+    }
+
+    const std::string name_;
+    const std::uint16_t foundPort_;
+    mutable Mutex mutex_;
+    long port_ KRV_GUARDED_BY(mutex_) = -1;
+    std::weak_ptr<NetServiceDelegate> delegate_ KRV_GUARDED_BY(mutex_);
+};
+
+class AvahiServiceBrowser;
+
+/// One search. What belongs to the responder is touched under its lock only.
+class Search final : public std::enable_shared_from_this<Search> {
+public:
+    explicit Search(std::weak_ptr<AvahiServiceBrowser> owner) : owner_(std::move(owner)) {}
+    ~Search() { end(nullptr); }
+
+    void begin(LoopbackResponder* responder, const std::string& type, const std::string& domain,
+               Clock::Duration firstSilence);
+    /// responder: the one that begin was given; null when it has gone already.
+    void end(LoopbackResponder* responder);
+
+private:
+    enum class Resolution : std::uint8_t { Open, NotOurs, Reported };
+    struct Candidate {
+        Search* search;
+        std::string name;
+        AvahiSServiceResolver* resolver;
+        Resolution resolution;
+    };
+
+    static void browserEvent(AvahiSServiceBrowser*, AvahiIfIndex, AvahiProtocol, AvahiBrowserEvent, const char*,
+                             const char*, const char*, AvahiLookupResultFlags, void*);
+    static void resolverEvent(AvahiSServiceResolver*, AvahiIfIndex, AvahiProtocol, AvahiResolverEvent, const char*,
+                              const char*, const char*, const char*, const AvahiAddress*, std::uint16_t,
+                              AvahiStringList*, AvahiLookupResultFlags, void*);
+    void found(AvahiIfIndex interface, AvahiProtocol protocol, const char* name, const char* type, const char* domain);
+    void lost(const std::string& name);
+    void settled(Candidate& candidate, Resolution resolution, std::uint16_t port);
+    [[nodiscard]] bool someOpen() const;
+    void report(std::shared_ptr<NetService> service, bool moreComing);
+    void reportSilence();
+    void tell(const std::shared_ptr<NetService>& service, bool moreComing);
+    void startSilenceTimer(Clock::Duration interval);
+
+    const std::weak_ptr<AvahiServiceBrowser> owner_;
+    const std::shared_ptr<LoopReach> loop_ = LoopReach::current();
+    AvahiServer* server_ = nullptr;
+    AvahiSServiceBrowser* browser_ = nullptr;
+    std::map<std::string, Candidate> candidates_;
+    bool batchHasReports_ = false;
+
+    Mutex mutex_;
+    bool ended_ KRV_GUARDED_BY(mutex_) = false;
+    bool shownAny_ KRV_GUARDED_BY(mutex_) = false;
+    std::shared_ptr<RunLoop::Timer> silence_ KRV_GUARDED_BY(mutex_);
+};
+
+class AvahiServiceBrowser final : public ServiceBrowser {
+public:
+    ~AvahiServiceBrowser() override {
+        endSearch();
+        responder_.reset();
+    }
+
+    void setDelegate(std::weak_ptr<ServiceBrowserDelegate> delegate) override {
+        const LockGuard lock(mutex_);
+        delegate_ = std::move(delegate);
+    }
+
+    void searchForServicesOfType(std::string_view type, std::string_view inDomain) override {
+        const LockGuard searching(searchMutex_);
+        endSearchLocked();
+        if (!responder_ || responder_->hasFailed()) {
+            responder_ = LoopbackResponder::start();
+        }
+        const auto search = std::make_shared<Search>(
+            std::static_pointer_cast<AvahiServiceBrowser>(shared_from_this()));
+        {
+            const LockGuard lock(mutex_);
+            current_ = search;
+        }
+        search->begin(responder_.get(), withoutFinalDot(type), withoutFinalDot(inDomain),
+                      silent_ ? kNextSilence : kFirstSilence);
+    }
+
+    void stop() override { endSearch(); }
+
+    [[nodiscard]] std::string description() const override {
+        return fmt::format("<ServiceBrowser {}>", static_cast<const void*>(this));
+    }
+
+    /// On a search's loop: passes an event on if the search is still the current one.
+    void tell(const Search* search, const std::shared_ptr<NetService>& service, bool moreComing) {
+        std::shared_ptr<ServiceBrowserDelegate> delegate;
+        {
+            const LockGuard lock(mutex_);
+            if (current_.get() == search) {
+                delegate = delegate_.lock();
+                silent_ = !service;
+            }
+        }
+        if (delegate) {
+            delegate->didFindService(shared_from_this(), service, moreComing);
+        }
+    }
+
+private:
+    static std::string withoutFinalDot(std::string_view text) {
+        if (!text.empty() && text.back() == '.') {
+            text.remove_suffix(1);
+        }
+        return std::string(text);
+    }
+
+    void endSearch() {
+        const LockGuard searching(searchMutex_);
+        endSearchLocked();
+    }
+
+    void endSearchLocked() KRV_REQUIRES(searchMutex_) {
+        std::shared_ptr<Search> search;
+        {
+            const LockGuard lock(mutex_);
+            search.swap(current_);
+        }
+        if (search) {
+            search->end(responder_.get());
+        }
+    }
+
+    /// Serialises the starting and stopping of searches; never taken by the responder's thread.
+    Mutex searchMutex_;
+    std::unique_ptr<LoopbackResponder> responder_;
+
+    Mutex mutex_;
+    std::weak_ptr<ServiceBrowserDelegate> delegate_ KRV_GUARDED_BY(mutex_);
+    std::shared_ptr<Search> current_ KRV_GUARDED_BY(mutex_);
+    /// Whether the last report was of silence.
+    std::atomic<bool> silent_{false};
+};
+
+void Search::begin(LoopbackResponder* responder, const std::string& type, const std::string& domain,
+                   Clock::Duration firstSilence) {
+    startSilenceTimer(firstSilence);
+    if (!responder) {
+        return;
+    }
+    const LoopbackResponder::Lock lock(*responder);
+    server_ = responder->server();
+    browser_ = avahi_s_service_browser_new(server_, AVAHI_IF_UNSPEC, AVAHI_PROTO_INET, type.c_str(), domain.c_str(),
+                                           static_cast<AvahiLookupFlags>(0), &Search::browserEvent, this);
+}
+
+void Search::end(LoopbackResponder* responder) {
+    if (responder) {
+        const LoopbackResponder::Lock lock(*responder);
+        for (auto& [name, candidate] : candidates_) {
+            avahi_s_service_resolver_free(candidate.resolver);
+        }
+        candidates_.clear();
+        if (browser_) {
+            avahi_s_service_browser_free(std::exchange(browser_, nullptr));
+        }
+    }
+    const LockGuard lock(mutex_);
+    ended_ = true;
+    if (silence_) {
+        silence_->invalidate();
+        silence_.reset();
+    }
+}
+
+void Search::browserEvent(AvahiSServiceBrowser* /*browser*/, AvahiIfIndex interface, AvahiProtocol protocol,
+                          AvahiBrowserEvent event, const char* name, const char* type, const char* domain,
+                          AvahiLookupResultFlags /*flags*/, void* userdata) {
+    auto* const search = static_cast<Search*>(userdata);
+    if (event == AVAHI_BROWSER_NEW) {
+        search->found(interface, protocol, name, type, domain);
+    } else if (event == AVAHI_BROWSER_REMOVE) {
+        search->lost(name);
+    }
+}
+
+void Search::found(AvahiIfIndex interface, AvahiProtocol protocol, const char* name, const char* type,
+                   const char* domain) {
+    const auto [place, isNew] = candidates_.try_emplace(name, Candidate{this, name, nullptr, Resolution::Open});
+    if (!isNew) {
+        return;
+    }
+    Candidate& candidate = place->second;
+    candidate.resolver = avahi_s_service_resolver_new(server_, interface, protocol, name, type, domain,
+                                                      AVAHI_PROTO_UNSPEC, AVAHI_LOOKUP_NO_ADDRESS,
+                                                      &Search::resolverEvent, &candidate);
+    if (!candidate.resolver) {
+        candidates_.erase(place);
+    }
+}
+
+void Search::lost(const std::string& name) {
+    const auto place = candidates_.find(name);
+    if (place == candidates_.end()) {
+        return;
+    }
+    if (place->second.resolution == Resolution::Open) {
+        settled(place->second, Resolution::NotOurs, 0);
+    }
+    avahi_s_service_resolver_free(place->second.resolver);
+    candidates_.erase(place);
+}
+
+void Search::resolverEvent(AvahiSServiceResolver* /*resolver*/, AvahiIfIndex /*interface*/, AvahiProtocol /*protocol*/,
+                           AvahiResolverEvent event, const char* /*name*/, const char* /*type*/, const char* /*domain*/,
+                           const char* /*host*/, const AvahiAddress* /*address*/, std::uint16_t port,
+                           AvahiStringList* /*text*/, AvahiLookupResultFlags /*flags*/, void* userdata) {
+    auto& candidate = *static_cast<Candidate*>(userdata);
+    if (candidate.resolution == Resolution::Reported) {
+        return;
+    }
+    const bool ours = event == AVAHI_RESOLVER_FOUND && port != 0 && userListensOnPort(port);
+    candidate.search->settled(candidate, ours ? Resolution::Reported : Resolution::NotOurs, port);
+}
+
+bool Search::someOpen() const {
+    for (const auto& [name, candidate] : candidates_) {
+        if (candidate.resolution == Resolution::Open) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void Search::settled(Candidate& candidate, Resolution resolution, std::uint16_t port) {
+    candidate.resolution = resolution;
+    const bool more = someOpen();
+    if (resolution == Resolution::Reported) {
+        batchHasReports_ = more;
+        report(std::make_shared<FoundService>(publishedName(candidate.name), port), more);
+    } else if (!more && std::exchange(batchHasReports_, false)) {
+        report(nullptr, false);
+    }
+}
+
+void Search::report(std::shared_ptr<NetService> service, bool moreComing) {
+    {
+        const LockGuard lock(mutex_);
+        if (ended_) {
+            return;
+        }
+        shownAny_ = true;
+    }
+    loop_->perform([weak = weak_from_this(), service = std::move(service), moreComing] {
+        if (const auto self = weak.lock()) {
+            self->tell(service, moreComing);
+        }
+    });
+}
+
+void Search::tell(const std::shared_ptr<NetService>& service, bool moreComing) {
+    if (const auto owner = owner_.lock()) {
+        owner->tell(this, service, moreComing);
+    }
+}
+
+void Search::startSilenceTimer(Clock::Duration interval) {
+    const LockGuard lock(mutex_);
+    if (ended_) {
+        return;
+    }
+    if (silence_) {
+        silence_->invalidate();
+    }
+    silence_ = loop_->scheduleTimer(interval, [weak = weak_from_this()] {
+        if (const auto self = weak.lock()) {
+            self->reportSilence();
+        }
+    });
+}
+
+void Search::reportSilence() {
+    {
+        const LockGuard lock(mutex_);
+        if (ended_ || shownAny_) {
+            return;
+        }
+    }
+    startSilenceTimer(kNextSilence);
+    tell(nullptr, false);
+}
+
+}  // namespace
+
+std::shared_ptr<ServiceBrowser> ServiceBrowser::make() {
+    return std::make_shared<AvahiServiceBrowser>();
+}
+
+}  // namespace krv

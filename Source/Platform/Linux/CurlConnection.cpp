@@ -1,0 +1,207 @@
+#include "CurlConnection.h"
+
+#include <algorithm>
+#include <limits>
+#include <new>
+#include <span>
+#include <string_view>
+#include <variant>
+
+#include <fmt/format.h>
+
+#include "LoopbackURL.h"
+#include "SocketDiagnostics.h"
+
+namespace krv {
+namespace {
+
+constexpr std::size_t kMaximumBody = std::size_t{64} << 20;
+
+/// Rounded up; curl takes 0 for "no limit", so a time-out that has passed already is the shortest there is.
+long milliseconds(Clock::Duration timeout) {
+    const auto count = std::chrono::ceil<std::chrono::milliseconds>(timeout).count();
+    return std::clamp<long>(count, 1, std::numeric_limits<int>::max());
+}
+
+}  // namespace
+
+/// What one request has brought so far.
+struct CurlConnection::Exchange {
+    CURL* handle;
+    HTTPResponse response;
+    /// A connection made for this request is checked; one that stayed open has been.
+    bool newSocket = false;
+    bool foreignPeer = false;
+    bool tooLarge = false;
+    bool noMemory = false;
+};
+
+CurlConnection::CurlConnection()
+    : headers_(nullptr, curl_slist_free_all)
+    , handle_(nullptr, curl_easy_cleanup) {
+    // A header without a value is one that curl leaves out.
+    for (const char* header : {"Expect:", "Content-Type:"}) {
+        if (curl_slist* longer = curl_slist_append(headers_.get(), header)) {
+            (void)headers_.release();
+            headers_.reset(longer);
+        }
+    }
+}
+
+CurlConnection::~CurlConnection() = default;
+
+bool CurlConnection::makeHandle() {
+    if (handle_) {
+        return true;
+    }
+    handle_.reset(curl_easy_init());
+    CURL* const handle = handle_.get();
+    if (!handle) {
+        return false;
+    }
+    curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http");
+    curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 0L);
+    // An empty proxy keeps the environment's from being asked for, and so does the list of exceptions.
+    curl_easy_setopt(handle, CURLOPT_PROXY, "");
+    curl_easy_setopt(handle, CURLOPT_NOPROXY, "*");
+    curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_1_1);
+    curl_easy_setopt(handle, CURLOPT_HTTP09_ALLOWED, 0L);
+    curl_easy_setopt(handle, CURLOPT_TCP_NODELAY, 1L);
+    curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers_.get());
+    curl_easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaximumBody));
+    curl_easy_setopt(handle, CURLOPT_SOCKOPTFUNCTION, socketMade);
+    curl_easy_setopt(handle, CURLOPT_PREREQFUNCTION, aboutToSend);
+    curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, headLine);
+    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, bodyBytes);
+    return true;
+}
+
+HTTPResponse CurlConnection::send(const HTTPRequest& request) {
+    const auto url = readLoopbackURL(request.url);
+    if (const auto* refusal = std::get_if<std::string>(&url)) {
+        return {{}, 0, *refusal};
+    }
+    const auto& [host, port] = std::get<LoopbackURL>(url);
+    // Nobody is asked where "localhost" is: not the name service, not /etc/hosts.
+    const List addresses(curl_slist_append(nullptr, fmt::format("localhost:{}:127.0.0.1,[::1]", port).c_str()),
+                         curl_slist_free_all);
+    if (!addresses || !makeHandle()) {
+        return {{}, 0, "There is no memory for the request."};
+    }
+    CURL* const handle = handle_.get();
+    Exchange exchange{handle, {}};
+    curl_easy_setopt(handle, CURLOPT_URL, request.url.c_str());
+    curl_easy_setopt(handle, CURLOPT_RESOLVE, addresses.get());
+    curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, milliseconds(request.timeout));
+    if (request.body) {
+        curl_easy_setopt(handle, CURLOPT_POST, 1L);
+        curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body->size()));
+        // An empty vector may have no bytes to point to, and no bytes at all would make curl ask a call-back.
+        curl_easy_setopt(handle, CURLOPT_POSTFIELDS,
+                         request.body->empty() ? "" : reinterpret_cast<const char*>(request.body->data()));
+    } else {
+        curl_easy_setopt(handle, CURLOPT_HTTPGET, 1L);
+    }
+    curl_easy_setopt(handle, CURLOPT_SOCKOPTDATA, &exchange);
+    curl_easy_setopt(handle, CURLOPT_PREREQDATA, &exchange);
+    curl_easy_setopt(handle, CURLOPT_HEADERDATA, &exchange);
+    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &exchange);
+    const CURLcode code = curl_easy_perform(handle);
+    curl_easy_setopt(handle, CURLOPT_RESOLVE, nullptr);
+    curl_easy_setopt(handle, CURLOPT_POSTFIELDS, nullptr);
+    if (code != CURLE_OK) {
+        exchange.response.error = sentence(code, exchange, port);
+    } else if (!exchange.response.body) {
+        // curl takes a head that breaks off for the end of an answer without a body.
+        exchange.response.error = sentence(CURLE_GOT_NOTHING, exchange, port);
+    }
+    if (exchange.foreignPeer) {
+        handle_.reset();  // curl would keep the connection, and use it for the next request unasked
+    }
+    return std::move(exchange.response);
+}
+
+std::string CurlConnection::sentence(CURLcode code, const Exchange& exchange, long port) {
+    if (exchange.foreignPeer) {
+        return fmt::format("Could not connect to the server: port {} does not belong to this user.", port);
+    }
+    if (exchange.tooLarge || code == CURLE_FILESIZE_EXCEEDED) {
+        return fmt::format("The answer is longer than {} MiB.", kMaximumBody >> 20);
+    }
+    if (exchange.noMemory) {
+        return "There is no memory for the answer.";
+    }
+    switch (code) {
+    case CURLE_COULDNT_CONNECT:
+        return fmt::format("Could not connect to the server on port {}.", port);
+    case CURLE_OPERATION_TIMEDOUT:
+        return "The request timed out.";
+    case CURLE_GOT_NOTHING:
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+        return "The connection to the server was lost.";
+    case CURLE_PARTIAL_FILE:
+        return "The connection to the server was lost before the whole answer had come.";
+    default:
+        return fmt::format("{}.", curl_easy_strerror(code));
+    }
+}
+
+int CurlConnection::socketMade(void* exchange, curl_socket_t, curlsocktype) {
+    static_cast<Exchange*>(exchange)->newSocket = true;
+    return CURL_SOCKOPT_OK;
+}
+
+int CurlConnection::aboutToSend(void* data, char* peer, char* local, int peerPort, int localPort) {
+    auto& exchange = *static_cast<Exchange*>(data);
+    if (!exchange.newSocket) {
+        return CURL_PREREQFUNC_OK;
+    }
+    const auto peerEnd = SocketEnd::from(peer, peerPort);
+    const auto localEnd = SocketEnd::from(local, localPort);
+    exchange.foreignPeer = true;
+    try {
+        exchange.foreignPeer = !peerEnd || !localEnd || !peerBelongsToThisUser(*localEnd, *peerEnd);
+    } catch (const std::bad_alloc&) {
+        exchange.noMemory = true;
+    }
+    return exchange.foreignPeer ? CURL_PREREQFUNC_ABORT : CURL_PREREQFUNC_OK;
+}
+
+std::size_t CurlConnection::headLine(char* bytes, std::size_t size, std::size_t count, void* data) {
+    auto& exchange = *static_cast<Exchange*>(data);
+    const std::string_view line(bytes, size * count);
+    if (line == "\r\n" || line == "\n") {
+        long status = 0;
+        curl_easy_getinfo(exchange.handle, CURLINFO_RESPONSE_CODE, &status);
+        // Heads from 100 to 199 only announce the one that counts.
+        if (status >= 200 && !exchange.response.body) {
+            exchange.response.status = static_cast<int>(status);
+            exchange.response.body.emplace();
+        }
+    }
+    return line.size();
+}
+
+std::size_t CurlConnection::bodyBytes(char* bytes, std::size_t size, std::size_t count, void* data) {
+    auto& exchange = *static_cast<Exchange*>(data);
+    if (!exchange.response.body) {
+        return 0;
+    }
+    Data& body = *exchange.response.body;
+    const auto more = std::as_bytes(std::span(bytes, size * count));
+    if (more.size() > kMaximumBody - body.size()) {
+        exchange.tooLarge = true;
+        return 0;
+    }
+    try {
+        body.insert(body.end(), more.begin(), more.end());
+    } catch (const std::bad_alloc&) {
+        exchange.noMemory = true;
+        return 0;
+    }
+    return more.size();
+}
+
+}  // namespace krv

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <curl/curl.h>
+
+#include <KRVQTProcessClient/Platform/HTTPRequest.h>
+
+namespace krv {
+
+/// The connections of one thread: a curl handle that keeps them open between requests.
+class CurlConnection {
+public:
+    CurlConnection();
+    ~CurlConnection();
+    CurlConnection(const CurlConnection&) = delete;
+    CurlConnection& operator=(const CurlConnection&) = delete;
+
+    [[nodiscard]] HTTPResponse send(const HTTPRequest& request);
+
+private:
+    struct Exchange;
+    using Handle = std::unique_ptr<CURL, decltype(&curl_easy_cleanup)>;
+    using List = std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)>;
+
+    [[nodiscard]] bool makeHandle();
+    [[nodiscard]] static std::string sentence(CURLcode code, const Exchange& exchange, long port);
+    static int socketMade(void* exchange, curl_socket_t socket, curlsocktype purpose);
+    static int aboutToSend(void* exchange, char* peer, char* local, int peerPort, int localPort);
+    static std::size_t headLine(char* bytes, std::size_t size, std::size_t count, void* exchange);
+    static std::size_t bodyBytes(char* bytes, std::size_t size, std::size_t count, void* exchange);
+
+    List headers_;
+    Handle handle_;
+};
+
+}  // namespace krv

@@ -1,0 +1,34 @@
+#include "LoopReach.h"
+
+#include <utility>
+#include <vector>
+
+namespace krv {
+namespace {
+
+/// The reaches that this thread has given out. It is made after the thread's loop and so goes before it.
+struct GivenOut {
+    ~GivenOut() {
+        for (const auto& reach : reaches) {
+            if (const auto alive = reach.lock()) {
+                alive->threadHasEnded();
+            }
+        }
+    }
+    std::vector<std::weak_ptr<LoopReach>> reaches;
+};
+
+}  // namespace
+
+std::shared_ptr<LoopReach> LoopReach::current() {
+    RunLoop& loop = RunLoop::current();
+    auto reach = std::make_shared<LoopReach>(loop);
+    if (!RunLoop::isMainThread()) {  // the main loop outlives everything
+        thread_local GivenOut givenOut;
+        std::erase_if(givenOut.reaches, [](const auto& old) { return old.expired(); });
+        givenOut.reaches.push_back(reach);
+    }
+    return reach;
+}
+
+}  // namespace krv

@@ -1,0 +1,69 @@
+#include <array>
+#include <cerrno>
+
+#include <linux/netlink.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include "SocketDiagnostics.h"
+
+namespace krv {
+namespace {
+
+/// A socket to the kernel's socket diagnostics.
+class DiagnosticsSocket {
+public:
+    DiagnosticsSocket()
+        : socket_(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG)) {
+        // The kernel answers within the call that asks; the limit is for a kernel that does not.
+        const timeval limit{1, 0};
+        ::setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    }
+    ~DiagnosticsSocket() {
+        if (socket_ >= 0) {
+            ::close(socket_);
+        }
+    }
+    DiagnosticsSocket(const DiagnosticsSocket&) = delete;
+    DiagnosticsSocket& operator=(const DiagnosticsSocket&) = delete;
+
+    std::optional<SocketOwner> ask(const SocketEnd& local, const std::optional<SocketEnd>& remote) {
+        const auto query = socketQuery(local, remote, ++sequence_);
+        sockaddr_nl kernel{};
+        kernel.nl_family = AF_NETLINK;
+        if (::sendto(socket_, query.data(), query.size(), 0, reinterpret_cast<const sockaddr*>(&kernel),
+                     sizeof kernel) < 0) {
+            return std::nullopt;
+        }
+        std::array<std::byte, 4096> answer{};
+        ssize_t count = 0;
+        sockaddr_nl sender{};
+        do {
+            socklen_t size = sizeof sender;
+            count = ::recvfrom(socket_, answer.data(), answer.size(), 0, reinterpret_cast<sockaddr*>(&sender), &size);
+        } while ((count < 0 && errno == EINTR) || (count >= 0 && sender.nl_pid != 0));
+        return count < 0 ? std::nullopt
+                         : ownerFromAnswer(std::span(answer).first(static_cast<std::size_t>(count)), sequence_);
+    }
+
+private:
+    const int socket_;
+    std::uint32_t sequence_ = 0;
+};
+
+}  // namespace
+
+bool peerBelongsToThisUser(const SocketEnd& local, const SocketEnd& peer) {
+    DiagnosticsSocket diagnostics;
+    // Both ends of a connection over loopback are sockets of this machine: the peer's is the one whose own end is
+    // our peer and whose peer is us.
+    auto owner = diagnostics.ask(peer, local);
+    if (owner && !owner->held) {
+        // The server has not accepted the connection yet. It belongs to whoever listens.
+        owner = diagnostics.ask(peer, std::nullopt);
+    }
+    return owner && owner->held && owner->user == ::getuid();
+}
+
+}  // namespace krv

@@ -1,0 +1,77 @@
+#include <algorithm>
+#include <charconv>
+#include <fstream>
+#include <iterator>
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include <KRVQTProcessClient/Platform/ProcessTable.h>
+
+#include "ProcessFiles.h"
+
+namespace krv {
+namespace {
+
+std::optional<std::string> linkTarget(const std::string& path) {
+    char buffer[4096];
+    const ssize_t size = ::readlink(path.c_str(), buffer, sizeof buffer);
+    return size > 0 ? std::optional(std::string(buffer, static_cast<std::size_t>(size))) : std::nullopt;
+}
+
+class ProcProcessTable final : public ProcessTable {
+public:
+    [[nodiscard]] std::optional<ProcessInfo> process(pid_t pid) const override {
+        if (pid <= 0) {
+            return std::nullopt;
+        }
+        const std::string folder = fmt::format("/proc/{}", pid);
+        struct stat status {};
+        std::ifstream in(folder + "/stat");
+        const std::string text{std::istreambuf_iterator<char>(in), {}};
+        const auto parsed = parseProcessStat(text);
+        if (!parsed || isDeadState(parsed->state) || ::stat(folder.c_str(), &status) != 0) {
+            return std::nullopt;
+        }
+        const auto executable = linkTarget(folder + "/exe");
+        return ProcessInfo{pid, executable ? executableName(*executable) : parsed->name, status.st_uid,
+                           parsed->startTime};
+    }
+
+    [[nodiscard]] std::vector<ProcessInfo> processes() const override {
+        std::vector<pid_t> pids;
+        if (DIR* const folder = ::opendir("/proc")) {
+            while (const dirent* entry = ::readdir(folder)) {
+                const std::string_view name = entry->d_name;
+                pid_t pid = 0;
+                const auto [end, failure] = std::from_chars(name.data(), name.data() + name.size(), pid);
+                if (failure == std::errc() && end == name.data() + name.size()) {
+                    pids.push_back(pid);
+                }
+            }
+            ::closedir(folder);
+        }
+        std::sort(pids.begin(), pids.end());
+        std::vector<ProcessInfo> all;
+        for (const pid_t pid : pids) {
+            if (auto info = process(pid)) {
+                all.push_back(std::move(*info));
+            }
+        }
+        return all;
+    }
+};
+
+}  // namespace
+
+ProcessTable::~ProcessTable() = default;
+
+ProcessTable& ProcessTable::system() {
+    static auto* table = new ProcProcessTable;
+    return *table;
+}
+
+}  // namespace krv

@@ -1,0 +1,8 @@
+#include <KRVQTProcessClient/Platform/ServiceBrowser.h>
+
+namespace krv {
+
+NetService::~NetService() = default;
+ServiceBrowser::~ServiceBrowser() = default;
+
+}  // namespace krv

@@ -1,0 +1,105 @@
+#include <KRVQTProcessClient/Transports/KRVHTTPClientTransport.h>
+
+#include <utility>
+
+#include <fmt/format.h>
+
+#include <KRVQTProcessClient/Shared/Log.h>
+
+namespace krv {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kStatusTimeout = 1s;
+constexpr auto kOperationTimeout = 60s;
+constexpr long kKnownToBeAbsent = -1;
+constexpr std::uint32_t kLastHousekeepingType = OpAmIRegistered;
+constexpr std::int32_t kLevelOfPayloads = 15;
+constexpr std::string_view kServerDomain = "KRVQuicktimeProcess";
+constexpr std::int64_t kCannotTakeWorkNow = 1;
+
+constexpr LogSite kCallSite{"Source/Transports/KRVHTTPClientTransport", Selector("makeHTTPCallAndReturnData:")};
+constexpr LogSite kCallMessagingSite{kCallSite.file, kCallSite.function, kLoggingHTTPMessaging};
+
+[[noreturn]] void unreachable(std::string reason) {
+    throw Exception(std::string(kHTTPServerNSURLConnectionError), std::move(reason));
+}
+
+}  // namespace
+
+KRVHTTPClientTransport::KRVHTTPClientTransport(std::shared_ptr<ServicePort> discovery, HTTPClient& client)
+    : discovery_(std::move(discovery))
+    , client_(client) {}
+
+KRVHTTPClientTransport::~KRVHTTPClientTransport() = default;
+
+bool KRVHTTPClientTransport::canWeGetStatusFromServer() {
+    const HTTPResponse response = client_.send({.url = fmt::format("http://localhost:{}/status", discovery_->servicePortNumber()),
+                                                .body = std::nullopt,
+                                                .timeout = kStatusTimeout});
+    return response.body && !response.error;
+}
+
+bool KRVHTTPClientTransport::serviceReadyToRock() {
+    return discovery_->servicePortNumber() >= 1 && canWeGetStatusFromServer();
+}
+
+std::shared_ptr<const Data> KRVHTTPClientTransport::makeHTTPCallAndReturnData(const KRVOperationBase::Ref& operation) {
+    const long port = discovery_->servicePortNumber();
+    if (port == kKnownToBeAbsent) {
+        unreachable("Unable to talk to server. No port number.");
+    }
+    const std::string url = fmt::format("http://localhost:{}", port);
+    const std::int32_t verbosity = Logging::quicktimeLoggingLevel();
+    const bool housekeeping = static_cast<std::uint32_t>(operation->operationType()) <= kLastHousekeepingType;
+    if (!housekeeping || verbosity >= kLevelOfPayloads) {
+        KRV_LOG(kLogFlagVerbose, kCallMessagingSite, "Making connection for {} to {}", operation->nameFromType(), url);
+    }
+
+    HTTPResponse response =
+        client_.send({.url = url, .body = operation->convertToData(), .timeout = kOperationTimeout});
+    if (!response.body) {
+        KRV_LOG(kLogFlagVerbose, kCallMessagingSite, "Received back nil for url: {}", url);
+        unreachable(response.error
+                        ? fmt::format("No data was returned from the sendSynchronousRequest. Error from NSURLConnection: {}",
+                                      *response.error)
+                        : "No data was returned from the sendSynchronousRequest. Probably NSURLConnection problem.");
+    }
+
+    const auto body = std::make_shared<const Data>(std::move(*response.body));
+    if (const auto reply = KRVOperationBase::operationFromData(body)) {
+        if (verbosity >= kLevelOfPayloads) {
+            KRV_LOG(kLogFlagVerbose, kCallMessagingSite, "Payload for {} is {}", url, reply->description());
+        }
+        const auto error = reply->error();
+        if (error && error->domain() == kServerDomain && error->code() == kCannotTakeWorkNow) {
+            std::string text =
+                fmt::format("Command {} failed with {}", operation->nameFromType(), error->localizedDescription());
+            KRV_LOG(kLogFlagWarning, kCallSite, "{}", text);
+            unreachable(std::move(text));
+        }
+    } else {
+        KRV_LOG(kLogFlagVerbose, kCallMessagingSite, "Could not convert response: {} into an operation payload",
+                KRVOperationBase::valueFromData(body).description());
+    }
+    if (response.error) {
+        unreachable(fmt::format("Unable to talk to server, error: {}", *response.error));
+    }
+    // The bytes, not the record: the decoding above serves the check and the log, and the caller decodes for itself.
+    return body;
+}
+
+std::shared_ptr<const Data> KRVHTTPClientTransport::sendOperation(const KRVOperationBase::Ref& operation) {
+    return makeHTTPCallAndReturnData(operation);
+}
+
+bool KRVHTTPClientTransport::isThisACommunicationsFailure(const Exception& exception) const {
+    return exception.name() == kHTTPServerNSURLConnectionError;
+}
+
+std::string KRVHTTPClientTransport::description() const {
+    return fmt::format("<KRVHTTPClientTransport: port {}>", discovery_->servicePortNumber());
+}
+
+}  // namespace krv

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Foundation/Export.h>
+#include <KRVQTProcessClient/Foundation/Value.h>
+#include <KRVQTProcessClient/Operations/KRVOperationBase.h>
+
+namespace krv {
+
+KRV_EXPORT extern const std::string_view kClientTransport;
+KRV_EXPORT extern const std::string_view kServerTransport;
+KRV_EXPORT extern const std::string_view kKRVQTProcessPing;
+
+/// Name of the exception for a server that cannot be talked to.
+KRV_EXPORT extern const std::string_view kHTTPServerNSURLConnectionError;
+
+/// Carries one operation record to the server and its reply back. All calls are synchronous, block the calling
+/// thread, and may be made from any thread.
+class KRV_EXPORT KRVTransport {
+public:
+    virtual ~KRVTransport();
+
+    /// Sends one operation and returns the reply as raw bytes, undecoded; may return null when the transport can
+    /// succeed without a reply. Raises when the server could not be reached or the record cannot be sent.
+    virtual std::shared_ptr<const Data> sendOperation(const KRVOperationBase::Ref& operation) = 0;
+
+    /// Whether the exception, raised by this transport, means that the server could not be reached, as opposed to the
+    /// server having refused the work.
+    [[nodiscard]] virtual bool isThisACommunicationsFailure(const Exception& exception) const = 0;
+
+    /// Whether a server is known and answers right now. Asks it, and so takes up to about a second.
+    [[nodiscard]] virtual bool serviceReadyToRock() = 0;
+
+    /// For log lines.
+    [[nodiscard]] virtual std::string description() const = 0;
+};
+
+/// Where a transport learns the server's port before each call.
+class KRV_EXPORT ServicePort {
+public:
+    virtual ~ServicePort();
+    /// 0: not known yet. -1: known to be absent. 1 and above: the port. May change between two calls; any thread.
+    [[nodiscard]] virtual long servicePortNumber() const = 0;
+};
+
+}  // namespace krv

@@ -1,0 +1,342 @@
+#include <cmath>
+#include <stdexcept>
+
+#include <gtest/gtest.h>
+
+#include <KRVQTProcessClient/Client/TransportInvocation.h>
+#include <KRVQTProcessClient/Platform/Fakes/FakeClock.h>
+#include <KRVQTProcessClient/Shared/Fakes/LogRecorder.h>
+#include <KRVQTProcessClient/Transports/Fakes/ScriptedTransport.h>
+
+namespace krv {
+namespace {
+
+using namespace std::chrono_literals;
+using R = KRVOperationBase;
+
+class Observer : public OperationProgress {
+public:
+    bool operation(const R::Ref& operation, float progress) override {
+        seen.push_back(progress);
+        last = operation;
+        return answer(progress);
+    }
+    std::vector<float> seen;
+    R::Ref last;
+    std::function<bool(float)> answer = [](float) { return true; };
+};
+
+class Wait : public testing::Test {
+protected:
+    Wait() { request->setProgressDelegate(observer); }
+
+    static R::Ref state(float progress, bool completed = false) {
+        const auto record = R::progressAndCompletionOperation("u");
+        record->setProgress(progress, completed);
+        return record;
+    }
+    static R::Ref accepted() {
+        const auto record = R::encodeVideoOperation("/s", "/d");
+        record->setUniqueID("u");
+        return record;
+    }
+    R::Ref wait(float timeout = 60.0F) {
+        return invocation->invokeOverTransportGetProgressWaitToComplete(transport, &error, timeout);
+    }
+    /// Polls that report this progress without end, after what has been scripted.
+    void reportForEver(float progress, int polls = 1000) {
+        for (int i = 0; i < polls; ++i) {
+            transport->reply(state(progress));
+        }
+    }
+    std::size_t count(std::int32_t type) const {
+        const auto types = transport->sentTypes();
+        return static_cast<std::size_t>(std::count(types.begin(), types.end(), type));
+    }
+
+    FakeClock clock;
+    std::shared_ptr<ScriptedTransport> transport = std::make_shared<ScriptedTransport>();
+    std::shared_ptr<Observer> observer = std::make_shared<Observer>();
+    R::Ref request = R::encodeVideoOperation("/s", "/d");
+    TransportInvocation::Ref invocation = TransportInvocation::invocationWith(request, clock);
+    std::shared_ptr<const Error> error;
+};
+
+TEST_F(Wait, CompletionReturnsTheFirstReply) {
+    const auto first = accepted();
+    first->arguments()->set("mark", "first");
+    transport->reply(first).reply(state(0.5F)).reply(state(1.0F, true));
+    const auto result = wait();
+    ASSERT_TRUE(result);
+    EXPECT_NE(result, request);
+    EXPECT_EQ((*result->arguments())["mark"], Value("first"));
+    EXPECT_EQ(result->uniqueID(), "u");
+    EXPECT_FALSE(result->completed());
+    EXPECT_TRUE(request->completed());
+    EXPECT_EQ(request->uniqueID(), "u");
+    EXPECT_EQ(error, nullptr);
+    EXPECT_EQ(transport->sentTypes(),
+              (std::vector<std::int32_t>{OpEncodeVideo, OpProgressAndCompletion, OpProgressAndCompletion}));
+    EXPECT_EQ(transport->sent()[1]->uniqueID(), "u");
+}
+
+TEST_F(Wait, PollsEveryHalfSecond) {
+    transport->reply(accepted()).reply(state(0.1F)).reply(state(0.2F)).reply(state(0.3F, true));
+    const auto start = clock.now();
+    (void)wait();
+    EXPECT_EQ(clock.now() - start, 1s);
+}
+
+TEST_F(Wait, TheObserverSeesEachPollButTheLast) {
+    transport->reply(accepted()).reply(state(0.1F)).reply(state(0.2F)).reply(state(1.0F, true));
+    (void)wait();
+    EXPECT_EQ(observer->seen, (std::vector<float>{0.1F, 0.2F}));
+    EXPECT_EQ(observer->last, request);
+}
+
+TEST_F(Wait, TheObserverSeesProgressBetweenZeroAndOne) {
+    transport->reply(accepted()).reply(state(1.5F)).reply(state(-0.2F)).reply(state(std::nanf(""))).reply(state(1, true));
+    (void)wait();
+    EXPECT_EQ(observer->seen, (std::vector<float>{1.0F, 0.0F, 1.0F}));
+}
+
+TEST_F(Wait, WorksWithoutAnObserver) {
+    request->setProgressDelegate(nullptr);
+    transport->reply(accepted()).reply(state(0.1F)).reply(state(1, true));
+    EXPECT_TRUE(wait());
+}
+
+TEST_F(Wait, AnErrorOfTheServerComesBackInTheRequest) {
+    const auto failed = state(0.5F);
+    failed->setError(std::make_shared<const Error>("KRVQuicktimeProcess", 4));
+    transport->reply(accepted()).reply(failed);
+    EXPECT_EQ(wait(), request);
+    EXPECT_EQ(request->error()->code(), 4);
+    EXPECT_EQ(error, nullptr);
+    EXPECT_EQ(count(OpCancelOperation), 0U);
+    EXPECT_TRUE(observer->seen.empty());
+}
+
+TEST_F(Wait, AnErrorCountsBeforeCompletion) {
+    const auto failed = state(1.0F, true);
+    failed->setError(std::make_shared<const Error>("KRVQuicktimeProcess", 8));
+    transport->reply(accepted()).reply(failed);
+    EXPECT_EQ(wait(), request);
+}
+
+TEST_F(Wait, AnObserverThatSaysStopCausesOneCancelRequest) {
+    observer->answer = [](float) { return false; };
+    transport->reply(accepted()).reply(state(0.1F)).reply(std::make_shared<R>());
+    EXPECT_EQ(wait(), request);
+    EXPECT_TRUE(request->cancelled());
+    EXPECT_EQ(request->error(), nullptr);
+    EXPECT_EQ(count(OpCancelOperation), 1U);
+    EXPECT_EQ(transport->sent().back()->uniqueID(), "u");
+    EXPECT_EQ(error, nullptr);
+}
+
+TEST_F(Wait, AFailedCancelRequestStillCancelsHere) {
+    observer->answer = [](float) { return false; };
+    LogRecorder log(15);
+    transport->reply(accepted()).reply(state(0.1F)).unreachable();
+    EXPECT_EQ(wait(), request);
+    EXPECT_TRUE(request->cancelled());
+    ASSERT_EQ(log.lines().size(), 1U);
+    EXPECT_EQ(log.lines()[0].text, "Tried to cancel operation " + request->description() + ", but couldn't. Ignoring");
+    EXPECT_EQ(log.lines()[0].flag, kLogFlagError);
+    EXPECT_EQ(log.lines()[0].context, kLogContextClient);
+    EXPECT_EQ(log.lines()[0].file, "Source/Client/TransportInvocation");
+    EXPECT_EQ(log.lines()[0].function, "tryToCancelOperation:usingTransport:");
+}
+
+TEST_F(Wait, ACancelRequestThatEndsInAnErrorIsLoggedAndIgnored) {
+    LogRecorder log(15);
+    transport->fail("cause");
+    request->setUniqueID("u");
+    invocation->tryToCancelOperation(request, transport);
+    EXPECT_TRUE(request->cancelled());
+    EXPECT_EQ(log.texts(), (std::vector<std::string>{"Attempting to cancel KRVOperationBase, \"Encode video\", id:u. File: "
+                                                     "/s -> /d, Type: Original failed with Unable to Cancel operation. "
+                                                     "Ignoring."}));
+}
+
+TEST_F(Wait, TheCancelReplyIsNotLookedAt) {
+    LogRecorder log(15);
+    transport->replyBytes("rubbish");
+    invocation->tryToCancelOperation(request, transport);
+    EXPECT_TRUE(request->cancelled());
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(Wait, ACancelRequestThatRaisesAnotherKindLeavesTheOperationAsItIs) {
+    transport->then([](const auto&) -> std::shared_ptr<const Data> { throw std::runtime_error("own"); });
+    EXPECT_THROW(invocation->tryToCancelOperation(request, transport), std::runtime_error);
+    EXPECT_FALSE(request->cancelled());
+}
+
+TEST_F(Wait, AnOperationThatIsAlreadyCancelledEndsAtTheFirstPoll) {
+    const auto cancelledReply = state(0.1F);
+    cancelledReply->setCancelled(true);
+    transport->reply(accepted()).reply(cancelledReply);
+    EXPECT_EQ(wait(), request);
+    EXPECT_EQ(observer->seen.size(), 1U);
+    EXPECT_EQ(count(OpCancelOperation), 0U);
+}
+
+TEST_F(Wait, ProgressThatNeverMovesTimesOutAfterMoreThanAMinute) {
+    transport->reply(accepted());
+    reportForEver(0.0F);
+    const auto start = clock.now();
+    EXPECT_EQ(wait(), request);
+    EXPECT_EQ(clock.now() - start, 60s + 500ms);
+    ASSERT_TRUE(request->error());
+    EXPECT_EQ(request->error()->domain(), "TransportCheck");
+    EXPECT_EQ(request->error()->code(), 201);
+    EXPECT_EQ(*request->error()->userInfo(),
+              (Dictionary{{NSLocalizedDescriptionKey,
+                           "Unable to Encode video. Timed out while monitoring progress (at 60.50)"}}));
+    EXPECT_TRUE(request->cancelled());
+    EXPECT_EQ(count(OpCancelOperation), 1U);
+    EXPECT_EQ(error, nullptr);
+}
+
+TEST_F(Wait, AFirstPollAtZeroDoesNotRestartTheStallClockButOneAtATenthDoes) {
+    // Both replies come after the clock has moved on; only a change of progress makes up for it.
+    const auto late = [&](float progress) {
+        return [&, progress](const R::Ref&) {
+            clock.advanceBy(2s);
+            return std::make_shared<const Data>(state(progress)->convertToData());
+        };
+    };
+    transport->reply(accepted()).then(late(0.0F));
+    EXPECT_EQ(wait(1.0F), request);
+    EXPECT_EQ(request->error()->code(), 201);
+
+    request = R::encodeVideoOperation("/s", "/d");
+    invocation = TransportInvocation::invocationWith(request, clock);
+    transport = std::make_shared<ScriptedTransport>();
+    transport->reply(accepted()).then(late(0.1F)).reply(state(1.0F, true));
+    EXPECT_NE(wait(1.0F), request);
+}
+
+TEST_F(Wait, StallClockRestartsWhenProgressGoesBackwards) {
+    transport->reply(accepted());
+    for (int i = 0; i < 100; ++i) {
+        transport->reply(state(i % 2 == 0 ? 0.5F : 0.4F));
+    }
+    transport->reply(state(1.0F, true));
+    EXPECT_NE(wait(0.6F), request);
+}
+
+TEST_F(Wait, TheSmallestChangeIsLife) {
+    transport->reply(accepted());
+    float progress = 0.5F;
+    for (int i = 0; i < 100; ++i) {
+        progress = std::nextafter(progress, 1.0F);
+        transport->reply(state(progress));
+    }
+    transport->reply(state(1.0F, true));
+    EXPECT_NE(wait(0.6F), request);
+}
+
+TEST_F(Wait, TheStallTestLooksAtTheUnclampedNumber) {
+    transport->reply(accepted());
+    for (int i = 0; i < 20; ++i) {
+        transport->reply(state(2.0F + static_cast<float>(i)));
+    }
+    transport->reply(state(1.0F, true));
+    EXPECT_NE(wait(0.6F), request);
+    EXPECT_EQ(observer->seen, std::vector<float>(20, 1.0F));
+}
+
+TEST_F(Wait, NotANumberIsAlwaysAChange) {
+    transport->reply(accepted());
+    reportForEver(std::nanf(""), 20);
+    transport->reply(state(1.0F, true));
+    EXPECT_NE(wait(0.6F), request);
+}
+
+TEST_F(Wait, ElapsingExactlyTheTimeoutStillWaits) {
+    transport->reply(accepted()).reply(state(0)).reply(state(0)).reply(state(0));
+    transport->reply(state(1.0F, true));
+    EXPECT_NE(wait(1.0F), request);
+}
+
+TEST_F(Wait, ATimeoutOfZeroNeedsMeasurableTime) {
+    transport->reply(accepted()).reply(state(0)).reply(state(0)).reply(std::make_shared<R>());
+    EXPECT_EQ(wait(0.0F), request);
+    // The first poll came at the same instant; the second half a second later.
+    EXPECT_EQ(count(OpProgressAndCompletion), 2U);
+    EXPECT_EQ(request->error()->code(), 201);
+}
+
+TEST_F(Wait, TheGivenTimeoutReplacesTheInvocationsOwn) {
+    transport->reply(accepted()).reply(state(1, true));
+    (void)wait(7.5F);
+    EXPECT_EQ(invocation->progressTimeoutDuration(), 7.5F);
+}
+
+TEST_F(Wait, AMappedErrorOfTheFirstSendEndsTheCall) {
+    transport->fail("cause");
+    EXPECT_EQ(wait(), nullptr);
+    EXPECT_EQ(error->domain(), "TransportInvocation");
+    EXPECT_EQ(error->localizedDescription(), "Unable to Encode video");
+    EXPECT_EQ(request->uniqueID(), std::nullopt);
+}
+
+TEST_F(Wait, AMappedErrorOfAPollEndsTheCallWithoutACancelRequest) {
+    transport->reply(accepted()).reply(state(0.3F)).fail("cause");
+    EXPECT_EQ(wait(), nullptr);
+    EXPECT_EQ(error->localizedDescription(), "Unable to Progress / Completion");
+    EXPECT_EQ(request->progress(), 0.3F);
+    EXPECT_EQ(count(OpCancelOperation), 0U);
+}
+
+TEST_F(Wait, AMappedErrorIsDroppedWithoutAnOutParameter) {
+    transport->fail("cause");
+    EXPECT_EQ(invocation->invokeOverTransportGetProgressWaitToComplete(transport, nullptr, 60.0F), nullptr);
+}
+
+TEST_F(Wait, AnUnreachableServerRaisesFromTheSendAndFromAPoll) {
+    transport->unreachable();
+    EXPECT_THROW((void)wait(), Exception);
+    transport->reply(accepted()).unreachable();
+    EXPECT_THROW((void)wait(), Exception);
+    EXPECT_EQ(error, nullptr);
+}
+
+TEST_F(Wait, AMissingReplyNamesTheRequest) {
+    for (int polls = 0; polls < 2; ++polls) {
+        if (polls == 1) {
+            transport->reply(accepted());
+        }
+        transport->replyNothing();
+        try {
+            (void)wait();
+            FAIL();
+        } catch (const Exception& e) {
+            EXPECT_EQ(e.name(), "TransportCheck");
+            EXPECT_EQ(e.reason(), "Unable to Encode video, no response returned from server.");
+        }
+    }
+}
+
+TEST_F(Wait, WhatTheObserverRaisesReachesTheCaller) {
+    observer->answer = [](float) -> bool { throw std::runtime_error("own"); };
+    transport->reply(accepted()).reply(state(0.1F));
+    EXPECT_THROW((void)wait(), std::runtime_error);
+    EXPECT_FALSE(request->cancelled());
+}
+
+TEST_F(Wait, CompletionIsLoggedAtInfoLevel) {
+    LogRecorder log(kLogFlagInfo, 0);
+    transport->reply(accepted()).reply(state(1, true));
+    (void)wait();
+    ASSERT_EQ(log.lines().size(), 1U);
+    EXPECT_EQ(log.lines()[0].text, "Operation " + request->description() + " completed");
+    EXPECT_EQ(log.lines()[0].flag, kLogFlagInfo);
+    EXPECT_EQ(log.lines()[0].function, "invokeOverTransportGetProgressWaitToComplete:error:progressTimeout:");
+}
+
+}  // namespace
+}  // namespace krv

@@ -1,0 +1,103 @@
+#include <KRVQTProcessClient/Monitoring/KRVProcessMonitor.h>
+
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <KRVQTProcessClient/Platform/Fakes/FakeProcessTable.h>
+#include <KRVQTProcessClient/Shared/Fakes/LogRecorder.h>
+
+namespace krv {
+namespace {
+
+using Pids = std::vector<std::int32_t>;
+
+class ProcessMonitor : public testing::Test {
+protected:
+    ProcessMonitor() {
+        processes.add({10, "KRVQuicktimeProcess", 1000, 1});
+        processes.add({11, "other", 1000, 2});
+        processes.add({12, "KRVQuicktimeProcess", 1000, 3});
+        processes.add({13, "loginwindow", 0, 4});
+    }
+    FakeProcessTable processes;
+};
+
+TEST_F(ProcessMonitor, OurPIDIsThisProcess) {
+    EXPECT_EQ(KRVProcessMonitor::ourPID(), Value(std::int64_t{::getpid()}));
+}
+
+TEST_F(ProcessMonitor, AProcessExistsWhateverNameIsGiven) {
+    EXPECT_TRUE(KRVProcessMonitor::doesProcessExist(11, "other", processes));
+    EXPECT_TRUE(KRVProcessMonitor::doesProcessExist(11, "no match", processes));
+    EXPECT_FALSE(KRVProcessMonitor::doesProcessExist(99, "other", processes));
+}
+
+TEST_F(ProcessMonitor, TwoInstancesGiveTwoRecordsInOrder) {
+    const auto records = KRVProcessMonitor::processInformationForProcessesNamed("KRVQuicktimeProcess", processes);
+    ASSERT_EQ(records.size(), 2U);
+    EXPECT_EQ(records[0], (Dictionary{{"kKRVProcInfoProcessName", "KRVQuicktimeProcess"},
+                                      {"kKRVProcInfoProcessPID", std::int64_t{10}}}));
+    EXPECT_EQ(records[1][kKRVProcInfoProcessPID], Value(std::int64_t{12}));
+}
+
+TEST_F(ProcessMonitor, TheLoginWindowIsNeverListed) {
+    EXPECT_TRUE(KRVProcessMonitor::processInformationForProcessesNamed("loginwindow", processes).empty());
+    EXPECT_FALSE(KRVProcessMonitor::isProcessRunningNamed("loginwindow", processes));
+}
+
+TEST_F(ProcessMonitor, NamesAreComparedExactly) {
+    EXPECT_TRUE(KRVProcessMonitor::isProcessRunningNamed("KRVQuicktimeProcess", processes));
+    EXPECT_FALSE(KRVProcessMonitor::isProcessRunningNamed("krvquicktimeprocess", processes));
+    EXPECT_FALSE(KRVProcessMonitor::isProcessRunningNamed("KRVQuicktime", processes));
+}
+
+TEST_F(ProcessMonitor, WatchesAnIdOnceAndLogsOnce) {
+    KRVProcessMonitor monitor(processes);
+    EXPECT_FALSE(monitor.someMonitoredProcessesStillRunning());
+    LogRecorder log;
+    monitor.monitorPID(10);
+    monitor.monitorPID(10);
+    EXPECT_EQ(monitor.pidsBeingMonitored(), Pids{10});
+    EXPECT_EQ(log.texts(), (std::vector<std::string>{"Client with PID 10 registered"}));
+}
+
+TEST_F(ProcessMonitor, PollingDropsWhatHasGone) {
+    KRVProcessMonitor monitor(processes);
+    monitor.monitorPID(10);
+    monitor.monitorPID(11);
+    processes.remove(10);
+    LogRecorder log;
+    monitor.pollAllPIDs();
+    EXPECT_EQ(log.texts(), (std::vector<std::string>{"Process with PID 10 has gone"}));
+    EXPECT_EQ(monitor.pidsToMonitor(), Pids{11});
+    EXPECT_TRUE(monitor.someMonitoredProcessesStillRunning());
+}
+
+TEST_F(ProcessMonitor, ADeadIdStaysUntilItIsPolledFor) {
+    KRVProcessMonitor monitor(processes);
+    monitor.monitorPID(10);
+    processes.remove(10);
+    EXPECT_TRUE(monitor.someMonitoredProcessesStillRunning());
+    EXPECT_FALSE(monitor.processWithPIDExists(10));
+    monitor.pollAllPIDs();
+    EXPECT_FALSE(monitor.someMonitoredProcessesStillRunning());
+}
+
+TEST_F(ProcessMonitor, ASnapshotDoesNotFollowTheList) {
+    KRVProcessMonitor monitor(processes);
+    monitor.setPidsToMonitor({10, 11});
+    const auto snapshot = monitor.pidsBeingMonitored();
+    monitor.setPidsToMonitor({});
+    EXPECT_EQ(snapshot, (Pids{10, 11}));
+}
+
+TEST_F(ProcessMonitor, LogsItsLife) {
+    LogRecorder log;
+    { const KRVProcessMonitor monitor(processes); }
+    EXPECT_EQ(log.texts(), (std::vector<std::string>{"Process monitor started", "Process monitor deallocating"}));
+    EXPECT_EQ(log.lines()[0].flag, kLogFlagInfo);
+}
+
+}  // namespace
+}  // namespace krv

@@ -1,0 +1,541 @@
+// What is not to be believed of an archive. Files are put together by hand, object by object.
+#include <functional>
+#include <random>
+
+#include <gtest/gtest.h>
+
+#include <KRVQTProcessClient/Operations/KRVOperationBase.h>
+
+namespace krv {
+namespace {
+
+using Bytes = std::string;
+
+Bytes bigEndian(std::uint64_t v, int size) {
+    Bytes out;
+    for (int i = size - 1; i >= 0; --i) {
+        out += static_cast<char>(v >> (8 * i));
+    }
+    return out;
+}
+
+/// A property list from stored objects. References are written in `referenceSize` bytes.
+struct File {
+    std::vector<Bytes> objects;
+    int referenceSize = 2;
+    int offsetSize = 4;
+
+    std::uint64_t add(Bytes object) {
+        objects.push_back(std::move(object));
+        return objects.size() - 1;
+    }
+    static Bytes head(int kind, std::uint64_t count) {
+        return count < 15 ? Bytes(1, static_cast<char>(kind | static_cast<int>(count)))
+                          : Bytes(1, static_cast<char>(kind | 15)) + '\x12' + bigEndian(count, 4);
+    }
+    std::uint64_t text(const Bytes& s) { return add(head(0x50, s.size()) + s); }
+    std::uint64_t utf16(std::vector<int> units) {
+        Bytes b = head(0x60, units.size());
+        for (const int u : units) {
+            b += bigEndian(static_cast<std::uint64_t>(u), 2);
+        }
+        return add(b);
+    }
+    std::uint64_t integer(std::int64_t v) { return add('\x13' + bigEndian(static_cast<std::uint64_t>(v), 8)); }
+    std::uint64_t boolean(bool v) { return add(v ? "\x09" : "\x08"); }
+    std::uint64_t uid(std::uint64_t v) { return add('\x83' + bigEndian(v, 4)); }
+    Bytes references(const std::vector<std::uint64_t>& refs) const {
+        Bytes b;
+        for (const auto r : refs) {
+            b += bigEndian(r, referenceSize);
+        }
+        return b;
+    }
+    std::uint64_t array(const std::vector<std::uint64_t>& refs) { return add(head(0xA0, refs.size()) + references(refs)); }
+    Bytes dictionaryBytes(const std::vector<std::pair<std::uint64_t, std::uint64_t>>& entries) const {
+        Bytes b = head(0xD0, entries.size());
+        for (const auto& e : entries) {
+            b += bigEndian(e.first, referenceSize);
+        }
+        for (const auto& e : entries) {
+            b += bigEndian(e.second, referenceSize);
+        }
+        return b;
+    }
+    std::uint64_t dictionary(const std::vector<std::pair<std::uint64_t, std::uint64_t>>& entries) {
+        return add(dictionaryBytes(entries));
+    }
+    Bytes bytes(std::uint64_t top = 0) const {
+        Bytes out = "bplist00";
+        Bytes table;
+        for (const auto& object : objects) {
+            table += bigEndian(out.size(), offsetSize);
+            out += object;
+        }
+        const std::uint64_t tableOffset = out.size();
+        out += table + Bytes(6, '\0') + static_cast<char>(offsetSize) + static_cast<char>(referenceSize);
+        return out + bigEndian(objects.size(), 8) + bigEndian(top, 8) + bigEndian(tableOffset, 8);
+    }
+};
+
+/// An archive whose objects a test supplies. Number 0 is "$null"; the root is number 1.
+struct Archive {
+    File file;
+    std::vector<std::uint64_t> numbered;
+    std::int64_t version = 100000;
+    std::string archiver = "NSKeyedArchiver";
+    std::uint64_t root = 1;
+
+    explicit Archive(int referenceSize = 2) {
+        file.referenceSize = referenceSize;
+        file.add("");  // the top dictionary, filled in at the end
+        number(file.text("$null"));
+    }
+    /// Gives a stored object the next number.
+    std::uint64_t number(std::uint64_t place) {
+        numbered.push_back(place);
+        return numbered.size() - 1;
+    }
+    std::uint64_t classNamed(const char* name) {
+        const auto names = file.array({file.text(name), file.text("NSObject")});
+        return number(file.dictionary({{file.text("$classname"), file.text(name)}, {file.text("$classes"), names}}));
+    }
+    using Field = std::pair<const char*, std::uint64_t>;
+    std::uint64_t object(std::vector<Field> fields, std::uint64_t classNumber) {
+        std::vector<std::pair<std::uint64_t, std::uint64_t>> entries;
+        fields.emplace_back("$class", file.uid(classNumber));
+        for (const auto& [key, place] : fields) {
+            entries.emplace_back(file.text(key), place);
+        }
+        return file.dictionary(entries);
+    }
+    std::uint64_t uids(const std::vector<std::uint64_t>& values) {
+        std::vector<std::uint64_t> places;
+        for (const auto v : values) {
+            places.push_back(file.uid(v));
+        }
+        return file.array(places);
+    }
+    Bytes bytes() {
+        const auto objects = file.array(numbered);
+        const auto top = file.dictionary({{file.text("root"), file.uid(root)}});
+        const auto versionPlace = file.integer(version);
+        const auto archiverPlace = file.text(archiver);
+        const std::vector<std::pair<std::uint64_t, std::uint64_t>> entries{{file.text("$top"), top},
+                                                                          {file.text("$objects"), objects},
+                                                                          {file.text("$version"), versionPlace},
+                                                                          {file.text("$archiver"), archiverPlace}};
+        file.objects[0] = file.dictionaryBytes(entries);
+        return file.bytes();
+    }
+};
+
+std::shared_ptr<const Data> dataOf(const Bytes& bytes) {
+    const auto* p = reinterpret_cast<const std::byte*>(bytes.data());
+    return std::make_shared<const Data>(p, p + bytes.size());
+}
+
+KRVOperationBase::Ref read(const Bytes& bytes) {
+    return KRVOperationBase::operationFromData(dataOf(bytes));
+}
+
+/// A record with the given fields as its root, number 1; the class has number 2.
+KRVOperationBase::Ref readRecord(const std::function<std::vector<Archive::Field>(Archive&)>& fields) {
+    Archive archive;
+    const auto root = archive.number(archive.file.add(""));
+    const auto recordClass = archive.classNamed("KRVOperationBase");
+    const auto made = fields(archive);
+    archive.numbered[root] = archive.object(made, recordClass);
+    return read(archive.bytes());
+}
+
+/// A record whose argument "value" is the object with the number that make returns.
+KRVOperationBase::Ref readArgument(const std::function<std::uint64_t(Archive&)>& make) {
+    return readRecord([&](Archive& a) -> std::vector<Archive::Field> {
+        const auto value = make(a);
+        const auto key = a.number(a.file.text("value"));
+        const auto dictionaryClass = a.classNamed("NSDictionary");
+        const auto d = a.number(a.object({{"NS.keys", a.uids({key})}, {"NS.objects", a.uids({value})}}, dictionaryClass));
+        return {{"arguments", a.file.uid(d)}};
+    });
+}
+
+Value argument(const KRVOperationBase::Ref& record) {
+    return record ? (*record->arguments())["value"] : Value("refused");
+}
+
+TEST(ArchiveReader, ReadsAnArchivePutTogetherByHand) {
+    const auto record = readRecord([](Archive& a) -> std::vector<Archive::Field> {
+        return {{"opType", a.file.integer(6)}, {"completed", a.file.boolean(true)}};
+    });
+    ASSERT_TRUE(record);
+    EXPECT_EQ(record->operationType(), 6);
+    EXPECT_TRUE(record->completed());
+    EXPECT_TRUE(record->arguments()->empty());
+}
+
+TEST(ArchiveReader, TakesAnyReferenceAndOffsetSize) {
+    for (const int size : {1, 2, 3, 4, 5, 8}) {
+        Archive archive(size);
+        archive.file.offsetSize = size == 1 ? 2 : size;
+        archive.number(0);
+        const auto recordClass = archive.classNamed("KRVOperationBase");
+        archive.numbered[1] = archive.object({{"opType", archive.file.integer(9)}}, recordClass);
+        const auto record = read(archive.bytes());
+        ASSERT_TRUE(record) << size;
+        EXPECT_EQ(record->operationType(), 9);
+    }
+}
+
+TEST(ArchiveReader, RefusesNothingEmptyAndRandomBytes) {
+    EXPECT_EQ(KRVOperationBase::operationFromData(nullptr), nullptr);
+    EXPECT_EQ(read(""), nullptr);
+    std::mt19937 random(1);
+    for (int i = 0; i < 2000; ++i) {
+        Bytes bytes(random() % 400, '\0');
+        for (char& c : bytes) {
+            c = static_cast<char>(random());
+        }
+        EXPECT_EQ(read(bytes), nullptr);
+        EXPECT_EQ(read("bplist00" + bytes), nullptr);
+    }
+}
+
+TEST(ArchiveReader, RefusesEveryTruncationAndEveryAddedByte) {
+    const Data good = KRVOperationBase::encodeVideoOperation("/s", "/d")->convertToData();
+    const Bytes bytes(reinterpret_cast<const char*>(good.data()), good.size());
+    ASSERT_TRUE(read(bytes));
+    for (std::size_t n = 0; n < bytes.size(); ++n) {
+        EXPECT_EQ(read(bytes.substr(0, n)), nullptr) << n;
+    }
+    EXPECT_EQ(read(bytes + '\0'), nullptr);
+    EXPECT_EQ(read('\0' + bytes), nullptr);
+}
+
+TEST(ArchiveReader, SurvivesEverySingleDamagedByte) {
+    const Data good = KRVOperationBase::mergeSourcesOperation(Array{"/a", "/b"}, "/d", true)->convertToData();
+    for (std::size_t i = 0; i < good.size(); ++i) {
+        for (const int flip : {0x01, 0x80, 0xFF}) {
+            Data damaged = good;
+            damaged[i] ^= static_cast<std::byte>(flip);
+            const auto record = KRVOperationBase::operationFromData(std::make_shared<const Data>(std::move(damaged)));
+            if (record) {
+                EXPECT_FALSE(record->description().empty());
+            }
+        }
+    }
+}
+
+TEST(ArchiveReader, RefusesSizesOutOfRangeInTheTrailer) {
+    const Data good = KRVOperationBase().convertToData();
+    const Bytes bytes(reinterpret_cast<const char*>(good.data()), good.size());
+    for (const std::size_t position : {std::size_t{26}, std::size_t{25}}) {
+        for (const int size : {0, 9, 255}) {
+            Bytes damaged = bytes;
+            damaged[bytes.size() - position] = static_cast<char>(size);
+            EXPECT_EQ(read(damaged), nullptr);
+        }
+    }
+    for (const std::size_t position : {24U, 16U, 8U}) {  // object count, top object, table offset
+        for (const std::uint64_t huge : {std::uint64_t{1} << 32, std::uint64_t{1} << 61, ~std::uint64_t{0}}) {
+            Bytes damaged = bytes;
+            damaged.replace(bytes.size() - position, 8, bigEndian(huge, 8));
+            EXPECT_EQ(read(damaged), nullptr);
+        }
+    }
+}
+
+TEST(ArchiveReader, RefusesRootsThatAreNoRecord) {
+    for (const char* name : {"NSDictionary", "NSNull", "NSArray"}) {
+        Archive archive;
+        archive.number(0);
+        const auto c = archive.classNamed(name);
+        archive.numbered[1] = archive.object({{"NS.keys", archive.uids({})}, {"NS.objects", archive.uids({})}}, c);
+        const Bytes bytes = archive.bytes();
+        EXPECT_EQ(read(bytes), nullptr);
+    }
+    Archive archive;
+    archive.number(archive.file.text("only text"));
+    const Bytes bytes = archive.bytes();
+    EXPECT_EQ(read(bytes), nullptr);
+    EXPECT_EQ(KRVOperationBase::valueFromData(dataOf(bytes)), Value("only text"));
+}
+
+TEST(ArchiveReader, RefusesUnknownClasses) {
+    for (const char* name : {"NSTask", "KRVOperationBase2", "", "EncodingParameters", "NSObject"}) {
+        EXPECT_EQ(argument(readArgument([&](Archive& a) { return a.number(a.object({}, a.classNamed(name))); })),
+                  Value("refused"))
+            << name;
+    }
+}
+
+TEST(ArchiveReader, TheClassNameAloneDecides) {
+    // The class list claims a known class under an unknown name, and the other way round.
+    const auto withNames = [](const char* name, const char* listed) {
+        return argument(readArgument([&](Archive& a) {
+            const auto names = a.file.array({a.file.text(listed), a.file.text("NSObject")});
+            const auto c = a.number(a.file.dictionary({{a.file.text("$classname"), a.file.text(name)},
+                                                       {a.file.text("$classes"), names}}));
+            return a.number(a.object({}, c));
+        }));
+    };
+    EXPECT_EQ(withNames("Wolf", "NSNull"), Value("refused"));
+    EXPECT_EQ(withNames("NSNull", "Wolf"), Value());
+}
+
+TEST(ArchiveReader, RefusesObjectsWithoutAProperClass) {
+    const auto refused = [](const std::function<std::uint64_t(Archive&)>& classPlace) {
+        return argument(readArgument([&](Archive& a) {
+                   const auto place = classPlace(a);
+                   return a.number(a.file.dictionary({{a.file.text("$class"), place}}));
+               })) == Value("refused");
+    };
+    EXPECT_TRUE(refused([](Archive& a) { return a.file.uid(0); }));
+    EXPECT_TRUE(refused([](Archive& a) { return a.file.uid(9999); }));
+    EXPECT_TRUE(refused([](Archive& a) { return a.file.text("NSNull"); }));
+    EXPECT_TRUE(refused([](Archive& a) { return a.file.uid(a.number(a.file.text("NSNull"))); }));
+    EXPECT_TRUE(refused([](Archive& a) { return a.file.uid(a.number(a.file.dictionary({}))); }));
+    EXPECT_EQ(argument(readArgument([](Archive& a) { return a.number(a.file.dictionary({})); })), Value("refused"));
+    EXPECT_EQ(argument(readArgument([](Archive& a) { return a.classNamed("NSNull"); })), Value("refused"));
+}
+
+TEST(ArchiveReader, RefusesOtherArchiversAndVersions) {
+    const auto with = [](const std::function<void(Archive&)>& change) {
+        Archive archive;
+        archive.number(0);
+        archive.numbered[1] = archive.object({}, archive.classNamed("KRVOperationBase"));
+        change(archive);
+        return read(archive.bytes());
+    };
+    EXPECT_TRUE(with([](Archive&) {}));
+    EXPECT_FALSE(with([](Archive& a) { a.version = 100001; }));
+    EXPECT_FALSE(with([](Archive& a) { a.archiver = "NSArchiver"; }));
+    EXPECT_FALSE(with([](Archive& a) { a.root = 0; }));
+    EXPECT_FALSE(with([](Archive& a) { a.root = 77; }));
+    EXPECT_FALSE(with([](Archive& a) { a.numbered[0] = a.file.text("null"); }));
+}
+
+TEST(ArchiveReader, RefusesCycles) {
+    EXPECT_EQ(argument(readArgument([](Archive& a) {
+                  const auto self = a.number(0);
+                  const auto arrayClass = a.classNamed("NSArray");
+                  a.numbered[self] = a.object({{"NS.objects", a.uids({self})}}, arrayClass);
+                  return self;
+              })),
+              Value("refused"));
+    // A reference back to the root record.
+    EXPECT_EQ(argument(readArgument([](Archive&) { return std::uint64_t{1}; })), Value("refused"));
+}
+
+TEST(ArchiveReader, RefusesPropertyListContainersThatContainThemselves) {
+    File file;
+    file.objects = {file.dictionaryBytes({{1, 0}}), File::head(0x50, 8) + "$objects"};
+    EXPECT_EQ(read(file.bytes()), nullptr);
+    File array;
+    array.objects = {Bytes("\xA1") + bigEndian(0, 2)};
+    EXPECT_EQ(read(array.bytes()), nullptr);
+}
+
+TEST(ArchiveReader, RefusesTwoHundredThousandNestedObjects) {
+    Archive archive(4);
+    const auto root = archive.number(0);
+    const auto recordClass = archive.classNamed("KRVOperationBase");
+    const auto arrayClass = archive.classNamed("NSArray");
+    const auto objectsKey = archive.file.text("NS.objects");
+    const auto classKey = archive.file.text("$class");
+    const auto classUid = archive.file.uid(arrayClass);
+    auto inner = archive.number(archive.file.text("leaf"));
+    for (int i = 0; i < 200000; ++i) {
+        const auto list = archive.file.array({archive.file.uid(inner)});
+        inner = archive.number(archive.file.dictionary({{objectsKey, list}, {classKey, classUid}}));
+    }
+    archive.numbered[root] = archive.object({{"result", archive.file.uid(inner)}}, recordClass);
+    EXPECT_EQ(read(archive.bytes()), nullptr);
+
+    File file;  // and as bare property-list arrays
+    file.referenceSize = 4;
+    for (std::uint64_t i = 0; i < 200000; ++i) {
+        file.objects.push_back(Bytes("\xA1") + bigEndian(i + 1, 4));
+    }
+    file.text("leaf");
+    EXPECT_EQ(read(file.bytes()), nullptr);
+}
+
+TEST(ArchiveReader, RefusesCountsBeyondTheBytesLeft) {
+    const std::vector<Bytes> hostile{
+        Bytes("\x5F\x13") + bigEndian(1ULL << 62, 8), Bytes("\x6F\x13") + bigEndian(1ULL << 63, 8),
+        Bytes("\x4F\x12") + bigEndian(0xFFFFFFFF, 4), Bytes("\xAF\x13") + bigEndian(1ULL << 61, 8),
+        Bytes("\xDF\x13") + bigEndian(~0ULL, 8),      Bytes("\x5F\x50"),
+        Bytes("\x5F\x14") + Bytes(16, '\x01'),        Bytes("\x5F")};
+    for (const Bytes& object : hostile) {
+        EXPECT_EQ(argument(readArgument([&](Archive& a) { return a.number(a.file.add(object)); })), Value("refused"));
+    }
+}
+
+TEST(ArchiveReader, WorkForSharedListsIsBounded) {
+    // Ten thousand dictionaries that share one list of ten thousand keys: a hundred million steps if they were taken.
+    Archive archive(4);
+    const auto root = archive.number(0);
+    const auto recordClass = archive.classNamed("KRVOperationBase");
+    const auto dictionaryClass = archive.classNamed("NSDictionary");
+    const auto arrayClass = archive.classNamed("NSArray");
+    const auto text = archive.number(archive.file.text("k"));
+    const auto list = archive.uids(std::vector<std::uint64_t>(10000, text));
+    const auto keysKey = archive.file.text("NS.keys");
+    const auto objectsKey = archive.file.text("NS.objects");
+    const auto classKey = archive.file.text("$class");
+    const auto classUid = archive.file.uid(dictionaryClass);
+    std::vector<std::uint64_t> dictionaries;
+    for (int i = 0; i < 10000; ++i) {
+        dictionaries.push_back(
+            archive.number(archive.file.dictionary({{keysKey, list}, {objectsKey, list}, {classKey, classUid}})));
+    }
+    const auto all = archive.number(archive.object({{"NS.objects", archive.uids(dictionaries)}}, arrayClass));
+    const auto outer = archive.number(archive.object(
+        {{"NS.keys", archive.uids({text})}, {"NS.objects", archive.uids({all})}}, dictionaryClass));
+    archive.numbered[root] = archive.object({{"result", archive.file.uid(outer)}}, recordClass);
+    EXPECT_EQ(read(archive.bytes()), nullptr);
+}
+
+TEST(ArchiveReader, RefusesContainersThatDoNotHoldTogether) {
+    const auto dictionary = [](const std::function<std::vector<Archive::Field>(Archive&, std::uint64_t)>& fields) {
+        return argument(readArgument([&](Archive& a) {
+                   const auto text = a.number(a.file.text("x"));
+                   const auto made = fields(a, text);
+                   return a.number(a.object(made, a.classNamed("NSDictionary")));
+               })) != Value("refused");
+    };
+    using Fields = std::vector<Archive::Field>;
+    EXPECT_TRUE(dictionary([](Archive& a, auto t) -> Fields { return {{"NS.keys", a.uids({t})}, {"NS.objects", a.uids({t})}}; }));
+    EXPECT_FALSE(dictionary([](Archive& a, auto t) -> Fields { return {{"NS.keys", a.uids({t})}, {"NS.objects", a.uids({})}}; }));
+    EXPECT_FALSE(dictionary([](Archive& a, auto t) -> Fields { return {{"NS.keys", a.uids({t})}}; }));
+    EXPECT_FALSE(dictionary([](Archive& a, auto t) -> Fields { return {{"NS.keys", a.uids({0})}, {"NS.objects", a.uids({t})}}; }));
+    EXPECT_FALSE(dictionary([](Archive& a, auto t) -> Fields { return {{"NS.keys", a.uids({t})}, {"NS.objects", a.uids({0})}}; }));
+    EXPECT_FALSE(dictionary([](Archive& a, auto t) -> Fields {
+        return {{"NS.keys", a.uids({a.number(a.file.integer(1))})}, {"NS.objects", a.uids({t})}};
+    }));
+    EXPECT_FALSE(dictionary([](Archive& a, auto t) -> Fields {
+        return {{"NS.keys", a.file.array({a.file.text("inline")})}, {"NS.objects", a.uids({t})}};
+    }));
+    EXPECT_FALSE(dictionary([](Archive& a, auto t) -> Fields {
+        return {{"NS.keys", a.uids({t})}, {"NS.objects", a.file.array({a.file.integer(1)})}};
+    }));
+}
+
+TEST(ArchiveReader, AStoredNullObjectIsAValue) {
+    const auto record = readArgument([](Archive& a) { return a.number(a.object({}, a.classNamed("NSNull"))); });
+    ASSERT_TRUE(record);
+    ASSERT_NE(record->arguments()->find("value"), nullptr);
+    EXPECT_TRUE(record->arguments()->find("value")->isNull());
+}
+
+TEST(ArchiveReader, RefusesFieldsOfTheWrongKind) {
+    using Fields = std::vector<Archive::Field>;
+    const auto reads = [](const char* key, const std::function<std::uint64_t(Archive&)>& place) {
+        return readRecord([&](Archive& a) -> Fields { return {{key, place(a)}}; }) != nullptr;
+    };
+    const auto text = [](Archive& a) { return a.file.text("x"); };
+    const auto textObject = [](Archive& a) { return a.file.uid(a.number(a.file.text("x"))); };
+    const auto nothing = [](Archive& a) { return a.file.uid(0); };
+    for (const char* key : {"opType", "cancelled", "progress", "testInfo.timeToLive", "testInfo.shouldCrash"}) {
+        EXPECT_FALSE(reads(key, text)) << key;
+        EXPECT_FALSE(reads(key, textObject)) << key;
+        EXPECT_TRUE(reads(key, nothing)) << key;
+    }
+    for (const char* key : {"arguments", "result", "error"}) {
+        EXPECT_FALSE(reads(key, text)) << key;
+        EXPECT_FALSE(reads(key, textObject)) << key;
+        EXPECT_TRUE(reads(key, nothing)) << key;
+    }
+    EXPECT_TRUE(reads("uniqueID", textObject));
+    EXPECT_FALSE(reads("uniqueID", text));
+    EXPECT_FALSE(reads("uniqueID", [](Archive& a) { return a.file.uid(a.number(a.file.integer(1))); }));
+    EXPECT_FALSE(reads("opType", [](Archive& a) { return a.file.integer(1LL << 40); }));
+    EXPECT_FALSE(reads("cancelled", [](Archive& a) { return a.file.integer(2); }));
+    EXPECT_FALSE(reads("progress", [](Archive& a) { return a.file.boolean(true); }));
+}
+
+TEST(ArchiveReader, ConvertsNumbers) {
+    using Fields = std::vector<Archive::Field>;
+    const auto record = readRecord([](Archive& a) -> Fields {
+        return {{"opType", a.file.integer(0xDEADBEEF)},
+                {"cancelled", a.file.integer(1)},
+                {"completed", a.file.integer(0)},
+                {"progress", a.file.add('\x23' + bigEndian(0x3FE0000000000000, 8))},
+                {"testInfo.timeToLive", a.file.add('\x14' + Bytes(16, '\xFF'))}};
+    });
+    ASSERT_TRUE(record);
+    EXPECT_EQ(record->operationType(), OpHTTPServerTesting);
+    EXPECT_TRUE(record->cancelled());
+    EXPECT_FALSE(record->completed());
+    EXPECT_EQ(record->progress(), 0.5F);
+    EXPECT_EQ(record->testInfo()->timeToLive, -1);
+    EXPECT_EQ(readRecord([](Archive& a) -> Fields { return {{"progress", a.file.integer(1)}}; })->progress(), 1.0F);
+}
+
+TEST(ArchiveReader, ReadsTheMutableKindsAndInlineDates) {
+    EXPECT_EQ(argument(readArgument([](Archive& a) {
+                  return a.number(a.object({{"NS.string", a.file.text("m")}}, a.classNamed("NSMutableString")));
+              })),
+              Value("m"));
+    EXPECT_EQ(argument(readArgument([](Archive& a) {
+                  return a.number(a.object({{"NS.data", a.file.add("\x42zz")}}, a.classNamed("NSMutableData")));
+              })),
+              Value(Data{std::byte{'z'}, std::byte{'z'}}));
+    EXPECT_EQ(argument(readArgument([](Archive& a) {
+                  return a.number(a.object({{"NS.objects", a.uids({})}}, a.classNamed("NSMutableArray")));
+              })),
+              Value(Array{}));
+    EXPECT_EQ(argument(readArgument([](Archive& a) {
+                  return a.number(a.file.add('\x33' + bigEndian(0x3FF0000000000000, 8)));
+              })),
+              Value(Date{1.0}));
+}
+
+TEST(ArchiveReader, ReadsUidsOfAnyWidthUpTo32BitsOfValue) {
+    const auto withUid = [](const std::function<Bytes(std::uint64_t)>& uidBytes) {
+        return readRecord([&](Archive& a) -> std::vector<Archive::Field> {
+            const auto text = a.number(a.file.text("u"));
+            return {{"uniqueID", a.file.add(uidBytes(text))}};
+        });
+    };
+    EXPECT_EQ(withUid([](auto v) { return '\x80' + bigEndian(v, 1); })->uniqueID(), "u");
+    EXPECT_EQ(withUid([](auto v) { return '\x82' + bigEndian(v, 3); })->uniqueID(), "u");
+    EXPECT_EQ(withUid([](auto v) { return '\x8F' + Bytes(8, '\0') + bigEndian(v, 8); })->uniqueID(), "u");
+    EXPECT_FALSE(withUid([](auto v) { return '\x87' + bigEndian(v + (1ULL << 32), 8); }));
+    EXPECT_FALSE(withUid([](auto v) { return '\x8F' + Bytes(8, '\1') + bigEndian(v, 8); }));
+}
+
+TEST(ArchiveReader, LoneSurrogatesBecomeReplacementCharacters) {
+    const auto text = [](std::vector<int> units) {
+        return argument(readArgument([&](Archive& a) { return a.number(a.file.utf16(units)); })).stringValue();
+    };
+    EXPECT_EQ(text({0xD83C, 0xDFAC}), "\xF0\x9F\x8E\xAC");
+    EXPECT_EQ(text({'a', 0xD83C}), "a\xEF\xBF\xBD");
+    EXPECT_EQ(text({0xDFAC, 'b'}), "\xEF\xBF\xBD" "b");
+    EXPECT_EQ(text({0xD83C, 0xD83C, 0xDFAC}), "\xEF\xBF\xBD\xF0\x9F\x8E\xAC");
+    EXPECT_EQ(text({0xE9, 0x4E2D}), "\xC3\xA9\xE4\xB8\xAD");
+}
+
+TEST(ArchiveReader, RefusesAsciiTextWithOtherBytes) {
+    EXPECT_EQ(argument(readArgument([](Archive& a) { return a.number(a.file.text("caf\xE9")); })), Value("refused"));
+    EXPECT_EQ(argument(readArgument([](Archive& a) { return a.number(a.file.text("\x7F")); })), Value("\x7F"));
+}
+
+TEST(ArchiveReader, RefusesSizesThatDoNotParse) {
+    const auto size = [](const char* text, std::int64_t special) {
+        return argument(readArgument([&](Archive& a) {
+            const auto t = a.file.uid(a.number(a.file.text(text)));
+            return a.number(a.object({{"NS.special", a.file.integer(special)}, {"NS.sizeval", t}}, a.classNamed("NSValue")));
+        }));
+    };
+    EXPECT_EQ(size("{160, 120}", 2), Value(Size{160, 120}));
+    EXPECT_EQ(size("{-1.5e3,0.25}", 2), Value(Size{-1500, 0.25}));
+    for (const char* text : {"", "{160, 120", "{160}", "160, 120", "{a, b}", "{1, 2}x"}) {
+        EXPECT_EQ(size(text, 2), Value("refused")) << text;
+    }
+    EXPECT_EQ(size("{160, 120}", 1), Value("refused"));
+}
+
+}  // namespace
+}  // namespace krv

@@ -1,0 +1,53 @@
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include <KRVQTProcessClient/Operations/OperationKeys.h>
+
+namespace krv {
+namespace {
+
+const std::vector<std::string_view> kArguments{kArgumentEncodingSourceFilename,
+                                               kArgumentEncodingDestinationFilename,
+                                               kArgumentEncodingVideoParameters,
+                                               kArgumentEncodingAudioParameters,
+                                               kArgumentEncodingFlattenOnly,
+                                               kArgumentEncodingType,
+                                               kArgumentPIDRegInfo,
+                                               kArgumentNumOpsNumberOnServer,
+                                               kArgumentNumOpsNames,
+                                               kArgumentThumbnailInfoSize,
+                                               kArgumentMovieInfoMetadata,
+                                               kArgumentMergeSources,
+                                               kArgumentMergeSourcesUseShortest,
+                                               kArgumentTrackIndex};
+const std::vector<std::string_view> kResults{kResultInterestingTimes, kResultInterestingTimeValues,
+                                             kResultInterestingTimeTimescale};
+const std::vector<std::string_view> kMetadata{
+    kMediaMetadataCodec,     kMediaMetadataDuration, kMediaMetadataDimensions, kMediaMetadataAudio,
+    kMediaMetadataSize,      kMediaMetadataPath,     kMediaMetadataCreation,   kMediaMetadataModified,
+    kMediaMetadataFrameRate, kMediaMetadataPoster};
+
+TEST(OperationKeys, HaveTheTextsOfTheWireForm) {
+    EXPECT_EQ(kArguments, (std::vector<std::string_view>{
+                              "encodingSourceFilename", "encodingDestinationFilename", "encodingVideoParams",
+                              "encodingAudioParams", "encodingFlattenOnly", "encodingType", "pidRegInfoPID",
+                              "numOpsNumberOnServer", "numOpsNames", "thumbnailInfoSize", "movieInfoMetadata",
+                              "videoMergeSources", "videoMergeSourcesUseShortest", "trackIndex"}));
+    EXPECT_EQ(kResults, (std::vector<std::string_view>{"interestingTimes", "values", "timescale"}));
+    EXPECT_EQ(kMetadata,
+              (std::vector<std::string_view>{"metadataCodec", "metadataDuration", "metadataDimensions",
+                                             "metadataAudio", "metadataSize", "metadataPath", "metadataCreation",
+                                             "metadataModified", "metadataFrameRate", "metadataPoster"}));
+}
+
+TEST(OperationKeys, AreAllDifferent) {
+    std::set<std::string_view> all;
+    for (const auto* group : {&kArguments, &kResults, &kMetadata}) {
+        all.insert(group->begin(), group->end());
+    }
+    EXPECT_EQ(all.size(), kArguments.size() + kResults.size() + kMetadata.size());
+}
+
+}  // namespace
+}  // namespace krv

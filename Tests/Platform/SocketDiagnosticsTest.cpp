@@ -1,0 +1,201 @@
+#include <cstring>
+#include <span>
+#include <string>
+
+#include <arpa/inet.h>
+#include <linux/inet_diag.h>
+#include <linux/netlink.h>
+#include <linux/sock_diag.h>
+#include <netinet/in.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <KRVQTProcessClient/Platform/Linux/SocketDiagnostics.h>
+
+namespace krv {
+namespace {
+
+constexpr std::uint32_t kSequence = 7;
+
+struct Answer {
+    nlmsghdr header;
+    inet_diag_msg message;
+};
+
+Answer goodAnswer() {
+    Answer answer{};
+    answer.header.nlmsg_len = sizeof answer;
+    answer.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
+    answer.header.nlmsg_seq = kSequence;
+    answer.message.idiag_uid = 1000;
+    answer.message.idiag_inode = 4711;
+    return answer;
+}
+
+std::optional<SocketOwner> owner(const Answer& answer, std::size_t size = sizeof(Answer)) {
+    return ownerFromAnswer(std::as_bytes(std::span(&answer, 1)).first(size), kSequence);
+}
+
+TEST(SocketEnd, IsReadFromAnAddressInNumbersAndAPort) {
+    const auto v4 = SocketEnd::from("127.0.0.1", 8000);
+    ASSERT_TRUE(v4);
+    EXPECT_EQ(v4->family, AF_INET);
+    EXPECT_EQ(v4->port, htons(8000));
+    EXPECT_EQ(v4->address[0], std::byte{127});
+    const auto v6 = SocketEnd::from("::1", 65535);
+    ASSERT_TRUE(v6);
+    EXPECT_EQ(v6->family, AF_INET6);
+    EXPECT_EQ(v6->address[15], std::byte{1});
+}
+
+TEST(SocketEnd, IsNothingForNamesAndForPortsOutOfRange) {
+    EXPECT_FALSE(SocketEnd::from("localhost", 8000));
+    EXPECT_FALSE(SocketEnd::from("", 8000));
+    EXPECT_FALSE(SocketEnd::from("127.0.0.1", 0));
+    EXPECT_FALSE(SocketEnd::from("127.0.0.1", 65536));
+    EXPECT_FALSE(SocketEnd::from("127.0.0.1", -1));
+}
+
+TEST(SocketQuery, AsksForTheOneSocketWithTheseEnds) {
+    const auto local = SocketEnd::from("127.0.0.1", 8000);
+    const auto remote = SocketEnd::from("127.0.0.1", 40000);
+    const auto bytes = socketQuery(*local, remote, kSequence);
+    nlmsghdr header{};
+    inet_diag_req_v2 request{};
+    ASSERT_EQ(bytes.size(), sizeof header + sizeof request);
+    std::memcpy(&header, bytes.data(), sizeof header);
+    std::memcpy(&request, bytes.data() + sizeof header, sizeof request);
+    EXPECT_EQ(header.nlmsg_len, bytes.size());
+    EXPECT_EQ(header.nlmsg_seq, kSequence);
+    EXPECT_EQ(header.nlmsg_flags, NLM_F_REQUEST);  // and not a dump of all sockets
+    EXPECT_EQ(request.sdiag_family, AF_INET);
+    EXPECT_EQ(request.sdiag_protocol, IPPROTO_TCP);
+    EXPECT_EQ(request.id.idiag_sport, htons(8000));
+    EXPECT_EQ(request.id.idiag_dport, htons(40000));
+    EXPECT_EQ(request.id.idiag_src[0], htonl(INADDR_LOOPBACK));
+    EXPECT_EQ(request.id.idiag_dst[0], htonl(INADDR_LOOPBACK));
+}
+
+TEST(OwnerFromAnswer, TellsTheUserAndWhetherAProcessHoldsTheSocket) {
+    Answer answer = goodAnswer();
+    EXPECT_EQ(owner(answer), (SocketOwner{1000, true}));
+    answer.message.idiag_inode = 0;
+    answer.message.idiag_uid = 0;
+    EXPECT_EQ(owner(answer), (SocketOwner{0, false}));
+}
+
+TEST(OwnerFromAnswer, IsNothingForEveryAnswerThatIsCutShort) {
+    const Answer answer = goodAnswer();
+    for (std::size_t size = 0; size < sizeof answer; ++size) {
+        EXPECT_EQ(owner(answer, size), std::nullopt) << size;
+    }
+}
+
+TEST(OwnerFromAnswer, IsNothingForAnErrorAndForAnAnswerToSomethingElse) {
+    Answer answer = goodAnswer();
+    answer.header.nlmsg_type = NLMSG_ERROR;
+    EXPECT_EQ(owner(answer), std::nullopt);
+    answer = goodAnswer();
+    answer.header.nlmsg_type = NLMSG_DONE;
+    EXPECT_EQ(owner(answer), std::nullopt);
+    answer = goodAnswer();
+    answer.header.nlmsg_seq = kSequence + 1;
+    EXPECT_EQ(owner(answer), std::nullopt);
+}
+
+TEST(OwnerFromAnswer, IsNothingForALengthThatDoesNotFit) {
+    Answer answer = goodAnswer();
+    for (const std::uint32_t length : {0U, 16U, static_cast<std::uint32_t>(sizeof answer) - 1,
+                                       static_cast<std::uint32_t>(sizeof answer) + 1, 0xffffffffU}) {
+        answer.header.nlmsg_len = length;
+        EXPECT_EQ(owner(answer), std::nullopt) << length;
+    }
+}
+
+/// A connection over loopback with both ends in this process.
+class OwnConnection {
+public:
+    explicit OwnConnection(const char* address) {
+        const int family = SocketEnd::from(address, 1)->family;
+        listener_ = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        client_ = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in6 here{};
+        here.sin6_family = static_cast<sa_family_t>(family);
+        const bool isV4 = family == AF_INET;
+        if (isV4) {
+            auto& v4 = reinterpret_cast<sockaddr_in&>(here);
+            ::inet_pton(family, address, &v4.sin_addr);
+        } else {
+            ::inet_pton(family, address, &here.sin6_addr);
+        }
+        auto* any = reinterpret_cast<sockaddr*>(&here);
+        socklen_t size = isV4 ? sizeof(sockaddr_in) : sizeof here;
+        made_ = ::bind(listener_, any, size) == 0 && ::listen(listener_, 1) == 0 &&
+                ::getsockname(listener_, any, &size) == 0 && ::connect(client_, any, size) == 0;
+        // The port stands at the same place in both kinds of address.
+        peer_ = SocketEnd::from(address, ntohs(here.sin6_port));
+        ::getsockname(client_, any, &size);
+        local_ = SocketEnd::from(address, ntohs(here.sin6_port));
+    }
+    ~OwnConnection() {
+        ::close(client_);
+        ::close(listener_);
+        ::close(accepted_);
+    }
+    OwnConnection(const OwnConnection&) = delete;
+    OwnConnection& operator=(const OwnConnection&) = delete;
+
+    [[nodiscard]] bool isMade() const { return made_; }
+    void accept() { accepted_ = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC); }
+    [[nodiscard]] bool peerIsOurs() const { return peerBelongsToThisUser(*local_, *peer_); }
+
+private:
+    int listener_ = -1;
+    int client_ = -1;
+    int accepted_ = -1;
+    bool made_ = false;
+    std::optional<SocketEnd> local_;
+    std::optional<SocketEnd> peer_;
+};
+
+/// The addresses at which a connection of this process to itself is not taken for its own; empty when all is well.
+std::string addressesNotTakenForOurs() {
+    std::string wrong;
+    for (const char* address : {"127.0.0.1", "::1"}) {
+        OwnConnection connection(address);
+        if (!connection.isMade()) {
+            continue;  // a machine without IPv6
+        }
+        wrong += connection.peerIsOurs() ? "" : std::string(address) + " before it is accepted; ";
+        connection.accept();
+        wrong += connection.peerIsOurs() ? "" : std::string(address) + " after it is accepted; ";
+    }
+    return wrong;
+}
+
+TEST(PeerOwnership, OursIsOursBeforeAndAfterItIsAccepted) {
+    EXPECT_EQ(addressesNotTakenForOurs(), "");
+}
+
+TEST(PeerOwnership, HoldsForAUserWithoutPrivileges) {
+    // The kernel shows an unaccepted connection as root's, which must not make another user's own one a foreign one.
+    if (::getuid() != 0) {
+        GTEST_SKIP() << "the case above ran without privileges already";
+    }
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::_exit(::setuid(65534) == 0 && addressesNotTakenForOurs().empty() ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+TEST(PeerOwnership, ASocketThatIsNotThereIsNobodys) {
+    EXPECT_FALSE(peerBelongsToThisUser(*SocketEnd::from("127.0.0.1", 1), *SocketEnd::from("127.0.0.1", 2)));
+}
+
+}  // namespace
+}  // namespace krv

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace krv::test {
+
+/// A folder of its own for one test; it goes with the object, and everything in it.
+class TemporaryFolder {
+public:
+    TemporaryFolder() {
+        std::string name = (std::filesystem::temp_directory_path() / "krv-test-XXXXXX").string();
+        if (!::mkdtemp(name.data())) {
+            throw std::runtime_error("no temporary folder");
+        }
+        path_ = name;
+    }
+    ~TemporaryFolder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+    [[nodiscard]] const std::filesystem::path& path() const { return path_; }
+    /// Writes a file in it, with the folders that lead there, and returns its path.
+    std::string write(const std::filesystem::path& file, std::string_view contents) const {
+        const auto full = path_ / file;
+        std::filesystem::create_directories(full.parent_path());
+        std::ofstream(full, std::ios::binary) << contents;
+        return full.string();
+    }
+
+private:
+    std::filesystem::path path_;
+};
+
+}  // namespace krv::test

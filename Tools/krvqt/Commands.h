@@ -1,0 +1,19 @@
+#pragma once
+
+#include <string>
+
+#include "ExitStatus.h"
+#include "Options.h"
+
+/// The commands. Results go to standard output, everything else to standard error.
+namespace krvqt {
+
+ExitStatus convert(const ConvertOptions& options, const CommonOptions& common);
+ExitStatus showStatus(const CommonOptions& common);
+ExitStatus cancelAll(const CommonOptions& common);
+ExitStatus shutDown(const CommonOptions& common);
+/// Prints the record archived in a file ("-" is standard input). Talks to no server.
+ExitStatus showRecord(const std::string& file, const CommonOptions& common);
+ExitStatus showTypes(const CommonOptions& common);
+
+}  // namespace krvqt

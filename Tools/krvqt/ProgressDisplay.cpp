@@ -1,0 +1,91 @@
+#include "ProgressDisplay.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include "Interruption.h"
+
+namespace krvqt {
+namespace {
+
+constexpr int kDefaultColumns = 80;
+constexpr int kSmallestBar = 10;
+constexpr int kLargestBar = 50;
+/// Below this fraction, and before this time, an estimate of the remaining time would only jump about.
+constexpr double kEnoughForAnEstimate = 0.01;
+constexpr std::chrono::seconds kEnoughTimeForAnEstimate{1};
+
+int terminalColumns() {
+    winsize size{};
+    return ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : kDefaultColumns;
+}
+
+}  // namespace
+
+std::string clockText(std::chrono::seconds seconds) {
+    const auto total = seconds.count();
+    return total >= 3600 ? fmt::format("{}:{:02}:{:02}", total / 3600, total / 60 % 60, total % 60)
+                         : fmt::format("{}:{:02}", total / 60, total % 60);
+}
+
+std::string progressLine(double fraction, std::chrono::seconds elapsed, int columns) {
+    const double shown = std::clamp(fraction, 0.0, 1.0);
+    std::string text = fmt::format(" {:3.0f} %  {} elapsed", std::floor(shown * 100), clockText(elapsed));
+    if (shown >= kEnoughForAnEstimate && elapsed >= kEnoughTimeForAnEstimate) {
+        const auto left = static_cast<double>(elapsed.count()) * (1.0 - shown) / shown;
+        text += fmt::format(", {} left", clockText(std::chrono::seconds(std::llround(left))));
+    }
+    const int room = columns - static_cast<int>(text.size()) - 3;
+    if (room < kSmallestBar) {
+        return text.substr(0, static_cast<std::size_t>(std::max(columns - 1, 0)));
+    }
+    const int width = std::min(room, kLargestBar);
+    const int filled = static_cast<int>(std::floor(shown * width));
+    return fmt::format("[{}{}]{}", std::string(static_cast<std::size_t>(filled), '#'),
+                       std::string(static_cast<std::size_t>(width - filled), '.'), text);
+}
+
+ProgressDisplay::ProgressDisplay(bool quiet)
+    : quiet_(quiet)
+    , terminal_(::isatty(STDERR_FILENO) == 1) {}
+
+bool ProgressDisplay::operation(const krv::KRVOperationBase::Ref& /*operation*/, float progress) {
+    if (!quiet_) {
+        draw(static_cast<double>(progress));
+    }
+    return !Interruption::requested();
+}
+
+void ProgressDisplay::draw(double fraction) {
+    const auto elapsed =
+        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start_);
+    if (terminal_) {
+        fmt::print(stderr, "\r{}\033[K", progressLine(fraction, elapsed, terminalColumns()));
+        lineDrawn_ = true;
+        return;
+    }
+    const int tenth = static_cast<int>(std::floor(fraction * 10));
+    if (tenth > lastTenth_) {
+        lastTenth_ = tenth;
+        fmt::print(stderr, "{} %  {}\n", tenth * 10, clockText(elapsed));
+    }
+}
+
+void ProgressDisplay::finish(bool completed) {
+    if (quiet_) {
+        return;
+    }
+    if (completed) {
+        draw(1.0);
+    }
+    if (lineDrawn_) {
+        fmt::print(stderr, "{}", completed ? "\n" : "\r\033[K");
+    }
+}
+
+}  // namespace krvqt

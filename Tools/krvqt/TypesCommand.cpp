@@ -1,0 +1,23 @@
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include <KRVQTProcessClient/KRVQTProcessClient.h>
+
+#include "Commands.h"
+
+namespace krvqt {
+
+ExitStatus showTypes(const CommonOptions& common) {
+    for (const auto& type : krv::VideoConversion::types()) {
+        if (common.json) {
+            const nlohmann::json json{
+                {"type", static_cast<std::int32_t>(type.type)}, {"name", type.name}, {"meaning", type.meaning}};
+            fmt::print("{}\n", json.dump());
+        } else {
+            fmt::print("{}  {:<12}  {}\n", static_cast<std::int32_t>(type.type), type.name, type.meaning);
+        }
+    }
+    return kDone;
+}
+
+}  // namespace krvqt

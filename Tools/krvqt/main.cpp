@@ -1,0 +1,99 @@
+// krvqt, the command-line client: takes the command line apart and hands over to the command.
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include <KRVQTProcessClient/KRVQTProcessClient.h>
+
+#include "ArgumentFilter.h"
+#include "Commands.h"
+#include "Interruption.h"
+
+namespace {
+
+using namespace krvqt;
+
+/// How long the server may take to answer a wish to cancel.
+constexpr std::chrono::seconds kPatience{5};
+
+void addTrackOptions(CLI::App& command, const std::string& which, TrackOptions& options) {
+    command.add_option("--" + which + "-codec", options.codec, "four-character code of the codec, such as avc1")
+        ->type_name("CODE");
+    command.add_option("--" + which + "-quality", options.quality, "above 0 and at most 1; 0 is the encoder's default")
+        ->type_name("Q");
+    command.add_option("--" + which + "-settings", options.settings, "key=value:key=value for the encoder")
+        ->type_name("SETTINGS");
+}
+
+void addConvert(CLI::App& app, ConvertOptions& options) {
+    CLI::App& command = *app.add_subcommand("convert", "convert a movie");
+    command.add_option("source", options.source, "the movie to read")->required()->type_name("SOURCE");
+    command.add_option("destination", options.destination, "the file to write; its ending decides the container")
+        ->required()
+        ->type_name("DESTINATION");
+    command.add_option("--type", options.type, "an encoding type by name or number, see 'krvqt types'")
+        ->type_name("NAME|NUMBER");
+    command.add_flag("--flatten", options.flatten, "copy every track into one file with its index in front");
+    command.add_flag("--force", options.force, "replace an existing destination");
+    command.add_option("--fps", options.fps, "frames per second; 0 keeps the source's own timing")->type_name("F");
+    addTrackOptions(command, "video", options.video);
+    addTrackOptions(command, "audio", options.audio);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Interruption::watch(kPatience);
+    krv::applyLoggingDefaults();
+
+    CommonOptions common;
+    ConvertOptions convertOptions;
+    std::string recordFile;
+    double wait = common.wait.count();
+
+    CLI::App app("Converts and inspects movies through the media server.", "krvqt");
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.set_version_flag("--version", std::string(krv::libraryVersion()));
+    app.add_flag("--json", common.json, "one JSON object for each result");
+    app.add_flag("--quiet", common.quiet, "no progress, only results and errors");
+    app.add_option("--wait", wait, "how long to wait for a server")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.0, 86400.0))
+        ->capture_default_str();
+    addConvert(app, convertOptions);
+    app.add_subcommand("status", "what the media server is doing");
+    app.add_subcommand("cancel-all", "cancel every operation of this user's applications");
+    app.add_subcommand("shutdown", "end the media server when it has finished what it is doing");
+    app.add_subcommand("record", "print an archived operation record")
+        ->add_option("file", recordFile, "the file, - for standard input")
+        ->required()
+        ->type_name("FILE");
+    app.add_subcommand("types", "the encoding types and what they mean");
+
+    auto arguments = withoutUserDefaults({argv + 1, argv + argc});
+    std::reverse(arguments.begin(), arguments.end());  // CLI11 takes them last first
+    try {
+        app.parse(std::move(arguments));
+    } catch (const CLI::ParseError& problem) {
+        return app.exit(problem) == 0 ? kDone : kUsage;
+    }
+    common.wait = std::chrono::duration<double>(wait);
+
+    const std::string command = app.get_subcommands().front()->get_name();
+    if (command == "convert") {
+        return convert(convertOptions, common);
+    }
+    if (command == "status") {
+        return showStatus(common);
+    }
+    if (command == "cancel-all") {
+        return cancelAll(common);
+    }
+    if (command == "shutdown") {
+        return shutDown(common);
+    }
+    return command == "record" ? showRecord(recordFile, common) : showTypes(common);
+}
