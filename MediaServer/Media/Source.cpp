@@ -30,6 +30,13 @@ constexpr std::int64_t kLongestMovie = std::int64_t{1000} * 3600 * AV_TIME_BASE;
 // come.
 constexpr int kReadAttempts = 64;
 
+// For a demuxer a lack of memory is, as a rule, a damaged header that claims to need that much.
+[[noreturn]] void unusable(int result, const char* attempt) {
+    if (result == AVERROR(ENOMEM))
+        throw Failure(FailureCode::UnusableSource, "It claims to be larger than what fits into memory.");
+    fail(FailureCode::UnusableSource, result, attempt);
+}
+
 int refuseToOpen(AVFormatContext*, AVIOContext**, const char*, int, AVDictionary**) {
     return AVERROR(EPERM);
 }
@@ -77,10 +84,10 @@ void Source::open(const std::string& path) {
     options.set("protocol_whitelist", "none");
     int result = avformat_open_input(&format_, "", &input, options.address());
     if (result < 0)
-        fail(FailureCode::UnusableSource, result, "The file cannot be opened");
+        unusable(result, "The file cannot be opened");
     result = avformat_find_stream_info(format_, nullptr);
     if (result < 0)
-        fail(FailureCode::UnusableSource, result, "The streams cannot be identified");
+        unusable(result, "The streams cannot be identified");
     if (format_->nb_streams == 0)
         throw Failure(FailureCode::UnusableSource, "The file contains no streams.");
 
@@ -104,8 +111,6 @@ bool Source::read(AVPacket& packet) {
     for (int failures = 0; failures < kReadAttempts;) {
         av_packet_unref(&packet);
         const int result = av_read_frame(format_, &packet);
-        if (result == AVERROR(ENOMEM))
-            throw std::bad_alloc();
         if (result == AVERROR_EOF || (result < 0 && io_.errorNumber() != 0))
             return false;
         if (result < 0) {

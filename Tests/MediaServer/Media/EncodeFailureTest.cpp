@@ -194,6 +194,21 @@ TEST(EncodeFailure, MediaOfWhichNothingDecodesAreUnusable) {
     EXPECT_EQ(failure->code(), kUnusable);
 }
 
+TEST(EncodeFailure, AHeaderThatClaimsMoreThanMemoryIsUnusable) {
+    // The table of sample sizes says that it has nearly as many entries as its number can say.
+    std::string bytes = readFile(testMedia("silent.mp4"));
+    const auto table = bytes.find("stsz");
+    ASSERT_NE(table, std::string::npos);
+    bytes.replace(table + 12, 4, "\x3f\xff\xff\xf0");
+    const OutputPath absurd("mp4");
+    writeFile(absurd.path(), bytes);
+    for (const std::int32_t type : {0, 1}) {
+        const auto failure = failureOf({.source = absurd.path(), .type = type});
+        ASSERT_TRUE(failure.has_value());
+        EXPECT_EQ(failure->code(), kUnusable) << failure->what();
+    }
+}
+
 TEST(EncodeFailure, NothingIsPrinted) {
     testing::internal::CaptureStderr();
     testing::internal::CaptureStdout();
