@@ -1,10 +1,12 @@
+#include <algorithm>
+#include <cstring>
+
+#include <sys/stat.h>
+
 #include <MediaServer/Media/Failure.h>
 #include <MediaServer/Media/Source.h>
 #include <MediaServer/Media/SourceFormat.h>
-#include <algorithm>
-#include <cstring>
 #include <fmt/format.h>
-#include <sys/stat.h>
 
 namespace krv::media {
 namespace {
@@ -54,7 +56,7 @@ std::int64_t checkedSize(int descriptor) {
     return status.st_size;
 }
 
-} // namespace
+}  // namespace
 
 Source::Source(int descriptor, const std::string& path, Progress& progress)
     : size_(checkedSize(descriptor))
@@ -80,7 +82,7 @@ void Source::open(const std::string& path) {
     format_->probesize = kProbeBytes;
     format_->max_analyze_duration = kProbeTime;
     AVDict options;
-    options.set("format_whitelist", input.name); // so that no demuxer can start another one
+    options.set("format_whitelist", input.name);  // so that no demuxer can start another one
     options.set("protocol_whitelist", "none");
     int result = avformat_open_input(&format_, "", &input, options.address());
     if (result < 0)
@@ -93,8 +95,7 @@ void Source::open(const std::string& path) {
 
     duration_ = format_->duration == AV_NOPTS_VALUE ? 0 : std::max<std::int64_t>(format_->duration, 0);
     const std::int64_t start = format_->start_time == AV_NOPTS_VALUE ? 0 : format_->start_time;
-    const bool clockStartsAnywhere =
-        (input.flags & AVFMT_TS_DISCONT) != 0 || start < 0 || start > kLongestEmptyStart;
+    const bool clockStartsAnywhere = (input.flags & AVFMT_TS_DISCONT) != 0 || start < 0 || start > kLongestEmptyStart;
     shift_ = clockStartsAnywhere ? -start : 0;
     start_ = start + shift_;
     lastDts_.resize(format_->nb_streams);
@@ -118,7 +119,7 @@ bool Source::read(AVPacket& packet) {
             continue;
         }
         const auto index = static_cast<std::size_t>(packet.stream_index);
-        if (index >= lastDts_.size()) // a stream that turned up after the headers
+        if (index >= lastDts_.size())  // a stream that turned up after the headers
             continue;
         const AVStream& from = stream(index);
         if (from.discard == AVDISCARD_ALL || isCover(from))
@@ -168,4 +169,4 @@ double Source::position() const noexcept {
     return 0;
 }
 
-} // namespace krv::media
+}  // namespace krv::media
