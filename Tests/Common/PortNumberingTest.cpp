@@ -1,8 +1,7 @@
-#include <KRVQTProcessClient/Common/PortNumbering.h>
-
 #include <gtest/gtest.h>
 
 #include <KRVQTProcessClient/Common/LoggingDefaults.h>
+#include <KRVQTProcessClient/Common/PortNumbering.h>
 #include <KRVQTProcessClient/Platform/UserDefaults.h>
 #include <KRVQTProcessClient/Shared/DDLog.h>
 
@@ -86,8 +85,8 @@ TEST(LoggingDefaults, OpenTheGateWhenALevelIsSet) {
     defaults.setString("krv_loggingEnabled", "NO");
     applyLoggingDefaults();
     EXPECT_FALSE(krv_loggingEnabled);
-    for (const char* key : {"qtClientLogLevel", "additionalApplicationLogLevel", "quicktimeLoggingLevel",
-                            "krv_loggingEnabled"}) {
+    for (const char* key :
+         {"qtClientLogLevel", "additionalApplicationLogLevel", "quicktimeLoggingLevel", "krv_loggingEnabled"}) {
         defaults.removeKey(key);
     }
     qtClientLogLevel = 0;

@@ -1,9 +1,8 @@
-#include <KRVQTProcessClient/Shared/DDLog.h>
-
 #include <stdexcept>
 
 #include <gtest/gtest.h>
 
+#include <KRVQTProcessClient/Shared/DDLog.h>
 #include <KRVQTProcessClient/Shared/Fakes/LogRecorder.h>
 #include <KRVQTProcessClient/Shared/Log.h>
 

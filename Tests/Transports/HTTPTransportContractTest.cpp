@@ -15,7 +15,8 @@ using R = KRVOperationBase;
 
 class FixedPort final : public ServicePort {
 public:
-    explicit FixedPort(long port) : port_(port) {}
+    explicit FixedPort(long port)
+        : port_(port) {}
     [[nodiscard]] long servicePortNumber() const override { return port_; }
 
 private:

@@ -1,9 +1,8 @@
-#include <KRVQTProcessClient/Transports/KRVHTTPClientTransport.h>
-
 #include <gtest/gtest.h>
 
 #include <KRVQTProcessClient/Platform/Fakes/FakeHTTPClient.h>
 #include <KRVQTProcessClient/Shared/Fakes/LogRecorder.h>
+#include <KRVQTProcessClient/Transports/KRVHTTPClientTransport.h>
 
 namespace krv {
 namespace {
