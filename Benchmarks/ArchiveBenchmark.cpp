@@ -19,8 +19,8 @@ using krv::Value;
 
 /// A conversion with settings, as a client sends it.
 KRVOperationBase::Ref encodeRequest() {
-    const auto video = krv::VideoEncodingParameters::encodingParametersWithData(
-        std::make_shared<const Data>(200, std::byte{7}));
+    const auto video =
+        krv::VideoEncodingParameters::encodingParametersWithData(std::make_shared<const Data>(200, std::byte{7}));
     video->setCodec(0x61766331);
     video->setQuality(0.5F);
     const auto audio =
@@ -41,8 +41,8 @@ KRVOperationBase::Ref timesReply() {
     for (int i = 0; i < 20000; ++i) {
         values.push_back(i * 1001);
     }
-    reply->setResult(std::make_shared<Dictionary>(Dictionary{
-        {"interestingTimes", Dictionary{{"values", std::move(values)}, {"timescale", 24000}}}}));
+    reply->setResult(std::make_shared<Dictionary>(
+        Dictionary{{"interestingTimes", Dictionary{{"values", std::move(values)}, {"timescale", 24000}}}}));
     return reply;
 }
 

@@ -18,8 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     }
     const auto again = KRVOperationBase::operationFromData(std::make_shared<const Data>(record->convertToData()));
     if (!again || again->operationType() != record->operationType() || again->uniqueID() != record->uniqueID() ||
-        again->arguments()->size() != record->arguments()->size() ||
-        again->description() != record->description()) {
+        again->arguments()->size() != record->arguments()->size() || again->description() != record->description()) {
         std::abort();
     }
     return 0;

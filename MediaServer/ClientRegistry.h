@@ -22,7 +22,8 @@ struct ClientKey {
 /// The processes that the server knows: those that have registered, and those that have sent operations. Any thread.
 class ClientRegistry {
 public:
-    explicit ClientRegistry(const ProcessTable& processes = ProcessTable::system()) : processes_(processes) {}
+    explicit ClientRegistry(const ProcessTable& processes = ProcessTable::system())
+        : processes_(processes) {}
 
     /// The living process of this user with that id, or nothing.
     [[nodiscard]] std::optional<ClientKey> identify(std::int64_t pid) const;

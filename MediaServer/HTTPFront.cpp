@@ -158,7 +158,8 @@ struct HTTPFront::Internals {
         if (exchange->tooLarge) {
             return respondText(connection, MHD_HTTP_CONTENT_TOO_LARGE, "a record has at most 16 MiB\n");
         }
-        const auto record = KRVOperationBase::operationFromData(std::make_shared<const Data>(std::move(exchange->body)));
+        const auto record =
+            KRVOperationBase::operationFromData(std::make_shared<const Data>(std::move(exchange->body)));
         if (!record) {
             return respondText(connection, MHD_HTTP_BAD_REQUEST, "this is no archived operation record\n");
         }
@@ -195,11 +196,11 @@ bool HTTPFront::start(ListeningSockets sockets) {
             continue;
         }
         const unsigned flags = MHD_USE_EPOLL_INTERNAL_THREAD | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_ITC;
-        MHD_Daemon* const daemon = MHD_start_daemon(
-            flags, 0, nullptr, nullptr, &Internals::handle, internals_.get(), MHD_OPTION_LISTEN_SOCKET, socket->get(),
-            MHD_OPTION_CONNECTION_LIMIT, kMostConnections, MHD_OPTION_CONNECTION_TIMEOUT, kIdleSeconds,
-            MHD_OPTION_NOTIFY_COMPLETED, &requestEnded, nullptr, MHD_OPTION_NOTIFY_CONNECTION, &connectionChanged,
-            nullptr, MHD_OPTION_END);
+        MHD_Daemon* const daemon =
+            MHD_start_daemon(flags, 0, nullptr, nullptr, &Internals::handle, internals_.get(), MHD_OPTION_LISTEN_SOCKET,
+                             socket->get(), MHD_OPTION_CONNECTION_LIMIT, kMostConnections,
+                             MHD_OPTION_CONNECTION_TIMEOUT, kIdleSeconds, MHD_OPTION_NOTIFY_COMPLETED, &requestEnded,
+                             nullptr, MHD_OPTION_NOTIFY_CONNECTION, &connectionChanged, nullptr, MHD_OPTION_END);
         if (!daemon) {
             return false;
         }

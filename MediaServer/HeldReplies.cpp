@@ -16,8 +16,7 @@ HeldReplies::~HeldReplies() {
     thread_.join();
 }
 
-void HeldReplies::hold(std::chrono::milliseconds atMost, std::function<bool()> isReady,
-                       std::function<void()> answer) {
+void HeldReplies::hold(std::chrono::milliseconds atMost, std::function<bool()> isReady, std::function<void()> answer) {
     {
         const LockGuard lock(mutex_);
         held_.push_back({std::chrono::steady_clock::now() + atMost, std::move(isReady), std::move(answer)});
@@ -41,8 +40,8 @@ void HeldReplies::loop() {
         {
             const LockGuard lock(mutex_);
             while (!news_ && !stopping_) {
-                const auto next = std::min_element(held_.begin(), held_.end(),
-                                                   [](const Held& a, const Held& b) { return a.deadline < b.deadline; });
+                const auto next = std::min_element(
+                    held_.begin(), held_.end(), [](const Held& a, const Held& b) { return a.deadline < b.deadline; });
                 if (next == held_.end()) {
                     wake_.wait(mutex_);
                 } else if (wake_.wait_until(mutex_, next->deadline) == std::cv_status::timeout) {

@@ -75,19 +75,16 @@ ErrorRef MediaJob::check(const KRVOperationBase& request) {
     if (auto error = checkKind(request, kArgumentEncodingFlattenOnly, Value::Kind::Boolean, "boolean")) {
         return error;
     }
-    if (auto error =
-            checkParameters(request, kArgumentEncodingVideoParameters, request.encodingVideoParameters())) {
+    if (auto error = checkParameters(request, kArgumentEncodingVideoParameters, request.encodingVideoParameters())) {
         return error;
     }
-    if (auto error =
-            checkParameters(request, kArgumentEncodingAudioParameters, request.encodingAudioParameters())) {
+    if (auto error = checkParameters(request, kArgumentEncodingAudioParameters, request.encodingAudioParameters())) {
         return error;
     }
     if (VideoConversion::nameForType(request.encodingType()) == "Unknown") {
-        return makeError(ErrorCode::Unsupported,
-                         fmt::format("{} cannot be made.", *request.encodingDestinationFilename()),
-                         fmt::format("{} is no encoding type", request.encodingType()),
-                         *request.encodingDestinationFilename());
+        return makeError(
+            ErrorCode::Unsupported, fmt::format("{} cannot be made.", *request.encodingDestinationFilename()),
+            fmt::format("{} is no encoding type", request.encodingType()), *request.encodingDestinationFilename());
     }
     return nullptr;
 }

@@ -281,8 +281,7 @@ void OperationDispatcher::selfTest(const Ref& request, const Reply& reply) {
     if (const auto client = clientOf(request, reply)) {
         clients_.note(*client);
         const auto answer = replyTo(request);
-        answer->setUniqueID(
-            selfTests_.add(std::chrono::seconds(info.timeToLive), info.shouldComplete != 0, *client));
+        answer->setUniqueID(selfTests_.add(std::chrono::seconds(info.timeToLive), info.shouldComplete != 0, *client));
         reply(answer);
     }
 }

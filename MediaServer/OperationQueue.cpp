@@ -2,9 +2,8 @@
 
 #include <algorithm>
 
-#include <gio/gio.h>
-
 #include <fmt/format.h>
+#include <gio/gio.h>
 
 #include "ServerError.h"
 #include "ServerLog.h"

@@ -34,8 +34,7 @@ public:
     /// What a waiting operation's progress moves in a second of life ahead of it.
     static constexpr double kCreepPerSecond = 2e-6;
 
-    OperationQueue(unsigned lanes, Work work, Changed changed,
-                   Clock clock = &std::chrono::steady_clock::now);
+    OperationQueue(unsigned lanes, Work work, Changed changed, Clock clock = &std::chrono::steady_clock::now);
     /// Cancels what runs and waits for the lanes.
     ~OperationQueue();
     OperationQueue(const OperationQueue&) = delete;

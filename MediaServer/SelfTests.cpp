@@ -58,8 +58,8 @@ void SelfTests::removeAllOf(const ClientKey& client) {
 
 std::size_t SelfTests::running() const {
     const LockGuard lock(mutex_);
-    return static_cast<std::size_t>(
-        std::count_if(tests_.begin(), tests_.end(), [this](const auto& entry) { return !stateOf(entry.second).ended; }));
+    return static_cast<std::size_t>(std::count_if(tests_.begin(), tests_.end(),
+                                                  [this](const auto& entry) { return !stateOf(entry.second).ended; }));
 }
 
 }  // namespace krv::server

@@ -14,7 +14,8 @@ namespace krv::server {
 /// The self-test operations that run: nothing but time, which a test of a client can follow. Any thread.
 class SelfTests {
 public:
-    explicit SelfTests(OperationQueue::Clock clock = &std::chrono::steady_clock::now) : clock_(std::move(clock)) {}
+    explicit SelfTests(OperationQueue::Clock clock = &std::chrono::steady_clock::now)
+        : clock_(std::move(clock)) {}
 
     /// Begins one that takes that long and then completes, or never does. Returns its id.
     [[nodiscard]] std::string add(std::chrono::seconds timeToLive, bool completes, const ClientKey& client);

@@ -136,7 +136,8 @@ int ServerProcess::run(int signals) {
     auto nextCheck = std::chrono::steady_clock::now() + kClientCheck;
     while (!mayEnd()) {
         std::array<pollfd, 2> waiting{{{signals, POLLIN, 0}, {wake_.get(), POLLIN, 0}}};
-        const auto timeout = shuttingDown_ ? std::chrono::milliseconds(kEndCheck) : std::chrono::milliseconds(kClientCheck);
+        const auto timeout =
+            shuttingDown_ ? std::chrono::milliseconds(kEndCheck) : std::chrono::milliseconds(kClientCheck);
         if (::poll(waiting.data(), waiting.size(), static_cast<int>(timeout.count())) < 0 && errno != EINTR) {
             break;
         }

@@ -26,7 +26,8 @@ constexpr int kChannelDescriptor = 3;
 /// A child that is killed and reaped when its owner goes, unless it has been reaped.
 class Child {
 public:
-    explicit Child(pid_t pid) : pid_(pid) {}
+    explicit Child(pid_t pid)
+        : pid_(pid) {}
     ~Child() {
         if (pid_ > 0) {
             ::kill(pid_, SIGKILL);
@@ -51,9 +52,9 @@ private:
 };
 
 std::string howItEnded(int status) {
-    return WIFSIGNALED(status) ? fmt::format("the worker was ended by signal {} ({})", WTERMSIG(status),
-                                             ::strsignal(WTERMSIG(status)))
-                               : fmt::format("the worker ended with status {}", WEXITSTATUS(status));
+    return WIFSIGNALED(status)
+               ? fmt::format("the worker was ended by signal {} ({})", WTERMSIG(status), ::strsignal(WTERMSIG(status)))
+               : fmt::format("the worker ended with status {}", WEXITSTATUS(status));
 }
 
 Outcome failed(std::shared_ptr<const Error> error) {
@@ -90,8 +91,8 @@ pid_t WorkerProcess::spawn(int channelEnd) const {
     const std::string server = std::to_string(::getpid());
     const char* const arguments[] = {executable_.c_str(), server.c_str(), nullptr};
     pid_t pid = -1;
-    const int failure = ::posix_spawn(&pid, executable_.c_str(), &files, &attributes,
-                                      const_cast<char* const*>(arguments), environ);
+    const int failure =
+        ::posix_spawn(&pid, executable_.c_str(), &files, &attributes, const_cast<char* const*>(arguments), environ);
     posix_spawn_file_actions_destroy(&files);
     posix_spawnattr_destroy(&attributes);
     errno = failure;

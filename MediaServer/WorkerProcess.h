@@ -42,7 +42,8 @@ struct Outcome {
 class WorkerProcess {
 public:
     /// executable: the worker program.
-    explicit WorkerProcess(std::string executable) : executable_(std::move(executable)) {}
+    explicit WorkerProcess(std::string executable)
+        : executable_(std::move(executable)) {}
 
     /// Blocks until the work has ended. onProgress is called on this thread with the fraction that the worker reports.
     /// The calling thread must live as long as the process: a worker ends with the thread that started it.

@@ -27,7 +27,7 @@ struct Free {
     void operator()(SwrContext* p) const noexcept { swr_free(&p); }
     void operator()(AVAudioFifo* p) const noexcept { av_audio_fifo_free(p); }
 };
-} // namespace detail
+}  // namespace detail
 
 using PacketPtr = std::unique_ptr<AVPacket, detail::Free>;
 using FramePtr = std::unique_ptr<AVFrame, detail::Free>;
@@ -37,7 +37,7 @@ using ResamplerPtr = std::unique_ptr<SwrContext, detail::Free>;
 using AudioFifoPtr = std::unique_ptr<AVAudioFifo, detail::Free>;
 
 /// FFmpeg reports a lack of memory by a null pointer; here it is std::bad_alloc like everywhere else.
-template<typename T>
+template <typename T>
 T* notNull(T* p) {
     if (!p)
         throw std::bad_alloc();
@@ -82,4 +82,4 @@ private:
 /// The unit of AVFormatContext's own times (start, duration). FFmpeg's macro for it is C only.
 inline constexpr AVRational kMicroseconds{1, AV_TIME_BASE};
 
-} // namespace krv::media
+}  // namespace krv::media

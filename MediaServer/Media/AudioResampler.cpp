@@ -1,7 +1,8 @@
-#include <MediaServer/Media/AudioResampler.h>
-#include <MediaServer/Media/Failure.h>
 #include <algorithm>
 #include <array>
+
+#include <MediaServer/Media/AudioResampler.h>
+#include <MediaServer/Media/Failure.h>
 
 namespace krv::media {
 namespace {
@@ -14,17 +15,16 @@ constexpr int kAnyFrameSize = 4096;
 constexpr int kToleratedPart = 66;
 
 // Sound that seems to lie further back than this does not overlap, its clock has jumped.
-constexpr int kLongestOverlapSeconds = 10;
+constexpr std::int64_t kLongestOverlapSeconds = 10;
 
-} // namespace
+}  // namespace
 
 AudioResampler::AudioResampler(const AVCodecContext& encoder, AVRational timeBase, std::int64_t end)
     : encoder_(encoder)
     , timeBase_(timeBase)
     , end_(av_rescale_q(end, timeBase, AVRational{1, encoder.sample_rate}))
     , frameSize_(encoder.frame_size > 0 ? encoder.frame_size : kAnyFrameSize)
-    , fifo_(notNull(av_audio_fifo_alloc(encoder.sample_fmt, encoder.ch_layout.nb_channels, frameSize_ * 2))) {
-}
+    , fifo_(notNull(av_audio_fifo_alloc(encoder.sample_fmt, encoder.ch_layout.nb_channels, frameSize_ * 2))) {}
 
 void AudioResampler::push(const AVFrame& frame, const Sink& sink) {
     if (frame.nb_samples <= 0 || frame.sample_rate <= 0 || frame.ch_layout.nb_channels <= 0)
@@ -39,7 +39,7 @@ void AudioResampler::configure(const AVFrame& frame, const Sink& sink) {
         av_channel_layout_compare(&frame.ch_layout, &sourceLayout_.get()) == 0)
         return;
     if (resampler_)
-        convert(nullptr, 0, sink); // the tail of what came before
+        convert(nullptr, 0, sink);  // the tail of what came before
     sourceFormat_ = frame.format;
     sourceRate_ = frame.sample_rate;
     sourceLayout_.assign(frame.ch_layout);
@@ -53,9 +53,8 @@ void AudioResampler::configure(const AVFrame& frame, const Sink& sink) {
     // The function is older than const; it copies both layouts.
     auto& out = const_cast<AVChannelLayout&>(encoder_.ch_layout);
     auto& in = const_cast<AVChannelLayout&>(layout.get());
-    int result =
-        swr_alloc_set_opts2(&resampler, &out, encoder_.sample_fmt, encoder_.sample_rate, &in,
-                            static_cast<AVSampleFormat>(frame.format), frame.sample_rate, 0, nullptr);
+    int result = swr_alloc_set_opts2(&resampler, &out, encoder_.sample_fmt, encoder_.sample_rate, &in,
+                                     static_cast<AVSampleFormat>(frame.format), frame.sample_rate, 0, nullptr);
     resampler_.reset(resampler);
     if (result >= 0)
         result = swr_init(resampler);
@@ -81,10 +80,8 @@ void AudioResampler::addSilence(std::int64_t samples, const Sink& sink) {
     while (samples > 0) {
         const int part = static_cast<int>(std::min<std::int64_t>(samples, frameSize_));
         const FramePtr silence = newSamples(part);
-        av_samples_set_silence(silence->extended_data, 0, part, encoder_.ch_layout.nb_channels,
-                               encoder_.sample_fmt);
-        const std::int64_t kept =
-            std::exchange(toDrop_, 0); // what is to be dropped is the source's, not this
+        av_samples_set_silence(silence->extended_data, 0, part, encoder_.ch_layout.nb_channels, encoder_.sample_fmt);
+        const std::int64_t kept = std::exchange(toDrop_, 0);  // what is to be dropped is the source's, not this
         store(silence->extended_data, part, sink);
         toDrop_ = kept;
         samples -= part;
@@ -96,8 +93,8 @@ void AudioResampler::convert(const std::uint8_t* const* data, int samples, const
     if (room <= 0)
         return;
     const FramePtr out = newSamples(room);
-    const int made = swr_convert(resampler_.get(), out->extended_data, room,
-                                 const_cast<const std::uint8_t**>(data), samples); // swr only reads
+    const int made = swr_convert(resampler_.get(), out->extended_data, room, const_cast<const std::uint8_t**>(data),
+                                 samples);  // swr only reads
     if (made < 0)
         fail(FailureCode::Internal, made, "The sound cannot be converted");
     store(out->extended_data, made, sink);
@@ -141,10 +138,9 @@ FramePtr AudioResampler::newSamples(int samples) const {
     frame->nb_samples = samples;
     frame->format = encoder_.sample_fmt;
     frame->sample_rate = encoder_.sample_rate;
-    if (av_channel_layout_copy(&frame->ch_layout, &encoder_.ch_layout) < 0 ||
-        av_frame_get_buffer(frame.get(), 0) < 0)
+    if (av_channel_layout_copy(&frame->ch_layout, &encoder_.ch_layout) < 0 || av_frame_get_buffer(frame.get(), 0) < 0)
         throw std::bad_alloc();
     return frame;
 }
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -1,9 +1,10 @@
 #pragma once
 
-#include <MediaServer/Media/AV.h>
-#include <MediaServer/Media/AudioFormat.h>
 #include <cstdint>
 #include <functional>
+
+#include <MediaServer/Media/AV.h>
+#include <MediaServer/Media/AudioFormat.h>
 
 namespace krv::media {
 
@@ -43,9 +44,9 @@ private:
     int sourceRate_ = 0;
     ChannelLayout sourceLayout_;
     AudioFifoPtr fifo_;
-    std::int64_t stored_ = 0; // samples that have gone into the queue so far
-    std::int64_t given_ = 0;  // samples that have come out of it
-    std::int64_t toDrop_ = 0; // samples of the source that overlap what there is already
+    std::int64_t stored_ = 0;  // samples that have gone into the queue so far
+    std::int64_t given_ = 0;   // samples that have come out of it
+    std::int64_t toDrop_ = 0;  // samples of the source that overlap what there is already
 };
 
-} // namespace krv::media
+}  // namespace krv::media

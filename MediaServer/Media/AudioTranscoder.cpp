@@ -8,11 +8,9 @@ AudioTranscoder::AudioTranscoder(const Source& source, const AVStream& from, con
     , decoder_(from) {}
 
 void AudioTranscoder::open(OutputFile& output) {
-    encoder_.emplace(EncoderSession::Request{request_.codec, request_.quality, request_.settings,
-                                             hasHighResolution(from_)},
-                     output, [this](AVCodecContext& context) {
-                         chooseAudioFormat(context, from_, request_.settings, request_.codec);
-                     });
+    encoder_.emplace(
+        EncoderSession::Request{request_.codec, request_.quality, request_.settings, hasHighResolution(from_)}, output,
+        [this](AVCodecContext& context) { chooseAudioFormat(context, from_, request_.settings, request_.codec); });
     resampler_.emplace(encoder_->context(), from_.time_base,
                        av_rescale_q(source_.lastPlausibleTime(), kMicroseconds, from_.time_base));
     copyTrackMetadata(from_, encoder_->stream(), output.container());
@@ -31,4 +29,4 @@ void AudioTranscoder::finish() {
     encoder_->finish();
 }
 
-} // namespace krv::media
+}  // namespace krv::media

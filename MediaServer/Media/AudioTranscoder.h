@@ -1,12 +1,13 @@
 #pragma once
 
+#include <deque>
+#include <optional>
+
 #include <MediaServer/Media/AudioResampler.h>
 #include <MediaServer/Media/Decoder.h>
 #include <MediaServer/Media/EncoderSession.h>
 #include <MediaServer/Media/Source.h>
 #include <MediaServer/Media/Track.h>
-#include <deque>
-#include <optional>
 
 namespace krv::media {
 
@@ -36,4 +37,4 @@ private:
     std::optional<AudioResampler> resampler_;
 };
 
-} // namespace krv::media
+}  // namespace krv::media

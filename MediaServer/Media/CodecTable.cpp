@@ -1,8 +1,9 @@
+#include <algorithm>
+#include <cctype>
+
 #include <MediaServer/Media/CodecTable.h>
 #include <MediaServer/Media/Failure.h>
 #include <MediaServer/Media/FourCC.h>
-#include <algorithm>
-#include <cctype>
 #include <fmt/format.h>
 
 namespace krv::media {
@@ -66,27 +67,23 @@ constexpr std::array<Codec, 16> kCodecs{{
 }};
 // clang-format on
 
-} // namespace
+}  // namespace
 
 std::string fourCCText(std::uint32_t code) {
     std::string text;
     for (int shift = 24; shift >= 0; shift -= 8)
         text += static_cast<char>(code >> shift & 0xff);
-    const bool printable =
-        std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isprint(c) != 0; });
+    const bool printable = std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isprint(c) != 0; });
     return printable ? fmt::format("“{}”", text) : fmt::format("0x{:08x}", code);
 }
 
 const Codec& codecForFourCC(std::uint32_t code, AVMediaType type) {
-    const auto found =
-        std::find_if(kCodecs.begin(), kCodecs.end(), [&](const Codec& c) { return c.fourCC == code; });
+    const auto found = std::find_if(kCodecs.begin(), kCodecs.end(), [&](const Codec& c) { return c.fourCC == code; });
     if (found == kCodecs.end())
-        throw Failure(FailureCode::Unsupported,
-                      fmt::format("The codec {} is not supported.", fourCCText(code)));
+        throw Failure(FailureCode::Unsupported, fmt::format("The codec {} is not supported.", fourCCText(code)));
     if (found->type != type)
-        throw Failure(FailureCode::Unsupported,
-                      fmt::format("The codec {} is not one for {}.", fourCCText(code),
-                                  type == AVMEDIA_TYPE_VIDEO ? "video" : "audio"));
+        throw Failure(FailureCode::Unsupported, fmt::format("The codec {} is not one for {}.", fourCCText(code),
+                                                            type == AVMEDIA_TYPE_VIDEO ? "video" : "audio"));
     return *found;
 }
 
@@ -103,4 +100,4 @@ double scaledQuality(const QualityScale& scale, double quality) noexcept {
     return quality <= 0 ? scale.standard : scale.worst + quality * (scale.best - scale.worst);
 }
 
-} // namespace krv::media
+}  // namespace krv::media

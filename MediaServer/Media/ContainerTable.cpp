@@ -1,11 +1,12 @@
-#include <MediaServer/Media/ContainerTable.h>
-#include <MediaServer/Media/Failure.h>
-#include <MediaServer/Media/FourCC.h>
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <fmt/format.h>
 #include <initializer_list>
+
+#include <MediaServer/Media/ContainerTable.h>
+#include <MediaServer/Media/Failure.h>
+#include <MediaServer/Media/FourCC.h>
+#include <fmt/format.h>
 
 namespace krv::media {
 namespace {
@@ -35,30 +36,30 @@ bool among(AVCodecID codec, std::initializer_list<AVCodecID> list) {
     return std::find(list.begin(), list.end(), codec) != list.end();
 }
 
-} // namespace
+}  // namespace
 
 bool Container::holds(AVCodecID codec) const {
     if (extension == "m4a")
         return among(codec, {AV_CODEC_ID_AAC, AV_CODEC_ID_ALAC, AV_CODEC_ID_AC3});
     if (extension == "wav")
-        return among(codec, {AV_CODEC_ID_PCM_S16LE, AV_CODEC_ID_PCM_S24LE, AV_CODEC_ID_PCM_S32LE,
-                             AV_CODEC_ID_PCM_U8, AV_CODEC_ID_PCM_F32LE, AV_CODEC_ID_PCM_F64LE,
-                             AV_CODEC_ID_PCM_ALAW, AV_CODEC_ID_PCM_MULAW});
+        return among(codec,
+                     {AV_CODEC_ID_PCM_S16LE, AV_CODEC_ID_PCM_S24LE, AV_CODEC_ID_PCM_S32LE, AV_CODEC_ID_PCM_U8,
+                      AV_CODEC_ID_PCM_F32LE, AV_CODEC_ID_PCM_F64LE, AV_CODEC_ID_PCM_ALAW, AV_CODEC_ID_PCM_MULAW});
     if (extension == "mp3")
         return codec == AV_CODEC_ID_MP3;
     if (extension == "flac")
         return codec == AV_CODEC_ID_FLAC;
     if (extension == "ogg")
-        return among(codec, {AV_CODEC_ID_OPUS, AV_CODEC_ID_VORBIS, AV_CODEC_ID_FLAC, AV_CODEC_ID_SPEEX,
-                             AV_CODEC_ID_THEORA});
+        return among(codec,
+                     {AV_CODEC_ID_OPUS, AV_CODEC_ID_VORBIS, AV_CODEC_ID_FLAC, AV_CODEC_ID_SPEEX, AV_CODEC_ID_THEORA});
     if (extension == "webm")
-        return among(codec, {AV_CODEC_ID_VP8, AV_CODEC_ID_VP9, AV_CODEC_ID_AV1, AV_CODEC_ID_OPUS,
-                             AV_CODEC_ID_VORBIS, AV_CODEC_ID_WEBVTT});
+        return among(codec, {AV_CODEC_ID_VP8, AV_CODEC_ID_VP9, AV_CODEC_ID_AV1, AV_CODEC_ID_OPUS, AV_CODEC_ID_VORBIS,
+                             AV_CODEC_ID_WEBVTT});
     if (extension == "mka" && avcodec_get_type(codec) != AVMEDIA_TYPE_AUDIO)
         return false;
     // The muxer lists these for its whole family, and then refuses them in this member of it.
-    if (extension == "mov" && among(codec, {AV_CODEC_ID_VP9, AV_CODEC_ID_AV1, AV_CODEC_ID_OPUS,
-                                            AV_CODEC_ID_FLAC, AV_CODEC_ID_TRUEHD}))
+    if (extension == "mov" &&
+        among(codec, {AV_CODEC_ID_VP9, AV_CODEC_ID_AV1, AV_CODEC_ID_OPUS, AV_CODEC_ID_FLAC, AV_CODEC_ID_TRUEHD}))
         return false;
     if ((extension == "mp4" || extension == "m4v") && codec == AV_CODEC_ID_TRUEHD)
         return false;
@@ -76,10 +77,9 @@ const Container& containerForPath(const std::string& path) {
                                     [&](const Container& c) { return c.extension == extension; });
     if (found == kContainers.end())
         throw Failure(FailureCode::Unsupported,
-                      extension.empty()
-                          ? std::string("The file name has no extension that names a container.")
-                          : fmt::format("The container “{}” is not supported.", extension));
+                      extension.empty() ? std::string("The file name has no extension that names a container.")
+                                        : fmt::format("The container “{}” is not supported.", extension));
     return *found;
 }
 
-} // namespace krv::media
+}  // namespace krv::media

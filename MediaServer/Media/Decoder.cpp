@@ -1,8 +1,9 @@
+#include <algorithm>
+#include <thread>
+
 #include <MediaServer/Media/Decoder.h>
 #include <MediaServer/Media/Failure.h>
-#include <algorithm>
 #include <fmt/format.h>
-#include <thread>
 
 namespace krv::media {
 
@@ -14,12 +15,11 @@ Decoder::Decoder(const AVStream& stream) {
     const char* name = avcodec_get_name(stream.codecpar->codec_id);
     const AVCodec* codec = avcodec_find_decoder(stream.codecpar->codec_id);
     if (!codec)
-        throw Failure(FailureCode::Unsupported,
-                      fmt::format("The source's codec “{}” cannot be decoded.", name));
+        throw Failure(FailureCode::Unsupported, fmt::format("The source's codec “{}” cannot be decoded.", name));
     context_.reset(notNull(avcodec_alloc_context3(codec)));
     int result = avcodec_parameters_to_context(context_.get(), stream.codecpar);
     if (result >= 0) {
-        context_->pkt_timebase = stream.time_base; // without it encoder delay is not cut off exactly
+        context_->pkt_timebase = stream.time_base;  // without it encoder delay is not cut off exactly
         context_->thread_count = coreCount();
         result = avcodec_open2(context_.get(), codec, nullptr);
     }
@@ -59,4 +59,4 @@ void Decoder::receive(const Sink& sink) {
     }
 }
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -1,7 +1,8 @@
 #pragma once
 
-#include <MediaServer/Media/AV.h>
 #include <functional>
+
+#include <MediaServer/Media/AV.h>
 
 namespace krv::media {
 
@@ -30,4 +31,4 @@ private:
 /// How many threads a codec or filter may use: one per core.
 [[nodiscard]] int coreCount() noexcept;
 
-} // namespace krv::media
+}  // namespace krv::media

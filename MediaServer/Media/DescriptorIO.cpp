@@ -1,17 +1,19 @@
-#include <MediaServer/Media/AV.h>
-#include <MediaServer/Media/DescriptorIO.h>
 #include <cerrno>
 #include <cstdio>
+#include <utility>
+
 #include <sys/stat.h>
 #include <unistd.h>
-#include <utility>
+
+#include <MediaServer/Media/AV.h>
+#include <MediaServer/Media/DescriptorIO.h>
 
 namespace krv::media {
 namespace {
 
 constexpr int kBufferSize = 256 * 1024;
 
-} // namespace
+}  // namespace
 
 DescriptorIO::DescriptorIO(int descriptor, Mode mode, std::function<void(std::int64_t)> activity)
     : descriptor_(descriptor)
@@ -27,7 +29,7 @@ DescriptorIO::DescriptorIO(int descriptor, Mode mode, std::function<void(std::in
 }
 
 DescriptorIO::~DescriptorIO() {
-    av_freep(&context_->buffer); // FFmpeg may have put a buffer of another size in its place
+    av_freep(&context_->buffer);  // FFmpeg may have put a buffer of another size in its place
     avio_context_free(&context_);
 }
 
@@ -53,8 +55,8 @@ int DescriptorIO::readSome(void* opaque, std::uint8_t* buffer, int size) {
 int DescriptorIO::writeAll(void* opaque, std::uint8_t* buffer, int size) {
     auto& self = *static_cast<DescriptorIO*>(opaque);
     for (int written = 0; written < size;) {
-        const ssize_t put = pwrite(self.descriptor_, buffer + written,
-                                   static_cast<std::size_t>(size - written), self.position_);
+        const ssize_t put =
+            pwrite(self.descriptor_, buffer + written, static_cast<std::size_t>(size - written), self.position_);
         if (put < 0 && errno == EINTR)
             continue;
         if (put <= 0) {
@@ -92,4 +94,4 @@ std::int64_t DescriptorIO::seek(void* opaque, std::int64_t offset, int whence) {
     return target;
 }
 
-} // namespace krv::media
+}  // namespace krv::media

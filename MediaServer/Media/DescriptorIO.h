@@ -38,4 +38,4 @@ private:
     AVIOContext* context_ = nullptr;
 };
 
-} // namespace krv::media
+}  // namespace krv::media

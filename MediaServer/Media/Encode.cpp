@@ -1,3 +1,8 @@
+#include <algorithm>
+#include <deque>
+#include <memory>
+#include <vector>
+
 #include <MediaServer/Media/AudioTranscoder.h>
 #include <MediaServer/Media/Encode.h>
 #include <MediaServer/Media/EncodingType.h>
@@ -11,15 +16,12 @@
 #include <MediaServer/Media/StreamPlan.h>
 #include <MediaServer/Media/SubtitleConverter.h>
 #include <MediaServer/Media/VideoTranscoder.h>
-#include <deque>
-#include <memory>
-#include <vector>
 
 namespace krv::media {
 namespace {
 
 // How many packets may be kept back, in bytes, while a stream still has to show its first picture.
-constexpr std::int64_t kMostQueuedBytes = 64 * 1024 * 1024;
+constexpr std::int64_t kMostQueuedBytes = std::int64_t{64} << 20;
 
 // Where the phases end. Moving the index to the front reads and writes everything once more, which counts
 // where the streams were only copied.
@@ -104,8 +106,7 @@ private:
                                          request_.video ? request_.video->fps : 0, videoSettings_});
         return std::make_unique<AudioTranscoder>(
             source, from,
-            AudioTranscoder::Request{*plan.codec, request_.audio ? request_.audio->quality : 0,
-                                     audioSettings_});
+            AudioTranscoder::Request{*plan.codec, request_.audio ? request_.audio->quality : 0, audioSettings_});
     }
 
     // Reads until every track knows what it will write. Packets of tracks that know already are kept for
@@ -114,8 +115,7 @@ private:
         std::deque<PacketPtr> queued;
         std::int64_t bytes = 0;
         const auto waiting = [this] {
-            return std::any_of(tracks_.begin(), tracks_.end(),
-                               [](const auto& track) { return !track->ready(); });
+            return std::any_of(tracks_.begin(), tracks_.end(), [](const auto& track) { return !track->ready(); });
         };
         while (waiting() && bytes < kMostQueuedBytes) {
             PacketPtr packet = newPacket();
@@ -160,10 +160,10 @@ private:
     Settings audioSettings_;
     bool encodes_ = false;
     std::vector<std::unique_ptr<Track>> tracks_;
-    std::vector<Track*> byIndex_; // by index of the source's stream; null: not read
+    std::vector<Track*> byIndex_;  // by index of the source's stream; null: not read
 };
 
-} // namespace
+}  // namespace
 
 void encode(const EncodeRequest& request, ProgressSink& sink) {
     FFmpegLog::instance().clear();
@@ -175,4 +175,4 @@ void encode(const EncodeRequest& request, ProgressSink& sink) {
     }
 }
 
-} // namespace krv::media
+}  // namespace krv::media

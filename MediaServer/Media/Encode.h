@@ -11,4 +11,4 @@ namespace krv::media {
 /// Failure, with the file named, or std::bad_alloc; the destination's content is worthless then.
 void encode(const EncodeRequest& request, ProgressSink& sink);
 
-} // namespace krv::media
+}  // namespace krv::media

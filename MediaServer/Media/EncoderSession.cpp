@@ -1,11 +1,12 @@
-#include <MediaServer/Media/EncoderSession.h>
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
-#include <fmt/format.h>
 #include <string>
+
+#include <MediaServer/Media/EncoderSession.h>
+#include <fmt/format.h>
 
 extern "C" {
 #include <libavutil/opt.h>
@@ -81,35 +82,30 @@ void applyBitRate(AVCodecContext& context, const Encoder& encoder, std::int64_t 
 // A request may set what the encoder itself knows, and of FFmpeg's general options those for encoding its
 // kind.
 void applyOption(AVCodecContext& context, const std::string& key, const std::string& value) {
-    const int kind =
-        context.codec_type == AVMEDIA_TYPE_VIDEO ? AV_OPT_FLAG_VIDEO_PARAM : AV_OPT_FLAG_AUDIO_PARAM;
+    const int kind = context.codec_type == AVMEDIA_TYPE_VIDEO ? AV_OPT_FLAG_VIDEO_PARAM : AV_OPT_FLAG_AUDIO_PARAM;
     void* target = nullptr;
     if (context.codec->priv_class && av_opt_find(context.priv_data, key.c_str(), nullptr, 0, 0))
         target = context.priv_data;
-    else if (const AVOption* option =
-                 av_opt_find(&context, key.c_str(), nullptr, AV_OPT_FLAG_ENCODING_PARAM, 0);
+    else if (const AVOption* option = av_opt_find(&context, key.c_str(), nullptr, AV_OPT_FLAG_ENCODING_PARAM, 0);
              option && (option->flags & kind))
         target = &context;
     if (!target)
-        throw Failure(
-            FailureCode::Unsupported,
-            fmt::format("The setting “{}” is not known to the encoder {}.", key, context.codec->name));
+        throw Failure(FailureCode::Unsupported,
+                      fmt::format("The setting “{}” is not known to the encoder {}.", key, context.codec->name));
     // Lists are added to, since they hold entries of ours already.
     const AVOption* option = av_opt_find(target, key.c_str(), nullptr, 0, 0);
     int result = 0;
     if (const auto equals = value.find('='); option->type == AV_OPT_TYPE_DICT && equals != std::string::npos)
-        result =
-            addToListOption(target, key.c_str(), value.substr(0, equals).c_str(), value.c_str() + equals + 1);
+        result = addToListOption(target, key.c_str(), value.substr(0, equals).c_str(), value.c_str() + equals + 1);
     else
         result = av_opt_set(target, key.c_str(), value.c_str(), 0);
     if (result < 0)
-        throw Failure(FailureCode::Unsupported,
-                      fmt::format("The encoder {} does not take the setting “{}={}”.", context.codec->name,
-                                  key, value));
+        throw Failure(FailureCode::Unsupported, fmt::format("The encoder {} does not take the setting “{}={}”.",
+                                                            context.codec->name, key, value));
 }
 
-CodecContextPtr openEncoder(const char* name, const EncoderSession::Request& request,
-                            const OutputFile& output, const EncoderSession::Prepare& prepare, int& result) {
+CodecContextPtr openEncoder(const char* name, const EncoderSession::Request& request, const OutputFile& output,
+                            const EncoderSession::Prepare& prepare, int& result) {
     const Encoder& row = encoderNamed(name);
     const AVCodec* codec = avcodec_find_encoder_by_name(name);
     if (!codec) {
@@ -147,7 +143,7 @@ const char* exactName(const char* name, bool highResolution) {
     return name;
 }
 
-} // namespace
+}  // namespace
 
 EncoderSession::EncoderSession(const Request& request, OutputFile& output, const Prepare& prepare)
     : output_(output) {
@@ -174,7 +170,7 @@ EncoderSession::EncoderSession(const Request& request, OutputFile& output, const
 void EncoderSession::encode(AVFrame& frame) {
     if (context_->codec_type == AVMEDIA_TYPE_VIDEO)
         durations_[frame.pts] = frame.pkt_duration;
-    frame.quality = context_->global_quality; // some encoders with a fixed quantiser look for it here
+    frame.quality = context_->global_quality;  // some encoders with a fixed quantiser look for it here
     send(&frame);
 }
 
@@ -215,4 +211,4 @@ void EncoderSession::makeTimesValid(AVPacket& packet) {
     lastDts_ = packet.dts;
 }
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -1,13 +1,14 @@
 #pragma once
 
-#include <MediaServer/Media/AV.h>
-#include <MediaServer/Media/CodecTable.h>
-#include <MediaServer/Media/OutputFile.h>
-#include <MediaServer/Media/Settings.h>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
+
+#include <MediaServer/Media/AV.h>
+#include <MediaServer/Media/CodecTable.h>
+#include <MediaServer/Media/OutputFile.h>
+#include <MediaServer/Media/Settings.h>
 
 namespace krv::media {
 
@@ -16,9 +17,9 @@ class EncoderSession {
 public:
     struct Request {
         const Codec& codec;
-        float quality; ///< in [0, 1], 0: standard
+        float quality;  ///< in [0, 1], 0: standard
         const Settings& settings;
-        bool highResolution = false; ///< for PCM: 24 bits instead of 16
+        bool highResolution = false;  ///< for PCM: 24 bits instead of 16
     };
     /// Fills in what the media demand (size, formats, rates, time base) before the encoder is opened. Gets
     /// the encoder, of whose formats it may have to choose.
@@ -45,7 +46,7 @@ private:
     AVStream* stream_ = nullptr;
     PacketPtr packet_ = newPacket();
     std::optional<std::int64_t> lastDts_;
-    std::map<std::int64_t, std::int64_t> durations_; // by time, of the frames that are inside the encoder
+    std::map<std::int64_t, std::int64_t> durations_;  // by time, of the frames that are inside the encoder
 };
 
-} // namespace krv::media
+}  // namespace krv::media

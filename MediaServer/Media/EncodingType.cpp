@@ -1,8 +1,9 @@
+#include <algorithm>
+#include <array>
+
 #include <MediaServer/Media/EncodingType.h>
 #include <MediaServer/Media/Failure.h>
 #include <MediaServer/Media/FourCC.h>
-#include <algorithm>
-#include <array>
 #include <fmt/format.h>
 
 namespace krv::media {
@@ -23,15 +24,14 @@ constexpr std::array<EncodingType, 8> kTypes{{
 }};
 // clang-format on
 
-} // namespace
+}  // namespace
 
 const EncodingType& encodingTypeNumbered(std::int32_t number) {
     const auto found =
         std::find_if(kTypes.begin(), kTypes.end(), [&](const EncodingType& t) { return t.number == number; });
     if (found == kTypes.end())
-        throw Failure(FailureCode::Unsupported,
-                      fmt::format("The encoding type {} is not supported.", number));
+        throw Failure(FailureCode::Unsupported, fmt::format("The encoding type {} is not supported.", number));
     return *found;
 }
 
-} // namespace krv::media
+}  // namespace krv::media

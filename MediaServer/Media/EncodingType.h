@@ -7,11 +7,11 @@ namespace krv::media {
 /// What a request's encodingType asks for. One row per type.
 struct EncodingType {
     enum class Codec {
-        Copy,      ///< copied where the container allows, else the container's default codec
-        Settings,  ///< as the request's settings say, else the container's default codec
-        Fixed,     ///< the codec of the row
-        Preferred, ///< the codec of the row where the container allows, else the container's default codec
-        None,      ///< left out
+        Copy,       ///< copied where the container allows, else the container's default codec
+        Settings,   ///< as the request's settings say, else the container's default codec
+        Fixed,      ///< the codec of the row
+        Preferred,  ///< the codec of the row where the container allows, else the container's default codec
+        None,       ///< left out
     };
     std::int32_t number;
     const char* name;
@@ -24,4 +24,4 @@ struct EncodingType {
 /// Throws Failure Unsupported naming the number.
 [[nodiscard]] const EncodingType& encodingTypeNumbered(std::int32_t number);
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -1,7 +1,8 @@
-#include <MediaServer/Media/FFmpegLog.h>
 #include <algorithm>
 #include <array>
 #include <string_view>
+
+#include <MediaServer/Media/FFmpegLog.h>
 
 extern "C" {
 #include <libavutil/log.h>
@@ -21,10 +22,10 @@ std::string_view withoutPrefix(std::string_view line) {
     return line;
 }
 
-} // namespace
+}  // namespace
 
 FFmpegLog& FFmpegLog::instance() {
-    static auto* const log = new FFmpegLog(); // codec threads may log until the very end of the process
+    static auto* const log = new FFmpegLog();  // codec threads may log until the very end of the process
     return *log;
 }
 
@@ -54,8 +55,8 @@ void FFmpegLog::add(void* object, int level, const char* format, va_list argumen
     std::array<char, 1024> text{};
     const std::lock_guard lock(mutex_);
     int withPrefix = partial_.empty() ? 1 : 0;
-    if (av_log_format_line2(object, level, format, arguments, text.data(), static_cast<int>(text.size()),
-                            &withPrefix) < 0)
+    if (av_log_format_line2(object, level, format, arguments, text.data(), static_cast<int>(text.size()), &withPrefix) <
+        0)
         return;
     partial_ += text.data();
     if (!partial_.ends_with('\n') && partial_.size() < 4096)
@@ -69,4 +70,4 @@ void FFmpegLog::add(void* object, int level, const char* format, va_list argumen
         (level <= AV_LOG_ERROR ? error_ : warning_) = std::move(line);
 }
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -30,4 +30,4 @@ private:
     std::string warning_;
 };
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -1,7 +1,8 @@
-#include <MediaServer/Media/Failure.h>
 #include <array>
-#include <fmt/format.h>
 #include <new>
+
+#include <MediaServer/Media/Failure.h>
+#include <fmt/format.h>
 
 extern "C" {
 #include <libavutil/error.h>
@@ -20,8 +21,7 @@ std::string sentence(FailureCode code, const std::string& path) {
     case FailureCode::UnwritableDestination:
         return fmt::format("“{}” could not be written.", name);
     case FailureCode::Unsupported:
-        return fmt::format("“{}” could not be made because something that was asked for is not supported.",
-                           name);
+        return fmt::format("“{}” could not be made because something that was asked for is not supported.", name);
     case FailureCode::BadArgument:
         return fmt::format("“{}” could not be made because the request is not valid.", name);
     case FailureCode::Internal:
@@ -30,7 +30,7 @@ std::string sentence(FailureCode code, const std::string& path) {
     return fmt::format("“{}” could not be converted because of an unexpected problem.", name);
 }
 
-} // namespace
+}  // namespace
 
 Failure::Failure(FailureCode code, std::string reason)
     : code_(code)
@@ -57,4 +57,4 @@ void fail(FailureCode code, int averror, const std::string& attempt) {
     throw Failure(code, fmt::format("{}: {}", attempt, line.empty() ? errorText(averror) : line));
 }
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -7,11 +7,11 @@ namespace krv::media {
 
 /// Why an operation failed, in the numbers that the server's replies carry.
 enum class FailureCode : int {
-    UnusableSource = 4,        ///< not media, empty, or too damaged
-    UnwritableDestination = 5, ///< the output could not be written
-    Unsupported = 6,           ///< container, codec, quality or setting; the reason names it
-    Internal = 8,              ///< a failure that neither the file nor the request explains
-    BadArgument = 9,           ///< an argument of the wrong kind
+    UnusableSource = 4,         ///< not media, empty, or too damaged
+    UnwritableDestination = 5,  ///< the output could not be written
+    Unsupported = 6,            ///< container, codec, quality or setting; the reason names it
+    Internal = 8,               ///< a failure that neither the file nor the request explains
+    BadArgument = 9,            ///< an argument of the wrong kind
 };
 
 /// Thrown by every operation of this library. The place that finds the problem knows the code and the cause;
@@ -47,4 +47,4 @@ private:
 /// Failure whose reason is the last meaningful line of FFmpeg's log, or failing that the error number's text.
 [[noreturn]] void fail(FailureCode code, int averror, const std::string& attempt);
 
-} // namespace krv::media
+}  // namespace krv::media

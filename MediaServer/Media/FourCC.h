@@ -16,4 +16,4 @@ namespace krv::media {
 /// The code in quotation marks, or in hexadecimal when it is not printable.
 [[nodiscard]] std::string fourCCText(std::uint32_t code);
 
-} // namespace krv::media
+}  // namespace krv::media

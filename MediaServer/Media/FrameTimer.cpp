@@ -1,5 +1,6 @@
-#include <MediaServer/Media/FrameTimer.h>
 #include <algorithm>
+
+#include <MediaServer/Media/FrameTimer.h>
 
 namespace krv::media {
 
@@ -12,7 +13,7 @@ void FrameTimer::push(FramePtr frame, const Sink& sink) {
     const std::int64_t sourceTime = frame->pts == AV_NOPTS_VALUE ? unknown : frame->pts;
     const std::int64_t time = toEncoder(sourceTime);
     if (time < 0)
-        return; // before the movie begins
+        return;  // before the movie begins
     if (held_) {
         // Two pictures for one moment: at a constant rate the later one is nearer, else the first keeps its
         // place.
@@ -58,4 +59,4 @@ void FrameTimer::emitUntil(std::int64_t next, const Sink& sink) {
     }
 }
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -1,9 +1,10 @@
 #pragma once
 
-#include <MediaServer/Media/AV.h>
 #include <cstdint>
 #include <functional>
 #include <optional>
+
+#include <MediaServer/Media/AV.h>
 
 namespace krv::media {
 
@@ -18,11 +19,11 @@ public:
     using Sink = std::function<void(FramePtr)>;
 
     struct Timing {
-        AVRational source;    ///< unit of the pictures that come in
-        AVRational encoder;   ///< unit of those that go out; with a rate, its inverse
-        bool constant;        ///< whether there is a rate
-        std::int64_t typical; ///< how long a picture is shown if nothing else is known, in source units
-        std::int64_t end;     ///< no picture is repeated beyond this time, in source units
+        AVRational source;     ///< unit of the pictures that come in
+        AVRational encoder;    ///< unit of those that go out; with a rate, its inverse
+        bool constant;         ///< whether there is a rate
+        std::int64_t typical;  ///< how long a picture is shown if nothing else is known, in source units
+        std::int64_t end;      ///< no picture is repeated beyond this time, in source units
     };
 
     explicit FrameTimer(const Timing& timing);
@@ -36,10 +37,10 @@ private:
 
     const Timing timing_;
     FramePtr held_;
-    std::int64_t heldTime_ = 0;       // in encoder units
-    std::int64_t heldSourceTime_ = 0; // in source units
-    std::int64_t heldDuration_ = 0;   // in source units
+    std::int64_t heldTime_ = 0;        // in encoder units
+    std::int64_t heldSourceTime_ = 0;  // in source units
+    std::int64_t heldDuration_ = 0;    // in source units
     bool emitted_ = false;
 };
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -1,8 +1,9 @@
-#include <MediaServer/Media/HDRMetadata.h>
 #include <cmath>
 #include <cstring>
-#include <fmt/format.h>
 #include <string_view>
+
+#include <MediaServer/Media/HDRMetadata.h>
+#include <fmt/format.h>
 
 extern "C" {
 #include <libavutil/mastering_display_metadata.h>
@@ -30,13 +31,12 @@ long scaled(AVRational value, int unit) {
     return std::lround(av_q2d(value) * unit);
 }
 
-} // namespace
+}  // namespace
 
 HDRMetadata::HDRMetadata(const AVStream& stream, const AVFrame& frame)
-    : mastering_(find(stream, frame, AV_PKT_DATA_MASTERING_DISPLAY_METADATA,
-                      AV_FRAME_DATA_MASTERING_DISPLAY_METADATA, masteringSize_))
-    , light_(find(stream, frame, AV_PKT_DATA_CONTENT_LIGHT_LEVEL, AV_FRAME_DATA_CONTENT_LIGHT_LEVEL,
-                  lightSize_)) {}
+    : mastering_(find(stream, frame, AV_PKT_DATA_MASTERING_DISPLAY_METADATA, AV_FRAME_DATA_MASTERING_DISPLAY_METADATA,
+                      masteringSize_))
+    , light_(find(stream, frame, AV_PKT_DATA_CONTENT_LIGHT_LEVEL, AV_FRAME_DATA_CONTENT_LIGHT_LEVEL, lightSize_)) {}
 
 void HDRMetadata::describeTo(AVCodecContext& encoder) const {
     if (std::string_view(encoder.codec->name) != "libx265")
@@ -46,16 +46,16 @@ void HDRMetadata::describeTo(AVCodecContext& encoder) const {
     };
     if (mastering_) {
         const auto& m = *static_cast<const AVMasteringDisplayMetadata*>(mastering_);
-        constexpr int kPoint = 50000;     // the units of the coded message: 0.00002 of a coordinate,
-        constexpr int kLuminance = 10000; // and 0.0001 cd/m²
+        constexpr int kPoint = 50000;      // the units of the coded message: 0.00002 of a coordinate,
+        constexpr int kLuminance = 10000;  // and 0.0001 cd/m²
         const auto& p = m.display_primaries;
         if (m.has_primaries && m.has_luminance)
             add("master-display",
                 fmt::format("G({},{})B({},{})R({},{})WP({},{})L({},{})", scaled(p[1][0], kPoint),
                             scaled(p[1][1], kPoint), scaled(p[2][0], kPoint), scaled(p[2][1], kPoint),
-                            scaled(p[0][0], kPoint), scaled(p[0][1], kPoint),
-                            scaled(m.white_point[0], kPoint), scaled(m.white_point[1], kPoint),
-                            scaled(m.max_luminance, kLuminance), scaled(m.min_luminance, kLuminance)));
+                            scaled(p[0][0], kPoint), scaled(p[0][1], kPoint), scaled(m.white_point[0], kPoint),
+                            scaled(m.white_point[1], kPoint), scaled(m.max_luminance, kLuminance),
+                            scaled(m.min_luminance, kLuminance)));
     }
     if (light_) {
         const auto& level = *static_cast<const AVContentLightMetadata*>(light_);
@@ -77,4 +77,4 @@ int addToListOption(void* object, const char* option, const char* key, const cha
     return av_opt_set_dict_val(object, option, entries.get(), 0);
 }
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -25,4 +25,4 @@ private:
 /// Adds one entry to an option of an encoder that is a list of "key=value" itself. Returns FFmpeg's result.
 int addToListOption(void* object, const char* option, const char* key, const char* value);
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -1,8 +1,9 @@
-#include <MediaServer/Media/Language.h>
 #include <algorithm>
 #include <array>
 #include <string_view>
 #include <utility>
+
+#include <MediaServer/Media/Language.h>
 
 namespace krv::media {
 
@@ -20,4 +21,4 @@ std::string quickTimeLanguage(const std::string& code) {
     return found == kForms.end() ? code : std::string(found->second);
 }
 
-} // namespace krv::media
+}  // namespace krv::media

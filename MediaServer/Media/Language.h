@@ -9,4 +9,4 @@ namespace krv::media {
 /// would be lost. Codes that need no translation come back as they are.
 [[nodiscard]] std::string quickTimeLanguage(const std::string& code);
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -1,19 +1,19 @@
-#include <MediaServer/Media/Language.h>
-#include <MediaServer/Media/Metadata.h>
 #include <algorithm>
 #include <array>
 #include <cstring>
 #include <string_view>
 
+#include <MediaServer/Media/Language.h>
+#include <MediaServer/Media/Metadata.h>
+
 namespace krv::media {
 namespace {
 
 // Tags that describe the source file itself and would be untrue of another.
-constexpr std::array<std::string_view, 7> kFileTags{"major_brand", "minor_version", "compatible_brands",
-                                                    "encoder",     "vendor_id",     "_STATISTICS_TAGS",
-                                                    "DURATION"};
-constexpr std::array<std::string_view, 5> kStatistics{"BPS", "DURATION-", "NUMBER_OF_FRAMES",
-                                                      "NUMBER_OF_BYTES", "_STATISTICS_"};
+constexpr std::array<std::string_view, 7> kFileTags{"major_brand", "minor_version",    "compatible_brands", "encoder",
+                                                    "vendor_id",   "_STATISTICS_TAGS", "DURATION"};
+constexpr std::array<std::string_view, 5> kStatistics{"BPS", "DURATION-", "NUMBER_OF_FRAMES", "NUMBER_OF_BYTES",
+                                                      "_STATISTICS_"};
 
 bool describesTheFile(std::string_view key) {
     return std::find(kFileTags.begin(), kFileTags.end(), key) != kFileTags.end() ||
@@ -55,7 +55,7 @@ void copySideData(const AVStream& from, AVStream& to, AVPacketSideDataType type)
         std::memcpy(notNull(av_stream_new_side_data(&to, type, size)), data, size);
 }
 
-} // namespace
+}  // namespace
 
 void copyMovieMetadata(const Source& source, OutputFile& output) {
     copyTags(source.format().metadata, &output.format().metadata);
@@ -82,4 +82,4 @@ void copyAllSideData(const AVStream& from, AVStream& to) {
         copySideData(from, to, from.side_data[i].type);
 }
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -19,4 +19,4 @@ void copyPictureSideData(const AVStream& from, AVStream& to, bool displayMatrix)
 /// All of a stream's side data, for a stream that is copied.
 void copyAllSideData(const AVStream& from, AVStream& to);
 
-} // namespace krv::media
+}  // namespace krv::media

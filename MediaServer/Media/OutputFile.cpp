@@ -1,8 +1,10 @@
-#include <MediaServer/Media/OutputFile.h>
 #include <cerrno>
 #include <cstring>
-#include <fmt/format.h>
+
 #include <unistd.h>
+
+#include <MediaServer/Media/OutputFile.h>
+#include <fmt/format.h>
 
 namespace krv::media {
 
@@ -15,8 +17,7 @@ OutputFile::OutputFile(int descriptor, const Container& container, Progress& pro
         throw Failure(FailureCode::UnwritableDestination, std::strerror(errno));
     const int result = avformat_alloc_output_context2(&format_, nullptr, container.muxer, nullptr);
     if (result < 0)
-        fail(FailureCode::Unsupported, result,
-             fmt::format("The container “{}” is not available", container.extension));
+        fail(FailureCode::Unsupported, result, fmt::format("The container “{}” is not available", container.extension));
     format_->pb = io_.context();
     format_->flags |= AVFMT_FLAG_CUSTOM_IO;
     format_->opaque = this;
@@ -83,14 +84,13 @@ void OutputFile::check(int result, FailureCode otherwise, const char* attempt) c
 
 // The muxer opens its own output a second time, under the context's (empty) url, while it moves the media
 // data back to make room for the index.
-int OutputFile::openForReading(AVFormatContext* format, AVIOContext** io, const char* url, int flags,
-                               AVDictionary**) {
+int OutputFile::openForReading(AVFormatContext* format, AVIOContext** io, const char* url, int flags, AVDictionary**) {
     auto& self = *static_cast<OutputFile*>(format->opaque);
     if ((url && *url) || flags != AVIO_FLAG_READ || self.reader_)
         return AVERROR(EPERM);
     try {
-        self.reader_ = std::make_unique<DescriptorIO>(
-            self.descriptor_, DescriptorIO::Mode::Read, [&self](std::int64_t bytes) {
+        self.reader_ =
+            std::make_unique<DescriptorIO>(self.descriptor_, DescriptorIO::Mode::Read, [&self](std::int64_t bytes) {
                 self.bytesMoved_ += bytes;
                 if (self.bytesToMove_ > 0)
                     self.progress_.reach(static_cast<double>(self.bytesMoved_) /
@@ -110,4 +110,4 @@ int OutputFile::closeAfterReading(AVFormatContext* format, AVIOContext* io) {
     return 0;
 }
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -1,12 +1,13 @@
 #pragma once
 
+#include <cstdint>
+#include <memory>
+
 #include <MediaServer/Media/AV.h>
 #include <MediaServer/Media/ContainerTable.h>
 #include <MediaServer/Media/DescriptorIO.h>
 #include <MediaServer/Media/Failure.h>
 #include <MediaServer/Media/Progress.h>
-#include <cstdint>
-#include <memory>
 
 namespace krv::media {
 
@@ -46,8 +47,7 @@ public:
     [[nodiscard]] std::int64_t packetCount() const noexcept { return packets_; }
 
 private:
-    static int openForReading(AVFormatContext* format, AVIOContext** io, const char* url, int flags,
-                              AVDictionary**);
+    static int openForReading(AVFormatContext* format, AVIOContext** io, const char* url, int flags, AVDictionary**);
     static int closeAfterReading(AVFormatContext* format, AVIOContext* io);
     [[nodiscard]] bool hasCameraTags() const;
     void check(int result, FailureCode otherwise, const char* attempt) const;
@@ -63,4 +63,4 @@ private:
     AVFormatContext* format_ = nullptr;
 };
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -1,6 +1,7 @@
-#include <MediaServer/Media/PictureFormat.h>
 #include <algorithm>
 #include <cmath>
+
+#include <MediaServer/Media/PictureFormat.h>
 #include <fmt/format.h>
 
 extern "C" {
@@ -20,7 +21,7 @@ const std::int32_t* displayMatrix(const AVStream& stream) {
 }
 
 int clockwiseQuarterTurns(const std::int32_t* matrix) {
-    const double degrees = -av_display_rotation_get(matrix); // FFmpeg's angle is counter-clockwise
+    const double degrees = -av_display_rotation_get(matrix);  // FFmpeg's angle is counter-clockwise
     return std::isfinite(degrees) ? (static_cast<int>(std::lround(degrees / 90)) % 4 + 4) % 4 : 0;
 }
 
@@ -61,9 +62,8 @@ AVPixelFormat choosePixels(const PictureRequest& request) {
             if (*one == asked)
                 return asked;
     }
-    throw Failure(FailureCode::Unsupported,
-                  fmt::format("The setting “pixelFormat={}” does not apply to {}.",
-                              av_get_pix_fmt_name(asked), request.codec.displayName));
+    throw Failure(FailureCode::Unsupported, fmt::format("The setting “pixelFormat={}” does not apply to {}.",
+                                                        av_get_pix_fmt_name(asked), request.codec.displayName));
 }
 
 int aligned(double side, int log2) {
@@ -97,15 +97,14 @@ void chooseSize(PictureFormat& format, const PictureRequest& request, bool sidew
     if (aspect.num <= 0 || aspect.den <= 0)
         aspect = AVRational{askedWidth && askedHeight ? 1 : 0, 1};
     if (askedWidth && askedHeight && aspect.num > 0) {
-        const std::int64_t across =
-            static_cast<std::int64_t>(aspect.num) * request.frame.width * format.height;
+        const std::int64_t across = static_cast<std::int64_t>(aspect.num) * request.frame.width * format.height;
         const std::int64_t down = static_cast<std::int64_t>(aspect.den) * request.frame.height * format.width;
         av_reduce(&aspect.num, &aspect.den, across, down, 65535);
     }
     format.sampleAspect = aspect;
 }
 
-template<typename T>
+template <typename T>
 T firstKnown(T first, T second, T unknown) {
     return first != unknown ? first : second;
 }
@@ -147,12 +146,12 @@ void chooseInterlacing(PictureFormat& format, const PictureRequest& request) {
     const bool staysSame = request.stream.codecpar->codec_id == request.codec.id;
     const bool production = request.codec.id == AV_CODEC_ID_PRORES;
     const bool resized = format.height != request.frame.height || format.quarterTurns != 0;
-    format.interlaced = request.frame.interlaced_frame && (staysSame || production) && !resized &&
-                        !format.toneMapped && encoderNamed(name).keepsInterlacing;
+    format.interlaced = request.frame.interlaced_frame && (staysSame || production) && !resized && !format.toneMapped &&
+                        encoderNamed(name).keepsInterlacing;
     format.topFieldFirst = request.frame.top_field_first != 0;
 }
 
-} // namespace
+}  // namespace
 
 bool displayedSideways(const AVStream& stream) {
     const std::int32_t* matrix = displayMatrix(stream);
@@ -178,4 +177,4 @@ PictureFormat choosePictureFormat(const PictureRequest& request) {
     return format;
 }
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -19,18 +19,18 @@ struct PictureFormat {
     AVColorTransferCharacteristic transfer = AVCOL_TRC_UNSPECIFIED;
     AVColorSpace space = AVCOL_SPC_UNSPECIFIED;
     AVChromaLocation chroma = AVCHROMA_LOC_UNSPECIFIED;
-    bool interlaced = false;    ///< stays interlaced, and is flagged so
-    bool topFieldFirst = false; ///< when interlaced
-    bool toneMapped = false;    ///< the source is HDR and this is not
-    int quarterTurns = 0;       ///< clockwise turns of the pixels, where the container cannot say it
+    bool interlaced = false;     ///< stays interlaced, and is flagged so
+    bool topFieldFirst = false;  ///< when interlaced
+    bool toneMapped = false;     ///< the source is HDR and this is not
+    int quarterTurns = 0;        ///< clockwise turns of the pixels, where the container cannot say it
     bool mirrored =
-        false; ///< likewise: after the turns, mirrored across the axis that was the source's horizontal one
+        false;  ///< likewise: after the turns, mirrored across the axis that was the source's horizontal one
 };
 
 /// Where a PictureFormat comes from.
 struct PictureRequest {
     const AVStream& stream;
-    const AVFrame& frame; ///< the first one; its colour description wins over the stream's
+    const AVFrame& frame;  ///< the first one; its colour description wins over the stream's
     const Codec& codec;
     const Settings& settings;
     const Container& container;
@@ -47,4 +47,4 @@ struct PictureRequest {
     return transfer == AVCOL_TRC_SMPTE2084 || transfer == AVCOL_TRC_ARIB_STD_B67;
 }
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -1,5 +1,6 @@
-#include <MediaServer/Media/Progress.h>
 #include <algorithm>
+
+#include <MediaServer/Media/Progress.h>
 
 namespace krv::media {
 namespace {
@@ -7,7 +8,7 @@ namespace {
 // 1 is reserved for finish().
 constexpr double kAlmostDone = 1 - 1e-6;
 
-} // namespace
+}  // namespace
 
 Progress::Progress(ProgressSink& sink, Clock clock)
     : sink_(sink)
@@ -22,8 +23,7 @@ void Progress::beginPhase(double endsAt) noexcept {
 
 void Progress::reach(double fractionOfPhase) noexcept {
     if (fractionOfPhase > 0)
-        reached_ =
-            std::max(reached_, phaseStart_ + std::min(fractionOfPhase, 1.0) * (phaseEnd_ - phaseStart_));
+        reached_ = std::max(reached_, phaseStart_ + std::min(fractionOfPhase, 1.0) * (phaseEnd_ - phaseStart_));
     alive();
 }
 
@@ -46,4 +46,4 @@ void Progress::report(double value) noexcept {
     sink_.progress(reported_);
 }
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -1,8 +1,9 @@
 #pragma once
 
-#include <MediaServer/Media/ProgressSink.h>
 #include <chrono>
 #include <functional>
+
+#include <MediaServer/Media/ProgressSink.h>
 
 namespace krv::media {
 
@@ -42,4 +43,4 @@ private:
     double phaseEnd_ = 1;
 };
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -14,4 +14,4 @@ public:
     virtual void progress(double fraction) noexcept = 0;
 };
 
-} // namespace krv::media
+}  // namespace krv::media

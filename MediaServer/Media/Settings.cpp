@@ -1,8 +1,9 @@
-#include <MediaServer/Media/Settings.h>
 #include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
+
+#include <MediaServer/Media/Settings.h>
 #include <fmt/format.h>
 
 extern "C" {
@@ -20,9 +21,9 @@ namespace {
 constexpr std::array<std::string_view, 6> kRefusedKeys{"stats",   "passlogfile", "vstats_file",
                                                        "threads", "thread_type", "dump_separator"};
 // The same within the options that carry an encoder's own option list.
-constexpr std::array<std::string_view, 12> kRefusedParts{
-    "stats",  "dump",  "csv",     "recon",  "analysis",     "log",
-    "qpfile", "zones", "cqmfile", "lambda", "scaling-list", "dolby-vision-rpu"};
+constexpr std::array<std::string_view, 12> kRefusedParts{"stats",    "dump",   "csv",          "recon",
+                                                         "analysis", "log",    "qpfile",       "zones",
+                                                         "cqmfile",  "lambda", "scaling-list", "dolby-vision-rpu"};
 
 [[noreturn]] void refuse(std::string_view key, std::string_view why) {
     throw Failure(FailureCode::Unsupported, fmt::format("The setting “{}” {}.", key, why));
@@ -39,7 +40,7 @@ bool isUTF8(std::string_view text) {
     return true;
 }
 
-template<typename Integer>
+template <typename Integer>
 Integer number(std::string_view key, std::string_view value, Integer low, Integer high) {
     Integer result = 0;
     const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), result);
@@ -88,7 +89,7 @@ void apply(Settings& settings, std::string_view key, const std::string& value, b
     }
 }
 
-} // namespace
+}  // namespace
 
 Settings parseSettings(std::string_view text, AVMediaType type) {
     if (!isUTF8(text))
@@ -114,9 +115,8 @@ Settings parseSettings(std::string_view text, AVMediaType type) {
 void checkRange(const char* what, float value, float low, float high) {
     if (value == 0 || (std::isfinite(value) && value >= low && value <= high))
         return;
-    throw Failure(
-        FailureCode::Unsupported,
-        fmt::format("The {} {} is not supported; it is 0 or from {} to {}.", what, value, low, high));
+    throw Failure(FailureCode::Unsupported,
+                  fmt::format("The {} {} is not supported; it is 0 or from {} to {}.", what, value, low, high));
 }
 
-} // namespace krv::media
+}  // namespace krv::media

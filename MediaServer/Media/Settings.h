@@ -1,6 +1,5 @@
 #pragma once
 
-#include <MediaServer/Media/AV.h>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -8,16 +7,18 @@
 #include <utility>
 #include <vector>
 
+#include <MediaServer/Media/AV.h>
+
 namespace krv::media {
 
 /// A request's settings text, taken apart. Numbers are within sane bounds; options are not yet known to
 /// exist.
 struct Settings {
-    std::optional<int> width;  ///< pixels of the upright picture
-    std::optional<int> height; ///< pixels of the upright picture
+    std::optional<int> width;   ///< pixels of the upright picture
+    std::optional<int> height;  ///< pixels of the upright picture
     std::optional<int> channels;
-    std::optional<int> sampleRate;       ///< Hz
-    std::optional<std::int64_t> bitRate; ///< bits per second
+    std::optional<int> sampleRate;        ///< Hz
+    std::optional<std::int64_t> bitRate;  ///< bits per second
     std::optional<AVPixelFormat> pixelFormat;
     /// "preset" and everything else, for the encoder, in their order.
     std::vector<std::pair<std::string, std::string>> options;
@@ -33,4 +34,4 @@ struct Settings {
 /// range.
 void checkRange(const char* what, float value, float low, float high);
 
-} // namespace krv::media
+}  // namespace krv::media

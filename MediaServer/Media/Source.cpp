@@ -1,17 +1,19 @@
+#include <algorithm>
+#include <cstring>
+
+#include <sys/stat.h>
+
 #include <MediaServer/Media/Failure.h>
 #include <MediaServer/Media/Source.h>
 #include <MediaServer/Media/SourceFormat.h>
-#include <algorithm>
-#include <cstring>
 #include <fmt/format.h>
-#include <sys/stat.h>
 
 namespace krv::media {
 namespace {
 
 // How much of the file may be looked at to find out what its streams are.
-constexpr std::int64_t kProbeBytes = 20 * 1000 * 1000;
-constexpr std::int64_t kProbeTime = 10 * AV_TIME_BASE;
+constexpr std::int64_t kProbeBytes = 20'000'000;
+constexpr std::int64_t kProbeTime = std::int64_t{10} * AV_TIME_BASE;
 
 // A movie whose first frame is later than this does not begin with an empty edit, it is a piece of something
 // longer.
@@ -24,11 +26,18 @@ constexpr std::int64_t kSpliceBackward = AV_TIME_BASE / 10;
 
 // Lengths in headers are not exact; times this far behind the end are damage all the same.
 constexpr std::int64_t kSlack = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
-constexpr std::int64_t kLongestMovie = 1000 * 3600 * static_cast<std::int64_t>(AV_TIME_BASE);
+constexpr std::int64_t kLongestMovie = std::int64_t{1000} * 3600 * AV_TIME_BASE;
 
 // Demuxers that resynchronise after damage report each failed try; after so many in a row there is nothing to
 // come.
 constexpr int kReadAttempts = 64;
+
+// For a demuxer a lack of memory is, as a rule, a damaged header that claims to need that much.
+[[noreturn]] void unusable(int result, const char* attempt) {
+    if (result == AVERROR(ENOMEM))
+        throw Failure(FailureCode::UnusableSource, "It claims to be larger than what fits into memory.");
+    fail(FailureCode::UnusableSource, result, attempt);
+}
 
 int refuseToOpen(AVFormatContext*, AVIOContext**, const char*, int, AVDictionary**) {
     return AVERROR(EPERM);
@@ -47,7 +56,7 @@ std::int64_t checkedSize(int descriptor) {
     return status.st_size;
 }
 
-} // namespace
+}  // namespace
 
 Source::Source(int descriptor, const std::string& path, Progress& progress)
     : size_(checkedSize(descriptor))
@@ -73,21 +82,20 @@ void Source::open(const std::string& path) {
     format_->probesize = kProbeBytes;
     format_->max_analyze_duration = kProbeTime;
     AVDict options;
-    options.set("format_whitelist", input.name); // so that no demuxer can start another one
+    options.set("format_whitelist", input.name);  // so that no demuxer can start another one
     options.set("protocol_whitelist", "none");
     int result = avformat_open_input(&format_, "", &input, options.address());
     if (result < 0)
-        fail(FailureCode::UnusableSource, result, "The file cannot be opened");
+        unusable(result, "The file cannot be opened");
     result = avformat_find_stream_info(format_, nullptr);
     if (result < 0)
-        fail(FailureCode::UnusableSource, result, "The streams cannot be identified");
+        unusable(result, "The streams cannot be identified");
     if (format_->nb_streams == 0)
         throw Failure(FailureCode::UnusableSource, "The file contains no streams.");
 
     duration_ = format_->duration == AV_NOPTS_VALUE ? 0 : std::max<std::int64_t>(format_->duration, 0);
     const std::int64_t start = format_->start_time == AV_NOPTS_VALUE ? 0 : format_->start_time;
-    const bool clockStartsAnywhere =
-        (input.flags & AVFMT_TS_DISCONT) != 0 || start < 0 || start > kLongestEmptyStart;
+    const bool clockStartsAnywhere = (input.flags & AVFMT_TS_DISCONT) != 0 || start < 0 || start > kLongestEmptyStart;
     shift_ = clockStartsAnywhere ? -start : 0;
     start_ = start + shift_;
     lastDts_.resize(format_->nb_streams);
@@ -104,8 +112,6 @@ bool Source::read(AVPacket& packet) {
     for (int failures = 0; failures < kReadAttempts;) {
         av_packet_unref(&packet);
         const int result = av_read_frame(format_, &packet);
-        if (result == AVERROR(ENOMEM))
-            throw std::bad_alloc();
         if (result == AVERROR_EOF || (result < 0 && io_.errorNumber() != 0))
             return false;
         if (result < 0) {
@@ -113,7 +119,7 @@ bool Source::read(AVPacket& packet) {
             continue;
         }
         const auto index = static_cast<std::size_t>(packet.stream_index);
-        if (index >= lastDts_.size()) // a stream that turned up after the headers
+        if (index >= lastDts_.size())  // a stream that turned up after the headers
             continue;
         const AVStream& from = stream(index);
         if (from.discard == AVDISCARD_ALL || isCover(from))
@@ -163,4 +169,4 @@ double Source::position() const noexcept {
     return 0;
 }
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -1,13 +1,14 @@
 #pragma once
 
-#include <MediaServer/Media/AV.h>
-#include <MediaServer/Media/DescriptorIO.h>
-#include <MediaServer/Media/Progress.h>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include <MediaServer/Media/AV.h>
+#include <MediaServer/Media/DescriptorIO.h>
+#include <MediaServer/Media/Progress.h>
 
 namespace krv::media {
 
@@ -71,4 +72,4 @@ private:
     return (stream.disposition & AV_DISPOSITION_ATTACHED_PIC) != 0;
 }
 
-} // namespace krv::media
+}  // namespace krv::media

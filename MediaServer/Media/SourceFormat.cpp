@@ -1,9 +1,10 @@
-#include <MediaServer/Media/Failure.h>
-#include <MediaServer/Media/SourceFormat.h>
 #include <algorithm>
 #include <array>
-#include <fmt/format.h>
 #include <string_view>
+
+#include <MediaServer/Media/Failure.h>
+#include <MediaServer/Media/SourceFormat.h>
+#include <fmt/format.h>
 
 namespace krv::media {
 namespace {
@@ -29,7 +30,7 @@ bool refused(const AVInputFormat& format) {
     return false;
 }
 
-} // namespace
+}  // namespace
 
 const AVInputFormat& probeFormat(AVIOContext& io, const std::string& path) {
     const std::string extensionOnly = "movie" + path.substr(std::min(path.rfind('.'), path.size()));
@@ -51,4 +52,4 @@ const AVInputFormat& probeFormat(AVIOContext& io, const std::string& path) {
     return *format;
 }
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -1,7 +1,8 @@
 #pragma once
 
-#include <MediaServer/Media/AV.h>
 #include <string>
+
+#include <MediaServer/Media/AV.h>
 
 namespace krv::media {
 
@@ -10,4 +11,4 @@ namespace krv::media {
 /// other files than this one.
 [[nodiscard]] const AVInputFormat& probeFormat(AVIOContext& io, const std::string& path);
 
-} // namespace krv::media
+}  // namespace krv::media

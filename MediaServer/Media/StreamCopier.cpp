@@ -1,9 +1,10 @@
-#include <MediaServer/Media/Failure.h>
-#include <MediaServer/Media/Metadata.h>
-#include <MediaServer/Media/StreamCopier.h>
 #include <algorithm>
 #include <cstring>
 #include <utility>
+
+#include <MediaServer/Media/Failure.h>
+#include <MediaServer/Media/Metadata.h>
+#include <MediaServer/Media/StreamCopier.h>
 
 namespace krv::media {
 namespace {
@@ -14,11 +15,10 @@ void copyParameters(const AVStream& from, AVStream& to) {
 }
 
 // Keeps the source's tag where it means the same codec in the new container, else lets the muxer choose.
-std::uint32_t tagFor(const AVFormatContext& output, const Container& container,
-                     const AVCodecParameters& codec) {
+std::uint32_t tagFor(const AVFormatContext& output, const Container& container, const AVCodecParameters& codec) {
     const bool movFamily = container.indexInFront;
     if (codec.codec_id == AV_CODEC_ID_HEVC && movFamily && codec.codec_tag != MKTAG('h', 'e', 'v', '1'))
-        return MKTAG('h', 'v', 'c', '1'); // the only one that all players of this family take
+        return MKTAG('h', 'v', 'c', '1');  // the only one that all players of this family take
     const AVCodecTag* const* tags = output.oformat->codec_tag;
     if (!tags)
         return 0;
@@ -27,7 +27,7 @@ std::uint32_t tagFor(const AVFormatContext& output, const Container& container,
     return 0;
 }
 
-} // namespace
+}  // namespace
 
 StreamCopier::StreamCopier(const AVStream& from)
     : from_(from) {}
@@ -50,7 +50,7 @@ void StreamCopier::open(OutputFile& output) {
 void StreamCopier::push(const AVPacket& packet) {
     const bool video = from_.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
     if (!started_ && video && !(packet.flags & AV_PKT_FLAG_KEY))
-        return; // nothing can be shown before the first key frame
+        return;  // nothing can be shown before the first key frame
     // Sound before the beginning is left out where the container cannot hide it, but for the one packet that
     // the decoder needs to get started.
     const bool audio = from_.codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
@@ -101,7 +101,7 @@ void StreamCopier::makeTimesValid(AVPacket& packet) {
     } else {
         av_packet_rescale_ts(&packet, from_.time_base, to_->time_base);
     }
-    const bool subtitle = codec.codec_type == AVMEDIA_TYPE_SUBTITLE; // these may start at the same time
+    const bool subtitle = codec.codec_type == AVMEDIA_TYPE_SUBTITLE;  // these may start at the same time
     if (lastDts_ && packet.dts <= *lastDts_ && !(subtitle && packet.dts == *lastDts_))
         packet.dts = *lastDts_ + 1;
     packet.pts = packet.pts == AV_NOPTS_VALUE ? packet.dts : std::max(packet.pts, packet.dts);
@@ -144,4 +144,4 @@ void CoverCopier::finish() {
     output_->write(*to_, *packet, to_->time_base);
 }
 
-} // namespace krv::media
+}  // namespace krv::media

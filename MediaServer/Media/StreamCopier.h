@@ -1,9 +1,10 @@
 #pragma once
 
-#include <MediaServer/Media/Source.h>
-#include <MediaServer/Media/Track.h>
 #include <cstdint>
 #include <optional>
+
+#include <MediaServer/Media/Source.h>
+#include <MediaServer/Media/Track.h>
 
 namespace krv::media {
 
@@ -28,7 +29,7 @@ private:
     bool started_ = false;
     std::int64_t rounding_ = AV_NOPTS_VALUE;
     std::optional<std::int64_t> lastDts_;
-    PacketPtr hidden_; // the latest one that is not to be heard itself
+    PacketPtr hidden_;  // the latest one that is not to be heard itself
     PacketPtr packet_ = newPacket();
 };
 
@@ -48,4 +49,4 @@ private:
     AVStream* to_ = nullptr;
 };
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -1,6 +1,7 @@
+#include <algorithm>
+
 #include <MediaServer/Media/Failure.h>
 #include <MediaServer/Media/StreamPlan.h>
-#include <algorithm>
 #include <fmt/format.h>
 
 namespace krv::media {
@@ -23,8 +24,7 @@ bool known(const AVStream& stream) {
 
 class Planner {
 public:
-    Planner(const Source& source, const Container& container, const EncodingType& type,
-            const EncodeRequest& request)
+    Planner(const Source& source, const Container& container, const EncodingType& type, const EncodeRequest& request)
         : source_(source)
         , container_(container)
         , type_(type)
@@ -152,7 +152,7 @@ private:
     }
 
     static bool hidesPictures(const AVStream& stream) {
-        auto& indexed = const_cast<AVStream&>(stream); // the functions only read
+        auto& indexed = const_cast<AVStream&>(stream);  // the functions only read
         const int count = avformat_index_get_entries_count(&indexed);
         for (int i = 0; i < count; ++i)
             if (avformat_index_get_entry(&indexed, i)->flags & AVINDEX_DISCARD_FRAME)
@@ -165,9 +165,8 @@ private:
     void copyOrRefuse(std::size_t index) {
         const AVCodecID codec = source_.stream(index).codecpar->codec_id;
         if (!container_.holds(codec))
-            throw Failure(FailureCode::Unsupported,
-                          fmt::format("The container “{}” cannot hold the codec “{}”.", container_.extension,
-                                      avcodec_get_name(codec)));
+            throw Failure(FailureCode::Unsupported, fmt::format("The container “{}” cannot hold the codec “{}”.",
+                                                                container_.extension, avcodec_get_name(codec)));
         copy(index);
     }
 
@@ -179,9 +178,8 @@ private:
     void encodeWith(std::size_t index, AVMediaType kind, std::uint32_t fourCC) {
         const Codec& codec = codecForFourCC(fourCC, kind);
         if (!container_.holds(codec.id))
-            throw Failure(FailureCode::Unsupported,
-                          fmt::format("The container “{}” cannot hold the codec {}.", container_.extension,
-                                      codec.displayName));
+            throw Failure(FailureCode::Unsupported, fmt::format("The container “{}” cannot hold the codec {}.",
+                                                                container_.extension, codec.displayName));
         const AVCodecID from = source_.stream(index).codecpar->codec_id;
         if (!avcodec_find_decoder(from))
             throw Failure(FailureCode::Unsupported,
@@ -205,11 +203,11 @@ private:
     std::vector<StreamPlan> plan_;
 };
 
-} // namespace
+}  // namespace
 
-std::vector<StreamPlan> planStreams(const Source& source, const Container& container,
-                                    const EncodingType& type, const EncodeRequest& request) {
+std::vector<StreamPlan> planStreams(const Source& source, const Container& container, const EncodingType& type,
+                                    const EncodeRequest& request) {
     return Planner(source, container, type, request).plan();
 }
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -1,21 +1,22 @@
 #pragma once
 
+#include <cstddef>
+#include <vector>
+
 #include <MediaServer/Media/CodecTable.h>
 #include <MediaServer/Media/ContainerTable.h>
 #include <MediaServer/Media/EncodeRequest.h>
 #include <MediaServer/Media/EncodingType.h>
 #include <MediaServer/Media/Source.h>
-#include <cstddef>
-#include <vector>
 
 namespace krv::media {
 
 /// What becomes of one stream of the source.
 struct StreamPlan {
     enum class Treatment { Copy, Encode, ConvertSubtitles, Cover };
-    std::size_t index; ///< in the source
+    std::size_t index;  ///< in the source
     Treatment treatment;
-    const Codec* codec = nullptr; ///< for Encode
+    const Codec* codec = nullptr;  ///< for Encode
 };
 
 /// Decides what becomes of every stream of the source; those that are left out are not in the answer. Video
@@ -24,4 +25,4 @@ struct StreamPlan {
 [[nodiscard]] std::vector<StreamPlan> planStreams(const Source& source, const Container& container,
                                                   const EncodingType& type, const EncodeRequest& request);
 
-} // namespace krv::media
+}  // namespace krv::media

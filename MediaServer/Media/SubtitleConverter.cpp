@@ -1,8 +1,9 @@
+#include <algorithm>
+#include <cstring>
+
 #include <MediaServer/Media/Failure.h>
 #include <MediaServer/Media/Metadata.h>
 #include <MediaServer/Media/SubtitleConverter.h>
-#include <algorithm>
-#include <cstring>
 #include <fmt/format.h>
 
 namespace krv::media {
@@ -11,7 +12,7 @@ namespace {
 constexpr AVRational kMilliseconds{1, 1000};
 constexpr int kLargestText = 256 * 1024;
 
-} // namespace
+}  // namespace
 
 SubtitleConverter::SubtitleConverter(const AVStream& from)
     : from_(from) {}
@@ -57,13 +58,13 @@ void SubtitleConverter::push(const AVPacket& packet) {
     if (result == AVERROR(ENOMEM))
         throw std::bad_alloc();
     if (result < 0 || !got)
-        return; // a damaged line is left out like a damaged picture
+        return;  // a damaged line is left out like a damaged picture
     if (subtitle.pts == AV_NOPTS_VALUE)
         subtitle.pts = av_rescale_q(packet.pts, from_.time_base, kMicroseconds);
     if (subtitle.end_display_time == 0 || subtitle.end_display_time == UINT32_MAX)
-        subtitle.end_display_time = subtitle.start_display_time +
-                                    static_cast<std::uint32_t>(std::max<std::int64_t>(
-                                        0, av_rescale_q(packet.duration, from_.time_base, kMilliseconds)));
+        subtitle.end_display_time =
+            subtitle.start_display_time + static_cast<std::uint32_t>(std::max<std::int64_t>(
+                                              0, av_rescale_q(packet.duration, from_.time_base, kMilliseconds)));
     if (subtitle.num_rects > 0)
         write(subtitle);
     avsubtitle_free(&subtitle);
@@ -86,4 +87,4 @@ void SubtitleConverter::write(AVSubtitle& subtitle) {
     av_packet_unref(packet_.get());
 }
 
-} // namespace krv::media
+}  // namespace krv::media

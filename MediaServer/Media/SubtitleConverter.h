@@ -26,4 +26,4 @@ private:
     PacketPtr packet_ = newPacket();
 };
 
-} // namespace krv::media
+}  // namespace krv::media

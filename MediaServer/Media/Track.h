@@ -29,4 +29,4 @@ public:
     virtual void finish() = 0;
 };
 
-} // namespace krv::media
+}  // namespace krv::media

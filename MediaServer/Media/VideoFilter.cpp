@@ -1,5 +1,6 @@
-#include <MediaServer/Media/VideoFilter.h>
 #include <cmath>
+
+#include <MediaServer/Media/VideoFilter.h>
 #include <fmt/format.h>
 
 extern "C" {
@@ -46,7 +47,7 @@ std::string turning(const PictureFormat& target) {
     return std::string(kTurns[target.quarterTurns]) + mirror;
 }
 
-} // namespace
+}  // namespace
 
 VideoFilter::VideoFilter(const PictureFormat& target, AVRational timeBase)
     : target_(target)
@@ -55,7 +56,7 @@ VideoFilter::VideoFilter(const PictureFormat& target, AVRational timeBase)
 void VideoFilter::push(FramePtr frame, const Sink& sink) {
     if (frame->interlaced_frame && !target_.interlaced && !deinterlaces_) {
         finish(sink);
-        deinterlaces_ = true; // and stays so: film and video are mixed in many recordings
+        deinterlaces_ = true;  // and stays so: film and video are mixed in many recordings
     }
     if (!graph_ || !sameKind(*frame)) {
         finish(sink);
@@ -114,14 +115,14 @@ void VideoFilter::build(const AVFrame& frame) {
     graph_->nb_threads = coreCount();
     av_opt_set(graph_.get(), "scale_sws_opts", "flags=bicubic", 0);
     const std::string input =
-        fmt::format("video_size={}x{}:pix_fmt={}:time_base={}/{}:pixel_aspect={}/{}", frame.width,
-                    frame.height, frame.format, timeBase_.num, timeBase_.den,
-                    std::max(frame.sample_aspect_ratio.num, 0), std::max(frame.sample_aspect_ratio.den, 1));
-    int result = avfilter_graph_create_filter(&in_, avfilter_get_by_name("buffer"), "in", input.c_str(),
-                                              nullptr, graph_.get());
+        fmt::format("video_size={}x{}:pix_fmt={}:time_base={}/{}:pixel_aspect={}/{}", frame.width, frame.height,
+                    frame.format, timeBase_.num, timeBase_.den, std::max(frame.sample_aspect_ratio.num, 0),
+                    std::max(frame.sample_aspect_ratio.den, 1));
+    int result =
+        avfilter_graph_create_filter(&in_, avfilter_get_by_name("buffer"), "in", input.c_str(), nullptr, graph_.get());
     if (result >= 0)
-        result = avfilter_graph_create_filter(&out_, avfilter_get_by_name("buffersink"), "out", nullptr,
-                                              nullptr, graph_.get());
+        result = avfilter_graph_create_filter(&out_, avfilter_get_by_name("buffersink"), "out", nullptr, nullptr,
+                                              graph_.get());
     AVFilterInOut* outputs = avfilter_inout_alloc();
     AVFilterInOut* inputs = avfilter_inout_alloc();
     if (result >= 0 && outputs && inputs) {
@@ -165,8 +166,7 @@ std::string VideoFilter::chainFor(const AVFrame& frame) const {
         if (!fromRGB)
             chain += fmt::format(":in_range={}", rangeName(frame.color_range));
         else
-            chain +=
-                fmt::format(":out_color_matrix={}", target_.space == AVCOL_SPC_BT709 ? "bt709" : "smpte170m");
+            chain += fmt::format(":out_color_matrix={}", target_.space == AVCOL_SPC_BT709 ? "bt709" : "smpte170m");
         chain += ",";
     } else {
         chain += fmt::format("scale=w={0}:h={1}:force_original_aspect_ratio=decrease:flags=bicubic,"
@@ -179,4 +179,4 @@ std::string VideoFilter::chainFor(const AVFrame& frame) const {
     return chain;
 }
 
-} // namespace krv::media
+}  // namespace krv::media

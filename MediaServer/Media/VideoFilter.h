@@ -1,9 +1,10 @@
 #pragma once
 
-#include <MediaServer/Media/AV.h>
-#include <MediaServer/Media/PictureFormat.h>
 #include <functional>
 #include <string>
+
+#include <MediaServer/Media/AV.h>
+#include <MediaServer/Media/PictureFormat.h>
 
 namespace krv::media {
 
@@ -29,11 +30,11 @@ private:
     const PictureFormat target_;
     const AVRational timeBase_;
     bool deinterlaces_ = false;
-    double shape_ = 0; // width to height of the first picture
-    FramePtr like_;    // properties of the pictures that the graph was built for, without their data
+    double shape_ = 0;  // width to height of the first picture
+    FramePtr like_;     // properties of the pictures that the graph was built for, without their data
     FilterGraphPtr graph_;
     AVFilterContext* in_ = nullptr;
     AVFilterContext* out_ = nullptr;
 };
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -1,8 +1,9 @@
+#include <cmath>
+#include <string_view>
+
 #include <MediaServer/Media/HDRMetadata.h>
 #include <MediaServer/Media/Metadata.h>
 #include <MediaServer/Media/VideoTranscoder.h>
-#include <cmath>
-#include <string_view>
 
 namespace krv::media {
 namespace {
@@ -23,8 +24,7 @@ AVRational rationalRate(float fps) {
 }
 
 AVRational sourceRate(const Source& source, const AVStream& from) {
-    const AVRational rate =
-        av_guess_frame_rate(&source.format(), const_cast<AVStream*>(&from), nullptr); // reads only
+    const AVRational rate = av_guess_frame_rate(&source.format(), const_cast<AVStream*>(&from), nullptr);  // reads only
     if (rate.num <= 0 || rate.den <= 0 || av_q2d(rate) > kHighestPlausibleRate)
         return kAssumedRate;
     return rate;
@@ -41,7 +41,7 @@ FramePtr expectedFrame(const AVStream& from) {
     return frame;
 }
 
-} // namespace
+}  // namespace
 
 VideoTranscoder::VideoTranscoder(const Source& source, const AVStream& from, const Request& request)
     : source_(source)
@@ -66,10 +66,9 @@ void VideoTranscoder::open(OutputFile& output) {
                      [&](AVCodecContext& context) { prepare(context, format_, *first); });
     filter_.emplace(format_, from_.time_base);
 
-    timer_.emplace(
-        FrameTimer::Timing{from_.time_base, encoder_->context().time_base, request_.fps > 0,
-                           av_rescale_q(1, av_inv_q(sourceRate(source_, from_)), from_.time_base),
-                           av_rescale_q(source_.lastPlausibleTime(), kMicroseconds, from_.time_base)});
+    timer_.emplace(FrameTimer::Timing{from_.time_base, encoder_->context().time_base, request_.fps > 0,
+                                      av_rescale_q(1, av_inv_q(sourceRate(source_, from_)), from_.time_base),
+                                      av_rescale_q(source_.lastPlausibleTime(), kMicroseconds, from_.time_base)});
 
     AVStream& to = encoder_->stream();
     to.avg_frame_rate = rate_;
@@ -87,8 +86,7 @@ AVRational VideoTranscoder::timeBase(bool coarse) const {
     return {1, rate_.num * std::max(1, 60000 / rate_.num)};
 }
 
-void VideoTranscoder::prepare(AVCodecContext& context, const PictureFormat& format,
-                              const AVFrame& first) const {
+void VideoTranscoder::prepare(AVCodecContext& context, const PictureFormat& format, const AVFrame& first) const {
     context.width = format.width;
     context.height = format.height;
     context.pix_fmt = format.pixels;
@@ -141,4 +139,4 @@ void VideoTranscoder::finish() {
     encoder_->finish();
 }
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -1,5 +1,9 @@
 #pragma once
 
+#include <deque>
+#include <memory>
+#include <optional>
+
 #include <MediaServer/Media/Decoder.h>
 #include <MediaServer/Media/EncodeRequest.h>
 #include <MediaServer/Media/EncoderSession.h>
@@ -7,9 +11,6 @@
 #include <MediaServer/Media/Source.h>
 #include <MediaServer/Media/Track.h>
 #include <MediaServer/Media/VideoFilter.h>
-#include <deque>
-#include <memory>
-#include <optional>
 
 namespace krv::media {
 
@@ -19,7 +20,7 @@ public:
     struct Request {
         const Codec& codec;
         float quality;
-        float fps; ///< 0: the source's own timing
+        float fps;  ///< 0: the source's own timing
         const Settings& settings;
     };
 
@@ -39,13 +40,13 @@ private:
     const Source& source_;
     const AVStream& from_;
     const Request request_;
-    AVRational rate_; // of the output: constant if fps was asked for, else the source's, as a hint
+    AVRational rate_;  // of the output: constant if fps was asked for, else the source's, as a hint
     Decoder decoder_;
-    std::deque<FramePtr> early_; // decoded before the output was open
+    std::deque<FramePtr> early_;  // decoded before the output was open
     PictureFormat format_;
     std::optional<VideoFilter> filter_;
     std::optional<FrameTimer> timer_;
     std::optional<EncoderSession> encoder_;
 };
 
-} // namespace krv::media
+}  // namespace krv::media

@@ -13,7 +13,8 @@ namespace {
 
 class ChannelProgress final : public media::ProgressSink {
 public:
-    explicit ChannelProgress(WorkerChannel& channel) : channel_(channel) {}
+    explicit ChannelProgress(WorkerChannel& channel)
+        : channel_(channel) {}
     void progress(double fraction) noexcept override {
         KRVOperationBase report;
         report.setOperationType(OpProgressAndCompletion);
@@ -63,8 +64,8 @@ KRVOperationBase::Ref runJob(const WorkerChannel::Message& job, WorkerChannel& c
         media::encode(requestOf(*job.record, job.files), progress);
         end->setProgress(1.0F, true);
     } catch (const media::Failure& failure) {
-        end->setError(makeError(static_cast<ErrorCode>(failure.code()), failure.description(), failure.reason(),
-                                failure.path()));
+        end->setError(
+            makeError(static_cast<ErrorCode>(failure.code()), failure.description(), failure.reason(), failure.path()));
     } catch (const std::bad_alloc&) {
         end->setError(makeError(ErrorCode::WorkerDied, "There was not enough memory to work on " + source + ".",
                                 "out of memory", source));

@@ -11,9 +11,11 @@ namespace krv::server {
 class Descriptor {
 public:
     Descriptor() = default;
-    explicit Descriptor(int fd) noexcept : fd_(fd) {}
+    explicit Descriptor(int fd) noexcept
+        : fd_(fd) {}
     ~Descriptor() { reset(); }
-    Descriptor(Descriptor&& other) noexcept : fd_(other.release()) {}
+    Descriptor(Descriptor&& other) noexcept
+        : fd_(other.release()) {}
     Descriptor& operator=(Descriptor&& other) noexcept {
         if (this != &other) {
             reset(other.release());
@@ -36,8 +38,8 @@ private:
 /// The wire between server and worker: archived records, each behind its length in four bytes (little-endian), with
 /// open files beside them. One thread at each end.
 ///
-/// The job goes to the worker with its sources and, last, its output. Progress comes back in records of type 14, the end
-/// in one of type 15, which carries an error when the work failed.
+/// The job goes to the worker with its sources and, last, its output. Progress comes back in records of type 14, the
+/// end in one of type 15, which carries an error when the work failed.
 class WorkerChannel {
 public:
     struct Message {
@@ -46,14 +48,15 @@ public:
     };
 
     /// socket: one end of a stream socket pair; taken over.
-    explicit WorkerChannel(Descriptor socket) : socket_(std::move(socket)) {}
+    explicit WorkerChannel(Descriptor socket)
+        : socket_(std::move(socket)) {}
 
     [[nodiscard]] int descriptor() const noexcept { return socket_.get(); }
 
     /// False when the other end has gone.
     bool send(const KRVOperationBase& record, const std::vector<int>& files = {});
-    /// Blocks for the next message. Nothing at the end of the stream, and for anything that is no message: a worker that
-    /// sends rubbish has ended as far as the server is concerned.
+    /// Blocks for the next message. Nothing at the end of the stream, and for anything that is no message: a worker
+    /// that sends rubbish has ended as far as the server is concerned.
     std::optional<Message> receive();
 
 private:

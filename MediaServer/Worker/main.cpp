@@ -1,5 +1,5 @@
-// KRVMediaWorker: the process in which media code meets a file. It is handed its files open, does one job after another,
-// and ends when the server does.
+// KRVMediaWorker: the process in which media code meets a file. It is handed its files open, does one job after
+// another, and ends when the server does.
 #include <csignal>
 
 #include <sys/prctl.h>

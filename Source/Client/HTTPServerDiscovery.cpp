@@ -1,11 +1,10 @@
-#include <KRVQTProcessClient/Client/HTTPServerDiscovery.h>
-
 #include <algorithm>
 #include <thread>
 #include <utility>
 
 #include <fmt/format.h>
 
+#include <KRVQTProcessClient/Client/HTTPServerDiscovery.h>
 #include <KRVQTProcessClient/Client/ServerNaming.h>
 #include <KRVQTProcessClient/Common/PortNumbering.h>
 #include <KRVQTProcessClient/Shared/Log.h>

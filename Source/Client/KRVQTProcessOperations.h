@@ -45,8 +45,7 @@ public:
     /// stored in error. A failure of the transport is stored there as well, with the answer true: success is an error
     /// that stays unwritten.
     virtual bool convertMovie(std::string_view source, std::string_view writeToFile, const VideoSettings& videoSettings,
-                              const AudioSettings& audioSettings, const ProgressDelegate& progress,
-                              ErrorOut error) = 0;
+                              const AudioSettings& audioSettings, const ProgressDelegate& progress, ErrorOut error) = 0;
 
     static constexpr Selector kCreateThumbnails{"createThumbnailsFor:toFolder:withSize:progress:error:"};
     /// Makes pictures of the movie in a folder, fitted inside a size in pixels. Only a failure to talk to the server
@@ -67,8 +66,7 @@ public:
         (void)performMuxMovie(source, writeToFile, progress, error);
     }
 
-    static constexpr Selector kGetInterestingTimes{
-        "getInterestingTimesForMovie:specificTrackIndex:trackIndex:error:"};
+    static constexpr Selector kGetInterestingTimes{"getInterestingTimesForMovie:specificTrackIndex:trackIndex:error:"};
     /// Where a person would want to seek, as a dictionary under the kResultInterestingTime keys; null when it failed or
     /// there is none. trackIndex counts only when specificTrackIndex is true.
     [[nodiscard]] virtual Value getInterestingTimesForMovie(std::string_view movie, bool specificTrackIndex,

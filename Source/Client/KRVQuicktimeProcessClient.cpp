@@ -1,8 +1,7 @@
-#include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
-
 #include <algorithm>
 #include <utility>
 
+#include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
 #include <KRVQTProcessClient/Shared/Log.h>
 
 namespace krv {
@@ -63,8 +62,7 @@ bool KRVQuicktimeProcessClient::performConvertMovie(std::string_view source, std
 bool KRVQuicktimeProcessClient::convertMovie(std::string_view source, std::string_view writeToFile,
                                              const VideoSettings& videoSettings, const AudioSettings& audioSettings,
                                              const ProgressDelegate& progress, ErrorOut error) {
-    const auto operation =
-        KRVOperationBase::encodeVideoOperation(source, writeToFile, audioSettings, videoSettings);
+    const auto operation = KRVOperationBase::encodeVideoOperation(source, writeToFile, audioSettings, videoSettings);
     const auto response = callAndWait(operation, progress, error);
     return migrateInvocationError(response, error);
 }
@@ -116,8 +114,8 @@ std::shared_ptr<const Dictionary> KRVQuicktimeProcessClient::getMetadataFor(std:
 
 Value KRVQuicktimeProcessClient::getInterestingTimesForMovie(std::string_view movie, bool specificTrackIndex,
                                                              std::int32_t trackIndex, ErrorOut error) {
-    const auto finished = finishedRecordOf(
-        KRVOperationBase::getInterestingTimesOperation(movie, specificTrackIndex, trackIndex), error);
+    const auto finished =
+        finishedRecordOf(KRVOperationBase::getInterestingTimesOperation(movie, specificTrackIndex, trackIndex), error);
     if (!finished || finished->error()) {
         migrateInvocationError(finished, error);
         return {};

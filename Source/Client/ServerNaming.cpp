@@ -1,9 +1,8 @@
-#include <KRVQTProcessClient/Client/ServerNaming.h>
-
 #include <cstdio>
 
 #include <fmt/format.h>
 
+#include <KRVQTProcessClient/Client/ServerNaming.h>
 #include <KRVQTProcessClient/Platform/HardwareAddress.h>
 #include <KRVQTProcessClient/Shared/Hexval.h>
 

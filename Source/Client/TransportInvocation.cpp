@@ -1,8 +1,8 @@
-#include <KRVQTProcessClient/Client/TransportInvocation.h>
-
 #include <utility>
 
 #include <fmt/format.h>
+
+#include <KRVQTProcessClient/Client/TransportInvocation.h>
 
 namespace krv {
 namespace {
@@ -65,9 +65,9 @@ bool TransportInvocation::errorBasedOnOperation(ErrorOut error, const Exception*
         return false;
     }
     const auto operation = input();
-    *error = Error::make(
-        std::string(kInvocationDomain), 0,
-        createErrorDictionaryFromException(operation ? operation->nameFromType() : "(null)", exception));
+    *error =
+        Error::make(std::string(kInvocationDomain), 0,
+                    createErrorDictionaryFromException(operation ? operation->nameFromType() : "(null)", exception));
     return true;
 }
 
@@ -87,8 +87,7 @@ KRVOperationBase::Ref TransportInvocation::throwExceptionBasedOnResponse(const K
     if (auto reply = KRVOperationBase::operationFromData(response)) {
         return reply;
     }
-    throw Exception(std::string(kTransportCheck),
-                    fmt::format("Unable to {}, no response returned from server.", name));
+    throw Exception(std::string(kTransportCheck), fmt::format("Unable to {}, no response returned from server.", name));
 }
 
 KRVOperationBase::Ref TransportInvocation::throwExceptionIfNoError(ErrorOut error,

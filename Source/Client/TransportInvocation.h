@@ -49,9 +49,8 @@ public:
     /// cancelled, and when progress stood still for longer than progressTimeout seconds (its error is "TransportCheck"
     /// 201 then, and the server has been asked to cancel); null when a send failed with a mapped error, which is in
     /// error then. Raises as described above, and whatever the progress delegate raises.
-    [[nodiscard]] KRVOperationBase::Ref invokeOverTransportGetProgressWaitToComplete(const Transport& transport,
-                                                                                     ErrorOut error,
-                                                                                     float progressTimeout);
+    [[nodiscard]] KRVOperationBase::Ref
+    invokeOverTransportGetProgressWaitToComplete(const Transport& transport, ErrorOut error, float progressTimeout);
 
     /// Asks the server to cancel the operation, ignores the answer, logs a failure, and marks it cancelled in every
     /// case.

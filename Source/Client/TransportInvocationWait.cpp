@@ -16,13 +16,12 @@
 // on its way, the server would work on without anybody knowing the name to stop it by. When the cancel request
 // fails, the operation still counts as cancelled here: the caller has turned away from it, and the server stops it by
 // itself when it finds its client gone.
-#include <KRVQTProcessClient/Client/TransportInvocation.h>
-
 #include <chrono>
 #include <cmath>
 
 #include <fmt/format.h>
 
+#include <KRVQTProcessClient/Client/TransportInvocation.h>
 #include <KRVQTProcessClient/Shared/Log.h>
 
 namespace krv {
@@ -74,10 +73,10 @@ void store(ErrorOut error, std::shared_ptr<const Error> value) {
 }
 
 std::shared_ptr<const Error> stalled(const KRVOperationBase& operation, float elapsedSeconds) {
-    return Error::make(std::string(kTimeoutDomain), kTimeoutCode,
-                       {{NSLocalizedDescriptionKey,
-                         fmt::format("Unable to {}. Timed out while monitoring progress (at {:2.2f})",
-                                     operation.nameFromType(), elapsedSeconds)}});
+    return Error::make(
+        std::string(kTimeoutDomain), kTimeoutCode,
+        {{NSLocalizedDescriptionKey, fmt::format("Unable to {}. Timed out while monitoring progress (at {:2.2f})",
+                                                 operation.nameFromType(), elapsedSeconds)}});
 }
 
 }  // namespace
@@ -92,9 +91,9 @@ KRVOperationBase::Ref TransportInvocation::poll(const KRVOperationBase::Ref& req
     return throwExceptionBasedOnResponse(request, reply);
 }
 
-KRVOperationBase::Ref
-TransportInvocation::invokeOverTransportGetProgressWaitToComplete(const Transport& transport, ErrorOut error,
-                                                                  float progressTimeout) {
+KRVOperationBase::Ref TransportInvocation::invokeOverTransportGetProgressWaitToComplete(const Transport& transport,
+                                                                                        ErrorOut error,
+                                                                                        float progressTimeout) {
     setProgressTimeoutDuration(progressTimeout);
     const auto request = input();
     std::shared_ptr<const Error> transportError;

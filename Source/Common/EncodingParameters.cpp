@@ -1,7 +1,6 @@
-#include <KRVQTProcessClient/Common/EncodingParameters.h>
-
 #include <utility>
 
+#include <KRVQTProcessClient/Common/EncodingParameters.h>
 #include <KRVQTProcessClient/Foundation/KeyedArchiver.h>
 #include <KRVQTProcessClient/Foundation/KeyedUnarchiver.h>
 

@@ -1,5 +1,4 @@
 #include <KRVQTProcessClient/Common/LoggingDefaults.h>
-
 #include <KRVQTProcessClient/Platform/UserDefaults.h>
 #include <KRVQTProcessClient/Shared/DDLog.h>
 
@@ -15,8 +14,8 @@ void applyLoggingDefaults() {
         return true;
     };
     bool asked = false;
-    asked |= apply("qtClientLogLevel",
-                   [](std::int64_t level) { qtClientLogLevel = static_cast<std::uint32_t>(level); });
+    asked |=
+        apply("qtClientLogLevel", [](std::int64_t level) { qtClientLogLevel = static_cast<std::uint32_t>(level); });
     asked |= apply("applicationLogLevel",
                    [](std::int64_t level) { applicationLogLevel = static_cast<std::uint32_t>(level); });
     apply("additionalApplicationLogLevel",

@@ -1,8 +1,7 @@
-#include <KRVQTProcessClient/Common/PortNumbering.h>
-
 #include <algorithm>
 #include <string_view>
 
+#include <KRVQTProcessClient/Common/PortNumbering.h>
 #include <KRVQTProcessClient/Platform/UserDefaults.h>
 
 namespace krv {

@@ -1,10 +1,9 @@
-#include <KRVQTProcessClient/Foundation/BinaryPropertyList.h>
-
 #include <bit>
 #include <cstring>
 #include <limits>
 #include <string_view>
 
+#include <KRVQTProcessClient/Foundation/BinaryPropertyList.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Foundation/KeyedUnarchiver.h>
 
@@ -45,8 +44,8 @@ Reader::Reader(std::span<const std::byte> bytes)
         refuse("offset or reference size out of range");
     }
     const std::uint64_t tableEnd = size_ - kTrailerSize;
-    if (tableOffset_ <= kMagic.size() || tableOffset_ >= tableEnd ||
-        (tableEnd - tableOffset_) % offsetSize_ != 0 || (tableEnd - tableOffset_) / offsetSize_ != objectCount_) {
+    if (tableOffset_ <= kMagic.size() || tableOffset_ >= tableEnd || (tableEnd - tableOffset_) % offsetSize_ != 0 ||
+        (tableEnd - tableOffset_) / offsetSize_ != objectCount_) {
         refuse("the offset table does not fill the file");
     }
     if (topObject_ >= objectCount_) {
@@ -140,8 +139,7 @@ Node Reader::node(std::uint64_t index) const {
         const unsigned size = low + 1;
         need(size);
         const unsigned lead = size > 8 ? size - 8 : 0;
-        if (bigEndian(p, lead) != 0 ||
-            bigEndian(p + lead, size - lead) > std::numeric_limits<std::uint32_t>::max()) {
+        if (bigEndian(p, lead) != 0 || bigEndian(p + lead, size - lead) > std::numeric_limits<std::uint32_t>::max()) {
             refuse("a UID of more than 32 bits");
         }
         return {Type::Uid, 0, p, bigEndian(p + lead, size - lead)};
@@ -158,7 +156,9 @@ Node Reader::node(std::uint64_t index) const {
 std::string utf8FromUtf16(const std::uint8_t* units, std::uint64_t count) {
     constexpr std::uint32_t kReplacement = 0xFFFD;
     std::string out;
-    const auto unit = [units](std::uint64_t i) { return static_cast<std::uint32_t>(units[2 * i] << 8 | units[2 * i + 1]); };
+    const auto unit = [units](std::uint64_t i) {
+        return static_cast<std::uint32_t>(units[2 * i] << 8 | units[2 * i + 1]);
+    };
     const auto put = [&out](std::uint32_t byte) { out.push_back(static_cast<char>(byte)); };
     for (std::uint64_t i = 0; i < count; ++i) {
         std::uint32_t c = unit(i);

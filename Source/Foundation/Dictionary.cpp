@@ -1,7 +1,6 @@
-#include <KRVQTProcessClient/Foundation/Dictionary.h>
-
 #include <algorithm>
 
+#include <KRVQTProcessClient/Foundation/Dictionary.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
 
 namespace krv {
@@ -87,9 +86,8 @@ void Dictionary::remove(std::string_view key) {
 }
 
 bool operator==(const Dictionary& a, const Dictionary& b) {
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](const auto& x, const auto& y) {
-        return *x.first == *y.first && x.second == y.second;
-    });
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                      [](const auto& x, const auto& y) { return *x.first == *y.first && x.second == y.second; });
 }
 
 }  // namespace krv

@@ -23,9 +23,11 @@ public:
     using Entry = std::pair<Key, Value>;
 
     /// An empty mutable dictionary.
-    Dictionary() noexcept : Dictionary(Mutability::Mutable) {}
+    Dictionary() noexcept
+        : Dictionary(Mutability::Mutable) {}
     /// An empty dictionary of the given kind.
-    explicit Dictionary(Mutability mutability) noexcept : mutability_(mutability) {}
+    explicit Dictionary(Mutability mutability) noexcept
+        : mutability_(mutability) {}
     /// A mutable dictionary with the given entries; of two with the same key the later one stays.
     Dictionary(std::initializer_list<std::pair<std::string_view, Value>> entries);
 

@@ -1,8 +1,8 @@
-#include <KRVQTProcessClient/Foundation/Error.h>
-
 #include <utility>
 
 #include <fmt/format.h>
+
+#include <KRVQTProcessClient/Foundation/Error.h>
 
 namespace krv {
 
@@ -36,8 +36,7 @@ std::string Error::description() const {
 }
 
 bool operator==(const Error& a, const Error& b) {
-    const bool sameInfo = a.userInfo_ == b.userInfo_ ||
-                          (a.userInfo_ && b.userInfo_ && *a.userInfo_ == *b.userInfo_);
+    const bool sameInfo = a.userInfo_ == b.userInfo_ || (a.userInfo_ && b.userInfo_ && *a.userInfo_ == *b.userInfo_);
     return a.domain_ == b.domain_ && a.code_ == b.code_ && sameInfo;
 }
 

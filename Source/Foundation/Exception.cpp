@@ -1,6 +1,6 @@
-#include <KRVQTProcessClient/Foundation/Exception.h>
-
 #include <utility>
+
+#include <KRVQTProcessClient/Foundation/Exception.h>
 
 namespace krv {
 

@@ -10,8 +10,6 @@
 // bound of the size is known too. The second walk goes through the entries in order and writes everything into one
 // buffer of that size. A container's references are left open until its contents have been written behind it, which
 // gives them their places: storage is depth first, keys before values.
-#include <KRVQTProcessClient/Foundation/KeyedArchiver.h>
-
 #include <array>
 #include <bit>
 #include <cstring>
@@ -27,6 +25,7 @@
 #include <KRVQTProcessClient/Foundation/Dictionary.h>
 #include <KRVQTProcessClient/Foundation/Error.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Foundation/KeyedArchiver.h>
 #include <KRVQTProcessClient/Foundation/KeyedUnarchiver.h>
 
 namespace krv {
@@ -415,20 +414,17 @@ private:
 
     std::uint32_t dictionary(const Dictionary& dictionary) {
         const bool isMutable = dictionary.mutability() == Dictionary::Mutability::Mutable;
-        return keyedObject(&dictionary, isMutable ? "NSMutableDictionary" : "NSDictionary",
-                           isMutable ? "NSDictionary" : "", {}, [&] {
-                               uidList("NS.keys", dictionary,
-                                       [&](const auto& entry) { return textEntry(*entry.first); });
-                               uidList("NS.objects", dictionary,
-                                       [&](const auto& entry) { return number(entry.second); });
-                           });
+        return keyedObject(
+            &dictionary, isMutable ? "NSMutableDictionary" : "NSDictionary", isMutable ? "NSDictionary" : "", {}, [&] {
+                uidList("NS.keys", dictionary, [&](const auto& entry) { return textEntry(*entry.first); });
+                uidList("NS.objects", dictionary, [&](const auto& entry) { return number(entry.second); });
+            });
     }
 
     std::uint32_t error(const Error& error) {
         return keyedObject(&error, "NSError", {}, {}, [&] {
             item("NSDomain", Item::Kind::Uid, textEntry(error.domain()));
-            item("NSCode", Item::Kind::Atom,
-                 scalar(Atom::Kind::Integer, static_cast<std::uint64_t>(error.code())));
+            item("NSCode", Item::Kind::Atom, scalar(Atom::Kind::Integer, static_cast<std::uint64_t>(error.code())));
             noteReference("NSUserInfo", error.userInfo() ? dictionary(*error.userInfo()) : 0);
         });
     }

@@ -31,7 +31,8 @@ public:
 
 private:
     class Encoder;
-    explicit KeyedArchiver(Encoder& encoder) : encoder_(encoder) {}
+    explicit KeyedArchiver(Encoder& encoder)
+        : encoder_(encoder) {}
     Encoder& encoder_;
 };
 

@@ -1,5 +1,3 @@
-#include <KRVQTProcessClient/Foundation/KeyedUnarchiver.h>
-
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -12,6 +10,7 @@
 #include <KRVQTProcessClient/Foundation/BinaryPropertyList.h>
 #include <KRVQTProcessClient/Foundation/Dictionary.h>
 #include <KRVQTProcessClient/Foundation/Error.h>
+#include <KRVQTProcessClient/Foundation/KeyedUnarchiver.h>
 
 namespace krv {
 
@@ -37,7 +36,8 @@ struct Slot {
 /// A slot for each stored object, made in pages as they are touched, so that no count reserves memory.
 class SlotTable {
 public:
-    explicit SlotTable(std::uint64_t count) : pages_(count / kPageSize + 1) {}
+    explicit SlotTable(std::uint64_t count)
+        : pages_(count / kPageSize + 1) {}
 
     Slot& operator[](std::uint64_t index) {
         auto& page = pages_[index / kPageSize];

@@ -51,7 +51,8 @@ public:
 
 private:
     class Decoder;
-    explicit KeyedUnarchiver(Decoder& decoder) : decoder_(decoder) {}
+    explicit KeyedUnarchiver(Decoder& decoder)
+        : decoder_(decoder) {}
     Decoder& decoder_;
 };
 

@@ -37,7 +37,10 @@ using RecursiveMutex = AnnotatedMutex<std::recursive_mutex>;
 template <typename M>
 class KRV_SCOPED_CAPABILITY LockGuard {
 public:
-    explicit LockGuard(M& mutex) KRV_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+    explicit LockGuard(M& mutex) KRV_ACQUIRE(mutex)
+        : mutex_(mutex) {
+        mutex_.lock();
+    }
     ~LockGuard() KRV_RELEASE() { mutex_.unlock(); }
     LockGuard(const LockGuard&) = delete;
     LockGuard& operator=(const LockGuard&) = delete;

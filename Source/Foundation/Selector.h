@@ -11,7 +11,8 @@ namespace krv {
 /// that stands beside the method it names; it refers to a string literal and owns nothing.
 class Selector {
 public:
-    constexpr explicit Selector(std::string_view name) noexcept : name_(name) {}
+    constexpr explicit Selector(std::string_view name) noexcept
+        : name_(name) {}
 
     [[nodiscard]] constexpr std::string_view name() const noexcept { return name_; }
 

@@ -1,5 +1,3 @@
-#include <KRVQTProcessClient/Foundation/Value.h>
-
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -11,6 +9,7 @@
 #include <KRVQTProcessClient/Foundation/Archivable.h>
 #include <KRVQTProcessClient/Foundation/Dictionary.h>
 #include <KRVQTProcessClient/Foundation/Error.h>
+#include <KRVQTProcessClient/Foundation/Value.h>
 
 namespace krv {
 namespace {

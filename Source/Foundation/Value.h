@@ -70,21 +70,30 @@ public:
     /// The null value. Empty references given to the other constructors make it too.
     Value() noexcept = default;
     Value(std::nullptr_t) noexcept {}
-    Value(bool v) noexcept : storage_(v) {}
-    Value(std::int32_t v) noexcept : storage_(std::int64_t{v}) {}
-    Value(std::uint32_t v) noexcept : storage_(std::int64_t{v}) {}
-    Value(std::int64_t v) noexcept : storage_(v) {}
-    Value(long long v) noexcept : storage_(std::int64_t{v}) {}
-    Value(float v) noexcept : storage_(v) {}
-    Value(double v) noexcept : storage_(v) {}
+    Value(bool v) noexcept
+        : storage_(v) {}
+    Value(std::int32_t v) noexcept
+        : storage_(std::int64_t{v}) {}
+    Value(std::uint32_t v) noexcept
+        : storage_(std::int64_t{v}) {}
+    Value(std::int64_t v) noexcept
+        : storage_(v) {}
+    Value(long long v) noexcept
+        : storage_(std::int64_t{v}) {}
+    Value(float v) noexcept
+        : storage_(v) {}
+    Value(double v) noexcept
+        : storage_(v) {}
     Value(const char* utf8);
     Value(std::string_view utf8);
     Value(std::string utf8);
     Value(StringRef v) noexcept;
     Value(krv::Data v);
     Value(DataRef v) noexcept;
-    Value(krv::Date v) noexcept : storage_(v) {}
-    Value(krv::Size v) noexcept : storage_(v) {}
+    Value(krv::Date v) noexcept
+        : storage_(v) {}
+    Value(krv::Size v) noexcept
+        : storage_(v) {}
     Value(krv::Array v);
     Value(ArrayRef v) noexcept;
     Value(krv::Dictionary v);
@@ -93,8 +102,9 @@ public:
     Value(ErrorRef v) noexcept;
     Value(ObjectRef v) noexcept;
     template <typename T>
-        requires std::is_base_of_v<Archivable, T>
-    Value(std::shared_ptr<T> v) noexcept : Value(ObjectRef(std::move(v))) {}
+    requires std::is_base_of_v<Archivable, T> Value(std::shared_ptr<T> v)
+    noexcept
+        : Value(ObjectRef(std::move(v))) {}
     /// A pointer of any other kind is not a value; without this it would be taken for a boolean.
     template <typename T>
     Value(T*) = delete;

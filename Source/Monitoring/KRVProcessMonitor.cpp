@@ -1,10 +1,9 @@
-#include <KRVQTProcessClient/Monitoring/KRVProcessMonitor.h>
-
 #include <algorithm>
 #include <utility>
 
 #include <unistd.h>
 
+#include <KRVQTProcessClient/Monitoring/KRVProcessMonitor.h>
 #include <KRVQTProcessClient/Shared/Log.h>
 
 namespace krv {

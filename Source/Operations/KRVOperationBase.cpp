@@ -1,11 +1,10 @@
-#include <KRVQTProcessClient/Operations/KRVOperationBase.h>
-
 #include <utility>
 
 #include <unistd.h>
 
 #include <fmt/format.h>
 
+#include <KRVQTProcessClient/Operations/KRVOperationBase.h>
 #include <KRVQTProcessClient/Shared/VideoConversion.h>
 
 namespace krv {
@@ -144,7 +143,8 @@ KRVOperationBase::Ref KRVOperationBase::shutdownCommand() {
 
 KRVOperationBase::Ref KRVOperationBase::httpServerTestingOperation() {
     auto operation = ofType(OpHTTPServerTesting);
-    *operation->testInfo() = {.shouldError = 0, .shouldComplete = 1, .shouldThrow = 0, .shouldCrash = 0, .timeToLive = 3};
+    *operation->testInfo() = {
+        .shouldError = 0, .shouldComplete = 1, .shouldThrow = 0, .shouldCrash = 0, .timeToLive = 3};
     return operation;
 }
 

@@ -62,7 +62,8 @@ public:
     [[nodiscard]] static Ref encodeVideoOperation(std::string_view source, std::string_view dest,
                                                   std::shared_ptr<const AudioEncodingParameters> audioSettings,
                                                   std::shared_ptr<const VideoEncodingParameters> videoSettings);
-    [[nodiscard]] static Ref createThumbnailsForVideo(std::string_view source, std::string_view toFolder, Size withSize);
+    [[nodiscard]] static Ref createThumbnailsForVideo(std::string_view source, std::string_view toFolder,
+                                                      Size withSize);
     [[nodiscard]] static Ref provideMetadataFor(std::string_view source);
     [[nodiscard]] static Ref muxAudioTo2chOperation(std::string_view source, std::string_view dest);
     /// sources: the paths, in order; stored unchanged.

@@ -72,7 +72,9 @@ std::shared_ptr<Archivable> KRVOperationBase::initWithCoder(KeyedUnarchiver& cod
     record->completed_ = coder.decodeBool(kCompletedKey);
     record->progress_ = coder.decodeFloat(kProgressKey);
     record->isClientRegistered_ = coder.decodeBool(kIsClientRegisteredKey);
-    const auto flag = [&coder](std::string_view key) { return static_cast<std::int8_t>(coder.decodeBool(key) ? 1 : 0); };
+    const auto flag = [&coder](std::string_view key) {
+        return static_cast<std::int8_t>(coder.decodeBool(key) ? 1 : 0);
+    };
     record->testInfo_.shouldError = flag(kShouldErrorKey);
     record->testInfo_.shouldComplete = flag(kShouldCompleteKey);
     record->testInfo_.shouldThrow = flag(kShouldThrowKey);

@@ -1,12 +1,12 @@
-#include <KRVQTProcessClient/Operations/OperationType.h>
-
 #include <array>
+
+#include <KRVQTProcessClient/Operations/OperationType.h>
 
 namespace krv {
 namespace {
 
 constexpr std::array kTable{
-#define KRV_ROW(value, enumerator, factory, name, summary) \
+#define KRV_ROW(value, enumerator, factory, name, summary)                                                             \
     OperationTypeInfo{enumerator, factory, name, StateSummary::summary},
     KRV_OPERATION_TYPES(KRV_ROW)
 #undef KRV_ROW

@@ -1,10 +1,9 @@
-#include <KRVQTProcessClient/Shared/DDLog.h>
-
 #include <memory>
 
 #include <unistd.h>
 
 #include <KRVQTProcessClient/Foundation/Mutex.h>
+#include <KRVQTProcessClient/Shared/DDLog.h>
 #include <KRVQTProcessClient/Shared/Log.h>
 
 namespace krv {

@@ -25,11 +25,11 @@ struct LogSite {
 }  // namespace krv
 
 /// Formats and writes a line if it passes the gate; the arguments are not evaluated otherwise.
-#define KRV_LOG(flag, site, ...)                                                                                      \
-    do {                                                                                                              \
-        const ::krv::LogSite& krvLogSite = (site);                                                                    \
-        if (::krv::logPasses((flag), krvLogSite)) {                                                                   \
-            ::krv::DDLog::log({::krv::logLevelWord(krvLogSite.context), (flag), krvLogSite.context, krvLogSite.file,  \
-                               krvLogSite.function.name(), __LINE__, ::fmt::format(__VA_ARGS__)});                    \
-        }                                                                                                             \
+#define KRV_LOG(flag, site, ...)                                                                                       \
+    do {                                                                                                               \
+        const ::krv::LogSite& krvLogSite = (site);                                                                     \
+        if (::krv::logPasses((flag), krvLogSite)) {                                                                    \
+            ::krv::DDLog::log({::krv::logLevelWord(krvLogSite.context), (flag), krvLogSite.context, krvLogSite.file,   \
+                               krvLogSite.function.name(), __LINE__, ::fmt::format(__VA_ARGS__)});                     \
+        }                                                                                                              \
     } while (false)

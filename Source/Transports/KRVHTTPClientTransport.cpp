@@ -1,10 +1,9 @@
-#include <KRVQTProcessClient/Transports/KRVHTTPClientTransport.h>
-
 #include <utility>
 
 #include <fmt/format.h>
 
 #include <KRVQTProcessClient/Shared/Log.h>
+#include <KRVQTProcessClient/Transports/KRVHTTPClientTransport.h>
 
 namespace krv {
 namespace {
@@ -35,9 +34,10 @@ KRVHTTPClientTransport::KRVHTTPClientTransport(std::shared_ptr<ServicePort> disc
 KRVHTTPClientTransport::~KRVHTTPClientTransport() = default;
 
 bool KRVHTTPClientTransport::canWeGetStatusFromServer() {
-    const HTTPResponse response = client_.send({.url = fmt::format("http://localhost:{}/status", discovery_->servicePortNumber()),
-                                                .body = std::nullopt,
-                                                .timeout = kStatusTimeout});
+    const HTTPResponse response =
+        client_.send({.url = fmt::format("http://localhost:{}/status", discovery_->servicePortNumber()),
+                      .body = std::nullopt,
+                      .timeout = kStatusTimeout});
     return response.body && !response.error;
 }
 
@@ -61,10 +61,11 @@ std::shared_ptr<const Data> KRVHTTPClientTransport::makeHTTPCallAndReturnData(co
         client_.send({.url = url, .body = operation->convertToData(), .timeout = kOperationTimeout});
     if (!response.body) {
         KRV_LOG(kLogFlagVerbose, kCallMessagingSite, "Received back nil for url: {}", url);
-        unreachable(response.error
-                        ? fmt::format("No data was returned from the sendSynchronousRequest. Error from NSURLConnection: {}",
-                                      *response.error)
-                        : "No data was returned from the sendSynchronousRequest. Probably NSURLConnection problem.");
+        unreachable(
+            response.error
+                ? fmt::format("No data was returned from the sendSynchronousRequest. Error from NSURLConnection: {}",
+                              *response.error)
+                : "No data was returned from the sendSynchronousRequest. Probably NSURLConnection problem.");
     }
 
     const auto body = std::make_shared<const Data>(std::move(*response.body));

@@ -1,9 +1,8 @@
-#include <KRVQTProcessClient/Client/HTTPServerDiscovery.h>
-
 #include <stdexcept>
 
 #include <gtest/gtest.h>
 
+#include <KRVQTProcessClient/Client/HTTPServerDiscovery.h>
 #include <KRVQTProcessClient/Client/ServerNaming.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeHTTPClient.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeRunLoop.h>
@@ -126,9 +125,9 @@ TEST_F(Discovery, ABatchIsExaminedUpToTheFirstMatch) {
     discovery->startSearch();
     LogRecorder log(15, kLoggingHTTPDiscovery);
     browser->show({foreign("a"), ours(8001), foreign("b")});
-    EXPECT_EQ(log.texts(),
-              (Texts{"Observing network service: a. More on the way?:1",
-                     "Observing network service: " + name + ". More on the way?:1", name + " is up. Will now resolve."}));
+    EXPECT_EQ(log.texts(), (Texts{"Observing network service: a. More on the way?:1",
+                                  "Observing network service: " + name + ". More on the way?:1",
+                                  name + " is up. Will now resolve."}));
     EXPECT_EQ(log.lines()[0].flag, kLogFlagVerbose);
 }
 
@@ -138,10 +137,10 @@ TEST_F(Discovery, ABatchThatEndsOnAForeignServiceMeansAbsent) {
     browser->show({foreign("a"), foreign("b")});
     EXPECT_EQ(discovery->servicePortNumber(), -1);
     EXPECT_EQ(ports, (std::vector<std::int64_t>{-1}));
-    EXPECT_EQ(log.texts(), (Texts{"Observing network service: a. More on the way?:1",
-                                  "Observing network service: b. More on the way?:0",
-                                  name + " is down. Will begin search again shortly.",
-                                  "Beginning HTTP Server search in 0.25s"}));
+    EXPECT_EQ(
+        log.texts(),
+        (Texts{"Observing network service: a. More on the way?:1", "Observing network service: b. More on the way?:0",
+               name + " is down. Will begin search again shortly.", "Beginning HTTP Server search in 0.25s"}));
     EXPECT_EQ(searches(), 1U);
     mainLoop.advanceBy(249ms);
     EXPECT_EQ(searches(), 1U);

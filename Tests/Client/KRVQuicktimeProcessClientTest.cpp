@@ -1,10 +1,9 @@
-#include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
-
 #include <algorithm>
 #include <stdexcept>
 
 #include <gtest/gtest.h>
 
+#include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeClock.h>
 #include <KRVQTProcessClient/Shared/Fakes/LogRecorder.h>
 #include <KRVQTProcessClient/Transports/Fakes/ScriptedTransport.h>
@@ -294,8 +293,7 @@ TEST_F(Client, ReadinessIsAnyReply) {
     EXPECT_TRUE(operations.isServerReadyToTakeRequests());
     EXPECT_TRUE(operations.isServerReadyToTakeRequests());
     EXPECT_FALSE(operations.isServerReadyToTakeRequests());
-    EXPECT_EQ(log.texts(),
-              (std::vector<std::string>{"Error invoking 'isServerReadyToTakeRequests' operation: gone"}));
+    EXPECT_EQ(log.texts(), (std::vector<std::string>{"Error invoking 'isServerReadyToTakeRequests' operation: gone"}));
     EXPECT_TRUE(operations.isServerReadyToTakeRequests());  // a mapped failure without an out-parameter is silent
     EXPECT_EQ(first().operationType(), OpReadyToProcessRequests);
     transport->then([](const auto&) -> std::shared_ptr<const Data> { throw std::runtime_error("own"); });

@@ -1,9 +1,8 @@
-#include <KRVQTProcessClient/Client/TransportInvocation.h>
-
 #include <stdexcept>
 
 #include <gtest/gtest.h>
 
+#include <KRVQTProcessClient/Client/TransportInvocation.h>
 #include <KRVQTProcessClient/Transports/Fakes/ScriptedTransport.h>
 
 namespace krv {
@@ -113,8 +112,7 @@ TEST_F(TransportInvocationTest, AMissingEmptyOrForeignReplyRaisesWithTheOperatio
     const auto sent = R::cancelAllOperationsOperation();
     const auto foreign = std::make_shared<const Data>(Data(10, std::byte{1}));
     for (const auto& reply : {std::shared_ptr<const Data>(), std::make_shared<const Data>(), foreign}) {
-        const Exception raised =
-            exceptionOf([&] { TransportInvocation::throwExceptionBasedOnResponse(sent, reply); });
+        const Exception raised = exceptionOf([&] { TransportInvocation::throwExceptionBasedOnResponse(sent, reply); });
         EXPECT_EQ(raised.name(), "TransportCheck");
         EXPECT_EQ(raised.reason(), "Unable to Cancel all operations, no response returned from server.");
     }

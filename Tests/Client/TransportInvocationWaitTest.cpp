@@ -95,7 +95,11 @@ TEST_F(Wait, TheObserverSeesEachPollButTheLast) {
 }
 
 TEST_F(Wait, TheObserverSeesProgressBetweenZeroAndOne) {
-    transport->reply(accepted()).reply(state(1.5F)).reply(state(-0.2F)).reply(state(std::nanf(""))).reply(state(1, true));
+    transport->reply(accepted())
+        .reply(state(1.5F))
+        .reply(state(-0.2F))
+        .reply(state(std::nanf("")))
+        .reply(state(1, true));
     (void)wait();
     EXPECT_EQ(observer->seen, (std::vector<float>{1.0F, 0.0F, 1.0F}));
 }
@@ -155,9 +159,10 @@ TEST_F(Wait, ACancelRequestThatEndsInAnErrorIsLoggedAndIgnored) {
     request->setUniqueID("u");
     invocation->tryToCancelOperation(request, transport);
     EXPECT_TRUE(request->cancelled());
-    EXPECT_EQ(log.texts(), (std::vector<std::string>{"Attempting to cancel KRVOperationBase, \"Encode video\", id:u. File: "
-                                                     "/s -> /d, Type: Original failed with Unable to Cancel operation. "
-                                                     "Ignoring."}));
+    EXPECT_EQ(log.texts(),
+              (std::vector<std::string>{"Attempting to cancel KRVOperationBase, \"Encode video\", id:u. File: "
+                                        "/s -> /d, Type: Original failed with Unable to Cancel operation. "
+                                        "Ignoring."}));
 }
 
 TEST_F(Wait, TheCancelReplyIsNotLookedAt) {

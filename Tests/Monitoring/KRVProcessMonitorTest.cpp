@@ -1,9 +1,8 @@
-#include <KRVQTProcessClient/Monitoring/KRVProcessMonitor.h>
-
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <KRVQTProcessClient/Monitoring/KRVProcessMonitor.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeProcessTable.h>
 #include <KRVQTProcessClient/Shared/Fakes/LogRecorder.h>
 

@@ -51,7 +51,9 @@ struct File {
         }
         return b;
     }
-    std::uint64_t array(const std::vector<std::uint64_t>& refs) { return add(head(0xA0, refs.size()) + references(refs)); }
+    std::uint64_t array(const std::vector<std::uint64_t>& refs) {
+        return add(head(0xA0, refs.size()) + references(refs));
+    }
     Bytes dictionaryBytes(const std::vector<std::pair<std::uint64_t, std::uint64_t>>& entries) const {
         Bytes b = head(0xD0, entries.size());
         for (const auto& e : entries) {
@@ -122,9 +124,9 @@ struct Archive {
         const auto versionPlace = file.integer(version);
         const auto archiverPlace = file.text(archiver);
         const std::vector<std::pair<std::uint64_t, std::uint64_t>> entries{{file.text("$top"), top},
-                                                                          {file.text("$objects"), objects},
-                                                                          {file.text("$version"), versionPlace},
-                                                                          {file.text("$archiver"), archiverPlace}};
+                                                                           {file.text("$objects"), objects},
+                                                                           {file.text("$version"), versionPlace},
+                                                                           {file.text("$archiver"), archiverPlace}};
         file.objects[0] = file.dictionaryBytes(entries);
         return file.bytes();
     }
@@ -155,7 +157,8 @@ KRVOperationBase::Ref readArgument(const std::function<std::uint64_t(Archive&)>&
         const auto value = make(a);
         const auto key = a.number(a.file.text("value"));
         const auto dictionaryClass = a.classNamed("NSDictionary");
-        const auto d = a.number(a.object({{"NS.keys", a.uids({key})}, {"NS.objects", a.uids({value})}}, dictionaryClass));
+        const auto d =
+            a.number(a.object({{"NS.keys", a.uids({key})}, {"NS.objects", a.uids({value})}}, dictionaryClass));
         return {{"arguments", a.file.uid(d)}};
     });
 }
@@ -274,8 +277,8 @@ TEST(ArchiveReader, TheClassNameAloneDecides) {
     const auto withNames = [](const char* name, const char* listed) {
         return argument(readArgument([&](Archive& a) {
             const auto names = a.file.array({a.file.text(listed), a.file.text("NSObject")});
-            const auto c = a.number(a.file.dictionary({{a.file.text("$classname"), a.file.text(name)},
-                                                       {a.file.text("$classes"), names}}));
+            const auto c = a.number(
+                a.file.dictionary({{a.file.text("$classname"), a.file.text(name)}, {a.file.text("$classes"), names}}));
             return a.number(a.object({}, c));
         }));
     };
@@ -391,8 +394,8 @@ TEST(ArchiveReader, WorkForSharedListsIsBounded) {
             archive.number(archive.file.dictionary({{keysKey, list}, {objectsKey, list}, {classKey, classUid}})));
     }
     const auto all = archive.number(archive.object({{"NS.objects", archive.uids(dictionaries)}}, arrayClass));
-    const auto outer = archive.number(archive.object(
-        {{"NS.keys", archive.uids({text})}, {"NS.objects", archive.uids({all})}}, dictionaryClass));
+    const auto outer = archive.number(
+        archive.object({{"NS.keys", archive.uids({text})}, {"NS.objects", archive.uids({all})}}, dictionaryClass));
     archive.numbered[root] = archive.object({{"result", archive.file.uid(outer)}}, recordClass);
     EXPECT_EQ(read(archive.bytes()), nullptr);
 }
@@ -406,11 +409,19 @@ TEST(ArchiveReader, RefusesContainersThatDoNotHoldTogether) {
                })) != Value("refused");
     };
     using Fields = std::vector<Archive::Field>;
-    EXPECT_TRUE(dictionary([](Archive& a, auto t) -> Fields { return {{"NS.keys", a.uids({t})}, {"NS.objects", a.uids({t})}}; }));
-    EXPECT_FALSE(dictionary([](Archive& a, auto t) -> Fields { return {{"NS.keys", a.uids({t})}, {"NS.objects", a.uids({})}}; }));
+    EXPECT_TRUE(dictionary([](Archive& a, auto t) -> Fields {
+        return {{"NS.keys", a.uids({t})}, {"NS.objects", a.uids({t})}};
+    }));
+    EXPECT_FALSE(dictionary([](Archive& a, auto t) -> Fields {
+        return {{"NS.keys", a.uids({t})}, {"NS.objects", a.uids({})}};
+    }));
     EXPECT_FALSE(dictionary([](Archive& a, auto t) -> Fields { return {{"NS.keys", a.uids({t})}}; }));
-    EXPECT_FALSE(dictionary([](Archive& a, auto t) -> Fields { return {{"NS.keys", a.uids({0})}, {"NS.objects", a.uids({t})}}; }));
-    EXPECT_FALSE(dictionary([](Archive& a, auto t) -> Fields { return {{"NS.keys", a.uids({t})}, {"NS.objects", a.uids({0})}}; }));
+    EXPECT_FALSE(dictionary([](Archive& a, auto t) -> Fields {
+        return {{"NS.keys", a.uids({0})}, {"NS.objects", a.uids({t})}};
+    }));
+    EXPECT_FALSE(dictionary([](Archive& a, auto t) -> Fields {
+        return {{"NS.keys", a.uids({t})}, {"NS.objects", a.uids({0})}};
+    }));
     EXPECT_FALSE(dictionary([](Archive& a, auto t) -> Fields {
         return {{"NS.keys", a.uids({a.number(a.file.integer(1))})}, {"NS.objects", a.uids({t})}};
     }));
@@ -486,9 +497,8 @@ TEST(ArchiveReader, ReadsTheMutableKindsAndInlineDates) {
                   return a.number(a.object({{"NS.objects", a.uids({})}}, a.classNamed("NSMutableArray")));
               })),
               Value(Array{}));
-    EXPECT_EQ(argument(readArgument([](Archive& a) {
-                  return a.number(a.file.add('\x33' + bigEndian(0x3FF0000000000000, 8)));
-              })),
+    EXPECT_EQ(argument(readArgument(
+                  [](Archive& a) { return a.number(a.file.add('\x33' + bigEndian(0x3FF0000000000000, 8))); })),
               Value(Date{1.0}));
 }
 
@@ -512,7 +522,8 @@ TEST(ArchiveReader, LoneSurrogatesBecomeReplacementCharacters) {
     };
     EXPECT_EQ(text({0xD83C, 0xDFAC}), "\xF0\x9F\x8E\xAC");
     EXPECT_EQ(text({'a', 0xD83C}), "a\xEF\xBF\xBD");
-    EXPECT_EQ(text({0xDFAC, 'b'}), "\xEF\xBF\xBD" "b");
+    EXPECT_EQ(text({0xDFAC, 'b'}), "\xEF\xBF\xBD"
+                                   "b");
     EXPECT_EQ(text({0xD83C, 0xD83C, 0xDFAC}), "\xEF\xBF\xBD\xF0\x9F\x8E\xAC");
     EXPECT_EQ(text({0xE9, 0x4E2D}), "\xC3\xA9\xE4\xB8\xAD");
 }
@@ -526,7 +537,8 @@ TEST(ArchiveReader, RefusesSizesThatDoNotParse) {
     const auto size = [](const char* text, std::int64_t special) {
         return argument(readArgument([&](Archive& a) {
             const auto t = a.file.uid(a.number(a.file.text(text)));
-            return a.number(a.object({{"NS.special", a.file.integer(special)}, {"NS.sizeval", t}}, a.classNamed("NSValue")));
+            return a.number(
+                a.object({{"NS.special", a.file.integer(special)}, {"NS.sizeval", t}}, a.classNamed("NSValue")));
         }));
     };
     EXPECT_EQ(size("{160, 120}", 2), Value(Size{160, 120}));

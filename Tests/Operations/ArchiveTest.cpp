@@ -90,10 +90,10 @@ TEST(Archive, CancelledWithoutCompletedSurvives) {
 TEST(Archive, TimeToLiveTravelsAsItsLow32Bits) {
     KRVOperationBase record;
     for (const auto& [sent, received] : {std::pair<std::int64_t, std::int64_t>{3, 3},
-                                        {0x100000003, 3},
-                                        {-1, -1},
-                                        {0x80000000, -0x80000000LL},
-                                        {0x7FFFFFFF, 0x7FFFFFFF}}) {
+                                         {0x100000003, 3},
+                                         {-1, -1},
+                                         {0x80000000, -0x80000000LL},
+                                         {0x7FFFFFFF, 0x7FFFFFFF}}) {
         record.testInfo()->timeToLive = sent;
         EXPECT_EQ(roundTrip(record)->testInfo()->timeToLive, received);
     }
@@ -190,7 +190,8 @@ TEST(Archive, ContainersSharedManyTimesOverStaySmall) {
 }
 
 TEST(Archive, TextThatIsNotUtf8CannotBeArchived) {
-    for (const char* text : {"\xFF", "\xC3", "a\x80", "\xED\xA0\x80", "\xC0\xAF", "\xF5\x80\x80\x80", "\xF4\x90\x80\x80"}) {
+    for (const char* text :
+         {"\xFF", "\xC3", "a\x80", "\xED\xA0\x80", "\xC0\xAF", "\xF5\x80\x80\x80", "\xF4\x90\x80\x80"}) {
         KRVOperationBase record;
         record.arguments()->set("path", text);
         EXPECT_THROW((void)record.convertToData(), Exception) << text;

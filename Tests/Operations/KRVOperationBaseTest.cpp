@@ -1,7 +1,8 @@
 #include <limits>
 
-#include <gtest/gtest.h>
 #include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include <KRVQTProcessClient/Operations/KRVOperationBase.h>
 
@@ -53,9 +54,14 @@ std::vector<TypeCase> everyType() {
         {3, R::registerWithServerOperation(), "Register with server", {}, {}},
         {4, R::unregisterFromServerOperation(), "Unregister from server", {}, {}},
         {5, R::amIRegisteredOperation(), "Is this ClientID registered with server", {}, {}},
-        {6, R::encodeVideoOperation("/s", "/d"), "Encode video",
-         {{"encodingSourceFilename", "/s"}, {"encodingDestinationFilename", "/d"}}, {}},
-        {6, R::encodeVideoOperation("/s", "/d", audio, video), "Encode video",
+        {6,
+         R::encodeVideoOperation("/s", "/d"),
+         "Encode video",
+         {{"encodingSourceFilename", "/s"}, {"encodingDestinationFilename", "/d"}},
+         {}},
+        {6,
+         R::encodeVideoOperation("/s", "/d", audio, video),
+         "Encode video",
          {{"encodingSourceFilename", "/s"},
           {"encodingDestinationFilename", "/d"},
           {"encodingAudioParams", Value::ObjectRef(audio)},
@@ -63,29 +69,44 @@ std::vector<TypeCase> everyType() {
           {"encodingType", 3},
           {"encodingFlattenOnly", false}},
          {}},
-        {6, R::encodeVideoOperation("/s", "/d", nullptr, nullptr), "Encode video",
+        {6,
+         R::encodeVideoOperation("/s", "/d", nullptr, nullptr),
+         "Encode video",
          {{"encodingSourceFilename", "/s"},
           {"encodingDestinationFilename", "/d"},
           {"encodingType", 3},
           {"encodingFlattenOnly", false}},
          {}},
-        {7, R::createThumbnailsForVideo("/s", "/f", {160, 120}), "Create thumbnails",
+        {7,
+         R::createThumbnailsForVideo("/s", "/f", {160, 120}),
+         "Create thumbnails",
          {{"encodingSourceFilename", "/s"},
           {"encodingDestinationFilename", "/f"},
           {"thumbnailInfoSize", Size{160, 120}}},
          {}},
         {8, R::provideMetadataFor("/s"), "Get poster frame and metadata", {{"encodingSourceFilename", "/s"}}, {}},
-        {9, R::muxAudioTo2chOperation("/s", "/d"), "Mux movie audio to 2ch",
-         {{"encodingSourceFilename", "/s"}, {"encodingDestinationFilename", "/d"}}, {}},
-        {10, R::mergeSourcesOperation(Value(sources), "/d", true), "Merge multiple video sources to single movie",
+        {9,
+         R::muxAudioTo2chOperation("/s", "/d"),
+         "Mux movie audio to 2ch",
+         {{"encodingSourceFilename", "/s"}, {"encodingDestinationFilename", "/d"}},
+         {}},
+        {10,
+         R::mergeSourcesOperation(Value(sources), "/d", true),
+         "Merge multiple video sources to single movie",
          {{"videoMergeSources", Value(sources)},
           {"videoMergeSourcesUseShortest", true},
           {"encodingDestinationFilename", "/d"}},
          {}},
-        {11, R::getInterestingTimesOperation("/s", true, 2), "Get Interesting Times",
-         {{"encodingSourceFilename", "/s"}, {"trackIndex", 2}}, {}},
-        {11, R::getInterestingTimesOperation("/s", false, 7), "Get Interesting Times",
-         {{"encodingSourceFilename", "/s"}}, {}},
+        {11,
+         R::getInterestingTimesOperation("/s", true, 2),
+         "Get Interesting Times",
+         {{"encodingSourceFilename", "/s"}, {"trackIndex", 2}},
+         {}},
+        {11,
+         R::getInterestingTimesOperation("/s", false, 7),
+         "Get Interesting Times",
+         {{"encodingSourceFilename", "/s"}},
+         {}},
         {12, R::cancelOperation("id"), "Cancel operation", {}, "id"},
         {13, R::cancelAllOperationsOperation(), "Cancel all operations", {}, {}},
         {14, R::progressAndCompletionOperation("id"), "Progress / Completion", {}, "id"},
@@ -165,8 +186,7 @@ TEST(KRVOperationBase, AMissingArgumentPrintsAsNull) {
 
 TEST(KRVOperationBase, DescribesItselfWithNameIdentifierAndState) {
     const auto record = KRVOperationBase::provideMetadataFor("/s");
-    EXPECT_EQ(record->description(),
-              "KRVOperationBase, \"Get poster frame and metadata\", id:(null). File: /s");
+    EXPECT_EQ(record->description(), "KRVOperationBase, \"Get poster frame and metadata\", id:(null). File: /s");
     record->setUniqueID("u");
     EXPECT_EQ(record->description(), "KRVOperationBase, \"Get poster frame and metadata\", id:u. File: /s");
 }

@@ -23,10 +23,10 @@ const std::vector<std::string_view> kArguments{kArgumentEncodingSourceFilename,
                                                kArgumentTrackIndex};
 const std::vector<std::string_view> kResults{kResultInterestingTimes, kResultInterestingTimeValues,
                                              kResultInterestingTimeTimescale};
-const std::vector<std::string_view> kMetadata{
-    kMediaMetadataCodec,     kMediaMetadataDuration, kMediaMetadataDimensions, kMediaMetadataAudio,
-    kMediaMetadataSize,      kMediaMetadataPath,     kMediaMetadataCreation,   kMediaMetadataModified,
-    kMediaMetadataFrameRate, kMediaMetadataPoster};
+const std::vector<std::string_view> kMetadata{kMediaMetadataCodec,    kMediaMetadataDuration, kMediaMetadataDimensions,
+                                              kMediaMetadataAudio,    kMediaMetadataSize,     kMediaMetadataPath,
+                                              kMediaMetadataCreation, kMediaMetadataModified, kMediaMetadataFrameRate,
+                                              kMediaMetadataPoster};
 
 TEST(OperationKeys, HaveTheTextsOfTheWireForm) {
     EXPECT_EQ(kArguments, (std::vector<std::string_view>{
@@ -36,9 +36,9 @@ TEST(OperationKeys, HaveTheTextsOfTheWireForm) {
                               "videoMergeSources", "videoMergeSourcesUseShortest", "trackIndex"}));
     EXPECT_EQ(kResults, (std::vector<std::string_view>{"interestingTimes", "values", "timescale"}));
     EXPECT_EQ(kMetadata,
-              (std::vector<std::string_view>{"metadataCodec", "metadataDuration", "metadataDimensions",
-                                             "metadataAudio", "metadataSize", "metadataPath", "metadataCreation",
-                                             "metadataModified", "metadataFrameRate", "metadataPoster"}));
+              (std::vector<std::string_view>{"metadataCodec", "metadataDuration", "metadataDimensions", "metadataAudio",
+                                             "metadataSize", "metadataPath", "metadataCreation", "metadataModified",
+                                             "metadataFrameRate", "metadataPoster"}));
 }
 
 TEST(OperationKeys, AreAllDifferent) {

@@ -166,7 +166,8 @@ public:
     }
 
 private:
-    explicit ExpandedArchive(plist_t objects) : objects_(objects) {}
+    explicit ExpandedArchive(plist_t objects)
+        : objects_(objects) {}
 
     std::string expand(plist_t node) const {
         switch (plist_get_node_type(node)) {

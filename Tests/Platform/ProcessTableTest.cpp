@@ -1,5 +1,3 @@
-#include <KRVQTProcessClient/Platform/ProcessTable.h>
-
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
@@ -10,13 +8,15 @@
 #include <gtest/gtest.h>
 
 #include <KRVQTProcessClient/Platform/Linux/ProcessFiles.h>
+#include <KRVQTProcessClient/Platform/ProcessTable.h>
 
 #include "ChildProcess.h"
 
 namespace krv {
 namespace {
 
-constexpr const char* kTail = " 1 4242 4242 0 -1 4194304 100 0 0 0 1 2 0 0 20 0 1 0 987654 1000 10 18446744073709551615";
+constexpr const char* kTail =
+    " 1 4242 4242 0 -1 4194304 100 0 0 0 1 2 0 0 20 0 1 0 987654 1000 10 18446744073709551615";
 
 TEST(ProcessFiles, ReadsNameStateAndStartTime) {
     const auto stat = parseProcessStat(std::string("4242 (server) S") + kTail);
@@ -61,8 +61,8 @@ TEST(ProcessTable, KnowsThisProcess) {
 }
 
 TEST(ProcessTable, GivesNamesInFull) {
-    const auto link = std::filesystem::temp_directory_path() /
-                      ("a-name-of-more-than-fifteen-bytes-" + std::to_string(::getpid()));
+    const auto link =
+        std::filesystem::temp_directory_path() / ("a-name-of-more-than-fifteen-bytes-" + std::to_string(::getpid()));
     std::filesystem::copy_file("/bin/sleep", link);
     {
         const test::ChildProcess child({link.string(), "1000"});

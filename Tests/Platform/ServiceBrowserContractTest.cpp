@@ -1,11 +1,9 @@
-// One case for each sentence of ServiceBrowser.h, over the fake and over the real browser. The program runs in a network
-// namespace of its own in which only the loopback interface is up.
-#include <KRVQTProcessClient/Platform/ServiceBrowser.h>
-
+// One case for each sentence of ServiceBrowser.h, over the fake and over the real browser. The program runs in a
+// network namespace of its own in which only the loopback interface is up.
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <csignal>
 #include <set>
 #include <thread>
 
@@ -15,6 +13,7 @@
 
 #include <KRVQTProcessClient/Platform/Fakes/FakeRunLoop.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeServiceBrowser.h>
+#include <KRVQTProcessClient/Platform/ServiceBrowser.h>
 
 #include "ChildProcess.h"
 #include "LoopbackNamespace.h"

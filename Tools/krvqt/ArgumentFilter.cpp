@@ -8,9 +8,8 @@ namespace krvqt {
 namespace {
 
 constexpr std::array<std::string_view, 7> kKeys{
-    "-krv_loggingEnabled",           "-qtClientLogLevel",      "-applicationLogLevel",
-    "-additionalApplicationLogLevel", "-quicktimeLoggingLevel", "-minimumPortNumber",
-    "-maximumPortNumber"};
+    "-krv_loggingEnabled",    "-qtClientLogLevel",  "-applicationLogLevel", "-additionalApplicationLogLevel",
+    "-quicktimeLoggingLevel", "-minimumPortNumber", "-maximumPortNumber"};
 
 }  // namespace
 

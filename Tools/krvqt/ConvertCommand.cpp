@@ -150,10 +150,11 @@ public:
             json["error"] = {{"description", "The media server went away."}, {"reason", exception.reason()}};
             print(json);
         }
-        fmt::print(stderr,
-                   "krvqt: the media server went away while it was working on {}\n  cause: {}\n  try:   run the command "
-                   "again; {} was not written\n",
-                   request_.source, exception.reason(), request_.destination);
+        fmt::print(
+            stderr,
+            "krvqt: the media server went away while it was working on {}\n  cause: {}\n  try:   run the command "
+            "again; {} was not written\n",
+            request_.source, exception.reason(), request_.destination);
         return kNoServer;
     }
 
@@ -165,9 +166,7 @@ private:
                 {"destination", request_.destination}};
     }
     static void print(const nlohmann::json& json) { fmt::print("{}\n", json.dump()); }
-    double elapsed() const {
-        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
-    }
+    double elapsed() const { return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count(); }
 
     const Request& request_;
     const CommonOptions& common_;

@@ -27,7 +27,7 @@ std::string_view advice(const krv::Error& error) {
     case 5:
         return "check that the folder exists, that you may write to it, and that there is space";
     case 6:
-        return "see 'krvqt types' and the list of containers, codecs and settings in the documentation";
+        return "choose another container, codec or setting; 'krvqt types' lists the encoding types";
     case 7:
         return "the file is probably damaged; the server itself goes on";
     case 10:

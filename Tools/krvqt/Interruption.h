@@ -9,8 +9,8 @@ namespace krvqt {
 class Interruption {
 public:
     /// Blocks the signals in the calling thread and in those it starts later, so it must be called before any other
-    /// thread exists. When a signal comes, the process is given this long to end by itself; then, or at a second signal,
-    /// it leaves with status 130.
+    /// thread exists. When a signal comes, the process is given this long to end by itself; then, or at a second
+    /// signal, it leaves with status 130.
     static void watch(std::chrono::seconds patience);
 
     /// Whether a signal has come. Any thread.

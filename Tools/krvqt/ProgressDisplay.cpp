@@ -62,8 +62,7 @@ bool ProgressDisplay::operation(const krv::KRVOperationBase::Ref& /*operation*/,
 }
 
 void ProgressDisplay::draw(double fraction) {
-    const auto elapsed =
-        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start_);
+    const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start_);
     if (terminal_) {
         fmt::print(stderr, "\r{}\033[K", progressLine(fraction, elapsed, terminalColumns()));
         lineDrawn_ = true;

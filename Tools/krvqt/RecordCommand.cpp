@@ -25,9 +25,8 @@ nlohmann::json jsonOf(const krv::Dictionary& dictionary) {
 }
 
 nlohmann::json jsonOf(const krv::EncodingParameters& parameters) {
-    nlohmann::json json{{"class", parameters.className()},
-                        {"codec", parameters.codec()},
-                        {"quality", parameters.quality()}};
+    nlohmann::json json{
+        {"class", parameters.className()}, {"codec", parameters.codec()}, {"quality", parameters.quality()}};
     if (const auto blob = parameters.settingsBlob()) {
         json["settingsBytes"] = blob->size();
     }

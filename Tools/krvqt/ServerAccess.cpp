@@ -21,7 +21,8 @@ constexpr auto kSilentWait = 2s;
 /// Says each reason for waiting once.
 class Announcer {
 public:
-    explicit Announcer(bool quiet) : quiet_(quiet) {}
+    explicit Announcer(bool quiet)
+        : quiet_(quiet) {}
 
     void say(std::string reason) {
         if (reason == last_ || SteadyClock::now() - start_ < kSilentWait) {
@@ -38,6 +39,17 @@ private:
     const SteadyClock::time_point start_ = SteadyClock::now();
     std::string last_;
 };
+
+/// A registered process is one that others see in the server's status, and can cancel the work of.
+ExitStatus registerOurselves(const ServerAccess& access) {
+    try {
+        access.client->registerWithServer();
+        return kDone;
+    } catch (const krv::Exception& exception) {
+        fmt::print(stderr, "krvqt: the media server does not take us on: {}\n", exception.reason());
+        return kNoServer;
+    }
+}
 
 }  // namespace
 
@@ -61,8 +73,7 @@ ExitStatus reachServer(ServerAccess& access, const CommonOptions& common, WhenAb
     }
 
     Announcer announcer(common.quiet);
-    const auto deadline =
-        SteadyClock::now() + std::chrono::duration_cast<SteadyClock::duration>(common.wait);
+    const auto deadline = SteadyClock::now() + std::chrono::duration_cast<SteadyClock::duration>(common.wait);
     std::string reason;
     for (;;) {
         if (Interruption::requested()) {
@@ -70,7 +81,7 @@ ExitStatus reachServer(ServerAccess& access, const CommonOptions& common, WhenAb
         }
         const long port = access.discovery->servicePortNumber();
         if (port >= 1 && access.transport->canWeGetStatusFromServer()) {
-            return kDone;
+            return whenAbsent == WhenAbsent::Launch ? registerOurselves(access) : kDone;
         }
         reason = port >= 1  ? fmt::format("found on port {}, but it does not answer", port)
                  : launched ? "launched, and not yet found"

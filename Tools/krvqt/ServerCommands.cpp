@@ -1,6 +1,8 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include <KRVQTProcessClient/Platform/HTTPRequest.h>
+
 #include "Commands.h"
 #include "FailureText.h"
 #include "OperationThread.h"
@@ -15,6 +17,25 @@ using krv::KRVOperationBase;
 KRVOperationBase::Ref ask(const ServerAccess& access, const KRVOperationBase::Ref& operation) {
     return krv::TransportInvocation::throwExceptionBasedOnResponse(
         operation, krv::TransportInvocation::invocationWith(operation)->invokeOverTransport(access.transport, nullptr));
+}
+
+/// What the server tells at /status. Raises when it tells nothing.
+nlohmann::json statusPage(const ServerAccess& access) {
+    constexpr std::chrono::seconds kTimeout{5};
+    const auto response = krv::HTTPClient::shared().send(
+        {.url = fmt::format("http://localhost:{}/status", access.discovery->servicePortNumber()),
+         .body = std::nullopt,
+         .timeout = kTimeout});
+    nlohmann::json page;
+    if (response.body && !response.error) {
+        const auto* p = reinterpret_cast<const char*>(response.body->data());
+        page = nlohmann::json::parse(p, p + response.body->size(), nullptr, false);
+    }
+    if (!page.is_object() || !page.contains("clients")) {
+        throw krv::Exception(std::string(krv::kHTTPServerNSURLConnectionError),
+                             response.error.value_or("what it tells of itself is no status"));
+    }
+    return page;
 }
 
 ExitStatus withServer(const CommonOptions& common, const std::function<ExitStatus(const ServerAccess&)>& work) {
@@ -37,22 +58,23 @@ ExitStatus withServer(const CommonOptions& common, const std::function<ExitStatu
 ExitStatus showStatus(const CommonOptions& common) {
     return withServer(common, [&common](const ServerAccess& access) {
         const auto reply = ask(access, KRVOperationBase::numberOfOperationsOperation());
-        const long port = access.discovery->servicePortNumber();
-        const auto count = reply->numOpsNumberOfOperations().integerValue();
-        std::vector<std::string> names;
+        auto status = statusPage(access);
+        status["names"] = nlohmann::json::array();
         if (const auto list = reply->numOpsNames()) {
             for (const krv::Value& name : *list) {
-                names.push_back(name.description());
+                status["names"].push_back(name.description());
             }
         }
         if (common.json) {
-            const nlohmann::json json{{"port", port}, {"operations", count}, {"names", names}};
-            fmt::print("{}\n", json.dump());
+            fmt::print("{}\n", status.dump());
             return kDone;
         }
-        fmt::print("port:        {}\noperations:  {}\n", port, count);
-        for (const std::string& name : names) {
-            fmt::print("  {}\n", name);
+        for (const char* key :
+             {"version", "pid", "port", "uptime", "clients", "queued", "running", "finished", "workers"}) {
+            fmt::print("{:<9} {}\n", key, status[key].dump());
+        }
+        for (const auto& name : status["names"]) {
+            fmt::print("          {}\n", name.get<std::string>());
         }
         return kDone;
     });
@@ -60,10 +82,16 @@ ExitStatus showStatus(const CommonOptions& common) {
 
 ExitStatus cancelAll(const CommonOptions& common) {
     return withServer(common, [&common](const ServerAccess& access) {
-        const auto reply = ask(access, KRVOperationBase::cancelAllOperationsOperation());
-        if (const auto error = reply->error()) {
-            fmt::print(stderr, "krvqt: {}\n", failureText(*error));
-            return kFailed;
+        // The operation cancels the work of one client, so it is sent in the name of each.
+        for (const auto& pid : statusPage(access)["clients"]) {
+            const auto operation = KRVOperationBase::cancelAllOperationsOperation();
+            operation->setRegInfoPID(pid.get<std::int64_t>());
+            const auto error = ask(access, operation)->error();
+            // One that has ended since has nothing left to cancel.
+            if (error && krv::KRVProcessMonitor::doesProcessExist(pid.get<std::int32_t>(), "")) {
+                fmt::print(stderr, "krvqt: {}\n", failureText(*error));
+                return kFailed;
+            }
         }
         if (common.json) {
             fmt::print("{}\n", nlohmann::json{{"operation", "cancel-all"}, {"status", "done"}}.dump());

@@ -40,8 +40,8 @@ ServerLaunch launchServer() {
 
     const char* const arguments[] = {executable.c_str(), "-KRVLoggingDomain", kIdentifier, nullptr};
     pid_t pid = 0;
-    const int result = ::posix_spawn(&pid, executable.c_str(), &files, &attributes,
-                                     const_cast<char* const*>(arguments), environ);
+    const int result =
+        ::posix_spawn(&pid, executable.c_str(), &files, &attributes, const_cast<char* const*>(arguments), environ);
     posix_spawn_file_actions_destroy(&files);
     posix_spawnattr_destroy(&attributes);
     if (result != 0) {

@@ -94,7 +94,8 @@ class AvahiServiceBrowser;
 /// One search. What belongs to the responder is touched under its lock only.
 class Search final : public std::enable_shared_from_this<Search> {
 public:
-    explicit Search(std::weak_ptr<AvahiServiceBrowser> owner) : owner_(std::move(owner)) {}
+    explicit Search(std::weak_ptr<AvahiServiceBrowser> owner)
+        : owner_(std::move(owner)) {}
     ~Search() { end(nullptr); }
 
     void begin(LoopbackResponder* responder, const std::string& type, const std::string& domain,
@@ -156,8 +157,7 @@ public:
         if (!responder_ || responder_->hasFailed()) {
             responder_ = LoopbackResponder::start();
         }
-        const auto search = std::make_shared<Search>(
-            std::static_pointer_cast<AvahiServiceBrowser>(shared_from_this()));
+        const auto search = std::make_shared<Search>(std::static_pointer_cast<AvahiServiceBrowser>(shared_from_this()));
         {
             const LockGuard lock(mutex_);
             current_ = search;
@@ -271,9 +271,9 @@ void Search::found(AvahiIfIndex interface, AvahiProtocol protocol, const char* n
         return;
     }
     Candidate& candidate = place->second;
-    candidate.resolver = avahi_s_service_resolver_new(server_, interface, protocol, name, type, domain,
-                                                      AVAHI_PROTO_UNSPEC, AVAHI_LOOKUP_NO_ADDRESS,
-                                                      &Search::resolverEvent, &candidate);
+    candidate.resolver =
+        avahi_s_service_resolver_new(server_, interface, protocol, name, type, domain, AVAHI_PROTO_UNSPEC,
+                                     AVAHI_LOOKUP_NO_ADDRESS, &Search::resolverEvent, &candidate);
     if (!candidate.resolver) {
         candidates_.erase(place);
     }

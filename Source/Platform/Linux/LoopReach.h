@@ -13,7 +13,8 @@ public:
     /// The calling thread's loop.
     [[nodiscard]] static std::shared_ptr<LoopReach> current();
 
-    explicit LoopReach(RunLoop& loop) : loop_(&loop) {}
+    explicit LoopReach(RunLoop& loop)
+        : loop_(&loop) {}
 
     void perform(RunLoop::Callback callback) {
         const LockGuard lock(mutex_);

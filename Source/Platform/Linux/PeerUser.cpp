@@ -1,11 +1,11 @@
-#include <KRVQTProcessClient/Platform/PeerUser.h>
-
 #include <array>
 #include <cstdlib>
 
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <sys/socket.h>
+
+#include <KRVQTProcessClient/Platform/PeerUser.h>
 
 #include "SocketDiagnostics.h"
 
@@ -20,9 +20,8 @@ std::optional<SocketEnd> endOf(int socket, NameFunction name) {
     auto* const address = reinterpret_cast<sockaddr*>(&storage);
     std::array<char, NI_MAXHOST> host{};
     std::array<char, NI_MAXSERV> port{};
-    if (name(socket, address, &size) != 0 ||
-        ::getnameinfo(address, size, host.data(), host.size(), port.data(), port.size(),
-                      NI_NUMERICHOST | NI_NUMERICSERV) != 0) {
+    if (name(socket, address, &size) != 0 || ::getnameinfo(address, size, host.data(), host.size(), port.data(),
+                                                           port.size(), NI_NUMERICHOST | NI_NUMERICSERV) != 0) {
         return std::nullopt;
     }
     return SocketEnd::from(host.data(), std::atol(port.data()));

@@ -3,10 +3,10 @@
 #include <fstream>
 #include <iterator>
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <dirent.h>
 #include <fmt/format.h>
 
 #include <KRVQTProcessClient/Platform/ProcessTable.h>

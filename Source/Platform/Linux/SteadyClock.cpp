@@ -12,7 +12,7 @@ public:
     void sleepFor(Duration duration) override { std::this_thread::sleep_for(duration); }
 };
 
-} // namespace
+}  // namespace
 
 Clock::~Clock() = default;
 
@@ -27,8 +27,7 @@ Clock::Duration durationFromSeconds(double seconds) noexcept {
     }
     const std::chrono::duration<double> duration(seconds);
     constexpr std::chrono::duration<double> longest = Clock::Duration::max();
-    return duration >= longest ? Clock::Duration::max()
-                               : std::chrono::duration_cast<Clock::Duration>(duration);
+    return duration >= longest ? Clock::Duration::max() : std::chrono::duration_cast<Clock::Duration>(duration);
 }
 
-} // namespace krv
+}  // namespace krv

@@ -1,6 +1,6 @@
-#include <KRVQTProcessClient/Transports/Fakes/ScriptedTransport.h>
-
 #include <utility>
+
+#include <KRVQTProcessClient/Transports/Fakes/ScriptedTransport.h>
 
 namespace krv {
 namespace {

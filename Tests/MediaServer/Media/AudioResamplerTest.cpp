@@ -1,7 +1,8 @@
-#include <MediaServer/Media/AudioResampler.h>
 #include <cstring>
-#include <gmock/gmock.h>
 #include <vector>
+
+#include <MediaServer/Media/AudioResampler.h>
+#include <gmock/gmock.h>
 
 namespace krv::media {
 namespace {
@@ -42,8 +43,8 @@ protected:
 
     // Where the value changes first; the number of samples if it never does.
     std::size_t firstNonZero() const {
-        return static_cast<std::size_t>(
-            std::find_if(samples_.begin(), samples_.end(), [](auto s) { return s != 0; }) - samples_.begin());
+        return static_cast<std::size_t>(std::find_if(samples_.begin(), samples_.end(), [](auto s) { return s != 0; }) -
+                                        samples_.begin());
     }
 
     CodecContextPtr encoder_;
@@ -117,5 +118,5 @@ TEST_F(AudioResamplerTest, AChangeOfTheSourcesRateIsFollowed) {
     EXPECT_NEAR(static_cast<double>(finish().size()), kRate, 40);
 }
 
-} // namespace
-} // namespace krv::media
+}  // namespace
+}  // namespace krv::media

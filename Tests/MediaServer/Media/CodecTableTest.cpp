@@ -40,8 +40,7 @@ INSTANTIATE_TEST_SUITE_P(CodecTable, EveryCodec,
                                          std::pair{fourCC("mp4v"), kVideo}, std::pair{fourCC("mp4a"), kAudio},
                                          std::pair{fourCC("alac"), kAudio}, std::pair{fourCC("lpcm"), kAudio},
                                          std::pair{fourCC("ac-3"), kAudio}, std::pair{fourCC("Opus"), kAudio},
-                                         std::pair{fourCC("fLaC"), kAudio},
-                                         std::pair{fourCC(".mp3"), kAudio}));
+                                         std::pair{fourCC("fLaC"), kAudio}, std::pair{fourCC(".mp3"), kAudio}));
 
 TEST(CodecTable, UnknownCodesAreNamed) {
     try {
@@ -64,8 +63,8 @@ TEST(CodecTable, QualityRunsFromWorstToBestAndZeroIsTheStandard) {
     EXPECT_DOUBLE_EQ(scaledQuality(crf, 0), crf.standard);
     EXPECT_DOUBLE_EQ(scaledQuality(crf, 1), crf.best);
     EXPECT_DOUBLE_EQ(scaledQuality(crf, 0.5), (crf.worst + crf.best) / 2);
-    EXPECT_GT(scaledQuality(crf, 0.1), scaledQuality(crf, 0.9)); // a higher factor is a lower quality
+    EXPECT_GT(scaledQuality(crf, 0.1), scaledQuality(crf, 0.9));  // a higher factor is a lower quality
 }
 
-} // namespace
-} // namespace krv::media
+}  // namespace
+}  // namespace krv::media

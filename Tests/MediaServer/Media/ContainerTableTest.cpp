@@ -29,8 +29,8 @@ TEST_P(EveryContainer, HasAMuxerAndHoldsItsOwnDefaults) {
 }
 
 INSTANTIATE_TEST_SUITE_P(ContainerTable, EveryContainer,
-                         testing::Values("mov", "mp4", "m4v", "m4a", "mkv", "webm", "mka", "wav", "mp3",
-                                         "flac", "ogg"));
+                         testing::Values("mov", "mp4", "m4v", "m4a", "mkv", "webm", "mka", "wav", "mp3", "flac",
+                                         "ogg"));
 
 TEST(ContainerTable, OtherExtensionsAreUnsupportedAndNamed) {
     for (const std::string extension : {"avi", "gif", "mp"}) {
@@ -50,5 +50,5 @@ TEST(ContainerTable, SoundContainersHoldNoPictures) {
         EXPECT_FALSE(containerForPath(path).holds(AV_CODEC_ID_H264)) << path;
 }
 
-} // namespace
-} // namespace krv::media
+}  // namespace
+}  // namespace krv::media

@@ -1,14 +1,16 @@
-#include "MediaTestKit.h"
-
-#include <MediaServer/Media/DescriptorIO.h>
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <fcntl.h>
-#include <gmock/gmock.h>
 #include <string>
+
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
+
+#include <MediaServer/Media/DescriptorIO.h>
+#include <gmock/gmock.h>
+
+#include "MediaTestKit.h"
 
 namespace krv::media {
 namespace {
@@ -77,8 +79,7 @@ TEST_F(DescriptorIOTest, AFullFileIsAFailedTransfer) {
     setrlimit(RLIMIT_FSIZE, &small);
     DescriptorIO io(descriptor_.number(), DescriptorIO::Mode::Write, count_);
     const std::string content(5000, 'x');
-    avio_write(io.context(), reinterpret_cast<const unsigned char*>(content.data()),
-               static_cast<int>(content.size()));
+    avio_write(io.context(), reinterpret_cast<const unsigned char*>(content.data()), static_cast<int>(content.size()));
     avio_flush(io.context());
     setrlimit(RLIMIT_FSIZE, &before);
     std::signal(SIGXFSZ, handler);
@@ -86,5 +87,5 @@ TEST_F(DescriptorIOTest, AFullFileIsAFailedTransfer) {
     EXPECT_LT(io.context()->error, 0);
 }
 
-} // namespace
-} // namespace krv::media
+}  // namespace
+}  // namespace krv::media

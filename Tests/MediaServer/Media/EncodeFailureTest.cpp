@@ -1,12 +1,14 @@
-#include "MediaTestKit.h"
-
 #include <csignal>
 #include <cstring>
-#include <fcntl.h>
-#include <gmock/gmock.h>
 #include <limits>
+
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
+
+#include <gmock/gmock.h>
+
+#include "MediaTestKit.h"
 
 namespace krv::media::test {
 namespace {
@@ -22,7 +24,7 @@ struct Bad {
     const char* what;
     Conversion conversion;
     int code;
-    const char* reason; ///< part of it
+    const char* reason;  ///< part of it
 };
 
 void PrintTo(const Bad& bad, std::ostream* out) {
@@ -65,24 +67,23 @@ Conversion into(const char* extension, std::int32_t type, bool flatten = false) 
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
 
-INSTANTIATE_TEST_SUITE_P(
-    Sources, BadConversions,
-    testing::Values(Bad{"empty", from("empty.mov"), kUnusable, "empty"},
-                    Bad{"text", from("text.mp4"), kUnusable, "moov"},
-                    Bad{"textCopied", from("text.mp4", 0), kUnusable, "moov"},
-                    Bad{"noIndex", from("headless.mp4"), kUnusable, "moov atom not found"},
-                    Bad{"folder", {.source = testing::TempDir()}, kUnusable, "folder"},
-                    Bad{"playlist", from("playlist.m3u8"), kUnusable, "refers to other files"},
-                    Bad{"concatenation", from("concat.ffconcat"), kUnusable, "refers to other files"},
-                    Bad{"subtitlesOnly", from("lines.srt"), kUnusable, "neither video nor audio"},
-                    Bad{"noSoundForSoundOnly", from("silent.mp4", 7), kUnusable, "no audio"},
-                    Bad{"notAFile", {.source = "/dev/null"}, kUnusable, "not a file"}));
+INSTANTIATE_TEST_SUITE_P(Sources, BadConversions,
+                         testing::Values(Bad{"empty", from("empty.mov"), kUnusable, "empty"},
+                                         Bad{"text", from("text.mp4"), kUnusable, "moov"},
+                                         Bad{"textCopied", from("text.mp4", 0), kUnusable, "moov"},
+                                         Bad{"noIndex", from("headless.mp4"), kUnusable, "moov atom not found"},
+                                         Bad{"folder", {.source = testing::TempDir()}, kUnusable, "folder"},
+                                         Bad{"playlist", from("playlist.m3u8"), kUnusable, "refers to other files"},
+                                         Bad{"concatenation", from("concat.ffconcat"), kUnusable,
+                                             "refers to other files"},
+                                         Bad{"subtitlesOnly", from("lines.srt"), kUnusable, "neither video nor audio"},
+                                         Bad{"noSoundForSoundOnly", from("silent.mp4", 7), kUnusable, "no audio"},
+                                         Bad{"notAFile", {.source = "/dev/null"}, kUnusable, "not a file"}));
 
 INSTANTIATE_TEST_SUITE_P(
     Requests, BadConversions,
     testing::Values(
-        Bad{"container", into("avi", 1), kUnsupported, "“avi”"},
-        Bad{"type", into("mp4", 8), kUnsupported, "8"},
+        Bad{"container", into("avi", 1), kUnsupported, "“avi”"}, Bad{"type", into("mp4", 8), kUnsupported, "8"},
         Bad{"negativeType", into("mp4", -1), kUnsupported, "-1"},
         Bad{"typeInContainer", into("webm", 1), kUnsupported, "H.264"},
         Bad{"typeInSoundContainer", into("wav", 1), kUnsupported, "“wav”"},
@@ -114,15 +115,14 @@ INSTANTIATE_TEST_SUITE_P(
                     Bad{"badPreset", with(VideoSettings{0, 0, 0, "preset=warp"}), kUnsupported, "preset"},
                     Bad{"badNumber", with(VideoSettings{0, 0, 0, "crf=abc"}), kUnsupported, "crf"},
                     Bad{"numberNaN", with(VideoSettings{0, 0, 0, "crf=nan"}), kUnsupported, "crf"},
-                    Bad{"pixelFormat", with(VideoSettings{0, 0, 0, "pixelFormat=rgb24"}), kUnsupported,
-                        "rgb24"},
+                    Bad{"pixelFormat", with(VideoSettings{0, 0, 0, "pixelFormat=rgb24"}), kUnsupported, "rgb24"},
                     Bad{"presetForNone", with(AudioSettings{0, 0, "preset=fast"}), kUnsupported, "preset"},
                     Bad{"bitRateForLossless", with(AudioSettings{fourCC("fLaC"), 0, "bitrate=64000"}, "flac"),
                         kUnsupported, "bitrate"},
-                    Bad{"rateForCodec", with(AudioSettings{fourCC(".mp3"), 0, "sampleRate=96000"}, "mp3"),
-                        kUnsupported, "sampleRate"},
-                    Bad{"channelsForCodec", with(AudioSettings{fourCC(".mp3"), 0, "channels=6"}, "mp3"),
-                        kUnsupported, "channels"},
+                    Bad{"rateForCodec", with(AudioSettings{fourCC(".mp3"), 0, "sampleRate=96000"}, "mp3"), kUnsupported,
+                        "sampleRate"},
+                    Bad{"channelsForCodec", with(AudioSettings{fourCC(".mp3"), 0, "channels=6"}, "mp3"), kUnsupported,
+                        "channels"},
                     Bad{"notUTF8", with(VideoSettings{0, 0, 0, "preset=\xff"}), kBadArgument, "UTF-8"}));
 
 TEST(EncodeFailure, AFullDiskIsAnUnwritableDestination) {
@@ -185,13 +185,28 @@ TEST(EncodeFailure, MediaOfWhichNothingDecodesAreUnusable) {
     // The index is whole, what it points to is zeros.
     std::string bytes = readFile(testMedia("silent.mp4"));
     const auto start = bytes.find("mdat") + 4, end = bytes.find("moov") - 4;
-    std::fill(bytes.begin() + static_cast<std::ptrdiff_t>(start),
-              bytes.begin() + static_cast<std::ptrdiff_t>(end), '\0');
+    std::fill(bytes.begin() + static_cast<std::ptrdiff_t>(start), bytes.begin() + static_cast<std::ptrdiff_t>(end),
+              '\0');
     const OutputPath zeros("mp4");
     writeFile(zeros.path(), bytes);
     const auto failure = failureOf({.source = zeros.path()});
     ASSERT_TRUE(failure.has_value());
     EXPECT_EQ(failure->code(), kUnusable);
+}
+
+TEST(EncodeFailure, AHeaderThatClaimsMoreThanMemoryIsUnusable) {
+    // The table of sample sizes says that it has nearly as many entries as its number can say.
+    std::string bytes = readFile(testMedia("silent.mp4"));
+    const auto table = bytes.find("stsz");
+    ASSERT_NE(table, std::string::npos);
+    bytes.replace(table + 12, 4, "\x3f\xff\xff\xf0");
+    const OutputPath absurd("mp4");
+    writeFile(absurd.path(), bytes);
+    for (const std::int32_t type : {0, 1}) {
+        const auto failure = failureOf({.source = absurd.path(), .type = type});
+        ASSERT_TRUE(failure.has_value());
+        EXPECT_EQ(failure->code(), kUnusable) << failure->what();
+    }
 }
 
 TEST(EncodeFailure, NothingIsPrinted) {
@@ -212,5 +227,5 @@ TEST(EncodeFailure, AReportOfAnEarlierFailureIsNotBlamedAgain) {
     EXPECT_THAT(second->reason(), testing::Not(HasSubstr("moov")));
 }
 
-} // namespace
-} // namespace krv::media::test
+}  // namespace
+}  // namespace krv::media::test

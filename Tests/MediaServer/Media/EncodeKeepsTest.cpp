@@ -1,8 +1,9 @@
-#include "MediaTestKit.h"
-
 #include <array>
 #include <cstring>
+
 #include <gmock/gmock.h>
+
+#include "MediaTestKit.h"
 
 namespace krv::media::test {
 namespace {
@@ -12,8 +13,8 @@ namespace {
 constexpr double kSamePicture = 4;
 
 std::vector<nlohmann::json> frameSideData(const std::string& path) {
-    const auto json = nlohmann::json::parse(run({KRV_FFPROBE, "-v", "quiet", "-of", "json", "-select_streams",
-                                                 "v:0", "-show_frames", "-read_intervals", "%+#1", path}));
+    const auto json = nlohmann::json::parse(run({KRV_FFPROBE, "-v", "quiet", "-of", "json", "-select_streams", "v:0",
+                                                 "-show_frames", "-read_intervals", "%+#1", path}));
     const auto& frame = json.at("frames").at(0);
     return frame.contains("side_data_list") ? frame.at("side_data_list").get<std::vector<nlohmann::json>>()
                                             : std::vector<nlohmann::json>{};
@@ -30,7 +31,7 @@ std::string displayMatrix(const Probe& probe) {
 OutputPath turned(std::array<int, 4> matrix) {
     std::string bytes = readFile(testMedia("upright.mp4"));
     const auto box = bytes.find("tkhd");
-    const auto at = box + 4 + 40; // the matrix of a version 0 track header
+    const auto at = box + 4 + 40;  // the matrix of a version 0 track header
     const auto put = [&](std::size_t cell, int value) {
         const auto fixed = static_cast<std::uint32_t>(value) << 16;
         for (std::size_t i = 0; i < 4; ++i)
@@ -62,16 +63,14 @@ TEST_P(Orientation, IsKeptInTheMatrixOrInThePixels) {
 
 // Turned by 0, 90, 180, 270 degrees, and the same mirrored.
 INSTANTIATE_TEST_SUITE_P(Keeps, Orientation,
-                         testing::Values(std::array{1, 0, 0, 1}, std::array{0, 1, -1, 0},
-                                         std::array{-1, 0, 0, -1}, std::array{0, -1, 1, 0},
-                                         std::array{-1, 0, 0, 1}, std::array{1, 0, 0, -1},
+                         testing::Values(std::array{1, 0, 0, 1}, std::array{0, 1, -1, 0}, std::array{-1, 0, 0, -1},
+                                         std::array{0, -1, 1, 0}, std::array{-1, 0, 0, 1}, std::array{1, 0, 0, -1},
                                          std::array{0, 1, 1, 0}, std::array{0, -1, -1, 0}));
 
 TEST(Keeps, TheShapeOfThePixels) {
     for (const char* extension : {"mov", "mp4", "mkv"})
         for (const std::int32_t type : {0, 1, 2}) {
-            const auto output =
-                convert({.source = testMedia("anamorphic.mov"), .extension = extension, .type = type});
+            const auto output = convert({.source = testMedia("anamorphic.mov"), .extension = extension, .type = type});
             EXPECT_EQ(text(Probe(output).video(), "sample_aspect_ratio"), "4:3") << extension << type;
         }
 }
@@ -116,15 +115,13 @@ TEST(Keeps, ThePictureOfHighDynamicRangeInHDotTwoSixFourByToneMapping) {
     // The range of greys is used again, where the untouched signal of this movie is confined to its dark
     // half.
     const auto greys = shownPicture(output.path());
-    EXPECT_GT(*std::max_element(greys.begin(), greys.end()) - *std::min_element(greys.begin(), greys.end()),
-              100);
+    EXPECT_GT(*std::max_element(greys.begin(), greys.end()) - *std::min_element(greys.begin(), greys.end()), 100);
 }
 
 TEST(Keeps, ChaptersWithTheirTitles) {
     for (const char* extension : {"mov", "mp4", "mkv"})
         for (const std::int32_t type : {0, 1}) {
-            const auto output =
-                convert({.source = testMedia("chapters.mp4"), .extension = extension, .type = type});
+            const auto output = convert({.source = testMedia("chapters.mp4"), .extension = extension, .type = type});
             const Probe probe(output);
             const auto& chapters = probe.all().at("chapters");
             ASSERT_EQ(chapters.size(), 2U) << extension;
@@ -137,8 +134,7 @@ TEST(Keeps, ChaptersWithTheirTitles) {
 TEST(Keeps, TitleAndOtherTags) {
     for (const char* extension : {"mov", "mp4", "mkv", "mp3", "flac"}) {
         const bool sound = std::strlen(extension) > 3 || std::string_view(extension) == "mp3";
-        const auto output =
-            convert({.source = testMedia("plain.mov"), .extension = extension, .type = sound ? 7 : 1});
+        const auto output = convert({.source = testMedia("plain.mov"), .extension = extension, .type = sound ? 7 : 1});
         EXPECT_EQ(Probe(output).tag("title"), "A plain movie") << extension;
         EXPECT_EQ(Probe(output).tag("artist"), "Nobody") << extension;
     }
@@ -196,8 +192,7 @@ TEST(Keeps, TextSubtitles) {
     };
     for (const auto& [extension, type, codec] : {Kind{"mov", 1, "mov_text"}, Kind{"mp4", 0, "mov_text"},
                                                  Kind{"mkv", 1, "subrip"}, Kind{"webm", 5, "webvtt"}}) {
-        const auto output =
-            convert({.source = testMedia("subtitles.mkv"), .extension = extension, .type = type});
+        const auto output = convert({.source = testMedia("subtitles.mkv"), .extension = extension, .type = type});
         const auto subtitles = Probe(output).streams("subtitle");
         ASSERT_EQ(subtitles.size(), 1U) << extension;
         EXPECT_EQ(text(subtitles[0], "codec_name"), codec);
@@ -213,21 +208,18 @@ TEST(Keeps, TextSubtitles) {
 TEST(Keeps, TheTimeCode) {
     for (const char* extension : {"mov", "mp4"})
         for (const std::int32_t type : {0, 1}) {
-            const auto output =
-                convert({.source = testMedia("plain.mov"), .extension = extension, .type = type});
+            const auto output = convert({.source = testMedia("plain.mov"), .extension = extension, .type = type});
             EXPECT_EQ(tagOf(Probe(output).video(), "timecode"), "01:00:00:00") << extension << type;
         }
 }
 
 TEST(Keeps, FieldsOnlyWhereTheCodecDoes) {
-    const auto copied =
-        Probe(convert({.source = testMedia("interlaced.mpg"), .extension = "mkv", .type = 0}));
+    const auto copied = Probe(convert({.source = testMedia("interlaced.mpg"), .extension = "mkv", .type = 0}));
     EXPECT_EQ(text(copied.video(), "field_order"), "tt");
     const auto changed = Probe(convert({.source = testMedia("interlaced.mpg"), .type = 1}));
     EXPECT_EQ(text(changed.video(), "field_order"), "progressive");
     EXPECT_EQ(number(changed.video(), "nb_read_frames"), 50);
-    const auto production =
-        Probe(convert({.source = testMedia("interlaced.mpg"), .extension = "mov", .type = 4}));
+    const auto production = Probe(convert({.source = testMedia("interlaced.mpg"), .extension = "mov", .type = 4}));
     EXPECT_EQ(text(production.video(), "field_order"), "tt");
 }
 
@@ -239,15 +231,13 @@ TEST(Keeps, OddSizesNearlyByMakingThemEven) {
 
 TEST(Keeps, AllChannels) {
     for (const char* extension : {"mp4", "mkv"}) {
-        const auto audio =
-            Probe(convert({.source = testMedia("surround.mov"), .extension = extension})).audio();
+        const auto audio = Probe(convert({.source = testMedia("surround.mov"), .extension = extension})).audio();
         EXPECT_EQ(number(audio, "channels"), 6);
         EXPECT_EQ(text(audio, "channel_layout"), "5.1");
     }
-    const auto opus =
-        Probe(convert({.source = testMedia("surround.mov"), .extension = "webm", .type = 5})).audio();
+    const auto opus = Probe(convert({.source = testMedia("surround.mov"), .extension = "webm", .type = 5})).audio();
     EXPECT_EQ(number(opus, "channels"), 6);
 }
 
-} // namespace
-} // namespace krv::media::test
+}  // namespace
+}  // namespace krv::media::test

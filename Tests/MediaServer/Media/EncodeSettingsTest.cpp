@@ -1,18 +1,17 @@
-#include "MediaTestKit.h"
-
 #include <filesystem>
+
 #include <gmock/gmock.h>
+
+#include "MediaTestKit.h"
 
 namespace krv::media::test {
 namespace {
 
-Conversion custom(const VideoSettings& video, const char* extension = "mp4",
-                  const char* source = "plain.mov") {
+Conversion custom(const VideoSettings& video, const char* extension = "mp4", const char* source = "plain.mov") {
     return {.source = testMedia(source), .extension = extension, .type = 3, .video = video};
 }
 
-Conversion custom(const AudioSettings& audio, const char* extension = "mp4",
-                  const char* source = "plain.mov") {
+Conversion custom(const AudioSettings& audio, const char* extension = "mp4", const char* source = "plain.mov") {
     return {.source = testMedia(source), .extension = extension, .type = 3, .audio = audio};
 }
 
@@ -33,8 +32,7 @@ TEST_P(VideoCodecs, AreMadeWhenAskedFor) {
     const VideoCodec& asked = GetParam();
     const std::string code = asked.fourCC;
     const char array[5] = {code[0], code[1], code[2], code[3], 0};
-    const auto video =
-        Probe(convert(custom(VideoSettings{fourCC(array), 0, 0, ""}, asked.extension))).video();
+    const auto video = Probe(convert(custom(VideoSettings{fourCC(array), 0, 0, ""}, asked.extension))).video();
     EXPECT_EQ(text(video, "codec_name"), asked.codec);
     EXPECT_EQ(text(video, "pix_fmt"), asked.pixels);
     if (std::string_view(asked.extension) == "mov" && code.starts_with("ap")) {
@@ -43,16 +41,14 @@ TEST_P(VideoCodecs, AreMadeWhenAskedFor) {
     EXPECT_EQ(number(video, "nb_read_frames"), 50);
 }
 
-INSTANTIATE_TEST_SUITE_P(Settings, VideoCodecs,
-                         testing::Values(VideoCodec{"avc1", "mov", "h264", "yuv420p"},
-                                         VideoCodec{"hvc1", "mp4", "hevc", "yuv420p"},
-                                         VideoCodec{"av01", "webm", "av1", "yuv420p"},
-                                         VideoCodec{"vp09", "mkv", "vp9", "yuv420p"},
-                                         VideoCodec{"apcn", "mov", "prores", "yuv422p10le"},
-                                         VideoCodec{"apch", "mov", "prores", "yuv422p10le"},
-                                         VideoCodec{"ap4h", "mov", "prores", "yuv444p12le"},
-                                         VideoCodec{"jpeg", "mov", "mjpeg", "yuvj420p"},
-                                         VideoCodec{"mp4v", "mp4", "mpeg4", "yuv420p"}));
+INSTANTIATE_TEST_SUITE_P(
+    Settings, VideoCodecs,
+    testing::Values(VideoCodec{"avc1", "mov", "h264", "yuv420p"}, VideoCodec{"hvc1", "mp4", "hevc", "yuv420p"},
+                    VideoCodec{"av01", "webm", "av1", "yuv420p"}, VideoCodec{"vp09", "mkv", "vp9", "yuv420p"},
+                    VideoCodec{"apcn", "mov", "prores", "yuv422p10le"},
+                    VideoCodec{"apch", "mov", "prores", "yuv422p10le"},
+                    VideoCodec{"ap4h", "mov", "prores", "yuv444p12le"}, VideoCodec{"jpeg", "mov", "mjpeg", "yuvj420p"},
+                    VideoCodec{"mp4v", "mp4", "mpeg4", "yuv420p"}));
 
 struct AudioCodec {
     const char* fourCC;
@@ -69,20 +65,17 @@ class AudioCodecs : public testing::TestWithParam<AudioCodec> {};
 TEST_P(AudioCodecs, AreMadeWhenAskedFor) {
     const std::string code = GetParam().fourCC;
     const char array[5] = {code[0], code[1], code[2], code[3], 0};
-    const auto output =
-        convert(custom(AudioSettings{fourCC(array), 0, ""}, GetParam().extension, "sound.wav"));
+    const auto output = convert(custom(AudioSettings{fourCC(array), 0, ""}, GetParam().extension, "sound.wav"));
     EXPECT_EQ(text(Probe(output).audio(), "codec_name"), GetParam().codec);
     EXPECT_NEAR(soundLength(output.path()), 2.0, 0.04);
 }
 
 INSTANTIATE_TEST_SUITE_P(Settings, AudioCodecs,
                          testing::Values(AudioCodec{"mp4a", "m4a", "aac"}, AudioCodec{"alac", "m4a", "alac"},
-                                         AudioCodec{"lpcm", "mov", "pcm_s16le"},
-                                         AudioCodec{"ac-3", "mp4", "ac3"}, AudioCodec{"Opus", "ogg", "opus"},
-                                         AudioCodec{"Opus", "mp4", "opus"},
-                                         AudioCodec{"fLaC", "flac", "flac"},
-                                         AudioCodec{"fLaC", "ogg", "flac"}, AudioCodec{".mp3", "mp3", "mp3"},
-                                         AudioCodec{".mp3", "mp4", "mp3"}));
+                                         AudioCodec{"lpcm", "mov", "pcm_s16le"}, AudioCodec{"ac-3", "mp4", "ac3"},
+                                         AudioCodec{"Opus", "ogg", "opus"}, AudioCodec{"Opus", "mp4", "opus"},
+                                         AudioCodec{"fLaC", "flac", "flac"}, AudioCodec{"fLaC", "ogg", "flac"},
+                                         AudioCodec{".mp3", "mp3", "mp3"}, AudioCodec{".mp3", "mp4", "mp3"}));
 
 class QualityOf : public testing::TestWithParam<VideoCodec> {};
 
@@ -103,9 +96,8 @@ TEST_P(QualityOf, HigherMakesALargerFile) {
 
 INSTANTIATE_TEST_SUITE_P(Settings, QualityOf,
                          testing::Values(VideoCodec{"avc1", "mp4", "", ""}, VideoCodec{"hvc1", "mp4", "", ""},
-                                         VideoCodec{"vp09", "webm", "", ""},
-                                         VideoCodec{"av01", "mp4", "", ""}, VideoCodec{"apcn", "mov", "", ""},
-                                         VideoCodec{"jpeg", "mov", "", ""},
+                                         VideoCodec{"vp09", "webm", "", ""}, VideoCodec{"av01", "mp4", "", ""},
+                                         VideoCodec{"apcn", "mov", "", ""}, VideoCodec{"jpeg", "mov", "", ""},
                                          VideoCodec{"mp4v", "mp4", "", ""}));
 
 TEST(Settings, TheQualityOfSoundIsItsBitRate) {
@@ -140,12 +132,10 @@ TEST(Settings, WidthAndHeightDoNotDistortWhatIsShown) {
 }
 
 TEST(Settings, WidthIsThatOfTheUprightPicture) {
-    const auto video =
-        Probe(convert(custom(VideoSettings{0, 0, 0, "width=120"}, "mp4", "rotated.mp4"))).video();
-    EXPECT_EQ(number(video, "width"), 160); // stored lying
+    const auto video = Probe(convert(custom(VideoSettings{0, 0, 0, "width=120"}, "mp4", "rotated.mp4"))).video();
+    EXPECT_EQ(number(video, "width"), 160);  // stored lying
     EXPECT_EQ(number(video, "height"), 120);
-    const auto turned =
-        Probe(convert(custom(VideoSettings{0, 0, 0, "width=120"}, "mkv", "rotated.mp4"))).video();
+    const auto turned = Probe(convert(custom(VideoSettings{0, 0, 0, "width=120"}, "mkv", "rotated.mp4"))).video();
     EXPECT_EQ(number(turned, "width"), 120);
     EXPECT_EQ(number(turned, "height"), 160);
 }
@@ -171,16 +161,14 @@ TEST(Settings, EncoderOptionsReachTheEncoder) {
     const auto video = Probe(output).video();
     EXPECT_EQ(text(video, "profile"), "Constrained Baseline");
     EXPECT_EQ(number(video, "has_b_frames"), 0);
-    const std::string keys =
-        run({KRV_FFPROBE, "-v", "quiet", "-select_streams", "v:0", "-skip_frame", "nokey", "-show_entries",
-             "frame=key_frame", "-of", "csv=p=0", output.path()});
+    const std::string keys = run({KRV_FFPROBE, "-v", "quiet", "-select_streams", "v:0", "-skip_frame", "nokey",
+                                  "-show_entries", "frame=key_frame", "-of", "csv=p=0", output.path()});
     EXPECT_EQ(std::count(keys.begin(), keys.end(), '1'), 10);
 }
 
 TEST(Settings, ChannelsAndSampleRateAreMade) {
     const auto audio =
-        Probe(convert(custom(AudioSettings{0, 0, "channels=2:sampleRate=44100"}, "mp4", "surround.mov")))
-            .audio();
+        Probe(convert(custom(AudioSettings{0, 0, "channels=2:sampleRate=44100"}, "mp4", "surround.mov"))).audio();
     EXPECT_EQ(number(audio, "channels"), 2);
     EXPECT_EQ(number(audio, "sample_rate"), 44100);
 }
@@ -194,5 +182,5 @@ TEST(Settings, OfTheOtherTypesApplyToTheirCodec) {
     EXPECT_EQ(number(video, "width"), 160);
 }
 
-} // namespace
-} // namespace krv::media::test
+}  // namespace
+}  // namespace krv::media::test

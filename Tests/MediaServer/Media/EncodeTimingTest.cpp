@@ -1,7 +1,8 @@
-#include "MediaTestKit.h"
-
 #include <cmath>
+
 #include <gmock/gmock.h>
+
+#include "MediaTestKit.h"
 
 namespace krv::media::test {
 namespace {
@@ -22,8 +23,7 @@ class Sync : public testing::TestWithParam<Road> {};
 
 TEST_P(Sync, TheBeepStaysWithTheFlash) {
     const Road& road = GetParam();
-    const auto output =
-        convert({.source = testMedia(road.source), .extension = road.extension, .type = road.type});
+    const auto output = convert({.source = testMedia(road.source), .extension = road.extension, .type = road.type});
     EXPECT_NEAR(flashTime(output.path()), 1.0, kFrame);
     EXPECT_NEAR(beepTime(output.path()), 1.0, kFrame);
     EXPECT_NEAR(beepTime(output.path()) - flashTime(output.path()), 0, kFrame / 2);
@@ -50,17 +50,14 @@ TEST(Timing, AVariableRateIsKept) {
     ASSERT_EQ(expected.size(), 40U);
     for (const char* extension : {"mp4", "mkv", "mov"})
         for (const std::int32_t type : {0, 1}) {
-            const auto output =
-                convert({.source = testMedia("variable.mkv"), .extension = extension, .type = type});
-            EXPECT_THAT(pictureTimes(output.path()),
-                        testing::Pointwise(testing::DoubleNear(0.0015), expected));
+            const auto output = convert({.source = testMedia("variable.mkv"), .extension = extension, .type = type});
+            EXPECT_THAT(pictureTimes(output.path()), testing::Pointwise(testing::DoubleNear(0.0015), expected));
         }
 }
 
 TEST(Timing, AConstantRateIsMadeWhenAskedFor) {
-    const auto output = convert({.source = testMedia("variable.mkv"),
-                                 .type = 3,
-                                 .video = VideoSettings{0, 0, 50, "preset=ultrafast"}});
+    const auto output =
+        convert({.source = testMedia("variable.mkv"), .type = 3, .video = VideoSettings{0, 0, 50, "preset=ultrafast"}});
     const auto times = pictureTimes(output.path());
     ASSERT_EQ(times.size(), 100U);
     for (std::size_t i = 0; i < times.size(); ++i)
@@ -70,18 +67,16 @@ TEST(Timing, AConstantRateIsMadeWhenAskedFor) {
 
 TEST(Timing, AConstantRateKeepsTheLength) {
     for (const float fps : {10.0F, 24.0F, 29.97F}) {
-        const auto output = convert({.source = testMedia("plain.mov"),
-                                     .type = 3,
-                                     .video = VideoSettings{0, 0, fps, "preset=ultrafast"}});
+        const auto output = convert(
+            {.source = testMedia("plain.mov"), .type = 3, .video = VideoSettings{0, 0, fps, "preset=ultrafast"}});
         EXPECT_NEAR(Probe(output).duration(), 2.0, 1.0 / static_cast<double>(fps));
         EXPECT_EQ(number(Probe(output).video(), "nb_read_frames"), std::lround(2 * fps));
     }
 }
 
 TEST(Timing, TelevisionRatesAreExact) {
-    const auto output = convert({.source = testMedia("plain.mov"),
-                                 .type = 3,
-                                 .video = VideoSettings{0, 0, 29.97F, "preset=ultrafast"}});
+    const auto output = convert(
+        {.source = testMedia("plain.mov"), .type = 3, .video = VideoSettings{0, 0, 29.97F, "preset=ultrafast"}});
     EXPECT_EQ(text(Probe(output).video(), "avg_frame_rate"), "30000/1001");
 }
 
@@ -90,8 +85,7 @@ TEST(Timing, AnEditIsHonoured) {
     const auto expected = shownPicture(testMedia("edited.mov"));
     for (const char* extension : {"mov", "mp4", "mkv"})
         for (const std::int32_t type : {0, 1}) {
-            const auto output =
-                convert({.source = testMedia("edited.mov"), .extension = extension, .type = type});
+            const auto output = convert({.source = testMedia("edited.mov"), .extension = extension, .type = type});
             EXPECT_EQ(pictureTimes(output.path()).size(), 37U) << extension << type;
             EXPECT_NEAR(Probe(output).duration(), 1.5, kFrame) << extension << type;
             EXPECT_LT(difference(shownPicture(output.path()), expected), 4) << extension << type;
@@ -120,5 +114,5 @@ TEST(Timing, AChangeOfSizeInTheMiddleIsSurvived) {
         EXPECT_NEAR(times[i] - times[i - 1], kFrame, 0.015);
 }
 
-} // namespace
-} // namespace krv::media::test
+}  // namespace
+}  // namespace krv::media::test

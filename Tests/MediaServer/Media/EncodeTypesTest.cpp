@@ -1,9 +1,11 @@
-#include "MediaTestKit.h"
-
 #include <algorithm>
+
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <unistd.h>
+
+#include <gmock/gmock.h>
+
+#include "MediaTestKit.h"
 
 namespace krv::media::test {
 namespace {
@@ -13,8 +15,8 @@ constexpr double kFrame = 0.04;
 struct Made {
     std::int32_t type;
     const char* extension;
-    const char* video;    ///< codec
-    const char* videoTag; ///< empty: not looked at
+    const char* video;     ///< codec
+    const char* videoTag;  ///< empty: not looked at
     const char* audio;
 };
 
@@ -26,8 +28,7 @@ class EncodingTypes : public testing::TestWithParam<Made> {};
 
 TEST_P(EncodingTypes, MakeTheCodecsOfTheirRow) {
     const Made& made = GetParam();
-    const auto output =
-        convert({.source = testMedia("plain.mov"), .extension = made.extension, .type = made.type});
+    const auto output = convert({.source = testMedia("plain.mov"), .extension = made.extension, .type = made.type});
     const Probe probe(output);
     ASSERT_EQ(probe.streams("video").size(), 1U);
     EXPECT_EQ(text(probe.video(), "codec_name"), made.video);
@@ -43,17 +44,16 @@ TEST_P(EncodingTypes, MakeTheCodecsOfTheirRow) {
     EXPECT_NEAR(probe.duration(), 2.0, kFrame);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Encode, EncodingTypes,
-    testing::Values(Made{0, "mp4", "h264", "avc1", "aac"}, Made{0, "mkv", "h264", "", "aac"},
-                    Made{0, "webm", "vp9", "", "opus"}, Made{1, "mov", "h264", "avc1", "aac"},
-                    Made{1, "mp4", "h264", "avc1", "aac"}, Made{1, "m4v", "h264", "avc1", "aac"},
-                    Made{1, "mkv", "h264", "", "aac"}, Made{2, "mp4", "hevc", "hvc1", "aac"},
-                    Made{2, "mov", "hevc", "hvc1", "aac"}, Made{2, "mkv", "hevc", "", "aac"},
-                    Made{3, "mp4", "h264", "avc1", "aac"}, Made{3, "webm", "vp9", "", "opus"},
-                    Made{4, "mov", "prores", "apcn", "pcm_s16le"}, Made{5, "webm", "vp9", "", "opus"},
-                    Made{5, "mp4", "vp9", "vp09", "opus"}, Made{6, "mp4", "av1", "av01", "opus"},
-                    Made{6, "mkv", "av1", "", "opus"}));
+INSTANTIATE_TEST_SUITE_P(Encode, EncodingTypes,
+                         testing::Values(Made{0, "mp4", "h264", "avc1", "aac"}, Made{0, "mkv", "h264", "", "aac"},
+                                         Made{0, "webm", "vp9", "", "opus"}, Made{1, "mov", "h264", "avc1", "aac"},
+                                         Made{1, "mp4", "h264", "avc1", "aac"}, Made{1, "m4v", "h264", "avc1", "aac"},
+                                         Made{1, "mkv", "h264", "", "aac"}, Made{2, "mp4", "hevc", "hvc1", "aac"},
+                                         Made{2, "mov", "hevc", "hvc1", "aac"}, Made{2, "mkv", "hevc", "", "aac"},
+                                         Made{3, "mp4", "h264", "avc1", "aac"}, Made{3, "webm", "vp9", "", "opus"},
+                                         Made{4, "mov", "prores", "apcn", "pcm_s16le"},
+                                         Made{5, "webm", "vp9", "", "opus"}, Made{5, "mp4", "vp9", "vp09", "opus"},
+                                         Made{6, "mp4", "av1", "av01", "opus"}, Made{6, "mkv", "av1", "", "opus"}));
 
 struct MadeSound {
     std::int32_t type;
@@ -70,8 +70,7 @@ class SoundContainers : public testing::TestWithParam<MadeSound> {};
 
 TEST_P(SoundContainers, HoldTheSoundOnly) {
     const MadeSound& made = GetParam();
-    const auto output =
-        convert({.source = testMedia(made.source), .extension = made.extension, .type = made.type});
+    const auto output = convert({.source = testMedia(made.source), .extension = made.extension, .type = made.type});
     const Probe probe(output);
     EXPECT_TRUE(probe.streams("video").empty());
     ASSERT_FALSE(probe.streams("audio").empty());
@@ -99,8 +98,7 @@ TEST(Encode, OriginalCopiesBitForBit) {
 }
 
 TEST(Encode, FlattenCopiesWhateverTheTypeAndPutsTheIndexInFront) {
-    const auto output =
-        convert({.source = testMedia("plain.mov"), .extension = "mov", .type = 5, .flatten = true});
+    const auto output = convert({.source = testMedia("plain.mov"), .extension = "mov", .type = 5, .flatten = true});
     const Probe probe(output);
     EXPECT_EQ(text(probe.video(), "codec_name"), "h264");
     EXPECT_EQ(probe.streams("audio").size(), 2U);
@@ -125,7 +123,7 @@ TEST(Encode, OriginalReplacesOnlyWhatTheContainerCannotHold) {
     const auto output = convert({.source = testMedia("late.mkv"), .extension = "mp4", .type = 0});
     const Probe probe(output);
     EXPECT_EQ(text(probe.video(), "codec_name"), "h264");
-    EXPECT_EQ(text(probe.audio(), "codec_name"), "aac"); // the source's PCM has no place in it
+    EXPECT_EQ(text(probe.audio(), "codec_name"), "aac");  // the source's PCM has no place in it
 }
 
 TEST(Encode, AMovieWithoutSoundBecomesAMovieWithoutSound) {
@@ -137,8 +135,7 @@ TEST(Encode, AMovieWithoutSoundBecomesAMovieWithoutSound) {
 TEST(Encode, OnePictureIsAMovie) {
     for (const char* extension : {"mp4", "mkv"})
         for (const std::int32_t type : {0, 1, 2, 5, 6}) {
-            const auto output =
-                convert({.source = testMedia("still.mov"), .extension = extension, .type = type});
+            const auto output = convert({.source = testMedia("still.mov"), .extension = extension, .type = type});
             EXPECT_EQ(number(Probe(output).video(), "nb_read_frames"), 1) << extension << type;
             EXPECT_NEAR(Probe(output).duration(), kFrame, 0.001) << extension << type;
         }
@@ -162,11 +159,9 @@ TEST(Encode, AnUnnamedFileWillDo) {
     request.encodingType = 1;
     RecordingSink sink;
     encode(request, sink);
-    EXPECT_EQ(
-        number(Probe("/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(destination.number()))
-                   .video(),
-               "nb_read_frames"),
-        50);
+    EXPECT_EQ(number(Probe("/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(destination.number())).video(),
+                     "nb_read_frames"),
+              50);
 }
 
 TEST(Encode, WhatTheDestinationHeldBeforeIsGone) {
@@ -198,5 +193,5 @@ TEST(Encode, ProgressRisesAndEndsAtOne) {
     }
 }
 
-} // namespace
-} // namespace krv::media::test
+}  // namespace
+}  // namespace krv::media::test

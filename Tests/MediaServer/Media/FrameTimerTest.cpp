@@ -1,7 +1,8 @@
-#include <MediaServer/Media/FrameTimer.h>
-#include <gmock/gmock.h>
 #include <utility>
 #include <vector>
+
+#include <MediaServer/Media/FrameTimer.h>
+#include <gmock/gmock.h>
 
 namespace krv::media {
 namespace {
@@ -81,5 +82,5 @@ TEST(FrameTimer, ADamagedTimeDoesNotRepeatAPictureForHours) {
     EXPECT_LT(timed(constant(25), {{0, 40}, {1'000'000'000, 40}}).size(), 2600U);
 }
 
-} // namespace
-} // namespace krv::media
+}  // namespace
+}  // namespace krv::media

@@ -17,5 +17,5 @@ TEST(Language, OtherCodesStayAsTheyAre) {
     EXPECT_EQ(quickTimeLanguage(""), "");
 }
 
-} // namespace
-} // namespace krv::media
+}  // namespace
+}  // namespace krv::media

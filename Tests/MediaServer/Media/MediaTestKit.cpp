@@ -5,23 +5,24 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
-#include <fmt/format.h>
 #include <fstream>
-#include <gtest/gtest.h>
 #include <iterator>
-#include <spawn.h>
 #include <stdexcept>
-#include <strings.h>
-#include <sys/wait.h>
 #include <system_error>
-#include <unistd.h>
 #include <utility>
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <strings.h>
 
 // The HEVC encoder's library forgets memory of its own, which would hide what our code forgets.
 extern "C" const char* __lsan_default_suppressions();
-extern "C" const char*
-__lsan_default_suppressions() { // NOLINT(bugprone-reserved-identifier): the sanitizer's name
+extern "C" const char* __lsan_default_suppressions() {  // NOLINT(bugprone-reserved-identifier): the sanitizer's name
     return "leak:libx265";
 }
 
@@ -37,7 +38,7 @@ constexpr int kBright = 100;
 constexpr int kLoud = 1000;
 constexpr int kProbeRate = 48000;
 
-} // namespace
+}  // namespace
 
 std::string testMedia(const std::string& name) {
     return std::string(KRV_TEST_MEDIA) + "/" + name;
@@ -136,8 +137,8 @@ std::string run(const std::vector<std::string>& arguments) {
 }
 
 Probe::Probe(const std::string& path)
-    : json_(nlohmann::json::parse(run({KRV_FFPROBE, "-v", "quiet", "-of", "json", "-show_streams",
-                                       "-show_format", "-show_chapters", "-count_frames", path}))) {}
+    : json_(nlohmann::json::parse(run({KRV_FFPROBE, "-v", "quiet", "-of", "json", "-show_streams", "-show_format",
+                                       "-show_chapters", "-count_frames", path}))) {}
 
 std::vector<nlohmann::json> Probe::streams(const std::string& type) const {
     std::vector<nlohmann::json> found;
@@ -194,9 +195,8 @@ std::string tagOf(const nlohmann::json& object, const std::string& key) {
 }
 
 std::vector<double> pictureTimes(const std::string& path) {
-    const auto json =
-        nlohmann::json::parse(run({KRV_FFPROBE, "-v", "quiet", "-of", "json", "-select_streams", "v:0",
-                                   "-show_entries", "frame=pts_time:format=start_time", path}));
+    const auto json = nlohmann::json::parse(run({KRV_FFPROBE, "-v", "quiet", "-of", "json", "-select_streams", "v:0",
+                                                 "-show_entries", "frame=pts_time:format=start_time", path}));
     const double start = number(json.at("format"), "start_time");
     std::vector<double> times;
     for (const auto& frame : json.at("frames"))
@@ -205,9 +205,8 @@ std::vector<double> pictureTimes(const std::string& path) {
 }
 
 std::vector<int> pictureBrightness(const std::string& path) {
-    const std::string bytes =
-        run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:v:0", "-vf",
-             "scale=1:1:flags=area,format=gray", "-vsync", "passthrough", "-f", "rawvideo", "-"});
+    const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:v:0", "-vf",
+                                   "scale=1:1:flags=area,format=gray", "-vsync", "passthrough", "-f", "rawvideo", "-"});
     std::vector<int> values;
     for (const char byte : bytes)
         values.push_back(static_cast<unsigned char>(byte));
@@ -225,8 +224,8 @@ double flashTime(const std::string& path) {
 
 double beepTime(const std::string& path) {
     const std::string bytes =
-        run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:a:0", "-af", "aresample=async=1:first_pts=0",
-             "-ac", "1", "-ar", std::to_string(kProbeRate), "-f", "s16le", "-"});
+        run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:a:0", "-af", "aresample=async=1:first_pts=0", "-ac", "1",
+             "-ar", std::to_string(kProbeRate), "-f", "s16le", "-"});
     for (std::size_t i = 0; i + 1 < bytes.size(); i += 2) {
         const auto sample = static_cast<std::int16_t>(static_cast<unsigned char>(bytes[i]) |
                                                       static_cast<unsigned char>(bytes[i + 1]) << 8);
@@ -243,8 +242,8 @@ double soundLength(const std::string& path) {
 }
 
 std::vector<int> shownPicture(const std::string& path) {
-    const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:v:0", "-frames:v", "1",
-                                   "-vf", "scale=16:16:flags=area,format=gray", "-f", "rawvideo", "-"});
+    const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:v:0", "-frames:v", "1", "-vf",
+                                   "scale=16:16:flags=area,format=gray", "-f", "rawvideo", "-"});
     std::vector<int> values;
     for (const char byte : bytes)
         values.push_back(static_cast<unsigned char>(byte));
@@ -270,4 +269,4 @@ void writeFile(const std::string& path, const std::string& content) {
     file << content;
 }
 
-} // namespace krv::media::test
+}  // namespace krv::media::test

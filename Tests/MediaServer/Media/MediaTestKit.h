@@ -1,12 +1,13 @@
 #pragma once
 
-#include <MediaServer/Media/Encode.h>
-#include <MediaServer/Media/FourCC.h>
 #include <cstdint>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include <MediaServer/Media/Encode.h>
+#include <MediaServer/Media/FourCC.h>
+#include <nlohmann/json.hpp>
 
 namespace krv::media::test {
 
@@ -51,7 +52,7 @@ public:
 
 /// What a test asks for; the files are opened by convert().
 struct Conversion {
-    std::string source{}; ///< a path
+    std::string source{};  ///< a path
     std::string extension = "mp4";
     std::int32_t type = 1;
     bool flatten = false;
@@ -114,4 +115,4 @@ double difference(const std::vector<int>& a, const std::vector<int>& b);
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);
 
-} // namespace krv::media::test
+}  // namespace krv::media::test

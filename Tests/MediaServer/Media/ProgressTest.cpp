@@ -1,6 +1,7 @@
+#include <vector>
+
 #include <MediaServer/Media/Progress.h>
 #include <gmock/gmock.h>
-#include <vector>
 
 namespace krv::media {
 namespace {
@@ -57,8 +58,7 @@ TEST_F(ProgressTest, PhasesDivideTheRange) {
     progress_.reach(1);
     progress_.beginPhase(1);
     progress_.reach(0.5);
-    EXPECT_THAT(reports_,
-                testing::ElementsAre(testing::DoubleEq(0.3), testing::DoubleEq(0.6), testing::DoubleEq(0.8)));
+    EXPECT_THAT(reports_, testing::ElementsAre(testing::DoubleEq(0.3), testing::DoubleEq(0.6), testing::DoubleEq(0.8)));
 }
 
 TEST_F(ProgressTest, IsOneOnlyWhenFinished) {
@@ -70,5 +70,5 @@ TEST_F(ProgressTest, IsOneOnlyWhenFinished) {
     EXPECT_EQ(reports_.back(), 1);
 }
 
-} // namespace
-} // namespace krv::media
+}  // namespace
+}  // namespace krv::media

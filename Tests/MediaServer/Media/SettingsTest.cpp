@@ -1,9 +1,10 @@
-#include <MediaServer/Media/Failure.h>
-#include <MediaServer/Media/Settings.h>
 #include <cmath>
-#include <gmock/gmock.h>
 #include <limits>
 #include <string>
+
+#include <MediaServer/Media/Failure.h>
+#include <MediaServer/Media/Settings.h>
+#include <gmock/gmock.h>
 
 namespace krv::media {
 namespace {
@@ -32,8 +33,7 @@ TEST(Settings, EmptyTextAsksForNothing) {
 }
 
 TEST(Settings, KnownVideoKeysBecomeNumbers) {
-    const Settings settings =
-        parseSettings("width=640:height=360:bitrate=500000:pixelFormat=yuv420p10le", kVideo);
+    const Settings settings = parseSettings("width=640:height=360:bitrate=500000:pixelFormat=yuv420p10le", kVideo);
     EXPECT_EQ(settings.width, 640);
     EXPECT_EQ(settings.height, 360);
     EXPECT_EQ(settings.bitRate, 500000);
@@ -58,9 +58,9 @@ TEST(Settings, EmptyPartsAreSkipped) {
 
 TEST(Settings, TextThatIsNoUTF8IsABadArgument) {
     EXPECT_EQ(refusal("preset=\xff\xfe").first, 9);
-    EXPECT_EQ(refusal("preset=\xc3").first, 9);         // cut off in the middle
-    EXPECT_EQ(refusal("preset=\xc0\xaf").first, 9);     // longer than needed
-    EXPECT_EQ(refusal("preset=\xed\xa0\x80").first, 9); // half of a pair
+    EXPECT_EQ(refusal("preset=\xc3").first, 9);          // cut off in the middle
+    EXPECT_EQ(refusal("preset=\xc0\xaf").first, 9);      // longer than needed
+    EXPECT_EQ(refusal("preset=\xed\xa0\x80").first, 9);  // half of a pair
 }
 
 TEST(Settings, UTF8ThatIsNoOptionIsUnsupportedLater) {
@@ -87,18 +87,17 @@ TEST_P(RefusedSettings, AreUnsupportedAndNamed) {
 
 INSTANTIATE_TEST_SUITE_P(
     Settings, RefusedSettings,
-    testing::Values(Refused{"width", kVideo, "width"}, Refused{"=5", kVideo, "=5"},
-                    Refused{"width=", kVideo, "width"}, Refused{"width=0", kVideo, "width"},
-                    Refused{"width=-640", kVideo, "width"}, Refused{"width=6e2", kVideo, "width"},
-                    Refused{"width=nan", kVideo, "width"}, Refused{"height=100000", kVideo, "height"},
-                    Refused{"height=99999999999999999999", kVideo, "height"},
-                    Refused{"bitrate=1", kVideo, "bitrate"}, Refused{"pixelFormat=plaid", kVideo, "plaid"},
-                    Refused{"channels=0", kAudio, "channels"}, Refused{"channels=9", kAudio, "channels"},
-                    Refused{"sampleRate=1", kAudio, "sampleRate"}, Refused{"stats=/tmp/x", kVideo, "stats"},
-                    Refused{"passlogfile=x", kVideo, "passlogfile"},
+    testing::Values(Refused{"width", kVideo, "width"}, Refused{"=5", kVideo, "=5"}, Refused{"width=", kVideo, "width"},
+                    Refused{"width=0", kVideo, "width"}, Refused{"width=-640", kVideo, "width"},
+                    Refused{"width=6e2", kVideo, "width"}, Refused{"width=nan", kVideo, "width"},
+                    Refused{"height=100000", kVideo, "height"},
+                    Refused{"height=99999999999999999999", kVideo, "height"}, Refused{"bitrate=1", kVideo, "bitrate"},
+                    Refused{"pixelFormat=plaid", kVideo, "plaid"}, Refused{"channels=0", kAudio, "channels"},
+                    Refused{"channels=9", kAudio, "channels"}, Refused{"sampleRate=1", kAudio, "sampleRate"},
+                    Refused{"stats=/tmp/x", kVideo, "stats"}, Refused{"passlogfile=x", kVideo, "passlogfile"},
                     Refused{"x264-params=stats=/tmp/x", kVideo, "x264-params"},
-                    Refused{"x265-params=csv=/tmp/x", kVideo, "x265-params"},
-                    Refused{"flags=+pass1", kVideo, "flags"}, Refused{"threads=1000", kVideo, "threads"}));
+                    Refused{"x265-params=csv=/tmp/x", kVideo, "x265-params"}, Refused{"flags=+pass1", kVideo, "flags"},
+                    Refused{"threads=1000", kVideo, "threads"}));
 
 TEST(Settings, KeysWithANullCharacterAreRefused) {
     EXPECT_EQ(refusal(std::string("preset=fast\0er", 14)).first, 6);
@@ -112,8 +111,7 @@ TEST(Range, ZeroAndWhatLiesWithinAreTaken) {
 
 TEST(Range, EverythingElseIsUnsupportedAndNamed) {
     using Limits = std::numeric_limits<float>;
-    for (const float value :
-         {-0.5F, 1.5F, Limits::infinity(), -Limits::infinity(), Limits::quiet_NaN(), -1e-30F}) {
+    for (const float value : {-0.5F, 1.5F, Limits::infinity(), -Limits::infinity(), Limits::quiet_NaN(), -1e-30F}) {
         try {
             checkRange("quality", value, 0, 1);
             ADD_FAILURE() << value << " was taken";
@@ -124,5 +122,5 @@ TEST(Range, EverythingElseIsUnsupportedAndNamed) {
     }
 }
 
-} // namespace
-} // namespace krv::media
+}  // namespace
+}  // namespace krv::media

@@ -1,0 +1,87 @@
+#include <gtest/gtest.h>
+
+#include "ArgumentFilter.h"
+#include "CodecCode.h"
+#include "FailureText.h"
+#include "ProgressDisplay.h"
+
+namespace krvqt {
+namespace {
+
+using namespace std::chrono_literals;
+using Words = std::vector<std::string>;
+
+TEST(ArgumentFilter, TakesTheUserDefaultsOut) {
+    EXPECT_EQ(withoutUserDefaults({"-qtClientLogLevel", "15", "convert", "a", "-minimumPortNumber", "9000", "b"}),
+              (Words{"convert", "a", "b"}));
+    EXPECT_EQ(withoutUserDefaults({"convert", "--force", "a", "b"}), (Words{"convert", "--force", "a", "b"}));
+    EXPECT_EQ(withoutUserDefaults({"-qtClientLogLevel"}), Words{});
+}
+
+TEST(ArgumentFilter, LeavesWhatFollowsTheDoubleDash) {
+    EXPECT_EQ(withoutUserDefaults({"convert", "--", "-qtClientLogLevel", "15"}),
+              (Words{"convert", "--", "-qtClientLogLevel", "15"}));
+}
+
+TEST(CodecCode, HasItsFirstCharacterInTheHighestByte) {
+    EXPECT_EQ(codecCode("avc1"), 0x61766331U);
+    EXPECT_EQ(codecCode(".mp3"), 0x2E6D7033U);
+    EXPECT_EQ(codecCode("abc"), 0x61626320U);
+    EXPECT_EQ(codecCode(""), std::nullopt);
+    EXPECT_EQ(codecCode("toolong"), std::nullopt);
+}
+
+TEST(EncodingType, IsANameOfAnyCaseOrANumber) {
+    EXPECT_EQ(encodingType("h.264"), 1);
+    EXPECT_EQ(encodingType("PRORES 422"), 4);
+    EXPECT_EQ(encodingType("6"), 6);
+    EXPECT_EQ(encodingType("99"), 99);
+    EXPECT_EQ(encodingType("6x"), std::nullopt);
+    EXPECT_EQ(encodingType(""), std::nullopt);
+}
+
+TEST(EncodingType, FollowsFromTheDestinationWhenNoneIsAskedFor) {
+    EXPECT_EQ(defaultEncodingType("/a/b.mp4"), 1);
+    EXPECT_EQ(defaultEncodingType("/a/b.WEBM"), 5);
+    EXPECT_EQ(defaultEncodingType("/a/b.flac"), 7);
+    EXPECT_EQ(defaultEncodingType("/a.flac/b"), 1);
+}
+
+TEST(ProgressLine, ShowsBarPercentAndTimes) {
+    EXPECT_EQ(progressLine(0.0, 0s, 40), "[.................]   0 %  0:00 elapsed");
+    EXPECT_EQ(progressLine(0.5, 30s, 60), "[#############.............]  50 %  0:30 elapsed, 0:30 left");
+    EXPECT_EQ(progressLine(2.0, 10s, 60).find("100 %"), 29U);
+}
+
+TEST(ProgressLine, FitsItsTerminal) {
+    for (int columns = 1; columns < 200; ++columns) {
+        EXPECT_LT(progressLine(0.42, 3700s, columns).size(), static_cast<std::size_t>(std::max(columns, 1)));
+    }
+}
+
+TEST(ProgressLine, WritesTimesAsClocksDo) {
+    EXPECT_EQ(clockText(7s), "0:07");
+    EXPECT_EQ(clockText(760s), "12:40");
+    EXPECT_EQ(clockText(3723s), "1:02:03");
+}
+
+TEST(FailureText, SaysWhatWhyAndWhatToTry) {
+    const auto error = krv::Error::make("KRVQuicktimeProcess", 3,
+                                        {{krv::NSLocalizedDescriptionKey, "\"a.mov\" cannot be read."},
+                                         {krv::NSLocalizedFailureReasonErrorKey, "No such file or directory"},
+                                         {"KRVFilePath", "/movies/a.mov"}});
+    EXPECT_EQ(failureText(*error), "\"a.mov\" cannot be read.\n"
+                                   "  file:  /movies/a.mov\n"
+                                   "  cause: No such file or directory\n"
+                                   "  try:   check the path and that you may read the file");
+    EXPECT_EQ(failureJSON(*error)["code"], 3);
+    EXPECT_EQ(failureJSON(*error)["path"], "/movies/a.mov");
+}
+
+TEST(FailureText, IsShortWhereNothingElseIsKnown) {
+    const krv::Error error("Other", 1);
+    EXPECT_EQ(failureText(error), "The operation couldn't be completed. (Other error 1.)");
+}
+
+}  // namespace
+}  // namespace krvqt
