@@ -18,11 +18,11 @@ class Observer : public OperationProgress {
 public:
     bool operation(const R::Ref& operation, float progress) override {
         seen.push_back(progress);
-        last = operation;
+        last = operation;  // which holds its observer itself
         return answer(progress);
     }
     std::vector<float> seen;
-    R::Ref last;
+    std::weak_ptr<R> last;
     std::function<bool(float)> answer = [](float) { return true; };
 };
 
@@ -91,7 +91,7 @@ TEST_F(Wait, TheObserverSeesEachPollButTheLast) {
     transport->reply(accepted()).reply(state(0.1F)).reply(state(0.2F)).reply(state(1.0F, true));
     (void)wait();
     EXPECT_EQ(observer->seen, (std::vector<float>{0.1F, 0.2F}));
-    EXPECT_EQ(observer->last, request);
+    EXPECT_EQ(observer->last.lock(), request);
 }
 
 TEST_F(Wait, TheObserverSeesProgressBetweenZeroAndOne) {
