@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <chrono>
+#include <condition_variable>
 #include <cstring>
 
 #include <sys/socket.h>
@@ -23,6 +24,8 @@ constexpr unsigned kMostConnections = 1200;
 constexpr unsigned kIdleSeconds = 120;
 /// A request has to be complete within this time.
 constexpr auto kSlowestRequest = 10s;
+/// How long a stop waits for answers that are still on their way out.
+constexpr auto kFarewell = 3s;
 
 /// What is known of a request from its head to its answer. Shared with whoever holds the reply.
 struct Exchange {
@@ -82,17 +85,39 @@ bool peerIsUser(MHD_Connection* connection) {
     return info && info->socket_context != nullptr;
 }
 
-void requestEnded(void* /*userdata*/, MHD_Connection* /*connection*/, void** context,
-                  MHD_RequestTerminationCode /*code*/) {
-    delete static_cast<ExchangeRef*>(*context);
-    *context = nullptr;
-}
-
 }  // namespace
 
 struct HTTPFront::Internals {
-    Handlers handlers;
+    explicit Internals(Handlers given)
+        : handlers(std::move(given)) {}
+
+    const Handlers handlers;
     std::vector<MHD_Daemon*> daemons;
+    Mutex mutex;
+    std::condition_variable_any exchangeEnded;
+    int openExchanges KRV_GUARDED_BY(mutex) = 0;
+
+    static void requestEnded(void* userdata, MHD_Connection* /*connection*/, void** context,
+                             MHD_RequestTerminationCode /*code*/) {
+        if (!*context) {
+            return;
+        }
+        delete static_cast<ExchangeRef*>(*context);
+        *context = nullptr;
+        auto& self = *static_cast<Internals*>(userdata);
+        const LockGuard lock(self.mutex);
+        --self.openExchanges;
+        self.exchangeEnded.notify_all();
+    }
+
+    /// Waits until no answer is on its way any more.
+    void drain() {
+        const auto deadline = std::chrono::steady_clock::now() + kFarewell;
+        mutex.lock();
+        while (openExchanges > 0 && exchangeEnded.wait_until(mutex, deadline) != std::cv_status::timeout) {
+        }
+        mutex.unlock();
+    }
 
     static MHD_Result handle(void* userdata, MHD_Connection* connection, const char* target, const char* method,
                              const char* /*version*/, const char* upload, std::size_t* uploadSize, void** context) {
@@ -126,6 +151,8 @@ struct HTTPFront::Internals {
             break;
         }
         *context = new ExchangeRef(std::make_shared<Exchange>());
+        const LockGuard lock(mutex);
+        ++openExchanges;
         return MHD_YES;
     }
 
@@ -184,7 +211,7 @@ struct HTTPFront::Internals {
 };
 
 HTTPFront::HTTPFront(Handlers handlers)
-    : internals_(std::make_unique<Internals>(Internals{std::move(handlers), {}})) {}
+    : internals_(std::make_unique<Internals>(std::move(handlers))) {}
 
 HTTPFront::~HTTPFront() {
     stop();
@@ -196,11 +223,11 @@ bool HTTPFront::start(ListeningSockets sockets) {
             continue;
         }
         const unsigned flags = MHD_USE_EPOLL_INTERNAL_THREAD | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_ITC;
-        MHD_Daemon* const daemon =
-            MHD_start_daemon(flags, 0, nullptr, nullptr, &Internals::handle, internals_.get(), MHD_OPTION_LISTEN_SOCKET,
-                             socket->get(), MHD_OPTION_CONNECTION_LIMIT, kMostConnections,
-                             MHD_OPTION_CONNECTION_TIMEOUT, kIdleSeconds, MHD_OPTION_NOTIFY_COMPLETED, &requestEnded,
-                             nullptr, MHD_OPTION_NOTIFY_CONNECTION, &connectionChanged, nullptr, MHD_OPTION_END);
+        MHD_Daemon* const daemon = MHD_start_daemon(
+            flags, 0, nullptr, nullptr, &Internals::handle, internals_.get(), MHD_OPTION_LISTEN_SOCKET, socket->get(),
+            MHD_OPTION_CONNECTION_LIMIT, kMostConnections, MHD_OPTION_CONNECTION_TIMEOUT, kIdleSeconds,
+            MHD_OPTION_NOTIFY_COMPLETED, &Internals::requestEnded, internals_.get(), MHD_OPTION_NOTIFY_CONNECTION,
+            &connectionChanged, nullptr, MHD_OPTION_END);
         if (!daemon) {
             return false;
         }
@@ -211,6 +238,15 @@ bool HTTPFront::start(ListeningSockets sockets) {
 }
 
 void HTTPFront::stop() {
+    if (internals_->daemons.empty()) {
+        return;
+    }
+    for (MHD_Daemon* const daemon : internals_->daemons) {
+        if (const int listener = MHD_quiesce_daemon(daemon); listener != MHD_INVALID_SOCKET) {
+            ::close(listener);
+        }
+    }
+    internals_->drain();
     for (MHD_Daemon* const daemon : internals_->daemons) {
         MHD_stop_daemon(daemon);
     }

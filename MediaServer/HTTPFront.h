@@ -30,7 +30,8 @@ public:
 
     /// Begins to serve, with threads of its own. Takes the sockets over. False when the library refuses.
     [[nodiscard]] bool start(ListeningSockets sockets);
-    /// Ends every connection. All replies must have been given.
+    /// Takes no more connections, lets the answers that are on their way reach their askers (three seconds at most),
+    /// and ends every connection. All replies must have been given.
     void stop();
 
 private:
