@@ -5,7 +5,9 @@
 #include <KRVQTProcessClient/Client/HTTPServerDiscovery.h>
 #include <KRVQTProcessClient/Client/KRVQTProcessOperations.h>
 #include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
+#include <KRVQTProcessClient/Client/ReliabilityProxy.h>
 #include <KRVQTProcessClient/Client/ServerNaming.h>
+#include <KRVQTProcessClient/Client/ServerRunner.h>
 #include <KRVQTProcessClient/Client/TransportInvocation.h>
 #include <KRVQTProcessClient/Common/EncodingParameters.h>
 #include <KRVQTProcessClient/Common/LoggingDefaults.h>
@@ -14,10 +16,13 @@
 #include <KRVQTProcessClient/Foundation/Error.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Foundation/Value.h>
+#include <KRVQTProcessClient/Monitoring/KRVNSTimer.h>
 #include <KRVQTProcessClient/Monitoring/KRVProcessMonitor.h>
 #include <KRVQTProcessClient/Operations/KRVOperationBase.h>
 #include <KRVQTProcessClient/Operations/OperationKeys.h>
 #include <KRVQTProcessClient/Operations/OperationProgress.h>
+#include <KRVQTProcessClient/Platform/Bundle.h>
+#include <KRVQTProcessClient/Platform/ClassRegistry.h>
 #include <KRVQTProcessClient/Platform/NotificationCenter.h>
 #include <KRVQTProcessClient/Platform/RunLoop.h>
 #include <KRVQTProcessClient/Platform/UserDefaults.h>

@@ -5,6 +5,8 @@
 
 namespace krv {
 
+ReliabilityDecision::~ReliabilityDecision() = default;
+
 bool isBaseObjectSelector(Selector selector) noexcept {
     static constexpr std::array<std::string_view, 14> kBaseObjectSelectors{"class",          "conformsToProtocol:",
                                                                            "dealloc",        "debugDescription",

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <optional>
 
 #include <KRVQTProcessClient/Foundation/Export.h>
@@ -8,14 +9,27 @@
 
 namespace krv {
 
-/// One call of an operation, packaged: its selector, and what performs it on the wrapped object and stores the result.
-/// The callable holds the arguments for as long as the record lives, so it may be performed more than once.
+class KRVQTProcessOperations;
+
+/// One call of an operation, packaged: its selector, and what performs it on a target and stores the result. The
+/// callable holds the arguments for as long as the record lives, so it may be performed more than once.
 struct Invocation {
     std::optional<Selector> selector;
-    std::function<void()> invoke;
+    std::function<void(KRVQTProcessOperations& target)> perform;
+    /// The object that the call is aimed at.
+    std::shared_ptr<KRVQTProcessOperations> target;
+
+    void invoke() const { perform(*target); }
 };
 
 /// Whether every object answers the selector, such as "description": such calls are never worth retrying.
 [[nodiscard]] KRV_EXPORT bool isBaseObjectSelector(Selector selector) noexcept;
+
+/// An object that decides which of its calls are worth retrying.
+class KRV_EXPORT ReliabilityDecision {
+public:
+    virtual ~ReliabilityDecision();
+    [[nodiscard]] virtual bool doesOperationNeedToBeReliable(const Invocation& invocation) const = 0;
+};
 
 }  // namespace krv

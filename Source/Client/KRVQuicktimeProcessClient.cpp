@@ -20,22 +20,6 @@ bool holdsNoError(ErrorOut error) {
 KRVReliableQTProcessOperations::~KRVReliableQTProcessOperations() = default;
 KRVQTProcessOperations::~KRVQTProcessOperations() = default;
 
-KRVQuicktimeProcessClient::KRVQuicktimeProcessClient(std::shared_ptr<KRVTransport> transport, Clock& clock)
-    : clock_(clock)
-    , transport_(std::move(transport)) {}
-
-KRVQuicktimeProcessClient::~KRVQuicktimeProcessClient() = default;
-
-std::shared_ptr<KRVTransport> KRVQuicktimeProcessClient::transport() const {
-    const LockGuard lock(mutex_);
-    return transport_;
-}
-
-void KRVQuicktimeProcessClient::setTransport(std::shared_ptr<KRVTransport> transport) {
-    const LockGuard lock(mutex_);
-    transport_.swap(transport);
-}
-
 TransportInvocation::Reply KRVQuicktimeProcessClient::call(const Ref& operation, ErrorOut error) const {
     return TransportInvocation::invocationWith(operation, clock_)->invokeOverTransport(transport(), error);
 }

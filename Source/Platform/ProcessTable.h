@@ -34,6 +34,9 @@ public:
 
     /// The machine's table. Lives as long as the process.
     [[nodiscard]] static ProcessTable& system();
+    /// The part of it that belongs to this process's user: what other users run is none of an application's concern,
+    /// and a program of theirs that bears a name of ours must not be taken for ours. Lives as long as the process.
+    [[nodiscard]] static ProcessTable& ofThisUser();
 };
 
 }  // namespace krv

@@ -352,7 +352,7 @@ TEST_F(Client, PendingOperationsAreAlwaysEmptyAndNotAskedFor) {
 
 TEST_F(Client, TheReliableOperationsAreThoseOfTheirInterface) {
     const auto reliable = [&](std::string_view name) {
-        return client.doesOperationNeedToBeReliable({Selector(name), nullptr});
+        return client.doesOperationNeedToBeReliable({Selector(name), nullptr, nullptr});
     };
     EXPECT_TRUE(reliable("getMetadataFor:error:"));
     EXPECT_TRUE(reliable("convertMovie:writeToFile:type:flattenOnly:progress:error:"));
@@ -364,7 +364,7 @@ TEST_F(Client, TheReliableOperationsAreThoseOfTheirInterface) {
     EXPECT_FALSE(reliable("amIRegistered"));
     EXPECT_FALSE(reliable("description"));
     EXPECT_FALSE(reliable(""));
-    EXPECT_FALSE(client.doesOperationNeedToBeReliable({std::nullopt, nullptr}));
+    EXPECT_FALSE(client.doesOperationNeedToBeReliable({std::nullopt, nullptr, nullptr}));
 }
 
 TEST_F(Client, CallsAfterTheTransportHasGoneGetNoReply) {

@@ -65,9 +65,31 @@ public:
     }
 };
 
+/// Shows what belongs to this process's user only.
+class OwnProcessTable final : public ProcessTable {
+public:
+    [[nodiscard]] std::optional<ProcessInfo> process(pid_t pid) const override {
+        auto info = system().process(pid);
+        return info && isOurs(*info) ? std::move(info) : std::nullopt;
+    }
+    [[nodiscard]] std::vector<ProcessInfo> processes() const override {
+        auto all = system().processes();
+        std::erase_if(all, [](const ProcessInfo& info) { return !isOurs(info); });
+        return all;
+    }
+
+private:
+    static bool isOurs(const ProcessInfo& info) { return info.user == ::getuid(); }
+};
+
 }  // namespace
 
 ProcessTable::~ProcessTable() = default;
+
+ProcessTable& ProcessTable::ofThisUser() {
+    static auto* table = new OwnProcessTable;
+    return *table;
+}
 
 ProcessTable& ProcessTable::system() {
     static auto* table = new ProcProcessTable;

@@ -1,0 +1,174 @@
+// How clients come and go, and the one that a process shares.
+//
+// What an application gets from defaultClient() is the proxy, what it gets with a transport of its own is the client
+// itself. So the end differs as well: a proxy that is cleaned up only lets go of its client, which its runner keeps
+// alive and at work; a bare client is cleaned up itself.
+#include <utility>
+
+#include <fmt/format.h>
+
+#include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
+#include <KRVQTProcessClient/Client/ReliabilityProxy.h>
+#include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Platform/RunLoop.h>
+#include <KRVQTProcessClient/Shared/Log.h>
+#include <KRVQTProcessClient/Transports/KRVHTTPClientTransport.h>
+
+namespace krv {
+namespace {
+
+constexpr float kProgressTimeout = 60.0F;
+
+constexpr LogSite site(std::string_view function) {
+    return {"Source/Client/KRVQuicktimeProcessClient", Selector(function)};
+}
+
+// Neither is ever destroyed: an application's threads may use the client until the process ends.
+
+RecursiveMutex& classLock() {
+    static auto* instance = new RecursiveMutex;
+    return *instance;
+}
+
+std::shared_ptr<KRVQTProcessOperations>& sharedClient() {
+    static auto* instance = new std::shared_ptr<KRVQTProcessOperations>;
+    return *instance;
+}
+
+}  // namespace
+
+extern "C" {
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+std::shared_ptr<KRVQTProcessOperations>& __default_krv_quicktime_process_client = sharedClient();
+}
+
+std::shared_ptr<KRVQTProcessOperations> KRVQuicktimeProcessClient::defaultClient() {
+    const LockGuard lock(classLock());
+    if (!sharedClient()) {
+        if (!RunLoop::isMainThread()) {
+            throw Exception("NotMainThread", "Please start this object on the main thread first");
+        }
+        auto transport = std::make_shared<KRVHTTPClientTransport>(HTTPServerDiscovery::defaultInstance());
+        sharedClient() = ReliabilityProxy::proxyForOperations(initWithTransport(std::move(transport), true));
+    }
+    return sharedClient();
+}
+
+std::shared_ptr<KRVQuicktimeProcessClient>
+KRVQuicktimeProcessClient::clientWithTransport(std::shared_ptr<KRVTransport> transport, bool monitorServer) {
+    std::shared_ptr<KRVQTProcessOperations> old;  // goes when the lock has gone
+    const LockGuard lock(classLock());
+    old.swap(sharedClient());
+    auto client = initWithTransport(std::move(transport), monitorServer);
+    sharedClient() = client;
+    return client;
+}
+
+std::shared_ptr<KRVQuicktimeProcessClient>
+KRVQuicktimeProcessClient::clientWithTransport(std::shared_ptr<KRVTransport> transport) {
+    return clientWithTransport(std::move(transport), true);
+}
+
+void KRVQuicktimeProcessClient::destroySingleton() {
+    std::shared_ptr<KRVQTProcessOperations> old;
+    const LockGuard lock(classLock());
+    old.swap(sharedClient());
+    if (auto* const proxy = dynamic_cast<ReliabilityProxy*>(old.get())) {
+        proxy->cleanUp();
+    } else if (auto* const client = dynamic_cast<KRVQuicktimeProcessClient*>(old.get())) {
+        client->cleanUp();
+    }
+}
+
+std::shared_ptr<KRVQuicktimeProcessClient> KRVQuicktimeProcessClient::init() {
+    throw Exception(std::string(kInvalidArgumentException),
+                    "KRVQuicktimeProcessClient does not recognise init: a client is made with a transport");
+}
+
+std::shared_ptr<KRVQuicktimeProcessClient>
+KRVQuicktimeProcessClient::initWithTransport(std::shared_ptr<KRVTransport> transport, bool monitorServer) {
+    return initWithTransport(std::move(transport), monitorServer, ServerRunner::Environment{});
+}
+
+std::shared_ptr<KRVQuicktimeProcessClient>
+KRVQuicktimeProcessClient::initWithTransport(std::shared_ptr<KRVTransport> transport, bool monitorServer,
+                                             ServerRunner::Environment environment) {
+    std::shared_ptr<KRVQuicktimeProcessClient> client(new KRVQuicktimeProcessClient(Clock::steady()));
+    client->initWithMonitor(monitorServer, std::move(environment));
+    client->setTransport(std::move(transport));
+    return client;
+}
+
+KRVQuicktimeProcessClient::KRVQuicktimeProcessClient(Clock& clock)
+    : clock_(clock) {}
+
+KRVQuicktimeProcessClient::KRVQuicktimeProcessClient(std::shared_ptr<KRVTransport> transport, Clock& clock)
+    : KRVQuicktimeProcessClient(clock) {
+    initWithMonitor(false, {});
+    setTransport(std::move(transport));
+}
+
+KRVQuicktimeProcessClient::~KRVQuicktimeProcessClient() {
+    cleanUp();
+}
+
+void KRVQuicktimeProcessClient::initWithMonitor(bool monitorServer, ServerRunner::Environment environment) {
+    auto monitor = std::make_shared<KRVProcessMonitor>();
+    std::shared_ptr<ServerRunner> runner;
+    if (monitorServer) {
+        // Its first step comes a second later, when the transport is there.
+        runner = ServerRunner::initWithProcessMonitor(monitor, shared_from_this(), std::move(environment));
+    }
+    {
+        const LockGuard lock(mutex_);
+        procMonitor_ = std::move(monitor);
+        serverRunner_ = std::move(runner);
+    }
+    setProgressTimeoutDuration(kProgressTimeout);
+    KRV_LOG(kLogFlagInfo, site("initWithMonitor:"), "KRVQuicktimeProcessClient started");
+}
+
+void KRVQuicktimeProcessClient::cleanUp() {
+    if (inCleanup_.exchange(true)) {
+        return;
+    }
+    const auto self = weak_from_this().lock();  // the runner's reference may be the last one but this
+    std::shared_ptr<ServerRunner> runner;
+    std::shared_ptr<KRVProcessMonitor> monitor;
+    {
+        const LockGuard lock(mutex_);
+        monitor.swap(procMonitor_);
+        runner.swap(serverRunner_);
+    }
+    monitor.reset();
+    if (runner) {
+        runner->cleanUp();
+    }
+    setTransport(nullptr);
+}
+
+std::shared_ptr<ServerRunner> KRVQuicktimeProcessClient::serverRunner() const {
+    const LockGuard lock(mutex_);
+    return serverRunner_;
+}
+
+std::shared_ptr<KRVProcessMonitor> KRVQuicktimeProcessClient::procMonitor() const {
+    const LockGuard lock(mutex_);
+    return procMonitor_;
+}
+
+std::shared_ptr<KRVTransport> KRVQuicktimeProcessClient::transport() const {
+    const LockGuard lock(mutex_);
+    return transport_;
+}
+
+void KRVQuicktimeProcessClient::setTransport(std::shared_ptr<KRVTransport> transport) {
+    const LockGuard lock(mutex_);
+    transport_.swap(transport);
+}
+
+std::string KRVQuicktimeProcessClient::description() const {
+    return fmt::format("<KRVQuicktimeProcessClient: {}>", static_cast<const void*>(this));
+}
+
+}  // namespace krv

@@ -1,0 +1,170 @@
+// Finding the server's program and launching it.
+#include <cstdlib>
+#include <filesystem>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include <KRVQTProcessClient/Client/ServerRunner.h>
+#include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Shared/Log.h>
+
+namespace krv {
+
+constinit const std::string_view kKRVNewKRVQuicktimeProcessorStarted = "kKRVNewKRVQuicktimeProcessorStarted";
+
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+constexpr std::string_view kServerName = "KRVQuicktimeProcess";
+constexpr std::string_view kServerType = "app";
+constexpr std::string_view kExecutableInBundle = "/Contents/MacOS/KRVQuicktimeProcess";
+constexpr std::string_view kLoggingDomainArgument = "-KRVLoggingDomain";
+constexpr std::string_view kMediaClass = "KRVMedia";
+constexpr Clock::Duration kLaunchTakesAtMost = 30s;
+constexpr std::uintmax_t kLargestErrorFile = 256 * 1024;
+
+constexpr LogSite site(std::string_view function) {
+    return {"Source/Client/ServerRunner", Selector(function)};
+}
+
+/// Where the server's standard error goes: what the dynamic linker or a crash prints would be lost otherwise. Empty
+/// when there is no place for it.
+std::string standardErrorFile() {
+    const char* const state = std::getenv("XDG_STATE_HOME");
+    const char* const home = std::getenv("HOME");
+    fs::path folder;
+    if (state && state[0] == '/') {
+        folder = state;
+    } else if (home && home[0] == '/') {
+        folder = fs::path(home) / ".local/state";
+    } else {
+        return {};
+    }
+    folder /= kServerName;
+    std::error_code failure;
+    fs::create_directories(folder, failure);
+    const fs::path file = folder / "standard-error.log";
+    if (const auto size = fs::file_size(file, failure); !failure && size > kLargestErrorFile) {
+        fs::resize_file(file, 0, failure);
+    }
+    return file.string();
+}
+
+/// The latest launch. Never destroyed: threads may ask for it until the process ends.
+struct LatestLaunch {
+    Mutex mutex;
+    std::optional<LaunchAttempt> attempt KRV_GUARDED_BY(mutex);
+    std::weak_ptr<Task> task KRV_GUARDED_BY(mutex);
+};
+
+LatestLaunch& latest() {
+    static auto* instance = new LatestLaunch;
+    return *instance;
+}
+
+void note(LaunchAttempt attempt, const std::shared_ptr<Task>& task = nullptr) {
+    const LockGuard lock(latest().mutex);
+    latest().attempt = std::move(attempt);
+    latest().task = task;
+}
+
+}  // namespace
+
+std::optional<LaunchAttempt> ServerRunner::latestLaunch() {
+    const LockGuard lock(latest().mutex);
+    auto attempt = latest().attempt;
+    if (const auto task = latest().task.lock(); attempt && task) {
+        attempt->running = task->isRunning();
+    }
+    return attempt;
+}
+
+std::optional<Bundle> ServerRunner::bundleOfThisLibrary() {
+    return Bundle::containing(reinterpret_cast<const void*>(&ServerRunner::latestLaunch));
+}
+
+std::optional<std::string> ServerRunner::findResource(std::string_view name, std::string_view ofType) const {
+    if (auto path = findResource(name, ofType, environment_.mainBundle())) {
+        return path;
+    }
+    const auto library = environment_.libraryBundle();
+    return library ? findResource(name, ofType, *library) : std::nullopt;
+}
+
+std::optional<std::string> ServerRunner::findResource(std::string_view name, std::string_view ofType,
+                                                      const Bundle& inBundle) const {
+    const std::string fileName = fmt::format("{}.{}", name, ofType);
+    const auto search = [&](const Bundle& bundle) {
+        auto path = bundle.pathForResource(name, ofType);
+        return path ? path : bundle.pathForAuxiliaryExecutable(fileName);
+    };
+    if (auto path = search(inBundle)) {
+        return path;
+    }
+    const auto media = environment_.classes->bundleForClass(kMediaClass);
+    return media ? search(*media) : std::nullopt;
+}
+
+void ServerRunner::kickOffQTProcessor() {
+    {
+        const LockGuard lock(mutex_);
+        if (serverCheckStartTime_) {
+            // The distance of the start from now, and so a negative number.
+            KRV_LOG(kLogFlagInfo, site("kickOffQTProcessor"),
+                    "Not starting server - one has already been started {:.2f}s ago",
+                    secondsFromDuration(*serverCheckStartTime_ - environment_.now()));
+            return;
+        }
+    }
+    const auto bundle = findResource(kServerName, kServerType);
+    if (!bundle) {
+        const auto library = environment_.libraryBundle();
+        KRV_LOG(kLogFlagInfo, site("kickOffQTProcessor"), "There is no {}.{} in {}{}{}", kServerName, kServerType,
+                environment_.mainBundle().path(), library ? " or " : "", library ? library->path() : "");
+        // The reason has a place for a name, and shows what is printed for a missing one.
+        const std::string reason = "Cannot find the executable (null). Can't start server";
+        note({.bundle = {}, .executable = {}, .failure = reason});
+        throw Exception("BadBuild", reason);
+    }
+    KRV_LOG(kLogFlagInfo, site("kickOffQTProcessor"), "I will start {}", *bundle);
+    Task::Launch what{.executable = *bundle + std::string(kExecutableInBundle),
+                      .arguments = {std::string(kLoggingDomainArgument)},
+                      .standardErrorFile = standardErrorFile()};
+    if (auto identifier = environment_.mainBundle().bundleIdentifier()) {
+        what.arguments.push_back(*std::move(identifier));
+    }
+    setServerCheckStartTime(environment_.now());
+    std::shared_ptr<Task> task;
+    try {
+        task = environment_.launch(what);
+    } catch (const Exception& exception) {
+        note({.bundle = *bundle, .executable = what.executable, .failure = exception.reason()});
+        throw;
+    }
+    note({.bundle = *bundle, .executable = what.executable, .failure = {}, .pid = task->processIdentifier()}, task);
+    {
+        const LockGuard lock(mutex_);
+        if (!cleanedUp_) {
+            qtProcessorTask_.swap(task);
+        }
+    }
+    RunLoop::current().performAfterDelay(kLaunchTakesAtMost, shared_from_this(), kNoLongerStartingProcessor,
+                                         [this] { noLongerStartingProcessor(); });
+}
+
+void ServerRunner::noLongerStartingProcessor() {
+    setServerCheckStartTime(std::nullopt);
+    environment_.mainLoop().perform([self = std::static_pointer_cast<ServerRunner>(shared_from_this())] {
+        self->noLongerStartingProcessor_mainThread();
+    });
+}
+
+void ServerRunner::noLongerStartingProcessor_mainThread() {
+    environment_.notificationCenter().post(
+        {std::string(kKRVNewKRVQuicktimeProcessorStarted), Value(), shared_from_this()});
+}
+
+}  // namespace krv

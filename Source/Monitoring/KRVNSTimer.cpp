@@ -1,0 +1,67 @@
+#include <chrono>
+#include <utility>
+
+#include <KRVQTProcessClient/Monitoring/KRVNSTimer.h>
+
+namespace krv {
+namespace {
+
+constexpr std::chrono::seconds kInterval{1};
+
+}  // namespace
+
+KRVNSTimer::KRVNSTimer() = default;
+KRVNSTimer::~KRVNSTimer() = default;
+
+void KRVNSTimer::startMonitorTimer() {
+    announce(Change::Coming);
+    stopMonitorTimer();
+    auto timer = RunLoop::current().scheduleTimer(kInterval, [self = shared_from_this()] { self->krvNSTimerFired(); });
+    {
+        const LockGuard lock(mutex_);
+        timer_.swap(timer);
+    }
+    // Two threads that start at once leave one timer, not two.
+    if (timer) {
+        timer->invalidate();
+    }
+    announce(Change::Made);
+}
+
+void KRVNSTimer::stopMonitorTimer() {
+    announce(Change::Coming);
+    std::shared_ptr<RunLoop::Timer> timer;
+    {
+        const LockGuard lock(mutex_);
+        timer_.swap(timer);
+    }
+    if (timer) {
+        timer->invalidate();
+    }
+    announce(Change::Made);
+}
+
+bool KRVNSTimer::isMonitoring() const {
+    const LockGuard lock(mutex_);
+    return timer_ != nullptr;
+}
+
+void KRVNSTimer::krvNSTimerFired() {}
+
+NotificationCenter::Token KRVNSTimer::addObserver(Observer observer) {
+    return observers_.addObserver(kIsMonitoringKey,
+                                  [this, observer = std::move(observer)](const Notification& notification) {
+                                      observer(*this, kIsMonitoringKey,
+                                               notification.value.boolValue() ? Change::Made : Change::Coming);
+                                  });
+}
+
+void KRVNSTimer::removeObserver(NotificationCenter::Token token) {
+    observers_.removeObserver(token);
+}
+
+void KRVNSTimer::announce(Change change) const {
+    observers_.post({std::string(kIsMonitoringKey), Value(change == Change::Made), nullptr});
+}
+
+}  // namespace krv

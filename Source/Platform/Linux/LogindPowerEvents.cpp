@@ -1,0 +1,98 @@
+// Sleep and wake by logind's signal PrepareForSleep on the system bus: true before the machine sleeps, false after it
+// has woken up.
+//
+// The connection is our own, not the process-wide one that GIO shares out: that one ends the process when the bus goes
+// away, which is not for a library to decide. No inhibitor lock is taken, so the machine does not wait for us; the
+// announcement of a sleep may therefore be delivered only after the wake, directly before the other one. Whoever
+// listens has to live with the pair arriving together.
+#include <memory>
+
+#include <gio/gio.h>
+
+#include <KRVQTProcessClient/Platform/PowerEvents.h>
+#include <KRVQTProcessClient/Platform/RunLoop.h>
+#include <KRVQTProcessClient/Shared/Log.h>
+
+namespace krv {
+
+constinit const std::string_view kWorkspaceWillSleepNotification = "NSWorkspaceWillSleepNotification";
+constinit const std::string_view kWorkspaceDidWakeNotification = "NSWorkspaceDidWakeNotification";
+
+namespace {
+
+constexpr LogSite kSite{"Source/Platform/PowerEvents", Selector("notificationCenter")};
+
+NotificationCenter& center() {
+    static auto* instance = new NotificationCenter;
+    return *instance;
+}
+
+struct FreeError {
+    void operator()(GError* error) const { g_error_free(error); }
+};
+using ErrorHolder = std::unique_ptr<GError, FreeError>;
+
+void sayThereAreNone(const ErrorHolder& why) {
+    KRV_LOG(kLogFlagInfo, kSite, "No sleep and wake events: {}", why ? why->message : "the system bus has gone");
+}
+
+/// Posts on the library's own run loop: what an observer throws must not meet GIO's frames.
+void post(std::string_view name) {
+    RunLoop::main().perform([name] { center().post({std::string(name), Value(), nullptr}); });
+}
+
+void prepareForSleep(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* parameters,
+                     gpointer) {
+    if (g_variant_is_of_type(parameters, G_VARIANT_TYPE("(b)"))) {
+        gboolean begins = FALSE;
+        g_variant_get(parameters, "(b)", &begins);
+        post(begins ? kWorkspaceWillSleepNotification : kWorkspaceDidWakeNotification);
+    }
+}
+
+void busHasGone(GDBusConnection*, gboolean, GError*, gpointer) {
+    sayThereAreNone(nullptr);
+}
+
+void connected(GObject*, GAsyncResult* result, gpointer) {
+    GError* failure = nullptr;
+    GDBusConnection* const bus = g_dbus_connection_new_for_address_finish(result, &failure);
+    if (!bus) {
+        sayThereAreNone(ErrorHolder(failure));
+        return;
+    }
+    g_signal_connect(bus, "closed", G_CALLBACK(&busHasGone), nullptr);
+    // The connection is kept for the life of the process.
+    g_dbus_connection_signal_subscribe(bus, "org.freedesktop.login1", "org.freedesktop.login1.Manager",
+                                       "PrepareForSleep", "/org/freedesktop/login1", nullptr,
+                                       G_DBUS_SIGNAL_FLAGS_NONE, &prepareForSleep, nullptr, nullptr);
+}
+
+/// On the main thread, so that GIO delivers there.
+void listen() {
+    GError* failure = nullptr;
+    gchar* const address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &failure);
+    if (!address) {
+        sayThereAreNone(ErrorHolder(failure));
+        return;
+    }
+    g_dbus_connection_new_for_address(
+        address,
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, &connected, nullptr);
+    g_free(address);
+}
+
+}  // namespace
+
+NotificationCenter& PowerEvents::notificationCenter() {
+    static const bool listening = [] {
+        RunLoop::main().perform(&listen);
+        return true;
+    }();
+    (void)listening;
+    return center();
+}
+
+}  // namespace krv

@@ -1,0 +1,399 @@
+#include <algorithm>
+#include <deque>
+#include <stdexcept>
+
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
+#include <KRVQTProcessClient/Client/ReliabilityProxy.h>
+#include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Platform/Fakes/FakeRunLoop.h>
+#include <KRVQTProcessClient/Shared/Fakes/LogRecorder.h>
+#include <KRVQTProcessClient/Transports/Fakes/ScriptedTransport.h>
+
+namespace krv {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+
+/// A target that does as it is told and counts. It takes no decision of its own about what is reliable.
+class Operations : public KRVQTProcessOperations {
+public:
+    explicit Operations(std::shared_ptr<ScriptedTransport> transport)
+        : transport_(std::move(transport)) {}
+
+    bool convertMovie(std::string_view, std::string_view, const VideoSettings&, const AudioSettings&,
+                      const ProgressDelegate&, ErrorOut) override {
+        return act(true);
+    }
+    std::shared_ptr<const Dictionary> getMetadataFor(std::string_view movie, ErrorOut) override {
+        auto metadata = std::make_shared<Dictionary>();
+        metadata->set("movie", std::string(movie));
+        return act(std::shared_ptr<const Dictionary>(metadata));
+    }
+    Value getInterestingTimesForMovie(std::string_view, bool, std::int32_t index, ErrorOut) override {
+        return act(Value(index));
+    }
+    std::shared_ptr<KRVTransport> transport() const override { return transport_; }
+    bool amIRegistered() override { return act(true); }
+    bool isServerReadyToTakeRequests() override { return act(true); }
+    Array operationsPendingCompletion() override { return act(Array{Value("one")}); }
+    void registerWithServer() override { act(true); }
+    void unregisterFromServer() override { act(true); }
+    bool queueShutdownOfCurrentServer() override { return act(true); }
+
+    /// What each call does, in order; nothing more is nothing special.
+    std::deque<std::function<void()>> script;
+    int calls = 0;
+
+protected:
+    bool performConvertMovie(std::string_view, std::string_view, std::int32_t, bool, const ProgressDelegate&,
+                             ErrorOut) override {
+        return act(true);
+    }
+    bool performCreateThumbnails(std::string_view, std::string_view, Size, const ProgressDelegate&, ErrorOut) override {
+        return act(true);
+    }
+    bool performMuxMovie(std::string_view, std::string_view, const ProgressDelegate&, ErrorOut) override {
+        return act(true);
+    }
+    bool performCancelAllOperations(ErrorOut) override { return act(true); }
+
+private:
+    template <typename T>
+    T act(T result) {
+        ++calls;
+        if (!script.empty()) {
+            const auto step = std::move(script.front());
+            script.pop_front();
+            step();
+        }
+        return result;
+    }
+
+    std::shared_ptr<ScriptedTransport> transport_;
+};
+
+/// The same, with the client's decision: the six of the reliable interface.
+class DecidingOperations final : public Operations, public ReliabilityDecision {
+public:
+    using Operations::Operations;
+    bool doesOperationNeedToBeReliable(const Invocation& invocation) const override {
+        const auto methods = KRVReliableQTProcessOperations::requiredMethods();
+        return std::find(methods.begin(), methods.end(), invocation.selector) != methods.end();
+    }
+};
+
+void failToCommunicate() {
+    throw Exception(std::string(kHTTPServerNSURLConnectionError), "unreachable");
+}
+void failOtherwise() {
+    throw Exception("SomethingElse", "for another reason");
+}
+
+class Proxy : public testing::Test {
+protected:
+    FakeClock clock;
+    FakeRunLoop loop{clock};
+    RunLoop::Replacement replacement{loop};
+    std::shared_ptr<ScriptedTransport> transport = std::make_shared<ScriptedTransport>();
+    std::shared_ptr<DecidingOperations> target = std::make_shared<DecidingOperations>(transport);
+    std::shared_ptr<ReliabilityProxy> proxy = ReliabilityProxy::proxyForOperations(target, clock);
+    LogRecorder log;
+
+    Exception raisedBy(const std::function<void()>& call) {
+        try {
+            call();
+        } catch (const Exception& exception) {
+            return exception;
+        }
+        ADD_FAILURE() << "nothing was raised";
+        return {"", ""};
+    }
+    std::vector<std::string> wait(Clock::Duration from, int passes) {
+        std::vector<std::string> lines;
+        for (int i = 1; i <= passes; ++i) {
+            const auto seconds = secondsFromDuration(from) + i * (1.0 + 1.0 / 30);
+            lines.push_back(fmt::format(
+                "Waiting {:.2f}s for operation getMetadataFor:error: to be available via <ScriptedTransport>", seconds));
+        }
+        return lines;
+    }
+};
+
+TEST_F(Proxy, PassesArgumentsAndResultsOn) {
+    const auto metadata = proxy->getMetadataFor("/movie", nullptr);
+    ASSERT_NE(metadata, nullptr);
+    EXPECT_EQ((*metadata)["movie"], Value("/movie"));
+    EXPECT_EQ(proxy->getInterestingTimesForMovie("/movie", true, 7, nullptr), Value(7));
+    EXPECT_TRUE(proxy->convertMovie("/a", "/b", nullptr, nullptr, nullptr, nullptr));
+    EXPECT_EQ(proxy->operationsPendingCompletion().size(), 1U);
+    EXPECT_TRUE(proxy->amIRegistered());
+    EXPECT_TRUE(proxy->isServerReadyToTakeRequests());
+    EXPECT_TRUE(proxy->queueShutdownOfCurrentServer());
+    EXPECT_EQ(proxy->transport(), transport);
+    proxy->registerWithServer();
+    proxy->unregisterFromServer();
+    proxy->convertMovie("/a", "/b", 1, false, nullptr, nullptr);
+    proxy->createThumbnailsFor("/a", "/b", Size{}, nullptr, nullptr);
+    proxy->muxMovie("/a", "/b", nullptr, nullptr);
+    proxy->cancelAllOperations(nullptr);
+    EXPECT_EQ(target->calls, 13);
+}
+
+TEST_F(Proxy, MakesAReliableCallAgainWhenTheServerIsBack) {
+    target->script = {failToCommunicate};
+    EXPECT_NE(proxy->getMetadataFor("/movie", nullptr), nullptr);
+    EXPECT_EQ(target->calls, 2);
+    EXPECT_EQ(proxy->numberOfOperationsInProgress(), 0);
+    EXPECT_TRUE(clock.sleeps().empty());
+    EXPECT_THAT(log.texts(), ElementsAre("Attempt 1 at calling: getMetadataFor:error:",
+                                         "Failed while trying to call getMetadataFor:error:... waiting for transport "
+                                         "to be ready ...",
+                                         "Attempt 2 at calling: getMetadataFor:error:"));
+}
+
+TEST_F(Proxy, GivesUpAfterThreeAttemptsAndThreeWaits) {
+    target->script = {failToCommunicate, failToCommunicate, failToCommunicate};
+    transport->readiness.assign(100, false);
+    const auto start = clock.now();
+    const Exception exception = raisedBy([&] { (void)proxy->getMetadataFor("/movie", nullptr); });
+    EXPECT_EQ(exception.name(), "OperationFailed");
+    EXPECT_EQ(exception.reason(), "Call to getMetadataFor:error: failed. The server couldn't be contacted");
+    EXPECT_EQ(target->calls, 3);
+    EXPECT_EQ(transport->readinessProbes, 18U);
+    EXPECT_EQ(clock.sleeps(), std::vector<Clock::Duration>(15, 1s));
+    EXPECT_EQ(clock.now() - start, 15 * (1s + Clock::Duration(1s) / 30));
+    EXPECT_EQ(proxy->numberOfOperationsInProgress(), 0);
+}
+
+TEST_F(Proxy, RaisesWhatIsNoCommunicationsFailureAtOnce) {
+    target->script = {failOtherwise};
+    const Exception exception = raisedBy([&] { (void)proxy->getMetadataFor("/movie", nullptr); });
+    EXPECT_EQ(exception.name(), "SomethingElse");
+    EXPECT_EQ(exception.reason(), "for another reason");
+    EXPECT_EQ(target->calls, 1);
+    EXPECT_EQ(transport->readinessProbes, 0U);
+    EXPECT_EQ(proxy->numberOfOperationsInProgress(), 0);
+}
+
+TEST_F(Proxy, LetsExceptionsOfOtherKindsPassAndStillCounts) {
+    target->script = {[] { throw std::runtime_error("an application's own"); }};
+    EXPECT_THROW((void)proxy->getMetadataFor("/movie", nullptr), std::runtime_error);
+    EXPECT_EQ(target->calls, 1);
+    EXPECT_EQ(proxy->numberOfOperationsInProgress(), 0);
+}
+
+TEST_F(Proxy, CountsReliableCallsWhileTheyAreUnderWay) {
+    std::vector<std::int32_t> counts;
+    const auto look = [&] { counts.push_back(proxy->numberOfOperationsInProgress()); };
+    target->script = {look, look};
+    (void)proxy->getMetadataFor("/movie", nullptr);
+    (void)proxy->amIRegistered();
+    EXPECT_THAT(counts, ElementsAre(1, 0));
+}
+
+TEST_F(Proxy, PassesOtherCallsOnOnceWithTheirExceptions) {
+    target->script = {failToCommunicate};
+    const Exception exception = raisedBy([&] { proxy->registerWithServer(); });
+    EXPECT_EQ(exception.name(), kHTTPServerNSURLConnectionError);
+    EXPECT_EQ(target->calls, 1);
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(Proxy, AnswersWithTheResultOfALaterAttempt) {
+    target->script = {failToCommunicate, failToCommunicate};
+    transport->readiness = {false, false, true};
+    EXPECT_EQ(proxy->getInterestingTimesForMovie("/movie", true, 3, nullptr), Value(3));
+    EXPECT_EQ(target->calls, 3);
+    EXPECT_EQ(clock.sleeps().size(), 2U);
+}
+
+class ProxyWait : public Proxy {
+protected:
+    bool wait() {
+        Invocation invocation{KRVReliableQTProcessOperations::kGetMetadata, [](auto&) {}, target};
+        return proxy->waitForTransporToBecomeAvailable(invocation);
+    }
+};
+
+TEST_F(ProxyWait, ReturnsAtOnceWhenTheTransportIsReady) {
+    EXPECT_TRUE(wait());
+    EXPECT_TRUE(clock.sleeps().empty());
+    EXPECT_EQ(transport->readinessProbes, 1U);
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(ProxyWait, ProbesSixTimesAndLogsFiveLines) {
+    transport->readiness.assign(100, false);
+    EXPECT_FALSE(wait());
+    EXPECT_EQ(transport->readinessProbes, 6U);
+    EXPECT_EQ(log.texts(), Proxy::wait(0s, 5));
+    EXPECT_EQ(log.lines().front().flag, kLogFlagVerbose);
+    EXPECT_EQ(log.lines().front().context, kLogContextClient);
+    EXPECT_EQ(log.lines().front().file, "Source/Client/ReliabilityProxy");
+    EXPECT_EQ(log.lines().front().function, "waitForTransporToBecomeAvailable:");
+}
+
+TEST_F(ProxyWait, EndsWithTheFirstProbeThatFindsItReady) {
+    transport->readiness = {false, false, true};
+    EXPECT_TRUE(wait());
+    EXPECT_EQ(clock.sleeps().size(), 2U);
+}
+
+TEST_F(ProxyWait, IsTooLongWhenOnlyTheLastProbeFindsItReady) {
+    transport->readiness = {false, false, false, false, false, true};
+    EXPECT_FALSE(wait());
+    EXPECT_EQ(transport->readinessProbes, 6U);
+}
+
+TEST_F(ProxyWait, CountsTheTimeThatTheProbesTake) {
+    class SlowTransport final : public KRVTransport {
+    public:
+        explicit SlowTransport(FakeClock& clock)
+            : clock_(clock) {}
+        std::shared_ptr<const Data> sendOperation(const KRVOperationBase::Ref&) override { return nullptr; }
+        bool isThisACommunicationsFailure(const Exception&) const override { return true; }
+        bool serviceReadyToRock() override {
+            ++probes;
+            clock_.advanceBy(2s);
+            return false;
+        }
+        std::string description() const override { return "<SlowTransport>"; }
+        int probes = 0;
+
+    private:
+        FakeClock& clock_;
+    };
+    const auto slow = std::make_shared<SlowTransport>(clock);
+    const auto client = std::make_shared<KRVQuicktimeProcessClient>(slow);
+    Invocation invocation{KRVReliableQTProcessOperations::kGetMetadata, [](auto&) {}, client};
+    EXPECT_FALSE(proxy->waitForTransporToBecomeAvailable(invocation));
+    EXPECT_EQ(slow->probes, 2);
+}
+
+TEST_F(ProxyWait, TurnsTheRunLoopOfTheCallingThread) {
+    transport->readiness = {false, true};
+    bool turned = false;
+    loop.perform([&] { turned = true; });
+    EXPECT_TRUE(wait());
+    EXPECT_TRUE(turned);
+}
+
+TEST_F(Proxy, WritesItsLinesOnlyWithBothMasks) {
+    const auto linesWith = [&](std::uint32_t additional) {
+        additionalApplicationLogLevel = additional;
+        log.clear();
+        (void)proxy->getMetadataFor("/movie", nullptr);
+        return log.lines().size();
+    };
+    EXPECT_EQ(linesWith(kLoggingHTTPMessaging | kLoggingDebug), 1U);
+    EXPECT_EQ(linesWith(kLoggingHTTPMessaging), 0U);
+    EXPECT_EQ(linesWith(kLoggingDebug), 0U);
+    krv_loggingEnabled = false;
+    EXPECT_EQ(linesWith(kLoggingHTTPMessaging | kLoggingDebug), 0U);
+}
+
+TEST_F(Proxy, WithoutATargetEveryOperationFailsAtOnce) {
+    proxy->cleanUp();
+    EXPECT_EQ(proxy->realOperations(), nullptr);
+    const Exception exception = raisedBy([&] { (void)proxy->getMetadataFor("/movie", nullptr); });
+    EXPECT_EQ(exception.name(), "NSInvalidArgumentException");
+    EXPECT_THAT(exception.reason(), testing::HasSubstr("getMetadataFor:error:"));
+    EXPECT_THROW((void)proxy->transport(), Exception);
+    EXPECT_THROW((void)proxy->amIRegistered(), Exception);
+    EXPECT_EQ(proxy->numberOfOperationsInProgress(), 0);
+    EXPECT_EQ(target->calls, 0);
+    proxy->cleanUp();
+    proxy->clearTarget();
+}
+
+TEST_F(Proxy, LetsGoOfItsTargetWhenItIsCleanedUp) {
+    const std::weak_ptr<DecidingOperations> weak = target;
+    target.reset();
+    EXPECT_FALSE(weak.expired());
+    proxy->cleanUp();
+    EXPECT_TRUE(weak.expired());
+}
+
+TEST_F(Proxy, LosesItsTargetAfterAForwardedCleanUp) {
+    int performed = 0;
+    Invocation invocation{ReliabilityProxy::kCleanUp, [&](KRVQTProcessOperations&) { ++performed; }, nullptr};
+    proxy->forwardInvocation(invocation);
+    EXPECT_EQ(performed, 1);
+    EXPECT_EQ(invocation.target, target);
+    EXPECT_EQ(proxy->realOperations(), nullptr);
+    EXPECT_THROW(proxy->forwardInvocation(invocation), Exception);
+}
+
+class ProxyDecision : public Proxy {
+protected:
+    bool isReliable(std::string_view selector) const {
+        return proxy->doesThisOperationNeedToBeReliable({Selector(selector), nullptr, nullptr});
+    }
+};
+
+TEST_F(ProxyDecision, IsTheTargetsWhenItTakesOne) {
+    EXPECT_TRUE(isReliable("getMetadataFor:error:"));
+    EXPECT_FALSE(isReliable("amIRegistered"));
+}
+
+TEST_F(ProxyDecision, IsYesForAllButTheBasicOperationsOtherwise) {
+    proxy->setRealOperations(std::make_shared<Operations>(transport));
+    EXPECT_TRUE(isReliable("getMetadataFor:error:"));
+    EXPECT_TRUE(isReliable("amIRegistered"));
+    for (const auto* basic : {"description", "hash", "respondsToSelector:", "isEqual:"}) {
+        EXPECT_FALSE(isReliable(basic)) << basic;
+    }
+}
+
+TEST_F(ProxyDecision, MakesEveryCallReliableThen) {
+    const auto simple = std::make_shared<Operations>(transport);
+    proxy->setRealOperations(simple);
+    simple->script = {failToCommunicate};
+    EXPECT_TRUE(proxy->amIRegistered());
+    EXPECT_EQ(simple->calls, 2);
+}
+
+TEST_F(ProxyDecision, OfTheRealClientCoversItsReliableOperations) {
+    proxy->setRealOperations(std::make_shared<KRVQuicktimeProcessClient>(transport));
+    for (const Selector selector : KRVReliableQTProcessOperations::requiredMethods()) {
+        EXPECT_TRUE(isReliable(selector.name())) << selector.name();
+    }
+    EXPECT_FALSE(isReliable("mergeSources:writeToFile:useShortestTrack:progress:error:"));
+    EXPECT_FALSE(isReliable("registerWithServer"));
+}
+
+TEST_F(Proxy, ErrorsInTheOutParameterAreNoFailures) {
+    proxy->setRealOperations(std::make_shared<KRVQuicktimeProcessClient>(transport, clock));
+    transport->fail("refused");
+    std::shared_ptr<const Error> error;
+    EXPECT_EQ(proxy->getMetadataFor("/movie", &error), nullptr);
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->domain(), "TransportInvocation");
+    EXPECT_EQ(transport->sent().size(), 1U);
+}
+
+TEST_F(Proxy, TriesTheRealClientAgain) {
+    proxy->setRealOperations(std::make_shared<KRVQuicktimeProcessClient>(transport, clock));
+    transport->unreachable().unreachable().unreachable();
+    std::shared_ptr<const Error> error;
+    EXPECT_EQ(raisedBy([&] { (void)proxy->getMetadataFor("/movie", &error); }).name(), "OperationFailed");
+    EXPECT_EQ(transport->sentTypes(), std::vector<std::int32_t>(3, OpProvideMetadata));
+    EXPECT_EQ(error, nullptr);
+}
+
+TEST_F(Proxy, DoesNotRetryOverATransportThatIsGone) {
+    const auto client = std::make_shared<KRVQuicktimeProcessClient>(transport, clock);
+    proxy->setRealOperations(client);
+    client->cleanUp();
+    std::shared_ptr<const Error> error;
+    EXPECT_EQ(raisedBy([&] { (void)proxy->getMetadataFor("/movie", &error); }).name(), "TransportCheck");
+    EXPECT_TRUE(clock.sleeps().empty());
+}
+
+}  // namespace
+}  // namespace krv

@@ -1,0 +1,138 @@
+#include <gtest/gtest.h>
+
+#include <KRVQTProcessClient/Monitoring/KRVNSTimer.h>
+#include <KRVQTProcessClient/Platform/Fakes/FakeRunLoop.h>
+
+namespace krv {
+namespace {
+
+using namespace std::chrono_literals;
+
+class CountingTimer final : public KRVNSTimer {
+public:
+    void krvNSTimerFired() override { ++ticks; }
+    int ticks = 0;
+};
+
+class PlainTimer final : public KRVNSTimer {};
+
+class Timer : public testing::Test {
+protected:
+    /// Records each announcement with what isMonitoring says in that moment.
+    void observe() {
+        token = timer->addObserver([this](const KRVNSTimer& sender, std::string_view key, KRVNSTimer::Change change) {
+            EXPECT_EQ(&sender, timer.get());
+            EXPECT_EQ(key, "isMonitoring");
+            seen.push_back(std::string(change == KRVNSTimer::Change::Coming ? "coming" : "made") +
+                           (sender.isMonitoring() ? " yes" : " no"));
+        });
+    }
+
+    FakeClock clock;
+    FakeRunLoop loop{clock};
+    RunLoop::Replacement replacement{loop};
+    std::shared_ptr<CountingTimer> timer = std::make_shared<CountingTimer>();
+    NotificationCenter::Token token;
+    std::vector<std::string> seen;
+};
+
+using Announcements = std::vector<std::string>;
+
+TEST_F(Timer, DoesNotTickBeforeItIsStarted) {
+    loop.advanceBy(5s);
+    EXPECT_FALSE(timer->isMonitoring());
+    EXPECT_EQ(timer->ticks, 0);
+}
+
+TEST_F(Timer, TicksOnceASecondTheFirstTimeAfterASecond) {
+    timer->startMonitorTimer();
+    EXPECT_TRUE(timer->isMonitoring());
+    loop.advanceBy(999ms);
+    EXPECT_EQ(timer->ticks, 0);
+    loop.advanceBy(1ms);
+    EXPECT_EQ(timer->ticks, 1);
+    loop.advanceBy(9s);
+    EXPECT_EQ(timer->ticks, 10);
+}
+
+TEST_F(Timer, StoppingEndsTheTicksAtOnce) {
+    timer->startMonitorTimer();
+    loop.advanceBy(1s);
+    timer->stopMonitorTimer();
+    EXPECT_FALSE(timer->isMonitoring());
+    loop.advanceBy(5s);
+    EXPECT_EQ(timer->ticks, 1);
+}
+
+TEST_F(Timer, StartingAgainReplacesTheTimer) {
+    timer->startMonitorTimer();
+    loop.advanceBy(500ms);
+    timer->startMonitorTimer();
+    EXPECT_EQ(loop.pendingCount(), 1U);
+    loop.advanceBy(900ms);
+    EXPECT_EQ(timer->ticks, 0);
+    loop.advanceBy(100ms);
+    EXPECT_EQ(timer->ticks, 1);
+}
+
+TEST_F(Timer, StoppingWhileNotMonitoringStillSendsBothAnnouncements) {
+    observe();
+    timer->stopMonitorTimer();
+    EXPECT_EQ(seen, (Announcements{"coming no", "made no"}));
+}
+
+TEST_F(Timer, StartingAnnouncesAroundTheAnnouncementsOfStopping) {
+    observe();
+    timer->startMonitorTimer();
+    EXPECT_EQ(seen, (Announcements{"coming no", "coming no", "made no", "made yes"}));
+    seen.clear();
+    timer->startMonitorTimer();
+    EXPECT_EQ(seen, (Announcements{"coming yes", "coming yes", "made no", "made yes"}));
+    seen.clear();
+    timer->stopMonitorTimer();
+    EXPECT_EQ(seen, (Announcements{"coming yes", "made no"}));
+}
+
+TEST_F(Timer, ARemovedObserverIsToldNothing) {
+    observe();
+    timer->removeObserver(token);
+    timer->startMonitorTimer();
+    EXPECT_EQ(seen, Announcements{});
+}
+
+TEST_F(Timer, IsKeptAliveByTheRunLoopWhileItTicks) {
+    timer->startMonitorTimer();
+    const std::weak_ptr<CountingTimer> weak = timer;
+    timer.reset();
+    ASSERT_FALSE(weak.expired());
+    loop.advanceBy(1s);
+    EXPECT_EQ(weak.lock()->ticks, 1);
+    weak.lock()->stopMonitorTimer();
+    EXPECT_TRUE(weak.expired());
+}
+
+TEST_F(Timer, DoesNothingInItsTickUnlessAClassDerivesFromIt) {
+    const auto plain = std::make_shared<PlainTimer>();
+    plain->startMonitorTimer();
+    EXPECT_NO_THROW(loop.advanceBy(3s));
+    plain->stopMonitorTimer();
+}
+
+TEST_F(Timer, MayStopItselfInATick) {
+    class OneTick final : public KRVNSTimer {
+    public:
+        void krvNSTimerFired() override {
+            ++ticks;
+            stopMonitorTimer();
+        }
+        int ticks = 0;
+    };
+    const auto once = std::make_shared<OneTick>();
+    once->startMonitorTimer();
+    loop.advanceBy(5s);
+    EXPECT_EQ(once->ticks, 1);
+    EXPECT_FALSE(once->isMonitoring());
+}
+
+}  // namespace
+}  // namespace krv

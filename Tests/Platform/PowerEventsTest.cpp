@@ -1,0 +1,79 @@
+// Sleep and wake over a real bus: a private bus daemon stands in for the system bus, and a process on it for logind.
+#include <thread>
+
+#include <gio/gio.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <KRVQTProcessClient/Platform/PowerEvents.h>
+#include <KRVQTProcessClient/Platform/RunLoop.h>
+#include <KRVQTProcessClient/Shared/Fakes/LogRecorder.h>
+
+#include "ChildProcess.h"
+#include "PrivateBus.h"
+
+namespace krv {
+namespace {
+
+using namespace std::chrono_literals;
+
+std::vector<std::string> seen;
+
+/// Turns the main loop until that many notifications have come.
+void turnUntilSeen(std::size_t count) {
+    while (seen.size() < count) {
+        RunLoop::main().runUntil(Clock::steady().now() + 10ms);
+    }
+}
+
+/// The process listens from the first call on and for ever, so there is one test for all.
+TEST(PowerEvents, AreAnnouncedOnTheMainThreadAsLogindSendsThem) {
+    test::PrivateBus bus;
+    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address().c_str(), 1);
+    for (const auto name : {kWorkspaceWillSleepNotification, kWorkspaceDidWakeNotification}) {
+        (void)PowerEvents::notificationCenter().addObserver(name, [](const Notification& notification) {
+            EXPECT_TRUE(RunLoop::isMainThread());
+            EXPECT_EQ(notification.object, nullptr);
+            seen.push_back(notification.name);
+        });
+    }
+    test::MockLogind logind(bus);
+    // Until the subscription is in force signals pass unseen.
+    while (seen.empty()) {
+        logind.prepareForSleep(true);
+        RunLoop::main().runUntil(Clock::steady().now() + 50ms);
+    }
+    const std::size_t count = seen.size();
+    logind.prepareForSleep(false);
+    turnUntilSeen(count + 1);
+    EXPECT_EQ(seen.back(), "NSWorkspaceDidWakeNotification");
+    logind.prepareForSleep(true);
+    logind.prepareForSleep(false);
+    turnUntilSeen(count + 3);
+    EXPECT_EQ(seen[count + 1], "NSWorkspaceWillSleepNotification");
+    EXPECT_EQ(seen[count + 2], "NSWorkspaceDidWakeNotification");
+
+    // The bus goes: the process does not, and one line says so.
+    LogRecorder log;
+    bus.kill();
+    while (log.lines().empty()) {
+        RunLoop::main().runUntil(Clock::steady().now() + 10ms);
+    }
+    EXPECT_THAT(log.texts(), testing::ElementsAre(testing::HasSubstr("No sleep and wake events")));
+    EXPECT_EQ(log.lines().front().flag, kLogFlagInfo);
+    EXPECT_EQ(seen.size(), count + 3);
+}
+
+TEST(PowerEvents, AreNeverAnnouncedWithoutABus) {
+    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
+    LogRecorder log;
+    (void)PowerEvents::notificationCenter();
+    while (log.lines().empty()) {
+        RunLoop::main().runUntil(Clock::steady().now() + 10ms);
+    }
+    EXPECT_THAT(log.texts(), testing::ElementsAre(testing::HasSubstr("No sleep and wake events")));
+}
+
+}  // namespace
+}  // namespace krv

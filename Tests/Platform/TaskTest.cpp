@@ -1,0 +1,167 @@
+// Programs launched for real. What a launched program finds itself in, it writes to a file.
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Platform/ProcessTable.h>
+#include <KRVQTProcessClient/Platform/Task.h>
+
+#include "TemporaryFolder.h"
+
+namespace krv {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string contents(const fs::path& path) {
+    std::ifstream in(path);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+class LaunchedTask : public testing::Test {
+protected:
+    /// Runs a line of shell and waits until it has ended. Its first argument is the folder.
+    void runShell(const std::string& line) {
+        const auto task = Task::launch({.executable = "/bin/sh",
+                                        .arguments = {"-c", line, "sh", folder.path().string()},
+                                        .standardErrorFile = errors});
+        waitForEnd(*task);
+    }
+    static void waitForEnd(const Task& task) {
+        while (task.isRunning()) {
+            std::this_thread::yield();
+        }
+    }
+    std::string output(const char* file) const { return contents(folder.path() / file); }
+
+    test::TemporaryFolder folder;
+    std::string errors;
+};
+
+TEST_F(LaunchedTask, GetsItsArgumentsToTheLetter) {
+    const auto task = Task::launch(
+        {.executable = "/bin/sh",
+         .arguments = {"-c", "printf '%s|' \"$@\" > \"$0\"", folder.path() / "arguments", "-a b", "", "c'\"d"},
+         .standardErrorFile = {}});
+    waitForEnd(*task);
+    EXPECT_EQ(output("arguments"), "-a b||c'\"d|");
+}
+
+TEST_F(LaunchedTask, IsInASessionOfItsOwnInTheRootFolder) {
+    runShell("{ ps -o sid= -p $$; pwd; } > \"$1/where\"; echo $$ > \"$1/pid\"");
+    const std::string where = output("where");
+    EXPECT_EQ(std::stol(where), std::stol(output("pid")));
+    EXPECT_NE(std::stol(where), ::getsid(0));
+    EXPECT_TRUE(where.ends_with("\n/\n")) << where;
+}
+
+TEST_F(LaunchedTask, InheritsNoDescriptorAndHasItsStandardStreamsOnNothing) {
+    const int open = ::open("/dev/zero", O_RDONLY);  // on purpose without O_CLOEXEC
+    // A second shell looks at the first one's, which has no redirection of its own.
+    runShell("sh -c 'for d in /proc/$PPID/fd/*; do readlink $d >> \"$0\"; done' \"$1/open\"; true");
+    ::close(open);
+    EXPECT_EQ(output("open"), "/dev/null\n/dev/null\n/dev/null\n");
+}
+
+TEST_F(LaunchedTask, HasNoSignalBlockedOrIgnored) {
+    sigset_t blocked;
+    sigset_t before;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGTERM);
+    ::pthread_sigmask(SIG_BLOCK, &blocked, &before);
+    const auto previous = std::signal(SIGUSR1, SIG_IGN);
+    runShell("exec grep -E 'SigBlk|SigIgn' /proc/self/status > \"$1/signals\"");
+    std::signal(SIGUSR1, previous);
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    // The C library keeps two signals for its own use, 32 and 33, and spawns with these ignored.
+    EXPECT_THAT(output("signals"), testing::AnyOf("SigBlk:\t0000000000000000\nSigIgn:\t0000000180000000\n",
+                                                  "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n"));
+}
+
+TEST_F(LaunchedTask, WritesItsStandardErrorToAFileWhenOneIsNamed) {
+    errors = folder.path() / "errors";
+    runShell("echo first >&2");
+    runShell("echo second >&2");
+    EXPECT_EQ(output("errors"), "first\nsecond\n");
+}
+
+TEST_F(LaunchedTask, RunsAlsoWhenTheFileForItsErrorsCannotBeMade) {
+    errors = folder.path() / "missing" / "errors";
+    runShell("echo done > \"$1/done\"");
+    EXPECT_EQ(output("done"), "done\n");
+}
+
+TEST_F(LaunchedTask, IsNoChildOfOurs) {
+    const auto task = Task::launch({.executable = "/bin/sleep", .arguments = {"1000"}, .standardErrorFile = {}});
+    EXPECT_TRUE(task->isRunning());
+    EXPECT_GT(task->processIdentifier(), 0);
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+    const auto info = ProcessTable::system().process(task->processIdentifier());
+    ASSERT_TRUE(info);
+    EXPECT_EQ(info->name, fs::canonical("/bin/sleep").filename());
+    ::kill(task->processIdentifier(), SIGKILL);
+    waitForEnd(*task);
+    EXPECT_FALSE(task->isRunning());
+}
+
+TEST_F(LaunchedTask, OutlivesTheObjectThatStandsForIt) {
+    auto task = Task::launch({.executable = "/bin/sleep", .arguments = {"1000"}, .standardErrorFile = {}});
+    const pid_t pid = task->processIdentifier();
+    task.reset();
+    EXPECT_TRUE(ProcessTable::system().process(pid));
+    ::kill(pid, SIGKILL);
+}
+
+TEST_F(LaunchedTask, LeavesNoDescriptorBehind) {
+    const auto count = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
+    const auto before = count();
+    runShell("true");
+    EXPECT_THROW((void)Task::launch({"/nonexistent", {}, {}}), Exception);
+    EXPECT_EQ(count(), before);
+}
+
+class RefusedTask : public LaunchedTask {
+protected:
+    std::string reasonFor(const std::string& executable) const {
+        try {
+            (void)Task::launch({executable, {}, {}});
+        } catch (const Exception& exception) {
+            EXPECT_EQ(exception.name(), "NSInvalidArgumentException");
+            return exception.reason();
+        }
+        return "it was launched";
+    }
+};
+
+TEST_F(RefusedTask, SaysThatTheProgramIsMissing) {
+    EXPECT_EQ(reasonFor("/nonexistent/program"), "/nonexistent/program cannot be launched: No such file or directory");
+}
+
+TEST_F(RefusedTask, SaysThatTheProgramMayNotBeExecuted) {
+    const std::string program = folder.write("program", "#!/bin/sh\n");
+    EXPECT_EQ(reasonFor(program), program + " cannot be launched: Permission denied");
+}
+
+TEST_F(RefusedTask, SaysThatTheProgramIsOfAnotherKind) {
+    const std::string program = folder.write("program", "MZ this is no program of this system");
+    fs::permissions(program, fs::perms::owner_all);
+    EXPECT_EQ(reasonFor(program), program + " cannot be launched: Exec format error");
+}
+
+TEST_F(RefusedTask, SaysThatAFolderIsNoProgram) {
+    EXPECT_EQ(reasonFor(folder.path().string()), folder.path().string() + " cannot be launched: Permission denied");
+}
+
+}  // namespace
+}  // namespace krv
