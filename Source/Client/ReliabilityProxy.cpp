@@ -164,8 +164,7 @@ auto ReliabilityProxy::forward(Selector selector, Call call) const {
         aimAndPerform(invocation);
     } else {
         Result result{};
-        Invocation invocation{
-            selector, [&](KRVQTProcessOperations& target) { result = call(target); }, nullptr};
+        Invocation invocation{selector, [&](KRVQTProcessOperations& target) { result = call(target); }, nullptr};
         aimAndPerform(invocation);
         return result;
     }
@@ -198,14 +197,12 @@ bool ReliabilityProxy::performCreateThumbnails(std::string_view movie, std::stri
 }
 
 std::shared_ptr<const Dictionary> ReliabilityProxy::getMetadataFor(std::string_view movie, ErrorOut error) {
-    return forward(kGetMetadata,
-                   [&](KRVQTProcessOperations& target) { return target.getMetadataFor(movie, error); });
+    return forward(kGetMetadata, [&](KRVQTProcessOperations& target) { return target.getMetadataFor(movie, error); });
 }
 
 bool ReliabilityProxy::performMuxMovie(std::string_view source, std::string_view writeToFile,
                                        const ProgressDelegate& progress, ErrorOut error) {
-    forward(kMuxMovie,
-            [&](KRVQTProcessOperations& target) { target.muxMovie(source, writeToFile, progress, error); });
+    forward(kMuxMovie, [&](KRVQTProcessOperations& target) { target.muxMovie(source, writeToFile, progress, error); });
     return holdsNoError(error);
 }
 

@@ -35,7 +35,8 @@
 //   - A server hangs, or is stopped: its process exists, so none is launched beside it (it holds the lock, and would
 //     win). The machine goes round through state 2 until it wakes or dies. Killing it is not for a library to decide:
 //     other applications' work may be in it.
-//   - A launch is slow. State 2 waits for ten seconds and then looks again; a process that exists by then is waited for,
+//   - A launch is slow. State 2 waits for ten seconds and then looks again; a process that exists by then is waited
+//   for,
 //     not launched again.
 //   - Two runners in one process, or a tick that a long registration has delayed: the launch guard (the time at which
 //     the present wait began, under the runner's lock) belongs to one runner, and the lock file decides among several.
@@ -60,8 +61,8 @@
 // threads, but then a wake during clean-up would have to find out which of the two still exists.
 //   - A server that slept with us answers again at once; a step in state 5 finds everything as it was.
 //   - The announcement of the sleep may come late, together with that of the wake (nobody holds up the machine for us).
-//     Then the timer stops and starts in one go, and a step that ran in between has done no harm: steady time, which all
-//     waits are measured with, does not count the sleep.
+//     Then the timer stops and starts in one go, and a step that ran in between has done no harm: steady time, which
+//     all waits are measured with, does not count the sleep.
 //   - A wake before the runner's thread has begun: both start the timer, and the second start replaces the first.
 //   - A wake without a sleep: the same. Two sleeps in a row: stopping twice is harmless.
 //   - A wake while the runner is cleaned up: the observation is gone, or finds the runner stopped.
@@ -69,9 +70,8 @@
 #include <thread>
 #include <utility>
 
-#include <pthread.h>
-
 #include <fmt/format.h>
+#include <pthread.h>
 
 #include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
 #include <KRVQTProcessClient/Client/ServerRunner.h>
@@ -98,9 +98,9 @@ ServerRunner::initWithProcessMonitor(std::shared_ptr<KRVProcessMonitor> processM
     return initWithProcessMonitor(std::move(processMonitor), std::move(andClient), Environment{});
 }
 
-std::shared_ptr<ServerRunner>
-ServerRunner::initWithProcessMonitor(std::shared_ptr<KRVProcessMonitor> processMonitor,
-                                     std::shared_ptr<KRVQuicktimeProcessClient> andClient, Environment environment) {
+std::shared_ptr<ServerRunner> ServerRunner::initWithProcessMonitor(std::shared_ptr<KRVProcessMonitor> processMonitor,
+                                                                   std::shared_ptr<KRVQuicktimeProcessClient> andClient,
+                                                                   Environment environment) {
     const std::string client = andClient->description();
     std::shared_ptr<ServerRunner> runner(
         new ServerRunner(std::move(processMonitor), std::move(andClient), std::move(environment)));

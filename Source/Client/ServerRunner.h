@@ -65,8 +65,8 @@ public:
         std::function<void(std::function<void()> body)> startThread = &startDetachedThread;
     };
 
-    /// A runner that is live at once: its thread has been started and its first step comes a second later. Both must not
-    /// be null. Any thread.
+    /// A runner that is live at once: its thread has been started and its first step comes a second later. Both must
+    /// not be null. Any thread.
     [[nodiscard]] static std::shared_ptr<ServerRunner>
     initWithProcessMonitor(std::shared_ptr<KRVProcessMonitor> processMonitor,
                            std::shared_ptr<KRVQuicktimeProcessClient> andClient);
@@ -112,8 +112,8 @@ public:
 
     // The launch.
 
-    /// Launches the server from its bundle, unless a launch is under way already. Raises Exception "BadBuild" when there
-    /// is no bundle, and what Task::launch raises when the system refuses.
+    /// Launches the server from its bundle, unless a launch is under way already. Raises Exception "BadBuild" when
+    /// there is no bundle, and what Task::launch raises when the system refuses.
     void kickOffQTProcessor();
     /// Ends the present attempt, and says so with kKRVNewKRVQuicktimeProcessorStarted.
     void noLongerStartingProcessor();

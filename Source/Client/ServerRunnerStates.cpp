@@ -86,7 +86,8 @@ void ServerRunner::waitForServer(bool ready) {
                 "Waited long enough ({}s) for server to appear as alive. Giving up, starting again",
                 timeToPresumeAServerDead());
         if (const auto task = qtProcessorTask(); task && !task->isRunning()) {
-            KRV_LOG(kLogFlagInfo, kStep, "The server that was launched, process {}, has ended", task->processIdentifier());
+            KRV_LOG(kLogFlagInfo, kStep, "The server that was launched, process {}, has ended",
+                    task->processIdentifier());
         }
         state_ = Start;
     } else if (ready) {

@@ -49,11 +49,10 @@ bool KRVNSTimer::isMonitoring() const {
 void KRVNSTimer::krvNSTimerFired() {}
 
 NotificationCenter::Token KRVNSTimer::addObserver(Observer observer) {
-    return observers_.addObserver(kIsMonitoringKey,
-                                  [this, observer = std::move(observer)](const Notification& notification) {
-                                      observer(*this, kIsMonitoringKey,
-                                               notification.value.boolValue() ? Change::Made : Change::Coming);
-                                  });
+    return observers_.addObserver(
+        kIsMonitoringKey, [this, observer = std::move(observer)](const Notification& notification) {
+            observer(*this, kIsMonitoringKey, notification.value.boolValue() ? Change::Made : Change::Coming);
+        });
 }
 
 void KRVNSTimer::removeObserver(NotificationCenter::Token token) {

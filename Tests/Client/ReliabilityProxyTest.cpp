@@ -118,7 +118,8 @@ protected:
         for (int i = 1; i <= passes; ++i) {
             const auto seconds = secondsFromDuration(from) + i * (1.0 + 1.0 / 30);
             lines.push_back(fmt::format(
-                "Waiting {:.2f}s for operation getMetadataFor:error: to be available via <ScriptedTransport>", seconds));
+                "Waiting {:.2f}s for operation getMetadataFor:error: to be available via <ScriptedTransport>",
+                seconds));
         }
         return lines;
     }

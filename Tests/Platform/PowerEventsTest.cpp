@@ -2,7 +2,6 @@
 #include <thread>
 
 #include <gio/gio.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

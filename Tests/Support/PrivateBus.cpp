@@ -32,8 +32,8 @@ PrivateBus::PrivateBus() {
     constexpr std::string_view kPlace = "FOLDER";
     configuration.replace(configuration.find(kPlace), kPlace.size(), folder_.path().string());
     const std::string file = folder_.write("bus.conf", configuration);
-    daemon_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{"dbus-daemon", "--config-file=" + file, "--nofork", "--nopidfile", "--print-address=1"});
+    daemon_ = std::make_unique<ChildProcess>(std::vector<std::string>{"dbus-daemon", "--config-file=" + file,
+                                                                      "--nofork", "--nopidfile", "--print-address=1"});
     const auto line = daemon_->readLine();
     if (!line) {
         throw std::runtime_error("the bus daemon does not start");
@@ -57,10 +57,10 @@ MockLogind::MockLogind(const PrivateBus& bus) {
         fail("no connection to the bus", error);
     }
     constexpr guint kDoNotQueue = 4;
-    GVariant* const reply = g_dbus_connection_call_sync(
-        connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
-        g_variant_new("(su)", "org.freedesktop.login1", kDoNotQueue), nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr,
-        &error);
+    GVariant* const reply = g_dbus_connection_call_sync(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                        "org.freedesktop.DBus", "RequestName",
+                                                        g_variant_new("(su)", "org.freedesktop.login1", kDoNotQueue),
+                                                        nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
     if (!reply) {
         fail("the name of the login manager is refused", error);
     }
@@ -73,8 +73,9 @@ MockLogind::~MockLogind() {
 
 void MockLogind::prepareForSleep(bool begins) {
     GError* error = nullptr;
-    if (!g_dbus_connection_emit_signal(connection_, nullptr, "/org/freedesktop/login1", "org.freedesktop.login1.Manager",
-                                       "PrepareForSleep", g_variant_new("(b)", begins ? TRUE : FALSE), &error) ||
+    if (!g_dbus_connection_emit_signal(connection_, nullptr, "/org/freedesktop/login1",
+                                       "org.freedesktop.login1.Manager", "PrepareForSleep",
+                                       g_variant_new("(b)", begins ? TRUE : FALSE), &error) ||
         !g_dbus_connection_flush_sync(connection_, nullptr, &error)) {
         fail("the signal cannot be sent", error);
     }

@@ -32,7 +32,8 @@ public:
     MockLogind(const MockLogind&) = delete;
     MockLogind& operator=(const MockLogind&) = delete;
 
-    /// Announces that the machine goes to sleep (true) or has woken up (false). Returns when the signal is with the bus.
+    /// Announces that the machine goes to sleep (true) or has woken up (false). Returns when the signal is with the
+    /// bus.
     void prepareForSleep(bool begins);
 
 private:

@@ -64,8 +64,8 @@ void connected(GObject*, GAsyncResult* result, gpointer) {
     g_signal_connect(bus, "closed", G_CALLBACK(&busHasGone), nullptr);
     // The connection is kept for the life of the process.
     g_dbus_connection_signal_subscribe(bus, "org.freedesktop.login1", "org.freedesktop.login1.Manager",
-                                       "PrepareForSleep", "/org/freedesktop/login1", nullptr,
-                                       G_DBUS_SIGNAL_FLAGS_NONE, &prepareForSleep, nullptr, nullptr);
+                                       "PrepareForSleep", "/org/freedesktop/login1", nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
+                                       &prepareForSleep, nullptr, nullptr);
 }
 
 /// On the main thread, so that GIO delivers there.
@@ -76,11 +76,10 @@ void listen() {
         sayThereAreNone(ErrorHolder(failure));
         return;
     }
-    g_dbus_connection_new_for_address(
-        address,
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &connected, nullptr);
+    g_dbus_connection_new_for_address(address,
+                                      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+                                      nullptr, nullptr, &connected, nullptr);
     g_free(address);
 }
 

@@ -102,8 +102,7 @@ public:
         sigset_t all;
         sigfillset(&all);
         posix_spawnattr_setsigdefault(&attributes_, &all);
-        posix_spawnattr_setflags(&attributes_,
-                                 POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+        posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     }
     ~SpawnPlan() {
         posix_spawn_file_actions_destroy(&files_);
@@ -122,8 +121,8 @@ private:
         if (standardError_.empty()) {
             return false;
         }
-        const int file = ::open(standardError_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
-                                S_IRUSR | S_IWUSR);
+        const int file =
+            ::open(standardError_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
         if (file >= 0) {
             ::close(file);
         }

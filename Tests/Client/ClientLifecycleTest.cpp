@@ -1,0 +1,147 @@
+// How clients come and go. What needs a real server is among the system tests.
+#include <thread>
+
+#include <KRVQTProcessClient/Client/ReliabilityProxy.h>
+
+#include "RunnerFixture.h"
+
+namespace krv {
+namespace {
+
+using testing::ElementsAre;
+
+class Lifecycle : public RunnerFixture {
+protected:
+    ~Lifecycle() override { KRVQuicktimeProcessClient::destroySingleton(); }
+    std::shared_ptr<KRVQuicktimeProcessClient> monitoring() {
+        return KRVQuicktimeProcessClient::initWithTransport(transport, true, environment);
+    }
+    static std::string raisedBy(const std::function<void()>& call) {
+        try {
+            call();
+        } catch (const Exception& exception) {
+            return exception.name() + ": " + exception.reason();
+        }
+        return "nothing";
+    }
+};
+
+TEST_F(Lifecycle, AClientHasAMonitorATimeOutAndItsTransport) {
+    LogRecorder log;
+    const auto made = KRVQuicktimeProcessClient::initWithTransport(transport, false);
+    EXPECT_THAT(log.texts(), ElementsAre("Process monitor started", "KRVQuicktimeProcessClient started"));
+    EXPECT_NE(made->procMonitor(), nullptr);
+    EXPECT_EQ(made->serverRunner(), nullptr);
+    EXPECT_EQ(made->progressTimeoutDuration(), 60.0F);
+    EXPECT_EQ(made->transport(), transport);
+}
+
+TEST_F(Lifecycle, WithoutMonitoringTheServerIsNeverContacted) {
+    const auto made = KRVQuicktimeProcessClient::initWithTransport(transport, false, environment);
+    EXPECT_EQ(thread, nullptr);
+    loop.advanceBy(std::chrono::hours(1));
+    mainLoop.advanceBy(std::chrono::hours(1));
+    EXPECT_TRUE(sent().empty());
+}
+
+TEST_F(Lifecycle, WithMonitoringARunnerIsMadeInOrder) {
+    LogRecorder log;
+    const auto made = monitoring();
+    EXPECT_THAT(log.texts(), ElementsAre("Process monitor started",
+                                         "Process monitor initialized with client: " + made->description(),
+                                         "KRVQuicktimeProcessClient started"));
+    ASSERT_NE(made->serverRunner(), nullptr);
+    EXPECT_NE(thread, nullptr);
+    made->cleanUp();
+}
+
+TEST_F(Lifecycle, ItsRunnerKeepsAMonitoringClientAliveUntilCleanUp) {
+    auto made = monitoring();
+    std::weak_ptr<ServerRunner> theRunner = made->serverRunner();
+    thread = nullptr;  // which has ended, as far as this test goes
+    const std::weak_ptr<KRVQuicktimeProcessClient> weak = made;
+    made.reset();
+    ASSERT_FALSE(weak.expired());
+    weak.lock()->cleanUp();
+    EXPECT_TRUE(weak.expired());
+    EXPECT_TRUE(theRunner.expired());
+}
+
+TEST_F(Lifecycle, CleanUpEndsEverythingOnce) {
+    const auto made = monitoring();
+    const auto theRunner = made->serverRunner();
+    LogRecorder log;
+    made->cleanUp();
+    EXPECT_EQ(made->serverRunner(), nullptr);
+    EXPECT_EQ(made->procMonitor(), nullptr);
+    EXPECT_EQ(made->transport(), nullptr);
+    EXPECT_FALSE(theRunner->running());
+    made->setTransport(transport);
+    made->cleanUp();
+    EXPECT_EQ(made->transport(), transport);
+}
+
+TEST_F(Lifecycle, CallsAfterCleanUpGoNowhere) {
+    const auto made = KRVQuicktimeProcessClient::initWithTransport(transport, false);
+    made->cleanUp();
+    EXPECT_FALSE(made->amIRegistered());
+    EXPECT_TRUE(made->isServerReadyToTakeRequests());
+    EXPECT_TRUE(sent().empty());
+}
+
+TEST_F(Lifecycle, InitFailsLoudly) {
+    EXPECT_THAT(raisedBy([] { (void)KRVQuicktimeProcessClient::init(); }),
+                testing::AllOf(testing::StartsWith("NSInvalidArgumentException: "), testing::HasSubstr("init")));
+}
+
+TEST_F(Lifecycle, TheSharedClientIsFirstMadeOnTheMainThread) {
+    std::string raised;
+    std::thread([&] { raised = raisedBy([] { (void)KRVQuicktimeProcessClient::defaultClient(); }); }).join();
+    EXPECT_EQ(raised, "NotMainThread: Please start this object on the main thread first");
+    EXPECT_EQ(__default_krv_quicktime_process_client, nullptr);
+}
+
+TEST_F(Lifecycle, AClientOverATransportBecomesTheSharedOneBareOnAnyThread) {
+    std::shared_ptr<KRVQuicktimeProcessClient> bare;
+    std::thread([&] { bare = KRVQuicktimeProcessClient::clientWithTransport(transport, false); }).join();
+    EXPECT_EQ(__default_krv_quicktime_process_client, bare);
+    EXPECT_EQ(KRVQuicktimeProcessClient::defaultClient(), bare);
+    std::shared_ptr<KRVQTProcessOperations> elsewhere;
+    std::thread([&] { elsewhere = KRVQuicktimeProcessClient::defaultClient(); }).join();
+    EXPECT_EQ(elsewhere, bare);
+}
+
+TEST_F(Lifecycle, AnotherClientReplacesTheSharedOneWithoutCleaningItUp) {
+    const auto first = KRVQuicktimeProcessClient::clientWithTransport(transport, false);
+    const auto second = KRVQuicktimeProcessClient::clientWithTransport(transport, false);
+    EXPECT_NE(first, second);
+    EXPECT_EQ(KRVQuicktimeProcessClient::defaultClient(), second);
+    EXPECT_EQ(first->transport(), transport);
+}
+
+TEST_F(Lifecycle, DestroyingTheSharedClientCleansUpABareOne) {
+    const auto bare = KRVQuicktimeProcessClient::clientWithTransport(transport, false);
+    KRVQuicktimeProcessClient::destroySingleton();
+    EXPECT_EQ(__default_krv_quicktime_process_client, nullptr);
+    EXPECT_EQ(bare->transport(), nullptr);
+}
+
+TEST_F(Lifecycle, DestroyingTheSharedClientOnlyTakesTheTargetFromAProxy) {
+    const auto made = monitoring();
+    const auto theRunner = made->serverRunner();
+    const auto proxy = ReliabilityProxy::proxyForOperations(made);
+    __default_krv_quicktime_process_client = proxy;
+    KRVQuicktimeProcessClient::destroySingleton();
+    EXPECT_EQ(proxy->realOperations(), nullptr);
+    EXPECT_EQ(made->serverRunner(), theRunner);
+    EXPECT_EQ(made->transport(), transport);
+    made->cleanUp();
+}
+
+TEST_F(Lifecycle, DestroyingNoSharedClientDoesNothing) {
+    EXPECT_NO_THROW(KRVQuicktimeProcessClient::destroySingleton());
+    EXPECT_NO_THROW(KRVQuicktimeProcessClient::destroySingleton());
+}
+
+}  // namespace
+}  // namespace krv

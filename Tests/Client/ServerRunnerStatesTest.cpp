@@ -1,0 +1,376 @@
+// Every transition of the server runner's state machine, step by step.
+#include "RunnerFixture.h"
+
+namespace krv {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using Types = std::vector<std::int32_t>;
+
+constexpr const char* kNoProcess = "Can't find process. Server isn't running";
+
+class States : public RunnerFixture {
+protected:
+    States() {
+        makeBundle("main");
+        makeRunner();
+    }
+    std::vector<std::string> step() {
+        LogRecorder log;
+        runner->stateMachine();
+        for (const auto& line : log.lines()) {
+            if (line.file == "Source/Client/ServerRunner") {
+                EXPECT_EQ(line.flag, kLogFlagInfo) << line.text;
+                EXPECT_EQ(line.context, kLogContextClient) << line.text;
+            }
+        }
+        return log.texts();
+    }
+    void waitingSince(Clock::Duration ago) {
+        runner->setState(ServerRunner::WaitForServer);
+        runner->setServerCheckStartTime(clock.now() - ago);
+    }
+    void registered() {
+        runner->setState(ServerRunner::Registered);
+        serverIsKnown();
+    }
+};
+
+// 0, start
+
+TEST_F(States, AFreshRunnerStartsAtTheBeginning) {
+    EXPECT_EQ(runner->state(), ServerRunner::Start);
+    EXPECT_FALSE(runner->running());
+    EXPECT_EQ(runner->timeToPresumeAServerDead(), 10);
+    EXPECT_EQ(runner->serverCheckStartTime(), std::nullopt);
+    EXPECT_EQ(runner->lastSentAmIRegistered(), std::nullopt);
+    EXPECT_EQ(runner->qtProcessorTask(), nullptr);
+}
+
+TEST_F(States, StartGoesOnToTheLookInTheSameStepAndLooksAfresh) {
+    EXPECT_THAT(step(), ElementsAre(kNoProcess, kNoProcess, "Starting a new server ...",
+                                    "I will start " + bundlePath("main")));
+    EXPECT_EQ(runner->state(), ServerRunner::WaitForServer);
+    EXPECT_EQ(launches.size(), 1U);
+}
+
+TEST_F(States, StartForgetsAnEarlierWait) {
+    runner->setServerCheckStartTime(clock.now() - 1h);
+    (void)step();
+    EXPECT_EQ(runner->serverCheckStartTime(), clock.now());
+}
+
+// 1, look for server
+
+TEST_F(States, AServerThatRunsIsWaitedForAndNotLaunched) {
+    serverRuns();
+    EXPECT_THAT(step(), ElementsAre("Looks like a server is already running."));
+    EXPECT_EQ(runner->state(), ServerRunner::WaitForServer);
+    EXPECT_EQ(runner->serverCheckStartTime(), clock.now());
+    EXPECT_TRUE(launches.empty());
+}
+
+TEST_F(States, AKnownPortCountsAsRunningWithoutAnyProcess) {
+    serverIsKnown();
+    EXPECT_THAT(step(), ElementsAre("Looks like a server is already running."));
+    EXPECT_TRUE(runner->isQTProcessServerRunning());
+    EXPECT_TRUE(launches.empty());
+}
+
+TEST_F(States, ALaunchByAnotherThreadMeanwhileIsNotRepeated) {
+    runner->setState(ServerRunner::LookForServer);
+    runner->setServerCheckStartTime(clock.now());
+    EXPECT_THAT(step(), ElementsAre(kNoProcess, "No server running - but we have just begun one. Will ignore that no "
+                                                "server is running, for now"));
+    EXPECT_EQ(runner->state(), ServerRunner::WaitForServer);
+    EXPECT_TRUE(launches.empty());
+}
+
+TEST_F(States, ALookEndsItsStep) {
+    serverRuns();
+    serverIsKnown();
+    (void)step();
+    EXPECT_EQ(runner->state(), ServerRunner::WaitForServer);
+    EXPECT_TRUE(sent().empty());
+}
+
+TEST_F(States, WithoutABundleTheLookIsRepeatedInEveryStep) {
+    std::filesystem::remove_all(folder.path() / "main");
+    EXPECT_THROW(runner->stateMachine(), Exception);
+    EXPECT_EQ(runner->state(), ServerRunner::LookForServer);
+    EXPECT_EQ(runner->serverCheckStartTime(), std::nullopt);
+    EXPECT_THROW(runner->stateMachine(), Exception);
+    makeBundle("main");
+    EXPECT_NO_THROW(runner->stateMachine());
+    EXPECT_EQ(launches.size(), 1U);
+}
+
+TEST_F(States, ARefusedLaunchIsFollowedByAWait) {
+    launchFailure.emplace("NSInvalidArgumentException", "refused");
+    EXPECT_THROW(runner->stateMachine(), Exception);
+    EXPECT_EQ(runner->state(), ServerRunner::LookForServer);
+    EXPECT_EQ(runner->serverCheckStartTime(), clock.now());
+    (void)step();
+    EXPECT_EQ(runner->state(), ServerRunner::WaitForServer);
+    clock.advanceBy(10001ms);
+    (void)step();
+    EXPECT_EQ(runner->state(), ServerRunner::Start);
+    launchFailure.reset();
+    (void)step();
+    EXPECT_EQ(launches.size(), 2U);
+}
+
+// 2, wait for server
+
+TEST_F(States, WaitsForAServerToAppear) {
+    waitingSince(1500ms);
+    EXPECT_THAT(step(), ElementsAre(kNoProcess, "Waiting for a server to appear (1.50s)"));
+    EXPECT_EQ(runner->state(), ServerRunner::WaitForServer);
+}
+
+TEST_F(States, AWaitWhoseBeginningWasClearedBeginsNow) {
+    waitingSince(9s);
+    runner->setServerCheckStartTime(std::nullopt);
+    EXPECT_THAT(step(), ElementsAre(kNoProcess, "Waiting for a server to appear (0.00s)"));
+    EXPECT_EQ(runner->serverCheckStartTime(), clock.now());
+}
+
+TEST_F(States, ExactlyTenSecondsAreStillWaited) {
+    waitingSince(10s);
+    EXPECT_THAT(step(), ElementsAre(kNoProcess, "Waiting for a server to appear (10.00s)"));
+    EXPECT_EQ(runner->state(), ServerRunner::WaitForServer);
+}
+
+TEST_F(States, GivesUpAfterTenSeconds) {
+    waitingSince(10001ms);
+    EXPECT_THAT(step(), ElementsAre(kNoProcess, "Waited long enough (10s) for server to appear as alive. Giving up, "
+                                                "starting again"));
+    EXPECT_EQ(runner->state(), ServerRunner::Start);
+}
+
+TEST_F(States, GivesUpBeforeItLooksWhetherTheServerIsReady) {
+    waitingSince(10001ms);
+    serverIsKnown();
+    EXPECT_THAT(step(), ElementsAre(testing::StartsWith("Waited long enough")));
+    EXPECT_EQ(runner->state(), ServerRunner::Start);
+    EXPECT_TRUE(sent().empty());
+}
+
+TEST_F(States, TheDistanceCountsInBothDirections) {
+    waitingSince(-11s);
+    EXPECT_THAT(step(), testing::Contains(testing::StartsWith("Waited long enough")));
+}
+
+TEST_F(States, PatienceCanBeChanged) {
+    runner->setTimeToPresumeAServerDead(2);
+    waitingSince(2500ms);
+    EXPECT_THAT(step(), testing::Contains(testing::StartsWith("Waited long enough (2s)")));
+}
+
+TEST_F(States, SaysWhenTheServerThatWasLaunchedHasEnded) {
+    (void)step();
+    tasks.at(0)->running = false;
+    clock.advanceBy(10001ms);
+    EXPECT_THAT(step(), testing::Contains("The server that was launched, process 100, has ended"));
+}
+
+TEST_F(States, AReadyServerIsRegisteredWithInTheSameStep) {
+    waitingSince(2s);
+    serverIsKnown(8003);
+    serverAnswers(true);
+    EXPECT_THAT(step(), ElementsAre("Server responding to requests on port 8003. That's a good sign!",
+                                    "Registration complete. Good to go."));
+    EXPECT_EQ(runner->state(), ServerRunner::Registered);
+    EXPECT_EQ(sent(), Types{OpRegisterWithServer});
+}
+
+// 3, register
+
+TEST_F(States, ARegistrationEndsTheAttemptAndSaysSo) {
+    runner->setState(ServerRunner::Register);
+    runner->setServerCheckStartTime(clock.now());
+    serverIsKnown();
+    serverAnswers(true);
+    EXPECT_THAT(step(), ElementsAre("Registration complete. Good to go."));
+    EXPECT_EQ(runner->serverCheckStartTime(), std::nullopt);
+    EXPECT_EQ(notifications, 0);
+    mainLoop.runReady();
+    EXPECT_EQ(notifications, 1);
+}
+
+TEST_F(States, AFailedRegistrationStartsFromScratchAndMakesDiscoverySearchAgain) {
+    runner->setState(ServerRunner::Register);
+    serverIsKnown();
+    transport->unreachable("no answer");
+    EXPECT_THAT(step(), testing::Contains("Failed to register with server: no answer. Starting from scratch."));
+    EXPECT_EQ(runner->state(), ServerRunner::Start);
+    EXPECT_EQ(discovery->servicePortNumber(), -1);
+    mainLoop.runReady();
+    EXPECT_EQ(notifications, 1);
+}
+
+TEST_F(States, ARegistrationThatGetsNoReplyHasFailed) {
+    runner->setState(ServerRunner::Register);
+    serverIsKnown();
+    transport->replyNothing();
+    (void)step();
+    EXPECT_EQ(runner->state(), ServerRunner::Start);
+}
+
+TEST_F(States, ExceptionsOfOtherKindsPassOn) {
+    runner->setState(ServerRunner::Register);
+    serverIsKnown();
+    transport->then([](const auto&) -> std::shared_ptr<const Data> { throw std::bad_alloc(); });
+    EXPECT_THROW(runner->stateMachine(), std::bad_alloc);
+    EXPECT_EQ(runner->state(), ServerRunner::Register);
+}
+
+// 5, registered
+
+TEST_F(States, AsksTheServerAtMostEveryThreeSeconds) {
+    registered();
+    for (int i = 0; i < 10; ++i) {
+        serverAnswers(true);
+    }
+    for (int i = 0; i < 9; ++i) {
+        EXPECT_THAT(step(), ElementsAre());
+        EXPECT_EQ(runner->state(), ServerRunner::Registered);
+        clock.advanceBy(1s);
+    }
+    EXPECT_EQ(sent(), Types(3, OpAmIRegistered));
+}
+
+TEST_F(States, RegistersAgainInTheNextStepWhenTheServerHasForgottenUs) {
+    registered();
+    serverAnswers(false);
+    (void)step();
+    EXPECT_EQ(runner->state(), ServerRunner::Register);
+    EXPECT_EQ(sent(), Types{OpAmIRegistered});
+    serverAnswers(true);
+    (void)step();
+    EXPECT_EQ(runner->state(), ServerRunner::Registered);
+}
+
+TEST_F(States, ARegistrationAfterForgettingIsBelievedAfterThreeSeconds) {
+    registered();
+    serverAnswers(false);
+    (void)step();
+    clock.advanceBy(1s);
+    serverAnswers(true);
+    (void)step();
+    // The old answer is still the one that counts, until it is asked again.
+    clock.advanceBy(1s);
+    (void)step();
+    EXPECT_EQ(runner->state(), ServerRunner::Register);
+    clock.advanceBy(1s);
+    serverAnswers(true);
+    (void)step();
+    serverAnswers(true);
+    clock.advanceBy(1s);
+    (void)step();
+    EXPECT_EQ(runner->state(), ServerRunner::Registered);
+}
+
+TEST_F(States, AServerThatDoesNotAnswerDoesNotKnowUs) {
+    registered();
+    transport->unreachable();
+    (void)step();
+    EXPECT_EQ(runner->state(), ServerRunner::Register);
+}
+
+TEST_F(States, StartsOverWhenThePortIsLostAlsoWhileTheProcessRuns) {
+    registered();
+    serverRuns();
+    serverIsKnown(-1);
+    EXPECT_THAT(step(), ElementsAre());
+    EXPECT_EQ(runner->state(), ServerRunner::Start);
+    EXPECT_TRUE(sent().empty());
+}
+
+TEST_F(States, StartsOverWhenBothAreGone) {
+    registered();
+    serverIsKnown(0);
+    EXPECT_THAT(step(), ElementsAre(kNoProcess));
+    EXPECT_EQ(runner->state(), ServerRunner::Start);
+}
+
+// Other values
+
+TEST_F(States, OtherValuesDoNothingButLook) {
+    for (const std::int32_t state : {4, -1, 6, 1000}) {
+        runner->setState(state);
+        EXPECT_THAT(step(), ElementsAre(kNoProcess));
+        EXPECT_EQ(runner->state(), state);
+    }
+    EXPECT_TRUE(launches.empty());
+    EXPECT_TRUE(sent().empty());
+}
+
+// The questions
+
+TEST_F(States, IsReadyWithAPortAboveZeroOnly) {
+    for (const auto& [port, ready] : {std::pair(-1L, false), {0L, false}, {1L, true}, {65535L, true}}) {
+        serverIsKnown(port);
+        EXPECT_EQ(runner->isQTProcessReady(), ready) << port;
+    }
+}
+
+TEST_F(States, DoesNotAskAServerThatIsNotReady) {
+    EXPECT_FALSE(runner->doesServerKnowUs());
+    EXPECT_TRUE(sent().empty());
+    EXPECT_EQ(runner->lastSentAmIRegistered(), std::nullopt);
+}
+
+TEST_F(States, RemembersTheAnswerForLessThanThreeSeconds) {
+    serverIsKnown();
+    serverAnswers(true);
+    EXPECT_TRUE(runner->doesServerKnowUs());
+    EXPECT_EQ(runner->lastSentAmIRegistered(), clock.now());
+    clock.advanceBy(2999ms);
+    EXPECT_TRUE(runner->doesServerKnowUs());
+    EXPECT_EQ(sent().size(), 1U);
+    clock.advanceBy(1ms);
+    serverAnswers(false);
+    EXPECT_FALSE(runner->doesServerKnowUs());
+    EXPECT_EQ(sent().size(), 2U);
+}
+
+// Whole lives
+
+TEST_F(States, AServerThatNeverAnswersIsLaunchedAgainAndAgain) {
+    runner->startMonitorTimer();
+    loop.advanceBy(30s);
+    EXPECT_EQ(launches.size(), 3U);  // at 1 s, and after each ten seconds of waiting and a step to start over
+}
+
+TEST_F(States, AProcessThatNeverAnswersIsNeverLaunchedAgain) {
+    serverRuns();
+    runner->startMonitorTimer();
+    loop.advanceBy(60s);
+    EXPECT_TRUE(launches.empty());
+}
+
+TEST_F(States, AnHourOfRegisteredLifeAsksOnceInThreeSeconds) {
+    registered();
+    transport->then([](const auto&) { return nullptr; });
+    // Each answer appends the next one.
+    std::function<std::shared_ptr<const Data>(const KRVOperationBase::Ref&)> answer = [&](const auto&) {
+        transport->then(answer);
+        KRVOperationBase record;
+        record.setIsClientRegistered(true);
+        return std::make_shared<const Data>(record.convertToData());
+    };
+    runner->setState(ServerRunner::Registered);
+    transport = std::make_shared<ScriptedTransport>();
+    client->setTransport(transport);
+    transport->then(answer);
+    runner->startMonitorTimer();
+    loop.advanceBy(1h);
+    EXPECT_EQ(sent().size(), 1200U);
+    EXPECT_EQ(runner->state(), ServerRunner::Registered);
+    EXPECT_EQ(loop.pendingCount(), 1U);
+}
+
+}  // namespace
+}  // namespace krv
