@@ -37,6 +37,8 @@ struct LaunchAttempt {
     std::string executable;
     /// Why the launch failed; empty when the program was started.
     std::string failure;
+    /// Where what the program prints on its standard error goes; empty when there is no place for it.
+    std::string standardErrorFile;
     /// Process id of what was started, else 0.
     pid_t pid = 0;
     /// Whether that process still lives. A server that found another one already serving this user ends at once, too.

@@ -126,7 +126,7 @@ void ServerRunner::kickOffQTProcessor() {
                 environment_.mainBundle().path(), library ? " or " : "", library ? library->path() : "");
         // The reason has a place for a name, and shows what is printed for a missing one.
         const std::string reason = "Cannot find the executable (null). Can't start server";
-        note({.bundle = {}, .executable = {}, .failure = reason});
+        note({.bundle = {}, .executable = {}, .failure = reason, .standardErrorFile = {}});
         throw Exception("BadBuild", reason);
     }
     KRV_LOG(kLogFlagInfo, site("kickOffQTProcessor"), "I will start {}", *bundle);
@@ -137,14 +137,18 @@ void ServerRunner::kickOffQTProcessor() {
         what.arguments.push_back(*std::move(identifier));
     }
     setServerCheckStartTime(environment_.now());
+    LaunchAttempt attempt{
+        .bundle = *bundle, .executable = what.executable, .failure = {}, .standardErrorFile = what.standardErrorFile};
     std::shared_ptr<Task> task;
     try {
         task = environment_.launch(what);
     } catch (const Exception& exception) {
-        note({.bundle = *bundle, .executable = what.executable, .failure = exception.reason()});
+        attempt.failure = exception.reason();
+        note(std::move(attempt));
         throw;
     }
-    note({.bundle = *bundle, .executable = what.executable, .failure = {}, .pid = task->processIdentifier()}, task);
+    attempt.pid = task->processIdentifier();
+    note(std::move(attempt), task);
     {
         const LockGuard lock(mutex_);
         if (!cleanedUp_) {

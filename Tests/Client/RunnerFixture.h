@@ -78,7 +78,9 @@ protected:
 
     void makeRunner() { runner = ServerRunner::initWithProcessMonitor(monitor, client, environment); }
     void makeBundle(const char* where) { folder.write(std::string(where) + kExecutableInBundle, "program"); }
-    std::string bundlePath(const char* where) const { return (folder.path() / where / "KRVQuicktimeProcess.app").string(); }
+    std::string bundlePath(const char* where) const {
+        return (folder.path() / where / "KRVQuicktimeProcess.app").string();
+    }
 
     void serverRuns() { processes.add({4711, "KRVQuicktimeProcess", 1000, 1}); }
     void serverIsKnown(long port = 8000) { discovery->setServicePortNumber(port); }
@@ -109,8 +111,7 @@ protected:
     std::shared_ptr<HTTPServerDiscovery> discovery;
     std::shared_ptr<ScriptedTransport> transport = std::make_shared<ScriptedTransport>();
     std::shared_ptr<KRVProcessMonitor> monitor = std::make_shared<KRVProcessMonitor>();
-    std::shared_ptr<KRVQuicktimeProcessClient> client =
-        std::make_shared<KRVQuicktimeProcessClient>(transport, clock);
+    std::shared_ptr<KRVQuicktimeProcessClient> client = std::make_shared<KRVQuicktimeProcessClient>(transport, clock);
     ServerRunner::Environment environment;
     std::function<void()> thread;
     std::vector<Task::Launch> launches;

@@ -49,8 +49,8 @@ TEST_F(States, AFreshRunnerStartsAtTheBeginning) {
 }
 
 TEST_F(States, StartGoesOnToTheLookInTheSameStepAndLooksAfresh) {
-    EXPECT_THAT(step(), ElementsAre(kNoProcess, kNoProcess, "Starting a new server ...",
-                                    "I will start " + bundlePath("main")));
+    EXPECT_THAT(step(),
+                ElementsAre(kNoProcess, kNoProcess, "Starting a new server ...", "I will start " + bundlePath("main")));
     EXPECT_EQ(runner->state(), ServerRunner::WaitForServer);
     EXPECT_EQ(launches.size(), 1U);
 }

@@ -1,7 +1,7 @@
 // The server runner's life: its thread, its launches, sleep and wake, and its end.
-#include "RunnerFixture.h"
-
 #include <csignal>
+
+#include "RunnerFixture.h"
 
 namespace krv {
 namespace {
@@ -67,9 +67,10 @@ TEST_F(Runner, LogsWhatAStepRaisesAndGoesOn) {
     thread();
     const auto texts = log.texts();
     // One each second, and the second in which the thread was told to end is finished.
-    EXPECT_EQ(std::count(texts.begin(), texts.end(),
-                         "Error during ServerRunner thread loop: Cannot find the executable (null). Can't start server"),
-              4);
+    EXPECT_EQ(
+        std::count(texts.begin(), texts.end(),
+                   "Error during ServerRunner thread loop: Cannot find the executable (null). Can't start server"),
+        4);
     EXPECT_THAT(texts, testing::Contains("There is no KRVQuicktimeProcess.app in " + mainBundle.path() + " or " +
                                          libraryBundle.path()));
 }
@@ -164,8 +165,7 @@ TEST_F(Sleep, StopsTheTimerAndWakingStartsItAgain) {
     EXPECT_EQ(runner->state(), ServerRunner::Start);
     post(kWorkspaceDidWakeNotification);
     EXPECT_TRUE(runner->isMonitoring());
-    EXPECT_THAT(log.texts(),
-                ElementsAre("Nap time. Turning off monitoring", "Wakey wakey... begin monitoring again"));
+    EXPECT_THAT(log.texts(), ElementsAre("Nap time. Turning off monitoring", "Wakey wakey... begin monitoring again"));
     loop.advanceBy(1s);
     EXPECT_EQ(runner->state(), ServerRunner::WaitForServer);
 }

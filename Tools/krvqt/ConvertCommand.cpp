@@ -173,9 +173,8 @@ private:
     const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
-ExitStatus run(const Request& request, const CommonOptions& common) {
-    ServerAccess access;
-    if (const ExitStatus status = reachServer(access, common, WhenAbsent::Launch); status != kDone) {
+ExitStatus run(const Request& request, const ServerAccess& access, const CommonOptions& common) {
+    if (const ExitStatus status = reachServer(access, common); status != kDone) {
         return status;
     }
     const Report report(request, common);
@@ -208,7 +207,8 @@ ExitStatus convert(const ConvertOptions& options, const CommonOptions& common) {
     if (const ExitStatus status = prepare(options, request); status != kDone) {
         return status;
     }
-    return runBesideMainLoop([&] { return run(request, common); });
+    const ServerAccess access = ServerAccess::launching();
+    return runBesideMainLoop([&] { return run(request, access, common); });
 }
 
 }  // namespace krvqt

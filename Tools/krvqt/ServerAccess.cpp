@@ -5,7 +5,6 @@
 #include <fmt/format.h>
 
 #include "Interruption.h"
-#include "ServerLaunch.h"
 
 namespace krvqt {
 namespace {
@@ -40,7 +39,32 @@ private:
     std::string last_;
 };
 
-/// A registered process is one that others see in the server's status, and can cancel the work of.
+/// Why no server answers yet.
+std::string whyNotYet(const ServerAccess& access) {
+    if (const long port = access.discovery->servicePortNumber(); port >= 1) {
+        return fmt::format("found on port {}, but it does not answer", port);
+    }
+    const auto launch = krv::ServerRunner::latestLaunch();
+    if (!access.launches || !launch) {
+        return krv::KRVProcessMonitor::isProcessRunningNamed(kServerName, krv::ProcessTable::ofThisUser())
+                   ? "one is running, but its port is not yet found"
+                   : "none is running yet";
+    }
+    if (launch->bundle.empty()) {
+        return fmt::format("there is no {}.app beside krvqt or its library to start it from", kServerName);
+    }
+    if (!launch->failure.empty()) {
+        return launch->failure;
+    }
+    if (launch->running) {
+        return fmt::format("launched as process {}, and not yet answering", launch->pid);
+    }
+    return fmt::format("{} was launched and ended at once{}{}", launch->executable,
+                       launch->standardErrorFile.empty() ? "" : "; what it printed is in ", launch->standardErrorFile);
+}
+
+/// A registered process is one that others see in the server's status, and can cancel the work of. The client's runner
+/// registers it anyway, but only a second or two from now.
 ExitStatus registerOurselves(const ServerAccess& access) {
     try {
         access.client->registerWithServer();
@@ -53,39 +77,39 @@ ExitStatus registerOurselves(const ServerAccess& access) {
 
 }  // namespace
 
-ExitStatus reachServer(ServerAccess& access, const CommonOptions& common, WhenAbsent whenAbsent) {
+ServerAccess ServerAccess::launching() {
+    ServerAccess access;
+    access.discovery = krv::HTTPServerDiscovery::defaultInstance();
+    access.client = krv::KRVQuicktimeProcessClient::defaultClient();
+    access.transport = access.client->transport();
+    access.launches = true;
+    return access;
+}
+
+ServerAccess ServerAccess::looking() {
+    ServerAccess access;
     access.discovery = krv::HTTPServerDiscovery::defaultInstance();
     access.transport = std::make_shared<krv::KRVHTTPClientTransport>(access.discovery);
     access.client = std::make_shared<krv::KRVQuicktimeProcessClient>(access.transport);
+    return access;
+}
 
-    bool launched = false;
-    if (!krv::KRVProcessMonitor::isProcessRunningNamed(kServerName)) {
-        if (whenAbsent == WhenAbsent::GiveUp) {
-            fmt::print(stderr, "krvqt: no media server is running\n");
-            return kNoServer;
-        }
-        const ServerLaunch launch = launchServer();
-        if (!launch.launched) {
-            fmt::print(stderr, "krvqt: {}\n", launch.text);
-            return kNoServer;
-        }
-        launched = true;
+ExitStatus reachServer(const ServerAccess& access, const CommonOptions& common) {
+    if (!access.launches &&
+        !krv::KRVProcessMonitor::isProcessRunningNamed(kServerName, krv::ProcessTable::ofThisUser())) {
+        fmt::print(stderr, "krvqt: no media server is running\n");
+        return kNoServer;
     }
-
     Announcer announcer(common.quiet);
     const auto deadline = SteadyClock::now() + std::chrono::duration_cast<SteadyClock::duration>(common.wait);
-    std::string reason;
     for (;;) {
         if (Interruption::requested()) {
             return kCancelled;
         }
-        const long port = access.discovery->servicePortNumber();
-        if (port >= 1 && access.transport->canWeGetStatusFromServer()) {
-            return whenAbsent == WhenAbsent::Launch ? registerOurselves(access) : kDone;
+        if (access.transport->serviceReadyToRock()) {
+            return access.launches ? registerOurselves(access) : kDone;
         }
-        reason = port >= 1  ? fmt::format("found on port {}, but it does not answer", port)
-                 : launched ? "launched, and not yet found"
-                            : "one is running, but its port is not yet found";
+        const std::string reason = whyNotYet(access);
         announcer.say(reason);
         if (SteadyClock::now() >= deadline) {
             fmt::print(stderr, "krvqt: the media server could not be reached within {:.0f} s: {}\n",

@@ -12,16 +12,21 @@ namespace krvqt {
 /// The way to the server.
 struct ServerAccess {
     std::shared_ptr<krv::HTTPServerDiscovery> discovery;
-    std::shared_ptr<krv::KRVHTTPClientTransport> transport;
-    std::shared_ptr<krv::KRVQuicktimeProcessClient> client;
+    std::shared_ptr<krv::KRVTransport> transport;
+    std::shared_ptr<krv::KRVQTProcessOperations> client;
+
+    /// The application's shared client: it launches a server when none runs and repeats calls. On the main thread.
+    [[nodiscard]] static ServerAccess launching();
+    /// A client that only talks to a server that runs already.
+    [[nodiscard]] static ServerAccess looking();
+    /// Which of the two.
+    bool launches = false;
 };
 
-enum class WhenAbsent : bool { GiveUp, Launch };
-
-/// Waits until a server answers, saying on standard error what it waits for. Without a running server it starts one,
-/// or gives up at once, as asked. Not on the main thread, whose run loop must turn meanwhile.
+/// Waits until a server answers, saying on standard error what it waits for and why. A client that launches none gives
+/// up at once when no server runs. Not on the main thread, whose run loop must turn meanwhile.
 ///
 /// kDone, kNoServer (and the reason has been printed), or kCancelled.
-[[nodiscard]] ExitStatus reachServer(ServerAccess& access, const CommonOptions& common, WhenAbsent whenAbsent);
+[[nodiscard]] ExitStatus reachServer(const ServerAccess& access, const CommonOptions& common);
 
 }  // namespace krvqt

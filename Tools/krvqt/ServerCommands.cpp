@@ -39,9 +39,9 @@ nlohmann::json statusPage(const ServerAccess& access) {
 }
 
 ExitStatus withServer(const CommonOptions& common, const std::function<ExitStatus(const ServerAccess&)>& work) {
+    const ServerAccess access = ServerAccess::looking();
     return runBesideMainLoop([&] {
-        ServerAccess access;
-        if (const ExitStatus status = reachServer(access, common, WhenAbsent::GiveUp); status != kDone) {
+        if (const ExitStatus status = reachServer(access, common); status != kDone) {
             return status;
         }
         try {

@@ -46,6 +46,7 @@ void addConvert(CLI::App& app, ConvertOptions& options) {
 
 int main(int argc, char** argv) {
     Interruption::watch(kPatience);
+    krv::Bundle::setApplicationIdentifier("krvqt");
     krv::applyLoggingDefaults();
 
     CommonOptions common;
