@@ -1,0 +1,207 @@
+// An application that a test drives: one command on each line of its standard input, what happens on its standard
+// output. It uses the library as any application does: the shared client is made on the main thread, which then turns
+// the main run loop, and calls are made on other threads.
+//
+//   convert ID SOURCE DESTINATION   "ID progress 0.25"..., at last "ID done", "ID error CODE DESCRIPTION" or
+//                                   "ID exception NAME: REASON"
+//   pause ID FRACTION               the conversion of that id waits in its observer once it has come that far; "ID paused"
+//   resume ID
+//   registered                      "registered yes" or "registered no"
+//   wait-registered                 "registered after SECONDS" since the shared client was made
+//   port                            "port N" as discovery knows it
+//   destroy                         destroySingleton; "destroyed"
+//   bare                            a bare client with monitoring takes the shared one's place; "bare"
+//   cleanup                         cleanUp of the bare client, and waits until its thread has ended; "cleaned up"
+//   use                             "use THREADS DESCRIPTORS CHILDREN CPU-SECONDS RESIDENT-KILOBYTES"
+//   log                             from now on "log TEXT" for every line of the library's log
+//   quit
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <map>
+#include <mutex>
+#include <sstream>
+#include <thread>
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include <KRVQTProcessClient/KRVQTProcessClient.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+using SteadyClock = std::chrono::steady_clock;
+
+std::mutex mutex;  // of everything below
+std::condition_variable changed;
+std::map<std::string, float> pauses;
+std::shared_ptr<krv::KRVQTProcessOperations> client;
+std::shared_ptr<krv::KRVQuicktimeProcessClient> bare;
+SteadyClock::time_point made;
+
+template <typename... Arguments>
+void say(fmt::format_string<Arguments...> format, Arguments&&... arguments) {
+    static std::mutex output;
+    const std::lock_guard lock(output);
+    fmt::print("{}\n", fmt::format(format, std::forward<Arguments>(arguments)...));
+    std::fflush(stdout);
+}
+
+std::shared_ptr<krv::KRVQTProcessOperations> theClient() {
+    const std::lock_guard lock(mutex);
+    return client;
+}
+
+class Observer final : public krv::OperationProgress {
+public:
+    explicit Observer(std::string id)
+        : id_(std::move(id)) {}
+
+    bool operation(const krv::KRVOperationBase::Ref&, float progress) override {
+        say("{} progress {:.4f}", id_, progress);
+        std::unique_lock lock(mutex);
+        if (const auto pause = pauses.find(id_); pause != pauses.end() && progress >= pause->second) {
+            say("{} paused", id_);
+            changed.wait(lock, [this] { return !pauses.contains(id_); });
+        }
+        return true;
+    }
+
+private:
+    const std::string id_;
+};
+
+void convert(const std::string& id, const std::string& source, const std::string& destination) {
+    std::shared_ptr<const krv::Error> error;
+    try {
+        theClient()->convertMovie(source, destination, krv::VideoConversion::H264, false,
+                                  std::make_shared<Observer>(id), &error);
+        if (error) {
+            say("{} error {} {}", id, error->code(), error->localizedDescription());
+        } else {
+            say("{} done", id);
+        }
+    } catch (const krv::Exception& exception) {
+        say("{} exception {}: {}", id, exception.name(), exception.reason());
+    }
+}
+
+std::size_t entries(const char* folder) {
+    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(folder), {}));
+}
+
+void tellUse() {
+    std::string children;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream in(task.path() / "children");
+        children.append(std::istreambuf_iterator<char>(in), {});
+    }
+    std::istringstream list(children);
+    const auto count = std::distance(std::istream_iterator<int>(list), {});
+    rusage use{};
+    ::getrusage(RUSAGE_SELF, &use);
+    const auto seconds = [](timeval t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6; };
+    long pages = 0;
+    long resident = 0;
+    std::ifstream("/proc/self/statm") >> pages >> resident;
+    // One descriptor is that of the listing itself.
+    say("use {} {} {} {:.4f} {}", entries("/proc/self/task"), entries("/proc/self/fd") - 1, count,
+        seconds(use.ru_utime) + seconds(use.ru_stime), resident * ::sysconf(_SC_PAGESIZE) / 1024);
+}
+
+void waitUntilRegistered() {
+    while (!theClient()->amIRegistered()) {
+        std::this_thread::sleep_for(5ms);
+    }
+    say("registered after {:.3f}", std::chrono::duration<double>(SteadyClock::now() - made).count());
+}
+
+void makeBareClient() {
+    auto transport = std::make_shared<krv::KRVHTTPClientTransport>(krv::HTTPServerDiscovery::defaultInstance());
+    const std::lock_guard lock(mutex);
+    bare = krv::KRVQuicktimeProcessClient::clientWithTransport(transport);
+    client = bare;
+    say("bare");
+}
+
+void cleanUpBareClient() {
+    std::weak_ptr<krv::ServerRunner> runner;
+    {
+        const std::lock_guard lock(mutex);
+        runner = bare->serverRunner();
+        bare->cleanUp();
+        bare.reset();
+        client.reset();
+    }
+    krv::KRVQuicktimeProcessClient::destroySingleton();
+    while (!runner.expired()) {
+        std::this_thread::sleep_for(5ms);
+    }
+    say("cleaned up");
+}
+
+void obey(const std::string& line) {
+    std::istringstream in(line);
+    std::string command;
+    std::string id;
+    in >> command;
+    if (command == "convert") {
+        std::string source;
+        std::string destination;
+        in >> id >> source >> destination;
+        std::thread(convert, id, source, destination).detach();
+    } else if (command == "pause") {
+        float fraction = 0;
+        in >> id >> fraction;
+        const std::lock_guard lock(mutex);
+        pauses[id] = fraction;
+    } else if (command == "resume") {
+        in >> id;
+        const std::lock_guard lock(mutex);
+        pauses.erase(id);
+        changed.notify_all();
+    } else if (command == "registered") {
+        say("registered {}", theClient()->amIRegistered() ? "yes" : "no");
+    } else if (command == "wait-registered") {
+        waitUntilRegistered();
+    } else if (command == "port") {
+        say("port {}", krv::HTTPServerDiscovery::defaultInstance()->servicePortNumber());
+    } else if (command == "destroy") {
+        krv::KRVQuicktimeProcessClient::destroySingleton();
+        say("destroyed");
+    } else if (command == "bare") {
+        makeBareClient();
+    } else if (command == "cleanup") {
+        cleanUpBareClient();
+    } else if (command == "use") {
+        tellUse();
+    } else if (command == "log") {
+        krv::krv_loggingEnabled = true;
+        krv::qtClientLogLevel = 15;
+        krv::DDLog::setSink([](const krv::LogMessage& message) { say("log {}", message.text); });
+        say("logging");
+    } else {
+        say("unknown {}", line);
+    }
+}
+
+}  // namespace
+
+int main() {
+    made = SteadyClock::now();
+    client = krv::KRVQuicktimeProcessClient::defaultClient();
+    std::thread([] {
+        for (std::string line; std::getline(std::cin, line) && line != "quit";) {
+            obey(line);
+        }
+        krv::RunLoop::main().stop();
+    }).detach();
+    krv::RunLoop::main().run();
+    std::fflush(stdout);
+    std::_Exit(0);  // a conversion may still be under way
+}
