@@ -8,9 +8,8 @@
 //
 // After the first walk the number of stored objects is known exactly, and with it the width of a reference; an upper
 // bound of the size is known too. The second walk goes through the entries in order and writes everything into one
-// buffer of that size, from which the archive is copied at its true length. A container's references are left open
-// until its contents have been written behind it, which gives them their places: storage is depth first, keys before
-// values.
+// buffer of that size. A container's references are left open until its contents have been written behind it, which
+// gives them their places: storage is depth first, keys before values.
 #include <algorithm>
 #include <array>
 #include <bit>
@@ -448,9 +447,8 @@ public:
     }
 
     [[nodiscard]] bool worthKeeping() const {
-        constexpr std::size_t kKept = 1 << 16;
         return atoms_.capacity() < kKept && items_.capacity() < kKept && uids_.capacity() < kKept &&
-               atomTable_.capacity() < kKept && sharedTable_.capacity() < kKept && bufferSize_ < kKept;
+               atomTable_.capacity() < kKept && sharedTable_.capacity() < kKept;
     }
 
     void item(std::string_view key, Item::Kind kind, std::uint32_t first) { item(atomOf(key), kind, first); }
@@ -746,20 +744,31 @@ private:
         }
         const std::size_t referenceCount = 2 * (4 + 1) + entries_.size() + 2 * items_.size() + uids_.size();
         const std::size_t bound = 8 + bound_ + count * (kLargestHead + 8) + referenceCount * kLargestReference + 32;
-        if (bound > bufferSize_) {
-            buffer_ = std::make_unique_for_overwrite<std::uint8_t[]>(bound);
-            bufferSize_ = bound;
-        }
         offsets_.resize(static_cast<std::size_t>(count));
         uidPlaces_.assign(entries_.size(), kNone);
 
         const Graph graph{atoms_.data(), items_.data(), uids_.data(), entries_, offsets_.data(), uidPlaces_.data()};
-        const std::size_t size = count <= 0xFF     ? Writer<1>(graph, buffer_.get()).write(rootUid)
-                                 : count <= 0xFFFF ? Writer<2>(graph, buffer_.get()).write(rootUid)
-                                                   : Writer<4>(graph, buffer_.get()).write(rootUid);
-        const auto* const begin = reinterpret_cast<const std::byte*>(buffer_.get());
-        return {begin, begin + size};
+        const auto writeTo = [&](Data& data) {
+            auto* const out = reinterpret_cast<std::uint8_t*>(data.data());
+            return count <= 0xFF     ? Writer<1>(graph, out).write(rootUid)
+                   : count <= 0xFFFF ? Writer<2>(graph, out).write(rootUid)
+                                     : Writer<4>(graph, out).write(rootUid);
+        };
+        if (bound > kKept) {
+            Data data(bound);
+            data.resize(writeTo(data));
+            return data;
+        }
+        // To clear the whole bound costs a small archive more than to copy what came of it.
+        if (buffer_.size() < bound) {
+            buffer_.resize(bound);
+        }
+        const auto size = static_cast<std::ptrdiff_t>(writeTo(buffer_));
+        return {buffer_.begin(), buffer_.begin() + size};
     }
+
+    /// The longest that an array is kept for the thread's next archive.
+    static constexpr std::size_t kKept = 1 << 16;
 
     std::vector<Atom> atoms_;
     std::vector<Atom> knownAtoms_;
@@ -783,8 +792,7 @@ private:
     int depth_ = 0;
     bool nullUsed_ = false;
 
-    std::unique_ptr<std::uint8_t[]> buffer_;
-    std::size_t bufferSize_ = 0;
+    Data buffer_;
     std::vector<std::uint64_t> offsets_;
     std::vector<std::uint32_t> uidPlaces_;
 
