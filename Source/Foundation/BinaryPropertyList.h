@@ -71,6 +71,20 @@ public:
         return text.type == Type::Ascii ? text.ascii() : std::string_view();
     }
 
+    /// The UID with this number, or 0 for any other object. Cheaper than node() for the usual widths.
+    [[nodiscard]] std::uint64_t uid(std::uint64_t index) const {
+        const std::uint8_t* const p = bytes_ + offset(index);
+        const unsigned size = (*p & 0x0FU) + 1;
+        if (*p >> 4 == 0x8 && size <= 4 && p + 1 + size <= bytes_ + tableOffset_) {
+            return bigEndian(p + 1, size);
+        }
+        const Node uid = node(index);
+        return uid.type == Type::Uid ? uid.bits : 0;
+    }
+
+    /// Whether the object with this number is a boolean, an integer or a float, if it is one at all.
+    [[nodiscard]] bool isNumber(std::uint64_t index) const { return bytes_[offset(index)] >> 4 <= 0x2; }
+
     /// The number of the i-th element of an array, or of a dictionary's i-th key (its i-th value is count + i).
     [[nodiscard]] std::uint64_t reference(const Node& container, std::uint64_t i) const {
         const std::uint64_t index = bigEndian(container.body + i * referenceSize_, referenceSize_);

@@ -251,11 +251,13 @@ private:
     }
 
     /// The object with this number in "$objects". The slot that it stands in stays where it is.
-    const Value& object(std::uint64_t uid) {
+    const Value& object(std::uint64_t uid) { return stored(storedIndex(uid)); }
+
+    std::uint64_t storedIndex(std::uint64_t uid) const {
         if (uid >= objects_.count) {
             refuse("a reference to no object");
         }
-        return stored(reader_.reference(objects_, uid));
+        return reader_.reference(objects_, uid);
     }
 
     /// A stored object as a value, decoded once.
@@ -468,12 +470,19 @@ private:
         return elements;
     }
 
-    const Value& element(const Node& elements, std::uint64_t i) {
-        const Node uid = reader_.node(reader_.reference(elements, i));
-        if (uid.type != Type::Uid || uid.bits == 0) {
+    /// The stored object that the i-th element of a list refers to.
+    std::uint64_t elementIndex(const Node& elements, std::uint64_t i) const {
+        const std::uint64_t uid = reader_.uid(reader_.reference(elements, i));
+        if (uid == 0) {
             refuse("an element that is no reference to an object");
         }
-        return object(uid.bits);
+        return storedIndex(uid);
+    }
+
+    /// Its value. To decode a number once more costs less than to keep it.
+    Value element(const Node& elements, std::uint64_t i) {
+        const std::uint64_t index = elementIndex(elements, i);
+        return reader_.isNumber(index) ? decode(reader_.node(index)) : stored(index);
     }
 
     Value dictionary(const Node& node, Dictionary::Mutability mutability) {
@@ -485,7 +494,7 @@ private:
         std::vector<Dictionary::Entry> entries;
         entries.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(keys.count, kFewEntries)));
         for (std::uint64_t i = 0; i < keys.count; ++i) {
-            Value::StringRef key = element(keys, i).string();
+            Value::StringRef key = stored(elementIndex(keys, i)).string();
             if (!key) {
                 refuse("a key that is no string");
             }
