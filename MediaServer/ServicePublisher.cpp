@@ -7,13 +7,13 @@
 #include <avahi-common/alternative.h>
 #include <avahi-common/error.h>
 #include <avahi-common/malloc.h>
-#include <avahi-common/strlst.h>
 #include <avahi-common/thread-watch.h>
 #include <avahi-core/core.h>
 #include <avahi-core/log.h>
 #include <avahi-core/publish.h>
 #include <fmt/format.h>
 
+#include "LoopbackServer.h"
 #include "ServerLog.h"
 
 namespace krv::server {
@@ -41,22 +41,9 @@ public:
             failed_ = true;
             return;
         }
-        AvahiServerConfig config;
-        avahi_server_config_init(&config);
-        avahi_free(config.host_name);
-        // A daemon on the same machine has the host's own name; ours is never looked up.
-        config.host_name = avahi_strdup(fmt::format("krv-server-{}", ::getpid()).c_str());
-        config.use_ipv4 = 1;
-        config.use_ipv6 = 0;
-        config.allow_interfaces = avahi_string_list_new("lo", nullptr);
-        config.publish_hinfo = 0;
-        config.publish_addresses = 0;
-        config.publish_workstation = 0;
-        config.publish_domain = 0;
-        config.enable_wide_area = 0;
         int failure = 0;
-        server_ = avahi_server_new(avahi_threaded_poll_get(poll_), &config, &serverChanged, this, &failure);
-        avahi_server_config_free(&config);
+        server_ = newLoopbackServer(avahi_threaded_poll_get(poll_), fmt::format("krv-server-{}", ::getpid()),
+                                    &serverChanged, this, failure);
         if (!server_ || avahi_threaded_poll_start(poll_) != 0) {
             fail(failure);
         }

@@ -10,7 +10,7 @@
 namespace krv::plist {
 namespace {
 
-constexpr std::string_view kMagic = "bplist00";
+constexpr char kMagic[] = "bplist00";
 constexpr std::uint64_t kTrailerSize = 32;
 
 }  // namespace
@@ -31,7 +31,7 @@ double Node::real() const noexcept {
 Reader::Reader(std::span<const std::byte> bytes)
     : bytes_(reinterpret_cast<const std::uint8_t*>(bytes.data()))
     , size_(bytes.size()) {
-    if (size_ < kMagic.size() + kTrailerSize + 2 || std::memcmp(bytes_, kMagic.data(), kMagic.size()) != 0) {
+    if (size_ < kHeaderSize + kTrailerSize + 2 || std::memcmp(bytes_, kMagic, kHeaderSize) != 0) {
         refuse("not a binary property list");
     }
     const std::uint8_t* trailer = bytes_ + size_ - kTrailerSize;
@@ -44,21 +44,13 @@ Reader::Reader(std::span<const std::byte> bytes)
         refuse("offset or reference size out of range");
     }
     const std::uint64_t tableEnd = size_ - kTrailerSize;
-    if (tableOffset_ <= kMagic.size() || tableOffset_ >= tableEnd || (tableEnd - tableOffset_) % offsetSize_ != 0 ||
+    if (tableOffset_ <= kHeaderSize || tableOffset_ >= tableEnd || (tableEnd - tableOffset_) % offsetSize_ != 0 ||
         (tableEnd - tableOffset_) / offsetSize_ != objectCount_) {
         refuse("the offset table does not fill the file");
     }
     if (topObject_ >= objectCount_) {
         refuse("no top object");
     }
-}
-
-std::uint64_t Reader::offset(std::uint64_t index) const {
-    const std::uint64_t offset = bigEndian(bytes_ + tableOffset_ + index * offsetSize_, offsetSize_);
-    if (offset < kMagic.size() || offset >= tableOffset_) {
-        refuse("an offset outside of the objects");
-    }
-    return offset;
 }
 
 Node Reader::node(std::uint64_t index) const {
@@ -139,7 +131,8 @@ Node Reader::node(std::uint64_t index) const {
         const unsigned size = low + 1;
         need(size);
         const unsigned lead = size > 8 ? size - 8 : 0;
-        if (bigEndian(p, lead) != 0 || bigEndian(p + lead, size - lead) > std::numeric_limits<std::uint32_t>::max()) {
+        if ((lead > 0 && bigEndian(p, lead) != 0) ||
+            bigEndian(p + lead, size - lead) > std::numeric_limits<std::uint32_t>::max()) {
             refuse("a UID of more than 32 bits");
         }
         return {Type::Uid, 0, p, bigEndian(p + lead, size - lead)};

@@ -17,31 +17,12 @@ namespace krv::plist {
 /// Raises kMalformedArchiveException.
 [[noreturn]] void refuse(const char* why);
 
-/// Big-endian unsigned of 0 to 8 bytes.
+/// Big-endian unsigned of 1 to 8 bytes. Eight bytes must be readable at p, whatever the size: behind every number that
+/// stands in a property list there is at least the trailer.
 [[nodiscard]] inline std::uint64_t bigEndian(const std::uint8_t* p, unsigned size) noexcept {
-    switch (size) {
-    case 1:
-        return p[0];
-    case 2:
-        return static_cast<std::uint64_t>(p[0]) << 8 | p[1];
-    case 4: {
-        std::uint32_t v = 0;
-        std::memcpy(&v, p, sizeof v);
-        return __builtin_bswap32(v);
-    }
-    case 8: {
-        std::uint64_t v = 0;
-        std::memcpy(&v, p, sizeof v);
-        return __builtin_bswap64(v);
-    }
-    default: {
-        std::uint64_t v = 0;
-        for (unsigned i = 0; i < size; ++i) {
-            v = v << 8 | p[i];
-        }
-        return v;
-    }
-    }
+    std::uint64_t v = 0;
+    std::memcpy(&v, p, sizeof v);
+    return __builtin_bswap64(v) >> (64 - 8 * size);
 }
 
 enum class Type : std::uint8_t { Boolean, Integer, Real32, Real64, Date, Data, Ascii, Utf16, Uid, Array, Dictionary };
@@ -56,6 +37,10 @@ struct Node {
     /// Scalars: the boolean, the integer, the UID, or the bits of the float.
     std::uint64_t bits;
 
+    /// The text, of type Ascii.
+    [[nodiscard]] std::string_view ascii() const noexcept {
+        return {reinterpret_cast<const char*>(body), static_cast<std::size_t>(count)};
+    }
     [[nodiscard]] std::int64_t integer() const noexcept { return static_cast<std::int64_t>(bits); }
     /// The number of seconds of a date, or the value of a float of either width.
     [[nodiscard]] double real() const noexcept;
@@ -74,6 +59,32 @@ public:
     /// The object with this number; index must be below objectCount().
     [[nodiscard]] Node node(std::uint64_t index) const;
 
+    /// The ASCII text with this number, or empty for any other object. Cheaper than node() for the short texts that
+    /// keys are.
+    [[nodiscard]] std::string_view asciiText(std::uint64_t index) const {
+        const std::uint8_t* const p = bytes_ + offset(index);
+        const unsigned count = *p & 0x0FU;
+        if (*p >> 4 == 0x5 && count < 15 && p + 1 + count <= bytes_ + tableOffset_) {
+            return {reinterpret_cast<const char*>(p + 1), count};
+        }
+        const Node text = node(index);
+        return text.type == Type::Ascii ? text.ascii() : std::string_view();
+    }
+
+    /// The UID with this number, or 0 for any other object. Cheaper than node() for the usual widths.
+    [[nodiscard]] std::uint64_t uid(std::uint64_t index) const {
+        const std::uint8_t* const p = bytes_ + offset(index);
+        const unsigned size = (*p & 0x0FU) + 1;
+        if (*p >> 4 == 0x8 && size <= 4 && p + 1 + size <= bytes_ + tableOffset_) {
+            return bigEndian(p + 1, size);
+        }
+        const Node uid = node(index);
+        return uid.type == Type::Uid ? uid.bits : 0;
+    }
+
+    /// Whether the object with this number is a boolean, an integer or a float, if it is one at all.
+    [[nodiscard]] bool isNumber(std::uint64_t index) const { return bytes_[offset(index)] >> 4 <= 0x2; }
+
     /// The number of the i-th element of an array, or of a dictionary's i-th key (its i-th value is count + i).
     [[nodiscard]] std::uint64_t reference(const Node& container, std::uint64_t i) const {
         const std::uint64_t index = bigEndian(container.body + i * referenceSize_, referenceSize_);
@@ -84,7 +95,15 @@ public:
     }
 
 private:
-    [[nodiscard]] std::uint64_t offset(std::uint64_t index) const;
+    [[nodiscard]] std::uint64_t offset(std::uint64_t index) const {
+        const std::uint64_t offset = bigEndian(bytes_ + tableOffset_ + index * offsetSize_, offsetSize_);
+        if (offset < kHeaderSize || offset >= tableOffset_) {
+            refuse("an offset outside of the objects");
+        }
+        return offset;
+    }
+
+    static constexpr std::uint64_t kHeaderSize = 8;
 
     const std::uint8_t* bytes_;
     std::uint64_t size_;

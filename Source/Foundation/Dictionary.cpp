@@ -25,6 +25,13 @@ Dictionary::Dictionary(std::initializer_list<std::pair<std::string_view, Value>>
 
 Dictionary Dictionary::fromEntries(std::vector<Entry> entries, Mutability mutability) {
     Dictionary result(mutability);
+    // What a dictionary was written from stands in order already.
+    const auto disorder = std::adjacent_find(entries.begin(), entries.end(),
+                                             [](const Entry& a, const Entry& b) { return !keyLess(a, b); });
+    if (disorder == entries.end()) {
+        result.entries_ = std::move(entries);
+        return result;
+    }
     if (entries.size() <= kInsertionSortLimit) {
         for (auto it = entries.begin(); it != entries.end(); ++it) {
             std::rotate(std::upper_bound(entries.begin(), it, *it, keyLess), it, it + 1);

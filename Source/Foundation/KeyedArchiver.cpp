@@ -10,11 +10,13 @@
 // bound of the size is known too. The second walk goes through the entries in order and writes everything into one
 // buffer of that size. A container's references are left open until its contents have been written behind it, which
 // gives them their places: storage is depth first, keys before values.
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <span>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -40,9 +42,10 @@ constexpr std::size_t kLargestReference = 4;
     throw Exception(std::string(kInvalidArgumentException), std::move(why));
 }
 
-std::uint64_t load(const char* p, std::size_t size) noexcept {
-    std::uint64_t v = 0;
-    std::memcpy(&v, p, size);
+template <typename Word>
+std::uint64_t load(const char* p) noexcept {
+    Word v = 0;
+    std::memcpy(&v, p, sizeof v);
     return v;
 }
 
@@ -64,11 +67,16 @@ TextScan scan(std::string_view text) noexcept {
     };
     const char* p = text.data();
     std::size_t left = text.size();
-    for (; left >= 8; left -= 8, p += 8) {
-        mix(load(p, 8));
+    for (; left > 8; left -= 8, p += 8) {
+        mix(load<std::uint64_t>(p));
     }
-    if (left > 0) {
-        mix(load(p, left));
+    // The rest, in two words that may overlap.
+    if (left >= 4) {
+        mix(load<std::uint32_t>(p) | load<std::uint32_t>(p + left - 4) << 32);
+    } else if (left >= 2) {
+        mix(load<std::uint16_t>(p) | load<std::uint16_t>(p + left - 2) << 16);
+    } else if (left == 1) {
+        mix(load<std::uint8_t>(p));
     }
     return {hash, (seen & kHighBits) == 0};
 }
@@ -77,6 +85,8 @@ TextScan scan(std::string_view text) noexcept {
 struct Atom {
     enum class Kind : std::uint8_t { Boolean, Integer, Real32, Real64, Data, Ascii, Utf16 };
     Kind kind;
+    /// Whether anything refers to it. Only a known atom can be without use.
+    bool used;
     /// Place in the file, once written.
     std::uint32_t place;
     /// Number in "$objects" of a string, 0 when it is only a key or a class name so far.
@@ -85,6 +95,27 @@ struct Atom {
     /// Scalars: the value's bits. Text and data: the number of bytes (UTF-16: of units).
     std::uint64_t bits;
     std::string_view bytes;
+};
+
+/// Atoms that stand in every archive, or in most: an encoder has them from the start, under these ids.
+enum KnownAtom : std::uint32_t {
+    kAtomNull,
+    kAtomVersion,
+    kAtomVersionNumber,
+    kAtomObjects,
+    kAtomArchiver,
+    kAtomArchiverName,
+    kAtomTop,
+    kAtomRoot,
+    kAtomClass,
+    kAtomClassName,
+    kAtomClasses,
+    kAtomNSObject,
+    kAtomKeys,
+    kAtomElements,
+    kAtomNSDictionary,
+    kAtomNSMutableDictionary,
+    kKnownAtoms
 };
 
 /// One keyed value of a stored object.
@@ -108,12 +139,10 @@ struct Entry {
 class IdTable {
 public:
     void clear() {
-        if (slots_.empty()) {
+        if (used_ > 0) {
             slots_.assign(kSmallest, kNone);
-        } else if (used_ > 0) {
-            std::fill(slots_.begin(), slots_.end(), kNone);
+            used_ = 0;
         }
-        used_ = 0;
     }
     /// The id for which same(id) holds, or a free place that becomes newId.
     template <typename Same, typename HashOf>
@@ -133,7 +162,7 @@ public:
             }
         }
     }
-    [[nodiscard]] std::size_t capacity() const { return slots_.size(); }
+    [[nodiscard]] std::size_t capacity() const { return slots_.capacity(); }
 
 private:
     static constexpr std::size_t kSmallest = 128;
@@ -154,7 +183,7 @@ private:
         }
     }
 
-    std::vector<std::uint32_t> slots_;
+    std::vector<std::uint32_t> slots_ = std::vector<std::uint32_t>(kSmallest, kNone);
     std::size_t used_ = 0;
 };
 
@@ -202,18 +231,215 @@ std::uint8_t* putHead(std::uint8_t* out, unsigned kind, std::uint64_t count) noe
     return putInteger(out, count);
 }
 
+std::uint8_t* putAtom(std::uint8_t* out, const Atom& atom) noexcept {
+    switch (atom.kind) {
+    case Atom::Kind::Boolean:
+        *out = static_cast<std::uint8_t>(0x08 | atom.bits);
+        return out + 1;
+    case Atom::Kind::Integer:
+        return putInteger(out, atom.bits);
+    case Atom::Kind::Real32:
+        *out = 0x22;
+        return putBigEndian(out + 1, atom.bits, 4);
+    case Atom::Kind::Real64:
+        *out = 0x23;
+        return putBigEndian(out + 1, atom.bits, 8);
+    case Atom::Kind::Utf16:
+        return plist::writeUtf16(atom.bytes, putHead(out, 0x60, atom.bits));
+    case Atom::Kind::Data:
+    case Atom::Kind::Ascii:
+        break;
+    }
+    out = putHead(out, atom.kind == Atom::Kind::Data ? 0x40 : 0x50, atom.bytes.size());
+    return std::copy(atom.bytes.begin(), atom.bytes.end(), out);
+}
+
 std::string sizeText(Size size) {
     return fmt::format("{{{:.17g}, {:.17g}}}", size.width, size.height);
 }
+
+/// What the first walk has found out, and where the second one keeps its places.
+struct Graph {
+    Atom* atoms;
+    const Item* items;
+    const std::uint32_t* uids;
+    std::span<const Entry> entries;
+    /// The offset of each stored object, by place.
+    std::uint64_t* offsets;
+    /// The place of the UID object for each number, kNone until it is written.
+    std::uint32_t* uidPlaces;
+};
+
+/// The second walk, for references of this many bytes.
+template <unsigned kReferenceSize>
+class Writer {
+public:
+    Writer(const Graph& graph, std::uint8_t* out)
+        : graph_(graph)
+        , begin_(out)
+        , out_(out) {}
+
+    /// Writes the archive and returns its length. The space must do for it.
+    std::size_t write(std::uint32_t rootUid) {
+        std::memcpy(out_, "bplist00", 8);
+        out_ += 8;
+        place();
+        out_ = putHead(out_, 0xD0, 4);
+        std::uint8_t* references = reserve(8);
+        for (const std::uint32_t key : {kAtomVersion, kAtomObjects, kAtomArchiver, kAtomTop}) {
+            refer(references, atomPlace(key));
+        }
+        refer(references, atomPlace(kAtomVersionNumber));
+        refer(references, objectsPlace());
+        refer(references, atomPlace(kAtomArchiverName));
+        refer(references, place());
+        out_ = putHead(out_, 0xD0, 1);
+        references = reserve(2);
+        refer(references, atomPlace(kAtomRoot));
+        refer(references, uidPlace(rootUid));
+        finish();
+        return static_cast<std::size_t>(out_ - begin_);
+    }
+
+private:
+    /// Opens the next stored object here and returns its place.
+    std::uint32_t place() {
+        graph_.offsets[places_] = static_cast<std::uint64_t>(out_ - begin_);
+        return places_++;
+    }
+
+    std::uint8_t* reserve(std::size_t references) {
+        std::uint8_t* p = out_;
+        out_ += references * kReferenceSize;
+        return p;
+    }
+
+    static void refer(std::uint8_t*& p, std::uint32_t place) { p = putBigEndian(p, place, kReferenceSize); }
+
+    std::uint32_t atomPlace(std::uint32_t id) {
+        Atom& atom = graph_.atoms[id];
+        if (atom.place == kNone) {
+            atom.place = place();
+            out_ = putAtom(out_, atom);
+        }
+        return atom.place;
+    }
+
+    std::uint32_t uidPlace(std::uint32_t uid) {
+        std::uint32_t& known = graph_.uidPlaces[uid];
+        if (known == kNone) {
+            known = place();
+            const unsigned width = widthOf(uid);
+            *out_++ = static_cast<std::uint8_t>(0x80 | (width - 1));
+            out_ = putBigEndian(out_, uid, width);
+        }
+        return known;
+    }
+
+    std::uint32_t objectsPlace() {
+        const std::uint32_t result = place();
+        out_ = putHead(out_, 0xA0, graph_.entries.size());
+        std::uint8_t* references = reserve(graph_.entries.size());
+        for (const Entry& entry : graph_.entries) {
+            refer(references, entry.isAtom ? atomPlace(entry.first) : objectPlace(entry));
+        }
+        return result;
+    }
+
+    std::uint32_t objectPlace(const Entry& entry) {
+        const std::uint32_t result = place();
+        out_ = putHead(out_, 0xD0, entry.count);
+        std::uint8_t* references = reserve(std::size_t{2} * entry.count);
+        const std::span<const Item> items(graph_.items + entry.first, entry.count);
+        for (const Item& item : items) {
+            refer(references, atomPlace(item.key));
+        }
+        for (const Item& item : items) {
+            switch (item.kind) {
+            case Item::Kind::Atom:
+                refer(references, atomPlace(item.first));
+                break;
+            case Item::Kind::Uid:
+                refer(references, uidPlace(item.first));
+                break;
+            case Item::Kind::UidList:
+            case Item::Kind::AtomList:
+                refer(references, listPlace(item));
+                break;
+            }
+        }
+        return result;
+    }
+
+    std::uint32_t listPlace(const Item& item) {
+        const std::uint32_t result = place();
+        out_ = putHead(out_, 0xA0, item.count);
+        std::uint8_t* references = reserve(item.count);
+        for (const std::uint32_t element : std::span(graph_.uids + item.first, item.count)) {
+            refer(references, item.kind == Item::Kind::UidList ? uidPlace(element) : atomPlace(element));
+        }
+        return result;
+    }
+
+    void finish() {
+        const auto tableOffset = static_cast<std::uint64_t>(out_ - begin_);
+        const unsigned offsetSize = widthOf(tableOffset);
+        for (const std::uint64_t offset : std::span(graph_.offsets, places_)) {
+            out_ = putBigEndian(out_, offset, offsetSize);
+        }
+        std::memset(out_, 0, 6);
+        out_ += 6;
+        *out_++ = static_cast<std::uint8_t>(offsetSize);
+        *out_++ = static_cast<std::uint8_t>(kReferenceSize);
+        out_ = putBigEndian(out_, places_, 8);
+        out_ = putBigEndian(out_, 0, 8);
+        out_ = putBigEndian(out_, tableOffset, 8);
+    }
+
+    const Graph graph_;
+    std::uint8_t* const begin_;
+    std::uint8_t* out_;
+    std::uint32_t places_ = 0;
+};
 
 }  // namespace
 
 class KeyedArchiver::Encoder {
 public:
+    Encoder() {
+        constexpr std::array<std::string_view, kKnownAtoms> kTexts{"$null",
+                                                                   "$version",
+                                                                   "",
+                                                                   "$objects",
+                                                                   "$archiver",
+                                                                   "NSKeyedArchiver",
+                                                                   "$top",
+                                                                   "root",
+                                                                   "$class",
+                                                                   "$classname",
+                                                                   "$classes",
+                                                                   "NSObject",
+                                                                   "NS.keys",
+                                                                   "NS.objects",
+                                                                   "NSDictionary",
+                                                                   "NSMutableDictionary"};
+        for (const std::string_view text : kTexts) {
+            if (text.empty()) {
+                constexpr std::uint64_t kVersion = 100000;
+                scalar(Atom::Kind::Integer, kVersion);
+            } else {
+                atomOf(text);
+            }
+            atoms_.back().used = false;
+        }
+        knownAtoms_ = atoms_;
+        knownTable_ = atomTable_;
+        knownBound_ = bound_;
+    }
+
     Data archive(const Value& root) {
         clear();
-        atomOf("$null");
-        entries_.push_back({0, 1, true});
+        entries_.push_back({use(kAtomNull), 1, true});
         const std::uint32_t rootUid = number(root);
         Data data = write(rootUid);
         kept_.clear();
@@ -221,15 +447,12 @@ public:
     }
 
     [[nodiscard]] bool worthKeeping() const {
-        constexpr std::size_t kKept = 1 << 16;
         return atoms_.capacity() < kKept && items_.capacity() < kKept && uids_.capacity() < kKept &&
                atomTable_.capacity() < kKept && sharedTable_.capacity() < kKept;
     }
 
-    void item(std::string_view key, Item::Kind kind, std::uint32_t first, std::uint32_t count = 1) {
-        pending_.push_back({atomOf(key), kind, first, count});
-    }
-    std::uint32_t scalar(Atom::Kind kind, std::uint64_t bits) { return add({kind, kNone, 0, 0, bits, {}}); }
+    void item(std::string_view key, Item::Kind kind, std::uint32_t first) { item(atomOf(key), kind, first); }
+    std::uint32_t scalar(Atom::Kind kind, std::uint64_t bits) { return add({kind, true, kNone, 0, 0, bits, {}}); }
 
     std::uint32_t boolean(bool value) {
         std::uint32_t& atom = booleans_[value ? 1 : 0];
@@ -250,7 +473,7 @@ public:
 
 private:
     void clear() {
-        atoms_.clear();
+        atoms_ = knownAtoms_;
         items_.clear();
         pending_.clear();
         uids_.clear();
@@ -259,10 +482,11 @@ private:
         entries_.clear();
         classes_.clear();
         shared_.clear();
-        atomTable_.clear();
+        atomTable_ = knownTable_;
         sharedTable_.clear();
         booleans_ = {kNone, kNone};
-        bound_ = 0;
+        bound_ = knownBound_;
+        used_ = 0;
         lists_ = 0;
         objects_ = 0;
         depth_ = 0;
@@ -278,21 +502,26 @@ private:
                 return a.hash == atom.hash && a.kind == atom.kind && a.bits == atom.bits && a.bytes == atom.bytes;
             },
             [&](std::uint32_t other) { return atoms_[other].hash; });
-        if (id == next) {
-            add(atom);
-        }
+        return id == next ? add(atom) : use(id);
+    }
+
+    /// The atom is in the archive.
+    std::uint32_t use(std::uint32_t id) {
+        used_ += atoms_[id].used ? 0U : 1U;
+        atoms_[id].used = true;
         return id;
     }
 
     std::uint32_t add(const Atom& atom) {
         atoms_.push_back(atom);
+        ++used_;
         bound_ += kLargestHead + (atom.kind == Atom::Kind::Utf16 ? 2 * atom.bits : atom.bytes.size());
         return static_cast<std::uint32_t>(atoms_.size() - 1);
     }
 
     std::uint32_t atomOf(std::string_view text) {
         const TextScan scanned = scan(text);
-        Atom atom{Atom::Kind::Ascii, kNone, 0, static_cast<std::uint32_t>(scanned.hash >> 32), text.size(), text};
+        Atom atom{Atom::Kind::Ascii, true, kNone, 0, static_cast<std::uint32_t>(scanned.hash >> 32), text.size(), text};
         if (!scanned.ascii) {
             const std::int64_t units = plist::utf16Length(text);
             if (units < 0) {
@@ -314,6 +543,10 @@ private:
 
     std::uint32_t atomEntry(std::uint32_t atom) { return newEntry({atom, 1, true}); }
 
+    void item(std::uint32_t key, Item::Kind kind, std::uint32_t first, std::uint32_t count = 1) {
+        pending_.push_back({key, kind, first, count});
+    }
+
     std::uint32_t textEntry(std::string_view text) {
         const std::uint32_t atom = atomOf(text);
         if (atoms_[atom].uid == 0) {
@@ -325,8 +558,8 @@ private:
 
     /// A keyed object: its number first, then what body() notes, then its class.
     template <typename Body>
-    std::uint32_t keyedObject(const void* identity, std::string_view className, std::string_view middle,
-                              std::string_view outer, const Body& body) {
+    std::uint32_t keyedObject(const void* identity, std::uint32_t className, std::uint32_t superclassName,
+                              const Body& body) {
         if (identity) {
             if (const std::uint32_t known = numberOfShared(identity); known != 0) {
                 return known;
@@ -341,7 +574,7 @@ private:
         }
         const std::size_t begin = pending_.size();
         body();
-        item("$class", Item::Kind::Uid, classReference(className, middle, outer));
+        item(use(kAtomClass), Item::Kind::Uid, classReference(className, superclassName));
         close(uid, begin);
         --depth_;
         return uid;
@@ -372,35 +605,37 @@ private:
         return shared_[id].second;
     }
 
-    std::uint32_t classReference(std::string_view name, std::string_view middle, std::string_view outer) {
+    /// The number of a class description, made when the class is met for the first time. There is at most one class,
+    /// or kNone, between the class and "NSObject".
+    std::uint32_t classReference(std::uint32_t name, std::uint32_t superclassName) {
         for (const auto& [known, uid] : classes_) {
             if (known == name) {
                 return uid;
             }
         }
         const std::uint32_t uid = newEntry({0, 0, false});
-        classes_.emplace_back(name, uid);
+        classes_.emplace_back(use(name), uid);
         const std::size_t begin = pending_.size();
-        item("$classname", Item::Kind::Atom, atomOf(name));
+        item(use(kAtomClassName), Item::Kind::Atom, name);
         const auto first = static_cast<std::uint32_t>(uids_.size());
-        for (const std::string_view each : {name, middle, outer, std::string_view("NSObject")}) {
-            if (!each.empty()) {
-                uids_.push_back(atomOf(each));
-            }
+        uids_.push_back(name);
+        if (superclassName != kNone) {
+            uids_.push_back(use(superclassName));
         }
-        list("$classes", Item::Kind::AtomList, first);
+        uids_.push_back(use(kAtomNSObject));
+        list(use(kAtomClasses), Item::Kind::AtomList, first);
         close(uid, begin);
         return uid;
     }
 
-    void list(std::string_view key, Item::Kind kind, std::uint32_t first) {
+    void list(std::uint32_t key, Item::Kind kind, std::uint32_t first) {
         item(key, kind, first, static_cast<std::uint32_t>(uids_.size()) - first);
         ++lists_;
     }
 
     /// Numbers each element and notes the list. Nested lists use pendingUids_ as a stack meanwhile.
     template <typename Range, typename NumberOf>
-    void uidList(std::string_view key, const Range& range, const NumberOf& numberOf) {
+    void uidList(std::uint32_t key, const Range& range, const NumberOf& numberOf) {
         const std::size_t begin = pendingUids_.size();
         for (const auto& element : range) {
             const std::uint32_t uid = numberOf(element);
@@ -415,14 +650,15 @@ private:
     std::uint32_t dictionary(const Dictionary& dictionary) {
         const bool isMutable = dictionary.mutability() == Dictionary::Mutability::Mutable;
         return keyedObject(
-            &dictionary, isMutable ? "NSMutableDictionary" : "NSDictionary", isMutable ? "NSDictionary" : "", {}, [&] {
-                uidList("NS.keys", dictionary, [&](const auto& entry) { return textEntry(*entry.first); });
-                uidList("NS.objects", dictionary, [&](const auto& entry) { return number(entry.second); });
+            &dictionary, isMutable ? kAtomNSMutableDictionary : kAtomNSDictionary,
+            isMutable ? std::uint32_t{kAtomNSDictionary} : kNone, [&] {
+                uidList(use(kAtomKeys), dictionary, [&](const auto& entry) { return textEntry(*entry.first); });
+                uidList(use(kAtomElements), dictionary, [&](const auto& entry) { return number(entry.second); });
             });
     }
 
     std::uint32_t error(const Error& error) {
-        return keyedObject(&error, "NSError", {}, {}, [&] {
+        return keyedObject(&error, atomOf("NSError"), kNone, [&] {
             item("NSDomain", Item::Kind::Uid, textEntry(error.domain()));
             item("NSCode", Item::Kind::Atom, scalar(Atom::Kind::Integer, static_cast<std::uint64_t>(error.code())));
             noteReference("NSUserInfo", error.userInfo() ? dictionary(*error.userInfo()) : 0);
@@ -434,7 +670,7 @@ private:
             return known;
         }
         const std::string_view bytes(reinterpret_cast<const char*>(data.data()), data.size());
-        const std::uint32_t uid = atomEntry(add({Atom::Kind::Data, kNone, 0, 0, bytes.size(), bytes}));
+        const std::uint32_t uid = atomEntry(add({Atom::Kind::Data, true, kNone, 0, 0, bytes.size(), bytes}));
         shared_.back().second = uid;
         return uid;
     }
@@ -444,7 +680,7 @@ private:
             [this](const auto& v) -> std::uint32_t {
                 using T = std::decay_t<decltype(v)>;
                 if constexpr (std::is_same_v<T, std::monostate>) {
-                    return keyedObject(nullptr, "NSNull", {}, {}, [] {});
+                    return keyedObject(nullptr, atomOf("NSNull"), kNone, [] {});
                 } else if constexpr (std::is_same_v<T, bool>) {
                     return atomEntry(boolean(v));
                 } else if constexpr (std::is_same_v<T, std::int64_t>) {
@@ -458,29 +694,32 @@ private:
                 } else if constexpr (std::is_same_v<T, Value::DataRef>) {
                     return dataEntry(*v);
                 } else if constexpr (std::is_same_v<T, Date>) {
-                    return keyedObject(nullptr, "NSDate", {}, {}, [&] {
+                    return keyedObject(nullptr, atomOf("NSDate"), kNone, [&] {
                         item("NS.time", Item::Kind::Atom,
                              scalar(Atom::Kind::Real64, std::bit_cast<std::uint64_t>(v.secondsSinceReference)));
                     });
                 } else if constexpr (std::is_same_v<T, Size>) {
-                    return keyedObject(nullptr, "NSValue", {}, {}, [&] {
+                    return keyedObject(nullptr, atomOf("NSValue"), kNone, [&] {
                         constexpr std::uint64_t kSizeKind = 2;
                         item("NS.special", Item::Kind::Atom, scalar(Atom::Kind::Integer, kSizeKind));
                         item("NS.sizeval", Item::Kind::Uid, textEntry(keep(Value(sizeText(v))).stringValue()));
                     });
                 } else if constexpr (std::is_same_v<T, Value::ArrayRef>) {
-                    return keyedObject(v.get(), "NSArray", {}, {}, [&] {
-                        uidList("NS.objects", *v, [&](const Value& element) { return number(element); });
+                    return keyedObject(v.get(), atomOf("NSArray"), kNone, [&] {
+                        uidList(use(kAtomElements), *v, [&](const Value& element) { return number(element); });
                     });
                 } else if constexpr (std::is_same_v<T, Value::DictionaryRef>) {
                     return dictionary(*v);
                 } else if constexpr (std::is_same_v<T, Value::ErrorRef>) {
                     return error(*v);
                 } else {
-                    return keyedObject(v.get(), v->className(), v->superclassName(), {}, [&] {
-                        KeyedArchiver coder(*this);
-                        v->encodeWithCoder(coder);
-                    });
+                    const std::string_view superclassName = v->superclassName();
+                    const std::uint32_t className = atomOf(v->className());
+                    return keyedObject(v.get(), className, superclassName.empty() ? kNone : atomOf(superclassName),
+                                       [&] {
+                                           KeyedArchiver coder(*this);
+                                           v->encodeWithCoder(coder);
+                                       });
                 }
             },
             value.storage());
@@ -493,202 +732,67 @@ public:
     }
 
 private:
-    // The second walk.
-
     Data write(std::uint32_t rootUid) {
-        const std::uint32_t keyVersion = atomOf("$version");
-        const std::uint32_t keyObjects = atomOf("$objects");
-        const std::uint32_t keyArchiver = atomOf("$archiver");
-        const std::uint32_t keyTop = atomOf("$top");
-        const std::uint32_t version = scalar(Atom::Kind::Integer, 100000);
-        const std::uint32_t archiver = atomOf("NSKeyedArchiver");
-        const std::uint32_t keyRoot = atomOf("root");
-
+        for (const std::uint32_t atom :
+             {kAtomVersion, kAtomObjects, kAtomArchiver, kAtomTop, kAtomVersionNumber, kAtomArchiverName, kAtomRoot}) {
+            use(atom);
+        }
         // Every entry but "$null" has one UID; the top dictionary, "$objects" and "$top" are the other three.
-        const std::uint64_t count = atoms_.size() + (entries_.size() - 1) + (nullUsed_ ? 1 : 0) + objects_ + lists_ + 3;
+        const std::uint64_t count = used_ + (entries_.size() - 1) + (nullUsed_ ? 1 : 0) + objects_ + lists_ + 3;
         if (count >= kNone) {
             cannotArchive("too many objects for one archive");
         }
-        referenceSize_ = widthOf(count);
         const std::size_t referenceCount = 2 * (4 + 1) + entries_.size() + 2 * items_.size() + uids_.size();
         const std::size_t bound = 8 + bound_ + count * (kLargestHead + 8) + referenceCount * kLargestReference + 32;
-
-        Data data(bound);
-        begin_ = reinterpret_cast<std::uint8_t*>(data.data());
-        out_ = begin_;
         offsets_.resize(static_cast<std::size_t>(count));
-        places_ = 0;
         uidPlaces_.assign(entries_.size(), kNone);
 
-        std::memcpy(out_, "bplist00", 8);
-        out_ += 8;
-        place();
-        out_ = putHead(out_, 0xD0, 4);
-        std::uint8_t* references = reserve(8);
-        for (const std::uint32_t key : {keyVersion, keyObjects, keyArchiver, keyTop}) {
-            refer(references, atomPlace(key));
+        const Graph graph{atoms_.data(), items_.data(), uids_.data(), entries_, offsets_.data(), uidPlaces_.data()};
+        const auto writeTo = [&](Data& data) {
+            auto* const out = reinterpret_cast<std::uint8_t*>(data.data());
+            return count <= 0xFF     ? Writer<1>(graph, out).write(rootUid)
+                   : count <= 0xFFFF ? Writer<2>(graph, out).write(rootUid)
+                                     : Writer<4>(graph, out).write(rootUid);
+        };
+        if (bound > kKept) {
+            Data data(bound);
+            data.resize(writeTo(data));
+            return data;
         }
-        refer(references, atomPlace(version));
-        refer(references, objectsPlace());
-        refer(references, atomPlace(archiver));
-        refer(references, place());
-        out_ = putHead(out_, 0xD0, 1);
-        references = reserve(2);
-        refer(references, atomPlace(keyRoot));
-        refer(references, uidPlace(rootUid));
-
-        finish(count);
-        data.resize(static_cast<std::size_t>(out_ - begin_));
-        return data;
-    }
-
-    /// Opens the next stored object here and returns its place.
-    std::uint32_t place() {
-        offsets_[places_] = static_cast<std::uint64_t>(out_ - begin_);
-        return places_++;
-    }
-
-    std::uint8_t* reserve(std::size_t references) {
-        std::uint8_t* p = out_;
-        out_ += references * referenceSize_;
-        return p;
-    }
-
-    void refer(std::uint8_t*& p, std::uint32_t place) { p = putBigEndian(p, place, referenceSize_); }
-
-    std::uint32_t atomPlace(std::uint32_t id) {
-        Atom& atom = atoms_[id];
-        if (atom.place == kNone) {
-            atom.place = place();
-            writeAtom(atom);
+        // To clear the whole bound costs a small archive more than to copy what came of it.
+        if (buffer_.size() < bound) {
+            buffer_.resize(bound);
         }
-        return atom.place;
+        const auto size = static_cast<std::ptrdiff_t>(writeTo(buffer_));
+        return {buffer_.begin(), buffer_.begin() + size};
     }
 
-    void writeAtom(const Atom& atom) {
-        switch (atom.kind) {
-        case Atom::Kind::Boolean:
-            *out_++ = static_cast<std::uint8_t>(0x08 | atom.bits);
-            break;
-        case Atom::Kind::Integer:
-            out_ = putInteger(out_, atom.bits);
-            break;
-        case Atom::Kind::Real32:
-            *out_++ = 0x22;
-            out_ = putBigEndian(out_, atom.bits, 4);
-            break;
-        case Atom::Kind::Real64:
-            *out_++ = 0x23;
-            out_ = putBigEndian(out_, atom.bits, 8);
-            break;
-        case Atom::Kind::Data:
-        case Atom::Kind::Ascii:
-            out_ = putHead(out_, atom.kind == Atom::Kind::Data ? 0x40 : 0x50, atom.bytes.size());
-            if (!atom.bytes.empty()) {
-                std::memcpy(out_, atom.bytes.data(), atom.bytes.size());
-            }
-            out_ += atom.bytes.size();
-            break;
-        case Atom::Kind::Utf16:
-            out_ = putHead(out_, 0x60, atom.bits);
-            out_ = plist::writeUtf16(atom.bytes, out_);
-            break;
-        }
-    }
-
-    std::uint32_t uidPlace(std::uint32_t uid) {
-        if (uidPlaces_[uid] == kNone) {
-            uidPlaces_[uid] = place();
-            const unsigned width = widthOf(uid);
-            *out_++ = static_cast<std::uint8_t>(0x80 | (width - 1));
-            out_ = putBigEndian(out_, uid, width);
-        }
-        return uidPlaces_[uid];
-    }
-
-    std::uint32_t objectsPlace() {
-        const std::uint32_t result = place();
-        out_ = putHead(out_, 0xA0, entries_.size());
-        std::uint8_t* references = reserve(entries_.size());
-        for (const Entry& entry : entries_) {
-            refer(references, entry.isAtom ? atomPlace(entry.first) : objectPlace(entry));
-        }
-        return result;
-    }
-
-    std::uint32_t objectPlace(const Entry& entry) {
-        const std::uint32_t result = place();
-        out_ = putHead(out_, 0xD0, entry.count);
-        std::uint8_t* references = reserve(std::size_t{2} * entry.count);
-        const Item* const first = items_.data() + entry.first;
-        for (const Item* item = first; item != first + entry.count; ++item) {
-            refer(references, atomPlace(item->key));
-        }
-        for (const Item* item = first; item != first + entry.count; ++item) {
-            switch (item->kind) {
-            case Item::Kind::Atom:
-                refer(references, atomPlace(item->first));
-                break;
-            case Item::Kind::Uid:
-                refer(references, uidPlace(item->first));
-                break;
-            case Item::Kind::UidList:
-            case Item::Kind::AtomList:
-                refer(references, listPlace(*item));
-                break;
-            }
-        }
-        return result;
-    }
-
-    std::uint32_t listPlace(const Item& item) {
-        const std::uint32_t result = place();
-        out_ = putHead(out_, 0xA0, item.count);
-        std::uint8_t* references = reserve(item.count);
-        for (std::uint32_t i = 0; i < item.count; ++i) {
-            const std::uint32_t element = uids_[item.first + i];
-            refer(references, item.kind == Item::Kind::UidList ? uidPlace(element) : atomPlace(element));
-        }
-        return result;
-    }
-
-    void finish(std::uint64_t count) {
-        const auto tableOffset = static_cast<std::uint64_t>(out_ - begin_);
-        const unsigned offsetSize = widthOf(tableOffset);
-        for (const std::uint64_t offset : offsets_) {
-            out_ = putBigEndian(out_, offset, offsetSize);
-        }
-        std::memset(out_, 0, 6);
-        out_ += 6;
-        *out_++ = static_cast<std::uint8_t>(offsetSize);
-        *out_++ = static_cast<std::uint8_t>(referenceSize_);
-        out_ = putBigEndian(out_, count, 8);
-        out_ = putBigEndian(out_, 0, 8);
-        out_ = putBigEndian(out_, tableOffset, 8);
-    }
+    /// The longest that an array is kept for the thread's next archive.
+    static constexpr std::size_t kKept = 1 << 16;
 
     std::vector<Atom> atoms_;
+    std::vector<Atom> knownAtoms_;
+    IdTable knownTable_;
+    std::size_t knownBound_ = 0;
     IdTable atomTable_;
     std::vector<Item> items_;
     std::vector<Item> pending_;
     std::vector<std::uint32_t> uids_;
     std::vector<std::uint32_t> pendingUids_;
     std::vector<Entry> entries_;
-    std::vector<std::pair<std::string_view, std::uint32_t>> classes_;
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> classes_;
     std::vector<std::pair<const void*, std::uint32_t>> shared_;
     IdTable sharedTable_;
     std::vector<Value> kept_;
     std::array<std::uint32_t, 2> booleans_{kNone, kNone};
     std::size_t bound_ = 0;
+    std::size_t used_ = 0;
     std::size_t lists_ = 0;
     std::size_t objects_ = 0;
     int depth_ = 0;
     bool nullUsed_ = false;
 
-    std::uint8_t* begin_ = nullptr;
-    std::uint8_t* out_ = nullptr;
-    unsigned referenceSize_ = 1;
-    std::uint32_t places_ = 0;
+    Data buffer_;
     std::vector<std::uint64_t> offsets_;
     std::vector<std::uint32_t> uidPlaces_;
 

@@ -33,23 +33,43 @@ struct Slot {
     Value value;
 };
 
-/// A slot for each stored object, made in pages as they are touched, so that no count reserves memory.
+/// The slots of the stored objects, made as they are asked for. Most stored objects are keys, references and lists,
+/// which never need one. What stands here for each object is a pointer, in proportion to the offset table.
 class SlotTable {
 public:
     explicit SlotTable(std::uint64_t count)
-        : pages_(count / kPageSize + 1) {}
+        : slots_(static_cast<std::size_t>(count), nullptr) {}
 
+    /// The slot stays where it is.
     Slot& operator[](std::uint64_t index) {
-        auto& page = pages_[index / kPageSize];
-        if (!page) {
-            page = std::make_unique<Page>();
+        Slot*& slot = slots_[static_cast<std::size_t>(index)];
+        if (!slot) {
+            slot = add();
         }
-        return (*page)[index % kPageSize];
+        return *slot;
     }
 
 private:
-    static constexpr std::uint64_t kPageSize = 64;
+    /// As many as a small record needs.
+    static constexpr std::size_t kFirstSize = 32;
+    static constexpr std::size_t kPageSize = 32;
     using Page = std::array<Slot, kPageSize>;
+
+    Slot* add() {
+        const std::size_t number = used_++;
+        if (number < kFirstSize) {
+            return &first_[number];
+        }
+        const std::size_t further = number - kFirstSize;
+        if (further % kPageSize == 0) {
+            pages_.push_back(std::make_unique<Page>());
+        }
+        return &(*pages_.back())[further % kPageSize];
+    }
+
+    std::vector<Slot*> slots_;
+    std::size_t used_ = 0;
+    std::array<Slot, kFirstSize> first_;
     std::vector<std::unique_ptr<Page>> pages_;
 };
 
@@ -123,7 +143,9 @@ public:
         : reader_(bytes)
         , classes_(classes)
         , slots_(reader_.objectCount())
-        , workLeft_(bytes.size() * kWorkPerByte) {}
+        , workLeft_(bytes.size() * kWorkPerByte) {
+        fields_.reserve(kFewFields);
+    }
 
     Value root() {
         const Node top = reader_.node(reader_.topObject());
@@ -139,7 +161,7 @@ public:
         }
         objects_ = requiredField(top, "$objects");
         if (objects_.type != Type::Array || objects_.count == 0 ||
-            text(reader_.node(reader_.reference(objects_, 0))) != "$null") {
+            reader_.asciiText(reader_.reference(objects_, 0)) != "$null") {
             refuse("no objects");
         }
         const Node tops = requiredField(top, "$top");
@@ -156,13 +178,15 @@ public:
     // What initWithCoder asks of the object being decoded.
 
     [[nodiscard]] std::optional<Node> field(std::string_view key) {
-        std::vector<Field>& fields = *fields_;
+        const std::size_t count = fields_.size() - firstField_;
         // Most archives hold the keys in the order in which they are asked for: look on from the last hit.
-        for (std::size_t n = 0; n < fields.size(); ++n) {
-            const std::size_t i = (nextField_ + n) % fields.size();
-            if (fields[i].key == key) {
-                nextField_ = i + 1;
-                return reader_.node(fields[i].value);
+        for (std::size_t n = 0; n < count; ++n) {
+            if (nextField_ >= fields_.size()) {
+                nextField_ = firstField_;
+            }
+            const Field& field = fields_[nextField_++];
+            if (field.key == key) {
+                return reader_.node(field.value);
             }
         }
         return std::nullopt;
@@ -194,9 +218,7 @@ private:
     }
 
     static std::string_view text(const Node& node) {
-        return node.type == Type::Ascii
-                   ? std::string_view(reinterpret_cast<const char*>(node.body), static_cast<std::size_t>(node.count))
-                   : std::string_view();
+        return node.type == Type::Ascii ? node.ascii() : std::string_view();
     }
 
     /// All text is UTF-8 once it is read: what is stored as ASCII must be.
@@ -213,7 +235,7 @@ private:
     std::optional<Node> findField(const Node& dictionary, std::string_view key) {
         charge(dictionary.count);
         for (std::uint64_t i = 0; i < dictionary.count; ++i) {
-            if (text(reader_.node(reader_.reference(dictionary, i))) == key) {
+            if (reader_.asciiText(reader_.reference(dictionary, i)) == key) {
                 return reader_.node(reader_.reference(dictionary, dictionary.count + i));
             }
         }
@@ -229,11 +251,13 @@ private:
     }
 
     /// The object with this number in "$objects". The slot that it stands in stays where it is.
-    const Value& object(std::uint64_t uid) {
+    const Value& object(std::uint64_t uid) { return stored(storedIndex(uid)); }
+
+    std::uint64_t storedIndex(std::uint64_t uid) const {
         if (uid >= objects_.count) {
             refuse("a reference to no object");
         }
-        return stored(reader_.reference(objects_, uid));
+        return reader_.reference(objects_, uid);
     }
 
     /// A stored object as a value, decoded once.
@@ -296,8 +320,19 @@ private:
         return value;
     }
 
+    /// The "$class" of an object. Archivers write it last, so it is looked for from the end.
+    Node classField(const Node& node) {
+        charge(node.count);
+        for (std::uint64_t i = node.count; i-- > 0;) {
+            if (reader_.asciiText(reader_.reference(node, i)) == "$class") {
+                return reader_.node(reader_.reference(node, node.count + i));
+            }
+        }
+        refuse("an object without a class");
+    }
+
     std::uint32_t classIndex(const Node& node) {
-        const Node uid = requiredField(node, "$class");
+        const Node uid = classField(node);
         if (uid.type != Type::Uid || uid.bits == 0 || uid.bits >= objects_.count) {
             refuse("an object without a class");
         }
@@ -335,20 +370,20 @@ private:
 
     Value archivable(const Node& node, const ArchivableClass& known) {
         charge(node.count);
-        std::vector<Field> fields;
-        fields.reserve(kFewEntries);
+        // The fields of an object stand behind those of the object that holds it.
+        const std::size_t outerFirst = std::exchange(firstField_, fields_.size());
+        const std::size_t outerNext = std::exchange(nextField_, fields_.size());
         for (std::uint64_t i = 0; i < node.count; ++i) {
-            const std::string_view key = text(reader_.node(reader_.reference(node, i)));
+            const std::string_view key = reader_.asciiText(reader_.reference(node, i));
             // More keys than any class of ours has: only those that could be asked for are kept.
-            if (!key.empty() && fields.size() < kMostFields) {
-                fields.push_back({key, reader_.reference(node, node.count + i)});
+            if (!key.empty() && fields_.size() - firstField_ < kMostFields) {
+                fields_.push_back({key, reader_.reference(node, node.count + i)});
             }
         }
-        auto* const outerFields = std::exchange(fields_, &fields);
-        const std::size_t outerNext = std::exchange(nextField_, 0);
         KeyedUnarchiver coder(*this);
         std::shared_ptr<Archivable> object = known.initWithCoder(coder);
-        fields_ = outerFields;
+        fields_.resize(firstField_);
+        firstField_ = outerFirst;
         nextField_ = outerNext;
         return Value(Value::ObjectRef(std::move(object)));
     }
@@ -414,7 +449,7 @@ private:
     const Value& inlineObject(const Node& node, std::string_view key) {
         charge(node.count);
         for (std::uint64_t i = 0; i < node.count; ++i) {
-            if (text(reader_.node(reader_.reference(node, i))) == key) {
+            if (reader_.asciiText(reader_.reference(node, i)) == key) {
                 const std::uint64_t index = reader_.reference(node, node.count + i);
                 const Type type = reader_.node(index).type;
                 if (type == Type::Ascii || type == Type::Utf16 || type == Type::Data) {
@@ -435,12 +470,19 @@ private:
         return elements;
     }
 
-    const Value& element(const Node& elements, std::uint64_t i) {
-        const Node uid = reader_.node(reader_.reference(elements, i));
-        if (uid.type != Type::Uid || uid.bits == 0) {
+    /// The stored object that the i-th element of a list refers to.
+    std::uint64_t elementIndex(const Node& elements, std::uint64_t i) const {
+        const std::uint64_t uid = reader_.uid(reader_.reference(elements, i));
+        if (uid == 0) {
             refuse("an element that is no reference to an object");
         }
-        return object(uid.bits);
+        return storedIndex(uid);
+    }
+
+    /// Its value. To decode a number once more costs less than to keep it.
+    Value element(const Node& elements, std::uint64_t i) {
+        const std::uint64_t index = elementIndex(elements, i);
+        return reader_.isNumber(index) ? decode(reader_.node(index)) : stored(index);
     }
 
     Value dictionary(const Node& node, Dictionary::Mutability mutability) {
@@ -452,7 +494,7 @@ private:
         std::vector<Dictionary::Entry> entries;
         entries.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(keys.count, kFewEntries)));
         for (std::uint64_t i = 0; i < keys.count; ++i) {
-            Value::StringRef key = element(keys, i).string();
+            Value::StringRef key = stored(elementIndex(keys, i)).string();
             if (!key) {
                 refuse("a key that is no string");
             }
@@ -475,6 +517,8 @@ private:
     }
 
     static constexpr std::size_t kMostFields = 64;
+    /// What a record and the parameters in it hold together.
+    static constexpr std::size_t kFewFields = 24;
     /// What most dictionaries hold at most; larger ones grow as they are read.
     static constexpr std::size_t kFewEntries = 16;
 
@@ -484,7 +528,8 @@ private:
     std::uint64_t workLeft_;
     Node objects_{};
     int depth_ = 0;
-    std::vector<Field>* fields_ = nullptr;
+    std::vector<Field> fields_;
+    std::size_t firstField_ = 0;
     std::size_t nextField_ = 0;
 };
 

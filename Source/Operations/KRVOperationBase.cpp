@@ -151,11 +151,20 @@ KRVOperationBase::Ref KRVOperationBase::httpServerTestingOperation() {
 // Object-valued fields.
 
 std::optional<std::string> KRVOperationBase::uniqueID() const {
+    const auto shared = sharedUniqueID();
+    return shared ? std::optional(*shared) : std::nullopt;
+}
+
+void KRVOperationBase::setUniqueID(std::optional<std::string> uniqueID) {
+    setSharedUniqueID(uniqueID ? std::make_shared<const std::string>(std::move(*uniqueID)) : nullptr);
+}
+
+Value::StringRef KRVOperationBase::sharedUniqueID() const {
     const LockGuard lock(mutex_);
     return uniqueID_;
 }
 
-void KRVOperationBase::setUniqueID(std::optional<std::string> uniqueID) {
+void KRVOperationBase::setSharedUniqueID(Value::StringRef uniqueID) {
     const LockGuard lock(mutex_);
     uniqueID_.swap(uniqueID);
 }
@@ -322,7 +331,7 @@ std::string KRVOperationBase::description() const {
 
 void KRVOperationBase::copyFrom(const std::shared_ptr<const KRVOperationBase>& other) {
     setError(other ? other->error() : nullptr);
-    setUniqueID(other ? other->uniqueID() : std::nullopt);
+    setSharedUniqueID(other ? other->sharedUniqueID() : nullptr);
     progress_ = other ? other->progress() : 0.0F;
     isClientRegistered_ = other && other->isClientRegistered();
     completed_ = other && other->completed();

@@ -176,6 +176,9 @@ private:
     [[nodiscard]] static Ref ofType(OperationType type);
     [[nodiscard]] static Ref addressing(OperationType type, std::optional<std::string> operationID);
     [[nodiscard]] static std::shared_ptr<Archivable> archivableFromData(const std::shared_ptr<const Data>& data);
+    /// The identifier itself, shared and not copied.
+    [[nodiscard]] Value::StringRef sharedUniqueID() const;
+    void setSharedUniqueID(Value::StringRef uniqueID);
     [[nodiscard]] Value argument(std::string_view key) const;
     void setArgument(std::string_view key, Value value);
 
@@ -187,7 +190,7 @@ private:
     TestOpInfo testInfo_;
 
     mutable Mutex mutex_;
-    std::optional<std::string> uniqueID_ KRV_GUARDED_BY(mutex_);
+    Value::StringRef uniqueID_ KRV_GUARDED_BY(mutex_);
     std::shared_ptr<const Error> error_ KRV_GUARDED_BY(mutex_);
     std::shared_ptr<Dictionary> arguments_ KRV_GUARDED_BY(mutex_);
     std::shared_ptr<Dictionary> result_ KRV_GUARDED_BY(mutex_);

@@ -44,9 +44,8 @@ std::shared_ptr<Dictionary> mutableDictionary(KeyedUnarchiver& coder, std::strin
 }  // namespace
 
 void KRVOperationBase::encodeWithCoder(KeyedArchiver& coder) const {
-    const auto identifier = uniqueID();
     coder.encodeObject(kErrorKey, Value(error()));
-    coder.encodeObject(kUniqueIDKey, identifier ? Value(*identifier) : Value());
+    coder.encodeObject(kUniqueIDKey, Value(sharedUniqueID()));
     coder.encodeInt(kTypeKey, operationType_);
     coder.encodeBool(kCancelledKey, cancelled_);
     coder.encodeBool(kCompletedKey, completed_);
@@ -64,9 +63,7 @@ void KRVOperationBase::encodeWithCoder(KeyedArchiver& coder) const {
 std::shared_ptr<Archivable> KRVOperationBase::initWithCoder(KeyedUnarchiver& coder) {
     const std::shared_ptr<KRVOperationBase> record(new KRVOperationBase(Undecoded{}));
     record->setError(coder.decodeObject(kErrorKey, Value::Kind::Error).error());
-    if (const auto identifier = coder.decodeObject(kUniqueIDKey, Value::Kind::String).string()) {
-        record->setUniqueID(*identifier);
-    }
+    record->setSharedUniqueID(coder.decodeObject(kUniqueIDKey, Value::Kind::String).string());
     record->operationType_ = coder.decodeInt32(kTypeKey);
     record->cancelled_ = coder.decodeBool(kCancelledKey);
     record->completed_ = coder.decodeBool(kCompletedKey);

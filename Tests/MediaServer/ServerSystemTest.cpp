@@ -6,6 +6,7 @@
 #include <iterator>
 #include <limits>
 #include <random>
+#include <stdexcept>
 #include <thread>
 
 #include <arpa/inet.h>
@@ -60,10 +61,12 @@ protected:
         fs::create_directory(folder.path() / "out");
     }
 
-    void start(std::vector<std::string> more = {}) {
+    /// launcher: a program and its arguments that become the server.
+    void start(const std::vector<std::string>& more = {}, const std::vector<std::string>& launcher = {}) {
         const int first = 20000 + ::getpid() % 20000;
-        std::vector<std::string> arguments{KRV_SERVER, "-minimumPortNumber", std::to_string(first),
-                                           "-maximumPortNumber", std::to_string(first + 100)};
+        std::vector<std::string> arguments = launcher;
+        arguments.insert(arguments.end(), {KRV_SERVER, "-minimumPortNumber", std::to_string(first),
+                                           "-maximumPortNumber", std::to_string(first + 100)});
         arguments.insert(arguments.end(), more.begin(), more.end());
         process = std::make_unique<ChildProcess>(arguments);
         // It serves as soon as its port answers with its own process id.
@@ -77,6 +80,18 @@ protected:
         }
         transport = std::make_shared<KRVHTTPClientTransport>(std::make_shared<FixedPort>(port));
         client = std::make_unique<KRVQuicktimeProcessClient>(transport);
+    }
+
+    /// Starts a server that permissions hold for, as they do not for root's.
+    void startHeldByPermissions() {
+        const std::string overrides = "-dac_override,-dac_read_search";
+        std::vector<std::string> launcher;
+        if (::geteuid() == 0) {
+            launcher = {"setpriv", "--bounding-set", overrides, "--inh-caps", overrides};
+        }
+        start({}, launcher);
+        constexpr unsigned long kOverrides = 1UL << 1 | 1UL << 2;
+        ASSERT_EQ(std::stoul(processStatus("CapEff:"), nullptr, 16) & kOverrides, 0U);
     }
 
     static nlohmann::json statusAt(int port) {
@@ -126,15 +141,17 @@ protected:
         client->convertMovie(source, destination, type, false, observer, &error);
         return error;
     }
-    long residentKilobytes() const {
+    /// What the kernel says about the server under this heading.
+    std::string processStatus(std::string_view heading) const {
         std::ifstream in(fmt::format("/proc/{}/status", process->pid()));
         for (std::string line; std::getline(in, line);) {
-            if (line.rfind("VmRSS:", 0) == 0) {
-                return std::atol(line.c_str() + 6);
+            if (line.rfind(heading, 0) == 0) {
+                return line.substr(heading.size());
             }
         }
-        return 0;
+        throw std::runtime_error("the server is gone");
     }
+    long residentKilobytes() const { return std::stol(processStatus("VmRSS:")); }
     /// The worker that the server runs now; waits until there is one.
     pid_t worker() const {
         for (;;) {
@@ -322,6 +339,87 @@ TEST_F(Server, EndsBadInputInTheErrorOfTheTable) {
         EXPECT_EQ(filesInOut(), 0U);
     }
     EXPECT_EQ(convert((folder.path() / "link.mov").string(), out()), nullptr);
+}
+
+/// Permissions of a file for a while; the old ones come back, so that its folder can be removed.
+class Permissions {
+public:
+    Permissions(fs::path path, fs::perms permissions)
+        : path_(std::move(path))
+        , before_(fs::status(path_).permissions()) {
+        fs::permissions(path_, permissions);
+    }
+    ~Permissions() { fs::permissions(path_, before_); }
+    Permissions(const Permissions&) = delete;
+    Permissions& operator=(const Permissions&) = delete;
+
+private:
+    const fs::path path_;
+    const fs::perms before_;
+};
+
+void expectDenied(const std::shared_ptr<const Error>& error, int code, const std::string& path,
+                  const std::string& what) {
+    ASSERT_TRUE(error) << path;
+    EXPECT_EQ(error->domain(), "KRVQuicktimeProcess");
+    EXPECT_EQ(error->code(), code) << error->description();
+    EXPECT_EQ(error->localizedDescription(), path + what);
+    EXPECT_EQ(error->localizedFailureReason(), "Permission denied");
+    EXPECT_EQ((*error->userInfo())["KRVFilePath"], Value(path));
+}
+
+TEST_F(Server, ASourceThatItMayNotReadIsErrorThree) {
+    startHeldByPermissions();
+    fs::copy_file(movie(), folder.path() / "in.mov");
+    const std::string source = (folder.path() / "in.mov").string();
+    {
+        const Permissions none(source, fs::perms::none);
+        expectDenied(convert(source, out()), 3, source, " cannot be read.");
+    }
+    {
+        const Permissions writeOnly(source, fs::perms::owner_write);
+        expectDenied(convert(source, out()), 3, source, " cannot be read.");
+    }
+    fs::create_directory(folder.path() / "closed");
+    fs::copy_file(movie(), folder.path() / "closed" / "in.mov");
+    const std::string hidden = (folder.path() / "closed" / "in.mov").string();
+    {
+        const Permissions noSearch(folder.path() / "closed", fs::perms::owner_read | fs::perms::owner_write);
+        expectDenied(convert(hidden, out()), 3, hidden, " cannot be read.");
+    }
+    EXPECT_EQ(filesInOut(), 0U);
+    const Permissions readOnly(source, fs::perms::owner_read);
+    EXPECT_EQ(convert(source, out()), nullptr);
+    EXPECT_EQ(filesInOut(), 1U);
+}
+
+TEST_F(Server, ADestinationThatItMayNotWriteIsErrorFive) {
+    startHeldByPermissions();
+    {
+        const Permissions readOnly(folder.path() / "out", fs::perms::owner_read | fs::perms::owner_exec);
+        expectDenied(convert(movie(), out()), 5, out(), " cannot be written.");
+    }
+    {
+        const Permissions none(folder.path() / "out", fs::perms::none);
+        expectDenied(convert(movie(), out()), 5, out(), " cannot be written.");
+    }
+    EXPECT_EQ(filesInOut(), 0U);
+    folder.write("out/out.mp4", "precious");
+    {
+        const Permissions readOnly(out(), fs::perms::owner_read);
+        expectDenied(convert(movie(), out()), 5, out(), " cannot be written.");
+    }
+    EXPECT_EQ(filesInOut(), 1U);
+    EXPECT_EQ(fs::file_size(out()), 8U);
+}
+
+TEST_F(Server, NeedsNoMoreThanToWriteInTheFolder) {
+    startHeldByPermissions();
+    const Permissions noList(folder.path() / "out", fs::perms::owner_write | fs::perms::owner_exec);
+    EXPECT_EQ(convert(movie(), out()), nullptr);
+    EXPECT_GT(fs::file_size(out()), 1000U);
+    EXPECT_EQ(convert(movie(), out()), nullptr);  // replaces it
+    EXPECT_GT(fs::file_size(out()), 1000U);
 }
 
 TEST_F(Server, RefusesSettingsThatCannotBe) {

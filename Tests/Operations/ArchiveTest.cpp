@@ -218,6 +218,33 @@ TEST(Archive, ADictionaryThatContainsItselfIsWrittenButNotRead) {
     cyclic->remove("self");
 }
 
+TEST(Archive, TextsThatEveryArchiveHoldsAreOrdinaryTexts) {
+    for (const char* text :
+         {"$null", "$version", "$objects", "$archiver", "$top", "$class", "$classname", "$classes", "NSKeyedArchiver",
+          "root", "NSObject", "NS.keys", "NS.objects", "NSDictionary", "NSMutableDictionary"}) {
+        const Value value(Dictionary{{text, Array{Value(text), Value(text)}}});
+        EXPECT_EQ(roundTrip(value), value) << text;
+    }
+}
+
+TEST(Archive, WhatAThreadArchivedBeforeLeavesNoTrace) {
+    const auto small = KRVOperationBase::cancelAllOperationsOperation();
+    const Data first = small->convertToData();
+    KRVOperationBase large;
+    Array values;
+    for (int i = 0; i < 5000; ++i) {
+        values.push_back(Value(std::to_string(i)));
+        values.push_back(Value(i));
+    }
+    large.arguments()->set("values", Value(std::move(values)));
+    large.arguments()->set("$classes", Value(Size{1, 2}));
+    EXPECT_GT(large.convertToData().size(), 50000U);
+    EXPECT_EQ(small->convertToData(), first);
+    large.arguments()->set("values", Value("\xFF"));
+    EXPECT_THROW((void)large.convertToData(), Exception);
+    EXPECT_EQ(small->convertToData(), first);
+}
+
 TEST(Archive, OneThreadMayArchiveWithinAnArchive) {
     // What encodeWithCoder writes may need an archive of its own.
     class Nested final : public Archivable {

@@ -19,9 +19,10 @@
 #include <avahi-common/error.h>
 #include <avahi-common/malloc.h>
 #include <avahi-common/simple-watch.h>
-#include <avahi-common/strlst.h>
 #include <avahi-core/core.h>
 #include <avahi-core/publish.h>
+
+#include "LoopbackServer.h"
 
 namespace {
 
@@ -110,19 +111,9 @@ int main(int argc, char** argv) {
     }
     announcer.poll = avahi_simple_poll_new();
     const AvahiPoll* api = avahi_simple_poll_get(announcer.poll);
-    AvahiServerConfig config;
-    avahi_server_config_init(&config);
-    avahi_free(config.host_name);
-    config.host_name = avahi_strdup(("announcer-" + std::to_string(::getpid())).c_str());
-    config.use_ipv6 = 0;
-    config.allow_interfaces = avahi_string_list_new("lo", nullptr);
-    config.publish_hinfo = 0;
-    config.publish_addresses = 0;
-    config.publish_workstation = 0;
-    config.publish_domain = 0;
     int failure = 0;
-    announcer.server = avahi_server_new(api, &config, &serverChanged, &announcer, &failure);
-    avahi_server_config_free(&config);
+    announcer.server =
+        krv::newLoopbackServer(api, "announcer-" + std::to_string(::getpid()), &serverChanged, &announcer, failure);
     if (!announcer.server) {
         std::fprintf(stderr, "cannot start: %s\n", avahi_strerror(failure));
         return 1;

@@ -1,19 +1,20 @@
 #include "LoopbackResponder.h"
 
+#include <atomic>
 #include <mutex>
 #include <string>
 
 #include <unistd.h>
 
 #include <avahi-common/error.h>
-#include <avahi-common/malloc.h>
-#include <avahi-common/strlst.h>
 #include <avahi-common/thread-watch.h>
 #include <avahi-core/core.h>
 #include <avahi-core/log.h>
 #include <fmt/format.h>
 
 #include <KRVQTProcessClient/Shared/Log.h>
+
+#include "LoopbackServer.h"
 
 namespace krv {
 namespace {
@@ -39,24 +40,12 @@ std::unique_ptr<LoopbackResponder> LoopbackResponder::start() {
     if (!responder->poll_) {
         return nullptr;
     }
-    AvahiServerConfig config;
-    avahi_server_config_init(&config);
-    avahi_free(config.host_name);
     // Several responders share the interface, so each has a name of its own.
     static std::atomic<unsigned> number{0};
-    config.host_name = avahi_strdup(fmt::format("krv-{}-{}", ::getpid(), ++number).c_str());
-    config.use_ipv4 = 1;
-    config.use_ipv6 = 0;
-    config.allow_interfaces = avahi_string_list_new("lo", nullptr);
-    config.publish_hinfo = 0;
-    config.publish_addresses = 0;
-    config.publish_workstation = 0;
-    config.publish_domain = 0;
-    config.enable_wide_area = 0;
     int failure = 0;
     responder->server_ =
-        avahi_server_new(avahi_threaded_poll_get(responder->poll_), &config, &stateChanged, nullptr, &failure);
-    avahi_server_config_free(&config);
+        newLoopbackServer(avahi_threaded_poll_get(responder->poll_), fmt::format("krv-{}-{}", ::getpid(), ++number),
+                          &stateChanged, nullptr, failure);
     if (!responder->server_ || avahi_threaded_poll_start(responder->poll_) != 0) {
         KRV_LOG(kLogFlagInfo, kSite, "Service discovery is not available: {}", avahi_strerror(failure));
         return nullptr;

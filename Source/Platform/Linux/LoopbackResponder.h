@@ -10,8 +10,7 @@ namespace krv {
 
 /// An embedded multicast-DNS responder that hears and speaks on the loopback interface only, with a thread of its own.
 ///
-/// Its configuration publishes nothing by itself: no addresses (which would collide with a daemon on the same machine),
-/// no host information, no workstation. The library below has one lock for everything; call-backs come on the
+/// It publishes nothing by itself. The library below has one lock for everything; call-backs come on the
 /// responder's thread with it held.
 class LoopbackResponder {
 public:

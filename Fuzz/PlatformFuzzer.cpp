@@ -1,0 +1,102 @@
+// Attacks the platform's parsers of foreign text. The first byte chooses one:
+//
+//   's'  the kernel's socket diagnostics: four bytes of sequence number, then the answer
+//   'p'  a bundle's Info.plist: the key on a line of its own, then the XML
+//   'a'  user defaults among a program's arguments: one argument a line
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <linux/inet_diag.h>
+#include <linux/netlink.h>
+
+#include <glib.h>
+
+#include <KRVQTProcessClient/Platform/DefaultsText.h>
+#include <KRVQTProcessClient/Platform/Linux/InfoPropertyList.h>
+#include <KRVQTProcessClient/Platform/Linux/SocketDiagnostics.h>
+
+namespace {
+
+void require(bool promise) {
+    if (!promise) {
+        std::abort();
+    }
+}
+
+/// An owner stands in the whole answer to this one query, or there is none.
+void attackSocketDiagnostics(std::span<const std::byte> bytes) {
+    std::uint32_t sequence = 0;
+    if (bytes.size() < sizeof sequence) {
+        return;
+    }
+    std::memcpy(&sequence, bytes.data(), sizeof sequence);
+    const auto answer = bytes.subspan(sizeof sequence);
+    const auto owner = krv::ownerFromAnswer(answer, sequence);
+    if (!owner) {
+        return;
+    }
+    constexpr std::size_t kLeast = sizeof(nlmsghdr) + sizeof(inet_diag_msg);
+    require(answer.size() >= kLeast);
+    require(!krv::ownerFromAnswer(answer.first(kLeast - 1), sequence));
+    require(!krv::ownerFromAnswer(answer, sequence + 1));
+}
+
+/// What is found is text, and the same when white space follows the list.
+void attackPropertyList(std::string_view text) {
+    const std::size_t lineEnd = std::min(text.find('\n'), text.size());
+    const std::string_view key = text.substr(0, lineEnd);
+    const std::string_view xml = text.substr(std::min(lineEnd + 1, text.size()));
+    const auto found = krv::stringInPropertyList(xml, key);
+    if (found) {
+        require(g_utf8_validate_len(found->data(), found->size(), nullptr) != 0);
+        require(krv::stringInPropertyList(std::string(xml) + "\n", key) == found);
+    }
+}
+
+/// Each setting stands among the arguments as a key and its value; a number is read back as itself.
+void attackArguments(std::string_view text) {
+    std::vector<std::string> arguments(1);
+    for (const char c : text) {
+        if (c == '\n') {
+            arguments.emplace_back();
+        } else {
+            arguments.back() += c;
+        }
+    }
+    for (const auto& [key, value] : krv::settingsFromArguments(arguments)) {
+        const std::vector<std::string> pair{'-' + key, value};
+        require(std::search(arguments.begin(), arguments.end(), pair.begin(), pair.end()) != arguments.end());
+        require(!key.empty() && key.front() != '-' && (key.front() < '0' || key.front() > '9'));
+        const std::int64_t number = krv::integerFromSetting(value);
+        require(krv::integerFromSetting(std::to_string(number)) == number);
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
+    if (size == 0) {
+        return 0;
+    }
+    const std::string_view text(reinterpret_cast<const char*>(bytes) + 1, size - 1);
+    switch (*bytes) {
+    case 's':
+        attackSocketDiagnostics(std::as_bytes(std::span(text)));
+        return 0;
+    case 'p':
+        attackPropertyList(text);
+        return 0;
+    case 'a':
+        attackArguments(text);
+        return 0;
+    default:
+        return -1;  // not for the corpus
+    }
+}
