@@ -4,6 +4,7 @@
 #include <cstring>
 #include <fstream>
 #include <random>
+#include <sstream>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -164,8 +165,9 @@ void AtomicOutput::sweep() {
     const auto folder = notesFolder();
     std::error_code failure;
     for (const auto& note : std::filesystem::directory_iterator(folder, failure)) {
-        std::ifstream in(note.path(), std::ios::binary);
-        const std::string hidden{std::istreambuf_iterator<char>(in), {}};
+        std::ostringstream text;
+        text << std::ifstream(note.path(), std::ios::binary).rdbuf();
+        const std::string hidden = text.str();
         if (isHiddenName(hidden)) {
             ::unlink(hidden.c_str());
         }

@@ -7,6 +7,7 @@
 #include <avahi-common/alternative.h>
 #include <avahi-common/error.h>
 #include <avahi-common/malloc.h>
+#include <avahi-common/strlst.h>
 #include <avahi-common/thread-watch.h>
 #include <avahi-core/core.h>
 #include <avahi-core/log.h>
@@ -14,6 +15,7 @@
 #include <fmt/format.h>
 
 #include "LoopbackServer.h"
+#include "PublisherRecord.h"
 #include "ServerLog.h"
 
 namespace krv::server {
@@ -95,15 +97,22 @@ private:
         if (!group_ || !avahi_s_entry_group_is_empty(group_)) {
             return;
         }
+        AvahiStringList* text = nullptr;
+        if (const auto self = ProcessTable::ofThisUser().process(::getpid())) {
+            for (const std::string& entry : publisherRecord(*self)) {
+                text = avahi_string_list_add(text, entry.c_str());
+            }
+        }
         int result = AVAHI_ERR_COLLISION;
         while (result == AVAHI_ERR_COLLISION) {
-            result = avahi_server_add_service(server_, group_, AVAHI_IF_UNSPEC, AVAHI_PROTO_INET,
-                                              static_cast<AvahiPublishFlags>(kNoFlags), name_.c_str(), kType, kDomain,
-                                              nullptr, port_, nullptr);
+            result = avahi_server_add_service_strlst(server_, group_, AVAHI_IF_UNSPEC, AVAHI_PROTO_INET,
+                                                     static_cast<AvahiPublishFlags>(kNoFlags), name_.c_str(), kType,
+                                                     kDomain, nullptr, port_, text);
             if (result == AVAHI_ERR_COLLISION) {
                 takeAnotherName();
             }
         }
+        avahi_string_list_free(text);
         if (result < 0 || (result = avahi_s_entry_group_commit(group_)) < 0) {
             fail(result);
         }

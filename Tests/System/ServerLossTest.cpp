@@ -34,8 +34,8 @@ protected:
     /// An application that is registered.
     Application& start() {
         application = std::make_unique<Application>(install());
-        std::cout << "[ measured ] from the shared client to " << application->ask("wait-registered", "registered after")
-                  << " s\n";
+        std::cout << "[ measured ] from the shared client to "
+                  << application->ask("wait-registered", "registered after") << " s\n";
         return *application;
     }
     void convert(const std::string& id, const char* source) {
@@ -79,7 +79,8 @@ TEST_F(ServerLoss, AnIdleServerThatIsKilledComesBack) {
     const Serving before = waitForServer();
     killServer(before.pid);
     const auto begin = std::chrono::steady_clock::now();
-    const Serving after = waitForServer([&](const Serving& s) { return s.pid != before.pid && knows(s.port, application->pid()); });
+    const Serving after =
+        waitForServer([&](const Serving& s) { return s.pid != before.pid && knows(s.port, application->pid()); });
     std::cout << "[ measured ] idle server killed, and registered with another after "
               << std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count() << " s\n";
     convert("one", "plain.mov");

@@ -4,11 +4,9 @@
 //
 //   convert ID SOURCE DESTINATION   "ID progress 0.25"..., at last "ID done", "ID error CODE DESCRIPTION" or
 //                                   "ID exception NAME: REASON"
-//   pause ID FRACTION               the conversion of that id waits in its observer once it has come that far; "ID paused"
-//   resume ID
-//   registered                      "registered yes" or "registered no"
-//   wait-registered                 "registered after SECONDS" since the shared client was made
-//   port                            "port N" as discovery knows it
+//   pause ID FRACTION               the conversion of that id waits in its observer once it has come that far; "ID
+//   paused" resume ID registered                      "registered yes" or "registered no" wait-registered "registered
+//   after SECONDS" since the shared client was made port                            "port N" as discovery knows it
 //   destroy                         destroySingleton; "destroyed"
 //   bare                            a bare client with monitoring takes the shared one's place; "bare"
 //   cleanup                         cleanUp of the bare client, and waits until its thread has ended; "cleaned up"

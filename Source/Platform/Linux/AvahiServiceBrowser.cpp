@@ -7,7 +7,8 @@
 // A found name says little: its publisher may be dead (records live on in caches for minutes), or another user's. So
 // a service is resolved before it is reported, and only one whose port is held by a process of this user is reported,
 // under the name that it was published with. The resolver stays until the search ends, because a record that is
-// outdated now may be replaced by the right one a moment later.
+// outdated now may be replaced by the right one a moment later. The port alone does not tell the living from the dead
+// when another program has taken it since, so publishers also name their process (see PublisherRecord.h).
 //
 // Batches. The services whose resolution is under way together are a batch: each is reported as soon as it is resolved,
 // with "more coming" while others are still open. When the last one of a batch in which something was reported turns
@@ -21,7 +22,9 @@
 #include <map>
 #include <string>
 #include <utility>
+#include <vector>
 
+#include <avahi-common/strlst.h>
 #include <avahi-core/core.h>
 #include <avahi-core/lookup.h>
 #include <fmt/format.h>
@@ -33,6 +36,7 @@
 #include "LoopReach.h"
 #include "LoopbackResponder.h"
 #include "PublishedName.h"
+#include "PublisherRecord.h"
 
 namespace krv {
 namespace {
@@ -42,11 +46,26 @@ using namespace std::chrono_literals;
 constexpr auto kFirstSilence = 2s;
 constexpr auto kNextSilence = 6s;
 
+std::vector<std::string> entriesOf(AvahiStringList* text) {
+    std::vector<std::string> entries;
+    for (; text; text = avahi_string_list_get_next(text)) {
+        entries.emplace_back(reinterpret_cast<const char*>(avahi_string_list_get_text(text)),
+                             avahi_string_list_get_size(text));
+    }
+    return entries;
+}
+
+/// Whether a process of this user offers the service now.
+bool isOffered(std::uint16_t port, const std::vector<std::string>& text) {
+    return port != 0 && userListensOnPort(port) && !publisherHasGone(text, ProcessTable::ofThisUser());
+}
+
 class FoundService final : public NetService, public std::enable_shared_from_this<FoundService> {
 public:
-    FoundService(std::string name, std::uint16_t port)
+    FoundService(std::string name, std::uint16_t port, std::vector<std::string> text)
         : name_(std::move(name))
-        , foundPort_(port) {}
+        , foundPort_(port)
+        , text_(std::move(text)) {}
 
     [[nodiscard]] const std::string& name() const override { return name_; }
     [[nodiscard]] long port() const override {
@@ -58,14 +77,15 @@ public:
         delegate_ = std::move(delegate);
     }
 
-    /// The port was learned when the service was found, moments ago; what can have changed is whether it is still held.
+    /// The port was learned when the service was found, moments ago; what can have changed is whether it is still
+    /// offered.
     void resolveWithTimeout(Clock::Duration /*timeout*/) override {
         LoopReach::current()->perform([self = shared_from_this()] { self->resolve(); });
     }
 
 private:
     void resolve() {
-        const bool held = userListensOnPort(foundPort_);
+        const bool held = isOffered(foundPort_, text_);
         std::shared_ptr<NetServiceDelegate> delegate;
         {
             const LockGuard lock(mutex_);
@@ -84,6 +104,7 @@ private:
 
     const std::string name_;
     const std::uint16_t foundPort_;
+    const std::vector<std::string> text_;
     mutable Mutex mutex_;
     long port_ KRV_GUARDED_BY(mutex_) = -1;
     std::weak_ptr<NetServiceDelegate> delegate_ KRV_GUARDED_BY(mutex_);
@@ -119,7 +140,8 @@ private:
                               AvahiStringList*, AvahiLookupResultFlags, void*);
     void found(AvahiIfIndex interface, AvahiProtocol protocol, const char* name, const char* type, const char* domain);
     void lost(const std::string& name);
-    void settled(Candidate& candidate, Resolution resolution, std::uint16_t port);
+    void settled(Candidate& candidate, Resolution resolution, std::uint16_t port = 0,
+                 std::vector<std::string> text = {});
     [[nodiscard]] bool someOpen() const;
     void report(std::shared_ptr<NetService> service, bool moreComing);
     void reportSilence();
@@ -285,7 +307,7 @@ void Search::lost(const std::string& name) {
         return;
     }
     if (place->second.resolution == Resolution::Open) {
-        settled(place->second, Resolution::NotOurs, 0);
+        settled(place->second, Resolution::NotOurs);
     }
     avahi_s_service_resolver_free(place->second.resolver);
     candidates_.erase(place);
@@ -294,13 +316,14 @@ void Search::lost(const std::string& name) {
 void Search::resolverEvent(AvahiSServiceResolver* /*resolver*/, AvahiIfIndex /*interface*/, AvahiProtocol /*protocol*/,
                            AvahiResolverEvent event, const char* /*name*/, const char* /*type*/, const char* /*domain*/,
                            const char* /*host*/, const AvahiAddress* /*address*/, std::uint16_t port,
-                           AvahiStringList* /*text*/, AvahiLookupResultFlags /*flags*/, void* userdata) {
+                           AvahiStringList* text, AvahiLookupResultFlags /*flags*/, void* userdata) {
     auto& candidate = *static_cast<Candidate*>(userdata);
     if (candidate.resolution == Resolution::Reported) {
         return;
     }
-    const bool ours = event == AVAHI_RESOLVER_FOUND && port != 0 && userListensOnPort(port);
-    candidate.search->settled(candidate, ours ? Resolution::Reported : Resolution::NotOurs, port);
+    auto entries = entriesOf(text);
+    const bool ours = event == AVAHI_RESOLVER_FOUND && isOffered(port, entries);
+    candidate.search->settled(candidate, ours ? Resolution::Reported : Resolution::NotOurs, port, std::move(entries));
 }
 
 bool Search::someOpen() const {
@@ -312,12 +335,12 @@ bool Search::someOpen() const {
     return false;
 }
 
-void Search::settled(Candidate& candidate, Resolution resolution, std::uint16_t port) {
+void Search::settled(Candidate& candidate, Resolution resolution, std::uint16_t port, std::vector<std::string> text) {
     candidate.resolution = resolution;
     const bool more = someOpen();
     if (resolution == Resolution::Reported) {
         batchHasReports_ = more;
-        report(std::make_shared<FoundService>(publishedName(candidate.name), port), more);
+        report(std::make_shared<FoundService>(publishedName(candidate.name), port, std::move(text)), more);
     } else if (!more && std::exchange(batchHasReports_, false)) {
         report(nullptr, false);
     }

@@ -1,12 +1,12 @@
 #include "ListeningPorts.h"
 
 #include <charconv>
-#include <fstream>
-#include <iterator>
 #include <optional>
 #include <string>
 
 #include <unistd.h>
+
+#include "SmallFile.h"
 
 namespace krv {
 namespace {
@@ -32,6 +32,7 @@ std::optional<unsigned> number(std::string_view text, int base) {
 }
 
 constexpr std::string_view kListening = "0A";
+constexpr std::size_t kLongestTable = std::size_t{64} << 20;
 
 /// "  0: 0100007F:1F40 00000000:0000 0A 00000000:00000000 00:00000000 00000000  1000 ..."
 bool lineIsListener(std::string_view line, std::uint16_t port, uid_t user) {
@@ -64,9 +65,8 @@ bool tableHasListener(std::string_view table, std::uint16_t port, uid_t user) {
 
 bool userListensOnPort(std::uint16_t port) {
     for (const char* path : {"/proc/self/net/tcp", "/proc/self/net/tcp6"}) {
-        std::ifstream in(path);
-        const std::string table{std::istreambuf_iterator<char>(in), {}};
-        if (tableHasListener(table, port, ::getuid())) {
+        const auto table = readSmallFile(path, kLongestTable);
+        if (table && tableHasListener(*table, port, ::getuid())) {
             return true;
         }
     }

@@ -1,7 +1,5 @@
 #include <algorithm>
 #include <charconv>
-#include <fstream>
-#include <iterator>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,9 +10,12 @@
 #include <KRVQTProcessClient/Platform/ProcessTable.h>
 
 #include "ProcessFiles.h"
+#include "SmallFile.h"
 
 namespace krv {
 namespace {
+
+constexpr std::size_t kLongestStat = 4096;
 
 std::optional<std::string> linkTarget(const std::string& path) {
     char buffer[4096];
@@ -30,9 +31,9 @@ public:
         }
         const std::string folder = fmt::format("/proc/{}", pid);
         struct stat status {};
-        std::ifstream in(folder + "/stat");
-        const std::string text{std::istreambuf_iterator<char>(in), {}};
-        const auto parsed = parseProcessStat(text);
+        // A process may end between any two of these, and even between opening its file and reading it.
+        const auto text = readSmallFile(folder + "/stat", kLongestStat);
+        const auto parsed = text ? parseProcessStat(*text) : std::nullopt;
         if (!parsed || isDeadState(parsed->state) || ::stat(folder.c_str(), &status) != 0) {
             return std::nullopt;
         }

@@ -1,6 +1,4 @@
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <utility>
 #include <vector>
@@ -18,6 +16,7 @@ namespace krv {
 namespace {
 
 constexpr std::size_t kMaximumFile = std::size_t{1} << 20;
+constexpr std::size_t kLongestCommandLine = std::size_t{8} << 20;
 constexpr const char* kGroup = "Defaults";
 constexpr const char* kFile = "defaults.ini";
 constexpr std::string_view kSharedIdentifier = "KRVQTProcessClient";
@@ -25,8 +24,7 @@ constexpr std::string_view kSharedIdentifier = "KRVQTProcessClient";
 using Settings = std::map<std::string, std::string, std::less<>>;
 
 Settings settingsOfThisProcess() {
-    std::ifstream in("/proc/self/cmdline", std::ios::binary);
-    const std::string text{std::istreambuf_iterator<char>(in), {}};
+    const std::string text = readSmallFile("/proc/self/cmdline", kLongestCommandLine).value_or("");
     std::vector<std::string> arguments;
     for (std::size_t begin = 0; begin < text.size();) {
         const std::size_t end = std::min(text.find('\0', begin), text.size());

@@ -1,0 +1,52 @@
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <KRVQTProcessClient/Platform/Fakes/FakeProcessTable.h>
+#include <KRVQTProcessClient/Platform/Linux/PublisherRecord.h>
+
+namespace krv {
+namespace {
+
+using Text = std::vector<std::string>;
+
+class Publisher : public testing::Test {
+protected:
+    Publisher() { processes.add({4711, "KRVQuicktimeProcess", 1000, 99}); }
+    bool hasGone(const Text& text) const { return publisherHasGone(text, processes); }
+    FakeProcessTable processes;
+};
+
+TEST_F(Publisher, SaysWhichProcessItIs) {
+    EXPECT_EQ(publisherRecord({4711, "KRVQuicktimeProcess", 1000, 99}), (Text{"pid=4711", "start=99"}));
+}
+
+TEST_F(Publisher, IsThereWhileItsProcessLives) {
+    EXPECT_FALSE(hasGone({"pid=4711", "start=99"}));
+    EXPECT_FALSE(hasGone({"other=1", "start=99", "pid=4711"}));
+}
+
+TEST_F(Publisher, HasGoneWithItsProcess) {
+    EXPECT_TRUE(hasGone({"pid=4712", "start=99"}));
+}
+
+TEST_F(Publisher, HasGoneWhenAnotherProcessHasItsNumber) {
+    EXPECT_TRUE(hasGone({"pid=4711", "start=100"}));
+}
+
+TEST_F(Publisher, OfAnotherKindIsNotJudged) {
+    for (const Text& text : std::vector<Text>{{}, {"pid=4712"}, {"start=1"}, {"pid=", "start="}, {"pid=x", "start=1"},
+                                              {"pid=99999999999999999999", "start=1"}, {"pid=4712 ", "start=1"},
+                                              {"PID=4712", "start=1"}, {std::string("pid=4712\0", 9), "start=1"}}) {
+        EXPECT_FALSE(hasGone(text));
+    }
+}
+
+TEST_F(Publisher, RecordOfThisProcessIsTrue) {
+    const auto self = ProcessTable::ofThisUser().process(::getpid());
+    ASSERT_TRUE(self);
+    EXPECT_FALSE(publisherHasGone(publisherRecord(*self), ProcessTable::ofThisUser()));
+}
+
+}  // namespace
+}  // namespace krv
