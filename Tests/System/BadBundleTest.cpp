@@ -15,9 +15,10 @@ using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::StartsWith;
 
-constexpr const char* kGivenUp = "exception OperationFailed: Call to "
-                                 "convertMovie:writeToFile:type:flattenOnly:progress:error: failed. The server couldn't "
-                                 "be contacted";
+constexpr const char* kGivenUp =
+    "exception OperationFailed: Call to "
+    "convertMovie:writeToFile:type:flattenOnly:progress:error: failed. The server couldn't "
+    "be contacted";
 
 class BadBundle : public SystemFixture {
 protected:
@@ -76,8 +77,7 @@ TEST_F(BadBundle, MissingIsSaidAndTheCallEndsWithItsException) {
 }
 
 TEST_F(BadBundle, MissingIsToldByKrvqt) {
-    expectKrvqtToSay(
-        HasSubstr("there is no KRVQuicktimeProcess.app beside krvqt or its library to start it from"));
+    expectKrvqtToSay(HasSubstr("there is no KRVQuicktimeProcess.app beside krvqt or its library to start it from"));
 }
 
 TEST_F(BadBundle, WithoutAnExecutableIsTold) {
@@ -94,7 +94,9 @@ TEST_F(BadBundle, NotExecutableIsTold) {
 
 TEST_F(BadBundle, OfAnotherArchitectureIsTold) {
     // The head of a program for another processor, and nothing behind it.
-    std::string elf("\x7f" "ELF\x02\x01\x01", 7);
+    std::string elf("\x7f"
+                    "ELF\x02\x01\x01",
+                    7);
     elf.resize(16);
     elf += std::string("\x02\x00\xf3\x00\x01\x00\x00\x00", 8);
     elf.resize(64);

@@ -18,10 +18,9 @@ protected:
     /// server of its own to launch.
     void start(const ScriptedServerProcess::Options& options) {
         impostor = std::make_unique<ScriptedServerProcess>(options);
-        announcer = std::make_unique<ChildProcess>(
-            std::vector<std::string>{KRV_SERVICE_ANNOUNCER,
-                                     ServerNaming::machineSpecificNameFor(kHTTPServerDiscoveryDefaultServiceName),
-                                     std::to_string(impostor->port()), "--no-listener"});
+        announcer = std::make_unique<ChildProcess>(std::vector<std::string>{
+            KRV_SERVICE_ANNOUNCER, ServerNaming::machineSpecificNameFor(kHTTPServerDiscoveryDefaultServiceName),
+            std::to_string(impostor->port()), "--no-listener"});
         ASSERT_THAT(announcer->readLine().value_or(""), StartsWith("established"));
         application = std::make_unique<Application>(install("App", false));
         waitUntil([&] { return application->ask("port", "port ") == "port " + std::to_string(impostor->port()); });
