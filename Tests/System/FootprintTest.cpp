@@ -62,6 +62,14 @@ TEST_F(Footprint, ACleanedUpClientLeavesNoThreadDescriptorOrChild) {
     EXPECT_THAT(servers(), testing::SizeIs(1));
 }
 
+TEST_F(Footprint, ThereIsOneSharedClientUntilABareOneTakesItsPlace) {
+    Application application(install());
+    EXPECT_EQ(application.ask("same", "same"), "same yes");
+    application.ask("bare", "bare");
+    EXPECT_EQ(application.ask("same", "same"), "same yes");
+    EXPECT_THAT(application.ask("wait-registered", "registered"), testing::StartsWith("registered after"));
+}
+
 TEST_F(Footprint, TheServerIsNoChildOfTheApplicationThatLaunchedIt) {
     Application application(install());
     application.ask("wait-registered", "registered");

@@ -180,6 +180,9 @@ void obey(const std::string& line) {
         say("registered {}", theClient()->amIRegistered() ? "yes" : "no");
     } else if (command == "wait-registered") {
         waitUntilRegistered();
+    } else if (command == "same") {
+        const auto here = krv::KRVQuicktimeProcessClient::defaultClient();
+        say("same {}", here == theClient() && here == krv::__default_krv_quicktime_process_client ? "yes" : "no");
     } else if (command == "port") {
         say("port {}", krv::HTTPServerDiscovery::defaultInstance()->servicePortNumber());
     } else if (command == "destroy") {
