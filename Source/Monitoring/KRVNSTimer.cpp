@@ -16,14 +16,17 @@ KRVNSTimer::~KRVNSTimer() = default;
 void KRVNSTimer::startMonitorTimer() {
     announce(Change::Coming);
     stopMonitorTimer();
-    auto timer = RunLoop::current().scheduleTimer(kInterval, [self = shared_from_this()] { self->krvNSTimerFired(); });
+    const auto timer =
+        RunLoop::current().scheduleTimer(kInterval, [self = shared_from_this()] { self->krvNSTimerFired(); });
+    std::shared_ptr<RunLoop::Timer> old;
     {
         const LockGuard lock(mutex_);
-        timer_.swap(timer);
+        old = std::exchange(timer_, timer).lock();
+        isMonitoring_ = true;
     }
     // Two threads that start at once leave one timer, not two.
-    if (timer) {
-        timer->invalidate();
+    if (old) {
+        old->invalidate();
     }
     announce(Change::Made);
 }
@@ -33,7 +36,8 @@ void KRVNSTimer::stopMonitorTimer() {
     std::shared_ptr<RunLoop::Timer> timer;
     {
         const LockGuard lock(mutex_);
-        timer_.swap(timer);
+        timer = std::exchange(timer_, {}).lock();
+        isMonitoring_ = false;
     }
     if (timer) {
         timer->invalidate();
@@ -43,7 +47,7 @@ void KRVNSTimer::stopMonitorTimer() {
 
 bool KRVNSTimer::isMonitoring() const {
     const LockGuard lock(mutex_);
-    return timer_ != nullptr;
+    return isMonitoring_;
 }
 
 void KRVNSTimer::krvNSTimerFired() {}

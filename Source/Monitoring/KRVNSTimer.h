@@ -49,7 +49,9 @@ private:
 
     NotificationCenter observers_;
     mutable Mutex mutex_;
-    std::shared_ptr<RunLoop::Timer> timer_ KRV_GUARDED_BY(mutex_);
+    bool isMonitoring_ KRV_GUARDED_BY(mutex_) = false;
+    /// The run loop keeps it: it holds this object, and would hold itself with it.
+    std::weak_ptr<RunLoop::Timer> timer_ KRV_GUARDED_BY(mutex_);
 };
 
 }  // namespace krv
