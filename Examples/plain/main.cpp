@@ -1,5 +1,5 @@
-// Converts a movie to H.264 and shows how far it has come, with no toolkit: the main thread turns the library's own main
-// loop. To be copied.
+// Converts a movie to H.264 and shows how far it has come, with no toolkit: the main thread turns the library's own
+// main loop. To be copied.
 //
 //     PlainExample SOURCE DESTINATION
 //

@@ -1,9 +1,13 @@
-// Converts a movie to H.264 behind a Qt 6 window with a progress bar and a cancel button. Qt's event dispatcher on Linux
-// turns GLib's main loop, and with it the library's. To be copied.
+// Converts a movie to H.264 behind a Qt 6 window with a progress bar and a cancel button. Qt's event dispatcher on
+// Linux turns GLib's main loop, and with it the library's. To be copied.
 //
 //     Qt6Example SOURCE DESTINATION
 //
 // The window closes by itself. Ends with 0 when the movie has been converted, else with 1.
+#include <QAbstractEventDispatcher>
+#include <QApplication>
+#include <QProgressDialog>
+#include <QTimer>
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
@@ -11,11 +15,6 @@
 #include <memory>
 #include <string>
 #include <thread>
-
-#include <QAbstractEventDispatcher>
-#include <QApplication>
-#include <QProgressDialog>
-#include <QTimer>
 
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 
@@ -54,8 +53,8 @@ std::string convert(krv::KRVQTProcessOperations& client, const std::string& sour
     return error ? error->localizedDescription() + ' ' + error->localizedFailureReason() : std::string();
 }
 
-/// With QT_NO_GLIB=1, or a Qt that was built without GLib, Qt's own dispatcher leaves the library's main loop alone, and
-/// the library would lose sight of a server that ends. A timer turns the loop then.
+/// With QT_NO_GLIB=1, or a Qt that was built without GLib, Qt's own dispatcher leaves the library's main loop alone,
+/// and the library would lose sight of a server that ends. A timer turns the loop then.
 void turnLibrarysLoop(QTimer& timer) {
     if (!QAbstractEventDispatcher::instance()->inherits("QEventDispatcherGlib")) {
         timer.callOnTimeout([] { krv::RunLoop::main().runUntil(krv::Clock::TimePoint()); });
