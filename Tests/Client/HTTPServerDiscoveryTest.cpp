@@ -330,5 +330,25 @@ TEST_F(Discovery, ARenamedServiceNameIsWhatMatches) {
     EXPECT_EQ(discovery->servicePortNumber(), 8042);
 }
 
+TEST_F(Discovery, AnHourWithAHealthyServerLeavesNothingBehind) {
+    discovery->startSearch();
+    std::size_t pendingAfterAMinute = 0;
+    for (int second = 1; second <= 3600; ++second) {
+        if (browser->isSearching()) {
+            browser->show({ours(8000)});
+        }
+        mainLoop.advanceBy(1s);
+        if (second == 60) {
+            pendingAfterAMinute = mainLoop.pendingCount();
+        }
+    }
+    EXPECT_EQ(discovery->servicePortNumber(), 8000);
+    EXPECT_LE(mainLoop.pendingCount(), pendingAfterAMinute);
+    // About one round a second, and no request to any server.
+    EXPECT_GT(searches(), 3000U);
+    EXPECT_LE(searches(), 3601U);
+    EXPECT_TRUE(http.requests().empty());
+}
+
 }  // namespace
 }  // namespace krv

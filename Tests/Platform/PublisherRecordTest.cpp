@@ -35,9 +35,15 @@ TEST_F(Publisher, HasGoneWhenAnotherProcessHasItsNumber) {
 }
 
 TEST_F(Publisher, OfAnotherKindIsNotJudged) {
-    for (const Text& text : std::vector<Text>{{}, {"pid=4712"}, {"start=1"}, {"pid=", "start="}, {"pid=x", "start=1"},
-                                              {"pid=99999999999999999999", "start=1"}, {"pid=4712 ", "start=1"},
-                                              {"PID=4712", "start=1"}, {std::string("pid=4712\0", 9), "start=1"}}) {
+    for (const Text& text : std::vector<Text>{{},
+                                              {"pid=4712"},
+                                              {"start=1"},
+                                              {"pid=", "start="},
+                                              {"pid=x", "start=1"},
+                                              {"pid=99999999999999999999", "start=1"},
+                                              {"pid=4712 ", "start=1"},
+                                              {"PID=4712", "start=1"},
+                                              {std::string("pid=4712\0", 9), "start=1"}}) {
         EXPECT_FALSE(hasGone(text));
     }
 }

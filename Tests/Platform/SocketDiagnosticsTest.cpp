@@ -197,5 +197,67 @@ TEST(PeerOwnership, ASocketThatIsNotThereIsNobodys) {
     EXPECT_FALSE(peerBelongsToThisUser(*SocketEnd::from("127.0.0.1", 1), *SocketEnd::from("127.0.0.1", 2)));
 }
 
+/// Listens on a free port of an address until it goes.
+class Listener {
+public:
+    explicit Listener(const char* address)
+        : socket_(::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        const int both = 0;  // addresses of IPv4 too, written as IPv6 ones
+        ::setsockopt(socket_, IPPROTO_IPV6, IPV6_V6ONLY, &both, sizeof both);
+        sockaddr_in6 here{};
+        here.sin6_family = AF_INET6;
+        ::inet_pton(AF_INET6, address, &here.sin6_addr);
+        auto* const any = reinterpret_cast<sockaddr*>(&here);
+        socklen_t size = sizeof here;
+        if (::bind(socket_, any, size) == 0 && ::listen(socket_, 1) == 0 && ::getsockname(socket_, any, &size) == 0) {
+            port_ = ntohs(here.sin6_port);
+        }
+    }
+    ~Listener() { ::close(socket_); }
+    Listener(const Listener&) = delete;
+    Listener& operator=(const Listener&) = delete;
+    /// 0 when the machine has no such address.
+    [[nodiscard]] std::uint16_t port() const { return port_; }
+
+private:
+    const int socket_;
+    std::uint16_t port_ = 0;
+};
+
+TEST(ListeningPort, OfThisUserIsFoundOnEveryLoopbackAddress) {
+    for (const char* address : {"::ffff:127.0.0.1", "::1", "::", "::ffff:0.0.0.0"}) {
+        const Listener listener(address);
+        if (listener.port() != 0) {
+            EXPECT_TRUE(userListensOnPort(listener.port())) << address;
+        }
+    }
+}
+
+TEST(ListeningPort, ThatHasBeenClosedIsNotFound) {
+    std::uint16_t port = 0;
+    {
+        const Listener listener("::ffff:127.0.0.1");
+        port = listener.port();
+        ASSERT_NE(port, 0);
+    }
+    EXPECT_FALSE(userListensOnPort(port));
+    EXPECT_FALSE(userListensOnPort(0));
+}
+
+TEST(ListeningPort, OfAnotherUserIsNotFound) {
+    if (::getuid() != 0) {
+        GTEST_SKIP() << "only root can become another user";
+    }
+    const Listener listener("::ffff:127.0.0.1");
+    ASSERT_NE(listener.port(), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::_exit(::setuid(65534) == 0 && !userListensOnPort(listener.port()) ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
 }  // namespace
 }  // namespace krv

@@ -12,7 +12,10 @@
 //   cleanup                         cleanUp of the bare client, and waits until its thread has ended; "cleaned up"
 //   use                             "use THREADS DESCRIPTORS CHILDREN CPU-SECONDS RESIDENT-KILOBYTES"
 //   log                             from now on "log TEXT" for every line of the library's log
-//   quit
+//   jump SECONDS                    shifts the wall clock (see WallClockShift.cpp); "jumped SECONDS" as the clock shows
+//   it quit
+//
+// With "--bare" as its argument it makes no shared client at the start.
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
@@ -23,6 +26,7 @@
 #include <sstream>
 #include <thread>
 
+#include <dlfcn.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -143,6 +147,15 @@ void cleanUpBareClient() {
     say("cleaned up");
 }
 
+void jump(long seconds) {
+    auto* const shift = reinterpret_cast<void (*)(long)>(::dlsym(RTLD_DEFAULT, "krvShiftWallClock"));
+    const auto before = std::chrono::system_clock::now();
+    if (shift) {
+        shift(seconds);
+    }
+    say("jumped {:.0f}", std::chrono::duration<double>(std::chrono::system_clock::now() - before).count());
+}
+
 void obey(const std::string& line) {
     std::istringstream in(line);
     std::string command;
@@ -167,6 +180,9 @@ void obey(const std::string& line) {
         say("registered {}", theClient()->amIRegistered() ? "yes" : "no");
     } else if (command == "wait-registered") {
         waitUntilRegistered();
+    } else if (command == "same") {
+        const auto here = krv::KRVQuicktimeProcessClient::defaultClient();
+        say("same {}", here == theClient() && here == krv::__default_krv_quicktime_process_client ? "yes" : "no");
     } else if (command == "port") {
         say("port {}", krv::HTTPServerDiscovery::defaultInstance()->servicePortNumber());
     } else if (command == "destroy") {
@@ -178,6 +194,10 @@ void obey(const std::string& line) {
         cleanUpBareClient();
     } else if (command == "use") {
         tellUse();
+    } else if (command == "jump") {
+        long seconds = 0;
+        in >> seconds;
+        jump(seconds);
     } else if (command == "log") {
         krv::krv_loggingEnabled = true;
         krv::qtClientLogLevel = 15;
@@ -190,9 +210,11 @@ void obey(const std::string& line) {
 
 }  // namespace
 
-int main() {
+int main(int count, char** arguments) {
     made = SteadyClock::now();
-    client = krv::KRVQuicktimeProcessClient::defaultClient();
+    if (count < 2 || arguments[1] != std::string_view("--bare")) {
+        client = krv::KRVQuicktimeProcessClient::defaultClient();
+    }
     std::thread([] {
         for (std::string line; std::getline(std::cin, line) && line != "quit";) {
             obey(line);

@@ -83,5 +83,34 @@ TEST(FailureText, IsShortWhereNothingElseIsKnown) {
     EXPECT_EQ(failureText(error), "The operation couldn't be completed. (Other error 1.)");
 }
 
+TEST(ProgressDisplay, PrintsALineAtEveryTenthAwayFromATerminal) {
+    testing::internal::CaptureStderr();
+    ProgressDisplay display(false);
+    for (const float progress : {0.0F, 0.04F, 0.11F, 0.12F, 0.35F}) {
+        EXPECT_TRUE(display.operation(nullptr, progress));
+    }
+    display.finish(true);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "0 %  0:00\n10 %  0:00\n30 %  0:00\n100 %  0:00\n");
+}
+
+TEST(ProgressDisplay, SaysWhenTheWorkBeginsAnew) {
+    testing::internal::CaptureStderr();
+    ProgressDisplay display(false);
+    for (const float progress : {0.35F, 0.05F, 0.12F}) {
+        display.operation(nullptr, progress);
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "30 %  0:00\nkrvqt: the media server was lost; another one begins anew\n0 %  0:00\n10 %  0:00\n");
+}
+
+TEST(ProgressDisplay, SaysNothingWhenItIsToBeQuiet) {
+    testing::internal::CaptureStderr();
+    ProgressDisplay display(true);
+    display.operation(nullptr, 0.5F);
+    display.operation(nullptr, 0.1F);
+    display.finish(true);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
 }  // namespace
 }  // namespace krvqt

@@ -192,7 +192,7 @@ ExitStatus run(const Request& request, const ServerAccess& access, const CommonO
         display->finish(false);
         return report.serverWentAway(exception);
     }
-    const bool cancelled = Interruption::requested() && !error;
+    const bool cancelled = display->operationWasCancelled() && !error;
     display->finish(!error && !cancelled);
     if (error) {
         return report.failed(*error);

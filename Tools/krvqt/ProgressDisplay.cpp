@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -54,14 +55,27 @@ ProgressDisplay::ProgressDisplay(bool quiet)
     : quiet_(quiet)
     , terminal_(::isatty(STDERR_FILENO) == 1) {}
 
-bool ProgressDisplay::operation(const krv::KRVOperationBase::Ref& /*operation*/, float progress) {
+bool ProgressDisplay::operation(const krv::KRVOperationBase::Ref& operation, float progress) {
+    operation_ = operation;
     if (!quiet_) {
         draw(static_cast<double>(progress));
     }
     return !Interruption::requested();
 }
 
+bool ProgressDisplay::operationWasCancelled() const {
+    return operation_ && operation_->cancelled();
+}
+
 void ProgressDisplay::draw(double fraction) {
+    if (fraction < last_) {
+        // A server's own report never goes back: this is another server's.
+        fmt::print(stderr, "{}krvqt: the media server was lost; another one begins anew\n",
+                   std::exchange(lineDrawn_, false) ? "\r\033[K" : "");
+        start_ = std::chrono::steady_clock::now();
+        lastTenth_ = -1;
+    }
+    last_ = fraction;
     const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start_);
     if (terminal_) {
         fmt::print(stderr, "\r{}\033[K", progressLine(fraction, elapsed, terminalColumns()));

@@ -32,11 +32,11 @@
 #include <KRVQTProcessClient/Foundation/Mutex.h>
 #include <KRVQTProcessClient/Platform/ServiceBrowser.h>
 
-#include "ListeningPorts.h"
 #include "LoopReach.h"
 #include "LoopbackResponder.h"
 #include "PublishedName.h"
 #include "PublisherRecord.h"
+#include "SocketDiagnostics.h"
 
 namespace krv {
 namespace {

@@ -44,4 +44,8 @@ struct SocketOwner {
 /// False when the kernel cannot be asked.
 [[nodiscard]] bool peerBelongsToThisUser(const SocketEnd& local, const SocketEnd& peer);
 
+/// Whether a process of this process's user listens on the port and can be reached there over loopback. Asks for the
+/// one socket: reading the kernel's whole table costs milliseconds, and this is asked every second.
+[[nodiscard]] bool userListensOnPort(std::uint16_t port);
+
 }  // namespace krv

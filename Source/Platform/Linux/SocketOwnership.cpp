@@ -52,6 +52,10 @@ private:
     std::uint32_t sequence_ = 0;
 };
 
+bool isOurs(const std::optional<SocketOwner>& owner) {
+    return owner && owner->held && owner->user == ::getuid();
+}
+
 }  // namespace
 
 bool peerBelongsToThisUser(const SocketEnd& local, const SocketEnd& peer) {
@@ -63,7 +67,17 @@ bool peerBelongsToThisUser(const SocketEnd& local, const SocketEnd& peer) {
         // The server has not accepted the connection yet. It belongs to whoever listens.
         owner = diagnostics.ask(peer, std::nullopt);
     }
-    return owner && owner->held && owner->user == ::getuid();
+    return isOurs(owner);
+}
+
+bool userListensOnPort(std::uint16_t port) {
+    DiagnosticsSocket diagnostics;
+    for (const char* address : {"127.0.0.1", "::1"}) {
+        if (const auto end = SocketEnd::from(address, port); end && isOurs(diagnostics.ask(*end, std::nullopt))) {
+            return true;
+        }
+    }
+    return false;
 }
 
 }  // namespace krv
