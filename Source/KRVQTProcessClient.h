@@ -1,6 +1,10 @@
 #pragma once
 
+/// \file
 /// The whole public interface of libKRVQTProcessClient. An application includes this and nothing else.
+
+/// \namespace krv
+/// Everything of the library.
 
 #include <KRVQTProcessClient/Client/HTTPServerDiscovery.h>
 #include <KRVQTProcessClient/Client/KRVQTProcessOperations.h>

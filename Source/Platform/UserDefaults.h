@@ -14,7 +14,7 @@ namespace krv {
 ///   1. the process's arguments up to "--", as "-key value"; a value may begin with "-" only as a negative number, a
 ///      key never with a second "-" or a digit, and of two values for one key the later one stays;
 ///   2. values that the application has set with setString;
-///   3. $XDG_CONFIG_HOME/<identifier>/defaults.ini, group "Defaults";
+///   3. $XDG_CONFIG_HOME/IDENTIFIER/defaults.ini, group "Defaults", with the main bundle's identifier;
 ///   4. $XDG_CONFIG_HOME/KRVQTProcessClient/defaults.ini, group "Defaults".
 /// XDG_CONFIG_HOME is ~/.config when it is unset. A file that is missing, unreadable or damaged counts as
 /// empty.

@@ -1,0 +1,114 @@
+// Converts a movie to H.264 behind a GTK 4 window with a progress bar and a cancel button. GTK turns GLib's main loop,
+// and with it the library's: nothing else is needed. To be copied.
+//
+//     Gtk4Example SOURCE DESTINATION
+//
+// The window closes by itself. Ends with 0 when the movie has been converted, else with 1.
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include <gtk/gtk.h>
+
+#include <KRVQTProcessClient/KRVQTProcessClient.h>
+
+namespace {
+
+struct Conversion {
+    std::string source;
+    std::string destination;
+    std::string failure = "The window was never shown.";
+    std::atomic<bool> cancelled{false};
+    GtkWidget* bar = nullptr;
+    std::thread worker;
+};
+
+/// Called on the thread that waits for the conversion; widgets belong to the main thread.
+class BarFiller final : public krv::OperationProgress {
+public:
+    explicit BarFiller(Conversion& conversion)
+        : conversion_(conversion) {}
+
+    bool operation(const std::shared_ptr<krv::KRVOperationBase>&, float progress) override {
+        // Neither the bar nor the conversion goes away before the window, whose end is asked for later than this.
+        krv::RunLoop::main().perform([bar = conversion_.bar, progress] {
+            gtk_progress_bar_set_fraction(GTK_PROGRESS_BAR(bar), static_cast<double>(progress));
+        });
+        return !conversion_.cancelled;
+    }
+
+private:
+    Conversion& conversion_;
+};
+
+/// On the worker thread: blocks until the movie has been converted.
+void convert(Conversion& conversion, krv::KRVQTProcessOperations& client) {
+    std::shared_ptr<const krv::Error> error;
+    conversion.failure.clear();
+    try {
+        client.convertMovie(conversion.source, conversion.destination, krv::VideoConversion::H264, false,
+                            std::make_shared<BarFiller>(conversion), &error);
+        if (error) {
+            conversion.failure = error->localizedDescription() + ' ' + error->localizedFailureReason();
+        }
+    } catch (const krv::Exception& exception) {
+        conversion.failure = exception.reason();  // the server cannot be reached
+    }
+}
+
+/// Somebody closes the window, or asks for it with the button. It stays until the conversion has ended.
+gboolean cancel(GtkWindow*, Conversion* conversion) {
+    conversion->cancelled = true;
+    return TRUE;
+}
+
+void activate(GtkApplication* application, Conversion* conversion) {
+    GtkWidget* window = gtk_application_window_new(application);
+    GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 12);
+    GtkWidget* button = gtk_button_new_with_label("Cancel");
+    conversion->bar = gtk_progress_bar_new();
+    gtk_box_append(GTK_BOX(box), conversion->bar);
+    gtk_box_append(GTK_BOX(box), button);
+    gtk_window_set_title(GTK_WINDOW(window), "Converting");
+    gtk_window_set_child(GTK_WINDOW(window), box);
+    g_signal_connect_swapped(button, "clicked", G_CALLBACK(gtk_window_close), window);
+    g_signal_connect(window, "close-request", G_CALLBACK(cancel), conversion);
+    gtk_window_present(GTK_WINDOW(window));
+
+    // Made on the main thread. It finds the server, starts one if none runs, and looks after it from now on.
+    conversion->worker = std::thread([conversion, window, client = krv::KRVQuicktimeProcessClient::defaultClient()] {
+        convert(*conversion, *client);
+        // The last window of the application, which ends with it.
+        krv::RunLoop::main().perform([window] { gtk_window_destroy(GTK_WINDOW(window)); });
+    });
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 3) {
+        std::cerr << "usage: " << argv[0] << " SOURCE DESTINATION\n";
+        return EXIT_FAILURE;
+    }
+    Conversion conversion;
+    // The server does not share our working directory.
+    conversion.source = std::filesystem::absolute(argv[1]);
+    conversion.destination = std::filesystem::absolute(argv[2]);
+
+    GtkApplication* application = gtk_application_new("org.example.Gtk4Example", G_APPLICATION_NON_UNIQUE);
+    g_signal_connect(application, "activate", G_CALLBACK(activate), &conversion);
+    g_application_run(G_APPLICATION(application), 1, argv);
+    if (conversion.worker.joinable()) {
+        conversion.worker.join();
+    }
+    g_object_unref(application);
+    if (!conversion.failure.empty()) {
+        std::cerr << conversion.failure << '\n';
+        return EXIT_FAILURE;
+    }
+    return EXIT_SUCCESS;
+}

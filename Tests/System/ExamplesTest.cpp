@@ -1,0 +1,102 @@
+// The examples do what they are copied for: as the first program of a machine on which no server runs, they start one,
+// convert a movie and end by themselves.
+#include <cstdlib>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "SystemFixture.h"
+
+namespace krv::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+struct Example {
+    const char* name;
+    const char* program;
+    /// What it needs to show itself.
+    enum Display { None, OwnXServer, Offscreen, OffscreenWithoutGLib } display;
+
+    friend void PrintTo(const Example& example, std::ostream* out) { *out << example.name; }
+};
+
+class Examples : public SystemFixture, public testing::WithParamInterface<Example> {
+protected:
+    Examples() {
+        ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
+        switch (GetParam().display) {
+        case Example::None:
+            break;
+        case Example::OwnXServer:
+            startXServer();
+            break;
+        case Example::OffscreenWithoutGLib:
+            ::setenv("QT_NO_GLIB", "1", 1);
+            [[fallthrough]];
+        case Example::Offscreen:
+            ::setenv("QT_QPA_PLATFORM", "offscreen", 1);
+            break;
+        }
+    }
+    ~Examples() override {
+        for (const char* name : {"DISPLAY", "GDK_BACKEND", "GSK_RENDERER", "GTK_A11Y", "GSETTINGS_BACKEND",
+                                 "QT_QPA_PLATFORM", "QT_NO_GLIB", "DBUS_SESSION_BUS_ADDRESS"}) {
+            ::unsetenv(name);
+        }
+    }
+
+    /// On the loopback interface only, which is the test's own: nothing of it appears in /tmp.
+    void startXServer() {
+        xServer = std::make_unique<ChildProcess>(std::vector<std::string>{"Xvfb", "-displayfd", "1", "-nolisten",
+                                                                          "unix", "-nolisten", "local", "-listen",
+                                                                          "tcp", "-screen", "0", "640x480x24"});
+        const auto display = xServer->readLine();
+        ASSERT_TRUE(display) << "Xvfb does not start";
+        ::setenv("DISPLAY", ("127.0.0.1:" + *display).c_str(), 1);
+        ::setenv("GDK_BACKEND", "x11", 1);
+        ::setenv("GSK_RENDERER", "cairo", 1);
+        ::setenv("GTK_A11Y", "none", 1);
+        ::setenv("GSETTINGS_BACKEND", "memory", 1);
+    }
+
+    std::unique_ptr<ChildProcess> xServer;
+};
+
+TEST_P(Examples, ConvertsAMovieWithNoServerRunningBefore) {
+    ASSERT_THAT(servers(), IsEmpty());
+    ChildProcess example({GetParam().program, media("plain.mov"), out("plain.mp4")});
+    EXPECT_EQ(example.wait(), 0);
+    EXPECT_NEAR(readableSeconds(out("plain.mp4")), 2.0, 0.1);
+    EXPECT_THAT(filesInOut(), ElementsAre("plain.mp4"));
+    EXPECT_THAT(servers(), SizeIs(1));
+}
+
+TEST_P(Examples, EndsWithAFailureWhenTheSourceIsNoMovie) {
+    ChildProcess example({GetParam().program, media("text.mp4"), out("text.mp4")});
+    EXPECT_EQ(example.wait(), 1);
+    EXPECT_THAT(filesInOut(), IsEmpty());
+}
+
+/// Those whose toolkit was present when this was built.
+std::vector<Example> builtExamples() {
+    return {
+        {"Plain", KRV_PLAIN_EXAMPLE, Example::None},
+#ifdef KRV_GTK4_EXAMPLE
+        {"Gtk4", KRV_GTK4_EXAMPLE, Example::OwnXServer},
+#endif
+#ifdef KRV_QT6_EXAMPLE
+        {"Qt6", KRV_QT6_EXAMPLE, Example::Offscreen},
+        {"Qt6WithoutGLib", KRV_QT6_EXAMPLE, Example::OffscreenWithoutGLib},
+#endif
+    };
+}
+
+INSTANTIATE_TEST_SUITE_P(Example, Examples, testing::ValuesIn(builtExamples()),
+                         [](const auto& example) { return example.param.name; });
+
+}  // namespace
+}  // namespace krv::test
