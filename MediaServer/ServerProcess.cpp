@@ -163,6 +163,7 @@ int ServerProcess::run(int signals) {
         if (std::chrono::steady_clock::now() >= nextCheck) {
             nextCheck = std::chrono::steady_clock::now() + kClientCheck;
             lookAfterClients();
+            front_.dropSlowSenders();
             publisher.tend();
         }
     }

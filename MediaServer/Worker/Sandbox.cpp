@@ -28,15 +28,16 @@
 #include <ctime>
 #include <initializer_list>
 
-#include <fmt/format.h>
 #include <linux/landlock.h>
 #include <sched.h>
-#include <seccomp.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+
+#include <fmt/format.h>
+#include <seccomp.h>
 
 namespace krv::server {
 namespace {
@@ -108,7 +109,8 @@ constexpr std::initializer_list<const char*> kRefusedCalls{
     "add_key", "request_key", "init_module", "finit_module", "delete_module", "kexec_load", "kexec_file_load", "reboot",
     "personality", "modify_ldt", "iopl", "ioperm", "settimeofday", "clock_settime", "clock_adjtime", "adjtimex",
     "sethostname", "setdomainname", "syslog", "vhangup", "lookup_dcookie", "fanotify_init", "landlock_create_ruleset",
-    "seccomp", "setuid", "setgid", "setreuid", "setregid", "setresuid", "setresgid", "setgroups", "capset", "memfd_secret",
+    "seccomp", "setuid", "setgid", "setreuid", "setregid", "setresuid", "setresgid", "setgroups", "capset",
+    "memfd_secret",
     // shared memory and queues that others may have made
     "shmget", "shmat", "semget", "msgget", "mq_open"};
 
@@ -124,8 +126,7 @@ bool addRules(scmp_filter_ctx filter) {
     const auto self = static_cast<scmp_datum_t>(::getpid());
     // Threads, and nothing but threads.
     return ::seccomp_rule_add(filter, SCMP_ACT_ERRNO(ENOSYS), SCMP_SYS(clone3), 0) == 0 &&
-           ::seccomp_rule_add(filter, refuse, SCMP_SYS(clone), 1,
-                              SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_THREAD, 0)) == 0 &&
+           ::seccomp_rule_add(filter, refuse, SCMP_SYS(clone), 1, SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_THREAD, 0)) == 0 &&
            // A process may end itself, by abort() for one, and signal nobody else.
            ::seccomp_rule_add(filter, refuse, SCMP_SYS(kill), 1, SCMP_A0(SCMP_CMP_NE, self)) == 0 &&
            ::seccomp_rule_add(filter, refuse, SCMP_SYS(tgkill), 1, SCMP_A0(SCMP_CMP_NE, self)) == 0 &&

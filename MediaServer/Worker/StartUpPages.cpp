@@ -2,9 +2,10 @@
 
 #include <cstdint>
 
-#include <link.h>
 #include <sys/mman.h>
 #include <unistd.h>
+
+#include <link.h>
 
 namespace krv::server {
 namespace {

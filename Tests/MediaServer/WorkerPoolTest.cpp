@@ -1,18 +1,18 @@
 // The pool with real workers.
+#include "WorkerPool.h"
+
 #include <csignal>
 #include <fstream>
 #include <sstream>
 #include <thread>
 
-#include <dirent.h>
 #include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <dirent.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include "WorkerPool.h"
 
 namespace krv::server {
 namespace {

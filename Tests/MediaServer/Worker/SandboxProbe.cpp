@@ -1,5 +1,5 @@
-// Enters a worker's sandbox and tries to get out of it: one line "NAME: refused", "NAME: done" or "NAME: error TEXT" for
-// each attempt. The arguments are a file that exists and the pid of a process of the same user.
+// Enters a worker's sandbox and tries to get out of it: one line "NAME: refused", "NAME: done" or "NAME: error TEXT"
+// for each attempt. The arguments are a file that exists and the pid of a process of the same user.
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -73,9 +73,7 @@ int main(int count, char** arguments) {
     attempt("rename", [&] { return ::rename(file, "/tmp/krv-sandbox-probe"); });
     attempt("link", [&] { return ::link(file, "/tmp/krv-sandbox-probe"); });
     attempt("make a folder", [] { return ::mkdir("/tmp/krv-sandbox-probe", 0700); });
-    attempt("open through /proc", [&] {
-        return ::open(("/proc/self/fd/" + std::to_string(held)).c_str(), O_RDONLY);
-    });
+    attempt("open through /proc", [&] { return ::open(("/proc/self/fd/" + std::to_string(held)).c_str(), O_RDONLY); });
     attempt("make a TCP socket", [] { return ::socket(AF_INET, SOCK_STREAM, 0); });
     attempt("make a UDP socket", [] { return ::socket(AF_INET6, SOCK_DGRAM, 0); });
     attempt("make a local socket", [] { return ::socket(AF_UNIX, SOCK_STREAM, 0); });

@@ -1,4 +1,6 @@
 // The sandbox from inside, by a program that tries to leave it.
+#include "Sandbox.h"
+
 #include <csignal>
 #include <fstream>
 
@@ -8,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include "ChildProcess.h"
-#include "Sandbox.h"
 #include "TemporaryFolder.h"
 
 namespace krv::server {
