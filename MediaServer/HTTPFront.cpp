@@ -4,7 +4,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <optional>
+#include <set>
 
+#include <linux/tcp.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -36,7 +40,6 @@ struct Exchange {
     Data answer KRV_GUARDED_BY(mutex);
     Data body;
     bool tooLarge = false;
-    std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now();
 };
 using ExchangeRef = std::shared_ptr<Exchange>;
 
@@ -70,19 +73,27 @@ MHD_Result readHeader(void* userdata, MHD_ValueKind /*kind*/, const char* key, c
     return MHD_YES;
 }
 
-/// Each connection's other end is looked up once, when it opens.
-void connectionChanged(void* /*userdata*/, MHD_Connection* connection, void** context,
-                       MHD_ConnectionNotificationCode code) {
-    static char ours;
-    if (code == MHD_CONNECTION_NOTIFY_STARTED) {
-        const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
-        *context = info && peerBelongsToThisUser(info->connect_fd) ? &ours : nullptr;
-    }
+/// What is known of a connection for as long as it is open.
+struct Connection {
+    int socket = -1;
+    bool peerIsUser = false;
+    /// Bytes that had come when the last request ended: more of them are the beginning of another one.
+    std::uint64_t bytesOfOldRequests = 0;
+    /// A request has been begun (its head is complete) and has not ended.
+    bool inRequest = false;
+    /// When the present request was seen to arrive; unset when none is, or it is there as a whole.
+    std::optional<std::chrono::steady_clock::time_point> arrivingSince{};
+};
+
+std::uint64_t bytesReceived(int socket) {
+    tcp_info info{};
+    socklen_t size = sizeof info;
+    return ::getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 ? info.tcpi_bytes_received : 0;
 }
 
-bool peerIsUser(MHD_Connection* connection) {
+Connection* connectionOf(MHD_Connection* connection) {
     const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
-    return info && info->socket_context != nullptr;
+    return info ? static_cast<Connection*>(info->socket_context) : nullptr;
 }
 
 }  // namespace
@@ -96,18 +107,78 @@ struct HTTPFront::Internals {
     Mutex mutex;
     std::condition_variable_any exchangeEnded;
     int openExchanges KRV_GUARDED_BY(mutex) = 0;
+    std::set<Connection*> connections KRV_GUARDED_BY(mutex);
 
-    static void requestEnded(void* userdata, MHD_Connection* /*connection*/, void** context,
-                             MHD_RequestTerminationCode /*code*/) {
-        if (!*context) {
-            return;
+    /// Each connection's other end is looked up once, when it opens.
+    static void connectionChanged(void* userdata, MHD_Connection* connection, void** context,
+                                  MHD_ConnectionNotificationCode code) {
+        auto& self = *static_cast<Internals*>(userdata);
+        if (code == MHD_CONNECTION_NOTIFY_STARTED) {
+            const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+            auto* const opened = new Connection;
+            opened->socket = info ? info->connect_fd : -1;
+            opened->peerIsUser = info && peerBelongsToThisUser(info->connect_fd);
+            *context = opened;
+            const LockGuard lock(self.mutex);
+            self.connections.insert(opened);
+        } else if (auto* const closed = static_cast<Connection*>(*context)) {
+            {
+                const LockGuard lock(self.mutex);
+                self.connections.erase(closed);
+            }
+            delete closed;
+            *context = nullptr;
         }
+    }
+
+    static void requestEnded(void* userdata, MHD_Connection* connection, void** context,
+                             MHD_RequestTerminationCode /*code*/) {
+        auto& self = *static_cast<Internals*>(userdata);
+        const bool wasExchange = *context != nullptr;
         delete static_cast<ExchangeRef*>(*context);
         *context = nullptr;
-        auto& self = *static_cast<Internals*>(userdata);
         const LockGuard lock(self.mutex);
-        --self.openExchanges;
-        self.exchangeEnded.notify_all();
+        if (Connection* const its = connectionOf(connection)) {
+            its->inRequest = false;
+            its->arrivingSince.reset();
+            its->bytesOfOldRequests = bytesReceived(its->socket);
+        }
+        if (wasExchange) {
+            --self.openExchanges;
+            self.exchangeEnded.notify_all();
+        }
+    }
+
+    /// The head is there; the body, if there is one, arrives.
+    void requestBegun(MHD_Connection* connection) {
+        const LockGuard lock(mutex);
+        if (Connection* const its = connectionOf(connection)) {
+            its->inRequest = true;
+            if (!its->arrivingSince) {
+                its->arrivingSince = std::chrono::steady_clock::now();
+            }
+        }
+    }
+
+    void requestComplete(MHD_Connection* connection) {
+        const LockGuard lock(mutex);
+        if (Connection* const its = connectionOf(connection)) {
+            its->arrivingSince.reset();
+        }
+    }
+
+    void dropSlowSenders() {
+        const auto now = std::chrono::steady_clock::now();
+        // A connection leaves the set, which needs the lock, before its descriptor is closed.
+        const LockGuard lock(mutex);
+        for (Connection* const its : connections) {
+            if (!its->inRequest && !its->arrivingSince && bytesReceived(its->socket) > its->bytesOfOldRequests) {
+                its->arrivingSince = now;
+            }
+            if (its->arrivingSince && now - *its->arrivingSince > kSlowestRequest) {
+                ::shutdown(its->socket, SHUT_RDWR);
+            }
+        }
     }
 
     /// Waits until no answer is on its way any more.
@@ -137,7 +208,9 @@ struct HTTPFront::Internals {
         RequestHead head;
         head.method = method;
         head.target = target;
-        head.peerIsUser = peerIsUser(connection);
+        requestBegun(connection);
+        const Connection* const its = connectionOf(connection);
+        head.peerIsUser = its && its->peerIsUser;
         MHD_get_connection_values(connection, MHD_HEADER_KIND, &readHeader, &head);
         const Verdict verdict = judge(head);
         switch (verdict.action) {
@@ -157,9 +230,6 @@ struct HTTPFront::Internals {
     }
 
     static MHD_Result receive(Exchange& exchange, const char* upload, std::size_t* uploadSize) {
-        if (std::chrono::steady_clock::now() - exchange.begin > kSlowestRequest) {
-            return MHD_NO;  // closes the connection
-        }
         if (*uploadSize > kLargestRequest - exchange.body.size()) {
             exchange.tooLarge = true;
             exchange.body.clear();
@@ -174,6 +244,7 @@ struct HTTPFront::Internals {
 
     /// The body is there, or the answer to it.
     MHD_Result complete(MHD_Connection* connection, const ExchangeRef& exchange) {
+        requestComplete(connection);
         {
             const LockGuard lock(exchange->mutex);
             if (exchange->answered) {
@@ -227,7 +298,7 @@ bool HTTPFront::start(ListeningSockets sockets) {
             flags, 0, nullptr, nullptr, &Internals::handle, internals_.get(), MHD_OPTION_LISTEN_SOCKET, socket->get(),
             MHD_OPTION_CONNECTION_LIMIT, kMostConnections, MHD_OPTION_CONNECTION_TIMEOUT, kIdleSeconds,
             MHD_OPTION_NOTIFY_COMPLETED, &Internals::requestEnded, internals_.get(), MHD_OPTION_NOTIFY_CONNECTION,
-            &connectionChanged, nullptr, MHD_OPTION_END);
+            &Internals::connectionChanged, internals_.get(), MHD_OPTION_END);
         if (!daemon) {
             return false;
         }
@@ -235,6 +306,10 @@ bool HTTPFront::start(ListeningSockets sockets) {
         internals_->daemons.push_back(daemon);
     }
     return true;
+}
+
+void HTTPFront::dropSlowSenders() {
+    internals_->dropSlowSenders();
 }
 
 void HTTPFront::stop() {

@@ -30,6 +30,9 @@ public:
 
     /// Begins to serve, with threads of its own. Takes the sockets over. False when the library refuses.
     [[nodiscard]] bool start(ListeningSockets sockets);
+    /// Closes the connections on which a request, head or body, has been arriving for more than ten seconds. A
+    /// connection on which nothing arrives is only idle. To be called every second or two.
+    void dropSlowSenders();
     /// Takes no more connections, lets the answers that are on their way reach their askers (three seconds at most),
     /// and ends every connection. All replies must have been given.
     void stop();

@@ -12,6 +12,7 @@
 
 #include "ListeningSockets.h"
 #include "MediaJob.h"
+#include "Sandbox.h"
 #include "ServerLog.h"
 #include "StatusPage.h"
 
@@ -21,6 +22,8 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kClientCheck = 2s;
+/// Operations seldom come more than two at a time, and each spare costs memory.
+constexpr unsigned kSpareWorkers = 2;
 /// While it is ending the server looks this often whether it may.
 constexpr auto kEndCheck = 50ms;
 /// How long a server that is ending waits for its clients to fetch what they do not know yet.
@@ -31,7 +34,7 @@ constexpr auto kFarewell = 3s;
 ServerProcess::ServerProcess(Settings settings)
     : settings_(std::move(settings))
     , wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
-    , worker_(settings_.workerExecutable)
+    , workers_(settings_.workerExecutable, kSpareWorkers)
     , queue_(
           settings_.lanes,
           [this](ServerOperation& operation, const std::function<void(double)>& onProgress) {
@@ -130,6 +133,9 @@ int ServerProcess::run(int signals) {
         fmt::print(stderr, "KRVQuicktimeProcess: the HTTP library cannot be started\n");
         return 1;
     }
+    for (const std::string& phrase : missingForSandbox()) {
+        serverLog(kLogFlagWarning, "start", "the kernel has " + phrase);
+    }
     ServicePublisher publisher(settings_.serviceName, port_);
     serverLog(kLogFlagInfo, "start", fmt::format("serving on port {}", port_));
 
@@ -157,6 +163,7 @@ int ServerProcess::run(int signals) {
         if (std::chrono::steady_clock::now() >= nextCheck) {
             nextCheck = std::chrono::steady_clock::now() + kClientCheck;
             lookAfterClients();
+            front_.dropSlowSenders();
             publisher.tend();
         }
     }

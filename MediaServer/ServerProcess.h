@@ -12,6 +12,7 @@
 #include "OperationQueue.h"
 #include "SelfTests.h"
 #include "ServicePublisher.h"
+#include "WorkerPool.h"
 #include "WorkerProcess.h"
 
 namespace krv::server {
@@ -55,7 +56,8 @@ private:
     std::chrono::steady_clock::time_point lastNeeded_ = start_;
     std::chrono::steady_clock::time_point workEnded_{};
 
-    WorkerProcess worker_;
+    WorkerPool workers_;
+    WorkerProcess worker_{workers_};
     ClientRegistry clients_;
     SelfTests selfTests_;
     HeldReplies held_;

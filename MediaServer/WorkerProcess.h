@@ -4,12 +4,11 @@
 #include <functional>
 #include <memory>
 
-#include <sys/types.h>
-
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 
 #include "MediaJob.h"
 #include "WorkerChannel.h"
+#include "WorkerPool.h"
 
 namespace krv::server {
 
@@ -38,22 +37,20 @@ struct Outcome {
 };
 
 /// The boundary behind which media code lives: one record and its open files go in, progress comes out, and at the end
-/// one record. The work is done by a child process; whatever happens to that process happens to this operation only.
+/// one record. The work is done by a child process of its own; whatever happens to that process happens to this
+/// operation only.
 class WorkerProcess {
 public:
-    /// executable: the worker program.
-    explicit WorkerProcess(std::string executable)
-        : executable_(std::move(executable)) {}
+    /// workers: where the processes come from; must outlive this.
+    explicit WorkerProcess(WorkerPool& workers)
+        : workers_(workers) {}
 
     /// Blocks until the work has ended. onProgress is called on this thread with the fraction that the worker reports.
-    /// The calling thread must live as long as the process: a worker ends with the thread that started it.
     [[nodiscard]] Outcome run(const MediaJob& job, const Cancellation& cancellation,
                               const std::function<void(double)>& onProgress) const;
 
 private:
-    [[nodiscard]] pid_t spawn(int channelEnd) const;
-
-    const std::string executable_;
+    WorkerPool& workers_;
 };
 
 }  // namespace krv::server

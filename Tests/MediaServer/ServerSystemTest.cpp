@@ -202,6 +202,53 @@ TEST_F(Server, KeepsEverybodyElseOut) {
     EXPECT_EQ(rawStatus("POST / HTTP/1.1\r\n" + host() + "Content-Length: 0\r\n" + end), 400);
 }
 
+/// Sends the first bytes at once and one more each second until the server closes; how long that took.
+class SlowSender {
+public:
+    SlowSender(int port, const std::string& begin, char rest)
+        : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+        , rest_(rest) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<std::uint16_t>(port));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        connected_ = ::connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+        [[maybe_unused]] const auto sent = ::send(fd_, begin.data(), begin.size(), MSG_NOSIGNAL);
+    }
+    ~SlowSender() { ::close(fd_); }
+    SlowSender(const SlowSender&) = delete;
+    SlowSender& operator=(const SlowSender&) = delete;
+
+    [[nodiscard]] bool isConnected() const { return connected_; }
+    [[nodiscard]] bool isClosed() const {
+        char byte = 0;
+        const ssize_t count = ::recv(fd_, &byte, 1, MSG_DONTWAIT | MSG_PEEK);
+        return count == 0 || (count < 0 && errno != EAGAIN);
+    }
+    void sendMore() const { [[maybe_unused]] const auto sent = ::send(fd_, &rest_, 1, MSG_NOSIGNAL); }
+
+private:
+    const int fd_;
+    const char rest_;
+    bool connected_ = false;
+};
+
+TEST_F(Server, DropsSlowSendersAndKeepsIdleOnes) {
+    start();
+    const SlowSender slowHead(port, "POST / HT", 'T');
+    const SlowSender slowBody(port, "POST / HTTP/1.1\r\nHost: localhost\r\nContent-Length: 1000\r\n\r\n", 'x');
+    const SlowSender stuckBody(port, "POST / HTTP/1.1\r\nHost: localhost\r\nContent-Length: 1000\r\n\r\nx", 'x');
+    const SlowSender idle(port, "", 'x');
+    ASSERT_TRUE(slowHead.isConnected() && slowBody.isConnected() && stuckBody.isConnected() && idle.isConnected());
+    while (!slowHead.isClosed() || !slowBody.isClosed() || !stuckBody.isClosed()) {
+        std::this_thread::sleep_for(500ms);
+        slowHead.sendMore();
+        slowBody.sendMore();
+        EXPECT_TRUE(status().is_object());
+    }
+    EXPECT_FALSE(idle.isClosed());
+}
+
 TEST_F(Server, AnswersTheHousekeeping) {
     start();
     const auto count = ask(R::numberOfOperationsOperation());

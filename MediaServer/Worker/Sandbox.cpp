@@ -1,0 +1,201 @@
+// The walls around media code.
+//
+// A decoder that a hostile file has taken over runs with everything that its process may do. What a worker needs is
+// little: its descriptors (the source, the unnamed output, the wire to the server), memory, threads and time. So:
+//
+//   - no_new_privs: no program that is executed could gain anything (and none can be executed).
+//   - Landlock, a rule set without any rule: every access to the file system by path is refused, whatever the process's
+//     user may do. Nothing needs to be listed, because the server opens the files. Where the kernel knows how, TCP,
+//     abstract sockets and signals to the outside are refused here too.
+//   - seccomp, for what Landlock does not see: making sockets of any kind, executing, new processes (threads are
+//     allowed), looking into other processes, and the calls by which kernels have been broken before and that no codec
+//     makes. Refused calls fail with EPERM, as from a kernel that does not permit them: libraries that try something
+//     on the side go on without it. clone3 fails with ENOSYS, because its arguments cannot be looked at; the C library
+//     then uses clone, whose flags can.
+//   - Limits: writable memory, open descriptors, no core files. An allocation beyond the limit fails, and the
+//     operation with it.
+//
+// The list names what is refused, not what is allowed. A list of what is allowed would be shorter to argue about, but
+// the codecs' libraries and the C library under them make different calls on different processors and in different
+// versions, and one that was forgotten is a movie that does not convert.
+#include "Sandbox.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <initializer_list>
+
+#include <linux/landlock.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+#include <seccomp.h>
+
+namespace krv::server {
+namespace {
+
+// Landlock.
+
+/// The kernel's structure with the members that it has got since; an older kernel is given less of it.
+struct RuleSet {
+    std::uint64_t fileSystem;
+    std::uint64_t network;
+    std::uint64_t scoped;
+};
+
+/// Every access that a version of Landlock can refuse. Each version can refuse all that its predecessors could.
+RuleSet everythingRefusable(long version) {
+    RuleSet all{(1ULL << 13) - 1, 0, 0};
+    constexpr std::uint64_t kRefer = 1ULL << 13;
+    constexpr std::uint64_t kTruncate = 1ULL << 14;
+    constexpr std::uint64_t kDeviceControl = 1ULL << 15;
+    constexpr std::uint64_t kBindAndConnectTCP = 3;
+    constexpr std::uint64_t kAbstractSocketsAndSignals = 3;
+    all.fileSystem |= version >= 2 ? kRefer : 0;
+    all.fileSystem |= version >= 3 ? kTruncate : 0;
+    all.network = version >= 4 ? kBindAndConnectTCP : 0;
+    all.fileSystem |= version >= 5 ? kDeviceControl : 0;
+    all.scoped = version >= 6 ? kAbstractSocketsAndSignals : 0;
+    return all;
+}
+
+std::size_t sizeForVersion(long version) {
+    return version >= 6 ? sizeof(RuleSet) : version >= 4 ? 2 * sizeof(std::uint64_t) : sizeof(std::uint64_t);
+}
+
+/// 0 when the kernel has none.
+long landlockVersion() {
+    return std::max(::syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION), 0L);
+}
+
+bool refusePaths() {
+    const long version = landlockVersion();
+    if (version == 0) {
+        return false;
+    }
+    const RuleSet rules = everythingRefusable(version);
+    const auto fd = static_cast<int>(::syscall(SYS_landlock_create_ruleset, &rules, sizeForVersion(version), 0));
+    if (fd < 0) {
+        return false;
+    }
+    const bool done = ::syscall(SYS_landlock_restrict_self, fd, 0) == 0;
+    ::close(fd);
+    return done;
+}
+
+// seccomp.
+
+constexpr std::initializer_list<const char*> kRefusedCalls{
+    // the network
+    "socket", "connect", "bind", "listen", "accept", "accept4",
+    // programs and processes
+    "execve", "execveat", "fork", "vfork", "setns", "unshare", "pivot_root", "chroot", "mount", "umount2", "move_mount",
+    "open_tree", "fsopen", "fsconfig", "fsmount", "fspick", "mount_setattr",
+    // other processes
+    "ptrace", "process_vm_readv", "process_vm_writev", "pidfd_open", "pidfd_getfd", "pidfd_send_signal", "kcmp",
+    "process_madvise", "process_mrelease", "tkill",
+    // files by other means than paths
+    "open_by_handle_at", "name_to_handle_at", "quotactl", "quotactl_fd", "swapon", "swapoff", "acct",
+    // the kernel itself
+    "bpf", "perf_event_open", "userfaultfd", "io_uring_setup", "io_uring_enter", "io_uring_register", "keyctl",
+    "add_key", "request_key", "init_module", "finit_module", "delete_module", "kexec_load", "kexec_file_load", "reboot",
+    "personality", "modify_ldt", "iopl", "ioperm", "settimeofday", "clock_settime", "clock_adjtime", "adjtimex",
+    "sethostname", "setdomainname", "syslog", "vhangup", "lookup_dcookie", "fanotify_init", "landlock_create_ruleset",
+    "seccomp", "setuid", "setgid", "setreuid", "setregid", "setresuid", "setresgid", "setgroups", "capset",
+    "memfd_secret",
+    // shared memory and queues that others may have made
+    "shmget", "shmat", "semget", "msgget", "mq_open"};
+
+bool addRules(scmp_filter_ctx filter) {
+    const std::uint32_t refuse = SCMP_ACT_ERRNO(EPERM);
+    for (const char* const name : kRefusedCalls) {
+        const int number = ::seccomp_syscall_resolve_name(name);
+        // A call that this processor does not have needs no refusing.
+        if (number != __NR_SCMP_ERROR && ::seccomp_rule_add(filter, refuse, number, 0) != 0) {
+            return false;
+        }
+    }
+    const auto self = static_cast<scmp_datum_t>(::getpid());
+    // Threads, and nothing but threads.
+    return ::seccomp_rule_add(filter, SCMP_ACT_ERRNO(ENOSYS), SCMP_SYS(clone3), 0) == 0 &&
+           ::seccomp_rule_add(filter, refuse, SCMP_SYS(clone), 1, SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_THREAD, 0)) == 0 &&
+           // A process may end itself, by abort() for one, and signal nobody else.
+           ::seccomp_rule_add(filter, refuse, SCMP_SYS(kill), 1, SCMP_A0(SCMP_CMP_NE, self)) == 0 &&
+           ::seccomp_rule_add(filter, refuse, SCMP_SYS(tgkill), 1, SCMP_A0(SCMP_CMP_NE, self)) == 0 &&
+           // Words put into a terminal's mouth.
+           ::seccomp_rule_add(filter, refuse, SCMP_SYS(ioctl), 1, SCMP_A1(SCMP_CMP_MASKED_EQ, 0xFFFFFFFF, TIOCSTI)) ==
+               0;
+}
+
+bool refuseCalls() {
+    const scmp_filter_ctx filter = ::seccomp_init(SCMP_ACT_ALLOW);
+    if (!filter) {
+        return false;
+    }
+    const bool done = addRules(filter) && ::seccomp_load(filter) == 0;
+    ::seccomp_release(filter);
+    return done;
+}
+
+bool seccompExists() {
+    // Asks for a filter that cannot be read; a kernel without filters says so before it looks.
+    return ::prctl(PR_SET_SECCOMP, 2 /* SECCOMP_MODE_FILTER */, nullptr, 0, 0) != 0 && errno == EFAULT;
+}
+
+void limit(__rlimit_resource resource, std::uint64_t value) {
+    const rlimit both{value, value};
+    ::setrlimit(resource, &both);
+}
+
+constexpr const char* kNoLandlock = "no Landlock: a worker could open files by their paths";
+constexpr const char* kNoSeccomp = "no seccomp filters: a worker could make sockets and execute programs";
+
+}  // namespace
+
+std::uint64_t WorkerLimits::memoryForThisMachine() {
+    constexpr std::uint64_t kLeast = 1ULL << 30;
+    constexpr std::uint64_t kMost = 8ULL << 30;
+    const long pages = ::sysconf(_SC_PHYS_PAGES);
+    const long size = ::sysconf(_SC_PAGESIZE);
+    const std::uint64_t half =
+        pages > 0 && size > 0 ? static_cast<std::uint64_t>(pages) / 2 * static_cast<std::uint64_t>(size) : kLeast;
+    return std::clamp(half, kLeast, kMost);
+}
+
+std::vector<std::string> enterSandbox(const WorkerLimits& limits) {
+    std::vector<std::string> missing;
+    ::tzset();  // reads a file
+    limit(RLIMIT_DATA, limits.memory);
+    limit(RLIMIT_NOFILE, limits.descriptors);
+    limit(RLIMIT_CORE, 0);
+    ::prctl(PR_SET_DUMPABLE, 0);
+    ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+    if (!refusePaths()) {
+        missing.emplace_back(kNoLandlock);
+    }
+    if (!refuseCalls()) {
+        missing.emplace_back(kNoSeccomp);
+    }
+    return missing;
+}
+
+std::vector<std::string> missingForSandbox() {
+    std::vector<std::string> missing;
+    if (landlockVersion() == 0) {
+        missing.emplace_back(kNoLandlock);
+    }
+    if (!seccompExists()) {
+        missing.emplace_back(kNoSeccomp);
+    }
+    return missing;
+}
+
+}  // namespace krv::server
