@@ -54,6 +54,8 @@ void convert(Conversion& conversion, krv::KRVQTProcessOperations& client) {
                             std::make_shared<BarFiller>(conversion), &error);
         if (error) {
             conversion.failure = error->localizedDescription() + ' ' + error->localizedFailureReason();
+        } else if (conversion.cancelled) {
+            conversion.failure = "It was cancelled.";
         }
     } catch (const krv::Exception& exception) {
         conversion.failure = exception.reason();  // the server cannot be reached

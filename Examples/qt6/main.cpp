@@ -91,6 +91,9 @@ int main(int argc, char** argv) {
     std::string failure;
     std::thread worker([&] {
         failure = convert(*client, source, destination, std::make_shared<DialogFiller>(dialog, cancelled));
+        if (failure.empty() && cancelled) {
+            failure = "It was cancelled.";
+        }
         QMetaObject::invokeMethod(&application, &QApplication::quit, Qt::QueuedConnection);
     });
     QApplication::exec();
