@@ -40,6 +40,7 @@ struct Exchange {
     Data answer KRV_GUARDED_BY(mutex);
     Data body;
     bool tooLarge = false;
+    bool isStatus = false;
 };
 using ExchangeRef = std::shared_ptr<Exchange>;
 
@@ -216,14 +217,13 @@ struct HTTPFront::Internals {
         switch (verdict.action) {
         case Verdict::Action::Refuse:
             return respondText(connection, verdict.status, verdict.text);
-        case Verdict::Action::Status: {
-            const std::string page = handlers.status();
-            return respond(connection, MHD_HTTP_OK, page.data(), page.size(), "application/json");
-        }
+        case Verdict::Action::Status:
         case Verdict::Action::Operation:
             break;
         }
+        // An answer given now, before the request is there as a whole, would close the connection.
         *context = new ExchangeRef(std::make_shared<Exchange>());
+        (*static_cast<ExchangeRef*>(*context))->isStatus = verdict.action == Verdict::Action::Status;
         const LockGuard lock(mutex);
         ++openExchanges;
         return MHD_YES;
@@ -245,6 +245,10 @@ struct HTTPFront::Internals {
     /// The body is there, or the answer to it.
     MHD_Result complete(MHD_Connection* connection, const ExchangeRef& exchange) {
         requestComplete(connection);
+        if (exchange->isStatus) {
+            const std::string page = handlers.status();
+            return respond(connection, MHD_HTTP_OK, page.data(), page.size(), "application/json");
+        }
         {
             const LockGuard lock(exchange->mutex);
             if (exchange->answered) {

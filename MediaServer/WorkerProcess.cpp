@@ -16,6 +16,9 @@
 namespace krv::server {
 namespace {
 
+/// How many workers are tried for one job, when they are gone before they have it.
+constexpr int kAttempts = 3;
+
 std::string howItEnded(int status) {
     return WIFSIGNALED(status)
                ? fmt::format("the worker was ended by signal {} ({})", WTERMSIG(status), ::strsignal(WTERMSIG(status)))
@@ -39,45 +42,64 @@ void Cancellation::request() {
 
 Outcome WorkerProcess::run(const MediaJob& job, const Cancellation& cancellation,
                            const std::function<void(double)>& onProgress) const {
-    const std::string source = job.request->encodingSourceFilename().value_or("");
-    std::string failure;
-    const auto worker = workers_.take(failure);
-    if (!worker) {
-        return failed(makeError(ErrorCode::Internal, "The media worker could not be started.", failure));
-    }
-    WorkerChannel& channel = worker->channel;
-
     std::vector<int> files;
     for (const Descriptor& each : job.sources) {
         files.push_back(each.get());
     }
     files.push_back(job.output->descriptor());
-    if (channel.send(*job.request, files)) {
-        for (;;) {
-            std::array<pollfd, 2> waiting{{{channel.descriptor(), POLLIN, 0}, {cancellation.descriptor(), POLLIN, 0}}};
-            if (::poll(waiting.data(), waiting.size(), -1) < 0) {
-                if (errno == EINTR) {
-                    continue;
-                }
-                break;
+    std::string failure;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        const auto worker = workers_.take(failure);
+        if (!worker) {
+            return failed(makeError(ErrorCode::Internal, "The media worker could not be started.", failure));
+        }
+        bool begun = false;
+        if (worker->channel.send(*job.request, files)) {
+            if (auto outcome = follow(worker->channel, cancellation, onProgress, begun)) {
+                return *std::move(outcome);
             }
-            if (cancellation.requested()) {
-                return {Outcome::Kind::Cancelled, nullptr, nullptr};
+        }
+        failure = howItEnded(worker->end());
+        if (begun) {
+            const std::string source = job.request->encodingSourceFilename().value_or("");
+            return failed(makeError(ErrorCode::WorkerDied, fmt::format("The media worker crashed on {}.", source),
+                                    failure, source));
+        }
+        // It was gone before it had the job, so the job is not to blame.
+    }
+    return failed(makeError(ErrorCode::Internal, "The media workers do not stay alive.", failure));
+}
+
+std::optional<Outcome> WorkerProcess::follow(WorkerChannel& channel, const Cancellation& cancellation,
+                                             const std::function<void(double)>& onProgress, bool& begun) {
+    for (;;) {
+        std::array<pollfd, 2> waiting{{{channel.descriptor(), POLLIN, 0}, {cancellation.descriptor(), POLLIN, 0}}};
+        if (::poll(waiting.data(), waiting.size(), -1) < 0) {
+            if (errno == EINTR) {
+                continue;
             }
-            auto message = channel.receive();
-            if (!message) {
-                break;
-            }
-            if (message->record->operationType() == OpReturnResult) {
-                auto error = message->record->error();
-                return error ? failed(std::move(error))
-                             : Outcome{Outcome::Kind::Completed, nullptr, std::move(message->record)};
-            }
+            return std::nullopt;
+        }
+        if (cancellation.requested()) {
+            return Outcome{Outcome::Kind::Cancelled, nullptr, nullptr};
+        }
+        auto message = channel.receive();
+        if (!message) {
+            return std::nullopt;
+        }
+        begun = true;
+        switch (message->record->operationType()) {
+        case OpReadyToProcessRequests:
+            break;
+        case OpReturnResult: {
+            auto error = message->record->error();
+            return error ? failed(std::move(error))
+                         : Outcome{Outcome::Kind::Completed, nullptr, std::move(message->record)};
+        }
+        default:
             onProgress(static_cast<double>(message->record->progress()));
         }
     }
-    return failed(makeError(ErrorCode::WorkerDied, fmt::format("The media worker crashed on {}.", source),
-                            howItEnded(worker->end()), source));
 }
 
 }  // namespace krv::server

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <optional>
 
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 
@@ -50,6 +51,10 @@ public:
                               const std::function<void(double)>& onProgress) const;
 
 private:
+    /// Nothing when the worker has ended, or sends what is no message. begun: whether it has said that it has the job.
+    [[nodiscard]] static std::optional<Outcome> follow(WorkerChannel& channel, const Cancellation& cancellation,
+                                                       const std::function<void(double)>& onProgress, bool& begun);
+
     WorkerPool& workers_;
 };
 

@@ -1,8 +1,10 @@
 // KRVQuicktimeProcess, the media server.
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <thread>
 
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 
 #include <fmt/format.h>
@@ -34,6 +36,16 @@ int signalsOfTheEnd() {
     return ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
 }
 
+/// A connection needs a descriptor, and a thousand of them are to be no trouble.
+void allowManyDescriptors() {
+    constexpr rlim_t kEnough = 4096;
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < kEnough) {
+        limit.rlim_cur = std::min(limit.rlim_max, kEnough);
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
 std::chrono::seconds idleTimeout(const UserDefaults& defaults) {
     return std::chrono::seconds(defaults.stringForKey(kIdleTimeoutKey) ? defaults.integerForKey(kIdleTimeoutKey)
                                                                        : kDefaultIdleSeconds);
@@ -43,6 +55,7 @@ std::chrono::seconds idleTimeout(const UserDefaults& defaults) {
 
 int main() {
     const int signals = signalsOfTheEnd();
+    allowManyDescriptors();
     UserDefaults& defaults = UserDefaults::standard();
     if (const auto domain = defaults.stringForKey(kLoggingDomainKey)) {
         defaults.setDomain(*domain);

@@ -38,8 +38,8 @@ private:
 /// The wire between server and worker: archived records, each behind its length in four bytes (little-endian), with
 /// open files beside them. One thread at each end.
 ///
-/// The job goes to the worker with its sources and, last, its output. Progress comes back in records of type 14, the
-/// end in one of type 15, which carries an error when the work failed.
+/// The job goes to the worker with its sources and, last, its output. A record of type 2 comes back when the worker has
+/// it, progress in records of type 14, and the end in one of type 15, which carries an error when the work failed.
 class WorkerChannel {
 public:
     struct Message {

@@ -39,6 +39,10 @@ int main(int argc, char** argv) {
 
     krv::server::WorkerChannel channel{krv::server::Descriptor(kChannelDescriptor)};
     if (auto job = channel.receive()) {
+        // From here on it is the job that is to blame for whatever happens.
+        krv::KRVOperationBase begun;
+        begun.setOperationType(krv::OpReadyToProcessRequests);
+        channel.send(begun);
         channel.send(*krv::server::runJob(*job, channel));
     }
     // Without destroying what the codecs' libraries have put up: the kernel is quicker.
