@@ -33,12 +33,16 @@ public:
         QMetaObject::invokeMethod(
             &dialog_, [&dialog = dialog_, value = static_cast<int>(progress * kSteps)] { dialog.setValue(value); },
             Qt::QueuedConnection);
-        return !cancelled_;
+        hasCancelled_ = cancelled_;
+        return !hasCancelled_;
     }
+    /// On the same thread, when the call has ended: it does so without an error when it was cancelled.
+    bool hasCancelled() const { return hasCancelled_; }
 
 private:
     QProgressDialog& dialog_;
     const std::atomic<bool>& cancelled_;
+    bool hasCancelled_ = false;
 };
 
 /// Blocks until the movie has been converted. What went wrong otherwise; empty when nothing did.
@@ -90,7 +94,11 @@ int main(int argc, char** argv) {
     QApplication::setQuitOnLastWindowClosed(false);  // a cancelled conversion is waited for
     std::string failure;
     std::thread worker([&] {
-        failure = convert(*client, source, destination, std::make_shared<DialogFiller>(dialog, cancelled));
+        const auto filler = std::make_shared<DialogFiller>(dialog, cancelled);
+        failure = convert(*client, source, destination, filler);
+        if (failure.empty() && filler->hasCancelled()) {
+            failure = "Cancelled.";
+        }
         QMetaObject::invokeMethod(&application, &QApplication::quit, Qt::QueuedConnection);
     });
     QApplication::exec();
