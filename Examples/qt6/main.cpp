@@ -57,8 +57,9 @@ std::string convert(krv::KRVQTProcessOperations& client, const std::string& sour
     return error ? error->localizedDescription() + ' ' + error->localizedFailureReason() : std::string();
 }
 
-/// With QT_NO_GLIB=1, or a Qt that was built without GLib, Qt's own dispatcher leaves the library's main loop alone,
-/// and the library would lose sight of a server that ends. A timer turns the loop then.
+/// With QT_NO_GLIB=1, or a Qt that was built without GLib, Qt's own dispatcher leaves the library's main loop alone.
+/// Calls are still made, but the search for the server stands still after its first round: the first call takes some
+/// seconds longer, and a server that is lost is not found again. A timer turns the loop then.
 void turnLibrarysLoop(QTimer& timer) {
     if (!QAbstractEventDispatcher::instance()->inherits("QEventDispatcherGlib")) {
         timer.callOnTimeout([] { krv::RunLoop::main().runUntil(krv::Clock::TimePoint()); });
