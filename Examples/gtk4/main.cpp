@@ -38,7 +38,11 @@ public:
         krv::RunLoop::main().perform([bar = conversion_.bar, progress] {
             gtk_progress_bar_set_fraction(GTK_PROGRESS_BAR(bar), static_cast<double>(progress));
         });
-        return !conversion_.cancelled;
+        if (conversion_.cancelled) {
+            conversion_.failure = "Cancelled.";  // the call itself ends without an error
+            return false;
+        }
+        return true;
     }
 
 private:
@@ -54,8 +58,6 @@ void convert(Conversion& conversion, krv::KRVQTProcessOperations& client) {
                             std::make_shared<BarFiller>(conversion), &error);
         if (error) {
             conversion.failure = error->localizedDescription() + ' ' + error->localizedFailureReason();
-        } else if (conversion.cancelled) {
-            conversion.failure = "It was cancelled.";
         }
     } catch (const krv::Exception& exception) {
         conversion.failure = exception.reason();  // the server cannot be reached
@@ -76,6 +78,7 @@ void activate(GtkApplication* application, Conversion* conversion) {
     gtk_box_append(GTK_BOX(box), conversion->bar);
     gtk_box_append(GTK_BOX(box), button);
     gtk_window_set_title(GTK_WINDOW(window), "Converting");
+    gtk_window_set_default_size(GTK_WINDOW(window), 320, -1);
     gtk_window_set_child(GTK_WINDOW(window), box);
     g_signal_connect_swapped(button, "clicked", G_CALLBACK(gtk_window_close), window);
     g_signal_connect(window, "close-request", G_CALLBACK(cancel), conversion);

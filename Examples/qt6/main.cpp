@@ -33,12 +33,16 @@ public:
         QMetaObject::invokeMethod(
             &dialog_, [&dialog = dialog_, value = static_cast<int>(progress * kSteps)] { dialog.setValue(value); },
             Qt::QueuedConnection);
-        return !cancelled_;
+        hasCancelled_ = cancelled_;
+        return !hasCancelled_;
     }
+    /// On the same thread, when the call has ended: it does so without an error when it was cancelled.
+    bool hasCancelled() const { return hasCancelled_; }
 
 private:
     QProgressDialog& dialog_;
     const std::atomic<bool>& cancelled_;
+    bool hasCancelled_ = false;
 };
 
 /// Blocks until the movie has been converted. What went wrong otherwise; empty when nothing did.
@@ -53,8 +57,9 @@ std::string convert(krv::KRVQTProcessOperations& client, const std::string& sour
     return error ? error->localizedDescription() + ' ' + error->localizedFailureReason() : std::string();
 }
 
-/// With QT_NO_GLIB=1, or a Qt that was built without GLib, Qt's own dispatcher leaves the library's main loop alone,
-/// and the library would lose sight of a server that ends. A timer turns the loop then.
+/// With QT_NO_GLIB=1, or a Qt that was built without GLib, Qt's own dispatcher leaves the library's main loop alone.
+/// Calls are still made, but the search for the server stands still after its first round: the first call takes some
+/// seconds longer, and a server that is lost is not found again. A timer turns the loop then.
 void turnLibrarysLoop(QTimer& timer) {
     if (!QAbstractEventDispatcher::instance()->inherits("QEventDispatcherGlib")) {
         timer.callOnTimeout([] { krv::RunLoop::main().runUntil(krv::Clock::TimePoint()); });
@@ -90,9 +95,10 @@ int main(int argc, char** argv) {
     QApplication::setQuitOnLastWindowClosed(false);  // a cancelled conversion is waited for
     std::string failure;
     std::thread worker([&] {
-        failure = convert(*client, source, destination, std::make_shared<DialogFiller>(dialog, cancelled));
-        if (failure.empty() && cancelled) {
-            failure = "It was cancelled.";
+        const auto filler = std::make_shared<DialogFiller>(dialog, cancelled);
+        failure = convert(*client, source, destination, filler);
+        if (failure.empty() && filler->hasCancelled()) {
+            failure = "Cancelled.";
         }
         QMetaObject::invokeMethod(&application, &QApplication::quit, Qt::QueuedConnection);
     });
