@@ -93,7 +93,8 @@ TEST_F(Endurance, MutatedMoviesEndInAnErrorOrAMovieAndNothingElse) {
     const int count = wanted ? std::atoi(wanted) : 100;
     start();
     std::minstd_rand random(20261121);
-    const std::vector<std::string> seeds{"plain.mov", "chapters.mp4", "languages.mkv", "old.avi", "small.ts", "sound.wav"};
+    const std::vector<std::string> seeds{"plain.mov", "chapters.mp4", "languages.mkv",
+                                         "old.avi",   "small.ts",     "sound.wav"};
     int converted = 0;
     int refused = 0;
     for (int i = 0; i < count; ++i) {

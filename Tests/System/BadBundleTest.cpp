@@ -40,7 +40,7 @@ protected:
     }
     /// What krvqt prints on standard error for a conversion, and its exit status.
     std::pair<std::string, int> krvqt() const {
-        ChildProcess process({"sh", "-c", "exec \"$0\" convert \"$1\" \"$2\" --wait 3 --quiet 2>&1", tool,
+        ChildProcess process({"sh", "-c", "exec \"$0\" convert \"$1\" \"$2\" --wait 6 --quiet 2>&1", tool,
                               media("plain.mov"), out("out.mp4")});
         std::string text = process.readAll();
         const int status = process.wait();
@@ -49,7 +49,7 @@ protected:
     void expectKrvqtToSay(const testing::Matcher<std::string>& reason) const {
         const auto [text, status] = krvqt();
         EXPECT_EQ(status, 3);
-        EXPECT_THAT(text, AllOf(StartsWith("krvqt: the media server could not be reached within 3 s: "), EndsWith("\n"),
+        EXPECT_THAT(text, AllOf(StartsWith("krvqt: the media server could not be reached within 6 s: "), EndsWith("\n"),
                                 testing::Matcher<std::string>(reason)));
         EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
         EXPECT_THAT(filesInOut(), testing::IsEmpty());
