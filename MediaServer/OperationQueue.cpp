@@ -263,7 +263,7 @@ bool OperationQueue::remove(const std::string& id) {
 void OperationQueue::removeAllOf(const ClientKey& client) {
     {
         const LockGuard lock(mutex_);
-        std::erase_if(order_, [&](const OperationRef& operation) {
+        std::erase_if(order_, [&](const OperationRef& operation) KRV_REQUIRES(mutex_) {
             if (operation->client != client) {
                 return false;
             }
@@ -279,7 +279,7 @@ std::vector<ClientKey> OperationQueue::removeOld() {
     const LockGuard lock(mutex_);
     const auto now = clock_();
     std::vector<ClientKey> affected;
-    std::erase_if(order_, [&](const OperationRef& operation) {
+    std::erase_if(order_, [&](const OperationRef& operation) KRV_REQUIRES(mutex_) {
         if (operation->state != ServerOperation::State::Finished || now - operation->finishedAt < kResultsKept) {
             return false;
         }
@@ -287,7 +287,7 @@ std::vector<ClientKey> OperationQueue::removeOld() {
         affected.push_back(operation->client);
         return true;
     });
-    std::erase_if(affected, [&](const ClientKey& client) {
+    std::erase_if(affected, [&](const ClientKey& client) KRV_REQUIRES(mutex_) {
         return std::any_of(order_.begin(), order_.end(),
                            [&](const OperationRef& operation) { return operation->client == client; });
     });

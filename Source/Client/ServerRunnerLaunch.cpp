@@ -24,7 +24,7 @@ constexpr std::string_view kExecutableInBundle = "/Contents/MacOS/KRVQuicktimePr
 constexpr std::string_view kLoggingDomainArgument = "-KRVLoggingDomain";
 constexpr std::string_view kMediaClass = "KRVMedia";
 constexpr Clock::Duration kLaunchTakesAtMost = 30s;
-constexpr std::uintmax_t kLargestErrorFile = 256 * 1024;
+constexpr std::uintmax_t kLargestErrorFile = std::uintmax_t{256} * 1024;
 
 constexpr LogSite site(std::string_view function) {
     return {"Source/Client/ServerRunner", Selector(function)};

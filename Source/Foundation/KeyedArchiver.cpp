@@ -742,7 +742,8 @@ private:
         if (count >= kNone) {
             cannotArchive("too many objects for one archive");
         }
-        const std::size_t referenceCount = 2 * (4 + 1) + entries_.size() + 2 * items_.size() + uids_.size();
+        const std::size_t referenceCount =
+            std::size_t{2} * (4 + 1) + entries_.size() + 2 * items_.size() + uids_.size();
         const std::size_t bound = 8 + bound_ + count * (kLargestHead + 8) + referenceCount * kLargestReference + 32;
         offsets_.resize(static_cast<std::size_t>(count));
         uidPlaces_.assign(entries_.size(), kNone);

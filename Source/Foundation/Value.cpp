@@ -244,9 +244,7 @@ bool operator==(const Value& a, const Value& b) {
         [&b](const auto& x) -> bool {
             using T = std::decay_t<decltype(x)>;
             const T& y = *std::get_if<T>(&b.storage());
-            if constexpr (std::is_same_v<T, Value::ObjectRef>) {
-                return x == y;
-            } else if constexpr (requires { *x == *y; }) {
+            if constexpr (!std::is_same_v<T, Value::ObjectRef> && requires { *x == *y; }) {
                 return x == y || *x == *y;
             } else {
                 return x == y;

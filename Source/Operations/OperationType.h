@@ -37,7 +37,7 @@ enum class StateSummary : std::uint8_t { None, ClientPID, Encoding, File, Merge 
 // clang-format on
 
 enum OperationType : std::int32_t {
-#define KRV_ROW(value, enumerator, factory, name, summary) enumerator = value,
+#define KRV_ROW(value, enumerator, factory, name, summary) enumerator = (value),
     KRV_OPERATION_TYPES(KRV_ROW)
 #undef KRV_ROW
 };

@@ -21,9 +21,9 @@ class Transport : public testing::Test {
 protected:
     static constexpr const char* kUrl = "http://localhost:8001";
 
-    Exception raisedBy(const R::Ref& operation) {
+    Exception raisedBy(const R::Ref& request) {
         try {
-            (void)transport.sendOperation(operation);
+            (void)transport.sendOperation(request);
         } catch (const Exception& exception) {
             return exception;
         }
