@@ -68,9 +68,10 @@ TEST_F(Krvqt, IsCancelledByASignal) {
 TEST_F(Krvqt, IsCancelledByAnother) {
     ChildProcess process(command(conversion("longer.mov")));
     waitForLine(process, "0 %");
-    EXPECT_EQ(run({"cancel-all"}).first, 0);
-    (void)process.readAll();
-    EXPECT_EQ(process.wait(), 130);
+    const auto [status, text] = run({"cancel-all"});
+    EXPECT_EQ(status, 0) << text;
+    const std::string rest = process.readAll();
+    EXPECT_EQ(process.wait(), 130) << rest;
     EXPECT_THAT(filesInOut(), IsEmpty());
 }
 

@@ -83,7 +83,8 @@ ExitStatus showStatus(const CommonOptions& common) {
 ExitStatus cancelAll(const CommonOptions& common) {
     return withServer(common, [&common](const ServerAccess& access) {
         // The operation cancels the work of one client, so it is sent in the name of each.
-        for (const auto& pid : statusPage(access)["clients"]) {
+        const auto page = statusPage(access);
+        for (const auto& pid : page["clients"]) {
             const auto operation = KRVOperationBase::cancelAllOperationsOperation();
             operation->setRegInfoPID(pid.get<std::int64_t>());
             const auto error = ask(access, operation)->error();
