@@ -17,7 +17,7 @@
 #include <KRVQTProcessClient/Client/ServerNaming.h>
 #include <KRVQTProcessClient/Platform/HardwareAddress.h>
 
-#include "LoopbackNamespace.h"
+#include "Shell.h"
 
 namespace {
 
@@ -190,15 +190,3 @@ TEST_F(MachineSpecificName, TellsThatTheInterfaceHasGoneInBetween) {
 
 }  // namespace
 }  // namespace krv
-
-int main(int argc, char** argv) {
-    testing::InitGoogleTest(&argc, argv);
-    if (!testing::GTEST_FLAG(list_tests)) {
-        const std::string problem = krv::test::enterLoopbackNamespace();
-        if (!problem.empty()) {
-            std::fprintf(stderr, "no namespace: %s\n", problem.c_str());
-            return 1;
-        }
-    }
-    return RUN_ALL_TESTS();
-}

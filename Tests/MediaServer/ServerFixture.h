@@ -25,6 +25,7 @@
 #include <KRVQTProcessClient/Platform/HTTPRequest.h>
 
 #include "ChildProcess.h"
+#include "FixedPort.h"
 #include "TemporaryFolder.h"
 
 namespace krv::server {
@@ -33,16 +34,7 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using R = KRVOperationBase;
 using test::ChildProcess;
-
-class FixedPort final : public ServicePort {
-public:
-    explicit FixedPort(long port)
-        : port_(port) {}
-    [[nodiscard]] long servicePortNumber() const override { return port_; }
-
-private:
-    const long port_;
-};
+using test::FixedPort;
 
 class Observer final : public OperationProgress {
 public:

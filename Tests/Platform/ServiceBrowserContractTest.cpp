@@ -16,7 +16,7 @@
 #include <KRVQTProcessClient/Platform/ServiceBrowser.h>
 
 #include "ChildProcess.h"
-#include "LoopbackNamespace.h"
+#include "Shell.h"
 
 namespace krv {
 namespace {
@@ -400,15 +400,3 @@ TEST_F(RealServiceBrowser, StaysSilentWhereMulticastDoesNotWork) {
 
 }  // namespace
 }  // namespace krv
-
-int main(int argc, char** argv) {
-    testing::InitGoogleTest(&argc, argv);
-    if (!testing::GTEST_FLAG(list_tests)) {
-        const std::string problem = krv::test::enterLoopbackNamespace();
-        if (!problem.empty()) {
-            fprintf(stderr, "no namespace: %s\n", problem.c_str());
-            return 1;
-        }
-    }
-    return RUN_ALL_TESTS();
-}

@@ -19,7 +19,7 @@
 
 #include <gtest/gtest.h>
 
-#include "LoopbackNamespace.h"
+#include "Shell.h"
 
 namespace {
 

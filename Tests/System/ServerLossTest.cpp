@@ -9,6 +9,7 @@
 #include <KRVQTProcessClient/Platform/ProcessTable.h>
 #include <KRVQTProcessClient/Transports/KRVHTTPClientTransport.h>
 
+#include "FixedPort.h"
 #include "SystemFixture.h"
 
 namespace krv::test {
@@ -18,16 +19,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::SizeIs;
 using testing::StartsWith;
-
-class FixedPort final : public ServicePort {
-public:
-    explicit FixedPort(long port)
-        : port_(port) {}
-    [[nodiscard]] long servicePortNumber() const override { return port_; }
-
-private:
-    const long port_;
-};
 
 class ServerLoss : public SystemFixture {
 protected:

@@ -4,9 +4,9 @@
 #include <iostream>
 #include <thread>
 
-#include "LoopbackNamespace.h"
 #include "PrivateBus.h"
 #include "ScriptedServerProcess.h"
+#include "Shell.h"
 #include "SystemFixture.h"
 
 namespace krv::test {

@@ -5,6 +5,7 @@
 
 #include <KRVQTProcessClient/Transports/KRVHTTPClientTransport.h>
 
+#include "FixedPort.h"
 #include "ScriptedServerProcess.h"
 #include "TemporaryFolder.h"
 
@@ -12,16 +13,6 @@ namespace krv {
 namespace {
 
 using R = KRVOperationBase;
-
-class FixedPort final : public ServicePort {
-public:
-    explicit FixedPort(long port)
-        : port_(port) {}
-    [[nodiscard]] long servicePortNumber() const override { return port_; }
-
-private:
-    const long port_;
-};
 
 class HTTPTransport : public testing::Test {
 protected:
@@ -42,7 +33,7 @@ protected:
 
     test::TemporaryFolder folder;
     test::ScriptedServerProcess server;
-    KRVHTTPClientTransport transport{std::make_shared<FixedPort>(server.port())};
+    KRVHTTPClientTransport transport{std::make_shared<test::FixedPort>(server.port())};
     const R::Ref operation = R::encodeVideoOperation("/s", "/d");
 };
 
