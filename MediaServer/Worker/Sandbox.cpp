@@ -114,6 +114,11 @@ constexpr std::initializer_list<const char*> kRefusedCalls{
     // shared memory and queues that others may have made
     "shmget", "shmat", "semget", "msgget", "mq_open"};
 
+/// An argument of a call compared: the macros of the library for this are no C++.
+constexpr scmp_arg_cmp argument(unsigned index, scmp_compare comparison, scmp_datum_t a, scmp_datum_t b = 0) {
+    return {index, comparison, a, b};
+}
+
 bool addRules(scmp_filter_ctx filter) {
     const std::uint32_t refuse = SCMP_ACT_ERRNO(EPERM);
     for (const char* const name : kRefusedCalls) {
@@ -126,13 +131,14 @@ bool addRules(scmp_filter_ctx filter) {
     const auto self = static_cast<scmp_datum_t>(::getpid());
     // Threads, and nothing but threads.
     return ::seccomp_rule_add(filter, SCMP_ACT_ERRNO(ENOSYS), SCMP_SYS(clone3), 0) == 0 &&
-           ::seccomp_rule_add(filter, refuse, SCMP_SYS(clone), 1, SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_THREAD, 0)) == 0 &&
+           ::seccomp_rule_add(filter, refuse, SCMP_SYS(clone), 1, argument(0, SCMP_CMP_MASKED_EQ, CLONE_THREAD, 0)) ==
+               0 &&
            // A process may end itself, by abort() for one, and signal nobody else.
-           ::seccomp_rule_add(filter, refuse, SCMP_SYS(kill), 1, SCMP_A0(SCMP_CMP_NE, self)) == 0 &&
-           ::seccomp_rule_add(filter, refuse, SCMP_SYS(tgkill), 1, SCMP_A0(SCMP_CMP_NE, self)) == 0 &&
+           ::seccomp_rule_add(filter, refuse, SCMP_SYS(kill), 1, argument(0, SCMP_CMP_NE, self)) == 0 &&
+           ::seccomp_rule_add(filter, refuse, SCMP_SYS(tgkill), 1, argument(0, SCMP_CMP_NE, self)) == 0 &&
            // Words put into a terminal's mouth.
-           ::seccomp_rule_add(filter, refuse, SCMP_SYS(ioctl), 1, SCMP_A1(SCMP_CMP_MASKED_EQ, 0xFFFFFFFF, TIOCSTI)) ==
-               0;
+           ::seccomp_rule_add(filter, refuse, SCMP_SYS(ioctl), 1,
+                              argument(1, SCMP_CMP_MASKED_EQ, 0xFFFFFFFF, TIOCSTI)) == 0;
 }
 
 bool refuseCalls() {
