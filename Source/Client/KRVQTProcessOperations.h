@@ -89,6 +89,8 @@ protected:
                                          const ProgressDelegate& progress, ErrorOut error) = 0;
     virtual bool performMuxMovie(std::string_view source, std::string_view writeToFile,
                                  const ProgressDelegate& progress, ErrorOut error) = 0;
+    /// What they answer.
+    [[nodiscard]] static bool holdsNoError(ErrorOut error) { return !error || !*error; }
 };
 
 /// Everything an application can ask of the server.

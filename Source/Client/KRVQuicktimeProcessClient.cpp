@@ -11,10 +11,6 @@ constexpr LogSite site(std::string_view function, LogContext context = kLogConte
     return {"Source/Client/KRVQuicktimeProcessClient", Selector(function), 0, context};
 }
 
-bool holdsNoError(ErrorOut error) {
-    return !error || !*error;
-}
-
 }  // namespace
 
 KRVReliableQTProcessOperations::~KRVReliableQTProcessOperations() = default;

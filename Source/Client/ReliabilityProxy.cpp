@@ -51,10 +51,6 @@ private:
     std::atomic<std::int32_t>& counter_;
 };
 
-bool holdsNoError(ErrorOut error) {
-    return !error || !*error;
-}
-
 }  // namespace
 
 ReliabilityProxy::ReliabilityProxy(Clock& clock)
