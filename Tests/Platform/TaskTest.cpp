@@ -1,9 +1,12 @@
 // Programs launched for real. What a launched program finds itself in, it writes to a file.
+#include <atomic>
+#include <barrier>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <thread>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -71,6 +74,50 @@ TEST_F(LaunchedTask, InheritsNoDescriptorAndHasItsStandardStreamsOnNothing) {
     runShell("sh -c 'for d in /proc/$PPID/fd/*; do readlink $d >> \"$0\"; done' \"$1/open\"; true");
     ::close(open);
     EXPECT_EQ(output("open"), "/dev/null\n/dev/null\n/dev/null\n");
+}
+
+TEST_F(LaunchedTask, CanBeLaunchedByManyThreadsAtOnce) {
+    constexpr int kThreads = 8;
+    constexpr int kLaunchesEach = 20;
+    std::barrier together(kThreads);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([&together] {
+            for (int launch = 0; launch < kLaunchesEach; ++launch) {
+                together.arrive_and_wait();
+                waitForEnd(*Task::launch({.executable = "/bin/true", .arguments = {}, .standardErrorFile = {}}));
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
+TEST_F(LaunchedTask, IsNotHeldUpByAnotherChildOfTheHost) {
+    // Forks at any moment, also in the middle of a launch, and keeps what it was born with.
+    std::atomic<bool> enough = false;
+    std::vector<pid_t> children;
+    std::thread host([&] {
+        while (!enough && children.size() < 400) {
+            const pid_t child = ::fork();
+            if (child == 0) {
+                ::pause();
+                ::_exit(0);
+            }
+            children.push_back(child);
+        }
+    });
+    for (int launch = 0; launch < 20; ++launch) {
+        waitForEnd(*Task::launch({.executable = "/bin/true", .arguments = {}, .standardErrorFile = {}}));
+    }
+    enough = true;
+    host.join();
+    for (const pid_t child : children) {
+        ::kill(child, SIGKILL);
+        ::waitpid(child, nullptr, 0);
+    }
+    EXPECT_FALSE(children.empty());
 }
 
 TEST_F(LaunchedTask, HasNoSignalBlockedOrIgnored) {

@@ -8,10 +8,13 @@
 //     application ── fork ──> courier ── posix_spawn ──> program
 //          │  <── pid, errno ─────┘│                        │
 //          │  pidfd_open(pid)      │                        │ adopted by init when the courier ends
-//          └── end of file ──────> └─ exits                 │
+//          └── shutdown ─────────> └─ exits                 │
 //
-// - The courier waits for the end of file before it exits. Until then it is the program's parent and never waits for
-//   it, so the pid cannot be given to another process before our descriptor of the process is open.
+// - The courier waits for the end of what it can read before it exits. Until then it is the program's parent and never
+//   waits for it, so the pid cannot be given to another process before our descriptor of the process is open.
+// - That end is made with shutdown(), not with close(): a process that another thread forks meanwhile holds a copy of
+//   our end of the line. Two couriers of two launches at the same time would hold each other's, and wait for ever. For
+//   the same reason a courier closes whatever it was born with.
 // - Between fork and posix_spawn only calls that are safe in a process whose other threads have vanished are made;
 //   everything that needs memory (arguments, attributes) is made before.
 // - posix_spawn, not exec: it reports why a program file is refused, by itself and at once.
@@ -137,8 +140,18 @@ private:
     posix_spawnattr_t attributes_{};
 };
 
+/// Moves the descriptor to the first place behind the standard ones and closes all others.
+int keepOnly(int descriptor) {
+    if (descriptor != kFirstOtherDescriptor) {
+        descriptor = ::dup3(descriptor, kFirstOtherDescriptor, O_CLOEXEC);
+    }
+    ::close_range(kFirstOtherDescriptor + 1, ~0U, 0);
+    return descriptor;
+}
+
 /// The courier's whole life.
 [[noreturn]] void runCourier(SpawnPlan& plan, int line) {
+    line = keepOnly(line);
     Report report;
     report.failure = plan.spawn(report.pid);
     (void)::send(line, &report, sizeof report, MSG_NOSIGNAL);
@@ -185,6 +198,7 @@ std::shared_ptr<Task> Task::launch(const Launch& what) {
     }
     const bool launched = count == static_cast<ssize_t>(sizeof report) && report.failure == 0;
     const int process = launched ? static_cast<int>(::syscall(SYS_pidfd_open, report.pid, 0)) : -1;
+    ::shutdown(line[0], SHUT_RDWR);
     ::close(line[0]);
     waitFor(courier);
     if (count != static_cast<ssize_t>(sizeof report)) {
