@@ -31,8 +31,7 @@ ErrorRef checkPathValue(const Value& value, std::string_view key, std::string_vi
     if (path.empty() || path.front() != '/') {
         return badArgument(key, fmt::format("{}is no absolute path", which));
     }
-    return path.find('\0') == std::string::npos ? nullptr
-                                                : badArgument(key, fmt::format("{}holds a zero byte", which));
+    return path.find('\0') == std::string::npos ? nullptr : badArgument(key, fmt::format("{}holds a zero byte", which));
 }
 
 ErrorRef checkPath(const KRVOperationBase& request, std::string_view key) {
@@ -176,8 +175,7 @@ std::string describeSources(const KRVOperationBase& request) {
     if (sources.empty()) {
         return "nothing";
     }
-    return sources.size() == 1 ? sources.front()
-                               : fmt::format("{} and {} more", sources.front(), sources.size() - 1);
+    return sources.size() == 1 ? sources.front() : fmt::format("{} and {} more", sources.front(), sources.size() - 1);
 }
 
 }  // namespace krv::server

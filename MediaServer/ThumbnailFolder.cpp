@@ -25,7 +25,8 @@ ErrorRef unwritable(const std::string& path, int number) {
 }
 
 ErrorRef unbelievable() {
-    return makeError(ErrorCode::Internal, "The thumbnails could not be made.", "the media worker's list makes no sense");
+    return makeError(ErrorCode::Internal, "The thumbnails could not be made.",
+                     "the media worker's list makes no sense");
 }
 
 }  // namespace

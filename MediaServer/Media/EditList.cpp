@@ -73,8 +73,8 @@ std::vector<std::int64_t> editStarts(Bytes list) {
         return starts;
     const bool wide = number(list, 0, 1) == 1;
     const std::size_t entry = wide ? 20 : 12;
-    const auto count = std::min<std::size_t>({static_cast<std::size_t>(number(list, 4, 4)),
-                                              (list.size() - 8) / entry, kMostEdits});
+    const auto count =
+        std::min<std::size_t>({static_cast<std::size_t>(number(list, 4, 4)), (list.size() - 8) / entry, kMostEdits});
     std::int64_t start = 0;
     for (std::size_t i = 0; i < count; ++i) {
         starts.push_back(start);

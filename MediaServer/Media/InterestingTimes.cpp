@@ -155,29 +155,35 @@ private:
         const std::int64_t last =
             av_rescale_q(avformat_index_get_entry(&stream, count - 1)->timestamp, stream.time_base, kMicroseconds);
         return static_cast<double>(last + source_.timeShift()) >=
-               static_cast<double>(source_.start()) + kWholeMovie * static_cast<double>(source_.duration()) ||
+                   static_cast<double>(source_.start()) + kWholeMovie * static_cast<double>(source_.duration()) ||
                source_.duration() <= kMicroseconds.den;
     }
 
-    // This index tells when key frames are decoded; their packets tell when they are shown.
+    // This index tells when key frames are decoded; their packets tell when they are shown. They are sought by the time
+    // at which they are shown, which is not after the next one is decoded.
     void addPackets(std::size_t index, const std::vector<std::int64_t>& keys) {
         source_.readTimesOnly();
         AVFormatContext& format = source_.format();
         const AVStream& stream = source_.stream(index);
         const PacketPtr packet = newPacket();
-        std::size_t done = 0;
-        for (const std::int64_t key : keys) {
-            progress_.reach(static_cast<double>(done++) / static_cast<double>(keys.size()));
-            if (av_seek_frame(&format, static_cast<int>(index), key, AVSEEK_FLAG_BACKWARD) < 0 ||
-                !source_.read(*packet))
-                continue;
-            if (packet->pts != AV_NOPTS_VALUE)
-                add(packet->pts, stream.time_base);
+        std::vector<std::int64_t> found;
+        for (std::size_t i = 0; i < keys.size(); ++i) {
+            progress_.reach(static_cast<double>(i) / static_cast<double>(keys.size()));
+            const std::int64_t before = i + 1 < keys.size() ? keys[i + 1] - 1 : INT64_MAX / 2;
+            const bool there =
+                av_seek_frame(&format, static_cast<int>(index), before, AVSEEK_FLAG_BACKWARD) >= 0 &&
+                source_.read(*packet) && packet->pts != AV_NOPTS_VALUE &&
+                packet->dts - av_rescale_q(source_.timeShift(), kMicroseconds, stream.time_base) == keys[i];
+            if (!there)
+                return addByReading(index);  // without contents it costs little
+            found.push_back(packet->pts);
         }
+        for (const std::int64_t time : found)
+            add(time, stream.time_base);
     }
 
     void addByReading(std::size_t index) {
-        (void)source_.seek(index, source_.start());
+        (void)source_.rewind();
         const AVStream& stream = source_.stream(index);
         const PacketPtr packet = newPacket();
         while (source_.read(*packet)) {

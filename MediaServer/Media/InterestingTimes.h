@@ -19,8 +19,9 @@ struct InterestingTimesRequest {
 };
 
 struct InterestingTimes {
-    std::vector<std::int64_t> values;  ///< from the movie's start, in units of the time scale; ascending, no two the same
-    std::int32_t timescale = 1;        ///< units per second: those of the track, so that values are exact
+    std::vector<std::int64_t>
+        values;                  ///< from the movie's start, in units of the time scale; ascending, no two the same
+    std::int32_t timescale = 1;  ///< units per second: those of the track, so that values are exact
 };
 
 /// The start, every key frame of the first video track, every chapter start and every edit; or those of one track.

@@ -2,6 +2,7 @@
 #include <array>
 #include <cmath>
 
+#include <MediaServer/Media/AudioFormat.h>
 #include <MediaServer/Media/FFmpegLog.h>
 #include <MediaServer/Media/MovieInfo.h>
 #include <MediaServer/Media/PictureReader.h>
@@ -80,9 +81,16 @@ const AVStream* anyVideoStream(const Source& source) {
 }
 
 std::string layoutName(const AVChannelLayout& layout) {
+    // Files that tell the number of channels only mean the usual ones.
+    ChannelLayout usual;
+    if (layout.order == AV_CHANNEL_ORDER_UNSPEC)
+        usual.assignDefault(layout.nb_channels);
+    else
+        usual.assign(layout);
     std::array<char, 128> text{};
-    if (layout.order == AV_CHANNEL_ORDER_UNSPEC || av_channel_layout_describe(&layout, text.data(), text.size()) < 0)
-        return layout.nb_channels == 1 ? "mono" : fmt::format("{} channels", layout.nb_channels);
+    if (usual.get().order == AV_CHANNEL_ORDER_UNSPEC ||
+        av_channel_layout_describe(&usual.get(), text.data(), text.size()) < 0)
+        return fmt::format("{} channels", layout.nb_channels);
     return text.data();
 }
 

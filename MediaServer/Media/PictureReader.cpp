@@ -82,8 +82,8 @@ void PictureReader::goTo(std::int64_t time) {
 
 void PictureReader::decodeMore() {
     const auto keep = [this](FramePtr frame) {
-        frame->pts = frame->pts == AV_NOPTS_VALUE ? expected_
-                                                  : av_rescale_q(frame->pts, stream().time_base, kMicroseconds);
+        frame->pts =
+            frame->pts == AV_NOPTS_VALUE ? expected_ : av_rescale_q(frame->pts, stream().time_base, kMicroseconds);
         expected_ = frame->pts + frameLength_;
         decoded_.push_back(std::move(frame));
     };

@@ -132,8 +132,8 @@ Look lookAt(const AVFrame& frame) {
     constexpr int kWidth = 64;
     constexpr int kHeight = 36;
     std::array<std::uint8_t, static_cast<std::size_t>(kWidth) * kHeight> grey{};
-    SwsContext* const scaler = sws_getContext(frame.width, frame.height, static_cast<AVPixelFormat>(frame.format), kWidth,
-                                              kHeight, AV_PIX_FMT_GRAY8, SWS_AREA, nullptr, nullptr, nullptr);
+    SwsContext* const scaler = sws_getContext(frame.width, frame.height, static_cast<AVPixelFormat>(frame.format),
+                                              kWidth, kHeight, AV_PIX_FMT_GRAY8, SWS_AREA, nullptr, nullptr, nullptr);
     if (!scaler)
         throw Failure(FailureCode::Internal, "A picture is of a format that cannot be looked at.");
     const bool full = frame.color_range == AVCOL_RANGE_JPEG;

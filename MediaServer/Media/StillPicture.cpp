@@ -17,8 +17,7 @@ constexpr int kQuantiser = 3;
 constexpr int kLongestSide = 16384;
 
 // JPEG can say neither "show it turned" nor anything else that a movie's container can.
-constexpr Container kStill{"jpg",   "",    0,     0,     AV_CODEC_ID_NONE, CoverArt::None, false, false,
-                           false, false, false, ""};
+constexpr Container kStill{"jpg", "", 0, 0, AV_CODEC_ID_NONE, CoverArt::None, false, false, false, false, false, ""};
 
 PictureFormat formatOf(const AVStream& stream, const AVFrame& frame, Extent extent) {
     const Settings settings;

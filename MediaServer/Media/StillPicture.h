@@ -21,8 +21,8 @@ struct Extent {
 /// box that is 0 is free. Both sides of the result are at least 1. Pure.
 [[nodiscard]] Extent fittedInto(Extent picture, double boxWidth, double boxHeight) noexcept;
 
-/// A decoded picture of this stream as JPEG: upright, in square pixels, HDR brought to what an ordinary screen shows, in
-/// the colours that JPEG readers expect. Fitted as fittedInto() says. Throws Failure when it cannot be made.
+/// A decoded picture of this stream as JPEG: upright, in square pixels, HDR brought to what an ordinary screen shows,
+/// in the colours that JPEG readers expect. Fitted as fittedInto() says. Throws Failure when it cannot be made.
 [[nodiscard]] std::vector<std::uint8_t> encodeJPEG(const AVStream& stream, FramePtr frame, double boxWidth,
                                                    double boxHeight);
 

@@ -43,8 +43,8 @@ std::string corpus(const std::string& name) {
 
 std::vector<int> pictureNumbers(const std::string& path, const std::string& filter) {
     const std::string chain = filter + fmt::format(",crop=iw*0.8:ih/15:0:0,scale={}:1:flags=area,format=gray", kBits);
-    const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-noautorotate", "-i", path, "-map", "0:v:0", "-vf", chain,
-                                   "-vsync", "passthrough", "-f", "rawvideo", "-"});
+    const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-noautorotate", "-i", path, "-map", "0:v:0", "-vf",
+                                   chain, "-vsync", "passthrough", "-f", "rawvideo", "-"});
     std::vector<int> numbers;
     for (std::size_t start = 0; start + kBits <= bytes.size(); start += kBits) {
         int number = 0;
@@ -64,7 +64,8 @@ std::vector<int> numbersFrom(int first, int last, int step) {
 
 std::vector<int> shownColours(const std::string& path, int picture) {
     const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:v:0", "-frames:v", "1", "-vf",
-                                   fmt::format("select=gte(n\\,{}),", picture) + "scale=16:12:flags=area,format=rgb24", "-f", "rawvideo", "-"});
+                                   fmt::format("select=gte(n\\,{}),", picture) + "format=rgb24,scale=16:12:flags=area",
+                                   "-f", "rawvideo", "-"});
     std::vector<int> values;
     for (const char byte : bytes)
         values.push_back(static_cast<unsigned char>(byte));

@@ -8,8 +8,8 @@ namespace krv::media::test {
 /// The path of a movie that scripts/make-corpus has made.
 std::string corpus(const std::string& name);
 
-/// The numbers that the pictures of a movie bear, in the order in which they are shown, as ffmpeg sees them. filter: what
-/// ffmpeg does to a picture first, such as "transpose=cclock".
+/// The numbers that the pictures of a movie bear, in the order in which they are shown, as ffmpeg sees them. filter:
+/// what ffmpeg does to a picture first, such as "transpose=cclock".
 std::vector<int> pictureNumbers(const std::string& path, const std::string& filter = "null");
 
 /// The numbers from first to last, by step.

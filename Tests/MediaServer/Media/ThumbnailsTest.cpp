@@ -1,13 +1,12 @@
 #include <algorithm>
 #include <cmath>
 
-#include <gmock/gmock.h>
-
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <MediaServer/Media/StillPicture.h>
 #include <MediaServer/Media/Thumbnails.h>
+#include <gmock/gmock.h>
 
 #include "MediaTestKit.h"
 #include "Numbers.h"
@@ -58,9 +57,7 @@ protected:
         return std::nullopt;
     }
 
-    std::vector<int> numbers(const std::string& filter = "null") const {
-        return pictureNumbers(all.path(), filter);
-    }
+    std::vector<int> numbers(const std::string& filter = "null") const { return pictureNumbers(all.path(), filter); }
     std::pair<int, int> size(std::size_t i = 0) const {
         const auto picture = Probe(files.at(i)).video();
         return {static_cast<int>(number(picture, "width")), static_cast<int>(number(picture, "height"))};
@@ -168,7 +165,8 @@ TEST_F(Thumbnails, FitIntoTheirBoxAndAreNeverEnlarged) {
 
 TEST_F(Thumbnails, HaveTheColoursOfTheMovie) {
     make({.movie = corpus("h264.mov"), .count = 1});
-    const auto found = colourDifference(shownColours(files[0].path()), shownColours(corpus("h264.mov"), numbers().at(0)));
+    const auto found =
+        colourDifference(shownColours(files[0].path()), shownColours(corpus("h264.mov"), numbers().at(0)));
     EXPECT_LT(found.mean, 2) << numbers().at(0) << " " << found.largest;
 }
 
