@@ -1,9 +1,8 @@
 #include <cstring>
 #include <string>
 
-#include <gmock/gmock.h>
-
 #include <MediaServer/Media/EditList.h>
+#include <gmock/gmock.h>
 
 namespace krv::media {
 namespace {

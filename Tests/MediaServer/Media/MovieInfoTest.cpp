@@ -1,9 +1,8 @@
 #include <sys/stat.h>
 
-#include <gmock/gmock.h>
-
 #include <MediaServer/Media/MovieInfo.h>
 #include <MediaServer/Media/Poster.h>
+#include <gmock/gmock.h>
 
 #include "MediaTestKit.h"
 #include "Numbers.h"
