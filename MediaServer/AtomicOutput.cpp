@@ -138,7 +138,9 @@ bool AtomicOutput::linkTo(const std::filesystem::path& name) const {
 
 std::shared_ptr<const Error> AtomicOutput::commit() {
     auto error = put(Old::Dropped);
-    keep();
+    if (!error) {
+        keep();
+    }
     return error;
 }
 

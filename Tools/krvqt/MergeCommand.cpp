@@ -27,8 +27,7 @@ ExitStatus merge(const MergeOptions& options, const CommonOptions& common) {
                         krv::KRVOperationBase::mergeSourcesOperation(krv::Value(list), destination, options.shortest),
                         progress, error);
     };
-    return makeFile({.operation = "merge", .sources = sources, .destination = destination},
-                    call, common);
+    return makeFile({.operation = "merge", .sources = sources, .destination = destination}, call, common);
 }
 
 }  // namespace krvqt

@@ -16,8 +16,7 @@ ExitStatus mux(const MuxOptions& options, const CommonOptions& common) {
     const auto call = [&](const ServerAccess& access, const auto& progress, krv::ErrorOut error) {
         access.client->muxMovie(source, destination, progress, error);
     };
-    return makeFile({.operation = "mux", .sources = {source}, .destination = destination},
-                    call, common);
+    return makeFile({.operation = "mux", .sources = {source}, .destination = destination}, call, common);
 }
 
 }  // namespace krvqt

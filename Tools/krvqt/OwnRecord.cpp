@@ -19,8 +19,8 @@ KRVOperationBase::Ref send(const ServerAccess& access, const KRVOperationBase::R
 KRVOperationBase::Ref runRecord(const ServerAccess& access, const KRVOperationBase::Ref& record,
                                 const std::shared_ptr<krv::OperationProgress>& progress, krv::ErrorOut error) {
     record->setProgressDelegate(progress);
-    (void)TransportInvocation::invocationWith(record)->invokeOverTransportGetProgressWaitToComplete(
-        access.transport, error, kPatience);
+    (void)TransportInvocation::invocationWith(record)->invokeOverTransportGetProgressWaitToComplete(access.transport,
+                                                                                                    error, kPatience);
     if (!*error) {
         *error = record->error();
     }

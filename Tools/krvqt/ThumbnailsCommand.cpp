@@ -84,12 +84,9 @@ ExitStatus makeThumbnails(const ThumbnailsOptions& options, const CommonOptions&
         });
     };
     const auto print = [&] { each([](const std::string& path, double) { fmt::print("{}\n", path); }); };
-    return makeFile({.operation = "thumbnails",
-                     .sources = {movie},
-                     .destination = folder,
-                     .describe = describe,
-                     .print = print},
-                    call, common);
+    return makeFile(
+        {.operation = "thumbnails", .sources = {movie}, .destination = folder, .describe = describe, .print = print},
+        call, common);
 }
 
 }  // namespace krvqt

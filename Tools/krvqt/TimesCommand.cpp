@@ -22,7 +22,8 @@ ExitStatus showTimes(const TimesOptions& options, const CommonOptions& common) {
         }
         const auto timescale = (*times)[krv::kResultInterestingTimeTimescale].integerValue();
         if (common.json) {
-            nlohmann::json json{{"operation", "times"}, {"status", "done"}, {"source", movie}, {"timescale", timescale}};
+            nlohmann::json json{
+                {"operation", "times"}, {"status", "done"}, {"source", movie}, {"timescale", timescale}};
             json["values"] = nlohmann::json::array();
             for (const krv::Value& value : *values) {
                 json["values"].push_back(value.integerValue());
