@@ -95,7 +95,10 @@ void Source::open(const std::string& path) {
 
     duration_ = format_->duration == AV_NOPTS_VALUE ? 0 : std::max<std::int64_t>(format_->duration, 0);
     const std::int64_t start = format_->start_time == AV_NOPTS_VALUE ? 0 : format_->start_time;
-    const bool clockStartsAnywhere = (input.flags & AVFMT_TS_DISCONT) != 0 || start < 0 || start > kLongestEmptyStart;
+    // What an encoder of MP3 puts in front of the sound is no pause.
+    const bool startsWithPadding = std::strcmp(input.name, "mp3") == 0;
+    const bool clockStartsAnywhere =
+        (input.flags & AVFMT_TS_DISCONT) != 0 || start < 0 || start > kLongestEmptyStart || startsWithPadding;
     shift_ = clockStartsAnywhere ? -start : 0;
     start_ = start + shift_;
     lastDts_.resize(format_->nb_streams);

@@ -1,9 +1,10 @@
+#include "MediaRequest.h"
+
 #include <cmath>
 #include <limits>
 
 #include <gmock/gmock.h>
 
-#include "MediaRequest.h"
 #include "ServerError.h"
 
 namespace krv::server {

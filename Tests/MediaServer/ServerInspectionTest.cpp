@@ -22,7 +22,7 @@ protected:
     R::Ref run(const R::Ref& request) const {
         std::shared_ptr<const Error> error;
         (void)TransportInvocation::invocationWith(request)->invokeOverTransportGetProgressWaitToComplete(transport,
-                                                                                                        &error, 60);
+                                                                                                         &error, 60);
         EXPECT_FALSE(error);
         return ask(R::returnResultForOperation(request->uniqueID()));
     }
@@ -82,7 +82,7 @@ TEST_F(Inspection, ThumbnailsThatAreCancelledLeaveNoFolder) {
     observer->onProgress = [](const R&, float) { return false; };
     std::shared_ptr<const Error> error;
     (void)TransportInvocation::invocationWith(request)->invokeOverTransportGetProgressWaitToComplete(transport, &error,
-                                                                                                    60);
+                                                                                                     60);
     EXPECT_TRUE(request->cancelled());
     while (status()["running"] != 0) {
     }

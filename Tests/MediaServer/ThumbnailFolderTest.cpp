@@ -1,13 +1,15 @@
+#include "ThumbnailFolder.h"
+
 #include <fstream>
 #include <iterator>
 
-#include <fmt/format.h>
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+
 #include "TemporaryFolder.h"
-#include "ThumbnailFolder.h"
 
 namespace krv::server {
 namespace {
@@ -61,7 +63,8 @@ TEST_F(Thumbnails, BecomeFilesOfTheirOwnInAFolderThatIsMade) {
     const auto opened = open();
     ASSERT_TRUE(opened);
     ASSERT_EQ(commit(*opened, {picture(0, 3, 0.5), picture(3, 3, 1.5), picture(6, 5, 2.5)}), 0);
-    EXPECT_THAT(names(), testing::UnorderedElementsAre("thumbnail-0001.jpg", "thumbnail-0002.jpg", "thumbnail-0003.jpg"));
+    EXPECT_THAT(names(),
+                testing::UnorderedElementsAre("thumbnail-0001.jpg", "thumbnail-0002.jpg", "thumbnail-0003.jpg"));
     EXPECT_EQ(contents(file(1)), "one");
     EXPECT_EQ(contents(file(2)), "two");
     EXPECT_EQ(contents(file(3)), "three");
@@ -103,9 +106,9 @@ TEST_F(Thumbnails, AllOfThemAppearOrNone) {
 }
 
 TEST_F(Thumbnails, AreNotTakenFromAListThatMakesNoSense) {
-    for (const Array& list : {Array{}, Array{picture(0, 0)}, Array{picture(-1, 2)}, Array{picture(0, 12)},
-                              Array{picture(INT64_MAX, 1)}, Array{picture(11, 1)}, Array{Value("one")},
-                              Array{picture(0, 3), picture(8, INT64_MAX)}}) {
+    for (const Array& list :
+         {Array{}, Array{picture(0, 0)}, Array{picture(-1, 2)}, Array{picture(0, 12)}, Array{picture(INT64_MAX, 1)},
+          Array{picture(11, 1)}, Array{Value("one")}, Array{picture(0, 3), picture(8, INT64_MAX)}}) {
         const auto opened = open();
         EXPECT_EQ(commit(*opened, list), 8);
     }
