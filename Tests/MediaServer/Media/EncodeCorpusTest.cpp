@@ -73,10 +73,11 @@ INSTANTIATE_TEST_SUITE_P(Every, Corpus,
                          testing::Values(Movie{"h264.mp4"}, Movie{"h264.mov"}, Movie{"h264.ts"}, Movie{"h264.mkv"},
                                          Movie{"fragmented.mp4"}, Movie{"vp9.webm"}, Movie{"av1.mp4"},
                                          Movie{"prores.mov"}, Movie{"dv.dv"}, Movie{"camera.avi"},
-                                         Movie{"anamorphic.mp4"}, Movie{"variable.mkv", true, 2.04}, Movie{"held.mp4", false},
-                                         Movie{"late-sound.mkv"}, Movie{"mono.mp4"}, Movie{"video-only.mp4", false},
-                                         Movie{"movie-with-cover.mp4"}, Movie{"chapters.mkv"}, Movie{"subtitles.mkv"},
-                                         Movie{"edited.mov"}, Movie{"one-picture.mp4", false}));
+                                         Movie{"anamorphic.mp4"}, Movie{"variable.mkv", true, 2.04},
+                                         Movie{"held.mp4", false}, Movie{"late-sound.mkv"}, Movie{"mono.mp4"},
+                                         Movie{"video-only.mp4", false}, Movie{"movie-with-cover.mp4"},
+                                         Movie{"chapters.mkv"}, Movie{"subtitles.mkv"}, Movie{"edited.mov"},
+                                         Movie{"one-picture.mp4", false}));
 
 // The sound of fragmented.mp4 has a gap that the tool which measures does not fill.
 INSTANTIATE_TEST_SUITE_P(Every, CorpusKept,
@@ -166,8 +167,8 @@ TEST(Channels, EachKeepsItsOwnSound) {
     for (const char* movie : {"surround-ac3.mkv", "surround-aac.mp4"})
         for (const char* extension : {"mp4", "mkv", "mov"}) {
             const auto output = convert({.source = corpus(movie), .extension = extension, .type = 1});
-            EXPECT_THAT(tones(output.path()), ElementsAre(around(300), around(500), around(700), around(60),
-                                                          around(1100), around(1300)))
+            EXPECT_THAT(tones(output.path()),
+                        ElementsAre(around(300), around(500), around(700), around(60), around(1100), around(1300)))
                 << movie << extension;
         }
 }
