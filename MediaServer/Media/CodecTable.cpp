@@ -77,6 +77,10 @@ std::string fourCCText(std::uint32_t code) {
     return printable ? fmt::format("“{}”", text) : fmt::format("0x{:08x}", code);
 }
 
+std::span<const Codec> codecs() noexcept {
+    return kCodecs;
+}
+
 const Codec& codecForFourCC(std::uint32_t code, AVMediaType type) {
     const auto found = std::find_if(kCodecs.begin(), kCodecs.end(), [&](const Codec& c) { return c.fourCC == code; });
     if (found == kCodecs.end())

@@ -48,6 +48,9 @@ struct Codec {
     std::uint32_t quickTimeTag;  ///< tag in the mov family where FFmpeg would choose another; 0: FFmpeg's
 };
 
+/// All rows.
+[[nodiscard]] std::span<const Codec> codecs() noexcept;
+
 /// The row of a code. Throws Failure Unsupported naming the code, or saying that it is of the other kind.
 [[nodiscard]] const Codec& codecForFourCC(std::uint32_t code, AVMediaType type);
 

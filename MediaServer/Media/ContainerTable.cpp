@@ -67,6 +67,10 @@ bool Container::holds(AVCodecID codec) const {
     return format && avformat_query_codec(format, codec, FF_COMPLIANCE_NORMAL) == 1;
 }
 
+std::span<const Container> containers() noexcept {
+    return kContainers;
+}
+
 const Container& containerForPath(const std::string& path) {
     const auto name = path.substr(path.rfind('/') + 1);
     const auto dot = name.rfind('.');

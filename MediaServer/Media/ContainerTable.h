@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -32,6 +33,9 @@ struct Container {
     /// Whether streams of this codec may stand in it.
     [[nodiscard]] bool holds(AVCodecID codec) const;
 };
+
+/// All rows.
+[[nodiscard]] std::span<const Container> containers() noexcept;
 
 /// The container that the path's extension names (letter case does not matter).
 /// Throws Failure Unsupported naming the extension.

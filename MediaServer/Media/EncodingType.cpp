@@ -26,6 +26,10 @@ constexpr std::array<EncodingType, 8> kTypes{{
 
 }  // namespace
 
+std::span<const EncodingType> encodingTypes() noexcept {
+    return kTypes;
+}
+
 const EncodingType& encodingTypeNumbered(std::int32_t number) {
     const auto found =
         std::find_if(kTypes.begin(), kTypes.end(), [&](const EncodingType& t) { return t.number == number; });

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
 namespace krv::media {
 
@@ -20,6 +21,9 @@ struct EncodingType {
     Codec audio;
     std::uint32_t audioCodec;
 };
+
+/// All rows.
+[[nodiscard]] std::span<const EncodingType> encodingTypes() noexcept;
 
 /// Throws Failure Unsupported naming the number.
 [[nodiscard]] const EncodingType& encodingTypeNumbered(std::int32_t number);
