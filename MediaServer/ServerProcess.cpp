@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <utility>
 
 #include <poll.h>
@@ -11,9 +12,11 @@
 
 #include <fmt/format.h>
 
+#include "GradualFlush.h"
 #include "ListeningSockets.h"
 #include "MediaJob.h"
 #include "Sandbox.h"
+#include "ServerError.h"
 #include "ServerLog.h"
 #include "StatusPage.h"
 
@@ -56,6 +59,20 @@ Outcome ServerProcess::carryOut(ServerOperation& operation, const std::function<
     }
     Outcome outcome = worker_.run(*job, operation.cancellation, onProgress);
     if (outcome.kind == Outcome::Kind::Completed) {
+        const auto onLife = [&] {
+            onProgress(1.0);
+            return !operation.cancellation.requested();
+        };
+        if (const int number = flushGradually(job->output->descriptor(), onLife)) {
+            const std::string destination = operation.request->encodingDestinationFilename().value_or("");
+            return {Outcome::Kind::Failed,
+                    makeError(ErrorCode::UnwritableDestination, fmt::format("{} cannot be written.", destination),
+                              std::strerror(number), destination),
+                    nullptr};
+        }
+        if (operation.cancellation.requested()) {
+            return {Outcome::Kind::Cancelled, nullptr, nullptr};
+        }
         if (auto failure = job->output->commit()) {
             return {Outcome::Kind::Failed, std::move(failure), nullptr};
         }
