@@ -1,5 +1,6 @@
 #include <cerrno>
 #include <cstring>
+#include <limits>
 
 #include <unistd.h>
 
@@ -59,6 +60,10 @@ void OutputFile::write(const AVStream& stream, AVPacket& packet, AVRational time
     packet.stream_index = stream.index;
     packet.pos = -1;
     av_packet_rescale_ts(&packet, timeBase, stream.time_base);
+    // A damaged head can make a picture last for days, which no container can say. When the next one begins says
+    // enough.
+    if (packet.duration < 0 || packet.duration > std::numeric_limits<int>::max())
+        packet.duration = 0;
     const int result = av_interleaved_write_frame(format_, &packet);
     if (result == AVERROR_INVALIDDATA && io_.errorNumber() == 0)
         return;
