@@ -57,19 +57,31 @@ MHD_Result respondText(MHD_Connection* connection, unsigned status, std::string_
     return respond(connection, status, text.data(), text.size(), "text/plain; charset=utf-8");
 }
 
-/// Collects the Host headers and notes an Origin.
-MHD_Result readHeader(void* userdata, MHD_ValueKind /*kind*/, const char* key, const char* value) {
+/// Whether a header has that name, however it is spelled.
+bool isHeader(std::string_view name, std::string_view wanted) {
+    return name.size() == wanted.size() && ::strncasecmp(name.data(), wanted.data(), wanted.size()) == 0;
+}
+
+/// Collects what the policy wants to know of the headers.
+MHD_Result readHeader(void* userdata, MHD_ValueKind /*kind*/, const char* key, std::size_t keySize, const char* value,
+                      std::size_t valueSize) {
     auto& head = *static_cast<RequestHead*>(userdata);
-    const std::string_view text = value ? value : "";
-    if (::strcasecmp(key, MHD_HTTP_HEADER_HOST) == 0) {
+    const std::string_view name(key, keySize);
+    const std::string_view text = value ? std::string_view(value, valueSize) : std::string_view();
+    if (!isWellFormedHeader(name, text)) {
+        head.crookedHeaders = true;
+    } else if (isHeader(name, MHD_HTTP_HEADER_HOST)) {
         head.hosts.push_back(text);
-    } else if (::strcasecmp(key, MHD_HTTP_HEADER_ORIGIN) == 0) {
+    } else if (isHeader(name, MHD_HTTP_HEADER_ORIGIN)) {
         head.hasOrigin = true;
-    } else if (::strcasecmp(key, MHD_HTTP_HEADER_CONTENT_LENGTH) == 0) {
+    } else if (isHeader(name, MHD_HTTP_HEADER_TRANSFER_ENCODING)) {
+        head.transferEncodings.push_back(text);
+    } else if (isHeader(name, MHD_HTTP_HEADER_CONTENT_LENGTH)) {
         std::size_t length = 0;
         const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), length);
         // A length that cannot be read is longer than anything that is taken.
         head.contentLength = failure == std::errc() && end == text.data() + text.size() ? length : ~std::size_t{0};
+        ++head.contentLengths;
     }
     return MHD_YES;
 }
@@ -192,10 +204,10 @@ struct HTTPFront::Internals {
     }
 
     static MHD_Result handle(void* userdata, MHD_Connection* connection, const char* target, const char* method,
-                             const char* /*version*/, const char* upload, std::size_t* uploadSize, void** context) {
+                             const char* version, const char* upload, std::size_t* uploadSize, void** context) {
         auto& self = *static_cast<Internals*>(userdata);
         if (!*context) {
-            return self.begin(connection, target, method, context);
+            return self.begin(connection, target, method, version, context);
         }
         const ExchangeRef exchange = *static_cast<ExchangeRef*>(*context);
         if (*uploadSize > 0) {
@@ -205,14 +217,16 @@ struct HTTPFront::Internals {
     }
 
     /// The head is there, the body is not.
-    MHD_Result begin(MHD_Connection* connection, const char* target, const char* method, void** context) {
+    MHD_Result begin(MHD_Connection* connection, const char* target, const char* method, const char* version,
+                     void** context) {
         RequestHead head;
         head.method = method;
         head.target = target;
+        head.version = version;
         requestBegun(connection);
         const Connection* const its = connectionOf(connection);
         head.peerIsUser = its && its->peerIsUser;
-        MHD_get_connection_values(connection, MHD_HEADER_KIND, &readHeader, &head);
+        MHD_get_connection_values_n(connection, MHD_HEADER_KIND, &readHeader, &head);
         const Verdict verdict = judge(head);
         switch (verdict.action) {
         case Verdict::Action::Refuse:
@@ -232,7 +246,7 @@ struct HTTPFront::Internals {
     static MHD_Result receive(Exchange& exchange, const char* upload, std::size_t* uploadSize) {
         if (*uploadSize > kLargestRequest - exchange.body.size()) {
             exchange.tooLarge = true;
-            exchange.body.clear();
+            Data().swap(exchange.body);  // what has come is given back, what still comes is not kept
         }
         if (!exchange.tooLarge) {
             const auto* p = reinterpret_cast<const std::byte*>(upload);

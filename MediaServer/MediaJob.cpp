@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include "GradualFlush.h"
 #include "MediaRequest.h"
 #include "ServerError.h"
 
@@ -94,6 +95,15 @@ std::vector<int> MediaJob::descriptors() const {
         all.push_back(folder_->descriptor());
     }
     return all;
+}
+
+ErrorRef MediaJob::flush(const std::function<bool()>& onLife) {
+    // Pictures are small.
+    const int number = file_ ? flushGradually(file_->descriptor(), onLife) : 0;
+    const std::string destination = request_->encodingDestinationFilename().value_or("");
+    return number == 0 ? nullptr
+                       : makeError(ErrorCode::UnwritableDestination, fmt::format("{} cannot be written.", destination),
+                                   std::strerror(number), destination);
 }
 
 ErrorRef MediaJob::commit(KRVOperationBase& record) {

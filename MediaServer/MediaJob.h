@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -21,6 +22,9 @@ public:
     [[nodiscard]] const KRVOperationBase& request() const noexcept { return *request_; }
     /// What the worker gets: the sources in order and, where there is one, the file it writes.
     [[nodiscard]] std::vector<int> descriptors() const;
+
+    /// Writes what the worker has made to the disk, which may take long: see flushGradually(). Null, or the error.
+    [[nodiscard]] std::shared_ptr<const Error> flush(const std::function<bool()>& onLife);
 
     /// Puts under their names what the worker has made, all of it or nothing, and completes its record. Null, or the
     /// error.

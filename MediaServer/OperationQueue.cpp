@@ -23,20 +23,32 @@ std::string newId() {
     return id;
 }
 
-double secondsBetween(ServerOperation::Time from, ServerOperation::Time to) {
-    return std::chrono::duration<double>(to - from).count();
+/// What progress becomes after so much life. Where little is left the steps become smaller, so that it never arrives.
+double crept(double progress, std::chrono::duration<double> life) {
+    constexpr std::chrono::hours kTail{1};
+    const double steady = life.count() * OperationQueue::kCreepPerSecond;
+    const double towardsTheEnd = (kNearlyDone - progress) * std::min(life / kTail, 1.0);
+    return progress + std::max(std::min(steady, towardsTheEnd), 0.0);
 }
 
 }  // namespace
 
+OperationQueue::Lane OperationQueue::laneFor(std::int32_t operationType) noexcept {
+    return operationType == OpProvideMetadata || operationType == OpGetInterestingTimes ? Lane::Short : Lane::Long;
+}
+
+std::size_t OperationQueue::kindOf(const ServerOperation& operation) noexcept {
+    return static_cast<std::size_t>(laneFor(operation.request->operationType()));
+}
+
 OperationQueue::OperationQueue(unsigned lanes, Work work, Changed changed, Clock clock)
     : work_(std::move(work))
     , changed_(std::move(changed))
-    , clock_(std::move(clock))
-    , lastLife_(clock_()) {
+    , clock_(std::move(clock)) {
     for (unsigned i = 0; i < std::max(lanes, 1U); ++i) {
-        lanes_.emplace_back([this] { laneLoop(); });
+        lanes_.emplace_back([this] { laneLoop(static_cast<std::size_t>(Lane::Long)); });
     }
+    lanes_.emplace_back([this] { laneLoop(static_cast<std::size_t>(Lane::Short)); });
 }
 
 OperationQueue::~OperationQueue() {
@@ -44,10 +56,14 @@ OperationQueue::~OperationQueue() {
         const LockGuard lock(mutex_);
         stopping_ = true;
         closed_ = true;
-        waiting_.clear();
+        for (Kind& kind : kinds_) {
+            kind.waiting.clear();
+        }
     }
     cancelEverything();
-    wake_.notify_all();
+    for (auto& wake : wake_) {
+        wake.notify_all();
+    }
     for (std::thread& lane : lanes_) {
         lane.join();
     }
@@ -58,37 +74,44 @@ OperationRef OperationQueue::add(const KRVOperationBase::Ref& request, const Cli
     operation->id = newId();
     operation->request = request;
     operation->client = client;
+    const std::size_t kind = kindOf(*operation);
     {
         const LockGuard lock(mutex_);
-        if (closed_ || waiting_.size() >= kLongestQueue) {
+        std::size_t waiting = 0;
+        for (const Kind& each : kinds_) {
+            waiting += each.waiting.size();
+        }
+        if (closed_ || waiting >= kLongestQueue) {
             return nullptr;
         }
         operation->queuedAt = clock_();
-        waiting_.push_back(operation);
+        kinds_.at(kind).waiting.push_back(operation);
         order_.push_back(operation);
         known_[operation->id] = operation;
     }
-    wake_.notify_one();
+    wake_.at(kind).notify_one();
     return operation;
 }
 
-void OperationQueue::laneLoop() {
+void OperationQueue::laneLoop(std::size_t kind) {
     for (;;) {
         OperationRef operation;
         {
             const LockGuard lock(mutex_);
-            while (waiting_.empty() && !stopping_) {
-                wake_.wait(mutex_);
+            Kind& ours = kinds_.at(kind);
+            while (ours.waiting.empty() && !stopping_) {
+                wake_.at(kind).wait(mutex_);
             }
             if (stopping_) {
                 return;
             }
-            operation = waiting_.front();
-            waiting_.pop_front();
+            operation = ours.waiting.front();
+            ours.waiting.pop_front();
             operation->state = ServerOperation::State::Running;
             operation->startedAt = clock_();
+            operation->livedAt = operation->startedAt;
             operation->base = operation->progress;
-            lastLife_ = operation->startedAt;
+            ours.lastLife = operation->startedAt;
         }
         carryOut(operation);
     }
@@ -99,6 +122,7 @@ void OperationQueue::carryOut(const OperationRef& operation) {
     {
         const LockGuard lock(mutex_);
         end(*operation, std::move(outcome));
+        creep(kinds_.at(kindOf(*operation)));
         logOperation(*operation);
     }
     changed_();
@@ -109,21 +133,26 @@ void OperationQueue::reported(ServerOperation& operation, double fraction) {
     bool visible = false;
     {
         const LockGuard lock(mutex_);
+        const auto now = clock_();
         const double filled = operation.base + (1.0 - operation.base) * std::clamp(fraction, 0.0, 1.0);
-        const double shown = std::max(operation.progress, std::min(filled, kNearlyDone));
+        const double shown =
+            std::max(crept(operation.progress, now - operation.livedAt), std::min(filled, kMostReported));
         visible = shown - operation.progress >= kVisible;
         operation.progress = shown;
-        // What waits lives by what moves ahead of it.
-        const auto now = clock_();
-        const double creep = secondsBetween(lastLife_, now) * kCreepPerSecond;
-        lastLife_ = now;
-        for (const OperationRef& each : waiting_) {
-            each->progress = std::min(each->progress + creep, kNearlyDone);
-        }
+        operation.livedAt = now;
+        creep(kinds_.at(kindOf(operation)));
     }
     if (visible) {
         changed_();
     }
+}
+
+void OperationQueue::creep(Kind& kind) {
+    const auto now = clock_();
+    for (const OperationRef& each : kind.waiting) {
+        each->progress = crept(each->progress, now - kind.lastLife);
+    }
+    kind.lastLife = now;
 }
 
 void OperationQueue::end(ServerOperation& operation, Outcome outcome) {
@@ -197,7 +226,8 @@ std::optional<KRVOperationBase::Ref> OperationQueue::finishedRecord(const std::s
 bool OperationQueue::cancelLocked(ServerOperation& operation) {
     switch (operation.state) {
     case ServerOperation::State::Queued:
-        std::erase_if(waiting_, [&](const OperationRef& each) { return each.get() == &operation; });
+        std::erase_if(kinds_.at(kindOf(operation)).waiting,
+                      [&](const OperationRef& each) { return each.get() == &operation; });
         end(operation, {Outcome::Kind::Cancelled, nullptr, nullptr});
         logOperation(operation);
         return true;
@@ -298,13 +328,16 @@ void OperationQueue::close() {
     {
         const LockGuard lock(mutex_);
         closed_ = true;
-        for (const OperationRef& operation : waiting_) {
-            end(*operation, {Outcome::Kind::Failed,
-                             makeError(ErrorCode::CannotTakeWorkNow, "The media server is shutting down.",
-                                       "the operation had not begun"),
-                             nullptr});
+        for (Kind& kind : kinds_) {
+            for (const OperationRef& operation : kind.waiting) {
+                end(*operation, {Outcome::Kind::Failed,
+                                 makeError(ErrorCode::CannotTakeWorkNow, "The media server is shutting down.",
+                                           "the operation had not begun"),
+                                 nullptr});
+                logOperation(*operation);
+            }
+            kind.waiting.clear();
         }
-        waiting_.clear();
     }
     changed_();
 }

@@ -31,6 +31,8 @@ struct ServerOperation {
     KRVOperationBase::Ref result;
     Time queuedAt{};
     Time startedAt{};
+    /// When its worker was last heard of.
+    Time livedAt{};
     Time finishedAt{};
     /// Whether the client has been told of the end.
     bool endTold = false;

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cerrno>
+#include <utility>
 
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -34,7 +35,7 @@ constexpr auto kFarewell = 3s;
 ServerProcess::ServerProcess(Settings settings)
     : settings_(std::move(settings))
     , wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
-    , workers_(settings_.workerExecutable, kSpareWorkers)
+    , workers_(settings_.workerExecutable, kSpareWorkers, settings_.workerMemory)
     , queue_(
           settings_.lanes,
           [this](ServerOperation& operation, const std::function<void(double)>& onProgress) {
@@ -55,6 +56,16 @@ Outcome ServerProcess::carryOut(ServerOperation& operation, const std::function<
     }
     Outcome outcome = worker_.run(*job, operation.cancellation, onProgress);
     if (outcome.kind == Outcome::Kind::Completed) {
+        const auto onLife = [&] {
+            onProgress(1.0);
+            return !operation.cancellation.requested();
+        };
+        if (auto failure = job->flush(onLife)) {
+            return {Outcome::Kind::Failed, std::move(failure), nullptr};
+        }
+        if (operation.cancellation.requested()) {
+            return {Outcome::Kind::Cancelled, nullptr, nullptr};
+        }
         if (auto failure = job->commit(*outcome.record)) {
             return {Outcome::Kind::Failed, std::move(failure), nullptr};
         }
@@ -149,7 +160,7 @@ int ServerProcess::run(int signals) {
         }
         signalfd_siginfo info{};
         if ((waiting[0].revents & POLLIN) != 0 && ::read(signals, &info, sizeof info) == sizeof info) {
-            if (shuttingDown_) {
+            if (std::exchange(signalled_, true)) {
                 serverLog(kLogFlagInfo, "shutdown", "cancelling what runs");
                 queue_.cancelEverything();
             }

@@ -20,7 +20,7 @@ namespace krv::server {
 /// The server as a whole: puts its parts together, looks after its clients, and knows when to end.
 ///
 /// It ends when it is asked to (a signal, or an operation of type 17) and what runs has finished, or when nobody has
-/// needed it for a while. A second signal cancels what runs.
+/// needed it for a while. A second signal cancels what runs; operations of type 17 never do, however many come.
 class ServerProcess {
 public:
     struct Settings {
@@ -28,6 +28,8 @@ public:
         std::int32_t maximumPort;
         std::string serviceName;
         std::string workerExecutable;
+        /// Bytes that each worker may write to; zero: what suits this machine.
+        std::uint64_t workerMemory;
         unsigned lanes;
         /// Zero: never.
         std::chrono::seconds idleTimeout;
@@ -53,6 +55,7 @@ private:
     Descriptor wake_;
     std::atomic<bool> shutDownRequested_{false};
     bool shuttingDown_ = false;
+    bool signalled_ = false;
     std::chrono::steady_clock::time_point lastNeeded_ = start_;
     std::chrono::steady_clock::time_point workEnded_{};
 

@@ -20,7 +20,7 @@ namespace {
 constexpr int kChannelDescriptor = 3;
 
 /// Starts the program with its end of the wire; -1 with errno when it cannot be.
-pid_t spawn(const std::string& executable, int channelEnd) {
+pid_t spawn(const std::string& executable, std::uint64_t memoryLimit, int channelEnd) {
     posix_spawn_file_actions_t files;
     posix_spawn_file_actions_init(&files);
     for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
@@ -37,7 +37,8 @@ pid_t spawn(const std::string& executable, int channelEnd) {
     posix_spawnattr_setsigdefault(&attributes, &all);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     const std::string server = std::to_string(::getpid());
-    const char* const arguments[] = {executable.c_str(), server.c_str(), nullptr};
+    const std::string memory = std::to_string(memoryLimit);
+    const char* const arguments[] = {executable.c_str(), server.c_str(), memory.c_str(), nullptr};
     pid_t pid = -1;
     const int failure =
         ::posix_spawn(&pid, executable.c_str(), &files, &attributes, const_cast<char* const*>(arguments), environ);
@@ -68,9 +69,10 @@ int Worker::end() {
     return status;
 }
 
-WorkerPool::WorkerPool(std::string executable, unsigned spares)
+WorkerPool::WorkerPool(std::string executable, unsigned spares, std::uint64_t memoryLimit)
     : executable_(std::move(executable))
     , spares_(spares)
+    , memoryLimit_(memoryLimit)
     , keeper_([this] { keep(); }) {}
 
 WorkerPool::~WorkerPool() {
@@ -94,7 +96,7 @@ std::unique_ptr<Worker> WorkerPool::start(std::string& failure) const {
     if (theirs.get() == kChannelDescriptor) {
         theirs.reset(::fcntl(theirs.get(), F_DUPFD_CLOEXEC, kChannelDescriptor + 1));
     }
-    const pid_t pid = spawn(executable_, theirs.get());
+    const pid_t pid = spawn(executable_, memoryLimit_, theirs.get());
     if (pid < 0) {
         failure = fmt::format("{}: {}", executable_, std::strerror(errno));
         return nullptr;

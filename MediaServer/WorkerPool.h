@@ -1,6 +1,7 @@
 #pragma once
 
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <memory>
 #include <string>
@@ -41,8 +42,9 @@ private:
 /// pool's own thread starts the next one meanwhile. Any thread.
 class WorkerPool {
 public:
-    /// executable: the worker program. spares: how many to keep ready; they are started at once.
-    WorkerPool(std::string executable, unsigned spares);
+    /// executable: the worker program. spares: how many to keep ready; they are started at once. memoryLimit: the bytes
+    /// that each worker may write to; zero for what suits this machine.
+    WorkerPool(std::string executable, unsigned spares, std::uint64_t memoryLimit = 0);
     /// Ends the spares. Workers that were taken must have gone.
     ~WorkerPool();
     WorkerPool(const WorkerPool&) = delete;
@@ -61,6 +63,7 @@ private:
 
     const std::string executable_;
     const unsigned spares_;
+    const std::uint64_t memoryLimit_;
     mutable Mutex mutex_;
     std::condition_variable_any changed_;
     std::deque<std::unique_ptr<Worker>> ready_ KRV_GUARDED_BY(mutex_);

@@ -23,6 +23,8 @@ using namespace krv::server;
 constexpr std::string_view kLoggingDomainKey = "KRVLoggingDomain";
 constexpr std::string_view kIdleTimeoutKey = "idleTimeout";
 constexpr std::int64_t kDefaultIdleSeconds = 600;
+/// In MiB; without it half of the machine's memory, between one and eight GiB.
+constexpr std::string_view kWorkerMemoryLimitKey = "workerMemoryLimit";
 
 /// Blocks what asks for the end, in this thread and all that it starts, and returns a descriptor that tells of it.
 int signalsOfTheEnd() {
@@ -49,6 +51,12 @@ void allowManyDescriptors() {
 std::chrono::seconds idleTimeout(const UserDefaults& defaults) {
     return std::chrono::seconds(defaults.stringForKey(kIdleTimeoutKey) ? defaults.integerForKey(kIdleTimeoutKey)
                                                                        : kDefaultIdleSeconds);
+}
+
+std::uint64_t workerMemory(const UserDefaults& defaults) {
+    constexpr std::int64_t kMost = std::int64_t{1} << 30;
+    return static_cast<std::uint64_t>(std::clamp<std::int64_t>(defaults.integerForKey(kWorkerMemoryLimitKey), 0, kMost))
+           << 20;
 }
 
 }  // namespace
@@ -80,6 +88,7 @@ int main() {
                           .maximumPort = PortNumbering::maximumPortNumber(),
                           .serviceName = ServerNaming::machineSpecificNameFor(kHTTPServerDiscoveryDefaultServiceName),
                           .workerExecutable = (self.parent_path() / "KRVMediaWorker").string(),
+                          .workerMemory = workerMemory(defaults),
                           .lanes = std::max(std::thread::hardware_concurrency(), 1U),
                           .idleTimeout = idleTimeout(defaults)});
     return server.run(signals);

@@ -1,5 +1,8 @@
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <limits>
 
 #include <unistd.h>
 
@@ -59,6 +62,9 @@ void OutputFile::write(const AVStream& stream, AVPacket& packet, AVRational time
     packet.stream_index = stream.index;
     packet.pos = -1;
     av_packet_rescale_ts(&packet, timeBase, stream.time_base);
+    // A damaged head can make a picture last for days, which no container can say. The longest that can be said will
+    // do.
+    packet.duration = std::clamp<std::int64_t>(packet.duration, 0, std::numeric_limits<int>::max());
     const int result = av_interleaved_write_frame(format_, &packet);
     if (result == AVERROR_INVALIDDATA && io_.errorNumber() == 0)
         return;

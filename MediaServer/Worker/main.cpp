@@ -1,6 +1,10 @@
 // KRVMediaWorker: the process in which media code meets a file. It shuts itself in, waits for one job, whose files it
 // is handed open, carries it out and ends. It also ends when the server does.
+//
+// Arguments: the server's process id, and the bytes of memory that may be written to (0: what suits this machine).
 #include <csignal>
+#include <cstdint>
+#include <cstdlib>
 
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -33,8 +37,12 @@ int main(int argc, char** argv) {
     ::close_range(kChannelDescriptor + 1, ~0U, 0);
     std::signal(SIGPIPE, SIG_IGN);
 
+    krv::server::WorkerLimits limits;
+    if (const std::uint64_t memory = argc > 2 ? std::strtoull(argv[2], nullptr, 10) : 0; memory > 0) {
+        limits.memory = memory;
+    }
     // The server has said what its kernel lacks.
-    (void)krv::server::enterSandbox();
+    (void)krv::server::enterSandbox(limits);
     krv::server::dropStartUpPages();
 
     krv::server::WorkerChannel channel{krv::server::Descriptor(kChannelDescriptor)};

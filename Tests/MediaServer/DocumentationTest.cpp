@@ -19,13 +19,30 @@ std::string page() {
 }
 
 TEST(Documentation, NamesEveryKey) {
-    for (const std::string_view key :
-         {kArgumentThumbnailInfoSize, kArgumentThumbnailCount, kArgumentMovieInfoMetadata, kArgumentMergeSources,
-          kArgumentMergeSourcesUseShortest, kArgumentTrackIndex, kResultInterestingTimes, kResultInterestingTimeValues,
-          kResultInterestingTimeTimescale, kResultThumbnails, kThumbnailPath, kThumbnailTime, kMediaMetadataCodec,
-          kMediaMetadataDuration, kMediaMetadataDimensions, kMediaMetadataAudio, kMediaMetadataSize, kMediaMetadataPath,
-          kMediaMetadataCreation, kMediaMetadataModified, kMediaMetadataFrameRate, kMediaMetadataPoster, kFilePathKey,
-          kErrorDomain}) {
+    for (const std::string_view key : {kArgumentThumbnailInfoSize,
+                                       kArgumentThumbnailCount,
+                                       kArgumentMovieInfoMetadata,
+                                       kArgumentMergeSources,
+                                       kArgumentMergeSourcesUseShortest,
+                                       kArgumentTrackIndex,
+                                       kResultInterestingTimes,
+                                       kResultInterestingTimeValues,
+                                       kResultInterestingTimeTimescale,
+                                       kResultThumbnails,
+                                       kThumbnailPath,
+                                       kThumbnailTime,
+                                       kMediaMetadataCodec,
+                                       kMediaMetadataDuration,
+                                       kMediaMetadataDimensions,
+                                       kMediaMetadataAudio,
+                                       kMediaMetadataSize,
+                                       kMediaMetadataPath,
+                                       kMediaMetadataCreation,
+                                       kMediaMetadataModified,
+                                       kMediaMetadataFrameRate,
+                                       kMediaMetadataPoster,
+                                       kFilePathKey,
+                                       kErrorDomain}) {
         EXPECT_THAT(page(), testing::HasSubstr(fmt::format("\"{}\"", key)));
     }
 }

@@ -128,6 +128,21 @@ TEST_F(Endurance, MutatedMoviesEndInAnErrorOrAMovieAndNothingElse) {
     EXPECT_EQ(convert(movie(), out()), nullptr);
 }
 
+/// What is left of an old movie whose head says that each picture lasts for a week.
+TEST_F(Endurance, APictureThatLastsForDaysIsNoInternalError) {
+    start();
+    std::ifstream in(std::string(KRV_TEST_MEDIA) + "/old.avi", std::ios::binary);
+    std::string bytes(std::istreambuf_iterator<char>(in), {});
+    const std::size_t header = bytes.find("strh");
+    ASSERT_NE(header, std::string::npos);
+    constexpr std::size_t kScale = 28;
+    bytes[header + kScale + 2] = '\xE6';
+    bytes.resize(bytes.size() / 4);
+    const auto error = convert(folder.write("slow.avi", bytes), out());
+    EXPECT_EQ(error, nullptr) << error->description();
+    EXPECT_EQ(filesInOut(), 1U);
+}
+
 TEST_F(Endurance, AFolderThatGoesInMidWorkIsErrorFive) {
     start();
     const fs::path place = folder.path() / "out" / "going";

@@ -5,14 +5,13 @@
 #include <string>
 #include <vector>
 
-#include <gmock/gmock.h>
-
 #include <MediaServer/Media/CodecTable.h>
 #include <MediaServer/Media/ContainerTable.h>
 #include <MediaServer/Media/EncodingType.h>
 #include <MediaServer/Media/FourCC.h>
 #include <MediaServer/Media/Settings.h>
 #include <fmt/format.h>
+#include <gmock/gmock.h>
 
 #include "MediaTestKit.h"
 
@@ -105,10 +104,9 @@ TEST(Documentation, ListsTheEncodingTypesAsTheyAre) {
 }
 
 TEST(Documentation, ListsSettingsThatAreTaken) {
-    const std::map<std::string, std::string> values{{"width", "64"},         {"height", "64"},
-                                                    {"bitrate", "100000"},   {"preset", "fast"},
-                                                    {"channels", "2"},       {"sampleRate", "44100"},
-                                                    {"pixelFormat", "yuv420p"}};
+    const std::map<std::string, std::string> values{
+        {"width", "64"},   {"height", "64"},        {"bitrate", "100000"},     {"preset", "fast"},
+        {"channels", "2"}, {"sampleRate", "44100"}, {"pixelFormat", "yuv420p"}};
     const auto rows = table("Key | For");
     EXPECT_EQ(rows.size(), values.size());
     for (const Row& row : rows) {

@@ -1,0 +1,222 @@
+// Conversions through the real server and its workers: how they end, and what they leave.
+#include <cmath>
+#include <csignal>
+#include <fstream>
+#include <iterator>
+#include <limits>
+#include <thread>
+#include <utility>
+
+#include "ServerFixture.h"
+
+namespace krv::server {
+namespace {
+
+TEST_F(Server, ConvertsAMovieFromEndToEnd) {
+    start();
+    EXPECT_EQ(convert(movie(), out()), nullptr);
+    EXPECT_GT(fs::file_size(out()), 1000U);
+    EXPECT_EQ(filesInOut(), 1U);
+    for (std::size_t i = 1; i < observer->seen.size(); ++i) {
+        EXPECT_GE(observer->seen[i], observer->seen[i - 1]);
+    }
+    EXPECT_EQ(status()["finished"], 1);
+    EXPECT_EQ(status()["running"], 0);
+}
+
+TEST_F(Server, EndsBadInputInTheErrorOfTheTable) {
+    start();
+    const auto empty = folder.write("empty.mov", "");
+    const auto text = folder.write("text.mp4", "this is no movie at all, only some words in a file of that name");
+    std::ifstream in(movie(), std::ios::binary);
+    const std::string whole{std::istreambuf_iterator<char>(in), {}};
+    const auto truncated = folder.write("truncated.mov", whole.substr(0, 200));
+    struct Case {
+        std::string source;
+        std::string destination;
+        int code;
+        std::string named;
+    };
+    fs::create_symlink(movie(), folder.path() / "link.mov");
+    fs::copy_file(movie(), folder.path() / "copy.mov");
+    fs::create_hard_link(folder.path() / "copy.mov", folder.path() / "twin.mov");
+    const std::string copy = (folder.path() / "copy.mov").string();
+    const std::string twin = (folder.path() / "twin.mov").string();
+    for (const Case& each : std::vector<Case>{{"/missing/in.mov", out(), 3, "/missing/in.mov"},
+                                              {empty, out(), 4, empty},
+                                              {text, out(), 4, text},
+                                              {truncated, out(), 4, truncated},
+                                              {folder.path().string(), out(), 4, folder.path().string()},
+                                              {"/dev/null", out(), 4, "/dev/null"},
+                                              {movie(), "/missing/out.mp4", 5, "/missing/out.mp4"},
+                                              {movie(), folder.path().string(), 5, folder.path().string()},
+                                              {movie(), "/proc/out.mp4", 5, "/proc/out.mp4"},
+                                              {movie(), out("out.xyz"), 6, out("out.xyz")},
+                                              {copy, copy, 10, copy},
+                                              {copy, twin, 10, copy}}) {
+        const auto error = convert(each.source, each.destination);
+        ASSERT_TRUE(error) << each.source;
+        EXPECT_EQ(error->domain(), "KRVQuicktimeProcess");
+        EXPECT_EQ(error->code(), each.code) << each.source << " " << error->description();
+        const std::string name = fs::path(each.named).filename().string();
+        EXPECT_NE(error->localizedDescription().find(name), std::string::npos) << error->localizedDescription();
+        EXPECT_EQ((*error->userInfo())["KRVFilePath"], Value(each.named));
+        EXPECT_FALSE(error->localizedFailureReason().empty());
+        EXPECT_EQ(filesInOut(), 0U);
+    }
+    EXPECT_EQ(convert((folder.path() / "link.mov").string(), out()), nullptr);
+}
+
+/// Permissions of a file for a while; the old ones come back, so that its folder can be removed.
+class Permissions {
+public:
+    Permissions(fs::path path, fs::perms permissions)
+        : path_(std::move(path))
+        , before_(fs::status(path_).permissions()) {
+        fs::permissions(path_, permissions);
+    }
+    ~Permissions() { fs::permissions(path_, before_); }
+    Permissions(const Permissions&) = delete;
+    Permissions& operator=(const Permissions&) = delete;
+
+private:
+    const fs::path path_;
+    const fs::perms before_;
+};
+
+void expectDenied(const std::shared_ptr<const Error>& error, int code, const std::string& path,
+                  const std::string& what) {
+    ASSERT_TRUE(error) << path;
+    EXPECT_EQ(error->domain(), "KRVQuicktimeProcess");
+    EXPECT_EQ(error->code(), code) << error->description();
+    EXPECT_EQ(error->localizedDescription(), path + what);
+    EXPECT_EQ(error->localizedFailureReason(), "Permission denied");
+    EXPECT_EQ((*error->userInfo())["KRVFilePath"], Value(path));
+}
+
+TEST_F(Server, ASourceThatItMayNotReadIsErrorThree) {
+    startHeldByPermissions();
+    fs::copy_file(movie(), folder.path() / "in.mov");
+    const std::string source = (folder.path() / "in.mov").string();
+    {
+        const Permissions none(source, fs::perms::none);
+        expectDenied(convert(source, out()), 3, source, " cannot be read.");
+    }
+    {
+        const Permissions writeOnly(source, fs::perms::owner_write);
+        expectDenied(convert(source, out()), 3, source, " cannot be read.");
+    }
+    fs::create_directory(folder.path() / "closed");
+    fs::copy_file(movie(), folder.path() / "closed" / "in.mov");
+    const std::string hidden = (folder.path() / "closed" / "in.mov").string();
+    {
+        const Permissions noSearch(folder.path() / "closed", fs::perms::owner_read | fs::perms::owner_write);
+        expectDenied(convert(hidden, out()), 3, hidden, " cannot be read.");
+    }
+    EXPECT_EQ(filesInOut(), 0U);
+    const Permissions readOnly(source, fs::perms::owner_read);
+    EXPECT_EQ(convert(source, out()), nullptr);
+    EXPECT_EQ(filesInOut(), 1U);
+}
+
+TEST_F(Server, ADestinationThatItMayNotWriteIsErrorFive) {
+    startHeldByPermissions();
+    {
+        const Permissions readOnly(folder.path() / "out", fs::perms::owner_read | fs::perms::owner_exec);
+        expectDenied(convert(movie(), out()), 5, out(), " cannot be written.");
+    }
+    {
+        const Permissions none(folder.path() / "out", fs::perms::none);
+        expectDenied(convert(movie(), out()), 5, out(), " cannot be written.");
+    }
+    EXPECT_EQ(filesInOut(), 0U);
+    folder.write("out/out.mp4", "precious");
+    {
+        const Permissions readOnly(out(), fs::perms::owner_read);
+        expectDenied(convert(movie(), out()), 5, out(), " cannot be written.");
+    }
+    EXPECT_EQ(filesInOut(), 1U);
+    EXPECT_EQ(fs::file_size(out()), 8U);
+}
+
+TEST_F(Server, NeedsNoMoreThanToWriteInTheFolder) {
+    startHeldByPermissions();
+    const Permissions noList(folder.path() / "out", fs::perms::owner_write | fs::perms::owner_exec);
+    EXPECT_EQ(convert(movie(), out()), nullptr);
+    EXPECT_GT(fs::file_size(out()), 1000U);
+    EXPECT_EQ(convert(movie(), out()), nullptr);  // replaces it
+    EXPECT_GT(fs::file_size(out()), 1000U);
+}
+
+TEST_F(Server, RefusesSettingsThatCannotBe) {
+    start();
+    const auto code = [this](std::uint32_t codec, float quality, float fps, std::string_view text) {
+        const auto* p = reinterpret_cast<const std::byte*>(text.data());
+        const auto video =
+            VideoEncodingParameters::encodingParametersWithData(std::make_shared<const Data>(p, p + text.size()));
+        video->setCodec(codec);
+        video->setQuality(quality);
+        video->setFps(fps);
+        std::shared_ptr<const Error> error;
+        client->convertMovie(movie(), out(), video, nullptr, nullptr, &error);
+        EXPECT_EQ(filesInOut(), error ? 0U : 1U);
+        return error ? error->code() : 0;
+    };
+    EXPECT_EQ(code(0x61766331, std::nanf(""), 0, ""), 6);
+    EXPECT_EQ(code(0x61766331, 0, std::numeric_limits<float>::infinity(), ""), 6);
+    EXPECT_EQ(code(0x61766331, -1, 0, ""), 6);
+    EXPECT_EQ(code(0x7A7A7A7A, 0, 0, ""), 6);
+    EXPECT_EQ(code(0x61766331, 0, 0, "no-such-key=1"), 6);
+    EXPECT_EQ(code(0x61766331, 0.5F, 0, "width=160:preset=veryfast"), 0);
+}
+
+TEST_F(Server, ACancelledConversionLeavesNothing) {
+    start();
+    std::ofstream(out()) << "old";
+    observer->onProgress = [](const R&, float) { return false; };
+    const std::string source = std::string(KRV_TEST_MEDIA) + "/long.mov";
+    std::shared_ptr<const Error> error;
+    client->convertMovie(source, out(), 1, false, observer, &error);
+    EXPECT_EQ(error, nullptr);
+    while (status()["running"] != 0) {
+    }
+    std::ifstream in(out());
+    EXPECT_EQ((std::string{std::istreambuf_iterator<char>(in), {}}), "old");
+    EXPECT_EQ(filesInOut(), 1U);
+}
+
+TEST_F(Server, AWorkerThatIsKilledCostsItsOperationOnly) {
+    start();
+    std::ofstream(out()) << "old";
+    // One that has reported progress has begun: one that dies before that is replaced, and nobody notices.
+    observer->onProgress = [this, killed = false](const R&, float progress) mutable {
+        if (progress > 0.0F && !std::exchange(killed, true)) {
+            ::kill(worker(), SIGKILL);
+        }
+        return true;
+    };
+    const auto error = convert(std::string(KRV_TEST_MEDIA) + "/longer.mov", out());
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code(), 7);
+    EXPECT_EQ(error->localizedFailureReason(), "the worker was ended by signal 9 (Killed)");
+    EXPECT_EQ(filesInOut(), 1U);
+    EXPECT_EQ(convert(movie(), out("second.mp4")), nullptr);
+}
+
+TEST_F(Server, AServerThatIsKilledTakesItsWorkersAlongAndLeavesNothing) {
+    start();
+    const std::string source = std::string(KRV_TEST_MEDIA) + "/long.mov";
+    pid_t workerPid = 0;
+    std::thread killer([&] {
+        workerPid = worker();
+        process->signal(SIGKILL);
+    });
+    EXPECT_THROW(convert(source, out()), Exception);
+    killer.join();
+    while (::kill(workerPid, 0) == 0 && ProcessTable::system().process(workerPid)) {
+    }
+    EXPECT_EQ(filesInOut(), 0U);
+}
+
+}  // namespace
+}  // namespace krv::server

@@ -1,0 +1,101 @@
+// Two users of one machine: neither's programs reach the other's server.
+#include <sys/wait.h>
+
+#include <grp.h>
+
+#include "ScriptedServerProcess.h"
+#include "ServerFixture.h"
+
+namespace krv::server {
+namespace {
+
+constexpr uid_t kSomebodyElse = 54321;
+
+class OtherUser : public Server {
+protected:
+    void SetUp() override {
+        if (!asSomebodyElse([] { return true; })) {
+            GTEST_SKIP() << "only a machine's root can become another user";
+        }
+    }
+    /// Whether the call, made in a child process as another user, returns true.
+    static bool asSomebodyElse(const std::function<bool()>& call) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            const bool changed = ::setgroups(0, nullptr) == 0 &&
+                                 ::setresgid(kSomebodyElse, kSomebodyElse, kSomebodyElse) == 0 &&
+                                 ::setresuid(kSomebodyElse, kSomebodyElse, kSomebodyElse) == 0;
+            ::_exit(changed && call() ? 0 : 1);
+        }
+        int status = -1;
+        return ::waitpid(child, &status, 0) == child && status == 0;
+    }
+    std::string registration() const {
+        const auto record = R::registerWithServerOperation()->convertToData();
+        return fmt::format("POST / HTTP/1.1\r\n{}Content-Length: {}\r\n\r\n", host(), record.size()) +
+               std::string(reinterpret_cast<const char*>(record.data()), record.size());
+    }
+};
+
+TEST_F(OtherUser, IsServedNothing) {
+    start();
+    const std::string post = registration();
+    const std::string get = "GET /status HTTP/1.1\r\n" + host() + "\r\n";
+    EXPECT_TRUE(asSomebodyElse([&] { return rawStatus(post) == 403; }));
+    EXPECT_TRUE(asSomebodyElse([&] { return rawStatus(get) == 403; }));
+    EXPECT_FALSE(client->amIRegistered());
+    EXPECT_EQ(rawStatus(get), 200);
+    EXPECT_EQ(rawStatus(post), 200);
+    EXPECT_TRUE(client->amIRegistered());
+}
+
+TEST_F(OtherUser, CannotRegisterAsAClientByItsProcessId) {
+    start();
+    int ready[2];
+    int end[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    ASSERT_EQ(::pipe(end), 0);
+    const pid_t other = ::fork();
+    if (other == 0) {
+        char byte = 0;
+        const bool changed = ::setresuid(kSomebodyElse, kSomebodyElse, kSomebodyElse) == 0;
+        ::close(end[1]);
+        [[maybe_unused]] const auto told = ::write(ready[1], &byte, changed ? 1 : 0);
+        ::close(ready[1]);
+        [[maybe_unused]] const auto waited = ::read(end[0], &byte, 1);
+        ::_exit(0);
+    }
+    ::close(ready[1]);
+    char byte = 0;
+    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+    const auto operation = R::registerWithServerOperation();
+    operation->setRegInfoPID(std::int64_t{other});
+    const auto reply = ask(operation);
+    ASSERT_TRUE(reply->error());
+    EXPECT_EQ(reply->error()->code(), 9);
+    ::close(end[1]);
+    ::close(end[0]);
+    ::close(ready[0]);
+    ::waitpid(other, nullptr, 0);
+}
+
+TEST_F(OtherUser, HasAServerThatIsSentNothing) {
+    test::ScriptedServerProcess foreign({"user", std::to_string(kSomebodyElse), "report", "yes"});
+    const auto port = std::make_shared<FixedPort>(foreign.port());
+    KRVQuicktimeProcessClient misled(std::make_shared<KRVHTTPClientTransport>(port));
+    std::shared_ptr<const Error> error;
+    try {
+        misled.convertMovie("/private/name.mov", out(), 1, false, observer, &error);
+        FAIL() << "the conversion was taken";
+    } catch (const Exception& exception) {
+        EXPECT_EQ(exception.name(), kHTTPServerNSURLConnectionError);
+        EXPECT_NE(exception.reason().find("does not belong to this user"), std::string::npos) << exception.reason();
+    }
+    EXPECT_FALSE(misled.isServerReadyToTakeRequests());
+    EXPECT_FALSE(std::make_shared<KRVHTTPClientTransport>(port)->serviceReadyToRock());
+    EXPECT_EQ(foreign.requestCount(), 0);
+    EXPECT_TRUE(observer->seen.empty());
+}
+
+}  // namespace
+}  // namespace krv::server

@@ -1,0 +1,137 @@
+// What the real server does when there is too little: of the disk, and of memory.
+#include <cstdint>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+
+#include <sys/mount.h>
+
+#include "ServerFixture.h"
+
+namespace krv::server {
+namespace {
+
+/// A file system of that size, for as long as the object lives. The tests' mounts are their own.
+class SmallDisk {
+public:
+    SmallDisk(fs::path place, const std::string& options)
+        : place_(std::move(place)) {
+        fs::create_directory(place_);
+        mounted_ = ::mount("tmpfs", place_.c_str(), "tmpfs", 0, options.c_str()) == 0;
+    }
+    ~SmallDisk() {
+        ::umount2(place_.c_str(), MNT_DETACH);
+        std::error_code ignored;
+        fs::remove(place_, ignored);
+    }
+    SmallDisk(const SmallDisk&) = delete;
+    SmallDisk& operator=(const SmallDisk&) = delete;
+
+    [[nodiscard]] bool isMounted() const { return mounted_; }
+    [[nodiscard]] std::string file(const std::string& name) const { return (place_ / name).string(); }
+    [[nodiscard]] std::size_t files() const {
+        return static_cast<std::size_t>(std::distance(fs::directory_iterator(place_), {}));
+    }
+    /// What nobody holds any more is free again.
+    [[nodiscard]] std::uintmax_t free() const { return fs::space(place_).available; }
+
+private:
+    const fs::path place_;
+    bool mounted_ = false;
+};
+
+class Shortage : public Server {
+protected:
+    static std::string contents(const std::string& path) {
+        std::ifstream in(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), {}};
+    }
+    static void expectNoSpace(const std::shared_ptr<const Error>& error, const std::string& path) {
+        ASSERT_TRUE(error);
+        EXPECT_EQ(error->domain(), "KRVQuicktimeProcess");
+        EXPECT_EQ(error->code(), 5) << error->description();
+        EXPECT_EQ(error->localizedFailureReason(), "No space left on device");
+        EXPECT_NE(error->localizedDescription().find(fs::path(path).filename().string()), std::string::npos);
+        EXPECT_EQ((*error->userInfo())["KRVFilePath"], Value(path));
+    }
+};
+
+TEST_F(Shortage, AFullDiskIsErrorFiveAndLeavesWhatWasThere) {
+    start();
+    const SmallDisk disk(folder.path() / "disk", "size=2m");
+    ASSERT_TRUE(disk.isMounted());
+    const std::string out = disk.file("out.mov");
+    expectNoSpace(convert(std::string(KRV_TEST_MEDIA) + "/long.mov", out, 4), out);
+    EXPECT_EQ(disk.files(), 0U);
+    std::ofstream(out) << "old";
+    const auto before = disk.free();
+    expectNoSpace(convert(std::string(KRV_TEST_MEDIA) + "/long.mov", out, 4), out);
+    EXPECT_TRUE(contents(out) == "old");
+    EXPECT_EQ(disk.files(), 1U);
+    EXPECT_EQ(disk.free(), before);
+    EXPECT_EQ(convert(movie(), out), nullptr);
+    EXPECT_GT(fs::file_size(out), 1000U);
+    EXPECT_EQ(disk.files(), 1U);
+}
+
+/// The disk becomes full in the head, in the middle, in the index and while the index is moved in front.
+TEST_F(Shortage, WhereverTheDiskBecomesFullTheOutputIsWholeOrAbsent) {
+    start();
+    ASSERT_EQ(convert(movie(), out("whole.mp4")), nullptr);
+    const auto whole = fs::file_size(out("whole.mp4"));
+    int refused = 0;
+    int made = 0;
+    const std::uintmax_t page = 4096;
+    for (std::uintmax_t pages = 1; pages <= whole / page + 4; pages += std::max<std::uintmax_t>(1, whole / page / 8)) {
+        const SmallDisk disk(folder.path() / "disk", fmt::format("size={}", pages * page));
+        ASSERT_TRUE(disk.isMounted());
+        const std::string out = disk.file("out.mp4");
+        if (const auto error = convert(movie(), out)) {
+            expectNoSpace(error, out);
+            EXPECT_EQ(disk.files(), 0U);
+            EXPECT_EQ(disk.free(), pages * page);
+            ++refused;
+        } else {
+            EXPECT_GE(pages * page, fs::file_size(out));
+            EXPECT_NEAR(static_cast<double>(fs::file_size(out)), static_cast<double>(whole),
+                        0.1 * static_cast<double>(whole));
+            ++made;
+        }
+    }
+    EXPECT_GT(refused, 0);
+    EXPECT_EQ(convert(movie(), out("again.mp4")), nullptr);
+    std::cout << "[ measured ] " << refused << " refused, " << made << " made\n";
+}
+
+/// A GIF of forty-three bytes whose one picture is that large.
+std::string enormousPicture() {
+    const std::string side("\x80\x3E", 2);  // 16,000
+    return "GIF89a" + side + side + std::string("\x80\0\0\0\0\0\xFF\xFF\xFF", 9) +
+           std::string("\x2C\0\0\0\0\x01\0\x01\0\0", 10) + std::string("\x02\x02\x44\x01\0", 5) + ";";
+}
+
+TEST_F(Shortage, AWorkerWithoutMemoryCostsItsOperationOnly) {
+    start({"-workerMemoryLimit", "512"});
+    const std::string hostile = folder.write("hostile.gif", enormousPicture());
+    std::ofstream(out()) << "old";
+    const std::string other = ask(R::encodeVideoOperation(std::string(KRV_TEST_MEDIA) + "/long.mov", out("other.mp4")))
+                                  ->uniqueID()
+                                  .value_or("");
+    const auto error = convert(hostile, out());
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code(), 7) << error->description();
+    EXPECT_EQ(error->localizedFailureReason(), "out of memory");
+    EXPECT_EQ((*error->userInfo())["KRVFilePath"], Value(hostile));
+    EXPECT_TRUE(contents(out()) == "old");
+    R::Ref state = ask(R::progressAndCompletionOperation(other));
+    while (!state->completed() && !state->error()) {
+        state = ask(R::progressAndCompletionOperation(other));
+    }
+    EXPECT_TRUE(state->completed());
+    EXPECT_EQ(filesInOut(), 2U);
+    EXPECT_EQ(status()["pid"], process->pid());
+    EXPECT_EQ(convert(movie(), out()), nullptr);
+}
+
+}  // namespace
+}  // namespace krv::server

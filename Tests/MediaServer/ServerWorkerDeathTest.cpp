@@ -1,0 +1,149 @@
+// Workers that are killed, at every stage of their work. KRV_KILLS says how often; the same ways to die in every run.
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <random>
+#include <thread>
+
+#include "ServerFixture.h"
+
+namespace krv::server {
+namespace {
+
+enum class Stage { Waiting, Begun, InProgress, NearTheEnd, Cancelling };
+constexpr int kStages = 5;
+
+class WorkerDeath : public Server {
+protected:
+    /// The worker that has that file open; nothing when there is none.
+    std::optional<pid_t> workerOn(const std::string& source) const {
+        for (const pid_t pid : workers()) {
+            std::error_code failure;
+            for (const auto& file : fs::directory_iterator(fmt::format("/proc/{}/fd", pid), failure)) {
+                if (fs::read_symlink(file.path(), failure) == source) {
+                    return pid;
+                }
+            }
+        }
+        return std::nullopt;
+    }
+    bool killWorkerOn(const std::string& source) const {
+        const auto pid = workerOn(source);
+        return pid && ::kill(*pid, SIGKILL) == 0;
+    }
+    /// Begins a conversion and returns its identifier.
+    std::string begin(const std::string& source, const std::string& destination) const {
+        return ask(R::encodeVideoOperation(source, destination))->uniqueID().value_or("");
+    }
+    R::Ref state(const std::string& id) const { return ask(R::progressAndCompletionOperation(id)); }
+    static bool hasEnded(const R::Ref& state) { return state->completed() || state->cancelled() || state->error(); }
+    R::Ref waitForEnd(const std::string& id) const {
+        R::Ref last = state(id);
+        while (!hasEnded(last)) {
+            last = state(id);
+        }
+        return last;
+    }
+    static std::string contents(const std::string& path) {
+        std::ifstream in(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), {}};
+    }
+
+    /// Converts the source and kills its worker at that stage. Returns how the conversion ended.
+    R::Ref convertAndKill(Stage stage, const std::string& source) {
+        if (stage == Stage::Waiting) {
+            for (const pid_t pid : workers()) {
+                if (!workerOn(companionSource) || pid != *workerOn(companionSource)) {
+                    ::kill(pid, SIGKILL);
+                }
+            }
+        }
+        std::atomic<bool> ended{false};
+        // The first answer to a request takes its time; a worker is killed without waiting for that.
+        std::thread killer([&] {
+            const std::chrono::microseconds moment(stage == Stage::NearTheEnd ? random() % 600'000 : 0);
+            const auto begun = std::chrono::steady_clock::now();
+            while ((stage == Stage::Begun || stage == Stage::NearTheEnd) && !ended) {
+                if (std::chrono::steady_clock::now() - begun >= moment && killWorkerOn(source)) {
+                    return;
+                }
+            }
+        });
+        const std::string id = begin(source, out());
+        const float point = stage == Stage::InProgress ? static_cast<float>(random() % 100) / 300.0F : 0.0F;
+        R::Ref last = state(id);
+        if (stage == Stage::InProgress || stage == Stage::Cancelling) {
+            while (!hasEnded(last) && last->progress() <= point) {
+                last = state(id);
+            }
+            if (stage == Stage::Cancelling && random() % 2 == 0) {
+                (void)ask(R::cancelOperation(id));
+                killWorkerOn(source);
+            } else {
+                killWorkerOn(source);
+                if (stage == Stage::Cancelling) {
+                    (void)ask(R::cancelOperation(id));
+                }
+            }
+        }
+        last = waitForEnd(id);
+        ended = true;
+        killer.join();
+        return last;
+    }
+
+    std::minstd_rand random{20261121};
+    std::string companionSource;
+};
+
+TEST_F(WorkerDeath, AtAnyStageCostsItsOwnOperationAtMost) {
+    const char* const wanted = std::getenv("KRV_KILLS");
+    const int count = wanted ? std::atoi(wanted) : 20;
+    start();
+    companionSource = folder.write("companion.mov", contents(movie()));
+    const std::string brief = folder.write("brief.mov", contents(movie()));
+    const std::string lengthy = folder.write("lengthy.mov", contents(std::string(KRV_TEST_MEDIA) + "/longer.mov"));
+    int killed = 0;
+    int cancelled = 0;
+    int completed = 0;
+    for (int i = 0; i < count; ++i) {
+        const auto stage = static_cast<Stage>(i % kStages);
+        const std::string what = fmt::format("round {}, stage {}", i, i % kStages);
+        std::ofstream(out()) << "old";
+        const std::string companion = begin(companionSource, out("companion.mp4"));
+        const auto end = convertAndKill(stage, stage == Stage::NearTheEnd || stage == Stage::Waiting ? brief : lengthy);
+        const auto companionEnd = waitForEnd(companion);
+        EXPECT_TRUE(companionEnd->completed()) << what;
+        EXPECT_EQ(companionEnd->error(), nullptr) << what;
+        EXPECT_GT(fs::file_size(out("companion.mp4")), 1000U) << what;
+        if (end->completed()) {
+            ++completed;  // it was quicker, or its worker was not the one that died
+            EXPECT_GT(fs::file_size(out()), 1000U) << what;
+        } else {
+            EXPECT_TRUE(contents(out()) == "old") << what;
+            if (end->error()) {
+                ++killed;
+                EXPECT_EQ(end->error()->code(), 7) << what << ": " << end->error()->description();
+                EXPECT_EQ(end->error()->localizedFailureReason(), "the worker was ended by signal 9 (Killed)");
+            } else {
+                ++cancelled;
+                EXPECT_EQ(stage, Stage::Cancelling) << what;
+            }
+        }
+        EXPECT_EQ(filesInOut(), 2U) << what;
+        fs::remove(out("companion.mp4"));
+        // Dead ones are replaced, and nobody is left over.
+        while (workers().size() != 2) {
+        }
+        ASSERT_EQ(status()["pid"], process->pid()) << what;
+    }
+    std::cout << "[ measured ] " << count << " kills: " << killed << " failed, " << cancelled << " cancelled, "
+              << completed << " completed\n";
+    EXPECT_GE(killed, count / 10);
+}
+
+}  // namespace
+}  // namespace krv::server
