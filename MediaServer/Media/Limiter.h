@@ -47,7 +47,7 @@ private:
     double gain_ = 1;                // with recovery, before smoothing
     std::vector<double> smoothing_;  // the latest values of gain_
     std::size_t smoothingAt_ = 0;
-    std::size_t reduced_ = 0;    // how many of them are not 1
+    std::size_t reduced_ = 0;  // how many of them are not 1
     double smoothingSum_;
     std::vector<Sample> delay_;  // the samples that are inside, in a ring
     std::size_t delayAt_ = 0;

@@ -81,8 +81,7 @@ std::vector<double> stereoMatrix(const AVChannelLayout& layout) {
 bool isStereo(const AVChannelLayout& layout) {
     if (layout.nb_channels != 2)
         return false;
-    return layout.order == AV_CHANNEL_ORDER_UNSPEC ||
-           stereoMatrix(layout) == std::vector<double>{1, 0, 0, 1};
+    return layout.order == AV_CHANNEL_ORDER_UNSPEC || stereoMatrix(layout) == std::vector<double>{1, 0, 0, 1};
 }
 
 }  // namespace krv::media

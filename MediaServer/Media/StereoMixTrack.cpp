@@ -17,9 +17,18 @@ constexpr float kCeiling = 0.891250938F;
 // How long a track that does not come forward is waited for.
 constexpr std::int64_t kMostHeldSeconds = 20;
 
-Settings stereoSettings() {
+// Sound that has been limited is dense, and what the codec gets wrong in it comes on top of its peaks. So it
+// gets more bits than usual, and noise stays what it was instead of being replaced by another with higher
+// peaks.
+constexpr std::int64_t kAACBitRate = 256'000;
+
+Settings stereoSettings(const Codec& codec) {
     Settings settings;
     settings.channels = 2;
+    if (codec.id == AV_CODEC_ID_AAC) {
+        settings.bitRate = kAACBitRate;
+        settings.options = {{"aac_pns", "0"}};
+    }
     return settings;
 }
 
@@ -32,7 +41,7 @@ std::span<const float> channel(const AVFrame& frame, int index) {
 StereoMixTrack::StereoMixTrack(const Source& source, const std::vector<const AVStream*>& from, const Codec& codec)
     : source_(source)
     , codec_(codec)
-    , settings_(stereoSettings()) {
+    , settings_(stereoSettings(codec)) {
     for (const AVStream* stream : from)
         voices_.push_back(std::make_unique<Voice>(*stream));
 }
