@@ -75,7 +75,7 @@ void AudioResampler::align(const AVFrame& frame, const Sink& sink) {
     const std::int64_t wanted = av_rescale_q(frame.pts, timeBase_, AVRational{1, rate});
     const std::int64_t next = stored_ + swr_get_delay(resampler_.get(), rate) - toDrop_;
     const std::int64_t gap = wanted - next;
-    const bool first = stored_ == 0;
+    const bool first = std::exchange(fresh_, false);
     if (gap > (first ? 0 : rate / kToleratedPart) && wanted <= end_)
         addSilence(gap, sink);
     else if (gap < (first ? 0 : -rate / kToleratedPart) && (first || gap > -kLongestOverlapSeconds * rate))
@@ -110,6 +110,7 @@ void AudioResampler::store(std::uint8_t** data, int samples, const Sink& sink) {
     const int dropped = static_cast<int>(std::min<std::int64_t>(toDrop_, samples));
     toDrop_ -= dropped;
     samples -= dropped;
+    samples = static_cast<int>(std::clamp<std::int64_t>(cut_ - stored_, 0, samples));
     if (samples > 0) {
         const int channels = format_.layout.nb_channels;
         const bool planar = av_sample_fmt_is_planar(format_.samples) != 0;
@@ -130,6 +131,15 @@ void AudioResampler::give(int samples, const Sink& sink) {
     frame->pts = given_;
     given_ += samples;
     sink(std::move(frame));
+}
+
+void AudioResampler::fillTo(std::int64_t sample, const Sink& sink) {
+    if (resampler_)
+        convert(nullptr, 0, sink);
+    resampler_.reset();
+    toDrop_ = 0;
+    fresh_ = true;
+    addSilence(sample - stored_, sink);
 }
 
 void AudioResampler::finish(const Sink& sink) {

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <vector>
 
 #include <MediaServer/Media/AV.h>
@@ -44,6 +45,11 @@ public:
     AudioResampler(const Format& format, AVRational timeBase, std::int64_t end, Matrix matrix = {});
 
     void push(const AVFrame& frame, const Sink& sink);
+    /// From now on nothing is kept that belongs to this sample number or later.
+    void cutAt(std::int64_t sample) { cut_ = sample; }
+    /// The sound so far ends: silence follows up to this sample number, and what is pushed next is another
+    /// sound, of which every sample gets exactly to its time.
+    void fillTo(std::int64_t sample, const Sink& sink);
     /// Gives out what is left, in a last frame that may be shorter.
     void finish(const Sink& sink);
 
@@ -68,6 +74,8 @@ private:
     AudioFifoPtr fifo_;
     std::int64_t stored_ = 0;  // samples that have gone into the queue so far
     std::int64_t given_ = 0;   // samples that have come out of it
+    bool fresh_ = true;        // nothing of this sound has been stored yet
+    std::int64_t cut_ = std::numeric_limits<std::int64_t>::max();
     std::int64_t toDrop_ = 0;  // samples of the source that overlap what there is already
 };
 

@@ -21,13 +21,6 @@ bool describesTheFile(std::string_view key) {
                        [key](std::string_view start) { return key.starts_with(start); });
 }
 
-void copyTags(const AVDictionary* from, AVDictionary** to) {
-    const AVDictionaryEntry* entry = nullptr;
-    while ((entry = av_dict_get(from, "", entry, AV_DICT_IGNORE_SUFFIX)))
-        if (!describesTheFile(entry->key))
-            av_dict_set(to, entry->key, entry->value, 0);
-}
-
 void copyChapters(const AVFormatContext& from, AVFormatContext& to, std::int64_t shift) {
     if (from.nb_chapters == 0)
         return;
@@ -56,6 +49,13 @@ void copySideData(const AVStream& from, AVStream& to, AVPacketSideDataType type)
 }
 
 }  // namespace
+
+void copyTags(const AVDictionary* from, AVDictionary** to) {
+    const AVDictionaryEntry* entry = nullptr;
+    while ((entry = av_dict_get(from, "", entry, AV_DICT_IGNORE_SUFFIX)))
+        if (!describesTheFile(entry->key))
+            av_dict_set(to, entry->key, entry->value, 0);
+}
 
 void copyMovieMetadata(const Source& source, OutputFile& output) {
     copyTags(source.format().metadata, &output.format().metadata);

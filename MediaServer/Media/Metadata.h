@@ -9,6 +9,9 @@ namespace krv::media {
 /// The movie's tags and chapters, on the movie's own time. Before OutputFile::writeHeader().
 void copyMovieMetadata(const Source& source, OutputFile& output);
 
+/// Tags, but for those that describe the source file itself and would be untrue of another.
+void copyTags(const AVDictionary* from, AVDictionary** to);
+
 /// What makes a track the track it is, whatever codec it is in: language, title, time code, disposition.
 void copyTrackMetadata(const AVStream& from, AVStream& to, const Container& container);
 
