@@ -62,6 +62,20 @@ void copyMovieMetadata(const Source& source, OutputFile& output) {
     copyChapters(source.format(), output.format(), source.timeShift());
 }
 
+void addChapters(const std::vector<Chapter>& chapters, std::int64_t end, OutputFile& output) {
+    AVFormatContext& format = output.format();
+    format.chapters = static_cast<AVChapter**>(notNull(av_calloc(chapters.size(), sizeof(AVChapter*))));
+    for (std::size_t i = 0; i < chapters.size(); ++i) {
+        auto* chapter = static_cast<AVChapter*>(notNull(av_mallocz(sizeof(AVChapter))));
+        format.chapters[format.nb_chapters++] = chapter;
+        chapter->id = static_cast<std::int64_t>(i) + 1;
+        chapter->time_base = kMicroseconds;
+        chapter->start = chapters[i].start;
+        chapter->end = i + 1 < chapters.size() ? chapters[i + 1].start : end;
+        av_dict_set(&chapter->metadata, "title", chapters[i].title.c_str(), 0);
+    }
+}
+
 void copyTrackMetadata(const AVStream& from, AVStream& to, const Container& container) {
     copyTags(from.metadata, &to.metadata);
     const AVDictionaryEntry* language = av_dict_get(to.metadata, "language", nullptr, 0);
