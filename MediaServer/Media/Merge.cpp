@@ -154,8 +154,8 @@ private:
         copyTags(tags_.get(), &output.format().metadata);
         std::vector<Chapter> chapters;
         for (std::size_t i = 0; i < surveys_.size(); ++i)
-            chapters.push_back({plan_.boundary(i),
-                                surveys_[i].title.empty() ? nameOf(request_.sources[i].path) : surveys_[i].title});
+            chapters.push_back(
+                {plan_.boundary(i), surveys_[i].title.empty() ? nameOf(request_.sources[i].path) : surveys_[i].title});
         addChapters(chapters, plan_.boundary(surveys_.size()), output);
     }
 

@@ -49,9 +49,11 @@ void MergeCopyLane::pushSound(PacketPtr packet) {
     const std::int64_t time = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
     const std::int64_t wanted =
         time == AV_NOPTS_VALUE ? samples_ : start + av_rescale_q(time, part_.from->time_base, sample);
+    if (wanted >= end - length / 2)
+        return;
     if (!heard_ || wanted > samples_ + length / 2)
         samples_ = wanted;
-    if (wanted < samples_ - length / 2 || wanted >= end - length / 2)
+    if (wanted < samples_ - length / 2)
         return;
     heard_ = true;
     if (!part_.isFirst)

@@ -89,8 +89,7 @@ private:
         const TrackSurvey& model = *first.parts[first.model];
         AVRational rate = model.rate;
         av_reduce(&rate.num, &rate.den, rate.num, rate.den, kMostTicks);
-        plan_.tick = first.kind == AVMEDIA_TYPE_VIDEO ? av_inv_q(rate)
-                                                      : AVRational{1, model.parameters->sample_rate};
+        plan_.tick = first.kind == AVMEDIA_TYPE_VIDEO ? av_inv_q(rate) : AVRational{1, model.parameters->sample_rate};
     }
 
     std::int64_t length(std::size_t source) const {

@@ -1,8 +1,7 @@
-#include <MediaServer/Media/MergeSoundLane.h>
-
 #include <algorithm>
 
 #include <MediaServer/Media/Failure.h>
+#include <MediaServer/Media/MergeSoundLane.h>
 #include <MediaServer/Media/Metadata.h>
 
 namespace krv::media {
@@ -43,8 +42,8 @@ void MergeSoundLane::push(const AVPacket& packet) {
 void MergeSoundLane::place(FramePtr frame) {
     decoded_ = true;
     if (frame->pts != AV_NOPTS_VALUE)
-        frame->pts = sampleAt(part_.start) + av_rescale_q(frame->pts, part_.from->time_base,
-                                                          AVRational{1, encoder_->context().sample_rate});
+        frame->pts = sampleAt(part_.start) +
+                     av_rescale_q(frame->pts, part_.from->time_base, AVRational{1, encoder_->context().sample_rate});
     resampler_->push(*frame, [this](FramePtr ready) { encode(std::move(ready)); });
 }
 

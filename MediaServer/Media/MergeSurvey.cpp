@@ -26,8 +26,8 @@ TrackSurvey describe(const Source& source, std::size_t index) {
     if (stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO)
         track.rate = frameRate(source, stream);
     if (!avcodec_find_decoder(stream.codecpar->codec_id))
-        throw Failure(FailureCode::UnusableSource, fmt::format("Its codec “{}” cannot be decoded.",
-                                                               avcodec_get_name(stream.codecpar->codec_id)));
+        throw Failure(FailureCode::UnusableSource,
+                      fmt::format("Its codec “{}” cannot be decoded.", avcodec_get_name(stream.codecpar->codec_id)));
     return track;
 }
 
@@ -48,8 +48,7 @@ public:
         seen_ = true;
         ++track_.packets;
         const std::int64_t duration = lengthOf(packet);
-        track_.longestPacket =
-            std::max(track_.longestPacket, av_rescale_q(duration, stream_.time_base, kMicroseconds));
+        track_.longestPacket = std::max(track_.longestPacket, av_rescale_q(duration, stream_.time_base, kMicroseconds));
         if (packet.flags & AV_PKT_FLAG_DISCARD)
             track_.hides = true;
         if (pts == AV_NOPTS_VALUE) {
@@ -96,7 +95,8 @@ private:
         std::uint32_t samples = 0;
         for (int i = 3; i >= 0; --i)
             samples = samples << 8 | data[4 + i];
-        const std::int64_t hidden = av_rescale_q(samples, AVRational{1, stream_.codecpar->sample_rate}, stream_.time_base);
+        const std::int64_t hidden =
+            av_rescale_q(samples, AVRational{1, stream_.codecpar->sample_rate}, stream_.time_base);
         return std::min(hidden, packet.duration);
     }
 
@@ -157,9 +157,8 @@ SourceSurvey survey(Source& source, const std::function<void(double)>& position)
     }
     // A track of which nothing is to be seen or heard is as good as none.
     for (auto* tracks : {&result.video, &result.audio})
-        std::erase_if(*tracks, [&](TrackSurvey& track) {
-            return !watchers.at(static_cast<int>(track.index)).conclude();
-        });
+        std::erase_if(*tracks,
+                      [&](TrackSurvey& track) { return !watchers.at(static_cast<int>(track.index)).conclude(); });
     if (result.video.empty() && result.audio.empty())
         throw Failure(FailureCode::UnusableSource, "Nothing in it can be shown or heard.");
 

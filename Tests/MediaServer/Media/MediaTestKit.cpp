@@ -288,6 +288,20 @@ std::vector<std::string> packetHashes(const std::string& path, const std::string
     return hashes;
 }
 
+Picture pictureAt(const std::string& path, double time) {
+    // A portable grey map: the size stands in front of the values.
+    const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:v:0", "-vf",
+                                   fmt::format("fps=100,select=gte(t\\,{})", time), "-frames:v", "1", "-pix_fmt",
+                                   "gray", "-c:v", "pgm", "-f", "image2pipe", "-"});
+    Picture picture;
+    int used = 0;
+    if (std::sscanf(bytes.c_str(), "P5 %d %d 255%n", &picture.width, &picture.height, &used) != 2 || used == 0)
+        throw std::runtime_error("no picture");
+    for (auto i = static_cast<std::size_t>(used) + 1; i < bytes.size(); ++i)
+        picture.values.push_back(static_cast<unsigned char>(bytes[i]));
+    return picture;
+}
+
 std::vector<int> shownPicture(const std::string& path) {
     const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:v:0", "-frames:v", "1", "-vf",
                                    "scale=16:16:flags=area,format=gray", "-f", "rawvideo", "-"});

@@ -121,6 +121,17 @@ struct Sound {
 Sound decodedSound(const std::string& path, int stream = 0);
 /// A hash of the content of each packet of a stream ("v:0", "a:1"), as it is stored.
 std::vector<std::string> packetHashes(const std::string& path, const std::string& stream);
+/// The picture that is shown at a time in seconds, upright and with the shape of its pixels left aside: grey
+/// values, row after row.
+struct Picture {
+    int width = 0;
+    int height = 0;
+    std::vector<int> values;
+    [[nodiscard]] int at(int x, int y) const {
+        return values.at(static_cast<std::size_t>(y) * static_cast<std::size_t>(width) + static_cast<std::size_t>(x));
+    }
+};
+Picture pictureAt(const std::string& path, double time);
 /// The first picture as it is shown (upright), shrunk to 16 x 16 grey values.
 std::vector<int> shownPicture(const std::string& path);
 /// How far two pictures are apart: the mean difference of their grey values.
