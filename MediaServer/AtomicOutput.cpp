@@ -1,6 +1,7 @@
 #include "AtomicOutput.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <random>
@@ -59,6 +60,7 @@ AtomicOutput::AtomicOutput(std::string destination)
 }
 
 AtomicOutput::~AtomicOutput() {
+    takeBack();
     forgetHiddenName();
 }
 
@@ -135,11 +137,29 @@ bool AtomicOutput::linkTo(const std::filesystem::path& name) const {
 }
 
 std::shared_ptr<const Error> AtomicOutput::commit() {
+    auto error = put(Old::Dropped);
+    if (!error) {
+        keep();
+    }
+    return error;
+}
+
+std::shared_ptr<const Error> AtomicOutput::place() {
+    return put(Old::Kept);
+}
+
+void AtomicOutput::keep() {
+    placed_ = Placed::No;
+    forgetHiddenName();
+}
+
+std::shared_ptr<const Error> AtomicOutput::put(Old old) {
     if (::fsync(file_.get()) != 0) {
         return failure(errno);
     }
     if (hidden_.empty()) {
         if (linkTo(destination_)) {
+            placed_ = Placed::New;
             return nullptr;
         }
         if (errno != EEXIST) {
@@ -149,16 +169,42 @@ std::shared_ptr<const Error> AtomicOutput::commit() {
             return failure(errno);
         }
     }
-    struct stat old {};
-    if (::stat(destination_.c_str(), &old) == 0) {
-        ::fchmod(file_.get(), old.st_mode & 07777);
+    struct stat status {};
+    if (::stat(destination_.c_str(), &status) == 0) {
+        ::fchmod(file_.get(), status.st_mode & 07777);
     }
+    return replace(old) ? nullptr : failure(errno);
+}
+
+bool AtomicOutput::replace(Old old) {
+    if (old == Old::Kept) {
+        if (::renameat2(AT_FDCWD, hidden_.c_str(), AT_FDCWD, destination_.c_str(), RENAME_EXCHANGE) == 0) {
+            placed_ = Placed::Exchanged;
+            return true;
+        }
+        if (errno != ENOENT && errno != EINVAL && errno != ENOSYS) {
+            return false;
+        }
+    }
+    const bool isNew = ::access(destination_.c_str(), F_OK) != 0;
     if (::rename(hidden_.c_str(), destination_.c_str()) != 0) {
-        return failure(errno);
+        return false;
     }
     hidden_.clear();
-    forgetHiddenName();
-    return nullptr;
+    placed_ = isNew ? Placed::New : Placed::No;
+    return true;
+}
+
+void AtomicOutput::takeBack() {
+    struct stat ours {};
+    struct stat there {};
+    const bool stillOurs = ::fstat(file_.get(), &ours) == 0 && ::lstat(destination_.c_str(), &there) == 0 &&
+                           ours.st_dev == there.st_dev && ours.st_ino == there.st_ino;
+    if (stillOurs && placed_ == Placed::New) {
+        ::unlink(destination_.c_str());
+    } else if (stillOurs && placed_ == Placed::Exchanged) {
+        ::renameat2(AT_FDCWD, hidden_.c_str(), AT_FDCWD, destination_.c_str(), RENAME_EXCHANGE);
+    }
 }
 
 void AtomicOutput::sweep() {

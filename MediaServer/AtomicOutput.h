@@ -33,6 +33,12 @@ public:
     /// Puts the file under its name, safely on the disk. Null, or the error.
     [[nodiscard]] std::shared_ptr<const Error> commit();
 
+    /// The same in two steps, for several files that belong together. place() puts the file under its name and keeps
+    /// what stood there; until keep() has been called the old state comes back when this goes. (Where the file system
+    /// cannot exchange two files, a file that was replaced stays replaced.)
+    [[nodiscard]] std::shared_ptr<const Error> place();
+    void keep();
+
     /// Removes the hidden names that an earlier server has noted and left.
     static void sweep();
 
@@ -40,6 +46,11 @@ private:
     explicit AtomicOutput(std::string destination);
     [[nodiscard]] bool openUnnamed();
     [[nodiscard]] bool openHidden();
+    enum class Old { Dropped, Kept };
+    enum class Placed { No, New, Exchanged };
+    [[nodiscard]] std::shared_ptr<const Error> put(Old old);
+    [[nodiscard]] bool replace(Old old);
+    void takeBack();
     [[nodiscard]] bool linkTo(const std::filesystem::path& name) const;
     [[nodiscard]] bool noteHiddenName();
     void forgetHiddenName();
@@ -49,6 +60,7 @@ private:
     /// Where links lead to.
     std::filesystem::path destination_;
     Descriptor file_;
+    Placed placed_ = Placed::No;
     /// The hidden name, when there is one on the disk.
     std::filesystem::path hidden_;
     std::filesystem::path note_;

@@ -6,23 +6,32 @@
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 
 #include "AtomicOutput.h"
+#include "ThumbnailFolder.h"
 #include "WorkerChannel.h"
 
 namespace krv::server {
 
 /// The files of one media operation, opened here because a worker can open none.
-struct MediaJob {
-    KRVOperationBase::Ref request;
-    std::vector<Descriptor> sources;
-    std::unique_ptr<AtomicOutput> output;
-
-    /// What can be said of an encode request without touching a file: arguments that are missing, of the wrong kind, or
-    /// name no file, and encoding types that do not exist. Null when all is well.
-    [[nodiscard]] static std::shared_ptr<const Error> check(const KRVOperationBase& request);
-
-    /// Opens the files. Null with the error when one of them cannot be used.
+class MediaJob {
+public:
+    /// Opens the files. The request must have been checked. Null with the error when one of them cannot be used.
     [[nodiscard]] static std::unique_ptr<MediaJob> open(const KRVOperationBase::Ref& request,
                                                         std::shared_ptr<const Error>& error);
+
+    [[nodiscard]] const KRVOperationBase& request() const noexcept { return *request_; }
+    /// What the worker gets: the sources in order and, where there is one, the file it writes.
+    [[nodiscard]] std::vector<int> descriptors() const;
+
+    /// Puts under their names what the worker has made, all of it or nothing, and completes its record. Null, or the
+    /// error.
+    [[nodiscard]] std::shared_ptr<const Error> commit(KRVOperationBase& record);
+
+private:
+    KRVOperationBase::Ref request_;
+    std::vector<Descriptor> sources_;
+    // One of them, or none: what is only asked about makes no file.
+    std::unique_ptr<AtomicOutput> file_;
+    std::unique_ptr<ThumbnailFolder> folder_;
 };
 
 }  // namespace krv::server

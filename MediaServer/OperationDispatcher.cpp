@@ -7,7 +7,7 @@
 
 #include <fmt/format.h>
 
-#include "MediaJob.h"
+#include "MediaRequest.h"
 #include "ServerError.h"
 
 namespace krv::server {
@@ -58,13 +58,18 @@ void OperationDispatcher::refuseMediaWork() {
 
 OperationDispatcher::Handler OperationDispatcher::handlerFor(std::int32_t type) {
     using D = OperationDispatcher;
-    static constexpr std::array<Row, 13> kHandlers{{
+    static constexpr std::array<Row, 18> kHandlers{{
         {OpNumberOfOperations, &D::numberOfOperations},
         {OpReadyToProcessRequests, &D::ready},
         {OpRegisterWithServer, &D::registration},
         {OpUnregisterFromServer, &D::registration},
         {OpAmIRegistered, &D::amIRegistered},
-        {OpEncodeVideo, &D::encode},
+        {OpEncodeVideo, &D::mediaWork},
+        {OpCreateThumbnails, &D::mediaWork},
+        {OpProvideMetadata, &D::mediaWork},
+        {OpMuxAudioTo2ch, &D::mediaWork},
+        {OpMergeSources, &D::mediaWork},
+        {OpGetInterestingTimes, &D::mediaWork},
         {OpCancelOperation, &D::cancelOne},
         {OpCancelAllOperations, &D::cancelAll},
         {OpProgressAndCompletion, &D::progress},
@@ -152,12 +157,12 @@ void OperationDispatcher::amIRegistered(const Ref& request, const Reply& reply) 
     reply(answer);
 }
 
-void OperationDispatcher::encode(const Ref& request, const Reply& reply) {
+void OperationDispatcher::mediaWork(const Ref& request, const Reply& reply) {
     const auto client = clientOf(request, reply);
     if (!client) {
         return;
     }
-    if (auto error = MediaJob::check(*request)) {
+    if (auto error = checkMediaRequest(*request)) {
         reply(replyWith(request, std::move(error)));
         return;
     }

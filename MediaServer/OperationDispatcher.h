@@ -37,7 +37,7 @@ private:
     void ready(const Ref& request, const Reply& reply);
     void registration(const Ref& request, const Reply& reply);
     void amIRegistered(const Ref& request, const Reply& reply);
-    void encode(const Ref& request, const Reply& reply);
+    void mediaWork(const Ref& request, const Reply& reply);
     void cancelOne(const Ref& request, const Reply& reply);
     void cancelAll(const Ref& request, const Reply& reply);
     void progress(const Ref& request, const Reply& reply);

@@ -55,7 +55,7 @@ Outcome ServerProcess::carryOut(ServerOperation& operation, const std::function<
     }
     Outcome outcome = worker_.run(*job, operation.cancellation, onProgress);
     if (outcome.kind == Outcome::Kind::Completed) {
-        if (auto failure = job->output->commit()) {
+        if (auto failure = job->commit(*outcome.record)) {
             return {Outcome::Kind::Failed, std::move(failure), nullptr};
         }
     }

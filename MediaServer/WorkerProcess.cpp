@@ -11,6 +11,7 @@
 
 #include <fmt/format.h>
 
+#include "MediaRequest.h"
 #include "ServerError.h"
 
 namespace krv::server {
@@ -42,11 +43,7 @@ void Cancellation::request() {
 
 Outcome WorkerProcess::run(const MediaJob& job, const Cancellation& cancellation,
                            const std::function<void(double)>& onProgress) const {
-    std::vector<int> files;
-    for (const Descriptor& each : job.sources) {
-        files.push_back(each.get());
-    }
-    files.push_back(job.output->descriptor());
+    const std::vector<int> files = job.descriptors();
     std::string failure;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         const auto worker = workers_.take(failure);
@@ -54,16 +51,16 @@ Outcome WorkerProcess::run(const MediaJob& job, const Cancellation& cancellation
             return failed(makeError(ErrorCode::Internal, "The media worker could not be started.", failure));
         }
         bool begun = false;
-        if (worker->channel.send(*job.request, files)) {
+        if (worker->channel.send(job.request(), files)) {
             if (auto outcome = follow(worker->channel, cancellation, onProgress, begun)) {
                 return *std::move(outcome);
             }
         }
         failure = howItEnded(worker->end());
         if (begun) {
-            const std::string source = job.request->encodingSourceFilename().value_or("");
-            return failed(makeError(ErrorCode::WorkerDied, fmt::format("The media worker crashed on {}.", source),
-                                    failure, source));
+            return failed(makeError(ErrorCode::WorkerDied,
+                                    fmt::format("The media worker crashed on {}.", describeSources(job.request())),
+                                    failure, sourcesOf(job.request()).front()));
         }
         // It was gone before it had the job, so the job is not to blame.
     }

@@ -11,7 +11,7 @@ int coreCount() noexcept {
     return std::clamp(static_cast<int>(std::thread::hardware_concurrency()), 1, 16);
 }
 
-Decoder::Decoder(const AVStream& stream) {
+Decoder::Decoder(const AVStream& stream, int threads) {
     const char* name = avcodec_get_name(stream.codecpar->codec_id);
     const AVCodec* codec = avcodec_find_decoder(stream.codecpar->codec_id);
     if (!codec)
@@ -20,7 +20,7 @@ Decoder::Decoder(const AVStream& stream) {
     int result = avcodec_parameters_to_context(context_.get(), stream.codecpar);
     if (result >= 0) {
         context_->pkt_timebase = stream.time_base;  // without it encoder delay is not cut off exactly
-        context_->thread_count = coreCount();
+        context_->thread_count = threads;
         result = avcodec_open2(context_.get(), codec, nullptr);
     }
     if (result < 0)
@@ -33,6 +33,10 @@ void Decoder::push(const AVPacket& packet, const Sink& sink) {
 
 void Decoder::finish(const Sink& sink) {
     send(nullptr, sink);
+}
+
+void Decoder::flush() {
+    avcodec_flush_buffers(context_.get());
 }
 
 void Decoder::send(const AVPacket* packet, const Sink& sink) {

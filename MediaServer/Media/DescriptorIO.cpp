@@ -1,5 +1,6 @@
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <utility>
 
 #include <sys/stat.h>
@@ -35,6 +36,12 @@ DescriptorIO::~DescriptorIO() {
 
 int DescriptorIO::readSome(void* opaque, std::uint8_t* buffer, int size) {
     auto& self = *static_cast<DescriptorIO*>(opaque);
+    if (self.blind_) {
+        std::memset(buffer, 0, static_cast<std::size_t>(size));
+        self.position_ += size;
+        self.activity_(size);
+        return size;
+    }
     for (;;) {
         const ssize_t got = pread(self.descriptor_, buffer, static_cast<std::size_t>(size), self.position_);
         if (got < 0 && errno == EINTR)

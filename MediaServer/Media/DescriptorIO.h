@@ -23,6 +23,8 @@ public:
     DescriptorIO& operator=(const DescriptorIO&) = delete;
 
     [[nodiscard]] AVIOContext* context() const noexcept { return context_; }
+    /// From now on what is read is zeros, and the file is left alone.
+    void blind() noexcept { blind_ = true; }
     /// errno of the first transfer that failed; 0 if none did. FFmpeg tends to forget it on the way up.
     [[nodiscard]] int errorNumber() const noexcept { return error_; }
 
@@ -34,6 +36,7 @@ private:
     int descriptor_;
     std::int64_t position_ = 0;
     int error_ = 0;
+    bool blind_ = false;
     std::function<void(std::int64_t)> activity_;
     AVIOContext* context_ = nullptr;
 };

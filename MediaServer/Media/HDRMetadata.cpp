@@ -13,6 +13,8 @@ extern "C" {
 namespace krv::media {
 namespace {
 
+constexpr double kUsualPeak = 1000;
+
 const void* find(const AVStream& stream, const AVFrame& frame, AVPacketSideDataType inStream,
                  AVFrameSideDataType inFrame, std::size_t& size) {
     if (const void* data = av_stream_get_side_data(&stream, inStream, &size))
@@ -37,6 +39,16 @@ HDRMetadata::HDRMetadata(const AVStream& stream, const AVFrame& frame)
     : mastering_(find(stream, frame, AV_PKT_DATA_MASTERING_DISPLAY_METADATA, AV_FRAME_DATA_MASTERING_DISPLAY_METADATA,
                       masteringSize_))
     , light_(find(stream, frame, AV_PKT_DATA_CONTENT_LIGHT_LEVEL, AV_FRAME_DATA_CONTENT_LIGHT_LEVEL, lightSize_)) {}
+
+double HDRMetadata::peakLuminance() const {
+    const auto* light = static_cast<const AVContentLightMetadata*>(light_);
+    if (light && light->MaxCLL > 0)
+        return light->MaxCLL;
+    const auto* mastering = static_cast<const AVMasteringDisplayMetadata*>(mastering_);
+    if (mastering && mastering->has_luminance && mastering->max_luminance.num > 0 && mastering->max_luminance.den > 0)
+        return av_q2d(mastering->max_luminance);
+    return kUsualPeak;
+}
 
 void HDRMetadata::describeTo(AVCodecContext& encoder) const {
     if (std::string_view(encoder.codec->name) != "libx265")

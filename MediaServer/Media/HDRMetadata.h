@@ -10,6 +10,10 @@ class HDRMetadata {
 public:
     HDRMetadata(const AVStream& stream, const AVFrame& frame);
 
+    /// The brightest that is to be expected, in candela per square metre: of the content, else of the screen it was
+    /// mastered on, else what is usual.
+    [[nodiscard]] double peakLuminance() const;
+
     /// Tells an encoder that writes it into the coded pictures. Before the encoder is opened.
     void describeTo(AVCodecContext& encoder) const;
     /// Tells the container.

@@ -44,13 +44,8 @@ void MergePictureLane::begin(const MergePart& part) {
     latest_.reset();
     decoder_.reset();
     filter_.reset();
-    if (!part.from)
-        return;
-    decoder_.emplace(*part.from);
-    PictureFormat format = format_;
-    turnUpright(format, *part.from);
-    format.toneMapped = !isHDR(format_.transfer);
-    filter_.emplace(format, part.from->time_base);
+    if (part.from)
+        decoder_.emplace(*part.from);
 }
 
 void MergePictureLane::push(const AVPacket& packet) {
@@ -63,6 +58,14 @@ void MergePictureLane::push(const AVPacket& packet) {
 void MergePictureLane::convert(FramePtr frame) {
     if (const AVRational shape = part_.from->sample_aspect_ratio; shape.num > 0 && shape.den > 0)
         frame->sample_aspect_ratio = shape;
+    if (!filter_) {
+        PictureFormat format = format_;
+        turnUpright(format, *part_.from);
+        format.toneMapped = isHDR(frame->color_trc) && !isHDR(format_.transfer);
+        if (format.toneMapped)
+            format.peakLuminance = HDRMetadata(*part_.from, *frame).peakLuminance();
+        filter_.emplace(format, part_.from->time_base);
+    }
     filter_->push(std::move(frame), [this](FramePtr ready) { place(std::move(ready)); });
 }
 
@@ -113,7 +116,8 @@ void MergePictureLane::drain() {
     if (!decoder_)
         return;
     decoder_->finish([this](FramePtr frame) { convert(std::move(frame)); });
-    filter_->finish([this](FramePtr ready) { place(std::move(ready)); });
+    if (filter_)
+        filter_->finish([this](FramePtr ready) { place(std::move(ready)); });
     decoder_.reset();
 }
 

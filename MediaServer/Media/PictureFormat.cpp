@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include <MediaServer/Media/HDRMetadata.h>
 #include <MediaServer/Media/PictureFormat.h>
 #include <fmt/format.h>
 
@@ -132,6 +133,7 @@ void chooseColour(PictureFormat& format, const PictureRequest& request) {
         format.range = AVCOL_RANGE_JPEG;
     format.toneMapped = isHDR(format.transfer) && depth(format.pixels) <= 8;
     if (format.toneMapped) {
+        format.peakLuminance = HDRMetadata(request.stream, frame).peakLuminance();
         format.primaries = AVCOL_PRI_BT709;
         format.transfer = AVCOL_TRC_BT709;
         format.space = AVCOL_SPC_BT709;

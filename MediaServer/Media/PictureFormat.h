@@ -19,10 +19,12 @@ struct PictureFormat {
     AVColorTransferCharacteristic transfer = AVCOL_TRC_UNSPECIFIED;
     AVColorSpace space = AVCOL_SPC_UNSPECIFIED;
     AVChromaLocation chroma = AVCHROMA_LOC_UNSPECIFIED;
-    bool interlaced = false;     ///< stays interlaced, and is flagged so
-    bool topFieldFirst = false;  ///< when interlaced
-    bool toneMapped = false;     ///< the source is HDR and this is not
-    int quarterTurns = 0;        ///< clockwise turns of the pixels, where the container cannot say it
+    bool interlaced = false;       ///< stays interlaced, and is flagged so
+    bool topFieldFirst = false;    ///< when interlaced
+    bool toneMapped = false;       ///< the source is HDR and this is not
+    double peakLuminance = 0;      ///< of the source, in candela per square metre; for tone mapping
+    bool convertsColours = false;  ///< pictures of another matrix are brought to this one, not only described by it
+    int quarterTurns = 0;          ///< clockwise turns of the pixels, where the container cannot say it
     bool mirrored =
         false;            ///< likewise: after the turns, mirrored across the axis that was the source's horizontal one
     bool fitted = false;  ///< pictures that are shown in another shape get bars; else the first one's are stretched

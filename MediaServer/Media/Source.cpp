@@ -108,6 +108,29 @@ void Source::select(const std::vector<std::size_t>& indices) {
     }
 }
 
+bool Source::seek(std::size_t index, std::int64_t time) {
+    const std::int64_t there = av_rescale_q(time - shift_, kMicroseconds, stream(index).time_base);
+    // Times before and behind have nothing to do with each other.
+    std::fill(lastDts_.begin(), lastDts_.end(), std::nullopt);
+    discontinuity_ = 0;
+    return av_seek_frame(format_, static_cast<int>(index), there, AVSEEK_FLAG_BACKWARD) >= 0;
+}
+
+bool Source::rewind() {
+    // By time is not enough where packets are found by guessing: the first ones may be decoded before the movie starts.
+    const bool guesses = (format_->iformat->flags & (AVFMT_TS_DISCONT | AVFMT_NO_BYTE_SEEK)) == AVFMT_TS_DISCONT;
+    if (!guesses)
+        return seek(0, start_);
+    std::fill(lastDts_.begin(), lastDts_.end(), std::nullopt);
+    discontinuity_ = 0;
+    return av_seek_frame(format_, -1, 0, AVSEEK_FLAG_BYTE) >= 0;
+}
+
+void Source::readTimesOnly() noexcept {
+    io_.blind();
+    format_->flags |= AVFMT_FLAG_NOPARSE;
+}
+
 bool Source::read(AVPacket& packet) {
     for (int failures = 0; failures < kReadAttempts;) {
         av_packet_unref(&packet);

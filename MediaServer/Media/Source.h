@@ -49,6 +49,17 @@ public:
     /// How far read() has come, in 0…1: by time, or by bytes when the length is unknown.
     [[nodiscard]] double position() const noexcept;
 
+    /// Goes on reading with the stream's last key frame at or before a time, in microseconds of the movie's own time.
+    /// False when the format cannot be sought in; the position is undefined then.
+    [[nodiscard]] bool seek(std::size_t stream, std::int64_t time);
+
+    /// Goes on reading with the very first packet. False when the format cannot be sought in.
+    [[nodiscard]] bool rewind();
+
+    /// From now on packets have their times, flags and sizes, but zeros for contents, and cost no reading. Only for
+    /// formats whose header lists all packets.
+    void readTimesOnly() noexcept;
+
     /// Only the streams with these indices are read from now on.
     void select(const std::vector<std::size_t>& indices);
 

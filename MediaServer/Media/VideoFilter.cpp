@@ -23,6 +23,40 @@ const char* rangeName(AVColorRange range) {
     return range == AVCOL_RANGE_JPEG ? "pc" : "tv";
 }
 
+// Where nobody says it, small pictures are taken to come from television of old and large ones from the new one.
+AVColorSpace matrixOf(AVColorSpace said, int width, int height) {
+    if (said != AVCOL_SPC_UNSPECIFIED)
+        return said;
+    return height > 576 || width > 1024 ? AVCOL_SPC_BT709 : AVCOL_SPC_SMPTE170M;
+}
+
+AVColorSpace matrixOf(const AVFrame& frame) {
+    return matrixOf(frame.colorspace, frame.width, frame.height);
+}
+
+const char* matrixName(AVColorSpace space) {
+    switch (space) {
+    case AVCOL_SPC_BT709:
+        return "bt709";
+    case AVCOL_SPC_FCC:
+        return "fcc";
+    case AVCOL_SPC_SMPTE240M:
+        return "smpte240m";
+    case AVCOL_SPC_BT2020_NCL:
+    case AVCOL_SPC_BT2020_CL:
+        return "bt2020";
+    default:
+        return "bt601";
+    }
+}
+
+// What is white on paper in an HDR movie, in candela per square metre; it is to be the white of an ordinary one.
+constexpr double kReferenceWhite = 203;
+
+// Up to this part of white nothing is changed; only what is brighter is compressed, so that faces and scenery look as
+// they do in the ordinary version of a movie. Curves that bend everything darken it as a whole.
+constexpr double kUntouched = 0.8;
+
 // Brings HDR to what an ordinary screen shows: linear light, the smaller gamut, the compressed highlights.
 std::string toneMapping(const AVFrame& frame, const PictureFormat& target) {
     const bool unknownPrimaries = frame.color_primaries == AVCOL_PRI_UNSPECIFIED;
@@ -36,9 +70,10 @@ std::string toneMapping(const AVFrame& frame, const PictureFormat& target) {
         input += ":rin=tv";
     if (frame.color_trc == AVCOL_TRC_UNSPECIFIED)
         input += ":tin=smpte2084";
-    return fmt::format("zscale=w={}:h={}:t=linear:npl=100{},format=gbrpf32le,zscale=p=bt709,"
-                       "tonemap=tonemap=hable:desat=0,zscale=t=bt709:m=bt709:r=tv",
-                       target.width, target.height, input);
+    return fmt::format("zscale=w={}:h={}:t=linear:npl={}{},format=gbrpf32le,zscale=p=bt709,"
+                       "tonemap=tonemap=mobius:param={}:desat=0:peak={:.3f},zscale=t=bt709:m=bt709:r=tv",
+                       target.width, target.height, kReferenceWhite, input, kUntouched,
+                       std::max(target.peakLuminance / kReferenceWhite, 1.01));
 }
 
 // Brings ordinary pictures, or those of the other kind of HDR, to the HDR of the target.
@@ -61,31 +96,16 @@ double pixelShape(AVRational aspect) {
     return aspect.num > 0 && aspect.den > 0 ? av_q2d(aspect) : 1;
 }
 
-const char* matrixName(AVColorSpace space, int height) {
-    switch (space) {
-    case AVCOL_SPC_BT709:
-        return "bt709";
-    case AVCOL_SPC_BT470BG:
-    case AVCOL_SPC_SMPTE170M:
-        return "smpte170m";
-    case AVCOL_SPC_BT2020_NCL:
-    case AVCOL_SPC_BT2020_CL:
-        return "bt2020";
-    default:
-        return height > 576 ? "bt709" : "smpte170m";
-    }
-}
-
 // How the colours of the frame are meant and how they are wanted.
 std::string matrices(const AVFrame& frame, const PictureFormat& target) {
     const AVPixFmtDescriptor* source = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
     const AVPixFmtDescriptor* wanted = av_pix_fmt_desc_get(target.pixels);
     std::string options;
     if (!source || !(source->flags & (AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_PAL)))
-        options += fmt::format(":in_range={}:in_color_matrix={}", rangeName(frame.color_range),
-                               matrixName(frame.colorspace, frame.height));
+        options +=
+            fmt::format(":in_range={}:in_color_matrix={}", rangeName(frame.color_range), matrixName(matrixOf(frame)));
     if (!wanted || !(wanted->flags & AV_PIX_FMT_FLAG_RGB))
-        options += fmt::format(":out_color_matrix={}", matrixName(target.space, target.height));
+        options += fmt::format(":out_color_matrix={}", matrixName(matrixOf(target.space, target.width, target.height)));
     return options;
 }
 
@@ -240,12 +260,19 @@ std::string VideoFilter::chainFor(const AVFrame& frame) const {
         upright.width = width;
         upright.height = height;
         chain += toneMapping(frame, upright) + ",";
+        if (target_.convertsColours)
+            chain += fmt::format("format=pix_fmts=yuv444p16,scale=in_range=tv:out_range={}:in_color_matrix=bt709:"
+                                 "out_color_matrix={},",
+                                 rangeName(target_.range), matrixName(target_.space));
     } else if (sameShape) {
         chain += fmt::format("scale=w={}:h={}:flags=bicubic+accurate_rnd:out_range={}", width, height,
                              rangeName(target_.range));
         if (!fromRGB)
             chain += fmt::format(":in_range={}", rangeName(frame.color_range));
-        else
+        if (target_.convertsColours && !fromRGB)
+            chain += fmt::format(":in_color_matrix={}:out_color_matrix={}", matrixName(matrixOf(frame)),
+                                 matrixName(target_.space));
+        else if (fromRGB)
             chain += fmt::format(":out_color_matrix={}", target_.space == AVCOL_SPC_BT709 ? "bt709" : "smpte170m");
         chain += ",";
     } else {

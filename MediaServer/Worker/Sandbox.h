@@ -11,8 +11,8 @@ struct WorkerLimits {
     /// Memory that it may write to, in bytes: heap, stacks, everything private. Half of the machine's, but not below
     /// 1 GiB and not above 8 GiB.
     std::uint64_t memory = memoryForThisMachine();
-    /// Descriptors open at a time.
-    std::uint64_t descriptors = 64;
+    /// Descriptors open at a time: a merge is handed as many as it has sources.
+    std::uint64_t descriptors = 1100;
 
     [[nodiscard]] static std::uint64_t memoryForThisMachine();
 };

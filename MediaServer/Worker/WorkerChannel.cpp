@@ -12,8 +12,10 @@ namespace krv::server {
 namespace {
 
 constexpr std::uint32_t kLongestMessage = std::uint32_t{64} << 20;
-/// More than any operation hands over at once.
-constexpr std::size_t kMostFiles = 250;
+/// More than any operation hands over.
+constexpr std::size_t kMostFiles = 1024;
+/// As many as the kernel lets through in one message.
+constexpr std::size_t kMostFilesAtOnce = 250;
 
 }  // namespace
 
@@ -36,21 +38,24 @@ bool WorkerChannel::send(const KRVOperationBase& record, const std::vector<int>&
     }
     std::copy(body.begin(), body.end(), bytes.begin() + sizeof size);
 
-    std::array<char, CMSG_SPACE(sizeof(int) * kMostFiles)> control{};
-    bool filesSent = files.empty();
+    std::array<char, CMSG_SPACE(sizeof(int) * kMostFilesAtOnce)> control{};
+    std::size_t filesSent = 0;
     for (std::size_t sent = 0; sent < bytes.size();) {
-        iovec part{bytes.data() + sent, bytes.size() - sent};
+        const std::size_t now = std::min(files.size() - filesSent, kMostFilesAtOnce);
+        const bool moreAfter = filesSent + now < files.size();
+        // Each lot of files goes with a byte of its own, the last one with all that is left.
+        iovec part{bytes.data() + sent, moreAfter ? 1 : bytes.size() - sent};
         msghdr message{};
         message.msg_iov = &part;
         message.msg_iovlen = 1;
-        if (!filesSent) {
+        if (now > 0) {
             message.msg_control = control.data();
-            message.msg_controllen = CMSG_SPACE(sizeof(int) * files.size());
+            message.msg_controllen = CMSG_SPACE(sizeof(int) * now);
             cmsghdr* const header = CMSG_FIRSTHDR(&message);
             header->cmsg_level = SOL_SOCKET;
             header->cmsg_type = SCM_RIGHTS;
-            header->cmsg_len = CMSG_LEN(sizeof(int) * files.size());
-            std::memcpy(CMSG_DATA(header), files.data(), sizeof(int) * files.size());
+            header->cmsg_len = CMSG_LEN(sizeof(int) * now);
+            std::memcpy(CMSG_DATA(header), files.data() + filesSent, sizeof(int) * now);
         }
         const ssize_t count = ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL);
         if (count < 0) {
@@ -59,7 +64,7 @@ bool WorkerChannel::send(const KRVOperationBase& record, const std::vector<int>&
             }
             return false;
         }
-        filesSent = true;
+        filesSent += now;
         sent += static_cast<std::size_t>(count);
     }
     return true;
@@ -68,7 +73,7 @@ bool WorkerChannel::send(const KRVOperationBase& record, const std::vector<int>&
 bool WorkerChannel::receiveBytes(void* bytes, std::size_t size, std::vector<Descriptor>& files) {
     auto* p = static_cast<std::byte*>(bytes);
     while (size > 0) {
-        std::array<char, CMSG_SPACE(sizeof(int) * kMostFiles)> control{};
+        std::array<char, CMSG_SPACE(sizeof(int) * kMostFilesAtOnce)> control{};
         iovec part{p, size};
         msghdr message{};
         message.msg_iov = &part;

@@ -8,7 +8,7 @@
 
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 
-#include "EncodeJob.h"
+#include "MediaWork.h"
 #include "Sandbox.h"
 #include "StartUpPages.h"
 #include "WorkerChannel.h"
@@ -43,7 +43,7 @@ int main(int argc, char** argv) {
         krv::KRVOperationBase begun;
         begun.setOperationType(krv::OpReadyToProcessRequests);
         channel.send(begun);
-        channel.send(*krv::server::runJob(*job, channel));
+        channel.send(*krv::server::carryOut(*job, channel));
     }
     // Without destroying what the codecs' libraries have put up: the kernel is quicker.
     ::_exit(0);

@@ -9,6 +9,11 @@
 namespace krvqt {
 
 ExitStatus convert(const ConvertOptions& options, const CommonOptions& common);
+ExitStatus makeThumbnails(const ThumbnailsOptions& options, const CommonOptions& common);
+ExitStatus showInfo(const InfoOptions& options, const CommonOptions& common);
+ExitStatus mux(const MuxOptions& options, const CommonOptions& common);
+ExitStatus merge(const MergeOptions& options, const CommonOptions& common);
+ExitStatus showTimes(const TimesOptions& options, const CommonOptions& common);
 ExitStatus showStatus(const CommonOptions& common);
 ExitStatus cancelAll(const CommonOptions& common);
 ExitStatus shutDown(const CommonOptions& common);

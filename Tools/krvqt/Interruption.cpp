@@ -3,8 +3,11 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <functional>
+#include <mutex>
 #include <string_view>
 #include <thread>
+#include <utility>
 
 #include <unistd.h>
 
@@ -14,6 +17,19 @@ namespace krvqt {
 namespace {
 
 std::atomic<bool> signalCame{false};
+std::mutex actionMutex;
+std::function<void()> action;  // guarded by actionMutex
+
+void act() {
+    std::function<void()> now;
+    {
+        const std::lock_guard lock(actionMutex);
+        now.swap(action);
+    }
+    if (now) {
+        std::thread(std::move(now)).detach();  // a second signal must not wait for it
+    }
+}
 
 sigset_t watchedSignals() {
     sigset_t set;
@@ -30,6 +46,7 @@ void takeSignals(std::chrono::seconds patience) {
     while (sigwait(&set, &number) != 0) {
     }
     signalCame = true;
+    act();
     timespec timeout{};
     timeout.tv_sec = patience.count();
     while (sigtimedwait(&set, nullptr, &timeout) == -1 && errno == EINTR) {
@@ -45,6 +62,16 @@ void Interruption::watch(std::chrono::seconds patience) {
     const sigset_t set = watchedSignals();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     std::thread(takeSignals, patience).detach();
+}
+
+void Interruption::onRequest(std::function<void()> wanted) {
+    {
+        const std::lock_guard lock(actionMutex);
+        action = std::move(wanted);
+    }
+    if (signalCame) {
+        act();
+    }
 }
 
 bool Interruption::requested() noexcept {

@@ -13,6 +13,10 @@ public:
     /// signal, it leaves with status 130.
     static void watch(std::chrono::seconds patience);
 
+    /// What is done when a signal comes, on a thread of its own; at once when one has come already. Replaces what
+    /// was there before.
+    static void onRequest(std::function<void()> action);
+
     /// Whether a signal has come. Any thread.
     [[nodiscard]] static bool requested() noexcept;
 };

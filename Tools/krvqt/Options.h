@@ -1,8 +1,10 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace krvqt {
 
@@ -31,6 +33,38 @@ struct ConvertOptions {
     std::optional<float> fps;
     TrackOptions audio;
     [[nodiscard]] bool withSettings() const { return video.any() || fps || audio.any(); }
+};
+
+struct ThumbnailsOptions {
+    std::string movie;
+    std::string folder;
+    std::optional<std::string> size;
+    std::optional<int> count;
+    bool force = false;
+};
+
+struct InfoOptions {
+    std::vector<std::string> movies;
+    std::optional<std::string> poster;
+    bool force = false;
+};
+
+struct MuxOptions {
+    std::string source;
+    std::string destination;
+    bool force = false;
+};
+
+struct MergeOptions {
+    /// The last one is the destination.
+    std::vector<std::string> files;
+    bool shortest = false;
+    bool force = false;
+};
+
+struct TimesOptions {
+    std::string movie;
+    std::optional<std::int32_t> track;
 };
 
 }  // namespace krvqt

@@ -1,4 +1,7 @@
 // krvqt, the command-line client: takes the command line apart and hands over to the command.
+#include <algorithm>
+#include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -42,6 +45,53 @@ void addConvert(CLI::App& app, ConvertOptions& options) {
     addTrackOptions(command, "audio", options.audio);
 }
 
+void addForce(CLI::App& command, bool& force) {
+    command.add_flag("--force", force, "replace an existing destination");
+}
+
+void addThumbnails(CLI::App& app, ThumbnailsOptions& options) {
+    CLI::App& command = *app.add_subcommand("thumbnails", "make pictures that are spread evenly over a movie");
+    command.add_option("movie", options.movie, "the movie to read")->required()->type_name("MOVIE");
+    command.add_option("folder", options.folder, "where thumbnail-0001.jpg and so on are put; made if it is missing")
+        ->required()
+        ->type_name("FOLDER");
+    command.add_option("--size", options.size, "the box they are fitted into, in pixels; a side of 0 is free")
+        ->type_name("WxH");
+    command.add_option("--count", options.count, "how many (12)")->type_name("N");
+    addForce(command, options.force);
+}
+
+void addInfo(CLI::App& app, InfoOptions& options) {
+    CLI::App& command = *app.add_subcommand("info", "what movies are");
+    command.add_option("movies", options.movies, "the movies to look at")->required()->type_name("MOVIE...");
+    command.add_option("--poster", options.poster, "where to put the poster picture, as JPEG")->type_name("FILE");
+    addForce(command, options.force);
+}
+
+void addMux(CLI::App& app, MuxOptions& options) {
+    CLI::App& command = *app.add_subcommand("mux", "copy a movie with its sound mixed down to stereo");
+    command.add_option("source", options.source, "the movie to read")->required()->type_name("SOURCE");
+    command.add_option("destination", options.destination, "the file to write")->required()->type_name("DESTINATION");
+    addForce(command, options.force);
+}
+
+void addMerge(CLI::App& app, MergeOptions& options) {
+    CLI::App& command = *app.add_subcommand("merge", "put movies one after another");
+    command.add_option("files", options.files, "the movies to read in order, and last the file to write")
+        ->required()
+        ->type_name("SOURCE... DESTINATION");
+    command.add_flag("--shortest", options.shortest,
+                     "let each movie end with its shortest track, not with its longest");
+    addForce(command, options.force);
+}
+
+void addTimes(CLI::App& app, TimesOptions& options) {
+    CLI::App& command = *app.add_subcommand("times", "where a person would want to seek in a movie, in seconds");
+    command.add_option("movie", options.movie, "the movie to look at")->required()->type_name("MOVIE");
+    command.add_option("--track", options.track, "only of the track with this index, the first being 0")
+        ->type_name("N");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -51,6 +101,11 @@ int main(int argc, char** argv) {
 
     CommonOptions common;
     ConvertOptions convertOptions;
+    ThumbnailsOptions thumbnailsOptions;
+    InfoOptions infoOptions;
+    MuxOptions muxOptions;
+    MergeOptions mergeOptions;
+    TimesOptions timesOptions;
     std::string recordFile;
     double wait = common.wait.count();
 
@@ -65,6 +120,11 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(0.0, 86400.0))
         ->capture_default_str();
     addConvert(app, convertOptions);
+    addThumbnails(app, thumbnailsOptions);
+    addInfo(app, infoOptions);
+    addMux(app, muxOptions);
+    addMerge(app, mergeOptions);
+    addTimes(app, timesOptions);
     app.add_subcommand("status", "what the media server is doing");
     app.add_subcommand("cancel-all", "cancel every operation of this user's applications");
     app.add_subcommand("shutdown", "end the media server when it has finished what it is doing");
@@ -83,18 +143,18 @@ int main(int argc, char** argv) {
     }
     common.wait = std::chrono::duration<double>(wait);
 
-    const std::string command = app.get_subcommands().front()->get_name();
-    if (command == "convert") {
-        return convert(convertOptions, common);
-    }
-    if (command == "status") {
-        return showStatus(common);
-    }
-    if (command == "cancel-all") {
-        return cancelAll(common);
-    }
-    if (command == "shutdown") {
-        return shutDown(common);
-    }
-    return command == "record" ? showRecord(recordFile, common) : showTypes(common);
+    const std::map<std::string, std::function<ExitStatus()>> commands{
+        {"convert", [&] { return convert(convertOptions, common); }},
+        {"thumbnails", [&] { return makeThumbnails(thumbnailsOptions, common); }},
+        {"info", [&] { return showInfo(infoOptions, common); }},
+        {"mux", [&] { return mux(muxOptions, common); }},
+        {"merge", [&] { return merge(mergeOptions, common); }},
+        {"times", [&] { return showTimes(timesOptions, common); }},
+        {"status", [&] { return showStatus(common); }},
+        {"cancel-all", [&] { return cancelAll(common); }},
+        {"shutdown", [&] { return shutDown(common); }},
+        {"record", [&] { return showRecord(recordFile, common); }},
+        {"types", [&] { return showTypes(common); }},
+    };
+    return commands.at(app.get_subcommands().front()->get_name())();
 }

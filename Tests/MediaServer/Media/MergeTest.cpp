@@ -73,8 +73,10 @@ INSTANTIATE_TEST_SUITE_P(
     Merge, MergeSync,
     testing::Values(Case{{"flash.mov", "wide.mp4"}, "mov", 2, 100}, Case{{"wide.mp4", "flash.mov"}, "mp4", 2, 120},
                     Case{{"wide.mp4", "flash.mov"}, "mkv", 2, 120}, Case{{"tall.mp4", "flash.mov"}, "mov", 2, 100},
-                    Case{{"mute.mp4", "flash.mov"}, "mov", 2, 100}, Case{{"mute.mp4", "mute.mp4", "wide.mp4"}, "mp4", 4, 150},
-                    Case{{"sound.wav", "flash.mov"}, "mov", 2, 100}, Case{{"flash.mov", "fast.mkv", "flash.mov"}, "mp4", 3.4, 135},
+                    Case{{"mute.mp4", "flash.mov"}, "mov", 2, 100},
+                    Case{{"mute.mp4", "mute.mp4", "wide.mp4"}, "mp4", 4, 150},
+                    Case{{"sound.wav", "flash.mov"}, "mov", 2, 100},
+                    Case{{"flash.mov", "fast.mkv", "flash.mov"}, "mp4", 3.4, 135},
                     Case{{"flash.webm", "flash.prores.mov", "flash.mov"}, "mp4", 4, 150},
                     Case{{"flash.prores.mov", "flash.webm", "flash.mov"}, "mov", 4, 150},
                     Case{{"flash.mov", "flash.webm"}, "webm", 2, 100}, Case{{"late.mkv", "late.mkv"}, "mkv", 2, 100},
@@ -147,7 +149,8 @@ TEST(Merge, OnlyTheSoundIsEncodedIfOnlyThatDiffers) {
     const auto output = join({"flash.mov", "mute.mp4"}, "mov");
     const auto same = join({"centre.mov", "mono.mov"}, "mov");
     EXPECT_EQ(packetHashes(same.path(), "v:0"), repeated(packetHashes(testMedia("centre.mov"), "v:0"), 2));
-    EXPECT_EQ(text(Probe(same).audio(), "channel_layout"), text(Probe(testMedia("centre.mov")).audio(), "channel_layout"));
+    EXPECT_EQ(text(Probe(same).audio(), "channel_layout"),
+              text(Probe(testMedia("centre.mov")).audio(), "channel_layout"));
     EXPECT_EQ(number(Probe(output).audio(), "channels"), 1);
 }
 

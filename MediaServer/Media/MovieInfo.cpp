@@ -1,0 +1,196 @@
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+#include <MediaServer/Media/AudioFormat.h>
+#include <MediaServer/Media/FFmpegLog.h>
+#include <MediaServer/Media/MovieInfo.h>
+#include <MediaServer/Media/PictureReader.h>
+#include <MediaServer/Media/Poster.h>
+#include <fmt/format.h>
+
+extern "C" {
+#include <libavutil/channel_layout.h>
+#include <libavutil/parseutils.h>
+}
+
+namespace krv::media {
+namespace {
+
+// Clocks that nobody set begin in 1904 or 1970; no movie was stored in a file before this year.
+constexpr double kEarliestPlausible = 5 * 365.25 * 24 * 3600;
+
+struct Name {
+    AVCodecID codec;
+    const char* name;
+};
+// Where FFmpeg's own name is not what people say.
+constexpr std::array<Name, 28> kNames{{
+    {AV_CODEC_ID_H264, "H.264"},
+    {AV_CODEC_ID_HEVC, "HEVC"},
+    {AV_CODEC_ID_H263, "H.263"},
+    {AV_CODEC_ID_VP8, "VP8"},
+    {AV_CODEC_ID_VP9, "VP9"},
+    {AV_CODEC_ID_AV1, "AV1"},
+    {AV_CODEC_ID_PRORES, "ProRes"},
+    {AV_CODEC_ID_DNXHD, "DNxHD"},
+    {AV_CODEC_ID_MJPEG, "Motion JPEG"},
+    {AV_CODEC_ID_MPEG1VIDEO, "MPEG-1"},
+    {AV_CODEC_ID_MPEG2VIDEO, "MPEG-2"},
+    {AV_CODEC_ID_MPEG4, "MPEG-4"},
+    {AV_CODEC_ID_DVVIDEO, "DV"},
+    {AV_CODEC_ID_THEORA, "Theora"},
+    {AV_CODEC_ID_CINEPAK, "Cinepak"},
+    {AV_CODEC_ID_QTRLE, "Animation"},
+    {AV_CODEC_ID_RAWVIDEO, "Uncompressed"},
+    {AV_CODEC_ID_PNG, "PNG"},
+    {AV_CODEC_ID_GIF, "GIF"},
+    {AV_CODEC_ID_AAC, "AAC"},
+    {AV_CODEC_ID_ALAC, "ALAC"},
+    {AV_CODEC_ID_AC3, "AC-3"},
+    {AV_CODEC_ID_EAC3, "E-AC-3"},
+    {AV_CODEC_ID_MP2, "MP2"},
+    {AV_CODEC_ID_MP3, "MP3"},
+    {AV_CODEC_ID_FLAC, "FLAC"},
+    {AV_CODEC_ID_OPUS, "Opus"},
+    {AV_CODEC_ID_VORBIS, "Vorbis"},
+}};
+
+const AVStream* mainAudioStream(const Source& source) {
+    const AVStream* found = nullptr;
+    for (std::size_t i = 0; i < source.streamCount(); ++i) {
+        const AVStream& stream = source.stream(i);
+        if (stream.codecpar->codec_type != AVMEDIA_TYPE_AUDIO)
+            continue;
+        if ((stream.disposition & AV_DISPOSITION_DEFAULT) != 0)
+            return &stream;
+        if (!found)
+            found = &stream;
+    }
+    return found;
+}
+
+// Also one that cannot be decoded: it is to be named.
+const AVStream* anyVideoStream(const Source& source) {
+    if (const auto index = mainVideoStream(source))
+        return &source.stream(*index);
+    for (std::size_t i = 0; i < source.streamCount(); ++i)
+        if (source.stream(i).codecpar->codec_type == AVMEDIA_TYPE_VIDEO && !isCover(source.stream(i)))
+            return &source.stream(i);
+    return nullptr;
+}
+
+std::string layoutName(const AVChannelLayout& layout) {
+    // Files that tell the number of channels only mean the usual ones.
+    ChannelLayout usual;
+    if (layout.order == AV_CHANNEL_ORDER_UNSPEC)
+        usual.assignDefault(layout.nb_channels);
+    else
+        usual.assign(layout);
+    std::array<char, 128> text{};
+    if (usual.get().order == AV_CHANNEL_ORDER_UNSPEC ||
+        av_channel_layout_describe(&usual.get(), text.data(), text.size()) < 0)
+        return fmt::format("{} channels", layout.nb_channels);
+    return text.data();
+}
+
+std::string describeAudio(const AVStream& stream) {
+    const AVCodecParameters& codec = *stream.codecpar;
+    std::string text = displayName(codec.codec_id);
+    if (codec.sample_rate > 0)
+        text += fmt::format(", {} Hz", codec.sample_rate);
+    if (codec.ch_layout.nb_channels > 0)
+        text += ", " + layoutName(codec.ch_layout);
+    return text;
+}
+
+std::optional<double> creationTime(const AVFormatContext& format) {
+    for (const char* key : {"com.apple.quicktime.creationdate", "creation_time", "date"}) {
+        const AVDictionaryEntry* entry = av_dict_get(format.metadata, key, nullptr, 0);
+        // A year alone is an edition, not a time.
+        if (!entry || std::string_view(entry->value).size() < std::string_view("2001-01-01").size())
+            continue;
+        std::int64_t microseconds = 0;
+        if (av_parse_time(&microseconds, entry->value, 0) < 0)
+            continue;
+        const double seconds = static_cast<double>(microseconds) / AV_TIME_BASE;
+        if (seconds >= kEarliestPlausible)
+            return seconds;
+    }
+    return std::nullopt;
+}
+
+// The rate by which a header counts, or the measured one where that is not the same: the variable ones.
+std::optional<double> frameRate(const AVStream& stream) {
+    for (const AVRational rate : {stream.avg_frame_rate, stream.r_frame_rate})
+        if (rate.num > 0 && rate.den > 0 && av_q2d(rate) <= 1000)
+            return av_q2d(rate);
+    return std::nullopt;
+}
+
+double measuredDuration(const MovieInfoRequest& request, Progress& progress) {
+    Source source(request.source, request.sourcePath, progress);
+    const PacketPtr packet = newPacket();
+    std::int64_t end = 0;
+    while (source.read(*packet)) {
+        const AVRational unit = source.stream(static_cast<std::size_t>(packet->stream_index)).time_base;
+        const std::int64_t time = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
+        if (time != AV_NOPTS_VALUE)
+            end = std::max(end, av_rescale_q(time + packet->duration, unit, kMicroseconds));
+    }
+    return static_cast<double>(end - source.start()) / AV_TIME_BASE;
+}
+
+MovieInfo describe(const MovieInfoRequest& request, Progress& progress) {
+    MovieInfo info;
+    {
+        const Source source(request.source, request.sourcePath, progress);
+        const AVStream* const video = anyVideoStream(source);
+        const AVStream* const audio = mainAudioStream(source);
+        if (!video && !audio && !hasCover(source))
+            throw Failure(FailureCode::UnusableSource, "It has neither video nor audio.");
+        for (const AVStream* stream : {video, audio})
+            if (stream)
+                info.codecs += (info.codecs.empty() ? "" : ", ") + displayName(stream->codecpar->codec_id);
+        if (video && video->codecpar->width > 0)
+            info.dimensions = displayExtent(*video, video->codecpar->width, video->codecpar->height);
+        if (video)
+            info.frameRate = frameRate(*video);
+        if (audio)
+            info.audio = describeAudio(*audio);
+        info.created = creationTime(source.format());
+        if (source.duration() > 0)
+            info.duration = static_cast<double>(source.duration()) / AV_TIME_BASE;
+    }
+    if (!info.duration)
+        if (const double measured = measuredDuration(request, progress); measured > 0)
+            info.duration = measured;
+    progress.reach(0.5);
+    info.poster = makePoster(request.source, request.sourcePath, progress);
+    return info;
+}
+
+}  // namespace
+
+std::string displayName(AVCodecID codec) {
+    const auto found = std::find_if(kNames.begin(), kNames.end(), [codec](const Name& n) { return n.codec == codec; });
+    if (found != kNames.end())
+        return found->name;
+    const std::string name = avcodec_get_name(codec);
+    return name.starts_with("pcm_") ? "PCM" : name;
+}
+
+MovieInfo movieInfo(const MovieInfoRequest& request, ProgressSink& sink) {
+    FFmpegLog::instance().clear();
+    try {
+        Progress progress(sink);
+        MovieInfo info = describe(request, progress);
+        progress.finish();
+        return info;
+    } catch (Failure& failure) {
+        failure.about(request.sourcePath, request.sourcePath);
+        throw;
+    }
+}
+
+}  // namespace krv::media

@@ -1,0 +1,128 @@
+// Thumbnails of a long movie cost seeking and decoding from one key frame to the picture that is wanted, over and over.
+// So the pictures are divided among as many readers as there are cores, each with its own stretch of the movie and a
+// decoder of a single thread: decoders with threads of their own fill a pipeline first, which is worth nothing when
+// every few pictures one starts anew.
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <mutex>
+#include <thread>
+
+#include <unistd.h>
+
+#include <MediaServer/Media/FFmpegLog.h>
+#include <MediaServer/Media/PictureReader.h>
+#include <MediaServer/Media/StillPicture.h>
+#include <MediaServer/Media/Thumbnails.h>
+
+namespace krv::media {
+namespace {
+
+class Job {
+public:
+    Job(const ThumbnailRequest& request, ProgressSink& sink)
+        : request_(request)
+        , progress_(sink)
+        , pictures_(static_cast<std::size_t>(request.count))
+        , readers_(std::min(static_cast<std::size_t>(coreCount()), pictures_.size())) {}
+
+    std::vector<Thumbnail> run() {
+        if (ftruncate(request_.destination, 0) != 0)
+            throw Failure(FailureCode::UnwritableDestination, std::strerror(errno));
+        std::vector<std::thread> others;
+        for (std::size_t i = 1; i < readers_; ++i)
+            others.emplace_back([this, i] { readPart(i); });
+        readPart(0);
+        for (std::thread& other : others)
+            other.join();
+        if (failure_)
+            std::rethrow_exception(failure_);
+        progress_.finish();
+        return std::move(pictures_);
+    }
+
+private:
+    /// One reader's signs of life and progress become everybody's.
+    class PartSink final : public ProgressSink {
+    public:
+        explicit PartSink(Job& job)
+            : job_(job) {}
+        void progress(double) noexcept override {
+            const std::lock_guard lock(job_.mutex_);
+            job_.progress_.alive();
+        }
+
+    private:
+        Job& job_;
+    };
+
+    void readPart(std::size_t part) noexcept {
+        try {
+            PartSink sink(*this);
+            Progress progress(sink);
+            PictureReader reader(request_.source, request_.sourcePath, progress);
+            const std::size_t end = (part + 1) * pictures_.size() / readers_;
+            for (std::size_t i = part * pictures_.size() / readers_; i < end && !failed_; ++i)
+                make(reader, i);
+        } catch (...) {
+            const std::lock_guard lock(mutex_);
+            if (!failure_)
+                failure_ = std::current_exception();
+            failed_ = true;
+        }
+    }
+
+    void make(PictureReader& reader, std::size_t i) {
+        const auto count = static_cast<double>(pictures_.size());
+        const double middle = (static_cast<double>(i) + 0.5) / count;
+        const auto time =
+            reader.source().start() + static_cast<std::int64_t>(middle * static_cast<double>(reader.duration()));
+        FramePtr frame = reader.shownAt(time);
+        if (!frame)
+            fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "No picture of it can be decoded");
+        store(i, time, encodeJPEG(reader.stream(), std::move(frame), request_.width, request_.height));
+    }
+
+    void store(std::size_t i, std::int64_t time, const std::vector<std::uint8_t>& picture) {
+        const std::lock_guard lock(mutex_);
+        const auto length = static_cast<std::int64_t>(picture.size());
+        for (std::int64_t written = 0; written < length;) {
+            const ssize_t put = pwrite(request_.destination, picture.data() + written,
+                                       static_cast<std::size_t>(length - written), size_ + written);
+            if (put < 0 && errno == EINTR)
+                continue;
+            if (put <= 0)
+                throw Failure(FailureCode::UnwritableDestination, std::strerror(put < 0 ? errno : ENOSPC));
+            written += put;
+        }
+        pictures_[i] = {static_cast<double>(time) / AV_TIME_BASE, size_, length};
+        size_ += length;
+        progress_.reach(static_cast<double>(++made_) / static_cast<double>(pictures_.size()));
+    }
+
+    const ThumbnailRequest& request_;
+    std::mutex mutex_;  // of what follows, and of the destination
+    Progress progress_;
+    std::vector<Thumbnail> pictures_;
+    std::int64_t size_ = 0;
+    std::size_t made_ = 0;
+    std::exception_ptr failure_;
+    std::atomic<bool> failed_{false};
+    const std::size_t readers_;
+};
+
+}  // namespace
+
+std::vector<Thumbnail> makeThumbnails(const ThumbnailRequest& request, ProgressSink& sink) {
+    FFmpegLog::instance().clear();
+    try {
+        return Job(request, sink).run();
+    } catch (Failure& failure) {
+        failure.about(request.sourcePath, request.destinationPath);
+        throw;
+    }
+}
+
+}  // namespace krv::media

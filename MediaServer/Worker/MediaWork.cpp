@@ -1,0 +1,207 @@
+// From records to the media library's terms and back: the only place in the worker that knows both.
+#include "MediaWork.h"
+
+#include <array>
+#include <exception>
+#include <new>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <MediaServer/Media/Encode.h>
+#include <MediaServer/Media/InterestingTimes.h>
+#include <MediaServer/Media/MovieInfo.h>
+#include <MediaServer/Media/Thumbnails.h>
+
+#include "MediaRequest.h"
+#include "ServerError.h"
+#include "ThumbnailFolder.h"
+
+namespace krv::server {
+namespace {
+
+class ChannelProgress final : public media::ProgressSink {
+public:
+    explicit ChannelProgress(WorkerChannel& channel)
+        : channel_(channel) {}
+    void progress(double fraction) noexcept override {
+        KRVOperationBase report;
+        report.setOperationType(OpProgressAndCompletion);
+        report.setProgress(static_cast<float>(fraction));
+        channel_.send(report);
+    }
+
+private:
+    WorkerChannel& channel_;
+};
+
+template <typename Settings>
+void copyCommon(Settings& to, const EncodingParameters& from) {
+    to.codec = from.codec();
+    to.quality = from.quality();
+    if (const auto blob = from.settingsBlob()) {
+        to.settings.assign(reinterpret_cast<const char*>(blob->data()), blob->size());
+    }
+}
+
+using Message = WorkerChannel::Message;
+
+std::string sourcePath(const Message& job) {
+    return job.record->encodingSourceFilename().value_or("");
+}
+std::string destinationPath(const Message& job) {
+    return job.record->encodingDestinationFilename().value_or("");
+}
+int source(const Message& job) {
+    return job.files.at(0).get();
+}
+int destination(const Message& job) {
+    return job.files.at(1).get();
+}
+
+void encode(const Message& job, media::ProgressSink& progress, KRVOperationBase&) {
+    const KRVOperationBase& record = *job.record;
+    media::EncodeRequest request;
+    request.source = source(job);
+    request.destination = destination(job);
+    request.sourcePath = sourcePath(job);
+    request.destinationPath = destinationPath(job);
+    request.encodingType = record.encodingType();
+    request.flattenOnly = record.encodingFlattenOnly();
+    if (const auto video = record.encodingVideoParameters()) {
+        copyCommon(request.video.emplace(), *video);
+        request.video->fps = video->fps();
+    }
+    if (const auto audio = record.encodingAudioParameters()) {
+        copyCommon(request.audio.emplace(), *audio);
+    }
+    media::encode(request, progress);
+}
+
+void makeThumbnails(const Message& job, media::ProgressSink& progress, KRVOperationBase& end) {
+    media::ThumbnailRequest request;
+    request.source = source(job);
+    request.destination = destination(job);
+    request.sourcePath = sourcePath(job);
+    request.destinationPath = destinationPath(job);
+    request.count = thumbnailCountOf(*job.record);
+    request.width = job.record->thumbnailInfoSize().width;
+    request.height = job.record->thumbnailInfoSize().height;
+    Array pictures;
+    for (const media::Thumbnail& picture : media::makeThumbnails(request, progress)) {
+        pictures.push_back(std::make_shared<Dictionary>(Dictionary{
+            {kThumbnailTime, picture.time}, {kThumbnailOffset, picture.offset}, {kThumbnailLength, picture.length}}));
+    }
+    end.setResult(std::make_shared<Dictionary>(Dictionary{{kResultThumbnails, std::move(pictures)}}));
+}
+
+/// Dates count from the beginning of 2001.
+Date dateFromUnixTime(double seconds) {
+    constexpr double kReference = 978307200;
+    return {seconds - kReference};
+}
+
+/// When a file was made, as far as the file system knows.
+std::optional<Date> birthOf(int file) {
+    struct statx status {};
+    if (::statx(file, "", AT_EMPTY_PATH, STATX_BTIME, &status) != 0 || (status.stx_mask & STATX_BTIME) == 0) {
+        return std::nullopt;
+    }
+    return dateFromUnixTime(static_cast<double>(status.stx_btime.tv_sec) +
+                            static_cast<double>(status.stx_btime.tv_nsec) / 1e9);
+}
+
+void describeMovie(const Message& job, media::ProgressSink& progress, KRVOperationBase& end) {
+    media::MovieInfo info = media::movieInfo({.source = source(job), .sourcePath = sourcePath(job)}, progress);
+    Dictionary metadata;
+    const auto put = [&metadata](std::string_view key, const auto& value) {
+        if (value) {
+            metadata.set(key, *value);
+        }
+    };
+    const auto putText = [&metadata](std::string_view key, const std::string& text) {
+        if (!text.empty()) {
+            metadata.set(key, text);
+        }
+    };
+    putText(kMediaMetadataCodec, info.codecs);
+    put(kMediaMetadataDuration, info.duration);
+    if (info.dimensions) {
+        metadata.set(kMediaMetadataDimensions,
+                     Size{static_cast<double>(info.dimensions->width), static_cast<double>(info.dimensions->height)});
+    }
+    putText(kMediaMetadataAudio, info.audio);
+    putText(kMediaMetadataPath, sourcePath(job));
+    put(kMediaMetadataFrameRate, info.frameRate);
+    put(kMediaMetadataCreation, info.created ? dateFromUnixTime(*info.created) : birthOf(source(job)));
+    struct stat status {};
+    if (::fstat(source(job), &status) == 0) {
+        metadata.set(kMediaMetadataSize, static_cast<std::int64_t>(status.st_size));
+        metadata.set(kMediaMetadataModified, dateFromUnixTime(static_cast<double>(status.st_mtim.tv_sec) +
+                                                              static_cast<double>(status.st_mtim.tv_nsec) / 1e9));
+    }
+    if (!info.poster.empty()) {
+        const auto* const bytes = reinterpret_cast<const std::byte*>(info.poster.data());
+        metadata.set(kMediaMetadataPoster, Data(bytes, bytes + info.poster.size()));
+    }
+    end.setMetadata(std::make_shared<const Dictionary>(std::move(metadata)));
+}
+
+void findInterestingTimes(const Message& job, media::ProgressSink& progress, KRVOperationBase& end) {
+    media::InterestingTimesRequest request{.source = source(job), .sourcePath = sourcePath(job), .track = {}};
+    if (const Value* const track = job.record->arguments()->find(kArgumentTrackIndex)) {
+        request.track = track->integerValue();
+    }
+    const media::InterestingTimes times = media::interestingTimes(request, progress);
+    Array values(times.values.begin(), times.values.end());
+    end.setResult(std::make_shared<Dictionary>(
+        Dictionary{{kResultInterestingTimes,
+                    std::make_shared<Dictionary>(Dictionary{{kResultInterestingTimeValues, std::move(values)},
+                                                            {kResultInterestingTimeTimescale, times.timescale}})}}));
+}
+
+struct Row {
+    OperationType type;
+    void (*work)(const Message& job, media::ProgressSink& progress, KRVOperationBase& end);
+};
+constexpr std::array<Row, 4> kWork{{
+    {OpEncodeVideo, &encode},
+    {OpCreateThumbnails, &makeThumbnails},
+    {OpProvideMetadata, &describeMovie},
+    {OpGetInterestingTimes, &findInterestingTimes},
+}};
+
+void work(const Message& job, media::ProgressSink& progress, KRVOperationBase& end) {
+    for (const Row& row : kWork) {
+        if (row.type == job.record->operationType()) {
+            row.work(job, progress, end);
+            return;
+        }
+    }
+    throw media::Failure(media::FailureCode::Internal, "this worker knows no such work");
+}
+
+}  // namespace
+
+KRVOperationBase::Ref carryOut(const Message& job, WorkerChannel& channel) {
+    const auto end = std::make_shared<KRVOperationBase>();
+    end->setOperationType(OpReturnResult);
+    const std::string sources = describeSources(*job.record);
+    try {
+        ChannelProgress progress(channel);
+        work(job, progress, *end);
+        end->setProgress(1.0F, true);
+    } catch (const media::Failure& failure) {
+        end->setError(
+            makeError(static_cast<ErrorCode>(failure.code()), failure.description(), failure.reason(), failure.path()));
+    } catch (const std::bad_alloc&) {
+        end->setError(makeError(ErrorCode::WorkerDied, "There was not enough memory to work on " + sources + ".",
+                                "out of memory", sourcesOf(*job.record).front()));
+    } catch (const std::exception& problem) {
+        end->setError(makeError(ErrorCode::Internal, "Working on " + sources + " failed.", problem.what(),
+                                sourcesOf(*job.record).front()));
+    }
+    return end;
+}
+
+}  // namespace krv::server

@@ -1,0 +1,138 @@
+#include <algorithm>
+#include <cmath>
+#include <set>
+
+#include <MediaServer/Media/InterestingTimes.h>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+
+#include "MediaTestKit.h"
+#include "Numbers.h"
+
+namespace krv::media::test {
+namespace {
+
+InterestingTimes timesOf(const std::string& movie, std::optional<std::int64_t> track = {}) {
+    RecordingSink sink;
+    const Descriptor source = openToRead(movie);
+    InterestingTimes times = interestingTimes({.source = source.number(), .sourcePath = movie, .track = track}, sink);
+    EXPECT_EQ(sink.fractions.back(), 1);
+    EXPECT_TRUE(std::is_sorted(sink.fractions.begin(), sink.fractions.end()));
+    return times;
+}
+
+std::vector<double> seconds(const InterestingTimes& times) {
+    std::vector<double> found;
+    for (const std::int64_t value : times.values)
+        found.push_back(static_cast<double>(value) / times.timescale);
+    return found;
+}
+
+/// When the key frames of a stream are shown, on the movie's own clock, as ffprobe sees them.
+std::vector<double> keyFrames(const std::string& movie, int stream) {
+    const auto json =
+        nlohmann::json::parse(run({KRV_FFPROBE, "-v", "quiet", "-of", "json", "-select_streams", std::to_string(stream),
+                                   "-show_entries", "packet=pts_time,flags:format=start_time,format_name", movie}));
+    const std::string format = text(json.at("format"), "format_name");
+    const double start = number(json.at("format"), "start_time");
+    const double shift = format == "mpegts" || format == "mpeg" || start < 0 ? start : 0;
+    std::vector<double> times;
+    for (const auto& packet : json.at("packets")) {
+        const std::string flags = text(packet, "flags");
+        const double time = number(packet, "pts_time") - shift;
+        if (flags.find('K') != std::string::npos && flags.find('D') == std::string::npos)
+            times.push_back(std::max(time, 0.0));
+    }
+    std::sort(times.begin(), times.end());
+    return times;
+}
+
+std::vector<double> withStart(std::vector<double> times) {
+    if (times.empty() || times.front() > 0)
+        times.insert(times.begin(), 0.0);
+    return times;
+}
+
+struct Movie {
+    const char* name;
+    int video = 0;
+};
+void PrintTo(const Movie& movie, std::ostream* out) {
+    *out << movie.name;
+}
+class InterestingTimesOf : public testing::TestWithParam<Movie> {};
+
+TEST_P(InterestingTimesOf, AreTheStartAndTheKeyFramesWhereNothingElseIsThere) {
+    const std::string movie = corpus(GetParam().name);
+    const auto times = timesOf(movie);
+    EXPECT_THAT(seconds(times),
+                testing::Pointwise(testing::DoubleNear(0.0011), withStart(keyFrames(movie, GetParam().video))));
+    EXPECT_EQ(std::set(times.values.begin(), times.values.end()).size(), times.values.size());
+    EXPECT_TRUE(std::is_sorted(times.values.begin(), times.values.end()));
+}
+
+INSTANTIATE_TEST_SUITE_P(Every, InterestingTimesOf,
+                         testing::Values(Movie{"h264.mp4"}, Movie{"h264.mov"}, Movie{"h264.ts"}, Movie{"h264.mkv"},
+                                         Movie{"fragmented.mp4"}, Movie{"hevc-hdr.mp4"}, Movie{"vp9.webm"},
+                                         Movie{"av1.mp4"}, Movie{"prores.mov"}, Movie{"camera.avi"}, Movie{"mpeg2.mpg"},
+                                         Movie{"movie-with-cover.mp4"}, Movie{"held.mp4"}, Movie{"variable.mkv"},
+                                         Movie{"one-picture.mp4"}));
+
+TEST(InterestingTimes, CountInTheUnitsOfTheVideo) {
+    EXPECT_EQ(timesOf(corpus("h264.mp4")).timescale, 12800);
+    EXPECT_EQ(timesOf(corpus("h264.mkv")).timescale, 1000);
+    EXPECT_EQ(timesOf(corpus("h264.ts")).timescale, 90000);
+}
+
+TEST(InterestingTimes, HoldTheChapters) {
+    for (const char* movie : {"chapters.mkv", "chapters.mp4"}) {
+        EXPECT_THAT(seconds(timesOf(corpus(movie))), testing::Contains(testing::DoubleNear(2.5, 0.001))) << movie;
+        EXPECT_THAT(seconds(timesOf(corpus("h264.mp4"))),
+                    testing::Not(testing::Contains(testing::DoubleNear(2.5, 0.001))));
+    }
+}
+
+TEST(InterestingTimes, HoldTheEdits) {
+    // An empty edit of 1.5 seconds before the movie itself.
+    OutputPath movie("mov");
+    (void)run({KRV_FFMPEG, "-v", "quiet", "-y", "-itsoffset", "1.5", "-i", corpus("h264.mov"), "-itsoffset", "1.5",
+               "-i", corpus("h264.mov"), "-map", "0:v", "-map", "1:a", "-c", "copy", movie.path()});
+    const auto times = seconds(timesOf(movie.path()));
+    EXPECT_THAT(times, testing::Contains(testing::DoubleNear(0, 1e-6)));
+    EXPECT_THAT(times, testing::Contains(testing::DoubleNear(1.5, 0.03)));
+}
+
+TEST(InterestingTimes, OfATrackAreItsKeyFramesOnly) {
+    const std::string movie = corpus("chapters.mkv");
+    EXPECT_THAT(seconds(timesOf(movie, 0)), testing::Pointwise(testing::DoubleNear(0.0011), keyFrames(movie, 0)));
+}
+
+TEST(InterestingTimes, OfASoundTrackAreItsEdits) {
+    EXPECT_THAT(seconds(timesOf(corpus("h264.mp4"), 1)), testing::ElementsAre(0));
+    EXPECT_THAT(seconds(timesOf(corpus("h264.mkv"), 1)), testing::ElementsAre(0));
+}
+
+TEST(InterestingTimes, OfSoundAloneAreItsStart) {
+    EXPECT_THAT(seconds(timesOf(corpus("song.m4a"))), testing::ElementsAre(0));
+    EXPECT_THAT(seconds(timesOf(corpus("song.flac"))), testing::ElementsAre(0));
+}
+
+TEST(InterestingTimes, OfATrackThatDoesNotExistAreAnError) {
+    for (const std::int64_t track : {-1L, 2L, 1L << 40}) {
+        try {
+            (void)timesOf(corpus("h264.mp4"), track);
+            ADD_FAILURE() << track;
+        } catch (const Failure& failure) {
+            EXPECT_EQ(failure.code(), 9);
+            EXPECT_THAT(failure.reason(), testing::HasSubstr(fmt::format("no track {}", track)));
+        }
+    }
+}
+
+TEST(InterestingTimes, OfABrokenMovieAreThoseThatCanBeFound) {
+    EXPECT_GE(timesOf(corpus("truncated.mkv")).values.size(), 1U);
+    EXPECT_GE(timesOf(corpus("damaged.mkv")).values.size(), 2U);
+}
+
+}  // namespace
+}  // namespace krv::media::test

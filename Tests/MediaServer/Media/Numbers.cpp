@@ -1,0 +1,89 @@
+#include "Numbers.h"
+
+#include <array>
+#include <cmath>
+#include <stdexcept>
+
+#include <fmt/format.h>
+
+#include "MediaTestKit.h"
+
+namespace krv::media::test {
+namespace {
+
+constexpr int kBits = 16;
+// More than the mean of bright and dark: where two fields show different numbers the bits of both count.
+constexpr int kBright = 150;
+
+struct Lab {
+    double lightness = 0;
+    double a = 0;
+    double b = 0;
+};
+
+// From sRGB with its white point to CIE 1976 L*a*b*.
+Lab labOf(int red, int green, int blue) {
+    const auto linear = [](int value) {
+        const double v = value / 255.0;
+        return v <= 0.04045 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4);
+    };
+    const double r = linear(red), g = linear(green), b = linear(blue);
+    const auto curve = [](double t) { return t > 0.008856 ? std::cbrt(t) : 7.787 * t + 16.0 / 116; };
+    const double x = curve((0.4124 * r + 0.3576 * g + 0.1805 * b) / 0.9505);
+    const double y = curve(0.2126 * r + 0.7152 * g + 0.0722 * b);
+    const double z = curve((0.0193 * r + 0.1192 * g + 0.9505 * b) / 1.089);
+    return {116 * y - 16, 500 * (x - y), 200 * (y - z)};
+}
+
+}  // namespace
+
+std::string corpus(const std::string& name) {
+    return std::string(KRV_CORPUS) + "/" + name;
+}
+
+std::vector<int> pictureNumbers(const std::string& path, const std::string& filter) {
+    const std::string chain = filter + fmt::format(",crop=iw*0.8:ih/15:0:0,scale={}:1:flags=area,format=gray", kBits);
+    const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-noautorotate", "-i", path, "-map", "0:v:0", "-vf",
+                                   chain, "-vsync", "passthrough", "-f", "rawvideo", "-"});
+    std::vector<int> numbers;
+    for (std::size_t start = 0; start + kBits <= bytes.size(); start += kBits) {
+        int number = 0;
+        for (std::size_t bit = 0; bit < kBits; ++bit)
+            number |= static_cast<unsigned char>(bytes[start + bit]) > kBright ? 1 << bit : 0;
+        numbers.push_back(number);
+    }
+    return numbers;
+}
+
+std::vector<int> numbersFrom(int first, int last, int step) {
+    std::vector<int> numbers;
+    for (int number = first; number <= last; number += step)
+        numbers.push_back(number);
+    return numbers;
+}
+
+std::vector<int> shownColours(const std::string& path, int picture) {
+    const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:v:0", "-frames:v", "1", "-vf",
+                                   fmt::format("select=gte(n\\,{}),", picture) + "format=rgb24,scale=16:12:flags=area",
+                                   "-f", "rawvideo", "-"});
+    std::vector<int> values;
+    for (const char byte : bytes)
+        values.push_back(static_cast<unsigned char>(byte));
+    if (values.size() != 16 * 12 * 3)
+        throw std::runtime_error("no picture");
+    return values;
+}
+
+ColourDifference colourDifference(const std::vector<int>& a, const std::vector<int>& b) {
+    ColourDifference result;
+    for (std::size_t i = 0; i + 2 < a.size(); i += 3) {
+        const Lab one = labOf(a[i], a[i + 1], a[i + 2]);
+        const Lab two = labOf(b.at(i), b.at(i + 1), b.at(i + 2));
+        const double distance = std::hypot(one.lightness - two.lightness, one.a - two.a, one.b - two.b);
+        result.mean += distance / (static_cast<double>(a.size()) / 3);
+        result.largest = std::max(result.largest, distance);
+    }
+    return result;
+}
+
+}  // namespace krv::media::test

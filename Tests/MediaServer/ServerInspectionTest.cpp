@@ -1,0 +1,170 @@
+// Thumbnails, descriptions and interesting times through the real server and the client.
+#include <gmock/gmock.h>
+
+#include "ServerFixture.h"
+
+namespace krv::server {
+namespace {
+
+class Inspection : public Server {
+protected:
+    std::string pictures() const { return out("pictures"); }
+    std::vector<std::string> namesIn(const std::string& place) const {
+        std::vector<std::string> names;
+        std::error_code failure;
+        for (const auto& entry : fs::directory_iterator(place, failure)) {
+            names.push_back(entry.path().filename().string());
+        }
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+    /// Runs a record and returns the finished one, which may hold an error.
+    R::Ref run(const R::Ref& request) const {
+        std::shared_ptr<const Error> error;
+        (void)TransportInvocation::invocationWith(request)->invokeOverTransportGetProgressWaitToComplete(transport,
+                                                                                                         &error, 60);
+        EXPECT_FALSE(error);
+        return ask(R::returnResultForOperation(request->uniqueID()));
+    }
+    std::string noMovie() const {
+        const std::string path = (folder.path() / "no.mov").string();
+        std::ofstream(path) << "this is no movie, only some text that is long enough";
+        return path;
+    }
+};
+
+TEST_F(Inspection, ThumbnailsAppearInTheirFolderAndInTheResult) {
+    start();
+    const auto request = R::createThumbnailsForVideo(movie(), pictures(), {100, 0});
+    request->arguments()->set("thumbnailCount", 3);
+    const auto finished = run(request);
+    ASSERT_FALSE(finished->error());
+    EXPECT_TRUE(finished->completed());
+    EXPECT_EQ(finished->progress(), 1.0F);
+    const auto list = (*finished->result())["thumbnails"].array();
+    ASSERT_TRUE(list);
+    ASSERT_EQ(list->size(), 3U);
+    EXPECT_THAT(namesIn(pictures()),
+                testing::ElementsAre("thumbnail-0001.jpg", "thumbnail-0002.jpg", "thumbnail-0003.jpg"));
+    double last = 0;
+    for (std::size_t i = 0; i < list->size(); ++i) {
+        const auto picture = (*list)[i].dictionary();
+        EXPECT_EQ((*picture)["path"].stringValue(), fmt::format("{}/thumbnail-000{}.jpg", pictures(), i + 1));
+        EXPECT_GT((*picture)["time"].doubleValue(), last);
+        last = (*picture)["time"].doubleValue();
+    }
+    EXPECT_LT(last, 2.1);
+}
+
+TEST_F(Inspection, TheClientMakesTwelveThumbnails) {
+    start();
+    std::shared_ptr<const Error> error;
+    EXPECT_TRUE(client->createThumbnailsFor(movie(), pictures(), {}, observer, &error));
+    EXPECT_FALSE(error);
+    EXPECT_THAT(namesIn(pictures()), testing::SizeIs(12));
+    EXPECT_TRUE(std::is_sorted(observer->seen.begin(), observer->seen.end()));
+    EXPECT_FALSE(observer->seen.empty());
+}
+
+TEST_F(Inspection, ThumbnailsThatFailLeaveNoFolder) {
+    start();
+    const auto finished = run(R::createThumbnailsForVideo(noMovie(), pictures(), {}));
+    ASSERT_TRUE(finished->error());
+    EXPECT_EQ(finished->error()->code(), 4);
+    EXPECT_EQ(filesInOut(), 0U);
+}
+
+TEST_F(Inspection, ThumbnailsThatAreCancelledLeaveNoFolder) {
+    start();
+    const auto request = R::createThumbnailsForVideo(std::string(KRV_TEST_MEDIA) + "/longer.mov", pictures(), {});
+    request->arguments()->set("thumbnailCount", 2000);
+    request->setProgressDelegate(observer);
+    observer->onProgress = [](const R&, float) { return false; };
+    std::shared_ptr<const Error> error;
+    (void)TransportInvocation::invocationWith(request)->invokeOverTransportGetProgressWaitToComplete(transport, &error,
+                                                                                                     60);
+    EXPECT_TRUE(request->cancelled());
+    while (status()["running"] != 0) {
+    }
+    EXPECT_EQ(filesInOut(), 0U);
+}
+
+TEST_F(Inspection, AMovieIsDescribed) {
+    start();
+    std::shared_ptr<const Error> error;
+    const auto info = client->getMetadataFor(movie(), &error);
+    ASSERT_TRUE(info);
+    EXPECT_FALSE(error);
+    EXPECT_EQ((*info)[kMediaMetadataCodec].stringValue(), "H.264, AAC");
+    EXPECT_EQ((*info)[kMediaMetadataAudio].stringValue(), "AAC, 48000 Hz, mono");
+    EXPECT_EQ((*info)[kMediaMetadataDuration].kind(), Value::Kind::Float64);
+    EXPECT_NEAR((*info)[kMediaMetadataDuration].doubleValue(), 2.0, 0.05);
+    EXPECT_EQ((*info)[kMediaMetadataDimensions].sizeValue(), (Size{320, 240}));
+    EXPECT_EQ((*info)[kMediaMetadataSize].integerValue(), static_cast<std::int64_t>(fs::file_size(movie())));
+    EXPECT_EQ((*info)[kMediaMetadataPath].stringValue(), movie());
+    EXPECT_EQ((*info)[kMediaMetadataFrameRate].doubleValue(), 25.0);
+    ASSERT_TRUE((*info)[kMediaMetadataModified].date());
+    struct stat file {};
+    ::stat(movie().c_str(), &file);
+    EXPECT_NEAR((*info)[kMediaMetadataModified].date()->secondsSinceReference + 978307200,
+                static_cast<double>(file.st_mtim.tv_sec), 1.0);
+    EXPECT_TRUE((*info)[kMediaMetadataCreation].date());
+    const auto poster = (*info)[kMediaMetadataPoster].data();
+    ASSERT_TRUE(poster);
+    EXPECT_EQ((*poster)[0], std::byte{0xff});
+    EXPECT_EQ((*poster)[1], std::byte{0xd8});
+}
+
+TEST_F(Inspection, WhatIsNotInAMovieIsNotInItsDescription) {
+    start();
+    std::shared_ptr<const Error> error;
+    const auto info = client->getMetadataFor(std::string(KRV_TEST_MEDIA) + "/sound.wav", &error);
+    ASSERT_TRUE(info);
+    for (const std::string_view key : {kMediaMetadataDimensions, kMediaMetadataFrameRate, kMediaMetadataPoster}) {
+        EXPECT_FALSE(info->find(key)) << key;
+    }
+    EXPECT_EQ((*info)[kMediaMetadataCodec].stringValue(), "PCM");
+}
+
+TEST_F(Inspection, InterestingTimesAreAscendingIntegersWithTheirScale) {
+    start();
+    std::shared_ptr<const Error> error;
+    const Value answer =
+        client->getInterestingTimesForMovie(std::string(KRV_TEST_MEDIA) + "/chapters.mp4", false, 0, &error);
+    EXPECT_FALSE(error);
+    const auto times = answer.dictionary();
+    ASSERT_TRUE(times);
+    const auto scale = (*times)[kResultInterestingTimeTimescale];
+    EXPECT_EQ(scale.kind(), Value::Kind::Integer);
+    std::vector<double> seconds;
+    for (const Value& value : *(*times)[kResultInterestingTimeValues].array()) {
+        EXPECT_EQ(value.kind(), Value::Kind::Integer);
+        seconds.push_back(static_cast<double>(value.integerValue()) / scale.doubleValue());
+    }
+    EXPECT_THAT(seconds, testing::ElementsAre(0.0, 1.0));
+}
+
+TEST_F(Inspection, ATrackThatDoesNotExistIsErrorNine) {
+    start();
+    std::shared_ptr<const Error> error;
+    EXPECT_TRUE(client->getInterestingTimesForMovie(movie(), true, 99, &error).isNull());
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code(), 9);
+}
+
+TEST_F(Inspection, WhatIsNoMovieHasNeitherDescriptionNorTimes) {
+    start();
+    for (const R::Ref& request :
+         {R::provideMetadataFor(noMovie()), R::getInterestingTimesOperation(noMovie(), false, 0)}) {
+        const auto finished = run(request);
+        ASSERT_TRUE(finished->error());
+        EXPECT_EQ(finished->error()->code(), 4);
+        EXPECT_THAT(finished->error()->localizedDescription(), testing::HasSubstr("no.mov"));
+    }
+    const auto missing = run(R::provideMetadataFor("/does/not/exist.mov"));
+    ASSERT_TRUE(missing->error());
+    EXPECT_EQ(missing->error()->code(), 3);
+}
+
+}  // namespace
+}  // namespace krv::server

@@ -1,0 +1,22 @@
+#include "Commands.h"
+#include "FileOperation.h"
+#include "Paths.h"
+
+namespace krvqt {
+
+ExitStatus mux(const MuxOptions& options, const CommonOptions& common) {
+    std::string source = options.source;
+    std::string destination = options.destination;
+    if (const ExitStatus status = makeAbsolute({&source, &destination}); status != kDone) {
+        return status;
+    }
+    if (const ExitStatus status = checkDestination(destination, options.force); status != kDone) {
+        return status;
+    }
+    const auto call = [&](const ServerAccess& access, const auto& progress, krv::ErrorOut error) {
+        access.client->muxMovie(source, destination, progress, error);
+    };
+    return makeFile({.operation = "mux", .sources = {source}, .destination = destination}, call, common);
+}
+
+}  // namespace krvqt

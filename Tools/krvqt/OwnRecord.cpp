@@ -1,0 +1,39 @@
+#include "OwnRecord.h"
+
+namespace krvqt {
+namespace {
+
+using krv::KRVOperationBase;
+using krv::TransportInvocation;
+
+/// How long progress may stand still, in seconds.
+constexpr float kPatience = 60;
+
+KRVOperationBase::Ref send(const ServerAccess& access, const KRVOperationBase::Ref& operation, krv::ErrorOut error) {
+    const auto reply = TransportInvocation::invocationWith(operation)->invokeOverTransport(access.transport, error);
+    return TransportInvocation::throwExceptionIfNoError(error, operation, reply);
+}
+
+}  // namespace
+
+KRVOperationBase::Ref runRecord(const ServerAccess& access, const KRVOperationBase::Ref& record,
+                                const std::shared_ptr<krv::OperationProgress>& progress, krv::ErrorOut error) {
+    record->setProgressDelegate(progress);
+    (void)TransportInvocation::invocationWith(record)->invokeOverTransportGetProgressWaitToComplete(access.transport,
+                                                                                                    error, kPatience);
+    if (!*error) {
+        *error = record->error();
+    }
+    if (*error || record->cancelled()) {
+        return nullptr;
+    }
+    auto finished = send(access, KRVOperationBase::returnResultForOperation(record->uniqueID()), error);
+    if (finished && finished->error()) {
+        *error = finished->error();
+    }
+    std::shared_ptr<const krv::Error> ignored;  // the server forgets it in any case
+    (void)send(access, KRVOperationBase::removeReturnResultForOperation(record->uniqueID()), &ignored);
+    return *error ? nullptr : finished;
+}
+
+}  // namespace krvqt

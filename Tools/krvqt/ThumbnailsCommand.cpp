@@ -1,0 +1,92 @@
+#include <charconv>
+#include <filesystem>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "Commands.h"
+#include "FileOperation.h"
+#include "OwnRecord.h"
+#include "Paths.h"
+
+namespace krvqt {
+namespace {
+
+/// "640x360"; either side may be 0 or missing.
+std::optional<krv::Size> sizeFrom(const std::string& text) {
+    const auto cross = text.find_first_of("xX");
+    if (cross == std::string::npos) {
+        return std::nullopt;
+    }
+    const auto side = [](std::string_view digits) -> std::optional<int> {
+        int value = 0;
+        if (digits.empty()) {
+            return value;
+        }
+        const auto [end, failure] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+        return failure == std::errc() && end == digits.data() + digits.size() && value >= 0 ? std::optional(value)
+                                                                                            : std::nullopt;
+    };
+    const auto width = side(std::string_view(text).substr(0, cross));
+    const auto height = side(std::string_view(text).substr(cross + 1));
+    if (!width || !height) {
+        return std::nullopt;
+    }
+    return krv::Size{static_cast<double>(*width), static_cast<double>(*height)};
+}
+
+/// Whether pictures of an earlier run are in the way.
+bool holdsThumbnails(const std::string& folder) {
+    std::error_code failure;
+    return std::filesystem::exists(std::filesystem::path(folder) / "thumbnail-0001.jpg", failure);
+}
+
+}  // namespace
+
+ExitStatus makeThumbnails(const ThumbnailsOptions& options, const CommonOptions& common) {
+    std::string movie = options.movie;
+    std::string folder = options.folder;
+    if (const ExitStatus status = makeAbsolute({&movie, &folder}); status != kDone) {
+        return status;
+    }
+    const auto size = options.size ? sizeFrom(*options.size) : krv::Size{};
+    if (!size) {
+        return usage("--size takes a width and a height in pixels, such as 640x360 or 0x200");
+    }
+    if (options.count && *options.count < 1) {
+        return usage("--count takes a number of pictures, at least 1");
+    }
+    if (!options.force && holdsThumbnails(folder)) {
+        return usage(fmt::format("{} holds thumbnails already; use --force to replace them", folder));
+    }
+    // The client's call tells neither what went wrong in the server nor which pictures were made.
+    std::shared_ptr<const krv::Array> pictures;
+    const auto call = [&](const ServerAccess& access, const auto& progress, krv::ErrorOut error) {
+        const auto record = krv::KRVOperationBase::createThumbnailsForVideo(movie, folder, *size);
+        if (options.count) {
+            record->arguments()->set("thumbnailCount", *options.count);
+        }
+        const auto finished = runRecord(access, record, progress, error);
+        const auto result = finished ? finished->result() : nullptr;
+        pictures = result ? (*result)["thumbnails"].array() : nullptr;
+    };
+    const auto each = [&](const auto& use) {
+        for (std::size_t i = 0; pictures && i < pictures->size(); ++i) {
+            if (const auto picture = (*pictures)[i].dictionary()) {
+                use((*picture)["path"].stringValue(), (*picture)["time"].doubleValue());
+            }
+        }
+    };
+    const auto describe = [&](nlohmann::json& json) {
+        json["thumbnails"] = nlohmann::json::array();
+        each([&](const std::string& path, double time) {
+            json["thumbnails"].push_back({{"path", path}, {"time", time}});
+        });
+    };
+    const auto print = [&] { each([](const std::string& path, double) { fmt::print("{}\n", path); }); };
+    return makeFile(
+        {.operation = "thumbnails", .sources = {movie}, .destination = folder, .describe = describe, .print = print},
+        call, common);
+}
+
+}  // namespace krvqt
