@@ -22,6 +22,7 @@ namespace detail {
 struct Free {
     void operator()(AVPacket* p) const noexcept { av_packet_free(&p); }
     void operator()(AVFrame* p) const noexcept { av_frame_free(&p); }
+    void operator()(AVCodecParameters* p) const noexcept { avcodec_parameters_free(&p); }
     void operator()(AVCodecContext* p) const noexcept { avcodec_free_context(&p); }
     void operator()(AVFilterGraph* p) const noexcept { avfilter_graph_free(&p); }
     void operator()(SwrContext* p) const noexcept { swr_free(&p); }
@@ -31,6 +32,7 @@ struct Free {
 
 using PacketPtr = std::unique_ptr<AVPacket, detail::Free>;
 using FramePtr = std::unique_ptr<AVFrame, detail::Free>;
+using CodecParametersPtr = std::unique_ptr<AVCodecParameters, detail::Free>;
 using CodecContextPtr = std::unique_ptr<AVCodecContext, detail::Free>;
 using FilterGraphPtr = std::unique_ptr<AVFilterGraph, detail::Free>;
 using ResamplerPtr = std::unique_ptr<SwrContext, detail::Free>;

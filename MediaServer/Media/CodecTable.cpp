@@ -1,6 +1,10 @@
 #include <algorithm>
 #include <cctype>
 
+extern "C" {
+#include <libavutil/bswap.h>
+}
+
 #include <MediaServer/Media/CodecTable.h>
 #include <MediaServer/Media/Failure.h>
 #include <MediaServer/Media/FourCC.h>
@@ -89,6 +93,20 @@ const Codec& codecForFourCC(std::uint32_t code, AVMediaType type) {
         throw Failure(FailureCode::Unsupported, fmt::format("The codec {} is not one for {}.", fourCCText(code),
                                                             type == AVMEDIA_TYPE_VIDEO ? "video" : "audio"));
     return *found;
+}
+
+const Codec* codecLike(const AVCodecParameters& parameters) noexcept {
+    const bool pcm = avcodec_get_type(parameters.codec_id) == AVMEDIA_TYPE_AUDIO &&
+                     parameters.codec_id >= AV_CODEC_ID_FIRST_AUDIO && parameters.codec_id < AV_CODEC_ID_ADPCM_IMA_QT;
+    const AVCodecID id = pcm ? AV_CODEC_ID_PCM_S16LE : parameters.codec_id;
+    const Codec* like = nullptr;
+    for (const Codec& codec : kCodecs) {
+        // Variants of one codec are told apart by their codes.
+        const bool same = parameters.codec_tag == av_bswap32(codec.fourCC);
+        if (codec.id == id && (!like || same))
+            like = &codec;
+    }
+    return like;
 }
 
 const Encoder& encoderNamed(std::string_view name) {

@@ -54,6 +54,9 @@ struct Codec {
 /// The row of a code. Throws Failure Unsupported naming the code, or saying that it is of the other kind.
 [[nodiscard]] const Codec& codecForFourCC(std::uint32_t code, AVMediaType type);
 
+/// The row with which sound or pictures are encoded again as what they are; null if there is none.
+[[nodiscard]] const Codec* codecLike(const AVCodecParameters& parameters) noexcept;
+
 /// The row of an encoder by FFmpeg's name, which must be one of those named in a Codec.
 [[nodiscard]] const Encoder& encoderNamed(std::string_view name);
 

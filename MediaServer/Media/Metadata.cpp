@@ -21,13 +21,6 @@ bool describesTheFile(std::string_view key) {
                        [key](std::string_view start) { return key.starts_with(start); });
 }
 
-void copyTags(const AVDictionary* from, AVDictionary** to) {
-    const AVDictionaryEntry* entry = nullptr;
-    while ((entry = av_dict_get(from, "", entry, AV_DICT_IGNORE_SUFFIX)))
-        if (!describesTheFile(entry->key))
-            av_dict_set(to, entry->key, entry->value, 0);
-}
-
 void copyChapters(const AVFormatContext& from, AVFormatContext& to, std::int64_t shift) {
     if (from.nb_chapters == 0)
         return;
@@ -57,9 +50,30 @@ void copySideData(const AVStream& from, AVStream& to, AVPacketSideDataType type)
 
 }  // namespace
 
+void copyTags(const AVDictionary* from, AVDictionary** to) {
+    const AVDictionaryEntry* entry = nullptr;
+    while ((entry = av_dict_get(from, "", entry, AV_DICT_IGNORE_SUFFIX)))
+        if (!describesTheFile(entry->key))
+            av_dict_set(to, entry->key, entry->value, 0);
+}
+
 void copyMovieMetadata(const Source& source, OutputFile& output) {
     copyTags(source.format().metadata, &output.format().metadata);
     copyChapters(source.format(), output.format(), source.timeShift());
+}
+
+void addChapters(const std::vector<Chapter>& chapters, std::int64_t end, OutputFile& output) {
+    AVFormatContext& format = output.format();
+    format.chapters = static_cast<AVChapter**>(notNull(av_calloc(chapters.size(), sizeof(AVChapter*))));
+    for (std::size_t i = 0; i < chapters.size(); ++i) {
+        auto* chapter = static_cast<AVChapter*>(notNull(av_mallocz(sizeof(AVChapter))));
+        format.chapters[format.nb_chapters++] = chapter;
+        chapter->id = static_cast<std::int64_t>(i) + 1;
+        chapter->time_base = kMicroseconds;
+        chapter->start = chapters[i].start;
+        chapter->end = i + 1 < chapters.size() ? chapters[i + 1].start : end;
+        av_dict_set(&chapter->metadata, "title", chapters[i].title.c_str(), 0);
+    }
 }
 
 void copyTrackMetadata(const AVStream& from, AVStream& to, const Container& container) {

@@ -160,14 +160,36 @@ bool displayedSideways(const AVStream& stream) {
     return matrix && clockwiseQuarterTurns(matrix) % 2 == 1;
 }
 
+void turnUpright(PictureFormat& format, const AVStream& stream) {
+    const std::int32_t* matrix = displayMatrix(stream);
+    format.quarterTurns = matrix ? clockwiseQuarterTurns(matrix) : 0;
+    format.mirrored = matrix && mirrors(matrix);
+}
+
+void describe(const PictureFormat& format, AVCodecContext& encoder) {
+    encoder.width = format.width;
+    encoder.height = format.height;
+    encoder.pix_fmt = format.pixels;
+    encoder.sample_aspect_ratio = format.sampleAspect;
+    encoder.color_range = format.range;
+    encoder.color_primaries = format.primaries;
+    encoder.color_trc = format.transfer;
+    encoder.colorspace = format.space;
+    encoder.chroma_sample_location = format.chroma;
+    encoder.field_order = AV_FIELD_PROGRESSIVE;
+    if (format.interlaced) {
+        encoder.flags |= AV_CODEC_FLAG_INTERLACED_DCT | AV_CODEC_FLAG_INTERLACED_ME;
+        encoder.field_order = format.topFieldFirst ? AV_FIELD_TT : AV_FIELD_BB;
+    }
+}
+
 PictureFormat choosePictureFormat(const PictureRequest& request) {
     PictureFormat format;
     format.pixels = choosePixels(request);
     const std::int32_t* matrix = displayMatrix(request.stream);
     chooseSize(format, request, matrix && clockwiseQuarterTurns(matrix) % 2 == 1);
     if (matrix && !request.container.displayMatrix) {
-        format.quarterTurns = clockwiseQuarterTurns(matrix);
-        format.mirrored = mirrors(matrix);
+        turnUpright(format, request.stream);
         if (format.quarterTurns % 2 == 1) {
             std::swap(format.width, format.height);
             if (format.sampleAspect.num > 0)

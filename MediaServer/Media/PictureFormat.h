@@ -26,7 +26,8 @@ struct PictureFormat {
     bool convertsColours = false;  ///< pictures of another matrix are brought to this one, not only described by it
     int quarterTurns = 0;          ///< clockwise turns of the pixels, where the container cannot say it
     bool mirrored =
-        false;  ///< likewise: after the turns, mirrored across the axis that was the source's horizontal one
+        false;            ///< likewise: after the turns, mirrored across the axis that was the source's horizontal one
+    bool fitted = false;  ///< pictures that are shown in another shape get bars; else the first one's are stretched
 };
 
 /// Where a PictureFormat comes from.
@@ -40,6 +41,12 @@ struct PictureRequest {
 
 /// Pure. Throws Failure Unsupported if a picture format that was asked for is not one of the codec's.
 [[nodiscard]] PictureFormat choosePictureFormat(const PictureRequest& request);
+
+/// Sets the turns and the mirroring that make a stream's pictures upright.
+void turnUpright(PictureFormat& format, const AVStream& stream);
+
+/// Tells an encoder that is not open yet what its pictures will be like.
+void describe(const PictureFormat& format, AVCodecContext& encoder);
 
 /// Whether the display matrix turns the picture by 90 or 270 degrees.
 [[nodiscard]] bool displayedSideways(const AVStream& stream);

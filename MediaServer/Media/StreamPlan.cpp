@@ -38,6 +38,18 @@ public:
             planAudio(index);
         if (plan_.empty())
             throw Failure(FailureCode::UnusableSource, emptyReason());
+        return planRest();
+    }
+
+    std::vector<StreamPlan> planAllButSound() {
+        if (container_.defaultVideo != 0)
+            for (const auto index : tracks(AVMEDIA_TYPE_VIDEO, false))
+                copyOrRefuse(index);
+        return planRest();
+    }
+
+private:
+    std::vector<StreamPlan> planRest() {
         for (const auto index : tracks(AVMEDIA_TYPE_SUBTITLE, false))
             planSubtitles(index);
         for (const auto index : tracks(AVMEDIA_TYPE_DATA, false))
@@ -46,15 +58,9 @@ public:
         return std::move(plan_);
     }
 
-private:
     // The indices of the usable streams of a kind; only the default or first one if so wanted.
     std::vector<std::size_t> tracks(AVMediaType kind, bool onlyOne) const {
-        std::vector<std::size_t> found;
-        for (std::size_t i = 0; i < source_.streamCount(); ++i) {
-            const AVStream& stream = source_.stream(i);
-            if (stream.codecpar->codec_type == kind && !isCover(stream) && known(stream))
-                found.push_back(i);
-        }
+        std::vector<std::size_t> found = usableStreams(source_, kind);
         if (onlyOne && found.size() > 1) {
             const auto preferred = std::find_if(found.begin(), found.end(), [this](std::size_t i) {
                 return (source_.stream(i).disposition & AV_DISPOSITION_DEFAULT) != 0;
@@ -208,6 +214,22 @@ private:
 std::vector<StreamPlan> planStreams(const Source& source, const Container& container, const EncodingType& type,
                                     const EncodeRequest& request) {
     return Planner(source, container, type, request).plan();
+}
+
+std::vector<StreamPlan> planAllButSound(const Source& source, const Container& container) {
+    EncodeRequest request;
+    request.flattenOnly = true;
+    return Planner(source, container, encodingTypeNumbered(0), request).planAllButSound();
+}
+
+std::vector<std::size_t> usableStreams(const Source& source, AVMediaType kind) {
+    std::vector<std::size_t> found;
+    for (std::size_t i = 0; i < source.streamCount(); ++i) {
+        const AVStream& stream = source.stream(i);
+        if (stream.codecpar->codec_type == kind && !isCover(stream) && known(stream))
+            found.push_back(i);
+    }
+    return found;
 }
 
 }  // namespace krv::media

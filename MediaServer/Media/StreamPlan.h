@@ -25,4 +25,13 @@ struct StreamPlan {
 [[nodiscard]] std::vector<StreamPlan> planStreams(const Source& source, const Container& container,
                                                   const EncodingType& type, const EncodeRequest& request);
 
+/// The same for everything but the sound, all of which is copied; text subtitles are converted where that is
+/// needed, and a container without moving pictures goes without them. May be empty. Throws Failure
+/// Unsupported if the container cannot hold the pictures' codec.
+[[nodiscard]] std::vector<StreamPlan> planAllButSound(const Source& source, const Container& container);
+
+/// The indices of the source's streams of a kind that can be used: covers, and those of which nothing is
+/// known, are not among them.
+[[nodiscard]] std::vector<std::size_t> usableStreams(const Source& source, AVMediaType kind);
+
 }  // namespace krv::media

@@ -24,10 +24,14 @@ const char* rangeName(AVColorRange range) {
 }
 
 // Where nobody says it, small pictures are taken to come from television of old and large ones from the new one.
+AVColorSpace matrixOf(AVColorSpace said, int width, int height) {
+    if (said != AVCOL_SPC_UNSPECIFIED)
+        return said;
+    return height > 576 || width > 1024 ? AVCOL_SPC_BT709 : AVCOL_SPC_SMPTE170M;
+}
+
 AVColorSpace matrixOf(const AVFrame& frame) {
-    if (frame.colorspace != AVCOL_SPC_UNSPECIFIED)
-        return frame.colorspace;
-    return frame.height > 576 || frame.width > 1024 ? AVCOL_SPC_BT709 : AVCOL_SPC_SMPTE170M;
+    return matrixOf(frame.colorspace, frame.width, frame.height);
 }
 
 const char* matrixName(AVColorSpace space) {
@@ -70,6 +74,39 @@ std::string toneMapping(const AVFrame& frame, const PictureFormat& target) {
                        "tonemap=tonemap=mobius:param={}:desat=0:peak={:.3f},zscale=t=bt709:m=bt709:r=tv",
                        target.width, target.height, kReferenceWhite, input, kUntouched,
                        std::max(target.peakLuminance / kReferenceWhite, 1.01));
+}
+
+// Brings ordinary pictures, or those of the other kind of HDR, to the HDR of the target.
+std::string widening(const AVFrame& frame, const PictureFormat& target) {
+    std::string input;
+    if (frame.color_primaries == AVCOL_PRI_UNSPECIFIED)
+        input += ":pin=bt709";
+    if (frame.colorspace == AVCOL_SPC_UNSPECIFIED)
+        input += ":min=bt709";
+    if (frame.color_trc == AVCOL_TRC_UNSPECIFIED)
+        input += ":tin=bt709";
+    if (frame.color_range == AVCOL_RANGE_UNSPECIFIED)
+        input += ":rin=tv";
+    // White of ordinary pictures is as bright as white in those of high dynamic range usually is.
+    return fmt::format("zscale=w={}:h={}:t={}:p=bt2020:m=bt2020nc:r=tv:npl=203{}", target.width, target.height,
+                       target.transfer == AVCOL_TRC_ARIB_STD_B67 ? "arib-std-b67" : "smpte2084", input);
+}
+
+double pixelShape(AVRational aspect) {
+    return aspect.num > 0 && aspect.den > 0 ? av_q2d(aspect) : 1;
+}
+
+// How the colours of the frame are meant and how they are wanted.
+std::string matrices(const AVFrame& frame, const PictureFormat& target) {
+    const AVPixFmtDescriptor* source = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
+    const AVPixFmtDescriptor* wanted = av_pix_fmt_desc_get(target.pixels);
+    std::string options;
+    if (!source || !(source->flags & (AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_PAL)))
+        options +=
+            fmt::format(":in_range={}:in_color_matrix={}", rangeName(frame.color_range), matrixName(matrixOf(frame)));
+    if (!wanted || !(wanted->flags & AV_PIX_FMT_FLAG_RGB))
+        options += fmt::format(":out_color_matrix={}", matrixName(matrixOf(target.space, target.width, target.height)));
+    return options;
 }
 
 std::string turning(const PictureFormat& target) {
@@ -169,6 +206,36 @@ void VideoFilter::build(const AVFrame& frame) {
         fail(FailureCode::Internal, result, "The pictures cannot be converted");
 }
 
+// Scales to the largest size of the picture's own shape that fits, and puts bars around.
+std::string VideoFilter::fittingChain(const AVFrame& frame, int width, int height) const {
+    const bool sideways = target_.quarterTurns % 2 == 1;
+    const double targetPixel = pixelShape(target_.sampleAspect);
+    const double shape = pixelShape(frame.sample_aspect_ratio) * frame.width / frame.height;
+    const double room = (sideways ? 1 / targetPixel : targetPixel) * width / height;
+    int innerWidth = width, innerHeight = height;
+    if (shape > room * (1 + kSameShape))
+        innerHeight = std::max(2, static_cast<int>(std::lround(height * room / shape / 2)) * 2);
+    else if (shape < room * (1 - kSameShape))
+        innerWidth = std::max(2, static_cast<int>(std::lround(width * shape / room / 2)) * 2);
+
+    PictureFormat inner = target_;
+    inner.width = innerWidth;
+    inner.height = innerHeight;
+    std::string chain;
+    if (target_.toneMapped && isHDR(frame.color_trc))
+        chain = toneMapping(frame, inner);
+    else if (isHDR(target_.transfer) && frame.color_trc != target_.transfer)
+        chain = widening(frame, inner);
+    else
+        chain = fmt::format("scale=w={}:h={}:flags=bicubic+accurate_rnd:out_range={}{}", innerWidth, innerHeight,
+                            rangeName(target_.range), matrices(frame, target_));
+    // The bars are put around in the format of the target, in which black is what it means by black.
+    chain += fmt::format(",format=pix_fmts={},", av_get_pix_fmt_name(target_.pixels));
+    if (innerWidth != width || innerHeight != height)
+        chain += fmt::format("pad=w={}:h={}:x=(ow-iw)/2:y=(oh-ih)/2,", width, height);
+    return chain;
+}
+
 std::string VideoFilter::chainFor(const AVFrame& frame) const {
     const bool sideways = target_.quarterTurns % 2 == 1;
     const int width = sideways ? target_.height : target_.width;
@@ -186,7 +253,9 @@ std::string VideoFilter::chainFor(const AVFrame& frame) const {
 
     const AVPixFmtDescriptor* source = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
     const bool fromRGB = source && (source->flags & (AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_PAL));
-    if (target_.toneMapped && isHDR(frame.color_trc)) {
+    if (target_.fitted) {
+        chain += fittingChain(frame, width, height);
+    } else if (target_.toneMapped && isHDR(frame.color_trc)) {
         PictureFormat upright = target_;
         upright.width = width;
         upright.height = height;

@@ -9,8 +9,8 @@
 namespace krv::media {
 
 /// Turns decoded pictures into pictures of one format: fields into whole pictures, size, orientation,
-/// colours. A source whose pictures change in the middle is followed: those of another shape are fitted with
-/// bars. One thread (the filters may use more of their own).
+/// colours. A source whose pictures change in the middle is followed: those of another shape than the first,
+/// or than the target if it says so, are fitted with bars. One thread (the filters may use more of their own).
 class VideoFilter {
 public:
     using Sink = std::function<void(FramePtr)>;
@@ -23,6 +23,7 @@ public:
 
 private:
     void build(const AVFrame& frame);
+    [[nodiscard]] std::string fittingChain(const AVFrame& frame, int width, int height) const;
     [[nodiscard]] std::string chainFor(const AVFrame& frame) const;
     void drain(const Sink& sink);
     [[nodiscard]] bool sameKind(const AVFrame& frame) const;

@@ -1,15 +1,13 @@
 #include <cmath>
 #include <string_view>
 
+#include <MediaServer/Media/FrameRate.h>
 #include <MediaServer/Media/HDRMetadata.h>
 #include <MediaServer/Media/Metadata.h>
 #include <MediaServer/Media/VideoTranscoder.h>
 
 namespace krv::media {
 namespace {
-
-constexpr AVRational kAssumedRate{25, 1};
-constexpr double kHighestPlausibleRate = 1000;
 
 // MPEG-4 part 2 counts the ticks of a second in 16 bits.
 constexpr int kMPEG4Ticks = 65535;
@@ -21,13 +19,6 @@ AVRational rationalRate(float fps) {
     if (std::abs(whole * 1000 / 1001 - value) < 0.002 && std::abs(value - std::round(value)) > 0.002)
         return {static_cast<int>(whole) * 1000, 1001};
     return av_d2q(value, 100000);
-}
-
-AVRational sourceRate(const Source& source, const AVStream& from) {
-    const AVRational rate = av_guess_frame_rate(&source.format(), const_cast<AVStream*>(&from), nullptr);  // reads only
-    if (rate.num <= 0 || rate.den <= 0 || av_q2d(rate) > kHighestPlausibleRate)
-        return kAssumedRate;
-    return rate;
 }
 
 // What the header says about a stream of which no picture could be decoded yet.
@@ -47,7 +38,7 @@ VideoTranscoder::VideoTranscoder(const Source& source, const AVStream& from, con
     : source_(source)
     , from_(from)
     , request_(request)
-    , rate_(request.fps > 0 ? rationalRate(request.fps) : sourceRate(source, from))
+    , rate_(request.fps > 0 ? rationalRate(request.fps) : frameRate(source, from))
     , decoder_(from) {}
 
 void VideoTranscoder::push(const AVPacket& packet) {
@@ -67,7 +58,7 @@ void VideoTranscoder::open(OutputFile& output) {
     filter_.emplace(format_, from_.time_base);
 
     timer_.emplace(FrameTimer::Timing{from_.time_base, encoder_->context().time_base, request_.fps > 0,
-                                      av_rescale_q(1, av_inv_q(sourceRate(source_, from_)), from_.time_base),
+                                      av_rescale_q(1, av_inv_q(frameRate(source_, from_)), from_.time_base),
                                       av_rescale_q(source_.lastPlausibleTime(), kMicroseconds, from_.time_base)});
 
     AVStream& to = encoder_->stream();
@@ -87,23 +78,9 @@ AVRational VideoTranscoder::timeBase(bool coarse) const {
 }
 
 void VideoTranscoder::prepare(AVCodecContext& context, const PictureFormat& format, const AVFrame& first) const {
-    context.width = format.width;
-    context.height = format.height;
-    context.pix_fmt = format.pixels;
-    context.sample_aspect_ratio = format.sampleAspect;
-    context.color_range = format.range;
-    context.color_primaries = format.primaries;
-    context.color_trc = format.transfer;
-    context.colorspace = format.space;
-    context.chroma_sample_location = format.chroma;
+    describe(format, context);
     context.framerate = rate_;
     context.time_base = timeBase(context.codec_id == AV_CODEC_ID_MPEG4);
-    if (format.interlaced) {
-        context.flags |= AV_CODEC_FLAG_INTERLACED_DCT | AV_CODEC_FLAG_INTERLACED_ME;
-        context.field_order = format.topFieldFirst ? AV_FIELD_TT : AV_FIELD_BB;
-    } else {
-        context.field_order = AV_FIELD_PROGRESSIVE;
-    }
     if (!format.toneMapped)
         HDRMetadata(from_, first).describeTo(context);
 }

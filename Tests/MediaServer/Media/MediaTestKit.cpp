@@ -1,12 +1,15 @@
 #include "MediaTestKit.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iterator>
+#include <numbers>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -213,20 +216,20 @@ std::vector<int> pictureBrightness(const std::string& path) {
     return values;
 }
 
-double flashTime(const std::string& path) {
+double flashTime(const std::string& path, double after) {
     const auto values = pictureBrightness(path);
     const auto times = pictureTimes(path);
     for (std::size_t i = 0; i < values.size() && i < times.size(); ++i)
-        if (values[i] > kBright)
+        if (values[i] > kBright && times[i] >= after)
             return times[i];
     throw std::runtime_error("no flash");
 }
 
-double beepTime(const std::string& path) {
+double beepTime(const std::string& path, double after) {
     const std::string bytes =
         run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:a:0", "-af", "aresample=async=1:first_pts=0", "-ac", "1",
              "-ar", std::to_string(kProbeRate), "-f", "s16le", "-"});
-    for (std::size_t i = 0; i + 1 < bytes.size(); i += 2) {
+    for (auto i = static_cast<std::size_t>(after * kProbeRate) * 2; i + 1 < bytes.size(); i += 2) {
         const auto sample = static_cast<std::int16_t>(static_cast<unsigned char>(bytes[i]) |
                                                       static_cast<unsigned char>(bytes[i + 1]) << 8);
         if (std::abs(sample) > kLoud)
@@ -239,6 +242,64 @@ double soundLength(const std::string& path) {
     const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:a:0", "-ac", "1", "-ar",
                                    std::to_string(kProbeRate), "-f", "s16le", "-"});
     return static_cast<double>(bytes.size()) / 2 / kProbeRate;
+}
+
+double Sound::peak(double from, double to) const {
+    float highest = 0;
+    for (const auto& channel : channels)
+        for (auto i = static_cast<std::size_t>(from * rate); i < static_cast<std::size_t>(to * rate); ++i)
+            highest = std::max(highest, std::abs(channel.at(i)));
+    return static_cast<double>(highest);
+}
+
+double Sound::level(std::size_t channel, double frequency, double from, double to) const {
+    const double step = 2 * std::numbers::pi * frequency / rate;
+    double in = 0, quadrature = 0;
+    const auto first = static_cast<std::size_t>(from * rate), last = static_cast<std::size_t>(to * rate);
+    for (std::size_t i = first; i < last; ++i) {
+        const auto value = static_cast<double>(channels.at(channel).at(i));
+        in += value * std::cos(step * static_cast<double>(i));
+        quadrature += value * std::sin(step * static_cast<double>(i));
+    }
+    const double amplitude = 2 * std::hypot(in, quadrature) / static_cast<double>(last - first);
+    return 20 * std::log10(std::max(amplitude, 1e-9));
+}
+
+Sound decodedSound(const std::string& path, int stream) {
+    const auto described = Probe(path).streams("audio").at(static_cast<std::size_t>(stream));
+    Sound sound;
+    sound.rate = static_cast<int>(number(described, "sample_rate"));
+    sound.channels.resize(static_cast<std::size_t>(number(described, "channels")));
+    const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", fmt::format("0:a:{}", stream), "-af",
+                                   "aresample=async=1:first_pts=0", "-f", "f32le", "-"});
+    std::vector<float> samples(bytes.size() / sizeof(float));
+    std::memcpy(samples.data(), bytes.data(), samples.size() * sizeof(float));
+    for (std::size_t i = 0; i < samples.size(); ++i)
+        sound.channels[i % sound.channels.size()].push_back(samples[i]);
+    return sound;
+}
+
+std::vector<std::string> packetHashes(const std::string& path, const std::string& stream) {
+    const auto json = nlohmann::json::parse(run({KRV_FFPROBE, "-v", "quiet", "-of", "json", "-select_streams", stream,
+                                                 "-show_packets", "-show_data_hash", "md5", path}));
+    std::vector<std::string> hashes;
+    for (const auto& packet : json.at("packets"))
+        hashes.push_back(text(packet, "data_hash"));
+    return hashes;
+}
+
+Picture pictureAt(const std::string& path, double time) {
+    // A portable grey map: the size stands in front of the values.
+    const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:v:0", "-vf",
+                                   fmt::format("fps=100,select=gte(t\\,{})", time), "-frames:v", "1", "-pix_fmt",
+                                   "gray", "-c:v", "pgm", "-f", "image2pipe", "-"});
+    Picture picture;
+    int used = 0;
+    if (std::sscanf(bytes.c_str(), "P5 %d %d 255%n", &picture.width, &picture.height, &used) != 2 || used == 0)
+        throw std::runtime_error("no picture");
+    for (auto i = static_cast<std::size_t>(used) + 1; i < bytes.size(); ++i)
+        picture.values.push_back(static_cast<unsigned char>(bytes[i]));
+    return picture;
 }
 
 std::vector<int> shownPicture(const std::string& path) {

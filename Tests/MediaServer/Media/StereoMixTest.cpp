@@ -1,0 +1,232 @@
+#include <fcntl.h>
+
+#include <MediaServer/Media/StereoMix.h>
+#include <gmock/gmock.h>
+
+#include "MediaTestKit.h"
+
+namespace krv::media::test {
+namespace {
+
+constexpr double kFrame = 0.04;
+constexpr double k3dB = 3.01;
+constexpr double kSameLevel = 0.5;
+constexpr double kSilent = -60;
+constexpr double kTone = 440;
+
+OutputPath mix(const std::string& source, const char* extension, ProgressSink& sink) {
+    OutputPath output(extension);
+    const Descriptor from = openToRead(source);
+    const Descriptor to(open(output.path().c_str(), O_RDWR | O_CLOEXEC));
+    mixToStereo({from.number(), to.number(), source, output.path()}, sink);
+    return output;
+}
+
+OutputPath mix(const std::string& source, const char* extension = "mov") {
+    RecordingSink sink;
+    return mix(testMedia(source), extension, sink);
+}
+
+void expectOneStereoTrack(const OutputPath& output, const char* codec = "aac") {
+    const auto tracks = Probe(output).streams("audio");
+    ASSERT_EQ(tracks.size(), 1U);
+    EXPECT_EQ(text(tracks[0], "codec_name"), codec);
+    EXPECT_EQ(number(tracks[0], "channels"), 2);
+}
+
+// The level of the tone in a channel of a source, as far from its ends as in level().
+double sourceLevel(const char* source, std::size_t channel) {
+    return decodedSound(testMedia(source)).level(channel, kTone, 0.5, 1.5);
+}
+
+TEST(StereoMix, KeepsTheVideoBitForBit) {
+    for (const char* source : {"centre.mov", "plain.mov", "flash-surround.mkv", "two-mono.mov"})
+        for (const char* extension : {"mov", "mp4", "mkv"}) {
+            const auto output = mix(source, extension);
+            EXPECT_EQ(packetHashes(output.path(), "v:0"), packetHashes(testMedia(source), "v:0")) << source;
+            expectOneStereoTrack(output);
+            EXPECT_NEAR(Probe(output).duration(), Probe(testMedia(source)).duration(), kFrame) << source;
+        }
+}
+
+TEST(StereoMix, SpeechInTheMiddleIsLoweredByThreeDecibelsOnly) {
+    for (const char* source : {"centre.mov", "centre.ac3.mov"}) {
+        const auto output = mix(source);
+        expectOneStereoTrack(output);
+        const Sound sound = decodedSound(output.path());
+        EXPECT_NEAR(sound.level(0, kTone, 0.5, 1.5), sourceLevel(source, 2) - k3dB, kSameLevel) << source;
+        EXPECT_NEAR(sound.level(1, kTone, 0.5, 1.5), sourceLevel(source, 2) - k3dB, kSameLevel) << source;
+    }
+}
+
+TEST(StereoMix, ALeftSurroundIsHeardOnTheLeftOnly) {
+    struct Case {
+        const char* source;
+        std::size_t channel;
+    };
+    for (const auto& [source, channel] : {Case{"leftsurround.mov", 4}, Case{"leftback.mov", 4}}) {
+        const auto output = mix(source);
+        const Sound sound = decodedSound(output.path());
+        EXPECT_NEAR(sound.level(0, kTone, 0.5, 1.5), sourceLevel(source, channel) - k3dB, kSameLevel) << source;
+        EXPECT_LT(sound.level(1, kTone, 0.5, 1.5), kSilent) << source;
+    }
+}
+
+TEST(StereoMix, LowFrequencyEffectsAreLeftOut) {
+    EXPECT_GT(sourceLevel("bass.mov", 3), -30);
+    const auto output = mix("bass.mov");
+    EXPECT_LT(decodedSound(output.path()).peak(0, 1.9), 0.001);
+}
+
+TEST(StereoMix, OneMonoTrackIsHeardOnBothSides) {
+    const auto output = mix("mono.mov");
+    expectOneStereoTrack(output);
+    const Sound sound = decodedSound(output.path());
+    EXPECT_NEAR(sound.level(0, kTone, 0.5, 1.5), sourceLevel("mono.mov", 0) - k3dB, kSameLevel);
+    EXPECT_NEAR(sound.level(1, kTone, 0.5, 1.5), sourceLevel("mono.mov", 0) - k3dB, kSameLevel);
+}
+
+TEST(StereoMix, TracksOfDifferentRatesAreAddedEachInItsTime) {
+    const auto output = mix("two-mono.mov");
+    expectOneStereoTrack(output);
+    const Sound sound = decodedSound(output.path());
+    const double first = sourceLevel("two-mono.mov", 0) - k3dB;
+    EXPECT_NEAR(sound.level(0, kTone, 0.1, 0.9), first, kSameLevel);
+    EXPECT_NEAR(sound.level(0, kTone, 1.1, 1.9), first, kSameLevel);
+    EXPECT_LT(sound.level(0, 1000, 0.1, 0.98), kSilent);
+    EXPECT_NEAR(sound.level(0, 1000, 1.02, 1.9), first, kSameLevel);
+}
+
+TEST(StereoMix, ADisabledTrackIsNotHeard) {
+    const auto output = mix("disabled.mov");
+    expectOneStereoTrack(output);
+    const Sound sound = decodedSound(output.path());
+    EXPECT_GT(sound.level(0, kTone, 0.5, 1.5), -30);
+    EXPECT_GT(sound.level(0, 1000, 0.5, 1.5), -30);
+    EXPECT_LT(sound.level(0, 2000, 0.5, 1.5), kSilent);
+}
+
+TEST(StereoMix, WhereNothingSaysEnabledAllTracksAreHeard) {
+    // Three times the same tone, of which one is the default, in a container in which that means a preference.
+    const auto output = mix("languages.mkv");
+    expectOneStereoTrack(output);
+    EXPECT_EQ(Probe(output).audio()["disposition"]["default"], 1);
+    const double one = sourceLevel("languages.mkv", 0) - k3dB;
+    EXPECT_NEAR(decodedSound(output.path()).level(0, kTone, 0.5, 1.5), one + 9.54, kSameLevel);
+    EXPECT_THAT(tagOf(Probe(output).audio(), "language"), testing::AnyOf("deu", "ger"));
+}
+
+TEST(StereoMix, NothingIsClippedAndOnlyWhatIsTooLoudIsLowered) {
+    const auto output = mix("loud.mov");
+    const Sound sound = decodedSound(output.path());
+    EXPECT_LT(sound.peak(0, 3.9), 1.0);
+    EXPECT_NEAR(sound.level(0, kTone, 1.2, 1.8), -1.0, kSameLevel);
+    // Left, centre and surround of the same phase: 1 + 0.71 + 0.71 times.
+    const double quiet = decodedSound(testMedia("loud.mov")).level(0, kTone, 0.1, 0.9) + 7.66;
+    EXPECT_NEAR(sound.level(0, kTone, 0.1, 0.9), quiet, kSameLevel);
+    EXPECT_NEAR(sound.level(0, kTone, 3.0, 3.9), quiet, kSameLevel);
+}
+
+TEST(StereoMix, TheLimitHoldsToTheSampleWhereTheCodecLosesNothing) {
+    for (const char* source : {"loud.mov", "noisy.mov"}) {
+        const auto output = mix(source, "flac");
+        expectOneStereoTrack(output, "flac");
+        EXPECT_LE(decodedSound(output.path()).peak(0, 1.9), 0.8913) << source;
+        EXPECT_GE(decodedSound(output.path()).peak(0, 1.9), 0.85) << source;
+    }
+}
+
+TEST(StereoMix, DenseMusicIsNotClippedByTheDecoder) {
+    const auto output = mix("busy.mov");
+    EXPECT_GT(decodedSound(output.path()).peak(0, 1.9), 0.85);
+    EXPECT_LT(decodedSound(output.path()).peak(0, 1.9), 1.0);
+}
+
+TEST(StereoMix, TheBeepStaysWithTheFlash) {
+    for (const char* source : {"flash-surround.mov", "flash-surround.mkv", "late.mkv"})
+        for (const char* extension : {"mov", "mp4", "mkv"}) {
+            const auto output = mix(source, extension);
+            // In Matroska the packet with which AAC begins moves the whole movie by its length.
+            const double before = beepTime(testMedia(source)) - flashTime(testMedia(source));
+            EXPECT_NEAR(flashTime(output.path()), flashTime(testMedia(source)), kFrame) << source << extension;
+            EXPECT_NEAR(beepTime(output.path()) - flashTime(output.path()), before, 0.004) << source << extension;
+        }
+}
+
+TEST(StereoMix, SoundThatIsStereoAlreadyIsCopied) {
+    for (const char* extension : {"mov", "mp4", "mkv"}) {
+        const auto output = mix("flash-stereo.mov", extension);
+        EXPECT_EQ(packetHashes(output.path(), "a:0"), packetHashes(testMedia("flash-stereo.mov"), "a:0"));
+        EXPECT_EQ(packetHashes(output.path(), "v:0"), packetHashes(testMedia("flash-stereo.mov"), "v:0"));
+        EXPECT_NEAR(beepTime(output.path()) - flashTime(output.path()), 0, kFrame / 2) << extension;
+    }
+}
+
+TEST(StereoMix, SoundThatIsStereoAlreadyIsEncodedAloneWhereItsCodecCannotStand) {
+    const auto output = mix("flash-stereo.mov", "wav");
+    expectOneStereoTrack(output, "pcm_s16le");
+    EXPECT_NEAR(beepTime(output.path()), 1.0, 0.004);
+}
+
+TEST(StereoMix, AWebMovieGetsItsOwnCodec) {
+    const auto output = mix("theora.webm", "webm");
+    expectOneStereoTrack(output, "opus");
+    EXPECT_EQ(packetHashes(output.path(), "v:0"), packetHashes(testMedia("theora.webm"), "v:0"));
+}
+
+TEST(StereoMix, KeepsChaptersTagsSubtitlesAndTheNameOfTheTrack) {
+    for (const char* extension : {"mov", "mp4", "mkv"}) {
+        const auto output = mix("everything.mkv", extension);
+        const Probe probe(output);
+        expectOneStereoTrack(output);
+        EXPECT_EQ(probe.tag("title"), "A plain movie");
+        EXPECT_THAT(tagOf(probe.audio(), "language"), testing::AnyOf("deu", "ger"));
+        ASSERT_EQ(probe.all().at("chapters").size(), 2U);
+        EXPECT_EQ(tagOf(probe.all().at("chapters")[1], "title"), "Two");
+        ASSERT_EQ(probe.streams("subtitle").size(), 1U);
+        EXPECT_EQ(tagOf(probe.streams("subtitle")[0], "language"), "fra");
+        const std::string lines =
+            run({KRV_FFMPEG, "-v", "quiet", "-i", output.path(), "-map", "0:s:0", "-f", "srt", "-"});
+        EXPECT_THAT(lines, testing::HasSubstr("Second line"));
+    }
+    EXPECT_EQ(tagOf(Probe(mix("everything.mkv", "mkv")).audio(), "title"), "The sound");
+}
+
+TEST(StereoMix, KeepsTheCoverOfAPieceOfMusic) {
+    const auto output = mix("cover.m4a", "m4a");
+    expectOneStereoTrack(output);
+    EXPECT_EQ(Probe(output).covers().size(), 1U);
+}
+
+TEST(StereoMix, AMovieWithoutSoundIsRefused) {
+    try {
+        (void)mix("silent.mp4");
+        FAIL();
+    } catch (const Failure& failure) {
+        EXPECT_EQ(failure.code(), static_cast<int>(FailureCode::UnusableSource));
+        EXPECT_EQ(failure.path(), testMedia("silent.mp4"));
+        EXPECT_EQ(failure.reason(), "It has no audio.");
+    }
+}
+
+TEST(StereoMix, VideoThatTheContainerCannotHoldIsRefused) {
+    try {
+        (void)mix("plain.mov", "webm");
+        FAIL();
+    } catch (const Failure& failure) {
+        EXPECT_EQ(failure.code(), static_cast<int>(FailureCode::Unsupported));
+        EXPECT_THAT(failure.reason(), testing::HasSubstr("h264"));
+    }
+}
+
+TEST(StereoMix, ProgressRisesToOne) {
+    RecordingSink sink;
+    (void)mix(testMedia("loud.mov"), "mov", sink);
+    ASSERT_GT(sink.fractions.size(), 5U);
+    EXPECT_TRUE(std::is_sorted(sink.fractions.begin(), sink.fractions.end()));
+    EXPECT_EQ(sink.fractions.back(), 1);
+    EXPECT_EQ(std::count(sink.fractions.begin(), sink.fractions.end(), 1.0), 1);
+}
+
+}  // namespace
+}  // namespace krv::media::test
