@@ -89,32 +89,44 @@ OperationDispatcher::Handler OperationDispatcher::handlerFor(std::int32_t type) 
 void OperationDispatcher::dispatch(const Ref& request, const Reply& reply) {
     const Handler handler = handlerFor(request->operationType());
     if (!handler) {
-        reply(replyWith(request, makeError(ErrorCode::BadArgument, "The media server does not know this operation.",
-                                           fmt::format("operation type {} ({}) is unknown", request->operationType(),
-                                                       request->nameFromType()))));
+        refuse(request, reply,
+               makeError(ErrorCode::BadArgument, "The media server does not know this operation.",
+                         fmt::format("operation type {} ({}) is unknown", request->operationType(),
+                                     request->nameFromType())));
         return;
     }
     try {
         (this->*handler)(request, reply);
     } catch (const std::exception& problem) {
-        reply(replyWith(request, makeError(ErrorCode::Internal,
-                                           fmt::format("{} failed in the media server.", request->nameFromType()),
-                                           problem.what())));
+        refuse(request, reply,
+               makeError(ErrorCode::Internal, fmt::format("{} failed in the media server.", request->nameFromType()),
+                         problem.what()));
     }
 }
 
-std::optional<ClientKey> OperationDispatcher::clientOf(const Ref& request, const Reply& reply) const {
+void OperationDispatcher::refuse(const Ref& request, const Reply& reply, std::shared_ptr<const Error> error) {
+    const auto answer = replyWith(request, error);
+    answer->setUniqueID(refused_.add(std::move(error)));
+    reply(answer);
+}
+
+std::optional<ClientKey> OperationDispatcher::clientOf(const Ref& request, const Reply& reply) {
     const Value pid = request->regInfoPID();
     auto client = pid.kind() == Value::Kind::Integer ? clients_.identify(pid.integerValue()) : std::nullopt;
     if (!client) {
-        reply(replyWith(request, makeError(ErrorCode::BadArgument, "The media server does not know who is asking.",
-                                           fmt::format("\"{}\" is {}, which is no living process of this user",
-                                                       kArgumentPIDRegInfo, pid.description()))));
+        refuse(request, reply,
+               makeError(ErrorCode::BadArgument, "The media server does not know who is asking.",
+                         fmt::format("\"{}\" is {}, which is no living process of this user", kArgumentPIDRegInfo,
+                                     pid.description())));
     }
     return client;
 }
 
 std::optional<OperationQueue::Snapshot> OperationDispatcher::stateOf(const std::string& id) const {
+    if (auto error = refused_.find(id)) {
+        return OperationQueue::Snapshot{
+            .progress = 0, .completed = false, .cancelled = false, .ended = true, .error = std::move(error)};
+    }
     const auto state = queue_.snapshot(id);
     return state ? state : selfTests_.snapshot(id);
 }
@@ -163,13 +175,14 @@ void OperationDispatcher::mediaWork(const Ref& request, const Reply& reply) {
         return;
     }
     if (auto error = checkMediaRequest(*request)) {
-        reply(replyWith(request, std::move(error)));
+        refuse(request, reply, std::move(error));
         return;
     }
     const auto operation = refusing_ ? nullptr : queue_.add(request, *client);
     if (!operation) {
-        reply(replyWith(request, makeError(ErrorCode::CannotTakeWorkNow, "The media server takes no work now.",
-                                           refusing_ ? "it is shutting down" : "too many operations are waiting")));
+        refuse(request, reply,
+               makeError(ErrorCode::CannotTakeWorkNow, "The media server takes no work now.",
+                         refusing_ ? "it is shutting down" : "too many operations are waiting"));
         return;
     }
     clients_.note(*client);
@@ -189,7 +202,7 @@ void OperationDispatcher::mediaWork(const Ref& request, const Reply& reply) {
 
 void OperationDispatcher::cancelOne(const Ref& request, const Reply& reply) {
     const std::string id = request->uniqueID().value_or("");
-    if (!queue_.cancel(id) && !selfTests_.cancel(id)) {
+    if (!queue_.cancel(id) && !selfTests_.cancel(id) && !refused_.find(id)) {
         replyUnknown(request, reply);
         return;
     }
@@ -220,7 +233,7 @@ void OperationDispatcher::progress(const Ref& request, const Reply& reply) {
     const auto answer = [this, request, reply, id] {
         auto state = queue_.tell(id);
         if (!state) {
-            state = selfTests_.snapshot(id);
+            state = stateOf(id);
         }
         if (!state) {
             replyUnknown(request, reply);
@@ -247,7 +260,7 @@ void OperationDispatcher::returnResult(const Ref& request, const Reply& reply) {
     const std::string id = request->uniqueID().value_or("");
     if (const auto record = queue_.finishedRecord(id)) {
         reply(*record);
-    } else if (const auto state = selfTests_.snapshot(id)) {
+    } else if (const auto state = stateOf(id)) {
         const auto answer = replyTo(request);
         put(*answer, *state);
         reply(answer);
@@ -258,7 +271,7 @@ void OperationDispatcher::returnResult(const Ref& request, const Reply& reply) {
 
 void OperationDispatcher::removeResult(const Ref& request, const Reply& reply) {
     const std::string id = request->uniqueID().value_or("");
-    if (!queue_.remove(id) && !selfTests_.remove(id)) {
+    if (!queue_.remove(id) && !selfTests_.remove(id) && !refused_.remove(id)) {
         replyUnknown(request, reply);
         return;
     }
@@ -279,8 +292,9 @@ void OperationDispatcher::selfTest(const Ref& request, const Reply& reply) {
         throw std::runtime_error("the self-test was asked to throw");
     }
     if (info.shouldError != 0) {
-        reply(replyWith(request, makeError(ErrorCode::Internal, "The self-test failed, as it was asked to.",
-                                           "the self-test was asked to fail")));
+        refuse(request, reply,
+               makeError(ErrorCode::Internal, "The self-test failed, as it was asked to.",
+                         "the self-test was asked to fail"));
         return;
     }
     if (const auto client = clientOf(request, reply)) {

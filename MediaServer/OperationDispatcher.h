@@ -5,6 +5,7 @@
 #include "ClientRegistry.h"
 #include "HeldReplies.h"
 #include "OperationQueue.h"
+#include "RefusedRequests.h"
 #include "SelfTests.h"
 
 namespace krv::server {
@@ -47,7 +48,9 @@ private:
     void selfTest(const Ref& request, const Reply& reply);
 
     /// The asking client; answers with an error 9 when there is none.
-    [[nodiscard]] std::optional<ClientKey> clientOf(const Ref& request, const Reply& reply) const;
+    [[nodiscard]] std::optional<ClientKey> clientOf(const Ref& request, const Reply& reply);
+    /// Answers with the error, and with an identifier under which it will be told again.
+    void refuse(const Ref& request, const Reply& reply, std::shared_ptr<const Error> error);
     [[nodiscard]] std::optional<OperationQueue::Snapshot> stateOf(const std::string& id) const;
     void replyUnknown(const Ref& request, const Reply& reply) const;
 
@@ -55,6 +58,7 @@ private:
     OperationQueue& queue_;
     SelfTests& selfTests_;
     HeldReplies& held_;
+    RefusedRequests refused_;
     const std::function<void()> shutDown_;
     std::atomic<bool> refusing_{false};
 };

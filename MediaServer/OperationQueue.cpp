@@ -14,15 +14,6 @@ namespace {
 /// Shown at most before the output stands under its name.
 constexpr double kNearlyDone = 0.99999;
 
-std::string newId() {
-    char* const text = g_uuid_string_random();
-    std::string id = text;
-    g_free(text);
-    std::transform(id.begin(), id.end(), id.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-    return id;
-}
-
 /// What progress becomes after so much life. Where little is left the steps become smaller, so that it never arrives.
 double crept(double progress, std::chrono::duration<double> life) {
     constexpr std::chrono::hours kTail{1};
@@ -32,6 +23,15 @@ double crept(double progress, std::chrono::duration<double> life) {
 }
 
 }  // namespace
+
+std::string newOperationId() {
+    char* const text = g_uuid_string_random();
+    std::string id = text;
+    g_free(text);
+    std::transform(id.begin(), id.end(), id.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+    return id;
+}
 
 OperationQueue::Lane OperationQueue::laneFor(std::int32_t operationType) noexcept {
     return operationType == OpProvideMetadata || operationType == OpGetInterestingTimes ? Lane::Short : Lane::Long;
@@ -71,7 +71,7 @@ OperationQueue::~OperationQueue() {
 
 OperationRef OperationQueue::add(const KRVOperationBase::Ref& request, const ClientKey& client) {
     const auto operation = std::make_shared<ServerOperation>();
-    operation->id = newId();
+    operation->id = newOperationId();
     operation->request = request;
     operation->client = client;
     const std::size_t kind = kindOf(*operation);

@@ -38,6 +38,9 @@ struct ServerOperation {
     bool endTold = false;
 };
 
+/// A new identifier for a client to ask by.
+[[nodiscard]] std::string newOperationId();
+
 using OperationRef = std::shared_ptr<ServerOperation>;
 
 }  // namespace krv::server

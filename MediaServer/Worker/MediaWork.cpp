@@ -10,7 +10,9 @@
 
 #include <MediaServer/Media/Encode.h>
 #include <MediaServer/Media/InterestingTimes.h>
+#include <MediaServer/Media/Merge.h>
 #include <MediaServer/Media/MovieInfo.h>
+#include <MediaServer/Media/StereoMix.h>
 #include <MediaServer/Media/Thumbnails.h>
 
 #include "MediaRequest.h"
@@ -95,6 +97,27 @@ void makeThumbnails(const Message& job, media::ProgressSink& progress, KRVOperat
     end.setResult(std::make_shared<Dictionary>(Dictionary{{kResultThumbnails, std::move(pictures)}}));
 }
 
+void mixToStereo(const Message& job, media::ProgressSink& progress, KRVOperationBase&) {
+    media::mixToStereo({.source = source(job),
+                        .destination = destination(job),
+                        .sourcePath = sourcePath(job),
+                        .destinationPath = destinationPath(job)},
+                       progress);
+}
+
+void merge(const Message& job, media::ProgressSink& progress, KRVOperationBase&) {
+    media::MergeRequest request;
+    const auto paths = sourcesOf(*job.record);
+    for (std::size_t i = 0; i < paths.size(); ++i) {
+        request.sources.push_back({job.files.at(i).get(), paths[i]});
+    }
+    request.destination = job.files.at(paths.size()).get();
+    request.destinationPath = destinationPath(job);
+    const Value* const shortest = job.record->arguments()->find(kArgumentMergeSourcesUseShortest);
+    request.useShortest = shortest && shortest->boolValue();
+    media::merge(request, progress);
+}
+
 /// Dates count from the beginning of 2001.
 Date dateFromUnixTime(double seconds) {
     constexpr double kReference = 978307200;
@@ -164,10 +187,12 @@ struct Row {
     OperationType type;
     void (*work)(const Message& job, media::ProgressSink& progress, KRVOperationBase& end);
 };
-constexpr std::array<Row, 4> kWork{{
+constexpr std::array<Row, 6> kWork{{
     {OpEncodeVideo, &encode},
     {OpCreateThumbnails, &makeThumbnails},
     {OpProvideMetadata, &describeMovie},
+    {OpMuxAudioTo2ch, &mixToStereo},
+    {OpMergeSources, &merge},
     {OpGetInterestingTimes, &findInterestingTimes},
 }};
 

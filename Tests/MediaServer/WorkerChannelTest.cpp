@@ -1,6 +1,8 @@
 #include "WorkerChannel.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -45,6 +47,24 @@ TEST_F(Channel, CarriesOpenFilesInOrder) {
     char c = 0;
     EXPECT_EQ(::read(message->files[1].get(), &c, 1), 1);
     EXPECT_EQ(c, 'x');
+}
+
+TEST_F(Channel, CarriesMoreFilesThanGoIntoOneMessage) {
+    const Descriptor folder(::open("/", O_PATH | O_CLOEXEC));
+    const Descriptor nothing(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    std::vector<int> files(700, nothing.get());
+    files.back() = folder.get();
+    std::thread sender([&] { EXPECT_TRUE(server->send(*KRVOperationBase::provideMetadataFor("/a"), files)); });
+    const auto message = worker->receive();
+    sender.join();
+    ASSERT_TRUE(message);
+    EXPECT_EQ(message->record->encodingSourceFilename(), "/a");
+    ASSERT_EQ(message->files.size(), 700U);
+    struct stat status {};
+    ASSERT_EQ(::fstat(message->files[698].get(), &status), 0);
+    EXPECT_TRUE(S_ISCHR(status.st_mode));
+    ASSERT_EQ(::fstat(message->files[699].get(), &status), 0);
+    EXPECT_TRUE(S_ISDIR(status.st_mode));
 }
 
 TEST_F(Channel, AnOtherEndThatHasGoneIsTheEnd) {
