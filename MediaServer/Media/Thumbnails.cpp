@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <exception>
 #include <mutex>
@@ -77,8 +78,7 @@ private:
     void make(PictureReader& reader, std::size_t i) {
         const auto count = static_cast<double>(pictures_.size());
         const double middle = (static_cast<double>(i) + 0.5) / count;
-        const auto time =
-            reader.source().start() + static_cast<std::int64_t>(middle * static_cast<double>(reader.duration()));
+        const auto time = reader.source().start() + std::llround(middle * static_cast<double>(reader.duration()));
         FramePtr frame = reader.shownAt(time);
         if (!frame)
             fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "No picture of it can be decoded");

@@ -1,6 +1,7 @@
+#include "RefusedRequests.h"
+
 #include <gtest/gtest.h>
 
-#include "RefusedRequests.h"
 #include "ServerError.h"
 
 namespace krv::server {
