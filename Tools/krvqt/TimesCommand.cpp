@@ -22,11 +22,11 @@ ExitStatus showTimes(const TimesOptions& options, const CommonOptions& common) {
         }
         const auto timescale = (*times)[krv::kResultInterestingTimeTimescale].integerValue();
         if (common.json) {
-            nlohmann::json json{
-                {"operation", "times"}, {"status", "done"}, {"source", movie}, {"timescale", timescale}};
-            json["values"] = nlohmann::json::array();
+            nlohmann::json json{{"operation", "times"}, {"status", "done"}, {"source", movie}};
+            json[std::string(krv::kResultInterestingTimeTimescale)] = timescale;
+            auto& list = json[std::string(krv::kResultInterestingTimeValues)] = nlohmann::json::array();
             for (const krv::Value& value : *values) {
-                json["values"].push_back(value.integerValue());
+                list.push_back(value.integerValue());
             }
             fmt::print("{}\n", json.dump());
             return kDone;
