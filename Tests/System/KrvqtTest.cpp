@@ -1,6 +1,10 @@
 // krvqt as a person uses it, with the server coming and going under it.
 #include <algorithm>
 #include <csignal>
+#include <filesystem>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include "SystemFixture.h"
 
@@ -82,6 +86,89 @@ TEST_F(Krvqt, TellsThatNoServerRunsWithoutStartingOne) {
         EXPECT_EQ(text, "krvqt: no media server is running\n");
     }
     EXPECT_THAT(servers(), IsEmpty());
+}
+
+TEST_F(Krvqt, MakesThumbnailsAndNamesThem) {
+    const auto [status, text] = run({"thumbnails", media("plain.mov"), out("pictures"), "--count", "3", "--quiet"});
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(text,
+              fmt::format("{0}/thumbnail-0001.jpg\n{0}/thumbnail-0002.jpg\n{0}/thumbnail-0003.jpg\n", out("pictures")));
+    // They are not replaced without being told to.
+    EXPECT_EQ(run({"thumbnails", media("plain.mov"), out("pictures")}).first, 2);
+    const auto [again, json] =
+        run({"thumbnails", media("plain.mov"), out("pictures"), "--count", "2", "--quiet", "--json", "--force"});
+    EXPECT_EQ(again, 0);
+    const auto told = nlohmann::json::parse(json);
+    EXPECT_EQ(told["thumbnails"].size(), 2U);
+    EXPECT_EQ(told["thumbnails"][0]["path"], out("pictures") + "/thumbnail-0001.jpg");
+    EXPECT_EQ(told["thumbnails"][0]["time"], 0.5);
+}
+
+TEST_F(Krvqt, SaysWhatAMovieIsAndWritesItsPoster) {
+    const auto [status, text] = run({"info", media("plain.mov"), "--poster", out("poster.jpg")});
+    EXPECT_EQ(status, 0);
+    EXPECT_THAT(text, AllOf(HasSubstr(media("plain.mov") + "\n"), HasSubstr("H.264, AAC\n"), HasSubstr("320 x 240\n"),
+                            HasSubstr("AAC, 48000 Hz, mono\n"), HasSubstr("0:00:02.")));
+    EXPECT_GT(std::filesystem::file_size(out("poster.jpg")), 1000U);
+    const auto [one, json] = run({"info", media("plain.mov"), "--json"});
+    EXPECT_EQ(one, 0);
+    const auto told = nlohmann::json::parse(json);
+    EXPECT_EQ(told["codec"], "H.264, AAC");
+    EXPECT_EQ(told["dimensions"]["width"], 320);
+    EXPECT_EQ(told["path"], media("plain.mov"));
+}
+
+TEST_F(Krvqt, OneBadMovieDoesNotHideTheOthers) {
+    const auto [status, text] = run({"info", media("text.mp4"), media("plain.mov")});
+    EXPECT_EQ(status, 1);
+    EXPECT_THAT(text, AllOf(HasSubstr("text.mp4"), HasSubstr("H.264, AAC")));
+}
+
+TEST_F(Krvqt, MixesToStereoAndMerges) {
+    EXPECT_EQ(run({"mux", media("surround.mov"), out("stereo.mov")}).first, 0);
+    EXPECT_EQ(run({"merge", media("plain.mov"), out("stereo.mov"), out("both.mov")}).first, 0);
+    EXPECT_NEAR(readableSeconds(out("both.mov")), 4.0, 0.15);
+    EXPECT_THAT(filesInOut(), testing::UnorderedElementsAre("both.mov", "stereo.mov"));
+}
+
+TEST_F(Krvqt, SaysWhichMovieOfAMergeIsBad) {
+    const auto [status, text] = run({"merge", media("plain.mov"), media("text.mp4"), out("both.mov")});
+    EXPECT_EQ(status, 1);
+    EXPECT_THAT(text, HasSubstr(media("text.mp4")));
+    EXPECT_THAT(filesInOut(), IsEmpty());
+}
+
+TEST_F(Krvqt, TellsInterestingTimesInSecondsOrUnits) {
+    const auto [status, text] = run({"times", media("chapters.mp4")});
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(text, "0.000000\n1.000000\n");
+    const auto [again, json] = run({"times", media("chapters.mp4"), "--json"});
+    EXPECT_EQ(again, 0);
+    const auto told = nlohmann::json::parse(json);
+    EXPECT_EQ(told["values"].size(), 2U);
+    EXPECT_EQ(told["values"][1], told["timescale"]);
+    const auto [wrong, reason] = run({"times", media("chapters.mp4"), "--track", "9"});
+    EXPECT_EQ(wrong, 1);
+    EXPECT_THAT(reason, HasSubstr("no track 9"));
+}
+
+TEST_F(Krvqt, RefusesNamesThatCannotTravel) {
+    for (const char* command : {"info", "times"}) {
+        const auto [status, text] = run({command, "/movies/not-utf8-\xff.mp4"});
+        EXPECT_EQ(status, 2);
+        EXPECT_THAT(text, AllOf(HasSubstr("not-utf8-\\xff.mp4"), HasSubstr("not UTF-8")));
+    }
+    EXPECT_THAT(servers(), IsEmpty());
+}
+
+TEST_F(Krvqt, TakesNamesOfEveryOtherKind) {
+    for (const std::string name :
+         {"with space.mov", "100 %s %n.mov", "two\nlines.mov", "\"quoted\" 'twice'.mov", "-a.mov"}) {
+        std::filesystem::copy_file(media("plain.mov"), out(name));
+        const auto [done, json] = run({"info", "--json", out(name)});
+        EXPECT_EQ(done, 0) << json;
+        EXPECT_EQ(nlohmann::json::parse(json)["path"], out(name));
+    }
 }
 
 TEST_F(Krvqt, EndsTheServer) {
