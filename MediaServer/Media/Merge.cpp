@@ -217,7 +217,8 @@ private:
                 lanes_[lane]->push(*packet);
             --left[lane];
             fillEnded(left, time);
-            progress_.reach((before + weight(at_) * std::clamp(source->position(), 0.0, 1.0)) / std::max(all, 1.0));
+            const double position = plan_.encodes() ? source->position() : source->bytePosition();
+            progress_.reach((before + weight(at_) * std::clamp(position, 0.0, 1.0)) / std::max(all, 1.0));
         }
         for (const auto& lane : lanes_)
             lane->end();

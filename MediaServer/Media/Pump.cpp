@@ -50,7 +50,7 @@ void Pump::run(bool encodes) {
     for (const auto& track : tracks_)
         track->open(output_);
     output_.writeHeader();
-    convert(queued);
+    convert(queued, encodes);
     if (output_.packetCount() == 0)
         fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "Nothing in it can be decoded");
     progress_.beginPhase(1);
@@ -80,13 +80,14 @@ std::deque<PacketPtr> Pump::prime() {
     return queued;
 }
 
-void Pump::convert(const std::deque<PacketPtr>& queued) {
+void Pump::convert(const std::deque<PacketPtr>& queued, bool encodes) {
     for (const PacketPtr& packet : queued)
         push(*packet);
     const PacketPtr packet = newPacket();
     while (source_.read(*packet)) {
         push(*packet);
-        progress_.reach(source_.position());
+        // Encoding takes as long as the movie has pictures, copying as long as it has bytes.
+        progress_.reach(encodes ? source_.position() : source_.bytePosition());
     }
     for (const auto& track : tracks_) {
         track->finish();

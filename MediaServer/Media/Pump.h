@@ -31,7 +31,7 @@ public:
 
 private:
     [[nodiscard]] std::deque<PacketPtr> prime();
-    void convert(const std::deque<PacketPtr>& queued);
+    void convert(const std::deque<PacketPtr>& queued, bool encodes);
     void push(const AVPacket& packet);
 
     Source& source_;

@@ -150,6 +150,7 @@ bool Source::read(AVPacket& packet) {
         const AVStream& from = stream(index);
         if (from.discard == AVDISCARD_ALL || isCover(from))
             continue;
+        bytesRead_ += packet.size;
         fixDiscontinuity(packet);
         const std::int64_t shift = av_rescale_q(shift_ + discontinuity_, kMicroseconds, from.time_base);
         if (packet.pts != AV_NOPTS_VALUE)
@@ -185,6 +186,10 @@ std::int64_t Source::lastPlausibleTime() const noexcept {
     // The length of what was spliced together is not known to its header.
     const bool known = duration_ > 0 && !(format_->iformat->flags & AVFMT_TS_DISCONT);
     return known ? start_ + duration_ + kSlack : kLongestMovie;
+}
+
+double Source::bytePosition() const noexcept {
+    return size_ > 0 ? std::min(static_cast<double>(bytesRead_) / static_cast<double>(size_), 1.0) : 0;
 }
 
 double Source::position() const noexcept {

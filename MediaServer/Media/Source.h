@@ -49,6 +49,9 @@ public:
     /// How far read() has come, in 0…1: by time, or by bytes when the length is unknown.
     [[nodiscard]] double position() const noexcept;
 
+    /// The part of the file that the packets read so far make up, in 0…1: how far copying has come.
+    [[nodiscard]] double bytePosition() const noexcept;
+
     /// Goes on reading with the stream's last key frame at or before a time, in microseconds of the movie's own time.
     /// False when the format cannot be sought in; the position is undefined then.
     [[nodiscard]] bool seek(std::size_t stream, std::int64_t time);
@@ -74,6 +77,7 @@ private:
     std::int64_t shift_ = 0;
     std::int64_t start_ = 0;
     std::int64_t reached_ = 0;
+    std::int64_t bytesRead_ = 0;
     std::int64_t discontinuity_ = 0;
     std::vector<std::optional<std::int64_t>> lastDts_;
 };

@@ -115,6 +115,28 @@ TEST_F(Inspection, AMovieIsDescribed) {
     EXPECT_EQ((*poster)[1], std::byte{0xd8});
 }
 
+TEST_F(Inspection, AMovieIsDescribedWhileTheLanesAreFullOfConversions) {
+    start();
+    // More than run at a time, so that some wait.
+    const int conversions = static_cast<int>(status()["workers"]) + 2;
+    std::vector<R::Ref> requests;
+    for (int i = 0; i < conversions; ++i) {
+        requests.push_back(ask(R::encodeVideoOperation(std::string(KRV_TEST_MEDIA) + "/longer.mov",
+                                                       out(fmt::format("{}.mp4", i).c_str()))));
+    }
+    std::shared_ptr<const Error> error;
+    EXPECT_TRUE(client->getMetadataFor(movie(), &error));
+    EXPECT_FALSE(client->getInterestingTimesForMovie(movie(), false, 0, &error).isNull());
+    // All of them are still there, which they would not be had the question waited for them.
+    const auto now = status();
+    EXPECT_EQ(now["running"].get<int>() + now["queued"].get<int>(), conversions) << now;
+    EXPECT_GE(now["queued"].get<int>(), 2);
+    (void)ask(R::cancelAllOperationsOperation());
+    while (status()["running"] != 0) {
+    }
+    EXPECT_EQ(filesInOut(), 0U);
+}
+
 TEST_F(Inspection, WhatIsNotInAMovieIsNotInItsDescription) {
     start();
     std::shared_ptr<const Error> error;
