@@ -63,7 +63,6 @@ TEST_F(Inspection, TheClientMakesTwelveThumbnails) {
     EXPECT_FALSE(error);
     EXPECT_THAT(namesIn(pictures()), testing::SizeIs(12));
     EXPECT_TRUE(std::is_sorted(observer->seen.begin(), observer->seen.end()));
-    EXPECT_FALSE(observer->seen.empty());
 }
 
 TEST_F(Inspection, ThumbnailsThatFailLeaveNoFolder) {
