@@ -10,8 +10,9 @@ OutputPath join(const std::vector<std::string>& sources, const std::string& exte
     std::vector<Descriptor> files;
     MergeRequest request;
     for (const std::string& source : sources) {
-        files.push_back(openToRead(testMedia(source)));
-        request.sources.push_back({files.back().number(), testMedia(source)});
+        const std::string path = source.starts_with('/') ? source : testMedia(source);
+        files.push_back(openToRead(path));
+        request.sources.push_back({files.back().number(), path});
     }
     const Descriptor to(open(output.path().c_str(), O_RDWR | O_CLOEXEC));
     request.destination = to.number();

@@ -9,7 +9,7 @@
 
 namespace krv::media::test {
 
-/// Joins movies that scripts/make-test-media has made. Throws what merge() throws.
+/// Joins movies: names of those that scripts/make-test-media has made, or paths. Throws what merge() throws.
 OutputPath join(const std::vector<std::string>& sources, const std::string& extension, bool useShortest,
                 ProgressSink& sink);
 OutputPath join(const std::vector<std::string>& sources, const std::string& extension = "mov",
