@@ -125,6 +125,50 @@ TEST_F(Output, ACommitThatFailsLeavesNothing) {
     EXPECT_EQ(notes(), 1U);  // gone with the object
 }
 
+TEST_F(Output, ThatIsPlacedAndNotKeptIsTakenBack) {
+    {
+        const auto output = open(destination);
+        write(*output, "new");
+        EXPECT_EQ(output->place(), nullptr);
+        EXPECT_EQ(contents(destination), "new");
+    }
+    EXPECT_EQ(filesInFolder(), 0U);
+    std::ofstream(destination) << "old";
+    {
+        const auto output = open(destination);
+        write(*output, "new");
+        EXPECT_EQ(output->place(), nullptr);
+        EXPECT_EQ(contents(destination), "new");
+    }
+    EXPECT_EQ(contents(destination), "old");
+    EXPECT_EQ(filesInFolder(), 1U);
+    EXPECT_EQ(notes(), 0U);
+}
+
+TEST_F(Output, ThatIsPlacedAndKeptStays) {
+    std::ofstream(destination) << "old";
+    {
+        const auto output = open(destination);
+        write(*output, "new");
+        EXPECT_EQ(output->place(), nullptr);
+        output->keep();
+    }
+    EXPECT_EQ(contents(destination), "new");
+    EXPECT_EQ(filesInFolder(), 1U);
+    EXPECT_EQ(notes(), 0U);
+}
+
+TEST_F(Output, IsNotTakenBackFromWhoReplacedItMeanwhile) {
+    {
+        const auto output = open(destination);
+        write(*output, "new");
+        EXPECT_EQ(output->place(), nullptr);
+        fs::remove(destination);
+        std::ofstream(destination) << "somebody else's";
+    }
+    EXPECT_EQ(contents(destination), "somebody else's");
+}
+
 TEST_F(Output, SweepsWhatAnAbruptEndHasLeft) {
     const auto hidden = folder.path() / "out/.krv-0123.part";
     const auto precious = folder.path() / "out/precious.mp4";
