@@ -99,17 +99,15 @@ bool writePoster(const std::string& file, const krv::Dictionary& info) {
         return false;
     }
     const std::string part = file + ".part";
-    {
-        std::ofstream out(part, std::ios::binary | std::ios::trunc);
-        out.write(reinterpret_cast<const char*>(poster->data()), static_cast<std::streamsize>(poster->size()));
-        out.flush();
-        if (!out) {
-            fmt::print(stderr, "krvqt: {} cannot be written\n", file);
-            std::remove(part.c_str());
-            return false;
-        }
+    std::ofstream out(part, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(poster->data()), static_cast<std::streamsize>(poster->size()));
+    out.close();
+    if (out && std::rename(part.c_str(), file.c_str()) == 0) {
+        return true;
     }
-    return std::rename(part.c_str(), file.c_str()) == 0;
+    fmt::print(stderr, "krvqt: {} cannot be written\n", file);
+    std::remove(part.c_str());
+    return false;
 }
 
 }  // namespace
