@@ -9,12 +9,13 @@ using krv::TransportInvocation;
 /// How long progress may stand still, in seconds.
 constexpr float kPatience = 60;
 
-KRVOperationBase::Ref send(const ServerAccess& access, const KRVOperationBase::Ref& operation, krv::ErrorOut error) {
+}  // namespace
+
+KRVOperationBase::Ref sendRecord(const ServerAccess& access, const KRVOperationBase::Ref& operation,
+                                 krv::ErrorOut error) {
     const auto reply = TransportInvocation::invocationWith(operation)->invokeOverTransport(access.transport, error);
     return TransportInvocation::throwExceptionIfNoError(error, operation, reply);
 }
-
-}  // namespace
 
 KRVOperationBase::Ref runRecord(const ServerAccess& access, const KRVOperationBase::Ref& record,
                                 const std::shared_ptr<krv::OperationProgress>& progress, krv::ErrorOut error) {
@@ -27,12 +28,12 @@ KRVOperationBase::Ref runRecord(const ServerAccess& access, const KRVOperationBa
     if (*error || record->cancelled()) {
         return nullptr;
     }
-    auto finished = send(access, KRVOperationBase::returnResultForOperation(record->uniqueID()), error);
+    auto finished = sendRecord(access, KRVOperationBase::returnResultForOperation(record->uniqueID()), error);
     if (finished && finished->error()) {
         *error = finished->error();
     }
     std::shared_ptr<const krv::Error> ignored;  // the server forgets it in any case
-    (void)send(access, KRVOperationBase::removeReturnResultForOperation(record->uniqueID()), &ignored);
+    (void)sendRecord(access, KRVOperationBase::removeReturnResultForOperation(record->uniqueID()), &ignored);
     return *error ? nullptr : finished;
 }
 

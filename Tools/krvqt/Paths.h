@@ -18,7 +18,7 @@ ExitStatus usage(std::string_view text);
 /// kUsage when the destination exists and may not be replaced, which has been said then.
 [[nodiscard]] ExitStatus checkDestination(const std::string& destination, bool force);
 
-/// A path as it can be shown on a terminal and in JSON.
+/// A path that may hold anything, as it can be shown on a terminal.
 [[nodiscard]] std::string shown(std::string_view path);
 
 }  // namespace krvqt

@@ -6,18 +6,13 @@
 #include "Commands.h"
 #include "FailureText.h"
 #include "OperationThread.h"
+#include "OwnRecord.h"
 #include "ServerAccess.h"
 
 namespace krvqt {
 namespace {
 
 using krv::KRVOperationBase;
-
-/// One operation of our own over the client's transport.
-KRVOperationBase::Ref ask(const ServerAccess& access, const KRVOperationBase::Ref& operation) {
-    return krv::TransportInvocation::throwExceptionBasedOnResponse(
-        operation, krv::TransportInvocation::invocationWith(operation)->invokeOverTransport(access.transport, nullptr));
-}
 
 /// What the server tells at /status. Raises when it tells nothing.
 nlohmann::json statusPage(const ServerAccess& access) {
@@ -57,7 +52,7 @@ ExitStatus withServer(const CommonOptions& common, const std::function<ExitStatu
 
 ExitStatus showStatus(const CommonOptions& common) {
     return withServer(common, [&common](const ServerAccess& access) {
-        const auto reply = ask(access, KRVOperationBase::numberOfOperationsOperation());
+        const auto reply = sendRecord(access, KRVOperationBase::numberOfOperationsOperation());
         auto status = statusPage(access);
         status["names"] = nlohmann::json::array();
         if (const auto list = reply->numOpsNames()) {
@@ -87,7 +82,7 @@ ExitStatus cancelAll(const CommonOptions& common) {
         for (const auto& pid : page["clients"]) {
             const auto operation = KRVOperationBase::cancelAllOperationsOperation();
             operation->setRegInfoPID(pid.get<std::int64_t>());
-            const auto error = ask(access, operation)->error();
+            const auto error = sendRecord(access, operation)->error();
             // One that has ended since has nothing left to cancel.
             if (error && krv::KRVProcessMonitor::doesProcessExist(pid.get<std::int32_t>(), "")) {
                 fmt::print(stderr, "krvqt: {}\n", failureText(*error));
