@@ -65,8 +65,7 @@ AtomicOutput::~AtomicOutput() {
 }
 
 std::shared_ptr<const Error> AtomicOutput::failure(int number) const {
-    return makeError(ErrorCode::UnwritableDestination, fmt::format("{} cannot be written.", asGiven_),
-                     std::strerror(number), asGiven_);
+    return unwritable(asGiven_, number);
 }
 
 std::unique_ptr<AtomicOutput> AtomicOutput::open(const std::string& destination, std::shared_ptr<const Error>& error) {

@@ -100,10 +100,7 @@ std::vector<int> MediaJob::descriptors() const {
 ErrorRef MediaJob::flush(const std::function<bool()>& onLife) {
     // Pictures are small.
     const int number = file_ ? flushGradually(file_->descriptor(), onLife) : 0;
-    const std::string destination = request_->encodingDestinationFilename().value_or("");
-    return number == 0 ? nullptr
-                       : makeError(ErrorCode::UnwritableDestination, fmt::format("{} cannot be written.", destination),
-                                   std::strerror(number), destination);
+    return number == 0 ? nullptr : unwritable(request_->encodingDestinationFilename().value_or(""), number);
 }
 
 ErrorRef MediaJob::commit(KRVOperationBase& record) {

@@ -123,12 +123,15 @@ std::optional<ClientKey> OperationDispatcher::clientOf(const Ref& request, const
 }
 
 std::optional<OperationQueue::Snapshot> OperationDispatcher::stateOf(const std::string& id) const {
-    if (auto error = refused_.find(id)) {
-        return OperationQueue::Snapshot{
+    auto state = queue_.snapshot(id);
+    if (!state) {
+        state = selfTests_.snapshot(id);
+    }
+    if (auto error = state ? nullptr : refused_.find(id)) {
+        state = OperationQueue::Snapshot{
             .progress = 0, .completed = false, .cancelled = false, .ended = true, .error = std::move(error)};
     }
-    const auto state = queue_.snapshot(id);
-    return state ? state : selfTests_.snapshot(id);
+    return state;
 }
 
 void OperationDispatcher::replyUnknown(const Ref& request, const Reply& reply) const {

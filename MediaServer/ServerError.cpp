@@ -1,6 +1,9 @@
 #include "ServerError.h"
 
+#include <cstring>
 #include <utility>
+
+#include <fmt/format.h>
 
 namespace krv::server {
 
@@ -12,6 +15,11 @@ std::shared_ptr<const Error> makeError(ErrorCode code, std::string description, 
         userInfo.set(kFilePathKey, path);
     }
     return Error::make(std::string(kErrorDomain), static_cast<std::int64_t>(code), std::move(userInfo));
+}
+
+std::shared_ptr<const Error> unwritable(const std::string& path, int number) {
+    return makeError(ErrorCode::UnwritableDestination, fmt::format("{} cannot be written.", path),
+                     std::strerror(number), path);
 }
 
 }  // namespace krv::server

@@ -32,4 +32,7 @@ enum class ErrorCode : std::int64_t {
 [[nodiscard]] std::shared_ptr<const Error> makeError(ErrorCode code, std::string description, std::string reason,
                                                      const std::string& path = {});
 
+/// A destination that cannot be written, for this error number.
+[[nodiscard]] std::shared_ptr<const Error> unwritable(const std::string& path, int number);
+
 }  // namespace krv::server

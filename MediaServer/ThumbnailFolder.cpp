@@ -1,7 +1,6 @@
 #include "ThumbnailFolder.h"
 
 #include <cerrno>
-#include <cstring>
 #include <vector>
 
 #include <sys/sendfile.h>
@@ -18,11 +17,6 @@ namespace {
 using ErrorRef = std::shared_ptr<const Error>;
 
 constexpr mode_t kEverybody = 0777;
-
-ErrorRef unwritable(const std::string& path, int number) {
-    return makeError(ErrorCode::UnwritableDestination, fmt::format("{} cannot be written.", path),
-                     std::strerror(number), path);
-}
 
 ErrorRef unbelievable() {
     return makeError(ErrorCode::Internal, "The thumbnails could not be made.",
