@@ -130,15 +130,12 @@ std::int64_t SourceSurvey::shortest() const {
 
 SourceSurvey survey(Source& source, const std::function<void(double)>& position) {
     SourceSurvey result;
-    auto video = usableStreams(source, AVMEDIA_TYPE_VIDEO);
+    const auto video = usableStreams(source, AVMEDIA_TYPE_VIDEO);
     const auto audio = usableStreams(source, AVMEDIA_TYPE_AUDIO);
     if (video.empty() && audio.empty())
         throw Failure(FailureCode::UnusableSource, "It has neither video nor audio.");
-    const auto preferred = std::find_if(video.begin(), video.end(), [&](std::size_t i) {
-        return (source.stream(i).disposition & AV_DISPOSITION_DEFAULT) != 0;
-    });
-    if (!video.empty())
-        result.video.push_back(describe(source, preferred == video.end() ? video.front() : *preferred));
+    if (const auto shown = defaultOrFirst(source, video))
+        result.video.push_back(describe(source, *shown));
     for (const std::size_t index : audio)
         result.audio.push_back(describe(source, index));
 

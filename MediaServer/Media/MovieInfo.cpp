@@ -57,17 +57,12 @@ constexpr std::array<Name, 28> kNames{{
 }};
 
 const AVStream* mainAudioStream(const Source& source) {
-    const AVStream* found = nullptr;
-    for (std::size_t i = 0; i < source.streamCount(); ++i) {
-        const AVStream& stream = source.stream(i);
-        if (stream.codecpar->codec_type != AVMEDIA_TYPE_AUDIO)
-            continue;
-        if ((stream.disposition & AV_DISPOSITION_DEFAULT) != 0)
-            return &stream;
-        if (!found)
-            found = &stream;
-    }
-    return found;
+    std::vector<std::size_t> found;
+    for (std::size_t i = 0; i < source.streamCount(); ++i)
+        if (source.stream(i).codecpar->codec_type == AVMEDIA_TYPE_AUDIO)
+            found.push_back(i);
+    const auto index = defaultOrFirst(source, found);
+    return index ? &source.stream(*index) : nullptr;
 }
 
 // Also one that cannot be decoded: it is to be named.
@@ -121,15 +116,14 @@ std::optional<double> creationTime(const AVFormatContext& format) {
 }
 
 // The rate by which a header counts, or the measured one where that is not the same: the variable ones.
-std::optional<double> frameRate(const AVStream& stream) {
+std::optional<double> averageRate(const AVStream& stream) {
     for (const AVRational rate : {stream.avg_frame_rate, stream.r_frame_rate})
         if (rate.num > 0 && rate.den > 0 && av_q2d(rate) <= 1000)
             return av_q2d(rate);
     return std::nullopt;
 }
 
-double measuredDuration(const MovieInfoRequest& request, Progress& progress) {
-    Source source(request.source, request.sourcePath, progress);
+double measuredDuration(Source& source) {
     const PacketPtr packet = newPacket();
     std::int64_t end = 0;
     while (source.read(*packet)) {
@@ -143,30 +137,27 @@ double measuredDuration(const MovieInfoRequest& request, Progress& progress) {
 
 MovieInfo describe(const MovieInfoRequest& request, Progress& progress) {
     MovieInfo info;
-    {
-        const Source source(request.source, request.sourcePath, progress);
-        const AVStream* const video = anyVideoStream(source);
-        const AVStream* const audio = mainAudioStream(source);
-        if (!video && !audio && !hasCover(source))
-            throw Failure(FailureCode::UnusableSource, "It has neither video nor audio.");
-        for (const AVStream* stream : {video, audio})
-            if (stream)
-                info.codecs += (info.codecs.empty() ? "" : ", ") + displayName(stream->codecpar->codec_id);
-        if (video && video->codecpar->width > 0)
-            info.dimensions = displayExtent(*video, video->codecpar->width, video->codecpar->height);
-        if (video)
-            info.frameRate = frameRate(*video);
-        if (audio)
-            info.audio = describeAudio(*audio);
-        info.created = creationTime(source.format());
-        if (source.duration() > 0)
-            info.duration = static_cast<double>(source.duration()) / AV_TIME_BASE;
-    }
-    if (!info.duration)
-        if (const double measured = measuredDuration(request, progress); measured > 0)
-            info.duration = measured;
+    Source source(request.source, request.sourcePath, progress);
+    const AVStream* const video = anyVideoStream(source);
+    const AVStream* const audio = mainAudioStream(source);
+    if (!video && !audio && !hasCover(source))
+        throw Failure(FailureCode::UnusableSource, "It has neither video nor audio.");
+    for (const AVStream* stream : {video, audio})
+        if (stream)
+            info.codecs += (info.codecs.empty() ? "" : ", ") + displayName(stream->codecpar->codec_id);
+    if (video && video->codecpar->width > 0)
+        info.dimensions = displayExtent(*video, video->codecpar->width, video->codecpar->height);
+    if (video)
+        info.frameRate = averageRate(*video);
+    if (audio)
+        info.audio = describeAudio(*audio);
+    info.created = creationTime(source.format());
+    if (source.duration() > 0)
+        info.duration = static_cast<double>(source.duration()) / AV_TIME_BASE;
+    else if (const double measured = measuredDuration(source); measured > 0)
+        info.duration = measured;
     progress.reach(0.5);
-    info.poster = makePoster(request.source, request.sourcePath, progress);
+    info.poster = makePoster(source, progress);
     return info;
 }
 

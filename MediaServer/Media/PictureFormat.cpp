@@ -120,8 +120,7 @@ void chooseColour(PictureFormat& format, const PictureRequest& request) {
     format.chroma = firstKnown(frame.chroma_location, codec.chroma_location, AVCHROMA_LOC_UNSPECIFIED);
     const auto source = static_cast<AVPixelFormat>(frame.format);
     if (isRGB(source) && !isRGB(format.pixels)) {
-        const bool big = frame.height > 576 || frame.width > 1024;
-        format.space = big ? AVCOL_SPC_BT709 : AVCOL_SPC_SMPTE170M;
+        format.space = assumedMatrix(frame.width, frame.height);
         format.range = AVCOL_RANGE_MPEG;
         format.chroma = AVCHROMA_LOC_UNSPECIFIED;
     } else if (!isRGB(source) && isRGB(format.pixels)) {

@@ -48,6 +48,12 @@ void turnUpright(PictureFormat& format, const AVStream& stream);
 /// Tells an encoder that is not open yet what its pictures will be like.
 void describe(const PictureFormat& format, AVCodecContext& encoder);
 
+/// What the colours of pictures of this size are taken to be where nobody says it: small ones come from television of
+/// old and large ones from the new one.
+[[nodiscard]] constexpr AVColorSpace assumedMatrix(int width, int height) noexcept {
+    return height > 576 || width > 1024 ? AVCOL_SPC_BT709 : AVCOL_SPC_SMPTE170M;
+}
+
 /// Whether the display matrix turns the picture by 90 or 270 degrees.
 [[nodiscard]] bool displayedSideways(const AVStream& stream);
 

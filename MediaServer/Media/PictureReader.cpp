@@ -2,6 +2,7 @@
 #include <utility>
 
 #include <MediaServer/Media/Failure.h>
+#include <MediaServer/Media/FrameRate.h>
 #include <MediaServer/Media/PictureReader.h>
 
 namespace krv::media {
@@ -13,8 +14,6 @@ constexpr std::int64_t kClose = 2 * static_cast<std::int64_t>(AV_TIME_BASE);
 // The first step further back when the picture is not found; each is four times the one before.
 constexpr std::int64_t kFirstStepBack = AV_TIME_BASE;
 
-constexpr AVRational kAssumedRate{25, 1};
-
 std::size_t requireVideo(const Source& source) {
     if (const auto index = mainVideoStream(source))
         return *index;
@@ -24,30 +23,24 @@ std::size_t requireVideo(const Source& source) {
 }  // namespace
 
 std::optional<std::size_t> mainVideoStream(const Source& source) {
-    std::optional<std::size_t> found;
+    std::vector<std::size_t> found;
     for (std::size_t i = 0; i < source.streamCount(); ++i) {
         const AVStream& stream = source.stream(i);
-        const bool usable = stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO && !isCover(stream) &&
-                            avcodec_find_decoder(stream.codecpar->codec_id) != nullptr;
-        if (usable && (stream.disposition & AV_DISPOSITION_DEFAULT) != 0)
-            return i;
-        if (usable && !found)
-            found = i;
+        if (stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO && !isCover(stream) &&
+            avcodec_find_decoder(stream.codecpar->codec_id))
+            found.push_back(i);
     }
-    return found;
+    return defaultOrFirst(source, found);
 }
 
-PictureReader::PictureReader(int descriptor, const std::string& path, Progress& progress)
-    : source_(descriptor, path, progress)
+PictureReader::PictureReader(Source& source)
+    : source_(source)
     , index_(requireVideo(source_))
     , decoder_(source_.stream(index_), 1)
-    , duration_(source_.duration()) {
+    , duration_(source_.duration())
+    , frameLength_(std::max<std::int64_t>(1, av_rescale_q(1, av_inv_q(frameRate(source_, stream())), kMicroseconds)))
+    , expected_(source_.start()) {
     source_.select({index_});
-    AVRational rate = av_guess_frame_rate(&source_.format(), &source_.stream(index_), nullptr);
-    if (rate.num <= 0 || rate.den <= 0)
-        rate = kAssumedRate;
-    frameLength_ = std::max<std::int64_t>(1, av_rescale_q(1, av_inv_q(rate), kMicroseconds));
-    expected_ = source_.start();
 }
 
 std::int64_t PictureReader::duration() {
@@ -125,18 +118,14 @@ bool PictureReader::isOnTheWay(std::int64_t time) const {
     return keyTime <= shown_->pts;
 }
 
-// The last picture that begins no later than the time. first: whether there was none, and the first later one came
-// instead.
-FramePtr PictureReader::lastUntil(std::int64_t time, bool& first) {
-    first = false;
+// The last picture that begins no later than the time, or the first later one if there is none.
+FramePtr PictureReader::lastUntil(std::int64_t time) {
     for (;;) {
         decodeMore();
         if (decoded_.empty())
             return shown_ ? reference(*shown_) : nullptr;
-        if (decoded_.front()->pts > time) {
-            first = !shown_;
+        if (decoded_.front()->pts > time)
             return reference(shown_ ? *shown_ : *decoded_.front());
-        }
         shown_ = std::move(decoded_.front());
         decoded_.pop_front();
     }
@@ -144,15 +133,14 @@ FramePtr PictureReader::lastUntil(std::int64_t time, bool& first) {
 
 FramePtr PictureReader::shownAt(std::int64_t time) {
     const std::int64_t start = source_.start();
-    bool tooLate = false;
     if (isOnTheWay(time))
-        if (FramePtr frame = lastUntil(time, tooLate))
+        if (FramePtr frame = lastUntil(time))
             return frame;
     std::int64_t from = std::max(time, start);
     for (std::int64_t step = kFirstStepBack;; step *= 4) {
         goTo(from);
-        FramePtr frame = lastUntil(time, tooLate);
-        if (from <= start || (frame && !tooLate))
+        FramePtr frame = lastUntil(time);
+        if (from <= start || (frame && frame->pts <= time))
             return frame;
         from = std::max(start, time - step);
     }

@@ -17,8 +17,9 @@ namespace krv::media {
 /// descriptor, each with a decoder of one thread, which is quicker for many pictures than one decoder of many.
 class PictureReader {
 public:
-    /// Throws what Source and Decoder throw, and Failure UnusableSource when there are no moving pictures.
-    PictureReader(int descriptor, const std::string& path, Progress& progress);
+    /// The source, wherever it stands, belongs to the reader as long as that lives. Throws what Decoder throws, and
+    /// Failure UnusableSource when there are no moving pictures.
+    explicit PictureReader(Source& source);
 
     [[nodiscard]] Source& source() noexcept { return source_; }
     [[nodiscard]] const AVStream& stream() const noexcept { return source_.stream(index_); }
@@ -37,19 +38,19 @@ public:
     void onlyKeyFrames(bool only);
 
 private:
-    [[nodiscard]] FramePtr lastUntil(std::int64_t time, bool& first);
+    [[nodiscard]] FramePtr lastUntil(std::int64_t time);
     [[nodiscard]] bool isOnTheWay(std::int64_t time) const;
     void decodeMore();
 
-    Source source_;
+    Source& source_;
     const std::size_t index_;
     Decoder decoder_;
     std::int64_t duration_ = 0;
     std::deque<FramePtr> decoded_;
     FramePtr shown_;  // the latest one that shownAt() has gone past or returned
     bool ended_ = false;
-    std::int64_t frameLength_ = 0;
-    std::int64_t expected_ = 0;  // time of the next picture if it does not tell its own
+    const std::int64_t frameLength_;
+    std::int64_t expected_;  // time of the next picture if it does not tell its own
 };
 
 /// The stream whose pictures are meant: the default one, or the first, that is no cover picture; none when there are no

@@ -157,15 +157,12 @@ Look lookAt(const AVFrame& frame) {
     return {mean, std::sqrt(std::max(0.0, squares / count - mean * mean)), visible / count};
 }
 
-std::vector<std::uint8_t> makePoster(int descriptor, const std::string& path, Progress& progress) {
-    {
-        const Source source(descriptor, path, progress);
-        if (auto cover = coverOf(source); !cover.empty())
-            return cover;
-        if (!mainVideoStream(source))
-            return {};
-    }
-    PictureReader reader(descriptor, path, progress);
+std::vector<std::uint8_t> makePoster(Source& source, Progress& progress) {
+    if (auto cover = coverOf(source); !cover.empty())
+        return cover;
+    if (!mainVideoStream(source))
+        return {};
+    PictureReader reader(source);
     FramePtr frame = PosterSearch(reader, progress).find();
     return frame ? encodeJPEG(reader.stream(), std::move(frame), kLargestSide, kLargestSide)
                  : std::vector<std::uint8_t>{};

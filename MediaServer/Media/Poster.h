@@ -12,8 +12,8 @@ namespace krv::media {
 ///
 /// Cover art if there is any. Else the first picture that is worth looking at (neither nearly black nor all the same)
 /// within the first tenth of the movie, else among twenty spread over it, else among its key frames, else the brightest
-/// of all that were looked at. Throws what Source throws.
-[[nodiscard]] std::vector<std::uint8_t> makePoster(int descriptor, const std::string& path, Progress& progress);
+/// of all that were looked at. The source may be anywhere in the movie, before and afterwards. Throws Failure.
+[[nodiscard]] std::vector<std::uint8_t> makePoster(Source& source, Progress& progress);
 
 [[nodiscard]] bool hasCover(const Source& source) noexcept;
 

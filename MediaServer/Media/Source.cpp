@@ -188,6 +188,13 @@ std::int64_t Source::lastPlausibleTime() const noexcept {
     return known ? start_ + duration_ + kSlack : kLongestMovie;
 }
 
+std::optional<std::size_t> defaultOrFirst(const Source& source, const std::vector<std::size_t>& indices) {
+    for (const std::size_t index : indices)
+        if ((source.stream(index).disposition & AV_DISPOSITION_DEFAULT) != 0)
+            return index;
+    return indices.empty() ? std::nullopt : std::optional(indices.front());
+}
+
 double Source::bytePosition() const noexcept {
     return size_ > 0 ? std::min(static_cast<double>(bytesRead_) / static_cast<double>(size_), 1.0) : 0;
 }

@@ -87,4 +87,7 @@ private:
     return (stream.disposition & AV_DISPOSITION_ATTACHED_PIC) != 0;
 }
 
+/// The default one of these streams, else the first; nothing when there are none.
+[[nodiscard]] std::optional<std::size_t> defaultOrFirst(const Source& source, const std::vector<std::size_t>& indices);
+
 }  // namespace krv::media

@@ -61,12 +61,8 @@ private:
     // The indices of the usable streams of a kind; only the default or first one if so wanted.
     std::vector<std::size_t> tracks(AVMediaType kind, bool onlyOne) const {
         std::vector<std::size_t> found = usableStreams(source_, kind);
-        if (onlyOne && found.size() > 1) {
-            const auto preferred = std::find_if(found.begin(), found.end(), [this](std::size_t i) {
-                return (source_.stream(i).disposition & AV_DISPOSITION_DEFAULT) != 0;
-            });
-            found = {preferred == found.end() ? found.front() : *preferred};
-        }
+        if (const auto one = defaultOrFirst(source_, found); onlyOne && one)
+            found = {*one};
         return found;
     }
 

@@ -63,7 +63,8 @@ private:
         try {
             PartSink sink(*this);
             Progress progress(sink);
-            PictureReader reader(request_.source, request_.sourcePath, progress);
+            Source source(request_.source, request_.sourcePath, progress);
+            PictureReader reader(source);
             const std::size_t end = (part + 1) * pictures_.size() / readers_;
             for (std::size_t i = part * pictures_.size() / readers_; i < end && !failed_; ++i)
                 make(reader, i);

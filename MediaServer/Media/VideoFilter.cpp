@@ -23,11 +23,8 @@ const char* rangeName(AVColorRange range) {
     return range == AVCOL_RANGE_JPEG ? "pc" : "tv";
 }
 
-// Where nobody says it, small pictures are taken to come from television of old and large ones from the new one.
 AVColorSpace matrixOf(AVColorSpace said, int width, int height) {
-    if (said != AVCOL_SPC_UNSPECIFIED)
-        return said;
-    return height > 576 || width > 1024 ? AVCOL_SPC_BT709 : AVCOL_SPC_SMPTE170M;
+    return said != AVCOL_SPC_UNSPECIFIED ? said : assumedMatrix(width, height);
 }
 
 AVColorSpace matrixOf(const AVFrame& frame) {
@@ -88,8 +85,9 @@ std::string widening(const AVFrame& frame, const PictureFormat& target) {
     if (frame.color_range == AVCOL_RANGE_UNSPECIFIED)
         input += ":rin=tv";
     // White of ordinary pictures is as bright as white in those of high dynamic range usually is.
-    return fmt::format("zscale=w={}:h={}:t={}:p=bt2020:m=bt2020nc:r=tv:npl=203{}", target.width, target.height,
-                       target.transfer == AVCOL_TRC_ARIB_STD_B67 ? "arib-std-b67" : "smpte2084", input);
+    return fmt::format("zscale=w={}:h={}:t={}:p=bt2020:m=bt2020nc:r=tv:npl={}{}", target.width, target.height,
+                       target.transfer == AVCOL_TRC_ARIB_STD_B67 ? "arib-std-b67" : "smpte2084", kReferenceWhite,
+                       input);
 }
 
 double pixelShape(AVRational aspect) {
@@ -267,12 +265,11 @@ std::string VideoFilter::chainFor(const AVFrame& frame) const {
     } else if (sameShape) {
         chain += fmt::format("scale=w={}:h={}:flags=bicubic+accurate_rnd:out_range={}", width, height,
                              rangeName(target_.range));
-        if (!fromRGB)
+        if (target_.convertsColours)
+            chain += matrices(frame, target_);
+        else if (!fromRGB)
             chain += fmt::format(":in_range={}", rangeName(frame.color_range));
-        if (target_.convertsColours && !fromRGB)
-            chain += fmt::format(":in_color_matrix={}:out_color_matrix={}", matrixName(matrixOf(frame)),
-                                 matrixName(target_.space));
-        else if (fromRGB)
+        else
             chain += fmt::format(":out_color_matrix={}", target_.space == AVCOL_SPC_BT709 ? "bt709" : "smpte170m");
         chain += ",";
     } else {
