@@ -1,3 +1,47 @@
+# The folder list is the architecture, and CMake holds it: each folder is a target that shows its own headers only, so
+# that an include against an arrow does not build.
+
+# krv_link_headers(DIRECTORY [headers...]): makes DIRECTORY hold a link to each of these headers of the current source
+# folder, by default all of them, and nothing else. Headers in subfolders are not among them.
+function(krv_link_headers directory)
+    set(headers ${ARGN})
+    if(NOT headers)
+        file(GLOB headers CONFIGURE_DEPENDS RELATIVE ${CMAKE_CURRENT_SOURCE_DIR} ${CMAKE_CURRENT_SOURCE_DIR}/*.h)
+    endif()
+    if(IS_SYMLINK ${directory})
+        file(REMOVE ${directory})
+    endif()
+    file(MAKE_DIRECTORY ${directory})
+    file(GLOB present RELATIVE ${directory} ${directory}/*.h)
+    foreach(header IN LISTS present)
+        if(NOT header IN_LIST headers)
+            file(REMOVE ${directory}/${header})
+        endif()
+    endforeach()
+    foreach(header IN LISTS headers)
+        if(NOT EXISTS ${directory}/${header})
+            file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR}/${header} ${directory}/${header} SYMBOLIC)
+        endif()
+    endforeach()
+endfunction()
+
+# A room of the media server: the target krv_server_NAME with the headers <MediaServer/PATH/...>, where PATH is the
+# folder below MediaServer/. DEPENDS names other rooms.
+#
+# krv_server_folder(NAME SOURCES ... [DEPENDS room...] [PRIVATE libs...] [PUBLIC libs...])
+function(krv_server_folder name)
+    cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS;PRIVATE;PUBLIC" ${ARGN})
+    file(RELATIVE_PATH path ${PROJECT_SOURCE_DIR}/MediaServer ${CMAKE_CURRENT_SOURCE_DIR})
+    set(root ${CMAKE_BINARY_DIR}/include/MediaServer-${name})
+    krv_link_headers(${root}/MediaServer/${path})
+    add_library(krv_server_${name} STATIC ${ARG_SOURCES})
+    target_include_directories(krv_server_${name} PUBLIC ${root})
+    target_link_libraries(krv_server_${name} PRIVATE krv_compiler ${ARG_PRIVATE} PUBLIC ${ARG_PUBLIC})
+    foreach(room IN LISTS ARG_DEPENDS)
+        target_link_libraries(krv_server_${name} PUBLIC krv_server_${room})
+    endforeach()
+endfunction()
+
 # Each folder of Source/ is a target that shows its own headers only: the include root of a folder is a
 # directory in the build tree that holds nothing but a link to it. An include of a folder that is not among
 # DEPENDS (or reached through one of them) does not build.
