@@ -19,11 +19,13 @@ namespace {
 using ErrorRef = std::shared_ptr<const Error>;
 
 ErrorRef unreadable(const std::string& path, int number) {
-    return makeError(ErrorCode::UnreadableSource, fmt::format("{} cannot be read.", path), std::strerror(number), path);
+    return makeError(OperationErrorCode::UnreadableSource, fmt::format("{} cannot be read.", path),
+                     std::strerror(number), path);
 }
 
 ErrorRef unusable(const std::string& path, std::string reason) {
-    return makeError(ErrorCode::UnusableSource, fmt::format("{} is no media file.", path), std::move(reason), path);
+    return makeError(OperationErrorCode::UnusableSource, fmt::format("{} is no media file.", path), std::move(reason),
+                     path);
 }
 
 Descriptor openSource(const std::string& path, struct stat& status, ErrorRef& error) {
@@ -63,7 +65,7 @@ std::unique_ptr<MediaJob> MediaJob::open(const KRVOperationBase::Ref& request, E
             return nullptr;
         }
         if (!destination.empty() && isSameFile(status, destination)) {
-            error = makeError(ErrorCode::SameFile, fmt::format("{} cannot be converted onto itself.", path),
+            error = makeError(OperationErrorCode::SameFile, fmt::format("{} cannot be converted onto itself.", path),
                               "source and destination are the same file", path);
             return nullptr;
         }

@@ -14,7 +14,8 @@ using ErrorRef = std::shared_ptr<const Error>;
 using Kind = Value::Kind;
 
 ErrorRef badArgument(std::string_view key, std::string_view why) {
-    return makeError(ErrorCode::BadArgument, fmt::format("The request's argument \"{}\" cannot be used.", key),
+    return makeError(OperationErrorCode::InvalidArgument,
+                     fmt::format("The request's argument \"{}\" cannot be used.", key),
                      fmt::format("\"{}\" {}", key, why));
 }
 
@@ -66,7 +67,7 @@ ErrorRef checkEncode(const KRVOperationBase& request) {
     }
     if (VideoConversion::nameForType(request.encodingType()) == "Unknown") {
         return makeError(
-            ErrorCode::Unsupported, fmt::format("{} cannot be made.", *request.encodingDestinationFilename()),
+            OperationErrorCode::Unsupported, fmt::format("{} cannot be made.", *request.encodingDestinationFilename()),
             fmt::format("{} is no encoding type", request.encodingType()), *request.encodingDestinationFilename());
     }
     return nullptr;
@@ -148,7 +149,7 @@ ErrorRef checkMediaRequest(const KRVOperationBase& request) {
         }
         return error || !row.check ? error : row.check(request);
     }
-    return makeError(ErrorCode::BadArgument, "The media server does not know this operation.",
+    return makeError(OperationErrorCode::InvalidArgument, "The media server does not know this operation.",
                      fmt::format("operation type {} is no media work", request.operationType()));
 }
 

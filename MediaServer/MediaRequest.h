@@ -8,8 +8,6 @@
 
 namespace krv::server {
 
-/// Key of the number of thumbnails wanted, an integer.
-inline constexpr std::string_view kArgumentThumbnailCount = "thumbnailCount";
 /// How many are made when nobody says, and how many at most: their names have four digits.
 inline constexpr int kStandardThumbnailCount = 12;
 inline constexpr int kMostThumbnails = 9999;

@@ -90,7 +90,7 @@ void OperationDispatcher::dispatch(const Ref& request, const Reply& reply) {
     const Handler handler = handlerFor(request->operationType());
     if (!handler) {
         refuse(request, reply,
-               makeError(ErrorCode::BadArgument, "The media server does not know this operation.",
+               makeError(OperationErrorCode::InvalidArgument, "The media server does not know this operation.",
                          fmt::format("operation type {} ({}) is unknown", request->operationType(),
                                      request->nameFromType())));
         return;
@@ -99,8 +99,8 @@ void OperationDispatcher::dispatch(const Ref& request, const Reply& reply) {
         (this->*handler)(request, reply);
     } catch (const std::exception& problem) {
         refuse(request, reply,
-               makeError(ErrorCode::Internal, fmt::format("{} failed in the media server.", request->nameFromType()),
-                         problem.what()));
+               makeError(OperationErrorCode::Internal,
+                         fmt::format("{} failed in the media server.", request->nameFromType()), problem.what()));
     }
 }
 
@@ -115,7 +115,7 @@ std::optional<ClientKey> OperationDispatcher::clientOf(const Ref& request, const
     auto client = pid.kind() == Value::Kind::Integer ? clients_.identify(pid.integerValue()) : std::nullopt;
     if (!client) {
         refuse(request, reply,
-               makeError(ErrorCode::BadArgument, "The media server does not know who is asking.",
+               makeError(OperationErrorCode::InvalidArgument, "The media server does not know who is asking.",
                          fmt::format("\"{}\" is {}, which is no living process of this user", kArgumentPIDRegInfo,
                                      pid.description())));
     }
@@ -135,7 +135,7 @@ std::optional<OperationQueue::Snapshot> OperationDispatcher::stateOf(const std::
 }
 
 void OperationDispatcher::replyUnknown(const Ref& request, const Reply& reply) const {
-    reply(replyWith(request, makeError(ErrorCode::NoSuchOperation, "The media server has no such operation.",
+    reply(replyWith(request, makeError(OperationErrorCode::UnknownOperation, "The media server has no such operation.",
                                        fmt::format("\"{}\" is unknown, or its result has been dropped",
                                                    request->uniqueID().value_or("(null)")))));
 }
@@ -184,7 +184,7 @@ void OperationDispatcher::mediaWork(const Ref& request, const Reply& reply) {
     const auto operation = refusing_ ? nullptr : queue_.add(request, *client);
     if (!operation) {
         refuse(request, reply,
-               makeError(ErrorCode::CannotTakeWorkNow, "The media server takes no work now.",
+               makeError(OperationErrorCode::CannotAcceptWork, "The media server takes no work now.",
                          refusing_ ? "it is shutting down" : "too many operations are waiting"));
         return;
     }
@@ -296,7 +296,7 @@ void OperationDispatcher::selfTest(const Ref& request, const Reply& reply) {
     }
     if (info.shouldError != 0) {
         refuse(request, reply,
-               makeError(ErrorCode::Internal, "The self-test failed, as it was asked to.",
+               makeError(OperationErrorCode::Internal, "The self-test failed, as it was asked to.",
                          "the self-test was asked to fail"));
         return;
     }

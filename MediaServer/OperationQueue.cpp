@@ -331,7 +331,7 @@ void OperationQueue::close() {
         for (Kind& kind : kinds_) {
             for (const OperationRef& operation : kind.waiting) {
                 end(*operation, {Outcome::Kind::Failed,
-                                 makeError(ErrorCode::CannotTakeWorkNow, "The media server is shutting down.",
+                                 makeError(OperationErrorCode::CannotAcceptWork, "The media server is shutting down.",
                                            "the operation had not begun"),
                                  nullptr});
                 logOperation(*operation);

@@ -7,18 +7,18 @@
 
 namespace krv::server {
 
-std::shared_ptr<const Error> makeError(ErrorCode code, std::string description, std::string reason,
+std::shared_ptr<const Error> makeError(OperationErrorCode code, std::string description, std::string reason,
                                        const std::string& path) {
     Dictionary userInfo{{NSLocalizedDescriptionKey, std::move(description)},
                         {NSLocalizedFailureReasonErrorKey, std::move(reason)}};
     if (!path.empty()) {
-        userInfo.set(kFilePathKey, path);
+        userInfo.set(kErrorFilePath, path);
     }
-    return Error::make(std::string(kErrorDomain), static_cast<std::int64_t>(code), std::move(userInfo));
+    return Error::make(std::string(kMediaServerErrorDomain), static_cast<std::int64_t>(code), std::move(userInfo));
 }
 
 std::shared_ptr<const Error> unwritable(const std::string& path, int number) {
-    return makeError(ErrorCode::UnwritableDestination, fmt::format("{} cannot be written.", path),
+    return makeError(OperationErrorCode::UnwritableDestination, fmt::format("{} cannot be written.", path),
                      std::strerror(number), path);
 }
 

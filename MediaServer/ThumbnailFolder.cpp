@@ -19,7 +19,7 @@ using ErrorRef = std::shared_ptr<const Error>;
 constexpr mode_t kEverybody = 0777;
 
 ErrorRef unbelievable() {
-    return makeError(ErrorCode::Internal, "The thumbnails could not be made.",
+    return makeError(OperationErrorCode::Internal, "The thumbnails could not be made.",
                      "the media worker's list makes no sense");
 }
 
@@ -51,7 +51,7 @@ std::unique_ptr<ThumbnailFolder> ThumbnailFolder::open(const std::string& folder
     // Never put under this name; only its way of being unnamed is wanted.
     result->pictures_ = AtomicOutput::open((std::filesystem::path(folder) / "thumbnails").string(), error);
     if (!result->pictures_) {
-        error = makeError(ErrorCode::UnwritableDestination, fmt::format("{} cannot be written to.", folder),
+        error = makeError(OperationErrorCode::UnwritableDestination, fmt::format("{} cannot be written to.", folder),
                           error->localizedFailureReason(), folder);
         return nullptr;
     }
@@ -103,8 +103,8 @@ ErrorRef ThumbnailFolder::commit(KRVOperationBase& record) {
             return error;
         }
         files.push_back(std::move(file));
-        told.push_back(std::make_shared<Dictionary>(
-            Dictionary{{kThumbnailPath, path}, {kThumbnailTime, (*picture)[kThumbnailTime].doubleValue()}}));
+        told.push_back(std::make_shared<Dictionary>(Dictionary{
+            {kResultThumbnailPath, path}, {kResultThumbnailTime, (*picture)[kResultThumbnailTime].doubleValue()}}));
     }
     for (const auto& file : files) {
         if ((error = file->place())) {

@@ -40,10 +40,8 @@ private:
     std::unique_ptr<AtomicOutput> pictures_;
 };
 
-/// The keys of the thumbnails' result, and of what a worker says of each.
-inline constexpr std::string_view kResultThumbnails = "thumbnails";
-inline constexpr std::string_view kThumbnailPath = "path";
-inline constexpr std::string_view kThumbnailTime = "time";
+/// Keys of what a worker reports of each thumbnail besides its time: where its JPEG data is in the output file, in
+/// bytes.
 inline constexpr std::string_view kThumbnailOffset = "offset";
 inline constexpr std::string_view kThumbnailLength = "length";
 

@@ -48,7 +48,7 @@ Outcome WorkerProcess::run(const MediaJob& job, const Cancellation& cancellation
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         const auto worker = workers_.take(failure);
         if (!worker) {
-            return failed(makeError(ErrorCode::Internal, "The media worker could not be started.", failure));
+            return failed(makeError(OperationErrorCode::Internal, "The media worker could not be started.", failure));
         }
         bool begun = false;
         if (worker->channel.send(job.request(), files)) {
@@ -58,13 +58,13 @@ Outcome WorkerProcess::run(const MediaJob& job, const Cancellation& cancellation
         }
         failure = howItEnded(worker->end());
         if (begun) {
-            return failed(makeError(ErrorCode::WorkerDied,
+            return failed(makeError(OperationErrorCode::WorkerFailed,
                                     fmt::format("The media worker crashed on {}.", describeSources(job.request())),
                                     failure, sourcesOf(job.request()).front()));
         }
         // It was gone before it had the job, so the job is not to blame.
     }
-    return failed(makeError(ErrorCode::Internal, "The media workers do not stay alive.", failure));
+    return failed(makeError(OperationErrorCode::Internal, "The media workers do not stay alive.", failure));
 }
 
 std::optional<Outcome> WorkerProcess::follow(WorkerChannel& channel, const Cancellation& cancellation,

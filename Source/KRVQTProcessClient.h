@@ -23,6 +23,7 @@
 #include <KRVQTProcessClient/Monitoring/KRVNSTimer.h>
 #include <KRVQTProcessClient/Monitoring/KRVProcessMonitor.h>
 #include <KRVQTProcessClient/Operations/KRVOperationBase.h>
+#include <KRVQTProcessClient/Operations/OperationErrors.h>
 #include <KRVQTProcessClient/Operations/OperationKeys.h>
 #include <KRVQTProcessClient/Operations/OperationProgress.h>
 #include <KRVQTProcessClient/Platform/Bundle.h>

@@ -91,8 +91,9 @@ void makeThumbnails(const Message& job, media::ProgressSink& progress, KRVOperat
     request.height = job.record->thumbnailInfoSize().height;
     Array pictures;
     for (const media::Thumbnail& picture : media::makeThumbnails(request, progress)) {
-        pictures.push_back(std::make_shared<Dictionary>(Dictionary{
-            {kThumbnailTime, picture.time}, {kThumbnailOffset, picture.offset}, {kThumbnailLength, picture.length}}));
+        pictures.push_back(std::make_shared<Dictionary>(Dictionary{{kResultThumbnailTime, picture.time},
+                                                                   {kThumbnailOffset, picture.offset},
+                                                                   {kThumbnailLength, picture.length}}));
     }
     end.setResult(std::make_shared<Dictionary>(Dictionary{{kResultThumbnails, std::move(pictures)}}));
 }
@@ -217,13 +218,14 @@ KRVOperationBase::Ref carryOut(const Message& job, WorkerChannel& channel) {
         work(job, progress, *end);
         end->setProgress(1.0F, true);
     } catch (const media::Failure& failure) {
-        end->setError(
-            makeError(static_cast<ErrorCode>(failure.code()), failure.description(), failure.reason(), failure.path()));
+        end->setError(makeError(static_cast<OperationErrorCode>(failure.code()), failure.description(),
+                                failure.reason(), failure.path()));
     } catch (const std::bad_alloc&) {
-        end->setError(makeError(ErrorCode::WorkerDied, "There was not enough memory to work on " + sources + ".",
-                                "out of memory", sourcesOf(*job.record).front()));
+        end->setError(makeError(OperationErrorCode::WorkerFailed,
+                                "There was not enough memory to work on " + sources + ".", "out of memory",
+                                sourcesOf(*job.record).front()));
     } catch (const std::exception& problem) {
-        end->setError(makeError(ErrorCode::Internal, "Working on " + sources + " failed.", problem.what(),
+        end->setError(makeError(OperationErrorCode::Internal, "Working on " + sources + " failed.", problem.what(),
                                 sourcesOf(*job.record).front()));
     }
     return end;

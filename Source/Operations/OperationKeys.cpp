@@ -12,6 +12,7 @@ constinit const std::string_view kArgumentPIDRegInfo = "pidRegInfoPID";
 constinit const std::string_view kArgumentNumOpsNumberOnServer = "numOpsNumberOnServer";
 constinit const std::string_view kArgumentNumOpsNames = "numOpsNames";
 constinit const std::string_view kArgumentThumbnailInfoSize = "thumbnailInfoSize";
+constinit const std::string_view kArgumentThumbnailCount = "thumbnailCount";
 constinit const std::string_view kArgumentMovieInfoMetadata = "movieInfoMetadata";
 constinit const std::string_view kArgumentMergeSources = "videoMergeSources";
 constinit const std::string_view kArgumentMergeSourcesUseShortest = "videoMergeSourcesUseShortest";
@@ -20,6 +21,10 @@ constinit const std::string_view kArgumentTrackIndex = "trackIndex";
 constinit const std::string_view kResultInterestingTimes = "interestingTimes";
 constinit const std::string_view kResultInterestingTimeValues = "values";
 constinit const std::string_view kResultInterestingTimeTimescale = "timescale";
+
+constinit const std::string_view kResultThumbnails = "thumbnails";
+constinit const std::string_view kResultThumbnailPath = "path";
+constinit const std::string_view kResultThumbnailTime = "time";
 
 constinit const std::string_view kMediaMetadataCodec = "metadataCodec";
 constinit const std::string_view kMediaMetadataDuration = "metadataDuration";

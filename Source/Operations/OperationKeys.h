@@ -27,8 +27,10 @@ KRV_EXPORT extern const std::string_view kArgumentPIDRegInfo;
 KRV_EXPORT extern const std::string_view kArgumentNumOpsNumberOnServer;
 /// Array of strings: their names.
 KRV_EXPORT extern const std::string_view kArgumentNumOpsNames;
-/// Size in pixels.
+/// Size in pixels that each thumbnail is fitted into; a side of 0 is free.
 KRV_EXPORT extern const std::string_view kArgumentThumbnailInfoSize;
+/// Integer, 1 to 9999: how many thumbnails to make. Default 12.
+KRV_EXPORT extern const std::string_view kArgumentThumbnailCount;
 /// Dictionary under the kMediaMetadata keys.
 KRV_EXPORT extern const std::string_view kArgumentMovieInfoMetadata;
 /// Array of strings: paths of the sources, in order.
@@ -46,6 +48,15 @@ KRV_EXPORT extern const std::string_view kResultInterestingTimes;
 KRV_EXPORT extern const std::string_view kResultInterestingTimeValues;
 /// Integer: units per second.
 KRV_EXPORT extern const std::string_view kResultInterestingTimeTimescale;
+
+// Keys of `result` of the thumbnail operation.
+
+/// Array of dictionaries with the two entries below, in the order of their times.
+KRV_EXPORT extern const std::string_view kResultThumbnails;
+/// String: absolute path of one thumbnail's JPEG file.
+KRV_EXPORT extern const std::string_view kResultThumbnailPath;
+/// Float64, seconds from the start of the movie: the time of the frame shown.
+KRV_EXPORT extern const std::string_view kResultThumbnailTime;
 
 // Keys of the movie metadata.
 

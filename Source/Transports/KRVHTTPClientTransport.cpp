@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <KRVQTProcessClient/Operations/OperationErrors.h>
 #include <KRVQTProcessClient/Shared/Log.h>
 #include <KRVQTProcessClient/Transports/KRVHTTPClientTransport.h>
 
@@ -15,8 +16,7 @@ constexpr auto kOperationTimeout = 60s;
 constexpr long kKnownToBeAbsent = -1;
 constexpr std::uint32_t kLastHousekeepingType = OpAmIRegistered;
 constexpr std::int32_t kLevelOfPayloads = 15;
-constexpr std::string_view kServerDomain = "KRVQuicktimeProcess";
-constexpr std::int64_t kCannotTakeWorkNow = 1;
+constexpr auto kCannotAcceptWork = static_cast<std::int64_t>(OperationErrorCode::CannotAcceptWork);
 
 constexpr LogSite kCallSite{"Source/Transports/KRVHTTPClientTransport", Selector("makeHTTPCallAndReturnData:")};
 constexpr LogSite kCallMessagingSite{kCallSite.file, kCallSite.function, kLoggingHTTPMessaging};
@@ -74,7 +74,7 @@ std::shared_ptr<const Data> KRVHTTPClientTransport::makeHTTPCallAndReturnData(co
             KRV_LOG(kLogFlagVerbose, kCallMessagingSite, "Payload for {} is {}", url, reply->description());
         }
         const auto error = reply->error();
-        if (error && error->domain() == kServerDomain && error->code() == kCannotTakeWorkNow) {
+        if (error && error->domain() == kMediaServerErrorDomain && error->code() == kCannotAcceptWork) {
             std::string text =
                 fmt::format("Command {} failed with {}", operation->nameFromType(), error->localizedDescription());
             KRV_LOG(kLogFlagWarning, kCallSite, "{}", text);

@@ -29,8 +29,8 @@ TEST(Documentation, NamesEveryKey) {
                                        kResultInterestingTimeValues,
                                        kResultInterestingTimeTimescale,
                                        kResultThumbnails,
-                                       kThumbnailPath,
-                                       kThumbnailTime,
+                                       kResultThumbnailPath,
+                                       kResultThumbnailTime,
                                        kMediaMetadataCodec,
                                        kMediaMetadataDuration,
                                        kMediaMetadataDimensions,
@@ -41,15 +41,15 @@ TEST(Documentation, NamesEveryKey) {
                                        kMediaMetadataModified,
                                        kMediaMetadataFrameRate,
                                        kMediaMetadataPoster,
-                                       kFilePathKey,
-                                       kErrorDomain}) {
+                                       kErrorFilePath,
+                                       kMediaServerErrorDomain}) {
         EXPECT_THAT(page(), testing::HasSubstr(fmt::format("\"{}\"", key)));
     }
 }
 
 TEST(Documentation, ListsEveryErrorCode) {
-    for (std::int64_t code = static_cast<std::int64_t>(ErrorCode::CannotTakeWorkNow);
-         code <= static_cast<std::int64_t>(ErrorCode::SameFile); ++code) {
+    for (std::int64_t code = static_cast<std::int64_t>(OperationErrorCode::CannotAcceptWork);
+         code <= static_cast<std::int64_t>(OperationErrorCode::SameFile); ++code) {
         EXPECT_THAT(page(), testing::HasSubstr(fmt::format("\n| {} | ", code)));
     }
 }

@@ -67,7 +67,7 @@ TEST_F(Queue, WhatCreptWhileWaitingMovesOnFromThereWhenItRuns) {
 
 TEST_F(Queue, AFailureIsKept) {
     const auto operation = add();
-    begun(0)->end.set_value({Outcome::Kind::Failed, makeError(ErrorCode::WorkerDied, "d", "r"), nullptr});
+    begun(0)->end.set_value({Outcome::Kind::Failed, makeError(OperationErrorCode::WorkerFailed, "d", "r"), nullptr});
     const auto state = waitForEnd(operation->id);
     EXPECT_FALSE(state.completed);
     EXPECT_EQ(state.error->code(), 7);

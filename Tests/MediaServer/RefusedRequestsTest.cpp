@@ -8,7 +8,7 @@ namespace krv::server {
 namespace {
 
 std::shared_ptr<const Error> refusal(const std::string& why) {
-    return makeError(ErrorCode::BadArgument, "It was refused.", why);
+    return makeError(OperationErrorCode::InvalidArgument, "It was refused.", why);
 }
 
 TEST(RefusedRequests, AreToldAgainUnderTheirIdentifier) {

@@ -23,7 +23,7 @@ std::string contents(const fs::path& path) {
 
 Value picture(std::int64_t offset, std::int64_t length, double time = 0) {
     return std::make_shared<Dictionary>(
-        Dictionary{{kThumbnailOffset, offset}, {kThumbnailLength, length}, {kThumbnailTime, time}});
+        Dictionary{{kThumbnailOffset, offset}, {kThumbnailLength, length}, {kResultThumbnailTime, time}});
 }
 
 class Thumbnails : public testing::Test {
@@ -71,7 +71,7 @@ TEST_F(Thumbnails, BecomeFilesOfTheirOwnInAFolderThatIsMade) {
     const auto list = (*record.result())[kResultThumbnails].array();
     ASSERT_EQ(list->size(), 3U);
     const auto second = (*list)[1].dictionary();
-    EXPECT_EQ(*second, (Dictionary{{kThumbnailPath, file(2).string()}, {kThumbnailTime, 1.5}}));
+    EXPECT_EQ(*second, (Dictionary{{kResultThumbnailPath, file(2).string()}, {kResultThumbnailTime, 1.5}}));
 }
 
 TEST_F(Thumbnails, LeaveNothingWhenTheyAreNotCommitted) {

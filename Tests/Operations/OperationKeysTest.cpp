@@ -17,12 +17,14 @@ const std::vector<std::string_view> kArguments{kArgumentEncodingSourceFilename,
                                                kArgumentNumOpsNumberOnServer,
                                                kArgumentNumOpsNames,
                                                kArgumentThumbnailInfoSize,
+                                               kArgumentThumbnailCount,
                                                kArgumentMovieInfoMetadata,
                                                kArgumentMergeSources,
                                                kArgumentMergeSourcesUseShortest,
                                                kArgumentTrackIndex};
-const std::vector<std::string_view> kResults{kResultInterestingTimes, kResultInterestingTimeValues,
-                                             kResultInterestingTimeTimescale};
+const std::vector<std::string_view> kResults{
+    kResultInterestingTimes, kResultInterestingTimeValues, kResultInterestingTimeTimescale,
+    kResultThumbnails,       kResultThumbnailPath,         kResultThumbnailTime};
 const std::vector<std::string_view> kMetadata{kMediaMetadataCodec,    kMediaMetadataDuration, kMediaMetadataDimensions,
                                               kMediaMetadataAudio,    kMediaMetadataSize,     kMediaMetadataPath,
                                               kMediaMetadataCreation, kMediaMetadataModified, kMediaMetadataFrameRate,
@@ -32,9 +34,10 @@ TEST(OperationKeys, HaveTheTextsOfTheWireForm) {
     EXPECT_EQ(kArguments, (std::vector<std::string_view>{
                               "encodingSourceFilename", "encodingDestinationFilename", "encodingVideoParams",
                               "encodingAudioParams", "encodingFlattenOnly", "encodingType", "pidRegInfoPID",
-                              "numOpsNumberOnServer", "numOpsNames", "thumbnailInfoSize", "movieInfoMetadata",
-                              "videoMergeSources", "videoMergeSourcesUseShortest", "trackIndex"}));
-    EXPECT_EQ(kResults, (std::vector<std::string_view>{"interestingTimes", "values", "timescale"}));
+                              "numOpsNumberOnServer", "numOpsNames", "thumbnailInfoSize", "thumbnailCount",
+                              "movieInfoMetadata", "videoMergeSources", "videoMergeSourcesUseShortest", "trackIndex"}));
+    EXPECT_EQ(kResults,
+              (std::vector<std::string_view>{"interestingTimes", "values", "timescale", "thumbnails", "path", "time"}));
     EXPECT_EQ(kMetadata,
               (std::vector<std::string_view>{"metadataCodec", "metadataDuration", "metadataDimensions", "metadataAudio",
                                              "metadataSize", "metadataPath", "metadataCreation", "metadataModified",

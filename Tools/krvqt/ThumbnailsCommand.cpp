@@ -64,7 +64,7 @@ ExitStatus makeThumbnails(const ThumbnailsOptions& options, const CommonOptions&
     const auto call = [&](const ServerAccess& access, const auto& progress, krv::ErrorOut error) {
         const auto record = krv::KRVOperationBase::createThumbnailsForVideo(movie, folder, *size);
         if (options.count) {
-            record->arguments()->set("thumbnailCount", *options.count);
+            record->arguments()->set(krv::kArgumentThumbnailCount, *options.count);
         }
         const auto finished = runRecord(access, record, progress, error);
         const auto result = finished ? finished->result() : nullptr;
