@@ -10,9 +10,9 @@
 #include <span>
 #include <string_view>
 
-#include <MediaServer/Media/EditList.h>
-#include <MediaServer/Media/Failure.h>
-#include <MediaServer/Media/Settings.h>
+#include <MediaServer/Media/Codec/Settings.h>
+#include <MediaServer/Media/Container/EditList.h>
+#include <MediaServer/Media/Foundation/Failure.h>
 
 namespace {
 

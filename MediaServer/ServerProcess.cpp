@@ -1,5 +1,3 @@
-#include "ServerProcess.h"
-
 #include <array>
 #include <cerrno>
 #include <utility>
@@ -11,11 +9,12 @@
 
 #include <fmt/format.h>
 
-#include "ListeningSockets.h"
-#include "MediaJob.h"
-#include "Sandbox.h"
-#include "ServerLog.h"
-#include "StatusPage.h"
+#include <MediaServer/Files/OperationFiles.h>
+#include <MediaServer/Front/ListeningSockets.h>
+#include <MediaServer/Front/StatusPage.h>
+#include <MediaServer/Operations/ServerLog.h>
+#include <MediaServer/ServerProcess.h>
+#include <MediaServer/Worker/Sandbox.h>
 
 namespace krv::server {
 namespace {
@@ -50,11 +49,11 @@ ServerProcess::ServerProcess(Settings settings)
 
 Outcome ServerProcess::carryOut(ServerOperation& operation, const std::function<void(double)>& onProgress) const {
     std::shared_ptr<const Error> error;
-    const auto job = MediaJob::open(operation.request, error);
+    const auto job = OperationFiles::open(operation.request, error);
     if (!job) {
         return {Outcome::Kind::Failed, std::move(error), nullptr};
     }
-    Outcome outcome = worker_.run(*job, operation.cancellation, onProgress);
+    Outcome outcome = worker_.run(*operation.request, job->descriptors(), operation.cancellation, onProgress);
     if (outcome.kind == Outcome::Kind::Completed) {
         const auto onLife = [&] {
             onProgress(1.0);

@@ -5,15 +5,15 @@
 #include <memory>
 #include <string>
 
-#include "ClientRegistry.h"
-#include "HTTPFront.h"
-#include "HeldReplies.h"
-#include "OperationDispatcher.h"
-#include "OperationQueue.h"
-#include "SelfTests.h"
-#include "ServicePublisher.h"
-#include "WorkerPool.h"
-#include "WorkerProcess.h"
+#include <MediaServer/Front/HTTPFront.h>
+#include <MediaServer/Front/ServicePublisher.h>
+#include <MediaServer/Operations/ClientRegistry.h>
+#include <MediaServer/Operations/HeldReplies.h>
+#include <MediaServer/Operations/OperationDispatcher.h>
+#include <MediaServer/Operations/OperationQueue.h>
+#include <MediaServer/Operations/SelfTests.h>
+#include <MediaServer/Workers/JobRunner.h>
+#include <MediaServer/Workers/WorkerPool.h>
 
 namespace krv::server {
 
@@ -60,7 +60,7 @@ private:
     std::chrono::steady_clock::time_point workEnded_{};
 
     WorkerPool workers_;
-    WorkerProcess worker_{workers_};
+    JobRunner worker_{workers_};
     ClientRegistry clients_;
     SelfTests selfTests_;
     HeldReplies held_;

@@ -11,9 +11,10 @@
 
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 
-#include "InstanceLock.h"
-#include "RuntimeFolders.h"
-#include "ServerProcess.h"
+#include <MediaServer/Files/AtomicOutput.h>
+#include <MediaServer/Files/InstanceLock.h>
+#include <MediaServer/Files/RuntimeFolders.h>
+#include <MediaServer/ServerProcess.h>
 
 namespace {
 

@@ -1,16 +1,16 @@
 #include <memory>
 
-#include <MediaServer/Media/AudioTranscoder.h>
+#include <MediaServer/Media/Audio/AudioTranscoder.h>
+#include <MediaServer/Media/Codec/Settings.h>
+#include <MediaServer/Media/Container/OutputFile.h>
+#include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Encode.h>
-#include <MediaServer/Media/EncodingType.h>
-#include <MediaServer/Media/FFmpegLog.h>
-#include <MediaServer/Media/OutputFile.h>
-#include <MediaServer/Media/Progress.h>
-#include <MediaServer/Media/Pump.h>
-#include <MediaServer/Media/Settings.h>
-#include <MediaServer/Media/Source.h>
-#include <MediaServer/Media/StreamPlan.h>
-#include <MediaServer/Media/VideoTranscoder.h>
+#include <MediaServer/Media/Foundation/FFmpegLog.h>
+#include <MediaServer/Media/Foundation/Progress.h>
+#include <MediaServer/Media/Transcode/EncodingType.h>
+#include <MediaServer/Media/Transcode/Pump.h>
+#include <MediaServer/Media/Transcode/StreamPlan.h>
+#include <MediaServer/Media/Video/VideoTranscoder.h>
 
 namespace krv::media {
 namespace {

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <MediaServer/Media/EncodeRequest.h>
-#include <MediaServer/Media/Failure.h>
-#include <MediaServer/Media/ProgressSink.h>
+#include <MediaServer/Media/Foundation/Failure.h>
+#include <MediaServer/Media/Foundation/ProgressSink.h>
+#include <MediaServer/Media/Transcode/EncodeRequest.h>
 
 namespace krv::media {
 

@@ -5,12 +5,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <MediaServer/Media/EditList.h>
-#include <MediaServer/Media/FFmpegLog.h>
-#include <MediaServer/Media/InterestingTimes.h>
-#include <MediaServer/Media/PictureReader.h>
-#include <MediaServer/Media/Source.h>
 #include <fmt/format.h>
+
+#include <MediaServer/Media/Container/EditList.h>
+#include <MediaServer/Media/Container/Source.h>
+#include <MediaServer/Media/Foundation/FFmpegLog.h>
+#include <MediaServer/Media/InterestingTimes.h>
+#include <MediaServer/Media/Video/PictureReader.h>
 
 namespace krv::media {
 namespace {

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include <MediaServer/Media/Failure.h>
-#include <MediaServer/Media/ProgressSink.h>
+#include <MediaServer/Media/Foundation/Failure.h>
+#include <MediaServer/Media/Foundation/ProgressSink.h>
 
 namespace krv::media {
 

@@ -2,12 +2,14 @@
 #include <array>
 #include <cmath>
 
-#include <MediaServer/Media/AudioFormat.h>
-#include <MediaServer/Media/FFmpegLog.h>
-#include <MediaServer/Media/MovieInfo.h>
-#include <MediaServer/Media/PictureReader.h>
-#include <MediaServer/Media/Poster.h>
 #include <fmt/format.h>
+
+#include <MediaServer/Media/Audio/AudioFormat.h>
+#include <MediaServer/Media/Container/StreamSelection.h>
+#include <MediaServer/Media/Foundation/FFmpegLog.h>
+#include <MediaServer/Media/MovieInfo.h>
+#include <MediaServer/Media/Video/PictureReader.h>
+#include <MediaServer/Media/Video/Poster.h>
 
 extern "C" {
 #include <libavutil/channel_layout.h>

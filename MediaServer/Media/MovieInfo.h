@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-#include <MediaServer/Media/Failure.h>
-#include <MediaServer/Media/ProgressSink.h>
-#include <MediaServer/Media/StillPicture.h>
+#include <MediaServer/Media/Foundation/Failure.h>
+#include <MediaServer/Media/Foundation/ProgressSink.h>
+#include <MediaServer/Media/Video/StillPicture.h>
 
 namespace krv::media {
 

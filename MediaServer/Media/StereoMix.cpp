@@ -2,17 +2,18 @@
 #include <memory>
 #include <string_view>
 
-#include <MediaServer/Media/AudioTranscoder.h>
-#include <MediaServer/Media/FFmpegLog.h>
-#include <MediaServer/Media/FourCC.h>
-#include <MediaServer/Media/OutputFile.h>
-#include <MediaServer/Media/Progress.h>
-#include <MediaServer/Media/Pump.h>
-#include <MediaServer/Media/Source.h>
-#include <MediaServer/Media/StereoMatrix.h>
+#include <MediaServer/Media/Audio/AudioTranscoder.h>
+#include <MediaServer/Media/Audio/StereoMatrix.h>
+#include <MediaServer/Media/Audio/StereoMixTrack.h>
+#include <MediaServer/Media/Container/OutputFile.h>
+#include <MediaServer/Media/Container/Source.h>
+#include <MediaServer/Media/Container/StreamSelection.h>
+#include <MediaServer/Media/Foundation/FFmpegLog.h>
+#include <MediaServer/Media/Foundation/FourCC.h>
+#include <MediaServer/Media/Foundation/Progress.h>
 #include <MediaServer/Media/StereoMix.h>
-#include <MediaServer/Media/StereoMixTrack.h>
-#include <MediaServer/Media/StreamPlan.h>
+#include <MediaServer/Media/Transcode/Pump.h>
+#include <MediaServer/Media/Transcode/StreamPlan.h>
 
 namespace krv::media {
 namespace {

@@ -13,10 +13,10 @@
 
 #include <unistd.h>
 
-#include <MediaServer/Media/FFmpegLog.h>
-#include <MediaServer/Media/PictureReader.h>
-#include <MediaServer/Media/StillPicture.h>
+#include <MediaServer/Media/Foundation/FFmpegLog.h>
 #include <MediaServer/Media/Thumbnails.h>
+#include <MediaServer/Media/Video/PictureReader.h>
+#include <MediaServer/Media/Video/StillPicture.h>
 
 namespace krv::media {
 namespace {

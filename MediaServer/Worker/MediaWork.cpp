@@ -1,6 +1,4 @@
 // From records to the media library's terms and back: the only place in the worker that knows both.
-#include "MediaWork.h"
-
 #include <array>
 #include <exception>
 #include <new>
@@ -10,14 +8,13 @@
 
 #include <MediaServer/Media/Encode.h>
 #include <MediaServer/Media/InterestingTimes.h>
-#include <MediaServer/Media/Merge.h>
+#include <MediaServer/Media/Merge/Merge.h>
 #include <MediaServer/Media/MovieInfo.h>
 #include <MediaServer/Media/StereoMix.h>
 #include <MediaServer/Media/Thumbnails.h>
-
-#include "MediaRequest.h"
-#include "ServerError.h"
-#include "ThumbnailFolder.h"
+#include <MediaServer/Protocol/MediaRequest.h>
+#include <MediaServer/Protocol/ServerError.h>
+#include <MediaServer/Worker/MediaWork.h>
 
 namespace krv::server {
 namespace {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "WorkerChannel.h"
+#include <MediaServer/Protocol/WorkerChannel.h>
 
 namespace krv::server {
 

@@ -18,8 +18,6 @@
 // The list names what is refused, not what is allowed. A list of what is allowed would be shorter to argue about, but
 // the codecs' libraries and the C library under them make different calls on different processors and in different
 // versions, and one that was forgotten is a movie that does not convert.
-#include "Sandbox.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -38,6 +36,8 @@
 
 #include <fmt/format.h>
 #include <seccomp.h>
+
+#include <MediaServer/Worker/Sandbox.h>
 
 namespace krv::server {
 namespace {

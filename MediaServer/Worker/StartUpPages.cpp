@@ -1,11 +1,11 @@
-#include "StartUpPages.h"
-
 #include <cstdint>
 
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <link.h>
+
+#include <MediaServer/Worker/StartUpPages.h>
 
 namespace krv::server {
 namespace {

@@ -12,10 +12,10 @@
 
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 
-#include "MediaWork.h"
-#include "Sandbox.h"
-#include "StartUpPages.h"
-#include "WorkerChannel.h"
+#include <MediaServer/Protocol/WorkerChannel.h>
+#include <MediaServer/Worker/MediaWork.h>
+#include <MediaServer/Worker/Sandbox.h>
+#include <MediaServer/Worker/StartUpPages.h>
 
 namespace {
 

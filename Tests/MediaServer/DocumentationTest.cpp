@@ -6,9 +6,9 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
-#include "MediaRequest.h"
-#include "ServerError.h"
-#include "ThumbnailFolder.h"
+#include <MediaServer/Files/ThumbnailFolder.h>
+#include <MediaServer/Protocol/MediaRequest.h>
+#include <MediaServer/Protocol/ServerError.h>
 
 namespace krv::server {
 namespace {

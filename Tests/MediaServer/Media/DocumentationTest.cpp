@@ -5,15 +5,15 @@
 #include <string>
 #include <vector>
 
-#include <MediaServer/Media/CodecTable.h>
-#include <MediaServer/Media/ContainerTable.h>
-#include <MediaServer/Media/EncodingType.h>
-#include <MediaServer/Media/FourCC.h>
-#include <MediaServer/Media/Settings.h>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include "MediaTestKit.h"
+#include <MediaServer/Media/Codec/CodecTable.h>
+#include <MediaServer/Media/Codec/Settings.h>
+#include <MediaServer/Media/Container/ContainerTable.h>
+#include <MediaServer/Media/Foundation/FourCC.h>
+#include <MediaServer/Media/Transcode/EncodingType.h>
 
 namespace krv::media::test {
 namespace {

@@ -5,7 +5,7 @@
 #include <gmock/gmock.h>
 
 #include "MediaTestKit.h"
-#include "MergeTestKit.h"
+#include "Merge/MergeTestKit.h"
 
 namespace krv::media::test {
 namespace {

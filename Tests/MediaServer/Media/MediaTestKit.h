@@ -5,9 +5,10 @@
 #include <string>
 #include <vector>
 
-#include <MediaServer/Media/Encode.h>
-#include <MediaServer/Media/FourCC.h>
 #include <nlohmann/json.hpp>
+
+#include <MediaServer/Media/Encode.h>
+#include <MediaServer/Media/Foundation/FourCC.h>
 
 namespace krv::media::test {
 

@@ -1,11 +1,11 @@
 #include <sys/stat.h>
 
-#include <MediaServer/Media/MovieInfo.h>
-#include <MediaServer/Media/Poster.h>
 #include <gmock/gmock.h>
 
 #include "MediaTestKit.h"
 #include "Numbers.h"
+#include <MediaServer/Media/MovieInfo.h>
+#include <MediaServer/Media/Video/Poster.h>
 
 namespace krv::media::test {
 namespace {

@@ -4,12 +4,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <MediaServer/Media/StillPicture.h>
-#include <MediaServer/Media/Thumbnails.h>
 #include <gmock/gmock.h>
 
 #include "MediaTestKit.h"
 #include "Numbers.h"
+#include <MediaServer/Media/Thumbnails.h>
+#include <MediaServer/Media/Video/StillPicture.h>
 
 namespace krv::media::test {
 namespace {

@@ -20,7 +20,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Sandbox.h"
+#include <MediaServer/Worker/Sandbox.h>
 
 namespace {
 

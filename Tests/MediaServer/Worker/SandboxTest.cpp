@@ -1,6 +1,4 @@
 // The sandbox from inside, by a program that tries to leave it.
-#include "Sandbox.h"
-
 #include <csignal>
 #include <fstream>
 
@@ -11,6 +9,7 @@
 
 #include "ChildProcess.h"
 #include "TemporaryFolder.h"
+#include <MediaServer/Worker/Sandbox.h>
 
 namespace krv::server {
 namespace {

@@ -1,0 +1,52 @@
+#include <cstdlib>
+#include <string>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <MediaServer/Files/RuntimeFolders.h>
+
+namespace krv::server {
+namespace {
+
+/// A real folder of this user that others cannot write to.
+bool isOurs(const std::string& path) {
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == ::getuid() &&
+           (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+}  // namespace
+
+std::filesystem::path runtimeFolder() {
+    const char* const given = std::getenv("XDG_RUNTIME_DIR");
+    if (given && given[0] == '/' && isOurs(given)) {
+        return given;
+    }
+    const std::string user = std::to_string(::getuid());
+    if (const std::string usual = "/run/user/" + user; isOurs(usual)) {
+        return usual;
+    }
+    const std::string own = "/tmp/KRVQuicktimeProcess-" + user;
+    ::mkdir(own.c_str(), S_IRWXU);
+    return isOurs(own) ? own : std::string();
+}
+
+std::filesystem::path stateFolder() {
+    const char* const given = std::getenv("XDG_STATE_HOME");
+    const char* const home = std::getenv("HOME");
+    std::filesystem::path base;
+    if (given && given[0] == '/') {
+        base = given;
+    } else if (home && home[0] == '/') {
+        base = std::filesystem::path(home) / ".local/state";
+    } else {
+        return {};
+    }
+    base /= "KRVQuicktimeProcess";
+    std::error_code failure;
+    std::filesystem::create_directories(base, failure);
+    return failure ? std::filesystem::path() : base;
+}
+
+}  // namespace krv::server

@@ -1,0 +1,122 @@
+#include <cerrno>
+#include <vector>
+
+#include <sys/sendfile.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include <MediaServer/Files/ThumbnailFolder.h>
+#include <MediaServer/Protocol/MediaRequest.h>
+#include <MediaServer/Protocol/ServerError.h>
+
+namespace krv::server {
+namespace {
+
+using ErrorRef = std::shared_ptr<const Error>;
+
+constexpr mode_t kEverybody = 0777;
+
+ErrorRef unbelievable() {
+    return makeError(OperationErrorCode::Internal, "The thumbnails could not be made.",
+                     "the media worker's list makes no sense");
+}
+
+}  // namespace
+
+ThumbnailFolder::ThumbnailFolder(std::string folder)
+    : asGiven_(std::move(folder)) {}
+
+ThumbnailFolder::~ThumbnailFolder() {
+    pictures_.reset();
+    if (made_) {
+        ::rmdir(asGiven_.c_str());  // which does nothing to a folder that is not empty
+    }
+}
+
+std::unique_ptr<ThumbnailFolder> ThumbnailFolder::open(const std::string& folder, ErrorRef& error) {
+    std::unique_ptr<ThumbnailFolder> result(new ThumbnailFolder(folder));
+    if (::mkdir(folder.c_str(), kEverybody) == 0) {
+        result->made_ = true;
+    } else if (errno != EEXIST) {
+        error = unwritable(folder, errno);
+        return nullptr;
+    }
+    struct stat status {};
+    if (::stat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+        error = unwritable(folder, ENOTDIR);
+        return nullptr;
+    }
+    // Never put under this name; only its way of being unnamed is wanted.
+    result->pictures_ = AtomicOutput::open((std::filesystem::path(folder) / "thumbnails").string(), error);
+    if (!result->pictures_) {
+        error = makeError(OperationErrorCode::UnwritableDestination, fmt::format("{} cannot be written to.", folder),
+                          error->localizedFailureReason(), folder);
+        return nullptr;
+    }
+    return result;
+}
+
+std::unique_ptr<AtomicOutput> ThumbnailFolder::copyPicture(const std::string& path, const Dictionary& picture,
+                                                           ErrorRef& error) const {
+    off_t offset = picture[kThumbnailOffset].integerValue();
+    std::int64_t left = picture[kThumbnailLength].integerValue();
+    struct stat status {};
+    if (::fstat(pictures_->descriptor(), &status) != 0 || offset < 0 || left <= 0 || left > status.st_size - offset) {
+        error = unbelievable();
+        return nullptr;
+    }
+    auto file = AtomicOutput::open(path, error);
+    while (file && left > 0) {
+        const ssize_t copied =
+            ::sendfile(file->descriptor(), pictures_->descriptor(), &offset, static_cast<std::size_t>(left));
+        if (copied < 0 && errno == EINTR) {
+            continue;
+        }
+        if (copied <= 0) {
+            error = unwritable(path, copied < 0 ? errno : EIO);
+            return nullptr;
+        }
+        left -= copied;
+    }
+    return file;
+}
+
+ErrorRef ThumbnailFolder::commit(KRVOperationBase& record) {
+    const auto result = record.result();
+    const auto list = result ? (*result)[kResultThumbnails].array() : nullptr;
+    if (!list || list->empty()) {
+        return unbelievable();
+    }
+    ErrorRef error;
+    Array told;
+    std::vector<std::unique_ptr<AtomicOutput>> files;
+    for (std::size_t i = 0; i < list->size(); ++i) {
+        const auto picture = (*list)[i].dictionary();
+        if (!picture) {
+            return unbelievable();
+        }
+        const auto path = (std::filesystem::path(asGiven_) / fmt::format("thumbnail-{:04}.jpg", i + 1)).string();
+        auto file = copyPicture(path, *picture, error);
+        if (!file) {
+            return error;
+        }
+        files.push_back(std::move(file));
+        told.push_back(std::make_shared<Dictionary>(Dictionary{
+            {kResultThumbnailPath, path}, {kResultThumbnailTime, (*picture)[kResultThumbnailTime].doubleValue()}}));
+    }
+    for (const auto& file : files) {
+        if ((error = file->place())) {
+            return error;  // what has been placed so far is taken back
+        }
+    }
+    for (const auto& file : files) {
+        file->keep();
+    }
+    made_ = false;
+    record.setResult(std::make_shared<Dictionary>(Dictionary{{kResultThumbnails, std::move(told)}}));
+    return nullptr;
+}
+
+}  // namespace krv::server

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include <MediaServer/Protocol/Descriptor.h>
+
+namespace krv::server {
+
+/// The server's sockets: the same port on both loopback addresses, and nowhere else.
+struct ListeningSockets {
+    Descriptor ipv4;
+    /// None on a machine without ::1.
+    Descriptor ipv6;
+    std::uint16_t port = 0;
+
+    /// The first port from minimum to maximum that is free on both; nothing when there is none.
+    [[nodiscard]] static std::optional<ListeningSockets> open(std::int32_t minimum, std::int32_t maximum);
+};
+
+}  // namespace krv::server

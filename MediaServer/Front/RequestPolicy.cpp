@@ -1,0 +1,94 @@
+#include <algorithm>
+#include <array>
+
+#include <MediaServer/Front/RequestPolicy.h>
+
+namespace krv::server {
+namespace {
+
+bool isDigits(std::string_view text) {
+    return std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+/// localhost, 127.0.0.1 or [::1], with or without a port.
+bool isThisMachine(std::string_view host) {
+    constexpr std::array<std::string_view, 3> kNames{"localhost", "127.0.0.1", "[::1]"};
+    return std::any_of(kNames.begin(), kNames.end(), [host](std::string_view name) {
+        if (host.substr(0, name.size()) != name) {
+            return false;
+        }
+        const std::string_view rest = host.substr(name.size());
+        return rest.empty() || (rest.size() > 1 && rest.front() == ':' && isDigits(rest.substr(1)));
+    });
+}
+
+bool areSameLetter(char a, char b) {
+    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+    return lower(a) == lower(b);
+}
+
+bool isChunked(std::string_view encoding) {
+    constexpr std::string_view kChunked = "chunked";
+    return std::equal(encoding.begin(), encoding.end(), kChunked.begin(), kChunked.end(), areSameLetter);
+}
+
+bool onlyBeginsLikeOneThatMatters(std::string_view name) {
+    constexpr std::array<std::string_view, 4> kNames{"Host", "Origin", "Content-Length", "Transfer-Encoding"};
+    return std::any_of(kNames.begin(), kNames.end(), [name](std::string_view each) {
+        return name.size() > each.size() && std::equal(each.begin(), each.end(), name.begin(), areSameLetter);
+    });
+}
+
+/// Whether the head says where the body ends in exactly one way, or that there is none.
+bool saysWhereItEnds(const RequestHead& head) {
+    if (head.transferEncodings.empty()) {
+        return head.contentLengths <= 1;
+    }
+    return head.contentLengths == 0 && head.version == "HTTP/1.1" && head.transferEncodings.size() == 1 &&
+           isChunked(head.transferEncodings.front());
+}
+
+bool isNameCharacter(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+           std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos;
+}
+
+bool isControlCharacter(char c) {
+    return (c >= 0 && c < ' ' && c != '\t') || c == '\x7F';
+}
+
+}  // namespace
+
+bool isWellFormedHeader(std::string_view name, std::string_view value) {
+    return !name.empty() && std::all_of(name.begin(), name.end(), isNameCharacter) &&
+           !onlyBeginsLikeOneThatMatters(name) && std::none_of(value.begin(), value.end(), isControlCharacter);
+}
+
+Verdict judge(const RequestHead& head) {
+    using Action = Verdict::Action;
+    if (!head.peerIsUser) {
+        return {Action::Refuse, 403, "this server belongs to another user\n"};
+    }
+    if (head.hasOrigin || head.hosts.size() != 1 || !isThisMachine(head.hosts.front())) {
+        return {Action::Refuse, 403, "only programs on this machine are served\n"};
+    }
+    if (head.crookedHeaders || !saysWhereItEnds(head)) {
+        return {Action::Refuse, 400, "the head of this request can be read in more than one way\n"};
+    }
+    if (head.target == "/status") {
+        return head.method == "GET" ? Verdict{Action::Status}
+                                    : Verdict{Action::Refuse, 405, "the status is there to be read\n"};
+    }
+    if (head.target != "/") {
+        return {Action::Refuse, 404, "there is nothing here\n"};
+    }
+    if (head.method != "POST") {
+        return {Action::Refuse, 405, "operations are posted\n"};
+    }
+    if (head.contentLength && *head.contentLength > kLargestRequest) {
+        return {Action::Refuse, 413, "a record has at most 16 MiB\n"};
+    }
+    return {Action::Operation};
+}
+
+}  // namespace krv::server

@@ -1,0 +1,116 @@
+#include <algorithm>
+#include <cmath>
+
+#include <MediaServer/Media/Audio/StereoMatrix.h>
+#include <MediaServer/Media/Audio/StereoMixTrack.h>
+#include <MediaServer/Media/Container/Metadata.h>
+#include <MediaServer/Media/Foundation/Failure.h>
+
+namespace krv::media {
+namespace {
+
+constexpr AVChannelLayout kStereo = AV_CHANNEL_LAYOUT_STEREO;
+
+// -1 dB of full scale: what a lossy codec adds to a peak stays below full scale.
+constexpr float kCeiling = 0.891250938F;
+
+// How long a track that does not come forward is waited for.
+constexpr std::int64_t kMostHeldSeconds = 20;
+
+// Sound that has been limited is dense, and what the codec gets wrong in it comes on top of its peaks. So it
+// gets more bits than usual, and noise stays what it was instead of being replaced by another with higher
+// peaks.
+constexpr std::int64_t kAACBitRate = 256'000;
+
+Settings stereoSettings(const Codec& codec) {
+    Settings settings;
+    settings.channels = 2;
+    if (codec.id == AV_CODEC_ID_AAC) {
+        settings.bitRate = kAACBitRate;
+        settings.options = {{"aac_pns", "0"}};
+    }
+    return settings;
+}
+
+std::span<const float> channel(const AVFrame& frame, int index) {
+    return {reinterpret_cast<const float*>(frame.extended_data[index]), static_cast<std::size_t>(frame.nb_samples)};
+}
+
+}  // namespace
+
+StereoMixTrack::StereoMixTrack(const Source& source, const std::vector<const AVStream*>& from, const Codec& codec)
+    : source_(source)
+    , codec_(codec)
+    , settings_(stereoSettings(codec)) {
+    for (const AVStream* stream : from)
+        voices_.push_back(std::make_unique<Voice>(*stream));
+}
+
+void StereoMixTrack::open(OutputFile& output) {
+    const AVStream& first = voices_.front()->from;
+    encoder_.emplace(EncoderSession::Request{codec_, 0, settings_, hasHighResolution(first)}, output,
+                     [this](AVCodecContext& context) { prepare(context); });
+    const int rate = encoder_->context().sample_rate;
+    const AudioResampler::Format mixed(AV_SAMPLE_FMT_FLTP, rate, kStereo, 0);
+    for (const auto& voice : voices_) {
+        const AVRational unit = voice->from.time_base;
+        voice->resampler.emplace(mixed, unit, av_rescale_q(source_.lastPlausibleTime(), kMicroseconds, unit),
+                                 &stereoMatrix);
+    }
+    sum_.emplace(voices_.size(), kMostHeldSeconds * rate);
+    limiter_.emplace(rate, kCeiling);
+    packing_.emplace(encoder_->context(), AVRational{1, rate}, 0);
+    copyTrackMetadata(first, encoder_->stream(), output.container());
+    encoder_->stream().disposition = AV_DISPOSITION_DEFAULT;
+}
+
+void StereoMixTrack::prepare(AVCodecContext& context) const {
+    chooseAudioFormat(context, voices_.front()->from, settings_, codec_);
+    context.ch_layout = kStereo;
+}
+
+void StereoMixTrack::push(const AVPacket& packet) {
+    for (std::size_t i = 0; i < voices_.size(); ++i)
+        if (Voice& voice = *voices_[i]; voice.from.index == packet.stream_index)
+            voice.decoder.push(packet, [&](FramePtr frame) {
+                voice.resampler->push(*frame, [this, i](FramePtr ready) { add(i, *ready); });
+            });
+}
+
+void StereoMixTrack::add(std::size_t voice, const AVFrame& frame) {
+    sum_->add(voice, channel(frame, 0), channel(frame, 1), [this](auto left, auto right) { limit(left, right); });
+}
+
+void StereoMixTrack::limit(std::span<const float> left, std::span<const float> right) {
+    limiter_->push(left, right, [this](auto l, auto r) { encode(l, r); });
+}
+
+void StereoMixTrack::encode(std::span<const float> left, std::span<const float> right) {
+    const FramePtr frame = newFrame();
+    frame->nb_samples = static_cast<int>(left.size());
+    frame->format = AV_SAMPLE_FMT_FLTP;
+    frame->sample_rate = encoder_->context().sample_rate;
+    frame->ch_layout = kStereo;
+    frame->pts = encoded_;
+    if (av_frame_get_buffer(frame.get(), 0) < 0)
+        throw std::bad_alloc();
+    std::copy(left.begin(), left.end(), reinterpret_cast<float*>(frame->extended_data[0]));
+    std::copy(right.begin(), right.end(), reinterpret_cast<float*>(frame->extended_data[1]));
+    encoded_ += frame->nb_samples;
+    packing_->push(*frame, [this](FramePtr ready) { encoder_->encode(*ready); });
+}
+
+void StereoMixTrack::finish() {
+    for (std::size_t i = 0; i < voices_.size(); ++i) {
+        Voice& voice = *voices_[i];
+        const auto mix = [this, i](FramePtr ready) { add(i, *ready); };
+        voice.decoder.finish([&](FramePtr frame) { voice.resampler->push(*frame, mix); });
+        voice.resampler->finish(mix);
+        sum_->finish(i, [this](auto left, auto right) { limit(left, right); });
+    }
+    limiter_->finish([this](auto left, auto right) { encode(left, right); });
+    packing_->finish([this](FramePtr ready) { encoder_->encode(*ready); });
+    encoder_->finish();
+}
+
+}  // namespace krv::media

@@ -1,0 +1,67 @@
+#include <algorithm>
+#include <thread>
+
+#include <fmt/format.h>
+
+#include <MediaServer/Media/Codec/Decoder.h>
+#include <MediaServer/Media/Foundation/Failure.h>
+
+namespace krv::media {
+
+int coreCount() noexcept {
+    return std::clamp(static_cast<int>(std::thread::hardware_concurrency()), 1, 16);
+}
+
+Decoder::Decoder(const AVStream& stream, int threads) {
+    const char* name = avcodec_get_name(stream.codecpar->codec_id);
+    const AVCodec* codec = avcodec_find_decoder(stream.codecpar->codec_id);
+    if (!codec)
+        throw Failure(FailureCode::Unsupported, fmt::format("The source's codec “{}” cannot be decoded.", name));
+    context_.reset(notNull(avcodec_alloc_context3(codec)));
+    int result = avcodec_parameters_to_context(context_.get(), stream.codecpar);
+    if (result >= 0) {
+        context_->pkt_timebase = stream.time_base;  // without it encoder delay is not cut off exactly
+        context_->thread_count = threads;
+        result = avcodec_open2(context_.get(), codec, nullptr);
+    }
+    if (result < 0)
+        fail(FailureCode::UnusableSource, result, fmt::format("The codec “{}” cannot be decoded", name));
+}
+
+void Decoder::push(const AVPacket& packet, const Sink& sink) {
+    send(&packet, sink);
+}
+
+void Decoder::finish(const Sink& sink) {
+    send(nullptr, sink);
+}
+
+void Decoder::flush() {
+    avcodec_flush_buffers(context_.get());
+}
+
+void Decoder::send(const AVPacket* packet, const Sink& sink) {
+    // Errors belong to this packet's data and are nothing to give up for; whether anything useful came out at
+    // all is known at the end.
+    const int result = avcodec_send_packet(context_.get(), packet);
+    if (result == AVERROR(ENOMEM))
+        throw std::bad_alloc();
+    receive(sink);
+}
+
+void Decoder::receive(const Sink& sink) {
+    for (;;) {
+        FramePtr frame = newFrame();
+        const int result = avcodec_receive_frame(context_.get(), frame.get());
+        if (result == AVERROR(ENOMEM))
+            throw std::bad_alloc();
+        if (result == AVERROR(EAGAIN) || result == AVERROR_EOF)
+            return;
+        if (result < 0)
+            continue;
+        frame->pts = frame->best_effort_timestamp;
+        sink(std::move(frame));
+    }
+}
+
+}  // namespace krv::media

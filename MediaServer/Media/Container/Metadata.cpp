@@ -1,0 +1,99 @@
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <string_view>
+
+#include <MediaServer/Media/Container/Language.h>
+#include <MediaServer/Media/Container/Metadata.h>
+
+namespace krv::media {
+namespace {
+
+// Tags that describe the source file itself and would be untrue of another.
+constexpr std::array<std::string_view, 7> kFileTags{"major_brand", "minor_version",    "compatible_brands", "encoder",
+                                                    "vendor_id",   "_STATISTICS_TAGS", "DURATION"};
+constexpr std::array<std::string_view, 5> kStatistics{"BPS", "DURATION-", "NUMBER_OF_FRAMES", "NUMBER_OF_BYTES",
+                                                      "_STATISTICS_"};
+
+bool describesTheFile(std::string_view key) {
+    return std::find(kFileTags.begin(), kFileTags.end(), key) != kFileTags.end() ||
+           std::any_of(kStatistics.begin(), kStatistics.end(),
+                       [key](std::string_view start) { return key.starts_with(start); });
+}
+
+void copyChapters(const AVFormatContext& from, AVFormatContext& to, std::int64_t shift) {
+    if (from.nb_chapters == 0)
+        return;
+    auto** chapters = static_cast<AVChapter**>(av_calloc(from.nb_chapters, sizeof(AVChapter*)));
+    to.chapters = notNull(chapters);
+    for (unsigned i = 0; i < from.nb_chapters; ++i) {
+        const AVChapter& chapter = *from.chapters[i];
+        const std::int64_t offset = av_rescale_q(shift, kMicroseconds, chapter.time_base);
+        if (chapter.end != AV_NOPTS_VALUE && chapter.end + offset <= 0)
+            continue;
+        auto* copy = static_cast<AVChapter*>(notNull(av_mallocz(sizeof(AVChapter))));
+        chapters[to.nb_chapters++] = copy;
+        copy->id = chapter.id;
+        copy->time_base = chapter.time_base;
+        copy->start = std::max<std::int64_t>(0, chapter.start + offset);
+        copy->end = chapter.end == AV_NOPTS_VALUE ? chapter.end : chapter.end + offset;
+        copyTags(chapter.metadata, &copy->metadata);
+    }
+}
+
+void copySideData(const AVStream& from, AVStream& to, AVPacketSideDataType type) {
+    std::size_t size = 0;
+    const std::uint8_t* data = av_stream_get_side_data(&from, type, &size);
+    if (data)
+        std::memcpy(notNull(av_stream_new_side_data(&to, type, size)), data, size);
+}
+
+}  // namespace
+
+void copyTags(const AVDictionary* from, AVDictionary** to) {
+    const AVDictionaryEntry* entry = nullptr;
+    while ((entry = av_dict_get(from, "", entry, AV_DICT_IGNORE_SUFFIX)))
+        if (!describesTheFile(entry->key))
+            av_dict_set(to, entry->key, entry->value, 0);
+}
+
+void copyMovieMetadata(const Source& source, OutputFile& output) {
+    copyTags(source.format().metadata, &output.format().metadata);
+    copyChapters(source.format(), output.format(), source.timeShift());
+}
+
+void addChapters(const std::vector<Chapter>& chapters, std::int64_t end, OutputFile& output) {
+    AVFormatContext& format = output.format();
+    format.chapters = static_cast<AVChapter**>(notNull(av_calloc(chapters.size(), sizeof(AVChapter*))));
+    for (std::size_t i = 0; i < chapters.size(); ++i) {
+        auto* chapter = static_cast<AVChapter*>(notNull(av_mallocz(sizeof(AVChapter))));
+        format.chapters[format.nb_chapters++] = chapter;
+        chapter->id = static_cast<std::int64_t>(i) + 1;
+        chapter->time_base = kMicroseconds;
+        chapter->start = chapters[i].start;
+        chapter->end = i + 1 < chapters.size() ? chapters[i + 1].start : end;
+        av_dict_set(&chapter->metadata, "title", chapters[i].title.c_str(), 0);
+    }
+}
+
+void copyTrackMetadata(const AVStream& from, AVStream& to, const Container& container) {
+    copyTags(from.metadata, &to.metadata);
+    const AVDictionaryEntry* language = av_dict_get(to.metadata, "language", nullptr, 0);
+    if (language && container.extension == "mov")
+        av_dict_set(&to.metadata, "language", quickTimeLanguage(language->value).c_str(), 0);
+    to.disposition = from.disposition;
+}
+
+void copyPictureSideData(const AVStream& from, AVStream& to, bool displayMatrix) {
+    if (displayMatrix)
+        copySideData(from, to, AV_PKT_DATA_DISPLAYMATRIX);
+    copySideData(from, to, AV_PKT_DATA_SPHERICAL);
+    copySideData(from, to, AV_PKT_DATA_STEREO3D);
+}
+
+void copyAllSideData(const AVStream& from, AVStream& to) {
+    for (int i = 0; i < from.nb_side_data; ++i)
+        copySideData(from, to, from.side_data[i].type);
+}
+
+}  // namespace krv::media

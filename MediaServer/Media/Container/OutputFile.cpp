@@ -1,0 +1,120 @@
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include <MediaServer/Media/Container/OutputFile.h>
+
+namespace krv::media {
+
+OutputFile::OutputFile(int descriptor, const Container& container, Progress& progress)
+    : descriptor_(descriptor)
+    , container_(container)
+    , progress_(progress)
+    , io_(descriptor, DescriptorIO::Mode::Write, [this](std::int64_t) { progress_.alive(); }) {
+    if (ftruncate(descriptor, 0) != 0)
+        throw Failure(FailureCode::UnwritableDestination, std::strerror(errno));
+    const int result = avformat_alloc_output_context2(&format_, nullptr, container.muxer, nullptr);
+    if (result < 0)
+        fail(FailureCode::Unsupported, result, fmt::format("The container “{}” is not available", container.extension));
+    format_->pb = io_.context();
+    format_->flags |= AVFMT_FLAG_CUSTOM_IO;
+    format_->opaque = this;
+    format_->io_open = &openForReading;
+    format_->io_close2 = &closeAfterReading;
+}
+
+OutputFile::~OutputFile() {
+    avformat_free_context(format_);
+}
+
+bool OutputFile::wantsGlobalHeaders() const noexcept {
+    return (format_->oformat->flags & AVFMT_GLOBALHEADER) != 0;
+}
+
+AVStream& OutputFile::addStream() {
+    return *notNull(avformat_new_stream(format_, nullptr));
+}
+
+// Cameras store what they know under names of their own. The muxer keeps these only in another kind of list,
+// which is why it is not used for other movies.
+bool OutputFile::hasCameraTags() const {
+    return av_dict_get(format_->metadata, "com.apple.quicktime.", nullptr, AV_DICT_IGNORE_SUFFIX) != nullptr;
+}
+
+void OutputFile::writeHeader() {
+    AVDict options;
+    av_dict_parse_string(options.address(), container_.options, "=", ":", 0);
+    if (container_.indexInFront)
+        av_dict_set(options.address(), "movflags", "+faststart", AV_DICT_APPEND);
+    if (container_.extension == "mov" && hasCameraTags())
+        av_dict_set(options.address(), "movflags", "+use_metadata_tags", AV_DICT_APPEND);
+    check(avformat_write_header(format_, options.address()), FailureCode::Unsupported,
+          "The container refuses these streams");
+}
+
+void OutputFile::write(const AVStream& stream, AVPacket& packet, AVRational timeBase) {
+    const AVMediaType kind = stream.codecpar->codec_type;
+    packet.stream_index = stream.index;
+    packet.pos = -1;
+    av_packet_rescale_ts(&packet, timeBase, stream.time_base);
+    // A damaged head can make a picture last for days, which no container can say. The longest that can be said will
+    // do.
+    packet.duration = std::clamp<std::int64_t>(packet.duration, 0, std::numeric_limits<int>::max());
+    const int result = av_interleaved_write_frame(format_, &packet);
+    if (result == AVERROR_INVALIDDATA && io_.errorNumber() == 0)
+        return;
+    check(result, FailureCode::Internal, "A packet cannot be written");
+    if (kind == AVMEDIA_TYPE_VIDEO || kind == AVMEDIA_TYPE_AUDIO)
+        ++packets_;
+}
+
+void OutputFile::finish() {
+    bytesToMove_ = avio_tell(io_.context());
+    check(av_write_trailer(format_), FailureCode::Internal, "The file cannot be finished");
+    avio_flush(io_.context());
+    check(io_.context()->error, FailureCode::UnwritableDestination, "The file cannot be finished");
+}
+
+void OutputFile::check(int result, FailureCode otherwise, const char* attempt) const {
+    // The muxers' own reports of failed writes are neither complete nor exact; errno of the transfer is.
+    if (io_.errorNumber() != 0)
+        throw Failure(FailureCode::UnwritableDestination, std::strerror(io_.errorNumber()));
+    if (result < 0)
+        fail(otherwise, result, attempt);
+}
+
+// The muxer opens its own output a second time, under the context's (empty) url, while it moves the media
+// data back to make room for the index.
+int OutputFile::openForReading(AVFormatContext* format, AVIOContext** io, const char* url, int flags, AVDictionary**) {
+    auto& self = *static_cast<OutputFile*>(format->opaque);
+    if ((url && *url) || flags != AVIO_FLAG_READ || self.reader_)
+        return AVERROR(EPERM);
+    try {
+        self.reader_ =
+            std::make_unique<DescriptorIO>(self.descriptor_, DescriptorIO::Mode::Read, [&self](std::int64_t bytes) {
+                self.bytesMoved_ += bytes;
+                if (self.bytesToMove_ > 0)
+                    self.progress_.reach(static_cast<double>(self.bytesMoved_) /
+                                         static_cast<double>(self.bytesToMove_));
+            });
+    } catch (const std::bad_alloc&) {
+        return AVERROR(ENOMEM);
+    }
+    *io = self.reader_->context();
+    return 0;
+}
+
+int OutputFile::closeAfterReading(AVFormatContext* format, AVIOContext* io) {
+    auto& self = *static_cast<OutputFile*>(format->opaque);
+    if (self.reader_ && io == self.reader_->context())
+        self.reader_.reset();
+    return 0;
+}
+
+}  // namespace krv::media

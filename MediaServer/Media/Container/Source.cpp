@@ -1,0 +1,193 @@
+#include <algorithm>
+#include <cstring>
+
+#include <sys/stat.h>
+
+#include <fmt/format.h>
+
+#include <MediaServer/Media/Container/Source.h>
+#include <MediaServer/Media/Container/SourceFormat.h>
+#include <MediaServer/Media/Container/StreamSelection.h>
+#include <MediaServer/Media/Foundation/Failure.h>
+
+namespace krv::media {
+namespace {
+
+// How much of the file may be looked at to find out what its streams are.
+constexpr std::int64_t kProbeBytes = 20'000'000;
+constexpr std::int64_t kProbeTime = std::int64_t{10} * AV_TIME_BASE;
+
+// A movie whose first frame is later than this does not begin with an empty edit, it is a piece of something
+// longer.
+constexpr std::int64_t kLongestEmptyStart = 60 * static_cast<std::int64_t>(AV_TIME_BASE);
+
+// A jump of the clock that is larger than this is a splice, not a pause. Backwards any jump is one that is
+// larger than what inexact clocks do.
+constexpr std::int64_t kSpliceForward = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
+constexpr std::int64_t kSpliceBackward = AV_TIME_BASE / 10;
+
+// Lengths in headers are not exact; times this far behind the end are damage all the same.
+constexpr std::int64_t kSlack = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
+constexpr std::int64_t kLongestMovie = std::int64_t{1000} * 3600 * AV_TIME_BASE;
+
+// Demuxers that resynchronise after damage report each failed try; after so many in a row there is nothing to
+// come.
+constexpr int kReadAttempts = 64;
+
+// For a demuxer a lack of memory is, as a rule, a damaged header that claims to need that much.
+[[noreturn]] void unusable(int result, const char* attempt) {
+    if (result == AVERROR(ENOMEM))
+        throw Failure(FailureCode::UnusableSource, "It claims to be larger than what fits into memory.");
+    fail(FailureCode::UnusableSource, result, attempt);
+}
+
+int refuseToOpen(AVFormatContext*, AVIOContext**, const char*, int, AVDictionary**) {
+    return AVERROR(EPERM);
+}
+
+std::int64_t checkedSize(int descriptor) {
+    struct stat status {};
+    if (fstat(descriptor, &status) != 0)
+        throw Failure(FailureCode::UnusableSource, std::strerror(errno));
+    if (S_ISDIR(status.st_mode))
+        throw Failure(FailureCode::UnusableSource, "It is a folder.");
+    if (!S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode))
+        throw Failure(FailureCode::UnusableSource, "It is not a file.");
+    if (S_ISREG(status.st_mode) && status.st_size == 0)
+        throw Failure(FailureCode::UnusableSource, "The file is empty.");
+    return status.st_size;
+}
+
+}  // namespace
+
+Source::Source(int descriptor, const std::string& path, Progress& progress)
+    : size_(checkedSize(descriptor))
+    , io_(descriptor, DescriptorIO::Mode::Read, [&progress](std::int64_t) { progress.alive(); }) {
+    try {
+        open(path);
+    } catch (...) {
+        avformat_close_input(&format_);
+        throw;
+    }
+}
+
+Source::~Source() {
+    avformat_close_input(&format_);
+}
+
+void Source::open(const std::string& path) {
+    const AVInputFormat& input = probeFormat(*io_.context(), path);
+    format_ = notNull(avformat_alloc_context());
+    format_->pb = io_.context();
+    format_->io_open = &refuseToOpen;
+    format_->flags |= AVFMT_FLAG_GENPTS;
+    format_->probesize = kProbeBytes;
+    format_->max_analyze_duration = kProbeTime;
+    AVDict options;
+    options.set("format_whitelist", input.name);  // so that no demuxer can start another one
+    options.set("protocol_whitelist", "none");
+    int result = avformat_open_input(&format_, "", &input, options.address());
+    if (result < 0)
+        unusable(result, "The file cannot be opened");
+    result = avformat_find_stream_info(format_, nullptr);
+    if (result < 0)
+        unusable(result, "The streams cannot be identified");
+    if (format_->nb_streams == 0)
+        throw Failure(FailureCode::UnusableSource, "The file contains no streams.");
+
+    duration_ = format_->duration == AV_NOPTS_VALUE ? 0 : std::max<std::int64_t>(format_->duration, 0);
+    const std::int64_t start = format_->start_time == AV_NOPTS_VALUE ? 0 : format_->start_time;
+    // What an encoder of MP3 puts in front of the sound is no pause.
+    const bool startsWithPadding = std::strcmp(input.name, "mp3") == 0;
+    const bool clockStartsAnywhere =
+        (input.flags & AVFMT_TS_DISCONT) != 0 || start < 0 || start > kLongestEmptyStart || startsWithPadding;
+    shift_ = clockStartsAnywhere ? -start : 0;
+    start_ = start + shift_;
+    lastDts_.resize(format_->nb_streams);
+}
+
+void Source::select(const std::vector<std::size_t>& indices) {
+    for (std::size_t i = 0; i < format_->nb_streams; ++i) {
+        const bool wanted = std::find(indices.begin(), indices.end(), i) != indices.end();
+        format_->streams[i]->discard = wanted ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
+    }
+}
+
+bool Source::seek(std::size_t index, std::int64_t time) {
+    const std::int64_t there = av_rescale_q(time - shift_, kMicroseconds, stream(index).time_base);
+    // Times before and behind have nothing to do with each other.
+    std::fill(lastDts_.begin(), lastDts_.end(), std::nullopt);
+    discontinuity_ = 0;
+    return av_seek_frame(format_, static_cast<int>(index), there, AVSEEK_FLAG_BACKWARD) >= 0;
+}
+
+bool Source::rewind() {
+    // By time is not enough where packets are found by guessing: the first ones may be decoded before the movie starts.
+    const bool guesses = (format_->iformat->flags & (AVFMT_TS_DISCONT | AVFMT_NO_BYTE_SEEK)) == AVFMT_TS_DISCONT;
+    if (!guesses)
+        return seek(0, start_);
+    std::fill(lastDts_.begin(), lastDts_.end(), std::nullopt);
+    discontinuity_ = 0;
+    return av_seek_frame(format_, -1, 0, AVSEEK_FLAG_BYTE) >= 0;
+}
+
+void Source::readTimesOnly() noexcept {
+    io_.blind();
+    format_->flags |= AVFMT_FLAG_NOPARSE;
+}
+
+bool Source::read(AVPacket& packet) {
+    for (int failures = 0; failures < kReadAttempts;) {
+        av_packet_unref(&packet);
+        const int result = av_read_frame(format_, &packet);
+        if (result == AVERROR_EOF || (result < 0 && io_.errorNumber() != 0))
+            return false;
+        if (result < 0) {
+            ++failures;
+            continue;
+        }
+        const auto index = static_cast<std::size_t>(packet.stream_index);
+        if (index >= lastDts_.size())  // a stream that turned up after the headers
+            continue;
+        const AVStream& from = stream(index);
+        if (from.discard == AVDISCARD_ALL || isCover(from))
+            continue;
+        bytesRead_ += packet.size;
+        fixDiscontinuity(packet);
+        const std::int64_t shift = av_rescale_q(shift_ + discontinuity_, kMicroseconds, from.time_base);
+        if (packet.pts != AV_NOPTS_VALUE)
+            packet.pts += shift;
+        if (packet.dts != AV_NOPTS_VALUE) {
+            packet.dts += shift;
+            reached_ = std::max(reached_, av_rescale_q(packet.dts, from.time_base, kMicroseconds));
+        }
+        return true;
+    }
+    return false;
+}
+
+// Recordings that were joined byte by byte start their clock again in the middle. All streams are moved
+// together, so that they stay in sync, as soon as the first of them shows the jump.
+void Source::fixDiscontinuity(AVPacket& packet) {
+    if (!(format_->iformat->flags & AVFMT_TS_DISCONT) || packet.dts == AV_NOPTS_VALUE)
+        return;
+    const AVStream& from = stream(static_cast<std::size_t>(packet.stream_index));
+    if (from.codecpar->codec_type != AVMEDIA_TYPE_VIDEO && from.codecpar->codec_type != AVMEDIA_TYPE_AUDIO)
+        return;
+    auto& last = lastDts_[static_cast<std::size_t>(packet.stream_index)];
+    const std::int64_t duration = av_rescale_q(packet.duration, from.time_base, kMicroseconds);
+    std::int64_t now = av_rescale_q(packet.dts, from.time_base, kMicroseconds) + discontinuity_;
+    if (last && (now - *last > kSpliceForward || *last - now > kSpliceBackward)) {
+        discontinuity_ += *last + duration - now;
+        now = *last + duration;
+    }
+    last = now;
+}
+
+std::int64_t Source::lastPlausibleTime() const noexcept {
+    // The length of what was spliced together is not known to its header.
+    const bool known = duration_ > 0 && !(format_->iformat->flags & AVFMT_TS_DISCONT);
+    return known ? start_ + duration_ + kSlack : kLongestMovie;
+}
+
+}  // namespace krv::media

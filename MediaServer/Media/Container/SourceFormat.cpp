@@ -1,0 +1,56 @@
+#include <algorithm>
+#include <array>
+#include <string_view>
+
+#include <fmt/format.h>
+
+#include <MediaServer/Media/Container/SourceFormat.h>
+#include <MediaServer/Media/Foundation/Failure.h>
+
+namespace krv::media {
+namespace {
+
+// Formats whose files name other files or addresses, and formats that turn any text into pictures.
+constexpr std::array<std::string_view, 14> kRefused{
+    "applehttp", "concat", "dash", "ffmetadata", "hls",    "imf",         "lavfi",
+    "rtp",       "rtsp",   "sap",  "sdp",        "vobsub", "vapoursynth", "webm_dash_manifest"};
+
+// Formats that take any text for pictures.
+constexpr std::string_view kTextAsPictures = "tty";
+
+bool refused(const AVInputFormat& format) {
+    if (format.flags & AVFMT_NOFILE)
+        return true;
+    std::string_view names = format.name;
+    while (!names.empty()) {
+        const auto comma = names.find(',');
+        if (std::find(kRefused.begin(), kRefused.end(), names.substr(0, comma)) != kRefused.end())
+            return true;
+        names = comma == std::string_view::npos ? std::string_view() : names.substr(comma + 1);
+    }
+    return false;
+}
+
+}  // namespace
+
+const AVInputFormat& probeFormat(AVIOContext& io, const std::string& path) {
+    const std::string extensionOnly = "movie" + path.substr(std::min(path.rfind('.'), path.size()));
+    const AVInputFormat* format = nullptr;
+    int result = av_probe_input_buffer2(&io, &format, extensionOnly.c_str(), nullptr, 0, 0);
+    if (result >= 0 && format && (format->flags & AVFMT_NOFILE)) {
+        // A still picture: by its name it would be taken for a numbered sequence, by its content it is one
+        // picture.
+        format = nullptr;
+        result = av_probe_input_buffer2(&io, &format, nullptr, nullptr, 0, 0);
+    }
+    if (result == AVERROR(ENOMEM))
+        throw std::bad_alloc();
+    if (result < 0 || !format || format->name == kTextAsPictures)
+        throw Failure(FailureCode::UnusableSource, "Its content is of no known media format.");
+    if (refused(*format))
+        throw Failure(FailureCode::UnusableSource,
+                      fmt::format("It is of the format “{}”, which refers to other files.", format->name));
+    return *format;
+}
+
+}  // namespace krv::media

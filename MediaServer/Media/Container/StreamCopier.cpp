@@ -1,0 +1,147 @@
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include <MediaServer/Media/Container/Metadata.h>
+#include <MediaServer/Media/Container/StreamCopier.h>
+#include <MediaServer/Media/Foundation/Failure.h>
+
+namespace krv::media {
+namespace {
+
+void copyParameters(const AVStream& from, AVStream& to) {
+    if (avcodec_parameters_copy(to.codecpar, from.codecpar) < 0)
+        throw std::bad_alloc();
+}
+
+// Keeps the source's tag where it means the same codec in the new container, else lets the muxer choose.
+std::uint32_t tagFor(const AVFormatContext& output, const Container& container, const AVCodecParameters& codec) {
+    const bool movFamily = container.indexInFront;
+    if (codec.codec_id == AV_CODEC_ID_HEVC && movFamily && codec.codec_tag != MKTAG('h', 'e', 'v', '1'))
+        return MKTAG('h', 'v', 'c', '1');  // the only one that all players of this family take
+    const AVCodecTag* const* tags = output.oformat->codec_tag;
+    if (!tags)
+        return 0;
+    if (av_codec_get_id(tags, codec.codec_tag) == codec.codec_id)
+        return codec.codec_tag;
+    return 0;
+}
+
+}  // namespace
+
+StreamCopier::StreamCopier(const AVStream& from)
+    : from_(from) {}
+
+void StreamCopier::open(OutputFile& output) {
+    output_ = &output;
+    to_ = &output.addStream();
+    copyParameters(from_, *to_);
+    to_->codecpar->codec_tag = tagFor(output.format(), output.container(), *from_.codecpar);
+    to_->time_base = from_.time_base;
+    to_->avg_frame_rate = from_.avg_frame_rate;
+    to_->r_frame_rate = from_.r_frame_rate;
+    to_->sample_aspect_ratio =
+        from_.sample_aspect_ratio.num > 0 ? from_.sample_aspect_ratio : from_.codecpar->sample_aspect_ratio;
+    to_->codecpar->sample_aspect_ratio = to_->sample_aspect_ratio;
+    copyAllSideData(from_, *to_);
+    copyTrackMetadata(from_, *to_, output.container());
+}
+
+void StreamCopier::push(const AVPacket& packet) {
+    const bool video = from_.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
+    if (!started_ && video && !(packet.flags & AV_PKT_FLAG_KEY))
+        return;  // nothing can be shown before the first key frame
+    // Sound before the beginning is left out where the container cannot hide it, but for the one packet that
+    // the decoder needs to get started.
+    const bool audio = from_.codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
+    if (audio && !started_ && (packet.flags & AV_PKT_FLAG_DISCARD) && !output_->container().edits) {
+        hidden_ = reference(packet);
+        return;
+    }
+    started_ = true;
+    if (hidden_)
+        write(*std::exchange(hidden_, nullptr));
+    write(packet);
+}
+
+void StreamCopier::write(const AVPacket& packet) {
+    if (av_packet_ref(packet_.get(), &packet) < 0)
+        throw std::bad_alloc();
+    makeTimesValid(*packet_);
+    output_->write(*to_, *packet_, to_->time_base);
+    av_packet_unref(packet_.get());
+}
+
+// Containers that store no decoding times leave the first ones open: pictures that are shown out of order are
+// decoded as many steps ahead as the codec says.
+std::int64_t StreamCopier::guessDts(const AVPacket& packet) const {
+    const AVRational rate = from_.avg_frame_rate;
+    const std::int64_t step = rate.num > 0 && rate.den > 0 ? av_rescale_q(1, av_inv_q(rate), from_.time_base)
+                                                           : std::max<std::int64_t>(packet.duration, 1);
+    if (lastDts_)
+        return av_rescale_q(*lastDts_, to_->time_base, from_.time_base) + step;
+    const std::int64_t first = packet.pts == AV_NOPTS_VALUE ? 0 : packet.pts;
+    const bool video = from_.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
+    return video ? first - from_.codecpar->video_delay * step : first;
+}
+
+// Muxers insist on decoding times that rise. Broken files have others, and rounding between units makes some.
+void StreamCopier::makeTimesValid(AVPacket& packet) {
+    const AVCodecParameters& codec = *from_.codecpar;
+    if (packet.dts == AV_NOPTS_VALUE)
+        packet.dts = guessDts(packet);
+    if (codec.codec_type == AVMEDIA_TYPE_AUDIO && codec.sample_rate > 0 && packet.dts != AV_NOPTS_VALUE) {
+        // Times in milliseconds are too coarse for samples: the length of the packet says where the next one
+        // starts.
+        const std::int64_t samples = std::max(0, av_get_audio_frame_duration2(from_.codecpar, packet.size));
+        packet.dts = av_rescale_delta(from_.time_base, packet.dts, AVRational{1, codec.sample_rate},
+                                      static_cast<int>(samples), &rounding_, to_->time_base);
+        packet.pts = packet.dts;
+        packet.duration = av_rescale_q(packet.duration, from_.time_base, to_->time_base);
+    } else {
+        av_packet_rescale_ts(&packet, from_.time_base, to_->time_base);
+    }
+    const bool subtitle = codec.codec_type == AVMEDIA_TYPE_SUBTITLE;  // these may start at the same time
+    if (lastDts_ && packet.dts <= *lastDts_ && !(subtitle && packet.dts == *lastDts_))
+        packet.dts = *lastDts_ + 1;
+    packet.pts = packet.pts == AV_NOPTS_VALUE ? packet.dts : std::max(packet.pts, packet.dts);
+    lastDts_ = packet.dts;
+}
+
+CoverCopier::CoverCopier(const AVStream& from)
+    : from_(from) {}
+
+void CoverCopier::open(OutputFile& output) {
+    output_ = &output;
+    to_ = &output.addStream();
+    copyParameters(from_, *to_);
+    to_->codecpar->codec_tag = 0;
+    to_->time_base = from_.time_base;
+    copyTrackMetadata(from_, *to_, output.container());
+    to_->disposition = AV_DISPOSITION_ATTACHED_PIC;
+    if (output.container().cover != CoverArt::Attachment)
+        return;
+    const AVPacket& picture = from_.attached_pic;
+    const auto size = static_cast<std::size_t>(picture.size);
+    const bool png = from_.codecpar->codec_id == AV_CODEC_ID_PNG;
+    AVCodecParameters& codec = *to_->codecpar;
+    to_->disposition = 0;
+    codec.codec_type = AVMEDIA_TYPE_ATTACHMENT;
+    av_freep(&codec.extradata);
+    codec.extradata = static_cast<std::uint8_t*>(notNull(av_mallocz(size + AV_INPUT_BUFFER_PADDING_SIZE)));
+    codec.extradata_size = picture.size;
+    std::memcpy(codec.extradata, picture.data, size);
+    av_dict_set(&to_->metadata, "filename", png ? "cover.png" : "cover.jpg", 0);
+    av_dict_set(&to_->metadata, "mimetype", png ? "image/png" : "image/jpeg", 0);
+}
+
+void CoverCopier::finish() {
+    if (output_->container().cover != CoverArt::Stream)
+        return;
+    const PacketPtr packet = reference(from_.attached_pic);
+    packet->pts = packet->dts = 0;
+    packet->duration = 0;
+    output_->write(*to_, *packet, to_->time_base);
+}
+
+}  // namespace krv::media

@@ -1,0 +1,50 @@
+#include <MediaServer/Media/Container/StreamSelection.h>
+
+namespace krv::media {
+namespace {
+
+bool known(const AVStream& stream) {
+    const AVCodecParameters& parameters = *stream.codecpar;
+    switch (parameters.codec_type) {
+    case AVMEDIA_TYPE_VIDEO:
+        return parameters.codec_id != AV_CODEC_ID_NONE && parameters.width > 0 && parameters.height > 0;
+    case AVMEDIA_TYPE_AUDIO:
+        return parameters.codec_id != AV_CODEC_ID_NONE && parameters.sample_rate > 0 &&
+               parameters.ch_layout.nb_channels > 0;
+    default:
+        return parameters.codec_id != AV_CODEC_ID_NONE;
+    }
+}
+
+}  // namespace
+
+std::vector<std::size_t> usableStreams(const Source& source, AVMediaType kind) {
+    std::vector<std::size_t> found;
+    for (std::size_t i = 0; i < source.streamCount(); ++i) {
+        const AVStream& stream = source.stream(i);
+        if (stream.codecpar->codec_type == kind && !isCover(stream) && known(stream))
+            found.push_back(i);
+    }
+    return found;
+}
+
+std::optional<std::size_t> defaultOrFirst(const Source& source, const std::vector<std::size_t>& indices) {
+    for (const std::size_t index : indices)
+        if ((source.stream(index).disposition & AV_DISPOSITION_DEFAULT) != 0)
+            return index;
+    return indices.empty() ? std::nullopt : std::optional(indices.front());
+}
+
+double Source::bytePosition() const noexcept {
+    return size_ > 0 ? std::min(static_cast<double>(bytesRead_) / static_cast<double>(size_), 1.0) : 0;
+}
+
+double Source::position() const noexcept {
+    if (duration_ > 0)
+        return static_cast<double>(reached_ - start_) / static_cast<double>(duration_);
+    if (size_ > 0)
+        return static_cast<double>(avio_tell(io_.context())) / static_cast<double>(size_);
+    return 0;
+}
+
+}  // namespace krv::media

@@ -1,0 +1,49 @@
+#include <algorithm>
+
+#include <MediaServer/Media/Foundation/Progress.h>
+
+namespace krv::media {
+namespace {
+
+// 1 is reserved for finish().
+constexpr double kAlmostDone = 1 - 1e-6;
+
+}  // namespace
+
+Progress::Progress(ProgressSink& sink, Clock clock)
+    : sink_(sink)
+    , clock_(std::move(clock))
+    , reportedAt_(clock_()) {}
+
+void Progress::beginPhase(double endsAt) noexcept {
+    phaseStart_ = std::max(reached_, phaseStart_);
+    phaseEnd_ = std::max(endsAt, phaseStart_);
+    alive();
+}
+
+void Progress::reach(double fractionOfPhase) noexcept {
+    if (fractionOfPhase > 0)
+        reached_ = std::max(reached_, phaseStart_ + std::min(fractionOfPhase, 1.0) * (phaseEnd_ - phaseStart_));
+    alive();
+}
+
+void Progress::alive() noexcept {
+    const auto now = clock_();
+    const auto waited = now - reportedAt_;
+    if (reached_ < reported_ + kVisibleChange && waited < kSignOfLife)
+        return;
+    const double creep = kCreepPerSecond * std::chrono::duration<double>(waited).count();
+    report(std::min(std::max(reached_, reported_ + creep), kAlmostDone));
+    reportedAt_ = now;
+}
+
+void Progress::finish() noexcept {
+    report(1);
+}
+
+void Progress::report(double value) noexcept {
+    reported_ = std::max(reported_, value);
+    sink_.progress(reported_);
+}
+
+}  // namespace krv::media

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <MediaServer/Media/Container/StreamCopier.h>
+#include <MediaServer/Media/Merge/MergeLane.h>
+
+namespace krv::media {
+
+/// Packets that are joined as they are.
+class MergeCopyLane : public MergeLane {
+public:
+    /// model: the stream that describes all; lives as long as this.
+    explicit MergeCopyLane(const AVStream& model);
+
+    void open(OutputFile& output) override { copier_.open(output); }
+    void begin(const MergePart& part) override { part_ = part; }
+    void push(const AVPacket& packet) override;
+    void hold(std::int64_t) override {}
+    void end() override {}
+    void finish() override;
+
+private:
+    void pushPicture(PacketPtr packet);
+    void pushSound(PacketPtr packet);
+    [[nodiscard]] std::int64_t samplesOf(const AVPacket& packet) const;
+
+    const AVStream& model_;
+    StreamCopier copier_;
+    MergePart part_{};
+    PacketPtr waiting_;            // the latest picture: if nothing follows it, it lasts to the end
+    std::int64_t shownUntil_ = 0;  // in units of the model
+    bool heard_ = false;
+    std::int64_t samples_ = 0;  // where the next sound would follow without a pause
+};
+
+}  // namespace krv::media

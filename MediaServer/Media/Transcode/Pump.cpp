@@ -1,0 +1,104 @@
+#include <algorithm>
+
+#include <MediaServer/Media/Container/Metadata.h>
+#include <MediaServer/Media/Container/StreamCopier.h>
+#include <MediaServer/Media/Foundation/Failure.h>
+#include <MediaServer/Media/Transcode/Pump.h>
+#include <MediaServer/Media/Transcode/SubtitleConverter.h>
+
+namespace krv::media {
+namespace {
+
+// How many packets may be kept back, in bytes, while a stream still has to show its first picture.
+constexpr std::int64_t kMostQueuedBytes = std::int64_t{64} << 20;
+
+// Where the phases end. Moving the index to the front reads and writes everything once more, which counts
+// where the streams were only copied.
+constexpr double kCopied = 0.6;
+constexpr double kEncoded = 0.98;
+
+}  // namespace
+
+Pump::Pump(Source& source, OutputFile& output, Progress& progress)
+    : source_(source)
+    , output_(output)
+    , progress_(progress)
+    , byIndex_(source.streamCount(), nullptr) {}
+
+void Pump::add(std::unique_ptr<Track> track, const std::vector<std::size_t>& indices) {
+    for (const std::size_t index : indices) {
+        byIndex_.at(index) = track.get();
+        read_.push_back(index);
+    }
+    tracks_.push_back(std::move(track));
+}
+
+void Pump::addCopy(const StreamPlan& plan) {
+    const AVStream& from = source_.stream(plan.index);
+    if (plan.treatment == StreamPlan::Treatment::Cover)
+        return add(std::make_unique<CoverCopier>(from), {});
+    if (plan.treatment == StreamPlan::Treatment::ConvertSubtitles)
+        return add(std::make_unique<SubtitleConverter>(from), {plan.index});
+    add(std::make_unique<StreamCopier>(from), {plan.index});
+}
+
+void Pump::run(bool encodes) {
+    source_.select(read_);
+    progress_.beginPhase(encodes || !output_.container().indexInFront ? kEncoded : kCopied);
+    const auto queued = prime();
+    copyMovieMetadata(source_, output_);
+    for (const auto& track : tracks_)
+        track->open(output_);
+    output_.writeHeader();
+    convert(queued, encodes);
+    if (output_.packetCount() == 0)
+        fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "Nothing in it can be decoded");
+    progress_.beginPhase(1);
+    output_.finish();
+    progress_.finish();
+}
+
+// Reads until every track knows what it will write. Packets of tracks that know already are kept for later.
+std::deque<PacketPtr> Pump::prime() {
+    std::deque<PacketPtr> queued;
+    std::int64_t bytes = 0;
+    const auto waiting = [this] {
+        return std::any_of(tracks_.begin(), tracks_.end(), [](const auto& track) { return !track->ready(); });
+    };
+    while (waiting() && bytes < kMostQueuedBytes) {
+        PacketPtr packet = newPacket();
+        if (!source_.read(*packet))
+            break;
+        Track& track = *byIndex_[static_cast<std::size_t>(packet->stream_index)];
+        if (!track.ready()) {
+            track.push(*packet);
+            continue;
+        }
+        bytes += packet->size;
+        queued.push_back(std::move(packet));
+    }
+    return queued;
+}
+
+void Pump::convert(const std::deque<PacketPtr>& queued, bool encodes) {
+    for (const PacketPtr& packet : queued)
+        push(*packet);
+    const PacketPtr packet = newPacket();
+    while (source_.read(*packet)) {
+        push(*packet);
+        // Encoding takes as long as the movie has pictures, copying as long as it has bytes.
+        progress_.reach(encodes ? source_.position() : source_.bytePosition());
+    }
+    for (const auto& track : tracks_) {
+        track->finish();
+        progress_.alive();
+    }
+    progress_.reach(1);
+}
+
+void Pump::push(const AVPacket& packet) {
+    byIndex_[static_cast<std::size_t>(packet.stream_index)]->push(packet);
+    progress_.alive();
+}
+
+}  // namespace krv::media

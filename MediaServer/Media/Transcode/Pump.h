@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <memory>
+#include <vector>
+
+#include <MediaServer/Media/Container/OutputFile.h>
+#include <MediaServer/Media/Container/Source.h>
+#include <MediaServer/Media/Container/Track.h>
+#include <MediaServer/Media/Foundation/Progress.h>
+#include <MediaServer/Media/Transcode/StreamPlan.h>
+
+namespace krv::media {
+
+/// Moves the packets of one movie through tracks into the output, from the first packet to the finished file.
+/// One thread.
+class Pump {
+public:
+    Pump(Source& source, OutputFile& output, Progress& progress);
+
+    /// Streams of the output stand in the order in which tracks are added. Each track gets the packets of the
+    /// streams with these indices.
+    void add(std::unique_ptr<Track> track, const std::vector<std::size_t>& indices);
+    /// Adds the track for a plan that is not to encode.
+    void addCopy(const StreamPlan& plan);
+
+    /// encodes: whether there is work that takes longer than reading and writing. Progress is complete when
+    /// this returns. Throws Failure.
+    void run(bool encodes);
+
+private:
+    [[nodiscard]] std::deque<PacketPtr> prime();
+    void convert(const std::deque<PacketPtr>& queued, bool encodes);
+    void push(const AVPacket& packet);
+
+    Source& source_;
+    OutputFile& output_;
+    Progress& progress_;
+    std::vector<std::unique_ptr<Track>> tracks_;
+    std::vector<Track*> byIndex_;  // by index of the source's stream; null: not read
+    std::vector<std::size_t> read_;
+};
+
+}  // namespace krv::media

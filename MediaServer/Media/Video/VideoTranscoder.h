@@ -1,0 +1,51 @@
+#pragma once
+
+#include <deque>
+#include <memory>
+#include <optional>
+
+#include <MediaServer/Media/Codec/Decoder.h>
+#include <MediaServer/Media/Codec/EncoderSession.h>
+#include <MediaServer/Media/Container/Source.h>
+#include <MediaServer/Media/Container/Track.h>
+#include <MediaServer/Media/Video/FrameTimer.h>
+#include <MediaServer/Media/Video/VideoFilter.h>
+
+namespace krv::media {
+
+/// Decodes a video stream and encodes it anew.
+class VideoTranscoder : public Track {
+public:
+    struct Request {
+        const Codec& codec;
+        float quality;
+        float fps;  ///< 0: the source's own timing
+        const Settings& settings;
+    };
+
+    VideoTranscoder(const Source& source, const AVStream& from, const Request& request);
+
+    [[nodiscard]] bool ready() const override { return !early_.empty(); }
+    void push(const AVPacket& packet) override;
+    void open(OutputFile& output) override;
+    void finish() override;
+
+private:
+    void prepare(AVCodecContext& context, const PictureFormat& format, const AVFrame& first) const;
+    [[nodiscard]] AVRational timeBase(bool coarse) const;
+    void convert(FramePtr frame);
+    void encode(FramePtr frame);
+
+    const Source& source_;
+    const AVStream& from_;
+    const Request request_;
+    AVRational rate_;  // of the output: constant if fps was asked for, else the source's, as a hint
+    Decoder decoder_;
+    std::deque<FramePtr> early_;  // decoded before the output was open
+    PictureFormat format_;
+    std::optional<VideoFilter> filter_;
+    std::optional<FrameTimer> timer_;
+    std::optional<EncoderSession> encoder_;
+};
+
+}  // namespace krv::media

@@ -1,0 +1,78 @@
+#include <limits>
+
+#include <unistd.h>
+
+#include <MediaServer/Operations/ClientRegistry.h>
+
+namespace krv::server {
+
+std::optional<ClientKey> ClientRegistry::identify(std::int64_t pid) const {
+    if (pid <= 0 || pid > std::numeric_limits<pid_t>::max()) {
+        return std::nullopt;
+    }
+    const auto process = processes_.process(static_cast<pid_t>(pid));
+    if (!process || process->user != ::getuid()) {
+        return std::nullopt;
+    }
+    return ClientKey{process->pid, process->startTime};
+}
+
+void ClientRegistry::setRegistered(const ClientKey& client, bool registered) {
+    const LockGuard lock(mutex_);
+    clients_[client] = registered;
+}
+
+bool ClientRegistry::isRegistered(const ClientKey& client) const {
+    const LockGuard lock(mutex_);
+    const auto place = clients_.find(client);
+    return place != clients_.end() && place->second;
+}
+
+void ClientRegistry::note(const ClientKey& client) {
+    const LockGuard lock(mutex_);
+    clients_.try_emplace(client, false);
+}
+
+void ClientRegistry::forgetUnlessRegistered(const ClientKey& client) {
+    const LockGuard lock(mutex_);
+    if (const auto place = clients_.find(client); place != clients_.end() && !place->second) {
+        clients_.erase(place);
+    }
+}
+
+std::vector<ClientKey> ClientRegistry::removeDead() {
+    std::vector<ClientKey> all;
+    {
+        const LockGuard lock(mutex_);
+        for (const auto& [client, registered] : clients_) {
+            all.push_back(client);
+        }
+    }
+    std::erase_if(all, [this](const ClientKey& client) {
+        const auto process = processes_.process(client.pid);
+        return process && process->startTime == client.startTime;
+    });
+    const LockGuard lock(mutex_);
+    for (const ClientKey& dead : all) {
+        clients_.erase(dead);
+    }
+    return all;
+}
+
+std::vector<pid_t> ClientRegistry::registeredPids() const {
+    const LockGuard lock(mutex_);
+    std::vector<pid_t> pids;
+    for (const auto& [client, registered] : clients_) {
+        if (registered) {
+            pids.push_back(client.pid);
+        }
+    }
+    return pids;
+}
+
+bool ClientRegistry::empty() const {
+    const LockGuard lock(mutex_);
+    return clients_.empty();
+}
+
+}  // namespace krv::server

@@ -1,0 +1,126 @@
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <MediaServer/Protocol/WorkerChannel.h>
+
+namespace krv::server {
+namespace {
+
+constexpr std::uint32_t kLongestMessage = std::uint32_t{64} << 20;
+/// More than any operation hands over.
+constexpr std::size_t kMostFiles = 1024;
+/// As many as the kernel lets through in one message.
+constexpr std::size_t kMostFilesAtOnce = 250;
+
+}  // namespace
+
+bool WorkerChannel::send(const KRVOperationBase& record, const std::vector<int>& files) {
+    const Data body = record.convertToData();
+    if (body.size() > kLongestMessage || files.size() > kMostFiles) {
+        return false;
+    }
+    const auto size = static_cast<std::uint32_t>(body.size());
+    std::vector<std::byte> bytes(sizeof size + body.size());
+    for (std::size_t i = 0; i < sizeof size; ++i) {
+        bytes[i] = static_cast<std::byte>(size >> (8 * i));
+    }
+    std::copy(body.begin(), body.end(), bytes.begin() + sizeof size);
+
+    std::array<char, CMSG_SPACE(sizeof(int) * kMostFilesAtOnce)> control{};
+    std::size_t filesSent = 0;
+    for (std::size_t sent = 0; sent < bytes.size();) {
+        const std::size_t now = std::min(files.size() - filesSent, kMostFilesAtOnce);
+        const bool moreAfter = filesSent + now < files.size();
+        // Each lot of files goes with a byte of its own, the last one with all that is left.
+        iovec part{bytes.data() + sent, moreAfter ? 1 : bytes.size() - sent};
+        msghdr message{};
+        message.msg_iov = &part;
+        message.msg_iovlen = 1;
+        if (now > 0) {
+            message.msg_control = control.data();
+            message.msg_controllen = CMSG_SPACE(sizeof(int) * now);
+            cmsghdr* const header = CMSG_FIRSTHDR(&message);
+            header->cmsg_level = SOL_SOCKET;
+            header->cmsg_type = SCM_RIGHTS;
+            header->cmsg_len = CMSG_LEN(sizeof(int) * now);
+            std::memcpy(CMSG_DATA(header), files.data() + filesSent, sizeof(int) * now);
+        }
+        const ssize_t count = ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL);
+        if (count < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return false;
+        }
+        filesSent += now;
+        sent += static_cast<std::size_t>(count);
+    }
+    return true;
+}
+
+bool WorkerChannel::receiveBytes(void* bytes, std::size_t size, std::vector<Descriptor>& files) {
+    auto* p = static_cast<std::byte*>(bytes);
+    while (size > 0) {
+        std::array<char, CMSG_SPACE(sizeof(int) * kMostFilesAtOnce)> control{};
+        iovec part{p, size};
+        msghdr message{};
+        message.msg_iov = &part;
+        message.msg_iovlen = 1;
+        message.msg_control = control.data();
+        message.msg_controllen = control.size();
+        const ssize_t count = ::recvmsg(socket_.get(), &message, MSG_CMSG_CLOEXEC);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            return false;
+        }
+        for (cmsghdr* header = CMSG_FIRSTHDR(&message); header; header = CMSG_NXTHDR(&message, header)) {
+            if (header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS) {
+                const std::size_t received = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+                for (std::size_t i = 0; i < received; ++i) {
+                    int fd = -1;
+                    std::memcpy(&fd, CMSG_DATA(header) + i * sizeof(int), sizeof fd);
+                    files.emplace_back(fd);
+                }
+            }
+        }
+        p += count;
+        size -= static_cast<std::size_t>(count);
+    }
+    return true;
+}
+
+std::optional<WorkerChannel::Message> WorkerChannel::receive() {
+    Message message;
+    std::array<unsigned char, 4> head{};
+    if (!receiveBytes(head.data(), head.size(), message.files)) {
+        return std::nullopt;
+    }
+    std::uint32_t size = 0;
+    for (std::size_t i = 0; i < head.size(); ++i) {
+        size |= static_cast<std::uint32_t>(head[i]) << (8 * i);
+    }
+    if (size > kLongestMessage) {
+        return std::nullopt;
+    }
+    // Grown as the bytes come: the length alone reserves nothing.
+    constexpr std::size_t kStep = std::size_t{1} << 20;
+    Data body;
+    while (body.size() < size) {
+        const std::size_t before = body.size();
+        body.resize(std::min<std::size_t>(size, before + kStep));
+        if (!receiveBytes(body.data() + before, body.size() - before, message.files)) {
+            return std::nullopt;
+        }
+    }
+    message.record = KRVOperationBase::operationFromData(std::make_shared<const Data>(std::move(body)));
+    return message.record ? std::optional(std::move(message)) : std::nullopt;
+}
+
+}  // namespace krv::server

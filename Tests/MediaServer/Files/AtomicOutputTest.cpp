@@ -1,0 +1,188 @@
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "TemporaryFolder.h"
+#include <MediaServer/Files/AtomicOutput.h>
+
+namespace krv::server {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string contents(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+class Output : public testing::Test {
+protected:
+    Output() {
+        fs::create_directory(folder.path() / "out");
+        ::setenv("XDG_STATE_HOME", (folder.path() / "state").c_str(), 1);
+    }
+    std::unique_ptr<AtomicOutput> open(const fs::path& path) { return AtomicOutput::open(path.string(), error); }
+    static void write(const AtomicOutput& output, const std::string& text) {
+        ASSERT_EQ(::write(output.descriptor(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    }
+    std::size_t filesInFolder() const {
+        return static_cast<std::size_t>(std::distance(fs::directory_iterator(folder.path() / "out"), {}));
+    }
+    std::size_t notes() const {
+        std::error_code failure;
+        const auto place = folder.path() / "state/KRVQuicktimeProcess/unfinished";
+        return static_cast<std::size_t>(std::distance(fs::directory_iterator(place, failure), {}));
+    }
+
+    test::TemporaryFolder folder;
+    const fs::path destination = folder.path() / "out/movie.mp4";
+    std::shared_ptr<const Error> error;
+};
+
+TEST_F(Output, AppearsUnderItsNameOnlyWhenItIsCommitted) {
+    const auto output = open(destination);
+    ASSERT_TRUE(output);
+    write(*output, "movie");
+    EXPECT_EQ(filesInFolder(), 0U);
+    EXPECT_EQ(output->commit(), nullptr);
+    EXPECT_EQ(contents(destination), "movie");
+    EXPECT_EQ(filesInFolder(), 1U);
+    EXPECT_EQ(notes(), 0U);
+}
+
+TEST_F(Output, LeavesNothingWhenItIsDropped) {
+    std::ofstream(destination) << "old";
+    { write(*open(destination), "half"); }
+    EXPECT_EQ(contents(destination), "old");
+    EXPECT_EQ(filesInFolder(), 1U);
+}
+
+TEST_F(Output, ReplacesWhatIsThereAndKeepsItsMode) {
+    std::ofstream(destination) << "old";
+    ::chmod(destination.c_str(), 0640);
+    const auto output = open(destination);
+    write(*output, "new");
+    EXPECT_EQ(contents(destination), "old");
+    EXPECT_EQ(output->commit(), nullptr);
+    EXPECT_EQ(contents(destination), "new");
+    struct stat status {};
+    ASSERT_EQ(::stat(destination.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0640U);
+    EXPECT_EQ(filesInFolder(), 1U);
+    EXPECT_EQ(notes(), 0U);
+}
+
+TEST_F(Output, ReplacesWhatHasAppearedMeanwhile) {
+    const auto output = open(destination);
+    write(*output, "new");
+    std::ofstream(destination) << "meanwhile";
+    EXPECT_EQ(output->commit(), nullptr);
+    EXPECT_EQ(contents(destination), "new");
+}
+
+TEST_F(Output, FollowsALinkThatStaysALink) {
+    const auto target = folder.path() / "out/target.mp4";
+    std::ofstream(target) << "old";
+    fs::create_symlink(target, destination);
+    const auto output = open(destination);
+    write(*output, "new");
+    EXPECT_EQ(output->commit(), nullptr);
+    EXPECT_TRUE(fs::is_symlink(destination));
+    EXPECT_EQ(contents(target), "new");
+}
+
+TEST_F(Output, CannotBeOpenedWithoutItsFolder) {
+    EXPECT_FALSE(open(folder.path() / "missing/movie.mp4"));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code(), 5);
+    EXPECT_NE(error->localizedDescription().find("missing/movie.mp4"), std::string::npos);
+    EXPECT_EQ(error->localizedFailureReason(), "No such file or directory");
+    EXPECT_EQ((*error->userInfo())["KRVFilePath"], Value((folder.path() / "missing/movie.mp4").string()));
+}
+
+TEST_F(Output, CannotBeAFolderOrLieInAFile) {
+    EXPECT_FALSE(open(folder.path() / "out"));
+    EXPECT_EQ(error->code(), 5);
+    std::ofstream(destination) << "file";
+    EXPECT_FALSE(open(destination / "movie.mp4"));
+    EXPECT_EQ(error->code(), 5);
+}
+
+TEST_F(Output, ACommitThatFailsLeavesNothing) {
+    const auto output = open(destination);
+    write(*output, "new");
+    fs::create_directory(destination);
+    const auto failure = output->commit();
+    ASSERT_TRUE(failure);
+    EXPECT_EQ(failure->code(), 5);
+    fs::remove(destination);
+    EXPECT_EQ(notes(), 1U);  // gone with the object
+}
+
+TEST_F(Output, ThatIsPlacedAndNotKeptIsTakenBack) {
+    {
+        const auto output = open(destination);
+        write(*output, "new");
+        EXPECT_EQ(output->place(), nullptr);
+        EXPECT_EQ(contents(destination), "new");
+    }
+    EXPECT_EQ(filesInFolder(), 0U);
+    std::ofstream(destination) << "old";
+    {
+        const auto output = open(destination);
+        write(*output, "new");
+        EXPECT_EQ(output->place(), nullptr);
+        EXPECT_EQ(contents(destination), "new");
+    }
+    EXPECT_EQ(contents(destination), "old");
+    EXPECT_EQ(filesInFolder(), 1U);
+    EXPECT_EQ(notes(), 0U);
+}
+
+TEST_F(Output, ThatIsPlacedAndKeptStays) {
+    std::ofstream(destination) << "old";
+    {
+        const auto output = open(destination);
+        write(*output, "new");
+        EXPECT_EQ(output->place(), nullptr);
+        output->keep();
+    }
+    EXPECT_EQ(contents(destination), "new");
+    EXPECT_EQ(filesInFolder(), 1U);
+    EXPECT_EQ(notes(), 0U);
+}
+
+TEST_F(Output, IsNotTakenBackFromWhoReplacedItMeanwhile) {
+    {
+        const auto output = open(destination);
+        write(*output, "new");
+        EXPECT_EQ(output->place(), nullptr);
+        fs::remove(destination);
+        std::ofstream(destination) << "somebody else's";
+    }
+    EXPECT_EQ(contents(destination), "somebody else's");
+}
+
+TEST_F(Output, SweepsWhatAnAbruptEndHasLeft) {
+    const auto hidden = folder.path() / "out/.krv-0123.part";
+    const auto precious = folder.path() / "out/precious.mp4";
+    std::ofstream(hidden) << "half";
+    std::ofstream(precious) << "whole";
+    const auto place = folder.path() / "state/KRVQuicktimeProcess/unfinished";
+    fs::create_directories(place);
+    std::ofstream(place / "a") << hidden.string();
+    std::ofstream(place / "b") << precious.string();
+    std::ofstream(place / "c") << "";
+    AtomicOutput::sweep();
+    EXPECT_FALSE(fs::exists(hidden));
+    EXPECT_TRUE(fs::exists(precious));
+    EXPECT_EQ(notes(), 0U);
+}
+
+}  // namespace
+}  // namespace krv::server

@@ -1,0 +1,67 @@
+#include <cerrno>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "TemporaryFolder.h"
+#include <MediaServer/Files/GradualFlush.h>
+#include <MediaServer/Protocol/WorkerChannel.h>
+
+namespace krv::server {
+namespace {
+
+class Flush : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(file);
+        ASSERT_EQ(::ftruncate(file.get(), 20 << 20), 0);
+    }
+    test::TemporaryFolder folder;
+    Descriptor file{::open(folder.write("file", "text").c_str(), O_RDWR | O_CLOEXEC)};
+    int signs = 0;
+};
+
+TEST_F(Flush, GivesASignOfLifeForEachPart) {
+    EXPECT_EQ(flushGradually(file.get(),
+                             [this] {
+                                 ++signs;
+                                 return true;
+                             }),
+              0);
+    EXPECT_EQ(signs, 3);
+}
+
+TEST_F(Flush, StopsWhenItIsTold) {
+    EXPECT_EQ(flushGradually(file.get(),
+                             [this] {
+                                 ++signs;
+                                 return false;
+                             }),
+              0);
+    EXPECT_EQ(signs, 1);
+}
+
+TEST_F(Flush, AnEmptyFileIsDoneAtOnce) {
+    ASSERT_EQ(::ftruncate(file.get(), 0), 0);
+    EXPECT_EQ(flushGradually(file.get(),
+                             [this] {
+                                 ++signs;
+                                 return true;
+                             }),
+              0);
+    EXPECT_EQ(signs, 0);
+}
+
+TEST_F(Flush, SaysWhyItFailed) {
+    EXPECT_EQ(flushGradually(-1, [] { return true; }), EBADF);
+}
+
+TEST_F(Flush, WhatCannotBeWrittenInPartsIsNoFailure) {
+    const Descriptor device(::open("/dev/null", O_RDWR | O_CLOEXEC));
+    EXPECT_EQ(flushGradually(device.get(), [] { return true; }), 0);
+}
+
+}  // namespace
+}  // namespace krv::server

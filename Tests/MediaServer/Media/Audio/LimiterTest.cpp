@@ -1,0 +1,132 @@
+#include <cmath>
+#include <limits>
+#include <random>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+#include <MediaServer/Media/Audio/Limiter.h>
+
+namespace krv::media {
+namespace {
+
+constexpr int kRate = 48000;
+constexpr float kCeiling = 0.5F;
+
+// What comes out for sound that goes in in pieces of that many samples.
+struct Stereo {
+    std::vector<float> left, right;
+};
+
+Stereo limited(const std::vector<float>& left, const std::vector<float>& right, std::size_t piece = 1000) {
+    Limiter limiter(kRate, kCeiling);
+    Stereo out;
+    const auto sink = [&](std::span<const float> l, std::span<const float> r) {
+        out.left.insert(out.left.end(), l.begin(), l.end());
+        out.right.insert(out.right.end(), r.begin(), r.end());
+    };
+    for (std::size_t i = 0; i < left.size(); i += piece) {
+        const std::size_t count = std::min(piece, left.size() - i);
+        limiter.push(std::span(left).subspan(i, count), std::span(right).subspan(i, count), sink);
+    }
+    limiter.finish(sink);
+    return out;
+}
+
+std::vector<float> tone(std::size_t samples, float amplitude) {
+    std::vector<float> sound(samples);
+    for (std::size_t i = 0; i < samples; ++i)
+        sound[i] = amplitude * static_cast<float>(std::sin(static_cast<double>(i) * 0.05));
+    return sound;
+}
+
+float peak(const std::vector<float>& sound) {
+    float highest = 0;
+    for (const float sample : sound)
+        highest = std::max(highest, std::abs(sample));
+    return highest;
+}
+
+TEST(Limiter, LeavesQuietSoundExactlyAsItIs) {
+    const auto sound = tone(5000, 0.4999F);
+    const auto out = limited(sound, sound);
+    EXPECT_EQ(out.left, sound);
+    EXPECT_EQ(out.right, sound);
+}
+
+TEST(Limiter, GivesOutAsManySamplesAsGoInHoweverFew) {
+    for (const std::size_t samples : {0U, 1U, 239U, 240U, 241U, 5000U})
+        EXPECT_EQ(limited(tone(samples, 1), tone(samples, 1)).left.size(), samples);
+}
+
+TEST(Limiter, LetsNothingPassTheCeiling) {
+    std::mt19937 random(1);  // NOLINT(cert-msc51-cpp): the same every time
+    std::uniform_real_distribution<float> any(-4, 4);
+    std::vector<float> left(50'000), right(50'000);
+    for (std::size_t i = 0; i < left.size(); ++i) {
+        left[i] = any(random);
+        right[i] = i % 977 == 0 ? 100 * any(random) : 0;
+    }
+    const auto out = limited(left, right);
+    EXPECT_LE(peak(out.left), kCeiling);
+    EXPECT_LE(peak(out.right), kCeiling);
+}
+
+TEST(Limiter, BringsPeaksToTheCeilingAndNotBelow) {
+    const auto out = limited(tone(48'000, 2), tone(48'000, 2));
+    EXPECT_NEAR(peak(out.left), kCeiling, 0.01);
+}
+
+TEST(Limiter, KeepsEveryImpulseInItsPlace) {
+    std::vector<float> sound(10'000);
+    sound[0] = 0.3F;
+    sound[4000] = 3;
+    sound[9999] = -3;
+    const auto out = limited(sound, std::vector<float>(sound.size()));
+    EXPECT_GT(out.left[0], 0.29F);
+    EXPECT_GT(out.left[4000], 0.49F);
+    EXPECT_LT(out.left[9999], -0.49F);
+    EXPECT_EQ(std::count_if(out.left.begin(), out.left.end(), [](float s) { return s != 0; }), 3);
+}
+
+TEST(Limiter, LowersBothChannelsTogether) {
+    const auto out = limited(std::vector<float>(5000, 2), std::vector<float>(5000, 0.2F));
+    EXPECT_NEAR(out.right[2500], 0.05, 0.001);
+}
+
+TEST(Limiter, RecoversCompletelyAfterALoudPassage) {
+    auto sound = tone(10'000, 2);
+    const auto quiet = tone(100'000, 0.1F);
+    sound.insert(sound.end(), quiet.begin(), quiet.end());
+    const auto out = limited(sound, sound);
+    // Half a second after the loud part nothing is different any more.
+    for (std::size_t i = 10'000 + kRate / 2 + kRate / 10; i < sound.size(); ++i)
+        ASSERT_EQ(out.left[i], sound[i]) << i;
+}
+
+TEST(Limiter, NeverJumpsInGain) {
+    std::vector<float> sound(20'000, 0.5F);
+    std::fill(sound.begin() + 10'000, sound.begin() + 10'100, 5.0F);
+    const auto out = limited(sound, sound);
+    for (std::size_t i = 1; i < sound.size(); ++i)
+        ASSERT_LT(std::abs(out.left[i] / sound[i] - out.left[i - 1] / sound[i - 1]), 0.01) << i;
+}
+
+TEST(Limiter, DoesNotDependOnThePiecesThatItGets) {
+    const auto sound = tone(5000, 2);
+    EXPECT_EQ(limited(sound, sound, 1).left, limited(sound, sound, 5000).left);
+}
+
+TEST(Limiter, TakesWhatIsNoNumberForSilence) {
+    std::vector<float> sound(1000, 0.25F);
+    sound[500] = std::numeric_limits<float>::quiet_NaN();
+    sound[600] = std::numeric_limits<float>::infinity();
+    const auto out = limited(sound, sound);
+    EXPECT_EQ(out.left[499], 0.25F);
+    EXPECT_EQ(out.left[500], 0);
+    EXPECT_EQ(out.left[600], 0);
+    EXPECT_EQ(out.left[601], 0.25F);
+}
+
+}  // namespace
+}  // namespace krv::media

@@ -1,0 +1,105 @@
+#include <cstring>
+#include <string>
+
+#include <gmock/gmock.h>
+
+#include <MediaServer/Media/Container/EditList.h>
+
+namespace krv::media {
+namespace {
+
+std::string number(std::uint64_t value, int bytes) {
+    std::string text;
+    for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8)
+        text += static_cast<char>(value >> shift & 0xff);
+    return text;
+}
+
+std::string box(const std::string& type, const std::string& contents) {
+    return number(contents.size() + 8, 4) + type + contents;
+}
+
+std::string header(const std::string& type, std::uint32_t field) {
+    return box(type, number(0, 12) + number(field, 4) + number(0, 60));
+}
+
+std::string edits(const std::vector<std::uint32_t>& lengths) {
+    std::string list = number(0, 4) + number(lengths.size(), 4);
+    for (const std::uint32_t length : lengths)
+        list += number(length, 4) + number(0, 4) + number(0x10000, 4);
+    return box("edts", box("elst", list));
+}
+
+MovieEdits parse(const std::string& bytes) {
+    return parseMovieEdits(std::as_bytes(std::span(bytes)));
+}
+
+MovieEdits read(const std::string& file) {
+    const auto readAt = [&file](std::int64_t offset, std::span<std::byte> bytes) {
+        if (offset < 0 || static_cast<std::size_t>(offset) + bytes.size() > file.size())
+            return false;
+        std::memcpy(bytes.data(), file.data() + offset, bytes.size());
+        return true;
+    };
+    return readMovieEdits(readAt, static_cast<std::int64_t>(file.size()));
+}
+
+TEST(MovieEdits, BeginWhereTheOnesBeforeEnd) {
+    const auto found = parse(header("mvhd", 600) + box("trak", header("tkhd", 7) + edits({300, 1200, 60})));
+    EXPECT_EQ(found.timeScale, 600U);
+    ASSERT_EQ(found.tracks.size(), 1U);
+    EXPECT_EQ(found.tracks[0].id, 7U);
+    EXPECT_THAT(found.tracks[0].starts, testing::ElementsAre(0, 300, 1500));
+}
+
+TEST(MovieEdits, OfWideListsHaveSixtyFourBits) {
+    const std::string list = number(1, 1) + number(0, 3) + number(2, 4) + number(5'000'000'000, 8) + number(0, 12) +
+                             number(1, 8) + number(0, 12);
+    const auto found = parse(header("mvhd", 600) + box("trak", header("tkhd", 1) + box("edts", box("elst", list))));
+    EXPECT_THAT(found.tracks.at(0).starts, testing::ElementsAre(0, 5'000'000'000));
+}
+
+TEST(MovieEdits, AreNoneWithoutAList) {
+    const auto found = parse(header("mvhd", 600) + box("trak", header("tkhd", 1)));
+    EXPECT_THAT(found.tracks.at(0).starts, testing::IsEmpty());
+}
+
+TEST(MovieEdits, ThatClaimMoreThanThereIsAreCutShort) {
+    std::string list = number(0, 4) + number(0xffffffff, 4) + number(10, 4) + number(0, 8);
+    const auto found = parse(header("mvhd", 600) + box("trak", header("tkhd", 1) + box("edts", box("elst", list))));
+    EXPECT_THAT(found.tracks.at(0).starts, testing::ElementsAre(0));
+}
+
+TEST(MovieEdits, ThatOverflowEndThere) {
+    const std::string list = number(1, 1) + number(0, 3) + number(3, 4) + number(INT64_MAX, 8) + number(0, 12) +
+                             number(INT64_MAX, 8) + number(0, 12) + number(1, 8) + number(0, 12);
+    const auto found = parse(header("mvhd", 600) + box("trak", header("tkhd", 1) + box("edts", box("elst", list))));
+    EXPECT_THAT(found.tracks.at(0).starts, testing::ElementsAre(0, INT64_MAX));
+}
+
+TEST(MovieEdits, OfMalformedBoxesAreNone) {
+    for (const std::string& bytes :
+         {std::string(), std::string("moo"), number(4, 4) + "mvhd", number(1, 4) + "mvhd", number(1000, 4) + "trak",
+          box("mvhd", ""), box("mvhd", "x"), box("trak", box("tkhd", number(1, 1)))}) {
+        const auto found = parse(bytes);
+        EXPECT_EQ(found.timeScale, 0U);
+        EXPECT_TRUE(found.tracks.empty());
+    }
+}
+
+TEST(MovieEdits, AreFoundBehindOtherBoxes) {
+    const std::string movie = header("mvhd", 90000) + box("trak", header("tkhd", 2) + edits({9}));
+    const auto found = read(box("ftyp", "qt  ") + number(1, 4) + "mdat" + number(20, 8) + "abcd" + box("moov", movie));
+    EXPECT_EQ(found.timeScale, 90000U);
+    EXPECT_EQ(found.tracks.size(), 1U);
+}
+
+TEST(MovieEdits, OfFilesThatBreakOffAreNone) {
+    const std::string file = box("ftyp", "qt  ") + box("moov", header("mvhd", 600));
+    for (std::size_t length = 0; length < file.size(); ++length)
+        EXPECT_EQ(read(file.substr(0, length)).timeScale, 0U) << length;
+    EXPECT_EQ(read(file).timeScale, 600U);
+}
+
+}  // namespace
+}  // namespace krv::media

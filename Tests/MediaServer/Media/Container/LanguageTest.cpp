@@ -1,0 +1,22 @@
+#include <gtest/gtest.h>
+
+#include <MediaServer/Media/Container/Language.h>
+
+namespace krv::media {
+namespace {
+
+TEST(Language, TheOtherFormOfACodeIsTranslated) {
+    EXPECT_EQ(quickTimeLanguage("deu"), "ger");
+    EXPECT_EQ(quickTimeLanguage("fre"), "fra");
+    EXPECT_EQ(quickTimeLanguage("zho"), "chi");
+}
+
+TEST(Language, OtherCodesStayAsTheyAre) {
+    EXPECT_EQ(quickTimeLanguage("eng"), "eng");
+    EXPECT_EQ(quickTimeLanguage("ger"), "ger");
+    EXPECT_EQ(quickTimeLanguage("und"), "und");
+    EXPECT_EQ(quickTimeLanguage(""), "");
+}
+
+}  // namespace
+}  // namespace krv::media

@@ -1,0 +1,75 @@
+#include <vector>
+
+#include <gmock/gmock.h>
+
+#include <MediaServer/Media/Foundation/Progress.h>
+
+namespace krv::media {
+namespace {
+
+using namespace std::chrono_literals;
+
+class ProgressTest : public testing::Test, public ProgressSink {
+protected:
+    void progress(double fraction) noexcept override { reports_.push_back(fraction); }
+
+    std::chrono::steady_clock::time_point now_{};
+    std::vector<double> reports_;
+    Progress progress_{*this, [this] { return now_; }};
+};
+
+TEST_F(ProgressTest, ReportsVisibleChangesAtOnce) {
+    progress_.reach(0.25);
+    progress_.reach(0.5);
+    EXPECT_THAT(reports_, testing::ElementsAre(0.25, 0.5));
+}
+
+TEST_F(ProgressTest, NeverGoesBackwards) {
+    progress_.reach(0.5);
+    now_ += 1s;
+    progress_.reach(0.2);
+    ASSERT_EQ(reports_.size(), 2U);
+    EXPECT_GE(reports_[1], reports_[0]);
+}
+
+TEST_F(ProgressTest, CreepsWhileThereAreSignsOfLife) {
+    progress_.reach(0.5);
+    for (int second = 0; second < 10; ++second) {
+        now_ += 1s;
+        progress_.alive();
+    }
+    ASSERT_EQ(reports_.size(), 11U);
+    for (std::size_t i = 1; i < reports_.size(); ++i)
+        EXPECT_GE(reports_[i] - reports_[i - 1], 1e-6);
+    EXPECT_LT(reports_.back(), 0.501);
+}
+
+TEST_F(ProgressTest, SaysNothingBetweenSignsOfLifeThatAreTooClose) {
+    progress_.reach(0.5);
+    for (int i = 0; i < 99; ++i) {
+        now_ += 1ms;
+        progress_.alive();
+    }
+    EXPECT_EQ(reports_.size(), 1U);
+}
+
+TEST_F(ProgressTest, PhasesDivideTheRange) {
+    progress_.beginPhase(0.6);
+    progress_.reach(0.5);
+    progress_.reach(1);
+    progress_.beginPhase(1);
+    progress_.reach(0.5);
+    EXPECT_THAT(reports_, testing::ElementsAre(testing::DoubleEq(0.3), testing::DoubleEq(0.6), testing::DoubleEq(0.8)));
+}
+
+TEST_F(ProgressTest, IsOneOnlyWhenFinished) {
+    progress_.reach(1);
+    now_ += 1000h;
+    progress_.alive();
+    EXPECT_LT(reports_.back(), 1);
+    progress_.finish();
+    EXPECT_EQ(reports_.back(), 1);
+}
+
+}  // namespace
+}  // namespace krv::media

@@ -1,0 +1,66 @@
+#include <atomic>
+#include <future>
+
+#include <gtest/gtest.h>
+
+#include <MediaServer/Operations/HeldReplies.h>
+
+namespace krv::server {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(HeldReplies, AnswersWhenThereIsNews) {
+    HeldReplies held;
+    std::atomic<bool> ready{false};
+    std::promise<void> answered;
+    held.hold(
+        1h, [&] { return ready.load(); }, [&] { answered.set_value(); });
+    held.lookAgain();
+    ready = true;
+    held.lookAgain();
+    answered.get_future().wait();
+}
+
+TEST(HeldReplies, AnswersAtTheDeadlineWithoutNews) {
+    HeldReplies held;
+    std::promise<void> answered;
+    held.hold(
+        1ms, [] { return false; }, [&] { answered.set_value(); });
+    answered.get_future().wait();
+}
+
+TEST(HeldReplies, AnswersAtOnceWhatIsReady) {
+    HeldReplies held;
+    std::promise<void> answered;
+    held.hold(
+        1h, [] { return true; }, [&] { answered.set_value(); });
+    answered.get_future().wait();
+}
+
+TEST(HeldReplies, AnswersWhatIsLeftWhenItGoes) {
+    int answers = 0;
+    {
+        HeldReplies held;
+        for (int i = 0; i < 10; ++i) {
+            held.hold(
+                1h, [] { return false; }, [&] { ++answers; });
+        }
+    }
+    EXPECT_EQ(answers, 10);
+}
+
+TEST(HeldReplies, AnAnswerMayHoldAnother) {
+    std::promise<void> answered;
+    HeldReplies held;
+    held.hold(
+        1ms, [] { return false; },
+        [&] {
+            held.hold(
+                1ms, [] { return false; }, [&] { answered.set_value(); });
+        });
+    answered.get_future().wait();
+}
+
+}  // namespace
+}  // namespace krv::server

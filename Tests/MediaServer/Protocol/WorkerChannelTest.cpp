@@ -1,0 +1,93 @@
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <MediaServer/Protocol/WorkerChannel.h>
+
+namespace krv::server {
+namespace {
+
+class Channel : public testing::Test {
+protected:
+    Channel() {
+        int ends[2];
+        EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        raw = ends[1];
+        server.emplace(Descriptor(ends[0]));
+        worker.emplace(Descriptor(ends[1]));
+    }
+    void sendRaw(const std::string& bytes) {
+        ASSERT_EQ(::write(raw, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    }
+    int raw = -1;
+    std::optional<WorkerChannel> server;
+    std::optional<WorkerChannel> worker;
+};
+
+TEST_F(Channel, CarriesRecordsInOrder) {
+    EXPECT_TRUE(server->send(*KRVOperationBase::provideMetadataFor("/a")));
+    EXPECT_TRUE(server->send(*KRVOperationBase::provideMetadataFor("/b")));
+    EXPECT_EQ(worker->receive()->record->encodingSourceFilename(), "/a");
+    EXPECT_EQ(worker->receive()->record->encodingSourceFilename(), "/b");
+}
+
+TEST_F(Channel, CarriesOpenFilesInOrder) {
+    int pipes[2];
+    ASSERT_EQ(::pipe(pipes), 0);
+    const Descriptor reading(pipes[0]);
+    Descriptor writing(pipes[1]);
+    EXPECT_TRUE(server->send(*KRVOperationBase::provideMetadataFor("/a"), {writing.get(), reading.get()}));
+    auto message = worker->receive();
+    ASSERT_TRUE(message);
+    ASSERT_EQ(message->files.size(), 2U);
+    ASSERT_EQ(::write(message->files[0].get(), "x", 1), 1);
+    char c = 0;
+    EXPECT_EQ(::read(message->files[1].get(), &c, 1), 1);
+    EXPECT_EQ(c, 'x');
+}
+
+TEST_F(Channel, CarriesMoreFilesThanGoIntoOneMessage) {
+    const Descriptor folder(::open("/", O_PATH | O_CLOEXEC));
+    const Descriptor nothing(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    std::vector<int> files(700, nothing.get());
+    files.back() = folder.get();
+    std::thread sender([&] { EXPECT_TRUE(server->send(*KRVOperationBase::provideMetadataFor("/a"), files)); });
+    const auto message = worker->receive();
+    sender.join();
+    ASSERT_TRUE(message);
+    EXPECT_EQ(message->record->encodingSourceFilename(), "/a");
+    ASSERT_EQ(message->files.size(), 700U);
+    struct stat status {};
+    ASSERT_EQ(::fstat(message->files[698].get(), &status), 0);
+    EXPECT_TRUE(S_ISCHR(status.st_mode));
+    ASSERT_EQ(::fstat(message->files[699].get(), &status), 0);
+    EXPECT_TRUE(S_ISDIR(status.st_mode));
+}
+
+TEST_F(Channel, AnOtherEndThatHasGoneIsTheEnd) {
+    worker.reset();
+    EXPECT_FALSE(server->receive());
+    EXPECT_FALSE(server->send(KRVOperationBase()));
+}
+
+TEST_F(Channel, RubbishIsTheEnd) {
+    sendRaw(std::string("\x05\x00\x00\x00hello", 9));
+    EXPECT_FALSE(server->receive());
+}
+
+TEST_F(Channel, ALengthBeyondTheBoundIsTheEnd) {
+    sendRaw("\xFF\xFF\xFF\xFF");
+    EXPECT_FALSE(server->receive());
+}
+
+TEST_F(Channel, AMessageThatBreaksOffIsTheEnd) {
+    sendRaw(std::string("\x00\x10\x00\x00half", 8));
+    worker.reset();
+    EXPECT_FALSE(server->receive());
+}
+
+}  // namespace
+}  // namespace krv::server

@@ -1,0 +1,143 @@
+// The pool with real workers.
+#include <csignal>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <dirent.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <MediaServer/Workers/WorkerPool.h>
+
+namespace krv::server {
+namespace {
+
+std::vector<pid_t> children() {
+    std::vector<pid_t> pids;
+    DIR* const tasks = ::opendir("/proc/self/task");
+    while (const dirent* const entry = ::readdir(tasks)) {
+        std::ifstream in("/proc/self/task/" + std::string(entry->d_name) + "/children");
+        for (pid_t pid = 0; in >> pid;) {
+            pids.push_back(pid);
+        }
+    }
+    ::closedir(tasks);
+    return pids;
+}
+
+std::string statusLine(pid_t pid, const std::string& key) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(in, line);) {
+        if (line.starts_with(key)) {
+            return line;
+        }
+    }
+    return {};
+}
+
+void waitForReady(const WorkerPool& pool, std::size_t count) {
+    while (pool.ready() != count) {
+        std::this_thread::yield();
+    }
+}
+
+TEST(Pool, StartsItsSparesAheadOfNeed) {
+    WorkerPool pool(KRV_WORKER, 2);
+    waitForReady(pool, 2);
+    EXPECT_EQ(children().size(), 2U);
+}
+
+TEST(Pool, ReplacesAWorkerThatIsTaken) {
+    WorkerPool pool(KRV_WORKER, 1);
+    std::string failure;
+    const auto first = pool.take(failure);
+    ASSERT_NE(first, nullptr) << failure;
+    waitForReady(pool, 1);
+    EXPECT_TRUE(first->isAlive());
+    EXPECT_EQ(children().size(), 2U);
+}
+
+TEST(Pool, HandsOutNoDeadWorker) {
+    WorkerPool pool(KRV_WORKER, 1);
+    waitForReady(pool, 1);
+    const auto spares = children();
+    ASSERT_EQ(spares.size(), 1U);
+    ::kill(spares[0], SIGKILL);
+    siginfo_t info{};
+    ::waitid(P_PID, static_cast<id_t>(spares[0]), &info, WEXITED | WNOWAIT);
+    std::string failure;
+    const auto worker = pool.take(failure);
+    ASSERT_NE(worker, nullptr) << failure;
+    EXPECT_TRUE(worker->isAlive());
+}
+
+TEST(Pool, MakesMoreThanItsSparesWhenTheyAreNeeded) {
+    WorkerPool pool(KRV_WORKER, 0);
+    std::string failure;
+    std::vector<std::unique_ptr<Worker>> taken;
+    for (int i = 0; i < 3; ++i) {
+        taken.push_back(pool.take(failure));
+        ASSERT_NE(taken.back(), nullptr) << failure;
+    }
+    EXPECT_EQ(children().size(), 3U);
+}
+
+TEST(Pool, SaysWhyNoneCanBeStartedAndTriesAgain) {
+    WorkerPool pool("/nonexistent/worker", 1);
+    for (int i = 0; i < 2; ++i) {
+        std::string failure;
+        EXPECT_EQ(pool.take(failure), nullptr);
+        EXPECT_EQ(failure, "/nonexistent/worker: No such file or directory");
+    }
+}
+
+TEST(Pool, EndsItsSparesWithItself) {
+    {
+        WorkerPool pool(KRV_WORKER, 2);
+        waitForReady(pool, 2);
+    }
+    EXPECT_TRUE(children().empty());
+}
+
+TEST(Pool, EndsWithoutHavingStartedEverything) {
+    for (int i = 0; i < 5; ++i) {
+        const WorkerPool pool(KRV_WORKER, 2);
+    }
+    EXPECT_TRUE(children().empty());
+}
+
+TEST(Pool, ItsWorkersShutThemselvesIn) {
+    WorkerPool pool(KRV_WORKER, 0);
+    std::string failure;
+    const auto worker = pool.take(failure);
+    ASSERT_NE(worker, nullptr) << failure;
+    const auto all = children();
+    ASSERT_EQ(all.size(), 1U);
+    while (statusLine(all[0], "Seccomp:") != "Seccomp:\t2") {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(statusLine(all[0], "NoNewPrivs:"), "NoNewPrivs:\t1");
+}
+
+TEST(Pool, AWorkerTellsTheStatusThatItEndedWith) {
+    WorkerPool pool(KRV_WORKER, 0);
+    std::string failure;
+    const auto worker = pool.take(failure);
+    ASSERT_NE(worker, nullptr) << failure;
+    ::kill(children().at(0), SIGSEGV);
+    while (worker->isAlive()) {
+        std::this_thread::yield();
+    }
+    const int status = worker->end();
+    ASSERT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(WTERMSIG(status), SIGSEGV);
+    EXPECT_EQ(worker->end(), 0);
+}
+
+}  // namespace
+}  // namespace krv::server
