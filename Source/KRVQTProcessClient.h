@@ -14,12 +14,13 @@
 #include <KRVQTProcessClient/Client/ServerRunner.h>
 #include <KRVQTProcessClient/Client/TransportInvocation.h>
 #include <KRVQTProcessClient/Common/EncodingParameters.h>
-#include <KRVQTProcessClient/Common/LoggingDefaults.h>
 #include <KRVQTProcessClient/Common/PortNumbering.h>
 #include <KRVQTProcessClient/Foundation/Dictionary.h>
 #include <KRVQTProcessClient/Foundation/Error.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Foundation/Value.h>
+#include <KRVQTProcessClient/Logging/DDLog.h>
+#include <KRVQTProcessClient/Logging/LoggingDefaults.h>
 #include <KRVQTProcessClient/Monitoring/KRVNSTimer.h>
 #include <KRVQTProcessClient/Monitoring/KRVProcessMonitor.h>
 #include <KRVQTProcessClient/Operations/KRVOperationBase.h>
@@ -32,7 +33,6 @@
 #include <KRVQTProcessClient/Platform/RunLoop.h>
 #include <KRVQTProcessClient/Platform/UserDefaults.h>
 #include <KRVQTProcessClient/Server/QuicktimeServerStatusCodes.h>
-#include <KRVQTProcessClient/Shared/DDLog.h>
 #include <KRVQTProcessClient/Shared/VideoConversion.h>
 #include <KRVQTProcessClient/Transports/KRVHTTPClientTransport.h>
 #include <KRVQTProcessClient/Transports/KRVOperationTransport.h>

@@ -7,7 +7,7 @@
 #include <KRVQTProcessClient/Client/HTTPServerDiscovery.h>
 #include <KRVQTProcessClient/Client/ServerNaming.h>
 #include <KRVQTProcessClient/Common/PortNumbering.h>
-#include <KRVQTProcessClient/Shared/Log.h>
+#include <KRVQTProcessClient/Logging/Log.h>
 
 namespace krv {
 

@@ -2,7 +2,7 @@
 #include <utility>
 
 #include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
-#include <KRVQTProcessClient/Shared/Log.h>
+#include <KRVQTProcessClient/Logging/Log.h>
 
 namespace krv {
 namespace {

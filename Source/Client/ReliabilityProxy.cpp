@@ -14,8 +14,8 @@
 
 #include <KRVQTProcessClient/Client/ReliabilityProxy.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Logging/Log.h>
 #include <KRVQTProcessClient/Platform/RunLoop.h>
-#include <KRVQTProcessClient/Shared/Log.h>
 
 namespace krv {
 namespace {

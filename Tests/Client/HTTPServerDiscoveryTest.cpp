@@ -4,11 +4,11 @@
 
 #include <KRVQTProcessClient/Client/HTTPServerDiscovery.h>
 #include <KRVQTProcessClient/Client/ServerNaming.h>
+#include <KRVQTProcessClient/Logging/Fakes/LogRecorder.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeHTTPClient.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeRunLoop.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeServiceBrowser.h>
 #include <KRVQTProcessClient/Platform/UserDefaults.h>
-#include <KRVQTProcessClient/Shared/Fakes/LogRecorder.h>
 
 namespace krv {
 namespace {

@@ -9,8 +9,8 @@
 #include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
 #include <KRVQTProcessClient/Client/ReliabilityProxy.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Logging/Fakes/LogRecorder.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeRunLoop.h>
-#include <KRVQTProcessClient/Shared/Fakes/LogRecorder.h>
 #include <KRVQTProcessClient/Transports/Fakes/ScriptedTransport.h>
 
 namespace krv {

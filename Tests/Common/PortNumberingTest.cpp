@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <KRVQTProcessClient/Common/LoggingDefaults.h>
 #include <KRVQTProcessClient/Common/PortNumbering.h>
 #include <KRVQTProcessClient/Platform/UserDefaults.h>
-#include <KRVQTProcessClient/Shared/DDLog.h>
 
 namespace krv {
 namespace {
@@ -67,31 +65,6 @@ TEST_F(Ports, SettingsAreReadAfreshAndNarrowedTo32Bits) {
     EXPECT_EQ(range(), Range(9100, 10100));
     set("4294976296", nullptr);  // 2^32 + 9000
     EXPECT_EQ(range(), Range(9000, 10000));
-}
-
-TEST(LoggingDefaults, OpenTheGateWhenALevelIsSet) {
-    UserDefaults& defaults = UserDefaults::standard();
-    applyLoggingDefaults();
-    EXPECT_FALSE(krv_loggingEnabled);
-    defaults.setString("qtClientLogLevel", "15");
-    defaults.setString("additionalApplicationLogLevel", "3");
-    defaults.setString("quicktimeLoggingLevel", "15");
-    applyLoggingDefaults();
-    EXPECT_TRUE(krv_loggingEnabled);
-    EXPECT_EQ(qtClientLogLevel, 15U);
-    EXPECT_EQ(applicationLogLevel, 0U);
-    EXPECT_EQ(additionalApplicationLogLevel, 3U);
-    EXPECT_EQ(Logging::quicktimeLoggingLevel(), 15);
-    defaults.setString("krv_loggingEnabled", "NO");
-    applyLoggingDefaults();
-    EXPECT_FALSE(krv_loggingEnabled);
-    for (const char* key :
-         {"qtClientLogLevel", "additionalApplicationLogLevel", "quicktimeLoggingLevel", "krv_loggingEnabled"}) {
-        defaults.removeKey(key);
-    }
-    qtClientLogLevel = 0;
-    additionalApplicationLogLevel = 0;
-    Logging::setQuicktimeLoggingLevel(0);
 }
 
 }  // namespace

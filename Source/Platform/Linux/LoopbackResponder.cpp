@@ -12,7 +12,7 @@
 #include <avahi-core/log.h>
 #include <fmt/format.h>
 
-#include <KRVQTProcessClient/Shared/Log.h>
+#include <KRVQTProcessClient/Logging/Log.h>
 
 #include "LoopbackServer.h"
 

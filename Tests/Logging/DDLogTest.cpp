@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <KRVQTProcessClient/Shared/DDLog.h>
-#include <KRVQTProcessClient/Shared/Fakes/LogRecorder.h>
-#include <KRVQTProcessClient/Shared/Log.h>
+#include <KRVQTProcessClient/Logging/DDLog.h>
+#include <KRVQTProcessClient/Logging/Fakes/LogRecorder.h>
+#include <KRVQTProcessClient/Logging/Log.h>
 
 namespace krv {
 namespace {

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include <KRVQTProcessClient/Shared/DDLog.h>
+#include <KRVQTProcessClient/Logging/DDLog.h>
 
 namespace krv {
 

@@ -4,7 +4,7 @@
 
 #include <fmt/format.h>
 
-#include <KRVQTProcessClient/Shared/DDLog.h>
+#include <KRVQTProcessClient/Logging/DDLog.h>
 
 /// Writing to the log from inside the library. Not installed: fmt stays out of the public headers.
 namespace krv {

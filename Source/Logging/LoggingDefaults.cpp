@@ -1,6 +1,6 @@
-#include <KRVQTProcessClient/Common/LoggingDefaults.h>
+#include <KRVQTProcessClient/Logging/DDLog.h>
+#include <KRVQTProcessClient/Logging/LoggingDefaults.h>
 #include <KRVQTProcessClient/Platform/UserDefaults.h>
-#include <KRVQTProcessClient/Shared/DDLog.h>
 
 namespace krv {
 

@@ -3,8 +3,8 @@
 #include <unistd.h>
 
 #include <KRVQTProcessClient/Foundation/Mutex.h>
-#include <KRVQTProcessClient/Shared/DDLog.h>
-#include <KRVQTProcessClient/Shared/Log.h>
+#include <KRVQTProcessClient/Logging/DDLog.h>
+#include <KRVQTProcessClient/Logging/Log.h>
 
 namespace krv {
 
