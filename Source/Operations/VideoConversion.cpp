@@ -1,4 +1,4 @@
-#include <KRVQTProcessClient/Shared/VideoConversion.h>
+#include <KRVQTProcessClient/Operations/VideoConversion.h>
 
 namespace krv {
 
