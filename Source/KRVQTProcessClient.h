@@ -13,7 +13,6 @@
 #include <KRVQTProcessClient/Client/ServerNaming.h>
 #include <KRVQTProcessClient/Client/ServerRunner.h>
 #include <KRVQTProcessClient/Client/TransportInvocation.h>
-#include <KRVQTProcessClient/Common/EncodingParameters.h>
 #include <KRVQTProcessClient/Common/PortNumbering.h>
 #include <KRVQTProcessClient/Foundation/Dictionary.h>
 #include <KRVQTProcessClient/Foundation/Error.h>
@@ -23,6 +22,7 @@
 #include <KRVQTProcessClient/Logging/LoggingDefaults.h>
 #include <KRVQTProcessClient/Monitoring/KRVNSTimer.h>
 #include <KRVQTProcessClient/Monitoring/KRVProcessMonitor.h>
+#include <KRVQTProcessClient/Operations/EncodingParameters.h>
 #include <KRVQTProcessClient/Operations/KRVOperationBase.h>
 #include <KRVQTProcessClient/Operations/OperationErrors.h>
 #include <KRVQTProcessClient/Operations/OperationKeys.h>

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <KRVQTProcessClient/Common/EncodingParameters.h>
 #include <KRVQTProcessClient/Foundation/KeyedArchiver.h>
+#include <KRVQTProcessClient/Operations/EncodingParameters.h>
 #include <KRVQTProcessClient/Operations/KRVOperationBase.h>
 
 namespace krv {

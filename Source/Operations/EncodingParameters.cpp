@@ -1,8 +1,8 @@
 #include <utility>
 
-#include <KRVQTProcessClient/Common/EncodingParameters.h>
 #include <KRVQTProcessClient/Foundation/KeyedArchiver.h>
 #include <KRVQTProcessClient/Foundation/KeyedUnarchiver.h>
+#include <KRVQTProcessClient/Operations/EncodingParameters.h>
 
 namespace krv {
 namespace {
