@@ -27,13 +27,13 @@
 #include <KRVQTProcessClient/Operations/OperationErrors.h>
 #include <KRVQTProcessClient/Operations/OperationKeys.h>
 #include <KRVQTProcessClient/Operations/OperationProgress.h>
+#include <KRVQTProcessClient/Operations/QuicktimeServerStatusCodes.h>
 #include <KRVQTProcessClient/Operations/VideoConversion.h>
 #include <KRVQTProcessClient/Platform/Bundle.h>
 #include <KRVQTProcessClient/Platform/ClassRegistry.h>
 #include <KRVQTProcessClient/Platform/NotificationCenter.h>
 #include <KRVQTProcessClient/Platform/RunLoop.h>
 #include <KRVQTProcessClient/Platform/UserDefaults.h>
-#include <KRVQTProcessClient/Server/QuicktimeServerStatusCodes.h>
 #include <KRVQTProcessClient/Transports/KRVHTTPClientTransport.h>
 #include <KRVQTProcessClient/Transports/KRVOperationTransport.h>
 #include <KRVQTProcessClient/Version.h>

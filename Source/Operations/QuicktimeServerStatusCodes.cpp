@@ -1,4 +1,4 @@
-#include <KRVQTProcessClient/Server/QuicktimeServerStatusCodes.h>
+#include <KRVQTProcessClient/Operations/QuicktimeServerStatusCodes.h>
 
 namespace krv {
 
