@@ -10,10 +10,10 @@
 #include <KRVQTProcessClient/Client/KRVQTProcessOperations.h>
 #include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
 #include <KRVQTProcessClient/Client/ReliabilityProxy.h>
-#include <KRVQTProcessClient/Client/ServerNaming.h>
 #include <KRVQTProcessClient/Client/ServerRunner.h>
 #include <KRVQTProcessClient/Client/TransportInvocation.h>
-#include <KRVQTProcessClient/Common/PortNumbering.h>
+#include <KRVQTProcessClient/Discovery/PortNumbering.h>
+#include <KRVQTProcessClient/Discovery/ServerNaming.h>
 #include <KRVQTProcessClient/Foundation/Dictionary.h>
 #include <KRVQTProcessClient/Foundation/Error.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>

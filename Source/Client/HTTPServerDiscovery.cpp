@@ -5,8 +5,8 @@
 #include <fmt/format.h>
 
 #include <KRVQTProcessClient/Client/HTTPServerDiscovery.h>
-#include <KRVQTProcessClient/Client/ServerNaming.h>
-#include <KRVQTProcessClient/Common/PortNumbering.h>
+#include <KRVQTProcessClient/Discovery/PortNumbering.h>
+#include <KRVQTProcessClient/Discovery/ServerNaming.h>
 #include <KRVQTProcessClient/Logging/Log.h>
 
 namespace krv {

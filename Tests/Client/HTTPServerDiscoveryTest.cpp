@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <KRVQTProcessClient/Client/HTTPServerDiscovery.h>
-#include <KRVQTProcessClient/Client/ServerNaming.h>
+#include <KRVQTProcessClient/Discovery/ServerNaming.h>
 #include <KRVQTProcessClient/Logging/Fakes/LogRecorder.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeHTTPClient.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeRunLoop.h>

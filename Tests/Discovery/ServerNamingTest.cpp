@@ -14,7 +14,7 @@
 
 #include <gtest/gtest.h>
 
-#include <KRVQTProcessClient/Client/ServerNaming.h>
+#include <KRVQTProcessClient/Discovery/ServerNaming.h>
 #include <KRVQTProcessClient/Platform/HardwareAddress.h>
 
 #include "Shell.h"

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <KRVQTProcessClient/Shared/Hexval.h>
+#include <KRVQTProcessClient/Discovery/Hexval.h>
 
 namespace krv {
 namespace {

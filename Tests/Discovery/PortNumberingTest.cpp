@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <KRVQTProcessClient/Common/PortNumbering.h>
+#include <KRVQTProcessClient/Discovery/PortNumbering.h>
 #include <KRVQTProcessClient/Platform/UserDefaults.h>
 
 namespace krv {

@@ -2,9 +2,9 @@
 
 #include <fmt/format.h>
 
-#include <KRVQTProcessClient/Client/ServerNaming.h>
+#include <KRVQTProcessClient/Discovery/Hexval.h>
+#include <KRVQTProcessClient/Discovery/ServerNaming.h>
 #include <KRVQTProcessClient/Platform/HardwareAddress.h>
-#include <KRVQTProcessClient/Shared/Hexval.h>
 
 namespace krv {
 namespace {

@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <string_view>
 
-#include <KRVQTProcessClient/Common/PortNumbering.h>
+#include <KRVQTProcessClient/Discovery/PortNumbering.h>
 #include <KRVQTProcessClient/Platform/UserDefaults.h>
 
 namespace krv {

@@ -1,4 +1,4 @@
-#include <KRVQTProcessClient/Shared/Hexval.h>
+#include <KRVQTProcessClient/Discovery/Hexval.h>
 
 namespace krv {
 
