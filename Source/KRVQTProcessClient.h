@@ -6,14 +6,15 @@
 /// \namespace krv
 /// Everything of the library.
 
-#include <KRVQTProcessClient/Client/HTTPServerDiscovery.h>
 #include <KRVQTProcessClient/Client/KRVQTProcessOperations.h>
 #include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
 #include <KRVQTProcessClient/Client/ReliabilityProxy.h>
 #include <KRVQTProcessClient/Client/ServerRunner.h>
 #include <KRVQTProcessClient/Client/TransportInvocation.h>
+#include <KRVQTProcessClient/Discovery/HTTPServerDiscovery.h>
 #include <KRVQTProcessClient/Discovery/PortNumbering.h>
 #include <KRVQTProcessClient/Discovery/ServerNaming.h>
+#include <KRVQTProcessClient/Discovery/ServicePort.h>
 #include <KRVQTProcessClient/Foundation/Dictionary.h>
 #include <KRVQTProcessClient/Foundation/Error.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>

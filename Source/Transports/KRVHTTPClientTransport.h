@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include <KRVQTProcessClient/Discovery/ServicePort.h>
 #include <KRVQTProcessClient/Foundation/Export.h>
 #include <KRVQTProcessClient/Platform/HTTPRequest.h>
 #include <KRVQTProcessClient/Transports/KRVOperationTransport.h>

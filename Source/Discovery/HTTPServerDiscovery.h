@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include <KRVQTProcessClient/Discovery/ServicePort.h>
 #include <KRVQTProcessClient/Foundation/Export.h>
 #include <KRVQTProcessClient/Foundation/Mutex.h>
 #include <KRVQTProcessClient/Foundation/Selector.h>
@@ -13,7 +14,6 @@
 #include <KRVQTProcessClient/Platform/NotificationCenter.h>
 #include <KRVQTProcessClient/Platform/RunLoop.h>
 #include <KRVQTProcessClient/Platform/ServiceBrowser.h>
-#include <KRVQTProcessClient/Transports/KRVOperationTransport.h>
 
 namespace krv {
 

@@ -2,8 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <KRVQTProcessClient/Client/HTTPServerDiscovery.h>
+#include <KRVQTProcessClient/Discovery/HTTPServerDiscovery.h>
 #include <KRVQTProcessClient/Discovery/ServerNaming.h>
+#include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Logging/Fakes/LogRecorder.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeHTTPClient.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeRunLoop.h>

@@ -4,9 +4,10 @@
 
 #include <fmt/format.h>
 
-#include <KRVQTProcessClient/Client/HTTPServerDiscovery.h>
+#include <KRVQTProcessClient/Discovery/HTTPServerDiscovery.h>
 #include <KRVQTProcessClient/Discovery/PortNumbering.h>
 #include <KRVQTProcessClient/Discovery/ServerNaming.h>
+#include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Logging/Log.h>
 
 namespace krv {
