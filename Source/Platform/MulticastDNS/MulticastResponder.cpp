@@ -1,12 +1,12 @@
-#include "LoopbackServer.h"
-
 #include <avahi-common/malloc.h>
 #include <avahi-common/strlst.h>
 
+#include <KRVQTProcessClient/Platform/MulticastDNS/MulticastResponder.h>
+
 namespace krv {
 
-AvahiServer* newLoopbackServer(const AvahiPoll* poll, const std::string& hostName, AvahiServerCallback stateChanged,
-                               void* userdata, int& failure) {
+AvahiServer* newMulticastResponder(const AvahiPoll* poll, const std::string& hostName, AvahiServerCallback stateChanged,
+                                   void* userdata, int& failure) {
     AvahiServerConfig config;
     avahi_server_config_init(&config);
     avahi_free(config.host_name);

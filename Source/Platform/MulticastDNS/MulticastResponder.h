@@ -13,7 +13,7 @@ namespace krv {
 /// information, no workstation. hostName is never looked up, but must be that of no other responder on the machine.
 /// stateChanged is called for the first time before this returns. Freed with avahi_server_free; null, and the
 /// library's error number in failure, when the machine does not let it run.
-[[nodiscard]] AvahiServer* newLoopbackServer(const AvahiPoll* poll, const std::string& hostName,
-                                             AvahiServerCallback stateChanged, void* userdata, int& failure);
+[[nodiscard]] AvahiServer* newMulticastResponder(const AvahiPoll* poll, const std::string& hostName,
+                                                 AvahiServerCallback stateChanged, void* userdata, int& failure);
 
 }  // namespace krv

@@ -1,9 +1,9 @@
-#include "PublisherRecord.h"
-
 #include <charconv>
 #include <optional>
 
 #include <fmt/format.h>
+
+#include <KRVQTProcessClient/Platform/MulticastDNS/PublisherRecord.h>
 
 namespace krv {
 namespace {
