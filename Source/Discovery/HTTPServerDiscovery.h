@@ -10,7 +10,7 @@
 #include <KRVQTProcessClient/Foundation/Export.h>
 #include <KRVQTProcessClient/Foundation/Mutex.h>
 #include <KRVQTProcessClient/Foundation/Selector.h>
-#include <KRVQTProcessClient/Platform/HTTPRequest.h>
+#include <KRVQTProcessClient/Platform/HTTPClient.h>
 #include <KRVQTProcessClient/Platform/NotificationCenter.h>
 #include <KRVQTProcessClient/Platform/RunLoop.h>
 #include <KRVQTProcessClient/Platform/ServiceBrowser.h>

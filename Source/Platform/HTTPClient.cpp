@@ -1,4 +1,4 @@
-#include <KRVQTProcessClient/Platform/HTTPRequest.h>
+#include <KRVQTProcessClient/Platform/HTTPClient.h>
 
 namespace krv {
 
