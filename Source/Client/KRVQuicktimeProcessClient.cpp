@@ -13,9 +13,6 @@ constexpr LogSite site(std::string_view function, LogContext context = kLogConte
 
 }  // namespace
 
-KRVReliableQTProcessOperations::~KRVReliableQTProcessOperations() = default;
-KRVQTProcessOperations::~KRVQTProcessOperations() = default;
-
 TransportInvocation::Reply KRVQuicktimeProcessClient::call(const Ref& operation, ErrorOut error) const {
     return TransportInvocation::invocationWith(operation, clock_)->invokeOverTransport(transport(), error);
 }

@@ -12,6 +12,7 @@
 
 #include <fmt/format.h>
 
+#include <KRVQTProcessClient/Client/ReliabilityDecision.h>
 #include <KRVQTProcessClient/Client/ReliabilityProxy.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Logging/Log.h>

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
+#include <KRVQTProcessClient/Client/ReliabilityDecision.h>
 #include <KRVQTProcessClient/Client/ReliabilityProxy.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Logging/Fakes/LogRecorder.h>
