@@ -20,6 +20,7 @@
 #include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Foundation/Value.h>
 #include <KRVQTProcessClient/Logging/DDLog.h>
+#include <KRVQTProcessClient/Logging/Logging.h>
 #include <KRVQTProcessClient/Logging/LoggingDefaults.h>
 #include <KRVQTProcessClient/Monitoring/KRVNSTimer.h>
 #include <KRVQTProcessClient/Monitoring/KRVProcessMonitor.h>

@@ -1,21 +1,14 @@
-#include <memory>
+#include <utility>
 
 #include <unistd.h>
 
+#include <fmt/format.h>
+
 #include <KRVQTProcessClient/Foundation/Mutex.h>
 #include <KRVQTProcessClient/Logging/DDLog.h>
-#include <KRVQTProcessClient/Logging/Log.h>
 
 namespace krv {
-
-std::atomic<bool> krv_loggingEnabled{false};
-std::atomic<std::uint32_t> qtClientLogLevel{0};
-std::atomic<std::uint32_t> applicationLogLevel{0};
-std::atomic<std::uint32_t> additionalApplicationLogLevel{0};
-
 namespace {
-
-std::atomic<std::int32_t> quicktimeLevel{0};
 
 struct Logger {
     Mutex mutex;
@@ -78,29 +71,6 @@ void DDLog::log(const LogMessage& message) {
         // A sink that fails loses its line; logging never changes what the logged operation does.
     }
     insideSink = false;
-}
-
-std::int32_t Logging::quicktimeLoggingLevel() noexcept {
-    return quicktimeLevel.load(std::memory_order_relaxed);
-}
-
-void Logging::setQuicktimeLoggingLevel(std::int32_t level) noexcept {
-    quicktimeLevel.store(level, std::memory_order_relaxed);
-}
-
-std::uint32_t logLevelWord(LogContext context) noexcept {
-    if (!krv_loggingEnabled.load(std::memory_order_relaxed)) {
-        return 0;
-    }
-    const auto& word = context == kLogContextApplication ? applicationLogLevel : qtClientLogLevel;
-    return word.load(std::memory_order_relaxed);
-}
-
-bool logPasses(LogFlag flag, const LogSite& site) noexcept {
-    if ((logLevelWord(site.context) & flag) == 0) {
-        return false;
-    }
-    return (additionalApplicationLogLevel.load(std::memory_order_relaxed) & site.mask) == site.mask;
 }
 
 }  // namespace krv

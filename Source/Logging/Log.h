@@ -1,10 +1,13 @@
 #pragma once
 
-#include <utility>
+#include <cstdint>
+#include <string_view>
 
 #include <fmt/format.h>
 
+#include <KRVQTProcessClient/Foundation/Selector.h>
 #include <KRVQTProcessClient/Logging/DDLog.h>
+#include <KRVQTProcessClient/Logging/Logging.h>
 
 /// Writing to the log from inside the library. Not installed: fmt stays out of the public headers.
 namespace krv {

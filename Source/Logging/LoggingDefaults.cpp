@@ -1,4 +1,4 @@
-#include <KRVQTProcessClient/Logging/DDLog.h>
+#include <KRVQTProcessClient/Logging/Logging.h>
 #include <KRVQTProcessClient/Logging/LoggingDefaults.h>
 #include <KRVQTProcessClient/Platform/UserDefaults.h>
 

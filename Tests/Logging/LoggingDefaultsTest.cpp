@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <KRVQTProcessClient/Logging/DDLog.h>
+#include <KRVQTProcessClient/Logging/Logging.h>
 #include <KRVQTProcessClient/Logging/LoggingDefaults.h>
 #include <KRVQTProcessClient/Platform/UserDefaults.h>
 

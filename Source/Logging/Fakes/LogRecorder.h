@@ -4,6 +4,7 @@
 #include <vector>
 
 #include <KRVQTProcessClient/Logging/DDLog.h>
+#include <KRVQTProcessClient/Logging/Logging.h>
 
 namespace krv {
 
