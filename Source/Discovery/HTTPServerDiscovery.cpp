@@ -9,6 +9,7 @@
 #include <KRVQTProcessClient/Discovery/ServerNaming.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Logging/Log.h>
+#include <KRVQTProcessClient/Platform/Port.h>
 
 namespace krv {
 
@@ -30,7 +31,6 @@ constexpr auto kRestartAfterAbsence = 250ms;
 constexpr auto kPollingDelay = 5s;
 constexpr auto kPollTimeout = 1s;
 constexpr std::int32_t kPolledPorts = 10;
-constexpr std::int32_t kHighestPort = 65535;
 /// A timer that never fires in a process's life; it only gives the thread's run loop something to wait for.
 constexpr auto kKeepAliveInterval = 2147483647s;
 constexpr auto kRunLoopPeriod = 4294967295s;

@@ -2,6 +2,7 @@
 #include <string_view>
 
 #include <KRVQTProcessClient/Discovery/PortNumbering.h>
+#include <KRVQTProcessClient/Platform/Port.h>
 #include <KRVQTProcessClient/Platform/UserDefaults.h>
 
 namespace krv {
@@ -15,7 +16,6 @@ constexpr std::string_view kMinimumKey = "minimumPortNumber";
 constexpr std::string_view kMaximumKey = "maximumPortNumber";
 constexpr std::int32_t kFirstUnprivilegedPort = 1025;
 constexpr std::int32_t kRangeLength = 1000;
-constexpr std::int32_t kHighestPort = 65535;
 
 std::int32_t setting(std::string_view key) {
     return static_cast<std::int32_t>(UserDefaults::standard().integerForKey(key));
