@@ -6,34 +6,36 @@
 /// \namespace krv
 /// Everything of the library.
 
-#include <KRVQTProcessClient/Client/HTTPServerDiscovery.h>
 #include <KRVQTProcessClient/Client/KRVQTProcessOperations.h>
 #include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
 #include <KRVQTProcessClient/Client/ReliabilityProxy.h>
-#include <KRVQTProcessClient/Client/ServerNaming.h>
 #include <KRVQTProcessClient/Client/ServerRunner.h>
 #include <KRVQTProcessClient/Client/TransportInvocation.h>
-#include <KRVQTProcessClient/Common/EncodingParameters.h>
-#include <KRVQTProcessClient/Common/LoggingDefaults.h>
-#include <KRVQTProcessClient/Common/PortNumbering.h>
+#include <KRVQTProcessClient/Discovery/HTTPServerDiscovery.h>
+#include <KRVQTProcessClient/Discovery/PortNumbering.h>
+#include <KRVQTProcessClient/Discovery/ServerNaming.h>
+#include <KRVQTProcessClient/Discovery/ServicePort.h>
 #include <KRVQTProcessClient/Foundation/Dictionary.h>
 #include <KRVQTProcessClient/Foundation/Error.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Foundation/Value.h>
+#include <KRVQTProcessClient/Logging/DDLog.h>
+#include <KRVQTProcessClient/Logging/Logging.h>
+#include <KRVQTProcessClient/Logging/LoggingDefaults.h>
 #include <KRVQTProcessClient/Monitoring/KRVNSTimer.h>
 #include <KRVQTProcessClient/Monitoring/KRVProcessMonitor.h>
+#include <KRVQTProcessClient/Operations/EncodingParameters.h>
 #include <KRVQTProcessClient/Operations/KRVOperationBase.h>
 #include <KRVQTProcessClient/Operations/OperationErrors.h>
 #include <KRVQTProcessClient/Operations/OperationKeys.h>
 #include <KRVQTProcessClient/Operations/OperationProgress.h>
+#include <KRVQTProcessClient/Operations/QuicktimeServerStatusCodes.h>
+#include <KRVQTProcessClient/Operations/VideoConversion.h>
 #include <KRVQTProcessClient/Platform/Bundle.h>
 #include <KRVQTProcessClient/Platform/ClassRegistry.h>
 #include <KRVQTProcessClient/Platform/NotificationCenter.h>
 #include <KRVQTProcessClient/Platform/RunLoop.h>
 #include <KRVQTProcessClient/Platform/UserDefaults.h>
-#include <KRVQTProcessClient/Server/QuicktimeServerStatusCodes.h>
-#include <KRVQTProcessClient/Shared/DDLog.h>
-#include <KRVQTProcessClient/Shared/VideoConversion.h>
 #include <KRVQTProcessClient/Transports/KRVHTTPClientTransport.h>
 #include <KRVQTProcessClient/Transports/KRVOperationTransport.h>
 #include <KRVQTProcessClient/Version.h>

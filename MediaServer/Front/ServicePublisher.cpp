@@ -12,8 +12,9 @@
 #include <avahi-core/publish.h>
 #include <fmt/format.h>
 
-#include "LoopbackServer.h"
-#include "PublisherRecord.h"
+#include <KRVQTProcessClient/Platform/MulticastDNS/MulticastResponder.h>
+#include <KRVQTProcessClient/Platform/MulticastDNS/PublisherRecord.h>
+
 #include <MediaServer/Front/ServicePublisher.h>
 #include <MediaServer/Operations/ServerLog.h>
 
@@ -43,8 +44,8 @@ public:
             return;
         }
         int failure = 0;
-        server_ = newLoopbackServer(avahi_threaded_poll_get(poll_), fmt::format("krv-server-{}", ::getpid()),
-                                    &serverChanged, this, failure);
+        server_ = newMulticastResponder(avahi_threaded_poll_get(poll_), fmt::format("krv-server-{}", ::getpid()),
+                                        &serverChanged, this, failure);
         if (!server_ || avahi_threaded_poll_start(poll_) != 0) {
             fail(failure);
         }

@@ -5,8 +5,6 @@
 
 namespace krv {
 
-ReliabilityDecision::~ReliabilityDecision() = default;
-
 bool isBaseObjectSelector(Selector selector) noexcept {
     static constexpr std::array<std::string_view, 14> kBaseObjectSelectors{"class",          "conformsToProtocol:",
                                                                            "dealloc",        "debugDescription",

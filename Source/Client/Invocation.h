@@ -25,11 +25,4 @@ struct Invocation {
 /// Whether every object answers the selector, such as "description": such calls are never worth retrying.
 [[nodiscard]] KRV_EXPORT bool isBaseObjectSelector(Selector selector) noexcept;
 
-/// An object that decides which of its calls are worth retrying.
-class KRV_EXPORT ReliabilityDecision {
-public:
-    virtual ~ReliabilityDecision();
-    [[nodiscard]] virtual bool doesOperationNeedToBeReliable(const Invocation& invocation) const = 0;
-};
-
 }  // namespace krv

@@ -6,12 +6,12 @@
 #include <span>
 #include <string_view>
 
-#include <KRVQTProcessClient/Common/EncodingParameters.h>
 #include <KRVQTProcessClient/Foundation/Dictionary.h>
 #include <KRVQTProcessClient/Foundation/Error.h>
 #include <KRVQTProcessClient/Foundation/Export.h>
 #include <KRVQTProcessClient/Foundation/Selector.h>
 #include <KRVQTProcessClient/Foundation/Value.h>
+#include <KRVQTProcessClient/Operations/EncodingParameters.h>
 #include <KRVQTProcessClient/Operations/OperationProgress.h>
 #include <KRVQTProcessClient/Transports/KRVOperationTransport.h>
 

@@ -2,7 +2,7 @@
 #include <utility>
 
 #include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
-#include <KRVQTProcessClient/Shared/Log.h>
+#include <KRVQTProcessClient/Logging/Log.h>
 
 namespace krv {
 namespace {
@@ -12,9 +12,6 @@ constexpr LogSite site(std::string_view function, LogContext context = kLogConte
 }
 
 }  // namespace
-
-KRVReliableQTProcessOperations::~KRVReliableQTProcessOperations() = default;
-KRVQTProcessOperations::~KRVQTProcessOperations() = default;
 
 TransportInvocation::Reply KRVQuicktimeProcessClient::call(const Ref& operation, ErrorOut error) const {
     return TransportInvocation::invocationWith(operation, clock_)->invokeOverTransport(transport(), error);

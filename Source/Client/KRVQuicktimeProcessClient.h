@@ -5,6 +5,7 @@
 
 #include <KRVQTProcessClient/Client/Invocation.h>
 #include <KRVQTProcessClient/Client/KRVQTProcessOperations.h>
+#include <KRVQTProcessClient/Client/ReliabilityDecision.h>
 #include <KRVQTProcessClient/Client/ServerRunner.h>
 #include <KRVQTProcessClient/Client/TransportInvocation.h>
 #include <KRVQTProcessClient/Foundation/Export.h>

@@ -10,8 +10,8 @@
 #include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
 #include <KRVQTProcessClient/Client/ReliabilityProxy.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Logging/Log.h>
 #include <KRVQTProcessClient/Platform/RunLoop.h>
-#include <KRVQTProcessClient/Shared/Log.h>
 #include <KRVQTProcessClient/Transports/KRVHTTPClientTransport.h>
 
 namespace krv {

@@ -12,10 +12,11 @@
 
 #include <fmt/format.h>
 
+#include <KRVQTProcessClient/Client/ReliabilityDecision.h>
 #include <KRVQTProcessClient/Client/ReliabilityProxy.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Logging/Log.h>
 #include <KRVQTProcessClient/Platform/RunLoop.h>
-#include <KRVQTProcessClient/Shared/Log.h>
 
 namespace krv {
 namespace {

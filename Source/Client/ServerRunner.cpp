@@ -76,7 +76,7 @@
 #include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
 #include <KRVQTProcessClient/Client/ServerRunner.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
-#include <KRVQTProcessClient/Shared/Log.h>
+#include <KRVQTProcessClient/Logging/Log.h>
 
 namespace krv {
 namespace {

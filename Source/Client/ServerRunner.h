@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include <KRVQTProcessClient/Client/HTTPServerDiscovery.h>
+#include <KRVQTProcessClient/Discovery/HTTPServerDiscovery.h>
 #include <KRVQTProcessClient/Foundation/Export.h>
 #include <KRVQTProcessClient/Foundation/Mutex.h>
 #include <KRVQTProcessClient/Monitoring/KRVNSTimer.h>

@@ -7,7 +7,7 @@
 
 #include <KRVQTProcessClient/Client/ServerRunner.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
-#include <KRVQTProcessClient/Shared/Log.h>
+#include <KRVQTProcessClient/Logging/Log.h>
 
 namespace krv {
 

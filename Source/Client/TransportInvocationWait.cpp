@@ -22,7 +22,7 @@
 #include <fmt/format.h>
 
 #include <KRVQTProcessClient/Client/TransportInvocation.h>
-#include <KRVQTProcessClient/Shared/Log.h>
+#include <KRVQTProcessClient/Logging/Log.h>
 
 namespace krv {
 namespace {

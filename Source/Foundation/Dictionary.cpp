@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include <KRVQTProcessClient/Foundation/Description.h>
 #include <KRVQTProcessClient/Foundation/Dictionary.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
 
@@ -90,6 +91,10 @@ void Dictionary::remove(std::string_view key) {
     if (it != entries_.end() && *it->first == key) {
         entries_.erase(it);
     }
+}
+
+std::string Dictionary::description() const {
+    return describe(*this);
 }
 
 bool operator==(const Dictionary& a, const Dictionary& b) {

@@ -3,8 +3,8 @@
 
 #include <unistd.h>
 
+#include <KRVQTProcessClient/Logging/Log.h>
 #include <KRVQTProcessClient/Monitoring/KRVProcessMonitor.h>
-#include <KRVQTProcessClient/Shared/Log.h>
 
 namespace krv {
 

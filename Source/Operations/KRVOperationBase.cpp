@@ -5,7 +5,7 @@
 #include <fmt/format.h>
 
 #include <KRVQTProcessClient/Operations/KRVOperationBase.h>
-#include <KRVQTProcessClient/Shared/VideoConversion.h>
+#include <KRVQTProcessClient/Operations/VideoConversion.h>
 
 namespace krv {
 

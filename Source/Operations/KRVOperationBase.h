@@ -6,13 +6,13 @@
 #include <string>
 #include <string_view>
 
-#include <KRVQTProcessClient/Common/EncodingParameters.h>
 #include <KRVQTProcessClient/Foundation/Archivable.h>
 #include <KRVQTProcessClient/Foundation/Dictionary.h>
 #include <KRVQTProcessClient/Foundation/Error.h>
 #include <KRVQTProcessClient/Foundation/Export.h>
 #include <KRVQTProcessClient/Foundation/Mutex.h>
 #include <KRVQTProcessClient/Foundation/Value.h>
+#include <KRVQTProcessClient/Operations/EncodingParameters.h>
 #include <KRVQTProcessClient/Operations/OperationKeys.h>
 #include <KRVQTProcessClient/Operations/OperationProgress.h>
 #include <KRVQTProcessClient/Operations/OperationType.h>

@@ -2,8 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <KRVQTProcessClient/Logging/Log.h>
 #include <KRVQTProcessClient/Operations/OperationErrors.h>
-#include <KRVQTProcessClient/Shared/Log.h>
 #include <KRVQTProcessClient/Transports/KRVHTTPClientTransport.h>
 
 namespace krv {

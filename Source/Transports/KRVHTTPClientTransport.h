@@ -2,8 +2,9 @@
 
 #include <memory>
 
+#include <KRVQTProcessClient/Discovery/ServicePort.h>
 #include <KRVQTProcessClient/Foundation/Export.h>
-#include <KRVQTProcessClient/Platform/HTTPRequest.h>
+#include <KRVQTProcessClient/Platform/HTTPClient.h>
 #include <KRVQTProcessClient/Transports/KRVOperationTransport.h>
 
 namespace krv {

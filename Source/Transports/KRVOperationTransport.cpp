@@ -8,6 +8,5 @@ constinit const std::string_view kKRVQTProcessPing = "kKRVQuicktimeProcessPing";
 constinit const std::string_view kHTTPServerNSURLConnectionError = "kHTTPServerNSURLConnectionError";
 
 KRVTransport::~KRVTransport() = default;
-ServicePort::~ServicePort() = default;
 
 }  // namespace krv

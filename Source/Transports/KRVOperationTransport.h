@@ -39,12 +39,4 @@ public:
     [[nodiscard]] virtual std::string description() const = 0;
 };
 
-/// Where a transport learns the server's port before each call.
-class KRV_EXPORT ServicePort {
-public:
-    virtual ~ServicePort();
-    /// 0: not known yet. -1: known to be absent. 1 and above: the port. May change between two calls; any thread.
-    [[nodiscard]] virtual long servicePortNumber() const = 0;
-};
-
 }  // namespace krv

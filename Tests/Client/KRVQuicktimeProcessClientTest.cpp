@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
+#include <KRVQTProcessClient/Logging/Fakes/LogRecorder.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeClock.h>
-#include <KRVQTProcessClient/Shared/Fakes/LogRecorder.h>
 #include <KRVQTProcessClient/Transports/Fakes/ScriptedTransport.h>
 
 namespace krv {

@@ -7,10 +7,11 @@
 #include <gtest/gtest.h>
 
 #include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
+#include <KRVQTProcessClient/Client/ReliabilityDecision.h>
 #include <KRVQTProcessClient/Client/ReliabilityProxy.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Logging/Fakes/LogRecorder.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeRunLoop.h>
-#include <KRVQTProcessClient/Shared/Fakes/LogRecorder.h>
 #include <KRVQTProcessClient/Transports/Fakes/ScriptedTransport.h>
 
 namespace krv {

@@ -10,11 +10,11 @@
 #include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
 #include <KRVQTProcessClient/Client/ServerRunner.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Logging/Fakes/LogRecorder.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeHTTPClient.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeProcessTable.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeRunLoop.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeServiceBrowser.h>
-#include <KRVQTProcessClient/Shared/Fakes/LogRecorder.h>
 #include <KRVQTProcessClient/Transports/Fakes/ScriptedTransport.h>
 
 #include "TemporaryFolder.h"

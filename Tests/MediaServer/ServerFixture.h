@@ -22,7 +22,7 @@
 #include <nlohmann/json.hpp>
 
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
-#include <KRVQTProcessClient/Platform/HTTPRequest.h>
+#include <KRVQTProcessClient/Platform/HTTPClient.h>
 
 #include "ChildProcess.h"
 #include "FixedPort.h"

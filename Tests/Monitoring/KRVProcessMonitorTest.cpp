@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <KRVQTProcessClient/Logging/Fakes/LogRecorder.h>
 #include <KRVQTProcessClient/Monitoring/KRVProcessMonitor.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeProcessTable.h>
-#include <KRVQTProcessClient/Shared/Fakes/LogRecorder.h>
 
 namespace krv {
 namespace {

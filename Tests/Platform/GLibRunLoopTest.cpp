@@ -6,9 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Logging/DDLog.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeRunLoop.h>
 #include <KRVQTProcessClient/Platform/RunLoop.h>
-#include <KRVQTProcessClient/Shared/DDLog.h>
 
 namespace krv {
 namespace {

@@ -9,7 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <KRVQTProcessClient/Platform/Fakes/FakeHTTPClient.h>
-#include <KRVQTProcessClient/Platform/HTTPRequest.h>
+#include <KRVQTProcessClient/Platform/HTTPClient.h>
 
 #include "ScriptedServerProcess.h"
 

@@ -13,7 +13,7 @@
 #include <gio/gio.h>
 
 #include <KRVQTProcessClient/Platform/Bundle.h>
-#include <KRVQTProcessClient/Platform/HTTPRequest.h>
+#include <KRVQTProcessClient/Platform/HTTPClient.h>
 #include <KRVQTProcessClient/Platform/UserDefaults.h>
 
 namespace {

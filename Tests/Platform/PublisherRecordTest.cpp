@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <KRVQTProcessClient/Platform/Fakes/FakeProcessTable.h>
-#include <KRVQTProcessClient/Platform/Linux/PublisherRecord.h>
+#include <KRVQTProcessClient/Platform/MulticastDNS/PublisherRecord.h>
 
 namespace krv {
 namespace {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <KRVQTProcessClient/Transports/KRVOperationTransport.h>
+#include <KRVQTProcessClient/Discovery/ServicePort.h>
 
 namespace krv::test {
 

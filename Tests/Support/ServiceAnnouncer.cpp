@@ -22,7 +22,7 @@
 #include <avahi-core/core.h>
 #include <avahi-core/publish.h>
 
-#include "LoopbackServer.h"
+#include <KRVQTProcessClient/Platform/MulticastDNS/MulticastResponder.h>
 
 namespace {
 
@@ -113,7 +113,7 @@ int main(int argc, char** argv) {
     const AvahiPoll* api = avahi_simple_poll_get(announcer.poll);
     int failure = 0;
     announcer.server =
-        krv::newLoopbackServer(api, "announcer-" + std::to_string(::getpid()), &serverChanged, &announcer, failure);
+        krv::newMulticastResponder(api, "announcer-" + std::to_string(::getpid()), &serverChanged, &announcer, failure);
     if (!announcer.server) {
         std::fprintf(stderr, "cannot start: %s\n", avahi_strerror(failure));
         return 1;

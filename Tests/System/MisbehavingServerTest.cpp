@@ -1,7 +1,7 @@
 // What an application meets when something else than the media server stands behind its name: a program that speaks
 // HTTP, and nothing of what is said there.
-#include <KRVQTProcessClient/Client/HTTPServerDiscovery.h>
-#include <KRVQTProcessClient/Client/ServerNaming.h>
+#include <KRVQTProcessClient/Discovery/HTTPServerDiscovery.h>
+#include <KRVQTProcessClient/Discovery/ServerNaming.h>
 
 #include "ScriptedServerProcess.h"
 #include "SystemFixture.h"

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <KRVQTProcessClient/Logging/Fakes/LogRecorder.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeHTTPClient.h>
-#include <KRVQTProcessClient/Shared/Fakes/LogRecorder.h>
 #include <KRVQTProcessClient/Transports/KRVHTTPClientTransport.h>
 
 namespace krv {

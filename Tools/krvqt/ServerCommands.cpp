@@ -1,7 +1,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-#include <KRVQTProcessClient/Platform/HTTPRequest.h>
+#include <KRVQTProcessClient/Platform/HTTPClient.h>
 
 #include "Commands.h"
 #include "FailureText.h"

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include <KRVQTProcessClient/Foundation/Mutex.h>
-#include <KRVQTProcessClient/Platform/HTTPRequest.h>
+#include <KRVQTProcessClient/Platform/HTTPClient.h>
 
 namespace krv {
 

@@ -30,12 +30,12 @@
 #include <fmt/format.h>
 
 #include <KRVQTProcessClient/Foundation/Mutex.h>
+#include <KRVQTProcessClient/Platform/MulticastDNS/PublisherRecord.h>
 #include <KRVQTProcessClient/Platform/ServiceBrowser.h>
 
 #include "LoopReach.h"
 #include "LoopbackResponder.h"
 #include "PublishedName.h"
-#include "PublisherRecord.h"
 #include "SocketDiagnostics.h"
 
 namespace krv {

@@ -14,6 +14,7 @@
 
 #include "BundlePaths.h"
 #include "InfoPropertyList.h"
+#include "ProcessFiles.h"
 #include "SmallFile.h"
 
 namespace krv {
@@ -36,13 +37,9 @@ ApplicationName& applicationName() {
 
 std::string executablePath() {
     std::error_code failure;
-    std::string path = fs::read_symlink("/proc/self/exe", failure).string();
-    // An executable that has been replaced while it runs still tells where it stood.
-    constexpr std::string_view kDeleted = " (deleted)";
-    if (path.ends_with(kDeleted) && !fs::exists(path, failure)) {
-        path.resize(path.size() - kDeleted.size());
-    }
-    return path;
+    const std::string path = fs::read_symlink("/proc/self/exe", failure).string();
+    // The resources of an executable that was replaced while it runs are still beside its old path.
+    return fs::exists(path, failure) ? path : std::string(withoutDeletedMark(path));
 }
 
 std::optional<std::string> firstExisting(const std::vector<std::string>& directories,

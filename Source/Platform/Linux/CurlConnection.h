@@ -6,7 +6,7 @@
 
 #include <curl/curl.h>
 
-#include <KRVQTProcessClient/Platform/HTTPRequest.h>
+#include <KRVQTProcessClient/Platform/HTTPClient.h>
 
 namespace krv {
 

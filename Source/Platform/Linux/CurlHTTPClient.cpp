@@ -3,7 +3,7 @@
 
 #include <curl/curl.h>
 
-#include <KRVQTProcessClient/Platform/HTTPRequest.h>
+#include <KRVQTProcessClient/Platform/HTTPClient.h>
 
 #include "CurlConnection.h"
 

@@ -4,8 +4,8 @@
 #include <unistd.h>
 
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Logging/Log.h>
 #include <KRVQTProcessClient/Platform/Linux/GLibRunLoop.h>
-#include <KRVQTProcessClient/Shared/Log.h>
 
 // GLib's frames must not see an exception, so dispatch() catches what a call-back throws and the turn ends
 // there: every dispatch is followed by a return to runUntil or run, which raises it. When the application

@@ -9,9 +9,9 @@
 
 #include <gio/gio.h>
 
+#include <KRVQTProcessClient/Logging/Log.h>
 #include <KRVQTProcessClient/Platform/PowerEvents.h>
 #include <KRVQTProcessClient/Platform/RunLoop.h>
-#include <KRVQTProcessClient/Shared/Log.h>
 
 namespace krv {
 

@@ -12,9 +12,8 @@
 #include <avahi-core/log.h>
 #include <fmt/format.h>
 
-#include <KRVQTProcessClient/Shared/Log.h>
-
-#include "LoopbackServer.h"
+#include <KRVQTProcessClient/Logging/Log.h>
+#include <KRVQTProcessClient/Platform/MulticastDNS/MulticastResponder.h>
 
 namespace krv {
 namespace {
@@ -44,8 +43,8 @@ std::unique_ptr<LoopbackResponder> LoopbackResponder::start() {
     static std::atomic<unsigned> number{0};
     int failure = 0;
     responder->server_ =
-        newLoopbackServer(avahi_threaded_poll_get(responder->poll_), fmt::format("krv-{}-{}", ::getpid(), ++number),
-                          &stateChanged, nullptr, failure);
+        newMulticastResponder(avahi_threaded_poll_get(responder->poll_), fmt::format("krv-{}-{}", ::getpid(), ++number),
+                              &stateChanged, nullptr, failure);
     if (!responder->server_ || avahi_threaded_poll_start(responder->poll_) != 0) {
         KRV_LOG(kLogFlagInfo, kSite, "Service discovery is not available: {}", avahi_strerror(failure));
         return nullptr;

@@ -6,10 +6,10 @@
 #include <curl/curl.h>
 #include <fmt/format.h>
 
+#include <KRVQTProcessClient/Platform/Port.h>
+
 namespace krv {
 namespace {
-
-constexpr long kHighestPort = 65535;
 
 struct CurlURL {
     CURLU* const handle = curl_url();

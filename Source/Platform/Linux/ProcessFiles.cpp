@@ -35,11 +35,16 @@ bool isDeadState(char state) noexcept {
     return state == 'Z' || state == 'X' || state == 'x';
 }
 
-std::string executableName(std::string_view path) {
+std::string_view withoutDeletedMark(std::string_view path) noexcept {
     constexpr std::string_view kDeleted = " (deleted)";
-    if (path.size() > kDeleted.size() && path.substr(path.size() - kDeleted.size()) == kDeleted) {
+    if (path.size() > kDeleted.size() && path.ends_with(kDeleted)) {
         path.remove_suffix(kDeleted.size());
     }
+    return path;
+}
+
+std::string executableName(std::string_view path) {
+    path = withoutDeletedMark(path);
     const std::size_t slash = path.rfind('/');
     return std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
 }

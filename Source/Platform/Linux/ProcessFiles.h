@@ -23,7 +23,10 @@ struct ProcessStat {
 /// Whether a process in this state has ended already.
 [[nodiscard]] bool isDeadState(char state) noexcept;
 
-/// The file name of an executable's path as the kernel gives it, without the " (deleted)" of a file that was replaced.
+/// Returns the path without the " (deleted)" that the kernel appends to that of a file which was replaced or removed.
+[[nodiscard]] std::string_view withoutDeletedMark(std::string_view path) noexcept;
+
+/// Returns the file name of an executable's path as the kernel gives it, without the mark of a deleted file.
 [[nodiscard]] std::string executableName(std::string_view path);
 
 }  // namespace krv

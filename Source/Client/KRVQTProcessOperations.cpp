@@ -1,0 +1,8 @@
+#include <KRVQTProcessClient/Client/KRVQTProcessOperations.h>
+
+namespace krv {
+
+KRVReliableQTProcessOperations::~KRVReliableQTProcessOperations() = default;
+KRVQTProcessOperations::~KRVQTProcessOperations() = default;
+
+}  // namespace krv

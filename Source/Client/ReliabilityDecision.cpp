@@ -1,0 +1,7 @@
+#include <KRVQTProcessClient/Client/ReliabilityDecision.h>
+
+namespace krv {
+
+ReliabilityDecision::~ReliabilityDecision() = default;
+
+}  // namespace krv

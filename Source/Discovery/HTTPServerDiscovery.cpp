@@ -1,0 +1,259 @@
+#include <algorithm>
+#include <thread>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include <KRVQTProcessClient/Discovery/HTTPServerDiscovery.h>
+#include <KRVQTProcessClient/Discovery/PortNumbering.h>
+#include <KRVQTProcessClient/Discovery/ServerNaming.h>
+#include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Logging/Log.h>
+#include <KRVQTProcessClient/Platform/Port.h>
+
+namespace krv {
+
+constinit const std::string_view kHTTPServerDiscoveryDefaultServiceName = "KRVQuicktimeProcess";
+constinit const std::string_view kHTTPServerDiscoveryServiceChangeNotification =
+    "kHTTPServerDiscoveryServiceChangeNotification";
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::string_view kServiceType = "_http._tcp.";
+constexpr std::string_view kDomain = "local.";
+constexpr auto kResolveTimeout = 5s;
+/// After a resolved or unresolvable service and after a successful poll.
+constexpr auto kRestartAfterResult = 1s;
+/// After a batch without a match, and when the application misses the server.
+constexpr auto kRestartAfterAbsence = 250ms;
+constexpr auto kPollingDelay = 5s;
+constexpr auto kPollTimeout = 1s;
+constexpr std::int32_t kPolledPorts = 10;
+/// A timer that never fires in a process's life; it only gives the thread's run loop something to wait for.
+constexpr auto kKeepAliveInterval = 2147483647s;
+constexpr auto kRunLoopPeriod = 4294967295s;
+constexpr long kAbsent = -1;
+
+constexpr LogSite site(std::string_view function, std::uint32_t mask = 0) {
+    return {"Source/Client/HTTPServerDiscovery", Selector(function), mask};
+}
+
+/// The shared instance and its lock. Never destroyed: threads may ask for it until the process ends.
+struct SharedInstance {
+    RecursiveMutex mutex;
+    std::shared_ptr<HTTPServerDiscovery> discovery KRV_GUARDED_BY(mutex);
+};
+
+SharedInstance& sharedInstance() {
+    static auto* instance = new SharedInstance;
+    return *instance;
+}
+
+}  // namespace
+
+std::shared_ptr<HTTPServerDiscovery> HTTPServerDiscovery::defaultInstance() {
+    SharedInstance& shared = sharedInstance();
+    const LockGuard lock(shared.mutex);
+    if (!shared.discovery) {
+        shared.discovery = make(Environment{});
+    }
+    return shared.discovery;
+}
+
+void HTTPServerDiscovery::destroyDefaultInstance() {
+    SharedInstance& shared = sharedInstance();
+    const LockGuard lock(shared.mutex);
+    if (shared.discovery) {
+        KRV_LOG(kLogFlagWarning, site("destroyDefaultInstance"), "Default discovery being destroyed");
+        shared.discovery.reset();
+    }
+}
+
+void HTTPServerDiscovery::startDetachedThread(std::function<void()> body) {
+    std::thread(std::move(body)).detach();
+}
+
+std::shared_ptr<HTTPServerDiscovery> HTTPServerDiscovery::make(Environment environment) {
+    const std::shared_ptr<HTTPServerDiscovery> discovery(new HTTPServerDiscovery(std::move(environment)));
+    const LogSite init = site("init");
+    KRV_LOG(kLogFlagInfo, init, "HTTP Server discovery initializing with name: {}",
+            kHTTPServerDiscoveryDefaultServiceName);
+    discovery->setServiceName(ServerNaming::machineSpecificNameFor(kHTTPServerDiscoveryDefaultServiceName));
+    KRV_LOG(kLogFlagInfo, init, "HTTP Discovery will look for: {}", discovery->serviceName());
+    const auto browser = discovery->environment_.makeBrowser();
+    discovery->setBrowser(browser);
+    browser->setDelegate(discovery);
+    discovery->environment_.startThread([discovery] { discovery->startDiscoveryOnThread(); });
+    return discovery;
+}
+
+HTTPServerDiscovery::HTTPServerDiscovery(Environment environment)
+    : environment_(std::move(environment)) {}
+
+HTTPServerDiscovery::~HTTPServerDiscovery() {
+    if (browser_) {
+        browser_->stop();
+    }
+    SharedInstance& shared = sharedInstance();
+    std::shared_ptr<HTTPServerDiscovery> dropped;
+    const LockGuard lock(shared.mutex);
+    dropped.swap(shared.discovery);
+}
+
+std::string HTTPServerDiscovery::serviceName() const {
+    const LockGuard lock(mutex_);
+    return serviceName_;
+}
+
+void HTTPServerDiscovery::setServiceName(std::string serviceName) {
+    const LockGuard lock(mutex_);
+    serviceName_.swap(serviceName);
+}
+
+std::shared_ptr<ServiceBrowser> HTTPServerDiscovery::browser() const {
+    const LockGuard lock(mutex_);
+    return browser_;
+}
+
+void HTTPServerDiscovery::setBrowser(std::shared_ptr<ServiceBrowser> browser) {
+    const LockGuard lock(mutex_);
+    browser_.swap(browser);
+}
+
+void HTTPServerDiscovery::startDiscoveryOnThread() {
+    RunLoop& loop = environment_.currentLoop();
+    const auto keepAlive = loop.scheduleTimer(kKeepAliveInterval, [] {});
+    const auto terminating = [&] {
+        KRV_LOG(kLogFlagWarning, site("startDiscoveryOnThread"), "HTTP discovery search is terminating");
+        keepAlive->invalidate();
+    };
+    try {
+        KRV_LOG(kLogFlagInfo, site("startDiscoveryOnThread"), "HTTP Server Discovery started searching...");
+        startSearch();
+        for (;;) {
+            loop.runUntil(environment_.now() + kRunLoopPeriod);
+        }
+    } catch (const Exception& exception) {
+        KRV_LOG(kLogFlagError, site("startDiscoveryOnThread"), "Exception in HTTPDiscovery: {}",
+                exception.description());
+        terminating();
+    } catch (...) {
+        terminating();
+        throw;
+    }
+}
+
+void HTTPServerDiscovery::startSearch() {
+    if (const auto current = browser()) {
+        current->searchForServicesOfType(kServiceType, kDomain);
+    }
+}
+
+void HTTPServerDiscovery::stopSearch() {
+    if (const auto current = browser()) {
+        current->stop();
+    }
+    environment_.currentLoop().cancelPerform(this, kFallbackToHTTPPolling);
+}
+
+void HTTPServerDiscovery::didFindService(const std::shared_ptr<ServiceBrowser>& browser,
+                                         const std::shared_ptr<NetService>& service, bool moreComing) {
+    const LogSite here = site("netServiceBrowser:didFindService:moreComing:", kLoggingHTTPDiscovery);
+    KRV_LOG(kLogFlagVerbose, here, "Observing network service: {}. More on the way?:{}",
+            service ? service->name() : "(null)", moreComing ? 1 : 0);
+    const std::string ours = serviceName();
+    if (service && service->name() == ours) {
+        KRV_LOG(kLogFlagVerbose, here, "{} is up. Will now resolve.", ours);
+        browser->stop();
+        {
+            const LockGuard lock(mutex_);
+            resolving_ = service;
+        }
+        service->setDelegate(weak_from_this());
+        service->resolveWithTimeout(kResolveTimeout);
+    } else if (!moreComing) {
+        KRV_LOG(kLogFlagVerbose, here, "{} is down. Will begin search again shortly.", ours);
+        resolvedToPort(kAbsent, kRestartAfterAbsence);
+    }
+}
+
+void HTTPServerDiscovery::netServiceDidResolveAddress(const std::shared_ptr<NetService>& service) {
+    resolvedToPort(service->port(), kRestartAfterResult);
+    const LockGuard lock(mutex_);
+    resolving_.reset();
+}
+
+void HTTPServerDiscovery::didNotResolve(const std::shared_ptr<NetService>& /*service*/) {
+    KRV_LOG(kLogFlagVerbose, site("netService:didNotResolve:", kLoggingHTTPDiscovery), "Failed to resolve {}.",
+            serviceName());
+    resolvedToPort(kAbsent, kRestartAfterResult);
+    const LockGuard lock(mutex_);
+    resolving_.reset();
+}
+
+void HTTPServerDiscovery::resolvedToPort(long port, Clock::Duration beginAgainIn) {
+    if (port < 1) {
+        setServicePortNumber(kAbsent);
+    } else {
+        // The line shows the port known until now, so that a change can be read off two successive lines.
+        KRV_LOG(kLogFlagVerbose, site("resolvedToPort:beginAgainIn:", kLoggingHTTPDiscovery),
+                "Resolved {}. It has port: {}", serviceName(), servicePortNumber());
+        setServicePortNumber(port);
+    }
+    environment_.notificationCenter().post({.name = std::string(kHTTPServerDiscoveryServiceChangeNotification),
+                                            .value = static_cast<std::int32_t>(servicePortNumber()),
+                                            .object = nullptr});
+    if (beginAgainIn != Clock::Duration::zero()) {
+        stopSearch();
+        beginSearchAgainIn(beginAgainIn);
+    }
+}
+
+void HTTPServerDiscovery::beginSearchAgainIn(Clock::Duration delay) {
+    const auto self = shared_from_this();
+    // Armed before the thread is looked at: a call from another thread leaves a poll on that thread's loop as well.
+    RunLoop& current = environment_.currentLoop();
+    current.cancelPerform(this, kFallbackToHTTPPolling);
+    current.performAfterDelay(kPollingDelay, self, kFallbackToHTTPPolling, [self] { self->fallbackToHTTPPolling(); });
+
+    const LogSite here = site("beginSearchAgainIn:", kLoggingHTTPDiscovery);
+    const double seconds = secondsFromDuration(delay);
+    if (!environment_.isMainThread()) {
+        KRV_LOG(kLogFlagInfo, here, "Pushing request to begin search again in {:2.2f}s to main thread", seconds);
+        environment_.mainLoop().perform([self, seconds] { self->beginSearchAgainWithNumber(seconds); });
+        return;
+    }
+    KRV_LOG(kLogFlagInfo, here, "Beginning HTTP Server search in {:2.2f}s", seconds);
+    environment_.mainLoop().performAfterDelay(delay, self, kStartSearch, [self] { self->startSearch(); });
+}
+
+void HTTPServerDiscovery::beginSearchAgainWithNumber(double seconds) {
+    beginSearchAgainIn(durationFromSeconds(seconds));
+}
+
+void HTTPServerDiscovery::fallbackToHTTPPolling() {
+    const auto bound = [] { return std::min(PortNumbering::minimumPortNumber() + kPolledPorts, kHighestPort); };
+    for (std::int32_t port = PortNumbering::minimumPortNumber(); port < bound(); ++port) {
+        const HTTPResponse response = environment_.httpClient().send(
+            {.url = fmt::format("http://localhost:{}/status", port), .body = std::nullopt, .timeout = kPollTimeout});
+        if (response.body && !response.error) {
+            resolvedToPort(port, kRestartAfterResult);
+            return;
+        }
+    }
+    // The numbers are those of the default range, whatever the settings say.
+    KRV_LOG(kLogFlagInfo, site("fallbackToHTTPPolling"), "Couldn't find server on ports {}-{} via HTTP polling",
+            kMinPortNumber, kMinPortNumber + kPolledPorts);
+}
+
+void HTTPServerDiscovery::serverIsntThere() {
+    const LogSite here = site("serverIsntThere");
+    KRV_LOG(kLogFlagInfo, here, "App is saying server isn't there - and forcing service refresh");
+    const auto current = browser();
+    KRV_LOG(kLogFlagInfo, here, "Current browser is: {}", current ? current->description() : "(null)");
+    resolvedToPort(kAbsent, kRestartAfterAbsence);
+}
+
+}  // namespace krv

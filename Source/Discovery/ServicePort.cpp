@@ -1,0 +1,7 @@
+#include <KRVQTProcessClient/Discovery/ServicePort.h>
+
+namespace krv {
+
+ServicePort::~ServicePort() = default;
+
+}  // namespace krv

@@ -1,0 +1,7 @@
+#include <KRVQTProcessClient/Platform/HTTPClient.h>
+
+namespace krv {
+
+HTTPClient::~HTTPClient() = default;
+
+}  // namespace krv

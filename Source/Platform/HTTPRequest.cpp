@@ -1,7 +1,0 @@
-#include <KRVQTProcessClient/Platform/HTTPRequest.h>
-
-namespace krv {
-
-HTTPClient::~HTTPClient() = default;
-
-}  // namespace krv

@@ -1,0 +1,44 @@
+#include <charconv>
+#include <optional>
+
+#include <fmt/format.h>
+
+#include <KRVQTProcessClient/Platform/MulticastDNS/PublisherRecord.h>
+
+namespace krv {
+namespace {
+
+constexpr std::string_view kProcess = "pid=";
+constexpr std::string_view kStart = "start=";
+
+template <typename Number>
+std::optional<Number> value(std::span<const std::string> text, std::string_view key) {
+    for (const std::string_view entry : text) {
+        if (entry.starts_with(key)) {
+            const std::string_view digits = entry.substr(key.size());
+            Number number{};
+            const auto [end, failure] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+            return failure == std::errc() && end == digits.data() + digits.size() ? std::optional(number)
+                                                                                  : std::nullopt;
+        }
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::vector<std::string> publisherRecord(const ProcessInfo& process) {
+    return {fmt::format("{}{}", kProcess, process.pid), fmt::format("{}{}", kStart, process.startTime)};
+}
+
+bool publisherHasGone(std::span<const std::string> text, const ProcessTable& processes) {
+    const auto pid = value<pid_t>(text, kProcess);
+    const auto start = value<std::uint64_t>(text, kStart);
+    if (!pid || !start) {
+        return false;
+    }
+    const auto process = processes.process(*pid);
+    return !process || process->startTime != *start;
+}
+
+}  // namespace krv

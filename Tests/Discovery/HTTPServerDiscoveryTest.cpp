@@ -1,0 +1,355 @@
+#include <stdexcept>
+
+#include <gtest/gtest.h>
+
+#include <KRVQTProcessClient/Discovery/HTTPServerDiscovery.h>
+#include <KRVQTProcessClient/Discovery/ServerNaming.h>
+#include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Logging/Fakes/LogRecorder.h>
+#include <KRVQTProcessClient/Platform/Fakes/FakeHTTPClient.h>
+#include <KRVQTProcessClient/Platform/Fakes/FakeRunLoop.h>
+#include <KRVQTProcessClient/Platform/Fakes/FakeServiceBrowser.h>
+#include <KRVQTProcessClient/Platform/UserDefaults.h>
+
+namespace krv {
+namespace {
+
+using namespace std::chrono_literals;
+using Services = std::vector<std::shared_ptr<NetService>>;
+using Texts = std::vector<std::string>;
+
+/// A discovery whose thread is not started until a test does it, on a main loop in virtual time.
+class Discovery : public testing::Test {
+protected:
+    Discovery() {
+        UserDefaults::standard().removeKey("minimumPortNumber");
+        environment.makeBrowser = [this] { return browser; };
+        environment.mainLoop = [this]() -> RunLoop& { return mainLoop; };
+        environment.currentLoop = [this]() -> RunLoop& { return onMainThread ? mainLoop : otherLoop; };
+        environment.isMainThread = [this] { return onMainThread; };
+        environment.startThread = [this](std::function<void()> body) { thread = std::move(body); };
+        environment.now = [this] { return clock.now(); };
+        environment.httpClient = [this]() -> HTTPClient& { return http; };
+        environment.notificationCenter = [this]() -> NotificationCenter& { return center; };
+        token = center.addObserver(kHTTPServerDiscoveryServiceChangeNotification, [this](const Notification& n) {
+            ports.push_back(n.value.integerValue());
+            EXPECT_EQ(n.value.kind(), Value::Kind::Integer);
+            if (onNotification) {
+                onNotification();
+            }
+        });
+        discovery = HTTPServerDiscovery::make(environment);
+        name = discovery->serviceName();
+    }
+    ~Discovery() override {
+        center.removeObserver(token);
+        discovery->stopSearch();
+    }
+
+    std::shared_ptr<FakeNetService> ours(long port) { return std::make_shared<FakeNetService>(name, port); }
+    static std::shared_ptr<FakeNetService> foreign(const char* its = "foreign") {
+        return std::make_shared<FakeNetService>(its, 9999);
+    }
+    std::size_t searches() const { return browser->searches().size(); }
+
+    FakeClock clock;
+    FakeRunLoop mainLoop{clock};
+    FakeRunLoop otherLoop{clock};
+    RunLoop::Replacement replacement{mainLoop};
+    FakeHTTPClient http;
+    NotificationCenter center;
+    NotificationCenter::Token token;
+    std::shared_ptr<FakeServiceBrowser> browser = std::make_shared<FakeServiceBrowser>();
+    HTTPServerDiscovery::Environment environment;
+    bool onMainThread = true;
+    std::function<void()> thread;
+    std::function<void()> onNotification;
+    std::vector<std::int64_t> ports;
+    std::shared_ptr<HTTPServerDiscovery> discovery;
+    std::string name;
+};
+
+TEST_F(Discovery, KnowsNothingBeforeTheFirstResult) {
+    EXPECT_EQ(discovery->servicePortNumber(), 0);
+    EXPECT_TRUE(ports.empty());
+    EXPECT_EQ(name, ServerNaming::machineSpecificNameFor("KRVQuicktimeProcess"));
+    EXPECT_EQ(discovery->browser(), browser);
+    EXPECT_EQ(searches(), 0U);
+}
+
+TEST_F(Discovery, LogsWhatItWillLookFor) {
+    LogRecorder log(15, 0);
+    const auto another = HTTPServerDiscovery::make(environment);
+    EXPECT_EQ(log.texts(), (Texts{"HTTP Server discovery initializing with name: KRVQuicktimeProcess",
+                                  "HTTP Discovery will look for: " + name}));
+    EXPECT_EQ(log.lines()[0].flag, kLogFlagInfo);
+    EXPECT_EQ(log.lines()[0].context, kLogContextClient);
+    EXPECT_EQ(log.lines()[0].function, "init");
+}
+
+TEST_F(Discovery, ItsThreadBrowsesForHTTPServicesOfTheLocalDomain) {
+    // The loop of the thread ends with an exception, as the only way out of it.
+    onMainThread = false;
+    otherLoop.performAfterDelay(1s, discovery, Selector("test"), [] { throw Exception("Test", "stop here"); });
+    LogRecorder log(15, 0);
+    thread();
+    ASSERT_EQ(searches(), 1U);
+    EXPECT_EQ(browser->searches()[0], std::make_pair(std::string("_http._tcp."), std::string("local.")));
+    EXPECT_EQ(log.texts(), (Texts{"HTTP Server Discovery started searching...", "Exception in HTTPDiscovery: stop here",
+                                  "HTTP discovery search is terminating"}));
+    EXPECT_EQ(log.lines()[1].flag, kLogFlagError);
+    EXPECT_EQ(log.lines()[2].flag, kLogFlagWarning);
+}
+
+TEST_F(Discovery, AnExceptionOfAnotherKindLeavesItsThreadAfterTheFarewell) {
+    onMainThread = false;
+    otherLoop.performAfterDelay(1s, discovery, Selector("test"), [] { throw std::runtime_error("own"); });
+    LogRecorder log(15, 0);
+    EXPECT_THROW(thread(), std::runtime_error);
+    EXPECT_EQ(log.texts().back(), "HTTP discovery search is terminating");
+}
+
+TEST_F(Discovery, AMatchingServiceStopsTheBrowserAndIsResolved) {
+    discovery->startSearch();
+    const auto service = ours(8001);
+    const auto later = foreign();
+    browser->show({service, later});
+    EXPECT_FALSE(browser->isSearching());
+    EXPECT_EQ(service->resolutions(), (std::vector<Clock::Duration>{5s}));
+    EXPECT_TRUE(ports.empty());
+    mainLoop.runReady();
+    EXPECT_EQ(discovery->servicePortNumber(), 8001);
+    EXPECT_EQ(ports, (std::vector<std::int64_t>{8001}));
+}
+
+TEST_F(Discovery, ABatchIsExaminedUpToTheFirstMatch) {
+    discovery->startSearch();
+    LogRecorder log(15, kLoggingHTTPDiscovery);
+    browser->show({foreign("a"), ours(8001), foreign("b")});
+    EXPECT_EQ(log.texts(), (Texts{"Observing network service: a. More on the way?:1",
+                                  "Observing network service: " + name + ". More on the way?:1",
+                                  name + " is up. Will now resolve."}));
+    EXPECT_EQ(log.lines()[0].flag, kLogFlagVerbose);
+}
+
+TEST_F(Discovery, ABatchThatEndsOnAForeignServiceMeansAbsent) {
+    discovery->startSearch();
+    LogRecorder log(15, kLoggingHTTPDiscovery);
+    browser->show({foreign("a"), foreign("b")});
+    EXPECT_EQ(discovery->servicePortNumber(), -1);
+    EXPECT_EQ(ports, (std::vector<std::int64_t>{-1}));
+    EXPECT_EQ(
+        log.texts(),
+        (Texts{"Observing network service: a. More on the way?:1", "Observing network service: b. More on the way?:0",
+               name + " is down. Will begin search again shortly.", "Beginning HTTP Server search in 0.25s"}));
+    EXPECT_EQ(searches(), 1U);
+    mainLoop.advanceBy(249ms);
+    EXPECT_EQ(searches(), 1U);
+    mainLoop.advanceBy(1ms);
+    EXPECT_EQ(searches(), 2U);
+}
+
+TEST_F(Discovery, TheVerboseLinesNeedTheirMask) {
+    LogRecorder log(15, kLoggingHTTPMessaging | kLoggingDebug);
+    discovery->startSearch();
+    browser->show({foreign()});
+    EXPECT_TRUE(log.texts().empty());
+}
+
+TEST_F(Discovery, EachResolutionIsAnnouncedAndBeginsTheNextCycleInASecond) {
+    discovery->startSearch();
+    for (std::size_t round = 1; round <= 3; ++round) {
+        browser->show({ours(8001)});
+        mainLoop.runReady();
+        EXPECT_EQ(ports.size(), round);
+        EXPECT_FALSE(browser->isSearching());
+        mainLoop.advanceBy(999ms);
+        EXPECT_EQ(searches(), round);
+        mainLoop.advanceBy(1ms);
+        EXPECT_EQ(searches(), round + 1);
+    }
+    EXPECT_EQ(ports, (std::vector<std::int64_t>{8001, 8001, 8001}));
+}
+
+TEST_F(Discovery, TheResolvedLineShowsThePortKnownUntilThen) {
+    discovery->resolvedToPort(8001, 0s);
+    LogRecorder log(15, kLoggingHTTPDiscovery);
+    discovery->resolvedToPort(8002, 0s);
+    EXPECT_EQ(log.texts(), (Texts{"Resolved " + name + ". It has port: 8001"}));
+    EXPECT_EQ(discovery->servicePortNumber(), 8002);
+}
+
+TEST_F(Discovery, AnAbsentServerIsRecordedWithoutALine) {
+    LogRecorder log;
+    discovery->resolvedToPort(0, 0s);
+    EXPECT_EQ(discovery->servicePortNumber(), -1);
+    discovery->resolvedToPort(-7, 0s);
+    EXPECT_EQ(discovery->servicePortNumber(), -1);
+    EXPECT_EQ(ports, (std::vector<std::int64_t>{-1, -1}));
+    EXPECT_TRUE(log.texts().empty());
+}
+
+TEST_F(Discovery, ADelayOfZeroBeginsNoCycle) {
+    discovery->startSearch();
+    discovery->resolvedToPort(8001, 0s);
+    EXPECT_TRUE(browser->isSearching());
+    EXPECT_EQ(ports, (std::vector<std::int64_t>{8001}));
+    browser->stop();
+    mainLoop.advanceBy(10s);
+    EXPECT_EQ(searches(), 1U);
+    EXPECT_TRUE(http.requests().empty());
+}
+
+TEST_F(Discovery, AServiceThatDoesNotResolveMeansAbsentForASecond) {
+    discovery->startSearch();
+    browser->show({ours(-1)});
+    LogRecorder log(15, kLoggingHTTPDiscovery);
+    mainLoop.runReady();
+    EXPECT_EQ(log.texts()[0], "Failed to resolve " + name + ".");
+    EXPECT_EQ(discovery->servicePortNumber(), -1);
+    mainLoop.advanceBy(1s);
+    EXPECT_EQ(searches(), 2U);
+}
+
+TEST_F(Discovery, ASearchThatShowsNothingMeansAbsentAfterTwoSeconds) {
+    discovery->startSearch();
+    mainLoop.advanceBy(2s);
+    EXPECT_EQ(ports, (std::vector<std::int64_t>{-1}));
+    EXPECT_EQ(searches(), 1U);
+    mainLoop.advanceBy(250ms);
+    EXPECT_EQ(searches(), 2U);
+}
+
+TEST_F(Discovery, AnAbsentServerIsNoticedFromAnotherThreadAndTheSearchBeginsOnTheMainOne) {
+    discovery->startSearch();
+    onMainThread = false;
+    LogRecorder log(15, kLoggingHTTPDiscovery);
+    discovery->serverIsntThere();
+    EXPECT_EQ(log.texts(), (Texts{"App is saying server isn't there - and forcing service refresh",
+                                  "Current browser is: <FakeServiceBrowser>",
+                                  "Pushing request to begin search again in 0.25s to main thread"}));
+    EXPECT_EQ(log.lines()[0].flag, kLogFlagInfo);
+    EXPECT_EQ(ports, (std::vector<std::int64_t>{-1}));
+    onMainThread = true;
+    mainLoop.runReady();
+    EXPECT_EQ(log.texts().back(), "Beginning HTTP Server search in 0.25s");
+    mainLoop.advanceBy(250ms);
+    EXPECT_EQ(searches(), 2U);
+    // The poll that the other thread armed stays on its own loop, beside the main thread's.
+    EXPECT_EQ(otherLoop.pendingCount(), 1U);
+}
+
+TEST_F(Discovery, PollsTenPortsFromTheMinimumFiveSecondsAfterAFruitlessRestart) {
+    UserDefaults::standard().setString("minimumPortNumber", "12000");
+    discovery->beginSearchAgainIn(1s);
+    browser->setDelegate({});  // a search that not even its silence is heard of
+    mainLoop.advanceBy(4999ms);
+    EXPECT_TRUE(http.requests().empty());
+    LogRecorder log(15, 0);
+    mainLoop.advanceBy(1ms);
+    ASSERT_EQ(http.requests().size(), 10U);
+    EXPECT_EQ(http.urls()[0], "http://localhost:12000/status");
+    EXPECT_EQ(http.urls()[9], "http://localhost:12009/status");
+    for (const HTTPRequest& request : http.requests()) {
+        EXPECT_EQ(request.timeout, 1s);
+        EXPECT_FALSE(request.body);
+    }
+    EXPECT_EQ(log.texts(), (Texts{"Couldn't find server on ports 8000-8010 via HTTP polling"}));
+    EXPECT_EQ(log.lines()[0].flag, kLogFlagInfo);
+    EXPECT_TRUE(ports.empty());
+    EXPECT_EQ(discovery->servicePortNumber(), 0);
+    UserDefaults::standard().removeKey("minimumPortNumber");
+}
+
+TEST_F(Discovery, ThePollStopsAtTheHighestPort) {
+    UserDefaults::standard().setString("minimumPortNumber", "65530");
+    discovery->fallbackToHTTPPolling();
+    EXPECT_EQ(http.requests().size(), 5U);
+    EXPECT_EQ(http.urls().back(), "http://localhost:65534/status");
+    UserDefaults::standard().removeKey("minimumPortNumber");
+}
+
+TEST_F(Discovery, APollThatIsAnsweredRecordsThePort) {
+    http.answer("http://localhost:8003/status", FakeHTTPClient::reply("", 404));
+    http.answer("http://localhost:8001/status", FakeHTTPClient::cutShort(""));
+    discovery->fallbackToHTTPPolling();
+    EXPECT_EQ(http.requests().size(), 4U);
+    EXPECT_EQ(discovery->servicePortNumber(), 8003);
+    EXPECT_EQ(ports, (std::vector<std::int64_t>{8003}));
+    mainLoop.advanceBy(1s);
+    EXPECT_EQ(searches(), 1U);
+}
+
+TEST_F(Discovery, AResultDisarmsThePoll) {
+    discovery->beginSearchAgainIn(1s);
+    mainLoop.advanceBy(1s);
+    for (int round = 0; round < 10; ++round) {
+        browser->show({ours(8001)});
+        mainLoop.runReady();
+        mainLoop.advanceBy(1s);
+    }
+    EXPECT_TRUE(http.requests().empty());
+}
+
+TEST_F(Discovery, FindsAServerWithoutMulticastWithinSevenSeconds) {
+    http.answer("http://localhost:8000/status", FakeHTTPClient::reply(""));
+    discovery->startSearch();
+    mainLoop.advanceBy(7250ms);
+    EXPECT_EQ(discovery->servicePortNumber(), 8000);
+}
+
+TEST_F(Discovery, StoppingCancelsAPendingPollButNotAPendingSearch) {
+    discovery->beginSearchAgainIn(1s);
+    discovery->stopSearch();
+    mainLoop.advanceBy(1s);
+    EXPECT_EQ(searches(), 1U);
+    browser->stop();
+    mainLoop.advanceBy(10s);
+    EXPECT_TRUE(http.requests().empty());
+}
+
+TEST_F(Discovery, TheNumberOfSecondsMayComeAsANumber) {
+    discovery->beginSearchAgainWithNumber(0.5);
+    mainLoop.advanceBy(499ms);
+    EXPECT_EQ(searches(), 0U);
+    mainLoop.advanceBy(1ms);
+    EXPECT_EQ(searches(), 1U);
+}
+
+TEST_F(Discovery, AnObserverMayAskForThePort) {
+    long seen = 0;
+    onNotification = [&] { seen = discovery->servicePortNumber(); };
+    discovery->resolvedToPort(8005, 0s);
+    EXPECT_EQ(seen, 8005);
+}
+
+TEST_F(Discovery, ARenamedServiceNameIsWhatMatches) {
+    discovery->setServiceName("another");
+    discovery->startSearch();
+    browser->show({std::make_shared<FakeNetService>("another", 8042)});
+    mainLoop.runReady();
+    EXPECT_EQ(discovery->servicePortNumber(), 8042);
+}
+
+TEST_F(Discovery, AnHourWithAHealthyServerLeavesNothingBehind) {
+    discovery->startSearch();
+    std::size_t pendingAfterAMinute = 0;
+    for (int second = 1; second <= 3600; ++second) {
+        if (browser->isSearching()) {
+            browser->show({ours(8000)});
+        }
+        mainLoop.advanceBy(1s);
+        if (second == 60) {
+            pendingAfterAMinute = mainLoop.pendingCount();
+        }
+    }
+    EXPECT_EQ(discovery->servicePortNumber(), 8000);
+    EXPECT_LE(mainLoop.pendingCount(), pendingAfterAMinute);
+    // About one round a second, and no request to any server.
+    EXPECT_GT(searches(), 3000U);
+    EXPECT_LE(searches(), 3601U);
+    EXPECT_TRUE(http.requests().empty());
+}
+
+}  // namespace
+}  // namespace krv

@@ -1,0 +1,83 @@
+#include <stdexcept>
+
+#include <gtest/gtest.h>
+
+#include <KRVQTProcessClient/Logging/DDLog.h>
+#include <KRVQTProcessClient/Logging/Fakes/LogRecorder.h>
+#include <KRVQTProcessClient/Logging/Log.h>
+
+namespace krv {
+namespace {
+
+constexpr LogSite kPlain{"Source/Test", Selector("plain")};
+constexpr LogSite kMasked{"Source/Test", Selector("masked"), kLoggingHTTPMessaging | kLoggingDebug};
+constexpr LogSite kApplication{"Source/Test", Selector("application"), 0, kLogContextApplication};
+
+TEST(Logging, IsSilentUnlessSwitchedOn) {
+    int lines = 0;
+    DDLog::setSink([&](const LogMessage&) { ++lines; });
+    KRV_LOG(kLogFlagError, kPlain, "x");
+    qtClientLogLevel = 15;
+    KRV_LOG(kLogFlagError, kPlain, "x");
+    EXPECT_EQ(lines, 0);
+    krv_loggingEnabled = true;
+    KRV_LOG(kLogFlagError, kPlain, "x");
+    EXPECT_EQ(lines, 1);
+    krv_loggingEnabled = false;
+    qtClientLogLevel = 0;
+    DDLog::setSink({});
+}
+
+TEST(Logging, ALinePassesWhenItsFlagIsInTheLevelWord) {
+    for (const LogFlag flag : {kLogFlagError, kLogFlagWarning, kLogFlagInfo, kLogFlagVerbose}) {
+        for (std::uint32_t level = 0; level < 16; ++level) {
+            LogRecorder log(level, 0);
+            KRV_LOG(flag, kPlain, "line");
+            EXPECT_EQ(log.lines().size(), (level & flag) != 0 ? 1U : 0U);
+        }
+    }
+}
+
+TEST(Logging, AMaskedLineNeedsEveryBitOfItsMask) {
+    for (std::uint32_t mask = 0; mask < 8; ++mask) {
+        LogRecorder log(15, mask);
+        KRV_LOG(kLogFlagInfo, kMasked, "line");
+        const bool both = (mask & kLoggingHTTPMessaging) != 0 && (mask & kLoggingDebug) != 0;
+        EXPECT_EQ(log.lines().size(), both ? 1U : 0U) << mask;
+    }
+}
+
+TEST(Logging, TheContextDecidesWhichLevelWordCounts) {
+    LogRecorder log;
+    qtClientLogLevel = 0;
+    KRV_LOG(kLogFlagInfo, kPlain, "client");
+    KRV_LOG(kLogFlagInfo, kApplication, "application {}", 7);
+    ASSERT_EQ(log.lines().size(), 1U);
+    EXPECT_EQ(log.lines()[0].text, "application 7");
+    EXPECT_EQ(log.lines()[0].context, kLogContextApplication);
+    EXPECT_EQ(log.lines()[0].level, 15U);
+    EXPECT_EQ(log.lines()[0].file, "Source/Test");
+    EXPECT_EQ(log.lines()[0].function, "application");
+}
+
+TEST(Logging, ArgumentsAreNotWorkedOutForALineThatDoesNotPass) {
+    int evaluated = 0;
+    KRV_LOG(kLogFlagInfo, kPlain, "{}", ++evaluated);
+    EXPECT_EQ(evaluated, 0);
+}
+
+TEST(Logging, ASinkThatFailsOrLogsItselfHarmsNobody) {
+    LogRecorder log;
+    int lines = 0;
+    DDLog::setSink([&](const LogMessage&) {
+        ++lines;
+        KRV_LOG(kLogFlagInfo, kPlain, "from the sink");
+        throw std::runtime_error("sink");
+    });
+    KRV_LOG(kLogFlagInfo, kPlain, "one");
+    KRV_LOG(kLogFlagInfo, kPlain, "two");
+    EXPECT_EQ(lines, 2);
+}
+
+}  // namespace
+}  // namespace krv
