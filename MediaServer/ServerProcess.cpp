@@ -9,9 +9,9 @@
 
 #include <fmt/format.h>
 
-#include <MediaServer/Files/OperationFiles.h>
 #include <MediaServer/Front/ListeningSockets.h>
 #include <MediaServer/Front/StatusPage.h>
+#include <MediaServer/Operations/MediaWorkflow.h>
 #include <MediaServer/Operations/ServerLog.h>
 #include <MediaServer/ServerProcess.h>
 #include <MediaServer/Worker/Sandbox.h>
@@ -35,54 +35,29 @@ ServerProcess::ServerProcess(Settings settings)
     : settings_(std::move(settings))
     , wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
     , workers_(settings_.workerExecutable, kSpareWorkers, settings_.workerMemory)
-    , queue_(
-          settings_.lanes,
-          [this](ServerOperation& operation, const std::function<void(double)>& onProgress) {
-              return carryOut(operation, onProgress);
-          },
-          [this] { held_.lookAgain(); })
-    , dispatcher_(clients_, queue_, selfTests_, held_, [this] { requestShutDown(); })
+    , ledger_([this] { held_.lookAgain(); })
+    , executors_(ledger_, settings_.executors,
+                 [this](const KRVOperationBase::Ref& request, const Cancellation& cancellation,
+                        const std::function<void(double)>& onProgress) {
+                     return performMediaOperation(runner_, request, cancellation, onProgress);
+                 })
+    , dispatcher_(clients_, ledger_, held_, [this] { requestShutDown(); })
     , front_({[this](const KRVOperationBase::Ref& request, const HTTPFront::Reply& reply) {
                   dispatcher_.dispatch(request, reply);
               },
               [this] { return statusText(); }}) {}
 
-Outcome ServerProcess::carryOut(ServerOperation& operation, const std::function<void(double)>& onProgress) const {
-    std::shared_ptr<const Error> error;
-    const auto job = OperationFiles::open(operation.request, error);
-    if (!job) {
-        return {Outcome::Kind::Failed, std::move(error), nullptr};
-    }
-    Outcome outcome = worker_.run(*operation.request, job->descriptors(), operation.cancellation, onProgress);
-    if (outcome.kind == Outcome::Kind::Completed) {
-        const auto onLife = [&] {
-            onProgress(1.0);
-            return !operation.cancellation.requested();
-        };
-        if (auto failure = job->flush(onLife)) {
-            return {Outcome::Kind::Failed, std::move(failure), nullptr};
-        }
-        if (operation.cancellation.requested()) {
-            return {Outcome::Kind::Cancelled, nullptr, nullptr};
-        }
-        if (auto failure = job->commit(*outcome.record)) {
-            return {Outcome::Kind::Failed, std::move(failure), nullptr};
-        }
-    }
-    return outcome;
-}
-
 std::string ServerProcess::statusText() const {
-    const auto counts = queue_.counts();
+    const auto counts = ledger_.counts();
     return statusPage({.version = std::string(libraryVersion()),
                        .pid = ::getpid(),
                        .port = port_,
                        .uptime = std::chrono::steady_clock::now() - start_,
                        .clients = clients_.registeredPids(),
                        .queued = counts.queued,
-                       .running = counts.running + selfTests_.running(),
+                       .running = counts.running,
                        .finished = counts.finished,
-                       .workers = settings_.lanes});
+                       .workers = settings_.executors});
 }
 
 void ServerProcess::requestShutDown() {
@@ -95,26 +70,24 @@ void ServerProcess::beginShutDown() {
     if (!shuttingDown_) {
         shuttingDown_ = true;
         serverLog(kLogFlagInfo, "shutdown", "ending when what runs has finished");
-        dispatcher_.refuseMediaWork();
-        queue_.close();
+        ledger_.close();
     }
 }
 
 void ServerProcess::lookAfterClients() {
     for (const ClientKey& dead : clients_.removeDead()) {
         serverLog(kLogFlagInfo, "clients", fmt::format("process {} has gone", dead.pid));
-        queue_.removeAllOf(dead);
-        selfTests_.removeAllOf(dead);
+        ledger_.removeAllOf(dead);
     }
-    for (const ClientKey& client : queue_.removeOld()) {
+    for (const ClientKey& client : ledger_.removeOld()) {
         clients_.forgetUnlessRegistered(client);
     }
 }
 
 bool ServerProcess::mayEnd() {
-    const auto counts = queue_.counts();
+    const auto counts = ledger_.counts();
     const auto now = std::chrono::steady_clock::now();
-    const bool working = counts.running + counts.queued + selfTests_.running() > 0;
+    const bool working = counts.running + counts.queued > 0;
     if (shuttingDown_) {
         if (working) {
             workEnded_ = {};
@@ -161,7 +134,7 @@ int ServerProcess::run(int signals) {
         if ((waiting[0].revents & POLLIN) != 0 && ::read(signals, &info, sizeof info) == sizeof info) {
             if (std::exchange(signalled_, true)) {
                 serverLog(kLogFlagInfo, "shutdown", "cancelling what runs");
-                queue_.cancelEverything();
+                ledger_.cancelEverything();
             }
             beginShutDown();
         }

@@ -10,8 +10,8 @@
 #include <MediaServer/Operations/ClientRegistry.h>
 #include <MediaServer/Operations/HeldReplies.h>
 #include <MediaServer/Operations/OperationDispatcher.h>
-#include <MediaServer/Operations/OperationQueue.h>
-#include <MediaServer/Operations/SelfTests.h>
+#include <MediaServer/Operations/OperationExecutors.h>
+#include <MediaServer/Operations/OperationLedger.h>
 #include <MediaServer/Workers/JobRunner.h>
 #include <MediaServer/Workers/WorkerPool.h>
 
@@ -30,7 +30,8 @@ public:
         std::string workerExecutable;
         /// Bytes that each worker may write to; zero: what suits this machine.
         std::uint64_t workerMemory;
-        unsigned lanes;
+        /// Executor threads for long operations.
+        unsigned executors;
         /// Zero: never.
         std::chrono::seconds idleTimeout;
     };
@@ -41,7 +42,6 @@ public:
     [[nodiscard]] int run(int signals);
 
 private:
-    [[nodiscard]] Outcome carryOut(ServerOperation& operation, const std::function<void(double)>& onProgress) const;
     [[nodiscard]] std::string statusText() const;
     void requestShutDown();
     /// A signal came, or type 17.
@@ -60,11 +60,11 @@ private:
     std::chrono::steady_clock::time_point workEnded_{};
 
     WorkerPool workers_;
-    JobRunner worker_{workers_};
+    JobRunner runner_{workers_};
     ClientRegistry clients_;
-    SelfTests selfTests_;
     HeldReplies held_;
-    OperationQueue queue_;
+    OperationLedger ledger_;
+    OperationExecutors executors_;
     OperationDispatcher dispatcher_;
     /// Goes first: its replies must all be given while the rest still stands.
     HTTPFront front_;

@@ -90,7 +90,7 @@ int main() {
                           .serviceName = ServerNaming::machineSpecificNameFor(kHTTPServerDiscoveryDefaultServiceName),
                           .workerExecutable = (self.parent_path() / "KRVMediaWorker").string(),
                           .workerMemory = workerMemory(defaults),
-                          .lanes = std::max(std::thread::hardware_concurrency(), 1U),
+                          .executors = std::max(std::thread::hardware_concurrency(), 1U),
                           .idleTimeout = idleTimeout(defaults)});
     return server.run(signals);
 }

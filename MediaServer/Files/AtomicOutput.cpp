@@ -13,7 +13,6 @@
 
 #include <MediaServer/Files/AtomicOutput.h>
 #include <MediaServer/Files/RuntimeFolders.h>
-#include <MediaServer/Protocol/ServerError.h>
 
 namespace krv::server {
 namespace {
@@ -63,28 +62,28 @@ AtomicOutput::~AtomicOutput() {
     forgetHiddenName();
 }
 
-std::shared_ptr<const Error> AtomicOutput::failure(int number) const {
-    return unwritable(asGiven_, number);
+Failure AtomicOutput::failed(int errorNumber) const {
+    return {.cause = FailureCause::UnwritableDestination, .errorNumber = errorNumber, .path = asGiven_};
 }
 
-std::unique_ptr<AtomicOutput> AtomicOutput::open(const std::string& destination, std::shared_ptr<const Error>& error) {
+std::unique_ptr<AtomicOutput> AtomicOutput::open(const std::string& destination, std::optional<Failure>& failure) {
     std::unique_ptr<AtomicOutput> output(new AtomicOutput(destination));
     struct stat status {};
     if (::stat(output->destination_.c_str(), &status) == 0) {
         if (S_ISDIR(status.st_mode)) {
-            error = output->failure(EISDIR);
+            failure = output->failed(EISDIR);
             return nullptr;
         }
         // Replacing needs the folder only, but nobody expects a write-protected file to be replaced.
         if (::faccessat(AT_FDCWD, output->destination_.c_str(), W_OK, AT_EACCESS) != 0) {
-            error = output->failure(errno);
+            failure = output->failed(errno);
             return nullptr;
         }
     }
     if (!output->openUnnamed()) {
         const bool noUnnamedFiles = errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL;
         if (!noUnnamedFiles || !output->openHidden()) {
-            error = output->failure(errno);
+            failure = output->failed(errno);
             return nullptr;
         }
     }
@@ -134,15 +133,15 @@ bool AtomicOutput::linkTo(const std::filesystem::path& name) const {
     return ::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0;
 }
 
-std::shared_ptr<const Error> AtomicOutput::commit() {
-    auto error = put(Old::Dropped);
-    if (!error) {
+std::optional<Failure> AtomicOutput::commit() {
+    auto failure = put(Old::Dropped);
+    if (!failure) {
         keep();
     }
-    return error;
+    return failure;
 }
 
-std::shared_ptr<const Error> AtomicOutput::place() {
+std::optional<Failure> AtomicOutput::place() {
     return put(Old::Kept);
 }
 
@@ -151,27 +150,27 @@ void AtomicOutput::keep() {
     forgetHiddenName();
 }
 
-std::shared_ptr<const Error> AtomicOutput::put(Old old) {
+std::optional<Failure> AtomicOutput::put(Old old) {
     if (::fsync(file_.get()) != 0) {
-        return failure(errno);
+        return failed(errno);
     }
     if (hidden_.empty()) {
         if (linkTo(destination_)) {
             placed_ = Placed::New;
-            return nullptr;
+            return std::nullopt;
         }
         if (errno != EEXIST) {
-            return failure(errno);
+            return failed(errno);
         }
         if (!noteHiddenName() || !linkTo(hidden_)) {
-            return failure(errno);
+            return failed(errno);
         }
     }
     struct stat status {};
     if (::stat(destination_.c_str(), &status) == 0) {
         ::fchmod(file_.get(), status.st_mode & 07777);
     }
-    return replace(old) ? nullptr : failure(errno);
+    return replace(old) ? std::nullopt : std::optional(failed(errno));
 }
 
 bool AtomicOutput::replace(Old old) {

@@ -2,11 +2,11 @@
 
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 
-#include <KRVQTProcessClient/KRVQTProcessClient.h>
-
 #include <MediaServer/Protocol/Descriptor.h>
+#include <MediaServer/Protocol/Failure.h>
 
 namespace krv::server {
 
@@ -20,9 +20,10 @@ namespace krv::server {
 /// Dropped without commit() it leaves nothing behind, and the old destination whole.
 class AtomicOutput {
 public:
-    /// Null with the error when the destination cannot be written. The path must be absolute.
+    /// Opens the unnamed file. The path must be absolute. Returns null and sets failure if the destination cannot be
+    /// written.
     [[nodiscard]] static std::unique_ptr<AtomicOutput> open(const std::string& destination,
-                                                            std::shared_ptr<const Error>& error);
+                                                            std::optional<Failure>& failure);
     ~AtomicOutput();
     AtomicOutput(const AtomicOutput&) = delete;
     AtomicOutput& operator=(const AtomicOutput&) = delete;
@@ -30,13 +31,13 @@ public:
     /// Open for reading and writing.
     [[nodiscard]] int descriptor() const noexcept { return file_.get(); }
 
-    /// Puts the file under its name, safely on the disk. Null, or the error.
-    [[nodiscard]] std::shared_ptr<const Error> commit();
+    /// Flushes the file and puts it under its name. Returns the failure, if any.
+    [[nodiscard]] std::optional<Failure> commit();
 
     /// The same in two steps, for several files that belong together. place() puts the file under its name and keeps
     /// what stood there; until keep() has been called the old state comes back when this goes. (Where the file system
     /// cannot exchange two files, a file that was replaced stays replaced.)
-    [[nodiscard]] std::shared_ptr<const Error> place();
+    [[nodiscard]] std::optional<Failure> place();
     void keep();
 
     /// Removes the hidden names that an earlier server has noted and left.
@@ -48,13 +49,13 @@ private:
     [[nodiscard]] bool openHidden();
     enum class Old { Dropped, Kept };
     enum class Placed { No, New, Exchanged };
-    [[nodiscard]] std::shared_ptr<const Error> put(Old old);
+    [[nodiscard]] std::optional<Failure> put(Old old);
     [[nodiscard]] bool replace(Old old);
     void takeBack();
     [[nodiscard]] bool linkTo(const std::filesystem::path& name) const;
     [[nodiscard]] bool noteHiddenName();
     void forgetHiddenName();
-    [[nodiscard]] std::shared_ptr<const Error> failure(int number) const;
+    [[nodiscard]] Failure failed(int errorNumber) const;
 
     const std::string asGiven_;
     /// Where links lead to.

@@ -9,37 +9,31 @@
 
 #include <MediaServer/Files/GradualFlush.h>
 #include <MediaServer/Files/OperationFiles.h>
+#include <MediaServer/Protocol/MediaOperation.h>
 #include <MediaServer/Protocol/MediaRequest.h>
-#include <MediaServer/Protocol/ServerError.h>
 
 namespace krv::server {
 namespace {
 
-using ErrorRef = std::shared_ptr<const Error>;
-
-ErrorRef unreadable(const std::string& path, int number) {
-    return makeError(OperationErrorCode::UnreadableSource, fmt::format("{} cannot be read.", path),
-                     std::strerror(number), path);
+Failure unusable(FailureCause cause, std::size_t source, int errorNumber = 0) {
+    return {.cause = cause, .errorNumber = errorNumber, .source = source};
 }
 
-ErrorRef unusable(const std::string& path, std::string reason) {
-    return makeError(OperationErrorCode::UnusableSource, fmt::format("{} is no media file.", path), std::move(reason),
-                     path);
-}
-
-Descriptor openSource(const std::string& path, struct stat& status, ErrorRef& error) {
+Descriptor openSource(const std::string& path, std::size_t number, struct stat& status,
+                      std::optional<Failure>& failure) {
     // A pipe without a writer must not hold the server up.
     Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     if (!file || ::fstat(file.get(), &status) != 0) {
-        error = unreadable(path, errno);
+        failure = unusable(FailureCause::UnreadableSource, number, errno);
         return {};
     }
     if (!S_ISREG(status.st_mode)) {
-        error = unusable(path, S_ISDIR(status.st_mode) ? "it is a folder" : "it is no regular file");
+        failure =
+            unusable(S_ISDIR(status.st_mode) ? FailureCause::SourceIsFolder : FailureCause::SourceIsNotAFile, number);
         return {};
     }
     if (status.st_size == 0) {
-        error = unusable(path, "the file is empty");
+        failure = unusable(FailureCause::SourceIsEmpty, number);
         return {};
     }
     return file;
@@ -53,35 +47,40 @@ bool isSameFile(const struct stat& source, const std::string& destination) {
 
 }  // namespace
 
-std::unique_ptr<OperationFiles> OperationFiles::open(const KRVOperationBase::Ref& request, ErrorRef& error) {
-    auto job = std::make_unique<OperationFiles>();
-    job->request_ = request;
-    const std::string destination = request->encodingDestinationFilename().value_or("");
-    for (const std::string& path : sourcesOf(*request)) {
+std::unique_ptr<OperationFiles> OperationFiles::open(const KRVOperationBase& request, std::optional<Failure>& failure) {
+    const MediaOperation* const operation = mediaOperation(request.operationType());
+    if (!operation) {
+        failure =
+            Failure{.cause = FailureCause::UnknownOperationType, .subject = std::to_string(request.operationType())};
+        return nullptr;
+    }
+    auto files = std::make_unique<OperationFiles>();
+    const std::string destination = request.encodingDestinationFilename().value_or("");
+    for (const std::string& path : sourcesOf(request)) {
         struct stat status {};
-        Descriptor file = openSource(path, status, error);
+        const std::size_t number = files->sources_.size();
+        Descriptor file = openSource(path, number, status, failure);
         if (!file) {
             return nullptr;
         }
         if (!destination.empty() && isSameFile(status, destination)) {
-            error = makeError(OperationErrorCode::SameFile, fmt::format("{} cannot be converted onto itself.", path),
-                              "source and destination are the same file", path);
+            failure = unusable(FailureCause::SameFile, number);
             return nullptr;
         }
-        job->sources_.push_back(std::move(file));
+        files->sources_.push_back(std::move(file));
     }
-    switch (request->operationType()) {
-    case OpEncodeVideo:
-    case OpMuxAudioTo2ch:
-    case OpMergeSources:
-        job->file_ = AtomicOutput::open(destination, error);
-        return job->file_ ? std::move(job) : nullptr;
-    case OpCreateThumbnails:
-        job->folder_ = ThumbnailFolder::open(destination, error);
-        return job->folder_ ? std::move(job) : nullptr;
-    default:
-        return job;
+    switch (operation->destination) {
+    case MediaOperation::Destination::File:
+        files->destination_ = destination;
+        files->file_ = AtomicOutput::open(destination, failure);
+        return files->file_ ? std::move(files) : nullptr;
+    case MediaOperation::Destination::Folder:
+        files->folder_ = ThumbnailFolder::open(destination, failure);
+        return files->folder_ ? std::move(files) : nullptr;
+    case MediaOperation::Destination::None:
+        break;
     }
+    return files;
 }
 
 std::vector<int> OperationFiles::descriptors() const {
@@ -98,17 +97,20 @@ std::vector<int> OperationFiles::descriptors() const {
     return all;
 }
 
-ErrorRef OperationFiles::flush(const std::function<bool()>& onLife) {
-    // Pictures are small.
-    const int number = file_ ? flushGradually(file_->descriptor(), onLife) : 0;
-    return number == 0 ? nullptr : unwritable(request_->encodingDestinationFilename().value_or(""), number);
+std::optional<Failure> OperationFiles::flush(const std::function<bool()>& onProgress) {
+    // Thumbnails are small, and committing them flushes each.
+    const int errorNumber = file_ ? flushGradually(file_->descriptor(), onProgress) : 0;
+    if (errorNumber == 0) {
+        return std::nullopt;
+    }
+    return Failure{.cause = FailureCause::UnwritableDestination, .errorNumber = errorNumber, .path = destination_};
 }
 
-ErrorRef OperationFiles::commit(KRVOperationBase& record) {
+std::optional<Failure> OperationFiles::commit(KRVOperationBase& record) {
     if (file_) {
         return file_->commit();
     }
-    return folder_ ? folder_->commit(record) : nullptr;
+    return folder_ ? folder_->commit(record) : std::nullopt;
 }
 
 }  // namespace krv::server

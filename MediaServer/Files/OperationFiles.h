@@ -2,6 +2,8 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
@@ -12,28 +14,29 @@
 
 namespace krv::server {
 
-/// The files of one media operation, opened here because a worker can open none.
+/// The open files of one media operation. The server opens them because a worker can open no path.
 class OperationFiles {
 public:
-    /// Opens the files. The request must have been checked. Null with the error when one of them cannot be used.
-    [[nodiscard]] static std::unique_ptr<OperationFiles> open(const KRVOperationBase::Ref& request,
-                                                              std::shared_ptr<const Error>& error);
+    /// Opens the sources and the output of a valid request. Returns null and sets failure if one of them cannot be
+    /// used.
+    [[nodiscard]] static std::unique_ptr<OperationFiles> open(const KRVOperationBase& request,
+                                                              std::optional<Failure>& failure);
 
-    [[nodiscard]] const KRVOperationBase& request() const noexcept { return *request_; }
-    /// What the worker gets: the sources in order and, where there is one, the file it writes.
+    /// Returns what the worker receives: the sources in order and then the file it writes, if there is one. The
+    /// descriptors are borrowed.
     [[nodiscard]] std::vector<int> descriptors() const;
 
-    /// Writes what the worker has made to the disk, which may take long: see flushGradually(). Null, or the error.
-    [[nodiscard]] std::shared_ptr<const Error> flush(const std::function<bool()>& onLife);
+    /// Writes the output to the disk. This may take long; see flushGradually() for onProgress. Returns the failure, if
+    /// any.
+    [[nodiscard]] std::optional<Failure> flush(const std::function<bool()>& onProgress);
 
-    /// Puts under their names what the worker has made, all of it or nothing, and completes its record. Null, or the
-    /// error.
-    [[nodiscard]] std::shared_ptr<const Error> commit(KRVOperationBase& record);
+    /// Puts all outputs under their names, or none, and completes the worker's record. Returns the failure, if any.
+    [[nodiscard]] std::optional<Failure> commit(KRVOperationBase& record);
 
 private:
-    KRVOperationBase::Ref request_;
     std::vector<Descriptor> sources_;
-    // One of them, or none: what is only asked about makes no file.
+    std::string destination_;
+    /// At most one of the two exists: operations that only answer a question write no file.
     std::unique_ptr<AtomicOutput> file_;
     std::unique_ptr<ThumbnailFolder> folder_;
 };

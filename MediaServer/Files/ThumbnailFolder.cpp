@@ -9,18 +9,18 @@
 
 #include <MediaServer/Files/ThumbnailFolder.h>
 #include <MediaServer/Protocol/MediaRequest.h>
-#include <MediaServer/Protocol/ServerError.h>
 
 namespace krv::server {
 namespace {
 
-using ErrorRef = std::shared_ptr<const Error>;
-
 constexpr mode_t kEverybody = 0777;
 
-ErrorRef unbelievable() {
-    return makeError(OperationErrorCode::Internal, "The thumbnails could not be made.",
-                     "the media worker's list makes no sense");
+Failure inconsistentReport() {
+    return {.cause = FailureCause::InternalError, .reason = "the worker's list of thumbnails is inconsistent"};
+}
+
+Failure unwritable(std::string path, int errorNumber) {
+    return {.cause = FailureCause::UnwritableDestination, .errorNumber = errorNumber, .path = std::move(path)};
 }
 
 }  // namespace
@@ -35,39 +35,38 @@ ThumbnailFolder::~ThumbnailFolder() {
     }
 }
 
-std::unique_ptr<ThumbnailFolder> ThumbnailFolder::open(const std::string& folder, ErrorRef& error) {
+std::unique_ptr<ThumbnailFolder> ThumbnailFolder::open(const std::string& folder, std::optional<Failure>& failure) {
     std::unique_ptr<ThumbnailFolder> result(new ThumbnailFolder(folder));
     if (::mkdir(folder.c_str(), kEverybody) == 0) {
         result->made_ = true;
     } else if (errno != EEXIST) {
-        error = unwritable(folder, errno);
+        failure = unwritable(folder, errno);
         return nullptr;
     }
     struct stat status {};
     if (::stat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
-        error = unwritable(folder, ENOTDIR);
+        failure = unwritable(folder, ENOTDIR);
         return nullptr;
     }
     // Never put under this name; only its way of being unnamed is wanted.
-    result->pictures_ = AtomicOutput::open((std::filesystem::path(folder) / "thumbnails").string(), error);
+    result->pictures_ = AtomicOutput::open((std::filesystem::path(folder) / "thumbnails").string(), failure);
     if (!result->pictures_) {
-        error = makeError(OperationErrorCode::UnwritableDestination, fmt::format("{} cannot be written to.", folder),
-                          error->localizedFailureReason(), folder);
+        failure->path = folder;
         return nullptr;
     }
     return result;
 }
 
 std::unique_ptr<AtomicOutput> ThumbnailFolder::copyPicture(const std::string& path, const Dictionary& picture,
-                                                           ErrorRef& error) const {
+                                                           std::optional<Failure>& failure) const {
     off_t offset = picture[kThumbnailOffset].integerValue();
     std::int64_t left = picture[kThumbnailLength].integerValue();
     struct stat status {};
     if (::fstat(pictures_->descriptor(), &status) != 0 || offset < 0 || left <= 0 || left > status.st_size - offset) {
-        error = unbelievable();
+        failure = inconsistentReport();
         return nullptr;
     }
-    auto file = AtomicOutput::open(path, error);
+    auto file = AtomicOutput::open(path, failure);
     while (file && left > 0) {
         const ssize_t copied =
             ::sendfile(file->descriptor(), pictures_->descriptor(), &offset, static_cast<std::size_t>(left));
@@ -75,7 +74,7 @@ std::unique_ptr<AtomicOutput> ThumbnailFolder::copyPicture(const std::string& pa
             continue;
         }
         if (copied <= 0) {
-            error = unwritable(path, copied < 0 ? errno : EIO);
+            failure = unwritable(path, copied < 0 ? errno : EIO);
             return nullptr;
         }
         left -= copied;
@@ -83,32 +82,32 @@ std::unique_ptr<AtomicOutput> ThumbnailFolder::copyPicture(const std::string& pa
     return file;
 }
 
-ErrorRef ThumbnailFolder::commit(KRVOperationBase& record) {
+std::optional<Failure> ThumbnailFolder::commit(KRVOperationBase& record) {
     const auto result = record.result();
     const auto list = result ? (*result)[kResultThumbnails].array() : nullptr;
     if (!list || list->empty()) {
-        return unbelievable();
+        return inconsistentReport();
     }
-    ErrorRef error;
+    std::optional<Failure> failure;
     Array told;
     std::vector<std::unique_ptr<AtomicOutput>> files;
     for (std::size_t i = 0; i < list->size(); ++i) {
         const auto picture = (*list)[i].dictionary();
         if (!picture) {
-            return unbelievable();
+            return inconsistentReport();
         }
         const auto path = (std::filesystem::path(asGiven_) / fmt::format("thumbnail-{:04}.jpg", i + 1)).string();
-        auto file = copyPicture(path, *picture, error);
+        auto file = copyPicture(path, *picture, failure);
         if (!file) {
-            return error;
+            return failure;
         }
         files.push_back(std::move(file));
         told.push_back(std::make_shared<Dictionary>(Dictionary{
             {kResultThumbnailPath, path}, {kResultThumbnailTime, (*picture)[kResultThumbnailTime].doubleValue()}}));
     }
     for (const auto& file : files) {
-        if ((error = file->place())) {
-            return error;  // what has been placed so far is taken back
+        if ((failure = file->place())) {
+            return failure;  // what has been placed so far is taken back
         }
     }
     for (const auto& file : files) {
@@ -116,7 +115,7 @@ ErrorRef ThumbnailFolder::commit(KRVOperationBase& record) {
     }
     made_ = false;
     record.setResult(std::make_shared<Dictionary>(Dictionary{{kResultThumbnails, std::move(told)}}));
-    return nullptr;
+    return std::nullopt;
 }
 
 }  // namespace krv::server

@@ -18,7 +18,7 @@ class ThumbnailFolder {
 public:
     /// Null with the error when the folder cannot be written to. The path must be absolute.
     [[nodiscard]] static std::unique_ptr<ThumbnailFolder> open(const std::string& folder,
-                                                               std::shared_ptr<const Error>& error);
+                                                               std::optional<Failure>& failure);
     ~ThumbnailFolder();
     ThumbnailFolder(const ThumbnailFolder&) = delete;
     ThumbnailFolder& operator=(const ThumbnailFolder&) = delete;
@@ -28,12 +28,12 @@ public:
 
     /// record: the worker's. Its `result` holds under "thumbnails" an array of dictionaries with "time", "offset" and
     /// "length"; afterwards of dictionaries with "path" and "time". Null, or the error, and then nothing has appeared.
-    [[nodiscard]] std::shared_ptr<const Error> commit(KRVOperationBase& record);
+    [[nodiscard]] std::optional<Failure> commit(KRVOperationBase& record);
 
 private:
     explicit ThumbnailFolder(std::string folder);
     [[nodiscard]] std::unique_ptr<AtomicOutput> copyPicture(const std::string& path, const Dictionary& picture,
-                                                            std::shared_ptr<const Error>& error) const;
+                                                            std::optional<Failure>& failure) const;
 
     const std::string asGiven_;
     bool made_ = false;

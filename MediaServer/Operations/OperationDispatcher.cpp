@@ -3,22 +3,19 @@
 #include <stdexcept>
 #include <utility>
 
-#include <fmt/format.h>
-
 #include <MediaServer/Operations/OperationDispatcher.h>
+#include <MediaServer/Protocol/FailureSentence.h>
 #include <MediaServer/Protocol/MediaRequest.h>
-#include <MediaServer/Protocol/ServerError.h>
 
 namespace krv::server {
 namespace {
 
 using namespace std::chrono_literals;
 
-/// A first reply is held this long, so that short work needs no second question.
+/// How long the first reply is held, so that short work needs no second request.
 constexpr auto kHoldFirstReply = 250ms;
-/// A question for progress is held this long, or until there is something new to tell.
+/// How long a request for progress is held at most, until there is something new to report.
 constexpr auto kHoldProgress = 400ms;
-constexpr double kVisibleChange = 0.005;
 
 KRVOperationBase::Ref replyTo(const KRVOperationBase::Ref& request) {
     auto reply = std::make_shared<KRVOperationBase>();
@@ -33,42 +30,29 @@ KRVOperationBase::Ref replyWith(const KRVOperationBase::Ref& request, std::share
     return reply;
 }
 
-void put(KRVOperationBase& reply, const OperationQueue::Snapshot& state) {
-    // A float may round what is nearly done up to one.
-    const auto shown = static_cast<float>(state.progress);
-    reply.setProgress(state.completed ? 1.0F : std::min(shown, 0.99999F), state.completed);
+void put(KRVOperationBase& reply, const OperationLedger::Snapshot& state) {
+    reply.setProgress(static_cast<float>(state.progress), state.completed);
     reply.setCancelled(state.cancelled);
     reply.setError(state.error);
 }
 
 }  // namespace
 
-OperationDispatcher::OperationDispatcher(ClientRegistry& clients, OperationQueue& queue, SelfTests& selfTests,
-                                         HeldReplies& held, std::function<void()> shutDown)
+OperationDispatcher::OperationDispatcher(ClientRegistry& clients, OperationLedger& ledger, HeldReplies& held,
+                                         std::function<void()> shutDown)
     : clients_(clients)
-    , queue_(queue)
-    , selfTests_(selfTests)
+    , ledger_(ledger)
     , held_(held)
     , shutDown_(std::move(shutDown)) {}
 
-void OperationDispatcher::refuseMediaWork() {
-    refusing_ = true;
-}
-
 OperationDispatcher::Handler OperationDispatcher::handlerFor(std::int32_t type) {
     using D = OperationDispatcher;
-    static constexpr std::array<Row, 18> kHandlers{{
+    static constexpr std::array<Row, 12> kHandlers{{
         {OpNumberOfOperations, &D::numberOfOperations},
         {OpReadyToProcessRequests, &D::ready},
         {OpRegisterWithServer, &D::registration},
         {OpUnregisterFromServer, &D::registration},
         {OpAmIRegistered, &D::amIRegistered},
-        {OpEncodeVideo, &D::mediaWork},
-        {OpCreateThumbnails, &D::mediaWork},
-        {OpProvideMetadata, &D::mediaWork},
-        {OpMuxAudioTo2ch, &D::mediaWork},
-        {OpMergeSources, &D::mediaWork},
-        {OpGetInterestingTimes, &D::mediaWork},
         {OpCancelOperation, &D::cancelOne},
         {OpCancelAllOperations, &D::cancelAll},
         {OpProgressAndCompletion, &D::progress},
@@ -82,30 +66,27 @@ OperationDispatcher::Handler OperationDispatcher::handlerFor(std::int32_t type) 
             return row.handler;
         }
     }
-    return nullptr;
+    return server::mediaOperation(type) ? &D::mediaOperation : nullptr;
 }
 
 void OperationDispatcher::dispatch(const Ref& request, const Reply& reply) {
     const Handler handler = handlerFor(request->operationType());
     if (!handler) {
         refuse(request, reply,
-               makeError(OperationErrorCode::InvalidArgument, "The media server does not know this operation.",
-                         fmt::format("operation type {} ({}) is unknown", request->operationType(),
-                                     request->nameFromType())));
+               {.cause = FailureCause::UnknownOperationType, .subject = std::to_string(request->operationType())});
         return;
     }
     try {
         (this->*handler)(request, reply);
     } catch (const std::exception& problem) {
-        refuse(request, reply,
-               makeError(OperationErrorCode::Internal,
-                         fmt::format("{} failed in the media server.", request->nameFromType()), problem.what()));
+        refuse(request, reply, {.cause = FailureCause::InternalError, .reason = problem.what()});
     }
 }
 
-void OperationDispatcher::refuse(const Ref& request, const Reply& reply, std::shared_ptr<const Error> error) {
+void OperationDispatcher::refuse(const Ref& request, const Reply& reply, const Failure& failure) {
+    const auto error = makeError(*request, failure);
     const auto answer = replyWith(request, error);
-    answer->setUniqueID(refused_.add(std::move(error)));
+    answer->setUniqueID(ledger_.addRefused(error));
     reply(answer);
 }
 
@@ -113,36 +94,20 @@ std::optional<ClientKey> OperationDispatcher::clientOf(const Ref& request, const
     const Value pid = request->regInfoPID();
     auto client = pid.kind() == Value::Kind::Integer ? clients_.identify(pid.integerValue()) : std::nullopt;
     if (!client) {
-        refuse(request, reply,
-               makeError(OperationErrorCode::InvalidArgument, "The media server does not know who is asking.",
-                         fmt::format("\"{}\" is {}, which is no living process of this user", kArgumentPIDRegInfo,
-                                     pid.description())));
+        refuse(request, reply, {.cause = FailureCause::NotAProcess, .subject = pid.description()});
     }
     return client;
 }
 
-std::optional<OperationQueue::Snapshot> OperationDispatcher::stateOf(const std::string& id) const {
-    auto state = queue_.snapshot(id);
-    if (!state) {
-        state = selfTests_.snapshot(id);
-    }
-    if (auto error = state ? nullptr : refused_.find(id)) {
-        state = OperationQueue::Snapshot{
-            .progress = 0, .completed = false, .cancelled = false, .ended = true, .error = std::move(error)};
-    }
-    return state;
-}
-
-void OperationDispatcher::replyUnknown(const Ref& request, const Reply& reply) const {
-    reply(replyWith(request, makeError(OperationErrorCode::UnknownOperation, "The media server has no such operation.",
-                                       fmt::format("\"{}\" is unknown, or its result has been dropped",
-                                                   request->uniqueID().value_or("(null)")))));
+void OperationDispatcher::replyUnknown(const Ref& request, const Reply& reply) {
+    reply(replyWith(request, makeError(*request, {.cause = FailureCause::UnknownOperation,
+                                                  .subject = request->uniqueID().value_or("(null)")})));
 }
 
 void OperationDispatcher::numberOfOperations(const Ref& request, const Reply& reply) {
     const auto answer = replyTo(request);
     Array names;
-    for (std::string& name : queue_.names()) {
+    for (std::string& name : ledger_.names()) {
         names.emplace_back(std::move(name));
     }
     answer->arguments()->set(kArgumentNumOpsNumberOnServer, static_cast<std::int64_t>(names.size()));
@@ -171,31 +136,26 @@ void OperationDispatcher::amIRegistered(const Ref& request, const Reply& reply) 
     reply(answer);
 }
 
-void OperationDispatcher::mediaWork(const Ref& request, const Reply& reply) {
+void OperationDispatcher::mediaOperation(const Ref& request, const Reply& reply) {
     const auto client = clientOf(request, reply);
     if (!client) {
         return;
     }
-    if (auto error = checkMediaRequest(*request)) {
-        refuse(request, reply, std::move(error));
-        return;
-    }
-    const auto operation = refusing_ ? nullptr : queue_.add(request, *client);
-    if (!operation) {
-        refuse(request, reply,
-               makeError(OperationErrorCode::CannotAcceptWork, "The media server takes no work now.",
-                         refusing_ ? "it is shutting down" : "too many operations are waiting"));
+    auto failure = checkMediaRequest(*request);
+    const auto id = failure ? std::nullopt : ledger_.add(request, *client, failure);
+    if (!id) {
+        refuse(request, reply, *failure);
         return;
     }
     clients_.note(*client);
     held_.hold(
         kHoldFirstReply,
-        [this, id = operation->id] {
-            const auto state = stateOf(id);
+        [this, id = *id] {
+            const auto state = ledger_.snapshot(id);
             return !state || state->ended;
         },
-        [request, reply, id = operation->id] {
-            // The first reply says only that the work was taken on; the end is told when it is asked for.
+        [request, reply, id = *id] {
+            // The first reply says only that the operation was accepted. The client asks how it ended.
             const auto answer = replyTo(request);
             answer->setUniqueID(id);
             reply(answer);
@@ -203,8 +163,7 @@ void OperationDispatcher::mediaWork(const Ref& request, const Reply& reply) {
 }
 
 void OperationDispatcher::cancelOne(const Ref& request, const Reply& reply) {
-    const std::string id = request->uniqueID().value_or("");
-    if (!queue_.cancel(id) && !selfTests_.cancel(id) && !refused_.find(id)) {
+    if (!ledger_.cancel(request->uniqueID().value_or(""))) {
         replyUnknown(request, reply);
         return;
     }
@@ -216,8 +175,7 @@ void OperationDispatcher::cancelOne(const Ref& request, const Reply& reply) {
 
 void OperationDispatcher::cancelAll(const Ref& request, const Reply& reply) {
     if (const auto client = clientOf(request, reply)) {
-        queue_.cancelAllOf(*client);
-        selfTests_.cancelAllOf(*client);
+        ledger_.cancelAllOf(*client);
         held_.lookAgain();
         const auto answer = replyTo(request);
         answer->setCancelled(true);
@@ -227,16 +185,13 @@ void OperationDispatcher::cancelAll(const Ref& request, const Reply& reply) {
 
 void OperationDispatcher::progress(const Ref& request, const Reply& reply) {
     const std::string id = request->uniqueID().value_or("");
-    const auto before = stateOf(id);
+    const auto before = ledger_.snapshot(id);
     if (!before) {
         replyUnknown(request, reply);
         return;
     }
     const auto answer = [this, request, reply, id] {
-        auto state = queue_.tell(id);
-        if (!state) {
-            state = stateOf(id);
-        }
+        const auto state = ledger_.tell(id);
         if (!state) {
             replyUnknown(request, reply);
             return;
@@ -252,17 +207,17 @@ void OperationDispatcher::progress(const Ref& request, const Reply& reply) {
     held_.hold(
         kHoldProgress,
         [this, id, was = before->progress] {
-            const auto state = stateOf(id);
-            return !state || state->ended || state->progress - was >= kVisibleChange;
+            const auto state = ledger_.snapshot(id);
+            return !state || state->ended || state->progress - was >= OperationLedger::kVisibleChange;
         },
         answer);
 }
 
 void OperationDispatcher::returnResult(const Ref& request, const Reply& reply) {
     const std::string id = request->uniqueID().value_or("");
-    if (const auto record = queue_.finishedRecord(id)) {
+    if (const auto record = ledger_.record(id)) {
         reply(*record);
-    } else if (const auto state = stateOf(id)) {
+    } else if (const auto state = ledger_.snapshot(id)) {
         const auto answer = replyTo(request);
         put(*answer, *state);
         reply(answer);
@@ -272,8 +227,7 @@ void OperationDispatcher::returnResult(const Ref& request, const Reply& reply) {
 }
 
 void OperationDispatcher::removeResult(const Ref& request, const Reply& reply) {
-    const std::string id = request->uniqueID().value_or("");
-    if (!queue_.remove(id) && !selfTests_.remove(id) && !refused_.remove(id)) {
+    if (!ledger_.remove(request->uniqueID().value_or(""))) {
         replyUnknown(request, reply);
         return;
     }
@@ -294,15 +248,14 @@ void OperationDispatcher::selfTest(const Ref& request, const Reply& reply) {
         throw std::runtime_error("the self-test was asked to throw");
     }
     if (info.shouldError != 0) {
-        refuse(request, reply,
-               makeError(OperationErrorCode::Internal, "The self-test failed, as it was asked to.",
-                         "the self-test was asked to fail"));
+        refuse(request, reply, {.cause = FailureCause::InternalError, .reason = "the self-test was asked to fail"});
         return;
     }
     if (const auto client = clientOf(request, reply)) {
         clients_.note(*client);
         const auto answer = replyTo(request);
-        answer->setUniqueID(selfTests_.add(std::chrono::seconds(info.timeToLive), info.shouldComplete != 0, *client));
+        answer->setUniqueID(
+            ledger_.addTimed({std::chrono::seconds(info.timeToLive), info.shouldComplete != 0}, *client));
         reply(answer);
     }
 }

@@ -1,29 +1,26 @@
 #pragma once
 
 #include <functional>
+#include <optional>
+#include <string>
 
 #include <MediaServer/Operations/ClientRegistry.h>
 #include <MediaServer/Operations/HeldReplies.h>
-#include <MediaServer/Operations/OperationQueue.h>
-#include <MediaServer/Operations/RefusedRequests.h>
-#include <MediaServer/Operations/SelfTests.h>
+#include <MediaServer/Operations/OperationLedger.h>
 
 namespace krv::server {
 
-/// Carries out what a record asks for: one handler for each type. Any thread.
+/// Handles the records that clients send: one handler for each operation type. Thread-safe.
 class OperationDispatcher {
 public:
     using Reply = std::function<void(const KRVOperationBase::Ref&)>;
 
-    /// shutDown: begins the end of the server; called on the requesting thread.
-    OperationDispatcher(ClientRegistry& clients, OperationQueue& queue, SelfTests& selfTests, HeldReplies& held,
+    /// shutDown: starts the end of the server; called on the requesting thread. All must outlive this object.
+    OperationDispatcher(ClientRegistry& clients, OperationLedger& ledger, HeldReplies& held,
                         std::function<void()> shutDown);
 
-    /// Calls reply exactly once, now or a little later on another thread.
+    /// Calls reply exactly once, before it returns or up to 400 ms later on the thread of the held replies.
     void dispatch(const KRVOperationBase::Ref& request, const Reply& reply);
-
-    /// From now on media operations are turned away.
-    void refuseMediaWork();
 
 private:
     using Ref = KRVOperationBase::Ref;
@@ -38,7 +35,7 @@ private:
     void ready(const Ref& request, const Reply& reply);
     void registration(const Ref& request, const Reply& reply);
     void amIRegistered(const Ref& request, const Reply& reply);
-    void mediaWork(const Ref& request, const Reply& reply);
+    void mediaOperation(const Ref& request, const Reply& reply);
     void cancelOne(const Ref& request, const Reply& reply);
     void cancelAll(const Ref& request, const Reply& reply);
     void progress(const Ref& request, const Reply& reply);
@@ -47,20 +44,16 @@ private:
     void shutDown(const Ref& request, const Reply& reply);
     void selfTest(const Ref& request, const Reply& reply);
 
-    /// The asking client; answers with an error 9 when there is none.
+    /// Returns the client that the request names. Otherwise refuses the request and returns nothing.
     [[nodiscard]] std::optional<ClientKey> clientOf(const Ref& request, const Reply& reply);
-    /// Answers with the error, and with an identifier under which it will be told again.
-    void refuse(const Ref& request, const Reply& reply, std::shared_ptr<const Error> error);
-    [[nodiscard]] std::optional<OperationQueue::Snapshot> stateOf(const std::string& id) const;
-    void replyUnknown(const Ref& request, const Reply& reply) const;
+    /// Replies with the failure and with an identifier under which the ledger repeats it.
+    void refuse(const Ref& request, const Reply& reply, const Failure& failure);
+    static void replyUnknown(const Ref& request, const Reply& reply);
 
     ClientRegistry& clients_;
-    OperationQueue& queue_;
-    SelfTests& selfTests_;
+    OperationLedger& ledger_;
     HeldReplies& held_;
-    RefusedRequests refused_;
     const std::function<void()> shutDown_;
-    std::atomic<bool> refusing_{false};
 };
 
 }  // namespace krv::server

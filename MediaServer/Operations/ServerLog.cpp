@@ -20,7 +20,7 @@ void logOperation(const ServerOperation& operation) {
                                                   : "completed";
     serverLog(operation.error ? kLogFlagWarning : kLogFlagInfo, "operation",
               fmt::format("{} for process {}: {}; waited {:.2f} s, ran {:.2f} s: {}", operation.request->nameFromType(),
-                          operation.client.pid, operation.request->operationStateDescription(),
+                          operation.client ? operation.client->pid : 0, operation.request->operationStateDescription(),
                           seconds(operation.queuedAt, began ? operation.startedAt : operation.finishedAt),
                           began ? seconds(operation.startedAt, operation.finishedAt) : 0.0, end));
 }

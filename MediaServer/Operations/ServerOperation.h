@@ -1,45 +1,57 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 
 #include <MediaServer/Operations/ClientRegistry.h>
-#include <MediaServer/Workers/JobRunner.h>
+#include <MediaServer/Operations/ShownProgress.h>
+#include <MediaServer/Workers/Cancellation.h>
 
 namespace krv::server {
 
-/// One operation that the server has taken on. All but the cancellation is guarded by the queue's lock.
+/// A self-test operation: it does nothing but take time.
+struct TimedRun {
+    std::chrono::duration<double> timeToLive;
+    /// Whether it completes when its time is over; otherwise it runs until it is cancelled.
+    bool completes;
+};
+
+/// One entry of the ledger. Guarded by the ledger's lock, except the fields that never change: id, request, client and
+/// timed.
 struct ServerOperation {
     using Time = std::chrono::steady_clock::time_point;
     enum class State { Queued, Running, Finished };
 
     std::string id;
+    /// What a media operation was asked to do. Null for self-tests and refusals.
     KRVOperationBase::Ref request;
-    ClientKey client;
-    Cancellation cancellation;
+    /// Who asked. Empty for a refusal: the sender may not be known.
+    std::optional<ClientKey> client;
+    std::optional<TimedRun> timed;
 
+    /// Position in the order in which entries were made.
+    std::uint64_t number = 0;
     State state = State::Queued;
-    /// What clients are shown: never goes backwards, and is 1 only when the output stands under its name.
-    double progress = 0.0;
-    /// Where progress stood when the work began; what the worker reports fills up the rest.
-    double base = 0.0;
+    ShownProgress progress;
+    /// Exists while a media operation runs.
+    std::shared_ptr<Cancellation> cancellation;
     bool completed = false;
     bool cancelled = false;
     std::shared_ptr<const Error> error;
+    /// The worker's record of a completed media operation.
     KRVOperationBase::Ref result;
     Time queuedAt{};
     Time startedAt{};
-    /// When its worker was last heard of.
+    /// When its worker last reported.
     Time livedAt{};
     Time finishedAt{};
-    /// Whether the client has been told of the end.
+    /// Whether a client has been told how it ended.
     bool endTold = false;
 };
-
-/// A new identifier for a client to ask by.
-[[nodiscard]] std::string newOperationId();
 
 using OperationRef = std::shared_ptr<ServerOperation>;
 

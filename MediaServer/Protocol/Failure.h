@@ -75,6 +75,8 @@ struct Failure {
     int errorNumber = 0;
     /// Which source is meant, counted from 0, where the operation has several and one of them is to blame.
     std::optional<std::size_t> source{};
+    /// The file that is meant, where it is neither a source nor the destination of the request.
+    std::string path{};
 };
 
 }  // namespace krv::server

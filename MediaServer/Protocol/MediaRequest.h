@@ -1,35 +1,36 @@
 #pragma once
 
-#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 
+#include <MediaServer/Protocol/Failure.h>
+
 namespace krv::server {
 
-/// How many are made when nobody says, and how many at most: their names have four digits.
+/// How many thumbnails are made without kArgumentThumbnailCount.
 inline constexpr int kStandardThumbnailCount = 12;
+/// How many thumbnails can be made at once: their file names have four digits.
 inline constexpr int kMostThumbnails = 9999;
-/// How many movies can be merged at once: as many as files can be handed to a worker.
+/// How many movies can be merged at once: as many descriptors as can be passed to a worker.
 inline constexpr std::size_t kMostMergeSources = 1000;
 
-/// Keys of what a worker reports of each thumbnail besides its time: where its JPEG data is in the output file, in
-/// bytes.
+/// Keys of what a worker reports of each thumbnail besides its time, integers: offset and length in bytes of its JPEG
+/// data in the output file.
 inline constexpr std::string_view kThumbnailOffset = "offset";
 inline constexpr std::string_view kThumbnailLength = "length";
 
-/// What can be said of a request for media work (types 6 to 11) without touching a file: arguments that are missing, of
-/// the wrong kind, or name no file, and encoding types that do not exist. Null when all is well. Pure.
-[[nodiscard]] std::shared_ptr<const Error> checkMediaRequest(const KRVOperationBase& request);
+/// Checks a request for a media operation (types 6 to 11) without touching a file: arguments that are missing, of the
+/// wrong kind or not absolute paths, and encoding types that do not exist. Empty if the request is valid. Pure.
+[[nodiscard]] std::optional<Failure> checkMediaRequest(const KRVOperationBase& request);
 
-/// The files that a request reads, in order. The request must have been checked.
+/// Returns the paths of the files that a request reads, in order. The request may be invalid; what is not a path is
+/// left out then.
 [[nodiscard]] std::vector<std::string> sourcesOf(const KRVOperationBase& request);
 
-/// The number of thumbnails that a request for them wants. The request must have been checked.
+/// Returns how many thumbnails a request asks for. The request must be valid.
 [[nodiscard]] int thumbnailCountOf(const KRVOperationBase& request);
-
-/// What a person would call the files that a request reads: one path, or the first of several and how many more.
-[[nodiscard]] std::string describeSources(const KRVOperationBase& request);
 
 }  // namespace krv::server

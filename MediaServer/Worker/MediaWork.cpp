@@ -1,4 +1,5 @@
 // From records to the media library's terms and back: the only place in the worker that knows both.
+#include <algorithm>
 #include <array>
 #include <exception>
 #include <new>
@@ -12,8 +13,8 @@
 #include <MediaServer/Media/MovieInfo.h>
 #include <MediaServer/Media/StereoMix.h>
 #include <MediaServer/Media/Thumbnails.h>
+#include <MediaServer/Protocol/FailureSentence.h>
 #include <MediaServer/Protocol/MediaRequest.h>
-#include <MediaServer/Protocol/ServerError.h>
 #include <MediaServer/Worker/MediaWork.h>
 
 namespace krv::server {
@@ -206,26 +207,28 @@ void work(const Message& job, media::ProgressSink& progress, KRVOperationBase& e
 
 }  // namespace
 
-KRVOperationBase::Ref carryOut(const Message& job, WorkerChannel& channel) {
+KRVOperationBase::Ref performRequest(const Message& job, WorkerChannel& channel) {
     const auto end = std::make_shared<KRVOperationBase>();
     end->setOperationType(OpReturnResult);
-    const std::string sources = describeSources(*job.record);
     try {
         ChannelProgress progress(channel);
         work(job, progress, *end);
         end->setProgress(1.0F, true);
     } catch (const media::Failure& failure) {
-        end->setError(makeError(static_cast<OperationErrorCode>(failure.code()), failure.description(),
-                                failure.reason(), failure.path()));
+        end->setError(Error::make(std::string(kMediaServerErrorDomain), failure.code(),
+                                  {{NSLocalizedDescriptionKey, failure.description()},
+                                   {NSLocalizedFailureReasonErrorKey, failure.reason()},
+                                   {kErrorFilePath, failure.path()}}));
     } catch (const std::bad_alloc&) {
-        end->setError(makeError(OperationErrorCode::WorkerFailed,
-                                "There was not enough memory to work on " + sources + ".", "out of memory",
-                                sourcesOf(*job.record).front()));
+        end->setError(makeError(*job.record, {.cause = FailureCause::OutOfMemory}));
     } catch (const std::exception& problem) {
-        end->setError(makeError(OperationErrorCode::Internal, "Working on " + sources + " failed.", problem.what(),
-                                sourcesOf(*job.record).front()));
+        end->setError(makeError(*job.record, {.cause = FailureCause::InternalError, .reason = problem.what()}));
     }
     return end;
+}
+
+bool canPerform(std::int32_t type) noexcept {
+    return std::any_of(kWork.begin(), kWork.end(), [type](const Row& row) { return row.type == type; });
 }
 
 }  // namespace krv::server

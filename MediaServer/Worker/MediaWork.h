@@ -1,11 +1,16 @@
 #pragma once
 
+#include <cstdint>
+
 #include <MediaServer/Protocol/WorkerChannel.h>
 
 namespace krv::server {
 
-/// Carries out one job with the files that came with it, reporting progress over the channel. Returns the record that
-/// ends it: with an error, or with what the operation's `arguments` or `result` are to be. Throws nothing.
-[[nodiscard]] KRVOperationBase::Ref carryOut(const WorkerChannel::Message& job, WorkerChannel& channel);
+/// Performs one request with the descriptors that came with it and reports progress over the channel. Returns the
+/// record that ends it: with an error, or with the operation's `arguments` or `result`. Does not throw.
+[[nodiscard]] KRVOperationBase::Ref performRequest(const WorkerChannel::Message& job, WorkerChannel& channel);
+
+/// Returns whether performRequest() knows this type of operation.
+[[nodiscard]] bool canPerform(std::int32_t type) noexcept;
 
 }  // namespace krv::server

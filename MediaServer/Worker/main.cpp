@@ -51,7 +51,7 @@ int main(int argc, char** argv) {
         krv::KRVOperationBase begun;
         begun.setOperationType(krv::OpReadyToProcessRequests);
         channel.send(begun);
-        channel.send(*krv::server::carryOut(*job, channel));
+        channel.send(*krv::server::performRequest(*job, channel));
     }
     // Without destroying what the codecs' libraries have put up: the kernel is quicker.
     ::_exit(0);

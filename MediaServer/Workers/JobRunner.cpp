@@ -8,8 +8,7 @@
 
 #include <fmt/format.h>
 
-#include <MediaServer/Protocol/MediaRequest.h>
-#include <MediaServer/Protocol/ServerError.h>
+#include <MediaServer/Protocol/FailureSentence.h>
 #include <MediaServer/Workers/JobRunner.h>
 
 namespace krv::server {
@@ -20,8 +19,8 @@ constexpr int kAttempts = 3;
 
 std::string howItEnded(int status) {
     return WIFSIGNALED(status)
-               ? fmt::format("the worker was ended by signal {} ({})", WTERMSIG(status), ::strsignal(WTERMSIG(status)))
-               : fmt::format("the worker ended with status {}", WEXITSTATUS(status));
+               ? fmt::format("the worker was killed by signal {} ({})", WTERMSIG(status), ::strsignal(WTERMSIG(status)))
+               : fmt::format("the worker exited with status {}", WEXITSTATUS(status));
 }
 
 Outcome failed(std::shared_ptr<const Error> error) {
@@ -36,7 +35,7 @@ Outcome JobRunner::run(const KRVOperationBase& request, const std::vector<int>& 
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         const auto worker = workers_.take(failure);
         if (!worker) {
-            return failed(makeError(OperationErrorCode::Internal, "The media worker could not be started.", failure));
+            return failed(makeError(request, {.cause = FailureCause::WorkerDidNotStart, .reason = failure}));
         }
         bool begun = false;
         if (worker->channel.send(request, files)) {
@@ -46,13 +45,11 @@ Outcome JobRunner::run(const KRVOperationBase& request, const std::vector<int>& 
         }
         failure = howItEnded(worker->end());
         if (begun) {
-            return failed(makeError(OperationErrorCode::WorkerFailed,
-                                    fmt::format("The media worker crashed on {}.", describeSources(request)), failure,
-                                    sourcesOf(request).front()));
+            return failed(makeError(request, {.cause = FailureCause::WorkerCrashed, .reason = failure}));
         }
         // It was gone before it had the job, so the job is not to blame.
     }
-    return failed(makeError(OperationErrorCode::Internal, "The media workers do not stay alive.", failure));
+    return failed(makeError(request, {.cause = FailureCause::WorkerDidNotStart, .reason = failure}));
 }
 
 std::optional<Outcome> JobRunner::follow(WorkerChannel& channel, const Cancellation& cancellation,

@@ -26,7 +26,7 @@ protected:
         fs::create_directory(folder.path() / "out");
         ::setenv("XDG_STATE_HOME", (folder.path() / "state").c_str(), 1);
     }
-    std::unique_ptr<AtomicOutput> open(const fs::path& path) { return AtomicOutput::open(path.string(), error); }
+    std::unique_ptr<AtomicOutput> open(const fs::path& path) { return AtomicOutput::open(path.string(), failure); }
     static void write(const AtomicOutput& output, const std::string& text) {
         ASSERT_EQ(::write(output.descriptor(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
     }
@@ -41,7 +41,7 @@ protected:
 
     test::TemporaryFolder folder;
     const fs::path destination = folder.path() / "out/movie.mp4";
-    std::shared_ptr<const Error> error;
+    std::optional<Failure> failure;
 };
 
 TEST_F(Output, AppearsUnderItsNameOnlyWhenItIsCommitted) {
@@ -49,7 +49,7 @@ TEST_F(Output, AppearsUnderItsNameOnlyWhenItIsCommitted) {
     ASSERT_TRUE(output);
     write(*output, "movie");
     EXPECT_EQ(filesInFolder(), 0U);
-    EXPECT_EQ(output->commit(), nullptr);
+    EXPECT_FALSE(output->commit());
     EXPECT_EQ(contents(destination), "movie");
     EXPECT_EQ(filesInFolder(), 1U);
     EXPECT_EQ(notes(), 0U);
@@ -68,7 +68,7 @@ TEST_F(Output, ReplacesWhatIsThereAndKeepsItsMode) {
     const auto output = open(destination);
     write(*output, "new");
     EXPECT_EQ(contents(destination), "old");
-    EXPECT_EQ(output->commit(), nullptr);
+    EXPECT_FALSE(output->commit());
     EXPECT_EQ(contents(destination), "new");
     struct stat status {};
     ASSERT_EQ(::stat(destination.c_str(), &status), 0);
@@ -81,7 +81,7 @@ TEST_F(Output, ReplacesWhatHasAppearedMeanwhile) {
     const auto output = open(destination);
     write(*output, "new");
     std::ofstream(destination) << "meanwhile";
-    EXPECT_EQ(output->commit(), nullptr);
+    EXPECT_FALSE(output->commit());
     EXPECT_EQ(contents(destination), "new");
 }
 
@@ -91,26 +91,25 @@ TEST_F(Output, FollowsALinkThatStaysALink) {
     fs::create_symlink(target, destination);
     const auto output = open(destination);
     write(*output, "new");
-    EXPECT_EQ(output->commit(), nullptr);
+    EXPECT_FALSE(output->commit());
     EXPECT_TRUE(fs::is_symlink(destination));
     EXPECT_EQ(contents(target), "new");
 }
 
 TEST_F(Output, CannotBeOpenedWithoutItsFolder) {
     EXPECT_FALSE(open(folder.path() / "missing/movie.mp4"));
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->code(), 5);
-    EXPECT_NE(error->localizedDescription().find("missing/movie.mp4"), std::string::npos);
-    EXPECT_EQ(error->localizedFailureReason(), "No such file or directory");
-    EXPECT_EQ((*error->userInfo())["KRVFilePath"], Value((folder.path() / "missing/movie.mp4").string()));
+    ASSERT_TRUE(failure);
+    EXPECT_EQ(failure->cause, FailureCause::UnwritableDestination);
+    EXPECT_EQ(failure->errorNumber, ENOENT);
+    EXPECT_EQ(failure->path, (folder.path() / "missing/movie.mp4").string());
 }
 
 TEST_F(Output, CannotBeAFolderOrLieInAFile) {
     EXPECT_FALSE(open(folder.path() / "out"));
-    EXPECT_EQ(error->code(), 5);
+    EXPECT_EQ(failure->cause, FailureCause::UnwritableDestination);
     std::ofstream(destination) << "file";
     EXPECT_FALSE(open(destination / "movie.mp4"));
-    EXPECT_EQ(error->code(), 5);
+    EXPECT_EQ(failure->cause, FailureCause::UnwritableDestination);
 }
 
 TEST_F(Output, ACommitThatFailsLeavesNothing) {
@@ -119,7 +118,7 @@ TEST_F(Output, ACommitThatFailsLeavesNothing) {
     fs::create_directory(destination);
     const auto failure = output->commit();
     ASSERT_TRUE(failure);
-    EXPECT_EQ(failure->code(), 5);
+    EXPECT_EQ(failure->cause, FailureCause::UnwritableDestination);
     fs::remove(destination);
     EXPECT_EQ(notes(), 1U);  // gone with the object
 }
@@ -128,7 +127,7 @@ TEST_F(Output, ThatIsPlacedAndNotKeptIsTakenBack) {
     {
         const auto output = open(destination);
         write(*output, "new");
-        EXPECT_EQ(output->place(), nullptr);
+        EXPECT_FALSE(output->place());
         EXPECT_EQ(contents(destination), "new");
     }
     EXPECT_EQ(filesInFolder(), 0U);
@@ -136,7 +135,7 @@ TEST_F(Output, ThatIsPlacedAndNotKeptIsTakenBack) {
     {
         const auto output = open(destination);
         write(*output, "new");
-        EXPECT_EQ(output->place(), nullptr);
+        EXPECT_FALSE(output->place());
         EXPECT_EQ(contents(destination), "new");
     }
     EXPECT_EQ(contents(destination), "old");
@@ -149,7 +148,7 @@ TEST_F(Output, ThatIsPlacedAndKeptStays) {
     {
         const auto output = open(destination);
         write(*output, "new");
-        EXPECT_EQ(output->place(), nullptr);
+        EXPECT_FALSE(output->place());
         output->keep();
     }
     EXPECT_EQ(contents(destination), "new");
@@ -161,7 +160,7 @@ TEST_F(Output, IsNotTakenBackFromWhoReplacedItMeanwhile) {
     {
         const auto output = open(destination);
         write(*output, "new");
-        EXPECT_EQ(output->place(), nullptr);
+        EXPECT_FALSE(output->place());
         fs::remove(destination);
         std::ofstream(destination) << "somebody else's";
     }

@@ -9,6 +9,7 @@
 
 #include "TemporaryFolder.h"
 #include <MediaServer/Files/ThumbnailFolder.h>
+#include <MediaServer/Protocol/FailureSentence.h>
 #include <MediaServer/Protocol/MediaRequest.h>
 
 namespace krv::server {
@@ -43,7 +44,7 @@ protected:
     std::int64_t commit(ThumbnailFolder& opened, Array list) {
         record.setResult(std::make_shared<Dictionary>(Dictionary{{kResultThumbnails, std::move(list)}}));
         error = opened.commit(record);
-        return error ? error->code() : 0;
+        return error ? static_cast<std::int64_t>(codeOf(error->cause)) : 0;
     }
     std::vector<std::string> names() const {
         std::vector<std::string> found;
@@ -56,7 +57,7 @@ protected:
 
     test::TemporaryFolder temporary;
     KRVOperationBase record;
-    std::shared_ptr<const Error> error;
+    std::optional<Failure> error;
 };
 
 TEST_F(Thumbnails, BecomeFilesOfTheirOwnInAFolderThatIsMade) {
@@ -114,16 +115,16 @@ TEST_F(Thumbnails, AreNotTakenFromAListThatMakesNoSense) {
     }
     const auto opened = open();
     record.setResult(nullptr);
-    EXPECT_EQ(opened->commit(record)->code(), 8);
+    EXPECT_EQ(opened->commit(record)->cause, FailureCause::InternalError);
     EXPECT_THAT(names(), testing::IsEmpty());
 }
 
 TEST_F(Thumbnails, NeedAFolderInWhichTheirsCanBeMade) {
     EXPECT_FALSE(ThumbnailFolder::open((temporary.path() / "no" / "pictures").string(), error));
-    EXPECT_EQ(error->code(), 5);
+    EXPECT_EQ(error->cause, FailureCause::UnwritableDestination);
     std::ofstream(folder()) << "a file";
     EXPECT_FALSE(ThumbnailFolder::open(folder(), error));
-    EXPECT_EQ(error->code(), 5);
+    EXPECT_EQ(error->cause, FailureCause::UnwritableDestination);
 }
 
 }  // namespace

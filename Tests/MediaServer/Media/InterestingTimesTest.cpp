@@ -2,12 +2,12 @@
 #include <cmath>
 #include <set>
 
-#include <MediaServer/Media/InterestingTimes.h>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include "MediaTestKit.h"
 #include "Numbers.h"
+#include <MediaServer/Media/InterestingTimes.h>
 
 namespace krv::media::test {
 namespace {

@@ -1,9 +1,9 @@
 #include <fcntl.h>
 
-#include <MediaServer/Media/StereoMix.h>
 #include <gmock/gmock.h>
 
 #include "MediaTestKit.h"
+#include <MediaServer/Media/StereoMix.h>
 
 namespace krv::media::test {
 namespace {

@@ -3,8 +3,8 @@
 
 #include <gmock/gmock.h>
 
+#include <MediaServer/Protocol/FailureSentence.h>
 #include <MediaServer/Protocol/MediaRequest.h>
-#include <MediaServer/Protocol/ServerError.h>
 
 namespace krv::server {
 namespace {
@@ -13,7 +13,7 @@ using R = KRVOperationBase;
 
 std::int64_t codeOf(const R::Ref& request) {
     const auto error = checkMediaRequest(*request);
-    return error ? error->code() : 0;
+    return error ? makeError(*request, *error)->code() : 0;
 }
 
 R::Ref with(const R::Ref& request, std::string_view key, Value value) {
@@ -38,7 +38,7 @@ R::Ref times() {
     return R::getInterestingTimesOperation("/a.mov", true, 0);
 }
 
-TEST(MediaRequest, OfEveryKindIsTakenWhenItIsComplete) {
+TEST(MediaRequest, OfEveryKindIsValidWhenItIsComplete) {
     for (const R::Ref& request : {encode(), thumbnails(), R::provideMetadataFor("/a.mov"),
                                   R::muxAudioTo2chOperation("/a.mov", "/b.mov"), merge(), times()}) {
         EXPECT_EQ(codeOf(request), 0) << request->nameFromType();
@@ -85,30 +85,31 @@ TEST(MediaRequest, NamesTheArgumentThatIsMissingOrOfTheWrongKind) {
         {with(times(), kArgumentTrackIndex, "0"), kArgumentTrackIndex},
     };
     for (const Case& each : cases) {
-        const auto error = checkMediaRequest(*each.request);
-        ASSERT_TRUE(error) << each.named;
+        const auto failure = checkMediaRequest(*each.request);
+        ASSERT_TRUE(failure) << each.named;
+        const auto error = makeError(*each.request, *failure);
         EXPECT_EQ(error->code(), 9) << each.named;
         EXPECT_THAT(error->localizedFailureReason(), testing::HasSubstr(std::string(each.named)));
     }
 }
 
-TEST(MediaRequest, WhoseEncodingTypeDoesNotExistIsNotSupported) {
+TEST(MediaRequest, WithAnEncodingTypeThatDoesNotExistIsUnsupported) {
     EXPECT_EQ(codeOf(with(encode(), kArgumentEncodingType, 8)), 6);
     EXPECT_EQ(codeOf(with(encode(), kArgumentEncodingType, -1)), 6);
 }
 
-TEST(MediaRequest, OfAnotherTypeIsNoMediaWork) {
+TEST(MediaRequest, OfAnotherTypeIsRefused) {
     EXPECT_EQ(codeOf(R::amIRegisteredOperation()), 9);
 }
 
-TEST(MediaRequest, TellsItsSources) {
+TEST(MediaRequest, HasSources) {
     EXPECT_THAT(sourcesOf(*encode()), testing::ElementsAre("/a.mov"));
     EXPECT_THAT(sourcesOf(*merge()), testing::ElementsAre("/a.mov", "/b.mov"));
-    EXPECT_EQ(describeSources(*encode()), "/a.mov");
-    EXPECT_EQ(describeSources(*merge({"/a.mov", "/b.mov", "/c.mov"})), "/a.mov and 2 more");
+    EXPECT_THAT(sourcesOf(*without(encode(), kArgumentEncodingSourceFilename)), testing::IsEmpty());
+    EXPECT_THAT(sourcesOf(*merge({"/a.mov", 7})), testing::ElementsAre("/a.mov"));
 }
 
-TEST(MediaRequest, WantsTwelveThumbnailsUnlessItSaysOtherwise) {
+TEST(MediaRequest, AsksForTwelveThumbnailsByDefault) {
     EXPECT_EQ(thumbnailCountOf(*thumbnails()), 12);
     EXPECT_EQ(thumbnailCountOf(*with(thumbnails(), kArgumentThumbnailCount, 3)), 3);
 }

@@ -1,0 +1,37 @@
+#include <MediaServer/Files/OperationFiles.h>
+#include <MediaServer/Operations/MediaWorkflow.h>
+#include <MediaServer/Protocol/FailureSentence.h>
+
+namespace krv::server {
+
+Outcome performMediaOperation(const JobRunner& runner, const KRVOperationBase::Ref& request,
+                              const Cancellation& cancellation, const std::function<void(double)>& onProgress) {
+    const auto failed = [&](const Failure& failure) {
+        return Outcome{Outcome::Kind::Failed, makeError(*request, failure), nullptr};
+    };
+    std::optional<Failure> failure;
+    const auto files = OperationFiles::open(*request, failure);
+    if (!files) {
+        return failed(*failure);
+    }
+    Outcome outcome = runner.run(*request, files->descriptors(), cancellation, onProgress);
+    if (outcome.kind != Outcome::Kind::Completed) {
+        return outcome;
+    }
+    const auto continueFlush = [&] {
+        onProgress(1.0);
+        return !cancellation.requested();
+    };
+    if ((failure = files->flush(continueFlush))) {
+        return failed(*failure);
+    }
+    if (cancellation.requested()) {
+        return {Outcome::Kind::Cancelled, nullptr, nullptr};
+    }
+    if ((failure = files->commit(*outcome.record))) {
+        return failed(*failure);
+    }
+    return outcome;
+}
+
+}  // namespace krv::server

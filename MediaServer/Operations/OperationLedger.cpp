@@ -1,0 +1,417 @@
+#include <algorithm>
+#include <utility>
+
+#include <gio/gio.h>
+
+#include <MediaServer/Operations/OperationLedger.h>
+#include <MediaServer/Operations/ServerLog.h>
+#include <MediaServer/Protocol/FailureSentence.h>
+
+namespace krv::server {
+namespace {
+
+std::string newIdentifier() {
+    char* const text = g_uuid_string_random();
+    std::string id = text;
+    g_free(text);
+    std::transform(id.begin(), id.end(), id.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+    return id;
+}
+
+using State = ServerOperation::State;
+
+}  // namespace
+
+OperationLedger::OperationLedger(Changed changed, Clock clock)
+    : changed_(std::move(changed))
+    , clock_(std::move(clock)) {}
+
+std::size_t OperationLedger::kindOf(const ServerOperation& operation) noexcept {
+    const MediaOperation* const row = mediaOperation(operation.request->operationType());
+    return static_cast<std::size_t>(row ? row->duration : Duration::Long);
+}
+
+std::string OperationLedger::insert(const OperationRef& operation) {
+    operation->id = newIdentifier();
+    operation->number = ++lastNumber_;
+    byId_[operation->id] = operation;
+    inOrder_[operation->number] = operation;
+    return operation->id;
+}
+
+void OperationLedger::erase(const ServerOperation& operation) {
+    const std::string id = operation.id;
+    inOrder_.erase(operation.number);
+    byId_.erase(id);
+}
+
+OperationRef OperationLedger::find(const std::string& id) const {
+    const auto place = byId_.find(id);
+    return place == byId_.end() ? nullptr : place->second;
+}
+
+std::optional<std::string> OperationLedger::add(const KRVOperationBase::Ref& request, const ClientKey& client,
+                                                std::optional<Failure>& failure) {
+    const auto operation = std::make_shared<ServerOperation>();
+    operation->request = request;
+    operation->client = client;
+    const std::size_t kind = kindOf(*operation);
+    std::string id;
+    {
+        const LockGuard lock(mutex_);
+        std::size_t waiting = 0;
+        for (const Line& line : lines_) {
+            waiting += line.waiting.size();
+        }
+        if (closed_ || waiting >= kLongestQueue) {
+            failure = Failure{.cause = closed_ ? FailureCause::ShuttingDown : FailureCause::QueueFull};
+            return std::nullopt;
+        }
+        operation->queuedAt = clock_();
+        lines_.at(kind).waiting.push_back(operation);
+        id = insert(operation);
+    }
+    wake_.at(kind).notify_one();
+    return id;
+}
+
+std::string OperationLedger::addTimed(const TimedRun& run, const ClientKey& client) {
+    const auto operation = std::make_shared<ServerOperation>();
+    operation->client = client;
+    operation->timed = TimedRun{std::max(run.timeToLive, std::chrono::duration<double>::zero()), run.completes};
+    const LockGuard lock(mutex_);
+    operation->state = State::Running;
+    operation->queuedAt = operation->startedAt = clock_();
+    return insert(operation);
+}
+
+std::string OperationLedger::addRefused(std::shared_ptr<const Error> error) {
+    const auto operation = std::make_shared<ServerOperation>();
+    operation->error = std::move(error);
+    operation->state = State::Finished;
+    const LockGuard lock(mutex_);
+    operation->finishedAt = clock_();
+    if (refusals_.size() >= kMostRefusals) {
+        if (const auto oldest = find(refusals_.front())) {
+            erase(*oldest);
+        }
+        refusals_.pop_front();
+    }
+    refusals_.push_back(insert(operation));
+    return refusals_.back();
+}
+
+void OperationLedger::refresh(ServerOperation& operation) const {
+    if (!operation.timed || operation.state == State::Finished) {
+        return;
+    }
+    const TimedRun& run = *operation.timed;
+    const std::chrono::duration<double> elapsed = clock_() - operation.startedAt;
+    if (!run.completes) {
+        // Approaches 1 without ever stopping.
+        operation.progress.advanceTo(elapsed / (elapsed + run.timeToLive + std::chrono::seconds(1)));
+    } else if (elapsed < run.timeToLive) {
+        operation.progress.advanceTo(elapsed / run.timeToLive);
+    } else {
+        operation.progress.complete();
+        operation.completed = true;
+        operation.state = State::Finished;
+        operation.finishedAt = clock_();
+    }
+}
+
+OperationLedger::Snapshot OperationLedger::snapshotOf(const ServerOperation& operation) {
+    return {operation.progress.value(), operation.completed, operation.cancelled, operation.state == State::Finished,
+            operation.error};
+}
+
+std::optional<OperationLedger::Snapshot> OperationLedger::snapshot(const std::string& id) const {
+    const LockGuard lock(mutex_);
+    const auto operation = find(id);
+    if (!operation) {
+        return std::nullopt;
+    }
+    refresh(*operation);
+    return snapshotOf(*operation);
+}
+
+std::optional<OperationLedger::Snapshot> OperationLedger::tell(const std::string& id) {
+    const LockGuard lock(mutex_);
+    const auto operation = find(id);
+    if (!operation) {
+        return std::nullopt;
+    }
+    refresh(*operation);
+    operation->endTold |= operation->state == State::Finished;
+    return snapshotOf(*operation);
+}
+
+std::optional<KRVOperationBase::Ref> OperationLedger::record(const std::string& id) const {
+    const LockGuard lock(mutex_);
+    const auto operation = find(id);
+    if (!operation || !operation->request) {
+        return std::nullopt;
+    }
+    auto record = std::make_shared<KRVOperationBase>();
+    record->setOperationType(operation->request->operationType());
+    record->setUniqueID(operation->id);
+    record->setProgress(static_cast<float>(operation->progress.value()), operation->completed);
+    record->setCancelled(operation->cancelled);
+    record->setError(operation->error);
+    record->setArguments(operation->request->arguments());
+    if (operation->result) {
+        record->setResult(operation->result->result());
+        for (const auto& [key, value] : *operation->result->arguments()) {
+            if (*key != kArgumentPIDRegInfo) {
+                record->arguments()->set(*key, value);
+            }
+        }
+    }
+    return record;
+}
+
+OperationLedger::Counts OperationLedger::counts() const {
+    const LockGuard lock(mutex_);
+    Counts counts;
+    for (const auto& [number, operation] : inOrder_) {
+        refresh(*operation);
+        switch (operation->state) {
+        case State::Queued:
+            ++counts.queued;
+            break;
+        case State::Running:
+            ++counts.running;
+            break;
+        case State::Finished:
+            counts.finished += operation->request ? 1U : 0U;
+            counts.untold += operation->request && !operation->endTold ? 1U : 0U;
+            break;
+        }
+    }
+    return counts;
+}
+
+std::vector<std::string> OperationLedger::names() const {
+    const LockGuard lock(mutex_);
+    std::vector<std::string> names;
+    for (const auto& [number, operation] : inOrder_) {
+        if (operation->request && operation->state != State::Finished) {
+            names.push_back(operation->request->nameFromType());
+        }
+    }
+    return names;
+}
+
+bool OperationLedger::cancelLocked(ServerOperation& operation) {
+    refresh(operation);
+    if (operation.state == State::Finished) {
+        return false;
+    }
+    if (operation.cancellation) {
+        operation.cancellation->request();  // it ends when its executor thread has seen this
+        return false;
+    }
+    if (!operation.timed) {
+        std::erase_if(lines_.at(kindOf(operation)).waiting,
+                      [&](const OperationRef& each) { return each.get() == &operation; });
+    }
+    finishLocked(operation, {Outcome::Kind::Cancelled, nullptr, nullptr});
+    return true;
+}
+
+bool OperationLedger::cancel(const std::string& id) {
+    bool ended = false;
+    {
+        const LockGuard lock(mutex_);
+        const auto operation = find(id);
+        if (!operation) {
+            return false;
+        }
+        ended = cancelLocked(*operation);
+    }
+    if (ended) {
+        changed_();
+    }
+    return true;
+}
+
+void OperationLedger::cancelAllOf(const ClientKey& client) {
+    {
+        const LockGuard lock(mutex_);
+        for (const auto& [number, operation] : inOrder_) {
+            if (operation->client == client) {
+                cancelLocked(*operation);
+            }
+        }
+    }
+    changed_();
+}
+
+void OperationLedger::cancelEverything() {
+    {
+        const LockGuard lock(mutex_);
+        for (const auto& [number, operation] : inOrder_) {
+            cancelLocked(*operation);
+        }
+    }
+    changed_();
+}
+
+bool OperationLedger::remove(const std::string& id) {
+    const LockGuard lock(mutex_);
+    const auto operation = find(id);
+    if (!operation) {
+        return false;
+    }
+    cancelLocked(*operation);
+    erase(*operation);
+    return true;
+}
+
+void OperationLedger::removeAllOf(const ClientKey& client) {
+    {
+        const LockGuard lock(mutex_);
+        std::vector<OperationRef> theirs;
+        for (const auto& [number, operation] : inOrder_) {
+            if (operation->client == client) {
+                theirs.push_back(operation);
+            }
+        }
+        for (const OperationRef& operation : theirs) {
+            cancelLocked(*operation);
+            erase(*operation);
+        }
+    }
+    changed_();
+}
+
+std::vector<ClientKey> OperationLedger::removeOld() {
+    const LockGuard lock(mutex_);
+    const auto now = clock_();
+    std::vector<OperationRef> old;
+    std::vector<ClientKey> remaining;
+    for (const auto& [number, operation] : inOrder_) {
+        refresh(*operation);
+        if (operation->state == State::Finished && now - operation->finishedAt >= kResultsKept) {
+            old.push_back(operation);
+        } else if (operation->client) {
+            remaining.push_back(*operation->client);
+        }
+    }
+    std::vector<ClientKey> affected;
+    for (const OperationRef& operation : old) {
+        erase(*operation);
+        if (operation->client && std::find(remaining.begin(), remaining.end(), *operation->client) == remaining.end()) {
+            affected.push_back(*operation->client);
+        }
+    }
+    std::erase_if(refusals_, [this](const std::string& id) KRV_REQUIRES(mutex_) { return !find(id); });
+    return affected;
+}
+
+void OperationLedger::close() {
+    {
+        const LockGuard lock(mutex_);
+        closed_ = true;
+        for (Line& line : lines_) {
+            for (const OperationRef& operation : line.waiting) {
+                finishLocked(*operation,
+                             {Outcome::Kind::Failed,
+                              makeError(*operation->request, {.cause = FailureCause::ShuttingDown}), nullptr});
+            }
+            line.waiting.clear();
+        }
+    }
+    changed_();
+}
+
+OperationRef OperationLedger::takeNext(Duration duration) {
+    const auto kind = static_cast<std::size_t>(duration);
+    const LockGuard lock(mutex_);
+    Line& line = lines_.at(kind);
+    while (line.waiting.empty() && !stopping_) {
+        wake_.at(kind).wait(mutex_);
+    }
+    if (stopping_) {
+        return nullptr;
+    }
+    const OperationRef operation = line.waiting.front();
+    line.waiting.pop_front();
+    operation->state = State::Running;
+    operation->cancellation = std::make_shared<Cancellation>();
+    operation->startedAt = clock_();
+    operation->livedAt = operation->startedAt;
+    operation->progress.start();
+    line.lastLife = operation->startedAt;
+    return operation;
+}
+
+void OperationLedger::report(ServerOperation& operation, double fraction) {
+    bool visible = false;
+    {
+        const LockGuard lock(mutex_);
+        const auto now = clock_();
+        const double before = operation.progress.value();
+        operation.progress.report(fraction, now - operation.livedAt);
+        operation.livedAt = now;
+        visible = operation.progress.value() - before >= kVisibleChange;
+        creep(lines_.at(kindOf(operation)));
+    }
+    if (visible) {
+        changed_();
+    }
+}
+
+void OperationLedger::creep(Line& line) {
+    const auto now = clock_();
+    for (const OperationRef& each : line.waiting) {
+        each->progress.creep(now - line.lastLife);
+    }
+    line.lastLife = now;
+}
+
+void OperationLedger::finish(ServerOperation& operation, Outcome outcome) {
+    {
+        const LockGuard lock(mutex_);
+        finishLocked(operation, std::move(outcome));
+        creep(lines_.at(kindOf(operation)));
+    }
+    changed_();
+}
+
+void OperationLedger::finishLocked(ServerOperation& operation, Outcome outcome) {
+    operation.state = State::Finished;
+    operation.finishedAt = clock_();
+    operation.cancellation.reset();
+    operation.result = std::move(outcome.record);
+    switch (outcome.kind) {
+    case Outcome::Kind::Completed:
+        operation.completed = true;
+        operation.progress.complete();
+        break;
+    case Outcome::Kind::Failed:
+        operation.error = std::move(outcome.error);
+        break;
+    case Outcome::Kind::Cancelled:
+        operation.cancelled = true;
+        break;
+    }
+    if (operation.request) {
+        logOperation(operation);
+    }
+}
+
+void OperationLedger::stop() {
+    {
+        const LockGuard lock(mutex_);
+        stopping_ = true;
+        closed_ = true;
+    }
+    cancelEverything();
+    for (auto& wake : wake_) {
+        wake.notify_all();
+    }
+}
+
+}  // namespace krv::server
