@@ -8,6 +8,7 @@
 #include <KRVQTProcessClient/Client/ServerRunner.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Logging/Log.h>
+#include <KRVQTProcessClient/Operations/MediaServerName.h>
 
 namespace krv {
 
@@ -18,9 +19,8 @@ namespace {
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-constexpr std::string_view kServerName = "KRVQuicktimeProcess";
 constexpr std::string_view kServerType = "app";
-constexpr std::string_view kExecutableInBundle = "/Contents/MacOS/KRVQuicktimeProcess";
+constexpr std::string_view kExecutablesInBundle = "/Contents/MacOS/";
 constexpr std::string_view kLoggingDomainArgument = "-KRVLoggingDomain";
 constexpr std::string_view kMediaClass = "KRVMedia";
 constexpr Clock::Duration kLaunchTakesAtMost = 30s;
@@ -43,7 +43,7 @@ std::string standardErrorFile() {
     } else {
         return {};
     }
-    folder /= kServerName;
+    folder /= kMediaServerName;
     std::error_code failure;
     fs::create_directories(folder, failure);
     const fs::path file = folder / "standard-error.log";
@@ -119,10 +119,10 @@ void ServerRunner::kickOffQTProcessor() {
             return;
         }
     }
-    const auto bundle = findResource(kServerName, kServerType);
+    const auto bundle = findResource(kMediaServerName, kServerType);
     if (!bundle) {
         const auto library = environment_.libraryBundle();
-        KRV_LOG(kLogFlagInfo, site("kickOffQTProcessor"), "There is no {}.{} in {}{}{}", kServerName, kServerType,
+        KRV_LOG(kLogFlagInfo, site("kickOffQTProcessor"), "There is no {}.{} in {}{}{}", kMediaServerName, kServerType,
                 environment_.mainBundle().path(), library ? " or " : "", library ? library->path() : "");
         // The reason has a place for a name, and shows what is printed for a missing one.
         const std::string reason = "Cannot find the executable (null). Can't start server";
@@ -130,7 +130,7 @@ void ServerRunner::kickOffQTProcessor() {
         throw Exception("BadBuild", reason);
     }
     KRV_LOG(kLogFlagInfo, site("kickOffQTProcessor"), "I will start {}", *bundle);
-    Task::Launch what{.executable = *bundle + std::string(kExecutableInBundle),
+    Task::Launch what{.executable = fmt::format("{}{}{}", *bundle, kExecutablesInBundle, kMediaServerName),
                       .arguments = {std::string(kLoggingDomainArgument)},
                       .standardErrorFile = standardErrorFile()};
     if (auto identifier = environment_.mainBundle().bundleIdentifier()) {

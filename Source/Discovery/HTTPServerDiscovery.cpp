@@ -9,11 +9,12 @@
 #include <KRVQTProcessClient/Discovery/ServerNaming.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Logging/Log.h>
+#include <KRVQTProcessClient/Operations/MediaServerName.h>
 #include <KRVQTProcessClient/Platform/Port.h>
 
 namespace krv {
 
-constinit const std::string_view kHTTPServerDiscoveryDefaultServiceName = "KRVQuicktimeProcess";
+constinit const std::string_view kHTTPServerDiscoveryDefaultServiceName = kMediaServerName;
 constinit const std::string_view kHTTPServerDiscoveryServiceChangeNotification =
     "kHTTPServerDiscoveryServiceChangeNotification";
 
