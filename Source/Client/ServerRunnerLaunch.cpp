@@ -1,5 +1,4 @@
 // Finding the server's program and launching it.
-#include <cstdlib>
 #include <filesystem>
 #include <utility>
 
@@ -9,6 +8,7 @@
 #include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Logging/Log.h>
 #include <KRVQTProcessClient/Operations/MediaServerName.h>
+#include <KRVQTProcessClient/Platform/StateFolder.h>
 
 namespace krv {
 
@@ -33,20 +33,12 @@ constexpr LogSite site(std::string_view function) {
 /// Where the server's standard error goes: what the dynamic linker or a crash prints would be lost otherwise. Empty
 /// when there is no place for it.
 std::string standardErrorFile() {
-    const char* const state = std::getenv("XDG_STATE_HOME");
-    const char* const home = std::getenv("HOME");
-    fs::path folder;
-    if (state && state[0] == '/') {
-        folder = state;
-    } else if (home && home[0] == '/') {
-        folder = fs::path(home) / ".local/state";
-    } else {
+    const std::string folder = stateFolder(kMediaServerName);
+    if (folder.empty()) {
         return {};
     }
-    folder /= kMediaServerName;
     std::error_code failure;
-    fs::create_directories(folder, failure);
-    const fs::path file = folder / "standard-error.log";
+    const fs::path file = fs::path(folder) / "standard-error.log";
     if (const auto size = fs::file_size(file, failure); !failure && size > kLargestErrorFile) {
         fs::resize_file(file, 0, failure);
     }
