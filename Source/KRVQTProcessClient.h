@@ -26,6 +26,7 @@
 #include <KRVQTProcessClient/Monitoring/KRVProcessMonitor.h>
 #include <KRVQTProcessClient/Operations/EncodingParameters.h>
 #include <KRVQTProcessClient/Operations/KRVOperationBase.h>
+#include <KRVQTProcessClient/Operations/MediaServerName.h>
 #include <KRVQTProcessClient/Operations/OperationErrors.h>
 #include <KRVQTProcessClient/Operations/OperationKeys.h>
 #include <KRVQTProcessClient/Operations/OperationProgress.h>

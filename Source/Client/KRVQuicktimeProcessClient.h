@@ -9,6 +9,7 @@
 #include <KRVQTProcessClient/Client/ServerRunner.h>
 #include <KRVQTProcessClient/Client/TransportInvocation.h>
 #include <KRVQTProcessClient/Foundation/Export.h>
+#include <KRVQTProcessClient/Foundation/Guarded.h>
 #include <KRVQTProcessClient/Foundation/Mutex.h>
 #include <KRVQTProcessClient/Monitoring/KRVProcessMonitor.h>
 #include <KRVQTProcessClient/Platform/Clock.h>
@@ -144,7 +145,7 @@ private:
     std::atomic<bool> inCleanup_{false};
     std::shared_ptr<ServerRunner> serverRunner_ KRV_GUARDED_BY(mutex_);
     std::shared_ptr<KRVProcessMonitor> procMonitor_ KRV_GUARDED_BY(mutex_);
-    std::shared_ptr<KRVTransport> transport_ KRV_GUARDED_BY(mutex_);
+    Guarded<std::shared_ptr<KRVTransport>> transport_;
     std::atomic<float> progressTimeoutDuration_{0};
 };
 

@@ -158,13 +158,11 @@ std::shared_ptr<KRVProcessMonitor> KRVQuicktimeProcessClient::procMonitor() cons
 }
 
 std::shared_ptr<KRVTransport> KRVQuicktimeProcessClient::transport() const {
-    const LockGuard lock(mutex_);
-    return transport_;
+    return transport_.get();
 }
 
 void KRVQuicktimeProcessClient::setTransport(std::shared_ptr<KRVTransport> transport) {
-    const LockGuard lock(mutex_);
-    transport_.swap(transport);
+    transport_.set(std::move(transport));
 }
 
 std::string KRVQuicktimeProcessClient::description() const {

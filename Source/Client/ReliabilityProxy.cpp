@@ -67,13 +67,11 @@ ReliabilityProxy::proxyForOperations(std::shared_ptr<KRVQTProcessOperations> ope
 }
 
 std::shared_ptr<KRVQTProcessOperations> ReliabilityProxy::realOperations() const {
-    const LockGuard lock(mutex_);
-    return realOperations_;
+    return realOperations_.get();
 }
 
 void ReliabilityProxy::setRealOperations(std::shared_ptr<KRVQTProcessOperations> operations) {
-    const LockGuard lock(mutex_);
-    realOperations_.swap(operations);
+    realOperations_.set(std::move(operations));
 }
 
 void ReliabilityProxy::clearTarget() {

@@ -8,7 +8,7 @@
 #include <KRVQTProcessClient/Client/Invocation.h>
 #include <KRVQTProcessClient/Client/KRVQTProcessOperations.h>
 #include <KRVQTProcessClient/Foundation/Export.h>
-#include <KRVQTProcessClient/Foundation/Mutex.h>
+#include <KRVQTProcessClient/Foundation/Guarded.h>
 #include <KRVQTProcessClient/Platform/Clock.h>
 
 namespace krv {
@@ -81,8 +81,7 @@ private:
     auto forward(Selector selector, Call call) const;
 
     Clock& clock_;
-    mutable Mutex mutex_;
-    std::shared_ptr<KRVQTProcessOperations> realOperations_ KRV_GUARDED_BY(mutex_);
+    Guarded<std::shared_ptr<KRVQTProcessOperations>> realOperations_;
     mutable std::atomic<std::int32_t> numberOfOperationsInProgress_{0};
 };
 

@@ -1,5 +1,4 @@
 // Finding the server's program and launching it.
-#include <cstdlib>
 #include <filesystem>
 #include <utility>
 
@@ -8,6 +7,8 @@
 #include <KRVQTProcessClient/Client/ServerRunner.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Logging/Log.h>
+#include <KRVQTProcessClient/Operations/MediaServerName.h>
+#include <KRVQTProcessClient/Platform/StateFolder.h>
 
 namespace krv {
 
@@ -18,9 +19,8 @@ namespace {
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-constexpr std::string_view kServerName = "KRVQuicktimeProcess";
 constexpr std::string_view kServerType = "app";
-constexpr std::string_view kExecutableInBundle = "/Contents/MacOS/KRVQuicktimeProcess";
+constexpr std::string_view kExecutablesInBundle = "/Contents/MacOS/";
 constexpr std::string_view kLoggingDomainArgument = "-KRVLoggingDomain";
 constexpr std::string_view kMediaClass = "KRVMedia";
 constexpr Clock::Duration kLaunchTakesAtMost = 30s;
@@ -33,20 +33,12 @@ constexpr LogSite site(std::string_view function) {
 /// Where the server's standard error goes: what the dynamic linker or a crash prints would be lost otherwise. Empty
 /// when there is no place for it.
 std::string standardErrorFile() {
-    const char* const state = std::getenv("XDG_STATE_HOME");
-    const char* const home = std::getenv("HOME");
-    fs::path folder;
-    if (state && state[0] == '/') {
-        folder = state;
-    } else if (home && home[0] == '/') {
-        folder = fs::path(home) / ".local/state";
-    } else {
+    const std::string folder = stateFolder(kMediaServerName);
+    if (folder.empty()) {
         return {};
     }
-    folder /= kServerName;
     std::error_code failure;
-    fs::create_directories(folder, failure);
-    const fs::path file = folder / "standard-error.log";
+    const fs::path file = fs::path(folder) / "standard-error.log";
     if (const auto size = fs::file_size(file, failure); !failure && size > kLargestErrorFile) {
         fs::resize_file(file, 0, failure);
     }
@@ -119,10 +111,10 @@ void ServerRunner::kickOffQTProcessor() {
             return;
         }
     }
-    const auto bundle = findResource(kServerName, kServerType);
+    const auto bundle = findResource(kMediaServerName, kServerType);
     if (!bundle) {
         const auto library = environment_.libraryBundle();
-        KRV_LOG(kLogFlagInfo, site("kickOffQTProcessor"), "There is no {}.{} in {}{}{}", kServerName, kServerType,
+        KRV_LOG(kLogFlagInfo, site("kickOffQTProcessor"), "There is no {}.{} in {}{}{}", kMediaServerName, kServerType,
                 environment_.mainBundle().path(), library ? " or " : "", library ? library->path() : "");
         // The reason has a place for a name, and shows what is printed for a missing one.
         const std::string reason = "Cannot find the executable (null). Can't start server";
@@ -130,7 +122,7 @@ void ServerRunner::kickOffQTProcessor() {
         throw Exception("BadBuild", reason);
     }
     KRV_LOG(kLogFlagInfo, site("kickOffQTProcessor"), "I will start {}", *bundle);
-    Task::Launch what{.executable = *bundle + std::string(kExecutableInBundle),
+    Task::Launch what{.executable = fmt::format("{}{}{}", *bundle, kExecutablesInBundle, kMediaServerName),
                       .arguments = {std::string(kLoggingDomainArgument)},
                       .standardErrorFile = standardErrorFile()};
     if (auto identifier = environment_.mainBundle().bundleIdentifier()) {

@@ -7,13 +7,13 @@
 #include <KRVQTProcessClient/Client/ServerRunner.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Logging/Log.h>
+#include <KRVQTProcessClient/Operations/MediaServerName.h>
 
 namespace krv {
 namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::string_view kServerProcessName = "KRVQuicktimeProcess";
 constexpr Clock::Duration kBetweenQuestions = 3s;
 
 constexpr LogSite site(std::string_view function) {
@@ -130,7 +130,7 @@ bool ServerRunner::isQTProcessReady() const {
 }
 
 bool ServerRunner::isQTProcessServerRunning() const {
-    if (isQTProcessReady() || KRVProcessMonitor::isProcessRunningNamed(kServerProcessName, *environment_.processes)) {
+    if (isQTProcessReady() || KRVProcessMonitor::isProcessRunningNamed(kMediaServerName, *environment_.processes)) {
         return true;
     }
     KRV_LOG(kLogFlagInfo, site("isQTProcessServerRunning"), "Can't find process. Server isn't running");

@@ -22,22 +22,18 @@ TransportInvocation::TransportInvocation(Clock& clock)
     : clock_(clock) {}
 
 KRVOperationBase::Ref TransportInvocation::input() const {
-    const LockGuard lock(mutex_);
-    return input_;
+    return input_.get();
 }
 
 void TransportInvocation::setInput(KRVOperationBase::Ref input) {
-    const LockGuard lock(mutex_);
-    input_.swap(input);
+    input_.set(std::move(input));
 }
 
 float TransportInvocation::progressTimeoutDuration() const {
-    const LockGuard lock(mutex_);
     return progressTimeoutDuration_;
 }
 
 void TransportInvocation::setProgressTimeoutDuration(float seconds) {
-    const LockGuard lock(mutex_);
     progressTimeoutDuration_ = seconds;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -8,7 +9,7 @@
 #include <KRVQTProcessClient/Foundation/Error.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Foundation/Export.h>
-#include <KRVQTProcessClient/Foundation/Mutex.h>
+#include <KRVQTProcessClient/Foundation/Guarded.h>
 #include <KRVQTProcessClient/Operations/KRVOperationBase.h>
 #include <KRVQTProcessClient/Platform/Clock.h>
 #include <KRVQTProcessClient/Transports/KRVOperationTransport.h>
@@ -75,9 +76,8 @@ private:
                                              ErrorOut transportError) const;
 
     Clock& clock_;
-    mutable Mutex mutex_;
-    KRVOperationBase::Ref input_ KRV_GUARDED_BY(mutex_);
-    float progressTimeoutDuration_ KRV_GUARDED_BY(mutex_) = 60.0F;
+    Guarded<KRVOperationBase::Ref> input_;
+    std::atomic<float> progressTimeoutDuration_{60.0F};
 };
 
 }  // namespace krv

@@ -9,11 +9,12 @@
 #include <KRVQTProcessClient/Discovery/ServerNaming.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Logging/Log.h>
+#include <KRVQTProcessClient/Operations/MediaServerName.h>
 #include <KRVQTProcessClient/Platform/Port.h>
 
 namespace krv {
 
-constinit const std::string_view kHTTPServerDiscoveryDefaultServiceName = "KRVQuicktimeProcess";
+constinit const std::string_view kHTTPServerDiscoveryDefaultServiceName = kMediaServerName;
 constinit const std::string_view kHTTPServerDiscoveryServiceChangeNotification =
     "kHTTPServerDiscoveryServiceChangeNotification";
 
@@ -93,8 +94,8 @@ HTTPServerDiscovery::HTTPServerDiscovery(Environment environment)
     : environment_(std::move(environment)) {}
 
 HTTPServerDiscovery::~HTTPServerDiscovery() {
-    if (browser_) {
-        browser_->stop();
+    if (const auto browser = this->browser()) {
+        browser->stop();
     }
     SharedInstance& shared = sharedInstance();
     std::shared_ptr<HTTPServerDiscovery> dropped;
@@ -103,23 +104,19 @@ HTTPServerDiscovery::~HTTPServerDiscovery() {
 }
 
 std::string HTTPServerDiscovery::serviceName() const {
-    const LockGuard lock(mutex_);
-    return serviceName_;
+    return serviceName_.get();
 }
 
 void HTTPServerDiscovery::setServiceName(std::string serviceName) {
-    const LockGuard lock(mutex_);
-    serviceName_.swap(serviceName);
+    serviceName_.set(std::move(serviceName));
 }
 
 std::shared_ptr<ServiceBrowser> HTTPServerDiscovery::browser() const {
-    const LockGuard lock(mutex_);
-    return browser_;
+    return browser_.get();
 }
 
 void HTTPServerDiscovery::setBrowser(std::shared_ptr<ServiceBrowser> browser) {
-    const LockGuard lock(mutex_);
-    browser_.swap(browser);
+    browser_.set(std::move(browser));
 }
 
 void HTTPServerDiscovery::startDiscoveryOnThread() {
@@ -167,10 +164,7 @@ void HTTPServerDiscovery::didFindService(const std::shared_ptr<ServiceBrowser>& 
     if (service && service->name() == ours) {
         KRV_LOG(kLogFlagVerbose, here, "{} is up. Will now resolve.", ours);
         browser->stop();
-        {
-            const LockGuard lock(mutex_);
-            resolving_ = service;
-        }
+        resolving_.set(service);
         service->setDelegate(weak_from_this());
         service->resolveWithTimeout(kResolveTimeout);
     } else if (!moreComing) {
@@ -181,16 +175,14 @@ void HTTPServerDiscovery::didFindService(const std::shared_ptr<ServiceBrowser>& 
 
 void HTTPServerDiscovery::netServiceDidResolveAddress(const std::shared_ptr<NetService>& service) {
     resolvedToPort(service->port(), kRestartAfterResult);
-    const LockGuard lock(mutex_);
-    resolving_.reset();
+    resolving_.set(nullptr);
 }
 
 void HTTPServerDiscovery::didNotResolve(const std::shared_ptr<NetService>& /*service*/) {
     KRV_LOG(kLogFlagVerbose, site("netService:didNotResolve:", kLoggingHTTPDiscovery), "Failed to resolve {}.",
             serviceName());
     resolvedToPort(kAbsent, kRestartAfterResult);
-    const LockGuard lock(mutex_);
-    resolving_.reset();
+    resolving_.set(nullptr);
 }
 
 void HTTPServerDiscovery::resolvedToPort(long port, Clock::Duration beginAgainIn) {

@@ -8,7 +8,7 @@
 
 #include <KRVQTProcessClient/Discovery/ServicePort.h>
 #include <KRVQTProcessClient/Foundation/Export.h>
-#include <KRVQTProcessClient/Foundation/Mutex.h>
+#include <KRVQTProcessClient/Foundation/Guarded.h>
 #include <KRVQTProcessClient/Foundation/Selector.h>
 #include <KRVQTProcessClient/Platform/HTTPClient.h>
 #include <KRVQTProcessClient/Platform/NotificationCenter.h>
@@ -97,11 +97,10 @@ private:
 
     const Environment environment_;
     std::atomic<long> servicePortNumber_{0};
-    mutable Mutex mutex_;
-    std::string serviceName_ KRV_GUARDED_BY(mutex_);
-    std::shared_ptr<ServiceBrowser> browser_ KRV_GUARDED_BY(mutex_);
+    Guarded<std::string> serviceName_;
+    Guarded<std::shared_ptr<ServiceBrowser>> browser_;
     /// The service being resolved, held until one of the two answers comes.
-    std::shared_ptr<NetService> resolving_ KRV_GUARDED_BY(mutex_);
+    Guarded<std::shared_ptr<NetService>> resolving_;
 };
 
 }  // namespace krv

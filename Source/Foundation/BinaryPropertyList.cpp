@@ -5,7 +5,6 @@
 
 #include <KRVQTProcessClient/Foundation/BinaryPropertyList.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
-#include <KRVQTProcessClient/Foundation/KeyedUnarchiver.h>
 
 namespace krv::plist {
 namespace {

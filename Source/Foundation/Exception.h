@@ -38,4 +38,7 @@ private:
 /// an object that is gone or a value that cannot be archived.
 inline constexpr std::string_view kInvalidArgumentException = "NSInvalidArgumentException";
 
+/// Name of the exception for bytes that are no archive, or one that breaks a rule.
+inline constexpr std::string_view kMalformedArchiveException = "NSInvalidUnarchiveOperationException";
+
 }  // namespace krv

@@ -12,9 +12,6 @@
 
 namespace krv {
 
-/// Name of the exception for bytes that are no archive, or one that breaks a rule.
-inline constexpr std::string_view kMalformedArchiveException = "NSInvalidUnarchiveOperationException";
-
 /// The deepest nesting of objects in an archive, for writing and for reading.
 inline constexpr int kMaximumArchiveDepth = 64;
 

@@ -60,14 +60,16 @@ bool KRVProcessMonitor::isProcessRunningNamed(std::string_view name, const Proce
 }
 
 void KRVProcessMonitor::monitorPID(std::int32_t pid) {
-    {
-        const LockGuard lock(mutex_);
-        if (std::find(pidsToMonitor_.begin(), pidsToMonitor_.end(), pid) != pidsToMonitor_.end()) {
-            return;
+    const bool added = pidsToMonitor_.with([pid](std::vector<std::int32_t>& pids) {
+        const bool known = std::find(pids.begin(), pids.end(), pid) != pids.end();
+        if (!known) {
+            pids.push_back(pid);
         }
-        pidsToMonitor_.push_back(pid);
+        return !known;
+    });
+    if (added) {
+        KRV_LOG(kLogFlagInfo, site("monitorPID:"), "Client with PID {} registered", pid);
     }
-    KRV_LOG(kLogFlagInfo, site("monitorPID:"), "Client with PID {} registered", pid);
 }
 
 bool KRVProcessMonitor::someMonitoredProcessesStillRunning() const {
@@ -82,20 +84,17 @@ void KRVProcessMonitor::pollAllPIDs() {
     for (const std::int32_t pid : pidsToMonitor()) {
         if (!processWithPIDExists(pid)) {
             KRV_LOG(kLogFlagInfo, site("pollAllPIDs"), "Process with PID {} has gone", pid);
-            const LockGuard lock(mutex_);
-            std::erase(pidsToMonitor_, pid);
+            pidsToMonitor_.with([pid](std::vector<std::int32_t>& pids) { std::erase(pids, pid); });
         }
     }
 }
 
 std::vector<std::int32_t> KRVProcessMonitor::pidsToMonitor() const {
-    const LockGuard lock(mutex_);
-    return pidsToMonitor_;
+    return pidsToMonitor_.get();
 }
 
 void KRVProcessMonitor::setPidsToMonitor(std::vector<std::int32_t> pids) {
-    const LockGuard lock(mutex_);
-    pidsToMonitor_.swap(pids);
+    pidsToMonitor_.set(std::move(pids));
 }
 
 }  // namespace krv

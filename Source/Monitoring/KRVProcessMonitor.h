@@ -6,7 +6,7 @@
 
 #include <KRVQTProcessClient/Foundation/Dictionary.h>
 #include <KRVQTProcessClient/Foundation/Export.h>
-#include <KRVQTProcessClient/Foundation/Mutex.h>
+#include <KRVQTProcessClient/Foundation/Guarded.h>
 #include <KRVQTProcessClient/Foundation/Value.h>
 #include <KRVQTProcessClient/Platform/ProcessTable.h>
 
@@ -55,8 +55,7 @@ public:
 
 private:
     const ProcessTable& processes_;
-    mutable Mutex mutex_;
-    std::vector<std::int32_t> pidsToMonitor_ KRV_GUARDED_BY(mutex_);
+    Guarded<std::vector<std::int32_t>> pidsToMonitor_;
 };
 
 }  // namespace krv

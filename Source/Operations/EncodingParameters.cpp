@@ -40,13 +40,11 @@ EncodingParameters::EncodingParameters(KeyedUnarchiver& coder)
 EncodingParameters::~EncodingParameters() = default;
 
 std::shared_ptr<const Data> EncodingParameters::settingsBlob() const {
-    const LockGuard lock(mutex_);
-    return settingsBlob_;
+    return settingsBlob_.get();
 }
 
 void EncodingParameters::setSettingsBlob(std::shared_ptr<const Data> settingsBlob) {
-    const LockGuard lock(mutex_);
-    settingsBlob_.swap(settingsBlob);
+    settingsBlob_.set(std::move(settingsBlob));
 }
 
 void EncodingParameters::encodeWithCoder(KeyedArchiver& coder) const {

@@ -5,7 +5,7 @@
 
 #include <KRVQTProcessClient/Foundation/Archivable.h>
 #include <KRVQTProcessClient/Foundation/Export.h>
-#include <KRVQTProcessClient/Foundation/Mutex.h>
+#include <KRVQTProcessClient/Foundation/Guarded.h>
 #include <KRVQTProcessClient/Foundation/Value.h>
 
 namespace krv {
@@ -45,8 +45,7 @@ public:
 private:
     std::uint32_t codec_ = 0;
     float quality_ = 0.0F;
-    mutable Mutex mutex_;
-    std::shared_ptr<const Data> settingsBlob_ KRV_GUARDED_BY(mutex_);
+    Guarded<std::shared_ptr<const Data>> settingsBlob_;
 };
 
 /// Settings of a video track.

@@ -160,53 +160,43 @@ void KRVOperationBase::setUniqueID(std::optional<std::string> uniqueID) {
 }
 
 Value::StringRef KRVOperationBase::sharedUniqueID() const {
-    const LockGuard lock(mutex_);
-    return uniqueID_;
+    return uniqueID_.get();
 }
 
 void KRVOperationBase::setSharedUniqueID(Value::StringRef uniqueID) {
-    const LockGuard lock(mutex_);
-    uniqueID_.swap(uniqueID);
+    uniqueID_.set(std::move(uniqueID));
 }
 
 std::shared_ptr<const Error> KRVOperationBase::error() const {
-    const LockGuard lock(mutex_);
-    return error_;
+    return error_.get();
 }
 
 void KRVOperationBase::setError(std::shared_ptr<const Error> error) {
-    const LockGuard lock(mutex_);
-    error_.swap(error);
+    error_.set(std::move(error));
 }
 
 std::shared_ptr<Dictionary> KRVOperationBase::arguments() const {
-    const LockGuard lock(mutex_);
-    return arguments_;
+    return arguments_.get();
 }
 
 void KRVOperationBase::setArguments(std::shared_ptr<Dictionary> arguments) {
-    const LockGuard lock(mutex_);
-    arguments_.swap(arguments);
+    arguments_.set(std::move(arguments));
 }
 
 std::shared_ptr<Dictionary> KRVOperationBase::result() const {
-    const LockGuard lock(mutex_);
-    return result_;
+    return result_.get();
 }
 
 void KRVOperationBase::setResult(std::shared_ptr<Dictionary> result) {
-    const LockGuard lock(mutex_);
-    result_.swap(result);
+    result_.set(std::move(result));
 }
 
 std::shared_ptr<OperationProgress> KRVOperationBase::progressDelegate() const {
-    const LockGuard lock(mutex_);
-    return progressDelegate_;
+    return progressDelegate_.get();
 }
 
 void KRVOperationBase::setProgressDelegate(std::shared_ptr<OperationProgress> delegate) {
-    const LockGuard lock(mutex_);
-    progressDelegate_.swap(delegate);
+    progressDelegate_.set(std::move(delegate));
 }
 
 void KRVOperationBase::setProgress(float progress, bool completed) noexcept {

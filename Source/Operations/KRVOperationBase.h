@@ -10,7 +10,7 @@
 #include <KRVQTProcessClient/Foundation/Dictionary.h>
 #include <KRVQTProcessClient/Foundation/Error.h>
 #include <KRVQTProcessClient/Foundation/Export.h>
-#include <KRVQTProcessClient/Foundation/Mutex.h>
+#include <KRVQTProcessClient/Foundation/Guarded.h>
 #include <KRVQTProcessClient/Foundation/Value.h>
 #include <KRVQTProcessClient/Operations/EncodingParameters.h>
 #include <KRVQTProcessClient/Operations/OperationKeys.h>
@@ -189,12 +189,11 @@ private:
     bool isClientRegistered_ = false;
     TestOpInfo testInfo_;
 
-    mutable Mutex mutex_;
-    Value::StringRef uniqueID_ KRV_GUARDED_BY(mutex_);
-    std::shared_ptr<const Error> error_ KRV_GUARDED_BY(mutex_);
-    std::shared_ptr<Dictionary> arguments_ KRV_GUARDED_BY(mutex_);
-    std::shared_ptr<Dictionary> result_ KRV_GUARDED_BY(mutex_);
-    std::shared_ptr<OperationProgress> progressDelegate_ KRV_GUARDED_BY(mutex_);
+    Guarded<Value::StringRef> uniqueID_;
+    Guarded<std::shared_ptr<const Error>> error_;
+    Guarded<std::shared_ptr<Dictionary>> arguments_;
+    Guarded<std::shared_ptr<Dictionary>> result_;
+    Guarded<std::shared_ptr<OperationProgress>> progressDelegate_;
 };
 
 }  // namespace krv

@@ -1,8 +1,9 @@
+#include <KRVQTProcessClient/Operations/MediaServerName.h>
 #include <KRVQTProcessClient/Operations/OperationErrors.h>
 
 namespace krv {
 
-constinit const std::string_view kMediaServerErrorDomain = "KRVQuicktimeProcess";
+constinit const std::string_view kMediaServerErrorDomain = kMediaServerName;
 constinit const std::string_view kErrorFilePath = "KRVFilePath";
 
 }  // namespace krv

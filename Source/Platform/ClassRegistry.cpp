@@ -13,21 +13,22 @@ ClassRegistry& ClassRegistry::shared() {
 }
 
 void ClassRegistry::registerClass(std::string_view name, Bundle bundle) {
-    const LockGuard lock(mutex_);
-    bundles_.insert_or_assign(std::string(name), std::move(bundle));
+    bundles_.with([&](Bundles& bundles) { bundles.insert_or_assign(std::string(name), std::move(bundle)); });
 }
 
 void ClassRegistry::unregisterClass(std::string_view name) {
-    const LockGuard lock(mutex_);
-    if (const auto place = bundles_.find(name); place != bundles_.end()) {
-        bundles_.erase(place);
-    }
+    bundles_.with([name](Bundles& bundles) {
+        if (const auto place = bundles.find(name); place != bundles.end()) {
+            bundles.erase(place);
+        }
+    });
 }
 
 std::optional<Bundle> ClassRegistry::bundleForClass(std::string_view name) const {
-    const LockGuard lock(mutex_);
-    const auto place = bundles_.find(name);
-    return place == bundles_.end() ? std::nullopt : std::optional(place->second);
+    return bundles_.with([name](const Bundles& bundles) {
+        const auto place = bundles.find(name);
+        return place == bundles.end() ? std::nullopt : std::optional(place->second);
+    });
 }
 
 }  // namespace krv

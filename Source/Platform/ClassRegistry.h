@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include <KRVQTProcessClient/Foundation/Export.h>
-#include <KRVQTProcessClient/Foundation/Mutex.h>
+#include <KRVQTProcessClient/Foundation/Guarded.h>
 #include <KRVQTProcessClient/Platform/Bundle.h>
 
 namespace krv {
@@ -30,8 +30,8 @@ public:
     [[nodiscard]] std::optional<Bundle> bundleForClass(std::string_view name) const;
 
 private:
-    mutable Mutex mutex_;
-    std::map<std::string, Bundle, std::less<>> bundles_ KRV_GUARDED_BY(mutex_);
+    using Bundles = std::map<std::string, Bundle, std::less<>>;
+    Guarded<Bundles> bundles_;
 };
 
 }  // namespace krv

@@ -9,7 +9,7 @@
 #include <gio/gio.h>
 #include <link.h>
 
-#include <KRVQTProcessClient/Foundation/Mutex.h>
+#include <KRVQTProcessClient/Foundation/Guarded.h>
 #include <KRVQTProcessClient/Platform/Bundle.h>
 
 #include "BundlePaths.h"
@@ -25,13 +25,8 @@ namespace fs = std::filesystem;
 constexpr std::size_t kMaximumPropertyList = std::size_t{1} << 20;
 constexpr std::string_view kLibraryResources = "krvqtprocessclient";
 
-struct ApplicationName {
-    Mutex mutex;
-    std::string identifier KRV_GUARDED_BY(mutex);
-};
-
-ApplicationName& applicationName() {
-    static auto* instance = new ApplicationName;
+Guarded<std::string>& applicationIdentifier() {
+    static auto* instance = new Guarded<std::string>;
     return *instance;
 }
 
@@ -124,15 +119,11 @@ std::optional<std::string> Bundle::bundleIdentifier() const {
             return std::string(id);
         }
     }
-    ApplicationName& name = applicationName();
-    const LockGuard lock(name.mutex);
-    return unlessEmpty(name.identifier);
+    return unlessEmpty(applicationIdentifier().get());
 }
 
 void Bundle::setApplicationIdentifier(std::string identifier) {
-    ApplicationName& name = applicationName();
-    const LockGuard lock(name.mutex);
-    name.identifier = std::move(identifier);
+    applicationIdentifier().set(std::move(identifier));
 }
 
 }  // namespace krv

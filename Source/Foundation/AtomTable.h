@@ -1,0 +1,228 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// The scalars and texts of one archive, each text once. Not installed.
+namespace krv::plist {
+
+inline constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
+/// Marker, count marker and an eight-byte count.
+inline constexpr std::size_t kLargestHead = 10;
+
+/// Throws Exception kInvalidArgumentException.
+[[noreturn]] void cannotArchive(std::string why);
+
+/// A stored scalar or text.
+struct Atom {
+    enum class Kind : std::uint8_t { Boolean, Integer, Real32, Real64, Data, Ascii, Utf16 };
+    Kind kind;
+    /// Whether anything refers to it. Only a known atom can be without use.
+    bool used;
+    /// Place in the file, once written.
+    std::uint32_t place;
+    /// Number in "$objects" of a string, 0 when it is only a key or a class name so far.
+    std::uint32_t uid;
+    std::uint32_t hash;
+    /// Scalars: the value's bits. Text and data: the number of bytes (UTF-16: of units).
+    std::uint64_t bits;
+    std::string_view bytes;
+};
+
+/// Atoms that stand in every archive, or in most: an encoder has them from the start, under these ids.
+enum KnownAtom : std::uint32_t {
+    kAtomNull,
+    kAtomVersion,
+    kAtomVersionNumber,
+    kAtomObjects,
+    kAtomArchiver,
+    kAtomArchiverName,
+    kAtomTop,
+    kAtomRoot,
+    kAtomClass,
+    kAtomClassName,
+    kAtomClasses,
+    kAtomNSObject,
+    kAtomKeys,
+    kAtomElements,
+    kAtomNSDictionary,
+    kAtomNSMutableDictionary,
+    kKnownAtoms
+};
+
+/// Open addressing over ids, for a table that only grows.
+class IdTable {
+public:
+    void clear() {
+        if (used_ > 0) {
+            slots_.assign(kSmallest, kNone);
+            used_ = 0;
+        }
+    }
+    /// Returns the id for which same(id) holds, or newId after inserting it.
+    template <typename Same, typename HashOf>
+    std::uint32_t findOrInsert(std::uint32_t hash, std::uint32_t newId, const Same& same, const HashOf& hashOf) {
+        if (2 * (used_ + 1) > slots_.size()) {
+            grow(hashOf);
+        }
+        std::size_t mask = slots_.size() - 1;
+        for (std::size_t i = hash & mask;; i = (i + 1) & mask) {
+            if (slots_[i] == kNone) {
+                slots_[i] = newId;
+                ++used_;
+                return newId;
+            }
+            if (same(slots_[i])) {
+                return slots_[i];
+            }
+        }
+    }
+    [[nodiscard]] std::size_t capacity() const { return slots_.capacity(); }
+
+private:
+    static constexpr std::size_t kSmallest = 128;
+
+    template <typename HashOf>
+    void grow(const HashOf& hashOf) {
+        std::vector<std::uint32_t> old(slots_.size() * 2, kNone);
+        old.swap(slots_);
+        const std::size_t mask = slots_.size() - 1;
+        for (const std::uint32_t id : old) {
+            if (id != kNone) {
+                std::size_t i = hashOf(id) & mask;
+                while (slots_[i] != kNone) {
+                    i = (i + 1) & mask;
+                }
+                slots_[i] = id;
+            }
+        }
+    }
+
+    std::vector<std::uint32_t> slots_ = std::vector<std::uint32_t>(kSmallest, kNone);
+    std::size_t used_ = 0;
+};
+
+template <typename Word>
+[[nodiscard]] std::uint64_t load(const char* p) noexcept {
+    Word v = 0;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+struct TextScan {
+    std::uint64_t hash;
+    bool ascii;
+};
+
+/// Hashes the text and looks for bytes above 0x7F in the same pass, eight bytes at a time.
+[[nodiscard]] inline TextScan scan(std::string_view text) noexcept {
+    constexpr std::uint64_t kMultiplier = 0x9E3779B97F4A7C15U;
+    constexpr std::uint64_t kHighBits = 0x8080808080808080U;
+    std::uint64_t hash = text.size() * kMultiplier;
+    std::uint64_t seen = 0;
+    const auto mix = [&](std::uint64_t word) {
+        seen |= word;
+        hash = (hash ^ word) * kMultiplier;
+        hash ^= hash >> 29;
+    };
+    const char* p = text.data();
+    std::size_t left = text.size();
+    for (; left > 8; left -= 8, p += 8) {
+        mix(load<std::uint64_t>(p));
+    }
+    // The rest, in two words that may overlap.
+    if (left >= 4) {
+        mix(load<std::uint32_t>(p) | load<std::uint32_t>(p + left - 4) << 32);
+    } else if (left >= 2) {
+        mix(load<std::uint16_t>(p) | load<std::uint16_t>(p + left - 2) << 16);
+    } else if (left == 1) {
+        mix(load<std::uint8_t>(p));
+    }
+    return {hash, (seen & kHighBits) == 0};
+}
+
+/// Gives each text and scalar of an archive an id. Borrows the bytes that it is given.
+///
+/// Everything on the way of one text is inline: an archive of a few hundred bytes interns dozens of them.
+class AtomTable {
+public:
+    AtomTable();
+
+    /// Forgets all atoms but the known ones, which become unused. Keeps the memory.
+    void clear();
+
+    /// Returns the id of a text, and marks it used. Throws if the text is not UTF-8.
+    std::uint32_t text(std::string_view text) {
+        const TextScan scanned = scan(text);
+        Atom atom{Atom::Kind::Ascii, true, kNone, 0, static_cast<std::uint32_t>(scanned.hash >> 32), text.size(), text};
+        if (!scanned.ascii) {
+            makeUtf16(atom);
+        }
+        return intern(atom);
+    }
+    /// Adds a scalar; equal ones are not looked for.
+    std::uint32_t scalar(Atom::Kind kind, std::uint64_t bits) { return add({kind, true, kNone, 0, 0, bits, {}}); }
+    std::uint32_t data(std::string_view bytes) {
+        return add({Atom::Kind::Data, true, kNone, 0, 0, bytes.size(), bytes});
+    }
+    std::uint32_t boolean(bool value) {
+        std::uint32_t& atom = booleans_[value ? 1 : 0];
+        if (atom == kNone) {
+            atom = scalar(Atom::Kind::Boolean, value ? 1 : 0);
+        }
+        return atom;
+    }
+    /// Marks an atom used and returns its id.
+    std::uint32_t use(std::uint32_t id) {
+        used_ += atoms_[id].used ? 0U : 1U;
+        atoms_[id].used = true;
+        return id;
+    }
+
+    [[nodiscard]] Atom& operator[](std::uint32_t id) noexcept { return atoms_[id]; }
+    /// How many atoms are used.
+    [[nodiscard]] std::size_t used() const noexcept { return used_; }
+    /// Returns an upper bound of the bytes that all atoms take when they are written.
+    [[nodiscard]] std::size_t byteBound() const noexcept { return bound_; }
+    /// Returns the number of elements for which memory is kept.
+    [[nodiscard]] std::size_t capacity() const noexcept;
+
+private:
+    std::uint32_t intern(const Atom& atom) {
+        const auto next = static_cast<std::uint32_t>(atoms_.size());
+        const std::uint32_t id = table_.findOrInsert(
+            atom.hash, next,
+            [&](std::uint32_t other) {
+                const Atom& a = atoms_[other];
+                return a.hash == atom.hash && a.kind == atom.kind && a.bits == atom.bits && a.bytes == atom.bytes;
+            },
+            [&](std::uint32_t other) { return atoms_[other].hash; });
+        return id == next ? add(atom) : use(id);
+    }
+
+    std::uint32_t add(const Atom& atom) {
+        atoms_.push_back(atom);
+        ++used_;
+        bound_ += kLargestHead + (atom.kind == Atom::Kind::Utf16 ? 2 * atom.bits : atom.bytes.size());
+        return static_cast<std::uint32_t>(atoms_.size() - 1);
+    }
+
+    static void makeUtf16(Atom& atom);
+
+    std::vector<Atom> atoms_;
+    IdTable table_;
+    std::array<std::uint32_t, 2> booleans_{kNone, kNone};
+    std::size_t bound_ = 0;
+    std::size_t used_ = 0;
+
+    std::vector<Atom> knownAtoms_;
+    IdTable knownTable_;
+    std::size_t knownBound_ = 0;
+};
+
+}  // namespace krv::plist

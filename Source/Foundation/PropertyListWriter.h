@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include <KRVQTProcessClient/Foundation/AtomTable.h>
+
+/// The second walk of the archiver: writing a numbered object graph as a binary property list. Not installed.
+namespace krv::plist {
+
+/// One keyed value of a stored object.
+struct Item {
+    enum class Kind : std::uint8_t { Atom, Uid, UidList, AtomList };
+    std::uint32_t key;
+    Kind kind;
+    /// Atom or UID; for a list its first position.
+    std::uint32_t first;
+    std::uint32_t count;
+};
+
+/// What stands under one number of "$objects": an atom, or items.
+struct Entry {
+    std::uint32_t first;
+    std::uint32_t count;
+    bool isAtom;
+};
+
+/// What the first walk has found out, and where the second one keeps its places.
+struct Graph {
+    Atom* atoms;
+    const Item* items;
+    const std::uint32_t* uids;
+    std::span<const Entry> entries;
+    /// The offset of each stored object, by place.
+    std::uint64_t* offsets;
+    /// The place of the UID object for each number, kNone until it is written.
+    std::uint32_t* uidPlaces;
+};
+
+/// Returns an upper bound of the bytes that writeArchive needs.
+[[nodiscard]] std::size_t archiveSizeBound(std::uint64_t storedObjects, std::size_t references,
+                                           std::size_t atomByteBound) noexcept;
+
+/// Writes the archive whose root has this number and returns its length. storedObjects is the number of objects that
+/// the property list will hold, below kNone; graph.offsets has room for as many, and out for archiveSizeBound().
+std::size_t writeArchive(const Graph& graph, std::uint32_t rootUid, std::uint64_t storedObjects,
+                         std::uint8_t* out) noexcept;
+
+}  // namespace krv::plist
