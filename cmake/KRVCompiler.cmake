@@ -14,7 +14,7 @@ else()
 endif()
 if(KRV_SANITIZE)
     # Instrumentation has to reach every object and every link, so it is set globally.
-    add_compile_options(-fsanitize=${KRV_SANITIZE} -fno-omit-frame-pointer -g)
+    add_compile_options(-fsanitize=${KRV_SANITIZE} -fno-omit-frame-pointer)
     add_link_options(-fsanitize=${KRV_SANITIZE})
     if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
         # Instrumented code defeats GCC's analysis of what is initialised; the plain builds keep the warning.
