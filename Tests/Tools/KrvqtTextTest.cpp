@@ -4,6 +4,7 @@
 #include "CodecCode.h"
 #include "FailureText.h"
 #include "ProgressDisplay.h"
+#include "TemporaryFolder.h"
 
 namespace krvqt {
 namespace {
@@ -65,17 +66,55 @@ TEST(ProgressLine, WritesTimesAsClocksDo) {
     EXPECT_EQ(clockText(3723s), "1:02:03");
 }
 
-TEST(FailureText, SaysWhatWhyAndWhatToTry) {
-    const auto error = krv::Error::make("KRVQuicktimeProcess", 3,
-                                        {{krv::NSLocalizedDescriptionKey, "\"a.mov\" cannot be read."},
-                                         {krv::NSLocalizedFailureReasonErrorKey, "No such file or directory"},
-                                         {"KRVFilePath", "/movies/a.mov"}});
-    EXPECT_EQ(failureText(*error), "\"a.mov\" cannot be read.\n"
-                                   "  file:  /movies/a.mov\n"
+std::shared_ptr<const krv::Error> serverError(krv::OperationErrorCode code, const std::string& description,
+                                              const std::string& reason, const std::string& path) {
+    return krv::Error::make(std::string(krv::kMediaServerErrorDomain), static_cast<std::int64_t>(code),
+                            {{krv::NSLocalizedDescriptionKey, description},
+                             {krv::NSLocalizedFailureReasonErrorKey, reason},
+                             {krv::kErrorFilePath, path}});
+}
+
+TEST(FailureText, SaysWhatWhichFileWhyAndWhatToTry) {
+    const auto error =
+        serverError(krv::OperationErrorCode::UnreadableSource, "Cannot convert a.mov: it cannot be read.",
+                    "No such file or directory", "/no/movies/a.mov");
+    EXPECT_EQ(failureText(*error), "Cannot convert a.mov: it cannot be read.\n"
+                                   "  file:  /no/movies/a.mov\n"
                                    "  cause: No such file or directory\n"
-                                   "  try:   check the path and that you may read the file");
+                                   "  try:   check the path");
     EXPECT_EQ(failureJSON(*error)["code"], 3);
-    EXPECT_EQ(failureJSON(*error)["path"], "/movies/a.mov");
+    EXPECT_EQ(failureJSON(*error)["path"], "/no/movies/a.mov");
+}
+
+TEST(FailureText, DoesNotRepeatWhatTheSentenceSays) {
+    const auto error =
+        serverError(krv::OperationErrorCode::UnusableSource, "Cannot extract audio from /a.mov: it has no audio track.",
+                    "it has no audio track", "/a.mov");
+    EXPECT_EQ(failureText(*error), "Cannot extract audio from /a.mov: it has no audio track.");
+}
+
+TEST(FailureText, GivesAdviceThatFitsTheCause) {
+    const auto adviceFor = [](krv::OperationErrorCode code, const std::string& path) {
+        const std::string text = failureText(*serverError(code, "Cannot convert it.", "", path));
+        const std::size_t at = text.find("  try:   ");
+        return at == std::string::npos ? std::string() : text.substr(at + std::string_view("  try:   ").size());
+    };
+    using Code = krv::OperationErrorCode;
+    const krv::test::TemporaryFolder folder;
+    const std::string readable = folder.write("readable.mov", "");
+    EXPECT_EQ(adviceFor(Code::UnreadableSource, folder.path() / "missing.mov"), "check the path");
+    EXPECT_EQ(adviceFor(Code::UnreadableSource, readable), "");
+    EXPECT_EQ(adviceFor(Code::UnwritableDestination, folder.path() / "missing" / "out.mov"),
+              "create the folder " + (folder.path() / "missing").string());
+    EXPECT_EQ(adviceFor(Code::UnwritableDestination, folder.path() / "out.mov"),
+              "choose another destination, or make space for it");
+    EXPECT_EQ(adviceFor(Code::UnusableSource, readable), "");
+    EXPECT_EQ(adviceFor(Code::InvalidArgument, readable), "");
+    EXPECT_EQ(adviceFor(Code::Internal, readable), "");
+    EXPECT_EQ(adviceFor(Code::SameFile, readable), "choose another destination");
+    EXPECT_NE(adviceFor(Code::Unsupported, readable), "");
+    EXPECT_NE(adviceFor(Code::WorkerFailed, readable), "");
+    EXPECT_NE(adviceFor(Code::CannotAcceptWork, readable), "");
 }
 
 TEST(FailureText, IsShortWhereNothingElseIsKnown) {

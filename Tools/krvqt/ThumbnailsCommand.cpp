@@ -68,12 +68,13 @@ ExitStatus makeThumbnails(const ThumbnailsOptions& options, const CommonOptions&
         }
         const auto finished = runRecord(access, record, progress, error);
         const auto result = finished ? finished->result() : nullptr;
-        pictures = result ? (*result)["thumbnails"].array() : nullptr;
+        pictures = result ? (*result)[krv::kResultThumbnails].array() : nullptr;
     };
     const auto each = [&](const auto& use) {
         for (std::size_t i = 0; pictures && i < pictures->size(); ++i) {
             if (const auto picture = (*pictures)[i].dictionary()) {
-                use((*picture)["path"].stringValue(), (*picture)["time"].doubleValue());
+                use((*picture)[krv::kResultThumbnailPath].stringValue(),
+                    (*picture)[krv::kResultThumbnailTime].doubleValue());
             }
         }
     };
