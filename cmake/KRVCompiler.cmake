@@ -1,4 +1,4 @@
-# Warnings and sanitizers for our own targets, carried by one interface target.
+# Warnings and sanitizers for our own targets, as one interface target.
 add_library(krv_compiler INTERFACE)
 target_compile_options(krv_compiler INTERFACE
     -Wall -Wextra -Wpedantic -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align
@@ -9,15 +9,15 @@ endif()
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
     target_compile_options(krv_compiler INTERFACE -Wshadow -Wthread-safety)
 else()
-    # GCC 12 reports an impossible overlap for std::string concatenation (its bug 105651).
+    # GCC 12 reports an impossible overlap in std::string concatenation (GCC bug 105651).
     target_compile_options(krv_compiler INTERFACE -Wshadow=local -Wno-restrict)
 endif()
 if(KRV_SANITIZE)
-    # Instrumentation has to reach every object and every link, so it is set globally.
-    add_compile_options(-fsanitize=${KRV_SANITIZE} -fno-omit-frame-pointer -g)
+    # Set globally, because every object and every link needs instrumentation.
+    add_compile_options(-fsanitize=${KRV_SANITIZE} -fno-omit-frame-pointer)
     add_link_options(-fsanitize=${KRV_SANITIZE})
     if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
-        # Instrumented code defeats GCC's analysis of what is initialised; the plain builds keep the warning.
+        # Instrumentation defeats GCC's analysis of initialisation. The other builds keep the warning.
         target_compile_options(krv_compiler INTERFACE -Wno-maybe-uninitialized)
     endif()
     if(KRV_SANITIZE MATCHES "undefined")

@@ -1,9 +1,9 @@
-// Converts a movie to H.264 behind a GTK 4 window with a progress bar and a cancel button. GTK turns GLib's main loop,
-// and with it the library's: nothing else is needed. To be copied.
+// Converts a movie to H.264 behind a GTK 4 window with a progress bar and a cancel button. GTK runs GLib's main loop,
+// which is also the library's, so nothing else is needed. Copy it as a starting point.
 //
 //     Gtk4Example SOURCE DESTINATION
 //
-// The window closes by itself. Ends with 0 when the movie has been converted, else with 1.
+// The window closes by itself. Exits with 0 if the movie was converted, otherwise with 1.
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
@@ -34,12 +34,12 @@ public:
         : conversion_(conversion) {}
 
     bool operation(const std::shared_ptr<krv::KRVOperationBase>&, float progress) override {
-        // Neither the bar nor the conversion goes away before the window, whose end is asked for later than this.
+        // The bar and the conversion outlive this callback: the window is destroyed by a later one.
         krv::RunLoop::main().perform([bar = conversion_.bar, progress] {
             gtk_progress_bar_set_fraction(GTK_PROGRESS_BAR(bar), static_cast<double>(progress));
         });
         if (conversion_.cancelled) {
-            conversion_.failure = "Cancelled.";  // the call itself ends without an error
+            conversion_.failure = "Cancelled.";  // the call returns without an error
             return false;
         }
         return true;
@@ -49,7 +49,7 @@ private:
     Conversion& conversion_;
 };
 
-/// On the worker thread: blocks until the movie has been converted.
+/// Blocks until the conversion ends. Called on the worker thread.
 void convert(Conversion& conversion, krv::KRVQTProcessOperations& client) {
     std::shared_ptr<const krv::Error> error;
     conversion.failure.clear();
@@ -60,11 +60,11 @@ void convert(Conversion& conversion, krv::KRVQTProcessOperations& client) {
             conversion.failure = error->localizedDescription() + ' ' + error->localizedFailureReason();
         }
     } catch (const krv::Exception& exception) {
-        conversion.failure = exception.reason();  // the server cannot be reached
+        conversion.failure = exception.reason();  // the server could not be reached
     }
 }
 
-/// Somebody closes the window, or asks for it with the button. It stays until the conversion has ended.
+/// Called when the user closes the window or clicks Cancel. The window stays until the conversion has ended.
 gboolean cancel(GtkWindow*, Conversion* conversion) {
     conversion->cancelled = true;
     return TRUE;
@@ -84,10 +84,10 @@ void activate(GtkApplication* application, Conversion* conversion) {
     g_signal_connect(window, "close-request", G_CALLBACK(cancel), conversion);
     gtk_window_present(GTK_WINDOW(window));
 
-    // Made on the main thread. It finds the server, starts one if none runs, and looks after it from now on.
+    // Created on the main thread. Finds the server, launches one if none is running, and replaces it if it is lost.
     conversion->worker = std::thread([conversion, window, client = krv::KRVQuicktimeProcessClient::defaultClient()] {
         convert(*conversion, *client);
-        // The last window of the application, which ends with it.
+        // The application quits with its last window.
         krv::RunLoop::main().perform([window] { gtk_window_destroy(GTK_WINDOW(window)); });
     });
 }

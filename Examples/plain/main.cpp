@@ -1,9 +1,9 @@
-// Converts a movie to H.264 and shows how far it has come, with no toolkit: the main thread turns the library's own
-// main loop. To be copied.
+// Converts a movie to H.264 and prints its progress, without a toolkit: the main thread runs the library's own main
+// loop. Copy it as a starting point.
 //
 //     PlainExample SOURCE DESTINATION
 //
-// Ends with 0 when the movie has been converted, else with 1.
+// Exits with 0 if the movie was converted, otherwise with 1.
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
@@ -24,14 +24,14 @@ public:
     }
 };
 
-/// Blocks until the movie has been converted. What went wrong otherwise; empty when nothing did.
+/// Blocks until the conversion ends. Returns why it failed, or an empty string.
 std::string convert(krv::KRVQTProcessOperations& client, const std::string& source, const std::string& destination) {
     std::shared_ptr<const krv::Error> error;
     try {
         client.convertMovie(source, destination, krv::VideoConversion::H264, false, std::make_shared<Printer>(),
                             &error);
     } catch (const krv::Exception& exception) {
-        return exception.reason();  // the server cannot be reached
+        return exception.reason();  // the server could not be reached
     }
     return error ? error->localizedDescription() + ' ' + error->localizedFailureReason() : std::string();
 }
@@ -47,7 +47,7 @@ int main(int argc, char** argv) {
     const std::string source = std::filesystem::absolute(argv[1]);
     const std::string destination = std::filesystem::absolute(argv[2]);
 
-    // Made on the main thread. It finds the server, starts one if none runs, and looks after it from now on.
+    // Created on the main thread. Finds the server, launches one if none is running, and replaces it if it is lost.
     const auto client = krv::KRVQuicktimeProcessClient::defaultClient();
 
     std::string failure;

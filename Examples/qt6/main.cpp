@@ -1,9 +1,9 @@
 // Converts a movie to H.264 behind a Qt 6 window with a progress bar and a cancel button. Qt's event dispatcher on
-// Linux turns GLib's main loop, and with it the library's. To be copied.
+// Linux runs GLib's main loop, which is also the library's. Copy it as a starting point.
 //
 //     Qt6Example SOURCE DESTINATION
 //
-// The window closes by itself. Ends with 0 when the movie has been converted, else with 1.
+// The window closes by itself. Exits with 0 if the movie was converted, otherwise with 1.
 #include <QAbstractEventDispatcher>
 #include <QApplication>
 #include <QProgressDialog>
@@ -36,7 +36,8 @@ public:
         hasCancelled_ = cancelled_;
         return !hasCancelled_;
     }
-    /// On the same thread, when the call has ended: it does so without an error when it was cancelled.
+    /// Returns whether the conversion was cancelled, in which case the call returned without an error. Call on the same
+    /// thread after the call.
     bool hasCancelled() const { return hasCancelled_; }
 
 private:
@@ -45,22 +46,23 @@ private:
     bool hasCancelled_ = false;
 };
 
-/// Blocks until the movie has been converted. What went wrong otherwise; empty when nothing did.
+/// Blocks until the conversion ends. Returns why it failed, or an empty string.
 std::string convert(krv::KRVQTProcessOperations& client, const std::string& source, const std::string& destination,
                     const krv::ProgressDelegate& progress) {
     std::shared_ptr<const krv::Error> error;
     try {
         client.convertMovie(source, destination, krv::VideoConversion::H264, false, progress, &error);
     } catch (const krv::Exception& exception) {
-        return exception.reason();  // the server cannot be reached
+        return exception.reason();  // the server could not be reached
     }
     return error ? error->localizedDescription() + ' ' + error->localizedFailureReason() : std::string();
 }
 
-/// With QT_NO_GLIB=1, or a Qt that was built without GLib, Qt's own dispatcher leaves the library's main loop alone.
-/// Calls are still made, but the search for the server stands still after its first round: the first call takes some
-/// seconds longer, and a server that is lost is not found again. A timer turns the loop then.
-void turnLibrarysLoop(QTimer& timer) {
+/// Runs the library's main loop from a timer if Qt does not run it: with QT_NO_GLIB=1, or if Qt was built without GLib.
+///
+/// Without it, calls still work, but the search for the server stops after its first round. The first call then takes
+/// some seconds longer, and a lost server is not found again.
+void runLibrarysLoop(QTimer& timer) {
     if (!QAbstractEventDispatcher::instance()->inherits("QEventDispatcherGlib")) {
         timer.callOnTimeout([] { krv::RunLoop::main().runUntil(krv::Clock::TimePoint()); });
         timer.start(std::chrono::milliseconds(50));
@@ -79,7 +81,7 @@ int main(int argc, char** argv) {
     const std::string source = std::filesystem::absolute(argv[1]);
     const std::string destination = std::filesystem::absolute(argv[2]);
     QTimer timer;
-    turnLibrarysLoop(timer);
+    runLibrarysLoop(timer);
 
     QProgressDialog dialog("Converting", "Cancel", 0, kSteps);
     std::atomic<bool> cancelled{false};
@@ -88,11 +90,11 @@ int main(int argc, char** argv) {
     dialog.setAutoReset(false);
     dialog.show();
 
-    // Made on the main thread. It finds the server, starts one if none runs, and looks after it from now on.
+    // Created on the main thread. Finds the server, launches one if none is running, and replaces it if it is lost.
     krv::Bundle::setApplicationIdentifier("org.example.Qt6Example");
     const auto client = krv::KRVQuicktimeProcessClient::defaultClient();
 
-    QApplication::setQuitOnLastWindowClosed(false);  // a cancelled conversion is waited for
+    QApplication::setQuitOnLastWindowClosed(false);  // the program waits for a cancelled conversion to end
     std::string failure;
     std::thread worker([&] {
         const auto filler = std::make_shared<DialogFiller>(dialog, cancelled);

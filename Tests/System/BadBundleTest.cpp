@@ -108,7 +108,7 @@ TEST_F(BadBundle, OfAnotherArchitectureIsTold) {
 TEST_F(BadBundle, CrashingAtOnceIsToldWithWhereItsOwnWordsAre) {
     bundle(program("#!/bin/sh\necho \"a library is missing\" >&2\nexit 127\n"));
     const std::string file = (folder.path() / "state/KRVQuicktimeProcess/standard-error.log").string();
-    expectKrvqtToSay(AllOf(HasSubstr(" was launched and ended at once; what it printed is in " + file)));
+    expectKrvqtToSay(AllOf(HasSubstr(" was launched and exited at once; its output is in " + file)));
     std::ifstream in(file);
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "a library is missing\n");
     expectLog("The server that was launched, process ", " has ended");
@@ -116,7 +116,7 @@ TEST_F(BadBundle, CrashingAtOnceIsToldWithWhereItsOwnWordsAre) {
 
 TEST_F(BadBundle, ThatNeverPublishesIsTold) {
     bundle(KRV_SILENT_SERVER);
-    expectKrvqtToSay(MatchesRegex(".*launched as process [0-9]+, and not yet answering\n"));
+    expectKrvqtToSay(MatchesRegex(".*launched as process [0-9]+, but it does not respond yet\n"));
 }
 
 TEST_F(BadBundle, ThatNeverPublishesIsWaitedForAndNotLaunchedTwice) {

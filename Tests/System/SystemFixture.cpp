@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <thread>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -141,29 +140,25 @@ std::string SystemFixture::status(int port) {
 }
 
 SystemFixture::Serving SystemFixture::waitForServer(const std::function<bool(const Serving&)>& suits) {
-    for (;;) {
+    Serving serving;
+    waitUntil([&] {
         for (int port = kFirstPort; port <= kLastPort; ++port) {
             const auto page = nlohmann::json::parse(status(port), nullptr, false);
             if (page.is_object() && page.contains("pid")) {
-                const Serving found{page["pid"], port};
-                if (!suits || suits(found)) {
-                    return found;
+                serving = {page["pid"], port};
+                if (!suits || suits(serving)) {
+                    return true;
                 }
             }
         }
-        std::this_thread::sleep_for(10ms);
-    }
+        return false;
+    });
+    return serving;
 }
 
 void SystemFixture::killServer(pid_t pid) {
     ::kill(pid, SIGKILL);
     waitUntil([pid] { return !ProcessTable::system().process(pid); });
-}
-
-void SystemFixture::waitUntil(const std::function<bool()>& condition) {
-    while (!condition()) {
-        std::this_thread::sleep_for(5ms);
-    }
 }
 
 std::string SystemFixture::media(const char* name) const {

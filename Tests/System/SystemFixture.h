@@ -12,6 +12,7 @@
 
 #include "ChildProcess.h"
 #include "TemporaryFolder.h"
+#include "WaitUntil.h"
 
 namespace krv::test {
 
@@ -65,8 +66,6 @@ protected:
     /// What /status tells; empty when nothing answers.
     static std::string status(int port);
     static void killServer(pid_t pid);
-    /// Waits until a condition holds that has no event of its own.
-    static void waitUntil(const std::function<bool()>& condition);
 
     std::string media(const char* name) const;
     std::string out(const std::string& name) const { return (outFolder() / name).string(); }

@@ -4,6 +4,7 @@
 #include "CodecCode.h"
 #include "FailureText.h"
 #include "ProgressDisplay.h"
+#include "TemporaryFolder.h"
 
 namespace krvqt {
 namespace {
@@ -11,14 +12,14 @@ namespace {
 using namespace std::chrono_literals;
 using Words = std::vector<std::string>;
 
-TEST(ArgumentFilter, TakesTheUserDefaultsOut) {
+TEST(ArgumentFilter, RemovesUserDefaults) {
     EXPECT_EQ(withoutUserDefaults({"-qtClientLogLevel", "15", "convert", "a", "-minimumPortNumber", "9000", "b"}),
               (Words{"convert", "a", "b"}));
     EXPECT_EQ(withoutUserDefaults({"convert", "--force", "a", "b"}), (Words{"convert", "--force", "a", "b"}));
     EXPECT_EQ(withoutUserDefaults({"-qtClientLogLevel"}), Words{});
 }
 
-TEST(ArgumentFilter, LeavesWhatFollowsTheDoubleDash) {
+TEST(ArgumentFilter, KeepsWhatFollowsTheDoubleDash) {
     EXPECT_EQ(withoutUserDefaults({"convert", "--", "-qtClientLogLevel", "15"}),
               (Words{"convert", "--", "-qtClientLogLevel", "15"}));
 }
@@ -31,7 +32,7 @@ TEST(CodecCode, HasItsFirstCharacterInTheHighestByte) {
     EXPECT_EQ(codecCode("toolong"), std::nullopt);
 }
 
-TEST(EncodingType, IsANameOfAnyCaseOrANumber) {
+TEST(EncodingType, IsANameInAnyCaseOrANumber) {
     EXPECT_EQ(encodingType("h.264"), 1);
     EXPECT_EQ(encodingType("PRORES 422"), 4);
     EXPECT_EQ(encodingType("6"), 6);
@@ -40,7 +41,7 @@ TEST(EncodingType, IsANameOfAnyCaseOrANumber) {
     EXPECT_EQ(encodingType(""), std::nullopt);
 }
 
-TEST(EncodingType, FollowsFromTheDestinationWhenNoneIsAskedFor) {
+TEST(EncodingType, FollowsFromTheDestinationByDefault) {
     EXPECT_EQ(defaultEncodingType("/a/b.mp4"), 1);
     EXPECT_EQ(defaultEncodingType("/a/b.WEBM"), 5);
     EXPECT_EQ(defaultEncodingType("/a/b.flac"), 7);
@@ -53,32 +54,70 @@ TEST(ProgressLine, ShowsBarPercentAndTimes) {
     EXPECT_EQ(progressLine(2.0, 10s, 60).find("100 %"), 29U);
 }
 
-TEST(ProgressLine, FitsItsTerminal) {
+TEST(ProgressLine, FitsTheTerminal) {
     for (int columns = 1; columns < 200; ++columns) {
         EXPECT_LT(progressLine(0.42, 3700s, columns).size(), static_cast<std::size_t>(std::max(columns, 1)));
     }
 }
 
-TEST(ProgressLine, WritesTimesAsClocksDo) {
+TEST(ProgressLine, FormatsTimesLikeAClock) {
     EXPECT_EQ(clockText(7s), "0:07");
     EXPECT_EQ(clockText(760s), "12:40");
     EXPECT_EQ(clockText(3723s), "1:02:03");
 }
 
-TEST(FailureText, SaysWhatWhyAndWhatToTry) {
-    const auto error = krv::Error::make("KRVQuicktimeProcess", 3,
-                                        {{krv::NSLocalizedDescriptionKey, "\"a.mov\" cannot be read."},
-                                         {krv::NSLocalizedFailureReasonErrorKey, "No such file or directory"},
-                                         {"KRVFilePath", "/movies/a.mov"}});
-    EXPECT_EQ(failureText(*error), "\"a.mov\" cannot be read.\n"
-                                   "  file:  /movies/a.mov\n"
-                                   "  cause: No such file or directory\n"
-                                   "  try:   check the path and that you may read the file");
-    EXPECT_EQ(failureJSON(*error)["code"], 3);
-    EXPECT_EQ(failureJSON(*error)["path"], "/movies/a.mov");
+std::shared_ptr<const krv::Error> serverError(krv::OperationErrorCode code, const std::string& description,
+                                              const std::string& reason, const std::string& path) {
+    return krv::Error::make(std::string(krv::kMediaServerErrorDomain), static_cast<std::int64_t>(code),
+                            {{krv::NSLocalizedDescriptionKey, description},
+                             {krv::NSLocalizedFailureReasonErrorKey, reason},
+                             {krv::kErrorFilePath, path}});
 }
 
-TEST(FailureText, IsShortWhereNothingElseIsKnown) {
+TEST(FailureText, NamesTheFileTheCauseAndWhatToTry) {
+    const auto error =
+        serverError(krv::OperationErrorCode::UnreadableSource, "Cannot convert a.mov: it cannot be read.",
+                    "No such file or directory", "/no/movies/a.mov");
+    EXPECT_EQ(failureText(*error), "Cannot convert a.mov: it cannot be read.\n"
+                                   "  file:  /no/movies/a.mov\n"
+                                   "  cause: No such file or directory\n"
+                                   "  try:   check the path");
+    EXPECT_EQ(failureJSON(*error)["code"], 3);
+    EXPECT_EQ(failureJSON(*error)["path"], "/no/movies/a.mov");
+}
+
+TEST(FailureText, DoesNotRepeatWhatTheSentenceSays) {
+    const auto error =
+        serverError(krv::OperationErrorCode::UnusableSource, "Cannot extract audio from /a.mov: it has no audio track.",
+                    "it has no audio track", "/a.mov");
+    EXPECT_EQ(failureText(*error), "Cannot extract audio from /a.mov: it has no audio track.");
+}
+
+TEST(FailureText, GivesAdviceThatFitsTheCause) {
+    const auto adviceFor = [](krv::OperationErrorCode code, const std::string& path) {
+        const std::string text = failureText(*serverError(code, "Cannot convert it.", "", path));
+        const std::size_t at = text.find("  try:   ");
+        return at == std::string::npos ? std::string() : text.substr(at + std::string_view("  try:   ").size());
+    };
+    using Code = krv::OperationErrorCode;
+    const krv::test::TemporaryFolder folder;
+    const std::string readable = folder.write("readable.mov", "");
+    EXPECT_EQ(adviceFor(Code::UnreadableSource, folder.path() / "missing.mov"), "check the path");
+    EXPECT_EQ(adviceFor(Code::UnreadableSource, readable), "");
+    EXPECT_EQ(adviceFor(Code::UnwritableDestination, folder.path() / "missing" / "out.mov"),
+              "create the folder " + (folder.path() / "missing").string());
+    EXPECT_EQ(adviceFor(Code::UnwritableDestination, folder.path() / "out.mov"),
+              "choose another destination, or make space for it");
+    EXPECT_EQ(adviceFor(Code::UnusableSource, readable), "");
+    EXPECT_EQ(adviceFor(Code::InvalidArgument, readable), "");
+    EXPECT_EQ(adviceFor(Code::Internal, readable), "");
+    EXPECT_EQ(adviceFor(Code::SameFile, readable), "choose another destination");
+    EXPECT_NE(adviceFor(Code::Unsupported, readable), "");
+    EXPECT_NE(adviceFor(Code::WorkerFailed, readable), "");
+    EXPECT_NE(adviceFor(Code::CannotAcceptWork, readable), "");
+}
+
+TEST(FailureText, IsShortIfNothingElseIsKnown) {
     const krv::Error error("Other", 1);
     EXPECT_EQ(failureText(error), "The operation couldn't be completed. (Other error 1.)");
 }
@@ -93,17 +132,17 @@ TEST(ProgressDisplay, PrintsALineAtEveryTenthAwayFromATerminal) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "0 %  0:00\n10 %  0:00\n30 %  0:00\n100 %  0:00\n");
 }
 
-TEST(ProgressDisplay, SaysWhenTheWorkBeginsAnew) {
+TEST(ProgressDisplay, SaysWhenTheWorkStartsOver) {
     testing::internal::CaptureStderr();
     ProgressDisplay display(false);
     for (const float progress : {0.35F, 0.05F, 0.12F}) {
         display.operation(nullptr, progress);
     }
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "30 %  0:00\nkrvqt: the media server was lost; another one begins anew\n0 %  0:00\n10 %  0:00\n");
+              "30 %  0:00\nkrvqt: the media server was lost; another one starts over\n0 %  0:00\n10 %  0:00\n");
 }
 
-TEST(ProgressDisplay, SaysNothingWhenItIsToBeQuiet) {
+TEST(ProgressDisplay, PrintsNothingIfQuiet) {
     testing::internal::CaptureStderr();
     ProgressDisplay display(true);
     display.operation(nullptr, 0.5F);

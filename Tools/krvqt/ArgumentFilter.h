@@ -5,8 +5,8 @@
 
 namespace krvqt {
 
-/// The arguments without the user defaults among them ("-key value", for the keys that the library knows), which the
-/// library reads by itself. Nothing behind "--" is touched.
+/// Returns the arguments without user defaults ("-key value", for the keys that the library knows), which the library
+/// reads itself. Keeps everything after "--".
 [[nodiscard]] std::vector<std::string> withoutUserDefaults(std::vector<std::string> arguments);
 
 }  // namespace krvqt

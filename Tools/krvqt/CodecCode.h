@@ -6,14 +6,14 @@
 
 namespace krvqt {
 
-/// A four-character code as the integer that a record carries, its first character in the highest byte. Shorter codes
-/// are filled up with spaces; nothing for an empty or longer text.
+/// Returns a four-character code as the integer that a record carries, the first character in the highest byte. Pads
+/// shorter codes with spaces. Returns nullopt if the text is empty or longer.
 [[nodiscard]] std::optional<std::uint32_t> codecCode(std::string_view text);
 
-/// The encoding type that a name ("H.264", any case) or number stands for; nothing for any other text.
+/// Returns the encoding type with this name ("H.264", in any case) or number, nullopt for any other text.
 [[nodiscard]] std::optional<std::int32_t> encodingType(std::string_view nameOrNumber);
 
-/// The type for a destination when none is asked for: H.264, or what the container takes instead of it.
+/// Returns the default type for a destination: H.264, or by the extension where the container does not hold H.264.
 [[nodiscard]] std::int32_t defaultEncodingType(std::string_view destination);
 
 }  // namespace krvqt

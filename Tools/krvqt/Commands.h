@@ -17,7 +17,7 @@ ExitStatus showTimes(const TimesOptions& options, const CommonOptions& common);
 ExitStatus showStatus(const CommonOptions& common);
 ExitStatus cancelAll(const CommonOptions& common);
 ExitStatus shutDown(const CommonOptions& common);
-/// Prints the record archived in a file ("-" is standard input). Talks to no server.
+/// Prints the record archived in a file ("-" is standard input). Does not contact a server.
 ExitStatus showRecord(const std::string& file, const CommonOptions& common);
 ExitStatus showTypes(const CommonOptions& common);
 

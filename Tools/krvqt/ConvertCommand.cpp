@@ -10,7 +10,7 @@
 namespace krvqt {
 namespace {
 
-/// What the call carries, worked out before anything is begun.
+/// The arguments of the call, checked before any work starts.
 struct Request {
     std::string source;
     std::string destination;
@@ -57,7 +57,7 @@ ExitStatus prepare(const ConvertOptions& options, Request& request) {
     if (options.type) {
         const auto type = encodingType(*options.type);
         if (!type) {
-            return usage(fmt::format("'{}' is no encoding type; see 'krvqt types'", *options.type));
+            return usage(fmt::format("'{}' is not an encoding type; 'krvqt types' lists them", *options.type));
         }
         request.type = *type;
     } else {
@@ -66,7 +66,7 @@ ExitStatus prepare(const ConvertOptions& options, Request& request) {
     request.flatten = options.flatten;
     request.withSettings = options.withSettings();
     if (request.withSettings && (options.type || options.flatten)) {
-        return usage("video and audio options make a conversion of type Custom; leave out --type and --flatten");
+        return usage("--type and --flatten cannot be combined with video or audio options, whose type is Custom");
     }
     if (options.video.any() || options.fps) {
         if (!fill(request.video, options.video, "video")) {

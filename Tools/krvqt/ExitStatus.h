@@ -4,11 +4,11 @@ namespace krvqt {
 
 enum ExitStatus : int {
     kDone = 0,
-    /// The operation failed; the message says what, which file, why and what to try.
+    /// The operation failed. The message names the file, the cause and what to try.
     kFailed = 1,
-    /// Wrong usage; nothing was begun.
+    /// Wrong usage. No work was started.
     kUsage = 2,
-    /// The server could not be reached or started.
+    /// The media server could not be reached or started.
     kNoServer = 3,
     kCancelled = 130
 };

@@ -1,60 +1,95 @@
 #include "FailureText.h"
 
+#include <cerrno>
+#include <filesystem>
 #include <string_view>
+
+#include <unistd.h>
 
 #include <fmt/format.h>
 
 namespace krvqt {
 namespace {
 
-constexpr std::string_view kServerDomain = "KRVQuicktimeProcess";
-constexpr std::string_view kTimeoutDomain = "TransportCheck";
-constexpr std::string_view kFilePathKey = "KRVFilePath";
+using Code = krv::OperationErrorCode;
 
-/// What a person can do about an error of the server.
-std::string_view advice(const krv::Error& error) {
-    if (error.domain() == kTimeoutDomain) {
-        return "the server has been asked to give up; try again, and look at its log if it happens again";
-    }
-    if (error.domain() != kServerDomain) {
-        return {};
-    }
-    switch (error.code()) {
-    case 3:
-        return "check the path and that you may read the file";
-    case 4:
-        return "check that the file plays; a download may have been cut short";
-    case 5:
-        return "check that the folder exists, that you may write to it, and that there is space";
-    case 6:
-        return "choose another container, codec or setting; 'krvqt types' lists the encoding types";
-    case 7:
-        return "the file is probably damaged; the server itself goes on";
-    case 10:
-        return "give another destination";
-    default:
-        return {};
-    }
-}
+/// Domain of the error that ends a wait for progress.
+constexpr std::string_view kTimeoutDomain = "TransportCheck";
 
 std::string path(const krv::Error& error) {
-    return error.userInfo() ? (*error.userInfo())[kFilePathKey].stringValue() : std::string();
+    return error.userInfo() ? (*error.userInfo())[krv::kErrorFilePath].stringValue() : std::string();
+}
+
+/// The server runs on this machine as this user, so what stops it from reading the file shows here as well.
+std::string adviceForSource(const std::string& file) {
+    if (::access(file.c_str(), F_OK) != 0 && errno == ENOENT) {
+        return "check the path";
+    }
+    if (::access(file.c_str(), R_OK) != 0) {
+        return "change the permissions, so that you may read the file";
+    }
+    return {};
+}
+
+std::string adviceForDestination(const std::string& file) {
+    const std::string folder = std::filesystem::path(file).parent_path();
+    if (::access(folder.c_str(), F_OK) != 0) {
+        return fmt::format("create the folder {}", folder);
+    }
+    if (::access(folder.c_str(), W_OK | X_OK) != 0) {
+        return "choose a folder that you may write to";
+    }
+    return "choose another destination, or make space for it";
+}
+
+/// What a person can do about an error; empty where nothing is known to help.
+std::string advice(const krv::Error& error) {
+    if (error.domain() == kTimeoutDomain) {
+        return "run the command again; if it fails again, look at the media server's log";
+    }
+    if (error.domain() != krv::kMediaServerErrorDomain) {
+        return {};
+    }
+    switch (static_cast<Code>(error.code())) {
+    case Code::CannotAcceptWork:
+        return "run the command again when the media server has less to do";
+    case Code::UnreadableSource:
+        return adviceForSource(path(error));
+    case Code::UnwritableDestination:
+        return adviceForDestination(path(error));
+    case Code::Unsupported:
+        return "choose another container, codec or setting; 'krvqt types' lists the encoding types";
+    case Code::WorkerFailed:
+        return "run the command again; if it fails again, the file is probably damaged";
+    case Code::SameFile:
+        return "choose another destination";
+    case Code::UnusableSource:  // the message says what the file lacks
+    case Code::UnknownOperation:
+    case Code::Internal:
+    case Code::InvalidArgument:
+        return {};
+    }
+    return {};
 }
 
 }  // namespace
 
 std::string failureText(const krv::Error& error) {
     std::string text = error.localizedDescription();
-    const std::string file = path(error);
-    if (!file.empty() && text.find(file) == std::string::npos) {
-        text += fmt::format("\n  file:  {}", file);
+    const auto line = [&text](std::string_view heading, const std::string& content) {
+        if (!content.empty()) {
+            text += fmt::format("\n  {:<6} {}", heading, content);
+        }
+    };
+    const std::string sentence = text;
+    const auto isSaid = [&sentence](const std::string& content) { return sentence.find(content) != std::string::npos; };
+    if (const std::string file = path(error); !isSaid(file)) {
+        line("file:", file);
     }
-    if (const std::string reason = error.localizedFailureReason(); !reason.empty()) {
-        text += fmt::format("\n  cause: {}", reason);
+    if (const std::string reason = error.localizedFailureReason(); !isSaid(reason)) {
+        line("cause:", reason);
     }
-    if (const std::string_view hint = advice(error); !hint.empty()) {
-        text += fmt::format("\n  try:   {}", hint);
-    }
+    line("try:", advice(error));
     return text;
 }
 

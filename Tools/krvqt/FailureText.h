@@ -9,10 +9,11 @@
 
 namespace krvqt {
 
-/// What happened, why, and what to try, in up to three lines.
+/// Returns what a person reads about an error: the message, then a line each for the file, the cause and what to try,
+/// where the message does not say it already and where something is known to help.
 [[nodiscard]] std::string failureText(const krv::Error& error);
 
-/// The error's keys "domain", "code", "description", "reason" and, where it names a file, "path".
+/// Returns an object with "domain", "code", "description", "reason" and, if the error names a file, "path".
 [[nodiscard]] nlohmann::json failureJSON(const krv::Error& error);
 
 }  // namespace krvqt

@@ -76,13 +76,14 @@ public:
     ExitStatus serverWentAway(const krv::Exception& exception) const {
         if (common_.json) {
             auto json = result("failed");
-            json["error"] = {{"description", "The media server went away."}, {"reason", exception.reason()}};
+            json["error"] = {{"description", "The media server exited or stopped responding."},
+                             {"reason", exception.reason()}};
             print(json);
         }
         fmt::print(
             stderr,
-            "krvqt: the media server went away while it was working on {}\n  cause: {}\n  try:   run the command "
-            "again; {} was not written\n",
+            "krvqt: the media server exited or stopped responding while it was working on {}\n  cause: {}\n  try:   "
+            "run the command again; {} was not written\n",
             operation_.sources.front(), exception.reason(), operation_.destination);
         return kNoServer;
     }
@@ -143,8 +144,10 @@ ExitStatus ask(std::string_view what, const QuestionCall& call, const ServerAcce
         if (Interruption::requested()) {
             return kCancelled;
         }
-        fmt::print(stderr, "krvqt: the media server went away\n  cause: {}\n  try:   run the command again\n",
-                   exception.reason());
+        fmt::print(
+            stderr,
+            "krvqt: the media server exited or stopped responding\n  cause: {}\n  try:   run the command again\n",
+            exception.reason());
         return kNoServer;
     }
     if (Interruption::requested()) {

@@ -14,28 +14,31 @@
 
 namespace krvqt {
 
-/// An operation that makes files, as it is reported.
+/// How an operation that writes files is reported.
 struct FileOperation {
-    std::string operation;  ///< the command's name
+    std::string operation;  ///< name of the command
     std::vector<std::string> sources;
     std::string destination;
-    /// What JSON tells of a success beyond that; may be null.
+    /// Adds further entries to the JSON object of a success. May be null.
     std::function<void(nlohmann::json&)> describe{};
-    /// The lines on standard output that tell of a success; the destination when this is null.
+    /// Prints a success on standard output. If null, the destination is printed.
     std::function<void()> print{};
 };
 
-/// Asks the server for it. Writes the error that it ended with, or raises when the server went away.
+/// Makes the call to the server and blocks until it ends. Writes the error of a failed operation. Throws Exception if
+/// the server was lost.
 using FileCall = std::function<void(const ServerAccess& access, const std::shared_ptr<krv::OperationProgress>& progress,
                                     krv::ErrorOut error)>;
 
-/// Reaches or launches a server, makes the call beside the main run loop with progress on standard error, and reports
-/// how it ended. On the main thread.
+/// Reaches or launches a server, makes the call on a second thread while the main run loop runs, shows progress on
+/// standard error, and reports the result. Call on the main thread only.
 [[nodiscard]] ExitStatus makeFile(const FileOperation& operation, const FileCall& call, const CommonOptions& common);
 
-/// The same for a question, which has no progress worth showing: makes the call and lets it print the answer itself.
-/// Ctrl-C asks the server to cancel. what: the command's name. call: kDone, or kFailed with the error written.
+/// Makes the call to the server and prints the answer. Returns kDone, or kFailed with the error written.
 using QuestionCall = std::function<ExitStatus(const ServerAccess& access, krv::ErrorOut error)>;
+
+/// Like makeFile(), for a query without progress. Ctrl-C asks the server to cancel. what: name of the command. Call on
+/// the main thread only.
 [[nodiscard]] ExitStatus askQuestion(std::string_view what, const QuestionCall& call, const CommonOptions& common);
 
 }  // namespace krvqt

@@ -1,4 +1,6 @@
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -16,7 +18,7 @@ namespace krvqt {
 namespace {
 
 std::time_t unixTime(krv::Date date) {
-    constexpr double kReference = 978307200;  // dates count from the beginning of 2001
+    constexpr double kReference = 978307200;  // dates count from the start of 2001
     return static_cast<std::time_t>(date.secondsSinceReference + kReference);
 }
 
@@ -90,11 +92,11 @@ void printText(const krv::Dictionary& info) {
     line("modified", date(krv::kMediaMetadataModified));
 }
 
-/// Written beside and renamed, so that what stood there stays whole until the new one is.
+/// Writes a second file and renames it, so that an existing poster stays intact until the new one is complete.
 bool writePoster(const std::string& file, const krv::Dictionary& info) {
     const auto poster = info[krv::kMediaMetadataPoster].data();
     if (!poster) {
-        fmt::print(stderr, "krvqt: {} has no picture to make a poster of\n",
+        fmt::print(stderr, "krvqt: Cannot write a poster of {}: it has no video track.\n",
                    info[krv::kMediaMetadataPath].stringValue());
         return false;
     }
@@ -105,7 +107,7 @@ bool writePoster(const std::string& file, const krv::Dictionary& info) {
     if (out && std::rename(part.c_str(), file.c_str()) == 0) {
         return true;
     }
-    fmt::print(stderr, "krvqt: {} cannot be written\n", file);
+    fmt::print(stderr, "krvqt: Cannot write {}: {}.\n", file, std::strerror(errno));
     std::remove(part.c_str());
     return false;
 }
@@ -121,7 +123,7 @@ ExitStatus showInfo(const InfoOptions& options, const CommonOptions& common) {
     }
     if (options.poster) {
         if (movies.size() > 1) {
-            return usage("--poster goes with one movie");
+            return usage("--poster takes one movie only");
         }
         if (const ExitStatus status = checkDestination(*options.poster, options.force); status != kDone) {
             return status;
@@ -138,7 +140,7 @@ ExitStatus showInfo(const InfoOptions& options, const CommonOptions& common) {
             if (movies.size() == 1) {
                 *error = problem;
             } else if (problem) {
-                // One bad file must not hide the others.
+                // One bad file does not hide the others.
                 fmt::print(stderr, "krvqt: {}\n", failureText(*problem));
             }
             if (!info) {

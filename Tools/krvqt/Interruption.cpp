@@ -16,7 +16,7 @@
 namespace krvqt {
 namespace {
 
-std::atomic<bool> signalCame{false};
+std::atomic<bool> signalArrived{false};
 std::mutex actionMutex;
 std::function<void()> action;  // guarded by actionMutex
 
@@ -27,7 +27,7 @@ void act() {
         now.swap(action);
     }
     if (now) {
-        std::thread(std::move(now)).detach();  // a second signal must not wait for it
+        std::thread(std::move(now)).detach();  // so that a second signal does not wait for it
     }
 }
 
@@ -45,13 +45,13 @@ void takeSignals(std::chrono::seconds patience) {
     int number = 0;
     while (sigwait(&set, &number) != 0) {
     }
-    signalCame = true;
+    signalArrived = true;
     act();
     timespec timeout{};
     timeout.tv_sec = patience.count();
     while (sigtimedwait(&set, nullptr, &timeout) == -1 && errno == EINTR) {
     }
-    constexpr std::string_view kMessage = "krvqt: leaving without the server's answer\n";
+    constexpr std::string_view kMessage = "krvqt: exiting; the media server has not confirmed the cancellation\n";
     [[maybe_unused]] const auto written = ::write(STDERR_FILENO, kMessage.data(), kMessage.size());
     ::_exit(kCancelled);
 }
@@ -69,13 +69,13 @@ void Interruption::onRequest(std::function<void()> wanted) {
         const std::lock_guard lock(actionMutex);
         action = std::move(wanted);
     }
-    if (signalCame) {
+    if (signalArrived) {
         act();
     }
 }
 
 bool Interruption::requested() noexcept {
-    return signalCame;
+    return signalArrived;
 }
 
 }  // namespace krvqt

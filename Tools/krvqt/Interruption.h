@@ -5,19 +5,18 @@
 
 namespace krvqt {
 
-/// Ctrl-C and SIGTERM, taken by a thread of its own instead of a handler.
+/// SIGINT, SIGTERM and SIGHUP, received by a thread instead of a handler.
 class Interruption {
 public:
-    /// Blocks the signals in the calling thread and in those it starts later, so it must be called before any other
-    /// thread exists. When a signal comes, the process is given this long to end by itself; then, or at a second
-    /// signal, it leaves with status 130.
+    /// Blocks the signals in the calling thread and its descendants. Call before any other thread exists. After the
+    /// first signal the process has this long to exit by itself. Then, or at a second signal, it exits with status 130.
     static void watch(std::chrono::seconds patience);
 
-    /// What is done when a signal comes, on a thread of its own; at once when one has come already. Replaces what
-    /// was there before.
+    /// Sets the action for the first signal, replacing an earlier one. It runs on its own thread, at once if a signal
+    /// has already arrived.
     static void onRequest(std::function<void()> action);
 
-    /// Whether a signal has come. Any thread.
+    /// Returns whether a signal has arrived. Thread-safe.
     [[nodiscard]] static bool requested() noexcept;
 };
 

@@ -7,7 +7,7 @@ namespace krvqt {
 
 ExitStatus merge(const MergeOptions& options, const CommonOptions& common) {
     if (options.files.size() < 2) {
-        return usage("merge takes at least one movie and, last, the file to write");
+        return usage("merge takes at least one movie, followed by the file to write");
     }
     std::vector<std::string> sources = options.files;
     for (std::string& file : sources) {
@@ -20,7 +20,7 @@ ExitStatus merge(const MergeOptions& options, const CommonOptions& common) {
     if (const ExitStatus status = checkDestination(destination, options.force); status != kDone) {
         return status;
     }
-    // The shared client has no call for this.
+    // The shared client has no merge call.
     const auto call = [&](const ServerAccess& access, const auto& progress, krv::ErrorOut error) {
         const krv::Array list(sources.begin(), sources.end());
         (void)runRecord(access,

@@ -6,8 +6,8 @@
 
 namespace krvqt {
 
-/// Runs the work on a second thread while the calling thread, which must be the main one, turns the main run loop that
-/// the library's search for the server lives on. Returns what the work returned.
+/// Runs the work on a second thread while the calling thread runs the main run loop, on which the library searches for
+/// the server. Returns the result of the work. Call on the main thread only.
 ExitStatus runBesideMainLoop(const std::function<ExitStatus()>& work);
 
 }  // namespace krvqt

@@ -8,11 +8,11 @@
 
 namespace krvqt {
 
-/// What every command understands.
+/// Options of every command.
 struct CommonOptions {
     bool json = false;
     bool quiet = false;
-    /// How long to wait for a server.
+    /// How long to wait for a media server.
     std::chrono::duration<double> wait{20};
 };
 

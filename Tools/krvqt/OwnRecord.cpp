@@ -6,8 +6,8 @@ namespace {
 using krv::KRVOperationBase;
 using krv::TransportInvocation;
 
-/// How long progress may stand still, in seconds.
-constexpr float kPatience = 60;
+/// Seconds without progress after which the operation is given up.
+constexpr float kProgressTimeout = 60;
 
 }  // namespace
 
@@ -20,8 +20,8 @@ KRVOperationBase::Ref sendRecord(const ServerAccess& access, const KRVOperationB
 KRVOperationBase::Ref runRecord(const ServerAccess& access, const KRVOperationBase::Ref& record,
                                 const std::shared_ptr<krv::OperationProgress>& progress, krv::ErrorOut error) {
     record->setProgressDelegate(progress);
-    (void)TransportInvocation::invocationWith(record)->invokeOverTransportGetProgressWaitToComplete(access.transport,
-                                                                                                    error, kPatience);
+    (void)TransportInvocation::invocationWith(record)->invokeOverTransportGetProgressWaitToComplete(
+        access.transport, error, kProgressTimeout);
     if (!*error) {
         *error = record->error();
     }
@@ -32,7 +32,7 @@ KRVOperationBase::Ref runRecord(const ServerAccess& access, const KRVOperationBa
     if (finished && finished->error()) {
         *error = finished->error();
     }
-    std::shared_ptr<const krv::Error> ignored;  // the server forgets it in any case
+    std::shared_ptr<const krv::Error> ignored;  // the server drops old results by itself
     (void)sendRecord(access, KRVOperationBase::removeReturnResultForOperation(record->uniqueID()), &ignored);
     return *error ? nullptr : finished;
 }

@@ -9,7 +9,7 @@
 namespace krvqt {
 namespace {
 
-bool canTravel(const std::string& path) {
+bool canBeSent(const std::string& path) {
     try {
         (void)krv::KRVOperationBase::provideMetadataFor(path)->convertToData();
         return true;
@@ -30,13 +30,13 @@ ExitStatus makeAbsolute(std::initializer_list<std::string*> paths) {
         if (path->empty()) {
             return usage("a file name is empty");
         }
-        if (!canTravel(*path)) {
+        if (!canBeSent(*path)) {
             return usage(fmt::format("{}: a file name that is not UTF-8 cannot be sent to the media server; rename the "
                                      "file",
                                      shown(*path)));
         }
         *path = std::filesystem::absolute(*path).string();
-        if (!canTravel(*path)) {
+        if (!canBeSent(*path)) {
             return usage("the name of the working folder is not UTF-8 and cannot be sent to the media server");
         }
     }

@@ -8,17 +8,17 @@
 
 namespace krvqt {
 
-/// Says what is wrong with how the command was used. kUsage.
+/// Prints what is wrong with the command line. Returns kUsage.
 ExitStatus usage(std::string_view text);
 
-/// Makes the paths absolute: the server has another working folder. kDone, or kUsage when one of them cannot travel to
-/// the server, which has been said then.
+/// Makes the paths absolute, because the server has another working folder. Returns kDone. If a path cannot be sent to
+/// the server, prints why and returns kUsage.
 [[nodiscard]] ExitStatus makeAbsolute(std::initializer_list<std::string*> paths);
 
-/// kUsage when the destination exists and may not be replaced, which has been said then.
+/// Returns kDone if the destination may be written. If it exists and force is not set, prints so and returns kUsage.
 [[nodiscard]] ExitStatus checkDestination(const std::string& destination, bool force);
 
-/// A path that may hold anything, as it can be shown on a terminal.
+/// Returns a path with all bytes outside printable ASCII escaped, safe to print on a terminal.
 [[nodiscard]] std::string shown(std::string_view path);
 
 }  // namespace krvqt

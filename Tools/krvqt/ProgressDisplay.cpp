@@ -17,9 +17,9 @@ namespace {
 constexpr int kDefaultColumns = 80;
 constexpr int kSmallestBar = 10;
 constexpr int kLargestBar = 50;
-/// Below this fraction, and before this time, an estimate of the remaining time would only jump about.
-constexpr double kEnoughForAnEstimate = 0.01;
-constexpr std::chrono::seconds kEnoughTimeForAnEstimate{1};
+/// An estimate of the remaining time jumps about below this fraction and before this time.
+constexpr double kSmallestFractionForEstimate = 0.01;
+constexpr std::chrono::seconds kShortestTimeForEstimate{1};
 
 int terminalColumns() {
     winsize size{};
@@ -37,7 +37,7 @@ std::string clockText(std::chrono::seconds seconds) {
 std::string progressLine(double fraction, std::chrono::seconds elapsed, int columns) {
     const double shown = std::clamp(fraction, 0.0, 1.0);
     std::string text = fmt::format(" {:3.0f} %  {} elapsed", std::floor(shown * 100), clockText(elapsed));
-    if (shown >= kEnoughForAnEstimate && elapsed >= kEnoughTimeForAnEstimate) {
+    if (shown >= kSmallestFractionForEstimate && elapsed >= kShortestTimeForEstimate) {
         const auto left = static_cast<double>(elapsed.count()) * (1.0 - shown) / shown;
         text += fmt::format(", {} left", clockText(std::chrono::seconds(std::llround(left))));
     }
@@ -69,8 +69,8 @@ bool ProgressDisplay::operationWasCancelled() const {
 
 void ProgressDisplay::draw(double fraction) {
     if (fraction < last_) {
-        // A server's own report never goes back: this is another server's.
-        fmt::print(stderr, "{}krvqt: the media server was lost; another one begins anew\n",
+        // Progress from one server never decreases, so this is another server.
+        fmt::print(stderr, "{}krvqt: the media server was lost; another one starts over\n",
                    std::exchange(lineDrawn_, false) ? "\r\033[K" : "");
         start_ = std::chrono::steady_clock::now();
         lastTenth_ = -1;

@@ -8,27 +8,28 @@
 
 namespace krvqt {
 
-/// Minutes and seconds, with hours when there are any: "0:07", "12:40", "1:02:03".
+/// Formats minutes and seconds, with hours if there are any: "0:07", "12:40", "1:02:03".
 [[nodiscard]] std::string clockText(std::chrono::seconds seconds);
 
-/// One line of progress, at most `columns` wide: bar, per cent, elapsed and, once it can be told, remaining time.
+/// Returns one line of progress, narrower than `columns`: bar, per cent, elapsed time and, once it can be estimated,
+/// remaining time.
 [[nodiscard]] std::string progressLine(double fraction, std::chrono::seconds elapsed, int columns);
 
-/// Shows an operation's progress on standard error and passes on the wish to stop.
+/// Shows an operation's progress on standard error and cancels the operation after a signal.
 ///
-/// On a terminal it is one line that is written over; otherwise a line at every tenth. When the server is lost and the
-/// work begins anew, it says so once and counts the time from there.
+/// On a terminal it redraws one line; elsewhere it prints a line at every tenth. When the server is lost and the work
+/// starts over, it prints so once and restarts its clock.
 class ProgressDisplay final : public krv::OperationProgress {
 public:
     explicit ProgressDisplay(bool quiet);
 
-    /// False once a signal has asked for an end.
+    /// Returns false after a signal, which cancels the operation.
     bool operation(const krv::KRVOperationBase::Ref& operation, float progress) override;
 
-    /// Whether the operation ended by being cancelled, by us or by somebody else: the call itself does not tell.
+    /// Returns whether the operation was cancelled, by krvqt or by another client. The call itself does not report it.
     [[nodiscard]] bool operationWasCancelled() const;
 
-    /// Takes the line away, or completes it when the operation was completed.
+    /// Completes the line if the operation completed, otherwise erases it.
     void finish(bool completed);
 
 private:

@@ -113,12 +113,12 @@ ExitStatus showRecord(const std::string& file, const CommonOptions& common) {
         read = in && readAll(in, data);
     }
     if (!read) {
-        fmt::print(stderr, "krvqt: {} cannot be read ({})\n", file, std::strerror(errno));
+        fmt::print(stderr, "krvqt: Cannot read {}: {}.\n", file, std::strerror(errno));
         return kFailed;
     }
     const auto record = krv::KRVOperationBase::operationFromData(std::make_shared<const krv::Data>(std::move(data)));
     if (!record) {
-        fmt::print(stderr, "krvqt: {} holds no archived operation record\n", file);
+        fmt::print(stderr, "krvqt: Cannot print {}: it is not an archived operation record.\n", file);
         return kFailed;
     }
     if (common.json) {

@@ -14,10 +14,10 @@ using SteadyClock = std::chrono::steady_clock;
 
 constexpr std::string_view kServerName = "KRVQuicktimeProcess";
 constexpr auto kProbeInterval = 100ms;
-/// A server usually answers before anybody wonders; only a longer wait is worth a line.
+/// A server usually responds within this time. Only a longer wait is worth a message.
 constexpr auto kSilentWait = 2s;
 
-/// Says each reason for waiting once.
+/// Prints each reason for waiting once.
 class Announcer {
 public:
     explicit Announcer(bool quiet)
@@ -39,15 +39,15 @@ private:
     std::string last_;
 };
 
-/// Why no server answers yet.
+/// Returns why no server responds yet.
 std::string whyNotYet(const ServerAccess& access) {
     if (const long port = access.discovery->servicePortNumber(); port >= 1) {
-        return fmt::format("found on port {}, but it does not answer", port);
+        return fmt::format("found on port {}, but it does not respond", port);
     }
     const auto launch = krv::ServerRunner::latestLaunch();
     if (!access.launches || !launch) {
         return krv::KRVProcessMonitor::isProcessRunningNamed(kServerName, krv::ProcessTable::ofThisUser())
-                   ? "one is running, but its port is not yet found"
+                   ? "one is running, but its port has not been found yet"
                    : "none is running yet";
     }
     if (launch->bundle.empty()) {
@@ -57,20 +57,20 @@ std::string whyNotYet(const ServerAccess& access) {
         return launch->failure;
     }
     if (launch->running) {
-        return fmt::format("launched as process {}, and not yet answering", launch->pid);
+        return fmt::format("launched as process {}, but it does not respond yet", launch->pid);
     }
-    return fmt::format("{} was launched and ended at once{}{}", launch->executable,
-                       launch->standardErrorFile.empty() ? "" : "; what it printed is in ", launch->standardErrorFile);
+    return fmt::format("{} was launched and exited at once{}{}", launch->executable,
+                       launch->standardErrorFile.empty() ? "" : "; its output is in ", launch->standardErrorFile);
 }
 
-/// A registered process is one that others see in the server's status, and can cancel the work of. The client's runner
-/// registers it anyway, but only a second or two from now.
+/// A registered process appears in the server's status, where others can see it and cancel its work. The client's
+/// runner would register it too, but only a second or two from now.
 ExitStatus registerOurselves(const ServerAccess& access) {
     try {
         access.client->registerWithServer();
         return kDone;
     } catch (const krv::Exception& exception) {
-        fmt::print(stderr, "krvqt: the media server does not take us on: {}\n", exception.reason());
+        fmt::print(stderr, "krvqt: the media server refused to register this process: {}\n", exception.reason());
         return kNoServer;
     }
 }

@@ -9,24 +9,25 @@
 
 namespace krvqt {
 
-/// The way to the server.
+/// How a command reaches the media server.
 struct ServerAccess {
     std::shared_ptr<krv::HTTPServerDiscovery> discovery;
     std::shared_ptr<krv::KRVTransport> transport;
     std::shared_ptr<krv::KRVQTProcessOperations> client;
 
-    /// The application's shared client: it launches a server when none runs and repeats calls. On the main thread.
+    /// Uses the shared client, which launches a server if none is running and repeats failed calls. Call on the main
+    /// thread only.
     [[nodiscard]] static ServerAccess launching();
-    /// A client that only talks to a server that runs already.
+    /// Uses a client that only talks to a server that is already running.
     [[nodiscard]] static ServerAccess looking();
-    /// Which of the two.
+    /// Whether the client launches a server.
     bool launches = false;
 };
 
-/// Waits until a server answers, saying on standard error what it waits for and why. A client that launches none gives
-/// up at once when no server runs. Not on the main thread, whose run loop must turn meanwhile.
+/// Blocks until a server responds. Prints on standard error what it is waiting for. Returns at once if no server is
+/// running and the client does not launch one. Call on a second thread while the main thread runs the main run loop.
 ///
-/// kDone, kNoServer (and the reason has been printed), or kCancelled.
+/// Returns kDone, kNoServer with the reason printed, or kCancelled.
 [[nodiscard]] ExitStatus reachServer(const ServerAccess& access, const CommonOptions& common);
 
 }  // namespace krvqt

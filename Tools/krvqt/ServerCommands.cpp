@@ -14,7 +14,7 @@ namespace {
 
 using krv::KRVOperationBase;
 
-/// What the server tells at /status. Raises when it tells nothing.
+/// Returns the object that the server reports at /status. Throws if there is none.
 nlohmann::json statusPage(const ServerAccess& access) {
     constexpr std::chrono::seconds kTimeout{5};
     const auto response = krv::HTTPClient::shared().send(
@@ -28,7 +28,7 @@ nlohmann::json statusPage(const ServerAccess& access) {
     }
     if (!page.is_object() || !page.contains("clients")) {
         throw krv::Exception(std::string(krv::kHTTPServerNSURLConnectionError),
-                             response.error.value_or("what it tells of itself is no status"));
+                             response.error.value_or("its status page is not a status object"));
     }
     return page;
 }
@@ -42,7 +42,7 @@ ExitStatus withServer(const CommonOptions& common, const std::function<ExitStatu
         try {
             return work(access);
         } catch (const krv::Exception& exception) {
-            fmt::print(stderr, "krvqt: the media server does not answer: {}\n", exception.reason());
+            fmt::print(stderr, "krvqt: the media server does not respond: {}\n", exception.reason());
             return kNoServer;
         }
     });
@@ -77,13 +77,13 @@ ExitStatus showStatus(const CommonOptions& common) {
 
 ExitStatus cancelAll(const CommonOptions& common) {
     return withServer(common, [&common](const ServerAccess& access) {
-        // The operation cancels the work of one client, so it is sent in the name of each.
+        // The operation cancels the work of one client, so it is sent once on behalf of each.
         const auto page = statusPage(access);
         for (const auto& pid : page["clients"]) {
             const auto operation = KRVOperationBase::cancelAllOperationsOperation();
             operation->setRegInfoPID(pid.get<std::int64_t>());
             const auto error = sendRecord(access, operation)->error();
-            // One that has ended since has nothing left to cancel.
+            // A client that has exited since has nothing left to cancel.
             if (error && krv::KRVProcessMonitor::doesProcessExist(pid.get<std::int32_t>(), "")) {
                 fmt::print(stderr, "krvqt: {}\n", failureText(*error));
                 return kFailed;
@@ -99,13 +99,13 @@ ExitStatus cancelAll(const CommonOptions& common) {
 ExitStatus shutDown(const CommonOptions& common) {
     return withServer(common, [&common](const ServerAccess& access) {
         if (!access.client->queueShutdownOfCurrentServer()) {
-            fmt::print(stderr, "krvqt: the media server did not take the request to end\n");
+            fmt::print(stderr, "krvqt: the media server refused to shut down\n");
             return kFailed;
         }
         if (common.json) {
             fmt::print("{}\n", nlohmann::json{{"operation", "shutdown"}, {"status", "done"}}.dump());
         } else if (!common.quiet) {
-            fmt::print(stderr, "krvqt: the media server ends when it has finished what it is doing\n");
+            fmt::print(stderr, "krvqt: the media server exits when it has finished its work\n");
         }
         return kDone;
     });

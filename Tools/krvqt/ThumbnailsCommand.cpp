@@ -12,7 +12,7 @@
 namespace krvqt {
 namespace {
 
-/// "640x360"; either side may be 0 or missing.
+/// Parses "640x360". Either side may be 0 or missing. Returns nullopt for any other text.
 std::optional<krv::Size> sizeFrom(const std::string& text) {
     const auto cross = text.find_first_of("xX");
     if (cross == std::string::npos) {
@@ -35,7 +35,7 @@ std::optional<krv::Size> sizeFrom(const std::string& text) {
     return krv::Size{static_cast<double>(*width), static_cast<double>(*height)};
 }
 
-/// Whether pictures of an earlier run are in the way.
+/// Returns whether the folder holds thumbnails of an earlier run.
 bool holdsThumbnails(const std::string& folder) {
     std::error_code failure;
     return std::filesystem::exists(std::filesystem::path(folder) / "thumbnail-0001.jpg", failure);
@@ -54,13 +54,13 @@ ExitStatus makeThumbnails(const ThumbnailsOptions& options, const CommonOptions&
         return usage("--size takes a width and a height in pixels, such as 640x360 or 0x200");
     }
     if (options.count && *options.count < 1) {
-        return usage("--count takes a number of pictures, at least 1");
+        return usage("--count takes the number of thumbnails, at least 1");
     }
     if (!options.force && holdsThumbnails(folder)) {
-        return usage(fmt::format("{} holds thumbnails already; use --force to replace them", folder));
+        return usage(fmt::format("{} already contains thumbnails; use --force to replace them", folder));
     }
-    // The client's call tells neither what went wrong in the server nor which pictures were made.
-    std::shared_ptr<const krv::Array> pictures;
+    // The client's call returns neither the server's error nor the list of thumbnails.
+    std::shared_ptr<const krv::Array> thumbnails;
     const auto call = [&](const ServerAccess& access, const auto& progress, krv::ErrorOut error) {
         const auto record = krv::KRVOperationBase::createThumbnailsForVideo(movie, folder, *size);
         if (options.count) {
@@ -68,12 +68,13 @@ ExitStatus makeThumbnails(const ThumbnailsOptions& options, const CommonOptions&
         }
         const auto finished = runRecord(access, record, progress, error);
         const auto result = finished ? finished->result() : nullptr;
-        pictures = result ? (*result)["thumbnails"].array() : nullptr;
+        thumbnails = result ? (*result)[krv::kResultThumbnails].array() : nullptr;
     };
     const auto each = [&](const auto& use) {
-        for (std::size_t i = 0; pictures && i < pictures->size(); ++i) {
-            if (const auto picture = (*pictures)[i].dictionary()) {
-                use((*picture)["path"].stringValue(), (*picture)["time"].doubleValue());
+        for (std::size_t i = 0; thumbnails && i < thumbnails->size(); ++i) {
+            if (const auto thumbnail = (*thumbnails)[i].dictionary()) {
+                use((*thumbnail)[krv::kResultThumbnailPath].stringValue(),
+                    (*thumbnail)[krv::kResultThumbnailTime].doubleValue());
             }
         }
     };

@@ -1,4 +1,4 @@
-// krvqt, the command-line client: takes the command line apart and hands over to the command.
+// krvqt, the command-line client: parses the command line and runs the command.
 #include <algorithm>
 #include <functional>
 #include <map>
@@ -18,8 +18,8 @@ namespace {
 
 using namespace krvqt;
 
-/// How long the server may take to answer a wish to cancel.
-constexpr std::chrono::seconds kPatience{5};
+/// How long the server may take to confirm a cancellation.
+constexpr std::chrono::seconds kCancellationTimeout{5};
 
 void addTrackOptions(CLI::App& command, const std::string& which, TrackOptions& options) {
     command.add_option("--" + which + "-codec", options.codec, "four-character code of the codec, such as avc1")
@@ -33,12 +33,12 @@ void addTrackOptions(CLI::App& command, const std::string& which, TrackOptions& 
 void addConvert(CLI::App& app, ConvertOptions& options) {
     CLI::App& command = *app.add_subcommand("convert", "convert a movie");
     command.add_option("source", options.source, "the movie to read")->required()->type_name("SOURCE");
-    command.add_option("destination", options.destination, "the file to write; its ending decides the container")
+    command.add_option("destination", options.destination, "the file to write; its extension decides the container")
         ->required()
         ->type_name("DESTINATION");
-    command.add_option("--type", options.type, "an encoding type by name or number, see 'krvqt types'")
+    command.add_option("--type", options.type, "encoding type by name or number; 'krvqt types' lists them")
         ->type_name("NAME|NUMBER");
-    command.add_flag("--flatten", options.flatten, "copy every track into one file with its index in front");
+    command.add_flag("--flatten", options.flatten, "copy every track, with the index at the start of the file");
     command.add_flag("--force", options.force, "replace an existing destination");
     command.add_option("--fps", options.fps, "frames per second; 0 keeps the source's own timing")->type_name("F");
     addTrackOptions(command, "video", options.video);
@@ -50,52 +50,50 @@ void addForce(CLI::App& command, bool& force) {
 }
 
 void addThumbnails(CLI::App& app, ThumbnailsOptions& options) {
-    CLI::App& command = *app.add_subcommand("thumbnails", "make pictures that are spread evenly over a movie");
+    CLI::App& command = *app.add_subcommand("thumbnails", "make pictures spread evenly over a movie");
     command.add_option("movie", options.movie, "the movie to read")->required()->type_name("MOVIE");
-    command.add_option("folder", options.folder, "where thumbnail-0001.jpg and so on are put; made if it is missing")
+    command.add_option("folder", options.folder, "the folder for thumbnail-0001.jpg and so on; created if missing")
         ->required()
         ->type_name("FOLDER");
-    command.add_option("--size", options.size, "the box they are fitted into, in pixels; a side of 0 is free")
-        ->type_name("WxH");
-    command.add_option("--count", options.count, "how many (12)")->type_name("N");
+    command.add_option("--size", options.size, "largest size in pixels; a side of 0 is unlimited")->type_name("WxH");
+    command.add_option("--count", options.count, "number of thumbnails (12)")->type_name("N");
     addForce(command, options.force);
 }
 
 void addInfo(CLI::App& app, InfoOptions& options) {
-    CLI::App& command = *app.add_subcommand("info", "what movies are");
-    command.add_option("movies", options.movies, "the movies to look at")->required()->type_name("MOVIE...");
-    command.add_option("--poster", options.poster, "where to put the poster picture, as JPEG")->type_name("FILE");
+    CLI::App& command = *app.add_subcommand("info", "describe movies");
+    command.add_option("movies", options.movies, "the movies to read")->required()->type_name("MOVIE...");
+    command.add_option("--poster", options.poster, "the JPEG file to write the poster to")->type_name("FILE");
     addForce(command, options.force);
 }
 
 void addMux(CLI::App& app, MuxOptions& options) {
-    CLI::App& command = *app.add_subcommand("mux", "copy a movie with its sound mixed down to stereo");
+    CLI::App& command = *app.add_subcommand("mux", "copy a movie with its audio mixed down to stereo");
     command.add_option("source", options.source, "the movie to read")->required()->type_name("SOURCE");
     command.add_option("destination", options.destination, "the file to write")->required()->type_name("DESTINATION");
     addForce(command, options.force);
 }
 
 void addMerge(CLI::App& app, MergeOptions& options) {
-    CLI::App& command = *app.add_subcommand("merge", "put movies one after another");
-    command.add_option("files", options.files, "the movies to read in order, and last the file to write")
+    CLI::App& command = *app.add_subcommand("merge", "join movies one after another");
+    command.add_option("files", options.files, "the movies to read, in order, then the file to write")
         ->required()
         ->type_name("SOURCE... DESTINATION");
-    command.add_flag("--shortest", options.shortest,
-                     "let each movie end with its shortest track, not with its longest");
+    command.add_flag("--shortest", options.shortest, "end each movie with its shortest track, not its longest");
     addForce(command, options.force);
 }
 
 void addTimes(CLI::App& app, TimesOptions& options) {
-    CLI::App& command = *app.add_subcommand("times", "where a person would want to seek in a movie, in seconds");
-    command.add_option("movie", options.movie, "the movie to look at")->required()->type_name("MOVIE");
-    command.add_option("--track", options.track, "only of the track with this index, the first being 0")
+    CLI::App& command = *app.add_subcommand("times", "list the times in seconds that are worth seeking to");
+    command.add_option("movie", options.movie, "the movie to read")->required()->type_name("MOVIE");
+    command.add_option("--track", options.track, "index of a track, from 0; lists the times of that track only")
         ->type_name("N");
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    Interruption::watch(kPatience);
+    Interruption::watch(kCancellationTimeout);
     krv::Bundle::setApplicationIdentifier("krvqt");
     krv::applyLoggingDefaults();
 
@@ -113,9 +111,9 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     app.fallthrough();
     app.set_version_flag("--version", std::string(krv::libraryVersion()));
-    app.add_flag("--json", common.json, "one JSON object for each result");
-    app.add_flag("--quiet", common.quiet, "no progress, only results and errors");
-    app.add_option("--wait", wait, "how long to wait for a server")
+    app.add_flag("--json", common.json, "print one JSON object per result");
+    app.add_flag("--quiet", common.quiet, "print results and errors only, no progress");
+    app.add_option("--wait", wait, "how long to wait for the media server")
         ->type_name("SECONDS")
         ->check(CLI::Range(0.0, 86400.0))
         ->capture_default_str();
@@ -125,17 +123,17 @@ int main(int argc, char** argv) {
     addMux(app, muxOptions);
     addMerge(app, mergeOptions);
     addTimes(app, timesOptions);
-    app.add_subcommand("status", "what the media server is doing");
+    app.add_subcommand("status", "show what the media server is doing");
     app.add_subcommand("cancel-all", "cancel every operation of this user's applications");
-    app.add_subcommand("shutdown", "end the media server when it has finished what it is doing");
+    app.add_subcommand("shutdown", "shut down the media server when it has finished its work");
     app.add_subcommand("record", "print an archived operation record")
-        ->add_option("file", recordFile, "the file, - for standard input")
+        ->add_option("file", recordFile, "the file to read; - is standard input")
         ->required()
         ->type_name("FILE");
-    app.add_subcommand("types", "the encoding types and what they mean");
+    app.add_subcommand("types", "list the encoding types and what they mean");
 
     auto arguments = withoutUserDefaults({argv + 1, argv + argc});
-    std::reverse(arguments.begin(), arguments.end());  // CLI11 takes them last first
+    std::reverse(arguments.begin(), arguments.end());  // CLI11 expects them in reverse order
     try {
         app.parse(std::move(arguments));
     } catch (const CLI::ParseError& problem) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -27,6 +28,7 @@
 #include "ChildProcess.h"
 #include "FixedPort.h"
 #include "TemporaryFolder.h"
+#include "WaitUntil.h"
 
 namespace krv::server {
 
@@ -35,6 +37,7 @@ using namespace std::chrono_literals;
 using R = KRVOperationBase;
 using test::ChildProcess;
 using test::FixedPort;
+using test::waitUntil;
 
 class Observer final : public OperationProgress {
 public:
@@ -65,14 +68,16 @@ protected:
         arguments.insert(arguments.end(), more.begin(), more.end());
         process = std::make_unique<ChildProcess>(arguments);
         // It serves as soon as its port answers with its own process id.
-        for (port = 0; port == 0;) {
+        port = 0;
+        waitUntil([&] {
             for (int candidate = first; candidate <= first + 5 && port == 0; ++candidate) {
                 const auto status = statusAt(candidate);
                 if (status.is_object() && status["pid"] == process->pid()) {
                     port = candidate;
                 }
             }
-        }
+            return port != 0;
+        });
         transport = std::make_shared<KRVHTTPClientTransport>(std::make_shared<FixedPort>(port));
         client = std::make_unique<KRVQuicktimeProcessClient>(transport);
     }
@@ -161,13 +166,14 @@ protected:
     }
     /// The worker that has a movie of the tests open; waits until there is one.
     pid_t worker() const {
-        for (;;) {
-            for (const pid_t pid : workers()) {
-                if (holdsMovie(pid)) {
-                    return pid;
-                }
-            }
-        }
+        pid_t found = 0;
+        waitUntil([&] {
+            const auto pids = workers();
+            const auto holder = std::find_if(pids.begin(), pids.end(), holdsMovie);
+            found = holder == pids.end() ? 0 : *holder;
+            return found != 0;
+        });
+        return found;
     }
     static bool holdsMovie(pid_t pid) {
         std::error_code failure;

@@ -83,8 +83,7 @@ TEST_F(Inspection, ThumbnailsThatAreCancelledLeaveNoFolder) {
     (void)TransportInvocation::invocationWith(request)->invokeOverTransportGetProgressWaitToComplete(transport, &error,
                                                                                                      60);
     EXPECT_TRUE(request->cancelled());
-    while (status()["running"] != 0) {
-    }
+    waitUntil([this] { return status()["running"] == 0; });
     EXPECT_EQ(filesInOut(), 0U);
 }
 
@@ -131,8 +130,7 @@ TEST_F(Inspection, AMovieIsDescribedWhileTheLanesAreFullOfConversions) {
     EXPECT_EQ(now["running"].get<int>() + now["queued"].get<int>(), conversions) << now;
     EXPECT_GE(now["queued"].get<int>(), 2);
     (void)ask(R::cancelAllOperationsOperation());
-    while (status()["running"] != 0) {
-    }
+    waitUntil([this] { return status()["running"] == 0; });
     EXPECT_EQ(filesInOut(), 0U);
 }
 

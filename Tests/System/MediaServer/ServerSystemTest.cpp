@@ -115,8 +115,7 @@ TEST_F(Server, AClientThatDiesIsForgotten) {
     const auto id = ask(work)->uniqueID();
     mortal.signal(SIGKILL);
     mortal.wait();
-    while (!status()["clients"].empty()) {
-    }
+    waitUntil([this] { return status()["clients"].empty(); });
     EXPECT_EQ(ask(R::progressAndCompletionOperation(id))->error()->code(), 2);
 }
 

@@ -136,8 +136,7 @@ TEST_F(WorkerDeath, AtAnyStageCostsItsOwnOperationAtMost) {
         EXPECT_EQ(filesInOut(), 2U) << what;
         fs::remove(out("companion.mp4"));
         // Dead ones are replaced, and nobody is left over.
-        while (workers().size() != 2) {
-        }
+        waitUntil([this] { return workers().size() == 2; });
         ASSERT_EQ(status()["pid"], process->pid()) << what;
     }
     std::cout << "[ measured ] " << count << " kills: " << killed << " failed, " << cancelled << " cancelled, "

@@ -178,8 +178,7 @@ TEST_F(Server, ACancelledConversionLeavesNothing) {
     std::shared_ptr<const Error> error;
     client->convertMovie(source, out(), 1, false, observer, &error);
     EXPECT_EQ(error, nullptr);
-    while (status()["running"] != 0) {
-    }
+    waitUntil([this] { return status()["running"] == 0; });
     std::ifstream in(out());
     EXPECT_EQ((std::string{std::istreambuf_iterator<char>(in), {}}), "old");
     EXPECT_EQ(filesInOut(), 1U);
@@ -213,8 +212,7 @@ TEST_F(Server, AServerThatIsKilledTakesItsWorkersAlongAndLeavesNothing) {
     });
     EXPECT_THROW(convert(source, out()), Exception);
     killer.join();
-    while (::kill(workerPid, 0) == 0 && ProcessTable::system().process(workerPid)) {
-    }
+    waitUntil([&] { return ::kill(workerPid, 0) != 0 || !ProcessTable::system().process(workerPid); });
     EXPECT_EQ(filesInOut(), 0U);
 }
 

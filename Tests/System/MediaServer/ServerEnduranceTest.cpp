@@ -160,8 +160,7 @@ TEST_F(Endurance, AFolderThatGoesInMidWorkIsErrorFive) {
 
 TEST_F(Endurance, AWorkerThatWaitsAndIsKilledIsMissedByNobody) {
     start();
-    while (workers().empty()) {
-    }
+    waitUntil([this] { return !workers().empty(); });
     for (const pid_t pid : workers()) {
         ::kill(pid, SIGKILL);
     }
@@ -170,14 +169,12 @@ TEST_F(Endurance, AWorkerThatWaitsAndIsKilledIsMissedByNobody) {
 
 TEST_F(Endurance, AServerThatIsKilledTakesWaitingWorkersAlong) {
     start();
-    while (workers().size() < 2) {
-    }
+    waitUntil([this] { return workers().size() >= 2; });
     const auto waiting = workers();
     process->signal(SIGKILL);
     process->wait();
     for (const pid_t pid : waiting) {
-        while (lives(pid)) {
-        }
+        waitUntil([pid] { return !lives(pid); });
     }
 }
 
@@ -199,12 +196,13 @@ TEST_F(Endurance, IdleServerAndPoolTakeLessThanFortyMegabytes) {
     };
     // A worker that is still starting has not given back yet what only its start needs.
     long total = 0;
-    do {
+    waitUntil([&] {
         total = proportional(process->pid());
         for (const pid_t pid : workers()) {
             total += proportional(pid);
         }
-    } while (workers().size() != 2 || total >= 40'000);
+        return workers().size() == 2 && total < 40'000;
+    });
     std::cout << "[ measured ] " << total << " kB\n";
     EXPECT_GT(total, 1000);
     EXPECT_LT(total, 40'000);
