@@ -30,14 +30,16 @@ public:
             checkRange("quality", request.video->quality, 0, 1);
             checkRange("frame rate", request.video->fps, kSlowest, kFastest);
             videoSettings_ = parseSettings(request.video->settings, AVMEDIA_TYPE_VIDEO);
-            if (request.video->codec != 0)
+            if (request.video->codec != 0) {
                 (void)codecForFourCC(request.video->codec, AVMEDIA_TYPE_VIDEO);
+            }
         }
         if (request.audio) {
             checkRange("quality", request.audio->quality, 0, 1);
             audioSettings_ = parseSettings(request.audio->settings, AVMEDIA_TYPE_AUDIO);
-            if (request.audio->codec != 0)
+            if (request.audio->codec != 0) {
                 (void)codecForFourCC(request.audio->codec, AVMEDIA_TYPE_AUDIO);
+            }
         }
     }
 
@@ -60,11 +62,12 @@ public:
 private:
     std::unique_ptr<Track> makeTranscoder(const Source& source, const StreamPlan& plan) const {
         const AVStream& from = source.stream(plan.index);
-        if (plan.codec->type == AVMEDIA_TYPE_VIDEO)
+        if (plan.codec->type == AVMEDIA_TYPE_VIDEO) {
             return std::make_unique<VideoTranscoder>(
                 source, from,
                 VideoTranscoder::Request{*plan.codec, request_.video ? request_.video->quality : 0,
                                          request_.video ? request_.video->fps : 0, videoSettings_});
+        }
         return std::make_unique<AudioTranscoder>(
             source, from,
             AudioTranscoder::Request{*plan.codec, request_.audio ? request_.audio->quality : 0, audioSettings_});

@@ -30,16 +30,20 @@ public:
         , readers_(std::min(static_cast<std::size_t>(coreCount()), pictures_.size())) {}
 
     std::vector<Thumbnail> run() {
-        if (ftruncate(request_.destination, 0) != 0)
+        if (ftruncate(request_.destination, 0) != 0) {
             throw Failure(FailureCode::UnwritableDestination, std::strerror(errno));
+        }
         std::vector<std::thread> others;
-        for (std::size_t i = 1; i < readers_; ++i)
+        for (std::size_t i = 1; i < readers_; ++i) {
             others.emplace_back([this, i] { readPart(i); });
+        }
         readPart(0);
-        for (std::thread& other : others)
+        for (std::thread& other : others) {
             other.join();
-        if (failure_)
+        }
+        if (failure_) {
             std::rethrow_exception(failure_);
+        }
         progress_.finish();
         return std::move(pictures_);
     }
@@ -66,12 +70,14 @@ private:
             Source source(request_.source, request_.sourcePath, progress);
             PictureReader reader(source);
             const std::size_t end = (part + 1) * pictures_.size() / readers_;
-            for (std::size_t i = part * pictures_.size() / readers_; i < end && !failed_; ++i)
+            for (std::size_t i = part * pictures_.size() / readers_; i < end && !failed_; ++i) {
                 make(reader, i);
+            }
         } catch (...) {
             const std::lock_guard lock(mutex_);
-            if (!failure_)
+            if (!failure_) {
                 failure_ = std::current_exception();
+            }
             failed_ = true;
         }
     }
@@ -81,8 +87,9 @@ private:
         const double middle = (static_cast<double>(i) + 0.5) / count;
         const auto time = reader.source().start() + std::llround(middle * static_cast<double>(reader.duration()));
         FramePtr frame = reader.shownAt(time);
-        if (!frame)
+        if (!frame) {
             fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "No picture of it can be decoded");
+        }
         store(i, time, encodeJPEG(reader.stream(), std::move(frame), request_.width, request_.height));
     }
 
@@ -92,10 +99,12 @@ private:
         for (std::int64_t written = 0; written < length;) {
             const ssize_t put = pwrite(request_.destination, picture.data() + written,
                                        static_cast<std::size_t>(length - written), size_ + written);
-            if (put < 0 && errno == EINTR)
+            if (put < 0 && errno == EINTR) {
                 continue;
-            if (put <= 0)
+            }
+            if (put <= 0) {
                 throw Failure(FailureCode::UnwritableDestination, std::strerror(put < 0 ? errno : ENOSPC));
+            }
             written += put;
         }
         pictures_[i] = {static_cast<double>(time) / AV_TIME_BASE, size_, length};

@@ -33,16 +33,20 @@ void SoundSum::finish(std::size_t track, const Sink& sink) {
 
 void SoundSum::give(const Sink& sink) {
     std::int64_t furthest = 0;
-    for (const Input& input : inputs_)
+    for (const Input& input : inputs_) {
         furthest = std::max(furthest, input.length);
+    }
     std::int64_t complete = furthest;
-    for (const Input& input : inputs_)
-        if (!input.finished)
+    for (const Input& input : inputs_) {
+        if (!input.finished) {
             complete = std::min(complete, input.length);
+        }
+    }
     complete = std::max(complete, furthest - mostHeld_);
     const auto ready = static_cast<std::ptrdiff_t>(complete - given_);
-    if (ready <= 0)
+    if (ready <= 0) {
         return;
+    }
     const auto count = static_cast<std::size_t>(ready);
     sink(std::span(left_).first(count), std::span(right_).first(count));
     left_.erase(left_.begin(), left_.begin() + ready);

@@ -79,8 +79,9 @@ std::vector<double> stereoMatrix(const AVChannelLayout& layout) {
 }
 
 bool isStereo(const AVChannelLayout& layout) {
-    if (layout.nb_channels != 2)
+    if (layout.nb_channels != 2) {
         return false;
+    }
     return layout.order == AV_CHANNEL_ORDER_UNSPEC || stereoMatrix(layout) == std::vector<double>{1, 0, 0, 1};
 }
 

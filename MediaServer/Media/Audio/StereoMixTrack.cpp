@@ -42,8 +42,9 @@ StereoMixTrack::StereoMixTrack(const Source& source, const std::vector<const AVS
     : source_(source)
     , codec_(codec)
     , settings_(stereoSettings(codec)) {
-    for (const AVStream* stream : from)
+    for (const AVStream* stream : from) {
         voices_.push_back(std::make_unique<Voice>(*stream));
+    }
 }
 
 void StereoMixTrack::open(OutputFile& output) {
@@ -70,11 +71,13 @@ void StereoMixTrack::prepare(AVCodecContext& context) const {
 }
 
 void StereoMixTrack::push(const AVPacket& packet) {
-    for (std::size_t i = 0; i < voices_.size(); ++i)
-        if (Voice& voice = *voices_[i]; voice.from.index == packet.stream_index)
+    for (std::size_t i = 0; i < voices_.size(); ++i) {
+        if (Voice& voice = *voices_[i]; voice.from.index == packet.stream_index) {
             voice.decoder.push(packet, [&](FramePtr frame) {
                 voice.resampler->push(*frame, [this, i](FramePtr ready) { add(i, *ready); });
             });
+        }
+    }
 }
 
 void StereoMixTrack::add(std::size_t voice, const AVFrame& frame) {
@@ -92,8 +95,9 @@ void StereoMixTrack::encode(std::span<const float> left, std::span<const float> 
     frame->sample_rate = encoder_->context().sample_rate;
     frame->ch_layout = kStereo;
     frame->pts = encoded_;
-    if (av_frame_get_buffer(frame.get(), 0) < 0)
+    if (av_frame_get_buffer(frame.get(), 0) < 0) {
         throw std::bad_alloc();
+    }
     std::copy(left.begin(), left.end(), reinterpret_cast<float*>(frame->extended_data[0]));
     std::copy(right.begin(), right.end(), reinterpret_cast<float*>(frame->extended_data[1]));
     encoded_ += frame->nb_samples;

@@ -69,16 +69,20 @@ FramePtr firstPicture(Source& source, std::size_t index) {
     Decoder decoder(source.stream(index));
     FramePtr first;
     const auto take = [&](FramePtr frame) {
-        if (!first)
+        if (!first) {
             first = std::move(frame);
+        }
     };
     const PacketPtr packet = newPacket();
-    while (!first && source.read(*packet))
+    while (!first && source.read(*packet)) {
         decoder.push(*packet, take);
-    if (!first)
+    }
+    if (!first) {
         decoder.finish(take);
-    if (!first)
+    }
+    if (!first) {
         fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "Its pictures cannot be decoded");
+    }
     return first;
 }
 
@@ -90,24 +94,29 @@ public:
         , container_(containerForPath(request.destinationPath)) {}
 
     void run() {
-        if (request_.sources.empty())
+        if (request_.sources.empty()) {
             throw Failure(FailureCode::BadArgument, "There are no sources.");
+        }
         surveyAll();
         plan_ = planMerge(surveys_, container_, request_.useShortest);
         OutputFile output(request_.destination, container_, progress_);
         describe(output);
         makeLanes();
-        for (const auto& lane : lanes_)
+        for (const auto& lane : lanes_) {
             lane->open(output);
+        }
         output.writeHeader();
         progress_.beginPhase(plan_.encodes() || !container_.indexInFront ? kEncoded : kCopied);
-        for (at_ = 0; at_ < surveys_.size(); ++at_)
+        for (at_ = 0; at_ < surveys_.size(); ++at_) {
             append();
+        }
         at_ = 0;
-        for (const auto& lane : lanes_)
+        for (const auto& lane : lanes_) {
             lane->finish();
-        if (output.packetCount() == 0)
+        }
+        if (output.packetCount() == 0) {
             fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "Nothing in it can be decoded");
+        }
         progress_.beginPhase(1);
         output.finish();
         progress_.finish();
@@ -140,22 +149,26 @@ private:
     void keepSharedTags(const Source& source) {
         AVDict own;
         copyTags(source.format().metadata, own.address());
-        if (at_ == 0)
+        if (at_ == 0) {
             return copyTags(own.get(), tags_.address());
+        }
         AVDict shared;
         const AVDictionaryEntry* entry = nullptr;
-        while ((entry = av_dict_get(tags_.get(), "", entry, AV_DICT_IGNORE_SUFFIX)))
-            if (const char* value = own.get(entry->key); value && std::string_view(value) == entry->value)
+        while ((entry = av_dict_get(tags_.get(), "", entry, AV_DICT_IGNORE_SUFFIX))) {
+            if (const char* value = own.get(entry->key); value && std::string_view(value) == entry->value) {
                 shared.set(entry->key, value);
+            }
+        }
         std::swap(*tags_.address(), *shared.address());
     }
 
     void describe(OutputFile& output) const {
         copyTags(tags_.get(), &output.format().metadata);
         std::vector<Chapter> chapters;
-        for (std::size_t i = 0; i < surveys_.size(); ++i)
+        for (std::size_t i = 0; i < surveys_.size(); ++i) {
             chapters.push_back(
                 {plan_.boundary(i), surveys_[i].title.empty() ? nameOf(request_.sources[i].path) : surveys_[i].title});
+        }
         addChapters(chapters, plan_.boundary(surveys_.size()), output);
     }
 
@@ -164,17 +177,19 @@ private:
         for (const MergeTrack& track : plan_.tracks) {
             at_ = track.model;
             auto& model = models_[track.model];
-            if (!model)
+            if (!model) {
                 model = open(track.model);
+            }
             const std::size_t index = track.parts[track.model]->index;
             const AVStream& stream = model->stream(index);
-            if (!track.codec)
+            if (!track.codec) {
                 lanes_.push_back(std::make_unique<MergeCopyLane>(stream));
-            else if (track.kind == AVMEDIA_TYPE_VIDEO)
+            } else if (track.kind == AVMEDIA_TYPE_VIDEO) {
                 lanes_.push_back(std::make_unique<MergePictureLane>(
                     MergePictureLane::Model{stream, firstPicture(*model, index), plan_.tick, end}, *track.codec));
-            else
+            } else {
                 lanes_.push_back(std::make_unique<MergeSoundLane>(stream, *track.codec, end));
+            }
         }
     }
 
@@ -205,36 +220,43 @@ private:
         source->select(read);
         std::vector<bool> done(lanes_.size());
         std::vector<std::int64_t> left;
-        for (const MergeTrack& track : plan_.tracks)
+        for (const MergeTrack& track : plan_.tracks) {
             left.push_back(track.parts[at_] ? track.parts[at_]->packets : 0);
+        }
         const PacketPtr packet = newPacket();
         while (!allDone(done) && source->read(*packet)) {
             const std::size_t lane = laneOf.at(packet->stream_index);
             const std::int64_t time = timeOf(*packet, *source);
-            if (time > plan_.boundary(at_ + 1) - plan_.boundary(at_) + kInterleaving)
+            if (time > plan_.boundary(at_ + 1) - plan_.boundary(at_) + kInterleaving) {
                 done[lane] = true;
-            if (!done[lane])
+            }
+            if (!done[lane]) {
                 lanes_[lane]->push(*packet);
+            }
             --left[lane];
             fillEnded(left, time);
             const double position = plan_.encodes() ? source->position() : source->bytePosition();
             progress_.reach((before + weight(at_) * std::clamp(position, 0.0, 1.0)) / std::max(all, 1.0));
         }
-        for (const auto& lane : lanes_)
+        for (const auto& lane : lanes_) {
             lane->end();
+        }
         progress_.reach((before + weight(at_)) / std::max(all, 1.0));
     }
 
     [[nodiscard]] bool allDone(const std::vector<bool>& done) const {
-        for (std::size_t i = 0; i < done.size(); ++i)
-            if (plan_.tracks[i].parts[at_] && !done[i])
+        for (std::size_t i = 0; i < done.size(); ++i) {
+            if (plan_.tracks[i].parts[at_] && !done[i]) {
                 return false;
+            }
+        }
         return true;
     }
 
     [[nodiscard]] static std::int64_t timeOf(const AVPacket& packet, const Source& source) {
-        if (packet.dts == AV_NOPTS_VALUE)
+        if (packet.dts == AV_NOPTS_VALUE) {
             return 0;
+        }
         const AVStream& stream = source.stream(static_cast<std::size_t>(packet.stream_index));
         return av_rescale_q(packet.dts, stream.time_base, kMicroseconds);
     }
@@ -244,8 +266,9 @@ private:
     void fillEnded(const std::vector<std::int64_t>& left, std::int64_t time) {
         for (std::size_t i = 0; i < lanes_.size(); ++i) {
             const TrackSurvey* track = plan_.tracks[i].parts[at_];
-            if (left[i] <= 0 && time > (track ? track->end : 0) + kInterleaving)
+            if (left[i] <= 0 && time > (track ? track->end : 0) + kInterleaving) {
                 lanes_[i]->hold(plan_.boundary(at_) + time - kInterleaving);
+            }
         }
     }
 

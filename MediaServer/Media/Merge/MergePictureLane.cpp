@@ -25,8 +25,9 @@ void MergePictureLane::open(OutputFile& output) {
         describe(format_, context);
         context.framerate = rate;
         context.time_base = av_inv_q(rate);
-        if (!format_.toneMapped)
+        if (!format_.toneMapped) {
             HDRMetadata(model_.stream, *model_.picture).describeTo(context);
+        }
     });
     const std::int64_t shown = std::max<std::int64_t>(1, av_rescale_q(1, model_.tick, kMicroseconds));
     timer_.emplace(FrameTimer::Timing{kMicroseconds, encoder_->context().time_base, true, shown, model_.end});
@@ -34,8 +35,9 @@ void MergePictureLane::open(OutputFile& output) {
     to.avg_frame_rate = rate;
     copyTrackMetadata(model_.stream, to, output.container());
     copyPictureSideData(model_.stream, to, false);
-    if (!format_.toneMapped)
+    if (!format_.toneMapped) {
         HDRMetadata(model_.stream, *model_.picture).describeTo(to);
+    }
 }
 
 void MergePictureLane::begin(const MergePart& part) {
@@ -44,26 +46,30 @@ void MergePictureLane::begin(const MergePart& part) {
     latest_.reset();
     decoder_.reset();
     filter_.reset();
-    if (part.from)
+    if (part.from) {
         decoder_.emplace(*part.from);
+    }
 }
 
 void MergePictureLane::push(const AVPacket& packet) {
-    if (!decoder_)
+    if (!decoder_) {
         return;
+    }
     fed_ = true;
     decoder_->push(packet, [this](FramePtr frame) { convert(std::move(frame)); });
 }
 
 void MergePictureLane::convert(FramePtr frame) {
-    if (const AVRational shape = part_.from->sample_aspect_ratio; shape.num > 0 && shape.den > 0)
+    if (const AVRational shape = part_.from->sample_aspect_ratio; shape.num > 0 && shape.den > 0) {
         frame->sample_aspect_ratio = shape;
+    }
     if (!filter_) {
         PictureFormat format = format_;
         turnUpright(format, *part_.from);
         format.toneMapped = isHDR(frame->color_trc) && !isHDR(format_.transfer);
-        if (format.toneMapped)
+        if (format.toneMapped) {
             format.peakLuminance = HDRMetadata(*part_.from, *frame).peakLuminance();
+        }
         filter_.emplace(format, part_.from->time_base);
     }
     filter_->push(std::move(frame), [this](FramePtr ready) { place(std::move(ready)); });
@@ -72,13 +78,16 @@ void MergePictureLane::convert(FramePtr frame) {
 void MergePictureLane::place(FramePtr picture) {
     const std::int64_t tick = av_rescale_q(1, model_.tick, kMicroseconds);
     std::int64_t time = latest_ ? latest_->pts + tick : part_.start;
-    if (picture->pts != AV_NOPTS_VALUE)
+    if (picture->pts != AV_NOPTS_VALUE) {
         time = part_.start + av_rescale_q(picture->pts, part_.from->time_base, kMicroseconds);
-    if (time >= part_.end || time < part_.start - tick / 2)
+    }
+    if (time >= part_.end || time < part_.start - tick / 2) {
         return;
+    }
     // Until its first picture comes a source does not show the last one of the source before it.
-    if (!latest_)
+    if (!latest_) {
         show(*picture, part_.start);
+    }
     latest_ = std::move(picture);
     latest_->pts = std::max(time, part_.start);
     show(*latest_, latest_->pts);
@@ -107,17 +116,20 @@ void MergePictureLane::hold(std::int64_t time) {
 
 void MergePictureLane::end() {
     drain();
-    if (fed_ && !latest_)
+    if (fed_ && !latest_) {
         fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "Its pictures cannot be decoded");
+    }
     hold(part_.end);
 }
 
 void MergePictureLane::drain() {
-    if (!decoder_)
+    if (!decoder_) {
         return;
+    }
     decoder_->finish([this](FramePtr frame) { convert(std::move(frame)); });
-    if (filter_)
+    if (filter_) {
         filter_->finish([this](FramePtr ready) { place(std::move(ready)); });
+    }
     decoder_.reset();
 }
 
@@ -140,8 +152,9 @@ FramePtr MergePictureLane::black() const {
     frame->color_range = format_.range;
     frame->sample_aspect_ratio = format_.sampleAspect;
     frame->pts = part_.start;
-    if (av_frame_get_buffer(frame.get(), 0) < 0)
+    if (av_frame_get_buffer(frame.get(), 0) < 0) {
         throw std::bad_alloc();
+    }
     const std::ptrdiff_t strides[4]{frame->linesize[0], frame->linesize[1], frame->linesize[2], frame->linesize[3]};
     av_image_fill_black(frame->data, strides, format_.pixels, format_.range, frame->width, frame->height);
     return frame;

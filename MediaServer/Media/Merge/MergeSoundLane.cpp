@@ -27,37 +27,42 @@ void MergeSoundLane::begin(const MergePart& part) {
     part_ = part;
     fed_ = decoded_ = false;
     decoder_.reset();
-    if (part.from)
+    if (part.from) {
         decoder_.emplace(*part.from);
+    }
     resampler_->cutAt(sampleAt(part.end));
 }
 
 void MergeSoundLane::push(const AVPacket& packet) {
-    if (!decoder_)
+    if (!decoder_) {
         return;
+    }
     fed_ = true;
     decoder_->push(packet, [this](FramePtr frame) { place(std::move(frame)); });
 }
 
 void MergeSoundLane::place(FramePtr frame) {
     decoded_ = true;
-    if (frame->pts != AV_NOPTS_VALUE)
+    if (frame->pts != AV_NOPTS_VALUE) {
         frame->pts = sampleAt(part_.start) +
                      av_rescale_q(frame->pts, part_.from->time_base, AVRational{1, encoder_->context().sample_rate});
+    }
     resampler_->push(*frame, [this](FramePtr ready) { encode(std::move(ready)); });
 }
 
 void MergeSoundLane::hold(std::int64_t time) {
-    if (decoder_)
+    if (decoder_) {
         decoder_->finish([this](FramePtr frame) { place(std::move(frame)); });
+    }
     decoder_.reset();
     resampler_->fillTo(sampleAt(std::min(time, part_.end)), [this](FramePtr ready) { encode(std::move(ready)); });
 }
 
 void MergeSoundLane::end() {
     hold(part_.end);
-    if (fed_ && !decoded_)
+    if (fed_ && !decoded_) {
         fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "Its sound cannot be decoded");
+    }
 }
 
 void MergeSoundLane::finish() {

@@ -53,16 +53,19 @@ bool hasAlpha(AVPixelFormat format) {
 AVPixelFormat choosePixels(const PictureRequest& request) {
     const auto source = static_cast<AVPixelFormat>(request.frame.format);
     if (!request.settings.pixelFormat) {
-        if (hasAlpha(source) && request.codec.alphaPixelFormat != AV_PIX_FMT_NONE)
+        if (hasAlpha(source) && request.codec.alphaPixelFormat != AV_PIX_FMT_NONE) {
             return request.codec.alphaPixelFormat;
+        }
         return request.codec.pixelFormats[depth(source) > 8 ? 1 : 0];
     }
     const AVPixelFormat asked = *request.settings.pixelFormat;
     for (const char* name : request.codec.encoders) {
         const AVCodec* encoder = name ? avcodec_find_encoder_by_name(name) : nullptr;
-        for (const auto* one = encoder ? encoder->pix_fmts : nullptr; one && *one != AV_PIX_FMT_NONE; ++one)
-            if (*one == asked)
+        for (const auto* one = encoder ? encoder->pix_fmts : nullptr; one && *one != AV_PIX_FMT_NONE; ++one) {
+            if (*one == asked) {
                 return asked;
+            }
+        }
     }
     throw Failure(FailureCode::Unsupported, fmt::format("The setting “pixelFormat={}” does not apply to {}.",
                                                         av_get_pix_fmt_name(asked), request.codec.displayName));
@@ -80,24 +83,29 @@ void chooseSize(PictureFormat& format, const PictureRequest& request, bool sidew
     const double height = request.frame.height;
     auto askedWidth = request.settings.width;
     auto askedHeight = request.settings.height;
-    if (sideways)
+    if (sideways) {
         std::swap(askedWidth, askedHeight);
+    }
     double newWidth = askedWidth ? *askedWidth : width;
     double newHeight = askedHeight ? *askedHeight : height;
-    if (askedWidth && !askedHeight)
+    if (askedWidth && !askedHeight) {
         newHeight = height * newWidth / width;
-    if (askedHeight && !askedWidth)
+    }
+    if (askedHeight && !askedWidth) {
         newWidth = width * newHeight / height;
+    }
 
     const AVPixFmtDescriptor* pixels = av_pix_fmt_desc_get(format.pixels);
     format.width = aligned(newWidth, pixels->log2_chroma_w);
     format.height = aligned(newHeight, pixels->log2_chroma_h);
 
     AVRational aspect = request.stream.sample_aspect_ratio;
-    if (aspect.num <= 0 || aspect.den <= 0)
+    if (aspect.num <= 0 || aspect.den <= 0) {
         aspect = request.frame.sample_aspect_ratio;
-    if (aspect.num <= 0 || aspect.den <= 0)
+    }
+    if (aspect.num <= 0 || aspect.den <= 0) {
         aspect = AVRational{askedWidth && askedHeight ? 1 : 0, 1};
+    }
     if (askedWidth && askedHeight && aspect.num > 0) {
         const std::int64_t across = static_cast<std::int64_t>(aspect.num) * request.frame.width * format.height;
         const std::int64_t down = static_cast<std::int64_t>(aspect.den) * request.frame.height * format.width;
@@ -129,8 +137,9 @@ void chooseColour(PictureFormat& format, const PictureRequest& request) {
         format.range = AVCOL_RANGE_JPEG;
     }
     if (format.pixels == AV_PIX_FMT_YUVJ420P || format.pixels == AV_PIX_FMT_YUVJ422P ||
-        format.pixels == AV_PIX_FMT_YUVJ444P)
+        format.pixels == AV_PIX_FMT_YUVJ444P) {
         format.range = AVCOL_RANGE_JPEG;
+    }
     format.toneMapped = isHDR(format.transfer) && depth(format.pixels) <= 8;
     if (format.toneMapped) {
         format.peakLuminance = HDRMetadata(request.stream, frame).peakLuminance();
@@ -192,8 +201,9 @@ PictureFormat choosePictureFormat(const PictureRequest& request) {
         turnUpright(format, request.stream);
         if (format.quarterTurns % 2 == 1) {
             std::swap(format.width, format.height);
-            if (format.sampleAspect.num > 0)
+            if (format.sampleAspect.num > 0) {
                 std::swap(format.sampleAspect.num, format.sampleAspect.den);
+            }
         }
     }
     chooseColour(format, request);

@@ -25,8 +25,8 @@ struct PictureFormat {
     double peakLuminance = 0;      ///< of the source, in candela per square metre; for tone mapping
     bool convertsColours = false;  ///< pictures of another matrix are brought to this one, not only described by it
     int quarterTurns = 0;          ///< clockwise turns of the pixels, where the container cannot say it
-    bool mirrored =
-        false;            ///< likewise: after the turns, mirrored across the axis that was the source's horizontal one
+    /// Likewise: after the turns, mirrored across the axis that was the source's horizontal one.
+    bool mirrored = false;
     bool fitted = false;  ///< pictures that are shown in another shape get bars; else the first one's are stretched
 };
 

@@ -34,16 +34,18 @@ protected:
         const auto was = pictureTimes(source());
         const auto is = pictureTimes(output);
         ASSERT_EQ(was.size(), is.size());
-        for (std::size_t i = 0; i < was.size(); ++i)
+        for (std::size_t i = 0; i < was.size(); ++i) {
             ASSERT_NEAR(is[i] - is.front(), was[i] - was.front(), 0.0021) << i;
+        }
     }
     static void expectSameLength(const std::string& output) {
         const double length = Probe(source()).duration();
         EXPECT_NEAR(Probe(output).duration(), length, kFrame + 0.025) << "the sound's last packet may be a part longer";
     }
     static void expectInStep(const std::string& output) {
-        if (!GetParam().sound)
+        if (!GetParam().sound) {
             return;
+        }
         // As they were made; what a tool makes of the source may be worse than what is in it.
         EXPECT_NEAR(beepTime(output) - flashTime(output), 2 - GetParam().flash, 0.02);
     }
@@ -151,10 +153,12 @@ std::vector<int> tones(const std::string& path) {
             const auto sample = static_cast<std::int16_t>(static_cast<unsigned char>(bytes[i]) |
                                                           static_cast<unsigned char>(bytes[i + 1]) << 8);
             // With some room around zero, where encoders leave noise.
-            if (before < 0 && sample > 1000)
+            if (before < 0 && sample > 1000) {
                 ++crossings;
-            if (std::abs(sample) > 1000)
+            }
+            if (std::abs(sample) > 1000) {
                 before = sample;
+            }
         }
         found.push_back(crossings / 2);
     }
@@ -164,13 +168,14 @@ std::vector<int> tones(const std::string& path) {
 TEST(Channels, EachKeepsItsOwnSound) {
     using testing::ElementsAre;
     const auto around = [](int tone) { return testing::AllOf(testing::Ge(tone - 3), testing::Le(tone + 3)); };
-    for (const char* movie : {"surround-ac3.mkv", "surround-aac.mp4"})
+    for (const char* movie : {"surround-ac3.mkv", "surround-aac.mp4"}) {
         for (const char* extension : {"mp4", "mkv", "mov"}) {
             const auto output = convert({.source = corpus(movie), .extension = extension, .type = 1});
             EXPECT_THAT(tones(output.path()),
                         ElementsAre(around(300), around(500), around(700), around(60), around(1100), around(1300)))
                 << movie << extension;
         }
+    }
 }
 
 TEST(CoverArt, IsNeverTakenForVideo) {
@@ -182,12 +187,13 @@ TEST(CoverArt, IsNeverTakenForVideo) {
 }
 
 TEST(Songs, BecomeEveryContainerOfSound) {
-    for (const char* from : {"song.m4a", "song.mp3", "song.flac", "song.ogg", "song.wav"})
+    for (const char* from : {"song.m4a", "song.mp3", "song.flac", "song.ogg", "song.wav"}) {
         for (const char* to : {"m4a", "mp3", "flac", "ogg", "wav", "mka"}) {
             const auto output = convert({.source = corpus(from), .extension = to, .type = 7});
             EXPECT_NEAR(soundLength(output.path()), 6, 0.06) << from << to;
             EXPECT_NEAR(beepTime(output.path()), 2, 0.04) << from << to;
         }
+    }
 }
 
 TEST(BrokenMovies, GiveWhatIsLeftOfThem) {
@@ -209,8 +215,9 @@ TEST(ManyStreams, AllComeAlong) {
     ASSERT_EQ(probe.streams("audio").size(), 3U);
     EXPECT_EQ(probe.streams("subtitle").size(), 2U);
     const std::array languages{"eng", "deu", "fra"};
-    for (std::size_t i = 0; i < languages.size(); ++i)
+    for (std::size_t i = 0; i < languages.size(); ++i) {
         EXPECT_EQ(tagOf(probe.streams("audio")[i], "language"), languages[i]);
+    }
     EXPECT_EQ(number(probe.streams("audio")[1], "channels"), 6);
 }
 

@@ -21,9 +21,11 @@ std::vector<nlohmann::json> frameSideData(const std::string& path) {
 }
 
 std::string displayMatrix(const Probe& probe) {
-    for (const auto& data : probe.video().value("side_data_list", nlohmann::json::array()))
-        if (text(data, "side_data_type") == "Display Matrix")
+    for (const auto& data : probe.video().value("side_data_list", nlohmann::json::array())) {
+        if (text(data, "side_data_type") == "Display Matrix") {
             return text(data, "displaymatrix");
+        }
+    }
     return "";
 }
 
@@ -34,8 +36,9 @@ OutputPath turned(std::array<int, 4> matrix) {
     const auto at = box + 4 + 40;  // the matrix of a version 0 track header
     const auto put = [&](std::size_t cell, int value) {
         const auto fixed = static_cast<std::uint32_t>(value) << 16;
-        for (std::size_t i = 0; i < 4; ++i)
+        for (std::size_t i = 0; i < 4; ++i) {
             bytes[at + cell * 4 + i] = static_cast<char>(fixed >> (24 - 8 * i) & 0xff);
+        }
     };
     put(0, matrix[0]);
     put(1, matrix[1]);
@@ -68,11 +71,12 @@ INSTANTIATE_TEST_SUITE_P(Keeps, Orientation,
                                          std::array{0, 1, 1, 0}, std::array{0, -1, -1, 0}));
 
 TEST(Keeps, TheShapeOfThePixels) {
-    for (const char* extension : {"mov", "mp4", "mkv"})
+    for (const char* extension : {"mov", "mp4", "mkv"}) {
         for (const std::int32_t type : {0, 1, 2}) {
             const auto output = convert({.source = testMedia("anamorphic.mov"), .extension = extension, .type = type});
             EXPECT_EQ(text(Probe(output).video(), "sample_aspect_ratio"), "4:3") << extension << type;
         }
+    }
 }
 
 TEST(Keeps, TheColourDescription) {
@@ -95,10 +99,12 @@ TEST(Keeps, HighDynamicRangeInHEVC) {
         EXPECT_EQ(text(video, "color_space"), "bt2020nc");
         std::string mastering, light;
         for (const auto& data : frameSideData(output.path())) {
-            if (text(data, "side_data_type") == "Mastering display metadata")
+            if (text(data, "side_data_type") == "Mastering display metadata") {
                 mastering = text(data, "max_luminance") + " " + text(data, "red_x");
-            if (text(data, "side_data_type") == "Content light level metadata")
+            }
+            if (text(data, "side_data_type") == "Content light level metadata") {
                 light = text(data, "max_content") + " " + text(data, "max_average");
+            }
         }
         EXPECT_EQ(mastering, "10000000/10000 34000/50000");
         EXPECT_EQ(light, "1000 400");
@@ -119,7 +125,7 @@ TEST(Keeps, ThePictureOfHighDynamicRangeInHDotTwoSixFourByToneMapping) {
 }
 
 TEST(Keeps, ChaptersWithTheirTitles) {
-    for (const char* extension : {"mov", "mp4", "mkv"})
+    for (const char* extension : {"mov", "mp4", "mkv"}) {
         for (const std::int32_t type : {0, 1}) {
             const auto output = convert({.source = testMedia("chapters.mp4"), .extension = extension, .type = type});
             const Probe probe(output);
@@ -129,6 +135,7 @@ TEST(Keeps, ChaptersWithTheirTitles) {
             EXPECT_EQ(tagOf(chapters[1], "title"), "Two");
             EXPECT_NEAR(number(chapters[1], "start_time"), 1.0, 0.001);
         }
+    }
 }
 
 TEST(Keeps, TitleAndOtherTags) {
@@ -206,11 +213,12 @@ TEST(Keeps, TextSubtitles) {
 }
 
 TEST(Keeps, TheTimeCode) {
-    for (const char* extension : {"mov", "mp4"})
+    for (const char* extension : {"mov", "mp4"}) {
         for (const std::int32_t type : {0, 1}) {
             const auto output = convert({.source = testMedia("plain.mov"), .extension = extension, .type = type});
             EXPECT_EQ(tagOf(Probe(output).video(), "timecode"), "01:00:00:00") << extension << type;
         }
+    }
 }
 
 TEST(Keeps, FieldsOnlyWhereTheCodecDoes) {

@@ -48,11 +48,12 @@ TEST(Timing, SoundThatStartsLateIsFilledWithSilenceWhereThereIsNoTime) {
 TEST(Timing, AVariableRateIsKept) {
     const auto expected = pictureTimes(testMedia("variable.mkv"));
     ASSERT_EQ(expected.size(), 40U);
-    for (const char* extension : {"mp4", "mkv", "mov"})
+    for (const char* extension : {"mp4", "mkv", "mov"}) {
         for (const std::int32_t type : {0, 1}) {
             const auto output = convert({.source = testMedia("variable.mkv"), .extension = extension, .type = type});
             EXPECT_THAT(pictureTimes(output.path()), testing::Pointwise(testing::DoubleNear(0.0015), expected));
         }
+    }
 }
 
 TEST(Timing, AConstantRateIsMadeWhenAskedFor) {
@@ -60,8 +61,9 @@ TEST(Timing, AConstantRateIsMadeWhenAskedFor) {
         convert({.source = testMedia("variable.mkv"), .type = 3, .video = VideoSettings{0, 0, 50, "preset=ultrafast"}});
     const auto times = pictureTimes(output.path());
     ASSERT_EQ(times.size(), 100U);
-    for (std::size_t i = 0; i < times.size(); ++i)
+    for (std::size_t i = 0; i < times.size(); ++i) {
         EXPECT_NEAR(times[i], static_cast<double>(i) / 50, 0.001);
+    }
     EXPECT_EQ(text(Probe(output).video(), "avg_frame_rate"), "50/1");
 }
 
@@ -83,23 +85,26 @@ TEST(Timing, TelevisionRatesAreExact) {
 TEST(Timing, AnEditIsHonoured) {
     // The first half second is stored but not shown.
     const auto expected = shownPicture(testMedia("edited.mov"));
-    for (const char* extension : {"mov", "mp4", "mkv"})
+    for (const char* extension : {"mov", "mp4", "mkv"}) {
         for (const std::int32_t type : {0, 1}) {
             const auto output = convert({.source = testMedia("edited.mov"), .extension = extension, .type = type});
             EXPECT_EQ(pictureTimes(output.path()).size(), 37U) << extension << type;
             EXPECT_NEAR(Probe(output).duration(), 1.5, kFrame) << extension << type;
             EXPECT_LT(difference(shownPicture(output.path()), expected), 4) << extension << type;
         }
+    }
 }
 
 TEST(Timing, PicturesThatAreShownOutOfOrderKeepTheirPlaces) {
-    for (const char* source : {"old.avi", "late.mkv", "large.ts"})
+    for (const char* source : {"old.avi", "late.mkv", "large.ts"}) {
         for (const std::int32_t type : {0, 1}) {
             const auto times = pictureTimes(convert({.source = testMedia(source), .type = type}).path());
             ASSERT_GE(times.size(), 25U) << source;
-            for (std::size_t i = 1; i < times.size(); ++i)
+            for (std::size_t i = 1; i < times.size(); ++i) {
                 EXPECT_NEAR(times[i] - times[i - 1], kFrame, 0.0015) << source << type << " " << i;
+            }
         }
+    }
 }
 
 TEST(Timing, AChangeOfSizeInTheMiddleIsSurvived) {
@@ -110,8 +115,9 @@ TEST(Timing, AChangeOfSizeInTheMiddleIsSurvived) {
     EXPECT_EQ(number(probe.video(), "nb_read_frames"), 50);
     EXPECT_NEAR(probe.duration(), 2.0, 0.1);
     const auto times = pictureTimes(output.path());
-    for (std::size_t i = 1; i < times.size(); ++i)
+    for (std::size_t i = 1; i < times.size(); ++i) {
         EXPECT_NEAR(times[i] - times[i - 1], kFrame, 0.015);
+    }
 }
 
 }  // namespace

@@ -39,8 +39,9 @@ TEST_P(EncodingTypes, MakeTheCodecsOfTheirRow) {
     EXPECT_EQ(number(probe.video(), "height"), 240);
     EXPECT_EQ(number(probe.video(), "nb_read_frames"), 50);
     ASSERT_EQ(probe.streams("audio").size(), 2U);
-    for (const auto& audio : probe.streams("audio"))
+    for (const auto& audio : probe.streams("audio")) {
         EXPECT_EQ(text(audio, "codec_name"), made.audio);
+    }
     EXPECT_NEAR(probe.duration(), 2.0, kFrame);
 }
 
@@ -133,12 +134,13 @@ TEST(Encode, AMovieWithoutSoundBecomesAMovieWithoutSound) {
 }
 
 TEST(Encode, OnePictureIsAMovie) {
-    for (const char* extension : {"mp4", "mkv"})
+    for (const char* extension : {"mp4", "mkv"}) {
         for (const std::int32_t type : {0, 1, 2, 5, 6}) {
             const auto output = convert({.source = testMedia("still.mov"), .extension = extension, .type = type});
             EXPECT_EQ(number(Probe(output).video(), "nb_read_frames"), 1) << extension << type;
             EXPECT_NEAR(Probe(output).duration(), kFrame, 0.001) << extension << type;
         }
+    }
 }
 
 TEST(Encode, TwoPicturesAreAMovie) {

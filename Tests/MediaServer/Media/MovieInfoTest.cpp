@@ -29,8 +29,9 @@ std::vector<int> meanColour(const std::string& path) {
     const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-frames:v", "1", "-vf",
                                    "format=rgb24,scale=1:1:flags=area", "-f", "rawvideo", "-"});
     std::vector<int> values;
-    for (const char byte : bytes)
+    for (const char byte : bytes) {
         values.push_back(static_cast<unsigned char>(byte));
+    }
     return values;
 }
 

@@ -48,8 +48,9 @@ std::vector<int> pictureNumbers(const std::string& path, const std::string& filt
     std::vector<int> numbers;
     for (std::size_t start = 0; start + kBits <= bytes.size(); start += kBits) {
         int number = 0;
-        for (std::size_t bit = 0; bit < kBits; ++bit)
+        for (std::size_t bit = 0; bit < kBits; ++bit) {
             number |= static_cast<unsigned char>(bytes[start + bit]) > kBright ? 1 << bit : 0;
+        }
         numbers.push_back(number);
     }
     return numbers;
@@ -57,8 +58,9 @@ std::vector<int> pictureNumbers(const std::string& path, const std::string& filt
 
 std::vector<int> numbersFrom(int first, int last, int step) {
     std::vector<int> numbers;
-    for (int number = first; number <= last; number += step)
+    for (int number = first; number <= last; number += step) {
         numbers.push_back(number);
+    }
     return numbers;
 }
 
@@ -67,10 +69,12 @@ std::vector<int> shownColours(const std::string& path, int picture) {
                                    fmt::format("select=gte(n\\,{}),", picture) + "format=rgb24,scale=16:12:flags=area",
                                    "-f", "rawvideo", "-"});
     std::vector<int> values;
-    for (const char byte : bytes)
+    for (const char byte : bytes) {
         values.push_back(static_cast<unsigned char>(byte));
-    if (values.size() != 16 * 12 * 3)
+    }
+    if (values.size() != 16 * 12 * 3) {
         throw std::runtime_error("no picture");
+    }
     return values;
 }
 

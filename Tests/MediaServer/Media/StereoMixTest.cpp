@@ -1,9 +1,9 @@
 #include <fcntl.h>
 
-#include <MediaServer/Media/StereoMix.h>
 #include <gmock/gmock.h>
 
 #include "MediaTestKit.h"
+#include <MediaServer/Media/StereoMix.h>
 
 namespace krv::media::test {
 namespace {
@@ -40,13 +40,14 @@ double sourceLevel(const char* source, std::size_t channel) {
 }
 
 TEST(StereoMix, KeepsTheVideoBitForBit) {
-    for (const char* source : {"centre.mov", "plain.mov", "flash-surround.mkv", "two-mono.mov"})
+    for (const char* source : {"centre.mov", "plain.mov", "flash-surround.mkv", "two-mono.mov"}) {
         for (const char* extension : {"mov", "mp4", "mkv"}) {
             const auto output = mix(source, extension);
             EXPECT_EQ(packetHashes(output.path(), "v:0"), packetHashes(testMedia(source), "v:0")) << source;
             expectOneStereoTrack(output);
             EXPECT_NEAR(Probe(output).duration(), Probe(testMedia(source)).duration(), kFrame) << source;
         }
+    }
 }
 
 TEST(StereoMix, SpeechInTheMiddleIsLoweredByThreeDecibelsOnly) {
@@ -143,7 +144,7 @@ TEST(StereoMix, DenseMusicIsNotClippedByTheDecoder) {
 }
 
 TEST(StereoMix, TheBeepStaysWithTheFlash) {
-    for (const char* source : {"flash-surround.mov", "flash-surround.mkv", "late.mkv"})
+    for (const char* source : {"flash-surround.mov", "flash-surround.mkv", "late.mkv"}) {
         for (const char* extension : {"mov", "mp4", "mkv"}) {
             const auto output = mix(source, extension);
             // In Matroska the packet with which AAC begins moves the whole movie by its length.
@@ -151,6 +152,7 @@ TEST(StereoMix, TheBeepStaysWithTheFlash) {
             EXPECT_NEAR(flashTime(output.path()), flashTime(testMedia(source)), kFrame) << source << extension;
             EXPECT_NEAR(beepTime(output.path()) - flashTime(output.path()), before, 0.004) << source << extension;
         }
+    }
 }
 
 TEST(StereoMix, SoundThatIsStereoAlreadyIsCopied) {

@@ -77,8 +77,9 @@ std::vector<double> movieTimes(const std::string& path) {
     const std::string format = text(probe.all().at("format"), "format_name");
     const bool anywhere = format == "mpegts" || format == "mpeg";
     const double start = anywhere ? 0 : std::max(0.0, number(probe.all().at("format"), "start_time"));
-    for (double& time : times)
+    for (double& time : times) {
         time += start;
+    }
     return times;
 }
 
@@ -108,8 +109,9 @@ TEST_P(ThumbnailsOf, ShowThePicturesOfTheirTimes) {
     EXPECT_THAT(numbers(GetParam().filter), testing::ElementsAreArray(expected));
     const double start = times.front();
     const double length = times.back() - start;
-    for (std::size_t i = 0; i < made.size(); ++i)
+    for (std::size_t i = 0; i < made.size(); ++i) {
         EXPECT_NEAR(made[i].time, start + length * (static_cast<double>(i) + 0.5) / 12, 0.1);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Every, ThumbnailsOf,
@@ -135,8 +137,9 @@ TEST_F(Thumbnails, ShowAPictureThatIsHeldForSecondsAsLongAsItIsHeld) {
 TEST_F(Thumbnails, LeaveOutWhatAnEditHides) {
     make({.movie = corpus("edited.mov"), .count = 5});
     const auto seen = numbers();
-    for (std::size_t i = 0; i < made.size(); ++i)
+    for (std::size_t i = 0; i < made.size(); ++i) {
         EXPECT_EQ(seen[i], static_cast<int>(std::floor(25 + made[i].time * 25 + 1e-6))) << made[i].time;
+    }
 }
 
 TEST_F(Thumbnails, AreUprightAndInSquarePixels) {
@@ -173,8 +176,9 @@ TEST_F(Thumbnails, HaveTheColoursOfTheMovie) {
 TEST_F(Thumbnails, OfHighDynamicRangeLookLikeThoseOfTheOrdinaryMovie) {
     make({.movie = corpus("h264.mov"), .count = 3});
     std::vector<std::vector<int>> ordinary;
-    for (const OutputPath& file : files)
+    for (const OutputPath& file : files) {
         ordinary.push_back(shownColours(file.path()));
+    }
     make({.movie = corpus("hevc-hdr.mp4"), .count = 3});
     for (std::size_t i = 0; i < files.size(); ++i) {
         const auto found = colourDifference(shownColours(files[i].path()), ordinary[i]);

@@ -59,8 +59,9 @@ protected:
 };
 
 TEST_F(AudioResamplerTest, SoundInStepPassesUnchanged) {
-    for (int i = 0; i < 10; ++i)
+    for (int i = 0; i < 10; ++i) {
         push(i * 100, 100, 1000);
+    }
     EXPECT_THAT(finish(), testing::AllOf(testing::SizeIs(8000), testing::Each(1000)));
 }
 
@@ -95,15 +96,17 @@ TEST_F(AudioResamplerTest, SoundBeforeTheBeginningIsCut) {
 }
 
 TEST_F(AudioResamplerTest, RoundedTimesChangeNothing) {
-    for (int i = 0; i < 10; ++i)
+    for (int i = 0; i < 10; ++i) {
         push(i * 100 + (i % 2 == 0 ? 3 : -3) + (i == 0 ? -3 : 0), 100, 1000);
+    }
     EXPECT_THAT(finish(), testing::AllOf(testing::SizeIs(8000), testing::Each(1000)));
 }
 
 TEST_F(AudioResamplerTest, ASlowClockDoesNotAddUp) {
     // Each frame is 1 ms longer than its time says: after 300 of them that would be 0.3 s.
-    for (int i = 0; i < 300; ++i)
+    for (int i = 0; i < 300; ++i) {
         push(i * 20, 21, 1000);
+    }
     EXPECT_NEAR(static_cast<double>(finish().size()), 6.0 * kRate, 0.04 * kRate);
 }
 

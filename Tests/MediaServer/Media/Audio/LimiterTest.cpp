@@ -35,15 +35,17 @@ Stereo limited(const std::vector<float>& left, const std::vector<float>& right, 
 
 std::vector<float> tone(std::size_t samples, float amplitude) {
     std::vector<float> sound(samples);
-    for (std::size_t i = 0; i < samples; ++i)
+    for (std::size_t i = 0; i < samples; ++i) {
         sound[i] = amplitude * static_cast<float>(std::sin(static_cast<double>(i) * 0.05));
+    }
     return sound;
 }
 
 float peak(const std::vector<float>& sound) {
     float highest = 0;
-    for (const float sample : sound)
+    for (const float sample : sound) {
         highest = std::max(highest, std::abs(sample));
+    }
     return highest;
 }
 
@@ -55,8 +57,9 @@ TEST(Limiter, LeavesQuietSoundExactlyAsItIs) {
 }
 
 TEST(Limiter, GivesOutAsManySamplesAsGoInHoweverFew) {
-    for (const std::size_t samples : {0U, 1U, 239U, 240U, 241U, 5000U})
+    for (const std::size_t samples : {0U, 1U, 239U, 240U, 241U, 5000U}) {
         EXPECT_EQ(limited(tone(samples, 1), tone(samples, 1)).left.size(), samples);
+    }
 }
 
 TEST(Limiter, LetsNothingPassTheCeiling) {
@@ -100,16 +103,18 @@ TEST(Limiter, RecoversCompletelyAfterALoudPassage) {
     sound.insert(sound.end(), quiet.begin(), quiet.end());
     const auto out = limited(sound, sound);
     // Half a second after the loud part nothing is different any more.
-    for (std::size_t i = 10'000 + kRate / 2 + kRate / 10; i < sound.size(); ++i)
+    for (std::size_t i = 10'000 + kRate / 2 + kRate / 10; i < sound.size(); ++i) {
         ASSERT_EQ(out.left[i], sound[i]) << i;
+    }
 }
 
 TEST(Limiter, NeverJumpsInGain) {
     std::vector<float> sound(20'000, 0.5F);
     std::fill(sound.begin() + 10'000, sound.begin() + 10'100, 5.0F);
     const auto out = limited(sound, sound);
-    for (std::size_t i = 1; i < sound.size(); ++i)
+    for (std::size_t i = 1; i < sound.size(); ++i) {
         ASSERT_LT(std::abs(out.left[i] / sound[i] - out.left[i - 1] / sound[i - 1]), 0.01) << i;
+    }
 }
 
 TEST(Limiter, DoesNotDependOnThePiecesThatItGets) {

@@ -4,12 +4,12 @@
 
 #include <fcntl.h>
 
-#include <MediaServer/Media/StereoMix.h>
 #include <gmock/gmock.h>
 
 #include "MediaTestKit.h"
 #include "MergeTestKit.h"
 #include "Numbers.h"
+#include <MediaServer/Media/StereoMix.h>
 
 namespace krv::media::test {
 namespace {

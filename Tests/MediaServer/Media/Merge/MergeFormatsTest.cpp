@@ -15,16 +15,18 @@ struct Extent {
 
 Extent whiteOf(const Picture& picture) {
     Extent extent{-1, -1, -1, -1};
-    for (int x = 0; x < picture.width; ++x)
+    for (int x = 0; x < picture.width; ++x) {
         if (picture.at(x, picture.height / 2) > kWhite) {
             extent.left = extent.left < 0 ? x : extent.left;
             extent.right = x + 1;
         }
-    for (int y = 0; y < picture.height; ++y)
+    }
+    for (int y = 0; y < picture.height; ++y) {
         if (picture.at(picture.width / 2, y) > kWhite) {
             extent.top = extent.top < 0 ? y : extent.top;
             extent.bottom = y + 1;
         }
+    }
     return extent;
 }
 
@@ -58,16 +60,17 @@ TEST(MergeFormats, TheShapeOfTheFirstsPixelsCountsToo) {
     int shown = 0;
     for (int y = 0; y < picture.height; ++y) {
         int sum = 0;
-        for (int x = 0; x < picture.width; ++x)
+        for (int x = 0; x < picture.width; ++x) {
             sum += picture.at(x, y);
+        }
         shown += sum / picture.width > kBlack ? 1 : 0;
     }
     EXPECT_NEAR(shown, 120, 4);
 }
 
 TEST(MergeFormats, TurnedPicturesAreUpright) {
-    for (const char* first : {"left.mp4", "left-turned.mp4"})
-        for (const char* second : {"left-turned.mp4", "left.mp4"})
+    for (const char* first : {"left.mp4", "left-turned.mp4"}) {
+        for (const char* second : {"left-turned.mp4", "left.mp4"}) {
             for (const char* extension : {"mp4", "mkv"}) {
                 const auto output = join({first, second}, extension);
                 for (const double time : {0.5, 1.5}) {
@@ -80,6 +83,8 @@ TEST(MergeFormats, TurnedPicturesAreUpright) {
                     EXPECT_LT(picture.at(180, 300), kBlack) << first << second << time;
                 }
             }
+        }
+    }
 }
 
 TEST(MergeFormats, TheFirstDecidesSizeRateChannelsAndCodec) {

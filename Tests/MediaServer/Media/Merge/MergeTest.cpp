@@ -28,8 +28,9 @@ TEST(Merge, CopiesWhatIsTheSameBitForBit) {
         EXPECT_EQ(number(Probe(output).video(), "nb_read_frames"), 150);
         EXPECT_NEAR(Probe(output).duration(), 6.0, kFrame) << extension;
         const auto times = pictureTimes(output.path());
-        for (std::size_t i = 1; i < times.size(); ++i)
+        for (std::size_t i = 1; i < times.size(); ++i) {
             ASSERT_NEAR(times[i] - times[i - 1], kFrame, 0.0015) << i;
+        }
     }
 }
 
@@ -52,8 +53,9 @@ struct Case {
 };
 
 void PrintTo(const Case& one, std::ostream* out) {
-    for (const auto& source : one.sources)
+    for (const auto& source : one.sources) {
         *out << source << " ";
+    }
     *out << one.extension;
 }
 
@@ -84,8 +86,9 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(Merge, ManyShortClipsDoNotDriftApart) {
     std::vector<std::string> sources;
-    for (int i = 0; i < 6; ++i)
+    for (int i = 0; i < 6; ++i) {
         sources.insert(sources.end(), {"film.mov", "fast.mkv"});
+    }
     sources.emplace_back("flash.mov");
     const auto output = join(sources, "mp4");
     const Probe film(testMedia("film.mov")), fast(testMedia("fast.mkv"));
@@ -171,8 +174,9 @@ TEST(Merge, MarksEverySourceByAChapter) {
         EXPECT_EQ(tagOf(chapters[0], "title"), "flash");
         EXPECT_EQ(tagOf(chapters[1], "title"), "A plain movie");
         EXPECT_EQ(tagOf(chapters[2], "title"), "mute");
-        for (int i = 0; i < 3; ++i)
+        for (int i = 0; i < 3; ++i) {
             EXPECT_NEAR(number(chapters[static_cast<std::size_t>(i)], "start_time"), 2 * i, 0.03);
+        }
     }
 }
 
@@ -189,7 +193,7 @@ TEST(Merge, OneSourceAloneIsCopied) {
 }
 
 TEST(Merge, ABadSourceFailsEverythingAndIsNamed) {
-    for (const char* bad : {"text.mp4", "empty.mov", "headless.mp4"})
+    for (const char* bad : {"text.mp4", "empty.mov", "headless.mp4"}) {
         try {
             (void)join({"flash.mov", bad, "flash.mov"});
             FAIL() << bad;
@@ -198,6 +202,7 @@ TEST(Merge, ABadSourceFailsEverythingAndIsNamed) {
             EXPECT_EQ(failure.path(), testMedia(bad));
             EXPECT_THAT(failure.description(), testing::HasSubstr(bad));
         }
+    }
 }
 
 TEST(Merge, AnUnknownContainerIsRefused) {
