@@ -8,10 +8,11 @@
 #include <cmath>
 #include <cstring>
 #include <exception>
-#include <mutex>
 #include <thread>
 
 #include <unistd.h>
+
+#include <KRVQTProcessClient/Foundation/Mutex.h>
 
 #include <MediaServer/Media/Foundation/FFmpegLog.h>
 #include <MediaServer/Media/Thumbnails.h>
@@ -25,9 +26,10 @@ class Job {
 public:
     Job(const ThumbnailRequest& request, ProgressSink& sink)
         : request_(request)
+        , count_(static_cast<std::size_t>(request.count))
+        , readers_(std::min(static_cast<std::size_t>(coreCount()), count_))
         , progress_(sink)
-        , pictures_(static_cast<std::size_t>(request.count))
-        , readers_(std::min(static_cast<std::size_t>(coreCount()), pictures_.size())) {}
+        , pictures_(count_) {}
 
     std::vector<Thumbnail> run() {
         if (ftruncate(request_.destination, 0) != 0) {
@@ -41,6 +43,7 @@ public:
         for (std::thread& other : others) {
             other.join();
         }
+        const LockGuard lock(mutex_);
         if (failure_) {
             std::rethrow_exception(failure_);
         }
@@ -55,7 +58,7 @@ private:
         explicit PartSink(Job& job)
             : job_(job) {}
         void progress(double) noexcept override {
-            const std::lock_guard lock(job_.mutex_);
+            const LockGuard lock(job_.mutex_);
             job_.progress_.alive();
         }
 
@@ -69,12 +72,12 @@ private:
             Progress progress(sink);
             Source source(request_.source, request_.sourcePath, progress);
             PictureReader reader(source);
-            const std::size_t end = (part + 1) * pictures_.size() / readers_;
-            for (std::size_t i = part * pictures_.size() / readers_; i < end && !failed_; ++i) {
+            const std::size_t end = (part + 1) * count_ / readers_;
+            for (std::size_t i = part * count_ / readers_; i < end && !failed_; ++i) {
                 make(reader, i);
             }
         } catch (...) {
-            const std::lock_guard lock(mutex_);
+            const LockGuard lock(mutex_);
             if (!failure_) {
                 failure_ = std::current_exception();
             }
@@ -83,8 +86,7 @@ private:
     }
 
     void make(PictureReader& reader, std::size_t i) {
-        const auto count = static_cast<double>(pictures_.size());
-        const double middle = (static_cast<double>(i) + 0.5) / count;
+        const double middle = (static_cast<double>(i) + 0.5) / static_cast<double>(count_);
         const auto time = reader.source().start() + std::llround(middle * static_cast<double>(reader.duration()));
         FramePtr frame = reader.shownAt(time);
         if (!frame) {
@@ -94,7 +96,7 @@ private:
     }
 
     void store(std::size_t i, std::int64_t time, const std::vector<std::uint8_t>& picture) {
-        const std::lock_guard lock(mutex_);
+        const LockGuard lock(mutex_);
         const auto length = static_cast<std::int64_t>(picture.size());
         for (std::int64_t written = 0; written < length;) {
             const ssize_t put = pwrite(request_.destination, picture.data() + written,
@@ -109,18 +111,19 @@ private:
         }
         pictures_[i] = {static_cast<double>(time) / AV_TIME_BASE, size_, length};
         size_ += length;
-        progress_.reach(static_cast<double>(++made_) / static_cast<double>(pictures_.size()));
+        progress_.reach(static_cast<double>(++made_) / static_cast<double>(count_));
     }
 
     const ThumbnailRequest& request_;
-    std::mutex mutex_;  // of what follows, and of the destination
-    Progress progress_;
-    std::vector<Thumbnail> pictures_;
-    std::int64_t size_ = 0;
-    std::size_t made_ = 0;
-    std::exception_ptr failure_;
-    std::atomic<bool> failed_{false};
+    const std::size_t count_;
     const std::size_t readers_;
+    std::atomic<bool> failed_{false};
+    Mutex mutex_;  // also of the destination
+    Progress progress_ KRV_GUARDED_BY(mutex_);
+    std::vector<Thumbnail> pictures_ KRV_GUARDED_BY(mutex_);
+    std::int64_t size_ KRV_GUARDED_BY(mutex_) = 0;
+    std::size_t made_ KRV_GUARDED_BY(mutex_) = 0;
+    std::exception_ptr failure_ KRV_GUARDED_BY(mutex_);
 };
 
 }  // namespace

@@ -36,14 +36,14 @@ FFmpegLog::FFmpegLog() {
 
 void FFmpegLog::clear() {
     av_log_set_callback(&FFmpegLog::receive);
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     partial_.clear();
     error_.clear();
     warning_.clear();
 }
 
 std::string FFmpegLog::lastMeaningfulLine() const {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     return error_.empty() ? warning_ : error_;
 }
 
@@ -55,7 +55,7 @@ void FFmpegLog::receive(void* object, int level, const char* format, va_list arg
 
 void FFmpegLog::add(void* object, int level, const char* format, va_list arguments) {
     std::array<char, 1024> text{};
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     int withPrefix = partial_.empty() ? 1 : 0;
     if (av_log_format_line2(object, level, format, arguments, text.data(), static_cast<int>(text.size()), &withPrefix) <
         0) {
