@@ -16,10 +16,10 @@
 namespace krv::media {
 namespace {
 
-// An index that ends before this part of the movie was never finished, or lists the first fragment only.
+/// An index that ends before this part of the movie was never finished, or lists the first fragment only.
 constexpr double kWholeMovie = 0.8;
 
-// Where no track has units of its own.
+/// Where no track has units of its own.
 constexpr int kMilliseconds = 1000;
 
 bool readAt(int descriptor, std::int64_t offset, std::span<std::byte> bytes) {
@@ -101,7 +101,7 @@ private:
         add(time + av_rescale_q(source_.timeShift(), kMicroseconds, unit), unit);
     }
 
-    // Those of the track with this id, or of all.
+    /// Those of the track with this id, or of all.
     void addEdits(std::optional<int> trackID) {
         if (request_.track) {
             add(0, kMicroseconds);
@@ -135,7 +135,7 @@ private:
         }
     }
 
-    // False when there is no index of the whole track.
+    /// False when there is no index of the whole track.
     bool addFromIndex(std::size_t index) {
         const std::string_view format = source_.format().iformat->name;
         const bool listsPackets = format.find("mov") != std::string_view::npos;
@@ -181,8 +181,8 @@ private:
                source_.duration() <= kMicroseconds.den;
     }
 
-    // This index tells when key frames are decoded; their packets tell when they are shown. They are sought by the time
-    // at which they are shown, which is not after the next one is decoded.
+    /// This index tells when key frames are decoded; their packets tell when they are shown. They are sought by the time
+    /// at which they are shown, which is not after the next one is decoded.
     void addPackets(std::size_t index, const std::vector<std::int64_t>& keys) {
         source_.readTimesOnly();
         AVFormatContext& format = source_.format();

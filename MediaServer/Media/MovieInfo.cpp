@@ -19,14 +19,14 @@ extern "C" {
 namespace krv::media {
 namespace {
 
-// Clocks that nobody set begin in 1904 or 1970; no movie was stored in a file before this year.
+/// Clocks that nobody set begin in 1904 or 1970; no movie was stored in a file before this year.
 constexpr double kEarliestPlausible = 5 * 365.25 * 24 * 3600;
 
 struct Name {
     AVCodecID codec;
     const char* name;
 };
-// Where FFmpeg's own name is not what people say.
+/// Where FFmpeg's own name is not what people say.
 constexpr std::array<Name, 28> kNames{{
     {AV_CODEC_ID_H264, "H.264"},
     {AV_CODEC_ID_HEVC, "HEVC"},
@@ -69,7 +69,7 @@ const AVStream* mainAudioStream(const Source& source) {
     return index ? &source.stream(*index) : nullptr;
 }
 
-// Also one that cannot be decoded: it is to be named.
+/// Also one that cannot be decoded: it is to be named.
 const AVStream* anyVideoStream(const Source& source) {
     if (const auto index = mainVideoStream(source)) {
         return &source.stream(*index);
@@ -129,7 +129,7 @@ std::optional<double> creationTime(const AVFormatContext& format) {
     return std::nullopt;
 }
 
-// The rate by which a header counts, or the measured one where that is not the same: the variable ones.
+/// The rate by which a header counts, or the measured one where that is not the same: the variable ones.
 std::optional<double> averageRate(const AVStream& stream) {
     for (const AVRational rate : {stream.avg_frame_rate, stream.r_frame_rate}) {
         if (rate.num > 0 && rate.den > 0 && av_q2d(rate) <= 1000) {

@@ -22,7 +22,7 @@ bool isDefault(const AVStream& stream) {
     return (stream.disposition & AV_DISPOSITION_DEFAULT) != 0;
 }
 
-// The one that names the mix comes first.
+/// The one that names the mix comes first.
 std::vector<std::size_t> enabledSound(const Source& source) {
     auto found = usableStreams(source, AVMEDIA_TYPE_AUDIO);
     const auto preferred = [&](std::size_t i) { return isDefault(source.stream(i)); };

@@ -34,7 +34,7 @@ int chooseRate(const AVCodecContext& context, int source, const Settings& settin
     return above != 0 ? above : highest;
 }
 
-// The layouts that the codec's table or FFmpeg's encoder lists; empty if there is no list.
+/// The layouts that the codec's table or FFmpeg's encoder lists; empty if there is no list.
 std::vector<AVChannelLayout> knownLayouts(const AVCodecContext& context, const Codec& codec) {
     std::vector<AVChannelLayout> layouts;  // of standard channels in standard order, which own no memory
     for (const std::uint64_t mask : codec.layouts) {
@@ -46,7 +46,7 @@ std::vector<AVChannelLayout> knownLayouts(const AVCodecContext& context, const C
     return layouts;
 }
 
-// The same channels if possible, else as many, else as many as there are below that.
+/// The same channels if possible, else as many, else as many as there are below that.
 void chooseLayout(AVCodecContext& context, const AVChannelLayout& source, const Settings& settings,
                   const Codec& codec) {
     ChannelLayout wanted;

@@ -8,14 +8,14 @@
 namespace krv::media {
 namespace {
 
-// Frame size for encoders that take any.
+/// Frame size for encoders that take any.
 constexpr int kAnyFrameSize = 4096;
 
-// A deviation from the movie's time is corrected when it exceeds this part of a second: less than any picture
-// is shown.
+/// A deviation from the movie's time is corrected when it exceeds this part of a second: less than any picture
+/// is shown.
 constexpr int kToleratedPart = 66;
 
-// Sound that seems to lie further back than this does not overlap, its clock has jumped.
+/// Sound that seems to lie further back than this does not overlap, its clock has jumped.
 constexpr std::int64_t kLongestOverlapSeconds = 10;
 
 }  // namespace

@@ -11,15 +11,15 @@ namespace {
 
 constexpr AVChannelLayout kStereo = AV_CHANNEL_LAYOUT_STEREO;
 
-// -1 dB of full scale: what a lossy codec adds to a peak stays below full scale.
+/// -1 dB of full scale: what a lossy codec adds to a peak stays below full scale.
 constexpr float kCeiling = 0.891250938F;
 
-// How long a track that does not come forward is waited for.
+/// How long a track that does not come forward is waited for.
 constexpr std::int64_t kMostHeldSeconds = 20;
 
-// Sound that has been limited is dense, and what the codec gets wrong in it comes on top of its peaks. So it
-// gets more bits than usual, and noise stays what it was instead of being replaced by another with higher
-// peaks.
+/// Sound that has been limited is dense, and what the codec gets wrong in it comes on top of its peaks. So it
+/// gets more bits than usual, and noise stays what it was instead of being replaced by another with higher
+/// peaks.
 constexpr std::int64_t kAACBitRate = 256'000;
 
 Settings stereoSettings(const Codec& codec) {

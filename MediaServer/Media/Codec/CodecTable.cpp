@@ -43,7 +43,7 @@ constexpr AVPixelFormat kNoPixels = AV_PIX_FMT_NONE;
 constexpr AVMediaType kVideo = AVMEDIA_TYPE_VIDEO;
 constexpr AVMediaType kAudio = AVMEDIA_TYPE_AUDIO;
 
-// The layouts that every player of these codecs knows; sound with more channels is mixed down unless it is asked for.
+/// The layouts that every player of these codecs knows; sound with more channels is mixed down unless it is asked for.
 constexpr std::array<std::uint64_t, 6> kAACLayouts{AV_CH_LAYOUT_MONO,         AV_CH_LAYOUT_STEREO,
                                                    AV_CH_LAYOUT_SURROUND,     AV_CH_LAYOUT_4POINT0,
                                                    AV_CH_LAYOUT_5POINT0_BACK, AV_CH_LAYOUT_5POINT1_BACK};

@@ -23,10 +23,10 @@ namespace {
 
 using Kind = QualityScale::Kind;
 
-// No encoder decodes a picture this long before it is shown.
+/// No encoder decodes a picture this long before it is shown.
 constexpr std::chrono::seconds kLongestReordering = std::chrono::hours(1);
 
-// Encoders that print to standard error themselves, past FFmpeg's log, are told not to.
+/// Encoders that print to standard error themselves, past FFmpeg's log, are told not to.
 void silence(AVCodecContext& context, const std::string& encoder) {
     if (encoder == "libx265") {
         addToListOption(context.priv_data, "x265-params", "log-level", "none");
@@ -67,7 +67,7 @@ void applyQuality(AVCodecContext& context, const QualityScale& scale, float qual
     }
 }
 
-// Whoever sets one of these has chosen how quality and size are balanced.
+/// Whoever sets one of these has chosen how quality and size are balanced.
 bool choosesRateControl(const Settings& settings) {
     constexpr std::array<std::string_view, 6> keys{"b", "crf", "qp", "global_quality", "qscale", "rc"};
     return std::any_of(settings.options.begin(), settings.options.end(), [&](const auto& option) {
@@ -86,8 +86,8 @@ void applyBitRate(AVCodecContext& context, const Encoder& encoder, std::int64_t 
     }
 }
 
-// A request may set what the encoder itself knows, and of FFmpeg's general options those for encoding its
-// kind.
+/// A request may set what the encoder itself knows, and of FFmpeg's general options those for encoding its
+/// kind.
 void applyOption(AVCodecContext& context, const std::string& key, const std::string& value) {
     const int kind = context.codec_type == AVMEDIA_TYPE_VIDEO ? AV_OPT_FLAG_VIDEO_PARAM : AV_OPT_FLAG_AUDIO_PARAM;
     void* target = nullptr;
@@ -150,7 +150,7 @@ std::uint32_t muxerTag(std::uint32_t fourCC) {
     return MKTAG(fourCC >> 24 & 0xff, fourCC >> 16 & 0xff, fourCC >> 8 & 0xff, fourCC & 0xff);
 }
 
-// PCM is one codec to those who ask for it and many to FFmpeg.
+/// PCM is one codec to those who ask for it and many to FFmpeg.
 const char* exactName(const char* name, bool highResolution) {
     if (name && std::string_view(name) == "pcm") {
         return highResolution ? "pcm_s24le" : "pcm_s16le";

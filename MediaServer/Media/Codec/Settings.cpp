@@ -17,11 +17,11 @@ extern "C" {
 namespace krv::media {
 namespace {
 
-// Options through which an encoder writes or reads files of its own, or uses more of the machine than its
-// share.
+/// Options through which an encoder writes or reads files of its own, or uses more of the machine than its
+/// share.
 constexpr std::array<std::string_view, 6> kRefusedKeys{"stats",   "passlogfile", "vstats_file",
                                                        "threads", "thread_type", "dump_separator"};
-// The same within the options that carry an encoder's own option list.
+/// The same within the options that carry an encoder's own option list.
 constexpr std::array<std::string_view, 12> kRefusedParts{"stats",    "dump",   "csv",          "recon",
                                                          "analysis", "log",    "qpfile",       "zones",
                                                          "cqmfile",  "lambda", "scaling-list", "dolby-vision-rpu"};

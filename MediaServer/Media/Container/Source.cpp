@@ -13,28 +13,28 @@
 namespace krv::media {
 namespace {
 
-// How much of the file may be looked at to find out what its streams are.
+/// How much of the file may be looked at to find out what its streams are.
 constexpr std::int64_t kProbeBytes = 20'000'000;
 constexpr std::int64_t kProbeTime = std::int64_t{10} * AV_TIME_BASE;
 
-// A movie whose first frame is later than this does not begin with an empty edit, it is a piece of something
-// longer.
+/// A movie whose first frame is later than this does not begin with an empty edit, it is a piece of something
+/// longer.
 constexpr std::int64_t kLongestEmptyStart = 60 * static_cast<std::int64_t>(AV_TIME_BASE);
 
-// A jump of the clock that is larger than this is a splice, not a pause. Backwards any jump is one that is
-// larger than what inexact clocks do.
+/// A jump of the clock that is larger than this is a splice, not a pause. Backwards any jump is one that is
+/// larger than what inexact clocks do.
 constexpr std::int64_t kSpliceForward = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
 constexpr std::int64_t kSpliceBackward = AV_TIME_BASE / 10;
 
-// Lengths in headers are not exact; times this far behind the end are damage all the same.
+/// Lengths in headers are not exact; times this far behind the end are damage all the same.
 constexpr std::int64_t kSlack = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
 constexpr std::int64_t kLongestMovie = std::int64_t{1000} * 3600 * AV_TIME_BASE;
 
-// Demuxers that resynchronise after damage report each failed try; after so many in a row there is nothing to
-// come.
+/// Demuxers that resynchronise after damage report each failed try; after so many in a row there is nothing to
+/// come.
 constexpr int kReadAttempts = 64;
 
-// For a demuxer a lack of memory is, as a rule, a damaged header that claims to need that much.
+/// For a demuxer a lack of memory is, as a rule, a damaged header that claims to need that much.
 [[noreturn]] void unusable(int result, const char* attempt) {
     if (result == AVERROR(ENOMEM)) {
         throw Failure(FailureCode::UnusableSource, "It claims to be larger than what fits into memory.");

@@ -10,12 +10,12 @@
 namespace krv::media {
 namespace {
 
-// Formats whose files name other files or addresses, and formats that turn any text into pictures.
+/// Formats whose files name other files or addresses, and formats that turn any text into pictures.
 constexpr std::array<std::string_view, 14> kRefused{
     "applehttp", "concat", "dash", "ffmetadata", "hls",    "imf",         "lavfi",
     "rtp",       "rtsp",   "sap",  "sdp",        "vobsub", "vapoursynth", "webm_dash_manifest"};
 
-// Formats that take any text for pictures.
+/// Formats that take any text for pictures.
 constexpr std::string_view kTextAsPictures = "tty";
 
 bool refused(const AVInputFormat& format) {

@@ -15,7 +15,7 @@ void copyParameters(const AVStream& from, AVStream& to) {
     }
 }
 
-// Keeps the source's tag where it means the same codec in the new container, else lets the muxer choose.
+/// Keeps the source's tag where it means the same codec in the new container, else lets the muxer choose.
 std::uint32_t tagFor(const AVFormatContext& output, const Container& container, const AVCodecParameters& codec) {
     const bool movFamily = container.indexInFront;
     if (codec.codec_id == AV_CODEC_ID_HEVC && movFamily && codec.codec_tag != MKTAG('h', 'e', 'v', '1')) {

@@ -11,7 +11,7 @@ extern "C" {
 namespace krv::media {
 namespace {
 
-// "[mov,mp4 @ 0x55d0] moov atom not found" says to a person what comes after the bracket.
+/// "[mov,mp4 @ 0x55d0] moov atom not found" says to a person what comes after the bracket.
 std::string_view withoutPrefix(std::string_view line) {
     while (line.starts_with('[')) {
         const auto end = line.find("] ");

@@ -49,13 +49,13 @@
 namespace krv::media {
 namespace {
 
-// Looking through the sources is reading; encoding takes far longer than that, copying does it once more, and
-// moving the index to the front another time.
+/// Looking through the sources is reading; encoding takes far longer than that, copying does it once more, and
+/// moving the index to the front another time.
 constexpr double kSurveyed = 0.05;
 constexpr double kCopied = 0.65;
 constexpr double kEncoded = 0.98;
 
-// Tracks of one file may be this far apart in it.
+/// Tracks of one file may be this far apart in it.
 constexpr std::int64_t kInterleaving = AV_TIME_BASE;
 
 std::string nameOf(const std::string& path) {
@@ -193,7 +193,7 @@ private:
         }
     }
 
-    // What a source counts for in the progress.
+    /// What a source counts for in the progress.
     [[nodiscard]] double weight(std::size_t index) const {
         return plan_.encodes() ? static_cast<double>(plan_.boundaries[index + 1] - plan_.boundaries[index])
                                : static_cast<double>(surveys_[index].bytes);
@@ -261,8 +261,8 @@ private:
         return av_rescale_q(packet.dts, stream.time_base, kMicroseconds);
     }
 
-    // Tracks that the source does not have, or no more, are filled as the others go on: otherwise the muxer
-    // would have to keep all of the others' packets until the source ends.
+    /// Tracks that the source does not have, or no more, are filled as the others go on: otherwise the muxer
+    /// would have to keep all of the others' packets until the source ends.
     void fillEnded(const std::vector<std::int64_t>& left, std::int64_t time) {
         for (std::size_t i = 0; i < lanes_.size(); ++i) {
             const TrackSurvey* track = plan_.tracks[i].parts[at_];

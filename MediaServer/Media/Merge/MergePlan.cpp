@@ -7,21 +7,21 @@
 namespace krv::media {
 namespace {
 
-// Sound that is copied cannot be lengthened by silence. A pause at a join that is shorter than this is left to
-// the times of the packets, a longer one has to be made.
+/// Sound that is copied cannot be lengthened by silence. A pause at a join that is shorter than this is left to
+/// the times of the packets, a longer one has to be made.
 constexpr std::int64_t kUnheardPause = 50'000;
 
-// At a join sound is out of step by half a packet at most, which must not be seen.
+/// At a join sound is out of step by half a packet at most, which must not be seen.
 constexpr std::int64_t kLongestPacket = 35'000;
 
-// MPEG-4 part 2 counts the ticks of a second in 16 bits; other encoders like small numbers too.
+/// MPEG-4 part 2 counts the ticks of a second in 16 bits; other encoders like small numbers too.
 constexpr int kMostTicks = 65535;
 
 bool sameRational(AVRational a, AVRational b) {
     return av_cmp_q(a.num > 0 ? a : AVRational{1, 1}, b.num > 0 ? b : AVRational{1, 1}) == 0;
 }
 
-// Whether packets of one can follow packets of the other without a decoder noticing.
+/// Whether packets of one can follow packets of the other without a decoder noticing.
 bool agree(const TrackSurvey& a, const TrackSurvey& b) {
     const AVCodecParameters& p = *a.parameters;
     const AVCodecParameters& q = *b.parameters;

@@ -36,7 +36,7 @@ TrackSurvey describe(const Source& source, std::size_t index) {
     return track;
 }
 
-// Gathers what the packets of a track say.
+/// Gathers what the packets of a track say.
 class Watcher {
 public:
     Watcher(TrackSurvey& track, const AVStream& stream)
@@ -75,7 +75,7 @@ public:
         end_ = std::max(end_, pts + duration - hiddenAtEnd(packet));
     }
 
-    // Whether there was anything that counts.
+    /// Whether there was anything that counts.
     [[nodiscard]] bool conclude() {
         if (end_ <= start_) {
             return false;
@@ -98,7 +98,7 @@ private:
         return av_rescale_q(samples, AVRational{1, stream_.codecpar->sample_rate}, stream_.time_base);
     }
 
-    // The samples at the end of the last packet that only fill it.
+    /// The samples at the end of the last packet that only fill it.
     [[nodiscard]] std::int64_t hiddenAtEnd(const AVPacket& packet) const {
         std::size_t size = 0;
         const std::uint8_t* data = av_packet_get_side_data(&packet, AV_PKT_DATA_SKIP_SAMPLES, &size);

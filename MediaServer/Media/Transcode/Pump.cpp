@@ -9,11 +9,11 @@
 namespace krv::media {
 namespace {
 
-// How many packets may be kept back, in bytes, while a stream still has to show its first picture.
+/// How many packets may be kept back, in bytes, while a stream still has to show its first picture.
 constexpr std::int64_t kMostQueuedBytes = std::int64_t{64} << 20;
 
-// Where the phases end. Moving the index to the front reads and writes everything once more, which counts
-// where the streams were only copied.
+/// Where the phases end. Moving the index to the front reads and writes everything once more, which counts
+/// where the streams were only copied.
 constexpr double kCopied = 0.6;
 constexpr double kEncoded = 0.98;
 

@@ -54,7 +54,7 @@ private:
         return std::move(plan_);
     }
 
-    // The indices of the usable streams of a kind; only the default or first one if so wanted.
+    /// The indices of the usable streams of a kind; only the default or first one if so wanted.
     std::vector<std::size_t> tracks(AVMediaType kind, bool onlyOne) const {
         std::vector<std::size_t> found = usableStreams(source_, kind);
         if (const auto one = defaultOrFirst(source_, found); onlyOne && one) {
@@ -132,7 +132,7 @@ private:
         }
     }
 
-    // Telemetry is worth keeping; other data tracks (time code, chapter titles) are made anew by the muxer.
+    /// Telemetry is worth keeping; other data tracks (time code, chapter titles) are made anew by the muxer.
     void planData(std::size_t index) {
         const AVStream& stream = source_.stream(index);
         const bool telemetry = stream.codecpar->codec_tag == MKTAG('g', 'p', 'm', 'd');
@@ -155,8 +155,8 @@ private:
         }
     }
 
-    // Without a way to say "show it rotated" the pixels themselves have to be turned, and without a way to
-    // say "begin here" the pictures before that have to be left out.
+    /// Without a way to say "show it rotated" the pixels themselves have to be turned, and without a way to
+    /// say "begin here" the pictures before that have to be left out.
     bool losesPresentation(const AVStream& stream) const {
         if (!container_.displayMatrix && av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr)) {
             return true;

@@ -27,8 +27,8 @@ int clockwiseQuarterTurns(const std::int32_t* matrix) {
     return std::isfinite(degrees) ? (static_cast<int>(std::lround(degrees / 90)) % 4 + 4) % 4 : 0;
 }
 
-// A matrix with a negative determinant mirrors. What FFmpeg then reports as the angle is that of the first
-// column.
+/// A matrix with a negative determinant mirrors. What FFmpeg then reports as the angle is that of the first
+/// column.
 bool mirrors(const std::int32_t* matrix) {
     const auto a = static_cast<double>(matrix[0]), b = static_cast<double>(matrix[1]);
     const auto c = static_cast<double>(matrix[3]), d = static_cast<double>(matrix[4]);
@@ -76,8 +76,8 @@ int aligned(double side, int log2) {
     return std::clamp(static_cast<int>(std::lround(side)) & ~(unit - 1), unit, 16384);
 }
 
-// Sides that are asked for are those of the upright picture. One alone keeps the shape of the picture; two of
-// them change the shape of the pixels, so that what is shown is not distorted.
+/// Sides that are asked for are those of the upright picture. One alone keeps the shape of the picture; two of
+/// them change the shape of the pixels, so that what is shown is not distorted.
 void chooseSize(PictureFormat& format, const PictureRequest& request, bool sideways) {
     const double width = request.frame.width;
     const double height = request.frame.height;
@@ -150,8 +150,8 @@ void chooseColour(PictureFormat& format, const PictureRequest& request) {
     }
 }
 
-// Fields are kept where the codec stays the same, and for codecs of post production. Elsewhere the change of
-// codec is the moment to make whole pictures of them, because the new one's players expect these.
+/// Fields are kept where the codec stays the same, and for codecs of post production. Elsewhere the change of
+/// codec is the moment to make whole pictures of them, because the new one's players expect these.
 void chooseInterlacing(PictureFormat& format, const PictureRequest& request) {
     const char* name = request.codec.encoders.front();
     const bool staysSame = request.stream.codecpar->codec_id == request.codec.id;

@@ -9,10 +9,10 @@
 namespace krv::media {
 namespace {
 
-// Where the container has no index that tells, decoding on is quicker than seeking for times as close as this.
+/// Where the container has no index that tells, decoding on is quicker than seeking for times as close as this.
 constexpr std::int64_t kClose = 2 * static_cast<std::int64_t>(AV_TIME_BASE);
 
-// The first step further back when the picture is not found; each is four times the one before.
+/// The first step further back when the picture is not found; each is four times the one before.
 constexpr std::int64_t kFirstStepBack = AV_TIME_BASE;
 
 std::size_t requireVideo(const Source& source) {

@@ -15,19 +15,19 @@ extern "C" {
 namespace krv::media {
 namespace {
 
-// A grey value up to this is nearly black, also where fields of noise crawl about in it.
+/// A grey value up to this is nearly black, also where fields of noise crawl about in it.
 constexpr int kNearlyBlack = 32;
 constexpr double kVisiblePart = 0.02;
 constexpr double kUniform = 4;
 
 constexpr double kFirstPart = 0.1;
-// Every picture is looked at for this long; after that key frames are, because a tenth of a long movie is long, too.
+/// Every picture is looked at for this long; after that key frames are, because a tenth of a long movie is long, too.
 constexpr std::int64_t kLookClosely = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
 constexpr int kMostPictures = 300;
 constexpr int kMostKeyFrames = 300;
 constexpr int kSpread = 20;
 
-// Larger than any screen that shows posters.
+/// Larger than any screen that shows posters.
 constexpr double kLargestSide = 3840;
 
 class PosterSearch {
@@ -67,7 +67,7 @@ public:
     }
 
 private:
-    // Whether one of the pictures from here to a time, as many as at most, is worth showing. It is the best then.
+    /// Whether one of the pictures from here to a time, as many as at most, is worth showing. It is the best then.
     bool among(std::int64_t end, int most) {
         for (int i = 0; i < most; ++i) {
             FramePtr frame = reader_.next();
@@ -104,7 +104,7 @@ private:
     double brightness_ = 0;
 };
 
-// The cover itself where it is a JPEG that can be shown; the same picture made one otherwise.
+/// The cover itself where it is a JPEG that can be shown; the same picture made one otherwise.
 std::vector<std::uint8_t> coverOf(const Source& source) {
     for (std::size_t i = 0; i < source.streamCount(); ++i) {
         const AVStream& stream = source.stream(i);

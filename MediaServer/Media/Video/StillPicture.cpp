@@ -11,12 +11,12 @@
 namespace krv::media {
 namespace {
 
-// Small errors that nobody sees at a third of the size of the best.
+/// Small errors that nobody sees at a third of the size of the best.
 constexpr int kQuantiser = 3;
 
 constexpr int kLongestSide = 16384;
 
-// JPEG can say neither "show it turned" nor anything else that a movie's container can.
+/// JPEG can say neither "show it turned" nor anything else that a movie's container can.
 constexpr Container kStill{"jpg", "", 0, 0, AV_CODEC_ID_NONE, CoverArt::None, false, false, false, false, false, ""};
 
 PictureFormat formatOf(const AVStream& stream, const AVFrame& frame, Extent extent) {

@@ -17,7 +17,7 @@ extern "C" {
 namespace krv::media {
 namespace {
 
-// Pictures whose shapes differ by less than this are the same shape: rounding to even sides does that much.
+/// Pictures whose shapes differ by less than this are the same shape: rounding to even sides does that much.
 constexpr double kSameShape = 0.02;
 
 const char* rangeName(AVColorRange range) {
@@ -48,14 +48,14 @@ const char* matrixName(AVColorSpace space) {
     }
 }
 
-// What is white on paper in an HDR movie, in candela per square metre; it is to be the white of an ordinary one.
+/// What is white on paper in an HDR movie, in candela per square metre; it is to be the white of an ordinary one.
 constexpr double kReferenceWhite = 203;
 
-// Up to this part of white nothing is changed; only what is brighter is compressed, so that faces and scenery look as
-// they do in the ordinary version of a movie. Curves that bend everything darken it as a whole.
+/// Up to this part of white nothing is changed; only what is brighter is compressed, so that faces and scenery look as
+/// they do in the ordinary version of a movie. Curves that bend everything darken it as a whole.
 constexpr double kUntouched = 0.8;
 
-// Brings HDR to what an ordinary screen shows: linear light, the smaller gamut, the compressed highlights.
+/// Brings HDR to what an ordinary screen shows: linear light, the smaller gamut, the compressed highlights.
 std::string toneMapping(const AVFrame& frame, const PictureFormat& target) {
     const bool unknownPrimaries = frame.color_primaries == AVCOL_PRI_UNSPECIFIED;
     const bool unknownSpace = frame.colorspace == AVCOL_SPC_UNSPECIFIED;
@@ -78,7 +78,7 @@ std::string toneMapping(const AVFrame& frame, const PictureFormat& target) {
                        std::max(target.peakLuminance / kReferenceWhite, 1.01));
 }
 
-// Brings ordinary pictures, or those of the other kind of HDR, to the HDR of the target.
+/// Brings ordinary pictures, or those of the other kind of HDR, to the HDR of the target.
 std::string widening(const AVFrame& frame, const PictureFormat& target) {
     std::string input;
     if (frame.color_primaries == AVCOL_PRI_UNSPECIFIED) {
@@ -103,7 +103,7 @@ double pixelShape(AVRational aspect) {
     return aspect.num > 0 && aspect.den > 0 ? av_q2d(aspect) : 1;
 }
 
-// How the colours of the frame are meant and how they are wanted.
+/// How the colours of the frame are meant and how they are wanted.
 std::string matrices(const AVFrame& frame, const PictureFormat& target) {
     const AVPixFmtDescriptor* source = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
     const AVPixFmtDescriptor* wanted = av_pix_fmt_desc_get(target.pixels);

@@ -9,10 +9,10 @@
 namespace krv::media {
 namespace {
 
-// MPEG-4 part 2 counts the ticks of a second in 16 bits.
+/// MPEG-4 part 2 counts the ticks of a second in 16 bits.
 constexpr int kMPEG4Ticks = 65535;
 
-// A rate comes as a 32-bit number, but 29.97 means 30000/1001.
+/// A rate comes as a 32-bit number, but 29.97 means 30000/1001.
 AVRational rationalRate(float fps) {
     const double value = static_cast<double>(fps);
     const double whole = std::round(value * 1.001);
@@ -22,7 +22,7 @@ AVRational rationalRate(float fps) {
     return av_d2q(value, 100000);
 }
 
-// What the header says about a stream of which no picture could be decoded yet.
+/// What the header says about a stream of which no picture could be decoded yet.
 FramePtr expectedFrame(const AVStream& from) {
     FramePtr frame = newFrame();
     const AVCodecParameters& codec = *from.codecpar;

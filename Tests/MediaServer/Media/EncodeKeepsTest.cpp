@@ -8,8 +8,8 @@
 namespace krv::media::test {
 namespace {
 
-// How far the grey values of two encodings of one picture may be apart; a wrong orientation is several times
-// that.
+/// How far the grey values of two encodings of one picture may be apart; a wrong orientation is several times
+/// that.
 constexpr double kSamePicture = 4;
 
 std::vector<nlohmann::json> frameSideData(const std::string& path) {
@@ -29,7 +29,7 @@ std::string displayMatrix(const Probe& probe) {
     return "";
 }
 
-// A copy of upright.mp4 that is shown by another matrix: two rows of two, in 16.16 fixed point.
+/// A copy of upright.mp4 that is shown by another matrix: two rows of two, in 16.16 fixed point.
 OutputPath turned(std::array<int, 4> matrix) {
     std::string bytes = readFile(testMedia("upright.mp4"));
     const auto box = bytes.find("tkhd");

@@ -36,7 +36,7 @@ namespace {
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-// A picture or sample counts as bright or loud from here on.
+/// A picture or sample counts as bright or loud from here on.
 constexpr int kBright = 100;
 constexpr int kLoud = 1000;
 constexpr int kProbeRate = 48000;

@@ -34,7 +34,7 @@ void expectOneStereoTrack(const OutputPath& output, const char* codec = "aac") {
     EXPECT_EQ(number(tracks[0], "channels"), 2);
 }
 
-// The level of the tone in a channel of a source, as far from its ends as in level().
+/// The level of the tone in a channel of a source, as far from its ends as in level().
 double sourceLevel(const char* source, std::size_t channel) {
     return decodedSound(testMedia(source)).level(channel, kTone, 0.5, 1.5);
 }

@@ -11,7 +11,7 @@ namespace {
 constexpr int kRate = 8000;
 constexpr AVRational kUnit{1, 1000};
 
-// Collects what comes out of a resampler for 16-bit mono at 8 kHz.
+/// Collects what comes out of a resampler for 16-bit mono at 8 kHz.
 class AudioResamplerTest : public testing::Test {
 protected:
     AudioResamplerTest() {
@@ -23,7 +23,7 @@ protected:
         resampler_ = std::make_unique<AudioResampler>(*encoder_, kUnit, 10'000);
     }
 
-    // A frame of constant value.
+    /// A frame of constant value.
     void push(std::int64_t time, int milliseconds, std::int16_t value, int rate = kRate) {
         const FramePtr frame = newFrame();
         frame->pts = time;
@@ -42,7 +42,7 @@ protected:
         return samples_;
     }
 
-    // Where the value changes first; the number of samples if it never does.
+    /// Where the value changes first; the number of samples if it never does.
     std::size_t firstNonZero() const {
         return static_cast<std::size_t>(std::find_if(samples_.begin(), samples_.end(), [](auto s) { return s != 0; }) -
                                         samples_.begin());

@@ -13,7 +13,7 @@ namespace {
 constexpr int kRate = 48000;
 constexpr float kCeiling = 0.5F;
 
-// What comes out for sound that goes in in pieces of that many samples.
+/// What comes out for sound that goes in in pieces of that many samples.
 struct Stereo {
     std::vector<float> left, right;
 };

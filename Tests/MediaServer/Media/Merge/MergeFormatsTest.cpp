@@ -8,7 +8,7 @@ namespace {
 constexpr int kBlack = 24;
 constexpr int kWhite = 200;
 
-// The columns and rows of the middle cross that are white: first and one behind the last.
+/// The columns and rows of the middle cross that are white: first and one behind the last.
 struct Extent {
     int left, right, top, bottom;
 };

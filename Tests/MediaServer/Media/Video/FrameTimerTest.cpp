@@ -11,7 +11,7 @@ namespace {
 using testing::ElementsAre;
 using testing::Pair;
 
-// Times of the source in milliseconds, durations 0 unless said otherwise.
+/// Times of the source in milliseconds, durations 0 unless said otherwise.
 std::vector<std::pair<std::int64_t, std::int64_t>>
 timed(FrameTimer timer, const std::vector<std::pair<std::int64_t, std::int64_t>>& pictures) {
     std::vector<std::pair<std::int64_t, std::int64_t>> result;
