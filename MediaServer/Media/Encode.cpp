@@ -18,9 +18,9 @@ namespace {
 constexpr float kSlowest = 0.01F;
 constexpr float kFastest = 1000;
 
-class Job {
+class Encoding {
 public:
-    Job(const EncodeRequest& request, ProgressSink& sink)
+    Encoding(const EncodeRequest& request, ProgressSink& sink)
         : request_(request)
         , progress_(sink)
         , container_(containerForPath(request.destinationPath))
@@ -86,7 +86,7 @@ private:
 void encode(const EncodeRequest& request, ProgressSink& sink) {
     FFmpegLog::instance().clear();
     try {
-        Job(request, sink).run();
+        Encoding(request, sink).run();
     } catch (Failure& failure) {
         failure.about(request.sourcePath, request.destinationPath);
         throw;

@@ -11,7 +11,7 @@
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Foundation/FFmpegLog.h>
 #include <MediaServer/Media/InterestingTimes.h>
-#include <MediaServer/Media/Video/PictureReader.h>
+#include <MediaServer/Media/Video/FrameReader.h>
 
 namespace krv::media {
 namespace {
@@ -37,9 +37,9 @@ bool readAt(int descriptor, std::int64_t offset, std::span<std::byte> bytes) {
     return true;
 }
 
-class Job {
+class TimesFinder {
 public:
-    Job(const InterestingTimesRequest& request, ProgressSink& sink)
+    TimesFinder(const InterestingTimesRequest& request, ProgressSink& sink)
         : request_(request)
         , progress_(sink)
         , source_(request.source, request.sourcePath, progress_) {}
@@ -230,7 +230,7 @@ private:
 InterestingTimes interestingTimes(const InterestingTimesRequest& request, ProgressSink& sink) {
     FFmpegLog::instance().clear();
     try {
-        return Job(request, sink).run();
+        return TimesFinder(request, sink).run();
     } catch (Failure& failure) {
         failure.about(request.sourcePath, request.sourcePath);
         throw;

@@ -8,7 +8,7 @@
 #include <MediaServer/Media/Container/StreamSelection.h>
 #include <MediaServer/Media/Foundation/FFmpegLog.h>
 #include <MediaServer/Media/MovieInfo.h>
-#include <MediaServer/Media/Video/PictureReader.h>
+#include <MediaServer/Media/Video/FrameReader.h>
 #include <MediaServer/Media/Video/Poster.h>
 
 extern "C" {

@@ -23,7 +23,7 @@ bool isDefault(const AVStream& stream) {
 }
 
 /// The one that names the mix comes first.
-std::vector<std::size_t> enabledSound(const Source& source) {
+std::vector<std::size_t> enabledAudio(const Source& source) {
     auto found = usableStreams(source, AVMEDIA_TYPE_AUDIO);
     const auto preferred = [&](std::size_t i) { return isDefault(source.stream(i)); };
     // The demuxer of the mov family shows a track's "enabled" as "default"; of other containers' tracks the
@@ -44,13 +44,13 @@ const Codec& mixCodec(const Container& container) {
 void run(const StereoMixRequest& request, Progress& progress) {
     const Container& container = containerForPath(request.destinationPath);
     Source source(request.source, request.sourcePath, progress);
-    const auto enabled = enabledSound(source);
+    const auto enabled = enabledAudio(source);
     if (enabled.empty()) {
         throw Failure(FailureCode::UnusableSource, "It has no audio.");
     }
     OutputFile output(request.destination, container, progress);
     Pump pump(source, output, progress);
-    const auto others = planAllButSound(source, container);
+    const auto others = planAllButAudio(source, container);
     const auto isVideo = [&](const StreamPlan& one) {
         return source.stream(one.index).codecpar->codec_type == AVMEDIA_TYPE_VIDEO &&
                one.treatment != StreamPlan::Treatment::Cover;

@@ -16,15 +16,15 @@
 
 #include <MediaServer/Media/Foundation/FFmpegLog.h>
 #include <MediaServer/Media/Thumbnails.h>
-#include <MediaServer/Media/Video/PictureReader.h>
+#include <MediaServer/Media/Video/FrameReader.h>
 #include <MediaServer/Media/Video/StillPicture.h>
 
 namespace krv::media {
 namespace {
 
-class Job {
+class ThumbnailMaker {
 public:
-    Job(const ThumbnailRequest& request, ProgressSink& sink)
+    ThumbnailMaker(const ThumbnailRequest& request, ProgressSink& sink)
         : request_(request)
         , count_(static_cast<std::size_t>(request.count))
         , readers_(std::min(static_cast<std::size_t>(coreCount()), count_))
@@ -55,15 +55,15 @@ private:
     /// One reader's signs of life and progress become everybody's.
     class PartSink final : public ProgressSink {
     public:
-        explicit PartSink(Job& job)
-            : job_(job) {}
+        explicit PartSink(ThumbnailMaker& maker)
+            : maker_(maker) {}
         void progress(double) noexcept override {
-            const LockGuard lock(job_.mutex_);
-            job_.progress_.alive();
+            const LockGuard lock(maker_.mutex_);
+            maker_.progress_.alive();
         }
 
     private:
-        Job& job_;
+        ThumbnailMaker& maker_;
     };
 
     void readPart(std::size_t part) noexcept {
@@ -71,7 +71,7 @@ private:
             PartSink sink(*this);
             Progress progress(sink);
             Source source(request_.source, request_.sourcePath, progress);
-            PictureReader reader(source);
+            FrameReader reader(source);
             const std::size_t end = (part + 1) * count_ / readers_;
             for (std::size_t i = part * count_ / readers_; i < end && !failed_; ++i) {
                 make(reader, i);
@@ -85,7 +85,7 @@ private:
         }
     }
 
-    void make(PictureReader& reader, std::size_t i) {
+    void make(FrameReader& reader, std::size_t i) {
         const double middle = (static_cast<double>(i) + 0.5) / static_cast<double>(count_);
         const auto time = reader.source().start() + std::llround(middle * static_cast<double>(reader.duration()));
         FramePtr frame = reader.shownAt(time);
@@ -131,7 +131,7 @@ private:
 std::vector<Thumbnail> makeThumbnails(const ThumbnailRequest& request, ProgressSink& sink) {
     FFmpegLog::instance().clear();
     try {
-        return Job(request, sink).run();
+        return ThumbnailMaker(request, sink).run();
     } catch (Failure& failure) {
         failure.about(request.sourcePath, request.destinationPath);
         throw;

@@ -43,22 +43,22 @@ StereoMixTrack::StereoMixTrack(const Source& source, const std::vector<const AVS
     , codec_(codec)
     , settings_(stereoSettings(codec)) {
     for (const AVStream* stream : from) {
-        voices_.push_back(std::make_unique<Voice>(*stream));
+        inputs_.push_back(std::make_unique<Input>(*stream));
     }
 }
 
 void StereoMixTrack::open(OutputFile& output) {
-    const AVStream& first = voices_.front()->from;
+    const AVStream& first = inputs_.front()->from;
     encoder_.emplace(EncoderSession::Request{codec_, 0, settings_, hasHighResolution(first)}, output,
                      [this](AVCodecContext& context) { prepare(context); });
     const int rate = encoder_->context().sample_rate;
     const AudioResampler::Format mixed(AV_SAMPLE_FMT_FLTP, rate, kStereo, 0);
-    for (const auto& voice : voices_) {
-        const AVRational unit = voice->from.time_base;
-        voice->resampler.emplace(mixed, unit, av_rescale_q(source_.lastPlausibleTime(), kMicroseconds, unit),
+    for (const auto& input : inputs_) {
+        const AVRational unit = input->from.time_base;
+        input->resampler.emplace(mixed, unit, av_rescale_q(source_.lastPlausibleTime(), kMicroseconds, unit),
                                  &stereoMatrix);
     }
-    sum_.emplace(voices_.size(), kMostHeldSeconds * rate);
+    sum_.emplace(inputs_.size(), kMostHeldSeconds * rate);
     limiter_.emplace(rate, kCeiling);
     packing_.emplace(encoder_->context(), AVRational{1, rate}, 0);
     copyTrackMetadata(first, encoder_->stream(), output.container());
@@ -66,22 +66,22 @@ void StereoMixTrack::open(OutputFile& output) {
 }
 
 void StereoMixTrack::prepare(AVCodecContext& context) const {
-    chooseAudioFormat(context, voices_.front()->from, settings_, codec_);
+    chooseAudioFormat(context, inputs_.front()->from, settings_, codec_);
     context.ch_layout = kStereo;
 }
 
 void StereoMixTrack::push(const AVPacket& packet) {
-    for (std::size_t i = 0; i < voices_.size(); ++i) {
-        if (Voice& voice = *voices_[i]; voice.from.index == packet.stream_index) {
-            voice.decoder.push(packet, [&](FramePtr frame) {
-                voice.resampler->push(*frame, [this, i](FramePtr ready) { add(i, *ready); });
+    for (std::size_t i = 0; i < inputs_.size(); ++i) {
+        if (Input& input = *inputs_[i]; input.from.index == packet.stream_index) {
+            input.decoder.push(packet, [&](FramePtr frame) {
+                input.resampler->push(*frame, [this, i](FramePtr ready) { add(i, *ready); });
             });
         }
     }
 }
 
-void StereoMixTrack::add(std::size_t voice, const AVFrame& frame) {
-    sum_->add(voice, channel(frame, 0), channel(frame, 1), [this](auto left, auto right) { limit(left, right); });
+void StereoMixTrack::add(std::size_t input, const AVFrame& frame) {
+    sum_->add(input, channel(frame, 0), channel(frame, 1), [this](auto left, auto right) { limit(left, right); });
 }
 
 void StereoMixTrack::limit(std::span<const float> left, std::span<const float> right) {
@@ -105,11 +105,11 @@ void StereoMixTrack::encode(std::span<const float> left, std::span<const float> 
 }
 
 void StereoMixTrack::finish() {
-    for (std::size_t i = 0; i < voices_.size(); ++i) {
-        Voice& voice = *voices_[i];
+    for (std::size_t i = 0; i < inputs_.size(); ++i) {
+        Input& input = *inputs_[i];
         const auto mix = [this, i](FramePtr ready) { add(i, *ready); };
-        voice.decoder.finish([&](FramePtr frame) { voice.resampler->push(*frame, mix); });
-        voice.resampler->finish(mix);
+        input.decoder.finish([&](FramePtr frame) { input.resampler->push(*frame, mix); });
+        input.resampler->finish(mix);
         sum_->finish(i, [this](auto left, auto right) { limit(left, right); });
     }
     limiter_->finish([this](auto left, auto right) { encode(left, right); });

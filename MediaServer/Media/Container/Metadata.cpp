@@ -90,7 +90,7 @@ void copyTrackMetadata(const AVStream& from, AVStream& to, const Container& cont
     to.disposition = from.disposition;
 }
 
-void copyPictureSideData(const AVStream& from, AVStream& to, bool displayMatrix) {
+void copyVideoSideData(const AVStream& from, AVStream& to, bool displayMatrix) {
     if (displayMatrix) {
         copySideData(from, to, AV_PKT_DATA_DISPLAYMATRIX);
     }

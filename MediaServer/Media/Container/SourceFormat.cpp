@@ -16,7 +16,7 @@ constexpr std::array<std::string_view, 14> kRefused{
     "rtp",       "rtsp",   "sap",  "sdp",        "vobsub", "vapoursynth", "webm_dash_manifest"};
 
 /// Formats that take any text for pictures.
-constexpr std::string_view kTextAsPictures = "tty";
+constexpr std::string_view kTextAsVideo = "tty";
 
 bool refused(const AVInputFormat& format) {
     if (format.flags & AVFMT_NOFILE) {
@@ -48,7 +48,7 @@ const AVInputFormat& probeFormat(AVIOContext& io, const std::string& path) {
     if (result == AVERROR(ENOMEM)) {
         throw std::bad_alloc();
     }
-    if (result < 0 || !format || format->name == kTextAsPictures) {
+    if (result < 0 || !format || format->name == kTextAsVideo) {
         throw Failure(FailureCode::UnusableSource, "Its content is of no known media format.");
     }
     if (refused(*format)) {

@@ -7,10 +7,10 @@
 #include <MediaServer/Media/Foundation/FFmpegLog.h>
 #include <MediaServer/Media/Foundation/Progress.h>
 #include <MediaServer/Media/Merge/Merge.h>
-#include <MediaServer/Media/Merge/MergeCopyLane.h>
-#include <MediaServer/Media/Merge/MergePictureLane.h>
+#include <MediaServer/Media/Merge/MergeAudioTrack.h>
+#include <MediaServer/Media/Merge/MergeCopyTrack.h>
 #include <MediaServer/Media/Merge/MergePlan.h>
-#include <MediaServer/Media/Merge/MergeSoundLane.h>
+#include <MediaServer/Media/Merge/MergeVideoTrack.h>
 
 // How time is laid out.
 //
@@ -64,7 +64,7 @@ std::string nameOf(const std::string& path) {
     return dot == std::string::npos || dot == 0 ? file : file.substr(0, dot);
 }
 
-FramePtr firstPicture(Source& source, std::size_t index) {
+FramePtr firstFrame(Source& source, std::size_t index) {
     source.select({index});
     Decoder decoder(source.stream(index));
     FramePtr first;
@@ -86,9 +86,9 @@ FramePtr firstPicture(Source& source, std::size_t index) {
     return first;
 }
 
-class Job {
+class Merger {
 public:
-    Job(const MergeRequest& request, ProgressSink& sink)
+    Merger(const MergeRequest& request, ProgressSink& sink)
         : request_(request)
         , progress_(sink)
         , container_(containerForPath(request.destinationPath)) {}
@@ -101,9 +101,9 @@ public:
         plan_ = planMerge(surveys_, container_, request_.useShortest);
         OutputFile output(request_.destination, container_, progress_);
         describe(output);
-        makeLanes();
-        for (const auto& lane : lanes_) {
-            lane->open(output);
+        makeTracks();
+        for (const auto& track : tracks_) {
+            track->open(output);
         }
         output.writeHeader();
         progress_.beginPhase(plan_.encodes() || !container_.indexInFront ? kEncoded : kCopied);
@@ -111,8 +111,8 @@ public:
             append();
         }
         at_ = 0;
-        for (const auto& lane : lanes_) {
-            lane->finish();
+        for (const auto& track : tracks_) {
+            track->finish();
         }
         if (output.packetCount() == 0) {
             fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "Nothing in it can be decoded");
@@ -172,9 +172,9 @@ private:
         addChapters(chapters, plan_.boundary(surveys_.size()), output);
     }
 
-    void makeLanes() {
+    void makeTracks() {
         const std::int64_t end = plan_.boundary(surveys_.size());
-        for (const MergeTrack& track : plan_.tracks) {
+        for (const PlannedTrack& track : plan_.tracks) {
             at_ = track.model;
             auto& model = models_[track.model];
             if (!model) {
@@ -183,12 +183,12 @@ private:
             const std::size_t index = track.parts[track.model]->index;
             const AVStream& stream = model->stream(index);
             if (!track.codec) {
-                lanes_.push_back(std::make_unique<MergeCopyLane>(stream));
+                tracks_.push_back(std::make_unique<MergeCopyTrack>(stream));
             } else if (track.kind == AVMEDIA_TYPE_VIDEO) {
-                lanes_.push_back(std::make_unique<MergePictureLane>(
-                    MergePictureLane::Model{stream, firstPicture(*model, index), plan_.tick, end}, *track.codec));
+                tracks_.push_back(std::make_unique<MergeVideoTrack>(
+                    MergeVideoTrack::Model{stream, firstFrame(*model, index), plan_.tick, end}, *track.codec));
             } else {
-                lanes_.push_back(std::make_unique<MergeSoundLane>(stream, *track.codec, end));
+                tracks_.push_back(std::make_unique<MergeAudioTrack>(stream, *track.codec, end));
             }
         }
     }
@@ -206,40 +206,40 @@ private:
             before += i < at_ ? weight(i) : 0;
         }
         const auto source = open(at_);
-        std::map<int, std::size_t> laneOf;
+        std::map<int, std::size_t> trackOf;
         std::vector<std::size_t> read;
-        for (std::size_t i = 0; i < lanes_.size(); ++i) {
+        for (std::size_t i = 0; i < tracks_.size(); ++i) {
             const TrackSurvey* track = plan_.tracks[i].parts[at_];
             if (track) {
-                laneOf[static_cast<int>(track->index)] = i;
+                trackOf[static_cast<int>(track->index)] = i;
                 read.push_back(track->index);
             }
-            lanes_[i]->begin({track ? &source->stream(track->index) : nullptr, plan_.boundary(at_),
-                              plan_.boundary(at_ + 1), at_ == 0, at_ + 1 == surveys_.size()});
+            tracks_[i]->begin({track ? &source->stream(track->index) : nullptr, plan_.boundary(at_),
+                               plan_.boundary(at_ + 1), at_ == 0, at_ + 1 == surveys_.size()});
         }
         source->select(read);
-        std::vector<bool> done(lanes_.size());
+        std::vector<bool> done(tracks_.size());
         std::vector<std::int64_t> left;
-        for (const MergeTrack& track : plan_.tracks) {
+        for (const PlannedTrack& track : plan_.tracks) {
             left.push_back(track.parts[at_] ? track.parts[at_]->packets : 0);
         }
         const PacketPtr packet = newPacket();
         while (!allDone(done) && source->read(*packet)) {
-            const std::size_t lane = laneOf.at(packet->stream_index);
+            const std::size_t number = trackOf.at(packet->stream_index);
             const std::int64_t time = timeOf(*packet, *source);
             if (time > plan_.boundary(at_ + 1) - plan_.boundary(at_) + kInterleaving) {
-                done[lane] = true;
+                done[number] = true;
             }
-            if (!done[lane]) {
-                lanes_[lane]->push(*packet);
+            if (!done[number]) {
+                tracks_[number]->push(*packet);
             }
-            --left[lane];
+            --left[number];
             fillEnded(left, time);
             const double position = plan_.encodes() ? source->position() : source->bytePosition();
             progress_.reach((before + weight(at_) * std::clamp(position, 0.0, 1.0)) / std::max(all, 1.0));
         }
-        for (const auto& lane : lanes_) {
-            lane->end();
+        for (const auto& track : tracks_) {
+            track->end();
         }
         progress_.reach((before + weight(at_)) / std::max(all, 1.0));
     }
@@ -264,10 +264,10 @@ private:
     /// Tracks that the source does not have, or no more, are filled as the others go on: otherwise the muxer
     /// would have to keep all of the others' packets until the source ends.
     void fillEnded(const std::vector<std::int64_t>& left, std::int64_t time) {
-        for (std::size_t i = 0; i < lanes_.size(); ++i) {
+        for (std::size_t i = 0; i < tracks_.size(); ++i) {
             const TrackSurvey* track = plan_.tracks[i].parts[at_];
             if (left[i] <= 0 && time > (track ? track->end : 0) + kInterleaving) {
-                lanes_[i]->hold(plan_.boundary(at_) + time - kInterleaving);
+                tracks_[i]->hold(plan_.boundary(at_) + time - kInterleaving);
             }
         }
     }
@@ -280,7 +280,7 @@ private:
     AVDict tags_;  // that all sources so far share
     MergePlan plan_;
     std::map<std::size_t, std::unique_ptr<Source>> models_;
-    std::vector<std::unique_ptr<MergeLane>> lanes_;
+    std::vector<std::unique_ptr<MergeTrack>> tracks_;
 };
 
 }  // namespace
@@ -289,11 +289,11 @@ void merge(const MergeRequest& request, ProgressSink& sink) {
     FFmpegLog::instance().clear();
     std::string source;
     try {
-        Job job(request, sink);
+        Merger merger(request, sink);
         try {
-            job.run();
+            merger.run();
         } catch (Failure&) {
-            source = job.currentPath();
+            source = merger.currentPath();
             throw;
         }
     } catch (Failure& failure) {

@@ -53,7 +53,7 @@ public:
         chooseTick();
         // Whether pictures can be copied does not depend on where exactly their sources begin, but where they
         // begin depends on that.
-        for (MergeTrack& track : plan_.tracks) {
+        for (PlannedTrack& track : plan_.tracks) {
             if (!canCopy(track)) {
                 track.codec = &codecFor(track);
             }
@@ -67,13 +67,14 @@ private:
         if (container_.defaultVideo != 0) {
             addTrack(AVMEDIA_TYPE_VIDEO, 0);
         }
-        std::size_t voices = 0;
+        std::size_t audioTracks = 0;
         for (const SourceSurvey& source : sources_) {
-            if (voices == 0) {
-                voices = source.audio.size();
+            if (audioTracks == 0) {
+                audioTracks = source.audio.size();
             }
         }
-        for (std::size_t i = 0; i < (container_.singleTrack ? std::min<std::size_t>(1, voices) : voices); ++i) {
+        for (std::size_t i = 0; i < (container_.singleTrack ? std::min<std::size_t>(1, audioTracks) : audioTracks);
+             ++i) {
             addTrack(AVMEDIA_TYPE_AUDIO, i);
         }
         if (plan_.tracks.empty()) {
@@ -82,7 +83,7 @@ private:
     }
 
     void addTrack(AVMediaType kind, std::size_t number) {
-        MergeTrack track{kind, {}, sources_.size(), nullptr};
+        PlannedTrack track{kind, {}, sources_.size(), nullptr};
         for (std::size_t i = 0; i < sources_.size(); ++i) {
             const auto& all = kind == AVMEDIA_TYPE_VIDEO ? sources_[i].video : sources_[i].audio;
             track.parts.push_back(number < all.size() ? &all[number] : nullptr);
@@ -96,7 +97,7 @@ private:
     }
 
     void chooseTick() {
-        const MergeTrack& first = plan_.tracks.front();
+        const PlannedTrack& first = plan_.tracks.front();
         const TrackSurvey& model = *first.parts[first.model];
         AVRational rate = model.rate;
         av_reduce(&rate.num, &rate.den, rate.num, rate.den, kMostTicks);
@@ -107,7 +108,7 @@ private:
         return useShortest_ ? sources_[source].shortest() : sources_[source].longest();
     }
 
-    bool canCopy(const MergeTrack& track) const {
+    bool canCopy(const PlannedTrack& track) const {
         const TrackSurvey& model = *track.parts[track.model];
         if (!container_.holds(model.parameters->codec_id) || (!model.turn.empty() && !container_.displayMatrix)) {
             return false;
@@ -117,7 +118,7 @@ private:
             if (!part || !agree(*part, model)) {
                 return false;
             }
-            const bool fits = track.kind == AVMEDIA_TYPE_VIDEO ? picturesFit(*part, i) : soundFits(*part, i);
+            const bool fits = track.kind == AVMEDIA_TYPE_VIDEO ? videoFits(*part, i) : audioFits(*part, i);
             if (!fits) {
                 return false;
             }
@@ -125,7 +126,7 @@ private:
         return true;
     }
 
-    bool picturesFit(const TrackSurvey& part, std::size_t source) const {
+    bool videoFits(const TrackSurvey& part, std::size_t source) const {
         const std::int64_t tick = av_rescale_q(1, plan_.tick, kMicroseconds);
         if (part.hides && (source > 0 || !container_.edits)) {
             return false;  // hidden pictures can be stored at the beginning of a movie only
@@ -138,7 +139,7 @@ private:
         return part.startsWhole && part.start <= tick && !(cut && part.reorders);
     }
 
-    bool soundFits(const TrackSurvey& part, std::size_t source) const {
+    bool audioFits(const TrackSurvey& part, std::size_t source) const {
         if (sources_.size() == 1) {
             return true;
         }
@@ -146,7 +147,7 @@ private:
         return part.longestPacket <= kLongestPacket && part.start <= pause && part.end >= length(source) - pause;
     }
 
-    const Codec& codecFor(const MergeTrack& track) const {
+    const Codec& codecFor(const PlannedTrack& track) const {
         const Codec* like = codecLike(*track.parts[track.model]->parameters);
         if (like && container_.holds(like->id)) {
             return *like;
@@ -157,7 +158,7 @@ private:
 
     void layOut() {
         const auto toTicks = [this](std::int64_t time) { return av_rescale_q(time, kMicroseconds, plan_.tick); };
-        const auto copied = std::find_if(plan_.tracks.begin(), plan_.tracks.end(), [](const MergeTrack& track) {
+        const auto copied = std::find_if(plan_.tracks.begin(), plan_.tracks.end(), [](const PlannedTrack& track) {
             return track.kind == AVMEDIA_TYPE_VIDEO && !track.codec;
         });
         plan_.boundaries = {0};
@@ -188,7 +189,7 @@ std::int64_t MergePlan::boundary(std::size_t index) const {
 }
 
 bool MergePlan::encodes() const {
-    return std::any_of(tracks.begin(), tracks.end(), [](const MergeTrack& track) { return track.codec; });
+    return std::any_of(tracks.begin(), tracks.end(), [](const PlannedTrack& track) { return track.codec; });
 }
 
 MergePlan planMerge(const std::vector<SourceSurvey>& sources, const Container& container, bool useShortest) {

@@ -33,7 +33,7 @@ public:
         return planRest();
     }
 
-    std::vector<StreamPlan> planAllButSound() {
+    std::vector<StreamPlan> planAllButAudio() {
         if (container_.defaultVideo != 0) {
             for (const auto index : tracks(AVMEDIA_TYPE_VIDEO, false)) {
                 copyOrRefuse(index);
@@ -161,10 +161,10 @@ private:
         if (!container_.displayMatrix && av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr)) {
             return true;
         }
-        return !container_.edits && hidesPictures(stream);
+        return !container_.edits && hidesFrames(stream);
     }
 
-    static bool hidesPictures(const AVStream& stream) {
+    static bool hidesFrames(const AVStream& stream) {
         auto& indexed = const_cast<AVStream&>(stream);  // the functions only read
         const int count = avformat_index_get_entries_count(&indexed);
         for (int i = 0; i < count; ++i) {
@@ -230,10 +230,10 @@ std::vector<StreamPlan> planStreams(const Source& source, const Container& conta
     return Planner(source, container, type, request).plan();
 }
 
-std::vector<StreamPlan> planAllButSound(const Source& source, const Container& container) {
+std::vector<StreamPlan> planAllButAudio(const Source& source, const Container& container) {
     EncodeRequest request;
     request.flattenOnly = true;
-    return Planner(source, container, encodingTypeNumbered(0), request).planAllButSound();
+    return Planner(source, container, encodingTypeNumbered(0), request).planAllButAudio();
 }
 
 }  // namespace krv::media

@@ -4,7 +4,7 @@
 
 #include <MediaServer/Media/Container/StreamSelection.h>
 #include <MediaServer/Media/Foundation/Failure.h>
-#include <MediaServer/Media/Video/PictureReader.h>
+#include <MediaServer/Media/Video/FrameReader.h>
 #include <MediaServer/Media/Video/Poster.h>
 #include <MediaServer/Media/Video/StillPicture.h>
 
@@ -23,7 +23,7 @@ constexpr double kUniform = 4;
 constexpr double kFirstPart = 0.1;
 /// Every picture is looked at for this long; after that key frames are, because a tenth of a long movie is long, too.
 constexpr std::int64_t kLookClosely = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
-constexpr int kMostPictures = 300;
+constexpr int kMostFrames = 300;
 constexpr int kMostKeyFrames = 300;
 constexpr int kSpread = 20;
 
@@ -32,7 +32,7 @@ constexpr double kLargestSide = 3840;
 
 class PosterSearch {
 public:
-    PosterSearch(PictureReader& reader, Progress& progress)
+    PosterSearch(FrameReader& reader, Progress& progress)
         : reader_(reader)
         , progress_(progress) {}
 
@@ -41,7 +41,7 @@ public:
         const std::int64_t length = reader_.duration();
         const auto firstPart = start + static_cast<std::int64_t>(kFirstPart * static_cast<double>(length));
         reader_.goTo(start);
-        if (among(std::min(firstPart, start + kLookClosely), kMostPictures)) {
+        if (among(std::min(firstPart, start + kLookClosely), kMostFrames)) {
             return std::move(best_);
         }
         reader_.onlyKeyFrames(true);
@@ -98,7 +98,7 @@ private:
         return false;
     }
 
-    PictureReader& reader_;
+    FrameReader& reader_;
     Progress& progress_;
     FramePtr best_;
     double brightness_ = 0;
@@ -179,7 +179,7 @@ std::vector<std::uint8_t> makePoster(Source& source, Progress& progress) {
     if (!mainVideoStream(source)) {
         return {};
     }
-    PictureReader reader(source);
+    FrameReader reader(source);
     FramePtr frame = PosterSearch(reader, progress).find();
     return frame ? encodeJPEG(reader.stream(), std::move(frame), kLargestSide, kLargestSide)
                  : std::vector<std::uint8_t>{};

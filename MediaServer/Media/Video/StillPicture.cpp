@@ -4,9 +4,9 @@
 
 #include <MediaServer/Media/Foundation/Failure.h>
 #include <MediaServer/Media/Foundation/FourCC.h>
-#include <MediaServer/Media/Video/PictureFormat.h>
 #include <MediaServer/Media/Video/StillPicture.h>
 #include <MediaServer/Media/Video/VideoFilter.h>
+#include <MediaServer/Media/Video/VideoFormat.h>
 
 namespace krv::media {
 namespace {
@@ -19,10 +19,10 @@ constexpr int kLongestSide = 16384;
 /// JPEG can say neither "show it turned" nor anything else that a movie's container can.
 constexpr Container kStill{"jpg", "", 0, 0, AV_CODEC_ID_NONE, CoverArt::None, false, false, false, false, false, ""};
 
-PictureFormat formatOf(const AVStream& stream, const AVFrame& frame, Extent extent) {
+VideoFormat formatOf(const AVStream& stream, const AVFrame& frame, Extent extent) {
     const Settings settings;
-    PictureFormat format =
-        choosePictureFormat({stream, frame, codecForFourCC(fourCC("jpeg"), AVMEDIA_TYPE_VIDEO), settings, kStill});
+    VideoFormat format =
+        chooseVideoFormat({stream, frame, codecForFourCC(fourCC("jpeg"), AVMEDIA_TYPE_VIDEO), settings, kStill});
     format.width = extent.width;
     format.height = extent.height;
     format.sampleAspect = {1, 1};
@@ -34,7 +34,7 @@ PictureFormat formatOf(const AVStream& stream, const AVFrame& frame, Extent exte
     return format;
 }
 
-FramePtr converted(const AVStream& stream, FramePtr frame, const PictureFormat& format) {
+FramePtr converted(const AVStream& stream, FramePtr frame, const VideoFormat& format) {
     frame->pts = 0;
     VideoFilter filter(format, stream.time_base);
     FramePtr result;
@@ -83,7 +83,7 @@ Extent fittedInto(Extent picture, double boxWidth, double boxHeight) noexcept {
 
 std::vector<std::uint8_t> encodeJPEG(const AVStream& stream, FramePtr frame, double boxWidth, double boxHeight) {
     const Extent extent = fittedInto(displayExtent(stream, frame->width, frame->height), boxWidth, boxHeight);
-    const PictureFormat format = formatOf(stream, *frame, extent);
+    const VideoFormat format = formatOf(stream, *frame, extent);
     const FramePtr picture = converted(stream, std::move(frame), format);
 
     const CodecContextPtr encoder(notNull(avcodec_alloc_context3(avcodec_find_encoder(AV_CODEC_ID_MJPEG))));

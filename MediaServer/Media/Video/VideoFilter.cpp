@@ -56,7 +56,7 @@ constexpr double kReferenceWhite = 203;
 constexpr double kUntouched = 0.8;
 
 /// Brings HDR to what an ordinary screen shows: linear light, the smaller gamut, the compressed highlights.
-std::string toneMapping(const AVFrame& frame, const PictureFormat& target) {
+std::string toneMapping(const AVFrame& frame, const VideoFormat& target) {
     const bool unknownPrimaries = frame.color_primaries == AVCOL_PRI_UNSPECIFIED;
     const bool unknownSpace = frame.colorspace == AVCOL_SPC_UNSPECIFIED;
     std::string input;
@@ -79,7 +79,7 @@ std::string toneMapping(const AVFrame& frame, const PictureFormat& target) {
 }
 
 /// Brings ordinary pictures, or those of the other kind of HDR, to the HDR of the target.
-std::string widening(const AVFrame& frame, const PictureFormat& target) {
+std::string widening(const AVFrame& frame, const VideoFormat& target) {
     std::string input;
     if (frame.color_primaries == AVCOL_PRI_UNSPECIFIED) {
         input += ":pin=bt709";
@@ -104,7 +104,7 @@ double pixelShape(AVRational aspect) {
 }
 
 /// How the colours of the frame are meant and how they are wanted.
-std::string matrices(const AVFrame& frame, const PictureFormat& target) {
+std::string matrices(const AVFrame& frame, const VideoFormat& target) {
     const AVPixFmtDescriptor* source = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
     const AVPixFmtDescriptor* wanted = av_pix_fmt_desc_get(target.pixels);
     std::string options;
@@ -118,7 +118,7 @@ std::string matrices(const AVFrame& frame, const PictureFormat& target) {
     return options;
 }
 
-std::string turning(const PictureFormat& target) {
+std::string turning(const VideoFormat& target) {
     constexpr const char* kTurns[] = {"", "transpose=clock,", "hflip,vflip,", "transpose=cclock,"};
     const char* mirror = !target.mirrored ? "" : target.quarterTurns % 2 == 0 ? "vflip," : "hflip,";
     return std::string(kTurns[target.quarterTurns]) + mirror;
@@ -126,7 +126,7 @@ std::string turning(const PictureFormat& target) {
 
 }  // namespace
 
-VideoFilter::VideoFilter(const PictureFormat& target, AVRational timeBase)
+VideoFilter::VideoFilter(const VideoFormat& target, AVRational timeBase)
     : target_(target)
     , timeBase_(timeBase) {}
 
@@ -238,7 +238,7 @@ std::string VideoFilter::fittingChain(const AVFrame& frame, int width, int heigh
         innerWidth = std::max(2, static_cast<int>(std::lround(width * shape / room / 2)) * 2);
     }
 
-    PictureFormat inner = target_;
+    VideoFormat inner = target_;
     inner.width = innerWidth;
     inner.height = innerHeight;
     std::string chain;
@@ -280,7 +280,7 @@ std::string VideoFilter::chainFor(const AVFrame& frame) const {
     if (target_.fitted) {
         chain += fittingChain(frame, width, height);
     } else if (target_.toneMapped && isHDR(frame.color_trc)) {
-        PictureFormat upright = target_;
+        VideoFormat upright = target_;
         upright.width = width;
         upright.height = height;
         chain += toneMapping(frame, upright) + ",";

@@ -54,7 +54,7 @@ void VideoTranscoder::push(const AVPacket& packet) {
 
 void VideoTranscoder::open(OutputFile& output) {
     const FramePtr first = early_.empty() ? expectedFrame(from_) : reference(*early_.front());
-    format_ = choosePictureFormat({from_, *first, request_.codec, request_.settings, output.container()});
+    format_ = chooseVideoFormat({from_, *first, request_.codec, request_.settings, output.container()});
     encoder_.emplace(EncoderSession::Request{request_.codec, request_.quality, request_.settings}, output,
                      [&](AVCodecContext& context) { prepare(context, format_, *first); });
     filter_.emplace(format_, from_.time_base);
@@ -66,7 +66,7 @@ void VideoTranscoder::open(OutputFile& output) {
     AVStream& to = encoder_->stream();
     to.avg_frame_rate = rate_;
     copyTrackMetadata(from_, to, output.container());
-    copyPictureSideData(from_, to, output.container().displayMatrix);
+    copyVideoSideData(from_, to, output.container().displayMatrix);
     if (!format_.toneMapped) {
         HDRMetadata(from_, *first).describeTo(to);
     }
@@ -82,7 +82,7 @@ AVRational VideoTranscoder::timeBase(bool coarse) const {
     return {1, rate_.num * std::max(1, 60000 / rate_.num)};
 }
 
-void VideoTranscoder::prepare(AVCodecContext& context, const PictureFormat& format, const AVFrame& first) const {
+void VideoTranscoder::prepare(AVCodecContext& context, const VideoFormat& format, const AVFrame& first) const {
     describe(format, context);
     context.framerate = rate_;
     context.time_base = timeBase(context.codec_id == AV_CODEC_ID_MPEG4);

@@ -16,7 +16,7 @@ constexpr double kFrame = 0.04;
 
 struct Movie {
     const char* name;
-    bool sound = true;
+    bool audio = true;
     double flash = 2;  // when the first bright picture is shown
 };
 void PrintTo(const Movie& movie, std::ostream* out) {
@@ -28,11 +28,11 @@ protected:
     static std::string source() { return corpus(GetParam().name); }
 
     /// The pictures are the source's, in its order, and each is shown when it was.
-    static void expectSamePictures(const std::string& output) {
-        const auto expected = pictureNumbers(source());
-        EXPECT_THAT(pictureNumbers(output), testing::ElementsAreArray(expected));
-        const auto was = pictureTimes(source());
-        const auto is = pictureTimes(output);
+    static void expectSameFrames(const std::string& output) {
+        const auto expected = frameNumbers(source());
+        EXPECT_THAT(frameNumbers(output), testing::ElementsAreArray(expected));
+        const auto was = frameTimes(source());
+        const auto is = frameTimes(output);
         ASSERT_EQ(was.size(), is.size());
         for (std::size_t i = 0; i < was.size(); ++i) {
             ASSERT_NEAR(is[i] - is.front(), was[i] - was.front(), 0.0021) << i;
@@ -43,7 +43,7 @@ protected:
         EXPECT_NEAR(Probe(output).duration(), length, kFrame + 0.025) << "the sound's last packet may be a part longer";
     }
     static void expectInStep(const std::string& output) {
-        if (!GetParam().sound) {
+        if (!GetParam().audio) {
             return;
         }
         // As they were made; what a tool makes of the source may be worse than what is in it.
@@ -51,11 +51,11 @@ protected:
     }
 };
 
-TEST_P(Corpus, BecomesH264WithEveryPictureAtItsTime) {
+TEST_P(Corpus, BecomesH264WithEveryFrameAtItsTime) {
     RecordingSink sink;
     const auto output = convert({.source = source(), .extension = "mp4", .type = 1}, sink);
     EXPECT_EQ(text(Probe(output).video(), "codec_name"), "h264");
-    expectSamePictures(output.path());
+    expectSameFrames(output.path());
     expectSameLength(output.path());
     expectInStep(output.path());
     EXPECT_TRUE(std::is_sorted(sink.fractions.begin(), sink.fractions.end()));
@@ -64,9 +64,9 @@ TEST_P(Corpus, BecomesH264WithEveryPictureAtItsTime) {
 
 class CorpusKept : public Corpus {};
 
-TEST_P(CorpusKept, ByOriginalWithEveryPictureAtItsTime) {
+TEST_P(CorpusKept, ByOriginalWithEveryFrameAtItsTime) {
     const auto output = convert({.source = source(), .extension = "mkv", .type = 0});
-    expectSamePictures(output.path());
+    expectSameFrames(output.path());
     expectSameLength(output.path());
     expectInStep(output.path());
 }
@@ -100,12 +100,12 @@ TEST_P(Portrait, IsShownUprightWhereverItGoes) {
     const std::string source = corpus(GetParam().name);
     const auto numbers = numbersFrom(0, 149);
     const auto mp4 = convert({.source = source, .extension = "mp4", .type = 1});
-    EXPECT_EQ(pictureNumbers(mp4.path()), numbers);  // as stored
-    EXPECT_LT(difference(shownPicture(mp4.path()), shownPicture(source)), 4);
+    EXPECT_EQ(frameNumbers(mp4.path()), numbers);  // as stored
+    EXPECT_LT(difference(shownFrame(mp4.path()), shownFrame(source)), 4);
     // A container that cannot say it has the pixels turned.
     const auto mkv = convert({.source = source, .extension = "mkv", .type = 1});
-    EXPECT_EQ(pictureNumbers(mkv.path(), GetParam().backwards), numbers);
-    EXPECT_LT(difference(shownPicture(mkv.path()), shownPicture(source)), 4);
+    EXPECT_EQ(frameNumbers(mkv.path(), GetParam().backwards), numbers);
+    EXPECT_LT(difference(shownFrame(mkv.path()), shownFrame(source)), 4);
 }
 
 INSTANTIATE_TEST_SUITE_P(Every, Portrait,
@@ -113,18 +113,18 @@ INSTANTIATE_TEST_SUITE_P(Every, Portrait,
                                          Turned{"phone-180.mp4", "hflip,vflip"},
                                          Turned{"phone-270.mp4", "transpose=cclock"}));
 
-TEST(Interlaced, FieldsBecomePicturesOfTheirFirstMoments) {
+TEST(Interlaced, IsDeinterlacedToTheTimesOfTheFirstFields) {
     const auto output = convert({.source = corpus("mpeg2.mpg"), .extension = "mp4", .type = 1});
-    EXPECT_EQ(pictureNumbers(output.path()), numbersFrom(0, 298, 2));
+    EXPECT_EQ(frameNumbers(output.path()), numbersFrom(0, 298, 2));
     EXPECT_NEAR(beepTime(output.path()) - flashTime(output.path()), 0, 0.02);
 }
 
 TEST(HighDynamicRange, LooksLikeTheOrdinaryMovieInH264) {
     const auto output = convert({.source = corpus("hevc-hdr.mp4"), .extension = "mp4", .type = 1});
-    EXPECT_EQ(pictureNumbers(output.path()), numbersFrom(0, 149));
-    for (const int picture : {10, 75, 140}) {
+    EXPECT_EQ(frameNumbers(output.path()), numbersFrom(0, 149));
+    for (const int frame : {10, 75, 140}) {
         const auto found =
-            colourDifference(shownColours(output.path(), picture), shownColours(corpus("h264.mov"), picture));
+            colourDifference(shownColours(output.path(), frame), shownColours(corpus("h264.mov"), frame));
         std::cout << "[ measured ] mean colour difference " << found.mean << '\n';
         EXPECT_LT(found.mean, 4);
     }
@@ -135,7 +135,7 @@ TEST(HighDynamicRange, StaysWhatItIsInHEVC) {
     const auto video = Probe(output).video();
     EXPECT_EQ(text(video, "pix_fmt"), "yuv420p10le");
     EXPECT_EQ(text(video, "color_transfer"), "smpte2084");
-    EXPECT_EQ(pictureNumbers(output.path()).size(), 150U);
+    EXPECT_EQ(frameNumbers(output.path()).size(), 150U);
 }
 
 /// The frequency of each channel's tone in Hz, by counting how often the wave goes up through zero.
@@ -165,7 +165,7 @@ std::vector<int> tones(const std::string& path) {
     return found;
 }
 
-TEST(Channels, EachKeepsItsOwnSound) {
+TEST(Channels, EachKeepsItsOwnTone) {
     using testing::ElementsAre;
     const auto around = [](int tone) { return testing::AllOf(testing::Ge(tone - 3), testing::Le(tone + 3)); };
     for (const char* movie : {"surround-ac3.mkv", "surround-aac.mp4"}) {
@@ -186,11 +186,11 @@ TEST(CoverArt, IsNeverTakenForVideo) {
     }
 }
 
-TEST(Songs, BecomeEveryContainerOfSound) {
+TEST(Songs, AreConvertedToEveryAudioContainer) {
     for (const char* from : {"song.m4a", "song.mp3", "song.flac", "song.ogg", "song.wav"}) {
         for (const char* to : {"m4a", "mp3", "flac", "ogg", "wav", "mka"}) {
             const auto output = convert({.source = corpus(from), .extension = to, .type = 7});
-            EXPECT_NEAR(soundLength(output.path()), 6, 0.06) << from << to;
+            EXPECT_NEAR(audioLength(output.path()), 6, 0.06) << from << to;
             EXPECT_NEAR(beepTime(output.path()), 2, 0.04) << from << to;
         }
     }
@@ -199,7 +199,7 @@ TEST(Songs, BecomeEveryContainerOfSound) {
 TEST(BrokenMovies, GiveWhatIsLeftOfThem) {
     for (const char* movie : {"damaged.mkv", "truncated.mkv"}) {
         const auto output = convert({.source = corpus(movie), .extension = "mp4", .type = 1});
-        const auto numbers = pictureNumbers(output.path());
+        const auto numbers = frameNumbers(output.path());
         EXPECT_GT(numbers.size(), 20U) << movie;
         EXPECT_EQ(numbers.front(), 0);
     }

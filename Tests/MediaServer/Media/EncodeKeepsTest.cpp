@@ -10,7 +10,7 @@ namespace {
 
 /// How far the grey values of two encodings of one picture may be apart; a wrong orientation is several times
 /// that.
-constexpr double kSamePicture = 4;
+constexpr double kSameFrame = 4;
 
 std::vector<nlohmann::json> frameSideData(const std::string& path) {
     const auto json = nlohmann::json::parse(run({KRV_FFPROBE, "-v", "quiet", "-of", "json", "-select_streams", "v:0",
@@ -53,14 +53,14 @@ class Orientation : public testing::TestWithParam<std::array<int, 4>> {};
 
 TEST_P(Orientation, IsKeptInTheMatrixOrInThePixels) {
     const OutputPath source = turned(GetParam());
-    const auto expected = shownPicture(source.path());
+    const auto expected = shownFrame(source.path());
     for (const std::int32_t type : {0, 1}) {
         const auto movie = convert({.source = source.path(), .extension = "mp4", .type = type});
         EXPECT_EQ(displayMatrix(Probe(movie)), displayMatrix(Probe(source)));
-        EXPECT_LT(difference(shownPicture(movie.path()), expected), kSamePicture);
+        EXPECT_LT(difference(shownFrame(movie.path()), expected), kSameFrame);
         const auto matroska = convert({.source = source.path(), .extension = "mkv", .type = type});
         EXPECT_EQ(displayMatrix(Probe(matroska)), "");
-        EXPECT_LT(difference(shownPicture(matroska.path()), expected), kSamePicture);
+        EXPECT_LT(difference(shownFrame(matroska.path()), expected), kSameFrame);
     }
 }
 
@@ -111,7 +111,7 @@ TEST(Keeps, HighDynamicRangeInHEVC) {
     }
 }
 
-TEST(Keeps, ThePictureOfHighDynamicRangeInHDotTwoSixFourByToneMapping) {
+TEST(Keeps, TheLookOfHDRInH264ByToneMapping) {
     const auto output = convert({.source = testMedia("hdr.mp4"), .type = 1});
     const auto video = Probe(output).video();
     EXPECT_EQ(text(video, "pix_fmt"), "yuv420p");
@@ -120,7 +120,7 @@ TEST(Keeps, ThePictureOfHighDynamicRangeInHDotTwoSixFourByToneMapping) {
     EXPECT_EQ(text(video, "color_space"), "bt709");
     // The range of greys is used again, where the untouched signal of this movie is confined to its dark
     // half.
-    const auto greys = shownPicture(output.path());
+    const auto greys = shownFrame(output.path());
     EXPECT_GT(*std::max_element(greys.begin(), greys.end()) - *std::min_element(greys.begin(), greys.end()), 100);
 }
 
@@ -140,8 +140,9 @@ TEST(Keeps, ChaptersWithTheirTitles) {
 
 TEST(Keeps, TitleAndOtherTags) {
     for (const char* extension : {"mov", "mp4", "mkv", "mp3", "flac"}) {
-        const bool sound = std::strlen(extension) > 3 || std::string_view(extension) == "mp3";
-        const auto output = convert({.source = testMedia("plain.mov"), .extension = extension, .type = sound ? 7 : 1});
+        const bool audioOnly = std::strlen(extension) > 3 || std::string_view(extension) == "mp3";
+        const auto output =
+            convert({.source = testMedia("plain.mov"), .extension = extension, .type = audioOnly ? 7 : 1});
         EXPECT_EQ(Probe(output).tag("title"), "A plain movie") << extension;
         EXPECT_EQ(Probe(output).tag("artist"), "Nobody") << extension;
     }

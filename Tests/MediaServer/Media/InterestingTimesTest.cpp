@@ -110,12 +110,12 @@ TEST(InterestingTimes, OfATrackAreItsKeyFramesOnly) {
     EXPECT_THAT(seconds(timesOf(movie, 0)), testing::Pointwise(testing::DoubleNear(0.0011), keyFrames(movie, 0)));
 }
 
-TEST(InterestingTimes, OfASoundTrackAreItsEdits) {
+TEST(InterestingTimes, OfAnAudioTrackAreItsEdits) {
     EXPECT_THAT(seconds(timesOf(corpus("h264.mp4"), 1)), testing::ElementsAre(0));
     EXPECT_THAT(seconds(timesOf(corpus("h264.mkv"), 1)), testing::ElementsAre(0));
 }
 
-TEST(InterestingTimes, OfSoundAloneAreItsStart) {
+TEST(InterestingTimes, OfAnAudioFileAreItsStart) {
     EXPECT_THAT(seconds(timesOf(corpus("song.m4a"))), testing::ElementsAre(0));
     EXPECT_THAT(seconds(timesOf(corpus("song.flac"))), testing::ElementsAre(0));
 }

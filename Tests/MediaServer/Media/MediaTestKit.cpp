@@ -213,7 +213,7 @@ std::string tagOf(const nlohmann::json& object, const std::string& key) {
     return "";
 }
 
-std::vector<double> pictureTimes(const std::string& path) {
+std::vector<double> frameTimes(const std::string& path) {
     const auto json = nlohmann::json::parse(run({KRV_FFPROBE, "-v", "quiet", "-of", "json", "-select_streams", "v:0",
                                                  "-show_entries", "frame=pts_time:format=start_time", path}));
     const double start = number(json.at("format"), "start_time");
@@ -224,7 +224,7 @@ std::vector<double> pictureTimes(const std::string& path) {
     return times;
 }
 
-std::vector<int> pictureBrightness(const std::string& path) {
+std::vector<int> frameBrightness(const std::string& path) {
     const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:v:0", "-vf",
                                    "scale=1:1:flags=area,format=gray", "-vsync", "passthrough", "-f", "rawvideo", "-"});
     std::vector<int> values;
@@ -235,8 +235,8 @@ std::vector<int> pictureBrightness(const std::string& path) {
 }
 
 double flashTime(const std::string& path, double after) {
-    const auto values = pictureBrightness(path);
-    const auto times = pictureTimes(path);
+    const auto values = frameBrightness(path);
+    const auto times = frameTimes(path);
     for (std::size_t i = 0; i < values.size() && i < times.size(); ++i) {
         if (values[i] > kBright && times[i] >= after) {
             return times[i];
@@ -259,13 +259,13 @@ double beepTime(const std::string& path, double after) {
     throw std::runtime_error("no beep");
 }
 
-double soundLength(const std::string& path) {
+double audioLength(const std::string& path) {
     const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:a:0", "-ac", "1", "-ar",
                                    std::to_string(kProbeRate), "-f", "s16le", "-"});
     return static_cast<double>(bytes.size()) / 2 / kProbeRate;
 }
 
-double Sound::peak(double from, double to) const {
+double DecodedAudio::peak(double from, double to) const {
     float highest = 0;
     for (const auto& channel : channels) {
         for (auto i = static_cast<std::size_t>(from * rate); i < static_cast<std::size_t>(to * rate); ++i) {
@@ -275,7 +275,7 @@ double Sound::peak(double from, double to) const {
     return static_cast<double>(highest);
 }
 
-double Sound::level(std::size_t channel, double frequency, double from, double to) const {
+double DecodedAudio::level(std::size_t channel, double frequency, double from, double to) const {
     const double step = 2 * std::numbers::pi * frequency / rate;
     double in = 0, quadrature = 0;
     const auto first = static_cast<std::size_t>(from * rate), last = static_cast<std::size_t>(to * rate);
@@ -288,19 +288,19 @@ double Sound::level(std::size_t channel, double frequency, double from, double t
     return 20 * std::log10(std::max(amplitude, 1e-9));
 }
 
-Sound decodedSound(const std::string& path, int stream) {
+DecodedAudio decodedAudio(const std::string& path, int stream) {
     const auto described = Probe(path).streams("audio").at(static_cast<std::size_t>(stream));
-    Sound sound;
-    sound.rate = static_cast<int>(number(described, "sample_rate"));
-    sound.channels.resize(static_cast<std::size_t>(number(described, "channels")));
+    DecodedAudio audio;
+    audio.rate = static_cast<int>(number(described, "sample_rate"));
+    audio.channels.resize(static_cast<std::size_t>(number(described, "channels")));
     const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", fmt::format("0:a:{}", stream), "-af",
                                    "aresample=async=1:first_pts=0", "-f", "f32le", "-"});
     std::vector<float> samples(bytes.size() / sizeof(float));
     std::memcpy(samples.data(), bytes.data(), samples.size() * sizeof(float));
     for (std::size_t i = 0; i < samples.size(); ++i) {
-        sound.channels[i % sound.channels.size()].push_back(samples[i]);
+        audio.channels[i % audio.channels.size()].push_back(samples[i]);
     }
-    return sound;
+    return audio;
 }
 
 std::vector<std::string> packetHashes(const std::string& path, const std::string& stream) {
@@ -313,23 +313,23 @@ std::vector<std::string> packetHashes(const std::string& path, const std::string
     return hashes;
 }
 
-Picture pictureAt(const std::string& path, double time) {
+GreyFrame frameAt(const std::string& path, double time) {
     // A portable grey map: the size stands in front of the values.
     const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:v:0", "-vf",
                                    fmt::format("fps=100,select=gte(t\\,{})", time), "-frames:v", "1", "-pix_fmt",
                                    "gray", "-c:v", "pgm", "-f", "image2pipe", "-"});
-    Picture picture;
+    GreyFrame frame;
     int used = 0;
-    if (std::sscanf(bytes.c_str(), "P5 %d %d 255%n", &picture.width, &picture.height, &used) != 2 || used == 0) {
+    if (std::sscanf(bytes.c_str(), "P5 %d %d 255%n", &frame.width, &frame.height, &used) != 2 || used == 0) {
         throw std::runtime_error("no picture");
     }
     for (auto i = static_cast<std::size_t>(used) + 1; i < bytes.size(); ++i) {
-        picture.values.push_back(static_cast<unsigned char>(bytes[i]));
+        frame.values.push_back(static_cast<unsigned char>(bytes[i]));
     }
-    return picture;
+    return frame;
 }
 
-std::vector<int> shownPicture(const std::string& path) {
+std::vector<int> shownFrame(const std::string& path) {
     const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:v:0", "-frames:v", "1", "-vf",
                                    "scale=16:16:flags=area,format=gray", "-f", "rawvideo", "-"});
     std::vector<int> values;

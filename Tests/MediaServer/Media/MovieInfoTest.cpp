@@ -115,8 +115,8 @@ TEST(Poster, IsTheCoverWhereThereIsOne) {
     }
 }
 
-TEST(Poster, IsTheFirstPictureWorthLookingAt) {
-    EXPECT_EQ(pictureNumbers(posterOf(infoOf(corpus("h264.mp4"))).path()).at(0), 0);
+TEST(Poster, IsTheFirstFrameWorthShowing) {
+    EXPECT_EQ(frameNumbers(posterOf(infoOf(corpus("h264.mp4"))).path()).at(0), 0);
 }
 
 TEST(Poster, IsUprightAndInSquarePixels) {
@@ -145,7 +145,7 @@ TEST(Poster, IsBlackWhereEverythingIs) {
     EXPECT_LT(colour[0] + colour[1] + colour[2], 20);
 }
 
-TEST(Poster, IsNoneForSoundAlone) {
+TEST(Poster, IsEmptyForAudioFiles) {
     EXPECT_TRUE(infoOf(corpus("song.m4a")).poster.empty());
 }
 

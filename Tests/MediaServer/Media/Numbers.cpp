@@ -41,7 +41,7 @@ std::string corpus(const std::string& name) {
     return std::string(KRV_CORPUS) + "/" + name;
 }
 
-std::vector<int> pictureNumbers(const std::string& path, const std::string& filter) {
+std::vector<int> frameNumbers(const std::string& path, const std::string& filter) {
     const std::string chain = filter + fmt::format(",crop=iw*0.8:ih/15:0:0,scale={}:1:flags=area,format=gray", kBits);
     const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-noautorotate", "-i", path, "-map", "0:v:0", "-vf",
                                    chain, "-vsync", "passthrough", "-f", "rawvideo", "-"});
@@ -64,10 +64,10 @@ std::vector<int> numbersFrom(int first, int last, int step) {
     return numbers;
 }
 
-std::vector<int> shownColours(const std::string& path, int picture) {
-    const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:v:0", "-frames:v", "1", "-vf",
-                                   fmt::format("select=gte(n\\,{}),", picture) + "format=rgb24,scale=16:12:flags=area",
-                                   "-f", "rawvideo", "-"});
+std::vector<int> shownColours(const std::string& path, int frame) {
+    const std::string bytes =
+        run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:v:0", "-frames:v", "1", "-vf",
+             fmt::format("select=gte(n\\,{}),", frame) + "format=rgb24,scale=16:12:flags=area", "-f", "rawvideo", "-"});
     std::vector<int> values;
     for (const char byte : bytes) {
         values.push_back(static_cast<unsigned char>(byte));

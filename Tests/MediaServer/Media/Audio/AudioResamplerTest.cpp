@@ -58,7 +58,7 @@ protected:
     };
 };
 
-TEST_F(AudioResamplerTest, SoundInStepPassesUnchanged) {
+TEST_F(AudioResamplerTest, AudioInSyncPassesUnchanged) {
     for (int i = 0; i < 10; ++i) {
         push(i * 100, 100, 1000);
     }
@@ -90,7 +90,7 @@ TEST_F(AudioResamplerTest, AnOverlapIsCut) {
     EXPECT_EQ(samples_[800], 2000);
 }
 
-TEST_F(AudioResamplerTest, SoundBeforeTheBeginningIsCut) {
+TEST_F(AudioResamplerTest, AudioBeforeTheBeginningIsCut) {
     push(-50, 100, 1000);
     EXPECT_EQ(finish().size(), 400U);
 }
@@ -110,7 +110,7 @@ TEST_F(AudioResamplerTest, ASlowClockDoesNotAddUp) {
     EXPECT_NEAR(static_cast<double>(finish().size()), 6.0 * kRate, 0.04 * kRate);
 }
 
-TEST_F(AudioResamplerTest, ADamagedTimeMakesNoHoursOfSilence) {
+TEST_F(AudioResamplerTest, ADamagedTimestampDoesNotAddHoursOfSilence) {
     push(0, 100, 1000);
     push(100'000'000, 100, 1000);
     EXPECT_EQ(finish().size(), 1600U);

@@ -47,7 +47,7 @@ TEST(ContainerTable, OtherExtensionsAreUnsupportedAndNamed) {
     EXPECT_THROW((void)containerForPath("/tmp/folder.mp4/movie"), Failure);
 }
 
-TEST(ContainerTable, SoundContainersHoldNoPictures) {
+TEST(ContainerTable, AudioContainersHoldNoVideo) {
     for (const char* path : {"a.m4a", "a.mka", "a.wav", "a.mp3", "a.flac"}) {
         EXPECT_FALSE(containerForPath(path).holds(AV_CODEC_ID_H264)) << path;
     }

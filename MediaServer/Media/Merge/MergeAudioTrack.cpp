@@ -2,16 +2,16 @@
 
 #include <MediaServer/Media/Container/Metadata.h>
 #include <MediaServer/Media/Foundation/Failure.h>
-#include <MediaServer/Media/Merge/MergeSoundLane.h>
+#include <MediaServer/Media/Merge/MergeAudioTrack.h>
 
 namespace krv::media {
 
-MergeSoundLane::MergeSoundLane(const AVStream& model, const Codec& codec, std::int64_t end)
+MergeAudioTrack::MergeAudioTrack(const AVStream& model, const Codec& codec, std::int64_t end)
     : model_(model)
     , codec_(codec)
     , end_(end) {}
 
-void MergeSoundLane::open(OutputFile& output) {
+void MergeAudioTrack::open(OutputFile& output) {
     encoder_.emplace(EncoderSession::Request{codec_, 0, settings_, hasHighResolution(model_)}, output,
                      [this](AVCodecContext& context) { chooseAudioFormat(context, model_, settings_, codec_); });
     const AVRational sample{1, encoder_->context().sample_rate};
@@ -19,11 +19,11 @@ void MergeSoundLane::open(OutputFile& output) {
     copyTrackMetadata(model_, encoder_->stream(), output.container());
 }
 
-std::int64_t MergeSoundLane::sampleAt(std::int64_t time) const {
+std::int64_t MergeAudioTrack::sampleAt(std::int64_t time) const {
     return av_rescale_q(time, kMicroseconds, AVRational{1, encoder_->context().sample_rate});
 }
 
-void MergeSoundLane::begin(const MergePart& part) {
+void MergeAudioTrack::begin(const MergePart& part) {
     part_ = part;
     fed_ = decoded_ = false;
     decoder_.reset();
@@ -33,7 +33,7 @@ void MergeSoundLane::begin(const MergePart& part) {
     resampler_->cutAt(sampleAt(part.end));
 }
 
-void MergeSoundLane::push(const AVPacket& packet) {
+void MergeAudioTrack::push(const AVPacket& packet) {
     if (!decoder_) {
         return;
     }
@@ -41,7 +41,7 @@ void MergeSoundLane::push(const AVPacket& packet) {
     decoder_->push(packet, [this](FramePtr frame) { place(std::move(frame)); });
 }
 
-void MergeSoundLane::place(FramePtr frame) {
+void MergeAudioTrack::place(FramePtr frame) {
     decoded_ = true;
     if (frame->pts != AV_NOPTS_VALUE) {
         frame->pts = sampleAt(part_.start) +
@@ -50,7 +50,7 @@ void MergeSoundLane::place(FramePtr frame) {
     resampler_->push(*frame, [this](FramePtr ready) { encode(std::move(ready)); });
 }
 
-void MergeSoundLane::hold(std::int64_t time) {
+void MergeAudioTrack::hold(std::int64_t time) {
     if (decoder_) {
         decoder_->finish([this](FramePtr frame) { place(std::move(frame)); });
     }
@@ -58,14 +58,14 @@ void MergeSoundLane::hold(std::int64_t time) {
     resampler_->fillTo(sampleAt(std::min(time, part_.end)), [this](FramePtr ready) { encode(std::move(ready)); });
 }
 
-void MergeSoundLane::end() {
+void MergeAudioTrack::end() {
     hold(part_.end);
     if (fed_ && !decoded_) {
         fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "Its sound cannot be decoded");
     }
 }
 
-void MergeSoundLane::finish() {
+void MergeAudioTrack::finish() {
     resampler_->finish([this](FramePtr ready) { encode(std::move(ready)); });
     encoder_->finish();
 }

@@ -1,23 +1,23 @@
 #include <algorithm>
 
-#include <MediaServer/Media/Merge/MergeCopyLane.h>
+#include <MediaServer/Media/Merge/MergeCopyTrack.h>
 
 namespace krv::media {
 
-MergeCopyLane::MergeCopyLane(const AVStream& model)
+MergeCopyTrack::MergeCopyTrack(const AVStream& model)
     : model_(model)
     , copier_(model) {}
 
-void MergeCopyLane::push(const AVPacket& packet) {
+void MergeCopyTrack::push(const AVPacket& packet) {
     PacketPtr moved = reference(packet);
     if (model_.codecpar->codec_type == AVMEDIA_TYPE_VIDEO) {
-        pushPicture(std::move(moved));
+        pushVideo(std::move(moved));
     } else {
-        pushSound(std::move(moved));
+        pushAudio(std::move(moved));
     }
 }
 
-void MergeCopyLane::pushPicture(PacketPtr packet) {
+void MergeCopyTrack::pushVideo(PacketPtr packet) {
     av_packet_rescale_ts(packet.get(), part_.from->time_base, model_.time_base);
     const std::int64_t start = av_rescale_q(part_.start, kMicroseconds, model_.time_base);
     const std::int64_t end = av_rescale_q(part_.end, kMicroseconds, model_.time_base);
@@ -39,7 +39,7 @@ void MergeCopyLane::pushPicture(PacketPtr packet) {
     waiting_ = std::move(packet);
 }
 
-std::int64_t MergeCopyLane::samplesOf(const AVPacket& packet) const {
+std::int64_t MergeCopyTrack::samplesOf(const AVPacket& packet) const {
     if (const int samples = av_get_audio_frame_duration2(part_.from->codecpar, packet.size); samples > 0) {
         return samples;
     }
@@ -47,7 +47,7 @@ std::int64_t MergeCopyLane::samplesOf(const AVPacket& packet) const {
 }
 
 // See Merge.cpp for why packets are counted and not timed.
-void MergeCopyLane::pushSound(PacketPtr packet) {
+void MergeCopyTrack::pushAudio(PacketPtr packet) {
     const AVRational sample{1, model_.codecpar->sample_rate};
     const std::int64_t start = av_rescale_q(part_.start, kMicroseconds, sample);
     const std::int64_t end = av_rescale_q(part_.end, kMicroseconds, sample);
@@ -77,7 +77,7 @@ void MergeCopyLane::pushSound(PacketPtr packet) {
     copier_.push(*packet);
 }
 
-void MergeCopyLane::finish() {
+void MergeCopyTrack::finish() {
     if (!waiting_) {
         return;
     }

@@ -4,7 +4,7 @@
 #include <MediaServer/Media/Container/StreamSelection.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 #include <MediaServer/Media/Video/FrameRate.h>
-#include <MediaServer/Media/Video/PictureReader.h>
+#include <MediaServer/Media/Video/FrameReader.h>
 
 namespace krv::media {
 namespace {
@@ -36,7 +36,7 @@ std::optional<std::size_t> mainVideoStream(const Source& source) {
     return defaultOrFirst(source, found);
 }
 
-PictureReader::PictureReader(Source& source)
+FrameReader::FrameReader(Source& source)
     : source_(source)
     , index_(requireVideo(source_))
     , decoder_(source_.stream(index_), 1)
@@ -46,7 +46,7 @@ PictureReader::PictureReader(Source& source)
     source_.select({index_});
 }
 
-std::int64_t PictureReader::duration() {
+std::int64_t FrameReader::duration() {
     if (duration_ > 0) {
         return duration_;
     }
@@ -64,11 +64,11 @@ std::int64_t PictureReader::duration() {
     return duration_;
 }
 
-void PictureReader::onlyKeyFrames(bool only) {
+void FrameReader::onlyKeyFrames(bool only) {
     decoder_.context().skip_frame = only ? AVDISCARD_NONKEY : AVDISCARD_DEFAULT;
 }
 
-void PictureReader::goTo(std::int64_t time) {
+void FrameReader::goTo(std::int64_t time) {
     // A format that cannot be sought in is read from where it stands, which at first is its beginning.
     if (time <= source_.start() || !source_.seek(index_, time)) {
         (void)source_.rewind();
@@ -80,7 +80,7 @@ void PictureReader::goTo(std::int64_t time) {
     expected_ = std::max(time, source_.start());
 }
 
-void PictureReader::decodeMore() {
+void FrameReader::decodeMore() {
     const auto keep = [this](FramePtr frame) {
         frame->pts =
             frame->pts == AV_NOPTS_VALUE ? expected_ : av_rescale_q(frame->pts, stream().time_base, kMicroseconds);
@@ -102,7 +102,7 @@ void PictureReader::decodeMore() {
     }
 }
 
-FramePtr PictureReader::next() {
+FramePtr FrameReader::next() {
     decodeMore();
     if (decoded_.empty()) {
         return nullptr;
@@ -113,7 +113,7 @@ FramePtr PictureReader::next() {
 }
 
 // Whether decoding on leads to the time without a detour: nothing to gain from a key frame in between.
-bool PictureReader::isOnTheWay(std::int64_t time) const {
+bool FrameReader::isOnTheWay(std::int64_t time) const {
     if (!shown_ || time < shown_->pts) {
         return false;
     }
@@ -130,7 +130,7 @@ bool PictureReader::isOnTheWay(std::int64_t time) const {
 }
 
 // The last picture that begins no later than the time, or the first later one if there is none.
-FramePtr PictureReader::lastUntil(std::int64_t time) {
+FramePtr FrameReader::lastUntil(std::int64_t time) {
     for (;;) {
         decodeMore();
         if (decoded_.empty()) {
@@ -144,7 +144,7 @@ FramePtr PictureReader::lastUntil(std::int64_t time) {
     }
 }
 
-FramePtr PictureReader::shownAt(std::int64_t time) {
+FramePtr FrameReader::shownAt(std::int64_t time) {
     const std::int64_t start = source_.start();
     if (isOnTheWay(time)) {
         if (FramePtr frame = lastUntil(time)) {

@@ -4,7 +4,7 @@
 #include <fmt/format.h>
 
 #include <MediaServer/Media/Codec/HDRMetadata.h>
-#include <MediaServer/Media/Video/PictureFormat.h>
+#include <MediaServer/Media/Video/VideoFormat.h>
 
 extern "C" {
 #include <libavutil/display.h>
@@ -50,7 +50,7 @@ bool hasAlpha(AVPixelFormat format) {
     return descriptor && (descriptor->flags & AV_PIX_FMT_FLAG_ALPHA);
 }
 
-AVPixelFormat choosePixels(const PictureRequest& request) {
+AVPixelFormat choosePixels(const VideoFormatRequest& request) {
     const auto source = static_cast<AVPixelFormat>(request.frame.format);
     if (!request.settings.pixelFormat) {
         if (hasAlpha(source) && request.codec.alphaPixelFormat != AV_PIX_FMT_NONE) {
@@ -78,7 +78,7 @@ int aligned(double side, int log2) {
 
 /// Sides that are asked for are those of the upright picture. One alone keeps the shape of the picture; two of
 /// them change the shape of the pixels, so that what is shown is not distorted.
-void chooseSize(PictureFormat& format, const PictureRequest& request, bool sideways) {
+void chooseSize(VideoFormat& format, const VideoFormatRequest& request, bool sideways) {
     const double width = request.frame.width;
     const double height = request.frame.height;
     auto askedWidth = request.settings.width;
@@ -119,7 +119,7 @@ T firstKnown(T first, T second, T unknown) {
     return first != unknown ? first : second;
 }
 
-void chooseColour(PictureFormat& format, const PictureRequest& request) {
+void chooseColour(VideoFormat& format, const VideoFormatRequest& request) {
     const AVFrame& frame = request.frame;
     const AVCodecParameters& codec = *request.stream.codecpar;
     format.primaries = firstKnown(frame.color_primaries, codec.color_primaries, AVCOL_PRI_UNSPECIFIED);
@@ -152,7 +152,7 @@ void chooseColour(PictureFormat& format, const PictureRequest& request) {
 
 /// Fields are kept where the codec stays the same, and for codecs of post production. Elsewhere the change of
 /// codec is the moment to make whole pictures of them, because the new one's players expect these.
-void chooseInterlacing(PictureFormat& format, const PictureRequest& request) {
+void chooseInterlacing(VideoFormat& format, const VideoFormatRequest& request) {
     const char* name = request.codec.encoders.front();
     const bool staysSame = request.stream.codecpar->codec_id == request.codec.id;
     const bool production = request.codec.id == AV_CODEC_ID_PRORES;
@@ -169,13 +169,13 @@ bool displayedSideways(const AVStream& stream) {
     return matrix && clockwiseQuarterTurns(matrix) % 2 == 1;
 }
 
-void turnUpright(PictureFormat& format, const AVStream& stream) {
+void turnUpright(VideoFormat& format, const AVStream& stream) {
     const std::int32_t* matrix = displayMatrix(stream);
     format.quarterTurns = matrix ? clockwiseQuarterTurns(matrix) : 0;
     format.mirrored = matrix && mirrors(matrix);
 }
 
-void describe(const PictureFormat& format, AVCodecContext& encoder) {
+void describe(const VideoFormat& format, AVCodecContext& encoder) {
     encoder.width = format.width;
     encoder.height = format.height;
     encoder.pix_fmt = format.pixels;
@@ -192,8 +192,8 @@ void describe(const PictureFormat& format, AVCodecContext& encoder) {
     }
 }
 
-PictureFormat choosePictureFormat(const PictureRequest& request) {
-    PictureFormat format;
+VideoFormat chooseVideoFormat(const VideoFormatRequest& request) {
+    VideoFormat format;
     format.pixels = choosePixels(request);
     const std::int32_t* matrix = displayMatrix(request.stream);
     chooseSize(format, request, matrix && clockwiseQuarterTurns(matrix) % 2 == 1);
