@@ -18,9 +18,9 @@ namespace {
 constexpr float kSlowest = 0.01F;
 constexpr float kFastest = 1000;
 
-class Job {
+class Encoding {
 public:
-    Job(const EncodeRequest& request, ProgressSink& sink)
+    Encoding(const EncodeRequest& request, ProgressSink& sink)
         : request_(request)
         , progress_(sink)
         , container_(containerForPath(request.destinationPath))
@@ -30,14 +30,16 @@ public:
             checkRange("quality", request.video->quality, 0, 1);
             checkRange("frame rate", request.video->fps, kSlowest, kFastest);
             videoSettings_ = parseSettings(request.video->settings, AVMEDIA_TYPE_VIDEO);
-            if (request.video->codec != 0)
+            if (request.video->codec != 0) {
                 (void)codecForFourCC(request.video->codec, AVMEDIA_TYPE_VIDEO);
+            }
         }
         if (request.audio) {
             checkRange("quality", request.audio->quality, 0, 1);
             audioSettings_ = parseSettings(request.audio->settings, AVMEDIA_TYPE_AUDIO);
-            if (request.audio->codec != 0)
+            if (request.audio->codec != 0) {
                 (void)codecForFourCC(request.audio->codec, AVMEDIA_TYPE_AUDIO);
+            }
         }
     }
 
@@ -60,11 +62,12 @@ public:
 private:
     std::unique_ptr<Track> makeTranscoder(const Source& source, const StreamPlan& plan) const {
         const AVStream& from = source.stream(plan.index);
-        if (plan.codec->type == AVMEDIA_TYPE_VIDEO)
+        if (plan.codec->type == AVMEDIA_TYPE_VIDEO) {
             return std::make_unique<VideoTranscoder>(
                 source, from,
                 VideoTranscoder::Request{*plan.codec, request_.video ? request_.video->quality : 0,
                                          request_.video ? request_.video->fps : 0, videoSettings_});
+        }
         return std::make_unique<AudioTranscoder>(
             source, from,
             AudioTranscoder::Request{*plan.codec, request_.audio ? request_.audio->quality : 0, audioSettings_});
@@ -83,7 +86,7 @@ private:
 void encode(const EncodeRequest& request, ProgressSink& sink) {
     FFmpegLog::instance().clear();
     try {
-        Job(request, sink).run();
+        Encoding(request, sink).run();
     } catch (Failure& failure) {
         failure.about(request.sourcePath, request.destinationPath);
         throw;

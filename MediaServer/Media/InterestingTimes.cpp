@@ -11,33 +11,35 @@
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Foundation/FFmpegLog.h>
 #include <MediaServer/Media/InterestingTimes.h>
-#include <MediaServer/Media/Video/PictureReader.h>
+#include <MediaServer/Media/Video/FrameReader.h>
 
 namespace krv::media {
 namespace {
 
-// An index that ends before this part of the movie was never finished, or lists the first fragment only.
+/// An index that ends before this part of the movie was never finished, or lists the first fragment only.
 constexpr double kWholeMovie = 0.8;
 
-// Where no track has units of its own.
+/// Where no track has units of its own.
 constexpr int kMilliseconds = 1000;
 
 bool readAt(int descriptor, std::int64_t offset, std::span<std::byte> bytes) {
     while (!bytes.empty()) {
         const ssize_t got = pread(descriptor, bytes.data(), bytes.size(), offset);
-        if (got < 0 && errno == EINTR)
+        if (got < 0 && errno == EINTR) {
             continue;
-        if (got <= 0)
+        }
+        if (got <= 0) {
             return false;
+        }
         bytes = bytes.subspan(static_cast<std::size_t>(got));
         offset += got;
     }
     return true;
 }
 
-class Job {
+class TimesFinder {
 public:
-    Job(const InterestingTimesRequest& request, ProgressSink& sink)
+    TimesFinder(const InterestingTimesRequest& request, ProgressSink& sink)
         : request_(request)
         , progress_(sink)
         , source_(request.source, request.sourcePath, progress_) {}
@@ -46,10 +48,11 @@ public:
         if (request_.track) {
             const auto index = checkedTrack(*request_.track);
             useUnitsOf(source_.stream(index));
-            if (source_.stream(index).codecpar->codec_type == AVMEDIA_TYPE_AUDIO)
+            if (source_.stream(index).codecpar->codec_type == AVMEDIA_TYPE_AUDIO) {
                 addEdits(source_.stream(index).id);
-            else
+            } else {
                 addKeyFrames(index);
+            }
         } else {
             addAll();
         }
@@ -61,26 +64,30 @@ public:
 
 private:
     std::size_t checkedTrack(std::int64_t track) const {
-        if (track < 0 || static_cast<std::uint64_t>(track) >= source_.streamCount())
+        if (track < 0 || static_cast<std::uint64_t>(track) >= source_.streamCount()) {
             throw Failure(FailureCode::BadArgument,
                           fmt::format("There is no track {}; the movie has {}.", track, source_.streamCount()));
+        }
         return static_cast<std::size_t>(track);
     }
 
     void addAll() {
         const auto video = mainVideoStream(source_);
-        if (video)
+        if (video) {
             useUnitsOf(source_.stream(*video));
+        }
         add(0, kMicroseconds);
         const AVFormatContext& format = source_.format();
         for (unsigned i = 0; i < format.nb_chapters; ++i) {
             const AVChapter& chapter = *format.chapters[i];
-            if (chapter.start != AV_NOPTS_VALUE)
+            if (chapter.start != AV_NOPTS_VALUE) {
                 addShifted(chapter.start, chapter.time_base);
+            }
         }
         addEdits(std::nullopt);
-        if (video)
+        if (video) {
             addKeyFrames(*video);
+        }
     }
 
     void useUnitsOf(const AVStream& stream) {
@@ -94,50 +101,63 @@ private:
         add(time + av_rescale_q(source_.timeShift(), kMicroseconds, unit), unit);
     }
 
-    // Those of the track with this id, or of all.
+    /// Those of the track with this id, or of all.
     void addEdits(std::optional<int> trackID) {
-        if (request_.track)
+        if (request_.track) {
             add(0, kMicroseconds);
-        if (std::string_view(source_.format().iformat->name).find("mov") == std::string_view::npos)
+        }
+        if (std::string_view(source_.format().iformat->name).find("mov") == std::string_view::npos) {
             return;
+        }
         struct stat status {};
-        if (fstat(request_.source, &status) != 0)
+        if (fstat(request_.source, &status) != 0) {
             return;
+        }
         const MovieEdits edits = readMovieEdits(
             [this](std::int64_t offset, std::span<std::byte> bytes) { return readAt(request_.source, offset, bytes); },
             status.st_size);
-        if (edits.timeScale == 0 || edits.timeScale > INT32_MAX)
+        if (edits.timeScale == 0 || edits.timeScale > INT32_MAX) {
             return;
-        for (const MovieEdits::Track& track : edits.tracks)
-            if (!trackID || track.id == static_cast<std::uint32_t>(*trackID))
-                for (const std::int64_t start : track.starts)
+        }
+        for (const MovieEdits::Track& track : edits.tracks) {
+            if (!trackID || track.id == static_cast<std::uint32_t>(*trackID)) {
+                for (const std::int64_t start : track.starts) {
                     add(start, {1, static_cast<int>(edits.timeScale)});
+                }
+            }
+        }
     }
 
     void addKeyFrames(std::size_t index) {
         source_.select({index});
-        if (!addFromIndex(index))
+        if (!addFromIndex(index)) {
             addByReading(index);
+        }
     }
 
-    // False when there is no index of the whole track.
+    /// False when there is no index of the whole track.
     bool addFromIndex(std::size_t index) {
         const std::string_view format = source_.format().iformat->name;
         const bool listsPackets = format.find("mov") != std::string_view::npos;
         const bool listsKeyFrames = format.find("matroska") != std::string_view::npos || format == "avi";
-        if (!listsPackets && !listsKeyFrames)
+        if (!listsPackets && !listsKeyFrames) {
             return false;
+        }
         // Some indices are read when they are needed first.
-        if (!source_.seek(index, source_.start() + source_.duration() / 2))
+        if (!source_.seek(index, source_.start() + source_.duration() / 2)) {
             return false;
+        }
         std::vector<std::int64_t> keys = indexedKeys(source_.stream(index));
-        if (keys.empty() || !reachesTheEnd(source_.stream(index)))
+        if (keys.empty() || !reachesTheEnd(source_.stream(index))) {
             return false;
-        if (listsPackets)
+        }
+        if (listsPackets) {
             addPackets(index, keys);
-        else
-            for (const std::int64_t key : keys)
+        } else {
+            for (const std::int64_t key : keys) {
                 addShifted(key, source_.stream(index).time_base);
+            }
+        }
         return true;
     }
 
@@ -145,8 +165,9 @@ private:
         std::vector<std::int64_t> keys;
         for (int i = 0; i < avformat_index_get_entries_count(&stream); ++i) {
             const AVIndexEntry& entry = *avformat_index_get_entry(&stream, i);
-            if ((entry.flags & AVINDEX_KEYFRAME) != 0 && (entry.flags & AVINDEX_DISCARD_FRAME) == 0)
+            if ((entry.flags & AVINDEX_KEYFRAME) != 0 && (entry.flags & AVINDEX_DISCARD_FRAME) == 0) {
                 keys.push_back(entry.timestamp);
+            }
         }
         return keys;
     }
@@ -160,8 +181,8 @@ private:
                source_.duration() <= kMicroseconds.den;
     }
 
-    // This index tells when key frames are decoded; their packets tell when they are shown. They are sought by the time
-    // at which they are shown, which is not after the next one is decoded.
+    /// This index tells when key frames are decoded; their packets tell when they are shown. They are sought by the time
+    /// at which they are shown, which is not after the next one is decoded.
     void addPackets(std::size_t index, const std::vector<std::int64_t>& keys) {
         source_.readTimesOnly();
         AVFormatContext& format = source_.format();
@@ -175,12 +196,14 @@ private:
                 av_seek_frame(&format, static_cast<int>(index), before, AVSEEK_FLAG_BACKWARD) >= 0 &&
                 source_.read(*packet) && packet->pts != AV_NOPTS_VALUE &&
                 packet->dts - av_rescale_q(source_.timeShift(), kMicroseconds, stream.time_base) == keys[i];
-            if (!there)
+            if (!there) {
                 return addByReading(index);  // without contents it costs little
+            }
             found.push_back(packet->pts);
         }
-        for (const std::int64_t time : found)
+        for (const std::int64_t time : found) {
             add(time, stream.time_base);
+        }
     }
 
     void addByReading(std::size_t index) {
@@ -190,8 +213,9 @@ private:
         while (source_.read(*packet)) {
             progress_.reach(source_.position());
             const std::int64_t time = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
-            if ((packet->flags & AV_PKT_FLAG_KEY) != 0 && time != AV_NOPTS_VALUE)
+            if ((packet->flags & AV_PKT_FLAG_KEY) != 0 && time != AV_NOPTS_VALUE) {
                 add(time, stream.time_base);
+            }
         }
     }
 
@@ -206,7 +230,7 @@ private:
 InterestingTimes interestingTimes(const InterestingTimesRequest& request, ProgressSink& sink) {
     FFmpegLog::instance().clear();
     try {
-        return Job(request, sink).run();
+        return TimesFinder(request, sink).run();
     } catch (Failure& failure) {
         failure.about(request.sourcePath, request.sourcePath);
         throw;

@@ -19,8 +19,8 @@ struct InterestingTimesRequest {
 };
 
 struct InterestingTimes {
-    std::vector<std::int64_t>
-        values;                  ///< from the movie's start, in units of the time scale; ascending, no two the same
+    /// From the movie's start, in units of the time scale; ascending, no two the same.
+    std::vector<std::int64_t> values;
     std::int32_t timescale = 1;  ///< units per second: those of the track, so that values are exact
 };
 

@@ -22,15 +22,16 @@ bool isDefault(const AVStream& stream) {
     return (stream.disposition & AV_DISPOSITION_DEFAULT) != 0;
 }
 
-// The one that names the mix comes first.
-std::vector<std::size_t> enabledSound(const Source& source) {
+/// The one that names the mix comes first.
+std::vector<std::size_t> enabledAudio(const Source& source) {
     auto found = usableStreams(source, AVMEDIA_TYPE_AUDIO);
     const auto preferred = [&](std::size_t i) { return isDefault(source.stream(i)); };
     // The demuxer of the mov family shows a track's "enabled" as "default"; of other containers' tracks the
     // default one is only the one that is preferred among alternatives.
     const bool flagMeansEnabled = std::string_view(source.format().iformat->name).starts_with("mov,");
-    if (flagMeansEnabled && std::any_of(found.begin(), found.end(), preferred))
+    if (flagMeansEnabled && std::any_of(found.begin(), found.end(), preferred)) {
         found.erase(std::remove_if(found.begin(), found.end(), [&](auto i) { return !preferred(i); }), found.end());
+    }
     std::stable_partition(found.begin(), found.end(), preferred);
     return found;
 }
@@ -43,19 +44,22 @@ const Codec& mixCodec(const Container& container) {
 void run(const StereoMixRequest& request, Progress& progress) {
     const Container& container = containerForPath(request.destinationPath);
     Source source(request.source, request.sourcePath, progress);
-    const auto enabled = enabledSound(source);
-    if (enabled.empty())
+    const auto enabled = enabledAudio(source);
+    if (enabled.empty()) {
         throw Failure(FailureCode::UnusableSource, "It has no audio.");
+    }
     OutputFile output(request.destination, container, progress);
     Pump pump(source, output, progress);
-    const auto others = planAllButSound(source, container);
+    const auto others = planAllButAudio(source, container);
     const auto isVideo = [&](const StreamPlan& one) {
         return source.stream(one.index).codecpar->codec_type == AVMEDIA_TYPE_VIDEO &&
                one.treatment != StreamPlan::Treatment::Cover;
     };
-    for (const StreamPlan& one : others)
-        if (isVideo(one))
+    for (const StreamPlan& one : others) {
+        if (isVideo(one)) {
             pump.addCopy(one);
+        }
+    }
 
     const AVStream& first = source.stream(enabled.front());
     const bool isStereoAlready = enabled.size() == 1 && isStereo(first.codecpar->ch_layout);
@@ -69,13 +73,16 @@ void run(const StereoMixRequest& request, Progress& progress) {
                  enabled);
     } else {
         std::vector<const AVStream*> streams;
-        for (const std::size_t index : enabled)
+        for (const std::size_t index : enabled) {
             streams.push_back(&source.stream(index));
+        }
         pump.add(std::make_unique<StereoMixTrack>(source, streams, mixCodec(container)), enabled);
     }
-    for (const StreamPlan& one : others)
-        if (!isVideo(one))
+    for (const StreamPlan& one : others) {
+        if (!isVideo(one)) {
             pump.addCopy(one);
+        }
+    }
     pump.run(!copies);
 }
 

@@ -8,38 +8,45 @@
 #include <cmath>
 #include <cstring>
 #include <exception>
-#include <mutex>
 #include <thread>
 
 #include <unistd.h>
 
+#include <KRVQTProcessClient/Foundation/Mutex.h>
+
 #include <MediaServer/Media/Foundation/FFmpegLog.h>
 #include <MediaServer/Media/Thumbnails.h>
-#include <MediaServer/Media/Video/PictureReader.h>
+#include <MediaServer/Media/Video/FrameReader.h>
 #include <MediaServer/Media/Video/StillPicture.h>
 
 namespace krv::media {
 namespace {
 
-class Job {
+class ThumbnailMaker {
 public:
-    Job(const ThumbnailRequest& request, ProgressSink& sink)
+    ThumbnailMaker(const ThumbnailRequest& request, ProgressSink& sink)
         : request_(request)
+        , count_(static_cast<std::size_t>(request.count))
+        , readers_(std::min(static_cast<std::size_t>(coreCount()), count_))
         , progress_(sink)
-        , pictures_(static_cast<std::size_t>(request.count))
-        , readers_(std::min(static_cast<std::size_t>(coreCount()), pictures_.size())) {}
+        , pictures_(count_) {}
 
     std::vector<Thumbnail> run() {
-        if (ftruncate(request_.destination, 0) != 0)
+        if (ftruncate(request_.destination, 0) != 0) {
             throw Failure(FailureCode::UnwritableDestination, std::strerror(errno));
+        }
         std::vector<std::thread> others;
-        for (std::size_t i = 1; i < readers_; ++i)
+        for (std::size_t i = 1; i < readers_; ++i) {
             others.emplace_back([this, i] { readPart(i); });
+        }
         readPart(0);
-        for (std::thread& other : others)
+        for (std::thread& other : others) {
             other.join();
-        if (failure_)
+        }
+        const LockGuard lock(mutex_);
+        if (failure_) {
             std::rethrow_exception(failure_);
+        }
         progress_.finish();
         return std::move(pictures_);
     }
@@ -48,15 +55,15 @@ private:
     /// One reader's signs of life and progress become everybody's.
     class PartSink final : public ProgressSink {
     public:
-        explicit PartSink(Job& job)
-            : job_(job) {}
+        explicit PartSink(ThumbnailMaker& maker)
+            : maker_(maker) {}
         void progress(double) noexcept override {
-            const std::lock_guard lock(job_.mutex_);
-            job_.progress_.alive();
+            const LockGuard lock(maker_.mutex_);
+            maker_.progress_.alive();
         }
 
     private:
-        Job& job_;
+        ThumbnailMaker& maker_;
     };
 
     void readPart(std::size_t part) noexcept {
@@ -64,54 +71,59 @@ private:
             PartSink sink(*this);
             Progress progress(sink);
             Source source(request_.source, request_.sourcePath, progress);
-            PictureReader reader(source);
-            const std::size_t end = (part + 1) * pictures_.size() / readers_;
-            for (std::size_t i = part * pictures_.size() / readers_; i < end && !failed_; ++i)
+            FrameReader reader(source);
+            const std::size_t end = (part + 1) * count_ / readers_;
+            for (std::size_t i = part * count_ / readers_; i < end && !failed_; ++i) {
                 make(reader, i);
+            }
         } catch (...) {
-            const std::lock_guard lock(mutex_);
-            if (!failure_)
+            const LockGuard lock(mutex_);
+            if (!failure_) {
                 failure_ = std::current_exception();
+            }
             failed_ = true;
         }
     }
 
-    void make(PictureReader& reader, std::size_t i) {
-        const auto count = static_cast<double>(pictures_.size());
-        const double middle = (static_cast<double>(i) + 0.5) / count;
+    void make(FrameReader& reader, std::size_t i) {
+        const double middle = (static_cast<double>(i) + 0.5) / static_cast<double>(count_);
         const auto time = reader.source().start() + std::llround(middle * static_cast<double>(reader.duration()));
         FramePtr frame = reader.shownAt(time);
-        if (!frame)
+        if (!frame) {
             fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "No picture of it can be decoded");
+        }
         store(i, time, encodeJPEG(reader.stream(), std::move(frame), request_.width, request_.height));
     }
 
     void store(std::size_t i, std::int64_t time, const std::vector<std::uint8_t>& picture) {
-        const std::lock_guard lock(mutex_);
+        const LockGuard lock(mutex_);
         const auto length = static_cast<std::int64_t>(picture.size());
         for (std::int64_t written = 0; written < length;) {
             const ssize_t put = pwrite(request_.destination, picture.data() + written,
                                        static_cast<std::size_t>(length - written), size_ + written);
-            if (put < 0 && errno == EINTR)
+            if (put < 0 && errno == EINTR) {
                 continue;
-            if (put <= 0)
+            }
+            if (put <= 0) {
                 throw Failure(FailureCode::UnwritableDestination, std::strerror(put < 0 ? errno : ENOSPC));
+            }
             written += put;
         }
         pictures_[i] = {static_cast<double>(time) / AV_TIME_BASE, size_, length};
         size_ += length;
-        progress_.reach(static_cast<double>(++made_) / static_cast<double>(pictures_.size()));
+        progress_.reach(static_cast<double>(++made_) / static_cast<double>(count_));
     }
 
     const ThumbnailRequest& request_;
-    std::mutex mutex_;  // of what follows, and of the destination
-    Progress progress_;
-    std::vector<Thumbnail> pictures_;
-    std::int64_t size_ = 0;
-    std::size_t made_ = 0;
-    std::exception_ptr failure_;
-    std::atomic<bool> failed_{false};
+    const std::size_t count_;
     const std::size_t readers_;
+    std::atomic<bool> failed_{false};
+    Mutex mutex_;  // also of the destination
+    Progress progress_ KRV_GUARDED_BY(mutex_);
+    std::vector<Thumbnail> pictures_ KRV_GUARDED_BY(mutex_);
+    std::int64_t size_ KRV_GUARDED_BY(mutex_) = 0;
+    std::size_t made_ KRV_GUARDED_BY(mutex_) = 0;
+    std::exception_ptr failure_ KRV_GUARDED_BY(mutex_);
 };
 
 }  // namespace
@@ -119,7 +131,7 @@ private:
 std::vector<Thumbnail> makeThumbnails(const ThumbnailRequest& request, ProgressSink& sink) {
     FFmpegLog::instance().clear();
     try {
-        return Job(request, sink).run();
+        return ThumbnailMaker(request, sink).run();
     } catch (Failure& failure) {
         failure.about(request.sourcePath, request.destinationPath);
         throw;

@@ -14,59 +14,71 @@ namespace {
 int chooseRate(const AVCodecContext& context, int source, const Settings& settings, const Codec& codec) {
     const int wanted = settings.sampleRate.value_or(source);
     const int* rates = context.codec->supported_samplerates;
-    if (!rates)
+    if (!rates) {
         return wanted;
+    }
     int above = 0, highest = 0;
     for (; *rates != 0; ++rates) {
-        if (*rates == wanted)
+        if (*rates == wanted) {
             return wanted;
-        if (*rates > wanted && (above == 0 || *rates < above))
+        }
+        if (*rates > wanted && (above == 0 || *rates < above)) {
             above = *rates;
+        }
         highest = std::max(highest, *rates);
     }
-    if (settings.sampleRate)
+    if (settings.sampleRate) {
         throw Failure(FailureCode::Unsupported,
                       fmt::format("The setting “sampleRate={}” does not apply to {}.", wanted, codec.displayName));
+    }
     return above != 0 ? above : highest;
 }
 
-// The layouts that the codec's table or FFmpeg's encoder lists; empty if there is no list.
+/// The layouts that the codec's table or FFmpeg's encoder lists; empty if there is no list.
 std::vector<AVChannelLayout> knownLayouts(const AVCodecContext& context, const Codec& codec) {
     std::vector<AVChannelLayout> layouts;  // of standard channels in standard order, which own no memory
-    for (const std::uint64_t mask : codec.layouts)
+    for (const std::uint64_t mask : codec.layouts) {
         av_channel_layout_from_mask(&layouts.emplace_back(), mask);
-    for (const auto* one = context.codec->ch_layouts; one && one->nb_channels > 0 && codec.layouts.empty(); ++one)
+    }
+    for (const auto* one = context.codec->ch_layouts; one && one->nb_channels > 0 && codec.layouts.empty(); ++one) {
         layouts.push_back(*one);
+    }
     return layouts;
 }
 
-// The same channels if possible, else as many, else as many as there are below that.
+/// The same channels if possible, else as many, else as many as there are below that.
 void chooseLayout(AVCodecContext& context, const AVChannelLayout& source, const Settings& settings,
                   const Codec& codec) {
     ChannelLayout wanted;
-    if (settings.channels && *settings.channels != source.nb_channels)
+    if (settings.channels && *settings.channels != source.nb_channels) {
         wanted.assignDefault(*settings.channels);
-    else if (source.order == AV_CHANNEL_ORDER_UNSPEC)
+    } else if (source.order == AV_CHANNEL_ORDER_UNSPEC) {
         wanted.assignDefault(source.nb_channels);
-    else
+    } else {
         wanted.assign(source);
+    }
 
     const auto layouts = knownLayouts(context, codec);
     const AVChannelLayout* best = layouts.empty() ? &wanted.get() : nullptr;
     for (const AVChannelLayout& one : layouts) {
         const bool same = av_channel_layout_compare(&one, &wanted.get()) == 0;
-        if (one.nb_channels <= wanted.get().nb_channels && (!best || one.nb_channels > best->nb_channels || same))
+        if (one.nb_channels <= wanted.get().nb_channels && (!best || one.nb_channels > best->nb_channels || same)) {
             best = &one;
-        if (same)
+        }
+        if (same) {
             break;
+        }
     }
-    if (settings.channels && best && best->nb_channels != *settings.channels)
+    if (settings.channels && best && best->nb_channels != *settings.channels) {
         best = codec.id == AV_CODEC_ID_AAC ? &wanted.get() : nullptr;
-    if (!best || best->order == AV_CHANNEL_ORDER_UNSPEC)
+    }
+    if (!best || best->order == AV_CHANNEL_ORDER_UNSPEC) {
         throw Failure(FailureCode::Unsupported,
                       fmt::format("{} cannot be made with {} channels.", codec.displayName, wanted.get().nb_channels));
-    if (av_channel_layout_copy(&context.ch_layout, best) < 0)
+    }
+    if (av_channel_layout_copy(&context.ch_layout, best) < 0) {
         throw std::bad_alloc();
+    }
 }
 
 AVSampleFormat chooseSamples(const AVCodecContext& context, bool highResolution) {
@@ -76,18 +88,22 @@ AVSampleFormat chooseSamples(const AVCodecContext& context, bool highResolution)
     const AVCodecDescriptor* descriptor = avcodec_descriptor_get(context.codec_id);
     const bool lossless = descriptor && (descriptor->props & AV_CODEC_PROP_LOSSLESS) != 0;
     const std::span<const AVSampleFormat> order = !lossless ? kLossy : highResolution ? kFine : kCoarse;
-    for (const AVSampleFormat wanted : order)
-        for (const auto* one = context.codec->sample_fmts; one && *one != AV_SAMPLE_FMT_NONE; ++one)
-            if (*one == wanted)
+    for (const AVSampleFormat wanted : order) {
+        for (const auto* one = context.codec->sample_fmts; one && *one != AV_SAMPLE_FMT_NONE; ++one) {
+            if (*one == wanted) {
                 return wanted;
+            }
+        }
+    }
     return context.codec->sample_fmts ? context.codec->sample_fmts[0] : AV_SAMPLE_FMT_S16;
 }
 
 }  // namespace
 
 void ChannelLayout::assign(const AVChannelLayout& other) {
-    if (av_channel_layout_copy(&layout_, &other) < 0)
+    if (av_channel_layout_copy(&layout_, &other) < 0) {
         throw std::bad_alloc();
+    }
 }
 
 void ChannelLayout::assignDefault(int channels) {
@@ -98,8 +114,9 @@ void ChannelLayout::assignDefault(int channels) {
 bool hasHighResolution(const AVStream& stream) {
     const AVCodecParameters& codec = *stream.codecpar;
     const AVCodecDescriptor* descriptor = avcodec_descriptor_get(codec.codec_id);
-    if (!descriptor || !(descriptor->props & AV_CODEC_PROP_LOSSLESS))
+    if (!descriptor || !(descriptor->props & AV_CODEC_PROP_LOSSLESS)) {
         return false;  // what a lossy codec has kept fits into 16 bits
+    }
     const int exact = av_get_exact_bits_per_sample(codec.codec_id);
     return std::max(codec.bits_per_raw_sample, exact) > 16;
 }
@@ -109,8 +126,9 @@ void chooseAudioFormat(AVCodecContext& context, const AVStream& from, const Sett
     context.sample_rate = chooseRate(context, source.sample_rate, settings, codec);
     chooseLayout(context, source.ch_layout, settings, codec);
     context.sample_fmt = chooseSamples(context, hasHighResolution(from));
-    if (context.sample_fmt == AV_SAMPLE_FMT_S32 || context.sample_fmt == AV_SAMPLE_FMT_S32P)
+    if (context.sample_fmt == AV_SAMPLE_FMT_S32 || context.sample_fmt == AV_SAMPLE_FMT_S32P) {
         context.bits_per_raw_sample = 24;
+    }
     context.time_base = {1, context.sample_rate};
 }
 

@@ -8,14 +8,14 @@
 namespace krv::media {
 namespace {
 
-// Frame size for encoders that take any.
+/// Frame size for encoders that take any.
 constexpr int kAnyFrameSize = 4096;
 
-// A deviation from the movie's time is corrected when it exceeds this part of a second: less than any picture
-// is shown.
+/// A deviation from the movie's time is corrected when it exceeds this part of a second: less than any picture
+/// is shown.
 constexpr int kToleratedPart = 66;
 
-// Sound that seems to lie further back than this does not overlap, its clock has jumped.
+/// Sound that seems to lie further back than this does not overlap, its clock has jumped.
 constexpr std::int64_t kLongestOverlapSeconds = 10;
 
 }  // namespace
@@ -29,8 +29,9 @@ AudioResampler::AudioResampler(const Format& format, AVRational timeBase, std::i
     , fifo_(notNull(av_audio_fifo_alloc(format.samples, format.layout.nb_channels, frameSize_ * 2))) {}
 
 void AudioResampler::push(const AVFrame& frame, const Sink& sink) {
-    if (frame.nb_samples <= 0 || frame.sample_rate <= 0 || frame.ch_layout.nb_channels <= 0)
+    if (frame.nb_samples <= 0 || frame.sample_rate <= 0 || frame.ch_layout.nb_channels <= 0) {
         return;
+    }
     configure(frame, sink);
     align(frame, sink);
     convert(frame.extended_data, frame.nb_samples, sink);
@@ -38,19 +39,22 @@ void AudioResampler::push(const AVFrame& frame, const Sink& sink) {
 
 void AudioResampler::configure(const AVFrame& frame, const Sink& sink) {
     if (resampler_ && frame.format == sourceFormat_ && frame.sample_rate == sourceRate_ &&
-        av_channel_layout_compare(&frame.ch_layout, &sourceLayout_.get()) == 0)
+        av_channel_layout_compare(&frame.ch_layout, &sourceLayout_.get()) == 0) {
         return;
-    if (resampler_)
+    }
+    if (resampler_) {
         convert(nullptr, 0, sink);  // the tail of what came before
+    }
     sourceFormat_ = frame.format;
     sourceRate_ = frame.sample_rate;
     sourceLayout_.assign(frame.ch_layout);
 
     ChannelLayout layout;
-    if (frame.ch_layout.order == AV_CHANNEL_ORDER_UNSPEC)
+    if (frame.ch_layout.order == AV_CHANNEL_ORDER_UNSPEC) {
         layout.assignDefault(frame.ch_layout.nb_channels);
-    else
+    } else {
         layout.assign(frame.ch_layout);
+    }
     SwrContext* resampler = nullptr;
     // The function is older than const; it copies both layouts.
     auto& out = const_cast<AVChannelLayout&>(format_.layout);
@@ -62,24 +66,28 @@ void AudioResampler::configure(const AVFrame& frame, const Sink& sink) {
         const auto factors = matrix_(layout.get());
         result = swr_set_matrix(resampler, factors.data(), layout.get().nb_channels);
     }
-    if (result >= 0)
+    if (result >= 0) {
         result = swr_init(resampler);
-    if (result < 0)
+    }
+    if (result < 0) {
         fail(FailureCode::Unsupported, result, "The sound's channels cannot be converted");
+    }
 }
 
 void AudioResampler::align(const AVFrame& frame, const Sink& sink) {
-    if (frame.pts == AV_NOPTS_VALUE)
+    if (frame.pts == AV_NOPTS_VALUE) {
         return;
+    }
     const int rate = format_.rate;
     const std::int64_t wanted = av_rescale_q(frame.pts, timeBase_, AVRational{1, rate});
     const std::int64_t next = stored_ + swr_get_delay(resampler_.get(), rate) - toDrop_;
     const std::int64_t gap = wanted - next;
     const bool first = std::exchange(fresh_, false);
-    if (gap > (first ? 0 : rate / kToleratedPart) && wanted <= end_)
+    if (gap > (first ? 0 : rate / kToleratedPart) && wanted <= end_) {
         addSilence(gap, sink);
-    else if (gap < (first ? 0 : -rate / kToleratedPart) && (first || gap > -kLongestOverlapSeconds * rate))
+    } else if (gap < (first ? 0 : -rate / kToleratedPart) && (first || gap > -kLongestOverlapSeconds * rate)) {
         toDrop_ += -gap;
+    }
 }
 
 void AudioResampler::addSilence(std::int64_t samples, const Sink& sink) {
@@ -96,13 +104,15 @@ void AudioResampler::addSilence(std::int64_t samples, const Sink& sink) {
 
 void AudioResampler::convert(const std::uint8_t* const* data, int samples, const Sink& sink) {
     const int room = swr_get_out_samples(resampler_.get(), samples);
-    if (room <= 0)
+    if (room <= 0) {
         return;
+    }
     const FramePtr out = newSamples(room);
     const int made = swr_convert(resampler_.get(), out->extended_data, room, const_cast<const std::uint8_t**>(data),
                                  samples);  // swr only reads
-    if (made < 0)
+    if (made < 0) {
         fail(FailureCode::Internal, made, "The sound cannot be converted");
+    }
     store(out->extended_data, made, sink);
 }
 
@@ -115,14 +125,17 @@ void AudioResampler::store(std::uint8_t** data, int samples, const Sink& sink) {
         const int channels = format_.layout.nb_channels;
         const bool planar = av_sample_fmt_is_planar(format_.samples) != 0;
         const int step = av_get_bytes_per_sample(format_.samples) * (planar ? 1 : channels);
-        for (int plane = 0; plane < (planar ? channels : 1); ++plane)
+        for (int plane = 0; plane < (planar ? channels : 1); ++plane) {
             data[plane] += static_cast<std::ptrdiff_t>(dropped) * step;
-        if (av_audio_fifo_write(fifo_.get(), reinterpret_cast<void**>(data), samples) < samples)
+        }
+        if (av_audio_fifo_write(fifo_.get(), reinterpret_cast<void**>(data), samples) < samples) {
             throw std::bad_alloc();
+        }
         stored_ += samples;
     }
-    while (av_audio_fifo_size(fifo_.get()) >= frameSize_)
+    while (av_audio_fifo_size(fifo_.get()) >= frameSize_) {
         give(frameSize_, sink);
+    }
 }
 
 void AudioResampler::give(int samples, const Sink& sink) {
@@ -134,8 +147,9 @@ void AudioResampler::give(int samples, const Sink& sink) {
 }
 
 void AudioResampler::fillTo(std::int64_t sample, const Sink& sink) {
-    if (resampler_)
+    if (resampler_) {
         convert(nullptr, 0, sink);
+    }
     resampler_.reset();
     toDrop_ = 0;
     fresh_ = true;
@@ -143,10 +157,12 @@ void AudioResampler::fillTo(std::int64_t sample, const Sink& sink) {
 }
 
 void AudioResampler::finish(const Sink& sink) {
-    if (resampler_)
+    if (resampler_) {
         convert(nullptr, 0, sink);
-    if (const int rest = av_audio_fifo_size(fifo_.get()); rest > 0)
+    }
+    if (const int rest = av_audio_fifo_size(fifo_.get()); rest > 0) {
         give(rest, sink);
+    }
 }
 
 FramePtr AudioResampler::newSamples(int samples) const {
@@ -154,8 +170,9 @@ FramePtr AudioResampler::newSamples(int samples) const {
     frame->nb_samples = samples;
     frame->format = format_.samples;
     frame->sample_rate = format_.rate;
-    if (av_channel_layout_copy(&frame->ch_layout, &format_.layout) < 0 || av_frame_get_buffer(frame.get(), 0) < 0)
+    if (av_channel_layout_copy(&frame->ch_layout, &format_.layout) < 0 || av_frame_get_buffer(frame.get(), 0) < 0) {
         throw std::bad_alloc();
+    }
     return frame;
 }
 

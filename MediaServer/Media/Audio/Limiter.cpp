@@ -37,21 +37,25 @@ void Limiter::push(std::span<const float> left, std::span<const float> right, co
 }
 
 void Limiter::finish(const Sink& sink) {
-    for (std::size_t i = 0; i < ahead_; ++i)
+    for (std::size_t i = 0; i < ahead_; ++i) {
         take({0, 0}, 1);
+    }
     give(sink);
 }
 
 void Limiter::take(Sample sample, double needed) {
-    while (!needs_.empty() && needs_.back().gain >= needed)
+    while (!needs_.empty() && needs_.back().gain >= needed) {
         needs_.pop_back();
+    }
     needs_.push_back({taken_, needed});
-    if (needs_.front().index < taken_ - static_cast<std::int64_t>(ahead_))
+    if (needs_.front().index < taken_ - static_cast<std::int64_t>(ahead_)) {
         needs_.pop_front();
+    }
 
     gain_ += (1 - gain_) * recovery_;
-    if (1 - gain_ < kRecovered)
+    if (1 - gain_ < kRecovered) {
         gain_ = 1;
+    }
     gain_ = std::min(gain_, needs_.front().gain);
 
     double& oldest = smoothing_[smoothingAt_];
@@ -64,8 +68,9 @@ void Limiter::take(Sample sample, double needed) {
     const Sample delayed = delay_[delayAt_];
     delay_[delayAt_] = sample;
     delayAt_ = (delayAt_ + 1) % delay_.size();
-    if (taken_++ < static_cast<std::int64_t>(ahead_))
+    if (taken_++ < static_cast<std::int64_t>(ahead_)) {
         return;
+    }
     if (reduced_ == 0) {
         // Exactly 1, and a fresh start for the sum, in which rounding adds up.
         smoothingSum_ = static_cast<double>(smoothing_.size());
@@ -82,8 +87,9 @@ void Limiter::take(Sample sample, double needed) {
 }
 
 void Limiter::give(const Sink& sink) {
-    if (!left_.empty())
+    if (!left_.empty()) {
         sink(left_, right_);
+    }
     left_.clear();
     right_.clear();
 }

@@ -8,11 +8,11 @@ namespace {
 
 constexpr double kMinus3dB = std::numbers::sqrt2 / 2;
 
-// One that stands behind or above the middle is first lowered like all that do not stand in front, and then
-// shared by two.
+/// One that stands behind or above the middle is first lowered like all that do not stand in front, and then
+/// shared by two.
 constexpr double kSharedSurround = kMinus3dB * kMinus3dB;
 
-// Halfway between the middle and a side, with the power of both together unchanged.
+/// Halfway between the middle and a side, with the power of both together unchanged.
 constexpr double kNear = 0.92387953251128674;
 constexpr double kFar = 0.38268343236508978;
 
@@ -79,8 +79,9 @@ std::vector<double> stereoMatrix(const AVChannelLayout& layout) {
 }
 
 bool isStereo(const AVChannelLayout& layout) {
-    if (layout.nb_channels != 2)
+    if (layout.nb_channels != 2) {
         return false;
+    }
     return layout.order == AV_CHANNEL_ORDER_UNSPEC || stereoMatrix(layout) == std::vector<double>{1, 0, 0, 1};
 }
 

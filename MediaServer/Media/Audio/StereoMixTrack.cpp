@@ -11,15 +11,15 @@ namespace {
 
 constexpr AVChannelLayout kStereo = AV_CHANNEL_LAYOUT_STEREO;
 
-// -1 dB of full scale: what a lossy codec adds to a peak stays below full scale.
+/// -1 dB of full scale: what a lossy codec adds to a peak stays below full scale.
 constexpr float kCeiling = 0.891250938F;
 
-// How long a track that does not come forward is waited for.
+/// How long a track that does not come forward is waited for.
 constexpr std::int64_t kMostHeldSeconds = 20;
 
-// Sound that has been limited is dense, and what the codec gets wrong in it comes on top of its peaks. So it
-// gets more bits than usual, and noise stays what it was instead of being replaced by another with higher
-// peaks.
+/// Sound that has been limited is dense, and what the codec gets wrong in it comes on top of its peaks. So it
+/// gets more bits than usual, and noise stays what it was instead of being replaced by another with higher
+/// peaks.
 constexpr std::int64_t kAACBitRate = 256'000;
 
 Settings stereoSettings(const Codec& codec) {
@@ -42,22 +42,23 @@ StereoMixTrack::StereoMixTrack(const Source& source, const std::vector<const AVS
     : source_(source)
     , codec_(codec)
     , settings_(stereoSettings(codec)) {
-    for (const AVStream* stream : from)
-        voices_.push_back(std::make_unique<Voice>(*stream));
+    for (const AVStream* stream : from) {
+        inputs_.push_back(std::make_unique<Input>(*stream));
+    }
 }
 
 void StereoMixTrack::open(OutputFile& output) {
-    const AVStream& first = voices_.front()->from;
+    const AVStream& first = inputs_.front()->from;
     encoder_.emplace(EncoderSession::Request{codec_, 0, settings_, hasHighResolution(first)}, output,
                      [this](AVCodecContext& context) { prepare(context); });
     const int rate = encoder_->context().sample_rate;
     const AudioResampler::Format mixed(AV_SAMPLE_FMT_FLTP, rate, kStereo, 0);
-    for (const auto& voice : voices_) {
-        const AVRational unit = voice->from.time_base;
-        voice->resampler.emplace(mixed, unit, av_rescale_q(source_.lastPlausibleTime(), kMicroseconds, unit),
+    for (const auto& input : inputs_) {
+        const AVRational unit = input->from.time_base;
+        input->resampler.emplace(mixed, unit, av_rescale_q(source_.lastPlausibleTime(), kMicroseconds, unit),
                                  &stereoMatrix);
     }
-    sum_.emplace(voices_.size(), kMostHeldSeconds * rate);
+    sum_.emplace(inputs_.size(), kMostHeldSeconds * rate);
     limiter_.emplace(rate, kCeiling);
     packing_.emplace(encoder_->context(), AVRational{1, rate}, 0);
     copyTrackMetadata(first, encoder_->stream(), output.container());
@@ -65,20 +66,22 @@ void StereoMixTrack::open(OutputFile& output) {
 }
 
 void StereoMixTrack::prepare(AVCodecContext& context) const {
-    chooseAudioFormat(context, voices_.front()->from, settings_, codec_);
+    chooseAudioFormat(context, inputs_.front()->from, settings_, codec_);
     context.ch_layout = kStereo;
 }
 
 void StereoMixTrack::push(const AVPacket& packet) {
-    for (std::size_t i = 0; i < voices_.size(); ++i)
-        if (Voice& voice = *voices_[i]; voice.from.index == packet.stream_index)
-            voice.decoder.push(packet, [&](FramePtr frame) {
-                voice.resampler->push(*frame, [this, i](FramePtr ready) { add(i, *ready); });
+    for (std::size_t i = 0; i < inputs_.size(); ++i) {
+        if (Input& input = *inputs_[i]; input.from.index == packet.stream_index) {
+            input.decoder.push(packet, [&](FramePtr frame) {
+                input.resampler->push(*frame, [this, i](FramePtr ready) { add(i, *ready); });
             });
+        }
+    }
 }
 
-void StereoMixTrack::add(std::size_t voice, const AVFrame& frame) {
-    sum_->add(voice, channel(frame, 0), channel(frame, 1), [this](auto left, auto right) { limit(left, right); });
+void StereoMixTrack::add(std::size_t input, const AVFrame& frame) {
+    sum_->add(input, channel(frame, 0), channel(frame, 1), [this](auto left, auto right) { limit(left, right); });
 }
 
 void StereoMixTrack::limit(std::span<const float> left, std::span<const float> right) {
@@ -92,8 +95,9 @@ void StereoMixTrack::encode(std::span<const float> left, std::span<const float> 
     frame->sample_rate = encoder_->context().sample_rate;
     frame->ch_layout = kStereo;
     frame->pts = encoded_;
-    if (av_frame_get_buffer(frame.get(), 0) < 0)
+    if (av_frame_get_buffer(frame.get(), 0) < 0) {
         throw std::bad_alloc();
+    }
     std::copy(left.begin(), left.end(), reinterpret_cast<float*>(frame->extended_data[0]));
     std::copy(right.begin(), right.end(), reinterpret_cast<float*>(frame->extended_data[1]));
     encoded_ += frame->nb_samples;
@@ -101,11 +105,11 @@ void StereoMixTrack::encode(std::span<const float> left, std::span<const float> 
 }
 
 void StereoMixTrack::finish() {
-    for (std::size_t i = 0; i < voices_.size(); ++i) {
-        Voice& voice = *voices_[i];
+    for (std::size_t i = 0; i < inputs_.size(); ++i) {
+        Input& input = *inputs_[i];
         const auto mix = [this, i](FramePtr ready) { add(i, *ready); };
-        voice.decoder.finish([&](FramePtr frame) { voice.resampler->push(*frame, mix); });
-        voice.resampler->finish(mix);
+        input.decoder.finish([&](FramePtr frame) { input.resampler->push(*frame, mix); });
+        input.resampler->finish(mix);
         sum_->finish(i, [this](auto left, auto right) { limit(left, right); });
     }
     limiter_->finish([this](auto left, auto right) { encode(left, right); });

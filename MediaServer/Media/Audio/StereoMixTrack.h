@@ -5,9 +5,9 @@
 #include <optional>
 #include <vector>
 
+#include <MediaServer/Media/Audio/AudioMixer.h>
 #include <MediaServer/Media/Audio/AudioResampler.h>
 #include <MediaServer/Media/Audio/Limiter.h>
-#include <MediaServer/Media/Audio/SoundSum.h>
 #include <MediaServer/Media/Codec/Decoder.h>
 #include <MediaServer/Media/Codec/EncoderSession.h>
 #include <MediaServer/Media/Container/Source.h>
@@ -29,8 +29,8 @@ public:
     void finish() override;
 
 private:
-    struct Voice {
-        explicit Voice(const AVStream& stream)
+    struct Input {
+        explicit Input(const AVStream& stream)
             : from(stream)
             , decoder(stream) {}
         const AVStream& from;
@@ -39,16 +39,16 @@ private:
     };
 
     void prepare(AVCodecContext& context) const;
-    void add(std::size_t voice, const AVFrame& frame);
+    void add(std::size_t input, const AVFrame& frame);
     void limit(std::span<const float> left, std::span<const float> right);
     void encode(std::span<const float> left, std::span<const float> right);
 
     const Source& source_;
     const Codec& codec_;
     const Settings settings_;
-    std::vector<std::unique_ptr<Voice>> voices_;
+    std::vector<std::unique_ptr<Input>> inputs_;
     std::optional<EncoderSession> encoder_;
-    std::optional<SoundSum> sum_;
+    std::optional<AudioMixer> sum_;
     std::optional<Limiter> limiter_;
     std::optional<AudioResampler> packing_;  // into frames as the encoder wants them
     std::int64_t encoded_ = 0;               // samples

@@ -43,7 +43,7 @@ constexpr AVPixelFormat kNoPixels = AV_PIX_FMT_NONE;
 constexpr AVMediaType kVideo = AVMEDIA_TYPE_VIDEO;
 constexpr AVMediaType kAudio = AVMEDIA_TYPE_AUDIO;
 
-// The layouts that every player of these codecs knows; sound with more channels is mixed down unless it is asked for.
+/// The layouts that every player of these codecs knows; sound with more channels is mixed down unless it is asked for.
 constexpr std::array<std::uint64_t, 6> kAACLayouts{AV_CH_LAYOUT_MONO,         AV_CH_LAYOUT_STEREO,
                                                    AV_CH_LAYOUT_SURROUND,     AV_CH_LAYOUT_4POINT0,
                                                    AV_CH_LAYOUT_5POINT0_BACK, AV_CH_LAYOUT_5POINT1_BACK};
@@ -76,8 +76,9 @@ constexpr std::array<Codec, 16> kCodecs{{
 
 std::string fourCCText(std::uint32_t code) {
     std::string text;
-    for (int shift = 24; shift >= 0; shift -= 8)
+    for (int shift = 24; shift >= 0; shift -= 8) {
         text += static_cast<char>(code >> shift & 0xff);
+    }
     const bool printable = std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isprint(c) != 0; });
     return printable ? fmt::format("“{}”", text) : fmt::format("0x{:08x}", code);
 }
@@ -88,11 +89,13 @@ std::span<const Codec> codecs() noexcept {
 
 const Codec& codecForFourCC(std::uint32_t code, AVMediaType type) {
     const auto found = std::find_if(kCodecs.begin(), kCodecs.end(), [&](const Codec& c) { return c.fourCC == code; });
-    if (found == kCodecs.end())
+    if (found == kCodecs.end()) {
         throw Failure(FailureCode::Unsupported, fmt::format("The codec {} is not supported.", fourCCText(code)));
-    if (found->type != type)
+    }
+    if (found->type != type) {
         throw Failure(FailureCode::Unsupported, fmt::format("The codec {} is not one for {}.", fourCCText(code),
                                                             type == AVMEDIA_TYPE_VIDEO ? "video" : "audio"));
+    }
     return *found;
 }
 
@@ -104,8 +107,9 @@ const Codec* codecLike(const AVCodecParameters& parameters) noexcept {
     for (const Codec& codec : kCodecs) {
         // Variants of one codec are told apart by their codes.
         const bool same = parameters.codec_tag == av_bswap32(codec.fourCC);
-        if (codec.id == id && (!like || same))
+        if (codec.id == id && (!like || same)) {
             like = &codec;
+        }
     }
     return like;
 }
@@ -114,8 +118,9 @@ const Encoder& encoderNamed(std::string_view name) {
     const auto wanted = name.starts_with("pcm_") ? std::string_view("pcm") : name;
     const auto found =
         std::find_if(kEncoders.begin(), kEncoders.end(), [&](const Encoder& e) { return e.name == wanted; });
-    if (found == kEncoders.end())
+    if (found == kEncoders.end()) {
         throw Failure(FailureCode::Internal, fmt::format("No row for the encoder {}.", name));
+    }
     return *found;
 }
 

@@ -15,8 +15,9 @@ int coreCount() noexcept {
 Decoder::Decoder(const AVStream& stream, int threads) {
     const char* name = avcodec_get_name(stream.codecpar->codec_id);
     const AVCodec* codec = avcodec_find_decoder(stream.codecpar->codec_id);
-    if (!codec)
+    if (!codec) {
         throw Failure(FailureCode::Unsupported, fmt::format("The source's codec “{}” cannot be decoded.", name));
+    }
     context_.reset(notNull(avcodec_alloc_context3(codec)));
     int result = avcodec_parameters_to_context(context_.get(), stream.codecpar);
     if (result >= 0) {
@@ -24,8 +25,9 @@ Decoder::Decoder(const AVStream& stream, int threads) {
         context_->thread_count = threads;
         result = avcodec_open2(context_.get(), codec, nullptr);
     }
-    if (result < 0)
+    if (result < 0) {
         fail(FailureCode::UnusableSource, result, fmt::format("The codec “{}” cannot be decoded", name));
+    }
 }
 
 void Decoder::push(const AVPacket& packet, const Sink& sink) {
@@ -44,8 +46,9 @@ void Decoder::send(const AVPacket* packet, const Sink& sink) {
     // Errors belong to this packet's data and are nothing to give up for; whether anything useful came out at
     // all is known at the end.
     const int result = avcodec_send_packet(context_.get(), packet);
-    if (result == AVERROR(ENOMEM))
+    if (result == AVERROR(ENOMEM)) {
         throw std::bad_alloc();
+    }
     receive(sink);
 }
 
@@ -53,12 +56,15 @@ void Decoder::receive(const Sink& sink) {
     for (;;) {
         FramePtr frame = newFrame();
         const int result = avcodec_receive_frame(context_.get(), frame.get());
-        if (result == AVERROR(ENOMEM))
+        if (result == AVERROR(ENOMEM)) {
             throw std::bad_alloc();
-        if (result == AVERROR(EAGAIN) || result == AVERROR_EOF)
+        }
+        if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) {
             return;
-        if (result < 0)
+        }
+        if (result < 0) {
             continue;
+        }
         frame->pts = frame->best_effort_timestamp;
         sink(std::move(frame));
     }

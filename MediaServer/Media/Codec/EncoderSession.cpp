@@ -23,23 +23,26 @@ namespace {
 
 using Kind = QualityScale::Kind;
 
-// No encoder decodes a picture this long before it is shown.
+/// No encoder decodes a picture this long before it is shown.
 constexpr std::chrono::seconds kLongestReordering = std::chrono::hours(1);
 
-// Encoders that print to standard error themselves, past FFmpeg's log, are told not to.
+/// Encoders that print to standard error themselves, past FFmpeg's log, are told not to.
 void silence(AVCodecContext& context, const std::string& encoder) {
-    if (encoder == "libx265")
+    if (encoder == "libx265") {
         addToListOption(context.priv_data, "x265-params", "log-level", "none");
-    if (encoder == "libsvtav1")
+    }
+    if (encoder == "libsvtav1") {
         setenv("SVT_LOG", "0", 0);
+    }
 }
 
 void applyTableOptions(AVCodecContext& context, const char* options) {
     AVDict dict;
     av_dict_parse_string(dict.address(), options, "=", ":", 0);
     const int result = av_opt_set_dict2(&context, dict.address(), AV_OPT_SEARCH_CHILDREN);
-    if (result < 0 || av_dict_count(dict.get()) != 0)
+    if (result < 0 || av_dict_count(dict.get()) != 0) {
         fail(FailureCode::Internal, result, fmt::format("The encoder does not know “{}”", options));
+    }
 }
 
 void applyQuality(AVCodecContext& context, const QualityScale& scale, float quality) {
@@ -48,8 +51,9 @@ void applyQuality(AVCodecContext& context, const QualityScale& scale, float qual
     case Kind::Lossless:
         return;
     case Kind::Option:
-        if (av_opt_set_double(context.priv_data, scale.option, std::round(value * 10) / 10, 0) < 0)
+        if (av_opt_set_double(context.priv_data, scale.option, std::round(value * 10) / 10, 0) < 0) {
             av_opt_set_int(context.priv_data, scale.option, std::lround(value), 0);
+        }
         return;
     case Kind::Quantiser:
         if (value > 0) {
@@ -63,7 +67,7 @@ void applyQuality(AVCodecContext& context, const QualityScale& scale, float qual
     }
 }
 
-// Whoever sets one of these has chosen how quality and size are balanced.
+/// Whoever sets one of these has chosen how quality and size are balanced.
 bool choosesRateControl(const Settings& settings) {
     constexpr std::array<std::string_view, 6> keys{"b", "crf", "qp", "global_quality", "qscale", "rc"};
     return std::any_of(settings.options.begin(), settings.options.end(), [&](const auto& option) {
@@ -72,37 +76,43 @@ bool choosesRateControl(const Settings& settings) {
 }
 
 void applyBitRate(AVCodecContext& context, const Encoder& encoder, std::int64_t bitRate) {
-    if (!encoder.hasBitRate)
+    if (!encoder.hasBitRate) {
         throw Failure(FailureCode::Unsupported,
                       fmt::format("The setting “bitrate” does not apply to {}.", context.codec->long_name));
+    }
     context.bit_rate = bitRate;
-    if (context.codec_type == AVMEDIA_TYPE_VIDEO)
+    if (context.codec_type == AVMEDIA_TYPE_VIDEO) {
         context.bit_rate_tolerance = static_cast<int>(std::min<std::int64_t>(bitRate, 1'000'000'000));
+    }
 }
 
-// A request may set what the encoder itself knows, and of FFmpeg's general options those for encoding its
-// kind.
+/// A request may set what the encoder itself knows, and of FFmpeg's general options those for encoding its
+/// kind.
 void applyOption(AVCodecContext& context, const std::string& key, const std::string& value) {
     const int kind = context.codec_type == AVMEDIA_TYPE_VIDEO ? AV_OPT_FLAG_VIDEO_PARAM : AV_OPT_FLAG_AUDIO_PARAM;
     void* target = nullptr;
-    if (context.codec->priv_class && av_opt_find(context.priv_data, key.c_str(), nullptr, 0, 0))
+    if (context.codec->priv_class && av_opt_find(context.priv_data, key.c_str(), nullptr, 0, 0)) {
         target = context.priv_data;
-    else if (const AVOption* option = av_opt_find(&context, key.c_str(), nullptr, AV_OPT_FLAG_ENCODING_PARAM, 0);
-             option && (option->flags & kind))
+    } else if (const AVOption* option = av_opt_find(&context, key.c_str(), nullptr, AV_OPT_FLAG_ENCODING_PARAM, 0);
+               option && (option->flags & kind)) {
         target = &context;
-    if (!target)
+    }
+    if (!target) {
         throw Failure(FailureCode::Unsupported,
                       fmt::format("The setting “{}” is not known to the encoder {}.", key, context.codec->name));
+    }
     // Lists are added to, since they hold entries of ours already.
     const AVOption* option = av_opt_find(target, key.c_str(), nullptr, 0, 0);
     int result = 0;
-    if (const auto equals = value.find('='); option->type == AV_OPT_TYPE_DICT && equals != std::string::npos)
+    if (const auto equals = value.find('='); option->type == AV_OPT_TYPE_DICT && equals != std::string::npos) {
         result = addToListOption(target, key.c_str(), value.substr(0, equals).c_str(), value.c_str() + equals + 1);
-    else
+    } else {
         result = av_opt_set(target, key.c_str(), value.c_str(), 0);
-    if (result < 0)
+    }
+    if (result < 0) {
         throw Failure(FailureCode::Unsupported, fmt::format("The encoder {} does not take the setting “{}={}”.",
                                                             context.codec->name, key, value));
+    }
 }
 
 CodecContextPtr openEncoder(const char* name, const EncoderSession::Request& request, const OutputFile& output,
@@ -114,8 +124,9 @@ CodecContextPtr openEncoder(const char* name, const EncoderSession::Request& req
         return nullptr;
     }
     CodecContextPtr context(notNull(avcodec_alloc_context3(codec)));
-    if (output.wantsGlobalHeaders())
+    if (output.wantsGlobalHeaders()) {
         context->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    }
     // x264 and x265 start more threads than cores on their own, because theirs wait for one another.
     const bool choosesItself = std::string_view(name).starts_with("libx26");
     context->thread_count = choosesItself ? 0 : coreCount();
@@ -123,12 +134,14 @@ CodecContextPtr openEncoder(const char* name, const EncoderSession::Request& req
     applyTableOptions(*context, row.options);
     applyTableOptions(*context, request.codec.options);
     prepare(*context);
-    if (request.settings.bitRate)
+    if (request.settings.bitRate) {
         applyBitRate(*context, row, *request.settings.bitRate);
-    else if (!choosesRateControl(request.settings))
+    } else if (!choosesRateControl(request.settings)) {
         applyQuality(*context, row.quality, request.quality);
-    for (const auto& [key, value] : request.settings.options)
+    }
+    for (const auto& [key, value] : request.settings.options) {
         applyOption(*context, key, value);
+    }
     result = avcodec_open2(context.get(), codec, nullptr);
     return result < 0 ? nullptr : std::move(context);
 }
@@ -137,10 +150,11 @@ std::uint32_t muxerTag(std::uint32_t fourCC) {
     return MKTAG(fourCC >> 24 & 0xff, fourCC >> 16 & 0xff, fourCC >> 8 & 0xff, fourCC & 0xff);
 }
 
-// PCM is one codec to those who ask for it and many to FFmpeg.
+/// PCM is one codec to those who ask for it and many to FFmpeg.
 const char* exactName(const char* name, bool highResolution) {
-    if (name && std::string_view(name) == "pcm")
+    if (name && std::string_view(name) == "pcm") {
         return highResolution ? "pcm_s24le" : "pcm_s16le";
+    }
     return name;
 }
 
@@ -150,27 +164,32 @@ EncoderSession::EncoderSession(const Request& request, OutputFile& output, const
     : output_(output) {
     int result = 0;
     for (const char* name : request.codec.encoders) {
-        if (name && !context_)
+        if (name && !context_) {
             context_ = openEncoder(exactName(name, request.highResolution), request, output, prepare, result);
+        }
     }
-    if (!context_)
+    if (!context_) {
         fail(FailureCode::Unsupported, result,
              fmt::format("The {} encoder does not take what was asked for", request.codec.displayName));
+    }
     stream_ = &output.addStream();
-    if (avcodec_parameters_from_context(stream_->codecpar, context_.get()) < 0)
+    if (avcodec_parameters_from_context(stream_->codecpar, context_.get()) < 0) {
         throw std::bad_alloc();
+    }
     stream_->time_base = context_->time_base;
     stream_->avg_frame_rate = context_->framerate;
     stream_->sample_aspect_ratio = context_->sample_aspect_ratio;
-    if (output.container().indexInFront && request.codec.quickTimeTag != 0)
+    if (output.container().indexInFront && request.codec.quickTimeTag != 0) {
         stream_->codecpar->codec_tag = muxerTag(request.codec.quickTimeTag);
-    else if (!output.container().indexInFront)
+    } else if (!output.container().indexInFront) {
         stream_->codecpar->codec_tag = 0;
+    }
 }
 
 void EncoderSession::encode(AVFrame& frame) {
-    if (context_->codec_type == AVMEDIA_TYPE_VIDEO)
+    if (context_->codec_type == AVMEDIA_TYPE_VIDEO) {
         durations_[frame.pts] = frame.pkt_duration;
+    }
     frame.quality = context_->global_quality;  // some encoders with a fixed quantiser look for it here
     send(&frame);
 }
@@ -181,14 +200,17 @@ void EncoderSession::finish() {
 
 void EncoderSession::send(const AVFrame* frame) {
     int result = avcodec_send_frame(context_.get(), frame);
-    if (result < 0 && result != AVERROR_EOF)
+    if (result < 0 && result != AVERROR_EOF) {
         fail(FailureCode::Internal, result, "The encoder failed");
+    }
     for (;;) {
         result = avcodec_receive_packet(context_.get(), packet_.get());
-        if (result == AVERROR(EAGAIN) || result == AVERROR_EOF)
+        if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) {
             return;
-        if (result < 0)
+        }
+        if (result < 0) {
             fail(FailureCode::Internal, result, "The encoder failed");
+        }
         if (const auto known = durations_.find(packet_->pts); known != durations_.end()) {
             packet_->duration = known->second;
             durations_.erase(known);
@@ -205,10 +227,12 @@ void EncoderSession::makeTimesValid(AVPacket& packet) {
         packet.pts - av_rescale_q(kLongestReordering.count(), AVRational{1, 1}, context_->time_base);
     const std::int64_t next = lastDts_ ? *lastDts_ + 1 : packet.pts;
     if (packet.dts == AV_NOPTS_VALUE || packet.dts > packet.pts || packet.dts < earliest ||
-        (lastDts_ && packet.dts < next))
+        (lastDts_ && packet.dts < next)) {
         packet.dts = std::min(packet.pts, next);
-    if (lastDts_ && packet.dts < next)
+    }
+    if (lastDts_ && packet.dts < next) {
         packet.pts = packet.dts = next;
+    }
     lastDts_ = packet.dts;
 }
 

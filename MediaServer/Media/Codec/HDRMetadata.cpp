@@ -18,16 +18,18 @@ constexpr double kUsualPeak = 1000;
 
 const void* find(const AVStream& stream, const AVFrame& frame, AVPacketSideDataType inStream,
                  AVFrameSideDataType inFrame, std::size_t& size) {
-    if (const void* data = av_stream_get_side_data(&stream, inStream, &size))
+    if (const void* data = av_stream_get_side_data(&stream, inStream, &size)) {
         return data;
+    }
     const AVFrameSideData* side = av_frame_get_side_data(&frame, inFrame);
     size = side ? side->size : 0;
     return side ? side->data : nullptr;
 }
 
 void store(AVStream& stream, AVPacketSideDataType type, const void* data, std::size_t size) {
-    if (data)
+    if (data) {
         std::memcpy(notNull(av_stream_new_side_data(&stream, type, size)), data, size);
+    }
 }
 
 long scaled(AVRational value, int unit) {
@@ -43,17 +45,20 @@ HDRMetadata::HDRMetadata(const AVStream& stream, const AVFrame& frame)
 
 double HDRMetadata::peakLuminance() const {
     const auto* light = static_cast<const AVContentLightMetadata*>(light_);
-    if (light && light->MaxCLL > 0)
+    if (light && light->MaxCLL > 0) {
         return light->MaxCLL;
+    }
     const auto* mastering = static_cast<const AVMasteringDisplayMetadata*>(mastering_);
-    if (mastering && mastering->has_luminance && mastering->max_luminance.num > 0 && mastering->max_luminance.den > 0)
+    if (mastering && mastering->has_luminance && mastering->max_luminance.num > 0 && mastering->max_luminance.den > 0) {
         return av_q2d(mastering->max_luminance);
+    }
     return kUsualPeak;
 }
 
 void HDRMetadata::describeTo(AVCodecContext& encoder) const {
-    if (std::string_view(encoder.codec->name) != "libx265")
+    if (std::string_view(encoder.codec->name) != "libx265") {
         return;
+    }
     const auto add = [&](const char* key, const std::string& value) {
         addToListOption(encoder.priv_data, "x265-params", key, value.c_str());
     };
@@ -62,13 +67,14 @@ void HDRMetadata::describeTo(AVCodecContext& encoder) const {
         constexpr int kPoint = 50000;      // the units of the coded message: 0.00002 of a coordinate,
         constexpr int kLuminance = 10000;  // and 0.0001 cd/m²
         const auto& p = m.display_primaries;
-        if (m.has_primaries && m.has_luminance)
+        if (m.has_primaries && m.has_luminance) {
             add("master-display",
                 fmt::format("G({},{})B({},{})R({},{})WP({},{})L({},{})", scaled(p[1][0], kPoint),
                             scaled(p[1][1], kPoint), scaled(p[2][0], kPoint), scaled(p[2][1], kPoint),
                             scaled(p[0][0], kPoint), scaled(p[0][1], kPoint), scaled(m.white_point[0], kPoint),
                             scaled(m.white_point[1], kPoint), scaled(m.max_luminance, kLuminance),
                             scaled(m.min_luminance, kLuminance)));
+        }
     }
     if (light_) {
         const auto& level = *static_cast<const AVContentLightMetadata*>(light_);
@@ -84,8 +90,9 @@ void HDRMetadata::describeTo(AVStream& stream) const {
 int addToListOption(void* object, const char* option, const char* key, const char* value) {
     AVDict entries;
     int result = av_opt_get_dict_val(object, option, 0, entries.address());
-    if (result < 0)
+    if (result < 0) {
         return result;
+    }
     entries.set(key, value);
     return av_opt_set_dict_val(object, option, entries.get(), 0);
 }

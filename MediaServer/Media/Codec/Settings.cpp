@@ -17,11 +17,11 @@ extern "C" {
 namespace krv::media {
 namespace {
 
-// Options through which an encoder writes or reads files of its own, or uses more of the machine than its
-// share.
+/// Options through which an encoder writes or reads files of its own, or uses more of the machine than its
+/// share.
 constexpr std::array<std::string_view, 6> kRefusedKeys{"stats",   "passlogfile", "vstats_file",
                                                        "threads", "thread_type", "dump_separator"};
-// The same within the options that carry an encoder's own option list.
+/// The same within the options that carry an encoder's own option list.
 constexpr std::array<std::string_view, 12> kRefusedParts{"stats",    "dump",   "csv",          "recon",
                                                          "analysis", "log",    "qpfile",       "zones",
                                                          "cqmfile",  "lambda", "scaling-list", "dolby-vision-rpu"};
@@ -35,8 +35,9 @@ bool isUTF8(std::string_view text) {
     const auto* end = at + text.size();
     while (at < end) {
         std::int32_t code = 0;
-        if (av_utf8_decode(&code, &at, end, AV_UTF8_FLAG_ACCEPT_NON_CHARACTERS) < 0)
+        if (av_utf8_decode(&code, &at, end, AV_UTF8_FLAG_ACCEPT_NON_CHARACTERS) < 0) {
             return false;
+        }
     }
     return true;
 }
@@ -45,46 +46,53 @@ template <typename Integer>
 Integer number(std::string_view key, std::string_view value, Integer low, Integer high) {
     Integer result = 0;
     const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), result);
-    if (error != std::errc() || end != value.data() + value.size())
+    if (error != std::errc() || end != value.data() + value.size()) {
         refuse(key, fmt::format("is no whole number: “{}”", value));
-    if (result < low || result > high)
+    }
+    if (result < low || result > high) {
         refuse(key, fmt::format("is out of range ({} to {}): {}", low, high, value));
+    }
     return result;
 }
 
 AVPixelFormat pixelFormat(std::string_view key, const std::string& value) {
     const AVPixelFormat format = av_get_pix_fmt(value.c_str());
-    if (format == AV_PIX_FMT_NONE)
+    if (format == AV_PIX_FMT_NONE) {
         refuse(key, fmt::format("names an unknown pixel format: “{}”", value));
+    }
     return format;
 }
 
 void checkEncoderOption(std::string_view key, std::string_view value) {
-    if (std::find(kRefusedKeys.begin(), kRefusedKeys.end(), key) != kRefusedKeys.end())
+    if (std::find(kRefusedKeys.begin(), kRefusedKeys.end(), key) != kRefusedKeys.end()) {
         refuse(key, "cannot be set");
+    }
     const bool carriesList = key.ends_with("-params") || key.ends_with("opts");
-    for (const auto part : kRefusedParts)
-        if (carriesList && value.find(part) != std::string_view::npos)
+    for (const auto part : kRefusedParts) {
+        if (carriesList && value.find(part) != std::string_view::npos) {
             refuse(key, fmt::format("cannot be set to “{}”", value));
+        }
+    }
     // A first or second pass over a statistics file makes no sense here.
-    if (key == "flags" && value.find("pass") != std::string_view::npos)
+    if (key == "flags" && value.find("pass") != std::string_view::npos) {
         refuse(key, fmt::format("cannot be set to “{}”", value));
+    }
 }
 
 void apply(Settings& settings, std::string_view key, const std::string& value, bool video) {
-    if (key == "bitrate")
+    if (key == "bitrate") {
         settings.bitRate = number<std::int64_t>(key, value, 1'000, 1'000'000'000);
-    else if (video && key == "width")
+    } else if (video && key == "width") {
         settings.width = number(key, value, 2, 16384);
-    else if (video && key == "height")
+    } else if (video && key == "height") {
         settings.height = number(key, value, 2, 16384);
-    else if (video && key == "pixelFormat")
+    } else if (video && key == "pixelFormat") {
         settings.pixelFormat = pixelFormat(key, value);
-    else if (!video && key == "channels")
+    } else if (!video && key == "channels") {
         settings.channels = number(key, value, 1, 8);
-    else if (!video && key == "sampleRate")
+    } else if (!video && key == "sampleRate") {
         settings.sampleRate = number(key, value, 8'000, 192'000);
-    else {
+    } else {
         checkEncoderOption(key, value);
         settings.options.emplace_back(key, value);
     }
@@ -93,29 +101,34 @@ void apply(Settings& settings, std::string_view key, const std::string& value, b
 }  // namespace
 
 Settings parseSettings(std::string_view text, AVMediaType type) {
-    if (!isUTF8(text))
+    if (!isUTF8(text)) {
         throw Failure(FailureCode::BadArgument, "The settings are not UTF-8 text.");
+    }
     Settings settings;
     while (!text.empty()) {
         const auto colon = text.find(':');
         const auto part = text.substr(0, colon);
         text = colon == std::string_view::npos ? std::string_view() : text.substr(colon + 1);
-        if (part.empty())
+        if (part.empty()) {
             continue;
+        }
         const auto equals = part.find('=');
         const auto key = part.substr(0, equals);
-        if (equals == std::string_view::npos || key.empty())
+        if (equals == std::string_view::npos || key.empty()) {
             refuse(part, "has no value");
-        if (part.find('\0') != std::string_view::npos)
+        }
+        if (part.find('\0') != std::string_view::npos) {
             refuse(key.substr(0, key.find('\0')), "contains a null character");
+        }
         apply(settings, key, std::string(part.substr(equals + 1)), type == AVMEDIA_TYPE_VIDEO);
     }
     return settings;
 }
 
 void checkRange(const char* what, float value, float low, float high) {
-    if (value == 0 || (std::isfinite(value) && value >= low && value <= high))
+    if (value == 0 || (std::isfinite(value) && value >= low && value <= high)) {
         return;
+    }
     throw Failure(FailureCode::Unsupported,
                   fmt::format("The {} {} is not supported; it is 0 or from {} to {}.", what, value, low, high));
 }

@@ -40,30 +40,39 @@ bool among(AVCodecID codec, std::initializer_list<AVCodecID> list) {
 }  // namespace
 
 bool Container::holds(AVCodecID codec) const {
-    if (extension == "m4a")
+    if (extension == "m4a") {
         return among(codec, {AV_CODEC_ID_AAC, AV_CODEC_ID_ALAC, AV_CODEC_ID_AC3});
-    if (extension == "wav")
+    }
+    if (extension == "wav") {
         return among(codec,
                      {AV_CODEC_ID_PCM_S16LE, AV_CODEC_ID_PCM_S24LE, AV_CODEC_ID_PCM_S32LE, AV_CODEC_ID_PCM_U8,
                       AV_CODEC_ID_PCM_F32LE, AV_CODEC_ID_PCM_F64LE, AV_CODEC_ID_PCM_ALAW, AV_CODEC_ID_PCM_MULAW});
-    if (extension == "mp3")
+    }
+    if (extension == "mp3") {
         return codec == AV_CODEC_ID_MP3;
-    if (extension == "flac")
+    }
+    if (extension == "flac") {
         return codec == AV_CODEC_ID_FLAC;
-    if (extension == "ogg")
+    }
+    if (extension == "ogg") {
         return among(codec,
                      {AV_CODEC_ID_OPUS, AV_CODEC_ID_VORBIS, AV_CODEC_ID_FLAC, AV_CODEC_ID_SPEEX, AV_CODEC_ID_THEORA});
-    if (extension == "webm")
+    }
+    if (extension == "webm") {
         return among(codec, {AV_CODEC_ID_VP8, AV_CODEC_ID_VP9, AV_CODEC_ID_AV1, AV_CODEC_ID_OPUS, AV_CODEC_ID_VORBIS,
                              AV_CODEC_ID_WEBVTT});
-    if (extension == "mka" && avcodec_get_type(codec) != AVMEDIA_TYPE_AUDIO)
+    }
+    if (extension == "mka" && avcodec_get_type(codec) != AVMEDIA_TYPE_AUDIO) {
         return false;
+    }
     // The muxer lists these for its whole family, and then refuses them in this member of it.
     if (extension == "mov" && among(codec, {AV_CODEC_ID_VP8, AV_CODEC_ID_VP9, AV_CODEC_ID_AV1, AV_CODEC_ID_OPUS,
-                                            AV_CODEC_ID_FLAC, AV_CODEC_ID_TRUEHD}))
+                                            AV_CODEC_ID_FLAC, AV_CODEC_ID_TRUEHD})) {
         return false;
-    if ((extension == "mp4" || extension == "m4v") && codec == AV_CODEC_ID_TRUEHD)
+    }
+    if ((extension == "mp4" || extension == "m4v") && codec == AV_CODEC_ID_TRUEHD) {
         return false;
+    }
     const AVOutputFormat* format = av_guess_format(muxer, nullptr, nullptr);
     return format && avformat_query_codec(format, codec, FF_COMPLIANCE_NORMAL) == 1;
 }
@@ -80,10 +89,11 @@ const Container& containerForPath(const std::string& path) {
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     const auto found = std::find_if(kContainers.begin(), kContainers.end(),
                                     [&](const Container& c) { return c.extension == extension; });
-    if (found == kContainers.end())
+    if (found == kContainers.end()) {
         throw Failure(FailureCode::Unsupported,
                       extension.empty() ? std::string("The file name has no extension that names a container.")
                                         : fmt::format("The container “{}” is not supported.", extension));
+    }
     return *found;
 }
 

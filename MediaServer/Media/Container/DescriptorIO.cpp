@@ -44,15 +44,18 @@ int DescriptorIO::readSome(void* opaque, std::uint8_t* buffer, int size) {
     }
     for (;;) {
         const ssize_t got = pread(self.descriptor_, buffer, static_cast<std::size_t>(size), self.position_);
-        if (got < 0 && errno == EINTR)
+        if (got < 0 && errno == EINTR) {
             continue;
+        }
         if (got < 0) {
-            if (self.error_ == 0)
+            if (self.error_ == 0) {
                 self.error_ = errno;
+            }
             return AVERROR(errno);
         }
-        if (got == 0)
+        if (got == 0) {
             return AVERROR_EOF;
+        }
         self.position_ += got;
         self.activity_(got);
         return static_cast<int>(got);
@@ -64,11 +67,13 @@ int DescriptorIO::writeAll(void* opaque, std::uint8_t* buffer, int size) {
     for (int written = 0; written < size;) {
         const ssize_t put =
             pwrite(self.descriptor_, buffer + written, static_cast<std::size_t>(size - written), self.position_);
-        if (put < 0 && errno == EINTR)
+        if (put < 0 && errno == EINTR) {
             continue;
+        }
         if (put <= 0) {
-            if (self.error_ == 0)
+            if (self.error_ == 0) {
                 self.error_ = put < 0 ? errno : ENOSPC;
+            }
             return AVERROR(self.error_);
         }
         written += static_cast<int>(put);
@@ -84,10 +89,12 @@ std::int64_t DescriptorIO::seek(void* opaque, std::int64_t offset, int whence) {
     std::int64_t base = 0;
     if (how == AVSEEK_SIZE || how == SEEK_END) {
         struct stat status {};
-        if (fstat(self.descriptor_, &status) != 0)
+        if (fstat(self.descriptor_, &status) != 0) {
             return AVERROR(errno);
-        if (how == AVSEEK_SIZE)
+        }
+        if (how == AVSEEK_SIZE) {
             return status.st_size;
+        }
         base = status.st_size;
     } else if (how == SEEK_CUR) {
         base = self.position_;
@@ -95,8 +102,9 @@ std::int64_t DescriptorIO::seek(void* opaque, std::int64_t offset, int whence) {
         return AVERROR(EINVAL);
     }
     std::int64_t target = 0;
-    if (__builtin_add_overflow(base, offset, &target) || target < 0)
+    if (__builtin_add_overflow(base, offset, &target) || target < 0) {
         return AVERROR(EINVAL);
+    }
     self.position_ = target;
     return target;
 }

@@ -10,7 +10,7 @@ namespace {
 
 using Bytes = std::span<const std::byte>;
 
-// A header of two hours takes a few megabytes.
+/// A header of two hours takes a few megabytes.
 constexpr std::int64_t kLargestMovieBox = std::int64_t{256} << 20;
 constexpr std::size_t kMostEdits = 100'000;
 constexpr int kMostTopLevelBoxes = 10'000;
@@ -19,8 +19,9 @@ constexpr std::size_t kLongBoxHeader = 16;
 
 std::uint64_t number(Bytes bytes, std::size_t offset, std::size_t size) {
     std::uint64_t value = 0;
-    for (std::size_t i = 0; i < size; ++i)
+    for (std::size_t i = 0; i < size; ++i) {
         value = value << 8 | std::to_integer<std::uint64_t>(bytes[offset + i]);
+    }
     return value;
 }
 
@@ -29,10 +30,11 @@ struct Box {
     Bytes contents;
 };
 
-// The next box of a list, which shrinks by it; nothing at the end and for a box that claims more than there is.
+/// The next box of a list, which shrinks by it; nothing at the end and for a box that claims more than there is.
 std::optional<Box> takeBox(Bytes& list) {
-    if (list.size() < kBoxHeader)
+    if (list.size() < kBoxHeader) {
         return std::nullopt;
+    }
     std::uint64_t size = number(list, 0, 4);
     std::size_t header = kBoxHeader;
     if (size == 1 && list.size() >= kLongBoxHeader) {
@@ -41,8 +43,9 @@ std::optional<Box> takeBox(Bytes& list) {
     } else if (size == 0) {
         size = list.size();
     }
-    if (size < header || size > list.size())
+    if (size < header || size > list.size()) {
         return std::nullopt;
+    }
     const std::string_view type(reinterpret_cast<const char*>(list.data()) + 4, 4);
     const auto whole = static_cast<std::size_t>(size);
     const Box box{type, list.subspan(header, whole - header)};
@@ -51,26 +54,31 @@ std::optional<Box> takeBox(Bytes& list) {
 }
 
 std::optional<Bytes> find(Bytes list, std::string_view type) {
-    while (const auto box = takeBox(list))
-        if (box->type == type)
+    while (const auto box = takeBox(list)) {
+        if (box->type == type) {
             return box->contents;
+        }
+    }
     return std::nullopt;
 }
 
-// The field behind the two dates of a header, whose length the version tells.
+/// The field behind the two dates of a header, whose length the version tells.
 std::optional<std::uint32_t> afterDates(std::optional<Bytes> header) {
-    if (!header || header->empty())
+    if (!header || header->empty()) {
         return std::nullopt;
+    }
     const std::size_t offset = number(*header, 0, 1) == 1 ? 20 : 12;
-    if (header->size() < offset + 4)
+    if (header->size() < offset + 4) {
         return std::nullopt;
+    }
     return static_cast<std::uint32_t>(number(*header, offset, 4));
 }
 
 std::vector<std::int64_t> editStarts(Bytes list) {
     std::vector<std::int64_t> starts;
-    if (list.size() < 8)
+    if (list.size() < 8) {
         return starts;
+    }
     const bool wide = number(list, 0, 1) == 1;
     const std::size_t entry = wide ? 20 : 12;
     const auto count =
@@ -79,8 +87,9 @@ std::vector<std::int64_t> editStarts(Bytes list) {
     for (std::size_t i = 0; i < count; ++i) {
         starts.push_back(start);
         const auto length = static_cast<std::int64_t>(number(list, 8 + i * entry, wide ? 8 : 4));
-        if (length < 0 || __builtin_add_overflow(start, length, &start))
+        if (length < 0 || __builtin_add_overflow(start, length, &start)) {
             break;
+        }
     }
     return starts;
 }
@@ -91,13 +100,15 @@ MovieEdits parseMovieEdits(Bytes movieBox) {
     MovieEdits edits;
     edits.timeScale = afterDates(find(movieBox, "mvhd")).value_or(0);
     while (const auto box = takeBox(movieBox)) {
-        if (box->type != "trak")
+        if (box->type != "trak") {
             continue;
+        }
         const auto id = afterDates(find(box->contents, "tkhd"));
         const auto container = find(box->contents, "edts");
         const auto list = container ? find(*container, "elst") : std::nullopt;
-        if (id)
+        if (id) {
             edits.tracks.push_back({*id, list ? editStarts(*list) : std::vector<std::int64_t>{}});
+        }
     }
     return edits;
 }
@@ -107,8 +118,9 @@ MovieEdits readMovieEdits(const ReadAt& readAt, std::int64_t fileSize) {
     for (int i = 0; i < kMostTopLevelBoxes && offset <= fileSize - static_cast<std::int64_t>(kBoxHeader); ++i) {
         std::array<std::byte, kLongBoxHeader> header{};
         const auto there = static_cast<std::size_t>(std::min<std::int64_t>(kLongBoxHeader, fileSize - offset));
-        if (!readAt(offset, std::span(header).first(there)))
+        if (!readAt(offset, std::span(header).first(there))) {
             break;
+        }
         std::uint64_t size = number(header, 0, 4);
         std::int64_t headerSize = kBoxHeader;
         if (size == 1) {
@@ -117,12 +129,14 @@ MovieEdits readMovieEdits(const ReadAt& readAt, std::int64_t fileSize) {
         } else if (size == 0) {
             size = static_cast<std::uint64_t>(fileSize - offset);
         }
-        if (size < static_cast<std::uint64_t>(headerSize) || size > static_cast<std::uint64_t>(fileSize - offset))
+        if (size < static_cast<std::uint64_t>(headerSize) || size > static_cast<std::uint64_t>(fileSize - offset)) {
             break;
+        }
         const auto contents = static_cast<std::int64_t>(size) - headerSize;
         if (std::string_view(reinterpret_cast<const char*>(header.data()) + 4, 4) == "moov") {
-            if (contents > kLargestMovieBox)
+            if (contents > kLargestMovieBox) {
                 break;
+            }
             std::vector<std::byte> box(static_cast<std::size_t>(contents));
             return readAt(offset + headerSize, box) ? parseMovieEdits(box) : MovieEdits{};
         }

@@ -29,7 +29,7 @@ void copyTrackMetadata(const AVStream& from, AVStream& to, const Container& cont
 
 /// Side data that describes the picture and not its coding: rotation and mirroring (if displayMatrix),
 /// spherical and stereoscopic layout.
-void copyPictureSideData(const AVStream& from, AVStream& to, bool displayMatrix);
+void copyVideoSideData(const AVStream& from, AVStream& to, bool displayMatrix);
 
 /// All of a stream's side data, for a stream that is copied.
 void copyAllSideData(const AVStream& from, AVStream& to);

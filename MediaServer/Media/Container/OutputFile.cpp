@@ -17,11 +17,13 @@ OutputFile::OutputFile(int descriptor, const Container& container, Progress& pro
     , container_(container)
     , progress_(progress)
     , io_(descriptor, DescriptorIO::Mode::Write, [this](std::int64_t) { progress_.alive(); }) {
-    if (ftruncate(descriptor, 0) != 0)
+    if (ftruncate(descriptor, 0) != 0) {
         throw Failure(FailureCode::UnwritableDestination, std::strerror(errno));
+    }
     const int result = avformat_alloc_output_context2(&format_, nullptr, container.muxer, nullptr);
-    if (result < 0)
+    if (result < 0) {
         fail(FailureCode::Unsupported, result, fmt::format("The container “{}” is not available", container.extension));
+    }
     format_->pb = io_.context();
     format_->flags |= AVFMT_FLAG_CUSTOM_IO;
     format_->opaque = this;
@@ -50,10 +52,12 @@ bool OutputFile::hasCameraTags() const {
 void OutputFile::writeHeader() {
     AVDict options;
     av_dict_parse_string(options.address(), container_.options, "=", ":", 0);
-    if (container_.indexInFront)
+    if (container_.indexInFront) {
         av_dict_set(options.address(), "movflags", "+faststart", AV_DICT_APPEND);
-    if (container_.extension == "mov" && hasCameraTags())
+    }
+    if (container_.extension == "mov" && hasCameraTags()) {
         av_dict_set(options.address(), "movflags", "+use_metadata_tags", AV_DICT_APPEND);
+    }
     check(avformat_write_header(format_, options.address()), FailureCode::Unsupported,
           "The container refuses these streams");
 }
@@ -67,11 +71,13 @@ void OutputFile::write(const AVStream& stream, AVPacket& packet, AVRational time
     // do.
     packet.duration = std::clamp<std::int64_t>(packet.duration, 0, std::numeric_limits<int>::max());
     const int result = av_interleaved_write_frame(format_, &packet);
-    if (result == AVERROR_INVALIDDATA && io_.errorNumber() == 0)
+    if (result == AVERROR_INVALIDDATA && io_.errorNumber() == 0) {
         return;
+    }
     check(result, FailureCode::Internal, "A packet cannot be written");
-    if (kind == AVMEDIA_TYPE_VIDEO || kind == AVMEDIA_TYPE_AUDIO)
+    if (kind == AVMEDIA_TYPE_VIDEO || kind == AVMEDIA_TYPE_AUDIO) {
         ++packets_;
+    }
 }
 
 void OutputFile::finish() {
@@ -83,25 +89,29 @@ void OutputFile::finish() {
 
 void OutputFile::check(int result, FailureCode otherwise, const char* attempt) const {
     // The muxers' own reports of failed writes are neither complete nor exact; errno of the transfer is.
-    if (io_.errorNumber() != 0)
+    if (io_.errorNumber() != 0) {
         throw Failure(FailureCode::UnwritableDestination, std::strerror(io_.errorNumber()));
-    if (result < 0)
+    }
+    if (result < 0) {
         fail(otherwise, result, attempt);
+    }
 }
 
 // The muxer opens its own output a second time, under the context's (empty) url, while it moves the media
 // data back to make room for the index.
 int OutputFile::openForReading(AVFormatContext* format, AVIOContext** io, const char* url, int flags, AVDictionary**) {
     auto& self = *static_cast<OutputFile*>(format->opaque);
-    if ((url && *url) || flags != AVIO_FLAG_READ || self.reader_)
+    if ((url && *url) || flags != AVIO_FLAG_READ || self.reader_) {
         return AVERROR(EPERM);
+    }
     try {
         self.reader_ =
             std::make_unique<DescriptorIO>(self.descriptor_, DescriptorIO::Mode::Read, [&self](std::int64_t bytes) {
                 self.bytesMoved_ += bytes;
-                if (self.bytesToMove_ > 0)
+                if (self.bytesToMove_ > 0) {
                     self.progress_.reach(static_cast<double>(self.bytesMoved_) /
                                          static_cast<double>(self.bytesToMove_));
+                }
             });
     } catch (const std::bad_alloc&) {
         return AVERROR(ENOMEM);
@@ -112,8 +122,9 @@ int OutputFile::openForReading(AVFormatContext* format, AVIOContext** io, const 
 
 int OutputFile::closeAfterReading(AVFormatContext* format, AVIOContext* io) {
     auto& self = *static_cast<OutputFile*>(format->opaque);
-    if (self.reader_ && io == self.reader_->context())
+    if (self.reader_ && io == self.reader_->context()) {
         self.reader_.reset();
+    }
     return 0;
 }
 

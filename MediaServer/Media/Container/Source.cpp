@@ -13,31 +13,32 @@
 namespace krv::media {
 namespace {
 
-// How much of the file may be looked at to find out what its streams are.
+/// How much of the file may be looked at to find out what its streams are.
 constexpr std::int64_t kProbeBytes = 20'000'000;
 constexpr std::int64_t kProbeTime = std::int64_t{10} * AV_TIME_BASE;
 
-// A movie whose first frame is later than this does not begin with an empty edit, it is a piece of something
-// longer.
+/// A movie whose first frame is later than this does not begin with an empty edit, it is a piece of something
+/// longer.
 constexpr std::int64_t kLongestEmptyStart = 60 * static_cast<std::int64_t>(AV_TIME_BASE);
 
-// A jump of the clock that is larger than this is a splice, not a pause. Backwards any jump is one that is
-// larger than what inexact clocks do.
+/// A jump of the clock that is larger than this is a splice, not a pause. Backwards any jump is one that is
+/// larger than what inexact clocks do.
 constexpr std::int64_t kSpliceForward = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
 constexpr std::int64_t kSpliceBackward = AV_TIME_BASE / 10;
 
-// Lengths in headers are not exact; times this far behind the end are damage all the same.
+/// Lengths in headers are not exact; times this far behind the end are damage all the same.
 constexpr std::int64_t kSlack = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
 constexpr std::int64_t kLongestMovie = std::int64_t{1000} * 3600 * AV_TIME_BASE;
 
-// Demuxers that resynchronise after damage report each failed try; after so many in a row there is nothing to
-// come.
+/// Demuxers that resynchronise after damage report each failed try; after so many in a row there is nothing to
+/// come.
 constexpr int kReadAttempts = 64;
 
-// For a demuxer a lack of memory is, as a rule, a damaged header that claims to need that much.
+/// For a demuxer a lack of memory is, as a rule, a damaged header that claims to need that much.
 [[noreturn]] void unusable(int result, const char* attempt) {
-    if (result == AVERROR(ENOMEM))
+    if (result == AVERROR(ENOMEM)) {
         throw Failure(FailureCode::UnusableSource, "It claims to be larger than what fits into memory.");
+    }
     fail(FailureCode::UnusableSource, result, attempt);
 }
 
@@ -47,14 +48,18 @@ int refuseToOpen(AVFormatContext*, AVIOContext**, const char*, int, AVDictionary
 
 std::int64_t checkedSize(int descriptor) {
     struct stat status {};
-    if (fstat(descriptor, &status) != 0)
+    if (fstat(descriptor, &status) != 0) {
         throw Failure(FailureCode::UnusableSource, std::strerror(errno));
-    if (S_ISDIR(status.st_mode))
+    }
+    if (S_ISDIR(status.st_mode)) {
         throw Failure(FailureCode::UnusableSource, "It is a folder.");
-    if (!S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode))
+    }
+    if (!S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode)) {
         throw Failure(FailureCode::UnusableSource, "It is not a file.");
-    if (S_ISREG(status.st_mode) && status.st_size == 0)
+    }
+    if (S_ISREG(status.st_mode) && status.st_size == 0) {
         throw Failure(FailureCode::UnusableSource, "The file is empty.");
+    }
     return status.st_size;
 }
 
@@ -87,13 +92,16 @@ void Source::open(const std::string& path) {
     options.set("format_whitelist", input.name);  // so that no demuxer can start another one
     options.set("protocol_whitelist", "none");
     int result = avformat_open_input(&format_, "", &input, options.address());
-    if (result < 0)
+    if (result < 0) {
         unusable(result, "The file cannot be opened");
+    }
     result = avformat_find_stream_info(format_, nullptr);
-    if (result < 0)
+    if (result < 0) {
         unusable(result, "The streams cannot be identified");
-    if (format_->nb_streams == 0)
+    }
+    if (format_->nb_streams == 0) {
         throw Failure(FailureCode::UnusableSource, "The file contains no streams.");
+    }
 
     duration_ = format_->duration == AV_NOPTS_VALUE ? 0 : std::max<std::int64_t>(format_->duration, 0);
     const std::int64_t start = format_->start_time == AV_NOPTS_VALUE ? 0 : format_->start_time;
@@ -124,8 +132,9 @@ bool Source::seek(std::size_t index, std::int64_t time) {
 bool Source::rewind() {
     // By time is not enough where packets are found by guessing: the first ones may be decoded before the movie starts.
     const bool guesses = (format_->iformat->flags & (AVFMT_TS_DISCONT | AVFMT_NO_BYTE_SEEK)) == AVFMT_TS_DISCONT;
-    if (!guesses)
+    if (!guesses) {
         return seek(0, start_);
+    }
     std::fill(lastDts_.begin(), lastDts_.end(), std::nullopt);
     discontinuity_ = 0;
     return av_seek_frame(format_, -1, 0, AVSEEK_FLAG_BYTE) >= 0;
@@ -140,23 +149,27 @@ bool Source::read(AVPacket& packet) {
     for (int failures = 0; failures < kReadAttempts;) {
         av_packet_unref(&packet);
         const int result = av_read_frame(format_, &packet);
-        if (result == AVERROR_EOF || (result < 0 && io_.errorNumber() != 0))
+        if (result == AVERROR_EOF || (result < 0 && io_.errorNumber() != 0)) {
             return false;
+        }
         if (result < 0) {
             ++failures;
             continue;
         }
         const auto index = static_cast<std::size_t>(packet.stream_index);
-        if (index >= lastDts_.size())  // a stream that turned up after the headers
+        if (index >= lastDts_.size()) {  // a stream that turned up after the headers
             continue;
+        }
         const AVStream& from = stream(index);
-        if (from.discard == AVDISCARD_ALL || isCover(from))
+        if (from.discard == AVDISCARD_ALL || isCover(from)) {
             continue;
+        }
         bytesRead_ += packet.size;
         fixDiscontinuity(packet);
         const std::int64_t shift = av_rescale_q(shift_ + discontinuity_, kMicroseconds, from.time_base);
-        if (packet.pts != AV_NOPTS_VALUE)
+        if (packet.pts != AV_NOPTS_VALUE) {
             packet.pts += shift;
+        }
         if (packet.dts != AV_NOPTS_VALUE) {
             packet.dts += shift;
             reached_ = std::max(reached_, av_rescale_q(packet.dts, from.time_base, kMicroseconds));
@@ -169,11 +182,13 @@ bool Source::read(AVPacket& packet) {
 // Recordings that were joined byte by byte start their clock again in the middle. All streams are moved
 // together, so that they stay in sync, as soon as the first of them shows the jump.
 void Source::fixDiscontinuity(AVPacket& packet) {
-    if (!(format_->iformat->flags & AVFMT_TS_DISCONT) || packet.dts == AV_NOPTS_VALUE)
+    if (!(format_->iformat->flags & AVFMT_TS_DISCONT) || packet.dts == AV_NOPTS_VALUE) {
         return;
+    }
     const AVStream& from = stream(static_cast<std::size_t>(packet.stream_index));
-    if (from.codecpar->codec_type != AVMEDIA_TYPE_VIDEO && from.codecpar->codec_type != AVMEDIA_TYPE_AUDIO)
+    if (from.codecpar->codec_type != AVMEDIA_TYPE_VIDEO && from.codecpar->codec_type != AVMEDIA_TYPE_AUDIO) {
         return;
+    }
     auto& last = lastDts_[static_cast<std::size_t>(packet.stream_index)];
     const std::int64_t duration = av_rescale_q(packet.duration, from.time_base, kMicroseconds);
     std::int64_t now = av_rescale_q(packet.dts, from.time_base, kMicroseconds) + discontinuity_;

@@ -10,22 +10,24 @@
 namespace krv::media {
 namespace {
 
-// Formats whose files name other files or addresses, and formats that turn any text into pictures.
+/// Formats whose files name other files or addresses, and formats that turn any text into pictures.
 constexpr std::array<std::string_view, 14> kRefused{
     "applehttp", "concat", "dash", "ffmetadata", "hls",    "imf",         "lavfi",
     "rtp",       "rtsp",   "sap",  "sdp",        "vobsub", "vapoursynth", "webm_dash_manifest"};
 
-// Formats that take any text for pictures.
-constexpr std::string_view kTextAsPictures = "tty";
+/// Formats that take any text for pictures.
+constexpr std::string_view kTextAsVideo = "tty";
 
 bool refused(const AVInputFormat& format) {
-    if (format.flags & AVFMT_NOFILE)
+    if (format.flags & AVFMT_NOFILE) {
         return true;
+    }
     std::string_view names = format.name;
     while (!names.empty()) {
         const auto comma = names.find(',');
-        if (std::find(kRefused.begin(), kRefused.end(), names.substr(0, comma)) != kRefused.end())
+        if (std::find(kRefused.begin(), kRefused.end(), names.substr(0, comma)) != kRefused.end()) {
             return true;
+        }
         names = comma == std::string_view::npos ? std::string_view() : names.substr(comma + 1);
     }
     return false;
@@ -43,13 +45,16 @@ const AVInputFormat& probeFormat(AVIOContext& io, const std::string& path) {
         format = nullptr;
         result = av_probe_input_buffer2(&io, &format, nullptr, nullptr, 0, 0);
     }
-    if (result == AVERROR(ENOMEM))
+    if (result == AVERROR(ENOMEM)) {
         throw std::bad_alloc();
-    if (result < 0 || !format || format->name == kTextAsPictures)
+    }
+    if (result < 0 || !format || format->name == kTextAsVideo) {
         throw Failure(FailureCode::UnusableSource, "Its content is of no known media format.");
-    if (refused(*format))
+    }
+    if (refused(*format)) {
         throw Failure(FailureCode::UnusableSource,
                       fmt::format("It is of the format “{}”, which refers to other files.", format->name));
+    }
     return *format;
 }
 

@@ -10,20 +10,24 @@ namespace krv::media {
 namespace {
 
 void copyParameters(const AVStream& from, AVStream& to) {
-    if (avcodec_parameters_copy(to.codecpar, from.codecpar) < 0)
+    if (avcodec_parameters_copy(to.codecpar, from.codecpar) < 0) {
         throw std::bad_alloc();
+    }
 }
 
-// Keeps the source's tag where it means the same codec in the new container, else lets the muxer choose.
+/// Keeps the source's tag where it means the same codec in the new container, else lets the muxer choose.
 std::uint32_t tagFor(const AVFormatContext& output, const Container& container, const AVCodecParameters& codec) {
     const bool movFamily = container.indexInFront;
-    if (codec.codec_id == AV_CODEC_ID_HEVC && movFamily && codec.codec_tag != MKTAG('h', 'e', 'v', '1'))
+    if (codec.codec_id == AV_CODEC_ID_HEVC && movFamily && codec.codec_tag != MKTAG('h', 'e', 'v', '1')) {
         return MKTAG('h', 'v', 'c', '1');  // the only one that all players of this family take
+    }
     const AVCodecTag* const* tags = output.oformat->codec_tag;
-    if (!tags)
+    if (!tags) {
         return 0;
-    if (av_codec_get_id(tags, codec.codec_tag) == codec.codec_id)
+    }
+    if (av_codec_get_id(tags, codec.codec_tag) == codec.codec_id) {
         return codec.codec_tag;
+    }
     return 0;
 }
 
@@ -49,8 +53,9 @@ void StreamCopier::open(OutputFile& output) {
 
 void StreamCopier::push(const AVPacket& packet) {
     const bool video = from_.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
-    if (!started_ && video && !(packet.flags & AV_PKT_FLAG_KEY))
+    if (!started_ && video && !(packet.flags & AV_PKT_FLAG_KEY)) {
         return;  // nothing can be shown before the first key frame
+    }
     // Sound before the beginning is left out where the container cannot hide it, but for the one packet that
     // the decoder needs to get started.
     const bool audio = from_.codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
@@ -59,14 +64,16 @@ void StreamCopier::push(const AVPacket& packet) {
         return;
     }
     started_ = true;
-    if (hidden_)
+    if (hidden_) {
         write(*std::exchange(hidden_, nullptr));
+    }
     write(packet);
 }
 
 void StreamCopier::write(const AVPacket& packet) {
-    if (av_packet_ref(packet_.get(), &packet) < 0)
+    if (av_packet_ref(packet_.get(), &packet) < 0) {
         throw std::bad_alloc();
+    }
     makeTimesValid(*packet_);
     output_->write(*to_, *packet_, to_->time_base);
     av_packet_unref(packet_.get());
@@ -78,8 +85,9 @@ std::int64_t StreamCopier::guessDts(const AVPacket& packet) const {
     const AVRational rate = from_.avg_frame_rate;
     const std::int64_t step = rate.num > 0 && rate.den > 0 ? av_rescale_q(1, av_inv_q(rate), from_.time_base)
                                                            : std::max<std::int64_t>(packet.duration, 1);
-    if (lastDts_)
+    if (lastDts_) {
         return av_rescale_q(*lastDts_, to_->time_base, from_.time_base) + step;
+    }
     const std::int64_t first = packet.pts == AV_NOPTS_VALUE ? 0 : packet.pts;
     const bool video = from_.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
     return video ? first - from_.codecpar->video_delay * step : first;
@@ -88,8 +96,9 @@ std::int64_t StreamCopier::guessDts(const AVPacket& packet) const {
 // Muxers insist on decoding times that rise. Broken files have others, and rounding between units makes some.
 void StreamCopier::makeTimesValid(AVPacket& packet) {
     const AVCodecParameters& codec = *from_.codecpar;
-    if (packet.dts == AV_NOPTS_VALUE)
+    if (packet.dts == AV_NOPTS_VALUE) {
         packet.dts = guessDts(packet);
+    }
     if (codec.codec_type == AVMEDIA_TYPE_AUDIO && codec.sample_rate > 0 && packet.dts != AV_NOPTS_VALUE) {
         // Times in milliseconds are too coarse for samples: the length of the packet says where the next one
         // starts.
@@ -102,8 +111,9 @@ void StreamCopier::makeTimesValid(AVPacket& packet) {
         av_packet_rescale_ts(&packet, from_.time_base, to_->time_base);
     }
     const bool subtitle = codec.codec_type == AVMEDIA_TYPE_SUBTITLE;  // these may start at the same time
-    if (lastDts_ && packet.dts <= *lastDts_ && !(subtitle && packet.dts == *lastDts_))
+    if (lastDts_ && packet.dts <= *lastDts_ && !(subtitle && packet.dts == *lastDts_)) {
         packet.dts = *lastDts_ + 1;
+    }
     packet.pts = packet.pts == AV_NOPTS_VALUE ? packet.dts : std::max(packet.pts, packet.dts);
     lastDts_ = packet.dts;
 }
@@ -119,8 +129,9 @@ void CoverCopier::open(OutputFile& output) {
     to_->time_base = from_.time_base;
     copyTrackMetadata(from_, *to_, output.container());
     to_->disposition = AV_DISPOSITION_ATTACHED_PIC;
-    if (output.container().cover != CoverArt::Attachment)
+    if (output.container().cover != CoverArt::Attachment) {
         return;
+    }
     const AVPacket& picture = from_.attached_pic;
     const auto size = static_cast<std::size_t>(picture.size);
     const bool png = from_.codecpar->codec_id == AV_CODEC_ID_PNG;
@@ -136,8 +147,9 @@ void CoverCopier::open(OutputFile& output) {
 }
 
 void CoverCopier::finish() {
-    if (output_->container().cover != CoverArt::Stream)
+    if (output_->container().cover != CoverArt::Stream) {
         return;
+    }
     const PacketPtr packet = reference(from_.attached_pic);
     packet->pts = packet->dts = 0;
     packet->duration = 0;

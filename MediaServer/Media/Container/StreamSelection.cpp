@@ -22,16 +22,19 @@ std::vector<std::size_t> usableStreams(const Source& source, AVMediaType kind) {
     std::vector<std::size_t> found;
     for (std::size_t i = 0; i < source.streamCount(); ++i) {
         const AVStream& stream = source.stream(i);
-        if (stream.codecpar->codec_type == kind && !isCover(stream) && known(stream))
+        if (stream.codecpar->codec_type == kind && !isCover(stream) && known(stream)) {
             found.push_back(i);
+        }
     }
     return found;
 }
 
 std::optional<std::size_t> defaultOrFirst(const Source& source, const std::vector<std::size_t>& indices) {
-    for (const std::size_t index : indices)
-        if ((source.stream(index).disposition & AV_DISPOSITION_DEFAULT) != 0)
+    for (const std::size_t index : indices) {
+        if ((source.stream(index).disposition & AV_DISPOSITION_DEFAULT) != 0) {
             return index;
+        }
+    }
     return indices.empty() ? std::nullopt : std::optional(indices.front());
 }
 
@@ -40,10 +43,12 @@ double Source::bytePosition() const noexcept {
 }
 
 double Source::position() const noexcept {
-    if (duration_ > 0)
+    if (duration_ > 0) {
         return static_cast<double>(reached_ - start_) / static_cast<double>(duration_);
-    if (size_ > 0)
+    }
+    if (size_ > 0) {
         return static_cast<double>(avio_tell(io_.context())) / static_cast<double>(size_);
+    }
     return 0;
 }
 

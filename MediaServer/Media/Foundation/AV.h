@@ -41,8 +41,9 @@ using AudioFifoPtr = std::unique_ptr<AVAudioFifo, detail::Free>;
 /// FFmpeg reports a lack of memory by a null pointer; here it is std::bad_alloc like everywhere else.
 template <typename T>
 T* notNull(T* p) {
-    if (!p)
+    if (!p) {
         throw std::bad_alloc();
+    }
     return p;
 }
 

@@ -1,8 +1,9 @@
 #pragma once
 
 #include <cstdarg>
-#include <mutex>
 #include <string>
+
+#include <KRVQTProcessClient/Foundation/Mutex.h>
 
 namespace krv::media {
 
@@ -24,10 +25,10 @@ private:
     static void receive(void* object, int level, const char* format, va_list arguments);
     void add(void* object, int level, const char* format, va_list arguments);
 
-    mutable std::mutex mutex_;
-    std::string partial_;
-    std::string error_;
-    std::string warning_;
+    mutable Mutex mutex_;
+    std::string partial_ KRV_GUARDED_BY(mutex_);
+    std::string error_ KRV_GUARDED_BY(mutex_);
+    std::string warning_ KRV_GUARDED_BY(mutex_);
 };
 
 }  // namespace krv::media

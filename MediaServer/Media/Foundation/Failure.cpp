@@ -52,8 +52,9 @@ std::string errorText(int averror) {
 }
 
 void fail(FailureCode code, int averror, const std::string& attempt) {
-    if (averror == AVERROR(ENOMEM))
+    if (averror == AVERROR(ENOMEM)) {
         throw std::bad_alloc();
+    }
     const std::string line = FFmpegLog::instance().lastMeaningfulLine();
     throw Failure(code, fmt::format("{}: {}", attempt, line.empty() ? errorText(averror) : line));
 }

@@ -5,7 +5,7 @@
 namespace krv::media {
 namespace {
 
-// 1 is reserved for finish().
+/// 1 is reserved for finish().
 constexpr double kAlmostDone = 1 - 1e-6;
 
 }  // namespace
@@ -22,16 +22,18 @@ void Progress::beginPhase(double endsAt) noexcept {
 }
 
 void Progress::reach(double fractionOfPhase) noexcept {
-    if (fractionOfPhase > 0)
+    if (fractionOfPhase > 0) {
         reached_ = std::max(reached_, phaseStart_ + std::min(fractionOfPhase, 1.0) * (phaseEnd_ - phaseStart_));
+    }
     alive();
 }
 
 void Progress::alive() noexcept {
     const auto now = clock_();
     const auto waited = now - reportedAt_;
-    if (reached_ < reported_ + kVisibleChange && waited < kSignOfLife)
+    if (reached_ < reported_ + kVisibleChange && waited < kSignOfLife) {
         return;
+    }
     const double creep = kCreepPerSecond * std::chrono::duration<double>(waited).count();
     report(std::min(std::max(reached_, reported_ + creep), kAlmostDone));
     reportedAt_ = now;

@@ -7,10 +7,10 @@
 #include <MediaServer/Media/Foundation/FFmpegLog.h>
 #include <MediaServer/Media/Foundation/Progress.h>
 #include <MediaServer/Media/Merge/Merge.h>
-#include <MediaServer/Media/Merge/MergeCopyLane.h>
-#include <MediaServer/Media/Merge/MergePictureLane.h>
+#include <MediaServer/Media/Merge/MergeAudioTrack.h>
+#include <MediaServer/Media/Merge/MergeCopyTrack.h>
 #include <MediaServer/Media/Merge/MergePlan.h>
-#include <MediaServer/Media/Merge/MergeSoundLane.h>
+#include <MediaServer/Media/Merge/MergeVideoTrack.h>
 
 // How time is laid out.
 //
@@ -49,13 +49,13 @@
 namespace krv::media {
 namespace {
 
-// Looking through the sources is reading; encoding takes far longer than that, copying does it once more, and
-// moving the index to the front another time.
+/// Looking through the sources is reading; encoding takes far longer than that, copying does it once more, and
+/// moving the index to the front another time.
 constexpr double kSurveyed = 0.05;
 constexpr double kCopied = 0.65;
 constexpr double kEncoded = 0.98;
 
-// Tracks of one file may be this far apart in it.
+/// Tracks of one file may be this far apart in it.
 constexpr std::int64_t kInterleaving = AV_TIME_BASE;
 
 std::string nameOf(const std::string& path) {
@@ -64,50 +64,59 @@ std::string nameOf(const std::string& path) {
     return dot == std::string::npos || dot == 0 ? file : file.substr(0, dot);
 }
 
-FramePtr firstPicture(Source& source, std::size_t index) {
+FramePtr firstFrame(Source& source, std::size_t index) {
     source.select({index});
     Decoder decoder(source.stream(index));
     FramePtr first;
     const auto take = [&](FramePtr frame) {
-        if (!first)
+        if (!first) {
             first = std::move(frame);
+        }
     };
     const PacketPtr packet = newPacket();
-    while (!first && source.read(*packet))
+    while (!first && source.read(*packet)) {
         decoder.push(*packet, take);
-    if (!first)
+    }
+    if (!first) {
         decoder.finish(take);
-    if (!first)
+    }
+    if (!first) {
         fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "Its pictures cannot be decoded");
+    }
     return first;
 }
 
-class Job {
+class Merger {
 public:
-    Job(const MergeRequest& request, ProgressSink& sink)
+    Merger(const MergeRequest& request, ProgressSink& sink)
         : request_(request)
         , progress_(sink)
         , container_(containerForPath(request.destinationPath)) {}
 
     void run() {
-        if (request_.sources.empty())
+        if (request_.sources.empty()) {
             throw Failure(FailureCode::BadArgument, "There are no sources.");
+        }
         surveyAll();
         plan_ = planMerge(surveys_, container_, request_.useShortest);
         OutputFile output(request_.destination, container_, progress_);
         describe(output);
-        makeLanes();
-        for (const auto& lane : lanes_)
-            lane->open(output);
+        makeTracks();
+        for (const auto& track : tracks_) {
+            track->open(output);
+        }
         output.writeHeader();
         progress_.beginPhase(plan_.encodes() || !container_.indexInFront ? kEncoded : kCopied);
-        for (at_ = 0; at_ < surveys_.size(); ++at_)
+        for (at_ = 0; at_ < surveys_.size(); ++at_) {
             append();
+        }
         at_ = 0;
-        for (const auto& lane : lanes_)
-            lane->finish();
-        if (output.packetCount() == 0)
+        for (const auto& track : tracks_) {
+            track->finish();
+        }
+        if (output.packetCount() == 0) {
             fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "Nothing in it can be decoded");
+        }
         progress_.beginPhase(1);
         output.finish();
         progress_.finish();
@@ -140,45 +149,51 @@ private:
     void keepSharedTags(const Source& source) {
         AVDict own;
         copyTags(source.format().metadata, own.address());
-        if (at_ == 0)
+        if (at_ == 0) {
             return copyTags(own.get(), tags_.address());
+        }
         AVDict shared;
         const AVDictionaryEntry* entry = nullptr;
-        while ((entry = av_dict_get(tags_.get(), "", entry, AV_DICT_IGNORE_SUFFIX)))
-            if (const char* value = own.get(entry->key); value && std::string_view(value) == entry->value)
+        while ((entry = av_dict_get(tags_.get(), "", entry, AV_DICT_IGNORE_SUFFIX))) {
+            if (const char* value = own.get(entry->key); value && std::string_view(value) == entry->value) {
                 shared.set(entry->key, value);
+            }
+        }
         std::swap(*tags_.address(), *shared.address());
     }
 
     void describe(OutputFile& output) const {
         copyTags(tags_.get(), &output.format().metadata);
         std::vector<Chapter> chapters;
-        for (std::size_t i = 0; i < surveys_.size(); ++i)
+        for (std::size_t i = 0; i < surveys_.size(); ++i) {
             chapters.push_back(
                 {plan_.boundary(i), surveys_[i].title.empty() ? nameOf(request_.sources[i].path) : surveys_[i].title});
+        }
         addChapters(chapters, plan_.boundary(surveys_.size()), output);
     }
 
-    void makeLanes() {
+    void makeTracks() {
         const std::int64_t end = plan_.boundary(surveys_.size());
-        for (const MergeTrack& track : plan_.tracks) {
+        for (const PlannedTrack& track : plan_.tracks) {
             at_ = track.model;
             auto& model = models_[track.model];
-            if (!model)
+            if (!model) {
                 model = open(track.model);
+            }
             const std::size_t index = track.parts[track.model]->index;
             const AVStream& stream = model->stream(index);
-            if (!track.codec)
-                lanes_.push_back(std::make_unique<MergeCopyLane>(stream));
-            else if (track.kind == AVMEDIA_TYPE_VIDEO)
-                lanes_.push_back(std::make_unique<MergePictureLane>(
-                    MergePictureLane::Model{stream, firstPicture(*model, index), plan_.tick, end}, *track.codec));
-            else
-                lanes_.push_back(std::make_unique<MergeSoundLane>(stream, *track.codec, end));
+            if (!track.codec) {
+                tracks_.push_back(std::make_unique<MergeCopyTrack>(stream));
+            } else if (track.kind == AVMEDIA_TYPE_VIDEO) {
+                tracks_.push_back(std::make_unique<MergeVideoTrack>(
+                    MergeVideoTrack::Model{stream, firstFrame(*model, index), plan_.tick, end}, *track.codec));
+            } else {
+                tracks_.push_back(std::make_unique<MergeAudioTrack>(stream, *track.codec, end));
+            }
         }
     }
 
-    // What a source counts for in the progress.
+    /// What a source counts for in the progress.
     [[nodiscard]] double weight(std::size_t index) const {
         return plan_.encodes() ? static_cast<double>(plan_.boundaries[index + 1] - plan_.boundaries[index])
                                : static_cast<double>(surveys_[index].bytes);
@@ -191,61 +206,69 @@ private:
             before += i < at_ ? weight(i) : 0;
         }
         const auto source = open(at_);
-        std::map<int, std::size_t> laneOf;
+        std::map<int, std::size_t> trackOf;
         std::vector<std::size_t> read;
-        for (std::size_t i = 0; i < lanes_.size(); ++i) {
+        for (std::size_t i = 0; i < tracks_.size(); ++i) {
             const TrackSurvey* track = plan_.tracks[i].parts[at_];
             if (track) {
-                laneOf[static_cast<int>(track->index)] = i;
+                trackOf[static_cast<int>(track->index)] = i;
                 read.push_back(track->index);
             }
-            lanes_[i]->begin({track ? &source->stream(track->index) : nullptr, plan_.boundary(at_),
-                              plan_.boundary(at_ + 1), at_ == 0, at_ + 1 == surveys_.size()});
+            tracks_[i]->begin({track ? &source->stream(track->index) : nullptr, plan_.boundary(at_),
+                               plan_.boundary(at_ + 1), at_ == 0, at_ + 1 == surveys_.size()});
         }
         source->select(read);
-        std::vector<bool> done(lanes_.size());
+        std::vector<bool> done(tracks_.size());
         std::vector<std::int64_t> left;
-        for (const MergeTrack& track : plan_.tracks)
+        for (const PlannedTrack& track : plan_.tracks) {
             left.push_back(track.parts[at_] ? track.parts[at_]->packets : 0);
+        }
         const PacketPtr packet = newPacket();
         while (!allDone(done) && source->read(*packet)) {
-            const std::size_t lane = laneOf.at(packet->stream_index);
+            const std::size_t number = trackOf.at(packet->stream_index);
             const std::int64_t time = timeOf(*packet, *source);
-            if (time > plan_.boundary(at_ + 1) - plan_.boundary(at_) + kInterleaving)
-                done[lane] = true;
-            if (!done[lane])
-                lanes_[lane]->push(*packet);
-            --left[lane];
+            if (time > plan_.boundary(at_ + 1) - plan_.boundary(at_) + kInterleaving) {
+                done[number] = true;
+            }
+            if (!done[number]) {
+                tracks_[number]->push(*packet);
+            }
+            --left[number];
             fillEnded(left, time);
             const double position = plan_.encodes() ? source->position() : source->bytePosition();
             progress_.reach((before + weight(at_) * std::clamp(position, 0.0, 1.0)) / std::max(all, 1.0));
         }
-        for (const auto& lane : lanes_)
-            lane->end();
+        for (const auto& track : tracks_) {
+            track->end();
+        }
         progress_.reach((before + weight(at_)) / std::max(all, 1.0));
     }
 
     [[nodiscard]] bool allDone(const std::vector<bool>& done) const {
-        for (std::size_t i = 0; i < done.size(); ++i)
-            if (plan_.tracks[i].parts[at_] && !done[i])
+        for (std::size_t i = 0; i < done.size(); ++i) {
+            if (plan_.tracks[i].parts[at_] && !done[i]) {
                 return false;
+            }
+        }
         return true;
     }
 
     [[nodiscard]] static std::int64_t timeOf(const AVPacket& packet, const Source& source) {
-        if (packet.dts == AV_NOPTS_VALUE)
+        if (packet.dts == AV_NOPTS_VALUE) {
             return 0;
+        }
         const AVStream& stream = source.stream(static_cast<std::size_t>(packet.stream_index));
         return av_rescale_q(packet.dts, stream.time_base, kMicroseconds);
     }
 
-    // Tracks that the source does not have, or no more, are filled as the others go on: otherwise the muxer
-    // would have to keep all of the others' packets until the source ends.
+    /// Tracks that the source does not have, or no more, are filled as the others go on: otherwise the muxer
+    /// would have to keep all of the others' packets until the source ends.
     void fillEnded(const std::vector<std::int64_t>& left, std::int64_t time) {
-        for (std::size_t i = 0; i < lanes_.size(); ++i) {
+        for (std::size_t i = 0; i < tracks_.size(); ++i) {
             const TrackSurvey* track = plan_.tracks[i].parts[at_];
-            if (left[i] <= 0 && time > (track ? track->end : 0) + kInterleaving)
-                lanes_[i]->hold(plan_.boundary(at_) + time - kInterleaving);
+            if (left[i] <= 0 && time > (track ? track->end : 0) + kInterleaving) {
+                tracks_[i]->hold(plan_.boundary(at_) + time - kInterleaving);
+            }
         }
     }
 
@@ -257,7 +280,7 @@ private:
     AVDict tags_;  // that all sources so far share
     MergePlan plan_;
     std::map<std::size_t, std::unique_ptr<Source>> models_;
-    std::vector<std::unique_ptr<MergeLane>> lanes_;
+    std::vector<std::unique_ptr<MergeTrack>> tracks_;
 };
 
 }  // namespace
@@ -266,11 +289,11 @@ void merge(const MergeRequest& request, ProgressSink& sink) {
     FFmpegLog::instance().clear();
     std::string source;
     try {
-        Job job(request, sink);
+        Merger merger(request, sink);
         try {
-            job.run();
+            merger.run();
         } catch (Failure&) {
-            source = job.currentPath();
+            source = merger.currentPath();
             throw;
         }
     } catch (Failure& failure) {

@@ -7,32 +7,34 @@
 namespace krv::media {
 namespace {
 
-// Sound that is copied cannot be lengthened by silence. A pause at a join that is shorter than this is left to
-// the times of the packets, a longer one has to be made.
+/// Sound that is copied cannot be lengthened by silence. A pause at a join that is shorter than this is left to
+/// the times of the packets, a longer one has to be made.
 constexpr std::int64_t kUnheardPause = 50'000;
 
-// At a join sound is out of step by half a packet at most, which must not be seen.
+/// At a join sound is out of step by half a packet at most, which must not be seen.
 constexpr std::int64_t kLongestPacket = 35'000;
 
-// MPEG-4 part 2 counts the ticks of a second in 16 bits; other encoders like small numbers too.
+/// MPEG-4 part 2 counts the ticks of a second in 16 bits; other encoders like small numbers too.
 constexpr int kMostTicks = 65535;
 
 bool sameRational(AVRational a, AVRational b) {
     return av_cmp_q(a.num > 0 ? a : AVRational{1, 1}, b.num > 0 ? b : AVRational{1, 1}) == 0;
 }
 
-// Whether packets of one can follow packets of the other without a decoder noticing.
+/// Whether packets of one can follow packets of the other without a decoder noticing.
 bool agree(const TrackSurvey& a, const TrackSurvey& b) {
     const AVCodecParameters& p = *a.parameters;
     const AVCodecParameters& q = *b.parameters;
     if (p.codec_id != q.codec_id || p.format != q.format || p.profile != q.profile ||
         p.extradata_size != q.extradata_size ||
         (p.extradata_size > 0 &&
-         std::memcmp(p.extradata, q.extradata, static_cast<std::size_t>(p.extradata_size)) != 0))
+         std::memcmp(p.extradata, q.extradata, static_cast<std::size_t>(p.extradata_size)) != 0)) {
         return false;
-    if (p.codec_type == AVMEDIA_TYPE_AUDIO)
+    }
+    if (p.codec_type == AVMEDIA_TYPE_AUDIO) {
         return p.sample_rate == q.sample_rate && p.bits_per_coded_sample == q.bits_per_coded_sample &&
                av_channel_layout_compare(&p.ch_layout, &q.ch_layout) == 0;
+    }
     const bool sameColours = p.color_range == q.color_range && p.color_primaries == q.color_primaries &&
                              p.color_trc == q.color_trc && p.color_space == q.color_space;
     return p.width == q.width && p.height == q.height && p.field_order == q.field_order && sameColours &&
@@ -51,41 +53,51 @@ public:
         chooseTick();
         // Whether pictures can be copied does not depend on where exactly their sources begin, but where they
         // begin depends on that.
-        for (MergeTrack& track : plan_.tracks)
-            if (!canCopy(track))
+        for (PlannedTrack& track : plan_.tracks) {
+            if (!canCopy(track)) {
                 track.codec = &codecFor(track);
+            }
+        }
         layOut();
         return std::move(plan_);
     }
 
 private:
     void chooseTracks() {
-        if (container_.defaultVideo != 0)
+        if (container_.defaultVideo != 0) {
             addTrack(AVMEDIA_TYPE_VIDEO, 0);
-        std::size_t voices = 0;
-        for (const SourceSurvey& source : sources_)
-            if (voices == 0)
-                voices = source.audio.size();
-        for (std::size_t i = 0; i < (container_.singleTrack ? std::min<std::size_t>(1, voices) : voices); ++i)
+        }
+        std::size_t audioTracks = 0;
+        for (const SourceSurvey& source : sources_) {
+            if (audioTracks == 0) {
+                audioTracks = source.audio.size();
+            }
+        }
+        for (std::size_t i = 0; i < (container_.singleTrack ? std::min<std::size_t>(1, audioTracks) : audioTracks);
+             ++i) {
             addTrack(AVMEDIA_TYPE_AUDIO, i);
-        if (plan_.tracks.empty())
+        }
+        if (plan_.tracks.empty()) {
             throw Failure(FailureCode::UnusableSource, "It has no audio.");
+        }
     }
 
     void addTrack(AVMediaType kind, std::size_t number) {
-        MergeTrack track{kind, {}, sources_.size(), nullptr};
+        PlannedTrack track{kind, {}, sources_.size(), nullptr};
         for (std::size_t i = 0; i < sources_.size(); ++i) {
             const auto& all = kind == AVMEDIA_TYPE_VIDEO ? sources_[i].video : sources_[i].audio;
             track.parts.push_back(number < all.size() ? &all[number] : nullptr);
-            if (track.parts.back() && track.model == sources_.size())
+            if (track.parts.back() && track.model == sources_.size()) {
                 track.model = i;
+            }
         }
-        if (track.model < sources_.size())
+        if (track.model < sources_.size()) {
             plan_.tracks.push_back(std::move(track));
+        }
     }
 
     void chooseTick() {
-        const MergeTrack& first = plan_.tracks.front();
+        const PlannedTrack& first = plan_.tracks.front();
         const TrackSurvey& model = *first.parts[first.model];
         AVRational rate = model.rate;
         av_reduce(&rate.num, &rate.den, rate.num, rate.den, kMostTicks);
@@ -96,50 +108,57 @@ private:
         return useShortest_ ? sources_[source].shortest() : sources_[source].longest();
     }
 
-    bool canCopy(const MergeTrack& track) const {
+    bool canCopy(const PlannedTrack& track) const {
         const TrackSurvey& model = *track.parts[track.model];
-        if (!container_.holds(model.parameters->codec_id) || (!model.turn.empty() && !container_.displayMatrix))
+        if (!container_.holds(model.parameters->codec_id) || (!model.turn.empty() && !container_.displayMatrix)) {
             return false;
+        }
         for (std::size_t i = 0; i < track.parts.size(); ++i) {
             const TrackSurvey* part = track.parts[i];
-            if (!part || !agree(*part, model))
+            if (!part || !agree(*part, model)) {
                 return false;
-            const bool fits = track.kind == AVMEDIA_TYPE_VIDEO ? picturesFit(*part, i) : soundFits(*part, i);
-            if (!fits)
+            }
+            const bool fits = track.kind == AVMEDIA_TYPE_VIDEO ? videoFits(*part, i) : audioFits(*part, i);
+            if (!fits) {
                 return false;
+            }
         }
         return true;
     }
 
-    bool picturesFit(const TrackSurvey& part, std::size_t source) const {
+    bool videoFits(const TrackSurvey& part, std::size_t source) const {
         const std::int64_t tick = av_rescale_q(1, plan_.tick, kMicroseconds);
-        if (part.hides && (source > 0 || !container_.edits))
+        if (part.hides && (source > 0 || !container_.edits)) {
             return false;  // hidden pictures can be stored at the beginning of a movie only
-        if (sources_.size() == 1 && !useShortest_)
+        }
+        if (sources_.size() == 1 && !useShortest_) {
             return true;
+        }
         // Pictures that are stored before others that are shown earlier cannot be cut off.
         const bool cut = length(source) < part.end - tick / 2;
         return part.startsWhole && part.start <= tick && !(cut && part.reorders);
     }
 
-    bool soundFits(const TrackSurvey& part, std::size_t source) const {
-        if (sources_.size() == 1)
+    bool audioFits(const TrackSurvey& part, std::size_t source) const {
+        if (sources_.size() == 1) {
             return true;
+        }
         const std::int64_t pause = container_.timed ? kUnheardPause : 1000;
         return part.longestPacket <= kLongestPacket && part.start <= pause && part.end >= length(source) - pause;
     }
 
-    const Codec& codecFor(const MergeTrack& track) const {
+    const Codec& codecFor(const PlannedTrack& track) const {
         const Codec* like = codecLike(*track.parts[track.model]->parameters);
-        if (like && container_.holds(like->id))
+        if (like && container_.holds(like->id)) {
             return *like;
+        }
         return codecForFourCC(track.kind == AVMEDIA_TYPE_VIDEO ? container_.defaultVideo : container_.defaultAudio,
                               track.kind);
     }
 
     void layOut() {
         const auto toTicks = [this](std::int64_t time) { return av_rescale_q(time, kMicroseconds, plan_.tick); };
-        const auto copied = std::find_if(plan_.tracks.begin(), plan_.tracks.end(), [](const MergeTrack& track) {
+        const auto copied = std::find_if(plan_.tracks.begin(), plan_.tracks.end(), [](const PlannedTrack& track) {
             return track.kind == AVMEDIA_TYPE_VIDEO && !track.codec;
         });
         plan_.boundaries = {0};
@@ -148,9 +167,11 @@ private:
             exact += length(i);
             std::int64_t next = std::max(plan_.boundaries.back() + 1, toTicks(exact));
             // Pictures that are copied cannot make room.
-            if (copied != plan_.tracks.end())
-                if (const TrackSurvey& part = *copied->parts[i]; !useShortest_ || part.reorders)
+            if (copied != plan_.tracks.end()) {
+                if (const TrackSurvey& part = *copied->parts[i]; !useShortest_ || part.reorders) {
                     next = std::max(next, plan_.boundaries.back() + toTicks(part.end));
+                }
+            }
             plan_.boundaries.push_back(next);
         }
     }
@@ -168,7 +189,7 @@ std::int64_t MergePlan::boundary(std::size_t index) const {
 }
 
 bool MergePlan::encodes() const {
-    return std::any_of(tracks.begin(), tracks.end(), [](const MergeTrack& track) { return track.codec; });
+    return std::any_of(tracks.begin(), tracks.end(), [](const PlannedTrack& track) { return track.codec; });
 }
 
 MergePlan planMerge(const std::vector<SourceSurvey>& sources, const Container& container, bool useShortest) {

@@ -10,7 +10,7 @@
 namespace krv::media {
 
 /// One track of the merged movie.
-struct MergeTrack {
+struct PlannedTrack {
     AVMediaType kind;
     /// The track of each source that it is made of; null where a source has none.
     std::vector<const TrackSurvey*> parts;
@@ -20,8 +20,8 @@ struct MergeTrack {
 
 /// How the sources are laid out on the time of the merged movie, and what becomes of their tracks.
 struct MergePlan {
-    std::vector<MergeTrack> tracks;  ///< video before audio
-    AVRational tick;                 ///< seconds: how long a picture is shown, or a sample, if there is only sound
+    std::vector<PlannedTrack> tracks;  ///< video before audio
+    AVRational tick;                   ///< seconds: how long a picture is shown, or a sample, if there is only sound
     /// Where each source begins, and where the last one ends, in ticks.
     std::vector<std::int64_t> boundaries;
 

@@ -17,22 +17,26 @@ TrackSurvey describe(const Source& source, std::size_t index) {
     TrackSurvey track;
     track.index = index;
     track.parameters.reset(notNull(avcodec_parameters_alloc()));
-    if (avcodec_parameters_copy(track.parameters.get(), stream.codecpar) < 0)
+    if (avcodec_parameters_copy(track.parameters.get(), stream.codecpar) < 0) {
         throw std::bad_alloc();
+    }
     const AVRational shape = stream.sample_aspect_ratio;
     track.pixelShape = shape.num > 0 ? shape : stream.codecpar->sample_aspect_ratio;
     std::size_t size = 0;
-    if (const std::uint8_t* matrix = av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, &size))
+    if (const std::uint8_t* matrix = av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, &size)) {
         track.turn.assign(matrix, matrix + size);
-    if (stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO)
+    }
+    if (stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO) {
         track.rate = frameRate(source, stream);
-    if (!avcodec_find_decoder(stream.codecpar->codec_id))
+    }
+    if (!avcodec_find_decoder(stream.codecpar->codec_id)) {
         throw Failure(FailureCode::UnusableSource,
                       fmt::format("Its codec “{}” cannot be decoded.", avcodec_get_name(stream.codecpar->codec_id)));
+    }
     return track;
 }
 
-// Gathers what the packets of a track say.
+/// Gathers what the packets of a track say.
 class Watcher {
 public:
     Watcher(TrackSurvey& track, const AVStream& stream)
@@ -50,27 +54,32 @@ public:
         ++track_.packets;
         const std::int64_t duration = lengthOf(packet);
         track_.longestPacket = std::max(track_.longestPacket, av_rescale_q(duration, stream_.time_base, kMicroseconds));
-        if (packet.flags & AV_PKT_FLAG_DISCARD)
+        if (packet.flags & AV_PKT_FLAG_DISCARD) {
             track_.hides = true;
+        }
         if (pts == AV_NOPTS_VALUE) {
             latest_ += duration;
             return;
         }
-        if (isVideo_ && pts < firstPts_)
+        if (isVideo_ && pts < firstPts_) {
             track_.startsWhole = false;
-        if (isVideo_ && pts < latest_)
+        }
+        if (isVideo_ && pts < latest_) {
             track_.reorders = true;
+        }
         latest_ = std::max(latest_, pts);
-        if (packet.flags & AV_PKT_FLAG_DISCARD)
+        if (packet.flags & AV_PKT_FLAG_DISCARD) {
             return;
+        }
         start_ = std::min(start_, pts);
         end_ = std::max(end_, pts + duration - hiddenAtEnd(packet));
     }
 
-    // Whether there was anything that counts.
+    /// Whether there was anything that counts.
     [[nodiscard]] bool conclude() {
-        if (end_ <= start_)
+        if (end_ <= start_) {
             return false;
+        }
         track_.start = std::max<std::int64_t>(0, av_rescale_q(start_, stream_.time_base, kMicroseconds));
         track_.end = av_rescale_q(end_, stream_.time_base, kMicroseconds);
         track_.reorders |= stream_.codecpar->video_delay > 0;
@@ -79,23 +88,27 @@ public:
 
 private:
     [[nodiscard]] std::int64_t lengthOf(const AVPacket& packet) const {
-        if (packet.duration > 0)
+        if (packet.duration > 0) {
             return packet.duration;
-        if (isVideo_)
+        }
+        if (isVideo_) {
             return std::max<std::int64_t>(1, av_rescale_q(1, av_inv_q(track_.rate), stream_.time_base));
+        }
         const int samples = std::max(0, av_get_audio_frame_duration2(stream_.codecpar, packet.size));
         return av_rescale_q(samples, AVRational{1, stream_.codecpar->sample_rate}, stream_.time_base);
     }
 
-    // The samples at the end of the last packet that only fill it.
+    /// The samples at the end of the last packet that only fill it.
     [[nodiscard]] std::int64_t hiddenAtEnd(const AVPacket& packet) const {
         std::size_t size = 0;
         const std::uint8_t* data = av_packet_get_side_data(&packet, AV_PKT_DATA_SKIP_SAMPLES, &size);
-        if (!data || size < 8 || isVideo_)
+        if (!data || size < 8 || isVideo_) {
             return 0;
+        }
         std::uint32_t samples = 0;
-        for (int i = 3; i >= 0; --i)
+        for (int i = 3; i >= 0; --i) {
             samples = samples << 8 | data[4 + i];
+        }
         const std::int64_t hidden =
             av_rescale_q(samples, AVRational{1, stream_.codecpar->sample_rate}, stream_.time_base);
         return std::min(hidden, packet.duration);
@@ -115,17 +128,21 @@ private:
 
 std::int64_t SourceSurvey::longest() const {
     std::int64_t end = 0;
-    for (const auto* tracks : {&video, &audio})
-        for (const TrackSurvey& track : *tracks)
+    for (const auto* tracks : {&video, &audio}) {
+        for (const TrackSurvey& track : *tracks) {
             end = std::max(end, track.end);
+        }
+    }
     return end;
 }
 
 std::int64_t SourceSurvey::shortest() const {
     std::int64_t end = longest();
-    for (const auto* tracks : {&video, &audio})
-        for (const TrackSurvey& track : *tracks)
+    for (const auto* tracks : {&video, &audio}) {
+        for (const TrackSurvey& track : *tracks) {
             end = std::min(end, track.end);
+        }
+    }
     return end;
 }
 
@@ -133,20 +150,24 @@ SourceSurvey survey(Source& source, const std::function<void(double)>& position)
     SourceSurvey result;
     const auto video = usableStreams(source, AVMEDIA_TYPE_VIDEO);
     const auto audio = usableStreams(source, AVMEDIA_TYPE_AUDIO);
-    if (video.empty() && audio.empty())
+    if (video.empty() && audio.empty()) {
         throw Failure(FailureCode::UnusableSource, "It has neither video nor audio.");
-    if (const auto shown = defaultOrFirst(source, video))
+    }
+    if (const auto shown = defaultOrFirst(source, video)) {
         result.video.push_back(describe(source, *shown));
-    for (const std::size_t index : audio)
+    }
+    for (const std::size_t index : audio) {
         result.audio.push_back(describe(source, index));
+    }
 
     std::map<int, Watcher> watchers;
     std::vector<std::size_t> read;
-    for (auto* tracks : {&result.video, &result.audio})
+    for (auto* tracks : {&result.video, &result.audio}) {
         for (TrackSurvey& track : *tracks) {
             read.push_back(track.index);
             watchers.emplace(static_cast<int>(track.index), Watcher(track, source.stream(track.index)));
         }
+    }
     source.select(read);
     const PacketPtr packet = newPacket();
     while (source.read(*packet)) {
@@ -154,15 +175,18 @@ SourceSurvey survey(Source& source, const std::function<void(double)>& position)
         position(source.position());
     }
     // A track of which nothing is to be seen or heard is as good as none.
-    for (auto* tracks : {&result.video, &result.audio})
+    for (auto* tracks : {&result.video, &result.audio}) {
         std::erase_if(*tracks,
                       [&](TrackSurvey& track) { return !watchers.at(static_cast<int>(track.index)).conclude(); });
-    if (result.video.empty() && result.audio.empty())
+    }
+    if (result.video.empty() && result.audio.empty()) {
         throw Failure(FailureCode::UnusableSource, "Nothing in it can be shown or heard.");
+    }
 
     result.bytes = std::max<std::int64_t>(0, avio_size(source.format().pb));
-    if (const AVDictionaryEntry* title = av_dict_get(source.format().metadata, "title", nullptr, 0))
+    if (const AVDictionaryEntry* title = av_dict_get(source.format().metadata, "title", nullptr, 0)) {
         result.title = title->value;
+    }
     return result;
 }
 

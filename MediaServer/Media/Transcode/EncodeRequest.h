@@ -8,7 +8,7 @@ namespace krv::media {
 
 /// How the video of a conversion is to be made. Streams that are copied are not affected. The codec counts
 /// for the encoding type "Custom" only, the other values for whatever is encoded.
-struct VideoSettings {
+struct VideoRequest {
     std::uint32_t codec = 0;  ///< four-character code, first character in the highest byte; 0: the container's default
     float quality = 0;        ///< 0: the encoder's default; else up to 1, the best
     float fps = 0;            ///< frames per second, constant; 0: the source's own timing
@@ -16,7 +16,7 @@ struct VideoSettings {
 };
 
 /// How the audio of a conversion is to be made.
-struct AudioSettings {
+struct AudioRequest {
     std::uint32_t codec = 0;
     float quality = 0;
     std::string settings;  ///< "key=value:key=value" in UTF-8: channels, sampleRate, bitrate, encoder options
@@ -30,8 +30,8 @@ struct EncodeRequest {
     std::string destinationPath;    ///< its extension names the container; for messages
     std::int32_t encodingType = 0;  ///< see EncodingType.h
     bool flattenOnly = false;       ///< copy every stream, whatever the type
-    std::optional<VideoSettings> video;
-    std::optional<AudioSettings> audio;
+    std::optional<VideoRequest> video;
+    std::optional<AudioRequest> audio;
 };
 
 }  // namespace krv::media

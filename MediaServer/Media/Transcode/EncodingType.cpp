@@ -34,8 +34,9 @@ std::span<const EncodingType> encodingTypes() noexcept {
 const EncodingType& encodingTypeNumbered(std::int32_t number) {
     const auto found =
         std::find_if(kTypes.begin(), kTypes.end(), [&](const EncodingType& t) { return t.number == number; });
-    if (found == kTypes.end())
+    if (found == kTypes.end()) {
         throw Failure(FailureCode::Unsupported, fmt::format("The encoding type {} is not supported.", number));
+    }
     return *found;
 }
 

@@ -9,11 +9,11 @@
 namespace krv::media {
 namespace {
 
-// How many packets may be kept back, in bytes, while a stream still has to show its first picture.
+/// How many packets may be kept back, in bytes, while a stream still has to show its first picture.
 constexpr std::int64_t kMostQueuedBytes = std::int64_t{64} << 20;
 
-// Where the phases end. Moving the index to the front reads and writes everything once more, which counts
-// where the streams were only copied.
+/// Where the phases end. Moving the index to the front reads and writes everything once more, which counts
+/// where the streams were only copied.
 constexpr double kCopied = 0.6;
 constexpr double kEncoded = 0.98;
 
@@ -35,10 +35,12 @@ void Pump::add(std::unique_ptr<Track> track, const std::vector<std::size_t>& ind
 
 void Pump::addCopy(const StreamPlan& plan) {
     const AVStream& from = source_.stream(plan.index);
-    if (plan.treatment == StreamPlan::Treatment::Cover)
+    if (plan.treatment == StreamPlan::Treatment::Cover) {
         return add(std::make_unique<CoverCopier>(from), {});
-    if (plan.treatment == StreamPlan::Treatment::ConvertSubtitles)
+    }
+    if (plan.treatment == StreamPlan::Treatment::ConvertSubtitles) {
         return add(std::make_unique<SubtitleConverter>(from), {plan.index});
+    }
     add(std::make_unique<StreamCopier>(from), {plan.index});
 }
 
@@ -47,12 +49,14 @@ void Pump::run(bool encodes) {
     progress_.beginPhase(encodes || !output_.container().indexInFront ? kEncoded : kCopied);
     const auto queued = prime();
     copyMovieMetadata(source_, output_);
-    for (const auto& track : tracks_)
+    for (const auto& track : tracks_) {
         track->open(output_);
+    }
     output_.writeHeader();
     convert(queued, encodes);
-    if (output_.packetCount() == 0)
+    if (output_.packetCount() == 0) {
         fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "Nothing in it can be decoded");
+    }
     progress_.beginPhase(1);
     output_.finish();
     progress_.finish();
@@ -67,8 +71,9 @@ std::deque<PacketPtr> Pump::prime() {
     };
     while (waiting() && bytes < kMostQueuedBytes) {
         PacketPtr packet = newPacket();
-        if (!source_.read(*packet))
+        if (!source_.read(*packet)) {
             break;
+        }
         Track& track = *byIndex_[static_cast<std::size_t>(packet->stream_index)];
         if (!track.ready()) {
             track.push(*packet);
@@ -81,8 +86,9 @@ std::deque<PacketPtr> Pump::prime() {
 }
 
 void Pump::convert(const std::deque<PacketPtr>& queued, bool encodes) {
-    for (const PacketPtr& packet : queued)
+    for (const PacketPtr& packet : queued) {
         push(*packet);
+    }
     const PacketPtr packet = newPacket();
     while (source_.read(*packet)) {
         push(*packet);

@@ -21,55 +21,66 @@ public:
         , keepAll_(request.flattenOnly || type.video == EncodingType::Codec::Copy) {}
 
     std::vector<StreamPlan> plan() {
-        for (const auto index : tracks(AVMEDIA_TYPE_VIDEO, !keepAll_))
+        for (const auto index : tracks(AVMEDIA_TYPE_VIDEO, !keepAll_)) {
             planVideo(index);
-        for (const auto index : tracks(AVMEDIA_TYPE_AUDIO, container_.singleTrack))
+        }
+        for (const auto index : tracks(AVMEDIA_TYPE_AUDIO, container_.singleTrack)) {
             planAudio(index);
-        if (plan_.empty())
+        }
+        if (plan_.empty()) {
             throw Failure(FailureCode::UnusableSource, emptyReason());
+        }
         return planRest();
     }
 
-    std::vector<StreamPlan> planAllButSound() {
-        if (container_.defaultVideo != 0)
-            for (const auto index : tracks(AVMEDIA_TYPE_VIDEO, false))
+    std::vector<StreamPlan> planAllButAudio() {
+        if (container_.defaultVideo != 0) {
+            for (const auto index : tracks(AVMEDIA_TYPE_VIDEO, false)) {
                 copyOrRefuse(index);
+            }
+        }
         return planRest();
     }
 
 private:
     std::vector<StreamPlan> planRest() {
-        for (const auto index : tracks(AVMEDIA_TYPE_SUBTITLE, false))
+        for (const auto index : tracks(AVMEDIA_TYPE_SUBTITLE, false)) {
             planSubtitles(index);
-        for (const auto index : tracks(AVMEDIA_TYPE_DATA, false))
+        }
+        for (const auto index : tracks(AVMEDIA_TYPE_DATA, false)) {
             planData(index);
+        }
         planCovers();
         return std::move(plan_);
     }
 
-    // The indices of the usable streams of a kind; only the default or first one if so wanted.
+    /// The indices of the usable streams of a kind; only the default or first one if so wanted.
     std::vector<std::size_t> tracks(AVMediaType kind, bool onlyOne) const {
         std::vector<std::size_t> found = usableStreams(source_, kind);
-        if (const auto one = defaultOrFirst(source_, found); onlyOne && one)
+        if (const auto one = defaultOrFirst(source_, found); onlyOne && one) {
             found = {*one};
+        }
         return found;
     }
 
     void planVideo(std::size_t index) {
         const AVStream& stream = source_.stream(index);
-        if (request_.flattenOnly)
+        if (request_.flattenOnly) {
             return copyOrRefuse(index);
+        }
         const std::uint32_t asked = request_.video ? request_.video->codec : 0;
         switch (type_.video) {
         case EncodingType::Codec::None:
             return;
         case EncodingType::Codec::Copy:
-            if (container_.holds(stream.codecpar->codec_id) && !losesPresentation(stream))
+            if (container_.holds(stream.codecpar->codec_id) && !losesPresentation(stream)) {
                 return copy(index);
+            }
             return encodeByDefault(index, AVMEDIA_TYPE_VIDEO, container_.defaultVideo);
         case EncodingType::Codec::Settings:
-            if (asked == 0)
+            if (asked == 0) {
                 return encodeByDefault(index, AVMEDIA_TYPE_VIDEO, container_.defaultVideo);
+            }
             return encodeWith(index, AVMEDIA_TYPE_VIDEO, asked);
         case EncodingType::Codec::Fixed:
         case EncodingType::Codec::Preferred:
@@ -79,23 +90,27 @@ private:
 
     void planAudio(std::size_t index) {
         const AVStream& stream = source_.stream(index);
-        if (request_.flattenOnly)
+        if (request_.flattenOnly) {
             return copyOrRefuse(index);
+        }
         const std::uint32_t asked = request_.audio ? request_.audio->codec : 0;
         switch (type_.audio) {
         case EncodingType::Codec::None:
             return;
         case EncodingType::Codec::Copy:
-            if (container_.holds(stream.codecpar->codec_id))
+            if (container_.holds(stream.codecpar->codec_id)) {
                 return copy(index);
+            }
             return encodeByDefault(index, AVMEDIA_TYPE_AUDIO, container_.defaultAudio);
         case EncodingType::Codec::Settings:
-            if (asked == 0)
+            if (asked == 0) {
                 return encodeByDefault(index, AVMEDIA_TYPE_AUDIO, container_.defaultAudio);
+            }
             return encodeWith(index, AVMEDIA_TYPE_AUDIO, asked);
         case EncodingType::Codec::Preferred:
-            if (!container_.holds(codecForFourCC(type_.audioCodec, AVMEDIA_TYPE_AUDIO).id))
+            if (!container_.holds(codecForFourCC(type_.audioCodec, AVMEDIA_TYPE_AUDIO).id)) {
                 return encodeByDefault(index, AVMEDIA_TYPE_AUDIO, container_.defaultAudio);
+            }
             [[fallthrough]];
         case EncodingType::Codec::Fixed:
             return encodeWith(index, AVMEDIA_TYPE_AUDIO, type_.audioCodec);
@@ -104,50 +119,59 @@ private:
 
     void planSubtitles(std::size_t index) {
         const AVCodecID codec = source_.stream(index).codecpar->codec_id;
-        if (container_.singleTrack)
+        if (container_.singleTrack) {
             return;
-        if (container_.holds(codec))
+        }
+        if (container_.holds(codec)) {
             return copy(index);
+        }
         const AVCodecDescriptor* descriptor = avcodec_descriptor_get(codec);
         const bool text = descriptor && (descriptor->props & AV_CODEC_PROP_TEXT_SUB) != 0;
-        if (text && container_.textSubtitles != AV_CODEC_ID_NONE && avcodec_find_decoder(codec))
+        if (text && container_.textSubtitles != AV_CODEC_ID_NONE && avcodec_find_decoder(codec)) {
             plan_.push_back({index, Treatment::ConvertSubtitles, nullptr});
+        }
     }
 
-    // Telemetry is worth keeping; other data tracks (time code, chapter titles) are made anew by the muxer.
+    /// Telemetry is worth keeping; other data tracks (time code, chapter titles) are made anew by the muxer.
     void planData(std::size_t index) {
         const AVStream& stream = source_.stream(index);
         const bool telemetry = stream.codecpar->codec_tag == MKTAG('g', 'p', 'm', 'd');
-        if (keepAll_ && telemetry && std::string_view(container_.muxer) == "mov")
+        if (keepAll_ && telemetry && std::string_view(container_.muxer) == "mov") {
             copy(index);
+        }
     }
 
     void planCovers() {
-        if (container_.cover == CoverArt::None)
+        if (container_.cover == CoverArt::None) {
             return;
+        }
         for (std::size_t i = 0; i < source_.streamCount(); ++i) {
             const AVStream& stream = source_.stream(i);
             const AVCodecID codec = stream.codecpar->codec_id;
             const bool picture = codec == AV_CODEC_ID_MJPEG || codec == AV_CODEC_ID_PNG;
-            if (isCover(stream) && picture && stream.attached_pic.size > 0)
+            if (isCover(stream) && picture && stream.attached_pic.size > 0) {
                 plan_.push_back({i, Treatment::Cover, nullptr});
+            }
         }
     }
 
-    // Without a way to say "show it rotated" the pixels themselves have to be turned, and without a way to
-    // say "begin here" the pictures before that have to be left out.
+    /// Without a way to say "show it rotated" the pixels themselves have to be turned, and without a way to
+    /// say "begin here" the pictures before that have to be left out.
     bool losesPresentation(const AVStream& stream) const {
-        if (!container_.displayMatrix && av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr))
+        if (!container_.displayMatrix && av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr)) {
             return true;
-        return !container_.edits && hidesPictures(stream);
+        }
+        return !container_.edits && hidesFrames(stream);
     }
 
-    static bool hidesPictures(const AVStream& stream) {
+    static bool hidesFrames(const AVStream& stream) {
         auto& indexed = const_cast<AVStream&>(stream);  // the functions only read
         const int count = avformat_index_get_entries_count(&indexed);
-        for (int i = 0; i < count; ++i)
-            if (avformat_index_get_entry(&indexed, i)->flags & AVINDEX_DISCARD_FRAME)
+        for (int i = 0; i < count; ++i) {
+            if (avformat_index_get_entry(&indexed, i)->flags & AVINDEX_DISCARD_FRAME) {
                 return true;
+            }
+        }
         return false;
     }
 
@@ -155,34 +179,39 @@ private:
 
     void copyOrRefuse(std::size_t index) {
         const AVCodecID codec = source_.stream(index).codecpar->codec_id;
-        if (!container_.holds(codec))
+        if (!container_.holds(codec)) {
             throw Failure(FailureCode::Unsupported, fmt::format("The container “{}” cannot hold the codec “{}”.",
                                                                 container_.extension, avcodec_get_name(codec)));
+        }
         copy(index);
     }
 
     void encodeByDefault(std::size_t index, AVMediaType kind, std::uint32_t fourCC) {
-        if (fourCC != 0)
+        if (fourCC != 0) {
             encodeWith(index, kind, fourCC);
+        }
     }
 
     void encodeWith(std::size_t index, AVMediaType kind, std::uint32_t fourCC) {
         const Codec& codec = codecForFourCC(fourCC, kind);
-        if (!container_.holds(codec.id))
+        if (!container_.holds(codec.id)) {
             throw Failure(FailureCode::Unsupported, fmt::format("The container “{}” cannot hold the codec {}.",
                                                                 container_.extension, codec.displayName));
+        }
         const AVCodecID from = source_.stream(index).codecpar->codec_id;
-        if (!avcodec_find_decoder(from))
+        if (!avcodec_find_decoder(from)) {
             throw Failure(FailureCode::Unsupported,
                           fmt::format("The source's codec “{}” cannot be decoded.", avcodec_get_name(from)));
+        }
         plan_.push_back({index, Treatment::Encode, &codec});
     }
 
     std::string emptyReason() const {
         const bool video = !tracks(AVMEDIA_TYPE_VIDEO, false).empty();
         const bool audio = !tracks(AVMEDIA_TYPE_AUDIO, false).empty();
-        if (video && !audio)
+        if (video && !audio) {
             return "It has no audio.";
+        }
         return video || audio ? "It has nothing that was asked for." : "It has neither video nor audio.";
     }
 
@@ -201,10 +230,10 @@ std::vector<StreamPlan> planStreams(const Source& source, const Container& conta
     return Planner(source, container, type, request).plan();
 }
 
-std::vector<StreamPlan> planAllButSound(const Source& source, const Container& container) {
+std::vector<StreamPlan> planAllButAudio(const Source& source, const Container& container) {
     EncodeRequest request;
     request.flattenOnly = true;
-    return Planner(source, container, encodingTypeNumbered(0), request).planAllButSound();
+    return Planner(source, container, encodingTypeNumbered(0), request).planAllButAudio();
 }
 
 }  // namespace krv::media

@@ -28,6 +28,6 @@ struct StreamPlan {
 /// The same for everything but the sound, all of which is copied; text subtitles are converted where that is
 /// needed, and a container without moving pictures goes without them. May be empty. Throws Failure
 /// Unsupported if the container cannot hold the pictures' codec.
-[[nodiscard]] std::vector<StreamPlan> planAllButSound(const Source& source, const Container& container);
+[[nodiscard]] std::vector<StreamPlan> planAllButAudio(const Source& source, const Container& container);
 
 }  // namespace krv::media

@@ -27,8 +27,9 @@ void SubtitleConverter::open(OutputFile& output) {
     encoder_.reset(notNull(avcodec_alloc_context3(to)));
     int result = avcodec_parameters_to_context(decoder_.get(), from_.codecpar);
     decoder_->pkt_timebase = from_.time_base;
-    if (result >= 0)
+    if (result >= 0) {
         result = avcodec_open2(decoder_.get(), from, nullptr);
+    }
     if (result >= 0 && decoder_->subtitle_header) {
         // The styles of the source; encoders write them in their own way.
         const auto size = static_cast<std::size_t>(decoder_->subtitle_header_size);
@@ -37,13 +38,16 @@ void SubtitleConverter::open(OutputFile& output) {
         encoder_->subtitle_header_size = decoder_->subtitle_header_size;
     }
     encoder_->time_base = kMicroseconds;
-    if (result >= 0)
+    if (result >= 0) {
         result = avcodec_open2(encoder_.get(), to, nullptr);
-    if (result < 0)
+    }
+    if (result < 0) {
         fail(FailureCode::Unsupported, result, fmt::format("The subtitles “{}” cannot be converted", name));
+    }
     to_ = &output.addStream();
-    if (avcodec_parameters_from_context(to_->codecpar, encoder_.get()) < 0)
+    if (avcodec_parameters_from_context(to_->codecpar, encoder_.get()) < 0) {
         throw std::bad_alloc();
+    }
     to_->codecpar->codec_tag = 0;
     to_->time_base = kMilliseconds;
     copyTrackMetadata(from_, *to_, output.container());
@@ -52,22 +56,28 @@ void SubtitleConverter::open(OutputFile& output) {
 void SubtitleConverter::push(const AVPacket& packet) {
     AVSubtitle subtitle{};
     int got = 0;
-    if (av_packet_ref(packet_.get(), &packet) < 0)
+    if (av_packet_ref(packet_.get(), &packet) < 0) {
         throw std::bad_alloc();
+    }
     const int result = avcodec_decode_subtitle2(decoder_.get(), &subtitle, &got, packet_.get());
     av_packet_unref(packet_.get());
-    if (result == AVERROR(ENOMEM))
+    if (result == AVERROR(ENOMEM)) {
         throw std::bad_alloc();
-    if (result < 0 || !got)
+    }
+    if (result < 0 || !got) {
         return;  // a damaged line is left out like a damaged picture
-    if (subtitle.pts == AV_NOPTS_VALUE)
+    }
+    if (subtitle.pts == AV_NOPTS_VALUE) {
         subtitle.pts = av_rescale_q(packet.pts, from_.time_base, kMicroseconds);
-    if (subtitle.end_display_time == 0 || subtitle.end_display_time == UINT32_MAX)
+    }
+    if (subtitle.end_display_time == 0 || subtitle.end_display_time == UINT32_MAX) {
         subtitle.end_display_time =
             subtitle.start_display_time + static_cast<std::uint32_t>(std::max<std::int64_t>(
                                               0, av_rescale_q(packet.duration, from_.time_base, kMilliseconds)));
-    if (subtitle.num_rects > 0)
+    }
+    if (subtitle.num_rects > 0) {
         write(subtitle);
+    }
     avsubtitle_free(&subtitle);
 }
 
@@ -76,8 +86,9 @@ void SubtitleConverter::write(AVSubtitle& subtitle) {
     subtitle.pts += av_rescale_q(subtitle.start_display_time, kMilliseconds, kMicroseconds);
     subtitle.end_display_time -= subtitle.start_display_time;
     subtitle.start_display_time = 0;
-    if (subtitle.pts < 0 || av_new_packet(packet_.get(), kLargestText) < 0)
+    if (subtitle.pts < 0 || av_new_packet(packet_.get(), kLargestText) < 0) {
         return;
+    }
     const int size = avcodec_encode_subtitle(encoder_.get(), packet_->data, packet_->size, &subtitle);
     if (size > 0) {
         av_shrink_packet(packet_.get(), size);

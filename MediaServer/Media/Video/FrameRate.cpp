@@ -11,8 +11,9 @@ constexpr double kHighestPlausibleRate = 1000;
 AVRational frameRate(const Source& source, const AVStream& stream) {
     auto& guessed = const_cast<AVStream&>(stream);  // the function only reads
     const AVRational rate = av_guess_frame_rate(&source.format(), &guessed, nullptr);
-    if (rate.num <= 0 || rate.den <= 0 || av_q2d(rate) > kHighestPlausibleRate)
+    if (rate.num <= 0 || rate.den <= 0 || av_q2d(rate) > kHighestPlausibleRate) {
         return kAssumedRate;
+    }
     return rate;
 }
 

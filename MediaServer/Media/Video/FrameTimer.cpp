@@ -12,16 +12,19 @@ void FrameTimer::push(FramePtr frame, const Sink& sink) {
     const std::int64_t unknown = held_ ? heldSourceTime_ + heldDuration_ : 0;
     const std::int64_t sourceTime = frame->pts == AV_NOPTS_VALUE ? unknown : frame->pts;
     const std::int64_t time = toEncoder(sourceTime);
-    if (time < 0)
+    if (time < 0) {
         return;  // before the movie begins
+    }
     if (held_) {
         // Two pictures for one moment: at a constant rate the later one is nearer, else the first keeps its
         // place.
         const bool replaces = timing_.constant && time == heldTime_;
-        if (time <= heldTime_ && !replaces)
+        if (time <= heldTime_ && !replaces) {
             return;
-        if (!replaces)
+        }
+        if (!replaces) {
             emitUntil(time, sink);
+        }
     }
     held_ = std::move(frame);
     heldTime_ = time;
@@ -30,12 +33,14 @@ void FrameTimer::push(FramePtr frame, const Sink& sink) {
 }
 
 void FrameTimer::finish(const Sink& sink) {
-    if (!held_)
+    if (!held_) {
         return;
+    }
     // A last picture for which the next tick is the end of the movie would make the movie longer.
     const std::int64_t end = toEncoder(heldSourceTime_ + heldDuration_);
-    if (end > heldTime_ || !emitted_ || !timing_.constant)
+    if (end > heldTime_ || !emitted_ || !timing_.constant) {
         emitUntil(std::max(end, heldTime_ + 1), sink);
+    }
     held_.reset();
 }
 

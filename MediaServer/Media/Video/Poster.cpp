@@ -4,7 +4,7 @@
 
 #include <MediaServer/Media/Container/StreamSelection.h>
 #include <MediaServer/Media/Foundation/Failure.h>
-#include <MediaServer/Media/Video/PictureReader.h>
+#include <MediaServer/Media/Video/FrameReader.h>
 #include <MediaServer/Media/Video/Poster.h>
 #include <MediaServer/Media/Video/StillPicture.h>
 
@@ -15,24 +15,24 @@ extern "C" {
 namespace krv::media {
 namespace {
 
-// A grey value up to this is nearly black, also where fields of noise crawl about in it.
+/// A grey value up to this is nearly black, also where fields of noise crawl about in it.
 constexpr int kNearlyBlack = 32;
 constexpr double kVisiblePart = 0.02;
 constexpr double kUniform = 4;
 
 constexpr double kFirstPart = 0.1;
-// Every picture is looked at for this long; after that key frames are, because a tenth of a long movie is long, too.
+/// Every picture is looked at for this long; after that key frames are, because a tenth of a long movie is long, too.
 constexpr std::int64_t kLookClosely = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
-constexpr int kMostPictures = 300;
+constexpr int kMostFrames = 300;
 constexpr int kMostKeyFrames = 300;
 constexpr int kSpread = 20;
 
-// Larger than any screen that shows posters.
+/// Larger than any screen that shows posters.
 constexpr double kLargestSide = 3840;
 
 class PosterSearch {
 public:
-    PosterSearch(PictureReader& reader, Progress& progress)
+    PosterSearch(FrameReader& reader, Progress& progress)
         : reader_(reader)
         , progress_(progress) {}
 
@@ -41,43 +41,51 @@ public:
         const std::int64_t length = reader_.duration();
         const auto firstPart = start + static_cast<std::int64_t>(kFirstPart * static_cast<double>(length));
         reader_.goTo(start);
-        if (among(std::min(firstPart, start + kLookClosely), kMostPictures))
+        if (among(std::min(firstPart, start + kLookClosely), kMostFrames)) {
             return std::move(best_);
+        }
         reader_.onlyKeyFrames(true);
         reader_.goTo(start + kLookClosely);
-        if (firstPart > start + kLookClosely && among(firstPart, kMostKeyFrames))
+        if (firstPart > start + kLookClosely && among(firstPart, kMostKeyFrames)) {
             return std::move(best_);
+        }
         reader_.onlyKeyFrames(false);
-        for (int i = 0; i < kSpread; ++i)
-            if (consider(reader_.shownAt(start + length * (2 * i + 1) / (2 * kSpread))))
+        for (int i = 0; i < kSpread; ++i) {
+            if (consider(reader_.shownAt(start + length * (2 * i + 1) / (2 * kSpread)))) {
                 return std::move(best_);
+            }
+        }
         // Something may flash up between these.
         reader_.onlyKeyFrames(true);
         for (int i = 0; i < kMostKeyFrames; ++i) {
             reader_.goTo(start + length * i / kMostKeyFrames);
-            if (consider(reader_.next()))
+            if (consider(reader_.next())) {
                 break;
+            }
         }
         return std::move(best_);
     }
 
 private:
-    // Whether one of the pictures from here to a time, as many as at most, is worth showing. It is the best then.
+    /// Whether one of the pictures from here to a time, as many as at most, is worth showing. It is the best then.
     bool among(std::int64_t end, int most) {
         for (int i = 0; i < most; ++i) {
             FramePtr frame = reader_.next();
-            if (!frame || (frame->pts > end && i > 0))
+            if (!frame || (frame->pts > end && i > 0)) {
                 return false;
-            if (consider(std::move(frame)))
+            }
+            if (consider(std::move(frame))) {
                 return true;
+            }
         }
         return false;
     }
 
     bool consider(FramePtr frame) {
         progress_.alive();
-        if (!frame)
+        if (!frame) {
             return false;
+        }
         const Look look = lookAt(*frame);
         if (look.worthShowing()) {
             best_ = std::move(frame);
@@ -90,27 +98,30 @@ private:
         return false;
     }
 
-    PictureReader& reader_;
+    FrameReader& reader_;
     Progress& progress_;
     FramePtr best_;
     double brightness_ = 0;
 };
 
-// The cover itself where it is a JPEG that can be shown; the same picture made one otherwise.
+/// The cover itself where it is a JPEG that can be shown; the same picture made one otherwise.
 std::vector<std::uint8_t> coverOf(const Source& source) {
     for (std::size_t i = 0; i < source.streamCount(); ++i) {
         const AVStream& stream = source.stream(i);
-        if (!isCover(stream) || stream.attached_pic.size <= 0 || !avcodec_find_decoder(stream.codecpar->codec_id))
+        if (!isCover(stream) || stream.attached_pic.size <= 0 || !avcodec_find_decoder(stream.codecpar->codec_id)) {
             continue;
+        }
         Decoder decoder(stream, 1);
         FramePtr picture;
         const auto keep = [&picture](FramePtr frame) { picture = std::move(frame); };
         decoder.push(stream.attached_pic, keep);
         decoder.finish(keep);
-        if (!picture)
+        if (!picture) {
             continue;
-        if (stream.codecpar->codec_id == AV_CODEC_ID_MJPEG)
+        }
+        if (stream.codecpar->codec_id == AV_CODEC_ID_MJPEG) {
             return {stream.attached_pic.data, stream.attached_pic.data + stream.attached_pic.size};
+        }
         return encodeJPEG(stream, std::move(picture), kLargestSide, kLargestSide);
     }
     return {};
@@ -119,9 +130,11 @@ std::vector<std::uint8_t> coverOf(const Source& source) {
 }  // namespace
 
 bool hasCover(const Source& source) noexcept {
-    for (std::size_t i = 0; i < source.streamCount(); ++i)
-        if (isCover(source.stream(i)) && source.stream(i).attached_pic.size > 0)
+    for (std::size_t i = 0; i < source.streamCount(); ++i) {
+        if (isCover(source.stream(i)) && source.stream(i).attached_pic.size > 0) {
             return true;
+        }
+    }
     return false;
 }
 
@@ -135,8 +148,9 @@ Look lookAt(const AVFrame& frame) {
     std::array<std::uint8_t, static_cast<std::size_t>(kWidth) * kHeight> grey{};
     SwsContext* const scaler = sws_getContext(frame.width, frame.height, static_cast<AVPixelFormat>(frame.format),
                                               kWidth, kHeight, AV_PIX_FMT_GRAY8, SWS_AREA, nullptr, nullptr, nullptr);
-    if (!scaler)
+    if (!scaler) {
         throw Failure(FailureCode::Internal, "A picture is of a format that cannot be looked at.");
+    }
     const bool full = frame.color_range == AVCOL_RANGE_JPEG;
     const int* const coefficients = sws_getCoefficients(SWS_CS_DEFAULT);
     sws_setColorspaceDetails(scaler, coefficients, full ? 1 : 0, coefficients, 1, 0, 1 << 16, 1 << 16);
@@ -159,11 +173,13 @@ Look lookAt(const AVFrame& frame) {
 }
 
 std::vector<std::uint8_t> makePoster(Source& source, Progress& progress) {
-    if (auto cover = coverOf(source); !cover.empty())
+    if (auto cover = coverOf(source); !cover.empty()) {
         return cover;
-    if (!mainVideoStream(source))
+    }
+    if (!mainVideoStream(source)) {
         return {};
-    PictureReader reader(source);
+    }
+    FrameReader reader(source);
     FramePtr frame = PosterSearch(reader, progress).find();
     return frame ? encodeJPEG(reader.stream(), std::move(frame), kLargestSide, kLargestSide)
                  : std::vector<std::uint8_t>{};

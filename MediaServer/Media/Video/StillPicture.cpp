@@ -4,25 +4,25 @@
 
 #include <MediaServer/Media/Foundation/Failure.h>
 #include <MediaServer/Media/Foundation/FourCC.h>
-#include <MediaServer/Media/Video/PictureFormat.h>
 #include <MediaServer/Media/Video/StillPicture.h>
 #include <MediaServer/Media/Video/VideoFilter.h>
+#include <MediaServer/Media/Video/VideoFormat.h>
 
 namespace krv::media {
 namespace {
 
-// Small errors that nobody sees at a third of the size of the best.
+/// Small errors that nobody sees at a third of the size of the best.
 constexpr int kQuantiser = 3;
 
 constexpr int kLongestSide = 16384;
 
-// JPEG can say neither "show it turned" nor anything else that a movie's container can.
+/// JPEG can say neither "show it turned" nor anything else that a movie's container can.
 constexpr Container kStill{"jpg", "", 0, 0, AV_CODEC_ID_NONE, CoverArt::None, false, false, false, false, false, ""};
 
-PictureFormat formatOf(const AVStream& stream, const AVFrame& frame, Extent extent) {
+VideoFormat formatOf(const AVStream& stream, const AVFrame& frame, Extent extent) {
     const Settings settings;
-    PictureFormat format =
-        choosePictureFormat({stream, frame, codecForFourCC(fourCC("jpeg"), AVMEDIA_TYPE_VIDEO), settings, kStill});
+    VideoFormat format =
+        chooseVideoFormat({stream, frame, codecForFourCC(fourCC("jpeg"), AVMEDIA_TYPE_VIDEO), settings, kStill});
     format.width = extent.width;
     format.height = extent.height;
     format.sampleAspect = {1, 1};
@@ -34,18 +34,20 @@ PictureFormat formatOf(const AVStream& stream, const AVFrame& frame, Extent exte
     return format;
 }
 
-FramePtr converted(const AVStream& stream, FramePtr frame, const PictureFormat& format) {
+FramePtr converted(const AVStream& stream, FramePtr frame, const VideoFormat& format) {
     frame->pts = 0;
     VideoFilter filter(format, stream.time_base);
     FramePtr result;
     const auto keepFirst = [&result](FramePtr ready) {
-        if (!result)
+        if (!result) {
             result = std::move(ready);
+        }
     };
     filter.push(std::move(frame), keepFirst);
     filter.finish(keepFirst);
-    if (!result)
+    if (!result) {
         throw Failure(FailureCode::Internal, "A picture was lost on its way.");
+    }
     return result;
 }
 
@@ -53,31 +55,35 @@ FramePtr converted(const AVStream& stream, FramePtr frame, const PictureFormat& 
 
 Extent displayExtent(const AVStream& stream, int codedWidth, int codedHeight) {
     AVRational aspect = stream.sample_aspect_ratio;
-    if (aspect.num <= 0 || aspect.den <= 0)
+    if (aspect.num <= 0 || aspect.den <= 0) {
         aspect = stream.codecpar->sample_aspect_ratio;
+    }
     const double stretch = aspect.num > 0 && aspect.den > 0 ? av_q2d(aspect) : 1;
     const auto side = [](double length) {
         return static_cast<int>(std::clamp(std::round(length), 1.0, static_cast<double>(kLongestSide)));
     };
     Extent extent{side(codedWidth * stretch), side(codedHeight)};
-    if (displayedSideways(stream))
+    if (displayedSideways(stream)) {
         std::swap(extent.width, extent.height);
+    }
     return extent;
 }
 
 Extent fittedInto(Extent picture, double boxWidth, double boxHeight) noexcept {
     double scale = 1;
-    if (boxWidth > 0)
+    if (boxWidth > 0) {
         scale = std::min(scale, boxWidth / picture.width);
-    if (boxHeight > 0)
+    }
+    if (boxHeight > 0) {
         scale = std::min(scale, boxHeight / picture.height);
+    }
     const auto side = [scale](int length) { return std::max(1, static_cast<int>(std::lround(length * scale))); };
     return {side(picture.width), side(picture.height)};
 }
 
 std::vector<std::uint8_t> encodeJPEG(const AVStream& stream, FramePtr frame, double boxWidth, double boxHeight) {
     const Extent extent = fittedInto(displayExtent(stream, frame->width, frame->height), boxWidth, boxHeight);
-    const PictureFormat format = formatOf(stream, *frame, extent);
+    const VideoFormat format = formatOf(stream, *frame, extent);
     const FramePtr picture = converted(stream, std::move(frame), format);
 
     const CodecContextPtr encoder(notNull(avcodec_alloc_context3(avcodec_find_encoder(AV_CODEC_ID_MJPEG))));
@@ -93,14 +99,18 @@ std::vector<std::uint8_t> encodeJPEG(const AVStream& stream, FramePtr frame, dou
     picture->quality = encoder->global_quality;
     picture->pict_type = AV_PICTURE_TYPE_I;
     const PacketPtr packet = newPacket();
-    if (result >= 0)
+    if (result >= 0) {
         result = avcodec_send_frame(encoder.get(), picture.get());
-    if (result >= 0)
+    }
+    if (result >= 0) {
         result = avcodec_send_frame(encoder.get(), nullptr);
-    if (result >= 0)
+    }
+    if (result >= 0) {
         result = avcodec_receive_packet(encoder.get(), packet.get());
-    if (result < 0)
+    }
+    if (result < 0) {
         fail(FailureCode::Internal, result, "A picture cannot be compressed");
+    }
     return {packet->data, packet->data + packet->size};
 }
 

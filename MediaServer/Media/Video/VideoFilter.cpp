@@ -17,7 +17,7 @@ extern "C" {
 namespace krv::media {
 namespace {
 
-// Pictures whose shapes differ by less than this are the same shape: rounding to even sides does that much.
+/// Pictures whose shapes differ by less than this are the same shape: rounding to even sides does that much.
 constexpr double kSameShape = 0.02;
 
 const char* rangeName(AVColorRange range) {
@@ -48,43 +48,51 @@ const char* matrixName(AVColorSpace space) {
     }
 }
 
-// What is white on paper in an HDR movie, in candela per square metre; it is to be the white of an ordinary one.
+/// What is white on paper in an HDR movie, in candela per square metre; it is to be the white of an ordinary one.
 constexpr double kReferenceWhite = 203;
 
-// Up to this part of white nothing is changed; only what is brighter is compressed, so that faces and scenery look as
-// they do in the ordinary version of a movie. Curves that bend everything darken it as a whole.
+/// Up to this part of white nothing is changed; only what is brighter is compressed, so that faces and scenery look as
+/// they do in the ordinary version of a movie. Curves that bend everything darken it as a whole.
 constexpr double kUntouched = 0.8;
 
-// Brings HDR to what an ordinary screen shows: linear light, the smaller gamut, the compressed highlights.
-std::string toneMapping(const AVFrame& frame, const PictureFormat& target) {
+/// Brings HDR to what an ordinary screen shows: linear light, the smaller gamut, the compressed highlights.
+std::string toneMapping(const AVFrame& frame, const VideoFormat& target) {
     const bool unknownPrimaries = frame.color_primaries == AVCOL_PRI_UNSPECIFIED;
     const bool unknownSpace = frame.colorspace == AVCOL_SPC_UNSPECIFIED;
     std::string input;
-    if (unknownPrimaries)
+    if (unknownPrimaries) {
         input += ":pin=bt2020";
-    if (unknownSpace)
+    }
+    if (unknownSpace) {
         input += ":min=bt2020nc";
-    if (frame.color_range == AVCOL_RANGE_UNSPECIFIED)
+    }
+    if (frame.color_range == AVCOL_RANGE_UNSPECIFIED) {
         input += ":rin=tv";
-    if (frame.color_trc == AVCOL_TRC_UNSPECIFIED)
+    }
+    if (frame.color_trc == AVCOL_TRC_UNSPECIFIED) {
         input += ":tin=smpte2084";
+    }
     return fmt::format("zscale=w={}:h={}:t=linear:npl={}{},format=gbrpf32le,zscale=p=bt709,"
                        "tonemap=tonemap=mobius:param={}:desat=0:peak={:.3f},zscale=t=bt709:m=bt709:r=tv",
                        target.width, target.height, kReferenceWhite, input, kUntouched,
                        std::max(target.peakLuminance / kReferenceWhite, 1.01));
 }
 
-// Brings ordinary pictures, or those of the other kind of HDR, to the HDR of the target.
-std::string widening(const AVFrame& frame, const PictureFormat& target) {
+/// Brings ordinary pictures, or those of the other kind of HDR, to the HDR of the target.
+std::string widening(const AVFrame& frame, const VideoFormat& target) {
     std::string input;
-    if (frame.color_primaries == AVCOL_PRI_UNSPECIFIED)
+    if (frame.color_primaries == AVCOL_PRI_UNSPECIFIED) {
         input += ":pin=bt709";
-    if (frame.colorspace == AVCOL_SPC_UNSPECIFIED)
+    }
+    if (frame.colorspace == AVCOL_SPC_UNSPECIFIED) {
         input += ":min=bt709";
-    if (frame.color_trc == AVCOL_TRC_UNSPECIFIED)
+    }
+    if (frame.color_trc == AVCOL_TRC_UNSPECIFIED) {
         input += ":tin=bt709";
-    if (frame.color_range == AVCOL_RANGE_UNSPECIFIED)
+    }
+    if (frame.color_range == AVCOL_RANGE_UNSPECIFIED) {
         input += ":rin=tv";
+    }
     // White of ordinary pictures is as bright as white in those of high dynamic range usually is.
     return fmt::format("zscale=w={}:h={}:t={}:p=bt2020:m=bt2020nc:r=tv:npl={}{}", target.width, target.height,
                        target.transfer == AVCOL_TRC_ARIB_STD_B67 ? "arib-std-b67" : "smpte2084", kReferenceWhite,
@@ -95,20 +103,22 @@ double pixelShape(AVRational aspect) {
     return aspect.num > 0 && aspect.den > 0 ? av_q2d(aspect) : 1;
 }
 
-// How the colours of the frame are meant and how they are wanted.
-std::string matrices(const AVFrame& frame, const PictureFormat& target) {
+/// How the colours of the frame are meant and how they are wanted.
+std::string matrices(const AVFrame& frame, const VideoFormat& target) {
     const AVPixFmtDescriptor* source = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
     const AVPixFmtDescriptor* wanted = av_pix_fmt_desc_get(target.pixels);
     std::string options;
-    if (!source || !(source->flags & (AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_PAL)))
+    if (!source || !(source->flags & (AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_PAL))) {
         options +=
             fmt::format(":in_range={}:in_color_matrix={}", rangeName(frame.color_range), matrixName(matrixOf(frame)));
-    if (!wanted || !(wanted->flags & AV_PIX_FMT_FLAG_RGB))
+    }
+    if (!wanted || !(wanted->flags & AV_PIX_FMT_FLAG_RGB)) {
         options += fmt::format(":out_color_matrix={}", matrixName(matrixOf(target.space, target.width, target.height)));
+    }
     return options;
 }
 
-std::string turning(const PictureFormat& target) {
+std::string turning(const VideoFormat& target) {
     constexpr const char* kTurns[] = {"", "transpose=clock,", "hflip,vflip,", "transpose=cclock,"};
     const char* mirror = !target.mirrored ? "" : target.quarterTurns % 2 == 0 ? "vflip," : "hflip,";
     return std::string(kTurns[target.quarterTurns]) + mirror;
@@ -116,7 +126,7 @@ std::string turning(const PictureFormat& target) {
 
 }  // namespace
 
-VideoFilter::VideoFilter(const PictureFormat& target, AVRational timeBase)
+VideoFilter::VideoFilter(const VideoFormat& target, AVRational timeBase)
     : target_(target)
     , timeBase_(timeBase) {}
 
@@ -130,17 +140,20 @@ void VideoFilter::push(FramePtr frame, const Sink& sink) {
         build(*frame);
     }
     const int result = av_buffersrc_add_frame_flags(in_, frame.get(), 0);
-    if (result < 0)
+    if (result < 0) {
         fail(FailureCode::Internal, result, "A picture cannot be converted");
+    }
     drain(sink);
 }
 
 void VideoFilter::finish(const Sink& sink) {
-    if (!graph_)
+    if (!graph_) {
         return;
+    }
     const int result = av_buffersrc_add_frame_flags(in_, nullptr, 0);
-    if (result < 0)
+    if (result < 0) {
         fail(FailureCode::Internal, result, "A picture cannot be converted");
+    }
     drain(sink);
     graph_.reset();
 }
@@ -149,13 +162,16 @@ void VideoFilter::drain(const Sink& sink) {
     for (;;) {
         FramePtr frame = newFrame();
         const int result = av_buffersink_get_frame(out_, frame.get());
-        if (result == AVERROR(EAGAIN) || result == AVERROR_EOF)
+        if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) {
             return;
-        if (result < 0)
+        }
+        if (result < 0) {
             fail(FailureCode::Internal, result, "A picture cannot be converted");
+        }
         const AVRational unit = av_buffersink_get_time_base(out_);
-        if (frame->pts != AV_NOPTS_VALUE)
+        if (frame->pts != AV_NOPTS_VALUE) {
             frame->pts = av_rescale_q(frame->pts, unit, timeBase_);
+        }
         sink(std::move(frame));
     }
 }
@@ -175,8 +191,9 @@ void VideoFilter::build(const AVFrame& frame) {
     like_->colorspace = frame.colorspace;
     like_->color_primaries = frame.color_primaries;
     like_->color_trc = frame.color_trc;
-    if (shape_ == 0)
+    if (shape_ == 0) {
         shape_ = static_cast<double>(frame.width) / frame.height;
+    }
 
     graph_.reset(notNull(avfilter_graph_alloc()));
     graph_->nb_threads = coreCount();
@@ -187,22 +204,25 @@ void VideoFilter::build(const AVFrame& frame) {
                     std::max(frame.sample_aspect_ratio.den, 1));
     int result =
         avfilter_graph_create_filter(&in_, avfilter_get_by_name("buffer"), "in", input.c_str(), nullptr, graph_.get());
-    if (result >= 0)
+    if (result >= 0) {
         result = avfilter_graph_create_filter(&out_, avfilter_get_by_name("buffersink"), "out", nullptr, nullptr,
                                               graph_.get());
+    }
     AVFilterInOut* outputs = avfilter_inout_alloc();
     AVFilterInOut* inputs = avfilter_inout_alloc();
     if (result >= 0 && outputs && inputs) {
         *outputs = {av_strdup("in"), in_, 0, nullptr};
         *inputs = {av_strdup("out"), out_, 0, nullptr};
         result = avfilter_graph_parse_ptr(graph_.get(), chainFor(frame).c_str(), &inputs, &outputs, nullptr);
-        if (result >= 0)
+        if (result >= 0) {
             result = avfilter_graph_config(graph_.get(), nullptr);
+        }
     }
     avfilter_inout_free(&inputs);
     avfilter_inout_free(&outputs);
-    if (result < 0)
+    if (result < 0) {
         fail(FailureCode::Internal, result, "The pictures cannot be converted");
+    }
 }
 
 // Scales to the largest size of the picture's own shape that fits, and puts bars around.
@@ -212,26 +232,29 @@ std::string VideoFilter::fittingChain(const AVFrame& frame, int width, int heigh
     const double shape = pixelShape(frame.sample_aspect_ratio) * frame.width / frame.height;
     const double room = (sideways ? 1 / targetPixel : targetPixel) * width / height;
     int innerWidth = width, innerHeight = height;
-    if (shape > room * (1 + kSameShape))
+    if (shape > room * (1 + kSameShape)) {
         innerHeight = std::max(2, static_cast<int>(std::lround(height * room / shape / 2)) * 2);
-    else if (shape < room * (1 - kSameShape))
+    } else if (shape < room * (1 - kSameShape)) {
         innerWidth = std::max(2, static_cast<int>(std::lround(width * shape / room / 2)) * 2);
+    }
 
-    PictureFormat inner = target_;
+    VideoFormat inner = target_;
     inner.width = innerWidth;
     inner.height = innerHeight;
     std::string chain;
-    if (target_.toneMapped && isHDR(frame.color_trc))
+    if (target_.toneMapped && isHDR(frame.color_trc)) {
         chain = toneMapping(frame, inner);
-    else if (isHDR(target_.transfer) && frame.color_trc != target_.transfer)
+    } else if (isHDR(target_.transfer) && frame.color_trc != target_.transfer) {
         chain = widening(frame, inner);
-    else
+    } else {
         chain = fmt::format("scale=w={}:h={}:flags=bicubic+accurate_rnd:out_range={}{}", innerWidth, innerHeight,
                             rangeName(target_.range), matrices(frame, target_));
+    }
     // The bars are put around in the format of the target, in which black is what it means by black.
     chain += fmt::format(",format=pix_fmts={},", av_get_pix_fmt_name(target_.pixels));
-    if (innerWidth != width || innerHeight != height)
+    if (innerWidth != width || innerHeight != height) {
         chain += fmt::format("pad=w={}:h={}:x=(ow-iw)/2:y=(oh-ih)/2,", width, height);
+    }
     return chain;
 }
 
@@ -240,38 +263,42 @@ std::string VideoFilter::chainFor(const AVFrame& frame) const {
     const int width = sideways ? target_.height : target_.width;
     const int height = sideways ? target_.width : target_.height;
     std::string chain;
-    if (deinterlaces_)
+    if (deinterlaces_) {
         chain += "bwdif=mode=send_frame:deint=interlaced,";
+    }
 
     const double shape = static_cast<double>(frame.width) / frame.height;
     const bool sameShape = std::abs(shape - shape_) < kSameShape * shape_;
     const int cutX = frame.width - width, cutY = frame.height - height;
     const bool onlyOdd = cutX >= 0 && cutX <= 1 && cutY >= 0 && cutY <= 1;
-    if (onlyOdd && cutX + cutY > 0)
+    if (onlyOdd && cutX + cutY > 0) {
         chain += fmt::format("crop=w={}:h={}:x=0:y=0:exact=1,", width, height);
+    }
 
     const AVPixFmtDescriptor* source = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
     const bool fromRGB = source && (source->flags & (AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_PAL));
     if (target_.fitted) {
         chain += fittingChain(frame, width, height);
     } else if (target_.toneMapped && isHDR(frame.color_trc)) {
-        PictureFormat upright = target_;
+        VideoFormat upright = target_;
         upright.width = width;
         upright.height = height;
         chain += toneMapping(frame, upright) + ",";
-        if (target_.convertsColours)
+        if (target_.convertsColours) {
             chain += fmt::format("format=pix_fmts=yuv444p16,scale=in_range=tv:out_range={}:in_color_matrix=bt709:"
                                  "out_color_matrix={},",
                                  rangeName(target_.range), matrixName(target_.space));
+        }
     } else if (sameShape) {
         chain += fmt::format("scale=w={}:h={}:flags=bicubic+accurate_rnd:out_range={}", width, height,
                              rangeName(target_.range));
-        if (target_.convertsColours)
+        if (target_.convertsColours) {
             chain += matrices(frame, target_);
-        else if (!fromRGB)
+        } else if (!fromRGB) {
             chain += fmt::format(":in_range={}", rangeName(frame.color_range));
-        else
+        } else {
             chain += fmt::format(":out_color_matrix={}", target_.space == AVCOL_SPC_BT709 ? "bt709" : "smpte170m");
+        }
         chain += ",";
     } else {
         chain += fmt::format("scale=w={0}:h={1}:force_original_aspect_ratio=decrease:flags=bicubic,"

@@ -4,7 +4,7 @@
 #include <string>
 
 #include <MediaServer/Media/Foundation/AV.h>
-#include <MediaServer/Media/Video/PictureFormat.h>
+#include <MediaServer/Media/Video/VideoFormat.h>
 
 namespace krv::media {
 
@@ -16,7 +16,7 @@ public:
     using Sink = std::function<void(FramePtr)>;
 
     /// timeBase is the unit of the frames' times, in and out.
-    VideoFilter(const PictureFormat& target, AVRational timeBase);
+    VideoFilter(const VideoFormat& target, AVRational timeBase);
 
     void push(FramePtr frame, const Sink& sink);
     void finish(const Sink& sink);
@@ -28,7 +28,7 @@ private:
     void drain(const Sink& sink);
     [[nodiscard]] bool sameKind(const AVFrame& frame) const;
 
-    const PictureFormat target_;
+    const VideoFormat target_;
     const AVRational timeBase_;
     bool deinterlaces_ = false;
     double shape_ = 0;  // width to height of the first picture

@@ -9,19 +9,20 @@
 namespace krv::media {
 namespace {
 
-// MPEG-4 part 2 counts the ticks of a second in 16 bits.
+/// MPEG-4 part 2 counts the ticks of a second in 16 bits.
 constexpr int kMPEG4Ticks = 65535;
 
-// A rate comes as a 32-bit number, but 29.97 means 30000/1001.
+/// A rate comes as a 32-bit number, but 29.97 means 30000/1001.
 AVRational rationalRate(float fps) {
     const double value = static_cast<double>(fps);
     const double whole = std::round(value * 1.001);
-    if (std::abs(whole * 1000 / 1001 - value) < 0.002 && std::abs(value - std::round(value)) > 0.002)
+    if (std::abs(whole * 1000 / 1001 - value) < 0.002 && std::abs(value - std::round(value)) > 0.002) {
         return {static_cast<int>(whole) * 1000, 1001};
+    }
     return av_d2q(value, 100000);
 }
 
-// What the header says about a stream of which no picture could be decoded yet.
+/// What the header says about a stream of which no picture could be decoded yet.
 FramePtr expectedFrame(const AVStream& from) {
     FramePtr frame = newFrame();
     const AVCodecParameters& codec = *from.codecpar;
@@ -43,16 +44,17 @@ VideoTranscoder::VideoTranscoder(const Source& source, const AVStream& from, con
 
 void VideoTranscoder::push(const AVPacket& packet) {
     decoder_.push(packet, [this](FramePtr frame) {
-        if (encoder_)
+        if (encoder_) {
             convert(std::move(frame));
-        else
+        } else {
             early_.push_back(std::move(frame));
+        }
     });
 }
 
 void VideoTranscoder::open(OutputFile& output) {
     const FramePtr first = early_.empty() ? expectedFrame(from_) : reference(*early_.front());
-    format_ = choosePictureFormat({from_, *first, request_.codec, request_.settings, output.container()});
+    format_ = chooseVideoFormat({from_, *first, request_.codec, request_.settings, output.container()});
     encoder_.emplace(EncoderSession::Request{request_.codec, request_.quality, request_.settings}, output,
                      [&](AVCodecContext& context) { prepare(context, format_, *first); });
     filter_.emplace(format_, from_.time_base);
@@ -64,25 +66,29 @@ void VideoTranscoder::open(OutputFile& output) {
     AVStream& to = encoder_->stream();
     to.avg_frame_rate = rate_;
     copyTrackMetadata(from_, to, output.container());
-    copyPictureSideData(from_, to, output.container().displayMatrix);
-    if (!format_.toneMapped)
+    copyVideoSideData(from_, to, output.container().displayMatrix);
+    if (!format_.toneMapped) {
         HDRMetadata(from_, *first).describeTo(to);
+    }
 }
 
 AVRational VideoTranscoder::timeBase(bool coarse) const {
-    if (request_.fps > 0)
+    if (request_.fps > 0) {
         return av_inv_q(rate_);
-    if (!coarse || from_.time_base.den <= kMPEG4Ticks)
+    }
+    if (!coarse || from_.time_base.den <= kMPEG4Ticks) {
         return from_.time_base;
+    }
     return {1, rate_.num * std::max(1, 60000 / rate_.num)};
 }
 
-void VideoTranscoder::prepare(AVCodecContext& context, const PictureFormat& format, const AVFrame& first) const {
+void VideoTranscoder::prepare(AVCodecContext& context, const VideoFormat& format, const AVFrame& first) const {
     describe(format, context);
     context.framerate = rate_;
     context.time_base = timeBase(context.codec_id == AV_CODEC_ID_MPEG4);
-    if (!format.toneMapped)
+    if (!format.toneMapped) {
         HDRMetadata(from_, first).describeTo(context);
+    }
 }
 
 void VideoTranscoder::convert(FramePtr frame) {
@@ -93,17 +99,19 @@ void VideoTranscoder::convert(FramePtr frame) {
             timer_->push(std::move(ready), [this](FramePtr timed) { encode(std::move(timed)); });
         });
     }
-    if (frame)
+    if (frame) {
         filter_->push(std::move(frame), [this](FramePtr ready) {
             timer_->push(std::move(ready), [this](FramePtr timed) { encode(std::move(timed)); });
         });
+    }
 }
 
 void VideoTranscoder::encode(FramePtr frame) {
     // The source's choice of key frames is not the encoder's.
     frame->pict_type = AV_PICTURE_TYPE_NONE;
-    if (!format_.interlaced)
+    if (!format_.interlaced) {
         frame->interlaced_frame = 0;
+    }
     encoder_->encode(*frame);
 }
 

@@ -31,7 +31,7 @@ public:
     void finish() override;
 
 private:
-    void prepare(AVCodecContext& context, const PictureFormat& format, const AVFrame& first) const;
+    void prepare(AVCodecContext& context, const VideoFormat& format, const AVFrame& first) const;
     [[nodiscard]] AVRational timeBase(bool coarse) const;
     void convert(FramePtr frame);
     void encode(FramePtr frame);
@@ -42,7 +42,7 @@ private:
     AVRational rate_;  // of the output: constant if fps was asked for, else the source's, as a hint
     Decoder decoder_;
     std::deque<FramePtr> early_;  // decoded before the output was open
-    PictureFormat format_;
+    VideoFormat format_;
     std::optional<VideoFilter> filter_;
     std::optional<FrameTimer> timer_;
     std::optional<EncoderSession> encoder_;

@@ -34,8 +34,9 @@ std::vector<Row> table(const std::string& headerBegins) {
             std::istringstream cells(line.substr(1));
             for (std::string cell; std::getline(cells, cell, '|');) {
                 const auto first = cell.find_first_not_of(' ');
-                if (first != std::string::npos)
+                if (first != std::string::npos) {
                     row.push_back(cell.substr(first, cell.find_last_not_of(' ') - first + 1));
+                }
             }
             rows.push_back(row);
         } else if (inside) {
@@ -47,11 +48,13 @@ std::vector<Row> table(const std::string& headerBegins) {
 }
 
 std::string code(std::uint32_t fourCC) {
-    if (fourCC == 0)
+    if (fourCC == 0) {
         return "none";
+    }
     std::string text;
-    for (int shift = 24; shift >= 0; shift -= 8)
+    for (int shift = 24; shift >= 0; shift -= 8) {
         text += static_cast<char>(fourCC >> shift & 0xff);
+    }
     return text;
 }
 
@@ -73,10 +76,11 @@ TEST(Documentation, ListsTheCodecsAsTheyAre) {
 
 TEST(Documentation, ListsTheContainersAsTheyAre) {
     std::vector<Row> expected;
-    for (const Container& container : containers())
+    for (const Container& container : containers()) {
         expected.push_back(
             {std::string(container.extension), code(container.defaultVideo), code(container.defaultAudio),
              container.textSubtitles == AV_CODEC_ID_NONE ? "none" : avcodec_get_name(container.textSubtitles)});
+    }
     EXPECT_EQ(table("Extension"), expected);
 }
 
@@ -97,9 +101,10 @@ TEST(Documentation, ListsTheEncodingTypesAsTheyAre) {
         return "none";
     };
     std::vector<Row> expected;
-    for (const EncodingType& type : encodingTypes())
+    for (const EncodingType& type : encodingTypes()) {
         expected.push_back({std::to_string(type.number), type.name, track(type.video, type.videoCodec),
                             track(type.audio, type.audioCodec)});
+    }
     EXPECT_EQ(table("Number"), expected);
 }
 

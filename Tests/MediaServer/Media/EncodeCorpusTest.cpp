@@ -16,7 +16,7 @@ constexpr double kFrame = 0.04;
 
 struct Movie {
     const char* name;
-    bool sound = true;
+    bool audio = true;
     double flash = 2;  // when the first bright picture is shown
 };
 void PrintTo(const Movie& movie, std::ostream* out) {
@@ -28,32 +28,34 @@ protected:
     static std::string source() { return corpus(GetParam().name); }
 
     /// The pictures are the source's, in its order, and each is shown when it was.
-    static void expectSamePictures(const std::string& output) {
-        const auto expected = pictureNumbers(source());
-        EXPECT_THAT(pictureNumbers(output), testing::ElementsAreArray(expected));
-        const auto was = pictureTimes(source());
-        const auto is = pictureTimes(output);
+    static void expectSameFrames(const std::string& output) {
+        const auto expected = frameNumbers(source());
+        EXPECT_THAT(frameNumbers(output), testing::ElementsAreArray(expected));
+        const auto was = frameTimes(source());
+        const auto is = frameTimes(output);
         ASSERT_EQ(was.size(), is.size());
-        for (std::size_t i = 0; i < was.size(); ++i)
+        for (std::size_t i = 0; i < was.size(); ++i) {
             ASSERT_NEAR(is[i] - is.front(), was[i] - was.front(), 0.0021) << i;
+        }
     }
     static void expectSameLength(const std::string& output) {
         const double length = Probe(source()).duration();
         EXPECT_NEAR(Probe(output).duration(), length, kFrame + 0.025) << "the sound's last packet may be a part longer";
     }
     static void expectInStep(const std::string& output) {
-        if (!GetParam().sound)
+        if (!GetParam().audio) {
             return;
+        }
         // As they were made; what a tool makes of the source may be worse than what is in it.
         EXPECT_NEAR(beepTime(output) - flashTime(output), 2 - GetParam().flash, 0.02);
     }
 };
 
-TEST_P(Corpus, BecomesH264WithEveryPictureAtItsTime) {
+TEST_P(Corpus, BecomesH264WithEveryFrameAtItsTime) {
     RecordingSink sink;
     const auto output = convert({.source = source(), .extension = "mp4", .type = 1}, sink);
     EXPECT_EQ(text(Probe(output).video(), "codec_name"), "h264");
-    expectSamePictures(output.path());
+    expectSameFrames(output.path());
     expectSameLength(output.path());
     expectInStep(output.path());
     EXPECT_TRUE(std::is_sorted(sink.fractions.begin(), sink.fractions.end()));
@@ -62,9 +64,9 @@ TEST_P(Corpus, BecomesH264WithEveryPictureAtItsTime) {
 
 class CorpusKept : public Corpus {};
 
-TEST_P(CorpusKept, ByOriginalWithEveryPictureAtItsTime) {
+TEST_P(CorpusKept, ByOriginalWithEveryFrameAtItsTime) {
     const auto output = convert({.source = source(), .extension = "mkv", .type = 0});
-    expectSamePictures(output.path());
+    expectSameFrames(output.path());
     expectSameLength(output.path());
     expectInStep(output.path());
 }
@@ -98,12 +100,12 @@ TEST_P(Portrait, IsShownUprightWhereverItGoes) {
     const std::string source = corpus(GetParam().name);
     const auto numbers = numbersFrom(0, 149);
     const auto mp4 = convert({.source = source, .extension = "mp4", .type = 1});
-    EXPECT_EQ(pictureNumbers(mp4.path()), numbers);  // as stored
-    EXPECT_LT(difference(shownPicture(mp4.path()), shownPicture(source)), 4);
+    EXPECT_EQ(frameNumbers(mp4.path()), numbers);  // as stored
+    EXPECT_LT(difference(shownFrame(mp4.path()), shownFrame(source)), 4);
     // A container that cannot say it has the pixels turned.
     const auto mkv = convert({.source = source, .extension = "mkv", .type = 1});
-    EXPECT_EQ(pictureNumbers(mkv.path(), GetParam().backwards), numbers);
-    EXPECT_LT(difference(shownPicture(mkv.path()), shownPicture(source)), 4);
+    EXPECT_EQ(frameNumbers(mkv.path(), GetParam().backwards), numbers);
+    EXPECT_LT(difference(shownFrame(mkv.path()), shownFrame(source)), 4);
 }
 
 INSTANTIATE_TEST_SUITE_P(Every, Portrait,
@@ -111,18 +113,18 @@ INSTANTIATE_TEST_SUITE_P(Every, Portrait,
                                          Turned{"phone-180.mp4", "hflip,vflip"},
                                          Turned{"phone-270.mp4", "transpose=cclock"}));
 
-TEST(Interlaced, FieldsBecomePicturesOfTheirFirstMoments) {
+TEST(Interlaced, IsDeinterlacedToTheTimesOfTheFirstFields) {
     const auto output = convert({.source = corpus("mpeg2.mpg"), .extension = "mp4", .type = 1});
-    EXPECT_EQ(pictureNumbers(output.path()), numbersFrom(0, 298, 2));
+    EXPECT_EQ(frameNumbers(output.path()), numbersFrom(0, 298, 2));
     EXPECT_NEAR(beepTime(output.path()) - flashTime(output.path()), 0, 0.02);
 }
 
 TEST(HighDynamicRange, LooksLikeTheOrdinaryMovieInH264) {
     const auto output = convert({.source = corpus("hevc-hdr.mp4"), .extension = "mp4", .type = 1});
-    EXPECT_EQ(pictureNumbers(output.path()), numbersFrom(0, 149));
-    for (const int picture : {10, 75, 140}) {
+    EXPECT_EQ(frameNumbers(output.path()), numbersFrom(0, 149));
+    for (const int frame : {10, 75, 140}) {
         const auto found =
-            colourDifference(shownColours(output.path(), picture), shownColours(corpus("h264.mov"), picture));
+            colourDifference(shownColours(output.path(), frame), shownColours(corpus("h264.mov"), frame));
         std::cout << "[ measured ] mean colour difference " << found.mean << '\n';
         EXPECT_LT(found.mean, 4);
     }
@@ -133,7 +135,7 @@ TEST(HighDynamicRange, StaysWhatItIsInHEVC) {
     const auto video = Probe(output).video();
     EXPECT_EQ(text(video, "pix_fmt"), "yuv420p10le");
     EXPECT_EQ(text(video, "color_transfer"), "smpte2084");
-    EXPECT_EQ(pictureNumbers(output.path()).size(), 150U);
+    EXPECT_EQ(frameNumbers(output.path()).size(), 150U);
 }
 
 /// The frequency of each channel's tone in Hz, by counting how often the wave goes up through zero.
@@ -151,26 +153,29 @@ std::vector<int> tones(const std::string& path) {
             const auto sample = static_cast<std::int16_t>(static_cast<unsigned char>(bytes[i]) |
                                                           static_cast<unsigned char>(bytes[i + 1]) << 8);
             // With some room around zero, where encoders leave noise.
-            if (before < 0 && sample > 1000)
+            if (before < 0 && sample > 1000) {
                 ++crossings;
-            if (std::abs(sample) > 1000)
+            }
+            if (std::abs(sample) > 1000) {
                 before = sample;
+            }
         }
         found.push_back(crossings / 2);
     }
     return found;
 }
 
-TEST(Channels, EachKeepsItsOwnSound) {
+TEST(Channels, EachKeepsItsOwnTone) {
     using testing::ElementsAre;
     const auto around = [](int tone) { return testing::AllOf(testing::Ge(tone - 3), testing::Le(tone + 3)); };
-    for (const char* movie : {"surround-ac3.mkv", "surround-aac.mp4"})
+    for (const char* movie : {"surround-ac3.mkv", "surround-aac.mp4"}) {
         for (const char* extension : {"mp4", "mkv", "mov"}) {
             const auto output = convert({.source = corpus(movie), .extension = extension, .type = 1});
             EXPECT_THAT(tones(output.path()),
                         ElementsAre(around(300), around(500), around(700), around(60), around(1100), around(1300)))
                 << movie << extension;
         }
+    }
 }
 
 TEST(CoverArt, IsNeverTakenForVideo) {
@@ -181,19 +186,20 @@ TEST(CoverArt, IsNeverTakenForVideo) {
     }
 }
 
-TEST(Songs, BecomeEveryContainerOfSound) {
-    for (const char* from : {"song.m4a", "song.mp3", "song.flac", "song.ogg", "song.wav"})
+TEST(Songs, AreConvertedToEveryAudioContainer) {
+    for (const char* from : {"song.m4a", "song.mp3", "song.flac", "song.ogg", "song.wav"}) {
         for (const char* to : {"m4a", "mp3", "flac", "ogg", "wav", "mka"}) {
             const auto output = convert({.source = corpus(from), .extension = to, .type = 7});
-            EXPECT_NEAR(soundLength(output.path()), 6, 0.06) << from << to;
+            EXPECT_NEAR(audioLength(output.path()), 6, 0.06) << from << to;
             EXPECT_NEAR(beepTime(output.path()), 2, 0.04) << from << to;
         }
+    }
 }
 
 TEST(BrokenMovies, GiveWhatIsLeftOfThem) {
     for (const char* movie : {"damaged.mkv", "truncated.mkv"}) {
         const auto output = convert({.source = corpus(movie), .extension = "mp4", .type = 1});
-        const auto numbers = pictureNumbers(output.path());
+        const auto numbers = frameNumbers(output.path());
         EXPECT_GT(numbers.size(), 20U) << movie;
         EXPECT_EQ(numbers.front(), 0);
     }
@@ -209,8 +215,9 @@ TEST(ManyStreams, AllComeAlong) {
     ASSERT_EQ(probe.streams("audio").size(), 3U);
     EXPECT_EQ(probe.streams("subtitle").size(), 2U);
     const std::array languages{"eng", "deu", "fra"};
-    for (std::size_t i = 0; i < languages.size(); ++i)
+    for (std::size_t i = 0; i < languages.size(); ++i) {
         EXPECT_EQ(tagOf(probe.streams("audio")[i], "language"), languages[i]);
+    }
     EXPECT_EQ(number(probe.streams("audio")[1], "channels"), 6);
 }
 

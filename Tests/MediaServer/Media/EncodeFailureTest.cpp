@@ -52,11 +52,11 @@ Conversion from(const char* name, std::int32_t type = 1) {
     return {.source = testMedia(name), .type = type};
 }
 
-Conversion with(const VideoSettings& video, const char* extension = "mp4") {
+Conversion with(const VideoRequest& video, const char* extension = "mp4") {
     return {.source = testMedia("silent.mp4"), .extension = extension, .type = 3, .video = video};
 }
 
-Conversion with(const AudioSettings& audio, const char* extension = "mp4") {
+Conversion with(const AudioRequest& audio, const char* extension = "mp4") {
     return {.source = testMedia("sound.wav"), .extension = extension, .type = 3, .audio = audio};
 }
 
@@ -82,48 +82,48 @@ INSTANTIATE_TEST_SUITE_P(Sources, BadConversions,
 
 INSTANTIATE_TEST_SUITE_P(
     Requests, BadConversions,
-    testing::Values(
-        Bad{"container", into("avi", 1), kUnsupported, "“avi”"}, Bad{"type", into("mp4", 8), kUnsupported, "8"},
-        Bad{"negativeType", into("mp4", -1), kUnsupported, "-1"},
-        Bad{"typeInContainer", into("webm", 1), kUnsupported, "H.264"},
-        Bad{"typeInSoundContainer", into("wav", 1), kUnsupported, "“wav”"},
-        Bad{"soundOfTypeInContainer",
-            {.source = testMedia("sound.wav"), .extension = "flac", .type = 1},
-            kUnsupported,
-            "AAC"},
-        Bad{"ProResInMP4", into("mp4", 4), kUnsupported, "ProRes"},
-        Bad{"flattenInContainer", into("webm", 0, true), kUnsupported, "h264"},
-        Bad{"videoCodec", with(VideoSettings{fourCC("XVID"), 0, 0, ""}), kUnsupported, "XVID"},
-        Bad{"audioCodecForVideo", with(VideoSettings{fourCC("mp4a"), 0, 0, ""}), kUnsupported, "mp4a"},
-        Bad{"audioCodec", with(AudioSettings{fourCC("wma2"), 0, ""}), kUnsupported, "wma2"},
-        Bad{"codecInContainer", with(VideoSettings{fourCC("avc1"), 0, 0, ""}, "webm"), kUnsupported, "webm"},
-        Bad{"audioCodecInContainer", with(AudioSettings{fourCC("lpcm"), 0, ""}, "mp3"), kUnsupported, "PCM"},
-        Bad{"videoQualityNaN", with(VideoSettings{0, kNaN, 0, ""}), kUnsupported, "quality"},
-        Bad{"videoQualityNegative", with(VideoSettings{0, -0.1F, 0, ""}), kUnsupported, "quality"},
-        Bad{"videoQualityTooHigh", with(VideoSettings{0, 1.1F, 0, ""}), kUnsupported, "quality"},
-        Bad{"audioQualityInfinite", with(AudioSettings{0, kInfinity, ""}), kUnsupported, "quality"},
-        Bad{"rateNaN", with(VideoSettings{0, 0, kNaN, ""}), kUnsupported, "frame rate"},
-        Bad{"rateNegative", with(VideoSettings{0, 0, -25, ""}), kUnsupported, "frame rate"},
-        Bad{"rateAbsurd", with(VideoSettings{0, 0, 1e9F, ""}), kUnsupported, "frame rate"}));
+    testing::Values(Bad{"container", into("avi", 1), kUnsupported, "“avi”"},
+                    Bad{"type", into("mp4", 8), kUnsupported, "8"},
+                    Bad{"negativeType", into("mp4", -1), kUnsupported, "-1"},
+                    Bad{"typeInContainer", into("webm", 1), kUnsupported, "H.264"},
+                    Bad{"typeInSoundContainer", into("wav", 1), kUnsupported, "“wav”"},
+                    Bad{"soundOfTypeInContainer",
+                        {.source = testMedia("sound.wav"), .extension = "flac", .type = 1},
+                        kUnsupported,
+                        "AAC"},
+                    Bad{"ProResInMP4", into("mp4", 4), kUnsupported, "ProRes"},
+                    Bad{"flattenInContainer", into("webm", 0, true), kUnsupported, "h264"},
+                    Bad{"videoCodec", with(VideoRequest{fourCC("XVID"), 0, 0, ""}), kUnsupported, "XVID"},
+                    Bad{"audioCodecForVideo", with(VideoRequest{fourCC("mp4a"), 0, 0, ""}), kUnsupported, "mp4a"},
+                    Bad{"audioCodec", with(AudioRequest{fourCC("wma2"), 0, ""}), kUnsupported, "wma2"},
+                    Bad{"codecInContainer", with(VideoRequest{fourCC("avc1"), 0, 0, ""}, "webm"), kUnsupported, "webm"},
+                    Bad{"audioCodecInContainer", with(AudioRequest{fourCC("lpcm"), 0, ""}, "mp3"), kUnsupported, "PCM"},
+                    Bad{"videoQualityNaN", with(VideoRequest{0, kNaN, 0, ""}), kUnsupported, "quality"},
+                    Bad{"videoQualityNegative", with(VideoRequest{0, -0.1F, 0, ""}), kUnsupported, "quality"},
+                    Bad{"videoQualityTooHigh", with(VideoRequest{0, 1.1F, 0, ""}), kUnsupported, "quality"},
+                    Bad{"audioQualityInfinite", with(AudioRequest{0, kInfinity, ""}), kUnsupported, "quality"},
+                    Bad{"rateNaN", with(VideoRequest{0, 0, kNaN, ""}), kUnsupported, "frame rate"},
+                    Bad{"rateNegative", with(VideoRequest{0, 0, -25, ""}), kUnsupported, "frame rate"},
+                    Bad{"rateAbsurd", with(VideoRequest{0, 0, 1e9F, ""}), kUnsupported, "frame rate"}));
 
 INSTANTIATE_TEST_SUITE_P(
     Settings, BadConversions,
-    testing::Values(Bad{"unknownKey", with(VideoSettings{0, 0, 0, "sharpness=5"}), kUnsupported, "sharpness"},
-                    Bad{"unknownAudioKey", with(AudioSettings{0, 0, "loudness=5"}), kUnsupported, "loudness"},
-                    Bad{"keyOfTheOtherKind", with(AudioSettings{0, 0, "width=64"}), kUnsupported, "width"},
-                    Bad{"videoOptionForAudio", with(AudioSettings{0, 0, "bf=2"}), kUnsupported, "bf"},
-                    Bad{"badPreset", with(VideoSettings{0, 0, 0, "preset=warp"}), kUnsupported, "preset"},
-                    Bad{"badNumber", with(VideoSettings{0, 0, 0, "crf=abc"}), kUnsupported, "crf"},
-                    Bad{"numberNaN", with(VideoSettings{0, 0, 0, "crf=nan"}), kUnsupported, "crf"},
-                    Bad{"pixelFormat", with(VideoSettings{0, 0, 0, "pixelFormat=rgb24"}), kUnsupported, "rgb24"},
-                    Bad{"presetForNone", with(AudioSettings{0, 0, "preset=fast"}), kUnsupported, "preset"},
-                    Bad{"bitRateForLossless", with(AudioSettings{fourCC("fLaC"), 0, "bitrate=64000"}, "flac"),
+    testing::Values(Bad{"unknownKey", with(VideoRequest{0, 0, 0, "sharpness=5"}), kUnsupported, "sharpness"},
+                    Bad{"unknownAudioKey", with(AudioRequest{0, 0, "loudness=5"}), kUnsupported, "loudness"},
+                    Bad{"keyOfTheOtherKind", with(AudioRequest{0, 0, "width=64"}), kUnsupported, "width"},
+                    Bad{"videoOptionForAudio", with(AudioRequest{0, 0, "bf=2"}), kUnsupported, "bf"},
+                    Bad{"badPreset", with(VideoRequest{0, 0, 0, "preset=warp"}), kUnsupported, "preset"},
+                    Bad{"badNumber", with(VideoRequest{0, 0, 0, "crf=abc"}), kUnsupported, "crf"},
+                    Bad{"numberNaN", with(VideoRequest{0, 0, 0, "crf=nan"}), kUnsupported, "crf"},
+                    Bad{"pixelFormat", with(VideoRequest{0, 0, 0, "pixelFormat=rgb24"}), kUnsupported, "rgb24"},
+                    Bad{"presetForNone", with(AudioRequest{0, 0, "preset=fast"}), kUnsupported, "preset"},
+                    Bad{"bitRateForLossless", with(AudioRequest{fourCC("fLaC"), 0, "bitrate=64000"}, "flac"),
                         kUnsupported, "bitrate"},
-                    Bad{"rateForCodec", with(AudioSettings{fourCC(".mp3"), 0, "sampleRate=96000"}, "mp3"), kUnsupported,
+                    Bad{"rateForCodec", with(AudioRequest{fourCC(".mp3"), 0, "sampleRate=96000"}, "mp3"), kUnsupported,
                         "sampleRate"},
-                    Bad{"channelsForCodec", with(AudioSettings{fourCC(".mp3"), 0, "channels=6"}, "mp3"), kUnsupported,
+                    Bad{"channelsForCodec", with(AudioRequest{fourCC(".mp3"), 0, "channels=6"}, "mp3"), kUnsupported,
                         "channels"},
-                    Bad{"notUTF8", with(VideoSettings{0, 0, 0, "preset=\xff"}), kBadArgument, "UTF-8"}));
+                    Bad{"notUTF8", with(VideoRequest{0, 0, 0, "preset=\xff"}), kBadArgument, "UTF-8"}));
 
 TEST(EncodeFailure, AFullDiskIsAnUnwritableDestination) {
     // A limit on the size of files stands for a disk without space.
@@ -176,9 +176,9 @@ TEST(EncodeFailure, AMovieThatBreaksOffIsConvertedAsFarAsItGoes) {
     const OutputPath cut("mov");
     writeFile(cut.path(), bytes.substr(0, bytes.size() * 2 / 3));
     const auto output = convert({.source = cut.path()});
-    const double pictures = number(Probe(output).video(), "nb_read_frames");
-    EXPECT_GE(pictures, 10);
-    EXPECT_LT(pictures, 50);
+    const double frames = number(Probe(output).video(), "nb_read_frames");
+    EXPECT_GE(frames, 10);
+    EXPECT_LT(frames, 50);
 }
 
 TEST(EncodeFailure, MediaOfWhichNothingDecodesAreUnusable) {

@@ -8,9 +8,9 @@
 namespace krv::media::test {
 namespace {
 
-// How far the grey values of two encodings of one picture may be apart; a wrong orientation is several times
-// that.
-constexpr double kSamePicture = 4;
+/// How far the grey values of two encodings of one picture may be apart; a wrong orientation is several times
+/// that.
+constexpr double kSameFrame = 4;
 
 std::vector<nlohmann::json> frameSideData(const std::string& path) {
     const auto json = nlohmann::json::parse(run({KRV_FFPROBE, "-v", "quiet", "-of", "json", "-select_streams", "v:0",
@@ -21,21 +21,24 @@ std::vector<nlohmann::json> frameSideData(const std::string& path) {
 }
 
 std::string displayMatrix(const Probe& probe) {
-    for (const auto& data : probe.video().value("side_data_list", nlohmann::json::array()))
-        if (text(data, "side_data_type") == "Display Matrix")
+    for (const auto& data : probe.video().value("side_data_list", nlohmann::json::array())) {
+        if (text(data, "side_data_type") == "Display Matrix") {
             return text(data, "displaymatrix");
+        }
+    }
     return "";
 }
 
-// A copy of upright.mp4 that is shown by another matrix: two rows of two, in 16.16 fixed point.
+/// A copy of upright.mp4 that is shown by another matrix: two rows of two, in 16.16 fixed point.
 OutputPath turned(std::array<int, 4> matrix) {
     std::string bytes = readFile(testMedia("upright.mp4"));
     const auto box = bytes.find("tkhd");
     const auto at = box + 4 + 40;  // the matrix of a version 0 track header
     const auto put = [&](std::size_t cell, int value) {
         const auto fixed = static_cast<std::uint32_t>(value) << 16;
-        for (std::size_t i = 0; i < 4; ++i)
+        for (std::size_t i = 0; i < 4; ++i) {
             bytes[at + cell * 4 + i] = static_cast<char>(fixed >> (24 - 8 * i) & 0xff);
+        }
     };
     put(0, matrix[0]);
     put(1, matrix[1]);
@@ -50,14 +53,14 @@ class Orientation : public testing::TestWithParam<std::array<int, 4>> {};
 
 TEST_P(Orientation, IsKeptInTheMatrixOrInThePixels) {
     const OutputPath source = turned(GetParam());
-    const auto expected = shownPicture(source.path());
+    const auto expected = shownFrame(source.path());
     for (const std::int32_t type : {0, 1}) {
         const auto movie = convert({.source = source.path(), .extension = "mp4", .type = type});
         EXPECT_EQ(displayMatrix(Probe(movie)), displayMatrix(Probe(source)));
-        EXPECT_LT(difference(shownPicture(movie.path()), expected), kSamePicture);
+        EXPECT_LT(difference(shownFrame(movie.path()), expected), kSameFrame);
         const auto matroska = convert({.source = source.path(), .extension = "mkv", .type = type});
         EXPECT_EQ(displayMatrix(Probe(matroska)), "");
-        EXPECT_LT(difference(shownPicture(matroska.path()), expected), kSamePicture);
+        EXPECT_LT(difference(shownFrame(matroska.path()), expected), kSameFrame);
     }
 }
 
@@ -68,11 +71,12 @@ INSTANTIATE_TEST_SUITE_P(Keeps, Orientation,
                                          std::array{0, 1, 1, 0}, std::array{0, -1, -1, 0}));
 
 TEST(Keeps, TheShapeOfThePixels) {
-    for (const char* extension : {"mov", "mp4", "mkv"})
+    for (const char* extension : {"mov", "mp4", "mkv"}) {
         for (const std::int32_t type : {0, 1, 2}) {
             const auto output = convert({.source = testMedia("anamorphic.mov"), .extension = extension, .type = type});
             EXPECT_EQ(text(Probe(output).video(), "sample_aspect_ratio"), "4:3") << extension << type;
         }
+    }
 }
 
 TEST(Keeps, TheColourDescription) {
@@ -95,17 +99,19 @@ TEST(Keeps, HighDynamicRangeInHEVC) {
         EXPECT_EQ(text(video, "color_space"), "bt2020nc");
         std::string mastering, light;
         for (const auto& data : frameSideData(output.path())) {
-            if (text(data, "side_data_type") == "Mastering display metadata")
+            if (text(data, "side_data_type") == "Mastering display metadata") {
                 mastering = text(data, "max_luminance") + " " + text(data, "red_x");
-            if (text(data, "side_data_type") == "Content light level metadata")
+            }
+            if (text(data, "side_data_type") == "Content light level metadata") {
                 light = text(data, "max_content") + " " + text(data, "max_average");
+            }
         }
         EXPECT_EQ(mastering, "10000000/10000 34000/50000");
         EXPECT_EQ(light, "1000 400");
     }
 }
 
-TEST(Keeps, ThePictureOfHighDynamicRangeInHDotTwoSixFourByToneMapping) {
+TEST(Keeps, TheLookOfHDRInH264ByToneMapping) {
     const auto output = convert({.source = testMedia("hdr.mp4"), .type = 1});
     const auto video = Probe(output).video();
     EXPECT_EQ(text(video, "pix_fmt"), "yuv420p");
@@ -114,12 +120,12 @@ TEST(Keeps, ThePictureOfHighDynamicRangeInHDotTwoSixFourByToneMapping) {
     EXPECT_EQ(text(video, "color_space"), "bt709");
     // The range of greys is used again, where the untouched signal of this movie is confined to its dark
     // half.
-    const auto greys = shownPicture(output.path());
+    const auto greys = shownFrame(output.path());
     EXPECT_GT(*std::max_element(greys.begin(), greys.end()) - *std::min_element(greys.begin(), greys.end()), 100);
 }
 
 TEST(Keeps, ChaptersWithTheirTitles) {
-    for (const char* extension : {"mov", "mp4", "mkv"})
+    for (const char* extension : {"mov", "mp4", "mkv"}) {
         for (const std::int32_t type : {0, 1}) {
             const auto output = convert({.source = testMedia("chapters.mp4"), .extension = extension, .type = type});
             const Probe probe(output);
@@ -129,12 +135,14 @@ TEST(Keeps, ChaptersWithTheirTitles) {
             EXPECT_EQ(tagOf(chapters[1], "title"), "Two");
             EXPECT_NEAR(number(chapters[1], "start_time"), 1.0, 0.001);
         }
+    }
 }
 
 TEST(Keeps, TitleAndOtherTags) {
     for (const char* extension : {"mov", "mp4", "mkv", "mp3", "flac"}) {
-        const bool sound = std::strlen(extension) > 3 || std::string_view(extension) == "mp3";
-        const auto output = convert({.source = testMedia("plain.mov"), .extension = extension, .type = sound ? 7 : 1});
+        const bool audioOnly = std::strlen(extension) > 3 || std::string_view(extension) == "mp3";
+        const auto output =
+            convert({.source = testMedia("plain.mov"), .extension = extension, .type = audioOnly ? 7 : 1});
         EXPECT_EQ(Probe(output).tag("title"), "A plain movie") << extension;
         EXPECT_EQ(Probe(output).tag("artist"), "Nobody") << extension;
     }
@@ -206,11 +214,12 @@ TEST(Keeps, TextSubtitles) {
 }
 
 TEST(Keeps, TheTimeCode) {
-    for (const char* extension : {"mov", "mp4"})
+    for (const char* extension : {"mov", "mp4"}) {
         for (const std::int32_t type : {0, 1}) {
             const auto output = convert({.source = testMedia("plain.mov"), .extension = extension, .type = type});
             EXPECT_EQ(tagOf(Probe(output).video(), "timecode"), "01:00:00:00") << extension << type;
         }
+    }
 }
 
 TEST(Keeps, FieldsOnlyWhereTheCodecDoes) {

@@ -7,11 +7,11 @@
 namespace krv::media::test {
 namespace {
 
-Conversion custom(const VideoSettings& video, const char* extension = "mp4", const char* source = "plain.mov") {
+Conversion custom(const VideoRequest& video, const char* extension = "mp4", const char* source = "plain.mov") {
     return {.source = testMedia(source), .extension = extension, .type = 3, .video = video};
 }
 
-Conversion custom(const AudioSettings& audio, const char* extension = "mp4", const char* source = "plain.mov") {
+Conversion custom(const AudioRequest& audio, const char* extension = "mp4", const char* source = "plain.mov") {
     return {.source = testMedia(source), .extension = extension, .type = 3, .audio = audio};
 }
 
@@ -32,7 +32,7 @@ TEST_P(VideoCodecs, AreMadeWhenAskedFor) {
     const VideoCodec& asked = GetParam();
     const std::string code = asked.fourCC;
     const char array[5] = {code[0], code[1], code[2], code[3], 0};
-    const auto video = Probe(convert(custom(VideoSettings{fourCC(array), 0, 0, ""}, asked.extension))).video();
+    const auto video = Probe(convert(custom(VideoRequest{fourCC(array), 0, 0, ""}, asked.extension))).video();
     EXPECT_EQ(text(video, "codec_name"), asked.codec);
     EXPECT_EQ(text(video, "pix_fmt"), asked.pixels);
     if (std::string_view(asked.extension) == "mov" && code.starts_with("ap")) {
@@ -65,9 +65,9 @@ class AudioCodecs : public testing::TestWithParam<AudioCodec> {};
 TEST_P(AudioCodecs, AreMadeWhenAskedFor) {
     const std::string code = GetParam().fourCC;
     const char array[5] = {code[0], code[1], code[2], code[3], 0};
-    const auto output = convert(custom(AudioSettings{fourCC(array), 0, ""}, GetParam().extension, "sound.wav"));
+    const auto output = convert(custom(AudioRequest{fourCC(array), 0, ""}, GetParam().extension, "sound.wav"));
     EXPECT_EQ(text(Probe(output).audio(), "codec_name"), GetParam().codec);
-    EXPECT_NEAR(soundLength(output.path()), 2.0, 0.04);
+    EXPECT_NEAR(audioLength(output.path()), 2.0, 0.04);
 }
 
 INSTANTIATE_TEST_SUITE_P(Settings, AudioCodecs,
@@ -84,7 +84,7 @@ TEST_P(QualityOf, HigherMakesALargerFile) {
     const char array[5] = {code[0], code[1], code[2], code[3], 0};
     const auto size = [&](float quality) {
         const auto output =
-            convert(custom(VideoSettings{fourCC(array), quality, 0, ""}, GetParam().extension, "silent.mp4"));
+            convert(custom(VideoRequest{fourCC(array), quality, 0, ""}, GetParam().extension, "silent.mp4"));
         return std::filesystem::file_size(output.path());
     };
     const auto low = size(0.1F), middle = size(0.5F), high = size(1);
@@ -100,12 +100,12 @@ INSTANTIATE_TEST_SUITE_P(Settings, QualityOf,
                                          VideoCodec{"apcn", "mov", "", ""}, VideoCodec{"jpeg", "mov", "", ""},
                                          VideoCodec{"mp4v", "mp4", "", ""}));
 
-TEST(Settings, TheQualityOfSoundIsItsBitRate) {
+TEST(Settings, QualityOfAudioSetsItsBitRate) {
     const auto size = [](float quality) {
         return std::filesystem::file_size(convert({.source = testMedia("noise.wav"),
                                                    .extension = "m4a",
                                                    .type = 7,
-                                                   .audio = AudioSettings{0, quality, ""}})
+                                                   .audio = AudioRequest{0, quality, ""}})
                                               .path());
     };
     EXPECT_LT(size(0.1F), size(0));
@@ -113,51 +113,51 @@ TEST(Settings, TheQualityOfSoundIsItsBitRate) {
 }
 
 TEST(Settings, WidthAloneKeepsTheShape) {
-    const auto video = Probe(convert(custom(VideoSettings{0, 0, 0, "width=160"}))).video();
+    const auto video = Probe(convert(custom(VideoRequest{0, 0, 0, "width=160"}))).video();
     EXPECT_EQ(number(video, "width"), 160);
     EXPECT_EQ(number(video, "height"), 120);
 }
 
 TEST(Settings, HeightAloneKeepsTheShape) {
-    const auto video = Probe(convert(custom(VideoSettings{0, 0, 0, "height=480"}))).video();
+    const auto video = Probe(convert(custom(VideoRequest{0, 0, 0, "height=480"}))).video();
     EXPECT_EQ(number(video, "width"), 640);
     EXPECT_EQ(number(video, "height"), 480);
 }
 
 TEST(Settings, WidthAndHeightDoNotDistortWhatIsShown) {
-    const auto video = Probe(convert(custom(VideoSettings{0, 0, 0, "width=320:height=180"}))).video();
+    const auto video = Probe(convert(custom(VideoRequest{0, 0, 0, "width=320:height=180"}))).video();
     EXPECT_EQ(number(video, "width"), 320);
     EXPECT_EQ(number(video, "height"), 180);
     EXPECT_EQ(text(video, "display_aspect_ratio"), "4:3");
 }
 
-TEST(Settings, WidthIsThatOfTheUprightPicture) {
-    const auto video = Probe(convert(custom(VideoSettings{0, 0, 0, "width=120"}, "mp4", "rotated.mp4"))).video();
+TEST(Settings, WidthIsThatOfTheUprightFrame) {
+    const auto video = Probe(convert(custom(VideoRequest{0, 0, 0, "width=120"}, "mp4", "rotated.mp4"))).video();
     EXPECT_EQ(number(video, "width"), 160);  // stored lying
     EXPECT_EQ(number(video, "height"), 120);
-    const auto turned = Probe(convert(custom(VideoSettings{0, 0, 0, "width=120"}, "mkv", "rotated.mp4"))).video();
+    const auto turned = Probe(convert(custom(VideoRequest{0, 0, 0, "width=120"}, "mkv", "rotated.mp4"))).video();
     EXPECT_EQ(number(turned, "width"), 120);
     EXPECT_EQ(number(turned, "height"), 160);
 }
 
 TEST(Settings, OddSidesAreMadeEven) {
-    const auto video = Probe(convert(custom(VideoSettings{0, 0, 0, "width=161:height=121"}))).video();
+    const auto video = Probe(convert(custom(VideoRequest{0, 0, 0, "width=161:height=121"}))).video();
     EXPECT_EQ(number(video, "width"), 160);
     EXPECT_EQ(number(video, "height"), 120);
 }
 
 TEST(Settings, BitRateIsKept) {
-    const auto output = convert(custom(VideoSettings{0, 0, 0, "bitrate=200000"}, "mp4", "silent.mp4"));
+    const auto output = convert(custom(VideoRequest{0, 0, 0, "bitrate=200000"}, "mp4", "silent.mp4"));
     EXPECT_NEAR(number(Probe(output).video(), "bit_rate"), 200000, 80000);
 }
 
 TEST(Settings, PixelFormatGivesTenBits) {
-    const auto video = Probe(convert(custom(VideoSettings{0, 0, 0, "pixelFormat=yuv420p10le"}))).video();
+    const auto video = Probe(convert(custom(VideoRequest{0, 0, 0, "pixelFormat=yuv420p10le"}))).video();
     EXPECT_EQ(text(video, "pix_fmt"), "yuv420p10le");
 }
 
 TEST(Settings, EncoderOptionsReachTheEncoder) {
-    const auto output = convert(custom(VideoSettings{0, 0, 0, "g=5:bf=0:preset=ultrafast:profile=baseline"}));
+    const auto output = convert(custom(VideoRequest{0, 0, 0, "g=5:bf=0:preset=ultrafast:profile=baseline"}));
     const auto video = Probe(output).video();
     EXPECT_EQ(text(video, "profile"), "Constrained Baseline");
     EXPECT_EQ(number(video, "has_b_frames"), 0);
@@ -168,7 +168,7 @@ TEST(Settings, EncoderOptionsReachTheEncoder) {
 
 TEST(Settings, ChannelsAndSampleRateAreMade) {
     const auto audio =
-        Probe(convert(custom(AudioSettings{0, 0, "channels=2:sampleRate=44100"}, "mp4", "surround.mov"))).audio();
+        Probe(convert(custom(AudioRequest{0, 0, "channels=2:sampleRate=44100"}, "mp4", "surround.mov"))).audio();
     EXPECT_EQ(number(audio, "channels"), 2);
     EXPECT_EQ(number(audio, "sample_rate"), 44100);
 }
@@ -176,7 +176,7 @@ TEST(Settings, ChannelsAndSampleRateAreMade) {
 TEST(Settings, OfTheOtherTypesApplyToTheirCodec) {
     const auto video = Probe(convert({.source = testMedia("plain.mov"),
                                       .type = 2,
-                                      .video = VideoSettings{0, 0, 0, "width=160:preset=ultrafast"}}))
+                                      .video = VideoRequest{0, 0, 0, "width=160:preset=ultrafast"}}))
                            .video();
     EXPECT_EQ(text(video, "codec_name"), "hevc");
     EXPECT_EQ(number(video, "width"), 160);

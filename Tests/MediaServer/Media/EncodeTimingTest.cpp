@@ -38,7 +38,7 @@ INSTANTIATE_TEST_SUITE_P(Timing, Sync,
                                          Road{"late.mkv", "mkv", 0}, Road{"late.mkv", "mkv", 1},
                                          Road{"late.mkv", "mov", 4}, Road{"late.mkv", "webm", 5}));
 
-TEST(Timing, SoundThatStartsLateIsFilledWithSilenceWhereThereIsNoTime) {
+TEST(Timing, LateAudioIsPaddedWithSilenceInContainersWithoutTimestamps) {
     for (const char* extension : {"wav", "mp3", "flac"}) {
         const auto output = convert({.source = testMedia("late.mkv"), .extension = extension, .type = 7});
         EXPECT_NEAR(beepTime(output.path()), 1.0, kFrame) << extension;
@@ -46,60 +46,65 @@ TEST(Timing, SoundThatStartsLateIsFilledWithSilenceWhereThereIsNoTime) {
 }
 
 TEST(Timing, AVariableRateIsKept) {
-    const auto expected = pictureTimes(testMedia("variable.mkv"));
+    const auto expected = frameTimes(testMedia("variable.mkv"));
     ASSERT_EQ(expected.size(), 40U);
-    for (const char* extension : {"mp4", "mkv", "mov"})
+    for (const char* extension : {"mp4", "mkv", "mov"}) {
         for (const std::int32_t type : {0, 1}) {
             const auto output = convert({.source = testMedia("variable.mkv"), .extension = extension, .type = type});
-            EXPECT_THAT(pictureTimes(output.path()), testing::Pointwise(testing::DoubleNear(0.0015), expected));
+            EXPECT_THAT(frameTimes(output.path()), testing::Pointwise(testing::DoubleNear(0.0015), expected));
         }
+    }
 }
 
 TEST(Timing, AConstantRateIsMadeWhenAskedFor) {
     const auto output =
-        convert({.source = testMedia("variable.mkv"), .type = 3, .video = VideoSettings{0, 0, 50, "preset=ultrafast"}});
-    const auto times = pictureTimes(output.path());
+        convert({.source = testMedia("variable.mkv"), .type = 3, .video = VideoRequest{0, 0, 50, "preset=ultrafast"}});
+    const auto times = frameTimes(output.path());
     ASSERT_EQ(times.size(), 100U);
-    for (std::size_t i = 0; i < times.size(); ++i)
+    for (std::size_t i = 0; i < times.size(); ++i) {
         EXPECT_NEAR(times[i], static_cast<double>(i) / 50, 0.001);
+    }
     EXPECT_EQ(text(Probe(output).video(), "avg_frame_rate"), "50/1");
 }
 
 TEST(Timing, AConstantRateKeepsTheLength) {
     for (const float fps : {10.0F, 24.0F, 29.97F}) {
         const auto output = convert(
-            {.source = testMedia("plain.mov"), .type = 3, .video = VideoSettings{0, 0, fps, "preset=ultrafast"}});
+            {.source = testMedia("plain.mov"), .type = 3, .video = VideoRequest{0, 0, fps, "preset=ultrafast"}});
         EXPECT_NEAR(Probe(output).duration(), 2.0, 1.0 / static_cast<double>(fps));
         EXPECT_EQ(number(Probe(output).video(), "nb_read_frames"), std::lround(2 * fps));
     }
 }
 
 TEST(Timing, TelevisionRatesAreExact) {
-    const auto output = convert(
-        {.source = testMedia("plain.mov"), .type = 3, .video = VideoSettings{0, 0, 29.97F, "preset=ultrafast"}});
+    const auto output =
+        convert({.source = testMedia("plain.mov"), .type = 3, .video = VideoRequest{0, 0, 29.97F, "preset=ultrafast"}});
     EXPECT_EQ(text(Probe(output).video(), "avg_frame_rate"), "30000/1001");
 }
 
 TEST(Timing, AnEditIsHonoured) {
     // The first half second is stored but not shown.
-    const auto expected = shownPicture(testMedia("edited.mov"));
-    for (const char* extension : {"mov", "mp4", "mkv"})
+    const auto expected = shownFrame(testMedia("edited.mov"));
+    for (const char* extension : {"mov", "mp4", "mkv"}) {
         for (const std::int32_t type : {0, 1}) {
             const auto output = convert({.source = testMedia("edited.mov"), .extension = extension, .type = type});
-            EXPECT_EQ(pictureTimes(output.path()).size(), 37U) << extension << type;
+            EXPECT_EQ(frameTimes(output.path()).size(), 37U) << extension << type;
             EXPECT_NEAR(Probe(output).duration(), 1.5, kFrame) << extension << type;
-            EXPECT_LT(difference(shownPicture(output.path()), expected), 4) << extension << type;
+            EXPECT_LT(difference(shownFrame(output.path()), expected), 4) << extension << type;
         }
+    }
 }
 
-TEST(Timing, PicturesThatAreShownOutOfOrderKeepTheirPlaces) {
-    for (const char* source : {"old.avi", "late.mkv", "large.ts"})
+TEST(Timing, ReorderedFramesKeepTheirTimes) {
+    for (const char* source : {"old.avi", "late.mkv", "large.ts"}) {
         for (const std::int32_t type : {0, 1}) {
-            const auto times = pictureTimes(convert({.source = testMedia(source), .type = type}).path());
+            const auto times = frameTimes(convert({.source = testMedia(source), .type = type}).path());
             ASSERT_GE(times.size(), 25U) << source;
-            for (std::size_t i = 1; i < times.size(); ++i)
+            for (std::size_t i = 1; i < times.size(); ++i) {
                 EXPECT_NEAR(times[i] - times[i - 1], kFrame, 0.0015) << source << type << " " << i;
+            }
         }
+    }
 }
 
 TEST(Timing, AChangeOfSizeInTheMiddleIsSurvived) {
@@ -109,9 +114,10 @@ TEST(Timing, AChangeOfSizeInTheMiddleIsSurvived) {
     EXPECT_EQ(number(probe.video(), "height"), 240);
     EXPECT_EQ(number(probe.video(), "nb_read_frames"), 50);
     EXPECT_NEAR(probe.duration(), 2.0, 0.1);
-    const auto times = pictureTimes(output.path());
-    for (std::size_t i = 1; i < times.size(); ++i)
+    const auto times = frameTimes(output.path());
+    for (std::size_t i = 1; i < times.size(); ++i) {
         EXPECT_NEAR(times[i] - times[i - 1], kFrame, 0.015);
+    }
 }
 
 }  // namespace

@@ -39,8 +39,9 @@ TEST_P(EncodingTypes, MakeTheCodecsOfTheirRow) {
     EXPECT_EQ(number(probe.video(), "height"), 240);
     EXPECT_EQ(number(probe.video(), "nb_read_frames"), 50);
     ASSERT_EQ(probe.streams("audio").size(), 2U);
-    for (const auto& audio : probe.streams("audio"))
+    for (const auto& audio : probe.streams("audio")) {
         EXPECT_EQ(text(audio, "codec_name"), made.audio);
+    }
     EXPECT_NEAR(probe.duration(), 2.0, kFrame);
 }
 
@@ -55,39 +56,39 @@ INSTANTIATE_TEST_SUITE_P(Encode, EncodingTypes,
                                          Made{5, "webm", "vp9", "", "opus"}, Made{5, "mp4", "vp9", "vp09", "opus"},
                                          Made{6, "mp4", "av1", "av01", "opus"}, Made{6, "mkv", "av1", "", "opus"}));
 
-struct MadeSound {
+struct MadeAudio {
     std::int32_t type;
     const char* source;
     const char* extension;
     const char* audio;
 };
 
-void PrintTo(const MadeSound& one, std::ostream* out) {
+void PrintTo(const MadeAudio& one, std::ostream* out) {
     *out << one.source << " as type " << one.type << " to " << one.extension;
 }
 
-class SoundContainers : public testing::TestWithParam<MadeSound> {};
+class AudioContainers : public testing::TestWithParam<MadeAudio> {};
 
-TEST_P(SoundContainers, HoldTheSoundOnly) {
-    const MadeSound& made = GetParam();
+TEST_P(AudioContainers, HoldTheAudioOnly) {
+    const MadeAudio& made = GetParam();
     const auto output = convert({.source = testMedia(made.source), .extension = made.extension, .type = made.type});
     const Probe probe(output);
     EXPECT_TRUE(probe.streams("video").empty());
     ASSERT_FALSE(probe.streams("audio").empty());
     EXPECT_EQ(text(probe.audio(), "codec_name"), made.audio);
-    EXPECT_NEAR(soundLength(output.path()), 2.0, kFrame);
+    EXPECT_NEAR(audioLength(output.path()), 2.0, kFrame);
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Encode, SoundContainers,
-    testing::Values(MadeSound{7, "plain.mov", "m4a", "aac"}, MadeSound{7, "plain.mov", "mp4", "aac"},
-                    MadeSound{7, "plain.mov", "mka", "aac"}, MadeSound{7, "plain.mov", "wav", "pcm_s16le"},
-                    MadeSound{7, "sound24.wav", "wav", "pcm_s24le"}, MadeSound{7, "plain.mov", "mp3", "mp3"},
-                    MadeSound{7, "plain.mov", "flac", "flac"}, MadeSound{7, "plain.mov", "ogg", "opus"},
-                    MadeSound{7, "plain.mov", "webm", "opus"}, MadeSound{0, "plain.mov", "wav", "pcm_s16le"},
-                    MadeSound{0, "plain.mov", "m4a", "aac"}, MadeSound{0, "sound24.wav", "wav", "pcm_s24le"},
-                    MadeSound{3, "plain.mov", "flac", "flac"}, MadeSound{1, "sound.wav", "mp4", "aac"},
-                    MadeSound{4, "sound24.wav", "mov", "pcm_s24le"}));
+    Encode, AudioContainers,
+    testing::Values(MadeAudio{7, "plain.mov", "m4a", "aac"}, MadeAudio{7, "plain.mov", "mp4", "aac"},
+                    MadeAudio{7, "plain.mov", "mka", "aac"}, MadeAudio{7, "plain.mov", "wav", "pcm_s16le"},
+                    MadeAudio{7, "sound24.wav", "wav", "pcm_s24le"}, MadeAudio{7, "plain.mov", "mp3", "mp3"},
+                    MadeAudio{7, "plain.mov", "flac", "flac"}, MadeAudio{7, "plain.mov", "ogg", "opus"},
+                    MadeAudio{7, "plain.mov", "webm", "opus"}, MadeAudio{0, "plain.mov", "wav", "pcm_s16le"},
+                    MadeAudio{0, "plain.mov", "m4a", "aac"}, MadeAudio{0, "sound24.wav", "wav", "pcm_s24le"},
+                    MadeAudio{3, "plain.mov", "flac", "flac"}, MadeAudio{1, "sound.wav", "mp4", "aac"},
+                    MadeAudio{4, "sound24.wav", "mov", "pcm_s24le"}));
 
 TEST(Encode, OriginalCopiesBitForBit) {
     const auto hash = [](const std::string& path) {
@@ -126,25 +127,26 @@ TEST(Encode, OriginalReplacesOnlyWhatTheContainerCannotHold) {
     EXPECT_EQ(text(probe.audio(), "codec_name"), "aac");  // the source's PCM has no place in it
 }
 
-TEST(Encode, AMovieWithoutSoundBecomesAMovieWithoutSound) {
+TEST(Encode, AMovieWithoutAudioStaysWithoutAudio) {
     const auto output = convert({.source = testMedia("silent.mp4")});
     EXPECT_TRUE(Probe(output).streams("audio").empty());
     EXPECT_EQ(number(Probe(output).video(), "nb_read_frames"), 50);
 }
 
-TEST(Encode, OnePictureIsAMovie) {
-    for (const char* extension : {"mp4", "mkv"})
+TEST(Encode, AMovieOfOneFrameIsConverted) {
+    for (const char* extension : {"mp4", "mkv"}) {
         for (const std::int32_t type : {0, 1, 2, 5, 6}) {
             const auto output = convert({.source = testMedia("still.mov"), .extension = extension, .type = type});
             EXPECT_EQ(number(Probe(output).video(), "nb_read_frames"), 1) << extension << type;
             EXPECT_NEAR(Probe(output).duration(), kFrame, 0.001) << extension << type;
         }
+    }
 }
 
-TEST(Encode, TwoPicturesAreAMovie) {
+TEST(Encode, AMovieOfTwoFramesIsConverted) {
     for (const std::int32_t type : {1, 2, 5, 6}) {
         const auto output = convert({.source = testMedia("two.mov"), .type = type});
-        EXPECT_THAT(pictureTimes(output.path()), testing::ElementsAre(0, testing::DoubleNear(kFrame, 0.001)));
+        EXPECT_THAT(frameTimes(output.path()), testing::ElementsAre(0, testing::DoubleNear(kFrame, 0.001)));
     }
 }
 

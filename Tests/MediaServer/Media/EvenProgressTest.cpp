@@ -13,8 +13,9 @@ namespace {
 void expectEven(const std::vector<double>& fractions) {
     EXPECT_TRUE(std::is_sorted(fractions.begin(), fractions.end()));
     double largest = fractions.front();
-    for (std::size_t i = 1; i < fractions.size(); ++i)
+    for (std::size_t i = 1; i < fractions.size(); ++i) {
         largest = std::max(largest, fractions[i] - fractions[i - 1]);
+    }
     EXPECT_LT(largest, 0.1);
     EXPECT_EQ(fractions.back(), 1);
 }

@@ -23,8 +23,9 @@ InterestingTimes timesOf(const std::string& movie, std::optional<std::int64_t> t
 
 std::vector<double> seconds(const InterestingTimes& times) {
     std::vector<double> found;
-    for (const std::int64_t value : times.values)
+    for (const std::int64_t value : times.values) {
         found.push_back(static_cast<double>(value) / times.timescale);
+    }
     return found;
 }
 
@@ -40,16 +41,18 @@ std::vector<double> keyFrames(const std::string& movie, int stream) {
     for (const auto& packet : json.at("packets")) {
         const std::string flags = text(packet, "flags");
         const double time = number(packet, "pts_time") - shift;
-        if (flags.find('K') != std::string::npos && flags.find('D') == std::string::npos)
+        if (flags.find('K') != std::string::npos && flags.find('D') == std::string::npos) {
             times.push_back(std::max(time, 0.0));
+        }
     }
     std::sort(times.begin(), times.end());
     return times;
 }
 
 std::vector<double> withStart(std::vector<double> times) {
-    if (times.empty() || times.front() > 0)
+    if (times.empty() || times.front() > 0) {
         times.insert(times.begin(), 0.0);
+    }
     return times;
 }
 
@@ -107,12 +110,12 @@ TEST(InterestingTimes, OfATrackAreItsKeyFramesOnly) {
     EXPECT_THAT(seconds(timesOf(movie, 0)), testing::Pointwise(testing::DoubleNear(0.0011), keyFrames(movie, 0)));
 }
 
-TEST(InterestingTimes, OfASoundTrackAreItsEdits) {
+TEST(InterestingTimes, OfAnAudioTrackAreItsEdits) {
     EXPECT_THAT(seconds(timesOf(corpus("h264.mp4"), 1)), testing::ElementsAre(0));
     EXPECT_THAT(seconds(timesOf(corpus("h264.mkv"), 1)), testing::ElementsAre(0));
 }
 
-TEST(InterestingTimes, OfSoundAloneAreItsStart) {
+TEST(InterestingTimes, OfAnAudioFileAreItsStart) {
     EXPECT_THAT(seconds(timesOf(corpus("song.m4a"))), testing::ElementsAre(0));
     EXPECT_THAT(seconds(timesOf(corpus("song.flac"))), testing::ElementsAre(0));
 }

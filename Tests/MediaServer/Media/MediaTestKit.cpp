@@ -36,7 +36,7 @@ namespace {
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-// A picture or sample counts as bright or loud from here on.
+/// A picture or sample counts as bright or loud from here on.
 constexpr int kBright = 100;
 constexpr int kLoud = 1000;
 constexpr int kProbeRate = 48000;
@@ -49,16 +49,18 @@ std::string testMedia(const std::string& name) {
 
 Descriptor::Descriptor(int number)
     : number_(number) {
-    if (number < 0)
+    if (number < 0) {
         throwErrno("open");
+    }
 }
 
 Descriptor::Descriptor(Descriptor&& other) noexcept
     : number_(std::exchange(other.number_, -1)) {}
 
 Descriptor::~Descriptor() {
-    if (number_ >= 0)
+    if (number_ >= 0) {
         close(number_);
+    }
 }
 
 Descriptor openToRead(const std::string& path) {
@@ -74,8 +76,9 @@ OutputPath::OutputPath(OutputPath&& other) noexcept
     : path_(std::exchange(other.path_, {})) {}
 
 OutputPath::~OutputPath() {
-    if (!path_.empty())
+    if (!path_.empty()) {
         unlink(path_.c_str());
+    }
 }
 
 OutputPath convert(const Conversion& conversion, ProgressSink& sink) {
@@ -111,12 +114,14 @@ std::optional<Failure> failureOf(const Conversion& conversion) {
 
 std::string run(const std::vector<std::string>& arguments) {
     std::array<int, 2> ends{};
-    if (pipe2(ends.data(), O_CLOEXEC) != 0)
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
         throwErrno("pipe");
+    }
     const Descriptor reader(ends[0]);
     std::vector<char*> argv;
-    for (const auto& argument : arguments)
+    for (const auto& argument : arguments) {
         argv.push_back(const_cast<char*>(argument.c_str()));
+    }
     argv.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -126,16 +131,19 @@ std::string run(const std::vector<std::string>& arguments) {
     const int failed = posix_spawn(&child, argv[0], &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     close(ends[1]);
-    if (failed != 0)
+    if (failed != 0) {
         throw std::system_error(failed, std::generic_category(), arguments.front());
+    }
     std::string output;
     std::array<char, 65536> buffer{};
-    for (ssize_t got = 0; (got = read(reader.number(), buffer.data(), buffer.size())) > 0;)
+    for (ssize_t got = 0; (got = read(reader.number(), buffer.data(), buffer.size())) > 0;) {
         output.append(buffer.data(), static_cast<std::size_t>(got));
+    }
     int status = 0;
     waitpid(child, &status, 0);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
         throw std::runtime_error(fmt::format("{} failed on {}", arguments.front(), arguments.back()));
+    }
     return output;
 }
 
@@ -145,9 +153,11 @@ Probe::Probe(const std::string& path)
 
 std::vector<nlohmann::json> Probe::streams(const std::string& type) const {
     std::vector<nlohmann::json> found;
-    for (const auto& stream : json_.at("streams"))
-        if (text(stream, "codec_type") == type && stream["disposition"].value("attached_pic", 0) == 0)
+    for (const auto& stream : json_.at("streams")) {
+        if (text(stream, "codec_type") == type && stream["disposition"].value("attached_pic", 0) == 0) {
             found.push_back(stream);
+        }
+    }
     return found;
 }
 
@@ -161,9 +171,11 @@ nlohmann::json Probe::audio() const {
 
 std::vector<nlohmann::json> Probe::covers() const {
     std::vector<nlohmann::json> found;
-    for (const auto& stream : json_.at("streams"))
-        if (stream["disposition"].value("attached_pic", 0) == 1)
+    for (const auto& stream : json_.at("streams")) {
+        if (stream["disposition"].value("attached_pic", 0) == 1) {
             found.push_back(stream);
+        }
+    }
     return found;
 }
 
@@ -177,8 +189,9 @@ std::string Probe::tag(const std::string& key) const {
 
 std::string text(const nlohmann::json& object, const std::string& key) {
     const auto found = object.find(key);
-    if (found == object.end())
+    if (found == object.end()) {
         return "";
+    }
     return found->is_string() ? found->get<std::string>() : found->dump();
 }
 
@@ -189,39 +202,46 @@ double number(const nlohmann::json& object, const std::string& key) {
 
 std::string tagOf(const nlohmann::json& object, const std::string& key) {
     const auto tags = object.find("tags");
-    if (tags == object.end())
+    if (tags == object.end()) {
         return "";
-    for (const auto& [name, value] : tags->items())
-        if (strcasecmp(name.c_str(), key.c_str()) == 0)
+    }
+    for (const auto& [name, value] : tags->items()) {
+        if (strcasecmp(name.c_str(), key.c_str()) == 0) {
             return value.get<std::string>();
+        }
+    }
     return "";
 }
 
-std::vector<double> pictureTimes(const std::string& path) {
+std::vector<double> frameTimes(const std::string& path) {
     const auto json = nlohmann::json::parse(run({KRV_FFPROBE, "-v", "quiet", "-of", "json", "-select_streams", "v:0",
                                                  "-show_entries", "frame=pts_time:format=start_time", path}));
     const double start = number(json.at("format"), "start_time");
     std::vector<double> times;
-    for (const auto& frame : json.at("frames"))
+    for (const auto& frame : json.at("frames")) {
         times.push_back(number(frame, "pts_time") - start);
+    }
     return times;
 }
 
-std::vector<int> pictureBrightness(const std::string& path) {
+std::vector<int> frameBrightness(const std::string& path) {
     const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:v:0", "-vf",
                                    "scale=1:1:flags=area,format=gray", "-vsync", "passthrough", "-f", "rawvideo", "-"});
     std::vector<int> values;
-    for (const char byte : bytes)
+    for (const char byte : bytes) {
         values.push_back(static_cast<unsigned char>(byte));
+    }
     return values;
 }
 
 double flashTime(const std::string& path, double after) {
-    const auto values = pictureBrightness(path);
-    const auto times = pictureTimes(path);
-    for (std::size_t i = 0; i < values.size() && i < times.size(); ++i)
-        if (values[i] > kBright && times[i] >= after)
+    const auto values = frameBrightness(path);
+    const auto times = frameTimes(path);
+    for (std::size_t i = 0; i < values.size() && i < times.size(); ++i) {
+        if (values[i] > kBright && times[i] >= after) {
             return times[i];
+        }
+    }
     throw std::runtime_error("no flash");
 }
 
@@ -232,27 +252,30 @@ double beepTime(const std::string& path, double after) {
     for (auto i = static_cast<std::size_t>(after * kProbeRate) * 2; i + 1 < bytes.size(); i += 2) {
         const auto sample = static_cast<std::int16_t>(static_cast<unsigned char>(bytes[i]) |
                                                       static_cast<unsigned char>(bytes[i + 1]) << 8);
-        if (std::abs(sample) > kLoud)
+        if (std::abs(sample) > kLoud) {
             return static_cast<double>(i) / 2 / kProbeRate;
+        }
     }
     throw std::runtime_error("no beep");
 }
 
-double soundLength(const std::string& path) {
+double audioLength(const std::string& path) {
     const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:a:0", "-ac", "1", "-ar",
                                    std::to_string(kProbeRate), "-f", "s16le", "-"});
     return static_cast<double>(bytes.size()) / 2 / kProbeRate;
 }
 
-double Sound::peak(double from, double to) const {
+double DecodedAudio::peak(double from, double to) const {
     float highest = 0;
-    for (const auto& channel : channels)
-        for (auto i = static_cast<std::size_t>(from * rate); i < static_cast<std::size_t>(to * rate); ++i)
+    for (const auto& channel : channels) {
+        for (auto i = static_cast<std::size_t>(from * rate); i < static_cast<std::size_t>(to * rate); ++i) {
             highest = std::max(highest, std::abs(channel.at(i)));
+        }
+    }
     return static_cast<double>(highest);
 }
 
-double Sound::level(std::size_t channel, double frequency, double from, double to) const {
+double DecodedAudio::level(std::size_t channel, double frequency, double from, double to) const {
     const double step = 2 * std::numbers::pi * frequency / rate;
     double in = 0, quadrature = 0;
     const auto first = static_cast<std::size_t>(from * rate), last = static_cast<std::size_t>(to * rate);
@@ -265,58 +288,65 @@ double Sound::level(std::size_t channel, double frequency, double from, double t
     return 20 * std::log10(std::max(amplitude, 1e-9));
 }
 
-Sound decodedSound(const std::string& path, int stream) {
+DecodedAudio decodedAudio(const std::string& path, int stream) {
     const auto described = Probe(path).streams("audio").at(static_cast<std::size_t>(stream));
-    Sound sound;
-    sound.rate = static_cast<int>(number(described, "sample_rate"));
-    sound.channels.resize(static_cast<std::size_t>(number(described, "channels")));
+    DecodedAudio audio;
+    audio.rate = static_cast<int>(number(described, "sample_rate"));
+    audio.channels.resize(static_cast<std::size_t>(number(described, "channels")));
     const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", fmt::format("0:a:{}", stream), "-af",
                                    "aresample=async=1:first_pts=0", "-f", "f32le", "-"});
     std::vector<float> samples(bytes.size() / sizeof(float));
     std::memcpy(samples.data(), bytes.data(), samples.size() * sizeof(float));
-    for (std::size_t i = 0; i < samples.size(); ++i)
-        sound.channels[i % sound.channels.size()].push_back(samples[i]);
-    return sound;
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+        audio.channels[i % audio.channels.size()].push_back(samples[i]);
+    }
+    return audio;
 }
 
 std::vector<std::string> packetHashes(const std::string& path, const std::string& stream) {
     const auto json = nlohmann::json::parse(run({KRV_FFPROBE, "-v", "quiet", "-of", "json", "-select_streams", stream,
                                                  "-show_packets", "-show_data_hash", "md5", path}));
     std::vector<std::string> hashes;
-    for (const auto& packet : json.at("packets"))
+    for (const auto& packet : json.at("packets")) {
         hashes.push_back(text(packet, "data_hash"));
+    }
     return hashes;
 }
 
-Picture pictureAt(const std::string& path, double time) {
+GreyFrame frameAt(const std::string& path, double time) {
     // A portable grey map: the size stands in front of the values.
     const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:v:0", "-vf",
                                    fmt::format("fps=100,select=gte(t\\,{})", time), "-frames:v", "1", "-pix_fmt",
                                    "gray", "-c:v", "pgm", "-f", "image2pipe", "-"});
-    Picture picture;
+    GreyFrame frame;
     int used = 0;
-    if (std::sscanf(bytes.c_str(), "P5 %d %d 255%n", &picture.width, &picture.height, &used) != 2 || used == 0)
+    if (std::sscanf(bytes.c_str(), "P5 %d %d 255%n", &frame.width, &frame.height, &used) != 2 || used == 0) {
         throw std::runtime_error("no picture");
-    for (auto i = static_cast<std::size_t>(used) + 1; i < bytes.size(); ++i)
-        picture.values.push_back(static_cast<unsigned char>(bytes[i]));
-    return picture;
+    }
+    for (auto i = static_cast<std::size_t>(used) + 1; i < bytes.size(); ++i) {
+        frame.values.push_back(static_cast<unsigned char>(bytes[i]));
+    }
+    return frame;
 }
 
-std::vector<int> shownPicture(const std::string& path) {
+std::vector<int> shownFrame(const std::string& path) {
     const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:v:0", "-frames:v", "1", "-vf",
                                    "scale=16:16:flags=area,format=gray", "-f", "rawvideo", "-"});
     std::vector<int> values;
-    for (const char byte : bytes)
+    for (const char byte : bytes) {
         values.push_back(static_cast<unsigned char>(byte));
-    if (values.size() != 256)
+    }
+    if (values.size() != 256) {
         throw std::runtime_error("no picture");
+    }
     return values;
 }
 
 double difference(const std::vector<int>& a, const std::vector<int>& b) {
     double sum = 0;
-    for (std::size_t i = 0; i < a.size(); ++i)
+    for (std::size_t i = 0; i < a.size(); ++i) {
         sum += std::abs(a[i] - b.at(i));
+    }
     return sum / static_cast<double>(a.size());
 }
 

@@ -57,8 +57,8 @@ struct Conversion {
     std::string extension = "mp4";
     std::int32_t type = 1;
     bool flatten = false;
-    std::optional<VideoSettings> video{};
-    std::optional<AudioSettings> audio{};
+    std::optional<VideoRequest> video{};
+    std::optional<AudioRequest> audio{};
 };
 
 /// Converts into a file of its own. Throws what encode() throws.
@@ -100,17 +100,17 @@ double number(const nlohmann::json& object, const std::string& key);
 std::string tagOf(const nlohmann::json& object, const std::string& key);
 
 /// The times at which the pictures of the first video stream are shown, from the movie's start.
-std::vector<double> pictureTimes(const std::string& path);
+std::vector<double> frameTimes(const std::string& path);
 /// The brightness, 0 to 255, of each picture of the first video stream.
-std::vector<int> pictureBrightness(const std::string& path);
+std::vector<int> frameBrightness(const std::string& path);
 /// When the picture turns bright and the sound loud for the first time after that, in seconds from the
 /// movie's start.
 double flashTime(const std::string& path, double after = 0);
 double beepTime(const std::string& path, double after = 0);
 /// The length of the first audio stream's sound, decoded, in seconds.
-double soundLength(const std::string& path);
+double audioLength(const std::string& path);
 /// The sound of an audio stream, decoded, in place on the movie's time.
-struct Sound {
+struct DecodedAudio {
     int rate = 0;
     std::vector<std::vector<float>> channels;
 
@@ -119,12 +119,12 @@ struct Sound {
     /// The level of a pure tone in one channel during a time in seconds, in dB of a full-scale sine.
     [[nodiscard]] double level(std::size_t channel, double frequency, double from, double to) const;
 };
-Sound decodedSound(const std::string& path, int stream = 0);
+DecodedAudio decodedAudio(const std::string& path, int stream = 0);
 /// A hash of the content of each packet of a stream ("v:0", "a:1"), as it is stored.
 std::vector<std::string> packetHashes(const std::string& path, const std::string& stream);
 /// The picture that is shown at a time in seconds, upright and with the shape of its pixels left aside: grey
 /// values, row after row.
-struct Picture {
+struct GreyFrame {
     int width = 0;
     int height = 0;
     std::vector<int> values;
@@ -132,9 +132,9 @@ struct Picture {
         return values.at(static_cast<std::size_t>(y) * static_cast<std::size_t>(width) + static_cast<std::size_t>(x));
     }
 };
-Picture pictureAt(const std::string& path, double time);
+GreyFrame frameAt(const std::string& path, double time);
 /// The first picture as it is shown (upright), shrunk to 16 x 16 grey values.
-std::vector<int> shownPicture(const std::string& path);
+std::vector<int> shownFrame(const std::string& path);
 /// How far two pictures are apart: the mean difference of their grey values.
 double difference(const std::vector<int>& a, const std::vector<int>& b);
 

@@ -29,8 +29,9 @@ std::vector<int> meanColour(const std::string& path) {
     const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-frames:v", "1", "-vf",
                                    "format=rgb24,scale=1:1:flags=area", "-f", "rawvideo", "-"});
     std::vector<int> values;
-    for (const char byte : bytes)
+    for (const char byte : bytes) {
         values.push_back(static_cast<unsigned char>(byte));
+    }
     return values;
 }
 
@@ -114,8 +115,8 @@ TEST(Poster, IsTheCoverWhereThereIsOne) {
     }
 }
 
-TEST(Poster, IsTheFirstPictureWorthLookingAt) {
-    EXPECT_EQ(pictureNumbers(posterOf(infoOf(corpus("h264.mp4"))).path()).at(0), 0);
+TEST(Poster, IsTheFirstFrameWorthShowing) {
+    EXPECT_EQ(frameNumbers(posterOf(infoOf(corpus("h264.mp4"))).path()).at(0), 0);
 }
 
 TEST(Poster, IsUprightAndInSquarePixels) {
@@ -144,7 +145,7 @@ TEST(Poster, IsBlackWhereEverythingIs) {
     EXPECT_LT(colour[0] + colour[1] + colour[2], 20);
 }
 
-TEST(Poster, IsNoneForSoundAlone) {
+TEST(Poster, IsEmptyForAudioFiles) {
     EXPECT_TRUE(infoOf(corpus("song.m4a")).poster.empty());
 }
 

@@ -12,7 +12,7 @@ namespace krv::media::test {
 namespace {
 
 constexpr int kBits = 16;
-// More than the mean of bright and dark: where two fields show different numbers the bits of both count.
+/// More than the mean of bright and dark: where two fields show different numbers the bits of both count.
 constexpr int kBright = 150;
 
 struct Lab {
@@ -21,7 +21,7 @@ struct Lab {
     double b = 0;
 };
 
-// From sRGB with its white point to CIE 1976 L*a*b*.
+/// From sRGB with its white point to CIE 1976 L*a*b*.
 Lab labOf(int red, int green, int blue) {
     const auto linear = [](int value) {
         const double v = value / 255.0;
@@ -41,15 +41,16 @@ std::string corpus(const std::string& name) {
     return std::string(KRV_CORPUS) + "/" + name;
 }
 
-std::vector<int> pictureNumbers(const std::string& path, const std::string& filter) {
+std::vector<int> frameNumbers(const std::string& path, const std::string& filter) {
     const std::string chain = filter + fmt::format(",crop=iw*0.8:ih/15:0:0,scale={}:1:flags=area,format=gray", kBits);
     const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-noautorotate", "-i", path, "-map", "0:v:0", "-vf",
                                    chain, "-vsync", "passthrough", "-f", "rawvideo", "-"});
     std::vector<int> numbers;
     for (std::size_t start = 0; start + kBits <= bytes.size(); start += kBits) {
         int number = 0;
-        for (std::size_t bit = 0; bit < kBits; ++bit)
+        for (std::size_t bit = 0; bit < kBits; ++bit) {
             number |= static_cast<unsigned char>(bytes[start + bit]) > kBright ? 1 << bit : 0;
+        }
         numbers.push_back(number);
     }
     return numbers;
@@ -57,20 +58,23 @@ std::vector<int> pictureNumbers(const std::string& path, const std::string& filt
 
 std::vector<int> numbersFrom(int first, int last, int step) {
     std::vector<int> numbers;
-    for (int number = first; number <= last; number += step)
+    for (int number = first; number <= last; number += step) {
         numbers.push_back(number);
+    }
     return numbers;
 }
 
-std::vector<int> shownColours(const std::string& path, int picture) {
-    const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:v:0", "-frames:v", "1", "-vf",
-                                   fmt::format("select=gte(n\\,{}),", picture) + "format=rgb24,scale=16:12:flags=area",
-                                   "-f", "rawvideo", "-"});
+std::vector<int> shownColours(const std::string& path, int frame) {
+    const std::string bytes =
+        run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:v:0", "-frames:v", "1", "-vf",
+             fmt::format("select=gte(n\\,{}),", frame) + "format=rgb24,scale=16:12:flags=area", "-f", "rawvideo", "-"});
     std::vector<int> values;
-    for (const char byte : bytes)
+    for (const char byte : bytes) {
         values.push_back(static_cast<unsigned char>(byte));
-    if (values.size() != 16 * 12 * 3)
+    }
+    if (values.size() != 16 * 12 * 3) {
         throw std::runtime_error("no picture");
+    }
     return values;
 }
 

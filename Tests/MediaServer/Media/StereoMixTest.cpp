@@ -34,28 +34,29 @@ void expectOneStereoTrack(const OutputPath& output, const char* codec = "aac") {
     EXPECT_EQ(number(tracks[0], "channels"), 2);
 }
 
-// The level of the tone in a channel of a source, as far from its ends as in level().
+/// The level of the tone in a channel of a source, as far from its ends as in level().
 double sourceLevel(const char* source, std::size_t channel) {
-    return decodedSound(testMedia(source)).level(channel, kTone, 0.5, 1.5);
+    return decodedAudio(testMedia(source)).level(channel, kTone, 0.5, 1.5);
 }
 
 TEST(StereoMix, KeepsTheVideoBitForBit) {
-    for (const char* source : {"centre.mov", "plain.mov", "flash-surround.mkv", "two-mono.mov"})
+    for (const char* source : {"centre.mov", "plain.mov", "flash-surround.mkv", "two-mono.mov"}) {
         for (const char* extension : {"mov", "mp4", "mkv"}) {
             const auto output = mix(source, extension);
             EXPECT_EQ(packetHashes(output.path(), "v:0"), packetHashes(testMedia(source), "v:0")) << source;
             expectOneStereoTrack(output);
             EXPECT_NEAR(Probe(output).duration(), Probe(testMedia(source)).duration(), kFrame) << source;
         }
+    }
 }
 
 TEST(StereoMix, SpeechInTheMiddleIsLoweredByThreeDecibelsOnly) {
     for (const char* source : {"centre.mov", "centre.ac3.mov"}) {
         const auto output = mix(source);
         expectOneStereoTrack(output);
-        const Sound sound = decodedSound(output.path());
-        EXPECT_NEAR(sound.level(0, kTone, 0.5, 1.5), sourceLevel(source, 2) - k3dB, kSameLevel) << source;
-        EXPECT_NEAR(sound.level(1, kTone, 0.5, 1.5), sourceLevel(source, 2) - k3dB, kSameLevel) << source;
+        const DecodedAudio audio = decodedAudio(output.path());
+        EXPECT_NEAR(audio.level(0, kTone, 0.5, 1.5), sourceLevel(source, 2) - k3dB, kSameLevel) << source;
+        EXPECT_NEAR(audio.level(1, kTone, 0.5, 1.5), sourceLevel(source, 2) - k3dB, kSameLevel) << source;
     }
 }
 
@@ -66,44 +67,44 @@ TEST(StereoMix, ALeftSurroundIsHeardOnTheLeftOnly) {
     };
     for (const auto& [source, channel] : {Case{"leftsurround.mov", 4}, Case{"leftback.mov", 4}}) {
         const auto output = mix(source);
-        const Sound sound = decodedSound(output.path());
-        EXPECT_NEAR(sound.level(0, kTone, 0.5, 1.5), sourceLevel(source, channel) - k3dB, kSameLevel) << source;
-        EXPECT_LT(sound.level(1, kTone, 0.5, 1.5), kSilent) << source;
+        const DecodedAudio audio = decodedAudio(output.path());
+        EXPECT_NEAR(audio.level(0, kTone, 0.5, 1.5), sourceLevel(source, channel) - k3dB, kSameLevel) << source;
+        EXPECT_LT(audio.level(1, kTone, 0.5, 1.5), kSilent) << source;
     }
 }
 
 TEST(StereoMix, LowFrequencyEffectsAreLeftOut) {
     EXPECT_GT(sourceLevel("bass.mov", 3), -30);
     const auto output = mix("bass.mov");
-    EXPECT_LT(decodedSound(output.path()).peak(0, 1.9), 0.001);
+    EXPECT_LT(decodedAudio(output.path()).peak(0, 1.9), 0.001);
 }
 
 TEST(StereoMix, OneMonoTrackIsHeardOnBothSides) {
     const auto output = mix("mono.mov");
     expectOneStereoTrack(output);
-    const Sound sound = decodedSound(output.path());
-    EXPECT_NEAR(sound.level(0, kTone, 0.5, 1.5), sourceLevel("mono.mov", 0) - k3dB, kSameLevel);
-    EXPECT_NEAR(sound.level(1, kTone, 0.5, 1.5), sourceLevel("mono.mov", 0) - k3dB, kSameLevel);
+    const DecodedAudio audio = decodedAudio(output.path());
+    EXPECT_NEAR(audio.level(0, kTone, 0.5, 1.5), sourceLevel("mono.mov", 0) - k3dB, kSameLevel);
+    EXPECT_NEAR(audio.level(1, kTone, 0.5, 1.5), sourceLevel("mono.mov", 0) - k3dB, kSameLevel);
 }
 
 TEST(StereoMix, TracksOfDifferentRatesAreAddedEachInItsTime) {
     const auto output = mix("two-mono.mov");
     expectOneStereoTrack(output);
-    const Sound sound = decodedSound(output.path());
+    const DecodedAudio audio = decodedAudio(output.path());
     const double first = sourceLevel("two-mono.mov", 0) - k3dB;
-    EXPECT_NEAR(sound.level(0, kTone, 0.1, 0.9), first, kSameLevel);
-    EXPECT_NEAR(sound.level(0, kTone, 1.1, 1.9), first, kSameLevel);
-    EXPECT_LT(sound.level(0, 1000, 0.1, 0.98), kSilent);
-    EXPECT_NEAR(sound.level(0, 1000, 1.02, 1.9), first, kSameLevel);
+    EXPECT_NEAR(audio.level(0, kTone, 0.1, 0.9), first, kSameLevel);
+    EXPECT_NEAR(audio.level(0, kTone, 1.1, 1.9), first, kSameLevel);
+    EXPECT_LT(audio.level(0, 1000, 0.1, 0.98), kSilent);
+    EXPECT_NEAR(audio.level(0, 1000, 1.02, 1.9), first, kSameLevel);
 }
 
 TEST(StereoMix, ADisabledTrackIsNotHeard) {
     const auto output = mix("disabled.mov");
     expectOneStereoTrack(output);
-    const Sound sound = decodedSound(output.path());
-    EXPECT_GT(sound.level(0, kTone, 0.5, 1.5), -30);
-    EXPECT_GT(sound.level(0, 1000, 0.5, 1.5), -30);
-    EXPECT_LT(sound.level(0, 2000, 0.5, 1.5), kSilent);
+    const DecodedAudio audio = decodedAudio(output.path());
+    EXPECT_GT(audio.level(0, kTone, 0.5, 1.5), -30);
+    EXPECT_GT(audio.level(0, 1000, 0.5, 1.5), -30);
+    EXPECT_LT(audio.level(0, 2000, 0.5, 1.5), kSilent);
 }
 
 TEST(StereoMix, WhereNothingSaysEnabledAllTracksAreHeard) {
@@ -112,38 +113,38 @@ TEST(StereoMix, WhereNothingSaysEnabledAllTracksAreHeard) {
     expectOneStereoTrack(output);
     EXPECT_EQ(Probe(output).audio()["disposition"]["default"], 1);
     const double one = sourceLevel("languages.mkv", 0) - k3dB;
-    EXPECT_NEAR(decodedSound(output.path()).level(0, kTone, 0.5, 1.5), one + 9.54, kSameLevel);
+    EXPECT_NEAR(decodedAudio(output.path()).level(0, kTone, 0.5, 1.5), one + 9.54, kSameLevel);
     EXPECT_THAT(tagOf(Probe(output).audio(), "language"), testing::AnyOf("deu", "ger"));
 }
 
 TEST(StereoMix, NothingIsClippedAndOnlyWhatIsTooLoudIsLowered) {
     const auto output = mix("loud.mov");
-    const Sound sound = decodedSound(output.path());
-    EXPECT_LT(sound.peak(0, 3.9), 1.0);
-    EXPECT_NEAR(sound.level(0, kTone, 1.2, 1.8), -1.0, kSameLevel);
+    const DecodedAudio audio = decodedAudio(output.path());
+    EXPECT_LT(audio.peak(0, 3.9), 1.0);
+    EXPECT_NEAR(audio.level(0, kTone, 1.2, 1.8), -1.0, kSameLevel);
     // Left, centre and surround of the same phase: 1 + 0.71 + 0.71 times.
-    const double quiet = decodedSound(testMedia("loud.mov")).level(0, kTone, 0.1, 0.9) + 7.66;
-    EXPECT_NEAR(sound.level(0, kTone, 0.1, 0.9), quiet, kSameLevel);
-    EXPECT_NEAR(sound.level(0, kTone, 3.0, 3.9), quiet, kSameLevel);
+    const double quiet = decodedAudio(testMedia("loud.mov")).level(0, kTone, 0.1, 0.9) + 7.66;
+    EXPECT_NEAR(audio.level(0, kTone, 0.1, 0.9), quiet, kSameLevel);
+    EXPECT_NEAR(audio.level(0, kTone, 3.0, 3.9), quiet, kSameLevel);
 }
 
 TEST(StereoMix, TheLimitHoldsToTheSampleWhereTheCodecLosesNothing) {
     for (const char* source : {"loud.mov", "noisy.mov"}) {
         const auto output = mix(source, "flac");
         expectOneStereoTrack(output, "flac");
-        EXPECT_LE(decodedSound(output.path()).peak(0, 1.9), 0.8913) << source;
-        EXPECT_GE(decodedSound(output.path()).peak(0, 1.9), 0.85) << source;
+        EXPECT_LE(decodedAudio(output.path()).peak(0, 1.9), 0.8913) << source;
+        EXPECT_GE(decodedAudio(output.path()).peak(0, 1.9), 0.85) << source;
     }
 }
 
 TEST(StereoMix, DenseMusicIsNotClippedByTheDecoder) {
     const auto output = mix("busy.mov");
-    EXPECT_GT(decodedSound(output.path()).peak(0, 1.9), 0.85);
-    EXPECT_LT(decodedSound(output.path()).peak(0, 1.9), 1.0);
+    EXPECT_GT(decodedAudio(output.path()).peak(0, 1.9), 0.85);
+    EXPECT_LT(decodedAudio(output.path()).peak(0, 1.9), 1.0);
 }
 
 TEST(StereoMix, TheBeepStaysWithTheFlash) {
-    for (const char* source : {"flash-surround.mov", "flash-surround.mkv", "late.mkv"})
+    for (const char* source : {"flash-surround.mov", "flash-surround.mkv", "late.mkv"}) {
         for (const char* extension : {"mov", "mp4", "mkv"}) {
             const auto output = mix(source, extension);
             // In Matroska the packet with which AAC begins moves the whole movie by its length.
@@ -151,9 +152,10 @@ TEST(StereoMix, TheBeepStaysWithTheFlash) {
             EXPECT_NEAR(flashTime(output.path()), flashTime(testMedia(source)), kFrame) << source << extension;
             EXPECT_NEAR(beepTime(output.path()) - flashTime(output.path()), before, 0.004) << source << extension;
         }
+    }
 }
 
-TEST(StereoMix, SoundThatIsStereoAlreadyIsCopied) {
+TEST(StereoMix, StereoAudioIsCopied) {
     for (const char* extension : {"mov", "mp4", "mkv"}) {
         const auto output = mix("flash-stereo.mov", extension);
         EXPECT_EQ(packetHashes(output.path(), "a:0"), packetHashes(testMedia("flash-stereo.mov"), "a:0"));
@@ -162,7 +164,7 @@ TEST(StereoMix, SoundThatIsStereoAlreadyIsCopied) {
     }
 }
 
-TEST(StereoMix, SoundThatIsStereoAlreadyIsEncodedAloneWhereItsCodecCannotStand) {
+TEST(StereoMix, StereoAudioIsEncodedWhereTheContainerCannotHoldItsCodec) {
     const auto output = mix("flash-stereo.mov", "wav");
     expectOneStereoTrack(output, "pcm_s16le");
     EXPECT_NEAR(beepTime(output.path()), 1.0, 0.004);
@@ -198,7 +200,7 @@ TEST(StereoMix, KeepsTheCoverOfAPieceOfMusic) {
     EXPECT_EQ(Probe(output).covers().size(), 1U);
 }
 
-TEST(StereoMix, AMovieWithoutSoundIsRefused) {
+TEST(StereoMix, AMovieWithoutAudioIsRefused) {
     try {
         (void)mix("silent.mp4");
         FAIL();

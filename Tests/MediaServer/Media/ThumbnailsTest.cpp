@@ -57,7 +57,7 @@ protected:
         return std::nullopt;
     }
 
-    std::vector<int> numbers(const std::string& filter = "null") const { return pictureNumbers(all.path(), filter); }
+    std::vector<int> numbers(const std::string& filter = "null") const { return frameNumbers(all.path(), filter); }
     std::pair<int, int> size(std::size_t i = 0) const {
         const auto picture = Probe(files.at(i)).video();
         return {static_cast<int>(number(picture, "width")), static_cast<int>(number(picture, "height"))};
@@ -72,13 +72,14 @@ protected:
 /// The times of all pictures on the movie's own clock, as ffprobe sees them: the file's, or from 0 on where the file's
 /// clock starts anywhere.
 std::vector<double> movieTimes(const std::string& path) {
-    std::vector<double> times = pictureTimes(path);
+    std::vector<double> times = frameTimes(path);
     const Probe probe(path);
     const std::string format = text(probe.all().at("format"), "format_name");
     const bool anywhere = format == "mpegts" || format == "mpeg";
     const double start = anywhere ? 0 : std::max(0.0, number(probe.all().at("format"), "start_time"));
-    for (double& time : times)
+    for (double& time : times) {
         time += start;
+    }
     return times;
 }
 
@@ -94,7 +95,7 @@ void PrintTo(const Kind& kind, std::ostream* out) {
 
 class ThumbnailsOf : public Thumbnails, public testing::WithParamInterface<Kind> {};
 
-TEST_P(ThumbnailsOf, ShowThePicturesOfTheirTimes) {
+TEST_P(ThumbnailsOf, ShowTheFramesAtTheirTimes) {
     const std::string movie = corpus(GetParam().movie);
     make({.movie = movie});
     ASSERT_EQ(made.size(), 12U);
@@ -108,8 +109,9 @@ TEST_P(ThumbnailsOf, ShowThePicturesOfTheirTimes) {
     EXPECT_THAT(numbers(GetParam().filter), testing::ElementsAreArray(expected));
     const double start = times.front();
     const double length = times.back() - start;
-    for (std::size_t i = 0; i < made.size(); ++i)
+    for (std::size_t i = 0; i < made.size(); ++i) {
         EXPECT_NEAR(made[i].time, start + length * (static_cast<double>(i) + 0.5) / 12, 0.1);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Every, ThumbnailsOf,
@@ -121,7 +123,7 @@ INSTANTIATE_TEST_SUITE_P(Every, ThumbnailsOf,
                                          Kind{"movie-with-cover.mp4"}, Kind{"many.mkv"}, Kind{"video-only.mp4"},
                                          Kind{"mpeg2.mpg", "null", 2}));
 
-TEST_F(Thumbnails, ShowAPictureThatIsHeldForSecondsAsLongAsItIsHeld) {
+TEST_F(Thumbnails, ShowAFrameThatLastsForSecondsThroughout) {
     // Nothing begins between 2.4 s and 4.92 s.
     make({.movie = corpus("held.mp4"), .count = 24});
     const auto seen = numbers();
@@ -135,8 +137,9 @@ TEST_F(Thumbnails, ShowAPictureThatIsHeldForSecondsAsLongAsItIsHeld) {
 TEST_F(Thumbnails, LeaveOutWhatAnEditHides) {
     make({.movie = corpus("edited.mov"), .count = 5});
     const auto seen = numbers();
-    for (std::size_t i = 0; i < made.size(); ++i)
+    for (std::size_t i = 0; i < made.size(); ++i) {
         EXPECT_EQ(seen[i], static_cast<int>(std::floor(25 + made[i].time * 25 + 1e-6))) << made[i].time;
+    }
 }
 
 TEST_F(Thumbnails, AreUprightAndInSquarePixels) {
@@ -173,8 +176,9 @@ TEST_F(Thumbnails, HaveTheColoursOfTheMovie) {
 TEST_F(Thumbnails, OfHighDynamicRangeLookLikeThoseOfTheOrdinaryMovie) {
     make({.movie = corpus("h264.mov"), .count = 3});
     std::vector<std::vector<int>> ordinary;
-    for (const OutputPath& file : files)
+    for (const OutputPath& file : files) {
         ordinary.push_back(shownColours(file.path()));
+    }
     make({.movie = corpus("hevc-hdr.mp4"), .count = 3});
     for (std::size_t i = 0; i < files.size(); ++i) {
         const auto found = colourDifference(shownColours(files[i].path()), ordinary[i]);
@@ -183,7 +187,7 @@ TEST_F(Thumbnails, OfHighDynamicRangeLookLikeThoseOfTheOrdinaryMovie) {
     }
 }
 
-TEST_F(Thumbnails, OfAMovieOfOnePictureAreAllThatPicture) {
+TEST_F(Thumbnails, OfAMovieOfOneFrameAllShowThatFrame) {
     make({.movie = corpus("one-picture.mp4"), .count = 3});
     EXPECT_THAT(numbers(), testing::ElementsAre(0, 0, 0));
 }

@@ -11,7 +11,7 @@ namespace {
 constexpr int kRate = 8000;
 constexpr AVRational kUnit{1, 1000};
 
-// Collects what comes out of a resampler for 16-bit mono at 8 kHz.
+/// Collects what comes out of a resampler for 16-bit mono at 8 kHz.
 class AudioResamplerTest : public testing::Test {
 protected:
     AudioResamplerTest() {
@@ -23,7 +23,7 @@ protected:
         resampler_ = std::make_unique<AudioResampler>(*encoder_, kUnit, 10'000);
     }
 
-    // A frame of constant value.
+    /// A frame of constant value.
     void push(std::int64_t time, int milliseconds, std::int16_t value, int rate = kRate) {
         const FramePtr frame = newFrame();
         frame->pts = time;
@@ -42,7 +42,7 @@ protected:
         return samples_;
     }
 
-    // Where the value changes first; the number of samples if it never does.
+    /// Where the value changes first; the number of samples if it never does.
     std::size_t firstNonZero() const {
         return static_cast<std::size_t>(std::find_if(samples_.begin(), samples_.end(), [](auto s) { return s != 0; }) -
                                         samples_.begin());
@@ -58,9 +58,10 @@ protected:
     };
 };
 
-TEST_F(AudioResamplerTest, SoundInStepPassesUnchanged) {
-    for (int i = 0; i < 10; ++i)
+TEST_F(AudioResamplerTest, AudioInSyncPassesUnchanged) {
+    for (int i = 0; i < 10; ++i) {
         push(i * 100, 100, 1000);
+    }
     EXPECT_THAT(finish(), testing::AllOf(testing::SizeIs(8000), testing::Each(1000)));
 }
 
@@ -89,25 +90,27 @@ TEST_F(AudioResamplerTest, AnOverlapIsCut) {
     EXPECT_EQ(samples_[800], 2000);
 }
 
-TEST_F(AudioResamplerTest, SoundBeforeTheBeginningIsCut) {
+TEST_F(AudioResamplerTest, AudioBeforeTheBeginningIsCut) {
     push(-50, 100, 1000);
     EXPECT_EQ(finish().size(), 400U);
 }
 
 TEST_F(AudioResamplerTest, RoundedTimesChangeNothing) {
-    for (int i = 0; i < 10; ++i)
+    for (int i = 0; i < 10; ++i) {
         push(i * 100 + (i % 2 == 0 ? 3 : -3) + (i == 0 ? -3 : 0), 100, 1000);
+    }
     EXPECT_THAT(finish(), testing::AllOf(testing::SizeIs(8000), testing::Each(1000)));
 }
 
 TEST_F(AudioResamplerTest, ASlowClockDoesNotAddUp) {
     // Each frame is 1 ms longer than its time says: after 300 of them that would be 0.3 s.
-    for (int i = 0; i < 300; ++i)
+    for (int i = 0; i < 300; ++i) {
         push(i * 20, 21, 1000);
+    }
     EXPECT_NEAR(static_cast<double>(finish().size()), 6.0 * kRate, 0.04 * kRate);
 }
 
-TEST_F(AudioResamplerTest, ADamagedTimeMakesNoHoursOfSilence) {
+TEST_F(AudioResamplerTest, ADamagedTimestampDoesNotAddHoursOfSilence) {
     push(0, 100, 1000);
     push(100'000'000, 100, 1000);
     EXPECT_EQ(finish().size(), 1600U);

@@ -13,7 +13,7 @@ namespace {
 constexpr int kRate = 48000;
 constexpr float kCeiling = 0.5F;
 
-// What comes out for sound that goes in in pieces of that many samples.
+/// What comes out for sound that goes in in pieces of that many samples.
 struct Stereo {
     std::vector<float> left, right;
 };
@@ -34,29 +34,32 @@ Stereo limited(const std::vector<float>& left, const std::vector<float>& right, 
 }
 
 std::vector<float> tone(std::size_t samples, float amplitude) {
-    std::vector<float> sound(samples);
-    for (std::size_t i = 0; i < samples; ++i)
-        sound[i] = amplitude * static_cast<float>(std::sin(static_cast<double>(i) * 0.05));
-    return sound;
+    std::vector<float> audio(samples);
+    for (std::size_t i = 0; i < samples; ++i) {
+        audio[i] = amplitude * static_cast<float>(std::sin(static_cast<double>(i) * 0.05));
+    }
+    return audio;
 }
 
-float peak(const std::vector<float>& sound) {
+float peak(const std::vector<float>& audio) {
     float highest = 0;
-    for (const float sample : sound)
+    for (const float sample : audio) {
         highest = std::max(highest, std::abs(sample));
+    }
     return highest;
 }
 
-TEST(Limiter, LeavesQuietSoundExactlyAsItIs) {
-    const auto sound = tone(5000, 0.4999F);
-    const auto out = limited(sound, sound);
-    EXPECT_EQ(out.left, sound);
-    EXPECT_EQ(out.right, sound);
+TEST(Limiter, LeavesQuietAudioExactlyAsItIs) {
+    const auto audio = tone(5000, 0.4999F);
+    const auto out = limited(audio, audio);
+    EXPECT_EQ(out.left, audio);
+    EXPECT_EQ(out.right, audio);
 }
 
 TEST(Limiter, GivesOutAsManySamplesAsGoInHoweverFew) {
-    for (const std::size_t samples : {0U, 1U, 239U, 240U, 241U, 5000U})
+    for (const std::size_t samples : {0U, 1U, 239U, 240U, 241U, 5000U}) {
         EXPECT_EQ(limited(tone(samples, 1), tone(samples, 1)).left.size(), samples);
+    }
 }
 
 TEST(Limiter, LetsNothingPassTheCeiling) {
@@ -78,11 +81,11 @@ TEST(Limiter, BringsPeaksToTheCeilingAndNotBelow) {
 }
 
 TEST(Limiter, KeepsEveryImpulseInItsPlace) {
-    std::vector<float> sound(10'000);
-    sound[0] = 0.3F;
-    sound[4000] = 3;
-    sound[9999] = -3;
-    const auto out = limited(sound, std::vector<float>(sound.size()));
+    std::vector<float> audio(10'000);
+    audio[0] = 0.3F;
+    audio[4000] = 3;
+    audio[9999] = -3;
+    const auto out = limited(audio, std::vector<float>(audio.size()));
     EXPECT_GT(out.left[0], 0.29F);
     EXPECT_GT(out.left[4000], 0.49F);
     EXPECT_LT(out.left[9999], -0.49F);
@@ -95,33 +98,35 @@ TEST(Limiter, LowersBothChannelsTogether) {
 }
 
 TEST(Limiter, RecoversCompletelyAfterALoudPassage) {
-    auto sound = tone(10'000, 2);
+    auto audio = tone(10'000, 2);
     const auto quiet = tone(100'000, 0.1F);
-    sound.insert(sound.end(), quiet.begin(), quiet.end());
-    const auto out = limited(sound, sound);
+    audio.insert(audio.end(), quiet.begin(), quiet.end());
+    const auto out = limited(audio, audio);
     // Half a second after the loud part nothing is different any more.
-    for (std::size_t i = 10'000 + kRate / 2 + kRate / 10; i < sound.size(); ++i)
-        ASSERT_EQ(out.left[i], sound[i]) << i;
+    for (std::size_t i = 10'000 + kRate / 2 + kRate / 10; i < audio.size(); ++i) {
+        ASSERT_EQ(out.left[i], audio[i]) << i;
+    }
 }
 
 TEST(Limiter, NeverJumpsInGain) {
-    std::vector<float> sound(20'000, 0.5F);
-    std::fill(sound.begin() + 10'000, sound.begin() + 10'100, 5.0F);
-    const auto out = limited(sound, sound);
-    for (std::size_t i = 1; i < sound.size(); ++i)
-        ASSERT_LT(std::abs(out.left[i] / sound[i] - out.left[i - 1] / sound[i - 1]), 0.01) << i;
+    std::vector<float> audio(20'000, 0.5F);
+    std::fill(audio.begin() + 10'000, audio.begin() + 10'100, 5.0F);
+    const auto out = limited(audio, audio);
+    for (std::size_t i = 1; i < audio.size(); ++i) {
+        ASSERT_LT(std::abs(out.left[i] / audio[i] - out.left[i - 1] / audio[i - 1]), 0.01) << i;
+    }
 }
 
 TEST(Limiter, DoesNotDependOnThePiecesThatItGets) {
-    const auto sound = tone(5000, 2);
-    EXPECT_EQ(limited(sound, sound, 1).left, limited(sound, sound, 5000).left);
+    const auto audio = tone(5000, 2);
+    EXPECT_EQ(limited(audio, audio, 1).left, limited(audio, audio, 5000).left);
 }
 
 TEST(Limiter, TakesWhatIsNoNumberForSilence) {
-    std::vector<float> sound(1000, 0.25F);
-    sound[500] = std::numeric_limits<float>::quiet_NaN();
-    sound[600] = std::numeric_limits<float>::infinity();
-    const auto out = limited(sound, sound);
+    std::vector<float> audio(1000, 0.25F);
+    audio[500] = std::numeric_limits<float>::quiet_NaN();
+    audio[600] = std::numeric_limits<float>::infinity();
+    const auto out = limited(audio, audio);
     EXPECT_EQ(out.left[499], 0.25F);
     EXPECT_EQ(out.left[500], 0);
     EXPECT_EQ(out.left[600], 0);

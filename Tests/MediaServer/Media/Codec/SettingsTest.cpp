@@ -17,7 +17,7 @@ using testing::Pair;
 constexpr AVMediaType kVideo = AVMEDIA_TYPE_VIDEO;
 constexpr AVMediaType kAudio = AVMEDIA_TYPE_AUDIO;
 
-// Code and reason of what parsing throws; code 0 if it succeeds.
+/// Code and reason of what parsing throws; code 0 if it succeeds.
 std::pair<int, std::string> refusal(std::string_view text, AVMediaType type = kVideo) {
     try {
         (void)parseSettings(text, type);

@@ -11,8 +11,9 @@ class EveryContainer : public testing::TestWithParam<const char*> {};
 
 TEST_P(EveryContainer, IsFoundByItsExtensionInAnyCase) {
     std::string upper = GetParam();
-    for (char& c : upper)
+    for (char& c : upper) {
         c = static_cast<char>(std::toupper(c));
+    }
     EXPECT_EQ(containerForPath(std::string("/movies.d/a.b.") + GetParam()).extension, GetParam());
     EXPECT_EQ(containerForPath("x." + upper).extension, GetParam());
 }
@@ -46,9 +47,10 @@ TEST(ContainerTable, OtherExtensionsAreUnsupportedAndNamed) {
     EXPECT_THROW((void)containerForPath("/tmp/folder.mp4/movie"), Failure);
 }
 
-TEST(ContainerTable, SoundContainersHoldNoPictures) {
-    for (const char* path : {"a.m4a", "a.mka", "a.wav", "a.mp3", "a.flac"})
+TEST(ContainerTable, AudioContainersHoldNoVideo) {
+    for (const char* path : {"a.m4a", "a.mka", "a.wav", "a.mp3", "a.flac"}) {
         EXPECT_FALSE(containerForPath(path).holds(AV_CODEC_ID_H264)) << path;
+    }
 }
 
 }  // namespace

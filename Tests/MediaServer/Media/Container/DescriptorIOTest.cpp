@@ -21,8 +21,9 @@ using test::OutputPath;
 std::string readAll(AVIOContext* io) {
     std::array<unsigned char, 100> buffer{};
     std::string content;
-    for (int got = 0; (got = avio_read(io, buffer.data(), static_cast<int>(buffer.size()))) > 0;)
+    for (int got = 0; (got = avio_read(io, buffer.data(), static_cast<int>(buffer.size()))) > 0;) {
         content.append(reinterpret_cast<const char*>(buffer.data()), static_cast<std::size_t>(got));
+    }
     return content;
 }
 

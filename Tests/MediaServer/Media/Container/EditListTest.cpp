@@ -10,8 +10,9 @@ namespace {
 
 std::string number(std::uint64_t value, int bytes) {
     std::string text;
-    for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8)
+    for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) {
         text += static_cast<char>(value >> shift & 0xff);
+    }
     return text;
 }
 
@@ -25,8 +26,9 @@ std::string header(const std::string& type, std::uint32_t field) {
 
 std::string edits(const std::vector<std::uint32_t>& lengths) {
     std::string list = number(0, 4) + number(lengths.size(), 4);
-    for (const std::uint32_t length : lengths)
+    for (const std::uint32_t length : lengths) {
         list += number(length, 4) + number(0, 4) + number(0x10000, 4);
+    }
     return box("edts", box("elst", list));
 }
 
@@ -36,8 +38,9 @@ MovieEdits parse(const std::string& bytes) {
 
 MovieEdits read(const std::string& file) {
     const auto readAt = [&file](std::int64_t offset, std::span<std::byte> bytes) {
-        if (offset < 0 || static_cast<std::size_t>(offset) + bytes.size() > file.size())
+        if (offset < 0 || static_cast<std::size_t>(offset) + bytes.size() > file.size()) {
             return false;
+        }
         std::memcpy(bytes.data(), file.data() + offset, bytes.size());
         return true;
     };
@@ -96,8 +99,9 @@ TEST(MovieEdits, AreFoundBehindOtherBoxes) {
 
 TEST(MovieEdits, OfFilesThatBreakOffAreNone) {
     const std::string file = box("ftyp", "qt  ") + box("moov", header("mvhd", 600));
-    for (std::size_t length = 0; length < file.size(); ++length)
+    for (std::size_t length = 0; length < file.size(); ++length) {
         EXPECT_EQ(read(file.substr(0, length)).timeScale, 0U) << length;
+    }
     EXPECT_EQ(read(file).timeScale, 600U);
 }
 

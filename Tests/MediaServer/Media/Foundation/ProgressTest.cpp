@@ -39,8 +39,9 @@ TEST_F(ProgressTest, CreepsWhileThereAreSignsOfLife) {
         progress_.alive();
     }
     ASSERT_EQ(reports_.size(), 11U);
-    for (std::size_t i = 1; i < reports_.size(); ++i)
+    for (std::size_t i = 1; i < reports_.size(); ++i) {
         EXPECT_GE(reports_[i] - reports_[i - 1], 1e-6);
+    }
     EXPECT_LT(reports_.back(), 0.501);
 }
 

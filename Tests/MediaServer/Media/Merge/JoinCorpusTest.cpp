@@ -4,12 +4,12 @@
 
 #include <fcntl.h>
 
-#include <MediaServer/Media/StereoMix.h>
 #include <gmock/gmock.h>
 
 #include "MediaTestKit.h"
 #include "MergeTestKit.h"
 #include "Numbers.h"
+#include <MediaServer/Media/StereoMix.h>
 
 namespace krv::media::test {
 namespace {
@@ -67,7 +67,7 @@ void PrintTo(const Mixed& mixed, std::ostream* out) {
 
 class MixedCorpus : public testing::TestWithParam<Mixed> {};
 
-TEST_P(MixedCorpus, KeepsEveryPictureAsItIsAndItsSoundInStep) {
+TEST_P(MixedCorpus, KeepsEveryFrameAndTheAudioInSync) {
     const std::string source = corpus(GetParam().name);
     OutputPath output(GetParam().extension);
     RecordingSink sink;
@@ -79,7 +79,7 @@ TEST_P(MixedCorpus, KeepsEveryPictureAsItIsAndItsSoundInStep) {
     const Probe probe(output);
     ASSERT_EQ(probe.streams("audio").size(), 1U);
     EXPECT_EQ(number(probe.audio(), "channels"), 2);
-    EXPECT_EQ(pictureNumbers(output.path()), pictureNumbers(source));
+    EXPECT_EQ(frameNumbers(output.path()), frameNumbers(source));
     EXPECT_NEAR(probe.duration(), Probe(source).duration(), kFrame + 0.025);
     if (GetParam().beeps) {
         EXPECT_NEAR(beepTime(output.path()) - flashTime(output.path()), 0, kInStep);

@@ -8,39 +8,41 @@ namespace {
 constexpr int kBlack = 24;
 constexpr int kWhite = 200;
 
-// The columns and rows of the middle cross that are white: first and one behind the last.
+/// The columns and rows of the middle cross that are white: first and one behind the last.
 struct Extent {
     int left, right, top, bottom;
 };
 
-Extent whiteOf(const Picture& picture) {
+Extent whiteOf(const GreyFrame& frame) {
     Extent extent{-1, -1, -1, -1};
-    for (int x = 0; x < picture.width; ++x)
-        if (picture.at(x, picture.height / 2) > kWhite) {
+    for (int x = 0; x < frame.width; ++x) {
+        if (frame.at(x, frame.height / 2) > kWhite) {
             extent.left = extent.left < 0 ? x : extent.left;
             extent.right = x + 1;
         }
-    for (int y = 0; y < picture.height; ++y)
-        if (picture.at(picture.width / 2, y) > kWhite) {
+    }
+    for (int y = 0; y < frame.height; ++y) {
+        if (frame.at(frame.width / 2, y) > kWhite) {
             extent.top = extent.top < 0 ? y : extent.top;
             extent.bottom = y + 1;
         }
+    }
     return extent;
 }
 
 TEST(MergeFormats, OtherShapesGetBarsAndAreNotStretched) {
     for (const char* other : {"square.mp4", "square-pixels.mp4"}) {
         const auto output = join({"silent.mp4", other}, "mp4");
-        const Picture picture = pictureAt(output.path(), 2.5);
-        ASSERT_EQ(picture.width, 320) << other;
-        ASSERT_EQ(picture.height, 240) << other;
+        const GreyFrame frame = frameAt(output.path(), 2.5);
+        ASSERT_EQ(frame.width, 320) << other;
+        ASSERT_EQ(frame.height, 240) << other;
         // 160 x 240 as it is shown, in the middle.
-        EXPECT_LT(picture.at(40, 120), kBlack) << other;
-        EXPECT_LT(picture.at(76, 120), kBlack) << other;
-        EXPECT_GT(picture.at(84, 20), 100) << other;
-        EXPECT_GT(picture.at(235, 20), 100) << other;
-        EXPECT_LT(picture.at(243, 120), kBlack) << other;
-        const Extent white = whiteOf(picture);
+        EXPECT_LT(frame.at(40, 120), kBlack) << other;
+        EXPECT_LT(frame.at(76, 120), kBlack) << other;
+        EXPECT_GT(frame.at(84, 20), 100) << other;
+        EXPECT_GT(frame.at(235, 20), 100) << other;
+        EXPECT_LT(frame.at(243, 120), kBlack) << other;
+        const Extent white = whiteOf(frame);
         EXPECT_NEAR(white.right - white.left, 80, 2) << other;
         EXPECT_NEAR(white.bottom - white.top, 80, 2) << other;
         EXPECT_NEAR(white.left, 120, 2) << other;
@@ -52,34 +54,37 @@ TEST(MergeFormats, TheShapeOfTheFirstsPixelsCountsToo) {
     const auto video = Probe(output).video();
     EXPECT_EQ(text(video, "sample_aspect_ratio"), "1:2");
     // What is shown is 160 x 240; a picture of 4 to 3 is 120 of these rows high.
-    const Picture picture = pictureAt(output.path(), 1.5);
-    EXPECT_LT(picture.at(160, 50), kBlack);
-    EXPECT_LT(picture.at(160, 190), kBlack);
+    const GreyFrame frame = frameAt(output.path(), 1.5);
+    EXPECT_LT(frame.at(160, 50), kBlack);
+    EXPECT_LT(frame.at(160, 190), kBlack);
     int shown = 0;
-    for (int y = 0; y < picture.height; ++y) {
+    for (int y = 0; y < frame.height; ++y) {
         int sum = 0;
-        for (int x = 0; x < picture.width; ++x)
-            sum += picture.at(x, y);
-        shown += sum / picture.width > kBlack ? 1 : 0;
+        for (int x = 0; x < frame.width; ++x) {
+            sum += frame.at(x, y);
+        }
+        shown += sum / frame.width > kBlack ? 1 : 0;
     }
     EXPECT_NEAR(shown, 120, 4);
 }
 
-TEST(MergeFormats, TurnedPicturesAreUpright) {
-    for (const char* first : {"left.mp4", "left-turned.mp4"})
-        for (const char* second : {"left-turned.mp4", "left.mp4"})
+TEST(MergeFormats, RotatedVideoIsUpright) {
+    for (const char* first : {"left.mp4", "left-turned.mp4"}) {
+        for (const char* second : {"left-turned.mp4", "left.mp4"}) {
             for (const char* extension : {"mp4", "mkv"}) {
                 const auto output = join({first, second}, extension);
                 for (const double time : {0.5, 1.5}) {
-                    const Picture picture = pictureAt(output.path(), time);
-                    ASSERT_EQ(picture.width, 240) << first << second;
-                    ASSERT_EQ(picture.height, 320) << first << second;
-                    EXPECT_GT(picture.at(60, 20), kWhite) << first << second << time;
-                    EXPECT_GT(picture.at(60, 300), kWhite) << first << second << time;
-                    EXPECT_LT(picture.at(180, 20), kBlack) << first << second << time;
-                    EXPECT_LT(picture.at(180, 300), kBlack) << first << second << time;
+                    const GreyFrame frame = frameAt(output.path(), time);
+                    ASSERT_EQ(frame.width, 240) << first << second;
+                    ASSERT_EQ(frame.height, 320) << first << second;
+                    EXPECT_GT(frame.at(60, 20), kWhite) << first << second << time;
+                    EXPECT_GT(frame.at(60, 300), kWhite) << first << second << time;
+                    EXPECT_LT(frame.at(180, 20), kBlack) << first << second << time;
+                    EXPECT_LT(frame.at(180, 300), kBlack) << first << second << time;
                 }
             }
+        }
+    }
 }
 
 TEST(MergeFormats, TheFirstDecidesSizeRateChannelsAndCodec) {
@@ -108,27 +113,27 @@ TEST(MergeFormats, ACodecThatTheContainerCannotHoldIsReplaced) {
     EXPECT_NEAR(number(probe.video(), "nb_read_frames"), 2 * 25 * Probe(testMedia("theora.webm")).duration(), 1);
 }
 
-TEST(MergeFormats, ASourceWithoutPicturesIsBlackAndOneWithoutSoundSilent) {
+TEST(MergeFormats, ASourceWithoutVideoIsBlackAndOneWithoutAudioSilent) {
     const auto output = join({"sound.wav", "silent.mp4"}, "mp4");
     EXPECT_NEAR(Probe(output).duration(), 4, 0.04);
     EXPECT_EQ(number(Probe(output).video(), "nb_read_frames"), 100);
-    const Picture during = pictureAt(output.path(), 1);
+    const GreyFrame during = frameAt(output.path(), 1);
     EXPECT_LT(*std::max_element(during.values.begin(), during.values.end()), kBlack);
-    EXPECT_GT(difference(during.values, pictureAt(output.path(), 3).values), 50);
-    const Sound sound = decodedSound(output.path());
-    EXPECT_GT(sound.level(0, 440, 0.1, 1.9), -30);
-    EXPECT_LT(sound.peak(2.1, 3.9), 0.002);
+    EXPECT_GT(difference(during.values, frameAt(output.path(), 3).values), 50);
+    const DecodedAudio audio = decodedAudio(output.path());
+    EXPECT_GT(audio.level(0, 440, 0.1, 1.9), -30);
+    EXPECT_LT(audio.peak(2.1, 3.9), 0.002);
 }
 
-TEST(MergeFormats, SoundAloneMakesAMovieOfSound) {
+TEST(MergeFormats, AudioFilesAreJoinedIntoAnAudioFile) {
     for (const char* extension : {"m4a", "wav", "mkv", "flac"}) {
         const auto output = join({"sound.wav", "cover.m4a", "sound24.wav"}, extension);
         EXPECT_TRUE(Probe(output).streams("video").empty());
-        EXPECT_NEAR(soundLength(output.path()), 6.0, 0.03) << extension;
+        EXPECT_NEAR(audioLength(output.path()), 6.0, 0.03) << extension;
     }
 }
 
-TEST(MergeFormats, SoundOfMoviesIsJoinedInAContainerForSound) {
+TEST(MergeFormats, AudioOfMoviesIsJoinedInAnAudioContainer) {
     const auto output = join({"flash.mov", "mute.mp4", "flash.mov"}, "m4a");
     EXPECT_NEAR(beepTime(output.path(), 2), 5.0, 0.01);
 }
@@ -137,16 +142,16 @@ TEST(MergeFormats, HighDynamicRangeFollowsTheFirst) {
     const auto ordinary = join({"plain.mov", "hdr.mp4"}, "mp4");
     EXPECT_EQ(text(Probe(ordinary).video(), "color_transfer"), "bt709");
     EXPECT_EQ(text(Probe(ordinary).video(), "pix_fmt"), "yuv420p");
-    const auto greys = pictureAt(ordinary.path(), 3);
+    const auto greys = frameAt(ordinary.path(), 3);
     // Untouched, white would be at 127.
     EXPECT_GT(*std::max_element(greys.values.begin(), greys.values.end()), 150);
     const auto high = join({"hdr.mp4", "plain.mov"}, "mp4");
     EXPECT_EQ(text(Probe(high).video(), "color_transfer"), "smpte2084");
     // Both movies show the same picture.
-    EXPECT_LT(difference(pictureAt(high.path(), 1).values, pictureAt(high.path(), 3).values), 25);
+    EXPECT_LT(difference(frameAt(high.path(), 1).values, frameAt(high.path(), 3).values), 25);
 }
 
-TEST(MergeFormats, FieldsAreMadeWholePictures) {
+TEST(MergeFormats, AreDeinterlaced) {
     const auto video = Probe(join({"interlaced.mpg", "plain.mov"}, "mp4")).video();
     EXPECT_EQ(text(video, "field_order"), "progressive");
 }

@@ -22,14 +22,15 @@ TEST(Merge, CopiesWhatIsTheSameBitForBit) {
         EXPECT_EQ(packetHashes(output.path(), "v:0"), repeated(packetHashes(testMedia("flash.mov"), "v:0"), 3));
         const auto original = packetHashes(testMedia("flash.mov"), "a:0");
         const std::set<std::string> known(original.begin(), original.end());
-        const auto sound = packetHashes(output.path(), "a:0");
-        EXPECT_TRUE(std::all_of(sound.begin(), sound.end(), [&](const auto& hash) { return known.contains(hash); }));
-        EXPECT_NEAR(static_cast<double>(sound.size()), 6 * 48000 / 1024.0, 2.5);
+        const auto audio = packetHashes(output.path(), "a:0");
+        EXPECT_TRUE(std::all_of(audio.begin(), audio.end(), [&](const auto& hash) { return known.contains(hash); }));
+        EXPECT_NEAR(static_cast<double>(audio.size()), 6 * 48000 / 1024.0, 2.5);
         EXPECT_EQ(number(Probe(output).video(), "nb_read_frames"), 150);
         EXPECT_NEAR(Probe(output).duration(), 6.0, kFrame) << extension;
-        const auto times = pictureTimes(output.path());
-        for (std::size_t i = 1; i < times.size(); ++i)
+        const auto times = frameTimes(output.path());
+        for (std::size_t i = 1; i < times.size(); ++i) {
             ASSERT_NEAR(times[i] - times[i - 1], kFrame, 0.0015) << i;
+        }
     }
 }
 
@@ -52,8 +53,9 @@ struct Case {
 };
 
 void PrintTo(const Case& one, std::ostream* out) {
-    for (const auto& source : one.sources)
+    for (const auto& source : one.sources) {
         *out << source << " ";
+    }
     *out << one.extension;
 }
 
@@ -66,7 +68,7 @@ TEST_P(MergeSync, TheLastBeepStaysWithTheLastFlash) {
     EXPECT_NEAR(flash, last + 1, kFrame);
     EXPECT_NEAR(beepTime(output.path(), last + 0.5) - flash, 0, kInStep);
     EXPECT_EQ(number(Probe(output).video(), "nb_read_frames"), frames);
-    EXPECT_EQ(pictureTimes(output.path()).size(), static_cast<std::size_t>(frames));
+    EXPECT_EQ(frameTimes(output.path()).size(), static_cast<std::size_t>(frames));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -84,8 +86,9 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(Merge, ManyShortClipsDoNotDriftApart) {
     std::vector<std::string> sources;
-    for (int i = 0; i < 6; ++i)
+    for (int i = 0; i < 6; ++i) {
         sources.insert(sources.end(), {"film.mov", "fast.mkv"});
+    }
     sources.emplace_back("flash.mov");
     const auto output = join(sources, "mp4");
     const Probe film(testMedia("film.mov")), fast(testMedia("fast.mkv"));
@@ -100,7 +103,7 @@ TEST(Merge, ManyCopiesOfAnOddLengthDoNotDriftApart) {
     for (const char* extension : {"mov", "mkv"}) {
         const auto output = join(std::vector<std::string>(12, "film.mov"), extension);
         EXPECT_EQ(packetHashes(output.path(), "v:0"), repeated(packetHashes(testMedia("film.mov"), "v:0"), 12));
-        const auto times = pictureTimes(output.path());
+        const auto times = frameTimes(output.path());
         const double each = times.at(times.size() / 12) - times[0];
         const double begin = times[0] + 11 * each;
         const double flash = flashTime(output.path(), begin + 0.5);
@@ -110,18 +113,18 @@ TEST(Merge, ManyCopiesOfAnOddLengthDoNotDriftApart) {
     }
 }
 
-TEST(Merge, HoldsTheLastPictureAndAddsSilence) {
+TEST(Merge, HoldsTheLastFrameAndAddsSilence) {
     for (const char* extension : {"mov", "mkv"}) {
         const auto output = join({"longsound.mov", "longvideo.mov", "longsound.mov"}, extension);
         EXPECT_NEAR(Probe(output).duration(), 6.0, kFrame) << extension;
-        const Sound sound = decodedSound(output.path());
-        EXPECT_GT(sound.level(0, kTone, 0.2, 1.9), -30);
-        EXPECT_GT(sound.level(0, kTone, 2.1, 2.9), -30);
-        EXPECT_LT(sound.peak(3.1, 3.9), 0.002);
-        EXPECT_GT(sound.level(0, kTone, 4.1, 5.9), -30);
+        const DecodedAudio audio = decodedAudio(output.path());
+        EXPECT_GT(audio.level(0, kTone, 0.2, 1.9), -30);
+        EXPECT_GT(audio.level(0, kTone, 2.1, 2.9), -30);
+        EXPECT_LT(audio.peak(3.1, 3.9), 0.002);
+        EXPECT_GT(audio.level(0, kTone, 4.1, 5.9), -30);
         // What is shown while only sound goes on is the last picture, and then comes the other movie.
-        EXPECT_LT(difference(pictureAt(output.path(), 0.99).values, pictureAt(output.path(), 1.9).values), 2);
-        EXPECT_GT(difference(pictureAt(output.path(), 1.9).values, pictureAt(output.path(), 2.1).values), 5);
+        EXPECT_LT(difference(frameAt(output.path(), 0.99).values, frameAt(output.path(), 1.9).values), 2);
+        EXPECT_GT(difference(frameAt(output.path(), 1.9).values, frameAt(output.path(), 2.1).values), 5);
     }
 }
 
@@ -130,12 +133,12 @@ TEST(Merge, EndsEachSourceWithItsShortestTrackIfAsked) {
         const auto output = join({"longsound.mov", "longvideo.mov", "longsound.mov"}, extension, true);
         EXPECT_NEAR(Probe(output).duration(), 3.0, kFrame) << extension;
         EXPECT_EQ(number(Probe(output).video(), "nb_read_frames"), 75);
-        EXPECT_NEAR(soundLength(output.path()), 3.0, kFrame);
-        EXPECT_GT(decodedSound(output.path()).level(0, kTone, 0.2, 2.8), -30);
+        EXPECT_NEAR(audioLength(output.path()), 3.0, kFrame);
+        EXPECT_GT(decodedAudio(output.path()).level(0, kTone, 0.2, 2.8), -30);
     }
 }
 
-TEST(Merge, CopiesPicturesThatCanBeCutOff) {
+TEST(Merge, CopiesVideoWhoseFramesCanBeCutOff) {
     // Every ProRes picture stands for itself, so that any of them can be the last.
     const auto output = join({"longvideo.prores.mov", "longvideo.prores.mov"}, "mov", true);
     auto expected = packetHashes(testMedia("longvideo.prores.mov"), "v:0");
@@ -145,7 +148,7 @@ TEST(Merge, CopiesPicturesThatCanBeCutOff) {
     EXPECT_NEAR(lengthOf(output, "audio"), 2.0, kFrame);
 }
 
-TEST(Merge, OnlyTheSoundIsEncodedIfOnlyThatDiffers) {
+TEST(Merge, EncodesOnlyTheAudioIfOnlyThatDiffers) {
     const auto output = join({"flash.mov", "mute.mp4"}, "mov");
     const auto same = join({"centre.mov", "mono.mov"}, "mov");
     EXPECT_EQ(packetHashes(same.path(), "v:0"), repeated(packetHashes(testMedia("centre.mov"), "v:0"), 2));
@@ -154,7 +157,7 @@ TEST(Merge, OnlyTheSoundIsEncodedIfOnlyThatDiffers) {
     EXPECT_EQ(number(Probe(output).audio(), "channels"), 1);
 }
 
-TEST(Merge, OnlyThePicturesAreEncodedIfOnlyTheseDiffer) {
+TEST(Merge, EncodesOnlyTheVideoIfOnlyThatDiffers) {
     const auto output = join({"plain.mov", "flash.mov"}, "mov");
     const auto first = packetHashes(testMedia("plain.mov"), "a:0");
     const auto joined = packetHashes(output.path(), "a:0");
@@ -171,8 +174,9 @@ TEST(Merge, MarksEverySourceByAChapter) {
         EXPECT_EQ(tagOf(chapters[0], "title"), "flash");
         EXPECT_EQ(tagOf(chapters[1], "title"), "A plain movie");
         EXPECT_EQ(tagOf(chapters[2], "title"), "mute");
-        for (int i = 0; i < 3; ++i)
+        for (int i = 0; i < 3; ++i) {
             EXPECT_NEAR(number(chapters[static_cast<std::size_t>(i)], "start_time"), 2 * i, 0.03);
+        }
     }
 }
 
@@ -189,7 +193,7 @@ TEST(Merge, OneSourceAloneIsCopied) {
 }
 
 TEST(Merge, ABadSourceFailsEverythingAndIsNamed) {
-    for (const char* bad : {"text.mp4", "empty.mov", "headless.mp4"})
+    for (const char* bad : {"text.mp4", "empty.mov", "headless.mp4"}) {
         try {
             (void)join({"flash.mov", bad, "flash.mov"});
             FAIL() << bad;
@@ -198,6 +202,7 @@ TEST(Merge, ABadSourceFailsEverythingAndIsNamed) {
             EXPECT_EQ(failure.path(), testMedia(bad));
             EXPECT_THAT(failure.description(), testing::HasSubstr(bad));
         }
+    }
 }
 
 TEST(Merge, AnUnknownContainerIsRefused) {

@@ -29,8 +29,9 @@ OutputPath join(const std::vector<std::string>& sources, const std::string& exte
 
 std::vector<std::string> repeated(const std::vector<std::string>& hashes, std::size_t times) {
     std::vector<std::string> all;
-    for (std::size_t i = 0; i < times; ++i)
+    for (std::size_t i = 0; i < times; ++i) {
         all.insert(all.end(), hashes.begin(), hashes.end());
+    }
     return all;
 }
 

@@ -11,12 +11,12 @@ namespace {
 using testing::ElementsAre;
 using testing::Pair;
 
-// Times of the source in milliseconds, durations 0 unless said otherwise.
+/// Times of the source in milliseconds, durations 0 unless said otherwise.
 std::vector<std::pair<std::int64_t, std::int64_t>>
-timed(FrameTimer timer, const std::vector<std::pair<std::int64_t, std::int64_t>>& pictures) {
+timed(FrameTimer timer, const std::vector<std::pair<std::int64_t, std::int64_t>>& frames) {
     std::vector<std::pair<std::int64_t, std::int64_t>> result;
     const auto sink = [&](FramePtr frame) { result.emplace_back(frame->pts, frame->pkt_duration); };
-    for (const auto& [time, duration] : pictures) {
+    for (const auto& [time, duration] : frames) {
         FramePtr frame = newFrame();
         frame->width = frame->height = 2;
         frame->format = AV_PIX_FMT_GRAY8;
@@ -37,16 +37,16 @@ FrameTimer constant(int rate) {
     return FrameTimer({{1, 1000}, {1, rate}, true, 40, 100'000});
 }
 
-TEST(FrameTimer, KeepsTheSourcesTimingAndTellsHowLongEachPictureIsShown) {
+TEST(FrameTimer, KeepsTheSourcesTimingAndSetsEachFramesDuration) {
     EXPECT_THAT(timed(variable(), {{0, 0}, {40, 0}, {500, 0}, {540, 60}}),
                 ElementsAre(Pair(0, 40), Pair(40, 460), Pair(500, 40), Pair(540, 60)));
 }
 
-TEST(FrameTimer, TheLastPictureIsShownAsLongAsIsTypicalIfNothingElseIsKnown) {
+TEST(FrameTimer, TheLastFrameLastsTheTypicalDurationIfItHasNone) {
     EXPECT_THAT(timed(variable(), {{0, 0}}), ElementsAre(Pair(0, 40)));
 }
 
-TEST(FrameTimer, PicturesWithoutATimeFollowTheirPredecessor) {
+TEST(FrameTimer, FramesWithoutATimestampFollowTheirPredecessor) {
     EXPECT_THAT(timed(variable(), {{0, 40}, {AV_NOPTS_VALUE, 40}, {AV_NOPTS_VALUE, 40}}),
                 ElementsAre(Pair(0, 40), Pair(40, 40), Pair(80, 40)));
 }
@@ -56,16 +56,16 @@ TEST(FrameTimer, TimesRiseStrictly) {
                 ElementsAre(Pair(0, 40), Pair(40, 40), Pair(80, 40)));
 }
 
-TEST(FrameTimer, PicturesBeforeTheBeginningAreLeftOut) {
+TEST(FrameTimer, FramesBeforeTheBeginningAreDropped) {
     EXPECT_THAT(timed(variable(), {{-40, 0}, {0, 40}}), ElementsAre(Pair(0, 40)));
 }
 
-TEST(FrameTimer, AConstantRateRepeatsPictures) {
+TEST(FrameTimer, AConstantRateRepeatsFrames) {
     EXPECT_THAT(timed(constant(25), {{0, 40}, {120, 40}, {160, 40}}),
                 ElementsAre(Pair(0, 1), Pair(1, 1), Pair(2, 1), Pair(3, 1), Pair(4, 1)));
 }
 
-TEST(FrameTimer, AConstantRateLeavesPicturesOut) {
+TEST(FrameTimer, AConstantRateDropsFrames) {
     EXPECT_THAT(timed(constant(10), {{0, 40}, {40, 40}, {80, 40}, {120, 40}, {160, 40}}),
                 ElementsAre(Pair(0, 1), Pair(1, 1)));
 }
@@ -75,11 +75,11 @@ TEST(FrameTimer, AConstantRateDoesNotMakeTheMovieLonger) {
     EXPECT_THAT(timed(constant(10), {{0, 100}, {100, 90}, {190, 10}}), ElementsAre(Pair(0, 1), Pair(1, 1)));
 }
 
-TEST(FrameTimer, AConstantRateNeverLeavesOutTheOnlyPicture) {
+TEST(FrameTimer, AConstantRateNeverDropsTheOnlyFrame) {
     EXPECT_THAT(timed(constant(10), {{0, 1}}), ElementsAre(Pair(0, 1)));
 }
 
-TEST(FrameTimer, ADamagedTimeDoesNotRepeatAPictureForHours) {
+TEST(FrameTimer, ADamagedTimestampDoesNotRepeatAFrameForHours) {
     EXPECT_LT(timed(constant(25), {{0, 40}, {1'000'000'000, 40}}).size(), 2600U);
 }
 

@@ -2,35 +2,35 @@
 
 #include <gmock/gmock.h>
 
-#include <MediaServer/Media/Audio/SoundSum.h>
+#include <MediaServer/Media/Audio/AudioMixer.h>
 
 namespace krv::media {
 namespace {
 
 using testing::ElementsAre;
 
-class SoundSumTest : public testing::Test {
+class AudioMixerTest : public testing::Test {
 protected:
-    void add(SoundSum& sum, std::size_t track, const std::vector<float>& sound) {
-        sum.add(track, sound, std::vector<float>(sound.size(), 1), sink_);
+    void add(AudioMixer& sum, std::size_t track, const std::vector<float>& samples) {
+        sum.add(track, samples, std::vector<float>(samples.size(), 1), sink_);
     }
     std::vector<float> left_, right_;
-    SoundSum::Sink sink_ = [this](std::span<const float> left, std::span<const float> right) {
+    AudioMixer::Sink sink_ = [this](std::span<const float> left, std::span<const float> right) {
         left_.insert(left_.end(), left.begin(), left.end());
         right_.insert(right_.end(), right.begin(), right.end());
     };
 };
 
-TEST_F(SoundSumTest, OneTrackPasses) {
-    SoundSum sum(1, 100);
+TEST_F(AudioMixerTest, OneTrackPasses) {
+    AudioMixer sum(1, 100);
     add(sum, 0, {1, 2});
     add(sum, 0, {3});
     EXPECT_THAT(left_, ElementsAre(1, 2, 3));
     EXPECT_THAT(right_, ElementsAre(1, 1, 1));
 }
 
-TEST_F(SoundSumTest, TracksAreAddedWhereTheyMeet) {
-    SoundSum sum(2, 100);
+TEST_F(AudioMixerTest, TracksAreAddedWhereTheyMeet) {
+    AudioMixer sum(2, 100);
     add(sum, 0, {1, 2, 3});
     EXPECT_THAT(left_, ElementsAre());
     add(sum, 1, {10, 20});
@@ -40,8 +40,8 @@ TEST_F(SoundSumTest, TracksAreAddedWhereTheyMeet) {
     EXPECT_THAT(right_, ElementsAre(2, 2, 2));
 }
 
-TEST_F(SoundSumTest, AFinishedTrackIsNotWaitedFor) {
-    SoundSum sum(2, 100);
+TEST_F(AudioMixerTest, AFinishedTrackIsNotWaitedFor) {
+    AudioMixer sum(2, 100);
     add(sum, 0, {1});
     sum.finish(0, sink_);
     EXPECT_THAT(left_, ElementsAre());
@@ -51,15 +51,15 @@ TEST_F(SoundSumTest, AFinishedTrackIsNotWaitedFor) {
     EXPECT_THAT(left_, ElementsAre(11, 20));
 }
 
-TEST_F(SoundSumTest, WhatIsLeftComesWithTheLastToFinish) {
-    SoundSum sum(2, 100);
+TEST_F(AudioMixerTest, WhatIsLeftComesWithTheLastToFinish) {
+    AudioMixer sum(2, 100);
     add(sum, 0, {1, 2});
     sum.finish(1, sink_);
     EXPECT_THAT(left_, ElementsAre(1, 2));
 }
 
-TEST_F(SoundSumTest, ATrackThatStaysBehindIsNotWaitedForEither) {
-    SoundSum sum(2, 2);
+TEST_F(AudioMixerTest, ATrackThatStaysBehindIsNotWaitedForEither) {
+    AudioMixer sum(2, 2);
     add(sum, 0, {1, 2, 3, 4, 5});
     EXPECT_THAT(left_, ElementsAre(1, 2, 3));
     // Its first three samples come too late, the others in time.

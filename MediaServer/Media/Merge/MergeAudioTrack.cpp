@@ -2,16 +2,16 @@
 
 #include <MediaServer/Media/Container/Metadata.h>
 #include <MediaServer/Media/Foundation/Failure.h>
-#include <MediaServer/Media/Merge/MergeSoundLane.h>
+#include <MediaServer/Media/Merge/MergeAudioTrack.h>
 
 namespace krv::media {
 
-MergeSoundLane::MergeSoundLane(const AVStream& model, const Codec& codec, std::int64_t end)
+MergeAudioTrack::MergeAudioTrack(const AVStream& model, const Codec& codec, std::int64_t end)
     : model_(model)
     , codec_(codec)
     , end_(end) {}
 
-void MergeSoundLane::open(OutputFile& output) {
+void MergeAudioTrack::open(OutputFile& output) {
     encoder_.emplace(EncoderSession::Request{codec_, 0, settings_, hasHighResolution(model_)}, output,
                      [this](AVCodecContext& context) { chooseAudioFormat(context, model_, settings_, codec_); });
     const AVRational sample{1, encoder_->context().sample_rate};
@@ -19,48 +19,53 @@ void MergeSoundLane::open(OutputFile& output) {
     copyTrackMetadata(model_, encoder_->stream(), output.container());
 }
 
-std::int64_t MergeSoundLane::sampleAt(std::int64_t time) const {
+std::int64_t MergeAudioTrack::sampleAt(std::int64_t time) const {
     return av_rescale_q(time, kMicroseconds, AVRational{1, encoder_->context().sample_rate});
 }
 
-void MergeSoundLane::begin(const MergePart& part) {
+void MergeAudioTrack::begin(const MergePart& part) {
     part_ = part;
     fed_ = decoded_ = false;
     decoder_.reset();
-    if (part.from)
+    if (part.from) {
         decoder_.emplace(*part.from);
+    }
     resampler_->cutAt(sampleAt(part.end));
 }
 
-void MergeSoundLane::push(const AVPacket& packet) {
-    if (!decoder_)
+void MergeAudioTrack::push(const AVPacket& packet) {
+    if (!decoder_) {
         return;
+    }
     fed_ = true;
     decoder_->push(packet, [this](FramePtr frame) { place(std::move(frame)); });
 }
 
-void MergeSoundLane::place(FramePtr frame) {
+void MergeAudioTrack::place(FramePtr frame) {
     decoded_ = true;
-    if (frame->pts != AV_NOPTS_VALUE)
+    if (frame->pts != AV_NOPTS_VALUE) {
         frame->pts = sampleAt(part_.start) +
                      av_rescale_q(frame->pts, part_.from->time_base, AVRational{1, encoder_->context().sample_rate});
+    }
     resampler_->push(*frame, [this](FramePtr ready) { encode(std::move(ready)); });
 }
 
-void MergeSoundLane::hold(std::int64_t time) {
-    if (decoder_)
+void MergeAudioTrack::hold(std::int64_t time) {
+    if (decoder_) {
         decoder_->finish([this](FramePtr frame) { place(std::move(frame)); });
+    }
     decoder_.reset();
     resampler_->fillTo(sampleAt(std::min(time, part_.end)), [this](FramePtr ready) { encode(std::move(ready)); });
 }
 
-void MergeSoundLane::end() {
+void MergeAudioTrack::end() {
     hold(part_.end);
-    if (fed_ && !decoded_)
+    if (fed_ && !decoded_) {
         fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "Its sound cannot be decoded");
+    }
 }
 
-void MergeSoundLane::finish() {
+void MergeAudioTrack::finish() {
     resampler_->finish([this](FramePtr ready) { encode(std::move(ready)); });
     encoder_->finish();
 }

@@ -1,47 +1,53 @@
 #include <algorithm>
 
-#include <MediaServer/Media/Merge/MergeCopyLane.h>
+#include <MediaServer/Media/Merge/MergeCopyTrack.h>
 
 namespace krv::media {
 
-MergeCopyLane::MergeCopyLane(const AVStream& model)
+MergeCopyTrack::MergeCopyTrack(const AVStream& model)
     : model_(model)
     , copier_(model) {}
 
-void MergeCopyLane::push(const AVPacket& packet) {
+void MergeCopyTrack::push(const AVPacket& packet) {
     PacketPtr moved = reference(packet);
-    if (model_.codecpar->codec_type == AVMEDIA_TYPE_VIDEO)
-        pushPicture(std::move(moved));
-    else
-        pushSound(std::move(moved));
+    if (model_.codecpar->codec_type == AVMEDIA_TYPE_VIDEO) {
+        pushVideo(std::move(moved));
+    } else {
+        pushAudio(std::move(moved));
+    }
 }
 
-void MergeCopyLane::pushPicture(PacketPtr packet) {
+void MergeCopyTrack::pushVideo(PacketPtr packet) {
     av_packet_rescale_ts(packet.get(), part_.from->time_base, model_.time_base);
     const std::int64_t start = av_rescale_q(part_.start, kMicroseconds, model_.time_base);
     const std::int64_t end = av_rescale_q(part_.end, kMicroseconds, model_.time_base);
-    if (packet->pts != AV_NOPTS_VALUE)
+    if (packet->pts != AV_NOPTS_VALUE) {
         packet->pts += start;
-    if (packet->dts != AV_NOPTS_VALUE)
+    }
+    if (packet->dts != AV_NOPTS_VALUE) {
         packet->dts += start;
+    }
     const std::int64_t shown = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
     // The plan lets this happen only to pictures that are stored in the order in which they are shown.
-    if (shown != AV_NOPTS_VALUE && shown + packet->duration / 2 >= end && end > start)
+    if (shown != AV_NOPTS_VALUE && shown + packet->duration / 2 >= end && end > start) {
         return;
+    }
     shownUntil_ = std::max(shownUntil_, shown + packet->duration);
-    if (waiting_)
+    if (waiting_) {
         copier_.push(*waiting_);
+    }
     waiting_ = std::move(packet);
 }
 
-std::int64_t MergeCopyLane::samplesOf(const AVPacket& packet) const {
-    if (const int samples = av_get_audio_frame_duration2(part_.from->codecpar, packet.size); samples > 0)
+std::int64_t MergeCopyTrack::samplesOf(const AVPacket& packet) const {
+    if (const int samples = av_get_audio_frame_duration2(part_.from->codecpar, packet.size); samples > 0) {
         return samples;
+    }
     return av_rescale_q(packet.duration, part_.from->time_base, AVRational{1, model_.codecpar->sample_rate});
 }
 
 // See Merge.cpp for why packets are counted and not timed.
-void MergeCopyLane::pushSound(PacketPtr packet) {
+void MergeCopyTrack::pushAudio(PacketPtr packet) {
     const AVRational sample{1, model_.codecpar->sample_rate};
     const std::int64_t start = av_rescale_q(part_.start, kMicroseconds, sample);
     const std::int64_t end = av_rescale_q(part_.end, kMicroseconds, sample);
@@ -49,29 +55,36 @@ void MergeCopyLane::pushSound(PacketPtr packet) {
     const std::int64_t time = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
     const std::int64_t wanted =
         time == AV_NOPTS_VALUE ? samples_ : start + av_rescale_q(time, part_.from->time_base, sample);
-    if (wanted >= end - length / 2)
+    if (wanted >= end - length / 2) {
         return;
-    if (!heard_ || wanted > samples_ + length / 2)
+    }
+    if (!heard_ || wanted > samples_ + length / 2) {
         samples_ = wanted;
-    if (wanted < samples_ - length / 2)
+    }
+    if (wanted < samples_ - length / 2) {
         return;
+    }
     heard_ = true;
-    if (!part_.isFirst)
+    if (!part_.isFirst) {
         packet->flags &= ~AV_PKT_FLAG_DISCARD;
-    if (!part_.isLast && (!part_.isFirst || wanted > start))
+    }
+    if (!part_.isLast && (!part_.isFirst || wanted > start)) {
         av_packet_free_side_data(packet.get());  // it would hide the end of what is in the middle now
+    }
     packet->pts = packet->dts = av_rescale_q(samples_, sample, model_.time_base);
     packet->duration = av_rescale_q(length, sample, model_.time_base);
     samples_ += length;
     copier_.push(*packet);
 }
 
-void MergeCopyLane::finish() {
-    if (!waiting_)
+void MergeCopyTrack::finish() {
+    if (!waiting_) {
         return;
+    }
     const std::int64_t end = av_rescale_q(part_.end, kMicroseconds, model_.time_base);
-    if (end > shownUntil_ + waiting_->duration / 2)
+    if (end > shownUntil_ + waiting_->duration / 2) {
         waiting_->duration += end - shownUntil_;
+    }
     copier_.push(*waiting_);
 }
 

@@ -5,16 +5,16 @@
 #include <MediaServer/Media/Audio/AudioResampler.h>
 #include <MediaServer/Media/Codec/Decoder.h>
 #include <MediaServer/Media/Codec/EncoderSession.h>
-#include <MediaServer/Media/Merge/MergeLane.h>
+#include <MediaServer/Media/Merge/MergeTrack.h>
 
 namespace krv::media {
 
 /// Sound that is encoded anew, in the format of a model.
-class MergeSoundLane : public MergeLane {
+class MergeAudioTrack : public MergeTrack {
 public:
     /// model: the stream whose format, language and title are those of all; lives as long as this. end: of
     /// the merged movie, in microseconds.
-    MergeSoundLane(const AVStream& model, const Codec& codec, std::int64_t end);
+    MergeAudioTrack(const AVStream& model, const Codec& codec, std::int64_t end);
 
     void open(OutputFile& output) override;
     void begin(const MergePart& part) override;

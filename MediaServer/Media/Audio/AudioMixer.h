@@ -11,12 +11,12 @@ namespace krv::media {
 ///
 /// What comes out is as far along as the slowest track; but one that stays far behind (it has a long gap, or
 /// its file stores it far from the others) is not waited for, so that memory stays bounded. One thread.
-class SoundSum {
+class AudioMixer {
 public:
     using Sink = std::function<void(std::span<const float> left, std::span<const float> right)>;
 
     /// mostHeld: how many samples may wait for the slowest track.
-    SoundSum(std::size_t tracks, std::int64_t mostHeld);
+    AudioMixer(std::size_t tracks, std::int64_t mostHeld);
 
     /// Adds sound to a track, directly after what that track has got so far. Both of the same length.
     void add(std::size_t track, std::span<const float> left, std::span<const float> right, const Sink& sink);

@@ -9,7 +9,7 @@ namespace krv::media {
 
 /// What the pictures look like that an encoder gets, and what has to be done to the source's pictures for
 /// that.
-struct PictureFormat {
+struct VideoFormat {
     int width = 0;
     int height = 0;
     AVPixelFormat pixels = AV_PIX_FMT_NONE;
@@ -25,13 +25,13 @@ struct PictureFormat {
     double peakLuminance = 0;      ///< of the source, in candela per square metre; for tone mapping
     bool convertsColours = false;  ///< pictures of another matrix are brought to this one, not only described by it
     int quarterTurns = 0;          ///< clockwise turns of the pixels, where the container cannot say it
-    bool mirrored =
-        false;            ///< likewise: after the turns, mirrored across the axis that was the source's horizontal one
+    /// Likewise: after the turns, mirrored across the axis that was the source's horizontal one.
+    bool mirrored = false;
     bool fitted = false;  ///< pictures that are shown in another shape get bars; else the first one's are stretched
 };
 
-/// Where a PictureFormat comes from.
-struct PictureRequest {
+/// Where a VideoFormat comes from.
+struct VideoFormatRequest {
     const AVStream& stream;
     const AVFrame& frame;  ///< the first one; its colour description wins over the stream's
     const Codec& codec;
@@ -40,13 +40,13 @@ struct PictureRequest {
 };
 
 /// Pure. Throws Failure Unsupported if a picture format that was asked for is not one of the codec's.
-[[nodiscard]] PictureFormat choosePictureFormat(const PictureRequest& request);
+[[nodiscard]] VideoFormat chooseVideoFormat(const VideoFormatRequest& request);
 
 /// Sets the turns and the mirroring that make a stream's pictures upright.
-void turnUpright(PictureFormat& format, const AVStream& stream);
+void turnUpright(VideoFormat& format, const AVStream& stream);
 
 /// Tells an encoder that is not open yet what its pictures will be like.
-void describe(const PictureFormat& format, AVCodecContext& encoder);
+void describe(const VideoFormat& format, AVCodecContext& encoder);
 
 /// What the colours of pictures of this size are taken to be where nobody says it: small ones come from television of
 /// old and large ones from the new one.

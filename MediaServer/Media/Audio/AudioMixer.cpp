@@ -1,14 +1,14 @@
 #include <algorithm>
 
-#include <MediaServer/Media/Audio/SoundSum.h>
+#include <MediaServer/Media/Audio/AudioMixer.h>
 
 namespace krv::media {
 
-SoundSum::SoundSum(std::size_t tracks, std::int64_t mostHeld)
+AudioMixer::AudioMixer(std::size_t tracks, std::int64_t mostHeld)
     : mostHeld_(mostHeld)
     , inputs_(tracks) {}
 
-void SoundSum::add(std::size_t track, std::span<const float> left, std::span<const float> right, const Sink& sink) {
+void AudioMixer::add(std::size_t track, std::span<const float> left, std::span<const float> right, const Sink& sink) {
     Input& input = inputs_[track];
     const auto samples = static_cast<std::int64_t>(left.size());
     const std::int64_t late = std::clamp<std::int64_t>(given_ - input.length, 0, samples);  // its time is over
@@ -26,23 +26,27 @@ void SoundSum::add(std::size_t track, std::span<const float> left, std::span<con
     give(sink);
 }
 
-void SoundSum::finish(std::size_t track, const Sink& sink) {
+void AudioMixer::finish(std::size_t track, const Sink& sink) {
     inputs_[track].finished = true;
     give(sink);
 }
 
-void SoundSum::give(const Sink& sink) {
+void AudioMixer::give(const Sink& sink) {
     std::int64_t furthest = 0;
-    for (const Input& input : inputs_)
+    for (const Input& input : inputs_) {
         furthest = std::max(furthest, input.length);
+    }
     std::int64_t complete = furthest;
-    for (const Input& input : inputs_)
-        if (!input.finished)
+    for (const Input& input : inputs_) {
+        if (!input.finished) {
             complete = std::min(complete, input.length);
+        }
+    }
     complete = std::max(complete, furthest - mostHeld_);
     const auto ready = static_cast<std::ptrdiff_t>(complete - given_);
-    if (ready <= 0)
+    if (ready <= 0) {
         return;
+    }
     const auto count = static_cast<std::size_t>(ready);
     sink(std::span(left_).first(count), std::span(right_).first(count));
     left_.erase(left_.begin(), left_.begin() + ready);

@@ -1,15 +1,15 @@
 #pragma once
 
 #include <MediaServer/Media/Container/StreamCopier.h>
-#include <MediaServer/Media/Merge/MergeLane.h>
+#include <MediaServer/Media/Merge/MergeTrack.h>
 
 namespace krv::media {
 
 /// Packets that are joined as they are.
-class MergeCopyLane : public MergeLane {
+class MergeCopyTrack : public MergeTrack {
 public:
     /// model: the stream that describes all; lives as long as this.
-    explicit MergeCopyLane(const AVStream& model);
+    explicit MergeCopyTrack(const AVStream& model);
 
     void open(OutputFile& output) override { copier_.open(output); }
     void begin(const MergePart& part) override { part_ = part; }
@@ -19,8 +19,8 @@ public:
     void finish() override;
 
 private:
-    void pushPicture(PacketPtr packet);
-    void pushSound(PacketPtr packet);
+    void pushVideo(PacketPtr packet);
+    void pushAudio(PacketPtr packet);
     [[nodiscard]] std::int64_t samplesOf(const AVPacket& packet) const;
 
     const AVStream& model_;

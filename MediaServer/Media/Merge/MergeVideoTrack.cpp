@@ -3,21 +3,21 @@
 #include <MediaServer/Media/Codec/HDRMetadata.h>
 #include <MediaServer/Media/Container/Metadata.h>
 #include <MediaServer/Media/Foundation/Failure.h>
-#include <MediaServer/Media/Merge/MergePictureLane.h>
+#include <MediaServer/Media/Merge/MergeVideoTrack.h>
 
 extern "C" {
 #include <libavutil/imgutils.h>
 }
 
 namespace krv::media {
-MergePictureLane::MergePictureLane(Model model, const Codec& codec)
+MergeVideoTrack::MergeVideoTrack(Model model, const Codec& codec)
     : model_(std::move(model))
     , codec_(codec) {}
 
-void MergePictureLane::open(OutputFile& output) {
+void MergeVideoTrack::open(OutputFile& output) {
     Container upright = output.container();
     upright.displayMatrix = false;
-    format_ = choosePictureFormat({model_.stream, *model_.picture, codec_, settings_, upright});
+    format_ = chooseVideoFormat({model_.stream, *model_.firstFrame, codec_, settings_, upright});
     format_.interlaced = false;
     format_.fitted = true;
     const AVRational rate = av_inv_q(model_.tick);
@@ -25,73 +25,82 @@ void MergePictureLane::open(OutputFile& output) {
         describe(format_, context);
         context.framerate = rate;
         context.time_base = av_inv_q(rate);
-        if (!format_.toneMapped)
-            HDRMetadata(model_.stream, *model_.picture).describeTo(context);
+        if (!format_.toneMapped) {
+            HDRMetadata(model_.stream, *model_.firstFrame).describeTo(context);
+        }
     });
     const std::int64_t shown = std::max<std::int64_t>(1, av_rescale_q(1, model_.tick, kMicroseconds));
     timer_.emplace(FrameTimer::Timing{kMicroseconds, encoder_->context().time_base, true, shown, model_.end});
     AVStream& to = encoder_->stream();
     to.avg_frame_rate = rate;
     copyTrackMetadata(model_.stream, to, output.container());
-    copyPictureSideData(model_.stream, to, false);
-    if (!format_.toneMapped)
-        HDRMetadata(model_.stream, *model_.picture).describeTo(to);
+    copyVideoSideData(model_.stream, to, false);
+    if (!format_.toneMapped) {
+        HDRMetadata(model_.stream, *model_.firstFrame).describeTo(to);
+    }
 }
 
-void MergePictureLane::begin(const MergePart& part) {
+void MergeVideoTrack::begin(const MergePart& part) {
     part_ = part;
     fed_ = false;
     latest_.reset();
     decoder_.reset();
     filter_.reset();
-    if (part.from)
+    if (part.from) {
         decoder_.emplace(*part.from);
+    }
 }
 
-void MergePictureLane::push(const AVPacket& packet) {
-    if (!decoder_)
+void MergeVideoTrack::push(const AVPacket& packet) {
+    if (!decoder_) {
         return;
+    }
     fed_ = true;
     decoder_->push(packet, [this](FramePtr frame) { convert(std::move(frame)); });
 }
 
-void MergePictureLane::convert(FramePtr frame) {
-    if (const AVRational shape = part_.from->sample_aspect_ratio; shape.num > 0 && shape.den > 0)
+void MergeVideoTrack::convert(FramePtr frame) {
+    if (const AVRational shape = part_.from->sample_aspect_ratio; shape.num > 0 && shape.den > 0) {
         frame->sample_aspect_ratio = shape;
+    }
     if (!filter_) {
-        PictureFormat format = format_;
+        VideoFormat format = format_;
         turnUpright(format, *part_.from);
         format.toneMapped = isHDR(frame->color_trc) && !isHDR(format_.transfer);
-        if (format.toneMapped)
+        if (format.toneMapped) {
             format.peakLuminance = HDRMetadata(*part_.from, *frame).peakLuminance();
+        }
         filter_.emplace(format, part_.from->time_base);
     }
     filter_->push(std::move(frame), [this](FramePtr ready) { place(std::move(ready)); });
 }
 
-void MergePictureLane::place(FramePtr picture) {
+void MergeVideoTrack::place(FramePtr frame) {
     const std::int64_t tick = av_rescale_q(1, model_.tick, kMicroseconds);
     std::int64_t time = latest_ ? latest_->pts + tick : part_.start;
-    if (picture->pts != AV_NOPTS_VALUE)
-        time = part_.start + av_rescale_q(picture->pts, part_.from->time_base, kMicroseconds);
-    if (time >= part_.end || time < part_.start - tick / 2)
+    if (frame->pts != AV_NOPTS_VALUE) {
+        time = part_.start + av_rescale_q(frame->pts, part_.from->time_base, kMicroseconds);
+    }
+    if (time >= part_.end || time < part_.start - tick / 2) {
         return;
+    }
     // Until its first picture comes a source does not show the last one of the source before it.
-    if (!latest_)
-        show(*picture, part_.start);
-    latest_ = std::move(picture);
+    if (!latest_) {
+        show(*frame, part_.start);
+    }
+    latest_ = std::move(frame);
     latest_->pts = std::max(time, part_.start);
     show(*latest_, latest_->pts);
 }
 
-void MergePictureLane::show(const AVFrame& picture, std::int64_t time) {
-    FramePtr shown = reference(picture);
+void MergeVideoTrack::show(const AVFrame& frame, std::int64_t time) {
+    FramePtr shown = reference(frame);
     shown->pts = time;
     shown->pkt_duration = 0;
     timer_->push(std::move(shown), [this](FramePtr timed) { encode(std::move(timed)); });
 }
 
-void MergePictureLane::hold(std::int64_t time) {
+void MergeVideoTrack::hold(std::int64_t time) {
     drain();
     if (!latest_ && !part_.from) {
         latest_ = black();
@@ -105,34 +114,37 @@ void MergePictureLane::hold(std::int64_t time) {
     }
 }
 
-void MergePictureLane::end() {
+void MergeVideoTrack::end() {
     drain();
-    if (fed_ && !latest_)
+    if (fed_ && !latest_) {
         fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "Its pictures cannot be decoded");
+    }
     hold(part_.end);
 }
 
-void MergePictureLane::drain() {
-    if (!decoder_)
+void MergeVideoTrack::drain() {
+    if (!decoder_) {
         return;
+    }
     decoder_->finish([this](FramePtr frame) { convert(std::move(frame)); });
-    if (filter_)
+    if (filter_) {
         filter_->finish([this](FramePtr ready) { place(std::move(ready)); });
+    }
     decoder_.reset();
 }
 
-void MergePictureLane::encode(FramePtr frame) {
+void MergeVideoTrack::encode(FramePtr frame) {
     frame->pict_type = AV_PICTURE_TYPE_NONE;  // the source's choice of key frames is not the encoder's
     frame->interlaced_frame = 0;
     encoder_->encode(*frame);
 }
 
-void MergePictureLane::finish() {
+void MergeVideoTrack::finish() {
     timer_->finish([this](FramePtr timed) { encode(std::move(timed)); });
     encoder_->finish();
 }
 
-FramePtr MergePictureLane::black() const {
+FramePtr MergeVideoTrack::black() const {
     FramePtr frame = newFrame();
     frame->width = format_.width;
     frame->height = format_.height;
@@ -140,8 +152,9 @@ FramePtr MergePictureLane::black() const {
     frame->color_range = format_.range;
     frame->sample_aspect_ratio = format_.sampleAspect;
     frame->pts = part_.start;
-    if (av_frame_get_buffer(frame.get(), 0) < 0)
+    if (av_frame_get_buffer(frame.get(), 0) < 0) {
         throw std::bad_alloc();
+    }
     const std::ptrdiff_t strides[4]{frame->linesize[0], frame->linesize[1], frame->linesize[2], frame->linesize[3]};
     av_image_fill_black(frame->data, strides, format_.pixels, format_.range, frame->width, frame->height);
     return frame;

@@ -15,11 +15,11 @@ namespace krv::media {
 /// known only when a later one has been decoded, and if the first one that comes out is too late already, because a
 /// picture before it is held for seconds, one has to go further back. One thread; several readers may read the same
 /// descriptor, each with a decoder of one thread, which is quicker for many pictures than one decoder of many.
-class PictureReader {
+class FrameReader {
 public:
     /// The source, wherever it stands, belongs to the reader as long as that lives. Throws what Decoder throws, and
     /// Failure UnusableSource when there are no moving pictures.
-    explicit PictureReader(Source& source);
+    explicit FrameReader(Source& source);
 
     [[nodiscard]] Source& source() noexcept { return source_; }
     [[nodiscard]] const AVStream& stream() const noexcept { return source_.stream(index_); }

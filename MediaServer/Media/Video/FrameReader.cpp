@@ -4,20 +4,21 @@
 #include <MediaServer/Media/Container/StreamSelection.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 #include <MediaServer/Media/Video/FrameRate.h>
-#include <MediaServer/Media/Video/PictureReader.h>
+#include <MediaServer/Media/Video/FrameReader.h>
 
 namespace krv::media {
 namespace {
 
-// Where the container has no index that tells, decoding on is quicker than seeking for times as close as this.
+/// Where the container has no index that tells, decoding on is quicker than seeking for times as close as this.
 constexpr std::int64_t kClose = 2 * static_cast<std::int64_t>(AV_TIME_BASE);
 
-// The first step further back when the picture is not found; each is four times the one before.
+/// The first step further back when the picture is not found; each is four times the one before.
 constexpr std::int64_t kFirstStepBack = AV_TIME_BASE;
 
 std::size_t requireVideo(const Source& source) {
-    if (const auto index = mainVideoStream(source))
+    if (const auto index = mainVideoStream(source)) {
         return *index;
+    }
     throw Failure(FailureCode::UnusableSource, "It has no video.");
 }
 
@@ -28,13 +29,14 @@ std::optional<std::size_t> mainVideoStream(const Source& source) {
     for (std::size_t i = 0; i < source.streamCount(); ++i) {
         const AVStream& stream = source.stream(i);
         if (stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO && !isCover(stream) &&
-            avcodec_find_decoder(stream.codecpar->codec_id))
+            avcodec_find_decoder(stream.codecpar->codec_id)) {
             found.push_back(i);
+        }
     }
     return defaultOrFirst(source, found);
 }
 
-PictureReader::PictureReader(Source& source)
+FrameReader::FrameReader(Source& source)
     : source_(source)
     , index_(requireVideo(source_))
     , decoder_(source_.stream(index_), 1)
@@ -44,29 +46,33 @@ PictureReader::PictureReader(Source& source)
     source_.select({index_});
 }
 
-std::int64_t PictureReader::duration() {
-    if (duration_ > 0)
+std::int64_t FrameReader::duration() {
+    if (duration_ > 0) {
         return duration_;
+    }
     const PacketPtr packet = newPacket();
     std::int64_t packets = 0;
     std::int64_t end = 0;
     const AVRational unit = stream().time_base;
-    for (; source_.read(*packet); ++packets)
-        if (packet->pts != AV_NOPTS_VALUE)
+    for (; source_.read(*packet); ++packets) {
+        if (packet->pts != AV_NOPTS_VALUE) {
             end = std::max(end, av_rescale_q(packet->pts + packet->duration, unit, kMicroseconds));
+        }
+    }
     duration_ = std::max({end - source_.start(), packets * frameLength_, frameLength_});
     goTo(source_.start());
     return duration_;
 }
 
-void PictureReader::onlyKeyFrames(bool only) {
+void FrameReader::onlyKeyFrames(bool only) {
     decoder_.context().skip_frame = only ? AVDISCARD_NONKEY : AVDISCARD_DEFAULT;
 }
 
-void PictureReader::goTo(std::int64_t time) {
+void FrameReader::goTo(std::int64_t time) {
     // A format that cannot be sought in is read from where it stands, which at first is its beginning.
-    if (time <= source_.start() || !source_.seek(index_, time))
+    if (time <= source_.start() || !source_.seek(index_, time)) {
         (void)source_.rewind();
+    }
     decoder_.flush();
     decoded_.clear();
     shown_.reset();
@@ -74,7 +80,7 @@ void PictureReader::goTo(std::int64_t time) {
     expected_ = std::max(time, source_.start());
 }
 
-void PictureReader::decodeMore() {
+void FrameReader::decodeMore() {
     const auto keep = [this](FramePtr frame) {
         frame->pts =
             frame->pts == AV_NOPTS_VALUE ? expected_ : av_rescale_q(frame->pts, stream().time_base, kMicroseconds);
@@ -86,8 +92,9 @@ void PictureReader::decodeMore() {
         if (source_.read(*packet)) {
             const bool wanted =
                 decoder_.context().skip_frame < AVDISCARD_NONKEY || (packet->flags & AV_PKT_FLAG_KEY) != 0;
-            if (wanted)
+            if (wanted) {
                 decoder_.push(*packet, keep);
+            }
         } else {
             decoder_.finish(keep);
             ended_ = true;
@@ -95,24 +102,27 @@ void PictureReader::decodeMore() {
     }
 }
 
-FramePtr PictureReader::next() {
+FramePtr FrameReader::next() {
     decodeMore();
-    if (decoded_.empty())
+    if (decoded_.empty()) {
         return nullptr;
+    }
     FramePtr frame = std::move(decoded_.front());
     decoded_.pop_front();
     return frame;
 }
 
 // Whether decoding on leads to the time without a detour: nothing to gain from a key frame in between.
-bool PictureReader::isOnTheWay(std::int64_t time) const {
-    if (!shown_ || time < shown_->pts)
+bool FrameReader::isOnTheWay(std::int64_t time) const {
+    if (!shown_ || time < shown_->pts) {
         return false;
+    }
     auto& indexed = const_cast<AVStream&>(stream());  // only read
     const std::int64_t there = av_rescale_q(time - source_.timeShift(), kMicroseconds, indexed.time_base);
     const int key = av_index_search_timestamp(&indexed, there, AVSEEK_FLAG_BACKWARD);
-    if (key < 0 || avformat_index_get_entry(&indexed, key) == nullptr)
+    if (key < 0 || avformat_index_get_entry(&indexed, key) == nullptr) {
         return time - shown_->pts <= kClose;
+    }
     const std::int64_t keyTime =
         av_rescale_q(avformat_index_get_entry(&indexed, key)->timestamp, indexed.time_base, kMicroseconds) +
         source_.timeShift();
@@ -120,29 +130,34 @@ bool PictureReader::isOnTheWay(std::int64_t time) const {
 }
 
 // The last picture that begins no later than the time, or the first later one if there is none.
-FramePtr PictureReader::lastUntil(std::int64_t time) {
+FramePtr FrameReader::lastUntil(std::int64_t time) {
     for (;;) {
         decodeMore();
-        if (decoded_.empty())
+        if (decoded_.empty()) {
             return shown_ ? reference(*shown_) : nullptr;
-        if (decoded_.front()->pts > time)
+        }
+        if (decoded_.front()->pts > time) {
             return reference(shown_ ? *shown_ : *decoded_.front());
+        }
         shown_ = std::move(decoded_.front());
         decoded_.pop_front();
     }
 }
 
-FramePtr PictureReader::shownAt(std::int64_t time) {
+FramePtr FrameReader::shownAt(std::int64_t time) {
     const std::int64_t start = source_.start();
-    if (isOnTheWay(time))
-        if (FramePtr frame = lastUntil(time))
+    if (isOnTheWay(time)) {
+        if (FramePtr frame = lastUntil(time)) {
             return frame;
+        }
+    }
     std::int64_t from = std::max(time, start);
     for (std::int64_t step = kFirstStepBack;; step *= 4) {
         goTo(from);
         FramePtr frame = lastUntil(time);
-        if (from <= start || (frame && frame->pts <= time))
+        if (from <= start || (frame && frame->pts <= time)) {
             return frame;
+        }
         from = std::max(start, time - step);
     }
 }

@@ -4,7 +4,7 @@
 #include <fmt/format.h>
 
 #include <MediaServer/Media/Codec/HDRMetadata.h>
-#include <MediaServer/Media/Video/PictureFormat.h>
+#include <MediaServer/Media/Video/VideoFormat.h>
 
 extern "C" {
 #include <libavutil/display.h>
@@ -27,8 +27,8 @@ int clockwiseQuarterTurns(const std::int32_t* matrix) {
     return std::isfinite(degrees) ? (static_cast<int>(std::lround(degrees / 90)) % 4 + 4) % 4 : 0;
 }
 
-// A matrix with a negative determinant mirrors. What FFmpeg then reports as the angle is that of the first
-// column.
+/// A matrix with a negative determinant mirrors. What FFmpeg then reports as the angle is that of the first
+/// column.
 bool mirrors(const std::int32_t* matrix) {
     const auto a = static_cast<double>(matrix[0]), b = static_cast<double>(matrix[1]);
     const auto c = static_cast<double>(matrix[3]), d = static_cast<double>(matrix[4]);
@@ -50,19 +50,22 @@ bool hasAlpha(AVPixelFormat format) {
     return descriptor && (descriptor->flags & AV_PIX_FMT_FLAG_ALPHA);
 }
 
-AVPixelFormat choosePixels(const PictureRequest& request) {
+AVPixelFormat choosePixels(const VideoFormatRequest& request) {
     const auto source = static_cast<AVPixelFormat>(request.frame.format);
     if (!request.settings.pixelFormat) {
-        if (hasAlpha(source) && request.codec.alphaPixelFormat != AV_PIX_FMT_NONE)
+        if (hasAlpha(source) && request.codec.alphaPixelFormat != AV_PIX_FMT_NONE) {
             return request.codec.alphaPixelFormat;
+        }
         return request.codec.pixelFormats[depth(source) > 8 ? 1 : 0];
     }
     const AVPixelFormat asked = *request.settings.pixelFormat;
     for (const char* name : request.codec.encoders) {
         const AVCodec* encoder = name ? avcodec_find_encoder_by_name(name) : nullptr;
-        for (const auto* one = encoder ? encoder->pix_fmts : nullptr; one && *one != AV_PIX_FMT_NONE; ++one)
-            if (*one == asked)
+        for (const auto* one = encoder ? encoder->pix_fmts : nullptr; one && *one != AV_PIX_FMT_NONE; ++one) {
+            if (*one == asked) {
                 return asked;
+            }
+        }
     }
     throw Failure(FailureCode::Unsupported, fmt::format("The setting “pixelFormat={}” does not apply to {}.",
                                                         av_get_pix_fmt_name(asked), request.codec.displayName));
@@ -73,31 +76,36 @@ int aligned(double side, int log2) {
     return std::clamp(static_cast<int>(std::lround(side)) & ~(unit - 1), unit, 16384);
 }
 
-// Sides that are asked for are those of the upright picture. One alone keeps the shape of the picture; two of
-// them change the shape of the pixels, so that what is shown is not distorted.
-void chooseSize(PictureFormat& format, const PictureRequest& request, bool sideways) {
+/// Sides that are asked for are those of the upright picture. One alone keeps the shape of the picture; two of
+/// them change the shape of the pixels, so that what is shown is not distorted.
+void chooseSize(VideoFormat& format, const VideoFormatRequest& request, bool sideways) {
     const double width = request.frame.width;
     const double height = request.frame.height;
     auto askedWidth = request.settings.width;
     auto askedHeight = request.settings.height;
-    if (sideways)
+    if (sideways) {
         std::swap(askedWidth, askedHeight);
+    }
     double newWidth = askedWidth ? *askedWidth : width;
     double newHeight = askedHeight ? *askedHeight : height;
-    if (askedWidth && !askedHeight)
+    if (askedWidth && !askedHeight) {
         newHeight = height * newWidth / width;
-    if (askedHeight && !askedWidth)
+    }
+    if (askedHeight && !askedWidth) {
         newWidth = width * newHeight / height;
+    }
 
     const AVPixFmtDescriptor* pixels = av_pix_fmt_desc_get(format.pixels);
     format.width = aligned(newWidth, pixels->log2_chroma_w);
     format.height = aligned(newHeight, pixels->log2_chroma_h);
 
     AVRational aspect = request.stream.sample_aspect_ratio;
-    if (aspect.num <= 0 || aspect.den <= 0)
+    if (aspect.num <= 0 || aspect.den <= 0) {
         aspect = request.frame.sample_aspect_ratio;
-    if (aspect.num <= 0 || aspect.den <= 0)
+    }
+    if (aspect.num <= 0 || aspect.den <= 0) {
         aspect = AVRational{askedWidth && askedHeight ? 1 : 0, 1};
+    }
     if (askedWidth && askedHeight && aspect.num > 0) {
         const std::int64_t across = static_cast<std::int64_t>(aspect.num) * request.frame.width * format.height;
         const std::int64_t down = static_cast<std::int64_t>(aspect.den) * request.frame.height * format.width;
@@ -111,7 +119,7 @@ T firstKnown(T first, T second, T unknown) {
     return first != unknown ? first : second;
 }
 
-void chooseColour(PictureFormat& format, const PictureRequest& request) {
+void chooseColour(VideoFormat& format, const VideoFormatRequest& request) {
     const AVFrame& frame = request.frame;
     const AVCodecParameters& codec = *request.stream.codecpar;
     format.primaries = firstKnown(frame.color_primaries, codec.color_primaries, AVCOL_PRI_UNSPECIFIED);
@@ -129,8 +137,9 @@ void chooseColour(PictureFormat& format, const PictureRequest& request) {
         format.range = AVCOL_RANGE_JPEG;
     }
     if (format.pixels == AV_PIX_FMT_YUVJ420P || format.pixels == AV_PIX_FMT_YUVJ422P ||
-        format.pixels == AV_PIX_FMT_YUVJ444P)
+        format.pixels == AV_PIX_FMT_YUVJ444P) {
         format.range = AVCOL_RANGE_JPEG;
+    }
     format.toneMapped = isHDR(format.transfer) && depth(format.pixels) <= 8;
     if (format.toneMapped) {
         format.peakLuminance = HDRMetadata(request.stream, frame).peakLuminance();
@@ -141,9 +150,9 @@ void chooseColour(PictureFormat& format, const PictureRequest& request) {
     }
 }
 
-// Fields are kept where the codec stays the same, and for codecs of post production. Elsewhere the change of
-// codec is the moment to make whole pictures of them, because the new one's players expect these.
-void chooseInterlacing(PictureFormat& format, const PictureRequest& request) {
+/// Fields are kept where the codec stays the same, and for codecs of post production. Elsewhere the change of
+/// codec is the moment to make whole pictures of them, because the new one's players expect these.
+void chooseInterlacing(VideoFormat& format, const VideoFormatRequest& request) {
     const char* name = request.codec.encoders.front();
     const bool staysSame = request.stream.codecpar->codec_id == request.codec.id;
     const bool production = request.codec.id == AV_CODEC_ID_PRORES;
@@ -160,13 +169,13 @@ bool displayedSideways(const AVStream& stream) {
     return matrix && clockwiseQuarterTurns(matrix) % 2 == 1;
 }
 
-void turnUpright(PictureFormat& format, const AVStream& stream) {
+void turnUpright(VideoFormat& format, const AVStream& stream) {
     const std::int32_t* matrix = displayMatrix(stream);
     format.quarterTurns = matrix ? clockwiseQuarterTurns(matrix) : 0;
     format.mirrored = matrix && mirrors(matrix);
 }
 
-void describe(const PictureFormat& format, AVCodecContext& encoder) {
+void describe(const VideoFormat& format, AVCodecContext& encoder) {
     encoder.width = format.width;
     encoder.height = format.height;
     encoder.pix_fmt = format.pixels;
@@ -183,8 +192,8 @@ void describe(const PictureFormat& format, AVCodecContext& encoder) {
     }
 }
 
-PictureFormat choosePictureFormat(const PictureRequest& request) {
-    PictureFormat format;
+VideoFormat chooseVideoFormat(const VideoFormatRequest& request) {
+    VideoFormat format;
     format.pixels = choosePixels(request);
     const std::int32_t* matrix = displayMatrix(request.stream);
     chooseSize(format, request, matrix && clockwiseQuarterTurns(matrix) % 2 == 1);
@@ -192,8 +201,9 @@ PictureFormat choosePictureFormat(const PictureRequest& request) {
         turnUpright(format, request.stream);
         if (format.quarterTurns % 2 == 1) {
             std::swap(format.width, format.height);
-            if (format.sampleAspect.num > 0)
+            if (format.sampleAspect.num > 0) {
                 std::swap(format.sampleAspect.num, format.sampleAspect.den);
+            }
         }
     }
     chooseColour(format, request);

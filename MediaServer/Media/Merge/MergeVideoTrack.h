@@ -4,24 +4,24 @@
 
 #include <MediaServer/Media/Codec/Decoder.h>
 #include <MediaServer/Media/Codec/EncoderSession.h>
-#include <MediaServer/Media/Merge/MergeLane.h>
+#include <MediaServer/Media/Merge/MergeTrack.h>
 #include <MediaServer/Media/Video/FrameTimer.h>
-#include <MediaServer/Media/Video/PictureFormat.h>
 #include <MediaServer/Media/Video/VideoFilter.h>
+#include <MediaServer/Media/Video/VideoFormat.h>
 
 namespace krv::media {
 
 /// Pictures that are encoded anew: upright, in the size, shape, colours and rate of a model, the others fitted
 /// into that with bars; black where a source has none.
-class MergePictureLane : public MergeLane {
+class MergeVideoTrack : public MergeTrack {
 public:
     struct Model {
-        const AVStream& stream;  ///< lives as long as the lane
-        FramePtr picture;        ///< its first
+        const AVStream& stream;  ///< lives as long as the track
+        FramePtr firstFrame;     ///< its first
         AVRational tick;         ///< how long each is shown, in seconds
         std::int64_t end;        ///< of the merged movie, in microseconds
     };
-    MergePictureLane(Model model, const Codec& codec);
+    MergeVideoTrack(Model model, const Codec& codec);
 
     void open(OutputFile& output) override;
     void begin(const MergePart& part) override;
@@ -32,8 +32,8 @@ public:
 
 private:
     void convert(FramePtr frame);
-    void place(FramePtr picture);
-    void show(const AVFrame& picture, std::int64_t time);
+    void place(FramePtr frame);
+    void show(const AVFrame& frame, std::int64_t time);
     void drain();
     void encode(FramePtr frame);
     [[nodiscard]] FramePtr black() const;
@@ -41,7 +41,7 @@ private:
     const Model model_;
     const Codec& codec_;
     const Settings settings_;
-    PictureFormat format_;  // of the model, which is the target
+    VideoFormat format_;  // of the model, which is the target
     std::optional<EncoderSession> encoder_;
     std::optional<FrameTimer> timer_;
     std::optional<Decoder> decoder_;

@@ -19,12 +19,12 @@ struct MergePart {
 
 /// The way of one track of a merged movie: of all sources, one after another, into the output. open(), then
 /// for each source begin(), push() and hold() as often as needed, and end(); then finish(). One thread.
-class MergeLane {
+class MergeTrack {
 public:
-    MergeLane() = default;
-    virtual ~MergeLane() = default;
-    MergeLane(const MergeLane&) = delete;
-    MergeLane& operator=(const MergeLane&) = delete;
+    MergeTrack() = default;
+    virtual ~MergeTrack() = default;
+    MergeTrack(const MergeTrack&) = delete;
+    MergeTrack& operator=(const MergeTrack&) = delete;
 
     /// Adds the stream to the output. Throws Failure.
     virtual void open(OutputFile& output) = 0;
