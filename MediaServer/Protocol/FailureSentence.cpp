@@ -203,6 +203,16 @@ std::string attempt(const KRVOperationBase& request, const std::string& source, 
     }
 }
 
+/// How "Cannot convert holiday.mov" goes on where the destination is to blame and the phrase does not name it.
+std::string destinationSuffix(const KRVOperationBase& request, const Row& row, const std::string& destination) {
+    const MediaOperation* const operation = mediaOperation(request.operationType());
+    if (!operation || operation->destination != MediaOperation::Destination::File || row.about != About::Destination ||
+        row.phrase.find("{destination}") != std::string_view::npos) {
+        return {};
+    }
+    return (operation->sources == MediaOperation::Sources::Many ? " into " : " to ") + destination;
+}
+
 /// The file name of the source that is meant, or words for all sources.
 std::string sourceName(const KRVOperationBase& request, const std::vector<std::string>& sources,
                        const Failure& failure) {
@@ -263,7 +273,8 @@ std::shared_ptr<const Error> makeError(const KRVOperationBase& request, const Fa
                     fmt::arg("system", systemPhrase(failure.errorNumber)), fmt::arg("reason", inWords(failure.reason)));
     Dictionary userInfo{
         {NSLocalizedDescriptionKey,
-         fmt::format("Cannot {}: {}.", attempt(request, sourceName(request, sources, failure), destination), phrase)},
+         fmt::format("Cannot {}{}: {}.", attempt(request, sourceName(request, sources, failure), destination),
+                     destinationSuffix(request, row, destination), phrase)},
         {NSLocalizedFailureReasonErrorKey, reasonOf(failure, phrase)}};
     if (!path.empty()) {
         userInfo.set(kErrorFilePath, path);

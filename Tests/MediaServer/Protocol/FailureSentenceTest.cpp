@@ -167,7 +167,7 @@ TEST(FailureSentence, NamesTheSourceOfAMergeThatIsToBlame) {
     EXPECT_EQ(error->localizedDescription(), "Cannot merge bad.mov: it has neither a video nor an audio track.");
     EXPECT_EQ((*error->userInfo())[kErrorFilePath], Value("/movies/bad.mov"));
     EXPECT_EQ(sentence(merge, {.cause = FailureCause::UnsupportedContainer, .subject = "xyz"}),
-              "Cannot merge 2 movies: the container \"xyz\" is not supported.");
+              "Cannot merge 2 movies into out.mp4: the container \"xyz\" is not supported.");
 }
 
 TEST(FailureSentence, NamesAnotherFileWhereOneIsMeant) {
