@@ -22,11 +22,11 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kClientCheck = 2s;
-/// Operations seldom come more than two at a time, and each spare costs memory.
+/// More than two operations rarely start at the same time, and each idle worker costs memory.
 constexpr unsigned kSpareWorkers = 2;
-/// While it is ending the server looks this often whether it may.
-constexpr auto kEndCheck = 50ms;
-/// How long a server that is ending waits for its clients to fetch what they do not know yet.
+/// How often the server checks whether it may exit while it is shutting down.
+constexpr auto kExitCheck = 50ms;
+/// How long the server waits, when it is shutting down, for clients to ask for outcomes that they do not know.
 constexpr auto kFarewell = 3s;
 
 }  // namespace
@@ -35,7 +35,7 @@ ServerProcess::ServerProcess(Settings settings)
     : settings_(std::move(settings))
     , wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
     , workers_(settings_.workerExecutable, kSpareWorkers, settings_.workerMemory)
-    , ledger_([this] { held_.lookAgain(); })
+    , ledger_([this] { held_.checkAgain(); })
     , executors_(ledger_, settings_.executors,
                  [this](const KRVOperationBase::Ref& request, const Cancellation& cancellation,
                         const std::function<void(double)>& onProgress) {
@@ -69,14 +69,14 @@ void ServerProcess::requestShutDown() {
 void ServerProcess::beginShutDown() {
     if (!shuttingDown_) {
         shuttingDown_ = true;
-        serverLog(kLogFlagInfo, "shutdown", "ending when what runs has finished");
+        serverLog(kLogFlagInfo, "shutdown", "exiting when the running operations have finished");
         ledger_.close();
     }
 }
 
-void ServerProcess::lookAfterClients() {
+void ServerProcess::removeDeadClients() {
     for (const ClientKey& dead : clients_.removeDead()) {
-        serverLog(kLogFlagInfo, "clients", fmt::format("process {} has gone", dead.pid));
+        serverLog(kLogFlagInfo, "clients", fmt::format("process {} has exited", dead.pid));
         ledger_.removeAllOf(dead);
     }
     for (const ClientKey& client : ledger_.removeOld()) {
@@ -84,7 +84,7 @@ void ServerProcess::lookAfterClients() {
     }
 }
 
-bool ServerProcess::mayEnd() {
+bool ServerProcess::mayExit() {
     const auto counts = ledger_.counts();
     const auto now = std::chrono::steady_clock::now();
     const bool working = counts.running + counts.queued > 0;
@@ -123,17 +123,17 @@ int ServerProcess::run(int signals) {
     serverLog(kLogFlagInfo, "start", fmt::format("serving on port {}", port_));
 
     auto nextCheck = std::chrono::steady_clock::now() + kClientCheck;
-    while (!mayEnd()) {
+    while (!mayExit()) {
         std::array<pollfd, 2> waiting{{{signals, POLLIN, 0}, {wake_.get(), POLLIN, 0}}};
         const auto timeout =
-            shuttingDown_ ? std::chrono::milliseconds(kEndCheck) : std::chrono::milliseconds(kClientCheck);
+            shuttingDown_ ? std::chrono::milliseconds(kExitCheck) : std::chrono::milliseconds(kClientCheck);
         if (::poll(waiting.data(), waiting.size(), static_cast<int>(timeout.count())) < 0 && errno != EINTR) {
             break;
         }
         signalfd_siginfo info{};
         if ((waiting[0].revents & POLLIN) != 0 && ::read(signals, &info, sizeof info) == sizeof info) {
             if (std::exchange(signalled_, true)) {
-                serverLog(kLogFlagInfo, "shutdown", "cancelling what runs");
+                serverLog(kLogFlagInfo, "shutdown", "cancelling the running operations");
                 ledger_.cancelEverything();
             }
             beginShutDown();
@@ -145,12 +145,12 @@ int ServerProcess::run(int signals) {
         }
         if (std::chrono::steady_clock::now() >= nextCheck) {
             nextCheck = std::chrono::steady_clock::now() + kClientCheck;
-            lookAfterClients();
+            removeDeadClients();
             front_.dropSlowSenders();
-            publisher.tend();
+            publisher.restartIfFailed();
         }
     }
-    serverLog(kLogFlagInfo, "shutdown", "ended");
+    serverLog(kLogFlagInfo, "shutdown", "exited");
     return 0;
 }
 

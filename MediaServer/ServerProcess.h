@@ -17,10 +17,11 @@
 
 namespace krv::server {
 
-/// The server as a whole: puts its parts together, looks after its clients, and knows when to end.
+/// The server as a whole: connects its parts, checks its clients, and decides when to exit.
 ///
-/// It ends when it is asked to (a signal, or an operation of type 17) and what runs has finished, or when nobody has
-/// needed it for a while. A second signal cancels what runs; operations of type 17 never do, however many come.
+/// A signal or an operation of type 17 makes the server exit when all running operations have finished. A second signal
+/// cancels them; operations of type 17 never do, however many arrive. Without clients and operations, the server exits
+/// after a while.
 class ServerProcess {
 public:
     struct Settings {
@@ -28,26 +29,27 @@ public:
         std::int32_t maximumPort;
         std::string serviceName;
         std::string workerExecutable;
-        /// Bytes that each worker may write to; zero: what suits this machine.
+        /// Bytes of writable memory per worker; 0 for a default that depends on the machine.
         std::uint64_t workerMemory;
         /// Executor threads for long operations.
         unsigned executors;
-        /// Zero: never.
+        /// How long the server keeps running without clients and operations; 0 for ever.
         std::chrono::seconds idleTimeout;
     };
 
     explicit ServerProcess(Settings settings);
 
-    /// Serves until the end. signals: a descriptor from signalfd with what asks for it. Returns the exit status.
+    /// Serves until the server is to exit. signals: a signalfd for the signals that request it; borrowed. Returns the exit
+    /// status.
     [[nodiscard]] int run(int signals);
 
 private:
     [[nodiscard]] std::string statusText() const;
     void requestShutDown();
-    /// A signal came, or type 17.
+    /// Stops accepting media operations. Called on the main thread after a signal or an operation of type 17.
     void beginShutDown();
-    void lookAfterClients();
-    [[nodiscard]] bool mayEnd();
+    void removeDeadClients();
+    [[nodiscard]] bool mayExit();
 
     const Settings settings_;
     const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
@@ -66,7 +68,7 @@ private:
     OperationLedger ledger_;
     OperationExecutors executors_;
     OperationDispatcher dispatcher_;
-    /// Goes first: its replies must all be given while the rest still stands.
+    /// Destroyed first: all replies must be given while the other parts exist.
     HTTPFront front_;
 };
 

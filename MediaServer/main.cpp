@@ -24,11 +24,11 @@ using namespace krv::server;
 constexpr std::string_view kLoggingDomainKey = "KRVLoggingDomain";
 constexpr std::string_view kIdleTimeoutKey = "idleTimeout";
 constexpr std::int64_t kDefaultIdleSeconds = 600;
-/// In MiB; without it half of the machine's memory, between one and eight GiB.
+/// In MiB. The default is half of the machine's memory, at least 1 GiB and at most 8 GiB.
 constexpr std::string_view kWorkerMemoryLimitKey = "workerMemoryLimit";
 
-/// Blocks what asks for the end, in this thread and all that it starts, and returns a descriptor that tells of it.
-int signalsOfTheEnd() {
+/// Blocks SIGTERM, SIGINT and SIGHUP in this thread and its descendants. Returns a signalfd that reports them.
+int openTerminationSignals() {
     sigset_t set;
     sigemptyset(&set);
     for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
@@ -39,7 +39,7 @@ int signalsOfTheEnd() {
     return ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
 }
 
-/// A connection needs a descriptor, and a thousand of them are to be no trouble.
+/// Each connection needs a descriptor, and the server must handle a thousand of them.
 void allowManyDescriptors() {
     constexpr rlim_t kEnough = 4096;
     rlimit limit{};
@@ -63,7 +63,7 @@ std::uint64_t workerMemory(const UserDefaults& defaults) {
 }  // namespace
 
 int main() {
-    const int signals = signalsOfTheEnd();
+    const int signals = openTerminationSignals();
     allowManyDescriptors();
     UserDefaults& defaults = UserDefaults::standard();
     if (const auto domain = defaults.stringForKey(kLoggingDomainKey)) {
@@ -76,7 +76,7 @@ int main() {
     case InstanceLock::Result::Held:
         break;
     case InstanceLock::Result::TakenByAnother:
-        return 0;  // which serves this user already
+        return 0;  // the other server already serves this user
     case InstanceLock::Result::Failed:
         fmt::print(stderr, "KRVQuicktimeProcess: no folder for the lock file\n");
         return 1;

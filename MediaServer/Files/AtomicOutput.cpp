@@ -48,7 +48,7 @@ bool isHiddenName(const std::filesystem::path& path) {
 AtomicOutput::AtomicOutput(std::string destination)
     : asGiven_(std::move(destination))
     , destination_(asGiven_) {
-    // A link is followed, as any program that writes a file does, so that it stays a link.
+    // Follows a symbolic link, as any program that writes a file does, so that it stays a link.
     std::error_code failure;
     if (std::filesystem::is_symlink(destination_, failure)) {
         if (auto target = std::filesystem::weakly_canonical(destination_, failure); !failure) {
@@ -74,7 +74,7 @@ std::unique_ptr<AtomicOutput> AtomicOutput::open(const std::string& destination,
             failure = output->failed(EISDIR);
             return nullptr;
         }
-        // Replacing needs the folder only, but nobody expects a write-protected file to be replaced.
+        // Replacing needs write access to the folder only, but users do not expect a read-only file to be replaced.
         if (::faccessat(AT_FDCWD, output->destination_.c_str(), W_OK, AT_EACCESS) != 0) {
             failure = output->failed(errno);
             return nullptr;
@@ -108,7 +108,7 @@ bool AtomicOutput::noteHiddenName() {
     hidden_ = destination_.parent_path() / fmt::format("{}{}{}", kHiddenPrefix, name, kHiddenSuffix);
     const auto folder = notesFolder();
     if (folder.empty()) {
-        return true;  // nowhere to note it: the work is worth more than the sweep
+        return true;  // there is nowhere to record it, and the output is worth more than the clean-up
     }
     note_ = folder / name;
     const Descriptor note(::open(note_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));

@@ -10,14 +10,14 @@
 
 namespace krv::server {
 
-/// A file that appears under its name when it is complete, or not at all.
+/// An output file that appears under its name when it is complete, or not at all.
 ///
-/// It is written to an unnamed file in the destination's folder. A destination that does not exist is linked in one
-/// step. An existing one is replaced by linking to a hidden name beside it and renaming that over it; the hidden name
-/// is noted in the state folder first, so that the next start of the server sweeps away what an abrupt end in between
-/// has left. Where the file system has no unnamed files the hidden name stands from the beginning.
+/// The output is written to an unnamed file in the destination's folder. A destination that does not exist is linked in
+/// one step. An existing one is replaced by linking to a hidden name beside it and renaming that over it. The hidden
+/// name is recorded in the state folder first, so that the next start of the server removes what a killed server left.
+/// Where the file system has no unnamed files, the hidden name exists from the beginning.
 ///
-/// Dropped without commit() it leaves nothing behind, and the old destination whole.
+/// If the object is destroyed without commit(), it leaves nothing behind and the old destination is whole.
 class AtomicOutput {
 public:
     /// Opens the unnamed file. The path must be absolute. Returns null and sets failure if the destination cannot be
@@ -28,19 +28,19 @@ public:
     AtomicOutput(const AtomicOutput&) = delete;
     AtomicOutput& operator=(const AtomicOutput&) = delete;
 
-    /// Open for reading and writing.
+    /// The unnamed file, open for reading and writing; borrowed.
     [[nodiscard]] int descriptor() const noexcept { return file_.get(); }
 
     /// Flushes the file and puts it under its name. Returns the failure, if any.
     [[nodiscard]] std::optional<Failure> commit();
 
-    /// The same in two steps, for several files that belong together. place() puts the file under its name and keeps
-    /// what stood there; until keep() has been called the old state comes back when this goes. (Where the file system
-    /// cannot exchange two files, a file that was replaced stays replaced.)
+    /// The same in two steps, for several files that belong together. place() puts the file under its name and keeps the
+    /// old file. Until keep() is called, the destructor restores the old state. Where the file system cannot exchange two
+    /// files, a file that was replaced stays replaced.
     [[nodiscard]] std::optional<Failure> place();
     void keep();
 
-    /// Removes the hidden names that an earlier server has noted and left.
+    /// Removes the hidden files that an earlier server recorded and left.
     static void sweep();
 
 private:
@@ -58,11 +58,11 @@ private:
     [[nodiscard]] Failure failed(int errorNumber) const;
 
     const std::string asGiven_;
-    /// Where links lead to.
+    /// The destination with symbolic links followed.
     std::filesystem::path destination_;
     Descriptor file_;
     Placed placed_ = Placed::No;
-    /// The hidden name, when there is one on the disk.
+    /// The hidden name; empty if there is none on the disk.
     std::filesystem::path hidden_;
     std::filesystem::path note_;
 };

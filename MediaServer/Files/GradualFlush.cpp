@@ -9,12 +9,12 @@
 namespace krv::server {
 namespace {
 
-/// Less than a second's work for a slow disk.
+/// A slow disk writes this in less than a second.
 constexpr off_t kPart = off_t{8} << 20;
 
 }  // namespace
 
-int flushGradually(int file, const std::function<bool()>& onLife) {
+int flushGradually(int file, const std::function<bool()>& onProgress) {
     struct stat status {};
     if (::fstat(file, &status) != 0) {
         return errno;
@@ -25,7 +25,7 @@ int flushGradually(int file, const std::function<bool()>& onLife) {
             const bool notInParts = errno == ESPIPE || errno == EINVAL || errno == ENOSYS;
             return notInParts ? 0 : errno;
         }
-        if (!onLife()) {
+        if (!onProgress()) {
             break;
         }
     }

@@ -4,11 +4,11 @@
 
 namespace krv::server {
 
-/// Writes what a file holds to the disk, a part at a time, and says after each that it moves. A long movie on a slow
-/// disk takes minutes for that, and a client must not take them for a standstill.
+/// Flushes a file to the disk a part at a time and calls onProgress after each part. On a slow disk, a long movie takes
+/// minutes, and the client must see that work advances.
 ///
-/// onLife is called on this thread and returns whether to go on. Returns 0, also when told not to go on and where the
-/// file system cannot write in parts; else the error number of the writing.
-[[nodiscard]] int flushGradually(int file, const std::function<bool()>& onLife);
+/// onProgress is called on this thread and returns whether to continue. Returns 0 on success, if onProgress stopped it,
+/// and if the file system cannot flush parts of a file. Otherwise returns the error number.
+[[nodiscard]] int flushGradually(int file, const std::function<bool()>& onProgress);
 
 }  // namespace krv::server

@@ -6,13 +6,13 @@
 
 namespace krv::server {
 
-/// One server for each user: whoever holds the lock on a file in the runtime folder. The kernel releases it when the
-/// process ends, however it ends.
+/// The lock that admits one server per user: on a file in the runtime folder. The kernel releases it when the process
+/// exits or is killed.
 class InstanceLock {
 public:
     enum class Result { Held, TakenByAnother, Failed };
 
-    /// Tries once, without waiting.
+    /// Tries to take the lock, without waiting. folder: the runtime folder; empty is Failed.
     [[nodiscard]] Result acquire(const std::filesystem::path& folder);
 
 private:

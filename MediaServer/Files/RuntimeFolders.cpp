@@ -9,7 +9,7 @@
 namespace krv::server {
 namespace {
 
-/// A real folder of this user that others cannot write to.
+/// Returns whether the path is a folder, not a link, of this user that others cannot write to.
 bool isOurs(const std::string& path) {
     struct stat status {};
     return ::lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == ::getuid() &&

@@ -31,7 +31,7 @@ ThumbnailFolder::ThumbnailFolder(std::string folder)
 ThumbnailFolder::~ThumbnailFolder() {
     pictures_.reset();
     if (made_) {
-        ::rmdir(asGiven_.c_str());  // which does nothing to a folder that is not empty
+        ::rmdir(asGiven_.c_str());  // fails on a folder that is not empty
     }
 }
 
@@ -48,7 +48,7 @@ std::unique_ptr<ThumbnailFolder> ThumbnailFolder::open(const std::string& folder
         failure = unwritable(folder, ENOTDIR);
         return nullptr;
     }
-    // Never put under this name; only its way of being unnamed is wanted.
+    // The name is never used: only the unnamed file is needed.
     result->pictures_ = AtomicOutput::open((std::filesystem::path(folder) / "thumbnails").string(), failure);
     if (!result->pictures_) {
         failure->path = folder;
@@ -107,7 +107,7 @@ std::optional<Failure> ThumbnailFolder::commit(KRVOperationBase& record) {
     }
     for (const auto& file : files) {
         if ((failure = file->place())) {
-            return failure;  // what has been placed so far is taken back
+            return failure;  // the destructors take back the files that have been placed
         }
     }
     for (const auto& file : files) {

@@ -10,24 +10,26 @@
 
 namespace krv::server {
 
-/// The files "thumbnail-0001.jpg"… of a folder, which appear together or not at all.
+/// The files "thumbnail-0001.jpg"... of a folder, which appear together or not at all.
 ///
-/// The worker writes all pictures into one unnamed file and says where each of them lies; they become files of their
-/// own here. The folder is made if it is missing, and goes again if nothing came of it.
+/// The worker writes all pictures into one unnamed file and reports where each one is. commit() makes a file of each.
+/// The folder is created if it is missing, and removed again if no thumbnails are made.
 class ThumbnailFolder {
 public:
-    /// Null with the error when the folder cannot be written to. The path must be absolute.
+    /// Opens or creates the folder. The path must be absolute. Returns null and sets failure if the folder cannot be
+    /// written to.
     [[nodiscard]] static std::unique_ptr<ThumbnailFolder> open(const std::string& folder,
                                                                std::optional<Failure>& failure);
     ~ThumbnailFolder();
     ThumbnailFolder(const ThumbnailFolder&) = delete;
     ThumbnailFolder& operator=(const ThumbnailFolder&) = delete;
 
-    /// Where the pictures are written to. Open for reading and writing.
+    /// The unnamed file for all pictures, open for reading and writing; borrowed.
     [[nodiscard]] int descriptor() const noexcept { return pictures_->descriptor(); }
 
-    /// record: the worker's. Its `result` holds under "thumbnails" an array of dictionaries with "time", "offset" and
-    /// "length"; afterwards of dictionaries with "path" and "time". Null, or the error, and then nothing has appeared.
+    /// Makes the files. record: the worker's; its `result` has under "thumbnails" an array of dictionaries with "time",
+    /// "offset" and "length", which this function replaces by dictionaries with "path" and "time". Returns the failure,
+    /// if any; then no file has appeared.
     [[nodiscard]] std::optional<Failure> commit(KRVOperationBase& record);
 
 private:

@@ -23,14 +23,14 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr unsigned kMostConnections = 1200;
-/// A connection without any traffic is closed after this many seconds.
+/// A connection without traffic is closed after this many seconds.
 constexpr unsigned kIdleSeconds = 120;
-/// A request has to be complete within this time.
+/// A request must be complete within this time.
 constexpr auto kSlowestRequest = 10s;
-/// How long a stop waits for answers that are still on their way out.
+/// How long stop() waits for responses that are being sent.
 constexpr auto kFarewell = 3s;
 
-/// What is known of a request from its head to its answer. Shared with whoever holds the reply.
+/// One request, from its headers to its response. Shared with the holder of the reply.
 struct Exchange {
     enum class Stage { Reading, Dispatched, Suspended };
     Mutex mutex;
@@ -56,19 +56,19 @@ MHD_Result respondText(MHD_Connection* connection, unsigned status, std::string_
     return respond(connection, status, text.data(), text.size(), "text/plain; charset=utf-8");
 }
 
-/// Whether a header has that name, however it is spelled.
+/// Compares header names, ignoring case.
 bool isHeader(std::string_view name, std::string_view wanted) {
     return name.size() == wanted.size() && ::strncasecmp(name.data(), wanted.data(), wanted.size()) == 0;
 }
 
-/// Collects what the policy wants to know of the headers.
+/// Collects the headers that the policy needs.
 MHD_Result readHeader(void* userdata, MHD_ValueKind /*kind*/, const char* key, std::size_t keySize, const char* value,
                       std::size_t valueSize) {
     auto& head = *static_cast<RequestHead*>(userdata);
     const std::string_view name(key, keySize);
     const std::string_view text = value ? std::string_view(value, valueSize) : std::string_view();
     if (!isWellFormedHeader(name, text)) {
-        head.crookedHeaders = true;
+        head.malformedHeaders = true;
     } else if (isHeader(name, MHD_HTTP_HEADER_HOST)) {
         head.hosts.push_back(text);
     } else if (isHeader(name, MHD_HTTP_HEADER_ORIGIN)) {
@@ -78,22 +78,22 @@ MHD_Result readHeader(void* userdata, MHD_ValueKind /*kind*/, const char* key, s
     } else if (isHeader(name, MHD_HTTP_HEADER_CONTENT_LENGTH)) {
         std::size_t length = 0;
         const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), length);
-        // A length that cannot be read is longer than anything that is taken.
+        // An unreadable length counts as too long.
         head.contentLength = failure == std::errc() && end == text.data() + text.size() ? length : ~std::size_t{0};
         ++head.contentLengths;
     }
     return MHD_YES;
 }
 
-/// What is known of a connection for as long as it is open.
+/// One open connection.
 struct Connection {
     int socket = -1;
     bool peerIsUser = false;
-    /// Bytes that had come when the last request ended: more of them are the beginning of another one.
+    /// Bytes received until the last request ended. Any more belong to the next request.
     std::uint64_t bytesOfOldRequests = 0;
-    /// A request has been begun (its head is complete) and has not ended.
+    /// Whether the headers of a request are complete and its response is not.
     bool inRequest = false;
-    /// When the present request was seen to arrive; unset when none is, or it is there as a whole.
+    /// When the current request began to arrive. Empty if there is none or it is complete.
     std::optional<std::chrono::steady_clock::time_point> arrivingSince{};
 };
 
@@ -121,7 +121,7 @@ struct HTTPFront::Internals {
     int openExchanges KRV_GUARDED_BY(mutex) = 0;
     std::set<Connection*> connections KRV_GUARDED_BY(mutex);
 
-    /// Each connection's other end is looked up once, when it opens.
+    /// The peer of each connection is looked up once, when it opens.
     static void connectionChanged(void* userdata, MHD_Connection* connection, void** context,
                                   MHD_ConnectionNotificationCode code) {
         auto& self = *static_cast<Internals*>(userdata);
@@ -161,7 +161,7 @@ struct HTTPFront::Internals {
         }
     }
 
-    /// The head is there; the body, if there is one, arrives.
+    /// The headers are complete; a body may follow.
     void requestBegun(MHD_Connection* connection) {
         const LockGuard lock(mutex);
         if (Connection* const its = connectionOf(connection)) {
@@ -181,7 +181,7 @@ struct HTTPFront::Internals {
 
     void dropSlowSenders() {
         const auto now = std::chrono::steady_clock::now();
-        // A connection leaves the set, which needs the lock, before its descriptor is closed.
+        // Connections are removed from the set, under the lock, before their descriptors are closed.
         const LockGuard lock(mutex);
         for (Connection* const its : connections) {
             if (!its->inRequest && !its->arrivingSince && bytesReceived(its->socket) > its->bytesOfOldRequests) {
@@ -193,7 +193,7 @@ struct HTTPFront::Internals {
         }
     }
 
-    /// Waits until no answer is on its way any more.
+    /// Waits until all responses have been sent.
     void drain() {
         const auto deadline = std::chrono::steady_clock::now() + kFarewell;
         mutex.lock();
@@ -215,7 +215,7 @@ struct HTTPFront::Internals {
         return self.complete(connection, exchange);
     }
 
-    /// The head is there, the body is not.
+    /// The headers are complete, the body has not been read.
     MHD_Result begin(MHD_Connection* connection, const char* target, const char* method, const char* version,
                      void** context) {
         RequestHead head;
@@ -234,7 +234,7 @@ struct HTTPFront::Internals {
         case Verdict::Action::Operation:
             break;
         }
-        // An answer given now, before the request is there as a whole, would close the connection.
+        // A response queued now, before the request is complete, would close the connection.
         *context = new ExchangeRef(std::make_shared<Exchange>());
         (*static_cast<ExchangeRef*>(*context))->isStatus = verdict.action == Verdict::Action::Status;
         const LockGuard lock(mutex);
@@ -245,7 +245,7 @@ struct HTTPFront::Internals {
     static MHD_Result receive(Exchange& exchange, const char* upload, std::size_t* uploadSize) {
         if (*uploadSize > kLargestRequest - exchange.body.size()) {
             exchange.tooLarge = true;
-            Data().swap(exchange.body);  // what has come is given back, what still comes is not kept
+            Data().swap(exchange.body);  // frees what has arrived; the rest is discarded
         }
         if (!exchange.tooLarge) {
             const auto* p = reinterpret_cast<const std::byte*>(upload);
@@ -255,7 +255,7 @@ struct HTTPFront::Internals {
         return MHD_YES;
     }
 
-    /// The body is there, or the answer to it.
+    /// The body is complete, or the reply to it is available.
     MHD_Result complete(MHD_Connection* connection, const ExchangeRef& exchange) {
         requestComplete(connection);
         if (exchange->isStatus) {
@@ -271,12 +271,12 @@ struct HTTPFront::Internals {
             exchange->stage = Exchange::Stage::Dispatched;
         }
         if (exchange->tooLarge) {
-            return respondText(connection, MHD_HTTP_CONTENT_TOO_LARGE, "a record has at most 16 MiB\n");
+            return respondText(connection, MHD_HTTP_CONTENT_TOO_LARGE, "the record exceeds 16 MiB\n");
         }
         const auto record =
             KRVOperationBase::operationFromData(std::make_shared<const Data>(std::move(exchange->body)));
         if (!record) {
-            return respondText(connection, MHD_HTTP_BAD_REQUEST, "this is no archived operation record\n");
+            return respondText(connection, MHD_HTTP_BAD_REQUEST, "not an archived operation record\n");
         }
         handlers.operation(record, [exchange, connection](const KRVOperationBase::Ref& reply) {
             Data bytes = reply->convertToData();

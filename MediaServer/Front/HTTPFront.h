@@ -11,15 +11,15 @@
 
 namespace krv::server {
 
-/// Speaks HTTP on the listening sockets: hands posted records to the server and its replies back, and keeps everybody
-/// else out. A reply that is held keeps its connection, but no thread.
+/// The server's HTTP end: passes posted records to a handler and its replies back, and refuses all that the request
+/// policy refuses. A reply that is held keeps its connection open, but occupies no thread.
 class HTTPFront {
 public:
     using Reply = std::function<void(const KRVOperationBase::Ref&)>;
     struct Handlers {
-        /// Must call the reply exactly once, on any thread, before the front is stopped.
+        /// Must call reply exactly once, on any thread, before the front is stopped.
         std::function<void(const KRVOperationBase::Ref& request, const Reply& reply)> operation;
-        /// The status page.
+        /// Returns the status page as JSON.
         std::function<std::string()> status;
     };
 
@@ -28,13 +28,13 @@ public:
     HTTPFront(const HTTPFront&) = delete;
     HTTPFront& operator=(const HTTPFront&) = delete;
 
-    /// Begins to serve, with threads of its own. Takes the sockets over. False when the library refuses.
+    /// Starts serving on threads of its own. Takes ownership of the sockets. Returns false if the HTTP library fails.
     [[nodiscard]] bool start(ListeningSockets sockets);
-    /// Closes the connections on which a request, head or body, has been arriving for more than ten seconds. A
-    /// connection on which nothing arrives is only idle. To be called every second or two.
+    /// Closes connections whose current request, headers or body, has been arriving for more than 10 s. A connection
+    /// without a request is merely idle. Call this every second or two.
     void dropSlowSenders();
-    /// Takes no more connections, lets the answers that are on their way reach their askers (three seconds at most),
-    /// and ends every connection. All replies must have been given.
+    /// Stops accepting connections, waits until the responses that are being sent have arrived (at most 3 s), and closes
+    /// every connection. All replies must have been given.
     void stop();
 
 private:

@@ -19,7 +19,7 @@ Outcome listenOn(const sockaddr* address, socklen_t size, Descriptor& socket) {
         return Outcome::NoSuchAddress;
     }
     const int on = 1;
-    // Connections of a server that has just ended must not keep its port from the next one.
+    // Lingering connections of a server that has just exited must not keep the next one from its port.
     ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     if (address->sa_family == AF_INET6) {
         ::setsockopt(socket.get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);

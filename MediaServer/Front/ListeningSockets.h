@@ -7,14 +7,14 @@
 
 namespace krv::server {
 
-/// The server's sockets: the same port on both loopback addresses, and nowhere else.
+/// The server's listening sockets: the same port on both loopback addresses, and nowhere else.
 struct ListeningSockets {
     Descriptor ipv4;
-    /// None on a machine without ::1.
+    /// Empty on a machine without ::1.
     Descriptor ipv6;
     std::uint16_t port = 0;
 
-    /// The first port from minimum to maximum that is free on both; nothing when there is none.
+    /// Listens on the first port from minimum to maximum that is free on both addresses. Returns nothing if no port is.
     [[nodiscard]] static std::optional<ListeningSockets> open(std::int32_t minimum, std::int32_t maximum);
 };
 

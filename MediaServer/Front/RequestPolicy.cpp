@@ -10,7 +10,7 @@ bool isDigits(std::string_view text) {
     return std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
-/// localhost, 127.0.0.1 or [::1], with or without a port.
+/// Returns whether the host is localhost, 127.0.0.1 or [::1], with or without a port.
 bool isThisMachine(std::string_view host) {
     constexpr std::array<std::string_view, 3> kNames{"localhost", "127.0.0.1", "[::1]"};
     return std::any_of(kNames.begin(), kNames.end(), [host](std::string_view name) {
@@ -32,15 +32,15 @@ bool isChunked(std::string_view encoding) {
     return std::equal(encoding.begin(), encoding.end(), kChunked.begin(), kChunked.end(), areSameLetter);
 }
 
-bool onlyBeginsLikeOneThatMatters(std::string_view name) {
+bool merelyBeginsLikeOneThatMatters(std::string_view name) {
     constexpr std::array<std::string_view, 4> kNames{"Host", "Origin", "Content-Length", "Transfer-Encoding"};
     return std::any_of(kNames.begin(), kNames.end(), [name](std::string_view each) {
         return name.size() > each.size() && std::equal(each.begin(), each.end(), name.begin(), areSameLetter);
     });
 }
 
-/// Whether the head says where the body ends in exactly one way, or that there is none.
-bool saysWhereItEnds(const RequestHead& head) {
+/// Returns whether the headers give the length of the body in exactly one way, or there is no body.
+bool hasUnambiguousLength(const RequestHead& head) {
     if (head.transferEncodings.empty()) {
         return head.contentLengths <= 1;
     }
@@ -61,7 +61,7 @@ bool isControlCharacter(char c) {
 
 bool isWellFormedHeader(std::string_view name, std::string_view value) {
     return !name.empty() && std::all_of(name.begin(), name.end(), isNameCharacter) &&
-           !onlyBeginsLikeOneThatMatters(name) && std::none_of(value.begin(), value.end(), isControlCharacter);
+           !merelyBeginsLikeOneThatMatters(name) && std::none_of(value.begin(), value.end(), isControlCharacter);
 }
 
 Verdict judge(const RequestHead& head) {
@@ -72,21 +72,21 @@ Verdict judge(const RequestHead& head) {
     if (head.hasOrigin || head.hosts.size() != 1 || !isThisMachine(head.hosts.front())) {
         return {Action::Refuse, 403, "only programs on this machine are served\n"};
     }
-    if (head.crookedHeaders || !saysWhereItEnds(head)) {
-        return {Action::Refuse, 400, "the head of this request can be read in more than one way\n"};
+    if (head.malformedHeaders || !hasUnambiguousLength(head)) {
+        return {Action::Refuse, 400, "ambiguous request framing\n"};
     }
     if (head.target == "/status") {
         return head.method == "GET" ? Verdict{Action::Status}
-                                    : Verdict{Action::Refuse, 405, "the status is there to be read\n"};
+                                    : Verdict{Action::Refuse, 405, "the status page only supports GET\n"};
     }
     if (head.target != "/") {
-        return {Action::Refuse, 404, "there is nothing here\n"};
+        return {Action::Refuse, 404, "not found\n"};
     }
     if (head.method != "POST") {
-        return {Action::Refuse, 405, "operations are posted\n"};
+        return {Action::Refuse, 405, "operations only support POST\n"};
     }
     if (head.contentLength && *head.contentLength > kLargestRequest) {
-        return {Action::Refuse, 413, "a record has at most 16 MiB\n"};
+        return {Action::Refuse, 413, "the record exceeds 16 MiB\n"};
     }
     return {Action::Operation};
 }

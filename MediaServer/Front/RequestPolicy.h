@@ -8,15 +8,15 @@
 
 namespace krv::server {
 
-/// The largest record that is taken.
+/// The largest record that is accepted, in bytes.
 inline constexpr std::size_t kLargestRequest = std::size_t{16} << 20;
 
-/// What a request's head says, before any of its body is read.
+/// Request line and headers of a request, before its body is read.
 struct RequestHead {
     std::string_view method;
-    /// As sent: a path, or a whole address.
+    /// As sent: a path or an absolute URI.
     std::string_view target;
-    /// "HTTP/1.1", for one.
+    /// Such as "HTTP/1.1".
     std::string_view version = "HTTP/1.1";
     /// Every Host header.
     std::vector<std::string_view> hosts;
@@ -26,9 +26,9 @@ struct RequestHead {
     unsigned contentLengths = 0;
     /// Every Transfer-Encoding header.
     std::vector<std::string_view> transferEncodings;
-    /// Whether a header has a name that is none, or a value with control characters in it.
-    bool crookedHeaders = false;
-    /// Whether the socket's other end belongs to this user.
+    /// Whether a header has an invalid name, or a value with control characters.
+    bool malformedHeaders = false;
+    /// Whether the peer of the socket runs as this user.
     bool peerIsUser = false;
 };
 
@@ -40,14 +40,16 @@ struct Verdict {
     std::string_view text = {};
 };
 
-/// Whether this is a header as the protocol knows it: a name of the characters that names have, a value without control
-/// characters but the tabulator. Of a header that goes on in a second line the HTTP library glues that line to the
-/// name, so a name that only begins like one that matters here is none either.
+/// Returns whether a header is valid: its name has only the characters of a token, and its value no control characters
+/// except tabs. The HTTP library appends the second line of a folded header to its name. So a name that merely begins
+/// like one that matters here is invalid, too.
 [[nodiscard]] bool isWellFormedHeader(std::string_view name, std::string_view value);
 
-/// What becomes of a request. Nothing is served of which two readers could say different things where it ends, because
-/// what one of them takes for its body another would carry out as the next request. Neither a web page (which sends an
-/// Origin, or another Host after its name was bound to this machine) nor another user gets further than this.
+/// Decides whether to serve a request. Pure.
+///
+/// Requests whose end two parsers could see in different places are refused: what one takes for the body, the other would
+/// carry out as the next request. So are requests of web pages, which send an Origin or, after DNS rebinding, another
+/// Host, and requests of other users.
 [[nodiscard]] Verdict judge(const RequestHead& head);
 
 }  // namespace krv::server

@@ -31,7 +31,7 @@ void toOurLog(AvahiLogLevel /*level*/, const char* text) {
 
 }  // namespace
 
-/// An embedded multicast-DNS responder with one service. Its call-backs come on its own thread, under its own lock.
+/// An embedded multicast-DNS responder with one service. Its callbacks arrive on its own thread, under its own lock.
 class ServicePublisher::Responder {
 public:
     Responder(std::string name, std::uint16_t port)
@@ -55,7 +55,7 @@ public:
             avahi_threaded_poll_stop(poll_);
         }
         if (server_) {
-            avahi_server_free(server_);  // says goodbye
+            avahi_server_free(server_);  // withdraws the service
         }
         if (poll_) {
             avahi_threaded_poll_free(poll_);
@@ -69,7 +69,7 @@ public:
 private:
     static void serverChanged(AvahiServer* server, AvahiServerState state, void* userdata) {
         auto& self = *static_cast<Responder*>(userdata);
-        self.server_ = server;  // the first call comes before avahi_server_new returns
+        self.server_ = server;  // the first call precedes the return of avahi_server_new
         if (state == AVAHI_SERVER_RUNNING) {
             self.publish();
         } else if (state == AVAHI_SERVER_FAILURE) {
@@ -144,7 +144,7 @@ ServicePublisher::ServicePublisher(std::string name, std::uint16_t port)
 
 ServicePublisher::~ServicePublisher() = default;
 
-void ServicePublisher::tend() {
+void ServicePublisher::restartIfFailed() {
     if (responder_->hasFailed()) {
         responder_.reset();
         responder_ = std::make_unique<Responder>(name_, port_);

@@ -6,20 +6,20 @@
 
 namespace krv::server {
 
-/// Announces the server's port as a DNS service, on the loopback interface only, until the object goes.
+/// Announces the server's port as a DNS service, on the loopback interface only, until it is destroyed.
 ///
-/// A name that is taken (by another user's server) is published with a number behind it; clients know that. A machine
-/// that does not let it publish is no failure: clients find the port by polling there.
+/// A name that another user's server has taken is published with a number behind it, which clients expect. Where the
+/// machine does not allow publishing, clients find the port by polling.
 class ServicePublisher {
 public:
     ServicePublisher(std::string name, std::uint16_t port);
-    /// Takes the announcement back.
+    /// Withdraws the announcement.
     ~ServicePublisher();
     ServicePublisher(const ServicePublisher&) = delete;
     ServicePublisher& operator=(const ServicePublisher&) = delete;
 
-    /// Begins anew when the responder has given up. To be called now and then.
-    void tend();
+    /// Restarts the responder if it has failed. Call this every few seconds.
+    void restartIfFailed();
 
 private:
     class Responder;

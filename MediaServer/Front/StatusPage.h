@@ -9,7 +9,7 @@
 
 namespace krv::server {
 
-/// What GET /status tells.
+/// What GET /status reports.
 struct ServerStatus {
     std::string version;
     pid_t pid = 0;
@@ -24,8 +24,8 @@ struct ServerStatus {
     unsigned workers = 0;
 };
 
-/// The status as one JSON object with the keys name, version, pid, port, uptime (seconds), clients, queued, running,
-/// finished, workers.
+/// Returns the status as one JSON object with the keys name, version, pid, port, uptime (seconds), clients, queued,
+/// running, finished and workers.
 [[nodiscard]] std::string statusPage(const ServerStatus& status);
 
 }  // namespace krv::server

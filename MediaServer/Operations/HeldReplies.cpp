@@ -16,16 +16,16 @@ HeldReplies::~HeldReplies() {
     thread_.join();
 }
 
-void HeldReplies::hold(std::chrono::milliseconds atMost, std::function<bool()> isReady, std::function<void()> answer) {
+void HeldReplies::hold(std::chrono::milliseconds atMost, std::function<bool()> isReady, std::function<void()> send) {
     {
         const LockGuard lock(mutex_);
-        held_.push_back({std::chrono::steady_clock::now() + atMost, std::move(isReady), std::move(answer)});
+        held_.push_back({std::chrono::steady_clock::now() + atMost, std::move(isReady), std::move(send)});
         news_ = true;
     }
     wake_.notify_all();
 }
 
-void HeldReplies::lookAgain() {
+void HeldReplies::checkAgain() {
     {
         const LockGuard lock(mutex_);
         news_ = true;
@@ -55,7 +55,7 @@ void HeldReplies::loop() {
         const auto now = std::chrono::steady_clock::now();
         for (auto it = looking.begin(); it != looking.end();) {
             if (stopping || it->deadline <= now || it->isReady()) {
-                it->answer();
+                it->send();
                 it = looking.erase(it);
             } else {
                 ++it;

@@ -10,28 +10,28 @@
 
 namespace krv::server {
 
-/// Replies that wait a moment for news, so that a client need not ask twice. No request thread waits with them: one
-/// thread looks after all, and answers each when its news is there or its time is up. Any thread.
+/// Replies that wait a moment for news, so that a client need not ask twice. They occupy no request thread: one thread
+/// checks them all and sends each when it is ready or its time is up. Thread-safe.
 class HeldReplies {
 public:
     HeldReplies();
-    /// Answers what is still held.
+    /// Sends what is still held.
     ~HeldReplies();
     HeldReplies(const HeldReplies&) = delete;
     HeldReplies& operator=(const HeldReplies&) = delete;
 
-    /// Answers as soon as isReady says so, and at the deadline at the latest. Both are called on the thread of this
-    /// object, answer exactly once, and must not throw.
-    void hold(std::chrono::milliseconds atMost, std::function<bool()> isReady, std::function<void()> answer);
+    /// Calls send as soon as isReady returns true, at the latest after atMost. Both are called on the thread of this
+    /// object and must not throw; send is called exactly once.
+    void hold(std::chrono::milliseconds atMost, std::function<bool()> isReady, std::function<void()> send);
 
-    /// Something may have become ready.
-    void lookAgain();
+    /// Checks all held replies. Call this when one may have become ready.
+    void checkAgain();
 
 private:
     struct Held {
         std::chrono::steady_clock::time_point deadline;
         std::function<bool()> isReady;
-        std::function<void()> answer;
+        std::function<void()> send;
     };
     void loop();
 

@@ -167,7 +167,7 @@ void OperationDispatcher::cancelOne(const Ref& request, const Reply& reply) {
         replyUnknown(request, reply);
         return;
     }
-    held_.lookAgain();
+    held_.checkAgain();
     const auto answer = replyTo(request);
     answer->setCancelled(true);
     reply(answer);
@@ -176,7 +176,7 @@ void OperationDispatcher::cancelOne(const Ref& request, const Reply& reply) {
 void OperationDispatcher::cancelAll(const Ref& request, const Reply& reply) {
     if (const auto client = clientOf(request, reply)) {
         ledger_.cancelAllOf(*client);
-        held_.lookAgain();
+        held_.checkAgain();
         const auto answer = replyTo(request);
         answer->setCancelled(true);
         reply(answer);

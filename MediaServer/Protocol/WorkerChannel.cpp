@@ -12,9 +12,9 @@ namespace krv::server {
 namespace {
 
 constexpr std::uint32_t kLongestMessage = std::uint32_t{64} << 20;
-/// More than any operation hands over.
+/// More than any operation passes.
 constexpr std::size_t kMostFiles = 1024;
-/// As many as the kernel lets through in one message.
+/// The kernel allows at most 253 in one message.
 constexpr std::size_t kMostFilesAtOnce = 250;
 
 }  // namespace
@@ -36,7 +36,7 @@ bool WorkerChannel::send(const KRVOperationBase& record, const std::vector<int>&
     for (std::size_t sent = 0; sent < bytes.size();) {
         const std::size_t now = std::min(files.size() - filesSent, kMostFilesAtOnce);
         const bool moreAfter = filesSent + now < files.size();
-        // Each lot of files goes with a byte of its own, the last one with all that is left.
+        // Each group of descriptors goes with one byte, the last group with all remaining bytes.
         iovec part{bytes.data() + sent, moreAfter ? 1 : bytes.size() - sent};
         msghdr message{};
         message.msg_iov = &part;
@@ -109,7 +109,7 @@ std::optional<WorkerChannel::Message> WorkerChannel::receive() {
     if (size > kLongestMessage) {
         return std::nullopt;
     }
-    // Grown as the bytes come: the length alone reserves nothing.
+    // Grows as bytes arrive: the announced length alone reserves no memory.
     constexpr std::size_t kStep = std::size_t{1} << 20;
     Data body;
     while (body.size() < size) {

@@ -9,11 +9,11 @@
 
 namespace krv::server {
 
-/// The wire between server and worker: archived records, each behind its length in four bytes (little-endian), with
-/// open files beside them. One thread at each end.
+/// The channel between server and worker: archived records, each preceded by its length in four bytes (little-endian),
+/// with open descriptors beside them. Each end is used by one thread.
 ///
-/// The job goes to the worker with its sources and, last, its output. A record of type 2 comes back when the worker has
-/// it, progress in records of type 14, and the end in one of type 15, which carries an error when the work failed.
+/// The server sends the request with the sources and, last, the output. The worker confirms it with a record of type 2,
+/// reports progress in records of type 14, and ends with one of type 15, which has an error if the work failed.
 class WorkerChannel {
 public:
     struct Message {
@@ -21,16 +21,16 @@ public:
         std::vector<Descriptor> files;
     };
 
-    /// socket: one end of a stream socket pair; taken over.
+    /// Takes ownership of socket, one end of a stream socket pair.
     explicit WorkerChannel(Descriptor socket)
         : socket_(std::move(socket)) {}
 
     [[nodiscard]] int descriptor() const noexcept { return socket_.get(); }
 
-    /// False when the other end has gone.
+    /// Sends a record and descriptors, which are borrowed. Returns false if the peer has closed its end.
     bool send(const KRVOperationBase& record, const std::vector<int>& files = {});
-    /// Blocks for the next message. Nothing at the end of the stream, and for anything that is no message: a worker
-    /// that sends rubbish has ended as far as the server is concerned.
+    /// Blocks until the next message. Returns nothing at the end of the stream and for an invalid message: a worker that
+    /// sends invalid messages counts as exited.
     std::optional<Message> receive();
 
 private:

@@ -1,4 +1,4 @@
-// From records to the media library's terms and back: the only place in the worker that knows both.
+// Translates between operation records and the media library. No other code of the worker knows both.
 #include <algorithm>
 #include <array>
 #include <exception>
@@ -117,13 +117,13 @@ void merge(const Message& job, media::ProgressSink& progress, KRVOperationBase&)
     media::merge(request, progress);
 }
 
-/// Dates count from the beginning of 2001.
+/// Converts to a Date, which counts from the beginning of 2001.
 Date dateFromUnixTime(double seconds) {
     constexpr double kReference = 978307200;
     return {seconds - kReference};
 }
 
-/// When a file was made, as far as the file system knows.
+/// Returns when a file was created, if the file system knows it.
 std::optional<Date> birthOf(int file) {
     struct statx status {};
     if (::statx(file, "", AT_EMPTY_PATH, STATX_BTIME, &status) != 0 || (status.stx_mask & STATX_BTIME) == 0) {

@@ -1,23 +1,23 @@
-// The walls around media code.
+// How media code is confined.
 //
-// A decoder that a hostile file has taken over runs with everything that its process may do. What a worker needs is
-// little: its descriptors (the source, the unnamed output, the wire to the server), memory, threads and time. So:
+// A decoder that a hostile file has taken over can do whatever its process may do. A worker needs little: its descriptors
+// (the sources, the unnamed output, the channel to the server), memory, threads and time. Therefore:
 //
-//   - no_new_privs: no program that is executed could gain anything (and none can be executed).
-//   - Landlock, a rule set without any rule: every access to the file system by path is refused, whatever the process's
-//     user may do. Nothing needs to be listed, because the server opens the files. Where the kernel knows how, TCP,
-//     abstract sockets and signals to the outside are refused here too.
-//   - seccomp, for what Landlock does not see: making sockets of any kind, executing, new processes (threads are
-//     allowed), looking into other processes, and the calls by which kernels have been broken before and that no codec
-//     makes. Refused calls fail with EPERM, as from a kernel that does not permit them: libraries that try something
-//     on the side go on without it. clone3 fails with ENOSYS, because its arguments cannot be looked at; the C library
-//     then uses clone, whose flags can.
-//   - Limits: writable memory, open descriptors, no core files. An allocation beyond the limit fails, and the
-//     operation with it.
+//   - no_new_privs: an executed program could not gain privileges. (None can be executed.)
+//   - Landlock, with a rule set that has no rule: every access to the file system by path is denied, whatever the user
+//     may do. No path needs to be allowed, because the server opens the files. Newer kernels also deny TCP, abstract
+//     sockets and signals to other processes here.
+//   - seccomp, for what Landlock does not cover: sockets of any kind, execution, new processes (threads are allowed),
+//     inspection of other processes, and calls that have been used to attack kernels and that no codec makes. Denied
+//     calls fail with EPERM, as on a system that does not permit them, so a library that tries an optional call
+//     continues without it. clone3 fails with ENOSYS because a filter cannot read its arguments; the C library then uses
+//     clone, whose flags a filter can check.
+//   - Limits on writable memory and open descriptors; no core files. An allocation beyond the limit fails, and with it
+//     the operation.
 //
-// The list names what is refused, not what is allowed. A list of what is allowed would be shorter to argue about, but
-// the codecs' libraries and the C library under them make different calls on different processors and in different
-// versions, and one that was forgotten is a movie that does not convert.
+// The filter lists what is denied, not what is allowed. A list of allowed calls would be easier to reason about. But
+// codecs and the C library make different calls on different processors and in different versions, and each call missing
+// from the list would be a movie that cannot be converted.
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -44,15 +44,15 @@ namespace {
 
 // Landlock.
 
-/// The kernel's structure with the members that it has got since; an older kernel is given less of it.
+/// The kernel's structure with all its present members. An older kernel is passed the first members only.
 struct RuleSet {
     std::uint64_t fileSystem;
     std::uint64_t network;
     std::uint64_t scoped;
 };
 
-/// Every access that a version of Landlock can refuse. Each version can refuse all that its predecessors could.
-RuleSet everythingRefusable(long version) {
+/// Returns every access that a version of Landlock can deny. Each version can deny all that earlier ones can.
+RuleSet everythingDeniable(long version) {
     RuleSet all{(1ULL << 13) - 1, 0, 0};
     constexpr std::uint64_t kRefer = 1ULL << 13;
     constexpr std::uint64_t kTruncate = 1ULL << 14;
@@ -71,17 +71,17 @@ std::size_t sizeForVersion(long version) {
     return version >= 6 ? sizeof(RuleSet) : version >= 4 ? 2 * sizeof(std::uint64_t) : sizeof(std::uint64_t);
 }
 
-/// 0 when the kernel has none.
+/// Returns the ABI version of Landlock, 0 if the kernel has none.
 long landlockVersion() {
     return std::max(::syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION), 0L);
 }
 
-bool refusePaths() {
+bool denyPaths() {
     const long version = landlockVersion();
     if (version == 0) {
         return false;
     }
-    const RuleSet rules = everythingRefusable(version);
+    const RuleSet rules = everythingDeniable(version);
     const auto fd = static_cast<int>(::syscall(SYS_landlock_create_ruleset, &rules, sizeForVersion(version), 0));
     if (fd < 0) {
         return false;
@@ -93,7 +93,7 @@ bool refusePaths() {
 
 // seccomp.
 
-constexpr std::initializer_list<const char*> kRefusedCalls{
+constexpr std::initializer_list<const char*> kDeniedCalls{
     // the network
     "socket", "connect", "bind", "listen", "accept", "accept4",
     // programs and processes
@@ -114,34 +114,34 @@ constexpr std::initializer_list<const char*> kRefusedCalls{
     // shared memory and queues that others may have made
     "shmget", "shmat", "semget", "msgget", "mq_open"};
 
-/// An argument of a call compared: the macros of the library for this are no C++.
+/// Returns a comparison with an argument of a call. The library's macros for this are not valid C++.
 constexpr scmp_arg_cmp argument(unsigned index, scmp_compare comparison, scmp_datum_t a, scmp_datum_t b = 0) {
     return {index, comparison, a, b};
 }
 
 bool addRules(scmp_filter_ctx filter) {
-    const std::uint32_t refuse = SCMP_ACT_ERRNO(EPERM);
-    for (const char* const name : kRefusedCalls) {
+    const std::uint32_t deny = SCMP_ACT_ERRNO(EPERM);
+    for (const char* const name : kDeniedCalls) {
         const int number = ::seccomp_syscall_resolve_name(name);
-        // A call that this processor does not have needs no refusing.
-        if (number != __NR_SCMP_ERROR && ::seccomp_rule_add(filter, refuse, number, 0) != 0) {
+        // Skips calls that this processor architecture does not have.
+        if (number != __NR_SCMP_ERROR && ::seccomp_rule_add(filter, deny, number, 0) != 0) {
             return false;
         }
     }
     const auto self = static_cast<scmp_datum_t>(::getpid());
-    // Threads, and nothing but threads.
+    // Allows threads, but not processes.
     return ::seccomp_rule_add(filter, SCMP_ACT_ERRNO(ENOSYS), SCMP_SYS(clone3), 0) == 0 &&
-           ::seccomp_rule_add(filter, refuse, SCMP_SYS(clone), 1, argument(0, SCMP_CMP_MASKED_EQ, CLONE_THREAD, 0)) ==
+           ::seccomp_rule_add(filter, deny, SCMP_SYS(clone), 1, argument(0, SCMP_CMP_MASKED_EQ, CLONE_THREAD, 0)) ==
                0 &&
-           // A process may end itself, by abort() for one, and signal nobody else.
-           ::seccomp_rule_add(filter, refuse, SCMP_SYS(kill), 1, argument(0, SCMP_CMP_NE, self)) == 0 &&
-           ::seccomp_rule_add(filter, refuse, SCMP_SYS(tgkill), 1, argument(0, SCMP_CMP_NE, self)) == 0 &&
-           // Words put into a terminal's mouth.
-           ::seccomp_rule_add(filter, refuse, SCMP_SYS(ioctl), 1,
-                              argument(1, SCMP_CMP_MASKED_EQ, 0xFFFFFFFF, TIOCSTI)) == 0;
+           // A process may signal itself, as abort() does, but no other process.
+           ::seccomp_rule_add(filter, deny, SCMP_SYS(kill), 1, argument(0, SCMP_CMP_NE, self)) == 0 &&
+           ::seccomp_rule_add(filter, deny, SCMP_SYS(tgkill), 1, argument(0, SCMP_CMP_NE, self)) == 0 &&
+           // TIOCSTI injects input into a terminal.
+           ::seccomp_rule_add(filter, deny, SCMP_SYS(ioctl), 1, argument(1, SCMP_CMP_MASKED_EQ, 0xFFFFFFFF, TIOCSTI)) ==
+               0;
 }
 
-bool refuseCalls() {
+bool denyCalls() {
     const scmp_filter_ctx filter = ::seccomp_init(SCMP_ACT_ALLOW);
     if (!filter) {
         return false;
@@ -152,7 +152,7 @@ bool refuseCalls() {
 }
 
 bool seccompExists() {
-    // Asks for a filter that cannot be read; a kernel without filters says so before it looks.
+    // Installs a filter from an invalid address. A kernel without filters fails before it reads the address.
     return ::prctl(PR_SET_SECCOMP, 2 /* SECCOMP_MODE_FILTER */, nullptr, 0, 0) != 0 && errno == EFAULT;
 }
 
@@ -161,8 +161,8 @@ void limit(__rlimit_resource resource, std::uint64_t value) {
     ::setrlimit(resource, &both);
 }
 
-constexpr const char* kNoLandlock = "no Landlock: a worker could open files by their paths";
-constexpr const char* kNoSeccomp = "no seccomp filters: a worker could make sockets and execute programs";
+constexpr const char* kNoLandlock = "no Landlock: a worker could open files by path";
+constexpr const char* kNoSeccomp = "no seccomp filters: a worker could create sockets and execute programs";
 
 }  // namespace
 
@@ -184,10 +184,10 @@ std::vector<std::string> enterSandbox(const WorkerLimits& limits) {
     limit(RLIMIT_CORE, 0);
     ::prctl(PR_SET_DUMPABLE, 0);
     ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
-    if (!refusePaths()) {
+    if (!denyPaths()) {
         missing.emplace_back(kNoLandlock);
     }
-    if (!refuseCalls()) {
+    if (!denyCalls()) {
         missing.emplace_back(kNoSeccomp);
     }
     return missing;

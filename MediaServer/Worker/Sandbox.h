@@ -6,25 +6,25 @@
 
 namespace krv::server {
 
-/// What a worker may use.
+/// Limits of a worker process.
 struct WorkerLimits {
-    /// Memory that it may write to, in bytes: heap, stacks, everything private. Half of the machine's, but not below
-    /// 1 GiB and not above 8 GiB.
+    /// Writable private memory in bytes: heap, stacks and mappings.
     std::uint64_t memory = memoryForThisMachine();
-    /// Descriptors open at a time: a merge is handed as many as it has sources.
+    /// Open descriptors. A merge needs one per source.
     std::uint64_t descriptors = 1100;
 
+    /// Returns half of the machine's memory, at least 1 GiB and at most 8 GiB.
     [[nodiscard]] static std::uint64_t memoryForThisMachine();
 };
 
-/// Shuts the calling process in for good: afterwards it can use the descriptors that it holds, memory and processor
-/// time, and nothing else. No path can be opened, no socket made, no program executed, no other process looked into or
-/// signalled, and no privilege gained. Call it once, before any hostile byte is read and while there is one thread.
+/// Confines the calling process permanently to the descriptors that it holds, memory and processor time. Afterwards it
+/// cannot open a path, create a socket, execute a program, inspect or signal another process, or gain privileges. Call it
+/// once, before any untrusted byte is read and while there is one thread.
 ///
-/// What the kernel does not offer is left out. Returns what was, a phrase for each.
+/// Skips protections that the kernel lacks and returns a phrase for each of them.
 std::vector<std::string> enterSandbox(const WorkerLimits& limits = {});
 
-/// What enterSandbox would have to leave out here. Changes nothing.
+/// Returns the phrases that enterSandbox() would return on this machine. Changes nothing.
 [[nodiscard]] std::vector<std::string> missingForSandbox();
 
 }  // namespace krv::server

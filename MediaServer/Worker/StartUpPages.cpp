@@ -10,7 +10,7 @@
 namespace krv::server {
 namespace {
 
-/// Drops the segments that were never writable. The others hold relocated addresses, which no file has.
+/// Drops the segments that were never writable. The others contain relocated addresses, which are in no file.
 int dropReadOnlySegments(dl_phdr_info* object, std::size_t /*size*/, void* /*userdata*/) {
     const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
     for (int i = 0; i < object->dlpi_phnum; ++i) {

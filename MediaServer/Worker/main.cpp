@@ -1,7 +1,8 @@
-// KRVMediaWorker: the process in which media code meets a file. It shuts itself in, waits for one job, whose files it
-// is handed open, carries it out and ends. It also ends when the server does.
+// KRVMediaWorker: the process in which media code reads a file. It enters the sandbox, waits for one job, which comes with
+// open descriptors, performs it and exits. It is killed when the server exits.
 //
-// Arguments: the server's process id, and the bytes of memory that may be written to (0: what suits this machine).
+// Arguments: the server's process id, and the limit of writable memory in bytes (0: a default that depends on the
+// machine).
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
@@ -19,15 +20,15 @@
 
 namespace {
 
-/// Where the server has put its end of the wire.
+/// The descriptor at which the server has put this end of the channel.
 constexpr int kChannelDescriptor = 3;
-/// Below the desktop's work.
+/// Lower priority than the desktop.
 constexpr int kNiceness = 5;
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    // A worker without its server has nobody to work for. The parent may have gone before the first line.
+    // Without its server, a worker has nothing to do. The server may have exited before this line.
     const pid_t server = argc > 1 ? static_cast<pid_t>(std::atol(argv[1])) : 0;
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (::getppid() != server) {
@@ -41,18 +42,18 @@ int main(int argc, char** argv) {
     if (const std::uint64_t memory = argc > 2 ? std::strtoull(argv[2], nullptr, 10) : 0; memory > 0) {
         limits.memory = memory;
     }
-    // The server has said what its kernel lacks.
+    // The server has logged what the kernel lacks.
     (void)krv::server::enterSandbox(limits);
     krv::server::dropStartUpPages();
 
     krv::server::WorkerChannel channel{krv::server::Descriptor(kChannelDescriptor)};
     if (auto job = channel.receive()) {
-        // From here on it is the job that is to blame for whatever happens.
+        // From here on, the job is to blame if this process crashes.
         krv::KRVOperationBase begun;
         begun.setOperationType(krv::OpReadyToProcessRequests);
         channel.send(begun);
         channel.send(*krv::server::performRequest(*job, channel));
     }
-    // Without destroying what the codecs' libraries have put up: the kernel is quicker.
+    // Skips the destructors of FFmpeg's libraries: the kernel frees everything faster.
     ::_exit(0);
 }

@@ -6,13 +6,13 @@
 
 namespace krv::server {
 
-/// Asks a running operation to end. Any thread.
+/// Asks a running operation to end. Thread-safe.
 class Cancellation {
 public:
     Cancellation();
-    /// The descriptor becomes readable and stays so.
     void request();
     [[nodiscard]] bool requested() const noexcept { return requested_; }
+    /// A descriptor that is readable after request(); borrowed.
     [[nodiscard]] int descriptor() const noexcept { return event_.get(); }
 
 private:

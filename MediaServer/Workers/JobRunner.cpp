@@ -14,7 +14,7 @@
 namespace krv::server {
 namespace {
 
-/// How many workers are tried for one job, when they are gone before they have it.
+/// How many workers are tried for one job if they exit before they have it.
 constexpr int kAttempts = 3;
 
 std::string howItEnded(int status) {
@@ -47,7 +47,7 @@ Outcome JobRunner::run(const KRVOperationBase& request, const std::vector<int>& 
         if (begun) {
             return failed(makeError(request, {.cause = FailureCause::WorkerCrashed, .reason = failure}));
         }
-        // It was gone before it had the job, so the job is not to blame.
+        // The worker exited before it had the job, so the job is not to blame.
     }
     return failed(makeError(request, {.cause = FailureCause::WorkerDidNotStart, .reason = failure}));
 }

@@ -23,22 +23,23 @@ struct Outcome {
     KRVOperationBase::Ref record;
 };
 
-/// The boundary behind which media code lives: one record and its open files go in, progress comes out, and at the end
-/// one record. The work is done by a child process of its own; whatever happens to that process happens to this
-/// operation only.
+/// Runs one job in a worker process. A request and its open files go in; progress and finally a record come out. Whatever
+/// happens to that process affects this operation only.
 class JobRunner {
 public:
-    /// workers: where the processes come from; must outlive this.
+    /// workers: supplies the processes; must outlive this object.
     explicit JobRunner(WorkerPool& workers)
         : workers_(workers) {}
 
     /// Blocks until the work has ended. onProgress is called on this thread with the fraction that the worker reports.
+    /// Thread-safe.
     /// files: the sources in order and then, where the request has a destination, the file to write; borrowed.
     [[nodiscard]] Outcome run(const KRVOperationBase& request, const std::vector<int>& files,
                               const Cancellation& cancellation, const std::function<void(double)>& onProgress) const;
 
 private:
-    /// Nothing when the worker has ended, or sends what is no message. begun: whether it has said that it has the job.
+    /// Returns how the job ended, or nothing if the worker has exited or sent an invalid message. begun: set when the
+    /// worker has confirmed that it has the job.
     [[nodiscard]] static std::optional<Outcome> follow(WorkerChannel& channel, const Cancellation& cancellation,
                                                        const std::function<void(double)>& onProgress, bool& begun);
 

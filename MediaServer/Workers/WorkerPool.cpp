@@ -16,10 +16,10 @@
 namespace krv::server {
 namespace {
 
-/// Where the worker looks for its end of the wire.
+/// The descriptor at which the worker expects its end of the channel.
 constexpr int kChannelDescriptor = 3;
 
-/// Starts the program with its end of the wire; -1 with errno when it cannot be.
+/// Starts the program with its end of the channel. Returns -1 and sets errno if it cannot be started.
 pid_t spawn(const std::string& executable, std::uint64_t memoryLimit, int channelEnd) {
     posix_spawn_file_actions_t files;
     posix_spawn_file_actions_init(&files);
@@ -60,7 +60,7 @@ int Worker::end() {
     if (pid_ <= 0) {
         return 0;
     }
-    // One that has ended already keeps the status that it ended with. One that closed the wire is about to.
+    // A process that has exited keeps its status. One that has closed the channel is about to exit.
     int status = 0;
     ::kill(pid_, SIGKILL);
     while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
@@ -122,7 +122,7 @@ void WorkerPool::keep() {
         }
         changed_.notify_all();
     }
-    // On this thread, with which they would end anyway.
+    // On this thread, whose exit would kill them anyway.
     ready_.clear();
     mutex_.unlock();
 }
@@ -148,7 +148,7 @@ std::unique_ptr<Worker> WorkerPool::take(std::string& failure) {
     }
     --waiting_;
     changed_.notify_all();
-    failure = worker ? std::string() : stopping_ ? "the server is ending" : failure_;
+    failure = worker ? std::string() : stopping_ ? "the server is shutting down" : failure_;
     return worker;
 }
 

@@ -15,19 +15,19 @@
 
 namespace krv::server {
 
-/// A worker process and the server's end of the wire to it. It is killed and reaped when the object goes.
+/// A worker process and the server's end of the channel to it. The destructor kills and reaps the process.
 class Worker {
 public:
-    Worker(pid_t process, WorkerChannel wire)
-        : channel(std::move(wire))
+    Worker(pid_t process, WorkerChannel serverEnd)
+        : channel(std::move(serverEnd))
         , pid_(process) {}
     ~Worker() { (void)end(); }
     Worker(const Worker&) = delete;
     Worker& operator=(const Worker&) = delete;
 
-    /// Whether it still lives.
+    /// Returns whether the process is still running.
     [[nodiscard]] bool isAlive() const;
-    /// Kills it, unless it has ended by itself, and returns its status as waitpid tells it; 0 after the first call.
+    /// Kills the process unless it has exited, and returns its status as from waitpid. Returns 0 after the first call.
     int end();
 
     WorkerChannel channel;
@@ -36,25 +36,25 @@ private:
     pid_t pid_;
 };
 
-/// Keeps some workers started ahead of need, because starting one takes longer than many an operation.
+/// Keeps some idle workers ready, because starting one takes longer than many operations do.
 ///
-/// A worker carries out one operation and ends with it: what a hostile file may have done to it ends there too. The
-/// pool's own thread starts the next one meanwhile. Any thread.
+/// A worker performs one operation and exits, and with it whatever a hostile file may have done to it. The pool's own
+/// thread starts the next one in the meantime. Thread-safe.
 class WorkerPool {
 public:
-    /// executable: the worker program. spares: how many to keep ready; they are started at once. memoryLimit: the bytes
-    /// that each worker may write to; zero for what suits this machine.
+    /// executable: path of the worker program. spares: how many idle workers to keep; they are started at once.
+    /// memoryLimit: bytes of writable memory per worker; 0 for a default that depends on the machine.
     WorkerPool(std::string executable, unsigned spares, std::uint64_t memoryLimit = 0);
-    /// Ends the spares. Workers that were taken must have gone.
+    /// Kills the idle workers. All workers handed out by take() must already be destroyed.
     ~WorkerPool();
     WorkerPool(const WorkerPool&) = delete;
     WorkerPool& operator=(const WorkerPool&) = delete;
 
-    /// A live worker, from the spares if there is one, else as soon as one has been started. Null with the reason when
-    /// none can be started.
+    /// Returns an idle worker, or waits until one has been started. Returns null and sets failure to the reason if none
+    /// can be started.
     [[nodiscard]] std::unique_ptr<Worker> take(std::string& failure);
 
-    /// How many are ready now.
+    /// Returns how many idle workers there are.
     [[nodiscard]] std::size_t ready() const;
 
 private:
@@ -68,10 +68,11 @@ private:
     std::condition_variable_any changed_;
     std::deque<std::unique_ptr<Worker>> ready_ KRV_GUARDED_BY(mutex_);
     unsigned waiting_ KRV_GUARDED_BY(mutex_) = 0;
-    /// Why the latest attempt to start one failed; empty when it did not.
+    /// Why the latest attempt to start a worker failed; empty if it succeeded.
     std::string failure_ KRV_GUARDED_BY(mutex_);
     bool stopping_ KRV_GUARDED_BY(mutex_) = false;
-    /// Starts every worker: a worker ends with the thread that started it, so this one lives as long as the pool.
+    /// Starts every worker. The kernel kills a worker when the thread that started it exits, so one thread that runs as
+    /// long as the pool starts them all.
     std::thread keeper_;
 };
 

@@ -120,7 +120,7 @@ TEST(RequestPolicy, RefusesWhatDoesNotSayInOneWayWhereItEnds) {
 
 TEST(RequestPolicy, RefusesCrookedHeaders) {
     RequestHead head = post();
-    head.crookedHeaders = true;
+    head.malformedHeaders = true;
     EXPECT_EQ(judge(head).status, 400U);
     EXPECT_TRUE(isWellFormedHeader("Content-Length", "3"));
     EXPECT_TRUE(isWellFormedHeader("X-Odd.!#$%&'*+-^_`|~1", "a\tb \xC3\xA4"));

@@ -16,9 +16,9 @@ TEST(HeldReplies, AnswersWhenThereIsNews) {
     std::promise<void> answered;
     held.hold(
         1h, [&] { return ready.load(); }, [&] { answered.set_value(); });
-    held.lookAgain();
+    held.checkAgain();
     ready = true;
-    held.lookAgain();
+    held.checkAgain();
     answered.get_future().wait();
 }
 

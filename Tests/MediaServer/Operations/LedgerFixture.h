@@ -108,7 +108,7 @@ protected:
     std::atomic<std::int64_t> seconds{3600};
     HeldReplies held;
     OperationLedger ledger{[this] {
-                               held.lookAgain();
+                               held.checkAgain();
                                { const LockGuard lock(mutex); }
                                changed.notify_all();
                            },
