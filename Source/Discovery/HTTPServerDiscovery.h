@@ -19,8 +19,9 @@ namespace krv {
 
 /// Base of the service name that is looked for.
 KRV_EXPORT extern const std::string_view kHTTPServerDiscoveryDefaultServiceName;
-/// Posted on the default notification centre for every recorded result, also when it changes nothing; its value is
-/// the port as an integer, -1 when there is no server.
+/// Notification: a result was recorded, even if it changed nothing. Posted on the default notification centre, on the
+/// main thread while the main run loop runs the search. An application that calls resolvedToPort or serverIsntThere
+/// gets it on the calling thread. Its value is the port as an integer, -1 if there is no server.
 KRV_EXPORT extern const std::string_view kHTTPServerDiscoveryServiceChangeNotification;
 
 /// Keeps, for the whole process, the loopback port on which the media server listens.

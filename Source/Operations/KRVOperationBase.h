@@ -129,6 +129,8 @@ public:
     [[nodiscard]] Value numOpsNumberOfOperations() const;
     [[nodiscard]] std::shared_ptr<const Array> numOpsNames() const;
     [[nodiscard]] std::shared_ptr<const Dictionary> metadata() const;
+    /// Stores the metadata in `arguments`. Null is stored as a null value, which travels as a null object; it does not
+    /// remove the entry. Does nothing if `arguments` is null.
     void setMetadata(std::shared_ptr<const Dictionary> metadata);
 
     // Texts.

@@ -11,11 +11,17 @@
 
 namespace krv {
 
+// Names of the transport's two ends and of its ping, "8081", "8082" and "kKRVQuicktimeProcessPing". Exported for
+// applications that compare them; neither the library nor the media server uses them.
+
+/// The client's end.
 KRV_EXPORT extern const std::string_view kClientTransport;
+/// The server's end.
 KRV_EXPORT extern const std::string_view kServerTransport;
+/// The ping.
 KRV_EXPORT extern const std::string_view kKRVQTProcessPing;
 
-/// Name of the exception for a server that cannot be talked to.
+/// Name of the exception for a server that cannot be reached.
 KRV_EXPORT extern const std::string_view kHTTPServerNSURLConnectionError;
 
 /// Carries one operation record to the server and its reply back. All calls are synchronous, block the calling
