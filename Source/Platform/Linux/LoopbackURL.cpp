@@ -33,7 +33,7 @@ struct CurlURL {
 std::variant<LoopbackURL, std::string> readLoopbackURL(const std::string& url) {
     const CurlURL parsed;
     if (!parsed.handle) {
-        return std::string("There is no memory for the request.");
+        return std::string("Out of memory.");
     }
     switch (curl_url_set(parsed.handle, CURLUPART_URL, url.c_str(), CURLU_NON_SUPPORT_SCHEME)) {
     case CURLUE_OK:
