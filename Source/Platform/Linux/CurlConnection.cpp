@@ -127,7 +127,7 @@ std::string CurlConnection::sentence(CURLcode code, const Exchange& exchange, lo
         return fmt::format("Could not connect to the server: port {} does not belong to this user.", port);
     }
     if (exchange.tooLarge || code == CURLE_FILESIZE_EXCEEDED) {
-        return fmt::format("The answer is longer than {} MiB.", kMaximumBody >> 20);
+        return fmt::format("The response is longer than {} MiB.", kMaximumBody >> 20);
     }
     if (exchange.noMemory) {
         return "Out of memory.";
@@ -142,7 +142,7 @@ std::string CurlConnection::sentence(CURLcode code, const Exchange& exchange, lo
     case CURLE_RECV_ERROR:
         return "The connection to the server was lost.";
     case CURLE_PARTIAL_FILE:
-        return "The connection to the server was lost before the whole answer had come.";
+        return "The connection to the server was lost before the response was complete.";
     default:
         return fmt::format("{}.", curl_easy_strerror(code));
     }

@@ -44,7 +44,7 @@ std::variant<LoopbackURL, std::string> readLoopbackURL(const std::string& url) {
         return fmt::format("\"{}\" is not a URL.", url);
     }
     if (parsed.part(CURLUPART_SCHEME) != "http") {
-        return fmt::format("\"{}\" is not a URL of http.", url);
+        return fmt::format("\"{}\" is not an http URL.", url);
     }
     LoopbackURL result;
     result.host = parsed.part(CURLUPART_HOST);
