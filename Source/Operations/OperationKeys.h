@@ -27,9 +27,9 @@ KRV_EXPORT extern const std::string_view kArgumentPIDRegInfo;
 KRV_EXPORT extern const std::string_view kArgumentNumOpsNumberOnServer;
 /// Array of strings: their names.
 KRV_EXPORT extern const std::string_view kArgumentNumOpsNames;
-/// Size in pixels that each thumbnail is fitted into; a side of 0 is free.
+/// Size in pixels into which each thumbnail is fitted; a side of 0 is not limited.
 KRV_EXPORT extern const std::string_view kArgumentThumbnailInfoSize;
-/// Integer, 1 to 9999: how many thumbnails to make. Default 12.
+/// Integer, 1 to 9999: the number of thumbnails. Default 12.
 KRV_EXPORT extern const std::string_view kArgumentThumbnailCount;
 /// Dictionary under the kMediaMetadata keys.
 KRV_EXPORT extern const std::string_view kArgumentMovieInfoMetadata;
