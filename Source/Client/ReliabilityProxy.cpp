@@ -95,7 +95,7 @@ void ReliabilityProxy::aimAndPerform(Invocation& invocation) const {
     invocation.target = realOperations();
     if (!invocation.target) {
         throw Exception(std::string(kInvalidArgumentException),
-                        fmt::format("{} was sent to a proxy whose target is gone", nameOf(invocation)));
+                        fmt::format("{} was sent to a proxy without a target", nameOf(invocation)));
     }
     if (doesThisOperationNeedToBeReliable(invocation)) {
         callWithRetry(invocation);

@@ -169,7 +169,8 @@ void ServerRunner::startDetachedThread(std::function<void()> body) {
             body();
         } catch (const std::exception& exception) {
             // No caller could catch it, and the application must not be terminated by it.
-            KRV_LOG(kLogFlagError, site("startTimerOnThread"), "The server is watched no longer: {}", exception.what());
+            KRV_LOG(kLogFlagError, site("startTimerOnThread"), "The thread of the server runner has failed: {}",
+                    exception.what());
         }
     }).detach();
 }
