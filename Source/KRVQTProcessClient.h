@@ -1,10 +1,10 @@
 #pragma once
 
 /// \file
-/// The whole public interface of libKRVQTProcessClient. An application includes this and nothing else.
+/// The public interface of libKRVQTProcessClient. An application needs to include only this header.
 
 /// \namespace krv
-/// Everything of the library.
+/// The library's namespace.
 
 #include <KRVQTProcessClient/Client/KRVQTProcessOperations.h>
 #include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>

@@ -6,8 +6,8 @@
 
 namespace krv {
 
-/// The version of the library that is loaded, such as "0.1.0". It may differ from that of the headers an application
-/// was built with.
+/// Returns the version of the loaded library, such as "0.1.0". It may differ from the version of the headers with which
+/// the application was built.
 [[nodiscard]] KRV_EXPORT std::string_view libraryVersion() noexcept;
 
 }  // namespace krv

@@ -11,18 +11,18 @@ namespace krv {
 
 class KRVQTProcessOperations;
 
-/// One call of an operation, packaged: its selector, and what performs it on a target and stores the result. The
-/// callable holds the arguments for as long as the record lives, so it may be performed more than once.
+/// One packaged call: its selector, and a callable that performs it on a target and stores the result. The callable
+/// keeps the arguments, so it may be performed more than once.
 struct Invocation {
     std::optional<Selector> selector;
     std::function<void(KRVQTProcessOperations& target)> perform;
-    /// The object that the call is aimed at.
+    /// The object that performs the call.
     std::shared_ptr<KRVQTProcessOperations> target;
 
     void invoke() const { perform(*target); }
 };
 
-/// Whether every object answers the selector, such as "description": such calls are never worth retrying.
+/// Returns whether every object has the operation, such as "description". Such calls are never retried.
 [[nodiscard]] KRV_EXPORT bool isBaseObjectSelector(Selector selector) noexcept;
 
 }  // namespace krv

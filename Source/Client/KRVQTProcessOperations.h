@@ -21,18 +21,17 @@ using ProgressDelegate = std::shared_ptr<OperationProgress>;
 using VideoSettings = std::shared_ptr<const VideoEncodingParameters>;
 using AudioSettings = std::shared_ptr<const AudioEncodingParameters>;
 
-/// The operations that are worth repeating when the server goes away in their midst.
+/// The operations that are repeated if the server is lost while they run.
 ///
-/// All of them block the calling thread until the work has ended, and may be called from any thread. Paths are UTF-8
-/// and absolute, since the server does not share the caller's working directory. progress may be null; it is called on
-/// the calling thread. error may be null; it is written when the operation failed. When the server cannot be reached an
-/// Exception is raised.
+/// Each blocks the calling thread until the work has ended. Thread-safe. Paths are UTF-8 and absolute, because the
+/// server does not share the caller's working directory. progress may be null; it is called on the calling thread.
+/// error may be null; it is written if the operation failed. Each throws an Exception if the server cannot be reached.
 class KRV_EXPORT KRVReliableQTProcessOperations {
 public:
     virtual ~KRVReliableQTProcessOperations();
 
     static constexpr Selector kConvertMovieToType{"convertMovie:writeToFile:type:flattenOnly:progress:error:"};
-    /// Converts to one of the encoding types (see VideoConversion), or only flattens. Success is an error that stays
+    /// Converts a movie to an encoding type (see VideoConversion), or only flattens it. On success error stays
     /// unwritten.
     void convertMovie(std::string_view source, std::string_view writeToFile, std::int32_t type, bool flattenOnly,
                       const ProgressDelegate& progress, ErrorOut error) {
@@ -41,38 +40,38 @@ public:
 
     static constexpr Selector kConvertMovieWithSettings{
         "convertMovie:writeToFile:videoSettings:audioSettings:progress:error:"};
-    /// Converts with explicit settings, each of which may be null. False when the server reported an error and it was
-    /// stored in error. A failure of the transport is stored there as well, with the answer true: success is an error
-    /// that stays unwritten.
+    /// Converts a movie with explicit settings, each of which may be null. Returns false if the server reported an
+    /// error and it was stored in error. If the transport fails, the error is stored too, but the result is true. On
+    /// success error stays unwritten.
     virtual bool convertMovie(std::string_view source, std::string_view writeToFile, const VideoSettings& videoSettings,
                               const AudioSettings& audioSettings, const ProgressDelegate& progress, ErrorOut error) = 0;
 
     static constexpr Selector kCreateThumbnails{"createThumbnailsFor:toFolder:withSize:progress:error:"};
-    /// Makes pictures of the movie in a folder, fitted inside a size in pixels. Only a failure to talk to the server
-    /// is reported; what the server itself says of the work is not.
+    /// Writes thumbnails of the movie to a folder, fitted into a size in pixels. Reports failures of the transport
+    /// only, not an error that the server reports for the work.
     void createThumbnailsFor(std::string_view movie, std::string_view toFolder, Size withSize,
                              const ProgressDelegate& progress, ErrorOut error) {
         (void)performCreateThumbnails(movie, toFolder, withSize, progress, error);
     }
 
     static constexpr Selector kGetMetadata{"getMetadataFor:error:"};
-    /// The movie's metadata under the kMediaMetadata keys, poster frame included; null when it failed.
+    /// Returns the movie's metadata under the kMediaMetadata keys, including the poster frame; null on failure.
     [[nodiscard]] virtual std::shared_ptr<const Dictionary> getMetadataFor(std::string_view movie, ErrorOut error) = 0;
 
     static constexpr Selector kMuxMovie{"muxMovie:writeToFile:progress:error:"};
-    /// Copies the movie with its audio mixed to two channels. Success is an error that stays unwritten.
+    /// Copies the movie with its audio mixed down to two channels. On success error stays unwritten.
     void muxMovie(std::string_view source, std::string_view writeToFile, const ProgressDelegate& progress,
                   ErrorOut error) {
         (void)performMuxMovie(source, writeToFile, progress, error);
     }
 
     static constexpr Selector kGetInterestingTimes{"getInterestingTimesForMovie:specificTrackIndex:trackIndex:error:"};
-    /// Where a person would want to seek, as a dictionary under the kResultInterestingTime keys; null when it failed or
-    /// there is none. trackIndex counts only when specificTrackIndex is true.
+    /// Returns the times to which a person would want to seek, as a dictionary under the kResultInterestingTime keys;
+    /// null on failure or if there are none. trackIndex is used only if specificTrackIndex is true.
     [[nodiscard]] virtual Value getInterestingTimesForMovie(std::string_view movie, bool specificTrackIndex,
                                                             std::int32_t trackIndex, ErrorOut error) = 0;
 
-    /// The selectors above: the one list of what is reliable.
+    /// Returns the selectors above: the only list of reliable operations.
     [[nodiscard]] static std::span<const Selector> requiredMethods() noexcept {
         static constexpr std::array<Selector, 6> kMethods{kConvertMovieToType, kConvertMovieWithSettings,
                                                           kCreateThumbnails,   kGetMetadata,
@@ -81,37 +80,37 @@ public:
     }
 
 protected:
-    // The work behind the operations that are declared here without a result. They answer whether the error stayed
-    // unwritten, which a caller that holds the class itself may use.
+    // Implementations of the operations that are declared here without a result. They return whether error stayed
+    // unwritten, for callers that use the class itself.
     virtual bool performConvertMovie(std::string_view source, std::string_view writeToFile, std::int32_t type,
                                      bool flattenOnly, const ProgressDelegate& progress, ErrorOut error) = 0;
     virtual bool performCreateThumbnails(std::string_view movie, std::string_view toFolder, Size withSize,
                                          const ProgressDelegate& progress, ErrorOut error) = 0;
     virtual bool performMuxMovie(std::string_view source, std::string_view writeToFile,
                                  const ProgressDelegate& progress, ErrorOut error) = 0;
-    /// What they answer.
+    /// Returns whether error stayed unwritten.
     [[nodiscard]] static bool holdsNoError(ErrorOut error) { return !error || !*error; }
 };
 
-/// Everything an application can ask of the server.
+/// All operations of the media server.
 class KRV_EXPORT KRVQTProcessOperations : public KRVReliableQTProcessOperations {
 public:
     ~KRVQTProcessOperations() override;
 
     static constexpr Selector kTransport{"transport"};
-    /// The channel that every call goes over; null after clean-up.
+    /// Returns the transport of every call; null after cleanUp.
     [[nodiscard]] virtual std::shared_ptr<KRVTransport> transport() const = 0;
 
     static constexpr Selector kAmIRegistered{"amIRegistered"};
-    /// Whether the server knows this process; false also when it cannot be asked.
+    /// Returns whether this process is registered with the server; false also if the server cannot be reached.
     [[nodiscard]] virtual bool amIRegistered() = 0;
 
     static constexpr Selector kIsServerReady{"isServerReadyToTakeRequests"};
-    /// Whether the server answers; false when it cannot be asked.
+    /// Returns whether the server responds; false also if it cannot be reached.
     [[nodiscard]] virtual bool isServerReadyToTakeRequests() = 0;
 
     static constexpr Selector kOperationsPendingCompletion{"operationsPendingCompletion"};
-    /// Always a new empty array; the server is not asked.
+    /// Returns a new empty array. Does not ask the server.
     [[nodiscard]] virtual Array operationsPendingCompletion() = 0;
 
     static constexpr Selector kCancelAllOperations{"cancelAllOperations:"};
@@ -119,15 +118,15 @@ public:
     void cancelAllOperations(ErrorOut error) { (void)performCancelAllOperations(error); }
 
     static constexpr Selector kRegisterWithServer{"registerWithServer"};
-    /// Makes this process known to the server. Raises when that fails.
+    /// Registers this process with the server. Throws an Exception on failure.
     virtual void registerWithServer() = 0;
 
     static constexpr Selector kUnregisterFromServer{"unregisterFromServer"};
-    /// Makes the server forget this process. Raises when that fails.
+    /// Removes this process's registration. Throws an Exception on failure.
     virtual void unregisterFromServer() = 0;
 
     static constexpr Selector kQueueShutdown{"queueShutdownOfCurrentServer"};
-    /// Asks the server to end once it has finished what it is doing. False when the request failed.
+    /// Asks the server to exit when its present work is done. Returns false if the request failed.
     virtual bool queueShutdownOfCurrentServer() = 0;
 
 protected:

@@ -47,7 +47,7 @@ bool KRVQuicktimeProcessClient::convertMovie(std::string_view source, std::strin
 bool KRVQuicktimeProcessClient::performCreateThumbnails(std::string_view movie, std::string_view toFolder,
                                                         Size withSize, const ProgressDelegate& progress,
                                                         ErrorOut error) {
-    // What the server says of the work in the returned record does not reach the caller of this operation.
+    // An error in the returned record is not reported to the caller of this operation.
     (void)callAndWait(KRVOperationBase::createThumbnailsForVideo(movie, toFolder, withSize), progress, error);
     return holdsNoError(error);
 }
@@ -179,7 +179,7 @@ KRVOperationBase::Ref KRVQuicktimeProcessClient::getResultOfOperation(const Ref&
         migrateInvocationError(finished, error);
         return finished;
     } catch (const Exception& exception) {
-        // Metadata is named whatever the result is of.
+        // The text names metadata for every kind of result.
         KRV_LOG(kLogFlagError, site("getResultOfOperation:error:"), "Failed to make call to get metadata, {}",
                 exception.description());
         throw;
@@ -198,7 +198,7 @@ void KRVQuicktimeProcessClient::removeResultsFromServer(const Ref& operation) {
             failed(error->description());
         }
     } catch (const Exception& exception) {
-        // The work itself has ended; a server that went away meanwhile has dropped its results by that.
+        // The work has ended, and a server that exited since then no longer has the results.
         failed(exception.description());
     }
 }

@@ -16,66 +16,68 @@
 
 namespace krv {
 
-/// Turns each request of the application into an operation record and runs it over a transport.
+/// Makes an operation record of each request and sends it over a transport.
 ///
-/// An application calls defaultClient() on its main thread and uses what it gets. The operations hold no lock and may
-/// be called from any thread; each blocks its caller.
+/// An application calls defaultClient() on its main thread and uses the result. The operations are thread-safe, hold no
+/// lock, and block their caller.
 ///
-/// A client that monitors the server has a runner, and the two keep each other alive until cleanUp.
+/// A client that monitors the server has a runner. The two keep references to each other until cleanUp.
 class KRV_EXPORT KRVQuicktimeProcessClient final : public KRVQTProcessOperations,
                                                    public ReliabilityDecision,
                                                    public std::enable_shared_from_this<KRVQuicktimeProcessClient> {
 public:
-    // The one client that a process shares.
+    // The process's shared client.
 
-    /// The shared client. Made on first use, which must be on the main thread (Exception "NotMainThread" elsewhere);
-    /// then it launches the server if none runs and keeps this process registered, for which the main run loop has to
-    /// turn. Calls worth repeating are repeated while the server is away (see ReliabilityProxy). Any thread later.
+    /// Returns the shared client, and creates it on first use. The first call must be on the main thread (throws
+    /// Exception "NotMainThread" otherwise); later calls are thread-safe. The client launches the server if none is
+    /// running and keeps this process registered, for which the main run loop must run. Reliable calls are retried
+    /// (see ReliabilityProxy).
     [[nodiscard]] static std::shared_ptr<KRVQTProcessOperations> defaultClient();
-    /// Puts a new client over that transport in the place of the shared one, bare: nothing is repeated. The old one is
-    /// dropped as it is, without cleanUp. Any thread.
+    /// Replaces the shared client by a new one over that transport, without retries. The old one is released without
+    /// cleanUp. Thread-safe.
     static std::shared_ptr<KRVQuicktimeProcessClient> clientWithTransport(std::shared_ptr<KRVTransport> transport,
                                                                           bool monitorServer);
-    /// The same, monitoring the server.
+    /// The same, with monitoring.
     static std::shared_ptr<KRVQuicktimeProcessClient> clientWithTransport(std::shared_ptr<KRVTransport> transport);
-    /// Lets go of the shared client; the next defaultClient() makes another. A bare client is cleaned up by that and
-    /// its runner ends. The one that defaultClient() made goes on watching the server for as long as the process lives.
+    /// Releases the shared client; the next defaultClient() creates another. A client of clientWithTransport() is
+    /// cleaned up and its runner stops. One of defaultClient() continues to watch the server until the process exits.
     static void destroySingleton();
 
-    // Making and ending a client.
+    // Creating and cleaning up a client.
 
-    /// A client is only made with a transport: always raises Exception "NSInvalidArgumentException".
+    /// Always throws Exception "NSInvalidArgumentException": a client needs a transport.
     [[noreturn]] static std::shared_ptr<KRVQuicktimeProcessClient> init();
-    /// A client of its own. With monitorServer, one that launches and watches the server from a second from now on.
+    /// Creates a client. With monitorServer its runner starts to launch and watch the server one second later.
     [[nodiscard]] static std::shared_ptr<KRVQuicktimeProcessClient>
     initWithTransport(std::shared_ptr<KRVTransport> transport, bool monitorServer);
-    /// The same with a runner that sees another system.
+    /// The same, with a runner in another environment.
     [[nodiscard]] static std::shared_ptr<KRVQuicktimeProcessClient>
     initWithTransport(std::shared_ptr<KRVTransport> transport, bool monitorServer,
                       ServerRunner::Environment environment);
-    /// A client of its own without monitoring. clock is what waiting calls measure stalls with; it must outlive it.
+    /// Creates a client without monitoring. Waiting calls measure stalls with clock, which must outlive the client.
     explicit KRVQuicktimeProcessClient(std::shared_ptr<KRVTransport> transport, Clock& clock = Clock::steady());
     ~KRVQuicktimeProcessClient() override;
-    /// Ends the client: its runner, if it has one, stops, and the transport goes. Once; not while a call is under way.
+    /// Stops the runner, if there is one, and releases the transport. Repeated calls do nothing. Must not be called
+    /// while an operation is in progress.
     void cleanUp();
 
-    /// Null without monitoring and after cleanUp.
+    /// Returns the runner; null without monitoring and after cleanUp.
     [[nodiscard]] std::shared_ptr<ServerRunner> serverRunner() const;
-    /// Null after cleanUp.
+    /// Returns the monitor; null after cleanUp.
     [[nodiscard]] std::shared_ptr<KRVProcessMonitor> procMonitor() const;
     /// For log lines.
     [[nodiscard]] std::string description() const;
 
     [[nodiscard]] std::shared_ptr<KRVTransport> transport() const override;
     void setTransport(std::shared_ptr<KRVTransport> transport);
-    /// Seconds for which progress may stand still before a waiting call gives up; 60 at first.
+    /// Seconds without progress after which a waiting call gives up. Default 60.
     [[nodiscard]] float progressTimeoutDuration() const noexcept { return progressTimeoutDuration_; }
     void setProgressTimeoutDuration(float seconds) noexcept { progressTimeoutDuration_ = seconds; }
 
-    // Media work. Each waits for the server to end it. The results say more than the interface declares. The two
-    // conversions answer false when the server's record carried an error and it was stored in error; a failure of the
-    // transport is stored there too, but the answer is true then: look at error. The others answer whether error holds
-    // nothing afterwards. Without an out-parameter every answer is true.
+    // Media work. Each operation waits until the server has finished it. The results say more than the interface
+    // declares. The two conversions return false if the server's record had an error and it was stored in error. If the
+    // transport fails, that error is stored too, but the result is true: check error. The others return whether error
+    // is empty afterwards. Without an out-parameter every operation returns true.
 
     bool convertMovie(std::string_view source, std::string_view writeToFile, std::int32_t type, bool flattenOnly,
                       const ProgressDelegate& progress, ErrorOut error) {
@@ -92,14 +94,14 @@ public:
         return performMuxMovie(source, writeToFile, progress, error);
     }
     /// Joins the sources (an array of paths) in order. With useShortestTrack each source ends with its shortest track.
-    /// Not among the reliable operations.
+    /// Not a reliable operation.
     bool mergeSources(const Value& sources, std::string_view writeToFile, bool useShortestTrack,
                       const ProgressDelegate& progress, ErrorOut error);
     [[nodiscard]] std::shared_ptr<const Dictionary> getMetadataFor(std::string_view movie, ErrorOut error) override;
     [[nodiscard]] Value getInterestingTimesForMovie(std::string_view movie, bool specificTrackIndex,
                                                     std::int32_t trackIndex, ErrorOut error) override;
 
-    // Control requests: one call each.
+    // Control requests: one request each.
 
     [[nodiscard]] bool amIRegistered() override;
     [[nodiscard]] bool isServerReadyToTakeRequests() override;
@@ -111,16 +113,16 @@ public:
 
     // Results that the server keeps.
 
-    /// The finished record of an operation, which may carry an error of its own (also stored in error); null when there
-    /// is none. Raises when the server is unreachable.
+    /// Returns the finished record of an operation, null if the server has none. The record may contain an error, which
+    /// is also stored in error. Throws an Exception if the server cannot be reached.
     [[nodiscard]] KRVOperationBase::Ref getResultOfOperation(const KRVOperationBase::Ref& operation, ErrorOut error);
-    /// Makes the server forget the result of an operation. A failure is only logged.
+    /// Deletes the result of an operation on the server. Logs a failure.
     void removeResultsFromServer(const KRVOperationBase::Ref& operation);
 
-    /// Moves the record's error into the out-parameter. True when there is none of the two.
+    /// Stores the record's error in the out-parameter. Returns true if either is missing.
     static bool migrateInvocationError(const KRVOperationBase::Ref& response, ErrorOut toError);
 
-    /// Whether the call is one of KRVReliableQTProcessOperations.
+    /// Returns whether the call is one of KRVReliableQTProcessOperations.
     [[nodiscard]] bool doesOperationNeedToBeReliable(const Invocation& invocation) const override;
 
 protected:
@@ -149,8 +151,8 @@ private:
     std::atomic<float> progressTimeoutDuration_{0};
 };
 
-/// The shared client as a variable: the proxy that defaultClient() made, a bare client, or null. To be looked at only;
-/// the operations of the class change it under their lock.
+/// The shared client as a variable: the proxy of defaultClient(), a client of clientWithTransport(), or null. Read-only
+/// for applications; the class changes it under its lock.
 extern "C" KRV_EXPORT std::shared_ptr<KRVQTProcessOperations>&
     __default_krv_quicktime_process_client;  // NOLINT(bugprone-reserved-identifier): its name in every binary
 

@@ -1,8 +1,8 @@
-// How clients come and go, and the one that a process shares.
+// Creation and destruction of clients, and the process's shared client.
 //
-// What an application gets from defaultClient() is the proxy, what it gets with a transport of its own is the client
-// itself. So the end differs as well: a proxy that is cleaned up only lets go of its client, which its runner keeps
-// alive and at work; a bare client is cleaned up itself.
+// defaultClient() returns the proxy, and clientWithTransport() the client itself, so clean-up differs. A proxy that is
+// cleaned up only releases its client, which its runner keeps alive and working. A client without a proxy is cleaned
+// up itself.
 #include <utility>
 
 #include <fmt/format.h>
@@ -23,7 +23,7 @@ constexpr LogSite site(std::string_view function) {
     return {"Source/Client/KRVQuicktimeProcessClient", Selector(function)};
 }
 
-// Neither is ever destroyed: an application's threads may use the client until the process ends.
+// Neither is ever destroyed, because an application's threads may use the client until the process exits.
 
 RecursiveMutex& classLock() {
     static auto* instance = new RecursiveMutex;
@@ -56,7 +56,7 @@ std::shared_ptr<KRVQTProcessOperations> KRVQuicktimeProcessClient::defaultClient
 
 std::shared_ptr<KRVQuicktimeProcessClient>
 KRVQuicktimeProcessClient::clientWithTransport(std::shared_ptr<KRVTransport> transport, bool monitorServer) {
-    std::shared_ptr<KRVQTProcessOperations> old;  // goes when the lock has gone
+    std::shared_ptr<KRVQTProcessOperations> old;  // destroyed after the lock is released
     const LockGuard lock(classLock());
     old.swap(sharedClient());
     auto client = initWithTransport(std::move(transport), monitorServer);
@@ -116,7 +116,7 @@ void KRVQuicktimeProcessClient::initWithMonitor(bool monitorServer, ServerRunner
     auto monitor = std::make_shared<KRVProcessMonitor>();
     std::shared_ptr<ServerRunner> runner;
     if (monitorServer) {
-        // Its first step comes a second later, when the transport is there.
+        // Its first step runs a second later, when the transport is set.
         runner = ServerRunner::initWithProcessMonitor(monitor, shared_from_this(), std::move(environment));
     }
     {
@@ -132,7 +132,7 @@ void KRVQuicktimeProcessClient::cleanUp() {
     if (inCleanup_.exchange(true)) {
         return;
     }
-    const auto self = weak_from_this().lock();  // the runner's reference may be the last one but this
+    const auto self = weak_from_this().lock();  // the runner's reference may be the last but this one
     std::shared_ptr<ServerRunner> runner;
     std::shared_ptr<KRVProcessMonitor> monitor;
     {

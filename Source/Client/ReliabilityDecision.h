@@ -5,10 +5,11 @@
 
 namespace krv {
 
-/// An object that decides which of its calls are worth retrying.
+/// An object that decides which of its calls must be reliable.
 class KRV_EXPORT ReliabilityDecision {
 public:
     virtual ~ReliabilityDecision();
+    /// Returns whether the call may be repeated and must succeed if the server comes back in time.
     [[nodiscard]] virtual bool doesOperationNeedToBeReliable(const Invocation& invocation) const = 0;
 };
 

@@ -1,12 +1,12 @@
-// Retrying, in one place.
+// Retries, in one place.
 //
-// An application's call must not fail because the server crashed or is being started: the server runner brings it back
-// within seconds. What is retried is the call as a whole, not the request that failed: after a crash the server knows
-// nothing of the work, so a conversion begins anew, and its progress with it. That is why only operations that may be
-// done twice are retried (each leaves its output whole or not at all), and why the decision belongs to the client.
+// An application's call must not fail because the server crashed or is starting: the server runner brings it back
+// within seconds. The proxy retries the call as a whole, not the request that failed. After a crash the server knows
+// nothing of the work, so a conversion starts over, and so does its progress. Therefore only operations that may be
+// performed twice are retried (each leaves its output complete or absent), and the client decides which those are.
 //
-// Every operation becomes an Invocation, a selector and a callable with its arguments, and takes the same road through
-// forwardInvocation. Only the packaging is written once for each operation.
+// Every operation becomes an Invocation (a selector, and a callable with its arguments) and passes through
+// aimAndPerform. Only the packaging is written once per operation.
 #include <type_traits>
 #include <utility>
 
@@ -26,7 +26,7 @@ using namespace std::chrono_literals;
 constexpr int kAttempts = 3;
 constexpr Clock::Duration kLongestWait = 5s;
 constexpr Clock::Duration kBetweenProbes = 1s;
-/// In each pass of the wait the thread's timers and network call-backs get this much time.
+/// How long the run loop runs in each iteration of the wait.
 constexpr Clock::Duration kRunLoopSlice = Clock::Duration(1s) / 30;
 
 constexpr LogSite site(std::string_view function) {
@@ -37,7 +37,7 @@ std::string_view nameOf(const Invocation& invocation) {
     return invocation.selector ? invocation.selector->name() : std::string_view("(null)");
 }
 
-/// Counts a call for as long as it is under way, however it ends.
+/// Counts a call until it returns or throws.
 class InProgress {
 public:
     explicit InProgress(std::atomic<std::int32_t>& counter)
@@ -95,7 +95,7 @@ void ReliabilityProxy::aimAndPerform(Invocation& invocation) const {
     invocation.target = realOperations();
     if (!invocation.target) {
         throw Exception(std::string(kInvalidArgumentException),
-                        fmt::format("{} was sent to a proxy whose target is gone", nameOf(invocation)));
+                        fmt::format("{} was sent to a proxy without a target", nameOf(invocation)));
     }
     if (doesThisOperationNeedToBeReliable(invocation)) {
         callWithRetry(invocation);
@@ -127,7 +127,7 @@ void ReliabilityProxy::callWithRetry(const Invocation& invocation) const {
         }
         KRV_LOG(kLogFlagInfo, site("callWithRetry:"),
                 "Failed while trying to call {}... waiting for transport to be ready ...", nameOf(invocation));
-        // Also after the last attempt: the caller's next call then meets a server that has come back.
+        // Also after the last attempt, so that the caller's next call finds the server running again.
         (void)waitForTransporToBecomeAvailable(invocation);
     }
     throw Exception("OperationFailed",

@@ -13,38 +13,39 @@
 
 namespace krv {
 
-/// Stands before the client and has its interface. Calls worth retrying are made up to three times while the server
-/// cannot be reached, each failure followed by a wait of about five seconds at most for it to come back; the others are
-/// passed on once.
+/// Wraps a client behind the same interface and retries reliable calls while the server cannot be reached.
 ///
-/// All work runs on the calling thread and blocks it; in its waits the thread's run loop turns a little. After the
-/// third failure Exception "OperationFailed" is raised. Everything else that a call raises passes through unchanged.
-/// Once the target is gone every operation raises Exception "NSInvalidArgumentException". Any thread.
+/// A reliable call is made at most three times. After each failure the proxy waits up to about five seconds for the
+/// server to come back. Other calls are made once.
+///
+/// All work runs on the calling thread and blocks it; the waits run that thread's run loop briefly. After the third
+/// failure the proxy throws Exception "OperationFailed". Any other exception of a call propagates unchanged. After
+/// clearTarget every operation throws Exception "NSInvalidArgumentException". Thread-safe.
 class KRV_EXPORT ReliabilityProxy final : public KRVQTProcessOperations {
 public:
-    /// clock is what the waits sleep on and are measured with; it must outlive the proxy.
+    /// The waits use clock, which must outlive the proxy.
     [[nodiscard]] static std::shared_ptr<ReliabilityProxy>
     proxyForOperations(std::shared_ptr<KRVQTProcessOperations> operations, Clock& clock = Clock::steady());
     ~ReliabilityProxy() override;
 
-    /// The wrapped object; null after clearTarget.
+    /// Returns the wrapped object, null after clearTarget.
     [[nodiscard]] std::shared_ptr<KRVQTProcessOperations> realOperations() const;
     void setRealOperations(std::shared_ptr<KRVQTProcessOperations> operations);
-    /// How many reliable calls are under way.
+    /// Returns the number of reliable calls in progress.
     [[nodiscard]] std::int32_t numberOfOperationsInProgress() const noexcept { return numberOfOperationsInProgress_; }
 
     void clearTarget();
-    /// Lets go of the wrapped object, to which nothing is passed on.
+    /// Releases the wrapped object, without cleaning it up.
     void cleanUp();
 
-    /// What every operation comes down to: aims the invocation at the wrapped object and performs it, reliably if it
-    /// has to be. One whose selector is "cleanUp" takes the target away afterwards.
+    /// Aims the invocation at the wrapped object and performs it, with retries if it must be reliable. If its selector
+    /// is "cleanUp", releases the target afterwards.
     void forwardInvocation(Invocation& invocation);
-    /// The wrapped object's own decision when it is a ReliabilityDecision, else true for all but the basic selectors.
+    /// Returns the wrapped object's decision if it is a ReliabilityDecision, else true for all but the base selectors.
     [[nodiscard]] bool doesThisOperationNeedToBeReliable(const Invocation& invocation) const;
-    /// Performs an aimed invocation with up to three attempts.
+    /// Performs an aimed invocation, with at most three attempts.
     void callWithRetry(const Invocation& invocation) const;
-    /// Blocks until the transport of the invocation's target is ready; false when that took five seconds or more.
+    /// Blocks until the transport of the invocation's target is ready. Returns false if that took five seconds or more.
     bool waitForTransporToBecomeAvailable(const Invocation& invocation) const;
 
     // The wrapped object's operations.

@@ -1,11 +1,11 @@
-// The server runner: finding, launching, registering with and losing the server.
+// The server runner: finds, launches and registers with the server, and notices when it is lost.
 //
-// What it is for. An application that makes a call must find a server that answers and knows it. Nobody promises that:
-// the server may not have been started, may have crashed a moment ago, may have been started by another application
-// or be starting just now, may hang, may have been ended by its idle time-out and come back on another port. The
-// runner looks once a second and does the one thing that brings the state nearer to "registered". It never blocks an
-// application's call and is never asked by one: calls find out for themselves whether the server is there
-// (ReliabilityProxy), and both agree only on what discovery says.
+// Purpose. An application that makes a call needs a server that responds and knows this process. Nothing guarantees
+// one. The server may not have been started, may have crashed a moment ago, may be starting right now on behalf of
+// another application, may hang, or may have exited after its idle time-out and come back on another port. The runner
+// looks once a second and takes the one step that leads closer to "registered". It never blocks an application's call,
+// and no call waits for it: calls find out for themselves whether the server is there (ReliabilityProxy). Both rely on
+// discovery only.
 //
 //        ┌────────────────────────── not running, or no port known ───────────────────────────┐
 //        v                                                                                     │
@@ -14,58 +14,57 @@
 //        │          none runs            │    └───┘          │   └─────────────┘ not known     │
 //        └──────── waited too long ──────┴─── registration raised                              │
 //                                                                                              │
-// Who knows what.
-//   - Discovery knows the port, and only the port. It finds a server about a second after that publishes itself.
-//   - The process table knows whether a process of the server's name exists, whether it answers or not. Only this
-//     user's processes count: another user has a server of his own, and it must not keep us from launching ours.
-//   - The server knows which processes are registered with it, and forgets them when it ends.
-//   - The lock file of the server decides which one serves a user. It is the only arbiter there is.
+// Sources of information.
+//   - Discovery knows the port, and nothing else. It finds a server about a second after the server publishes itself.
+//   - The process table knows whether a process with the server's name exists, whether it responds or not. Only this
+//     user's processes count: another user has his own server, which must not keep us from launching ours.
+//   - The server knows which processes are registered with it. It forgets them when it exits.
+//   - The server's lock file decides which server serves a user. It is the only arbiter.
 //
-// The races, and why each is harmless.
-//   - Six applications start at once, and no server runs. Each launches one; the first to take the lock serves, the
-//     others end quietly within milliseconds, and all six register with the one. Agreement between the applications
-//     beforehand would need a lock of their own, whose holder may die with it.
-//   - The launched server is the one that lost. Nobody minds which process answers: "running" means that any does.
-//   - The server dies between the look and the registration. Registering raises, discovery is told to forget the port,
-//     and everything starts over a second later. Without that word to discovery its next announcement could take
-//     seconds, and the machine would run in a circle through states 2 and 3 meanwhile.
-//   - The server dies while registered. Discovery still knows the port for a second or so, am-I-registered fails and
-//     counts as "not known", registering raises: the same road.
-//   - A server restarted by somebody else has forgotten us. Am-I-registered says so within three seconds.
-//   - A server hangs, or is stopped: its process exists, so none is launched beside it (it holds the lock, and would
-//     win). The machine goes round through state 2 until it wakes or dies. Killing it is not for a library to decide:
-//     other applications' work may be in it.
-//   - A launch is slow. State 2 waits for ten seconds and then looks again; a process that exists by then is waited
-//   for,
-//     not launched again.
-//   - Two runners in one process, or a tick that a long registration has delayed: the launch guard (the time at which
-//     the present wait began, under the runner's lock) belongs to one runner, and the lock file decides among several.
-//   - The runner is cleaned up in the middle of a step. The step holds its own references, finishes, and finds itself
-//     stopped; the object goes with the last of them, possibly on its own thread.
+// Races, and why each is harmless.
+//   - Six applications start at once, and no server runs. Each launches one. The first to take the lock serves; the
+//     others exit quietly within milliseconds, and all six applications register with the one. Agreement among the
+//     applications beforehand would need a lock of their own, whose owner may die with it.
+//   - The server we launched loses the lock. It does not matter which process responds: "running" means any of them.
+//   - The server dies between the look and the registration. Registering throws, the runner makes discovery forget the
+//     port, and everything starts over a second later. Otherwise discovery could take seconds to notice, and the
+//     machine would alternate between states 2 and 3 until then.
+//   - The server dies while we are registered. Discovery still has the port for a second or so. The question "am I
+//     registered" fails and counts as "not known", and registering throws: the same path as above.
+//   - Somebody else restarts the server. The new one does not know us, and says so within three seconds.
+//   - The server hangs or is stopped. Its process exists, so no other is launched beside it; the old one holds the lock
+//     and would win. The machine cycles through state 2 until the server recovers or dies. A library must not kill it:
+//     it may be working for other applications.
+//   - A launch is slow. State 2 waits for ten seconds and then looks again. If a process exists by then, the runner
+//     waits for it instead of launching another.
+//   - Two runners run in one process, or a long registration delays a tick. The launch guard (the time at which the
+//     present wait began, under the runner's lock) belongs to one runner; the lock file decides among several.
+//   - The runner is cleaned up in the middle of a step. The step holds its own references, finishes, and finds the
+//     runner stopped. The object is destroyed with the last reference, possibly on its own thread.
 //
 // Rejected.
-//   - Launching from the call that finds no server: six threads calling would launch six servers, and the caller would
-//     wait for what it cannot see.
-//   - Being told of the server's death by its process (a child, a pidfd): the server need not be ours, and a dead
-//     process is not the only way to be gone. One question every three seconds costs less than two ways of knowing.
-//   - Stopping the server when its last application goes: only the server knows which one is the last.
-//   - Asking the server instead of the process table whether one runs: a server that is just starting answers nobody.
+//   - Launching from the call that finds no server. Six threads calling would launch six servers, and each caller would
+//     wait for something it cannot see.
+//   - Watching the server's process for its death (as a child, or with a pidfd). The server need not be ours, and a
+//     server can be lost without dying. One question every three seconds costs less than two mechanisms.
+//   - Stopping the server when its last application exits. Only the server knows which application is the last.
+//   - Asking the server, instead of the process table, whether one runs. A server that is starting does not respond.
 //
 // Sleep.
 //
-// The machine goes to sleep: the timer is stopped, so that no step runs half on this side of the sleep and half on the
-// other, where every time-out would look expired and every connection be dead. It wakes: the timer is installed anew.
-// The events arrive on the main thread, and a timer belongs to the run loop of the thread that starts it. So after the
-// first wake the steps, and whatever they launch, run on the main loop; the runner's own thread goes on turning a loop
-// that has nothing in it. That is why the launch guard has a lock. It could be moved back with another call between
-// threads, but then a wake during clean-up would have to find out which of the two still exists.
-//   - A server that slept with us answers again at once; a step in state 5 finds everything as it was.
-//   - The announcement of the sleep may come late, together with that of the wake (nobody holds up the machine for us).
-//     Then the timer stops and starts in one go, and a step that ran in between has done no harm: steady time, which
-//     all waits are measured with, does not count the sleep.
-//   - A wake before the runner's thread has begun: both start the timer, and the second start replaces the first.
+// When the machine is about to sleep, the timer is stopped. Otherwise a step could run half before and half after the
+// sleep, where every time-out would look expired and every connection would be dead. When the machine wakes, the timer
+// is installed again. The events arrive on the main thread, and a timer belongs to the run loop of the thread that
+// starts it. So after the first wake the steps, and whatever they launch, run on the main loop, and the runner's own
+// thread runs a loop with nothing in it. That is why the launch guard needs a lock. The timer could be moved back with
+// another call between threads, but then a wake during clean-up would have to find out which of the two still exists.
+//   - A server that slept with us responds at once. A step in state 5 finds everything as it was.
+//   - The sleep event may arrive late, together with the wake event, because we do not delay the machine's sleep. Then
+//     the timer stops and starts in one go. A step that ran before that does no harm: all waits are measured in steady
+//     time, which does not count the sleep.
+//   - A wake before the runner's thread has started its timer: both start it, and the second start replaces the first.
 //   - A wake without a sleep: the same. Two sleeps in a row: stopping twice is harmless.
-//   - A wake while the runner is cleaned up: the observation is gone, or finds the runner stopped.
+//   - A wake while the runner is cleaned up: the observer is already removed, or finds the runner stopped.
 #include <exception>
 #include <thread>
 #include <utility>
@@ -83,7 +82,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// How long the thread turns its run loop before it looks whether it shall go on.
+/// How long the thread runs its loop before it checks whether to continue.
 constexpr Clock::Duration kSlice = 1s;
 
 constexpr LogSite site(std::string_view function) {
@@ -169,8 +168,9 @@ void ServerRunner::startDetachedThread(std::function<void()> body) {
         try {
             body();
         } catch (const std::exception& exception) {
-            // Nobody else could learn of it, and an application must not end for it.
-            KRV_LOG(kLogFlagError, site("startTimerOnThread"), "The server is watched no longer: {}", exception.what());
+            // No caller could catch it, and the application must not be terminated by it.
+            KRV_LOG(kLogFlagError, site("startTimerOnThread"), "The thread of the server runner has failed: {}",
+                    exception.what());
         }
     }).detach();
 }
@@ -211,7 +211,7 @@ void ServerRunner::wakingUp() {
     startMonitorTimer();
 }
 
-// Members that two threads may see.
+// Members that several threads use.
 
 std::shared_ptr<KRVQuicktimeProcessClient> ServerRunner::client() const {
     const LockGuard lock(mutex_);

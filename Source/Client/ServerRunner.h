@@ -26,32 +26,32 @@ namespace krv {
 
 class KRVQuicktimeProcessClient;
 
-/// Posted on the default notification centre, on the main thread, with the runner as object: the present attempt to
-/// start a server has come to its end, after every try to register and half a minute after each launch.
+/// Notification: an attempt to start a server is over. Posted before each registration and half a minute after each
+/// launch, on the default notification centre and the main thread. Its object is the runner.
 KRV_EXPORT extern const std::string_view kKRVNewKRVQuicktimeProcessorStarted;
 
-/// What became of the latest attempt of this process to launch the server.
+/// The result of this process's latest attempt to launch the server.
 struct LaunchAttempt {
-    /// The bundle that was found; empty when there was none.
+    /// The server's bundle; empty if it was not found.
     std::string bundle;
     std::string executable;
-    /// Why the launch failed; empty when the program was started.
+    /// Why the launch failed; empty if the program was started.
     std::string failure;
-    /// Where what the program prints on its standard error goes; empty when there is no place for it.
+    /// The file that receives the program's standard error; empty if there is no folder for it.
     std::string standardErrorFile;
-    /// Process id of what was started, else 0.
+    /// Process id of the program, 0 if it was not started.
     pid_t pid = 0;
-    /// Whether that process still lives. A server that found another one already serving this user ends at once, too.
+    /// Whether that process is still running. A server exits at once if another one already serves this user.
     bool running = false;
 };
 
-/// Keeps one server process available to its client, and the client registered with it: one step of a state machine
-/// each second, on a thread of its own. ServerRunner.cpp begins with how it works, and ServerRunnerStates.cpp with why.
+/// Keeps one server process available to its client, and the client registered with it. A state machine runs one step
+/// per second on a thread of its own. ServerRunner.cpp begins with the full explanation.
 ///
-/// A runner keeps its client and its monitor alive, and its thread keeps the runner, until cleanUp.
+/// Until cleanUp the runner keeps references to its client and its monitor, and its thread keeps one to the runner.
 class KRV_EXPORT ServerRunner final : public KRVNSTimer {
 public:
-    /// What the runner uses of the system. The defaults are the real things.
+    /// The services that the runner uses. The defaults are the real ones.
     struct Environment {
         std::function<std::shared_ptr<HTTPServerDiscovery>()> discovery = &HTTPServerDiscovery::defaultInstance;
         std::function<Clock::TimePoint()> now = [] { return Clock::steady().now(); };
@@ -67,8 +67,8 @@ public:
         std::function<void(std::function<void()> body)> startThread = &startDetachedThread;
     };
 
-    /// A runner that is live at once: its thread has been started and its first step comes a second later. Both must
-    /// not be null. Any thread.
+    /// Creates a runner and starts its thread. The first step runs a second later. Neither argument may be null.
+    /// Thread-safe.
     [[nodiscard]] static std::shared_ptr<ServerRunner>
     initWithProcessMonitor(std::shared_ptr<KRVProcessMonitor> processMonitor,
                            std::shared_ptr<KRVQuicktimeProcessClient> andClient);
@@ -79,14 +79,14 @@ public:
 
     void start() { startMonitorTimer(); }
     void stop() { stopMonitorTimer(); }
-    /// Ends the runner: its thread ends within about a second, and it lets go of the client and the monitor. The server
-    /// is not stopped.
+    /// Stops the runner and releases the client and the monitor. The thread exits within about a second. Does not stop
+    /// the server.
     void cleanUp();
 
-    /// Seconds to wait for a server to answer before starting over; 10 at first.
+    /// Seconds to wait for a server to respond before starting over. Default 10.
     [[nodiscard]] std::int32_t timeToPresumeAServerDead() const noexcept { return timeToPresumeAServerDead_; }
     void setTimeToPresumeAServerDead(std::int32_t seconds) noexcept { timeToPresumeAServerDead_ = seconds; }
-    /// Whether the runner's thread goes on.
+    /// Whether the runner's thread continues to run.
     [[nodiscard]] bool running() const noexcept { return running_; }
     void setRunning(bool running) noexcept { running_ = running; }
     [[nodiscard]] std::shared_ptr<Task> qtProcessorTask() const;
@@ -97,33 +97,35 @@ public:
 
     // The state machine.
 
-    /// The values of state. Four is never entered; a step in it, or in any value not listed, does nothing.
+    /// The values of state. A step in any other value, such as the unused 4, does nothing.
     enum State : std::int32_t { Start = 0, LookForServer = 1, WaitForServer = 2, Register = 3, Registered = 5 };
     [[nodiscard]] std::int32_t state() const noexcept { return state_; }
     void setState(std::int32_t state) noexcept { state_ = state; }
 
     void krvNSTimerFired() override { stateMachine(); }
-    /// One step. Raises when there is no server to launch or its launch is refused.
+    /// Runs one step. Throws if the server's bundle is missing or its launch is refused.
     void stateMachine();
-    /// Whether the server's port is known.
+    /// Returns whether the server's port is known.
     [[nodiscard]] bool isQTProcessReady() const;
-    /// Whether its port is known or a process of the server's name runs.
+    /// Returns whether the server's port is known or a process with the server's name is running.
     [[nodiscard]] bool isQTProcessServerRunning() const;
-    /// Whether the server says that it knows the client; asks at most every three seconds.
+    /// Returns whether this process is registered with the server. Asks the server at most every three seconds and
+    /// returns the last reply in between.
     [[nodiscard]] bool doesServerKnowUs();
 
     // The launch.
 
-    /// Launches the server from its bundle, unless a launch is under way already. Raises Exception "BadBuild" when
-    /// there is no bundle, and what Task::launch raises when the system refuses.
+    /// Launches the server from its bundle, unless a launch is already in progress. Throws Exception "BadBuild" if the
+    /// bundle is missing, and what Task::launch throws.
     void kickOffQTProcessor();
-    /// Ends the present attempt, and says so with kKRVNewKRVQuicktimeProcessorStarted.
+    /// Ends the present attempt and posts kKRVNewKRVQuicktimeProcessorStarted.
     void noLongerStartingProcessor();
-    /// A resource in the application's bundle or that of the library, and after each in the bundle of class "KRVMedia".
+    /// Returns the path of a resource. Searches the application's bundle, then the library's, and after each of them
+    /// the bundle of the class "KRVMedia".
     [[nodiscard]] std::optional<std::string> findResource(std::string_view name, std::string_view ofType) const;
     [[nodiscard]] std::optional<std::string> findResource(std::string_view name, std::string_view ofType,
                                                           const Bundle& inBundle) const;
-    /// The latest launch by any runner of this process; absent when there was none. Any thread.
+    /// Returns the latest launch by any runner of this process, or nothing if there was none. Thread-safe.
     [[nodiscard]] static std::optional<LaunchAttempt> latestLaunch();
 
     // Called by the system.

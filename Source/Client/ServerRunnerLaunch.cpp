@@ -1,4 +1,4 @@
-// Finding the server's program and launching it.
+// Finds the server's program and launches it.
 #include <filesystem>
 #include <utility>
 
@@ -30,8 +30,8 @@ constexpr LogSite site(std::string_view function) {
     return {"Source/Client/ServerRunner", Selector(function)};
 }
 
-/// Where the server's standard error goes: what the dynamic linker or a crash prints would be lost otherwise. Empty
-/// when there is no place for it.
+/// Returns the file for the server's standard error, or an empty string if there is no folder for it. Without the file
+/// the messages of the dynamic linker and of a crash would be lost.
 std::string standardErrorFile() {
     const std::string folder = stateFolder(kMediaServerName);
     if (folder.empty()) {
@@ -45,7 +45,7 @@ std::string standardErrorFile() {
     return file.string();
 }
 
-/// The latest launch. Never destroyed: threads may ask for it until the process ends.
+/// The latest launch. Never destroyed, because threads may query it until the process exits.
 struct LatestLaunch {
     Mutex mutex;
     std::optional<LaunchAttempt> attempt KRV_GUARDED_BY(mutex);
@@ -104,7 +104,7 @@ void ServerRunner::kickOffQTProcessor() {
     {
         const LockGuard lock(mutex_);
         if (serverCheckStartTime_) {
-            // The distance of the start from now, and so a negative number.
+            // Start minus now, so the number is negative.
             KRV_LOG(kLogFlagInfo, site("kickOffQTProcessor"),
                     "Not starting server - one has already been started {:.2f}s ago",
                     secondsFromDuration(*serverCheckStartTime_ - environment_.now()));
@@ -116,7 +116,7 @@ void ServerRunner::kickOffQTProcessor() {
         const auto library = environment_.libraryBundle();
         KRV_LOG(kLogFlagInfo, site("kickOffQTProcessor"), "There is no {}.{} in {}{}{}", kMediaServerName, kServerType,
                 environment_.mainBundle().path(), library ? " or " : "", library ? library->path() : "");
-        // The reason has a place for a name, and shows what is printed for a missing one.
+        // The reason has a placeholder for a name, and prints the text for a missing one.
         const std::string reason = "Cannot find the executable (null). Can't start server";
         note({.bundle = {}, .executable = {}, .failure = reason, .standardErrorFile = {}});
         throw Exception("BadBuild", reason);

@@ -1,4 +1,4 @@
-// The server runner's state machine, one function for each state. ServerRunner.cpp has the picture and the reasons.
+// The server runner's state machine, one function per state. ServerRunner.cpp explains it.
 #include <cmath>
 
 #include <fmt/format.h>
@@ -21,7 +21,7 @@ constexpr LogSite site(std::string_view function) {
 }
 constexpr LogSite kStep = site("stateMachine");
 
-/// The distance of two times, whichever is the earlier, in seconds.
+/// Returns the absolute difference of two times in seconds.
 float distance(Clock::TimePoint a, Clock::TimePoint b) {
     return std::abs(static_cast<float>(secondsFromDuration(a - b)));
 }
@@ -29,7 +29,7 @@ float distance(Clock::TimePoint a, Clock::TimePoint b) {
 }  // namespace
 
 void ServerRunner::stateMachine() {
-    // Looked at on every step, also where it is not used: the first of the two may have something to log.
+    // Evaluated on every step, even where unused, because isQTProcessServerRunning() logs.
     const bool running = isQTProcessServerRunning();
     const bool ready = isQTProcessReady();
     switch (state_) {
@@ -63,7 +63,7 @@ void ServerRunner::lookForServer(bool running) {
         KRV_LOG(kLogFlagInfo, kStep, "Starting a new server ...");
         kickOffQTProcessor();
     } else {
-        // Another thread has begun one since the previous step.
+        // Another thread has launched one since the previous step.
         KRV_LOG(kLogFlagInfo, kStep,
                 "No server running - but we have just begun one. Will ignore that no server is running, for now");
     }
@@ -79,8 +79,7 @@ void ServerRunner::waitForServer(bool ready) {
         }
         waited = distance(*serverCheckStartTime_, environment_.now());
     }
-    // Giving up comes first: a server that becomes ready in the very step in which patience ends is met again after
-    // the next look.
+    // Giving up is checked first. A server that becomes ready in this very step is found by the next look.
     if (waited > static_cast<float>(timeToPresumeAServerDead_)) {
         KRV_LOG(kLogFlagInfo, kStep,
                 "Waited long enough ({}s) for server to appear as alive. Giving up, starting again",

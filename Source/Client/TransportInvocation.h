@@ -16,57 +16,58 @@
 
 namespace krv {
 
-/// One operation on its way over a transport.
+/// Sends one operation over a transport.
 ///
-/// What can go wrong comes out in two ways: an exception of the transport that means "server unreachable" is raised
-/// again unchanged, so that a caller may wait and retry; everything else becomes an error record in the caller's
-/// out-parameter. A reply that is missing or is no operation raises Exception "TransportCheck".
+/// Failures are reported in two ways. A transport exception that means "server unreachable" propagates unchanged, so
+/// that the caller may wait and retry. Any other exception becomes an error record in the caller's out-parameter. A
+/// missing reply, or one that is not an operation record, throws Exception "TransportCheck".
 ///
-/// An invocation serves one call on one thread and blocks it. A null transport (that of a client that has been cleaned
-/// up) answers every operation with no reply.
+/// An invocation serves one call on one thread, which it blocks. With a null transport (that of a client after cleanUp)
+/// every reply is missing.
 class KRV_EXPORT TransportInvocation {
 public:
     using Ref = std::shared_ptr<TransportInvocation>;
     using Transport = std::shared_ptr<KRVTransport>;
     using Reply = std::shared_ptr<const Data>;
 
-    /// clock measures stalls and sleeps between polls; it must outlive the invocation.
+    /// The clock measures stalls and sleeps between polls. It must outlive the invocation.
     [[nodiscard]] static Ref invocationWith(KRVOperationBase::Ref operation, Clock& clock = Clock::steady());
     explicit TransportInvocation(Clock& clock = Clock::steady());
 
     [[nodiscard]] KRVOperationBase::Ref input() const;
     void setInput(KRVOperationBase::Ref input);
-    /// Seconds for which a waiting call lets progress stand still; 60 at first.
+    /// Seconds without progress after which a waiting call gives up. Default 60.
     [[nodiscard]] float progressTimeoutDuration() const;
     void setProgressTimeoutDuration(float seconds);
 
-    /// Sends input once. Returns the transport's reply as it stands, which may be null; null also when a failure went
-    /// into error. input is not changed. Raises the transport's own exception when the server is unreachable.
+    /// Sends input once, without changing it. Returns the transport's raw reply, which may be null. Returns null and
+    /// stores the error if sending failed. Throws the transport's exception if the server is unreachable.
     [[nodiscard]] Reply invokeOverTransport(const Transport& transport, ErrorOut error);
 
-    /// Sends input, then asks for its progress every half second until it ends, keeping input up to date.
+    /// Sends input, then polls its progress every half second until it ends, and keeps input up to date.
     ///
-    /// Returns the first reply when the work was completed; input when the server reported an error, when it was
-    /// cancelled, and when progress stood still for longer than progressTimeout seconds (its error is "TransportCheck"
-    /// 201 then, and the server has been asked to cancel); null when a send failed with a mapped error, which is in
-    /// error then. Raises as described above, and whatever the progress delegate raises.
+    /// Returns the first reply if the work was completed. Returns input if the server reported an error, if the
+    /// operation was cancelled, or if it made no progress for longer than progressTimeout seconds. In the last case the
+    /// server is asked to cancel, and the record's error is "TransportCheck" 201. Returns null and stores the error if
+    /// a send failed. Throws as described above; exceptions of the progress delegate propagate.
     [[nodiscard]] KRVOperationBase::Ref
     invokeOverTransportGetProgressWaitToComplete(const Transport& transport, ErrorOut error, float progressTimeout);
 
-    /// Asks the server to cancel the operation, ignores the answer, logs a failure, and marks it cancelled in every
-    /// case.
+    /// Asks the server to cancel the operation, ignores the reply, and logs a failure. Marks the operation cancelled in
+    /// any case.
     void tryToCancelOperation(const KRVOperationBase::Ref& operation, const Transport& usingTransport);
 
-    /// Writes an error record of domain "TransportInvocation" and code 0 that names input; false when error is absent.
+    /// Stores an error record of domain "TransportInvocation" and code 0 that names input. Returns false if error is
+    /// null.
     bool errorBasedOnOperation(ErrorOut error, const Exception* exception) const;
 
-    /// User-info for a failure: "Unable to NAME", and the exception's reason when there is one.
+    /// Returns the user-info of a failure: "Unable to NAME", and the reason of the exception if there is one.
     [[nodiscard]] static Dictionary createErrorDictionaryFromException(std::string_view operationName,
                                                                        const Exception* ex);
-    /// The reply as a record; raises "TransportCheck" instead of returning null.
+    /// Returns the reply as a record. Throws "TransportCheck" instead of returning null.
     static KRVOperationBase::Ref throwExceptionBasedOnResponse(const KRVOperationBase::Ref& operation,
                                                                const Reply& response);
-    /// Null when error is given and already holds an error; otherwise the same as above.
+    /// Returns null if error already holds an error, else the same as throwExceptionBasedOnResponse.
     static KRVOperationBase::Ref throwExceptionIfNoError(ErrorOut error, const KRVOperationBase::Ref& forOperation,
                                                          const Reply& andResponseEmpty);
 

@@ -1,21 +1,20 @@
 // Waiting for long work, and cancelling it.
 //
-// The server answers the request at once with an identifier, and the work goes on there. This loop asks for its state
-// every half second on the caller's thread, which is blocked meanwhile: the caller decides which thread that is, and
-// there is nothing to synchronise.
+// The server replies to the request at once with an identifier and does the work in the background. This loop polls
+// the state every half second on the caller's thread and blocks it. So the caller decides which thread waits, and there
+// is nothing to synchronise.
 //
-// Progress that stands still. The stall clock starts when the first reply has been taken in and starts again whenever
-// the reported number differs from the last one that restarted it, in whatever direction: a number that moves is life,
-// and the server makes it move as long as anything does. It is compared raw and exactly, so an odd report (1.5, a
-// NaN) counts as a change although the observer only ever sees 0 to 1. The clock is steady, so a change of the wall
-// clock is no stall.
+// Stalls. The stall clock starts when the first reply has been copied. It restarts whenever the reported number differs
+// from the last one that restarted it, in either direction: a number that changes is a sign of life, and the server
+// keeps it changing while anything works. The comparison is raw and exact, so an odd report (1.5, a NaN) counts as a
+// change, although the observer only ever sees 0 to 1. The clock is steady, so setting the wall clock is not a stall.
 //
-// Cancelling. The observer's answer false and a stall both end in a cancel request. It can only name the operation by
-// the identifier in the server's first reply; that is why the observer is first asked after that reply, and a wish to
-// cancel that comes earlier is kept by the observer until then. Nothing is gained by giving up before: the request is
-// on its way, the server would work on without anybody knowing the name to stop it by. When the cancel request
-// fails, the operation still counts as cancelled here: the caller has turned away from it, and the server stops it by
-// itself when it finds its client gone.
+// Cancelling. An observer that returns false, and a stall, both lead to a cancel request. It can only name the
+// operation by the identifier in the server's first reply. Therefore the observer is first called after that reply, and
+// an observer that wants to cancel earlier has to remember it until then. Giving up before the reply would gain
+// nothing: the request has been sent, and the server would go on with work that nobody can name to stop it. If the
+// cancel request fails, the operation still counts as cancelled here. The caller no longer waits for it, and the server
+// stops it by itself when it finds that its client has exited.
 #include <chrono>
 #include <cmath>
 
@@ -37,7 +36,7 @@ constexpr LogSite kWaitSite{"Source/Client/TransportInvocation",
                             Selector("invokeOverTransportGetProgressWaitToComplete:error:progressTimeout:")};
 constexpr LogSite kCancelSite{"Source/Client/TransportInvocation", Selector("tryToCancelOperation:usingTransport:")};
 
-/// Also for a NaN the result lies between 0 and 1.
+/// Returns a value between 0 and 1, also for a NaN.
 float clamped(float progress) noexcept {
     const float atMostOne = progress < 1.0F ? progress : 1.0F;
     return atMostOne > 0.0F ? atMostOne : 0.0F;

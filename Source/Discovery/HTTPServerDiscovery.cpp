@@ -25,14 +25,14 @@ using namespace std::chrono_literals;
 constexpr std::string_view kServiceType = "_http._tcp.";
 constexpr std::string_view kDomain = "local.";
 constexpr auto kResolveTimeout = 5s;
-/// After a resolved or unresolvable service and after a successful poll.
+/// Delay after a resolved or unresolvable service and after a successful poll.
 constexpr auto kRestartAfterResult = 1s;
-/// After a batch without a match, and when the application misses the server.
+/// Delay after a batch without a match and after serverIsntThere().
 constexpr auto kRestartAfterAbsence = 250ms;
 constexpr auto kPollingDelay = 5s;
 constexpr auto kPollTimeout = 1s;
 constexpr std::int32_t kPolledPorts = 10;
-/// A timer that never fires in a process's life; it only gives the thread's run loop something to wait for.
+/// Interval of a timer that never fires; it only gives the thread's run loop something to wait for.
 constexpr auto kKeepAliveInterval = 2147483647s;
 constexpr auto kRunLoopPeriod = 4294967295s;
 constexpr long kAbsent = -1;
@@ -41,7 +41,7 @@ constexpr LogSite site(std::string_view function, std::uint32_t mask = 0) {
     return {"Source/Client/HTTPServerDiscovery", Selector(function), mask};
 }
 
-/// The shared instance and its lock. Never destroyed: threads may ask for it until the process ends.
+/// The shared instance and its lock. Never destroyed, because threads may use it until the process exits.
 struct SharedInstance {
     RecursiveMutex mutex;
     std::shared_ptr<HTTPServerDiscovery> discovery KRV_GUARDED_BY(mutex);
@@ -189,7 +189,7 @@ void HTTPServerDiscovery::resolvedToPort(long port, Clock::Duration beginAgainIn
     if (port < 1) {
         setServicePortNumber(kAbsent);
     } else {
-        // The line shows the port known until now, so that a change can be read off two successive lines.
+        // The line shows the previous port, so that two successive lines show a change.
         KRV_LOG(kLogFlagVerbose, site("resolvedToPort:beginAgainIn:", kLoggingHTTPDiscovery),
                 "Resolved {}. It has port: {}", serviceName(), servicePortNumber());
         setServicePortNumber(port);
@@ -205,7 +205,7 @@ void HTTPServerDiscovery::resolvedToPort(long port, Clock::Duration beginAgainIn
 
 void HTTPServerDiscovery::beginSearchAgainIn(Clock::Duration delay) {
     const auto self = shared_from_this();
-    // Armed before the thread is looked at: a call from another thread leaves a poll on that thread's loop as well.
+    // Scheduled before the check of the thread, so a call on another thread leaves a poll on that thread's loop too.
     RunLoop& current = environment_.currentLoop();
     current.cancelPerform(this, kFallbackToHTTPPolling);
     current.performAfterDelay(kPollingDelay, self, kFallbackToHTTPPolling, [self] { self->fallbackToHTTPPolling(); });
@@ -235,7 +235,7 @@ void HTTPServerDiscovery::fallbackToHTTPPolling() {
             return;
         }
     }
-    // The numbers are those of the default range, whatever the settings say.
+    // The text always shows the default range, not the configured one.
     KRV_LOG(kLogFlagInfo, site("fallbackToHTTPPolling"), "Couldn't find server on ports {}-{} via HTTP polling",
             kMinPortNumber, kMinPortNumber + kPolledPorts);
 }

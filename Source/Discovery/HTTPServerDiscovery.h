@@ -17,28 +17,29 @@
 
 namespace krv {
 
-/// Base of the service name that is looked for.
+/// Base of the service name that is searched for.
 KRV_EXPORT extern const std::string_view kHTTPServerDiscoveryDefaultServiceName;
-/// Posted on the default notification centre for every recorded result, also when it changes nothing; its value is
-/// the port as an integer, -1 when there is no server.
+/// Notification: a result was recorded, even if it changed nothing. Its value is the port as an integer, -1 if there is
+/// no server. Posted on the default notification centre by the thread that records the result: usually the main thread,
+/// the discovery's own thread for the first search, and the caller's thread for serverIsntThere().
 KRV_EXPORT extern const std::string_view kHTTPServerDiscoveryServiceChangeNotification;
 
-/// Keeps, for the whole process, the loopback port on which the media server listens.
+/// Knows the loopback port on which the media server listens, for the whole process.
 ///
-/// One cycle of the search: browse for a service of this machine's own name; resolve the first that matches; record
-/// the port (or its absence) and say so; begin again. A cycle that brings no result within five seconds polls ten
-/// ports, from the lowest of the range upward. With a healthy server the port is found anew about once a second, so a
-/// server that comes back on another port is found without being asked for.
+/// The search runs in cycles: browse for a service with this machine's own name, resolve the first match, record the
+/// port (or its absence), post a notification, start again. A cycle without a result within five seconds polls ten
+/// ports, upwards from the lowest of the range. With a healthy server a cycle takes about a second, so a server that
+/// comes back on another port is found without a request.
 ///
-/// Threads: the first browse runs on a thread of the object's own, every later one and the polling on the main run
-/// loop, which the application must turn. servicePortNumber and serverIsntThere may be called from any thread. The
-/// object's thread never ends, and keeps the object.
+/// Threads: the first search runs on a thread of the object's own, later searches and the polling on the main run loop,
+/// which the application must run. servicePortNumber and serverIsntThere are thread-safe. The object's thread never
+/// exits and keeps a reference to the object.
 class KRV_EXPORT HTTPServerDiscovery final : public ServicePort,
                                              public ServiceBrowserDelegate,
                                              public NetServiceDelegate,
                                              public std::enable_shared_from_this<HTTPServerDiscovery> {
 public:
-    /// What the object uses of the system. The defaults are the real things.
+    /// The services that the object uses. The defaults are the real ones.
     struct Environment {
         std::function<std::shared_ptr<ServiceBrowser>()> makeBrowser = &ServiceBrowser::make;
         std::function<RunLoop&()> mainLoop = &RunLoop::main;
@@ -51,13 +52,13 @@ public:
         std::function<NotificationCenter&()> notificationCenter = &NotificationCenter::defaultCenter;
     };
 
-    /// The shared instance, made (and its search begun) on first use. Any thread.
+    /// Returns the shared instance, and creates it and starts its search on first use. Thread-safe.
     [[nodiscard]] static std::shared_ptr<HTTPServerDiscovery> defaultInstance();
-    /// Drops the library's reference to the shared instance. Its thread goes on and keeps it; a later
-    /// defaultInstance() makes another one. For applications; the library never calls it.
+    /// Drops the library's reference to the shared instance. Its thread continues and keeps a reference to it. The next
+    /// defaultInstance() creates another one. For applications; the library never calls it.
     static void destroyDefaultInstance();
 
-    /// An instance of its own. The search begins at once.
+    /// Creates an instance and starts its search.
     [[nodiscard]] static std::shared_ptr<HTTPServerDiscovery> make(Environment environment);
     ~HTTPServerDiscovery() override;
 
@@ -68,7 +69,7 @@ public:
     [[nodiscard]] std::shared_ptr<ServiceBrowser> browser() const;
     void setBrowser(std::shared_ptr<ServiceBrowser> browser);
 
-    /// The server does not answer: forget its port and search again. Any thread.
+    /// Reports that the server does not respond: forgets its port and searches again. Thread-safe.
     void serverIsntThere();
 
     // The steps of the search.
@@ -76,8 +77,8 @@ public:
     void startDiscoveryOnThread();
     void startSearch();
     void stopSearch();
-    /// Records a port (anything below 1 counts as absent) and posts the notification. A delay other than zero begins
-    /// the next cycle after it.
+    /// Records a port (any number below 1 means absent) and posts the notification. Starts the next cycle after the
+    /// delay, unless that is zero.
     void resolvedToPort(long port, Clock::Duration beginAgainIn);
     void beginSearchAgainIn(Clock::Duration delay);
     void beginSearchAgainWithNumber(double seconds);
@@ -99,7 +100,7 @@ private:
     std::atomic<long> servicePortNumber_{0};
     Guarded<std::string> serviceName_;
     Guarded<std::shared_ptr<ServiceBrowser>> browser_;
-    /// The service being resolved, held until one of the two answers comes.
+    /// The service that is being resolved.
     Guarded<std::shared_ptr<NetService>> resolving_;
 };
 

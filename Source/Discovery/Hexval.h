@@ -8,8 +8,8 @@
 
 namespace krv {
 
-/// The bytes as lower-case hexadecimal digits, two for each, without separators. Client and server compare names
-/// made with it, so the text is part of what they agree on.
+/// Returns the bytes as lower-case hexadecimal digits, two per byte, without separators. Client and server compare
+/// names that contain this text, so both depend on its form.
 [[nodiscard]] KRV_EXPORT std::string hexval(std::span<const std::byte> bytes);
 
 }  // namespace krv

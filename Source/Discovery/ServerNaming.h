@@ -10,15 +10,15 @@
 
 namespace krv {
 
-/// The hardware address of the interface "en0", or nothing when the machine has none. Failures to ask the system are
-/// told on standard error, whatever the logging settings are. Any thread.
+/// Returns the hardware address of the interface "en0", or nothing if there is none. Prints a failed query to standard
+/// error, regardless of the logging settings. Thread-safe.
 [[nodiscard]] KRV_EXPORT std::optional<std::vector<std::byte>> machineSpecificNameFor_CopyMACAddressData();
 
-/// Makes a service name that is this machine's own. The server publishes under the same rule.
+/// Makes the service name of this machine. The server uses it too.
 class KRV_EXPORT ServerNaming {
 public:
-    /// "HEX-base" with the hardware address of "en0" in lower-case hexadecimal, or the base name unchanged when there
-    /// is no such address.
+    /// Returns "HEX-base", with the hardware address of "en0" in lower-case hexadecimal, or the unchanged base name if
+    /// there is no such address.
     [[nodiscard]] static std::string machineSpecificNameFor(std::string_view base);
 };
 

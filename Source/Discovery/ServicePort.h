@@ -4,7 +4,7 @@
 
 namespace krv {
 
-/// Where a transport learns the server's port before each call.
+/// Provides the server's port, which a transport reads before each call.
 class KRV_EXPORT ServicePort {
 public:
     virtual ~ServicePort();

@@ -9,20 +9,20 @@ namespace krv {
 
 class KeyedArchiver;
 
-/// An object with an archive form of its own: it names its classes and writes its fields by key.
+/// An object that can be archived: it names its classes and writes its fields by key.
 ///
-/// Its reading side is a factory in the class table given to KeyedUnarchiver.
+/// The class table given to KeyedUnarchiver contains the factory that reads it.
 class KRV_EXPORT Archivable {
 public:
     virtual ~Archivable();
 
-    /// The class name in archives and descriptions; a string literal.
+    /// Returns the class name in archives and descriptions, a string literal.
     [[nodiscard]] virtual std::string_view className() const noexcept = 0;
-    /// The name of the class between this one and the root class, or empty when there is none.
+    /// Returns the name of the class between this one and the root class, empty if there is none.
     [[nodiscard]] virtual std::string_view superclassName() const noexcept { return {}; }
     /// Writes the fields, in order.
     virtual void encodeWithCoder(KeyedArchiver& coder) const = 0;
-    /// What "%@" prints.
+    /// Returns the text for log lines ("%@").
     [[nodiscard]] virtual std::string description() const;
 
 protected:

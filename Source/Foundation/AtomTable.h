@@ -18,23 +18,23 @@ inline constexpr std::size_t kLargestHead = 10;
 /// Throws Exception kInvalidArgumentException.
 [[noreturn]] void cannotArchive(std::string why);
 
-/// A stored scalar or text.
+/// A scalar or text of the archive.
 struct Atom {
     enum class Kind : std::uint8_t { Boolean, Integer, Real32, Real64, Data, Ascii, Utf16 };
     Kind kind;
-    /// Whether anything refers to it. Only a known atom can be without use.
+    /// Whether anything refers to it. Only a known atom can be unused.
     bool used;
-    /// Place in the file, once written.
+    /// Index in the property list, kNone until it is written.
     std::uint32_t place;
-    /// Number in "$objects" of a string, 0 when it is only a key or a class name so far.
+    /// Number of a string in "$objects", 0 while it is only a key or a class name.
     std::uint32_t uid;
     std::uint32_t hash;
-    /// Scalars: the value's bits. Text and data: the number of bytes (UTF-16: of units).
+    /// Scalars: the bits of the value. Text and data: the number of bytes (UTF-16: of units).
     std::uint64_t bits;
     std::string_view bytes;
 };
 
-/// Atoms that stand in every archive, or in most: an encoder has them from the start, under these ids.
+/// Atoms that every archive, or most, contain. Every table contains them under these ids.
 enum KnownAtom : std::uint32_t {
     kAtomNull,
     kAtomVersion,
@@ -55,7 +55,7 @@ enum KnownAtom : std::uint32_t {
     kKnownAtoms
 };
 
-/// Open addressing over ids, for a table that only grows.
+/// A hash table of ids with open addressing, without removal.
 class IdTable {
 public:
     void clear() {
@@ -119,7 +119,7 @@ struct TextScan {
     bool ascii;
 };
 
-/// Hashes the text and looks for bytes above 0x7F in the same pass, eight bytes at a time.
+/// Hashes the text and checks for bytes above 0x7F in the same pass, eight bytes at a time.
 [[nodiscard]] inline TextScan scan(std::string_view text) noexcept {
     constexpr std::uint64_t kMultiplier = 0x9E3779B97F4A7C15U;
     constexpr std::uint64_t kHighBits = 0x8080808080808080U;
@@ -135,7 +135,7 @@ struct TextScan {
     for (; left > 8; left -= 8, p += 8) {
         mix(load<std::uint64_t>(p));
     }
-    // The rest, in two words that may overlap.
+    // The rest, as two words that may overlap.
     if (left >= 4) {
         mix(load<std::uint32_t>(p) | load<std::uint32_t>(p + left - 4) << 32);
     } else if (left >= 2) {
@@ -148,15 +148,15 @@ struct TextScan {
 
 /// Gives each text and scalar of an archive an id. Borrows the bytes that it is given.
 ///
-/// Everything on the way of one text is inline: an archive of a few hundred bytes interns dozens of them.
+/// The path of a text is inline for speed: an archive of a few hundred bytes interns dozens of texts.
 class AtomTable {
 public:
     AtomTable();
 
-    /// Forgets all atoms but the known ones, which become unused. Keeps the memory.
+    /// Removes all atoms except the known ones, which become unused. Keeps the memory.
     void clear();
 
-    /// Returns the id of a text, and marks it used. Throws if the text is not UTF-8.
+    /// Marks a text used and returns its id. Throws if the text is not UTF-8.
     std::uint32_t text(std::string_view text) {
         const TextScan scanned = scan(text);
         Atom atom{Atom::Kind::Ascii, true, kNone, 0, static_cast<std::uint32_t>(scanned.hash >> 32), text.size(), text};
@@ -165,7 +165,7 @@ public:
         }
         return intern(atom);
     }
-    /// Adds a scalar; equal ones are not looked for.
+    /// Adds a scalar, without searching for an equal one, and returns its id.
     std::uint32_t scalar(Atom::Kind kind, std::uint64_t bits) { return add({kind, true, kNone, 0, 0, bits, {}}); }
     std::uint32_t data(std::string_view bytes) {
         return add({Atom::Kind::Data, true, kNone, 0, 0, bytes.size(), bytes});
@@ -185,9 +185,9 @@ public:
     }
 
     [[nodiscard]] Atom& operator[](std::uint32_t id) noexcept { return atoms_[id]; }
-    /// How many atoms are used.
+    /// Returns the number of used atoms.
     [[nodiscard]] std::size_t used() const noexcept { return used_; }
-    /// Returns an upper bound of the bytes that all atoms take when they are written.
+    /// Returns an upper bound of the bytes that all atoms need when they are written.
     [[nodiscard]] std::size_t byteBound() const noexcept { return bound_; }
     /// Returns the number of elements for which memory is kept.
     [[nodiscard]] std::size_t capacity() const noexcept;

@@ -45,10 +45,10 @@ Reader::Reader(std::span<const std::byte> bytes)
     const std::uint64_t tableEnd = size_ - kTrailerSize;
     if (tableOffset_ <= kHeaderSize || tableOffset_ >= tableEnd || (tableEnd - tableOffset_) % offsetSize_ != 0 ||
         (tableEnd - tableOffset_) / offsetSize_ != objectCount_) {
-        refuse("the offset table does not fill the file");
+        refuse("offset table does not fill the file");
     }
     if (topObject_ >= objectCount_) {
-        refuse("no top object");
+        refuse("missing top object");
     }
 }
 
@@ -59,14 +59,14 @@ Node Reader::node(std::uint64_t index) const {
     const unsigned low = marker & 0x0FU;
     const auto need = [&p, end](std::uint64_t size) {
         if (static_cast<std::uint64_t>(end - p) < size) {
-            refuse("an object runs into the offset table");
+            refuse("object overlaps the offset table");
         }
     };
     const auto scalar = [&](Type type, unsigned size) {
         need(size);
         return Node{type, 0, p, bigEndian(p, size)};
     };
-    // The count of text, data and containers, held against the bytes left at `unit` bytes for each.
+    // Reads the count of text, data and containers, and checks it against the remaining bytes, `unit` bytes each.
     const auto counted = [&](Type type, std::uint64_t unit) {
         std::uint64_t count = low;
         if (low == 15) {
@@ -74,14 +74,14 @@ Node Reader::node(std::uint64_t index) const {
             const unsigned countMarker = *p++;
             const unsigned size = 1U << (countMarker & 0x0FU);
             if (countMarker < 0x10 || countMarker > 0x13) {
-                refuse("a count that is no integer");
+                refuse("count is not an integer");
             }
             need(size);
             count = bigEndian(p, size);
             p += size;
         }
         if (count > static_cast<std::uint64_t>(end - p) / unit) {
-            refuse("a count beyond the bytes left");
+            refuse("count exceeds the remaining bytes");
         }
         return Node{type, count, p, 0};
     };
@@ -89,7 +89,7 @@ Node Reader::node(std::uint64_t index) const {
     switch (marker >> 4) {
     case 0x0:
         if (marker != 0x08 && marker != 0x09) {
-            refuse("an object of no known kind");
+            refuse("unknown kind of object");
         }
         return {Type::Boolean, 0, p, marker & 1U};
     case 0x1:
@@ -99,12 +99,12 @@ Node Reader::node(std::uint64_t index) const {
             const std::uint64_t value = bigEndian(p + 8, 8);
             const bool negative = (value >> 63) != 0;
             if (high != (negative ? std::numeric_limits<std::uint64_t>::max() : 0)) {
-                refuse("an integer of more than 64 bits");
+                refuse("integer does not fit in 64 bits");
             }
             return {Type::Integer, 0, p, value};
         }
         if (low > 3) {
-            refuse("an integer of unknown width");
+            refuse("integer of unknown width");
         }
         return scalar(Type::Integer, 1U << low);
     case 0x2:
@@ -114,10 +114,10 @@ Node Reader::node(std::uint64_t index) const {
         if (low == 3) {
             return scalar(Type::Real64, 8);
         }
-        refuse("a float of unknown width");
+        refuse("float of unknown width");
     case 0x3:
         if (low != 3) {
-            refuse("a date of unknown width");
+            refuse("date of unknown width");
         }
         return scalar(Type::Date, 8);
     case 0x4:
@@ -132,7 +132,7 @@ Node Reader::node(std::uint64_t index) const {
         const unsigned lead = size > 8 ? size - 8 : 0;
         if ((lead > 0 && bigEndian(p, lead) != 0) ||
             bigEndian(p + lead, size - lead) > std::numeric_limits<std::uint32_t>::max()) {
-            refuse("a UID of more than 32 bits");
+            refuse("UID does not fit in 32 bits");
         }
         return {Type::Uid, 0, p, bigEndian(p + lead, size - lead)};
     }
@@ -141,7 +141,7 @@ Node Reader::node(std::uint64_t index) const {
     case 0xD:
         return counted(Type::Dictionary, std::uint64_t{2} * referenceSize_);
     default:
-        refuse("an object of no known kind");
+        refuse("unknown kind of object");
     }
 }
 
@@ -184,7 +184,8 @@ std::string utf8FromUtf16(const std::uint8_t* units, std::uint64_t count) {
 
 namespace {
 
-/// Decodes one scalar of UTF-8 and moves past it; -1 for what is not UTF-8 (overlong forms and surrogates too).
+/// Decodes one scalar of UTF-8 and advances p. Returns -1 if it is not UTF-8, which includes overlong forms and
+/// surrogates.
 std::int32_t nextScalar(const std::uint8_t*& p, const std::uint8_t* end) noexcept {
     const std::uint32_t first = *p++;
     if (first < 0x80) {

@@ -7,18 +7,18 @@
 #include <string>
 #include <string_view>
 
-/// Reading the binary property list "bplist00" straight from the caller's bytes.
+/// Reading of the binary property list "bplist00" directly from the caller's bytes.
 ///
-/// Nothing is believed. The trailer must account for every byte, each offset must lie between header and offset
-/// table, each object must end before the table, and a count is checked against the bytes that are left before
-/// anything is done with it. What breaks a rule raises Exception kMalformedArchiveException. Nothing is allocated.
+/// The reader trusts nothing. The trailer must account for every byte, each offset must lie between header and offset
+/// table, each object must end before the table, and a count is checked against the remaining bytes before it is used.
+/// A violation throws Exception kMalformedArchiveException. The reader allocates no memory.
 namespace krv::plist {
 
-/// Raises kMalformedArchiveException.
+/// Throws Exception kMalformedArchiveException with this reason.
 [[noreturn]] void refuse(const char* why);
 
-/// Big-endian unsigned of 1 to 8 bytes. Eight bytes must be readable at p, whatever the size: behind every number that
-/// stands in a property list there is at least the trailer.
+/// Reads a big-endian unsigned integer of 1 to 8 bytes. Eight bytes must be readable at p for any size; in a property
+/// list at least the trailer follows every number.
 [[nodiscard]] inline std::uint64_t bigEndian(const std::uint8_t* p, unsigned size) noexcept {
     std::uint64_t v = 0;
     std::memcpy(&v, p, sizeof v);
@@ -27,27 +27,27 @@ namespace krv::plist {
 
 enum class Type : std::uint8_t { Boolean, Integer, Real32, Real64, Date, Data, Ascii, Utf16, Uid, Array, Dictionary };
 
-/// One stored object. It refers to the bytes it was read from.
+/// One stored object. Borrows the bytes from which it was read.
 struct Node {
     Type type;
-    /// Bytes of data and ASCII text, units of UTF-16 text, elements of an array, pairs of a dictionary.
+    /// Number of bytes of data and ASCII text, units of UTF-16 text, elements of an array, or pairs of a dictionary.
     std::uint64_t count;
     /// Contents: text, data, or the references of a container (a dictionary's keys before its values).
     const std::uint8_t* body;
     /// Scalars: the boolean, the integer, the UID, or the bits of the float.
     std::uint64_t bits;
 
-    /// The text, of type Ascii.
+    /// Returns the text of type Ascii.
     [[nodiscard]] std::string_view ascii() const noexcept {
         return {reinterpret_cast<const char*>(body), static_cast<std::size_t>(count)};
     }
     [[nodiscard]] std::int64_t integer() const noexcept { return static_cast<std::int64_t>(bits); }
-    /// The number of seconds of a date, or the value of a float of either width.
+    /// Returns the seconds of a date, or the value of a float of either width.
     [[nodiscard]] double real() const noexcept;
     [[nodiscard]] float real32() const noexcept;
 };
 
-/// A property list. Borrows the bytes for its lifetime.
+/// A property list. Borrows the bytes.
 class Reader {
 public:
     explicit Reader(std::span<const std::byte> bytes);
@@ -56,11 +56,11 @@ public:
     [[nodiscard]] std::uint64_t topObject() const noexcept { return topObject_; }
     [[nodiscard]] std::uint64_t byteCount() const noexcept { return size_; }
 
-    /// The object with this number; index must be below objectCount().
+    /// Returns the object with this number, which must be below objectCount().
     [[nodiscard]] Node node(std::uint64_t index) const;
 
-    /// The ASCII text with this number, or empty for any other object. Cheaper than node() for the short texts that
-    /// keys are.
+    /// Returns the ASCII text with this number, empty for any other object. Faster than node() for short texts, such as
+    /// keys.
     [[nodiscard]] std::string_view asciiText(std::uint64_t index) const {
         const std::uint8_t* const p = bytes_ + offset(index);
         const unsigned count = *p & 0x0FU;
@@ -71,7 +71,7 @@ public:
         return text.type == Type::Ascii ? text.ascii() : std::string_view();
     }
 
-    /// The UID with this number, or 0 for any other object. Cheaper than node() for the usual widths.
+    /// Returns the UID with this number, 0 for any other object. Faster than node() for the usual widths.
     [[nodiscard]] std::uint64_t uid(std::uint64_t index) const {
         const std::uint8_t* const p = bytes_ + offset(index);
         const unsigned size = (*p & 0x0FU) + 1;
@@ -82,14 +82,15 @@ public:
         return uid.type == Type::Uid ? uid.bits : 0;
     }
 
-    /// Whether the object with this number is a boolean, an integer or a float, if it is one at all.
+    /// Returns whether the object with this number is a boolean, an integer or a float. The object must be well-formed.
     [[nodiscard]] bool isNumber(std::uint64_t index) const { return bytes_[offset(index)] >> 4 <= 0x2; }
 
-    /// The number of the i-th element of an array, or of a dictionary's i-th key (its i-th value is count + i).
+    /// Returns the number of the i-th element of an array, or of a dictionary's i-th key (count + i for its i-th
+    /// value).
     [[nodiscard]] std::uint64_t reference(const Node& container, std::uint64_t i) const {
         const std::uint64_t index = bigEndian(container.body + i * referenceSize_, referenceSize_);
         if (index >= objectCount_) {
-            refuse("a reference to no object");
+            refuse("reference to a missing object");
         }
         return index;
     }
@@ -98,7 +99,7 @@ private:
     [[nodiscard]] std::uint64_t offset(std::uint64_t index) const {
         const std::uint64_t offset = bigEndian(bytes_ + tableOffset_ + index * offsetSize_, offsetSize_);
         if (offset < kHeaderSize || offset >= tableOffset_) {
-            refuse("an offset outside of the objects");
+            refuse("offset out of range");
         }
         return offset;
     }
@@ -114,10 +115,10 @@ private:
     unsigned referenceSize_ = 0;
 };
 
-/// UTF-8 of big-endian UTF-16; a lone surrogate becomes U+FFFD. A leading byte-order mark is text.
+/// Converts big-endian UTF-16 to UTF-8. A lone surrogate becomes U+FFFD. A leading byte-order mark is kept as text.
 [[nodiscard]] std::string utf8FromUtf16(const std::uint8_t* units, std::uint64_t count);
 
-/// How many UTF-16 units the text takes, or -1 when it is not UTF-8.
+/// Returns the number of UTF-16 units that the text needs, or -1 if it is not UTF-8.
 [[nodiscard]] std::int64_t utf16Length(std::string_view utf8) noexcept;
 
 /// Writes the text, which must be UTF-8, as big-endian UTF-16 and returns the end of what was written.

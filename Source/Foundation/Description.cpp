@@ -11,7 +11,7 @@
 namespace krv {
 namespace {
 
-/// Inside a container a string is quoted unless it is one plain word.
+/// Quotes a string in a container unless it is a plain word.
 std::string quotedUnlessWord(const std::string& text) {
     const bool word = !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
         return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
@@ -38,7 +38,7 @@ std::string quotedUnlessWord(const std::string& text) {
     return out + '"';
 }
 
-/// Containers print no deeper than this; hand-made values may be nested without bound.
+/// Containers are printed down to this depth, because values made by an application may be nested without limit.
 constexpr int kMaximumDescriptionDepth = 16;
 
 std::string describe(const Value& value, int depth);

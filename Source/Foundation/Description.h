@@ -8,7 +8,7 @@
 /// The texts that %@ prints. Not installed: applications call description().
 namespace krv {
 
-/// Returns the text of a value. Containers nested deeper than 16 are cut short.
+/// Returns the text of a value. Containers nested deeper than 16 are abbreviated.
 [[nodiscard]] std::string describe(const Value& value);
 [[nodiscard]] std::string describe(const Dictionary& dictionary);
 

@@ -7,7 +7,7 @@
 namespace krv {
 namespace {
 
-/// Above this many entries a bulk sort beats inserting one by one.
+/// Above this number of entries std::stable_sort is faster than insertion.
 constexpr std::size_t kInsertionSortLimit = 12;
 
 bool keyLess(const Dictionary::Entry& a, const Dictionary::Entry& b) noexcept {
@@ -26,7 +26,7 @@ Dictionary::Dictionary(std::initializer_list<std::pair<std::string_view, Value>>
 
 Dictionary Dictionary::fromEntries(std::vector<Entry> entries, Mutability mutability) {
     Dictionary result(mutability);
-    // What a dictionary was written from stands in order already.
+    // The entries of an archive that we wrote are already sorted.
     const auto disorder = std::adjacent_find(entries.begin(), entries.end(),
                                              [](const Entry& a, const Entry& b) { return !keyLess(a, b); });
     if (disorder == entries.end()) {
@@ -40,7 +40,7 @@ Dictionary Dictionary::fromEntries(std::vector<Entry> entries, Mutability mutabi
     } else {
         std::stable_sort(entries.begin(), entries.end(), keyLess);
     }
-    // Equal keys now stand in the order in which they came: keep the last of each run.
+    // The sort is stable, so the last of each run of equal keys is the one to keep.
     const auto last = std::unique(entries.rbegin(), entries.rend(),
                                   [](const Entry& a, const Entry& b) { return *a.first == *b.first; });
     entries.erase(entries.begin(), last.base());

@@ -11,43 +11,42 @@
 
 namespace krv {
 
-/// A string-keyed collection of values, kept in ascending order of its keys (by UTF-8 bytes).
+/// Values by string key, in ascending order of the keys (by UTF-8 bytes).
 ///
-/// Whether it was made as the mutable or the immutable kind is remembered, because the two have different names
-/// in an archive. The immutable kind is what a holder shares and must not change: set and remove raise
-/// Exception "NSInvalidArgumentException" on it.
+/// A dictionary is of the mutable or the immutable kind; the two have different names in an archive. On the immutable
+/// kind, set and remove throw Exception "NSInvalidArgumentException".
 class KRV_EXPORT Dictionary {
 public:
     enum class Mutability : bool { Immutable, Mutable };
     using Key = Value::StringRef;
     using Entry = std::pair<Key, Value>;
 
-    /// An empty mutable dictionary.
+    /// Creates an empty mutable dictionary.
     Dictionary() noexcept
         : Dictionary(Mutability::Mutable) {}
-    /// An empty dictionary of the given kind.
+    /// Creates an empty dictionary of the given kind.
     explicit Dictionary(Mutability mutability) noexcept
         : mutability_(mutability) {}
-    /// A mutable dictionary with the given entries; of two with the same key the later one stays.
+    /// Creates a mutable dictionary with the given entries. The last of several entries with the same key is kept.
     Dictionary(std::initializer_list<std::pair<std::string_view, Value>> entries);
 
-    /// Takes the entries over and sorts them, n log n in their number; of two with the same key the later stays.
-    /// Keys must not be empty references.
+    /// Creates a dictionary from entries and sorts them in O(n log n). The last of several entries with the same key is
+    /// kept. Keys must not be null.
     [[nodiscard]] static Dictionary fromEntries(std::vector<Entry> entries, Mutability mutability);
 
-    /// A mutable copy that shares the values.
+    /// Returns a mutable copy that shares the values.
     [[nodiscard]] Dictionary mutableCopy() const;
 
     [[nodiscard]] Mutability mutability() const noexcept { return mutability_; }
     [[nodiscard]] std::size_t size() const noexcept { return entries_.size(); }
     [[nodiscard]] bool empty() const noexcept { return entries_.empty(); }
 
-    /// The value under the key, or nullptr. The pointer is good until the dictionary changes.
+    /// Returns the value of the key, or nullptr. The pointer is valid until the dictionary changes.
     [[nodiscard]] const Value* find(std::string_view key) const noexcept;
-    /// The value under the key, or null.
+    /// Returns the value of the key, or the null value.
     [[nodiscard]] Value operator[](std::string_view key) const;
 
-    /// Stores or replaces. A null value is stored like any other; it travels as a null object.
+    /// Adds or replaces an entry. A null value is stored too, and archived as a null object.
     void set(std::string_view key, Value value);
     void remove(std::string_view key);
 
@@ -56,7 +55,7 @@ public:
 
     [[nodiscard]] std::string description() const;
 
-    /// Same keys and values; the two kinds of dictionary compare equal.
+    /// Compares keys and values, but not the kind.
     friend KRV_EXPORT bool operator==(const Dictionary& a, const Dictionary& b);
 
 private:

@@ -10,15 +10,15 @@
 
 namespace krv {
 
-/// Keys of an error's user-info: a sentence for a person, and its cause.
+/// Keys of an error's user-info: a sentence for people, and the cause.
 inline constexpr std::string_view NSLocalizedDescriptionKey = "NSLocalizedDescription";
 inline constexpr std::string_view NSLocalizedFailureReasonErrorKey = "NSLocalizedFailureReason";
 
-/// An error record: the domain that made it, a code within that domain, and details by key. Immutable, and
-/// shared between threads as std::shared_ptr<const Error>.
+/// An error record: a domain, a code within that domain, and details by key. Immutable. Threads share it as
+/// std::shared_ptr<const Error>.
 class KRV_EXPORT Error {
 public:
-    /// userInfo may be empty (null); it travels as null then.
+    /// userInfo may be null, and is archived as null then.
     Error(std::string domain, std::int64_t code, std::shared_ptr<const Dictionary> userInfo = nullptr);
     [[nodiscard]] static std::shared_ptr<const Error> make(std::string domain, std::int64_t code, Dictionary userInfo);
 
@@ -26,11 +26,11 @@ public:
     [[nodiscard]] std::int64_t code() const noexcept { return code_; }
     [[nodiscard]] const std::shared_ptr<const Dictionary>& userInfo() const noexcept { return userInfo_; }
 
-    /// The sentence under NSLocalizedDescriptionKey, or one made of domain and code.
+    /// Returns the sentence under NSLocalizedDescriptionKey, or one made of domain and code.
     [[nodiscard]] std::string localizedDescription() const;
-    /// The cause under NSLocalizedFailureReasonErrorKey, or an empty string.
+    /// Returns the cause under NSLocalizedFailureReasonErrorKey, or an empty string.
     [[nodiscard]] std::string localizedFailureReason() const;
-    /// Domain, code, sentence and user-info in one line.
+    /// Returns domain, code, sentence and user-info in one line.
     [[nodiscard]] std::string description() const;
 
     friend KRV_EXPORT bool operator==(const Error& a, const Error& b);
@@ -41,8 +41,8 @@ private:
     std::shared_ptr<const Dictionary> userInfo_;
 };
 
-/// Where an operation leaves its error: null when the caller does not want it, in which case it is dropped
-/// silently. Otherwise it points to the caller's reference, which is written only when there is an error.
+/// The out-parameter for an error. Points to the caller's reference, which is written only on failure. If it is null,
+/// the error is discarded.
 using ErrorOut = std::shared_ptr<const Error>*;
 
 }  // namespace krv

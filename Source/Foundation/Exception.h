@@ -8,10 +8,10 @@
 
 namespace krv {
 
-/// The system's exception: a name by which callers tell causes apart, and a reason for people.
+/// The system's exception: a name by which callers distinguish causes, and a reason for people.
 ///
-/// Operations that say they catch "the platform's exception" catch this class and nothing else; a
-/// std::bad_alloc or an application's own exception passes through them.
+/// Operations that catch "the platform's exception" catch only this class. A std::bad_alloc or an application's own
+/// exception propagates through them.
 class KRV_EXPORT Exception : public std::exception {
 public:
     Exception(std::string name, std::string reason);
@@ -22,10 +22,10 @@ public:
     [[nodiscard]] const std::string& name() const noexcept { return name_; }
     [[nodiscard]] const std::string& reason() const noexcept { return reason_; }
 
-    /// What a log line prints for the exception: its reason.
+    /// Returns the text for log lines: the reason.
     [[nodiscard]] const std::string& description() const noexcept { return reason_; }
 
-    /// "name: reason", for a terminate handler or a debugger.
+    /// Returns "name: reason", for a terminate handler or a debugger.
     [[nodiscard]] const char* what() const noexcept override { return what_.c_str(); }
 
 private:
@@ -34,11 +34,11 @@ private:
     std::string what_;
 };
 
-/// Name of the exception for an argument or a message that makes no sense to its receiver, such as a call to
-/// an object that is gone or a value that cannot be archived.
+/// Name of the exception for an invalid argument or message, such as a call to an object that no longer exists or a
+/// value that cannot be archived.
 inline constexpr std::string_view kInvalidArgumentException = "NSInvalidArgumentException";
 
-/// Name of the exception for bytes that are no archive, or one that breaks a rule.
+/// Name of the exception for bytes that are not a valid archive.
 inline constexpr std::string_view kMalformedArchiveException = "NSInvalidUnarchiveOperationException";
 
 }  // namespace krv

@@ -1,15 +1,15 @@
-// Writing an archive takes two walks and no tree.
+// The archiver writes an archive in two walks, without a tree.
 //
-// The first walk follows the object graph and gives each object its number in "$objects". A number has to be given
-// before the contents are known (the contents refer to later numbers), so what an object holds is noted in flat
-// arrays: an Entry for each number, Items (key and value) for each keyed object, and the UID lists of containers.
-// Text and scalars become Atoms. Equal texts and the two booleans are one atom each and stored once; numbers are not
-// compared with each other, which would cost more than the bytes it saves (AtomTable.h).
+// The first walk follows the object graph and gives each object its number in "$objects". An object needs its number
+// before its contents are known, because the contents refer to later numbers. So the contents are recorded in flat
+// arrays: an Entry per number, Items (key and value) per keyed object, and the UID lists of containers. Texts and
+// scalars become Atoms. Equal texts are one atom and stored once, as are the two booleans. Numbers are not compared
+// with each other, because that would cost more than the bytes it saves (AtomTable.h).
 //
-// After the first walk the number of stored objects is known exactly, and with it the width of a reference; an upper
-// bound of the size is known too. The second walk goes through the entries in order and writes everything into one
-// buffer of that size (PropertyListWriter.cpp). A container's references are left open until its contents have been
-// written behind it, which gives them their places: storage is depth first, keys before values.
+// After the first walk the number of stored objects is known exactly, and so is the width of a reference. An upper
+// bound of the size is known too. The second walk (PropertyListWriter.cpp) visits the entries in order and writes them
+// into one buffer of that size. It reserves the space of a container's references, writes the contents behind it, and
+// then fills in their indexes. Storage is depth first, keys before values.
 #include <bit>
 #include <memory>
 #include <span>
@@ -62,13 +62,13 @@ public:
     }
 
     void item(std::string_view key, Item::Kind kind, std::uint32_t first) { item(atoms_.text(key), kind, first); }
-    /// Holds on to a value until the archive is written: atoms refer to its text.
+    /// Keeps a value until the archive is written, because atoms borrow its text.
     const Value& keep(Value value) {
         kept_.push_back(std::move(value));
         return kept_.back();
     }
 
-    /// The number of a value's entry, made when the value is met for the first time; 0 for null.
+    /// Returns the number of a value's entry, and adds the entry if the value is new; 0 for null.
     std::uint32_t reference(const Value& value) { return value.isNull() ? 0 : number(value); }
 
 private:
@@ -112,7 +112,7 @@ private:
         return atoms_[atom].uid;
     }
 
-    /// A keyed object: its number first, then what body() notes, then its class.
+    /// Adds a keyed object: its number, then the items that body() records, then its class.
     template <typename Body>
     std::uint32_t keyedObject(const void* identity, std::uint32_t className, std::uint32_t superclassName,
                               const Body& body) {
@@ -136,7 +136,7 @@ private:
         return uid;
     }
 
-    /// Moves the items noted since begin to their final place.
+    /// Moves the items recorded since begin to their final place.
     void close(std::uint32_t uid, std::size_t begin) {
         entries_[uid].first = static_cast<std::uint32_t>(items_.size());
         entries_[uid].count = static_cast<std::uint32_t>(pending_.size() - begin);
@@ -145,8 +145,8 @@ private:
         ++objects_;
     }
 
-    /// The number of an object met before, or 0; then it is noted, and the caller stores its number in the last
-    /// element of shared_ before anything else is met.
+    /// Returns the number of an object that is already known. Otherwise adds it to shared_ and returns 0; the caller
+    /// stores its number in the last element of shared_ before it adds any other object.
     std::uint32_t numberOfShared(const void* identity) {
         const auto hashOf = [](const void* p) {
             return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(p) * 0x9E3779B97F4A7C15U >> 32);
@@ -161,8 +161,8 @@ private:
         return shared_[id].second;
     }
 
-    /// The number of a class description, made when the class is met for the first time. There is at most one class,
-    /// or kNone, between the class and "NSObject".
+    /// Returns the number of a class description, and adds it if the class is new. superclassName is the class between
+    /// the class and "NSObject", kNone if there is none.
     std::uint32_t classReference(std::uint32_t name, std::uint32_t superclassName) {
         for (const auto& [known, uid] : classes_) {
             if (known == name) {
@@ -189,7 +189,7 @@ private:
         ++lists_;
     }
 
-    /// Numbers each element and notes the list. Nested lists use pendingUids_ as a stack meanwhile.
+    /// Numbers each element and records the list. Nested lists use pendingUids_ as a stack.
     template <typename Range, typename NumberOf>
     void uidList(std::uint32_t key, const Range& range, const NumberOf& numberOf) {
         const std::size_t begin = pendingUids_.size();
@@ -294,7 +294,7 @@ private:
              {kAtomVersion, kAtomObjects, kAtomArchiver, kAtomTop, kAtomVersionNumber, kAtomArchiverName, kAtomRoot}) {
             atoms_.use(atom);
         }
-        // Every entry but "$null" has one UID; the top dictionary, "$objects" and "$top" are the other three.
+        // Every entry except "$null" has one UID. The other three are the top dictionary, "$objects" and "$top".
         const std::uint64_t count = atoms_.used() + (entries_.size() - 1) + (nullUsed_ ? 1 : 0) + objects_ + lists_ + 3;
         if (count >= kNone) {
             cannotArchive("too many objects for one archive");
@@ -314,7 +314,7 @@ private:
             data.resize(writeTo(data));
             return data;
         }
-        // To clear the whole bound costs a small archive more than to copy what came of it.
+        // For a small archive, copying the result is faster than clearing the whole bound.
         if (buffer_.size() < bound) {
             buffer_.resize(bound);
         }
@@ -322,7 +322,7 @@ private:
         return {buffer_.begin(), buffer_.begin() + size};
     }
 
-    /// The longest that an array is kept for the thread's next archive.
+    /// The greatest length of an array that is kept for the thread's next archive.
     static constexpr std::size_t kKept = 1 << 16;
 
     AtomTable atoms_;
@@ -348,8 +348,8 @@ private:
 };
 
 Data KeyedArchiver::archivedData(const Value& root) {
-    // A thread that archives again finds the arrays of its last archive at their size. They are taken out while in
-    // use, because an object's encodeWithCoder may archive something of its own.
+    // A thread reuses the arrays of its last archive, which have the right size. They are moved out while in use,
+    // because an object's encodeWithCoder may create an archive itself.
     thread_local std::unique_ptr<Encoder> spare;
     std::unique_ptr<Encoder> encoder = std::move(spare);
     if (!encoder) {

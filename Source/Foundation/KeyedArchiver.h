@@ -11,17 +11,16 @@ namespace krv {
 
 /// Writes one object graph as a keyed archive in a binary property list.
 ///
-/// References to the same stored object, and equal strings, share one entry. A value that cannot be archived (text
-/// that is not UTF-8, nesting deeper than kMaximumArchiveDepth) raises Exception kInvalidArgumentException, and
-/// nothing is produced.
+/// References to the same object, and equal strings, share one entry. A value that cannot be archived (text that is not
+/// UTF-8, nesting deeper than kMaximumArchiveDepth) throws Exception kInvalidArgumentException.
 class KRV_EXPORT KeyedArchiver {
 public:
-    /// The archive with this object as its root. The graph must not change meanwhile. Any thread.
+    /// Returns the archive whose root is this object. The graph must not change during the call. Thread-safe.
     [[nodiscard]] static Data archivedData(const Archivable& root);
     [[nodiscard]] static Data archivedData(const Value& root);
 
-    /// Store one keyed value of the object being encoded, for encodeWithCoder only. Keys must live as long as the
-    /// call of archivedData and not begin with "$".
+    /// Store one keyed value of the object that is being encoded, for encodeWithCoder only. A key must stay valid until
+    /// archivedData returns and must not start with "$".
     void encodeBool(std::string_view key, bool value);
     void encodeInt(std::string_view key, std::int64_t value);
     void encodeFloat(std::string_view key, float value);

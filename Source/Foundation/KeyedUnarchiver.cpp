@@ -20,27 +20,27 @@ using plist::Type;
 
 namespace {
 
-/// Each byte of the archive pays for this many steps of work (a reference looked at, a byte of a key compared).
-/// Only element lists and keys that many containers share can exceed it.
+/// Steps of work (reading a reference, comparing a byte of a key) that each byte of the archive permits. Only element
+/// lists and keys that many containers share can exceed it.
 constexpr std::uint64_t kWorkPerByte = 64;
 
-/// What has become of one stored object.
+/// The decoding state of one stored object.
 struct Slot {
     enum class State : std::uint8_t { New, InProgress, Decoded, ClassName };
     State state = State::New;
-    /// ClassName: the position in the class table, or past its end for one of the standard classes.
+    /// ClassName: the index in the class table, continued by the standard classes.
     std::uint32_t classIndex = 0;
     Value value;
 };
 
-/// The slots of the stored objects, made as they are asked for. Most stored objects are keys, references and lists,
-/// which never need one. What stands here for each object is a pointer, in proportion to the offset table.
+/// The slots of the stored objects, created on first use. Most stored objects are keys, references and lists, which
+/// never need one. Each object takes one pointer here, so the memory is in proportion to the offset table.
 class SlotTable {
 public:
     explicit SlotTable(std::uint64_t count)
         : slots_(static_cast<std::size_t>(count), nullptr) {}
 
-    /// The slot stays where it is.
+    /// Returns a reference that stays valid.
     Slot& operator[](std::uint64_t index) {
         Slot*& slot = slots_[static_cast<std::size_t>(index)];
         if (!slot) {
@@ -50,7 +50,7 @@ public:
     }
 
 private:
-    /// As many as a small record needs.
+    /// The number of slots of a small record.
     static constexpr std::size_t kFirstSize = 32;
     static constexpr std::size_t kPageSize = 32;
     using Page = std::array<Slot, kPageSize>;
@@ -104,20 +104,20 @@ constexpr std::array<StandardClass, 11> kStandardClasses{{
     {"NSData", Standard::Data},
 }};
 
-/// "{w, h}"
+/// Parses "{w, h}".
 Size sizeFromText(std::string_view text) {
     Size size;
     const char* p = text.data();
     const char* const end = p + text.size();
     const auto expect = [&](char c) {
         if (p == end || *p++ != c) {
-            refuse("a size that does not read {w, h}");
+            refuse("size is not of the form {w, h}");
         }
     };
     const auto number = [&](double& v) {
         const auto [next, failure] = std::from_chars(p, end, v);
         if (failure == std::errc::invalid_argument) {
-            refuse("a size that does not read {w, h}");
+            refuse("size is not of the form {w, h}");
         }
         p = next;
     };
@@ -130,7 +130,7 @@ Size sizeFromText(std::string_view text) {
     number(size.height);
     expect('}');
     if (p != end) {
-        refuse("a size that does not read {w, h}");
+        refuse("size is not of the form {w, h}");
     }
     return size;
 }
@@ -150,11 +150,11 @@ public:
     Value root() {
         const Node top = reader_.node(reader_.topObject());
         if (top.type != Type::Dictionary) {
-            refuse("the top object is no dictionary");
+            refuse("top object is not a dictionary");
         }
         const Node version = requiredField(top, "$version");
         if (version.type != Type::Integer || version.integer() != 100000) {
-            refuse("an archive of another version");
+            refuse("unsupported archive version");
         }
         if (text(requiredField(top, "$archiver")) != "NSKeyedArchiver") {
             refuse("written by another archiver");
@@ -162,24 +162,24 @@ public:
         objects_ = requiredField(top, "$objects");
         if (objects_.type != Type::Array || objects_.count == 0 ||
             reader_.asciiText(reader_.reference(objects_, 0)) != "$null") {
-            refuse("no objects");
+            refuse("missing objects");
         }
         const Node tops = requiredField(top, "$top");
         if (tops.type != Type::Dictionary) {
-            refuse("no root");
+            refuse("missing root");
         }
         const Node root = requiredField(tops, "root");
         if (root.type != Type::Uid || root.bits == 0) {
-            refuse("no root");
+            refuse("missing root");
         }
         return object(root.bits);
     }
 
-    // What initWithCoder asks of the object being decoded.
+    // Called by initWithCoder for the object that is being decoded.
 
     [[nodiscard]] std::optional<Node> field(std::string_view key) {
         const std::size_t count = fields_.size() - firstField_;
-        // Most archives hold the keys in the order in which they are asked for: look on from the last hit.
+        // Most archives contain the keys in the order in which they are read, so continue after the last hit.
         for (std::size_t n = 0; n < count; ++n) {
             if (nextField_ >= fields_.size()) {
                 nextField_ = firstField_;
@@ -199,7 +199,7 @@ public:
     const Value& reference(const Node& node) {
         static const Value null;
         if (node.type != Type::Uid) {
-            refuse("an inline value where a reference belongs");
+            refuse("expected a reference, found an inline value");
         }
         return node.bits == 0 ? null : object(node.bits);
     }
@@ -212,7 +212,7 @@ private:
 
     void charge(std::uint64_t work) {
         if (work > workLeft_) {
-            refuse("more work than an archive of this size is worth");
+            refuse("archive exceeds the work limit for its size");
         }
         workLeft_ -= work;
     }
@@ -221,14 +221,14 @@ private:
         return node.type == Type::Ascii ? node.ascii() : std::string_view();
     }
 
-    /// All text is UTF-8 once it is read: what is stored as ASCII must be.
+    /// Refuses other bytes in ASCII text, so that all decoded text is UTF-8.
     static void requireAscii(std::string_view text) {
         unsigned char seen = 0;
         for (const char c : text) {
             seen = static_cast<unsigned char>(seen | static_cast<unsigned char>(c));
         }
         if (seen >= 0x80) {
-            refuse("ASCII text that is none");
+            refuse("ASCII text contains other bytes");
         }
     }
 
@@ -245,31 +245,31 @@ private:
     Node requiredField(const Node& dictionary, std::string_view key) {
         const std::optional<Node> node = findField(dictionary, key);
         if (!node) {
-            refuse("a field is missing");
+            refuse("missing field");
         }
         return *node;
     }
 
-    /// The object with this number in "$objects". The slot that it stands in stays where it is.
+    /// Returns the object with this number in "$objects". The reference stays valid.
     const Value& object(std::uint64_t uid) { return stored(storedIndex(uid)); }
 
     std::uint64_t storedIndex(std::uint64_t uid) const {
         if (uid >= objects_.count) {
-            refuse("a reference to no object");
+            refuse("reference to a missing object");
         }
         return reader_.reference(objects_, uid);
     }
 
-    /// A stored object as a value, decoded once.
+    /// Returns a stored object as a value, and decodes it on first use.
     const Value& stored(std::uint64_t index) {
         Slot& slot = slots_[index];
         switch (slot.state) {
         case Slot::State::Decoded:
             return slot.value;
         case Slot::State::InProgress:
-            refuse("an object that contains itself");
+            refuse("object contains itself");
         case Slot::State::ClassName:
-            refuse("a class where an object belongs");
+            refuse("expected an object, found a class");
         case Slot::State::New:
             break;
         }
@@ -306,7 +306,7 @@ private:
         case Type::Array:
             break;
         }
-        refuse("a stored object that is no object");
+        refuse("expected an object");
     }
 
     Value instance(const Node& node) {
@@ -320,7 +320,7 @@ private:
         return value;
     }
 
-    /// The "$class" of an object. Archivers write it last, so it is looked for from the end.
+    /// Returns the "$class" of an object. Archivers write it last, so the search starts at the end.
     Node classField(const Node& node) {
         charge(node.count);
         for (std::uint64_t i = node.count; i-- > 0;) {
@@ -328,25 +328,25 @@ private:
                 return reader_.node(reader_.reference(node, node.count + i));
             }
         }
-        refuse("an object without a class");
+        refuse("object without a class");
     }
 
     std::uint32_t classIndex(const Node& node) {
         const Node uid = classField(node);
         if (uid.type != Type::Uid || uid.bits == 0 || uid.bits >= objects_.count) {
-            refuse("an object without a class");
+            refuse("object without a class");
         }
         const std::uint64_t index = reader_.reference(objects_, uid.bits);
         Slot& slot = slots_[index];
         if (slot.state == Slot::State::New) {
             const Node description = reader_.node(index);
             if (description.type != Type::Dictionary) {
-                refuse("a class that is no class description");
+                refuse("class is not a class description");
             }
             slot.classIndex = classNamed(text(requiredField(description, "$classname")));
             slot.state = Slot::State::ClassName;
         } else if (slot.state != Slot::State::ClassName) {
-            refuse("a class that is no class description");
+            refuse("class is not a class description");
         }
         return slot.classIndex;
     }
@@ -365,17 +365,17 @@ private:
             }
             ++index;
         }
-        refuse("an object of an unknown class");
+        refuse("object of an unknown class");
     }
 
     Value archivable(const Node& node, const ArchivableClass& known) {
         charge(node.count);
-        // The fields of an object stand behind those of the object that holds it.
+        // The fields of an object follow those of the object that contains it.
         const std::size_t outerFirst = std::exchange(firstField_, fields_.size());
         const std::size_t outerNext = std::exchange(nextField_, fields_.size());
         for (std::uint64_t i = 0; i < node.count; ++i) {
             const std::string_view key = reader_.asciiText(reader_.reference(node, i));
-            // More keys than any class of ours has: only those that could be asked for are kept.
+            // No class of ours has more keys than this.
             if (!key.empty() && fields_.size() - firstField_ < kMostFields) {
                 fields_.push_back({key, reader_.reference(node, node.count + i)});
             }
@@ -395,7 +395,7 @@ private:
         case Standard::MutableString: {
             const Value& value = inlineObject(node, "NS.string");
             if (value.kind() != Value::Kind::String) {
-                refuse("a string without text");
+                refuse("string without text");
             }
             return value;
         }
@@ -412,7 +412,7 @@ private:
                 return Value(Date{static_cast<double>(time.integer())});
             }
             if (time.type != Type::Real32 && time.type != Type::Real64) {
-                refuse("a date without a time");
+                refuse("date without a time");
             }
             return Value(Date{time.real()});
         }
@@ -422,7 +422,7 @@ private:
             const Value& sizeText = reference(requiredField(node, "NS.sizeval"));
             if (special.type != Type::Integer || special.integer() != kSizeKind ||
                 sizeText.kind() != Value::Kind::String) {
-                refuse("a value object that is no size");
+                refuse("value object is not a size");
             }
             return Value(sizeFromText(sizeText.stringValue()));
         }
@@ -441,11 +441,11 @@ private:
         case Standard::Error:
             return error(node);
         }
-        refuse("an object of an unknown class");
+        refuse("object of an unknown class");
     }
 
-    /// A string or data that stands in the object itself. Looked up by its number, so that it is decoded once even
-    /// when many objects hold it.
+    /// Returns a string or data that is stored in the object itself. Found by its number, so that it is decoded only
+    /// once even if many objects refer to it.
     const Value& inlineObject(const Node& node, std::string_view key) {
         charge(node.count);
         for (std::uint64_t i = 0; i < node.count; ++i) {
@@ -458,28 +458,28 @@ private:
                 break;
             }
         }
-        refuse("an object without its contents");
+        refuse("object without its contents");
     }
 
     Node list(const Node& node, std::string_view key) {
         const Node elements = requiredField(node, key);
         if (elements.type != Type::Array) {
-            refuse("a container without its list");
+            refuse("container without its list");
         }
         charge(elements.count);
         return elements;
     }
 
-    /// The stored object that the i-th element of a list refers to.
+    /// Returns the index of the stored object to which the i-th element of a list refers.
     std::uint64_t elementIndex(const Node& elements, std::uint64_t i) const {
         const std::uint64_t uid = reader_.uid(reader_.reference(elements, i));
         if (uid == 0) {
-            refuse("an element that is no reference to an object");
+            refuse("element is not a reference to an object");
         }
         return storedIndex(uid);
     }
 
-    /// Its value. To decode a number once more costs less than to keep it.
+    /// Returns the value of the i-th element of a list. Decoding a number again is faster than keeping it.
     Value element(const Node& elements, std::uint64_t i) {
         const std::uint64_t index = elementIndex(elements, i);
         return reader_.isNumber(index) ? decode(reader_.node(index)) : stored(index);
@@ -489,14 +489,14 @@ private:
         const Node keys = list(node, "NS.keys");
         const Node objects = list(node, "NS.objects");
         if (keys.count != objects.count) {
-            refuse("keys and values of unequal number");
+            refuse("different numbers of keys and values");
         }
         std::vector<Dictionary::Entry> entries;
         entries.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(keys.count, kFewEntries)));
         for (std::uint64_t i = 0; i < keys.count; ++i) {
             Value::StringRef key = stored(elementIndex(keys, i)).string();
             if (!key) {
-                refuse("a key that is no string");
+                refuse("key is not a string");
             }
             charge(key->size());
             entries.emplace_back(std::move(key), element(objects, i));
@@ -511,15 +511,15 @@ private:
         const Value userInfo = userInfoField ? reference(*userInfoField) : Value();
         if (domain.kind() != Value::Kind::String || code.type != Type::Integer ||
             (!userInfo.isNull() && userInfo.kind() != Value::Kind::Dictionary)) {
-            refuse("an error record that is none");
+            refuse("invalid error record");
         }
         return Value(std::make_shared<const Error>(domain.stringValue(), code.integer(), userInfo.dictionary()));
     }
 
     static constexpr std::size_t kMostFields = 64;
-    /// What a record and the parameters in it hold together.
+    /// The number of fields of a record together with its parameters.
     static constexpr std::size_t kFewFields = 24;
-    /// What most dictionaries hold at most; larger ones grow as they are read.
+    /// The size of most dictionaries. Larger ones grow as they are read.
     static constexpr std::size_t kFewEntries = 16;
 
     plist::Reader reader_;
@@ -543,7 +543,7 @@ bool KeyedUnarchiver::decodeBool(std::string_view key) {
         return false;
     }
     if (node->type != Type::Boolean && (node->type != Type::Integer || node->bits > 1)) {
-        refuse("a boolean that is none");
+        refuse("expected a boolean");
     }
     return node->bits != 0;
 }
@@ -555,7 +555,7 @@ std::int32_t KeyedUnarchiver::decodeInt32(std::string_view key) {
     }
     if (node->type != Type::Integer || node->integer() < std::numeric_limits<std::int32_t>::min() ||
         node->integer() > std::numeric_limits<std::uint32_t>::max()) {
-        refuse("an integer that is none of 32 bits");
+        refuse("integer does not fit in 32 bits");
     }
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(node->bits));
 }
@@ -572,7 +572,7 @@ float KeyedUnarchiver::decodeFloat(std::string_view key) {
     case Type::Integer:
         return static_cast<float>(node->integer());
     default:
-        refuse("a number that is none");
+        refuse("expected a number");
     }
 }
 
@@ -584,7 +584,7 @@ Value KeyedUnarchiver::decodeObject(std::string_view key) {
 Value KeyedUnarchiver::decodeObject(std::string_view key, Value::Kind kind) {
     Value value = decodeObject(key);
     if (!value.isNull() && value.kind() != kind) {
-        refuse("an object of another kind than its place asks for");
+        refuse("object of the wrong kind");
     }
     return value;
 }

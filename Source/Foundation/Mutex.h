@@ -2,7 +2,7 @@
 
 #include <mutex>
 
-/// Clang's thread-safety analysis: which lock guards a member, and what a function expects to be held.
+/// Attributes of Clang's thread-safety analysis: the lock of a member, and the locks that a function requires.
 #if defined(__clang__)
 #define KRV_THREAD_ATTRIBUTE(x) __attribute__((x))
 #else
@@ -18,8 +18,8 @@
 
 namespace krv {
 
-/// A standard mutex that the analysis knows as a capability. Underlying is std::mutex or
-/// std::recursive_mutex. Meets BasicLockable, so std::condition_variable_any waits on it.
+/// A standard mutex (std::mutex or std::recursive_mutex) with the attributes of the analysis. Meets BasicLockable, so
+/// std::condition_variable_any can wait on it.
 template <typename Underlying>
 class KRV_CAPABILITY("mutex") AnnotatedMutex {
 public:
@@ -33,7 +33,7 @@ private:
 using Mutex = AnnotatedMutex<std::mutex>;
 using RecursiveMutex = AnnotatedMutex<std::recursive_mutex>;
 
-/// Holds a mutex for a scope.
+/// Locks a mutex until the end of the scope.
 template <typename M>
 class KRV_SCOPED_CAPABILITY LockGuard {
 public:

@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::size_t kLargestReference = 4;
 
-/// The low bytes of the value, in 1, 2, 4 or 8 bytes.
+/// Writes the low 1, 2, 4 or 8 bytes of the value.
 std::uint8_t* putBigEndian(std::uint8_t* out, std::uint64_t v, unsigned size) noexcept {
     switch (size) {
     case 1:
@@ -34,7 +34,7 @@ std::uint8_t* putBigEndian(std::uint8_t* out, std::uint64_t v, unsigned size) no
     }
 }
 
-/// The smallest of 1, 2, 4 and 8 bytes that holds the value.
+/// Returns the smallest of 1, 2, 4 and 8 bytes in which the value fits.
 unsigned widthOf(std::uint64_t v) noexcept {
     return v <= 0xFF ? 1 : v <= 0xFFFF ? 2 : v <= 0xFFFFFFFF ? 4 : 8;
 }
@@ -77,7 +77,7 @@ std::uint8_t* putAtom(std::uint8_t* out, const Atom& atom) noexcept {
     return std::copy(atom.bytes.begin(), atom.bytes.end(), out);
 }
 
-/// The second walk, for references of this many bytes.
+/// The second walk, for references of kReferenceSize bytes.
 template <unsigned kReferenceSize>
 class Writer {
 public:
@@ -86,7 +86,7 @@ public:
         , begin_(out)
         , out_(out) {}
 
-    /// Writes the archive and returns its length. The space must do for it.
+    /// Writes the archive and returns its length. The output must have room for it.
     std::size_t write(std::uint32_t rootUid) {
         std::memcpy(out_, "bplist00", 8);
         out_ += 8;
@@ -109,7 +109,7 @@ public:
     }
 
 private:
-    /// Opens the next stored object here and returns its place.
+    /// Starts the next stored object at the present position and returns its index.
     std::uint32_t place() {
         graph_.offsets[places_] = static_cast<std::uint64_t>(out_ - begin_);
         return places_++;

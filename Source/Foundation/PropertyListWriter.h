@@ -6,7 +6,7 @@
 
 #include <KRVQTProcessClient/Foundation/AtomTable.h>
 
-/// The second walk of the archiver: writing a numbered object graph as a binary property list. Not installed.
+/// The second walk of the archiver: writes a numbered object graph as a binary property list. Not installed.
 namespace krv::plist {
 
 /// One keyed value of a stored object.
@@ -14,27 +14,27 @@ struct Item {
     enum class Kind : std::uint8_t { Atom, Uid, UidList, AtomList };
     std::uint32_t key;
     Kind kind;
-    /// Atom or UID; for a list its first position.
+    /// Atom or UID; for a list the index of its first element.
     std::uint32_t first;
     std::uint32_t count;
 };
 
-/// What stands under one number of "$objects": an atom, or items.
+/// The object with one number in "$objects": an atom, or items.
 struct Entry {
     std::uint32_t first;
     std::uint32_t count;
     bool isAtom;
 };
 
-/// What the first walk has found out, and where the second one keeps its places.
+/// The result of the first walk, and working space of the second.
 struct Graph {
     Atom* atoms;
     const Item* items;
     const std::uint32_t* uids;
     std::span<const Entry> entries;
-    /// The offset of each stored object, by place.
+    /// The offset of each stored object, by its index in the property list.
     std::uint64_t* offsets;
-    /// The place of the UID object for each number, kNone until it is written.
+    /// The index of the UID object for each number, kNone until it is written.
     std::uint32_t* uidPlaces;
 };
 

@@ -4,11 +4,11 @@
 
 namespace krv {
 
-/// The name of an operation as the system writes it: all keywords with their colons,
-/// such as "convertMovie:writeToFile:type:flattenOnly:progress:error:".
+/// The name of an operation: all keywords with their colons, such as
+/// "convertMovie:writeToFile:type:flattenOnly:progress:error:".
 ///
-/// Log lines and the reliable-operation test compare and print exactly this text. A selector is a constant
-/// that stands beside the method it names; it refers to a string literal and owns nothing.
+/// Log lines print exactly this text, and the test for reliable operations compares it. A selector is a constant beside
+/// the method that it names. It borrows a string literal.
 class Selector {
 public:
     constexpr explicit Selector(std::string_view name) noexcept

@@ -29,20 +29,19 @@ struct Date {
     friend bool operator==(Date, Date) = default;
 };
 
-/// Width and height in the unit of the place where it stands (pixels, for pictures).
+/// Width and height, in pixels for images and frames.
 struct Size {
     double width = 0.0;
     double height = 0.0;
     friend bool operator==(Size, Size) = default;
 };
 
-/// One value of an operation record: a closed set of kinds, each copied in constant time.
+/// A value of an operation record. The set of kinds is closed, and copying takes constant time.
 ///
-/// Strings, data, arrays, dictionaries, error records and archivable objects are shared and immutable once they
-/// stand in a value; copying a value shares them. Numbers remember what they were made from: a boolean is not the
-/// integer 1, and a 32-bit float is not a 64-bit one.
+/// Strings, data, arrays, dictionaries, error records and archivable objects are immutable in a value, and copies share
+/// them. Numbers keep their kind: a boolean is not the integer 1, and a 32-bit float is not a 64-bit one.
 ///
-/// Thread-safety: like a standard container. Sharing the pointees between threads is safe.
+/// A value is as thread-safe as a standard container. Several threads may share its contents.
 class KRV_EXPORT Value {
 public:
     enum class Kind : std::uint8_t {
@@ -67,7 +66,7 @@ public:
     using ErrorRef = std::shared_ptr<const krv::Error>;
     using ObjectRef = std::shared_ptr<const Archivable>;
 
-    /// The null value. Empty references given to the other constructors make it too.
+    /// Creates the null value. The other constructors create it from a null reference.
     Value() noexcept = default;
     Value(std::nullptr_t) noexcept {}
     Value(bool v) noexcept
@@ -105,7 +104,7 @@ public:
     requires std::is_base_of_v<Archivable, T> Value(std::shared_ptr<T> v)
     noexcept
         : Value(ObjectRef(std::move(v))) {}
-    /// A pointer of any other kind is not a value; without this it would be taken for a boolean.
+    /// Any other pointer would convert to a boolean.
     template <typename T>
     Value(T*) = delete;
 
@@ -115,18 +114,18 @@ public:
         return kind() == Kind::Boolean || kind() == Kind::Integer || kind() == Kind::Float32 || kind() == Kind::Float64;
     }
 
-    /// The number as another kind; 0 and false for what is no number. Floats are truncated towards zero and
-    /// held within the range of the result; NaN gives 0.
+    /// Converts the number; 0 or false if the value is not a number. Floats are truncated towards zero and limited to
+    /// the range of the result; NaN becomes 0.
     [[nodiscard]] std::int64_t integerValue() const noexcept;
     [[nodiscard]] double doubleValue() const noexcept;
     [[nodiscard]] bool boolValue() const noexcept;
 
-    /// The string, or an empty one for any other kind.
+    /// Returns the string, or an empty one for any other kind.
     [[nodiscard]] const std::string& stringValue() const noexcept;
-    /// The size, or the zero size for any other kind.
+    /// Returns the size, or the zero size for any other kind.
     [[nodiscard]] krv::Size sizeValue() const noexcept;
 
-    /// The shared contents, or an empty reference when the value is of another kind.
+    /// Return the shared contents, or null if the value is of another kind.
     [[nodiscard]] StringRef string() const noexcept { return get<StringRef>(); }
     [[nodiscard]] DataRef data() const noexcept { return get<DataRef>(); }
     [[nodiscard]] ArrayRef array() const noexcept { return get<ArrayRef>(); }
@@ -135,10 +134,10 @@ public:
     [[nodiscard]] ObjectRef object() const noexcept { return get<ObjectRef>(); }
     [[nodiscard]] const krv::Date* date() const noexcept { return std::get_if<krv::Date>(&storage_); }
 
-    /// What a "%@" in a log line or a state description prints; "(null)" for null.
+    /// Returns the text for log lines and state descriptions ("%@"); "(null)" for null.
     [[nodiscard]] std::string description() const;
 
-    /// Same kind and same contents; containers are compared element by element.
+    /// Compares kind and contents, containers element by element.
     friend KRV_EXPORT bool operator==(const Value& a, const Value& b);
 
     using Storage = std::variant<std::monostate, bool, std::int64_t, float, double, StringRef, DataRef, krv::Date,

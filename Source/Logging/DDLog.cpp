@@ -16,7 +16,7 @@ struct Logger {
 };
 
 Logger& logger() {
-    static auto* instance = new Logger;  // lines may be written until the process ends
+    static auto* instance = new Logger;  // never destroyed: lines may be written until the process exits
     return *instance;
 }
 
@@ -39,7 +39,7 @@ std::string_view flagName(LogFlag flag) {
 void writeToStandardError(const LogMessage& message) {
     const std::string line = fmt::format("[{}] {} {}:{}: {}\n", flagName(message.flag), message.function, message.file,
                                          message.line, message.text);
-    // One write for one line, so that lines of several threads and processes do not mix.
+    // One write per line, so that lines of several threads and processes do not mix.
     [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
 }
 
@@ -68,7 +68,7 @@ void DDLog::log(const LogMessage& message) {
             writeToStandardError(message);
         }
     } catch (...) {
-        // A sink that fails loses its line; logging never changes what the logged operation does.
+        // The line of a failing sink is lost. Logging must not change the behaviour of the logged operation.
     }
     insideSink = false;
 }

@@ -15,25 +15,25 @@ struct LogMessage {
     std::uint32_t level;
     LogFlag flag;
     LogContext context;
-    /// Path of the source without its ending, such as "Source/Client/ReliabilityProxy".
+    /// Path of the source file without its extension, such as "Source/Client/ReliabilityProxy".
     std::string_view file;
-    /// The selector name of the operation that writes the line.
+    /// Selector name of the operation that writes the line.
     std::string_view function;
     int line;
     std::string text;
 };
 
-/// The logger: hands each line synchronously to one sink.
+/// Passes each line synchronously to one sink. Thread-safe.
 class KRV_EXPORT DDLog {
 public:
     using Sink = std::function<void(const LogMessage&)>;
 
-    /// Replaces the sink; an empty one brings back the default, which writes one line to standard error. The sink
-    /// is called on the thread that logs, never by two threads at once, and what it throws is dropped. A line that
-    /// the sink itself causes is dropped.
+    /// Replaces the sink. An empty one restores the default, which writes to standard error. The sink is called on the
+    /// thread that logs, by one thread at a time. Exceptions of the sink, and lines that the sink itself logs, are
+    /// dropped.
     static void setSink(Sink sink);
 
-    /// Hands a line to the sink, whatever the gate says.
+    /// Passes a line to the sink, without checking the gate.
     static void log(const LogMessage& message);
 };
 

@@ -9,10 +9,10 @@
 #include <KRVQTProcessClient/Logging/DDLog.h>
 #include <KRVQTProcessClient/Logging/Logging.h>
 
-/// Writing to the log from inside the library. Not installed: fmt stays out of the public headers.
+/// Logging from inside the library. Not installed, because fmt must stay out of the public headers.
 namespace krv {
 
-/// Where a line is written: the source and the operation, and what it needs to pass the gate.
+/// The origin of a line: source file and operation, and the masks and the context with which it is checked.
 struct LogSite {
     std::string_view file;
     Selector function;
@@ -20,14 +20,14 @@ struct LogSite {
     LogContext context = kLogContextClient;
 };
 
-/// Whether a line with this flag passes now.
+/// Returns whether a line with this flag passes the gate now.
 [[nodiscard]] bool logPasses(LogFlag flag, const LogSite& site) noexcept;
-/// The level word that decides about a context now.
+/// Returns the present level word of a context.
 [[nodiscard]] std::uint32_t logLevelWord(LogContext context) noexcept;
 
 }  // namespace krv
 
-/// Formats and writes a line if it passes the gate; the arguments are not evaluated otherwise.
+/// Formats and writes a line if it passes the gate. Otherwise the arguments are not evaluated.
 #define KRV_LOG(flag, site, ...)                                                                                       \
     do {                                                                                                               \
         const ::krv::LogSite& krvLogSite = (site);                                                                     \

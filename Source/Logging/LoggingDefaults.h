@@ -5,8 +5,8 @@
 namespace krv {
 
 /// Sets the logging gate from the user defaults "krv_loggingEnabled", "qtClientLogLevel", "applicationLogLevel",
-/// "additionalApplicationLogLevel" and "quicktimeLoggingLevel". A key that is not set leaves its value alone; a level
-/// that is set opens the gate unless "krv_loggingEnabled" says otherwise. Any thread.
+/// "additionalApplicationLogLevel" and "quicktimeLoggingLevel". A missing key leaves its value unchanged. If a level is
+/// set and "krv_loggingEnabled" is not, enables logging. Thread-safe.
 KRV_EXPORT void applyLoggingDefaults();
 
 }  // namespace krv

@@ -24,7 +24,7 @@ void KRVNSTimer::startMonitorTimer() {
         old = std::exchange(timer_, timer).lock();
         isMonitoring_ = true;
     }
-    // Two threads that start at once leave one timer, not two.
+    // If two threads start at the same time, only one timer remains.
     if (old) {
         old->invalidate();
     }

@@ -12,31 +12,31 @@
 
 namespace krv {
 
-/// Gives a derived class one repeating tick a second on the run loop of the thread that starts it, and lets others
-/// observe whether it ticks.
+/// Calls a derived class once per second on the run loop of the thread that starts it. Observers can follow whether it
+/// is running.
 ///
-/// Objects are owned by shared references only: while the timer runs, the run loop keeps the object alive. Starting
-/// and stopping may happen on different threads; a tick that has already begun on another thread is not waited for.
+/// Objects must be owned by shared references: while the timer runs, the run loop keeps one too. Different threads may
+/// start and stop it. Stopping does not wait for a tick that is running on another thread.
 class KRV_EXPORT KRVNSTimer : public std::enable_shared_from_this<KRVNSTimer> {
 public:
     virtual ~KRVNSTimer();
     KRVNSTimer(const KRVNSTimer&) = delete;
     KRVNSTimer& operator=(const KRVNSTimer&) = delete;
 
-    /// Begins to tick on the calling thread's run loop, the first time a second from now. A timer that runs already is
-    /// replaced. Observers see the announcements of stopMonitorTimer between this operation's own.
+    /// Starts ticking on the calling thread's run loop, first after one second. Replaces a running timer; observers are
+    /// then also called for the stop, between this operation's own two calls.
     void startMonitorTimer();
-    /// Ends the ticks; harmless when there are none.
+    /// Stops ticking. Does nothing if the timer is not running.
     void stopMonitorTimer();
     [[nodiscard]] bool isMonitoring() const;
 
-    /// The tick. Does nothing here.
+    /// Called at each tick. Does nothing by default.
     virtual void krvNSTimerFired();
 
-    /// The key under which the change is announced.
+    /// The key that observers receive.
     static constexpr std::string_view kIsMonitoringKey = "isMonitoring";
     enum class Change : bool { Coming, Made };
-    /// Called before and after every change, on the thread that starts or stops, with no lock held.
+    /// Called before and after every change, on the thread that starts or stops the timer, without a lock held.
     using Observer = std::function<void(const KRVNSTimer& timer, std::string_view key, Change change)>;
     [[nodiscard]] NotificationCenter::Token addObserver(Observer observer);
     void removeObserver(NotificationCenter::Token token);
@@ -50,7 +50,7 @@ private:
     NotificationCenter observers_;
     mutable Mutex mutex_;
     bool isMonitoring_ KRV_GUARDED_BY(mutex_) = false;
-    /// The run loop keeps it: it holds this object, and would hold itself with it.
+    /// Weak, because the run loop keeps the timer, and the timer keeps a reference to this object.
     std::weak_ptr<RunLoop::Timer> timer_ KRV_GUARDED_BY(mutex_);
 };
 

@@ -13,7 +13,7 @@ constinit const std::string_view kKRVProcInfoProcessPID = "kKRVProcInfoProcessPI
 
 namespace {
 
-/// Left out of every list, also when it is asked for.
+/// Omitted from every list, even if requested by name.
 constexpr std::string_view kNeverListed = "loginwindow";
 
 constexpr LogSite site(std::string_view function) {

@@ -16,39 +16,38 @@ namespace krv {
 KRV_EXPORT extern const std::string_view kKRVProcInfoProcessName;
 KRV_EXPORT extern const std::string_view kKRVProcInfoProcessPID;
 
-/// Answers questions about local processes, and keeps a list of process ids to watch.
+/// Queries local processes, and keeps a list of process ids to watch.
 ///
-/// The static operations hold no state and may be called from any thread. An instance is meant for one thread at a
-/// time; it has no timer of its own, its owner polls.
+/// The static operations are thread-safe. An instance is for one thread at a time. It has no timer; its owner polls.
 class KRV_EXPORT KRVProcessMonitor {
 public:
-    /// processes: the table to look into; must outlive the monitor.
+    /// processes: the table to query; must outlive the monitor.
     explicit KRVProcessMonitor(const ProcessTable& processes = ProcessTable::system());
     ~KRVProcessMonitor();
     KRVProcessMonitor(const KRVProcessMonitor&) = delete;
     KRVProcessMonitor& operator=(const KRVProcessMonitor&) = delete;
 
-    /// This process's id, as an integer.
+    /// Returns this process's id as an integer.
     [[nodiscard]] static Value ourPID();
-    /// Whether a process with that id exists and its name can be read. The name given is not consulted; to match a
-    /// name, use processInformationForProcessesNamed.
+    /// Returns whether a process with that id exists and its name can be read. Ignores withName; to match a name, use
+    /// processInformationForProcessesNamed.
     [[nodiscard]] static bool doesProcessExist(std::int32_t pid, std::string_view withName,
                                                const ProcessTable& processes = ProcessTable::system());
-    /// One dictionary with the two keys above for each running process of exactly that name. Always empty for
+    /// Returns one dictionary with the two keys above per running process of exactly that name. Always empty for
     /// "loginwindow".
     [[nodiscard]] static std::vector<Dictionary>
     processInformationForProcessesNamed(std::string_view name, const ProcessTable& processes = ProcessTable::system());
     [[nodiscard]] static bool isProcessRunningNamed(std::string_view name,
                                                     const ProcessTable& processes = ProcessTable::system());
 
-    /// Watches an id; nothing happens when it is watched already.
+    /// Adds an id to the watch list. Does nothing if it is already there.
     void monitorPID(std::int32_t pid);
-    /// Whether the watch list holds anything. Only pollAllPIDs looks at the processes.
+    /// Returns whether the watch list contains any id. Only pollAllPIDs queries the processes.
     [[nodiscard]] bool someMonitoredProcessesStillRunning() const;
     [[nodiscard]] bool processWithPIDExists(std::int32_t pid) const;
-    /// Drops every id whose process has gone.
+    /// Removes every id whose process has exited.
     void pollAllPIDs();
-    /// A copy of the watch list.
+    /// Returns a copy of the watch list.
     [[nodiscard]] std::vector<std::int32_t> pidsBeingMonitored() const { return pidsToMonitor(); }
     [[nodiscard]] std::vector<std::int32_t> pidsToMonitor() const;
     void setPidsToMonitor(std::vector<std::int32_t> pids);

@@ -49,7 +49,7 @@ void EncodingParameters::setSettingsBlob(std::shared_ptr<const Data> settingsBlo
 
 void EncodingParameters::encodeWithCoder(KeyedArchiver& coder) const {
     coder.encodeFloat(kQualityKey, quality_);
-    // The field is a plain 32-bit integer in an archive: a code above the signed range travels as a negative number.
+    // In an archive the field is a signed 32-bit integer, so a code above that range is stored as a negative number.
     coder.encodeInt(kCodecKey, static_cast<std::int32_t>(codec_));
     coder.encodeObject(kSettingsBlobKey, Value(settingsBlob()));
 }

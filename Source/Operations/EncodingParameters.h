@@ -12,12 +12,12 @@ namespace krv {
 
 class KeyedUnarchiver;
 
-/// Compression settings of one kind of track. The library carries them to the server and reads nothing into them.
+/// Compression settings of one kind of track. The library sends them to the server without interpreting them.
 ///
-/// settingsBlob may be read and written by several threads at once; the scalars are plain.
+/// settingsBlob is thread-safe; the scalars are not.
 class KRV_EXPORT EncodingParameters : public Archivable {
 public:
-    /// Codec 0 and quality 0: the server's defaults.
+    /// Creates settings with codec 0 and quality 0, the server's defaults.
     [[nodiscard]] static std::shared_ptr<EncodingParameters>
     encodingParametersWithData(std::shared_ptr<const Data> settingsBlob);
 
@@ -27,15 +27,15 @@ public:
     EncodingParameters(const EncodingParameters&) = delete;
     EncodingParameters& operator=(const EncodingParameters&) = delete;
 
-    /// Four-character code of the compression format, its first character in the highest byte; 0 for the default.
+    /// Four-character code of the codec, with its first character in the highest byte; 0 for the default.
     [[nodiscard]] std::uint32_t codec() const noexcept { return codec_; }
     void setCodec(std::uint32_t codec) noexcept { codec_ = codec; }
 
-    /// 0 for the encoder's default, else above 0 and at most 1.
+    /// Above 0 and at most 1; 0 for the encoder's default.
     [[nodiscard]] float quality() const noexcept { return quality_; }
     void setQuality(float quality) noexcept { quality_ = quality; }
 
-    /// Further settings, opaque here; may be null.
+    /// Further settings, opaque to the library; may be null.
     [[nodiscard]] std::shared_ptr<const Data> settingsBlob() const;
     void setSettingsBlob(std::shared_ptr<const Data> settingsBlob);
 
@@ -57,7 +57,7 @@ public:
     using EncodingParameters::EncodingParameters;
     explicit VideoEncodingParameters(KeyedUnarchiver& coder);
 
-    /// Frames per second; 0 keeps the source's own timing.
+    /// Frames per second; 0 keeps the timing of the source.
     [[nodiscard]] float fps() const noexcept { return fps_; }
     void setFps(float fps) noexcept { fps_ = fps; }
 
@@ -69,7 +69,7 @@ private:
     float fps_ = 0.0F;
 };
 
-/// Settings of an audio track: a type of its own without fields of its own.
+/// Settings of an audio track, without further fields.
 class KRV_EXPORT AudioEncodingParameters final : public EncodingParameters {
 public:
     [[nodiscard]] static std::shared_ptr<AudioEncodingParameters>

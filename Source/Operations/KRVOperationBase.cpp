@@ -317,7 +317,7 @@ std::string KRVOperationBase::description() const {
                        operationStateDescription());
 }
 
-// Folding a reply into a request.
+// Updating a request from a reply.
 
 void KRVOperationBase::copyFrom(const std::shared_ptr<const KRVOperationBase>& other) {
     setError(other ? other->error() : nullptr);

@@ -1,4 +1,4 @@
-// The record's archive form: fourteen keyed values in a fixed order. Both ends use these keys and class names.
+// The record's archive form: fourteen keyed values in a fixed order. Client and server use these keys and class names.
 #include <array>
 
 #include <KRVQTProcessClient/Foundation/Exception.h>
@@ -29,7 +29,7 @@ std::shared_ptr<Archivable> decoded(KeyedUnarchiver& coder) {
     return std::make_shared<T>(coder);
 }
 
-/// The classes that an archive may name, besides the standard ones.
+/// The classes that an archive may contain besides the standard ones.
 constexpr std::array<ArchivableClass, 3> kClasses{{
     {"KRVOperationBase", &KRVOperationBase::initWithCoder},
     {"VideoEncodingParameters", &decoded<VideoEncodingParameters>},
@@ -98,7 +98,7 @@ Value KRVOperationBase::valueFromData(const std::shared_ptr<const Data>& data) {
 }
 
 std::shared_ptr<Archivable> KRVOperationBase::archivableFromData(const std::shared_ptr<const Data>& data) {
-    // The object was made for this call and is shared with nobody.
+    // The object was created by this call and is not shared.
     return std::const_pointer_cast<Archivable>(valueFromData(data).object());
 }
 

@@ -27,9 +27,9 @@ KRV_EXPORT extern const std::string_view kArgumentPIDRegInfo;
 KRV_EXPORT extern const std::string_view kArgumentNumOpsNumberOnServer;
 /// Array of strings: their names.
 KRV_EXPORT extern const std::string_view kArgumentNumOpsNames;
-/// Size in pixels that each thumbnail is fitted into; a side of 0 is free.
+/// Size in pixels into which each thumbnail is fitted; a side of 0 is not limited.
 KRV_EXPORT extern const std::string_view kArgumentThumbnailInfoSize;
-/// Integer, 1 to 9999: how many thumbnails to make. Default 12.
+/// Integer, 1 to 9999: the number of thumbnails. Default 12.
 KRV_EXPORT extern const std::string_view kArgumentThumbnailCount;
 /// Dictionary under the kMediaMetadata keys.
 KRV_EXPORT extern const std::string_view kArgumentMovieInfoMetadata;
@@ -58,17 +58,27 @@ KRV_EXPORT extern const std::string_view kResultThumbnailPath;
 /// Float64, seconds from the start of the movie: the time of the frame shown.
 KRV_EXPORT extern const std::string_view kResultThumbnailTime;
 
-// Keys of the movie metadata.
+// Keys of the movie metadata. An entry that does not apply to the movie is missing.
 
+/// String: names of the codecs for people, such as "H.264, AAC".
 KRV_EXPORT extern const std::string_view kMediaMetadataCodec;
+/// Float64: seconds.
 KRV_EXPORT extern const std::string_view kMediaMetadataDuration;
+/// Size: pixels of a frame as it is displayed upright.
 KRV_EXPORT extern const std::string_view kMediaMetadataDimensions;
+/// String: codec, sample rate and channels for people, such as "AAC, 48000 Hz, stereo".
 KRV_EXPORT extern const std::string_view kMediaMetadataAudio;
+/// Integer: bytes of the file.
 KRV_EXPORT extern const std::string_view kMediaMetadataSize;
+/// String: absolute path of the file.
 KRV_EXPORT extern const std::string_view kMediaMetadataPath;
+/// Date: the creation time stored in the movie, else that of the file.
 KRV_EXPORT extern const std::string_view kMediaMetadataCreation;
+/// Date: last modification of the file.
 KRV_EXPORT extern const std::string_view kMediaMetadataModified;
+/// Float64: frames per second.
 KRV_EXPORT extern const std::string_view kMediaMetadataFrameRate;
+/// Data: a JPEG file. It contains the cover art, else an early frame that is not nearly black or uniform.
 KRV_EXPORT extern const std::string_view kMediaMetadataPoster;
 
 }  // namespace krv

@@ -6,15 +6,15 @@ namespace krv {
 
 class KRVOperationBase;
 
-/// The application's observer of one operation's progress.
+/// Observes the progress of one operation. Applications implement it.
 class OperationProgress {
 public:
     virtual ~OperationProgress() = default;
 
-    /// Called on the thread that waits for the operation, about twice a second, until it ends; never for the poll on
-    /// which the end is seen, so 1.0 need not be reported. The operation is the waiting call's request record;
-    /// progress is a fraction from 0.0 to 1.0. Returning false asks for cancellation. What it throws ends the wait
-    /// and reaches the caller unchanged.
+    /// Called about twice a second, on the thread that waits for the operation, until the operation ends. Not called
+    /// for the poll that finds it ended, so 1.0 may never be reported. operation is the waiting call's request record,
+    /// progress a fraction from 0.0 to 1.0. To cancel the operation, return false. An exception ends the wait and
+    /// propagates to the caller unchanged.
     [[nodiscard]] virtual bool operation(const std::shared_ptr<KRVOperationBase>& operation, float progress) = 0;
 };
 

@@ -9,11 +9,11 @@
 
 namespace krv {
 
-/// Which of the main arguments a record's state description shows.
+/// The main arguments that a record's state description contains.
 enum class StateSummary : std::uint8_t { None, ClientPID, Encoding, File, Merge };
 
-// The one table of operation types: value, enumerator, selector of the factory, name for people, and what the state
-// description shows. Everything that depends on a type is looked up here.
+// The table of operation types: value, enumerator, selector of the factory, name for people, and contents of the state
+// description. There is no other.
 // clang-format off
 #define KRV_OPERATION_TYPES(ROW)                                                                                                          \
     ROW(1, OpNumberOfOperations, "numberOfOperationsOperation", "Number of operations queued", None)                                       \
@@ -50,9 +50,9 @@ struct OperationTypeInfo {
     StateSummary summary;
 };
 
-/// All types, in the order of the table.
+/// Returns all types, in the order of the table.
 [[nodiscard]] KRV_EXPORT std::span<const OperationTypeInfo> operationTypes() noexcept;
-/// The row of a type, or nullptr for a value that is no type.
+/// Returns the row of a type, or nullptr if the value is not a type.
 [[nodiscard]] KRV_EXPORT const OperationTypeInfo* operationTypeInfo(std::int32_t type) noexcept;
 
 }  // namespace krv

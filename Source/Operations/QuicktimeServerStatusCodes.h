@@ -4,7 +4,7 @@
 
 #include <KRVQTProcessClient/Foundation/Export.h>
 
-/// The server's status vocabulary. Kept together for both ends; the client library reads none of it.
+/// Names of the server's states. Exported for applications; the client library does not use them.
 namespace krv {
 
 KRV_EXPORT extern const std::string_view kOperationSend;

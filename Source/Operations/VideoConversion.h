@@ -8,7 +8,7 @@
 
 namespace krv {
 
-/// The encoding types of a conversion, as client, server and krvqt number and name them.
+/// The encoding types of a conversion: their numbers and names in client, server and krvqt.
 class KRV_EXPORT VideoConversion {
 public:
     enum Type : std::int32_t {
@@ -26,14 +26,14 @@ public:
         Type type;
         /// For people, such as "H.264".
         std::string_view name;
-        /// One sentence on what comes out.
+        /// A short description of the output.
         std::string_view meaning;
     };
 
-    /// All types in ascending order.
+    /// Returns all types in ascending order.
     [[nodiscard]] static const std::array<TypeInfo, 8>& types() noexcept;
 
-    /// The display name, or "Unknown" for a number that is no type.
+    /// Returns the name for people, or "Unknown" if the number is not a type.
     [[nodiscard]] static std::string_view nameForType(std::int32_t type) noexcept;
 };
 

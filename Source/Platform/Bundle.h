@@ -9,35 +9,35 @@
 
 namespace krv {
 
-/// A directory that holds a program or a library together with what it needs. Immutable; any thread.
+/// A directory that holds a program or a library together with its resources. Immutable, thread-safe.
 class KRV_EXPORT Bundle {
 public:
-    /// The application's bundle: the enclosing X.app when the executable stands in X.app/Contents/MacOS/, else the
-    /// directory of the executable. Lives as long as the process.
+    /// Returns the application's bundle: the enclosing X.app if the executable is in X.app/Contents/MacOS/, else the
+    /// directory of the executable. Never destroyed.
     [[nodiscard]] static const Bundle& main();
 
-    /// The bundle of the library (or program) in which a function or an object of this process lies: the directory of
-    /// its file, then the directory "krvqtprocessclient" in there. Empty for an address that lies in none.
+    /// Returns the bundle of the library (or program) that contains a function or an object of this process: the
+    /// directory of its file, then the directory "krvqtprocessclient" in it. Empty if no file contains the address.
     [[nodiscard]] static std::optional<Bundle> containing(const void* address);
 
-    /// A bundle over directories that are searched in order; the first one is the bundle's path. At least one.
+    /// Creates a bundle of directories, at least one, that are searched in order. The first is the bundle's path.
     explicit Bundle(std::vector<std::string> directories);
 
     [[nodiscard]] const std::string& path() const { return directories_.front(); }
 
-    /// The path of the file or directory "name.type" ("name" for an empty type) in Contents/Resources/, in Resources/
-    /// or in the bundle's directory itself.
+    /// Returns the path of the file or directory "name.type" ("name" if type is empty) in Contents/Resources/, in
+    /// Resources/ or in the bundle's directory itself.
     [[nodiscard]] std::optional<std::string> pathForResource(std::string_view name, std::string_view type) const;
 
-    /// The path of a file or directory in Contents/MacOS/ or in the bundle's directory itself.
+    /// Returns the path of a file or directory in Contents/MacOS/ or in the bundle's directory itself.
     [[nodiscard]] std::optional<std::string> pathForAuxiliaryExecutable(std::string_view name) const;
 
-    /// The identifier, such as "org.example.Editor": CFBundleIdentifier of Contents/Info.plist (as XML). The main
-    /// bundle goes on to the id of the process's default GApplication and to what setApplicationIdentifier was given.
-    /// Absent when there is none.
+    /// Returns the identifier, such as "org.example.Editor": CFBundleIdentifier of Contents/Info.plist (as XML). For
+    /// the main bundle the id of the default GApplication and the one given to setApplicationIdentifier come next.
+    /// Empty if there is none.
     [[nodiscard]] std::optional<std::string> bundleIdentifier() const;
 
-    /// Names the application for a main bundle that has no other identifier; empty takes the name back.
+    /// Sets the identifier of a main bundle that has no other; an empty one removes it.
     static void setApplicationIdentifier(std::string identifier);
 
 private:

@@ -11,22 +11,22 @@
 
 namespace krv {
 
-/// Which named classes are loaded in this process, and the bundles that they came in.
+/// The named classes that are loaded in this process, each with its bundle.
 ///
-/// A plug-in or framework that carries resources for others (a media server of its own, say) makes itself findable by
-/// registering one of its classes under a name that both sides know. Thread-safe.
+/// A plug-in or framework that contains resources for others, such as a media server, registers one of its classes
+/// under a name that both sides know. Thread-safe.
 class KRV_EXPORT ClassRegistry {
 public:
     ClassRegistry();
     ~ClassRegistry();
-    /// The process's registry. Lives as long as the process.
+    /// Returns the process's registry. Never destroyed.
     [[nodiscard]] static ClassRegistry& shared();
 
-    /// Makes a class known, with the bundle that holds it. A name that is known already gets the new bundle.
+    /// Registers a class with the bundle that contains it. Replaces the bundle of a name that is already registered.
     void registerClass(std::string_view name, Bundle bundle);
-    /// For when what held the class is unloaded. Harmless for a name that is not known.
+    /// Removes a class whose bundle is unloaded. Does nothing for an unknown name.
     void unregisterClass(std::string_view name);
-    /// The bundle of a loaded class; absent when no class of that name is loaded.
+    /// Returns the bundle of a loaded class, or nothing if no class of that name is loaded.
     [[nodiscard]] std::optional<Bundle> bundleForClass(std::string_view name) const;
 
 private:

@@ -6,9 +6,9 @@
 
 namespace krv {
 
-/// Steady time and sleeping, so that tests can put their own time in place of the machine's.
+/// Steady time and sleeping. Tests substitute a clock of their own.
 ///
-/// Wall-clock changes never show here, and time that the machine spends suspended does not count.
+/// Changes of the wall clock have no effect, and time during which the machine is suspended does not count.
 class KRV_EXPORT Clock {
 public:
     using Duration = std::chrono::steady_clock::duration;
@@ -16,22 +16,22 @@ public:
 
     virtual ~Clock();
     [[nodiscard]] virtual TimePoint now() const = 0;
-    /// Blocks the calling thread; its run loop does not turn.
+    /// Blocks the calling thread, without running its run loop.
     virtual void sleepFor(Duration duration) = 0;
 
-    /// The machine's clock; lives as long as the process. Any thread.
+    /// Returns the machine's clock. Never destroyed. Thread-safe.
     [[nodiscard]] static Clock& steady();
 };
 
-/// A number of seconds as the clock counts them. Negative and not-a-number give zero, and what is too large
-/// gives the longest duration.
+/// Converts seconds to a duration. A negative number or NaN gives zero, a number that is too large the longest
+/// duration.
 [[nodiscard]] KRV_EXPORT Clock::Duration durationFromSeconds(double seconds) noexcept;
 [[nodiscard]] inline double secondsFromDuration(Clock::Duration d) noexcept {
     return std::chrono::duration<double>(d).count();
 }
 
-/// A time that far after another one; the latest time there is when the sum is out of range. The duration
-/// must not be negative.
+/// Returns time plus duration, or the latest possible time if the sum is out of range. The duration must not be
+/// negative.
 [[nodiscard]] constexpr Clock::TimePoint timePointAfter(Clock::TimePoint time, Clock::Duration duration) noexcept {
     return time > Clock::TimePoint::max() - duration ? Clock::TimePoint::max() : time + duration;
 }

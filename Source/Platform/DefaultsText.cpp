@@ -16,7 +16,7 @@ bool isSpace(char c) noexcept {
     return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-/// "-name", and neither "--option" nor "-5".
+/// Returns whether the argument is "-name", not "--option" or "-5".
 bool isKey(std::string_view argument) noexcept {
     return argument.size() > 1 && argument[0] == '-' && argument[1] != '-' && !isDigit(argument[1]);
 }

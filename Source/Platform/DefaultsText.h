@@ -8,11 +8,11 @@
 
 namespace krv {
 
-/// The settings among a program's arguments, its name not included (see UserDefaults).
+/// Returns the settings among a program's arguments, which exclude the program's name (see UserDefaults).
 [[nodiscard]] std::map<std::string, std::string, std::less<>>
 settingsFromArguments(std::span<const std::string> arguments);
 
-/// The integer that a setting's text stands for (see UserDefaults::integerForKey).
+/// Returns the integer value of a setting's text (see UserDefaults::integerForKey).
 [[nodiscard]] std::int64_t integerFromSetting(std::string_view text) noexcept;
 
 }  // namespace krv

@@ -11,37 +11,37 @@ namespace krv {
 
 /// One synchronous request to a server on this machine.
 struct HTTPRequest {
-    /// "http://localhost:PORT[/path]". Nothing else than http to the loopback addresses is sent.
+    /// "http://localhost:PORT[/path]". Any URL other than http to a loopback address is refused.
     std::string url;
-    /// Absent: GET. Present, also when empty: POST with this body. No content type is given.
+    /// Absent: GET. Present, even if empty: POST with this body, without a content type.
     std::optional<Data> body;
-    /// For the whole exchange, from the look-up to the last byte.
+    /// Limit for the whole exchange, from the look-up to the last byte.
     Clock::Duration timeout;
 };
 
 struct HTTPResponse {
-    /// Present as soon as a response head has come, whatever its status; holds the bytes that came.
+    /// The bytes that were received. Present if response headers were received, with any status.
     std::optional<Data> body;
-    /// The status of the response head, 0 when none came.
+    /// The HTTP status, 0 if no response headers were received.
     int status = 0;
-    /// Why the exchange did not end as it should, as a sentence for people; absent when it did. May stand
-    /// beside a body that was cut short.
+    /// Why the exchange failed, as a sentence for people; absent on success. Both this and body are present if the
+    /// body was cut short.
     std::optional<std::string> error;
 };
 
-/// Sends requests over loopback connections that stay open between calls, one set for each calling thread.
+/// Sends requests over loopback connections, which stay open between calls, one set per calling thread.
 ///
-/// No proxy, no redirect, no cookie, no cache, no signal; ports outside 1 to 65535 fail as a connection
-/// error. After connecting and before anything is sent, the peer's socket must belong to this process's user;
-/// otherwise the request fails as a connection error. Response bodies over 64 MiB are refused with an error.
+/// Uses no proxies, redirects, cookies, caches or signals. A port outside 1 to 65535 is a connection error. After
+/// connecting and before sending, checks that the peer's socket belongs to this process's user, else fails with a
+/// connection error. Refuses response bodies over 64 MiB with an error.
 ///
-/// Thread-safe; a call blocks its thread until it is done or the time-out has passed. Raises nothing.
+/// Blocks the calling thread until the exchange ends or times out. Does not throw. Thread-safe.
 class KRV_EXPORT HTTPClient {
 public:
     virtual ~HTTPClient();
     [[nodiscard]] virtual HTTPResponse send(const HTTPRequest& request) = 0;
 
-    /// The process's client. Lives as long as the process.
+    /// Returns the process's client. Never destroyed.
     [[nodiscard]] static HTTPClient& shared();
 };
 

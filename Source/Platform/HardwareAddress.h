@@ -10,25 +10,25 @@
 
 namespace krv {
 
-/// What a look-up in the kernel's interface list can end in.
+/// The result of a look-up in the kernel's list of interfaces.
 struct HardwareAddressLookup {
     enum class Failure : std::uint8_t {
         None,
-        /// The kernel cannot be asked at all.
+        /// The query cannot be made at all.
         NoQuery,
         /// The list of interfaces cannot be read.
         NoList,
-        /// The interface is there, but its address cannot be read.
+        /// The interface exists, but its address cannot be read.
         NoEntry
     };
-    /// The address bytes; absent when the interface does not exist, has none, or could not be asked for.
+    /// The address bytes; absent if the interface does not exist or has no address, or if the query failed.
     std::optional<std::vector<std::byte>> address;
     Failure failure = Failure::None;
-    /// errno of the call that failed; 0 when none did.
+    /// errno of the call that failed, else 0.
     int code = 0;
 };
 
-/// The hardware address of a network interface, such as "en0". Any thread.
+/// Looks up the hardware address of a network interface, such as "en0". Thread-safe.
 [[nodiscard]] KRV_EXPORT HardwareAddressLookup hardwareAddressOfInterface(std::string_view name);
 
 }  // namespace krv

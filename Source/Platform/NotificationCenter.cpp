@@ -21,7 +21,7 @@ NotificationCenter::Token NotificationCenter::addObserver(std::string_view name,
 }
 
 void NotificationCenter::removeObserver(Token token) {
-    Entry removed;  // what an observer holds may come back here while it is destroyed
+    Entry removed;  // destroyed after the lock, because an observer's destructor may call this object
     const LockGuard lock(mutex_);
     const auto it = std::find_if(entries_.begin(), entries_.end(), [&](const Entry& e) { return e.id == token.id_; });
     if (it != entries_.end()) {

@@ -13,26 +13,25 @@
 
 namespace krv {
 
-/// What an observer is told: the notification's name and the object it is about.
+/// What an observer receives: the notification's name and its object.
 struct Notification {
     std::string name;
-    /// A plain value, such as a port number. Null when the object is not a value.
+    /// A plain value, such as a port number; null if the object is not a value.
     Value value;
-    /// The object when it is one of the library's own (compare by address). Empty otherwise.
+    /// The object if it is one of the library's own, to be compared by address; else empty.
     std::shared_ptr<const void> object;
 };
 
 /// Delivers named notifications to observers, synchronously, on the thread that posts.
 ///
-/// Thread-safe. Observers are called without a lock held, in the order in which they were added, from a list
-/// taken when the post began: an observer may add, remove and post. One that is removed while a post is under
-/// way and has not been called yet is not called any more. What an observer throws ends the post and passes
-/// to the poster.
+/// Observers are called in the order in which they were added, without a lock held, from a copy of the list. So an
+/// observer may add and remove observers and post. One that is removed during a post, before its call, is not called.
+/// If an observer throws, delivery stops and the exception propagates out of post(). Thread-safe.
 class KRV_EXPORT NotificationCenter {
 public:
     using Observer = std::function<void(const Notification&)>;
 
-    /// Names one observation; copyable, and harmless to remove twice.
+    /// Identifies one observation. Copyable; may be removed more than once.
     class Token {
     public:
         Token() = default;
@@ -47,14 +46,14 @@ public:
     NotificationCenter();
     ~NotificationCenter();
 
-    /// The process's centre. Lives as long as the process.
+    /// Returns the process's notification centre. Never destroyed.
     [[nodiscard]] static NotificationCenter& defaultCenter();
 
     /// Observes a name until the token is removed.
     [[nodiscard]] Token addObserver(std::string_view name, Observer observer);
-    /// After this returns no new delivery starts; one that another thread has begun may still run.
+    /// Stops deliveries to the observer. A call that another thread has already started may still be running.
     void removeObserver(Token token);
-    /// An empty observer is never called.
+    /// Calls the observers of the notification's name, except empty ones.
     void post(const Notification& notification) const;
 
 private:

@@ -4,8 +4,8 @@
 
 namespace krv {
 
-/// Whether the other end of a connected loopback socket is held by a process of this process's user, as the kernel's
-/// socket diagnostics tell. False when the kernel cannot be asked. Any thread.
+/// Returns whether the peer of a connected loopback socket runs as our user, according to the kernel (sock_diag). False
+/// if the query fails. Thread-safe.
 [[nodiscard]] KRV_EXPORT bool peerBelongsToThisUser(int socket);
 
 }  // namespace krv

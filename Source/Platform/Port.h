@@ -4,7 +4,7 @@
 
 namespace krv {
 
-/// The highest number that a TCP port can have.
+/// The highest TCP port number.
 inline constexpr std::int32_t kHighestPort = 65535;
 
 }  // namespace krv

@@ -7,16 +7,16 @@
 
 namespace krv {
 
-/// Posted shortly before the machine goes to sleep, and after it has woken up.
+/// Notifications: the machine is about to sleep, and has woken.
 KRV_EXPORT extern const std::string_view kWorkspaceWillSleepNotification;
 KRV_EXPORT extern const std::string_view kWorkspaceDidWakeNotification;
 
-/// The machine's sleep and wake, as the login manager announces them.
+/// The machine's sleep and wake, as reported by the login manager.
 class KRV_EXPORT PowerEvents {
 public:
-    /// The centre on which the two notifications are posted, without an object, on the main thread: the main run loop
-    /// has to turn for them to arrive. The first call begins to listen. Where there is no system bus or no login
-    /// manager nothing is ever posted, and one info line says so. Any thread; lives as long as the process.
+    /// Returns the centre that posts the two notifications, without an object, on the main thread. The main run loop
+    /// must run for them to be delivered. The first call starts to listen. Without a system bus or a login manager,
+    /// nothing is ever posted and one info line is logged. Never destroyed. Thread-safe.
     [[nodiscard]] static NotificationCenter& notificationCenter();
 };
 

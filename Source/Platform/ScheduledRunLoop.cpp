@@ -16,7 +16,7 @@ RunLoop::Timer::~Timer() = default;
 struct ScheduledRunLoop::Call {
     Clock::TimePoint due;
     Callback callback;
-    std::shared_ptr<RepeatingTimer> timer;  // empty for what is called once
+    std::shared_ptr<RepeatingTimer> timer;  // empty for a single call
     std::shared_ptr<const void> target;     // empty unless delayed
     Selector operation{""};
 };
@@ -36,8 +36,8 @@ struct ScheduledRunLoop::Pending {
         const auto due = call.due;
         calls.emplace(Key(due, ++lastSequence), std::move(call));
     }
-    /// Moves out what matches. The caller lets it go after unlocking: what a call-back or a target holds may
-    /// ask the loop for something while it is destroyed.
+    /// Moves the matching calls out. The caller destroys them after unlocking, because the destructor of a callback or
+    /// a target may call the loop.
     template <typename Predicate>
     std::vector<Call> extract(Predicate matches) KRV_REQUIRES(mutex) {
         std::vector<Call> removed;
@@ -73,18 +73,17 @@ public:
         return callback_ != nullptr && !pending_->closed;
     }
 
-    /// The call-back, empty when the timer has been invalidated. Kept by the caller while it runs: it may
-    /// invalidate its own timer.
+    /// Returns the callback, or null if the timer is invalid. The caller keeps the reference during the call, because
+    /// the callback may invalidate its own timer.
     [[nodiscard]] std::shared_ptr<const Callback> callback() const {
         const LockGuard lock(pending_->mutex);
         return callback_;
     }
 
-    /// With the pending calls locked.
+    /// The caller must have locked the pending calls.
     [[nodiscard]] bool hasCallback() const { return callback_ != nullptr; }
 
-    /// The first time after `time` on the grid of intervals that began with `due`. Fires that a busy thread
-    /// has missed are left out.
+    /// Returns the first time after `time` on the grid of intervals that starts at `due`, which skips missed calls.
     [[nodiscard]] Clock::TimePoint nextDue(Clock::TimePoint due, Clock::TimePoint time) const {
         const auto missed = time > due ? (time - due) / interval_ : 0;
         return timePointAfter(due + missed * interval_, interval_);
@@ -175,8 +174,8 @@ void ScheduledRunLoop::makeCall(Call& call) {
         }
         return;
     }
-    // The timer goes back only after its call-back, so that a loop turned inside the call-back does not enter
-    // it again; and it goes back also when the call-back throws.
+    // The timer is rescheduled only after its callback, so that a nested run of the loop does not call it again. It is
+    // rescheduled even if the callback throws.
     struct PutBack {
         ScheduledRunLoop& loop;
         Call& call;

@@ -7,13 +7,11 @@
 
 namespace krv {
 
-/// The part of a run loop that is the same whoever turns it: which calls are pending and in which order they
-/// run.
+/// The part that all run loops share: the pending calls and their order.
 ///
-/// Calls run in the order of their times, and those of the same time in the order in which they were asked
-/// for. A call from another thread counts as due from the moment it was asked for, so a stream of such calls
-/// cannot hold up the timers. Not for applications: the machine's loop and the fake one derive from it, so
-/// that both behave alike.
+/// Calls run in the order of their times, and those of the same time in the order of the requests. A call from another
+/// thread is due at the time of its request, so a stream of such calls cannot delay the timers. Internal to the
+/// library: the real loop and the fake derive from it, so that both behave alike.
 class ScheduledRunLoop : public RunLoop {
 public:
     ~ScheduledRunLoop() override;
@@ -26,23 +24,23 @@ public:
 protected:
     ScheduledRunLoop();
 
-    /// The loop's time. Any thread.
+    /// Returns the loop's time. Thread-safe.
     [[nodiscard]] virtual Clock::TimePoint now() const = 0;
-    /// The earliest pending call may have changed; absent when none is pending. Called on any thread with the
-    /// pending calls locked: it must not ask anything of this object.
+    /// Called when the earliest pending call may have changed; due is absent if none is pending. Called on any thread
+    /// with the pending calls locked, so it must not call this object.
     virtual void nextCallChanged(std::optional<Clock::TimePoint> due) = 0;
 
-    /// Makes the calls that are due now, on the calling thread, and leaves those that they ask for to the
-    /// next turn. An exception ends the turn and passes through; the calls that were to follow stay pending.
+    /// Makes the calls that are due now, on the calling thread. Calls that they request wait for the next iteration.
+    /// If a callback throws, the exception propagates and the remaining calls stay pending.
     void makeDueCalls();
-    /// When the earliest pending call is due.
+    /// Returns the time of the earliest pending call.
     [[nodiscard]] std::optional<Clock::TimePoint> nextCall() const;
-    /// How many calls are pending; a repeating timer counts as one.
+    /// Returns the number of pending calls; a repeating timer counts as one.
     [[nodiscard]] std::size_t pendingCount() const;
-    /// How many delayed calls of that target and operation are pending.
+    /// Returns the number of pending delayed calls of that target and operation.
     [[nodiscard]] std::size_t pendingCount(const void* target, Selector operation) const;
-    /// Forgets what is pending and ignores what is asked for from now on; timers become invalid. A derived
-    /// class calls it before anything that nextCallChanged needs goes away.
+    /// Drops the pending calls, invalidates the timers and ignores later requests. A derived class calls it before it
+    /// destroys anything that nextCallChanged needs.
     void close();
 
 private:
@@ -53,7 +51,7 @@ private:
     void add(Call call);
     void makeCall(Call& call);
 
-    const std::shared_ptr<Pending> pending_;  // outlives the loop for as long as somebody holds a timer
+    const std::shared_ptr<Pending> pending_;  // timers share it and may outlive the loop
 };
 
 }  // namespace krv

@@ -11,35 +11,37 @@
 
 namespace krv {
 
-/// A program that was started and then left alone: it outlives the process that started it and never becomes a child
-/// of it, so the application sees no SIGCHLD of ours, its own wait() calls meet no stranger, and a program that ends
-/// is reaped by the system, not by us.
+/// A program that was launched and left alone. It outlives the process that launched it and never becomes its child. So
+/// the application gets no SIGCHLD from it, its own wait() calls never see it, and the system reaps it.
 ///
-/// What follows from that: how it ended is not known, only that it has. A program that says why it fails says so on
-/// its standard error, which can be a file.
+/// Therefore its exit status is unknown, only that it has exited. A program can report why it failed on its standard
+/// error, which can be a file.
 class KRV_EXPORT Task {
 public:
     struct Launch {
         /// Path of the program file.
         std::string executable;
-        /// What follows the path in the program's argument list.
+        /// The program's arguments, without its name.
         std::vector<std::string> arguments;
-        /// Standard error is appended to this file when one is named and can be opened, else thrown away.
+        /// File to which standard error is appended. If it is empty or cannot be opened, standard error is discarded.
         std::string standardErrorFile;
     };
 
     virtual ~Task();
 
-    /// Starts the program: a session of its own, the root directory, this process's environment, standard streams on
-    /// /dev/null (but see above), no other descriptor, no blocked signal and every disposition the default one.
+    /// Launches the program in a new session, in the root directory, with this process's environment. Its standard
+    /// streams are /dev/null (see above), no other descriptor is open, no signal is blocked, and every signal has its
+    /// default disposition.
     ///
-    /// Blocks until the kernel has accepted or refused the program file, a few milliseconds. Raises Exception
-    /// "NSInvalidArgumentException" with the cause when it cannot be executed (missing, no permission, wrong
-    /// architecture...), and kTaskLaunchException when the process table or memory is exhausted. Any thread.
+    /// Blocks until the kernel has accepted or refused the program file. The time depends on the memory of this
+    /// process, which is forked: a few milliseconds for a small application, about 150 ms for one that uses 1 GiB.
+    /// Throws Exception "NSInvalidArgumentException" with the cause if the file cannot be executed (missing, no
+    /// permission, wrong architecture...), and kTaskLaunchException if the process table or memory is exhausted.
+    /// Thread-safe.
     [[nodiscard]] static std::shared_ptr<Task> launch(const Launch& what);
 
     [[nodiscard]] virtual pid_t processIdentifier() const = 0;
-    /// Whether it has not ended yet. Any thread.
+    /// Returns whether the program has not exited yet. Thread-safe.
     [[nodiscard]] virtual bool isRunning() const = 0;
 };
 

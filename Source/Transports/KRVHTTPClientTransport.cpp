@@ -87,7 +87,7 @@ std::shared_ptr<const Data> KRVHTTPClientTransport::makeHTTPCallAndReturnData(co
     if (response.error) {
         unreachable(fmt::format("Unable to talk to server, error: {}", *response.error));
     }
-    // The bytes, not the record: the decoding above serves the check and the log, and the caller decodes for itself.
+    // Returns the bytes, not the record. The record was decoded for the check and the log only; the caller decodes too.
     return body;
 }
 

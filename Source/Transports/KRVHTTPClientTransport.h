@@ -9,29 +9,31 @@
 
 namespace krv {
 
-/// Posts archived operations to the loopback HTTP server whose port the discovery knows.
+/// Posts archived operations to the media server on the loopback port that discovery provides.
 ///
-/// Every failure to talk to the server raises Exception kHTTPServerNSURLConnectionError, the reply that says "cannot
-/// take work now" (error domain "KRVQuicktimeProcess", code 1) included. Nothing is kept between calls.
+/// Every failure to reach the server throws Exception kHTTPServerNSURLConnectionError. That includes the reply "cannot
+/// accept work" (OperationErrorCode::CannotAcceptWork). Keeps no state between calls.
 class KRV_EXPORT KRVHTTPClientTransport final : public KRVTransport {
 public:
-    /// discovery: where to ask for the port, usually HTTPServerDiscovery::defaultInstance(); must not be empty.
-    /// client: what sends the requests; must live as long as the transport.
+    /// discovery: provides the port, usually HTTPServerDiscovery::defaultInstance(); must not be null.
+    /// client: sends the requests; must outlive the transport.
     explicit KRVHTTPClientTransport(std::shared_ptr<ServicePort> discovery, HTTPClient& client = HTTPClient::shared());
     ~KRVHTTPClientTransport() override;
 
-    /// Asks the server's status page, within a second. True when any reply came, whatever its status. Raises nothing.
+    /// Requests the server's status page, with a time-out of one second. Returns true for a response of any status.
+    /// Does not throw.
     [[nodiscard]] bool canWeGetStatusFromServer();
 
-    /// canWeGetStatusFromServer, but without asking when no port is known.
+    /// Returns canWeGetStatusFromServer(), or false without a request if the port is not known.
     [[nodiscard]] bool serviceReadyToRock() override;
 
-    /// Posts the operation, within a minute, and returns the bytes of the reply even when they are no operation.
+    /// Posts the operation, with a time-out of one minute, and returns the bytes of the reply, even if they are not an
+    /// operation.
     std::shared_ptr<const Data> makeHTTPCallAndReturnData(const KRVOperationBase::Ref& operation);
-    /// The same.
+    /// The same as makeHTTPCallAndReturnData.
     std::shared_ptr<const Data> sendOperation(const KRVOperationBase::Ref& operation) override;
 
-    /// Whether the exception has the name that this transport gives to all of its own.
+    /// Returns whether the exception's name is kHTTPServerNSURLConnectionError.
     [[nodiscard]] bool isThisACommunicationsFailure(const Exception& exception) const override;
 
     [[nodiscard]] std::string description() const override;

@@ -11,28 +11,33 @@
 
 namespace krv {
 
+// Names of the transport's two ends and of its ping, "8081", "8082" and "kKRVQuicktimeProcessPing". Exported for
+// applications that compare them; neither the library nor the media server uses them.
+
+/// The client's end.
 KRV_EXPORT extern const std::string_view kClientTransport;
+/// The server's end.
 KRV_EXPORT extern const std::string_view kServerTransport;
+/// The ping.
 KRV_EXPORT extern const std::string_view kKRVQTProcessPing;
 
-/// Name of the exception for a server that cannot be talked to.
+/// Name of the exception for a server that cannot be reached.
 KRV_EXPORT extern const std::string_view kHTTPServerNSURLConnectionError;
 
-/// Carries one operation record to the server and its reply back. All calls are synchronous, block the calling
-/// thread, and may be made from any thread.
+/// Sends an operation record to the server and receives the reply. All calls block the calling thread. Thread-safe.
 class KRV_EXPORT KRVTransport {
 public:
     virtual ~KRVTransport();
 
-    /// Sends one operation and returns the reply as raw bytes, undecoded; may return null when the transport can
-    /// succeed without a reply. Raises when the server could not be reached or the record cannot be sent.
+    /// Sends one operation and returns the reply as raw bytes. May return null if the transport can succeed without a
+    /// reply. Throws an Exception if the server cannot be reached or the record cannot be sent.
     virtual std::shared_ptr<const Data> sendOperation(const KRVOperationBase::Ref& operation) = 0;
 
-    /// Whether the exception, raised by this transport, means that the server could not be reached, as opposed to the
-    /// server having refused the work.
+    /// Returns whether an exception of this transport means that the server could not be reached, and not that it
+    /// refused the work.
     [[nodiscard]] virtual bool isThisACommunicationsFailure(const Exception& exception) const = 0;
 
-    /// Whether a server is known and answers right now. Asks it, and so takes up to about a second.
+    /// Returns whether a server is known and responds. Sends it a request, so this can take about a second.
     [[nodiscard]] virtual bool serviceReadyToRock() = 0;
 
     /// For log lines.

@@ -44,7 +44,7 @@ TEST_F(Lifecycle, WithoutMonitoringTheServerIsNeverContacted) {
     EXPECT_TRUE(sent().empty());
 }
 
-TEST_F(Lifecycle, WithMonitoringARunnerIsMadeInOrder) {
+TEST_F(Lifecycle, MonitoringCreatesARunner) {
     LogRecorder log;
     const auto made = monitoring();
     EXPECT_THAT(log.texts(), ElementsAre("Process monitor started",
@@ -55,7 +55,7 @@ TEST_F(Lifecycle, WithMonitoringARunnerIsMadeInOrder) {
     made->cleanUp();
 }
 
-TEST_F(Lifecycle, ItsRunnerKeepsAMonitoringClientAliveUntilCleanUp) {
+TEST_F(Lifecycle, MonitoringClientIsKeptByItsRunnerUntilCleanUp) {
     auto made = monitoring();
     std::weak_ptr<ServerRunner> theRunner = made->serverRunner();
     thread = nullptr;  // which has ended, as far as this test goes
@@ -67,7 +67,7 @@ TEST_F(Lifecycle, ItsRunnerKeepsAMonitoringClientAliveUntilCleanUp) {
     EXPECT_TRUE(theRunner.expired());
 }
 
-TEST_F(Lifecycle, CleanUpEndsEverythingOnce) {
+TEST_F(Lifecycle, CleanUpStopsEverythingOnce) {
     const auto made = monitoring();
     const auto theRunner = made->serverRunner();
     LogRecorder log;
@@ -81,7 +81,7 @@ TEST_F(Lifecycle, CleanUpEndsEverythingOnce) {
     EXPECT_EQ(made->transport(), transport);
 }
 
-TEST_F(Lifecycle, CallsAfterCleanUpGoNowhere) {
+TEST_F(Lifecycle, CallsAfterCleanUpGetNoReply) {
     const auto made = KRVQuicktimeProcessClient::initWithTransport(transport, false);
     made->cleanUp();
     EXPECT_FALSE(made->amIRegistered());
@@ -89,19 +89,19 @@ TEST_F(Lifecycle, CallsAfterCleanUpGoNowhere) {
     EXPECT_TRUE(sent().empty());
 }
 
-TEST_F(Lifecycle, InitFailsLoudly) {
+TEST_F(Lifecycle, InitAlwaysThrows) {
     EXPECT_THAT(raisedBy([] { (void)KRVQuicktimeProcessClient::init(); }),
                 testing::AllOf(testing::StartsWith("NSInvalidArgumentException: "), testing::HasSubstr("init")));
 }
 
-TEST_F(Lifecycle, TheSharedClientIsFirstMadeOnTheMainThread) {
+TEST_F(Lifecycle, FirstUseOfTheSharedClientMustBeOnTheMainThread) {
     std::string raised;
     std::thread([&] { raised = raisedBy([] { (void)KRVQuicktimeProcessClient::defaultClient(); }); }).join();
     EXPECT_EQ(raised, "NotMainThread: Please start this object on the main thread first");
     EXPECT_EQ(__default_krv_quicktime_process_client, nullptr);
 }
 
-TEST_F(Lifecycle, AClientOverATransportBecomesTheSharedOneBareOnAnyThread) {
+TEST_F(Lifecycle, ClientWithTransportBecomesTheSharedClientWithoutProxyOnAnyThread) {
     std::shared_ptr<KRVQuicktimeProcessClient> bare;
     std::thread([&] { bare = KRVQuicktimeProcessClient::clientWithTransport(transport, false); }).join();
     EXPECT_EQ(__default_krv_quicktime_process_client, bare);
@@ -119,14 +119,14 @@ TEST_F(Lifecycle, AnotherClientReplacesTheSharedOneWithoutCleaningItUp) {
     EXPECT_EQ(first->transport(), transport);
 }
 
-TEST_F(Lifecycle, DestroyingTheSharedClientCleansUpABareOne) {
+TEST_F(Lifecycle, DestroyingTheSharedClientCleansUpAClientWithoutProxy) {
     const auto bare = KRVQuicktimeProcessClient::clientWithTransport(transport, false);
     KRVQuicktimeProcessClient::destroySingleton();
     EXPECT_EQ(__default_krv_quicktime_process_client, nullptr);
     EXPECT_EQ(bare->transport(), nullptr);
 }
 
-TEST_F(Lifecycle, DestroyingTheSharedClientOnlyTakesTheTargetFromAProxy) {
+TEST_F(Lifecycle, DestroyingTheSharedClientOnlyClearsTheTargetOfAProxy) {
     const auto made = monitoring();
     const auto theRunner = made->serverRunner();
     const auto proxy = ReliabilityProxy::proxyForOperations(made);
@@ -138,7 +138,7 @@ TEST_F(Lifecycle, DestroyingTheSharedClientOnlyTakesTheTargetFromAProxy) {
     made->cleanUp();
 }
 
-TEST_F(Lifecycle, DestroyingNoSharedClientDoesNothing) {
+TEST_F(Lifecycle, DestroyingAMissingSharedClientDoesNothing) {
     EXPECT_NO_THROW(KRVQuicktimeProcessClient::destroySingleton());
     EXPECT_NO_THROW(KRVQuicktimeProcessClient::destroySingleton());
 }

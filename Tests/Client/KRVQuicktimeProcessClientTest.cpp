@@ -109,7 +109,7 @@ TEST_F(Client, AConversionReportsTheServersError) {
     EXPECT_EQ(*error, *serverError);
 }
 
-TEST_F(Client, AConversionWithoutAnOutParameterAnswersYes) {
+TEST_F(Client, AConversionWithoutAnOutParameterReturnsTrue) {
     serverFails();
     EXPECT_TRUE(client.convertMovie("/s", "/d", 1, false, nullptr, nullptr));
 }
@@ -130,7 +130,7 @@ TEST_F(Client, AStalledConversionReportsTheTimeout) {
     EXPECT_EQ(error->code(), 201);
 }
 
-TEST_F(Client, ThumbnailsDoNotReportWhatTheServerSays) {
+TEST_F(Client, ThumbnailsDoNotReportTheServersError) {
     completes();
     EXPECT_TRUE(client.createThumbnailsFor("/s", "/f", {160, 120}, observer, &error));
     EXPECT_EQ(first().operationType(), OpCreateThumbnails);
@@ -153,7 +153,7 @@ TEST_F(Client, MuxReportsTheServersError) {
     EXPECT_EQ(*error, *serverError);
 }
 
-TEST_F(Client, MergeDropsTheServersResultAfterwards) {
+TEST_F(Client, MergeRemovesTheServersResultAfterwards) {
     completes();
     transport->reply(std::make_shared<R>());
     EXPECT_TRUE(client.mergeSources(Value(Array{"/a", "/b"}), "/d", true, observer, &error));
@@ -165,7 +165,7 @@ TEST_F(Client, MergeDropsTheServersResultAfterwards) {
     EXPECT_EQ(types().back(), OpRemoveReturnResult);
 }
 
-TEST_F(Client, WithoutAnOutParameterTheAnswerIsYesWhateverHappened) {
+TEST_F(Client, WithoutAnOutParameterTheResultIsAlwaysTrue) {
     serverFails();
     EXPECT_TRUE(client.createThumbnailsFor("/s", "/f", {}, nullptr, nullptr));
     serverFails();
@@ -243,7 +243,7 @@ TEST_F(Client, FailedInterestingTimesAreNullWithTheError) {
     EXPECT_EQ(error, nullptr);
 }
 
-TEST_F(Client, AnUnreachableResultIsLoggedWithTheMetadataWordingAndRaised) {
+TEST_F(Client, AnUnreachableResultIsLoggedWithTheMetadataTextAndThrows) {
     LogRecorder log;
     completes();
     transport->unreachable("gone");
@@ -300,7 +300,7 @@ TEST_F(Client, ReadinessIsAnyReply) {
     EXPECT_THROW((void)operations.isServerReadyToTakeRequests(), std::runtime_error);
 }
 
-TEST_F(Client, RegistrationIsWhatTheReplySays) {
+TEST_F(Client, RegistrationIsTheFieldOfTheReply) {
     LogRecorder log;
     const auto yes = std::make_shared<R>();
     yes->clientIsRegisteredWithServer();
@@ -312,7 +312,7 @@ TEST_F(Client, RegistrationIsWhatTheReplySays) {
     EXPECT_EQ(log.texts(), (std::vector<std::string>{"Error invoking 'amIRegistered:' operation: gone"}));
 }
 
-TEST_F(Client, RegisteringSendsTheProcessIdAndRaisesOnFailure) {
+TEST_F(Client, RegisteringSendsTheProcessIdAndThrowsOnFailure) {
     transport->reply(std::make_shared<R>()).reply(std::make_shared<R>());
     operations.registerWithServer();
     operations.unregisterFromServer();
@@ -324,7 +324,7 @@ TEST_F(Client, RegisteringSendsTheProcessIdAndRaisesOnFailure) {
     EXPECT_THROW(operations.registerWithServer(), Exception);
 }
 
-TEST_F(Client, CancelAllReportsFailureAndRaisesOnAMissingReply) {
+TEST_F(Client, CancelAllReportsFailureAndThrowsOnAMissingReply) {
     transport->reply(std::make_shared<R>()).fail("cause").replyNothing().replyNothing();
     EXPECT_TRUE(client.cancelAllOperations(&error));
     EXPECT_FALSE(client.cancelAllOperations(&error));
@@ -345,7 +345,7 @@ TEST_F(Client, ShutdownFailureIsLoggedInTheApplicationContext) {
     EXPECT_THROW((void)operations.queueShutdownOfCurrentServer(), Exception);
 }
 
-TEST_F(Client, PendingOperationsAreAlwaysEmptyAndNotAskedFor) {
+TEST_F(Client, PendingOperationsAreAlwaysEmptyWithoutARequest) {
     EXPECT_TRUE(operations.operationsPendingCompletion().empty());
     EXPECT_TRUE(types().empty());
 }
@@ -367,7 +367,7 @@ TEST_F(Client, TheReliableOperationsAreThoseOfTheirInterface) {
     EXPECT_FALSE(client.doesOperationNeedToBeReliable({std::nullopt, nullptr, nullptr}));
 }
 
-TEST_F(Client, CallsAfterTheTransportHasGoneGetNoReply) {
+TEST_F(Client, CallsWithoutATransportGetNoReply) {
     client.setTransport(nullptr);
     EXPECT_FALSE(operations.amIRegistered());
     EXPECT_THROW(operations.registerWithServer(), Exception);

@@ -146,7 +146,7 @@ TEST_F(Proxy, PassesArgumentsAndResultsOn) {
     EXPECT_EQ(target->calls, 13);
 }
 
-TEST_F(Proxy, MakesAReliableCallAgainWhenTheServerIsBack) {
+TEST_F(Proxy, RepeatsAReliableCallWhenTheServerIsBack) {
     target->script = {failToCommunicate};
     EXPECT_NE(proxy->getMetadataFor("/movie", nullptr), nullptr);
     EXPECT_EQ(target->calls, 2);
@@ -172,7 +172,7 @@ TEST_F(Proxy, GivesUpAfterThreeAttemptsAndThreeWaits) {
     EXPECT_EQ(proxy->numberOfOperationsInProgress(), 0);
 }
 
-TEST_F(Proxy, RaisesWhatIsNoCommunicationsFailureAtOnce) {
+TEST_F(Proxy, PropagatesOtherFailuresWithoutRetry) {
     target->script = {failOtherwise};
     const Exception exception = raisedBy([&] { (void)proxy->getMetadataFor("/movie", nullptr); });
     EXPECT_EQ(exception.name(), "SomethingElse");
@@ -182,14 +182,14 @@ TEST_F(Proxy, RaisesWhatIsNoCommunicationsFailureAtOnce) {
     EXPECT_EQ(proxy->numberOfOperationsInProgress(), 0);
 }
 
-TEST_F(Proxy, LetsExceptionsOfOtherKindsPassAndStillCounts) {
+TEST_F(Proxy, PropagatesOtherExceptionsAndCountsTheCallDown) {
     target->script = {[] { throw std::runtime_error("an application's own"); }};
     EXPECT_THROW((void)proxy->getMetadataFor("/movie", nullptr), std::runtime_error);
     EXPECT_EQ(target->calls, 1);
     EXPECT_EQ(proxy->numberOfOperationsInProgress(), 0);
 }
 
-TEST_F(Proxy, CountsReliableCallsWhileTheyAreUnderWay) {
+TEST_F(Proxy, CountsReliableCallsInProgress) {
     std::vector<std::int32_t> counts;
     const auto look = [&] { counts.push_back(proxy->numberOfOperationsInProgress()); };
     target->script = {look, look};
@@ -198,7 +198,7 @@ TEST_F(Proxy, CountsReliableCallsWhileTheyAreUnderWay) {
     EXPECT_THAT(counts, ElementsAre(1, 0));
 }
 
-TEST_F(Proxy, PassesOtherCallsOnOnceWithTheirExceptions) {
+TEST_F(Proxy, MakesOtherCallsOnceAndPropagatesTheirExceptions) {
     target->script = {failToCommunicate};
     const Exception exception = raisedBy([&] { proxy->registerWithServer(); });
     EXPECT_EQ(exception.name(), kHTTPServerNSURLConnectionError);
@@ -206,7 +206,7 @@ TEST_F(Proxy, PassesOtherCallsOnOnceWithTheirExceptions) {
     EXPECT_TRUE(log.lines().empty());
 }
 
-TEST_F(Proxy, AnswersWithTheResultOfALaterAttempt) {
+TEST_F(Proxy, ReturnsTheResultOfALaterAttempt) {
     target->script = {failToCommunicate, failToCommunicate};
     transport->readiness = {false, false, true};
     EXPECT_EQ(proxy->getInterestingTimesForMovie("/movie", true, 3, nullptr), Value(3));
@@ -240,13 +240,13 @@ TEST_F(ProxyWait, ProbesSixTimesAndLogsFiveLines) {
     EXPECT_EQ(log.lines().front().function, "waitForTransporToBecomeAvailable:");
 }
 
-TEST_F(ProxyWait, EndsWithTheFirstProbeThatFindsItReady) {
+TEST_F(ProxyWait, EndsAtTheFirstProbeThatSucceeds) {
     transport->readiness = {false, false, true};
     EXPECT_TRUE(wait());
     EXPECT_EQ(clock.sleeps().size(), 2U);
 }
 
-TEST_F(ProxyWait, IsTooLongWhenOnlyTheLastProbeFindsItReady) {
+TEST_F(ProxyWait, FailsWhenOnlyTheLastProbeSucceeds) {
     transport->readiness = {false, false, false, false, false, true};
     EXPECT_FALSE(wait());
     EXPECT_EQ(transport->readinessProbes, 6U);
@@ -277,7 +277,7 @@ TEST_F(ProxyWait, CountsTheTimeThatTheProbesTake) {
     EXPECT_EQ(slow->probes, 2);
 }
 
-TEST_F(ProxyWait, TurnsTheRunLoopOfTheCallingThread) {
+TEST_F(ProxyWait, RunsTheRunLoopOfTheCallingThread) {
     transport->readiness = {false, true};
     bool turned = false;
     loop.perform([&] { turned = true; });
@@ -313,7 +313,7 @@ TEST_F(Proxy, WithoutATargetEveryOperationFailsAtOnce) {
     proxy->clearTarget();
 }
 
-TEST_F(Proxy, LetsGoOfItsTargetWhenItIsCleanedUp) {
+TEST_F(Proxy, ReleasesItsTargetInCleanUp) {
     const std::weak_ptr<DecidingOperations> weak = target;
     target.reset();
     EXPECT_FALSE(weak.expired());
@@ -321,7 +321,7 @@ TEST_F(Proxy, LetsGoOfItsTargetWhenItIsCleanedUp) {
     EXPECT_TRUE(weak.expired());
 }
 
-TEST_F(Proxy, LosesItsTargetAfterAForwardedCleanUp) {
+TEST_F(Proxy, ReleasesItsTargetAfterAForwardedCleanUp) {
     int performed = 0;
     Invocation invocation{ReliabilityProxy::kCleanUp, [&](KRVQTProcessOperations&) { ++performed; }, nullptr};
     proxy->forwardInvocation(invocation);
@@ -338,12 +338,12 @@ protected:
     }
 };
 
-TEST_F(ProxyDecision, IsTheTargetsWhenItTakesOne) {
+TEST_F(ProxyDecision, IsTheTargetsIfItHasOne) {
     EXPECT_TRUE(isReliable("getMetadataFor:error:"));
     EXPECT_FALSE(isReliable("amIRegistered"));
 }
 
-TEST_F(ProxyDecision, IsYesForAllButTheBasicOperationsOtherwise) {
+TEST_F(ProxyDecision, IsTrueForAllButTheBaseSelectorsOtherwise) {
     proxy->setRealOperations(std::make_shared<Operations>(transport));
     EXPECT_TRUE(isReliable("getMetadataFor:error:"));
     EXPECT_TRUE(isReliable("amIRegistered"));
@@ -369,7 +369,7 @@ TEST_F(ProxyDecision, OfTheRealClientCoversItsReliableOperations) {
     EXPECT_FALSE(isReliable("registerWithServer"));
 }
 
-TEST_F(Proxy, ErrorsInTheOutParameterAreNoFailures) {
+TEST_F(Proxy, ErrorsInTheOutParameterAreNotRetried) {
     proxy->setRealOperations(std::make_shared<KRVQuicktimeProcessClient>(transport, clock));
     transport->fail("refused");
     std::shared_ptr<const Error> error;
@@ -379,7 +379,7 @@ TEST_F(Proxy, ErrorsInTheOutParameterAreNoFailures) {
     EXPECT_EQ(transport->sent().size(), 1U);
 }
 
-TEST_F(Proxy, TriesTheRealClientAgain) {
+TEST_F(Proxy, RetriesTheRealClient) {
     proxy->setRealOperations(std::make_shared<KRVQuicktimeProcessClient>(transport, clock));
     transport->unreachable().unreachable().unreachable();
     std::shared_ptr<const Error> error;
@@ -388,7 +388,7 @@ TEST_F(Proxy, TriesTheRealClientAgain) {
     EXPECT_EQ(error, nullptr);
 }
 
-TEST_F(Proxy, DoesNotRetryOverATransportThatIsGone) {
+TEST_F(Proxy, DoesNotRetryWithoutATransport) {
     const auto client = std::make_shared<KRVQuicktimeProcessClient>(transport, clock);
     proxy->setRealOperations(client);
     client->cleanUp();

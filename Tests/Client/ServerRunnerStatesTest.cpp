@@ -39,7 +39,7 @@ protected:
 
 // 0, start
 
-TEST_F(States, AFreshRunnerStartsAtTheBeginning) {
+TEST_F(States, ANewRunnerStartsInStateStart) {
     EXPECT_EQ(runner->state(), ServerRunner::Start);
     EXPECT_FALSE(runner->running());
     EXPECT_EQ(runner->timeToPresumeAServerDead(), 10);
@@ -48,7 +48,7 @@ TEST_F(States, AFreshRunnerStartsAtTheBeginning) {
     EXPECT_EQ(runner->qtProcessorTask(), nullptr);
 }
 
-TEST_F(States, StartGoesOnToTheLookInTheSameStepAndLooksAfresh) {
+TEST_F(States, StartContinuesWithTheLookInTheSameStep) {
     EXPECT_THAT(step(),
                 ElementsAre(kNoProcess, kNoProcess, "Starting a new server ...", "I will start " + bundlePath("main")));
     EXPECT_EQ(runner->state(), ServerRunner::WaitForServer);
@@ -63,7 +63,7 @@ TEST_F(States, StartForgetsAnEarlierWait) {
 
 // 1, look for server
 
-TEST_F(States, AServerThatRunsIsWaitedForAndNotLaunched) {
+TEST_F(States, ARunningServerIsWaitedForAndNotLaunched) {
     serverRuns();
     EXPECT_THAT(step(), ElementsAre("Looks like a server is already running."));
     EXPECT_EQ(runner->state(), ServerRunner::WaitForServer);
@@ -78,7 +78,7 @@ TEST_F(States, AKnownPortCountsAsRunningWithoutAnyProcess) {
     EXPECT_TRUE(launches.empty());
 }
 
-TEST_F(States, ALaunchByAnotherThreadMeanwhileIsNotRepeated) {
+TEST_F(States, ALaunchByAnotherThreadIsNotRepeated) {
     runner->setState(ServerRunner::LookForServer);
     runner->setServerCheckStartTime(clock.now());
     EXPECT_THAT(step(), ElementsAre(kNoProcess, "No server running - but we have just begun one. Will ignore that no "
@@ -106,7 +106,7 @@ TEST_F(States, WithoutABundleTheLookIsRepeatedInEveryStep) {
     EXPECT_EQ(launches.size(), 1U);
 }
 
-TEST_F(States, ARefusedLaunchIsFollowedByAWait) {
+TEST_F(States, ARefusedLaunchIsRetriedAfterTheWait) {
     launchFailure.emplace("NSInvalidArgumentException", "refused");
     EXPECT_THROW(runner->stateMachine(), Exception);
     EXPECT_EQ(runner->state(), ServerRunner::LookForServer);
@@ -129,14 +129,14 @@ TEST_F(States, WaitsForAServerToAppear) {
     EXPECT_EQ(runner->state(), ServerRunner::WaitForServer);
 }
 
-TEST_F(States, AWaitWhoseBeginningWasClearedBeginsNow) {
+TEST_F(States, AWaitWithoutAStartTimeStartsNow) {
     waitingSince(9s);
     runner->setServerCheckStartTime(std::nullopt);
     EXPECT_THAT(step(), ElementsAre(kNoProcess, "Waiting for a server to appear (0.00s)"));
     EXPECT_EQ(runner->serverCheckStartTime(), clock.now());
 }
 
-TEST_F(States, ExactlyTenSecondsAreStillWaited) {
+TEST_F(States, WaitsForExactlyTenSeconds) {
     waitingSince(10s);
     EXPECT_THAT(step(), ElementsAre(kNoProcess, "Waiting for a server to appear (10.00s)"));
     EXPECT_EQ(runner->state(), ServerRunner::WaitForServer);
@@ -149,7 +149,7 @@ TEST_F(States, GivesUpAfterTenSeconds) {
     EXPECT_EQ(runner->state(), ServerRunner::Start);
 }
 
-TEST_F(States, GivesUpBeforeItLooksWhetherTheServerIsReady) {
+TEST_F(States, GivesUpBeforeItChecksWhetherTheServerIsReady) {
     waitingSince(10001ms);
     serverIsKnown();
     EXPECT_THAT(step(), ElementsAre(testing::StartsWith("Waited long enough")));
@@ -157,18 +157,18 @@ TEST_F(States, GivesUpBeforeItLooksWhetherTheServerIsReady) {
     EXPECT_TRUE(sent().empty());
 }
 
-TEST_F(States, TheDistanceCountsInBothDirections) {
+TEST_F(States, ATimeInTheFutureCountsAsElapsedToo) {
     waitingSince(-11s);
     EXPECT_THAT(step(), testing::Contains(testing::StartsWith("Waited long enough")));
 }
 
-TEST_F(States, PatienceCanBeChanged) {
+TEST_F(States, TheWaitCanBeChanged) {
     runner->setTimeToPresumeAServerDead(2);
     waitingSince(2500ms);
     EXPECT_THAT(step(), testing::Contains(testing::StartsWith("Waited long enough (2s)")));
 }
 
-TEST_F(States, SaysWhenTheServerThatWasLaunchedHasEnded) {
+TEST_F(States, LogsThatTheLaunchedServerHasExited) {
     (void)step();
     tasks.at(0)->running = false;
     clock.advanceBy(10001ms);
@@ -187,7 +187,7 @@ TEST_F(States, AReadyServerIsRegisteredWithInTheSameStep) {
 
 // 3, register
 
-TEST_F(States, ARegistrationEndsTheAttemptAndSaysSo) {
+TEST_F(States, ARegistrationEndsTheAttemptAndPostsTheNotification) {
     runner->setState(ServerRunner::Register);
     runner->setServerCheckStartTime(clock.now());
     serverIsKnown();
@@ -210,7 +210,7 @@ TEST_F(States, AFailedRegistrationStartsFromScratchAndMakesDiscoverySearchAgain)
     EXPECT_EQ(notifications, 1);
 }
 
-TEST_F(States, ARegistrationThatGetsNoReplyHasFailed) {
+TEST_F(States, ARegistrationWithoutAReplyFails) {
     runner->setState(ServerRunner::Register);
     serverIsKnown();
     transport->replyNothing();
@@ -218,7 +218,7 @@ TEST_F(States, ARegistrationThatGetsNoReplyHasFailed) {
     EXPECT_EQ(runner->state(), ServerRunner::Start);
 }
 
-TEST_F(States, ExceptionsOfOtherKindsPassOn) {
+TEST_F(States, OtherExceptionsPropagate) {
     runner->setState(ServerRunner::Register);
     serverIsKnown();
     transport->then([](const auto&) -> std::shared_ptr<const Data> { throw std::bad_alloc(); });
@@ -252,7 +252,7 @@ TEST_F(States, RegistersAgainInTheNextStepWhenTheServerHasForgottenUs) {
     EXPECT_EQ(runner->state(), ServerRunner::Registered);
 }
 
-TEST_F(States, ARegistrationAfterForgettingIsBelievedAfterThreeSeconds) {
+TEST_F(States, AReregistrationIsConfirmedAfterThreeSeconds) {
     registered();
     serverAnswers(false);
     (void)step();
@@ -272,14 +272,14 @@ TEST_F(States, ARegistrationAfterForgettingIsBelievedAfterThreeSeconds) {
     EXPECT_EQ(runner->state(), ServerRunner::Registered);
 }
 
-TEST_F(States, AServerThatDoesNotAnswerDoesNotKnowUs) {
+TEST_F(States, AServerThatDoesNotRespondDoesNotKnowUs) {
     registered();
     transport->unreachable();
     (void)step();
     EXPECT_EQ(runner->state(), ServerRunner::Register);
 }
 
-TEST_F(States, StartsOverWhenThePortIsLostAlsoWhileTheProcessRuns) {
+TEST_F(States, StartsOverWhenThePortIsLostEvenIfTheProcessRuns) {
     registered();
     serverRuns();
     serverIsKnown(-1);
@@ -288,7 +288,7 @@ TEST_F(States, StartsOverWhenThePortIsLostAlsoWhileTheProcessRuns) {
     EXPECT_TRUE(sent().empty());
 }
 
-TEST_F(States, StartsOverWhenBothAreGone) {
+TEST_F(States, StartsOverWhenPortAndProcessAreLost) {
     registered();
     serverIsKnown(0);
     EXPECT_THAT(step(), ElementsAre(kNoProcess));
@@ -297,7 +297,7 @@ TEST_F(States, StartsOverWhenBothAreGone) {
 
 // Other values
 
-TEST_F(States, OtherValuesDoNothingButLook) {
+TEST_F(States, OtherStatesDoNothing) {
     for (const std::int32_t state : {4, -1, 6, 1000}) {
         runner->setState(state);
         EXPECT_THAT(step(), ElementsAre(kNoProcess));
@@ -309,7 +309,7 @@ TEST_F(States, OtherValuesDoNothingButLook) {
 
 // The questions
 
-TEST_F(States, IsReadyWithAPortAboveZeroOnly) {
+TEST_F(States, IsReadyOnlyWithAPortAboveZero) {
     for (const auto& [port, ready] : {std::pair(-1L, false), {0L, false}, {1L, true}, {65535L, true}}) {
         serverIsKnown(port);
         EXPECT_EQ(runner->isQTProcessReady(), ready) << port;
@@ -322,7 +322,7 @@ TEST_F(States, DoesNotAskAServerThatIsNotReady) {
     EXPECT_EQ(runner->lastSentAmIRegistered(), std::nullopt);
 }
 
-TEST_F(States, RemembersTheAnswerForLessThanThreeSeconds) {
+TEST_F(States, CachesTheReplyForLessThanThreeSeconds) {
     serverIsKnown();
     serverAnswers(true);
     EXPECT_TRUE(runner->doesServerKnowUs());
@@ -338,20 +338,20 @@ TEST_F(States, RemembersTheAnswerForLessThanThreeSeconds) {
 
 // Whole lives
 
-TEST_F(States, AServerThatNeverAnswersIsLaunchedAgainAndAgain) {
+TEST_F(States, AServerThatNeverRespondsIsLaunchedRepeatedly) {
     runner->startMonitorTimer();
     loop.advanceBy(30s);
     EXPECT_EQ(launches.size(), 3U);  // at 1 s, and after each ten seconds of waiting and a step to start over
 }
 
-TEST_F(States, AProcessThatNeverAnswersIsNeverLaunchedAgain) {
+TEST_F(States, AProcessThatNeverRespondsIsNeverLaunchedAgain) {
     serverRuns();
     runner->startMonitorTimer();
     loop.advanceBy(60s);
     EXPECT_TRUE(launches.empty());
 }
 
-TEST_F(States, AnHourOfRegisteredLifeAsksOnceInThreeSeconds) {
+TEST_F(States, AnHourOfRegistrationAsksEveryThreeSeconds) {
     registered();
     transport->then([](const auto&) { return nullptr; });
     // Each answer appends the next one.

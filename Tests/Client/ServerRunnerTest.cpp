@@ -15,14 +15,14 @@ class Runner : public RunnerFixture {};
 
 // The thread
 
-TEST_F(Runner, SaysWhatItWasMadeFor) {
+TEST_F(Runner, LogsItsClient) {
     LogRecorder log;
     makeRunner();
     EXPECT_THAT(log.texts(), ElementsAre("Process monitor initialized with client: " + client->description()));
     EXPECT_EQ(log.lines().front().flag, kLogFlagInfo);
 }
 
-TEST_F(Runner, IsLiveAtOnceWithItsFirstStepAfterASecond) {
+TEST_F(Runner, StartsItsThreadAtOnceAndItsFirstStepAfterASecond) {
     makeRunner();
     serverRuns();
     loop.performAfterDelay(500ms, client, Selector("test"), [this] {
@@ -38,7 +38,7 @@ TEST_F(Runner, IsLiveAtOnceWithItsFirstStepAfterASecond) {
     EXPECT_FALSE(runner->isMonitoring());
 }
 
-TEST_F(Runner, EndsItsThreadWithinASecondOfCleanUp) {
+TEST_F(Runner, ItsThreadExitsWithinASecondOfCleanUp) {
     makeRunner();
     serverRuns();
     Clock::TimePoint cleaned;
@@ -51,7 +51,7 @@ TEST_F(Runner, EndsItsThreadWithinASecondOfCleanUp) {
     EXPECT_FALSE(runner->isMonitoring());
 }
 
-TEST_F(Runner, EndsItsThreadAlsoWhenItIsCleanedUpBeforeThatHasBegun) {
+TEST_F(Runner, ItsThreadExitsEvenIfCleanUpComesFirst) {
     makeRunner();
     runner->cleanUp();
     const auto start = clock.now();
@@ -60,7 +60,7 @@ TEST_F(Runner, EndsItsThreadAlsoWhenItIsCleanedUpBeforeThatHasBegun) {
     EXPECT_FALSE(runner->isMonitoring());
 }
 
-TEST_F(Runner, LogsWhatAStepRaisesAndGoesOn) {
+TEST_F(Runner, LogsTheExceptionOfAStepAndContinues) {
     makeRunner();  // without any bundle
     loop.performAfterDelay(3500ms, client, Selector("test"), [this] { runner->setRunning(false); });
     LogRecorder log;
@@ -75,13 +75,13 @@ TEST_F(Runner, LogsWhatAStepRaisesAndGoesOn) {
                                          libraryBundle.path()));
 }
 
-TEST_F(Runner, LetsExceptionsOfOtherKindsLeaveItsThread) {
+TEST_F(Runner, OtherExceptionsPropagateOutOfItsThread) {
     makeRunner();
     loop.performAfterDelay(500ms, client, Selector("test"), [] { throw std::runtime_error("an application's own"); });
     EXPECT_THROW(thread(), std::runtime_error);
 }
 
-TEST_F(Runner, SaysWhenItsTimerCannotBeStarted) {
+TEST_F(Runner, LogsThatItsTimerCannotBeStarted) {
     makeRunner();
     const auto refusal = runner->addObserver([](const auto&, auto, auto) { throw Exception("Test", "not now"); });
     LogRecorder log;
@@ -112,7 +112,7 @@ TEST_F(Runner, KeepsClientAndMonitorUntilItIsCleanedUp) {
     runner->cleanUp();
 }
 
-TEST_F(Runner, CleanUpForgetsTheDatesAndTheTaskAndKeepsTheState) {
+TEST_F(Runner, CleanUpClearsTimesAndTaskButNotTheState) {
     makeBundle("main");
     makeRunner();
     runner->stateMachine();
@@ -126,7 +126,7 @@ TEST_F(Runner, CleanUpForgetsTheDatesAndTheTaskAndKeepsTheState) {
     EXPECT_FALSE(runner->running());
 }
 
-TEST_F(Runner, GoesWithItsLastReferenceAndSaysSo) {
+TEST_F(Runner, IsDestroyedWithItsLastReferenceAndLogsIt) {
     makeRunner();
     thread = nullptr;
     const std::weak_ptr<ServerRunner> weak = runner;
@@ -136,7 +136,7 @@ TEST_F(Runner, GoesWithItsLastReferenceAndSaysSo) {
     EXPECT_THAT(log.texts(), ElementsAre("Server Runner deallocating"));
 }
 
-TEST_F(Runner, AStepAfterCleanUpMeetsNobody) {
+TEST_F(Runner, AStepAfterCleanUpUsesNoClient) {
     makeRunner();
     runner->cleanUp();
     serverIsKnown();
@@ -170,7 +170,7 @@ TEST_F(Sleep, StopsTheTimerAndWakingStartsItAgain) {
     EXPECT_EQ(runner->state(), ServerRunner::WaitForServer);
 }
 
-TEST_F(Sleep, TheTimerLivesOnTheLoopOfTheThreadThatWakesIt) {
+TEST_F(Sleep, TheTimerRunsOnTheLoopOfTheThreadThatReportsTheWake) {
     runner->startMonitorTimer();
     post(kWorkspaceWillSleepNotification);
     EXPECT_EQ(loop.pendingCount(), 0U);
@@ -184,7 +184,7 @@ TEST_F(Sleep, TheTimerLivesOnTheLoopOfTheThreadThatWakesIt) {
     EXPECT_EQ(runner->state(), ServerRunner::WaitForServer);
 }
 
-TEST_F(Sleep, StepsGoOnOnceASecondAfterAWake) {
+TEST_F(Sleep, StepsContinueEverySecondAfterAWake) {
     serverIsKnown();
     runner->setState(ServerRunner::Registered);
     for (int i = 0; i < 10; ++i) {
@@ -212,7 +212,7 @@ TEST_F(Sleep, TwiceIsHarmless) {
     EXPECT_FALSE(runner->isMonitoring());
 }
 
-TEST_F(Sleep, IsNoConcernOfACleanedUpRunner) {
+TEST_F(Sleep, IsIgnoredByACleanedUpRunner) {
     runner->cleanUp();
     LogRecorder log;
     post(kWorkspaceWillSleepNotification);
@@ -222,7 +222,7 @@ TEST_F(Sleep, IsNoConcernOfACleanedUpRunner) {
     EXPECT_FALSE(runner->isMonitoring());
 }
 
-TEST_F(Sleep, IsNoConcernOfARunnerThatHasGone) {
+TEST_F(Sleep, IsIgnoredAfterTheRunnerIsDestroyed) {
     thread = nullptr;
     runner.reset();
     EXPECT_NO_THROW(post(kWorkspaceDidWakeNotification));
@@ -254,7 +254,7 @@ TEST_F(Launch, PassesOnlyTheFirstArgumentForAnApplicationWithoutIdentifier) {
     EXPECT_THAT(launches.at(0).arguments, ElementsAre("-KRVLoggingDomain"));
 }
 
-TEST_F(Launch, KeepsWhatTheServerPrintsOnItsStandardError) {
+TEST_F(Launch, KeepsTheServersStandardErrorInAFile) {
     makeBundle("main");
     makeRunner();
     runner->kickOffQTProcessor();
@@ -262,7 +262,7 @@ TEST_F(Launch, KeepsWhatTheServerPrintsOnItsStandardError) {
     EXPECT_TRUE(std::filesystem::is_directory(folder.path() / "KRVQuicktimeProcess"));
 }
 
-TEST_F(Launch, DoesNotLetThatFileGrowForEver) {
+TEST_F(Launch, LimitsTheSizeOfThatFile) {
     makeBundle("main");
     const std::string file = folder.write("KRVQuicktimeProcess/standard-error.log", std::string(300000, 'x'));
     makeRunner();
@@ -270,7 +270,7 @@ TEST_F(Launch, DoesNotLetThatFileGrowForEver) {
     EXPECT_EQ(std::filesystem::file_size(file), 0U);
 }
 
-TEST_F(Launch, IsNotRepeatedWhileOneIsUnderWay) {
+TEST_F(Launch, IsNotRepeatedWhileOneIsInProgress) {
     makeBundle("main");
     makeRunner();
     runner->kickOffQTProcessor();
@@ -281,7 +281,7 @@ TEST_F(Launch, IsNotRepeatedWhileOneIsUnderWay) {
     EXPECT_THAT(launches, SizeIs(1));
 }
 
-TEST_F(Launch, WithoutABundleRaisesBadBuild) {
+TEST_F(Launch, WithoutABundleThrowsBadBuild) {
     makeRunner();
     try {
         runner->kickOffQTProcessor();
@@ -296,7 +296,7 @@ TEST_F(Launch, WithoutABundleRaisesBadBuild) {
     EXPECT_EQ(ServerRunner::latestLaunch()->bundle, "");
 }
 
-TEST_F(Launch, ThatIsRefusedRaisesWhatTheSystemSays) {
+TEST_F(Launch, ThatIsRefusedThrowsTheSystemsReason) {
     makeBundle("main");
     launchFailure.emplace("NSInvalidArgumentException", "it cannot be launched: Exec format error");
     makeRunner();
@@ -308,7 +308,7 @@ TEST_F(Launch, ThatIsRefusedRaisesWhatTheSystemSays) {
     EXPECT_EQ(ServerRunner::latestLaunch()->bundle, bundlePath("main"));
 }
 
-TEST_F(Launch, IsOverHalfAMinuteLaterAndSaysSo) {
+TEST_F(Launch, IsOverAfterHalfAMinuteAndPostsTheNotification) {
     makeBundle("main");
     makeRunner();
     runner->kickOffQTProcessor();
@@ -375,7 +375,7 @@ TEST_F(Resource, IsTakenFromTheResourcesBeforeTheExecutables) {
     EXPECT_EQ(find(), bundlePath("main/Contents/Resources"));
 }
 
-TEST_F(Resource, IsAbsentWhenNobodyHasIt) {
+TEST_F(Resource, IsMissingIfNoBundleHasIt) {
     classes.registerClass("KRVMedia", Bundle({(folder.path() / "media").string()}));
     makeRunner();
     EXPECT_EQ(find(), std::nullopt);

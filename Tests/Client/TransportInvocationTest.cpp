@@ -31,7 +31,7 @@ Exception exceptionOf(const F& f) {
     return {"nothing was raised", ""};
 }
 
-TEST_F(TransportInvocationTest, StartsWithItsOperationAndAMinute) {
+TEST_F(TransportInvocationTest, StartsWithItsOperationAndATimeoutOfAMinute) {
     EXPECT_EQ(invocation->input()->operationType(), OpCancelOperation);
     EXPECT_EQ(invocation->progressTimeoutDuration(), 60.0F);
     const TransportInvocation plain;
@@ -39,7 +39,7 @@ TEST_F(TransportInvocationTest, StartsWithItsOperationAndAMinute) {
     EXPECT_EQ(plain.progressTimeoutDuration(), 60.0F);
 }
 
-TEST_F(TransportInvocationTest, ReturnsTheReplyAsItStands) {
+TEST_F(TransportInvocationTest, ReturnsTheRawReply) {
     transport->replyBytes("not an archive");
     const auto reply = invocation->invokeOverTransport(transport, &error);
     ASSERT_TRUE(reply);
@@ -48,7 +48,7 @@ TEST_F(TransportInvocationTest, ReturnsTheReplyAsItStands) {
     EXPECT_EQ(invocation->input()->uniqueID(), "id");
 }
 
-TEST_F(TransportInvocationTest, AReplyThatCarriesAnErrorIsReturnedNormally) {
+TEST_F(TransportInvocationTest, AReplyWithAnErrorIsReturnedNormally) {
     const auto record = std::make_shared<R>();
     record->setError(std::make_shared<const Error>("KRVQuicktimeProcess", 4));
     transport->reply(record);
@@ -57,7 +57,7 @@ TEST_F(TransportInvocationTest, AReplyThatCarriesAnErrorIsReturnedNormally) {
     EXPECT_EQ(R::operationFromData(reply)->error()->code(), 4);
 }
 
-TEST_F(TransportInvocationTest, ACommunicationsFailureIsRaisedUnchanged) {
+TEST_F(TransportInvocationTest, ACommunicationsFailurePropagatesUnchanged) {
     transport->unreachable("no port");
     const Exception raised = exceptionOf([&] { (void)invocation->invokeOverTransport(transport, &error); });
     EXPECT_EQ(raised.name(), kHTTPServerNSURLConnectionError);
@@ -77,18 +77,18 @@ TEST_F(TransportInvocationTest, AnyOtherExceptionBecomesAnErrorThatNamesTheOpera
     EXPECT_EQ(error->userInfo()->size(), 2U);
 }
 
-TEST_F(TransportInvocationTest, AnyOtherExceptionIsSilentWithoutAnOutParameter) {
+TEST_F(TransportInvocationTest, AnyOtherExceptionIsDroppedWithoutAnOutParameter) {
     transport->fail("the cause");
     EXPECT_EQ(invocation->invokeOverTransport(transport, nullptr), nullptr);
 }
 
-TEST_F(TransportInvocationTest, ExceptionsOfOtherKindsPassThrough) {
+TEST_F(TransportInvocationTest, OtherExceptionsPropagate) {
     transport->then([](const auto&) -> std::shared_ptr<const Data> { throw std::runtime_error("own"); });
     EXPECT_THROW((void)invocation->invokeOverTransport(transport, &error), std::runtime_error);
     EXPECT_EQ(error, nullptr);
 }
 
-TEST_F(TransportInvocationTest, ATransportThatIsGoneGivesNoReply) {
+TEST_F(TransportInvocationTest, WithoutATransportThereIsNoReply) {
     EXPECT_EQ(invocation->invokeOverTransport(nullptr, &error), nullptr);
     EXPECT_EQ(error, nullptr);
 }
@@ -108,7 +108,7 @@ TEST_F(TransportInvocationTest, UserInfoNamesTheOperationAndTheReason) {
               (Dictionary{{NSLocalizedDescriptionKey, "Unable to Name"}, {NSLocalizedFailureReasonErrorKey, "R"}}));
 }
 
-TEST_F(TransportInvocationTest, AMissingEmptyOrForeignReplyRaisesWithTheOperationsName) {
+TEST_F(TransportInvocationTest, AMissingEmptyOrForeignReplyThrowsWithTheOperationsName) {
     const auto sent = R::cancelAllOperationsOperation();
     const auto foreign = std::make_shared<const Data>(Data(10, std::byte{1}));
     for (const auto& reply : {std::shared_ptr<const Data>(), std::make_shared<const Data>(), foreign}) {
@@ -120,7 +120,7 @@ TEST_F(TransportInvocationTest, AMissingEmptyOrForeignReplyRaisesWithTheOperatio
     EXPECT_EQ(decoded->operationType(), OpProvideMetadata);
 }
 
-TEST_F(TransportInvocationTest, AReplyIsNotLookedAtWhenThereIsAnError) {
+TEST_F(TransportInvocationTest, AReplyIsNotCheckedWhenThereIsAnError) {
     const auto sent = R::shutdownCommand();
     const auto reply = bytesOf(sent);
     EXPECT_TRUE(TransportInvocation::throwExceptionIfNoError(&error, sent, reply));

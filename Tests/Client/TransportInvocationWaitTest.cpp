@@ -110,7 +110,7 @@ TEST_F(Wait, WorksWithoutAnObserver) {
     EXPECT_TRUE(wait());
 }
 
-TEST_F(Wait, AnErrorOfTheServerComesBackInTheRequest) {
+TEST_F(Wait, AServerErrorIsReturnedInTheRequest) {
     const auto failed = state(0.5F);
     failed->setError(std::make_shared<const Error>("KRVQuicktimeProcess", 4));
     transport->reply(accepted()).reply(failed);
@@ -121,14 +121,14 @@ TEST_F(Wait, AnErrorOfTheServerComesBackInTheRequest) {
     EXPECT_TRUE(observer->seen.empty());
 }
 
-TEST_F(Wait, AnErrorCountsBeforeCompletion) {
+TEST_F(Wait, AnErrorTakesPrecedenceOverCompletion) {
     const auto failed = state(1.0F, true);
     failed->setError(std::make_shared<const Error>("KRVQuicktimeProcess", 8));
     transport->reply(accepted()).reply(failed);
     EXPECT_EQ(wait(), request);
 }
 
-TEST_F(Wait, AnObserverThatSaysStopCausesOneCancelRequest) {
+TEST_F(Wait, AnObserverThatReturnsFalseCausesOneCancelRequest) {
     observer->answer = [](float) { return false; };
     transport->reply(accepted()).reply(state(0.1F)).reply(std::make_shared<R>());
     EXPECT_EQ(wait(), request);
@@ -165,7 +165,7 @@ TEST_F(Wait, ACancelRequestThatEndsInAnErrorIsLoggedAndIgnored) {
                                         "Ignoring."}));
 }
 
-TEST_F(Wait, TheCancelReplyIsNotLookedAt) {
+TEST_F(Wait, TheCancelReplyIsIgnored) {
     LogRecorder log(15);
     transport->replyBytes("rubbish");
     invocation->tryToCancelOperation(request, transport);
@@ -173,7 +173,7 @@ TEST_F(Wait, TheCancelReplyIsNotLookedAt) {
     EXPECT_TRUE(log.lines().empty());
 }
 
-TEST_F(Wait, ACancelRequestThatRaisesAnotherKindLeavesTheOperationAsItIs) {
+TEST_F(Wait, ACancelRequestThatThrowsAnotherKindLeavesTheOperationUnchanged) {
     transport->then([](const auto&) -> std::shared_ptr<const Data> { throw std::runtime_error("own"); });
     EXPECT_THROW(invocation->tryToCancelOperation(request, transport), std::runtime_error);
     EXPECT_FALSE(request->cancelled());
@@ -188,7 +188,7 @@ TEST_F(Wait, AnOperationThatIsAlreadyCancelledEndsAtTheFirstPoll) {
     EXPECT_EQ(count(OpCancelOperation), 0U);
 }
 
-TEST_F(Wait, ProgressThatNeverMovesTimesOutAfterMoreThanAMinute) {
+TEST_F(Wait, ConstantProgressTimesOutAfterMoreThanAMinute) {
     transport->reply(accepted());
     reportForEver(0.0F);
     const auto start = clock.now();
@@ -233,7 +233,7 @@ TEST_F(Wait, StallClockRestartsWhenProgressGoesBackwards) {
     EXPECT_NE(wait(0.6F), request);
 }
 
-TEST_F(Wait, TheSmallestChangeIsLife) {
+TEST_F(Wait, TheSmallestChangeRestartsTheStallClock) {
     transport->reply(accepted());
     float progress = 0.5F;
     for (int i = 0; i < 100; ++i) {
@@ -244,7 +244,7 @@ TEST_F(Wait, TheSmallestChangeIsLife) {
     EXPECT_NE(wait(0.6F), request);
 }
 
-TEST_F(Wait, TheStallTestLooksAtTheUnclampedNumber) {
+TEST_F(Wait, TheStallClockUsesTheUnclampedNumber) {
     transport->reply(accepted());
     for (int i = 0; i < 20; ++i) {
         transport->reply(state(2.0F + static_cast<float>(i)));
@@ -302,7 +302,7 @@ TEST_F(Wait, AMappedErrorIsDroppedWithoutAnOutParameter) {
     EXPECT_EQ(invocation->invokeOverTransportGetProgressWaitToComplete(transport, nullptr, 60.0F), nullptr);
 }
 
-TEST_F(Wait, AnUnreachableServerRaisesFromTheSendAndFromAPoll) {
+TEST_F(Wait, AnUnreachableServerThrowsFromTheSendAndFromAPoll) {
     transport->unreachable();
     EXPECT_THROW((void)wait(), Exception);
     transport->reply(accepted()).unreachable();
@@ -326,7 +326,7 @@ TEST_F(Wait, AMissingReplyNamesTheRequest) {
     }
 }
 
-TEST_F(Wait, WhatTheObserverRaisesReachesTheCaller) {
+TEST_F(Wait, TheObserversExceptionPropagates) {
     observer->answer = [](float) -> bool { throw std::runtime_error("own"); };
     transport->reply(accepted()).reply(state(0.1F));
     EXPECT_THROW((void)wait(), std::runtime_error);

@@ -77,7 +77,7 @@ TEST_F(Discovery, KnowsNothingBeforeTheFirstResult) {
     EXPECT_EQ(searches(), 0U);
 }
 
-TEST_F(Discovery, LogsWhatItWillLookFor) {
+TEST_F(Discovery, LogsTheNameItSearchesFor) {
     LogRecorder log(15, 0);
     const auto another = HTTPServerDiscovery::make(environment);
     EXPECT_EQ(log.texts(), (Texts{"HTTP Server discovery initializing with name: KRVQuicktimeProcess",
@@ -101,7 +101,7 @@ TEST_F(Discovery, ItsThreadBrowsesForHTTPServicesOfTheLocalDomain) {
     EXPECT_EQ(log.lines()[2].flag, kLogFlagWarning);
 }
 
-TEST_F(Discovery, AnExceptionOfAnotherKindLeavesItsThreadAfterTheFarewell) {
+TEST_F(Discovery, AnotherExceptionLeavesItsThreadAfterTheLastLine) {
     onMainThread = false;
     otherLoop.performAfterDelay(1s, discovery, Selector("test"), [] { throw std::runtime_error("own"); });
     LogRecorder log(15, 0);
@@ -156,7 +156,7 @@ TEST_F(Discovery, TheVerboseLinesNeedTheirMask) {
     EXPECT_TRUE(log.texts().empty());
 }
 
-TEST_F(Discovery, EachResolutionIsAnnouncedAndBeginsTheNextCycleInASecond) {
+TEST_F(Discovery, EachResolutionIsPostedAndStartsTheNextCycleInASecond) {
     discovery->startSearch();
     for (std::size_t round = 1; round <= 3; ++round) {
         browser->show({ours(8001)});
@@ -171,7 +171,7 @@ TEST_F(Discovery, EachResolutionIsAnnouncedAndBeginsTheNextCycleInASecond) {
     EXPECT_EQ(ports, (std::vector<std::int64_t>{8001, 8001, 8001}));
 }
 
-TEST_F(Discovery, TheResolvedLineShowsThePortKnownUntilThen) {
+TEST_F(Discovery, TheResolvedLineShowsThePreviousPort) {
     discovery->resolvedToPort(8001, 0s);
     LogRecorder log(15, kLoggingHTTPDiscovery);
     discovery->resolvedToPort(8002, 0s);
@@ -189,7 +189,7 @@ TEST_F(Discovery, AnAbsentServerIsRecordedWithoutALine) {
     EXPECT_TRUE(log.texts().empty());
 }
 
-TEST_F(Discovery, ADelayOfZeroBeginsNoCycle) {
+TEST_F(Discovery, ADelayOfZeroStartsNoCycle) {
     discovery->startSearch();
     discovery->resolvedToPort(8001, 0s);
     EXPECT_TRUE(browser->isSearching());
@@ -211,7 +211,7 @@ TEST_F(Discovery, AServiceThatDoesNotResolveMeansAbsentForASecond) {
     EXPECT_EQ(searches(), 2U);
 }
 
-TEST_F(Discovery, ASearchThatShowsNothingMeansAbsentAfterTwoSeconds) {
+TEST_F(Discovery, ASearchThatFindsNothingMeansAbsentAfterTwoSeconds) {
     discovery->startSearch();
     mainLoop.advanceBy(2s);
     EXPECT_EQ(ports, (std::vector<std::int64_t>{-1}));
@@ -220,7 +220,7 @@ TEST_F(Discovery, ASearchThatShowsNothingMeansAbsentAfterTwoSeconds) {
     EXPECT_EQ(searches(), 2U);
 }
 
-TEST_F(Discovery, AnAbsentServerIsNoticedFromAnotherThreadAndTheSearchBeginsOnTheMainOne) {
+TEST_F(Discovery, AnAbsenceReportedOnAnotherThreadStartsTheSearchOnTheMainThread) {
     discovery->startSearch();
     onMainThread = false;
     LogRecorder log(15, kLoggingHTTPDiscovery);
@@ -239,7 +239,7 @@ TEST_F(Discovery, AnAbsentServerIsNoticedFromAnotherThreadAndTheSearchBeginsOnTh
     EXPECT_EQ(otherLoop.pendingCount(), 1U);
 }
 
-TEST_F(Discovery, PollsTenPortsFromTheMinimumFiveSecondsAfterAFruitlessRestart) {
+TEST_F(Discovery, PollsTenPortsFromTheMinimumFiveSecondsAfterARestartWithoutResult) {
     UserDefaults::standard().setString("minimumPortNumber", "12000");
     discovery->beginSearchAgainIn(1s);
     browser->setDelegate({});  // a search that not even its silence is heard of
@@ -269,7 +269,7 @@ TEST_F(Discovery, ThePollStopsAtTheHighestPort) {
     UserDefaults::standard().removeKey("minimumPortNumber");
 }
 
-TEST_F(Discovery, APollThatIsAnsweredRecordsThePort) {
+TEST_F(Discovery, APollWithAResponseRecordsThePort) {
     http.answer("http://localhost:8003/status", FakeHTTPClient::reply("", 404));
     http.answer("http://localhost:8001/status", FakeHTTPClient::cutShort(""));
     discovery->fallbackToHTTPPolling();
@@ -280,7 +280,7 @@ TEST_F(Discovery, APollThatIsAnsweredRecordsThePort) {
     EXPECT_EQ(searches(), 1U);
 }
 
-TEST_F(Discovery, AResultDisarmsThePoll) {
+TEST_F(Discovery, AResultCancelsThePoll) {
     discovery->beginSearchAgainIn(1s);
     mainLoop.advanceBy(1s);
     for (int round = 0; round < 10; ++round) {
@@ -308,7 +308,7 @@ TEST_F(Discovery, StoppingCancelsAPendingPollButNotAPendingSearch) {
     EXPECT_TRUE(http.requests().empty());
 }
 
-TEST_F(Discovery, TheNumberOfSecondsMayComeAsANumber) {
+TEST_F(Discovery, TheDelayMayBeGivenInSeconds) {
     discovery->beginSearchAgainWithNumber(0.5);
     mainLoop.advanceBy(499ms);
     EXPECT_EQ(searches(), 0U);
@@ -316,14 +316,14 @@ TEST_F(Discovery, TheNumberOfSecondsMayComeAsANumber) {
     EXPECT_EQ(searches(), 1U);
 }
 
-TEST_F(Discovery, AnObserverMayAskForThePort) {
+TEST_F(Discovery, AnObserverMayReadThePort) {
     long seen = 0;
     onNotification = [&] { seen = discovery->servicePortNumber(); };
     discovery->resolvedToPort(8005, 0s);
     EXPECT_EQ(seen, 8005);
 }
 
-TEST_F(Discovery, ARenamedServiceNameIsWhatMatches) {
+TEST_F(Discovery, AChangedServiceNameIsTheOneThatMatches) {
     discovery->setServiceName("another");
     discovery->startSearch();
     browser->show({std::make_shared<FakeNetService>("another", 8042)});
@@ -331,7 +331,7 @@ TEST_F(Discovery, ARenamedServiceNameIsWhatMatches) {
     EXPECT_EQ(discovery->servicePortNumber(), 8042);
 }
 
-TEST_F(Discovery, AnHourWithAHealthyServerLeavesNothingBehind) {
+TEST_F(Discovery, AnHourWithAHealthyServerLeavesNothingPending) {
     discovery->startSearch();
     std::size_t pendingAfterAMinute = 0;
     for (int second = 1; second <= 3600; ++second) {

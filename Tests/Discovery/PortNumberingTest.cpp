@@ -58,7 +58,7 @@ TEST_F(Ports, AMaximumBelowTheMinimumIsReplacedAndAnEqualOneKept) {
     EXPECT_EQ(range(), Range(9000, 9000));
 }
 
-TEST_F(Ports, SettingsAreReadAfreshAndNarrowedTo32Bits) {
+TEST_F(Ports, SettingsAreReadAtEveryCallAndNarrowedTo32Bits) {
     set("9000", nullptr);
     EXPECT_EQ(range(), Range(9000, 10000));
     set("9100", nullptr);

@@ -93,14 +93,14 @@ private:
     bool made_ = false;
 };
 
-TEST_F(MachineSpecificName, IsTheBareNameOnAMachineWithoutTheInterface) {
+TEST_F(MachineSpecificName, IsTheBaseNameWithoutTheInterface) {
     const Told told = nameOf("KRVQuicktimeProcess");
     EXPECT_EQ(told.name, "KRVQuicktimeProcess");
     EXPECT_EQ(told.text, "");
     EXPECT_EQ(machineSpecificNameFor_CopyMACAddressData(), std::nullopt);
 }
 
-TEST_F(MachineSpecificName, LeadsWithTheHardwareAddressInLowerCaseHexadecimal) {
+TEST_F(MachineSpecificName, StartsWithTheHardwareAddressInLowerCaseHexadecimal) {
     makeInterface("02:00:5e:10:0a:ff");
     const Told told = nameOf("KRVQuicktimeProcess");
     EXPECT_EQ(told.name, "02005e100aff-KRVQuicktimeProcess");
@@ -110,7 +110,7 @@ TEST_F(MachineSpecificName, LeadsWithTheHardwareAddressInLowerCaseHexadecimal) {
     EXPECT_EQ(machineSpecificNameFor_CopyMACAddressData(), bytes);
 }
 
-TEST_F(MachineSpecificName, KeepsAnyBaseNameAsItIs) {
+TEST_F(MachineSpecificName, KeepsTheBaseNameUnchanged) {
     makeInterface("02:00:00:00:00:01");
     EXPECT_EQ(nameOf("").name, "020000000001-");
     EXPECT_EQ(nameOf("a {} %s b").name, "020000000001-a {} %s b");
@@ -131,7 +131,7 @@ TEST_F(MachineSpecificName, FindsTheAddressOfAnInterfaceThatIsUpAndHasOthers) {
     EXPECT_EQ(hardwareAddressOfInterface("en1").address->size(), 6U);
 }
 
-TEST_F(MachineSpecificName, IsTheBareNameForAnInterfaceWithoutAnAddress) {
+TEST_F(MachineSpecificName, IsTheBaseNameForAnInterfaceWithoutAnAddress) {
     ASSERT_EQ(test::runShell("ip link set lo down && ip link set lo name en0"), 0);
     const Told told = nameOf("s");
     const HardwareAddressLookup lookup = hardwareAddressOfInterface("en0");
@@ -142,7 +142,7 @@ TEST_F(MachineSpecificName, IsTheBareNameForAnInterfaceWithoutAnAddress) {
     EXPECT_EQ(lookup.failure, Failure::None);
 }
 
-TEST_F(MachineSpecificName, TellsThatTheKernelCannotBeAsked) {
+TEST_F(MachineSpecificName, ReportsThatTheQueryFailed) {
     for (const int code : {EAFNOSUPPORT, EPROTONOSUPPORT}) {
         failWith(code);
         const Told told = nameOf("s");
@@ -155,7 +155,7 @@ TEST_F(MachineSpecificName, TellsThatTheKernelCannotBeAsked) {
     }
 }
 
-TEST_F(MachineSpecificName, TellsThatTheListCannotBeRead) {
+TEST_F(MachineSpecificName, ReportsThatTheListIsUnreadable) {
     for (const int code : {EMFILE, ENOMEM}) {
         failWith(code);
         const Told told = nameOf("s");
@@ -168,7 +168,7 @@ TEST_F(MachineSpecificName, TellsThatTheListCannotBeRead) {
     }
 }
 
-TEST_F(MachineSpecificName, TellsThatTheInterfaceHasGoneInBetween) {
+TEST_F(MachineSpecificName, ReportsThatTheInterfaceWasRemovedDuringTheCall) {
     makeInterface("02:00:00:00:00:04");
     scriptedInterfaces = [](ifaddrs** list) {
         const int result = realInterfaces(list);

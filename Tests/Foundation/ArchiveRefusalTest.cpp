@@ -167,7 +167,7 @@ Value argument(const KRVOperationBase::Ref& record) {
     return record ? (*record->arguments())["value"] : Value("refused");
 }
 
-TEST(ArchiveReader, ReadsAnArchivePutTogetherByHand) {
+TEST(ArchiveReader, ReadsAHandmadeArchive) {
     const auto record = readRecord([](Archive& a) -> std::vector<Archive::Field> {
         return {{"opType", a.file.integer(6)}, {"completed", a.file.boolean(true)}};
     });
@@ -177,7 +177,7 @@ TEST(ArchiveReader, ReadsAnArchivePutTogetherByHand) {
     EXPECT_TRUE(record->arguments()->empty());
 }
 
-TEST(ArchiveReader, TakesAnyReferenceAndOffsetSize) {
+TEST(ArchiveReader, AcceptsAnyReferenceAndOffsetSize) {
     for (const int size : {1, 2, 3, 4, 5, 8}) {
         Archive archive(size);
         archive.file.offsetSize = size == 1 ? 2 : size;
@@ -190,7 +190,7 @@ TEST(ArchiveReader, TakesAnyReferenceAndOffsetSize) {
     }
 }
 
-TEST(ArchiveReader, RefusesNothingEmptyAndRandomBytes) {
+TEST(ArchiveReader, RefusesMissingEmptyAndRandomBytes) {
     EXPECT_EQ(KRVOperationBase::operationFromData(nullptr), nullptr);
     EXPECT_EQ(read(""), nullptr);
     std::mt19937 random(1);
@@ -248,7 +248,7 @@ TEST(ArchiveReader, RefusesSizesOutOfRangeInTheTrailer) {
     }
 }
 
-TEST(ArchiveReader, RefusesRootsThatAreNoRecord) {
+TEST(ArchiveReader, RefusesRootsThatAreNotARecord) {
     for (const char* name : {"NSDictionary", "NSNull", "NSArray"}) {
         Archive archive;
         archive.number(0);
@@ -364,7 +364,7 @@ TEST(ArchiveReader, RefusesTwoHundredThousandNestedObjects) {
     EXPECT_EQ(read(file.bytes()), nullptr);
 }
 
-TEST(ArchiveReader, RefusesCountsBeyondTheBytesLeft) {
+TEST(ArchiveReader, RefusesCountsBeyondTheRemainingBytes) {
     const std::vector<Bytes> hostile{
         Bytes("\x5F\x13") + bigEndian(1ULL << 62, 8), Bytes("\x6F\x13") + bigEndian(1ULL << 63, 8),
         Bytes("\x4F\x12") + bigEndian(0xFFFFFFFF, 4), Bytes("\xAF\x13") + bigEndian(1ULL << 61, 8),
@@ -401,7 +401,7 @@ TEST(ArchiveReader, WorkForSharedListsIsBounded) {
     EXPECT_EQ(read(archive.bytes()), nullptr);
 }
 
-TEST(ArchiveReader, RefusesContainersThatDoNotHoldTogether) {
+TEST(ArchiveReader, RefusesInconsistentContainers) {
     const auto dictionary = [](const std::function<std::vector<Archive::Field>(Archive&, std::uint64_t)>& fields) {
         return argument(readArgument([&](Archive& a) {
                    const auto text = a.number(a.file.text("x"));

@@ -26,7 +26,7 @@ class Observer : public OperationProgress {
     bool operation(const KRVOperationBase::Ref&, float) override { return true; }
 };
 
-TEST(Archive, AnEmptyRecordComesBackWithTheProcessIdAlone) {
+TEST(Archive, AnEmptyRecordIsReadBackWithTheProcessIdAlone) {
     KRVOperationBase record;
     const auto back = roundTrip(record);
     ASSERT_TRUE(back);
@@ -40,7 +40,7 @@ TEST(Archive, AnEmptyRecordComesBackWithTheProcessIdAlone) {
     EXPECT_EQ(back->arguments()->size(), 1U);
 }
 
-TEST(Archive, DictionariesComeBackMutable) {
+TEST(Archive, DictionariesAreReadBackMutable) {
     KRVOperationBase record;
     const Dictionary result = Dictionary::fromEntries({{std::make_shared<const std::string>("k"), Value(1)}},
                                                       Dictionary::Mutability::Immutable);
@@ -51,7 +51,7 @@ TEST(Archive, DictionariesComeBackMutable) {
     EXPECT_EQ(*back->result(), result);
 }
 
-TEST(Archive, NullDictionariesComeBackEmpty) {
+TEST(Archive, NullDictionariesAreReadBackEmpty) {
     KRVOperationBase record;
     record.setResult(nullptr);
     record.setArguments(nullptr);
@@ -87,7 +87,7 @@ TEST(Archive, CancelledWithoutCompletedSurvives) {
     EXPECT_FALSE(back->completed());
 }
 
-TEST(Archive, TimeToLiveTravelsAsItsLow32Bits) {
+TEST(Archive, TimeToLiveIsArchivedAsItsLow32Bits) {
     KRVOperationBase record;
     for (const auto& [sent, received] : {std::pair<std::int64_t, std::int64_t>{3, 3},
                                          {0x100000003, 3},
@@ -99,7 +99,7 @@ TEST(Archive, TimeToLiveTravelsAsItsLow32Bits) {
     }
 }
 
-TEST(Archive, TheProgressDelegateStaysBehind) {
+TEST(Archive, TheProgressDelegateIsNotArchived) {
     KRVOperationBase record;
     record.setProgressDelegate(std::make_shared<Observer>());
     EXPECT_EQ(roundTrip(record)->progressDelegate(), nullptr);
@@ -146,7 +146,7 @@ TEST(Archive, EveryKindOfValueSurvives) {
     }
 }
 
-TEST(Archive, NotANumberAndNegativeZeroAreKeptAsTheyAre) {
+TEST(Archive, NotANumberAndNegativeZeroSurvive) {
     EXPECT_TRUE(std::isnan(roundTrip(Value(std::nan(""))).doubleValue()));
     EXPECT_TRUE(std::signbit(roundTrip(Value(-0.0)).doubleValue()));
     KRVOperationBase record;
@@ -177,7 +177,7 @@ TEST(Archive, AStringUnderAThousandKeysIsStoredOnce) {
     EXPECT_EQ((*back->arguments())["7"].string(), (*back->arguments())["8"].string());
 }
 
-TEST(Archive, ContainersSharedManyTimesOverStaySmall) {
+TEST(Archive, ContainersSharedManyTimesStaySmall) {
     Value value("leaf");
     for (int level = 0; level < 12; ++level) {
         value = Value(Array(10, value));  // 10^12 leaves
@@ -218,7 +218,7 @@ TEST(Archive, ADictionaryThatContainsItselfIsWrittenButNotRead) {
     cyclic->remove("self");
 }
 
-TEST(Archive, TextsThatEveryArchiveHoldsAreOrdinaryTexts) {
+TEST(Archive, TextsThatEveryArchiveContainsAreOrdinaryTexts) {
     for (const char* text :
          {"$null", "$version", "$objects", "$archiver", "$top", "$class", "$classname", "$classes", "NSKeyedArchiver",
           "root", "NSObject", "NS.keys", "NS.objects", "NSDictionary", "NSMutableDictionary"}) {
@@ -227,7 +227,7 @@ TEST(Archive, TextsThatEveryArchiveHoldsAreOrdinaryTexts) {
     }
 }
 
-TEST(Archive, WhatAThreadArchivedBeforeLeavesNoTrace) {
+TEST(Archive, AThreadsEarlierArchiveLeavesNoTrace) {
     const auto small = KRVOperationBase::cancelAllOperationsOperation();
     const Data first = small->convertToData();
     KRVOperationBase large;

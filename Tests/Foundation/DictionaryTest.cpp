@@ -24,7 +24,7 @@ TEST(Dictionary, KeepsKeysInAscendingOrder) {
     EXPECT_EQ(d.size(), 1U);
 }
 
-TEST(Dictionary, OfEqualKeysTheLaterEntryStays) {
+TEST(Dictionary, TheLastOfEqualKeysIsKept) {
     for (const int count : {3, 40}) {
         std::vector<Dictionary::Entry> entries;
         for (int i = 0; i < count; ++i) {

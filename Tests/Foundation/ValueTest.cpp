@@ -10,7 +10,7 @@
 namespace krv {
 namespace {
 
-TEST(Value, NumbersRememberWhatTheyWereMadeFrom) {
+TEST(Value, NumbersKeepTheirKind) {
     EXPECT_EQ(Value(true).kind(), Value::Kind::Boolean);
     EXPECT_EQ(Value(1).kind(), Value::Kind::Integer);
     EXPECT_EQ(Value(1.0F).kind(), Value::Kind::Float32);
@@ -36,7 +36,7 @@ TEST(Value, ConvertsNumbersWithinTheRangeOfTheResult) {
     EXPECT_EQ(Value("7").integerValue(), 0);
 }
 
-TEST(Value, ReadsAsEmptyWhenOfAnotherKind) {
+TEST(Value, IsEmptyWhenReadAsAnotherKind) {
     EXPECT_EQ(Value(3).stringValue(), "");
     EXPECT_EQ(Value("x").sizeValue(), (Size{0, 0}));
     EXPECT_EQ(Value("x").array(), nullptr);

@@ -248,7 +248,7 @@ protected:
     }
 };
 
-TEST_P(WireSample, IsReadAsItsListingSays) {
+TEST_P(WireSample, IsReadAsItsListing) {
     const auto record = KRVOperationBase::operationFromData(dataOf(contents(path(".bin"))));
     ASSERT_TRUE(record);
     std::vector<std::string> expected;

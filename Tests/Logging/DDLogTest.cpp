@@ -13,7 +13,7 @@ constexpr LogSite kPlain{"Source/Test", Selector("plain")};
 constexpr LogSite kMasked{"Source/Test", Selector("masked"), kLoggingHTTPMessaging | kLoggingDebug};
 constexpr LogSite kApplication{"Source/Test", Selector("application"), 0, kLogContextApplication};
 
-TEST(Logging, IsSilentUnlessSwitchedOn) {
+TEST(Logging, IsSilentUnlessEnabled) {
     int lines = 0;
     DDLog::setSink([&](const LogMessage&) { ++lines; });
     KRV_LOG(kLogFlagError, kPlain, "x");
@@ -47,7 +47,7 @@ TEST(Logging, AMaskedLineNeedsEveryBitOfItsMask) {
     }
 }
 
-TEST(Logging, TheContextDecidesWhichLevelWordCounts) {
+TEST(Logging, TheContextSelectsTheLevelWord) {
     LogRecorder log;
     qtClientLogLevel = 0;
     KRV_LOG(kLogFlagInfo, kPlain, "client");
@@ -60,13 +60,13 @@ TEST(Logging, TheContextDecidesWhichLevelWordCounts) {
     EXPECT_EQ(log.lines()[0].function, "application");
 }
 
-TEST(Logging, ArgumentsAreNotWorkedOutForALineThatDoesNotPass) {
+TEST(Logging, ArgumentsOfALineThatDoesNotPassAreNotEvaluated) {
     int evaluated = 0;
     KRV_LOG(kLogFlagInfo, kPlain, "{}", ++evaluated);
     EXPECT_EQ(evaluated, 0);
 }
 
-TEST(Logging, ASinkThatFailsOrLogsItselfHarmsNobody) {
+TEST(Logging, ASinkMayThrowAndLog) {
     LogRecorder log;
     int lines = 0;
     DDLog::setSink([&](const LogMessage&) {

@@ -44,7 +44,7 @@ TEST_F(Timer, DoesNotTickBeforeItIsStarted) {
     EXPECT_EQ(timer->ticks, 0);
 }
 
-TEST_F(Timer, TicksOnceASecondTheFirstTimeAfterASecond) {
+TEST_F(Timer, TicksEverySecondStartingAfterASecond) {
     timer->startMonitorTimer();
     EXPECT_TRUE(timer->isMonitoring());
     loop.advanceBy(999ms);
@@ -55,7 +55,7 @@ TEST_F(Timer, TicksOnceASecondTheFirstTimeAfterASecond) {
     EXPECT_EQ(timer->ticks, 10);
 }
 
-TEST_F(Timer, StoppingEndsTheTicksAtOnce) {
+TEST_F(Timer, StoppingStopsTheTicksAtOnce) {
     timer->startMonitorTimer();
     loop.advanceBy(1s);
     timer->stopMonitorTimer();
@@ -75,13 +75,13 @@ TEST_F(Timer, StartingAgainReplacesTheTimer) {
     EXPECT_EQ(timer->ticks, 1);
 }
 
-TEST_F(Timer, StoppingWhileNotMonitoringStillSendsBothAnnouncements) {
+TEST_F(Timer, StoppingAStoppedTimerStillCallsObserversTwice) {
     observe();
     timer->stopMonitorTimer();
     EXPECT_EQ(seen, (Announcements{"coming no", "made no"}));
 }
 
-TEST_F(Timer, StartingAnnouncesAroundTheAnnouncementsOfStopping) {
+TEST_F(Timer, StartingCallsObserversBeforeAndAfterStopping) {
     observe();
     timer->startMonitorTimer();
     EXPECT_EQ(seen, (Announcements{"coming no", "coming no", "made no", "made yes"}));
@@ -93,14 +93,14 @@ TEST_F(Timer, StartingAnnouncesAroundTheAnnouncementsOfStopping) {
     EXPECT_EQ(seen, (Announcements{"coming yes", "made no"}));
 }
 
-TEST_F(Timer, ARemovedObserverIsToldNothing) {
+TEST_F(Timer, ARemovedObserverIsNotCalled) {
     observe();
     timer->removeObserver(token);
     timer->startMonitorTimer();
     EXPECT_EQ(seen, Announcements{});
 }
 
-TEST_F(Timer, IsKeptAliveByTheRunLoopWhileItTicks) {
+TEST_F(Timer, IsKeptByTheRunLoopWhileItTicks) {
     timer->startMonitorTimer();
     const std::weak_ptr<CountingTimer> weak = timer;
     timer.reset();
@@ -111,7 +111,7 @@ TEST_F(Timer, IsKeptAliveByTheRunLoopWhileItTicks) {
     EXPECT_TRUE(weak.expired());
 }
 
-TEST_F(Timer, DoesNothingInItsTickUnlessAClassDerivesFromIt) {
+TEST_F(Timer, ATickDoesNothingByDefault) {
     const auto plain = std::make_shared<PlainTimer>();
     plain->startMonitorTimer();
     EXPECT_NO_THROW(loop.advanceBy(3s));

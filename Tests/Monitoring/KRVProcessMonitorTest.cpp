@@ -26,7 +26,7 @@ TEST_F(ProcessMonitor, OurPIDIsThisProcess) {
     EXPECT_EQ(KRVProcessMonitor::ourPID(), Value(std::int64_t{::getpid()}));
 }
 
-TEST_F(ProcessMonitor, AProcessExistsWhateverNameIsGiven) {
+TEST_F(ProcessMonitor, AProcessExistsForAnyGivenName) {
     EXPECT_TRUE(KRVProcessMonitor::doesProcessExist(11, "other", processes));
     EXPECT_TRUE(KRVProcessMonitor::doesProcessExist(11, "no match", processes));
     EXPECT_FALSE(KRVProcessMonitor::doesProcessExist(99, "other", processes));
@@ -61,7 +61,7 @@ TEST_F(ProcessMonitor, WatchesAnIdOnceAndLogsOnce) {
     EXPECT_EQ(log.texts(), (std::vector<std::string>{"Client with PID 10 registered"}));
 }
 
-TEST_F(ProcessMonitor, PollingDropsWhatHasGone) {
+TEST_F(ProcessMonitor, PollingRemovesExitedProcesses) {
     KRVProcessMonitor monitor(processes);
     monitor.monitorPID(10);
     monitor.monitorPID(11);
@@ -73,7 +73,7 @@ TEST_F(ProcessMonitor, PollingDropsWhatHasGone) {
     EXPECT_TRUE(monitor.someMonitoredProcessesStillRunning());
 }
 
-TEST_F(ProcessMonitor, ADeadIdStaysUntilItIsPolledFor) {
+TEST_F(ProcessMonitor, ADeadIdStaysUntilAPoll) {
     KRVProcessMonitor monitor(processes);
     monitor.monitorPID(10);
     processes.remove(10);
@@ -83,7 +83,7 @@ TEST_F(ProcessMonitor, ADeadIdStaysUntilItIsPolledFor) {
     EXPECT_FALSE(monitor.someMonitoredProcessesStillRunning());
 }
 
-TEST_F(ProcessMonitor, ASnapshotDoesNotFollowTheList) {
+TEST_F(ProcessMonitor, ACopyDoesNotFollowTheList) {
     KRVProcessMonitor monitor(processes);
     monitor.setPidsToMonitor({10, 11});
     const auto snapshot = monitor.pidsBeingMonitored();
@@ -91,7 +91,7 @@ TEST_F(ProcessMonitor, ASnapshotDoesNotFollowTheList) {
     EXPECT_EQ(snapshot, (Pids{10, 11}));
 }
 
-TEST_F(ProcessMonitor, LogsItsLife) {
+TEST_F(ProcessMonitor, LogsCreationAndDestruction) {
     LogRecorder log;
     { const KRVProcessMonitor monitor(processes); }
     EXPECT_EQ(log.texts(), (std::vector<std::string>{"Process monitor started", "Process monitor deallocating"}));

@@ -30,7 +30,7 @@ bool stores(const Archivable& object, std::string_view text) {
     return all.find(marked) != std::string_view::npos;
 }
 
-TEST(EncodingParameters, FactoryMakesTheClassItIsAskedOf) {
+TEST(EncodingParameters, FactoryCreatesTheClassItIsCalledOn) {
     const auto blob = bytes({1, 2, 3});
     const auto video = VideoEncodingParameters::encodingParametersWithData(blob);
     EXPECT_EQ(video->settingsBlob(), blob);

@@ -15,7 +15,7 @@ std::shared_ptr<const Error> someError() {
     return Error::make("KRVQuicktimeProcess", 4, {{NSLocalizedDescriptionKey, "broken"}});
 }
 
-TEST(KRVOperationBase, ANewRecordHoldsNothingButTheProcessId) {
+TEST(KRVOperationBase, ANewRecordContainsOnlyTheProcessId) {
     const KRVOperationBase record;
     EXPECT_EQ(record.operationType(), 0);
     EXPECT_EQ(record.uniqueID(), std::nullopt);
@@ -255,7 +255,7 @@ TEST(KRVOperationBase, CopyFromKeepsResultAndArgumentsThatTheReplyLacks) {
     EXPECT_EQ(request.arguments()->size(), 1U);
 }
 
-TEST(KRVOperationBase, CopyFromNothingClearsAllButDictionariesAndCancellation) {
+TEST(KRVOperationBase, CopyFromNullClearsAllButDictionariesAndCancellation) {
     KRVOperationBase request;
     request.setError(someError());
     request.setUniqueID("u");

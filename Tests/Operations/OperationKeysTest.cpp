@@ -44,7 +44,7 @@ TEST(OperationKeys, HaveTheTextsOfTheWireForm) {
                                              "metadataFrameRate", "metadataPoster"}));
 }
 
-TEST(OperationKeys, AreAllDifferent) {
+TEST(OperationKeys, AreDistinct) {
     std::set<std::string_view> all;
     for (const auto* group : {&kArguments, &kResults, &kMetadata}) {
         all.insert(group->begin(), group->end());

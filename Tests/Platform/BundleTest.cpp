@@ -36,7 +36,7 @@ protected:
     test::TemporaryFolder folder_;
 };
 
-TEST_F(BundleTest, TheMainBundleIsTheApplicationAroundTheExecutable) {
+TEST_F(BundleTest, TheMainBundleIsTheEnclosingApplication) {
     EXPECT_EQ(ask(copyProbeTo("Editor.app/Contents/MacOS/Editor"), "bundle", ""), in("Editor.app"));
 }
 
@@ -44,7 +44,7 @@ TEST_F(BundleTest, TheMainBundleIsTheExecutablesDirectoryOtherwise) {
     EXPECT_EQ(ask(copyProbeTo("bin/editor"), "bundle", ""), in("bin"));
 }
 
-TEST_F(BundleTest, OnlyTheWholeFormOfAnApplicationCounts) {
+TEST_F(BundleTest, OnlyACompleteApplicationPathCounts) {
     EXPECT_EQ(bundleDirectoryOfExecutable("/x/E.app/Contents/MacOS/E"), "/x/E.app");
     EXPECT_EQ(bundleDirectoryOfExecutable("/x/E/Contents/MacOS/E"), "/x/E/Contents/MacOS");
     EXPECT_EQ(bundleDirectoryOfExecutable("/x/E.app/MacOS/E"), "/x/E.app/MacOS");
@@ -52,7 +52,7 @@ TEST_F(BundleTest, OnlyTheWholeFormOfAnApplicationCounts) {
     EXPECT_EQ(bundleDirectoryOfExecutable("/E"), "/");
 }
 
-TEST_F(BundleTest, ResourcesAreLookedForInContentsThenInResourcesThenInTheDirectoryItself) {
+TEST_F(BundleTest, ResourcesAreSearchedInContentsThenResourcesThenTheDirectoryItself) {
     EXPECT_EQ(bundle().pathForResource("Server", "app"), std::nullopt);
     folder_.write("Server.app/x", "");
     EXPECT_EQ(bundle().pathForResource("Server", "app"), in("Server.app"));
@@ -68,7 +68,7 @@ TEST_F(BundleTest, AResourceWithoutATypeIsItsNameOnly) {
     EXPECT_EQ(bundle().pathForResource("", ""), std::nullopt);
 }
 
-TEST_F(BundleTest, AuxiliaryExecutablesAreLookedForInContentsThenInTheDirectoryItself) {
+TEST_F(BundleTest, AuxiliaryExecutablesAreSearchedInContentsThenTheDirectoryItself) {
     folder_.write("Resources/helper", "");
     EXPECT_EQ(bundle().pathForAuxiliaryExecutable("helper"), std::nullopt);
     folder_.write("helper", "");
@@ -100,7 +100,7 @@ TEST_F(BundleTest, TheBundleOfAFunctionOfALibraryIsTheLibrarysDirectory) {
     EXPECT_TRUE(fs::exists(found->path() + "/libglib-2.0.so.0")) << found->path();
 }
 
-TEST_F(BundleTest, AnAddressOutsideOfEveryFileHasNoBundle) {
+TEST_F(BundleTest, AnAddressOutsideEveryFileHasNoBundle) {
     const int onTheStack = 0;
     EXPECT_FALSE(Bundle::containing(&onTheStack));
     EXPECT_FALSE(Bundle::containing(nullptr));
@@ -113,20 +113,20 @@ constexpr const char* kInfo = R"(<?xml version="1.0" encoding="UTF-8"?>
     <key>CFBundleIdentifier</key><string>org.example.Editor</string>
 </dict></plist>)";
 
-TEST_F(BundleTest, TheIdentifierStandsInTheInfoFile) {
+TEST_F(BundleTest, TheIdentifierIsReadFromTheInfoFile) {
     EXPECT_EQ(bundle().bundleIdentifier(), std::nullopt);
     folder_.write("Contents/Info.plist", kInfo);
     EXPECT_EQ(bundle().bundleIdentifier(), "org.example.Editor");
 }
 
-TEST_F(BundleTest, ADamagedOrVeryLongInfoFileCountsAsNone) {
+TEST_F(BundleTest, ADamagedOrVeryLongInfoFileIsIgnored) {
     folder_.write("Contents/Info.plist", std::string_view(kInfo).substr(0, std::string_view(kInfo).size() - 1));
     EXPECT_EQ(bundle().bundleIdentifier(), std::nullopt);
     folder_.write("Contents/Info.plist", kInfo + std::string(2 << 20, ' '));
     EXPECT_EQ(bundle().bundleIdentifier(), std::nullopt);
 }
 
-TEST_F(BundleTest, TheMainBundlesIdentifierIsTheInfoFilesBeforeTheApplicationObjects) {
+TEST_F(BundleTest, TheInfoFilesIdentifierComesBeforeTheApplicationObjects) {
     const std::string probe = copyProbeTo("Editor.app/Contents/MacOS/Editor");
     EXPECT_EQ(ask(probe, "identifier", ""), "(none)");
     EXPECT_EQ(ask(probe, "application", "org.example.Object"), "org.example.Object");
@@ -134,7 +134,7 @@ TEST_F(BundleTest, TheMainBundlesIdentifierIsTheInfoFilesBeforeTheApplicationObj
     EXPECT_EQ(ask(probe, "application", "org.example.Object"), "org.example.Editor");
 }
 
-TEST_F(BundleTest, TheMainBundlesIdentifierIsWhatTheApplicationSetWhenThereIsNoOther) {
+TEST_F(BundleTest, TheApplicationsIdentifierIsUsedIfThereIsNoOther) {
     EXPECT_EQ(Bundle::main().bundleIdentifier(), std::nullopt);
     Bundle::setApplicationIdentifier("org.example.Tests");
     EXPECT_EQ(Bundle::main().bundleIdentifier(), "org.example.Tests");

@@ -13,21 +13,21 @@ TEST(ClassRegistry, KnowsTheBundleOfARegisteredClass) {
     EXPECT_EQ(bundle->path(), "/media");
 }
 
-TEST(ClassRegistry, KnowsNothingOfOtherClasses) {
+TEST(ClassRegistry, OtherClassesAreMissing) {
     ClassRegistry registry;
     registry.registerClass("KRVMedia", Bundle({"/media"}));
     EXPECT_FALSE(registry.bundleForClass("KRVmedia"));
     EXPECT_FALSE(registry.bundleForClass(""));
 }
 
-TEST(ClassRegistry, TheLatestRegistrationCounts) {
+TEST(ClassRegistry, TheLatestRegistrationWins) {
     ClassRegistry registry;
     registry.registerClass("KRVMedia", Bundle({"/one"}));
     registry.registerClass("KRVMedia", Bundle({"/two"}));
     EXPECT_EQ(registry.bundleForClass("KRVMedia")->path(), "/two");
 }
 
-TEST(ClassRegistry, ForgetsAClassThatIsUnloaded) {
+TEST(ClassRegistry, RemovesAnUnregisteredClass) {
     ClassRegistry registry;
     registry.registerClass("KRVMedia", Bundle({"/media"}));
     registry.unregisterClass("KRVMedia");
@@ -35,7 +35,7 @@ TEST(ClassRegistry, ForgetsAClassThatIsUnloaded) {
     EXPECT_FALSE(registry.bundleForClass("KRVMedia"));
 }
 
-TEST(ClassRegistry, IsOneForTheProcess) {
+TEST(ClassRegistry, TheSharedRegistryIsASingleton) {
     EXPECT_EQ(&ClassRegistry::shared(), &ClassRegistry::shared());
 }
 

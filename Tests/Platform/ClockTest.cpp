@@ -10,17 +10,17 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(Clock, ReadsSecondsAsTheClockCountsThem) {
+TEST(Clock, ConvertsSeconds) {
     EXPECT_EQ(durationFromSeconds(1.5), 1500ms);
     EXPECT_EQ(durationFromSeconds(0.0), 0s);
 }
 
-TEST(Clock, ReadsNegativeAndNoNumberAsZero) {
+TEST(Clock, ConvertsNegativeNumbersAndNaNToZero) {
     EXPECT_EQ(durationFromSeconds(-1.0), 0s);
     EXPECT_EQ(durationFromSeconds(std::nan("")), 0s);
 }
 
-TEST(Clock, HoldsWhatIsTooLargeAtTheLongestDuration) {
+TEST(Clock, LimitsLargeNumbersToTheLongestDuration) {
     EXPECT_EQ(durationFromSeconds(1e300), Clock::Duration::max());
     EXPECT_EQ(durationFromSeconds(std::numeric_limits<double>::infinity()), Clock::Duration::max());
 }
@@ -31,14 +31,14 @@ TEST(Clock, AddsDurationsUpToTheLatestTime) {
     EXPECT_EQ(timePointAfter(hour, Clock::Duration::max()), Clock::TimePoint::max());
 }
 
-TEST(Clock, TheMachinesClockNeverGoesBackAndSleepsAtLeastAsLongAsAsked) {
+TEST(Clock, TheMachinesClockNeverGoesBackAndSleepsLongEnough) {
     Clock& clock = Clock::steady();
     const auto before = clock.now();
     clock.sleepFor(1ms);
     EXPECT_GE(clock.now(), before + 1ms);
 }
 
-TEST(FakeClock, StandsStillUntilItIsMoved) {
+TEST(FakeClock, DoesNotAdvanceByItself) {
     FakeClock clock;
     const auto start = clock.now();
     EXPECT_EQ(clock.now(), start);
@@ -48,7 +48,7 @@ TEST(FakeClock, StandsStillUntilItIsMoved) {
     EXPECT_EQ(clock.now(), start + 2s);
 }
 
-TEST(FakeClock, SleepingPassesTheTimeAndIsRecorded) {
+TEST(FakeClock, SleepingAdvancesTheTimeAndIsRecorded) {
     FakeClock clock;
     const auto start = clock.now();
     clock.sleepFor(500ms);

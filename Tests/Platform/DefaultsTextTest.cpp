@@ -22,16 +22,16 @@ TEST(SettingsFromArguments, AreTheKeysWithTheValuesThatFollowThem) {
                 ElementsAre(Pair("minimumPortNumber", "9000"), Pair("name", "a b")));
 }
 
-TEST(SettingsFromArguments, AKeyWithoutAValueIsNone) {
+TEST(SettingsFromArguments, AKeyWithoutAValueIsIgnored) {
     EXPECT_THAT(settings({"-verbose", "-minimumPortNumber", "9000", "-last"}),
                 ElementsAre(Pair("minimumPortNumber", "9000")));
 }
 
-TEST(SettingsFromArguments, ANegativeNumberIsAValueAndNoKey) {
+TEST(SettingsFromArguments, ANegativeNumberIsAValueNotAKey) {
     EXPECT_THAT(settings({"-level", "-5", "-6", "7"}), ElementsAre(Pair("level", "-5")));
 }
 
-TEST(SettingsFromArguments, LongOptionsAreNoKeys) {
+TEST(SettingsFromArguments, LongOptionsAreNotKeys) {
     EXPECT_THAT(settings({"--level", "5", "-", "6"}), IsEmpty());
 }
 
@@ -39,11 +39,11 @@ TEST(SettingsFromArguments, EndAtTwoHyphens) {
     EXPECT_THAT(settings({"-a", "1", "--", "-b", "2"}), ElementsAre(Pair("a", "1")));
 }
 
-TEST(SettingsFromArguments, OfTwoValuesForOneKeyTheLaterStays) {
+TEST(SettingsFromArguments, TheLastValueOfAKeyWins) {
     EXPECT_THAT(settings({"-a", "1", "-a", "2"}), ElementsAre(Pair("a", "2")));
 }
 
-TEST(SettingsFromArguments, AnEmptyValueIsOne) {
+TEST(SettingsFromArguments, AnEmptyValueIsAValue) {
     EXPECT_THAT(settings({"-a", ""}), ElementsAre(Pair("a", "")));
     EXPECT_THAT(settings({}), IsEmpty());
 }
@@ -54,7 +54,7 @@ TEST(IntegerFromSetting, IsTheLeadingInteger) {
     EXPECT_EQ(integerFromSetting("+7.9"), 7);
 }
 
-TEST(IntegerFromSetting, IsZeroForTextThatBeginsOtherwise) {
+TEST(IntegerFromSetting, IsZeroForOtherText) {
     for (const char* text : {"", " ", "abc", "-", "+", "+-5", "--5", "- 5", "0x10", "no", "false", "yesterday"}) {
         EXPECT_EQ(integerFromSetting(text), 0) << text;
     }
@@ -66,7 +66,7 @@ TEST(IntegerFromSetting, ReadsYesAndTrueAsOne) {
     }
 }
 
-TEST(IntegerFromSetting, IsHeldWithin64Bits) {
+TEST(IntegerFromSetting, IsLimitedTo64Bits) {
     EXPECT_EQ(integerFromSetting("99999999999999999999"), std::numeric_limits<std::int64_t>::max());
     EXPECT_EQ(integerFromSetting("-99999999999999999999"), std::numeric_limits<std::int64_t>::min());
 }

@@ -41,7 +41,7 @@ TEST(GLibRunLoop, TheMainThreadsLoopIsTheMainLoop) {
     EXPECT_EQ(&RunLoop::current(), &RunLoop::main());
 }
 
-TEST(GLibRunLoop, EveryOtherThreadHasALoopOfItsOwn) {
+TEST(GLibRunLoop, EveryOtherThreadHasItsOwnLoop) {
     RunLoop* first = nullptr;
     RunLoop* again = nullptr;
     std::thread([&] {
@@ -52,7 +52,7 @@ TEST(GLibRunLoop, EveryOtherThreadHasALoopOfItsOwn) {
     EXPECT_NE(first, &RunLoop::main());
 }
 
-TEST(GLibRunLoop, AnApplicationsOwnMainLoopTurnsTheMainLoop) {
+TEST(GLibRunLoop, AnApplicationsGLibLoopRunsTheMainLoop) {
     GMainLoop* application = g_main_loop_new(nullptr, FALSE);
     std::vector<int> order;
     RunLoop::main().perform([&] { order.push_back(1); });
@@ -65,7 +65,7 @@ TEST(GLibRunLoop, AnApplicationsOwnMainLoopTurnsTheMainLoop) {
     EXPECT_THAT(order, ElementsAre(1, 2));
 }
 
-TEST(GLibRunLoop, WhatIsThrownInAnApplicationsOwnLoopIsLoggedAtErrorLevel) {
+TEST(GLibRunLoop, AnExceptionInAnApplicationsGLibLoopIsLoggedAtErrorLevel) {
     const ErrorLog log;
     GMainLoop* application = g_main_loop_new(nullptr, FALSE);
     RunLoop::main().perform([] { throw Exception("Tick", "the reason"); });
@@ -75,7 +75,7 @@ TEST(GLibRunLoop, WhatIsThrownInAnApplicationsOwnLoopIsLoggedAtErrorLevel) {
     EXPECT_THAT(log.texts(), ElementsAre(HasSubstr("the reason")));
 }
 
-TEST(GLibRunLoop, DispatchesWhatOthersHaveAttachedToItsContext) {
+TEST(GLibRunLoop, DispatchesOtherSourcesOfItsContext) {
     bool called = false;
     g_idle_add_once([](gpointer flag) { *static_cast<bool*>(flag) = true; }, &called);
     const auto limit = Clock::steady().now() + 60s;
@@ -85,7 +85,7 @@ TEST(GLibRunLoop, DispatchesWhatOthersHaveAttachedToItsContext) {
     EXPECT_TRUE(called);
 }
 
-TEST(GLibRunLoop, AThreadsContextIsTheDefaultOneWhileItTurns) {
+TEST(GLibRunLoop, AThreadsContextIsTheDefaultWhileItRuns) {
     std::thread([] {
         EXPECT_EQ(g_main_context_get_thread_default(), nullptr);
         GMainContext* inside = nullptr;
@@ -97,7 +97,7 @@ TEST(GLibRunLoop, AThreadsContextIsTheDefaultOneWhileItTurns) {
     }).join();
 }
 
-TEST(GLibRunLoop, RefusesToBeTurnedByAnotherThread) {
+TEST(GLibRunLoop, CannotBeRunByAnotherThread) {
     std::thread([] {
         EXPECT_THROW(RunLoop::main().runUntil(Clock::steady().now()), Exception);
         EXPECT_THROW(RunLoop::main().run(), Exception);
@@ -114,7 +114,7 @@ TEST(GLibRunLoop, AnotherThreadCanStopIt) {
     turned.join();
 }
 
-TEST(GLibRunLoop, WhatIsPendingWhenAThreadEndsIsLetGoAndItsTimersStayHarmless) {
+TEST(GLibRunLoop, PendingCallsAreDroppedWhenTheThreadExits) {
     auto object = std::make_shared<int>(1);
     std::shared_ptr<RunLoop::Timer> timer;
     std::thread([&] {
@@ -126,7 +126,7 @@ TEST(GLibRunLoop, WhatIsPendingWhenAThreadEndsIsLetGoAndItsTimersStayHarmless) {
     timer->invalidate();
 }
 
-TEST(GLibRunLoop, AReplacementStandsForTheMainAndTheCurrentLoop) {
+TEST(GLibRunLoop, AReplacementReplacesTheMainAndTheCurrentLoop) {
     RunLoop& before = RunLoop::main();
     {
         FakeClock clock;
@@ -152,7 +152,7 @@ TEST(FakeRunLoop, MakesEachCallAtExactlyItsTime) {
     EXPECT_EQ(clock.now(), start + 6s);
 }
 
-TEST(FakeRunLoop, TellsWhatIsPending) {
+TEST(FakeRunLoop, ReportsPendingCalls) {
     FakeClock clock;
     FakeRunLoop loop(clock);
     const auto object = std::make_shared<int>();
@@ -171,7 +171,7 @@ TEST(FakeRunLoop, RunningWithNothingToWaitForIsAnErrorOfTheTest) {
     EXPECT_THROW(loop.run(), std::logic_error);
 }
 
-TEST(FakeRunLoop, ReadyCallsRunWithoutPassingTime) {
+TEST(FakeRunLoop, ReadyCallsRunWithoutAdvancingTheClock) {
     FakeClock clock;
     FakeRunLoop loop(clock);
     const auto start = clock.now();

@@ -59,7 +59,7 @@ int connectionsSoFar(ScriptedServerProcess& server) {
     return number - 1;
 }
 
-TEST(HTTPClient, WithoutABodyItAsksWithGet) {
+TEST(HTTPClient, WithoutABodyItSendsAGet) {
     ScriptedServerProcess server({"body", "pong"});
     const auto response = get(server.url("/status"));
     EXPECT_EQ(text(response.body), "pong");
@@ -90,7 +90,7 @@ TEST(HTTPClient, AnEmptyBodyIsPostedToo) {
     EXPECT_EQ(request.headers.at("Content-Length"), "0");
 }
 
-TEST(HTTPClient, GivesNoContentTypeAndDoesNotWaitToBeAskedForTheBody) {
+TEST(HTTPClient, SendsNoContentTypeAndNoExpectHeader) {
     ScriptedServerProcess server;
     EXPECT_EQ(post(server.url(), std::string(kLargeBody, 'x')).status, 200);
     const auto request = server.nextRequest();
@@ -99,7 +99,7 @@ TEST(HTTPClient, GivesNoContentTypeAndDoesNotWaitToBeAskedForTheBody) {
     EXPECT_EQ(request.headers.count("Expect"), 0U);
 }
 
-TEST(HTTPClient, AGetAfterAPostCarriesNoBody) {
+TEST(HTTPClient, AGetAfterAPostHasNoBody) {
     ScriptedServerProcess server;
     (void)post(server.url(), "x");
     (void)get(server.url("/status"));
@@ -109,7 +109,7 @@ TEST(HTTPClient, AGetAfterAPostCarriesNoBody) {
     EXPECT_EQ(request.headers.count("Content-Length"), 0U);
 }
 
-TEST(HTTPClient, TheBodyIsPresentWhateverTheStatus) {
+TEST(HTTPClient, TheBodyIsPresentForAnyStatus) {
     ScriptedServerProcess server;
     for (const char* status : {"200", "404", "503"}) {
         server.tell("status", status);
@@ -122,7 +122,7 @@ TEST(HTTPClient, TheBodyIsPresentWhateverTheStatus) {
     EXPECT_THAT(get(server.url()).body, Optional(Data()));
 }
 
-TEST(HTTPClient, AHeadThatOnlyAnnouncesAnotherDoesNotCount) {
+TEST(HTTPClient, AnInformationalResponseIsSkipped) {
     ScriptedServerProcess server;
     server.tell("raw", "HTTP/1.1 100 Continue\\r\\n\\r\\nHTTP/1.1 404 Not\\r\\nContent-Length: 2\\r\\n\\r\\nno");
     const auto response = get(server.url());
@@ -132,7 +132,7 @@ TEST(HTTPClient, AHeadThatOnlyAnnouncesAnotherDoesNotCount) {
     EXPECT_EQ(get(server.url()).body, std::nullopt);
 }
 
-TEST(HTTPClient, ABodyThatIsCutShortStandsBesideAnError) {
+TEST(HTTPClient, ABodyThatIsCutShortComesWithAnError) {
     ScriptedServerProcess server({"body", "half", "claim", "8"});
     const auto response = get(server.url());
     EXPECT_EQ(text(response.body), "half");
@@ -140,7 +140,7 @@ TEST(HTTPClient, ABodyThatIsCutShortStandsBesideAnError) {
     EXPECT_THAT(response.error, Optional(HasSubstr("lost")));
 }
 
-TEST(HTTPClient, WithoutAResponseHeadThereIsNoBodyButAnError) {
+TEST(HTTPClient, WithoutResponseHeadersThereIsOnlyAnError) {
     ScriptedServerProcess server;
     for (const char* how : {"drop", "refuse"}) {
         server.tell("behave", how);
@@ -182,7 +182,7 @@ TEST(HTTPClient, ATimeoutCoversTheWholeExchange) {
     EXPECT_THAT(get(server.url("/deaf"), 50ms).error, Optional(HasSubstr("timed out")));
 }
 
-TEST(HTTPClient, ATimeoutThatHasPassedIsOne) {
+TEST(HTTPClient, AnExpiredTimeoutStillTimesOut) {
     ScriptedServerProcess server({"behave", "hang"});
     EXPECT_THAT(get(server.url(), 0s).error, Optional(HasSubstr("timed out")));
     EXPECT_THAT(get(server.url(), -5s).error, Optional(HasSubstr("timed out")));
@@ -203,7 +203,7 @@ TEST(HTTPClient, APortWithoutAServerIsAConnectionError) {
     }
 }
 
-TEST(HTTPClient, SendsNothingToAnotherMachineOrByAnotherProtocol) {
+TEST(HTTPClient, RefusesOtherMachinesAndOtherProtocols) {
     for (const char* url : {"http://example.org:8000", "https://localhost:8000", "file:///etc/hostname"}) {
         const auto response = get(url);
         EXPECT_EQ(response.body, std::nullopt) << url;
@@ -230,7 +230,7 @@ TEST(HTTPClient, ConnectionsStayOpenBetweenCalls) {
     }
 }
 
-TEST(HTTPClient, EachThreadHasConnectionsOfItsOwnAndClosesThemWhenItEnds) {
+TEST(HTTPClient, EachThreadHasItsOwnConnectionsAndClosesThemWhenItExits) {
     ScriptedServerProcess server;
     (void)get(server.url());
     EXPECT_EQ(server.nextRequest().connection, 1);
@@ -241,7 +241,7 @@ TEST(HTTPClient, EachThreadHasConnectionsOfItsOwnAndClosesThemWhenItEnds) {
     EXPECT_EQ(server.nextRequest().connection, 1);
 }
 
-TEST(HTTPClient, AConnectionThatTheServerHasClosedIsMadeAgainWithoutTheCallerNoticing) {
+TEST(HTTPClient, AConnectionThatTheServerClosedIsReopenedSilently) {
     ScriptedServerProcess server({"behave", "close"});
     for (int i = 1; i <= 5; ++i) {
         EXPECT_EQ(post(server.url(), "x").error, std::nullopt);
@@ -249,7 +249,7 @@ TEST(HTTPClient, AConnectionThatTheServerHasClosedIsMadeAgainWithoutTheCallerNot
     }
 }
 
-TEST(HTTPClient, ARequestThatTheServerHasTakenIsNotSentASecondTime) {
+TEST(HTTPClient, ARequestThatTheServerHasReceivedIsNotSentAgain) {
     ScriptedServerProcess server({"behave", "drop"});
     EXPECT_NE(post(server.url(), "once").error, std::nullopt);
     EXPECT_EQ(server.nextRequest().body, "once");
@@ -258,7 +258,7 @@ TEST(HTTPClient, ARequestThatTheServerHasTakenIsNotSentASecondTime) {
     EXPECT_EQ(server.nextRequest().path, "/after");
 }
 
-TEST(HTTPClient, FollowsNoRedirect) {
+TEST(HTTPClient, DoesNotFollowRedirects) {
     ScriptedServerProcess target;
     ScriptedServerProcess server({"status", "302", "header", "Location: " + target.url("/target"), "body", "moved"});
     const auto response = get(server.url());
@@ -267,7 +267,7 @@ TEST(HTTPClient, FollowsNoRedirect) {
     EXPECT_EQ(connectionsSoFar(target), 0);
 }
 
-TEST(HTTPClient, KeepsNoCookies) {
+TEST(HTTPClient, DoesNotKeepCookies) {
     ScriptedServerProcess server({"header", "Set-Cookie: a=b"});
     (void)get(server.url());
     (void)get(server.url());
@@ -275,7 +275,7 @@ TEST(HTTPClient, KeepsNoCookies) {
     EXPECT_EQ(server.nextRequest().headers.count("Cookie"), 0U);
 }
 
-TEST(HTTPClient, UsesNoProxyWhateverTheEnvironmentSays) {
+TEST(HTTPClient, IgnoresProxiesInTheEnvironment) {
     ScriptedServerProcess trap;
     ScriptedServerProcess server;
     for (const char* form : {"http_proxy=", "HTTP_PROXY=", "all_proxy=", "ALL_PROXY="}) {
@@ -299,7 +299,7 @@ TEST(HTTPClient, RefusesABodyOverSixtyFourMebibytes) {
     EXPECT_THAT(get(server.url()).error, Optional(HasSubstr("64 MiB")));
 }
 
-TEST(HTTPClient, RefusesAServerOfAnotherUserAndSendsItNothing) {
+TEST(HTTPClient, RefusesAServerOfAnotherUserBeforeSending) {
     if (::getuid() != 0) {
         GTEST_SKIP() << "only root can run a server as another user";
     }
@@ -318,7 +318,7 @@ TEST(HTTPClient, RefusesAServerOfAnotherUserAndSendsItNothing) {
     }
 }
 
-TEST(HTTPClient, AnotherUserIsRefusedWhoeverAsks) {
+TEST(HTTPClient, AnotherUserIsRefusedForEveryCaller) {
     if (::getuid() != 0) {
         GTEST_SKIP() << "only root can run a client as another user";
     }
@@ -328,7 +328,7 @@ TEST(HTTPClient, AnotherUserIsRefusedWhoeverAsks) {
     EXPECT_THAT(probe.readLine(), Optional(HasSubstr("Could not connect")));
 }
 
-TEST(HTTPClient, SeveralThreadsMaySendAtOnce) {
+TEST(HTTPClient, IsThreadSafe) {
     ScriptedServerProcess server({"body", "pong"});
     std::vector<std::thread> threads;
     std::atomic<int> answered{0};
@@ -345,7 +345,7 @@ TEST(HTTPClient, SeveralThreadsMaySendAtOnce) {
     EXPECT_EQ(answered, 160);
 }
 
-TEST(FakeHTTPClient, AnswersAsItIsToldAndRecordsWhatItWasAsked) {
+TEST(FakeHTTPClient, ReturnsTheGivenResponsesAndRecordsRequests) {
     FakeHTTPClient http;
     const std::string url = "http://localhost:8000/status";
     EXPECT_THAT(http.send({url, {}, 1s}).error, Optional(HasSubstr("connect")));
@@ -368,7 +368,7 @@ TEST(FakeHTTPClient, AnswersAsItIsToldAndRecordsWhatItWasAsked) {
     EXPECT_EQ(http.urls().front(), url);
 }
 
-TEST(FakeHTTPClient, ItsHandlersMaySendThemselves) {
+TEST(FakeHTTPClient, AHandlerMaySend) {
     FakeHTTPClient http;
     http.answer("http://localhost:1", FakeHTTPClient::reply("inner"));
     http.answer("http://localhost:2", [&](const HTTPRequest& request) {

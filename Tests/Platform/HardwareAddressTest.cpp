@@ -20,7 +20,7 @@ std::string text(const std::vector<std::byte>& address) {
     return result;
 }
 
-TEST(HardwareAddress, IsWhatTheKernelShowsForEveryInterface) {
+TEST(HardwareAddress, MatchesTheKernelForEveryInterface) {
     DIR* interfaces = ::opendir("/sys/class/net");
     ASSERT_NE(interfaces, nullptr);
     int compared = 0;
@@ -41,7 +41,7 @@ TEST(HardwareAddress, IsWhatTheKernelShowsForEveryInterface) {
     EXPECT_GT(compared, 0);
 }
 
-TEST(HardwareAddress, AnInterfaceThatIsNotThereIsNoFailure) {
+TEST(HardwareAddress, AMissingInterfaceIsNotAFailure) {
     for (const char* name : {"no-such-if", "", "a name that is far too long for an interface"}) {
         const auto found = hardwareAddressOfInterface(name);
         EXPECT_EQ(found.address, std::nullopt);

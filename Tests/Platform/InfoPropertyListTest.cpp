@@ -11,7 +11,7 @@ std::string list(const std::string& entries) {
     return "<plist version=\"1.0\"><dict>" + entries + "</dict></plist>";
 }
 
-TEST(InfoPropertyList, FindsTheStringUnderAKey) {
+TEST(InfoPropertyList, FindsTheStringOfAKey) {
     EXPECT_EQ(stringInPropertyList(list("<key>a</key><string>1</string><key>b</key><string>2</string>"), "b"), "2");
 }
 
@@ -19,27 +19,27 @@ TEST(InfoPropertyList, ReadsEntitiesAndCharacterData) {
     EXPECT_EQ(stringInPropertyList(list("<key>a&amp;b</key><string>&lt;<![CDATA[&x]]></string>"), "a&b"), "<&x");
 }
 
-TEST(InfoPropertyList, PassesOverCommentsAndSpaceBetweenEntries) {
+TEST(InfoPropertyList, SkipsCommentsAndSpaceBetweenEntries) {
     EXPECT_EQ(stringInPropertyList(list("\n <!-- note --> <key>a</key> <!-- note -->\n <string>1</string>"), "a"), "1");
 }
 
-TEST(InfoPropertyList, TakesNothingFromInnerContainers) {
+TEST(InfoPropertyList, IgnoresInnerContainers) {
     EXPECT_EQ(stringInPropertyList(list("<key>x</key><dict><key>a</key><string>1</string></dict>"), "a"), std::nullopt);
     EXPECT_EQ(stringInPropertyList(list("<key>x</key><array><string>a</string></array><string>1</string>"), "a"),
               std::nullopt);
 }
 
-TEST(InfoPropertyList, AValueOfAnotherKindIsNone) {
+TEST(InfoPropertyList, AValueOfAnotherKindIsIgnored) {
     EXPECT_EQ(stringInPropertyList(list("<key>a</key><integer>1</integer><string>2</string>"), "a"), std::nullopt);
     EXPECT_EQ(stringInPropertyList(list("<key>a</key><key>b</key><string>2</string>"), "a"), std::nullopt);
     EXPECT_EQ(stringInPropertyList("<plist><array><key>a</key><string>1</string></array></plist>", "a"), std::nullopt);
 }
 
-TEST(InfoPropertyList, OfTwoEntriesWithOneKeyTheFirstStays) {
+TEST(InfoPropertyList, TheFirstEntryOfAKeyWins) {
     EXPECT_EQ(stringInPropertyList(list("<key>a</key><string>1</string><key>a</key><string>2</string>"), "a"), "1");
 }
 
-TEST(InfoPropertyList, TextThatIsNotWellFormedHasNothing) {
+TEST(InfoPropertyList, MalformedTextIsRefused) {
     const std::string good = list("<key>a</key><string>1</string>");
     for (std::size_t length = 0; length < good.size(); ++length) {
         EXPECT_EQ(stringInPropertyList(good.substr(0, length), "a"), std::nullopt) << length;

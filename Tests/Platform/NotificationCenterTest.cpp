@@ -21,7 +21,7 @@ protected:
     std::vector<std::string> heard_;
 };
 
-TEST_F(NotificationCenterTest, TellsTheNameTheValueAndTheObject) {
+TEST_F(NotificationCenterTest, DeliversNameValueAndObject) {
     const auto object = std::make_shared<int>(7);
     Notification seen;
     (void)center_.addObserver("changed", [&](const Notification& n) { seen = n; });
@@ -31,7 +31,7 @@ TEST_F(NotificationCenterTest, TellsTheNameTheValueAndTheObject) {
     EXPECT_EQ(seen.object, object);
 }
 
-TEST_F(NotificationCenterTest, TellsObserversOfThatNameOnlyInTheOrderInWhichTheyWereAdded) {
+TEST_F(NotificationCenterTest, CallsObserversOfThatNameInTheOrderOfAdding) {
     (void)center_.addObserver("a", recorder("first"));
     (void)center_.addObserver("b", recorder("other"));
     (void)center_.addObserver("a", recorder("second"));
@@ -39,7 +39,7 @@ TEST_F(NotificationCenterTest, TellsObserversOfThatNameOnlyInTheOrderInWhichThey
     EXPECT_THAT(heard_, ElementsAre("first", "second"));
 }
 
-TEST_F(NotificationCenterTest, PostsOnTheThreadThatPosts) {
+TEST_F(NotificationCenterTest, CallsObserversOnThePostingThread) {
     std::thread::id observed;
     (void)center_.addObserver("a", [&](const Notification&) { observed = std::this_thread::get_id(); });
     std::thread::id posted;
@@ -50,7 +50,7 @@ TEST_F(NotificationCenterTest, PostsOnTheThreadThatPosts) {
     EXPECT_EQ(observed, posted);
 }
 
-TEST_F(NotificationCenterTest, ARemovedObserverIsNotTold) {
+TEST_F(NotificationCenterTest, ARemovedObserverIsNotCalled) {
     const auto token = center_.addObserver("a", recorder("gone"));
     (void)center_.addObserver("a", recorder("stays"));
     center_.removeObserver(token);
@@ -83,7 +83,7 @@ TEST_F(NotificationCenterTest, AnObserverMayPost) {
     EXPECT_THAT(heard_, ElementsAre("b"));
 }
 
-TEST_F(NotificationCenterTest, WhatAnObserverHoldsMayComeBackWhileItIsRemoved) {
+TEST_F(NotificationCenterTest, AnObserversDestructorMayCallTheCentre) {
     struct Poster {
         explicit Poster(NotificationCenter& told)
             : center(told) {}
@@ -98,7 +98,7 @@ TEST_F(NotificationCenterTest, WhatAnObserverHoldsMayComeBackWhileItIsRemoved) {
     EXPECT_THAT(heard_, ElementsAre("b"));
 }
 
-TEST_F(NotificationCenterTest, WhatAnObserverThrowsEndsThePostAndPassesToThePoster) {
+TEST_F(NotificationCenterTest, AnObserversExceptionStopsDeliveryAndPropagates) {
     (void)center_.addObserver("a", [](const Notification&) { throw std::runtime_error("observer"); });
     (void)center_.addObserver("a", recorder("after"));
     EXPECT_THROW(center_.post({"a", {}, {}}), std::runtime_error);
@@ -110,7 +110,7 @@ TEST_F(NotificationCenterTest, AnEmptyObserverIsNeverCalled) {
     EXPECT_NO_THROW(center_.post({"a", {}, {}}));
 }
 
-TEST_F(NotificationCenterTest, SeveralThreadsMayAddRemoveAndPostAtOnce) {
+TEST_F(NotificationCenterTest, IsThreadSafe) {
     std::atomic<int> told{0};
     const auto work = [&] {
         for (int i = 0; i < 200; ++i) {
@@ -128,7 +128,7 @@ TEST_F(NotificationCenterTest, SeveralThreadsMayAddRemoveAndPostAtOnce) {
     EXPECT_EQ(told, 0);
 }
 
-TEST_F(NotificationCenterTest, TheDefaultCenterIsOne) {
+TEST_F(NotificationCenterTest, TheDefaultCenterIsASingleton) {
     EXPECT_EQ(&NotificationCenter::defaultCenter(), &NotificationCenter::defaultCenter());
 }
 

@@ -27,7 +27,7 @@ void turnUntilSeen(std::size_t count) {
 }
 
 /// The process listens from the first call on and for ever, so there is one test for all.
-TEST(PowerEvents, AreAnnouncedOnTheMainThreadAsLogindSendsThem) {
+TEST(PowerEvents, ArePostedOnTheMainThreadAsLogindSendsThem) {
     test::PrivateBus bus;
     ::setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address().c_str(), 1);
     for (const auto name : {kWorkspaceWillSleepNotification, kWorkspaceDidWakeNotification}) {
@@ -64,7 +64,7 @@ TEST(PowerEvents, AreAnnouncedOnTheMainThreadAsLogindSendsThem) {
     EXPECT_EQ(seen.size(), count + 3);
 }
 
-TEST(PowerEvents, AreNeverAnnouncedWithoutABus) {
+TEST(PowerEvents, AreNeverPostedWithoutABus) {
     ::setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
     LogRecorder log;
     (void)PowerEvents::notificationCenter();

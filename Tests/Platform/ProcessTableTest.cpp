@@ -26,7 +26,7 @@ TEST(ProcessFiles, ReadsNameStateAndStartTime) {
     EXPECT_EQ(stat->startTime, 987654U);
 }
 
-TEST(ProcessFiles, ANameMayHoldParenthesesSpacesAndLines) {
+TEST(ProcessFiles, ANameMayContainParenthesesSpacesAndNewlines) {
     for (const char* name : {"a) R 1 (b", ")", "(", ") Z 0", "a\nb", "", " ", "((("}) {
         const auto stat = parseProcessStat("4242 (" + std::string(name) + ") R" + kTail);
         ASSERT_TRUE(stat) << name;
@@ -36,7 +36,7 @@ TEST(ProcessFiles, ANameMayHoldParenthesesSpacesAndLines) {
     }
 }
 
-TEST(ProcessFiles, RefusesWhatIsNoStatLine) {
+TEST(ProcessFiles, RefusesMalformedLines) {
     for (const char* text : {"", "4242", "4242 (x)", "4242 (x) ", "4242 (x) S", "4242 (x) S 1 2 3", "(x) S", ") S ("}) {
         EXPECT_FALSE(parseProcessStat(text)) << text;
     }
@@ -51,7 +51,7 @@ TEST(ProcessFiles, AnExecutablesNameIsItsFileName) {
     EXPECT_EQ(executableName(""), "");
 }
 
-TEST(ProcessTable, KnowsThisProcess) {
+TEST(ProcessTable, FindsThisProcess) {
     const auto info = ProcessTable::system().process(::getpid());
     ASSERT_TRUE(info);
     EXPECT_EQ(info->pid, ::getpid());
@@ -60,7 +60,7 @@ TEST(ProcessTable, KnowsThisProcess) {
     EXPECT_GT(info->startTime, 0U);
 }
 
-TEST(ProcessTable, GivesNamesInFull) {
+TEST(ProcessTable, ReturnsFullNames) {
     const auto link =
         std::filesystem::temp_directory_path() / ("a-name-of-more-than-fifteen-bytes-" + std::to_string(::getpid()));
     std::filesystem::copy_file("/bin/sleep", link);
@@ -78,7 +78,7 @@ TEST(ProcessTable, GivesNamesInFull) {
     }
 }
 
-TEST(ProcessTable, AZombieIsNoProcess) {
+TEST(ProcessTable, AZombieIsNotAProcess) {
     const pid_t child = ::fork();
     if (child == 0) {
         ::_exit(0);
@@ -90,7 +90,7 @@ TEST(ProcessTable, AZombieIsNoProcess) {
     EXPECT_FALSE(ProcessTable::system().process(child));
 }
 
-TEST(ProcessTable, RefusesIdsThatAreNone) {
+TEST(ProcessTable, RefusesInvalidIds) {
     EXPECT_FALSE(ProcessTable::system().process(0));
     EXPECT_FALSE(ProcessTable::system().process(-1));
 }

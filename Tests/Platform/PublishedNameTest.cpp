@@ -5,7 +5,7 @@
 namespace krv {
 namespace {
 
-TEST(PublishedName, DropsTheNumberOfAConflict) {
+TEST(PublishedName, RemovesTheNumberOfAConflict) {
     EXPECT_EQ(publishedName("KRVQuicktimeProcess #2"), "KRVQuicktimeProcess");
     EXPECT_EQ(publishedName("00ff-KRVQuicktimeProcess #12"), "00ff-KRVQuicktimeProcess");
     EXPECT_EQ(publishedName("plain"), "plain");

@@ -17,24 +17,24 @@ protected:
     FakeProcessTable processes;
 };
 
-TEST_F(Publisher, SaysWhichProcessItIs) {
+TEST_F(Publisher, RecordsItsProcess) {
     EXPECT_EQ(publisherRecord({4711, "KRVQuicktimeProcess", 1000, 99}), (Text{"pid=4711", "start=99"}));
 }
 
-TEST_F(Publisher, IsThereWhileItsProcessLives) {
+TEST_F(Publisher, IsAliveWhileItsProcessRuns) {
     EXPECT_FALSE(hasGone({"pid=4711", "start=99"}));
     EXPECT_FALSE(hasGone({"other=1", "start=99", "pid=4711"}));
 }
 
-TEST_F(Publisher, HasGoneWithItsProcess) {
+TEST_F(Publisher, IsDeadAfterItsProcessExits) {
     EXPECT_TRUE(hasGone({"pid=4712", "start=99"}));
 }
 
-TEST_F(Publisher, HasGoneWhenAnotherProcessHasItsNumber) {
+TEST_F(Publisher, IsDeadWhenAnotherProcessHasItsId) {
     EXPECT_TRUE(hasGone({"pid=4711", "start=100"}));
 }
 
-TEST_F(Publisher, OfAnotherKindIsNotJudged) {
+TEST_F(Publisher, WithAnotherRecordIsNotDead) {
     for (const Text& text : std::vector<Text>{{},
                                               {"pid=4712"},
                                               {"start=1"},
@@ -48,7 +48,7 @@ TEST_F(Publisher, OfAnotherKindIsNotJudged) {
     }
 }
 
-TEST_F(Publisher, RecordOfThisProcessIsTrue) {
+TEST_F(Publisher, RecordOfThisProcessIsCorrect) {
     const auto self = ProcessTable::ofThisUser().process(::getpid());
     ASSERT_TRUE(self);
     EXPECT_FALSE(publisherHasGone(publisherRecord(*self), ProcessTable::ofThisUser()));

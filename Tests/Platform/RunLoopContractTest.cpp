@@ -99,7 +99,7 @@ TEST_P(RunLoopContract, ATimerDoesNotFireBeforeItsFirstInterval) {
     });
 }
 
-TEST_P(RunLoopContract, TheLoopKeepsATimerWhoseReferenceIsDropped) {
+TEST_P(RunLoopContract, TheLoopKeepsATimerWithoutOtherReferences) {
     onLoop([](RunLoop& loop, Clock& clock) {
         auto fired = std::make_shared<int>(0);
         std::weak_ptr<RunLoop::Timer> timer = loop.scheduleTimer(1ms, [fired] { ++*fired; });
@@ -126,7 +126,7 @@ TEST_P(RunLoopContract, ATimerMayInvalidateItselfInItsCallback) {
     });
 }
 
-TEST_P(RunLoopContract, ATimerIsNotEnteredAgainWhileItsCallbackTurnsTheLoop) {
+TEST_P(RunLoopContract, ATimerIsNotCalledAgainWhileItsCallbackRunsTheLoop) {
     onLoop([](RunLoop& loop, Clock& clock) {
         int depth = 0;
         int deepest = 0;
@@ -143,7 +143,7 @@ TEST_P(RunLoopContract, ATimerIsNotEnteredAgainWhileItsCallbackTurnsTheLoop) {
     });
 }
 
-TEST_P(RunLoopContract, ABusyThreadMissesFiresInsteadOfCatchingUp) {
+TEST_P(RunLoopContract, ABusyThreadSkipsMissedCalls) {
     onLoop([](RunLoop& loop, Clock& clock) {
         int fired = 0;
         const auto timer = loop.scheduleTimer(2ms, [&] { ++fired; });
@@ -201,7 +201,7 @@ TEST_P(RunLoopContract, ADelayedCallKeepsItsTargetAliveUntilItHasBeenMade) {
     });
 }
 
-TEST_P(RunLoopContract, CancellingDropsEveryCallOfThatTargetAndOperationAndNoOther) {
+TEST_P(RunLoopContract, CancellingRemovesOnlyCallsOfThatTargetAndOperation) {
     onLoop([](RunLoop& loop, Clock& clock) {
         const auto one = target();
         const auto other = target();
@@ -218,7 +218,7 @@ TEST_P(RunLoopContract, CancellingDropsEveryCallOfThatTargetAndOperationAndNoOth
     });
 }
 
-TEST_P(RunLoopContract, CancellingLetsTheTargetGo) {
+TEST_P(RunLoopContract, CancellingReleasesTheTarget) {
     onLoop([](RunLoop& loop, Clock&) {
         auto object = std::make_shared<int>(5);
         loop.performAfterDelay(1h, object, kOperation, [object] {});
@@ -228,7 +228,7 @@ TEST_P(RunLoopContract, CancellingLetsTheTargetGo) {
     });
 }
 
-TEST_P(RunLoopContract, ATargetMayCancelAndAskAgainWhileItGoesAway) {
+TEST_P(RunLoopContract, ATargetsDestructorMayCallTheLoop) {
     struct Restless {
         Restless(RunLoop& asked, int& counter)
             : loop(asked)
@@ -250,7 +250,7 @@ TEST_P(RunLoopContract, ATargetMayCancelAndAskAgainWhileItGoesAway) {
     });
 }
 
-TEST_P(RunLoopContract, CallsFromAnotherThreadRunOnTheLoopsThreadInTheirOrder) {
+TEST_P(RunLoopContract, CallsFromAnotherThreadRunInOrderOnTheLoopsThread) {
     onLoop([](RunLoop& loop, Clock& clock) {
         std::vector<int> order;
         std::thread::id thread;
@@ -269,7 +269,7 @@ TEST_P(RunLoopContract, CallsFromAnotherThreadRunOnTheLoopsThreadInTheirOrder) {
     });
 }
 
-TEST_P(RunLoopContract, RunningToATimeThatHasPassedMakesWhatIsReadyAndReturns) {
+TEST_P(RunLoopContract, RunningUntilAPastTimeRunsReadyCallsAndReturns) {
     onLoop([](RunLoop& loop, Clock& clock) {
         int called = 0;
         loop.perform([&] { ++called; });
@@ -329,7 +329,7 @@ TEST_P(RunLoopContract, StopEndsTheInnermostRun) {
     });
 }
 
-TEST_P(RunLoopContract, WhatACallbackThrowsIsRaisedFromRunUntilAndTheRestStaysPending) {
+TEST_P(RunLoopContract, RunUntilRethrowsACallbacksExceptionAndTheRestStaysPending) {
     onLoop([](RunLoop& loop, Clock& clock) {
         bool after = false;
         loop.perform([] { throw Exception("Tick", "failed"); });
@@ -345,14 +345,14 @@ TEST_P(RunLoopContract, WhatACallbackThrowsIsRaisedFromRunUntilAndTheRestStaysPe
     });
 }
 
-TEST_P(RunLoopContract, WhatACallbackThrowsIsRaisedFromRun) {
+TEST_P(RunLoopContract, RunRethrowsACallbacksException) {
     onLoop([](RunLoop& loop, Clock&) {
         loop.perform([] { throw std::bad_alloc(); });
         EXPECT_THROW(loop.run(), std::bad_alloc);
     });
 }
 
-TEST_P(RunLoopContract, ATimerGoesOnAfterItsCallbackHasThrown) {
+TEST_P(RunLoopContract, ATimerContinuesAfterItsCallbackHasThrown) {
     onLoop([](RunLoop& loop, Clock& clock) {
         int fired = 0;
         const auto timer = loop.scheduleTimer(1ms, [&] {
@@ -366,7 +366,7 @@ TEST_P(RunLoopContract, ATimerGoesOnAfterItsCallbackHasThrown) {
     });
 }
 
-TEST_P(RunLoopContract, WhatANestedTurnRaisesPassesThroughTheCallbackThatTurned) {
+TEST_P(RunLoopContract, ANestedRunsExceptionPropagatesThroughTheOuterCallback) {
     onLoop([](RunLoop& loop, Clock& clock) {
         bool passed = false;
         loop.perform([&] {
@@ -383,7 +383,7 @@ TEST_P(RunLoopContract, WhatANestedTurnRaisesPassesThroughTheCallbackThatTurned)
     });
 }
 
-TEST_P(RunLoopContract, SeveralThreadsMayAskAtOnce) {
+TEST_P(RunLoopContract, IsThreadSafe) {
     onLoop([](RunLoop& loop, Clock& clock) {
         int called = 0;  // only ever touched by the loop's thread
         const auto ask = [&] {

@@ -277,7 +277,7 @@ TEST_F(RealServiceBrowser, FindsAServiceThatIsPublishedDuringTheSearch) {
     EXPECT_TRUE(seen("late"));
 }
 
-TEST_F(RealServiceBrowser, AServiceWhosePortNobodyHoldsIsNotShown) {
+TEST_F(RealServiceBrowser, AServiceWithoutAListenerIsNotReported) {
     const auto ghost = RealWorld::announce({"ghost", "8123", "--no-listener"});
     ASSERT_EQ(ghost->readLine(), "established ghost 8123");
     world.publish({"alive"});
@@ -287,7 +287,7 @@ TEST_F(RealServiceBrowser, AServiceWhosePortNobodyHoldsIsNotShown) {
     EXPECT_EQ(observer->names().count("ghost"), 0U);
 }
 
-TEST_F(RealServiceBrowser, AServiceThatHasBeenKilledIsNotShownFromACache) {
+TEST_F(RealServiceBrowser, AKilledServiceIsNotReportedFromACache) {
     world.publish({"victim"});
     search();
     ASSERT_TRUE(seen("victim"));
@@ -312,7 +312,7 @@ TEST_F(RealServiceBrowser, AServiceThatDiesBeforeItIsResolvedDoesNotResolve) {
     EXPECT_EQ(service->port(), -1);
 }
 
-TEST_F(RealServiceBrowser, ASecondPublisherOfTheSameNameIsShownUnderThatName) {
+TEST_F(RealServiceBrowser, ASecondPublisherOfTheSameNameIsReportedUnderThatName) {
     world.publish({"twin"});
     world.publish({"twin"});
     EXPECT_EQ(world.established[1].find("established twin #2 "), 0U) << world.established[1];
@@ -338,7 +338,7 @@ TEST_F(RealServiceBrowser, ARestartOnAnotherPortIsFoundThere) {
     EXPECT_EQ(observer->resolvedPort, ports.back());
 }
 
-TEST_F(RealServiceBrowser, TellsTheLoopOfTheThreadThatStartedTheSearch) {
+TEST_F(RealServiceBrowser, CallsTheDelegateOnTheLoopThatStartedTheSearch) {
     world.publish({"one"});
     std::thread::id told;
     observer->onReport = [&] { told = std::this_thread::get_id(); };
@@ -364,7 +364,7 @@ TEST_F(RealServiceBrowser, ASearchSurvivesTheEndOfItsThread) {
     EXPECT_TRUE(seen("one"));
 }
 
-TEST_F(RealServiceBrowser, WorksBesideADaemon) {
+TEST_F(RealServiceBrowser, WorksNextToADaemon) {
     if (::access("/run", W_OK) != 0) {
         GTEST_SKIP() << "the daemon needs root, for its folder in /run";
     }

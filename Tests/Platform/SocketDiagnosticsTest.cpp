@@ -38,7 +38,7 @@ std::optional<SocketOwner> owner(const Answer& answer, std::size_t size = sizeof
     return ownerFromAnswer(std::as_bytes(std::span(&answer, 1)).first(size), kSequence);
 }
 
-TEST(SocketEnd, IsReadFromAnAddressInNumbersAndAPort) {
+TEST(SocketEnd, IsParsedFromANumericAddressAndAPort) {
     const auto v4 = SocketEnd::from("127.0.0.1", 8000);
     ASSERT_TRUE(v4);
     EXPECT_EQ(v4->family, AF_INET);
@@ -50,7 +50,7 @@ TEST(SocketEnd, IsReadFromAnAddressInNumbersAndAPort) {
     EXPECT_EQ(v6->address[15], std::byte{1});
 }
 
-TEST(SocketEnd, IsNothingForNamesAndForPortsOutOfRange) {
+TEST(SocketEnd, IsEmptyForNamesAndForPortsOutOfRange) {
     EXPECT_FALSE(SocketEnd::from("localhost", 8000));
     EXPECT_FALSE(SocketEnd::from("", 8000));
     EXPECT_FALSE(SocketEnd::from("127.0.0.1", 0));
@@ -58,7 +58,7 @@ TEST(SocketEnd, IsNothingForNamesAndForPortsOutOfRange) {
     EXPECT_FALSE(SocketEnd::from("127.0.0.1", -1));
 }
 
-TEST(SocketQuery, AsksForTheOneSocketWithTheseEnds) {
+TEST(SocketQuery, QueriesTheSocketWithTheseEnds) {
     const auto local = SocketEnd::from("127.0.0.1", 8000);
     const auto remote = SocketEnd::from("127.0.0.1", 40000);
     const auto bytes = socketQuery(*local, remote, kSequence);
@@ -78,7 +78,7 @@ TEST(SocketQuery, AsksForTheOneSocketWithTheseEnds) {
     EXPECT_EQ(request.id.idiag_dst[0], htonl(INADDR_LOOPBACK));
 }
 
-TEST(OwnerFromAnswer, TellsTheUserAndWhetherAProcessHoldsTheSocket) {
+TEST(OwnerFromAnswer, ReturnsTheUserAndWhetherTheSocketIsHeld) {
     Answer answer = goodAnswer();
     EXPECT_EQ(owner(answer), (SocketOwner{1000, true}));
     answer.message.idiag_inode = 0;
@@ -86,14 +86,14 @@ TEST(OwnerFromAnswer, TellsTheUserAndWhetherAProcessHoldsTheSocket) {
     EXPECT_EQ(owner(answer), (SocketOwner{0, false}));
 }
 
-TEST(OwnerFromAnswer, IsNothingForEveryAnswerThatIsCutShort) {
+TEST(OwnerFromAnswer, IsEmptyForEveryTruncatedReply) {
     const Answer answer = goodAnswer();
     for (std::size_t size = 0; size < sizeof answer; ++size) {
         EXPECT_EQ(owner(answer, size), std::nullopt) << size;
     }
 }
 
-TEST(OwnerFromAnswer, IsNothingForAnErrorAndForAnAnswerToSomethingElse) {
+TEST(OwnerFromAnswer, IsEmptyForAnErrorAndForAReplyToAnotherQuery) {
     Answer answer = goodAnswer();
     answer.header.nlmsg_type = NLMSG_ERROR;
     EXPECT_EQ(owner(answer), std::nullopt);
@@ -105,7 +105,7 @@ TEST(OwnerFromAnswer, IsNothingForAnErrorAndForAnAnswerToSomethingElse) {
     EXPECT_EQ(owner(answer), std::nullopt);
 }
 
-TEST(OwnerFromAnswer, IsNothingForALengthThatDoesNotFit) {
+TEST(OwnerFromAnswer, IsEmptyForALengthThatDoesNotFit) {
     Answer answer = goodAnswer();
     for (const std::uint32_t length : {0U, 16U, static_cast<std::uint32_t>(sizeof answer) - 1,
                                        static_cast<std::uint32_t>(sizeof answer) + 1, 0xffffffffU}) {
@@ -175,7 +175,7 @@ std::string addressesNotTakenForOurs() {
     return wrong;
 }
 
-TEST(PeerOwnership, OursIsOursBeforeAndAfterItIsAccepted) {
+TEST(PeerOwnership, RecognisesOurSocketBeforeAndAfterAccept) {
     EXPECT_EQ(addressesNotTakenForOurs(), "");
 }
 
@@ -193,7 +193,7 @@ TEST(PeerOwnership, HoldsForAUserWithoutPrivileges) {
     EXPECT_EQ(status, 0);
 }
 
-TEST(PeerOwnership, ASocketThatIsNotThereIsNobodys) {
+TEST(PeerOwnership, AMissingSocketBelongsToNobody) {
     EXPECT_FALSE(peerBelongsToThisUser(*SocketEnd::from("127.0.0.1", 1), *SocketEnd::from("127.0.0.1", 2)));
 }
 
@@ -233,7 +233,7 @@ TEST(ListeningPort, OfThisUserIsFoundOnEveryLoopbackAddress) {
     }
 }
 
-TEST(ListeningPort, ThatHasBeenClosedIsNotFound) {
+TEST(ListeningPort, ThatWasClosedIsNotFound) {
     std::uint16_t port = 0;
     {
         const Listener listener("::ffff:127.0.0.1");

@@ -51,7 +51,7 @@ protected:
     std::string errors;
 };
 
-TEST_F(LaunchedTask, GetsItsArgumentsToTheLetter) {
+TEST_F(LaunchedTask, GetsItsArgumentsUnchanged) {
     const auto task = Task::launch(
         {.executable = "/bin/sh",
          .arguments = {"-c", "printf '%s|' \"$@\" > \"$0\"", folder.path() / "arguments", "-a b", "", "c'\"d"},
@@ -60,7 +60,7 @@ TEST_F(LaunchedTask, GetsItsArgumentsToTheLetter) {
     EXPECT_EQ(output("arguments"), "-a b||c'\"d|");
 }
 
-TEST_F(LaunchedTask, IsInASessionOfItsOwnInTheRootFolder) {
+TEST_F(LaunchedTask, HasItsOwnSessionAndTheRootDirectory) {
     runShell("{ ps -o sid= -p $$; pwd; } > \"$1/where\"; echo $$ > \"$1/pid\"");
     const std::string where = output("where");
     EXPECT_EQ(std::stol(where), std::stol(output("pid")));
@@ -68,7 +68,7 @@ TEST_F(LaunchedTask, IsInASessionOfItsOwnInTheRootFolder) {
     EXPECT_TRUE(where.ends_with("\n/\n")) << where;
 }
 
-TEST_F(LaunchedTask, InheritsNoDescriptorAndHasItsStandardStreamsOnNothing) {
+TEST_F(LaunchedTask, InheritsNoDescriptorAndHasStandardStreamsOnNull) {
     const int open = ::open("/dev/zero", O_RDONLY);  // on purpose without O_CLOEXEC
     // A second shell looks at the first one's, which has no redirection of its own.
     runShell("sh -c 'for d in /proc/$PPID/fd/*; do readlink $d >> \"$0\"; done' \"$1/open\"; true");
@@ -94,7 +94,7 @@ TEST_F(LaunchedTask, CanBeLaunchedByManyThreadsAtOnce) {
     }
 }
 
-TEST_F(LaunchedTask, IsNotHeldUpByAnotherChildOfTheHost) {
+TEST_F(LaunchedTask, IsNotDelayedByAnotherChildOfTheHost) {
     // Forks at any moment, also in the middle of a launch, and keeps what it was born with.
     std::atomic<bool> enough = false;
     std::vector<pid_t> children;
@@ -135,20 +135,20 @@ TEST_F(LaunchedTask, HasNoSignalBlockedOrIgnored) {
                                                   "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n"));
 }
 
-TEST_F(LaunchedTask, WritesItsStandardErrorToAFileWhenOneIsNamed) {
+TEST_F(LaunchedTask, WritesItsStandardErrorToTheNamedFile) {
     errors = folder.path() / "errors";
     runShell("echo first >&2");
     runShell("echo second >&2");
     EXPECT_EQ(output("errors"), "first\nsecond\n");
 }
 
-TEST_F(LaunchedTask, RunsAlsoWhenTheFileForItsErrorsCannotBeMade) {
+TEST_F(LaunchedTask, RunsEvenIfTheErrorFileCannotBeCreated) {
     errors = folder.path() / "missing" / "errors";
     runShell("echo done > \"$1/done\"");
     EXPECT_EQ(output("done"), "done\n");
 }
 
-TEST_F(LaunchedTask, IsNoChildOfOurs) {
+TEST_F(LaunchedTask, IsNotAChildOfOurs) {
     const auto task = Task::launch({.executable = "/bin/sleep", .arguments = {"1000"}, .standardErrorFile = {}});
     EXPECT_TRUE(task->isRunning());
     EXPECT_GT(task->processIdentifier(), 0);
@@ -162,7 +162,7 @@ TEST_F(LaunchedTask, IsNoChildOfOurs) {
     EXPECT_FALSE(task->isRunning());
 }
 
-TEST_F(LaunchedTask, OutlivesTheObjectThatStandsForIt) {
+TEST_F(LaunchedTask, OutlivesItsTaskObject) {
     auto task = Task::launch({.executable = "/bin/sleep", .arguments = {"1000"}, .standardErrorFile = {}});
     const pid_t pid = task->processIdentifier();
     task.reset();
@@ -170,7 +170,7 @@ TEST_F(LaunchedTask, OutlivesTheObjectThatStandsForIt) {
     ::kill(pid, SIGKILL);
 }
 
-TEST_F(LaunchedTask, LeavesNoDescriptorBehind) {
+TEST_F(LaunchedTask, LeaksNoDescriptor) {
     const auto count = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
     const auto before = count();
     runShell("true");
@@ -191,22 +191,22 @@ protected:
     }
 };
 
-TEST_F(RefusedTask, SaysThatTheProgramIsMissing) {
+TEST_F(RefusedTask, ReportsThatTheProgramIsMissing) {
     EXPECT_EQ(reasonFor("/nonexistent/program"), "/nonexistent/program cannot be launched: No such file or directory");
 }
 
-TEST_F(RefusedTask, SaysThatTheProgramMayNotBeExecuted) {
+TEST_F(RefusedTask, ReportsThatTheProgramIsNotExecutable) {
     const std::string program = folder.write("program", "#!/bin/sh\n");
     EXPECT_EQ(reasonFor(program), program + " cannot be launched: Permission denied");
 }
 
-TEST_F(RefusedTask, SaysThatTheProgramIsOfAnotherKind) {
+TEST_F(RefusedTask, ReportsThatTheProgramHasTheWrongFormat) {
     const std::string program = folder.write("program", "MZ this is no program of this system");
     fs::permissions(program, fs::perms::owner_all);
     EXPECT_EQ(reasonFor(program), program + " cannot be launched: Exec format error");
 }
 
-TEST_F(RefusedTask, SaysThatAFolderIsNoProgram) {
+TEST_F(RefusedTask, ReportsThatAFolderIsNotAProgram) {
     EXPECT_EQ(reasonFor(folder.path().string()), folder.path().string() + " cannot be launched: Permission denied");
 }
 

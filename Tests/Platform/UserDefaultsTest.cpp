@@ -34,7 +34,7 @@ protected:
     UserDefaults& defaults_ = UserDefaults::standard();
 };
 
-TEST_F(UserDefaultsTest, AMissingKeyIsAbsentAndReadsAsZero) {
+TEST_F(UserDefaultsTest, AMissingKeyIsEmptyAndZero) {
     EXPECT_EQ(defaults_.stringForKey(kKey), std::nullopt);
     EXPECT_EQ(defaults_.integerForKey(kKey), 0);
 }
@@ -53,7 +53,7 @@ TEST_F(UserDefaultsTest, TheFirstPlaceThatHasTheKeyWins) {
     EXPECT_EQ(probe.readLine(), "4");
 }
 
-TEST_F(UserDefaultsTest, AnArgumentWinsOverWhatTheApplicationSets) {
+TEST_F(UserDefaultsTest, AnArgumentWinsOverTheApplicationsValue) {
     // The probe sets the key itself before it asks, and both files have it as well.
     writeShared("[Defaults]\nlevel=1\n");
     test::ChildProcess probe(
@@ -63,7 +63,7 @@ TEST_F(UserDefaultsTest, AnArgumentWinsOverWhatTheApplicationSets) {
     EXPECT_EQ(probe.readLine(), "(none)");
 }
 
-TEST_F(UserDefaultsTest, TheFilesAreReadAfreshAtEveryCall) {
+TEST_F(UserDefaultsTest, TheFilesAreReadAtEveryCall) {
     writeOwn("[Defaults]\nminimumPortNumber=1\n");
     EXPECT_EQ(defaults_.stringForKey(kKey), "1");
     writeOwn("[Defaults]\nminimumPortNumber=2\n");
@@ -72,7 +72,7 @@ TEST_F(UserDefaultsTest, TheFilesAreReadAfreshAtEveryCall) {
     EXPECT_EQ(defaults_.stringForKey(kKey), std::nullopt);
 }
 
-TEST_F(UserDefaultsTest, OnlyTheGroupOfTheDefaultsIsRead) {
+TEST_F(UserDefaultsTest, OnlyTheDefaultsGroupIsRead) {
     writeOwn("[Other]\nminimumPortNumber=1\n");
     EXPECT_EQ(defaults_.stringForKey(kKey), std::nullopt);
 }
@@ -91,14 +91,14 @@ TEST_F(UserDefaultsTest, ADamagedOrUnreadableFileCountsAsEmpty) {
     EXPECT_EQ(defaults_.integerForKey(kKey), 1);
 }
 
-TEST_F(UserDefaultsTest, APipeInTheFilesPlaceDoesNotBlock) {
+TEST_F(UserDefaultsTest, APipeInPlaceOfTheFileDoesNotBlock) {
     writeShared("[Defaults]\nminimumPortNumber=1\n");
     std::filesystem::create_directories(folder_.path() / "org.example.Editor");
     ASSERT_EQ(::mkfifo((folder_.path() / "org.example.Editor/defaults.ini").c_str(), 0600), 0);
     EXPECT_EQ(defaults_.integerForKey(kKey), 1);
 }
 
-TEST_F(UserDefaultsTest, ADomainThatIsNoNameOfADirectoryHasNoFile) {
+TEST_F(UserDefaultsTest, ADomainThatIsNotADirectoryNameHasNoFile) {
     folder_.write("defaults.ini", "[Defaults]\nminimumPortNumber=1\n");
     folder_.write("a/b/defaults.ini", "[Defaults]\nminimumPortNumber=1\n");
     for (const char* domain : {".", "..", "a/b", "../a"}) {
@@ -122,7 +122,7 @@ TEST_F(UserDefaultsTest, TheDomainIsTheApplicationsIdentifierUnlessItIsSet) {
     EXPECT_EQ(probe.readLine(), "6");
 }
 
-TEST_F(UserDefaultsTest, SeveralThreadsMayAskAndSetAtOnce) {
+TEST_F(UserDefaultsTest, IsThreadSafe) {
     writeOwn("[Defaults]\nminimumPortNumber=1\n");
     const auto work = [this] {
         for (int i = 0; i < 100; ++i) {

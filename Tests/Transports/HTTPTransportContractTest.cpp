@@ -37,7 +37,7 @@ protected:
     const R::Ref operation = R::encodeVideoOperation("/s", "/d");
 };
 
-TEST_F(HTTPTransport, TheServerGetsTheRecordAndTheCallerTheReply) {
+TEST_F(HTTPTransport, TheServerReceivesTheRecordAndTheCallerTheReply) {
     const auto reply = R::encodeVideoOperation("/s", "/d");
     reply->setUniqueID("u");
     answersWith(reply->convertToData());
@@ -79,14 +79,14 @@ TEST_F(HTTPTransport, ABodyThatIsCutShortIsACommunicationsFailure) {
     expectUnreachable();
 }
 
-TEST_F(HTTPTransport, AConnectionThatIsClosedWithoutAnAnswerIsACommunicationsFailure) {
+TEST_F(HTTPTransport, AConnectionClosedWithoutAResponseIsACommunicationsFailure) {
     server.tell("behave", "drop");
     expectUnreachable();
     server.tell("behave", "refuse");
     expectUnreachable();
 }
 
-TEST_F(HTTPTransport, AServerThatHasGoneIsACommunicationsFailure) {
+TEST_F(HTTPTransport, AnExitedServerIsACommunicationsFailure) {
     (void)transport.canWeGetStatusFromServer();
     server.kill();
     expectUnreachable();
@@ -98,7 +98,7 @@ TEST_F(HTTPTransport, ASilentServerIsNotReady) {
     EXPECT_FALSE(transport.serviceReadyToRock());
 }
 
-TEST_F(HTTPTransport, GoesOnWithAServerThatAnswersAgain) {
+TEST_F(HTTPTransport, ContinuesWithAServerThatRespondsAgain) {
     server.tell("behave", "drop");
     expectUnreachable();
     server.tell("behave", "answer");

@@ -44,7 +44,7 @@ protected:
     const R::Ref operation = R::provideMetadataFor("/s");
 };
 
-TEST_F(Transport, APortKnownToBeAbsentRaisesAtOnce) {
+TEST_F(Transport, AnAbsentServerThrowsAtOnce) {
     port->port = -1;
     LogRecorder log;
     const Exception raised = raisedBy(operation);
@@ -74,12 +74,12 @@ TEST_F(Transport, PostsTheArchivedRecordToTheRootWithinAMinute) {
     EXPECT_EQ(*sent.body, operation->convertToData());
 }
 
-TEST_F(Transport, ReturnsTheBytesAlsoWhenTheyAreARecord) {
+TEST_F(Transport, ReturnsTheBytesOfARecord) {
     http.answer(kUrl, FakeHTTPClient::reply(archived()));
     EXPECT_EQ(*transport.sendOperation(operation), archived());
 }
 
-TEST_F(Transport, BytesThatAreNoRecordAreReturnedAndLogged) {
+TEST_F(Transport, BytesThatAreNotARecordAreReturnedAndLogged) {
     http.answer(kUrl, FakeHTTPClient::reply("not a record", 500));
     LogRecorder log(15, kLoggingHTTPMessaging);
     EXPECT_EQ(transport.sendOperation(operation)->size(), 12U);
@@ -107,7 +107,7 @@ TEST_F(Transport, OtherErrorsInTheReplyAreLeftToTheCaller) {
     }
 }
 
-TEST_F(Transport, AMissingReplyRaisesWithTheConnectionsError) {
+TEST_F(Transport, AMissingReplyThrowsWithTheConnectionsError) {
     http.answer(kUrl, {std::nullopt, 0, "the cause"});
     LogRecorder log(15, kLoggingHTTPMessaging);
     EXPECT_EQ(raisedBy(operation).reason(),
@@ -118,7 +118,7 @@ TEST_F(Transport, AMissingReplyRaisesWithTheConnectionsError) {
               "No data was returned from the sendSynchronousRequest. Probably NSURLConnection problem.");
 }
 
-TEST_F(Transport, ABodyWithAnErrorBesideItRaises) {
+TEST_F(Transport, ABodyTogetherWithAnErrorThrows) {
     HTTPResponse response = FakeHTTPClient::reply(archived());
     response.error = "cut short";
     http.answer(kUrl, response);
@@ -127,7 +127,7 @@ TEST_F(Transport, ABodyWithAnErrorBesideItRaises) {
     EXPECT_EQ(raised.reason(), "Unable to talk to server, error: cut short");
 }
 
-TEST_F(Transport, ARecordThatCannotBeArchivedIsNoCommunicationsFailure) {
+TEST_F(Transport, ARecordThatCannotBeArchivedIsNotACommunicationsFailure) {
     const Exception raised = raisedBy(R::provideMetadataFor("\xFF"));
     EXPECT_EQ(raised.name(), "NSInvalidArgumentException");
     EXPECT_FALSE(transport.isThisACommunicationsFailure(raised));
@@ -169,7 +169,7 @@ TEST_F(Transport, TrafficIsNotLoggedWithoutItsMask) {
     EXPECT_TRUE(log.lines().empty());
 }
 
-TEST_F(Transport, IsReadyWhenTheStatusPageGivesAnyAnswer) {
+TEST_F(Transport, IsReadyWhenTheStatusPageReturnsAnyResponse) {
     const char* const status = "http://localhost:8001/status";
     EXPECT_FALSE(transport.serviceReadyToRock());
     http.answer(status, FakeHTTPClient::reply("", 404));
@@ -198,7 +198,7 @@ TEST_F(Transport, UsesThePortThatIsKnownAtEachCall) {
     EXPECT_EQ(transport.description(), "<KRVHTTPClientTransport: port 8002>");
 }
 
-TEST_F(Transport, KnowsItsOwnExceptionsByTheirName) {
+TEST_F(Transport, RecognisesItsExceptionsByName) {
     EXPECT_TRUE(transport.isThisACommunicationsFailure(Exception("kHTTPServerNSURLConnectionError", "any")));
     EXPECT_FALSE(transport.isThisACommunicationsFailure(Exception("TransportCheck", "any")));
 }

@@ -8,7 +8,7 @@
 
 namespace krv {
 
-/// Opens the logging gate and records what passes it, for tests; puts everything back when it goes. One at a time.
+/// Enables logging and records the lines, for tests. The destructor restores the defaults. One object at a time.
 class LogRecorder {
 public:
     explicit LogRecorder(std::uint32_t level = 15, std::uint32_t additional = 7) {

@@ -7,21 +7,21 @@
 
 namespace krv {
 
-/// A clock whose time stands still until it is told otherwise. Starts an hour after the epoch of the steady
-/// clock, so that a test may look back as well. Any thread.
+/// A clock whose time changes only when a test advances it. Starts an hour after the epoch of the steady clock, so that
+/// a test may subtract from it. Thread-safe.
 class FakeClock final : public Clock {
 public:
     FakeClock();
 
     [[nodiscard]] TimePoint now() const override;
-    /// Lets the time pass at once and records how long the sleep was to be. Negative durations pass no time.
+    /// Advances the time at once and records the requested duration. A negative duration does not change the time.
     void sleepFor(Duration duration) override;
 
     void advanceBy(Duration duration);
-    /// Moves to a time; does nothing when it has passed.
+    /// Advances to a time; does nothing if it has passed.
     void advanceTo(TimePoint time);
 
-    /// All sleeps so far, in order.
+    /// Returns the durations of all sleeps so far, in order.
     [[nodiscard]] std::vector<Duration> sleeps() const;
 
 private:

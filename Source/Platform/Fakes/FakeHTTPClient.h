@@ -12,7 +12,7 @@
 
 namespace krv {
 
-/// A client whose answers a test gives by URL. At a URL without an answer nobody listens. Any thread.
+/// A client that returns a test's responses by URL. A URL without a response refuses the connection. Thread-safe.
 ///
 ///     FakeHTTPClient http;
 ///     http.answer("http://localhost:8003/status", FakeHTTPClient::reply("{}"));
@@ -21,28 +21,28 @@ class FakeHTTPClient final : public HTTPClient {
 public:
     using Handler = std::function<HTTPResponse(const HTTPRequest&)>;
 
-    /// Answers every request to the URL from now on.
+    /// Sets the response to every later request for the URL.
     void answer(std::string_view url, HTTPResponse response);
-    /// Works every answer out when it is asked for; called without a lock held.
+    /// Sets a handler that makes the response to each request. It is called without a lock held.
     void answer(std::string_view url, Handler handler);
-    /// Answers the next request to the URL that no other call of answerOnce answers, before what answer() gave.
+    /// Queues a response to one request for the URL. Queued responses are returned before that of answer().
     void answerOnce(std::string_view url, HTTPResponse response);
-    /// Nobody listens there any more.
+    /// Removes the responses of a URL, so that it refuses connections.
     void refuse(std::string_view url);
 
     HTTPResponse send(const HTTPRequest& request) override;
 
-    /// All requests so far, in order.
+    /// Returns all requests so far, in order.
     [[nodiscard]] std::vector<HTTPRequest> requests() const;
-    /// The URLs of all requests so far, in order.
+    /// Returns the URLs of all requests so far, in order.
     [[nodiscard]] std::vector<std::string> urls() const;
 
-    /// A whole answer.
+    /// Returns a complete response.
     [[nodiscard]] static HTTPResponse reply(std::string_view body, int status = 200);
     [[nodiscard]] static HTTPResponse reply(Data body, int status = 200);
-    /// An answer that was cut short after these bytes.
+    /// Returns a response that was cut short after these bytes.
     [[nodiscard]] static HTTPResponse cutShort(std::string_view body);
-    /// No answer: nobody listens, or it did not come in time.
+    /// Return a failure without a response: a refused connection, a time-out.
     [[nodiscard]] static HTTPResponse refused();
     [[nodiscard]] static HTTPResponse timedOut();
 

@@ -6,7 +6,7 @@
 
 namespace krv {
 
-/// A process table that a test fills. One thread.
+/// A process table that a test fills. For one thread.
 class FakeProcessTable final : public ProcessTable {
 public:
     void add(ProcessInfo info) { processes_[info.pid] = std::move(info); }

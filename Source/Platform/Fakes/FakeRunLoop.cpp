@@ -32,7 +32,7 @@ void FakeRunLoop::runUntil(Clock::TimePoint time) {
         clock_.advanceTo(*next);
         makeDueCalls();
         if (clock_.now() > time) {
-            return;  // a call-back has slept beyond the end
+            return;  // a callback has slept past the end
         }
     }
     clock_.advanceTo(time);

@@ -7,35 +7,33 @@
 
 namespace krv {
 
-/// A run loop in virtual time: nothing happens until a test lets the time of its clock pass, and then each
-/// call is made at exactly its time. It may be turned by any thread, one at a time.
+/// A run loop in virtual time. Nothing happens until a test advances its clock; then each call is made at exactly its
+/// time. Any thread may run it, one at a time.
 ///
 ///     FakeClock clock;
 ///     FakeRunLoop loop(clock);
 ///     const RunLoop::Replacement replacement(loop);   // main() and current() are this loop now
 ///     discovery.serverIsntThere();
-///     loop.advanceBy(250ms);                          // ...and the search has begun again
+///     loop.advanceBy(250ms);                          // the search has started again
 class FakeRunLoop final : public ScheduledRunLoop {
 public:
-    /// The clock is not owned. Loops that share one see the same time; each is turned on its own.
+    /// Borrows the clock. Loops that share a clock have the same time and are run separately.
     explicit FakeRunLoop(FakeClock& clock);
     ~FakeRunLoop() override;
 
-    /// Lets that much time pass and makes the calls that come due, in order, each with the clock at its time.
-    /// What a call-back throws passes through, with the clock where it happened.
+    /// Advances the clock by the duration and makes the calls that become due, in order, each with the clock at its
+    /// time. If a callback throws, the exception propagates and the clock stays at that time.
     void advanceBy(Clock::Duration duration);
-    /// Makes the calls that are due now, those that they ask for at once included. Time stands still.
+    /// Makes the calls that are due now, and those that they request for now. Does not advance the clock.
     void runReady();
 
-    /// How many calls are pending; a repeating timer counts as one.
-    using ScheduledRunLoop::pendingCount;
-    /// When the earliest pending call is due.
     using ScheduledRunLoop::nextCall;
+    using ScheduledRunLoop::pendingCount;
 
-    /// Lets the time pass up to that time, like advanceBy.
+    /// Advances the clock to that time, like advanceBy.
     void runUntil(Clock::TimePoint time) override;
-    /// Lets the time pass from call to call until stop() is called. Raises std::logic_error when no call is
-    /// pending any more, where a real loop would wait for ever.
+    /// Advances the clock from call to call until stop() is called. Throws std::logic_error if no call is pending any
+    /// more, where a real loop would wait forever.
     void run() override;
     void stop() override;
 

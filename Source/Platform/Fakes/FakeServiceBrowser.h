@@ -9,7 +9,7 @@
 
 namespace krv {
 
-/// A service that resolves as a test says. One thread.
+/// A service whose resolution a test controls. For one thread.
 class FakeNetService final : public NetService, public std::enable_shared_from_this<FakeNetService> {
 public:
     explicit FakeNetService(std::string name, long resolvesTo = -1)
@@ -19,7 +19,7 @@ public:
     [[nodiscard]] const std::string& name() const override { return name_; }
     [[nodiscard]] long port() const override { return port_; }
     void setDelegate(std::weak_ptr<NetServiceDelegate> delegate) override { delegate_ = std::move(delegate); }
-    /// Answers from the calling thread's loop: resolved when the service was given a port of 1 or above.
+    /// Calls the delegate from the calling thread's loop: resolved if the service has a port of at least 1.
     void resolveWithTimeout(Clock::Duration timeout) override;
 
     [[nodiscard]] const std::vector<Clock::Duration>& resolutions() const { return resolutions_; }
@@ -32,7 +32,7 @@ private:
     std::vector<Clock::Duration> resolutions_;
 };
 
-/// A browser whose searches show what a test gives it. One thread.
+/// A browser whose searches find the services that a test shows. For one thread.
 ///
 /// Like the real one it reports a silent search after 2 s and then every 6 s, across searches.
 class FakeServiceBrowser final : public ServiceBrowser {
@@ -42,11 +42,11 @@ public:
     void stop() override;
     [[nodiscard]] std::string description() const override { return "<FakeServiceBrowser>"; }
 
-    /// Shows these services as one batch to the running search; nothing happens without one.
+    /// Reports these services as one batch to the running search, if there is one.
     void show(std::vector<std::shared_ptr<NetService>> batch);
 
     [[nodiscard]] bool isSearching() const { return searching_; }
-    /// Type and domain of each search so far.
+    /// Returns the type and the domain of each search so far.
     [[nodiscard]] const std::vector<std::pair<std::string, std::string>>& searches() const { return searches_; }
 
 private:

@@ -1,23 +1,24 @@
-// Service browsing over an embedded multicast-DNS responder.
+// Service browsing with an embedded multicast-DNS responder.
 //
-// Everything of the responder's library happens under its one lock: our calls take it, its call-backs come with it held
-// on its own thread. A search's events are handed to the run loop from which the search was started and are dropped
-// there when the search is no longer the current one, so that on that loop's thread nothing arrives after stop().
+// libavahi-core has one lock. Our calls take it, and its callbacks run on its own thread with it held. A search's
+// events are passed to the run loop that started the search. There they are dropped if the search is no longer the
+// current one, so on that loop's thread nothing is delivered after stop().
 //
-// A found name says little: its publisher may be dead (records live on in caches for minutes), or another user's. So
-// a service is resolved before it is reported, and only one whose port is held by a process of this user is reported,
-// under the name that it was published with. The resolver stays until the search ends, because a record that is
-// outdated now may be replaced by the right one a moment later. The port alone does not tell the living from the dead
-// when another program has taken it since, so publishers also name their process (see PublisherRecord.h).
+// A name that is found means little. Its publisher may be dead (records stay in caches for minutes) or belong to
+// another user. So a service is resolved before it is reported. It is reported only if a process of this user listens
+// on its port, and under the name with which it was published. The resolver is kept until the search ends, because a
+// stale record may be replaced by the right one a moment later. The port alone does not prove that the publisher is
+// alive: another program may have taken the port since. So publishers also name their process (see PublisherRecord.h).
 //
-// Batches. The services whose resolution is under way together are a batch: each is reported as soon as it is resolved,
-// with "more coming" while others are still open. When the last one of a batch in which something was reported turns
-// out to be none of ours, the batch's end is reported by itself.
+// Batches. The services that are being resolved at the same time form a batch. Each is reported as soon as it is
+// resolved, with "more coming" while others are pending. If something was reported and the last service of the batch
+// turns out not to be ours, the end of the batch is reported separately.
 //
-// Silence. A search that shows nothing would leave its owner waiting for ever. So, as long as it has reported no
-// service, it reports an ended batch without a match, first after two seconds and then every six: longer than the five
-// after which the owner falls back to polling ports, so that the fall-back gets its turn. The owner begins a new search
-// after each report; the six seconds hold across searches, or every report would push the fall-back away again.
+// Silence. A search that finds nothing would leave its owner waiting indefinitely. As long as a search has reported no
+// service, it reports an ended batch without a match, first after two seconds and then every six. Six is longer than
+// the five seconds after which the owner falls back to polling ports, so that the fallback gets its turn. The owner
+// starts a new search after each report. Therefore the six seconds apply across searches; otherwise every report would
+// postpone the fallback again.
 #include <atomic>
 #include <map>
 #include <string>
@@ -55,7 +56,7 @@ std::vector<std::string> entriesOf(AvahiStringList* text) {
     return entries;
 }
 
-/// Whether a process of this user offers the service now.
+/// Returns whether a process of this user offers the service now.
 bool isOffered(std::uint16_t port, const std::vector<std::string>& text) {
     return port != 0 && userListensOnPort(port) && !publisherHasGone(text, ProcessTable::ofThisUser());
 }
@@ -77,8 +78,7 @@ public:
         delegate_ = std::move(delegate);
     }
 
-    /// The port was learned when the service was found, moments ago; what can have changed is whether it is still
-    /// offered.
+    /// The port is known since the service was found a moment ago, so this only checks that it is still offered.
     void resolveWithTimeout(Clock::Duration /*timeout*/) override {
         LoopReach::current()->perform([self = shared_from_this()] { self->resolve(); });
     }
@@ -112,7 +112,7 @@ private:
 
 class AvahiServiceBrowser;
 
-/// One search. What belongs to the responder is touched under its lock only.
+/// One search. It uses the responder's objects under the responder's lock only.
 class Search final : public std::enable_shared_from_this<Search> {
 public:
     explicit Search(std::weak_ptr<AvahiServiceBrowser> owner)
@@ -121,7 +121,7 @@ public:
 
     void begin(LoopbackResponder* responder, const std::string& type, const std::string& domain,
                Clock::Duration firstSilence);
-    /// responder: the one that begin was given; null when it has gone already.
+    /// responder: the one given to begin; null if it is already destroyed.
     void end(LoopbackResponder* responder);
 
 private:
@@ -194,7 +194,7 @@ public:
         return fmt::format("<ServiceBrowser {}>", static_cast<const void*>(this));
     }
 
-    /// On a search's loop: passes an event on if the search is still the current one.
+    /// Passes an event to the delegate if the search is still the current one. Called on the search's loop.
     void tell(const Search* search, const std::shared_ptr<NetService>& service, bool moreComing) {
         std::shared_ptr<ServiceBrowserDelegate> delegate;
         {
@@ -233,14 +233,14 @@ private:
         }
     }
 
-    /// Serialises the starting and stopping of searches; never taken by the responder's thread.
+    /// Serialises the starting and stopping of searches. The responder's thread never takes it.
     Mutex searchMutex_;
     std::unique_ptr<LoopbackResponder> responder_;
 
     Mutex mutex_;
     std::weak_ptr<ServiceBrowserDelegate> delegate_ KRV_GUARDED_BY(mutex_);
     std::shared_ptr<Search> current_ KRV_GUARDED_BY(mutex_);
-    /// Whether the last report was of silence.
+    /// Whether the last report was an ended batch without a match.
     std::atomic<bool> silent_{false};
 };
 

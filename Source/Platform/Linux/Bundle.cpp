@@ -82,7 +82,7 @@ std::optional<Bundle> Bundle::containing(const void* address) {
     if (::dladdr1(address, &info, reinterpret_cast<void**>(&object), RTLD_DL_LINKMAP) == 0 || !info.dli_fname) {
         return std::nullopt;
     }
-    // The program itself has no name in the loader's list, and dli_fname is what it was called by.
+    // The program itself has no name in the loader's list, and its dli_fname is the name it was invoked by.
     const bool isProgram = !object || !object->l_name || *object->l_name == '\0';
     std::error_code failure;
     const fs::path file = isProgram ? fs::path(executablePath()) : fs::absolute(info.dli_fname, failure);
@@ -109,7 +109,7 @@ std::optional<std::string> Bundle::bundleIdentifier() const {
     if (this != &main()) {
         return identifierFromInfoFile(path());
     }
-    // The file belongs to the running program, so it is read once.
+    // The file belongs to the running program, so reading it once is enough.
     static const auto* const ofFile = new std::optional<std::string>(identifierFromInfoFile(path()));
     if (*ofFile) {
         return *ofFile;

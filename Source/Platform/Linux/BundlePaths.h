@@ -4,7 +4,7 @@
 
 namespace krv {
 
-/// The directory of the bundle to which the executable at that absolute path belongs (see Bundle::main).
+/// Returns the directory of the bundle that contains the executable at that absolute path (see Bundle::main).
 [[nodiscard]] std::string bundleDirectoryOfExecutable(const std::string& executable);
 
 }  // namespace krv

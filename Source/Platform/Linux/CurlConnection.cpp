@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::size_t kMaximumBody = std::size_t{64} << 20;
 
-/// Rounded up; curl takes 0 for "no limit", so a time-out that has passed already is the shortest there is.
+/// Rounds up. A time-out that has already passed becomes the shortest one, because curl takes 0 for "no limit".
 long milliseconds(Clock::Duration timeout) {
     const auto count = std::chrono::ceil<std::chrono::milliseconds>(timeout).count();
     return std::clamp<long>(count, 1, std::numeric_limits<int>::max());
@@ -25,11 +25,11 @@ long milliseconds(Clock::Duration timeout) {
 
 }  // namespace
 
-/// What one request has brought so far.
+/// The state of one request.
 struct CurlConnection::Exchange {
     CURL* handle;
     HTTPResponse response;
-    /// A connection made for this request is checked; one that stayed open has been.
+    /// Whether the connection was opened for this request and must be checked; an older one was checked before.
     bool newSocket = false;
     bool foreignPeer = false;
     bool tooLarge = false;
@@ -39,7 +39,7 @@ struct CurlConnection::Exchange {
 CurlConnection::CurlConnection()
     : headers_(nullptr, curl_slist_free_all)
     , handle_(nullptr, curl_easy_cleanup) {
-    // A header without a value is one that curl leaves out.
+    // curl omits a header that has no value.
     for (const char* header : {"Expect:", "Content-Type:"}) {
         if (curl_slist* longer = curl_slist_append(headers_.get(), header)) {
             (void)headers_.release();
@@ -62,7 +62,7 @@ bool CurlConnection::makeHandle() {
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http");
     curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 0L);
-    // An empty proxy keeps the environment's from being asked for, and so does the list of exceptions.
+    // An empty proxy overrides the proxy and the exceptions in the environment.
     curl_easy_setopt(handle, CURLOPT_PROXY, "");
     curl_easy_setopt(handle, CURLOPT_NOPROXY, "*");
     curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_1_1);
@@ -83,11 +83,11 @@ HTTPResponse CurlConnection::send(const HTTPRequest& request) {
         return {{}, 0, *refusal};
     }
     const auto& [host, port] = std::get<LoopbackURL>(url);
-    // Nobody is asked where "localhost" is: not the name service, not /etc/hosts.
+    // "localhost" is resolved here, without the name service and /etc/hosts.
     const List addresses(curl_slist_append(nullptr, fmt::format("localhost:{}:127.0.0.1,[::1]", port).c_str()),
                          curl_slist_free_all);
     if (!addresses || !makeHandle()) {
-        return {{}, 0, "There is no memory for the request."};
+        return {{}, 0, "Out of memory."};
     }
     CURL* const handle = handle_.get();
     Exchange exchange{handle, {}};
@@ -97,7 +97,7 @@ HTTPResponse CurlConnection::send(const HTTPRequest& request) {
     if (request.body) {
         curl_easy_setopt(handle, CURLOPT_POST, 1L);
         curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body->size()));
-        // An empty vector may have no bytes to point to, and no bytes at all would make curl ask a call-back.
+        // The data of an empty vector may be null, and with null curl would call a read callback.
         curl_easy_setopt(handle, CURLOPT_POSTFIELDS,
                          request.body->empty() ? "" : reinterpret_cast<const char*>(request.body->data()));
     } else {
@@ -113,11 +113,11 @@ HTTPResponse CurlConnection::send(const HTTPRequest& request) {
     if (code != CURLE_OK) {
         exchange.response.error = sentence(code, exchange, port);
     } else if (!exchange.response.body) {
-        // curl takes a head that breaks off for the end of an answer without a body.
+        // curl takes truncated headers for the end of a response without a body.
         exchange.response.error = sentence(CURLE_GOT_NOTHING, exchange, port);
     }
     if (exchange.foreignPeer) {
-        handle_.reset();  // curl would keep the connection, and use it for the next request unasked
+        handle_.reset();  // otherwise curl would reuse the connection for the next request
     }
     return std::move(exchange.response);
 }
@@ -127,10 +127,10 @@ std::string CurlConnection::sentence(CURLcode code, const Exchange& exchange, lo
         return fmt::format("Could not connect to the server: port {} does not belong to this user.", port);
     }
     if (exchange.tooLarge || code == CURLE_FILESIZE_EXCEEDED) {
-        return fmt::format("The answer is longer than {} MiB.", kMaximumBody >> 20);
+        return fmt::format("The response is longer than {} MiB.", kMaximumBody >> 20);
     }
     if (exchange.noMemory) {
-        return "There is no memory for the answer.";
+        return "Out of memory.";
     }
     switch (code) {
     case CURLE_COULDNT_CONNECT:
@@ -142,7 +142,7 @@ std::string CurlConnection::sentence(CURLcode code, const Exchange& exchange, lo
     case CURLE_RECV_ERROR:
         return "The connection to the server was lost.";
     case CURLE_PARTIAL_FILE:
-        return "The connection to the server was lost before the whole answer had come.";
+        return "The connection to the server was lost before the response was complete.";
     default:
         return fmt::format("{}.", curl_easy_strerror(code));
     }
@@ -175,7 +175,7 @@ std::size_t CurlConnection::headLine(char* bytes, std::size_t size, std::size_t 
     if (line == "\r\n" || line == "\n") {
         long status = 0;
         curl_easy_getinfo(exchange.handle, CURLINFO_RESPONSE_CODE, &status);
-        // Heads from 100 to 199 only announce the one that counts.
+        // The statuses 100 to 199 only precede the final response.
         if (status >= 200 && !exchange.response.body) {
             exchange.response.status = static_cast<int>(status);
             exchange.response.body.emplace();

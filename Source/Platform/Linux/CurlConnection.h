@@ -10,7 +10,7 @@
 
 namespace krv {
 
-/// The connections of one thread: a curl handle that keeps them open between requests.
+/// The connections of one thread, in a curl handle that keeps them open between requests.
 class CurlConnection {
 public:
     CurlConnection();

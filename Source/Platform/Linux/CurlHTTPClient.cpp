@@ -12,7 +12,7 @@ namespace {
 
 thread_local bool threadIsEnding = false;
 
-/// The calling thread's connections, made when it sends its first request and closed when it ends.
+/// The calling thread's connections, created with its first request and closed when the thread exits.
 struct ThreadConnection {
     std::unique_ptr<CurlConnection> connection;
     ~ThreadConnection() {
@@ -23,12 +23,12 @@ struct ThreadConnection {
 
 class CurlHTTPClient final : public HTTPClient {
 public:
-    // Never undone: an application may use curl as well, and requests are sent until the process ends.
+    // Never undone, because the application may use curl too, and requests are sent until the process exits.
     CurlHTTPClient() { curl_global_init(CURL_GLOBAL_DEFAULT); }
 
     HTTPResponse send(const HTTPRequest& request) override {
         try {
-            if (threadIsEnding) {  // called by the destructor of another object of the thread's
+            if (threadIsEnding) {  // called by the destructor of another thread-local object
                 return CurlConnection().send(request);
             }
             thread_local ThreadConnection mine;

@@ -7,16 +7,16 @@
 #include <KRVQTProcessClient/Logging/Log.h>
 #include <KRVQTProcessClient/Platform/Linux/GLibRunLoop.h>
 
-// GLib's frames must not see an exception, so dispatch() catches what a call-back throws and the turn ends
-// there: every dispatch is followed by a return to runUntil or run, which raises it. When the application
-// turns the main context with a loop of its own, no such frame of ours is below, and the exception is logged.
+// No exception may pass through GLib's frames. dispatch() catches what a callback throws and ends the iteration; every
+// dispatch returns to runUntil or run, which rethrows it. When a toolkit runs the main context, there is no such frame
+// of ours, and the exception is logged.
 
 namespace krv {
 namespace {
 
 constexpr LogSite kSite{"Source/Platform/Linux/GLibRunLoop", Selector("runUntilDate:")};
 
-/// GLib counts microseconds of the same clock. Rounded up, so that a call is never made too early.
+/// Converts to GLib's microseconds of the same clock. Rounds up, so that no call is made too early.
 gint64 readyTime(Clock::TimePoint time) {
     using namespace std::chrono;
     return ceil<microseconds>(time.time_since_epoch()).count();
@@ -43,9 +43,8 @@ GLibRunLoop& threadLoop() {
     return loop;
 }
 
-// The dispatch functions look their loop up instead of carrying a pointer to it: what one thread writes and
-// another reads through GLib's own locks is a data race in the eyes of ThreadSanitizer, which does not see
-// those locks.
+// The dispatch functions look up their loop instead of receiving a pointer to it. ThreadSanitizer does not see GLib's
+// own locks, so it would report the pointer, written by one thread and read by another, as a data race.
 gboolean dispatchMainLoop(GSource*, GSourceFunc, gpointer) {
     mainLoop().dispatch();
     return G_SOURCE_CONTINUE;
@@ -55,7 +54,7 @@ gboolean dispatchThreadLoop(GSource*, GSourceFunc, gpointer) {
     return G_SOURCE_CONTINUE;
 }
 
-/// Makes a context return from its poll at a given time at the latest.
+/// Makes a context return from its poll no later than a given time.
 class WakeUp {
 public:
     WakeUp(GMainContext* context, Clock::TimePoint time)
@@ -79,9 +78,8 @@ thread_local RunLoop* currentReplacement = nullptr;
 
 }  // namespace
 
-/// Marks that the loop is turned by one of its own operations. What the callees make meanwhile in this thread
-/// belongs to the loop's context; it is not pushed for longer, because an application pushes and pops
-/// contexts of its own.
+/// Marks that one of the loop's own operations runs it. Sources that callees create on this thread then belong to the
+/// loop's context. The context is not pushed for longer, because an application pushes and pops its own contexts.
 class GLibRunLoop::Turning {
 public:
     explicit Turning(GLibRunLoop& loop)
@@ -166,7 +164,7 @@ bool GLibRunLoop::isOwnThread() const {
 
 void GLibRunLoop::runUntil(Clock::TimePoint time) {
     const Turning turning(*this);
-    // What is ready is dispatched once even when the time has passed already.
+    // Even if the time has already passed, dispatch once what is ready.
     g_main_context_iteration(context_, FALSE);
     raiseKeptException();
     if (now() >= time) {

@@ -10,8 +10,8 @@
 
 namespace krv {
 
-/// A run loop over a GMainContext. One source of the context stands for all of the loop's calls; whatever
-/// else is attached to the context (an application's widgets, D-Bus) is dispatched by the same turns.
+/// A run loop over a GMainContext. One source of the context represents all of the loop's calls. Other sources of the
+/// context (an application's widgets, D-Bus) are dispatched in the same iterations.
 class GLibRunLoop final : public ScheduledRunLoop {
 public:
     enum class Kind { Main, Thread };
@@ -23,7 +23,7 @@ public:
     void run() override;
     void stop() override;
 
-    /// One dispatch of the loop's source. Lets nothing through to GLib's frames.
+    /// Dispatches the loop's source once. No exception reaches GLib's frames.
     void dispatch() noexcept;
 
     [[nodiscard]] GMainContext* context() const noexcept { return context_; }
@@ -42,11 +42,11 @@ private:
     const std::thread::id thread_;  // of a thread loop
     GMainContext* const context_;
     GSource* const source_;
-    // Waking the context under this lock keeps a thread that sees the request, returns from run() and ends
-    // from taking the context away under the one that asks.
+    // stop() wakes the context under this lock. Otherwise the loop's thread could see the request, return from run()
+    // and destroy the context while stop() still uses it.
     Mutex stopMutex_;
     bool stopRequested_ KRV_GUARDED_BY(stopMutex_) = false;
-    // The loop's own thread only.
+    // Used on the loop's own thread only.
     int turning_ = 0;
     std::exception_ptr exception_;
 };

@@ -40,7 +40,7 @@ HardwareAddressLookup hardwareAddressOfInterface(std::string_view name) {
             return {addressOf(entry->ifa_addr), HardwareAddressLookup::Failure::None, 0};
         }
     }
-    // Every interface has a link-level entry, so one that is listed without it went away in between.
+    // Every interface has a link-level entry, so one that is listed without it was removed during the call.
     return exists ? HardwareAddressLookup{{}, HardwareAddressLookup::Failure::NoEntry, ENODEV}
                   : HardwareAddressLookup{};
 }

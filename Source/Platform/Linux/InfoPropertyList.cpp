@@ -8,14 +8,14 @@
 namespace krv {
 namespace {
 
-/// Where the elements plist, dict and the dictionary's keys and values stand.
+/// Depth of the dictionary's keys and values, below plist and dict.
 constexpr int kEntryDepth = 3;
 
 struct Search {
     std::string_view key;
     int depth = 0;
     bool inDictionary = false;
-    bool keyMatches = false;  // the entry before this one was the key that is looked for
+    bool keyMatches = false;  // the previous element was the requested key
     std::string text{};
     std::optional<std::string> found{};
 
@@ -50,7 +50,7 @@ void fail(GError** error) {
     g_set_error_literal(error, G_MARKUP_ERROR, G_MARKUP_ERROR_PARSE, "out of memory");
 }
 
-// Nothing may be thrown through the parser's frames.
+// No exception may pass through the parser's frames.
 template <typename Step>
 void guarded(gpointer search, GError** error, Step step) {
     try {

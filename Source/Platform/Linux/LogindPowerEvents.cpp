@@ -1,10 +1,9 @@
-// Sleep and wake by logind's signal PrepareForSleep on the system bus: true before the machine sleeps, false after it
-// has woken up.
+// Sleep and wake from logind's signal PrepareForSleep on the system bus: true before the machine sleeps, false after it
+// has woken.
 //
-// The connection is our own, not the process-wide one that GIO shares out: that one ends the process when the bus goes
-// away, which is not for a library to decide. No inhibitor lock is taken, so the machine does not wait for us; the
-// announcement of a sleep may therefore be delivered only after the wake, directly before the other one. Whoever
-// listens has to live with the pair arriving together.
+// The connection is our own, not the shared one of GIO, which by default terminates the process when the bus closes it;
+// a library must not do that. No inhibitor lock is taken, so the machine does not wait for us. The sleep signal may
+// therefore be delivered only after the wake, directly before the wake signal. Observers must handle both together.
 #include <memory>
 
 #include <gio/gio.h>
@@ -36,7 +35,7 @@ void sayThereAreNone(const ErrorHolder& why) {
     KRV_LOG(kLogFlagInfo, kSite, "No sleep and wake events: {}", why ? why->message : "the system bus has gone");
 }
 
-/// Posts on the library's own run loop: what an observer throws must not meet GIO's frames.
+/// Posts from the library's own run loop, because an observer's exception must not pass through GIO's frames.
 void post(std::string_view name) {
     RunLoop::main().perform([name] { center().post({std::string(name), Value(), nullptr}); });
 }
@@ -62,13 +61,13 @@ void connected(GObject*, GAsyncResult* result, gpointer) {
         return;
     }
     g_signal_connect(bus, "closed", G_CALLBACK(&busHasGone), nullptr);
-    // The connection is kept for the life of the process.
+    // The connection is kept until the process exits.
     g_dbus_connection_signal_subscribe(bus, "org.freedesktop.login1", "org.freedesktop.login1.Manager",
                                        "PrepareForSleep", "/org/freedesktop/login1", nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
                                        &prepareForSleep, nullptr, nullptr);
 }
 
-/// On the main thread, so that GIO delivers there.
+/// Called on the main thread, so that GIO delivers the signals there.
 void listen() {
     GError* failure = nullptr;
     gchar* const address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &failure);

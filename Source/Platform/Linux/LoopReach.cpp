@@ -6,7 +6,7 @@
 namespace krv {
 namespace {
 
-/// The reaches that this thread has given out. It is made after the thread's loop and so goes before it.
+/// The reference that this thread has given out. It is created after the thread's loop and so destroyed before it.
 struct GivenOut {
     ~GivenOut() {
         for (const auto& reach : reaches) {

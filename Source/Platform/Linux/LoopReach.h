@@ -7,10 +7,10 @@
 
 namespace krv {
 
-/// A way to another thread's run loop that stays safe when that thread has ended: what is asked for then is dropped.
+/// A reference to another thread's run loop that stays valid after that thread has exited. Later requests are dropped.
 class LoopReach {
 public:
-    /// The calling thread's loop.
+    /// Returns the reference to the calling thread's loop.
     [[nodiscard]] static std::shared_ptr<LoopReach> current();
 
     explicit LoopReach(RunLoop& loop)

@@ -24,13 +24,13 @@ void toOurLog(AvahiLogLevel /*level*/, const char* text) {
     KRV_LOG(kLogFlagVerbose, kSite, "avahi: {}", text);
 }
 
-/// The state changes concern what is published under the host name, and nothing is.
+/// State changes concern records of the host name, and none are published.
 void stateChanged(AvahiServer* /*server*/, AvahiServerState /*state*/, void* /*userdata*/) {}
 
 }  // namespace
 
 std::unique_ptr<LoopbackResponder> LoopbackResponder::start() {
-    // Without a function of our own the library writes to standard error.
+    // Without a log function libavahi-core writes to standard error.
     static std::once_flag once;
     std::call_once(once, [] { avahi_set_log_function(&toOurLog); });
 
@@ -39,7 +39,7 @@ std::unique_ptr<LoopbackResponder> LoopbackResponder::start() {
     if (!responder->poll_) {
         return nullptr;
     }
-    // Several responders share the interface, so each has a name of its own.
+    // Several responders share the interface, so each needs its own name.
     static std::atomic<unsigned> number{0};
     int failure = 0;
     responder->server_ =

@@ -8,21 +8,21 @@ struct AvahiThreadedPoll;
 
 namespace krv {
 
-/// An embedded multicast-DNS responder that hears and speaks on the loopback interface only, with a thread of its own.
+/// An embedded multicast-DNS responder on the loopback interface, with a thread of its own.
 ///
-/// It publishes nothing by itself. The library below has one lock for everything; call-backs come on the
-/// responder's thread with it held.
+/// Publishes nothing by itself. libavahi-core has one lock for everything; callbacks run on the responder's thread with
+/// the lock held.
 class LoopbackResponder {
 public:
-    /// Null when the machine does not let it run.
+    /// Starts a responder. Returns null if the machine does not permit it.
     [[nodiscard]] static std::unique_ptr<LoopbackResponder> start();
-    /// Joins the thread; not on that thread.
+    /// Joins the thread, so it must not be called on it.
     ~LoopbackResponder();
     LoopbackResponder(const LoopbackResponder&) = delete;
     LoopbackResponder& operator=(const LoopbackResponder&) = delete;
 
     [[nodiscard]] AvahiServer* server() const noexcept { return server_; }
-    /// Whether it has given up for good; then it must be replaced.
+    /// Returns whether it has failed permanently and must be replaced.
     [[nodiscard]] bool hasFailed();
 
     /// Holds the responder's lock.

@@ -33,7 +33,7 @@ struct CurlURL {
 std::variant<LoopbackURL, std::string> readLoopbackURL(const std::string& url) {
     const CurlURL parsed;
     if (!parsed.handle) {
-        return std::string("There is no memory for the request.");
+        return std::string("Out of memory.");
     }
     switch (curl_url_set(parsed.handle, CURLUPART_URL, url.c_str(), CURLU_NON_SUPPORT_SCHEME)) {
     case CURLUE_OK:
@@ -44,7 +44,7 @@ std::variant<LoopbackURL, std::string> readLoopbackURL(const std::string& url) {
         return fmt::format("\"{}\" is not a URL.", url);
     }
     if (parsed.part(CURLUPART_SCHEME) != "http") {
-        return fmt::format("\"{}\" is not a URL of http.", url);
+        return fmt::format("\"{}\" is not an http URL.", url);
     }
     LoopbackURL result;
     result.host = parsed.part(CURLUPART_HOST);

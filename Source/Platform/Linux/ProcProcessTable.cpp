@@ -31,7 +31,7 @@ public:
         }
         const std::string folder = fmt::format("/proc/{}", pid);
         struct stat status {};
-        // A process may end between any two of these, and even between opening its file and reading it.
+        // The process may exit between any two of these calls, even between opening its file and reading it.
         const auto text = readSmallFile(folder + "/stat", kLongestStat);
         const auto parsed = text ? parseProcessStat(*text) : std::nullopt;
         if (!parsed || isDeadState(parsed->state) || ::stat(folder.c_str(), &status) != 0) {
@@ -66,7 +66,7 @@ public:
     }
 };
 
-/// Shows what belongs to this process's user only.
+/// Only the processes of this process's user.
 class OwnProcessTable final : public ProcessTable {
 public:
     [[nodiscard]] std::optional<ProcessInfo> process(pid_t pid) const override {

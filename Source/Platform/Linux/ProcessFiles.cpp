@@ -13,7 +13,7 @@ std::optional<ProcessStat> parseProcessStat(std::string_view text) {
     }
     ProcessStat stat;
     stat.name = std::string(text.substr(open + 2, close - open - 2));
-    // What follows the name: the state is field 3 of the line, the start time field 22.
+    // After the name: the state is field 3 of the line, the start time field 22.
     std::string_view rest = text.substr(close + 2);
     stat.state = rest.front();
     constexpr int kFieldsFromStateToStart = 19;

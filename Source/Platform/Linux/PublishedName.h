@@ -5,7 +5,8 @@
 
 namespace krv {
 
-/// The name a service was published with: "NAME" of "NAME #2", which is how a responder resolves a conflict of names.
+/// Returns the name with which a service was published: "NAME" for "NAME #2", to which a responder renames a service
+/// whose name is taken.
 [[nodiscard]] std::string publishedName(std::string_view name);
 
 }  // namespace krv

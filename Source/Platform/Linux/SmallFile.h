@@ -6,8 +6,8 @@
 
 namespace krv {
 
-/// The contents of a regular file of at most `limit` bytes. Nothing for one that is longer, missing, unreadable or of
-/// another kind; a pipe that stands in a file's place does not block the caller.
+/// Returns the contents of a regular file of at most `limit` bytes. Empty if it is longer, missing, unreadable or not a
+/// regular file. Does not block on a pipe in place of a file.
 [[nodiscard]] std::optional<std::string> readSmallFile(const std::string& path, std::size_t limit);
 
 }  // namespace krv

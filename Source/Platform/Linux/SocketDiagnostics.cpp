@@ -12,10 +12,10 @@
 namespace krv {
 namespace {
 
-/// The diagnostics count the states of a socket as bits; an exact look-up ignores them, but they must be given.
+/// All socket states, as bits. An exact look-up ignores them, but the query must contain some.
 constexpr std::uint32_t kAnyState = std::numeric_limits<std::uint32_t>::max();
 
-/// Reads a structure off the front of the bytes, which may not be aligned for it.
+/// Reads a structure from the start of the bytes, which need not be aligned.
 template <typename T>
 bool read(std::span<const std::byte>& bytes, T& into) {
     if (bytes.size() < sizeof into) {

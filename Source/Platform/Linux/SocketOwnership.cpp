@@ -11,12 +11,12 @@
 namespace krv {
 namespace {
 
-/// A socket to the kernel's socket diagnostics.
+/// A netlink socket to the kernel's socket diagnostics.
 class DiagnosticsSocket {
 public:
     DiagnosticsSocket()
         : socket_(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG)) {
-        // The kernel answers within the call that asks; the limit is for a kernel that does not.
+        // The kernel replies within the send call. The limit is for a kernel that does not.
         const timeval limit{1, 0};
         ::setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     }
@@ -60,11 +60,10 @@ bool isOurs(const std::optional<SocketOwner>& owner) {
 
 bool peerBelongsToThisUser(const SocketEnd& local, const SocketEnd& peer) {
     DiagnosticsSocket diagnostics;
-    // Both ends of a connection over loopback are sockets of this machine: the peer's is the one whose own end is
-    // our peer and whose peer is us.
+    // Both ends of a loopback connection are sockets of this machine, so query the peer's socket with the ends swapped.
     auto owner = diagnostics.ask(peer, local);
     if (owner && !owner->held) {
-        // The server has not accepted the connection yet. It belongs to whoever listens.
+        // The server has not accepted the connection yet. It belongs to the owner of the listening socket.
         owner = diagnostics.ask(peer, std::nullopt);
     }
     return isOurs(owner);

@@ -1,28 +1,28 @@
-// Launching a program that belongs to nobody.
+// Launching a program that is nobody's child.
 //
-// A library cannot simply fork and exec. The child would be the application's: its death raises SIGCHLD in a program
-// that may have a handler for it, a wait() for any child would take our status away (or be confused by it), and until
-// somebody waits it stays in the table as a zombie. So there is a process in between, which launches the program,
-// reports, and ends; the program then belongs to the system, which reaps it.
+// A library cannot simply fork and exec. The program would be the application's child. Its exit raises SIGCHLD in an
+// application that may have a handler, the application's wait() for any child would consume its status (or be confused
+// by it), and until it is reaped it remains as a zombie. So an intermediate process, the courier, launches the program,
+// reports, and exits. The program is then adopted by the system, which reaps it.
 //
 //     application ── fork ──> courier ── posix_spawn ──> program
 //          │  <── pid, errno ─────┘│                        │
-//          │  pidfd_open(pid)      │                        │ adopted by init when the courier ends
+//          │  pidfd_open(pid)      │                        │ adopted by init when the courier exits
 //          └── shutdown ─────────> └─ exits                 │
 //
-// - The courier waits for the end of what it can read before it exits. Until then it is the program's parent and never
-//   waits for it, so the pid cannot be given to another process before our descriptor of the process is open.
-// - That end is made with shutdown(), not with close(): a process that another thread forks meanwhile holds a copy of
-//   our end of the line. Two couriers of two launches at the same time would hold each other's, and wait for ever. For
-//   the same reason a courier closes whatever it was born with.
-// - Between fork and posix_spawn only calls that are safe in a process whose other threads have vanished are made;
-//   everything that needs memory (arguments, attributes) is made before.
-// - posix_spawn, not exec: it reports why a program file is refused, by itself and at once.
-// - If the application dies in the middle, the courier reads the end of file and ends; the program runs on.
+// - The courier reads its end of the socket until end of file before it exits. Until then it is the program's parent
+//   and does not reap it, so the pid cannot be reused before the application has opened its pidfd.
+// - The application signals end of file with shutdown(), not with close(). A process that another thread forks at the
+//   same time has a copy of our end of the socket. The couriers of two simultaneous launches would have each other's
+//   ends open and wait forever. For the same reason a courier closes every inherited descriptor.
+// - Between fork and posix_spawn only functions are called that are safe in a process whose other threads no longer
+//   exist. Everything that allocates memory (arguments, attributes) is prepared before.
+// - posix_spawn instead of exec, because it reports at once why a program file is refused.
+// - If the application dies in the middle, the courier reads end of file and exits. The program continues to run.
 //
-// Rejected: a plain child with a thread or a SIGCHLD handler to reap it (both are visible to the host); a pidfd source
-// on the main loop (an application that does not turn its loop collects zombies); letting the program itself fork
-// into the background (then whoever starts it by hand loses sight of it).
+// Rejected: a plain child with a thread or a SIGCHLD handler that reaps it, because the host application would see
+// both. A pidfd source on the main loop, because an application that does not run its loop would collect zombies. A
+// program that forks itself into the background, because a person who starts it in a terminal could not control it.
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -46,7 +46,7 @@ namespace {
 
 constexpr int kFirstOtherDescriptor = STDERR_FILENO + 1;
 
-/// What the courier says.
+/// The courier's message.
 struct Report {
     int failure = 0;
     pid_t pid = 0;
@@ -73,10 +73,10 @@ public:
 
 private:
     const pid_t pid_;
-    const int process_;  // becomes readable when the process ends
+    const int process_;  // pidfd, readable when the process has exited
 };
 
-/// Everything posix_spawn needs, made before the fork.
+/// The arguments of posix_spawn, prepared before the fork.
 class SpawnPlan {
 public:
     explicit SpawnPlan(const Task::Launch& what)
@@ -119,7 +119,7 @@ public:
     }
 
 private:
-    /// Makes the file now, so that a place that cannot be written does not fail the launch.
+    /// Creates the file before the launch, so that an unwritable folder does not make the launch fail.
     [[nodiscard]] bool openStandardError() const {
         if (standardError_.empty()) {
             return false;
@@ -140,7 +140,7 @@ private:
     posix_spawnattr_t attributes_{};
 };
 
-/// Moves the descriptor to the first place behind the standard ones and closes all others.
+/// Moves the descriptor to the first number after the standard streams and closes all others. Returns its new number.
 int keepOnly(int descriptor) {
     if (descriptor != kFirstOtherDescriptor) {
         descriptor = ::dup3(descriptor, kFirstOtherDescriptor, O_CLOEXEC);
@@ -149,7 +149,7 @@ int keepOnly(int descriptor) {
     return descriptor;
 }
 
-/// The courier's whole life.
+/// Runs the courier, from the fork to its exit.
 [[noreturn]] void runCourier(SpawnPlan& plan, int line) {
     line = keepOnly(line);
     Report report;

@@ -37,17 +37,17 @@ Settings settingsOfThisProcess() {
     return settingsFromArguments(arguments);
 }
 
-/// Empty when there is none. Asked for at every call, like the files in it.
+/// Returns the user's configuration directory, empty if there is none. Read at every call, like the files in it.
 std::string configurationDirectory() {
     const char* directory = std::getenv("XDG_CONFIG_HOME");
     if (directory && *directory == '/') {
-        return directory;  // a relative one is to be ignored, says the base-directory standard
+        return directory;  // the base-directory standard says to ignore a relative one
     }
     const char* home = g_get_home_dir();
     return home ? std::string(home) + "/.config" : std::string();
 }
 
-/// An identifier becomes the name of a directory; one that would lead elsewhere has no file.
+/// Returns whether the identifier is a valid name of a directory, and not a path that leads elsewhere.
 bool isFileName(std::string_view identifier) {
     return !identifier.empty() && identifier != "." && identifier != ".." &&
            identifier.find('/') == std::string_view::npos && identifier.find('\0') == std::string_view::npos;

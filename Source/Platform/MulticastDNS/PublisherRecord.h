@@ -9,15 +9,15 @@
 
 namespace krv {
 
-/// What a publisher says of itself in the text record of its service: "pid=" and "start=", which together name one
-/// process for ever (see ProcessInfo).
+/// Returns the entries by which a publisher identifies its process in the text record of its service: "pid=" and
+/// "start=" (see ProcessInfo).
 ///
-/// A publisher that is killed cannot take its announcement back. It stays in the caches of others for two minutes, and
-/// when another program takes the port meanwhile, nothing but this tells it from a living one.
+/// A publisher that is killed cannot withdraw its announcement, which stays in the caches of others for two minutes. If
+/// another program takes the port in that time, only these entries show that the publisher is dead.
 [[nodiscard]] std::vector<std::string> publisherRecord(const ProcessInfo& process);
 
-/// Whether the text names a process that does not live any more, or that is not to be seen in the table. A text that
-/// names none, or not in this form, says nothing: false.
+/// Returns whether the text names a process that has exited or is not in the table. False if the text names no process
+/// or is malformed.
 [[nodiscard]] bool publisherHasGone(std::span<const std::string> text, const ProcessTable& processes);
 
 }  // namespace krv

@@ -9,22 +9,22 @@
 
 namespace krv {
 
-/// A transport that answers as it is told, for tests. One thread.
+/// A transport that follows a test's script. For one thread.
 ///
-/// Each call takes the next step of the script; a call beyond its end gets no reply. What was sent is kept.
+/// Each call takes the next step of the script. A call after the last step gets no reply. Keeps all records sent.
 class ScriptedTransport final : public KRVTransport {
 public:
     using Step = std::function<std::shared_ptr<const Data>(const KRVOperationBase::Ref& sent)>;
 
-    /// Answers with this record.
+    /// Replies with this record.
     ScriptedTransport& reply(const KRVOperationBase::Ref& record);
-    /// Answers with bytes.
+    /// Replies with bytes.
     ScriptedTransport& replyBytes(std::string bytes);
-    /// Answers with nothing.
+    /// Returns no reply.
     ScriptedTransport& replyNothing();
-    /// Raises an exception that counts as a communications failure.
+    /// Throws an exception that is a communications failure.
     ScriptedTransport& unreachable(std::string reason = "unreachable");
-    /// Raises an exception that does not.
+    /// Throws an exception that is not.
     ScriptedTransport& fail(std::string reason);
     ScriptedTransport& then(Step step);
 
@@ -33,12 +33,12 @@ public:
     [[nodiscard]] bool serviceReadyToRock() override;
     [[nodiscard]] std::string description() const override { return "<ScriptedTransport>"; }
 
-    /// What was sent, in order, as it was at that moment.
+    /// Returns copies of the records sent, in order.
     [[nodiscard]] const std::vector<KRVOperationBase::Ref>& sent() const { return sent_; }
     [[nodiscard]] std::vector<std::int32_t> sentTypes() const;
     [[nodiscard]] std::size_t stepsLeft() const { return steps_.size(); }
 
-    /// What serviceReadyToRock answers, call by call; true once it is used up.
+    /// The results of serviceReadyToRock, call by call; true after the last one.
     std::deque<bool> readiness;
     std::size_t readinessProbes = 0;
 
