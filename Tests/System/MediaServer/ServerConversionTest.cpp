@@ -1,4 +1,4 @@
-// Conversions through the real server and its workers: how they end, and what they leave.
+// Conversions with the real server and its workers: how they end, and which files remain.
 #include <cmath>
 #include <csignal>
 #include <fstream>
@@ -24,10 +24,10 @@ TEST_F(Server, ConvertsAMovieFromEndToEnd) {
     EXPECT_EQ(status()["running"], 0);
 }
 
-TEST_F(Server, EndsBadInputInTheErrorOfTheTable) {
+TEST_F(Server, ReportsBadInputWithTheDocumentedError) {
     start();
     const auto empty = folder.write("empty.mov", "");
-    const auto text = folder.write("text.mp4", "this is no movie at all, only some words in a file of that name");
+    const auto text = folder.write("text.mp4", "this is not a movie, only some words in a file with that name");
     std::ifstream in(movie(), std::ios::binary);
     const std::string whole{std::istreambuf_iterator<char>(in), {}};
     const auto truncated = folder.write("truncated.mov", whole.substr(0, 200));
@@ -67,7 +67,7 @@ TEST_F(Server, EndsBadInputInTheErrorOfTheTable) {
     EXPECT_EQ(convert((folder.path() / "link.mov").string(), out()), nullptr);
 }
 
-/// Permissions of a file for a while; the old ones come back, so that its folder can be removed.
+/// Changes the permissions of a file. The destructor restores them, so that the folder can be removed.
 class Permissions {
 public:
     Permissions(fs::path path, fs::perms permissions)
@@ -94,7 +94,7 @@ void expectDenied(const std::shared_ptr<const Error>& error, int code, const std
     EXPECT_EQ((*error->userInfo())["KRVFilePath"], Value(path));
 }
 
-TEST_F(Server, ASourceThatItMayNotReadIsErrorThree) {
+TEST_F(Server, AnUnreadableSourceIsErrorThree) {
     startHeldByPermissions();
     fs::copy_file(movie(), folder.path() / "in.mov");
     const std::string source = (folder.path() / "in.mov").string();
@@ -119,7 +119,7 @@ TEST_F(Server, ASourceThatItMayNotReadIsErrorThree) {
     EXPECT_EQ(filesInOut(), 1U);
 }
 
-TEST_F(Server, ADestinationThatItMayNotWriteIsErrorFive) {
+TEST_F(Server, AnUnwritableDestinationIsErrorFive) {
     startHeldByPermissions();
     {
         const Permissions readOnly(folder.path() / "out", fs::perms::owner_read | fs::perms::owner_exec);
@@ -139,16 +139,16 @@ TEST_F(Server, ADestinationThatItMayNotWriteIsErrorFive) {
     EXPECT_EQ(fs::file_size(out()), 8U);
 }
 
-TEST_F(Server, NeedsNoMoreThanToWriteInTheFolder) {
+TEST_F(Server, NeedsOnlyWritePermissionForTheFolder) {
     startHeldByPermissions();
     const Permissions noList(folder.path() / "out", fs::perms::owner_write | fs::perms::owner_exec);
     EXPECT_EQ(convert(movie(), out()), nullptr);
     EXPECT_GT(fs::file_size(out()), 1000U);
-    EXPECT_EQ(convert(movie(), out()), nullptr);  // replaces it
+    EXPECT_EQ(convert(movie(), out()), nullptr);  // replaces the first
     EXPECT_GT(fs::file_size(out()), 1000U);
 }
 
-TEST_F(Server, RefusesSettingsThatCannotBe) {
+TEST_F(Server, RefusesImpossibleSettings) {
     start();
     const auto code = [this](std::uint32_t codec, float quality, float fps, std::string_view text) {
         const auto* p = reinterpret_cast<const std::byte*>(text.data());
@@ -170,7 +170,7 @@ TEST_F(Server, RefusesSettingsThatCannotBe) {
     EXPECT_EQ(code(0x61766331, 0.5F, 0, "width=160:preset=veryfast"), 0);
 }
 
-TEST_F(Server, ACancelledConversionLeavesNothing) {
+TEST_F(Server, ACancelledConversionLeavesNoFile) {
     start();
     std::ofstream(out()) << "old";
     observer->onProgress = [](const R&, float) { return false; };
@@ -187,7 +187,7 @@ TEST_F(Server, ACancelledConversionLeavesNothing) {
 TEST_F(Server, AWorkerThatIsKilledCostsItsOperationOnly) {
     start();
     std::ofstream(out()) << "old";
-    // One that has reported progress has begun: one that dies before that is replaced, and nobody notices.
+    // A worker that has reported progress has started. One that dies earlier is replaced unnoticed.
     observer->onProgress = [this, killed = false](const R&, float progress) mutable {
         if (progress > 0.0F && !std::exchange(killed, true)) {
             ::kill(worker(), SIGKILL);
@@ -202,7 +202,7 @@ TEST_F(Server, AWorkerThatIsKilledCostsItsOperationOnly) {
     EXPECT_EQ(convert(movie(), out("second.mp4")), nullptr);
 }
 
-TEST_F(Server, AServerThatIsKilledTakesItsWorkersAlongAndLeavesNothing) {
+TEST_F(Server, AServerThatIsKilledTakesItsWorkersAlongAndLeavesNoFile) {
     start();
     const std::string source = std::string(KRV_TEST_MEDIA) + "/long.mov";
     pid_t workerPid = 0;
