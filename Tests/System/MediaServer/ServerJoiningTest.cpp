@@ -67,7 +67,8 @@ TEST_F(Joining, ABadMovieFailsEverythingAndIsNamed) {
     const auto missing = merge({media("plain.mov"), "/does/not/exist.mov"}, out());
     ASSERT_TRUE(missing);
     EXPECT_EQ(missing->code(), 3);
-    EXPECT_THAT(missing->localizedDescription(), testing::HasSubstr("/does/not/exist.mov"));
+    EXPECT_EQ(missing->localizedDescription(), "Cannot merge exist.mov: the file does not exist.");
+    EXPECT_EQ((*missing->userInfo())[kErrorFilePath].stringValue(), "/does/not/exist.mov");
     EXPECT_EQ(filesInOut(), 0U);
 }
 

@@ -120,7 +120,7 @@ TEST_F(Shortage, AWorkerWithoutMemoryFailsItsOwnOperationOnly) {
     const auto error = convert(hostile, out());
     ASSERT_TRUE(error);
     EXPECT_EQ(error->code(), 7) << error->description();
-    EXPECT_EQ(error->localizedFailureReason(), "out of memory");
+    EXPECT_EQ(error->localizedFailureReason(), "there was not enough memory");
     EXPECT_EQ((*error->userInfo())["KRVFilePath"], Value(hostile));
     EXPECT_TRUE(contents(out()) == "old");
     R::Ref state = ask(R::progressAndCompletionOperation(other));

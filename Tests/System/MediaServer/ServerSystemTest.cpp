@@ -52,14 +52,17 @@ TEST_F(Server, NamesTheWrongArgument) {
         const auto error = ask(operation)->error();
         return error ? fmt::format("{} {}", error->code(), error->localizedFailureReason()) : "accepted";
     };
-    EXPECT_EQ(codeOf([](auto& a) { a.remove("encodingSourceFilename"); }), "9 \"encodingSourceFilename\" is missing");
-    EXPECT_EQ(codeOf([](auto& a) { a.set("encodingSourceFilename", 7); }), "9 \"encodingSourceFilename\" is no string");
+    EXPECT_EQ(codeOf([](auto& a) { a.remove("encodingSourceFilename"); }),
+              "9 the argument \"encodingSourceFilename\" is missing");
+    EXPECT_EQ(codeOf([](auto& a) { a.set("encodingSourceFilename", 7); }),
+              "9 the argument \"encodingSourceFilename\" is not a string");
     EXPECT_EQ(codeOf([](auto& a) { a.set("encodingDestinationFilename", "relative.mp4"); }),
-              "9 \"encodingDestinationFilename\" is no absolute path");
-    EXPECT_EQ(codeOf([](auto& a) { a.set("encodingType", "H.264"); }), "9 \"encodingType\" is no integer");
+              "9 the argument \"encodingDestinationFilename\" is not an absolute path");
+    EXPECT_EQ(codeOf([](auto& a) { a.set("encodingType", "H.264"); }),
+              "9 the argument \"encodingType\" is not an integer");
     EXPECT_EQ(codeOf([](auto& a) { a.set("encodingVideoParams", 1); }),
-              "9 \"encodingVideoParams\" holds no encoding parameters of its kind");
-    EXPECT_EQ(codeOf([](auto& a) { a.set("encodingType", 99); }), "6 99 is no encoding type");
+              "9 the argument \"encodingVideoParams\" does not contain encoding parameters of its kind");
+    EXPECT_EQ(codeOf([](auto& a) { a.set("encodingType", 99); }), "6 the encoding type 99 does not exist");
 }
 
 TEST_F(Server, RefusesUnknownOperations) {

@@ -127,7 +127,7 @@ TEST_F(WorkerDeath, AtAnyStageFailsItsOwnOperationAtMost) {
             if (end->error()) {
                 ++killed;
                 EXPECT_EQ(end->error()->code(), 7) << what << ": " << end->error()->description();
-                EXPECT_EQ(end->error()->localizedFailureReason(), "the worker was ended by signal 9 (Killed)");
+                EXPECT_EQ(end->error()->localizedFailureReason(), "the worker was killed by signal 9 (Killed)");
             } else {
                 ++cancelled;
                 EXPECT_EQ(stage, Stage::Cancelling) << what;
