@@ -1,8 +1,8 @@
-# The folder list is the architecture, and CMake holds it: each folder is a target that shows its own headers only, so
-# that an include against an arrow does not build.
+# The folder list is the architecture, and CMake enforces it. Each folder is a target that exposes its own headers only,
+# so an include against an arrow does not build.
 
-# krv_link_headers(DIRECTORY [headers...]): makes DIRECTORY hold a link to each of these headers of the current source
-# folder, by default all of them, and nothing else. Headers in subfolders are not among them.
+# krv_link_headers(DIRECTORY [headers...]): fills DIRECTORY with links to these headers of the current source folder, by
+# default all of them except those in subfolders, and removes other links.
 function(krv_link_headers directory)
     set(headers ${ARGN})
     if(NOT headers)

@@ -16,7 +16,7 @@ ChildProcess::ChildProcess(std::vector<std::string> arguments) {
     int in[2];
     int out[2];
     if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) {
-        throw std::runtime_error("no pipe");
+        throw std::runtime_error("cannot create a pipe");
     }
     posix_spawn_file_actions_t files;
     posix_spawn_file_actions_init(&files);

@@ -8,25 +8,25 @@
 
 namespace krv::test {
 
-/// A program that a test runs beside itself. Its standard input and output are pipes to the test; it is killed, by its
-/// id, and reaped when the object goes.
+/// A program that runs beside a test, with its standard input and output connected to the test. The destructor kills it
+/// by its process id and reaps it.
 class ChildProcess {
 public:
-    /// arguments[0] is the program, looked up in PATH when it has no slash.
+    /// Starts the program arguments[0], looked up in PATH if it has no slash. Throws std::runtime_error on failure.
     explicit ChildProcess(std::vector<std::string> arguments);
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
     [[nodiscard]] pid_t pid() const { return pid_; }
-    /// The next line of its output without the end of line; nothing at the end of the output.
+    /// Blocks for the next line of output and returns it without its newline. Returns nullopt at the end of the output.
     std::optional<std::string> readLine();
-    /// What is left of its output.
+    /// Blocks until the end of the output and returns the rest of it.
     std::string readAll();
     void writeLine(const std::string& line);
     void closeInput();
     void signal(int number) const;
-    /// Waits for its end: the exit status, or minus the signal that ended it.
+    /// Waits until the process exits. Returns its exit status, or minus the number of the signal that killed it.
     int wait();
 
 private:

@@ -4,7 +4,7 @@
 
 namespace krv::test {
 
-/// A port that a test knows already.
+/// Reports a port that the test already knows.
 class FixedPort final : public ServicePort {
 public:
     explicit FixedPort(long port)

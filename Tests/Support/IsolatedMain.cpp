@@ -1,8 +1,8 @@
-// main() for test programs whose network and whose processes are their own: nothing they start meets what other tests
-// start at the same time, and everything is gone when they end, however they end.
+// main() for test programs with their own network and processes. What they start cannot interfere with other tests that
+// run at the same time, and no process outlives them, however they end.
 //
-// The tests run in new network, process and mount namespaces. The first process in there is a small init that reaps
-// orphans; when it ends, the kernel ends all the others.
+// The tests run in new network, process and mount namespaces. The first process there is a small init that reaps
+// orphans. When it exits, the kernel kills all others.
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -24,7 +24,7 @@
 namespace {
 
 [[noreturn]] void giveUp(const char* what) {
-    std::fprintf(stderr, "no isolation: %s: %s\n", what, std::strerror(errno));
+    std::fprintf(stderr, "cannot isolate the tests: %s: %s\n", what, std::strerror(errno));
     std::_Exit(1);
 }
 
@@ -37,7 +37,7 @@ void write(const char* path, const std::string& text) {
     }
 }
 
-void leaveNamespaces() {
+void enterNamespaces() {
     const uid_t user = ::getuid();
     const gid_t group = ::getgid();
     const bool root = user == 0;
@@ -66,9 +66,9 @@ int waitFor(pid_t child) {
     }
 }
 
-/// Returns in the process that is to run the tests; the others end in here.
+/// Returns in the process that runs the tests. The other processes exit in this function.
 void isolate() {
-    leaveNamespaces();
+    enterNamespaces();
     const pid_t init = ::fork();
     if (init < 0) {
         giveUp("fork");
@@ -82,7 +82,7 @@ void isolate() {
         giveUp("mount");
     }
     if (krv::test::runShell("ip link set lo up") != 0) {
-        giveUp("the loopback interface");
+        giveUp("ip link set lo up");
     }
     const pid_t tests = ::fork();
     if (tests < 0) {

@@ -36,7 +36,7 @@ PrivateBus::PrivateBus() {
                                                                       "--nofork", "--nopidfile", "--print-address=1"});
     const auto line = daemon_->readLine();
     if (!line) {
-        throw std::runtime_error("the bus daemon does not start");
+        throw std::runtime_error("the bus daemon did not start");
     }
     address_ = *line;
 }
@@ -54,7 +54,7 @@ MockLogind::MockLogind(const PrivateBus& bus) {
                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
         nullptr, nullptr, &error);
     if (!connection_) {
-        fail("no connection to the bus", error);
+        fail("cannot connect to the bus", error);
     }
     constexpr guint kDoNotQueue = 4;
     GVariant* const reply = g_dbus_connection_call_sync(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
@@ -62,7 +62,7 @@ MockLogind::MockLogind(const PrivateBus& bus) {
                                                         g_variant_new("(su)", "org.freedesktop.login1", kDoNotQueue),
                                                         nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
     if (!reply) {
-        fail("the name of the login manager is refused", error);
+        fail("cannot own the name of the login manager", error);
     }
     g_variant_unref(reply);
 }
@@ -77,7 +77,7 @@ void MockLogind::prepareForSleep(bool begins) {
                                        "org.freedesktop.login1.Manager", "PrepareForSleep",
                                        g_variant_new("(b)", begins ? TRUE : FALSE), &error) ||
         !g_dbus_connection_flush_sync(connection_, nullptr, &error)) {
-        fail("the signal cannot be sent", error);
+        fail("cannot send the signal", error);
     }
 }
 

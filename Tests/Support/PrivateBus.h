@@ -10,10 +10,10 @@
 
 namespace krv::test {
 
-/// A bus daemon of the test's own, on which everybody may do everything. It ends with the object.
+/// A D-Bus daemon for one test, without access control. The destructor kills it.
 class PrivateBus {
 public:
-    /// Returns when it can be connected to.
+    /// Starts the daemon and returns when it accepts connections. Throws std::runtime_error on failure.
     PrivateBus();
     [[nodiscard]] const std::string& address() const { return address_; }
     void kill();
@@ -24,7 +24,7 @@ private:
     std::string address_;
 };
 
-/// Stands in for the login manager on a private bus.
+/// A mock of the login manager on a private bus.
 class MockLogind {
 public:
     explicit MockLogind(const PrivateBus& bus);
@@ -32,8 +32,8 @@ public:
     MockLogind(const MockLogind&) = delete;
     MockLogind& operator=(const MockLogind&) = delete;
 
-    /// Announces that the machine goes to sleep (true) or has woken up (false). Returns when the signal is with the
-    /// bus.
+    /// Announces that the machine is about to sleep (true) or has woken up (false). Returns when the bus has the
+    /// signal.
     void prepareForSleep(bool begins);
 
 private:

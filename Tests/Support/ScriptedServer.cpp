@@ -1,34 +1,34 @@
-// A server that behaves as it is told, well or badly, and tells what it was sent.
+// An HTTP server that behaves as a test tells it, well or badly, and reports what it receives.
 //
 //   ScriptedServer [OPTION VALUE]...
 //
-// It prints "port N" when it listens. Each option may also be written to its standard input later, one "option value"
-// on a line, and is in force for what comes after; it prints "ok" for it. It ends with its standard input.
+// Prints "port N" when it listens. Options may also be written to its standard input later, one "option value" per
+// line. They apply from then on, and it prints "ok" for each. Exits at the end of its standard input.
 //
-//   port N              listens there (0: any free port); at start only
-//   address A           127.0.0.1 (unless told otherwise), ::1 or another; at start only
-//   user N              becomes this user before it listens; at start only
-//   report yes          prints what happens on its standard output
-//   log FILE            appends the same lines to a file
-//   status N            of the answers
-//   body TEXT           of the answers
+//   port N              port to listen on (0: any free port); at start only
+//   address A           address to listen on, 127.0.0.1 by default; at start only
+//   user N              user to become before listening; at start only
+//   report yes          prints reports on standard output
+//   log FILE            appends the same reports to a file
+//   status N            status of the responses
+//   body TEXT           body of the responses
 //   body-size N         a body of N bytes 'x'
 //   body-file PATH      a body from a file
-//   header TEXT         one more header line for the answers; empty takes them all back
-//   claim N             the Content-Length that is claimed instead of the real one; "none": none, the answer ends with
-//                       its connection; empty: the real one again
-//   raw TEXT            answers with just that text (\r and \n for the line ends); empty takes it back
-//   behave HOW          answer: answers and keeps the connection open
-//                       close: answers and closes
-//                       hang: reads requests and never answers
+//   header TEXT         adds a header line to the responses; empty removes all added lines
+//   claim N             Content-Length to send instead of the real one; "none": none, the response ends with the
+//                       connection; empty: the real one again
+//   raw TEXT            sends only this text as the response (\r and \n for line ends); empty: a real response again
+//   behave HOW          answer: responds and keeps the connection open
+//                       close: responds and closes
+//                       hang: reads requests and never responds
 //                       refuse: closes each connection at once
-//                       drop: closes after the request, without an answer
-//                       drip: answers byte by byte, one in each `pause`
-//                       deaf: leaves connections waiting unaccepted
-//   pause MS            between two bytes of drip
+//                       drop: closes after the request without a response
+//                       drip: responds byte by byte, one per `pause`
+//                       deaf: does not accept connections
+//   pause MS            milliseconds between two bytes of drip
 //
-// What is reported: "connection C", then "request C METHOD PATH", "header NAME: VALUE" for each, "body HEX"; and
-// "closed C" when the other side has closed. C counts the connections from 1.
+// The reports are "connection C", then "request C METHOD PATH", one "header NAME: VALUE" for each header and "body
+// HEX", and "closed C" when the peer has closed the connection. C counts the connections from 1.
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -76,7 +76,7 @@ Script now() {
     return script;
 }
 
-/// What is printed waits here: a test that does not read must not hold up what it is about.
+/// Output waits here, so that a test that does not read its pipe does not block the server.
 std::string output;  // guarded by the mutex
 std::condition_variable outputReady;
 
@@ -85,7 +85,7 @@ void print(const std::string& lines) {  // with the mutex held
     outputReady.notify_one();
 }
 
-[[noreturn]] void printForEver() {
+[[noreturn]] void printOutput() {
     std::unique_lock lock(mutex);
     for (;;) {
         outputReady.wait(lock, [] { return !output.empty(); });
@@ -334,7 +334,7 @@ int main(int count, char** arguments) {
         std::perror("ScriptedServer: listen");
         return 1;
     }
-    std::thread(printForEver).detach();
+    std::thread(printOutput).detach();
     std::thread(acceptOn, listener).detach();
     for (std::string line; std::getline(std::cin, line);) {
         const std::size_t space = std::min(line.find(' '), line.size());

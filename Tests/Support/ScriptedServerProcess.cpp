@@ -36,7 +36,7 @@ ScriptedServerProcess::ScriptedServerProcess(const Options& options)
     : process_(commandLine(options)) {
     const auto [word, port] = halves(process_.readLine().value_or(""), " ");
     if (word != "port") {
-        throw std::runtime_error("the scripted server does not listen");
+        throw std::runtime_error("the scripted server did not start");
     }
     port_ = std::stoi(port);
 }
@@ -54,7 +54,7 @@ ScriptedServerProcess::Request ScriptedServerProcess::nextRequest() {
     while (pending_.empty()) {
         const auto line = process_.readLine();
         if (!line) {
-            throw std::runtime_error("the scripted server has ended");
+            throw std::runtime_error("the scripted server has exited");
         }
         readReport(*line);
     }
@@ -95,7 +95,7 @@ void ScriptedServerProcess::readUntil(const std::string& line) {
             return;
         }
     }
-    throw std::runtime_error("the scripted server has ended before it said " + line);
+    throw std::runtime_error("the scripted server exited before it printed " + line);
 }
 
 void ScriptedServerProcess::readReport(const std::string& line) {

@@ -9,12 +9,12 @@
 
 namespace krv::test {
 
-/// A ScriptedServer running beside the test, and what it has been sent. It ends with the object. See the head of
-/// ScriptedServer.cpp for its options.
+/// A ScriptedServer that runs beside the test, and the requests that it received. The destructor kills it. Its options
+/// are described at the top of ScriptedServer.cpp.
 class ScriptedServerProcess {
 public:
     struct Request {
-        /// Which connection it came on, counted from 1.
+        /// The connection that it arrived on, counted from 1.
         int connection = 0;
         std::string method;
         std::string path;
@@ -23,32 +23,32 @@ public:
     };
     using Options = std::vector<std::string>;
 
-    /// Returns when the server listens. The options are "name", "value", "name", "value"...
+    /// Starts the server and returns when it listens. The options are "name", "value", "name", "value"...
     explicit ScriptedServerProcess(const Options& options = {});
 
     [[nodiscard]] int port() const { return port_; }
-    /// "http://localhost:PORT" with the path behind it.
+    /// Returns "http://localhost:PORT" followed by the path.
     [[nodiscard]] std::string url(const std::string& path = {}) const;
     [[nodiscard]] pid_t pid() const { return process_.pid(); }
 
-    /// Changes how it behaves from now on; returns when that is in force.
+    /// Sets an option and returns when the server has applied it.
     void tell(const std::string& option, const std::string& value);
-    /// Waits for the next request and takes it.
+    /// Waits for the next request and returns it.
     Request nextRequest();
-    /// Waits until the other side has closed that connection.
+    /// Waits until the peer has closed that connection.
     void waitForClose(int connection);
-    /// How many connections and requests it has reported up to now, those that were taken included.
+    /// Return the number of connections and requests so far, including those already returned.
     int connectionCount();
     int requestCount();
 
-    /// Ends it at once, in the middle of whatever it does.
+    /// Kills the server, in the middle of whatever it is doing.
     void kill();
 
 private:
-    /// Reads up to and including the line, keeping what is reported on the way.
+    /// Reads up to and including the line, and records the reports before it.
     void readUntil(const std::string& line);
     void readReport(const std::string& line);
-    /// Everything that has happened before now is known after this.
+    /// Reads the reports of everything that has happened so far.
     void catchUp();
 
     ChildProcess process_;

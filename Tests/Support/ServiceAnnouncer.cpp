@@ -1,9 +1,9 @@
-// Publishes one service on the loopback interface, as the media server does, and holds its port.
+// Publishes one service on the loopback interface like the media server, and listens on its port.
 //
 //   ServiceAnnouncer NAME PORT [--no-listener]
 //
-// PORT 0 takes a free one. Writes "established NAME PORT" when the service is published, under the name that it got.
-// Ends when its standard input is closed; "--no-listener" announces a port that nobody holds.
+// PORT 0 chooses a free port. Prints "established NAME PORT" when the service is published, with the name that it was
+// given. Exits when its standard input is closed. With "--no-listener" nothing listens on the port.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>

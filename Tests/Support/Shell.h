@@ -4,7 +4,7 @@
 
 namespace krv::test {
 
-/// Runs a command line of the shell and returns its exit status; -1 when it was ended by a signal.
+/// Runs a shell command and returns its exit status, -1 if a signal killed it.
 int runShell(const std::string& command);
 
 }  // namespace krv::test

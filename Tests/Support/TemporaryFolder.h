@@ -9,13 +9,13 @@
 
 namespace krv::test {
 
-/// A folder of its own for one test; it goes with the object, and everything in it.
+/// A temporary folder for one test. The destructor removes it with its contents.
 class TemporaryFolder {
 public:
     TemporaryFolder() {
         std::string name = (std::filesystem::temp_directory_path() / "krv-test-XXXXXX").string();
         if (!::mkdtemp(name.data())) {
-            throw std::runtime_error("no temporary folder");
+            throw std::runtime_error("cannot create a temporary folder");
         }
         path_ = name;
     }
@@ -27,7 +27,7 @@ public:
     TemporaryFolder& operator=(const TemporaryFolder&) = delete;
 
     [[nodiscard]] const std::filesystem::path& path() const { return path_; }
-    /// Writes a file in it, with the folders that lead there, and returns its path.
+    /// Writes a file in the folder, creating missing parent folders, and returns its path.
     std::string write(const std::filesystem::path& file, std::string_view contents) const {
         const auto full = path_ / file;
         std::filesystem::create_directories(full.parent_path());

@@ -1,5 +1,4 @@
-// Servers that cannot be started: what an application's call ends with, what its log says, and what krvqt tells a
-// person.
+// Servers that cannot be started: how an application's call ends, what its log says, and what krvqt prints.
 #include <fstream>
 #include <iterator>
 
@@ -27,7 +26,7 @@ protected:
         fs::create_directories(fs::path(tool).parent_path());
         fs::copy_file(KRV_KRVQT, tool);
     }
-    /// Puts a program in the place of the server in a bundle beside krvqt and beside an application.
+    /// Installs a program in place of the server, in a bundle beside krvqt and in one beside an application.
     void bundle(const std::string& program) {
         replaceServer(tool, program);
         application = install("App", false);
@@ -38,7 +37,7 @@ protected:
         fs::permissions(path, permissions);
         return path;
     }
-    /// What krvqt prints on standard error for a conversion, and its exit status.
+    /// Runs a conversion with krvqt and returns what it prints on standard error, and its exit status.
     std::pair<std::string, int> krvqt() const {
         ChildProcess process({"sh", "-c", "exec \"$0\" convert \"$1\" \"$2\" --wait 6 --quiet 2>&1", tool,
                               media("plain.mov"), out("out.mp4")});
@@ -46,7 +45,7 @@ protected:
         const int status = process.wait();
         return {text, status};
     }
-    void expectKrvqtToSay(const testing::Matcher<std::string>& reason) const {
+    void expectKrvqtToPrint(const testing::Matcher<std::string>& reason) const {
         const auto [text, status] = krvqt();
         EXPECT_EQ(status, 3);
         EXPECT_THAT(text, AllOf(StartsWith("krvqt: the media server could not be reached within 6 s: "), EndsWith("\n"),
@@ -54,7 +53,7 @@ protected:
         EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
         EXPECT_THAT(filesInOut(), testing::IsEmpty());
     }
-    /// The application's call, its result and the line of its log that begins so.
+    /// Expects the application's log to have a line with this beginning that contains the rest.
     void expectLog(const std::string& beginning, const std::string& rest = {}) const {
         Application app(application);
         app.ask("log", "logging");
@@ -65,7 +64,7 @@ protected:
     std::string application;
 };
 
-TEST_F(BadBundle, MissingIsSaidAndTheCallEndsWithItsException) {
+TEST_F(BadBundle, MissingIsLoggedAndTheCallThrows) {
     application = install("App", false);
     Application app(application);
     app.ask("log", "logging");
@@ -76,24 +75,24 @@ TEST_F(BadBundle, MissingIsSaidAndTheCallEndsWithItsException) {
     EXPECT_EQ(app.result("one"), kGivenUp);
 }
 
-TEST_F(BadBundle, MissingIsToldByKrvqt) {
-    expectKrvqtToSay(HasSubstr("there is no KRVQuicktimeProcess.app beside krvqt or its library to start it from"));
+TEST_F(BadBundle, MissingIsReportedByKrvqt) {
+    expectKrvqtToPrint(HasSubstr("there is no KRVQuicktimeProcess.app beside krvqt or its library to start it from"));
 }
 
-TEST_F(BadBundle, WithoutAnExecutableIsTold) {
+TEST_F(BadBundle, WithoutAnExecutableIsReported) {
     bundle("");
-    expectKrvqtToSay(HasSubstr(bundleExecutable(tool) + " cannot be launched: No such file or directory"));
+    expectKrvqtToPrint(HasSubstr(bundleExecutable(tool) + " cannot be launched: No such file or directory"));
     expectLog("Error during ServerRunner thread loop: ", "cannot be launched: No such file or directory");
 }
 
-TEST_F(BadBundle, NotExecutableIsTold) {
+TEST_F(BadBundle, NotExecutableIsReported) {
     bundle(program("#!/bin/sh\n", fs::perms::owner_read));
-    expectKrvqtToSay(HasSubstr("cannot be launched: Permission denied"));
+    expectKrvqtToPrint(HasSubstr("cannot be launched: Permission denied"));
     expectLog("Error during ServerRunner thread loop: ", "cannot be launched: Permission denied");
 }
 
-TEST_F(BadBundle, OfAnotherArchitectureIsTold) {
-    // The head of a program for another processor, and nothing behind it.
+TEST_F(BadBundle, ForAnotherArchitectureIsReported) {
+    // The header of a program for another processor, without any contents.
     std::string elf("\x7f"
                     "ELF\x02\x01\x01",
                     7);
@@ -101,22 +100,22 @@ TEST_F(BadBundle, OfAnotherArchitectureIsTold) {
     elf += std::string("\x02\x00\xf3\x00\x01\x00\x00\x00", 8);
     elf.resize(64);
     bundle(program(elf));
-    expectKrvqtToSay(HasSubstr("cannot be launched: Exec format error"));
+    expectKrvqtToPrint(HasSubstr("cannot be launched: Exec format error"));
     expectLog("Error during ServerRunner thread loop: ", "cannot be launched: Exec format error");
 }
 
-TEST_F(BadBundle, CrashingAtOnceIsToldWithWhereItsOwnWordsAre) {
+TEST_F(BadBundle, CrashingAtOnceIsReportedWithItsOutputFile) {
     bundle(program("#!/bin/sh\necho \"a library is missing\" >&2\nexit 127\n"));
     const std::string file = (folder.path() / "state/KRVQuicktimeProcess/standard-error.log").string();
-    expectKrvqtToSay(AllOf(HasSubstr(" was launched and exited at once; its output is in " + file)));
+    expectKrvqtToPrint(AllOf(HasSubstr(" was launched and exited at once; its output is in " + file)));
     std::ifstream in(file);
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "a library is missing\n");
     expectLog("The server that was launched, process ", " has ended");
 }
 
-TEST_F(BadBundle, ThatNeverPublishesIsTold) {
+TEST_F(BadBundle, ThatNeverPublishesIsReported) {
     bundle(KRV_SILENT_SERVER);
-    expectKrvqtToSay(MatchesRegex(".*launched as process [0-9]+, but it does not respond yet\n"));
+    expectKrvqtToPrint(MatchesRegex(".*launched as process [0-9]+, but it does not respond yet\n"));
 }
 
 TEST_F(BadBundle, ThatNeverPublishesIsWaitedForAndNotLaunchedTwice) {

@@ -1,5 +1,4 @@
-// The examples do what they are copied for: as the first program of a machine on which no server runs, they start one,
-// convert a movie and end by themselves.
+// Each example launches a server if none is running, converts a movie and exits by itself.
 #include <cstdlib>
 #include <memory>
 #include <ostream>
@@ -18,7 +17,7 @@ using testing::SizeIs;
 struct Example {
     const char* name;
     const char* program;
-    /// What it needs to show itself.
+    /// The display that it needs.
     enum Display { None, OwnXServer, Offscreen, OffscreenWithoutGLib } display;
 
     friend void PrintTo(const Example& example, std::ostream* out) { *out << example.name; }
@@ -49,13 +48,13 @@ protected:
         }
     }
 
-    /// On the loopback interface only, which is the test's own: nothing of it appears in /tmp.
+    /// Starts an X server on the test's own loopback interface, so that it leaves no socket in /tmp.
     void startXServer() {
         xServer = std::make_unique<ChildProcess>(std::vector<std::string>{"Xvfb", "-displayfd", "1", "-nolisten",
                                                                           "unix", "-nolisten", "local", "-listen",
                                                                           "tcp", "-screen", "0", "640x480x24"});
         const auto display = xServer->readLine();
-        ASSERT_TRUE(display) << "Xvfb does not start";
+        ASSERT_TRUE(display) << "Xvfb did not start";
         ::setenv("DISPLAY", ("127.0.0.1:" + *display).c_str(), 1);
         ::setenv("GDK_BACKEND", "x11", 1);
         ::setenv("GSK_RENDERER", "cairo", 1);
@@ -75,13 +74,13 @@ TEST_P(Examples, ConvertsAMovieWithNoServerRunningBefore) {
     EXPECT_THAT(servers(), SizeIs(1));
 }
 
-TEST_P(Examples, EndsWithAFailureWhenTheSourceIsNoMovie) {
+TEST_P(Examples, ExitsWithAFailureIfTheSourceIsNotAMovie) {
     ChildProcess example({GetParam().program, media("text.mp4"), out("text.mp4")});
     EXPECT_EQ(example.wait(), 1);
     EXPECT_THAT(filesInOut(), IsEmpty());
 }
 
-/// Those whose toolkit was present when this was built.
+/// Returns the examples whose toolkit was present at build time.
 std::vector<Example> builtExamples() {
     return {
         {"Plain", KRV_PLAIN_EXAMPLE, Example::None},

@@ -1,4 +1,4 @@
-// What the library takes of an application, and what it leaves behind.
+// What the library uses in an application: threads, descriptors, children, processor time and memory.
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
@@ -12,7 +12,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct Use {
+struct Usage {
     long threads = 0;
     long descriptors = 0;
     long children = 0;
@@ -22,12 +22,12 @@ struct Use {
 
 class Footprint : public SystemFixture {
 protected:
-    static Use use(Application& application) {
+    static Usage usage(Application& application) {
         std::istringstream in(application.ask("use", "use "));
         std::string word;
-        Use use;
-        in >> word >> use.threads >> use.descriptors >> use.children >> use.seconds >> use.kilobytes;
-        return use;
+        Usage usage;
+        in >> word >> usage.threads >> usage.descriptors >> usage.children >> usage.seconds >> usage.kilobytes;
+        return usage;
     }
     static std::vector<std::string> threadNames(pid_t pid) {
         std::vector<std::string> names;
@@ -37,7 +37,7 @@ protected:
         }
         return names;
     }
-    static void oneLife(Application& application) {
+    static void createAndCleanUp(Application& application) {
         application.ask("bare", "bare");
         application.ask("wait-registered", "registered");
         application.ask("cleanup", "cleaned up");
@@ -46,15 +46,15 @@ protected:
 
 TEST_F(Footprint, ACleanedUpClientLeavesNoThreadDescriptorOrChild) {
     Application application(install(), {"--bare"});
-    // The first life starts what the process shares and keeps: the search, the HTTP connections, the bus.
-    oneLife(application);
-    const Use first = use(application);
+    // The first client starts what the process shares and keeps: the search, the HTTP connections, the bus.
+    createAndCleanUp(application);
+    const Usage first = usage(application);
     EXPECT_EQ(first.children, 0);
     EXPECT_THAT(threadNames(application.pid()), testing::Not(testing::Contains("KRVServerRunner")));
     for (int i = 0; i < 3; ++i) {
-        oneLife(application);
+        createAndCleanUp(application);
     }
-    const Use last = use(application);
+    const Usage last = usage(application);
     EXPECT_EQ(last.threads, first.threads);
     EXPECT_EQ(last.descriptors, first.descriptors);
     EXPECT_EQ(last.children, 0);
@@ -70,14 +70,14 @@ TEST_F(Footprint, ThereIsOneSharedClientUntilABareOneTakesItsPlace) {
     EXPECT_THAT(application.ask("wait-registered", "registered"), testing::StartsWith("registered after"));
 }
 
-TEST_F(Footprint, TheServerIsNoChildOfTheApplicationThatLaunchedIt) {
+TEST_F(Footprint, TheServerIsNotAChildOfTheApplicationThatLaunchedIt) {
     Application application(install());
     application.ask("wait-registered", "registered");
-    EXPECT_EQ(use(application).children, 0);
+    EXPECT_EQ(usage(application).children, 0);
     EXPECT_THAT(threadNames(application.pid()), testing::Contains("KRVServerRunner"));
 }
 
-TEST_F(Footprint, TheSharedClientsRunnerGoesOnAfterItIsDestroyed) {
+TEST_F(Footprint, TheSharedClientsRunnerContinuesAfterItIsDestroyed) {
     Application application(install());
     application.ask("wait-registered", "registered");
     application.ask("destroy", "destroyed");
@@ -87,17 +87,17 @@ TEST_F(Footprint, TheSharedClientsRunnerGoesOnAfterItIsDestroyed) {
     EXPECT_THAT(threadNames(application.pid()), testing::Contains("KRVServerRunner"));
 }
 
-/// KRV_IDLE_SECONDS=60 for the real thing; short otherwise.
-TEST_F(Footprint, AnIdleClientTakesNothingMoreWithTime) {
+/// Runs for 10 s. KRV_IDLE_SECONDS=60 runs it for a minute.
+TEST_F(Footprint, AnIdleClientDoesNotGrow) {
     const char* const wanted = std::getenv("KRV_IDLE_SECONDS");
     const int seconds = wanted ? std::atoi(wanted) : 10;
     Application application(install());
     application.ask("wait-registered", "registered");
-    // Every kind of work of an idle client has been done once after three questions to the server.
+    // After three requests to the server, an idle client has done every kind of its work once.
     std::this_thread::sleep_for(std::chrono::seconds(10));
-    const Use before = use(application);
+    const Usage before = usage(application);
     std::this_thread::sleep_for(std::chrono::seconds(seconds));
-    const Use after = use(application);
+    const Usage after = usage(application);
     std::cout << "[ measured ] " << 100 * (after.seconds - before.seconds) / seconds << " % of a core over " << seconds
               << " s idle, " << after.kilobytes << " kB resident\n";
     EXPECT_LE(after.threads, before.threads);

@@ -1,4 +1,4 @@
-// krvqt as a person uses it, with the server coming and going under it.
+// krvqt as a person uses it, also while the server is started, killed and replaced.
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
@@ -18,7 +18,7 @@ using testing::IsEmpty;
 
 class Krvqt : public SystemFixture {
 protected:
-    /// Runs it with standard error on its standard output.
+    /// Returns the command line that runs krvqt with its standard error on its standard output.
     static std::vector<std::string> command(const std::vector<std::string>& arguments) {
         std::vector<std::string> all{"sh", "-c", "exec \"$@\" 2>&1", "sh", KRV_KRVQT};
         all.insert(all.end(), arguments.begin(), arguments.end());
@@ -30,14 +30,14 @@ protected:
         return {process.wait(), text};
     }
     std::vector<std::string> conversion(const char* source) const { return {"convert", media(source), out("out.mp4")}; }
-    /// Reads until the tool prints a line with that in it.
+    /// Reads until the process prints a line that contains the text.
     static void waitForLine(ChildProcess& process, const std::string& part) {
         while (const auto line = process.readLine()) {
             if (line->find(part) != std::string::npos) {
                 return;
             }
         }
-        FAIL() << "it ended before it printed " << part;
+        FAIL() << "it exited before it printed " << part;
     }
 };
 
@@ -49,7 +49,7 @@ TEST_F(Krvqt, LaunchesTheServerConvertsAndLeavesItRunning) {
     EXPECT_THAT(servers(), testing::SizeIs(1));
 }
 
-TEST_F(Krvqt, SaysThatTheServerWasLostAndFinishesTheWork) {
+TEST_F(Krvqt, ReportsALostServerAndFinishesTheWork) {
     ChildProcess process(command(conversion("longer.mov")));
     waitForLine(process, "10 %");
     killServer(waitForServer().pid);
@@ -69,7 +69,7 @@ TEST_F(Krvqt, IsCancelledByASignal) {
     EXPECT_THAT(filesInOut(), IsEmpty());
 }
 
-TEST_F(Krvqt, IsCancelledByAnother) {
+TEST_F(Krvqt, IsCancelledByAnotherClient) {
     ChildProcess process(command(conversion("longer.mov")));
     waitForLine(process, "0 %");
     const auto [status, text] = run({"cancel-all"});
@@ -79,7 +79,7 @@ TEST_F(Krvqt, IsCancelledByAnother) {
     EXPECT_THAT(filesInOut(), IsEmpty());
 }
 
-TEST_F(Krvqt, TellsThatNoServerRunsWithoutStartingOne) {
+TEST_F(Krvqt, ReportsThatNoServerIsRunningWithoutStartingOne) {
     for (const char* command : {"status", "cancel-all", "shutdown"}) {
         const auto [status, text] = run({command});
         EXPECT_EQ(status, 3) << command;
@@ -88,23 +88,23 @@ TEST_F(Krvqt, TellsThatNoServerRunsWithoutStartingOne) {
     EXPECT_THAT(servers(), IsEmpty());
 }
 
-TEST_F(Krvqt, MakesThumbnailsAndNamesThem) {
+TEST_F(Krvqt, MakesThumbnailsAndListsThem) {
     const auto [status, text] = run({"thumbnails", media("plain.mov"), out("pictures"), "--count", "3", "--quiet"});
     EXPECT_EQ(status, 0);
     EXPECT_EQ(text,
               fmt::format("{0}/thumbnail-0001.jpg\n{0}/thumbnail-0002.jpg\n{0}/thumbnail-0003.jpg\n", out("pictures")));
-    // They are not replaced without being told to.
+    // Existing thumbnails are not replaced without --force.
     EXPECT_EQ(run({"thumbnails", media("plain.mov"), out("pictures")}).first, 2);
     const auto [again, json] =
         run({"thumbnails", media("plain.mov"), out("pictures"), "--count", "2", "--quiet", "--json", "--force"});
     EXPECT_EQ(again, 0);
-    const auto told = nlohmann::json::parse(json);
-    EXPECT_EQ(told["thumbnails"].size(), 2U);
-    EXPECT_EQ(told["thumbnails"][0]["path"], out("pictures") + "/thumbnail-0001.jpg");
-    EXPECT_EQ(told["thumbnails"][0]["time"], 0.5);
+    const auto object = nlohmann::json::parse(json);
+    EXPECT_EQ(object["thumbnails"].size(), 2U);
+    EXPECT_EQ(object["thumbnails"][0]["path"], out("pictures") + "/thumbnail-0001.jpg");
+    EXPECT_EQ(object["thumbnails"][0]["time"], 0.5);
 }
 
-TEST_F(Krvqt, SaysWhatAMovieIsAndWritesItsPoster) {
+TEST_F(Krvqt, DescribesAMovieAndWritesItsPoster) {
     const auto [status, text] = run({"info", media("plain.mov"), "--poster", out("poster.jpg")});
     EXPECT_EQ(status, 0);
     EXPECT_THAT(text, AllOf(HasSubstr(media("plain.mov") + "\n"), HasSubstr("H.264, AAC\n"), HasSubstr("320 x 240\n"),
@@ -112,10 +112,10 @@ TEST_F(Krvqt, SaysWhatAMovieIsAndWritesItsPoster) {
     EXPECT_GT(std::filesystem::file_size(out("poster.jpg")), 1000U);
     const auto [one, json] = run({"info", media("plain.mov"), "--json"});
     EXPECT_EQ(one, 0);
-    const auto told = nlohmann::json::parse(json);
-    EXPECT_EQ(told["codec"], "H.264, AAC");
-    EXPECT_EQ(told["dimensions"]["width"], 320);
-    EXPECT_EQ(told["path"], media("plain.mov"));
+    const auto object = nlohmann::json::parse(json);
+    EXPECT_EQ(object["codec"], "H.264, AAC");
+    EXPECT_EQ(object["dimensions"]["width"], 320);
+    EXPECT_EQ(object["path"], media("plain.mov"));
 }
 
 TEST_F(Krvqt, OneBadMovieDoesNotHideTheOthers) {
@@ -124,35 +124,35 @@ TEST_F(Krvqt, OneBadMovieDoesNotHideTheOthers) {
     EXPECT_THAT(text, AllOf(HasSubstr("text.mp4"), HasSubstr("H.264, AAC")));
 }
 
-TEST_F(Krvqt, MixesToStereoAndMerges) {
+TEST_F(Krvqt, MixesDownToStereoAndMerges) {
     EXPECT_EQ(run({"mux", media("surround.mov"), out("stereo.mov")}).first, 0);
     EXPECT_EQ(run({"merge", media("plain.mov"), out("stereo.mov"), out("both.mov")}).first, 0);
     EXPECT_NEAR(readableSeconds(out("both.mov")), 4.0, 0.15);
     EXPECT_THAT(filesInOut(), testing::UnorderedElementsAre("both.mov", "stereo.mov"));
 }
 
-TEST_F(Krvqt, SaysWhichMovieOfAMergeIsBad) {
+TEST_F(Krvqt, NamesTheBadMovieOfAMerge) {
     const auto [status, text] = run({"merge", media("plain.mov"), media("text.mp4"), out("both.mov")});
     EXPECT_EQ(status, 1);
     EXPECT_THAT(text, HasSubstr(media("text.mp4")));
     EXPECT_THAT(filesInOut(), IsEmpty());
 }
 
-TEST_F(Krvqt, TellsInterestingTimesInSecondsOrUnits) {
+TEST_F(Krvqt, ListsInterestingTimesInSecondsOrUnits) {
     const auto [status, text] = run({"times", media("chapters.mp4"), "--quiet"});
     EXPECT_EQ(status, 0);
     EXPECT_EQ(text, "0.000000\n1.000000\n");
     const auto [again, json] = run({"times", media("chapters.mp4"), "--json"});
     EXPECT_EQ(again, 0);
-    const auto told = nlohmann::json::parse(json);
-    EXPECT_EQ(told["values"].size(), 2U);
-    EXPECT_EQ(told["values"][1], told["timescale"]);
+    const auto object = nlohmann::json::parse(json);
+    EXPECT_EQ(object["values"].size(), 2U);
+    EXPECT_EQ(object["values"][1], object["timescale"]);
     const auto [wrong, reason] = run({"times", media("chapters.mp4"), "--track", "9"});
     EXPECT_EQ(wrong, 1);
     EXPECT_THAT(reason, HasSubstr("no track 9"));
 }
 
-TEST_F(Krvqt, RefusesNamesThatCannotTravel) {
+TEST_F(Krvqt, RefusesNamesThatCannotBeSent) {
     for (const char* command : {"info", "times"}) {
         const auto [status, text] = run({command, "/movies/not-utf8-\xff.mp4"});
         EXPECT_EQ(status, 2);
@@ -161,7 +161,7 @@ TEST_F(Krvqt, RefusesNamesThatCannotTravel) {
     EXPECT_THAT(servers(), IsEmpty());
 }
 
-TEST_F(Krvqt, TakesNamesOfEveryOtherKind) {
+TEST_F(Krvqt, AcceptsAllOtherNames) {
     for (const std::string name :
          {"with space.mov", "100 %s %n.mov", "two\nlines.mov", "\"quoted\" 'twice'.mov", "-a.mov"}) {
         std::filesystem::copy_file(media("plain.mov"), out(name));
@@ -171,7 +171,7 @@ TEST_F(Krvqt, TakesNamesOfEveryOtherKind) {
     }
 }
 
-TEST_F(Krvqt, EndsTheServer) {
+TEST_F(Krvqt, ShutsDownTheServer) {
     EXPECT_EQ(run(conversion("plain.mov")).first, 0);
     EXPECT_EQ(run({"shutdown"}).first, 0);
     waitUntil([] { return servers().empty(); });

@@ -1,5 +1,5 @@
-// What an application meets when something else than the media server stands behind its name: a program that speaks
-// HTTP, and nothing of what is said there.
+// An application and an impostor: a program that is published under the media server's name and speaks HTTP, but not
+// our protocol.
 #include <KRVQTProcessClient/Discovery/HTTPServerDiscovery.h>
 #include <KRVQTProcessClient/Discovery/ServerNaming.h>
 
@@ -14,8 +14,8 @@ using testing::StartsWith;
 
 class MisbehavingServer : public SystemFixture {
 protected:
-    /// The impostor is published under the server's own name, and answers as the options say. The application has no
-    /// server of its own to launch.
+    /// Publishes an impostor under the server's name, which responds as the options say. The application has no server
+    /// of its own to launch.
     void start(const ScriptedServerProcess::Options& options) {
         impostor = std::make_unique<ScriptedServerProcess>(options);
         announcer = std::make_unique<ChildProcess>(std::vector<std::string>{
@@ -30,7 +30,7 @@ protected:
         application->tell("convert one " + media("plain.mov") + ' ' + out("one.mp4"));
         return application->result("one");
     }
-    /// The registration fails, discovery searches again, and so on; nobody gives up and nothing is launched.
+    /// Expects that registration fails and discovery searches again, repeatedly, and that nothing is launched.
     void expectRegistrationToFail() {
         for (int i = 0; i < 2; ++i) {
             EXPECT_THAT(application->waitFor("log Failed to register"), HasSubstr("Starting from scratch."));
@@ -44,26 +44,26 @@ protected:
     std::unique_ptr<Application> application;
 };
 
-TEST_F(MisbehavingServer, ThatAnswersNotFoundHasGivenNoAnswer) {
+TEST_F(MisbehavingServer, ThatRespondsNotFoundHasNotReplied) {
     start({"status", "404", "body", "Not found"});
     EXPECT_THAT(convert(), StartsWith("exception TransportCheck: Unable to Encode video"));
     expectRegistrationToFail();
 }
 
-TEST_F(MisbehavingServer, ThatAnswersGarbageHasGivenNoAnswer) {
+TEST_F(MisbehavingServer, ThatRespondsWithGarbageHasNotReplied) {
     start({"body", "bplist00 and then nothing of the kind"});
     EXPECT_THAT(convert(), StartsWith("exception TransportCheck: Unable to Encode video"));
     expectRegistrationToFail();
 }
 
-TEST_F(MisbehavingServer, ThatBreaksOffInTheMiddleIsUnreachable) {
+TEST_F(MisbehavingServer, ThatClosesInTheMiddleOfAResponseIsUnreachable) {
     start({"body", "half of what was promised", "claim", "1000"});
     EXPECT_EQ(convert(), "exception OperationFailed: Call to convertMovie:writeToFile:type:flattenOnly:progress:error: "
                          "failed. The server couldn't be contacted");
     expectRegistrationToFail();
 }
 
-TEST_F(MisbehavingServer, ThatSendsAByteASecondIsGivenUpAfterAMinute) {
+TEST_F(MisbehavingServer, ThatSendsAByteASecondTimesOutAfterAMinute) {
     start({"body-size", "100000", "behave", "drip", "pause", "1000"});
     EXPECT_THAT(application->waitFor("log Failed to register"), HasSubstr("Starting from scratch."));
     EXPECT_THAT(filesInOut(), testing::IsEmpty());

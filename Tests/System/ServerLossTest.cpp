@@ -1,4 +1,4 @@
-// The server is started, lost and found again, under applications that go on calling it.
+// The server is launched, lost and found again while applications keep calling it.
 #include <algorithm>
 #include <csignal>
 #include <iostream>
@@ -23,7 +23,7 @@ using testing::StartsWith;
 
 class ServerLoss : public SystemFixture {
 protected:
-    /// An application that is registered.
+    /// Starts an application and waits until it is registered.
     Application& start() {
         application = std::make_unique<Application>(install());
         std::cout << "[ measured ] from the shared client to "
@@ -47,7 +47,7 @@ protected:
     std::unique_ptr<Application> application;
 };
 
-TEST_F(ServerLoss, AnApplicationsFirstCallLaunchesAServerAndIsAnswered) {
+TEST_F(ServerLoss, AnApplicationsFirstCallLaunchesAServerAndSucceeds) {
     Application first(install());
     first.tell("convert one " + media("plain.mov") + ' ' + out("one.mp4"));
     EXPECT_EQ(first.result("one"), "done");
@@ -66,7 +66,7 @@ TEST_F(ServerLoss, TheServerOutlivesTheApplicationAndServesTheNext) {
     EXPECT_THAT(servers(), ElementsAre(server.pid));
 }
 
-TEST_F(ServerLoss, AnIdleServerThatIsKilledComesBack) {
+TEST_F(ServerLoss, AnIdleServerThatIsKilledIsReplaced) {
     start();
     const Serving before = waitForServer();
     killServer(before.pid);
@@ -80,10 +80,10 @@ TEST_F(ServerLoss, AnIdleServerThatIsKilledComesBack) {
     EXPECT_THAT(servers(), ElementsAre(after.pid));
 }
 
-/// Killed when the conversion has come that far.
+/// The server is killed when the conversion's progress reaches the parameter.
 class Killed : public ServerLoss, public testing::WithParamInterface<double> {};
 
-TEST_P(Killed, InMidConversionTheCallEndsWellAndTheOutputIsWhole) {
+TEST_P(Killed, DuringAConversionTheCallSucceedsAndTheOutputIsComplete) {
     start();
     const Serving server = waitForServer();
     convert("one", "longer.mov");
@@ -93,7 +93,7 @@ TEST_P(Killed, InMidConversionTheCallEndsWellAndTheOutputIsWhole) {
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_THAT(filesInOut(), SizeIs(0));
     (void)application->waitForProgress("one", 1e-6);
-    std::cout << "[ measured ] killed at " << progress << ", at work again after "
+    std::cout << "[ measured ] killed at " << progress << ", working again after "
               << std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count() << " s\n";
     EXPECT_EQ(application->result("one"), "done");
     EXPECT_NEAR(readableSeconds(out("one.mp4")), 90.0, 0.5);
@@ -103,7 +103,7 @@ TEST_P(Killed, InMidConversionTheCallEndsWellAndTheOutputIsWhole) {
 
 INSTANTIATE_TEST_SUITE_P(ServerLoss, Killed, testing::Values(0.05, 0.5));
 
-TEST_F(ServerLoss, KilledWithOperationsQueuedAllOfThemEndWell) {
+TEST_F(ServerLoss, KilledWithOperationsQueuedAllOfThemSucceed) {
     start();
     const Serving server = waitForServer();
     const auto workers = count(server.port, "workers");
@@ -119,7 +119,7 @@ TEST_F(ServerLoss, KilledWithOperationsQueuedAllOfThemEndWell) {
     for (const std::string& id : ids) {
         expected.push_back(id + ".mp4");
     }
-    // They end in any order, and what is said of the others is read on the way.
+    // They end in any order, with lines about the others in between.
     std::size_t done = 0;
     while (done < ids.size()) {
         const std::string line = application->waitFor("id");
@@ -134,7 +134,7 @@ TEST_F(ServerLoss, KilledWithOperationsQueuedAllOfThemEndWell) {
     }
 }
 
-TEST_F(ServerLoss, KilledAfterCompletionButBeforeThatIsKnownTheCallStillEndsWell) {
+TEST_F(ServerLoss, KilledAfterCompletionButBeforeTheClientKnowsTheCallStillSucceeds) {
     start();
     const Serving server = waitForServer();
     application->tell("pause one 0.0");
@@ -149,14 +149,14 @@ TEST_F(ServerLoss, KilledAfterCompletionButBeforeThatIsKnownTheCallStillEndsWell
     EXPECT_THAT(filesInOut(), ElementsAre("one.mp4"));
 }
 
-TEST_F(ServerLoss, AServerThatIsStoppedForAWhileIsNotReplacedAndGoesOn) {
+TEST_F(ServerLoss, AServerThatIsStoppedForAWhileIsNotReplacedAndContinues) {
     start();
     const Serving server = waitForServer();
     application->ask("log", "logging");
     convert("one", "longer.mov");
     application->waitForProgress("one", 0.01);
     ::kill(server.pid, SIGSTOP);
-    // The runner's question goes unanswered meanwhile; then a worker that was not stopped has gone on by itself.
+    // Long enough for one of the runner's requests to time out. The worker is not stopped and continues by itself.
     const auto stopped = std::chrono::steady_clock::now();
     waitUntil([&] { return std::chrono::steady_clock::now() - stopped > std::chrono::seconds(8); });
     EXPECT_THAT(servers(), ElementsAre(server.pid));
@@ -166,7 +166,7 @@ TEST_F(ServerLoss, AServerThatIsStoppedForAWhileIsNotReplacedAndGoesOn) {
     EXPECT_FALSE(application->hasSaid("log I will start"));
 }
 
-TEST_F(ServerLoss, AServerThatForgetsItsClientIsRegisteredWithAgain) {
+TEST_F(ServerLoss, AClientThatTheServerForgotRegistersAgain) {
     start();
     const Serving server = waitForServer();
     const auto unregister = KRVOperationBase::unregisterFromServerOperation();
@@ -178,11 +178,11 @@ TEST_F(ServerLoss, AServerThatForgetsItsClientIsRegisteredWithAgain) {
     EXPECT_THAT(servers(), ElementsAre(server.pid));
 }
 
-TEST_F(ServerLoss, AServerThatComesBackOnAnotherPortIsFoundThere) {
+TEST_F(ServerLoss, AServerThatRestartsOnAnotherPortIsFoundThere) {
     start();
     const Serving before = waitForServer();
     killServer(before.pid);
-    // The last thread of a killed process may hold its sockets a moment longer than the process table shows it.
+    // The last thread of a killed process may hold its sockets slightly longer than the process table shows it.
     std::optional<ChildProcess> taken;
     std::optional<std::string> line;
     while (!line) {

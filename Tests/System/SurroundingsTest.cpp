@@ -1,4 +1,5 @@
-// The machine around the applications: other responders, no multicast, ports taken by strangers, sleep, clocks.
+// The machine around the applications: other responders, no multicast, ports used by other programs, sleep, clock
+// jumps.
 #include <chrono>
 #include <fstream>
 #include <iostream>
@@ -25,7 +26,7 @@ protected:
         application->tell("convert " + id + ' ' + media("plain.mov") + ' ' + out(id + ".mp4"));
         EXPECT_EQ(application->result(id), "done");
     }
-    /// Kills the server that serves now and waits until another one does.
+    /// Kills the running server and waits until another one serves.
     void replaceTheServer() {
         const Serving before = waitForServer();
         killServer(before.pid);
@@ -45,7 +46,7 @@ public:
         for (;;) {
             const auto line = process_.readLine();
             if (!line) {
-                throw std::runtime_error("avahi-daemon does not start");
+                throw std::runtime_error("avahi-daemon did not start");
             }
             if (line->find("Server startup complete") != std::string::npos) {
                 return;
@@ -57,7 +58,7 @@ private:
     ChildProcess process_;
 };
 
-TEST_F(Surroundings, AnAvahiDaemonMayComeAndGo) {
+TEST_F(Surroundings, AnAvahiDaemonMayStartAndExit) {
     start();
     expectConversion("before");
     {
@@ -86,7 +87,7 @@ TEST_F(Surroundings, WithoutMulticastTheServerIsFoundByItsPort) {
     EXPECT_THAT(servers(), SizeIs(1));
 }
 
-TEST_F(Surroundings, AForeignServerOnTheFirstPortIsNotTakenForOurs) {
+TEST_F(Surroundings, AForeignServerOnTheFirstPortIsNotMistakenForOurs) {
     const ScriptedServerProcess foreign({"port", "8000", "body", "{\"status\": \"everything is fine\"}"});
     start();
     expectConversion("one");
@@ -105,7 +106,7 @@ TEST_F(Surroundings, SleepAndWakeStopAndStartTheWatch) {
     const Serving before = waitForServer();
     logind.prepareForSleep(true);
     application->waitFor("log Nap time. Turning off monitoring");
-    // Nobody watches now: the server dies, and stays dead although seconds pass.
+    // No runner watches now, so a killed server is not replaced within seconds.
     killServer(before.pid);
     std::this_thread::sleep_for(std::chrono::seconds(4));
     EXPECT_THAT(servers(), SizeIs(0));
@@ -113,12 +114,12 @@ TEST_F(Surroundings, SleepAndWakeStopAndStartTheWatch) {
     application->waitFor("log Wakey wakey... begin monitoring again");
     application->waitFor("log Registration complete. Good to go.");
     expectConversion("one");
-    // The watch goes on, on the main run loop now.
+    // The runner now watches on the main run loop.
     replaceTheServer();
     application->waitFor("log Registration complete. Good to go.");
 }
 
-TEST_F(Surroundings, AConversionLivesThroughSleepAndWake) {
+TEST_F(Surroundings, AConversionSurvivesSleepAndWake) {
     PrivateBus bus;
     ::setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address().c_str(), 1);
     MockLogind logind(bus);
@@ -133,7 +134,7 @@ TEST_F(Surroundings, AConversionLivesThroughSleepAndWake) {
     EXPECT_NEAR(readableSeconds(out("one.mp4")), 30.0, 0.5);
 }
 
-TEST_F(Surroundings, AJumpOfTheWallClockIsNoStall) {
+TEST_F(Surroundings, AJumpOfTheWallClockIsNotAStall) {
     ::setenv("LD_PRELOAD", KRV_WALL_CLOCK_SHIFT, 1);
     start();
     ::unsetenv("LD_PRELOAD");

@@ -38,7 +38,7 @@ std::string Application::waitFor(const std::string& beginning) {
             return *line;
         }
     }
-    ADD_FAILURE() << "the application ended before it said \"" << beginning << '"';
+    ADD_FAILURE() << "the application exited before it printed \"" << beginning << '"';
     return {};
 }
 

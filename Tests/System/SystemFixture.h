@@ -16,21 +16,22 @@
 
 namespace krv::test {
 
-/// A running TestApplication and what it has said.
+/// A running TestApplication and what it has printed.
 class Application {
 public:
     explicit Application(const std::string& executable, std::vector<std::string> arguments = {});
 
     void tell(const std::string& command) { process_.writeLine(command); }
-    /// Reads until a line begins so, and returns it; fails the test when the application ends before.
+    /// Reads until a line starts with the text and returns that line. Fails the test if the application exits first.
     std::string waitFor(const std::string& beginning);
-    /// Tells and waits.
+    /// Sends a command and waits for a line that starts with the text.
     std::string ask(const std::string& command, const std::string& beginning);
-    /// The progress that a conversion has reported; reads until it is at least that, or the conversion has ended.
+    /// Reads until a conversion reports at least this progress, and returns it. Returns -1 if the conversion ends
+    /// first.
     double waitForProgress(const std::string& id, double atLeast);
-    /// How a conversion ended: "done", "error ...", "exception ...".
+    /// Waits until a conversion ends. Returns how: "done", "error ...", "exception ...".
     std::string result(const std::string& id);
-    /// Whether a line that begins so has been read up to now.
+    /// Returns whether a line that starts with the text has been read so far.
     [[nodiscard]] bool hasSaid(const std::string& beginning) const;
 
     [[nodiscard]] pid_t pid() const { return process_.pid(); }
@@ -41,29 +42,31 @@ private:
     std::vector<std::string> lines_;
 };
 
-/// Whole processes: applications with a bundle of their own, the real server, real time. In a world of their own (see
-/// IsolatedMain.cpp): no other server runs, and what a test leaves behind ends with it.
+/// Tests of whole processes: applications with their own bundle, the real server, real time. Each test runs in its own
+/// namespaces (see IsolatedMain.cpp), so no other server is running and no process outlives the test.
 class SystemFixture : public testing::Test {
 protected:
     SystemFixture();
-    /// Ends the servers, which outlive everybody else.
+    /// Kills the servers, which outlive the applications.
     ~SystemFixture() override;
 
-    /// Places an application and, beside it, the media server's bundle; returns the application's path.
+    /// Installs an application and, beside it, the media server's bundle. Returns the application's path.
     std::string install(const std::string& name = "App", bool withServer = true);
-    /// Puts a program of the test's own in the place of the media server's. An empty one leaves the bundle without it.
+    /// Replaces the media server's program in the bundle by another one. An empty path leaves the bundle without a
+    /// program.
     void replaceServer(const std::string& application, const std::string& program) const;
     static std::string bundleExecutable(const std::string& application);
 
-    /// Process ids of the running media servers.
+    /// Returns the process ids of the running media servers.
     static std::vector<pid_t> servers();
-    /// The one that serves: waits until /status on some port of the range answers with it.
     struct Serving {
         pid_t pid = 0;
         int port = 0;
     };
+    /// Waits until a server responds at /status on a port of the range, and returns it. With a condition, waits for a
+    /// server that meets it.
     static Serving waitForServer(const std::function<bool(const Serving&)>& suits = nullptr);
-    /// What /status tells; empty when nothing answers.
+    /// Returns the page at /status, empty if nothing responds.
     static std::string status(int port);
     static void killServer(pid_t pid);
 
@@ -71,7 +74,7 @@ protected:
     std::string out(const std::string& name) const { return (outFolder() / name).string(); }
     std::filesystem::path outFolder() const { return folder.path() / "out"; }
     std::vector<std::string> filesInOut() const;
-    /// Seconds of video that can be read from a movie to its end; -1 when it cannot be read.
+    /// Decodes a movie to its end and returns the seconds of video, -1 if it cannot be read.
     static double readableSeconds(const std::string& movie);
 
     TemporaryFolder folder;

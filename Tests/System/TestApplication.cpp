@@ -1,21 +1,24 @@
-// An application that a test drives: one command on each line of its standard input, what happens on its standard
-// output. It uses the library as any application does: the shared client is made on the main thread, which then turns
-// the main run loop, and calls are made on other threads.
+// An application that a test controls. It reads one command per line from its standard input and prints what happens on
+// its standard output. It uses the library like any application: the main thread creates the shared client and then
+// runs the main run loop, and other threads make the calls.
 //
-//   convert ID SOURCE DESTINATION   "ID progress 0.25"..., at last "ID done", "ID error CODE DESCRIPTION" or
+//   convert ID SOURCE DESTINATION   prints "ID progress 0.25"..., at the end "ID done", "ID error CODE DESCRIPTION" or
 //                                   "ID exception NAME: REASON"
-//   pause ID FRACTION               the conversion of that id waits in its observer once it has come that far; "ID
-//   paused" resume ID registered                      "registered yes" or "registered no" wait-registered "registered
-//   after SECONDS" since the shared client was made port                            "port N" as discovery knows it
-//   destroy                         destroySingleton; "destroyed"
-//   bare                            a bare client with monitoring takes the shared one's place; "bare"
-//   cleanup                         cleanUp of the bare client, and waits until its thread has ended; "cleaned up"
-//   use                             "use THREADS DESCRIPTORS CHILDREN CPU-SECONDS RESIDENT-KILOBYTES"
-//   log                             from now on "log TEXT" for every line of the library's log
-//   jump SECONDS                    shifts the wall clock (see WallClockShift.cpp); "jumped SECONDS" as the clock shows
-//   it quit
+//   pause ID FRACTION               blocks the observer of that conversion from this progress on; prints "ID paused"
+//   resume ID                       unblocks it
+//   registered                      prints "registered yes" or "registered no"
+//   wait-registered                 prints "registered after SECONDS", counted from the start of the application
+//   same                            prints "same yes" if it uses the shared client, otherwise "same no"
+//   port                            prints "port N", as discovery knows it
+//   destroy                         calls destroySingleton; prints "destroyed"
+//   bare                            replaces the shared client by a bare one with monitoring; prints "bare"
+//   cleanup                         cleans up the bare client, waits until its thread has exited; prints "cleaned up"
+//   use                             prints "use THREADS DESCRIPTORS CHILDREN CPU-SECONDS RESIDENT-KILOBYTES"
+//   log                             from now on prints "log TEXT" for every line of the library's log
+//   jump SECONDS                    shifts the wall clock (see WallClockShift.cpp); prints "jumped SECONDS" by it
+//   quit                            exits
 //
-// With "--bare" as its argument it makes no shared client at the start.
+// With the argument "--bare" it creates no shared client at the start.
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
@@ -97,7 +100,7 @@ std::size_t entries(const char* folder) {
     return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(folder), {}));
 }
 
-void tellUse() {
+void printUse() {
     std::string children;
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
         std::ifstream in(task.path() / "children");
@@ -111,7 +114,7 @@ void tellUse() {
     long pages = 0;
     long resident = 0;
     std::ifstream("/proc/self/statm") >> pages >> resident;
-    // One descriptor is that of the listing itself.
+    // Do not count the descriptor of the listing itself.
     say("use {} {} {} {:.4f} {}", entries("/proc/self/task"), entries("/proc/self/fd") - 1, count,
         seconds(use.ru_utime) + seconds(use.ru_stime), resident * ::sysconf(_SC_PAGESIZE) / 1024);
 }
@@ -193,7 +196,7 @@ void obey(const std::string& line) {
     } else if (command == "cleanup") {
         cleanUpBareClient();
     } else if (command == "use") {
-        tellUse();
+        printUse();
     } else if (command == "jump") {
         long seconds = 0;
         in >> seconds;
@@ -223,5 +226,5 @@ int main(int count, char** arguments) {
     }).detach();
     krv::RunLoop::main().run();
     std::fflush(stdout);
-    std::_Exit(0);  // a conversion may still be under way
+    std::_Exit(0);  // a conversion may still be running
 }

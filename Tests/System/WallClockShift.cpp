@@ -1,5 +1,5 @@
-// To be preloaded into a program: shifts its wall clock, and only that, as a person or a time server does. The program
-// (or a test's command in it) calls krvShiftWallClock.
+// A library to preload into a program. krvShiftWallClock() shifts the program's wall clock, and no other clock, as a
+// person or a time server does.
 #include <atomic>
 #include <ctime>
 

@@ -1,4 +1,4 @@
-// Conversions through the real server and its workers: how they end, and what they leave.
+// Conversions with the real server and its workers: how they end, and which files remain.
 #include <cmath>
 #include <csignal>
 #include <fstream>
@@ -24,10 +24,10 @@ TEST_F(Server, ConvertsAMovieFromEndToEnd) {
     EXPECT_EQ(status()["running"], 0);
 }
 
-TEST_F(Server, EndsBadInputInTheErrorOfTheTable) {
+TEST_F(Server, ReportsBadInputWithTheDocumentedError) {
     start();
     const auto empty = folder.write("empty.mov", "");
-    const auto text = folder.write("text.mp4", "this is no movie at all, only some words in a file of that name");
+    const auto text = folder.write("text.mp4", "this is not a movie, only some words in a file with that name");
     std::ifstream in(movie(), std::ios::binary);
     const std::string whole{std::istreambuf_iterator<char>(in), {}};
     const auto truncated = folder.write("truncated.mov", whole.substr(0, 200));
@@ -35,39 +35,46 @@ TEST_F(Server, EndsBadInputInTheErrorOfTheTable) {
         std::string source;
         std::string destination;
         int code;
-        std::string named;
+        std::string path;
+        std::string sentence;
     };
+    const std::string name = folder.path().filename().string();
     fs::create_symlink(movie(), folder.path() / "link.mov");
     fs::copy_file(movie(), folder.path() / "copy.mov");
     fs::create_hard_link(folder.path() / "copy.mov", folder.path() / "twin.mov");
     const std::string copy = (folder.path() / "copy.mov").string();
     const std::string twin = (folder.path() / "twin.mov").string();
-    for (const Case& each : std::vector<Case>{{"/missing/in.mov", out(), 3, "/missing/in.mov"},
-                                              {empty, out(), 4, empty},
-                                              {text, out(), 4, text},
-                                              {truncated, out(), 4, truncated},
-                                              {folder.path().string(), out(), 4, folder.path().string()},
-                                              {"/dev/null", out(), 4, "/dev/null"},
-                                              {movie(), "/missing/out.mp4", 5, "/missing/out.mp4"},
-                                              {movie(), folder.path().string(), 5, folder.path().string()},
-                                              {movie(), "/proc/out.mp4", 5, "/proc/out.mp4"},
-                                              {movie(), out("out.xyz"), 6, out("out.xyz")},
-                                              {copy, copy, 10, copy},
-                                              {copy, twin, 10, copy}}) {
+    for (const Case& each : std::vector<Case>{
+             {"/missing/in.mov", out(), 3, "/missing/in.mov", "Cannot convert in.mov: the file does not exist."},
+             {empty, out(), 4, empty, "Cannot convert empty.mov: the file is empty."},
+             {text, out(), 4, text, "Cannot convert text.mp4: it is not in a known media format."},
+             {truncated, out(), 4, truncated, "Cannot convert truncated.mov: it is not in a known media format."},
+             {folder.path().string(), out(), 4, folder.path().string(),
+              fmt::format("Cannot convert {}: it is a folder.", name)},
+             {"/dev/null", out(), 4, "/dev/null", "Cannot convert null: it is not a regular file."},
+             {movie(), "/missing/out.mp4", 5, "/missing/out.mp4",
+              "Cannot convert plain.mov: the folder of out.mp4 does not exist."},
+             {movie(), folder.path().string(), 5, folder.path().string(),
+              fmt::format("Cannot convert plain.mov: {} cannot be written because it is a folder.", name)},
+             {movie(), "/proc/out.mp4", 5, "/proc/out.mp4",
+              "Cannot convert plain.mov: the folder of out.mp4 does not exist."},
+             {movie(), out("out.xyz"), 6, out("out.xyz"),
+              "Cannot convert plain.mov: the container \"xyz\" is not supported."},
+             {copy, copy, 10, copy, "Cannot convert copy.mov: source and destination are the same file."},
+             {copy, twin, 10, copy, "Cannot convert copy.mov: source and destination are the same file."}}) {
         const auto error = convert(each.source, each.destination);
         ASSERT_TRUE(error) << each.source;
         EXPECT_EQ(error->domain(), "KRVQuicktimeProcess");
         EXPECT_EQ(error->code(), each.code) << each.source << " " << error->description();
-        const std::string name = fs::path(each.named).filename().string();
-        EXPECT_NE(error->localizedDescription().find(name), std::string::npos) << error->localizedDescription();
-        EXPECT_EQ((*error->userInfo())["KRVFilePath"], Value(each.named));
+        EXPECT_EQ(error->localizedDescription(), each.sentence);
+        EXPECT_EQ((*error->userInfo())["KRVFilePath"], Value(each.path));
         EXPECT_FALSE(error->localizedFailureReason().empty());
         EXPECT_EQ(filesInOut(), 0U);
     }
     EXPECT_EQ(convert((folder.path() / "link.mov").string(), out()), nullptr);
 }
 
-/// Permissions of a file for a while; the old ones come back, so that its folder can be removed.
+/// Changes the permissions of a file. The destructor restores them, so that the folder can be removed.
 class Permissions {
 public:
     Permissions(fs::path path, fs::perms permissions)
@@ -84,38 +91,37 @@ private:
     const fs::perms before_;
 };
 
+constexpr const char* kUnreadable = "Cannot convert in.mov: it cannot be read because permission is denied.";
+constexpr const char* kUnwritable = "Cannot convert plain.mov: out.mp4 cannot be written because permission is denied.";
+
 void expectDenied(const std::shared_ptr<const Error>& error, int code, const std::string& path,
-                  const std::string& what) {
+                  const std::string& sentence) {
     ASSERT_TRUE(error) << path;
     EXPECT_EQ(error->domain(), "KRVQuicktimeProcess");
     EXPECT_EQ(error->code(), code) << error->description();
-    EXPECT_EQ(error->localizedDescription(), what);
+    EXPECT_EQ(error->localizedDescription(), sentence);
     EXPECT_EQ(error->localizedFailureReason(), "Permission denied");
     EXPECT_EQ((*error->userInfo())["KRVFilePath"], Value(path));
 }
 
-TEST_F(Server, ASourceThatItMayNotReadIsErrorThree) {
+TEST_F(Server, AnUnreadableSourceIsErrorThree) {
     startHeldByPermissions();
     fs::copy_file(movie(), folder.path() / "in.mov");
     const std::string source = (folder.path() / "in.mov").string();
     {
         const Permissions none(source, fs::perms::none);
-        expectDenied(convert(source, out()), 3, source,
-                     "Cannot convert in.mov: it cannot be read because permission is denied.");
+        expectDenied(convert(source, out()), 3, source, kUnreadable);
     }
     {
         const Permissions writeOnly(source, fs::perms::owner_write);
-        expectDenied(convert(source, out()), 3, source,
-                     "Cannot convert in.mov: it cannot be read because permission is denied.");
+        expectDenied(convert(source, out()), 3, source, kUnreadable);
     }
     fs::create_directory(folder.path() / "closed");
     fs::copy_file(movie(), folder.path() / "closed" / "in.mov");
     const std::string hidden = (folder.path() / "closed" / "in.mov").string();
     {
         const Permissions noSearch(folder.path() / "closed", fs::perms::owner_read | fs::perms::owner_write);
-        expectDenied(convert(hidden, out()), 3, hidden,
-                     fmt::format("Cannot convert {}: it cannot be read because permission is denied.",
-                                 fs::path(hidden).filename().string()));
+        expectDenied(convert(hidden, out()), 3, hidden, kUnreadable);
     }
     EXPECT_EQ(filesInOut(), 0U);
     const Permissions readOnly(source, fs::perms::owner_read);
@@ -123,39 +129,36 @@ TEST_F(Server, ASourceThatItMayNotReadIsErrorThree) {
     EXPECT_EQ(filesInOut(), 1U);
 }
 
-TEST_F(Server, ADestinationThatItMayNotWriteIsErrorFive) {
+TEST_F(Server, AnUnwritableDestinationIsErrorFive) {
     startHeldByPermissions();
     {
         const Permissions readOnly(folder.path() / "out", fs::perms::owner_read | fs::perms::owner_exec);
-        expectDenied(convert(movie(), out()), 5, out(),
-                     "Cannot convert plain.mov: out.mp4 cannot be written because permission is denied.");
+        expectDenied(convert(movie(), out()), 5, out(), kUnwritable);
     }
     {
         const Permissions none(folder.path() / "out", fs::perms::none);
-        expectDenied(convert(movie(), out()), 5, out(),
-                     "Cannot convert plain.mov: out.mp4 cannot be written because permission is denied.");
+        expectDenied(convert(movie(), out()), 5, out(), kUnwritable);
     }
     EXPECT_EQ(filesInOut(), 0U);
     folder.write("out/out.mp4", "precious");
     {
         const Permissions readOnly(out(), fs::perms::owner_read);
-        expectDenied(convert(movie(), out()), 5, out(),
-                     "Cannot convert plain.mov: out.mp4 cannot be written because permission is denied.");
+        expectDenied(convert(movie(), out()), 5, out(), kUnwritable);
     }
     EXPECT_EQ(filesInOut(), 1U);
     EXPECT_EQ(fs::file_size(out()), 8U);
 }
 
-TEST_F(Server, NeedsNoMoreThanToWriteInTheFolder) {
+TEST_F(Server, NeedsOnlyWritePermissionForTheFolder) {
     startHeldByPermissions();
     const Permissions noList(folder.path() / "out", fs::perms::owner_write | fs::perms::owner_exec);
     EXPECT_EQ(convert(movie(), out()), nullptr);
     EXPECT_GT(fs::file_size(out()), 1000U);
-    EXPECT_EQ(convert(movie(), out()), nullptr);  // replaces it
+    EXPECT_EQ(convert(movie(), out()), nullptr);  // replaces the first
     EXPECT_GT(fs::file_size(out()), 1000U);
 }
 
-TEST_F(Server, RefusesSettingsThatCannotBe) {
+TEST_F(Server, RefusesImpossibleSettings) {
     start();
     const auto code = [this](std::uint32_t codec, float quality, float fps, std::string_view text) {
         const auto* p = reinterpret_cast<const std::byte*>(text.data());
@@ -177,7 +180,7 @@ TEST_F(Server, RefusesSettingsThatCannotBe) {
     EXPECT_EQ(code(0x61766331, 0.5F, 0, "width=160:preset=veryfast"), 0);
 }
 
-TEST_F(Server, ACancelledConversionLeavesNothing) {
+TEST_F(Server, ACancelledConversionLeavesNoFile) {
     start();
     std::ofstream(out()) << "old";
     observer->onProgress = [](const R&, float) { return false; };
@@ -194,7 +197,7 @@ TEST_F(Server, ACancelledConversionLeavesNothing) {
 TEST_F(Server, AWorkerThatIsKilledCostsItsOperationOnly) {
     start();
     std::ofstream(out()) << "old";
-    // One that has reported progress has begun: one that dies before that is replaced, and nobody notices.
+    // A worker that has reported progress has started. One that dies earlier is replaced unnoticed.
     observer->onProgress = [this, killed = false](const R&, float progress) mutable {
         if (progress > 0.0F && !std::exchange(killed, true)) {
             ::kill(worker(), SIGKILL);
@@ -209,7 +212,7 @@ TEST_F(Server, AWorkerThatIsKilledCostsItsOperationOnly) {
     EXPECT_EQ(convert(movie(), out("second.mp4")), nullptr);
 }
 
-TEST_F(Server, AServerThatIsKilledTakesItsWorkersAlongAndLeavesNothing) {
+TEST_F(Server, AServerThatIsKilledTakesItsWorkersAlongAndLeavesNoFile) {
     start();
     const std::string source = std::string(KRV_TEST_MEDIA) + "/long.mov";
     pid_t workerPid = 0;

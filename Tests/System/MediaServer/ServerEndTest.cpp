@@ -1,4 +1,4 @@
-// When the real server ends, and what becomes of the work it has.
+// When the real server exits, and what happens to its work.
 #include <csignal>
 #include <functional>
 #include <utility>
@@ -8,7 +8,7 @@
 namespace krv::server {
 namespace {
 
-TEST_F(Server, EndsWhenItIsAskedTo) {
+TEST_F(Server, ExitsWhenAsked) {
     start();
     EXPECT_TRUE(client->queueShutdownOfCurrentServer());
     EXPECT_EQ(process->wait(), 0);
@@ -17,7 +17,7 @@ TEST_F(Server, EndsWhenItIsAskedTo) {
     EXPECT_EQ(process->wait(), 0);
 }
 
-TEST_F(Server, FinishesWhatRunsBeforeItEnds) {
+TEST_F(Server, FinishesRunningWorkBeforeItExits) {
     start();
     observer->onProgress = [this, asked = false](const R&, float) mutable {
         if (!asked) {
@@ -31,7 +31,7 @@ TEST_F(Server, FinishesWhatRunsBeforeItEnds) {
     EXPECT_GT(fs::file_size(out()), 1000U);
 }
 
-TEST_F(Server, ASecondSignalCancelsWhatRuns) {
+TEST_F(Server, ASecondSignalCancelsRunningWork) {
     start();
     observer->onProgress = [this, asked = false](const R&, float) mutable {
         if (!asked) {
@@ -47,17 +47,18 @@ TEST_F(Server, ASecondSignalCancelsWhatRuns) {
     try {
         client->convertMovie(std::string(KRV_TEST_MEDIA) + "/long.mov", out(), 1, false, observer, &error);
     } catch (const Exception&) {
-        // It may be gone before the cancellation is told.
+        // The server may exit before the client learns of the cancellation.
         SUCCEED();
     }
     EXPECT_EQ(process->wait(), 0);
     EXPECT_EQ(filesInOut(), 0U);
 }
 
-/// Runs a conversion, and in the middle of it what is given.
+/// Shutting down during a conversion.
 class Ending : public Server {
 protected:
-    void inTheMiddleOfWork(const std::function<void()>& act) {
+    /// Runs a conversion, calls the action once during it, and expects both the conversion and the server to end well.
+    void duringAConversion(const std::function<void()>& act) {
         start();
         observer->onProgress = [act, acted = false](const R&, float) mutable {
             if (!std::exchange(acted, true)) {
@@ -70,8 +71,8 @@ protected:
         EXPECT_GT(fs::file_size(out()), 1000U);
         EXPECT_EQ(filesInOut(), 1U);
     }
-    /// From now on the server refuses work; before, it may not have got to what it was asked.
-    void waitUntilItEnds() const {
+    /// Waits until the server refuses work. Before that, it may not have handled the request to shut down.
+    void waitUntilItRefusesWork() const {
         for (bool refused = false; !refused;) {
             try {
                 const auto reply = ask(R::encodeVideoOperation("/missing.mov", out("refused.mp4")));
@@ -84,41 +85,41 @@ protected:
     }
 };
 
-TEST_F(Ending, ASecondRequestToEndCancelsNothing) {
-    inTheMiddleOfWork([this] {
+TEST_F(Ending, ASecondShutdownRequestCancelsNothing) {
+    duringAConversion([this] {
         EXPECT_TRUE(client->queueShutdownOfCurrentServer());
-        waitUntilItEnds();
+        waitUntilItRefusesWork();
         EXPECT_TRUE(client->queueShutdownOfCurrentServer());
         EXPECT_TRUE(client->queueShutdownOfCurrentServer());
         EXPECT_EQ(status()["running"], 1);
     });
 }
 
-TEST_F(Ending, ARequestToEndAfterASignalCancelsNothing) {
-    inTheMiddleOfWork([this] {
+TEST_F(Ending, AShutdownRequestAfterASignalCancelsNothing) {
+    duringAConversion([this] {
         process->signal(SIGTERM);
-        waitUntilItEnds();
+        waitUntilItRefusesWork();
         EXPECT_TRUE(client->queueShutdownOfCurrentServer());
         EXPECT_EQ(status()["running"], 1);
     });
 }
 
-TEST_F(Ending, TheFirstSignalAfterARequestToEndCancelsNothing) {
-    inTheMiddleOfWork([this] {
+TEST_F(Ending, TheFirstSignalAfterAShutdownRequestCancelsNothing) {
+    duringAConversion([this] {
         EXPECT_TRUE(client->queueShutdownOfCurrentServer());
-        waitUntilItEnds();
+        waitUntilItRefusesWork();
         process->signal(SIGTERM);
         EXPECT_EQ(status()["running"], 1);
     });
 }
 
-TEST_F(Ending, ALivingClientKeepsAnIdleServer) {
+TEST_F(Ending, ALivingClientKeepsAnIdleServerRunning) {
     start({"-idleTimeout", "1"});
     ChildProcess mortal({"sleep", "1000"});
     const auto registration = R::registerWithServerOperation();
     registration->setRegInfoPID(std::int64_t{mortal.pid()});
     EXPECT_TRUE(ask(registration)->isClientRegistered());
-    // Long enough for it to have ended several times.
+    // Several times its idle timeout.
     for (auto page = status(); page["uptime"] < 6.0; page = status()) {
         ASSERT_TRUE(page.is_object());
     }
@@ -127,7 +128,7 @@ TEST_F(Ending, ALivingClientKeepsAnIdleServer) {
     EXPECT_EQ(process->wait(), 0);
 }
 
-TEST_F(Server, EndsWhenNobodyNeedsIt) {
+TEST_F(Server, ExitsWhenNoClientNeedsIt) {
     start({"-idleTimeout", "1"});
     EXPECT_EQ(process->wait(), 0);
 }

@@ -1,4 +1,5 @@
-// What the server withstands: many connections, damaged movies, folders that go, its own sudden end; and what it costs.
+// What the server withstands: many connections, damaged movies, removed folders and being killed; and how much memory
+// it uses.
 #include <cstdlib>
 #include <iostream>
 #include <random>
@@ -15,7 +16,7 @@ namespace {
 
 class Endurance : public Server {
 protected:
-    /// A connection that says nothing; -1 when it cannot be made.
+    /// Opens a connection that sends nothing. Returns -1 on failure.
     int idleConnection() const {
         const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in address{};
@@ -28,23 +29,23 @@ protected:
         }
         return fd;
     }
-    /// One whole status request on a connection that stays open.
-    static bool answersStatus(int fd, int port) {
+    /// Sends a status request on a connection that stays open. Returns whether the response is complete and good.
+    static bool respondsToStatus(int fd, int port) {
         const std::string request = fmt::format("GET /status HTTP/1.1\r\nHost: localhost:{}\r\n\r\n", port);
         if (::send(fd, request.data(), request.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(request.size())) {
             return false;
         }
-        // Head and body may come apart; the page is one object and a line end.
-        std::string answer;
+        // Header and body may arrive separately. The page is one object and a newline.
+        std::string response;
         char buffer[4096];
-        while (answer.find("}\n") == std::string::npos) {
+        while (response.find("}\n") == std::string::npos) {
             const ssize_t count = ::recv(fd, buffer, sizeof buffer, 0);
             if (count <= 0) {
                 return false;
             }
-            answer.append(buffer, static_cast<std::size_t>(count));
+            response.append(buffer, static_cast<std::size_t>(count));
         }
-        return answer.starts_with("HTTP/1.1 200");
+        return response.starts_with("HTTP/1.1 200");
     }
     static bool lives(pid_t pid) { return KRVProcessMonitor::doesProcessExist(pid, ""); }
 };
@@ -59,9 +60,9 @@ TEST_F(Endurance, AThousandIdleConnectionsAndSixtyFourRequestsAtOnce) {
     for (int i = 0; i < 1000; ++i) {
         connections.push_back(idleConnection());
         ASSERT_GE(connections.back(), 0) << "connection " << i;
-        ASSERT_TRUE(answersStatus(connections.back(), port)) << "connection " << i;
+        ASSERT_TRUE(respondsToStatus(connections.back(), port)) << "connection " << i;
     }
-    // Each of the sixty-four waits in the server until its self-test has run for a second.
+    // Each of the sixty-four requests waits in the server until its self-test has run for a second.
     std::vector<std::thread> callers;
     std::atomic<int> completed{0};
     for (int i = 0; i < 64; ++i) {
@@ -82,13 +83,13 @@ TEST_F(Endurance, AThousandIdleConnectionsAndSixtyFourRequestsAtOnce) {
     }
     EXPECT_EQ(completed, 64);
     for (const int fd : connections) {
-        EXPECT_TRUE(answersStatus(fd, port));
+        EXPECT_TRUE(respondsToStatus(fd, port));
         ::close(fd);
     }
 }
 
-/// A hundred unless KRV_MUTANTS says otherwise; the same ones in every run.
-TEST_F(Endurance, MutatedMoviesEndInAnErrorOrAMovieAndNothingElse) {
+/// Tries a hundred mutants, or KRV_MUTANTS, the same ones in every run.
+TEST_F(Endurance, MutatedMoviesGiveAnErrorOrAMovie) {
     const char* const wanted = std::getenv("KRV_MUTANTS");
     const int count = wanted ? std::atoi(wanted) : 100;
     start();
@@ -102,7 +103,7 @@ TEST_F(Endurance, MutatedMoviesEndInAnErrorOrAMovieAndNothingElse) {
                          std::ios::binary);
         std::string bytes(std::istreambuf_iterator<char>(in), {});
         for (auto changes = 1 + random() % 40; changes > 0; --changes) {
-            // Mostly in the head, where the structure is.
+            // Mostly near the start, where the structure is.
             const std::size_t range = random() % 3 != 0 ? std::min<std::size_t>(bytes.size(), 4096) : bytes.size();
             bytes[random() % range] = static_cast<char>(random() % 256);
         }
@@ -128,8 +129,8 @@ TEST_F(Endurance, MutatedMoviesEndInAnErrorOrAMovieAndNothingElse) {
     EXPECT_EQ(convert(movie(), out()), nullptr);
 }
 
-/// What is left of an old movie whose head says that each picture lasts for a week.
-TEST_F(Endurance, APictureThatLastsForDaysIsNoInternalError) {
+/// A truncated old movie whose header says that each frame lasts for a week.
+TEST_F(Endurance, AFrameThatLastsForDaysIsNotAnInternalError) {
     start();
     std::ifstream in(std::string(KRV_TEST_MEDIA) + "/old.avi", std::ios::binary);
     std::string bytes(std::istreambuf_iterator<char>(in), {});
@@ -143,9 +144,9 @@ TEST_F(Endurance, APictureThatLastsForDaysIsNoInternalError) {
     EXPECT_EQ(filesInOut(), 1U);
 }
 
-TEST_F(Endurance, AFolderThatGoesInMidWorkIsErrorFive) {
+TEST_F(Endurance, AFolderThatIsRemovedDuringAConversionIsErrorFive) {
     start();
-    const fs::path place = folder.path() / "out" / "going";
+    const fs::path place = folder.path() / "out" / "removed";
     fs::create_directory(place);
     observer->onProgress = [&](const R&, float) {
         fs::remove(place);
@@ -158,7 +159,7 @@ TEST_F(Endurance, AFolderThatGoesInMidWorkIsErrorFive) {
     EXPECT_EQ(convert(movie(), out()), nullptr);
 }
 
-TEST_F(Endurance, AWorkerThatWaitsAndIsKilledIsMissedByNobody) {
+TEST_F(Endurance, AnIdleWorkerThatIsKilledIsReplacedUnnoticed) {
     start();
     waitUntil([this] { return !workers().empty(); });
     for (const pid_t pid : workers()) {
@@ -167,7 +168,7 @@ TEST_F(Endurance, AWorkerThatWaitsAndIsKilledIsMissedByNobody) {
     EXPECT_EQ(convert(movie(), out()), nullptr);
 }
 
-TEST_F(Endurance, AServerThatIsKilledTakesWaitingWorkersAlong) {
+TEST_F(Endurance, AServerThatIsKilledTakesIdleWorkersAlong) {
     start();
     waitUntil([this] { return workers().size() >= 2; });
     const auto waiting = workers();
@@ -178,10 +179,10 @@ TEST_F(Endurance, AServerThatIsKilledTakesWaitingWorkersAlong) {
     }
 }
 
-/// The proportional set size of the idle server and everything below it.
+/// Measures the proportional set size of the idle server and its workers.
 TEST_F(Endurance, IdleServerAndPoolTakeLessThanFortyMegabytes) {
     if (::getuid() != 0) {
-        GTEST_SKIP() << "the kernel tells the memory of a shut-in worker to root only";
+        GTEST_SKIP() << "only root may read the memory use of a sandboxed worker";
     }
     start();
     EXPECT_EQ(convert(movie(), out()), nullptr);
@@ -194,7 +195,7 @@ TEST_F(Endurance, IdleServerAndPoolTakeLessThanFortyMegabytes) {
         }
         return 0L;
     };
-    // A worker that is still starting has not given back yet what only its start needs.
+    // A worker that is still starting has not yet freed the memory that only starting needs.
     long total = 0;
     waitUntil([&] {
         total = proportional(process->pid());

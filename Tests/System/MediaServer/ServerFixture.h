@@ -49,7 +49,7 @@ public:
     std::function<bool(const R&, float)> onProgress;
 };
 
-/// The real server with real workers, started by each test on ports of its own, with folders of its own.
+/// The real server with real workers. Each test starts its own, on its own ports and with its own folders.
 class Server : public testing::Test {
 protected:
     Server() {
@@ -59,7 +59,7 @@ protected:
         fs::create_directory(folder.path() / "out");
     }
 
-    /// launcher: a program and its arguments that become the server.
+    /// Starts the server and waits until it serves. launcher: a program and its arguments that exec the server.
     void start(const std::vector<std::string>& more = {}, const std::vector<std::string>& launcher = {}) {
         const int first = 20000 + ::getpid() % 20000;
         std::vector<std::string> arguments = launcher;
@@ -67,7 +67,7 @@ protected:
                                            "-maximumPortNumber", std::to_string(first + 100)});
         arguments.insert(arguments.end(), more.begin(), more.end());
         process = std::make_unique<ChildProcess>(arguments);
-        // It serves as soon as its port answers with its own process id.
+        // The server serves once its port reports its process id.
         port = 0;
         waitUntil([&] {
             for (int candidate = first; candidate <= first + 5 && port == 0; ++candidate) {
@@ -82,7 +82,7 @@ protected:
         client = std::make_unique<KRVQuicktimeProcessClient>(transport);
     }
 
-    /// Starts a server that permissions hold for, as they do not for root's.
+    /// Starts a server that file permissions apply to, even if the tests run as root.
     void startHeldByPermissions() {
         const std::string overrides = "-dac_override,-dac_read_search";
         std::vector<std::string> launcher;
@@ -107,27 +107,27 @@ protected:
 
     R::Ref ask(const R::Ref& operation) const { return R::operationFromData(transport->sendOperation(operation)); }
 
-    /// Sends bytes as they are and returns all that comes back until the server closes.
+    /// Sends raw bytes and returns everything that the server sends until it closes the connection.
     std::string raw(const std::string& bytes) const {
         const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_port = htons(static_cast<std::uint16_t>(port));
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        std::string answer;
+        std::string response;
         if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
             [[maybe_unused]] const auto sent = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
             char buffer[4096];
             for (ssize_t count = 0; (count = ::recv(fd, buffer, sizeof buffer, 0)) > 0;) {
-                answer.append(buffer, static_cast<std::size_t>(count));
+                response.append(buffer, static_cast<std::size_t>(count));
             }
         }
         ::close(fd);
-        return answer;
+        return response;
     }
-    int rawStatus(const std::string& head) const {
-        const std::string answer = raw(head);
-        return answer.size() > 12 ? std::atoi(answer.c_str() + 9) : 0;
+    int rawStatus(const std::string& request) const {
+        const std::string response = raw(request);
+        return response.size() > 12 ? std::atoi(response.c_str() + 9) : 0;
     }
     std::string host() const { return fmt::format("Host: localhost:{}\r\nConnection: close\r\n", port); }
 
@@ -141,7 +141,7 @@ protected:
         client->convertMovie(source, destination, type, false, observer, &error);
         return error;
     }
-    /// What the kernel says about the server under this heading.
+    /// Returns the text after this heading in the server's /proc/PID/status.
     std::string processStatus(std::string_view heading) const {
         std::ifstream in(fmt::format("/proc/{}/status", process->pid()));
         for (std::string line; std::getline(in, line);) {
@@ -149,10 +149,10 @@ protected:
                 return line.substr(heading.size());
             }
         }
-        throw std::runtime_error("the server is gone");
+        throw std::runtime_error("the server has exited");
     }
     long residentKilobytes() const { return std::stol(processStatus("VmRSS:")); }
-    /// Every worker: those that wait ahead of need, and those at work.
+    /// Returns the process ids of all workers, idle and busy.
     std::vector<pid_t> workers() const {
         std::vector<pid_t> pids;
         std::error_code gone;
@@ -164,7 +164,7 @@ protected:
         }
         return pids;
     }
-    /// The worker that has a movie of the tests open; waits until there is one.
+    /// Waits until a worker has one of the test movies open, and returns its process id.
     pid_t worker() const {
         pid_t found = 0;
         waitUntil([&] {

@@ -1,4 +1,4 @@
-// The real server over its wire: who is let in, and what arrives slowly, damaged or crooked.
+// The real server over HTTP: which requests it refuses, and requests that are slow, damaged or ambiguous.
 #include <random>
 #include <thread>
 
@@ -7,7 +7,7 @@
 namespace krv::server {
 namespace {
 
-TEST_F(Server, KeepsEverybodyElseOut) {
+TEST_F(Server, RefusesEverythingElse) {
     start();
     const std::string end = "\r\n";
     EXPECT_EQ(rawStatus("GET /status HTTP/1.1\r\n" + host() + end), 200);
@@ -23,7 +23,7 @@ TEST_F(Server, KeepsEverybodyElseOut) {
     EXPECT_EQ(rawStatus("POST / HTTP/1.1\r\n" + host() + "Content-Length: 0\r\n" + end), 400);
 }
 
-/// Requests as bytes, one of which would register this process.
+/// Raw requests, one of which would register this process.
 class Wire : public Server {
 protected:
     std::string registration() const {
@@ -32,7 +32,7 @@ protected:
                            record.size()) +
                std::string(reinterpret_cast<const char*>(record.data()), record.size());
     }
-    /// Sends all and returns what comes back until the server closes.
+    /// Sends all bytes and returns what the server sends until it closes the connection.
     std::string exchange(const std::string& bytes) const {
         const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in address{};
@@ -40,7 +40,7 @@ protected:
         address.sin_port = htons(static_cast<std::uint16_t>(port));
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         EXPECT_EQ(::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-        // A server that refuses closes without having read all.
+        // A server that refuses closes the connection before it has read everything.
         for (std::size_t sent = 0; sent < bytes.size();) {
             const ssize_t count = ::send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
             if (count <= 0) {
@@ -63,14 +63,14 @@ protected:
     }
 };
 
-TEST_F(Wire, ServesWhatIsMeantToFollow) {
+TEST_F(Wire, ServesPipelinedRequests) {
     start();
     const std::string answer = exchange("GET /status HTTP/1.1\r\nHost: localhost\r\n\r\n" + registration());
     EXPECT_NE(answer.find("HTTP/1.1 200", 12), std::string::npos);
     EXPECT_TRUE(client->amIRegistered());
 }
 
-TEST_F(Wire, AStrangersRequestIsNotCarriedOut) {
+TEST_F(Wire, ARequestFromElsewhereIsNotCarriedOut) {
     start();
     const std::string good = registration();
     const std::string host = "Host: localhost\r\n";
@@ -95,8 +95,8 @@ TEST_F(Wire, AStrangersRequestIsNotCarriedOut) {
     EXPECT_TRUE(client->amIRegistered());
 }
 
-/// Each of them ends in one place for one reader and in another for another, and what lies between is a request.
-TEST_F(Wire, CarriesOutNothingThatIsHiddenInABody) {
+/// Ambiguous request framing: readers disagree on where each request ends, and the bytes in between are a request.
+TEST_F(Wire, CarriesOutNoRequestHiddenInABody) {
     start();
     const std::string hidden = registration();
     const std::string size = std::to_string(hidden.size());
@@ -148,7 +148,7 @@ TEST_F(Wire, CarriesOutNothingThatIsHiddenInABody) {
     }
     EXPECT_EQ(statusOf(exchange("POST / HTTP/1.0\r\nHost: localhost\r\n" + chunked + "\r\n" + lastChunk + hidden)),
               400);
-    // Line feeds alone end a line for the server: the hidden request is the body, and what follows it is a request.
+    // A bare line feed ends a line for the server, so the hidden request is the body and a further request follows.
     const std::string follows = "GET /status HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
     for (const std::string& head :
          {"POST / HTTP/1.1\nHost: localhost\nContent-Length: " + size + "\n\n",
@@ -160,7 +160,7 @@ TEST_F(Wire, CarriesOutNothingThatIsHiddenInABody) {
     }
 }
 
-TEST_F(Wire, AHiddenShutDownDoesNotShutDown) {
+TEST_F(Wire, AHiddenShutdownDoesNotShutDown) {
     start();
     const auto record = R::shutdownCommand()->convertToData();
     const std::string hidden =
@@ -172,11 +172,11 @@ TEST_F(Wire, AHiddenShutDownDoesNotShutDown) {
                   400)
             << headers;
     }
-    // A server that is shutting down takes no work.
+    // A server that is shutting down refuses work.
     EXPECT_EQ(convert(movie(), out()), nullptr);
 }
 
-TEST_F(Wire, DoesNotKeepABodyThatIsTooLarge) {
+TEST_F(Wire, DoesNotBufferABodyThatIsTooLarge) {
     start();
     EXPECT_EQ(
         statusOf(exchange(fmt::format("POST / HTTP/1.1\r\nHost: localhost\r\nContent-Length: {}\r\n\r\n", 17 << 20))),
@@ -191,12 +191,12 @@ TEST_F(Wire, DoesNotKeepABodyThatIsTooLarge) {
     request += "0\r\n\r\n";
     EXPECT_EQ(statusOf(exchange(request)), 413);
     EXPECT_LT(residentKilobytes() - before, 4096);
-    // Sixteen, and half of that while they are moved to a larger place.
+    // Sixteen, plus half of that while the buffer is reallocated.
     EXPECT_LT(std::stol(processStatus("VmHWM:")) - before, 32 * 1024);
     EXPECT_EQ(statusOf(exchange(registration())), 200);
 }
 
-/// Sends the first bytes at once and one more each second until the server closes; how long that took.
+/// A connection that sends its first bytes at once and the others one by one.
 class SlowSender {
 public:
     SlowSender(int port, const std::string& begin, char rest)
@@ -250,7 +250,7 @@ TEST_F(Server, SurvivesThreeThousandDamagedRequests) {
                                       R::mergeSourcesOperation(Array{"/a", "/b"}, "/missing/c.mov", true),
                                       R::progressAndCompletionOperation("x"), R::numberOfOperationsOperation()};
     for (const R::Ref& record : records) {
-        record->setRegInfoPID(1);  // the same bytes in every run, and so the same damage
+        record->setRegInfoPID(1);  // the same bytes in every run, so the same damage
     }
     const auto send = [&](int count) {
         int answers = 0;

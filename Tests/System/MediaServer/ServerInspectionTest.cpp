@@ -1,4 +1,4 @@
-// Thumbnails, descriptions and interesting times through the real server and the client.
+// Thumbnails, descriptions and interesting times with the real server and the client.
 #include <gmock/gmock.h>
 
 #include "ServerFixture.h"
@@ -18,7 +18,7 @@ protected:
         std::sort(names.begin(), names.end());
         return names;
     }
-    /// Runs a record and returns the finished one, which may hold an error.
+    /// Runs a record and returns the finished one, which may have an error.
     R::Ref run(const R::Ref& request) const {
         std::shared_ptr<const Error> error;
         (void)TransportInvocation::invocationWith(request)->invokeOverTransportGetProgressWaitToComplete(transport,
@@ -26,9 +26,9 @@ protected:
         EXPECT_FALSE(error);
         return ask(R::returnResultForOperation(request->uniqueID()));
     }
-    std::string noMovie() const {
+    std::string notAMovie() const {
         const std::string path = (folder.path() / "no.mov").string();
-        std::ofstream(path) << "this is no movie, only some text that is long enough";
+        std::ofstream(path) << "this is not a movie, only some text that is long enough";
         return path;
     }
 };
@@ -67,7 +67,7 @@ TEST_F(Inspection, TheClientMakesTwelveThumbnails) {
 
 TEST_F(Inspection, ThumbnailsThatFailLeaveNoFolder) {
     start();
-    const auto finished = run(R::createThumbnailsForVideo(noMovie(), pictures(), {}));
+    const auto finished = run(R::createThumbnailsForVideo(notAMovie(), pictures(), {}));
     ASSERT_TRUE(finished->error());
     EXPECT_EQ(finished->error()->code(), 4);
     EXPECT_EQ(filesInOut(), 0U);
@@ -113,9 +113,9 @@ TEST_F(Inspection, AMovieIsDescribed) {
     EXPECT_EQ((*poster)[1], std::byte{0xd8});
 }
 
-TEST_F(Inspection, AMovieIsDescribedWhileTheLanesAreFullOfConversions) {
+TEST_F(Inspection, AMovieIsDescribedWhileAllConversionThreadsAreBusy) {
     start();
-    // More than run at a time, so that some wait.
+    // More than can run at the same time, so that some wait.
     const int conversions = static_cast<int>(status()["workers"]) + 2;
     std::vector<R::Ref> requests;
     for (int i = 0; i < conversions; ++i) {
@@ -125,7 +125,7 @@ TEST_F(Inspection, AMovieIsDescribedWhileTheLanesAreFullOfConversions) {
     std::shared_ptr<const Error> error;
     EXPECT_TRUE(client->getMetadataFor(movie(), &error));
     EXPECT_FALSE(client->getInterestingTimesForMovie(movie(), false, 0, &error).isNull());
-    // All of them are still there, which they would not be had the question waited for them.
+    // None of them has ended, so the queries did not wait for them.
     const auto now = status();
     EXPECT_EQ(now["running"].get<int>() + now["queued"].get<int>(), conversions) << now;
     EXPECT_GE(now["queued"].get<int>(), 2);
@@ -134,7 +134,7 @@ TEST_F(Inspection, AMovieIsDescribedWhileTheLanesAreFullOfConversions) {
     EXPECT_EQ(filesInOut(), 0U);
 }
 
-TEST_F(Inspection, WhatIsNotInAMovieIsNotInItsDescription) {
+TEST_F(Inspection, AMissingPropertyIsLeftOutOfTheDescription) {
     start();
     std::shared_ptr<const Error> error;
     const auto info = client->getMetadataFor(std::string(KRV_TEST_MEDIA) + "/sound.wav", &error);
@@ -171,10 +171,10 @@ TEST_F(Inspection, ATrackThatDoesNotExistIsErrorNine) {
     EXPECT_EQ(error->code(), 9);
 }
 
-TEST_F(Inspection, WhatIsNoMovieHasNeitherDescriptionNorTimes) {
+TEST_F(Inspection, AFileThatIsNotAMovieHasNeitherDescriptionNorTimes) {
     start();
     for (const R::Ref& request :
-         {R::provideMetadataFor(noMovie()), R::getInterestingTimesOperation(noMovie(), false, 0)}) {
+         {R::provideMetadataFor(notAMovie()), R::getInterestingTimesOperation(notAMovie(), false, 0)}) {
         const auto finished = run(request);
         ASSERT_TRUE(finished->error());
         EXPECT_EQ(finished->error()->code(), 4);

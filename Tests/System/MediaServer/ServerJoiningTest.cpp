@@ -1,4 +1,4 @@
-// Stereo mixes and merges through the real server and the client.
+// Stereo mixes and merges with the real server and the client.
 #include <gmock/gmock.h>
 
 #include "ServerFixture.h"
@@ -26,7 +26,7 @@ protected:
     }
 };
 
-TEST_F(Joining, SurroundSoundBecomesStereo) {
+TEST_F(Joining, SurroundAudioBecomesStereo) {
     start();
     std::shared_ptr<const Error> error;
     client->muxMovie(media("surround.mov"), out("out.mov"), observer, &error);
@@ -36,7 +36,7 @@ TEST_F(Joining, SurroundSoundBecomesStereo) {
     EXPECT_EQ(filesInOut(), 1U);
 }
 
-TEST_F(Joining, AMovieWithoutSoundCannotBeMixed) {
+TEST_F(Joining, AMovieWithoutAudioCannotBeMixedDown) {
     start();
     std::shared_ptr<const Error> error;
     client->muxMovie(media("silent.mp4"), out("out.mp4"), observer, &error);
@@ -45,7 +45,7 @@ TEST_F(Joining, AMovieWithoutSoundCannotBeMixed) {
     EXPECT_EQ(filesInOut(), 0U);
 }
 
-TEST_F(Joining, MoviesFollowOneAnother) {
+TEST_F(Joining, MoviesAreJoinedInOrder) {
     start();
     EXPECT_FALSE(merge({media("plain.mov"), media("chapters.mp4"), media("plain.mov")}, out()));
     EXPECT_NEAR(seconds(out()), 6, 0.15);
@@ -68,11 +68,11 @@ TEST_F(Joining, ABadMovieFailsEverythingAndIsNamed) {
     ASSERT_TRUE(missing);
     EXPECT_EQ(missing->code(), 3);
     EXPECT_EQ(missing->localizedDescription(), "Cannot merge exist.mov: the file does not exist.");
-    EXPECT_EQ((*missing->userInfo())["KRVFilePath"].stringValue(), "/does/not/exist.mov");
+    EXPECT_EQ((*missing->userInfo())[kErrorFilePath].stringValue(), "/does/not/exist.mov");
     EXPECT_EQ(filesInOut(), 0U);
 }
 
-TEST_F(Joining, NoMovieAtAllIsErrorNine) {
+TEST_F(Joining, AnEmptyListIsErrorNine) {
     start();
     const auto error = merge({}, out());
     ASSERT_TRUE(error);
@@ -80,7 +80,7 @@ TEST_F(Joining, NoMovieAtAllIsErrorNine) {
     EXPECT_THAT(error->localizedFailureReason(), testing::HasSubstr("videoMergeSources"));
 }
 
-TEST_F(Joining, TheDestinationIsNoneOfTheSources) {
+TEST_F(Joining, TheDestinationMustNotBeASource) {
     start();
     fs::copy_file(media("plain.mov"), out());
     const auto error = merge({media("chapters.mp4"), out()}, out());
@@ -90,7 +90,7 @@ TEST_F(Joining, TheDestinationIsNoneOfTheSources) {
 }
 
 TEST_F(Joining, HundredsOfMoviesCanBeJoined) {
-    // More than the kernel hands over in one message.
+    // More descriptors than the kernel passes in one message.
     constexpr std::size_t kMovies = 300;
     start();
     EXPECT_FALSE(merge(Array(kMovies, Value(media("still.mov"))), out("out.mov")));

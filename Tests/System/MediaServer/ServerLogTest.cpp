@@ -1,4 +1,4 @@
-// What the real server writes to its log about each operation.
+// What the real server logs about each operation.
 #include <csignal>
 #include <fstream>
 #include <regex>
@@ -16,7 +16,7 @@ protected:
         start(more, {"sh", "-c", fmt::format("exec \"$@\" 2> '{}'", file()), "sh"});
     }
     std::string file() const { return (folder.path() / "log").string(); }
-    /// All of it, after the server has ended.
+    /// Shuts the server down and returns its whole log.
     std::string read() {
         process->signal(SIGTERM);
         EXPECT_EQ(process->wait(), 0);
@@ -24,7 +24,7 @@ protected:
         text << std::ifstream(file()).rdbuf();
         return text.str();
     }
-    /// The line about the operation with that source.
+    /// Returns the line about the operation with this source.
     static std::string lineAbout(const std::string& log, const std::string& source) {
         std::istringstream lines(log);
         for (std::string line; std::getline(lines, line);) {
@@ -41,7 +41,7 @@ protected:
     }
 };
 
-TEST_F(Log, SaysOfEachOperationWhoAskedForWhatHowLongItTookAndHowItEnded) {
+TEST_F(Log, NamesClientOperationDurationAndResult) {
     startLogging({"-applicationLogLevel", "7"});
     const std::string empty = folder.write("empty.mov", "");
     const std::string lengthy = std::string(KRV_TEST_MEDIA) + "/long.mov";
@@ -57,13 +57,13 @@ TEST_F(Log, SaysOfEachOperationWhoAskedForWhatHowLongItTookAndHowItEnded) {
     EXPECT_TRUE(matches(lineAbout(log, lengthy), "cancelled")) << log;
 }
 
-/// What waits when the server is told to end has its line too.
-TEST_F(Log, SaysHowLongWhatNeverBeganHasWaited) {
+/// An operation that is still queued at shutdown has its line, too.
+TEST_F(Log, LogsHowLongAnOperationThatNeverStartedHasWaited) {
     startLogging({"-applicationLogLevel", "7"});
     const std::string lengthy = std::string(KRV_TEST_MEDIA) + "/longer.mov";
-    const int lanes = status()["workers"];
+    const int threads = status()["workers"];
     std::vector<std::optional<std::string>> ids;
-    for (int i = 0; i < lanes; ++i) {
+    for (int i = 0; i < threads; ++i) {
         const auto name = fmt::format("long{}.mp4", i);
         ids.push_back(ask(R::encodeVideoOperation(lengthy, out(name.c_str())))->uniqueID());
     }
@@ -73,7 +73,7 @@ TEST_F(Log, SaysHowLongWhatNeverBeganHasWaited) {
     ids.push_back(ask(R::encodeVideoOperation(second, out("second.mp4")))->uniqueID());
     EXPECT_TRUE(ask(R::cancelOperation(waiting))->cancelled());
     EXPECT_TRUE(client->queueShutdownOfCurrentServer());
-    // What had not begun is answered like work that a server does not take.
+    // An operation that had not started gets the reply of work that a server refuses.
     EXPECT_THROW(while (!ask(R::progressAndCompletionOperation(ids.back()))->completed()){}, Exception);
     ids.pop_back();
     for (const auto& id : ids) {
@@ -85,7 +85,7 @@ TEST_F(Log, SaysHowLongWhatNeverBeganHasWaited) {
     EXPECT_NE(lineAbout(log, second).find("ran 0.00 s"), std::string::npos) << log;
 }
 
-TEST_F(Log, IsSilentUnlessItIsAsked) {
+TEST_F(Log, IsEmptyByDefault) {
     startLogging({});
     EXPECT_EQ(convert(movie(), out()), nullptr);
     EXPECT_EQ(read(), "");

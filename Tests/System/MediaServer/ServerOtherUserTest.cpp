@@ -1,4 +1,4 @@
-// Two users of one machine: neither's programs reach the other's server.
+// Two users of one machine: the programs of one cannot use the server of the other.
 #include <sys/wait.h>
 
 #include <grp.h>
@@ -9,22 +9,21 @@
 namespace krv::server {
 namespace {
 
-constexpr uid_t kSomebodyElse = 54321;
+constexpr uid_t kOtherUser = 54321;
 
 class OtherUser : public Server {
 protected:
     void SetUp() override {
-        if (!asSomebodyElse([] { return true; })) {
-            GTEST_SKIP() << "only a machine's root can become another user";
+        if (!asOtherUser([] { return true; })) {
+            GTEST_SKIP() << "only root can become another user";
         }
     }
-    /// Whether the call, made in a child process as another user, returns true.
-    static bool asSomebodyElse(const std::function<bool()>& call) {
+    /// Makes the call in a child process as another user. Returns whether it returns true.
+    static bool asOtherUser(const std::function<bool()>& call) {
         const pid_t child = ::fork();
         if (child == 0) {
-            const bool changed = ::setgroups(0, nullptr) == 0 &&
-                                 ::setresgid(kSomebodyElse, kSomebodyElse, kSomebodyElse) == 0 &&
-                                 ::setresuid(kSomebodyElse, kSomebodyElse, kSomebodyElse) == 0;
+            const bool changed = ::setgroups(0, nullptr) == 0 && ::setresgid(kOtherUser, kOtherUser, kOtherUser) == 0 &&
+                                 ::setresuid(kOtherUser, kOtherUser, kOtherUser) == 0;
             ::_exit(changed && call() ? 0 : 1);
         }
         int status = -1;
@@ -41,8 +40,8 @@ TEST_F(OtherUser, IsServedNothing) {
     start();
     const std::string post = registration();
     const std::string get = "GET /status HTTP/1.1\r\n" + host() + "\r\n";
-    EXPECT_TRUE(asSomebodyElse([&] { return rawStatus(post) == 403; }));
-    EXPECT_TRUE(asSomebodyElse([&] { return rawStatus(get) == 403; }));
+    EXPECT_TRUE(asOtherUser([&] { return rawStatus(post) == 403; }));
+    EXPECT_TRUE(asOtherUser([&] { return rawStatus(get) == 403; }));
     EXPECT_FALSE(client->amIRegistered());
     EXPECT_EQ(rawStatus(get), 200);
     EXPECT_EQ(rawStatus(post), 200);
@@ -58,7 +57,7 @@ TEST_F(OtherUser, CannotRegisterAsAClientByItsProcessId) {
     const pid_t other = ::fork();
     if (other == 0) {
         char byte = 0;
-        const bool changed = ::setresuid(kSomebodyElse, kSomebodyElse, kSomebodyElse) == 0;
+        const bool changed = ::setresuid(kOtherUser, kOtherUser, kOtherUser) == 0;
         ::close(end[1]);
         [[maybe_unused]] const auto told = ::write(ready[1], &byte, changed ? 1 : 0);
         ::close(ready[1]);
@@ -79,14 +78,14 @@ TEST_F(OtherUser, CannotRegisterAsAClientByItsProcessId) {
     ::waitpid(other, nullptr, 0);
 }
 
-TEST_F(OtherUser, HasAServerThatIsSentNothing) {
-    test::ScriptedServerProcess foreign({"user", std::to_string(kSomebodyElse), "report", "yes"});
+TEST_F(OtherUser, ReceivesNothingFromOurClients) {
+    test::ScriptedServerProcess foreign({"user", std::to_string(kOtherUser), "report", "yes"});
     const auto port = std::make_shared<FixedPort>(foreign.port());
     KRVQuicktimeProcessClient misled(std::make_shared<KRVHTTPClientTransport>(port));
     std::shared_ptr<const Error> error;
     try {
         misled.convertMovie("/private/name.mov", out(), 1, false, observer, &error);
-        FAIL() << "the conversion was taken";
+        FAIL() << "the conversion was accepted";
     } catch (const Exception& exception) {
         EXPECT_EQ(exception.name(), kHTTPServerNSURLConnectionError);
         EXPECT_NE(exception.reason().find("does not belong to this user"), std::string::npos) << exception.reason();

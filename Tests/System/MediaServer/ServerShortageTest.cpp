@@ -1,4 +1,4 @@
-// What the real server does when there is too little: of the disk, and of memory.
+// The real server without enough disk space or memory.
 #include <cstdint>
 #include <fstream>
 #include <iostream>
@@ -11,7 +11,7 @@
 namespace krv::server {
 namespace {
 
-/// A file system of that size, for as long as the object lives. The tests' mounts are their own.
+/// A mounted file system of a given size. The destructor unmounts it. Tests have their own mount namespace.
 class SmallDisk {
 public:
     SmallDisk(fs::path place, const std::string& options)
@@ -32,7 +32,7 @@ public:
     [[nodiscard]] std::size_t files() const {
         return static_cast<std::size_t>(std::distance(fs::directory_iterator(place_), {}));
     }
-    /// What nobody holds any more is free again.
+    /// Returns the free bytes, which include the space of unlinked files that no process has open.
     [[nodiscard]] std::uintmax_t free() const { return fs::space(place_).available; }
 
 private:
@@ -56,7 +56,7 @@ protected:
     }
 };
 
-TEST_F(Shortage, AFullDiskIsErrorFiveAndLeavesWhatWasThere) {
+TEST_F(Shortage, AFullDiskIsErrorFiveAndKeepsTheOldFile) {
     start();
     const SmallDisk disk(folder.path() / "disk", "size=2m");
     ASSERT_TRUE(disk.isMounted());
@@ -74,8 +74,8 @@ TEST_F(Shortage, AFullDiskIsErrorFiveAndLeavesWhatWasThere) {
     EXPECT_EQ(disk.files(), 1U);
 }
 
-/// The disk becomes full in the head, in the middle, in the index and while the index is moved in front.
-TEST_F(Shortage, WhereverTheDiskBecomesFullTheOutputIsWholeOrAbsent) {
+/// Fills the disk in the header, in the middle, in the index, and while the index is moved to the front.
+TEST_F(Shortage, WhereverTheDiskFillsUpTheOutputIsCompleteOrAbsent) {
     start();
     ASSERT_EQ(convert(movie(), out("whole.mp4")), nullptr);
     const auto whole = fs::file_size(out("whole.mp4"));
@@ -103,14 +103,14 @@ TEST_F(Shortage, WhereverTheDiskBecomesFullTheOutputIsWholeOrAbsent) {
     std::cout << "[ measured ] " << refused << " refused, " << made << " made\n";
 }
 
-/// A GIF of forty-three bytes whose one picture is that large.
+/// Returns a GIF of forty-three bytes with one picture of 16,000 x 16,000 pixels.
 std::string enormousPicture() {
     const std::string side("\x80\x3E", 2);  // 16,000
     return "GIF89a" + side + side + std::string("\x80\0\0\0\0\0\xFF\xFF\xFF", 9) +
            std::string("\x2C\0\0\0\0\x01\0\x01\0\0", 10) + std::string("\x02\x02\x44\x01\0", 5) + ";";
 }
 
-TEST_F(Shortage, AWorkerWithoutMemoryCostsItsOperationOnly) {
+TEST_F(Shortage, AWorkerWithoutMemoryFailsItsOwnOperationOnly) {
     start({"-workerMemoryLimit", "512"});
     const std::string hostile = folder.write("hostile.gif", enormousPicture());
     std::ofstream(out()) << "old";

@@ -1,4 +1,5 @@
-// A conversion that waits longer than its client waits for news. In real time, so only with KRV_SLOW=1.
+// A conversion that is queued for longer than its client waits without progress. Runs in real time, so only if
+// KRV_SLOW=1.
 #include <cstdlib>
 #include <iostream>
 
@@ -9,14 +10,14 @@ namespace {
 
 class Stall : public Server {};
 
-TEST_F(Stall, AConversionThatWaitsForMinutesIsNotGivenUp) {
+TEST_F(Stall, AConversionThatIsQueuedForMinutesIsNotGivenUp) {
     if (!std::getenv("KRV_SLOW")) {
         GTEST_SKIP() << "takes minutes; KRV_SLOW=1 runs it";
     }
     start();
     using Seconds = std::chrono::duration<double>;
     const auto now = [] { return std::chrono::steady_clock::now(); };
-    // The server's own clients wait for nothing here: work is put in front until the last has waited long enough.
+    // Queues work ahead of the conversion until it has waited long enough.
     const auto begun = now();
     const std::string lengthy = std::string(KRV_TEST_MEDIA) + "/longer.mov";
     std::vector<std::optional<std::string>> ahead;
@@ -49,7 +50,7 @@ TEST_F(Stall, AConversionThatWaitsForMinutesIsNotGivenUp) {
     EXPECT_GT(waited, Seconds(90));
     EXPECT_LT(longest, Seconds(60));
     std::cout << "[ measured ] waited " << waited.count() << " s; " << observer->seen.size()
-              << " reports, the number stood still for " << longest.count() << " s at most\n";
+              << " reports, progress did not change for " << longest.count() << " s at most\n";
 }
 
 }  // namespace

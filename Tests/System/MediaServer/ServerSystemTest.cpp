@@ -1,4 +1,4 @@
-// The real server and what it says of itself, its clients and what it is asked.
+// The real server: its status page, its clients and how it checks requests.
 #include <csignal>
 #include <fstream>
 
@@ -7,7 +7,7 @@
 namespace krv::server {
 namespace {
 
-TEST_F(Server, TellsItsStatus) {
+TEST_F(Server, ReportsItsStatus) {
     start();
     const auto json = status();
     EXPECT_EQ(json["name"], "KRVQuicktimeProcess");
@@ -19,7 +19,7 @@ TEST_F(Server, TellsItsStatus) {
     EXPECT_GE(json["workers"], 1);
 }
 
-TEST_F(Server, AnswersTheHousekeeping) {
+TEST_F(Server, AnswersHousekeepingRequests) {
     start();
     const auto count = ask(R::numberOfOperationsOperation());
     EXPECT_EQ(count->numOpsNumberOfOperations(), Value(0));
@@ -33,7 +33,7 @@ TEST_F(Server, AnswersTheHousekeeping) {
     EXPECT_FALSE(client->amIRegistered());
 }
 
-TEST_F(Server, RefusesToRegisterWhatIsNoLivingProcess) {
+TEST_F(Server, RefusesToRegisterAnythingButALivingProcess) {
     start();
     const auto operation = R::registerWithServerOperation();
     for (const Value& pid : std::vector<Value>{0, -1, 0x7FFFFFFF, "text", Value()}) {
@@ -44,7 +44,7 @@ TEST_F(Server, RefusesToRegisterWhatIsNoLivingProcess) {
     }
 }
 
-TEST_F(Server, NamesTheArgumentThatIsWrong) {
+TEST_F(Server, NamesTheWrongArgument) {
     start();
     const auto codeOf = [this](const std::function<void(Dictionary&)>& change) {
         const auto operation = R::encodeVideoOperation(movie(), out());
@@ -65,7 +65,7 @@ TEST_F(Server, NamesTheArgumentThatIsWrong) {
     EXPECT_EQ(codeOf([](auto& a) { a.set("encodingType", 99); }), "6 the encoding type 99 does not exist");
 }
 
-TEST_F(Server, DoesNotKnowOperationsThatAreNone) {
+TEST_F(Server, RefusesUnknownOperations) {
     start();
     const auto operation = std::make_shared<R>();
     for (const std::int32_t type : {0, 18, -1}) {
@@ -106,7 +106,7 @@ TEST_F(Server, TestsItself) {
     EXPECT_EQ(process->wait(), -SIGABRT);
 }
 
-TEST_F(Server, AClientThatDiesIsForgotten) {
+TEST_F(Server, AClientThatExitsIsForgotten) {
     start();
     ChildProcess mortal({"sleep", "1000"});
     const auto operation = R::registerWithServerOperation();
@@ -122,7 +122,7 @@ TEST_F(Server, AClientThatDiesIsForgotten) {
     EXPECT_EQ(ask(R::progressAndCompletionOperation(id))->error()->code(), 2);
 }
 
-TEST_F(Server, ASecondServerLeavesQuietly) {
+TEST_F(Server, ASecondServerExitsQuietly) {
     start();
     ChildProcess second({KRV_SERVER});
     EXPECT_EQ(second.wait(), 0);

@@ -1,4 +1,4 @@
-// Workers that are killed, at every stage of their work. KRV_KILLS says how often; the same ways to die in every run.
+// Workers that are killed at every stage of their work, 20 times or KRV_KILLS times, in the same way in every run.
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
@@ -13,12 +13,12 @@
 namespace krv::server {
 namespace {
 
-enum class Stage { Waiting, Begun, InProgress, NearTheEnd, Cancelling };
+enum class Stage { Idle, Started, InProgress, NearTheEnd, Cancelling };
 constexpr int kStages = 5;
 
 class WorkerDeath : public Server {
 protected:
-    /// The worker that has that file open; nothing when there is none.
+    /// Returns the worker that has this file open, if there is one.
     std::optional<pid_t> workerOn(const std::string& source) const {
         for (const pid_t pid : workers()) {
             std::error_code failure;
@@ -34,7 +34,7 @@ protected:
         const auto pid = workerOn(source);
         return pid && ::kill(*pid, SIGKILL) == 0;
     }
-    /// Begins a conversion and returns its identifier.
+    /// Starts a conversion and returns its identifier.
     std::string begin(const std::string& source, const std::string& destination) const {
         return ask(R::encodeVideoOperation(source, destination))->uniqueID().value_or("");
     }
@@ -52,9 +52,9 @@ protected:
         return {std::istreambuf_iterator<char>(in), {}};
     }
 
-    /// Converts the source and kills its worker at that stage. Returns how the conversion ended.
+    /// Converts the source and kills its worker at this stage. Returns the final state of the conversion.
     R::Ref convertAndKill(Stage stage, const std::string& source) {
-        if (stage == Stage::Waiting) {
+        if (stage == Stage::Idle) {
             for (const pid_t pid : workers()) {
                 if (!workerOn(companionSource) || pid != *workerOn(companionSource)) {
                     ::kill(pid, SIGKILL);
@@ -62,11 +62,11 @@ protected:
             }
         }
         std::atomic<bool> ended{false};
-        // The first answer to a request takes its time; a worker is killed without waiting for that.
+        // The first reply to a request may be held, so a second thread kills the worker without waiting for it.
         std::thread killer([&] {
             const std::chrono::microseconds moment(stage == Stage::NearTheEnd ? random() % 600'000 : 0);
             const auto begun = std::chrono::steady_clock::now();
-            while ((stage == Stage::Begun || stage == Stage::NearTheEnd) && !ended) {
+            while ((stage == Stage::Started || stage == Stage::NearTheEnd) && !ended) {
                 if (std::chrono::steady_clock::now() - begun >= moment && killWorkerOn(source)) {
                     return;
                 }
@@ -99,7 +99,7 @@ protected:
     std::string companionSource;
 };
 
-TEST_F(WorkerDeath, AtAnyStageCostsItsOwnOperationAtMost) {
+TEST_F(WorkerDeath, AtAnyStageFailsItsOwnOperationAtMost) {
     const char* const wanted = std::getenv("KRV_KILLS");
     const int count = wanted ? std::atoi(wanted) : 20;
     start();
@@ -114,13 +114,13 @@ TEST_F(WorkerDeath, AtAnyStageCostsItsOwnOperationAtMost) {
         const std::string what = fmt::format("round {}, stage {}", i, i % kStages);
         std::ofstream(out()) << "old";
         const std::string companion = begin(companionSource, out("companion.mp4"));
-        const auto end = convertAndKill(stage, stage == Stage::NearTheEnd || stage == Stage::Waiting ? brief : lengthy);
+        const auto end = convertAndKill(stage, stage == Stage::NearTheEnd || stage == Stage::Idle ? brief : lengthy);
         const auto companionEnd = waitForEnd(companion);
         EXPECT_TRUE(companionEnd->completed()) << what;
         EXPECT_EQ(companionEnd->error(), nullptr) << what;
         EXPECT_GT(fs::file_size(out("companion.mp4")), 1000U) << what;
         if (end->completed()) {
-            ++completed;  // it was quicker, or its worker was not the one that died
+            ++completed;  // it was faster, or another worker died
             EXPECT_GT(fs::file_size(out()), 1000U) << what;
         } else {
             EXPECT_TRUE(contents(out()) == "old") << what;
@@ -135,7 +135,7 @@ TEST_F(WorkerDeath, AtAnyStageCostsItsOwnOperationAtMost) {
         }
         EXPECT_EQ(filesInOut(), 2U) << what;
         fs::remove(out("companion.mp4"));
-        // Dead ones are replaced, and nobody is left over.
+        // Killed workers are replaced, and none is left over.
         waitUntil([this] { return workers().size() == 2; });
         ASSERT_EQ(status()["pid"], process->pid()) << what;
     }
