@@ -5,7 +5,6 @@
 #include <MediaServer/Media/Container/OutputFile.h>
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Encode.h>
-#include <MediaServer/Media/Foundation/FFmpegLog.h>
 #include <MediaServer/Media/Foundation/Progress.h>
 #include <MediaServer/Media/Transcode/EncodingType.h>
 #include <MediaServer/Media/Transcode/Pump.h>
@@ -84,13 +83,7 @@ private:
 }  // namespace
 
 void encode(const EncodeRequest& request, ProgressSink& sink) {
-    FFmpegLog::instance().clear();
-    try {
-        Encoding(request, sink).run();
-    } catch (Failure& failure) {
-        failure.about(request.sourcePath, request.destinationPath);
-        throw;
-    }
+    Encoding(request, sink).run();
 }
 
 }  // namespace krv::media

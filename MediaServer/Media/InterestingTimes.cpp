@@ -1,15 +1,13 @@
 #include <algorithm>
 #include <cerrno>
+#include <string>
 #include <string_view>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fmt/format.h>
-
 #include <MediaServer/Media/Container/EditList.h>
 #include <MediaServer/Media/Container/Source.h>
-#include <MediaServer/Media/Foundation/FFmpegLog.h>
 #include <MediaServer/Media/InterestingTimes.h>
 #include <MediaServer/Media/Video/FrameReader.h>
 
@@ -65,8 +63,9 @@ public:
 private:
     std::size_t checkedTrack(std::int64_t track) const {
         if (track < 0 || static_cast<std::uint64_t>(track) >= source_.streamCount()) {
-            throw Failure(FailureCode::BadArgument,
-                          fmt::format("There is no track {}; the movie has {}.", track, source_.streamCount()));
+            throw Failure({.cause = FailureCause::NoSuchTrack,
+                           .subject = std::to_string(track),
+                           .detail = std::to_string(source_.streamCount())});
         }
         return static_cast<std::size_t>(track);
     }
@@ -228,13 +227,7 @@ private:
 }  // namespace
 
 InterestingTimes interestingTimes(const InterestingTimesRequest& request, ProgressSink& sink) {
-    FFmpegLog::instance().clear();
-    try {
-        return TimesFinder(request, sink).run();
-    } catch (Failure& failure) {
-        failure.about(request.sourcePath, request.sourcePath);
-        throw;
-    }
+    return TimesFinder(request, sink).run();
 }
 
 }  // namespace krv::media

@@ -27,8 +27,8 @@ struct InterestingTimes {
 /// The start, every key frame of the first video track, every chapter start and every edit; or those of one track.
 ///
 /// Nothing is decoded. Where the container has an index the times are taken from it and the packets are not read;
-/// otherwise the file is read once. Runs on the calling thread. Throws Failure, with the file named, BadArgument for a
-/// track that does not exist; or std::bad_alloc.
+/// otherwise the file is read once. Runs on the calling thread. Throws Failure, with NoSuchTrack for a track that
+/// does not exist, or std::bad_alloc.
 [[nodiscard]] InterestingTimes interestingTimes(const InterestingTimesRequest& request, ProgressSink& sink);
 
 }  // namespace krv::media

@@ -6,7 +6,6 @@
 
 #include <MediaServer/Media/Audio/AudioFormat.h>
 #include <MediaServer/Media/Container/StreamSelection.h>
-#include <MediaServer/Media/Foundation/FFmpegLog.h>
 #include <MediaServer/Media/MovieInfo.h>
 #include <MediaServer/Media/Video/FrameReader.h>
 #include <MediaServer/Media/Video/Poster.h>
@@ -158,7 +157,7 @@ MovieInfo describe(const MovieInfoRequest& request, Progress& progress) {
     const AVStream* const video = anyVideoStream(source);
     const AVStream* const audio = mainAudioStream(source);
     if (!video && !audio && !hasCover(source)) {
-        throw Failure(FailureCode::UnusableSource, "It has neither video nor audio.");
+        throw Failure({.cause = FailureCause::NoVideoOrAudioTrack});
     }
     for (const AVStream* stream : {video, audio}) {
         if (stream) {
@@ -197,16 +196,10 @@ std::string displayName(AVCodecID codec) {
 }
 
 MovieInfo movieInfo(const MovieInfoRequest& request, ProgressSink& sink) {
-    FFmpegLog::instance().clear();
-    try {
-        Progress progress(sink);
-        MovieInfo info = describe(request, progress);
-        progress.finish();
-        return info;
-    } catch (Failure& failure) {
-        failure.about(request.sourcePath, request.sourcePath);
-        throw;
-    }
+    Progress progress(sink);
+    MovieInfo info = describe(request, progress);
+    progress.finish();
+    return info;
 }
 
 }  // namespace krv::media

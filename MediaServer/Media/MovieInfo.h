@@ -28,7 +28,7 @@ struct MovieInfo {
 };
 
 /// Reads the headers, and as many pictures as it takes to find a poster (see Poster.h). Runs on the calling thread; one
-/// operation at a time per process. Throws Failure, with the file named, or std::bad_alloc. A movie whose pictures
+/// operation at a time per process. Throws Failure or std::bad_alloc. A movie whose pictures
 /// cannot be decoded has no poster, which is no failure.
 [[nodiscard]] MovieInfo movieInfo(const MovieInfoRequest& request, ProgressSink& sink);
 

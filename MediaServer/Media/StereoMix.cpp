@@ -8,7 +8,6 @@
 #include <MediaServer/Media/Container/OutputFile.h>
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Container/StreamSelection.h>
-#include <MediaServer/Media/Foundation/FFmpegLog.h>
 #include <MediaServer/Media/Foundation/FourCC.h>
 #include <MediaServer/Media/Foundation/Progress.h>
 #include <MediaServer/Media/StereoMix.h>
@@ -46,7 +45,7 @@ void run(const StereoMixRequest& request, Progress& progress) {
     Source source(request.source, request.sourcePath, progress);
     const auto enabled = enabledAudio(source);
     if (enabled.empty()) {
-        throw Failure(FailureCode::UnusableSource, "It has no audio.");
+        throw Failure({.cause = FailureCause::NoAudioTrack});
     }
     OutputFile output(request.destination, container, progress);
     Pump pump(source, output, progress);
@@ -89,14 +88,8 @@ void run(const StereoMixRequest& request, Progress& progress) {
 }  // namespace
 
 void mixToStereo(const StereoMixRequest& request, ProgressSink& sink) {
-    FFmpegLog::instance().clear();
-    try {
-        Progress progress(sink);
-        run(request, progress);
-    } catch (Failure& failure) {
-        failure.about(request.sourcePath, request.destinationPath);
-        throw;
-    }
+    Progress progress(sink);
+    run(request, progress);
 }
 
 }  // namespace krv::media

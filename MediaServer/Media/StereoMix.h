@@ -24,8 +24,8 @@ struct StereoMixRequest {
 /// too, or encoded alone and unlimited if the container cannot hold its codec. A container for sound alone
 /// gets the sound alone.
 ///
-/// Threads and failures are those of encode(); a movie without sound is a Failure UnusableSource, one whose
-/// pictures the container cannot hold Unsupported.
+/// Threads and failures are those of encode(); a movie without sound fails with NoAudioTrack, one whose
+/// pictures the container cannot hold with ContainerCannotHold.
 void mixToStereo(const StereoMixRequest& request, ProgressSink& sink);
 
 }  // namespace krv::media

@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cmath>
-#include <cstring>
 #include <exception>
 #include <thread>
 
@@ -14,7 +13,6 @@
 
 #include <KRVQTProcessClient/Foundation/Mutex.h>
 
-#include <MediaServer/Media/Foundation/FFmpegLog.h>
 #include <MediaServer/Media/Thumbnails.h>
 #include <MediaServer/Media/Video/FrameReader.h>
 #include <MediaServer/Media/Video/StillPicture.h>
@@ -33,7 +31,7 @@ public:
 
     std::vector<Thumbnail> run() {
         if (ftruncate(request_.destination, 0) != 0) {
-            throw Failure(FailureCode::UnwritableDestination, std::strerror(errno));
+            throw Failure({.cause = FailureCause::UnwritableDestination, .errorNumber = errno});
         }
         std::vector<std::thread> others;
         for (std::size_t i = 1; i < readers_; ++i) {
@@ -90,7 +88,7 @@ private:
         const auto time = reader.source().start() + std::llround(middle * static_cast<double>(reader.duration()));
         FramePtr frame = reader.shownAt(time);
         if (!frame) {
-            fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "No picture of it can be decoded");
+            fail(FailureCause::Damaged, AVERROR_INVALIDDATA, "decoding video");
         }
         store(i, time, encodeJPEG(reader.stream(), std::move(frame), request_.width, request_.height));
     }
@@ -105,7 +103,7 @@ private:
                 continue;
             }
             if (put <= 0) {
-                throw Failure(FailureCode::UnwritableDestination, std::strerror(put < 0 ? errno : ENOSPC));
+                throw Failure({.cause = FailureCause::UnwritableDestination, .errorNumber = put < 0 ? errno : ENOSPC});
             }
             written += put;
         }
@@ -129,13 +127,7 @@ private:
 }  // namespace
 
 std::vector<Thumbnail> makeThumbnails(const ThumbnailRequest& request, ProgressSink& sink) {
-    FFmpegLog::instance().clear();
-    try {
-        return ThumbnailMaker(request, sink).run();
-    } catch (Failure& failure) {
-        failure.about(request.sourcePath, request.destinationPath);
-        throw;
-    }
+    return ThumbnailMaker(request, sink).run();
 }
 
 }  // namespace krv::media

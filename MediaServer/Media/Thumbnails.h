@@ -28,7 +28,7 @@ struct Thumbnail {
 
 /// Makes the pictures, as many threads at work as there are cores, and returns them in the order of their times. Each
 /// is the picture that is shown at its time. Runs on the calling thread and threads of its own; one operation at a time
-/// per process. Throws Failure, with the file named, or std::bad_alloc.
+/// per process. Throws Failure or std::bad_alloc.
 [[nodiscard]] std::vector<Thumbnail> makeThumbnails(const ThumbnailRequest& request, ProgressSink& sink);
 
 }  // namespace krv::media

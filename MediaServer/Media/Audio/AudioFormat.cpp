@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <array>
 #include <span>
+#include <string>
 #include <vector>
 
 #include <fmt/format.h>
@@ -28,8 +29,9 @@ int chooseRate(const AVCodecContext& context, int source, const Settings& settin
         highest = std::max(highest, *rates);
     }
     if (settings.sampleRate) {
-        throw Failure(FailureCode::Unsupported,
-                      fmt::format("The setting “sampleRate={}” does not apply to {}.", wanted, codec.displayName));
+        throw Failure({.cause = FailureCause::SettingDoesNotApply,
+                       .subject = fmt::format("sampleRate={}", wanted),
+                       .detail = codec.displayName});
     }
     return above != 0 ? above : highest;
 }
@@ -73,8 +75,9 @@ void chooseLayout(AVCodecContext& context, const AVChannelLayout& source, const 
         best = codec.id == AV_CODEC_ID_AAC ? &wanted.get() : nullptr;
     }
     if (!best || best->order == AV_CHANNEL_ORDER_UNSPEC) {
-        throw Failure(FailureCode::Unsupported,
-                      fmt::format("{} cannot be made with {} channels.", codec.displayName, wanted.get().nb_channels));
+        throw Failure({.cause = FailureCause::UnsupportedChannels,
+                       .subject = std::to_string(wanted.get().nb_channels),
+                       .detail = codec.displayName});
     }
     if (av_channel_layout_copy(&context.ch_layout, best) < 0) {
         throw std::bad_alloc();

@@ -28,8 +28,8 @@ private:
 [[nodiscard]] bool hasHighResolution(const AVStream& stream);
 
 /// Sets sample rate, channel layout, sample format and time base of an encoder that is not open yet: the
-/// source's where the encoder takes them, else the nearest that lose least; settings win. Throws Failure
-/// Unsupported naming what the encoder cannot do.
+/// source's where the encoder takes them, else the nearest that lose least; settings win.
+/// Throws Failure with SettingDoesNotApply or UnsupportedChannels for what the encoder cannot do.
 void chooseAudioFormat(AVCodecContext& context, const AVStream& from, const Settings& settings, const Codec& codec);
 
 }  // namespace krv::media

@@ -70,7 +70,7 @@ void AudioResampler::configure(const AVFrame& frame, const Sink& sink) {
         result = swr_init(resampler);
     }
     if (result < 0) {
-        fail(FailureCode::Unsupported, result, "The sound's channels cannot be converted");
+        fail(FailureCause::UnconvertibleAudio, result, "converting the channels");
     }
 }
 
@@ -111,7 +111,7 @@ void AudioResampler::convert(const std::uint8_t* const* data, int samples, const
     const int made = swr_convert(resampler_.get(), out->extended_data, room, const_cast<const std::uint8_t**>(data),
                                  samples);  // swr only reads
     if (made < 0) {
-        fail(FailureCode::Internal, made, "The sound cannot be converted");
+        fail(FailureCause::InternalError, made, "resampling audio");
     }
     store(out->extended_data, made, sink);
 }

@@ -80,7 +80,7 @@ std::string fourCCText(std::uint32_t code) {
         text += static_cast<char>(code >> shift & 0xff);
     }
     const bool printable = std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isprint(c) != 0; });
-    return printable ? fmt::format("“{}”", text) : fmt::format("0x{:08x}", code);
+    return printable ? text : fmt::format("0x{:08x}", code);
 }
 
 std::span<const Codec> codecs() noexcept {
@@ -90,11 +90,12 @@ std::span<const Codec> codecs() noexcept {
 const Codec& codecForFourCC(std::uint32_t code, AVMediaType type) {
     const auto found = std::find_if(kCodecs.begin(), kCodecs.end(), [&](const Codec& c) { return c.fourCC == code; });
     if (found == kCodecs.end()) {
-        throw Failure(FailureCode::Unsupported, fmt::format("The codec {} is not supported.", fourCCText(code)));
+        throw Failure({.cause = FailureCause::UnsupportedCodec, .subject = fourCCText(code)});
     }
     if (found->type != type) {
-        throw Failure(FailureCode::Unsupported, fmt::format("The codec {} is not one for {}.", fourCCText(code),
-                                                            type == AVMEDIA_TYPE_VIDEO ? "video" : "audio"));
+        throw Failure({.cause = FailureCause::WrongKindOfCodec,
+                       .subject = fourCCText(code),
+                       .detail = type == AVMEDIA_TYPE_VIDEO ? "a video codec" : "an audio codec"});
     }
     return *found;
 }
@@ -119,7 +120,8 @@ const Encoder& encoderNamed(std::string_view name) {
     const auto found =
         std::find_if(kEncoders.begin(), kEncoders.end(), [&](const Encoder& e) { return e.name == wanted; });
     if (found == kEncoders.end()) {
-        throw Failure(FailureCode::Internal, fmt::format("No row for the encoder {}.", name));
+        throw Failure({.cause = FailureCause::InternalError,
+                       .reason = fmt::format("the codec table has no row for the encoder {}", name)});
     }
     return *found;
 }

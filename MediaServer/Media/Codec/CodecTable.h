@@ -51,7 +51,7 @@ struct Codec {
 /// All rows.
 [[nodiscard]] std::span<const Codec> codecs() noexcept;
 
-/// The row of a code. Throws Failure Unsupported naming the code, or saying that it is of the other kind.
+/// The row of a code. Throws Failure with UnsupportedCodec or WrongKindOfCodec.
 [[nodiscard]] const Codec& codecForFourCC(std::uint32_t code, AVMediaType type);
 
 /// The row with which sound or pictures are encoded again as what they are; null if there is none.

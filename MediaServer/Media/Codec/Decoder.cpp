@@ -16,7 +16,7 @@ Decoder::Decoder(const AVStream& stream, int threads) {
     const char* name = avcodec_get_name(stream.codecpar->codec_id);
     const AVCodec* codec = avcodec_find_decoder(stream.codecpar->codec_id);
     if (!codec) {
-        throw Failure(FailureCode::Unsupported, fmt::format("The source's codec “{}” cannot be decoded.", name));
+        throw Failure({.cause = FailureCause::UndecodableCodec, .subject = name});
     }
     context_.reset(notNull(avcodec_alloc_context3(codec)));
     int result = avcodec_parameters_to_context(context_.get(), stream.codecpar);
@@ -26,7 +26,7 @@ Decoder::Decoder(const AVStream& stream, int threads) {
         result = avcodec_open2(context_.get(), codec, nullptr);
     }
     if (result < 0) {
-        fail(FailureCode::UnusableSource, result, fmt::format("The codec “{}” cannot be decoded", name));
+        fail(FailureCause::Damaged, result, fmt::format("opening the decoder {}", name));
     }
 }
 

@@ -16,7 +16,7 @@ public:
     /// Receives each frame, its best time in AVFrame::pts, in units of the stream. May be kept or changed.
     using Sink = std::function<void(FramePtr)>;
 
-    /// Throws Failure if the codec cannot be decoded. threads: how many of its own the codec may use.
+    /// Throws Failure with UndecodableCodec or Damaged. threads: how many of its own the codec may use.
     explicit Decoder(const AVStream& stream, int threads = coreCount());
 
     void push(const AVPacket& packet, const Sink& sink);

@@ -41,7 +41,7 @@ void applyTableOptions(AVCodecContext& context, const char* options) {
     av_dict_parse_string(dict.address(), options, "=", ":", 0);
     const int result = av_opt_set_dict2(&context, dict.address(), AV_OPT_SEARCH_CHILDREN);
     if (result < 0 || av_dict_count(dict.get()) != 0) {
-        fail(FailureCode::Internal, result, fmt::format("The encoder does not know “{}”", options));
+        fail(FailureCause::InternalError, result, fmt::format("setting the encoder options {}", options));
     }
 }
 
@@ -75,10 +75,9 @@ bool choosesRateControl(const Settings& settings) {
     });
 }
 
-void applyBitRate(AVCodecContext& context, const Encoder& encoder, std::int64_t bitRate) {
+void applyBitRate(AVCodecContext& context, const Encoder& encoder, const Codec& codec, std::int64_t bitRate) {
     if (!encoder.hasBitRate) {
-        throw Failure(FailureCode::Unsupported,
-                      fmt::format("The setting “bitrate” does not apply to {}.", context.codec->long_name));
+        throw Failure({.cause = FailureCause::SettingDoesNotApply, .subject = "bitrate", .detail = codec.displayName});
     }
     context.bit_rate = bitRate;
     if (context.codec_type == AVMEDIA_TYPE_VIDEO) {
@@ -98,8 +97,7 @@ void applyOption(AVCodecContext& context, const std::string& key, const std::str
         target = &context;
     }
     if (!target) {
-        throw Failure(FailureCode::Unsupported,
-                      fmt::format("The setting “{}” is not known to the encoder {}.", key, context.codec->name));
+        throw Failure({.cause = FailureCause::SettingDoesNotApply, .subject = key, .detail = context.codec->name});
     }
     // Lists are added to, since they hold entries of ours already.
     const AVOption* option = av_opt_find(target, key.c_str(), nullptr, 0, 0);
@@ -110,8 +108,9 @@ void applyOption(AVCodecContext& context, const std::string& key, const std::str
         result = av_opt_set(target, key.c_str(), value.c_str(), 0);
     }
     if (result < 0) {
-        throw Failure(FailureCode::Unsupported, fmt::format("The encoder {} does not take the setting “{}={}”.",
-                                                            context.codec->name, key, value));
+        throw Failure({.cause = FailureCause::SettingDoesNotApply,
+                       .subject = fmt::format("{}={}", key, value),
+                       .detail = context.codec->name});
     }
 }
 
@@ -135,7 +134,7 @@ CodecContextPtr openEncoder(const char* name, const EncoderSession::Request& req
     applyTableOptions(*context, request.codec.options);
     prepare(*context);
     if (request.settings.bitRate) {
-        applyBitRate(*context, row, *request.settings.bitRate);
+        applyBitRate(*context, row, request.codec, *request.settings.bitRate);
     } else if (!choosesRateControl(request.settings)) {
         applyQuality(*context, row.quality, request.quality);
     }
@@ -169,8 +168,7 @@ EncoderSession::EncoderSession(const Request& request, OutputFile& output, const
         }
     }
     if (!context_) {
-        fail(FailureCode::Unsupported, result,
-             fmt::format("The {} encoder does not take what was asked for", request.codec.displayName));
+        fail(FailureCause::EncoderRefuses, result, "opening the encoder", request.codec.displayName);
     }
     stream_ = &output.addStream();
     if (avcodec_parameters_from_context(stream_->codecpar, context_.get()) < 0) {
@@ -201,7 +199,7 @@ void EncoderSession::finish() {
 void EncoderSession::send(const AVFrame* frame) {
     int result = avcodec_send_frame(context_.get(), frame);
     if (result < 0 && result != AVERROR_EOF) {
-        fail(FailureCode::Internal, result, "The encoder failed");
+        fail(FailureCause::InternalError, result, "encoding");
     }
     for (;;) {
         result = avcodec_receive_packet(context_.get(), packet_.get());
@@ -209,7 +207,7 @@ void EncoderSession::send(const AVFrame* frame) {
             return;
         }
         if (result < 0) {
-            fail(FailureCode::Internal, result, "The encoder failed");
+            fail(FailureCause::InternalError, result, "encoding");
         }
         if (const auto known = durations_.find(packet_->pts); known != durations_.end()) {
             packet_->duration = known->second;

@@ -26,7 +26,7 @@ public:
     using Prepare = std::function<void(AVCodecContext& context)>;
 
     /// Opens the first of the codec's encoders that works, and adds its stream to the output.
-    /// Throws Failure Unsupported naming a setting or its value if the encoder does not take it.
+    /// Throws Failure with SettingDoesNotApply or EncoderRefuses if it does not take a setting.
     EncoderSession(const Request& request, OutputFile& output, const Prepare& prepare);
 
     /// Encodes a frame; its pts is in units of the context's time base. For video, pkt_duration is how long

@@ -25,13 +25,12 @@ struct Settings {
 };
 
 /// Takes "key=value:key=value" apart; empty parts are skipped. Pure.
-/// Throws Failure BadArgument for a text that is not UTF-8 and Unsupported, naming the key, for a part
-/// without "=", a number that is none or out of bounds, a key of the other type, and keys that would let the
-/// encoder open files.
+/// Throws Failure with InvalidArgument for a text that is not UTF-8. Throws Failure with UnsupportedSetting for a part
+/// without "=", for a value that is not a number or out of bounds, and for keys that would let the encoder open files.
 [[nodiscard]] Settings parseSettings(std::string_view text, AVMediaType type);
 
-/// Throws Failure Unsupported naming what unless value is 0 or in [low, high]; NaN and infinities are in no
-/// range.
+/// Throws Failure with ValueOutOfRange unless value is 0 or in [low, high]; NaN and infinities are in no range. what:
+/// the value's name in the failure's subject.
 void checkRange(const char* what, float value, float low, float high);
 
 }  // namespace krv::media

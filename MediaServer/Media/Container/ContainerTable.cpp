@@ -3,8 +3,6 @@
 #include <cctype>
 #include <initializer_list>
 
-#include <fmt/format.h>
-
 #include <MediaServer/Media/Container/ContainerTable.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 #include <MediaServer/Media/Foundation/FourCC.h>
@@ -90,9 +88,10 @@ const Container& containerForPath(const std::string& path) {
     const auto found = std::find_if(kContainers.begin(), kContainers.end(),
                                     [&](const Container& c) { return c.extension == extension; });
     if (found == kContainers.end()) {
-        throw Failure(FailureCode::Unsupported,
-                      extension.empty() ? std::string("The file name has no extension that names a container.")
-                                        : fmt::format("The container “{}” is not supported.", extension));
+        if (extension.empty()) {
+            throw Failure({.cause = FailureCause::NoContainer});
+        }
+        throw Failure({.cause = FailureCause::UnsupportedContainer, .subject = extension});
     }
     return *found;
 }

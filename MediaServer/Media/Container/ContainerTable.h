@@ -38,7 +38,7 @@ struct Container {
 [[nodiscard]] std::span<const Container> containers() noexcept;
 
 /// The container that the path's extension names (letter case does not matter).
-/// Throws Failure Unsupported naming the extension.
+/// Throws Failure with NoContainer or UnsupportedContainer.
 [[nodiscard]] const Container& containerForPath(const std::string& path);
 
 }  // namespace krv::media

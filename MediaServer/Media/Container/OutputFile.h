@@ -17,7 +17,7 @@ namespace krv::media {
 class OutputFile {
 public:
     /// The descriptor must be open for reading and writing; it is emptied and not owned.
-    /// Throws Failure UnwritableDestination.
+    /// Throws Failure with UnwritableDestination.
     OutputFile(int descriptor, const Container& container, Progress& progress);
     ~OutputFile();
     OutputFile(const OutputFile&) = delete;
@@ -31,12 +31,12 @@ public:
     /// A new stream, to be filled in before writeHeader(). Lives as long as this.
     [[nodiscard]] AVStream& addStream();
 
-    /// Throws Failure UnwritableDestination, or Unsupported if the container cannot hold the streams.
+    /// Throws Failure with UnwritableDestination or ContainerRefusesTracks.
     void writeHeader();
 
     /// Takes the packet's data over and puts it in order among the other streams' packets. Its times are in
-    /// units of timeBase. A packet whose content the container cannot take is left out. Throws Failure
-    /// UnwritableDestination or Internal.
+    /// units of timeBase. A packet whose content the container cannot take is left out.
+    /// Throws Failure with UnwritableDestination or InternalError.
     void write(const AVStream& stream, AVPacket& packet, AVRational timeBase);
 
     /// Writes what is still waiting, and the index, in front where the container has one. Reports its
@@ -50,7 +50,7 @@ private:
     static int openForReading(AVFormatContext* format, AVIOContext** io, const char* url, int flags, AVDictionary**);
     static int closeAfterReading(AVFormatContext* format, AVIOContext* io);
     [[nodiscard]] bool hasCameraTags() const;
-    void check(int result, FailureCode otherwise, const char* attempt) const;
+    void check(int result, FailureCause otherwise, const char* attempt) const;
 
     int descriptor_;
     const Container& container_;

@@ -3,8 +3,6 @@
 
 #include <sys/stat.h>
 
-#include <fmt/format.h>
-
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Container/SourceFormat.h>
 #include <MediaServer/Media/Container/StreamSelection.h>
@@ -37,9 +35,9 @@ constexpr int kReadAttempts = 64;
 /// For a demuxer a lack of memory is, as a rule, a damaged header that claims to need that much.
 [[noreturn]] void unusable(int result, const char* attempt) {
     if (result == AVERROR(ENOMEM)) {
-        throw Failure(FailureCode::UnusableSource, "It claims to be larger than what fits into memory.");
+        throw Failure({.cause = FailureCause::NeedsTooMuchMemory});
     }
-    fail(FailureCode::UnusableSource, result, attempt);
+    fail(FailureCause::Damaged, result, attempt);
 }
 
 int refuseToOpen(AVFormatContext*, AVIOContext**, const char*, int, AVDictionary**) {
@@ -49,16 +47,16 @@ int refuseToOpen(AVFormatContext*, AVIOContext**, const char*, int, AVDictionary
 std::int64_t checkedSize(int descriptor) {
     struct stat status {};
     if (fstat(descriptor, &status) != 0) {
-        throw Failure(FailureCode::UnusableSource, std::strerror(errno));
+        throw Failure({.cause = FailureCause::Damaged, .reason = std::strerror(errno), .errorNumber = errno});
     }
     if (S_ISDIR(status.st_mode)) {
-        throw Failure(FailureCode::UnusableSource, "It is a folder.");
+        throw Failure({.cause = FailureCause::SourceIsFolder});
     }
     if (!S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode)) {
-        throw Failure(FailureCode::UnusableSource, "It is not a file.");
+        throw Failure({.cause = FailureCause::SourceIsNotAFile});
     }
     if (S_ISREG(status.st_mode) && status.st_size == 0) {
-        throw Failure(FailureCode::UnusableSource, "The file is empty.");
+        throw Failure({.cause = FailureCause::SourceIsEmpty});
     }
     return status.st_size;
 }
@@ -93,14 +91,14 @@ void Source::open(const std::string& path) {
     options.set("protocol_whitelist", "none");
     int result = avformat_open_input(&format_, "", &input, options.address());
     if (result < 0) {
-        unusable(result, "The file cannot be opened");
+        unusable(result, "opening the file");
     }
     result = avformat_find_stream_info(format_, nullptr);
     if (result < 0) {
-        unusable(result, "The streams cannot be identified");
+        unusable(result, "identifying the streams");
     }
     if (format_->nb_streams == 0) {
-        throw Failure(FailureCode::UnusableSource, "The file contains no streams.");
+        throw Failure({.cause = FailureCause::NoTracks});
     }
 
     duration_ = format_->duration == AV_NOPTS_VALUE ? 0 : std::max<std::int64_t>(format_->duration, 0);

@@ -21,7 +21,8 @@ class Source {
 public:
     /// Reads the headers. The descriptor must be readable and seekable; it is not owned. Of the path only the
     /// extension is used, as a hint for formats that cannot be told by their content.
-    /// Throws Failure UnusableSource for a directory, an empty file, or one that is not media.
+    /// Throws Failure: SourceIsFolder, SourceIsNotAFile, SourceIsEmpty, UnknownFormat, RefersToOtherFiles, Damaged,
+    /// NeedsTooMuchMemory or NoTracks.
     Source(int descriptor, const std::string& path, Progress& progress);
     ~Source();
     Source(const Source&) = delete;

@@ -2,8 +2,6 @@
 #include <array>
 #include <string_view>
 
-#include <fmt/format.h>
-
 #include <MediaServer/Media/Container/SourceFormat.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 
@@ -49,11 +47,10 @@ const AVInputFormat& probeFormat(AVIOContext& io, const std::string& path) {
         throw std::bad_alloc();
     }
     if (result < 0 || !format || format->name == kTextAsVideo) {
-        throw Failure(FailureCode::UnusableSource, "Its content is of no known media format.");
+        throw Failure({.cause = FailureCause::UnknownFormat});
     }
     if (refused(*format)) {
-        throw Failure(FailureCode::UnusableSource,
-                      fmt::format("It is of the format “{}”, which refers to other files.", format->name));
+        throw Failure({.cause = FailureCause::RefersToOtherFiles, .subject = format->name});
     }
     return *format;
 }

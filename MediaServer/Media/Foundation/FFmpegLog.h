@@ -14,7 +14,7 @@ public:
     /// The instance; the first call takes the call-back over, after which FFmpeg prints nothing any more.
     static FFmpegLog& instance();
 
-    /// Forgets what was logged so far. Called when an operation starts.
+    /// Forgets what was logged so far. The worker calls it before each operation.
     void clear();
     /// The last line of level error, else the last warning, without FFmpeg's "[mov @ 0x…]" prefix; empty if
     /// none.

@@ -14,7 +14,7 @@ namespace krv::media {
     return code;
 }
 
-/// The code in quotation marks, or in hexadecimal when it is not printable.
+/// Returns the code as text, or in hexadecimal if it is not printable.
 [[nodiscard]] std::string fourCCText(std::uint32_t code);
 
 }  // namespace krv::media

@@ -4,7 +4,6 @@
 
 #include <MediaServer/Media/Container/Metadata.h>
 #include <MediaServer/Media/Container/OutputFile.h>
-#include <MediaServer/Media/Foundation/FFmpegLog.h>
 #include <MediaServer/Media/Foundation/Progress.h>
 #include <MediaServer/Media/Merge/Merge.h>
 #include <MediaServer/Media/Merge/MergeAudioTrack.h>
@@ -81,7 +80,7 @@ FramePtr firstFrame(Source& source, std::size_t index) {
         decoder.finish(take);
     }
     if (!first) {
-        fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "Its pictures cannot be decoded");
+        fail(FailureCause::Damaged, AVERROR_INVALIDDATA, "decoding video");
     }
     return first;
 }
@@ -95,7 +94,7 @@ public:
 
     void run() {
         if (request_.sources.empty()) {
-            throw Failure(FailureCode::BadArgument, "There are no sources.");
+            throw Failure({.cause = FailureCause::InvalidArgument, .subject = "sources", .detail = "is empty"});
         }
         surveyAll();
         plan_ = planMerge(surveys_, container_, request_.useShortest);
@@ -108,26 +107,33 @@ public:
         output.writeHeader();
         progress_.beginPhase(plan_.encodes() || !container_.indexInFront ? kEncoded : kCopied);
         for (at_ = 0; at_ < surveys_.size(); ++at_) {
-            append();
+            blamingSource([this] { append(); });
         }
-        at_ = 0;
         for (const auto& track : tracks_) {
             track->finish();
         }
         if (output.packetCount() == 0) {
-            fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "Nothing in it can be decoded");
+            fail(FailureCause::Damaged, AVERROR_INVALIDDATA, "decoding");
         }
         progress_.beginPhase(1);
         output.finish();
         progress_.finish();
     }
 
-    /// The path of the source that is being worked on.
-    [[nodiscard]] const std::string& currentPath() const {
-        return at_ < request_.sources.size() ? request_.sources[at_].path : request_.destinationPath;
+private:
+    /// Runs a step of the work on the current source. A failure of the source names it.
+    template <typename Step>
+    void blamingSource(const Step& step) {
+        try {
+            step();
+        } catch (Failure& failure) {
+            if (failure.cause != FailureCause::UnwritableDestination) {
+                failure.source = at_;
+            }
+            throw;
+        }
     }
 
-private:
     std::unique_ptr<Source> open(std::size_t index) {
         const auto& input = request_.sources[index];
         return std::make_unique<Source>(input.descriptor, input.path, progress_);
@@ -137,13 +143,14 @@ private:
         progress_.beginPhase(kSurveyed);
         const auto count = static_cast<double>(request_.sources.size());
         for (at_ = 0; at_ < request_.sources.size(); ++at_) {
-            const auto source = open(at_);
-            surveys_.push_back(survey(*source, [&](double position) {
-                progress_.reach((static_cast<double>(at_) + std::clamp(position, 0.0, 1.0)) / count);
-            }));
-            keepSharedTags(*source);
+            blamingSource([&] {
+                const auto source = open(at_);
+                surveys_.push_back(survey(*source, [&](double position) {
+                    progress_.reach((static_cast<double>(at_) + std::clamp(position, 0.0, 1.0)) / count);
+                }));
+                keepSharedTags(*source);
+            });
         }
-        at_ = 0;
     }
 
     void keepSharedTags(const Source& source) {
@@ -173,24 +180,28 @@ private:
     }
 
     void makeTracks() {
-        const std::int64_t end = plan_.boundary(surveys_.size());
         for (const PlannedTrack& track : plan_.tracks) {
             at_ = track.model;
-            auto& model = models_[track.model];
-            if (!model) {
-                model = open(track.model);
-            }
-            const std::size_t index = track.parts[track.model]->index;
-            const AVStream& stream = model->stream(index);
-            if (!track.codec) {
-                tracks_.push_back(std::make_unique<MergeCopyTrack>(stream));
-            } else if (track.kind == AVMEDIA_TYPE_VIDEO) {
-                tracks_.push_back(std::make_unique<MergeVideoTrack>(
-                    MergeVideoTrack::Model{stream, firstFrame(*model, index), plan_.tick, end}, *track.codec));
-            } else {
-                tracks_.push_back(std::make_unique<MergeAudioTrack>(stream, *track.codec, end));
-            }
+            blamingSource([&] { tracks_.push_back(makeTrack(track)); });
         }
+    }
+
+    std::unique_ptr<MergeTrack> makeTrack(const PlannedTrack& track) {
+        auto& model = models_[track.model];
+        if (!model) {
+            model = open(track.model);
+        }
+        const std::int64_t end = plan_.boundary(surveys_.size());
+        const std::size_t index = track.parts[track.model]->index;
+        const AVStream& stream = model->stream(index);
+        if (!track.codec) {
+            return std::make_unique<MergeCopyTrack>(stream);
+        }
+        if (track.kind == AVMEDIA_TYPE_VIDEO) {
+            return std::make_unique<MergeVideoTrack>(
+                MergeVideoTrack::Model{stream, firstFrame(*model, index), plan_.tick, end}, *track.codec);
+        }
+        return std::make_unique<MergeAudioTrack>(stream, *track.codec, end);
     }
 
     /// What a source counts for in the progress.
@@ -286,20 +297,7 @@ private:
 }  // namespace
 
 void merge(const MergeRequest& request, ProgressSink& sink) {
-    FFmpegLog::instance().clear();
-    std::string source;
-    try {
-        Merger merger(request, sink);
-        try {
-            merger.run();
-        } catch (Failure&) {
-            source = merger.currentPath();
-            throw;
-        }
-    } catch (Failure& failure) {
-        failure.about(source, request.destinationPath);
-        throw;
-    }
+    Merger(request, sink).run();
 }
 
 }  // namespace krv::media

@@ -32,8 +32,8 @@ struct MergeRequest {
 /// named by its title or else its file. Of the tags those are kept that all sources share; subtitles are left
 /// out.
 ///
-/// Threads and failures are those of encode(); a source that is bad fails everything, and the Failure names
-/// it. No sources at all are a Failure BadArgument.
+/// Threads and failures are those of encode(); a source that is bad fails everything, and the Failure has
+/// its index. No sources at all fail with InvalidArgument.
 void merge(const MergeRequest& request, ProgressSink& sink);
 
 }  // namespace krv::media

@@ -78,7 +78,7 @@ private:
             addTrack(AVMEDIA_TYPE_AUDIO, i);
         }
         if (plan_.tracks.empty()) {
-            throw Failure(FailureCode::UnusableSource, "It has no audio.");
+            throw Failure({.cause = FailureCause::NoAudioTrack});
         }
     }
 

@@ -29,8 +29,8 @@ struct MergePlan {
     [[nodiscard]] bool encodes() const;
 };
 
-/// sources: one or more; they outlive the plan. Throws Failure Unsupported if the container cannot hold what
-/// would have to be encoded, UnusableSource if it is one for sound and there is none.
+/// sources: one or more; they outlive the plan. Throws Failure with NoAudioTrack if the container is one for
+/// sound and there is none.
 [[nodiscard]] MergePlan planMerge(const std::vector<SourceSurvey>& sources, const Container& container,
                                   bool useShortest);
 

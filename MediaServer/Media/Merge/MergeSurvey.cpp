@@ -2,8 +2,6 @@
 #include <limits>
 #include <map>
 
-#include <fmt/format.h>
-
 #include <MediaServer/Media/Container/StreamSelection.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 #include <MediaServer/Media/Merge/MergeSurvey.h>
@@ -30,8 +28,7 @@ TrackSurvey describe(const Source& source, std::size_t index) {
         track.rate = frameRate(source, stream);
     }
     if (!avcodec_find_decoder(stream.codecpar->codec_id)) {
-        throw Failure(FailureCode::UnusableSource,
-                      fmt::format("Its codec “{}” cannot be decoded.", avcodec_get_name(stream.codecpar->codec_id)));
+        throw Failure({.cause = FailureCause::UnknownCodec, .subject = avcodec_get_name(stream.codecpar->codec_id)});
     }
     return track;
 }
@@ -151,7 +148,7 @@ SourceSurvey survey(Source& source, const std::function<void(double)>& position)
     const auto video = usableStreams(source, AVMEDIA_TYPE_VIDEO);
     const auto audio = usableStreams(source, AVMEDIA_TYPE_AUDIO);
     if (video.empty() && audio.empty()) {
-        throw Failure(FailureCode::UnusableSource, "It has neither video nor audio.");
+        throw Failure({.cause = FailureCause::NoVideoOrAudioTrack});
     }
     if (const auto shown = defaultOrFirst(source, video)) {
         result.video.push_back(describe(source, *shown));
@@ -180,7 +177,7 @@ SourceSurvey survey(Source& source, const std::function<void(double)>& position)
                       [&](TrackSurvey& track) { return !watchers.at(static_cast<int>(track.index)).conclude(); });
     }
     if (result.video.empty() && result.audio.empty()) {
-        throw Failure(FailureCode::UnusableSource, "Nothing in it can be shown or heard.");
+        throw Failure({.cause = FailureCause::NoPlayableTrack});
     }
 
     result.bytes = std::max<std::int64_t>(0, avio_size(source.format().pb));

@@ -40,7 +40,7 @@ struct SourceSurvey {
 };
 
 /// Reads all packets, and decodes none. position is called with how far it has come, in 0…1.
-/// Throws Failure UnusableSource if there is nothing that can be shown or heard, or that can be decoded.
+/// Throws Failure: NoVideoOrAudioTrack, UnknownCodec or NoPlayableTrack.
 [[nodiscard]] SourceSurvey survey(Source& source, const std::function<void(double)>& position);
 
 }  // namespace krv::media

@@ -34,7 +34,7 @@ public:
     /// Nothing more comes from the source: until this time, in microseconds on the merged movie's, silence or
     /// the last picture can be written. Packets that come all the same are ignored.
     virtual void hold(std::int64_t time) = 0;
-    /// The source is at its end. Throws Failure UnusableSource if it had packets and none could be decoded.
+    /// The source is at its end. Throws Failure with Damaged if it had packets and none could be decoded.
     virtual void end() = 0;
     virtual void finish() = 0;
 };

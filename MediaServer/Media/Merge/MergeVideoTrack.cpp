@@ -117,7 +117,7 @@ void MergeVideoTrack::hold(std::int64_t time) {
 void MergeVideoTrack::end() {
     drain();
     if (fed_ && !latest_) {
-        fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "Its pictures cannot be decoded");
+        fail(FailureCause::Damaged, AVERROR_INVALIDDATA, "decoding video");
     }
     hold(part_.end);
 }

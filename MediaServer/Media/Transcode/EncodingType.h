@@ -25,7 +25,7 @@ struct EncodingType {
 /// All rows.
 [[nodiscard]] std::span<const EncodingType> encodingTypes() noexcept;
 
-/// Throws Failure Unsupported naming the number.
+/// Throws Failure with UnsupportedEncodingType.
 [[nodiscard]] const EncodingType& encodingTypeNumbered(std::int32_t number);
 
 }  // namespace krv::media

@@ -55,7 +55,7 @@ void Pump::run(bool encodes) {
     output_.writeHeader();
     convert(queued, encodes);
     if (output_.packetCount() == 0) {
-        fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "Nothing in it can be decoded");
+        fail(FailureCause::Damaged, AVERROR_INVALIDDATA, "decoding");
     }
     progress_.beginPhase(1);
     output_.finish();

@@ -1,6 +1,5 @@
 #include <algorithm>
-
-#include <fmt/format.h>
+#include <string>
 
 #include <MediaServer/Media/Container/StreamSelection.h>
 #include <MediaServer/Media/Foundation/Failure.h>
@@ -28,7 +27,7 @@ public:
             planAudio(index);
         }
         if (plan_.empty()) {
-            throw Failure(FailureCode::UnusableSource, emptyReason());
+            throw Failure({.cause = whyEmpty()});
         }
         return planRest();
     }
@@ -180,8 +179,9 @@ private:
     void copyOrRefuse(std::size_t index) {
         const AVCodecID codec = source_.stream(index).codecpar->codec_id;
         if (!container_.holds(codec)) {
-            throw Failure(FailureCode::Unsupported, fmt::format("The container “{}” cannot hold the codec “{}”.",
-                                                                container_.extension, avcodec_get_name(codec)));
+            throw Failure({.cause = FailureCause::ContainerCannotHold,
+                           .subject = std::string(container_.extension),
+                           .detail = avcodec_get_name(codec)});
         }
         copy(index);
     }
@@ -195,24 +195,24 @@ private:
     void encodeWith(std::size_t index, AVMediaType kind, std::uint32_t fourCC) {
         const Codec& codec = codecForFourCC(fourCC, kind);
         if (!container_.holds(codec.id)) {
-            throw Failure(FailureCode::Unsupported, fmt::format("The container “{}” cannot hold the codec {}.",
-                                                                container_.extension, codec.displayName));
+            throw Failure({.cause = FailureCause::ContainerCannotHold,
+                           .subject = std::string(container_.extension),
+                           .detail = codec.displayName});
         }
         const AVCodecID from = source_.stream(index).codecpar->codec_id;
         if (!avcodec_find_decoder(from)) {
-            throw Failure(FailureCode::Unsupported,
-                          fmt::format("The source's codec “{}” cannot be decoded.", avcodec_get_name(from)));
+            throw Failure({.cause = FailureCause::UndecodableCodec, .subject = avcodec_get_name(from)});
         }
         plan_.push_back({index, Treatment::Encode, &codec});
     }
 
-    std::string emptyReason() const {
+    FailureCause whyEmpty() const {
         const bool video = !tracks(AVMEDIA_TYPE_VIDEO, false).empty();
         const bool audio = !tracks(AVMEDIA_TYPE_AUDIO, false).empty();
         if (video && !audio) {
-            return "It has no audio.";
+            return FailureCause::NoAudioTrack;
         }
-        return video || audio ? "It has nothing that was asked for." : "It has neither video nor audio.";
+        return video || audio ? FailureCause::NoPlayableTrack : FailureCause::NoVideoOrAudioTrack;
     }
 
     const Source& source_;

@@ -20,14 +20,14 @@ struct StreamPlan {
 };
 
 /// Decides what becomes of every stream of the source; those that are left out are not in the answer. Video
-/// comes first, then audio, subtitles and cover pictures. Throws Failure Unsupported if the container cannot
-/// hold a codec that was asked for, UnusableSource if nothing that could be shown or heard would remain.
+/// comes first, then audio, subtitles and cover pictures. Throws Failure with ContainerCannotHold or
+/// UndecodableCodec for a codec, and with NoAudioTrack, NoVideoOrAudioTrack or NoPlayableTrack if nothing would remain.
 [[nodiscard]] std::vector<StreamPlan> planStreams(const Source& source, const Container& container,
                                                   const EncodingType& type, const EncodeRequest& request);
 
 /// The same for everything but the sound, all of which is copied; text subtitles are converted where that is
 /// needed, and a container without moving pictures goes without them. May be empty. Throws Failure
-/// Unsupported if the container cannot hold the pictures' codec.
+/// with ContainerCannotHold for the codec of the pictures.
 [[nodiscard]] std::vector<StreamPlan> planAllButAudio(const Source& source, const Container& container);
 
 }  // namespace krv::media

@@ -1,8 +1,6 @@
 #include <algorithm>
 #include <cstring>
 
-#include <fmt/format.h>
-
 #include <MediaServer/Media/Container/Metadata.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 #include <MediaServer/Media/Transcode/SubtitleConverter.h>
@@ -42,7 +40,7 @@ void SubtitleConverter::open(OutputFile& output) {
         result = avcodec_open2(encoder_.get(), to, nullptr);
     }
     if (result < 0) {
-        fail(FailureCode::Unsupported, result, fmt::format("The subtitles “{}” cannot be converted", name));
+        fail(FailureCause::UnconvertibleSubtitles, result, "opening the subtitle codecs", name);
     }
     to_ = &output.addStream();
     if (avcodec_parameters_from_context(to_->codecpar, encoder_.get()) < 0) {

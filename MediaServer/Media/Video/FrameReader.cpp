@@ -19,7 +19,7 @@ std::size_t requireVideo(const Source& source) {
     if (const auto index = mainVideoStream(source)) {
         return *index;
     }
-    throw Failure(FailureCode::UnusableSource, "It has no video.");
+    throw Failure({.cause = FailureCause::NoVideoTrack});
 }
 
 }  // namespace

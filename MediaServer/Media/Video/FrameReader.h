@@ -18,7 +18,7 @@ namespace krv::media {
 class FrameReader {
 public:
     /// The source, wherever it stands, belongs to the reader as long as that lives. Throws what Decoder throws, and
-    /// Failure UnusableSource when there are no moving pictures.
+    /// Failure with NoVideoTrack.
     explicit FrameReader(Source& source);
 
     [[nodiscard]] Source& source() noexcept { return source_; }

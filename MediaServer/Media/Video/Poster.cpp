@@ -149,7 +149,7 @@ Look lookAt(const AVFrame& frame) {
     SwsContext* const scaler = sws_getContext(frame.width, frame.height, static_cast<AVPixelFormat>(frame.format),
                                               kWidth, kHeight, AV_PIX_FMT_GRAY8, SWS_AREA, nullptr, nullptr, nullptr);
     if (!scaler) {
-        throw Failure(FailureCode::Internal, "A picture is of a format that cannot be looked at.");
+        throw Failure({.cause = FailureCause::InternalError, .reason = "a frame's pixel format cannot be scaled"});
     }
     const bool full = frame.color_range == AVCOL_RANGE_JPEG;
     const int* const coefficients = sws_getCoefficients(SWS_CS_DEFAULT);

@@ -46,7 +46,7 @@ FramePtr converted(const AVStream& stream, FramePtr frame, const VideoFormat& fo
     filter.push(std::move(frame), keepFirst);
     filter.finish(keepFirst);
     if (!result) {
-        throw Failure(FailureCode::Internal, "A picture was lost on its way.");
+        throw Failure({.cause = FailureCause::InternalError, .reason = "the filter returned no frame"});
     }
     return result;
 }
@@ -109,7 +109,7 @@ std::vector<std::uint8_t> encodeJPEG(const AVStream& stream, FramePtr frame, dou
         result = avcodec_receive_packet(encoder.get(), packet.get());
     }
     if (result < 0) {
-        fail(FailureCode::Internal, result, "A picture cannot be compressed");
+        fail(FailureCause::InternalError, result, "encoding a JPEG");
     }
     return {packet->data, packet->data + packet->size};
 }

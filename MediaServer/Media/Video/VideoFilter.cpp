@@ -141,7 +141,7 @@ void VideoFilter::push(FramePtr frame, const Sink& sink) {
     }
     const int result = av_buffersrc_add_frame_flags(in_, frame.get(), 0);
     if (result < 0) {
-        fail(FailureCode::Internal, result, "A picture cannot be converted");
+        fail(FailureCause::InternalError, result, "filtering a frame");
     }
     drain(sink);
 }
@@ -152,7 +152,7 @@ void VideoFilter::finish(const Sink& sink) {
     }
     const int result = av_buffersrc_add_frame_flags(in_, nullptr, 0);
     if (result < 0) {
-        fail(FailureCode::Internal, result, "A picture cannot be converted");
+        fail(FailureCause::InternalError, result, "filtering a frame");
     }
     drain(sink);
     graph_.reset();
@@ -166,7 +166,7 @@ void VideoFilter::drain(const Sink& sink) {
             return;
         }
         if (result < 0) {
-            fail(FailureCode::Internal, result, "A picture cannot be converted");
+            fail(FailureCause::InternalError, result, "filtering a frame");
         }
         const AVRational unit = av_buffersink_get_time_base(out_);
         if (frame->pts != AV_NOPTS_VALUE) {
@@ -221,7 +221,7 @@ void VideoFilter::build(const AVFrame& frame) {
     avfilter_inout_free(&inputs);
     avfilter_inout_free(&outputs);
     if (result < 0) {
-        fail(FailureCode::Internal, result, "The pictures cannot be converted");
+        fail(FailureCause::InternalError, result, "building the video filter");
     }
 }
 

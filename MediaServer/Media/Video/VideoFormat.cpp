@@ -67,8 +67,9 @@ AVPixelFormat choosePixels(const VideoFormatRequest& request) {
             }
         }
     }
-    throw Failure(FailureCode::Unsupported, fmt::format("The setting “pixelFormat={}” does not apply to {}.",
-                                                        av_get_pix_fmt_name(asked), request.codec.displayName));
+    throw Failure({.cause = FailureCause::SettingDoesNotApply,
+                   .subject = fmt::format("pixelFormat={}", av_get_pix_fmt_name(asked)),
+                   .detail = request.codec.displayName});
 }
 
 int aligned(double side, int log2) {

@@ -39,7 +39,7 @@ struct VideoFormatRequest {
     const Container& container;
 };
 
-/// Pure. Throws Failure Unsupported if a picture format that was asked for is not one of the codec's.
+/// Pure. Throws Failure with SettingDoesNotApply if a pixel format that was asked for is not one of the codec's.
 [[nodiscard]] VideoFormat chooseVideoFormat(const VideoFormatRequest& request);
 
 /// Sets the turns and the mirroring that make a stream's pictures upright.
