@@ -23,9 +23,9 @@ private:
     std::string text_;
 };
 
-/// Reports a failed FFmpeg call. attempt: what was being done, as in "opening the file".
-/// Throws std::bad_alloc for AVERROR(ENOMEM). Otherwise throws a Failure whose reason is the attempt and the last
-/// meaningful line of FFmpeg's log, or the text of the error number if there is no such line.
+/// Reports a failed FFmpeg call. attempt: what was being done, as in "opening the file". Throws std::bad_alloc for
+/// AVERROR(ENOMEM). Otherwise throws a Failure. Its reason is the attempt and the last meaningful line of FFmpeg's log,
+/// or the text of the error number if nothing was logged.
 [[noreturn]] void fail(FailureCause cause, int averror, std::string_view attempt, std::string subject = {});
 
 }  // namespace krv::media

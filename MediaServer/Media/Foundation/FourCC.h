@@ -5,7 +5,7 @@
 
 namespace krv::media {
 
-/// A four-character code as the integer that requests carry: the first character in the highest byte.
+/// Returns a four-character code as the integer that requests carry: the first character in the highest byte.
 [[nodiscard]] constexpr std::uint32_t fourCC(const char (&text)[5]) noexcept {
     std::uint32_t code = 0;
     for (int i = 0; i < 4; ++i) {
