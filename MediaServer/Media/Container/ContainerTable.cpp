@@ -63,7 +63,7 @@ bool Container::holds(AVCodecID codec) const {
     if (extension == "mka" && avcodec_get_type(codec) != AVMEDIA_TYPE_AUDIO) {
         return false;
     }
-    // The muxer lists these for its whole family, and then refuses them in this member of it.
+    // The muxer lists these codecs for its whole family of containers, but refuses them in this one.
     if (extension == "mov" && among(codec, {AV_CODEC_ID_VP8, AV_CODEC_ID_VP9, AV_CODEC_ID_AV1, AV_CODEC_ID_OPUS,
                                             AV_CODEC_ID_FLAC, AV_CODEC_ID_TRUEHD})) {
         return false;

@@ -41,8 +41,8 @@ AVStream& OutputFile::addStream() {
     return *notNull(avformat_new_stream(format_, nullptr));
 }
 
-// Cameras store what they know under names of their own. The muxer keeps these only in another kind of list,
-// which is why it is not used for other movies.
+// Cameras use tag names of their own. The muxer keeps these only if it writes tags as another kind of list, which is
+// therefore used for such movies only.
 bool OutputFile::hasCameraTags() const {
     return av_dict_get(format_->metadata, "com.apple.quicktime.", nullptr, AV_DICT_IGNORE_SUFFIX) != nullptr;
 }
@@ -65,8 +65,8 @@ void OutputFile::write(const AVStream& stream, AVPacket& packet, AVRational time
     packet.stream_index = stream.index;
     packet.pos = -1;
     av_packet_rescale_ts(&packet, timeBase, stream.time_base);
-    // A damaged head can make a picture last for days, which no container can say. The longest that can be said will
-    // do.
+    // A damaged header can make a frame last for days, which no container can store. Use the longest duration that it
+    // can store.
     packet.duration = std::clamp<std::int64_t>(packet.duration, 0, std::numeric_limits<int>::max());
     const int result = av_interleaved_write_frame(format_, &packet);
     if (result == AVERROR_INVALIDDATA && io_.errorNumber() == 0) {
@@ -89,7 +89,7 @@ void OutputFile::finish() {
 }
 
 void OutputFile::check(int result, FailureCause otherwise, const char* attempt) const {
-    // The muxers' own reports of failed writes are neither complete nor exact; errno of the transfer is.
+    // Muxers report failed writes incompletely and inexactly; the errno of the transfer is exact.
     if (io_.errorNumber() != 0) {
         throw Failure({.cause = FailureCause::UnwritableDestination, .errorNumber = io_.errorNumber()});
     }
@@ -98,8 +98,8 @@ void OutputFile::check(int result, FailureCause otherwise, const char* attempt) 
     }
 }
 
-// The muxer opens its own output a second time, under the context's (empty) url, while it moves the media
-// data back to make room for the index.
+// To make room for the index, the muxer moves the media data back. For that it opens its own output a second time,
+// under the context's (empty) URL.
 int OutputFile::openForReading(AVFormatContext* format, AVIOContext** io, const char* url, int flags, AVDictionary**) {
     auto& self = *static_cast<OutputFile*>(format->opaque);
     if ((url && *url) || flags != AVIO_FLAG_READ || self.reader_) {
