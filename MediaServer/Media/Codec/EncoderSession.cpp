@@ -23,10 +23,10 @@ namespace {
 
 using Kind = QualityScale::Kind;
 
-/// No encoder decodes a picture this long before it is shown.
+/// An upper limit for the time between decoding and showing a frame.
 constexpr std::chrono::seconds kLongestReordering = std::chrono::hours(1);
 
-/// Encoders that print to standard error themselves, past FFmpeg's log, are told not to.
+/// Silences encoders that bypass FFmpeg's log and print to standard error.
 void silence(AVCodecContext& context, const std::string& encoder) {
     if (encoder == "libx265") {
         addToListOption(context.priv_data, "x265-params", "log-level", "none");
@@ -67,7 +67,7 @@ void applyQuality(AVCodecContext& context, const QualityScale& scale, float qual
     }
 }
 
-/// Whoever sets one of these has chosen how quality and size are balanced.
+/// Returns whether the request's options already choose a rate control mode.
 bool choosesRateControl(const Settings& settings) {
     constexpr std::array<std::string_view, 6> keys{"b", "crf", "qp", "global_quality", "qscale", "rc"};
     return std::any_of(settings.options.begin(), settings.options.end(), [&](const auto& option) {
@@ -85,8 +85,8 @@ void applyBitRate(AVCodecContext& context, const Encoder& encoder, const Codec& 
     }
 }
 
-/// A request may set what the encoder itself knows, and of FFmpeg's general options those for encoding its
-/// kind.
+/// Sets an option of the request: a private one of the encoder, or one of FFmpeg's generic encoding options for its
+/// media type.
 void applyOption(AVCodecContext& context, const std::string& key, const std::string& value) {
     const int kind = context.codec_type == AVMEDIA_TYPE_VIDEO ? AV_OPT_FLAG_VIDEO_PARAM : AV_OPT_FLAG_AUDIO_PARAM;
     void* target = nullptr;
@@ -99,7 +99,7 @@ void applyOption(AVCodecContext& context, const std::string& key, const std::str
     if (!target) {
         throw Failure({.cause = FailureCause::SettingDoesNotApply, .subject = key, .detail = context.codec->name});
     }
-    // Lists are added to, since they hold entries of ours already.
+    // Options that are lists already contain entries of ours, so the request's entry is added.
     const AVOption* option = av_opt_find(target, key.c_str(), nullptr, 0, 0);
     int result = 0;
     if (const auto equals = value.find('='); option->type == AV_OPT_TYPE_DICT && equals != std::string::npos) {
@@ -126,7 +126,8 @@ CodecContextPtr openEncoder(const char* name, const EncoderSession::Request& req
     if (output.wantsGlobalHeaders()) {
         context->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     }
-    // x264 and x265 start more threads than cores on their own, because theirs wait for one another.
+    // x264 and x265 choose their number of threads themselves. They start more threads than there are cores, because
+    // their threads wait for one another.
     const bool choosesItself = std::string_view(name).starts_with("libx26");
     context->thread_count = choosesItself ? 0 : coreCount();
     silence(*context, name);
@@ -149,7 +150,7 @@ std::uint32_t muxerTag(std::uint32_t fourCC) {
     return MKTAG(fourCC >> 24 & 0xff, fourCC >> 16 & 0xff, fourCC >> 8 & 0xff, fourCC & 0xff);
 }
 
-/// PCM is one codec to those who ask for it and many to FFmpeg.
+/// Returns FFmpeg's encoder for PCM, which is one codec in requests but many in FFmpeg. Returns other names unchanged.
 const char* exactName(const char* name, bool highResolution) {
     if (name && std::string_view(name) == "pcm") {
         return highResolution ? "pcm_s24le" : "pcm_s16le";
@@ -188,7 +189,7 @@ void EncoderSession::encode(AVFrame& frame) {
     if (context_->codec_type == AVMEDIA_TYPE_VIDEO) {
         durations_[frame.pts] = frame.pkt_duration;
     }
-    frame.quality = context_->global_quality;  // some encoders with a fixed quantiser look for it here
+    frame.quality = context_->global_quality;  // where some encoders read the fixed quantiser
     send(&frame);
 }
 
@@ -219,7 +220,7 @@ void EncoderSession::send(const AVFrame* frame) {
     }
 }
 
-// libx265 leaves decoding times uninitialised when a movie has fewer pictures than it looks ahead.
+// libx265 leaves decoding times uninitialised if a movie has fewer frames than its lookahead.
 void EncoderSession::makeTimesValid(AVPacket& packet) {
     const std::int64_t earliest =
         packet.pts - av_rescale_q(kLongestReordering.count(), AVRational{1, 1}, context_->time_base);

@@ -17,11 +17,10 @@ extern "C" {
 namespace krv::media {
 namespace {
 
-/// Options through which an encoder writes or reads files of its own, or uses more of the machine than its
-/// share.
+/// Options with which an encoder writes or reads files of its own, or uses more than its share of the machine.
 constexpr std::array<std::string_view, 6> kRefusedKeys{"stats",   "passlogfile", "vstats_file",
                                                        "threads", "thread_type", "dump_separator"};
-/// The same within the options that carry an encoder's own option list.
+/// Parts of such options in an encoder's own option list.
 constexpr std::array<std::string_view, 12> kRefusedParts{"stats",    "dump",   "csv",          "recon",
                                                          "analysis", "log",    "qpfile",       "zones",
                                                          "cqmfile",  "lambda", "scaling-list", "dolby-vision-rpu"};
@@ -73,7 +72,7 @@ void checkEncoderOption(std::string_view key, std::string_view value) {
             refuse(key, fmt::format("cannot be set to “{}”", value));
         }
     }
-    // A first or second pass over a statistics file makes no sense here.
+    // Two-pass encoding needs a statistics file, which the worker cannot open.
     if (key == "flags" && value.find("pass") != std::string_view::npos) {
         refuse(key, fmt::format("cannot be set to “{}”", value));
     }
