@@ -11,12 +11,12 @@
 namespace krv::media {
 namespace {
 
-/// Small errors that nobody sees at a third of the size of the best.
+/// Its small errors are invisible, and the file is a third as large as at the best quality.
 constexpr int kQuantiser = 3;
 
 constexpr int kLongestSide = 16384;
 
-/// JPEG can say neither "show it turned" nor anything else that a movie's container can.
+/// JPEG as a container: it cannot store a rotation or anything else that containers of movies can.
 constexpr Container kStill{"jpg", "", 0, 0, AV_CODEC_ID_NONE, CoverArt::None, false, false, false, false, false, ""};
 
 VideoFormat formatOf(const AVStream& stream, const AVFrame& frame, Extent extent) {
@@ -27,7 +27,7 @@ VideoFormat formatOf(const AVStream& stream, const AVFrame& frame, Extent extent
     format.height = extent.height;
     format.sampleAspect = {1, 1};
     format.interlaced = false;
-    // Readers of JPEG know one set of colours.
+    // JPEG readers assume this matrix and range.
     format.space = AVCOL_SPC_SMPTE170M;
     format.range = AVCOL_RANGE_JPEG;
     format.convertsColours = true;
