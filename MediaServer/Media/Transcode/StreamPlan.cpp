@@ -53,7 +53,7 @@ private:
         return std::move(plan_);
     }
 
-    /// The indices of the usable streams of a kind; only the default or first one if so wanted.
+    /// Returns the indices of the usable streams of a kind, or only the default or first one.
     std::vector<std::size_t> tracks(AVMediaType kind, bool onlyOne) const {
         std::vector<std::size_t> found = usableStreams(source_, kind);
         if (const auto one = defaultOrFirst(source_, found); onlyOne && one) {
@@ -131,7 +131,7 @@ private:
         }
     }
 
-    /// Telemetry is worth keeping; other data tracks (time code, chapter titles) are made anew by the muxer.
+    /// Copies telemetry. The muxer creates the other data tracks (time code, chapter titles) itself.
     void planData(std::size_t index) {
         const AVStream& stream = source_.stream(index);
         const bool telemetry = stream.codecpar->codec_tag == MKTAG('g', 'p', 'm', 'd');
@@ -154,8 +154,8 @@ private:
         }
     }
 
-    /// Without a way to say "show it rotated" the pixels themselves have to be turned, and without a way to
-    /// say "begin here" the pictures before that have to be left out.
+    /// Whether copying to this container would change what is shown. Without a display matrix the pixels themselves
+    /// must be rotated. Without edit lists the hidden frames at the beginning must be dropped.
     bool losesPresentation(const AVStream& stream) const {
         if (!container_.displayMatrix && av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr)) {
             return true;
@@ -164,7 +164,7 @@ private:
     }
 
     static bool hidesFrames(const AVStream& stream) {
-        auto& indexed = const_cast<AVStream&>(stream);  // the functions only read
+        auto& indexed = const_cast<AVStream&>(stream);  // the functions only read it
         const int count = avformat_index_get_entries_count(&indexed);
         for (int i = 0; i < count; ++i) {
             if (avformat_index_get_entry(&indexed, i)->flags & AVINDEX_DISCARD_FRAME) {
