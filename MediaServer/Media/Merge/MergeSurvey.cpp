@@ -33,7 +33,7 @@ TrackSurvey describe(const Source& source, std::size_t index) {
     return track;
 }
 
-/// Gathers what the packets of a track say.
+/// Gathers the properties of a track from its packets.
 class Watcher {
 public:
     Watcher(TrackSurvey& track, const AVStream& stream)
@@ -72,7 +72,7 @@ public:
         end_ = std::max(end_, pts + duration - hiddenAtEnd(packet));
     }
 
-    /// Whether there was anything that counts.
+    /// Completes the survey. Returns false if nothing of the track is shown.
     [[nodiscard]] bool conclude() {
         if (end_ <= start_) {
             return false;
@@ -95,7 +95,7 @@ private:
         return av_rescale_q(samples, AVRational{1, stream_.codecpar->sample_rate}, stream_.time_base);
     }
 
-    /// The samples at the end of the last packet that only fill it.
+    /// Returns the duration of the padding at the end of the last packet.
     [[nodiscard]] std::int64_t hiddenAtEnd(const AVPacket& packet) const {
         std::size_t size = 0;
         const std::uint8_t* data = av_packet_get_side_data(&packet, AV_PKT_DATA_SKIP_SAMPLES, &size);
@@ -171,7 +171,7 @@ SourceSurvey survey(Source& source, const std::function<void(double)>& position)
         watchers.at(packet->stream_index).see(*packet);
         position(source.position());
     }
-    // A track of which nothing is to be seen or heard is as good as none.
+    // Ignore tracks of which nothing is shown.
     for (auto* tracks : {&result.video, &result.audio}) {
         std::erase_if(*tracks,
                       [&](TrackSurvey& track) { return !watchers.at(static_cast<int>(track.index)).conclude(); });
