@@ -24,7 +24,7 @@ public:
         , progress_(sink)
         , container_(containerForPath(request.destinationPath))
         , type_(encodingTypeNumbered(request.encodingType)) {
-        // Everything that can be wrong with the request itself is said before any file is looked at.
+        // Check the whole request before reading any file.
         if (request.video) {
             checkRange("quality", request.video->quality, 0, 1);
             checkRange("frame rate", request.video->fps, kSlowest, kFastest);

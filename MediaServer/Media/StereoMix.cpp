@@ -21,12 +21,12 @@ bool isDefault(const AVStream& stream) {
     return (stream.disposition & AV_DISPOSITION_DEFAULT) != 0;
 }
 
-/// The one that names the mix comes first.
+/// Returns the enabled audio streams. The one whose language and title the mix gets comes first.
 std::vector<std::size_t> enabledAudio(const Source& source) {
     auto found = usableStreams(source, AVMEDIA_TYPE_AUDIO);
     const auto preferred = [&](std::size_t i) { return isDefault(source.stream(i)); };
-    // The demuxer of the mov family shows a track's "enabled" as "default"; of other containers' tracks the
-    // default one is only the one that is preferred among alternatives.
+    // The demuxer of the mov family reports the "enabled" flag as "default". In other containers the default track is
+    // the preferred one among alternatives.
     const bool flagMeansEnabled = std::string_view(source.format().iformat->name).starts_with("mov,");
     if (flagMeansEnabled && std::any_of(found.begin(), found.end(), preferred)) {
         found.erase(std::remove_if(found.begin(), found.end(), [&](auto i) { return !preferred(i); }), found.end());

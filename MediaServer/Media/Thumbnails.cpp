@@ -1,7 +1,6 @@
-// Thumbnails of a long movie cost seeking and decoding from one key frame to the picture that is wanted, over and over.
-// So the pictures are divided among as many readers as there are cores, each with its own stretch of the movie and a
-// decoder of a single thread: decoders with threads of their own fill a pipeline first, which is worth nothing when
-// every few pictures one starts anew.
+// Each thumbnail of a long movie costs a seek and decoding from a key frame to the wanted frame. So the thumbnails are
+// divided among as many readers as there are cores. Each reader has its own part of the movie and a single-threaded
+// decoder. A multi-threaded decoder fills a pipeline first, which does not pay off if it is restarted every few frames.
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -50,7 +49,7 @@ public:
     }
 
 private:
-    /// One reader's signs of life and progress become everybody's.
+    /// Forwards the signs of life of one reader to the progress of the operation.
     class PartSink final : public ProgressSink {
     public:
         explicit PartSink(ThumbnailMaker& maker)
@@ -116,7 +115,7 @@ private:
     const std::size_t count_;
     const std::size_t readers_;
     std::atomic<bool> failed_{false};
-    Mutex mutex_;  // also of the destination
+    Mutex mutex_;  // also protects the destination
     Progress progress_ KRV_GUARDED_BY(mutex_);
     std::vector<Thumbnail> pictures_ KRV_GUARDED_BY(mutex_);
     std::int64_t size_ KRV_GUARDED_BY(mutex_) = 0;
