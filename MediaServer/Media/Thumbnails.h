@@ -15,10 +15,9 @@ struct ThumbnailRequest {
     int source = -1;         ///< readable and seekable; borrowed
     std::string sourcePath;  ///< its extension helps to recognise the format
     int destination = -1;    ///< open for writing; truncated first; receives the JPEG files one after another; borrowed
-    std::string destinationPath;
-    int count = 0;      ///< at least 1
-    double width = 0;   ///< of the box that they are fitted into, in pixels; 0: no limit
-    double height = 0;  ///< likewise
+    int count = 0;           ///< at least 1
+    double width = 0;        ///< of the box that they are fitted into, in pixels; 0: no limit
+    double height = 0;       ///< likewise
 };
 
 struct Thumbnail {

@@ -84,7 +84,6 @@ void makeThumbnails(const Message& job, media::ProgressSink& progress, KRVOperat
     request.source = source(job);
     request.destination = destination(job);
     request.sourcePath = sourcePath(job);
-    request.destinationPath = destinationPath(job);
     request.count = thumbnailCountOf(*job.record);
     request.width = job.record->thumbnailInfoSize().width;
     request.height = job.record->thumbnailInfoSize().height;

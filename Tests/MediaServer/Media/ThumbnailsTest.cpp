@@ -31,7 +31,6 @@ protected:
         request.source = source.number();
         request.sourcePath = wanted.movie;
         request.destination = destination.number();
-        request.destinationPath = "/thumbnails";
         request.count = wanted.count;
         request.width = wanted.width;
         request.height = wanted.height;
