@@ -56,7 +56,7 @@ void attackSettings(std::string_view text, AVMediaType type) {
             require(!key.empty() && key.find('\0') == std::string::npos && value.find('\0') == std::string::npos);
         }
     } catch (const krv::media::Failure& failure) {
-        require(!failure.reason().empty());
+        require(!failure.detail.empty());
     }
 }
 

@@ -5,7 +5,6 @@
 #include <MediaServer/Media/Container/OutputFile.h>
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Encode.h>
-#include <MediaServer/Media/Foundation/FFmpegLog.h>
 #include <MediaServer/Media/Foundation/Progress.h>
 #include <MediaServer/Media/Transcode/EncodingType.h>
 #include <MediaServer/Media/Transcode/Pump.h>
@@ -25,7 +24,7 @@ public:
         , progress_(sink)
         , container_(containerForPath(request.destinationPath))
         , type_(encodingTypeNumbered(request.encodingType)) {
-        // Everything that can be wrong with the request itself is said before any file is looked at.
+        // Check the whole request before reading any file.
         if (request.video) {
             checkRange("quality", request.video->quality, 0, 1);
             checkRange("frame rate", request.video->fps, kSlowest, kFastest);
@@ -84,13 +83,7 @@ private:
 }  // namespace
 
 void encode(const EncodeRequest& request, ProgressSink& sink) {
-    FFmpegLog::instance().clear();
-    try {
-        Encoding(request, sink).run();
-    } catch (Failure& failure) {
-        failure.about(request.sourcePath, request.destinationPath);
-        throw;
-    }
+    Encoding(request, sink).run();
 }
 
 }  // namespace krv::media

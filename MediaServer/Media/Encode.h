@@ -6,9 +6,9 @@
 
 namespace krv::media {
 
-/// Converts the source into the destination, which is complete when this returns. Runs on the calling thread,
-/// with threads of the codecs beside it. One operation at a time per process (FFmpeg's log is shared). Throws
-/// Failure, with the file named, or std::bad_alloc; the destination's content is worthless then.
+/// Converts the source into the destination, which is complete when this returns. Runs on the calling thread; the
+/// codecs use threads of their own. Only one operation may run in a process at a time, because FFmpeg's log is shared.
+/// Throws Failure or std::bad_alloc; the destination is then invalid.
 void encode(const EncodeRequest& request, ProgressSink& sink);
 
 }  // namespace krv::media

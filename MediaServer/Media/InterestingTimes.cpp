@@ -1,25 +1,23 @@
 #include <algorithm>
 #include <cerrno>
+#include <string>
 #include <string_view>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fmt/format.h>
-
 #include <MediaServer/Media/Container/EditList.h>
 #include <MediaServer/Media/Container/Source.h>
-#include <MediaServer/Media/Foundation/FFmpegLog.h>
 #include <MediaServer/Media/InterestingTimes.h>
 #include <MediaServer/Media/Video/FrameReader.h>
 
 namespace krv::media {
 namespace {
 
-/// An index that ends before this part of the movie was never finished, or lists the first fragment only.
+/// An index that ends before this part of the movie is incomplete, or lists the first fragment only.
 constexpr double kWholeMovie = 0.8;
 
-/// Where no track has units of its own.
+/// The time scale if no track has one.
 constexpr int kMilliseconds = 1000;
 
 bool readAt(int descriptor, std::int64_t offset, std::span<std::byte> bytes) {
@@ -65,8 +63,9 @@ public:
 private:
     std::size_t checkedTrack(std::int64_t track) const {
         if (track < 0 || static_cast<std::uint64_t>(track) >= source_.streamCount()) {
-            throw Failure(FailureCode::BadArgument,
-                          fmt::format("There is no track {}; the movie has {}.", track, source_.streamCount()));
+            throw Failure({.cause = FailureCause::NoSuchTrack,
+                           .subject = std::to_string(track),
+                           .detail = std::to_string(source_.streamCount())});
         }
         return static_cast<std::size_t>(track);
     }
@@ -101,7 +100,7 @@ private:
         add(time + av_rescale_q(source_.timeShift(), kMicroseconds, unit), unit);
     }
 
-    /// Those of the track with this id, or of all.
+    /// Adds the edits of the track with this ID, or of all tracks.
     void addEdits(std::optional<int> trackID) {
         if (request_.track) {
             add(0, kMicroseconds);
@@ -135,7 +134,7 @@ private:
         }
     }
 
-    /// False when there is no index of the whole track.
+    /// Returns false if there is no index of the whole track.
     bool addFromIndex(std::size_t index) {
         const std::string_view format = source_.format().iformat->name;
         const bool listsPackets = format.find("mov") != std::string_view::npos;
@@ -143,7 +142,7 @@ private:
         if (!listsPackets && !listsKeyFrames) {
             return false;
         }
-        // Some indices are read when they are needed first.
+        // Seek first, because some demuxers read the index only when it is needed.
         if (!source_.seek(index, source_.start() + source_.duration() / 2)) {
             return false;
         }
@@ -181,8 +180,9 @@ private:
                source_.duration() <= kMicroseconds.den;
     }
 
-    /// This index tells when key frames are decoded; their packets tell when they are shown. They are sought by the time
-    /// at which they are shown, which is not after the next one is decoded.
+    /// The index contains the decoding times of key frames; their packets contain the presentation times. The demuxer
+    /// seeks by presentation time. A key frame is presented no later than the next one is decoded, so a seek to just
+    /// before that finds it.
     void addPackets(std::size_t index, const std::vector<std::int64_t>& keys) {
         source_.readTimesOnly();
         AVFormatContext& format = source_.format();
@@ -197,7 +197,7 @@ private:
                 source_.read(*packet) && packet->pts != AV_NOPTS_VALUE &&
                 packet->dts - av_rescale_q(source_.timeShift(), kMicroseconds, stream.time_base) == keys[i];
             if (!there) {
-                return addByReading(index);  // without contents it costs little
+                return addByReading(index);  // cheap, because no contents are read
             }
             found.push_back(packet->pts);
         }
@@ -228,13 +228,7 @@ private:
 }  // namespace
 
 InterestingTimes interestingTimes(const InterestingTimesRequest& request, ProgressSink& sink) {
-    FFmpegLog::instance().clear();
-    try {
-        return TimesFinder(request, sink).run();
-    } catch (Failure& failure) {
-        failure.about(request.sourcePath, request.sourcePath);
-        throw;
-    }
+    return TimesFinder(request, sink).run();
 }
 
 }  // namespace krv::media

@@ -6,7 +6,6 @@
 
 #include <MediaServer/Media/Audio/AudioFormat.h>
 #include <MediaServer/Media/Container/StreamSelection.h>
-#include <MediaServer/Media/Foundation/FFmpegLog.h>
 #include <MediaServer/Media/MovieInfo.h>
 #include <MediaServer/Media/Video/FrameReader.h>
 #include <MediaServer/Media/Video/Poster.h>
@@ -19,14 +18,14 @@ extern "C" {
 namespace krv::media {
 namespace {
 
-/// Clocks that nobody set begin in 1904 or 1970; no movie was stored in a file before this year.
+/// A clock that was never set starts in 1904 or 1970. No movie file is older than this, in seconds since 1970.
 constexpr double kEarliestPlausible = 5 * 365.25 * 24 * 3600;
 
 struct Name {
     AVCodecID codec;
     const char* name;
 };
-/// Where FFmpeg's own name is not what people say.
+/// Codecs whose common name is not FFmpeg's.
 constexpr std::array<Name, 28> kNames{{
     {AV_CODEC_ID_H264, "H.264"},
     {AV_CODEC_ID_HEVC, "HEVC"},
@@ -69,7 +68,7 @@ const AVStream* mainAudioStream(const Source& source) {
     return index ? &source.stream(*index) : nullptr;
 }
 
-/// Also one that cannot be decoded: it is to be named.
+/// Returns the main video stream, even if it cannot be decoded, so that its codec can be named.
 const AVStream* anyVideoStream(const Source& source) {
     if (const auto index = mainVideoStream(source)) {
         return &source.stream(*index);
@@ -83,7 +82,7 @@ const AVStream* anyVideoStream(const Source& source) {
 }
 
 std::string layoutName(const AVChannelLayout& layout) {
-    // Files that tell the number of channels only mean the usual ones.
+    // A file that stores only the number of channels means the default layout.
     ChannelLayout usual;
     if (layout.order == AV_CHANNEL_ORDER_UNSPEC) {
         usual.assignDefault(layout.nb_channels);
@@ -113,7 +112,7 @@ std::string describeAudio(const AVStream& stream) {
 std::optional<double> creationTime(const AVFormatContext& format) {
     for (const char* key : {"com.apple.quicktime.creationdate", "creation_time", "date"}) {
         const AVDictionaryEntry* entry = av_dict_get(format.metadata, key, nullptr, 0);
-        // A year alone is an edition, not a time.
+        // A year alone is the year of publication, not a creation time.
         if (!entry || std::string_view(entry->value).size() < std::string_view("2001-01-01").size()) {
             continue;
         }
@@ -129,7 +128,7 @@ std::optional<double> creationTime(const AVFormatContext& format) {
     return std::nullopt;
 }
 
-/// The rate by which a header counts, or the measured one where that is not the same: the variable ones.
+/// Returns the average frame rate, or else the base frame rate.
 std::optional<double> averageRate(const AVStream& stream) {
     for (const AVRational rate : {stream.avg_frame_rate, stream.r_frame_rate}) {
         if (rate.num > 0 && rate.den > 0 && av_q2d(rate) <= 1000) {
@@ -158,7 +157,7 @@ MovieInfo describe(const MovieInfoRequest& request, Progress& progress) {
     const AVStream* const video = anyVideoStream(source);
     const AVStream* const audio = mainAudioStream(source);
     if (!video && !audio && !hasCover(source)) {
-        throw Failure(FailureCode::UnusableSource, "It has neither video nor audio.");
+        throw Failure({.cause = FailureCause::NoVideoOrAudioTrack});
     }
     for (const AVStream* stream : {video, audio}) {
         if (stream) {
@@ -197,16 +196,10 @@ std::string displayName(AVCodecID codec) {
 }
 
 MovieInfo movieInfo(const MovieInfoRequest& request, ProgressSink& sink) {
-    FFmpegLog::instance().clear();
-    try {
-        Progress progress(sink);
-        MovieInfo info = describe(request, progress);
-        progress.finish();
-        return info;
-    } catch (Failure& failure) {
-        failure.about(request.sourcePath, request.sourcePath);
-        throw;
-    }
+    Progress progress(sink);
+    MovieInfo info = describe(request, progress);
+    progress.finish();
+    return info;
 }
 
 }  // namespace krv::media

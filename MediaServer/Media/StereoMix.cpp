@@ -8,7 +8,6 @@
 #include <MediaServer/Media/Container/OutputFile.h>
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Container/StreamSelection.h>
-#include <MediaServer/Media/Foundation/FFmpegLog.h>
 #include <MediaServer/Media/Foundation/FourCC.h>
 #include <MediaServer/Media/Foundation/Progress.h>
 #include <MediaServer/Media/StereoMix.h>
@@ -22,12 +21,12 @@ bool isDefault(const AVStream& stream) {
     return (stream.disposition & AV_DISPOSITION_DEFAULT) != 0;
 }
 
-/// The one that names the mix comes first.
+/// Returns the enabled audio streams. The one whose language and title the mix gets comes first.
 std::vector<std::size_t> enabledAudio(const Source& source) {
     auto found = usableStreams(source, AVMEDIA_TYPE_AUDIO);
     const auto preferred = [&](std::size_t i) { return isDefault(source.stream(i)); };
-    // The demuxer of the mov family shows a track's "enabled" as "default"; of other containers' tracks the
-    // default one is only the one that is preferred among alternatives.
+    // The demuxer of the mov family reports the "enabled" flag as "default". In other containers the default track is
+    // the preferred one among alternatives.
     const bool flagMeansEnabled = std::string_view(source.format().iformat->name).starts_with("mov,");
     if (flagMeansEnabled && std::any_of(found.begin(), found.end(), preferred)) {
         found.erase(std::remove_if(found.begin(), found.end(), [&](auto i) { return !preferred(i); }), found.end());
@@ -46,7 +45,7 @@ void run(const StereoMixRequest& request, Progress& progress) {
     Source source(request.source, request.sourcePath, progress);
     const auto enabled = enabledAudio(source);
     if (enabled.empty()) {
-        throw Failure(FailureCode::UnusableSource, "It has no audio.");
+        throw Failure({.cause = FailureCause::NoAudioTrack});
     }
     OutputFile output(request.destination, container, progress);
     Pump pump(source, output, progress);
@@ -89,14 +88,8 @@ void run(const StereoMixRequest& request, Progress& progress) {
 }  // namespace
 
 void mixToStereo(const StereoMixRequest& request, ProgressSink& sink) {
-    FFmpegLog::instance().clear();
-    try {
-        Progress progress(sink);
-        run(request, progress);
-    } catch (Failure& failure) {
-        failure.about(request.sourcePath, request.destinationPath);
-        throw;
-    }
+    Progress progress(sink);
+    run(request, progress);
 }
 
 }  // namespace krv::media

@@ -7,25 +7,25 @@
 
 namespace krv::media {
 
-/// A mix to stereo. Both files are already open: nothing here ever opens a path.
+/// A mix to stereo. Both files are already open; the library never opens a path.
 struct StereoMixRequest {
-    int source = -1;              ///< readable and seekable; not owned
-    int destination = -1;         ///< open for reading and writing; emptied first; not owned
-    std::string sourcePath;       ///< for messages; its extension helps to recognise the format
-    std::string destinationPath;  ///< its extension names the container; for messages
+    int source = -1;              ///< readable and seekable; borrowed
+    int destination = -1;         ///< open for reading and writing; truncated first; borrowed
+    std::string sourcePath;       ///< its extension helps to recognise the format
+    std::string destinationPath;  ///< its extension names the container
 };
 
-/// Writes the movie with all of its enabled sound mixed into one stereo track (see stereoMatrix()), limited to
-/// -1 dB of full scale; everything else is copied bit for bit.
+/// Writes the movie with all of its enabled audio tracks mixed down to one stereo track (see stereoMatrix()), limited
+/// to -1 dB of full scale. All other tracks are copied bit for bit.
 ///
-/// Which tracks are enabled is said by containers of the mov family; elsewhere all are, and all are if none
-/// is. The track is AAC, or the container's usual codec where AAC cannot stand in it, and keeps the language
-/// and title of the default track or the first. If the only enabled track is stereo already, it is copied
-/// too, or encoded alone and unlimited if the container cannot hold its codec. A container for sound alone
-/// gets the sound alone.
+/// Containers of the mov family store which tracks are enabled. In other containers, or if no track is enabled, all
+/// tracks count as enabled. The stereo track is AAC, or the container's default codec if the container cannot hold AAC.
+/// It keeps the language and title of the default track, or else of the first one. If the only enabled track is already
+/// stereo, it is copied too. If the container cannot hold its codec, it is encoded without mixing or limiting. A
+/// container for audio receives the stereo track only.
 ///
-/// Threads and failures are those of encode(); a movie without sound is a Failure UnusableSource, one whose
-/// pictures the container cannot hold Unsupported.
+/// Threads and failures are those of encode(). A movie without audio fails with NoAudioTrack, and one whose video the
+/// container cannot hold with ContainerCannotHold.
 void mixToStereo(const StereoMixRequest& request, ProgressSink& sink);
 
 }  // namespace krv::media

@@ -1,12 +1,10 @@
-// Thumbnails of a long movie cost seeking and decoding from one key frame to the picture that is wanted, over and over.
-// So the pictures are divided among as many readers as there are cores, each with its own stretch of the movie and a
-// decoder of a single thread: decoders with threads of their own fill a pipeline first, which is worth nothing when
-// every few pictures one starts anew.
+// Each thumbnail of a long movie costs a seek and decoding from a key frame to the wanted frame. So the thumbnails are
+// divided among as many readers as there are cores. Each reader has its own part of the movie and a single-threaded
+// decoder. A multi-threaded decoder fills a pipeline first, which does not pay off if it is restarted every few frames.
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cmath>
-#include <cstring>
 #include <exception>
 #include <thread>
 
@@ -14,7 +12,6 @@
 
 #include <KRVQTProcessClient/Foundation/Mutex.h>
 
-#include <MediaServer/Media/Foundation/FFmpegLog.h>
 #include <MediaServer/Media/Thumbnails.h>
 #include <MediaServer/Media/Video/FrameReader.h>
 #include <MediaServer/Media/Video/StillPicture.h>
@@ -33,7 +30,7 @@ public:
 
     std::vector<Thumbnail> run() {
         if (ftruncate(request_.destination, 0) != 0) {
-            throw Failure(FailureCode::UnwritableDestination, std::strerror(errno));
+            throw Failure({.cause = FailureCause::UnwritableDestination, .errorNumber = errno});
         }
         std::vector<std::thread> others;
         for (std::size_t i = 1; i < readers_; ++i) {
@@ -52,7 +49,7 @@ public:
     }
 
 private:
-    /// One reader's signs of life and progress become everybody's.
+    /// Forwards the signs of life of one reader to the progress of the operation.
     class PartSink final : public ProgressSink {
     public:
         explicit PartSink(ThumbnailMaker& maker)
@@ -90,7 +87,7 @@ private:
         const auto time = reader.source().start() + std::llround(middle * static_cast<double>(reader.duration()));
         FramePtr frame = reader.shownAt(time);
         if (!frame) {
-            fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "No picture of it can be decoded");
+            fail(FailureCause::Damaged, AVERROR_INVALIDDATA, "decoding video");
         }
         store(i, time, encodeJPEG(reader.stream(), std::move(frame), request_.width, request_.height));
     }
@@ -105,7 +102,7 @@ private:
                 continue;
             }
             if (put <= 0) {
-                throw Failure(FailureCode::UnwritableDestination, std::strerror(put < 0 ? errno : ENOSPC));
+                throw Failure({.cause = FailureCause::UnwritableDestination, .errorNumber = put < 0 ? errno : ENOSPC});
             }
             written += put;
         }
@@ -118,7 +115,7 @@ private:
     const std::size_t count_;
     const std::size_t readers_;
     std::atomic<bool> failed_{false};
-    Mutex mutex_;  // also of the destination
+    Mutex mutex_;  // also protects the destination
     Progress progress_ KRV_GUARDED_BY(mutex_);
     std::vector<Thumbnail> pictures_ KRV_GUARDED_BY(mutex_);
     std::int64_t size_ KRV_GUARDED_BY(mutex_) = 0;
@@ -129,13 +126,7 @@ private:
 }  // namespace
 
 std::vector<Thumbnail> makeThumbnails(const ThumbnailRequest& request, ProgressSink& sink) {
-    FFmpegLog::instance().clear();
-    try {
-        return ThumbnailMaker(request, sink).run();
-    } catch (Failure& failure) {
-        failure.about(request.sourcePath, request.destinationPath);
-        throw;
-    }
+    return ThumbnailMaker(request, sink).run();
 }
 
 }  // namespace krv::media

@@ -9,15 +9,15 @@
 
 namespace krv::media {
 
-/// Pictures of a movie, spread evenly over it: each in the middle of one of as many equal parts.
+/// Thumbnails of a movie, spread evenly over it. The movie is divided into count equal parts, and each thumbnail shows
+/// the middle of one.
 struct ThumbnailRequest {
-    int source = -1;         ///< readable and seekable; not owned
-    std::string sourcePath;  ///< for messages; its extension helps to recognise the format
-    int destination = -1;    ///< open for writing; emptied first; receives the JPEG files one behind another; not owned
-    std::string destinationPath;  ///< for messages
-    int count = 0;                ///< at least 1
-    double width = 0;             ///< of the box they are fitted into, in pixels; 0: free
-    double height = 0;            ///< likewise
+    int source = -1;         ///< readable and seekable; borrowed
+    std::string sourcePath;  ///< its extension helps to recognise the format
+    int destination = -1;    ///< open for writing; truncated first; receives the JPEG files one after another; borrowed
+    int count = 0;           ///< at least 1
+    double width = 0;        ///< of the box that they are fitted into, in pixels; 0: no limit
+    double height = 0;       ///< likewise
 };
 
 struct Thumbnail {
@@ -26,9 +26,9 @@ struct Thumbnail {
     std::int64_t length = 0;  ///< in bytes
 };
 
-/// Makes the pictures, as many threads at work as there are cores, and returns them in the order of their times. Each
-/// is the picture that is shown at its time. Runs on the calling thread and threads of its own; one operation at a time
-/// per process. Throws Failure, with the file named, or std::bad_alloc.
+/// Makes the thumbnails and returns them in the order of their times. Each one is the frame that is shown at its time.
+/// Runs on the calling thread and threads of its own, as many as there are cores, one operation at a time per process.
+/// Throws Failure or std::bad_alloc.
 [[nodiscard]] std::vector<Thumbnail> makeThumbnails(const ThumbnailRequest& request, ProgressSink& sink);
 
 }  // namespace krv::media

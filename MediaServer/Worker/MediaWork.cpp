@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 
 #include <MediaServer/Media/Encode.h>
+#include <MediaServer/Media/Foundation/FFmpegLog.h>
 #include <MediaServer/Media/InterestingTimes.h>
 #include <MediaServer/Media/Merge/Merge.h>
 #include <MediaServer/Media/MovieInfo.h>
@@ -83,7 +84,6 @@ void makeThumbnails(const Message& job, media::ProgressSink& progress, KRVOperat
     request.source = source(job);
     request.destination = destination(job);
     request.sourcePath = sourcePath(job);
-    request.destinationPath = destinationPath(job);
     request.count = thumbnailCountOf(*job.record);
     request.width = job.record->thumbnailInfoSize().width;
     request.height = job.record->thumbnailInfoSize().height;
@@ -196,13 +196,14 @@ constexpr std::array<Row, 6> kWork{{
 }};
 
 void work(const Message& job, media::ProgressSink& progress, KRVOperationBase& end) {
+    media::FFmpegLog::instance().clear();
     for (const Row& row : kWork) {
         if (row.type == job.record->operationType()) {
             row.work(job, progress, end);
             return;
         }
     }
-    throw media::Failure(media::FailureCode::Internal, "this worker knows no such work");
+    throw media::Failure({.cause = FailureCause::InternalError, .reason = "the worker does not know this operation"});
 }
 
 }  // namespace
@@ -215,10 +216,7 @@ KRVOperationBase::Ref performRequest(const Message& job, WorkerChannel& channel)
         work(job, progress, *end);
         end->setProgress(1.0F, true);
     } catch (const media::Failure& failure) {
-        end->setError(Error::make(std::string(kMediaServerErrorDomain), failure.code(),
-                                  {{NSLocalizedDescriptionKey, failure.description()},
-                                   {NSLocalizedFailureReasonErrorKey, failure.reason()},
-                                   {kErrorFilePath, failure.path()}}));
+        end->setError(makeError(*job.record, failure));
     } catch (const std::bad_alloc&) {
         end->setError(makeError(*job.record, {.cause = FailureCause::OutOfMemory}));
     } catch (const std::exception& problem) {

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <array>
 #include <span>
+#include <string>
 #include <vector>
 
 #include <fmt/format.h>
@@ -28,15 +29,16 @@ int chooseRate(const AVCodecContext& context, int source, const Settings& settin
         highest = std::max(highest, *rates);
     }
     if (settings.sampleRate) {
-        throw Failure(FailureCode::Unsupported,
-                      fmt::format("The setting “sampleRate={}” does not apply to {}.", wanted, codec.displayName));
+        throw Failure({.cause = FailureCause::SettingDoesNotApply,
+                       .subject = fmt::format("sampleRate={}", wanted),
+                       .detail = codec.displayName});
     }
     return above != 0 ? above : highest;
 }
 
-/// The layouts that the codec's table or FFmpeg's encoder lists; empty if there is no list.
+/// Returns the layouts that the codec table or FFmpeg's encoder lists. Empty if neither has a list.
 std::vector<AVChannelLayout> knownLayouts(const AVCodecContext& context, const Codec& codec) {
-    std::vector<AVChannelLayout> layouts;  // of standard channels in standard order, which own no memory
+    std::vector<AVChannelLayout> layouts;  // standard layouts, which own no memory
     for (const std::uint64_t mask : codec.layouts) {
         av_channel_layout_from_mask(&layouts.emplace_back(), mask);
     }
@@ -46,7 +48,8 @@ std::vector<AVChannelLayout> knownLayouts(const AVCodecContext& context, const C
     return layouts;
 }
 
-/// The same channels if possible, else as many, else as many as there are below that.
+/// Chooses the wanted channels if possible, else a layout of the same number of channels, else the largest layout with
+/// fewer channels.
 void chooseLayout(AVCodecContext& context, const AVChannelLayout& source, const Settings& settings,
                   const Codec& codec) {
     ChannelLayout wanted;
@@ -73,8 +76,9 @@ void chooseLayout(AVCodecContext& context, const AVChannelLayout& source, const 
         best = codec.id == AV_CODEC_ID_AAC ? &wanted.get() : nullptr;
     }
     if (!best || best->order == AV_CHANNEL_ORDER_UNSPEC) {
-        throw Failure(FailureCode::Unsupported,
-                      fmt::format("{} cannot be made with {} channels.", codec.displayName, wanted.get().nb_channels));
+        throw Failure({.cause = FailureCause::UnsupportedChannels,
+                       .subject = std::to_string(wanted.get().nb_channels),
+                       .detail = codec.displayName});
     }
     if (av_channel_layout_copy(&context.ch_layout, best) < 0) {
         throw std::bad_alloc();
@@ -115,7 +119,7 @@ bool hasHighResolution(const AVStream& stream) {
     const AVCodecParameters& codec = *stream.codecpar;
     const AVCodecDescriptor* descriptor = avcodec_descriptor_get(codec.codec_id);
     if (!descriptor || !(descriptor->props & AV_CODEC_PROP_LOSSLESS)) {
-        return false;  // what a lossy codec has kept fits into 16 bits
+        return false;  // 16 bits hold everything that a lossy codec keeps
     }
     const int exact = av_get_exact_bits_per_sample(codec.codec_id);
     return std::max(codec.bits_per_raw_sample, exact) > 16;

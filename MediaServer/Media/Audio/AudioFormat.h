@@ -6,7 +6,7 @@
 
 namespace krv::media {
 
-/// A channel layout, owned.
+/// Owns a channel layout.
 class ChannelLayout {
 public:
     ChannelLayout() = default;
@@ -16,7 +16,7 @@ public:
     ChannelLayout& operator=(const ChannelLayout&) = delete;
 
     void assign(const AVChannelLayout& other);
-    /// The usual layout of this many channels.
+    /// Assigns the default layout for a number of channels.
     void assignDefault(int channels);
     [[nodiscard]] const AVChannelLayout& get() const noexcept { return layout_; }
 
@@ -24,12 +24,12 @@ private:
     AVChannelLayout layout_{};
 };
 
-/// Whether a source is worth more than 16 bits when it is kept without loss.
+/// Returns whether a lossless copy of a source needs more than 16 bits per sample.
 [[nodiscard]] bool hasHighResolution(const AVStream& stream);
 
-/// Sets sample rate, channel layout, sample format and time base of an encoder that is not open yet: the
-/// source's where the encoder takes them, else the nearest that lose least; settings win. Throws Failure
-/// Unsupported naming what the encoder cannot do.
+/// Sets sample rate, channel layout, sample format and time base of an encoder that is not open yet. Takes the
+/// request's settings first, then the source's values if the encoder supports them, else the nearest values that lose
+/// least. Throws Failure with SettingDoesNotApply or UnsupportedChannels if the encoder does not support a setting.
 void chooseAudioFormat(AVCodecContext& context, const AVStream& from, const Settings& settings, const Codec& codec);
 
 }  // namespace krv::media

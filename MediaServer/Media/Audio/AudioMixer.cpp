@@ -11,7 +11,7 @@ AudioMixer::AudioMixer(std::size_t tracks, std::int64_t mostHeld)
 void AudioMixer::add(std::size_t track, std::span<const float> left, std::span<const float> right, const Sink& sink) {
     Input& input = inputs_[track];
     const auto samples = static_cast<std::int64_t>(left.size());
-    const std::int64_t late = std::clamp<std::int64_t>(given_ - input.length, 0, samples);  // its time is over
+    const std::int64_t late = std::clamp<std::int64_t>(given_ - input.length, 0, samples);  // too late to be mixed
     const auto at = static_cast<std::size_t>(std::max<std::int64_t>(0, input.length - given_));
     const std::size_t needed = at + static_cast<std::size_t>(samples - late);
     if (left_.size() < needed) {

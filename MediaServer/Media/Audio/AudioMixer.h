@@ -7,20 +7,20 @@
 
 namespace krv::media {
 
-/// Adds up stereo sound of several tracks that arrive in turns.
+/// Mixes the stereo audio of several tracks that arrive alternately.
 ///
-/// What comes out is as far along as the slowest track; but one that stays far behind (it has a long gap, or
-/// its file stores it far from the others) is not waited for, so that memory stays bounded. One thread.
+/// The output is as far as the slowest track. The mixer does not wait for a track that stays far behind, because it has
+/// a long gap or is stored far from the others. This bounds the memory. Not thread-safe.
 class AudioMixer {
 public:
     using Sink = std::function<void(std::span<const float> left, std::span<const float> right)>;
 
-    /// mostHeld: how many samples may wait for the slowest track.
+    /// mostHeld: how many samples are buffered at most while the mixer waits for the slowest track.
     AudioMixer(std::size_t tracks, std::int64_t mostHeld);
 
-    /// Adds sound to a track, directly after what that track has got so far. Both of the same length.
+    /// Appends samples to a track. Both spans must have the same length.
     void add(std::size_t track, std::span<const float> left, std::span<const float> right, const Sink& sink);
-    /// Nothing more will come from this track.
+    /// Ends a track.
     void finish(std::size_t track, const Sink& sink);
 
 private:
@@ -32,8 +32,8 @@ private:
 
     const std::int64_t mostHeld_;
     std::vector<Input> inputs_;
-    std::int64_t given_ = 0;           // samples that have come out
-    std::vector<float> left_, right_;  // the sum from there on
+    std::int64_t given_ = 0;           // samples delivered so far
+    std::vector<float> left_, right_;  // the sum of the samples after those
 };
 
 }  // namespace krv::media

@@ -8,14 +8,14 @@
 namespace krv::media {
 namespace {
 
-/// Frame size for encoders that take any.
+/// Frame size for encoders that accept any.
 constexpr int kAnyFrameSize = 4096;
 
-/// A deviation from the movie's time is corrected when it exceeds this part of a second: less than any picture
-/// is shown.
+/// A deviation from the movie's time is corrected if it exceeds one second divided by this. That is less than the
+/// duration of a video frame.
 constexpr int kToleratedPart = 66;
 
-/// Sound that seems to lie further back than this does not overlap, its clock has jumped.
+/// If audio seems to overlap by more than this, its clock has jumped.
 constexpr std::int64_t kLongestOverlapSeconds = 10;
 
 }  // namespace
@@ -43,7 +43,7 @@ void AudioResampler::configure(const AVFrame& frame, const Sink& sink) {
         return;
     }
     if (resampler_) {
-        convert(nullptr, 0, sink);  // the tail of what came before
+        convert(nullptr, 0, sink);  // the tail of the audio before it
     }
     sourceFormat_ = frame.format;
     sourceRate_ = frame.sample_rate;
@@ -56,7 +56,7 @@ void AudioResampler::configure(const AVFrame& frame, const Sink& sink) {
         layout.assign(frame.ch_layout);
     }
     SwrContext* resampler = nullptr;
-    // The function is older than const; it copies both layouts.
+    // The function takes non-const pointers but only copies both layouts.
     auto& out = const_cast<AVChannelLayout&>(format_.layout);
     auto& in = const_cast<AVChannelLayout&>(layout.get());
     int result = swr_alloc_set_opts2(&resampler, &out, format_.samples, format_.rate, &in,
@@ -70,7 +70,7 @@ void AudioResampler::configure(const AVFrame& frame, const Sink& sink) {
         result = swr_init(resampler);
     }
     if (result < 0) {
-        fail(FailureCode::Unsupported, result, "The sound's channels cannot be converted");
+        fail(FailureCause::UnconvertibleAudio, result, "converting the channels");
     }
 }
 
@@ -95,7 +95,7 @@ void AudioResampler::addSilence(std::int64_t samples, const Sink& sink) {
         const int part = static_cast<int>(std::min<std::int64_t>(samples, frameSize_));
         const FramePtr silence = newSamples(part);
         av_samples_set_silence(silence->extended_data, 0, part, format_.layout.nb_channels, format_.samples);
-        const std::int64_t kept = std::exchange(toDrop_, 0);  // what is to be dropped is the source's, not this
+        const std::int64_t kept = std::exchange(toDrop_, 0);  // only samples of the source are dropped
         store(silence->extended_data, part, sink);
         toDrop_ = kept;
         samples -= part;
@@ -111,7 +111,7 @@ void AudioResampler::convert(const std::uint8_t* const* data, int samples, const
     const int made = swr_convert(resampler_.get(), out->extended_data, room, const_cast<const std::uint8_t**>(data),
                                  samples);  // swr only reads
     if (made < 0) {
-        fail(FailureCode::Internal, made, "The sound cannot be converted");
+        fail(FailureCause::InternalError, made, "resampling audio");
     }
     store(out->extended_data, made, sink);
 }

@@ -10,27 +10,27 @@
 
 namespace krv::media {
 
-/// Turns decoded sound of any and even changing format into frames of one format and size, in step with the
+/// Converts decoded audio of any format, even one that changes, into frames of one format and size, in sync with the
 /// movie's time.
 ///
-/// Sample number n of what comes out belongs to the time n / rate. Where the source starts late or has a gap
-/// silence is put in, where its sound overlaps it is cut; deviations too small to matter are left, so that
-/// rounded times make no clicks, but they never add up. One thread.
+/// Output sample n belongs to the time n / rate. A late start or a gap is filled with silence; overlapping audio is
+/// cut. Deviations that are too small to matter are not corrected, so that rounded timestamps make no clicks, but they
+/// never add up. Not thread-safe.
 class AudioResampler {
 public:
     using Sink = std::function<void(FramePtr)>;
-    /// How loud each channel that comes in is in each that comes out: for every one of the latter the factors
-    /// of all of the former, one row after another.
+    /// Returns the mixing matrix for an input layout: one row per output channel with the factors of all input
+    /// channels, one row after another.
     using Matrix = std::function<std::vector<double>(const AVChannelLayout& in)>;
 
-    /// What comes out.
+    /// The output format.
     struct Format {
         AVSampleFormat samples;
         int rate;
-        AVChannelLayout layout;  ///< borrowed: what it points to, if anything, outlives the resampler
+        AVChannelLayout layout;  ///< borrowed: its custom map, if any, must outlive the resampler
         int frameSize;           ///< 0: any
 
-        /// What an encoder takes. It is open, and outlives the resampler.
+        /// The input format of an open encoder, which must outlive the resampler.
         Format(const AVCodecContext& encoder)  // NOLINT(google-explicit-constructor): an encoder is its format
             : Format(encoder.sample_fmt, encoder.sample_rate, encoder.ch_layout, encoder.frame_size) {}
         Format(AVSampleFormat sampleFormat, int sampleRate, const AVChannelLayout& channels, int samplesPerFrame)
@@ -40,17 +40,17 @@ public:
             , frameSize(samplesPerFrame) {}
     };
 
-    /// timeBase: unit of the incoming times. end: no silence is put in beyond this time, in units of
-    /// timeBase. matrix: how channels are mixed; without it as FFmpeg does.
+    /// timeBase: unit of the input frames' times. end: no silence is inserted after this time, in units of timeBase.
+    /// matrix: how channels are mixed; by default as FFmpeg does it.
     AudioResampler(const Format& format, AVRational timeBase, std::int64_t end, Matrix matrix = {});
 
     void push(const AVFrame& frame, const Sink& sink);
-    /// From now on nothing is kept that belongs to this sample number or later.
+    /// Drops everything from this output sample on.
     void cutAt(std::int64_t sample) { cut_ = sample; }
-    /// The sound so far ends: silence follows up to this sample number, and what is pushed next is another
-    /// sound, of which every sample gets exactly to its time.
+    /// Ends the current audio and adds silence up to this output sample. The next frame begins other audio, which is
+    /// placed exactly at its time.
     void fillTo(std::int64_t sample, const Sink& sink);
-    /// Gives out what is left, in a last frame that may be shorter.
+    /// Delivers the remaining samples. The last frame may be shorter than the others.
     void finish(const Sink& sink);
 
 private:
@@ -72,11 +72,11 @@ private:
     int sourceRate_ = 0;
     ChannelLayout sourceLayout_;
     AudioFifoPtr fifo_;
-    std::int64_t stored_ = 0;  // samples that have gone into the queue so far
-    std::int64_t given_ = 0;   // samples that have come out of it
-    bool fresh_ = true;        // nothing of this sound has been stored yet
+    std::int64_t stored_ = 0;  // samples written to the queue so far
+    std::int64_t given_ = 0;   // samples delivered from it
+    bool fresh_ = true;        // no sample of the current audio is stored yet
     std::int64_t cut_ = std::numeric_limits<std::int64_t>::max();
-    std::int64_t toDrop_ = 0;  // samples of the source that overlap what there is already
+    std::int64_t toDrop_ = 0;  // samples of the source that overlap earlier ones
 };
 
 }  // namespace krv::media

@@ -11,7 +11,7 @@
 
 namespace krv::media {
 
-/// Decodes an audio stream and encodes it anew.
+/// Decodes an audio stream and encodes it again.
 class AudioTranscoder : public Track {
 public:
     struct Request {
@@ -22,7 +22,7 @@ public:
 
     AudioTranscoder(const Source& source, const AVStream& from, const Request& request);
 
-    /// The header of an audio stream says everything that is needed.
+    /// Returns true: the header of an audio stream contains everything that open() needs.
     [[nodiscard]] bool ready() const override { return true; }
     void push(const AVPacket& packet) override;
     void open(OutputFile& output) override;

@@ -3,19 +3,19 @@
 
 #include <MediaServer/Media/Audio/Limiter.h>
 
-// How the gain is found. For each sample there is a gain that it needs: 1 below the ceiling, else ceiling /
-// peak. Over a window that reaches `ahead_` samples into the future the smallest need is taken; it falls at
-// once and recovers slowly. The gain that a sample gets is the mean of the latest ahead_ + 1 of these values.
-// Each of them saw the sample, because their windows all reach as far as it, so none of them is larger than
-// what the sample needs, and neither is their mean. That makes the ceiling a certainty, not a matter of
-// tuning, while the mean lets the gain move along a ramp instead of a step.
+// How the gain is computed. Each sample needs a certain gain: 1 below the ceiling, else ceiling / peak. The limiter
+// takes the smallest of these over a window that reaches ahead_ samples into the future. This value falls at once and
+// recovers slowly. The gain that is applied to a sample is the mean of the latest ahead_ + 1 of these values. The
+// windows of all of them include the sample. So none of them is larger than the gain that the sample needs, and neither
+// is their mean. Therefore the ceiling holds for certain and does not depend on tuning, while the mean makes the gain a
+// ramp instead of a step.
 
 namespace krv::media {
 namespace {
 
-constexpr int kAheadPart = 200;            // of a second
-constexpr double kRecoverySeconds = 0.08;  // for 63 % of the way
-constexpr double kRecovered = 1e-3;        // less than this cannot be heard
+constexpr int kAheadPart = 200;            // lookahead: one second divided by this
+constexpr double kRecoverySeconds = 0.08;  // for 63 % of the distance
+constexpr double kRecovered = 1e-3;        // a smaller reduction is inaudible
 
 }  // namespace
 
@@ -72,7 +72,7 @@ void Limiter::take(Sample sample, double needed) {
         return;
     }
     if (reduced_ == 0) {
-        // Exactly 1, and a fresh start for the sum, in which rounding adds up.
+        // The gain is exactly 1. Resetting the sum removes its accumulated rounding errors.
         smoothingSum_ = static_cast<double>(smoothing_.size());
         left_.push_back(delayed.left);
         right_.push_back(delayed.right);

@@ -8,11 +8,11 @@ namespace {
 
 constexpr double kMinus3dB = std::numbers::sqrt2 / 2;
 
-/// One that stands behind or above the middle is first lowered like all that do not stand in front, and then
-/// shared by two.
+/// A channel behind or above the centre is lowered like all channels that are not in front, and then split between both
+/// sides.
 constexpr double kSharedSurround = kMinus3dB * kMinus3dB;
 
-/// Halfway between the middle and a side, with the power of both together unchanged.
+/// Halfway between the centre and a side, with constant total power.
 constexpr double kNear = 0.92387953251128674;
 constexpr double kFar = 0.38268343236508978;
 
@@ -60,7 +60,7 @@ Gains gainsOf(AVChannel channel) {
     case AV_CHAN_LOW_FREQUENCY:
     case AV_CHAN_LOW_FREQUENCY_2:
         return {0, 0};
-    default:  // the centre, and those of which nothing is known
+    default:  // the centre and unknown channels
         return {kMinus3dB, kMinus3dB};
     }
 }

@@ -6,13 +6,13 @@
 
 namespace krv::media {
 
-/// How much of each channel of a layout goes into the left and the right channel of a stereo mix, after ITU-R
-/// BS.775: first all factors of the left, then all of the right. Nothing is scaled down for the sum to stay
-/// within bounds, so that what was said is as loud afterwards as before; whoever adds has to limit. Channels
-/// for low effects are left out. Pure.
+/// Returns the factors with which the channels of a layout are mixed down to stereo, after ITU-R BS.775. All factors
+/// for the left channel come first, then all for the right one. They are not scaled down to keep the sum within bounds,
+/// because speech must stay as loud as it was. The caller has to limit the sum. Low-frequency effects are dropped.
+/// Pure.
 [[nodiscard]] std::vector<double> stereoMatrix(const AVChannelLayout& layout);
 
-/// Whether a layout is the left and the right channel and nothing else.
+/// Returns whether a layout consists of the left and the right channel.
 [[nodiscard]] bool isStereo(const AVChannelLayout& layout);
 
 }  // namespace krv::media

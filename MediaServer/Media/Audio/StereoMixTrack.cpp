@@ -11,15 +11,14 @@ namespace {
 
 constexpr AVChannelLayout kStereo = AV_CHANNEL_LAYOUT_STEREO;
 
-/// -1 dB of full scale: what a lossy codec adds to a peak stays below full scale.
+/// -1 dB of full scale. The margin keeps peaks below full scale when a lossy codec raises them.
 constexpr float kCeiling = 0.891250938F;
 
-/// How long a track that does not come forward is waited for.
+/// How far a track may stay behind before the mixer stops waiting for it.
 constexpr std::int64_t kMostHeldSeconds = 20;
 
-/// Sound that has been limited is dense, and what the codec gets wrong in it comes on top of its peaks. So it
-/// gets more bits than usual, and noise stays what it was instead of being replaced by another with higher
-/// peaks.
+/// Limited audio is dense, and the codec's errors are added to its peaks. Therefore it gets more bits than usual, and
+/// the encoder must not substitute noise, because other noise may have higher peaks.
 constexpr std::int64_t kAACBitRate = 256'000;
 
 Settings stereoSettings(const Codec& codec) {

@@ -15,12 +15,12 @@
 
 namespace krv::media {
 
-/// Decodes audio streams and encodes all of them as one in stereo (see stereoMatrix()), in sync with each
-/// other and the picture, and limited to -1 dB of full scale.
+/// Decodes audio streams, mixes them down to one stereo stream (see stereoMatrix()), limits it to -1 dB of full scale
+/// and encodes it. The streams stay in sync with each other and with the video.
 class StereoMixTrack : public Track {
 public:
-    /// from: one or more; the first lends the mix its sample rate, language and title. It gets the packets of
-    /// all of them.
+    /// from: one or more streams, whose packets are all pushed here. The first one determines the sample rate, language
+    /// and title of the mix.
     StereoMixTrack(const Source& source, const std::vector<const AVStream*>& from, const Codec& codec);
 
     [[nodiscard]] bool ready() const override { return true; }
@@ -50,7 +50,7 @@ private:
     std::optional<EncoderSession> encoder_;
     std::optional<AudioMixer> sum_;
     std::optional<Limiter> limiter_;
-    std::optional<AudioResampler> packing_;  // into frames as the encoder wants them
+    std::optional<AudioResampler> packing_;  // into frames of the encoder's size
     std::int64_t encoded_ = 0;               // samples
 };
 

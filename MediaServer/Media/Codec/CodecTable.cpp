@@ -16,12 +16,12 @@ namespace {
 
 using Kind = QualityScale::Kind;
 
-// The qualities of the table are chosen so that the standard is hard to tell from the source at viewing
-// distance, the best on most material not at all, and the worst still shows what is going on.
+// At viewing distance the standard quality is hard to tell from the source, and the best quality cannot be told from it
+// on most material. At the worst quality a viewer can still follow the movie.
 //
 // clang-format off
 constexpr std::array<Encoder, 15> kEncoders{{
-    // name          quality: kind            option  worst   best    standard   options                                   rate   fields
+    // name          quality: kind            option  worst   best    standard   options                                   rate   interlaced
     {"libx264",     {Kind::Option,         "crf",   40,     12,     20},      "preset=fast",                            true,  true},
     {"libx265",     {Kind::Option,         "crf",   42,     14,     23},      "preset=fast",                            true,  false},
     {"libsvtav1",   {Kind::Option,         "crf",   60,     16,     32},      "preset=8",                               true,  false},
@@ -43,7 +43,8 @@ constexpr AVPixelFormat kNoPixels = AV_PIX_FMT_NONE;
 constexpr AVMediaType kVideo = AVMEDIA_TYPE_VIDEO;
 constexpr AVMediaType kAudio = AVMEDIA_TYPE_AUDIO;
 
-/// The layouts that every player of these codecs knows; sound with more channels is mixed down unless it is asked for.
+/// The layouts that every player of these codecs supports. Audio with more channels is mixed down, unless the request
+/// asks for these channels.
 constexpr std::array<std::uint64_t, 6> kAACLayouts{AV_CH_LAYOUT_MONO,         AV_CH_LAYOUT_STEREO,
                                                    AV_CH_LAYOUT_SURROUND,     AV_CH_LAYOUT_4POINT0,
                                                    AV_CH_LAYOUT_5POINT0_BACK, AV_CH_LAYOUT_5POINT1_BACK};
@@ -80,7 +81,7 @@ std::string fourCCText(std::uint32_t code) {
         text += static_cast<char>(code >> shift & 0xff);
     }
     const bool printable = std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isprint(c) != 0; });
-    return printable ? fmt::format("“{}”", text) : fmt::format("0x{:08x}", code);
+    return printable ? text : fmt::format("0x{:08x}", code);
 }
 
 std::span<const Codec> codecs() noexcept {
@@ -90,11 +91,12 @@ std::span<const Codec> codecs() noexcept {
 const Codec& codecForFourCC(std::uint32_t code, AVMediaType type) {
     const auto found = std::find_if(kCodecs.begin(), kCodecs.end(), [&](const Codec& c) { return c.fourCC == code; });
     if (found == kCodecs.end()) {
-        throw Failure(FailureCode::Unsupported, fmt::format("The codec {} is not supported.", fourCCText(code)));
+        throw Failure({.cause = FailureCause::UnsupportedCodec, .subject = fourCCText(code)});
     }
     if (found->type != type) {
-        throw Failure(FailureCode::Unsupported, fmt::format("The codec {} is not one for {}.", fourCCText(code),
-                                                            type == AVMEDIA_TYPE_VIDEO ? "video" : "audio"));
+        throw Failure({.cause = FailureCause::WrongKindOfCodec,
+                       .subject = fourCCText(code),
+                       .detail = type == AVMEDIA_TYPE_VIDEO ? "a video codec" : "an audio codec"});
     }
     return *found;
 }
@@ -105,7 +107,7 @@ const Codec* codecLike(const AVCodecParameters& parameters) noexcept {
     const AVCodecID id = pcm ? AV_CODEC_ID_PCM_S16LE : parameters.codec_id;
     const Codec* like = nullptr;
     for (const Codec& codec : kCodecs) {
-        // Variants of one codec are told apart by their codes.
+        // The tag tells the variants of one codec apart.
         const bool same = parameters.codec_tag == av_bswap32(codec.fourCC);
         if (codec.id == id && (!like || same)) {
             like = &codec;
@@ -119,7 +121,8 @@ const Encoder& encoderNamed(std::string_view name) {
     const auto found =
         std::find_if(kEncoders.begin(), kEncoders.end(), [&](const Encoder& e) { return e.name == wanted; });
     if (found == kEncoders.end()) {
-        throw Failure(FailureCode::Internal, fmt::format("No row for the encoder {}.", name));
+        throw Failure({.cause = FailureCause::InternalError,
+                       .reason = fmt::format("the codec table has no row for the encoder {}", name)});
     }
     return *found;
 }

@@ -16,17 +16,17 @@ Decoder::Decoder(const AVStream& stream, int threads) {
     const char* name = avcodec_get_name(stream.codecpar->codec_id);
     const AVCodec* codec = avcodec_find_decoder(stream.codecpar->codec_id);
     if (!codec) {
-        throw Failure(FailureCode::Unsupported, fmt::format("The source's codec “{}” cannot be decoded.", name));
+        throw Failure({.cause = FailureCause::UndecodableCodec, .subject = name});
     }
     context_.reset(notNull(avcodec_alloc_context3(codec)));
     int result = avcodec_parameters_to_context(context_.get(), stream.codecpar);
     if (result >= 0) {
-        context_->pkt_timebase = stream.time_base;  // without it encoder delay is not cut off exactly
+        context_->pkt_timebase = stream.time_base;  // needed to cut off the encoder delay exactly
         context_->thread_count = threads;
         result = avcodec_open2(context_.get(), codec, nullptr);
     }
     if (result < 0) {
-        fail(FailureCode::UnusableSource, result, fmt::format("The codec “{}” cannot be decoded", name));
+        fail(FailureCause::Damaged, result, fmt::format("opening the decoder {}", name));
     }
 }
 
@@ -43,8 +43,8 @@ void Decoder::flush() {
 }
 
 void Decoder::send(const AVPacket* packet, const Sink& sink) {
-    // Errors belong to this packet's data and are nothing to give up for; whether anything useful came out at
-    // all is known at the end.
+    // An error concerns this packet only, so decoding goes on. Whether there were any frames at all is known at the
+    // end.
     const int result = avcodec_send_packet(context_.get(), packet);
     if (result == AVERROR(ENOMEM)) {
         throw std::bad_alloc();

@@ -6,22 +6,21 @@
 
 namespace krv::media {
 
-/// How many threads a codec or filter may use: one per core.
+/// Returns how many threads a codec or filter may use: one per core.
 [[nodiscard]] int coreCount() noexcept;
 
-/// Decodes a video or audio stream. Damaged packets are skipped. One thread (the codec may use more of its
-/// own).
+/// Decodes a video or audio stream. Skips damaged packets. Not thread-safe; the codec may use threads of its own.
 class Decoder {
 public:
-    /// Receives each frame, its best time in AVFrame::pts, in units of the stream. May be kept or changed.
+    /// Receives ownership of each frame. AVFrame::pts is its best-effort timestamp in the stream's time base.
     using Sink = std::function<void(FramePtr)>;
 
-    /// Throws Failure if the codec cannot be decoded. threads: how many of its own the codec may use.
+    /// threads: how many the codec may use. Throws Failure with UndecodableCodec or Damaged.
     explicit Decoder(const AVStream& stream, int threads = coreCount());
 
     void push(const AVPacket& packet, const Sink& sink);
     void finish(const Sink& sink);
-    /// Forgets what it has been given so far: the next packet is one from elsewhere.
+    /// Resets the decoder before a packet from another position.
     void flush();
 
     [[nodiscard]] AVCodecContext& context() const noexcept { return *context_; }

@@ -23,10 +23,10 @@ namespace {
 
 using Kind = QualityScale::Kind;
 
-/// No encoder decodes a picture this long before it is shown.
+/// An upper limit for the time between decoding and showing a frame.
 constexpr std::chrono::seconds kLongestReordering = std::chrono::hours(1);
 
-/// Encoders that print to standard error themselves, past FFmpeg's log, are told not to.
+/// Silences encoders that bypass FFmpeg's log and print to standard error.
 void silence(AVCodecContext& context, const std::string& encoder) {
     if (encoder == "libx265") {
         addToListOption(context.priv_data, "x265-params", "log-level", "none");
@@ -41,7 +41,7 @@ void applyTableOptions(AVCodecContext& context, const char* options) {
     av_dict_parse_string(dict.address(), options, "=", ":", 0);
     const int result = av_opt_set_dict2(&context, dict.address(), AV_OPT_SEARCH_CHILDREN);
     if (result < 0 || av_dict_count(dict.get()) != 0) {
-        fail(FailureCode::Internal, result, fmt::format("The encoder does not know “{}”", options));
+        fail(FailureCause::InternalError, result, fmt::format("setting the encoder options {}", options));
     }
 }
 
@@ -67,7 +67,7 @@ void applyQuality(AVCodecContext& context, const QualityScale& scale, float qual
     }
 }
 
-/// Whoever sets one of these has chosen how quality and size are balanced.
+/// Returns whether the request's options already choose a rate control mode.
 bool choosesRateControl(const Settings& settings) {
     constexpr std::array<std::string_view, 6> keys{"b", "crf", "qp", "global_quality", "qscale", "rc"};
     return std::any_of(settings.options.begin(), settings.options.end(), [&](const auto& option) {
@@ -75,10 +75,9 @@ bool choosesRateControl(const Settings& settings) {
     });
 }
 
-void applyBitRate(AVCodecContext& context, const Encoder& encoder, std::int64_t bitRate) {
+void applyBitRate(AVCodecContext& context, const Encoder& encoder, const Codec& codec, std::int64_t bitRate) {
     if (!encoder.hasBitRate) {
-        throw Failure(FailureCode::Unsupported,
-                      fmt::format("The setting “bitrate” does not apply to {}.", context.codec->long_name));
+        throw Failure({.cause = FailureCause::SettingDoesNotApply, .subject = "bitrate", .detail = codec.displayName});
     }
     context.bit_rate = bitRate;
     if (context.codec_type == AVMEDIA_TYPE_VIDEO) {
@@ -86,8 +85,8 @@ void applyBitRate(AVCodecContext& context, const Encoder& encoder, std::int64_t 
     }
 }
 
-/// A request may set what the encoder itself knows, and of FFmpeg's general options those for encoding its
-/// kind.
+/// Sets an option of the request: a private one of the encoder, or one of FFmpeg's generic encoding options for its
+/// media type.
 void applyOption(AVCodecContext& context, const std::string& key, const std::string& value) {
     const int kind = context.codec_type == AVMEDIA_TYPE_VIDEO ? AV_OPT_FLAG_VIDEO_PARAM : AV_OPT_FLAG_AUDIO_PARAM;
     void* target = nullptr;
@@ -98,10 +97,9 @@ void applyOption(AVCodecContext& context, const std::string& key, const std::str
         target = &context;
     }
     if (!target) {
-        throw Failure(FailureCode::Unsupported,
-                      fmt::format("The setting “{}” is not known to the encoder {}.", key, context.codec->name));
+        throw Failure({.cause = FailureCause::SettingDoesNotApply, .subject = key, .detail = context.codec->name});
     }
-    // Lists are added to, since they hold entries of ours already.
+    // Options that are lists already contain entries of ours, so the request's entry is added.
     const AVOption* option = av_opt_find(target, key.c_str(), nullptr, 0, 0);
     int result = 0;
     if (const auto equals = value.find('='); option->type == AV_OPT_TYPE_DICT && equals != std::string::npos) {
@@ -110,8 +108,9 @@ void applyOption(AVCodecContext& context, const std::string& key, const std::str
         result = av_opt_set(target, key.c_str(), value.c_str(), 0);
     }
     if (result < 0) {
-        throw Failure(FailureCode::Unsupported, fmt::format("The encoder {} does not take the setting “{}={}”.",
-                                                            context.codec->name, key, value));
+        throw Failure({.cause = FailureCause::SettingDoesNotApply,
+                       .subject = fmt::format("{}={}", key, value),
+                       .detail = context.codec->name});
     }
 }
 
@@ -127,7 +126,8 @@ CodecContextPtr openEncoder(const char* name, const EncoderSession::Request& req
     if (output.wantsGlobalHeaders()) {
         context->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     }
-    // x264 and x265 start more threads than cores on their own, because theirs wait for one another.
+    // x264 and x265 choose their number of threads themselves. They start more threads than there are cores, because
+    // their threads wait for one another.
     const bool choosesItself = std::string_view(name).starts_with("libx26");
     context->thread_count = choosesItself ? 0 : coreCount();
     silence(*context, name);
@@ -135,7 +135,7 @@ CodecContextPtr openEncoder(const char* name, const EncoderSession::Request& req
     applyTableOptions(*context, request.codec.options);
     prepare(*context);
     if (request.settings.bitRate) {
-        applyBitRate(*context, row, *request.settings.bitRate);
+        applyBitRate(*context, row, request.codec, *request.settings.bitRate);
     } else if (!choosesRateControl(request.settings)) {
         applyQuality(*context, row.quality, request.quality);
     }
@@ -150,7 +150,7 @@ std::uint32_t muxerTag(std::uint32_t fourCC) {
     return MKTAG(fourCC >> 24 & 0xff, fourCC >> 16 & 0xff, fourCC >> 8 & 0xff, fourCC & 0xff);
 }
 
-/// PCM is one codec to those who ask for it and many to FFmpeg.
+/// Returns FFmpeg's encoder for PCM, which is one codec in requests but many in FFmpeg. Returns other names unchanged.
 const char* exactName(const char* name, bool highResolution) {
     if (name && std::string_view(name) == "pcm") {
         return highResolution ? "pcm_s24le" : "pcm_s16le";
@@ -169,8 +169,7 @@ EncoderSession::EncoderSession(const Request& request, OutputFile& output, const
         }
     }
     if (!context_) {
-        fail(FailureCode::Unsupported, result,
-             fmt::format("The {} encoder does not take what was asked for", request.codec.displayName));
+        fail(FailureCause::EncoderRefuses, result, "opening the encoder", request.codec.displayName);
     }
     stream_ = &output.addStream();
     if (avcodec_parameters_from_context(stream_->codecpar, context_.get()) < 0) {
@@ -190,7 +189,7 @@ void EncoderSession::encode(AVFrame& frame) {
     if (context_->codec_type == AVMEDIA_TYPE_VIDEO) {
         durations_[frame.pts] = frame.pkt_duration;
     }
-    frame.quality = context_->global_quality;  // some encoders with a fixed quantiser look for it here
+    frame.quality = context_->global_quality;  // where some encoders read the fixed quantiser
     send(&frame);
 }
 
@@ -201,7 +200,7 @@ void EncoderSession::finish() {
 void EncoderSession::send(const AVFrame* frame) {
     int result = avcodec_send_frame(context_.get(), frame);
     if (result < 0 && result != AVERROR_EOF) {
-        fail(FailureCode::Internal, result, "The encoder failed");
+        fail(FailureCause::InternalError, result, "encoding");
     }
     for (;;) {
         result = avcodec_receive_packet(context_.get(), packet_.get());
@@ -209,7 +208,7 @@ void EncoderSession::send(const AVFrame* frame) {
             return;
         }
         if (result < 0) {
-            fail(FailureCode::Internal, result, "The encoder failed");
+            fail(FailureCause::InternalError, result, "encoding");
         }
         if (const auto known = durations_.find(packet_->pts); known != durations_.end()) {
             packet_->duration = known->second;
@@ -221,7 +220,7 @@ void EncoderSession::send(const AVFrame* frame) {
     }
 }
 
-// libx265 leaves decoding times uninitialised when a movie has fewer pictures than it looks ahead.
+// libx265 leaves decoding times uninitialised if a movie has fewer frames than its lookahead.
 void EncoderSession::makeTimesValid(AVPacket& packet) {
     const std::int64_t earliest =
         packet.pts - av_rescale_q(kLongestReordering.count(), AVRational{1, 1}, context_->time_base);

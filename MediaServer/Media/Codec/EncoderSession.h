@@ -12,7 +12,7 @@
 
 namespace krv::media {
 
-/// An open encoder that writes its packets to a stream of the output. One thread.
+/// An open encoder that writes its packets to a stream of the output. Not thread-safe.
 class EncoderSession {
 public:
     struct Request {
@@ -21,16 +21,15 @@ public:
         const Settings& settings;
         bool highResolution = false;  ///< for PCM: 24 bits instead of 16
     };
-    /// Fills in what the media demand (size, formats, rates, time base) before the encoder is opened. Gets
-    /// the encoder, of whose formats it may have to choose.
+    /// Fills in the properties of the media (size, formats, rates, time base) before the encoder is opened.
+    /// AVCodecContext::codec is already set and lists the formats that the encoder supports.
     using Prepare = std::function<void(AVCodecContext& context)>;
 
-    /// Opens the first of the codec's encoders that works, and adds its stream to the output.
-    /// Throws Failure Unsupported naming a setting or its value if the encoder does not take it.
+    /// Opens the first of the codec's encoders that can be opened, and adds its stream to the output.
+    /// Throws Failure with SettingDoesNotApply or EncoderRefuses if the encoder rejects a setting.
     EncoderSession(const Request& request, OutputFile& output, const Prepare& prepare);
 
-    /// Encodes a frame; its pts is in units of the context's time base. For video, pkt_duration is how long
-    /// it is shown.
+    /// Encodes a frame. Its pts is in units of the context's time base, and so is the pkt_duration of a video frame.
     void encode(AVFrame& frame);
     void finish();
 
@@ -46,7 +45,7 @@ private:
     AVStream* stream_ = nullptr;
     PacketPtr packet_ = newPacket();
     std::optional<std::int64_t> lastDts_;
-    std::map<std::int64_t, std::int64_t> durations_;  // by time, of the frames that are inside the encoder
+    std::map<std::int64_t, std::int64_t> durations_;  // of the frames that the encoder is working on, by their times
 };
 
 }  // namespace krv::media

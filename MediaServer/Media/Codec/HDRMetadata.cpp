@@ -64,7 +64,7 @@ void HDRMetadata::describeTo(AVCodecContext& encoder) const {
     };
     if (mastering_) {
         const auto& m = *static_cast<const AVMasteringDisplayMetadata*>(mastering_);
-        constexpr int kPoint = 50000;      // the units of the coded message: 0.00002 of a coordinate,
+        constexpr int kPoint = 50000;      // units of the coded message: 0.00002 of a coordinate
         constexpr int kLuminance = 10000;  // and 0.0001 cd/m²
         const auto& p = m.display_primaries;
         if (m.has_primaries && m.has_luminance) {

@@ -4,19 +4,19 @@
 
 namespace krv::media {
 
-/// The brightness of the screen a picture was mastered on, and of its content: of the stream, or of its first
-/// frame where only the coded pictures carry it.
+/// The mastering display and content light metadata of a stream, or of its first frame if only the coded frames carry
+/// them. Borrows the data of both.
 class HDRMetadata {
 public:
     HDRMetadata(const AVStream& stream, const AVFrame& frame);
 
-    /// The brightest that is to be expected, in candela per square metre: of the content, else of the screen it was
-    /// mastered on, else what is usual.
+    /// Returns the expected peak luminance in candela per square metre. It is that of the content if known, else that
+    /// of the mastering display, else a common value.
     [[nodiscard]] double peakLuminance() const;
 
-    /// Tells an encoder that writes it into the coded pictures. Before the encoder is opened.
+    /// Passes the metadata to an encoder that writes them into the coded frames. Call before the encoder is opened.
     void describeTo(AVCodecContext& encoder) const;
-    /// Tells the container.
+    /// Adds the metadata to a stream, for its container.
     void describeTo(AVStream& stream) const;
 
 private:
@@ -26,7 +26,7 @@ private:
     std::size_t lightSize_ = 0;
 };
 
-/// Adds one entry to an option of an encoder that is a list of "key=value" itself. Returns FFmpeg's result.
+/// Adds one entry to an encoder option that is itself a list of "key=value" entries. Returns FFmpeg's result.
 int addToListOption(void* object, const char* option, const char* key, const char* value);
 
 }  // namespace krv::media

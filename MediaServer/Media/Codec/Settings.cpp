@@ -17,17 +17,16 @@ extern "C" {
 namespace krv::media {
 namespace {
 
-/// Options through which an encoder writes or reads files of its own, or uses more of the machine than its
-/// share.
+/// Options with which an encoder writes or reads files of its own, or uses more than its share of the machine.
 constexpr std::array<std::string_view, 6> kRefusedKeys{"stats",   "passlogfile", "vstats_file",
                                                        "threads", "thread_type", "dump_separator"};
-/// The same within the options that carry an encoder's own option list.
+/// Parts of such options in an encoder's own option list.
 constexpr std::array<std::string_view, 12> kRefusedParts{"stats",    "dump",   "csv",          "recon",
                                                          "analysis", "log",    "qpfile",       "zones",
                                                          "cqmfile",  "lambda", "scaling-list", "dolby-vision-rpu"};
 
-[[noreturn]] void refuse(std::string_view key, std::string_view why) {
-    throw Failure(FailureCode::Unsupported, fmt::format("The setting “{}” {}.", key, why));
+[[noreturn]] void refuse(std::string_view key, std::string why) {
+    throw Failure({.cause = FailureCause::UnsupportedSetting, .subject = std::string(key), .detail = std::move(why)});
 }
 
 bool isUTF8(std::string_view text) {
@@ -47,7 +46,7 @@ Integer number(std::string_view key, std::string_view value, Integer low, Intege
     Integer result = 0;
     const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), result);
     if (error != std::errc() || end != value.data() + value.size()) {
-        refuse(key, fmt::format("is no whole number: “{}”", value));
+        refuse(key, fmt::format("is not a whole number: “{}”", value));
     }
     if (result < low || result > high) {
         refuse(key, fmt::format("is out of range ({} to {}): {}", low, high, value));
@@ -73,7 +72,7 @@ void checkEncoderOption(std::string_view key, std::string_view value) {
             refuse(key, fmt::format("cannot be set to “{}”", value));
         }
     }
-    // A first or second pass over a statistics file makes no sense here.
+    // Two-pass encoding needs a statistics file, which the worker cannot open.
     if (key == "flags" && value.find("pass") != std::string_view::npos) {
         refuse(key, fmt::format("cannot be set to “{}”", value));
     }
@@ -102,7 +101,7 @@ void apply(Settings& settings, std::string_view key, const std::string& value, b
 
 Settings parseSettings(std::string_view text, AVMediaType type) {
     if (!isUTF8(text)) {
-        throw Failure(FailureCode::BadArgument, "The settings are not UTF-8 text.");
+        throw Failure({.cause = FailureCause::InvalidArgument, .subject = "settings", .detail = "is not UTF-8 text"});
     }
     Settings settings;
     while (!text.empty()) {
@@ -129,8 +128,9 @@ void checkRange(const char* what, float value, float low, float high) {
     if (value == 0 || (std::isfinite(value) && value >= low && value <= high)) {
         return;
     }
-    throw Failure(FailureCode::Unsupported,
-                  fmt::format("The {} {} is not supported; it is 0 or from {} to {}.", what, value, low, high));
+    throw Failure({.cause = FailureCause::ValueOutOfRange,
+                   .subject = fmt::format("{} {}", what, value),
+                   .detail = fmt::format("0 or from {} to {}", low, high)});
 }
 
 }  // namespace krv::media

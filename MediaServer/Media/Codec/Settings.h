@@ -11,27 +11,26 @@
 
 namespace krv::media {
 
-/// A request's settings text, taken apart. Numbers are within sane bounds; options are not yet known to
-/// exist.
+/// A request's parsed settings text. Numbers are within plausible bounds. Whether the encoder has the options is not
+/// yet checked.
 struct Settings {
-    std::optional<int> width;   ///< pixels of the upright picture
-    std::optional<int> height;  ///< pixels of the upright picture
+    std::optional<int> width;   ///< pixels of the upright frame
+    std::optional<int> height;  ///< pixels of the upright frame
     std::optional<int> channels;
     std::optional<int> sampleRate;        ///< Hz
     std::optional<std::int64_t> bitRate;  ///< bits per second
     std::optional<AVPixelFormat> pixelFormat;
-    /// "preset" and everything else, for the encoder, in their order.
+    /// "preset" and all other keys, for the encoder, in their order.
     std::vector<std::pair<std::string, std::string>> options;
 };
 
-/// Takes "key=value:key=value" apart; empty parts are skipped. Pure.
-/// Throws Failure BadArgument for a text that is not UTF-8 and Unsupported, naming the key, for a part
-/// without "=", a number that is none or out of bounds, a key of the other type, and keys that would let the
-/// encoder open files.
+/// Parses "key=value:key=value". Skips empty parts. Pure. Throws Failure with InvalidArgument for a text that is not
+/// UTF-8. Throws Failure with UnsupportedSetting for a part without "=" and for a value that is not a number or out of
+/// bounds. Throws the same for keys that would let the encoder open files.
 [[nodiscard]] Settings parseSettings(std::string_view text, AVMediaType type);
 
-/// Throws Failure Unsupported naming what unless value is 0 or in [low, high]; NaN and infinities are in no
-/// range.
+/// Throws Failure with ValueOutOfRange unless value is 0 or in [low, high]. NaN and infinities are out of range. what:
+/// the value's name in the failure's subject.
 void checkRange(const char* what, float value, float low, float high);
 
 }  // namespace krv::media

@@ -3,8 +3,6 @@
 #include <cctype>
 #include <initializer_list>
 
-#include <fmt/format.h>
-
 #include <MediaServer/Media/Container/ContainerTable.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 #include <MediaServer/Media/Foundation/FourCC.h>
@@ -65,7 +63,7 @@ bool Container::holds(AVCodecID codec) const {
     if (extension == "mka" && avcodec_get_type(codec) != AVMEDIA_TYPE_AUDIO) {
         return false;
     }
-    // The muxer lists these for its whole family, and then refuses them in this member of it.
+    // The muxer lists these codecs for its whole family of containers, but refuses them in this one.
     if (extension == "mov" && among(codec, {AV_CODEC_ID_VP8, AV_CODEC_ID_VP9, AV_CODEC_ID_AV1, AV_CODEC_ID_OPUS,
                                             AV_CODEC_ID_FLAC, AV_CODEC_ID_TRUEHD})) {
         return false;
@@ -90,9 +88,10 @@ const Container& containerForPath(const std::string& path) {
     const auto found = std::find_if(kContainers.begin(), kContainers.end(),
                                     [&](const Container& c) { return c.extension == extension; });
     if (found == kContainers.end()) {
-        throw Failure(FailureCode::Unsupported,
-                      extension.empty() ? std::string("The file name has no extension that names a container.")
-                                        : fmt::format("The container “{}” is not supported.", extension));
+        if (extension.empty()) {
+            throw Failure({.cause = FailureCause::NoContainer});
+        }
+        throw Failure({.cause = FailureCause::UnsupportedContainer, .subject = extension});
     }
     return *found;
 }

@@ -10,35 +10,35 @@
 namespace krv::media {
 
 enum class CoverArt {
-    None,        ///< the container has no place for it
+    None,        ///< not supported
     Stream,      ///< written as a stream with the "attached picture" disposition
     Attachment,  ///< written as an attached file
 };
 
-/// What a container is called, made with, and able to hold. One row per supported extension.
+/// A container: its name, its muxer and what it can hold. One row per supported extension.
 struct Container {
     std::string_view extension;
     const char* muxer;
-    std::uint32_t defaultVideo;  ///< fourcc of the codec used when none is asked for; 0: no moving pictures
+    std::uint32_t defaultVideo;  ///< fourcc of the codec that is used by default; 0: it cannot hold video
     std::uint32_t defaultAudio;
-    AVCodecID textSubtitles;  ///< what text subtitles are converted to; AV_CODEC_ID_NONE: cannot hold any
+    AVCodecID textSubtitles;  ///< what text subtitles are converted to; AV_CODEC_ID_NONE: it cannot hold any
     CoverArt cover;
     bool indexInFront;    ///< "fast start" is possible and wanted
-    bool displayMatrix;   ///< can say that a picture is to be shown rotated
-    bool edits;           ///< can say that the beginning of what is stored is not to be shown
+    bool displayMatrix;   ///< can store that video is shown rotated
+    bool edits;           ///< has edit lists, which can hide the beginning
     bool singleTrack;     ///< holds one audio track and nothing else
-    bool timed;           ///< keeps times; without them a late start has to be filled with silence
+    bool timed;           ///< stores timestamps; without them silence replaces a late start
     const char* options;  ///< "key=value:…" for the muxer
 
-    /// Whether streams of this codec may stand in it.
+    /// Returns whether the container can hold streams of this codec.
     [[nodiscard]] bool holds(AVCodecID codec) const;
 };
 
-/// All rows.
+/// Returns all rows.
 [[nodiscard]] std::span<const Container> containers() noexcept;
 
-/// The container that the path's extension names (letter case does not matter).
-/// Throws Failure Unsupported naming the extension.
+/// Returns the container that the path's extension names, in upper or lower case.
+/// Throws Failure with NoContainer or UnsupportedContainer.
 [[nodiscard]] const Container& containerForPath(const std::string& path);
 
 }  // namespace krv::media

@@ -30,7 +30,7 @@ DescriptorIO::DescriptorIO(int descriptor, Mode mode, std::function<void(std::in
 }
 
 DescriptorIO::~DescriptorIO() {
-    av_freep(&context_->buffer);  // FFmpeg may have put a buffer of another size in its place
+    av_freep(&context_->buffer);  // FFmpeg may have replaced the buffer
     avio_context_free(&context_);
 }
 

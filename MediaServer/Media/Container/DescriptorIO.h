@@ -9,23 +9,23 @@ extern "C" {
 
 namespace krv::media {
 
-/// FFmpeg's I/O over an open file descriptor. It keeps a position of its own and uses pread and pwrite only,
-/// so that several of them, a writer and a reader of the same file for instance, share one descriptor without
-/// disturbing one another. The descriptor is not owned. One thread.
+/// Connects FFmpeg's I/O to an open file descriptor. It keeps its own position and uses pread and pwrite only. So
+/// several instances, such as a writer and a reader of the same file, can share one descriptor. It borrows the
+/// descriptor. Not thread-safe.
 class DescriptorIO {
 public:
     enum class Mode { Read, Write };
 
-    /// activity is called after each transfer with the number of bytes; it must not throw.
+    /// activity is called after each transfer with the number of bytes and must not throw.
     DescriptorIO(int descriptor, Mode mode, std::function<void(std::int64_t bytes)> activity);
     ~DescriptorIO();
     DescriptorIO(const DescriptorIO&) = delete;
     DescriptorIO& operator=(const DescriptorIO&) = delete;
 
     [[nodiscard]] AVIOContext* context() const noexcept { return context_; }
-    /// From now on what is read is zeros, and the file is left alone.
+    /// Makes all further reads return zeros without reading the file.
     void blind() noexcept { blind_ = true; }
-    /// errno of the first transfer that failed; 0 if none did. FFmpeg tends to forget it on the way up.
+    /// Returns the errno of the first transfer that failed, or 0. FFmpeg often loses it on the way to its caller.
     [[nodiscard]] int errorNumber() const noexcept { return error_; }
 
 private:

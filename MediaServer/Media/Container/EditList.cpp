@@ -10,7 +10,7 @@ namespace {
 
 using Bytes = std::span<const std::byte>;
 
-/// A header of two hours takes a few megabytes.
+/// The box of a two-hour movie takes a few megabytes.
 constexpr std::int64_t kLargestMovieBox = std::int64_t{256} << 20;
 constexpr std::size_t kMostEdits = 100'000;
 constexpr int kMostTopLevelBoxes = 10'000;
@@ -30,7 +30,8 @@ struct Box {
     Bytes contents;
 };
 
-/// The next box of a list, which shrinks by it; nothing at the end and for a box that claims more than there is.
+/// Removes the first box from a list and returns it. Returns nothing at the end of the list, and for a box that claims
+/// to be longer than the list.
 std::optional<Box> takeBox(Bytes& list) {
     if (list.size() < kBoxHeader) {
         return std::nullopt;
@@ -62,7 +63,7 @@ std::optional<Bytes> find(Bytes list, std::string_view type) {
     return std::nullopt;
 }
 
-/// The field behind the two dates of a header, whose length the version tells.
+/// Returns the field after the two dates of a header. The header's version determines the length of the dates.
 std::optional<std::uint32_t> afterDates(std::optional<Bytes> header) {
     if (!header || header->empty()) {
         return std::nullopt;

@@ -8,23 +8,23 @@
 
 namespace krv::media {
 
-/// The edits of a movie in the QuickTime family of formats, which FFmpeg applies but does not tell.
+/// The edit lists of a movie in the QuickTime family of formats. FFmpeg applies them but does not report them.
 struct MovieEdits {
     struct Track {
         std::uint32_t id = 0;
-        /// Where each edit begins, in units of the movie's time scale, ascending from 0. A track without an edit list
-        /// has none.
+        /// Where each edit begins, in units of the movie's time scale, ascending from 0. Empty if the track has no edit
+        /// list.
         std::vector<std::int64_t> starts;
     };
-    std::uint32_t timeScale = 0;  ///< units per second; 0 when there is no movie header
+    std::uint32_t timeScale = 0;  ///< units per second; 0 if there is no movie header
     std::vector<Track> tracks;
 };
 
-/// Reads the contents of a "moov" box. Whatever is malformed is left out. Pure.
+/// Parses the contents of a "moov" box. Skips what is malformed. Pure.
 [[nodiscard]] MovieEdits parseMovieEdits(std::span<const std::byte> movieBox);
 
-/// Finds the "moov" box of a file and parses it. An empty result when there is none, or none of sane size. readAt fills
-/// the bytes and returns false when they cannot all be read.
+/// Finds the "moov" box of a file and parses it. Returns an empty result if there is none, or if it is too large to be
+/// plausible. readAt fills the bytes, or returns false if it cannot read all of them.
 using ReadAt = std::function<bool(std::int64_t offset, std::span<std::byte> bytes)>;
 [[nodiscard]] MovieEdits readMovieEdits(const ReadAt& readAt, std::int64_t fileSize);
 

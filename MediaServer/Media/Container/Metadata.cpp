@@ -9,7 +9,7 @@
 namespace krv::media {
 namespace {
 
-/// Tags that describe the source file itself and would be untrue of another.
+/// Tags that describe the source file itself and are wrong for any other file.
 constexpr std::array<std::string_view, 7> kFileTags{"major_brand", "minor_version",    "compatible_brands", "encoder",
                                                     "vendor_id",   "_STATISTICS_TAGS", "DURATION"};
 constexpr std::array<std::string_view, 5> kStatistics{"BPS", "DURATION-", "NUMBER_OF_FRAMES", "NUMBER_OF_BYTES",

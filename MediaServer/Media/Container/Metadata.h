@@ -10,28 +10,28 @@
 
 namespace krv::media {
 
-/// The movie's tags and chapters, on the movie's own time. Before OutputFile::writeHeader().
+/// Copies the movie's tags and chapters, the latter on the movie's own time. Call before OutputFile::writeHeader().
 void copyMovieMetadata(const Source& source, OutputFile& output);
 
-/// Chapters that follow one another without gaps; the last one ends at this time. Microseconds. Before
-/// OutputFile::writeHeader().
 struct Chapter {
-    std::int64_t start;
+    std::int64_t start;  ///< in microseconds
     std::string title;
 };
+/// Adds chapters that follow one another without gaps. end: where the last one ends, in microseconds. Call before
+/// OutputFile::writeHeader().
 void addChapters(const std::vector<Chapter>& chapters, std::int64_t end, OutputFile& output);
 
-/// Tags, but for those that describe the source file itself and would be untrue of another.
+/// Copies the tags, except those that describe the source file itself and are wrong for any other file.
 void copyTags(const AVDictionary* from, AVDictionary** to);
 
-/// What makes a track the track it is, whatever codec it is in: language, title, time code, disposition.
+/// Copies the metadata that does not depend on the codec: language, title, time code, disposition.
 void copyTrackMetadata(const AVStream& from, AVStream& to, const Container& container);
 
-/// Side data that describes the picture and not its coding: rotation and mirroring (if displayMatrix),
-/// spherical and stereoscopic layout.
+/// Copies the side data that describes how video is shown, not how it is coded: rotation and mirroring (if
+/// displayMatrix), spherical and stereoscopic layout.
 void copyVideoSideData(const AVStream& from, AVStream& to, bool displayMatrix);
 
-/// All of a stream's side data, for a stream that is copied.
+/// Copies all side data, for a stream whose packets are copied.
 void copyAllSideData(const AVStream& from, AVStream& to);
 
 }  // namespace krv::media

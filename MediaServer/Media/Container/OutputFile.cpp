@@ -1,12 +1,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <limits>
+#include <string>
 
 #include <unistd.h>
-
-#include <fmt/format.h>
 
 #include <MediaServer/Media/Container/OutputFile.h>
 
@@ -18,11 +16,11 @@ OutputFile::OutputFile(int descriptor, const Container& container, Progress& pro
     , progress_(progress)
     , io_(descriptor, DescriptorIO::Mode::Write, [this](std::int64_t) { progress_.alive(); }) {
     if (ftruncate(descriptor, 0) != 0) {
-        throw Failure(FailureCode::UnwritableDestination, std::strerror(errno));
+        throw Failure({.cause = FailureCause::UnwritableDestination, .errorNumber = errno});
     }
     const int result = avformat_alloc_output_context2(&format_, nullptr, container.muxer, nullptr);
     if (result < 0) {
-        fail(FailureCode::Unsupported, result, fmt::format("The container “{}” is not available", container.extension));
+        fail(FailureCause::UnsupportedContainer, result, "finding the muxer", std::string(container.extension));
     }
     format_->pb = io_.context();
     format_->flags |= AVFMT_FLAG_CUSTOM_IO;
@@ -43,8 +41,8 @@ AVStream& OutputFile::addStream() {
     return *notNull(avformat_new_stream(format_, nullptr));
 }
 
-// Cameras store what they know under names of their own. The muxer keeps these only in another kind of list,
-// which is why it is not used for other movies.
+// Cameras use tag names of their own. The muxer keeps these only if it writes tags as another kind of list, which is
+// therefore used for such movies only.
 bool OutputFile::hasCameraTags() const {
     return av_dict_get(format_->metadata, "com.apple.quicktime.", nullptr, AV_DICT_IGNORE_SUFFIX) != nullptr;
 }
@@ -58,8 +56,8 @@ void OutputFile::writeHeader() {
     if (container_.extension == "mov" && hasCameraTags()) {
         av_dict_set(options.address(), "movflags", "+use_metadata_tags", AV_DICT_APPEND);
     }
-    check(avformat_write_header(format_, options.address()), FailureCode::Unsupported,
-          "The container refuses these streams");
+    check(avformat_write_header(format_, options.address()), FailureCause::ContainerRefusesTracks,
+          "writing the header");
 }
 
 void OutputFile::write(const AVStream& stream, AVPacket& packet, AVRational timeBase) {
@@ -67,14 +65,14 @@ void OutputFile::write(const AVStream& stream, AVPacket& packet, AVRational time
     packet.stream_index = stream.index;
     packet.pos = -1;
     av_packet_rescale_ts(&packet, timeBase, stream.time_base);
-    // A damaged head can make a picture last for days, which no container can say. The longest that can be said will
-    // do.
+    // A damaged header can make a frame last for days, which no container can store. Use the longest duration that it
+    // can store.
     packet.duration = std::clamp<std::int64_t>(packet.duration, 0, std::numeric_limits<int>::max());
     const int result = av_interleaved_write_frame(format_, &packet);
     if (result == AVERROR_INVALIDDATA && io_.errorNumber() == 0) {
         return;
     }
-    check(result, FailureCode::Internal, "A packet cannot be written");
+    check(result, FailureCause::InternalError, "writing a packet");
     if (kind == AVMEDIA_TYPE_VIDEO || kind == AVMEDIA_TYPE_AUDIO) {
         ++packets_;
     }
@@ -82,23 +80,26 @@ void OutputFile::write(const AVStream& stream, AVPacket& packet, AVRational time
 
 void OutputFile::finish() {
     bytesToMove_ = avio_tell(io_.context());
-    check(av_write_trailer(format_), FailureCode::Internal, "The file cannot be finished");
+    check(av_write_trailer(format_), FailureCause::InternalError, "finishing the file");
     avio_flush(io_.context());
-    check(io_.context()->error, FailureCode::UnwritableDestination, "The file cannot be finished");
+    check(0, FailureCause::InternalError, "finishing the file");
+    if (const int error = io_.context()->error; error < 0) {
+        throw Failure({.cause = FailureCause::UnwritableDestination, .errorNumber = AVUNERROR(error)});
+    }
 }
 
-void OutputFile::check(int result, FailureCode otherwise, const char* attempt) const {
-    // The muxers' own reports of failed writes are neither complete nor exact; errno of the transfer is.
+void OutputFile::check(int result, FailureCause otherwise, const char* attempt) const {
+    // Muxers report failed writes incompletely and inexactly; the errno of the transfer is exact.
     if (io_.errorNumber() != 0) {
-        throw Failure(FailureCode::UnwritableDestination, std::strerror(io_.errorNumber()));
+        throw Failure({.cause = FailureCause::UnwritableDestination, .errorNumber = io_.errorNumber()});
     }
     if (result < 0) {
-        fail(otherwise, result, attempt);
+        fail(otherwise, result, attempt, std::string(container_.extension));
     }
 }
 
-// The muxer opens its own output a second time, under the context's (empty) url, while it moves the media
-// data back to make room for the index.
+// To make room for the index, the muxer moves the media data back. For that it opens its own output a second time,
+// under the context's (empty) URL.
 int OutputFile::openForReading(AVFormatContext* format, AVIOContext** io, const char* url, int flags, AVDictionary**) {
     auto& self = *static_cast<OutputFile*>(format->opaque);
     if ((url && *url) || flags != AVIO_FLAG_READ || self.reader_) {

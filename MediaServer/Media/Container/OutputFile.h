@@ -11,13 +11,13 @@
 
 namespace krv::media {
 
-/// A movie being written into an open file descriptor. Streams are added, then the header is written, then
-/// packets, then the file is finished. The muxer can read back what it has written (to move the index to the
-/// front), and can open nothing else. One thread.
+/// Writes a movie into an open file descriptor. First streams are added, then the header is written, then packets, and
+/// finally the file is finished. The muxer can read back what it has written, to move the index to the front, but it
+/// cannot open any other file. Not thread-safe.
 class OutputFile {
 public:
-    /// The descriptor must be open for reading and writing; it is emptied and not owned.
-    /// Throws Failure UnwritableDestination.
+    /// Truncates the file and borrows the descriptor, which must be open for reading and writing.
+    /// Throws Failure with UnwritableDestination.
     OutputFile(int descriptor, const Container& container, Progress& progress);
     ~OutputFile();
     OutputFile(const OutputFile&) = delete;
@@ -25,32 +25,32 @@ public:
 
     [[nodiscard]] AVFormatContext& format() const noexcept { return *format_; }
     [[nodiscard]] const Container& container() const noexcept { return container_; }
-    /// Whether encoders have to put their headers into the stream's parameters.
+    /// Returns whether encoders have to put their headers into the stream's parameters.
     [[nodiscard]] bool wantsGlobalHeaders() const noexcept;
 
-    /// A new stream, to be filled in before writeHeader(). Lives as long as this.
+    /// Adds a stream, which the caller fills in before writeHeader(). This object owns it.
     [[nodiscard]] AVStream& addStream();
 
-    /// Throws Failure UnwritableDestination, or Unsupported if the container cannot hold the streams.
+    /// Throws Failure with UnwritableDestination or ContainerRefusesTracks.
     void writeHeader();
 
-    /// Takes the packet's data over and puts it in order among the other streams' packets. Its times are in
-    /// units of timeBase. A packet whose content the container cannot take is left out. Throws Failure
-    /// UnwritableDestination or Internal.
+    /// Takes ownership of the packet's data and interleaves it with the packets of the other streams. Its times are in
+    /// units of timeBase. Drops a packet whose content the container rejects.
+    /// Throws Failure with UnwritableDestination or InternalError.
     void write(const AVStream& stream, AVPacket& packet, AVRational timeBase);
 
-    /// Writes what is still waiting, and the index, in front where the container has one. Reports its
-    /// progress as a phase that has been begun by the caller.
+    /// Writes the packets that are still buffered, and the index, which goes to the front if the container allows it.
+    /// Reports progress in the phase that the caller has begun.
     void finish();
 
-    /// How many packets of video and audio have been taken.
+    /// Returns how many packets of video and audio have been written.
     [[nodiscard]] std::int64_t packetCount() const noexcept { return packets_; }
 
 private:
     static int openForReading(AVFormatContext* format, AVIOContext** io, const char* url, int flags, AVDictionary**);
     static int closeAfterReading(AVFormatContext* format, AVIOContext* io);
     [[nodiscard]] bool hasCameraTags() const;
-    void check(int result, FailureCode otherwise, const char* attempt) const;
+    void check(int result, FailureCause otherwise, const char* attempt) const;
 
     int descriptor_;
     const Container& container_;

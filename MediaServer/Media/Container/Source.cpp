@@ -3,8 +3,6 @@
 
 #include <sys/stat.h>
 
-#include <fmt/format.h>
-
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Container/SourceFormat.h>
 #include <MediaServer/Media/Container/StreamSelection.h>
@@ -13,33 +11,33 @@
 namespace krv::media {
 namespace {
 
-/// How much of the file may be looked at to find out what its streams are.
+/// How much of the file may be read to identify its streams.
 constexpr std::int64_t kProbeBytes = 20'000'000;
 constexpr std::int64_t kProbeTime = std::int64_t{10} * AV_TIME_BASE;
 
-/// A movie whose first frame is later than this does not begin with an empty edit, it is a piece of something
-/// longer.
+/// A movie whose first frame is later than this is a piece of a longer one, not a movie that begins with an empty edit.
 constexpr std::int64_t kLongestEmptyStart = 60 * static_cast<std::int64_t>(AV_TIME_BASE);
 
-/// A jump of the clock that is larger than this is a splice, not a pause. Backwards any jump is one that is
-/// larger than what inexact clocks do.
+/// A larger forward jump of the clock is a splice, not a pause. Backward jumps are splices unless they are as small as
+/// those of inexact clocks.
 constexpr std::int64_t kSpliceForward = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
 constexpr std::int64_t kSpliceBackward = AV_TIME_BASE / 10;
 
-/// Lengths in headers are not exact; times this far behind the end are damage all the same.
+/// Lengths in headers are inexact, but timestamps this far beyond the end are damaged.
 constexpr std::int64_t kSlack = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
 constexpr std::int64_t kLongestMovie = std::int64_t{1000} * 3600 * AV_TIME_BASE;
 
-/// Demuxers that resynchronise after damage report each failed try; after so many in a row there is nothing to
-/// come.
+/// Demuxers report each failed attempt to resynchronise after damage. After this many in a row nothing more will
+/// follow.
 constexpr int kReadAttempts = 64;
 
-/// For a demuxer a lack of memory is, as a rule, a damaged header that claims to need that much.
+/// Throws the failure of opening a source. A demuxer that runs out of memory has usually met a damaged header that
+/// claims to need that much.
 [[noreturn]] void unusable(int result, const char* attempt) {
     if (result == AVERROR(ENOMEM)) {
-        throw Failure(FailureCode::UnusableSource, "It claims to be larger than what fits into memory.");
+        throw Failure({.cause = FailureCause::NeedsTooMuchMemory});
     }
-    fail(FailureCode::UnusableSource, result, attempt);
+    fail(FailureCause::Damaged, result, attempt);
 }
 
 int refuseToOpen(AVFormatContext*, AVIOContext**, const char*, int, AVDictionary**) {
@@ -49,16 +47,16 @@ int refuseToOpen(AVFormatContext*, AVIOContext**, const char*, int, AVDictionary
 std::int64_t checkedSize(int descriptor) {
     struct stat status {};
     if (fstat(descriptor, &status) != 0) {
-        throw Failure(FailureCode::UnusableSource, std::strerror(errno));
+        throw Failure({.cause = FailureCause::Damaged, .reason = std::strerror(errno), .errorNumber = errno});
     }
     if (S_ISDIR(status.st_mode)) {
-        throw Failure(FailureCode::UnusableSource, "It is a folder.");
+        throw Failure({.cause = FailureCause::SourceIsFolder});
     }
     if (!S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode)) {
-        throw Failure(FailureCode::UnusableSource, "It is not a file.");
+        throw Failure({.cause = FailureCause::SourceIsNotAFile});
     }
     if (S_ISREG(status.st_mode) && status.st_size == 0) {
-        throw Failure(FailureCode::UnusableSource, "The file is empty.");
+        throw Failure({.cause = FailureCause::SourceIsEmpty});
     }
     return status.st_size;
 }
@@ -89,23 +87,23 @@ void Source::open(const std::string& path) {
     format_->probesize = kProbeBytes;
     format_->max_analyze_duration = kProbeTime;
     AVDict options;
-    options.set("format_whitelist", input.name);  // so that no demuxer can start another one
+    options.set("format_whitelist", input.name);  // a demuxer must not start another one
     options.set("protocol_whitelist", "none");
     int result = avformat_open_input(&format_, "", &input, options.address());
     if (result < 0) {
-        unusable(result, "The file cannot be opened");
+        unusable(result, "opening the file");
     }
     result = avformat_find_stream_info(format_, nullptr);
     if (result < 0) {
-        unusable(result, "The streams cannot be identified");
+        unusable(result, "identifying the streams");
     }
     if (format_->nb_streams == 0) {
-        throw Failure(FailureCode::UnusableSource, "The file contains no streams.");
+        throw Failure({.cause = FailureCause::NoTracks});
     }
 
     duration_ = format_->duration == AV_NOPTS_VALUE ? 0 : std::max<std::int64_t>(format_->duration, 0);
     const std::int64_t start = format_->start_time == AV_NOPTS_VALUE ? 0 : format_->start_time;
-    // What an encoder of MP3 puts in front of the sound is no pause.
+    // The padding that MP3 encoders put in front of the audio is not a pause.
     const bool startsWithPadding = std::strcmp(input.name, "mp3") == 0;
     const bool clockStartsAnywhere =
         (input.flags & AVFMT_TS_DISCONT) != 0 || start < 0 || start > kLongestEmptyStart || startsWithPadding;
@@ -123,14 +121,15 @@ void Source::select(const std::vector<std::size_t>& indices) {
 
 bool Source::seek(std::size_t index, std::int64_t time) {
     const std::int64_t there = av_rescale_q(time - shift_, kMicroseconds, stream(index).time_base);
-    // Times before and behind have nothing to do with each other.
+    // Times before and after the seek must not be compared.
     std::fill(lastDts_.begin(), lastDts_.end(), std::nullopt);
     discontinuity_ = 0;
     return av_seek_frame(format_, static_cast<int>(index), there, AVSEEK_FLAG_BACKWARD) >= 0;
 }
 
 bool Source::rewind() {
-    // By time is not enough where packets are found by guessing: the first ones may be decoded before the movie starts.
+    // In formats without an index a seek by time may miss the first packets, whose decoding time may lie before the
+    // start of the movie.
     const bool guesses = (format_->iformat->flags & (AVFMT_TS_DISCONT | AVFMT_NO_BYTE_SEEK)) == AVFMT_TS_DISCONT;
     if (!guesses) {
         return seek(0, start_);
@@ -157,7 +156,7 @@ bool Source::read(AVPacket& packet) {
             continue;
         }
         const auto index = static_cast<std::size_t>(packet.stream_index);
-        if (index >= lastDts_.size()) {  // a stream that turned up after the headers
+        if (index >= lastDts_.size()) {  // a stream that first appears after the headers
             continue;
         }
         const AVStream& from = stream(index);
@@ -179,8 +178,8 @@ bool Source::read(AVPacket& packet) {
     return false;
 }
 
-// Recordings that were joined byte by byte start their clock again in the middle. All streams are moved
-// together, so that they stay in sync, as soon as the first of them shows the jump.
+// In recordings that were joined byte by byte the clock restarts in the middle. As soon as the first stream shows the
+// jump, all streams are shifted together, so that they stay in sync.
 void Source::fixDiscontinuity(AVPacket& packet) {
     if (!(format_->iformat->flags & AVFMT_TS_DISCONT) || packet.dts == AV_NOPTS_VALUE) {
         return;
@@ -200,7 +199,7 @@ void Source::fixDiscontinuity(AVPacket& packet) {
 }
 
 std::int64_t Source::lastPlausibleTime() const noexcept {
-    // The length of what was spliced together is not known to its header.
+    // The header of a spliced recording does not contain its whole length.
     const bool known = duration_ > 0 && !(format_->iformat->flags & AVFMT_TS_DISCONT);
     return known ? start_ + duration_ + kSlack : kLongestMovie;
 }

@@ -12,16 +12,16 @@
 
 namespace krv::media {
 
-/// An opened movie: its streams, and its packets one after another.
+/// Reads a movie: its streams, and its packets one after another.
 ///
-/// Whatever the descriptor holds is hostile until proven otherwise: formats that name other files (playlists,
-/// image sequences, external references) are refused, and nothing but the descriptor is ever opened. One
-/// thread.
+/// The file is treated as hostile. Formats that name other files (playlists, image sequences, external references) are
+/// refused, and nothing but the descriptor is ever read. Not thread-safe.
 class Source {
 public:
-    /// Reads the headers. The descriptor must be readable and seekable; it is not owned. Of the path only the
-    /// extension is used, as a hint for formats that cannot be told by their content.
-    /// Throws Failure UnusableSource for a directory, an empty file, or one that is not media.
+    /// Reads the headers. Borrows the descriptor, which must be readable and seekable. Uses only the path's extension,
+    /// as a hint for formats that cannot be recognised by their content.
+    /// Throws Failure: SourceIsFolder, SourceIsNotAFile, SourceIsEmpty, UnknownFormat, RefersToOtherFiles, Damaged,
+    /// NeedsTooMuchMemory or NoTracks.
     Source(int descriptor, const std::string& path, Progress& progress);
     ~Source();
     Source(const Source&) = delete;
@@ -31,39 +31,39 @@ public:
     [[nodiscard]] AVStream& stream(std::size_t index) const noexcept { return *format_->streams[index]; }
     [[nodiscard]] std::size_t streamCount() const noexcept { return format_->nb_streams; }
 
-    /// Length of the movie in microseconds; 0 when unknown.
+    /// Returns the length of the movie in microseconds, or 0 if it is unknown.
     [[nodiscard]] std::int64_t duration() const noexcept { return duration_; }
-    /// What has to be added to the file's times to get to the movie's own time, in microseconds. Formats
-    /// whose clock starts anywhere (transport streams) are moved so that the movie starts at 0.
+    /// Returns the difference between the movie's own time and the file's timestamps, in microseconds. It is added to
+    /// the timestamps. Formats whose clock starts anywhere (transport streams) are shifted so that the movie starts at
+    /// 0.
     [[nodiscard]] std::int64_t timeShift() const noexcept { return shift_; }
-    /// Where the movie starts on its own time, in microseconds: later than 0 if it begins with an empty edit.
+    /// Returns where the movie starts on its own time, in microseconds: later than 0 if it begins with an empty edit.
     [[nodiscard]] std::int64_t start() const noexcept { return start_; }
 
-    /// The next packet, its times on the movie's own time in units of its stream; false at the end. Damage in
-    /// the middle is skipped, and a file that breaks off ends there. Cover pictures are not among the
-    /// packets.
+    /// Reads the next packet and shifts its times to the movie's own time, in units of its stream. Returns false at the
+    /// end, also at the end of a truncated file. Skips damaged parts and cover pictures.
     [[nodiscard]] bool read(AVPacket& packet);
-    /// No frame of the movie is later than this, in microseconds, unless its time is damaged.
+    /// Returns a time in microseconds after which only frames with damaged timestamps can lie.
     [[nodiscard]] std::int64_t lastPlausibleTime() const noexcept;
 
-    /// How far read() has come, in 0…1: by time, or by bytes when the length is unknown.
+    /// Returns how far read() has come, in 0…1: by time, or by bytes if the length is unknown.
     [[nodiscard]] double position() const noexcept;
 
-    /// The part of the file that the packets read so far make up, in 0…1: how far copying has come.
+    /// Returns which part of the file the packets so far make up, in 0…1: how far copying has come.
     [[nodiscard]] double bytePosition() const noexcept;
 
-    /// Goes on reading with the stream's last key frame at or before a time, in microseconds of the movie's own time.
-    /// False when the format cannot be sought in; the position is undefined then.
+    /// Seeks to the stream's last key frame at or before a time, in microseconds of the movie's own time. Returns false
+    /// if the format is not seekable; the position is undefined then.
     [[nodiscard]] bool seek(std::size_t stream, std::int64_t time);
 
-    /// Goes on reading with the very first packet. False when the format cannot be sought in.
+    /// Seeks to the first packet of the file. Returns false if the format is not seekable.
     [[nodiscard]] bool rewind();
 
-    /// From now on packets have their times, flags and sizes, but zeros for contents, and cost no reading. Only for
-    /// formats whose header lists all packets.
+    /// Makes all further packets contain zeros, with their times, flags and sizes intact, so that no media data is
+    /// read. Only for formats whose header lists all packets.
     void readTimesOnly() noexcept;
 
-    /// Only the streams with these indices are read from now on.
+    /// Restricts further reading to the streams with these indices.
     void select(const std::vector<std::size_t>& indices);
 
 private:

@@ -2,20 +2,18 @@
 #include <array>
 #include <string_view>
 
-#include <fmt/format.h>
-
 #include <MediaServer/Media/Container/SourceFormat.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 
 namespace krv::media {
 namespace {
 
-/// Formats whose files name other files or addresses, and formats that turn any text into pictures.
+/// Formats whose files name other files or addresses.
 constexpr std::array<std::string_view, 14> kRefused{
     "applehttp", "concat", "dash", "ffmetadata", "hls",    "imf",         "lavfi",
     "rtp",       "rtsp",   "sap",  "sdp",        "vobsub", "vapoursynth", "webm_dash_manifest"};
 
-/// Formats that take any text for pictures.
+/// The format that accepts any text as video.
 constexpr std::string_view kTextAsVideo = "tty";
 
 bool refused(const AVInputFormat& format) {
@@ -40,8 +38,8 @@ const AVInputFormat& probeFormat(AVIOContext& io, const std::string& path) {
     const AVInputFormat* format = nullptr;
     int result = av_probe_input_buffer2(&io, &format, extensionOnly.c_str(), nullptr, 0, 0);
     if (result >= 0 && format && (format->flags & AVFMT_NOFILE)) {
-        // A still picture: by its name it would be taken for a numbered sequence, by its content it is one
-        // picture.
+        // By its name a still picture would be taken for a numbered sequence of pictures. Its content shows that it is
+        // a single one.
         format = nullptr;
         result = av_probe_input_buffer2(&io, &format, nullptr, nullptr, 0, 0);
     }
@@ -49,11 +47,10 @@ const AVInputFormat& probeFormat(AVIOContext& io, const std::string& path) {
         throw std::bad_alloc();
     }
     if (result < 0 || !format || format->name == kTextAsVideo) {
-        throw Failure(FailureCode::UnusableSource, "Its content is of no known media format.");
+        throw Failure({.cause = FailureCause::UnknownFormat});
     }
     if (refused(*format)) {
-        throw Failure(FailureCode::UnusableSource,
-                      fmt::format("It is of the format “{}”, which refers to other files.", format->name));
+        throw Failure({.cause = FailureCause::RefersToOtherFiles, .subject = format->name});
     }
     return *format;
 }

@@ -6,9 +6,9 @@
 
 namespace krv::media {
 
-/// Finds the demuxer for what io holds. The content decides; the path's extension helps only where the
-/// content says nothing. Throws Failure UnusableSource if there is none, or if it is one that would read
-/// other files than this one.
+/// Finds the demuxer for a file by its content. The path's extension is used only if the content is inconclusive.
+/// Throws Failure with UnknownFormat if there is no demuxer, and with RefersToOtherFiles if the demuxer would read
+/// other files.
 [[nodiscard]] const AVInputFormat& probeFormat(AVIOContext& io, const std::string& path);
 
 }  // namespace krv::media

@@ -15,11 +15,11 @@ void copyParameters(const AVStream& from, AVStream& to) {
     }
 }
 
-/// Keeps the source's tag where it means the same codec in the new container, else lets the muxer choose.
+/// Returns the source's tag if it denotes the same codec in the new container, else 0, which lets the muxer choose.
 std::uint32_t tagFor(const AVFormatContext& output, const Container& container, const AVCodecParameters& codec) {
     const bool movFamily = container.indexInFront;
     if (codec.codec_id == AV_CODEC_ID_HEVC && movFamily && codec.codec_tag != MKTAG('h', 'e', 'v', '1')) {
-        return MKTAG('h', 'v', 'c', '1');  // the only one that all players of this family take
+        return MKTAG('h', 'v', 'c', '1');  // the only tag that all players of this family accept
     }
     const AVCodecTag* const* tags = output.oformat->codec_tag;
     if (!tags) {
@@ -56,8 +56,8 @@ void StreamCopier::push(const AVPacket& packet) {
     if (!started_ && video && !(packet.flags & AV_PKT_FLAG_KEY)) {
         return;  // nothing can be shown before the first key frame
     }
-    // Sound before the beginning is left out where the container cannot hide it, but for the one packet that
-    // the decoder needs to get started.
+    // If the container cannot hide the audio before the beginning, it is dropped, except for the one packet that the
+    // decoder needs as priming.
     const bool audio = from_.codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
     if (audio && !started_ && (packet.flags & AV_PKT_FLAG_DISCARD) && !output_->container().edits) {
         hidden_ = reference(packet);
@@ -79,8 +79,8 @@ void StreamCopier::write(const AVPacket& packet) {
     av_packet_unref(packet_.get());
 }
 
-// Containers that store no decoding times leave the first ones open: pictures that are shown out of order are
-// decoded as many steps ahead as the codec says.
+// In containers without decoding times the first ones are unknown. Reordered frames are decoded as many frame durations
+// ahead as the codec's delay says.
 std::int64_t StreamCopier::guessDts(const AVPacket& packet) const {
     const AVRational rate = from_.avg_frame_rate;
     const std::int64_t step = rate.num > 0 && rate.den > 0 ? av_rescale_q(1, av_inv_q(rate), from_.time_base)
@@ -93,15 +93,15 @@ std::int64_t StreamCopier::guessDts(const AVPacket& packet) const {
     return video ? first - from_.codecpar->video_delay * step : first;
 }
 
-// Muxers insist on decoding times that rise. Broken files have others, and rounding between units makes some.
+// Muxers require rising decoding times. Those of broken files are not, nor are all times after rounding to another time
+// base.
 void StreamCopier::makeTimesValid(AVPacket& packet) {
     const AVCodecParameters& codec = *from_.codecpar;
     if (packet.dts == AV_NOPTS_VALUE) {
         packet.dts = guessDts(packet);
     }
     if (codec.codec_type == AVMEDIA_TYPE_AUDIO && codec.sample_rate > 0 && packet.dts != AV_NOPTS_VALUE) {
-        // Times in milliseconds are too coarse for samples: the length of the packet says where the next one
-        // starts.
+        // Milliseconds are too coarse for samples, so the length of a packet determines where the next one starts.
         const std::int64_t samples = std::max(0, av_get_audio_frame_duration2(from_.codecpar, packet.size));
         packet.dts = av_rescale_delta(from_.time_base, packet.dts, AVRational{1, codec.sample_rate},
                                       static_cast<int>(samples), &rounding_, to_->time_base);
@@ -110,7 +110,7 @@ void StreamCopier::makeTimesValid(AVPacket& packet) {
     } else {
         av_packet_rescale_ts(&packet, from_.time_base, to_->time_base);
     }
-    const bool subtitle = codec.codec_type == AVMEDIA_TYPE_SUBTITLE;  // these may start at the same time
+    const bool subtitle = codec.codec_type == AVMEDIA_TYPE_SUBTITLE;  // two subtitles may start at the same time
     if (lastDts_ && packet.dts <= *lastDts_ && !(subtitle && packet.dts == *lastDts_)) {
         packet.dts = *lastDts_ + 1;
     }

@@ -8,7 +8,7 @@
 
 namespace krv::media {
 
-/// Copies a stream bit for bit, with everything that describes it.
+/// Copies a stream's packets unchanged, together with its metadata and side data.
 class StreamCopier : public Track {
 public:
     explicit StreamCopier(const AVStream& from);
@@ -29,11 +29,11 @@ private:
     bool started_ = false;
     std::int64_t rounding_ = AV_NOPTS_VALUE;
     std::optional<std::int64_t> lastDts_;
-    PacketPtr hidden_;  // the latest one that is not to be heard itself
+    PacketPtr hidden_;  // the latest packet that is decoded but not played
     PacketPtr packet_ = newPacket();
 };
 
-/// Writes a source's cover picture where the container wants it: as a picture stream or as an attached file.
+/// Copies a source's cover picture into the form that the container uses: a video stream or an attached file.
 class CoverCopier : public Track {
 public:
     explicit CoverCopier(const AVStream& from);

@@ -8,16 +8,16 @@
 
 namespace krv::media {
 
-/// Whether a stream is a cover picture rather than a moving one.
+/// Returns whether a video stream is a cover picture.
 [[nodiscard]] inline bool isCover(const AVStream& stream) noexcept {
     return (stream.disposition & AV_DISPOSITION_ATTACHED_PIC) != 0;
 }
 
-/// The indices of the source's streams of a kind that can be used: covers, and those of which nothing is
-/// known, are not among them.
+/// Returns the indices of the source's usable streams of a kind. Skips covers and streams without a known codec, size
+/// or sample rate.
 [[nodiscard]] std::vector<std::size_t> usableStreams(const Source& source, AVMediaType kind);
 
-/// The default one of these streams, else the first; nothing when there are none.
+/// Returns the default stream among these, else the first one. Returns nothing if there are none.
 [[nodiscard]] std::optional<std::size_t> defaultOrFirst(const Source& source, const std::vector<std::size_t>& indices);
 
 }  // namespace krv::media

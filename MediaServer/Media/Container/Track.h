@@ -5,12 +5,12 @@
 
 namespace krv::media {
 
-/// The way of one stream from the source into the output.
+/// Carries one stream of the source into the output: copies, converts or encodes it.
 ///
-/// The container's header needs to know every stream, but what a stream is shows only when its first frame
-/// has been decoded. So a track lives in two parts: packets are pushed until it is ready(); then, for all
-/// tracks, open() adds the output stream; after the header is written packets are pushed again, and finish()
-/// ends it. One thread.
+/// The container's header describes every stream, but some properties of a stream are known only when its first frame
+/// has been decoded. Therefore a track works in two stages. First, packets are pushed until it is ready(). Then open()
+/// adds the output stream of every track, the header is written, and the remaining packets are pushed. finish() ends
+/// the second stage. Not thread-safe.
 class Track {
 public:
     Track() = default;
@@ -18,14 +18,15 @@ public:
     Track(const Track&) = delete;
     Track& operator=(const Track&) = delete;
 
-    /// Whether enough is known for open(). A track that never gets ready may be opened all the same.
+    /// Returns whether enough is known for open(). A track that is still not ready at the end of the source is opened
+    /// nevertheless.
     [[nodiscard]] virtual bool ready() const = 0;
-    /// A packet of the source, its times on the movie's own time in units of the source stream. Before open()
-    /// only while not ready().
+    /// Receives a packet of the source, its times on the movie's own time in units of the source stream. Before open()
+    /// it may be called only until ready() returns true.
     virtual void push(const AVPacket& packet) = 0;
     /// Adds the stream to the output. Throws Failure.
     virtual void open(OutputFile& output) = 0;
-    /// No packets will follow: everything that is still inside is written.
+    /// Writes everything that is still buffered. Packets must not follow.
     virtual void finish() = 0;
 };
 

@@ -16,8 +16,7 @@ extern "C" {
 
 namespace krv::media {
 
-/// Ownership of FFmpeg's objects. Each pointer type frees with the one function that its object needs, so
-/// that leaving a scope, by whatever way, leaks nothing.
+/// Owners of FFmpeg's objects. Each pointer type frees its object with the function that FFmpeg has for it.
 namespace detail {
 struct Free {
     void operator()(AVPacket* p) const noexcept { av_packet_free(&p); }
@@ -38,7 +37,7 @@ using FilterGraphPtr = std::unique_ptr<AVFilterGraph, detail::Free>;
 using ResamplerPtr = std::unique_ptr<SwrContext, detail::Free>;
 using AudioFifoPtr = std::unique_ptr<AVAudioFifo, detail::Free>;
 
-/// FFmpeg reports a lack of memory by a null pointer; here it is std::bad_alloc like everywhere else.
+/// Returns p. Throws std::bad_alloc if it is null, which is how FFmpeg reports a lack of memory.
 template <typename T>
 T* notNull(T* p) {
     if (!p) {
@@ -53,7 +52,7 @@ inline PacketPtr newPacket() {
 inline FramePtr newFrame() {
     return FramePtr(notNull(av_frame_alloc()));
 }
-/// A second reference to the same data.
+/// Return a second reference to the same data.
 inline PacketPtr reference(const AVPacket& packet) {
     return PacketPtr(notNull(av_packet_clone(&packet)));
 }
@@ -61,7 +60,7 @@ inline FramePtr reference(const AVFrame& frame) {
     return FramePtr(notNull(av_frame_clone(&frame)));
 }
 
-/// A dictionary of options or tags, owned.
+/// Owns a dictionary of options or tags.
 class AVDict {
 public:
     AVDict() = default;
@@ -82,7 +81,7 @@ private:
     AVDictionary* dict_ = nullptr;
 };
 
-/// The unit of AVFormatContext's own times (start, duration). FFmpeg's macro for it is C only.
+/// The time base of AVFormatContext's own times (start, duration). FFmpeg's macro for it works in C only.
 inline constexpr AVRational kMicroseconds{1, AV_TIME_BASE};
 
 }  // namespace krv::media

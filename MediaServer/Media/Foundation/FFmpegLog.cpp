@@ -11,7 +11,7 @@ extern "C" {
 namespace krv::media {
 namespace {
 
-/// "[mov,mp4 @ 0x55d0] moov atom not found" says to a person what comes after the bracket.
+/// Strips the prefix of lines such as "[mov,mp4 @ 0x55d0] moov atom not found".
 std::string_view withoutPrefix(std::string_view line) {
     while (line.starts_with('[')) {
         const auto end = line.find("] ");
@@ -26,7 +26,7 @@ std::string_view withoutPrefix(std::string_view line) {
 }  // namespace
 
 FFmpegLog& FFmpegLog::instance() {
-    static auto* const log = new FFmpegLog();  // codec threads may log until the very end of the process
+    static auto* const log = new FFmpegLog();  // never destroyed: codec threads may log until the process exits
     return *log;
 }
 

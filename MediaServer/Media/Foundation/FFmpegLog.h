@@ -7,17 +7,18 @@
 
 namespace krv::media {
 
-/// FFmpeg's log, kept instead of printed. FFmpeg has one call-back for the process, so this is the process's
-/// one instance; a worker runs one operation at a time, which is why the last lines belong to it. Any thread.
+/// Keeps the last lines of FFmpeg's log instead of printing them. FFmpeg has one log callback per process, hence one
+/// instance. A worker runs one operation at a time, so the lines belong to that operation. Thread-safe.
 class FFmpegLog {
 public:
-    /// The instance; the first call takes the call-back over, after which FFmpeg prints nothing any more.
+    /// Returns the instance.
     static FFmpegLog& instance();
 
-    /// Forgets what was logged so far. Called when an operation starts.
+    /// Forgets the lines so far. Also installs the log callback, after which FFmpeg prints nothing. The worker calls it
+    /// before each operation.
     void clear();
-    /// The last line of level error, else the last warning, without FFmpeg's "[mov @ 0x…]" prefix; empty if
-    /// none.
+    /// Returns the last error, or the last warning if there was no error, without FFmpeg's "[mov @ 0x…]" prefix.
+    /// Returns an empty string if there was neither.
     [[nodiscard]] std::string lastMeaningfulLine() const;
 
 private:

@@ -5,7 +5,7 @@
 
 namespace krv::media {
 
-/// A four-character code as the integer that requests carry: the first character in the highest byte.
+/// Returns a four-character code as the integer that requests carry: the first character in the highest byte.
 [[nodiscard]] constexpr std::uint32_t fourCC(const char (&text)[5]) noexcept {
     std::uint32_t code = 0;
     for (int i = 0; i < 4; ++i) {
@@ -14,7 +14,7 @@ namespace krv::media {
     return code;
 }
 
-/// The code in quotation marks, or in hexadecimal when it is not printable.
+/// Returns the code as text, or in hexadecimal if it is not printable.
 [[nodiscard]] std::string fourCCText(std::uint32_t code);
 
 }  // namespace krv::media

@@ -5,7 +5,7 @@
 namespace krv::media {
 namespace {
 
-/// 1 is reserved for finish().
+/// 1 itself is reserved for finish().
 constexpr double kAlmostDone = 1 - 1e-6;
 
 }  // namespace

@@ -9,10 +9,10 @@ namespace krv::media {
 
 /// Turns positions and signs of life into the rising number that a ProgressSink receives.
 ///
-/// The work is divided into phases, each a part of the range 0…1; reach() says how far the current one has
-/// come and alive() that something was read, decoded or written at all. Between two visible changes the
-/// number creeps by kCreepPerSecond as long as alive() or reach() keep coming; when they stop, nothing moves.
-/// One thread.
+/// The work is divided into phases, each a part of the range 0…1. reach() reports how far the current phase has come.
+/// alive() reports that something was read, decoded or written at all. Between two visible changes the number creeps by
+/// kCreepPerSecond, provided that alive() or reach() keep being called; if they are not, it does not change.
+/// Not thread-safe.
 class Progress {
 public:
     using Clock = std::function<std::chrono::steady_clock::time_point()>;
@@ -23,12 +23,13 @@ public:
 
     explicit Progress(ProgressSink& sink, Clock clock = &std::chrono::steady_clock::now);
 
-    /// The phase that follows ends at this fraction of the whole.
+    /// Begins the next phase, which ends at this fraction of the whole.
     void beginPhase(double endsAt) noexcept;
-    /// How far the phase has come, in 0…1; less than before counts as a sign of life only.
+    /// Reports how far the phase has come, in 0…1. A value below an earlier one counts as a sign of life only.
     void reach(double fractionOfPhase) noexcept;
+    /// Reports a sign of life.
     void alive() noexcept;
-    /// The work is complete: reports 1.
+    /// Reports 1: the work is complete.
     void finish() noexcept;
 
 private:

@@ -6,11 +6,12 @@ namespace krv::media {
 class ProgressSink {
 public:
     virtual ~ProgressSink() = default;
-    /// fraction is in [0, 1]. It rises and never goes backwards; while work goes on that it cannot measure it
-    /// creeps by a few millionths per second, which is the sign of life that whoever waits looks for. 1 comes
-    /// last, and only when the output is complete. Called on the operation's thread, at most about ten times
-    /// a second beyond visible changes, also from within FFmpeg's call-backs: it must not throw. (An
-    /// operation is cancelled by ending the worker process that runs it.)
+    /// Receives a fraction in [0, 1], which never falls. 1 comes last, and only when the output is complete. If the
+    /// progress of the work cannot be measured, the fraction creeps by a few millionths per second. That is the sign of
+    /// life that a waiting client looks for. Besides visible changes there are about ten calls per second at most.
+    ///
+    /// Called by the threads of the operation, one call at a time, also from within FFmpeg's callbacks; so it must not
+    /// throw. It cannot cancel the operation: for that the server kills the worker process.
     virtual void progress(double fraction) noexcept = 0;
 };
 

@@ -4,7 +4,6 @@
 
 #include <MediaServer/Media/Container/Metadata.h>
 #include <MediaServer/Media/Container/OutputFile.h>
-#include <MediaServer/Media/Foundation/FFmpegLog.h>
 #include <MediaServer/Media/Foundation/Progress.h>
 #include <MediaServer/Media/Merge/Merge.h>
 #include <MediaServer/Media/Merge/MergeAudioTrack.h>
@@ -14,48 +13,47 @@
 
 // How time is laid out.
 //
-// A source ends where its longest track ends, or its shortest if that is asked for. No header says that well
-// enough: many containers know one length for all tracks, recordings none, and lengths of sound include what
-// only fills the last packet. So every source is read through once before anything is written, packet by
-// packet and without decoding. What a track's end is follows from the packets that are shown: those that an
-// edit list hides do not count, and neither do the samples that a decoder needs to get started or that fill
-// the last packet. It costs one more reading, and it buys two things: cutting at the shortest track is known
-// in time, and a broken source is found before hours have been spent on those in front of it.
+// A source ends where its longest track ends, or its shortest if the request asks for that. Headers are not exact
+// enough to tell where that is. Many containers store one length for all tracks, recordings store none, and the length
+// of audio includes the padding of its last packet. So every source is read through once before anything is written,
+// packet by packet and without decoding. The end of a track follows from the packets that are shown. Packets that an
+// edit list hides do not count. Neither do the samples that prime a decoder or pad the last packet. This costs one more
+// reading, and it buys two things. The end of the shortest track is known in time. And a broken source is found before
+// hours have been spent on the sources before it.
 //
-// Lengths are added up exactly, and only then rounded to the grid of pictures, each boundary on its own. So
-// the boundaries stand on the grid, the first picture of every source is shown exactly where its sound
-// begins, and what is rounded away at one join is not added to what is at the next: after a hundred sources
-// the last one is off by half a picture at most, sound and picture together. Within a source every time is
-// its own time plus its boundary; nothing is placed "after what came before", which is how small errors would
-// grow. A boundary that lies a little before a source's end cuts the rest off, and one after it is filled:
-// sound by silence, counted in samples, pictures by the last one again at every tick. A picture that is first
-// shown later than its source begins is shown from the beginning, rather than another source's last one.
+// Lengths are added up exactly and only then rounded to the grid of frames, each boundary on its own. So the boundaries
+// lie on the grid, and the first frame of every source is shown exactly where its audio begins. The rounding of one
+// join is not added to that of the next. After a hundred sources the last boundary is off by at most half a frame, for
+// audio and video alike. Within a source every time is its own time plus its boundary. Nothing is placed "after the
+// previous item", which is how small errors would grow. If a boundary lies a little before the end of a source, the
+// rest is cut off. If it lies after the end, the gap is filled. Audio gets silence, counted in samples; video repeats
+// its last frame at every tick. If the first frame is later than the beginning of its source, it is shown from the
+// beginning. Otherwise the last frame of the previous source would remain.
 //
-// Tracks that are copied bring times of their own with them. Pictures that are shown in another order than
-// they are stored in begin to be decoded before they are shown, with decoding times before the source's zero.
-// These fall into the time in which the source before is showing pictures that have been decoded already,
-// and the rising order of decoding times is kept as long as no picture has been cut off there; where one would
-// have to be, or where an edit list hides pictures in the middle, pictures are encoded instead. Packets of
-// sound are of a fixed length that no boundary is a multiple of. If each were written at its time, players
-// that count samples and players that look at times would drift apart by some milliseconds per join. So
-// packets are counted: each is written directly after the one before it, unless that would be off by more
-// than half a packet. Packets that begin more than half a packet before what there is already, or that lie
-// mostly behind the end, are left out. The priming packet with which AAC begins is one of the former, except
-// that of the very first source; the decoder then overlaps the first packet of a source with the last of the
-// one before, which sounds like a short cross-fade. So sound is never out of step by more than half a packet,
-// and its packets are without gaps. Longer pauses cannot be copied, because there is no silence in the
-// source's codec at hand: then sound is encoded.
+// Copied tracks bring their own times with them. Reordered frames are decoded before they are shown, so their first
+// decoding times lie before the zero of their source. These times fall into a period in which the previous source shows
+// frames that are already decoded. Decoding times therefore still rise, provided that no frame has been cut off there.
+// If one would have to be, or if an edit list hides frames in the middle, the video is encoded instead. Audio packets
+// have a fixed length, of which a boundary is never a multiple. Suppose that each packet were written at its own time.
+// Then players that count samples and players that use timestamps would drift apart by some milliseconds per join. So
+// packets are counted. Each is written directly after the previous one, unless that would be off by more than half a
+// packet. A packet is dropped if it begins more than half a packet before the end of the previous one. It is also
+// dropped if it lies mostly after the end of its source. AAC begins with a priming packet, which is dropped in this way
+// in every source but the first. The decoder then overlaps the first packet of a source with the last one of the
+// previous source, which sounds like a short cross-fade. So audio is never out of sync by more than half a packet, and
+// its packets have no gaps. Longer pauses cannot be copied, because there is no silence in the source's codec at hand.
+// In that case audio is encoded.
 
 namespace krv::media {
 namespace {
 
-/// Looking through the sources is reading; encoding takes far longer than that, copying does it once more, and
-/// moving the index to the front another time.
+/// Where the phases end. The survey reads the sources once. Encoding takes far longer than that. Copying reads them a
+/// second time, and moving the index to the front takes as long again.
 constexpr double kSurveyed = 0.05;
 constexpr double kCopied = 0.65;
 constexpr double kEncoded = 0.98;
 
-/// Tracks of one file may be this far apart in it.
+/// How far apart tracks may be interleaved in one file.
 constexpr std::int64_t kInterleaving = AV_TIME_BASE;
 
 std::string nameOf(const std::string& path) {
@@ -81,7 +79,7 @@ FramePtr firstFrame(Source& source, std::size_t index) {
         decoder.finish(take);
     }
     if (!first) {
-        fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "Its pictures cannot be decoded");
+        fail(FailureCause::Damaged, AVERROR_INVALIDDATA, "decoding video");
     }
     return first;
 }
@@ -95,7 +93,7 @@ public:
 
     void run() {
         if (request_.sources.empty()) {
-            throw Failure(FailureCode::BadArgument, "There are no sources.");
+            throw Failure({.cause = FailureCause::InvalidArgument, .subject = "sources", .detail = "is empty"});
         }
         surveyAll();
         plan_ = planMerge(surveys_, container_, request_.useShortest);
@@ -108,26 +106,33 @@ public:
         output.writeHeader();
         progress_.beginPhase(plan_.encodes() || !container_.indexInFront ? kEncoded : kCopied);
         for (at_ = 0; at_ < surveys_.size(); ++at_) {
-            append();
+            blamingSource([this] { append(); });
         }
-        at_ = 0;
         for (const auto& track : tracks_) {
             track->finish();
         }
         if (output.packetCount() == 0) {
-            fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "Nothing in it can be decoded");
+            fail(FailureCause::Damaged, AVERROR_INVALIDDATA, "decoding");
         }
         progress_.beginPhase(1);
         output.finish();
         progress_.finish();
     }
 
-    /// The path of the source that is being worked on.
-    [[nodiscard]] const std::string& currentPath() const {
-        return at_ < request_.sources.size() ? request_.sources[at_].path : request_.destinationPath;
+private:
+    /// Runs a step that reads the current source. Sets Failure::source if the step fails.
+    template <typename Step>
+    void blamingSource(const Step& step) {
+        try {
+            step();
+        } catch (Failure& failure) {
+            if (failure.cause != FailureCause::UnwritableDestination) {
+                failure.source = at_;
+            }
+            throw;
+        }
     }
 
-private:
     std::unique_ptr<Source> open(std::size_t index) {
         const auto& input = request_.sources[index];
         return std::make_unique<Source>(input.descriptor, input.path, progress_);
@@ -137,13 +142,14 @@ private:
         progress_.beginPhase(kSurveyed);
         const auto count = static_cast<double>(request_.sources.size());
         for (at_ = 0; at_ < request_.sources.size(); ++at_) {
-            const auto source = open(at_);
-            surveys_.push_back(survey(*source, [&](double position) {
-                progress_.reach((static_cast<double>(at_) + std::clamp(position, 0.0, 1.0)) / count);
-            }));
-            keepSharedTags(*source);
+            blamingSource([&] {
+                const auto source = open(at_);
+                surveys_.push_back(survey(*source, [&](double position) {
+                    progress_.reach((static_cast<double>(at_) + std::clamp(position, 0.0, 1.0)) / count);
+                }));
+                keepSharedTags(*source);
+            });
         }
-        at_ = 0;
     }
 
     void keepSharedTags(const Source& source) {
@@ -173,27 +179,31 @@ private:
     }
 
     void makeTracks() {
-        const std::int64_t end = plan_.boundary(surveys_.size());
         for (const PlannedTrack& track : plan_.tracks) {
             at_ = track.model;
-            auto& model = models_[track.model];
-            if (!model) {
-                model = open(track.model);
-            }
-            const std::size_t index = track.parts[track.model]->index;
-            const AVStream& stream = model->stream(index);
-            if (!track.codec) {
-                tracks_.push_back(std::make_unique<MergeCopyTrack>(stream));
-            } else if (track.kind == AVMEDIA_TYPE_VIDEO) {
-                tracks_.push_back(std::make_unique<MergeVideoTrack>(
-                    MergeVideoTrack::Model{stream, firstFrame(*model, index), plan_.tick, end}, *track.codec));
-            } else {
-                tracks_.push_back(std::make_unique<MergeAudioTrack>(stream, *track.codec, end));
-            }
+            blamingSource([&] { tracks_.push_back(makeTrack(track)); });
         }
     }
 
-    /// What a source counts for in the progress.
+    std::unique_ptr<MergeTrack> makeTrack(const PlannedTrack& track) {
+        auto& model = models_[track.model];
+        if (!model) {
+            model = open(track.model);
+        }
+        const std::int64_t end = plan_.boundary(surveys_.size());
+        const std::size_t index = track.parts[track.model]->index;
+        const AVStream& stream = model->stream(index);
+        if (!track.codec) {
+            return std::make_unique<MergeCopyTrack>(stream);
+        }
+        if (track.kind == AVMEDIA_TYPE_VIDEO) {
+            return std::make_unique<MergeVideoTrack>(
+                MergeVideoTrack::Model{stream, firstFrame(*model, index), plan_.tick, end}, *track.codec);
+        }
+        return std::make_unique<MergeAudioTrack>(stream, *track.codec, end);
+    }
+
+    /// Returns the share of a source in the progress.
     [[nodiscard]] double weight(std::size_t index) const {
         return plan_.encodes() ? static_cast<double>(plan_.boundaries[index + 1] - plan_.boundaries[index])
                                : static_cast<double>(surveys_[index].bytes);
@@ -261,8 +271,8 @@ private:
         return av_rescale_q(packet.dts, stream.time_base, kMicroseconds);
     }
 
-    /// Tracks that the source does not have, or no more, are filled as the others go on: otherwise the muxer
-    /// would have to keep all of the others' packets until the source ends.
+    /// Extends the tracks that the source does not have, or that have already ended, as the other tracks advance.
+    /// Otherwise the muxer would have to buffer all packets of the other tracks until the source ends.
     void fillEnded(const std::vector<std::int64_t>& left, std::int64_t time) {
         for (std::size_t i = 0; i < tracks_.size(); ++i) {
             const TrackSurvey* track = plan_.tracks[i].parts[at_];
@@ -275,9 +285,9 @@ private:
     const MergeRequest& request_;
     Progress progress_;
     const Container& container_;
-    std::size_t at_ = 0;  // the source that is being worked on
+    std::size_t at_ = 0;  // the current source
     std::vector<SourceSurvey> surveys_;
-    AVDict tags_;  // that all sources so far share
+    AVDict tags_;  // shared by all sources so far
     MergePlan plan_;
     std::map<std::size_t, std::unique_ptr<Source>> models_;
     std::vector<std::unique_ptr<MergeTrack>> tracks_;
@@ -286,20 +296,7 @@ private:
 }  // namespace
 
 void merge(const MergeRequest& request, ProgressSink& sink) {
-    FFmpegLog::instance().clear();
-    std::string source;
-    try {
-        Merger merger(request, sink);
-        try {
-            merger.run();
-        } catch (Failure&) {
-            source = merger.currentPath();
-            throw;
-        }
-    } catch (Failure& failure) {
-        failure.about(source, request.destinationPath);
-        throw;
-    }
+    Merger(request, sink).run();
 }
 
 }  // namespace krv::media

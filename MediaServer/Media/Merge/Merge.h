@@ -8,32 +8,32 @@
 
 namespace krv::media {
 
-/// Movies to be joined. All files are already open: nothing here ever opens a path.
+/// A merge of movies. All files are already open; the library never opens a path.
 struct MergeRequest {
     struct Input {
-        int descriptor = -1;  ///< readable and seekable; not owned; the same one may stand here more than once
-        std::string path;     ///< for messages and chapters; its extension helps to recognise the format
+        int descriptor = -1;  ///< readable and seekable; borrowed; may occur more than once
+        std::string path;     ///< for chapters; its extension helps to recognise the format
     };
-    std::vector<Input> sources;   ///< one or more, in the order in which they are shown
-    int destination = -1;         ///< open for reading and writing; emptied first; not owned
-    std::string destinationPath;  ///< its extension names the container; for messages
-    /// Whether each source ends with its shortest track; else the shorter ones are held, by their last picture
-    /// or by silence, until the longest ends.
+    std::vector<Input> sources;   ///< one or more, in the order of playback
+    int destination = -1;         ///< open for reading and writing; truncated first; borrowed
+    std::string destinationPath;  ///< its extension names the container
+    /// Whether each source ends with its shortest track. Otherwise shorter tracks are extended to the end of the
+    /// longest one, by their last frame or by silence.
     bool useShortest = false;
 };
 
-/// Writes the sources one after another into one movie.
+/// Joins the sources one after another into one movie.
 ///
-/// A track is copied bit for bit if it is the same in all sources and can be joined without a gap; otherwise
-/// it is encoded again, with the codec of the first source that has such a track (or the container's usual
-/// one), in that source's size, upright, rate, sample rate and channels. Pictures of another shape get bars.
-/// A source without pictures among others with them is black, one without sound silent. The default or first
-/// video track is taken, and as many audio tracks as the first source with sound has. Each source is a chapter,
-/// named by its title or else its file. Of the tags those are kept that all sources share; subtitles are left
-/// out.
+/// The merged movie has the default or first video track of the sources, and as many audio tracks as the first source
+/// with audio. A track is copied bit for bit if its format is the same in all sources and it can be joined without a
+/// gap. Otherwise it is encoded again with the codec of the first source that has such a track, or with the container's
+/// default codec. Size, frame rate, sample rate and channels are also those of that source, and video is upright.
+/// Frames of another shape are letterboxed. A source without video is black, and one without audio is silent. Each
+/// source becomes a chapter, named after its title or else its file. Tags are kept if all sources share them. Subtitles
+/// are dropped.
 ///
-/// Threads and failures are those of encode(); a source that is bad fails everything, and the Failure names
-/// it. No sources at all are a Failure BadArgument.
+/// Threads and failures are those of encode(). If one source cannot be used, the whole merge fails, and Failure::source
+/// is its index. Without sources it fails with InvalidArgument.
 void merge(const MergeRequest& request, ProgressSink& sink);
 
 }  // namespace krv::media

@@ -61,7 +61,7 @@ void MergeAudioTrack::hold(std::int64_t time) {
 void MergeAudioTrack::end() {
     hold(part_.end);
     if (fed_ && !decoded_) {
-        fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "Its sound cannot be decoded");
+        fail(FailureCause::Damaged, AVERROR_INVALIDDATA, "decoding audio");
     }
 }
 

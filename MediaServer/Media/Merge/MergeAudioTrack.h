@@ -9,11 +9,11 @@
 
 namespace krv::media {
 
-/// Sound that is encoded anew, in the format of a model.
+/// Encodes the audio of all sources in the format of a model.
 class MergeAudioTrack : public MergeTrack {
 public:
-    /// model: the stream whose format, language and title are those of all; lives as long as this. end: of
-    /// the merged movie, in microseconds.
+    /// model: the stream whose format, language and title the track gets. It must outlive the track. end: of the merged
+    /// movie, in microseconds.
     MergeAudioTrack(const AVStream& model, const Codec& codec, std::int64_t end);
 
     void open(OutputFile& output) override;

@@ -28,7 +28,7 @@ void MergeCopyTrack::pushVideo(PacketPtr packet) {
         packet->dts += start;
     }
     const std::int64_t shown = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
-    // The plan lets this happen only to pictures that are stored in the order in which they are shown.
+    // The plan lets this happen only to video without reordered frames.
     if (shown != AV_NOPTS_VALUE && shown + packet->duration / 2 >= end && end > start) {
         return;
     }
@@ -46,7 +46,7 @@ std::int64_t MergeCopyTrack::samplesOf(const AVPacket& packet) const {
     return av_rescale_q(packet.duration, part_.from->time_base, AVRational{1, model_.codecpar->sample_rate});
 }
 
-// See Merge.cpp for why packets are counted and not timed.
+// Merge.cpp explains why packets are counted.
 void MergeCopyTrack::pushAudio(PacketPtr packet) {
     const AVRational sample{1, model_.codecpar->sample_rate};
     const std::int64_t start = av_rescale_q(part_.start, kMicroseconds, sample);
@@ -69,7 +69,7 @@ void MergeCopyTrack::pushAudio(PacketPtr packet) {
         packet->flags &= ~AV_PKT_FLAG_DISCARD;
     }
     if (!part_.isLast && (!part_.isFirst || wanted > start)) {
-        av_packet_free_side_data(packet.get());  // it would hide the end of what is in the middle now
+        av_packet_free_side_data(packet.get());  // it would hide samples that are no longer at the end
     }
     packet->pts = packet->dts = av_rescale_q(samples_, sample, model_.time_base);
     packet->duration = av_rescale_q(length, sample, model_.time_base);

@@ -5,10 +5,10 @@
 
 namespace krv::media {
 
-/// Packets that are joined as they are.
+/// Joins the packets of the sources without encoding them.
 class MergeCopyTrack : public MergeTrack {
 public:
-    /// model: the stream that describes all; lives as long as this.
+    /// model: the stream whose format is that of all sources. It must outlive the track.
     explicit MergeCopyTrack(const AVStream& model);
 
     void open(OutputFile& output) override { copier_.open(output); }
@@ -26,10 +26,10 @@ private:
     const AVStream& model_;
     StreamCopier copier_;
     MergePart part_{};
-    PacketPtr waiting_;            // the latest picture: if nothing follows it, it lasts to the end
-    std::int64_t shownUntil_ = 0;  // in units of the model
+    PacketPtr waiting_;            // the latest video packet; if it is the last one, it lasts to the end
+    std::int64_t shownUntil_ = 0;  // in the model's time base
     bool heard_ = false;
-    std::int64_t samples_ = 0;  // where the next sound would follow without a pause
+    std::int64_t samples_ = 0;  // where the next audio packet would follow without a pause
 };
 
 }  // namespace krv::media

@@ -7,21 +7,21 @@
 namespace krv::media {
 namespace {
 
-/// Sound that is copied cannot be lengthened by silence. A pause at a join that is shorter than this is left to
-/// the times of the packets, a longer one has to be made.
+/// Copied audio cannot be extended by silence. A pause at a join up to this length is left to the timestamps of the
+/// packets; a longer one requires encoding.
 constexpr std::int64_t kUnheardPause = 50'000;
 
-/// At a join sound is out of step by half a packet at most, which must not be seen.
+/// At a join audio is out of sync by at most half a packet, which must not be noticeable.
 constexpr std::int64_t kLongestPacket = 35'000;
 
-/// MPEG-4 part 2 counts the ticks of a second in 16 bits; other encoders like small numbers too.
+/// MPEG-4 Part 2 stores the number of ticks per second in 16 bits. Other encoders prefer small numbers, too.
 constexpr int kMostTicks = 65535;
 
 bool sameRational(AVRational a, AVRational b) {
     return av_cmp_q(a.num > 0 ? a : AVRational{1, 1}, b.num > 0 ? b : AVRational{1, 1}) == 0;
 }
 
-/// Whether packets of one can follow packets of the other without a decoder noticing.
+/// Returns whether a decoder can continue with packets of the other track.
 bool agree(const TrackSurvey& a, const TrackSurvey& b) {
     const AVCodecParameters& p = *a.parameters;
     const AVCodecParameters& q = *b.parameters;
@@ -51,8 +51,7 @@ public:
     MergePlan plan() {
         chooseTracks();
         chooseTick();
-        // Whether pictures can be copied does not depend on where exactly their sources begin, but where they
-        // begin depends on that.
+        // The positions of the sources depend on which tracks are copied, but not the other way round.
         for (PlannedTrack& track : plan_.tracks) {
             if (!canCopy(track)) {
                 track.codec = &codecFor(track);
@@ -78,7 +77,7 @@ private:
             addTrack(AVMEDIA_TYPE_AUDIO, i);
         }
         if (plan_.tracks.empty()) {
-            throw Failure(FailureCode::UnusableSource, "It has no audio.");
+            throw Failure({.cause = FailureCause::NoAudioTrack});
         }
     }
 
@@ -129,12 +128,12 @@ private:
     bool videoFits(const TrackSurvey& part, std::size_t source) const {
         const std::int64_t tick = av_rescale_q(1, plan_.tick, kMicroseconds);
         if (part.hides && (source > 0 || !container_.edits)) {
-            return false;  // hidden pictures can be stored at the beginning of a movie only
+            return false;  // only the beginning of a movie can have hidden frames
         }
         if (sources_.size() == 1 && !useShortest_) {
             return true;
         }
-        // Pictures that are stored before others that are shown earlier cannot be cut off.
+        // A frame cannot be cut off if frames that are stored after it are shown before it.
         const bool cut = length(source) < part.end - tick / 2;
         return part.startsWhole && part.start <= tick && !(cut && part.reorders);
     }
@@ -166,7 +165,7 @@ private:
         for (std::size_t i = 0; i < sources_.size(); ++i) {
             exact += length(i);
             std::int64_t next = std::max(plan_.boundaries.back() + 1, toTicks(exact));
-            // Pictures that are copied cannot make room.
+            // Copied video cannot be shortened.
             if (copied != plan_.tracks.end()) {
                 if (const TrackSurvey& part = *copied->parts[i]; !useShortest_ || part.reorders) {
                     next = std::max(next, plan_.boundaries.back() + toTicks(part.end));

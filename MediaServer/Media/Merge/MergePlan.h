@@ -12,25 +12,27 @@ namespace krv::media {
 /// One track of the merged movie.
 struct PlannedTrack {
     AVMediaType kind;
-    /// The track of each source that it is made of; null where a source has none.
+    /// Its track in each source; null if a source has none.
     std::vector<const TrackSurvey*> parts;
-    std::size_t model;     ///< the first source that has one: its format is the format of all
-    const Codec* codec{};  ///< what all is encoded with; null: it is copied
+    std::size_t model;     ///< the first source that has such a track, which determines the format
+    const Codec* codec{};  ///< the codec that all sources are encoded with; null: the track is copied
 };
 
-/// How the sources are laid out on the time of the merged movie, and what becomes of their tracks.
+/// The positions of the sources in the merged movie, and what is done with their tracks.
 struct MergePlan {
     std::vector<PlannedTrack> tracks;  ///< video before audio
-    AVRational tick;                   ///< seconds: how long a picture is shown, or a sample, if there is only sound
-    /// Where each source begins, and where the last one ends, in ticks.
+    AVRational tick;                   ///< duration of a frame in seconds, or of a sample if there is only audio
+    /// Where each source begins and where the last one ends, in ticks.
     std::vector<std::int64_t> boundaries;
 
-    [[nodiscard]] std::int64_t boundary(std::size_t index) const;  ///< in microseconds
+    /// Returns a boundary in microseconds.
+    [[nodiscard]] std::int64_t boundary(std::size_t index) const;
+    /// Returns whether any track is encoded.
     [[nodiscard]] bool encodes() const;
 };
 
-/// sources: one or more; they outlive the plan. Throws Failure Unsupported if the container cannot hold what
-/// would have to be encoded, UnusableSource if it is one for sound and there is none.
+/// Plans a merge. sources: one or more, which must outlive the plan. Throws Failure with NoAudioTrack if the container
+/// is for audio and no source has any.
 [[nodiscard]] MergePlan planMerge(const std::vector<SourceSurvey>& sources, const Container& container,
                                   bool useShortest);
 

@@ -2,8 +2,6 @@
 #include <limits>
 #include <map>
 
-#include <fmt/format.h>
-
 #include <MediaServer/Media/Container/StreamSelection.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 #include <MediaServer/Media/Merge/MergeSurvey.h>
@@ -30,13 +28,12 @@ TrackSurvey describe(const Source& source, std::size_t index) {
         track.rate = frameRate(source, stream);
     }
     if (!avcodec_find_decoder(stream.codecpar->codec_id)) {
-        throw Failure(FailureCode::UnusableSource,
-                      fmt::format("Its codec “{}” cannot be decoded.", avcodec_get_name(stream.codecpar->codec_id)));
+        throw Failure({.cause = FailureCause::UnknownCodec, .subject = avcodec_get_name(stream.codecpar->codec_id)});
     }
     return track;
 }
 
-/// Gathers what the packets of a track say.
+/// Gathers the properties of a track from its packets.
 class Watcher {
 public:
     Watcher(TrackSurvey& track, const AVStream& stream)
@@ -75,7 +72,7 @@ public:
         end_ = std::max(end_, pts + duration - hiddenAtEnd(packet));
     }
 
-    /// Whether there was anything that counts.
+    /// Completes the survey. Returns false if nothing of the track is shown.
     [[nodiscard]] bool conclude() {
         if (end_ <= start_) {
             return false;
@@ -98,7 +95,7 @@ private:
         return av_rescale_q(samples, AVRational{1, stream_.codecpar->sample_rate}, stream_.time_base);
     }
 
-    /// The samples at the end of the last packet that only fill it.
+    /// Returns the duration of the padding at the end of the last packet.
     [[nodiscard]] std::int64_t hiddenAtEnd(const AVPacket& packet) const {
         std::size_t size = 0;
         const std::uint8_t* data = av_packet_get_side_data(&packet, AV_PKT_DATA_SKIP_SAMPLES, &size);
@@ -151,7 +148,7 @@ SourceSurvey survey(Source& source, const std::function<void(double)>& position)
     const auto video = usableStreams(source, AVMEDIA_TYPE_VIDEO);
     const auto audio = usableStreams(source, AVMEDIA_TYPE_AUDIO);
     if (video.empty() && audio.empty()) {
-        throw Failure(FailureCode::UnusableSource, "It has neither video nor audio.");
+        throw Failure({.cause = FailureCause::NoVideoOrAudioTrack});
     }
     if (const auto shown = defaultOrFirst(source, video)) {
         result.video.push_back(describe(source, *shown));
@@ -174,13 +171,13 @@ SourceSurvey survey(Source& source, const std::function<void(double)>& position)
         watchers.at(packet->stream_index).see(*packet);
         position(source.position());
     }
-    // A track of which nothing is to be seen or heard is as good as none.
+    // Ignore tracks of which nothing is shown.
     for (auto* tracks : {&result.video, &result.audio}) {
         std::erase_if(*tracks,
                       [&](TrackSurvey& track) { return !watchers.at(static_cast<int>(track.index)).conclude(); });
     }
     if (result.video.empty() && result.audio.empty()) {
-        throw Failure(FailureCode::UnusableSource, "Nothing in it can be shown or heard.");
+        throw Failure({.cause = FailureCause::NoPlayableTrack});
     }
 
     result.bytes = std::max<std::int64_t>(0, avio_size(source.format().pb));

@@ -11,36 +11,37 @@
 
 namespace krv::media {
 
-/// What has to be known of a track before it is joined to others. Times are in microseconds on the movie's
-/// own time, those of what is shown or heard: what an edit list hides does not count.
+/// The properties of a track that a merge needs. Times are in microseconds of the movie's own time and do not include
+/// what an edit list hides.
 struct TrackSurvey {
     std::size_t index = 0;           ///< of the stream
     CodecParametersPtr parameters;   ///< a copy
-    AVRational pixelShape{0, 1};     ///< what is shown, container before codec
-    std::vector<std::uint8_t> turn;  ///< the display matrix, if there is one
-    AVRational rate{0, 1};           ///< of pictures
+    AVRational pixelShape{0, 1};     ///< pixel aspect ratio; that of the container overrides that of the codec
+    std::vector<std::uint8_t> turn;  ///< the display matrix, or empty
+    AVRational rate{0, 1};           ///< of frames
     std::int64_t start = 0;
     std::int64_t end = 0;
     std::int64_t packets = 0;
     std::int64_t longestPacket = 0;  ///< microseconds
-    bool startsWhole = false;        ///< the first packet is a key frame, and nothing is shown before it
-    bool hides = false;              ///< there are packets that are not to be shown
-    bool reorders = false;           ///< pictures are not stored in the order in which they are shown
+    bool startsWhole = false;        ///< the first packet is a key frame and the first to be shown
+    bool hides = false;              ///< some packets are hidden
+    bool reorders = false;           ///< frames are not stored in the order of presentation
 };
 
-/// What has to be known of a movie before it is joined to others.
+/// The properties of a movie that a merge needs.
 struct SourceSurvey {
-    std::vector<TrackSurvey> video;  ///< the default track or the first; or empty
-    std::vector<TrackSurvey> audio;  ///< all of them
+    std::vector<TrackSurvey> video;  ///< the default track, or else the first one; may be empty
+    std::vector<TrackSurvey> audio;  ///< all audio tracks
     std::int64_t bytes = 0;
-    std::string title;  ///< from its tags; or empty
+    std::string title;  ///< from its tags; may be empty
 
+    /// Return the end of the longest and of the shortest track.
     [[nodiscard]] std::int64_t longest() const;
     [[nodiscard]] std::int64_t shortest() const;
 };
 
-/// Reads all packets, and decodes none. position is called with how far it has come, in 0…1.
-/// Throws Failure UnusableSource if there is nothing that can be shown or heard, or that can be decoded.
+/// Reads all packets without decoding them. Calls position with the progress, in 0…1.
+/// Throws Failure: NoVideoOrAudioTrack, UnknownCodec or NoPlayableTrack.
 [[nodiscard]] SourceSurvey survey(Source& source, const std::function<void(double)>& position);
 
 }  // namespace krv::media

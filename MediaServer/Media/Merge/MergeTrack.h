@@ -8,17 +8,17 @@
 
 namespace krv::media {
 
-/// One source on one track of a merged movie.
+/// The part that one source contributes to a track of the merged movie.
 struct MergePart {
-    const AVStream* from;  ///< lives until end(); null if the source has no such track
-    std::int64_t start;    ///< microseconds on the merged movie's time
+    const AVStream* from;  ///< valid until end(); null if the source has no such track
+    std::int64_t start;    ///< in microseconds of the merged movie's time
     std::int64_t end;
     bool isFirst;
     bool isLast;
 };
 
-/// The way of one track of a merged movie: of all sources, one after another, into the output. open(), then
-/// for each source begin(), push() and hold() as often as needed, and end(); then finish(). One thread.
+/// Carries one track of all sources into the merged movie. Call open() first, then for each source begin(), push() and
+/// hold() as often as needed, and end(). Call finish() last. Not thread-safe.
 class MergeTrack {
 public:
     MergeTrack() = default;
@@ -29,12 +29,12 @@ public:
     /// Adds the stream to the output. Throws Failure.
     virtual void open(OutputFile& output) = 0;
     virtual void begin(const MergePart& part) = 0;
-    /// A packet of the source, its times on the source's own time. What lies outside of the part is left out.
+    /// Receives a packet of the source, its times on the source's own time. Drops what lies outside the part.
     virtual void push(const AVPacket& packet) = 0;
-    /// Nothing more comes from the source: until this time, in microseconds on the merged movie's, silence or
-    /// the last picture can be written. Packets that come all the same are ignored.
+    /// Extends the track by silence or by its last frame, because the source has no more packets for it. time: up to
+    /// where, in microseconds of the merged movie's time. Later packets of the source are ignored.
     virtual void hold(std::int64_t time) = 0;
-    /// The source is at its end. Throws Failure UnusableSource if it had packets and none could be decoded.
+    /// Ends the source. Throws Failure with Damaged if it had packets and none could be decoded.
     virtual void end() = 0;
     virtual void finish() = 0;
 };

@@ -84,7 +84,7 @@ void MergeVideoTrack::place(FramePtr frame) {
     if (time >= part_.end || time < part_.start - tick / 2) {
         return;
     }
-    // Until its first picture comes a source does not show the last one of the source before it.
+    // Until its first frame a source must not show the last frame of the previous source.
     if (!latest_) {
         show(*frame, part_.start);
     }
@@ -117,7 +117,7 @@ void MergeVideoTrack::hold(std::int64_t time) {
 void MergeVideoTrack::end() {
     drain();
     if (fed_ && !latest_) {
-        fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "Its pictures cannot be decoded");
+        fail(FailureCause::Damaged, AVERROR_INVALIDDATA, "decoding video");
     }
     hold(part_.end);
 }
@@ -134,7 +134,7 @@ void MergeVideoTrack::drain() {
 }
 
 void MergeVideoTrack::encode(FramePtr frame) {
-    frame->pict_type = AV_PICTURE_TYPE_NONE;  // the source's choice of key frames is not the encoder's
+    frame->pict_type = AV_PICTURE_TYPE_NONE;  // the encoder chooses its own key frames
     frame->interlaced_frame = 0;
     encoder_->encode(*frame);
 }

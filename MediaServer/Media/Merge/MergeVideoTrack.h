@@ -11,15 +11,15 @@
 
 namespace krv::media {
 
-/// Pictures that are encoded anew: upright, in the size, shape, colours and rate of a model, the others fitted
-/// into that with bars; black where a source has none.
+/// Encodes the video of all sources: upright, in the size, shape, colours and rate of a model. Frames of another shape
+/// are letterboxed. Sources without video are black.
 class MergeVideoTrack : public MergeTrack {
 public:
     struct Model {
-        const AVStream& stream;  ///< lives as long as the track
-        FramePtr firstFrame;     ///< its first
-        AVRational tick;         ///< how long each is shown, in seconds
-        std::int64_t end;        ///< of the merged movie, in microseconds
+        const AVStream& stream;  ///< must outlive the track
+        FramePtr firstFrame;     ///< the first frame of the stream
+        AVRational tick;         ///< duration of a frame, in seconds
+        std::int64_t end;        ///< end of the merged movie, in microseconds
     };
     MergeVideoTrack(Model model, const Codec& codec);
 
@@ -41,13 +41,13 @@ private:
     const Model model_;
     const Codec& codec_;
     const Settings settings_;
-    VideoFormat format_;  // of the model, which is the target
+    VideoFormat format_;  // of the model; the target format
     std::optional<EncoderSession> encoder_;
     std::optional<FrameTimer> timer_;
     std::optional<Decoder> decoder_;
     std::optional<VideoFilter> filter_;
     MergePart part_{};
-    FramePtr latest_;  // of this part, in the target's format
+    FramePtr latest_;  // latest frame of this part, in the target format
     bool fed_ = false;
 };
 

@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <array>
-
-#include <fmt/format.h>
+#include <string>
 
 #include <MediaServer/Media/Foundation/Failure.h>
 #include <MediaServer/Media/Foundation/FourCC.h>
@@ -35,7 +34,7 @@ const EncodingType& encodingTypeNumbered(std::int32_t number) {
     const auto found =
         std::find_if(kTypes.begin(), kTypes.end(), [&](const EncodingType& t) { return t.number == number; });
     if (found == kTypes.end()) {
-        throw Failure(FailureCode::Unsupported, fmt::format("The encoding type {} is not supported.", number));
+        throw Failure({.cause = FailureCause::UnsupportedEncodingType, .subject = std::to_string(number)});
     }
     return *found;
 }

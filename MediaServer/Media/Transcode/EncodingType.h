@@ -5,14 +5,14 @@
 
 namespace krv::media {
 
-/// What a request's encodingType asks for. One row per type.
+/// What a request's encodingType means. One row per type.
 struct EncodingType {
     enum class Codec {
-        Copy,       ///< copied where the container allows, else the container's default codec
-        Settings,   ///< as the request's settings say, else the container's default codec
+        Copy,       ///< copied if the container can hold it, else the container's default codec
+        Settings,   ///< the codec of the request, else the container's default codec
         Fixed,      ///< the codec of the row
-        Preferred,  ///< the codec of the row where the container allows, else the container's default codec
-        None,       ///< left out
+        Preferred,  ///< the codec of the row if the container can hold it, else the container's default codec
+        None,       ///< dropped
     };
     std::int32_t number;
     const char* name;
@@ -22,10 +22,10 @@ struct EncodingType {
     std::uint32_t audioCodec;
 };
 
-/// All rows.
+/// Returns all rows.
 [[nodiscard]] std::span<const EncodingType> encodingTypes() noexcept;
 
-/// Throws Failure Unsupported naming the number.
+/// Returns the row of a number. Throws Failure with UnsupportedEncodingType.
 [[nodiscard]] const EncodingType& encodingTypeNumbered(std::int32_t number);
 
 }  // namespace krv::media

@@ -9,11 +9,11 @@
 namespace krv::media {
 namespace {
 
-/// How many packets may be kept back, in bytes, while a stream still has to show its first picture.
+/// How many bytes of packets may be queued until the first frame of every stream is decoded.
 constexpr std::int64_t kMostQueuedBytes = std::int64_t{64} << 20;
 
-/// Where the phases end. Moving the index to the front reads and writes everything once more, which counts
-/// where the streams were only copied.
+/// Where the phases end. Moving the index to the front reads and writes the whole file once more, which matters if the
+/// streams are only copied.
 constexpr double kCopied = 0.6;
 constexpr double kEncoded = 0.98;
 
@@ -55,14 +55,14 @@ void Pump::run(bool encodes) {
     output_.writeHeader();
     convert(queued, encodes);
     if (output_.packetCount() == 0) {
-        fail(FailureCode::UnusableSource, AVERROR_INVALIDDATA, "Nothing in it can be decoded");
+        fail(FailureCause::Damaged, AVERROR_INVALIDDATA, "decoding");
     }
     progress_.beginPhase(1);
     output_.finish();
     progress_.finish();
 }
 
-// Reads until every track knows what it will write. Packets of tracks that know already are kept for later.
+// Reads until every track is ready. Queues the packets of tracks that are already ready.
 std::deque<PacketPtr> Pump::prime() {
     std::deque<PacketPtr> queued;
     std::int64_t bytes = 0;
@@ -92,7 +92,7 @@ void Pump::convert(const std::deque<PacketPtr>& queued, bool encodes) {
     const PacketPtr packet = newPacket();
     while (source_.read(*packet)) {
         push(*packet);
-        // Encoding takes as long as the movie has pictures, copying as long as it has bytes.
+        // Encoding time is proportional to the length of the movie, copying time to its bytes.
         progress_.reach(encodes ? source_.position() : source_.bytePosition());
     }
     for (const auto& track : tracks_) {

@@ -13,20 +13,20 @@
 
 namespace krv::media {
 
-/// Moves the packets of one movie through tracks into the output, from the first packet to the finished file.
-/// One thread.
+/// Moves the packets of one movie through tracks into the output, from the first packet to the finished file. Not
+/// thread-safe.
 class Pump {
 public:
     Pump(Source& source, OutputFile& output, Progress& progress);
 
-    /// Streams of the output stand in the order in which tracks are added. Each track gets the packets of the
-    /// streams with these indices.
+    /// Adds a track, which receives the packets of the streams with these indices. The order of the tracks is that of
+    /// the output streams.
     void add(std::unique_ptr<Track> track, const std::vector<std::size_t>& indices);
-    /// Adds the track for a plan that is not to encode.
+    /// Adds the track for a plan other than Treatment::Encode.
     void addCopy(const StreamPlan& plan);
 
-    /// encodes: whether there is work that takes longer than reading and writing. Progress is complete when
-    /// this returns. Throws Failure.
+    /// Runs all tracks and finishes the file. encodes: whether a track encodes, which makes progress follow the time of
+    /// the movie instead of its bytes. Progress is complete when this returns. Throws Failure.
     void run(bool encodes);
 
 private:
@@ -38,7 +38,7 @@ private:
     OutputFile& output_;
     Progress& progress_;
     std::vector<std::unique_ptr<Track>> tracks_;
-    std::vector<Track*> byIndex_;  // by index of the source's stream; null: not read
+    std::vector<Track*> byIndex_;  // by index of the source's stream; null if the stream is not read
     std::vector<std::size_t> read_;
 };
 

@@ -1,6 +1,5 @@
 #include <algorithm>
-
-#include <fmt/format.h>
+#include <string>
 
 #include <MediaServer/Media/Container/StreamSelection.h>
 #include <MediaServer/Media/Foundation/Failure.h>
@@ -28,7 +27,7 @@ public:
             planAudio(index);
         }
         if (plan_.empty()) {
-            throw Failure(FailureCode::UnusableSource, emptyReason());
+            throw Failure({.cause = whyEmpty()});
         }
         return planRest();
     }
@@ -54,7 +53,7 @@ private:
         return std::move(plan_);
     }
 
-    /// The indices of the usable streams of a kind; only the default or first one if so wanted.
+    /// Returns the indices of the usable streams of a kind, or only the default or first one.
     std::vector<std::size_t> tracks(AVMediaType kind, bool onlyOne) const {
         std::vector<std::size_t> found = usableStreams(source_, kind);
         if (const auto one = defaultOrFirst(source_, found); onlyOne && one) {
@@ -132,7 +131,7 @@ private:
         }
     }
 
-    /// Telemetry is worth keeping; other data tracks (time code, chapter titles) are made anew by the muxer.
+    /// Copies telemetry. The muxer creates the other data tracks (time code, chapter titles) itself.
     void planData(std::size_t index) {
         const AVStream& stream = source_.stream(index);
         const bool telemetry = stream.codecpar->codec_tag == MKTAG('g', 'p', 'm', 'd');
@@ -155,8 +154,8 @@ private:
         }
     }
 
-    /// Without a way to say "show it rotated" the pixels themselves have to be turned, and without a way to
-    /// say "begin here" the pictures before that have to be left out.
+    /// Whether copying to this container would change what is shown. Without a display matrix the pixels themselves
+    /// must be rotated. Without edit lists the hidden frames at the beginning must be dropped.
     bool losesPresentation(const AVStream& stream) const {
         if (!container_.displayMatrix && av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr)) {
             return true;
@@ -165,7 +164,7 @@ private:
     }
 
     static bool hidesFrames(const AVStream& stream) {
-        auto& indexed = const_cast<AVStream&>(stream);  // the functions only read
+        auto& indexed = const_cast<AVStream&>(stream);  // the functions only read it
         const int count = avformat_index_get_entries_count(&indexed);
         for (int i = 0; i < count; ++i) {
             if (avformat_index_get_entry(&indexed, i)->flags & AVINDEX_DISCARD_FRAME) {
@@ -180,8 +179,9 @@ private:
     void copyOrRefuse(std::size_t index) {
         const AVCodecID codec = source_.stream(index).codecpar->codec_id;
         if (!container_.holds(codec)) {
-            throw Failure(FailureCode::Unsupported, fmt::format("The container “{}” cannot hold the codec “{}”.",
-                                                                container_.extension, avcodec_get_name(codec)));
+            throw Failure({.cause = FailureCause::ContainerCannotHold,
+                           .subject = std::string(container_.extension),
+                           .detail = avcodec_get_name(codec)});
         }
         copy(index);
     }
@@ -195,24 +195,24 @@ private:
     void encodeWith(std::size_t index, AVMediaType kind, std::uint32_t fourCC) {
         const Codec& codec = codecForFourCC(fourCC, kind);
         if (!container_.holds(codec.id)) {
-            throw Failure(FailureCode::Unsupported, fmt::format("The container “{}” cannot hold the codec {}.",
-                                                                container_.extension, codec.displayName));
+            throw Failure({.cause = FailureCause::ContainerCannotHold,
+                           .subject = std::string(container_.extension),
+                           .detail = codec.displayName});
         }
         const AVCodecID from = source_.stream(index).codecpar->codec_id;
         if (!avcodec_find_decoder(from)) {
-            throw Failure(FailureCode::Unsupported,
-                          fmt::format("The source's codec “{}” cannot be decoded.", avcodec_get_name(from)));
+            throw Failure({.cause = FailureCause::UndecodableCodec, .subject = avcodec_get_name(from)});
         }
         plan_.push_back({index, Treatment::Encode, &codec});
     }
 
-    std::string emptyReason() const {
+    FailureCause whyEmpty() const {
         const bool video = !tracks(AVMEDIA_TYPE_VIDEO, false).empty();
         const bool audio = !tracks(AVMEDIA_TYPE_AUDIO, false).empty();
         if (video && !audio) {
-            return "It has no audio.";
+            return FailureCause::NoAudioTrack;
         }
-        return video || audio ? "It has nothing that was asked for." : "It has neither video nor audio.";
+        return video || audio ? FailureCause::NoPlayableTrack : FailureCause::NoVideoOrAudioTrack;
     }
 
     const Source& source_;

@@ -11,23 +11,23 @@
 
 namespace krv::media {
 
-/// What becomes of one stream of the source.
+/// What is done with one stream of the source.
 struct StreamPlan {
     enum class Treatment { Copy, Encode, ConvertSubtitles, Cover };
-    std::size_t index;  ///< in the source
+    std::size_t index;  ///< of the stream in the source
     Treatment treatment;
-    const Codec* codec = nullptr;  ///< for Encode
+    const Codec* codec = nullptr;  ///< for Encode only
 };
 
-/// Decides what becomes of every stream of the source; those that are left out are not in the answer. Video
-/// comes first, then audio, subtitles and cover pictures. Throws Failure Unsupported if the container cannot
-/// hold a codec that was asked for, UnusableSource if nothing that could be shown or heard would remain.
+/// Decides what is done with every stream of the source. Dropped streams are not in the result. Video comes first, then
+/// audio, subtitles, data and cover pictures. Throws Failure with ContainerCannotHold or UndecodableCodec for a codec,
+/// and with NoAudioTrack, NoVideoOrAudioTrack or NoPlayableTrack if nothing would remain.
 [[nodiscard]] std::vector<StreamPlan> planStreams(const Source& source, const Container& container,
                                                   const EncodingType& type, const EncodeRequest& request);
 
-/// The same for everything but the sound, all of which is copied; text subtitles are converted where that is
-/// needed, and a container without moving pictures goes without them. May be empty. Throws Failure
-/// Unsupported if the container cannot hold the pictures' codec.
+/// Decides what is done with all streams except audio. They are copied, but text subtitles are converted if necessary,
+/// and containers for audio get no video. The result may be empty. Throws Failure with ContainerCannotHold if the
+/// container cannot hold the codec of the video.
 [[nodiscard]] std::vector<StreamPlan> planAllButAudio(const Source& source, const Container& container);
 
 }  // namespace krv::media

@@ -1,8 +1,6 @@
 #include <algorithm>
 #include <cstring>
 
-#include <fmt/format.h>
-
 #include <MediaServer/Media/Container/Metadata.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 #include <MediaServer/Media/Transcode/SubtitleConverter.h>
@@ -31,7 +29,7 @@ void SubtitleConverter::open(OutputFile& output) {
         result = avcodec_open2(decoder_.get(), from, nullptr);
     }
     if (result >= 0 && decoder_->subtitle_header) {
-        // The styles of the source; encoders write them in their own way.
+        // The styles of the source, which the encoder converts.
         const auto size = static_cast<std::size_t>(decoder_->subtitle_header_size);
         encoder_->subtitle_header = static_cast<std::uint8_t*>(notNull(av_mallocz(size + 1)));
         std::memcpy(encoder_->subtitle_header, decoder_->subtitle_header, size);
@@ -42,7 +40,7 @@ void SubtitleConverter::open(OutputFile& output) {
         result = avcodec_open2(encoder_.get(), to, nullptr);
     }
     if (result < 0) {
-        fail(FailureCode::Unsupported, result, fmt::format("The subtitles “{}” cannot be converted", name));
+        fail(FailureCause::UnconvertibleSubtitles, result, "opening the subtitle codecs", name);
     }
     to_ = &output.addStream();
     if (avcodec_parameters_from_context(to_->codecpar, encoder_.get()) < 0) {
@@ -65,7 +63,7 @@ void SubtitleConverter::push(const AVPacket& packet) {
         throw std::bad_alloc();
     }
     if (result < 0 || !got) {
-        return;  // a damaged line is left out like a damaged picture
+        return;  // skip a damaged line, like a damaged frame
     }
     if (subtitle.pts == AV_NOPTS_VALUE) {
         subtitle.pts = av_rescale_q(packet.pts, from_.time_base, kMicroseconds);
@@ -82,7 +80,7 @@ void SubtitleConverter::push(const AVPacket& packet) {
 }
 
 void SubtitleConverter::write(AVSubtitle& subtitle) {
-    // Encoders know a line's duration but not that it may start later than its packet.
+    // Encoders support the duration of a line, but not a start later than that of its packet.
     subtitle.pts += av_rescale_q(subtitle.start_display_time, kMilliseconds, kMicroseconds);
     subtitle.end_display_time -= subtitle.start_display_time;
     subtitle.start_display_time = 0;

@@ -5,7 +5,7 @@
 
 namespace krv::media {
 
-/// Converts text subtitles to the kind of text that the container holds.
+/// Converts text subtitles to the format that the container supports.
 class SubtitleConverter : public Track {
 public:
     explicit SubtitleConverter(const AVStream& from);

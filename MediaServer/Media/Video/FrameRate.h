@@ -4,8 +4,7 @@
 
 namespace krv::media {
 
-/// How many pictures of a stream are shown per second: its usual rate if that changes, and a plausible one if
-/// nothing is known. Never zero.
+/// Returns the frame rate of a stream: the usual one if it varies, and a plausible one if it is unknown. Never zero.
 [[nodiscard]] AVRational frameRate(const Source& source, const AVStream& stream);
 
 }  // namespace krv::media

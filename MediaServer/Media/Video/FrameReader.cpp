@@ -9,17 +9,17 @@
 namespace krv::media {
 namespace {
 
-/// Where the container has no index that tells, decoding on is quicker than seeking for times as close as this.
+/// Without an index, decoding on is faster than seeking if the time is at most this far ahead.
 constexpr std::int64_t kClose = 2 * static_cast<std::int64_t>(AV_TIME_BASE);
 
-/// The first step further back when the picture is not found; each is four times the one before.
+/// The first step back if the frame is not found. Each further step is four times as long.
 constexpr std::int64_t kFirstStepBack = AV_TIME_BASE;
 
 std::size_t requireVideo(const Source& source) {
     if (const auto index = mainVideoStream(source)) {
         return *index;
     }
-    throw Failure(FailureCode::UnusableSource, "It has no video.");
+    throw Failure({.cause = FailureCause::NoVideoTrack});
 }
 
 }  // namespace
@@ -69,7 +69,7 @@ void FrameReader::onlyKeyFrames(bool only) {
 }
 
 void FrameReader::goTo(std::int64_t time) {
-    // A format that cannot be sought in is read from where it stands, which at first is its beginning.
+    // A format that is not seekable is read on from its current position, which is the beginning at first.
     if (time <= source_.start() || !source_.seek(index_, time)) {
         (void)source_.rewind();
     }
@@ -112,12 +112,12 @@ FramePtr FrameReader::next() {
     return frame;
 }
 
-// Whether decoding on leads to the time without a detour: nothing to gain from a key frame in between.
+// Whether decoding on is the fastest way to the time, because there is no key frame between here and there.
 bool FrameReader::isOnTheWay(std::int64_t time) const {
     if (!shown_ || time < shown_->pts) {
         return false;
     }
-    auto& indexed = const_cast<AVStream&>(stream());  // only read
+    auto& indexed = const_cast<AVStream&>(stream());  // the functions only read it
     const std::int64_t there = av_rescale_q(time - source_.timeShift(), kMicroseconds, indexed.time_base);
     const int key = av_index_search_timestamp(&indexed, there, AVSEEK_FLAG_BACKWARD);
     if (key < 0 || avformat_index_get_entry(&indexed, key) == nullptr) {
@@ -129,7 +129,7 @@ bool FrameReader::isOnTheWay(std::int64_t time) const {
     return keyTime <= shown_->pts;
 }
 
-// The last picture that begins no later than the time, or the first later one if there is none.
+// Returns the last frame that begins no later than the time, or else the first later one.
 FramePtr FrameReader::lastUntil(std::int64_t time) {
     for (;;) {
         decodeMore();

@@ -13,11 +13,10 @@ void FrameTimer::push(FramePtr frame, const Sink& sink) {
     const std::int64_t sourceTime = frame->pts == AV_NOPTS_VALUE ? unknown : frame->pts;
     const std::int64_t time = toEncoder(sourceTime);
     if (time < 0) {
-        return;  // before the movie begins
+        return;  // before the start of the movie
     }
     if (held_) {
-        // Two pictures for one moment: at a constant rate the later one is nearer, else the first keeps its
-        // place.
+        // Two frames have the same time. At a constant rate the later one is nearer; otherwise the first one stays.
         const bool replaces = timing_.constant && time == heldTime_;
         if (time <= heldTime_ && !replaces) {
             return;
@@ -36,7 +35,7 @@ void FrameTimer::finish(const Sink& sink) {
     if (!held_) {
         return;
     }
-    // A last picture for which the next tick is the end of the movie would make the movie longer.
+    // If the next tick is the end of the movie, another frame would make the movie longer.
     const std::int64_t end = toEncoder(heldSourceTime_ + heldDuration_);
     if (end > heldTime_ || !emitted_ || !timing_.constant) {
         emitUntil(std::max(end, heldTime_ + 1), sink);

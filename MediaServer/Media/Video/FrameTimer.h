@@ -8,22 +8,21 @@
 
 namespace krv::media {
 
-/// Gives every picture its time and how long it is shown, in units of the encoder, both rising strictly.
+/// Sets the time and duration of every frame in units of the encoder. Times rise strictly.
 ///
-/// Without a rate the source's own timing stays as it is, variable or not. With a rate there is a picture at
-/// every tick: the source's pictures are repeated and left out as needed, so that none is more than half a
-/// tick from its time. It holds one picture back, because only the next one tells how long it is shown. One
-/// thread.
+/// Without a constant rate the source's timing stays as it is, variable or not. With a constant rate there is one frame
+/// per tick. Frames of the source are repeated or dropped as needed, and none is more than half a tick from its time.
+/// The timer holds back one frame, because its duration is known only when the next one arrives. Not thread-safe.
 class FrameTimer {
 public:
     using Sink = std::function<void(FramePtr)>;
 
     struct Timing {
-        AVRational source;     ///< unit of the pictures that come in
-        AVRational encoder;    ///< unit of those that go out; with a rate, its inverse
-        bool constant;         ///< whether there is a rate
-        std::int64_t typical;  ///< how long a picture is shown if nothing else is known, in source units
-        std::int64_t end;      ///< no picture is repeated beyond this time, in source units
+        AVRational source;     ///< time base of the input frames
+        AVRational encoder;    ///< time base of the output frames; the inverse of a constant rate
+        bool constant;         ///< whether the output has a constant rate
+        std::int64_t typical;  ///< duration of a frame whose duration is unknown, in source units
+        std::int64_t end;      ///< frames are not repeated beyond this time, in source units
     };
 
     explicit FrameTimer(const Timing& timing);

@@ -15,19 +15,19 @@ extern "C" {
 namespace krv::media {
 namespace {
 
-/// A grey value up to this is nearly black, also where fields of noise crawl about in it.
+/// A grey value up to this counts as nearly black. It is high enough for noise in a black frame.
 constexpr int kNearlyBlack = 32;
 constexpr double kVisiblePart = 0.02;
 constexpr double kUniform = 4;
 
 constexpr double kFirstPart = 0.1;
-/// Every picture is looked at for this long; after that key frames are, because a tenth of a long movie is long, too.
+/// Up to this time every frame is examined, then key frames only, because a tenth of a long movie is long, too.
 constexpr std::int64_t kLookClosely = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
 constexpr int kMostFrames = 300;
 constexpr int kMostKeyFrames = 300;
 constexpr int kSpread = 20;
 
-/// Larger than any screen that shows posters.
+/// No screen that shows posters is larger.
 constexpr double kLargestSide = 3840;
 
 class PosterSearch {
@@ -55,7 +55,7 @@ public:
                 return std::move(best_);
             }
         }
-        // Something may flash up between these.
+        // Something may be visible briefly between these.
         reader_.onlyKeyFrames(true);
         for (int i = 0; i < kMostKeyFrames; ++i) {
             reader_.goTo(start + length * i / kMostKeyFrames);
@@ -67,7 +67,8 @@ public:
     }
 
 private:
-    /// Whether one of the pictures from here to a time, as many as at most, is worth showing. It is the best then.
+    /// Examines the frames from the current position to a time, but at most this many. Returns whether one of them is
+    /// worth showing, which is then best_.
     bool among(std::int64_t end, int most) {
         for (int i = 0; i < most; ++i) {
             FramePtr frame = reader_.next();
@@ -104,7 +105,7 @@ private:
     double brightness_ = 0;
 };
 
-/// The cover itself where it is a JPEG that can be shown; the same picture made one otherwise.
+/// Returns the cover itself if it is a JPEG that can be decoded, otherwise the cover converted to JPEG.
 std::vector<std::uint8_t> coverOf(const Source& source) {
     for (std::size_t i = 0; i < source.streamCount(); ++i) {
         const AVStream& stream = source.stream(i);
@@ -149,7 +150,7 @@ Look lookAt(const AVFrame& frame) {
     SwsContext* const scaler = sws_getContext(frame.width, frame.height, static_cast<AVPixelFormat>(frame.format),
                                               kWidth, kHeight, AV_PIX_FMT_GRAY8, SWS_AREA, nullptr, nullptr, nullptr);
     if (!scaler) {
-        throw Failure(FailureCode::Internal, "A picture is of a format that cannot be looked at.");
+        throw Failure({.cause = FailureCause::InternalError, .reason = "a frame's pixel format cannot be scaled"});
     }
     const bool full = frame.color_range == AVCOL_RANGE_JPEG;
     const int* const coefficients = sws_getCoefficients(SWS_CS_DEFAULT);

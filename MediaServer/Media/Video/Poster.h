@@ -8,25 +8,27 @@
 
 namespace krv::media {
 
-/// The one picture that stands for a movie, as JPEG; empty when none can be had.
+/// Returns the poster of a movie as JPEG, or nothing if the movie has none.
 ///
-/// Cover art if there is any. Else the first picture that is worth looking at (neither nearly black nor all the same)
-/// within the first tenth of the movie, else among twenty spread over it, else among its key frames, else the brightest
-/// of all that were looked at. The source may be anywhere in the movie, before and afterwards. Throws Failure.
+/// The poster is the cover art if there is any. Otherwise it is the first frame worth showing, which is neither nearly
+/// black nor uniform. The search covers the first tenth of the movie, then twenty frames spread over it, then its key
+/// frames. If it fails, the poster is the brightest frame that was examined. The source may be at any position, and the
+/// position afterwards is undefined. Throws Failure.
 [[nodiscard]] std::vector<std::uint8_t> makePoster(Source& source, Progress& progress);
 
+/// Returns whether a movie has cover art.
 [[nodiscard]] bool hasCover(const Source& source) noexcept;
 
-/// How a picture looks from afar.
+/// Statistics of a frame that tell whether it is worth showing.
 struct Look {
     double brightness = 0;  ///< mean of the grey values, 0 (black) to 255
     double contrast = 0;    ///< their standard deviation
-    double visible = 0;     ///< the part of the picture that is not nearly black, 0 to 1
+    double visible = 0;     ///< the part of the frame that is not nearly black, 0 to 1
 
     [[nodiscard]] bool worthShowing() const noexcept;
 };
 
-/// Throws Failure when the picture's format is not known.
+/// Computes the statistics. Throws Failure with InternalError if the pixel format cannot be scaled.
 [[nodiscard]] Look lookAt(const AVFrame& frame);
 
 }  // namespace krv::media

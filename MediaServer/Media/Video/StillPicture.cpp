@@ -11,12 +11,12 @@
 namespace krv::media {
 namespace {
 
-/// Small errors that nobody sees at a third of the size of the best.
+/// Its small errors are invisible, and the file is a third as large as at the best quality.
 constexpr int kQuantiser = 3;
 
 constexpr int kLongestSide = 16384;
 
-/// JPEG can say neither "show it turned" nor anything else that a movie's container can.
+/// JPEG as a container: it cannot store a rotation or anything else that containers of movies can.
 constexpr Container kStill{"jpg", "", 0, 0, AV_CODEC_ID_NONE, CoverArt::None, false, false, false, false, false, ""};
 
 VideoFormat formatOf(const AVStream& stream, const AVFrame& frame, Extent extent) {
@@ -27,7 +27,7 @@ VideoFormat formatOf(const AVStream& stream, const AVFrame& frame, Extent extent
     format.height = extent.height;
     format.sampleAspect = {1, 1};
     format.interlaced = false;
-    // Readers of JPEG know one set of colours.
+    // JPEG readers assume this matrix and range.
     format.space = AVCOL_SPC_SMPTE170M;
     format.range = AVCOL_RANGE_JPEG;
     format.convertsColours = true;
@@ -46,7 +46,7 @@ FramePtr converted(const AVStream& stream, FramePtr frame, const VideoFormat& fo
     filter.push(std::move(frame), keepFirst);
     filter.finish(keepFirst);
     if (!result) {
-        throw Failure(FailureCode::Internal, "A picture was lost on its way.");
+        throw Failure({.cause = FailureCause::InternalError, .reason = "the filter returned no frame"});
     }
     return result;
 }
@@ -109,7 +109,7 @@ std::vector<std::uint8_t> encodeJPEG(const AVStream& stream, FramePtr frame, dou
         result = avcodec_receive_packet(encoder.get(), packet.get());
     }
     if (result < 0) {
-        fail(FailureCode::Internal, result, "A picture cannot be compressed");
+        fail(FailureCause::InternalError, result, "encoding a JPEG");
     }
     return {packet->data, packet->data + packet->size};
 }

@@ -17,7 +17,7 @@ extern "C" {
 namespace krv::media {
 namespace {
 
-/// Pictures whose shapes differ by less than this are the same shape: rounding to even sides does that much.
+/// Shapes that differ by less than this are the same; rounding to even sides changes them as much.
 constexpr double kSameShape = 0.02;
 
 const char* rangeName(AVColorRange range) {
@@ -48,14 +48,14 @@ const char* matrixName(AVColorSpace space) {
     }
 }
 
-/// What is white on paper in an HDR movie, in candela per square metre; it is to be the white of an ordinary one.
+/// Reference white of an HDR movie, in candela per square metre. Tone-mapping makes it the white of an SDR movie.
 constexpr double kReferenceWhite = 203;
 
-/// Up to this part of white nothing is changed; only what is brighter is compressed, so that faces and scenery look as
-/// they do in the ordinary version of a movie. Curves that bend everything darken it as a whole.
+/// Up to this part of white, tone-mapping changes nothing. Only what is brighter is compressed, so that faces and
+/// scenery look as in the SDR version of a movie. A curve that bends the whole range darkens the movie.
 constexpr double kUntouched = 0.8;
 
-/// Brings HDR to what an ordinary screen shows: linear light, the smaller gamut, the compressed highlights.
+/// Returns the filters that tone-map HDR to SDR: via linear light to the smaller gamut, with compressed highlights.
 std::string toneMapping(const AVFrame& frame, const VideoFormat& target) {
     const bool unknownPrimaries = frame.color_primaries == AVCOL_PRI_UNSPECIFIED;
     const bool unknownSpace = frame.colorspace == AVCOL_SPC_UNSPECIFIED;
@@ -78,7 +78,7 @@ std::string toneMapping(const AVFrame& frame, const VideoFormat& target) {
                        std::max(target.peakLuminance / kReferenceWhite, 1.01));
 }
 
-/// Brings ordinary pictures, or those of the other kind of HDR, to the HDR of the target.
+/// Returns the filters that convert SDR, or the other kind of HDR, to the HDR of the target.
 std::string widening(const AVFrame& frame, const VideoFormat& target) {
     std::string input;
     if (frame.color_primaries == AVCOL_PRI_UNSPECIFIED) {
@@ -93,7 +93,7 @@ std::string widening(const AVFrame& frame, const VideoFormat& target) {
     if (frame.color_range == AVCOL_RANGE_UNSPECIFIED) {
         input += ":rin=tv";
     }
-    // White of ordinary pictures is as bright as white in those of high dynamic range usually is.
+    // White in SDR becomes the reference white of HDR.
     return fmt::format("zscale=w={}:h={}:t={}:p=bt2020:m=bt2020nc:r=tv:npl={}{}", target.width, target.height,
                        target.transfer == AVCOL_TRC_ARIB_STD_B67 ? "arib-std-b67" : "smpte2084", kReferenceWhite,
                        input);
@@ -103,7 +103,7 @@ double pixelShape(AVRational aspect) {
     return aspect.num > 0 && aspect.den > 0 ? av_q2d(aspect) : 1;
 }
 
-/// How the colours of the frame are meant and how they are wanted.
+/// Returns the scaler options for the colour matrices of the frame and of the target.
 std::string matrices(const AVFrame& frame, const VideoFormat& target) {
     const AVPixFmtDescriptor* source = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
     const AVPixFmtDescriptor* wanted = av_pix_fmt_desc_get(target.pixels);
@@ -133,7 +133,7 @@ VideoFilter::VideoFilter(const VideoFormat& target, AVRational timeBase)
 void VideoFilter::push(FramePtr frame, const Sink& sink) {
     if (frame->interlaced_frame && !target_.interlaced && !deinterlaces_) {
         finish(sink);
-        deinterlaces_ = true;  // and stays so: film and video are mixed in many recordings
+        deinterlaces_ = true;  // for the rest of the movie: many recordings mix film and video
     }
     if (!graph_ || !sameKind(*frame)) {
         finish(sink);
@@ -141,7 +141,7 @@ void VideoFilter::push(FramePtr frame, const Sink& sink) {
     }
     const int result = av_buffersrc_add_frame_flags(in_, frame.get(), 0);
     if (result < 0) {
-        fail(FailureCode::Internal, result, "A picture cannot be converted");
+        fail(FailureCause::InternalError, result, "filtering a frame");
     }
     drain(sink);
 }
@@ -152,7 +152,7 @@ void VideoFilter::finish(const Sink& sink) {
     }
     const int result = av_buffersrc_add_frame_flags(in_, nullptr, 0);
     if (result < 0) {
-        fail(FailureCode::Internal, result, "A picture cannot be converted");
+        fail(FailureCause::InternalError, result, "filtering a frame");
     }
     drain(sink);
     graph_.reset();
@@ -166,7 +166,7 @@ void VideoFilter::drain(const Sink& sink) {
             return;
         }
         if (result < 0) {
-            fail(FailureCode::Internal, result, "A picture cannot be converted");
+            fail(FailureCause::InternalError, result, "filtering a frame");
         }
         const AVRational unit = av_buffersink_get_time_base(out_);
         if (frame->pts != AV_NOPTS_VALUE) {
@@ -221,11 +221,11 @@ void VideoFilter::build(const AVFrame& frame) {
     avfilter_inout_free(&inputs);
     avfilter_inout_free(&outputs);
     if (result < 0) {
-        fail(FailureCode::Internal, result, "The pictures cannot be converted");
+        fail(FailureCause::InternalError, result, "building the video filter");
     }
 }
 
-// Scales to the largest size of the picture's own shape that fits, and puts bars around.
+// Scales a frame to the largest size of its own shape that fits, and letterboxes it.
 std::string VideoFilter::fittingChain(const AVFrame& frame, int width, int height) const {
     const bool sideways = target_.quarterTurns % 2 == 1;
     const double targetPixel = pixelShape(target_.sampleAspect);
@@ -250,7 +250,7 @@ std::string VideoFilter::fittingChain(const AVFrame& frame, int width, int heigh
         chain = fmt::format("scale=w={}:h={}:flags=bicubic+accurate_rnd:out_range={}{}", innerWidth, innerHeight,
                             rangeName(target_.range), matrices(frame, target_));
     }
-    // The bars are put around in the format of the target, in which black is what it means by black.
+    // The bars are added in the pixel format of the target, so that they are black there.
     chain += fmt::format(",format=pix_fmts={},", av_get_pix_fmt_name(target_.pixels));
     if (innerWidth != width || innerHeight != height) {
         chain += fmt::format("pad=w={}:h={}:x=(ow-iw)/2:y=(oh-ih)/2,", width, height);

@@ -8,14 +8,15 @@
 
 namespace krv::media {
 
-/// Turns decoded pictures into pictures of one format: fields into whole pictures, size, orientation,
-/// colours. A source whose pictures change in the middle is followed: those of another shape than the first,
-/// or than the target if it says so, are fitted with bars. One thread (the filters may use more of their own).
+/// Converts decoded frames to one format: deinterlaces, scales, rotates, and converts colours. The format of the source
+/// may change in the middle. Frames whose shape differs from that of the first frame are letterboxed. If
+/// VideoFormat::fitted is set, those whose shape differs from that of the target are. Not thread-safe; the filters may
+/// use threads of their own.
 class VideoFilter {
 public:
     using Sink = std::function<void(FramePtr)>;
 
-    /// timeBase is the unit of the frames' times, in and out.
+    /// timeBase: unit of the times of input and output frames.
     VideoFilter(const VideoFormat& target, AVRational timeBase);
 
     void push(FramePtr frame, const Sink& sink);
@@ -31,8 +32,8 @@ private:
     const VideoFormat target_;
     const AVRational timeBase_;
     bool deinterlaces_ = false;
-    double shape_ = 0;  // width to height of the first picture
-    FramePtr like_;     // properties of the pictures that the graph was built for, without their data
+    double shape_ = 0;  // width to height of the first frame
+    FramePtr like_;     // properties of the frames that the graph was built for, without data
     FilterGraphPtr graph_;
     AVFilterContext* in_ = nullptr;
     AVFilterContext* out_ = nullptr;

@@ -27,8 +27,8 @@ int clockwiseQuarterTurns(const std::int32_t* matrix) {
     return std::isfinite(degrees) ? (static_cast<int>(std::lround(degrees / 90)) % 4 + 4) % 4 : 0;
 }
 
-/// A matrix with a negative determinant mirrors. What FFmpeg then reports as the angle is that of the first
-/// column.
+/// Returns whether a display matrix mirrors, which it does if its determinant is negative. FFmpeg then reports the
+/// angle of its first column.
 bool mirrors(const std::int32_t* matrix) {
     const auto a = static_cast<double>(matrix[0]), b = static_cast<double>(matrix[1]);
     const auto c = static_cast<double>(matrix[3]), d = static_cast<double>(matrix[4]);
@@ -67,8 +67,9 @@ AVPixelFormat choosePixels(const VideoFormatRequest& request) {
             }
         }
     }
-    throw Failure(FailureCode::Unsupported, fmt::format("The setting “pixelFormat={}” does not apply to {}.",
-                                                        av_get_pix_fmt_name(asked), request.codec.displayName));
+    throw Failure({.cause = FailureCause::SettingDoesNotApply,
+                   .subject = fmt::format("pixelFormat={}", av_get_pix_fmt_name(asked)),
+                   .detail = request.codec.displayName});
 }
 
 int aligned(double side, int log2) {
@@ -76,8 +77,8 @@ int aligned(double side, int log2) {
     return std::clamp(static_cast<int>(std::lround(side)) & ~(unit - 1), unit, 16384);
 }
 
-/// Sides that are asked for are those of the upright picture. One alone keeps the shape of the picture; two of
-/// them change the shape of the pixels, so that what is shown is not distorted.
+/// A requested width or height is that of the upright frame. If only one is given, the frame keeps its shape. If both
+/// are given, the pixel aspect ratio changes, so that the video is not distorted.
 void chooseSize(VideoFormat& format, const VideoFormatRequest& request, bool sideways) {
     const double width = request.frame.width;
     const double height = request.frame.height;
@@ -150,8 +151,8 @@ void chooseColour(VideoFormat& format, const VideoFormatRequest& request) {
     }
 }
 
-/// Fields are kept where the codec stays the same, and for codecs of post production. Elsewhere the change of
-/// codec is the moment to make whole pictures of them, because the new one's players expect these.
+/// Video stays interlaced if the codec stays the same, and for production codecs. Otherwise it is deinterlaced, because
+/// players of the new codec expect progressive video.
 void chooseInterlacing(VideoFormat& format, const VideoFormatRequest& request) {
     const char* name = request.codec.encoders.front();
     const bool staysSame = request.stream.codecpar->codec_id == request.codec.id;

@@ -7,8 +7,7 @@
 
 namespace krv::media {
 
-/// What the pictures look like that an encoder gets, and what has to be done to the source's pictures for
-/// that.
+/// The format of the frames that an encoder receives, and how the source's frames are converted to it.
 struct VideoFormat {
     int width = 0;
     int height = 0;
@@ -19,45 +18,46 @@ struct VideoFormat {
     AVColorTransferCharacteristic transfer = AVCOL_TRC_UNSPECIFIED;
     AVColorSpace space = AVCOL_SPC_UNSPECIFIED;
     AVChromaLocation chroma = AVCHROMA_LOC_UNSPECIFIED;
-    bool interlaced = false;       ///< stays interlaced, and is flagged so
-    bool topFieldFirst = false;    ///< when interlaced
-    bool toneMapped = false;       ///< the source is HDR and this is not
-    double peakLuminance = 0;      ///< of the source, in candela per square metre; for tone mapping
-    bool convertsColours = false;  ///< pictures of another matrix are brought to this one, not only described by it
-    int quarterTurns = 0;          ///< clockwise turns of the pixels, where the container cannot say it
-    /// Likewise: after the turns, mirrored across the axis that was the source's horizontal one.
+    bool interlaced = false;       ///< stays interlaced, and is flagged as such
+    bool topFieldFirst = false;    ///< if interlaced
+    bool toneMapped = false;       ///< the source is HDR and the target is not
+    double peakLuminance = 0;      ///< of the source, in candela per square metre; for tone-mapping
+    bool convertsColours = false;  ///< frames with another matrix are converted, not only relabelled
+    int quarterTurns = 0;          ///< clockwise rotation of the pixels, for containers without a display matrix
+    /// Likewise: mirrored, after the rotation, across the axis that was the source's horizontal one.
     bool mirrored = false;
-    bool fitted = false;  ///< pictures that are shown in another shape get bars; else the first one's are stretched
+    bool fitted = false;  ///< letterboxes frames of another display shape; otherwise the first shape is stretched
 };
 
-/// Where a VideoFormat comes from.
+/// What a VideoFormat is chosen from.
 struct VideoFormatRequest {
     const AVStream& stream;
-    const AVFrame& frame;  ///< the first one; its colour description wins over the stream's
+    const AVFrame& frame;  ///< the first frame; its colour description overrides the stream's
     const Codec& codec;
     const Settings& settings;
     const Container& container;
 };
 
-/// Pure. Throws Failure Unsupported if a picture format that was asked for is not one of the codec's.
+/// Chooses the format of the frames for an encoder. Throws Failure with SettingDoesNotApply if the codec does not
+/// support the requested pixel format. Pure.
 [[nodiscard]] VideoFormat chooseVideoFormat(const VideoFormatRequest& request);
 
-/// Sets the turns and the mirroring that make a stream's pictures upright.
+/// Sets the rotation and mirroring that make a stream's frames upright.
 void turnUpright(VideoFormat& format, const AVStream& stream);
 
-/// Tells an encoder that is not open yet what its pictures will be like.
+/// Copies the format into the context of an encoder that is not open yet.
 void describe(const VideoFormat& format, AVCodecContext& encoder);
 
-/// What the colours of pictures of this size are taken to be where nobody says it: small ones come from television of
-/// old and large ones from the new one.
+/// Returns the colour matrix that is assumed if neither the stream nor the frame names one. Small frames come from
+/// standard-definition television, large ones from high definition.
 [[nodiscard]] constexpr AVColorSpace assumedMatrix(int width, int height) noexcept {
     return height > 576 || width > 1024 ? AVCOL_SPC_BT709 : AVCOL_SPC_SMPTE170M;
 }
 
-/// Whether the display matrix turns the picture by 90 or 270 degrees.
+/// Returns whether the display matrix rotates the video by 90 or 270 degrees.
 [[nodiscard]] bool displayedSideways(const AVStream& stream);
 
-/// Whether the transfer characteristic is one of high dynamic range.
+/// Returns whether a transfer characteristic is one of high dynamic range.
 [[nodiscard]] constexpr bool isHDR(AVColorTransferCharacteristic transfer) noexcept {
     return transfer == AVCOL_TRC_SMPTE2084 || transfer == AVCOL_TRC_ARIB_STD_B67;
 }

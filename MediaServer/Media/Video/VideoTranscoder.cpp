@@ -9,10 +9,10 @@
 namespace krv::media {
 namespace {
 
-/// MPEG-4 part 2 counts the ticks of a second in 16 bits.
+/// MPEG-4 Part 2 stores the number of ticks per second in 16 bits.
 constexpr int kMPEG4Ticks = 65535;
 
-/// A rate comes as a 32-bit number, but 29.97 means 30000/1001.
+/// Returns a requested rate as a fraction. The request has a 32-bit float, in which 29.97 means 30000/1001.
 AVRational rationalRate(float fps) {
     const double value = static_cast<double>(fps);
     const double whole = std::round(value * 1.001);
@@ -22,7 +22,7 @@ AVRational rationalRate(float fps) {
     return av_d2q(value, 100000);
 }
 
-/// What the header says about a stream of which no picture could be decoded yet.
+/// Returns a frame without data, as the header describes it, for a stream of which no frame has been decoded yet.
 FramePtr expectedFrame(const AVStream& from) {
     FramePtr frame = newFrame();
     const AVCodecParameters& codec = *from.codecpar;
@@ -107,7 +107,7 @@ void VideoTranscoder::convert(FramePtr frame) {
 }
 
 void VideoTranscoder::encode(FramePtr frame) {
-    // The source's choice of key frames is not the encoder's.
+    // The encoder chooses its own key frames.
     frame->pict_type = AV_PICTURE_TYPE_NONE;
     if (!format_.interlaced) {
         frame->interlaced_frame = 0;

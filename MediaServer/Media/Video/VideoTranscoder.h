@@ -13,7 +13,7 @@
 
 namespace krv::media {
 
-/// Decodes a video stream and encodes it anew.
+/// Decodes a video stream and encodes it again.
 class VideoTranscoder : public Track {
 public:
     struct Request {
@@ -39,9 +39,9 @@ private:
     const Source& source_;
     const AVStream& from_;
     const Request request_;
-    AVRational rate_;  // of the output: constant if fps was asked for, else the source's, as a hint
+    AVRational rate_;  // of the output: constant if fps is set, else the source's, as a hint
     Decoder decoder_;
-    std::deque<FramePtr> early_;  // decoded before the output was open
+    std::deque<FramePtr> early_;  // decoded before the output is opened
     VideoFormat format_;
     std::optional<VideoFilter> filter_;
     std::optional<FrameTimer> timer_;

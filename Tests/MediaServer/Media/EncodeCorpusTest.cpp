@@ -203,9 +203,9 @@ TEST(BrokenMovies, GiveWhatIsLeftOfThem) {
         EXPECT_GT(numbers.size(), 20U) << movie;
         EXPECT_EQ(numbers.front(), 0);
     }
-    EXPECT_EQ(failureOf({.source = corpus("truncated.mp4")})->code(), 4);
-    EXPECT_EQ(failureOf({.source = corpus("text.mp4")})->code(), 4);
-    EXPECT_EQ(failureOf({.source = corpus("empty.mp4")})->code(), 4);
+    EXPECT_EQ(failureOf({.source = corpus("truncated.mp4")})->cause, FailureCause::Damaged);
+    EXPECT_EQ(failureOf({.source = corpus("text.mp4")})->cause, FailureCause::NoVideoOrAudioTrack);
+    EXPECT_EQ(failureOf({.source = corpus("empty.mp4")})->cause, FailureCause::SourceIsEmpty);
 }
 
 TEST(ManyStreams, AllComeAlong) {

@@ -126,8 +126,9 @@ TEST(InterestingTimes, OfATrackThatDoesNotExistAreAnError) {
             (void)timesOf(corpus("h264.mp4"), track);
             ADD_FAILURE() << track;
         } catch (const Failure& failure) {
-            EXPECT_EQ(failure.code(), 9);
-            EXPECT_THAT(failure.reason(), testing::HasSubstr(fmt::format("no track {}", track)));
+            EXPECT_EQ(failure.cause, FailureCause::NoSuchTrack);
+            EXPECT_EQ(failure.subject, fmt::format("{}", track));
+            EXPECT_EQ(failure.detail, "2");
         }
     }
 }

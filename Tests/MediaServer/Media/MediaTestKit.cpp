@@ -23,6 +23,8 @@
 #include <gtest/gtest.h>
 #include <strings.h>
 
+#include <MediaServer/Media/Foundation/FFmpegLog.h>
+
 // The HEVC encoder's library forgets memory of its own, which would hide what our code forgets.
 extern "C" const char* __lsan_default_suppressions();
 extern "C" const char* __lsan_default_suppressions() {  // NOLINT(bugprone-reserved-identifier): the sanitizer's name
@@ -79,6 +81,10 @@ OutputPath::~OutputPath() {
     if (!path_.empty()) {
         unlink(path_.c_str());
     }
+}
+
+RecordingSink::RecordingSink() {
+    FFmpegLog::instance().clear();
 }
 
 OutputPath convert(const Conversion& conversion, ProgressSink& sink) {

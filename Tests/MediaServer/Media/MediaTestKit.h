@@ -44,9 +44,11 @@ private:
     std::string path_;
 };
 
-/// Remembers all that was reported.
+/// Remembers all that was reported. Each operation gets its own; like the worker before an operation, the constructor
+/// clears FFmpeg's log.
 class RecordingSink : public ProgressSink {
 public:
+    RecordingSink();
     void progress(double fraction) noexcept override { fractions.push_back(fraction); }
     std::vector<double> fractions;
 };

@@ -97,13 +97,15 @@ TEST(MovieInfo, HasTheMoviesOwnTimeOfCreation) {
 }
 
 TEST(MovieInfo, OfWhatIsNoMovieIsAnError) {
-    for (const char* name : {"text.mp4", "truncated.mp4", "empty.mp4"}) {
+    using Cause = FailureCause;
+    for (const auto& [name, cause] :
+         {std::pair("text.mp4", Cause::NoVideoOrAudioTrack), std::pair("truncated.mp4", Cause::Damaged),
+          std::pair("empty.mp4", Cause::SourceIsEmpty)}) {
         try {
             (void)infoOf(corpus(name));
             ADD_FAILURE() << name;
         } catch (const Failure& failure) {
-            EXPECT_EQ(failure.code(), 4) << name;
-            EXPECT_EQ(failure.path(), corpus(name));
+            EXPECT_EQ(failure.cause, cause) << name;
         }
     }
 }

@@ -31,7 +31,6 @@ protected:
         request.source = source.number();
         request.sourcePath = wanted.movie;
         request.destination = destination.number();
-        request.destinationPath = "/thumbnails";
         request.count = wanted.count;
         request.width = wanted.width;
         request.height = wanted.height;
@@ -207,11 +206,13 @@ TEST_F(Thumbnails, ProgressRisesToOne) {
 }
 
 TEST_F(Thumbnails, OfWhatHasNoVideoFail) {
-    for (const char* movie : {"song.m4a", "album.m4a", "text.mp4", "truncated.mp4"}) {
+    using Cause = FailureCause;
+    for (const auto& [movie, cause] :
+         {std::pair("song.m4a", Cause::NoVideoTrack), std::pair("album.m4a", Cause::NoVideoTrack),
+          std::pair("text.mp4", Cause::NoVideoTrack), std::pair("truncated.mp4", Cause::Damaged)}) {
         const auto failure = failureWith({.movie = corpus(movie)});
         ASSERT_TRUE(failure) << movie;
-        EXPECT_EQ(failure->code(), 4) << movie;
-        EXPECT_EQ(failure->path(), corpus(movie));
+        EXPECT_EQ(failure->cause, cause) << movie;
     }
 }
 

@@ -29,7 +29,9 @@ TEST_P(EveryCodec, IsNotOneOfTheOtherKind) {
         (void)codecForFourCC(GetParam().first, GetParam().second == kVideo ? kAudio : kVideo);
         ADD_FAILURE();
     } catch (const Failure& failure) {
-        EXPECT_EQ(failure.code(), 6);
+        EXPECT_EQ(failure.cause, FailureCause::WrongKindOfCodec);
+        EXPECT_EQ(failure.subject, fourCCText(GetParam().first));
+        EXPECT_EQ(failure.detail, GetParam().second == kVideo ? "an audio codec" : "a video codec");
     }
 }
 
@@ -48,14 +50,15 @@ TEST(CodecTable, UnknownCodesAreNamed) {
         (void)codecForFourCC(fourCC("XVID"), kVideo);
         ADD_FAILURE();
     } catch (const Failure& failure) {
-        EXPECT_EQ(failure.code(), 6);
-        EXPECT_THAT(failure.reason(), testing::HasSubstr("“XVID”"));
+        EXPECT_EQ(failure.cause, FailureCause::UnsupportedCodec);
+        EXPECT_EQ(failure.subject, "XVID");
     }
     try {
         (void)codecForFourCC(7, kVideo);
         ADD_FAILURE();
     } catch (const Failure& failure) {
-        EXPECT_THAT(failure.reason(), testing::HasSubstr("0x00000007"));
+        EXPECT_EQ(failure.cause, FailureCause::UnsupportedCodec);
+        EXPECT_EQ(failure.subject, "0x00000007");
     }
 }
 

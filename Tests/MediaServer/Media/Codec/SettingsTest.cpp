@@ -1,7 +1,9 @@
 #include <cmath>
 #include <limits>
+#include <optional>
 #include <string>
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include <MediaServer/Media/Codec/Settings.h>
@@ -17,14 +19,19 @@ using testing::Pair;
 constexpr AVMediaType kVideo = AVMEDIA_TYPE_VIDEO;
 constexpr AVMediaType kAudio = AVMEDIA_TYPE_AUDIO;
 
-/// Code and reason of what parsing throws; code 0 if it succeeds.
-std::pair<int, std::string> refusal(std::string_view text, AVMediaType type = kVideo) {
+//// What parsing throws; nothing if it succeeds.
+std::optional<Failure> refusal(std::string_view text, AVMediaType type = kVideo) {
     try {
         (void)parseSettings(text, type);
     } catch (const Failure& failure) {
-        return {failure.code(), failure.reason()};
+        return failure;
     }
-    return {0, ""};
+    return std::nullopt;
+}
+
+std::optional<FailureCause> causeOf(std::string_view text) {
+    const auto failure = refusal(text);
+    return failure ? std::optional(failure->cause) : std::nullopt;
 }
 
 TEST(Settings, EmptyTextAsksForNothing) {
@@ -58,20 +65,21 @@ TEST(Settings, EmptyPartsAreSkipped) {
 }
 
 TEST(Settings, TextThatIsNoUTF8IsABadArgument) {
-    EXPECT_EQ(refusal("preset=\xff\xfe").first, 9);
-    EXPECT_EQ(refusal("preset=\xc3").first, 9);          // cut off in the middle
-    EXPECT_EQ(refusal("preset=\xc0\xaf").first, 9);      // longer than needed
-    EXPECT_EQ(refusal("preset=\xed\xa0\x80").first, 9);  // half of a pair
+    EXPECT_EQ(causeOf("preset=\xff\xfe"), FailureCause::InvalidArgument);
+    EXPECT_EQ(causeOf("preset=\xc3"), FailureCause::InvalidArgument);          // cut off in the middle
+    EXPECT_EQ(causeOf("preset=\xc0\xaf"), FailureCause::InvalidArgument);      // longer than needed
+    EXPECT_EQ(causeOf("preset=\xed\xa0\x80"), FailureCause::InvalidArgument);  // half of a pair
 }
 
 TEST(Settings, UTF8ThatIsNoOptionIsUnsupportedLater) {
-    EXPECT_EQ(refusal("größe=1").first, 0);
+    EXPECT_FALSE(refusal("größe=1"));
 }
 
 struct Refused {
     const char* text;
     AVMediaType type;
-    const char* named;
+    const char* key;
+    const char* detail;  ///< part of it
 };
 
 void PrintTo(const Refused& one, std::ostream* out) {
@@ -81,27 +89,40 @@ void PrintTo(const Refused& one, std::ostream* out) {
 class RefusedSettings : public testing::TestWithParam<Refused> {};
 
 TEST_P(RefusedSettings, AreUnsupportedAndNamed) {
-    const auto [code, reason] = refusal(GetParam().text, GetParam().type);
-    EXPECT_EQ(code, 6);
-    EXPECT_THAT(reason, HasSubstr(GetParam().named));
+    const auto failure = refusal(GetParam().text, GetParam().type);
+    ASSERT_TRUE(failure);
+    EXPECT_EQ(failure->cause, FailureCause::UnsupportedSetting);
+    EXPECT_EQ(failure->subject, GetParam().key);
+    EXPECT_THAT(failure->detail, HasSubstr(GetParam().detail));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Settings, RefusedSettings,
-    testing::Values(Refused{"width", kVideo, "width"}, Refused{"=5", kVideo, "=5"}, Refused{"width=", kVideo, "width"},
-                    Refused{"width=0", kVideo, "width"}, Refused{"width=-640", kVideo, "width"},
-                    Refused{"width=6e2", kVideo, "width"}, Refused{"width=nan", kVideo, "width"},
-                    Refused{"height=100000", kVideo, "height"},
-                    Refused{"height=99999999999999999999", kVideo, "height"}, Refused{"bitrate=1", kVideo, "bitrate"},
-                    Refused{"pixelFormat=plaid", kVideo, "plaid"}, Refused{"channels=0", kAudio, "channels"},
-                    Refused{"channels=9", kAudio, "channels"}, Refused{"sampleRate=1", kAudio, "sampleRate"},
-                    Refused{"stats=/tmp/x", kVideo, "stats"}, Refused{"passlogfile=x", kVideo, "passlogfile"},
-                    Refused{"x264-params=stats=/tmp/x", kVideo, "x264-params"},
-                    Refused{"x265-params=csv=/tmp/x", kVideo, "x265-params"}, Refused{"flags=+pass1", kVideo, "flags"},
-                    Refused{"threads=1000", kVideo, "threads"}));
+    testing::Values(Refused{"width", kVideo, "width", "has no value"}, Refused{"=5", kVideo, "=5", "has no value"},
+                    Refused{"width=", kVideo, "width", "is not a whole number"},
+                    Refused{"width=0", kVideo, "width", "is out of range"},
+                    Refused{"width=-640", kVideo, "width", "is out of range"},
+                    Refused{"width=6e2", kVideo, "width", "is not a whole number"},
+                    Refused{"width=nan", kVideo, "width", "is not a whole number"},
+                    Refused{"height=100000", kVideo, "height", "is out of range (2 to 16384)"},
+                    Refused{"height=99999999999999999999", kVideo, "height", "is not a whole number"},
+                    Refused{"bitrate=1", kVideo, "bitrate", "is out of range"},
+                    Refused{"pixelFormat=plaid", kVideo, "pixelFormat", "plaid"},
+                    Refused{"channels=0", kAudio, "channels", "is out of range"},
+                    Refused{"channels=9", kAudio, "channels", "is out of range (1 to 8)"},
+                    Refused{"sampleRate=1", kAudio, "sampleRate", "is out of range"},
+                    Refused{"stats=/tmp/x", kVideo, "stats", "cannot be set"},
+                    Refused{"passlogfile=x", kVideo, "passlogfile", "cannot be set"},
+                    Refused{"x264-params=stats=/tmp/x", kVideo, "x264-params", "stats"},
+                    Refused{"x265-params=csv=/tmp/x", kVideo, "x265-params", "csv"},
+                    Refused{"flags=+pass1", kVideo, "flags", "+pass1"},
+                    Refused{"threads=1000", kVideo, "threads", "cannot be set"}));
 
 TEST(Settings, KeysWithANullCharacterAreRefused) {
-    EXPECT_EQ(refusal(std::string("preset=fast\0er", 14)).first, 6);
+    const auto failure = refusal(std::string("preset=fast\0er", 14));
+    ASSERT_TRUE(failure);
+    EXPECT_EQ(failure->cause, FailureCause::UnsupportedSetting);
+    EXPECT_EQ(failure->subject, "preset");
 }
 
 TEST(Range, ZeroAndWhatLiesWithinAreTaken) {
@@ -117,8 +138,9 @@ TEST(Range, EverythingElseIsUnsupportedAndNamed) {
             checkRange("quality", value, 0, 1);
             ADD_FAILURE() << value << " was taken";
         } catch (const Failure& failure) {
-            EXPECT_EQ(failure.code(), 6);
-            EXPECT_THAT(failure.reason(), HasSubstr("quality"));
+            EXPECT_EQ(failure.cause, FailureCause::ValueOutOfRange);
+            EXPECT_EQ(failure.subject, fmt::format("quality {}", value));
+            EXPECT_EQ(failure.detail, "0 or from 0 to 1");
         }
     }
 }

@@ -40,11 +40,16 @@ TEST(ContainerTable, OtherExtensionsAreUnsupportedAndNamed) {
             (void)containerForPath("/tmp/movie." + extension);
             ADD_FAILURE() << extension;
         } catch (const Failure& failure) {
-            EXPECT_EQ(failure.code(), 6);
-            EXPECT_THAT(failure.reason(), testing::HasSubstr("“" + extension + "”"));
+            EXPECT_EQ(failure.cause, FailureCause::UnsupportedContainer);
+            EXPECT_EQ(failure.subject, extension);
         }
     }
-    EXPECT_THROW((void)containerForPath("/tmp/folder.mp4/movie"), Failure);
+    try {
+        (void)containerForPath("/tmp/folder.mp4/movie");
+        ADD_FAILURE();
+    } catch (const Failure& failure) {
+        EXPECT_EQ(failure.cause, FailureCause::NoContainer);
+    }
 }
 
 TEST(ContainerTable, AudioContainersHoldNoVideo) {
