@@ -3,13 +3,6 @@
 #include <MediaServer/Media/Foundation/Progress.h>
 
 namespace krv::media {
-namespace {
-
-/// 1 itself is reserved for finish().
-constexpr double kAlmostDone = 1 - 1e-6;
-
-}  // namespace
-
 Progress::Progress(ProgressSink& sink, Clock clock)
     : sink_(sink)
     , clock_(std::move(clock))
@@ -34,8 +27,7 @@ void Progress::alive() noexcept {
     if (reached_ < reported_ + kVisibleChange && waited < kSignOfLife) {
         return;
     }
-    const double creep = kCreepPerSecond * std::chrono::duration<double>(waited).count();
-    report(std::min(std::max(reached_, reported_ + creep), kAlmostDone));
+    report(reached_);
     reportedAt_ = now;
 }
 

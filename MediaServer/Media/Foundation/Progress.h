@@ -7,17 +7,16 @@
 
 namespace krv::media {
 
-/// Turns positions and signs of life into the rising number that a ProgressSink receives.
+/// Turns positions and signs of life into the reports that a ProgressSink receives.
 ///
 /// The work is divided into phases, each a part of the range 0…1. reach() reports how far the current phase has come.
-/// alive() reports that something was read, decoded or written at all. Between two visible changes the number creeps by
-/// kCreepPerSecond, provided that alive() or reach() keep being called; if they are not, it does not change.
-/// Not thread-safe.
+/// alive() reports that something was read, decoded or written at all. As long as one of them keeps being called, the
+/// sink receives a report every kSignOfLife, if need be the same number again. The server makes it creep; see
+/// ShownProgress there. Not thread-safe.
 class Progress {
 public:
     using Clock = std::function<std::chrono::steady_clock::time_point()>;
 
-    static constexpr double kCreepPerSecond = 4e-6;
     static constexpr double kVisibleChange = 1e-3;
     static constexpr std::chrono::milliseconds kSignOfLife{100};
 
