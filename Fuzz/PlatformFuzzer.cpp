@@ -30,7 +30,7 @@ void require(bool promise) {
     }
 }
 
-/// An owner stands in the whole answer to this one query, or there is none.
+/// Only the complete reply to this query may contain an owner.
 void attackSocketDiagnostics(std::span<const std::byte> bytes) {
     std::uint32_t sequence = 0;
     if (bytes.size() < sizeof sequence) {
@@ -48,7 +48,7 @@ void attackSocketDiagnostics(std::span<const std::byte> bytes) {
     require(!krv::ownerFromAnswer(answer, sequence + 1));
 }
 
-/// What is found is text, and the same when white space follows the list.
+/// The result must be text, and the same if white space follows the list.
 void attackPropertyList(std::string_view text) {
     const std::size_t lineEnd = std::min(text.find('\n'), text.size());
     const std::string_view key = text.substr(0, lineEnd);
@@ -60,7 +60,7 @@ void attackPropertyList(std::string_view text) {
     }
 }
 
-/// Each setting stands among the arguments as a key and its value; a number is read back as itself.
+/// Each setting must be among the arguments as a key and its value, and a number must be read back unchanged.
 void attackArguments(std::string_view text) {
     std::vector<std::string> arguments(1);
     for (const char c : text) {

@@ -18,7 +18,7 @@ class PlainTimer final : public KRVNSTimer {};
 
 class Timer : public testing::Test {
 protected:
-    /// Records each announcement with what isMonitoring says in that moment.
+    /// Records each call of the observer with the value of isMonitoring at that moment.
     void observe() {
         token = timer->addObserver([this](const KRVNSTimer& sender, std::string_view key, KRVNSTimer::Change change) {
             EXPECT_EQ(&sender, timer.get());

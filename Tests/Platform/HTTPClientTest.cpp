@@ -22,9 +22,9 @@ using test::ScriptedServerProcess;
 using testing::HasSubstr;
 using testing::Optional;
 
-constexpr Clock::Duration kLong = 60s;  // never waited for in full unless something is broken
+constexpr Clock::Duration kLong = 60s;  // expires only if a test fails
 
-/// Beyond the size from which curl would ask the server before it sends a body.
+/// Above the size from which curl would send "Expect: 100-continue".
 constexpr std::size_t kLargeBody = 3U << 19U;
 
 Data data(std::string_view text) {
@@ -44,7 +44,7 @@ HTTPResponse post(const std::string& url, std::string_view body) {
     return HTTPClient::shared().send({url, data(body), kLong});
 }
 
-/// How many connections a server has had: the next one says its number.
+/// Returns the number of connections that a server has accepted so far, according to the next one.
 int connectionsSoFar(ScriptedServerProcess& server) {
     int number = 0;
     std::thread([&] {
@@ -172,7 +172,7 @@ TEST(HTTPClient, ATimeoutCoversTheWholeExchange) {
     const auto silent = get(server.url(), 50ms);
     EXPECT_EQ(silent.body, std::nullopt);
     EXPECT_THAT(silent.error, Optional(HasSubstr("timed out")));
-    // Bytes keep coming, but the last one is far away.
+    // Bytes keep arriving, but the response does not end in time.
     server.tell("body-size", "100000");
     server.tell("pause", "1");
     server.tell("behave", "drip");
@@ -293,7 +293,7 @@ TEST(HTTPClient, RefusesABodyOverSixtyFourMebibytes) {
     EXPECT_EQ(largest.body->size(), std::size_t{64} << 20U);
     server.tell("claim", std::to_string((64 << 20) + 1));
     EXPECT_THAT(get(server.url()).error, Optional(HasSubstr("64 MiB")));
-    // Without a length in its head the answer ends with the connection.
+    // Without a Content-Length the response ends with the connection.
     server.tell("claim", "none");
     server.tell("body-size", std::to_string((64 << 20) + 1));
     EXPECT_THAT(get(server.url()).error, Optional(HasSubstr("64 MiB")));

@@ -1,5 +1,5 @@
-// Asks the platform for one thing and prints the answer: for tests that need a process with other arguments, another
-// place, another environment or another user.
+// Queries the platform and prints the result, for tests that need a process with other arguments, another path, another
+// environment or another user.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>

@@ -69,7 +69,7 @@ TEST(SocketQuery, QueriesTheSocketWithTheseEnds) {
     std::memcpy(&request, bytes.data() + sizeof header, sizeof request);
     EXPECT_EQ(header.nlmsg_len, bytes.size());
     EXPECT_EQ(header.nlmsg_seq, kSequence);
-    EXPECT_EQ(header.nlmsg_flags, NLM_F_REQUEST);  // and not a dump of all sockets
+    EXPECT_EQ(header.nlmsg_flags, NLM_F_REQUEST);  // not a dump of all sockets
     EXPECT_EQ(request.sdiag_family, AF_INET);
     EXPECT_EQ(request.sdiag_protocol, IPPROTO_TCP);
     EXPECT_EQ(request.id.idiag_sport, htons(8000));
@@ -114,7 +114,7 @@ TEST(OwnerFromAnswer, IsEmptyForALengthThatDoesNotFit) {
     }
 }
 
-/// A connection over loopback with both ends in this process.
+/// A loopback connection with both ends in this process.
 class OwnConnection {
 public:
     explicit OwnConnection(const char* address) {
@@ -134,7 +134,7 @@ public:
         socklen_t size = isV4 ? sizeof(sockaddr_in) : sizeof here;
         made_ = ::bind(listener_, any, size) == 0 && ::listen(listener_, 1) == 0 &&
                 ::getsockname(listener_, any, &size) == 0 && ::connect(client_, any, size) == 0;
-        // The port stands at the same place in both kinds of address.
+        // The port is at the same offset in both kinds of address.
         peer_ = SocketEnd::from(address, ntohs(here.sin6_port));
         ::getsockname(client_, any, &size);
         local_ = SocketEnd::from(address, ntohs(here.sin6_port));
@@ -160,7 +160,7 @@ private:
     std::optional<SocketEnd> peer_;
 };
 
-/// The addresses at which a connection of this process to itself is not taken for its own; empty when all is well.
+/// Returns the addresses at which a connection of this process to itself is not recognised as its own.
 std::string addressesNotTakenForOurs() {
     std::string wrong;
     for (const char* address : {"127.0.0.1", "::1"}) {
@@ -180,7 +180,7 @@ TEST(PeerOwnership, RecognisesOurSocketBeforeAndAfterAccept) {
 }
 
 TEST(PeerOwnership, HoldsForAUserWithoutPrivileges) {
-    // The kernel shows an unaccepted connection as root's, which must not make another user's own one a foreign one.
+    // The kernel reports an unaccepted connection as root's. A user's own connection must not be rejected for it.
     if (::getuid() != 0) {
         GTEST_SKIP() << "the case above ran without privileges already";
     }
@@ -197,12 +197,12 @@ TEST(PeerOwnership, AMissingSocketBelongsToNobody) {
     EXPECT_FALSE(peerBelongsToThisUser(*SocketEnd::from("127.0.0.1", 1), *SocketEnd::from("127.0.0.1", 2)));
 }
 
-/// Listens on a free port of an address until it goes.
+/// Listens on a free port of an address until it is destroyed.
 class Listener {
 public:
     explicit Listener(const char* address)
         : socket_(::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        const int both = 0;  // addresses of IPv4 too, written as IPv6 ones
+        const int both = 0;  // also accepts IPv4, as mapped IPv6 addresses
         ::setsockopt(socket_, IPPROTO_IPV6, IPV6_V6ONLY, &both, sizeof both);
         sockaddr_in6 here{};
         here.sin6_family = AF_INET6;
@@ -216,7 +216,7 @@ public:
     ~Listener() { ::close(socket_); }
     Listener(const Listener&) = delete;
     Listener& operator=(const Listener&) = delete;
-    /// 0 when the machine has no such address.
+    /// 0 if the machine has no such address.
     [[nodiscard]] std::uint16_t port() const { return port_; }
 
 private:
