@@ -1,6 +1,6 @@
 // Attacks the platform's parsers of foreign text. The first byte chooses one:
 //
-//   's'  the kernel's socket diagnostics: four bytes of sequence number, then the answer
+//   's'  the kernel's socket diagnostics: four bytes of sequence number, then the reply
 //   'p'  a bundle's Info.plist: the key on a line of its own, then the XML
 //   'a'  user defaults among a program's arguments: one argument a line
 #include <algorithm>
@@ -37,15 +37,15 @@ void attackSocketDiagnostics(std::span<const std::byte> bytes) {
         return;
     }
     std::memcpy(&sequence, bytes.data(), sizeof sequence);
-    const auto answer = bytes.subspan(sizeof sequence);
-    const auto owner = krv::ownerFromAnswer(answer, sequence);
+    const auto reply = bytes.subspan(sizeof sequence);
+    const auto owner = krv::ownerFromReply(reply, sequence);
     if (!owner) {
         return;
     }
     constexpr std::size_t kLeast = sizeof(nlmsghdr) + sizeof(inet_diag_msg);
-    require(answer.size() >= kLeast);
-    require(!krv::ownerFromAnswer(answer.first(kLeast - 1), sequence));
-    require(!krv::ownerFromAnswer(answer, sequence + 1));
+    require(reply.size() >= kLeast);
+    require(!krv::ownerFromReply(reply.first(kLeast - 1), sequence));
+    require(!krv::ownerFromReply(reply, sequence + 1));
 }
 
 /// The result must be text, and the same if white space follows the list.

@@ -270,8 +270,8 @@ TEST_F(Discovery, ThePollStopsAtTheHighestPort) {
 }
 
 TEST_F(Discovery, APollWithAResponseRecordsThePort) {
-    http.answer("http://localhost:8003/status", FakeHTTPClient::reply("", 404));
-    http.answer("http://localhost:8001/status", FakeHTTPClient::cutShort(""));
+    http.respond("http://localhost:8003/status", FakeHTTPClient::reply("", 404));
+    http.respond("http://localhost:8001/status", FakeHTTPClient::cutShort(""));
     discovery->fallbackToHTTPPolling();
     EXPECT_EQ(http.requests().size(), 4U);
     EXPECT_EQ(discovery->servicePortNumber(), 8003);
@@ -292,7 +292,7 @@ TEST_F(Discovery, AResultCancelsThePoll) {
 }
 
 TEST_F(Discovery, FindsAServerWithoutMulticastWithinSevenSeconds) {
-    http.answer("http://localhost:8000/status", FakeHTTPClient::reply(""));
+    http.respond("http://localhost:8000/status", FakeHTTPClient::reply(""));
     discovery->startSearch();
     mainLoop.advanceBy(7250ms);
     EXPECT_EQ(discovery->servicePortNumber(), 8000);

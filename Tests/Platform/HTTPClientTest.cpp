@@ -150,7 +150,7 @@ TEST(HTTPClient, WithoutResponseHeadersThereIsOnlyAnError) {
         EXPECT_THAT(response.error, Optional(HasSubstr("lost"))) << how;
     }
     server.tell("behave", "answer");
-    for (const char* raw : {"HTTP/1.1 200 OK\\r\\nContent-Le", "no answer of that kind", "\\r\\n\\r\\n"}) {
+    for (const char* raw : {"HTTP/1.1 200 OK\\r\\nContent-Le", "not an HTTP response", "\\r\\n\\r\\n"}) {
         server.tell("raw", raw);
         const auto response = get(server.url());
         EXPECT_EQ(response.body, std::nullopt) << raw;
@@ -349,9 +349,9 @@ TEST(FakeHTTPClient, ReturnsTheGivenResponsesAndRecordsRequests) {
     FakeHTTPClient http;
     const std::string url = "http://localhost:8000/status";
     EXPECT_THAT(http.send({url, {}, 1s}).error, Optional(HasSubstr("connect")));
-    http.answer(url, FakeHTTPClient::reply("always", 404));
-    http.answerOnce(url, FakeHTTPClient::timedOut());
-    http.answerOnce(url, FakeHTTPClient::cutShort("ha"));
+    http.respond(url, FakeHTTPClient::reply("always", 404));
+    http.respondOnce(url, FakeHTTPClient::timedOut());
+    http.respondOnce(url, FakeHTTPClient::cutShort("ha"));
     EXPECT_THAT(http.send({url, {}, 1s}).error, Optional(HasSubstr("timed out")));
     const auto cut = http.send({url, {}, 1s});
     EXPECT_EQ(text(cut.body), "ha");
@@ -370,8 +370,8 @@ TEST(FakeHTTPClient, ReturnsTheGivenResponsesAndRecordsRequests) {
 
 TEST(FakeHTTPClient, AHandlerMaySend) {
     FakeHTTPClient http;
-    http.answer("http://localhost:1", FakeHTTPClient::reply("inner"));
-    http.answer("http://localhost:2", [&](const HTTPRequest& request) {
+    http.respond("http://localhost:1", FakeHTTPClient::reply("inner"));
+    http.respond("http://localhost:2", [&](const HTTPRequest& request) {
         return http.send({"http://localhost:1", request.body, request.timeout});
     });
     EXPECT_EQ(text(http.send({"http://localhost:2", {}, 1s}).body), "inner");

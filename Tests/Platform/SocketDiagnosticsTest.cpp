@@ -19,23 +19,23 @@ namespace {
 
 constexpr std::uint32_t kSequence = 7;
 
-struct Answer {
+struct Reply {
     nlmsghdr header;
     inet_diag_msg message;
 };
 
-Answer goodAnswer() {
-    Answer answer{};
-    answer.header.nlmsg_len = sizeof answer;
-    answer.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
-    answer.header.nlmsg_seq = kSequence;
-    answer.message.idiag_uid = 1000;
-    answer.message.idiag_inode = 4711;
-    return answer;
+Reply goodReply() {
+    Reply reply{};
+    reply.header.nlmsg_len = sizeof reply;
+    reply.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
+    reply.header.nlmsg_seq = kSequence;
+    reply.message.idiag_uid = 1000;
+    reply.message.idiag_inode = 4711;
+    return reply;
 }
 
-std::optional<SocketOwner> owner(const Answer& answer, std::size_t size = sizeof(Answer)) {
-    return ownerFromAnswer(std::as_bytes(std::span(&answer, 1)).first(size), kSequence);
+std::optional<SocketOwner> owner(const Reply& reply, std::size_t size = sizeof(Reply)) {
+    return ownerFromReply(std::as_bytes(std::span(&reply, 1)).first(size), kSequence);
 }
 
 TEST(SocketEnd, IsParsedFromANumericAddressAndAPort) {
@@ -78,39 +78,39 @@ TEST(SocketQuery, QueriesTheSocketWithTheseEnds) {
     EXPECT_EQ(request.id.idiag_dst[0], htonl(INADDR_LOOPBACK));
 }
 
-TEST(OwnerFromAnswer, ReturnsTheUserAndWhetherTheSocketIsHeld) {
-    Answer answer = goodAnswer();
-    EXPECT_EQ(owner(answer), (SocketOwner{1000, true}));
-    answer.message.idiag_inode = 0;
-    answer.message.idiag_uid = 0;
-    EXPECT_EQ(owner(answer), (SocketOwner{0, false}));
+TEST(OwnerFromReply, ReturnsTheUserAndWhetherTheSocketIsHeld) {
+    Reply reply = goodReply();
+    EXPECT_EQ(owner(reply), (SocketOwner{1000, true}));
+    reply.message.idiag_inode = 0;
+    reply.message.idiag_uid = 0;
+    EXPECT_EQ(owner(reply), (SocketOwner{0, false}));
 }
 
-TEST(OwnerFromAnswer, IsEmptyForEveryTruncatedReply) {
-    const Answer answer = goodAnswer();
-    for (std::size_t size = 0; size < sizeof answer; ++size) {
-        EXPECT_EQ(owner(answer, size), std::nullopt) << size;
+TEST(OwnerFromReply, IsEmptyForEveryTruncatedReply) {
+    const Reply reply = goodReply();
+    for (std::size_t size = 0; size < sizeof reply; ++size) {
+        EXPECT_EQ(owner(reply, size), std::nullopt) << size;
     }
 }
 
-TEST(OwnerFromAnswer, IsEmptyForAnErrorAndForAReplyToAnotherQuery) {
-    Answer answer = goodAnswer();
-    answer.header.nlmsg_type = NLMSG_ERROR;
-    EXPECT_EQ(owner(answer), std::nullopt);
-    answer = goodAnswer();
-    answer.header.nlmsg_type = NLMSG_DONE;
-    EXPECT_EQ(owner(answer), std::nullopt);
-    answer = goodAnswer();
-    answer.header.nlmsg_seq = kSequence + 1;
-    EXPECT_EQ(owner(answer), std::nullopt);
+TEST(OwnerFromReply, IsEmptyForAnErrorAndForAReplyToAnotherQuery) {
+    Reply reply = goodReply();
+    reply.header.nlmsg_type = NLMSG_ERROR;
+    EXPECT_EQ(owner(reply), std::nullopt);
+    reply = goodReply();
+    reply.header.nlmsg_type = NLMSG_DONE;
+    EXPECT_EQ(owner(reply), std::nullopt);
+    reply = goodReply();
+    reply.header.nlmsg_seq = kSequence + 1;
+    EXPECT_EQ(owner(reply), std::nullopt);
 }
 
-TEST(OwnerFromAnswer, IsEmptyForALengthThatDoesNotFit) {
-    Answer answer = goodAnswer();
-    for (const std::uint32_t length : {0U, 16U, static_cast<std::uint32_t>(sizeof answer) - 1,
-                                       static_cast<std::uint32_t>(sizeof answer) + 1, 0xffffffffU}) {
-        answer.header.nlmsg_len = length;
-        EXPECT_EQ(owner(answer), std::nullopt) << length;
+TEST(OwnerFromReply, IsEmptyForALengthThatDoesNotFit) {
+    Reply reply = goodReply();
+    for (const std::uint32_t length : {0U, 16U, static_cast<std::uint32_t>(sizeof reply) - 1,
+                                       static_cast<std::uint32_t>(sizeof reply) + 1, 0xffffffffU}) {
+        reply.header.nlmsg_len = length;
+        EXPECT_EQ(owner(reply), std::nullopt) << length;
     }
 }
 
