@@ -1,7 +1,7 @@
-// Our archive codec beside libplist on the same bytes.
+// Compares our archive codec with libplist on the same bytes.
 //
-// The two do not do the same: ours makes and takes apart records with all their objects, while libplist only reads and
-// writes the property list below them. The comparison is therefore in libplist's favour.
+// They do not do the same work. Our codec reads and writes records with all their objects, libplist only the property
+// list that contains them. So the comparison favours libplist.
 #include <string>
 
 #include <benchmark/benchmark.h>
@@ -29,7 +29,7 @@ KRVOperationBase::Ref encodeRequest() {
                                                   audio, video);
 }
 
-/// What is sent every half second.
+/// The request that is sent every half second.
 KRVOperationBase::Ref poll() {
     return KRVOperationBase::progressAndCompletionOperation("8C2F6B1E-40A7-4B8E-9A54-0F2D3C1B7E66");
 }

@@ -1,4 +1,4 @@
-// Attacks the archive reader. Whatever it accepts must also be writable, and read back as the same record.
+// Attacks the archive reader. Every record that it accepts must also be writable, and be read back as the same record.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

@@ -1,6 +1,6 @@
 // Attacks the platform's parsers of foreign text. The first byte chooses one:
 //
-//   's'  the kernel's socket diagnostics: four bytes of sequence number, then the answer
+//   's'  the kernel's socket diagnostics: four bytes of sequence number, then the reply
 //   'p'  a bundle's Info.plist: the key on a line of its own, then the XML
 //   'a'  user defaults among a program's arguments: one argument a line
 #include <algorithm>
@@ -30,25 +30,25 @@ void require(bool promise) {
     }
 }
 
-/// An owner stands in the whole answer to this one query, or there is none.
+/// Only the complete reply to this query may contain an owner.
 void attackSocketDiagnostics(std::span<const std::byte> bytes) {
     std::uint32_t sequence = 0;
     if (bytes.size() < sizeof sequence) {
         return;
     }
     std::memcpy(&sequence, bytes.data(), sizeof sequence);
-    const auto answer = bytes.subspan(sizeof sequence);
-    const auto owner = krv::ownerFromAnswer(answer, sequence);
+    const auto reply = bytes.subspan(sizeof sequence);
+    const auto owner = krv::ownerFromReply(reply, sequence);
     if (!owner) {
         return;
     }
     constexpr std::size_t kLeast = sizeof(nlmsghdr) + sizeof(inet_diag_msg);
-    require(answer.size() >= kLeast);
-    require(!krv::ownerFromAnswer(answer.first(kLeast - 1), sequence));
-    require(!krv::ownerFromAnswer(answer, sequence + 1));
+    require(reply.size() >= kLeast);
+    require(!krv::ownerFromReply(reply.first(kLeast - 1), sequence));
+    require(!krv::ownerFromReply(reply, sequence + 1));
 }
 
-/// What is found is text, and the same when white space follows the list.
+/// The result must be text, and the same if white space follows the list.
 void attackPropertyList(std::string_view text) {
     const std::size_t lineEnd = std::min(text.find('\n'), text.size());
     const std::string_view key = text.substr(0, lineEnd);
@@ -60,7 +60,7 @@ void attackPropertyList(std::string_view text) {
     }
 }
 
-/// Each setting stands among the arguments as a key and its value; a number is read back as itself.
+/// Each setting must be among the arguments as a key and its value, and a number must be read back unchanged.
 void attackArguments(std::string_view text) {
     std::vector<std::string> arguments(1);
     for (const char c : text) {

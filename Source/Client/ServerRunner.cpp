@@ -103,7 +103,7 @@ std::shared_ptr<ServerRunner> ServerRunner::initWithProcessMonitor(std::shared_p
     const std::string client = andClient->description();
     std::shared_ptr<ServerRunner> runner(
         new ServerRunner(std::move(processMonitor), std::move(andClient), std::move(environment)));
-    runner->beginToLive();
+    runner->activate();
     KRV_LOG(kLogFlagInfo, site("initWithProcessMonitor:andClient:"), "Process monitor initialized with client: {}",
             client);
     return runner;
@@ -120,7 +120,7 @@ ServerRunner::~ServerRunner() {
     cleanUp();
 }
 
-void ServerRunner::beginToLive() {
+void ServerRunner::activate() {
     const auto self = std::static_pointer_cast<ServerRunner>(shared_from_this());
     NotificationCenter& power = environment_.powerEvents();
     // An observation does not keep the runner alive.

@@ -140,7 +140,7 @@ public:
 private:
     ServerRunner(std::shared_ptr<KRVProcessMonitor> processMonitor, std::shared_ptr<KRVQuicktimeProcessClient> client,
                  Environment environment);
-    void beginToLive();
+    void activate();
     void lookForServer(bool running);
     void waitForServer(bool ready);
     void registerClient();

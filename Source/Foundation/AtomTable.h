@@ -13,7 +13,7 @@ namespace krv::plist {
 
 inline constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
 /// Marker, count marker and an eight-byte count.
-inline constexpr std::size_t kLargestHead = 10;
+inline constexpr std::size_t kLargestMarker = 10;
 
 /// Throws Exception kInvalidArgumentException.
 [[noreturn]] void cannotArchive(std::string why);
@@ -25,7 +25,7 @@ struct Atom {
     /// Whether anything refers to it. Only a known atom can be unused.
     bool used;
     /// Index in the property list, kNone until it is written.
-    std::uint32_t place;
+    std::uint32_t index;
     /// Number of a string in "$objects", 0 while it is only a key or a class name.
     std::uint32_t uid;
     std::uint32_t hash;
@@ -208,7 +208,7 @@ private:
     std::uint32_t add(const Atom& atom) {
         atoms_.push_back(atom);
         ++used_;
-        bound_ += kLargestHead + (atom.kind == Atom::Kind::Utf16 ? 2 * atom.bits : atom.bytes.size());
+        bound_ += kLargestMarker + (atom.kind == Atom::Kind::Utf16 ? 2 * atom.bits : atom.bytes.size());
         return static_cast<std::uint32_t>(atoms_.size() - 1);
     }
 

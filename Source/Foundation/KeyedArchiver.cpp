@@ -303,9 +303,10 @@ private:
             std::size_t{2} * (4 + 1) + entries_.size() + 2 * items_.size() + uids_.size();
         const std::size_t bound = plist::archiveSizeBound(count, referenceCount, atoms_.byteBound());
         offsets_.resize(static_cast<std::size_t>(count));
-        uidPlaces_.assign(entries_.size(), kNone);
+        uidIndexes_.assign(entries_.size(), kNone);
 
-        const plist::Graph graph{&atoms_[0], items_.data(), uids_.data(), entries_, offsets_.data(), uidPlaces_.data()};
+        const plist::Graph graph{&atoms_[0], items_.data(),   uids_.data(),
+                                 entries_,   offsets_.data(), uidIndexes_.data()};
         const auto writeTo = [&](Data& data) {
             return plist::writeArchive(graph, rootUid, count, reinterpret_cast<std::uint8_t*>(data.data()));
         };
@@ -342,7 +343,7 @@ private:
 
     Data buffer_;
     std::vector<std::uint64_t> offsets_;
-    std::vector<std::uint32_t> uidPlaces_;
+    std::vector<std::uint32_t> uidIndexes_;
 
     friend class KeyedArchiver;
 };

@@ -45,7 +45,7 @@ std::uint8_t* putInteger(std::uint8_t* out, std::uint64_t v) noexcept {
     return putBigEndian(out, v, width);
 }
 
-std::uint8_t* putHead(std::uint8_t* out, unsigned kind, std::uint64_t count) noexcept {
+std::uint8_t* putMarker(std::uint8_t* out, unsigned kind, std::uint64_t count) noexcept {
     if (count < 15) {
         *out++ = static_cast<std::uint8_t>(kind | count);
         return out;
@@ -68,12 +68,12 @@ std::uint8_t* putAtom(std::uint8_t* out, const Atom& atom) noexcept {
         *out = 0x23;
         return putBigEndian(out + 1, atom.bits, 8);
     case Atom::Kind::Utf16:
-        return writeUtf16(atom.bytes, putHead(out, 0x60, atom.bits));
+        return writeUtf16(atom.bytes, putMarker(out, 0x60, atom.bits));
     case Atom::Kind::Data:
     case Atom::Kind::Ascii:
         break;
     }
-    out = putHead(out, atom.kind == Atom::Kind::Data ? 0x40 : 0x50, atom.bytes.size());
+    out = putMarker(out, atom.kind == Atom::Kind::Data ? 0x40 : 0x50, atom.bytes.size());
     return std::copy(atom.bytes.begin(), atom.bytes.end(), out);
 }
 
@@ -90,29 +90,29 @@ public:
     std::size_t write(std::uint32_t rootUid) {
         std::memcpy(out_, "bplist00", 8);
         out_ += 8;
-        place();
-        out_ = putHead(out_, 0xD0, 4);
+        startObject();
+        out_ = putMarker(out_, 0xD0, 4);
         std::uint8_t* references = reserve(8);
         for (const std::uint32_t key : {kAtomVersion, kAtomObjects, kAtomArchiver, kAtomTop}) {
-            refer(references, atomPlace(key));
+            refer(references, atomIndex(key));
         }
-        refer(references, atomPlace(kAtomVersionNumber));
-        refer(references, objectsPlace());
-        refer(references, atomPlace(kAtomArchiverName));
-        refer(references, place());
-        out_ = putHead(out_, 0xD0, 1);
+        refer(references, atomIndex(kAtomVersionNumber));
+        refer(references, objectsIndex());
+        refer(references, atomIndex(kAtomArchiverName));
+        refer(references, startObject());
+        out_ = putMarker(out_, 0xD0, 1);
         references = reserve(2);
-        refer(references, atomPlace(kAtomRoot));
-        refer(references, uidPlace(rootUid));
+        refer(references, atomIndex(kAtomRoot));
+        refer(references, uidIndex(rootUid));
         finish();
         return static_cast<std::size_t>(out_ - begin_);
     }
 
 private:
     /// Starts the next stored object at the present position and returns its index.
-    std::uint32_t place() {
-        graph_.offsets[places_] = static_cast<std::uint64_t>(out_ - begin_);
-        return places_++;
+    std::uint32_t startObject() {
+        graph_.offsets[count_] = static_cast<std::uint64_t>(out_ - begin_);
+        return count_++;
     }
 
     std::uint8_t* reserve(std::size_t references) {
@@ -121,21 +121,21 @@ private:
         return p;
     }
 
-    static void refer(std::uint8_t*& p, std::uint32_t place) { p = putBigEndian(p, place, kReferenceSize); }
+    static void refer(std::uint8_t*& p, std::uint32_t index) { p = putBigEndian(p, index, kReferenceSize); }
 
-    std::uint32_t atomPlace(std::uint32_t id) {
+    std::uint32_t atomIndex(std::uint32_t id) {
         Atom& atom = graph_.atoms[id];
-        if (atom.place == kNone) {
-            atom.place = place();
+        if (atom.index == kNone) {
+            atom.index = startObject();
             out_ = putAtom(out_, atom);
         }
-        return atom.place;
+        return atom.index;
     }
 
-    std::uint32_t uidPlace(std::uint32_t uid) {
-        std::uint32_t& known = graph_.uidPlaces[uid];
+    std::uint32_t uidIndex(std::uint32_t uid) {
+        std::uint32_t& known = graph_.uidIndexes[uid];
         if (known == kNone) {
-            known = place();
+            known = startObject();
             const unsigned width = widthOf(uid);
             *out_++ = static_cast<std::uint8_t>(0x80 | (width - 1));
             out_ = putBigEndian(out_, uid, width);
@@ -143,47 +143,47 @@ private:
         return known;
     }
 
-    std::uint32_t objectsPlace() {
-        const std::uint32_t result = place();
-        out_ = putHead(out_, 0xA0, graph_.entries.size());
+    std::uint32_t objectsIndex() {
+        const std::uint32_t result = startObject();
+        out_ = putMarker(out_, 0xA0, graph_.entries.size());
         std::uint8_t* references = reserve(graph_.entries.size());
         for (const Entry& entry : graph_.entries) {
-            refer(references, entry.isAtom ? atomPlace(entry.first) : objectPlace(entry));
+            refer(references, entry.isAtom ? atomIndex(entry.first) : objectIndex(entry));
         }
         return result;
     }
 
-    std::uint32_t objectPlace(const Entry& entry) {
-        const std::uint32_t result = place();
-        out_ = putHead(out_, 0xD0, entry.count);
+    std::uint32_t objectIndex(const Entry& entry) {
+        const std::uint32_t result = startObject();
+        out_ = putMarker(out_, 0xD0, entry.count);
         std::uint8_t* references = reserve(std::size_t{2} * entry.count);
         const std::span<const Item> items(graph_.items + entry.first, entry.count);
         for (const Item& item : items) {
-            refer(references, atomPlace(item.key));
+            refer(references, atomIndex(item.key));
         }
         for (const Item& item : items) {
             switch (item.kind) {
             case Item::Kind::Atom:
-                refer(references, atomPlace(item.first));
+                refer(references, atomIndex(item.first));
                 break;
             case Item::Kind::Uid:
-                refer(references, uidPlace(item.first));
+                refer(references, uidIndex(item.first));
                 break;
             case Item::Kind::UidList:
             case Item::Kind::AtomList:
-                refer(references, listPlace(item));
+                refer(references, listIndex(item));
                 break;
             }
         }
         return result;
     }
 
-    std::uint32_t listPlace(const Item& item) {
-        const std::uint32_t result = place();
-        out_ = putHead(out_, 0xA0, item.count);
+    std::uint32_t listIndex(const Item& item) {
+        const std::uint32_t result = startObject();
+        out_ = putMarker(out_, 0xA0, item.count);
         std::uint8_t* references = reserve(item.count);
         for (const std::uint32_t element : std::span(graph_.uids + item.first, item.count)) {
-            refer(references, item.kind == Item::Kind::UidList ? uidPlace(element) : atomPlace(element));
+            refer(references, item.kind == Item::Kind::UidList ? uidIndex(element) : atomIndex(element));
         }
         return result;
     }
@@ -191,14 +191,14 @@ private:
     void finish() {
         const auto tableOffset = static_cast<std::uint64_t>(out_ - begin_);
         const unsigned offsetSize = widthOf(tableOffset);
-        for (const std::uint64_t offset : std::span(graph_.offsets, places_)) {
+        for (const std::uint64_t offset : std::span(graph_.offsets, count_)) {
             out_ = putBigEndian(out_, offset, offsetSize);
         }
         std::memset(out_, 0, 6);
         out_ += 6;
         *out_++ = static_cast<std::uint8_t>(offsetSize);
         *out_++ = static_cast<std::uint8_t>(kReferenceSize);
-        out_ = putBigEndian(out_, places_, 8);
+        out_ = putBigEndian(out_, count_, 8);
         out_ = putBigEndian(out_, 0, 8);
         out_ = putBigEndian(out_, tableOffset, 8);
     }
@@ -206,7 +206,7 @@ private:
     const Graph graph_;
     std::uint8_t* const begin_;
     std::uint8_t* out_;
-    std::uint32_t places_ = 0;
+    std::uint32_t count_ = 0;
 };
 
 }  // namespace
@@ -215,8 +215,8 @@ std::size_t archiveSizeBound(std::uint64_t storedObjects, std::size_t references
     constexpr std::size_t kHeader = 8;
     constexpr std::size_t kTrailer = 32;
     constexpr std::size_t kLargestOffset = 8;
-    return kHeader + atomByteBound + storedObjects * (kLargestHead + kLargestOffset) + references * kLargestReference +
-           kTrailer;
+    return kHeader + atomByteBound + storedObjects * (kLargestMarker + kLargestOffset) +
+           references * kLargestReference + kTrailer;
 }
 
 std::size_t writeArchive(const Graph& graph, std::uint32_t rootUid, std::uint64_t storedObjects,

@@ -35,7 +35,7 @@ struct Graph {
     /// The offset of each stored object, by its index in the property list.
     std::uint64_t* offsets;
     /// The index of the UID object for each number, kNone until it is written.
-    std::uint32_t* uidPlaces;
+    std::uint32_t* uidIndexes;
 };
 
 /// Returns an upper bound of the bytes that writeArchive needs.

@@ -14,7 +14,7 @@ KRVNSTimer::KRVNSTimer() = default;
 KRVNSTimer::~KRVNSTimer() = default;
 
 void KRVNSTimer::startMonitorTimer() {
-    announce(Change::Coming);
+    announce(Change::Before);
     stopMonitorTimer();
     const auto timer =
         RunLoop::current().scheduleTimer(kInterval, [self = shared_from_this()] { self->krvNSTimerFired(); });
@@ -28,11 +28,11 @@ void KRVNSTimer::startMonitorTimer() {
     if (old) {
         old->invalidate();
     }
-    announce(Change::Made);
+    announce(Change::After);
 }
 
 void KRVNSTimer::stopMonitorTimer() {
-    announce(Change::Coming);
+    announce(Change::Before);
     std::shared_ptr<RunLoop::Timer> timer;
     {
         const LockGuard lock(mutex_);
@@ -42,7 +42,7 @@ void KRVNSTimer::stopMonitorTimer() {
     if (timer) {
         timer->invalidate();
     }
-    announce(Change::Made);
+    announce(Change::After);
 }
 
 bool KRVNSTimer::isMonitoring() const {
@@ -55,7 +55,7 @@ void KRVNSTimer::krvNSTimerFired() {}
 NotificationCenter::Token KRVNSTimer::addObserver(Observer observer) {
     return observers_.addObserver(
         kIsMonitoringKey, [this, observer = std::move(observer)](const Notification& notification) {
-            observer(*this, kIsMonitoringKey, notification.value.boolValue() ? Change::Made : Change::Coming);
+            observer(*this, kIsMonitoringKey, notification.value.boolValue() ? Change::After : Change::Before);
         });
 }
 
@@ -64,7 +64,7 @@ void KRVNSTimer::removeObserver(NotificationCenter::Token token) {
 }
 
 void KRVNSTimer::announce(Change change) const {
-    observers_.post({std::string(kIsMonitoringKey), Value(change == Change::Made), nullptr});
+    observers_.post({std::string(kIsMonitoringKey), Value(change == Change::After), nullptr});
 }
 
 }  // namespace krv

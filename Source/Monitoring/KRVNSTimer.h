@@ -35,7 +35,7 @@ public:
 
     /// The key that observers receive.
     static constexpr std::string_view kIsMonitoringKey = "isMonitoring";
-    enum class Change : bool { Coming, Made };
+    enum class Change : bool { Before, After };
     /// Called before and after every change, on the thread that starts or stops the timer, without a lock held.
     using Observer = std::function<void(const KRVNSTimer& timer, std::string_view key, Change change)>;
     [[nodiscard]] NotificationCenter::Token addObserver(Observer observer);

@@ -1,4 +1,4 @@
-// How clients come and go. What needs a real server is among the system tests.
+// Creation and clean-up of clients. Tests that need a real server are among the system tests.
 #include <thread>
 
 #include <KRVQTProcessClient/Client/ReliabilityProxy.h>
@@ -58,7 +58,7 @@ TEST_F(Lifecycle, MonitoringCreatesARunner) {
 TEST_F(Lifecycle, MonitoringClientIsKeptByItsRunnerUntilCleanUp) {
     auto made = monitoring();
     std::weak_ptr<ServerRunner> theRunner = made->serverRunner();
-    thread = nullptr;  // which has ended, as far as this test goes
+    thread = nullptr;  // as if the thread had exited
     const std::weak_ptr<KRVQuicktimeProcessClient> weak = made;
     made.reset();
     ASSERT_FALSE(weak.expired());

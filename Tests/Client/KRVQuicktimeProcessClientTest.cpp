@@ -24,7 +24,7 @@ public:
 
 class Client : public testing::Test {
 protected:
-    /// The server takes the operation on under "u".
+    /// Scripts the reply in which the server accepts the operation under the identifier "u".
     void accepts() {
         const auto record = std::make_shared<R>();
         record->setUniqueID("u");
@@ -294,7 +294,7 @@ TEST_F(Client, ReadinessIsAnyReply) {
     EXPECT_TRUE(operations.isServerReadyToTakeRequests());
     EXPECT_FALSE(operations.isServerReadyToTakeRequests());
     EXPECT_EQ(log.texts(), (std::vector<std::string>{"Error invoking 'isServerReadyToTakeRequests' operation: gone"}));
-    EXPECT_TRUE(operations.isServerReadyToTakeRequests());  // a mapped failure without an out-parameter is silent
+    EXPECT_TRUE(operations.isServerReadyToTakeRequests());  // a mapped failure without an out-parameter is dropped
     EXPECT_EQ(first().operationType(), OpReadyToProcessRequests);
     transport->then([](const auto&) -> std::shared_ptr<const Data> { throw std::runtime_error("own"); });
     EXPECT_THROW((void)operations.isServerReadyToTakeRequests(), std::runtime_error);

@@ -20,7 +20,7 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 
-/// A target that does as it is told and counts. It takes no decision of its own about what is reliable.
+/// A target that follows a script and counts its calls. It is not a ReliabilityDecision.
 class Operations : public KRVQTProcessOperations {
 public:
     explicit Operations(std::shared_ptr<ScriptedTransport> transport)
@@ -46,7 +46,7 @@ public:
     void unregisterFromServer() override { act(true); }
     bool queueShutdownOfCurrentServer() override { return act(true); }
 
-    /// What each call does, in order; nothing more is nothing special.
+    /// The behaviour of each call, in order; later calls succeed.
     std::deque<std::function<void()>> script;
     int calls = 0;
 
@@ -78,7 +78,7 @@ private:
     std::shared_ptr<ScriptedTransport> transport_;
 };
 
-/// The same, with the client's decision: the six of the reliable interface.
+/// The same, as a ReliabilityDecision with the client's six reliable operations.
 class DecidingOperations final : public Operations, public ReliabilityDecision {
 public:
     using Operations::Operations;

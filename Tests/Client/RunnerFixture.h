@@ -21,7 +21,7 @@
 
 namespace krv {
 
-/// A launched program that ends when a test says so.
+/// A launched program that exits when a test says so.
 class FakeTask final : public Task {
 public:
     explicit FakeTask(pid_t pid)
@@ -34,8 +34,8 @@ private:
     const pid_t pid_;
 };
 
-/// A runner in a world of the test's own. Nothing happens by itself: its thread's body is kept for the test to run, and
-/// every step is a call. `loop` is the current loop of whoever runs, `mainLoop` the main one.
+/// A runner in a fake environment. Nothing happens by itself: the test runs the body of the runner's thread, and each
+/// step is a call. `loop` is the current loop of the calling thread, `mainLoop` the main loop.
 class RunnerFixture : public testing::Test {
 protected:
     RunnerFixture() {
@@ -84,7 +84,7 @@ protected:
 
     void serverRuns() { processes.add({4711, "KRVQuicktimeProcess", 1000, 1}); }
     void serverIsKnown(long port = 8000) { discovery->setServicePortNumber(port); }
-    /// The server's answer to the next am-I-registered or registration.
+    /// Scripts the server's reply to the next am-I-registered request or registration.
     void serverAnswers(bool registered) {
         const auto record = std::make_shared<KRVOperationBase>();
         record->setIsClientRegistered(registered);

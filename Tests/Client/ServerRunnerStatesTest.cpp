@@ -259,7 +259,7 @@ TEST_F(States, AReregistrationIsConfirmedAfterThreeSeconds) {
     clock.advanceBy(1s);
     serverAnswers(true);
     (void)step();
-    // The old answer is still the one that counts, until it is asked again.
+    // The old reply is used until the next request.
     clock.advanceBy(1s);
     (void)step();
     EXPECT_EQ(runner->state(), ServerRunner::Register);
@@ -307,7 +307,7 @@ TEST_F(States, OtherStatesDoNothing) {
     EXPECT_TRUE(sent().empty());
 }
 
-// The questions
+// Queries
 
 TEST_F(States, IsReadyOnlyWithAPortAboveZero) {
     for (const auto& [port, ready] : {std::pair(-1L, false), {0L, false}, {1L, true}, {65535L, true}}) {
@@ -336,12 +336,12 @@ TEST_F(States, CachesTheReplyForLessThanThreeSeconds) {
     EXPECT_EQ(sent().size(), 2U);
 }
 
-// Whole lives
+// Long runs
 
 TEST_F(States, AServerThatNeverRespondsIsLaunchedRepeatedly) {
     runner->startMonitorTimer();
     loop.advanceBy(30s);
-    EXPECT_EQ(launches.size(), 3U);  // at 1 s, and after each ten seconds of waiting and a step to start over
+    EXPECT_EQ(launches.size(), 3U);  // at 1 s, then after every ten seconds of waiting and one step to start over
 }
 
 TEST_F(States, AProcessThatNeverRespondsIsNeverLaunchedAgain) {
@@ -354,7 +354,7 @@ TEST_F(States, AProcessThatNeverRespondsIsNeverLaunchedAgain) {
 TEST_F(States, AnHourOfRegistrationAsksEveryThreeSeconds) {
     registered();
     transport->then([](const auto&) { return nullptr; });
-    // Each answer appends the next one.
+    // Each reply scripts the next one.
     std::function<std::shared_ptr<const Data>(const KRVOperationBase::Ref&)> answer = [&](const auto&) {
         transport->then(answer);
         KRVOperationBase record;

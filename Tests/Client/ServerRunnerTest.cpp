@@ -1,4 +1,4 @@
-// The server runner's life: its thread, its launches, sleep and wake, and its end.
+// The server runner's thread, launches, sleep and wake, and clean-up.
 #include <csignal>
 
 #include "RunnerFixture.h"
@@ -66,7 +66,7 @@ TEST_F(Runner, LogsTheExceptionOfAStepAndContinues) {
     LogRecorder log;
     thread();
     const auto texts = log.texts();
-    // One each second, and the second in which the thread was told to end is finished.
+    // One per second. The thread finishes the second in which it was stopped.
     EXPECT_EQ(
         std::count(texts.begin(), texts.end(),
                    "Error during ServerRunner thread loop: Cannot find the executable (null). Can't start server"),
@@ -336,7 +336,7 @@ TEST_F(Launch, IsRemembered) {
     EXPECT_FALSE(ServerRunner::latestLaunch()->running);
 }
 
-// Where the bundle is looked for
+// The search for the bundle
 
 class Resource : public Runner {
 protected:

@@ -18,7 +18,7 @@ class Observer : public OperationProgress {
 public:
     bool operation(const R::Ref& operation, float progress) override {
         seen.push_back(progress);
-        last = operation;  // which holds its observer itself
+        last = operation;  // weak, because the operation keeps a reference to its observer
         return answer(progress);
     }
     std::vector<float> seen;
@@ -43,7 +43,7 @@ protected:
     R::Ref wait(float timeout = 60.0F) {
         return invocation->invokeOverTransportGetProgressWaitToComplete(transport, &error, timeout);
     }
-    /// Polls that report this progress without end, after what has been scripted.
+    /// Makes all polls after the script report this progress.
     void reportForEver(float progress, int polls = 1000) {
         for (int i = 0; i < polls; ++i) {
             transport->reply(state(progress));
@@ -206,7 +206,7 @@ TEST_F(Wait, ConstantProgressTimesOutAfterMoreThanAMinute) {
 }
 
 TEST_F(Wait, AFirstPollAtZeroDoesNotRestartTheStallClockButOneAtATenthDoes) {
-    // Both replies come after the clock has moved on; only a change of progress makes up for it.
+    // The clock advances before both replies. Only a change of progress restarts the stall clock.
     const auto late = [&](float progress) {
         return [&, progress](const R::Ref&) {
             clock.advanceBy(2s);
@@ -270,7 +270,7 @@ TEST_F(Wait, ElapsingExactlyTheTimeoutStillWaits) {
 TEST_F(Wait, ATimeoutOfZeroNeedsMeasurableTime) {
     transport->reply(accepted()).reply(state(0)).reply(state(0)).reply(std::make_shared<R>());
     EXPECT_EQ(wait(0.0F), request);
-    // The first poll came at the same instant; the second half a second later.
+    // The first poll was at the same instant, the second half a second later.
     EXPECT_EQ(count(OpProgressAndCompletion), 2U);
     EXPECT_EQ(request->error()->code(), 201);
 }

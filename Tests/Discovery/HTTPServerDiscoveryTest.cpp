@@ -18,7 +18,7 @@ using namespace std::chrono_literals;
 using Services = std::vector<std::shared_ptr<NetService>>;
 using Texts = std::vector<std::string>;
 
-/// A discovery whose thread is not started until a test does it, on a main loop in virtual time.
+/// A discovery on a main loop in virtual time. Its thread runs only when a test runs it.
 class Discovery : public testing::Test {
 protected:
     Discovery() {
@@ -88,7 +88,7 @@ TEST_F(Discovery, LogsTheNameItSearchesFor) {
 }
 
 TEST_F(Discovery, ItsThreadBrowsesForHTTPServicesOfTheLocalDomain) {
-    // The loop of the thread ends with an exception, as the only way out of it.
+    // Only an exception ends the thread's loop.
     onMainThread = false;
     otherLoop.performAfterDelay(1s, discovery, Selector("test"), [] { throw Exception("Test", "stop here"); });
     LogRecorder log(15, 0);
@@ -235,14 +235,14 @@ TEST_F(Discovery, AnAbsenceReportedOnAnotherThreadStartsTheSearchOnTheMainThread
     EXPECT_EQ(log.texts().back(), "Beginning HTTP Server search in 0.25s");
     mainLoop.advanceBy(250ms);
     EXPECT_EQ(searches(), 2U);
-    // The poll that the other thread armed stays on its own loop, beside the main thread's.
+    // The poll that the other thread scheduled stays on that thread's loop, in addition to the main thread's.
     EXPECT_EQ(otherLoop.pendingCount(), 1U);
 }
 
 TEST_F(Discovery, PollsTenPortsFromTheMinimumFiveSecondsAfterARestartWithoutResult) {
     UserDefaults::standard().setString("minimumPortNumber", "12000");
     discovery->beginSearchAgainIn(1s);
-    browser->setDelegate({});  // a search that not even its silence is heard of
+    browser->setDelegate({});  // so that not even the ended batches are reported
     mainLoop.advanceBy(4999ms);
     EXPECT_TRUE(http.requests().empty());
     LogRecorder log(15, 0);
@@ -270,8 +270,8 @@ TEST_F(Discovery, ThePollStopsAtTheHighestPort) {
 }
 
 TEST_F(Discovery, APollWithAResponseRecordsThePort) {
-    http.answer("http://localhost:8003/status", FakeHTTPClient::reply("", 404));
-    http.answer("http://localhost:8001/status", FakeHTTPClient::cutShort(""));
+    http.respond("http://localhost:8003/status", FakeHTTPClient::reply("", 404));
+    http.respond("http://localhost:8001/status", FakeHTTPClient::cutShort(""));
     discovery->fallbackToHTTPPolling();
     EXPECT_EQ(http.requests().size(), 4U);
     EXPECT_EQ(discovery->servicePortNumber(), 8003);
@@ -292,7 +292,7 @@ TEST_F(Discovery, AResultCancelsThePoll) {
 }
 
 TEST_F(Discovery, FindsAServerWithoutMulticastWithinSevenSeconds) {
-    http.answer("http://localhost:8000/status", FakeHTTPClient::reply(""));
+    http.respond("http://localhost:8000/status", FakeHTTPClient::reply(""));
     discovery->startSearch();
     mainLoop.advanceBy(7250ms);
     EXPECT_EQ(discovery->servicePortNumber(), 8000);
@@ -345,7 +345,7 @@ TEST_F(Discovery, AnHourWithAHealthyServerLeavesNothingPending) {
     }
     EXPECT_EQ(discovery->servicePortNumber(), 8000);
     EXPECT_LE(mainLoop.pendingCount(), pendingAfterAMinute);
-    // About one round a second, and no request to any server.
+    // About one cycle per second, and no request to any server.
     EXPECT_GT(searches(), 3000U);
     EXPECT_LE(searches(), 3601U);
     EXPECT_TRUE(http.requests().empty());

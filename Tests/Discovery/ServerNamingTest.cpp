@@ -1,5 +1,5 @@
-// The name that client and server agree on, in a network namespace whose interfaces the tests make, and with failures
-// of the system's call that no healthy kernel shows: getifaddrs is this program's own and passes on to the real one.
+// The name that client and server share. The tests create interfaces in a network namespace of their own. They also
+// cause failures that a healthy kernel never shows: this program defines getifaddrs, which calls the real one.
 #include <cerrno>
 #include <cstdio>
 #include <functional>
@@ -21,7 +21,7 @@
 
 namespace {
 
-/// What getifaddrs answers instead of the real call, while it is set.
+/// Replaces the real getifaddrs while it is set.
 std::function<int(ifaddrs**)> scriptedInterfaces;
 
 int realInterfaces(ifaddrs** list) {
@@ -40,7 +40,7 @@ namespace {
 
 using Failure = HardwareAddressLookup::Failure;
 
-/// The result of a call, and what it wrote to standard error.
+/// The result of a call, and its output on standard error.
 struct Told {
     std::string name;
     std::string text;
@@ -76,7 +76,7 @@ protected:
         }
     }
 
-    /// A pair of interfaces without any machine behind it.
+    /// Creates a pair of virtual interfaces.
     void makeInterface(const std::string& address) {
         ASSERT_EQ(test::runShell("ip link add en0 address " + address + " type veth peer name en1"), 0);
         made_ = true;

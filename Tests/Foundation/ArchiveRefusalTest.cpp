@@ -1,4 +1,4 @@
-// What is not to be believed of an archive. Files are put together by hand, object by object.
+// Hostile archives. The tests build the files by hand, object by object.
 #include <functional>
 #include <random>
 
@@ -19,7 +19,7 @@ Bytes bigEndian(std::uint64_t v, int size) {
     return out;
 }
 
-/// A property list from stored objects. References are written in `referenceSize` bytes.
+/// Builds a property list from stored objects, with references of `referenceSize` bytes.
 struct File {
     std::vector<Bytes> objects;
     int referenceSize = 2;
@@ -80,7 +80,7 @@ struct File {
     }
 };
 
-/// An archive whose objects a test supplies. Number 0 is "$null"; the root is number 1.
+/// Builds an archive from a test's objects. Number 0 is "$null"; the root is number 1.
 struct Archive {
     File file;
     std::vector<std::uint64_t> numbered;
@@ -93,7 +93,7 @@ struct Archive {
         file.add("");  // the top dictionary, filled in at the end
         number(file.text("$null"));
     }
-    /// Gives a stored object the next number.
+    /// Assigns the next number to a stored object.
     std::uint64_t number(std::uint64_t place) {
         numbered.push_back(place);
         return numbered.size() - 1;
@@ -141,7 +141,7 @@ KRVOperationBase::Ref read(const Bytes& bytes) {
     return KRVOperationBase::operationFromData(dataOf(bytes));
 }
 
-/// A record with the given fields as its root, number 1; the class has number 2.
+/// Builds an archive of a record with the given fields. The record has number 1, the class number 2.
 KRVOperationBase::Ref readRecord(const std::function<std::vector<Archive::Field>(Archive&)>& fields) {
     Archive archive;
     const auto root = archive.number(archive.file.add(""));
@@ -151,7 +151,7 @@ KRVOperationBase::Ref readRecord(const std::function<std::vector<Archive::Field>
     return read(archive.bytes());
 }
 
-/// A record whose argument "value" is the object with the number that make returns.
+/// Builds an archive of a record whose argument "value" is the object with the number that make returns.
 KRVOperationBase::Ref readArgument(const std::function<std::uint64_t(Archive&)>& make) {
     return readRecord([&](Archive& a) -> std::vector<Archive::Field> {
         const auto value = make(a);
@@ -273,7 +273,7 @@ TEST(ArchiveReader, RefusesUnknownClasses) {
 }
 
 TEST(ArchiveReader, TheClassNameAloneDecides) {
-    // The class list claims a known class under an unknown name, and the other way round.
+    // The class list names a known class for an unknown class name, and vice versa.
     const auto withNames = [](const char* name, const char* listed) {
         return argument(readArgument([&](Archive& a) {
             const auto names = a.file.array({a.file.text(listed), a.file.text("NSObject")});
@@ -376,7 +376,7 @@ TEST(ArchiveReader, RefusesCountsBeyondTheRemainingBytes) {
 }
 
 TEST(ArchiveReader, WorkForSharedListsIsBounded) {
-    // Five thousand dictionaries that share one list of as many keys: twenty-five million steps if they were taken.
+    // Five thousand dictionaries that share one list of as many keys: decoding them would take 25 million steps.
     constexpr int kMany = 5000;
     Archive archive(4);
     const auto root = archive.number(0);

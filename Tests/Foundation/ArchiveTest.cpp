@@ -246,7 +246,7 @@ TEST(Archive, AThreadsEarlierArchiveLeavesNoTrace) {
 }
 
 TEST(Archive, OneThreadMayArchiveWithinAnArchive) {
-    // What encodeWithCoder writes may need an archive of its own.
+    // encodeWithCoder may need an archive for one of its fields.
     class Nested final : public Archivable {
     public:
         std::string_view className() const noexcept override { return "NSData"; }

@@ -1,4 +1,4 @@
-// Archives that another writer made, each with its contents as text beside it.
+// Archives of another writer, each with a listing of its contents.
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -25,7 +25,7 @@ std::shared_ptr<const Data> dataOf(const std::string& text) {
     return std::make_shared<const Data>(p, p + text.size());
 }
 
-/// Text as the listings quote it: everything above ASCII as UTF-16 escapes.
+/// Quotes text as the listings do: characters above ASCII become UTF-16 escapes.
 std::string quoted(const std::string& utf8) {
     std::string out = "\"";
     for (std::size_t i = 0; i < utf8.size();) {
@@ -147,7 +147,7 @@ private:
     std::vector<std::string> lines_;
 };
 
-/// The archive as an independent property-list reader sees it, references followed, dictionaries in key order.
+/// Lists an archive with an independent property-list reader: references resolved, dictionaries in key order.
 class ExpandedArchive {
 public:
     static std::string of(const std::string& bytes) {
@@ -219,7 +219,7 @@ private:
         }
     }
 
-    /// An archived dictionary lists keys and values apart; their order is free, so pairs are sorted.
+    /// An archived dictionary stores keys and values separately and in any order, so the pairs are sorted here.
     std::string paired(plist_t node, const std::string& plain) const {
         plist_t keys = plist_dict_get_item(node, "NS.keys");
         plist_t values = plist_dict_get_item(node, "NS.objects");
@@ -254,7 +254,7 @@ TEST_P(WireSample, IsReadAsItsListing) {
     std::vector<std::string> expected;
     std::istringstream in(contents(path(".txt")));
     for (std::string line; std::getline(in, line);) {
-        // The two kinds of array are one here.
+        // The listing does not distinguish the two kinds of array.
         expected.push_back(std::regex_replace(line, std::regex("= marray"), "= array"));
     }
     std::sort(expected.begin(), expected.end());
@@ -265,14 +265,14 @@ TEST_P(WireSample, IsWrittenBackWithTheSameContentsForAnIndependentReader) {
     const std::string original = contents(path(".bin"));
     const auto record = KRVOperationBase::operationFromData(dataOf(original));
     ASSERT_TRUE(record);
-    // The samples carry an immutable result, which reading makes mutable.
+    // The samples contain an immutable result, which reading makes mutable.
     const auto result = record->result();
     record->setResult(std::make_shared<Dictionary>(
         Dictionary::fromEntries({result->begin(), result->end()}, Dictionary::Mutability::Immutable)));
     const Data written = record->convertToData();
     const std::string ours(reinterpret_cast<const char*>(written.data()), written.size());
     EXPECT_LE(ours.size(), original.size());
-    // Arrays are written as the immutable kind; one sample has a mutable one.
+    // Arrays are written as the immutable kind; one sample contains a mutable one.
     const std::regex mutableArray("\\[<plist version=\"1.0\">\n<string>NSMutableArray</string>\n</plist>\n,");
     std::string expected = std::regex_replace(ExpandedArchive::of(original), mutableArray, "[");
     expected = std::regex_replace(expected, std::regex("NSMutableArray"), "NSArray");

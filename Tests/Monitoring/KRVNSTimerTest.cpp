@@ -18,12 +18,12 @@ class PlainTimer final : public KRVNSTimer {};
 
 class Timer : public testing::Test {
 protected:
-    /// Records each announcement with what isMonitoring says in that moment.
+    /// Records each call of the observer with the value of isMonitoring at that moment.
     void observe() {
         token = timer->addObserver([this](const KRVNSTimer& sender, std::string_view key, KRVNSTimer::Change change) {
             EXPECT_EQ(&sender, timer.get());
             EXPECT_EQ(key, "isMonitoring");
-            seen.push_back(std::string(change == KRVNSTimer::Change::Coming ? "coming" : "made") +
+            seen.push_back(std::string(change == KRVNSTimer::Change::Before ? "before" : "after") +
                            (sender.isMonitoring() ? " yes" : " no"));
         });
     }
@@ -78,19 +78,19 @@ TEST_F(Timer, StartingAgainReplacesTheTimer) {
 TEST_F(Timer, StoppingAStoppedTimerStillCallsObserversTwice) {
     observe();
     timer->stopMonitorTimer();
-    EXPECT_EQ(seen, (Announcements{"coming no", "made no"}));
+    EXPECT_EQ(seen, (Announcements{"before no", "after no"}));
 }
 
 TEST_F(Timer, StartingCallsObserversBeforeAndAfterStopping) {
     observe();
     timer->startMonitorTimer();
-    EXPECT_EQ(seen, (Announcements{"coming no", "coming no", "made no", "made yes"}));
+    EXPECT_EQ(seen, (Announcements{"before no", "before no", "after no", "after yes"}));
     seen.clear();
     timer->startMonitorTimer();
-    EXPECT_EQ(seen, (Announcements{"coming yes", "coming yes", "made no", "made yes"}));
+    EXPECT_EQ(seen, (Announcements{"before yes", "before yes", "after no", "after yes"}));
     seen.clear();
     timer->stopMonitorTimer();
-    EXPECT_EQ(seen, (Announcements{"coming yes", "made no"}));
+    EXPECT_EQ(seen, (Announcements{"before yes", "after no"}));
 }
 
 TEST_F(Timer, ARemovedObserverIsNotCalled) {

@@ -9,7 +9,7 @@ namespace {
 
 template <typename T>
 std::shared_ptr<T> roundTrip(const T& parameters) {
-    // The parameters travel as the root object of an archive of their own here.
+    // Archives the parameters as a root object.
     return KRVOperationBase::objectFromData<T>(
         std::make_shared<const Data>(KeyedArchiver::archivedData(static_cast<const Archivable&>(parameters))));
 }
@@ -22,7 +22,7 @@ std::shared_ptr<const Data> bytes(std::initializer_list<int> values) {
     return std::make_shared<const Data>(std::move(data));
 }
 
-/// Whether the archive stores the text as a string of its own.
+/// Returns whether the archive contains the text as a string.
 bool stores(const Archivable& object, std::string_view text) {
     const Data data = KeyedArchiver::archivedData(object);
     const std::string_view all(reinterpret_cast<const char*>(data.data()), data.size());

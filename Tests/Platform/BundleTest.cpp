@@ -16,7 +16,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// What a copy of the probe at that place says.
+/// Returns the output of a copy of the probe at that path.
 std::string ask(const std::string& probe, const std::string& question, const std::string& argument) {
     test::ChildProcess process({probe, question, argument});
     return process.readLine().value_or("no answer");
@@ -94,7 +94,7 @@ TEST_F(BundleTest, TheBundleOfAFunctionOfTheProgramIsTheProgramsDirectory) {
 }
 
 TEST_F(BundleTest, TheBundleOfAFunctionOfALibraryIsTheLibrarysDirectory) {
-    // Looked up by name: the address of a library's function that the program takes may lie in the program.
+    // Looked up by name, because the address of a library function, taken in the program, may lie in the program.
     const auto found = Bundle::containing(::dlsym(RTLD_DEFAULT, "g_get_user_name"));
     ASSERT_TRUE(found);
     EXPECT_TRUE(fs::exists(found->path() + "/libglib-2.0.so.0")) << found->path();

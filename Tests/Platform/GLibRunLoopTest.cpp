@@ -17,7 +17,7 @@ using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-/// Lets errors through the gate and keeps their texts.
+/// Enables logging of errors and records their texts.
 class ErrorLog {
 public:
     ErrorLog() {

@@ -22,9 +22,9 @@ using test::ScriptedServerProcess;
 using testing::HasSubstr;
 using testing::Optional;
 
-constexpr Clock::Duration kLong = 60s;  // never waited for in full unless something is broken
+constexpr Clock::Duration kLong = 60s;  // expires only if a test fails
 
-/// Beyond the size from which curl would ask the server before it sends a body.
+/// Above the size from which curl would send "Expect: 100-continue".
 constexpr std::size_t kLargeBody = 3U << 19U;
 
 Data data(std::string_view text) {
@@ -44,7 +44,7 @@ HTTPResponse post(const std::string& url, std::string_view body) {
     return HTTPClient::shared().send({url, data(body), kLong});
 }
 
-/// How many connections a server has had: the next one says its number.
+/// Returns the number of connections that a server has accepted so far, according to the next one.
 int connectionsSoFar(ScriptedServerProcess& server) {
     int number = 0;
     std::thread([&] {
@@ -150,7 +150,7 @@ TEST(HTTPClient, WithoutResponseHeadersThereIsOnlyAnError) {
         EXPECT_THAT(response.error, Optional(HasSubstr("lost"))) << how;
     }
     server.tell("behave", "answer");
-    for (const char* raw : {"HTTP/1.1 200 OK\\r\\nContent-Le", "no answer of that kind", "\\r\\n\\r\\n"}) {
+    for (const char* raw : {"HTTP/1.1 200 OK\\r\\nContent-Le", "not an HTTP response", "\\r\\n\\r\\n"}) {
         server.tell("raw", raw);
         const auto response = get(server.url());
         EXPECT_EQ(response.body, std::nullopt) << raw;
@@ -172,7 +172,7 @@ TEST(HTTPClient, ATimeoutCoversTheWholeExchange) {
     const auto silent = get(server.url(), 50ms);
     EXPECT_EQ(silent.body, std::nullopt);
     EXPECT_THAT(silent.error, Optional(HasSubstr("timed out")));
-    // Bytes keep coming, but the last one is far away.
+    // Bytes keep arriving, but the response does not end in time.
     server.tell("body-size", "100000");
     server.tell("pause", "1");
     server.tell("behave", "drip");
@@ -293,7 +293,7 @@ TEST(HTTPClient, RefusesABodyOverSixtyFourMebibytes) {
     EXPECT_EQ(largest.body->size(), std::size_t{64} << 20U);
     server.tell("claim", std::to_string((64 << 20) + 1));
     EXPECT_THAT(get(server.url()).error, Optional(HasSubstr("64 MiB")));
-    // Without a length in its head the answer ends with the connection.
+    // Without a Content-Length the response ends with the connection.
     server.tell("claim", "none");
     server.tell("body-size", std::to_string((64 << 20) + 1));
     EXPECT_THAT(get(server.url()).error, Optional(HasSubstr("64 MiB")));
@@ -349,9 +349,9 @@ TEST(FakeHTTPClient, ReturnsTheGivenResponsesAndRecordsRequests) {
     FakeHTTPClient http;
     const std::string url = "http://localhost:8000/status";
     EXPECT_THAT(http.send({url, {}, 1s}).error, Optional(HasSubstr("connect")));
-    http.answer(url, FakeHTTPClient::reply("always", 404));
-    http.answerOnce(url, FakeHTTPClient::timedOut());
-    http.answerOnce(url, FakeHTTPClient::cutShort("ha"));
+    http.respond(url, FakeHTTPClient::reply("always", 404));
+    http.respondOnce(url, FakeHTTPClient::timedOut());
+    http.respondOnce(url, FakeHTTPClient::cutShort("ha"));
     EXPECT_THAT(http.send({url, {}, 1s}).error, Optional(HasSubstr("timed out")));
     const auto cut = http.send({url, {}, 1s});
     EXPECT_EQ(text(cut.body), "ha");
@@ -370,8 +370,8 @@ TEST(FakeHTTPClient, ReturnsTheGivenResponsesAndRecordsRequests) {
 
 TEST(FakeHTTPClient, AHandlerMaySend) {
     FakeHTTPClient http;
-    http.answer("http://localhost:1", FakeHTTPClient::reply("inner"));
-    http.answer("http://localhost:2", [&](const HTTPRequest& request) {
+    http.respond("http://localhost:1", FakeHTTPClient::reply("inner"));
+    http.respond("http://localhost:2", [&](const HTTPRequest& request) {
         return http.send({"http://localhost:1", request.body, request.timeout});
     });
     EXPECT_EQ(text(http.send({"http://localhost:2", {}, 1s}).body), "inner");

@@ -1,4 +1,4 @@
-// Sleep and wake over a real bus: a private bus daemon stands in for the system bus, and a process on it for logind.
+// Sleep and wake over a real bus: a private bus daemon replaces the system bus, and a process on it replaces logind.
 #include <thread>
 
 #include <gio/gio.h>
@@ -19,14 +19,14 @@ using namespace std::chrono_literals;
 
 std::vector<std::string> seen;
 
-/// Turns the main loop until that many notifications have come.
+/// Runs the main loop until that many notifications have been posted.
 void turnUntilSeen(std::size_t count) {
     while (seen.size() < count) {
         RunLoop::main().runUntil(Clock::steady().now() + 10ms);
     }
 }
 
-/// The process listens from the first call on and for ever, so there is one test for all.
+/// The process listens from the first call until it exits, so one test covers everything.
 TEST(PowerEvents, ArePostedOnTheMainThreadAsLogindSendsThem) {
     test::PrivateBus bus;
     ::setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address().c_str(), 1);
@@ -38,7 +38,7 @@ TEST(PowerEvents, ArePostedOnTheMainThreadAsLogindSendsThem) {
         });
     }
     test::MockLogind logind(bus);
-    // Until the subscription is in force signals pass unseen.
+    // Signals are lost until the subscription is active.
     while (seen.empty()) {
         logind.prepareForSleep(true);
         RunLoop::main().runUntil(Clock::steady().now() + 50ms);
@@ -53,7 +53,7 @@ TEST(PowerEvents, ArePostedOnTheMainThreadAsLogindSendsThem) {
     EXPECT_EQ(seen[count + 1], "NSWorkspaceWillSleepNotification");
     EXPECT_EQ(seen[count + 2], "NSWorkspaceDidWakeNotification");
 
-    // The bus goes: the process does not, and one line says so.
+    // The bus exits. The process does not, and logs one line.
     LogRecorder log;
     bus.kill();
     while (log.lines().empty()) {

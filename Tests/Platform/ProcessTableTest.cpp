@@ -66,7 +66,7 @@ TEST(ProcessTable, ReturnsFullNames) {
     std::filesystem::copy_file("/bin/sleep", link);
     {
         const test::ChildProcess child({link.string(), "1000"});
-        // The name changes when the child has become the program.
+        // The name changes when the child executes the program.
         std::optional<ProcessInfo> info;
         do {
             info = ProcessTable::system().process(child.pid());

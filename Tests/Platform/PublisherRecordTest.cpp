@@ -13,7 +13,7 @@ using Text = std::vector<std::string>;
 class Publisher : public testing::Test {
 protected:
     Publisher() { processes.add({4711, "KRVQuicktimeProcess", 1000, 99}); }
-    bool hasGone(const Text& text) const { return publisherHasGone(text, processes); }
+    bool isDead(const Text& text) const { return publisherIsDead(text, processes); }
     FakeProcessTable processes;
 };
 
@@ -22,16 +22,16 @@ TEST_F(Publisher, RecordsItsProcess) {
 }
 
 TEST_F(Publisher, IsAliveWhileItsProcessRuns) {
-    EXPECT_FALSE(hasGone({"pid=4711", "start=99"}));
-    EXPECT_FALSE(hasGone({"other=1", "start=99", "pid=4711"}));
+    EXPECT_FALSE(isDead({"pid=4711", "start=99"}));
+    EXPECT_FALSE(isDead({"other=1", "start=99", "pid=4711"}));
 }
 
 TEST_F(Publisher, IsDeadAfterItsProcessExits) {
-    EXPECT_TRUE(hasGone({"pid=4712", "start=99"}));
+    EXPECT_TRUE(isDead({"pid=4712", "start=99"}));
 }
 
 TEST_F(Publisher, IsDeadWhenAnotherProcessHasItsId) {
-    EXPECT_TRUE(hasGone({"pid=4711", "start=100"}));
+    EXPECT_TRUE(isDead({"pid=4711", "start=100"}));
 }
 
 TEST_F(Publisher, WithAnotherRecordIsNotDead) {
@@ -44,14 +44,14 @@ TEST_F(Publisher, WithAnotherRecordIsNotDead) {
                                               {"pid=4712 ", "start=1"},
                                               {"PID=4712", "start=1"},
                                               {std::string("pid=4712\0", 9), "start=1"}}) {
-        EXPECT_FALSE(hasGone(text));
+        EXPECT_FALSE(isDead(text));
     }
 }
 
 TEST_F(Publisher, RecordOfThisProcessIsCorrect) {
     const auto self = ProcessTable::ofThisUser().process(::getpid());
     ASSERT_TRUE(self);
-    EXPECT_FALSE(publisherHasGone(publisherRecord(*self), ProcessTable::ofThisUser()));
+    EXPECT_FALSE(publisherIsDead(publisherRecord(*self), ProcessTable::ofThisUser()));
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 #include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeRunLoop.h>
 
-// What every run loop promises: the main one, one of a thread of its own, and the fake.
+// The contract of every run loop: the main loop, the loop of another thread, and the fake.
 
 namespace krv {
 namespace {
@@ -46,7 +46,7 @@ protected:
         }
     }
 
-    /// Turns the loop until the condition holds; a minute without it fails the test.
+    /// Runs the loop until the condition holds. Fails the test after a minute.
     static void turnUntil(RunLoop& loop, Clock& clock, const std::function<bool()>& condition) {
         const auto limit = clock.now() + 60s;
         while (!condition()) {
@@ -385,7 +385,7 @@ TEST_P(RunLoopContract, ANestedRunsExceptionPropagatesThroughTheOuterCallback) {
 
 TEST_P(RunLoopContract, IsThreadSafe) {
     onLoop([](RunLoop& loop, Clock& clock) {
-        int called = 0;  // only ever touched by the loop's thread
+        int called = 0;  // used by the loop's thread only
         const auto ask = [&] {
             for (int i = 0; i < 100; ++i) {
                 const auto object = target();
@@ -399,7 +399,7 @@ TEST_P(RunLoopContract, IsThreadSafe) {
         };
         std::thread first(ask);
         std::thread second(ask);
-        if (GetParam() != LoopKind::Fake) {  // nothing turns virtual time while others ask
+        if (GetParam() != LoopKind::Fake) {  // nothing advances virtual time while other threads call
             turnUntil(loop, clock, [&] { return called == 400; });
         }
         first.join();

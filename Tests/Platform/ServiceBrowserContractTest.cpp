@@ -1,5 +1,5 @@
-// One case for each sentence of ServiceBrowser.h, over the fake and over the real browser. The program runs in a
-// network namespace of its own in which only the loopback interface is up.
+// One test per sentence of ServiceBrowser.h, with the fake and with the real browser. The program runs in a network
+// namespace of its own in which only the loopback interface is up.
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -64,16 +64,16 @@ public:
     int failures = 0;
 };
 
-/// One kind of browser and the world around it.
+/// One kind of browser and its environment.
 class World {
 public:
     virtual ~World() = default;
     virtual std::shared_ptr<ServiceBrowser> makeBrowser() = 0;
-    /// Publishes services; returns their ports once they are established.
+    /// Publishes services and returns their ports when they are established.
     virtual std::vector<long> publish(const std::vector<std::string>& names) = 0;
-    /// Turns the run loop until the condition holds; false when it does not come true in time.
+    /// Runs the run loop until the condition holds. Returns false if that takes too long.
     virtual bool turnUntil(const std::function<bool()>& condition) = 0;
-    /// Turns the run loop for that long.
+    /// Runs the run loop for that long.
     virtual void turnFor(Clock::Duration duration) = 0;
 };
 
@@ -266,7 +266,7 @@ TYPED_TEST(ServiceBrowserContract, DescribesItself) {
     EXPECT_FALSE(this->browser->description().empty());
 }
 
-// The rest concerns the machine and so only the real browser.
+// The rest concerns the machine, so it tests only the real browser.
 
 using RealServiceBrowser = ServiceBrowserContract<RealWorld>;
 
@@ -371,7 +371,7 @@ TEST_F(RealServiceBrowser, WorksNextToADaemon) {
     const auto folder = std::filesystem::temp_directory_path() / ("krv-avahi-" + std::to_string(::getpid()));
     std::filesystem::create_directories(folder);
     std::ofstream(folder / "avahi.conf") << "[server]\nenable-dbus=no\nallow-interfaces=lo\n";
-    // The daemon keeps its pid file in a fixed place, which it gets to itself here.
+    // The daemon's pid file has a fixed path, so it gets a private folder there.
     ChildProcess daemon({"unshare", "--mount", "sh", "-c",
                          "mkdir -p /run/avahi-daemon && mount -t tmpfs none /run/avahi-daemon && exec avahi-daemon "
                          "--no-drop-root --no-chroot --no-rlimits -f " +

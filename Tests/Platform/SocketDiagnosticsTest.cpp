@@ -19,23 +19,23 @@ namespace {
 
 constexpr std::uint32_t kSequence = 7;
 
-struct Answer {
+struct Reply {
     nlmsghdr header;
     inet_diag_msg message;
 };
 
-Answer goodAnswer() {
-    Answer answer{};
-    answer.header.nlmsg_len = sizeof answer;
-    answer.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
-    answer.header.nlmsg_seq = kSequence;
-    answer.message.idiag_uid = 1000;
-    answer.message.idiag_inode = 4711;
-    return answer;
+Reply goodReply() {
+    Reply reply{};
+    reply.header.nlmsg_len = sizeof reply;
+    reply.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
+    reply.header.nlmsg_seq = kSequence;
+    reply.message.idiag_uid = 1000;
+    reply.message.idiag_inode = 4711;
+    return reply;
 }
 
-std::optional<SocketOwner> owner(const Answer& answer, std::size_t size = sizeof(Answer)) {
-    return ownerFromAnswer(std::as_bytes(std::span(&answer, 1)).first(size), kSequence);
+std::optional<SocketOwner> owner(const Reply& reply, std::size_t size = sizeof(Reply)) {
+    return ownerFromReply(std::as_bytes(std::span(&reply, 1)).first(size), kSequence);
 }
 
 TEST(SocketEnd, IsParsedFromANumericAddressAndAPort) {
@@ -69,7 +69,7 @@ TEST(SocketQuery, QueriesTheSocketWithTheseEnds) {
     std::memcpy(&request, bytes.data() + sizeof header, sizeof request);
     EXPECT_EQ(header.nlmsg_len, bytes.size());
     EXPECT_EQ(header.nlmsg_seq, kSequence);
-    EXPECT_EQ(header.nlmsg_flags, NLM_F_REQUEST);  // and not a dump of all sockets
+    EXPECT_EQ(header.nlmsg_flags, NLM_F_REQUEST);  // not a dump of all sockets
     EXPECT_EQ(request.sdiag_family, AF_INET);
     EXPECT_EQ(request.sdiag_protocol, IPPROTO_TCP);
     EXPECT_EQ(request.id.idiag_sport, htons(8000));
@@ -78,43 +78,43 @@ TEST(SocketQuery, QueriesTheSocketWithTheseEnds) {
     EXPECT_EQ(request.id.idiag_dst[0], htonl(INADDR_LOOPBACK));
 }
 
-TEST(OwnerFromAnswer, ReturnsTheUserAndWhetherTheSocketIsHeld) {
-    Answer answer = goodAnswer();
-    EXPECT_EQ(owner(answer), (SocketOwner{1000, true}));
-    answer.message.idiag_inode = 0;
-    answer.message.idiag_uid = 0;
-    EXPECT_EQ(owner(answer), (SocketOwner{0, false}));
+TEST(OwnerFromReply, ReturnsTheUserAndWhetherTheSocketIsHeld) {
+    Reply reply = goodReply();
+    EXPECT_EQ(owner(reply), (SocketOwner{1000, true}));
+    reply.message.idiag_inode = 0;
+    reply.message.idiag_uid = 0;
+    EXPECT_EQ(owner(reply), (SocketOwner{0, false}));
 }
 
-TEST(OwnerFromAnswer, IsEmptyForEveryTruncatedReply) {
-    const Answer answer = goodAnswer();
-    for (std::size_t size = 0; size < sizeof answer; ++size) {
-        EXPECT_EQ(owner(answer, size), std::nullopt) << size;
+TEST(OwnerFromReply, IsEmptyForEveryTruncatedReply) {
+    const Reply reply = goodReply();
+    for (std::size_t size = 0; size < sizeof reply; ++size) {
+        EXPECT_EQ(owner(reply, size), std::nullopt) << size;
     }
 }
 
-TEST(OwnerFromAnswer, IsEmptyForAnErrorAndForAReplyToAnotherQuery) {
-    Answer answer = goodAnswer();
-    answer.header.nlmsg_type = NLMSG_ERROR;
-    EXPECT_EQ(owner(answer), std::nullopt);
-    answer = goodAnswer();
-    answer.header.nlmsg_type = NLMSG_DONE;
-    EXPECT_EQ(owner(answer), std::nullopt);
-    answer = goodAnswer();
-    answer.header.nlmsg_seq = kSequence + 1;
-    EXPECT_EQ(owner(answer), std::nullopt);
+TEST(OwnerFromReply, IsEmptyForAnErrorAndForAReplyToAnotherQuery) {
+    Reply reply = goodReply();
+    reply.header.nlmsg_type = NLMSG_ERROR;
+    EXPECT_EQ(owner(reply), std::nullopt);
+    reply = goodReply();
+    reply.header.nlmsg_type = NLMSG_DONE;
+    EXPECT_EQ(owner(reply), std::nullopt);
+    reply = goodReply();
+    reply.header.nlmsg_seq = kSequence + 1;
+    EXPECT_EQ(owner(reply), std::nullopt);
 }
 
-TEST(OwnerFromAnswer, IsEmptyForALengthThatDoesNotFit) {
-    Answer answer = goodAnswer();
-    for (const std::uint32_t length : {0U, 16U, static_cast<std::uint32_t>(sizeof answer) - 1,
-                                       static_cast<std::uint32_t>(sizeof answer) + 1, 0xffffffffU}) {
-        answer.header.nlmsg_len = length;
-        EXPECT_EQ(owner(answer), std::nullopt) << length;
+TEST(OwnerFromReply, IsEmptyForALengthThatDoesNotFit) {
+    Reply reply = goodReply();
+    for (const std::uint32_t length : {0U, 16U, static_cast<std::uint32_t>(sizeof reply) - 1,
+                                       static_cast<std::uint32_t>(sizeof reply) + 1, 0xffffffffU}) {
+        reply.header.nlmsg_len = length;
+        EXPECT_EQ(owner(reply), std::nullopt) << length;
     }
 }
 
-/// A connection over loopback with both ends in this process.
+/// A loopback connection with both ends in this process.
 class OwnConnection {
 public:
     explicit OwnConnection(const char* address) {
@@ -134,7 +134,7 @@ public:
         socklen_t size = isV4 ? sizeof(sockaddr_in) : sizeof here;
         made_ = ::bind(listener_, any, size) == 0 && ::listen(listener_, 1) == 0 &&
                 ::getsockname(listener_, any, &size) == 0 && ::connect(client_, any, size) == 0;
-        // The port stands at the same place in both kinds of address.
+        // The port is at the same offset in both kinds of address.
         peer_ = SocketEnd::from(address, ntohs(here.sin6_port));
         ::getsockname(client_, any, &size);
         local_ = SocketEnd::from(address, ntohs(here.sin6_port));
@@ -160,7 +160,7 @@ private:
     std::optional<SocketEnd> peer_;
 };
 
-/// The addresses at which a connection of this process to itself is not taken for its own; empty when all is well.
+/// Returns the addresses at which a connection of this process to itself is not recognised as its own.
 std::string addressesNotTakenForOurs() {
     std::string wrong;
     for (const char* address : {"127.0.0.1", "::1"}) {
@@ -180,7 +180,7 @@ TEST(PeerOwnership, RecognisesOurSocketBeforeAndAfterAccept) {
 }
 
 TEST(PeerOwnership, HoldsForAUserWithoutPrivileges) {
-    // The kernel shows an unaccepted connection as root's, which must not make another user's own one a foreign one.
+    // The kernel reports an unaccepted connection as root's. A user's own connection must not be rejected for it.
     if (::getuid() != 0) {
         GTEST_SKIP() << "the case above ran without privileges already";
     }
@@ -197,12 +197,12 @@ TEST(PeerOwnership, AMissingSocketBelongsToNobody) {
     EXPECT_FALSE(peerBelongsToThisUser(*SocketEnd::from("127.0.0.1", 1), *SocketEnd::from("127.0.0.1", 2)));
 }
 
-/// Listens on a free port of an address until it goes.
+/// Listens on a free port of an address until it is destroyed.
 class Listener {
 public:
     explicit Listener(const char* address)
         : socket_(::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        const int both = 0;  // addresses of IPv4 too, written as IPv6 ones
+        const int both = 0;  // also accepts IPv4, as mapped IPv6 addresses
         ::setsockopt(socket_, IPPROTO_IPV6, IPV6_V6ONLY, &both, sizeof both);
         sockaddr_in6 here{};
         here.sin6_family = AF_INET6;
@@ -216,7 +216,7 @@ public:
     ~Listener() { ::close(socket_); }
     Listener(const Listener&) = delete;
     Listener& operator=(const Listener&) = delete;
-    /// 0 when the machine has no such address.
+    /// 0 if the machine has no such address.
     [[nodiscard]] std::uint16_t port() const { return port_; }
 
 private:

@@ -1,4 +1,4 @@
-// Programs launched for real. What a launched program finds itself in, it writes to a file.
+// Launches real programs, which write what they observe to a file.
 #include <atomic>
 #include <barrier>
 #include <csignal>
@@ -33,7 +33,7 @@ std::string contents(const fs::path& path) {
 
 class LaunchedTask : public testing::Test {
 protected:
-    /// Runs a line of shell and waits until it has ended. Its first argument is the folder.
+    /// Runs a shell command and waits until it has exited. Its first argument is the folder.
     void runShell(const std::string& line) {
         const auto task = Task::launch({.executable = "/bin/sh",
                                         .arguments = {"-c", line, "sh", folder.path().string()},
@@ -69,8 +69,8 @@ TEST_F(LaunchedTask, HasItsOwnSessionAndTheRootDirectory) {
 }
 
 TEST_F(LaunchedTask, InheritsNoDescriptorAndHasStandardStreamsOnNull) {
-    const int open = ::open("/dev/zero", O_RDONLY);  // on purpose without O_CLOEXEC
-    // A second shell looks at the first one's, which has no redirection of its own.
+    const int open = ::open("/dev/zero", O_RDONLY);  // deliberately without O_CLOEXEC
+    // A second shell lists the descriptors of the first one, which has no redirection.
     runShell("sh -c 'for d in /proc/$PPID/fd/*; do readlink $d >> \"$0\"; done' \"$1/open\"; true");
     ::close(open);
     EXPECT_EQ(output("open"), "/dev/null\n/dev/null\n/dev/null\n");
@@ -95,7 +95,7 @@ TEST_F(LaunchedTask, CanBeLaunchedByManyThreadsAtOnce) {
 }
 
 TEST_F(LaunchedTask, IsNotDelayedByAnotherChildOfTheHost) {
-    // Forks at any moment, also in the middle of a launch, and keeps what it was born with.
+    // Forks at any moment, even during a launch, and keeps all inherited descriptors open.
     std::atomic<bool> enough = false;
     std::vector<pid_t> children;
     std::thread host([&] {
@@ -130,7 +130,7 @@ TEST_F(LaunchedTask, HasNoSignalBlockedOrIgnored) {
     runShell("exec grep -E 'SigBlk|SigIgn' /proc/self/status > \"$1/signals\"");
     std::signal(SIGUSR1, previous);
     ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    // The C library keeps two signals for its own use, 32 and 33, and spawns with these ignored.
+    // The C library reserves two signals, 32 and 33, and spawns with these ignored.
     EXPECT_THAT(output("signals"), testing::AnyOf("SigBlk:\t0000000000000000\nSigIgn:\t0000000180000000\n",
                                                   "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n"));
 }

@@ -54,7 +54,7 @@ TEST_F(UserDefaultsTest, TheFirstPlaceThatHasTheKeyWins) {
 }
 
 TEST_F(UserDefaultsTest, AnArgumentWinsOverTheApplicationsValue) {
-    // The probe sets the key itself before it asks, and both files have it as well.
+    // The probe sets the key before it reads it, and both files contain it too.
     writeShared("[Defaults]\nlevel=1\n");
     test::ChildProcess probe(
         {KRV_PLATFORM_PROBE, "set", "level=2", "setting", "level", "setting", "other", "-level", "-7"});

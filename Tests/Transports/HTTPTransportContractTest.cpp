@@ -1,4 +1,4 @@
-// What KRVTransport promises, over real HTTP to a server that is a process of its own and behaves as it is told.
+// The contract of KRVTransport, over real HTTP to a scripted server in another process.
 #include <fstream>
 
 #include <gtest/gtest.h>

@@ -64,7 +64,7 @@ TEST_F(Transport, APortNotYetKnownIsTriedAndFails) {
 }
 
 TEST_F(Transport, PostsTheArchivedRecordToTheRootWithinAMinute) {
-    http.answer(kUrl, FakeHTTPClient::reply(archived()));
+    http.respond(kUrl, FakeHTTPClient::reply(archived()));
     (void)transport.sendOperation(operation);
     ASSERT_EQ(http.requests().size(), 1U);
     const HTTPRequest sent = http.requests()[0];
@@ -75,12 +75,12 @@ TEST_F(Transport, PostsTheArchivedRecordToTheRootWithinAMinute) {
 }
 
 TEST_F(Transport, ReturnsTheBytesOfARecord) {
-    http.answer(kUrl, FakeHTTPClient::reply(archived()));
+    http.respond(kUrl, FakeHTTPClient::reply(archived()));
     EXPECT_EQ(*transport.sendOperation(operation), archived());
 }
 
 TEST_F(Transport, BytesThatAreNotARecordAreReturnedAndLogged) {
-    http.answer(kUrl, FakeHTTPClient::reply("not a record", 500));
+    http.respond(kUrl, FakeHTTPClient::reply("not a record", 500));
     LogRecorder log(15, kLoggingHTTPMessaging);
     EXPECT_EQ(transport.sendOperation(operation)->size(), 12U);
     EXPECT_EQ(log.texts(), (Texts{"Making connection for Get poster frame and metadata to http://localhost:8001",
@@ -88,7 +88,7 @@ TEST_F(Transport, BytesThatAreNotARecordAreReturnedAndLogged) {
 }
 
 TEST_F(Transport, AServerThatCannotTakeWorkCountsAsUnreachable) {
-    http.answer(kUrl, FakeHTTPClient::reply(archived(error("KRVQuicktimeProcess", 1))));
+    http.respond(kUrl, FakeHTTPClient::reply(archived(error("KRVQuicktimeProcess", 1))));
     LogRecorder log(15, 0);
     const Exception raised = raisedBy(operation);
     EXPECT_EQ(raised.name(), kHTTPServerNSURLConnectionError);
@@ -102,18 +102,18 @@ TEST_F(Transport, AServerThatCannotTakeWorkCountsAsUnreachable) {
 
 TEST_F(Transport, OtherErrorsInTheReplyAreLeftToTheCaller) {
     for (const auto& other : {error("KRVQuicktimeProcess", 2), error("Elsewhere", 1)}) {
-        http.answer(kUrl, FakeHTTPClient::reply(archived(other)));
+        http.respond(kUrl, FakeHTTPClient::reply(archived(other)));
         EXPECT_EQ(*transport.sendOperation(operation), archived(other));
     }
 }
 
 TEST_F(Transport, AMissingReplyThrowsWithTheConnectionsError) {
-    http.answer(kUrl, {std::nullopt, 0, "the cause"});
+    http.respond(kUrl, {std::nullopt, 0, "the cause"});
     LogRecorder log(15, kLoggingHTTPMessaging);
     EXPECT_EQ(raisedBy(operation).reason(),
               "No data was returned from the sendSynchronousRequest. Error from NSURLConnection: the cause");
     EXPECT_EQ(log.texts().back(), "Received back nil for url: http://localhost:8001");
-    http.answer(kUrl, {std::nullopt, 0, std::nullopt});
+    http.respond(kUrl, {std::nullopt, 0, std::nullopt});
     EXPECT_EQ(raisedBy(operation).reason(),
               "No data was returned from the sendSynchronousRequest. Probably NSURLConnection problem.");
 }
@@ -121,7 +121,7 @@ TEST_F(Transport, AMissingReplyThrowsWithTheConnectionsError) {
 TEST_F(Transport, ABodyTogetherWithAnErrorThrows) {
     HTTPResponse response = FakeHTTPClient::reply(archived());
     response.error = "cut short";
-    http.answer(kUrl, response);
+    http.respond(kUrl, response);
     const Exception raised = raisedBy(operation);
     EXPECT_EQ(raised.name(), kHTTPServerNSURLConnectionError);
     EXPECT_EQ(raised.reason(), "Unable to talk to server, error: cut short");
@@ -135,7 +135,7 @@ TEST_F(Transport, ARecordThatCannotBeArchivedIsNotACommunicationsFailure) {
 }
 
 TEST_F(Transport, HousekeepingIsLoggedOnlyAtHighVerbosity) {
-    http.answer(kUrl, FakeHTTPClient::reply(archived()));
+    http.respond(kUrl, FakeHTTPClient::reply(archived()));
     const auto linesFor = [this](std::int32_t type, std::int32_t verbosity) {
         LogRecorder log(15, kLoggingHTTPMessaging);
         Logging::setQuicktimeLoggingLevel(verbosity);
@@ -155,7 +155,7 @@ TEST_F(Transport, HousekeepingIsLoggedOnlyAtHighVerbosity) {
 }
 
 TEST_F(Transport, ThePayloadLineShowsTheReply) {
-    http.answer(kUrl, FakeHTTPClient::reply(operation->convertToData()));
+    http.respond(kUrl, FakeHTTPClient::reply(operation->convertToData()));
     LogRecorder log(15, kLoggingHTTPMessaging);
     Logging::setQuicktimeLoggingLevel(15);
     (void)transport.sendOperation(operation);
@@ -163,7 +163,7 @@ TEST_F(Transport, ThePayloadLineShowsTheReply) {
 }
 
 TEST_F(Transport, TrafficIsNotLoggedWithoutItsMask) {
-    http.answer(kUrl, FakeHTTPClient::reply(archived()));
+    http.respond(kUrl, FakeHTTPClient::reply(archived()));
     LogRecorder log(15, kLoggingHTTPDiscovery | kLoggingDebug);
     (void)transport.sendOperation(operation);
     EXPECT_TRUE(log.lines().empty());
@@ -172,9 +172,9 @@ TEST_F(Transport, TrafficIsNotLoggedWithoutItsMask) {
 TEST_F(Transport, IsReadyWhenTheStatusPageReturnsAnyResponse) {
     const char* const status = "http://localhost:8001/status";
     EXPECT_FALSE(transport.serviceReadyToRock());
-    http.answer(status, FakeHTTPClient::reply("", 404));
+    http.respond(status, FakeHTTPClient::reply("", 404));
     EXPECT_TRUE(transport.serviceReadyToRock());
-    http.answer(status, FakeHTTPClient::cutShort("x"));
+    http.respond(status, FakeHTTPClient::cutShort("x"));
     EXPECT_FALSE(transport.serviceReadyToRock());
     EXPECT_EQ(http.requests()[0].timeout, 1s);
     EXPECT_FALSE(http.requests()[0].body);
@@ -189,8 +189,8 @@ TEST_F(Transport, IsNotReadyWithoutAPort) {
 }
 
 TEST_F(Transport, UsesThePortThatIsKnownAtEachCall) {
-    http.answer(kUrl, FakeHTTPClient::reply(archived()));
-    http.answer("http://localhost:8002", FakeHTTPClient::reply(archived()));
+    http.respond(kUrl, FakeHTTPClient::reply(archived()));
+    http.respond("http://localhost:8002", FakeHTTPClient::reply(archived()));
     (void)transport.sendOperation(operation);
     port->port = 8002;
     (void)transport.sendOperation(operation);

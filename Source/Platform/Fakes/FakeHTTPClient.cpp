@@ -6,16 +6,16 @@
 
 namespace krv {
 
-void FakeHTTPClient::answer(std::string_view url, HTTPResponse response) {
-    answer(url, [response = std::move(response)](const HTTPRequest&) { return response; });
+void FakeHTTPClient::respond(std::string_view url, HTTPResponse response) {
+    respond(url, [response = std::move(response)](const HTTPRequest&) { return response; });
 }
 
-void FakeHTTPClient::answer(std::string_view url, Handler handler) {
+void FakeHTTPClient::respond(std::string_view url, Handler handler) {
     const LockGuard lock(mutex_);
     scripts_[std::string(url)].always = std::move(handler);
 }
 
-void FakeHTTPClient::answerOnce(std::string_view url, HTTPResponse response) {
+void FakeHTTPClient::respondOnce(std::string_view url, HTTPResponse response) {
     const LockGuard lock(mutex_);
     scripts_[std::string(url)].once.push_back(std::move(response));
 }
@@ -68,7 +68,7 @@ HTTPResponse FakeHTTPClient::reply(Data body, int status) {
 
 HTTPResponse FakeHTTPClient::cutShort(std::string_view body) {
     HTTPResponse response = reply(body);
-    response.error = "The connection to the server was lost before the whole answer had come.";
+    response.error = "The connection to the server was lost before the response was complete.";
     return response;
 }
 

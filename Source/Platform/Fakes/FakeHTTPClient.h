@@ -15,18 +15,18 @@ namespace krv {
 /// A client that returns a test's responses by URL. A URL without a response refuses the connection. Thread-safe.
 ///
 ///     FakeHTTPClient http;
-///     http.answer("http://localhost:8003/status", FakeHTTPClient::reply("{}"));
-///     http.answerOnce("http://localhost:8003", FakeHTTPClient::timedOut());
+///     http.respond("http://localhost:8003/status", FakeHTTPClient::reply("{}"));
+///     http.respondOnce("http://localhost:8003", FakeHTTPClient::timedOut());
 class FakeHTTPClient final : public HTTPClient {
 public:
     using Handler = std::function<HTTPResponse(const HTTPRequest&)>;
 
     /// Sets the response to every later request for the URL.
-    void answer(std::string_view url, HTTPResponse response);
+    void respond(std::string_view url, HTTPResponse response);
     /// Sets a handler that makes the response to each request. It is called without a lock held.
-    void answer(std::string_view url, Handler handler);
-    /// Queues a response to one request for the URL. Queued responses are returned before that of answer().
-    void answerOnce(std::string_view url, HTTPResponse response);
+    void respond(std::string_view url, Handler handler);
+    /// Queues a response to one request for the URL. Queued responses are returned before that of respond().
+    void respondOnce(std::string_view url, HTTPResponse response);
     /// Removes the responses of a URL, so that it refuses connections.
     void refuse(std::string_view url);
 

@@ -42,7 +42,7 @@ void FakeServiceBrowser::scheduleSilence(Clock::Duration after) {
     }
     silence_ = loop_->scheduleTimer(after, [this] {
         scheduleSilence(6s);
-        tell(nullptr, false);
+        report(nullptr, false);
     });
 }
 
@@ -54,11 +54,11 @@ void FakeServiceBrowser::show(std::vector<std::shared_ptr<NetService>> batch) {
         silence_->invalidate();
     }
     for (std::size_t i = 0; i < batch.size() && searching_; ++i) {
-        tell(batch[i], i + 1 < batch.size());
+        report(batch[i], i + 1 < batch.size());
     }
 }
 
-void FakeServiceBrowser::tell(const std::shared_ptr<NetService>& service, bool moreComing) {
+void FakeServiceBrowser::report(const std::shared_ptr<NetService>& service, bool moreComing) {
     silent_ = !service;
     if (const auto delegate = delegate_.lock()) {
         delegate->didFindService(shared_from_this(), service, moreComing);

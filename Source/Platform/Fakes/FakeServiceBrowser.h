@@ -51,7 +51,7 @@ public:
 
 private:
     void scheduleSilence(Clock::Duration after);
-    void tell(const std::shared_ptr<NetService>& service, bool moreComing);
+    void report(const std::shared_ptr<NetService>& service, bool moreComing);
 
     std::weak_ptr<ServiceBrowserDelegate> delegate_;
     std::vector<std::pair<std::string, std::string>> searches_;

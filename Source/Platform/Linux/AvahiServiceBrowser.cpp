@@ -58,7 +58,7 @@ std::vector<std::string> entriesOf(AvahiStringList* text) {
 
 /// Returns whether a process of this user offers the service now.
 bool isOffered(std::uint16_t port, const std::vector<std::string>& text) {
-    return port != 0 && userListensOnPort(port) && !publisherHasGone(text, ProcessTable::ofThisUser());
+    return port != 0 && userListensOnPort(port) && !publisherIsDead(text, ProcessTable::ofThisUser());
 }
 
 class FoundService final : public NetService, public std::enable_shared_from_this<FoundService> {
@@ -145,7 +145,7 @@ private:
     [[nodiscard]] bool someOpen() const;
     void report(std::shared_ptr<NetService> service, bool moreComing);
     void reportSilence();
-    void tell(const std::shared_ptr<NetService>& service, bool moreComing);
+    void deliver(const std::shared_ptr<NetService>& service, bool moreComing);
     void startSilenceTimer(Clock::Duration interval);
 
     const std::weak_ptr<AvahiServiceBrowser> owner_;
@@ -195,7 +195,7 @@ public:
     }
 
     /// Passes an event to the delegate if the search is still the current one. Called on the search's loop.
-    void tell(const Search* search, const std::shared_ptr<NetService>& service, bool moreComing) {
+    void deliver(const Search* search, const std::shared_ptr<NetService>& service, bool moreComing) {
         std::shared_ptr<ServiceBrowserDelegate> delegate;
         {
             const LockGuard lock(mutex_);
@@ -356,14 +356,14 @@ void Search::report(std::shared_ptr<NetService> service, bool moreComing) {
     }
     loop_->perform([weak = weak_from_this(), service = std::move(service), moreComing] {
         if (const auto self = weak.lock()) {
-            self->tell(service, moreComing);
+            self->deliver(service, moreComing);
         }
     });
 }
 
-void Search::tell(const std::shared_ptr<NetService>& service, bool moreComing) {
+void Search::deliver(const std::shared_ptr<NetService>& service, bool moreComing) {
     if (const auto owner = owner_.lock()) {
-        owner->tell(this, service, moreComing);
+        owner->deliver(this, service, moreComing);
     }
 }
 
@@ -390,7 +390,7 @@ void Search::reportSilence() {
         }
     }
     startSilenceTimer(kNextSilence);
-    tell(nullptr, false);
+    deliver(nullptr, false);
 }
 
 }  // namespace

@@ -70,10 +70,10 @@ bool CurlConnection::makeHandle() {
     curl_easy_setopt(handle, CURLOPT_TCP_NODELAY, 1L);
     curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers_.get());
     curl_easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaximumBody));
-    curl_easy_setopt(handle, CURLOPT_SOCKOPTFUNCTION, socketMade);
+    curl_easy_setopt(handle, CURLOPT_SOCKOPTFUNCTION, socketOpened);
     curl_easy_setopt(handle, CURLOPT_PREREQFUNCTION, aboutToSend);
-    curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, headLine);
-    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, bodyBytes);
+    curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, headerReceived);
+    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, bodyReceived);
     return true;
 }
 
@@ -111,10 +111,10 @@ HTTPResponse CurlConnection::send(const HTTPRequest& request) {
     curl_easy_setopt(handle, CURLOPT_RESOLVE, nullptr);
     curl_easy_setopt(handle, CURLOPT_POSTFIELDS, nullptr);
     if (code != CURLE_OK) {
-        exchange.response.error = sentence(code, exchange, port);
+        exchange.response.error = errorText(code, exchange, port);
     } else if (!exchange.response.body) {
         // curl takes truncated headers for the end of a response without a body.
-        exchange.response.error = sentence(CURLE_GOT_NOTHING, exchange, port);
+        exchange.response.error = errorText(CURLE_GOT_NOTHING, exchange, port);
     }
     if (exchange.foreignPeer) {
         handle_.reset();  // otherwise curl would reuse the connection for the next request
@@ -122,7 +122,7 @@ HTTPResponse CurlConnection::send(const HTTPRequest& request) {
     return std::move(exchange.response);
 }
 
-std::string CurlConnection::sentence(CURLcode code, const Exchange& exchange, long port) {
+std::string CurlConnection::errorText(CURLcode code, const Exchange& exchange, long port) {
     if (exchange.foreignPeer) {
         return fmt::format("Could not connect to the server: port {} does not belong to this user.", port);
     }
@@ -148,7 +148,7 @@ std::string CurlConnection::sentence(CURLcode code, const Exchange& exchange, lo
     }
 }
 
-int CurlConnection::socketMade(void* exchange, curl_socket_t, curlsocktype) {
+int CurlConnection::socketOpened(void* exchange, curl_socket_t, curlsocktype) {
     static_cast<Exchange*>(exchange)->newSocket = true;
     return CURL_SOCKOPT_OK;
 }
@@ -169,7 +169,7 @@ int CurlConnection::aboutToSend(void* data, char* peer, char* local, int peerPor
     return exchange.foreignPeer ? CURL_PREREQFUNC_ABORT : CURL_PREREQFUNC_OK;
 }
 
-std::size_t CurlConnection::headLine(char* bytes, std::size_t size, std::size_t count, void* data) {
+std::size_t CurlConnection::headerReceived(char* bytes, std::size_t size, std::size_t count, void* data) {
     auto& exchange = *static_cast<Exchange*>(data);
     const std::string_view line(bytes, size * count);
     if (line == "\r\n" || line == "\n") {
@@ -184,7 +184,7 @@ std::size_t CurlConnection::headLine(char* bytes, std::size_t size, std::size_t 
     return line.size();
 }
 
-std::size_t CurlConnection::bodyBytes(char* bytes, std::size_t size, std::size_t count, void* data) {
+std::size_t CurlConnection::bodyReceived(char* bytes, std::size_t size, std::size_t count, void* data) {
     auto& exchange = *static_cast<Exchange*>(data);
     if (!exchange.response.body) {
         return 0;

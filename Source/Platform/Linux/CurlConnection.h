@@ -26,11 +26,11 @@ private:
     using List = std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)>;
 
     [[nodiscard]] bool makeHandle();
-    [[nodiscard]] static std::string sentence(CURLcode code, const Exchange& exchange, long port);
-    static int socketMade(void* exchange, curl_socket_t socket, curlsocktype purpose);
+    [[nodiscard]] static std::string errorText(CURLcode code, const Exchange& exchange, long port);
+    static int socketOpened(void* exchange, curl_socket_t socket, curlsocktype purpose);
     static int aboutToSend(void* exchange, char* peer, char* local, int peerPort, int localPort);
-    static std::size_t headLine(char* bytes, std::size_t size, std::size_t count, void* exchange);
-    static std::size_t bodyBytes(char* bytes, std::size_t size, std::size_t count, void* exchange);
+    static std::size_t headerReceived(char* bytes, std::size_t size, std::size_t count, void* exchange);
+    static std::size_t bodyReceived(char* bytes, std::size_t size, std::size_t count, void* exchange);
 
     List headers_;
     Handle handle_;

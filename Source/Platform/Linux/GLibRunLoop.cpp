@@ -80,26 +80,26 @@ thread_local RunLoop* currentReplacement = nullptr;
 
 /// Marks that one of the loop's own operations runs it. Sources that callees create on this thread then belong to the
 /// loop's context. The context is not pushed for longer, because an application pushes and pops its own contexts.
-class GLibRunLoop::Turning {
+class GLibRunLoop::Running {
 public:
-    explicit Turning(GLibRunLoop& loop)
+    explicit Running(GLibRunLoop& loop)
         : loop_(loop) {
         if (!loop_.isOwnThread()) {
             throw Exception("NSInternalInconsistencyException", "a run loop can be turned by its own thread only");
         }
-        ++loop_.turning_;
+        ++loop_.nestedRuns_;
         if (loop_.kind_ == Kind::Thread) {
             g_main_context_push_thread_default(loop_.context_);
         }
     }
-    ~Turning() {
-        --loop_.turning_;
+    ~Running() {
+        --loop_.nestedRuns_;
         if (loop_.kind_ == Kind::Thread) {
             g_main_context_pop_thread_default(loop_.context_);
         }
     }
-    Turning(const Turning&) = delete;
-    Turning& operator=(const Turning&) = delete;
+    Running(const Running&) = delete;
+    Running& operator=(const Running&) = delete;
 
 private:
     GLibRunLoop& loop_;
@@ -139,7 +139,7 @@ void GLibRunLoop::dispatch() noexcept {
 }
 
 void GLibRunLoop::keepException() noexcept {
-    if (turning_ > 0 && !exception_) {
+    if (nestedRuns_ > 0 && !exception_) {
         exception_ = std::current_exception();
         return;
     }
@@ -152,7 +152,7 @@ void GLibRunLoop::keepException() noexcept {
     }
 }
 
-void GLibRunLoop::raiseKeptException() {
+void GLibRunLoop::rethrowKeptException() {
     if (exception_) {
         std::rethrow_exception(std::exchange(exception_, nullptr));
     }
@@ -163,25 +163,25 @@ bool GLibRunLoop::isOwnThread() const {
 }
 
 void GLibRunLoop::runUntil(Clock::TimePoint time) {
-    const Turning turning(*this);
+    const Running running(*this);
     // Even if the time has already passed, dispatch once what is ready.
     g_main_context_iteration(context_, FALSE);
-    raiseKeptException();
+    rethrowKeptException();
     if (now() >= time) {
         return;
     }
     const WakeUp wakeUp(context_, time);
     while (now() < time) {
         g_main_context_iteration(context_, TRUE);
-        raiseKeptException();
+        rethrowKeptException();
     }
 }
 
 void GLibRunLoop::run() {
-    const Turning turning(*this);
+    const Running running(*this);
     while (!takeStopRequest()) {
         g_main_context_iteration(context_, TRUE);
-        raiseKeptException();
+        rethrowKeptException();
     }
 }
 

@@ -29,12 +29,12 @@ public:
     [[nodiscard]] GMainContext* context() const noexcept { return context_; }
 
 private:
-    class Turning;
+    class Running;
 
     [[nodiscard]] Clock::TimePoint now() const override;
     void nextCallChanged(std::optional<Clock::TimePoint> due) override;
     void keepException() noexcept;
-    void raiseKeptException();
+    void rethrowKeptException();
     [[nodiscard]] bool takeStopRequest();
     [[nodiscard]] bool isOwnThread() const;
 
@@ -47,7 +47,7 @@ private:
     Mutex stopMutex_;
     bool stopRequested_ KRV_GUARDED_BY(stopMutex_) = false;
     // Used on the loop's own thread only.
-    int turning_ = 0;
+    int nestedRuns_ = 0;
     std::exception_ptr exception_;
 };
 

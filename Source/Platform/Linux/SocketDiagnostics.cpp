@@ -70,12 +70,12 @@ std::vector<std::byte> socketQuery(const SocketEnd& local, const std::optional<S
     return {bytes.begin(), bytes.end()};
 }
 
-std::optional<SocketOwner> ownerFromAnswer(std::span<const std::byte> answer, std::uint32_t sequence) {
-    const std::size_t size = answer.size();
+std::optional<SocketOwner> ownerFromReply(std::span<const std::byte> reply, std::uint32_t sequence) {
+    const std::size_t size = reply.size();
     nlmsghdr header{};
     inet_diag_msg message{};
-    if (!read(answer, header) || header.nlmsg_type != SOCK_DIAG_BY_FAMILY || header.nlmsg_seq != sequence ||
-        header.nlmsg_len > size || header.nlmsg_len < NLMSG_LENGTH(sizeof message) || !read(answer, message)) {
+    if (!read(reply, header) || header.nlmsg_type != SOCK_DIAG_BY_FAMILY || header.nlmsg_seq != sequence ||
+        header.nlmsg_len > size || header.nlmsg_len < NLMSG_LENGTH(sizeof message) || !read(reply, message)) {
         return std::nullopt;
     }
     return SocketOwner{message.idiag_uid, message.idiag_inode != 0};

@@ -38,7 +38,7 @@ struct SocketOwner {
 
 /// Parses the reply to the query of that sequence number. Empty for an error, for "no such socket" and for malformed
 /// bytes.
-[[nodiscard]] std::optional<SocketOwner> ownerFromAnswer(std::span<const std::byte> answer, std::uint32_t sequence);
+[[nodiscard]] std::optional<SocketOwner> ownerFromReply(std::span<const std::byte> reply, std::uint32_t sequence);
 
 /// Returns whether the peer of a connection on this machine belongs to this process's user. `local` is this process's
 /// end. False if the query fails.

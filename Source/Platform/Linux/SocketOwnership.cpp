@@ -36,15 +36,15 @@ public:
                      sizeof kernel) < 0) {
             return std::nullopt;
         }
-        std::array<std::byte, 4096> answer{};
+        std::array<std::byte, 4096> reply{};
         ssize_t count = 0;
         sockaddr_nl sender{};
         do {
             socklen_t size = sizeof sender;
-            count = ::recvfrom(socket_, answer.data(), answer.size(), 0, reinterpret_cast<sockaddr*>(&sender), &size);
+            count = ::recvfrom(socket_, reply.data(), reply.size(), 0, reinterpret_cast<sockaddr*>(&sender), &size);
         } while ((count < 0 && errno == EINTR) || (count >= 0 && sender.nl_pid != 0));
         return count < 0 ? std::nullopt
-                         : ownerFromAnswer(std::span(answer).first(static_cast<std::size_t>(count)), sequence_);
+                         : ownerFromReply(std::span(reply).first(static_cast<std::size_t>(count)), sequence_);
     }
 
 private:

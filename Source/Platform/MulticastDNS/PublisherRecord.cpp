@@ -31,7 +31,7 @@ std::vector<std::string> publisherRecord(const ProcessInfo& process) {
     return {fmt::format("{}{}", kProcess, process.pid), fmt::format("{}{}", kStart, process.startTime)};
 }
 
-bool publisherHasGone(std::span<const std::string> text, const ProcessTable& processes) {
+bool publisherIsDead(std::span<const std::string> text, const ProcessTable& processes) {
     const auto pid = value<pid_t>(text, kProcess);
     const auto start = value<std::uint64_t>(text, kStart);
     if (!pid || !start) {

@@ -18,6 +18,6 @@ namespace krv {
 
 /// Returns whether the text names a process that has exited or is not in the table. False if the text names no process
 /// or is malformed.
-[[nodiscard]] bool publisherHasGone(std::span<const std::string> text, const ProcessTable& processes);
+[[nodiscard]] bool publisherIsDead(std::span<const std::string> text, const ProcessTable& processes);
 
 }  // namespace krv
