@@ -57,7 +57,7 @@ void convert(Conversion& conversion, krv::KRVQTProcessOperations& client) {
         client.convertMovie(conversion.source, conversion.destination, krv::VideoConversion::H264, false,
                             std::make_shared<BarFiller>(conversion), &error);
         if (error) {
-            conversion.failure = error->localizedDescription() + ' ' + error->localizedFailureReason();
+            conversion.failure = error->localizedDescription();
         }
     } catch (const krv::Exception& exception) {
         conversion.failure = exception.reason();  // the server could not be reached

@@ -33,7 +33,7 @@ std::string convert(krv::KRVQTProcessOperations& client, const std::string& sour
     } catch (const krv::Exception& exception) {
         return exception.reason();  // the server could not be reached
     }
-    return error ? error->localizedDescription() + ' ' + error->localizedFailureReason() : std::string();
+    return error ? error->localizedDescription() : std::string();
 }
 
 }  // namespace

@@ -55,7 +55,7 @@ std::string convert(krv::KRVQTProcessOperations& client, const std::string& sour
     } catch (const krv::Exception& exception) {
         return exception.reason();  // the server could not be reached
     }
-    return error ? error->localizedDescription() + ' ' + error->localizedFailureReason() : std::string();
+    return error ? error->localizedDescription() : std::string();
 }
 
 /// Runs the library's main loop from a timer if Qt does not run it: with QT_NO_GLIB=1, or if Qt was built without GLib.

@@ -4,6 +4,8 @@
 
 #include <fmt/format.h>
 
+#include <KRVQTProcessClient/Operations/MediaServerName.h>
+
 #include "Interruption.h"
 
 namespace krvqt {
@@ -12,7 +14,6 @@ namespace {
 using namespace std::chrono_literals;
 using SteadyClock = std::chrono::steady_clock;
 
-constexpr std::string_view kServerName = "KRVQuicktimeProcess";
 constexpr auto kProbeInterval = 100ms;
 /// A server usually responds within this time. Only a longer wait is worth a message.
 constexpr auto kSilentWait = 2s;
@@ -46,12 +47,12 @@ std::string whyNotYet(const ServerAccess& access) {
     }
     const auto launch = krv::ServerRunner::latestLaunch();
     if (!access.launches || !launch) {
-        return krv::KRVProcessMonitor::isProcessRunningNamed(kServerName, krv::ProcessTable::ofThisUser())
+        return krv::KRVProcessMonitor::isProcessRunningNamed(krv::kMediaServerName, krv::ProcessTable::ofThisUser())
                    ? "one is running, but its port has not been found yet"
                    : "none is running yet";
     }
     if (launch->bundle.empty()) {
-        return fmt::format("there is no {}.app beside krvqt or its library to start it from", kServerName);
+        return fmt::format("there is no {}.app beside krvqt or its library to start it from", krv::kMediaServerName);
     }
     if (!launch->failure.empty()) {
         return launch->failure;
@@ -96,7 +97,7 @@ ServerAccess ServerAccess::looking() {
 
 ExitStatus reachServer(const ServerAccess& access, const CommonOptions& common) {
     if (!access.launches &&
-        !krv::KRVProcessMonitor::isProcessRunningNamed(kServerName, krv::ProcessTable::ofThisUser())) {
+        !krv::KRVProcessMonitor::isProcessRunningNamed(krv::kMediaServerName, krv::ProcessTable::ofThisUser())) {
         fmt::print(stderr, "krvqt: no media server is running\n");
         return kNoServer;
     }

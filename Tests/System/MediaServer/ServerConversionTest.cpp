@@ -47,8 +47,10 @@ TEST_F(Server, ReportsBadInputWithTheDocumentedError) {
     for (const Case& each : std::vector<Case>{
              {"/missing/in.mov", out(), 3, "/missing/in.mov", "Cannot convert in.mov: the file does not exist."},
              {empty, out(), 4, empty, "Cannot convert empty.mov: the file is empty."},
-             {text, out(), 4, text, "Cannot convert text.mp4: it is not in a known media format."},
-             {truncated, out(), 4, truncated, "Cannot convert truncated.mov: it is not in a known media format."},
+             {text, out(), 4, text,
+              "Cannot convert text.mp4: its index is missing, as after an interrupted download or recording."},
+             {truncated, out(), 4, truncated,
+              "Cannot convert truncated.mov: its index is missing, as after an interrupted download or recording."},
              {folder.path().string(), out(), 4, folder.path().string(),
               fmt::format("Cannot convert {}: it is a folder.", name)},
              {"/dev/null", out(), 4, "/dev/null", "Cannot convert null: it is not a regular file."},
