@@ -108,7 +108,7 @@ TEST(Documentation, ListsTheEncodingTypesAsTheyAre) {
     EXPECT_EQ(table("Number"), expected);
 }
 
-TEST(Documentation, ListsSettingsThatAreTaken) {
+TEST(Documentation, ListsTheSettingsThatAreAccepted) {
     const std::map<std::string, std::string> values{
         {"width", "64"},   {"height", "64"},        {"bitrate", "100000"},     {"preset", "fast"},
         {"channels", "2"}, {"sampleRate", "44100"}, {"pixelFormat", "yuv420p"}};

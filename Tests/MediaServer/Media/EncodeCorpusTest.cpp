@@ -96,7 +96,7 @@ void PrintTo(const Turned& turned, std::ostream* out) {
 }
 class Portrait : public testing::TestWithParam<Turned> {};
 
-TEST_P(Portrait, IsShownUprightWhereverItGoes) {
+TEST_P(Portrait, IsShownUprightInEveryContainer) {
     const std::string source = corpus(GetParam().name);
     const auto numbers = numbersFrom(0, 149);
     const auto mp4 = convert({.source = source, .extension = "mp4", .type = 1});
@@ -119,7 +119,7 @@ TEST(Interlaced, IsDeinterlacedToTheTimesOfTheFirstFields) {
     EXPECT_NEAR(beepTime(output.path()) - flashTime(output.path()), 0, 0.02);
 }
 
-TEST(HighDynamicRange, LooksLikeTheOrdinaryMovieInH264) {
+TEST(HighDynamicRange, LooksLikeTheSDRMovieInH264) {
     const auto output = convert({.source = corpus("hevc-hdr.mp4"), .extension = "mp4", .type = 1});
     EXPECT_EQ(frameNumbers(output.path()), numbersFrom(0, 149));
     for (const int frame : {10, 75, 140}) {
@@ -130,7 +130,7 @@ TEST(HighDynamicRange, LooksLikeTheOrdinaryMovieInH264) {
     }
 }
 
-TEST(HighDynamicRange, StaysWhatItIsInHEVC) {
+TEST(HighDynamicRange, StaysHDRInHEVC) {
     const auto output = convert({.source = corpus("hevc-hdr.mp4"), .extension = "mp4", .type = 2});
     const auto video = Probe(output).video();
     EXPECT_EQ(text(video, "pix_fmt"), "yuv420p10le");
@@ -196,7 +196,7 @@ TEST(Songs, AreConvertedToEveryAudioContainer) {
     }
 }
 
-TEST(BrokenMovies, GiveWhatIsLeftOfThem) {
+TEST(BrokenMovies, AreConvertedAsFarAsPossible) {
     for (const char* movie : {"damaged.mkv", "truncated.mkv"}) {
         const auto output = convert({.source = corpus(movie), .extension = "mp4", .type = 1});
         const auto numbers = frameNumbers(output.path());
@@ -208,7 +208,7 @@ TEST(BrokenMovies, GiveWhatIsLeftOfThem) {
     EXPECT_EQ(failureOf({.source = corpus("empty.mp4")})->cause, FailureCause::SourceIsEmpty);
 }
 
-TEST(ManyStreams, AllComeAlong) {
+TEST(ManyStreams, AreAllConverted) {
     const auto output = convert({.source = corpus("many.mkv"), .extension = "mp4", .type = 1});
     const Probe probe(output);
     EXPECT_EQ(probe.streams("video").size(), 1U);

@@ -70,7 +70,7 @@ INSTANTIATE_TEST_SUITE_P(Keeps, Orientation,
                                          std::array{0, -1, 1, 0}, std::array{-1, 0, 0, 1}, std::array{1, 0, 0, -1},
                                          std::array{0, 1, 1, 0}, std::array{0, -1, -1, 0}));
 
-TEST(Keeps, TheShapeOfThePixels) {
+TEST(Keeps, ThePixelAspectRatio) {
     for (const char* extension : {"mov", "mp4", "mkv"}) {
         for (const std::int32_t type : {0, 1, 2}) {
             const auto output = convert({.source = testMedia("anamorphic.mov"), .extension = extension, .type = type});
@@ -148,7 +148,7 @@ TEST(Keeps, TitleAndOtherTags) {
     }
 }
 
-TEST(Keeps, WhatTheCameraStored) {
+TEST(Keeps, CameraTags) {
     const auto output = convert({.source = testMedia("camera.mov"), .extension = "mov", .type = 1});
     EXPECT_EQ(Probe(output).tag("com.apple.quicktime.model"), "Test camera");
     EXPECT_EQ(Probe(output).tag("title"), "From a camera");
@@ -222,7 +222,7 @@ TEST(Keeps, TheTimeCode) {
     }
 }
 
-TEST(Keeps, FieldsOnlyWhereTheCodecDoes) {
+TEST(Keeps, InterlacingOnlyInTheSameOrAProductionCodec) {
     const auto copied = Probe(convert({.source = testMedia("interlaced.mpg"), .extension = "mkv", .type = 0}));
     EXPECT_EQ(text(copied.video(), "field_order"), "tt");
     const auto changed = Probe(convert({.source = testMedia("interlaced.mpg"), .type = 1}));
@@ -232,7 +232,7 @@ TEST(Keeps, FieldsOnlyWhereTheCodecDoes) {
     EXPECT_EQ(text(production.video(), "field_order"), "tt");
 }
 
-TEST(Keeps, OddSizesNearlyByMakingThemEven) {
+TEST(Keeps, OddSizesRoundedToEvenOnes) {
     const auto video = Probe(convert({.source = testMedia("odd.mkv")})).video();
     EXPECT_EQ(number(video, "width"), 320);
     EXPECT_EQ(number(video, "height"), 240);

@@ -50,7 +50,7 @@ TEST(StereoMix, KeepsTheVideoBitForBit) {
     }
 }
 
-TEST(StereoMix, SpeechInTheMiddleIsLoweredByThreeDecibelsOnly) {
+TEST(StereoMix, SpeechInTheCentreIsLoweredByThreeDecibelsOnly) {
     for (const char* source : {"centre.mov", "centre.ac3.mov"}) {
         const auto output = mix(source);
         expectOneStereoTrack(output);
@@ -73,7 +73,7 @@ TEST(StereoMix, ALeftSurroundIsHeardOnTheLeftOnly) {
     }
 }
 
-TEST(StereoMix, LowFrequencyEffectsAreLeftOut) {
+TEST(StereoMix, LowFrequencyEffectsAreDropped) {
     EXPECT_GT(sourceLevel("bass.mov", 3), -30);
     const auto output = mix("bass.mov");
     EXPECT_LT(decodedAudio(output.path()).peak(0, 1.9), 0.001);
@@ -87,7 +87,7 @@ TEST(StereoMix, OneMonoTrackIsHeardOnBothSides) {
     EXPECT_NEAR(audio.level(1, kTone, 0.5, 1.5), sourceLevel("mono.mov", 0) - k3dB, kSameLevel);
 }
 
-TEST(StereoMix, TracksOfDifferentRatesAreAddedEachInItsTime) {
+TEST(StereoMix, TracksOfDifferentRatesAreMixedInSync) {
     const auto output = mix("two-mono.mov");
     expectOneStereoTrack(output);
     const DecodedAudio audio = decodedAudio(output.path());
@@ -107,7 +107,7 @@ TEST(StereoMix, ADisabledTrackIsNotHeard) {
     EXPECT_LT(audio.level(0, 2000, 0.5, 1.5), kSilent);
 }
 
-TEST(StereoMix, WhereNothingSaysEnabledAllTracksAreHeard) {
+TEST(StereoMix, AllTracksAreHeardInContainersWithoutEnabledFlags) {
     // Three times the same tone, of which one is the default, in a container in which that means a preference.
     const auto output = mix("languages.mkv");
     expectOneStereoTrack(output);
@@ -128,7 +128,7 @@ TEST(StereoMix, NothingIsClippedAndOnlyWhatIsTooLoudIsLowered) {
     EXPECT_NEAR(audio.level(0, kTone, 3.0, 3.9), quiet, kSameLevel);
 }
 
-TEST(StereoMix, TheLimitHoldsToTheSampleWhereTheCodecLosesNothing) {
+TEST(StereoMix, TheCeilingHoldsForEverySampleInALosslessCodec) {
     for (const char* source : {"loud.mov", "noisy.mov"}) {
         const auto output = mix(source, "flac");
         expectOneStereoTrack(output, "flac");
@@ -143,7 +143,7 @@ TEST(StereoMix, DenseMusicIsNotClippedByTheDecoder) {
     EXPECT_LT(decodedAudio(output.path()).peak(0, 1.9), 1.0);
 }
 
-TEST(StereoMix, TheBeepStaysWithTheFlash) {
+TEST(StereoMix, TheBeepStaysInSyncWithTheFlash) {
     for (const char* source : {"flash-surround.mov", "flash-surround.mkv", "late.mkv"}) {
         for (const char* extension : {"mov", "mp4", "mkv"}) {
             const auto output = mix(source, extension);
@@ -176,7 +176,7 @@ TEST(StereoMix, AWebMovieGetsItsOwnCodec) {
     EXPECT_EQ(packetHashes(output.path(), "v:0"), packetHashes(testMedia("theora.webm"), "v:0"));
 }
 
-TEST(StereoMix, KeepsChaptersTagsSubtitlesAndTheNameOfTheTrack) {
+TEST(StereoMix, KeepsChaptersTagsSubtitlesAndTheTrackTitle) {
     for (const char* extension : {"mov", "mp4", "mkv"}) {
         const auto output = mix("everything.mkv", extension);
         const Probe probe(output);
@@ -194,7 +194,7 @@ TEST(StereoMix, KeepsChaptersTagsSubtitlesAndTheNameOfTheTrack) {
     EXPECT_EQ(tagOf(Probe(mix("everything.mkv", "mkv")).audio(), "title"), "The sound");
 }
 
-TEST(StereoMix, KeepsTheCoverOfAPieceOfMusic) {
+TEST(StereoMix, KeepsTheCoverOfASong) {
     const auto output = mix("cover.m4a", "m4a");
     expectOneStereoTrack(output);
     EXPECT_EQ(Probe(output).covers().size(), 1U);

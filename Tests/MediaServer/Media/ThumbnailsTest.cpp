@@ -133,7 +133,7 @@ TEST_F(Thumbnails, ShowAFrameThatLastsForSecondsThroughout) {
     }
 }
 
-TEST_F(Thumbnails, LeaveOutWhatAnEditHides) {
+TEST_F(Thumbnails, SkipWhatAnEditHides) {
     make({.movie = corpus("edited.mov"), .count = 5});
     const auto seen = numbers();
     for (std::size_t i = 0; i < made.size(); ++i) {
@@ -172,7 +172,7 @@ TEST_F(Thumbnails, HaveTheColoursOfTheMovie) {
     EXPECT_LT(found.mean, 2) << numbers().at(0) << " " << found.largest;
 }
 
-TEST_F(Thumbnails, OfHighDynamicRangeLookLikeThoseOfTheOrdinaryMovie) {
+TEST_F(Thumbnails, OfHDRLookLikeThoseOfTheSDRMovie) {
     make({.movie = corpus("h264.mov"), .count = 3});
     std::vector<std::vector<int>> ordinary;
     for (const OutputPath& file : files) {
@@ -191,7 +191,7 @@ TEST_F(Thumbnails, OfAMovieOfOneFrameAllShowThatFrame) {
     EXPECT_THAT(numbers(), testing::ElementsAre(0, 0, 0));
 }
 
-TEST_F(Thumbnails, OfABrokenMovieShowWhatThereIs) {
+TEST_F(Thumbnails, OfADamagedMovieShowWhatCanBeDecoded) {
     for (const char* movie : {"damaged.mkv", "truncated.mkv"}) {
         make({.movie = corpus(movie)});
         EXPECT_EQ(files.size(), 12U) << movie;
@@ -205,7 +205,7 @@ TEST_F(Thumbnails, ProgressRisesToOne) {
     EXPECT_GE(sink.fractions.size(), 12U);
 }
 
-TEST_F(Thumbnails, OfWhatHasNoVideoFail) {
+TEST_F(Thumbnails, FailWithoutVideo) {
     using Cause = FailureCause;
     for (const auto& [movie, cause] :
          {std::pair("song.m4a", Cause::NoVideoTrack), std::pair("album.m4a", Cause::NoVideoTrack),

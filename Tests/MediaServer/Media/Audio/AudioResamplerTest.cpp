@@ -95,14 +95,14 @@ TEST_F(AudioResamplerTest, AudioBeforeTheBeginningIsCut) {
     EXPECT_EQ(finish().size(), 400U);
 }
 
-TEST_F(AudioResamplerTest, RoundedTimesChangeNothing) {
+TEST_F(AudioResamplerTest, RoundedTimestampsChangeNothing) {
     for (int i = 0; i < 10; ++i) {
         push(i * 100 + (i % 2 == 0 ? 3 : -3) + (i == 0 ? -3 : 0), 100, 1000);
     }
     EXPECT_THAT(finish(), testing::AllOf(testing::SizeIs(8000), testing::Each(1000)));
 }
 
-TEST_F(AudioResamplerTest, ASlowClockDoesNotAddUp) {
+TEST_F(AudioResamplerTest, TheDeviationOfASlowClockDoesNotAddUp) {
     // Each frame is 1 ms longer than its time says: after 300 of them that would be 0.3 s.
     for (int i = 0; i < 300; ++i) {
         push(i * 20, 21, 1000);

@@ -56,13 +56,13 @@ TEST(Limiter, LeavesQuietAudioExactlyAsItIs) {
     EXPECT_EQ(out.right, audio);
 }
 
-TEST(Limiter, GivesOutAsManySamplesAsGoInHoweverFew) {
+TEST(Limiter, ReturnsAsManySamplesAsItReceives) {
     for (const std::size_t samples : {0U, 1U, 239U, 240U, 241U, 5000U}) {
         EXPECT_EQ(limited(tone(samples, 1), tone(samples, 1)).left.size(), samples);
     }
 }
 
-TEST(Limiter, LetsNothingPassTheCeiling) {
+TEST(Limiter, NeverExceedsTheCeiling) {
     std::mt19937 random(1);  // NOLINT(cert-msc51-cpp): the same every time
     std::uniform_real_distribution<float> any(-4, 4);
     std::vector<float> left(50'000), right(50'000);
@@ -75,12 +75,12 @@ TEST(Limiter, LetsNothingPassTheCeiling) {
     EXPECT_LE(peak(out.right), kCeiling);
 }
 
-TEST(Limiter, BringsPeaksToTheCeilingAndNotBelow) {
+TEST(Limiter, LimitsPeaksToTheCeilingAndNotBelow) {
     const auto out = limited(tone(48'000, 2), tone(48'000, 2));
     EXPECT_NEAR(peak(out.left), kCeiling, 0.01);
 }
 
-TEST(Limiter, KeepsEveryImpulseInItsPlace) {
+TEST(Limiter, KeepsThePositionOfEveryImpulse) {
     std::vector<float> audio(10'000);
     audio[0] = 0.3F;
     audio[4000] = 3;
@@ -117,12 +117,12 @@ TEST(Limiter, NeverJumpsInGain) {
     }
 }
 
-TEST(Limiter, DoesNotDependOnThePiecesThatItGets) {
+TEST(Limiter, DoesNotDependOnTheSizeOfThePieces) {
     const auto audio = tone(5000, 2);
     EXPECT_EQ(limited(audio, audio, 1).left, limited(audio, audio, 5000).left);
 }
 
-TEST(Limiter, TakesWhatIsNoNumberForSilence) {
+TEST(Limiter, TreatsNaNAndInfinityAsSilence) {
     std::vector<float> audio(1000, 0.25F);
     audio[500] = std::numeric_limits<float>::quiet_NaN();
     audio[600] = std::numeric_limits<float>::infinity();

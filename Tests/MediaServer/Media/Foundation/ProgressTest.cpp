@@ -45,7 +45,7 @@ TEST_F(ProgressTest, CreepsWhileThereAreSignsOfLife) {
     EXPECT_LT(reports_.back(), 0.501);
 }
 
-TEST_F(ProgressTest, SaysNothingBetweenSignsOfLifeThatAreTooClose) {
+TEST_F(ProgressTest, DoesNotReportSignsOfLifeThatAreTooClose) {
     progress_.reach(0.5);
     for (int i = 0; i < 99; ++i) {
         now_ += 1ms;

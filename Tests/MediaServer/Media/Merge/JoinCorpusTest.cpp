@@ -28,7 +28,7 @@ void PrintTo(const Movie& movie, std::ostream* out) {
 
 class JoinedCorpus : public testing::TestWithParam<Movie> {};
 
-TEST_P(JoinedCorpus, FollowsAnotherMovieInStep) {
+TEST_P(JoinedCorpus, FollowsAnotherMovieInSync) {
     RecordingSink sink;
     const auto output = join({corpus("h264.mp4"), corpus(GetParam().name)}, "mp4", false, sink);
     const double length = Probe(corpus(GetParam().name)).duration();

@@ -30,7 +30,7 @@ Extent whiteOf(const GreyFrame& frame) {
     return extent;
 }
 
-TEST(MergeFormats, OtherShapesGetBarsAndAreNotStretched) {
+TEST(MergeFormats, OtherShapesAreLetterboxedAndNotStretched) {
     for (const char* other : {"square.mp4", "square-pixels.mp4"}) {
         const auto output = join({"silent.mp4", other}, "mp4");
         const GreyFrame frame = frameAt(output.path(), 2.5);
@@ -49,7 +49,7 @@ TEST(MergeFormats, OtherShapesGetBarsAndAreNotStretched) {
     }
 }
 
-TEST(MergeFormats, TheShapeOfTheFirstsPixelsCountsToo) {
+TEST(MergeFormats, ThePixelAspectRatioOfTheFirstSourceCounts) {
     const auto output = join({"square-pixels.mp4", "silent.mp4"}, "mp4");
     const auto video = Probe(output).video();
     EXPECT_EQ(text(video, "sample_aspect_ratio"), "1:2");
@@ -87,7 +87,7 @@ TEST(MergeFormats, RotatedVideoIsUpright) {
     }
 }
 
-TEST(MergeFormats, TheFirstDecidesSizeRateChannelsAndCodec) {
+TEST(MergeFormats, TheFirstSourceDecidesSizeRateChannelsAndCodec) {
     const auto wide = Probe(join({"wide.mp4", "flash.mov"}, "mov"));
     EXPECT_EQ(number(wide.video(), "width"), 480);
     EXPECT_EQ(number(wide.video(), "height"), 270);
@@ -138,7 +138,7 @@ TEST(MergeFormats, AudioOfMoviesIsJoinedInAnAudioContainer) {
     EXPECT_NEAR(beepTime(output.path(), 2), 5.0, 0.01);
 }
 
-TEST(MergeFormats, HighDynamicRangeFollowsTheFirst) {
+TEST(MergeFormats, TheFirstSourceDecidesBetweenHDRAndSDR) {
     const auto ordinary = join({"plain.mov", "hdr.mp4"}, "mp4");
     EXPECT_EQ(text(Probe(ordinary).video(), "color_transfer"), "bt709");
     EXPECT_EQ(text(Probe(ordinary).video(), "pix_fmt"), "yuv420p");
@@ -151,7 +151,7 @@ TEST(MergeFormats, HighDynamicRangeFollowsTheFirst) {
     EXPECT_LT(difference(frameAt(high.path(), 1).values, frameAt(high.path(), 3).values), 25);
 }
 
-TEST(MergeFormats, AreDeinterlaced) {
+TEST(MergeFormats, InterlacedSourcesAreDeinterlaced) {
     const auto video = Probe(join({"interlaced.mpg", "plain.mov"}, "mp4")).video();
     EXPECT_EQ(text(video, "field_order"), "progressive");
 }
