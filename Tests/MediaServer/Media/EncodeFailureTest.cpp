@@ -20,7 +20,7 @@ using Cause = FailureCause;
 struct Bad {
     const char* what;
     Conversion conversion;
-    server::Failure expected;  ///< of the reason, a part
+    server::Failure expected;  ///< the reason may contain more
 };
 
 void PrintTo(const Bad& bad, std::ostream* out) {
@@ -148,7 +148,7 @@ INSTANTIATE_TEST_SUITE_P(
             {Cause::InvalidArgument, "settings", "is not UTF-8 text"}}));
 
 TEST(EncodeFailure, AFullDiskIsAnUnwritableDestination) {
-    // A limit on the size of files stands for a disk without space.
+    // A limit on file sizes simulates a full disk.
     std::signal(SIGXFSZ, SIG_IGN);
     rlimit before{};
     getrlimit(RLIMIT_FSIZE, &before);
@@ -203,7 +203,7 @@ TEST(EncodeFailure, ATruncatedMovieIsConvertedToItsEnd) {
 }
 
 TEST(EncodeFailure, AMovieOfWhichNothingDecodesIsDamaged) {
-    // The index is whole, what it points to is zeros.
+    // The index is intact, but the media data is zeros.
     std::string bytes = readFile(testMedia("silent.mp4"));
     const auto start = bytes.find("mdat") + 4, end = bytes.find("moov") - 4;
     std::fill(bytes.begin() + static_cast<std::ptrdiff_t>(start), bytes.begin() + static_cast<std::ptrdiff_t>(end),
@@ -216,7 +216,7 @@ TEST(EncodeFailure, AMovieOfWhichNothingDecodesIsDamaged) {
 }
 
 TEST(EncodeFailure, AHeaderThatClaimsTooMuchMemoryMakesTheSourceUnusable) {
-    // The table of sample sizes says that it has nearly as many entries as its number can say.
+    // The table of sample sizes claims nearly the largest possible number of entries.
     std::string bytes = readFile(testMedia("silent.mp4"));
     const auto table = bytes.find("stsz");
     ASSERT_NE(table, std::string::npos);

@@ -8,8 +8,7 @@
 namespace krv::media::test {
 namespace {
 
-/// How far the grey values of two encodings of one picture may be apart; a wrong orientation is several times
-/// that.
+/// The largest difference between two encodings of one frame. A wrong orientation differs several times as much.
 constexpr double kSameFrame = 4;
 
 std::vector<nlohmann::json> frameSideData(const std::string& path) {
@@ -29,7 +28,7 @@ std::string displayMatrix(const Probe& probe) {
     return "";
 }
 
-/// A copy of upright.mp4 that is shown by another matrix: two rows of two, in 16.16 fixed point.
+/// Returns a copy of upright.mp4 with another display matrix: two rows of two, in 16.16 fixed point.
 OutputPath turned(std::array<int, 4> matrix) {
     std::string bytes = readFile(testMedia("upright.mp4"));
     const auto box = bytes.find("tkhd");
@@ -64,7 +63,7 @@ TEST_P(Orientation, IsKeptInTheMatrixOrInThePixels) {
     }
 }
 
-// Turned by 0, 90, 180, 270 degrees, and the same mirrored.
+// Rotated by 0, 90, 180, 270 degrees, and the same mirrored.
 INSTANTIATE_TEST_SUITE_P(Keeps, Orientation,
                          testing::Values(std::array{1, 0, 0, 1}, std::array{0, 1, -1, 0}, std::array{-1, 0, 0, -1},
                                          std::array{0, -1, 1, 0}, std::array{-1, 0, 0, 1}, std::array{1, 0, 0, -1},
@@ -118,8 +117,7 @@ TEST(Keeps, TheLookOfHDRInH264ByToneMapping) {
     EXPECT_EQ(text(video, "color_primaries"), "bt709");
     EXPECT_EQ(text(video, "color_transfer"), "bt709");
     EXPECT_EQ(text(video, "color_space"), "bt709");
-    // The range of greys is used again, where the untouched signal of this movie is confined to its dark
-    // half.
+    // The output uses the whole range of greys. Without tone-mapping the signal of this movie uses the dark half only.
     const auto greys = shownFrame(output.path());
     EXPECT_GT(*std::max_element(greys.begin(), greys.end()) - *std::min_element(greys.begin(), greys.end()), 100);
 }
@@ -155,7 +153,7 @@ TEST(Keeps, CameraTags) {
 }
 
 TEST(Keeps, EveryAudioTrackWithItsLanguage) {
-    // Twice through different containers, because each has its own idea of languages.
+    // Convert twice through different containers, because each stores languages in its own way.
     const auto matroska = convert({.source = testMedia("languages.mkv"), .extension = "mkv", .type = 1});
     const auto movie = convert({.source = matroska.path(), .extension = "mov", .type = 0});
     const auto mp4 = convert({.source = matroska.path(), .extension = "mp4", .type = 1});

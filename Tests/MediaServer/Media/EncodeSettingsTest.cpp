@@ -133,7 +133,7 @@ TEST(Settings, WidthAndHeightDoNotDistortTheVideo) {
 
 TEST(Settings, WidthIsThatOfTheUprightFrame) {
     const auto video = Probe(convert(custom(VideoRequest{0, 0, 0, "width=120"}, "mp4", "rotated.mp4"))).video();
-    EXPECT_EQ(number(video, "width"), 160);  // stored lying
+    EXPECT_EQ(number(video, "width"), 160);  // stored in landscape
     EXPECT_EQ(number(video, "height"), 120);
     const auto turned = Probe(convert(custom(VideoRequest{0, 0, 0, "width=120"}, "mkv", "rotated.mp4"))).video();
     EXPECT_EQ(number(turned, "width"), 120);

@@ -16,7 +16,7 @@ struct Made {
     std::int32_t type;
     const char* extension;
     const char* video;     ///< codec
-    const char* videoTag;  ///< empty: not looked at
+    const char* videoTag;  ///< empty: not checked
     const char* audio;
 };
 
@@ -124,7 +124,7 @@ TEST(Encode, OriginalReplacesOnlyWhatTheContainerCannotHold) {
     const auto output = convert({.source = testMedia("late.mkv"), .extension = "mp4", .type = 0});
     const Probe probe(output);
     EXPECT_EQ(text(probe.video(), "codec_name"), "h264");
-    EXPECT_EQ(text(probe.audio(), "codec_name"), "aac");  // the source's PCM has no place in it
+    EXPECT_EQ(text(probe.audio(), "codec_name"), "aac");  // it cannot hold the source's PCM
 }
 
 TEST(Encode, AMovieWithoutAudioStaysWithoutAudio) {

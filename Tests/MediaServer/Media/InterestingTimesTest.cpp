@@ -29,7 +29,7 @@ std::vector<double> seconds(const InterestingTimes& times) {
     return found;
 }
 
-/// When the key frames of a stream are shown, on the movie's own clock, as ffprobe sees them.
+/// Returns when the key frames of a stream are shown, on the movie's own time, according to ffprobe.
 std::vector<double> keyFrames(const std::string& movie, int stream) {
     const auto json =
         nlohmann::json::parse(run({KRV_FFPROBE, "-v", "quiet", "-of", "json", "-select_streams", std::to_string(stream),
@@ -96,7 +96,7 @@ TEST(InterestingTimes, IncludeTheChapters) {
 }
 
 TEST(InterestingTimes, IncludeTheEdits) {
-    // An empty edit of 1.5 seconds before the movie itself.
+    // The movie begins with an empty edit of 1.5 seconds.
     OutputPath movie("mov");
     (void)run({KRV_FFMPEG, "-v", "quiet", "-y", "-itsoffset", "1.5", "-i", corpus("h264.mov"), "-itsoffset", "1.5",
                "-i", corpus("h264.mov"), "-map", "0:v", "-map", "1:a", "-c", "copy", movie.path()});

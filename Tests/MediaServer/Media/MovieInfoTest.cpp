@@ -24,7 +24,7 @@ OutputPath posterOf(const MovieInfo& info) {
     return file;
 }
 
-/// Red, green and blue of a picture as a whole.
+/// Returns the mean red, green and blue of a picture.
 std::vector<int> meanColour(const std::string& path) {
     const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-frames:v", "1", "-vf",
                                    "format=rgb24,scale=1:1:flags=area", "-f", "rawvideo", "-"});
@@ -135,7 +135,7 @@ TEST(Poster, IsNotBlackIfAnyFrameIsNot) {
 }
 
 TEST(Poster, IsNotUniformIfAnyFrameIsNot) {
-    // Red alone from the second second on, then red and white side by side.
+    // After the first second the movie is red, later red and white side by side.
     const auto colour = meanColour(posterOf(infoOf(corpus("cuts.mp4"))).path());
     EXPECT_GT(colour[1], 60);
 }

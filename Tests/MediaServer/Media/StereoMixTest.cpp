@@ -34,7 +34,7 @@ void expectOneStereoTrack(const OutputPath& output, const char* codec = "aac") {
     EXPECT_EQ(number(tracks[0], "channels"), 2);
 }
 
-/// The level of the tone in a channel of a source, as far from its ends as in level().
+/// Returns the level of the tone in a channel of a source, away from its ends.
 double sourceLevel(const char* source, std::size_t channel) {
     return decodedAudio(testMedia(source)).level(channel, kTone, 0.5, 1.5);
 }
@@ -108,7 +108,7 @@ TEST(StereoMix, ADisabledTrackIsNotHeard) {
 }
 
 TEST(StereoMix, AllTracksAreHeardInContainersWithoutEnabledFlags) {
-    // Three times the same tone, of which one is the default, in a container in which that means a preference.
+    // Three tracks have the same tone. One is the default, which only means a preference in this container.
     const auto output = mix("languages.mkv");
     expectOneStereoTrack(output);
     EXPECT_EQ(Probe(output).audio()["disposition"]["default"], 1);
@@ -122,7 +122,7 @@ TEST(StereoMix, NothingIsClippedAndOnlyWhatIsTooLoudIsLowered) {
     const DecodedAudio audio = decodedAudio(output.path());
     EXPECT_LT(audio.peak(0, 3.9), 1.0);
     EXPECT_NEAR(audio.level(0, kTone, 1.2, 1.8), -1.0, kSameLevel);
-    // Left, centre and surround of the same phase: 1 + 0.71 + 0.71 times.
+    // Left, centre and surround are in phase: 1 + 0.71 + 0.71 times.
     const double quiet = decodedAudio(testMedia("loud.mov")).level(0, kTone, 0.1, 0.9) + 7.66;
     EXPECT_NEAR(audio.level(0, kTone, 0.1, 0.9), quiet, kSameLevel);
     EXPECT_NEAR(audio.level(0, kTone, 3.0, 3.9), quiet, kSameLevel);
@@ -147,7 +147,7 @@ TEST(StereoMix, TheBeepStaysInSyncWithTheFlash) {
     for (const char* source : {"flash-surround.mov", "flash-surround.mkv", "late.mkv"}) {
         for (const char* extension : {"mov", "mp4", "mkv"}) {
             const auto output = mix(source, extension);
-            // In Matroska the packet with which AAC begins moves the whole movie by its length.
+            // In Matroska the priming packet of AAC shifts the whole movie by its length.
             const double before = beepTime(testMedia(source)) - flashTime(testMedia(source));
             EXPECT_NEAR(flashTime(output.path()), flashTime(testMedia(source)), kFrame) << source << extension;
             EXPECT_NEAR(beepTime(output.path()) - flashTime(output.path()), before, 0.004) << source << extension;

@@ -62,7 +62,7 @@ TEST_F(AudioMixerTest, DoesNotWaitForATrackThatStaysFarBehind) {
     AudioMixer sum(2, 2);
     add(sum, 0, {1, 2, 3, 4, 5});
     EXPECT_THAT(left_, ElementsAre(1, 2, 3));
-    // Its first three samples come too late, the others in time.
+    // Its first three samples are too late, the others are in time.
     add(sum, 1, {10, 20});
     add(sum, 1, {30, 40, 50, 60});
     EXPECT_THAT(left_, ElementsAre(1, 2, 3, 44, 55));

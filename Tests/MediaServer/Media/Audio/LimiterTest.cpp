@@ -13,11 +13,12 @@ namespace {
 constexpr int kRate = 48000;
 constexpr float kCeiling = 0.5F;
 
-/// What comes out for sound that goes in in pieces of that many samples.
+/// The output of limited().
 struct Stereo {
     std::vector<float> left, right;
 };
 
+/// Returns the output for audio that is pushed in pieces of this many samples.
 Stereo limited(const std::vector<float>& left, const std::vector<float>& right, std::size_t piece = 1000) {
     Limiter limiter(kRate, kCeiling);
     Stereo out;
@@ -63,7 +64,7 @@ TEST(Limiter, ReturnsAsManySamplesAsItReceives) {
 }
 
 TEST(Limiter, NeverExceedsTheCeiling) {
-    std::mt19937 random(1);  // NOLINT(cert-msc51-cpp): the same every time
+    std::mt19937 random(1);  // NOLINT(cert-msc51-cpp): reproducible
     std::uniform_real_distribution<float> any(-4, 4);
     std::vector<float> left(50'000), right(50'000);
     for (std::size_t i = 0; i < left.size(); ++i) {
@@ -102,7 +103,7 @@ TEST(Limiter, RecoversCompletelyAfterALoudPassage) {
     const auto quiet = tone(100'000, 0.1F);
     audio.insert(audio.end(), quiet.begin(), quiet.end());
     const auto out = limited(audio, audio);
-    // Half a second after the loud part nothing is different any more.
+    // Half a second after the loud part the output equals the input.
     for (std::size_t i = 10'000 + kRate / 2 + kRate / 10; i < audio.size(); ++i) {
         ASSERT_EQ(out.left[i], audio[i]) << i;
     }

@@ -8,7 +8,7 @@ namespace {
 
 constexpr double k3dB = 0.70710678;
 
-/// The matrix of a layout by its name, left row and right row.
+/// Checks the matrix of a layout, given by its name: the left row, then the right row.
 void expectMatrix(const char* name, const std::vector<double>& expected) {
     ChannelLayout layout;
     AVChannelLayout parsed{};

@@ -19,7 +19,7 @@ using testing::Pair;
 constexpr AVMediaType kVideo = AVMEDIA_TYPE_VIDEO;
 constexpr AVMediaType kAudio = AVMEDIA_TYPE_AUDIO;
 
-//// What parsing throws; nothing if it succeeds.
+/// Returns what parsing throws, or nothing if it succeeds.
 std::optional<Failure> refusal(std::string_view text, AVMediaType type = kVideo) {
     try {
         (void)parseSettings(text, type);
@@ -66,9 +66,9 @@ TEST(Settings, EmptyPartsAreSkipped) {
 
 TEST(Settings, TextThatIsNotUTF8IsAnInvalidArgument) {
     EXPECT_EQ(causeOf("preset=\xff\xfe"), FailureCause::InvalidArgument);
-    EXPECT_EQ(causeOf("preset=\xc3"), FailureCause::InvalidArgument);          // cut off in the middle
-    EXPECT_EQ(causeOf("preset=\xc0\xaf"), FailureCause::InvalidArgument);      // longer than needed
-    EXPECT_EQ(causeOf("preset=\xed\xa0\x80"), FailureCause::InvalidArgument);  // half of a pair
+    EXPECT_EQ(causeOf("preset=\xc3"), FailureCause::InvalidArgument);          // truncated sequence
+    EXPECT_EQ(causeOf("preset=\xc0\xaf"), FailureCause::InvalidArgument);      // overlong sequence
+    EXPECT_EQ(causeOf("preset=\xed\xa0\x80"), FailureCause::InvalidArgument);  // half of a surrogate pair
 }
 
 TEST(Settings, UnknownKeysAreLeftToTheEncoder) {

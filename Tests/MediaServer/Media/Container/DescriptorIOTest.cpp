@@ -71,8 +71,7 @@ TEST_F(DescriptorIOTest, RemembersWhyATransferFailed) {
 }
 
 TEST_F(DescriptorIOTest, AFullDiskFailsTheTransfer) {
-    // A limit on the size of files stands for a disk without space; it is lifted again before anything else
-    // is written.
+    // A limit on file sizes simulates a full disk. It is lifted before anything else is written.
     rlimit before{};
     getrlimit(RLIMIT_FSIZE, &before);
     auto* const handler = std::signal(SIGXFSZ, SIG_IGN);

@@ -48,7 +48,7 @@ TEST(Merge, CopiesStayInSync) {
 struct Case {
     std::vector<std::string> sources;
     const char* extension;
-    double last;  // when the last one begins
+    double last;  // when the last source begins
     int frames;
 };
 
@@ -122,7 +122,7 @@ TEST(Merge, HoldsTheLastFrameAndAddsSilence) {
         EXPECT_GT(audio.level(0, kTone, 2.1, 2.9), -30);
         EXPECT_LT(audio.peak(3.1, 3.9), 0.002);
         EXPECT_GT(audio.level(0, kTone, 4.1, 5.9), -30);
-        // What is shown while only sound goes on is the last picture, and then comes the other movie.
+        // The last frame remains while only audio continues. Then the other movie follows.
         EXPECT_LT(difference(frameAt(output.path(), 0.99).values, frameAt(output.path(), 1.9).values), 2);
         EXPECT_GT(difference(frameAt(output.path(), 1.9).values, frameAt(output.path(), 2.1).values), 5);
     }
@@ -139,7 +139,7 @@ TEST(Merge, EndsEachSourceWithItsShortestTrackIfRequested) {
 }
 
 TEST(Merge, CopiesVideoWhoseFramesCanBeCutOff) {
-    // Every ProRes picture stands for itself, so that any of them can be the last.
+    // Every ProRes frame is a key frame, so any of them can be the last.
     const auto output = join({"longvideo.prores.mov", "longvideo.prores.mov"}, "mov", true);
     auto expected = packetHashes(testMedia("longvideo.prores.mov"), "v:0");
     expected.resize(25);
