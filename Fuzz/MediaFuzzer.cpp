@@ -1,4 +1,4 @@
-// Attacks the media library's own parsers. The first byte chooses one:
+// Feeds arbitrary bytes to the media library's own parsers. The first byte selects one:
 //
 //   'e'  a movie file, for its edit lists
 //   'v'  the settings text of a video request

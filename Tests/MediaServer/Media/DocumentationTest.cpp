@@ -1,4 +1,4 @@
-// Holds the tables of Documentation/media-server.md against the program.
+// Compares the tables of Documentation/media-server.md with the program.
 #include <algorithm>
 #include <map>
 #include <sstream>
@@ -20,7 +20,7 @@ namespace {
 
 using Row = std::vector<std::string>;
 
-/// The rows of the table whose header begins with these words, without header and rule.
+/// Returns the rows of the table whose header begins with these words, without header and rule.
 std::vector<Row> table(const std::string& headerBegins) {
     std::istringstream in(readFile(KRV_DOCUMENTATION "/media-server.md"));
     std::vector<Row> rows;
@@ -108,7 +108,7 @@ TEST(Documentation, ListsTheEncodingTypesAsTheyAre) {
     EXPECT_EQ(table("Number"), expected);
 }
 
-TEST(Documentation, ListsSettingsThatAreTaken) {
+TEST(Documentation, ListsTheSettingsThatAreAccepted) {
     const std::map<std::string, std::string> values{
         {"width", "64"},   {"height", "64"},        {"bitrate", "100000"},     {"preset", "fast"},
         {"channels", "2"}, {"sampleRate", "44100"}, {"pixelFormat", "yuv420p"}};
@@ -116,7 +116,7 @@ TEST(Documentation, ListsSettingsThatAreTaken) {
     EXPECT_EQ(rows.size(), values.size());
     for (const Row& row : rows) {
         const std::string text = row.at(0) + "=" + values.at(row.at(0));
-        // A key of its own does not become an option of the encoder, as any word would.
+        // A key that we know does not become an encoder option, unlike any other word.
         const auto isOurs = [&text](AVMediaType type) {
             try {
                 const Settings settings = parseSettings(text, type);

@@ -1,5 +1,5 @@
-// Every kind of movie that people have, converted. What is looked at is the output: which pictures it holds, when they
-// are shown, and whether the sound still goes with them.
+// Converts every common kind of movie. The tests check the output: which frames it has, when they are shown, and
+// whether the audio is in sync.
 #include <algorithm>
 #include <cmath>
 #include <map>
@@ -17,7 +17,7 @@ constexpr double kFrame = 0.04;
 struct Movie {
     const char* name;
     bool audio = true;
-    double flash = 2;  // when the first bright picture is shown
+    double flash = 2;  // when the first bright frame is shown
 };
 void PrintTo(const Movie& movie, std::ostream* out) {
     *out << movie.name;
@@ -27,7 +27,7 @@ class Corpus : public testing::TestWithParam<Movie> {
 protected:
     static std::string source() { return corpus(GetParam().name); }
 
-    /// The pictures are the source's, in its order, and each is shown when it was.
+    /// The output has the frames of the source in their order, each at its time.
     static void expectSameFrames(const std::string& output) {
         const auto expected = frameNumbers(source());
         EXPECT_THAT(frameNumbers(output), testing::ElementsAreArray(expected));
@@ -46,7 +46,7 @@ protected:
         if (!GetParam().audio) {
             return;
         }
-        // As they were made; what a tool makes of the source may be worse than what is in it.
+        // Compare with how the source was made, because a tool may play it worse than that.
         EXPECT_NEAR(beepTime(output) - flashTime(output), 2 - GetParam().flash, 0.02);
     }
 };
@@ -81,7 +81,7 @@ INSTANTIATE_TEST_SUITE_P(Every, Corpus,
                                          Movie{"chapters.mkv"}, Movie{"subtitles.mkv"}, Movie{"edited.mov"},
                                          Movie{"one-picture.mp4", false}));
 
-// The sound of fragmented.mp4 has a gap that the tool which measures does not fill.
+// The audio of fragmented.mp4 has a gap that the measuring tool does not fill.
 INSTANTIATE_TEST_SUITE_P(Every, CorpusKept,
                          testing::Values(Movie{"h264.mp4"}, Movie{"h264.ts"}, Movie{"fragmented.mp4", false},
                                          Movie{"vp9.webm"}, Movie{"dv.dv"}, Movie{"variable.mkv", true, 2.04},
@@ -89,20 +89,20 @@ INSTANTIATE_TEST_SUITE_P(Every, CorpusKept,
 
 struct Turned {
     const char* name;
-    const char* backwards;  // what brings the upright picture back to how it is stored
+    const char* backwards;  // the filter that turns the upright frame back into the stored one
 };
 void PrintTo(const Turned& turned, std::ostream* out) {
     *out << turned.name;
 }
 class Portrait : public testing::TestWithParam<Turned> {};
 
-TEST_P(Portrait, IsShownUprightWhereverItGoes) {
+TEST_P(Portrait, IsShownUprightInEveryContainer) {
     const std::string source = corpus(GetParam().name);
     const auto numbers = numbersFrom(0, 149);
     const auto mp4 = convert({.source = source, .extension = "mp4", .type = 1});
     EXPECT_EQ(frameNumbers(mp4.path()), numbers);  // as stored
     EXPECT_LT(difference(shownFrame(mp4.path()), shownFrame(source)), 4);
-    // A container that cannot say it has the pixels turned.
+    // A container without a display matrix has the pixels rotated.
     const auto mkv = convert({.source = source, .extension = "mkv", .type = 1});
     EXPECT_EQ(frameNumbers(mkv.path(), GetParam().backwards), numbers);
     EXPECT_LT(difference(shownFrame(mkv.path()), shownFrame(source)), 4);
@@ -119,7 +119,7 @@ TEST(Interlaced, IsDeinterlacedToTheTimesOfTheFirstFields) {
     EXPECT_NEAR(beepTime(output.path()) - flashTime(output.path()), 0, 0.02);
 }
 
-TEST(HighDynamicRange, LooksLikeTheOrdinaryMovieInH264) {
+TEST(HighDynamicRange, LooksLikeTheSDRMovieInH264) {
     const auto output = convert({.source = corpus("hevc-hdr.mp4"), .extension = "mp4", .type = 1});
     EXPECT_EQ(frameNumbers(output.path()), numbersFrom(0, 149));
     for (const int frame : {10, 75, 140}) {
@@ -130,7 +130,7 @@ TEST(HighDynamicRange, LooksLikeTheOrdinaryMovieInH264) {
     }
 }
 
-TEST(HighDynamicRange, StaysWhatItIsInHEVC) {
+TEST(HighDynamicRange, StaysHDRInHEVC) {
     const auto output = convert({.source = corpus("hevc-hdr.mp4"), .extension = "mp4", .type = 2});
     const auto video = Probe(output).video();
     EXPECT_EQ(text(video, "pix_fmt"), "yuv420p10le");
@@ -138,7 +138,7 @@ TEST(HighDynamicRange, StaysWhatItIsInHEVC) {
     EXPECT_EQ(frameNumbers(output.path()).size(), 150U);
 }
 
-/// The frequency of each channel's tone in Hz, by counting how often the wave goes up through zero.
+/// Returns the frequency of each channel's tone in Hz, by counting zero crossings.
 std::vector<int> tones(const std::string& path) {
     const auto audio = Probe(path).audio();
     const int channels = static_cast<int>(number(audio, "channels"));
@@ -152,7 +152,7 @@ std::vector<int> tones(const std::string& path) {
              i += static_cast<std::size_t>(channels) * 2) {
             const auto sample = static_cast<std::int16_t>(static_cast<unsigned char>(bytes[i]) |
                                                           static_cast<unsigned char>(bytes[i + 1]) << 8);
-            // With some room around zero, where encoders leave noise.
+            // The threshold keeps the noise of encoders from counting.
             if (before < 0 && sample > 1000) {
                 ++crossings;
             }
@@ -196,7 +196,7 @@ TEST(Songs, AreConvertedToEveryAudioContainer) {
     }
 }
 
-TEST(BrokenMovies, GiveWhatIsLeftOfThem) {
+TEST(BrokenMovies, AreConvertedAsFarAsPossible) {
     for (const char* movie : {"damaged.mkv", "truncated.mkv"}) {
         const auto output = convert({.source = corpus(movie), .extension = "mp4", .type = 1});
         const auto numbers = frameNumbers(output.path());
@@ -208,7 +208,7 @@ TEST(BrokenMovies, GiveWhatIsLeftOfThem) {
     EXPECT_EQ(failureOf({.source = corpus("empty.mp4")})->cause, FailureCause::SourceIsEmpty);
 }
 
-TEST(ManyStreams, AllComeAlong) {
+TEST(ManyStreams, AreAllConverted) {
     const auto output = convert({.source = corpus("many.mkv"), .extension = "mp4", .type = 1});
     const Probe probe(output);
     EXPECT_EQ(probe.streams("video").size(), 1U);

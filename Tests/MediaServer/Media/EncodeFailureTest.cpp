@@ -20,7 +20,7 @@ using Cause = FailureCause;
 struct Bad {
     const char* what;
     Conversion conversion;
-    server::Failure expected;  ///< of the reason, a part
+    server::Failure expected;  ///< the reason may contain more
 };
 
 void PrintTo(const Bad& bad, std::ostream* out) {
@@ -148,7 +148,7 @@ INSTANTIATE_TEST_SUITE_P(
             {Cause::InvalidArgument, "settings", "is not UTF-8 text"}}));
 
 TEST(EncodeFailure, AFullDiskIsAnUnwritableDestination) {
-    // A limit on the size of files stands for a disk without space.
+    // A limit on file sizes simulates a full disk.
     std::signal(SIGXFSZ, SIG_IGN);
     rlimit before{};
     getrlimit(RLIMIT_FSIZE, &before);
@@ -164,7 +164,7 @@ TEST(EncodeFailure, AFullDiskIsAnUnwritableDestination) {
     std::signal(SIGXFSZ, SIG_DFL);
 }
 
-TEST(EncodeFailure, ADestinationThatCannotBeWrittenIsSaidToBeSo) {
+TEST(EncodeFailure, AReadOnlyDestinationIsUnwritable) {
     const Descriptor source = openToRead(testMedia("plain.mov"));
     const OutputPath output("mp4");
     const Descriptor readOnly = openToRead(output.path());
@@ -183,7 +183,7 @@ TEST(EncodeFailure, ADestinationThatCannotBeWrittenIsSaidToBeSo) {
     }
 }
 
-TEST(EncodeFailure, DamageInTheMiddleIsSurvived) {
+TEST(EncodeFailure, DamageInTheMiddleIsSkipped) {
     for (const std::int32_t type : {0, 1}) {
         const auto output = convert({.source = testMedia("damaged.mov"), .type = type});
         EXPECT_NEAR(Probe(output).duration(), 2.0, 0.04);
@@ -191,7 +191,7 @@ TEST(EncodeFailure, DamageInTheMiddleIsSurvived) {
     }
 }
 
-TEST(EncodeFailure, AMovieThatBreaksOffIsConvertedAsFarAsItGoes) {
+TEST(EncodeFailure, ATruncatedMovieIsConvertedToItsEnd) {
     const auto whole = convert({.source = testMedia("plain.mov"), .extension = "mov", .flatten = true});
     const std::string bytes = readFile(whole.path());
     const OutputPath cut("mov");
@@ -202,8 +202,8 @@ TEST(EncodeFailure, AMovieThatBreaksOffIsConvertedAsFarAsItGoes) {
     EXPECT_LT(frames, 50);
 }
 
-TEST(EncodeFailure, MediaOfWhichNothingDecodesAreUnusable) {
-    // The index is whole, what it points to is zeros.
+TEST(EncodeFailure, AMovieOfWhichNothingDecodesIsDamaged) {
+    // The index is intact, but the media data is zeros.
     std::string bytes = readFile(testMedia("silent.mp4"));
     const auto start = bytes.find("mdat") + 4, end = bytes.find("moov") - 4;
     std::fill(bytes.begin() + static_cast<std::ptrdiff_t>(start), bytes.begin() + static_cast<std::ptrdiff_t>(end),
@@ -215,8 +215,8 @@ TEST(EncodeFailure, MediaOfWhichNothingDecodesAreUnusable) {
     EXPECT_EQ(failure->cause, Cause::Damaged);
 }
 
-TEST(EncodeFailure, AHeaderThatClaimsMoreThanMemoryIsUnusable) {
-    // The table of sample sizes says that it has nearly as many entries as its number can say.
+TEST(EncodeFailure, AHeaderThatClaimsTooMuchMemoryMakesTheSourceUnusable) {
+    // The table of sample sizes claims nearly the largest possible number of entries.
     std::string bytes = readFile(testMedia("silent.mp4"));
     const auto table = bytes.find("stsz");
     ASSERT_NE(table, std::string::npos);
@@ -241,7 +241,7 @@ TEST(EncodeFailure, NothingIsPrinted) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
-TEST(EncodeFailure, AReportOfAnEarlierFailureIsNotBlamedAgain) {
+TEST(EncodeFailure, TheLogOfAnEarlierFailureIsNotReportedAgain) {
     const auto first = failureOf({.source = testMedia("headless.mp4")});
     const auto second = failureOf({.source = testMedia("empty.mov")});
     ASSERT_TRUE(first && second);

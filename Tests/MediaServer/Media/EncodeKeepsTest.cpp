@@ -8,8 +8,7 @@
 namespace krv::media::test {
 namespace {
 
-/// How far the grey values of two encodings of one picture may be apart; a wrong orientation is several times
-/// that.
+/// The largest difference between two encodings of one frame. A wrong orientation differs several times as much.
 constexpr double kSameFrame = 4;
 
 std::vector<nlohmann::json> frameSideData(const std::string& path) {
@@ -29,7 +28,7 @@ std::string displayMatrix(const Probe& probe) {
     return "";
 }
 
-/// A copy of upright.mp4 that is shown by another matrix: two rows of two, in 16.16 fixed point.
+/// Returns a copy of upright.mp4 with another display matrix: two rows of two, in 16.16 fixed point.
 OutputPath turned(std::array<int, 4> matrix) {
     std::string bytes = readFile(testMedia("upright.mp4"));
     const auto box = bytes.find("tkhd");
@@ -64,13 +63,13 @@ TEST_P(Orientation, IsKeptInTheMatrixOrInThePixels) {
     }
 }
 
-// Turned by 0, 90, 180, 270 degrees, and the same mirrored.
+// Rotated by 0, 90, 180, 270 degrees, and the same mirrored.
 INSTANTIATE_TEST_SUITE_P(Keeps, Orientation,
                          testing::Values(std::array{1, 0, 0, 1}, std::array{0, 1, -1, 0}, std::array{-1, 0, 0, -1},
                                          std::array{0, -1, 1, 0}, std::array{-1, 0, 0, 1}, std::array{1, 0, 0, -1},
                                          std::array{0, 1, 1, 0}, std::array{0, -1, -1, 0}));
 
-TEST(Keeps, TheShapeOfThePixels) {
+TEST(Keeps, ThePixelAspectRatio) {
     for (const char* extension : {"mov", "mp4", "mkv"}) {
         for (const std::int32_t type : {0, 1, 2}) {
             const auto output = convert({.source = testMedia("anamorphic.mov"), .extension = extension, .type = type});
@@ -118,8 +117,7 @@ TEST(Keeps, TheLookOfHDRInH264ByToneMapping) {
     EXPECT_EQ(text(video, "color_primaries"), "bt709");
     EXPECT_EQ(text(video, "color_transfer"), "bt709");
     EXPECT_EQ(text(video, "color_space"), "bt709");
-    // The range of greys is used again, where the untouched signal of this movie is confined to its dark
-    // half.
+    // The output uses the whole range of greys. Without tone-mapping the signal of this movie uses the dark half only.
     const auto greys = shownFrame(output.path());
     EXPECT_GT(*std::max_element(greys.begin(), greys.end()) - *std::min_element(greys.begin(), greys.end()), 100);
 }
@@ -148,14 +146,14 @@ TEST(Keeps, TitleAndOtherTags) {
     }
 }
 
-TEST(Keeps, WhatTheCameraStored) {
+TEST(Keeps, CameraTags) {
     const auto output = convert({.source = testMedia("camera.mov"), .extension = "mov", .type = 1});
     EXPECT_EQ(Probe(output).tag("com.apple.quicktime.model"), "Test camera");
     EXPECT_EQ(Probe(output).tag("title"), "From a camera");
 }
 
 TEST(Keeps, EveryAudioTrackWithItsLanguage) {
-    // Twice through different containers, because each has its own idea of languages.
+    // Convert twice through different containers, because each stores languages in its own way.
     const auto matroska = convert({.source = testMedia("languages.mkv"), .extension = "mkv", .type = 1});
     const auto movie = convert({.source = matroska.path(), .extension = "mov", .type = 0});
     const auto mp4 = convert({.source = matroska.path(), .extension = "mp4", .type = 1});
@@ -222,7 +220,7 @@ TEST(Keeps, TheTimeCode) {
     }
 }
 
-TEST(Keeps, FieldsOnlyWhereTheCodecDoes) {
+TEST(Keeps, InterlacingOnlyInTheSameOrAProductionCodec) {
     const auto copied = Probe(convert({.source = testMedia("interlaced.mpg"), .extension = "mkv", .type = 0}));
     EXPECT_EQ(text(copied.video(), "field_order"), "tt");
     const auto changed = Probe(convert({.source = testMedia("interlaced.mpg"), .type = 1}));
@@ -232,7 +230,7 @@ TEST(Keeps, FieldsOnlyWhereTheCodecDoes) {
     EXPECT_EQ(text(production.video(), "field_order"), "tt");
 }
 
-TEST(Keeps, OddSizesNearlyByMakingThemEven) {
+TEST(Keeps, OddSizesRoundedToEvenOnes) {
     const auto video = Probe(convert({.source = testMedia("odd.mkv")})).video();
     EXPECT_EQ(number(video, "width"), 320);
     EXPECT_EQ(number(video, "height"), 240);

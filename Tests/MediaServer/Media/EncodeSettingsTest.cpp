@@ -28,7 +28,7 @@ void PrintTo(const VideoCodec& one, std::ostream* out) {
 
 class VideoCodecs : public testing::TestWithParam<VideoCodec> {};
 
-TEST_P(VideoCodecs, AreMadeWhenAskedFor) {
+TEST_P(VideoCodecs, AreMadeOnRequest) {
     const VideoCodec& asked = GetParam();
     const std::string code = asked.fourCC;
     const char array[5] = {code[0], code[1], code[2], code[3], 0};
@@ -62,7 +62,7 @@ void PrintTo(const AudioCodec& one, std::ostream* out) {
 
 class AudioCodecs : public testing::TestWithParam<AudioCodec> {};
 
-TEST_P(AudioCodecs, AreMadeWhenAskedFor) {
+TEST_P(AudioCodecs, AreMadeOnRequest) {
     const std::string code = GetParam().fourCC;
     const char array[5] = {code[0], code[1], code[2], code[3], 0};
     const auto output = convert(custom(AudioRequest{fourCC(array), 0, ""}, GetParam().extension, "sound.wav"));
@@ -124,7 +124,7 @@ TEST(Settings, HeightAloneKeepsTheShape) {
     EXPECT_EQ(number(video, "height"), 480);
 }
 
-TEST(Settings, WidthAndHeightDoNotDistortWhatIsShown) {
+TEST(Settings, WidthAndHeightDoNotDistortTheVideo) {
     const auto video = Probe(convert(custom(VideoRequest{0, 0, 0, "width=320:height=180"}))).video();
     EXPECT_EQ(number(video, "width"), 320);
     EXPECT_EQ(number(video, "height"), 180);
@@ -133,7 +133,7 @@ TEST(Settings, WidthAndHeightDoNotDistortWhatIsShown) {
 
 TEST(Settings, WidthIsThatOfTheUprightFrame) {
     const auto video = Probe(convert(custom(VideoRequest{0, 0, 0, "width=120"}, "mp4", "rotated.mp4"))).video();
-    EXPECT_EQ(number(video, "width"), 160);  // stored lying
+    EXPECT_EQ(number(video, "width"), 160);  // stored in landscape
     EXPECT_EQ(number(video, "height"), 120);
     const auto turned = Probe(convert(custom(VideoRequest{0, 0, 0, "width=120"}, "mkv", "rotated.mp4"))).video();
     EXPECT_EQ(number(turned, "width"), 120);
@@ -166,14 +166,14 @@ TEST(Settings, EncoderOptionsReachTheEncoder) {
     EXPECT_EQ(std::count(keys.begin(), keys.end(), '1'), 10);
 }
 
-TEST(Settings, ChannelsAndSampleRateAreMade) {
+TEST(Settings, ChannelsAndSampleRateAreConverted) {
     const auto audio =
         Probe(convert(custom(AudioRequest{0, 0, "channels=2:sampleRate=44100"}, "mp4", "surround.mov"))).audio();
     EXPECT_EQ(number(audio, "channels"), 2);
     EXPECT_EQ(number(audio, "sample_rate"), 44100);
 }
 
-TEST(Settings, OfTheOtherTypesApplyToTheirCodec) {
+TEST(Settings, ApplyToTheCodecsOfOtherEncodingTypes) {
     const auto video = Probe(convert({.source = testMedia("plain.mov"),
                                       .type = 2,
                                       .video = VideoRequest{0, 0, 0, "width=160:preset=ultrafast"}}))

@@ -21,7 +21,7 @@ void PrintTo(const Road& one, std::ostream* out) {
 
 class Sync : public testing::TestWithParam<Road> {};
 
-TEST_P(Sync, TheBeepStaysWithTheFlash) {
+TEST_P(Sync, TheBeepStaysInSyncWithTheFlash) {
     const Road& road = GetParam();
     const auto output = convert({.source = testMedia(road.source), .extension = road.extension, .type = road.type});
     EXPECT_NEAR(flashTime(output.path()), 1.0, kFrame);
@@ -56,7 +56,7 @@ TEST(Timing, AVariableRateIsKept) {
     }
 }
 
-TEST(Timing, AConstantRateIsMadeWhenAskedFor) {
+TEST(Timing, AConstantRateIsMadeOnRequest) {
     const auto output =
         convert({.source = testMedia("variable.mkv"), .type = 3, .video = VideoRequest{0, 0, 50, "preset=ultrafast"}});
     const auto times = frameTimes(output.path());
@@ -107,7 +107,7 @@ TEST(Timing, ReorderedFramesKeepTheirTimes) {
     }
 }
 
-TEST(Timing, AChangeOfSizeInTheMiddleIsSurvived) {
+TEST(Timing, AChangeOfSizeInTheMiddleIsFollowed) {
     const auto output = convert({.source = testMedia("changing.ts")});
     const Probe probe(output);
     EXPECT_EQ(number(probe.video(), "width"), 320);

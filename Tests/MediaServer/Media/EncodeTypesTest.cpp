@@ -16,7 +16,7 @@ struct Made {
     std::int32_t type;
     const char* extension;
     const char* video;     ///< codec
-    const char* videoTag;  ///< empty: not looked at
+    const char* videoTag;  ///< empty: not checked
     const char* audio;
 };
 
@@ -26,7 +26,7 @@ void PrintTo(const Made& one, std::ostream* out) {
 
 class EncodingTypes : public testing::TestWithParam<Made> {};
 
-TEST_P(EncodingTypes, MakeTheCodecsOfTheirRow) {
+TEST_P(EncodingTypes, UseTheCodecsOfTheirRow) {
     const Made& made = GetParam();
     const auto output = convert({.source = testMedia("plain.mov"), .extension = made.extension, .type = made.type});
     const Probe probe(output);
@@ -124,7 +124,7 @@ TEST(Encode, OriginalReplacesOnlyWhatTheContainerCannotHold) {
     const auto output = convert({.source = testMedia("late.mkv"), .extension = "mp4", .type = 0});
     const Probe probe(output);
     EXPECT_EQ(text(probe.video(), "codec_name"), "h264");
-    EXPECT_EQ(text(probe.audio(), "codec_name"), "aac");  // the source's PCM has no place in it
+    EXPECT_EQ(text(probe.audio(), "codec_name"), "aac");  // it cannot hold the source's PCM
 }
 
 TEST(Encode, AMovieWithoutAudioStaysWithoutAudio) {
@@ -150,7 +150,7 @@ TEST(Encode, AMovieOfTwoFramesIsConverted) {
     }
 }
 
-TEST(Encode, AnUnnamedFileWillDo) {
+TEST(Encode, AnUnnamedDestinationIsAccepted) {
     const Descriptor source = openToRead(testMedia("plain.mov"));
     const Descriptor destination(open(testing::TempDir().c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
     EncodeRequest request;
@@ -166,7 +166,7 @@ TEST(Encode, AnUnnamedFileWillDo) {
               50);
 }
 
-TEST(Encode, WhatTheDestinationHeldBeforeIsGone) {
+TEST(Encode, TheOldContentOfTheDestinationIsTruncated) {
     const OutputPath output("mp4");
     writeFile(output.path(), std::string(3'000'000, 'x'));
     const Descriptor source = openToRead(testMedia("still.mov"));

@@ -1,5 +1,5 @@
-// A remaining time can be told honestly when progress rises evenly: in small steps, and about as far in the first half
-// of the work as in the second.
+// Even progress allows an honest estimate of the remaining time. It rises in small steps, and about as far in the first
+// half of the work as in the second.
 #include <algorithm>
 
 #include <gmock/gmock.h>
@@ -27,7 +27,8 @@ TEST(EvenProgress, OfEncoding) {
 }
 
 TEST(EvenProgress, OfCopying) {
-    // A megabyte in the first seconds and hardly anything after that: by time, copying would seem to hurry at the end.
+    // One megabyte in the first seconds and hardly anything after that. If progress followed time, copying would seem
+    // to speed up at the end.
     OutputPath uneven("mov");
     (void)run({KRV_FFMPEG, "-v", "quiet", "-y", "-f", "lavfi", "-i",
                "testsrc2=size=320x240:rate=25:duration=20,noise=alls=60:allf=t:enable='lt(t,4)'", "-c:v", "mpeg4",

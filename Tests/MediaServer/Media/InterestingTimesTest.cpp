@@ -29,7 +29,7 @@ std::vector<double> seconds(const InterestingTimes& times) {
     return found;
 }
 
-/// When the key frames of a stream are shown, on the movie's own clock, as ffprobe sees them.
+/// Returns when the key frames of a stream are shown, on the movie's own time, according to ffprobe.
 std::vector<double> keyFrames(const std::string& movie, int stream) {
     const auto json =
         nlohmann::json::parse(run({KRV_FFPROBE, "-v", "quiet", "-of", "json", "-select_streams", std::to_string(stream),
@@ -65,7 +65,7 @@ void PrintTo(const Movie& movie, std::ostream* out) {
 }
 class InterestingTimesOf : public testing::TestWithParam<Movie> {};
 
-TEST_P(InterestingTimesOf, AreTheStartAndTheKeyFramesWhereNothingElseIsThere) {
+TEST_P(InterestingTimesOf, AreTheStartAndTheKeyFrames) {
     const std::string movie = corpus(GetParam().name);
     const auto times = timesOf(movie);
     EXPECT_THAT(seconds(times),
@@ -81,13 +81,13 @@ INSTANTIATE_TEST_SUITE_P(Every, InterestingTimesOf,
                                          Movie{"movie-with-cover.mp4"}, Movie{"held.mp4"}, Movie{"variable.mkv"},
                                          Movie{"one-picture.mp4"}));
 
-TEST(InterestingTimes, CountInTheUnitsOfTheVideo) {
+TEST(InterestingTimes, UseTheTimeScaleOfTheVideo) {
     EXPECT_EQ(timesOf(corpus("h264.mp4")).timescale, 12800);
     EXPECT_EQ(timesOf(corpus("h264.mkv")).timescale, 1000);
     EXPECT_EQ(timesOf(corpus("h264.ts")).timescale, 90000);
 }
 
-TEST(InterestingTimes, HoldTheChapters) {
+TEST(InterestingTimes, IncludeTheChapters) {
     for (const char* movie : {"chapters.mkv", "chapters.mp4"}) {
         EXPECT_THAT(seconds(timesOf(corpus(movie))), testing::Contains(testing::DoubleNear(2.5, 0.001))) << movie;
         EXPECT_THAT(seconds(timesOf(corpus("h264.mp4"))),
@@ -95,8 +95,8 @@ TEST(InterestingTimes, HoldTheChapters) {
     }
 }
 
-TEST(InterestingTimes, HoldTheEdits) {
-    // An empty edit of 1.5 seconds before the movie itself.
+TEST(InterestingTimes, IncludeTheEdits) {
+    // The movie begins with an empty edit of 1.5 seconds.
     OutputPath movie("mov");
     (void)run({KRV_FFMPEG, "-v", "quiet", "-y", "-itsoffset", "1.5", "-i", corpus("h264.mov"), "-itsoffset", "1.5",
                "-i", corpus("h264.mov"), "-map", "0:v", "-map", "1:a", "-c", "copy", movie.path()});
@@ -120,7 +120,7 @@ TEST(InterestingTimes, OfAnAudioFileAreItsStart) {
     EXPECT_THAT(seconds(timesOf(corpus("song.flac"))), testing::ElementsAre(0));
 }
 
-TEST(InterestingTimes, OfATrackThatDoesNotExistAreAnError) {
+TEST(InterestingTimes, OfAMissingTrackAreAnError) {
     for (const std::int64_t track : {-1L, 2L, 1L << 40}) {
         try {
             (void)timesOf(corpus("h264.mp4"), track);
@@ -133,7 +133,7 @@ TEST(InterestingTimes, OfATrackThatDoesNotExistAreAnError) {
     }
 }
 
-TEST(InterestingTimes, OfABrokenMovieAreThoseThatCanBeFound) {
+TEST(InterestingTimes, OfADamagedMovieAreThoseThatCanBeFound) {
     EXPECT_GE(timesOf(corpus("truncated.mkv")).values.size(), 1U);
     EXPECT_GE(timesOf(corpus("damaged.mkv")).values.size(), 2U);
 }

@@ -25,7 +25,7 @@
 
 #include <MediaServer/Media/Foundation/FFmpegLog.h>
 
-// The HEVC encoder's library forgets memory of its own, which would hide what our code forgets.
+// libx265 leaks memory, which would hide leaks of our own code.
 extern "C" const char* __lsan_default_suppressions();
 extern "C" const char* __lsan_default_suppressions() {  // NOLINT(bugprone-reserved-identifier): the sanitizer's name
     return "leak:libx265";
@@ -38,7 +38,7 @@ namespace {
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-/// A picture or sample counts as bright or loud from here on.
+/// A frame is bright, and a sample is loud, from this value on.
 constexpr int kBright = 100;
 constexpr int kLoud = 1000;
 constexpr int kProbeRate = 48000;
@@ -320,7 +320,7 @@ std::vector<std::string> packetHashes(const std::string& path, const std::string
 }
 
 GreyFrame frameAt(const std::string& path, double time) {
-    // A portable grey map: the size stands in front of the values.
+    // A portable grey map: the size precedes the values.
     const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:v:0", "-vf",
                                    fmt::format("fps=100,select=gte(t\\,{})", time), "-frames:v", "1", "-pix_fmt",
                                    "gray", "-c:v", "pgm", "-f", "image2pipe", "-"});

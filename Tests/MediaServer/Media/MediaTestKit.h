@@ -12,10 +12,10 @@
 
 namespace krv::media::test {
 
-/// The path of a movie that scripts/make-test-media has made.
+/// Returns the path of a movie that scripts/make-test-media has made.
 std::string testMedia(const std::string& name);
 
-/// An open descriptor, closed at the end.
+/// Owns an open descriptor.
 class Descriptor {
 public:
     explicit Descriptor(int number);
@@ -28,10 +28,10 @@ private:
     int number_;
 };
 
-/// Opens a file to be read. Throws std::system_error.
+/// Opens a file for reading. Throws std::system_error.
 Descriptor openToRead(const std::string& path);
 
-/// An empty file of a unique name that is removed at the end.
+/// Creates an empty file with a unique name. The destructor removes it.
 class OutputPath {
 public:
     explicit OutputPath(const std::string& extension);
@@ -44,8 +44,7 @@ private:
     std::string path_;
 };
 
-/// Remembers all that was reported. Each operation gets its own; like the worker before an operation, the constructor
-/// clears FFmpeg's log.
+/// Records all reports of one operation. The constructor clears FFmpeg's log, as the worker does before an operation.
 class RecordingSink : public ProgressSink {
 public:
     RecordingSink();
@@ -53,7 +52,7 @@ public:
     std::vector<double> fractions;
 };
 
-/// What a test asks for; the files are opened by convert().
+/// A conversion that a test asks for. convert() opens the files.
 struct Conversion {
     std::string source{};  ///< a path
     std::string extension = "mp4";
@@ -63,17 +62,17 @@ struct Conversion {
     std::optional<AudioRequest> audio{};
 };
 
-/// Converts into a file of its own. Throws what encode() throws.
+/// Convert into a new file. Throw what encode() throws.
 OutputPath convert(const Conversion& conversion, ProgressSink& sink);
 OutputPath convert(const Conversion& conversion);
 
-/// The failure that a conversion ends with; none if it succeeds, or leaves anything else.
+/// Returns the failure of a conversion, or nothing if it succeeds.
 std::optional<Failure> failureOf(const Conversion& conversion);
 
-/// Runs a program and returns what it printed. Throws std::runtime_error if it fails.
+/// Runs a program and returns its standard output. Throws std::runtime_error if it fails.
 std::string run(const std::vector<std::string>& arguments);
 
-/// What ffprobe says about a file: streams (with decoded frames counted), format and chapters.
+/// The output of ffprobe for a file: streams (with the number of decoded frames), format and chapters.
 class Probe {
 public:
     explicit Probe(const std::string& path);
@@ -81,10 +80,9 @@ public:
         : Probe(output.path()) {}
 
     [[nodiscard]] const nlohmann::json& all() const { return json_; }
-    /// The streams of a type ("video", "audio", "subtitle"), cover pictures apart.
+    /// Returns the streams of a type ("video", "audio", "subtitle") without cover pictures.
     [[nodiscard]] std::vector<nlohmann::json> streams(const std::string& type) const;
-    /// The first video stream that is not a cover picture, and the first audio stream. Throw if there is
-    /// none.
+    /// Return the first video stream that is not a cover picture, and the first audio stream. Throw if there is none.
     [[nodiscard]] nlohmann::json video() const;
     [[nodiscard]] nlohmann::json audio() const;
     [[nodiscard]] std::vector<nlohmann::json> covers() const;
@@ -95,37 +93,35 @@ private:
     nlohmann::json json_;
 };
 
-/// Text and number fields of ffprobe's answers; empty and 0 where they are missing.
+/// Return a field of ffprobe's output as text or number; empty or 0 if it is missing.
 std::string text(const nlohmann::json& object, const std::string& key);
 double number(const nlohmann::json& object, const std::string& key);
-/// A tag of a stream or chapter; the case of its key does not matter.
+/// Returns a tag of a stream or chapter. Ignores the case of the key.
 std::string tagOf(const nlohmann::json& object, const std::string& key);
 
-/// The times at which the pictures of the first video stream are shown, from the movie's start.
+/// Returns the times of the frames of the first video stream, from the movie's start.
 std::vector<double> frameTimes(const std::string& path);
-/// The brightness, 0 to 255, of each picture of the first video stream.
+/// Returns the brightness, 0 to 255, of each frame of the first video stream.
 std::vector<int> frameBrightness(const std::string& path);
-/// When the picture turns bright and the sound loud for the first time after that, in seconds from the
-/// movie's start.
+/// Return when the video first turns bright, and the audio loud, after a time. In seconds from the movie's start.
 double flashTime(const std::string& path, double after = 0);
 double beepTime(const std::string& path, double after = 0);
-/// The length of the first audio stream's sound, decoded, in seconds.
+/// Returns the length of the first audio stream, decoded, in seconds.
 double audioLength(const std::string& path);
-/// The sound of an audio stream, decoded, in place on the movie's time.
+/// The decoded samples of an audio stream, aligned with the movie's time.
 struct DecodedAudio {
     int rate = 0;
     std::vector<std::vector<float>> channels;
 
-    /// The largest absolute value of any channel.
+    /// Returns the largest absolute value of any channel.
     [[nodiscard]] double peak(double from, double to) const;
-    /// The level of a pure tone in one channel during a time in seconds, in dB of a full-scale sine.
+    /// Returns the level of a pure tone in one channel between two times in seconds, in dB of a full-scale sine.
     [[nodiscard]] double level(std::size_t channel, double frequency, double from, double to) const;
 };
 DecodedAudio decodedAudio(const std::string& path, int stream = 0);
-/// A hash of the content of each packet of a stream ("v:0", "a:1"), as it is stored.
+/// Returns a hash of the stored content of each packet of a stream ("v:0", "a:1").
 std::vector<std::string> packetHashes(const std::string& path, const std::string& stream);
-/// The picture that is shown at a time in seconds, upright and with the shape of its pixels left aside: grey
-/// values, row after row.
+/// The frame that is shown at a time in seconds: upright, in stored pixels, as grey values row after row.
 struct GreyFrame {
     int width = 0;
     int height = 0;
@@ -135,9 +131,9 @@ struct GreyFrame {
     }
 };
 GreyFrame frameAt(const std::string& path, double time);
-/// The first picture as it is shown (upright), shrunk to 16 x 16 grey values.
+/// Returns the first frame as it is shown (upright), scaled down to 16 x 16 grey values.
 std::vector<int> shownFrame(const std::string& path);
-/// How far two pictures are apart: the mean difference of their grey values.
+/// Returns the mean difference of the grey values of two frames.
 double difference(const std::vector<int>& a, const std::vector<int>& b);
 
 std::string readFile(const std::string& path);

@@ -24,7 +24,7 @@ OutputPath posterOf(const MovieInfo& info) {
     return file;
 }
 
-/// Red, green and blue of a picture as a whole.
+/// Returns the mean red, green and blue of a picture.
 std::vector<int> meanColour(const std::string& path) {
     const std::string bytes = run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-frames:v", "1", "-vf",
                                    "format=rgb24,scale=1:1:flags=area", "-f", "rawvideo", "-"});
@@ -48,7 +48,7 @@ void PrintTo(const Known& known, std::ostream* out) {
 }
 class MovieInfoOf : public testing::TestWithParam<Known> {};
 
-TEST_P(MovieInfoOf, SaysWhatItIs) {
+TEST_P(MovieInfoOf, IsCorrect) {
     const Known& known = GetParam();
     const MovieInfo info = infoOf(corpus(known.movie));
     EXPECT_EQ(info.codecs, known.codecs);
@@ -96,7 +96,7 @@ TEST(MovieInfo, HasTheMoviesOwnTimeOfCreation) {
     EXPECT_FALSE(infoOf(corpus("h264.mp4")).created);
 }
 
-TEST(MovieInfo, OfWhatIsNoMovieIsAnError) {
+TEST(MovieInfo, FailsForFilesThatAreNotMovies) {
     using Cause = FailureCause;
     for (const auto& [name, cause] :
          {std::pair("text.mp4", Cause::NoVideoOrAudioTrack), std::pair("truncated.mp4", Cause::Damaged),
@@ -110,7 +110,7 @@ TEST(MovieInfo, OfWhatIsNoMovieIsAnError) {
     }
 }
 
-TEST(Poster, IsTheCoverWhereThereIsOne) {
+TEST(Poster, IsTheCoverIfThereIsOne) {
     for (const char* name : {"album.m4a", "album.mp3", "movie-with-cover.mp4"}) {
         const MovieInfo info = infoOf(corpus(name));
         EXPECT_EQ(std::string(info.poster.begin(), info.poster.end()), readFile(corpus("cover.jpg"))) << name;
@@ -128,19 +128,19 @@ TEST(Poster, IsUprightAndInSquarePixels) {
     EXPECT_EQ(number(Probe(posterOf(infoOf(corpus("anamorphic.mp4")))).video(), "width"), 427);
 }
 
-TEST(Poster, IsNeverBlackWhenThereIsSomethingToSee) {
+TEST(Poster, IsNotBlackIfAnyFrameIsNot) {
     const MovieInfo info = infoOf(corpus("nearly-black.mp4"));
     const auto colour = meanColour(posterOf(info).path());
     EXPECT_GT(colour[0] + colour[1] + colour[2], 150);
 }
 
-TEST(Poster, IsNotOfOneColourWhenThereIsMoreToSee) {
-    // Red alone from the second second on, then red and white side by side.
+TEST(Poster, IsNotUniformIfAnyFrameIsNot) {
+    // After the first second the movie is red, later red and white side by side.
     const auto colour = meanColour(posterOf(infoOf(corpus("cuts.mp4"))).path());
     EXPECT_GT(colour[1], 60);
 }
 
-TEST(Poster, IsBlackWhereEverythingIs) {
+TEST(Poster, IsBlackIfTheWholeMovieIs) {
     const MovieInfo info = infoOf(corpus("black.mp4"));
     ASSERT_FALSE(info.poster.empty());
     const auto colour = meanColour(posterOf(info).path());
@@ -151,7 +151,7 @@ TEST(Poster, IsEmptyForAudioFiles) {
     EXPECT_TRUE(infoOf(corpus("song.m4a")).poster.empty());
 }
 
-TEST(DisplayName, IsWhatPeopleSay) {
+TEST(DisplayName, IsTheCommonName) {
     EXPECT_EQ(displayName(AV_CODEC_ID_H264), "H.264");
     EXPECT_EQ(displayName(AV_CODEC_ID_PCM_S24LE), "PCM");
     EXPECT_EQ(displayName(AV_CODEC_ID_SPEEX), "speex");

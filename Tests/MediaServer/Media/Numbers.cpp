@@ -12,7 +12,7 @@ namespace krv::media::test {
 namespace {
 
 constexpr int kBits = 16;
-/// More than the mean of bright and dark: where two fields show different numbers the bits of both count.
+/// Above the mean of bright and dark, so that in interlaced frames only bits that are set in both fields count.
 constexpr int kBright = 150;
 
 struct Lab {
@@ -21,7 +21,7 @@ struct Lab {
     double b = 0;
 };
 
-/// From sRGB with its white point to CIE 1976 L*a*b*.
+/// Converts sRGB with its white point to CIE 1976 L*a*b*.
 Lab labOf(int red, int green, int blue) {
     const auto linear = [](int value) {
         const double v = value / 255.0;

@@ -34,7 +34,7 @@ void expectOneStereoTrack(const OutputPath& output, const char* codec = "aac") {
     EXPECT_EQ(number(tracks[0], "channels"), 2);
 }
 
-/// The level of the tone in a channel of a source, as far from its ends as in level().
+/// Returns the level of the tone in a channel of a source, away from its ends.
 double sourceLevel(const char* source, std::size_t channel) {
     return decodedAudio(testMedia(source)).level(channel, kTone, 0.5, 1.5);
 }
@@ -50,7 +50,7 @@ TEST(StereoMix, KeepsTheVideoBitForBit) {
     }
 }
 
-TEST(StereoMix, SpeechInTheMiddleIsLoweredByThreeDecibelsOnly) {
+TEST(StereoMix, SpeechInTheCentreIsLoweredByThreeDecibelsOnly) {
     for (const char* source : {"centre.mov", "centre.ac3.mov"}) {
         const auto output = mix(source);
         expectOneStereoTrack(output);
@@ -73,7 +73,7 @@ TEST(StereoMix, ALeftSurroundIsHeardOnTheLeftOnly) {
     }
 }
 
-TEST(StereoMix, LowFrequencyEffectsAreLeftOut) {
+TEST(StereoMix, LowFrequencyEffectsAreDropped) {
     EXPECT_GT(sourceLevel("bass.mov", 3), -30);
     const auto output = mix("bass.mov");
     EXPECT_LT(decodedAudio(output.path()).peak(0, 1.9), 0.001);
@@ -87,7 +87,7 @@ TEST(StereoMix, OneMonoTrackIsHeardOnBothSides) {
     EXPECT_NEAR(audio.level(1, kTone, 0.5, 1.5), sourceLevel("mono.mov", 0) - k3dB, kSameLevel);
 }
 
-TEST(StereoMix, TracksOfDifferentRatesAreAddedEachInItsTime) {
+TEST(StereoMix, TracksOfDifferentRatesAreMixedInSync) {
     const auto output = mix("two-mono.mov");
     expectOneStereoTrack(output);
     const DecodedAudio audio = decodedAudio(output.path());
@@ -107,8 +107,8 @@ TEST(StereoMix, ADisabledTrackIsNotHeard) {
     EXPECT_LT(audio.level(0, 2000, 0.5, 1.5), kSilent);
 }
 
-TEST(StereoMix, WhereNothingSaysEnabledAllTracksAreHeard) {
-    // Three times the same tone, of which one is the default, in a container in which that means a preference.
+TEST(StereoMix, AllTracksAreHeardInContainersWithoutEnabledFlags) {
+    // Three tracks have the same tone. One is the default, which only means a preference in this container.
     const auto output = mix("languages.mkv");
     expectOneStereoTrack(output);
     EXPECT_EQ(Probe(output).audio()["disposition"]["default"], 1);
@@ -122,13 +122,13 @@ TEST(StereoMix, NothingIsClippedAndOnlyWhatIsTooLoudIsLowered) {
     const DecodedAudio audio = decodedAudio(output.path());
     EXPECT_LT(audio.peak(0, 3.9), 1.0);
     EXPECT_NEAR(audio.level(0, kTone, 1.2, 1.8), -1.0, kSameLevel);
-    // Left, centre and surround of the same phase: 1 + 0.71 + 0.71 times.
+    // Left, centre and surround are in phase: 1 + 0.71 + 0.71 times.
     const double quiet = decodedAudio(testMedia("loud.mov")).level(0, kTone, 0.1, 0.9) + 7.66;
     EXPECT_NEAR(audio.level(0, kTone, 0.1, 0.9), quiet, kSameLevel);
     EXPECT_NEAR(audio.level(0, kTone, 3.0, 3.9), quiet, kSameLevel);
 }
 
-TEST(StereoMix, TheLimitHoldsToTheSampleWhereTheCodecLosesNothing) {
+TEST(StereoMix, TheCeilingHoldsForEverySampleInALosslessCodec) {
     for (const char* source : {"loud.mov", "noisy.mov"}) {
         const auto output = mix(source, "flac");
         expectOneStereoTrack(output, "flac");
@@ -143,11 +143,11 @@ TEST(StereoMix, DenseMusicIsNotClippedByTheDecoder) {
     EXPECT_LT(decodedAudio(output.path()).peak(0, 1.9), 1.0);
 }
 
-TEST(StereoMix, TheBeepStaysWithTheFlash) {
+TEST(StereoMix, TheBeepStaysInSyncWithTheFlash) {
     for (const char* source : {"flash-surround.mov", "flash-surround.mkv", "late.mkv"}) {
         for (const char* extension : {"mov", "mp4", "mkv"}) {
             const auto output = mix(source, extension);
-            // In Matroska the packet with which AAC begins moves the whole movie by its length.
+            // In Matroska the priming packet of AAC shifts the whole movie by its length.
             const double before = beepTime(testMedia(source)) - flashTime(testMedia(source));
             EXPECT_NEAR(flashTime(output.path()), flashTime(testMedia(source)), kFrame) << source << extension;
             EXPECT_NEAR(beepTime(output.path()) - flashTime(output.path()), before, 0.004) << source << extension;
@@ -176,7 +176,7 @@ TEST(StereoMix, AWebMovieGetsItsOwnCodec) {
     EXPECT_EQ(packetHashes(output.path(), "v:0"), packetHashes(testMedia("theora.webm"), "v:0"));
 }
 
-TEST(StereoMix, KeepsChaptersTagsSubtitlesAndTheNameOfTheTrack) {
+TEST(StereoMix, KeepsChaptersTagsSubtitlesAndTheTrackTitle) {
     for (const char* extension : {"mov", "mp4", "mkv"}) {
         const auto output = mix("everything.mkv", extension);
         const Probe probe(output);
@@ -194,7 +194,7 @@ TEST(StereoMix, KeepsChaptersTagsSubtitlesAndTheNameOfTheTrack) {
     EXPECT_EQ(tagOf(Probe(mix("everything.mkv", "mkv")).audio(), "title"), "The sound");
 }
 
-TEST(StereoMix, KeepsTheCoverOfAPieceOfMusic) {
+TEST(StereoMix, KeepsTheCoverOfASong) {
     const auto output = mix("cover.m4a", "m4a");
     expectOneStereoTrack(output);
     EXPECT_EQ(Probe(output).covers().size(), 1U);

@@ -23,7 +23,7 @@ struct Wanted {
 
 class Thumbnails : public testing::Test {
 protected:
-    /// Makes thumbnails of a movie and takes them apart into files.
+    /// Makes thumbnails of a movie and splits them into files.
     void make(const Wanted& wanted) {
         const Descriptor source = openToRead(wanted.movie);
         const Descriptor destination(open(all.path().c_str(), O_RDWR | O_CLOEXEC));
@@ -63,12 +63,12 @@ protected:
     }
 
     RecordingSink sink;
-    OutputPath all{"mjpeg"};  // JPEGs one behind another are a movie, too
+    OutputPath all{"mjpeg"};  // a sequence of JPEGs is a movie, too
     std::vector<Thumbnail> made;
     std::vector<OutputPath> files;
 };
 
-/// The times of all pictures on the movie's own clock, as ffprobe sees them: the file's, or from 0 on where the file's
+/// Returns the times of all frames on the movie's own time, according to ffprobe. They start at 0 in formats whose
 /// clock starts anywhere.
 std::vector<double> movieTimes(const std::string& path) {
     std::vector<double> times = frameTimes(path);
@@ -82,11 +82,11 @@ std::vector<double> movieTimes(const std::string& path) {
     return times;
 }
 
-/// A movie of six seconds and what ffmpeg has to do to the thumbnail to read its number.
+/// A movie of six seconds, and the ffmpeg filter that makes the number in its thumbnails readable.
 struct Kind {
     const char* movie;
     const char* filter = "null";
-    int step = 1;  // from one picture's number to the next one's
+    int step = 1;  // between the numbers of consecutive frames
 };
 void PrintTo(const Kind& kind, std::ostream* out) {
     *out << kind.movie;
@@ -98,7 +98,7 @@ TEST_P(ThumbnailsOf, ShowTheFramesAtTheirTimes) {
     const std::string movie = corpus(GetParam().movie);
     make({.movie = movie});
     ASSERT_EQ(made.size(), 12U);
-    // The picture that is shown at a time is the last one that begins no later, by ffprobe's account.
+    // The frame that is shown at a time is the last one that begins no later, according to ffprobe.
     const auto times = movieTimes(movie);
     std::vector<int> expected;
     for (const Thumbnail& one : made) {
@@ -123,7 +123,7 @@ INSTANTIATE_TEST_SUITE_P(Every, ThumbnailsOf,
                                          Kind{"mpeg2.mpg", "null", 2}));
 
 TEST_F(Thumbnails, ShowAFrameThatLastsForSecondsThroughout) {
-    // Nothing begins between 2.4 s and 4.92 s.
+    // No frame begins between 2.4 s and 4.92 s.
     make({.movie = corpus("held.mp4"), .count = 24});
     const auto seen = numbers();
     for (std::size_t i = 0; i < made.size(); ++i) {
@@ -133,7 +133,7 @@ TEST_F(Thumbnails, ShowAFrameThatLastsForSecondsThroughout) {
     }
 }
 
-TEST_F(Thumbnails, LeaveOutWhatAnEditHides) {
+TEST_F(Thumbnails, SkipWhatAnEditHides) {
     make({.movie = corpus("edited.mov"), .count = 5});
     const auto seen = numbers();
     for (std::size_t i = 0; i < made.size(); ++i) {
@@ -172,7 +172,7 @@ TEST_F(Thumbnails, HaveTheColoursOfTheMovie) {
     EXPECT_LT(found.mean, 2) << numbers().at(0) << " " << found.largest;
 }
 
-TEST_F(Thumbnails, OfHighDynamicRangeLookLikeThoseOfTheOrdinaryMovie) {
+TEST_F(Thumbnails, OfHDRLookLikeThoseOfTheSDRMovie) {
     make({.movie = corpus("h264.mov"), .count = 3});
     std::vector<std::vector<int>> ordinary;
     for (const OutputPath& file : files) {
@@ -191,7 +191,7 @@ TEST_F(Thumbnails, OfAMovieOfOneFrameAllShowThatFrame) {
     EXPECT_THAT(numbers(), testing::ElementsAre(0, 0, 0));
 }
 
-TEST_F(Thumbnails, OfABrokenMovieShowWhatThereIs) {
+TEST_F(Thumbnails, OfADamagedMovieShowWhatCanBeDecoded) {
     for (const char* movie : {"damaged.mkv", "truncated.mkv"}) {
         make({.movie = corpus(movie)});
         EXPECT_EQ(files.size(), 12U) << movie;
@@ -205,7 +205,7 @@ TEST_F(Thumbnails, ProgressRisesToOne) {
     EXPECT_GE(sink.fractions.size(), 12U);
 }
 
-TEST_F(Thumbnails, OfWhatHasNoVideoFail) {
+TEST_F(Thumbnails, FailWithoutVideo) {
     using Cause = FailureCause;
     for (const auto& [movie, cause] :
          {std::pair("song.m4a", Cause::NoVideoTrack), std::pair("album.m4a", Cause::NoVideoTrack),

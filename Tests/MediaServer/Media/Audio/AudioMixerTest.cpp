@@ -21,7 +21,7 @@ protected:
     };
 };
 
-TEST_F(AudioMixerTest, OneTrackPasses) {
+TEST_F(AudioMixerTest, PassesASingleTrack) {
     AudioMixer sum(1, 100);
     add(sum, 0, {1, 2});
     add(sum, 0, {3});
@@ -29,7 +29,7 @@ TEST_F(AudioMixerTest, OneTrackPasses) {
     EXPECT_THAT(right_, ElementsAre(1, 1, 1));
 }
 
-TEST_F(AudioMixerTest, TracksAreAddedWhereTheyMeet) {
+TEST_F(AudioMixerTest, AddsTracksWhereTheyOverlap) {
     AudioMixer sum(2, 100);
     add(sum, 0, {1, 2, 3});
     EXPECT_THAT(left_, ElementsAre());
@@ -40,7 +40,7 @@ TEST_F(AudioMixerTest, TracksAreAddedWhereTheyMeet) {
     EXPECT_THAT(right_, ElementsAre(2, 2, 2));
 }
 
-TEST_F(AudioMixerTest, AFinishedTrackIsNotWaitedFor) {
+TEST_F(AudioMixerTest, DoesNotWaitForAFinishedTrack) {
     AudioMixer sum(2, 100);
     add(sum, 0, {1});
     sum.finish(0, sink_);
@@ -51,18 +51,18 @@ TEST_F(AudioMixerTest, AFinishedTrackIsNotWaitedFor) {
     EXPECT_THAT(left_, ElementsAre(11, 20));
 }
 
-TEST_F(AudioMixerTest, WhatIsLeftComesWithTheLastToFinish) {
+TEST_F(AudioMixerTest, DeliversTheRestWhenTheLastTrackFinishes) {
     AudioMixer sum(2, 100);
     add(sum, 0, {1, 2});
     sum.finish(1, sink_);
     EXPECT_THAT(left_, ElementsAre(1, 2));
 }
 
-TEST_F(AudioMixerTest, ATrackThatStaysBehindIsNotWaitedForEither) {
+TEST_F(AudioMixerTest, DoesNotWaitForATrackThatStaysFarBehind) {
     AudioMixer sum(2, 2);
     add(sum, 0, {1, 2, 3, 4, 5});
     EXPECT_THAT(left_, ElementsAre(1, 2, 3));
-    // Its first three samples come too late, the others in time.
+    // Its first three samples are too late, the others are in time.
     add(sum, 1, {10, 20});
     add(sum, 1, {30, 40, 50, 60});
     EXPECT_THAT(left_, ElementsAre(1, 2, 3, 44, 55));

@@ -11,7 +11,7 @@ namespace {
 constexpr int kRate = 8000;
 constexpr AVRational kUnit{1, 1000};
 
-/// Collects what comes out of a resampler for 16-bit mono at 8 kHz.
+/// Collects the output of a resampler for 16-bit mono at 8 kHz.
 class AudioResamplerTest : public testing::Test {
 protected:
     AudioResamplerTest() {
@@ -23,7 +23,7 @@ protected:
         resampler_ = std::make_unique<AudioResampler>(*encoder_, kUnit, 10'000);
     }
 
-    /// A frame of constant value.
+    /// Pushes a frame of constant value.
     void push(std::int64_t time, int milliseconds, std::int16_t value, int rate = kRate) {
         const FramePtr frame = newFrame();
         frame->pts = time;
@@ -42,7 +42,7 @@ protected:
         return samples_;
     }
 
-    /// Where the value changes first; the number of samples if it never does.
+    /// Returns the index of the first sample that is not 0, or the number of samples.
     std::size_t firstNonZero() const {
         return static_cast<std::size_t>(std::find_if(samples_.begin(), samples_.end(), [](auto s) { return s != 0; }) -
                                         samples_.begin());
@@ -95,15 +95,15 @@ TEST_F(AudioResamplerTest, AudioBeforeTheBeginningIsCut) {
     EXPECT_EQ(finish().size(), 400U);
 }
 
-TEST_F(AudioResamplerTest, RoundedTimesChangeNothing) {
+TEST_F(AudioResamplerTest, RoundedTimestampsChangeNothing) {
     for (int i = 0; i < 10; ++i) {
         push(i * 100 + (i % 2 == 0 ? 3 : -3) + (i == 0 ? -3 : 0), 100, 1000);
     }
     EXPECT_THAT(finish(), testing::AllOf(testing::SizeIs(8000), testing::Each(1000)));
 }
 
-TEST_F(AudioResamplerTest, ASlowClockDoesNotAddUp) {
-    // Each frame is 1 ms longer than its time says: after 300 of them that would be 0.3 s.
+TEST_F(AudioResamplerTest, TheDeviationOfASlowClockDoesNotAddUp) {
+    // Each frame is 1 ms longer than its timestamps say, which would add up to 0.3 s after 300 frames.
     for (int i = 0; i < 300; ++i) {
         push(i * 20, 21, 1000);
     }

@@ -13,11 +13,12 @@ namespace {
 constexpr int kRate = 48000;
 constexpr float kCeiling = 0.5F;
 
-/// What comes out for sound that goes in in pieces of that many samples.
+/// The output of limited().
 struct Stereo {
     std::vector<float> left, right;
 };
 
+/// Returns the output for audio that is pushed in pieces of this many samples.
 Stereo limited(const std::vector<float>& left, const std::vector<float>& right, std::size_t piece = 1000) {
     Limiter limiter(kRate, kCeiling);
     Stereo out;
@@ -56,14 +57,14 @@ TEST(Limiter, LeavesQuietAudioExactlyAsItIs) {
     EXPECT_EQ(out.right, audio);
 }
 
-TEST(Limiter, GivesOutAsManySamplesAsGoInHoweverFew) {
+TEST(Limiter, ReturnsAsManySamplesAsItReceives) {
     for (const std::size_t samples : {0U, 1U, 239U, 240U, 241U, 5000U}) {
         EXPECT_EQ(limited(tone(samples, 1), tone(samples, 1)).left.size(), samples);
     }
 }
 
-TEST(Limiter, LetsNothingPassTheCeiling) {
-    std::mt19937 random(1);  // NOLINT(cert-msc51-cpp): the same every time
+TEST(Limiter, NeverExceedsTheCeiling) {
+    std::mt19937 random(1);  // NOLINT(cert-msc51-cpp): reproducible
     std::uniform_real_distribution<float> any(-4, 4);
     std::vector<float> left(50'000), right(50'000);
     for (std::size_t i = 0; i < left.size(); ++i) {
@@ -75,12 +76,12 @@ TEST(Limiter, LetsNothingPassTheCeiling) {
     EXPECT_LE(peak(out.right), kCeiling);
 }
 
-TEST(Limiter, BringsPeaksToTheCeilingAndNotBelow) {
+TEST(Limiter, LimitsPeaksToTheCeilingAndNotBelow) {
     const auto out = limited(tone(48'000, 2), tone(48'000, 2));
     EXPECT_NEAR(peak(out.left), kCeiling, 0.01);
 }
 
-TEST(Limiter, KeepsEveryImpulseInItsPlace) {
+TEST(Limiter, KeepsThePositionOfEveryImpulse) {
     std::vector<float> audio(10'000);
     audio[0] = 0.3F;
     audio[4000] = 3;
@@ -102,7 +103,7 @@ TEST(Limiter, RecoversCompletelyAfterALoudPassage) {
     const auto quiet = tone(100'000, 0.1F);
     audio.insert(audio.end(), quiet.begin(), quiet.end());
     const auto out = limited(audio, audio);
-    // Half a second after the loud part nothing is different any more.
+    // Half a second after the loud part the output equals the input.
     for (std::size_t i = 10'000 + kRate / 2 + kRate / 10; i < audio.size(); ++i) {
         ASSERT_EQ(out.left[i], audio[i]) << i;
     }
@@ -117,12 +118,12 @@ TEST(Limiter, NeverJumpsInGain) {
     }
 }
 
-TEST(Limiter, DoesNotDependOnThePiecesThatItGets) {
+TEST(Limiter, DoesNotDependOnTheSizeOfThePieces) {
     const auto audio = tone(5000, 2);
     EXPECT_EQ(limited(audio, audio, 1).left, limited(audio, audio, 5000).left);
 }
 
-TEST(Limiter, TakesWhatIsNoNumberForSilence) {
+TEST(Limiter, TreatsNaNAndInfinityAsSilence) {
     std::vector<float> audio(1000, 0.25F);
     audio[500] = std::numeric_limits<float>::quiet_NaN();
     audio[600] = std::numeric_limits<float>::infinity();

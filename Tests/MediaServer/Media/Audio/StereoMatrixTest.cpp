@@ -8,7 +8,7 @@ namespace {
 
 constexpr double k3dB = 0.70710678;
 
-/// The matrix of a layout by its name, left row and right row.
+/// Checks the matrix of a layout, given by its name: the left row, then the right row.
 void expectMatrix(const char* name, const std::vector<double>& expected) {
     ChannelLayout layout;
     AVChannelLayout parsed{};
@@ -22,28 +22,28 @@ TEST(StereoMatrix, KeepsLeftAndRight) {
     expectMatrix("stereo", {1, 0, 0, 1});
 }
 
-TEST(StereoMatrix, PutsTheMiddleOnBothSides) {
+TEST(StereoMatrix, SplitsTheCentreBetweenBothSides) {
     expectMatrix("mono", {k3dB, k3dB});
     expectMatrix("3.0", {1, 0, k3dB, 0, 1, k3dB});
 }
 
-TEST(StereoMatrix, LowersTheSurroundsAndLeavesTheBassOut) {
+TEST(StereoMatrix, LowersTheSurroundsAndDropsTheLFE) {
     // Front left, front right, front centre, low frequencies, then the surrounds.
     expectMatrix("5.1", {1, 0, k3dB, 0, k3dB, 0, 0, 1, k3dB, 0, 0, k3dB});
     expectMatrix("5.1(side)", {1, 0, k3dB, 0, k3dB, 0, 0, 1, k3dB, 0, 0, k3dB});
     expectMatrix("7.1", {1, 0, k3dB, 0, k3dB, 0, k3dB, 0, 0, 1, k3dB, 0, 0, k3dB, 0, k3dB});
 }
 
-TEST(StereoMatrix, SharesASurroundOfTheMiddle) {
+TEST(StereoMatrix, SplitsACentreSurroundBetweenBothSides) {
     expectMatrix("6.1", {1, 0, k3dB, 0, 0.5, k3dB, 0, 0, 1, k3dB, 0, 0.5, 0, k3dB});
 }
 
-TEST(StereoMatrix, PutsASingleSideOnItsSide) {
+TEST(StereoMatrix, KeepsASingleSideOnItsSide) {
     expectMatrix("FL", {1, 0});
     expectMatrix("FR", {0, 1});
 }
 
-TEST(StereoMatrix, KnowsStereoFromOtherPairs) {
+TEST(StereoMatrix, DistinguishesStereoFromOtherPairs) {
     const AVChannelLayout stereo = AV_CHANNEL_LAYOUT_STEREO;
     const AVChannelLayout mono = AV_CHANNEL_LAYOUT_MONO;
     const AVChannelLayout backs = AV_CHANNEL_LAYOUT_MASK(2, AV_CH_BACK_LEFT | AV_CH_BACK_RIGHT);

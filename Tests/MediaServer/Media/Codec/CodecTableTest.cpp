@@ -10,7 +10,7 @@ namespace {
 constexpr AVMediaType kVideo = AVMEDIA_TYPE_VIDEO;
 constexpr AVMediaType kAudio = AVMEDIA_TYPE_AUDIO;
 
-TEST(CodecTable, AFourCharacterCodeHasItsFirstCharacterOnTop) {
+TEST(CodecTable, AFourCharacterCodeHasItsFirstCharacterInTheHighestByte) {
     EXPECT_EQ(fourCC("avc1"), 0x61766331U);
 }
 
@@ -24,7 +24,7 @@ TEST_P(EveryCodec, HasAnEncoderThatIsInstalledAndInTheTable) {
     EXPECT_NO_THROW((void)encoderNamed(name));
 }
 
-TEST_P(EveryCodec, IsNotOneOfTheOtherKind) {
+TEST_P(EveryCodec, IsRefusedAsTheOtherKind) {
     try {
         (void)codecForFourCC(GetParam().first, GetParam().second == kVideo ? kAudio : kVideo);
         ADD_FAILURE();
@@ -62,7 +62,7 @@ TEST(CodecTable, UnknownCodesAreNamed) {
     }
 }
 
-TEST(CodecTable, QualityRunsFromWorstToBestAndZeroIsTheStandard) {
+TEST(CodecTable, QualityScalesFromWorstToBestAndZeroIsTheStandard) {
     const QualityScale& crf = encoderNamed("libx264").quality;
     EXPECT_DOUBLE_EQ(scaledQuality(crf, 0), crf.standard);
     EXPECT_DOUBLE_EQ(scaledQuality(crf, 1), crf.best);

@@ -19,7 +19,7 @@ using testing::Pair;
 constexpr AVMediaType kVideo = AVMEDIA_TYPE_VIDEO;
 constexpr AVMediaType kAudio = AVMEDIA_TYPE_AUDIO;
 
-//// What parsing throws; nothing if it succeeds.
+/// Returns what parsing throws, or nothing if it succeeds.
 std::optional<Failure> refusal(std::string_view text, AVMediaType type = kVideo) {
     try {
         (void)parseSettings(text, type);
@@ -34,7 +34,7 @@ std::optional<FailureCause> causeOf(std::string_view text) {
     return failure ? std::optional(failure->cause) : std::nullopt;
 }
 
-TEST(Settings, EmptyTextAsksForNothing) {
+TEST(Settings, EmptyTextHasNoSettings) {
     const Settings settings = parseSettings("", kVideo);
     EXPECT_FALSE(settings.width || settings.height || settings.bitRate || settings.pixelFormat);
     EXPECT_TRUE(settings.options.empty());
@@ -64,14 +64,14 @@ TEST(Settings, EmptyPartsAreSkipped) {
     EXPECT_EQ(parseSettings("::width=640:", kVideo).width, 640);
 }
 
-TEST(Settings, TextThatIsNoUTF8IsABadArgument) {
+TEST(Settings, TextThatIsNotUTF8IsAnInvalidArgument) {
     EXPECT_EQ(causeOf("preset=\xff\xfe"), FailureCause::InvalidArgument);
-    EXPECT_EQ(causeOf("preset=\xc3"), FailureCause::InvalidArgument);          // cut off in the middle
-    EXPECT_EQ(causeOf("preset=\xc0\xaf"), FailureCause::InvalidArgument);      // longer than needed
-    EXPECT_EQ(causeOf("preset=\xed\xa0\x80"), FailureCause::InvalidArgument);  // half of a pair
+    EXPECT_EQ(causeOf("preset=\xc3"), FailureCause::InvalidArgument);          // truncated sequence
+    EXPECT_EQ(causeOf("preset=\xc0\xaf"), FailureCause::InvalidArgument);      // overlong sequence
+    EXPECT_EQ(causeOf("preset=\xed\xa0\x80"), FailureCause::InvalidArgument);  // half of a surrogate pair
 }
 
-TEST(Settings, UTF8ThatIsNoOptionIsUnsupportedLater) {
+TEST(Settings, UnknownKeysAreLeftToTheEncoder) {
     EXPECT_FALSE(refusal("größe=1"));
 }
 
@@ -125,13 +125,13 @@ TEST(Settings, KeysWithANullCharacterAreRefused) {
     EXPECT_EQ(failure->subject, "preset");
 }
 
-TEST(Range, ZeroAndWhatLiesWithinAreTaken) {
+TEST(Range, ZeroAndValuesWithinAreAccepted) {
     EXPECT_NO_THROW(checkRange("quality", 0, 0, 1));
     EXPECT_NO_THROW(checkRange("quality", 1, 0, 1));
     EXPECT_NO_THROW(checkRange("quality", 0.01F, 0, 1));
 }
 
-TEST(Range, EverythingElseIsUnsupportedAndNamed) {
+TEST(Range, OtherValuesAreOutOfRangeAndNamed) {
     using Limits = std::numeric_limits<float>;
     for (const float value : {-0.5F, 1.5F, Limits::infinity(), -Limits::infinity(), Limits::quiet_NaN(), -1e-30F}) {
         try {

@@ -18,7 +18,7 @@ TEST_P(EveryContainer, IsFoundByItsExtensionInAnyCase) {
     EXPECT_EQ(containerForPath("x." + upper).extension, GetParam());
 }
 
-TEST_P(EveryContainer, HasAMuxerAndHoldsItsOwnDefaults) {
+TEST_P(EveryContainer, HasAMuxerAndHoldsItsDefaultCodecs) {
     const Container& container = containerForPath(std::string("x.") + GetParam());
     EXPECT_NE(av_guess_format(container.muxer, nullptr, nullptr), nullptr);
     EXPECT_TRUE(container.holds(codecForFourCC(container.defaultAudio, AVMEDIA_TYPE_AUDIO).id));
@@ -34,7 +34,7 @@ INSTANTIATE_TEST_SUITE_P(ContainerTable, EveryContainer,
                          testing::Values("mov", "mp4", "m4v", "m4a", "mkv", "webm", "mka", "wav", "mp3", "flac",
                                          "ogg"));
 
-TEST(ContainerTable, OtherExtensionsAreUnsupportedAndNamed) {
+TEST(ContainerTable, OtherExtensionsAreUnsupported) {
     for (const std::string extension : {"avi", "gif", "mp"}) {
         try {
             (void)containerForPath("/tmp/movie." + extension);

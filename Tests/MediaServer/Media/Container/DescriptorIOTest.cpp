@@ -35,7 +35,7 @@ protected:
     std::function<void(std::int64_t)> count_ = [this](std::int64_t bytes) { bytes_ += bytes; };
 };
 
-TEST_F(DescriptorIOTest, WhatIsWrittenIsReadBackByAnotherOverTheSameDescriptor) {
+TEST_F(DescriptorIOTest, ReadsBackWhatAnotherWroteToTheSameDescriptor) {
     DescriptorIO writer(descriptor_.number(), DescriptorIO::Mode::Write, count_);
     const std::string content(100'000, 'x');
     avio_write(writer.context(), reinterpret_cast<const unsigned char*>(content.data()),
@@ -46,7 +46,7 @@ TEST_F(DescriptorIOTest, WhatIsWrittenIsReadBackByAnotherOverTheSameDescriptor) 
     EXPECT_EQ(readAll(reader.context()), content);
 }
 
-TEST_F(DescriptorIOTest, PositionsAreItsOwn) {
+TEST_F(DescriptorIOTest, HasItsOwnPosition) {
     test::writeFile(file_.path(), "0123456789");
     lseek(descriptor_.number(), 7, SEEK_SET);
     DescriptorIO first(descriptor_.number(), DescriptorIO::Mode::Read, count_);
@@ -70,9 +70,8 @@ TEST_F(DescriptorIOTest, RemembersWhyATransferFailed) {
     EXPECT_EQ(io.errorNumber(), EISDIR);
 }
 
-TEST_F(DescriptorIOTest, AFullFileIsAFailedTransfer) {
-    // A limit on the size of files stands for a disk without space; it is lifted again before anything else
-    // is written.
+TEST_F(DescriptorIOTest, AFullDiskFailsTheTransfer) {
+    // A limit on file sizes simulates a full disk. It is lifted before anything else is written.
     rlimit before{};
     getrlimit(RLIMIT_FSIZE, &before);
     auto* const handler = std::signal(SIGXFSZ, SIG_IGN);

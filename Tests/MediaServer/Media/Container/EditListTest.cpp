@@ -47,7 +47,7 @@ MovieEdits read(const std::string& file) {
     return readMovieEdits(readAt, static_cast<std::int64_t>(file.size()));
 }
 
-TEST(MovieEdits, BeginWhereTheOnesBeforeEnd) {
+TEST(MovieEdits, BeginWhereThePreviousOnesEnd) {
     const auto found = parse(header("mvhd", 600) + box("trak", header("tkhd", 7) + edits({300, 1200, 60})));
     EXPECT_EQ(found.timeScale, 600U);
     ASSERT_EQ(found.tracks.size(), 1U);
@@ -55,32 +55,32 @@ TEST(MovieEdits, BeginWhereTheOnesBeforeEnd) {
     EXPECT_THAT(found.tracks[0].starts, testing::ElementsAre(0, 300, 1500));
 }
 
-TEST(MovieEdits, OfWideListsHaveSixtyFourBits) {
+TEST(MovieEdits, OfVersionOneListsHaveSixtyFourBits) {
     const std::string list = number(1, 1) + number(0, 3) + number(2, 4) + number(5'000'000'000, 8) + number(0, 12) +
                              number(1, 8) + number(0, 12);
     const auto found = parse(header("mvhd", 600) + box("trak", header("tkhd", 1) + box("edts", box("elst", list))));
     EXPECT_THAT(found.tracks.at(0).starts, testing::ElementsAre(0, 5'000'000'000));
 }
 
-TEST(MovieEdits, AreNoneWithoutAList) {
+TEST(MovieEdits, AreEmptyWithoutAnEditList) {
     const auto found = parse(header("mvhd", 600) + box("trak", header("tkhd", 1)));
     EXPECT_THAT(found.tracks.at(0).starts, testing::IsEmpty());
 }
 
-TEST(MovieEdits, ThatClaimMoreThanThereIsAreCutShort) {
+TEST(MovieEdits, AreCutOffIfTheCountExceedsTheList) {
     std::string list = number(0, 4) + number(0xffffffff, 4) + number(10, 4) + number(0, 8);
     const auto found = parse(header("mvhd", 600) + box("trak", header("tkhd", 1) + box("edts", box("elst", list))));
     EXPECT_THAT(found.tracks.at(0).starts, testing::ElementsAre(0));
 }
 
-TEST(MovieEdits, ThatOverflowEndThere) {
+TEST(MovieEdits, EndAtAnOverflow) {
     const std::string list = number(1, 1) + number(0, 3) + number(3, 4) + number(INT64_MAX, 8) + number(0, 12) +
                              number(INT64_MAX, 8) + number(0, 12) + number(1, 8) + number(0, 12);
     const auto found = parse(header("mvhd", 600) + box("trak", header("tkhd", 1) + box("edts", box("elst", list))));
     EXPECT_THAT(found.tracks.at(0).starts, testing::ElementsAre(0, INT64_MAX));
 }
 
-TEST(MovieEdits, OfMalformedBoxesAreNone) {
+TEST(MovieEdits, OfMalformedBoxesAreEmpty) {
     for (const std::string& bytes :
          {std::string(), std::string("moo"), number(4, 4) + "mvhd", number(1, 4) + "mvhd", number(1000, 4) + "trak",
           box("mvhd", ""), box("mvhd", "x"), box("trak", box("tkhd", number(1, 1)))}) {
@@ -90,14 +90,14 @@ TEST(MovieEdits, OfMalformedBoxesAreNone) {
     }
 }
 
-TEST(MovieEdits, AreFoundBehindOtherBoxes) {
+TEST(MovieEdits, AreFoundAfterOtherBoxes) {
     const std::string movie = header("mvhd", 90000) + box("trak", header("tkhd", 2) + edits({9}));
     const auto found = read(box("ftyp", "qt  ") + number(1, 4) + "mdat" + number(20, 8) + "abcd" + box("moov", movie));
     EXPECT_EQ(found.timeScale, 90000U);
     EXPECT_EQ(found.tracks.size(), 1U);
 }
 
-TEST(MovieEdits, OfFilesThatBreakOffAreNone) {
+TEST(MovieEdits, OfTruncatedFilesAreEmpty) {
     const std::string file = box("ftyp", "qt  ") + box("moov", header("mvhd", 600));
     for (std::size_t length = 0; length < file.size(); ++length) {
         EXPECT_EQ(read(file.substr(0, length)).timeScale, 0U) << length;

@@ -11,7 +11,7 @@ TEST(Language, TheOtherFormOfACodeIsTranslated) {
     EXPECT_EQ(quickTimeLanguage("zho"), "chi");
 }
 
-TEST(Language, OtherCodesStayAsTheyAre) {
+TEST(Language, OtherCodesStayUnchanged) {
     EXPECT_EQ(quickTimeLanguage("eng"), "eng");
     EXPECT_EQ(quickTimeLanguage("ger"), "ger");
     EXPECT_EQ(quickTimeLanguage("und"), "und");

@@ -1,4 +1,4 @@
-// Every kind of movie, mixed to stereo and joined to another: what comes out is measured.
+// Mixes every kind of movie to stereo, joins each to another movie, and measures the output.
 #include <algorithm>
 #include <cmath>
 
@@ -20,7 +20,7 @@ constexpr double kInStep = 0.02;
 struct Movie {
     const char* name;
     bool beeps = true;
-    double flash = 2;  // when the first bright picture is shown
+    double flash = 2;  // when the first bright frame is shown
 };
 void PrintTo(const Movie& movie, std::ostream* out) {
     *out << movie.name;
@@ -28,7 +28,7 @@ void PrintTo(const Movie& movie, std::ostream* out) {
 
 class JoinedCorpus : public testing::TestWithParam<Movie> {};
 
-TEST_P(JoinedCorpus, FollowsAnotherMovieInStep) {
+TEST_P(JoinedCorpus, FollowsAnotherMovieInSync) {
     RecordingSink sink;
     const auto output = join({corpus("h264.mp4"), corpus(GetParam().name)}, "mp4", false, sink);
     const double length = Probe(corpus(GetParam().name)).duration();

@@ -8,7 +8,7 @@ namespace {
 constexpr int kBlack = 24;
 constexpr int kWhite = 200;
 
-/// The columns and rows of the middle cross that are white: first and one behind the last.
+/// The white columns and rows through the centre: the first one, and one past the last.
 struct Extent {
     int left, right, top, bottom;
 };
@@ -30,13 +30,13 @@ Extent whiteOf(const GreyFrame& frame) {
     return extent;
 }
 
-TEST(MergeFormats, OtherShapesGetBarsAndAreNotStretched) {
+TEST(MergeFormats, OtherShapesAreLetterboxedAndNotStretched) {
     for (const char* other : {"square.mp4", "square-pixels.mp4"}) {
         const auto output = join({"silent.mp4", other}, "mp4");
         const GreyFrame frame = frameAt(output.path(), 2.5);
         ASSERT_EQ(frame.width, 320) << other;
         ASSERT_EQ(frame.height, 240) << other;
-        // 160 x 240 as it is shown, in the middle.
+        // 160 x 240 as it is shown, centred.
         EXPECT_LT(frame.at(40, 120), kBlack) << other;
         EXPECT_LT(frame.at(76, 120), kBlack) << other;
         EXPECT_GT(frame.at(84, 20), 100) << other;
@@ -49,11 +49,11 @@ TEST(MergeFormats, OtherShapesGetBarsAndAreNotStretched) {
     }
 }
 
-TEST(MergeFormats, TheShapeOfTheFirstsPixelsCountsToo) {
+TEST(MergeFormats, ThePixelAspectRatioOfTheFirstSourceCounts) {
     const auto output = join({"square-pixels.mp4", "silent.mp4"}, "mp4");
     const auto video = Probe(output).video();
     EXPECT_EQ(text(video, "sample_aspect_ratio"), "1:2");
-    // What is shown is 160 x 240; a picture of 4 to 3 is 120 of these rows high.
+    // The display size is 160 x 240, in which a 4:3 frame is 120 rows high.
     const GreyFrame frame = frameAt(output.path(), 1.5);
     EXPECT_LT(frame.at(160, 50), kBlack);
     EXPECT_LT(frame.at(160, 190), kBlack);
@@ -87,7 +87,7 @@ TEST(MergeFormats, RotatedVideoIsUpright) {
     }
 }
 
-TEST(MergeFormats, TheFirstDecidesSizeRateChannelsAndCodec) {
+TEST(MergeFormats, TheFirstSourceDecidesSizeRateChannelsAndCodec) {
     const auto wide = Probe(join({"wide.mp4", "flash.mov"}, "mov"));
     EXPECT_EQ(number(wide.video(), "width"), 480);
     EXPECT_EQ(number(wide.video(), "height"), 270);
@@ -138,20 +138,20 @@ TEST(MergeFormats, AudioOfMoviesIsJoinedInAnAudioContainer) {
     EXPECT_NEAR(beepTime(output.path(), 2), 5.0, 0.01);
 }
 
-TEST(MergeFormats, HighDynamicRangeFollowsTheFirst) {
+TEST(MergeFormats, TheFirstSourceDecidesBetweenHDRAndSDR) {
     const auto ordinary = join({"plain.mov", "hdr.mp4"}, "mp4");
     EXPECT_EQ(text(Probe(ordinary).video(), "color_transfer"), "bt709");
     EXPECT_EQ(text(Probe(ordinary).video(), "pix_fmt"), "yuv420p");
     const auto greys = frameAt(ordinary.path(), 3);
-    // Untouched, white would be at 127.
+    // Without conversion, white would be at 127.
     EXPECT_GT(*std::max_element(greys.values.begin(), greys.values.end()), 150);
     const auto high = join({"hdr.mp4", "plain.mov"}, "mp4");
     EXPECT_EQ(text(Probe(high).video(), "color_transfer"), "smpte2084");
-    // Both movies show the same picture.
+    // Both movies show the same frame.
     EXPECT_LT(difference(frameAt(high.path(), 1).values, frameAt(high.path(), 3).values), 25);
 }
 
-TEST(MergeFormats, AreDeinterlaced) {
+TEST(MergeFormats, InterlacedSourcesAreDeinterlaced) {
     const auto video = Probe(join({"interlaced.mpg", "plain.mov"}, "mp4")).video();
     EXPECT_EQ(text(video, "field_order"), "progressive");
 }

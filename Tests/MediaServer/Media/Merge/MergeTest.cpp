@@ -16,7 +16,7 @@ double lengthOf(const OutputPath& output, const char* type) {
     return number(Probe(output).streams(type).at(0), "duration");
 }
 
-TEST(Merge, CopiesWhatIsTheSameBitForBit) {
+TEST(Merge, CopiesIdenticalFormatsBitForBit) {
     for (const char* extension : {"mov", "mp4", "mkv"}) {
         const auto output = join({"flash.mov", "flash.mov", "flash.mov"}, extension);
         EXPECT_EQ(packetHashes(output.path(), "v:0"), repeated(packetHashes(testMedia("flash.mov"), "v:0"), 3));
@@ -34,7 +34,7 @@ TEST(Merge, CopiesWhatIsTheSameBitForBit) {
     }
 }
 
-TEST(Merge, CopiesStayInStep) {
+TEST(Merge, CopiesStayInSync) {
     for (const char* extension : {"mov", "mp4", "mkv"}) {
         const auto output = join(std::vector<std::string>(4, "flash.mov"), extension);
         for (int i = 0; i < 4; ++i) {
@@ -48,7 +48,7 @@ TEST(Merge, CopiesStayInStep) {
 struct Case {
     std::vector<std::string> sources;
     const char* extension;
-    double last;  // when the last one begins
+    double last;  // when the last source begins
     int frames;
 };
 
@@ -61,7 +61,7 @@ void PrintTo(const Case& one, std::ostream* out) {
 
 class MergeSync : public testing::TestWithParam<Case> {};
 
-TEST_P(MergeSync, TheLastBeepStaysWithTheLastFlash) {
+TEST_P(MergeSync, TheLastBeepStaysInSyncWithTheLastFlash) {
     const auto& [sources, extension, last, frames] = GetParam();
     const auto output = join(sources, extension);
     const double flash = flashTime(output.path(), last + 0.5);
@@ -122,13 +122,13 @@ TEST(Merge, HoldsTheLastFrameAndAddsSilence) {
         EXPECT_GT(audio.level(0, kTone, 2.1, 2.9), -30);
         EXPECT_LT(audio.peak(3.1, 3.9), 0.002);
         EXPECT_GT(audio.level(0, kTone, 4.1, 5.9), -30);
-        // What is shown while only sound goes on is the last picture, and then comes the other movie.
+        // The last frame remains while only audio continues. Then the other movie follows.
         EXPECT_LT(difference(frameAt(output.path(), 0.99).values, frameAt(output.path(), 1.9).values), 2);
         EXPECT_GT(difference(frameAt(output.path(), 1.9).values, frameAt(output.path(), 2.1).values), 5);
     }
 }
 
-TEST(Merge, EndsEachSourceWithItsShortestTrackIfAsked) {
+TEST(Merge, EndsEachSourceWithItsShortestTrackIfRequested) {
     for (const char* extension : {"mov", "mkv"}) {
         const auto output = join({"longsound.mov", "longvideo.mov", "longsound.mov"}, extension, true);
         EXPECT_NEAR(Probe(output).duration(), 3.0, kFrame) << extension;
@@ -139,7 +139,7 @@ TEST(Merge, EndsEachSourceWithItsShortestTrackIfAsked) {
 }
 
 TEST(Merge, CopiesVideoWhoseFramesCanBeCutOff) {
-    // Every ProRes picture stands for itself, so that any of them can be the last.
+    // Every ProRes frame is a key frame, so any of them can be the last.
     const auto output = join({"longvideo.prores.mov", "longvideo.prores.mov"}, "mov", true);
     auto expected = packetHashes(testMedia("longvideo.prores.mov"), "v:0");
     expected.resize(25);
@@ -165,7 +165,7 @@ TEST(Merge, EncodesOnlyTheVideoIfOnlyThatDiffers) {
     EXPECT_TRUE(std::equal(first.begin(), first.end() - 3, joined.begin()));
 }
 
-TEST(Merge, MarksEverySourceByAChapter) {
+TEST(Merge, MakesEverySourceAChapter) {
     for (const char* extension : {"mov", "mp4", "mkv"}) {
         const auto output = join({"flash.mov", "plain.mov", "mute.mp4"}, extension);
         const Probe probe(output);
@@ -185,14 +185,14 @@ TEST(Merge, KeepsTheTagsThatAllShare) {
     EXPECT_EQ(Probe(join({"plain.mov", "flash.mov"})).tag("artist"), "");
 }
 
-TEST(Merge, OneSourceAloneIsCopied) {
+TEST(Merge, ASingleSourceIsCopied) {
     const auto output = join({"flash.mov"}, "mp4");
     EXPECT_EQ(packetHashes(output.path(), "v:0"), packetHashes(testMedia("flash.mov"), "v:0"));
     EXPECT_EQ(packetHashes(output.path(), "a:0"), packetHashes(testMedia("flash.mov"), "a:0"));
     EXPECT_NEAR(Probe(output).duration(), 2.0, kFrame);
 }
 
-TEST(Merge, ABadSourceFailsEverythingAndIsNamed) {
+TEST(Merge, ABadSourceFailsTheMergeAndIsNamed) {
     using Cause = FailureCause;
     for (const auto& [bad, cause] :
          {std::pair("text.mp4", Cause::Damaged), std::pair("empty.mov", Cause::SourceIsEmpty),
@@ -218,7 +218,7 @@ TEST(Merge, AnUnknownContainerIsRefused) {
     }
 }
 
-TEST(Merge, NoSourcesAreABadArgument) {
+TEST(Merge, AnEmptyListOfSourcesIsInvalid) {
     try {
         (void)join({});
         FAIL();

@@ -8,13 +8,13 @@
 
 namespace krv::media::test {
 
-/// Joins movies: names of those that scripts/make-test-media has made, or paths. Throws what merge() throws.
+/// Join movies, given by their names in scripts/make-test-media or by their paths. Throw what merge() throws.
 OutputPath join(const std::vector<std::string>& sources, const std::string& extension, bool useShortest,
                 ProgressSink& sink);
 OutputPath join(const std::vector<std::string>& sources, const std::string& extension = "mov",
                 bool useShortest = false);
 
-/// The hashes of a source's packets, so many times.
+/// Returns a list of hashes, repeated.
 std::vector<std::string> repeated(const std::vector<std::string>& hashes, std::size_t times);
 
 }  // namespace krv::media::test

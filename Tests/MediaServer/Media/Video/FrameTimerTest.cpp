@@ -11,7 +11,7 @@ namespace {
 using testing::ElementsAre;
 using testing::Pair;
 
-/// Times of the source in milliseconds, durations 0 unless said otherwise.
+/// Returns the times and durations that a timer gives to frames with these times and durations, in milliseconds.
 std::vector<std::pair<std::int64_t, std::int64_t>>
 timed(FrameTimer timer, const std::vector<std::pair<std::int64_t, std::int64_t>>& frames) {
     std::vector<std::pair<std::int64_t, std::int64_t>> result;
@@ -71,7 +71,7 @@ TEST(FrameTimer, AConstantRateDropsFrames) {
 }
 
 TEST(FrameTimer, AConstantRateDoesNotMakeTheMovieLonger) {
-    // At 190 ms the next tick, at 200 ms, is the end.
+    // For the frame at 190 ms the next tick, at 200 ms, is the end.
     EXPECT_THAT(timed(constant(10), {{0, 100}, {100, 90}, {190, 10}}), ElementsAre(Pair(0, 1), Pair(1, 1)));
 }
 
