@@ -33,10 +33,10 @@ public:
     [[nodiscard]] FramePtr shownAt(std::int64_t time);
 
     /// Seeks to the last key frame at or before a time, for next().
-    void goTo(std::int64_t time);
+    void seekTo(std::int64_t time);
     /// Returns the next frame, with AVFrame::pts in microseconds of the movie's own time. Returns null at the end.
     [[nodiscard]] FramePtr next();
-    /// Chooses whether only key frames or all frames are decoded. Takes effect with the next goTo().
+    /// Chooses whether only key frames or all frames are decoded. Takes effect with the next seekTo().
     void onlyKeyFrames(bool only);
 
 private:
