@@ -109,7 +109,7 @@ void AudioResampler::convert(const std::uint8_t* const* data, int samples, const
     }
     const FramePtr out = newSamples(room);
     const int made = swr_convert(resampler_.get(), out->extended_data, room, const_cast<const std::uint8_t**>(data),
-                                 samples);  // swr only reads
+                                 samples);  // swr does not change the data
     if (made < 0) {
         fail(FailureCause::InternalError, made, "resampling audio");
     }

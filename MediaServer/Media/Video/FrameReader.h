@@ -11,10 +11,10 @@ namespace krv::media {
 
 /// Finds single frames of a movie by their time.
 ///
-/// Seeking goes by decoding time, but frames are shown by presentation time. So the frame that is shown at a time is
-/// known only when a later frame has been decoded. If the first decoded frame is already too late, because the frame
-/// before it lasts for seconds, the reader seeks further back. Not thread-safe, but several readers may read the same
-/// descriptor. For many frames, several readers with single-threaded decoders are faster than one reader with a
+/// Containers are indexed by decoding time, but frames are shown by presentation time. So the frame that is shown at a
+/// time is known only when a later frame has been decoded. If the first decoded frame is already too late, because the
+/// frame before it lasts for seconds, the reader seeks further back. Not thread-safe, but several readers may read the
+/// same descriptor. For many frames, several readers with single-threaded decoders are faster than one reader with a
 /// multi-threaded decoder.
 class FrameReader {
 public:
