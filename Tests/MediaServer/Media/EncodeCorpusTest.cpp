@@ -40,7 +40,7 @@ protected:
     }
     static void expectSameLength(const std::string& output) {
         const double length = Probe(source()).duration();
-        EXPECT_NEAR(Probe(output).duration(), length, kFrame + 0.025) << "the sound's last packet may be a part longer";
+        EXPECT_NEAR(Probe(output).duration(), length, kFrame + 0.025) << "the last audio packet may be padded";
     }
     static void expectInSync(const std::string& output) {
         if (!GetParam().audio) {
