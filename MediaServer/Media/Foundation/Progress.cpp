@@ -3,6 +3,14 @@
 #include <MediaServer/Media/Foundation/Progress.h>
 
 namespace krv::media {
+namespace {
+
+/// The largest 32-bit float below 1, because a record carries progress as a 32-bit float. 1 itself is reserved for
+/// finish().
+constexpr double kBelowOne = 1 - 0x1p-24;
+
+}  // namespace
+
 Progress::Progress(ProgressSink& sink, Clock clock)
     : sink_(sink)
     , clock_(std::move(clock))
@@ -27,7 +35,7 @@ void Progress::alive() noexcept {
     if (reached_ < reported_ + kVisibleChange && waited < kSignOfLife) {
         return;
     }
-    report(reached_);
+    report(std::min(reached_, kBelowOne));
     reportedAt_ = now;
 }
 

@@ -41,6 +41,12 @@ TEST_F(ProgressTest, RepeatsThePositionAsASignOfLife) {
     EXPECT_EQ(reports_, std::vector<double>(11, 0.5));
 }
 
+TEST_F(ProgressTest, IsSilentWithoutSignsOfLife) {
+    progress_.reach(0.5);
+    now_ += 1h;
+    EXPECT_EQ(reports_.size(), 1U);
+}
+
 TEST_F(ProgressTest, DoesNotReportSignsOfLifeThatAreTooClose) {
     progress_.reach(0.5);
     for (int i = 0; i < 99; ++i) {
@@ -59,8 +65,11 @@ TEST_F(ProgressTest, PhasesDivideTheRange) {
     EXPECT_THAT(reports_, testing::ElementsAre(testing::DoubleEq(0.3), testing::DoubleEq(0.6), testing::DoubleEq(0.8)));
 }
 
-TEST_F(ProgressTest, EndsWithOne) {
-    progress_.reach(0.5);
+TEST_F(ProgressTest, IsOneOnlyWhenFinished) {
+    progress_.reach(1);
+    now_ += 1000h;
+    progress_.alive();
+    EXPECT_LT(static_cast<float>(reports_.back()), 1.0F);
     progress_.finish();
     EXPECT_EQ(reports_.back(), 1);
 }
