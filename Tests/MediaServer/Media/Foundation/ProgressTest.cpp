@@ -41,12 +41,6 @@ TEST_F(ProgressTest, RepeatsThePositionAsASignOfLife) {
     EXPECT_EQ(reports_, std::vector<double>(11, 0.5));
 }
 
-TEST_F(ProgressTest, IsSilentWithoutSignsOfLife) {
-    progress_.reach(0.5);
-    now_ += 1h;
-    EXPECT_EQ(reports_.size(), 1U);
-}
-
 TEST_F(ProgressTest, DoesNotReportSignsOfLifeThatAreTooClose) {
     progress_.reach(0.5);
     for (int i = 0; i < 99; ++i) {
