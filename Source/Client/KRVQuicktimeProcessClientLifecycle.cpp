@@ -132,7 +132,7 @@ void KRVQuicktimeProcessClient::cleanUp() {
     if (inCleanup_.exchange(true)) {
         return;
     }
-    const auto self = weak_from_this().lock();  // the runner's reference may be the last but this one
+    const auto self = weak_from_this().lock();  // the runner may have the only other reference
     std::shared_ptr<ServerRunner> runner;
     std::shared_ptr<KRVProcessMonitor> monitor;
     {

@@ -12,7 +12,7 @@
 //    0 Start ──> 1 LookForServer ──> 2 WaitForServer ──> 3 Register ──> 5 Registered ──────────┤
 //        ^          launches if          │    │   ^          │   ^             │               │
 //        │          none runs            │    └───┘          │   └─────────────┘ not known     │
-//        └──────── waited too long ──────┴─── registration raised                              │
+//        └──────── waited too long ──────┴─── registration failed                              │
 //                                                                                              │
 // Sources of information.
 //   - Discovery knows the port, and nothing else. It finds a server about a second after the server publishes itself.
@@ -32,7 +32,7 @@
 //   - The server dies while we are registered. Discovery still has the port for a second or so. The question "am I
 //     registered" fails and counts as "not known", and registering throws: the same path as above.
 //   - Somebody else restarts the server. The new one does not know us, and says so within three seconds.
-//   - The server hangs or is stopped. Its process exists, so no other is launched beside it; the old one holds the lock
+//   - The server hangs or is stopped. Its process exists, so no second one is launched; the first one holds the lock
 //     and would win. The machine cycles through state 2 until the server recovers or dies. A library must not kill it:
 //     it may be working for other applications.
 //   - A launch is slow. State 2 waits for ten seconds and then looks again. If a process exists by then, the runner

@@ -11,8 +11,8 @@ AudioMixer::AudioMixer(std::size_t tracks, std::int64_t mostHeld)
 void AudioMixer::add(std::size_t track, std::span<const float> left, std::span<const float> right, const Sink& sink) {
     Input& input = inputs_[track];
     const auto samples = static_cast<std::int64_t>(left.size());
-    const std::int64_t late = std::clamp<std::int64_t>(given_ - input.length, 0, samples);  // too late to be mixed
-    const auto at = static_cast<std::size_t>(std::max<std::int64_t>(0, input.length - given_));
+    const std::int64_t late = std::clamp<std::int64_t>(delivered_ - input.length, 0, samples);  // too late to be mixed
+    const auto at = static_cast<std::size_t>(std::max<std::int64_t>(0, input.length - delivered_));
     const std::size_t needed = at + static_cast<std::size_t>(samples - late);
     if (left_.size() < needed) {
         left_.resize(needed);
@@ -23,15 +23,15 @@ void AudioMixer::add(std::size_t track, std::span<const float> left, std::span<c
         right_[at + i - static_cast<std::size_t>(late)] += right[i];
     }
     input.length += samples;
-    give(sink);
+    deliver(sink);
 }
 
 void AudioMixer::finish(std::size_t track, const Sink& sink) {
     inputs_[track].finished = true;
-    give(sink);
+    deliver(sink);
 }
 
-void AudioMixer::give(const Sink& sink) {
+void AudioMixer::deliver(const Sink& sink) {
     std::int64_t furthest = 0;
     for (const Input& input : inputs_) {
         furthest = std::max(furthest, input.length);
@@ -43,7 +43,7 @@ void AudioMixer::give(const Sink& sink) {
         }
     }
     complete = std::max(complete, furthest - mostHeld_);
-    const auto ready = static_cast<std::ptrdiff_t>(complete - given_);
+    const auto ready = static_cast<std::ptrdiff_t>(complete - delivered_);
     if (ready <= 0) {
         return;
     }
@@ -51,7 +51,7 @@ void AudioMixer::give(const Sink& sink) {
     sink(std::span(left_).first(count), std::span(right_).first(count));
     left_.erase(left_.begin(), left_.begin() + ready);
     right_.erase(right_.begin(), right_.begin() + ready);
-    given_ = complete;
+    delivered_ = complete;
 }
 
 }  // namespace krv::media

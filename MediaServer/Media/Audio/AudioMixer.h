@@ -28,11 +28,11 @@ private:
         std::int64_t length = 0;  // samples so far
         bool finished = false;
     };
-    void give(const Sink& sink);
+    void deliver(const Sink& sink);
 
     const std::int64_t mostHeld_;
     std::vector<Input> inputs_;
-    std::int64_t given_ = 0;           // samples delivered so far
+    std::int64_t delivered_ = 0;       // samples delivered so far
     std::vector<float> left_, right_;  // the sum of the samples after those
 };
 

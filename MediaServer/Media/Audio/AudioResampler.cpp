@@ -109,7 +109,7 @@ void AudioResampler::convert(const std::uint8_t* const* data, int samples, const
     }
     const FramePtr out = newSamples(room);
     const int made = swr_convert(resampler_.get(), out->extended_data, room, const_cast<const std::uint8_t**>(data),
-                                 samples);  // swr only reads
+                                 samples);  // swr does not change the data
     if (made < 0) {
         fail(FailureCause::InternalError, made, "resampling audio");
     }
@@ -134,15 +134,15 @@ void AudioResampler::store(std::uint8_t** data, int samples, const Sink& sink) {
         stored_ += samples;
     }
     while (av_audio_fifo_size(fifo_.get()) >= frameSize_) {
-        give(frameSize_, sink);
+        deliver(frameSize_, sink);
     }
 }
 
-void AudioResampler::give(int samples, const Sink& sink) {
+void AudioResampler::deliver(int samples, const Sink& sink) {
     FramePtr frame = newSamples(samples);
     av_audio_fifo_read(fifo_.get(), reinterpret_cast<void**>(frame->extended_data), samples);
-    frame->pts = given_;
-    given_ += samples;
+    frame->pts = delivered_;
+    delivered_ += samples;
     sink(std::move(frame));
 }
 
@@ -161,7 +161,7 @@ void AudioResampler::finish(const Sink& sink) {
         convert(nullptr, 0, sink);
     }
     if (const int rest = av_audio_fifo_size(fifo_.get()); rest > 0) {
-        give(rest, sink);
+        deliver(rest, sink);
     }
 }
 

@@ -59,7 +59,7 @@ private:
     void addSilence(std::int64_t samples, const Sink& sink);
     void convert(const std::uint8_t* const* data, int samples, const Sink& sink);
     void store(std::uint8_t** data, int samples, const Sink& sink);
-    void give(int samples, const Sink& sink);
+    void deliver(int samples, const Sink& sink);
     [[nodiscard]] FramePtr newSamples(int samples) const;
 
     const Format format_;
@@ -72,9 +72,9 @@ private:
     int sourceRate_ = 0;
     ChannelLayout sourceLayout_;
     AudioFifoPtr fifo_;
-    std::int64_t stored_ = 0;  // samples written to the queue so far
-    std::int64_t given_ = 0;   // samples delivered from it
-    bool fresh_ = true;        // no sample of the current audio is stored yet
+    std::int64_t stored_ = 0;     // samples written to the queue so far
+    std::int64_t delivered_ = 0;  // samples delivered from it
+    bool fresh_ = true;           // no sample of the current audio is stored yet
     std::int64_t cut_ = std::numeric_limits<std::int64_t>::max();
     std::int64_t toDrop_ = 0;  // samples of the source that overlap earlier ones
 };

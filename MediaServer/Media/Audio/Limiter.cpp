@@ -33,14 +33,14 @@ void Limiter::push(std::span<const float> left, std::span<const float> right, co
         const double peak = static_cast<double>(std::max(std::abs(sample.left), std::abs(sample.right)));
         take(sample, peak > ceiling_ ? ceiling_ / peak : 1);
     }
-    give(sink);
+    deliver(sink);
 }
 
 void Limiter::finish(const Sink& sink) {
     for (std::size_t i = 0; i < ahead_; ++i) {
         take({0, 0}, 1);
     }
-    give(sink);
+    deliver(sink);
 }
 
 void Limiter::take(Sample sample, double needed) {
@@ -86,7 +86,7 @@ void Limiter::take(Sample sample, double needed) {
     right_.push_back(limited(delayed.right));
 }
 
-void Limiter::give(const Sink& sink) {
+void Limiter::deliver(const Sink& sink) {
     if (!left_.empty()) {
         sink(left_, right_);
     }

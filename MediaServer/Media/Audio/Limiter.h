@@ -37,7 +37,7 @@ private:
     };
 
     void take(Sample sample, double needed);
-    void give(const Sink& sink);
+    void deliver(const Sink& sink);
 
     const std::size_t ahead_;  // samples
     const double ceiling_;

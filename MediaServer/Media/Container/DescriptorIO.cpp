@@ -36,7 +36,7 @@ DescriptorIO::~DescriptorIO() {
 
 int DescriptorIO::readSome(void* opaque, std::uint8_t* buffer, int size) {
     auto& self = *static_cast<DescriptorIO*>(opaque);
-    if (self.blind_) {
+    if (self.readsZeros_) {
         std::memset(buffer, 0, static_cast<std::size_t>(size));
         self.position_ += size;
         self.activity_(size);

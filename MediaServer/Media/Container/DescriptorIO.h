@@ -24,7 +24,7 @@ public:
 
     [[nodiscard]] AVIOContext* context() const noexcept { return context_; }
     /// Makes all further reads return zeros without reading the file.
-    void blind() noexcept { blind_ = true; }
+    void readZeros() noexcept { readsZeros_ = true; }
     /// Returns the errno of the first transfer that failed, or 0. FFmpeg often loses it on the way to its caller.
     [[nodiscard]] int errorNumber() const noexcept { return error_; }
 
@@ -36,7 +36,7 @@ private:
     int descriptor_;
     std::int64_t position_ = 0;
     int error_ = 0;
-    bool blind_ = false;
+    bool readsZeros_ = false;
     std::function<void(std::int64_t)> activity_;
     AVIOContext* context_ = nullptr;
 };

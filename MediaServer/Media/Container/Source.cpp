@@ -152,7 +152,7 @@ bool Source::rewind() {
 }
 
 void Source::readTimesOnly() noexcept {
-    io_.blind();
+    io_.readZeros();
     format_->flags |= AVFMT_FLAG_NOPARSE;
 }
 

@@ -10,8 +10,8 @@ namespace krv::media {
 
 using server::FailureCause;
 
-/// What every operation of this library throws when it fails, apart from std::bad_alloc. The code that finds the
-/// problem fills in the fields; the server puts them into words.
+/// Thrown by every operation of this library that fails, except for a lack of memory, which is std::bad_alloc. The code
+/// that finds the problem fills in the fields; the server puts them into words.
 class Failure : public std::exception, public server::Failure {
 public:
     explicit Failure(server::Failure failure);

@@ -38,7 +38,7 @@ bool agree(const TrackSurvey& a, const TrackSurvey& b) {
     const bool sameColours = p.color_range == q.color_range && p.color_primaries == q.color_primaries &&
                              p.color_trc == q.color_trc && p.color_space == q.color_space;
     return p.width == q.width && p.height == q.height && p.field_order == q.field_order && sameColours &&
-           sameRational(a.pixelShape, b.pixelShape) && a.turn == b.turn;
+           sameRational(a.pixelShape, b.pixelShape) && a.displayMatrix == b.displayMatrix;
 }
 
 class Planner {
@@ -109,7 +109,8 @@ private:
 
     bool canCopy(const PlannedTrack& track) const {
         const TrackSurvey& model = *track.parts[track.model];
-        if (!container_.holds(model.parameters->codec_id) || (!model.turn.empty() && !container_.displayMatrix)) {
+        if (!container_.holds(model.parameters->codec_id) ||
+            (!model.displayMatrix.empty() && !container_.displayMatrix)) {
             return false;
         }
         for (std::size_t i = 0; i < track.parts.size(); ++i) {
@@ -127,7 +128,7 @@ private:
 
     bool videoFits(const TrackSurvey& part, std::size_t source) const {
         const std::int64_t tick = av_rescale_q(1, plan_.tick, kMicroseconds);
-        if (part.hides && (source > 0 || !container_.edits)) {
+        if (part.hidesPackets && (source > 0 || !container_.edits)) {
             return false;  // only the beginning of a movie can have hidden frames
         }
         if (sources_.size() == 1 && !useShortest_) {
@@ -135,7 +136,7 @@ private:
         }
         // A frame cannot be cut off if frames that are stored after it are shown before it.
         const bool cut = length(source) < part.end - tick / 2;
-        return part.startsWhole && part.start <= tick && !(cut && part.reorders);
+        return part.startsWithKeyFrame && part.start <= tick && !(cut && part.reordersFrames);
     }
 
     bool audioFits(const TrackSurvey& part, std::size_t source) const {
@@ -167,7 +168,7 @@ private:
             std::int64_t next = std::max(plan_.boundaries.back() + 1, toTicks(exact));
             // Copied video cannot be shortened.
             if (copied != plan_.tracks.end()) {
-                if (const TrackSurvey& part = *copied->parts[i]; !useShortest_ || part.reorders) {
+                if (const TrackSurvey& part = *copied->parts[i]; !useShortest_ || part.reordersFrames) {
                     next = std::max(next, plan_.boundaries.back() + toTicks(part.end));
                 }
             }

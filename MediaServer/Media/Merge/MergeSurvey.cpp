@@ -22,7 +22,7 @@ TrackSurvey describe(const Source& source, std::size_t index) {
     track.pixelShape = shape.num > 0 ? shape : stream.codecpar->sample_aspect_ratio;
     std::size_t size = 0;
     if (const std::uint8_t* matrix = av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, &size)) {
-        track.turn.assign(matrix, matrix + size);
+        track.displayMatrix.assign(matrix, matrix + size);
     }
     if (stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO) {
         track.rate = frameRate(source, stream);
@@ -44,7 +44,7 @@ public:
     void see(const AVPacket& packet) {
         const std::int64_t pts = packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts;
         if (!seen_) {
-            track_.startsWhole = !isVideo_ || (packet.flags & AV_PKT_FLAG_KEY);
+            track_.startsWithKeyFrame = !isVideo_ || (packet.flags & AV_PKT_FLAG_KEY);
             firstPts_ = pts;
         }
         seen_ = true;
@@ -52,17 +52,17 @@ public:
         const std::int64_t duration = lengthOf(packet);
         track_.longestPacket = std::max(track_.longestPacket, av_rescale_q(duration, stream_.time_base, kMicroseconds));
         if (packet.flags & AV_PKT_FLAG_DISCARD) {
-            track_.hides = true;
+            track_.hidesPackets = true;
         }
         if (pts == AV_NOPTS_VALUE) {
             latest_ += duration;
             return;
         }
         if (isVideo_ && pts < firstPts_) {
-            track_.startsWhole = false;
+            track_.startsWithKeyFrame = false;
         }
         if (isVideo_ && pts < latest_) {
-            track_.reorders = true;
+            track_.reordersFrames = true;
         }
         latest_ = std::max(latest_, pts);
         if (packet.flags & AV_PKT_FLAG_DISCARD) {
@@ -79,7 +79,7 @@ public:
         }
         track_.start = std::max<std::int64_t>(0, av_rescale_q(start_, stream_.time_base, kMicroseconds));
         track_.end = av_rescale_q(end_, stream_.time_base, kMicroseconds);
-        track_.reorders |= stream_.codecpar->video_delay > 0;
+        track_.reordersFrames |= stream_.codecpar->video_delay > 0;
         return track_.end > 0;
     }
 

@@ -14,18 +14,18 @@ namespace krv::media {
 /// The properties of a track that a merge needs. Times are in microseconds of the movie's own time and do not include
 /// what an edit list hides.
 struct TrackSurvey {
-    std::size_t index = 0;           ///< of the stream
-    CodecParametersPtr parameters;   ///< a copy
-    AVRational pixelShape{0, 1};     ///< pixel aspect ratio; that of the container overrides that of the codec
-    std::vector<std::uint8_t> turn;  ///< the display matrix, or empty
-    AVRational rate{0, 1};           ///< of frames
+    std::size_t index = 0;                    ///< of the stream
+    CodecParametersPtr parameters;            ///< a copy
+    AVRational pixelShape{0, 1};              ///< pixel aspect ratio; that of the container overrides that of the codec
+    std::vector<std::uint8_t> displayMatrix;  ///< empty if there is none
+    AVRational rate{0, 1};                    ///< of frames
     std::int64_t start = 0;
     std::int64_t end = 0;
     std::int64_t packets = 0;
-    std::int64_t longestPacket = 0;  ///< microseconds
-    bool startsWhole = false;        ///< the first packet is a key frame and the first to be shown
-    bool hides = false;              ///< some packets are hidden
-    bool reorders = false;           ///< frames are not stored in the order of presentation
+    std::int64_t longestPacket = 0;   ///< microseconds
+    bool startsWithKeyFrame = false;  ///< the first packet is a key frame and the first to be shown
+    bool hidesPackets = false;        ///< some packets are hidden
+    bool reordersFrames = false;      ///< frames are not stored in the order of presentation
 };
 
 /// The properties of a movie that a merge needs.

@@ -65,7 +65,7 @@ void MergeVideoTrack::convert(FramePtr frame) {
     }
     if (!filter_) {
         VideoFormat format = format_;
-        turnUpright(format, *part_.from);
+        rotateUpright(format, *part_.from);
         format.toneMapped = isHDR(frame->color_trc) && !isHDR(format_.transfer);
         if (format.toneMapped) {
             format.peakLuminance = HDRMetadata(*part_.from, *frame).peakLuminance();

@@ -60,7 +60,7 @@ std::int64_t FrameReader::duration() {
         }
     }
     duration_ = std::max({end - source_.start(), packets * frameLength_, frameLength_});
-    goTo(source_.start());
+    seekTo(source_.start());
     return duration_;
 }
 
@@ -68,7 +68,7 @@ void FrameReader::onlyKeyFrames(bool only) {
     decoder_.context().skip_frame = only ? AVDISCARD_NONKEY : AVDISCARD_DEFAULT;
 }
 
-void FrameReader::goTo(std::int64_t time) {
+void FrameReader::seekTo(std::int64_t time) {
     // A format that is not seekable is read on from its current position, which is the beginning at first.
     if (time <= source_.start() || !source_.seek(index_, time)) {
         (void)source_.rewind();
@@ -153,7 +153,7 @@ FramePtr FrameReader::shownAt(std::int64_t time) {
     }
     std::int64_t from = std::max(time, start);
     for (std::int64_t step = kFirstStepBack;; step *= 4) {
-        goTo(from);
+        seekTo(from);
         FramePtr frame = lastUntil(time);
         if (from <= start || (frame && frame->pts <= time)) {
             return frame;

@@ -11,10 +11,10 @@ namespace krv::media {
 
 /// Finds single frames of a movie by their time.
 ///
-/// Seeking goes by decoding time, but frames are shown by presentation time. So the frame that is shown at a time is
-/// known only when a later frame has been decoded. If the first decoded frame is already too late, because the frame
-/// before it lasts for seconds, the reader seeks further back. Not thread-safe, but several readers may read the same
-/// descriptor. For many frames, several readers with single-threaded decoders are faster than one reader with a
+/// Containers are indexed by decoding time, but frames are shown by presentation time. So the frame that is shown at a
+/// time is known only when a later frame has been decoded. If the first decoded frame is already too late, because the
+/// frame before it lasts for seconds, the reader seeks further back. Not thread-safe, but several readers may read the
+/// same descriptor. For many frames, several readers with single-threaded decoders are faster than one reader with a
 /// multi-threaded decoder.
 class FrameReader {
 public:
@@ -33,10 +33,10 @@ public:
     [[nodiscard]] FramePtr shownAt(std::int64_t time);
 
     /// Seeks to the last key frame at or before a time, for next().
-    void goTo(std::int64_t time);
+    void seekTo(std::int64_t time);
     /// Returns the next frame, with AVFrame::pts in microseconds of the movie's own time. Returns null at the end.
     [[nodiscard]] FramePtr next();
-    /// Chooses whether only key frames or all frames are decoded. Takes effect with the next goTo().
+    /// Chooses whether only key frames or all frames are decoded. Takes effect with the next seekTo().
     void onlyKeyFrames(bool only);
 
 private:

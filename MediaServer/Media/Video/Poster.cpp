@@ -22,7 +22,7 @@ constexpr double kUniform = 4;
 
 constexpr double kFirstPart = 0.1;
 /// Up to this time every frame is examined, then key frames only, because a tenth of a long movie is long, too.
-constexpr std::int64_t kLookClosely = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
+constexpr std::int64_t kEveryFrameUntil = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
 constexpr int kMostFrames = 300;
 constexpr int kMostKeyFrames = 300;
 constexpr int kSpread = 20;
@@ -40,13 +40,13 @@ public:
         const std::int64_t start = reader_.source().start();
         const std::int64_t length = reader_.duration();
         const auto firstPart = start + static_cast<std::int64_t>(kFirstPart * static_cast<double>(length));
-        reader_.goTo(start);
-        if (among(std::min(firstPart, start + kLookClosely), kMostFrames)) {
+        reader_.seekTo(start);
+        if (among(std::min(firstPart, start + kEveryFrameUntil), kMostFrames)) {
             return std::move(best_);
         }
         reader_.onlyKeyFrames(true);
-        reader_.goTo(start + kLookClosely);
-        if (firstPart > start + kLookClosely && among(firstPart, kMostKeyFrames)) {
+        reader_.seekTo(start + kEveryFrameUntil);
+        if (firstPart > start + kEveryFrameUntil && among(firstPart, kMostKeyFrames)) {
             return std::move(best_);
         }
         reader_.onlyKeyFrames(false);
@@ -58,7 +58,7 @@ public:
         // Something may be visible briefly between these.
         reader_.onlyKeyFrames(true);
         for (int i = 0; i < kMostKeyFrames; ++i) {
-            reader_.goTo(start + length * i / kMostKeyFrames);
+            reader_.seekTo(start + length * i / kMostKeyFrames);
             if (consider(reader_.next())) {
                 break;
             }
@@ -87,14 +87,14 @@ private:
         if (!frame) {
             return false;
         }
-        const Look look = lookAt(*frame);
-        if (look.worthShowing()) {
+        const FrameStatistics statistics = statisticsOf(*frame);
+        if (statistics.worthShowing()) {
             best_ = std::move(frame);
             return true;
         }
-        if (!best_ || look.brightness > brightness_) {
+        if (!best_ || statistics.brightness > brightness_) {
             best_ = std::move(frame);
-            brightness_ = look.brightness;
+            brightness_ = statistics.brightness;
         }
         return false;
     }
@@ -139,11 +139,11 @@ bool hasCover(const Source& source) noexcept {
     return false;
 }
 
-bool Look::worthShowing() const noexcept {
+bool FrameStatistics::worthShowing() const noexcept {
     return visible > kVisiblePart && contrast > kUniform;
 }
 
-Look lookAt(const AVFrame& frame) {
+FrameStatistics statisticsOf(const AVFrame& frame) {
     constexpr int kWidth = 64;
     constexpr int kHeight = 36;
     std::array<std::uint8_t, static_cast<std::size_t>(kWidth) * kHeight> grey{};

@@ -20,7 +20,7 @@ namespace krv::media {
 [[nodiscard]] bool hasCover(const Source& source) noexcept;
 
 /// Statistics of a frame that tell whether it is worth showing.
-struct Look {
+struct FrameStatistics {
     double brightness = 0;  ///< mean of the grey values, 0 (black) to 255
     double contrast = 0;    ///< their standard deviation
     double visible = 0;     ///< the part of the frame that is not nearly black, 0 to 1
@@ -29,6 +29,6 @@ struct Look {
 };
 
 /// Computes the statistics. Throws Failure with InternalError if the pixel format cannot be scaled.
-[[nodiscard]] Look lookAt(const AVFrame& frame);
+[[nodiscard]] FrameStatistics statisticsOf(const AVFrame& frame);
 
 }  // namespace krv::media

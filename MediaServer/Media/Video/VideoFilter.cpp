@@ -79,7 +79,7 @@ std::string toneMapping(const AVFrame& frame, const VideoFormat& target) {
 }
 
 /// Returns the filters that convert SDR, or the other kind of HDR, to the HDR of the target.
-std::string widening(const AVFrame& frame, const VideoFormat& target) {
+std::string conversionToHDR(const AVFrame& frame, const VideoFormat& target) {
     std::string input;
     if (frame.color_primaries == AVCOL_PRI_UNSPECIFIED) {
         input += ":pin=bt709";
@@ -118,7 +118,7 @@ std::string matrices(const AVFrame& frame, const VideoFormat& target) {
     return options;
 }
 
-std::string turning(const VideoFormat& target) {
+std::string rotation(const VideoFormat& target) {
     constexpr const char* kTurns[] = {"", "transpose=clock,", "hflip,vflip,", "transpose=cclock,"};
     const char* mirror = !target.mirrored ? "" : target.quarterTurns % 2 == 0 ? "vflip," : "hflip,";
     return std::string(kTurns[target.quarterTurns]) + mirror;
@@ -135,7 +135,7 @@ void VideoFilter::push(FramePtr frame, const Sink& sink) {
         finish(sink);
         deinterlaces_ = true;  // for the rest of the movie: many recordings mix film and video
     }
-    if (!graph_ || !sameKind(*frame)) {
+    if (!graph_ || !sameFormat(*frame)) {
         finish(sink);
         build(*frame);
     }
@@ -176,21 +176,21 @@ void VideoFilter::drain(const Sink& sink) {
     }
 }
 
-bool VideoFilter::sameKind(const AVFrame& frame) const {
-    return like_->width == frame.width && like_->height == frame.height && like_->format == frame.format &&
-           like_->color_range == frame.color_range && like_->colorspace == frame.colorspace &&
-           like_->color_primaries == frame.color_primaries && like_->color_trc == frame.color_trc;
+bool VideoFilter::sameFormat(const AVFrame& frame) const {
+    return builtFor_->width == frame.width && builtFor_->height == frame.height && builtFor_->format == frame.format &&
+           builtFor_->color_range == frame.color_range && builtFor_->colorspace == frame.colorspace &&
+           builtFor_->color_primaries == frame.color_primaries && builtFor_->color_trc == frame.color_trc;
 }
 
 void VideoFilter::build(const AVFrame& frame) {
-    like_ = newFrame();
-    like_->width = frame.width;
-    like_->height = frame.height;
-    like_->format = frame.format;
-    like_->color_range = frame.color_range;
-    like_->colorspace = frame.colorspace;
-    like_->color_primaries = frame.color_primaries;
-    like_->color_trc = frame.color_trc;
+    builtFor_ = newFrame();
+    builtFor_->width = frame.width;
+    builtFor_->height = frame.height;
+    builtFor_->format = frame.format;
+    builtFor_->color_range = frame.color_range;
+    builtFor_->colorspace = frame.colorspace;
+    builtFor_->color_primaries = frame.color_primaries;
+    builtFor_->color_trc = frame.color_trc;
     if (shape_ == 0) {
         shape_ = static_cast<double>(frame.width) / frame.height;
     }
@@ -245,7 +245,7 @@ std::string VideoFilter::fittingChain(const AVFrame& frame, int width, int heigh
     if (target_.toneMapped && isHDR(frame.color_trc)) {
         chain = toneMapping(frame, inner);
     } else if (isHDR(target_.transfer) && frame.color_trc != target_.transfer) {
-        chain = widening(frame, inner);
+        chain = conversionToHDR(frame, inner);
     } else {
         chain = fmt::format("scale=w={}:h={}:flags=bicubic+accurate_rnd:out_range={}{}", innerWidth, innerHeight,
                             rangeName(target_.range), matrices(frame, target_));
@@ -305,7 +305,7 @@ std::string VideoFilter::chainFor(const AVFrame& frame) const {
                              "pad=w={0}:h={1}:x=(ow-iw)/2:y=(oh-ih)/2,",
                              width, height);
     }
-    chain += turning(target_);
+    chain += rotation(target_);
     chain += fmt::format("format=pix_fmts={},setsar=sar={}/{}", av_get_pix_fmt_name(target_.pixels),
                          target_.sampleAspect.num, target_.sampleAspect.den);
     return chain;

@@ -27,13 +27,13 @@ private:
     [[nodiscard]] std::string fittingChain(const AVFrame& frame, int width, int height) const;
     [[nodiscard]] std::string chainFor(const AVFrame& frame) const;
     void drain(const Sink& sink);
-    [[nodiscard]] bool sameKind(const AVFrame& frame) const;
+    [[nodiscard]] bool sameFormat(const AVFrame& frame) const;
 
     const VideoFormat target_;
     const AVRational timeBase_;
     bool deinterlaces_ = false;
-    double shape_ = 0;  // width to height of the first frame
-    FramePtr like_;     // properties of the frames that the graph was built for, without data
+    double shape_ = 0;   // width to height of the first frame
+    FramePtr builtFor_;  // properties of the frames that the graph was built for, without data
     FilterGraphPtr graph_;
     AVFilterContext* in_ = nullptr;
     AVFilterContext* out_ = nullptr;

@@ -170,7 +170,7 @@ bool displayedSideways(const AVStream& stream) {
     return matrix && clockwiseQuarterTurns(matrix) % 2 == 1;
 }
 
-void turnUpright(VideoFormat& format, const AVStream& stream) {
+void rotateUpright(VideoFormat& format, const AVStream& stream) {
     const std::int32_t* matrix = displayMatrix(stream);
     format.quarterTurns = matrix ? clockwiseQuarterTurns(matrix) : 0;
     format.mirrored = matrix && mirrors(matrix);
@@ -199,7 +199,7 @@ VideoFormat chooseVideoFormat(const VideoFormatRequest& request) {
     const std::int32_t* matrix = displayMatrix(request.stream);
     chooseSize(format, request, matrix && clockwiseQuarterTurns(matrix) % 2 == 1);
     if (matrix && !request.container.displayMatrix) {
-        turnUpright(format, request.stream);
+        rotateUpright(format, request.stream);
         if (format.quarterTurns % 2 == 1) {
             std::swap(format.width, format.height);
             if (format.sampleAspect.num > 0) {

@@ -43,7 +43,7 @@ struct VideoFormatRequest {
 [[nodiscard]] VideoFormat chooseVideoFormat(const VideoFormatRequest& request);
 
 /// Sets the rotation and mirroring that make a stream's frames upright.
-void turnUpright(VideoFormat& format, const AVStream& stream);
+void rotateUpright(VideoFormat& format, const AVStream& stream);
 
 /// Copies the format into the context of an encoder that is not open yet.
 void describe(const VideoFormat& format, AVCodecContext& encoder);

@@ -40,9 +40,9 @@ protected:
     }
     static void expectSameLength(const std::string& output) {
         const double length = Probe(source()).duration();
-        EXPECT_NEAR(Probe(output).duration(), length, kFrame + 0.025) << "the sound's last packet may be a part longer";
+        EXPECT_NEAR(Probe(output).duration(), length, kFrame + 0.025) << "the last audio packet may be padded";
     }
-    static void expectInStep(const std::string& output) {
+    static void expectInSync(const std::string& output) {
         if (!GetParam().audio) {
             return;
         }
@@ -57,7 +57,7 @@ TEST_P(Corpus, BecomesH264WithEveryFrameAtItsTime) {
     EXPECT_EQ(text(Probe(output).video(), "codec_name"), "h264");
     expectSameFrames(output.path());
     expectSameLength(output.path());
-    expectInStep(output.path());
+    expectInSync(output.path());
     EXPECT_TRUE(std::is_sorted(sink.fractions.begin(), sink.fractions.end()));
     EXPECT_EQ(sink.fractions.back(), 1);
 }
@@ -68,7 +68,7 @@ TEST_P(CorpusKept, ByOriginalWithEveryFrameAtItsTime) {
     const auto output = convert({.source = source(), .extension = "mkv", .type = 0});
     expectSameFrames(output.path());
     expectSameLength(output.path());
-    expectInStep(output.path());
+    expectInSync(output.path());
 }
 
 INSTANTIATE_TEST_SUITE_P(Every, Corpus,
@@ -87,14 +87,14 @@ INSTANTIATE_TEST_SUITE_P(Every, CorpusKept,
                                          Movie{"vp9.webm"}, Movie{"dv.dv"}, Movie{"variable.mkv", true, 2.04},
                                          Movie{"late-sound.mkv"}, Movie{"edited.mov"}));
 
-struct Turned {
+struct Rotated {
     const char* name;
     const char* backwards;  // the filter that turns the upright frame back into the stored one
 };
-void PrintTo(const Turned& turned, std::ostream* out) {
-    *out << turned.name;
+void PrintTo(const Rotated& rotated, std::ostream* out) {
+    *out << rotated.name;
 }
-class Portrait : public testing::TestWithParam<Turned> {};
+class Portrait : public testing::TestWithParam<Rotated> {};
 
 TEST_P(Portrait, IsShownUprightInEveryContainer) {
     const std::string source = corpus(GetParam().name);
@@ -109,9 +109,9 @@ TEST_P(Portrait, IsShownUprightInEveryContainer) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Every, Portrait,
-                         testing::Values(Turned{"phone-90.mp4", "transpose=clock"},
-                                         Turned{"phone-180.mp4", "hflip,vflip"},
-                                         Turned{"phone-270.mp4", "transpose=cclock"}));
+                         testing::Values(Rotated{"phone-90.mp4", "transpose=clock"},
+                                         Rotated{"phone-180.mp4", "hflip,vflip"},
+                                         Rotated{"phone-270.mp4", "transpose=cclock"}));
 
 TEST(Interlaced, IsDeinterlacedToTheTimesOfTheFirstFields) {
     const auto output = convert({.source = corpus("mpeg2.mpg"), .extension = "mp4", .type = 1});

@@ -176,7 +176,7 @@ TEST(EncodeFailure, AReadOnlyDestinationIsUnwritable) {
     RecordingSink sink;
     try {
         encode(request, sink);
-        ADD_FAILURE() << "it was written";
+        ADD_FAILURE() << "the conversion succeeded";
     } catch (const Failure& failure) {
         EXPECT_EQ(failure.cause, Cause::UnwritableDestination);
         EXPECT_EQ(failure.errorNumber, EINVAL);

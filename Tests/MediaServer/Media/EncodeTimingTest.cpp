@@ -9,34 +9,34 @@ namespace {
 
 constexpr double kFrame = 0.04;
 
-struct Road {
+struct Route {
     const char* source;
     const char* extension;
     std::int32_t type;
 };
 
-void PrintTo(const Road& one, std::ostream* out) {
+void PrintTo(const Route& one, std::ostream* out) {
     *out << one.source << " as type " << one.type << " to " << one.extension;
 }
 
-class Sync : public testing::TestWithParam<Road> {};
+class Sync : public testing::TestWithParam<Route> {};
 
 TEST_P(Sync, TheBeepStaysInSyncWithTheFlash) {
-    const Road& road = GetParam();
-    const auto output = convert({.source = testMedia(road.source), .extension = road.extension, .type = road.type});
+    const Route& route = GetParam();
+    const auto output = convert({.source = testMedia(route.source), .extension = route.extension, .type = route.type});
     EXPECT_NEAR(flashTime(output.path()), 1.0, kFrame);
     EXPECT_NEAR(beepTime(output.path()), 1.0, kFrame);
     EXPECT_NEAR(beepTime(output.path()) - flashTime(output.path()), 0, kFrame / 2);
 }
 
 INSTANTIATE_TEST_SUITE_P(Timing, Sync,
-                         testing::Values(Road{"flash.mov", "mov", 0}, Road{"flash.mov", "mp4", 1},
-                                         Road{"flash.mov", "mp4", 2}, Road{"flash.mov", "mkv", 0},
-                                         Road{"flash.mov", "mkv", 1}, Road{"flash.mov", "webm", 5},
-                                         Road{"flash.mov", "mov", 4}, Road{"flash.mov", "mp4", 6},
-                                         Road{"late.mkv", "mp4", 0}, Road{"late.mkv", "mp4", 1},
-                                         Road{"late.mkv", "mkv", 0}, Road{"late.mkv", "mkv", 1},
-                                         Road{"late.mkv", "mov", 4}, Road{"late.mkv", "webm", 5}));
+                         testing::Values(Route{"flash.mov", "mov", 0}, Route{"flash.mov", "mp4", 1},
+                                         Route{"flash.mov", "mp4", 2}, Route{"flash.mov", "mkv", 0},
+                                         Route{"flash.mov", "mkv", 1}, Route{"flash.mov", "webm", 5},
+                                         Route{"flash.mov", "mov", 4}, Route{"flash.mov", "mp4", 6},
+                                         Route{"late.mkv", "mp4", 0}, Route{"late.mkv", "mp4", 1},
+                                         Route{"late.mkv", "mkv", 0}, Route{"late.mkv", "mkv", 1},
+                                         Route{"late.mkv", "mov", 4}, Route{"late.mkv", "webm", 5}));
 
 TEST(Timing, LateAudioIsPaddedWithSilenceInContainersWithoutTimestamps) {
     for (const char* extension : {"wav", "mp3", "flac"}) {

@@ -106,7 +106,7 @@ TEST(Encode, FlattenCopiesWhateverTheTypeAndPutsTheIndexInFront) {
     const std::string bytes = readFile(output.path());
     EXPECT_LT(bytes.find("moov"), bytes.find("mdat"));
     const std::string before = readFile(testMedia("plain.mov"));
-    EXPECT_GT(before.find("moov"), before.find("mdat")) << "the source has to be one with its index behind";
+    EXPECT_GT(before.find("moov"), before.find("mdat")) << "the source must have its index at the end";
 }
 
 class FastStart : public testing::TestWithParam<const char*> {};

@@ -327,7 +327,7 @@ GreyFrame frameAt(const std::string& path, double time) {
     GreyFrame frame;
     int used = 0;
     if (std::sscanf(bytes.c_str(), "P5 %d %d 255%n", &frame.width, &frame.height, &used) != 2 || used == 0) {
-        throw std::runtime_error("no picture");
+        throw std::runtime_error("no frame");
     }
     for (auto i = static_cast<std::size_t>(used) + 1; i < bytes.size(); ++i) {
         frame.values.push_back(static_cast<unsigned char>(bytes[i]));
@@ -343,7 +343,7 @@ std::vector<int> shownFrame(const std::string& path) {
         values.push_back(static_cast<unsigned char>(byte));
     }
     if (values.size() != 256) {
-        throw std::runtime_error("no picture");
+        throw std::runtime_error("no frame");
     }
     return values;
 }

@@ -73,7 +73,7 @@ std::vector<int> shownColours(const std::string& path, int frame) {
         values.push_back(static_cast<unsigned char>(byte));
     }
     if (values.size() != 16 * 12 * 3) {
-        throw std::runtime_error("no picture");
+        throw std::runtime_error("no frame");
     }
     return values;
 }

@@ -136,7 +136,7 @@ TEST(Range, OtherValuesAreOutOfRangeAndNamed) {
     for (const float value : {-0.5F, 1.5F, Limits::infinity(), -Limits::infinity(), Limits::quiet_NaN(), -1e-30F}) {
         try {
             checkRange("quality", value, 0, 1);
-            ADD_FAILURE() << value << " was taken";
+            ADD_FAILURE() << value << " was accepted";
         } catch (const Failure& failure) {
             EXPECT_EQ(failure.cause, FailureCause::ValueOutOfRange);
             EXPECT_EQ(failure.subject, fmt::format("quality {}", value));

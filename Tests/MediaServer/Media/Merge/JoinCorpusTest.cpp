@@ -15,7 +15,7 @@ namespace krv::media::test {
 namespace {
 
 constexpr double kFrame = 0.04;
-constexpr double kInStep = 0.02;
+constexpr double kInSync = 0.02;
 
 struct Movie {
     const char* name;
@@ -36,10 +36,10 @@ TEST_P(JoinedCorpus, FollowsAnotherMovieInSync) {
     EXPECT_NEAR(probe.duration(), 6 + length, 2 * kFrame);
     EXPECT_NEAR(number(probe.video(), "nb_read_frames"), (6 + length) * 25, 2);
     EXPECT_NEAR(flashTime(output.path()), 2, kFrame / 2);
-    EXPECT_NEAR(beepTime(output.path()), 2, kInStep);
+    EXPECT_NEAR(beepTime(output.path()), 2, kInSync);
     if (GetParam().beeps) {
         const double flash = flashTime(output.path(), 5);
-        EXPECT_NEAR(beepTime(output.path(), 5) - flash, 2 - GetParam().flash, kInStep);
+        EXPECT_NEAR(beepTime(output.path(), 5) - flash, 2 - GetParam().flash, kInSync);
         EXPECT_NEAR(flash, 6 + GetParam().flash, 2 * kFrame);
     }
     ASSERT_EQ(probe.all().at("chapters").size(), 2U);
@@ -82,7 +82,7 @@ TEST_P(MixedCorpus, KeepsEveryFrameAndTheAudioInSync) {
     EXPECT_EQ(frameNumbers(output.path()), frameNumbers(source));
     EXPECT_NEAR(probe.duration(), Probe(source).duration(), kFrame + 0.025);
     if (GetParam().beeps) {
-        EXPECT_NEAR(beepTime(output.path()) - flashTime(output.path()), 0, kInStep);
+        EXPECT_NEAR(beepTime(output.path()) - flashTime(output.path()), 0, kInSync);
     }
     EXPECT_TRUE(std::is_sorted(sink.fractions.begin(), sink.fractions.end()));
     EXPECT_EQ(sink.fractions.back(), 1);

@@ -9,7 +9,7 @@ namespace krv::media::test {
 namespace {
 
 constexpr double kFrame = 0.04;
-constexpr double kInStep = 0.02;
+constexpr double kInSync = 0.02;
 constexpr double kTone = 440;
 
 double lengthOf(const OutputPath& output, const char* type) {
@@ -40,7 +40,7 @@ TEST(Merge, CopiesStayInSync) {
         for (int i = 0; i < 4; ++i) {
             const double flash = flashTime(output.path(), 2 * i + 0.5);
             EXPECT_NEAR(flash, 2 * i + 1, kFrame);
-            EXPECT_NEAR(beepTime(output.path(), 2 * i + 0.5) - flash, 0, kInStep) << extension << i;
+            EXPECT_NEAR(beepTime(output.path(), 2 * i + 0.5) - flash, 0, kInSync) << extension << i;
         }
     }
 }
@@ -66,7 +66,7 @@ TEST_P(MergeSync, TheLastBeepStaysInSyncWithTheLastFlash) {
     const auto output = join(sources, extension);
     const double flash = flashTime(output.path(), last + 0.5);
     EXPECT_NEAR(flash, last + 1, kFrame);
-    EXPECT_NEAR(beepTime(output.path(), last + 0.5) - flash, 0, kInStep);
+    EXPECT_NEAR(beepTime(output.path(), last + 0.5) - flash, 0, kInSync);
     EXPECT_EQ(number(Probe(output).video(), "nb_read_frames"), frames);
     EXPECT_EQ(frameTimes(output.path()).size(), static_cast<std::size_t>(frames));
 }
@@ -95,7 +95,7 @@ TEST(Merge, ManyShortClipsDoNotDriftApart) {
     const double begin = 6 * (film.duration() + fast.duration());
     const double flash = flashTime(output.path(), begin + 0.5);
     EXPECT_NEAR(flash, begin + 1, 2 * kFrame);
-    EXPECT_NEAR(beepTime(output.path(), begin + 0.5) - flash, 0, kInStep);
+    EXPECT_NEAR(beepTime(output.path(), begin + 0.5) - flash, 0, kInSync);
     EXPECT_NEAR(Probe(output).duration(), begin + 2, 0.1);
 }
 
@@ -109,7 +109,7 @@ TEST(Merge, ManyCopiesOfAnOddLengthDoNotDriftApart) {
         const double flash = flashTime(output.path(), begin + 0.5);
         const double before = beepTime(testMedia("film.mov")) - flashTime(testMedia("film.mov"));
         EXPECT_NEAR(flash - begin, flashTime(testMedia("film.mov")), 0.002) << extension;
-        EXPECT_NEAR(beepTime(output.path(), begin + 0.5) - flash, before, kInStep) << extension;
+        EXPECT_NEAR(beepTime(output.path(), begin + 0.5) - flash, before, kInSync) << extension;
     }
 }
 
