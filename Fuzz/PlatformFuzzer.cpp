@@ -38,14 +38,19 @@ void attackSocketDiagnostics(std::span<const std::byte> bytes) {
     }
     std::memcpy(&sequence, bytes.data(), sizeof sequence);
     const auto reply = bytes.subspan(sizeof sequence);
-    const auto owner = krv::ownerFromReply(reply, sequence);
+    // The ends are those of the reply in the seeds.
+    const auto local = *krv::SocketEnd::from("127.0.0.1", 8000);
+    const auto remote = krv::SocketEnd::from("127.0.0.1", 40000);
+    const auto owner = krv::ownerFromReply(reply, local, remote, sequence);
     if (!owner) {
+        (void)krv::ownerFromReply(reply, local, std::nullopt, sequence);
         return;
     }
     constexpr std::size_t kLeast = sizeof(nlmsghdr) + sizeof(inet_diag_msg);
     require(reply.size() >= kLeast);
-    require(!krv::ownerFromReply(reply.first(kLeast - 1), sequence));
-    require(!krv::ownerFromReply(reply, sequence + 1));
+    require(!krv::ownerFromReply(reply.first(kLeast - 1), local, remote, sequence));
+    require(!krv::ownerFromReply(reply, local, remote, sequence + 1));
+    require(!krv::ownerFromReply(reply, local, std::nullopt, sequence));
 }
 
 /// The result must be text, and the same if white space follows the list.

@@ -41,10 +41,9 @@ int openTerminationSignals() {
 
 /// Each connection needs a descriptor, and the server must handle a thousand of them.
 void allowManyDescriptors() {
-    constexpr rlim_t kEnough = 4096;
     rlimit limit{};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < kEnough) {
-        limit.rlim_cur = std::min(limit.rlim_max, kEnough);
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
         ::setrlimit(RLIMIT_NOFILE, &limit);
     }
 }

@@ -129,7 +129,7 @@ struct HTTPFront::Internals {
             const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
             auto* const opened = new Connection;
             opened->socket = info ? info->connect_fd : -1;
-            opened->peerIsUser = info && peerBelongsToThisUser(info->connect_fd);
+            opened->peerIsUser = info && clientBelongsToThisUser(info->connect_fd);
             *context = opened;
             const LockGuard lock(self.mutex);
             self.connections.insert(opened);

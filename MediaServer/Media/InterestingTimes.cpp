@@ -26,7 +26,10 @@ bool readAt(int descriptor, std::int64_t offset, std::span<std::byte> bytes) {
         if (got < 0 && errno == EINTR) {
             continue;
         }
-        if (got <= 0) {
+        if (got < 0) {
+            throw Failure({.cause = FailureCause::UnreadableSource, .errorNumber = errno});
+        }
+        if (got == 0) {
             return false;
         }
         bytes = bytes.subspan(static_cast<std::size_t>(got));

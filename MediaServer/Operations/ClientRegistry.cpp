@@ -6,12 +6,20 @@
 
 namespace krv::server {
 
-std::optional<ClientKey> ClientRegistry::identify(std::int64_t pid) const {
+std::optional<ClientKey> ClientRegistry::identify(std::int64_t pid, bool* undecided) const {
     if (pid <= 0 || pid > std::numeric_limits<pid_t>::max()) {
         return std::nullopt;
     }
     const auto process = processes_.process(static_cast<pid_t>(pid));
-    if (!process || process->user != ::getuid()) {
+    if (!process) {
+        // No process has started at the beginning of time, so this asks only whether there is one, and whether the table
+        // can be read.
+        if (undecided) {
+            *undecided = !processes_.hasExited(static_cast<pid_t>(pid), 0);
+        }
+        return std::nullopt;
+    }
+    if (process->user != ::getuid()) {
         return std::nullopt;
     }
     return ClientKey{process->pid, process->startTime};
@@ -48,10 +56,7 @@ std::vector<ClientKey> ClientRegistry::removeDead() {
             all.push_back(client);
         }
     }
-    std::erase_if(all, [this](const ClientKey& client) {
-        const auto process = processes_.process(client.pid);
-        return process && process->startTime == client.startTime;
-    });
+    std::erase_if(all, [this](const ClientKey& client) { return !processes_.hasExited(client.pid, client.startTime); });
     const LockGuard lock(mutex_);
     for (const ClientKey& dead : all) {
         clients_.erase(dead);

@@ -25,8 +25,9 @@ public:
     explicit ClientRegistry(const ProcessTable& processes = ProcessTable::system())
         : processes_(processes) {}
 
-    /// Returns the living process of this user with that id, or nothing.
-    [[nodiscard]] std::optional<ClientKey> identify(std::int64_t pid) const;
+    /// Returns the living process of this user with that id, or nothing. undecided: set if there may be such a process, but
+    /// the process table cannot be read (this process is out of descriptors).
+    [[nodiscard]] std::optional<ClientKey> identify(std::int64_t pid, bool* undecided = nullptr) const;
 
     void setRegistered(const ClientKey& client, bool registered);
     [[nodiscard]] bool isRegistered(const ClientKey& client) const;
@@ -35,7 +36,7 @@ public:
     /// Removes a process that has not registered. Call this when none of its operations is known any more.
     void forgetUnlessRegistered(const ClientKey& client);
 
-    /// Removes the clients that have exited and returns them.
+    /// Removes the clients that are known to have exited and returns them.
     [[nodiscard]] std::vector<ClientKey> removeDead();
     [[nodiscard]] std::vector<pid_t> registeredPids() const;
     [[nodiscard]] bool empty() const;

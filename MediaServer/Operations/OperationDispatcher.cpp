@@ -92,8 +92,11 @@ void OperationDispatcher::refuse(const Ref& request, const Reply& reply, const F
 
 std::optional<ClientKey> OperationDispatcher::clientOf(const Ref& request, const Reply& reply) {
     const Value pid = request->regInfoPID();
-    auto client = pid.kind() == Value::Kind::Integer ? clients_.identify(pid.integerValue()) : std::nullopt;
-    if (!client) {
+    bool undecided = false;
+    auto client = pid.kind() == Value::Kind::Integer ? clients_.identify(pid.integerValue(), &undecided) : std::nullopt;
+    if (undecided) {
+        refuse(request, reply, {.cause = FailureCause::OutOfDescriptors});
+    } else if (!client) {
         refuse(request, reply, {.cause = FailureCause::NotAProcess, .subject = pid.description()});
     }
     return client;

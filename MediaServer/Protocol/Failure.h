@@ -13,6 +13,7 @@ enum class FailureCause {
     // Code 1.
     ShuttingDown,
     QueueFull,
+    OutOfDescriptors,
     // Code 2.
     UnknownOperation,  ///< subject: the identifier
     // Code 3. errorNumber is set.

@@ -4,8 +4,8 @@
 
 namespace krv {
 
-/// Returns whether the peer of a connected loopback socket runs as our user, according to the kernel (sock_diag). False
-/// if the query fails. Thread-safe.
-[[nodiscard]] KRV_EXPORT bool peerBelongsToThisUser(int socket);
+/// Returns whether the client of an accepted loopback connection runs as our user, according to the kernel (sock_diag).
+/// False if the query fails, or if the client has already closed its socket. Thread-safe.
+[[nodiscard]] KRV_EXPORT bool clientBelongsToThisUser(int socket);
 
 }  // namespace krv

@@ -29,6 +29,9 @@ class KRV_EXPORT ProcessTable {
 public:
     virtual ~ProcessTable();
     [[nodiscard]] virtual std::optional<ProcessInfo> process(pid_t pid) const = 0;
+    /// Returns whether the process that had this pid and start time is known to have exited. Zombies have. False if the
+    /// table cannot be read, for instance because this process is out of descriptors.
+    [[nodiscard]] virtual bool hasExited(pid_t pid, std::uint64_t startTime) const = 0;
     /// Returns all processes in ascending order of pid. Processes that exit during the call may be missing.
     [[nodiscard]] virtual std::vector<ProcessInfo> processes() const = 0;
 

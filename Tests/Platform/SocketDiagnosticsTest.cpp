@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <KRVQTProcessClient/Platform/Linux/SocketDiagnostics.h>
+#include <KRVQTProcessClient/Platform/PeerUser.h>
 
 namespace krv {
 namespace {
@@ -29,13 +30,20 @@ Reply goodReply() {
     reply.header.nlmsg_len = sizeof reply;
     reply.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
     reply.header.nlmsg_seq = kSequence;
+    reply.message.idiag_family = AF_INET;
+    reply.message.idiag_state = 1;  // connected
+    reply.message.id.idiag_sport = htons(8000);
+    reply.message.id.idiag_src[0] = htonl(INADDR_LOOPBACK);
+    reply.message.id.idiag_dport = htons(40000);
+    reply.message.id.idiag_dst[0] = htonl(INADDR_LOOPBACK);
     reply.message.idiag_uid = 1000;
     reply.message.idiag_inode = 4711;
     return reply;
 }
 
 std::optional<SocketOwner> owner(const Reply& reply, std::size_t size = sizeof(Reply)) {
-    return ownerFromReply(std::as_bytes(std::span(&reply, 1)).first(size), kSequence);
+    return ownerFromReply(std::as_bytes(std::span(&reply, 1)).first(size), *SocketEnd::from("127.0.0.1", 8000),
+                          SocketEnd::from("127.0.0.1", 40000), kSequence);
 }
 
 TEST(SocketEnd, IsParsedFromANumericAddressAndAPort) {
@@ -105,6 +113,52 @@ TEST(OwnerFromReply, IsEmptyForAnErrorAndForAReplyToAnotherQuery) {
     EXPECT_EQ(owner(reply), std::nullopt);
 }
 
+TEST(OwnerFromReply, IsEmptyForAnotherSocketThanTheOneAskedFor) {
+    Reply reply = goodReply();
+    reply.message.idiag_state = 10;  // a listener, which the kernel reports if there is no such connection
+    EXPECT_EQ(owner(reply), std::nullopt);
+    reply = goodReply();
+    reply.message.id.idiag_sport = htons(8001);
+    EXPECT_EQ(owner(reply), std::nullopt);
+    reply = goodReply();
+    reply.message.id.idiag_dport = htons(40001);
+    EXPECT_EQ(owner(reply), std::nullopt);
+    reply = goodReply();
+    reply.message.id.idiag_src[0] = htonl(INADDR_ANY);
+    EXPECT_EQ(owner(reply), std::nullopt);
+    reply = goodReply();
+    reply.message.id.idiag_dst[0] = htonl(INADDR_LOOPBACK + 1);
+    EXPECT_EQ(owner(reply), std::nullopt);
+    reply = goodReply();
+    reply.message.idiag_family = AF_INET6;
+    EXPECT_EQ(owner(reply), std::nullopt);
+}
+
+TEST(OwnerFromReply, AcceptsMappedAddressesOfASocketForBothFamilies) {
+    Reply reply = goodReply();
+    reply.message.idiag_family = AF_INET6;
+    for (auto* const address : {reply.message.id.idiag_src, reply.message.id.idiag_dst}) {
+        address[0] = address[1] = 0;
+        address[2] = htonl(0xFFFF);
+        address[3] = htonl(INADDR_LOOPBACK);
+    }
+    EXPECT_EQ(owner(reply), (SocketOwner{1000, true}));
+}
+
+TEST(OwnerFromReply, OfAListenerNeedsItsPortAndItsState) {
+    Reply reply = goodReply();
+    const auto listener = [&] {
+        return ownerFromReply(std::as_bytes(std::span(&reply, 1)), *SocketEnd::from("127.0.0.1", 8000), std::nullopt,
+                              kSequence);
+    };
+    EXPECT_EQ(listener(), std::nullopt);
+    reply.message.idiag_state = 10;
+    reply.message.id.idiag_src[0] = htonl(INADDR_ANY);
+    EXPECT_EQ(listener(), (SocketOwner{1000, true}));
+    reply.message.id.idiag_sport = htons(8001);
+    EXPECT_EQ(listener(), std::nullopt);
+}
+
 TEST(OwnerFromReply, IsEmptyForALengthThatDoesNotFit) {
     Reply reply = goodReply();
     for (const std::uint32_t length : {0U, 16U, static_cast<std::uint32_t>(sizeof reply) - 1,
@@ -149,7 +203,8 @@ public:
 
     [[nodiscard]] bool isMade() const { return made_; }
     void accept() { accepted_ = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC); }
-    [[nodiscard]] bool peerIsOurs() const { return peerBelongsToThisUser(*local_, *peer_); }
+    [[nodiscard]] bool serverIsOurs() const { return serverBelongsToThisUser(*local_, *peer_); }
+    [[nodiscard]] bool clientIsOurs() const { return clientBelongsToThisUser(*peer_, *local_); }
 
 private:
     int listener_ = -1;
@@ -168,9 +223,10 @@ std::string addressesNotTakenForOurs() {
         if (!connection.isMade()) {
             continue;  // a machine without IPv6
         }
-        wrong += connection.peerIsOurs() ? "" : std::string(address) + " before it is accepted; ";
+        wrong += connection.serverIsOurs() ? "" : std::string(address) + " before it is accepted; ";
         connection.accept();
-        wrong += connection.peerIsOurs() ? "" : std::string(address) + " after it is accepted; ";
+        wrong += connection.serverIsOurs() ? "" : std::string(address) + " after it is accepted; ";
+        wrong += connection.clientIsOurs() ? "" : std::string(address) + " as a client; ";
     }
     return wrong;
 }
@@ -194,7 +250,53 @@ TEST(PeerOwnership, HoldsForAUserWithoutPrivileges) {
 }
 
 TEST(PeerOwnership, AMissingSocketBelongsToNobody) {
-    EXPECT_FALSE(peerBelongsToThisUser(*SocketEnd::from("127.0.0.1", 1), *SocketEnd::from("127.0.0.1", 2)));
+    const auto one = *SocketEnd::from("127.0.0.1", 1);
+    const auto two = *SocketEnd::from("127.0.0.1", 2);
+    EXPECT_FALSE(serverBelongsToThisUser(one, two));
+    EXPECT_FALSE(clientBelongsToThisUser(one, two));
+}
+
+/// Opens a TCP socket with SO_REUSEADDR that is bound to an IPv4 address, in host byte order, and a port, 0 for any.
+/// Returns the port.
+std::uint16_t openBound(int& socket, std::uint32_t address, std::uint16_t port) {
+    socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int on = 1;
+    ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_in here{};
+    here.sin_family = AF_INET;
+    here.sin_port = htons(port);
+    here.sin_addr.s_addr = htonl(address);
+    socklen_t size = sizeof here;
+    EXPECT_EQ(::bind(socket, reinterpret_cast<const sockaddr*>(&here), size), 0);
+    EXPECT_EQ(::getsockname(socket, reinterpret_cast<sockaddr*>(&here), &size), 0);
+    return ntohs(here.sin_port);
+}
+
+TEST(PeerOwnership, AClientThatHasClosedIsNotTakenForAListenerOnItsPort) {
+    // Another user binds a port of another loopback address, waits until a program of ours listens on that port of every
+    // address, connects, sends a request and closes at once.
+    constexpr std::uint32_t kOtherLoopback = INADDR_LOOPBACK + 0x100;
+    int client = -1;
+    int server = -1;
+    int ours = -1;
+    const std::uint16_t clientPort = openBound(client, kOtherLoopback, 0);
+    openBound(ours, INADDR_ANY, clientPort);
+    ASSERT_EQ(::listen(ours, 1), 0);
+    const std::uint16_t serverPort = openBound(server, INADDR_LOOPBACK, 0);
+    ASSERT_EQ(::listen(server, 1), 0);
+    sockaddr_in there{};
+    there.sin_family = AF_INET;
+    there.sin_port = htons(serverPort);
+    there.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::connect(client, reinterpret_cast<const sockaddr*>(&there), sizeof there), 0);
+    const int accepted = ::accept4(server, nullptr, nullptr, SOCK_CLOEXEC);
+    ASSERT_GE(accepted, 0);
+    EXPECT_TRUE(clientBelongsToThisUser(accepted));
+    ::close(client);
+    EXPECT_FALSE(clientBelongsToThisUser(accepted));
+    for (const int socket : {accepted, server, ours}) {
+        ::close(socket);
+    }
 }
 
 /// Listens on a free port of an address until it is destroyed.

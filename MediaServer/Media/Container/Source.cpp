@@ -47,7 +47,7 @@ int refuseToOpen(AVFormatContext*, AVIOContext**, const char*, int, AVDictionary
 std::int64_t checkedSize(int descriptor) {
     struct stat status {};
     if (fstat(descriptor, &status) != 0) {
-        throw Failure({.cause = FailureCause::Damaged, .reason = std::strerror(errno), .errorNumber = errno});
+        throw Failure({.cause = FailureCause::UnreadableSource, .errorNumber = errno});
     }
     if (S_ISDIR(status.st_mode)) {
         throw Failure({.cause = FailureCause::SourceIsFolder});
@@ -68,8 +68,10 @@ Source::Source(int descriptor, const std::string& path, Progress& progress)
     , io_(descriptor, DescriptorIO::Mode::Read, [&progress](std::int64_t) { progress.alive(); }) {
     try {
         open(path);
+        throwIfUnreadable();
     } catch (...) {
         avformat_close_input(&format_);
+        throwIfUnreadable();  // which explains any other failure
         throw;
     }
 }
@@ -112,6 +114,12 @@ void Source::open(const std::string& path) {
     lastDts_.resize(format_->nb_streams);
 }
 
+void Source::throwIfUnreadable() const {
+    if (const int errorNumber = io_.errorNumber()) {
+        throw Failure({.cause = FailureCause::UnreadableSource, .errorNumber = errorNumber});
+    }
+}
+
 void Source::select(const std::vector<std::size_t>& indices) {
     for (std::size_t i = 0; i < format_->nb_streams; ++i) {
         const bool wanted = std::find(indices.begin(), indices.end(), i) != indices.end();
@@ -124,7 +132,9 @@ bool Source::seek(std::size_t index, std::int64_t time) {
     // Times before and after the seek must not be compared.
     std::fill(lastDts_.begin(), lastDts_.end(), std::nullopt);
     discontinuity_ = 0;
-    return av_seek_frame(format_, static_cast<int>(index), there, AVSEEK_FLAG_BACKWARD) >= 0;
+    const int result = av_seek_frame(format_, static_cast<int>(index), there, AVSEEK_FLAG_BACKWARD);
+    throwIfUnreadable();
+    return result >= 0;
 }
 
 bool Source::rewind() {
@@ -136,7 +146,9 @@ bool Source::rewind() {
     }
     std::fill(lastDts_.begin(), lastDts_.end(), std::nullopt);
     discontinuity_ = 0;
-    return av_seek_frame(format_, -1, 0, AVSEEK_FLAG_BYTE) >= 0;
+    const int result = av_seek_frame(format_, -1, 0, AVSEEK_FLAG_BYTE);
+    throwIfUnreadable();
+    return result >= 0;
 }
 
 void Source::readTimesOnly() noexcept {
@@ -148,7 +160,9 @@ bool Source::read(AVPacket& packet) {
     for (int failures = 0; failures < kReadAttempts;) {
         av_packet_unref(&packet);
         const int result = av_read_frame(format_, &packet);
-        if (result == AVERROR_EOF || (result < 0 && io_.errorNumber() != 0)) {
+        // A demuxer may return part of a packet, skip the bad bytes, or end as if the file ended there.
+        throwIfUnreadable();
+        if (result == AVERROR_EOF) {
             return false;
         }
         if (result < 0) {

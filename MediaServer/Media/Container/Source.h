@@ -21,7 +21,7 @@ public:
     /// Reads the headers. Borrows the descriptor, which must be readable and seekable. Uses only the path's extension,
     /// as a hint for formats that cannot be recognised by their content.
     /// Throws Failure: SourceIsFolder, SourceIsNotAFile, SourceIsEmpty, UnknownFormat, RefersToOtherFiles, Damaged,
-    /// NeedsTooMuchMemory or NoTracks.
+    /// NeedsTooMuchMemory or NoTracks. Every function that reads throws UnreadableSource after a read error.
     Source(int descriptor, const std::string& path, Progress& progress);
     ~Source();
     Source(const Source&) = delete;
@@ -68,6 +68,8 @@ public:
 
 private:
     void open(const std::string& path);
+    /// Throws Failure UnreadableSource if any transfer has failed so far.
+    void throwIfUnreadable() const;
     void fixDiscontinuity(AVPacket& packet);
 
     std::int64_t size_ = 0;

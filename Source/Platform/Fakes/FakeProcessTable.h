@@ -16,6 +16,10 @@ public:
         const auto place = processes_.find(pid);
         return place == processes_.end() ? std::nullopt : std::optional(place->second);
     }
+    [[nodiscard]] bool hasExited(pid_t pid, std::uint64_t startTime) const override {
+        const auto info = process(pid);
+        return !info || info->startTime != startTime;
+    }
     [[nodiscard]] std::vector<ProcessInfo> processes() const override {
         std::vector<ProcessInfo> all;
         for (const auto& [pid, info] : processes_) {

@@ -162,7 +162,7 @@ int CurlConnection::aboutToSend(void* data, char* peer, char* local, int peerPor
     const auto localEnd = SocketEnd::from(local, localPort);
     exchange.foreignPeer = true;
     try {
-        exchange.foreignPeer = !peerEnd || !localEnd || !peerBelongsToThisUser(*localEnd, *peerEnd);
+        exchange.foreignPeer = !peerEnd || !localEnd || !serverBelongsToThisUser(*localEnd, *peerEnd);
     } catch (const std::bad_alloc&) {
         exchange.noMemory = true;
     }

@@ -29,10 +29,10 @@ std::optional<SocketEnd> endOf(int socket, NameFunction name) {
 
 }  // namespace
 
-bool peerBelongsToThisUser(int socket) {
+bool clientBelongsToThisUser(int socket) {
     const auto ours = endOf(socket, &::getsockname);
     const auto theirs = endOf(socket, &::getpeername);
-    return ours && theirs && peerBelongsToThisUser(*ours, *theirs);
+    return ours && theirs && clientBelongsToThisUser(*ours, *theirs);
 }
 
 }  // namespace krv

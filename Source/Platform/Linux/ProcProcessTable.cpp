@@ -1,5 +1,7 @@
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
+#include <csignal>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -42,6 +44,15 @@ public:
                            parsed->startTime};
     }
 
+    [[nodiscard]] bool hasExited(pid_t pid, std::uint64_t startTime) const override {
+        if (::kill(pid, 0) != 0 && errno == ESRCH) {
+            return true;
+        }
+        const auto text = readSmallFile(fmt::format("/proc/{}/stat", pid), kLongestStat);
+        const auto parsed = text ? parseProcessStat(*text) : std::nullopt;
+        return parsed && (isDeadState(parsed->state) || parsed->startTime != startTime);
+    }
+
     [[nodiscard]] std::vector<ProcessInfo> processes() const override {
         std::vector<pid_t> pids;
         if (DIR* const folder = ::opendir("/proc")) {
@@ -72,6 +83,9 @@ public:
     [[nodiscard]] std::optional<ProcessInfo> process(pid_t pid) const override {
         auto info = system().process(pid);
         return info && isOurs(*info) ? std::move(info) : std::nullopt;
+    }
+    [[nodiscard]] bool hasExited(pid_t pid, std::uint64_t startTime) const override {
+        return system().hasExited(pid, startTime);
     }
     [[nodiscard]] std::vector<ProcessInfo> processes() const override {
         auto all = system().processes();

@@ -1,5 +1,6 @@
 #include "SocketDiagnostics.h"
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 
@@ -14,6 +15,25 @@ namespace {
 
 /// All socket states, as bits. An exact look-up ignores them, but the query must contain some.
 constexpr std::uint32_t kAnyState = std::numeric_limits<std::uint32_t>::max();
+
+/// The kernel's number of the state in which a socket listens.
+constexpr std::uint8_t kListening = 10;
+
+/// Returns whether an address of a reply is that of the end. A socket for both families reports IPv4 addresses as mapped
+/// IPv6 addresses.
+bool isAddressOf(const __be32 (&reported)[4], int family, const SocketEnd& end) {
+    const auto bytes = std::as_bytes(std::span(reported));
+    if (end.family == AF_INET6) {
+        return family == AF_INET6 && std::equal(bytes.begin(), bytes.end(), end.address.begin());
+    }
+    constexpr std::size_t kIPv4Size = 4;
+    const bool mapped = family == AF_INET6 && reported[0] == 0 && reported[1] == 0 && reported[2] == htonl(0xFFFF);
+    if (family != AF_INET && !mapped) {
+        return false;
+    }
+    const auto address = family == AF_INET ? bytes.first(kIPv4Size) : bytes.last(kIPv4Size);
+    return std::equal(address.begin(), address.end(), end.address.begin());
+}
 
 /// Reads a structure from the start of the bytes, which need not be aligned.
 template <typename T>
@@ -70,12 +90,21 @@ std::vector<std::byte> socketQuery(const SocketEnd& local, const std::optional<S
     return {bytes.begin(), bytes.end()};
 }
 
-std::optional<SocketOwner> ownerFromReply(std::span<const std::byte> reply, std::uint32_t sequence) {
+std::optional<SocketOwner> ownerFromReply(std::span<const std::byte> reply, const SocketEnd& local,
+                                          const std::optional<SocketEnd>& remote, std::uint32_t sequence) {
     const std::size_t size = reply.size();
     nlmsghdr header{};
     inet_diag_msg message{};
     if (!read(reply, header) || header.nlmsg_type != SOCK_DIAG_BY_FAMILY || header.nlmsg_seq != sequence ||
         header.nlmsg_len > size || header.nlmsg_len < NLMSG_LENGTH(sizeof message) || !read(reply, message)) {
+        return std::nullopt;
+    }
+    const inet_diag_sockid& id = message.id;
+    if (id.idiag_sport != local.port || (message.idiag_state == kListening) == remote.has_value()) {
+        return std::nullopt;
+    }
+    if (remote && (id.idiag_dport != remote->port || !isAddressOf(id.idiag_src, message.idiag_family, local) ||
+                   !isAddressOf(id.idiag_dst, message.idiag_family, *remote))) {
         return std::nullopt;
     }
     return SocketOwner{message.idiag_uid, message.idiag_inode != 0};

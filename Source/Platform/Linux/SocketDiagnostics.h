@@ -36,13 +36,23 @@ struct SocketOwner {
 [[nodiscard]] std::vector<std::byte> socketQuery(const SocketEnd& local, const std::optional<SocketEnd>& remote,
                                                  std::uint32_t sequence);
 
-/// Parses the reply to the query of that sequence number. Empty for an error, for "no such socket" and for malformed
+/// Parses the reply to socketQuery(local, remote, sequence). Empty for an error, for "no such socket" and for malformed
 /// bytes.
-[[nodiscard]] std::optional<SocketOwner> ownerFromReply(std::span<const std::byte> reply, std::uint32_t sequence);
+///
+/// Also empty if the reply is about another socket. If no connection has these two ends, the kernel answers with a socket
+/// that listens on `local`, whose owner says nothing about the connection.
+[[nodiscard]] std::optional<SocketOwner> ownerFromReply(std::span<const std::byte> reply, const SocketEnd& local,
+                                                        const std::optional<SocketEnd>& remote, std::uint32_t sequence);
 
-/// Returns whether the peer of a connection on this machine belongs to this process's user. `local` is this process's
-/// end. False if the query fails.
-[[nodiscard]] bool peerBelongsToThisUser(const SocketEnd& local, const SocketEnd& peer);
+/// Returns whether the server to which this process has connected runs as this process's user. `local` is this process's
+/// end. The server may not have accepted the connection yet; then the owner of the listening socket counts. False if the
+/// query fails.
+[[nodiscard]] bool serverBelongsToThisUser(const SocketEnd& local, const SocketEnd& server);
+
+/// Returns whether the client of a connection that this process has accepted runs as this process's user. `local` is this
+/// process's end. False if the query fails, and if the client has closed its socket: then nobody can tell whose it was.
+/// The client has chosen its port, so a listener on that port proves nothing.
+[[nodiscard]] bool clientBelongsToThisUser(const SocketEnd& local, const SocketEnd& client);
 
 /// Returns whether a process of this process's user listens on the port and can be reached there over loopback. Queries
 /// a single socket, because reading the kernel's whole table takes milliseconds, and this is called every second.

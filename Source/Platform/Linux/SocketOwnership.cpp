@@ -43,8 +43,9 @@ public:
             socklen_t size = sizeof sender;
             count = ::recvfrom(socket_, reply.data(), reply.size(), 0, reinterpret_cast<sockaddr*>(&sender), &size);
         } while ((count < 0 && errno == EINTR) || (count >= 0 && sender.nl_pid != 0));
-        return count < 0 ? std::nullopt
-                         : ownerFromReply(std::span(reply).first(static_cast<std::size_t>(count)), sequence_);
+        return count < 0
+                   ? std::nullopt
+                   : ownerFromReply(std::span(reply).first(static_cast<std::size_t>(count)), local, remote, sequence_);
     }
 
 private:
@@ -58,15 +59,19 @@ bool isOurs(const std::optional<SocketOwner>& owner) {
 
 }  // namespace
 
-bool peerBelongsToThisUser(const SocketEnd& local, const SocketEnd& peer) {
+// Both ends of a loopback connection are sockets of this machine, so query the peer's socket with the ends swapped.
+
+bool serverBelongsToThisUser(const SocketEnd& local, const SocketEnd& server) {
     DiagnosticsSocket diagnostics;
-    // Both ends of a loopback connection are sockets of this machine, so query the peer's socket with the ends swapped.
-    auto owner = diagnostics.ask(peer, local);
+    auto owner = diagnostics.ask(server, local);
     if (owner && !owner->held) {
-        // The server has not accepted the connection yet. It belongs to the owner of the listening socket.
-        owner = diagnostics.ask(peer, std::nullopt);
+        owner = diagnostics.ask(server, std::nullopt);  // not accepted yet
     }
     return isOurs(owner);
+}
+
+bool clientBelongsToThisUser(const SocketEnd& local, const SocketEnd& client) {
+    return isOurs(DiagnosticsSocket().ask(client, local));
 }
 
 bool userListensOnPort(std::uint16_t port) {

@@ -1,6 +1,7 @@
 // Every type of operation, as a client sends it. The operations are carried out by the test.
 #include <future>
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -78,6 +79,16 @@ TEST_F(Dispatcher, RefusesARequestThatNamesNoLivingProcess) {
         EXPECT_FALSE(reply->isClientRegistered());
     }
     EXPECT_TRUE(clients.empty());
+}
+
+TEST_F(Dispatcher, RefusesWithCodeOneWhenItCannotLookTheClientUp) {
+    rlimit before{};
+    ::getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none{0, before.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &none);
+    const R::Ref reply = ask(encode());
+    ::setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(codeOf(reply), 1);
 }
 
 TEST_F(Dispatcher, CountsAndNamesOperationsInOrder) {
