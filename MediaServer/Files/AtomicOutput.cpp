@@ -11,8 +11,10 @@
 
 #include <fmt/format.h>
 
+#include <KRVQTProcessClient/Operations/MediaServerName.h>
+#include <KRVQTProcessClient/Platform/StateFolder.h>
+
 #include <MediaServer/Files/AtomicOutput.h>
-#include <MediaServer/Files/RuntimeFolders.h>
 
 namespace krv::server {
 namespace {
@@ -27,7 +29,7 @@ std::string randomName() {
 }
 
 std::filesystem::path notesFolder() {
-    const auto folder = stateFolder();
+    const std::filesystem::path folder = stateFolder(kMediaServerName);
     if (folder.empty()) {
         return {};
     }

@@ -1,7 +1,10 @@
 #include <cerrno>
+#include <string>
 
 #include <fcntl.h>
 #include <sys/file.h>
+
+#include <KRVQTProcessClient/Operations/MediaServerName.h>
 
 #include <MediaServer/Files/InstanceLock.h>
 
@@ -11,7 +14,7 @@ InstanceLock::Result InstanceLock::acquire(const std::filesystem::path& folder) 
     if (folder.empty()) {
         return Result::Failed;
     }
-    const auto path = folder / "KRVQuicktimeProcess.lock";
+    const auto path = folder / (std::string(kMediaServerName) + ".lock");
     file_.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR));
     if (!file_) {
         return Result::Failed;

@@ -4,6 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <fmt/format.h>
+
+#include <KRVQTProcessClient/Operations/MediaServerName.h>
+
 #include <MediaServer/Files/RuntimeFolders.h>
 
 namespace krv::server {
@@ -27,26 +31,9 @@ std::filesystem::path runtimeFolder() {
     if (const std::string usual = "/run/user/" + user; isOurs(usual)) {
         return usual;
     }
-    const std::string own = "/tmp/KRVQuicktimeProcess-" + user;
+    const std::string own = fmt::format("/tmp/{}-{}", kMediaServerName, user);
     ::mkdir(own.c_str(), S_IRWXU);
     return isOurs(own) ? own : std::string();
-}
-
-std::filesystem::path stateFolder() {
-    const char* const given = std::getenv("XDG_STATE_HOME");
-    const char* const home = std::getenv("HOME");
-    std::filesystem::path base;
-    if (given && given[0] == '/') {
-        base = given;
-    } else if (home && home[0] == '/') {
-        base = std::filesystem::path(home) / ".local/state";
-    } else {
-        return {};
-    }
-    base /= "KRVQuicktimeProcess";
-    std::error_code failure;
-    std::filesystem::create_directories(base, failure);
-    return failure ? std::filesystem::path() : base;
 }
 
 }  // namespace krv::server

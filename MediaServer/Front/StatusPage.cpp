@@ -1,14 +1,16 @@
 #include <nlohmann/json.hpp>
 
+#include <KRVQTProcessClient/Operations/MediaServerName.h>
+
 #include <MediaServer/Front/StatusPage.h>
 
 namespace krv::server {
 
 std::string statusPage(const ServerStatus& status) {
     const nlohmann::ordered_json json{
-        {"name", "KRVQuicktimeProcess"}, {"version", status.version},       {"pid", status.pid},
-        {"port", status.port},           {"uptime", status.uptime.count()}, {"clients", status.clients},
-        {"queued", status.queued},       {"running", status.running},       {"finished", status.finished},
+        {"name", kMediaServerName}, {"version", status.version},       {"pid", status.pid},
+        {"port", status.port},      {"uptime", status.uptime.count()}, {"clients", status.clients},
+        {"queued", status.queued},  {"running", status.running},       {"finished", status.finished},
         {"workers", status.workers}};
     return json.dump() + "\n";
 }

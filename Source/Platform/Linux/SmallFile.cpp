@@ -1,6 +1,7 @@
 #include "SmallFile.h"
 
-#include <cerrno>
+#include <cstdio>
+#include <memory>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,41 +10,31 @@
 namespace krv {
 namespace {
 
-struct Descriptor {
-    const int number;
-    explicit Descriptor(int opened)
-        : number(opened) {}
-    ~Descriptor() {
-        if (number >= 0) {
-            ::close(number);
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
+struct Close {
+    void operator()(std::FILE* file) const { std::fclose(file); }
 };
 
 }  // namespace
 
 std::optional<std::string> readSmallFile(const std::string& path, std::size_t limit) {
-    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    const int opened = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    const std::unique_ptr<std::FILE, Close> file(opened < 0 ? nullptr : ::fdopen(opened, "r"));
+    if (!file && opened >= 0) {
+        ::close(opened);
+    }
     struct stat status {};
-    if (file.number < 0 || ::fstat(file.number, &status) != 0 || !S_ISREG(status.st_mode)) {
+    if (!file || ::fstat(opened, &status) != 0 || !S_ISREG(status.st_mode)) {
         return std::nullopt;
     }
     std::string contents;
     char buffer[4096];
-    for (;;) {
-        const ssize_t count = ::read(file.number, buffer, sizeof buffer);
-        if (count == 0) {
-            return contents;
-        }
-        if (count > 0) {
-            contents.append(buffer, static_cast<std::size_t>(count));
-        }
-        if ((count < 0 && errno != EINTR) || contents.size() > limit) {
+    while (const std::size_t count = std::fread(buffer, 1, sizeof buffer, file.get())) {
+        contents.append(buffer, count);
+        if (contents.size() > limit) {
             return std::nullopt;
         }
     }
+    return std::ferror(file.get()) == 0 ? std::optional(std::move(contents)) : std::nullopt;
 }
 
 }  // namespace krv

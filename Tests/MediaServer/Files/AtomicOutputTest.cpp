@@ -34,9 +34,9 @@ protected:
         return static_cast<std::size_t>(std::distance(fs::directory_iterator(folder.path() / "out"), {}));
     }
     std::size_t notes() const {
-        std::error_code failure;
+        std::error_code absent;
         const auto place = folder.path() / "state/KRVQuicktimeProcess/unfinished";
-        return static_cast<std::size_t>(std::distance(fs::directory_iterator(place, failure), {}));
+        return static_cast<std::size_t>(std::distance(fs::directory_iterator(place, absent), {}));
     }
 
     test::TemporaryFolder folder;
