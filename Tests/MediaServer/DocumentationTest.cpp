@@ -1,4 +1,4 @@
-// Holds the keys, types and codes of Documentation/media-server.md against the program.
+// Checks the keys, types and codes of Documentation/media-server.md against the program.
 #include <fstream>
 #include <iterator>
 #include <string>

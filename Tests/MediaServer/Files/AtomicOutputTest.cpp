@@ -44,7 +44,7 @@ protected:
     std::optional<Failure> failure;
 };
 
-TEST_F(Output, AppearsUnderItsNameOnlyWhenItIsCommitted) {
+TEST_F(Output, AppearsUnderItsNameOnlyWhenCommitted) {
     const auto output = open(destination);
     ASSERT_TRUE(output);
     write(*output, "movie");
@@ -55,14 +55,14 @@ TEST_F(Output, AppearsUnderItsNameOnlyWhenItIsCommitted) {
     EXPECT_EQ(notes(), 0U);
 }
 
-TEST_F(Output, LeavesNothingWhenItIsDropped) {
+TEST_F(Output, LeavesNothingBehindWithoutCommit) {
     std::ofstream(destination) << "old";
     { write(*open(destination), "half"); }
     EXPECT_EQ(contents(destination), "old");
     EXPECT_EQ(filesInFolder(), 1U);
 }
 
-TEST_F(Output, ReplacesWhatIsThereAndKeepsItsMode) {
+TEST_F(Output, ReplacesAnExistingFileAndKeepsItsMode) {
     std::ofstream(destination) << "old";
     ::chmod(destination.c_str(), 0640);
     const auto output = open(destination);
@@ -77,7 +77,7 @@ TEST_F(Output, ReplacesWhatIsThereAndKeepsItsMode) {
     EXPECT_EQ(notes(), 0U);
 }
 
-TEST_F(Output, ReplacesWhatHasAppearedMeanwhile) {
+TEST_F(Output, ReplacesAFileThatAppearedSinceItWasOpened) {
     const auto output = open(destination);
     write(*output, "new");
     std::ofstream(destination) << "meanwhile";
@@ -85,7 +85,7 @@ TEST_F(Output, ReplacesWhatHasAppearedMeanwhile) {
     EXPECT_EQ(contents(destination), "new");
 }
 
-TEST_F(Output, FollowsALinkThatStaysALink) {
+TEST_F(Output, FollowsASymbolicLinkWhichStaysALink) {
     const auto target = folder.path() / "out/target.mp4";
     std::ofstream(target) << "old";
     fs::create_symlink(target, destination);
@@ -104,7 +104,7 @@ TEST_F(Output, CannotBeOpenedWithoutItsFolder) {
     EXPECT_EQ(failure->path, (folder.path() / "missing/movie.mp4").string());
 }
 
-TEST_F(Output, CannotBeAFolderOrLieInAFile) {
+TEST_F(Output, CannotBeAFolderOrInsideAFile) {
     EXPECT_FALSE(open(folder.path() / "out"));
     EXPECT_EQ(failure->cause, FailureCause::UnwritableDestination);
     std::ofstream(destination) << "file";
@@ -112,7 +112,7 @@ TEST_F(Output, CannotBeAFolderOrLieInAFile) {
     EXPECT_EQ(failure->cause, FailureCause::UnwritableDestination);
 }
 
-TEST_F(Output, ACommitThatFailsLeavesNothing) {
+TEST_F(Output, LeavesNothingBehindWhenItsCommitFails) {
     const auto output = open(destination);
     write(*output, "new");
     fs::create_directory(destination);
@@ -123,7 +123,7 @@ TEST_F(Output, ACommitThatFailsLeavesNothing) {
     EXPECT_EQ(notes(), 1U);  // gone with the object
 }
 
-TEST_F(Output, ThatIsPlacedAndNotKeptIsTakenBack) {
+TEST_F(Output, ThatIsPlacedButNotKeptIsTakenBack) {
     {
         const auto output = open(destination);
         write(*output, "new");
@@ -156,7 +156,7 @@ TEST_F(Output, ThatIsPlacedAndKeptStays) {
     EXPECT_EQ(notes(), 0U);
 }
 
-TEST_F(Output, IsNotTakenBackFromWhoReplacedItMeanwhile) {
+TEST_F(Output, IsNotTakenBackIfAnotherProgramHasReplacedIt) {
     {
         const auto output = open(destination);
         write(*output, "new");
@@ -167,7 +167,7 @@ TEST_F(Output, IsNotTakenBackFromWhoReplacedItMeanwhile) {
     EXPECT_EQ(contents(destination), "somebody else's");
 }
 
-TEST_F(Output, SweepsWhatAnAbruptEndHasLeft) {
+TEST_F(Output, RemovesHiddenFilesThatAKilledServerLeft) {
     const auto hidden = folder.path() / "out/.krv-0123.part";
     const auto precious = folder.path() / "out/precious.mp4";
     std::ofstream(hidden) << "half";

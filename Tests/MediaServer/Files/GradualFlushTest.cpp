@@ -23,7 +23,7 @@ protected:
     int signs = 0;
 };
 
-TEST_F(Flush, GivesASignOfLifeForEachPart) {
+TEST_F(Flush, ReportsProgressAfterEachPart) {
     EXPECT_EQ(flushGradually(file.get(),
                              [this] {
                                  ++signs;
@@ -33,7 +33,7 @@ TEST_F(Flush, GivesASignOfLifeForEachPart) {
     EXPECT_EQ(signs, 3);
 }
 
-TEST_F(Flush, StopsWhenItIsTold) {
+TEST_F(Flush, StopsWhenItsCallbackSaysSo) {
     EXPECT_EQ(flushGradually(file.get(),
                              [this] {
                                  ++signs;
@@ -43,7 +43,7 @@ TEST_F(Flush, StopsWhenItIsTold) {
     EXPECT_EQ(signs, 1);
 }
 
-TEST_F(Flush, AnEmptyFileIsDoneAtOnce) {
+TEST_F(Flush, OfAnEmptyFileReturnsAtOnce) {
     ASSERT_EQ(::ftruncate(file.get(), 0), 0);
     EXPECT_EQ(flushGradually(file.get(),
                              [this] {
@@ -54,11 +54,11 @@ TEST_F(Flush, AnEmptyFileIsDoneAtOnce) {
     EXPECT_EQ(signs, 0);
 }
 
-TEST_F(Flush, SaysWhyItFailed) {
+TEST_F(Flush, ReturnsTheErrorNumber) {
     EXPECT_EQ(flushGradually(-1, [] { return true; }), EBADF);
 }
 
-TEST_F(Flush, WhatCannotBeWrittenInPartsIsNoFailure) {
+TEST_F(Flush, OfAFileThatCannotBeFlushedInPartsSucceeds) {
     const Descriptor device(::open("/dev/null", O_RDWR | O_CLOEXEC));
     EXPECT_EQ(flushGradually(device.get(), [] { return true; }), 0);
 }

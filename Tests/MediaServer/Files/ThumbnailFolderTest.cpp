@@ -60,7 +60,7 @@ protected:
     std::optional<Failure> error;
 };
 
-TEST_F(Thumbnails, BecomeFilesOfTheirOwnInAFolderThatIsMade) {
+TEST_F(Thumbnails, BecomeFilesInANewFolder) {
     const auto opened = open();
     ASSERT_TRUE(opened);
     ASSERT_EQ(commit(*opened, {picture(0, 3, 0.5), picture(3, 3, 1.5), picture(6, 5, 2.5)}), 0);
@@ -75,19 +75,19 @@ TEST_F(Thumbnails, BecomeFilesOfTheirOwnInAFolderThatIsMade) {
     EXPECT_EQ(*second, (Dictionary{{kResultThumbnailPath, file(2).string()}, {kResultThumbnailTime, 1.5}}));
 }
 
-TEST_F(Thumbnails, LeaveNothingWhenTheyAreNotCommitted) {
+TEST_F(Thumbnails, LeaveNothingBehindWithoutCommit) {
     { const auto opened = open(); }
     EXPECT_FALSE(fs::exists(folder()));
 }
 
-TEST_F(Thumbnails, LeaveAFolderThatWasThere) {
+TEST_F(Thumbnails, KeepAnExistingFolder) {
     fs::create_directory(folder());
     { const auto opened = open(); }
     EXPECT_TRUE(fs::exists(folder()));
     EXPECT_THAT(names(), testing::IsEmpty());
 }
 
-TEST_F(Thumbnails, ReplaceThoseOfAnEarlierTime) {
+TEST_F(Thumbnails, ReplaceEarlierThumbnails) {
     fs::create_directory(folder());
     std::ofstream(file(1)) << "old";
     const auto opened = open();
@@ -96,7 +96,7 @@ TEST_F(Thumbnails, ReplaceThoseOfAnEarlierTime) {
     EXPECT_THAT(names(), testing::UnorderedElementsAre("thumbnail-0001.jpg", "thumbnail-0002.jpg"));
 }
 
-TEST_F(Thumbnails, AllOfThemAppearOrNone) {
+TEST_F(Thumbnails, AppearAllOrNone) {
     fs::create_directory(folder());
     std::ofstream(file(1)) << "old";
     fs::create_directory(file(3));  // in the way of the last one
@@ -106,7 +106,7 @@ TEST_F(Thumbnails, AllOfThemAppearOrNone) {
     EXPECT_THAT(names(), testing::UnorderedElementsAre("thumbnail-0001.jpg", "thumbnail-0003.jpg"));
 }
 
-TEST_F(Thumbnails, AreNotTakenFromAListThatMakesNoSense) {
+TEST_F(Thumbnails, AreRefusedIfTheWorkersListIsInconsistent) {
     for (const Array& list :
          {Array{}, Array{picture(0, 0)}, Array{picture(-1, 2)}, Array{picture(0, 12)}, Array{picture(INT64_MAX, 1)},
           Array{picture(11, 1)}, Array{Value("one")}, Array{picture(0, 3), picture(8, INT64_MAX)}}) {
@@ -119,7 +119,7 @@ TEST_F(Thumbnails, AreNotTakenFromAListThatMakesNoSense) {
     EXPECT_THAT(names(), testing::IsEmpty());
 }
 
-TEST_F(Thumbnails, NeedAFolderInWhichTheirsCanBeMade) {
+TEST_F(Thumbnails, NeedAFolderThatCanBeWrittenTo) {
     EXPECT_FALSE(ThumbnailFolder::open((temporary.path() / "no" / "pictures").string(), error));
     EXPECT_EQ(error->cause, FailureCause::UnwritableDestination);
     std::ofstream(folder()) << "a file";

@@ -18,7 +18,7 @@ RequestHead post() {
     return head;
 }
 
-TEST(RequestPolicy, ServesOperationsAndTheStatus) {
+TEST(RequestPolicy, ServesOperationsAndTheStatusPage) {
     EXPECT_EQ(judge(post()).action, Action::Operation);
     RequestHead head = post();
     head.contentLength.reset();
@@ -44,7 +44,7 @@ TEST(RequestPolicy, RefusesWebPages) {
     EXPECT_EQ(judge(head).status, 403U);
 }
 
-TEST(RequestPolicy, RefusesForeignMissingAndDoubledHosts) {
+TEST(RequestPolicy, RefusesForeignMissingAndRepeatedHosts) {
     for (const std::vector<std::string_view>& hosts :
          std::vector<std::vector<std::string_view>>{{},
                                                     {"localhost", "localhost"},
@@ -91,7 +91,7 @@ TEST(RequestPolicy, RefusesRecordsOverSixteenMebibytes) {
     EXPECT_EQ(judge(head).status, 413U);
 }
 
-TEST(RequestPolicy, RefusesWhatDoesNotSayInOneWayWhereItEnds) {
+TEST(RequestPolicy, RefusesAmbiguousFraming) {
     RequestHead head = post();
     head.contentLengths = 2;
     EXPECT_EQ(judge(head).status, 400U);
@@ -118,7 +118,7 @@ TEST(RequestPolicy, RefusesWhatDoesNotSayInOneWayWhereItEnds) {
     }
 }
 
-TEST(RequestPolicy, RefusesCrookedHeaders) {
+TEST(RequestPolicy, RefusesMalformedHeaders) {
     RequestHead head = post();
     head.malformedHeaders = true;
     EXPECT_EQ(judge(head).status, 400U);

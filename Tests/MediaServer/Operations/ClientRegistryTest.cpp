@@ -43,7 +43,7 @@ TEST(ClientRegistry, AProcessThatHasOnlySentAnOperationIsNotRegistered) {
     EXPECT_TRUE(clients.empty());
 }
 
-TEST(ClientRegistry, ForgetsWhoHasDied) {
+TEST(ClientRegistry, RemovesClientsThatHaveExited) {
     ClientRegistry clients;
     const auto self = *clients.identify(::getpid());
     clients.setRegistered(self, true);
@@ -58,7 +58,7 @@ TEST(ClientRegistry, ForgetsWhoHasDied) {
     EXPECT_TRUE(clients.isRegistered(self));
 }
 
-TEST(ClientRegistry, AnIdThatIsUsedAgainIsAnotherClient) {
+TEST(ClientRegistry, AReusedProcessIdIsAnotherClient) {
     ClientRegistry clients;
     auto earlier = *clients.identify(::getpid());
     earlier.startTime -= 1;

@@ -10,7 +10,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(HeldReplies, AnswersWhenThereIsNews) {
+TEST(HeldReplies, AreSentWhenTheyAreReady) {
     HeldReplies held;
     std::atomic<bool> ready{false};
     std::promise<void> answered;
@@ -22,7 +22,7 @@ TEST(HeldReplies, AnswersWhenThereIsNews) {
     answered.get_future().wait();
 }
 
-TEST(HeldReplies, AnswersAtTheDeadlineWithoutNews) {
+TEST(HeldReplies, AreSentAtTheDeadline) {
     HeldReplies held;
     std::promise<void> answered;
     held.hold(
@@ -30,7 +30,7 @@ TEST(HeldReplies, AnswersAtTheDeadlineWithoutNews) {
     answered.get_future().wait();
 }
 
-TEST(HeldReplies, AnswersAtOnceWhatIsReady) {
+TEST(HeldReplies, AreSentAtOnceIfTheyAreReady) {
     HeldReplies held;
     std::promise<void> answered;
     held.hold(
@@ -38,7 +38,7 @@ TEST(HeldReplies, AnswersAtOnceWhatIsReady) {
     answered.get_future().wait();
 }
 
-TEST(HeldReplies, AnswersWhatIsLeftWhenItGoes) {
+TEST(HeldReplies, AreSentByTheDestructor) {
     int answers = 0;
     {
         HeldReplies held;
@@ -50,7 +50,7 @@ TEST(HeldReplies, AnswersWhatIsLeftWhenItGoes) {
     EXPECT_EQ(answers, 10);
 }
 
-TEST(HeldReplies, AnAnswerMayHoldAnother) {
+TEST(HeldReplies, MayHoldAnotherReplyWhileTheyAreSent) {
     std::promise<void> answered;
     HeldReplies held;
     held.hold(

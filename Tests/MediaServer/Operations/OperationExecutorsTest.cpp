@@ -129,7 +129,7 @@ TEST_F(Ledger, ClosingAndCancellingReachBothKinds) {
     EXPECT_EQ(ledger.counts().queued, 0U);
 }
 
-/// The number that a client compares, as the reply carries it.
+/// The number that a client compares, as it is in the reply.
 float seenByClient(const OperationLedger::Snapshot& state) {
     return static_cast<float>(state.progress);
 }

@@ -34,7 +34,7 @@ TEST_F(Channel, CarriesRecordsInOrder) {
     EXPECT_EQ(worker->receive()->record->encodingSourceFilename(), "/b");
 }
 
-TEST_F(Channel, CarriesOpenFilesInOrder) {
+TEST_F(Channel, CarriesDescriptorsInOrder) {
     int pipes[2];
     ASSERT_EQ(::pipe(pipes), 0);
     const Descriptor reading(pipes[0]);
@@ -49,7 +49,7 @@ TEST_F(Channel, CarriesOpenFilesInOrder) {
     EXPECT_EQ(c, 'x');
 }
 
-TEST_F(Channel, CarriesMoreFilesThanGoIntoOneMessage) {
+TEST_F(Channel, CarriesMoreDescriptorsThanFitIntoOneMessage) {
     const Descriptor folder(::open("/", O_PATH | O_CLOEXEC));
     const Descriptor nothing(::open("/dev/null", O_RDONLY | O_CLOEXEC));
     std::vector<int> files(700, nothing.get());
@@ -67,23 +67,23 @@ TEST_F(Channel, CarriesMoreFilesThanGoIntoOneMessage) {
     EXPECT_TRUE(S_ISDIR(status.st_mode));
 }
 
-TEST_F(Channel, AnOtherEndThatHasGoneIsTheEnd) {
+TEST_F(Channel, EndsWhenThePeerCloses) {
     worker.reset();
     EXPECT_FALSE(server->receive());
     EXPECT_FALSE(server->send(KRVOperationBase()));
 }
 
-TEST_F(Channel, RubbishIsTheEnd) {
+TEST_F(Channel, EndsAtAnInvalidMessage) {
     sendRaw(std::string("\x05\x00\x00\x00hello", 9));
     EXPECT_FALSE(server->receive());
 }
 
-TEST_F(Channel, ALengthBeyondTheBoundIsTheEnd) {
+TEST_F(Channel, EndsAtALengthAboveTheLimit) {
     sendRaw("\xFF\xFF\xFF\xFF");
     EXPECT_FALSE(server->receive());
 }
 
-TEST_F(Channel, AMessageThatBreaksOffIsTheEnd) {
+TEST_F(Channel, EndsAtATruncatedMessage) {
     sendRaw(std::string("\x00\x10\x00\x00half", 8));
     worker.reset();
     EXPECT_FALSE(server->receive());

@@ -1,4 +1,4 @@
-// Enters a worker's sandbox and tries to get out of it: one line "NAME: refused", "NAME: done" or "NAME: error TEXT"
+// Enters a worker's sandbox and tries to escape. Prints one line "NAME: refused", "NAME: done" or "NAME: error TEXT"
 // for each attempt. The arguments are a file that exists and the pid of a process of the same user.
 #include <cerrno>
 #include <csignal>

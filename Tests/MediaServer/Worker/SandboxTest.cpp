@@ -16,7 +16,7 @@ namespace {
 
 using testing::ElementsAre;
 
-TEST(Sandbox, LetsNothingThroughButWhatAWorkerNeeds) {
+TEST(Sandbox, DeniesEverythingThatAWorkerDoesNotNeed) {
     if (!missingForSandbox().empty()) {
         GTEST_SKIP() << missingForSandbox().front();
     }

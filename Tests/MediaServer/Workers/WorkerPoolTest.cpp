@@ -46,7 +46,7 @@ void waitForReady(const WorkerPool& pool, std::size_t count) {
     }
 }
 
-TEST(Pool, StartsItsSparesAheadOfNeed) {
+TEST(Pool, StartsIdleWorkersInAdvance) {
     WorkerPool pool(KRV_WORKER, 2);
     waitForReady(pool, 2);
     EXPECT_EQ(children().size(), 2U);
@@ -62,7 +62,7 @@ TEST(Pool, ReplacesAWorkerThatIsTaken) {
     EXPECT_EQ(children().size(), 2U);
 }
 
-TEST(Pool, HandsOutNoDeadWorker) {
+TEST(Pool, NeverReturnsADeadWorker) {
     WorkerPool pool(KRV_WORKER, 1);
     waitForReady(pool, 1);
     const auto spares = children();
@@ -76,7 +76,7 @@ TEST(Pool, HandsOutNoDeadWorker) {
     EXPECT_TRUE(worker->isAlive());
 }
 
-TEST(Pool, MakesMoreThanItsSparesWhenTheyAreNeeded) {
+TEST(Pool, StartsMoreWorkersOnDemand) {
     WorkerPool pool(KRV_WORKER, 0);
     std::string failure;
     std::vector<std::unique_ptr<Worker>> taken;
@@ -87,7 +87,7 @@ TEST(Pool, MakesMoreThanItsSparesWhenTheyAreNeeded) {
     EXPECT_EQ(children().size(), 3U);
 }
 
-TEST(Pool, SaysWhyNoneCanBeStartedAndTriesAgain) {
+TEST(Pool, ReportsWhyNoWorkerStartsAndTriesAgain) {
     WorkerPool pool("/nonexistent/worker", 1);
     for (int i = 0; i < 2; ++i) {
         std::string failure;
@@ -96,7 +96,7 @@ TEST(Pool, SaysWhyNoneCanBeStartedAndTriesAgain) {
     }
 }
 
-TEST(Pool, EndsItsSparesWithItself) {
+TEST(Pool, KillsItsIdleWorkersWhenItIsDestroyed) {
     {
         WorkerPool pool(KRV_WORKER, 2);
         waitForReady(pool, 2);
@@ -104,14 +104,14 @@ TEST(Pool, EndsItsSparesWithItself) {
     EXPECT_TRUE(children().empty());
 }
 
-TEST(Pool, EndsWithoutHavingStartedEverything) {
+TEST(Pool, CanBeDestroyedBeforeAllWorkersHaveStarted) {
     for (int i = 0; i < 5; ++i) {
         const WorkerPool pool(KRV_WORKER, 2);
     }
     EXPECT_TRUE(children().empty());
 }
 
-TEST(Pool, ItsWorkersShutThemselvesIn) {
+TEST(Pool, ItsWorkersEnterTheSandbox) {
     WorkerPool pool(KRV_WORKER, 0);
     std::string failure;
     const auto worker = pool.take(failure);
@@ -124,7 +124,7 @@ TEST(Pool, ItsWorkersShutThemselvesIn) {
     EXPECT_EQ(statusLine(all[0], "NoNewPrivs:"), "NoNewPrivs:\t1");
 }
 
-TEST(Pool, AWorkerTellsTheStatusThatItEndedWith) {
+TEST(Pool, AWorkerReturnsItsExitStatus) {
     WorkerPool pool(KRV_WORKER, 0);
     std::string failure;
     const auto worker = pool.take(failure);
