@@ -10,8 +10,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <fmt/format.h>
 #include <microhttpd.h>
 
+#include <KRVQTProcessClient/Operations/MediaServerName.h>
 #include <KRVQTProcessClient/Platform/PeerUser.h>
 
 #include <MediaServer/Front/HTTPFront.h>
@@ -47,6 +49,8 @@ MHD_Result respond(MHD_Connection* connection, unsigned status, const void* byte
     MHD_Response* const response =
         MHD_create_response_from_buffer(size, const_cast<void*>(bytes), MHD_RESPMEM_MUST_COPY);
     MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, type);
+    static const std::string kServer = fmt::format("{}/{}", kMediaServerName, libraryVersion());
+    MHD_add_response_header(response, MHD_HTTP_HEADER_SERVER, kServer.c_str());
     const MHD_Result result = MHD_queue_response(connection, status, response);
     MHD_destroy_response(response);
     return result;
@@ -73,6 +77,8 @@ MHD_Result readHeader(void* userdata, MHD_ValueKind /*kind*/, const char* key, s
         head.hosts.push_back(text);
     } else if (isHeader(name, MHD_HTTP_HEADER_ORIGIN)) {
         head.hasOrigin = true;
+    } else if (isHeader(name, "Sec-Fetch-Site")) {
+        head.fetchSites.push_back(text);
     } else if (isHeader(name, MHD_HTTP_HEADER_TRANSFER_ENCODING)) {
         head.transferEncodings.push_back(text);
     } else if (isHeader(name, MHD_HTTP_HEADER_CONTENT_LENGTH)) {

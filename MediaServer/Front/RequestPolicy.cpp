@@ -22,6 +22,11 @@ bool isThisMachine(std::string_view host) {
     });
 }
 
+/// Returns whether a request was typed by a person or comes from a page of this server itself.
+bool isOwnSite(std::string_view fetchSite) {
+    return fetchSite == "none" || fetchSite == "same-origin";
+}
+
 bool areSameLetter(char a, char b) {
     const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
     return lower(a) == lower(b);
@@ -69,7 +74,8 @@ Verdict judge(const RequestHead& head) {
     if (!head.peerIsUser) {
         return {Action::Refuse, 403, "this server belongs to another user\n"};
     }
-    if (head.hasOrigin || head.hosts.size() != 1 || !isThisMachine(head.hosts.front())) {
+    const bool fromWebPage = head.hasOrigin || !std::all_of(head.fetchSites.begin(), head.fetchSites.end(), isOwnSite);
+    if (fromWebPage || head.hosts.size() != 1 || !isThisMachine(head.hosts.front())) {
         return {Action::Refuse, 403, "only programs on this machine are served\n"};
     }
     if (head.malformedHeaders || !hasUnambiguousLength(head)) {

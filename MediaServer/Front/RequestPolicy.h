@@ -21,6 +21,8 @@ struct RequestHead {
     /// Every Host header.
     std::vector<std::string_view> hosts;
     bool hasOrigin = false;
+    /// Every Sec-Fetch-Site header. Browsers send one with each request.
+    std::vector<std::string_view> fetchSites;
     std::optional<std::size_t> contentLength;
     /// How many Content-Length headers there are.
     unsigned contentLengths = 0;
@@ -48,8 +50,8 @@ struct Verdict {
 /// Decides whether to serve a request. Pure.
 ///
 /// Requests whose end two parsers could see in different places are refused: what one takes for the body, the other would
-/// carry out as the next request. So are requests of web pages, which send an Origin or, after DNS rebinding, another
-/// Host, and requests of other users.
+/// carry out as the next request. So are requests of other users and of web pages. A page's request has an Origin, or a
+/// Sec-Fetch-Site that names another site, or after DNS rebinding another Host.
 [[nodiscard]] Verdict judge(const RequestHead& head);
 
 }  // namespace krv::server

@@ -144,6 +144,14 @@ TEST_F(Front, SendsAReplyThatIsGivenLaterOnAnotherThread) {
     EXPECT_EQ(answer->operationType(), OpShutdownServer);
 }
 
+TEST_F(Front, NamesItselfInEveryResponse) {
+    const std::string server = fmt::format("\r\nServer: KRVQuicktimeProcess/{}\r\n", libraryVersion());
+    EXPECT_THAT(HTTPConnection(port).ask("GET /status HTTP/1.1\r\nHost: localhost\r\n\r\n"), HasSubstr(server));
+    EXPECT_THAT(HTTPConnection(port).ask(post(archived(R::readyToProcessRequestOperation()))), HasSubstr(server));
+    EXPECT_THAT(HTTPConnection(port).ask(post("not a record")), HasSubstr(server));
+    EXPECT_THAT(HTTPConnection(port).ask("GET /elsewhere HTTP/1.1\r\nHost: localhost\r\n\r\n"), HasSubstr(server));
+}
+
 TEST_F(Front, RefusesABodyThatIsNotARecord) {
     EXPECT_THAT(HTTPConnection(port).ask(post("not a record")), StartsWith("HTTP/1.1 400"));
     EXPECT_THAT(HTTPConnection(port).ask(post("")), StartsWith("HTTP/1.1 400"));
@@ -161,6 +169,7 @@ TEST_F(Front, RefusesABodyThatIsTooLarge) {
 TEST_F(Front, RefusesWhatThePolicyRefusesBeforeTheHandlerSeesIt) {
     const std::string record = archived(R::shutdownCommand());
     EXPECT_THAT(HTTPConnection(port).ask(post(record, "Origin: http://evil.example\r\n")), StartsWith("HTTP/1.1 403"));
+    EXPECT_THAT(HTTPConnection(port).ask(post(record, "sec-fetch-site: cross-site\r\n")), StartsWith("HTTP/1.1 403"));
     EXPECT_THAT(HTTPConnection(port).ask(fmt::format(
                     "POST / HTTP/1.1\r\nHost: evil.example\r\nContent-Length: {}\r\n\r\n{}", record.size(), record)),
                 StartsWith("HTTP/1.1 403"));

@@ -44,6 +44,21 @@ TEST(RequestPolicy, RefusesWebPages) {
     EXPECT_EQ(judge(head).status, 403U);
 }
 
+TEST(RequestPolicy, RefusesRequestsThatABrowserMakesForAnotherSite) {
+    for (const std::string_view site : {"cross-site", "same-site", "", "None", "none, cross-site"}) {
+        RequestHead head = post();
+        head.fetchSites = {site};
+        EXPECT_EQ(judge(head).status, 403U) << site;
+    }
+    RequestHead head = post();
+    head.fetchSites = {"none", "cross-site"};
+    EXPECT_EQ(judge(head).status, 403U);
+    for (const std::string_view site : {"none", "same-origin"}) {
+        head.fetchSites = {site};
+        EXPECT_EQ(judge(head).action, Action::Operation) << site;
+    }
+}
+
 TEST(RequestPolicy, RefusesForeignMissingAndRepeatedHosts) {
     for (const std::vector<std::string_view>& hosts :
          std::vector<std::vector<std::string_view>>{{},
