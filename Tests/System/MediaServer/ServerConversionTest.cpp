@@ -61,7 +61,7 @@ TEST_F(Server, ReportsBadInputWithTheDocumentedError) {
              {movie(), "/proc/out.mp4", 5, "/proc/out.mp4",
               "Cannot convert plain.mov: the folder of out.mp4 does not exist."},
              {movie(), out("out.xyz"), 6, out("out.xyz"),
-              "Cannot convert plain.mov: the container \"xyz\" is not supported."},
+              "Cannot convert plain.mov to out.xyz: the container \"xyz\" is not supported."},
              {copy, copy, 10, copy, "Cannot convert copy.mov: source and destination are the same file."},
              {copy, twin, 10, copy, "Cannot convert copy.mov: source and destination are the same file."}}) {
         const auto error = convert(each.source, each.destination);
