@@ -129,7 +129,7 @@ struct Translation {
     std::string_view words;
 };
 constexpr auto kTranslations = std::to_array<Translation>({
-    {"moov atom not found", "its index is missing, as after an interrupted download or recording"},
+    {"moov atom not found", "its index is missing, so it is incomplete or not a movie"},
     {"EBML header parsing failed", "its header is damaged"},
     {"error reading header", "its header is damaged"},
     {"Could not find codec parameters", "it is too damaged to tell the format of a track"},

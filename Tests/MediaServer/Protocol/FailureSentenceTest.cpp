@@ -136,8 +136,7 @@ TEST(FailureSentence, TranslatesFFmpegsPhrasesAndKeepsThemInTheReason) {
     const auto error =
         makeError(*R::provideMetadataFor("/a.mov"), {.cause = FailureCause::Damaged, .reason = "moov atom not found"});
     EXPECT_EQ(error->localizedDescription(),
-              "Cannot describe a.mov: its index is missing, as after an interrupted download or "
-              "recording.");
+              "Cannot describe a.mov: its index is missing, so it is incomplete or not a movie.");
     EXPECT_EQ(error->localizedFailureReason(), "moov atom not found");
     // Phrases that are not known say nothing to a person either.
     const auto other = makeError(
