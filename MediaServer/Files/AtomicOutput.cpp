@@ -22,6 +22,7 @@ namespace {
 constexpr std::string_view kHiddenPrefix = ".krv-";
 constexpr std::string_view kHiddenSuffix = ".part";
 constexpr mode_t kReadWrite = 0666;
+constexpr mode_t kPermissions = 0777;
 
 std::string randomName() {
     std::random_device random;
@@ -89,6 +90,11 @@ std::unique_ptr<AtomicOutput> AtomicOutput::open(const std::string& destination,
             return nullptr;
         }
     }
+    if (::fstat(output->file_.get(), &status) != 0) {
+        failure = output->failed(errno);
+        return nullptr;
+    }
+    output->mode_ = status.st_mode & kPermissions;
     return output;
 }
 
@@ -153,7 +159,8 @@ void AtomicOutput::keep() {
 }
 
 std::optional<Failure> AtomicOutput::put(Old old) {
-    if (::fsync(file_.get()) != 0) {
+    // A worker that has been taken over may have made the file executable, or set-user-id.
+    if (::fchmod(file_.get(), mode_) != 0 || ::fsync(file_.get()) != 0) {
         return failed(errno);
     }
     if (hidden_.empty()) {
@@ -170,7 +177,7 @@ std::optional<Failure> AtomicOutput::put(Old old) {
     }
     struct stat status {};
     if (::stat(destination_.c_str(), &status) == 0) {
-        ::fchmod(file_.get(), status.st_mode & 07777);
+        ::fchmod(file_.get(), status.st_mode & kPermissions);
     }
     return replace(old) ? std::nullopt : std::optional(failed(errno));
 }

@@ -5,6 +5,8 @@
 #include <optional>
 #include <string>
 
+#include <sys/types.h>
+
 #include <MediaServer/Protocol/Descriptor.h>
 #include <MediaServer/Protocol/Failure.h>
 
@@ -61,6 +63,8 @@ private:
     /// The destination with symbolic links followed.
     std::filesystem::path destination_;
     Descriptor file_;
+    /// The permission bits with which the file was created: 0666 less the umask.
+    mode_t mode_ = 0;
     Placed placed_ = Placed::No;
     /// The hidden name; empty if there is none on the disk.
     std::filesystem::path hidden_;

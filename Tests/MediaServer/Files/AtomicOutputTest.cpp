@@ -85,6 +85,29 @@ TEST_F(Output, ReplacesAFileThatAppearedSinceItWasOpened) {
     EXPECT_EQ(contents(destination), "new");
 }
 
+mode_t modeOf(const fs::path& path) {
+    struct stat status {};
+    EXPECT_EQ(::stat(path.c_str(), &status), 0);
+    return status.st_mode & 07777;
+}
+
+TEST_F(Output, HasOurModeWhateverTheWorkerSets) {
+    const mode_t mask = ::umask(022);
+    for (const bool replaces : {false, true}) {
+        fs::remove(destination);
+        if (replaces) {
+            std::ofstream(destination) << "old";
+            ::chmod(destination.c_str(), 04640);
+        }
+        const auto output = open(destination);
+        write(*output, "movie");
+        ASSERT_EQ(::fchmod(output->descriptor(), 06755), 0);
+        EXPECT_FALSE(output->commit());
+        EXPECT_EQ(modeOf(destination), replaces ? 0640U : 0644U);
+    }
+    ::umask(mask);
+}
+
 TEST_F(Output, FollowsASymbolicLinkWhichStaysALink) {
     const auto target = folder.path() / "out/target.mp4";
     std::ofstream(target) << "old";
