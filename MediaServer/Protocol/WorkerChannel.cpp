@@ -14,6 +14,8 @@ namespace {
 constexpr std::uint32_t kLongestMessage = std::uint32_t{64} << 20;
 /// More than any operation passes.
 constexpr std::size_t kMostFiles = 1024;
+/// How much memory is reserved for a message before more of it arrives.
+constexpr std::size_t kStep = std::size_t{1} << 20;
 /// The kernel allows at most 253 in one message.
 constexpr std::size_t kMostFilesAtOnce = 250;
 
@@ -110,7 +112,6 @@ std::optional<WorkerChannel::Message> WorkerChannel::receive() {
         return std::nullopt;
     }
     // Grows as bytes arrive: the announced length alone reserves no memory.
-    constexpr std::size_t kStep = std::size_t{1} << 20;
     Data body;
     while (body.size() < size) {
         const std::size_t before = body.size();
@@ -119,7 +120,44 @@ std::optional<WorkerChannel::Message> WorkerChannel::receive() {
             return std::nullopt;
         }
     }
-    message.record = KRVOperationBase::operationFromData(std::make_shared<const Data>(std::move(body)));
+    return messageOf(std::move(body), std::move(message.files));
+}
+
+std::optional<WorkerChannel::Message> WorkerChannel::receiveAvailable(bool& ended) {
+    for (;;) {
+        std::uint32_t size = 0;
+        for (std::size_t i = 0; i < std::min(partial_.size(), sizeof size); ++i) {
+            size |= static_cast<std::uint32_t>(partial_[i]) << (8 * i);
+        }
+        const bool sizeKnown = partial_.size() >= sizeof size;
+        const std::size_t wanted = sizeof size + (sizeKnown ? size : 0);
+        if (size > kLongestMessage) {
+            ended = true;
+            return std::nullopt;
+        }
+        if (sizeKnown && partial_.size() == wanted) {
+            auto message = messageOf({partial_.begin() + sizeof size, partial_.end()}, {});
+            partial_.clear();
+            ended = !message;
+            return message;
+        }
+        // Grows as bytes arrive: the announced length alone reserves no memory.
+        const std::size_t before = partial_.size();
+        partial_.resize(std::min(wanted, before + kStep));
+        const ssize_t count = ::recv(socket_.get(), partial_.data() + before, partial_.size() - before, MSG_DONTWAIT);
+        const int failure = errno;
+        partial_.resize(before + static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+        if (count <= 0 && !(count < 0 && failure == EINTR)) {
+            ended = count == 0 || (failure != EAGAIN && failure != EWOULDBLOCK);
+            return std::nullopt;
+        }
+    }
+}
+
+std::optional<WorkerChannel::Message> WorkerChannel::messageOf(Data record, std::vector<Descriptor> files) {
+    Message message;
+    message.record = KRVOperationBase::operationFromData(std::make_shared<const Data>(std::move(record)));
+    message.files = std::move(files);
     return message.record ? std::optional(std::move(message)) : std::nullopt;
 }
 

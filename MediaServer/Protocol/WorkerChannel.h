@@ -29,14 +29,23 @@ public:
 
     /// Sends a record and descriptors, which are borrowed. Returns false if the peer has closed its end.
     bool send(const KRVOperationBase& record, const std::vector<int>& files = {});
-    /// Blocks until the next message. Returns nothing at the end of the stream and for an invalid message: a worker that
-    /// sends invalid messages counts as exited.
+    /// For the worker's end: blocks until the next message. Returns nothing at the end of the stream and for an invalid
+    /// message.
     std::optional<Message> receive();
+    /// For the server's end: returns the next message without descriptors if all of it has arrived, and keeps the part
+    /// that has arrived otherwise. Never blocks, because the worker may have been taken over by a hostile file and send
+    /// half a message. Descriptors that it sends are closed. Sets ended at the end of the stream and at an invalid
+    /// message; a worker that sends one counts as exited.
+    std::optional<Message> receiveAvailable(bool& ended);
 
 private:
+    /// Returns the message whose archived record this is, or nothing.
+    [[nodiscard]] static std::optional<Message> messageOf(Data record, std::vector<Descriptor> files);
     [[nodiscard]] bool receiveBytes(void* bytes, std::size_t size, std::vector<Descriptor>& files);
 
     Descriptor socket_;
+    /// What receiveAvailable() has received of the next message: its length and then its record.
+    Data partial_;
 };
 
 }  // namespace krv::server

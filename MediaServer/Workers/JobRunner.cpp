@@ -65,9 +65,13 @@ std::optional<Outcome> JobRunner::follow(WorkerChannel& channel, const Cancellat
         if (cancellation.requested()) {
             return Outcome{Outcome::Kind::Cancelled, nullptr, nullptr};
         }
-        auto message = channel.receive();
-        if (!message) {
+        bool ended = false;
+        auto message = channel.receiveAvailable(ended);
+        if (ended) {
             return std::nullopt;
+        }
+        if (!message) {
+            continue;
         }
         begun = true;
         switch (message->record->operationType()) {

@@ -89,5 +89,64 @@ TEST_F(Channel, EndsAtATruncatedMessage) {
     EXPECT_FALSE(server->receive());
 }
 
+class AvailableMessages : public Channel {
+protected:
+    std::optional<WorkerChannel::Message> next() { return server->receiveAvailable(ended); }
+    bool ended = false;
+};
+
+TEST_F(AvailableMessages, ArriveWholeAndInOrder) {
+    EXPECT_FALSE(next());
+    EXPECT_TRUE(worker->send(*KRVOperationBase::provideMetadataFor("/a")));
+    EXPECT_TRUE(worker->send(*KRVOperationBase::provideMetadataFor("/b")));
+    EXPECT_EQ(next()->record->encodingSourceFilename(), "/a");
+    EXPECT_EQ(next()->record->encodingSourceFilename(), "/b");
+    EXPECT_FALSE(next());
+    EXPECT_FALSE(ended);
+}
+
+TEST_F(AvailableMessages, AreKeptUntilAllBytesHaveArrived) {
+    const Data record = KRVOperationBase::provideMetadataFor("/a")->convertToData();
+    std::string bytes(4, '\0');
+    bytes[0] = static_cast<char>(record.size() & 0xFF);
+    bytes[1] = static_cast<char>(record.size() >> 8);
+    bytes.append(reinterpret_cast<const char*>(record.data()), record.size());
+    for (std::size_t i = 0; i + 1 < bytes.size(); ++i) {
+        sendRaw(bytes.substr(i, 1));
+        ASSERT_FALSE(next()) << i;
+        ASSERT_FALSE(ended) << i;
+    }
+    sendRaw(bytes.substr(bytes.size() - 1));
+    EXPECT_EQ(next()->record->encodingSourceFilename(), "/a");
+}
+
+TEST_F(AvailableMessages, LoseTheirDescriptors) {
+    const Descriptor nothing(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const Descriptor before(::dup(nothing.get()));
+    EXPECT_TRUE(worker->send(*KRVOperationBase::provideMetadataFor("/a"), std::vector<int>(200, nothing.get())));
+    const auto message = next();
+    ASSERT_TRUE(message);
+    EXPECT_TRUE(message->files.empty());
+    const Descriptor after(::dup(nothing.get()));
+    EXPECT_EQ(after.get(), before.get() + 1);
+}
+
+TEST_F(AvailableMessages, EndWithTheStreamAndAtInvalidBytes) {
+    sendRaw(std::string("\x05\x00\x00\x00hello", 9));
+    EXPECT_FALSE(next());
+    EXPECT_TRUE(ended);
+    ended = false;
+    sendRaw("\xFF\xFF\xFF\xFF");
+    EXPECT_FALSE(next());
+    EXPECT_TRUE(ended);
+}
+
+TEST_F(AvailableMessages, EndWhenThePeerClosesInTheMiddle) {
+    sendRaw(std::string("\x00\x10\x00\x00half", 8));
+    worker.reset();
+    EXPECT_FALSE(next());
+    EXPECT_TRUE(ended);
+}
+
 }  // namespace
 }  // namespace krv::server
