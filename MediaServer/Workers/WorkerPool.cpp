@@ -29,19 +29,26 @@ pid_t spawn(const std::string& executable, std::uint64_t memoryLimit, int channe
     posix_spawn_file_actions_adddup2(&files, channelEnd, kChannelDescriptor);
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
-    sigset_t none;
-    sigemptyset(&none);
-    posix_spawnattr_setsigmask(&attributes, &none);
+    // Signals that end a session reach whole process groups. The server decides what they mean for an operation.
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+        sigaddset(&blocked, number);
+    }
+    posix_spawnattr_setsigmask(&attributes, &blocked);
+    posix_spawnattr_setpgroup(&attributes, 0);
     sigset_t all;
     sigfillset(&all);
     posix_spawnattr_setsigdefault(&attributes, &all);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
     const std::string server = std::to_string(::getpid());
     const std::string memory = std::to_string(memoryLimit);
     const char* const arguments[] = {executable.c_str(), server.c_str(), memory.c_str(), nullptr};
+    // The user's environment may contain secrets, which are none of a decoder's business.
+    char* const environment[] = {nullptr};
     pid_t pid = -1;
     const int failure =
-        ::posix_spawn(&pid, executable.c_str(), &files, &attributes, const_cast<char* const*>(arguments), environ);
+        ::posix_spawn(&pid, executable.c_str(), &files, &attributes, const_cast<char* const*>(arguments), environment);
     posix_spawn_file_actions_destroy(&files);
     posix_spawnattr_destroy(&attributes);
     errno = failure;

@@ -1,6 +1,9 @@
 // The pool with real workers.
 #include <csignal>
+#include <cstdint>
+#include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <thread>
 
@@ -137,6 +140,29 @@ TEST(Pool, AWorkerReturnsItsExitStatus) {
     ASSERT_TRUE(WIFSIGNALED(status));
     EXPECT_EQ(WTERMSIG(status), SIGSEGV);
     EXPECT_EQ(worker->end(), 0);
+}
+
+TEST(Pool, ItsWorkersHaveAProcessGroupOfTheirOwnAndNoEnvironment) {
+    ::setenv("KRV_SECRET", "secret", 1);
+    WorkerPool pool(KRV_WORKER, 1);
+    waitForReady(pool, 1);
+    const std::vector<pid_t> pids = children();
+    ASSERT_EQ(pids.size(), 1U);
+    EXPECT_EQ(::getpgid(pids[0]), pids[0]);
+    std::ifstream in("/proc/" + std::to_string(pids[0]) + "/environ");
+    if (in) {  // only root may read it once the worker is in its sandbox
+        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "");
+    }
+}
+
+TEST(Pool, ItsWorkersBlockTheSignalsThatEndASession) {
+    WorkerPool pool(KRV_WORKER, 1);
+    waitForReady(pool, 1);
+    const std::string blocked = statusLine(children().at(0), "SigBlk:");
+    const std::uint64_t mask = std::stoull(blocked.substr(blocked.find(':') + 1), nullptr, 16);
+    for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+        EXPECT_NE(mask & (std::uint64_t{1} << (number - 1)), 0U) << number;
+    }
 }
 
 }  // namespace
