@@ -9,7 +9,7 @@
 
 namespace krv::server {
 
-/// What GET /status reports.
+/// The contents of the status page.
 struct ServerStatus {
     std::string version;
     pid_t pid = 0;

@@ -58,7 +58,7 @@ public:
 
     // Asking.
 
-    /// What a client is told of an operation.
+    /// The state of an operation as clients see it.
     struct Snapshot {
         double progress = 0;
         bool completed = false;

@@ -44,7 +44,7 @@ pid_t spawn(const std::string& executable, std::uint64_t memoryLimit, int channe
     const std::string server = std::to_string(::getpid());
     const std::string memory = std::to_string(memoryLimit);
     const char* const arguments[] = {executable.c_str(), server.c_str(), memory.c_str(), nullptr};
-    // The user's environment may contain secrets, which are none of a decoder's business.
+    // The user's environment may contain secrets, which a decoder must not see.
     char* const environment[] = {nullptr};
     pid_t pid = -1;
     const int failure =

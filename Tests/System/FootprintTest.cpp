@@ -1,4 +1,4 @@
-// What the library uses in an application: threads, descriptors, children, processor time and memory.
+// The resources that the library uses in an application: threads, descriptors, children, processor time and memory.
 #include <cstdlib>
 #include <fstream>
 #include <iostream>

@@ -42,7 +42,7 @@ std::string adviceForDestination(const std::string& file) {
     return "choose another destination, or make space for it";
 }
 
-/// What a person can do about an error; empty where nothing is known to help.
+/// Returns what a person can do about an error. Empty if nothing is known to help.
 std::string advice(const krv::Error& error) {
     if (error.domain() == kTimeoutDomain) {
         return "run the command again; if it fails again, look at the media server's log";

@@ -112,7 +112,7 @@ FramePtr FrameReader::next() {
     return frame;
 }
 
-// Whether decoding on is the fastest way to the time, because there is no key frame between here and there.
+// Returns whether decoding on is the fastest way to the time, because there is no key frame between here and there.
 bool FrameReader::isOnTheWay(std::int64_t time) const {
     if (!shown_ || time < shown_->pts) {
         return false;
