@@ -339,9 +339,12 @@ void HTTPFront::stop() {
     if (internals_->daemons.empty()) {
         return;
     }
+    // The daemon's thread may use its listening socket until the daemon is stopped, so the sockets are closed after that.
+    std::vector<Descriptor> listeners;
     for (MHD_Daemon* const daemon : internals_->daemons) {
         if (const int listener = MHD_quiesce_daemon(daemon); listener != MHD_INVALID_SOCKET) {
-            ::close(listener);
+            ::shutdown(listener, SHUT_RDWR);  // refuses further connections
+            listeners.emplace_back(listener);
         }
     }
     internals_->drain();
