@@ -159,7 +159,8 @@ std::optional<KRVOperationBase::Ref> OperationLedger::record(const std::string& 
     record->setProgress(static_cast<float>(operation->progress.value()), operation->completed);
     record->setCancelled(operation->cancelled);
     record->setError(operation->error);
-    record->setArguments(operation->request->arguments());
+    // A copy, because the caller archives the record without the lock.
+    record->setArguments(std::make_shared<Dictionary>(operation->request->arguments()->mutableCopy()));
     if (operation->result) {
         record->setResult(operation->result->result());
         for (const auto& [key, value] : *operation->result->arguments()) {

@@ -1,3 +1,5 @@
+#include <thread>
+
 #include <gtest/gtest.h>
 
 #include "LedgerFixture.h"
@@ -158,6 +160,26 @@ TEST_F(Ledger, CountsEndsThatNoClientHasBeenTold) {
     (void)ledger.tell(operation->id);
     EXPECT_EQ(ledger.counts().untold, 0U);
     EXPECT_EQ(ledger.counts().finished, 1U);
+}
+
+TEST_F(Ledger, RecordsShareNothingThatChanges) {
+    const auto operation = add();
+    started(0)->end.set_value(completed());
+    waitForEnd(operation->id);
+    const auto first = *ledger.record(operation->id);
+    // One thread archives its reply while another asks for the record; the thread sanitizer watches.
+    std::thread archiver([&] {
+        for (int i = 0; i < 100; ++i) {
+            (void)first->convertToData();
+        }
+    });
+    for (int i = 0; i < 100; ++i) {
+        (void)ledger.record(operation->id);
+    }
+    archiver.join();
+    first->arguments()->set("made", false);
+    EXPECT_EQ((*(*ledger.record(operation->id))->arguments())["made"], Value(true));
+    EXPECT_FALSE(operation->request->arguments()->find("made"));
 }
 
 }  // namespace
