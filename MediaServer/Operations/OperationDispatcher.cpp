@@ -170,7 +170,6 @@ void OperationDispatcher::cancelOne(const Ref& request, const Reply& reply) {
         replyUnknown(request, reply);
         return;
     }
-    held_.checkAgain();
     const auto answer = replyTo(request);
     answer->setCancelled(true);
     reply(answer);
@@ -179,7 +178,6 @@ void OperationDispatcher::cancelOne(const Ref& request, const Reply& reply) {
 void OperationDispatcher::cancelAll(const Ref& request, const Reply& reply) {
     if (const auto client = clientOf(request, reply)) {
         ledger_.cancelAllOf(*client);
-        held_.checkAgain();
         const auto answer = replyTo(request);
         answer->setCancelled(true);
         reply(answer);

@@ -165,7 +165,7 @@ bool extractsAudio(const KRVOperationBase& request, std::string_view destination
                        [&](std::string_view extension) { return lower.ends_with(extension); });
 }
 
-/// What the request asks for, as it follows "Cannot". source and destination are file names.
+/// Returns the operation in words that follow "Cannot". source and destination are file names.
 std::string attempt(const KRVOperationBase& request, const std::string& source, const std::string& destination) {
     switch (request.operationType()) {
     case OpEncodeVideo:

@@ -2,12 +2,12 @@
 #include <csignal>
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "ChildProcess.h"
+#include "NoDescriptors.h"
 #include <MediaServer/Operations/ClientRegistry.h>
 
 namespace krv::server {
@@ -67,22 +67,6 @@ TEST(ClientRegistry, AReusedProcessIdIsAnotherClient) {
     EXPECT_EQ(clients.removeDead(), std::vector<ClientKey>{earlier});
 }
 
-/// Leaves this process no descriptor to open until it is destroyed.
-class NoDescriptors {
-public:
-    NoDescriptors() {
-        ::getrlimit(RLIMIT_NOFILE, &before_);
-        const rlimit none{0, before_.rlim_max};
-        ::setrlimit(RLIMIT_NOFILE, &none);
-    }
-    ~NoDescriptors() { ::setrlimit(RLIMIT_NOFILE, &before_); }
-    NoDescriptors(const NoDescriptors&) = delete;
-    NoDescriptors& operator=(const NoDescriptors&) = delete;
-
-private:
-    rlimit before_{};
-};
-
 TEST(ClientRegistry, KeepsLivingClientsWhenThereAreNoDescriptors) {
     ClientRegistry clients;
     const auto self = *clients.identify(::getpid());
@@ -91,21 +75,21 @@ TEST(ClientRegistry, KeepsLivingClientsWhenThereAreNoDescriptors) {
     const auto mortal = *clients.identify(child.pid());
     clients.setRegistered(mortal, true);
     {
-        const NoDescriptors none;
+        const test::NoDescriptors none;
         ASSERT_EQ(::open("/proc/self/stat", O_RDONLY | O_CLOEXEC), -1);
         ASSERT_EQ(errno, EMFILE);
         EXPECT_TRUE(clients.removeDead().empty());
     }
     child.signal(SIGKILL);
     child.wait();
-    const NoDescriptors none;
+    const test::NoDescriptors none;
     EXPECT_EQ(clients.removeDead(), std::vector<ClientKey>{mortal});
     EXPECT_TRUE(clients.isRegistered(self));
 }
 
 TEST(ClientRegistry, CannotDecideAboutALivingProcessWithoutDescriptors) {
     const ClientRegistry clients;
-    const NoDescriptors none;
+    const test::NoDescriptors none;
     bool undecided = false;
     EXPECT_FALSE(clients.identify(::getpid(), &undecided));
     EXPECT_TRUE(undecided);

@@ -1,12 +1,12 @@
 // Every type of operation, as a client sends it. The operations are carried out by the test.
 #include <future>
 
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
 
 #include "LedgerFixture.h"
+#include "NoDescriptors.h"
 #include <MediaServer/Operations/OperationDispatcher.h>
 
 namespace krv::server {
@@ -82,12 +82,8 @@ TEST_F(Dispatcher, RefusesARequestThatNamesNoLivingProcess) {
 }
 
 TEST_F(Dispatcher, RefusesWithCodeOneWhenItCannotLookTheClientUp) {
-    rlimit before{};
-    ::getrlimit(RLIMIT_NOFILE, &before);
-    const rlimit none{0, before.rlim_max};
-    ::setrlimit(RLIMIT_NOFILE, &none);
+    const test::NoDescriptors none;
     const R::Ref reply = ask(encode());
-    ::setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_EQ(codeOf(reply), 1);
 }
 

@@ -2,11 +2,11 @@
 #include <filesystem>
 #include <future>
 #include <string>
-#include <thread>
 
 #include <gtest/gtest.h>
 
 #include "TemporaryFolder.h"
+#include "WaitUntil.h"
 #include <MediaServer/Workers/JobRunner.h>
 
 namespace krv::server {
@@ -26,9 +26,8 @@ TEST_P(LyingWorkers, DoNotKeepTheirJobFromBeingCancelled) {
     auto outcome = std::async(std::launch::async, [&] {
         return runner_.run(*KRVOperationBase::provideMetadataFor("/a.mov"), {}, cancellation, [](double) {});
     });
-    while (!std::filesystem::exists(folder_.path() / (std::string(GetParam()) + ".read"))) {
-        std::this_thread::yield();
-    }
+    const auto marker = folder_.path() / (std::string(GetParam()) + ".read");
+    test::waitUntil([&] { return std::filesystem::exists(marker); });
     cancellation.request();
     EXPECT_EQ(outcome.get().kind, Outcome::Kind::Cancelled);
 }
