@@ -1,12 +1,17 @@
+#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <deque>
 #include <optional>
 #include <set>
+#include <system_error>
+#include <thread>
 
 #include <linux/tcp.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -14,8 +19,8 @@
 #include <microhttpd.h>
 
 #include <KRVQTProcessClient/Operations/MediaServerName.h>
-#include <KRVQTProcessClient/Platform/PeerUser.h>
 
+#include <MediaServer/Front/ConnectionAcceptor.h>
 #include <MediaServer/Front/HTTPFront.h>
 #include <MediaServer/Front/RequestPolicy.h>
 
@@ -24,22 +29,41 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr unsigned kMostConnections = 1200;
+constexpr std::size_t kMostConnections = 1200;
+/// Connections are limited to this share of the descriptors, so that operations find some.
+constexpr std::size_t kShareOfDescriptors = 2;
+/// Connections that have been shut down to make room, and that the HTTP library has not closed yet.
+constexpr std::size_t kMostClosing = 256;
 /// A connection without traffic is closed after this many seconds.
 constexpr unsigned kIdleSeconds = 120;
 /// A request must be complete within this time.
 constexpr auto kSlowestRequest = 10s;
+/// Larger records are decoded on a thread of their own, because decoding one may take 100 ms.
+constexpr std::size_t kLargestOnEventLoop = std::size_t{256} << 10;
 /// How long stop() waits for responses that are being sent.
 constexpr auto kFarewell = 3s;
 
+/// What is sent for a request that was not refused by its headers.
+struct Answer {
+    unsigned status = MHD_HTTP_OK;
+    Data bytes;
+    const char* type = "application/octet-stream";
+};
+
+Answer textAnswer(unsigned status, std::string_view text) {
+    const auto* const p = reinterpret_cast<const std::byte*>(text.data());
+    return {status, Data(p, p + text.size()), "text/plain; charset=utf-8"};
+}
+
 /// One request, from its headers to its response. Shared with the holder of the reply.
 struct Exchange {
-    enum class Stage { Reading, Dispatched, Suspended };
     Mutex mutex;
-    Stage stage KRV_GUARDED_BY(mutex) = Stage::Reading;
-    bool answered KRV_GUARDED_BY(mutex) = false;
-    Data answer KRV_GUARDED_BY(mutex);
+    bool suspended KRV_GUARDED_BY(mutex) = false;
+    /// Set once.
+    std::optional<Answer> answer KRV_GUARDED_BY(mutex);
+    // Used by one thread at a time.
     Data body;
+    bool dispatched = false;
     bool tooLarge = false;
     bool isStatus = false;
 };
@@ -54,6 +78,10 @@ MHD_Result respond(MHD_Connection* connection, unsigned status, const void* byte
     const MHD_Result result = MHD_queue_response(connection, status, response);
     MHD_destroy_response(response);
     return result;
+}
+
+MHD_Result respond(MHD_Connection* connection, const Answer& answer) {
+    return respond(connection, answer.status, answer.bytes.data(), answer.bytes.size(), answer.type);
 }
 
 MHD_Result respondText(MHD_Connection* connection, unsigned status, std::string_view text) {
@@ -94,13 +122,16 @@ MHD_Result readHeader(void* userdata, MHD_ValueKind /*kind*/, const char* key, s
 /// One open connection.
 struct Connection {
     int socket = -1;
-    bool peerIsUser = false;
     /// Bytes received until the last request ended. Any more belong to the next request.
     std::uint64_t bytesOfOldRequests = 0;
     /// Whether the headers of a request are complete and its response is not.
     bool inRequest = false;
     /// When the current request began to arrive. Empty if there is none or it is complete.
     std::optional<std::chrono::steady_clock::time_point> arrivingSince{};
+    /// When it was opened, or when its latest request ended.
+    std::chrono::steady_clock::time_point idleSince{};
+    /// Whether it has been shut down and only waits for the HTTP library to close it.
+    bool closing = false;
 };
 
 std::uint64_t bytesReceived(int socket) {
@@ -114,6 +145,16 @@ Connection* connectionOf(MHD_Connection* connection) {
     return info ? static_cast<Connection*>(info->socket_context) : nullptr;
 }
 
+/// Returns how many connections the front may hold, given how many descriptors this process may open.
+std::size_t connectionLimit() {
+    constexpr std::size_t kFewest = 8;
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
+        return kMostConnections;
+    }
+    return std::clamp<std::size_t>(limit.rlim_cur / kShareOfDescriptors, kFewest, kMostConnections);
+}
+
 }  // namespace
 
 struct HTTPFront::Internals {
@@ -121,13 +162,59 @@ struct HTTPFront::Internals {
         : handlers(std::move(given)) {}
 
     const Handlers handlers;
-    std::vector<MHD_Daemon*> daemons;
+    std::optional<ConnectionAcceptor> acceptor;
+    MHD_Daemon* daemon = nullptr;
+    std::thread decoder;
+    std::size_t mostConnections = kMostConnections;
     Mutex mutex;
     std::condition_variable_any exchangeEnded;
+    std::condition_variable_any largeRecordArrived;
+    std::deque<std::pair<ExchangeRef, MHD_Connection*>> largeRecords KRV_GUARDED_BY(mutex);
+    bool stopping KRV_GUARDED_BY(mutex) = false;
+    /// Handed to the HTTP library and not yet closed by it.
+    std::size_t admitted KRV_GUARDED_BY(mutex) = 0;
     int openExchanges KRV_GUARDED_BY(mutex) = 0;
     std::set<Connection*> connections KRV_GUARDED_BY(mutex);
 
-    /// The peer of each connection is looked up once, when it opens.
+    /// Hands a connection to the HTTP library. Makes room for it if there are too many.
+    void admit(Descriptor connection) {
+        sockaddr_storage peer{};
+        socklen_t size = sizeof peer;
+        if (::getpeername(connection.get(), reinterpret_cast<sockaddr*>(&peer), &size) != 0) {
+            return;
+        }
+        {
+            const LockGuard lock(mutex);
+            const auto closing = static_cast<std::size_t>(std::count_if(
+                connections.begin(), connections.end(), [](const Connection* each) { return each->closing; }));
+            if (closing >= kMostClosing || (admitted - closing >= mostConnections && !closeIdle())) {
+                return;  // all others have requests under way
+            }
+            ++admitted;
+        }
+        if (MHD_add_connection(daemon, connection.release(), reinterpret_cast<sockaddr*>(&peer), size) != MHD_YES) {
+            const LockGuard lock(mutex);
+            --admitted;
+        }
+    }
+
+    /// Shuts down the connection that has been idle for the longest time. Returns false if none is idle.
+    bool closeIdle() KRV_REQUIRES(mutex) {
+        Connection* longest = nullptr;
+        for (Connection* const its : connections) {
+            const bool idle = !its->closing && !its->inRequest && !its->arrivingSince &&
+                              bytesReceived(its->socket) <= its->bytesOfOldRequests;
+            if (idle && (!longest || its->idleSince < longest->idleSince)) {
+                longest = its;
+            }
+        }
+        if (longest) {
+            longest->closing = true;
+            ::shutdown(longest->socket, SHUT_RDWR);
+        }
+        return longest != nullptr;
+    }
+
     static void connectionChanged(void* userdata, MHD_Connection* connection, void** context,
                                   MHD_ConnectionNotificationCode code) {
         auto& self = *static_cast<Internals*>(userdata);
@@ -135,7 +222,7 @@ struct HTTPFront::Internals {
             const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
             auto* const opened = new Connection;
             opened->socket = info ? info->connect_fd : -1;
-            opened->peerIsUser = info && clientBelongsToThisUser(info->connect_fd);
+            opened->idleSince = std::chrono::steady_clock::now();
             *context = opened;
             const LockGuard lock(self.mutex);
             self.connections.insert(opened);
@@ -143,6 +230,7 @@ struct HTTPFront::Internals {
             {
                 const LockGuard lock(self.mutex);
                 self.connections.erase(closed);
+                --self.admitted;
             }
             delete closed;
             *context = nullptr;
@@ -160,6 +248,7 @@ struct HTTPFront::Internals {
             its->inRequest = false;
             its->arrivingSince.reset();
             its->bytesOfOldRequests = bytesReceived(its->socket);
+            its->idleSince = std::chrono::steady_clock::now();
         }
         if (wasExchange) {
             --self.openExchanges;
@@ -229,8 +318,6 @@ struct HTTPFront::Internals {
         head.target = target;
         head.version = version;
         requestBegun(connection);
-        const Connection* const its = connectionOf(connection);
-        head.peerIsUser = its && its->peerIsUser;
         MHD_get_connection_values_n(connection, MHD_HEADER_KIND, &readHeader, &head);
         const Verdict verdict = judge(head);
         switch (verdict.action) {
@@ -268,39 +355,65 @@ struct HTTPFront::Internals {
             const std::string page = handlers.status();
             return respond(connection, MHD_HTTP_OK, page.data(), page.size(), "application/json");
         }
-        {
-            const LockGuard lock(exchange->mutex);
-            if (exchange->answered) {
-                return respond(connection, MHD_HTTP_OK, exchange->answer.data(), exchange->answer.size(),
-                               "application/octet-stream");
-            }
-            exchange->stage = Exchange::Stage::Dispatched;
-        }
         if (exchange->tooLarge) {
             return respondText(connection, MHD_HTTP_CONTENT_TOO_LARGE, "the record exceeds 16 MiB\n");
         }
+        const bool isFirstCall = !std::exchange(exchange->dispatched, true);
+        if (isFirstCall && exchange->body.size() > kLargestOnEventLoop) {
+            const LockGuard lock(mutex);
+            largeRecords.emplace_back(exchange, connection);
+            largeRecordArrived.notify_one();
+        } else if (isFirstCall) {
+            dispatch(connection, exchange);
+        }
+        const LockGuard lock(exchange->mutex);
+        if (exchange->answer) {
+            return respond(connection, *exchange->answer);
+        }
+        exchange->suspended = true;
+        MHD_suspend_connection(connection);
+        return MHD_YES;
+    }
+
+    /// Decodes the body of a request and hands the record over.
+    void dispatch(MHD_Connection* connection, const ExchangeRef& exchange) const {
         const auto record =
             KRVOperationBase::operationFromData(std::make_shared<const Data>(std::move(exchange->body)));
         if (!record) {
-            return respondText(connection, MHD_HTTP_BAD_REQUEST, "not an archived operation record\n");
+            answer(connection, *exchange, textAnswer(MHD_HTTP_BAD_REQUEST, "not an archived operation record\n"));
+            return;
         }
         handlers.operation(record, [exchange, connection](const KRVOperationBase::Ref& reply) {
-            Data bytes = reply->convertToData();
-            const LockGuard lock(exchange->mutex);
-            exchange->answer = std::move(bytes);
-            exchange->answered = true;
-            if (exchange->stage == Exchange::Stage::Suspended) {
-                MHD_resume_connection(connection);
-            }
+            answer(connection, *exchange, {.bytes = reply->convertToData()});
         });
-        const LockGuard lock(exchange->mutex);
-        if (exchange->answered) {
-            return respond(connection, MHD_HTTP_OK, exchange->answer.data(), exchange->answer.size(),
-                           "application/octet-stream");
+    }
+
+    static void answer(MHD_Connection* connection, Exchange& exchange, Answer given) {
+        const LockGuard lock(exchange.mutex);
+        exchange.answer = std::move(given);
+        if (exchange.suspended) {
+            MHD_resume_connection(connection);
         }
-        exchange->stage = Exchange::Stage::Suspended;
-        MHD_suspend_connection(connection);
-        return MHD_YES;
+    }
+
+    /// The decoder's thread. Ends when the front stops and no large record is left.
+    void decodeLargeRecords() {
+        mutex.lock();
+        for (;;) {
+            if (largeRecords.empty()) {
+                if (stopping) {
+                    break;
+                }
+                largeRecordArrived.wait(mutex);
+                continue;
+            }
+            const auto [exchange, connection] = std::move(largeRecords.front());
+            largeRecords.pop_front();
+            mutex.unlock();
+            dispatch(connection, exchange);
+            mutex.lock();
+        }
+        mutex.unlock();
     }
 };
 
@@ -312,21 +425,30 @@ HTTPFront::~HTTPFront() {
 }
 
 bool HTTPFront::start(ListeningSockets sockets) {
-    for (Descriptor* const socket : {&sockets.ipv4, &sockets.ipv6}) {
-        if (!*socket) {
-            continue;
-        }
-        const unsigned flags = MHD_USE_EPOLL_INTERNAL_THREAD | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_ITC;
-        MHD_Daemon* const daemon = MHD_start_daemon(
-            flags, 0, nullptr, nullptr, &Internals::handle, internals_.get(), MHD_OPTION_LISTEN_SOCKET, socket->get(),
-            MHD_OPTION_CONNECTION_LIMIT, kMostConnections, MHD_OPTION_CONNECTION_TIMEOUT, kIdleSeconds,
-            MHD_OPTION_NOTIFY_COMPLETED, &Internals::requestEnded, internals_.get(), MHD_OPTION_NOTIFY_CONNECTION,
-            &Internals::connectionChanged, internals_.get(), MHD_OPTION_END);
-        if (!daemon) {
-            return false;
-        }
-        (void)socket->release();  // the daemon closes it
-        internals_->daemons.push_back(daemon);
+    Internals& self = *internals_;
+    self.mostConnections = connectionLimit();
+    const unsigned flags = MHD_USE_EPOLL_INTERNAL_THREAD | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_NO_LISTEN_SOCKET;
+    self.daemon =
+        MHD_start_daemon(flags, 0, nullptr, nullptr, &Internals::handle, &self, MHD_OPTION_CONNECTION_LIMIT,
+                         static_cast<unsigned>(self.mostConnections + kMostClosing), MHD_OPTION_CONNECTION_TIMEOUT,
+                         kIdleSeconds, MHD_OPTION_NOTIFY_COMPLETED, &Internals::requestEnded, &self,
+                         MHD_OPTION_NOTIFY_CONNECTION, &Internals::connectionChanged, &self, MHD_OPTION_END);
+    if (!self.daemon) {
+        return false;
+    }
+    try {
+        self.decoder = std::thread([&self] { self.decodeLargeRecords(); });
+        self.acceptor.emplace(std::move(sockets),
+                              ConnectionAcceptor::Handlers{
+                                  [&self](Descriptor connection) { self.admit(std::move(connection)); },
+                                  [&self] {
+                                      const LockGuard lock(self.mutex);
+                                      (void)self.closeIdle();
+                                  },
+                              });
+    } catch (const std::system_error&) {
+        stop();
+        return false;
     }
     return true;
 }
@@ -336,22 +458,21 @@ void HTTPFront::dropSlowSenders() {
 }
 
 void HTTPFront::stop() {
-    if (internals_->daemons.empty()) {
+    Internals& self = *internals_;
+    if (!self.daemon) {
         return;
     }
-    // The daemon's thread may use its listening socket until the daemon is stopped, so the sockets are closed after that.
-    std::vector<Descriptor> listeners;
-    for (MHD_Daemon* const daemon : internals_->daemons) {
-        if (const int listener = MHD_quiesce_daemon(daemon); listener != MHD_INVALID_SOCKET) {
-            ::shutdown(listener, SHUT_RDWR);  // refuses further connections
-            listeners.emplace_back(listener);
-        }
+    self.acceptor.reset();
+    self.drain();
+    {
+        const LockGuard lock(self.mutex);
+        self.stopping = true;
+        self.largeRecordArrived.notify_one();
     }
-    internals_->drain();
-    for (MHD_Daemon* const daemon : internals_->daemons) {
-        MHD_stop_daemon(daemon);
+    if (self.decoder.joinable()) {
+        self.decoder.join();
     }
-    internals_->daemons.clear();
+    MHD_stop_daemon(std::exchange(self.daemon, nullptr));
 }
 
 }  // namespace krv::server

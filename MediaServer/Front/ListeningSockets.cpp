@@ -9,8 +9,6 @@
 namespace krv::server {
 namespace {
 
-constexpr int kBacklog = 128;
-
 enum class Outcome { Open, InUse, NoSuchAddress };
 
 Outcome listenOn(const sockaddr* address, socklen_t size, Descriptor& socket) {
@@ -29,7 +27,7 @@ Outcome listenOn(const sockaddr* address, socklen_t size, Descriptor& socket) {
         socket.reset();
         return absent ? Outcome::NoSuchAddress : Outcome::InUse;
     }
-    return ::listen(socket.get(), kBacklog) == 0 ? Outcome::Open : Outcome::InUse;
+    return ::listen(socket.get(), SOMAXCONN) == 0 ? Outcome::Open : Outcome::InUse;
 }
 
 }  // namespace

@@ -71,9 +71,6 @@ bool isWellFormedHeader(std::string_view name, std::string_view value) {
 
 Verdict judge(const RequestHead& head) {
     using Action = Verdict::Action;
-    if (!head.peerIsUser) {
-        return {Action::Refuse, 403, "this server belongs to another user\n"};
-    }
     const bool fromWebPage = head.hasOrigin || !std::all_of(head.fetchSites.begin(), head.fetchSites.end(), isOwnSite);
     if (fromWebPage || head.hosts.size() != 1 || !isThisMachine(head.hosts.front())) {
         return {Action::Refuse, 403, "only programs on this machine are served\n"};

@@ -30,8 +30,6 @@ struct RequestHead {
     std::vector<std::string_view> transferEncodings;
     /// Whether a header has an invalid name, or a value with control characters.
     bool malformedHeaders = false;
-    /// Whether the peer of the socket runs as this user.
-    bool peerIsUser = false;
 };
 
 struct Verdict {
@@ -50,7 +48,7 @@ struct Verdict {
 /// Decides whether to serve a request. Pure.
 ///
 /// Requests whose end two parsers could see in different places are refused: what one takes for the body, the other would
-/// carry out as the next request. So are requests of other users and of web pages. A page's request has an Origin, or a
+/// carry out as the next request. So are requests of web pages. A page's request has an Origin, or a
 /// Sec-Fetch-Site that names another site, or after DNS rebinding another Host.
 [[nodiscard]] Verdict judge(const RequestHead& head);
 

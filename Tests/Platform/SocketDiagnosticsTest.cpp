@@ -12,8 +12,11 @@
 
 #include <gtest/gtest.h>
 
+#include <KRVQTProcessClient/Platform/Linux/DiagnosticsSocket.h>
 #include <KRVQTProcessClient/Platform/Linux/SocketDiagnostics.h>
 #include <KRVQTProcessClient/Platform/PeerUser.h>
+
+#include "NoDescriptors.h"
 
 namespace krv {
 namespace {
@@ -204,7 +207,10 @@ public:
     [[nodiscard]] bool isMade() const { return made_; }
     void accept() { accepted_ = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC); }
     [[nodiscard]] bool serverIsOurs() const { return serverBelongsToThisUser(*local_, *peer_); }
-    [[nodiscard]] bool clientIsOurs() const { return clientBelongsToThisUser(*peer_, *local_); }
+    [[nodiscard]] bool clientIsOurs() const {
+        DiagnosticsSocket diagnostics;
+        return clientBelongsToThisUser(diagnostics, *peer_, *local_);
+    }
 
 private:
     int listener_ = -1;
@@ -253,7 +259,8 @@ TEST(PeerOwnership, AMissingSocketBelongsToNobody) {
     const auto one = *SocketEnd::from("127.0.0.1", 1);
     const auto two = *SocketEnd::from("127.0.0.1", 2);
     EXPECT_FALSE(serverBelongsToThisUser(one, two));
-    EXPECT_FALSE(clientBelongsToThisUser(one, two));
+    DiagnosticsSocket diagnostics;
+    EXPECT_FALSE(clientBelongsToThisUser(diagnostics, one, two));
 }
 
 /// Opens a TCP socket with SO_REUSEADDR that is bound to an IPv4 address, in host byte order, and a port, 0 for any.
@@ -291,9 +298,14 @@ TEST(PeerOwnership, AClientThatHasClosedIsNotTakenForAListenerOnItsPort) {
     ASSERT_EQ(::connect(client, reinterpret_cast<const sockaddr*>(&there), sizeof there), 0);
     const int accepted = ::accept4(server, nullptr, nullptr, SOCK_CLOEXEC);
     ASSERT_GE(accepted, 0);
-    EXPECT_TRUE(clientBelongsToThisUser(accepted));
+    ClientUserCheck check;
+    EXPECT_TRUE(check.isThisUser(accepted));
+    {
+        const test::NoDescriptors none;
+        EXPECT_TRUE(check.isThisUser(accepted));
+    }
     ::close(client);
-    EXPECT_FALSE(clientBelongsToThisUser(accepted));
+    EXPECT_FALSE(check.isThisUser(accepted));
     for (const int socket : {accepted, server, ours}) {
         ::close(socket);
     }

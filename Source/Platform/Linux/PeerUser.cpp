@@ -7,6 +7,7 @@
 
 #include <KRVQTProcessClient/Platform/PeerUser.h>
 
+#include "DiagnosticsSocket.h"
 #include "SocketDiagnostics.h"
 
 namespace krv {
@@ -29,10 +30,19 @@ std::optional<SocketEnd> endOf(int socket, NameFunction name) {
 
 }  // namespace
 
-bool clientBelongsToThisUser(int socket) {
+struct ClientUserCheck::Internals {
+    DiagnosticsSocket diagnostics;
+};
+
+ClientUserCheck::ClientUserCheck()
+    : internals_(std::make_unique<Internals>()) {}
+
+ClientUserCheck::~ClientUserCheck() = default;
+
+bool ClientUserCheck::isThisUser(int socket) {
     const auto ours = endOf(socket, &::getsockname);
     const auto theirs = endOf(socket, &::getpeername);
-    return ours && theirs && clientBelongsToThisUser(*ours, *theirs);
+    return ours && theirs && clientBelongsToThisUser(internals_->diagnostics, *ours, *theirs);
 }
 
 }  // namespace krv

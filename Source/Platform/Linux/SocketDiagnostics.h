@@ -49,11 +49,6 @@ struct SocketOwner {
 /// query fails.
 [[nodiscard]] bool serverBelongsToThisUser(const SocketEnd& local, const SocketEnd& server);
 
-/// Returns whether the client of a connection that this process has accepted runs as this process's user. `local` is this
-/// process's end. False if the query fails, and if the client has closed its socket: then nobody can tell whose it was.
-/// The client has chosen its port, so a listener on that port proves nothing.
-[[nodiscard]] bool clientBelongsToThisUser(const SocketEnd& local, const SocketEnd& client);
-
 /// Returns whether a process of this process's user listens on the port and can be reached there over loopback. Queries
 /// a single socket, because reading the kernel's whole table takes milliseconds, and this is called every second.
 [[nodiscard]] bool userListensOnPort(std::uint16_t port);

@@ -1,10 +1,12 @@
 // The HTTP front in this process, with a socket of its own and handlers of the test's.
 #include <atomic>
 #include <future>
+#include <list>
 #include <string>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -178,6 +180,57 @@ TEST_F(Front, RefusesWhatThePolicyRefusesBeforeTheHandlerSeesIt) {
     EXPECT_THAT(HTTPConnection(port).ask("DELETE / HTTP/1.1\r\nHost: localhost\r\nContent-Length: 0\r\n\r\n"),
                 StartsWith("HTTP/1.1 405"));
     EXPECT_EQ(requests, 0);
+}
+
+TEST_F(Front, DecodesALargeRecordWithoutHoldingUpOthers) {
+    std::promise<void> begun;
+    std::promise<void> go;
+    onRequest = [&](const R::Ref& request, const HTTPFront::Reply& reply) {
+        if (request->operationType() == OpReturnResult) {
+            begun.set_value();
+            go.get_future().wait();
+        }
+        reply(request);
+    };
+    const auto large = R::returnResultForOperation(std::string(std::size_t{1} << 20, 'x'));
+    const HTTPConnection connection(port);
+    connection.send(post(archived(large)));
+    begun.get_future().wait();
+    EXPECT_THAT(HTTPConnection(port).ask(post(archived(R::readyToProcessRequestOperation()))),
+                StartsWith("HTTP/1.1 200"));
+    go.set_value();
+    const R::Ref answer = recordIn(connection.receive());
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->uniqueID(), large->uniqueID());
+}
+
+TEST_F(Front, RefusesALargeBodyThatIsNotARecord) {
+    EXPECT_THAT(HTTPConnection(port).ask(post(std::string(std::size_t{1} << 20, 'x'))), StartsWith("HTTP/1.1 400"));
+    EXPECT_EQ(requests, 0);
+}
+
+TEST(FrontWithFewDescriptors, ClosesTheConnectionThatIsIdleLongestToServeANewOne) {
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    constexpr rlim_t kFew = 64;
+    const rlimit few{kFew, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+    HTTPFront front({[](const R::Ref& request, const HTTPFront::Reply& reply) { reply(request); },
+                     [] { return std::string("{}"); }});
+    const int first = 20000 + ::getpid() % 20000;
+    auto sockets = ListeningSockets::open(first, first + 1000);
+    ASSERT_TRUE(sockets);
+    const std::uint16_t port = sockets->port;
+    ASSERT_TRUE(front.start(std::move(*sockets)));
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);  // this process also holds the clients' ends
+
+    const std::string get = "GET /status HTTP/1.1\r\nHost: localhost\r\n\r\n";
+    std::list<HTTPConnection> connections;
+    for (rlim_t i = 0; i < kFew; ++i) {
+        EXPECT_THAT(connections.emplace_back(port).ask(get), StartsWith("HTTP/1.1 200")) << i;
+    }
+    EXPECT_EQ(connections.front().receive(), "");  // closed
+    EXPECT_THAT(connections.back().ask(get), StartsWith("HTTP/1.1 200"));
 }
 
 TEST_F(Front, SendsRepliesThatAreOnTheirWayBeforeItStops) {

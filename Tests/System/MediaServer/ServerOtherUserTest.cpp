@@ -1,4 +1,5 @@
 // Two users of one machine: the programs of one cannot use the server of the other.
+#include <sys/resource.h>
 #include <sys/wait.h>
 
 #include <grp.h>
@@ -29,6 +30,10 @@ protected:
         int status = -1;
         return ::waitpid(child, &status, 0) == child && status == 0;
     }
+    std::size_t openDescriptors() const {
+        return static_cast<std::size_t>(
+            std::distance(fs::directory_iterator(fmt::format("/proc/{}/fd", process->pid())), {}));
+    }
     std::string registration() const {
         const auto record = R::registerWithServerOperation()->convertToData();
         return fmt::format("POST / HTTP/1.1\r\n{}Content-Length: {}\r\n\r\n", host(), record.size()) +
@@ -46,6 +51,45 @@ TEST_F(OtherUser, IsServedNothing) {
     EXPECT_EQ(rawStatus(get), 200);
     EXPECT_EQ(rawStatus(post), 200);
     EXPECT_TRUE(client->amIRegistered());
+}
+
+TEST_F(OtherUser, CannotOccupyConnectionsThatTheOwnerNeeds) {
+    start();
+    constexpr int kMany = 3000;
+    int opened[2];
+    int end[2];
+    ASSERT_EQ(::pipe(opened), 0);
+    ASSERT_EQ(::pipe(end), 0);
+    const pid_t other = ::fork();
+    if (other == 0) {
+        const rlimit many{kMany + 100, kMany + 100};
+        bool done = ::setrlimit(RLIMIT_NOFILE, &many) == 0 && ::setresuid(kOtherUser, kOtherUser, kOtherUser) == 0;
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<std::uint16_t>(port));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        for (int i = 0; i < kMany && done; ++i) {
+            const int socket = ::socket(AF_INET, SOCK_STREAM, 0);
+            done = ::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+        }
+        char byte = 0;
+        ::close(end[1]);
+        [[maybe_unused]] const auto told = ::write(opened[1], &byte, done ? 1 : 0);
+        ::close(opened[1]);
+        [[maybe_unused]] const auto waited = ::read(end[0], &byte, 1);
+        ::_exit(0);
+    }
+    ::close(opened[1]);
+    char byte = 0;
+    ASSERT_EQ(::read(opened[0], &byte, 1), 1);
+    // The connections are refused as they are accepted, so the server soon has none of them.
+    waitUntil([&] { return openDescriptors() < 100; });
+    EXPECT_EQ(rawStatus("GET /status HTTP/1.1\r\n" + host() + "\r\n"), 200);
+    EXPECT_EQ(convert(movie(), out()), nullptr);
+    ::close(end[1]);
+    ::close(end[0]);
+    ::close(opened[0]);
+    ::waitpid(other, nullptr, 0);
 }
 
 TEST_F(OtherUser, CannotRegisterAsAClientByItsProcessId) {
