@@ -151,18 +151,17 @@ void OperationDispatcher::mediaOperation(const Ref& request, const Reply& reply)
         return;
     }
     clients_.note(*client);
+    // The request is not kept, because it may be large.
+    const auto answer = replyTo(request);
+    answer->setUniqueID(*id);
     held_.hold(
         kHoldFirstReply,
         [this, id = *id] {
             const auto state = ledger_.snapshot(id);
             return !state || state->ended;
         },
-        [request, reply, id = *id] {
-            // The first reply says only that the operation was accepted. The client asks how it ended.
-            const auto answer = replyTo(request);
-            answer->setUniqueID(id);
-            reply(answer);
-        });
+        // The first reply says only that the operation was accepted. The client asks how it ended.
+        [answer, reply] { reply(answer); });
 }
 
 void OperationDispatcher::cancelOne(const Ref& request, const Reply& reply) {
@@ -191,13 +190,14 @@ void OperationDispatcher::progress(const Ref& request, const Reply& reply) {
         replyUnknown(request, reply);
         return;
     }
-    const auto answer = [this, request, reply, id] {
+    // Not the request itself, which may be large.
+    const auto answer = [this, asked = replyTo(request), reply, id] {
         const auto state = ledger_.tell(id);
         if (!state) {
-            replyUnknown(request, reply);
+            replyUnknown(asked, reply);
             return;
         }
-        const auto record = replyTo(request);
+        const auto record = replyTo(asked);
         put(*record, *state);
         reply(record);
     };

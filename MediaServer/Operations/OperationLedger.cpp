@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include <gio/gio.h>
@@ -6,6 +7,7 @@
 #include <MediaServer/Operations/OperationLedger.h>
 #include <MediaServer/Operations/ServerLog.h>
 #include <MediaServer/Protocol/FailureSentence.h>
+#include <MediaServer/Protocol/MediaRequest.h>
 
 namespace krv::server {
 namespace {
@@ -23,9 +25,10 @@ using State = ServerOperation::State;
 
 }  // namespace
 
-OperationLedger::OperationLedger(Changed changed, Clock clock)
+OperationLedger::OperationLedger(Changed changed, Clock clock, std::size_t resultBudget)
     : changed_(std::move(changed))
-    , clock_(std::move(clock)) {}
+    , clock_(std::move(clock))
+    , resultBudget_(resultBudget) {}
 
 std::size_t OperationLedger::kindOf(const ServerOperation& operation) noexcept {
     const MediaOperation* const row = mediaOperation(operation.request->operationType());
@@ -37,13 +40,42 @@ std::string OperationLedger::insert(const OperationRef& operation) {
     operation->number = ++lastNumber_;
     byId_[operation->id] = operation;
     inOrder_[operation->number] = operation;
+    count(*operation);
     return operation->id;
 }
 
 void OperationLedger::erase(const ServerOperation& operation) {
     const std::string id = operation.id;
+    uncount(operation);
+    if (operation.client) {
+        losers_.insert(*operation.client);
+    }
     inOrder_.erase(operation.number);
     byId_.erase(id);
+}
+
+void OperationLedger::tally(const ServerOperation& operation, std::size_t one) const {
+    switch (operation.state) {
+    case State::Queued:
+        counts_.queued += one;
+        break;
+    case State::Running:
+        counts_.running += one;
+        break;
+    case State::Finished:
+        counts_.finished += operation.request ? one : 0;
+        counts_.untold += operation.request && !operation.endTold ? one : 0;
+        counts_.finishedBytes += one * (kEntryCost + operation.requestBytes + operation.resultBytes);
+        break;
+    }
+}
+
+void OperationLedger::count(const ServerOperation& operation) const {
+    tally(operation, 1);
+}
+
+void OperationLedger::uncount(const ServerOperation& operation) const {
+    tally(operation, ~std::size_t{0});  // adds -1, modulo the size of the type
 }
 
 OperationRef OperationLedger::find(const std::string& id) const {
@@ -54,22 +86,22 @@ OperationRef OperationLedger::find(const std::string& id) const {
 std::optional<std::string> OperationLedger::add(const KRVOperationBase::Ref& request, const ClientKey& client,
                                                 std::optional<Failure>& failure) {
     const auto operation = std::make_shared<ServerOperation>();
-    operation->request = request;
+    operation->request = withKnownArguments(*request);
+    operation->requestBytes = operation->request->convertToData().size();
     operation->client = client;
     const std::size_t kind = kindOf(*operation);
     std::string id;
     {
         const LockGuard lock(mutex_);
-        std::size_t waiting = 0;
-        for (const Line& line : lines_) {
-            waiting += line.waiting.size();
-        }
-        if (closed_ || waiting >= kLongestQueue) {
+        Line& line = lines_.at(kind);
+        const bool full = line.waiting.size() >= kLongestQueue || line.bytes + operation->requestBytes > kQueueBudget;
+        if (closed_ || full) {
             failure = Failure{.cause = closed_ ? FailureCause::ShuttingDown : FailureCause::QueueFull};
             return std::nullopt;
         }
         operation->queuedAt = clock_();
-        lines_.at(kind).waiting.push_back(operation);
+        line.waiting.push_back(operation);
+        line.bytes += operation->requestBytes;
         id = insert(operation);
     }
     wake_.at(kind).notify_one();
@@ -83,6 +115,7 @@ std::string OperationLedger::addTimed(const TimedRun& run, const ClientKey& clie
     const LockGuard lock(mutex_);
     operation->state = State::Running;
     operation->queuedAt = operation->startedAt = clock_();
+    timed_.insert(operation);
     return insert(operation);
 }
 
@@ -114,10 +147,12 @@ void OperationLedger::refresh(ServerOperation& operation) const {
     } else if (elapsed < run.timeToLive) {
         operation.progress.advanceTo(elapsed / run.timeToLive);
     } else {
+        uncount(operation);
         operation.progress.complete();
         operation.completed = true;
         operation.state = State::Finished;
         operation.finishedAt = clock_();
+        count(operation);
     }
 }
 
@@ -143,16 +178,19 @@ std::optional<OperationLedger::Snapshot> OperationLedger::tell(const std::string
         return std::nullopt;
     }
     refresh(*operation);
+    uncount(*operation);
     operation->endTold |= operation->state == State::Finished;
+    count(*operation);
     return snapshotOf(*operation);
 }
 
-std::optional<KRVOperationBase::Ref> OperationLedger::record(const std::string& id) const {
+std::optional<KRVOperationBase::Ref> OperationLedger::record(const std::string& id) {
     const LockGuard lock(mutex_);
     const auto operation = find(id);
     if (!operation || !operation->request) {
         return std::nullopt;
     }
+    operation->resultFetched |= operation->state == State::Finished;
     auto record = std::make_shared<KRVOperationBase>();
     record->setOperationType(operation->request->operationType());
     record->setUniqueID(operation->id);
@@ -174,23 +212,11 @@ std::optional<KRVOperationBase::Ref> OperationLedger::record(const std::string& 
 
 OperationLedger::Counts OperationLedger::counts() const {
     const LockGuard lock(mutex_);
-    Counts counts;
-    for (const auto& [number, operation] : inOrder_) {
+    for (const OperationRef& operation : timed_) {
         refresh(*operation);
-        switch (operation->state) {
-        case State::Queued:
-            ++counts.queued;
-            break;
-        case State::Running:
-            ++counts.running;
-            break;
-        case State::Finished:
-            counts.finished += operation->request ? 1U : 0U;
-            counts.untold += operation->request && !operation->endTold ? 1U : 0U;
-            break;
-        }
     }
-    return counts;
+    std::erase_if(timed_, [](const OperationRef& each) { return each->state == State::Finished; });
+    return counts_;
 }
 
 std::vector<std::string> OperationLedger::names() const {
@@ -214,8 +240,9 @@ bool OperationLedger::cancelLocked(ServerOperation& operation) {
         return false;
     }
     if (!operation.timed) {
-        std::erase_if(lines_.at(kindOf(operation)).waiting,
-                      [&](const OperationRef& each) { return each.get() == &operation; });
+        Line& line = lines_.at(kindOf(operation));
+        line.bytes -= operation.requestBytes;
+        std::erase_if(line.waiting, [&](const OperationRef& each) { return each.get() == &operation; });
     }
     finishLocked(operation, {Outcome::Kind::Cancelled, nullptr, nullptr});
     return true;
@@ -291,24 +318,43 @@ std::vector<ClientKey> OperationLedger::removeOld() {
     const LockGuard lock(mutex_);
     const auto now = clock_();
     std::vector<OperationRef> old;
-    std::vector<ClientKey> remaining;
+    std::set<ClientKey> remaining;
     for (const auto& [number, operation] : inOrder_) {
         refresh(*operation);
         if (operation->state == State::Finished && now - operation->finishedAt >= kResultsKept) {
             old.push_back(operation);
         } else if (operation->client) {
-            remaining.push_back(*operation->client);
+            remaining.insert(*operation->client);
         }
     }
-    std::vector<ClientKey> affected;
     for (const OperationRef& operation : old) {
         erase(*operation);
-        if (operation->client && std::find(remaining.begin(), remaining.end(), *operation->client) == remaining.end()) {
-            affected.push_back(*operation->client);
-        }
     }
     std::erase_if(refusals_, [this](const std::string& id) KRV_REQUIRES(mutex_) { return !find(id); });
+    std::vector<ClientKey> affected;
+    std::set_difference(losers_.begin(), losers_.end(), remaining.begin(), remaining.end(),
+                        std::back_inserter(affected));
+    losers_.clear();
     return affected;
+}
+
+void OperationLedger::keepWithinBudget(const ServerOperation& newest) {
+    if (counts_.finishedBytes <= resultBudget_) {
+        return;
+    }
+    // Some room to spare, because every entry has to be looked at for this.
+    const std::size_t aim = resultBudget_ - resultBudget_ / 8;
+    using Droppable = bool (*)(const ServerOperation&);
+    for (const Droppable droppable : {Droppable([](const ServerOperation& each) { return each.resultFetched; }),
+                                      Droppable([](const ServerOperation& each) { return each.endTold; }),
+                                      Droppable([](const ServerOperation&) { return true; })}) {
+        for (auto next = inOrder_.begin(); next != inOrder_.end() && counts_.finishedBytes > aim;) {
+            const OperationRef operation = (next++)->second;
+            if (operation->state == State::Finished && operation.get() != &newest && droppable(*operation)) {
+                erase(*operation);
+            }
+        }
+    }
 }
 
 void OperationLedger::close() {
@@ -322,6 +368,7 @@ void OperationLedger::close() {
                               makeError(*operation->request, {.cause = FailureCause::ShuttingDown}), nullptr});
             }
             line.waiting.clear();
+            line.bytes = 0;
         }
     }
     changed_();
@@ -339,7 +386,10 @@ OperationRef OperationLedger::takeNext(Duration duration) {
     }
     const OperationRef operation = line.waiting.front();
     line.waiting.pop_front();
+    line.bytes -= operation->requestBytes;
+    uncount(*operation);
     operation->state = State::Running;
+    count(*operation);
     operation->cancellation = std::make_shared<Cancellation>();
     operation->startedAt = clock_();
     operation->livedAt = operation->startedAt;
@@ -373,8 +423,10 @@ void OperationLedger::creep(Line& line) {
 }
 
 void OperationLedger::finish(ServerOperation& operation, Outcome outcome) {
+    const std::size_t bytes = outcome.record ? outcome.record->convertToData().size() : 0;
     {
         const LockGuard lock(mutex_);
+        operation.resultBytes = bytes;
         finishLocked(operation, std::move(outcome));
         creep(lines_.at(kindOf(operation)));
     }
@@ -382,6 +434,11 @@ void OperationLedger::finish(ServerOperation& operation, Outcome outcome) {
 }
 
 void OperationLedger::finishLocked(ServerOperation& operation, Outcome outcome) {
+    // An operation that has been removed while it ran is in no count any more.
+    const bool known = inOrder_.contains(operation.number);
+    if (known) {
+        uncount(operation);
+    }
     operation.state = State::Finished;
     operation.finishedAt = clock_();
     operation.cancellation.reset();
@@ -397,6 +454,10 @@ void OperationLedger::finishLocked(ServerOperation& operation, Outcome outcome) 
     case Outcome::Kind::Cancelled:
         operation.cancelled = true;
         break;
+    }
+    if (known) {
+        count(operation);
+        keepWithinBudget(operation);
     }
     if (operation.request) {
         logOperation(operation);

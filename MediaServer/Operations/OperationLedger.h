@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -34,8 +35,15 @@ public:
     using Changed = std::function<void()>;
     using Clock = std::function<ServerOperation::Time()>;
 
-    /// More waiting operations than this are refused.
+    /// More waiting operations of one duration than this are refused.
     static constexpr std::size_t kLongestQueue = 1000;
+    /// Waiting requests may take this many bytes. More are refused.
+    static constexpr std::size_t kQueueBudget = std::size_t{256} << 20;
+    /// Finished entries may take this many bytes. If they take more, the oldest of those whose result a client has fetched
+    /// are dropped first, then the oldest of those that a client knows to have ended, then the oldest.
+    static constexpr std::size_t kResultBudget = std::size_t{256} << 20;
+    /// What an entry costs besides its records, in bytes.
+    static constexpr std::size_t kEntryCost = 2048;
     /// Older refusals than the latest this many are dropped.
     static constexpr std::size_t kMostRefusals = 1000;
     /// Entries are dropped this long after they have finished.
@@ -43,12 +51,13 @@ public:
     /// A change of progress that is worth a reply.
     static constexpr double kVisibleChange = 0.005;
 
-    explicit OperationLedger(Changed changed, Clock clock = &std::chrono::steady_clock::now);
+    explicit OperationLedger(Changed changed, Clock clock = &std::chrono::steady_clock::now,
+                             std::size_t resultBudget = kResultBudget);
 
     // Adding entries.
 
-    /// Queues a valid media request and returns its new identifier. Empty, and failure is set, if the ledger is closed
-    /// or the queue full.
+    /// Queues a valid media request and returns its new identifier. Keeps only the arguments that the operation knows.
+    /// Empty, and failure is set, if the ledger is closed or the queue full.
     [[nodiscard]] std::optional<std::string> add(const KRVOperationBase::Ref& request, const ClientKey& client,
                                                  std::optional<Failure>& failure);
     /// Starts a self-test and returns its new identifier.
@@ -72,7 +81,7 @@ public:
     [[nodiscard]] std::optional<Snapshot> tell(const std::string& id);
     /// Returns the record of a media operation with what has come of it so far. Nothing for other entries and unknown
     /// identifiers.
-    [[nodiscard]] std::optional<KRVOperationBase::Ref> record(const std::string& id) const;
+    [[nodiscard]] std::optional<KRVOperationBase::Ref> record(const std::string& id);
 
     struct Counts {
         std::size_t queued = 0;
@@ -82,6 +91,8 @@ public:
         std::size_t finished = 0;
         /// Finished media operations whose client has not been told.
         std::size_t untold = 0;
+        /// What the finished entries take, in bytes.
+        std::size_t finishedBytes = 0;
     };
     [[nodiscard]] Counts counts() const;
     /// Returns the names of the media operations that wait or run, in order.
@@ -96,7 +107,8 @@ public:
     /// Drops an entry, after cancelling it if it has not ended. Returns false for an unknown identifier.
     bool remove(const std::string& id);
     void removeAllOf(const ClientKey& client);
-    /// Drops entries that finished long enough ago. Returns the clients that have no entry left because of that.
+    /// Drops entries that finished long enough ago. Returns the clients that have lost their last entry since the previous
+    /// call, for whatever reason.
     std::vector<ClientKey> removeOld();
     /// Refuses new media operations and fails the waiting ones, with the code that makes their clients retry.
     void close();
@@ -115,6 +127,8 @@ private:
     /// The operations that wait for one kind of executor thread.
     struct Line {
         std::deque<OperationRef> waiting;
+        /// What the waiting requests take.
+        std::size_t bytes = 0;
         /// When something of this kind last reported or finished.
         ServerOperation::Time lastLife;
     };
@@ -124,8 +138,14 @@ private:
     std::string insert(const OperationRef& operation) KRV_REQUIRES(mutex_);
     void erase(const ServerOperation& operation) KRV_REQUIRES(mutex_);
     [[nodiscard]] OperationRef find(const std::string& id) const KRV_REQUIRES(mutex_);
+    /// Adds an entry to the counts, or takes it out. Call both around each change of its state.
+    void count(const ServerOperation& operation) const KRV_REQUIRES(mutex_);
+    void uncount(const ServerOperation& operation) const KRV_REQUIRES(mutex_);
+    void tally(const ServerOperation& operation, std::size_t one) const KRV_REQUIRES(mutex_);
     /// Brings a self-test up to date.
     void refresh(ServerOperation& operation) const KRV_REQUIRES(mutex_);
+    /// Drops finished entries until the others are well within the budget. Keeps the newest.
+    void keepWithinBudget(const ServerOperation& newest) KRV_REQUIRES(mutex_);
     [[nodiscard]] static Snapshot snapshotOf(const ServerOperation& operation);
     void creep(Line& line) KRV_REQUIRES(mutex_);
     void finishLocked(ServerOperation& operation, Outcome outcome) KRV_REQUIRES(mutex_);
@@ -134,6 +154,7 @@ private:
 
     const Changed changed_;
     const Clock clock_;
+    const std::size_t resultBudget_;
     mutable Mutex mutex_;
     std::array<std::condition_variable_any, kKinds> wake_;
     std::array<Line, kKinds> lines_ KRV_GUARDED_BY(mutex_);
@@ -141,6 +162,11 @@ private:
     /// By ServerOperation::number.
     std::map<std::uint64_t, OperationRef> inOrder_ KRV_GUARDED_BY(mutex_);
     std::deque<std::string> refusals_ KRV_GUARDED_BY(mutex_);
+    /// Self-tests that have not ended.
+    mutable std::set<std::shared_ptr<ServerOperation>> timed_ KRV_GUARDED_BY(mutex_);
+    mutable Counts counts_ KRV_GUARDED_BY(mutex_);
+    /// Clients of entries that have been dropped since the last removeOld().
+    std::set<ClientKey> losers_ KRV_GUARDED_BY(mutex_);
     std::uint64_t lastNumber_ KRV_GUARDED_BY(mutex_) = 0;
     bool closed_ KRV_GUARDED_BY(mutex_) = false;
     bool stopping_ KRV_GUARDED_BY(mutex_) = false;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
@@ -49,8 +50,13 @@ struct ServerOperation {
     /// When its worker last reported.
     Time livedAt{};
     Time finishedAt{};
+    /// What the kept records take, in bytes.
+    std::size_t requestBytes = 0;
+    std::size_t resultBytes = 0;
     /// Whether a client has been told how it ended.
     bool endTold = false;
+    /// Whether a client has fetched the finished record.
+    bool resultFetched = false;
 };
 
 using OperationRef = std::shared_ptr<ServerOperation>;

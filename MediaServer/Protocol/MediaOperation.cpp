@@ -89,13 +89,19 @@ using Sources = MediaOperation::Sources;
 using Destination = MediaOperation::Destination;
 using Duration = MediaOperation::Duration;
 
+constexpr std::array kEncodeArguments{&kArgumentEncodingType, &kArgumentEncodingFlattenOnly,
+                                      &kArgumentEncodingVideoParameters, &kArgumentEncodingAudioParameters};
+constexpr std::array kThumbnailArguments{&kArgumentThumbnailInfoSize, &kArgumentThumbnailCount};
+constexpr std::array kMergeArguments{&kArgumentMergeSources, &kArgumentMergeSourcesUseShortest};
+constexpr std::array kTimesArguments{&kArgumentTrackIndex};
+
 constexpr std::array<MediaOperation, 6> kTable{{
-    {OpEncodeVideo, Sources::One, Destination::File, Duration::Long, &checkEncode},
-    {OpCreateThumbnails, Sources::One, Destination::Folder, Duration::Long, &checkThumbnails},
-    {OpProvideMetadata, Sources::One, Destination::None, Duration::Short, nullptr},
-    {OpMuxAudioTo2ch, Sources::One, Destination::File, Duration::Long, nullptr},
-    {OpMergeSources, Sources::Many, Destination::File, Duration::Long, &checkMerge},
-    {OpGetInterestingTimes, Sources::One, Destination::None, Duration::Short, &checkInterestingTimes},
+    {OpEncodeVideo, Sources::One, Destination::File, Duration::Long, kEncodeArguments, &checkEncode},
+    {OpCreateThumbnails, Sources::One, Destination::Folder, Duration::Long, kThumbnailArguments, &checkThumbnails},
+    {OpProvideMetadata, Sources::One, Destination::None, Duration::Short, {}, nullptr},
+    {OpMuxAudioTo2ch, Sources::One, Destination::File, Duration::Long, {}, nullptr},
+    {OpMergeSources, Sources::Many, Destination::File, Duration::Long, kMergeArguments, &checkMerge},
+    {OpGetInterestingTimes, Sources::One, Destination::None, Duration::Short, kTimesArguments, &checkInterestingTimes},
 }};
 
 }  // namespace

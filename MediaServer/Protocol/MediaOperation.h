@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <string_view>
 
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 
@@ -22,6 +23,8 @@ struct MediaOperation {
     Sources sources;
     Destination destination;
     Duration duration;
+    /// The keys of the arguments that it reads besides its source and destination.
+    std::span<const std::string_view* const> arguments;
     /// Checks the arguments that only this operation has; null when it has none.
     std::optional<Failure> (*check)(const KRVOperationBase& request);
 };

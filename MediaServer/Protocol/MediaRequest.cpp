@@ -21,6 +21,29 @@ std::optional<Failure> checkMediaRequest(const KRVOperationBase& request) {
     return failure || !operation->check ? failure : operation->check(request);
 }
 
+KRVOperationBase::Ref withKnownArguments(const KRVOperationBase& request) {
+    auto copy = std::make_shared<KRVOperationBase>();
+    copy->setOperationType(request.operationType());
+    const auto keep = [&](std::string_view key) {
+        if (const Value* const value = findArgument(request, key)) {
+            copy->arguments()->set(key, *value);
+        }
+    };
+    keep(kArgumentPIDRegInfo);
+    if (const MediaOperation* const operation = mediaOperation(request.operationType())) {
+        if (operation->sources == MediaOperation::Sources::One) {
+            keep(kArgumentEncodingSourceFilename);
+        }
+        if (operation->destination != MediaOperation::Destination::None) {
+            keep(kArgumentEncodingDestinationFilename);
+        }
+        for (const std::string_view* const key : operation->arguments) {
+            keep(*key);
+        }
+    }
+    return copy;
+}
+
 std::vector<std::string> sourcesOf(const KRVOperationBase& request) {
     std::vector<std::string> sources;
     const MediaOperation* const operation = mediaOperation(request.operationType());

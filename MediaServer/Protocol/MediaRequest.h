@@ -26,6 +26,9 @@ inline constexpr std::string_view kThumbnailLength = "length";
 /// wrong kind or not absolute paths, and encoding types that do not exist. Empty if the request is valid. Pure.
 [[nodiscard]] std::optional<Failure> checkMediaRequest(const KRVOperationBase& request);
 
+/// Returns a copy of a valid request with only the arguments that its operation and the server read.
+[[nodiscard]] KRVOperationBase::Ref withKnownArguments(const KRVOperationBase& request);
+
 /// Returns the paths of the files that a request reads, in order. The request may be invalid; what is not a path is
 /// left out then.
 [[nodiscard]] std::vector<std::string> sourcesOf(const KRVOperationBase& request);

@@ -50,7 +50,15 @@ protected:
     std::optional<Added> add(const char* source = "/s", ClientKey client = {1, 1}) {
         return add(KRVOperationBase::encodeVideoOperation(source, "/d"), client);
     }
-    std::optional<Added> addShort() { return add(KRVOperationBase::provideMetadataFor("/s"), {1, 1}); }
+    /// Adds a short operation with a source of its own.
+    std::optional<Added> addShort() {
+        return add(KRVOperationBase::provideMetadataFor("/short-" + std::to_string(++shorts)), {1, 1});
+    }
+    /// Returns the source of what was added or has started: the ledger keeps a copy of each request.
+    template <typename T>
+    static std::string sourceOf(const T& addedOrJob) {
+        return addedOrJob.request->encodingSourceFilename().value_or("");
+    }
 
     /// Waits until the operation that starts as number index has started.
     std::shared_ptr<Job> started(std::size_t index) {
@@ -101,6 +109,7 @@ protected:
     std::condition_variable_any changed;
     std::vector<std::shared_ptr<Job>> jobs;
     bool finishing = false;
+    int shorts = 0;
     /// How many operations run, and how many have run at the same time at most.
     int atOnce = 0;
     int mostAtOnce = 0;

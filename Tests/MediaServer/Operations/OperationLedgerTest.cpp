@@ -128,6 +128,123 @@ TEST_F(Ledger, AFullQueueRefuses) {
     EXPECT_EQ(ledger.counts().queued, OperationLedger::kLongestQueue);
 }
 
+TEST_F(Ledger, RequestsThatTakeTooMuchMemoryAreRefused) {
+    add();
+    started(0);
+    const std::string path = "/" + std::string(std::size_t{100} << 20, 's');
+    EXPECT_TRUE(add(path.c_str()));
+    EXPECT_TRUE(add(path.c_str()));
+    EXPECT_FALSE(add(path.c_str()));
+    EXPECT_EQ(failure->cause, FailureCause::QueueFull);
+    EXPECT_TRUE(add());
+}
+
+TEST_F(Ledger, KeepsOnlyTheArgumentsThatTheOperationKnows) {
+    const auto request = KRVOperationBase::encodeVideoOperation("/s", "/d");
+    request->arguments()->set("another", std::string(1000, 'x'));
+    const auto operation = add(request, {1, 1});
+    started(0)->end.set_value(completed());
+    waitForEnd(operation->id);
+    const auto record = *ledger.record(operation->id);
+    EXPECT_EQ(record->encodingSourceFilename(), "/s");
+    EXPECT_EQ(record->encodingDestinationFilename(), "/d");
+    EXPECT_FALSE(record->arguments()->find("another"));
+}
+
+TEST_F(Ledger, CountsWhatItHolds) {
+    const auto first = add();
+    const auto job = started(0);
+    const auto second = add();
+    (void)ledger.addTimed({.timeToLive = std::chrono::seconds(10), .completes = true}, {1, 1});
+    auto counts = ledger.counts();
+    EXPECT_EQ(counts.queued, 1U);
+    EXPECT_EQ(counts.running, 2U);
+    EXPECT_EQ(counts.finished, 0U);
+    seconds += 10;
+    EXPECT_EQ(ledger.counts().running, 1U);
+    job->end.set_value(completed());
+    waitForEnd(first->id);
+    started(1);
+    counts = ledger.counts();
+    EXPECT_EQ(counts.queued, 0U);
+    EXPECT_EQ(counts.running, 1U);
+    EXPECT_EQ(counts.finished, 1U);
+    EXPECT_EQ(counts.untold, 1U);
+    EXPECT_GT(counts.finishedBytes, 0U);
+    (void)ledger.tell(first->id);
+    EXPECT_EQ(ledger.counts().untold, 0U);
+    EXPECT_TRUE(ledger.remove(second->id));  // while it runs
+    EXPECT_TRUE(ledger.remove(first->id));
+    counts = ledger.counts();
+    EXPECT_EQ(counts.running, 0U);
+    EXPECT_EQ(counts.finished, 0U);
+}
+
+TEST_F(Ledger, ReportsAClientWhoseLastOperationWasRemoved) {
+    const auto operation = add("/s", {5, 5});
+    const auto other = add("/s", {6, 6});
+    EXPECT_TRUE(ledger.remove(operation->id));
+    EXPECT_EQ(ledger.removeOld(), (std::vector<ClientKey>{{5, 5}}));
+    EXPECT_TRUE(ledger.removeOld().empty());
+    EXPECT_TRUE(ledger.snapshot(other->id));
+}
+
+/// A ledger that may keep a megabyte of results, and operations that end with a result of 200,000 bytes.
+class ResultBudget : public testing::Test {
+protected:
+    std::string finishOne() {
+        std::optional<Failure> failure;
+        const auto id = ledger.add(KRVOperationBase::provideMetadataFor("/s"), {1, 1}, failure);
+        const OperationRef operation = ledger.takeNext(OperationLedger::Duration::Short);
+        auto record = std::make_shared<KRVOperationBase>();
+        record->arguments()->set("poster", std::string(200'000, 'p'));
+        ledger.finish(*operation, {Outcome::Kind::Completed, nullptr, std::move(record)});
+        return *id;
+    }
+    bool isKnown(const std::string& id) { return ledger.snapshot(id).has_value(); }
+
+    OperationLedger ledger{[] {}, &std::chrono::steady_clock::now, 1'000'000};
+};
+
+TEST_F(ResultBudget, DropsTheOldestResultsThatWereFetched) {
+    const std::string untold = finishOne();
+    const std::string told = finishOne();
+    (void)ledger.tell(told);
+    const std::string fetched = finishOne();
+    const std::string fetchedLater = finishOne();
+    (void)ledger.record(fetched);
+    (void)ledger.record(fetchedLater);
+    const std::string newest = finishOne();
+    EXPECT_TRUE(isKnown(untold));
+    EXPECT_TRUE(isKnown(told));
+    EXPECT_FALSE(isKnown(fetched));
+    EXPECT_TRUE(isKnown(fetchedLater));
+    EXPECT_TRUE(isKnown(newest));
+    EXPECT_LE(ledger.counts().finishedBytes, 1'000'000U);
+}
+
+TEST_F(ResultBudget, DropsTheOldestResultWhoseEndIsKnownIfNoneWasFetched) {
+    const std::string untold = finishOne();
+    const std::string told = finishOne();
+    (void)ledger.tell(told);
+    finishOne();
+    finishOne();
+    finishOne();
+    EXPECT_TRUE(isKnown(untold));
+    EXPECT_FALSE(isKnown(told));
+}
+
+TEST_F(ResultBudget, DropsTheOldestResultIfNobodyAsks) {
+    const std::string oldest = finishOne();
+    std::string newest;
+    for (int i = 0; i < 100; ++i) {
+        newest = finishOne();
+        EXPECT_LE(ledger.counts().finishedBytes, 1'000'000U);
+    }
+    EXPECT_FALSE(isKnown(oldest));
+    EXPECT_TRUE(isKnown(newest));
+}
+
 TEST_F(Ledger, ClosingFailsWaitingOperationsAndLetsRunningOnesFinish) {
     const auto running = add();
     const auto waiting = add();

@@ -114,5 +114,20 @@ TEST(MediaRequest, AsksForTwelveThumbnailsByDefault) {
     EXPECT_EQ(thumbnailCountOf(*with(thumbnails(), kArgumentThumbnailCount, 3)), 3);
 }
 
+TEST(MediaRequest, EveryArgumentThatIsReadIsKept) {
+    const auto video = std::make_shared<VideoEncodingParameters>(nullptr);
+    const auto audio = std::make_shared<AudioEncodingParameters>(nullptr);
+    for (const R::Ref& request :
+         {R::encodeVideoOperation("/a.mov", "/b.mp4", audio, video), with(thumbnails(), kArgumentThumbnailCount, 5),
+          R::provideMetadataFor("/a.mov"), R::muxAudioTo2chOperation("/a.mov", "/b.mov"), merge(), times()}) {
+        request->setRegInfoPID(std::int64_t{7});
+        const Dictionary before = request->arguments()->mutableCopy();
+        request->arguments()->set("unknown", "x");
+        const R::Ref kept = withKnownArguments(*request);
+        EXPECT_EQ(kept->operationType(), request->operationType());
+        EXPECT_EQ(*kept->arguments(), before) << request->nameFromType();
+    }
+}
+
 }  // namespace
 }  // namespace krv::server
