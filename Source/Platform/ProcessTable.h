@@ -42,4 +42,11 @@ public:
     [[nodiscard]] static ProcessTable& ofThisUser();
 };
 
+/// The number of the pid namespace of the machine's first process, the same on every Linux machine.
+inline constexpr std::uint64_t kFirstPidNamespace = 0xEFFFFFFC;
+
+/// Returns the number of this process's pid namespace: the inode of /proc/self/ns/pid. Processes of namespaces with
+/// different numbers cannot identify each other by pid. 0 if /proc cannot be read. Thread-safe.
+[[nodiscard]] KRV_EXPORT std::uint64_t pidNamespace() noexcept;
+
 }  // namespace krv

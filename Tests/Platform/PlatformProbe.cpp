@@ -14,6 +14,7 @@
 
 #include <KRVQTProcessClient/Platform/Bundle.h>
 #include <KRVQTProcessClient/Platform/HTTPClient.h>
+#include <KRVQTProcessClient/Platform/ProcessTable.h>
 #include <KRVQTProcessClient/Platform/UserDefaults.h>
 
 namespace {
@@ -50,6 +51,7 @@ const std::map<std::string, std::function<Result(const std::string&)>> kQueries 
          return ::setuid(static_cast<uid_t>(std::atoi(id.c_str()))) == 0 ? Result("done") : Result();
      }},
     {"get", status},
+    {"pidNamespace", [](const std::string&) { return Result(std::to_string(krv::pidNamespace())); }},
 };
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <KRVQTProcessClient/Platform/Linux/ProcessFiles.h>
@@ -99,6 +100,21 @@ TEST(ProcessTable, ListsProcessesInAscendingOrder) {
     const auto all = ProcessTable::system().processes();
     EXPECT_TRUE(std::is_sorted(all.begin(), all.end(), [](const auto& a, const auto& b) { return a.pid < b.pid; }));
     EXPECT_TRUE(std::any_of(all.begin(), all.end(), [](const auto& p) { return p.pid == ::getpid(); }));
+}
+
+TEST(PidNamespace, IsTheNumberThatTheKernelShows) {
+    EXPECT_EQ(fmt::format("pid:[{}]", pidNamespace()), std::filesystem::read_symlink("/proc/self/ns/pid").string());
+}
+
+TEST(PidNamespace, IsAnotherOneInAContainer) {
+    test::ChildProcess sibling({KRV_PLATFORM_PROBE, "pidNamespace", ""});
+    test::ChildProcess container({"unshare", "-rpf", "--mount-proc", KRV_PLATFORM_PROBE, "pidNamespace", ""});
+    EXPECT_EQ(sibling.readAll(), fmt::format("{}\n", pidNamespace()));
+    const std::string inside = container.readAll();
+    ASSERT_EQ(container.wait(), 0) << "user namespaces are needed";
+    EXPECT_NE(inside, fmt::format("{}\n", pidNamespace()));
+    EXPECT_NE(inside, fmt::format("{}\n", kFirstPidNamespace));
+    EXPECT_NE(inside, "0\n");
 }
 
 }  // namespace

@@ -111,4 +111,9 @@ ProcessTable& ProcessTable::system() {
     return *table;
 }
 
+std::uint64_t pidNamespace() noexcept {
+    struct stat status {};
+    return ::stat("/proc/self/ns/pid", &status) == 0 ? status.st_ino : 0;
+}
+
 }  // namespace krv
