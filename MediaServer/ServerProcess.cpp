@@ -42,8 +42,8 @@ ServerProcess::ServerProcess(Settings settings)
                      return performMediaOperation(runner_, request, cancellation, onProgress);
                  })
     , dispatcher_(clients_, ledger_, held_, [this] { requestShutDown(); })
-    , front_({[this](const KRVOperationBase::Ref& request, const HTTPFront::Reply& reply) {
-                  dispatcher_.dispatch(request, reply);
+    , front_({[this](const KRVOperationBase::Ref& request, const RequestSender& sender, const HTTPFront::Reply& reply) {
+                  dispatcher_.dispatch(request, sender, reply);
               },
               [this] { return statusText(); }}) {}
 

@@ -19,6 +19,7 @@
 #include <microhttpd.h>
 
 #include <KRVQTProcessClient/Operations/MediaServerName.h>
+#include <KRVQTProcessClient/Platform/HTTPClient.h>
 
 #include <MediaServer/Front/ConnectionAcceptor.h>
 #include <MediaServer/Front/HTTPFront.h>
@@ -62,6 +63,7 @@ struct Exchange {
     /// Set once.
     std::optional<Answer> answer KRV_GUARDED_BY(mutex);
     // Used by one thread at a time.
+    RequestSender sender;
     Data body;
     bool dispatched = false;
     bool tooLarge = false;
@@ -93,6 +95,14 @@ bool isHeader(std::string_view name, std::string_view wanted) {
     return name.size() == wanted.size() && ::strncasecmp(name.data(), wanted.data(), wanted.size()) == 0;
 }
 
+/// Parses a decimal number. Empty if the text is anything else.
+template <typename T>
+std::optional<T> number(std::string_view text) {
+    T value = 0;
+    const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), value);
+    return failure == std::errc() && end == text.data() + text.size() ? std::optional(value) : std::nullopt;
+}
+
 /// Collects the headers that the policy needs.
 MHD_Result readHeader(void* userdata, MHD_ValueKind /*kind*/, const char* key, std::size_t keySize, const char* value,
                       std::size_t valueSize) {
@@ -109,11 +119,11 @@ MHD_Result readHeader(void* userdata, MHD_ValueKind /*kind*/, const char* key, s
         head.fetchSites.push_back(text);
     } else if (isHeader(name, MHD_HTTP_HEADER_TRANSFER_ENCODING)) {
         head.transferEncodings.push_back(text);
+    } else if (isHeader(name, kPidNamespaceHeader)) {
+        head.pidNamespace = number<std::uint64_t>(text);
     } else if (isHeader(name, MHD_HTTP_HEADER_CONTENT_LENGTH)) {
-        std::size_t length = 0;
-        const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), length);
         // An unreadable length counts as too long.
-        head.contentLength = failure == std::errc() && end == text.data() + text.size() ? length : ~std::size_t{0};
+        head.contentLength = number<std::size_t>(text).value_or(~std::size_t{0});
         ++head.contentLengths;
     }
     return MHD_YES;
@@ -330,6 +340,7 @@ struct HTTPFront::Internals {
         // A response queued now, before the request is complete, would close the connection.
         *context = new ExchangeRef(std::make_shared<Exchange>());
         (*static_cast<ExchangeRef*>(*context))->isStatus = verdict.action == Verdict::Action::Status;
+        (*static_cast<ExchangeRef*>(*context))->sender.pidNamespace = head.pidNamespace;
         const LockGuard lock(mutex);
         ++openExchanges;
         return MHD_YES;
@@ -383,7 +394,7 @@ struct HTTPFront::Internals {
             answer(connection, *exchange, textAnswer(MHD_HTTP_BAD_REQUEST, "not an archived operation record\n"));
             return;
         }
-        handlers.operation(record, [exchange, connection](const KRVOperationBase::Ref& reply) {
+        handlers.operation(record, exchange->sender, [exchange, connection](const KRVOperationBase::Ref& reply) {
             answer(connection, *exchange, {.bytes = reply->convertToData()});
         });
     }

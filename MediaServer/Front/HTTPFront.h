@@ -8,6 +8,7 @@
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 
 #include <MediaServer/Front/ListeningSockets.h>
+#include <MediaServer/Operations/RequestSender.h>
 
 namespace krv::server {
 
@@ -18,7 +19,8 @@ public:
     using Reply = std::function<void(const KRVOperationBase::Ref&)>;
     struct Handlers {
         /// Must call reply exactly once, on any thread, before the front is stopped.
-        std::function<void(const KRVOperationBase::Ref& request, const Reply& reply)> operation;
+        std::function<void(const KRVOperationBase::Ref& request, const RequestSender& sender, const Reply& reply)>
+            operation;
         /// Returns the status page as JSON.
         std::function<std::string()> status;
     };

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -28,6 +29,8 @@ struct RequestHead {
     unsigned contentLengths = 0;
     /// Every Transfer-Encoding header.
     std::vector<std::string_view> transferEncodings;
+    /// From the header kPidNamespaceHeader.
+    std::optional<std::uint64_t> pidNamespace;
     /// Whether a header has an invalid name, or a value with control characters.
     bool malformedHeaders = false;
 };

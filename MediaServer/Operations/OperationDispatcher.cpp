@@ -69,7 +69,11 @@ OperationDispatcher::Handler OperationDispatcher::handlerFor(std::int32_t type) 
     return server::mediaOperation(type) ? &D::mediaOperation : nullptr;
 }
 
-void OperationDispatcher::dispatch(const Ref& request, const Reply& reply) {
+void OperationDispatcher::dispatch(const Ref& request, const RequestSender& sender, const Reply& reply) {
+    if (sender.pidNamespace && *sender.pidNamespace != pidNamespace_) {
+        refuse(request, reply, {.cause = FailureCause::OtherPidNamespace});
+        return;
+    }
     const Handler handler = handlerFor(request->operationType());
     if (!handler) {
         refuse(request, reply,

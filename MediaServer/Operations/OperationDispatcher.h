@@ -7,6 +7,7 @@
 #include <MediaServer/Operations/ClientRegistry.h>
 #include <MediaServer/Operations/HeldReplies.h>
 #include <MediaServer/Operations/OperationLedger.h>
+#include <MediaServer/Operations/RequestSender.h>
 
 namespace krv::server {
 
@@ -20,7 +21,8 @@ public:
                         std::function<void()> shutDown);
 
     /// Calls reply exactly once, before it returns or up to 400 ms later on the thread of the held replies.
-    void dispatch(const KRVOperationBase::Ref& request, const Reply& reply);
+    /// Refuses every request of a sender in another pid namespace: neither could tell whether the other lives.
+    void dispatch(const KRVOperationBase::Ref& request, const RequestSender& sender, const Reply& reply);
 
 private:
     using Ref = KRVOperationBase::Ref;
@@ -53,6 +55,7 @@ private:
     ClientRegistry& clients_;
     OperationLedger& ledger_;
     HeldReplies& held_;
+    const std::uint64_t pidNamespace_ = pidNamespace();
     const std::function<void()> shutDown_;
 };
 

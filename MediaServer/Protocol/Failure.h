@@ -14,6 +14,7 @@ enum class FailureCause {
     ShuttingDown,
     QueueFull,
     OutOfDescriptors,
+    OtherPidNamespace,
     // Code 2.
     UnknownOperation,  ///< subject: the identifier
     // Code 3. errorNumber is set.

@@ -35,6 +35,7 @@ constexpr auto kRows = std::to_array<Row>({
     {C::ShuttingDown, Code::CannotAcceptWork, About::Nothing, "the media server is shutting down"},
     {C::QueueFull, Code::CannotAcceptWork, About::Nothing, "too many operations are waiting"},
     {C::OutOfDescriptors, Code::CannotAcceptWork, About::Nothing, "the media server has too many files open"},
+    {C::OtherPidNamespace, Code::CannotAcceptWork, About::Nothing, "the media server runs in another pid namespace"},
     {C::UnknownOperation, Code::UnknownOperation, About::Nothing,
      "the media server has no operation \"{subject}\", or has dropped its result"},
     {C::UnreadableSource, Code::UnreadableSource, About::Source, "it cannot be read because {system}"},

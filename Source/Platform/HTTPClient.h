@@ -2,12 +2,16 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include <KRVQTProcessClient/Foundation/Export.h>
 #include <KRVQTProcessClient/Foundation/Value.h>
 #include <KRVQTProcessClient/Platform/Clock.h>
 
 namespace krv {
+
+/// The header with which a client tells the server the number of its pid namespace (see pidNamespace()), in decimal.
+inline constexpr std::string_view kPidNamespaceHeader = "KRV-Pid-Namespace";
 
 /// One synchronous request to a server on this machine.
 struct HTTPRequest {
@@ -33,7 +37,8 @@ struct HTTPResponse {
 ///
 /// Uses no proxies, redirects, cookies, caches or signals. A port outside 1 to 65535 is a connection error. After
 /// connecting and before sending, checks that the peer's socket belongs to this process's user, else fails with a
-/// connection error. Refuses response bodies over 64 MiB with an error.
+/// connection error. Refuses response bodies over 64 MiB with an error. Every request has the header
+/// kPidNamespaceHeader.
 ///
 /// Blocks the calling thread until the exchange ends or times out. Does not throw. Thread-safe.
 class KRV_EXPORT HTTPClient {

@@ -9,6 +9,8 @@
 
 #include <fmt/format.h>
 
+#include <KRVQTProcessClient/Platform/ProcessTable.h>
+
 #include "LoopbackURL.h"
 #include "SocketDiagnostics.h"
 
@@ -40,7 +42,8 @@ CurlConnection::CurlConnection()
     : headers_(nullptr, curl_slist_free_all)
     , handle_(nullptr, curl_easy_cleanup) {
     // curl omits a header that has no value.
-    for (const char* header : {"Expect:", "Content-Type:"}) {
+    const std::string pids = fmt::format("{}: {}", kPidNamespaceHeader, pidNamespace());
+    for (const char* header : {"Expect:", "Content-Type:", pids.c_str()}) {
         if (curl_slist* longer = curl_slist_append(headers_.get(), header)) {
             (void)headers_.release();
             headers_.reset(longer);

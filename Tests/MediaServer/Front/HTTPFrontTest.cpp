@@ -94,6 +94,7 @@ protected:
 
     std::uint16_t port = 0;
     std::atomic<int> requests{0};
+    RequestSender sender;
     /// Called with each record; by default it replies with the same type and an identifier.
     std::function<void(const R::Ref&, const HTTPFront::Reply&)> onRequest = [](const R::Ref& request,
                                                                                const HTTPFront::Reply& reply) {
@@ -102,8 +103,9 @@ protected:
         answer->setUniqueID("id");
         reply(answer);
     };
-    HTTPFront front{{[this](const R::Ref& request, const HTTPFront::Reply& reply) {
+    HTTPFront front{{[this](const R::Ref& request, const RequestSender& from, const HTTPFront::Reply& reply) {
                          ++requests;
+                         sender = from;
                          onRequest(request, reply);
                      },
                      [] { return std::string("{\"name\":\"test\"}"); }}};
@@ -144,6 +146,17 @@ TEST_F(Front, SendsAReplyThatIsGivenLaterOnAnotherThread) {
     const R::Ref answer = recordIn(connection.receive());
     ASSERT_TRUE(answer);
     EXPECT_EQ(answer->operationType(), OpShutdownServer);
+}
+
+TEST_F(Front, PassesOnThePidNamespaceOfTheSender) {
+    const std::string record = archived(R::readyToProcessRequestOperation());
+    const HTTPConnection connection(port);
+    (void)connection.ask(post(record));
+    EXPECT_FALSE(sender.pidNamespace);
+    (void)connection.ask(post(record, "krv-pid-namespace: 4026531836\r\n"));
+    EXPECT_EQ(sender.pidNamespace, 4026531836U);
+    (void)connection.ask(post(record, "KRV-Pid-Namespace: -1\r\n"));
+    EXPECT_FALSE(sender.pidNamespace);
 }
 
 TEST_F(Front, NamesItselfInEveryResponse) {
@@ -215,7 +228,7 @@ TEST(FrontWithFewDescriptors, ClosesTheConnectionThatIsIdleLongestToServeANewOne
     constexpr rlim_t kFew = 64;
     const rlimit few{kFew, before.rlim_max};
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
-    HTTPFront front({[](const R::Ref& request, const HTTPFront::Reply& reply) { reply(request); },
+    HTTPFront front({[](const R::Ref& request, const RequestSender&, const HTTPFront::Reply& reply) { reply(request); },
                      [] { return std::string("{}"); }});
     const int first = 20000 + ::getpid() % 20000;
     auto sockets = ListeningSockets::open(first, first + 1000);

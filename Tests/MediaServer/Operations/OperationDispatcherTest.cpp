@@ -20,7 +20,7 @@ protected:
     std::future<R::Ref> send(const R::Ref& request) {
         request->setRegInfoPID(::getpid());
         const auto promise = std::make_shared<std::promise<R::Ref>>();
-        dispatcher.dispatch(request, [promise](const R::Ref& reply) { promise->set_value(reply); });
+        dispatcher.dispatch(request, sender, [promise](const R::Ref& reply) { promise->set_value(reply); });
         return promise->get_future();
     }
     R::Ref ask(const R::Ref& request) { return send(request).get(); }
@@ -41,6 +41,7 @@ protected:
     }
 
     ClientRegistry clients;
+    RequestSender sender;
     int shutDowns = 0;
     OperationDispatcher dispatcher{clients, ledger, held, [this] { ++shutDowns; }};
 };
@@ -73,12 +74,24 @@ TEST_F(Dispatcher, RefusesARequestThatNamesNoLivingProcess) {
     for (const Value& pid : {Value(), Value("me"), Value(-1), Value(std::int64_t{1} << 40)}) {
         request->arguments()->set(kArgumentPIDRegInfo, pid);
         R::Ref reply;
-        dispatcher.dispatch(request, [&](const R::Ref& given) { reply = given; });
+        dispatcher.dispatch(request, sender, [&](const R::Ref& given) { reply = given; });
         ASSERT_TRUE(reply);
         EXPECT_EQ(codeOf(reply), 9) << pid.description();
         EXPECT_FALSE(reply->isClientRegistered());
     }
     EXPECT_TRUE(clients.empty());
+}
+
+TEST_F(Dispatcher, RefusesSendersInAnotherPidNamespaceWithCodeOne) {
+    sender.pidNamespace = pidNamespace();
+    EXPECT_EQ(codeOf(ask(R::registerWithServerOperation())), 0);
+    sender.pidNamespace = pidNamespace() + 1;
+    for (const R::Ref& request : {R::registerWithServerOperation(), R::amIRegisteredOperation(), encode(),
+                                  R::cancelAllOperationsOperation(), R::shutdownCommand()}) {
+        EXPECT_EQ(codeOf(ask(request)), 1) << request->nameFromType();
+    }
+    EXPECT_EQ(shutDowns, 0);
+    EXPECT_EQ(ledger.counts().queued + ledger.counts().running, 0U);
 }
 
 TEST_F(Dispatcher, RefusesWithCodeOneWhenItCannotLookTheClientUp) {
