@@ -74,6 +74,14 @@ void ServerProcess::beginShutDown() {
     }
 }
 
+void ServerProcess::shutDownIfRemoved() {
+    if (!shuttingDown_ && !settings_.program.isPresent()) {
+        serverLog(kLogFlagWarning, "shutdown",
+                  fmt::format("{} has been removed or replaced", settings_.program.path().string()));
+        beginShutDown();
+    }
+}
+
 void ServerProcess::removeDeadClients() {
     for (const ClientKey& dead : clients_.removeDead()) {
         serverLog(kLogFlagInfo, "clients", fmt::format("process {} has exited", dead.pid));
@@ -145,6 +153,7 @@ int ServerProcess::run(int signals) {
         }
         if (std::chrono::steady_clock::now() >= nextCheck) {
             nextCheck = std::chrono::steady_clock::now() + kClientCheck;
+            shutDownIfRemoved();
             removeDeadClients();
             front_.dropSlowSenders();
             publisher.restartIfFailed();

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include <MediaServer/Files/InstalledProgram.h>
 #include <MediaServer/Front/HTTPFront.h>
 #include <MediaServer/Front/ServicePublisher.h>
 #include <MediaServer/Operations/ClientRegistry.h>
@@ -22,12 +23,16 @@ namespace krv::server {
 /// A signal or an operation of type 17 makes the server exit when all running operations have finished. A second signal
 /// cancels them; operations of type 17 never do, however many arrive. Without clients and operations, the server exits
 /// after a while.
+///
+/// If its program file is removed or replaced, the server shuts down in the same way, so that the next application
+/// launches the one that is installed now.
 class ServerProcess {
 public:
     struct Settings {
         std::int32_t minimumPort;
         std::int32_t maximumPort;
         std::string serviceName;
+        InstalledProgram program;
         std::string workerExecutable;
         /// Bytes of writable memory per worker; 0 for a default that depends on the machine.
         std::uint64_t workerMemory;
@@ -48,6 +53,7 @@ private:
     void requestShutDown();
     /// Stops accepting media operations. Called on the main thread after a signal or an operation of type 17.
     void beginShutDown();
+    void shutDownIfRemoved();
     void removeDeadClients();
     [[nodiscard]] bool mayExit();
 

@@ -1,7 +1,6 @@
 // KRVQuicktimeProcess, the media server.
 #include <algorithm>
 #include <csignal>
-#include <filesystem>
 #include <thread>
 
 #include <sys/resource.h>
@@ -12,6 +11,7 @@
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 
 #include <MediaServer/Files/AtomicOutput.h>
+#include <MediaServer/Files/InstalledProgram.h>
 #include <MediaServer/Files/InstanceLock.h>
 #include <MediaServer/Files/RuntimeFolders.h>
 #include <MediaServer/ServerProcess.h>
@@ -48,9 +48,12 @@ void allowManyDescriptors() {
     }
 }
 
+/// Returns a time that can be added to any other.
 std::chrono::seconds idleTimeout(const UserDefaults& defaults) {
-    return std::chrono::seconds(defaults.stringForKey(kIdleTimeoutKey) ? defaults.integerForKey(kIdleTimeoutKey)
-                                                                       : kDefaultIdleSeconds);
+    constexpr std::int64_t kLongest = std::int64_t{1} << 31;
+    const std::int64_t given =
+        defaults.stringForKey(kIdleTimeoutKey) ? defaults.integerForKey(kIdleTimeoutKey) : kDefaultIdleSeconds;
+    return std::chrono::seconds(std::clamp<std::int64_t>(given, 0, kLongest));
 }
 
 std::uint64_t workerMemory(const UserDefaults& defaults) {
@@ -82,12 +85,12 @@ int main() {
     }
     AtomicOutput::sweep();
 
-    std::error_code failure;
-    const auto self = std::filesystem::read_symlink("/proc/self/exe", failure);
+    const InstalledProgram program;
     ServerProcess server({.minimumPort = PortNumbering::minimumPortNumber(),
                           .maximumPort = PortNumbering::maximumPortNumber(),
                           .serviceName = ServerNaming::machineSpecificNameFor(kHTTPServerDiscoveryDefaultServiceName),
-                          .workerExecutable = (self.parent_path() / "KRVMediaWorker").string(),
+                          .program = program,
+                          .workerExecutable = (program.path().parent_path() / "KRVMediaWorker").string(),
                           .workerMemory = workerMemory(defaults),
                           .executors = std::max(std::thread::hardware_concurrency(), 1U),
                           .idleTimeout = idleTimeout(defaults)});

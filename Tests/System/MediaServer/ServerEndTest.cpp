@@ -113,6 +113,36 @@ TEST_F(Ending, TheFirstSignalAfterAShutdownRequestCancelsNothing) {
     });
 }
 
+TEST_F(Ending, ARemovedServerFinishesItsWorkAndRefusesMore) {
+    const fs::path installed = folder.path() / "installed";
+    fs::copy(fs::path(KRV_SERVER).parent_path(), installed, fs::copy_options::recursive);
+    program = (installed / fs::path(KRV_SERVER).filename()).string();
+    duringAConversion([&] {
+        fs::remove_all(installed);
+        waitUntilItRefusesWork();
+        EXPECT_EQ(status()["running"], 1);
+    });
+}
+
+TEST_F(Ending, AnUpgradedServerMakesRoomForTheNewOne) {
+    const fs::path installed = folder.path() / "installed";
+    fs::copy(fs::path(KRV_SERVER).parent_path(), installed, fs::copy_options::recursive);
+    program = (installed / fs::path(KRV_SERVER).filename()).string();
+    start();
+    // A living client would keep it running otherwise.
+    EXPECT_TRUE(ask(R::registerWithServerOperation())->isClientRegistered());
+    fs::copy_file(KRV_SERVER, folder.path() / "new");
+    fs::rename(folder.path() / "new", program);
+    EXPECT_EQ(process->wait(), 0);
+    start();
+    EXPECT_EQ(convert(movie(), out()), nullptr);
+}
+
+TEST_F(Ending, AVeryLongIdleTimeoutDoesNotOverflow) {
+    start({"-idleTimeout", "9223372036854775807"});
+    EXPECT_EQ(convert(movie(), out()), nullptr);
+}
+
 TEST_F(Ending, ALivingClientKeepsAnIdleServerRunning) {
     start({"-idleTimeout", "1"});
     ChildProcess mortal({"sleep", "1000"});

@@ -63,8 +63,8 @@ protected:
     void start(const std::vector<std::string>& more = {}, const std::vector<std::string>& launcher = {}) {
         const int first = 20000 + ::getpid() % 20000;
         std::vector<std::string> arguments = launcher;
-        arguments.insert(arguments.end(), {KRV_SERVER, "-minimumPortNumber", std::to_string(first),
-                                           "-maximumPortNumber", std::to_string(first + 100)});
+        arguments.insert(arguments.end(), {program, "-minimumPortNumber", std::to_string(first), "-maximumPortNumber",
+                                           std::to_string(first + 100)});
         arguments.insert(arguments.end(), more.begin(), more.end());
         process = std::make_unique<ChildProcess>(arguments);
         // The server serves once its port reports its process id.
@@ -186,6 +186,8 @@ protected:
     }
 
     test::TemporaryFolder folder;
+    /// The program that start() runs.
+    std::string program = KRV_SERVER;
     std::unique_ptr<ChildProcess> process;
     int port = 0;
     std::shared_ptr<KRVHTTPClientTransport> transport;
