@@ -9,11 +9,11 @@
 #include <fmt/format.h>
 
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
+#include <KRVQTProcessClient/Platform/RuntimeFolder.h>
 
 #include <MediaServer/Files/AtomicOutput.h>
 #include <MediaServer/Files/InstalledProgram.h>
 #include <MediaServer/Files/InstanceLock.h>
-#include <MediaServer/Files/RuntimeFolders.h>
 #include <MediaServer/ServerProcess.h>
 
 namespace {
@@ -74,7 +74,7 @@ int main() {
     applyLoggingDefaults();
 
     InstanceLock lock;
-    switch (lock.acquire(runtimeFolder())) {
+    switch (lock.acquire(runtimeFolder(kMediaServerName))) {
     case InstanceLock::Result::Held:
         break;
     case InstanceLock::Result::TakenByAnother:

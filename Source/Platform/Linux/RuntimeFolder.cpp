@@ -6,11 +6,9 @@
 
 #include <fmt/format.h>
 
-#include <KRVQTProcessClient/Operations/MediaServerName.h>
+#include <KRVQTProcessClient/Platform/RuntimeFolder.h>
 
-#include <MediaServer/Files/RuntimeFolders.h>
-
-namespace krv::server {
+namespace krv {
 namespace {
 
 /// Returns whether the path is a folder, not a link, of this user that others cannot write to.
@@ -22,18 +20,17 @@ bool isOurs(const std::string& path) {
 
 }  // namespace
 
-std::filesystem::path runtimeFolder() {
+std::string runtimeFolder(std::string_view name) {
     const char* const given = std::getenv("XDG_RUNTIME_DIR");
     if (given && given[0] == '/' && isOurs(given)) {
         return given;
     }
-    const std::string user = std::to_string(::getuid());
-    if (const std::string usual = "/run/user/" + user; isOurs(usual)) {
+    if (const std::string usual = fmt::format("/run/user/{}", ::getuid()); isOurs(usual)) {
         return usual;
     }
-    const std::string own = fmt::format("/tmp/{}-{}", kMediaServerName, user);
+    const std::string own = fmt::format("/tmp/{}-{}", name, ::getuid());
     ::mkdir(own.c_str(), S_IRWXU);
     return isOurs(own) ? own : std::string();
 }
 
-}  // namespace krv::server
+}  // namespace krv
