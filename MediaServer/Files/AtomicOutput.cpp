@@ -1,9 +1,6 @@
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <fstream>
-#include <random>
-#include <sstream>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -11,134 +8,95 @@
 
 #include <fmt/format.h>
 
-#include <KRVQTProcessClient/Operations/MediaServerName.h>
-#include <KRVQTProcessClient/Platform/StateFolder.h>
-
 #include <MediaServer/Files/AtomicOutput.h>
+#include <MediaServer/Files/ReplacedFile.h>
 
 namespace krv::server {
 namespace {
 
-constexpr std::string_view kHiddenPrefix = ".krv-";
-constexpr std::string_view kHiddenSuffix = ".part";
 constexpr mode_t kReadWrite = 0666;
+constexpr mode_t kOwnerOnly = 0600;
 constexpr mode_t kPermissions = 0777;
 
-std::string randomName() {
-    std::random_device random;
-    return fmt::format("{:08x}{:08x}{:08x}{:08x}", random(), random(), random(), random());
-}
-
-std::filesystem::path notesFolder() {
-    const std::filesystem::path folder = stateFolder(kMediaServerName);
-    if (folder.empty()) {
-        return {};
+/// Returns the process's umask. umask() itself would change it under the feet of other threads.
+mode_t currentUmask() {
+    std::ifstream status("/proc/self/status");
+    constexpr std::string_view kHeading = "Umask:";
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with(kHeading)) {
+            return static_cast<mode_t>(std::stoul(line.substr(kHeading.size()), nullptr, 8));
+        }
     }
-    std::error_code failure;
-    std::filesystem::create_directories(folder / "unfinished", failure);
-    return failure ? std::filesystem::path() : folder / "unfinished";
-}
-
-bool isHiddenName(const std::filesystem::path& path) {
-    const std::string name = path.filename().string();
-    return name.size() > kHiddenPrefix.size() + kHiddenSuffix.size() &&
-           name.compare(0, kHiddenPrefix.size(), kHiddenPrefix) == 0 &&
-           name.compare(name.size() - kHiddenSuffix.size(), kHiddenSuffix.size(), kHiddenSuffix) == 0;
+    return S_IWGRP | S_IRWXO;
 }
 
 }  // namespace
 
-AtomicOutput::AtomicOutput(std::string destination)
-    : asGiven_(std::move(destination))
-    , destination_(asGiven_) {
-    // Follows a symbolic link, as any program that writes a file does, so that it stays a link.
-    std::error_code failure;
-    if (std::filesystem::is_symlink(destination_, failure)) {
-        if (auto target = std::filesystem::weakly_canonical(destination_, failure); !failure) {
-            destination_ = std::move(target);
-        }
-    }
-}
+AtomicOutput::AtomicOutput(Destination destination)
+    : destination_(std::move(destination)) {}
 
 AtomicOutput::~AtomicOutput() {
     takeBack();
     forgetHiddenName();
 }
 
-Failure AtomicOutput::failed(int errorNumber) const {
-    return {.cause = FailureCause::UnwritableDestination, .errorNumber = errorNumber, .path = asGiven_};
-}
-
 std::unique_ptr<AtomicOutput> AtomicOutput::open(const std::string& destination, std::optional<Failure>& failure) {
-    std::unique_ptr<AtomicOutput> output(new AtomicOutput(destination));
-    struct stat status {};
-    if (::stat(output->destination_.c_str(), &status) == 0) {
-        if (S_ISDIR(status.st_mode)) {
-            failure = output->failed(EISDIR);
-            return nullptr;
-        }
-        // Replacing needs write access to the folder only, but users do not expect a read-only file to be replaced.
-        if (::faccessat(AT_FDCWD, output->destination_.c_str(), W_OK, AT_EACCESS) != 0) {
-            failure = output->failed(errno);
-            return nullptr;
-        }
+    auto place = Destination::open(destination, failure);
+    if (!place) {
+        return nullptr;
     }
+    std::unique_ptr<AtomicOutput> output(new AtomicOutput(*std::move(place)));
     if (!output->openUnnamed()) {
         const bool noUnnamedFiles = errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL;
         if (!noUnnamedFiles || !output->openHidden()) {
-            failure = output->failed(errno);
+            failure = output->destination_.unwritable(errno);
             return nullptr;
         }
     }
-    if (::fstat(output->file_.get(), &status) != 0) {
-        failure = output->failed(errno);
-        return nullptr;
-    }
-    output->mode_ = status.st_mode & kPermissions;
     return output;
 }
 
 bool AtomicOutput::openUnnamed() {
-    file_.reset(::open(destination_.parent_path().c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, kReadWrite));
-    return static_cast<bool>(file_);
+    file_.reset(::openat(destination_.folder(), ".", O_TMPFILE | O_RDWR | O_CLOEXEC, kReadWrite));
+    struct stat status {};
+    if (!file_ || ::fstat(file_.get(), &status) != 0) {
+        return false;
+    }
+    createdMode_ = status.st_mode & kPermissions;
+    mode_ = createdMode_;
+    return true;
 }
 
 bool AtomicOutput::openHidden() {
-    if (!noteHiddenName()) {
+    chooseHiddenName();
+    file_.reset(::openat(destination_.folder(), hidden_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                         kOwnerOnly));
+    struct stat status {};
+    if (!file_ || ::fstat(file_.get(), &status) != 0) {
         return false;
     }
-    file_.reset(::open(hidden_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kReadWrite));
-    return static_cast<bool>(file_);
+    // A file system without permissions gives all files the same ones, and refuses others.
+    createdMode_ = status.st_mode & kPermissions;
+    mode_ = createdMode_ == kOwnerOnly ? kReadWrite & ~currentUmask() : createdMode_;
+    return true;
 }
 
-bool AtomicOutput::noteHiddenName() {
-    const std::string name = randomName();
-    hidden_ = destination_.parent_path() / fmt::format("{}{}{}", kHiddenPrefix, name, kHiddenSuffix);
-    const auto folder = notesFolder();
-    if (folder.empty()) {
-        return true;  // there is nowhere to record it, and the output is worth more than the clean-up
-    }
-    note_ = folder / name;
-    const Descriptor note(::open(note_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    const std::string text = hidden_.string();
-    return note && ::write(note.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
-           ::fsync(note.get()) == 0;
+void AtomicOutput::chooseHiddenName() {
+    hidden_ = UnfinishedNote::hiddenName();
+    note_ = UnfinishedNote(fmt::format("{}/{}", destination_.folderPath(), hidden_));
 }
 
 void AtomicOutput::forgetHiddenName() {
     if (!hidden_.empty()) {
-        ::unlink(hidden_.c_str());
+        ::unlinkat(destination_.folder(), hidden_.c_str(), 0);
         hidden_.clear();
     }
-    if (!note_.empty()) {
-        ::unlink(note_.c_str());
-        note_.clear();
-    }
+    note_.remove();
 }
 
-bool AtomicOutput::linkTo(const std::filesystem::path& name) const {
+bool AtomicOutput::linkTo(const std::string& name) const {
     const std::string self = fmt::format("/proc/self/fd/{}", file_.get());
-    return ::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0;
+    return ::linkat(AT_FDCWD, self.c_str(), destination_.folder(), name.c_str(), AT_SYMLINK_FOLLOW) == 0;
 }
 
 std::optional<Failure> AtomicOutput::commit() {
@@ -156,35 +114,43 @@ std::optional<Failure> AtomicOutput::place() {
 void AtomicOutput::keep() {
     placed_ = Placed::No;
     forgetHiddenName();
+    flushFolder(destination_.folder());
 }
 
 std::optional<Failure> AtomicOutput::put(Old old) {
+    if (auto refusal = destination_.refusal()) {
+        return refusal;
+    }
     // A worker that has been taken over may have made the file executable, or set-user-id.
-    if (::fchmod(file_.get(), mode_) != 0 || ::fsync(file_.get()) != 0) {
-        return failed(errno);
+    if (::fchmod(file_.get(), createdMode_) != 0) {
+        return destination_.unwritable(errno);
+    }
+    const bool replaces = inheritFrom(destination_.folder(), destination_.name(), file_.get());
+    if ((!replaces && ::fchmod(file_.get(), mode_) != 0) || ::fsync(file_.get()) != 0) {
+        return destination_.unwritable(errno);
     }
     if (hidden_.empty()) {
-        if (linkTo(destination_)) {
+        if (!replaces && linkTo(destination_.name())) {
             placed_ = Placed::New;
             return std::nullopt;
         }
-        if (errno != EEXIST) {
-            return failed(errno);
+        if (!replaces && errno != EEXIST) {
+            return destination_.unwritable(errno);
         }
-        if (!noteHiddenName() || !linkTo(hidden_)) {
-            return failed(errno);
+        chooseHiddenName();
+        if (!linkTo(hidden_)) {
+            return destination_.unwritable(errno);
         }
     }
-    struct stat status {};
-    if (::stat(destination_.c_str(), &status) == 0) {
-        ::fchmod(file_.get(), status.st_mode & kPermissions);
-    }
-    return replace(old) ? std::nullopt : std::optional(failed(errno));
+    return replace(old) ? std::nullopt : std::optional(destination_.unwritable(errno));
 }
 
 bool AtomicOutput::replace(Old old) {
+    const int folder = destination_.folder();
+    const char* const hidden = hidden_.c_str();
+    const char* const name = destination_.name().c_str();
     if (old == Old::Kept) {
-        if (::renameat2(AT_FDCWD, hidden_.c_str(), AT_FDCWD, destination_.c_str(), RENAME_EXCHANGE) == 0) {
+        if (::renameat2(folder, hidden, folder, name, RENAME_EXCHANGE) == 0) {
             placed_ = Placed::Exchanged;
             return true;
         }
@@ -192,8 +158,8 @@ bool AtomicOutput::replace(Old old) {
             return false;
         }
     }
-    const bool isNew = ::access(destination_.c_str(), F_OK) != 0;
-    if (::rename(hidden_.c_str(), destination_.c_str()) != 0) {
+    const bool isNew = ::faccessat(folder, name, F_OK, AT_SYMLINK_NOFOLLOW) != 0;
+    if (::renameat(folder, hidden, folder, name) != 0) {
         return false;
     }
     hidden_.clear();
@@ -202,29 +168,23 @@ bool AtomicOutput::replace(Old old) {
 }
 
 void AtomicOutput::takeBack() {
+    const int folder = destination_.folder();
+    const char* const name = destination_.name().c_str();
     struct stat ours {};
     struct stat there {};
-    const bool stillOurs = ::fstat(file_.get(), &ours) == 0 && ::lstat(destination_.c_str(), &there) == 0 &&
-                           ours.st_dev == there.st_dev && ours.st_ino == there.st_ino;
+    const bool stillOurs = placed_ != Placed::No && ::fstat(file_.get(), &ours) == 0 &&
+                           ::fstatat(folder, name, &there, AT_SYMLINK_NOFOLLOW) == 0 && ours.st_dev == there.st_dev &&
+                           ours.st_ino == there.st_ino;
     if (stillOurs && placed_ == Placed::New) {
-        ::unlink(destination_.c_str());
+        ::unlinkat(folder, name, 0);
     } else if (stillOurs && placed_ == Placed::Exchanged) {
-        ::renameat2(AT_FDCWD, hidden_.c_str(), AT_FDCWD, destination_.c_str(), RENAME_EXCHANGE);
+        ::renameat2(folder, hidden_.c_str(), folder, name, RENAME_EXCHANGE);
     }
 }
 
 void AtomicOutput::sweep() {
-    const auto folder = notesFolder();
-    std::error_code failure;
-    for (const auto& note : std::filesystem::directory_iterator(folder, failure)) {
-        std::ostringstream text;
-        text << std::ifstream(note.path(), std::ios::binary).rdbuf();
-        const std::string hidden = text.str();
-        if (isHiddenName(hidden)) {
-            ::unlink(hidden.c_str());
-        }
-        ::unlink(note.path().c_str());
-    }
+    UnfinishedNote::sweep(
+        [](const std::string& hidden) { return ::unlink(hidden.c_str()) == 0 || errno == ENOENT || errno == ENOTDIR; });
 }
 
 }  // namespace krv::server

@@ -1,12 +1,13 @@
 #pragma once
 
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include <sys/types.h>
 
+#include <MediaServer/Files/Destination.h>
+#include <MediaServer/Files/UnfinishedNote.h>
 #include <MediaServer/Protocol/Descriptor.h>
 #include <MediaServer/Protocol/Failure.h>
 
@@ -17,13 +18,17 @@ namespace krv::server {
 /// The output is written to an unnamed file in the destination's folder. A destination that does not exist is linked in
 /// one step. An existing one is replaced by linking to a hidden name beside it and renaming that over it. The hidden
 /// name is recorded in the state folder first, so that the next start of the server removes what a killed server left.
-/// Where the file system has no unnamed files, the hidden name exists from the beginning.
+/// Where the file system has no unnamed files, the hidden name exists from the beginning, readable for its user only.
+///
+/// A file that is replaced leaves the new one its permission bits, access control list and extended attributes, and its
+/// group if the user may set it (see ReplacedFile.h). The owner is the user. Other hard links to the old file keep the
+/// old contents. A file that has become unsuitable since the start, for instance read-only, is not replaced.
 ///
 /// If the object is destroyed without commit(), it leaves nothing behind and the old destination is whole.
 class AtomicOutput {
 public:
     /// Opens the unnamed file. The path must be absolute. Returns null and sets failure if the destination cannot be
-    /// written.
+    /// written; see Destination.
     [[nodiscard]] static std::unique_ptr<AtomicOutput> open(const std::string& destination,
                                                             std::optional<Failure>& failure);
     ~AtomicOutput();
@@ -33,10 +38,10 @@ public:
     /// The unnamed file, open for reading and writing; borrowed.
     [[nodiscard]] int descriptor() const noexcept { return file_.get(); }
 
-    /// Flushes the file and puts it under its name. Returns the failure, if any.
+    /// Flushes the file, puts it under its name and flushes the folder. Returns the failure, if any.
     [[nodiscard]] std::optional<Failure> commit();
 
-    /// The same in two steps, for several files that belong together. place() puts the file under its name and keeps the
+    /// The same in two steps, for work that may still be taken back. place() puts the file under its name and keeps the
     /// old file. Until keep() is called, the destructor restores the old state. Where the file system cannot exchange two
     /// files, a file that was replaced stays replaced.
     [[nodiscard]] std::optional<Failure> place();
@@ -46,7 +51,7 @@ public:
     static void sweep();
 
 private:
-    explicit AtomicOutput(std::string destination);
+    explicit AtomicOutput(Destination destination);
     [[nodiscard]] bool openUnnamed();
     [[nodiscard]] bool openHidden();
     enum class Old { Dropped, Kept };
@@ -54,21 +59,20 @@ private:
     [[nodiscard]] std::optional<Failure> put(Old old);
     [[nodiscard]] bool replace(Old old);
     void takeBack();
-    [[nodiscard]] bool linkTo(const std::filesystem::path& name) const;
-    [[nodiscard]] bool noteHiddenName();
+    [[nodiscard]] bool linkTo(const std::string& name) const;
+    void chooseHiddenName();
     void forgetHiddenName();
-    [[nodiscard]] Failure failed(int errorNumber) const;
 
-    const std::string asGiven_;
-    /// The destination with symbolic links followed.
-    std::filesystem::path destination_;
+    const Destination destination_;
     Descriptor file_;
-    /// The permission bits with which the file was created: 0666 less the umask.
+    /// The permission bits with which the file was created.
+    mode_t createdMode_ = 0;
+    /// The permission bits of a new file in its place: 0666 less the umask, or what the folder's default access control list says.
     mode_t mode_ = 0;
     Placed placed_ = Placed::No;
-    /// The hidden name; empty if there is none on the disk.
-    std::filesystem::path hidden_;
-    std::filesystem::path note_;
+    /// The hidden name in the destination's folder; empty if there is none on the disk.
+    std::string hidden_;
+    UnfinishedNote note_;
 };
 
 }  // namespace krv::server

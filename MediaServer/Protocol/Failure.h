@@ -33,8 +33,10 @@ enum class FailureCause {
     Damaged,       ///< reason: what FFmpeg says
     UnknownCodec,  ///< subject: the codec of a merge's source, which nothing decodes
     NeedsTooMuchMemory,
-    // Code 5. errorNumber is set.
-    UnwritableDestination,
+    // Code 5.
+    UnwritableDestination,  ///< errorNumber is set
+    DestinationIsNotAFile,
+    DestinationOfAnotherUser,
     // Code 6.
     NoContainer,              ///< the destination's name has no extension
     UnsupportedContainer,     ///< subject: the extension

@@ -55,6 +55,9 @@ constexpr auto kRows = std::to_array<Row>({
     {C::NeedsTooMuchMemory, Code::UnusableSource, About::Source, "it claims to need more memory than there is"},
     {C::UnwritableDestination, Code::UnwritableDestination, About::Destination,
      "{destination} cannot be written because {system}"},
+    {C::DestinationIsNotAFile, Code::UnwritableDestination, About::Destination, "{destination} is not a regular file"},
+    {C::DestinationOfAnotherUser, Code::UnwritableDestination, About::Destination,
+     "{destination} belongs to another user, and its folder lets only that user replace it"},
     {C::NoContainer, Code::Unsupported, About::Destination,
      "the name {destination} has no extension that selects a container"},
     {C::UnsupportedContainer, Code::Unsupported, About::Destination, "the container \"{subject}\" is not supported"},
@@ -116,6 +119,8 @@ std::string systemPhrase(int number) {
         return "it would be too large for the file system";
     case ENAMETOOLONG:
         return "its name is too long";
+    case ELOOP:
+        return "its symbolic links form a loop";
     case EMFILE:
     case ENFILE:
         return "too many files are open";
