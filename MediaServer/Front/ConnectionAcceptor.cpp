@@ -83,7 +83,9 @@ struct ConnectionAcceptor::Internals {
             for (const Refused& each : refused) {
                 waiting.push_back({each.socket.get(), POLLIN, 0});
             }
-            ::poll(waiting.data(), waiting.size(), timeout());
+            if (::poll(waiting.data(), waiting.size(), timeout()) < 0 && errno != EINTR) {
+                std::this_thread::sleep_for(kShortage);
+            }
             if (waiting[0].revents != 0) {
                 return;
             }

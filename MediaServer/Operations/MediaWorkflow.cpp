@@ -1,3 +1,5 @@
+#include <cerrno>
+
 #include <MediaServer/Files/OperationFiles.h>
 #include <MediaServer/Operations/MediaWorkflow.h>
 #include <MediaServer/Protocol/FailureSentence.h>
@@ -6,7 +8,11 @@ namespace krv::server {
 
 Outcome performMediaOperation(const JobRunner& runner, const KRVOperationBase::Ref& request,
                               const Cancellation& cancellation, const std::function<void(double)>& onProgress) {
-    const auto failed = [&](const Failure& failure) {
+    const auto failed = [&](Failure failure) {
+        // Neither the source nor the destination is to blame, and the client may try again.
+        if (failure.errorNumber == EMFILE || failure.errorNumber == ENFILE) {
+            failure = {.cause = FailureCause::OutOfDescriptors};
+        }
         return Outcome{Outcome::Kind::Failed, makeError(*request, failure), nullptr};
     };
     std::optional<Failure> failure;

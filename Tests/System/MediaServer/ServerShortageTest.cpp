@@ -3,8 +3,10 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <thread>
 
 #include <sys/mount.h>
+#include <sys/resource.h>
 
 #include "ServerFixture.h"
 
@@ -131,6 +133,109 @@ TEST_F(Shortage, AWorkerWithoutMemoryFailsItsOwnOperationOnly) {
     EXPECT_EQ(filesInOut(), 2U);
     EXPECT_EQ(status()["pid"], process->pid());
     EXPECT_EQ(convert(movie(), out()), nullptr);
+}
+
+/// The server without free descriptors.
+class FewDescriptors : public Server {
+protected:
+    std::size_t openDescriptors() const {
+        return static_cast<std::size_t>(
+            std::distance(fs::directory_iterator(fmt::format("/proc/{}/fd", process->pid())), {}));
+    }
+    void limitDescriptors(rlim_t most) const {
+        rlimit limit{};
+        ASSERT_EQ(::prlimit(process->pid(), RLIMIT_NOFILE, nullptr, &limit), 0);
+        limit.rlim_cur = std::min(most, limit.rlim_max);
+        ASSERT_EQ(::prlimit(process->pid(), RLIMIT_NOFILE, &limit, nullptr), 0);
+    }
+    /// Returns whether the server refuses the request with code 1, which its clients take for an unreachable server.
+    bool isTurnedAway(const R::Ref& request) const {
+        try {
+            const auto reply = ask(request);
+            R::Ref state = reply;
+            while (!state->error() && !state->completed()) {
+                state = ask(R::progressAndCompletionOperation(reply->uniqueID()));
+            }
+            return false;
+        } catch (const Exception& exception) {
+            return exception.name() == kHTTPServerNSURLConnectionError &&
+                   exception.reason().find("too many files open") != std::string::npos;
+        }
+    }
+};
+
+TEST_F(FewDescriptors, TurnsRequestsAwayUntilThereAreSome) {
+    start();
+    ASSERT_TRUE(ask(R::registerWithServerOperation())->isClientRegistered());
+    const R::Ref metadata = R::provideMetadataFor(movie());
+    limitDescriptors(openDescriptors());
+    EXPECT_TRUE(isTurnedAway(metadata));
+    // The registered client is not forgotten. The server looks after its clients every two seconds.
+    for (auto page = status(); page["uptime"] < 5.0; page = status()) {
+        ASSERT_TRUE(page.is_object());
+        ASSERT_EQ(page["clients"].size(), 1U);
+    }
+    limitDescriptors(RLIM_INFINITY);
+    EXPECT_FALSE(isTurnedAway(metadata));
+    EXPECT_EQ(convert(movie(), out()), nullptr);
+}
+
+TEST_F(FewDescriptors, ASourceThatCannotBeOpenedForLackOfThemIsNotCalledUnreadable) {
+    start();
+    ASSERT_TRUE(ask(R::registerWithServerOperation())->isClientRegistered());
+    constexpr std::size_t kSources = 20;
+    Array sources;
+    for (std::size_t i = 0; i < kSources; ++i) {
+        sources.emplace_back(movie());
+    }
+    limitDescriptors(openDescriptors() + kSources / 2);
+    EXPECT_TRUE(isTurnedAway(R::mergeSourcesOperation(Value(sources), out("merged.mov"), false)));
+    EXPECT_EQ(filesInOut(), 0U);
+    limitDescriptors(RLIM_INFINITY);
+    EXPECT_FALSE(isTurnedAway(R::mergeSourcesOperation(Value(sources), out("merged.mov"), false)));
+    EXPECT_TRUE(fs::exists(out("merged.mov")));
+}
+
+TEST_F(FewDescriptors, TwentyThousandOperationsOfOneApplicationDoNotTouchAnothersWork) {
+    start({}, {"prlimit", "--nofile=128:128"});
+    ChildProcess other({"sleep", "1000"});
+    const auto asOther = [&](const R::Ref& request) {
+        request->setRegInfoPID(std::int64_t{other.pid()});
+        return ask(request);
+    };
+    ASSERT_TRUE(asOther(R::registerWithServerOperation())->isClientRegistered());
+    const auto test = R::httpServerTestingOperation();
+    test->testInfo()->timeToLive = 1000;
+    const auto endless = asOther(test)->uniqueID();
+    const auto conversion =
+        asOther(R::encodeVideoOperation(std::string(KRV_TEST_MEDIA) + "/long.mov", out()))->uniqueID();
+    constexpr int kThreads = 4;
+    constexpr int kOperations = 20'000;
+    std::vector<std::thread> threads;
+    std::atomic<int> refused{0};
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < kOperations / kThreads; ++i) {
+                const auto begun = ask(R::provideMetadataFor(folder.path().string() + "/missing.mov"));
+                refused += begun->error() ? 1 : 0;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(refused, 0);
+    EXPECT_TRUE(asOther(R::amIRegisteredOperation())->isClientRegistered());
+    const auto still = ask(R::progressAndCompletionOperation(endless));
+    EXPECT_EQ(still->error(), nullptr);
+    EXPECT_FALSE(still->cancelled());
+    R::Ref state;
+    do {
+        state = ask(R::progressAndCompletionOperation(conversion));
+        ASSERT_EQ(state->error(), nullptr) << state->error()->description();
+        ASSERT_FALSE(state->cancelled());
+    } while (!state->completed());
+    EXPECT_GT(fs::file_size(out()), 1000U);
 }
 
 }  // namespace
