@@ -42,7 +42,7 @@ public:
         }
     }
 
-    void run() {
+    MovieReport run() {
         Source source(request_.source, request_.sourcePath, progress_);
         OutputFile output(request_.destination, container_, progress_);
         Pump pump(source, output, progress_);
@@ -56,6 +56,7 @@ public:
             }
         }
         pump.run(encodes);
+        return {.truncatedAt = {source.truncatedAt()}};
     }
 
 private:
@@ -82,8 +83,8 @@ private:
 
 }  // namespace
 
-void encode(const EncodeRequest& request, ProgressSink& sink) {
-    Encoding(request, sink).run();
+MovieReport encode(const EncodeRequest& request, ProgressSink& sink) {
+    return Encoding(request, sink).run();
 }
 
 }  // namespace krv::media

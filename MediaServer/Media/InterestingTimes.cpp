@@ -1,10 +1,8 @@
 #include <algorithm>
-#include <cerrno>
 #include <string>
 #include <string_view>
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <MediaServer/Media/Container/EditList.h>
 #include <MediaServer/Media/Container/Source.h>
@@ -19,24 +17,6 @@ constexpr double kWholeMovie = 0.8;
 
 /// The time scale if no track has one.
 constexpr int kMilliseconds = 1000;
-
-bool readAt(int descriptor, std::int64_t offset, std::span<std::byte> bytes) {
-    while (!bytes.empty()) {
-        const ssize_t got = pread(descriptor, bytes.data(), bytes.size(), offset);
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got < 0) {
-            throw Failure({.cause = FailureCause::UnreadableSource, .errorNumber = errno});
-        }
-        if (got == 0) {
-            return false;
-        }
-        bytes = bytes.subspan(static_cast<std::size_t>(got));
-        offset += got;
-    }
-    return true;
-}
 
 class TimesFinder {
 public:
@@ -60,6 +40,7 @@ public:
         std::sort(times_.values.begin(), times_.values.end());
         times_.values.erase(std::unique(times_.values.begin(), times_.values.end()), times_.values.end());
         progress_.finish();
+        times_.truncatedAt = source_.truncatedAt();
         return std::move(times_);
     }
 
@@ -115,9 +96,7 @@ private:
         if (fstat(request_.source, &status) != 0) {
             return;
         }
-        const MovieEdits edits = readMovieEdits(
-            [this](std::int64_t offset, std::span<std::byte> bytes) { return readAt(request_.source, offset, bytes); },
-            status.st_size);
+        const MovieEdits edits = readMovieEdits(readAtDescriptor(request_.source), status.st_size);
         if (edits.timeScale == 0 || edits.timeScale > INT32_MAX) {
             return;
         }

@@ -21,7 +21,8 @@ struct InterestingTimesRequest {
 struct InterestingTimes {
     /// From the movie's start, in units of the time scale. Ascending, without duplicates.
     std::vector<std::int64_t> values;
-    std::int32_t timescale = 1;  ///< units per second; that of the track, so that values are exact
+    std::int32_t timescale = 1;         ///< units per second; that of the track, so that values are exact
+    std::optional<double> truncatedAt;  ///< see Source::truncatedAt()
 };
 
 /// Returns the start, every key frame of the main video track, every chapter start and every edit; or the times of one

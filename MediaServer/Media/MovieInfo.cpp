@@ -181,6 +181,7 @@ MovieInfo describe(const MovieInfoRequest& request, Progress& progress) {
     }
     progress.reach(0.5);
     info.poster = makePoster(source, progress);
+    info.truncatedAt = source.truncatedAt();
     return info;
 }
 

@@ -18,13 +18,14 @@ struct MovieInfoRequest {
 
 /// The description of a movie. Fields that do not apply or are unknown are empty.
 struct MovieInfo {
-    std::string codecs;                ///< of the main video and audio track: "H.264, AAC"
-    std::optional<double> duration;    ///< in seconds
-    std::optional<Extent> dimensions;  ///< as displayed
-    std::string audio;                 ///< "AAC, 48000 Hz, stereo"
-    std::optional<double> created;     ///< in seconds since 1970, from the movie's own metadata
-    std::optional<double> frameRate;   ///< average, in frames per second
-    std::vector<std::uint8_t> poster;  ///< JPEG; empty if the movie has no poster
+    std::string codecs;                 ///< of the main video and audio track: "H.264, AAC"
+    std::optional<double> duration;     ///< in seconds
+    std::optional<Extent> dimensions;   ///< as displayed
+    std::string audio;                  ///< "AAC, 48000 Hz, stereo"
+    std::optional<double> created;      ///< in seconds since 1970, from the movie's own metadata
+    std::optional<double> frameRate;    ///< average, in frames per second
+    std::vector<std::uint8_t> poster;   ///< JPEG; empty if the movie has no poster
+    std::optional<double> truncatedAt;  ///< see Source::truncatedAt()
 };
 
 /// Reads the headers, and decodes as many frames as it takes to find a poster (see Poster.h). A movie whose video

@@ -40,7 +40,7 @@ const Codec& mixCodec(const Container& container) {
     return container.holds(aac.id) ? aac : codecForFourCC(container.defaultAudio, AVMEDIA_TYPE_AUDIO);
 }
 
-void run(const StereoMixRequest& request, Progress& progress) {
+MovieReport run(const StereoMixRequest& request, Progress& progress) {
     const Container& container = containerForPath(request.destinationPath);
     Source source(request.source, request.sourcePath, progress);
     const auto enabled = enabledAudio(source);
@@ -83,13 +83,14 @@ void run(const StereoMixRequest& request, Progress& progress) {
         }
     }
     pump.run(!copies);
+    return {.truncatedAt = {source.truncatedAt()}};
 }
 
 }  // namespace
 
-void mixToStereo(const StereoMixRequest& request, ProgressSink& sink) {
+MovieReport mixToStereo(const StereoMixRequest& request, ProgressSink& sink) {
     Progress progress(sink);
-    run(request, progress);
+    return run(request, progress);
 }
 
 }  // namespace krv::media

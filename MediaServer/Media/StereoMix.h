@@ -3,6 +3,7 @@
 #include <string>
 
 #include <MediaServer/Media/Foundation/Failure.h>
+#include <MediaServer/Media/Foundation/MovieReport.h>
 #include <MediaServer/Media/Foundation/ProgressSink.h>
 
 namespace krv::media {
@@ -26,6 +27,6 @@ struct StereoMixRequest {
 ///
 /// Threads and failures are those of encode(). A movie without audio fails with NoAudioTrack, and one whose video the
 /// container cannot hold with ContainerCannotHold.
-void mixToStereo(const StereoMixRequest& request, ProgressSink& sink);
+MovieReport mixToStereo(const StereoMixRequest& request, ProgressSink& sink);
 
 }  // namespace krv::media

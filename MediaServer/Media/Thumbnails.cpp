@@ -28,7 +28,7 @@ public:
         , progress_(sink)
         , pictures_(count_) {}
 
-    std::vector<Thumbnail> run() {
+    ThumbnailSet run() {
         if (ftruncate(request_.destination, 0) != 0) {
             throw Failure({.cause = FailureCause::UnwritableDestination, .errorNumber = errno});
         }
@@ -45,7 +45,7 @@ public:
             std::rethrow_exception(failure_);
         }
         progress_.finish();
-        return std::move(pictures_);
+        return {std::move(pictures_), truncatedAt_};
     }
 
 private:
@@ -72,6 +72,10 @@ private:
             const std::size_t end = (part + 1) * count_ / readers_;
             for (std::size_t i = part * count_ / readers_; i < end && !failed_; ++i) {
                 make(reader, i);
+            }
+            if (part == 0) {
+                const LockGuard lock(mutex_);
+                truncatedAt_ = source.truncatedAt();
             }
         } catch (...) {
             const LockGuard lock(mutex_);
@@ -118,6 +122,7 @@ private:
     Mutex mutex_;  // also protects the destination
     Progress progress_ KRV_GUARDED_BY(mutex_);
     std::vector<Thumbnail> pictures_ KRV_GUARDED_BY(mutex_);
+    std::optional<double> truncatedAt_ KRV_GUARDED_BY(mutex_);
     std::int64_t size_ KRV_GUARDED_BY(mutex_) = 0;
     std::size_t made_ KRV_GUARDED_BY(mutex_) = 0;
     std::exception_ptr failure_ KRV_GUARDED_BY(mutex_);
@@ -125,7 +130,7 @@ private:
 
 }  // namespace
 
-std::vector<Thumbnail> makeThumbnails(const ThumbnailRequest& request, ProgressSink& sink) {
+ThumbnailSet makeThumbnails(const ThumbnailRequest& request, ProgressSink& sink) {
     return ThumbnailMaker(request, sink).run();
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,9 +27,14 @@ struct Thumbnail {
     std::int64_t length = 0;  ///< in bytes
 };
 
-/// Makes the thumbnails and returns them in the order of their times. Each one is the frame that is shown at its time.
+struct ThumbnailSet {
+    std::vector<Thumbnail> pictures;    ///< in the order of their times
+    std::optional<double> truncatedAt;  ///< see Source::truncatedAt()
+};
+
+/// Makes the thumbnails. Each one is the frame that is shown at its time.
 /// Runs on the calling thread and threads of its own, as many as there are cores, one operation at a time per process.
 /// Throws Failure or std::bad_alloc.
-[[nodiscard]] std::vector<Thumbnail> makeThumbnails(const ThumbnailRequest& request, ProgressSink& sink);
+[[nodiscard]] ThumbnailSet makeThumbnails(const ThumbnailRequest& request, ProgressSink& sink);
 
 }  // namespace krv::media

@@ -60,7 +60,21 @@ int destination(const Message& job) {
     return job.files.at(1).get();
 }
 
-void encode(const Message& job, media::ProgressSink& progress, KRVOperationBase&) {
+/// Returns the record's result, which is created if it has none.
+Dictionary& resultOf(KRVOperationBase& end) {
+    if (!end.result()) {
+        end.setResult(std::make_shared<Dictionary>());
+    }
+    return *end.result();
+}
+
+void reportTruncation(KRVOperationBase& end, const std::optional<double>& at) {
+    if (at) {
+        resultOf(end).set(kResultSourceTruncatedAt, *at);
+    }
+}
+
+void encode(const Message& job, media::ProgressSink& progress, KRVOperationBase& end) {
     const KRVOperationBase& record = *job.record;
     media::EncodeRequest request;
     request.source = source(job);
@@ -76,7 +90,7 @@ void encode(const Message& job, media::ProgressSink& progress, KRVOperationBase&
     if (const auto audio = record.encodingAudioParameters()) {
         copyCommon(request.audio.emplace(), *audio);
     }
-    media::encode(request, progress);
+    reportTruncation(end, media::encode(request, progress).truncatedAt.at(0));
 }
 
 void makeThumbnails(const Message& job, media::ProgressSink& progress, KRVOperationBase& end) {
@@ -88,23 +102,26 @@ void makeThumbnails(const Message& job, media::ProgressSink& progress, KRVOperat
     request.width = job.record->thumbnailInfoSize().width;
     request.height = job.record->thumbnailInfoSize().height;
     Array pictures;
-    for (const media::Thumbnail& picture : media::makeThumbnails(request, progress)) {
+    const media::ThumbnailSet made = media::makeThumbnails(request, progress);
+    for (const media::Thumbnail& picture : made.pictures) {
         pictures.push_back(std::make_shared<Dictionary>(Dictionary{{kResultThumbnailTime, picture.time},
                                                                    {kThumbnailOffset, picture.offset},
                                                                    {kThumbnailLength, picture.length}}));
     }
-    end.setResult(std::make_shared<Dictionary>(Dictionary{{kResultThumbnails, std::move(pictures)}}));
+    resultOf(end).set(kResultThumbnails, std::move(pictures));
+    reportTruncation(end, made.truncatedAt);
 }
 
-void mixToStereo(const Message& job, media::ProgressSink& progress, KRVOperationBase&) {
-    media::mixToStereo({.source = source(job),
-                        .destination = destination(job),
-                        .sourcePath = sourcePath(job),
-                        .destinationPath = destinationPath(job)},
-                       progress);
+void mixToStereo(const Message& job, media::ProgressSink& progress, KRVOperationBase& end) {
+    const media::MovieReport report = media::mixToStereo({.source = source(job),
+                                                          .destination = destination(job),
+                                                          .sourcePath = sourcePath(job),
+                                                          .destinationPath = destinationPath(job)},
+                                                         progress);
+    reportTruncation(end, report.truncatedAt.at(0));
 }
 
-void merge(const Message& job, media::ProgressSink& progress, KRVOperationBase&) {
+void merge(const Message& job, media::ProgressSink& progress, KRVOperationBase& end) {
     media::MergeRequest request;
     const auto paths = sourcesOf(*job.record);
     for (std::size_t i = 0; i < paths.size(); ++i) {
@@ -114,7 +131,14 @@ void merge(const Message& job, media::ProgressSink& progress, KRVOperationBase&)
     request.destinationPath = destinationPath(job);
     const Value* const shortest = job.record->arguments()->find(kArgumentMergeSourcesUseShortest);
     request.useShortest = shortest && shortest->boolValue();
-    media::merge(request, progress);
+    const media::MovieReport report = media::merge(request, progress);
+    Array truncated;
+    for (const auto& at : report.truncatedAt) {
+        truncated.push_back(at ? Value(*at) : Value());
+    }
+    if (std::any_of(truncated.begin(), truncated.end(), [](const Value& at) { return !at.isNull(); })) {
+        resultOf(end).set(kResultSourcesTruncatedAt, std::move(truncated));
+    }
 }
 
 /// Converts to a Date, which counts from the beginning of 2001.
@@ -167,6 +191,7 @@ void describeMovie(const Message& job, media::ProgressSink& progress, KRVOperati
         metadata.set(kMediaMetadataPoster, Data(bytes, bytes + info.poster.size()));
     }
     end.setMetadata(std::make_shared<const Dictionary>(std::move(metadata)));
+    reportTruncation(end, info.truncatedAt);
 }
 
 void findInterestingTimes(const Message& job, media::ProgressSink& progress, KRVOperationBase& end) {
@@ -176,10 +201,10 @@ void findInterestingTimes(const Message& job, media::ProgressSink& progress, KRV
     }
     const media::InterestingTimes times = media::interestingTimes(request, progress);
     Array values(times.values.begin(), times.values.end());
-    end.setResult(std::make_shared<Dictionary>(
-        Dictionary{{kResultInterestingTimes,
-                    std::make_shared<Dictionary>(Dictionary{{kResultInterestingTimeValues, std::move(values)},
-                                                            {kResultInterestingTimeTimescale, times.timescale}})}}));
+    resultOf(end).set(kResultInterestingTimes,
+                      std::make_shared<Dictionary>(Dictionary{{kResultInterestingTimeValues, std::move(values)},
+                                                              {kResultInterestingTimeTimescale, times.timescale}}));
+    reportTruncation(end, times.truncatedAt);
 }
 
 struct Row {

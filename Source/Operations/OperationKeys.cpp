@@ -18,6 +18,9 @@ constinit const std::string_view kArgumentMergeSources = "videoMergeSources";
 constinit const std::string_view kArgumentMergeSourcesUseShortest = "videoMergeSourcesUseShortest";
 constinit const std::string_view kArgumentTrackIndex = "trackIndex";
 
+constinit const std::string_view kResultSourceTruncatedAt = "sourceTruncatedAt";
+constinit const std::string_view kResultSourcesTruncatedAt = "sourcesTruncatedAt";
+
 constinit const std::string_view kResultInterestingTimes = "interestingTimes";
 constinit const std::string_view kResultInterestingTimeValues = "values";
 constinit const std::string_view kResultInterestingTimeTimescale = "timescale";

@@ -40,6 +40,13 @@ KRV_EXPORT extern const std::string_view kArgumentMergeSourcesUseShortest;
 /// Integer: index of a track.
 KRV_EXPORT extern const std::string_view kArgumentTrackIndex;
 
+// Keys of `result` of every media operation whose source was truncated.
+
+/// Float64: where the source ends, in seconds.
+KRV_EXPORT extern const std::string_view kResultSourceTruncatedAt;
+/// Array, for a merge: the same for each source, null where it was whole.
+KRV_EXPORT extern const std::string_view kResultSourcesTruncatedAt;
+
 // Keys of `result` of the interesting-times operation.
 
 /// Dictionary with the two entries below.

@@ -2,9 +2,10 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <span>
 #include <vector>
+
+#include <MediaServer/Media/Container/ReadAt.h>
 
 namespace krv::media {
 
@@ -24,8 +25,7 @@ struct MovieEdits {
 [[nodiscard]] MovieEdits parseMovieEdits(std::span<const std::byte> movieBox);
 
 /// Finds the "moov" box of a file and parses it. Returns an empty result if there is none, or if it is too large to be
-/// plausible. readAt fills the bytes, or returns false if it cannot read all of them.
-using ReadAt = std::function<bool(std::int64_t offset, std::span<std::byte> bytes)>;
+/// plausible.
 [[nodiscard]] MovieEdits readMovieEdits(const ReadAt& readAt, std::int64_t fileSize);
 
 }  // namespace krv::media

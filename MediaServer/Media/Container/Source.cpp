@@ -6,6 +6,7 @@
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Container/SourceFormat.h>
 #include <MediaServer/Media/Container/StreamSelection.h>
+#include <MediaServer/Media/Container/Truncation.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 
 namespace krv::media {
@@ -67,7 +68,7 @@ Source::Source(int descriptor, const std::string& path, Progress& progress)
     : size_(checkedSize(descriptor))
     , io_(descriptor, DescriptorIO::Mode::Read, [&progress](std::int64_t) { progress.alive(); }) {
     try {
-        open(path);
+        open(descriptor, path);
         throwIfUnreadable();
     } catch (...) {
         avformat_close_input(&format_);
@@ -80,7 +81,7 @@ Source::~Source() {
     avformat_close_input(&format_);
 }
 
-void Source::open(const std::string& path) {
+void Source::open(int descriptor, const std::string& path) {
     const AVInputFormat& input = probeFormat(*io_.context(), path);
     format_ = notNull(avformat_alloc_context());
     format_->pb = io_.context();
@@ -112,6 +113,7 @@ void Source::open(const std::string& path) {
     shift_ = clockStartsAnywhere ? -start : 0;
     start_ = start + shift_;
     lastDts_.resize(format_->nb_streams);
+    declaredSize_ = declaredSize(readAtDescriptor(descriptor), size_);
 }
 
 void Source::throwIfUnreadable() const {
@@ -163,6 +165,7 @@ bool Source::read(AVPacket& packet) {
         // A demuxer may return part of a packet, skip the bad bytes, or end as if the file ended there.
         throwIfUnreadable();
         if (result == AVERROR_EOF) {
+            ended_ = true;
             return false;
         }
         if (result < 0) {
@@ -178,6 +181,8 @@ bool Source::read(AVPacket& packet) {
             continue;
         }
         bytesRead_ += packet.size;
+        cutOff_ |= (packet.flags & AV_PKT_FLAG_CORRUPT) != 0 && (format_->iformat->flags & AVFMT_TS_DISCONT) == 0 &&
+                   avio_feof(format_->pb) != 0;
         fixDiscontinuity(packet);
         const std::int64_t shift = av_rescale_q(shift_ + discontinuity_, kMicroseconds, from.time_base);
         if (packet.pts != AV_NOPTS_VALUE) {
@@ -186,6 +191,7 @@ bool Source::read(AVPacket& packet) {
         if (packet.dts != AV_NOPTS_VALUE) {
             packet.dts += shift;
             reached_ = std::max(reached_, av_rescale_q(packet.dts, from.time_base, kMicroseconds));
+            end_ = std::max(end_, av_rescale_q(packet.dts + packet.duration, from.time_base, kMicroseconds));
         }
         return true;
     }
@@ -210,6 +216,19 @@ void Source::fixDiscontinuity(AVPacket& packet) {
         now = *last + duration;
     }
     last = now;
+}
+
+std::optional<double> Source::truncatedAt() const {
+    if (!declaredSize_ && !cutOff_) {
+        return std::nullopt;
+    }
+    std::int64_t time = end_;
+    if (const auto missing = firstMissingTime(*format_, size_)) {
+        time = *missing + shift_;
+    } else if (!ended_ && declaredSize_) {
+        time = start_ + av_rescale(duration_, size_, *declaredSize_);
+    }
+    return static_cast<double>(std::max<std::int64_t>(time, 0)) / AV_TIME_BASE;
 }
 
 std::int64_t Source::lastPlausibleTime() const noexcept {

@@ -46,6 +46,11 @@ public:
     /// Returns a time in microseconds after which only frames with damaged timestamps can lie.
     [[nodiscard]] std::int64_t lastPlausibleTime() const noexcept;
 
+    /// Returns where the movie ends because its file was cut off, in seconds of the movie's own time. Empty if the file
+    /// is whole, as far as can be told. Exact if the format has an index in front, or after read() has returned false;
+    /// otherwise an estimate by the bytes that are missing.
+    [[nodiscard]] std::optional<double> truncatedAt() const;
+
     /// Returns how far read() has come, in 0…1: by time, or by bytes if the length is unknown.
     [[nodiscard]] double position() const noexcept;
 
@@ -67,7 +72,7 @@ public:
     void select(const std::vector<std::size_t>& indices);
 
 private:
-    void open(const std::string& path);
+    void open(int descriptor, const std::string& path);
     /// Throws Failure UnreadableSource if any transfer has failed so far.
     void throwIfUnreadable() const;
     void fixDiscontinuity(AVPacket& packet);
@@ -79,7 +84,13 @@ private:
     std::int64_t shift_ = 0;
     std::int64_t start_ = 0;
     std::int64_t reached_ = 0;
+    std::int64_t end_ = 0;
     std::int64_t bytesRead_ = 0;
+    /// The size that the file should have, if it has less.
+    std::optional<std::int64_t> declaredSize_;
+    /// Whether read() has met the end, and whether a packet was cut off there.
+    bool ended_ = false;
+    bool cutOff_ = false;
     std::int64_t discontinuity_ = 0;
     std::vector<std::optional<std::int64_t>> lastDts_;
 };

@@ -91,7 +91,7 @@ public:
         , progress_(sink)
         , container_(containerForPath(request.destinationPath)) {}
 
-    void run() {
+    MovieReport run() {
         if (request_.sources.empty()) {
             throw Failure({.cause = FailureCause::InvalidArgument, .subject = "sources", .detail = "is empty"});
         }
@@ -117,6 +117,7 @@ public:
         progress_.beginPhase(1);
         output.finish();
         progress_.finish();
+        return std::move(report_);
     }
 
 private:
@@ -147,6 +148,7 @@ private:
                 surveys_.push_back(survey(*source, [&](double position) {
                     progress_.reach((static_cast<double>(at_) + std::clamp(position, 0.0, 1.0)) / count);
                 }));
+                report_.truncatedAt.push_back(source->truncatedAt());
                 keepSharedTags(*source);
             });
         }
@@ -287,6 +289,7 @@ private:
     const Container& container_;
     std::size_t at_ = 0;  // the current source
     std::vector<SourceSurvey> surveys_;
+    MovieReport report_;
     AVDict tags_;  // shared by all sources so far
     MergePlan plan_;
     std::map<std::size_t, std::unique_ptr<Source>> models_;
@@ -295,8 +298,8 @@ private:
 
 }  // namespace
 
-void merge(const MergeRequest& request, ProgressSink& sink) {
-    Merger(request, sink).run();
+MovieReport merge(const MergeRequest& request, ProgressSink& sink) {
+    return Merger(request, sink).run();
 }
 
 }  // namespace krv::media

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include <MediaServer/Media/Foundation/Failure.h>
+#include <MediaServer/Media/Foundation/MovieReport.h>
 #include <MediaServer/Media/Foundation/ProgressSink.h>
 
 namespace krv::media {
@@ -34,6 +35,6 @@ struct MergeRequest {
 ///
 /// Threads and failures are those of encode(). If one source cannot be used, the whole merge fails, and Failure::source
 /// is its index. Without sources it fails with InvalidArgument.
-void merge(const MergeRequest& request, ProgressSink& sink);
+MovieReport merge(const MergeRequest& request, ProgressSink& sink);
 
 }  // namespace krv::media

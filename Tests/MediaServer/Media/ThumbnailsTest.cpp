@@ -34,7 +34,7 @@ protected:
         request.count = wanted.count;
         request.width = wanted.width;
         request.height = wanted.height;
-        made = makeThumbnails(request, sink);
+        made = makeThumbnails(request, sink).pictures;
         const std::string bytes = readFile(all.path());
         std::string inOrder;
         files.clear();
