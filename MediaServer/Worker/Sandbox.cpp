@@ -6,12 +6,14 @@
 //   - no_new_privs: an executed program could not gain privileges. (None can be executed.)
 //   - Landlock, with a rule set that has no rule: every access to the file system by path is denied, whatever the user
 //     may do. No path needs to be allowed, because the server opens the files. Newer kernels also deny TCP, abstract
-//     sockets and signals to other processes here.
-//   - seccomp, for what Landlock does not cover: sockets of any kind, execution, new processes (threads are allowed),
-//     inspection of other processes, and calls that have been used to attack kernels and that no codec makes. Denied
-//     calls fail with EPERM, as on a system that does not permit them, so a library that tries an optional call
-//     continues without it. clone3 fails with ENOSYS because a filter cannot read its arguments; the C library then uses
-//     clone, whose flags a filter can check.
+//     sockets and signals to other processes here. Older ones do not deny truncate, and none denies chmod, chown or
+//     setxattr. A kernel may also lack Landlock. So it is the second line only.
+//   - seccomp: every call that takes a path, except stat; sockets of any kind; execution; new processes (threads are
+//     allowed); whatever affects other processes; memory beside the limit; and calls that have been used to attack
+//     kernels and that no codec makes. Denied calls fail with EPERM, as on a system that does not permit them, so a
+//     library that tries an optional call continues without it. clone3 fails with ENOSYS because a filter cannot read
+//     its arguments; the C library then uses clone, whose flags a filter can check. Calls that are newer than the list
+//     fail with ENOSYS too.
 //   - Limits on writable memory and open descriptors; no core files. An allocation beyond the limit fails, and with it
 //     the operation.
 //
@@ -26,9 +28,10 @@
 #include <ctime>
 #include <initializer_list>
 
+#include <fcntl.h>
 #include <linux/landlock.h>
 #include <sched.h>
-#include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -94,61 +97,126 @@ bool denyPaths() {
 // seccomp.
 
 constexpr std::initializer_list<const char*> kDeniedCalls{
-    // the network
-    "socket", "connect", "bind", "listen", "accept", "accept4",
-    // programs and processes
-    "execve", "execveat", "fork", "vfork", "setns", "unshare", "pivot_root", "chroot", "mount", "umount2", "move_mount",
-    "open_tree", "fsopen", "fsconfig", "fsmount", "fspick", "mount_setattr",
+    // files by path: the server opens them
+    "open", "openat", "openat2", "creat", "truncate", "truncate64", "link", "linkat", "symlink", "symlinkat", "unlink",
+    "unlinkat", "rename", "renameat", "renameat2", "mkdir", "mkdirat", "rmdir", "mknod", "mknodat", "chdir", "fchdir",
+    "chroot", "access", "faccessat", "faccessat2", "readlink", "readlinkat", "statfs", "statfs64", "uselib",
+    "open_by_handle_at", "name_to_handle_at", "inotify_init", "inotify_init1", "inotify_add_watch", "fanotify_init",
+    "fanotify_mark",
+    // what a file is besides its bytes, by path or by descriptor: the sources are the user's own files
+    "chmod", "fchmod", "fchmodat", "chown", "chown32", "lchown", "lchown32", "fchown", "fchown32", "fchownat", "utime",
+    "utimes", "utimensat", "utimensat_time64", "futimesat", "setxattr", "lsetxattr", "fsetxattr", "getxattr",
+    "lgetxattr", "fgetxattr", "listxattr", "llistxattr", "flistxattr", "removexattr", "lremovexattr", "fremovexattr",
+    "flock",
+    // sockets, and other ways to pass bytes or descriptors on
+    "socket", "socketpair", "connect", "bind", "listen", "accept", "accept4", "pipe", "pipe2", "splice", "tee",
+    "vmsplice",
+    // memory beside the limit
+    "memfd_create", "memfd_secret", "shmget", "shmat", "shmctl", "shmdt", "semget", "semctl", "semop", "semtimedop",
+    "semtimedop_time64", "msgget", "msgctl", "msgsnd", "msgrcv", "mq_open", "mq_unlink", "io_setup",
+    // programs, processes and what they belong to
+    "execve", "execveat", "fork", "vfork", "setns", "unshare", "setsid", "setpgid",
     // other processes
     "ptrace", "process_vm_readv", "process_vm_writev", "pidfd_open", "pidfd_getfd", "pidfd_send_signal", "kcmp",
-    "process_madvise", "process_mrelease", "tkill",
-    // files by other means than paths
-    "open_by_handle_at", "name_to_handle_at", "quotactl", "quotactl_fd", "swapon", "swapoff", "acct",
-    // the kernel itself
-    "bpf", "perf_event_open", "userfaultfd", "io_uring_setup", "io_uring_enter", "io_uring_register", "keyctl",
-    "add_key", "request_key", "init_module", "finit_module", "delete_module", "kexec_load", "kexec_file_load", "reboot",
-    "personality", "modify_ldt", "iopl", "ioperm", "settimeofday", "clock_settime", "clock_adjtime", "adjtimex",
-    "sethostname", "setdomainname", "syslog", "vhangup", "lookup_dcookie", "fanotify_init", "landlock_create_ruleset",
-    "seccomp", "setuid", "setgid", "setreuid", "setregid", "setresuid", "setresgid", "setgroups", "capset",
-    "memfd_secret",
-    // shared memory and queues that others may have made
-    "shmget", "shmat", "semget", "msgget", "mq_open"};
+    "process_madvise", "process_mrelease", "tkill", "rt_sigqueueinfo", "rt_tgsigqueueinfo", "setpriority", "ioprio_set",
+    "sched_setscheduler", "sched_setparam", "sched_setattr", "sched_setaffinity", "move_pages", "migrate_pages",
+    // the machine
+    "sync", "syncfs", "quotactl", "quotactl_fd", "swapon", "swapoff", "acct", "pivot_root", "mount", "umount",
+    "umount2", "move_mount", "open_tree", "fsopen", "fsconfig", "fsmount", "fspick", "mount_setattr", "bpf",
+    "perf_event_open", "userfaultfd", "io_uring_setup", "io_uring_enter", "io_uring_register", "keyctl", "add_key",
+    "request_key", "init_module", "finit_module", "delete_module", "kexec_load", "kexec_file_load", "reboot",
+    "personality", "modify_ldt", "iopl", "ioperm", "settimeofday", "clock_settime", "clock_settime64", "clock_adjtime",
+    "clock_adjtime64", "adjtimex", "sethostname", "setdomainname", "syslog", "vhangup", "lookup_dcookie",
+    "landlock_create_ruleset", "seccomp", "setuid", "setgid", "setreuid", "setregid", "setresuid", "setresgid",
+    "setgroups", "capset",
+    // No codec needs a device. On a file it would change flags, or clone and deduplicate blocks.
+    "ioctl"};
+
+/// Calls from the first number on are newer than this list, so what they can do is not known. They fail as on a kernel
+/// that does not have them; callers fall back. The numbers are the same on all processors. The last number leaves room
+/// for the calls of many years.
+constexpr int kFirstUnknownCall = 451;
+constexpr int kLastUnknownCall = 599;
+
+/// Denied commands of fcntl: owners that are sent signals, locks and leases, sizes of pipes. A worker may copy
+/// descriptors and read and set their flags.
+constexpr std::initializer_list<int> kDeniedFileCommands{
+    F_SETLK,    F_SETLKW, F_OFD_SETLK, F_OFD_SETLKW, F_SETOWN,      F_SETOWN_EX,       F_SETSIG,
+    F_SETLEASE, F_NOTIFY, F_ADD_SEALS, F_SETPIPE_SZ, F_SET_RW_HINT, F_SET_FILE_RW_HINT};
+
+/// Denied commands of prctl: with them, a worker could outlive its server or let others look into it.
+constexpr std::initializer_list<int> kDeniedProcessCommands{PR_SET_PDEATHSIG, PR_SET_DUMPABLE, PR_SET_PTRACER,
+                                                            PR_SET_CHILD_SUBREAPER, PR_SET_MM};
 
 /// Returns a comparison with an argument of a call. The library's macros for this are not valid C++.
 constexpr scmp_arg_cmp argument(unsigned index, scmp_compare comparison, scmp_datum_t a, scmp_datum_t b = 0) {
     return {index, comparison, a, b};
 }
 
-bool addRules(scmp_filter_ctx filter) {
-    const std::uint32_t deny = SCMP_ACT_ERRNO(EPERM);
+/// The kernel reads 32 bits of an argument that is an int. A filter that compared 64 would miss one with others set.
+constexpr scmp_arg_cmp intArgument(unsigned index, int value) {
+    return argument(index, SCMP_CMP_MASKED_EQ, 0xFFFFFFFF, static_cast<std::uint32_t>(value));
+}
+
+class CallFilter {
+public:
+    CallFilter()
+        : context_(::seccomp_init(SCMP_ACT_ALLOW)) {
+        // A binary tree: the list is long, and every call passes it.
+        complete_ = context_ && ::seccomp_attr_set(context_, SCMP_FLTATR_CTL_OPTIMIZE, 2) == 0;
+    }
+    ~CallFilter() { ::seccomp_release(context_); }
+    CallFilter(const CallFilter&) = delete;
+    CallFilter& operator=(const CallFilter&) = delete;
+
+    void deny(int call, int errorNumber = EPERM) {
+        complete_ = complete_ && ::seccomp_rule_add(context_, errno_(errorNumber), call, 0) == 0;
+    }
+    /// Denies the call if an argument is as described.
+    void denyIf(int call, scmp_arg_cmp comparison) {
+        complete_ = complete_ && ::seccomp_rule_add(context_, errno_(EPERM), call, 1, comparison) == 0;
+    }
+    [[nodiscard]] bool load() { return complete_ && ::seccomp_load(context_) == 0; }
+
+private:
+    static std::uint32_t errno_(int number) { return SCMP_ACT_ERRNO(static_cast<std::uint32_t>(number)); }
+
+    scmp_filter_ctx context_;
+    bool complete_ = false;
+};
+
+bool denyCalls() {
+    CallFilter filter;
     for (const char* const name : kDeniedCalls) {
         const int number = ::seccomp_syscall_resolve_name(name);
         // Skips calls that this processor architecture does not have.
-        if (number != __NR_SCMP_ERROR && ::seccomp_rule_add(filter, deny, number, 0) != 0) {
-            return false;
+        if (number != __NR_SCMP_ERROR) {
+            filter.deny(number);
         }
     }
-    const auto self = static_cast<scmp_datum_t>(::getpid());
-    // Allows threads, but not processes.
-    return ::seccomp_rule_add(filter, SCMP_ACT_ERRNO(ENOSYS), SCMP_SYS(clone3), 0) == 0 &&
-           ::seccomp_rule_add(filter, deny, SCMP_SYS(clone), 1, argument(0, SCMP_CMP_MASKED_EQ, CLONE_THREAD, 0)) ==
-               0 &&
-           // A process may signal itself, as abort() does, but no other process.
-           ::seccomp_rule_add(filter, deny, SCMP_SYS(kill), 1, argument(0, SCMP_CMP_NE, self)) == 0 &&
-           ::seccomp_rule_add(filter, deny, SCMP_SYS(tgkill), 1, argument(0, SCMP_CMP_NE, self)) == 0 &&
-           // TIOCSTI injects input into a terminal.
-           ::seccomp_rule_add(filter, deny, SCMP_SYS(ioctl), 1, argument(1, SCMP_CMP_MASKED_EQ, 0xFFFFFFFF, TIOCSTI)) ==
-               0;
-}
-
-bool denyCalls() {
-    const scmp_filter_ctx filter = ::seccomp_init(SCMP_ACT_ALLOW);
-    if (!filter) {
-        return false;
+    for (int number = kFirstUnknownCall; number <= kLastUnknownCall; ++number) {
+        filter.deny(number, ENOSYS);
     }
-    const bool done = addRules(filter) && ::seccomp_load(filter) == 0;
-    ::seccomp_release(filter);
-    return done;
+    // Allows threads, but not processes.
+    filter.deny(SCMP_SYS(clone3), ENOSYS);
+    filter.denyIf(SCMP_SYS(clone), argument(0, SCMP_CMP_MASKED_EQ, CLONE_THREAD, 0));
+    // A process may signal itself, as abort() does, but no other process.
+    const auto self = static_cast<scmp_datum_t>(::getpid());
+    filter.denyIf(SCMP_SYS(kill), argument(0, SCMP_CMP_NE, self));
+    filter.denyIf(SCMP_SYS(tgkill), argument(0, SCMP_CMP_NE, self));
+    // The C library passes 0 for the calling process.
+    filter.denyIf(SCMP_SYS(prlimit64), argument(0, SCMP_CMP_NE, 0));
+    for (const int command : kDeniedFileCommands) {
+        filter.denyIf(SCMP_SYS(fcntl), intArgument(1, command));
+    }
+    for (const int command : kDeniedProcessCommands) {
+        filter.denyIf(SCMP_SYS(prctl), intArgument(0, command));
+    }
+    filter.denyIf(SCMP_SYS(sendto), argument(4, SCMP_CMP_NE, 0));
+    // RLIMIT_DATA counts private memory only.
+    constexpr scmp_datum_t kSharedAnonymous = MAP_SHARED | MAP_ANONYMOUS;
+    filter.denyIf(SCMP_SYS(mmap), argument(3, SCMP_CMP_MASKED_EQ, kSharedAnonymous, kSharedAnonymous));
+    return filter.load();
 }
 
 bool seccompExists() {
@@ -176,7 +244,7 @@ std::uint64_t WorkerLimits::memoryForThisMachine() {
     return std::clamp(half, kLeast, kMost);
 }
 
-std::vector<std::string> enterSandbox(const WorkerLimits& limits) {
+std::vector<std::string> enterSandbox(const WorkerLimits& limits, SandboxLayers layers) {
     std::vector<std::string> missing;
     ::tzset();  // reads a file
     limit(RLIMIT_DATA, limits.memory);
@@ -184,10 +252,10 @@ std::vector<std::string> enterSandbox(const WorkerLimits& limits) {
     limit(RLIMIT_CORE, 0);
     ::prctl(PR_SET_DUMPABLE, 0);
     ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
-    if (!denyPaths()) {
+    if (layers.landlock && !denyPaths()) {
         missing.emplace_back(kNoLandlock);
     }
-    if (!denyCalls()) {
+    if (layers.seccomp && !denyCalls()) {
         missing.emplace_back(kNoSeccomp);
     }
     return missing;

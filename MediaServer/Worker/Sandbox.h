@@ -17,12 +17,31 @@ struct WorkerLimits {
     [[nodiscard]] static std::uint64_t memoryForThisMachine();
 };
 
-/// Confines the calling process permanently to the descriptors that it holds, memory and processor time. Afterwards it
-/// cannot open a path, create a socket, execute a program, inspect or signal another process, or gain privileges. Call it
-/// once, before any untrusted byte is read and while there is one thread.
+/// The two kernel mechanisms of the sandbox. Each holds without the other as far as it goes: seccomp alone lets no path
+/// be opened or changed. Tests enter one without the other.
+struct SandboxLayers {
+    bool landlock = true;
+    bool seccomp = true;
+};
+
+/// Confines the calling process permanently to the descriptors that it holds, memory and processor time. Call it once,
+/// before any untrusted byte is read and while there is one thread.
+///
+/// Afterwards the process cannot open, create, change, rename, lock or watch anything by path; make a socket, pipe,
+/// memory file or process; execute a program; inspect, signal, limit or reprioritise another process; leave its process
+/// group or outlive its server; use memory beyond its limit; or gain privileges.
+///
+/// What remains open:
+///   - reading, writing, mapping and truncating the descriptors that it holds, as they were opened. Sources are open for
+///     reading, and their metadata cannot be changed.
+///   - stat, statx, and what they tell of any path: that it exists, its size, owner and times. The C library uses the
+///     same calls for open descriptors, and a filter cannot tell them apart.
+///   - the time, the load, the names and numbers of this machine, and the scheduling of other processes (sysinfo, uname,
+///     getrusage, sched_getaffinity and the like), to read only.
+///   - the scheduling of its own memory (mbind, madvise), its own signals, timers and threads, and processor time.
 ///
 /// Skips protections that the kernel lacks and returns a phrase for each of them.
-std::vector<std::string> enterSandbox(const WorkerLimits& limits = {});
+std::vector<std::string> enterSandbox(const WorkerLimits& limits = {}, SandboxLayers layers = {});
 
 /// Returns the phrases that enterSandbox() would return on this machine. Changes nothing.
 [[nodiscard]] std::vector<std::string> missingForSandbox();
