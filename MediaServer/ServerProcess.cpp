@@ -24,17 +24,24 @@ using namespace std::chrono_literals;
 constexpr auto kClientCheck = 2s;
 /// More than two operations rarely start at the same time, and each idle worker costs memory.
 constexpr unsigned kSpareWorkers = 2;
+/// Operations of type 8 and 11 have an executor thread of their own.
+constexpr unsigned kShortExecutors = 1;
 /// How often the server checks whether it may exit while it is shutting down.
 constexpr auto kExitCheck = 50ms;
 /// How long the server waits, when it is shutting down, for clients to ask for outcomes that they do not know.
 constexpr auto kFarewell = 3s;
+
+std::uint64_t memoryOfEachWorker(const ServerProcess::Settings& settings) {
+    return settings.workerMemory > 0 ? settings.workerMemory
+                                     : WorkerLimits::memoryOfEach(settings.executors + kShortExecutors + kSpareWorkers);
+}
 
 }  // namespace
 
 ServerProcess::ServerProcess(Settings settings)
     : settings_(std::move(settings))
     , wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
-    , workers_(settings_.workerExecutable, kSpareWorkers, settings_.workerMemory)
+    , workers_(settings_.workerExecutable, kSpareWorkers, memoryOfEachWorker(settings_))
     , ledger_([this] { held_.checkAgain(); })
     , executors_(ledger_, settings_.executors,
                  [this](const KRVOperationBase::Ref& request, const Cancellation& cancellation,

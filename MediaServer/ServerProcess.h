@@ -34,7 +34,7 @@ public:
         std::string serviceName;
         InstalledProgram program;
         std::string workerExecutable;
-        /// Bytes of writable memory per worker; 0 for a default that depends on the machine.
+        /// Bytes of writable memory per worker; 0 for an equal share of the machine's memory.
         std::uint64_t workerMemory;
         /// Executor threads for long operations.
         unsigned executors;

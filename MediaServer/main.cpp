@@ -24,7 +24,8 @@ using namespace krv::server;
 constexpr std::string_view kLoggingDomainKey = "KRVLoggingDomain";
 constexpr std::string_view kIdleTimeoutKey = "idleTimeout";
 constexpr std::int64_t kDefaultIdleSeconds = 600;
-/// In MiB. The default is half of the machine's memory, at least 1 GiB and at most 8 GiB.
+/// In MiB. The default is an equal share of the machine's memory for each worker that may run at the same time, at least
+/// 1 GiB and at most 8 GiB.
 constexpr std::string_view kWorkerMemoryLimitKey = "workerMemoryLimit";
 
 /// Blocks SIGTERM, SIGINT and SIGHUP in this thread and its descendants. Returns a signalfd that reports them.

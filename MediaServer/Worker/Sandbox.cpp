@@ -27,6 +27,7 @@
 #include <cstring>
 #include <ctime>
 #include <initializer_list>
+#include <string_view>
 
 #include <fcntl.h>
 #include <linux/landlock.h>
@@ -234,14 +235,25 @@ constexpr const char* kNoSeccomp = "no seccomp filters: a worker could create so
 
 }  // namespace
 
-std::uint64_t WorkerLimits::memoryForThisMachine() {
+std::uint64_t WorkerLimits::memoryOfEach(unsigned workers, std::uint64_t machine) {
     constexpr std::uint64_t kLeast = 1ULL << 30;
     constexpr std::uint64_t kMost = 8ULL << 30;
+    return std::clamp(machine / std::max(workers, 1U), kLeast, kMost);
+}
+
+std::uint64_t WorkerLimits::memoryOfEach(unsigned workers) {
     const long pages = ::sysconf(_SC_PHYS_PAGES);
     const long size = ::sysconf(_SC_PAGESIZE);
-    const std::uint64_t half =
-        pages > 0 && size > 0 ? static_cast<std::uint64_t>(pages) / 2 * static_cast<std::uint64_t>(size) : kLeast;
-    return std::clamp(half, kLeast, kMost);
+    const bool known = pages > 0 && size > 0;
+    return memoryOfEach(workers, known ? static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(size) : 0);
+}
+
+void volunteerForOutOfMemory() {
+    // Of 1000. A process scores its share of the machine's memory in thousandths, and this is added.
+    constexpr std::string_view kAdjustment = "500";
+    const int file = ::open("/proc/self/oom_score_adj", O_WRONLY | O_CLOEXEC);
+    [[maybe_unused]] const auto written = ::write(file, kAdjustment.data(), kAdjustment.size());
+    ::close(file);
 }
 
 std::vector<std::string> enterSandbox(const WorkerLimits& limits, SandboxLayers layers) {

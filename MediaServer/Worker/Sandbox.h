@@ -9,13 +9,19 @@ namespace krv::server {
 /// Limits of a worker process.
 struct WorkerLimits {
     /// Writable private memory in bytes: heap, stacks and mappings.
-    std::uint64_t memory = memoryForThisMachine();
+    std::uint64_t memory = memoryOfEach(1);
     /// Open descriptors. A merge needs one per source.
     std::uint64_t descriptors = 1100;
 
-    /// Returns half of the machine's memory, at least 1 GiB and at most 8 GiB.
-    [[nodiscard]] static std::uint64_t memoryForThisMachine();
+    /// Returns an equal share of this machine's memory for each of so many workers, at least 1 GiB and at most 8 GiB. So
+    /// their sum is no more than the machine has, unless it has less than 1 GiB for each.
+    [[nodiscard]] static std::uint64_t memoryOfEach(unsigned workers);
+    /// The same for a machine with that many bytes of memory. Pure.
+    [[nodiscard]] static std::uint64_t memoryOfEach(unsigned workers, std::uint64_t machine);
 };
+
+/// Makes the kernel kill this process before the desktop's when memory runs out. Call it before enterSandbox().
+void volunteerForOutOfMemory();
 
 /// The two kernel mechanisms of the sandbox. Each holds without the other as far as it goes: seccomp alone lets no path
 /// be opened or changed. Tests enter one without the other.

@@ -42,6 +42,7 @@ int main(int argc, char** argv) {
     if (const std::uint64_t memory = argc > 2 ? std::strtoull(argv[2], nullptr, 10) : 0; memory > 0) {
         limits.memory = memory;
     }
+    krv::server::volunteerForOutOfMemory();
     // The server has logged what the kernel lacks.
     (void)krv::server::enterSandbox(limits);
     krv::server::dropStartUpPages();

@@ -1,5 +1,6 @@
 // The sandbox from inside, by a program that tries to leave it.
 #include <csignal>
+#include <cstdint>
 #include <string>
 
 #include <sys/resource.h>
@@ -63,10 +64,15 @@ TEST_P(Sandbox, DeniesEverythingThatAWorkerDoesNotNeed) {
 INSTANTIATE_TEST_SUITE_P(Layers, Sandbox, testing::Values("both", "seccomp"),
                          [](const auto& test) { return std::string(test.param); });
 
-TEST(WorkerLimits, AreBetweenOneAndEightGibibytes) {
-    const WorkerLimits limits;
-    EXPECT_GE(limits.memory, 1ULL << 30);
-    EXPECT_LE(limits.memory, 8ULL << 30);
+TEST(WorkerLimits, DivideTheMachinesMemory) {
+    constexpr std::uint64_t kGibibyte = 1ULL << 30;
+    EXPECT_EQ(WorkerLimits::memoryOfEach(5, 24 * kGibibyte), 24 * kGibibyte / 5);
+    EXPECT_EQ(WorkerLimits::memoryOfEach(11, 32 * kGibibyte), 32 * kGibibyte / 11);
+    EXPECT_EQ(WorkerLimits::memoryOfEach(5, 256 * kGibibyte), 8 * kGibibyte);
+    EXPECT_EQ(WorkerLimits::memoryOfEach(11, 4 * kGibibyte), kGibibyte);
+    EXPECT_EQ(WorkerLimits::memoryOfEach(0, 4 * kGibibyte), 4 * kGibibyte);
+    EXPECT_GE(WorkerLimits{}.memory, kGibibyte);
+    EXPECT_LE(WorkerLimits{}.memory, 8 * kGibibyte);
 }
 
 }  // namespace

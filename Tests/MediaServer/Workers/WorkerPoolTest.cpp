@@ -155,6 +155,18 @@ TEST(Pool, ItsWorkersHaveAProcessGroupOfTheirOwnAndNoEnvironment) {
     }
 }
 
+TEST(Pool, ItsWorkersAreKilledFirstWhenMemoryRunsOut) {
+    WorkerPool pool(KRV_WORKER, 1);
+    waitForReady(pool, 1);
+    const pid_t worker = children().at(0);
+    while (statusLine(worker, "Seccomp:") != "Seccomp:\t2") {
+        std::this_thread::yield();
+    }
+    int adjustment = 0;
+    std::ifstream("/proc/" + std::to_string(worker) + "/oom_score_adj") >> adjustment;
+    EXPECT_EQ(adjustment, 500);
+}
+
 TEST(Pool, ItsWorkersBlockTheSignalsThatEndASession) {
     WorkerPool pool(KRV_WORKER, 1);
     waitForReady(pool, 1);
