@@ -11,9 +11,9 @@
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 #include <KRVQTProcessClient/Platform/RuntimeFolder.h>
 
-#include <MediaServer/Files/AtomicOutput.h>
 #include <MediaServer/Files/InstalledProgram.h>
 #include <MediaServer/Files/InstanceLock.h>
+#include <MediaServer/Files/OperationFiles.h>
 #include <MediaServer/ServerProcess.h>
 
 namespace {
@@ -84,7 +84,7 @@ int main() {
         fmt::print(stderr, "KRVQuicktimeProcess: no folder for the lock file\n");
         return 1;
     }
-    AtomicOutput::sweep();
+    OperationFiles::sweep();
 
     const InstalledProgram program;
     ServerProcess server({.minimumPort = PortNumbering::minimumPortNumber(),

@@ -42,10 +42,11 @@ AtomicOutput::~AtomicOutput() {
 
 std::unique_ptr<AtomicOutput> AtomicOutput::open(const std::string& destination, std::optional<Failure>& failure) {
     auto place = Destination::open(destination, failure);
-    if (!place) {
-        return nullptr;
-    }
-    std::unique_ptr<AtomicOutput> output(new AtomicOutput(*std::move(place)));
+    return place ? open(*std::move(place), failure) : nullptr;
+}
+
+std::unique_ptr<AtomicOutput> AtomicOutput::open(Destination destination, std::optional<Failure>& failure) {
+    std::unique_ptr<AtomicOutput> output(new AtomicOutput(std::move(destination)));
     if (!output->openUnnamed()) {
         const bool noUnnamedFiles = errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL;
         if (!noUnnamedFiles || !output->openHidden()) {
@@ -180,11 +181,6 @@ void AtomicOutput::takeBack() {
     } else if (stillOurs && placed_ == Placed::Exchanged) {
         ::renameat2(folder, hidden_.c_str(), folder, name, RENAME_EXCHANGE);
     }
-}
-
-void AtomicOutput::sweep() {
-    UnfinishedNote::sweep(
-        [](const std::string& hidden) { return ::unlink(hidden.c_str()) == 0 || errno == ENOENT || errno == ENOTDIR; });
 }
 
 }  // namespace krv::server

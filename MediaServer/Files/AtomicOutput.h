@@ -31,6 +31,8 @@ public:
     /// written; see Destination.
     [[nodiscard]] static std::unique_ptr<AtomicOutput> open(const std::string& destination,
                                                             std::optional<Failure>& failure);
+    /// The same for a place that has been found.
+    [[nodiscard]] static std::unique_ptr<AtomicOutput> open(Destination destination, std::optional<Failure>& failure);
     ~AtomicOutput();
     AtomicOutput(const AtomicOutput&) = delete;
     AtomicOutput& operator=(const AtomicOutput&) = delete;
@@ -46,9 +48,6 @@ public:
     /// files, a file that was replaced stays replaced.
     [[nodiscard]] std::optional<Failure> place();
     void keep();
-
-    /// Removes the hidden files that an earlier server recorded and left.
-    static void sweep();
 
 private:
     explicit AtomicOutput(Destination destination);

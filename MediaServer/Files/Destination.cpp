@@ -17,15 +17,6 @@ namespace {
 /// As many as the kernel follows.
 constexpr int kMostLinks = 40;
 
-/// Opens a folder for reading, so that it can be flushed, or as a path only if it cannot be listed.
-Descriptor openFolder(int base, const std::string& path) {
-    Descriptor folder(::openat(base, path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!folder && errno == EACCES) {
-        folder.reset(::openat(base, path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    }
-    return folder;
-}
-
 /// Splits a path into folder and name. The name is empty if the path can only mean a folder.
 std::pair<std::string, std::string> split(const std::string& path) {
     const auto slash = path.rfind('/');
@@ -41,6 +32,10 @@ std::pair<std::string, std::string> split(const std::string& path) {
 bool ownsIn(const struct stat& folder, const struct stat& entry) {
     const uid_t user = ::geteuid();
     return user == 0 || user == entry.st_uid || user == folder.st_uid;
+}
+
+Failure unwritable(const std::string& path, int errorNumber) {
+    return {.cause = FailureCause::UnwritableDestination, .errorNumber = errorNumber, .path = path};
 }
 
 /// Returns 0 if this user may follow a link, else the error number. In a sticky folder that everybody can write to,
@@ -104,31 +99,43 @@ std::string Destination::folderPath() const {
 }
 
 std::optional<Failure> Destination::refusal() const {
+    return refusalToReplace(folder(), name_, path_);
+}
+
+Failure Destination::unwritable(int errorNumber) const {
+    return server::unwritable(path_, errorNumber);
+}
+
+std::optional<Failure> refusalToReplace(int folder, const std::string& name, const std::string& path) {
     struct stat status {};
-    if (::fstatat(folder(), name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-        return errno == ENOENT ? std::nullopt : std::optional(unwritable(errno));
+    if (::fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        return errno == ENOENT ? std::nullopt : std::optional(unwritable(path, errno));
     }
     if (S_ISDIR(status.st_mode)) {
-        return unwritable(EISDIR);
+        return unwritable(path, EISDIR);
     }
     if (!S_ISREG(status.st_mode)) {
-        return Failure{.cause = FailureCause::DestinationIsNotAFile, .path = path_};
+        return Failure{.cause = FailureCause::DestinationIsNotAFile, .path = path};
     }
-    if (::faccessat(folder(), name_.c_str(), W_OK, AT_EACCESS) != 0) {
-        return unwritable(errno);
+    if (::faccessat(folder, name.c_str(), W_OK, AT_EACCESS) != 0) {
+        return unwritable(path, errno);
     }
     struct stat parent {};
-    if (::fstat(folder(), &parent) != 0) {
-        return unwritable(errno);
+    if (::fstat(folder, &parent) != 0) {
+        return unwritable(path, errno);
     }
     if ((parent.st_mode & S_ISVTX) != 0 && !ownsIn(parent, status)) {
-        return Failure{.cause = FailureCause::DestinationOfAnotherUser, .path = path_};
+        return Failure{.cause = FailureCause::DestinationOfAnotherUser, .path = path};
     }
     return std::nullopt;
 }
 
-Failure Destination::unwritable(int errorNumber) const {
-    return {.cause = FailureCause::UnwritableDestination, .errorNumber = errorNumber, .path = path_};
+Descriptor openFolder(int base, const std::string& path) {
+    Descriptor folder(::openat(base, path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder && errno == EACCES) {
+        folder.reset(::openat(base, path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    }
+    return folder;
 }
 
 void flushFolder(int folder) {

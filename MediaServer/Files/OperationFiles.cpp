@@ -98,7 +98,7 @@ std::vector<int> OperationFiles::descriptors() const {
 }
 
 std::optional<Failure> OperationFiles::flush(const std::function<bool()>& onProgress) {
-    // Thumbnails are small, and committing them flushes each.
+    // Thumbnails are flushed when they are committed.
     const int errorNumber = file_ ? flushGradually(file_->descriptor(), onProgress) : 0;
     if (errorNumber == 0) {
         return std::nullopt;
@@ -106,11 +106,26 @@ std::optional<Failure> OperationFiles::flush(const std::function<bool()>& onProg
     return Failure{.cause = FailureCause::UnwritableDestination, .errorNumber = errorNumber, .path = destination_};
 }
 
-std::optional<Failure> OperationFiles::commit(KRVOperationBase& record) {
-    if (file_) {
-        return file_->commit();
+bool OperationFiles::commit(KRVOperationBase& record, const std::function<bool()>& onProgress,
+                            std::optional<Failure>& failure) {
+    if (folder_) {
+        return folder_->commit(record, onProgress, failure);
     }
-    return folder_ ? folder_->commit(record) : std::nullopt;
+    if (!onProgress()) {
+        return false;
+    }
+    failure = file_ ? file_->commit() : std::nullopt;
+    return !failure;
+}
+
+void OperationFiles::sweep() {
+    UnfinishedNote::sweep([](const std::string& hidden) {
+        struct stat status {};
+        if (::lstat(hidden.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
+            return FileGroup::clean(hidden);
+        }
+        return ::unlink(hidden.c_str()) == 0 || errno == ENOENT || errno == ENOTDIR;
+    });
 }
 
 }  // namespace krv::server

@@ -1,6 +1,8 @@
 #include <cerrno>
+#include <filesystem>
 #include <vector>
 
+#include <fcntl.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -30,7 +32,10 @@ ThumbnailFolder::ThumbnailFolder(std::string folder)
 
 ThumbnailFolder::~ThumbnailFolder() {
     pictures_.reset();
-    if (made_) {
+    struct stat ours {};
+    struct stat there {};
+    if (made_ && ::fstat(folder_.get(), &ours) == 0 && ::lstat(asGiven_.c_str(), &there) == 0 &&
+        ours.st_dev == there.st_dev && ours.st_ino == there.st_ino) {
         ::rmdir(asGiven_.c_str());  // fails on a folder that is not empty
     }
 }
@@ -43,79 +48,89 @@ std::unique_ptr<ThumbnailFolder> ThumbnailFolder::open(const std::string& folder
         failure = unwritable(folder, errno);
         return nullptr;
     }
-    struct stat status {};
-    if (::stat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
-        failure = unwritable(folder, ENOTDIR);
+    result->folder_ = openFolder(AT_FDCWD, folder);
+    if (!result->folder_) {
+        failure = unwritable(folder, errno);
         return nullptr;
     }
     // The name is never used: only the unnamed file is needed.
-    result->pictures_ = AtomicOutput::open((std::filesystem::path(folder) / "thumbnails").string(), failure);
-    if (!result->pictures_) {
-        failure->path = folder;
-        return nullptr;
-    }
-    return result;
+    result->pictures_ = AtomicOutput::open(
+        Destination(openFolder(result->folder_.get(), "."), UnfinishedNote::hiddenName(), folder), failure);
+    return result->pictures_ ? std::move(result) : nullptr;
 }
 
-std::unique_ptr<AtomicOutput> ThumbnailFolder::copyPicture(const std::string& path, const Dictionary& picture,
-                                                           std::optional<Failure>& failure) const {
+std::optional<Failure> ThumbnailFolder::copyPicture(FileGroup& files, const std::string& name,
+                                                    const Dictionary& picture) const {
     off_t offset = picture[kThumbnailOffset].integerValue();
     std::int64_t left = picture[kThumbnailLength].integerValue();
     struct stat status {};
     if (::fstat(pictures_->descriptor(), &status) != 0 || offset < 0 || left <= 0 || left > status.st_size - offset) {
-        failure = inconsistentReport();
-        return nullptr;
+        return inconsistentReport();
     }
-    auto file = AtomicOutput::open(path, failure);
+    std::optional<Failure> failure;
+    const Descriptor file = files.create(name, failure);
     while (file && left > 0) {
-        const ssize_t copied =
-            ::sendfile(file->descriptor(), pictures_->descriptor(), &offset, static_cast<std::size_t>(left));
+        const ssize_t copied = ::sendfile(file.get(), pictures_->descriptor(), &offset, static_cast<std::size_t>(left));
         if (copied < 0 && errno == EINTR) {
             continue;
         }
         if (copied <= 0) {
-            failure = unwritable(path, copied < 0 ? errno : EIO);
-            return nullptr;
+            return unwritable(fmt::format("{}/{}", asGiven_, name), copied < 0 ? errno : EIO);
         }
         left -= copied;
     }
-    return file;
+    if (file) {
+        // Only starts it: all files are written at the same time, and waited for later.
+        ::sync_file_range(file.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
+    }
+    return failure;
 }
 
-std::optional<Failure> ThumbnailFolder::commit(KRVOperationBase& record) {
+bool ThumbnailFolder::commit(KRVOperationBase& record, const std::function<bool()>& onProgress,
+                             std::optional<Failure>& failure) {
     const auto result = record.result();
     const auto list = result ? (*result)[kResultThumbnails].array() : nullptr;
     if (!list || list->empty()) {
-        return inconsistentReport();
+        failure = inconsistentReport();
+        return false;
     }
-    std::optional<Failure> failure;
+    const auto files = FileGroup::open(folder_.get(), asGiven_, failure);
+    if (!files) {
+        return false;
+    }
     Array told;
-    std::vector<std::unique_ptr<AtomicOutput>> files;
-    for (std::size_t i = 0; i < list->size(); ++i) {
-        const auto picture = (*list)[i].dictionary();
-        if (!picture) {
-            return inconsistentReport();
+    std::vector<std::string> names;
+    for (const Value& entry : *list) {
+        const auto picture = entry.dictionary();
+        const std::string name = fmt::format("thumbnail-{:04}.jpg", names.size() + 1);
+        failure = picture ? copyPicture(*files, name, *picture) : inconsistentReport();
+        names.push_back(name);
+        if (failure || !onProgress()) {
+            return false;
         }
-        const auto path = (std::filesystem::path(asGiven_) / fmt::format("thumbnail-{:04}.jpg", i + 1)).string();
-        auto file = copyPicture(path, *picture, failure);
-        if (!file) {
-            return failure;
-        }
-        files.push_back(std::move(file));
-        told.push_back(std::make_shared<Dictionary>(Dictionary{
-            {kResultThumbnailPath, path}, {kResultThumbnailTime, (*picture)[kResultThumbnailTime].doubleValue()}}));
+        told.push_back(std::make_shared<Dictionary>(
+            Dictionary{{kResultThumbnailPath, (std::filesystem::path(asGiven_) / name).string()},
+                       {kResultThumbnailTime, (*picture)[kResultThumbnailTime].doubleValue()}}));
     }
-    for (const auto& file : files) {
-        if ((failure = file->place())) {
-            return failure;  // the destructors take back the files that have been placed
+    for (const std::string& name : names) {
+        if ((failure = files->flushContents(name)) || !onProgress()) {
+            return false;
         }
     }
-    for (const auto& file : files) {
-        file->keep();
+    if ((failure = files->flush())) {
+        return false;
+    }
+    for (const std::string& name : names) {
+        if ((failure = files->place(name)) || !onProgress()) {
+            return false;
+        }
+    }
+    if ((failure = files->keep([&] { (void)onProgress(); }))) {
+        return false;
     }
     made_ = false;
     record.setResult(std::make_shared<Dictionary>(Dictionary{{kResultThumbnails, std::move(told)}}));
-    return std::nullopt;
+    return true;
 }
 
 }  // namespace krv::server

@@ -1,12 +1,14 @@
 #pragma once
 
-#include <filesystem>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 
 #include <MediaServer/Files/AtomicOutput.h>
+#include <MediaServer/Files/FileGroup.h>
 
 namespace krv::server {
 
@@ -28,17 +30,21 @@ public:
     [[nodiscard]] int descriptor() const noexcept { return pictures_->descriptor(); }
 
     /// Makes the files. record: the worker's; its `result` has under "thumbnails" an array of dictionaries with "time",
-    /// "offset" and "length", which this function replaces by dictionaries with "path" and "time". Returns the failure,
-    /// if any; then no file has appeared.
-    [[nodiscard]] std::optional<Failure> commit(KRVOperationBase& record);
+    /// "offset" and "length", which this function replaces by dictionaries with "path" and "time".
+    ///
+    /// onProgress is called on this thread at least once per file and returns whether to continue. Returns true when all
+    /// files are in place. Otherwise none has appeared, and failure is set unless onProgress ended the work.
+    [[nodiscard]] bool commit(KRVOperationBase& record, const std::function<bool()>& onProgress,
+                              std::optional<Failure>& failure);
 
 private:
     explicit ThumbnailFolder(std::string folder);
-    [[nodiscard]] std::unique_ptr<AtomicOutput> copyPicture(const std::string& path, const Dictionary& picture,
-                                                            std::optional<Failure>& failure) const;
+    [[nodiscard]] std::optional<Failure> copyPicture(FileGroup& files, const std::string& name,
+                                                     const Dictionary& picture) const;
 
     const std::string asGiven_;
     bool made_ = false;
+    Descriptor folder_;
     std::unique_ptr<AtomicOutput> pictures_;
 };
 

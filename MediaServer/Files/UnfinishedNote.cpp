@@ -96,6 +96,11 @@ void UnfinishedNote::remove() {
     file_.reset();
 }
 
+void UnfinishedNote::leave() {
+    path_.clear();
+    file_.reset();
+}
+
 void UnfinishedNote::sweep(const std::function<bool(const std::string& hiddenPath)>& clean) {
     std::error_code failure;
     for (std::filesystem::directory_iterator each(notesFolder(), failure), end; !failure && each != end;

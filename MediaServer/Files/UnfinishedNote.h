@@ -23,6 +23,8 @@ public:
     UnfinishedNote& operator=(UnfinishedNote&& other) noexcept;
 
     void remove();
+    /// Unlocks the note and leaves it to the next start.
+    void leave();
 
     /// Calls the function with the path in each note that no living server uses, and removes the note if it returns true.
     /// Only paths whose last part is a hidden name are passed on. Notes that are not regular files are ignored.

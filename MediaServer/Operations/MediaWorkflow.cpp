@@ -31,11 +31,8 @@ Outcome performMediaOperation(const JobRunner& runner, const KRVOperationBase::R
     if ((failure = files->flush(continueFlush))) {
         return failed(*failure);
     }
-    if (cancellation.requested()) {
-        return {Outcome::Kind::Cancelled, nullptr, nullptr};
-    }
-    if ((failure = files->commit(*outcome.record))) {
-        return failed(*failure);
+    if (!files->commit(*outcome.record, continueFlush, failure)) {
+        return failure ? failed(*failure) : Outcome{Outcome::Kind::Cancelled, nullptr, nullptr};
     }
     return outcome;
 }

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -9,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -54,18 +58,43 @@ inline bool inChild(As user, const std::function<bool()>& call) {
     return ::waitpid(child, &status, 0) == child && status == 0;
 }
 
-/// Makes the call on a thread for which the kernel has no unnamed files (O_TMPFILE), as on many file systems.
-inline void withoutUnnamedFiles(const std::function<void()>& call) {
+/// A system call that fails with an error number if one argument has all bits of a mask. Without a mask it always fails.
+struct MissingCall {
+    int number;
+    int errorNumber;
+    unsigned argument = 0;
+    std::uint64_t mask = 0;
+};
+
+/// Makes the call on a thread for which the kernel lacks some system calls.
+inline void withoutCalls(const std::vector<MissingCall>& missing, const std::function<void()>& call) {
     std::thread thread([&] {
         const scmp_filter_ctx filter = ::seccomp_init(SCMP_ACT_ALLOW);
-        ASSERT_EQ(::seccomp_rule_add(filter, SCMP_ACT_ERRNO(EOPNOTSUPP), SCMP_SYS(openat), 1,
-                                     SCMP_A2_64(SCMP_CMP_MASKED_EQ, O_TMPFILE, O_TMPFILE)),
-                  0);
+        for (const MissingCall& each : missing) {
+            const scmp_arg_cmp condition{each.argument, SCMP_CMP_MASKED_EQ, each.mask, each.mask};
+            ASSERT_EQ(::seccomp_rule_add_array(filter, SCMP_ACT_ERRNO(static_cast<std::uint16_t>(each.errorNumber)),
+                                               each.number, each.mask == 0 ? 0 : 1, &condition),
+                      0);
+        }
         ASSERT_EQ(::seccomp_load(filter), 0);
         ::seccomp_release(filter);
         call();
     });
     thread.join();
+}
+
+/// Makes the call on a thread for which the kernel has no unnamed files (O_TMPFILE), as on many file systems.
+inline void withoutUnnamedFiles(const std::function<void()>& call) {
+    withoutCalls({{SCMP_SYS(openat), EOPNOTSUPP, 2, O_TMPFILE}}, call);
+}
+
+/// Makes the call on a thread for which the kernel can neither link nor exchange files, as on a FAT file system.
+inline void withoutLinks(const std::function<void()>& call) {
+    withoutCalls({{SCMP_SYS(openat), EOPNOTSUPP, 2, O_TMPFILE},
+                  {SCMP_SYS(linkat), EPERM},
+                  {SCMP_SYS(renameat2), EINVAL, 4, RENAME_EXCHANGE},
+                  {SCMP_SYS(renameat2), EINVAL, 4, RENAME_NOREPLACE}},
+                 call);
 }
 
 /// Outputs in a folder "out" of a temporary folder that other users can enter, with a state folder beside it.

@@ -5,6 +5,7 @@
 #include <sys/mount.h>
 
 #include "OutputFixture.h"
+#include <MediaServer/Files/OperationFiles.h>
 
 namespace krv::server {
 namespace {
@@ -40,7 +41,7 @@ TEST_F(Notes, RemoveHiddenFilesThatAKilledServerLeft) {
     std::ofstream(place / "a") << hidden.string();
     std::ofstream(place / "b") << precious.string();
     std::ofstream(place / "c") << "";
-    AtomicOutput::sweep();
+    OperationFiles::sweep();
     EXPECT_FALSE(fs::exists(hidden));
     EXPECT_TRUE(fs::exists(precious));
     EXPECT_EQ(notes(), 0U);
@@ -51,7 +52,7 @@ TEST_F(Notes, OfALivingServerAreLeftAlone) {
         for (const bool replaces : {false, true}) {
             const auto output = open(destination);
             write(*output, replaces ? "second" : "first");
-            AtomicOutput::sweep();
+            OperationFiles::sweep();
             EXPECT_EQ(notes(), 1U);
             EXPECT_FALSE(output->commit());
             EXPECT_EQ(contents(destination), replaces ? "second" : "first");
@@ -75,11 +76,11 @@ TEST_F(Notes, OfAServerThatWasKilledAreUsed) {
     }
     char byte = 0;
     ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-    AtomicOutput::sweep();
+    OperationFiles::sweep();
     EXPECT_EQ(contents(hiddenFile()), "half");
     ::kill(server, SIGKILL);
     ::waitpid(server, nullptr, 0);
-    AtomicOutput::sweep();
+    OperationFiles::sweep();
     EXPECT_EQ(filesInFolder(), 0U);
     EXPECT_EQ(notes(), 0U);
     ::close(ready[0]);
@@ -95,7 +96,7 @@ TEST_F(Notes, ThatAreNotFilesNeverBlockTheStart) {
     const auto hidden = out / ".krv-0123.part";
     std::ofstream(hidden) << "half";
     std::ofstream(place / "note") << hidden.string();
-    AtomicOutput::sweep();
+    OperationFiles::sweep();
     EXPECT_FALSE(fs::exists(hidden));
     EXPECT_EQ(contents(destination), "movie");
 }
