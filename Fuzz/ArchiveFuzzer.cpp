@@ -1,9 +1,11 @@
-// Attacks the archive reader. Every record that it accepts must also be writable, and be read back as the same record.
+// Attacks the archive reader. Whatever it accepts can also be written, described, copied and destroyed. A record that it
+// accepts is read back as the same record.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
 
+#include <KRVQTProcessClient/Foundation/KeyedArchiver.h>
 #include <KRVQTProcessClient/Operations/KRVOperationBase.h>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
@@ -11,7 +13,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     using krv::KRVOperationBase;
     const auto* p = reinterpret_cast<const std::byte*>(bytes);
     const auto data = std::make_shared<const Data>(p, p + size);
-    (void)KRVOperationBase::valueFromData(data).description();
+    {
+        const krv::Value value = KRVOperationBase::valueFromData(data);
+        (void)value.description();
+        if (!value.isNull() &&
+            KRVOperationBase::valueFromData(std::make_shared<const Data>(krv::KeyedArchiver::archivedData(value)))
+                .isNull()) {
+            std::abort();
+        }
+    }
     const auto record = KRVOperationBase::operationFromData(data);
     if (!record) {
         return 0;
@@ -21,5 +31,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
         again->arguments()->size() != record->arguments()->size() || again->description() != record->description()) {
         std::abort();
     }
+    (void)record->arguments()->description();
+    (void)record->result()->description();
+    KRVOperationBase copy;
+    copy.copyFrom(record);
     return 0;
 }

@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <utility>
 
+#include <sys/auxv.h>
+
 #include <KRVQTProcessClient/Foundation/AtomTable.h>
 #include <KRVQTProcessClient/Foundation/BinaryPropertyList.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
@@ -9,6 +11,19 @@ namespace krv::plist {
 
 void cannotArchive(std::string why) {
     throw Exception(std::string(kInvalidArgumentException), std::move(why));
+}
+
+std::uint64_t hashSeed() noexcept {
+    static const std::uint64_t seed = [] {
+        std::uint64_t bits = 0;
+        // AT_RANDOM: sixteen random bytes that the kernel gives each process.
+        if (const auto* random = reinterpret_cast<const void*>(::getauxval(AT_RANDOM))) {
+            std::memcpy(&bits, random, sizeof bits);
+        }
+        constexpr std::uint64_t kMultiplier = 0x9E3779B97F4A7C15U;
+        return ((bits ^ kMultiplier) * kMultiplier) | 1U;
+    }();
+    return seed;
 }
 
 AtomTable::AtomTable() {

@@ -119,16 +119,19 @@ struct TextScan {
     bool ascii;
 };
 
-/// Hashes the text and checks for bytes above 0x7F in the same pass, eight bytes at a time.
-[[nodiscard]] inline TextScan scan(std::string_view text) noexcept {
-    constexpr std::uint64_t kMultiplier = 0x9E3779B97F4A7C15U;
+/// Returns an odd number that differs in each process, so that nobody can prepare texts of equal hash.
+[[nodiscard]] std::uint64_t hashSeed() noexcept;
+
+/// Hashes the text and checks for bytes above 0x7F in the same pass, eight bytes at a time. seed: hashSeed().
+[[nodiscard]] inline TextScan scan(std::string_view text, std::uint64_t seed) noexcept {
     constexpr std::uint64_t kHighBits = 0x8080808080808080U;
-    std::uint64_t hash = text.size() * kMultiplier;
+    __extension__ using Product = unsigned __int128;
+    std::uint64_t hash = text.size() + seed;
     std::uint64_t seen = 0;
     const auto mix = [&](std::uint64_t word) {
         seen |= word;
-        hash = (hash ^ word) * kMultiplier;
-        hash ^= hash >> 29;
+        const Product product = static_cast<Product>(hash ^ word) * seed;
+        hash = static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64);
     };
     const char* p = text.data();
     std::size_t left = text.size();
@@ -158,7 +161,7 @@ public:
 
     /// Marks a text used and returns its id. Throws if the text is not UTF-8.
     std::uint32_t text(std::string_view text) {
-        const TextScan scanned = scan(text);
+        const TextScan scanned = scan(text, seed_);
         Atom atom{Atom::Kind::Ascii, true, kNone, 0, static_cast<std::uint32_t>(scanned.hash >> 32), text.size(), text};
         if (!scanned.ascii) {
             makeUtf16(atom);
@@ -214,6 +217,7 @@ private:
 
     static void makeUtf16(Atom& atom);
 
+    const std::uint64_t seed_ = hashSeed();
     std::vector<Atom> atoms_;
     IdTable table_;
     std::array<std::uint32_t, 2> booleans_{kNone, kNone};

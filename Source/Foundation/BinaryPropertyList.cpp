@@ -47,6 +47,9 @@ Reader::Reader(std::span<const std::byte> bytes)
         (tableEnd - tableOffset_) / offsetSize_ != objectCount_) {
         refuse("offset table does not fill the file");
     }
+    if (objectCount_ > tableOffset_ - kHeaderSize) {
+        refuse("offset table has more entries than there are objects");
+    }
     if (topObject_ >= objectCount_) {
         refuse("missing top object");
     }
@@ -145,13 +148,15 @@ Node Reader::node(std::uint64_t index) const {
     }
 }
 
-std::string utf8FromUtf16(const std::uint8_t* units, std::uint64_t count) {
+namespace {
+
+/// Calls put with each scalar of the text, in order.
+template <typename Put>
+void forEachScalar(const std::uint8_t* units, std::uint64_t count, const Put& put) {
     constexpr std::uint32_t kReplacement = 0xFFFD;
-    std::string out;
     const auto unit = [units](std::uint64_t i) {
         return static_cast<std::uint32_t>(units[2 * i] << 8 | units[2 * i + 1]);
     };
-    const auto put = [&out](std::uint32_t byte) { out.push_back(static_cast<char>(byte)); };
     for (std::uint64_t i = 0; i < count; ++i) {
         std::uint32_t c = unit(i);
         if (c >= 0xD800 && c < 0xE000) {
@@ -163,6 +168,25 @@ std::string utf8FromUtf16(const std::uint8_t* units, std::uint64_t count) {
                 c = kReplacement;
             }
         }
+        put(c);
+    }
+}
+
+}  // namespace
+
+std::size_t utf8Length(const std::uint8_t* units, std::uint64_t count) noexcept {
+    std::size_t length = 0;
+    forEachScalar(units, count, [&length](std::uint32_t c) {
+        length += c < 0x80 ? 1U : c < 0x800 ? 2U : c < 0x10000 ? 3U : 4U;
+    });
+    return length;
+}
+
+std::string utf8FromUtf16(const std::uint8_t* units, std::uint64_t count) {
+    std::string out(utf8Length(units, count), '\0');
+    char* p = out.data();
+    const auto put = [&p](std::uint32_t byte) { *p++ = static_cast<char>(byte); };
+    forEachScalar(units, count, [&put](std::uint32_t c) {
         if (c < 0x80) {
             put(c);
         } else if (c < 0x800) {
@@ -178,7 +202,7 @@ std::string utf8FromUtf16(const std::uint8_t* units, std::uint64_t count) {
             put(0x80 | (c >> 6 & 0x3F));
             put(0x80 | (c & 0x3F));
         }
-    }
+    });
     return out;
 }
 

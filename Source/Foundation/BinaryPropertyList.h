@@ -118,6 +118,9 @@ private:
 /// Converts big-endian UTF-16 to UTF-8. A lone surrogate becomes U+FFFD. A leading byte-order mark is kept as text.
 [[nodiscard]] std::string utf8FromUtf16(const std::uint8_t* units, std::uint64_t count);
 
+/// Returns the length of what utf8FromUtf16 returns.
+[[nodiscard]] std::size_t utf8Length(const std::uint8_t* units, std::uint64_t count) noexcept;
+
 /// Returns the number of UTF-16 units that the text needs, or -1 if it is not UTF-8.
 [[nodiscard]] std::int64_t utf16Length(std::string_view utf8) noexcept;
 

@@ -10,8 +10,13 @@ namespace {
 /// Above this number of entries std::stable_sort is faster than insertion.
 constexpr std::size_t kInsertionSortLimit = 12;
 
+// Dictionaries of one archive share their keys, so most comparisons need not read the text.
 bool keyLess(const Dictionary::Entry& a, const Dictionary::Entry& b) noexcept {
-    return *a.first < *b.first;
+    return a.first != b.first && *a.first < *b.first;
+}
+
+bool sameKey(const Dictionary::Entry& a, const Dictionary::Entry& b) noexcept {
+    return a.first == b.first || *a.first == *b.first;
 }
 
 }  // namespace
@@ -41,8 +46,7 @@ Dictionary Dictionary::fromEntries(std::vector<Entry> entries, Mutability mutabi
         std::stable_sort(entries.begin(), entries.end(), keyLess);
     }
     // The sort is stable, so the last of each run of equal keys is the one to keep.
-    const auto last = std::unique(entries.rbegin(), entries.rend(),
-                                  [](const Entry& a, const Entry& b) { return *a.first == *b.first; });
+    const auto last = std::unique(entries.rbegin(), entries.rend(), sameKey);
     entries.erase(entries.begin(), last.base());
     result.entries_ = std::move(entries);
     return result;
@@ -99,7 +103,7 @@ std::string Dictionary::description() const {
 
 bool operator==(const Dictionary& a, const Dictionary& b) {
     return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                      [](const auto& x, const auto& y) { return *x.first == *y.first && x.second == y.second; });
+                      [](const auto& x, const auto& y) { return sameKey(x, y) && x.second == y.second; });
 }
 
 }  // namespace krv

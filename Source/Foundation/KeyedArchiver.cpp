@@ -10,6 +10,7 @@
 // bound of the size is known too. The second walk (PropertyListWriter.cpp) visits the entries in order and writes them
 // into one buffer of that size. It reserves the space of a container's references, writes the contents behind it, and
 // then fills in their indexes. Storage is depth first, keys before values.
+#include <algorithm>
 #include <bit>
 #include <memory>
 #include <span>
@@ -86,6 +87,7 @@ private:
         lists_ = 0;
         objects_ = 0;
         depth_ = 0;
+        height_ = 0;
         nullUsed_ = false;
     }
 
@@ -112,7 +114,22 @@ private:
         return atoms_[atom].uid;
     }
 
+    /// The same for a text that other values may share. Hashing a long one for each reference would take long.
+    std::uint32_t sharedTextEntry(const Value::StringRef& text) {
+        if (text->size() < kLongText) {
+            return textEntry(*text);
+        }
+        if (const std::uint32_t known = numberOfShared(text.get()); known != 0) {
+            return known;
+        }
+        const std::uint32_t uid = textEntry(*text);
+        shared_.back().uid = uid;
+        return uid;
+    }
+
     /// Adds a keyed object: its number, then the items that body() records, then its class.
+    /// The graph's height counts, not the path on which an object is first met: a shared object may be met again at a
+    /// greater depth.
     template <typename Body>
     std::uint32_t keyedObject(const void* identity, std::uint32_t className, std::uint32_t superclassName,
                               const Body& body) {
@@ -121,19 +138,33 @@ private:
                 return known;
             }
         }
-        if (++depth_ > kMaximumArchiveDepth) {
-            cannotArchive("objects nested too deeply to be archived");
-        }
+        nest(1);
+        ++depth_;
+        const int outerHeight = std::exchange(height_, 0);
         const std::uint32_t uid = newEntry({0, 0, false});
+        const std::size_t place = shared_.size() - 1;
         if (identity) {
-            shared_.back().second = uid;
+            shared_[place].uid = uid;
         }
         const std::size_t begin = pending_.size();
         body();
         item(atoms_.use(kAtomClass), Item::Kind::Uid, classReference(className, superclassName));
         close(uid, begin);
         --depth_;
+        ++height_;
+        if (identity) {
+            shared_[place].height = height_;
+        }
+        height_ = std::max(outerHeight, height_);
         return uid;
+    }
+
+    /// Notes that the object that is being recorded contains one of this height.
+    void nest(int height) {
+        if (depth_ + height > kMaximumArchiveDepth) {
+            cannotArchive("objects nested too deeply to be archived");
+        }
+        height_ = std::max(height_, height);
     }
 
     /// Moves the items recorded since begin to their final place.
@@ -153,12 +184,13 @@ private:
         };
         const auto next = static_cast<std::uint32_t>(shared_.size());
         const std::uint32_t id = sharedTable_.findOrInsert(
-            hashOf(identity), next, [&](std::uint32_t i) { return shared_[i].first == identity; },
-            [&](std::uint32_t i) { return hashOf(shared_[i].first); });
+            hashOf(identity), next, [&](std::uint32_t i) { return shared_[i].identity == identity; },
+            [&](std::uint32_t i) { return hashOf(shared_[i].identity); });
         if (id == next) {
-            shared_.emplace_back(identity, 0);
+            shared_.push_back({identity, 0, 0});
         }
-        return shared_[id].second;
+        nest(shared_[id].height);
+        return shared_[id].uid;
     }
 
     /// Returns the number of a class description, and adds it if the class is new. superclassName is the class between
@@ -205,12 +237,13 @@ private:
 
     std::uint32_t dictionary(const Dictionary& dictionary) {
         const bool isMutable = dictionary.mutability() == Dictionary::Mutability::Mutable;
-        return keyedObject(
-            &dictionary, isMutable ? kAtomNSMutableDictionary : kAtomNSDictionary,
-            isMutable ? std::uint32_t{kAtomNSDictionary} : kNone, [&] {
-                uidList(atoms_.use(kAtomKeys), dictionary, [&](const auto& entry) { return textEntry(*entry.first); });
-                uidList(atoms_.use(kAtomElements), dictionary, [&](const auto& entry) { return number(entry.second); });
-            });
+        return keyedObject(&dictionary, isMutable ? kAtomNSMutableDictionary : kAtomNSDictionary,
+                           isMutable ? std::uint32_t{kAtomNSDictionary} : kNone, [&] {
+                               uidList(atoms_.use(kAtomKeys), dictionary,
+                                       [&](const auto& entry) { return sharedTextEntry(entry.first); });
+                               uidList(atoms_.use(kAtomElements), dictionary,
+                                       [&](const auto& entry) { return number(entry.second); });
+                           });
     }
 
     std::uint32_t error(const Error& error) {
@@ -228,7 +261,7 @@ private:
         }
         const std::string_view bytes(reinterpret_cast<const char*>(data.data()), data.size());
         const std::uint32_t uid = atomEntry(atoms_.data(bytes));
-        shared_.back().second = uid;
+        shared_.back().uid = uid;
         return uid;
     }
 
@@ -247,7 +280,7 @@ private:
                 } else if constexpr (std::is_same_v<T, double>) {
                     return atomEntry(atoms_.scalar(Atom::Kind::Real64, std::bit_cast<std::uint64_t>(v)));
                 } else if constexpr (std::is_same_v<T, Value::StringRef>) {
-                    return textEntry(*v);
+                    return sharedTextEntry(v);
                 } else if constexpr (std::is_same_v<T, Value::DataRef>) {
                     return dataEntry(*v);
                 } else if constexpr (std::is_same_v<T, Date>) {
@@ -323,6 +356,7 @@ private:
         return {buffer_.begin(), buffer_.begin() + size};
     }
 
+    static constexpr std::size_t kLongText = 256;
     /// The greatest length of an array that is kept for the thread's next archive.
     static constexpr std::size_t kKept = 1 << 16;
 
@@ -333,12 +367,21 @@ private:
     std::vector<std::uint32_t> pendingUids_;
     std::vector<Entry> entries_;
     std::vector<std::pair<std::uint32_t, std::uint32_t>> classes_;
-    std::vector<std::pair<const void*, std::uint32_t>> shared_;
+    /// An object to which several references may lead.
+    struct Shared {
+        const void* identity;
+        /// 0 until it has a number.
+        std::uint32_t uid;
+        /// How many objects are nested in it, along the longest path. 0 while it is being recorded.
+        int height;
+    };
+    std::vector<Shared> shared_;
     IdTable sharedTable_;
     std::vector<Value> kept_;
     std::size_t lists_ = 0;
     std::size_t objects_ = 0;
     int depth_ = 0;
+    int height_ = 0;
     bool nullUsed_ = false;
 
     Data buffer_;

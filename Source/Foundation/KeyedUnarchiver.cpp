@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <charconv>
 #include <limits>
 #include <optional>
@@ -20,55 +21,106 @@ using plist::Type;
 
 namespace {
 
-/// Steps of work (reading a reference, comparing a byte of a key) that each byte of the archive permits. Only element
-/// lists and keys that many containers share can exceed it.
-constexpr std::uint64_t kWorkPerByte = 64;
+/// What decoding an archive may cost, of one resource. What many objects share costs again for each of them.
+class Budget {
+public:
+    /// An archive may cost so much per byte, but one of up to 16 MiB, the longest request, no more than `most`. A longer
+    /// one may cost more in proportion.
+    Budget(std::uint64_t bytes, std::uint64_t start, std::uint64_t perByte, std::uint64_t most)
+        : left_(std::min(start + bytes * perByte, std::max(most, bytes / 16 * (most >> 20)))) {}
+
+    void charge(std::uint64_t cost) {
+        if (cost > left_) {
+            refuse("archive costs more than its size permits");
+        }
+        left_ -= cost;
+    }
+
+private:
+    std::uint64_t left_;
+};
+
+/// Memory, in bytes: what the decoded objects need, with the overhead of their allocations.
+constexpr std::uint64_t kMemoryAtStart = 64 << 10;
+constexpr std::uint64_t kMemoryPerByte = 64;
+constexpr std::uint64_t kMostMemory = 64 << 20;
+/// Steps of work: reading one reference, converting a few units of text.
+constexpr std::uint64_t kStepsAtStart = 4 << 10;
+constexpr std::uint64_t kStepsPerByte = 64;
+constexpr std::uint64_t kMostSteps = 4 << 20;
+
+/// The memory of an element of a list, which grows by doubling, and of an entry of a dictionary, which is sorted.
+constexpr std::uint64_t kElementMemory = 2 * sizeof(Value);
+constexpr std::uint64_t kEntryMemory = 5 * sizeof(Dictionary::Entry) / 2;
+/// The memory of a container, a text or data without its contents, of an error, and of an object of the class table.
+constexpr std::uint64_t kObjectMemory = 80;
+constexpr std::uint64_t kErrorMemory = 160;
+constexpr std::uint64_t kArchivableMemory = 2048;
+/// How many bytes of text are converted or compared in one step.
+constexpr std::uint64_t kTextPerStep = 8;
+constexpr std::uint64_t kComparedPerStep = 32;
+/// A comparison of two keys of a large dictionary reads memory that is in no cache.
+constexpr std::uint64_t kStepsPerComparison = 2;
+constexpr std::uint64_t kManyEntries = 256;
 
 /// The decoding state of one stored object.
 struct Slot {
     enum class State : std::uint8_t { New, InProgress, Decoded, ClassName };
     State state = State::New;
+    /// Decoded: how many objects are nested in the value, along the longest path. 0 for text, data and numbers.
+    std::uint8_t height = 0;
     /// ClassName: the index in the class table, continued by the standard classes.
     std::uint32_t classIndex = 0;
     Value value;
 };
 
 /// The slots of the stored objects, created on first use. Most stored objects are keys, references and lists, which
-/// never need one. Each object takes one pointer here, so the memory is in proportion to the offset table.
+/// never need one. Each object takes one number here, so the memory is in proportion to the offset table.
 class SlotTable {
 public:
-    explicit SlotTable(std::uint64_t count)
-        : slots_(static_cast<std::size_t>(count), nullptr) {}
+    /// Pays for each slot from the budget.
+    SlotTable(std::uint64_t count, Budget& memory)
+        : memory_(memory)
+        , numbers_(paid(count, memory), 0) {}
 
     /// Returns a reference that stays valid.
     Slot& operator[](std::uint64_t index) {
-        Slot*& slot = slots_[static_cast<std::size_t>(index)];
-        if (!slot) {
-            slot = add();
+        std::uint32_t& number = numbers_[static_cast<std::size_t>(index)];
+        if (number == 0) {
+            memory_.charge(sizeof(Slot));
+            number = add();
         }
-        return *slot;
+        const std::size_t place = number - 1;
+        return place < kFirstSize ? first_[place]
+                                  : (*pages_[(place - kFirstSize) / kPageSize])[(place - kFirstSize) % kPageSize];
     }
 
 private:
+    using Number = std::uint32_t;
+    static std::size_t paid(std::uint64_t count, Budget& memory) {
+        if (count >= std::numeric_limits<Number>::max()) {
+            refuse("too many objects");
+        }
+        memory.charge(count * sizeof(Number));
+        return static_cast<std::size_t>(count);
+    }
+
     /// The number of slots of a small record.
     static constexpr std::size_t kFirstSize = 32;
     static constexpr std::size_t kPageSize = 32;
     using Page = std::array<Slot, kPageSize>;
 
-    Slot* add() {
-        const std::size_t number = used_++;
-        if (number < kFirstSize) {
-            return &first_[number];
-        }
-        const std::size_t further = number - kFirstSize;
-        if (further % kPageSize == 0) {
+    Number add() {
+        if (used_ >= kFirstSize && (used_ - kFirstSize) % kPageSize == 0) {
             pages_.push_back(std::make_unique<Page>());
         }
-        return &(*pages_.back())[further % kPageSize];
+        return ++used_;
     }
 
-    std::vector<Slot*> slots_;
-    std::size_t used_ = 0;
+    Budget& memory_;
+    /// By index of the stored object: the number of its slot, counted from 1; 0 if it has none.
+    std::vector<Number> numbers_;
+    Number used_ = 0;
     std::array<Slot, kFirstSize> first_;
     std::vector<std::unique_ptr<Page>> pages_;
 };
@@ -106,6 +158,11 @@ constexpr std::array<StandardClass, 11> kStandardClasses{{
 
 /// Parses "{w, h}".
 Size sizeFromText(std::string_view text) {
+    // Longer than any two numbers that are written in full. Many objects may share one text.
+    constexpr std::size_t kLongest = 128;
+    if (text.size() > kLongest) {
+        refuse("size is not of the form {w, h}");
+    }
     Size size;
     const char* p = text.data();
     const char* const end = p + text.size();
@@ -116,7 +173,7 @@ Size sizeFromText(std::string_view text) {
     };
     const auto number = [&](double& v) {
         const auto [next, failure] = std::from_chars(p, end, v);
-        if (failure == std::errc::invalid_argument) {
+        if (failure != std::errc()) {
             refuse("size is not of the form {w, h}");
         }
         p = next;
@@ -142,8 +199,9 @@ public:
     Decoder(std::span<const std::byte> bytes, std::span<const ArchivableClass> classes)
         : reader_(bytes)
         , classes_(classes)
-        , slots_(reader_.objectCount())
-        , workLeft_(bytes.size() * kWorkPerByte) {
+        , memory_(bytes.size(), kMemoryAtStart, kMemoryPerByte, kMostMemory)
+        , steps_(bytes.size(), kStepsAtStart, kStepsPerByte, kMostSteps)
+        , slots_(reader_.objectCount(), memory_) {
         fields_.reserve(kFewFields);
     }
 
@@ -204,17 +262,44 @@ public:
         return node.bits == 0 ? null : object(node.bits);
     }
 
+    std::shared_ptr<Dictionary> mutableDictionary(const std::optional<Node>& node) {
+        const Value value = node ? reference(*node) : Value();
+        if (value.isNull()) {
+            // An empty dictionary takes the place of null, and is an object when it is written.
+            nest(1);
+            return std::make_shared<Dictionary>();
+        }
+        const Value::DictionaryRef stored = value.dictionary();
+        if (!stored) {
+            refuse("object of the wrong kind");
+        }
+        memory_.charge(kObjectMemory + stored->size() * sizeof(Dictionary::Entry));
+        steps_.charge(stored->size());
+        return std::make_shared<Dictionary>(stored->mutableCopy());
+    }
+
 private:
     struct Field {
         std::string_view key;
         std::uint64_t value;
     };
 
-    void charge(std::uint64_t work) {
-        if (work > workLeft_) {
-            refuse("archive exceeds the work limit for its size");
+    /// Notes that the object that is being decoded contains one of this height. Containers may be shared, so the depth
+    /// at which one was first reached says nothing about where else it is.
+    void nest(int height) {
+        if (depth_ + height > kMaximumArchiveDepth) {
+            refuse("objects nested too deeply");
         }
-        workLeft_ -= work;
+        height_ = std::max(height_, height);
+    }
+
+    /// Grows a list to take one more element, but never beyond count.
+    template <typename T>
+    static void growFor(std::vector<T>& list, std::uint64_t count) {
+        if (list.size() == list.capacity()) {
+            const std::size_t wanted = std::max(kFewEntries, 2 * list.size());
+            list.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(count, wanted)));
+        }
     }
 
     static std::string_view text(const Node& node) {
@@ -233,8 +318,8 @@ private:
     }
 
     std::optional<Node> findField(const Node& dictionary, std::string_view key) {
-        charge(dictionary.count);
         for (std::uint64_t i = 0; i < dictionary.count; ++i) {
+            steps_.charge(1);
             if (reader_.asciiText(reader_.reference(dictionary, i)) == key) {
                 return reader_.node(reader_.reference(dictionary, dictionary.count + i));
             }
@@ -265,6 +350,7 @@ private:
         Slot& slot = slots_[index];
         switch (slot.state) {
         case Slot::State::Decoded:
+            nest(slot.height);
             return slot.value;
         case Slot::State::InProgress:
             refuse("object contains itself");
@@ -274,7 +360,10 @@ private:
             break;
         }
         slot.state = Slot::State::InProgress;
+        const int outerHeight = std::exchange(height_, 0);
         slot.value = decode(reader_.node(index));
+        slot.height = static_cast<std::uint8_t>(height_);
+        height_ = std::max(outerHeight, height_);
         slot.state = Slot::State::Decoded;
         return slot.value;
     }
@@ -290,15 +379,20 @@ private:
         case Type::Real64:
             return Value(node.real());
         case Type::Date:
+            nest(1);  // archives that we write contain it as an object
             return Value(Date{node.real()});
         case Type::Data: {
+            memory_.charge(kObjectMemory + node.count);
             const auto* p = reinterpret_cast<const std::byte*>(node.body);
             return Value(Data(p, p + node.count));
         }
         case Type::Ascii:
+            memory_.charge(kObjectMemory + node.count);
             requireAscii(text(node));
             return Value(text(node));
         case Type::Utf16:
+            steps_.charge(node.count / kTextPerStep);
+            memory_.charge(kObjectMemory + plist::utf8Length(node.body, node.count));
             return Value(plist::utf8FromUtf16(node.body, node.count));
         case Type::Dictionary:
             return instance(node);
@@ -310,20 +404,21 @@ private:
     }
 
     Value instance(const Node& node) {
-        if (++depth_ > kMaximumArchiveDepth) {
-            refuse("objects nested too deeply");
-        }
+        nest(1);
+        ++depth_;
+        height_ = 0;
         const std::uint32_t index = classIndex(node);
         Value value = index < classes_.size() ? archivable(node, classes_[index])
                                               : standard(node, kStandardClasses[index - classes_.size()].kind);
         --depth_;
+        ++height_;
         return value;
     }
 
     /// Returns the "$class" of an object. Archivers write it last, so the search starts at the end.
     Node classField(const Node& node) {
-        charge(node.count);
         for (std::uint64_t i = node.count; i-- > 0;) {
+            steps_.charge(1);
             if (reader_.asciiText(reader_.reference(node, i)) == "$class") {
                 return reader_.node(reader_.reference(node, node.count + i));
             }
@@ -369,7 +464,8 @@ private:
     }
 
     Value archivable(const Node& node, const ArchivableClass& known) {
-        charge(node.count);
+        steps_.charge(node.count);
+        memory_.charge(kArchivableMemory);
         // The fields of an object follow those of the object that contains it.
         const std::size_t outerFirst = std::exchange(firstField_, fields_.size());
         const std::size_t outerNext = std::exchange(nextField_, fields_.size());
@@ -429,7 +525,9 @@ private:
         case Standard::Array: {
             Array array;
             const Node elements = list(node, "NS.objects");
+            memory_.charge(kObjectMemory + elements.count * kElementMemory);
             for (std::uint64_t i = 0; i < elements.count; ++i) {
+                growFor(array, elements.count);
                 array.push_back(element(elements, i));
             }
             return Value(std::move(array));
@@ -447,8 +545,8 @@ private:
     /// Returns a string or data that is stored in the object itself. Found by its number, so that it is decoded only
     /// once even if many objects refer to it.
     const Value& inlineObject(const Node& node, std::string_view key) {
-        charge(node.count);
         for (std::uint64_t i = 0; i < node.count; ++i) {
+            steps_.charge(1);
             if (reader_.asciiText(reader_.reference(node, i)) == key) {
                 const std::uint64_t index = reader_.reference(node, node.count + i);
                 const Type type = reader_.node(index).type;
@@ -466,7 +564,7 @@ private:
         if (elements.type != Type::Array) {
             refuse("container without its list");
         }
-        charge(elements.count);
+        steps_.charge(elements.count);
         return elements;
     }
 
@@ -491,14 +589,25 @@ private:
         if (keys.count != objects.count) {
             refuse("different numbers of keys and values");
         }
+        memory_.charge(kObjectMemory + keys.count * kEntryMemory);
+        // What sorting costs for each entry.
+        const auto comparisons = static_cast<std::uint64_t>(std::bit_width(keys.count));
+        bool sorted = true;
         std::vector<Dictionary::Entry> entries;
-        entries.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(keys.count, kFewEntries)));
         for (std::uint64_t i = 0; i < keys.count; ++i) {
             Value::StringRef key = stored(elementIndex(keys, i)).string();
             if (!key) {
                 refuse("key is not a string");
             }
-            charge(key->size());
+            if (!entries.empty() && entries.back().first != key) {
+                const std::string& previous = *entries.back().first;
+                steps_.charge(std::min(previous.size(), key->size()) / kComparedPerStep * comparisons);
+                if (sorted && keys.count >= kManyEntries && *key < previous) {
+                    sorted = false;
+                    steps_.charge(kStepsPerComparison * comparisons * keys.count);
+                }
+            }
+            growFor(entries, keys.count);
             entries.emplace_back(std::move(key), element(objects, i));
         }
         return Value(Dictionary::fromEntries(std::move(entries), mutability));
@@ -513,21 +622,26 @@ private:
             (!userInfo.isNull() && userInfo.kind() != Value::Kind::Dictionary)) {
             refuse("invalid error record");
         }
+        memory_.charge(kErrorMemory + domain.stringValue().size());
         return Value(std::make_shared<const Error>(domain.stringValue(), code.integer(), userInfo.dictionary()));
     }
 
-    static constexpr std::size_t kMostFields = 64;
+    static constexpr std::size_t kMostFields = 32;
     /// The number of fields of a record together with its parameters.
     static constexpr std::size_t kFewFields = 24;
-    /// The size of most dictionaries. Larger ones grow as they are read.
+    /// The size of most containers. Larger ones grow as they are read.
     static constexpr std::size_t kFewEntries = 16;
 
     plist::Reader reader_;
     std::span<const ArchivableClass> classes_;
+    Budget memory_;
+    Budget steps_;
     SlotTable slots_;
-    std::uint64_t workLeft_;
     Node objects_{};
+    /// How many objects contain the one that is being decoded, itself included.
     int depth_ = 0;
+    /// The greatest height of the objects that it contains.
+    int height_ = 0;
     std::vector<Field> fields_;
     std::size_t firstField_ = 0;
     std::size_t nextField_ = 0;
@@ -579,6 +693,10 @@ float KeyedUnarchiver::decodeFloat(std::string_view key) {
 Value KeyedUnarchiver::decodeObject(std::string_view key) {
     const auto node = decoder_.field(key);
     return node ? decoder_.reference(*node) : Value();
+}
+
+std::shared_ptr<Dictionary> KeyedUnarchiver::decodeMutableDictionary(std::string_view key) {
+    return decoder_.mutableDictionary(decoder_.field(key));
 }
 
 Value KeyedUnarchiver::decodeObject(std::string_view key, Value::Kind kind) {

@@ -30,9 +30,11 @@ struct ArchivableClass {
 ///     by "$classname" alone.
 ///   - Each stored object is decoded once and then shared. A reference to an object that is still being decoded is a
 ///     cycle and is refused.
-///   - Nesting is limited to kMaximumArchiveDepth.
-///   - The work for containers that share their element lists is charged to a budget that is linear in the size of the
-///     archive.
+///   - Nesting is limited to kMaximumArchiveDepth, along every path through the decoded objects, including shared ones.
+///     So whatever is decoded can be archived again, and is destroyed with bounded recursion.
+///   - Memory and work are limited. Whatever objects share (lists of elements, overlapping texts, a dictionary of which
+///     each gets a copy) is charged for each of them. An archive of up to 16 MiB is decoded or refused within 64 MiB,
+///     and within 64 times its size if it is small; a longer one within four times its size.
 ///   - Counts never reserve memory.
 /// A violation throws Exception kMalformedArchiveException.
 class KRV_EXPORT KeyedUnarchiver {
@@ -47,6 +49,9 @@ public:
     [[nodiscard]] std::int32_t decodeInt32(std::string_view key);
     [[nodiscard]] float decodeFloat(std::string_view key);
     [[nodiscard]] Value decodeObject(std::string_view key);
+
+    /// The same, but returns a mutable copy of the dictionary, and an empty dictionary by default.
+    [[nodiscard]] std::shared_ptr<Dictionary> decodeMutableDictionary(std::string_view key);
 
     /// The same, but refuses a value that is neither null nor of this kind.
     [[nodiscard]] Value decodeObject(std::string_view key, Value::Kind kind);

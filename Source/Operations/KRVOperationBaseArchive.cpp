@@ -36,11 +36,6 @@ constexpr std::array<ArchivableClass, 3> kClasses{{
     {"AudioEncodingParameters", &decoded<AudioEncodingParameters>},
 }};
 
-std::shared_ptr<Dictionary> mutableDictionary(KeyedUnarchiver& coder, std::string_view key) {
-    const auto stored = coder.decodeObject(key, Value::Kind::Dictionary).dictionary();
-    return stored ? std::make_shared<Dictionary>(stored->mutableCopy()) : std::make_shared<Dictionary>();
-}
-
 }  // namespace
 
 void KRVOperationBase::encodeWithCoder(KeyedArchiver& coder) const {
@@ -77,8 +72,8 @@ std::shared_ptr<Archivable> KRVOperationBase::initWithCoder(KeyedUnarchiver& cod
     record->testInfo_.shouldThrow = flag(kShouldThrowKey);
     record->testInfo_.shouldCrash = flag(kShouldCrashKey);
     record->testInfo_.timeToLive = coder.decodeInt32(kTimeToLiveKey);
-    record->setResult(mutableDictionary(coder, kResultKey));
-    record->setArguments(mutableDictionary(coder, kArgumentsKey));
+    record->setResult(coder.decodeMutableDictionary(kResultKey));
+    record->setArguments(coder.decodeMutableDictionary(kArgumentsKey));
     return record;
 }
 

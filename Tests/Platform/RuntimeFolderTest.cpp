@@ -49,7 +49,8 @@ TEST_F(RuntimeFolder, IsNotAFolderThatOthersCanWriteTo) {
     ASSERT_EQ(::chmod(shared.c_str(), 0777), 0);
     const fs::path link = fs::path(folder_.path()) / "link";
     fs::create_directory_symlink(folder_.path(), link);
-    for (const std::string& given : {shared.string(), link.string(), std::string("relative"), std::string("/missing")}) {
+    for (const std::string& given :
+         {shared.string(), link.string(), std::string("relative"), std::string("/missing")}) {
         ::setenv("XDG_RUNTIME_DIR", given.c_str(), 1);
         EXPECT_NE(runtimeFolder("Name"), given);
     }
