@@ -129,7 +129,9 @@ bool ThumbnailFolder::commit(KRVOperationBase& record, const std::function<bool(
         return false;
     }
     made_ = false;
-    record.setResult(std::make_shared<Dictionary>(Dictionary{{kResultThumbnails, std::move(told)}}));
+    Dictionary completed = result->mutableCopy();
+    completed.set(kResultThumbnails, std::move(told));
+    record.setResult(std::make_shared<Dictionary>(std::move(completed)));
     return true;
 }
 

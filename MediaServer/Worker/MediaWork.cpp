@@ -60,17 +60,16 @@ int destination(const Message& job) {
     return job.files.at(1).get();
 }
 
-/// Returns the record's result, which is created if it has none.
-Dictionary& resultOf(KRVOperationBase& end) {
-    if (!end.result()) {
-        end.setResult(std::make_shared<Dictionary>());
-    }
-    return *end.result();
+/// Adds an entry to the record's result.
+void setResult(KRVOperationBase& end, std::string_view key, Value value) {
+    Dictionary result = end.result() ? end.result()->mutableCopy() : Dictionary();
+    result.set(key, std::move(value));
+    end.setResult(std::make_shared<Dictionary>(std::move(result)));
 }
 
 void reportTruncation(KRVOperationBase& end, const std::optional<double>& at) {
     if (at) {
-        resultOf(end).set(kResultSourceTruncatedAt, *at);
+        setResult(end, kResultSourceTruncatedAt, *at);
     }
 }
 
@@ -108,7 +107,7 @@ void makeThumbnails(const Message& job, media::ProgressSink& progress, KRVOperat
                                                                    {kThumbnailOffset, picture.offset},
                                                                    {kThumbnailLength, picture.length}}));
     }
-    resultOf(end).set(kResultThumbnails, std::move(pictures));
+    setResult(end, kResultThumbnails, std::move(pictures));
     reportTruncation(end, made.truncatedAt);
 }
 
@@ -137,7 +136,7 @@ void merge(const Message& job, media::ProgressSink& progress, KRVOperationBase& 
         truncated.push_back(at ? Value(*at) : Value());
     }
     if (std::any_of(truncated.begin(), truncated.end(), [](const Value& at) { return !at.isNull(); })) {
-        resultOf(end).set(kResultSourcesTruncatedAt, std::move(truncated));
+        setResult(end, kResultSourcesTruncatedAt, std::move(truncated));
     }
 }
 
@@ -201,9 +200,9 @@ void findInterestingTimes(const Message& job, media::ProgressSink& progress, KRV
     }
     const media::InterestingTimes times = media::interestingTimes(request, progress);
     Array values(times.values.begin(), times.values.end());
-    resultOf(end).set(kResultInterestingTimes,
-                      std::make_shared<Dictionary>(Dictionary{{kResultInterestingTimeValues, std::move(values)},
-                                                              {kResultInterestingTimeTimescale, times.timescale}}));
+    setResult(end, kResultInterestingTimes,
+              std::make_shared<Dictionary>(Dictionary{{kResultInterestingTimeValues, std::move(values)},
+                                                      {kResultInterestingTimeTimescale, times.timescale}}));
     reportTruncation(end, times.truncatedAt);
 }
 

@@ -56,6 +56,36 @@ TEST_F(Inspection, ThumbnailsAppearInTheirFolderAndInTheResult) {
     EXPECT_LT(last, 2.1);
 }
 
+TEST_F(Inspection, EveryResultSaysWhereATruncatedSourceEnds) {
+    start();
+    const std::string whole = out("whole.mov");
+    ASSERT_EQ(convert(movie(), whole, 0), nullptr);
+    const std::string cut = out("cut.mov");
+    fs::copy_file(whole, cut);
+    fs::resize_file(cut, fs::file_size(cut) * 2 / 3);
+    const auto thumbnails = R::createThumbnailsForVideo(cut, pictures(), {100, 0});
+    thumbnails->arguments()->set("thumbnailCount", 2);
+    for (const R::Ref& request :
+         {R::encodeVideoOperation(cut, out("new.mp4")), thumbnails, R::provideMetadataFor(cut),
+          R::muxAudioTo2chOperation(cut, out("new.mov")), R::getInterestingTimesOperation(cut, false, 0)}) {
+        const auto finished = run(request);
+        ASSERT_FALSE(finished->error()) << finished->error()->description();
+        ASSERT_TRUE(finished->result()) << request->nameFromType();
+        const double end = (*finished->result())[kResultSourceTruncatedAt].doubleValue();
+        EXPECT_GT(end, 0.5) << request->nameFromType();
+        EXPECT_LT(end, 1.9) << request->nameFromType();
+    }
+    const auto merged = run(R::mergeSourcesOperation(Value(Array{whole, cut}), out("merged.mov"), false));
+    ASSERT_FALSE(merged->error());
+    ASSERT_TRUE(merged->result());
+    const auto list = (*merged->result())[kResultSourcesTruncatedAt].array();
+    ASSERT_TRUE(list && list->size() == 2);
+    EXPECT_TRUE((*list)[0].isNull());
+    EXPECT_GT((*list)[1].doubleValue(), 0.5);
+    const auto complete = run(R::provideMetadataFor(whole));
+    EXPECT_TRUE(!complete->result() || !complete->result()->find(kResultSourceTruncatedAt));
+}
+
 TEST_F(Inspection, TheClientMakesTwelveThumbnails) {
     start();
     std::shared_ptr<const Error> error;
