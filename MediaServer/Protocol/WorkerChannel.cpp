@@ -156,6 +156,7 @@ std::optional<WorkerChannel::Message> WorkerChannel::receiveAvailable(bool& ende
 
 std::optional<WorkerChannel::Message> WorkerChannel::messageOf(Data record, std::vector<Descriptor> files) {
     Message message;
+    message.size = record.size();
     message.record = KRVOperationBase::operationFromData(std::make_shared<const Data>(std::move(record)));
     message.files = std::move(files);
     return message.record ? std::optional(std::move(message)) : std::nullopt;

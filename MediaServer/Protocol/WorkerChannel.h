@@ -19,6 +19,8 @@ public:
     struct Message {
         KRVOperationBase::Ref record;
         std::vector<Descriptor> files;
+        /// Of the archived record, in bytes.
+        std::size_t size = 0;
     };
 
     /// Takes ownership of socket, one end of a stream socket pair.

@@ -3,12 +3,14 @@
 #include <cstring>
 
 #include <poll.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
 
 #include <MediaServer/Protocol/FailureSentence.h>
+#include <MediaServer/Protocol/MediaOperation.h>
 #include <MediaServer/Workers/JobRunner.h>
 
 namespace krv::server {
@@ -27,6 +29,14 @@ Outcome failed(std::shared_ptr<const Error> error) {
     return {Outcome::Kind::Failed, std::move(error), nullptr};
 }
 
+/// Returns whether the request has an output, the last of its files, and nothing is in it.
+bool outputIsEmpty(const KRVOperationBase& request, const std::vector<int>& files) {
+    const MediaOperation* const operation = mediaOperation(request.operationType());
+    struct stat status {};
+    return operation && operation->destination != MediaOperation::Destination::None && !files.empty() &&
+           (::fstat(files.back(), &status) != 0 || status.st_size == 0);
+}
+
 }  // namespace
 
 Outcome JobRunner::run(const KRVOperationBase& request, const std::vector<int>& files, const Cancellation& cancellation,
@@ -38,37 +48,53 @@ Outcome JobRunner::run(const KRVOperationBase& request, const std::vector<int>& 
             return failed(makeError(request, {.cause = FailureCause::WorkerDidNotStart, .reason = failure}));
         }
         bool begun = false;
-        if (worker->channel.send(request, files)) {
-            if (auto outcome = follow(worker->channel, cancellation, onProgress, begun)) {
-                return *std::move(outcome);
+        WorkerChannel::Message report;
+        const Followed followed = worker->channel.send(request, files)
+                                      ? follow(worker->channel, cancellation, onProgress, begun, report)
+                                      : Followed::Exited;
+        // Before its output is looked at, so that it cannot change it any more.
+        const int status = worker->end();
+        switch (followed) {
+        case Followed::Cancelled:
+            return {Outcome::Kind::Cancelled, nullptr, nullptr};
+        case Followed::Reported: {
+            Outcome outcome = outcomeOf(request, *report.record, report.size);
+            if (outcome.kind == Outcome::Kind::Completed && outputIsEmpty(request, files)) {
+                return failed(makeError(request, {.cause = FailureCause::InternalError,
+                                                  .reason = "the worker reported completion and wrote nothing"}));
             }
+            return outcome;
         }
-        failure = howItEnded(worker->end());
-        if (begun) {
-            return failed(makeError(request, {.cause = FailureCause::WorkerCrashed, .reason = failure}));
+        case Followed::Exited:
+            failure = howItEnded(status);
+            if (begun) {
+                return failed(makeError(request, {.cause = FailureCause::WorkerCrashed, .reason = failure}));
+            }
+            // The worker exited before it had the job, so the job is not to blame.
+            break;
         }
-        // The worker exited before it had the job, so the job is not to blame.
     }
     return failed(makeError(request, {.cause = FailureCause::WorkerDidNotStart, .reason = failure}));
 }
 
-std::optional<Outcome> JobRunner::follow(WorkerChannel& channel, const Cancellation& cancellation,
-                                         const std::function<void(double)>& onProgress, bool& begun) {
+JobRunner::Followed JobRunner::follow(WorkerChannel& channel, const Cancellation& cancellation,
+                                      const std::function<void(double)>& onProgress, bool& begun,
+                                      WorkerChannel::Message& report) {
     for (;;) {
         std::array<pollfd, 2> waiting{{{channel.descriptor(), POLLIN, 0}, {cancellation.descriptor(), POLLIN, 0}}};
         if (::poll(waiting.data(), waiting.size(), -1) < 0) {
             if (errno == EINTR) {
                 continue;
             }
-            return std::nullopt;
+            return Followed::Exited;
         }
         if (cancellation.requested()) {
-            return Outcome{Outcome::Kind::Cancelled, nullptr, nullptr};
+            return Followed::Cancelled;
         }
         bool ended = false;
         auto message = channel.receiveAvailable(ended);
         if (ended) {
-            return std::nullopt;
+            return Followed::Exited;
         }
         if (!message) {
             continue;
@@ -77,11 +103,9 @@ std::optional<Outcome> JobRunner::follow(WorkerChannel& channel, const Cancellat
         switch (message->record->operationType()) {
         case OpReadyToProcessRequests:
             break;
-        case OpReturnResult: {
-            auto error = message->record->error();
-            return error ? failed(std::move(error))
-                         : Outcome{Outcome::Kind::Completed, nullptr, std::move(message->record)};
-        }
+        case OpReturnResult:
+            report = *std::move(message);
+            return Followed::Reported;
         default:
             onProgress(static_cast<double>(message->record->progress()));
         }

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <functional>
-#include <memory>
 #include <optional>
 #include <vector>
 
@@ -10,18 +9,9 @@
 #include <MediaServer/Protocol/WorkerChannel.h>
 #include <MediaServer/Workers/Cancellation.h>
 #include <MediaServer/Workers/WorkerPool.h>
+#include <MediaServer/Workers/WorkerReport.h>
 
 namespace krv::server {
-
-/// How an operation ended.
-struct Outcome {
-    enum class Kind { Completed, Failed, Cancelled };
-    Kind kind = Kind::Failed;
-    /// For Failed.
-    std::shared_ptr<const Error> error;
-    /// For Completed: the worker's record.
-    KRVOperationBase::Ref record;
-};
 
 /// Runs one job in a worker process. A request and its open files go in; progress and finally a record come out. Whatever
 /// happens to that process affects this operation only.
@@ -38,10 +28,13 @@ public:
                               const Cancellation& cancellation, const std::function<void(double)>& onProgress) const;
 
 private:
-    /// Returns how the job ended, or nothing if the worker has exited or sent an invalid message. begun: set when the
-    /// worker has confirmed that it has the job.
-    [[nodiscard]] static std::optional<Outcome> follow(WorkerChannel& channel, const Cancellation& cancellation,
-                                                       const std::function<void(double)>& onProgress, bool& begun);
+    /// What following a worker came to.
+    enum class Followed { Reported, Cancelled, Exited };
+    /// Waits until the worker reports its end in `report`, is no longer wanted, or has exited or sent an invalid message.
+    /// begun: set when the worker has confirmed that it has the job.
+    [[nodiscard]] static Followed follow(WorkerChannel& channel, const Cancellation& cancellation,
+                                         const std::function<void(double)>& onProgress, bool& begun,
+                                         WorkerChannel::Message& report);
 
     WorkerPool& workers_;
 };

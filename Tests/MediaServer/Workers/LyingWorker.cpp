@@ -1,5 +1,6 @@
 // A worker program that a hostile file has taken over. Its file name says what it sends. When the server has read that, it
 // creates a file of that name with ".read" appended. It never exits by itself.
+#include <memory>
 #include <string>
 
 #include <fcntl.h>
@@ -8,13 +9,51 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <KRVQTProcessClient/KRVQTProcessClient.h>
+
+#include <MediaServer/Protocol/MediaRequest.h>
+#include <MediaServer/Protocol/WorkerChannel.h>
+
+namespace {
+
+using namespace krv;
+using namespace krv::server;
+
+constexpr int kChannel = 3;
+
+/// Sends what an honest worker of its request would not, after it has received the request.
+void report(const std::string& name, WorkerChannel& channel) {
+    if (!channel.receive()) {
+        return;
+    }
+    KRVOperationBase end;
+    end.setOperationType(OpReturnResult);
+    end.setProgress(1.0F, true);
+    if (name == "ErrorOne") {
+        end.setError(
+            Error::make(std::string(kMediaServerErrorDomain), 1,
+                        {{NSLocalizedDescriptionKey, "try again"}, {NSLocalizedFailureReasonErrorKey, "why"}}));
+    } else if (name == "TooManyThumbnails") {
+        Array pictures(3000, Value(std::make_shared<Dictionary>(Dictionary{
+                                 {kResultThumbnailTime, 0.0}, {kThumbnailOffset, 0}, {kThumbnailLength, 1}})));
+        end.setResult(std::make_shared<Dictionary>(Dictionary{{kResultThumbnails, std::move(pictures)}}));
+    }
+    // The others say that they are done.
+    channel.send(end);
+}
+
+}  // namespace
+
 int main(int, char** argv) {
-    constexpr int kChannel = 3;
     const std::string path = argv[0];
-    if (path.ends_with("/HalfLength")) {
+    const std::string name = path.substr(path.rfind('/') + 1);
+    krv::server::WorkerChannel channel{krv::server::Descriptor(kChannel)};
+    if (name == "HalfLength") {
         [[maybe_unused]] const auto sent = ::write(kChannel, "\x10\0\0", 3);
-    } else if (path.ends_with("/HalfRecord")) {
+    } else if (name == "HalfRecord") {
         [[maybe_unused]] const auto sent = ::write(kChannel, "\x10\0\0\0bplist", 10);
+    } else if (name != "Silent") {
+        report(name, channel);
     }
     for (int unread = 1; unread > 0;) {
         ::sched_yield();

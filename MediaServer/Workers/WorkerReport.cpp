@@ -1,0 +1,196 @@
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <fmt/format.h>
+
+#include <MediaServer/Protocol/FailureSentence.h>
+#include <MediaServer/Protocol/MediaRequest.h>
+#include <MediaServer/Workers/WorkerReport.h>
+
+namespace krv::server {
+namespace {
+
+using Kind = Value::Kind;
+
+/// A record that no honest worker sends. The text says why.
+struct Lie {
+    std::string reason;
+};
+
+/// More than a sentence with two paths needs.
+constexpr std::size_t kLongestErrorText = 32768;
+
+bool isKind(const Value* value, Kind kind) {
+    return value && value->kind() == kind;
+}
+
+bool isTime(const Value* value) {
+    return isKind(value, Kind::Float64) && std::isfinite(value->doubleValue());
+}
+
+// Errors.
+
+std::string errorText(const Error& error, std::string_view key) {
+    const Value* const text = error.userInfo() ? error.userInfo()->find(key) : nullptr;
+    if (!isKind(text, Kind::String) || text->stringValue().size() > kLongestErrorText) {
+        throw Lie{fmt::format("an error without a valid {}", key)};
+    }
+    return text->stringValue();
+}
+
+std::shared_ptr<const Error> checkedError(const KRVOperationBase& request, const Error& error) {
+    if (error.domain() != kMediaServerErrorDomain) {
+        throw Lie{"an error of another domain"};
+    }
+    constexpr auto kFirst = static_cast<std::int64_t>(OperationErrorCode::UnreadableSource);
+    constexpr auto kLast = static_cast<std::int64_t>(OperationErrorCode::InvalidArgument);
+    if (error.code() < kFirst || error.code() > kLast) {
+        throw Lie{fmt::format("the error code {}", error.code())};
+    }
+    Dictionary userInfo{{NSLocalizedDescriptionKey, errorText(error, NSLocalizedDescriptionKey)},
+                        {NSLocalizedFailureReasonErrorKey, errorText(error, NSLocalizedFailureReasonErrorKey)}};
+    if (error.userInfo()->find(kErrorFilePath)) {
+        const std::string path = errorText(error, kErrorFilePath);
+        const auto sources = sourcesOf(request);
+        if (std::find(sources.begin(), sources.end(), path) == sources.end() &&
+            path != request.encodingDestinationFilename()) {
+            throw Lie{"an error about a file of its own choice"};
+        }
+        userInfo.set(kErrorFilePath, path);
+    }
+    return Error::make(error.domain(), error.code(), std::move(userInfo));
+}
+
+// Results.
+
+void checkThumbnails(const KRVOperationBase& request, const KRVOperationBase& report) {
+    const auto pictures = report.result() ? (*report.result())[kResultThumbnails].array() : nullptr;
+    if (!pictures) {
+        throw Lie{"no list of thumbnails"};
+    }
+    const auto most = static_cast<std::size_t>(thumbnailCountOf(request));
+    if (pictures->empty() || pictures->size() > most) {
+        throw Lie{fmt::format("{} thumbnails instead of {}", pictures->size(), most)};
+    }
+    for (const Value& each : *pictures) {
+        const auto picture = each.dictionary();
+        if (!picture || !isTime(picture->find(kResultThumbnailTime)) ||
+            !isKind(picture->find(kThumbnailOffset), Kind::Integer) ||
+            !isKind(picture->find(kThumbnailLength), Kind::Integer)) {
+            throw Lie{"a thumbnail without time, offset or length"};
+        }
+    }
+}
+
+struct DescriptionKey {
+    std::string_view key;
+    Kind kind;
+};
+
+std::shared_ptr<const Dictionary> checkedDescription(const KRVOperationBase& request, const KRVOperationBase& report) {
+    const std::array<DescriptionKey, 10> kKeys{{{kMediaMetadataCodec, Kind::String},
+                                                {kMediaMetadataDuration, Kind::Float64},
+                                                {kMediaMetadataDimensions, Kind::Size},
+                                                {kMediaMetadataAudio, Kind::String},
+                                                {kMediaMetadataSize, Kind::Integer},
+                                                {kMediaMetadataPath, Kind::String},
+                                                {kMediaMetadataCreation, Kind::Date},
+                                                {kMediaMetadataModified, Kind::Date},
+                                                {kMediaMetadataFrameRate, Kind::Float64},
+                                                {kMediaMetadataPoster, Kind::Data}}};
+    const auto description = report.metadata();
+    if (!description) {
+        throw Lie{"no description"};
+    }
+    Dictionary checked;
+    for (const DescriptionKey& each : kKeys) {
+        const Value* const value = description->find(each.key);
+        if (!value) {
+            continue;
+        }
+        if (value->kind() != each.kind) {
+            throw Lie{fmt::format("a value of the wrong kind under {}", each.key)};
+        }
+        if (each.kind == Kind::Float64 && !std::isfinite(value->doubleValue())) {
+            throw Lie{fmt::format("a number that is not finite under {}", each.key)};
+        }
+        if (each.kind == Kind::String && each.key != kMediaMetadataPath &&
+            value->stringValue().size() > kLongestDescriptionText) {
+            throw Lie{fmt::format("a text of {} bytes under {}", value->stringValue().size(), each.key)};
+        }
+        if (each.kind == Kind::Data && value->data()->size() > kLargestPoster) {
+            throw Lie{fmt::format("a poster of {} bytes", value->data()->size())};
+        }
+        checked.set(each.key, *value);
+    }
+    if (const auto path = request.encodingSourceFilename(); path && !path->empty()) {
+        checked.set(kMediaMetadataPath, *path);
+    }
+    return std::make_shared<const Dictionary>(std::move(checked));
+}
+
+void checkInterestingTimes(const KRVOperationBase& report) {
+    const auto times = report.result() ? (*report.result())[kResultInterestingTimes].dictionary() : nullptr;
+    const auto values = times ? (*times)[kResultInterestingTimeValues].array() : nullptr;
+    const Value* const scale = times ? times->find(kResultInterestingTimeTimescale) : nullptr;
+    if (!values || !isKind(scale, Kind::Integer) || scale->integerValue() <= 0) {
+        throw Lie{"no interesting times, or no time scale"};
+    }
+    if (!std::all_of(values->begin(), values->end(),
+                     [](const Value& value) { return value.kind() == Kind::Integer; }) ||
+        std::adjacent_find(values->begin(), values->end(), [](const Value& a, const Value& b) {
+            return a.integerValue() >= b.integerValue();
+        }) != values->end()) {
+        throw Lie{"interesting times that are not ascending integers"};
+    }
+}
+
+KRVOperationBase::Ref checkedRecord(const KRVOperationBase& request, const KRVOperationBase& report) {
+    const auto record = std::make_shared<KRVOperationBase>();
+    record->setOperationType(OpReturnResult);
+    record->setProgress(1.0F, true);
+    switch (request.operationType()) {
+    case OpCreateThumbnails:
+        checkThumbnails(request, report);
+        break;
+    case OpProvideMetadata:
+        record->setMetadata(checkedDescription(request, report));
+        break;
+    case OpGetInterestingTimes:
+        checkInterestingTimes(report);
+        break;
+    default:
+        break;
+    }
+    record->setResult(report.result());
+    return record;
+}
+
+}  // namespace
+
+std::size_t longestReport(std::int32_t operationType) noexcept {
+    constexpr std::size_t kLongest = std::size_t{16} << 20;
+    return operationType == OpGetInterestingTimes ? 2 * kLongest : kLongest;
+}
+
+Outcome outcomeOf(const KRVOperationBase& request, const KRVOperationBase& report, std::size_t size) {
+    try {
+        if (size > longestReport(request.operationType())) {
+            throw Lie{fmt::format("a report of {} bytes", size)};
+        }
+        if (const auto error = report.error()) {
+            return {Outcome::Kind::Failed, checkedError(request, *error), nullptr};
+        }
+        return {Outcome::Kind::Completed, nullptr, checkedRecord(request, report)};
+    } catch (const Lie& lie) {
+        return {Outcome::Kind::Failed,
+                makeError(request, {.cause = FailureCause::InternalError, .reason = "the worker sent " + lie.reason}),
+                nullptr};
+    }
+}
+
+}  // namespace krv::server

@@ -1,0 +1,224 @@
+// Reports of honest workers and of those that a hostile file has taken over.
+#include <cmath>
+#include <limits>
+#include <memory>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include <MediaServer/Protocol/FailureSentence.h>
+#include <MediaServer/Protocol/MediaRequest.h>
+#include <MediaServer/Workers/WorkerReport.h>
+
+namespace krv::server {
+namespace {
+
+using R = KRVOperationBase;
+
+constexpr std::size_t kSmall = 1000;
+
+R::Ref completed() {
+    const auto report = std::make_shared<R>();
+    report->setOperationType(OpReturnResult);
+    report->setProgress(1.0F, true);
+    return report;
+}
+
+R::Ref withResult(Dictionary result) {
+    const auto report = completed();
+    report->setResult(std::make_shared<Dictionary>(std::move(result)));
+    return report;
+}
+
+R::Ref withError(std::shared_ptr<const Error> error) {
+    const auto report = completed();
+    report->setError(std::move(error));
+    return report;
+}
+
+/// Expects an internal error with this technical cause.
+void expectLie(const R::Ref& request, const R::Ref& report, const std::string& reason, std::size_t size = kSmall) {
+    const Outcome outcome = outcomeOf(*request, *report, size);
+    ASSERT_EQ(outcome.kind, Outcome::Kind::Failed) << reason;
+    EXPECT_EQ(outcome.error->code(), 8) << reason;
+    EXPECT_EQ(outcome.error->localizedFailureReason(), "the worker sent " + reason);
+    EXPECT_EQ(outcome.record, nullptr);
+}
+
+// Errors.
+
+const R::Ref kEncode = R::encodeVideoOperation("/a.mov", "/b.mp4");
+
+std::shared_ptr<const Error> error(std::int64_t code, Dictionary more = {}) {
+    Dictionary userInfo{{NSLocalizedDescriptionKey, "sentence"}, {NSLocalizedFailureReasonErrorKey, "cause"}};
+    for (const auto& [key, value] : more) {
+        userInfo.set(*key, value);
+    }
+    return Error::make(std::string(kMediaServerErrorDomain), code, std::move(userInfo));
+}
+
+TEST(WorkerReport, PassesTheErrorsThatAWorkerFinds) {
+    for (std::int64_t code = 3; code <= 9; ++code) {
+        const Outcome outcome = outcomeOf(*kEncode, *withError(error(code)), kSmall);
+        EXPECT_EQ(outcome.kind, Outcome::Kind::Failed);
+        EXPECT_EQ(*outcome.error, *error(code));
+    }
+    const auto real = makeError(*kEncode, {.cause = FailureCause::UnwritableDestination, .errorNumber = 28});
+    EXPECT_EQ(*outcomeOf(*kEncode, *withError(real), kSmall).error, *real);
+}
+
+TEST(WorkerReport, RefusesErrorsThatOnlyTheServerFinds) {
+    for (const std::int64_t code : {0, 1, 2, 10, 11, -1}) {
+        expectLie(kEncode, withError(error(code)), "the error code " + std::to_string(code));
+    }
+}
+
+TEST(WorkerReport, RefusesErrorsThatAreNotOurs) {
+    expectLie(kEncode, withError(Error::make("NSURLErrorDomain", 3, {})), "an error of another domain");
+    expectLie(kEncode, withError(std::make_shared<Error>(std::string(kMediaServerErrorDomain), 3)),
+              "an error without a valid NSLocalizedDescription");
+    expectLie(kEncode, withError(error(3, {{NSLocalizedFailureReasonErrorKey, 7}})),
+              "an error without a valid NSLocalizedFailureReason");
+    expectLie(kEncode, withError(error(3, {{NSLocalizedDescriptionKey, std::string(100'000, 'x')}})),
+              "an error without a valid NSLocalizedDescription");
+    expectLie(kEncode, withError(error(3, {{kErrorFilePath, "/etc/passwd"}})),
+              "an error about a file of its own choice");
+}
+
+TEST(WorkerReport, DropsWhatElseAnErrorHas) {
+    const Outcome outcome =
+        outcomeOf(*kEncode, *withError(error(3, {{"more", Data(100)}, {kErrorFilePath, "/b.mp4"}})), kSmall);
+    EXPECT_EQ(*outcome.error, *error(3, {{kErrorFilePath, "/b.mp4"}}));
+}
+
+// Records.
+
+TEST(WorkerReport, DropsArgumentsThatAWorkerAdds) {
+    const auto report = completed();
+    report->arguments()->set(kArgumentEncodingSourceFilename, "/etc/passwd");
+    report->setUniqueID("another operation");
+    const Outcome outcome = outcomeOf(*kEncode, *report, kSmall);
+    ASSERT_EQ(outcome.kind, Outcome::Kind::Completed);
+    EXPECT_EQ(outcome.record->arguments()->find(kArgumentEncodingSourceFilename), nullptr);
+    EXPECT_FALSE(outcome.record->uniqueID());
+}
+
+TEST(WorkerReport, KeepsTheResult) {
+    const Outcome outcome = outcomeOf(*kEncode, *withResult({{"key", 1}}), kSmall);
+    ASSERT_EQ(outcome.kind, Outcome::Kind::Completed);
+    EXPECT_EQ((*outcome.record->result())["key"], Value(1));
+}
+
+TEST(WorkerReport, BoundsTheWholeReport) {
+    constexpr std::size_t kLimit = std::size_t{16} << 20;
+    EXPECT_EQ(outcomeOf(*kEncode, *completed(), kLimit).kind, Outcome::Kind::Completed);
+    expectLie(kEncode, completed(), "a report of 16777217 bytes", kLimit + 1);
+    expectLie(kEncode, withError(error(3)), "a report of 16777217 bytes", kLimit + 1);
+}
+
+// Thumbnails.
+
+Value picture(Value time = 0.5, Value offset = 0, Value length = 100) {
+    return std::make_shared<Dictionary>(
+        Dictionary{{kResultThumbnailTime, time}, {kThumbnailOffset, offset}, {kThumbnailLength, length}});
+}
+
+R::Ref thumbnailRequest(int count) {
+    const auto request = R::createThumbnailsForVideo("/a.mov", "/folder", {});
+    request->arguments()->set(kArgumentThumbnailCount, count);
+    return request;
+}
+
+TEST(WorkerReport, AcceptsAsManyThumbnailsAsWereAskedFor) {
+    for (const int count : {1, 2}) {
+        const auto report = withResult({{kResultThumbnails, Array(static_cast<std::size_t>(count), picture())}});
+        EXPECT_EQ(outcomeOf(*thumbnailRequest(2), *report, kSmall).kind, Outcome::Kind::Completed);
+    }
+    const auto report = withResult({{kResultThumbnails, Array(12, picture())}});
+    EXPECT_EQ(outcomeOf(*R::createThumbnailsForVideo("/a", "/b", {}), *report, kSmall).kind, Outcome::Kind::Completed);
+}
+
+TEST(WorkerReport, RefusesOtherListsOfThumbnails) {
+    const auto request = thumbnailRequest(2);
+    expectLie(request, completed(), "no list of thumbnails");
+    expectLie(request, withResult({{kResultThumbnails, 7}}), "no list of thumbnails");
+    expectLie(request, withResult({{kResultThumbnails, Array{}}}), "0 thumbnails instead of 2");
+    expectLie(request, withResult({{kResultThumbnails, Array(3000, picture())}}), "3000 thumbnails instead of 2");
+    for (const Value& wrong : {Value(7), picture("0"), picture(std::numeric_limits<double>::quiet_NaN()),
+                               picture(0.5, 0.5), picture(0.5, 0, Value())}) {
+        expectLie(request, withResult({{kResultThumbnails, Array{wrong}}}),
+                  "a thumbnail without time, offset or length");
+    }
+}
+
+// Descriptions.
+
+const R::Ref kDescribe = R::provideMetadataFor("/a.mov");
+
+R::Ref withDescription(Dictionary description) {
+    const auto report = completed();
+    report->setMetadata(std::make_shared<const Dictionary>(std::move(description)));
+    return report;
+}
+
+TEST(WorkerReport, KeepsTheKnownEntriesOfADescription) {
+    Dictionary description{{kMediaMetadataCodec, "H.264"},
+                           {kMediaMetadataDuration, 2.5},
+                           {kMediaMetadataDimensions, Size{640, 360}},
+                           {kMediaMetadataSize, 12345},
+                           {kMediaMetadataPath, "/a.mov"},
+                           {kMediaMetadataCreation, Date{7}},
+                           {kMediaMetadataPoster, Data(kLargestPoster)}};
+    const Dictionary expected = description;
+    description.set("secret", Data(1000));
+    const Outcome outcome = outcomeOf(*kDescribe, *withDescription(std::move(description)), kSmall);
+    ASSERT_EQ(outcome.kind, Outcome::Kind::Completed);
+    EXPECT_EQ(*outcome.record->metadata(), expected);
+}
+
+TEST(WorkerReport, KnowsThePathOfADescriptionItself) {
+    const Outcome outcome = outcomeOf(*kDescribe, *withDescription({{kMediaMetadataPath, "/etc/passwd"}}), kSmall);
+    ASSERT_EQ(outcome.kind, Outcome::Kind::Completed);
+    EXPECT_EQ((*outcome.record->metadata())[kMediaMetadataPath], Value("/a.mov"));
+}
+
+TEST(WorkerReport, RefusesOtherDescriptions) {
+    expectLie(kDescribe, completed(), "no description");
+    expectLie(kDescribe, withDescription({{kMediaMetadataDuration, "long"}}),
+              "a value of the wrong kind under metadataDuration");
+    expectLie(kDescribe, withDescription({{kMediaMetadataDuration, std::numeric_limits<double>::infinity()}}),
+              "a number that is not finite under metadataDuration");
+    expectLie(kDescribe, withDescription({{kMediaMetadataCodec, std::string(5000, 'x')}}),
+              "a text of 5000 bytes under metadataCodec");
+    expectLie(kDescribe, withDescription({{kMediaMetadataPoster, Data(kLargestPoster + 1)}}),
+              "a poster of 8388609 bytes");
+}
+
+// Interesting times.
+
+const R::Ref kTimes = R::getInterestingTimesOperation("/a.mov", false, 0);
+
+R::Ref withTimes(Value values, Value scale = 600) {
+    return withResult({{kResultInterestingTimes, std::make_shared<Dictionary>(Dictionary{
+                                                     {kResultInterestingTimeValues, std::move(values)},
+                                                     {kResultInterestingTimeTimescale, std::move(scale)}})}});
+}
+
+TEST(WorkerReport, AcceptsAscendingTimes) {
+    for (const Array& values : {Array{}, Array{0}, Array{0, 1, 600}, Array{-5, 0}}) {
+        EXPECT_EQ(outcomeOf(*kTimes, *withTimes(values), kSmall).kind, Outcome::Kind::Completed);
+    }
+}
+
+TEST(WorkerReport, RefusesOtherTimes) {
+    expectLie(kTimes, completed(), "no interesting times, or no time scale");
+    expectLie(kTimes, withTimes(7), "no interesting times, or no time scale");
+    expectLie(kTimes, withTimes(Array{0}, 0), "no interesting times, or no time scale");
+    expectLie(kTimes, withTimes(Array{0}, 600.0), "no interesting times, or no time scale");
+    for (const Array& values : {Array{0, 0}, Array{1, 0}, Array{0, 1.5}, Array{Value()}, Array{0, "1"}}) {
+        expectLie(kTimes, withTimes(values), "interesting times that are not ascending integers");
+    }
+}
+
+}  // namespace
+}  // namespace krv::server
