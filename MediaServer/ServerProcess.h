@@ -36,6 +36,8 @@ public:
         std::string workerExecutable;
         /// Bytes of writable memory per worker; 0 for an equal share of the machine's memory.
         std::uint64_t workerMemory;
+        /// How long a worker may report nothing before it is killed; 0 for ever.
+        std::chrono::seconds workerStallLimit;
         /// Executor threads for long operations.
         unsigned executors;
         /// How long the server keeps running without clients and operations; 0 for ever.
@@ -68,7 +70,7 @@ private:
     std::chrono::steady_clock::time_point workEnded_{};
 
     WorkerPool workers_;
-    JobRunner runner_{workers_};
+    JobRunner runner_{workers_, settings_.workerStallLimit};
     ClientRegistry clients_;
     HeldReplies held_;
     OperationLedger ledger_;

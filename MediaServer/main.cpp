@@ -24,6 +24,8 @@ using namespace krv::server;
 constexpr std::string_view kLoggingDomainKey = "KRVLoggingDomain";
 constexpr std::string_view kIdleTimeoutKey = "idleTimeout";
 constexpr std::int64_t kDefaultIdleSeconds = 600;
+constexpr std::string_view kWorkerStallLimitKey = "workerStallLimit";
+constexpr std::int64_t kDefaultStallSeconds = 900;
 /// In MiB. The default is an equal share of the machine's memory for each worker that may run at the same time, at least
 /// 1 GiB and at most 8 GiB.
 constexpr std::string_view kWorkerMemoryLimitKey = "workerMemoryLimit";
@@ -55,6 +57,13 @@ std::chrono::seconds idleTimeout(const UserDefaults& defaults) {
     const std::int64_t given =
         defaults.stringForKey(kIdleTimeoutKey) ? defaults.integerForKey(kIdleTimeoutKey) : kDefaultIdleSeconds;
     return std::chrono::seconds(std::clamp<std::int64_t>(given, 0, kLongest));
+}
+
+std::chrono::seconds workerStallLimit(const UserDefaults& defaults) {
+    constexpr std::int64_t kYear = std::int64_t{365} * 24 * 60 * 60;
+    return std::chrono::seconds(defaults.stringForKey(kWorkerStallLimitKey)
+                                    ? std::clamp<std::int64_t>(defaults.integerForKey(kWorkerStallLimitKey), 0, kYear)
+                                    : kDefaultStallSeconds);
 }
 
 std::uint64_t workerMemory(const UserDefaults& defaults) {
@@ -93,6 +102,7 @@ int main() {
                           .program = program,
                           .workerExecutable = (program.path().parent_path() / "KRVMediaWorker").string(),
                           .workerMemory = workerMemory(defaults),
+                          .workerStallLimit = workerStallLimit(defaults),
                           .executors = std::max(std::thread::hardware_concurrency(), 1U),
                           .idleTimeout = idleTimeout(defaults)});
     return server.run(signals);

@@ -56,6 +56,7 @@ enum class FailureCause {
     // Code 7.
     WorkerCrashed,  ///< reason: how the worker ended
     OutOfMemory,
+    OutOfTime,  ///< subject: the limit, as in "900 seconds"
     // Code 8.
     InternalError,      ///< reason: what is known
     WorkerDidNotStart,  ///< reason: why

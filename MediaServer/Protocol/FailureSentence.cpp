@@ -78,6 +78,7 @@ constexpr auto kRows = std::to_array<Row>({
     {C::UnconvertibleSubtitles, Code::Unsupported, About::Source, "its {subject} subtitles cannot be converted"},
     {C::WorkerCrashed, Code::WorkerFailed, About::Source, "it crashed the worker process"},
     {C::OutOfMemory, Code::WorkerFailed, About::Source, "there was not enough memory"},
+    {C::OutOfTime, Code::WorkerFailed, About::Source, "there was no progress for {subject}"},
     {C::InternalError, Code::Internal, About::Source, "an internal error occurred"},
     {C::WorkerDidNotStart, Code::Internal, About::Nothing, "the worker process did not start"},
     {C::UnknownOperationType, Code::InvalidArgument, About::Nothing, "the operation type {subject} does not exist"},

@@ -1,6 +1,10 @@
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <limits>
+#include <string>
 
 #include <poll.h>
 #include <sys/stat.h>
@@ -37,6 +41,12 @@ bool outputIsEmpty(const KRVOperationBase& request, const std::vector<int>& file
            (::fstat(files.back(), &status) != 0 || status.st_size == 0);
 }
 
+/// Returns the argument of poll() that waits until then.
+int timeoutUntil(std::chrono::steady_clock::time_point deadline) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
+    return static_cast<int>(std::clamp<std::int64_t>(left, 0, std::numeric_limits<int>::max()));
+}
+
 }  // namespace
 
 Outcome JobRunner::run(const KRVOperationBase& request, const std::vector<int>& files, const Cancellation& cancellation,
@@ -57,6 +67,13 @@ Outcome JobRunner::run(const KRVOperationBase& request, const std::vector<int>& 
         switch (followed) {
         case Followed::Cancelled:
             return {Outcome::Kind::Cancelled, nullptr, nullptr};
+        case Followed::Stalled: {
+            const auto limit = std::chrono::duration_cast<std::chrono::seconds>(stallLimit_).count();
+            return failed(makeError(
+                request, {.cause = FailureCause::OutOfTime,
+                          .subject = limit == 1 ? "1 second" : fmt::format("{} seconds", limit),
+                          .reason = fmt::format("out of time: the worker reported nothing for {} s", limit)}));
+        }
         case Followed::Reported: {
             Outcome outcome = outcomeOf(request, *report.record, report.size);
             if (outcome.kind == Outcome::Kind::Completed && outputIsEmpty(request, files)) {
@@ -79,10 +96,11 @@ Outcome JobRunner::run(const KRVOperationBase& request, const std::vector<int>& 
 
 JobRunner::Followed JobRunner::follow(WorkerChannel& channel, const Cancellation& cancellation,
                                       const std::function<void(double)>& onProgress, bool& begun,
-                                      WorkerChannel::Message& report) {
+                                      WorkerChannel::Message& report) const {
+    auto deadline = std::chrono::steady_clock::now() + stallLimit_;
     for (;;) {
         std::array<pollfd, 2> waiting{{{channel.descriptor(), POLLIN, 0}, {cancellation.descriptor(), POLLIN, 0}}};
-        if (::poll(waiting.data(), waiting.size(), -1) < 0) {
+        if (::poll(waiting.data(), waiting.size(), stallLimit_.count() > 0 ? timeoutUntil(deadline) : -1) < 0) {
             if (errno == EINTR) {
                 continue;
             }
@@ -97,9 +115,14 @@ JobRunner::Followed JobRunner::follow(WorkerChannel& channel, const Cancellation
             return Followed::Exited;
         }
         if (!message) {
+            // Only now: if this process has been stopped itself, the worker's messages are waiting.
+            if (stallLimit_.count() > 0 && std::chrono::steady_clock::now() >= deadline) {
+                return Followed::Stalled;
+            }
             continue;
         }
         begun = true;
+        deadline = std::chrono::steady_clock::now() + stallLimit_;
         switch (message->record->operationType()) {
         case OpReadyToProcessRequests:
             break;

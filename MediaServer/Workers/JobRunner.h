@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <optional>
 #include <vector>
@@ -17,9 +18,11 @@ namespace krv::server {
 /// happens to that process affects this operation only.
 class JobRunner {
 public:
-    /// workers: supplies the processes; must outlive this object.
-    explicit JobRunner(WorkerPool& workers)
-        : workers_(workers) {}
+    /// workers: supplies the processes; must outlive this object. stallLimit: how long a worker may report nothing before
+    /// it is killed; 0 for ever. Time in which the machine sleeps does not count.
+    explicit JobRunner(WorkerPool& workers, std::chrono::milliseconds stallLimit = {})
+        : workers_(workers)
+        , stallLimit_(stallLimit) {}
 
     /// Blocks until the work has ended. onProgress is called on this thread with the fraction that the worker reports.
     /// Thread-safe.
@@ -29,14 +32,16 @@ public:
 
 private:
     /// What following a worker came to.
-    enum class Followed { Reported, Cancelled, Exited };
-    /// Waits until the worker reports its end in `report`, is no longer wanted, or has exited or sent an invalid message.
+    enum class Followed { Reported, Cancelled, Stalled, Exited };
+    /// Waits until the worker reports its end in `report`, is no longer wanted, reports nothing for too long, or
+    /// has exited or sent an invalid message.
     /// begun: set when the worker has confirmed that it has the job.
-    [[nodiscard]] static Followed follow(WorkerChannel& channel, const Cancellation& cancellation,
-                                         const std::function<void(double)>& onProgress, bool& begun,
-                                         WorkerChannel::Message& report);
+    [[nodiscard]] Followed follow(WorkerChannel& channel, const Cancellation& cancellation,
+                                  const std::function<void(double)>& onProgress, bool& begun,
+                                  WorkerChannel::Message& report) const;
 
     WorkerPool& workers_;
+    const std::chrono::milliseconds stallLimit_;
 };
 
 }  // namespace krv::server

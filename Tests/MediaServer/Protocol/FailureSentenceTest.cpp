@@ -81,6 +81,9 @@ Failure example(FailureCause cause) {
     case FailureCause::UnconvertibleSubtitles:
         failure.subject = "dvb_subtitle";
         break;
+    case FailureCause::OutOfTime:
+        failure.subject = "900 seconds";
+        break;
     case FailureCause::InvalidArgument:
         failure.subject = "thumbnailCount";
         failure.detail = "is not an integer";

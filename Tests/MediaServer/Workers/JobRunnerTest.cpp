@@ -42,6 +42,14 @@ TEST_P(LyingWorkers, DoNotKeepTheirJobFromBeingCancelled) {
 INSTANTIATE_TEST_SUITE_P(Messages, LyingWorkers, testing::Values("HalfLength", "HalfRecord", "Silent"),
                          [](const auto& test) { return std::string(test.param); });
 
+TEST_P(LyingWorkers, AreKilledWhenTheyReportNothingForTooLong) {
+    const JobRunner impatient(pool_, std::chrono::milliseconds(1));
+    const Outcome outcome =
+        impatient.run(*KRVOperationBase::provideMetadataFor("/a.mov"), {}, cancellation_, [](double) {});
+    ASSERT_EQ(outcome.kind, Outcome::Kind::Failed);
+    EXPECT_EQ(outcome.error->code(), 7);
+}
+
 class LyingReports : public LyingWorkers {
 protected:
     /// Asks for two thumbnails with an output that the worker leaves as it is.

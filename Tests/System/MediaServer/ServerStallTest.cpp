@@ -1,5 +1,5 @@
-// A conversion that is queued for longer than its client waits without progress. Runs in real time, so only if
-// KRV_SLOW=1.
+// Conversions that make no progress: with a worker that has stopped, and in a queue for longer than the client waits. The
+// latter runs in real time, so only if KRV_SLOW=1.
 #include <cstdlib>
 #include <iostream>
 
@@ -9,6 +9,24 @@ namespace krv::server {
 namespace {
 
 class Stall : public Server {};
+
+TEST_F(Stall, AWorkerThatHasStoppedIsKilled) {
+    start({"-workerStallLimit", "1"});
+    std::ofstream(out()) << "old";
+    const auto id = ask(R::encodeVideoOperation(std::string(KRV_TEST_MEDIA) + "/longer.mov", out()))->uniqueID();
+    ASSERT_EQ(::kill(worker(), SIGSTOP), 0);
+    R::Ref state;
+    waitUntil([&] {
+        state = ask(R::progressAndCompletionOperation(id));
+        return state->completed() || state->error();
+    });
+    ASSERT_TRUE(state->error());
+    EXPECT_EQ(state->error()->code(), 7);
+    EXPECT_EQ(state->error()->localizedDescription(), "Cannot convert longer.mov: there was no progress for 1 second.");
+    EXPECT_EQ(state->error()->localizedFailureReason(), "out of time: the worker reported nothing for 1 s");
+    EXPECT_EQ(fs::file_size(out()), 3U);
+    EXPECT_EQ(filesInOut(), 1U);
+}
 
 TEST_F(Stall, AConversionThatIsQueuedForMinutesIsNotGivenUp) {
     if (!std::getenv("KRV_SLOW")) {
