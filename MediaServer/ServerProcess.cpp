@@ -11,7 +11,6 @@
 
 #include <MediaServer/Front/ListeningSockets.h>
 #include <MediaServer/Front/StatusPage.h>
-#include <MediaServer/Operations/MediaWorkflow.h>
 #include <MediaServer/Operations/ServerLog.h>
 #include <MediaServer/ServerProcess.h>
 #include <MediaServer/Worker/Sandbox.h>
@@ -45,8 +44,8 @@ ServerProcess::ServerProcess(Settings settings)
     , ledger_([this] { held_.checkAgain(); })
     , executors_(ledger_, settings_.executors,
                  [this](const KRVOperationBase::Ref& request, const Cancellation& cancellation,
-                        const std::function<void(double)>& onProgress) {
-                     return performMediaOperation(runner_, request, cancellation, onProgress);
+                        const std::function<void(double)>& onProgress, const std::function<void()>& onDelay) {
+                     return workflow_.perform(request, cancellation, onProgress, onDelay);
                  })
     , dispatcher_(clients_, ledger_, held_, [this] { requestShutDown(); })
     , front_({[this](const KRVOperationBase::Ref& request, const RequestSender& sender, const HTTPFront::Reply& reply) {

@@ -5,11 +5,13 @@
 #include <memory>
 #include <string>
 
+#include <MediaServer/Files/BlockingCalls.h>
 #include <MediaServer/Files/InstalledProgram.h>
 #include <MediaServer/Front/HTTPFront.h>
 #include <MediaServer/Front/ServicePublisher.h>
 #include <MediaServer/Operations/ClientRegistry.h>
 #include <MediaServer/Operations/HeldReplies.h>
+#include <MediaServer/Operations/MediaWorkflow.h>
 #include <MediaServer/Operations/OperationDispatcher.h>
 #include <MediaServer/Operations/OperationExecutors.h>
 #include <MediaServer/Operations/OperationLedger.h>
@@ -40,6 +42,8 @@ public:
         std::chrono::seconds workerStallLimit;
         /// Executor threads for long operations.
         unsigned executors;
+        /// Opens, flushes and closes files. Must outlive the server.
+        BlockingCalls& blockingCalls;
         /// How long the server keeps running without clients and operations; 0 for ever.
         std::chrono::seconds idleTimeout;
     };
@@ -74,6 +78,7 @@ private:
     ClientRegistry clients_;
     HeldReplies held_;
     OperationLedger ledger_;
+    const MediaWorkflow workflow_{runner_, settings_.blockingCalls};
     OperationExecutors executors_;
     OperationDispatcher dispatcher_;
     /// Destroyed first: all replies must be given while the other parts exist.

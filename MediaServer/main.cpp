@@ -1,16 +1,20 @@
 // KRVQuicktimeProcess, the media server.
 #include <algorithm>
 #include <csignal>
+#include <cstdio>
+#include <memory>
 #include <thread>
 
 #include <sys/resource.h>
 #include <sys/signalfd.h>
+#include <unistd.h>
 
 #include <fmt/format.h>
 
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 #include <KRVQTProcessClient/Platform/RuntimeFolder.h>
 
+#include <MediaServer/Files/BlockingCalls.h>
 #include <MediaServer/Files/InstalledProgram.h>
 #include <MediaServer/Files/InstanceLock.h>
 #include <MediaServer/Files/OperationFiles.h>
@@ -29,6 +33,9 @@ constexpr std::int64_t kDefaultStallSeconds = 900;
 /// In MiB. The default is an equal share of the machine's memory for each worker that may run at the same time, at least
 /// 1 GiB and at most 8 GiB.
 constexpr std::string_view kWorkerMemoryLimitKey = "workerMemoryLimit";
+
+/// How long the start waits for what an earlier server has left. The clean-up goes on after that.
+constexpr std::chrono::seconds kPatience{5};
 
 /// Blocks SIGTERM, SIGINT and SIGHUP in this thread and its descendants. Returns a signalfd that reports them.
 int openTerminationSignals() {
@@ -93,17 +100,28 @@ int main() {
         fmt::print(stderr, "KRVQuicktimeProcess: no folder for the lock file\n");
         return 1;
     }
-    OperationFiles::sweep();
+    BlockingCalls blockingCalls;
+    // Notes may name files on drives that do not respond.
+    (void)blockingCalls.run([](const BlockingCalls::Report&) { OperationFiles::sweep(); }, {.limit = kPatience});
 
     const InstalledProgram program;
-    ServerProcess server({.minimumPort = PortNumbering::minimumPortNumber(),
-                          .maximumPort = PortNumbering::maximumPortNumber(),
-                          .serviceName = ServerNaming::machineSpecificNameFor(kHTTPServerDiscoveryDefaultServiceName),
-                          .program = program,
-                          .workerExecutable = (program.path().parent_path() / "KRVMediaWorker").string(),
-                          .workerMemory = workerMemory(defaults),
-                          .workerStallLimit = workerStallLimit(defaults),
-                          .executors = std::max(std::thread::hardware_concurrency(), 1U),
-                          .idleTimeout = idleTimeout(defaults)});
-    return server.run(signals);
+    auto server = std::make_unique<ServerProcess>(ServerProcess::Settings{
+        .minimumPort = PortNumbering::minimumPortNumber(),
+        .maximumPort = PortNumbering::maximumPortNumber(),
+        .serviceName = ServerNaming::machineSpecificNameFor(kHTTPServerDiscoveryDefaultServiceName),
+        .program = program,
+        .workerExecutable = (program.path().parent_path() / "KRVMediaWorker").string(),
+        .workerMemory = workerMemory(defaults),
+        .workerStallLimit = workerStallLimit(defaults),
+        .executors = std::max(std::thread::hardware_concurrency(), 1U),
+        .blockingCalls = blockingCalls,
+        .idleTimeout = idleTimeout(defaults)});
+    const int status = server->run(signals);
+    server.reset();
+    if (blockingCalls.abandoned() > 0) {
+        // Abandoned threads may wake up at any time, so nothing that they use may be destroyed.
+        std::fflush(nullptr);
+        ::_exit(status);
+    }
+    return status;
 }

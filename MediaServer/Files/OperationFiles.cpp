@@ -47,7 +47,9 @@ bool isSameFile(const struct stat& source, const std::string& destination) {
 
 }  // namespace
 
-std::unique_ptr<OperationFiles> OperationFiles::open(const KRVOperationBase& request, std::optional<Failure>& failure) {
+std::unique_ptr<OperationFiles> OperationFiles::open(const KRVOperationBase& request,
+                                                     const std::function<void(std::size_t file)>& onFile,
+                                                     std::optional<Failure>& failure) {
     const MediaOperation* const operation = mediaOperation(request.operationType());
     if (!operation) {
         failure =
@@ -56,18 +58,25 @@ std::unique_ptr<OperationFiles> OperationFiles::open(const KRVOperationBase& req
     }
     auto files = std::make_unique<OperationFiles>();
     const std::string destination = request.encodingDestinationFilename().value_or("");
-    for (const std::string& path : sourcesOf(request)) {
+    const std::vector<std::string> sources = sourcesOf(request);
+    std::vector<struct stat> statuses;
+    for (const std::string& path : sources) {
         struct stat status {};
         const std::size_t number = files->sources_.size();
+        onFile(number);
         Descriptor file = openSource(path, number, status, failure);
         if (!file) {
             return nullptr;
         }
-        if (!destination.empty() && isSameFile(status, destination)) {
+        statuses.push_back(status);
+        files->sources_.push_back(std::move(file));
+    }
+    onFile(sources.size());
+    for (std::size_t number = 0; !destination.empty() && number < statuses.size(); ++number) {
+        if (isSameFile(statuses[number], destination)) {
             failure = unusable(FailureCause::SameFile, number);
             return nullptr;
         }
-        files->sources_.push_back(std::move(file));
     }
     switch (operation->destination) {
     case MediaOperation::Destination::File:
@@ -114,8 +123,13 @@ bool OperationFiles::commit(KRVOperationBase& record, const std::function<bool()
     if (!onProgress()) {
         return false;
     }
-    failure = file_ ? file_->commit() : std::nullopt;
-    return !failure;
+    if (file_) {
+        if ((failure = file_->place()) || !onProgress()) {
+            return false;  // the destructor takes it back
+        }
+        file_->keep();
+    }
+    return true;
 }
 
 void OperationFiles::sweep() {

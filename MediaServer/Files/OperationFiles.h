@@ -18,8 +18,10 @@ namespace krv::server {
 class OperationFiles {
 public:
     /// Opens the sources and the output of a valid request. Returns null and sets failure if one of them cannot be
-    /// used.
+    /// used. onFile is called before each file with its number: those of the sources, and then the next one for the
+    /// destination.
     [[nodiscard]] static std::unique_ptr<OperationFiles> open(const KRVOperationBase& request,
+                                                              const std::function<void(std::size_t file)>& onFile,
                                                               std::optional<Failure>& failure);
 
     /// Returns what the worker receives: the sources in order and then the file it writes, if there is one. The

@@ -1,13 +1,70 @@
+#include <atomic>
 #include <cerrno>
+#include <memory>
+#include <optional>
 
 #include <MediaServer/Files/OperationFiles.h>
 #include <MediaServer/Operations/MediaWorkflow.h>
 #include <MediaServer/Protocol/FailureSentence.h>
+#include <MediaServer/Protocol/MediaRequest.h>
 
 namespace krv::server {
+namespace {
 
-Outcome performMediaOperation(const JobRunner& runner, const KRVOperationBase::Ref& request,
-                              const Cancellation& cancellation, const std::function<void(double)>& onProgress) {
+using namespace std::chrono_literals;
+using End = BlockingCalls::End;
+
+/// For opening or closing one file.
+constexpr auto kPatience = 20s;
+/// For the step at which flushing can end. A slow disk takes about a second for it.
+constexpr auto kPatienceAfterCancellation = 5s;
+
+/// What the executor thread and the thread that opens the files share.
+struct Opening {
+    KRVOperationBase::Ref request;
+    std::unique_ptr<OperationFiles> files;
+    std::optional<Failure> failure;
+    /// The number of the file that is being opened; see OperationFiles.
+    std::atomic<std::size_t> file{0};
+};
+
+/// What the executor thread and the thread that finishes the outputs share.
+struct Finishing {
+    std::unique_ptr<OperationFiles> files;
+    KRVOperationBase::Ref record;
+    std::optional<Failure> failure;
+    bool done = false;
+};
+
+std::optional<Failure> failureOf(End end, const Opening& opening) {
+    switch (end) {
+    case End::Returned:
+        return opening.failure;
+    case End::Refused:
+        return Failure{.cause = FailureCause::TooManyDrivesDoNotRespond};
+    case End::NoThread:
+        return Failure{.cause = FailureCause::OutOfDescriptors};
+    default:
+        break;
+    }
+    const std::size_t file = opening.file;
+    if (file < sourcesOf(*opening.request).size()) {
+        return Failure{.cause = FailureCause::SourceDoesNotRespond, .source = file};
+    }
+    return Failure{.cause = FailureCause::DestinationDoesNotRespond};
+}
+
+/// Closes the files and removes what has been written. That may block as well.
+void discard(BlockingCalls& calls, std::unique_ptr<OperationFiles> files) {
+    const auto finishing = std::make_shared<Finishing>(Finishing{std::move(files), nullptr, {}, false});
+    (void)calls.run([finishing](const BlockingCalls::Report&) { finishing->files.reset(); }, {.limit = kPatience});
+}
+
+}  // namespace
+
+Outcome MediaWorkflow::perform(const KRVOperationBase::Ref& request, const Cancellation& cancellation,
+                               const std::function<void(double)>& onProgress,
+                               const std::function<void()>& onDelay) const {
     const auto failed = [&](Failure failure) {
         // Neither the source nor the destination is to blame, and the client may try again.
         if (failure.errorNumber == EMFILE || failure.errorNumber == ENFILE) {
@@ -15,26 +72,59 @@ Outcome performMediaOperation(const JobRunner& runner, const KRVOperationBase::R
         }
         return Outcome{Outcome::Kind::Failed, makeError(*request, failure), nullptr};
     };
-    std::optional<Failure> failure;
-    const auto files = OperationFiles::open(*request, failure);
-    if (!files) {
+    const Outcome cancelled{Outcome::Kind::Cancelled, nullptr, nullptr};
+
+    const auto opening = std::make_shared<Opening>();
+    opening->request = request;
+    const End opened = blockingCalls.run(
+        [opening](const BlockingCalls::Report& report) {
+            opening->files = OperationFiles::open(
+                *opening->request,
+                [&](std::size_t file) {
+                    opening->file = file;
+                    (void)report();
+                },
+                opening->failure);
+        },
+        {.cancellation = cancellation.descriptor(), .limit = kPatience, .onDelay = onDelay});
+    if (opened == End::Cancelled) {
+        return cancelled;
+    }
+    if (const auto failure = failureOf(opened, *opening)) {
         return failed(*failure);
     }
+    auto files = std::move(opening->files);
+
     Outcome outcome = runner.run(*request, files->descriptors(), cancellation, onProgress);
     if (outcome.kind != Outcome::Kind::Completed) {
+        discard(blockingCalls, std::move(files));
         return outcome;
     }
-    const auto continueFlush = [&] {
-        onProgress(1.0);
-        return !cancellation.requested();
+
+    const auto finishing = std::make_shared<Finishing>(Finishing{std::move(files), outcome.record, {}, false});
+    const BlockingCalls::Call finish = [finishing](const BlockingCalls::Report& report) {
+        finishing->failure = finishing->files->flush(report);
+        finishing->done =
+            !finishing->failure && finishing->files->commit(*finishing->record, report, finishing->failure);
+        finishing->files.reset();
     };
-    if ((failure = files->flush(continueFlush))) {
-        return failed(*failure);
+    const End finished = blockingCalls.run(finish, {.cancellation = cancellation.descriptor(),
+                                                    .afterCancellation = kPatienceAfterCancellation,
+                                                    .onReport = [&] { onProgress(1.0); }});
+    if (finished == End::Cancelled) {
+        return cancelled;
     }
-    if (!files->commit(*outcome.record, continueFlush, failure)) {
-        return failure ? failed(*failure) : Outcome{Outcome::Kind::Cancelled, nullptr, nullptr};
+    if (finished != End::Returned) {
+        // The work is worth more than the risk that this thread has to wait for the drive.
+        finish([&] {
+            onProgress(1.0);
+            return !cancellation.requested();
+        });
     }
-    return outcome;
+    if (finishing->failure) {
+        return failed(*finishing->failure);
+    }
+    return finishing->done ? outcome : cancelled;
 }
 
 }  // namespace krv::server

@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <system_error>
+#include <thread>
 
 #include <MediaServer/Operations/OperationExecutors.h>
 
@@ -10,24 +12,59 @@ OperationExecutors::OperationExecutors(OperationLedger& ledger, unsigned longThr
     : ledger_(ledger)
     , work_(std::move(work)) {
     for (unsigned i = 0; i < std::max(longThreads, 1U); ++i) {
-        threads_.emplace_back([this] { run(Duration::Long); });
+        start(Duration::Long);
     }
-    threads_.emplace_back([this] { run(Duration::Short); });
+    start(Duration::Short);
 }
 
 OperationExecutors::~OperationExecutors() {
     ledger_.stop();
-    for (std::thread& thread : threads_) {
-        thread.join();
+    const LockGuard lock(mutex_);
+    while (threads_ > 0) {
+        ended_.wait(mutex_);
+    }
+}
+
+void OperationExecutors::start(Duration duration) {
+    {
+        const LockGuard lock(mutex_);
+        ++threads_;
+    }
+    try {
+        // Detached, because replaced threads come and end at any time. The destructor waits for all.
+        std::thread([this, duration] {
+            run(duration);
+            const LockGuard lock(mutex_);
+            --threads_;
+            ended_.notify_all();
+        }).detach();
+    } catch (const std::system_error&) {
+        const LockGuard lock(mutex_);
+        --threads_;
+        throw;
     }
 }
 
 void OperationExecutors::run(Duration duration) {
-    while (const OperationRef operation = ledger_.takeNext(duration)) {
+    bool replaced = false;
+    while (!replaced) {
+        const OperationRef operation = ledger_.takeNext(duration);
+        if (!operation) {
+            return;
+        }
         // The ledger drops its own reference when the operation finishes.
         const std::shared_ptr<const Cancellation> cancellation = operation->cancellation;
-        ledger_.finish(*operation, work_(operation->request, *cancellation,
-                                         [&](double fraction) { ledger_.report(*operation, fraction); }));
+        const auto replace = [&] {
+            try {
+                start(duration);
+                replaced = true;
+            } catch (const std::system_error&) {
+                replaced = false;  // without another thread, the others have to wait
+            }
+        };
+        ledger_.finish(*operation, work_(
+                                       operation->request, *cancellation,
+                                       [&](double fraction) { ledger_.report(*operation, fraction); }, replace));
     }
 }
 

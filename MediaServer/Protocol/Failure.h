@@ -14,11 +14,13 @@ enum class FailureCause {
     ShuttingDown,
     QueueFull,
     OutOfDescriptors,
+    TooManyDrivesDoNotRespond,
     OtherPidNamespace,
     // Code 2.
     UnknownOperation,  ///< subject: the identifier
-    // Code 3. errorNumber is set.
-    UnreadableSource,
+    // Code 3.
+    UnreadableSource,  ///< errorNumber is set
+    SourceDoesNotRespond,
     // Code 4.
     SourceIsFolder,
     SourceIsNotAFile,
@@ -37,6 +39,7 @@ enum class FailureCause {
     UnwritableDestination,  ///< errorNumber is set
     DestinationIsNotAFile,
     DestinationOfAnotherUser,
+    DestinationDoesNotRespond,
     // Code 6.
     NoContainer,              ///< the destination's name has no extension
     UnsupportedContainer,     ///< subject: the extension

@@ -84,11 +84,14 @@ protected:
         return {Outcome::Kind::Completed, nullptr, std::move(record)};
     }
     Outcome carryOut(const KRVOperationBase::Ref& request, const Cancellation& cancellation,
-                     const std::function<void(double)>& report) {
+                     const std::function<void(double)>& report, const std::function<void()>& onDelay) {
         const auto job = std::make_shared<Job>();
         job->request = request;
         job->cancellation = &cancellation;
         job->report = report;
+        if (delays) {
+            onDelay();
+        }
         auto end = job->end.get_future();
         {
             const LockGuard lock(mutex);
@@ -109,6 +112,8 @@ protected:
     std::condition_variable_any changed;
     std::vector<std::shared_ptr<Job>> jobs;
     bool finishing = false;
+    /// Whether operations that start from now on are delayed.
+    std::atomic<bool> delays{false};
     int shorts = 0;
     /// How many operations run, and how many have run at the same time at most.
     int atOnce = 0;
@@ -125,7 +130,8 @@ protected:
     OperationExecutors executors{
         ledger, 1,
         [this](const KRVOperationBase::Ref& request, const Cancellation& cancellation,
-               const std::function<void(double)>& report) { return carryOut(request, cancellation, report); }};
+               const std::function<void(double)>& report,
+               const std::function<void()>& onDelay) { return carryOut(request, cancellation, report, onDelay); }};
 };
 
 }  // namespace krv::server

@@ -181,5 +181,41 @@ TEST_F(Ledger, ARunningOperationDoesNotAdvanceWhileItsWorkerIsSilent) {
     EXPECT_EQ(ledger.snapshot(operation->id)->progress, before);
 }
 
+TEST_F(Ledger, ADelayedOperationDelaysNoOther) {
+    delays = true;
+    const auto slowMetadata = addShort();
+    const auto slowJob = started(0);
+    const auto slowConversion = add();
+    const auto slowLongJob = started(1);
+    delays = false;
+    const auto metadata = addShort();
+    started(2)->end.set_value(completed());
+    EXPECT_TRUE(waitForEnd(metadata->id).completed);
+    const auto conversion = add();
+    started(3)->end.set_value(completed());
+    EXPECT_TRUE(waitForEnd(conversion->id).completed);
+    slowJob->end.set_value(completed());
+    slowLongJob->end.set_value(completed());
+    EXPECT_TRUE(waitForEnd(slowMetadata->id).completed);
+    EXPECT_TRUE(waitForEnd(slowConversion->id).completed);
+}
+
+TEST_F(Ledger, AThreadThatWasReplacedEndsWithItsOperation) {
+    delays = true;
+    const auto slow = addShort();
+    const auto slowJob = started(0);
+    delays = false;
+    slowJob->end.set_value(completed());
+    waitForEnd(slow->id);
+    addShort();
+    const auto running = started(1);
+    const auto waiting = addShort();
+    EXPECT_EQ(ledger.counts().queued, 1U);
+    running->end.set_value(completed());
+    started(2)->end.set_value(completed());
+    waitForEnd(waiting->id);
+    EXPECT_EQ(ledger.counts().running, 0U);
+}
+
 }  // namespace
 }  // namespace krv::server

@@ -1,0 +1,171 @@
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <optional>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <MediaServer/Files/BlockingCalls.h>
+#include <MediaServer/Protocol/Descriptor.h>
+
+namespace krv::server {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+/// Files on a drive that responds are open by then.
+constexpr auto kPromptly = 100ms;
+
+/// Blocks all signals in this thread, so that threads that it starts block them too, until it is destroyed.
+class SignalsBlocked {
+public:
+    SignalsBlocked() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &before_);
+    }
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+private:
+    sigset_t before_{};
+};
+
+/// Returns how long to poll until the earliest of the times, in milliseconds; -1 if there is none.
+int untilEarliest(std::initializer_list<std::optional<Clock::time_point>> times) {
+    std::optional<Clock::time_point> earliest;
+    for (const auto& time : times) {
+        if (time && (!earliest || *time < *earliest)) {
+            earliest = time;
+        }
+    }
+    if (!earliest) {
+        return -1;
+    }
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*earliest - Clock::now());
+    return static_cast<int>(std::max(left, 0ms).count());
+}
+
+}  // namespace
+
+/// What the caller and the thread share.
+struct BlockingCalls::Running {
+    enum class State : std::uint8_t { Running, Returned, Abandoned };
+
+    Call call;
+    /// Readable after a report and at the end of the call.
+    Descriptor event;
+    std::atomic<bool> wanted{true};
+    std::atomic<State> state{State::Running};
+    std::shared_ptr<std::atomic<std::size_t>> abandoned;
+
+    void tell() const {
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const auto written = ::write(event.get(), &one, sizeof one);
+    }
+    void perform() {
+        call([this] {
+            tell();
+            return wanted.load();
+        });
+        call = nullptr;
+        auto expected = State::Running;
+        if (state.compare_exchange_strong(expected, State::Returned)) {
+            tell();
+        } else {
+            --*abandoned;
+        }
+    }
+    /// Returns false if the call has returned.
+    bool abandon() {
+        wanted = false;
+        ++*abandoned;
+        auto expected = State::Running;
+        if (state.compare_exchange_strong(expected, State::Abandoned)) {
+            return true;
+        }
+        --*abandoned;
+        return false;
+    }
+};
+
+BlockingCalls::BlockingCalls(std::size_t mostAbandoned)
+    : mostAbandoned_(mostAbandoned) {}
+
+bool BlockingCalls::start(const std::shared_ptr<Running>& running) {
+    running->event.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!running->event) {
+        return false;
+    }
+    try {
+        const SignalsBlocked blocked;
+        std::thread([running] { running->perform(); }).detach();
+        return true;
+    } catch (const std::system_error&) {
+        return false;
+    }
+}
+
+BlockingCalls::End BlockingCalls::run(Call call, const Waiting& waiting) {
+    const auto running = std::make_shared<Running>();
+    running->call = std::move(call);
+    running->abandoned = abandoned_;
+    if (*abandoned_ >= mostAbandoned_) {
+        return End::Refused;
+    }
+    if (!start(running)) {
+        return End::NoThread;
+    }
+    const auto limitFromNow = [&] {
+        return waiting.limit > 0ms ? std::optional(Clock::now() + waiting.limit) : std::nullopt;
+    };
+    auto limit = limitFromNow();
+    auto delay = waiting.onDelay ? std::optional(Clock::now() + kPromptly) : std::nullopt;
+    std::optional<Clock::time_point> grace;
+    for (;;) {
+        // A cancellation stays readable, so it is no longer waited for when it is known.
+        std::array<pollfd, 2> events{
+            {{running->event.get(), POLLIN, 0}, {grace ? -1 : waiting.cancellation, POLLIN, 0}}};
+        const int count = ::poll(events.data(), events.size(), untilEarliest({limit, delay, grace}));
+        if (count < 0 && errno != EINTR) {
+            std::this_thread::yield();  // out of memory
+        }
+        if (running->state == Running::State::Returned) {
+            return End::Returned;
+        }
+        if (count > 0 && events[0].revents != 0) {
+            std::uint64_t reports = 0;
+            [[maybe_unused]] const auto taken = ::read(running->event.get(), &reports, sizeof reports);
+            limit = limitFromNow();
+            if (waiting.onReport) {
+                waiting.onReport();
+            }
+        }
+        const auto now = Clock::now();
+        if (count > 0 && events[1].revents != 0) {
+            running->wanted = false;
+            grace = now + waiting.afterCancellation;
+        }
+        if (grace && now >= *grace) {
+            return running->abandon() ? End::Cancelled : End::Returned;
+        }
+        if (limit && now >= *limit) {
+            return running->abandon() ? End::TimedOut : End::Returned;
+        }
+        if (delay && now >= *delay) {
+            delay.reset();
+            waiting.onDelay();
+        }
+    }
+}
+
+}  // namespace krv::server

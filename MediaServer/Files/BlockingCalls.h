@@ -1,0 +1,69 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+
+namespace krv::server {
+
+/// Runs calls that may block for as long as a drive does not respond, such as opening a file on a network share. Each
+/// runs on a thread of its own, which the caller can abandon.
+///
+/// Nothing can end a thread that is blocked in the kernel. An abandoned thread continues when its call returns at last,
+/// destroys what the call owns, and ends. It never touches its caller, nor keeps the process from exiting with _exit().
+/// The number of abandoned threads is limited. Starting a thread takes about 20 µs, so none are kept for later.
+/// Thread-safe.
+class BlockingCalls {
+public:
+    /// Reports that the call advances. Returns whether anybody still waits for it.
+    using Report = std::function<bool()>;
+    /// Must own everything it uses.
+    using Call = std::function<void(const Report& report)>;
+
+    enum class End {
+        Returned,
+        TimedOut,   ///< the call did not advance for too long; its thread has been abandoned
+        Cancelled,  ///< its thread has been abandoned
+        Refused,    ///< it was not run, because too many threads are abandoned
+        NoThread,   ///< it was not run, because there is no thread or descriptor for it
+    };
+
+    /// How a call is waited for.
+    struct Waiting {
+        /// A descriptor that is readable when the caller no longer wants the result; -1 for none. Borrowed.
+        int cancellation = -1;
+        /// How long the call may take without a report; 0 for any time.
+        std::chrono::milliseconds limit{0};
+        /// How long to wait for the call once it has been cancelled.
+        std::chrono::milliseconds afterCancellation{0};
+        /// Called on the caller's thread after reports. May be empty.
+        std::function<void()> onReport{};
+        /// Called once on the caller's thread if the call does not return promptly. May be empty.
+        std::function<void()> onDelay{};
+    };
+
+    static constexpr std::size_t kMostAbandoned = 64;
+
+    explicit BlockingCalls(std::size_t mostAbandoned = kMostAbandoned);
+    BlockingCalls(const BlockingCalls&) = delete;
+    BlockingCalls& operator=(const BlockingCalls&) = delete;
+
+    /// Runs the call and waits for it. After a cancellation, report() returns false, and the call should return.
+    [[nodiscard]] End run(Call call, const Waiting& waiting);
+
+    /// Returns how many abandoned threads have not ended yet.
+    [[nodiscard]] std::size_t abandoned() const noexcept { return *abandoned_; }
+
+private:
+    struct Running;
+
+    [[nodiscard]] static bool start(const std::shared_ptr<Running>& running);
+
+    const std::size_t mostAbandoned_;
+    /// The threads may outlive this object.
+    const std::shared_ptr<std::atomic<std::size_t>> abandoned_ = std::make_shared<std::atomic<std::size_t>>(0);
+};
+
+}  // namespace krv::server
