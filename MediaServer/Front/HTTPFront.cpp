@@ -4,6 +4,8 @@
 #include <condition_variable>
 #include <cstring>
 #include <deque>
+#include <exception>
+#include <new>
 #include <optional>
 #include <set>
 #include <system_error>
@@ -388,15 +390,29 @@ struct HTTPFront::Internals {
 
     /// Decodes the body of a request and hands the record over.
     void dispatch(MHD_Connection* connection, const ExchangeRef& exchange) const {
-        const auto record =
-            KRVOperationBase::operationFromData(std::make_shared<const Data>(std::move(exchange->body)));
+        KRVOperationBase::Ref record;
+        try {
+            record = KRVOperationBase::operationFromData(std::make_shared<const Data>(std::move(exchange->body)));
+        } catch (const std::bad_alloc&) {
+            answer(connection, *exchange, textAnswer(MHD_HTTP_SERVICE_UNAVAILABLE, "out of memory\n"));
+            return;
+        }
         if (!record) {
             answer(connection, *exchange, textAnswer(MHD_HTTP_BAD_REQUEST, "not an archived operation record\n"));
             return;
         }
         handlers.operation(record, exchange->sender, [exchange, connection](const KRVOperationBase::Ref& reply) {
-            answer(connection, *exchange, {.bytes = reply->convertToData()});
+            answer(connection, *exchange, answerWith(*reply));
         });
+    }
+
+    /// A reply that cannot be archived must not end the thread that gives it.
+    static Answer answerWith(const KRVOperationBase& reply) {
+        try {
+            return {.bytes = reply.convertToData()};
+        } catch (const std::exception&) {
+            return textAnswer(MHD_HTTP_INTERNAL_SERVER_ERROR, "the reply cannot be archived\n");
+        }
     }
 
     static void answer(MHD_Connection* connection, Exchange& exchange, Answer given) {

@@ -1,8 +1,10 @@
 #include <algorithm>
+#include <exception>
 #include <system_error>
 #include <thread>
 
 #include <MediaServer/Operations/OperationExecutors.h>
+#include <MediaServer/Protocol/FailureSentence.h>
 
 namespace krv::server {
 
@@ -62,9 +64,17 @@ void OperationExecutors::run(Duration duration) {
                 replaced = false;  // without another thread, the others have to wait
             }
         };
-        ledger_.finish(*operation, work_(
-                                       operation->request, *cancellation,
-                                       [&](double fraction) { ledger_.report(*operation, fraction); }, replace));
+        try {
+            ledger_.finish(*operation, work_(
+                                           operation->request, *cancellation,
+                                           [&](double fraction) { ledger_.report(*operation, fraction); }, replace));
+        } catch (const std::exception& problem) {
+            // A record that cannot be archived, for instance, or a lack of memory. The thread serves others too.
+            ledger_.finish(*operation, {Outcome::Kind::Failed,
+                                        makeError(*operation->request,
+                                                  {.cause = FailureCause::InternalError, .reason = problem.what()}),
+                                        nullptr});
+        }
     }
 }
 

@@ -4,9 +4,8 @@
 #include <cstdlib>
 #include <new>
 
-#include <malloc.h>
-
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <KRVQTProcessClient/Foundation/Description.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
@@ -173,8 +172,7 @@ TEST(ArchiveCost, TheSharedTextOfASizeIsShort) {
             const auto sizeClass = a.classNamed("NSValue");
             std::vector<std::uint64_t> all;
             for (int i = 0; i < 1000; ++i) {
-                all.push_back(
-                    a.number(a.object({{"NS.special", a.file.integer(2)}, {"NS.sizeval", text}}, sizeClass)));
+                all.push_back(a.number(a.object({{"NS.special", a.file.integer(2)}, {"NS.sizeval", text}}, sizeClass)));
             }
             return all;
         });
@@ -197,8 +195,7 @@ TEST(ArchiveCost, DictionariesMayShareLongKeys) {
         dictionaries.push_back(dictionary);
     }
     record->arguments()->set("dictionaries", Value(std::move(dictionaries)));
-    const auto back =
-        KRVOperationBase::operationFromData(std::make_shared<const Data>(record->convertToData()));
+    const auto back = KRVOperationBase::operationFromData(std::make_shared<const Data>(record->convertToData()));
     ASSERT_TRUE(back);
     EXPECT_EQ(*back->arguments(), *record->arguments());
 }
@@ -214,8 +211,8 @@ TEST(ArchiveCost, SharedKeysWithACommonBeginningArePaidFor) {
         const auto classKey = a.file.text("$class");
         std::vector<std::uint64_t> all;
         for (int i = 0; i < 100'000; ++i) {
-            all.push_back(a.number(
-                a.file.dictionary({{keysKey, keys}, {objectsKey, keys}, {classKey, dictionaryClass}})));
+            all.push_back(
+                a.number(a.file.dictionary({{keysKey, keys}, {objectsKey, keys}, {classKey, dictionaryClass}})));
         }
         return all;
     })));

@@ -17,8 +17,7 @@ inline Bytes argumentsArchive(const std::function<std::vector<std::uint64_t>(Arc
     const auto array = a.number(a.object({{"NS.objects", a.uids(elements)}}, arrayClass));
     const auto arguments =
         a.number(a.object({{"NS.keys", a.uids({key})}, {"NS.objects", a.uids({array})}}, dictionaryClass));
-    a.numbered[root] =
-        a.object({{"opType", a.file.integer(8)}, {"arguments", a.file.uid(arguments)}}, recordClass);
+    a.numbered[root] = a.object({{"opType", a.file.integer(8)}, {"arguments", a.file.uid(arguments)}}, recordClass);
     return a.bytes();
 }
 
@@ -71,8 +70,8 @@ inline Bytes twoChains(int length) {
         const auto b = chain(arrays.of({}));
         const auto aEnd = chain(b);
         const auto keys = a.uids({a.number(a.file.text("b")), a.number(a.file.text("a"))});
-        return {a.number(
-            a.object({{"NS.keys", keys}, {"NS.objects", a.uids({b, aEnd})}}, a.classNamed("NSDictionary")))};
+        return {
+            a.number(a.object({{"NS.keys", keys}, {"NS.objects", a.uids({b, aEnd})}}, a.classNamed("NSDictionary")))};
     });
 }
 
@@ -122,8 +121,8 @@ inline Bytes sharedArguments(std::size_t records, std::size_t entries) {
             keys.push_back(a.number(a.file.text(std::to_string(i))));
         }
         const auto list = a.uids(keys);
-        const auto dictionary = a.file.uid(
-            a.number(a.object({{"NS.keys", list}, {"NS.objects", list}}, a.classNamed("NSDictionary"))));
+        const auto dictionary =
+            a.file.uid(a.number(a.object({{"NS.keys", list}, {"NS.objects", list}}, a.classNamed("NSDictionary"))));
         const auto recordClass = a.file.uid(a.classNamed("KRVOperationBase"));
         const auto argumentsKey = a.file.text("arguments");
         const auto classKey = a.file.text("$class");
@@ -146,8 +145,7 @@ inline Bytes sharedDomain(std::size_t errors, std::size_t length) {
         const auto classKey = a.file.text("$class");
         std::vector<std::uint64_t> all;
         while (all.size() < errors) {
-            all.push_back(
-                a.number(a.file.dictionary({{domainKey, domain}, {codeKey, code}, {classKey, errorClass}})));
+            all.push_back(a.number(a.file.dictionary({{domainKey, domain}, {codeKey, code}, {classKey, errorClass}})));
         }
         return all;
     });
@@ -155,9 +153,8 @@ inline Bytes sharedDomain(std::size_t errors, std::size_t length) {
 
 /// An array that refers many times to one long text.
 inline Bytes longText(std::size_t references, std::size_t length) {
-    return argumentsArchive([&](Archive& a) {
-        return std::vector<std::uint64_t>(references, a.number(a.file.text(Bytes(length, 't'))));
-    });
+    return argumentsArchive(
+        [&](Archive& a) { return std::vector<std::uint64_t>(references, a.number(a.file.text(Bytes(length, 't')))); });
 }
 
 }  // namespace krv::test

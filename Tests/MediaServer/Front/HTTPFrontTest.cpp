@@ -148,6 +148,17 @@ TEST_F(Front, SendsAReplyThatIsGivenLaterOnAnotherThread) {
     EXPECT_EQ(answer->operationType(), OpShutdownServer);
 }
 
+TEST_F(Front, SurvivesAReplyThatCannotBeArchived) {
+    onRequest = [](const R::Ref&, const HTTPFront::Reply& reply) {
+        const auto answer = std::make_shared<R>();
+        answer->setUniqueID("\xFF is not UTF-8");
+        reply(answer);
+    };
+    const HTTPConnection connection(port);
+    EXPECT_THAT(connection.ask(post(archived(R::readyToProcessRequestOperation()))), StartsWith("HTTP/1.1 500"));
+    EXPECT_THAT(connection.ask("GET /status HTTP/1.1\r\nHost: localhost\r\n\r\n"), StartsWith("HTTP/1.1 200"));
+}
+
 TEST_F(Front, PassesOnThePidNamespaceOfTheSender) {
     const std::string record = archived(R::readyToProcessRequestOperation());
     const HTTPConnection connection(port);

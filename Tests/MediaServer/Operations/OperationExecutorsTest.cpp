@@ -57,6 +57,31 @@ TEST_F(Ledger, ALongOperationNeverTakesTheShortExecutor) {
     EXPECT_EQ(sourceOf(*started(21)), sourceOf(*waiting));
 }
 
+TEST_F(Ledger, AnExecutorSurvivesAnExceptionOfItsWork) {
+    const auto failing = add();
+    started(0)->end.set_exception(
+        std::make_exception_ptr(Exception(std::string(kInvalidArgumentException), "cannot be archived")));
+    const auto state = waitForEnd(failing->id);
+    ASSERT_TRUE(state.error);
+    EXPECT_EQ(state.error->code(), static_cast<int>(OperationErrorCode::Internal));
+    EXPECT_EQ(state.error->localizedFailureReason(), "NSInvalidArgumentException: cannot be archived");
+
+    const auto next = add();
+    started(1)->end.set_value(completed());
+    EXPECT_TRUE(waitForEnd(next->id).completed);
+}
+
+TEST_F(Ledger, AnExecutorSurvivesAResultThatCannotBeArchived) {
+    const auto failing = add();
+    auto outcome = completed();
+    outcome.record->arguments()->set("text", "\xFF is not UTF-8");
+    started(0)->end.set_value(outcome);
+    EXPECT_TRUE(waitForEnd(failing->id).error);
+    const auto next = add();
+    started(1)->end.set_value(completed());
+    EXPECT_TRUE(waitForEnd(next->id).completed);
+}
+
 TEST_F(Ledger, AWaitingOperationCreepsOnlyByReportsOfItsOwnKind) {
     add();
     const auto longJob = started(0);
