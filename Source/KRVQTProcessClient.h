@@ -18,6 +18,7 @@
 #include <KRVQTProcessClient/Foundation/Dictionary.h>
 #include <KRVQTProcessClient/Foundation/Error.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Foundation/MediaServerName.h>
 #include <KRVQTProcessClient/Foundation/Value.h>
 #include <KRVQTProcessClient/Logging/DDLog.h>
 #include <KRVQTProcessClient/Logging/Logging.h>
@@ -26,7 +27,6 @@
 #include <KRVQTProcessClient/Monitoring/KRVProcessMonitor.h>
 #include <KRVQTProcessClient/Operations/EncodingParameters.h>
 #include <KRVQTProcessClient/Operations/KRVOperationBase.h>
-#include <KRVQTProcessClient/Operations/MediaServerName.h>
 #include <KRVQTProcessClient/Operations/OperationErrors.h>
 #include <KRVQTProcessClient/Operations/OperationKeys.h>
 #include <KRVQTProcessClient/Operations/OperationProgress.h>

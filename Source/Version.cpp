@@ -1,9 +1,10 @@
+#include <KRVQTProcessClient/Platform/ServerIdentity.h>
 #include <KRVQTProcessClient/Version.h>
 
 namespace krv {
 
 std::string_view libraryVersion() noexcept {
-    return KRV_VERSION;
+    return buildVersion();
 }
 
 }  // namespace krv

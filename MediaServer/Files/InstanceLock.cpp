@@ -4,7 +4,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 
-#include <KRVQTProcessClient/Operations/MediaServerName.h>
+#include <KRVQTProcessClient/Foundation/MediaServerName.h>
 
 #include <MediaServer/Files/InstanceLock.h>
 

@@ -13,7 +13,7 @@
 
 #include <fmt/format.h>
 
-#include <KRVQTProcessClient/Operations/MediaServerName.h>
+#include <KRVQTProcessClient/Foundation/MediaServerName.h>
 #include <KRVQTProcessClient/Platform/StateFolder.h>
 
 #include <MediaServer/Files/UnfinishedNote.h>

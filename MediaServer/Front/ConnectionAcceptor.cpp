@@ -17,8 +17,8 @@
 
 #include <fmt/format.h>
 
+#include <KRVQTProcessClient/Foundation/MediaServerName.h>
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
-#include <KRVQTProcessClient/Operations/MediaServerName.h>
 #include <KRVQTProcessClient/Platform/PeerUser.h>
 
 #include <MediaServer/Front/ConnectionAcceptor.h>

@@ -20,7 +20,7 @@
 #include <fmt/format.h>
 #include <microhttpd.h>
 
-#include <KRVQTProcessClient/Operations/MediaServerName.h>
+#include <KRVQTProcessClient/Foundation/MediaServerName.h>
 #include <KRVQTProcessClient/Platform/HTTPClient.h>
 
 #include <MediaServer/Front/ConnectionAcceptor.h>

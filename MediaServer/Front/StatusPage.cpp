@@ -1,6 +1,6 @@
 #include <nlohmann/json.hpp>
 
-#include <KRVQTProcessClient/Operations/MediaServerName.h>
+#include <KRVQTProcessClient/Foundation/MediaServerName.h>
 
 #include <MediaServer/Front/StatusPage.h>
 

@@ -6,8 +6,8 @@
 
 #include <KRVQTProcessClient/Client/ServerRunner.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Foundation/MediaServerName.h>
 #include <KRVQTProcessClient/Logging/Log.h>
-#include <KRVQTProcessClient/Operations/MediaServerName.h>
 #include <KRVQTProcessClient/Platform/StateFolder.h>
 
 namespace krv {

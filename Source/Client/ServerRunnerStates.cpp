@@ -6,8 +6,8 @@
 #include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
 #include <KRVQTProcessClient/Client/ServerRunner.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Foundation/MediaServerName.h>
 #include <KRVQTProcessClient/Logging/Log.h>
-#include <KRVQTProcessClient/Operations/MediaServerName.h>
 
 namespace krv {
 namespace {

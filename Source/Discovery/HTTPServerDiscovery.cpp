@@ -8,8 +8,8 @@
 #include <KRVQTProcessClient/Discovery/PortNumbering.h>
 #include <KRVQTProcessClient/Discovery/ServerNaming.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Foundation/MediaServerName.h>
 #include <KRVQTProcessClient/Logging/Log.h>
-#include <KRVQTProcessClient/Operations/MediaServerName.h>
 #include <KRVQTProcessClient/Platform/Port.h>
 
 namespace krv {

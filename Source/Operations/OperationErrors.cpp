@@ -1,4 +1,4 @@
-#include <KRVQTProcessClient/Operations/MediaServerName.h>
+#include <KRVQTProcessClient/Foundation/MediaServerName.h>
 #include <KRVQTProcessClient/Operations/OperationErrors.h>
 
 namespace krv {

@@ -37,7 +37,9 @@ struct HTTPResponse {
 ///
 /// Uses no proxies, redirects, cookies, caches or signals. A port outside 1 to 65535 is a connection error. After
 /// connecting and before sending, checks that the peer's socket belongs to this process's user, else fails with a
-/// connection error. Refuses response bodies over 64 MiB with an error. Every request has the header
+/// connection error. A response without the header "Server: KRVQuicktimeProcess/VERSION", with this build's major
+/// version, is a connection error too: another program listens on the port. Refuses response bodies over 64 MiB with an
+/// error. Every request has the header
 /// kPidNamespaceHeader.
 ///
 /// Blocks the calling thread until the exchange ends or times out. Does not throw. Thread-safe.

@@ -10,6 +10,7 @@
 
 #include <KRVQTProcessClient/Platform/Fakes/FakeHTTPClient.h>
 #include <KRVQTProcessClient/Platform/HTTPClient.h>
+#include <KRVQTProcessClient/Platform/ServerIdentity.h>
 
 #include "ScriptedServerProcess.h"
 
@@ -42,6 +43,11 @@ HTTPResponse get(const std::string& url, Clock::Duration timeout = kLong) {
 
 HTTPResponse post(const std::string& url, std::string_view body) {
     return HTTPClient::shared().send({url, data(body), kLong});
+}
+
+/// Returns the header line of our server, for raw responses.
+std::string serverLine() {
+    return "Server: KRVQuicktimeProcess/" + std::string(buildVersion()) + "\\r\\n";
 }
 
 /// Returns the number of connections that a server has accepted so far, according to the next one.
@@ -118,18 +124,50 @@ TEST(HTTPClient, TheBodyIsPresentForAnyStatus) {
         EXPECT_THAT(response.body, Optional(Data()));
         EXPECT_EQ(response.error, std::nullopt);
     }
-    server.tell("raw", "HTTP/1.1 204 None\\r\\n\\r\\n");
+    server.tell("raw", "HTTP/1.1 204 None\\r\\n" + serverLine() + "\\r\\n");
     EXPECT_THAT(get(server.url()).body, Optional(Data()));
 }
 
 TEST(HTTPClient, AnInformationalResponseIsSkipped) {
     ScriptedServerProcess server;
-    server.tell("raw", "HTTP/1.1 100 Continue\\r\\n\\r\\nHTTP/1.1 404 Not\\r\\nContent-Length: 2\\r\\n\\r\\nno");
+    server.tell("raw", "HTTP/1.1 100 Continue\\r\\n\\r\\nHTTP/1.1 404 Not\\r\\n" + serverLine() +
+                           "Content-Length: 2\\r\\n\\r\\nno");
     const auto response = get(server.url());
     EXPECT_EQ(response.status, 404);
     EXPECT_EQ(text(response.body), "no");
     server.tell("raw", "HTTP/1.1 100 Continue\\r\\n\\r\\n");
     EXPECT_EQ(get(server.url()).body, std::nullopt);
+}
+
+TEST(HTTPClient, AResponseOfAnotherProgramIsAConnectionError) {
+    ScriptedServerProcess server({"body", "hello"});
+    const std::string other = std::to_string(majorVersion(buildVersion()) + 1);
+    for (const std::string& name :
+         {std::string(), std::string("SimpleHTTP/0.6 Python/3.11"), std::string("KRVQuicktimeProcess"),
+          std::string("KRVQuicktimeProcessor/0.1.0"), "KRVQuicktimeProcess/" + other + ".0.0"}) {
+        server.tell("server", name);
+        for (const HTTPResponse& response : {get(server.url("/status")), post(server.url(), "x")}) {
+            EXPECT_EQ(response.body, std::nullopt) << name;
+            EXPECT_EQ(response.status, 0) << name;
+            EXPECT_THAT(response.error, Optional(HasSubstr("another program"))) << name;
+        }
+    }
+    server.tell("server", "KRVQuicktimeProcess/" + std::string(buildVersion()));
+    EXPECT_EQ(text(get(server.url()).body), "hello");
+}
+
+TEST(HTTPClient, AnInformationalResponseDoesNotSpeakForTheFinalOne) {
+    ScriptedServerProcess server;
+    server.tell("raw", "HTTP/1.1 100 Continue\\r\\n" + serverLine() +
+                           "\\r\\nHTTP/1.1 200 OK\\r\\nContent-Length: 2\\r\\n\\r\\nno");
+    EXPECT_EQ(get(server.url()).body, std::nullopt);
+}
+
+TEST(HTTPClient, AServersNameIsFoundInAnySpelling) {
+    ScriptedServerProcess server;
+    server.tell("raw", "HTTP/1.1 200 OK\\r\\nsErVeR:KRVQuicktimeProcess/" + std::string(buildVersion()) +
+                           "  \\r\\nContent-Length: 2\\r\\n\\r\\nok");
+    EXPECT_EQ(text(get(server.url()).body), "ok");
 }
 
 TEST(HTTPClient, ABodyThatIsCutShortComesWithAnError) {

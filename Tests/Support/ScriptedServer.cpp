@@ -14,6 +14,7 @@
 //   body TEXT           body of the responses
 //   body-size N         a body of N bytes 'x'
 //   body-file PATH      a body from a file
+//   server TEXT         value of the header "Server", the media server's by default; empty: none
 //   header TEXT         adds a header line to the responses; empty removes all added lines
 //   claim N             Content-Length to send instead of the real one; "none": none, the response ends with the
 //                       connection; empty: the real one again
@@ -61,6 +62,7 @@ struct Script {
     std::string log;
     int status = 200;
     std::string body;
+    std::string server = "KRVQuicktimeProcess/" KRV_VERSION;
     std::vector<std::string> headers;
     std::optional<std::string> claim;
     std::string raw;
@@ -137,6 +139,8 @@ bool set(const std::string& option, const std::string& value) {
     } else if (option == "body-file") {
         std::ifstream in(value, std::ios::binary);
         script.body.assign(std::istreambuf_iterator<char>(in), {});
+    } else if (option == "server") {
+        script.server = value;
     } else if (option == "header") {
         value.empty() ? script.headers.clear() : script.headers.push_back(value);
     } else if (option == "claim") {
@@ -247,6 +251,9 @@ private:
         std::string text = "HTTP/1.1 " + std::to_string(current.status) + " Scripted\r\n";
         if (current.claim != "none") {
             text += "Content-Length: " + current.claim.value_or(std::to_string(current.body.size())) + "\r\n";
+        }
+        if (!current.server.empty()) {
+            text += "Server: " + current.server + "\r\n";
         }
         for (const std::string& header : current.headers) {
             text += header + "\r\n";

@@ -4,7 +4,7 @@
 
 #include <fmt/format.h>
 
-#include <KRVQTProcessClient/Operations/MediaServerName.h>
+#include <KRVQTProcessClient/Foundation/MediaServerName.h>
 
 #include "Interruption.h"
 

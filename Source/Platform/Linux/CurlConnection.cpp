@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 
 #include <KRVQTProcessClient/Platform/ProcessTable.h>
+#include <KRVQTProcessClient/Platform/ServerIdentity.h>
 
 #include "LoopbackURL.h"
 #include "SocketDiagnostics.h"
@@ -18,6 +19,21 @@ namespace krv {
 namespace {
 
 constexpr std::size_t kMaximumBody = std::size_t{64} << 20;
+
+/// Returns the value of a header line if the header has this name, which is given in lower case.
+std::optional<std::string_view> headerValue(std::string_view line, std::string_view name) {
+    const std::size_t colon = line.find(':');
+    const auto isSame = [](char a, char b) { return (a >= 'A' && a <= 'Z' ? a - 'A' + 'a' : a) == b; };
+    if (colon != name.size() ||
+        !std::equal(name.begin(), name.end(), line.begin(), [&](char b, char a) { return isSame(a, b); })) {
+        return std::nullopt;
+    }
+    line.remove_prefix(colon + 1);
+    constexpr std::string_view kSpace = " \t\r\n";
+    const std::size_t first = line.find_first_not_of(kSpace);
+    return first == std::string_view::npos ? std::string_view()
+                                           : line.substr(first, line.find_last_not_of(kSpace) + 1 - first);
+}
 
 /// Rounds up. A time-out that has already passed becomes the shortest one, because curl takes 0 for "no limit".
 long milliseconds(Clock::Duration timeout) {
@@ -34,6 +50,9 @@ struct CurlConnection::Exchange {
     /// Whether the connection was opened for this request and must be checked; an older one was checked before.
     bool newSocket = false;
     bool foreignPeer = false;
+    /// Whether the response that is being received names our server.
+    bool fromOurServer = false;
+    bool otherServer = false;
     bool tooLarge = false;
     bool noMemory = false;
 };
@@ -129,6 +148,9 @@ std::string CurlConnection::errorText(CURLcode code, const Exchange& exchange, l
     if (exchange.foreignPeer) {
         return fmt::format("Could not connect to the server: port {} does not belong to this user.", port);
     }
+    if (exchange.otherServer) {
+        return fmt::format("Could not connect to the server: port {} belongs to another program or version.", port);
+    }
     if (exchange.tooLarge || code == CURLE_FILESIZE_EXCEEDED) {
         return fmt::format("The response is longer than {} MiB.", kMaximumBody >> 20);
     }
@@ -175,11 +197,20 @@ int CurlConnection::aboutToSend(void* data, char* peer, char* local, int peerPor
 std::size_t CurlConnection::headerReceived(char* bytes, std::size_t size, std::size_t count, void* data) {
     auto& exchange = *static_cast<Exchange*>(data);
     const std::string_view line(bytes, size * count);
+    if (line.starts_with("HTTP/")) {
+        exchange.fromOurServer = false;
+    } else if (const auto server = headerValue(line, "server")) {
+        exchange.fromOurServer = isCompatibleServer(*server);
+    }
     if (line == "\r\n" || line == "\n") {
         long status = 0;
         curl_easy_getinfo(exchange.handle, CURLINFO_RESPONSE_CODE, &status);
         // The statuses 100 to 199 only precede the final response.
         if (status >= 200 && !exchange.response.body) {
+            if (!exchange.fromOurServer) {
+                exchange.otherServer = true;
+                return 0;  // ends the exchange
+            }
             exchange.response.status = static_cast<int>(status);
             exchange.response.body.emplace();
         }
