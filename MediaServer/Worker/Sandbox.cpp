@@ -21,6 +21,7 @@
 // codecs and the C library make different calls on different processors and in different versions, and each call missing
 // from the list would be a movie that cannot be converted.
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -133,6 +134,9 @@ constexpr std::initializer_list<const char*> kDeniedCalls{
     // No codec needs a device. On a file it would change flags, or clone and deduplicate blocks.
     "ioctl"};
 
+/// Of these, what the template needs to fork a worker, and a worker to enter its own sandbox.
+constexpr std::array<std::string_view, 4> kTemplateCalls{"pipe2", "setpgid", "landlock_create_ruleset", "seccomp"};
+
 /// Calls from the first number on are newer than this list, so what they can do is not known. They fail as on a kernel
 /// that does not have them; callers fall back. The numbers are the same on all processors. The last number leaves room
 /// for the calls of many years.
@@ -186,18 +190,10 @@ private:
     bool complete_ = false;
 };
 
-bool denyCalls() {
-    CallFilter filter;
-    for (const char* const name : kDeniedCalls) {
-        const int number = ::seccomp_syscall_resolve_name(name);
-        // Skips calls that this processor architecture does not have.
-        if (number != __NR_SCMP_ERROR) {
-            filter.deny(number);
-        }
-    }
-    for (int number = kFirstUnknownCall; number <= kLastUnknownCall; ++number) {
-        filter.deny(number, ENOSYS);
-    }
+enum class Stage { Template, Worker };
+
+/// Adds what a worker must not do and its template must: starting processes, and what belongs to one process.
+void denyProcesses(CallFilter& filter) {
     // Allows threads, but not processes.
     filter.deny(SCMP_SYS(clone3), ENOSYS);
     filter.denyIf(SCMP_SYS(clone), argument(0, SCMP_CMP_MASKED_EQ, CLONE_THREAD, 0));
@@ -205,18 +201,37 @@ bool denyCalls() {
     const auto self = static_cast<scmp_datum_t>(::getpid());
     filter.denyIf(SCMP_SYS(kill), argument(0, SCMP_CMP_NE, self));
     filter.denyIf(SCMP_SYS(tgkill), argument(0, SCMP_CMP_NE, self));
+    for (const int command : kDeniedProcessCommands) {
+        filter.denyIf(SCMP_SYS(prctl), intArgument(0, command));
+    }
+}
+
+bool denyCalls(Stage stage) {
+    CallFilter filter;
+    for (const char* const name : kDeniedCalls) {
+        const bool needed = stage == Stage::Template &&
+                            std::find(kTemplateCalls.begin(), kTemplateCalls.end(), name) != kTemplateCalls.end();
+        const int number = ::seccomp_syscall_resolve_name(name);
+        // Skips calls that this processor architecture does not have.
+        if (!needed && number != __NR_SCMP_ERROR) {
+            filter.deny(number);
+        }
+    }
+    for (int number = kFirstUnknownCall; number <= kLastUnknownCall; ++number) {
+        filter.deny(number, ENOSYS);
+    }
     // The C library passes 0 for the calling process.
     filter.denyIf(SCMP_SYS(prlimit64), argument(0, SCMP_CMP_NE, 0));
     for (const int command : kDeniedFileCommands) {
         filter.denyIf(SCMP_SYS(fcntl), intArgument(1, command));
     }
-    for (const int command : kDeniedProcessCommands) {
-        filter.denyIf(SCMP_SYS(prctl), intArgument(0, command));
-    }
     filter.denyIf(SCMP_SYS(sendto), argument(4, SCMP_CMP_NE, 0));
     // RLIMIT_DATA counts private memory only.
     constexpr scmp_datum_t kSharedAnonymous = MAP_SHARED | MAP_ANONYMOUS;
     filter.denyIf(SCMP_SYS(mmap), argument(3, SCMP_CMP_MASKED_EQ, kSharedAnonymous, kSharedAnonymous));
+    if (stage == Stage::Worker) {
+        denyProcesses(filter);
+    }
     return filter.load();
 }
 
@@ -228,6 +243,16 @@ bool seccompExists() {
 void limit(__rlimit_resource resource, std::uint64_t value) {
     const rlimit both{value, value};
     ::setrlimit(resource, &both);
+}
+
+/// Sets what both kinds of process need.
+void prepare(const WorkerLimits& limits) {
+    ::tzset();  // reads a file
+    limit(RLIMIT_DATA, limits.memory);
+    limit(RLIMIT_NOFILE, limits.descriptors);
+    limit(RLIMIT_CORE, 0);
+    ::prctl(PR_SET_DUMPABLE, 0);
+    ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
 }
 
 constexpr const char* kNoLandlock = "no Landlock: a worker could open files by path";
@@ -258,19 +283,20 @@ void volunteerForOutOfMemory() {
 
 std::vector<std::string> enterSandbox(const WorkerLimits& limits, SandboxLayers layers) {
     std::vector<std::string> missing;
-    ::tzset();  // reads a file
-    limit(RLIMIT_DATA, limits.memory);
-    limit(RLIMIT_NOFILE, limits.descriptors);
-    limit(RLIMIT_CORE, 0);
-    ::prctl(PR_SET_DUMPABLE, 0);
-    ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+    prepare(limits);
     if (layers.landlock && !denyPaths()) {
         missing.emplace_back(kNoLandlock);
     }
-    if (layers.seccomp && !denyCalls()) {
+    if (layers.seccomp && !denyCalls(Stage::Worker)) {
         missing.emplace_back(kNoSeccomp);
     }
     return missing;
+}
+
+void enterTemplateSandbox(const WorkerLimits& limits) {
+    prepare(limits);
+    (void)denyPaths();
+    (void)denyCalls(Stage::Template);
 }
 
 std::vector<std::string> missingForSandbox() {

@@ -49,6 +49,10 @@ struct SandboxLayers {
 /// Skips protections that the kernel lacks and returns a phrase for each of them.
 std::vector<std::string> enterSandbox(const WorkerLimits& limits = {}, SandboxLayers layers = {});
 
+/// Confines the process from which workers are forked as enterSandbox() does, except that it can fork, make pipes and
+/// signal its user's processes (where Landlock does not deny it), and that its children can enter their own sandbox.
+void enterTemplateSandbox(const WorkerLimits& limits = {});
+
 /// Returns the phrases that enterSandbox() would return on this machine. Changes nothing.
 [[nodiscard]] std::vector<std::string> missingForSandbox();
 

@@ -2,60 +2,12 @@
 #include <csignal>
 #include <cstring>
 
-#include <fcntl.h>
-#include <poll.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <fmt/format.h>
 
 #include <MediaServer/Workers/WorkerPool.h>
 
 namespace krv::server {
-namespace {
-
-/// The descriptor at which the worker expects its end of the channel.
-constexpr int kChannelDescriptor = 3;
-
-/// Starts the program with its end of the channel. Returns -1 and sets errno if it cannot be started.
-pid_t spawn(const std::string& executable, std::uint64_t memoryLimit, int channelEnd) {
-    posix_spawn_file_actions_t files;
-    posix_spawn_file_actions_init(&files);
-    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        posix_spawn_file_actions_addopen(&files, stream, "/dev/null", O_RDWR, 0);
-    }
-    posix_spawn_file_actions_adddup2(&files, channelEnd, kChannelDescriptor);
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    // Signals that end a session reach whole process groups. The server decides what they mean for an operation.
-    sigset_t blocked;
-    sigemptyset(&blocked);
-    for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
-        sigaddset(&blocked, number);
-    }
-    posix_spawnattr_setsigmask(&attributes, &blocked);
-    posix_spawnattr_setpgroup(&attributes, 0);
-    sigset_t all;
-    sigfillset(&all);
-    posix_spawnattr_setsigdefault(&attributes, &all);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
-    const std::string server = std::to_string(::getpid());
-    const std::string memory = std::to_string(memoryLimit);
-    const char* const arguments[] = {executable.c_str(), server.c_str(), memory.c_str(), nullptr};
-    // The user's environment may contain secrets, which a decoder must not see.
-    char* const environment[] = {nullptr};
-    pid_t pid = -1;
-    const int failure =
-        ::posix_spawn(&pid, executable.c_str(), &files, &attributes, const_cast<char* const*>(arguments), environment);
-    posix_spawn_file_actions_destroy(&files);
-    posix_spawnattr_destroy(&attributes);
-    errno = failure;
-    return failure == 0 ? pid : -1;
-}
-
-}  // namespace
 
 bool Worker::isAlive() const {
     siginfo_t info{};
@@ -77,9 +29,8 @@ int Worker::end() {
 }
 
 WorkerPool::WorkerPool(std::string executable, unsigned spares, std::uint64_t memoryLimit)
-    : executable_(std::move(executable))
-    , spares_(spares)
-    , memoryLimit_(memoryLimit)
+    : spares_(spares)
+    , template_(std::move(executable), memoryLimit)
     , keeper_([this] { keep(); }) {}
 
 WorkerPool::~WorkerPool() {
@@ -91,21 +42,16 @@ WorkerPool::~WorkerPool() {
     keeper_.join();
 }
 
-std::unique_ptr<Worker> WorkerPool::start(std::string& failure) const {
+std::unique_ptr<Worker> WorkerPool::start(std::string& failure) {
     int ends[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
         failure = std::strerror(errno);
         return nullptr;
     }
     WorkerChannel channel{Descriptor(ends[0])};
-    Descriptor theirs(ends[1]);
-    // Descriptor 3 itself would stay closed on exec: dup2 onto the same number changes nothing.
-    if (theirs.get() == kChannelDescriptor) {
-        theirs.reset(::fcntl(theirs.get(), F_DUPFD_CLOEXEC, kChannelDescriptor + 1));
-    }
-    const pid_t pid = spawn(executable_, memoryLimit_, theirs.get());
+    const Descriptor theirs(ends[1]);
+    const pid_t pid = template_.forkWorker(theirs.get(), failure);
     if (pid < 0) {
-        failure = fmt::format("{}: {}", executable_, std::strerror(errno));
         return nullptr;
     }
     return std::make_unique<Worker>(pid, std::move(channel));
@@ -118,13 +64,14 @@ void WorkerPool::keep() {
             changed_.wait(mutex_);
             continue;
         }
+        const std::uint64_t before = taken_;
         mutex_.unlock();
         std::string failure;
         auto worker = start(failure);
         mutex_.lock();
         if (worker) {
             ready_.push_back(std::move(worker));
-        } else {
+        } else if (taken_ == before) {  // otherwise this attempt is older than what a caller waits for
             failure_ = std::move(failure);
         }
         changed_.notify_all();
@@ -138,6 +85,7 @@ std::unique_ptr<Worker> WorkerPool::take(std::string& failure) {
     std::deque<std::unique_ptr<Worker>> dead;  // reaped after unlocking
     const LockGuard lock(mutex_);
     failure_.clear();
+    ++taken_;
     ++waiting_;
     changed_.notify_all();
     std::unique_ptr<Worker> worker;

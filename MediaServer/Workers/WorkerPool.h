@@ -12,6 +12,7 @@
 #include <KRVQTProcessClient/Foundation/Mutex.h>
 
 #include <MediaServer/Protocol/WorkerChannel.h>
+#include <MediaServer/Workers/TemplateProcess.h>
 
 namespace krv::server {
 
@@ -36,13 +37,14 @@ private:
     pid_t pid_;
 };
 
-/// Keeps some idle workers ready, because starting one takes longer than many operations do.
+/// Keeps some idle workers ready, forked from a template process, so that an operation begins at once.
 ///
 /// A worker performs one operation and exits, and with it whatever a hostile file may have done to it. The pool's own
 /// thread starts the next one in the meantime. Thread-safe.
 class WorkerPool {
 public:
-    /// executable: path of the worker program. spares: how many idle workers to keep; they are started at once.
+    /// executable: path of the worker program, which is opened now. spares: how many idle workers to keep; they are
+    /// started at once.
     /// memoryLimit: bytes of writable memory per worker; 0 for a default that depends on the machine.
     WorkerPool(std::string executable, unsigned spares, std::uint64_t memoryLimit = 0);
     /// Kills the idle workers. All workers handed out by take() must already be destroyed.
@@ -59,20 +61,23 @@ public:
 
 private:
     void keep();
-    [[nodiscard]] std::unique_ptr<Worker> start(std::string& failure) const;
+    [[nodiscard]] std::unique_ptr<Worker> start(std::string& failure);
 
-    const std::string executable_;
     const unsigned spares_;
-    const std::uint64_t memoryLimit_;
+    /// Used by the keeper thread only.
+    TemplateProcess template_;
     mutable Mutex mutex_;
     std::condition_variable_any changed_;
     std::deque<std::unique_ptr<Worker>> ready_ KRV_GUARDED_BY(mutex_);
     unsigned waiting_ KRV_GUARDED_BY(mutex_) = 0;
+    /// How often take() has been called.
+    std::uint64_t taken_ KRV_GUARDED_BY(mutex_) = 0;
     /// Why the latest attempt to start a worker failed; empty if it succeeded.
     std::string failure_ KRV_GUARDED_BY(mutex_);
     bool stopping_ KRV_GUARDED_BY(mutex_) = false;
-    /// Starts every worker. The kernel kills a worker when the thread that started it exits, so one thread that runs as
-    /// long as the pool starts them all.
+    /// Has the template fork every worker. The kernel kills the template when the thread that started it exits, so one
+    /// thread that runs as long as the pool starts it. The workers' parent is the process's main thread, so they must not
+    /// outlive it.
     std::thread keeper_;
 };
 

@@ -1,5 +1,6 @@
 // A worker program that a hostile file has taken over. Its file name says what it sends. When the server has read that, it
 // creates a file of that name with ".read" appended. It never exits by itself.
+#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -13,13 +14,14 @@
 
 #include <MediaServer/Protocol/MediaRequest.h>
 #include <MediaServer/Protocol/WorkerChannel.h>
+#include <MediaServer/Worker/WorkerTemplate.h>
 
 namespace {
 
 using namespace krv;
 using namespace krv::server;
 
-constexpr int kChannel = 3;
+constexpr int kControl = 3;
 
 /// Sends what an honest worker of its request would not, after it has received the request.
 void report(const std::string& name, WorkerChannel& channel) {
@@ -44,20 +46,23 @@ void report(const std::string& name, WorkerChannel& channel) {
 
 }  // namespace
 
-int main(int, char** argv) {
+int main(int argc, char** argv) {
+    if (argc < 2) {
+        return 2;
+    }
     const std::string path = argv[0];
     const std::string name = path.substr(path.rfind('/') + 1);
-    krv::server::WorkerChannel channel{krv::server::Descriptor(kChannel)};
+    WorkerChannel channel(forkWorkers(static_cast<pid_t>(std::atol(argv[1])), Descriptor(kControl)));
     if (name == "HalfLength") {
-        [[maybe_unused]] const auto sent = ::write(kChannel, "\x10\0\0", 3);
+        [[maybe_unused]] const auto sent = ::write(channel.descriptor(), "\x10\0\0", 3);
     } else if (name == "HalfRecord") {
-        [[maybe_unused]] const auto sent = ::write(kChannel, "\x10\0\0\0bplist", 10);
+        [[maybe_unused]] const auto sent = ::write(channel.descriptor(), "\x10\0\0\0bplist", 10);
     } else if (name != "Silent") {
         report(name, channel);
     }
     for (int unread = 1; unread > 0;) {
         ::sched_yield();
-        if (::ioctl(kChannel, SIOCOUTQ, &unread) != 0) {
+        if (::ioctl(channel.descriptor(), SIOCOUTQ, &unread) != 0) {
             return 1;
         }
     }

@@ -2,6 +2,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -15,22 +16,41 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "TemporaryFolder.h"
 #include <MediaServer/Workers/WorkerPool.h>
 
 namespace krv::server {
 namespace {
 
-std::vector<pid_t> children() {
+std::string nameOf(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/comm");
+    std::string name;
+    std::getline(in, name);
+    return name;
+}
+
+/// Returns the child processes with this name.
+std::vector<pid_t> children(const std::string& name = "KRVMediaWorker") {
     std::vector<pid_t> pids;
     DIR* const tasks = ::opendir("/proc/self/task");
     while (const dirent* const entry = ::readdir(tasks)) {
         std::ifstream in("/proc/self/task/" + std::string(entry->d_name) + "/children");
         for (pid_t pid = 0; in >> pid;) {
-            pids.push_back(pid);
+            if (nameOf(pid) == name) {
+                pids.push_back(pid);
+            }
         }
     }
     ::closedir(tasks);
     return pids;
+}
+
+constexpr const char* kTemplate = "KRVTemplate";
+
+/// Waits until a child has exited and leaves it to be reaped.
+void waitForExit(pid_t pid) {
+    siginfo_t info{};
+    ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
 }
 
 std::string statusLine(pid_t pid, const std::string& key) {
@@ -65,14 +85,80 @@ TEST(Pool, ReplacesAWorkerThatIsTaken) {
     EXPECT_EQ(children().size(), 2U);
 }
 
+TEST(Pool, ForksItsWorkersFromOneTemplate) {
+    WorkerPool pool(KRV_WORKER, 2);
+    waitForReady(pool, 2);
+    EXPECT_EQ(children(kTemplate).size(), 1U);
+    std::string failure;
+    const auto worker = pool.take(failure);
+    ASSERT_NE(worker, nullptr) << failure;
+    waitForReady(pool, 2);
+    EXPECT_EQ(children(kTemplate).size(), 1U);
+}
+
+TEST(Pool, StartsAnotherTemplateWhenItsOwnHasDied) {
+    WorkerPool pool(KRV_WORKER, 1);
+    waitForReady(pool, 1);
+    const pid_t first = children(kTemplate).at(0);
+    ::kill(first, SIGKILL);
+    waitForExit(first);
+    std::vector<std::unique_ptr<Worker>> taken;
+    for (int i = 0; i < 3; ++i) {
+        std::string failure;
+        taken.push_back(pool.take(failure));
+        ASSERT_NE(taken.back(), nullptr) << failure;
+        EXPECT_TRUE(taken.back()->isAlive());
+    }
+    ASSERT_EQ(children(kTemplate).size(), 1U);
+    EXPECT_NE(children(kTemplate).at(0), first);
+}
+
+TEST(Pool, OutlivesItsProgram) {
+    const test::TemporaryFolder folder;
+    const auto program = folder.path() / "KRVMediaWorker";
+    for (const bool replaced : {false, true}) {
+        std::filesystem::copy_file(KRV_WORKER, program, std::filesystem::copy_options::overwrite_existing);
+        WorkerPool pool(program.string(), 1);
+        std::filesystem::remove(program);
+        if (replaced) {
+            folder.write("KRVMediaWorker", "not a program");
+        }
+        waitForReady(pool, 1);
+        const pid_t first = children(kTemplate).at(0);
+        ::kill(first, SIGKILL);
+        waitForExit(first);
+        for (int i = 0; i < 2; ++i) {
+            std::string failure;
+            EXPECT_NE(pool.take(failure), nullptr) << failure;
+        }
+    }
+}
+
+TEST(Pool, ItsTemplateIsConfined) {
+    WorkerPool pool(KRV_WORKER, 1);
+    waitForReady(pool, 1);
+    const pid_t pid = children(kTemplate).at(0);
+    EXPECT_EQ(statusLine(pid, "NoNewPrivs:"), "NoNewPrivs:\t1");
+    EXPECT_EQ(statusLine(pid, "Seccomp:"), "Seccomp:\t2");
+    EXPECT_EQ(::getpgid(pid), pid);
+    int adjustment = 0;
+    std::ifstream("/proc/" + std::to_string(pid) + "/oom_score_adj") >> adjustment;
+    EXPECT_EQ(adjustment, 500);
+}
+
+TEST(Pool, ItsWorkersAreChildrenOfThisProcess) {
+    WorkerPool pool(KRV_WORKER, 1);
+    waitForReady(pool, 1);
+    EXPECT_EQ(statusLine(children().at(0), "PPid:"), "PPid:\t" + std::to_string(::getpid()));
+}
+
 TEST(Pool, NeverReturnsADeadWorker) {
     WorkerPool pool(KRV_WORKER, 1);
     waitForReady(pool, 1);
     const auto spares = children();
     ASSERT_EQ(spares.size(), 1U);
     ::kill(spares[0], SIGKILL);
-    siginfo_t info{};
-    ::waitid(P_PID, static_cast<id_t>(spares[0]), &info, WEXITED | WNOWAIT);
+    waitForExit(spares[0]);
     std::string failure;
     const auto worker = pool.take(failure);
     ASSERT_NE(worker, nullptr) << failure;
@@ -105,6 +191,7 @@ TEST(Pool, KillsItsIdleWorkersWhenItIsDestroyed) {
         waitForReady(pool, 2);
     }
     EXPECT_TRUE(children().empty());
+    EXPECT_TRUE(children(kTemplate).empty());
 }
 
 TEST(Pool, CanBeDestroyedBeforeAllWorkersHaveStarted) {
@@ -112,6 +199,7 @@ TEST(Pool, CanBeDestroyedBeforeAllWorkersHaveStarted) {
         const WorkerPool pool(KRV_WORKER, 2);
     }
     EXPECT_TRUE(children().empty());
+    EXPECT_TRUE(children(kTemplate).empty());
 }
 
 TEST(Pool, ItsWorkersEnterTheSandbox) {

@@ -153,16 +153,26 @@ protected:
     }
     long residentKilobytes() const { return std::stol(processStatus("VmRSS:")); }
     /// Returns the process ids of all workers, idle and busy.
-    std::vector<pid_t> workers() const {
+    std::vector<pid_t> workers() const { return children("KRVMediaWorker"); }
+    /// Returns the process ids of the server's child processes with this name.
+    std::vector<pid_t> children(const std::string& name) const {
         std::vector<pid_t> pids;
         std::error_code gone;
         for (const auto& task : fs::directory_iterator(fmt::format("/proc/{}/task", process->pid()), gone)) {
             std::ifstream children(task.path() / "children");
             for (pid_t pid = 0; children >> pid;) {
-                pids.push_back(pid);
+                if (nameOf(pid) == name) {
+                    pids.push_back(pid);
+                }
             }
         }
         return pids;
+    }
+    static std::string nameOf(pid_t pid) {
+        std::ifstream in(fmt::format("/proc/{}/comm", pid));
+        std::string name;
+        std::getline(in, name);
+        return name;
     }
     /// Waits until a worker has one of the test movies open, and returns its process id.
     pid_t worker() const {

@@ -1,4 +1,5 @@
-// Workers that are killed at every stage of their work, 20 times or KRV_KILLS times, in the same way in every run.
+// Workers that are killed at every stage of their work, 20 times or KRV_KILLS times, in the same way in every run; and
+// the deaths of their template and of the server.
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
@@ -142,6 +143,44 @@ TEST_F(WorkerDeath, AtAnyStageFailsItsOwnOperationAtMost) {
     std::cout << "[ measured ] " << count << " kills: " << killed << " failed, " << cancelled << " cancelled, "
               << completed << " completed\n";
     EXPECT_GE(killed, count / 10);
+}
+
+TEST_F(WorkerDeath, OfTheTemplateFailsNothing) {
+    start();
+    waitUntil([this] { return workers().size() == 2; });
+    const auto templates = children("KRVTemplate");
+    ASSERT_EQ(templates.size(), 1U);
+    const std::string running = begin(std::string(KRV_TEST_MEDIA) + "/longer.mov", out("running.mp4"));
+    (void)worker();
+    ASSERT_EQ(::kill(templates[0], SIGKILL), 0);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(convert(movie(), out()), nullptr);
+    }
+    EXPECT_TRUE(waitForEnd(running)->completed());
+    waitUntil([this] { return workers().size() == 2; });
+    ASSERT_EQ(children("KRVTemplate").size(), 1U);
+    EXPECT_NE(children("KRVTemplate")[0], templates[0]);
+}
+
+TEST_F(WorkerDeath, FollowsTheServers) {
+    start();
+    waitUntil([this] { return workers().size() == 2; });
+    const std::string running = begin(std::string(KRV_TEST_MEDIA) + "/longer.mov", out());
+    std::vector<pid_t> all{worker()};
+    for (const pid_t pid : workers()) {
+        all.push_back(pid);
+    }
+    all.push_back(children("KRVTemplate").at(0));
+    process->signal(SIGKILL);
+    process->wait();
+    for (const pid_t pid : all) {
+        waitUntil([pid] {
+            std::ifstream in(fmt::format("/proc/{}/stat", pid));
+            const std::string stat{std::istreambuf_iterator<char>(in), {}};
+            return stat.empty() || stat.find(") Z ") != std::string::npos;
+        });
+    }
+    EXPECT_EQ(filesInOut(), 0U);
 }
 
 }  // namespace

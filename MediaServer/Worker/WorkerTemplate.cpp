@@ -1,0 +1,118 @@
+// How a worker is forked.
+//
+// Starting a worker as a program of its own costs a fifth of a second: the dynamic linker loads about 150 libraries. So one
+// process does that once, and each worker is a copy of it.
+//
+// A worker must be a child of the server, which waits for it and whose exit must kill it. clone(CLONE_PARENT) could do that
+// but leaves the C library with the thread id of the template. So the template forks an intermediate process, which
+// forks the worker, passes its process id back and exits. The server is a subreaper, so it becomes the worker's parent.
+// The worker waits until then: PR_SET_PDEATHSIG refers to the parent of the moment.
+//
+// All workers have the template's layout of memory. A hostile file that learns an address in one worker would know it in
+// the next. That is the price of the fork; the sandbox does not rely on secret addresses.
+//
+// Nothing that a worker sends reaches the template: a worker has neither end of the control channel and of the pipes.
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <MediaServer/Protocol/TemplateChannel.h>
+#include <MediaServer/Worker/WorkerTemplate.h>
+
+namespace krv::server {
+namespace {
+
+constexpr const char* kWorkerName = "KRVMediaWorker";
+
+struct Pipe {
+    Descriptor reading;
+    Descriptor writing;
+};
+
+bool open(Pipe& pipe) {
+    std::array<int, 2> ends{};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
+        return false;
+    }
+    pipe.reading.reset(ends[0]);
+    pipe.writing.reset(ends[1]);
+    return true;
+}
+
+/// Reads until the bytes are complete. Returns false at the end of the pipe.
+bool readAll(int pipe, void* bytes, std::size_t size) {
+    ssize_t count = 0;
+    while ((count = ::read(pipe, bytes, size)) < 0 && errno == EINTR) {
+    }
+    return count == static_cast<ssize_t>(size);
+}
+
+enum class Process { Template, Worker };
+
+/// Forks a worker and returns in both processes. In the template, workerOrError is set to what the server is told.
+Process forkWorker(pid_t server, std::int32_t& workerOrError) {
+    Pipe answer;
+    Pipe reparented;
+    if (!open(answer) || !open(reparented)) {
+        workerOrError = -errno;
+        return Process::Template;
+    }
+    const pid_t intermediate = ::fork();
+    if (intermediate == 0) {
+        ::prctl(PR_SET_NAME, kWorkerName);  // inherited, so that the worker never has another
+        const pid_t worker = ::fork();
+        if (worker == 0) {
+            answer = {};
+            reparented.writing.reset();
+            char none = 0;
+            (void)readAll(reparented.reading.get(), &none, sizeof none);
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (::getppid() != server) {
+                ::_exit(1);  // the server has exited
+            }
+            return Process::Worker;
+        }
+        const std::int32_t result = worker > 0 ? worker : -errno;
+        if (worker > 0) {
+            ::setpgid(worker, worker);
+        }
+        [[maybe_unused]] const auto written = ::write(answer.writing.get(), &result, sizeof result);
+        ::_exit(0);
+    }
+    if (intermediate < 0) {
+        workerOrError = -errno;
+        return Process::Template;
+    }
+    answer.writing.reset();
+    if (!readAll(answer.reading.get(), &workerOrError, sizeof workerOrError)) {
+        workerOrError = -EAGAIN;
+    }
+    while (::waitpid(intermediate, nullptr, 0) < 0 && errno == EINTR) {
+    }
+    return Process::Template;  // closes the pipe that the worker waits for
+}
+
+}  // namespace
+
+Descriptor forkWorkers(pid_t server, Descriptor control) {
+    TemplateChannel channel(std::move(control));
+    for (;;) {
+        Descriptor workerEnd = channel.receiveRequest();
+        if (!workerEnd) {
+            ::_exit(0);
+        }
+        std::int32_t workerOrError = 0;
+        if (forkWorker(server, workerOrError) == Process::Worker) {
+            return workerEnd;
+        }
+        channel.reply(workerOrError);
+    }
+}
+
+}  // namespace krv::server
