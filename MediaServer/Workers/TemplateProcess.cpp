@@ -110,8 +110,9 @@ void TemplateProcess::end() {
     if (pid_ <= 0) {
         return;
     }
-    ::kill(pid_, SIGKILL);
-    while (::waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+    // With its process group: if it has died while it was forking, its child has become ours.
+    ::kill(-pid_, SIGKILL);
+    while (::waitpid(-pid_, nullptr, 0) > 0 || errno == EINTR) {
     }
     pid_ = -1;
 }
