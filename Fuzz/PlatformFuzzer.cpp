@@ -2,6 +2,7 @@
 //
 //   's'  the kernel's socket diagnostics: four bytes of sequence number, then the reply
 //   'p'  a bundle's Info.plist: the key on a line of its own, then the XML
+//   'r'  a service record
 //   'a'  user defaults among a program's arguments: one argument a line
 #include <algorithm>
 #include <cstddef>
@@ -21,6 +22,7 @@
 #include <KRVQTProcessClient/Platform/DefaultsText.h>
 #include <KRVQTProcessClient/Platform/Linux/InfoPropertyList.h>
 #include <KRVQTProcessClient/Platform/Linux/SocketDiagnostics.h>
+#include <KRVQTProcessClient/Platform/ServiceRecord.h>
 
 namespace {
 
@@ -84,6 +86,14 @@ void attackArguments(std::string_view text) {
     }
 }
 
+/// What is read must be written to a text that reads the same.
+void attackServiceRecord(std::string_view text) {
+    if (const auto record = krv::parseServiceRecord(text)) {
+        require(record->port != 0 && record->pid > 0 && !record->name.empty());
+        require(krv::parseServiceRecord(krv::textOf(*record)) == record);
+    }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
@@ -97,6 +107,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
         return 0;
     case 'p':
         attackPropertyList(text);
+        return 0;
+    case 'r':
+        attackServiceRecord(text);
         return 0;
     case 'a':
         attackArguments(text);

@@ -4,7 +4,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 
-#include <KRVQTProcessClient/Foundation/MediaServerName.h>
+#include <KRVQTProcessClient/Platform/ServerIdentity.h>
 
 #include <MediaServer/Files/InstanceLock.h>
 
@@ -14,7 +14,7 @@ InstanceLock::Result InstanceLock::acquire(const std::filesystem::path& folder) 
     if (folder.empty()) {
         return Result::Failed;
     }
-    const auto path = folder / (std::string(kMediaServerName) + ".lock");
+    const auto path = folder / serverFileName(".lock");
     file_.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR));
     if (!file_) {
         return Result::Failed;

@@ -12,8 +12,10 @@
 #include <avahi-core/publish.h>
 #include <fmt/format.h>
 
+#include <KRVQTProcessClient/Foundation/MediaServerName.h>
 #include <KRVQTProcessClient/Platform/MulticastDNS/MulticastResponder.h>
 #include <KRVQTProcessClient/Platform/MulticastDNS/PublisherRecord.h>
+#include <KRVQTProcessClient/Platform/RuntimeFolder.h>
 
 #include <MediaServer/Front/ServicePublisher.h>
 #include <MediaServer/Operations/ServerLog.h>
@@ -98,7 +100,7 @@ private:
             return;
         }
         AvahiStringList* text = nullptr;
-        if (const auto self = ProcessTable::ofThisUser().process(::getpid())) {
+        if (const auto self = serviceRecordOfThisProcess(name_, port_)) {
             for (const std::string& entry : publisherRecord(*self)) {
                 text = avahi_string_list_add(text, entry.c_str());
             }
@@ -140,11 +142,24 @@ private:
 ServicePublisher::ServicePublisher(std::string name, std::uint16_t port)
     : name_(std::move(name))
     , port_(port)
-    , responder_(std::make_unique<Responder>(name_, port_)) {}
+    , responder_(std::make_unique<Responder>(name_, port_)) {
+    writeRecord();
+}
 
 ServicePublisher::~ServicePublisher() = default;
 
+void ServicePublisher::writeRecord() {
+    const auto record = serviceRecordOfThisProcess(name_, port_);
+    if (record) {
+        record_.reset();
+        record_ = std::make_unique<ServiceRecordFile>(runtimeFolder(kMediaServerName), *record);
+    }
+}
+
 void ServicePublisher::restartIfFailed() {
+    if (!record_ || !record_->isInPlace()) {
+        writeRecord();
+    }
     if (responder_->hasFailed()) {
         responder_.reset();
         responder_ = std::make_unique<Responder>(name_, port_);

@@ -47,8 +47,10 @@ public:
 
 /// Searches for services of one type on this machine.
 ///
-/// Finds only services that are published on the loopback interface. Reports a service under the name it was published
-/// with, even if a conflict has renamed it ("NAME #2"), and only if a process of this user listens on its port. While a
+/// Finds services that are published on the loopback interface and, for "_http._tcp." in "local.", the server of this
+/// user's service record. Reports a service under the name it was published with, even if a conflict has renamed it
+/// ("NAME #2"), and only if a process of this user listens on its port. Drops services of another pid namespace or major
+/// version. While a
 /// search has found no service, the browser reports an ended batch without a match after 2 s and then every 6 s. The
 /// search that follows such a report waits 6 s from the start.
 ///
@@ -67,8 +69,8 @@ public:
     /// For log lines.
     [[nodiscard]] virtual std::string description() const = 0;
 
-    /// Creates a browser over multicast DNS on the loopback interface. Never fails: where multicast does not work, its
-    /// searches find nothing.
+    /// Creates a browser over the service record and over multicast DNS on the loopback interface. Never fails: where
+    /// multicast does not work, its searches find only what has a record.
     [[nodiscard]] static std::shared_ptr<ServiceBrowser> make();
 };
 

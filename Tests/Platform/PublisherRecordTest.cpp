@@ -18,7 +18,21 @@ protected:
 };
 
 TEST_F(Publisher, RecordsItsProcess) {
-    EXPECT_EQ(publisherRecord({4711, "KRVQuicktimeProcess", 1000, 99}), (Text{"pid=4711", "start=99"}));
+    EXPECT_EQ(publisherRecord({"name", 8000, 4711, 99, 5, "1.2.3"}),
+              (Text{"pid=4711", "start=99", "pidns=5", "version=1.2.3"}));
+}
+
+TEST_F(Publisher, IsElsewhereInAnotherPidNamespace) {
+    EXPECT_TRUE(publisherIsElsewhere(Text{"pid=1", "pidns=5"}, 6));
+    EXPECT_FALSE(publisherIsElsewhere(Text{"pid=1", "pidns=5"}, 5));
+    for (const Text& text : {Text{}, Text{"pidns="}, Text{"pidns=x"}, Text{"pid=5"}}) {
+        EXPECT_FALSE(publisherIsElsewhere(text, 6));
+    }
+}
+
+TEST_F(Publisher, NamesItsVersion) {
+    EXPECT_EQ(publisherVersion(Text{"pid=1", "version=1.2"}), "1.2");
+    EXPECT_EQ(publisherVersion(Text{"pid=1", "version"}), "");
 }
 
 TEST_F(Publisher, IsAliveWhileItsProcessRuns) {
@@ -49,9 +63,10 @@ TEST_F(Publisher, WithAnotherRecordIsNotDead) {
 }
 
 TEST_F(Publisher, RecordOfThisProcessIsCorrect) {
-    const auto self = ProcessTable::ofThisUser().process(::getpid());
+    const auto self = serviceRecordOfThisProcess("name", 8000);
     ASSERT_TRUE(self);
     EXPECT_FALSE(publisherIsDead(publisherRecord(*self), ProcessTable::ofThisUser()));
+    EXPECT_FALSE(publisherIsElsewhere(publisherRecord(*self), pidNamespace()));
 }
 
 }  // namespace

@@ -29,11 +29,11 @@ TEST(ServerIdentity, AcceptsItsOwnMajorVersionOnly) {
 
 TEST(ServerIdentity, KnowsTheHeaderOfOurServer) {
     EXPECT_TRUE(isCompatibleServer(fmt::format("KRVQuicktimeProcess/{}", buildVersion())));
-    for (const std::string& text : {std::string(), std::string("KRVQuicktimeProcess"),
-                                    std::string("KRVQuicktimeProcess/"), std::string("KRVQuicktimeProcess/x"),
-                                    fmt::format("Krvquicktimeprocess/{}", buildVersion()),
-                                    fmt::format("KRVQuicktimeProcess {}", buildVersion()),
-                                    fmt::format("x KRVQuicktimeProcess/{}", buildVersion())}) {
+    for (const std::string& text :
+         {std::string(), std::string("KRVQuicktimeProcess"), std::string("KRVQuicktimeProcess/"),
+          std::string("KRVQuicktimeProcess/x"), fmt::format("Krvquicktimeprocess/{}", buildVersion()),
+          fmt::format("KRVQuicktimeProcess {}", buildVersion()),
+          fmt::format("x KRVQuicktimeProcess/{}", buildVersion())}) {
         EXPECT_FALSE(isCompatibleServer(text)) << text;
     }
 }

@@ -7,16 +7,22 @@
 #include <set>
 #include <thread>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <KRVQTProcessClient/Platform/Fakes/FakeRunLoop.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeServiceBrowser.h>
+#include <KRVQTProcessClient/Platform/ServerIdentity.h>
 #include <KRVQTProcessClient/Platform/ServiceBrowser.h>
+#include <KRVQTProcessClient/Platform/ServiceRecord.h>
 
 #include "ChildProcess.h"
 #include "Shell.h"
+#include "TemporaryFolder.h"
 
 namespace krv {
 namespace {
@@ -362,6 +368,102 @@ TEST_F(RealServiceBrowser, ASearchSurvivesTheEndOfItsThread) {
     EXPECT_TRUE(observer->reports.empty());
     search();
     EXPECT_TRUE(seen("one"));
+}
+
+/// A runtime folder of the test's own, a socket that listens, and a record of this process for it. Multicast does not
+/// work, so everything is found by the record.
+class RecordedService : public RealServiceBrowser {
+protected:
+    RecordedService() {
+        ::setenv("XDG_RUNTIME_DIR", folder_.path().c_str(), 1);
+        EXPECT_EQ(test::runShell("ip route add prohibit 224.0.0.0/4"), 0);
+        EXPECT_EQ(::listen(listener_, 1), 0);
+        sockaddr_in address{};
+        socklen_t size = sizeof address;
+        EXPECT_EQ(::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size), 0);
+        record = *serviceRecordOfThisProcess("recorded", ntohs(address.sin_port));
+    }
+    ~RecordedService() override {
+        browser->stop();
+        ::close(listener_);
+        EXPECT_EQ(test::runShell("ip route del prohibit 224.0.0.0/4"), 0);
+        ::unsetenv("XDG_RUNTIME_DIR");
+    }
+
+    void write() { file_ = std::make_unique<ServiceRecordFile>(folder_.path().string(), record); }
+    /// Returns whether a search that finds the record reports nothing.
+    bool isDropped() {
+        write();
+        observer->reports.clear();
+        search();
+        return world.turnUntil([&] { return !observer->reports.empty(); }) && observer->reports[0].empty;
+    }
+
+    ServiceRecord record;
+
+private:
+    const test::TemporaryFolder folder_;
+    const int listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    std::unique_ptr<ServiceRecordFile> file_;
+};
+
+TEST_F(RecordedService, IsReportedAndResolvesToItsPort) {
+    write();
+    search();
+    ASSERT_TRUE(seen("recorded"));
+    EXPECT_EQ(observer->silences(), 0U);
+    const auto service = observer->reports.back().service;
+    service->setDelegate(observer);
+    service->resolveWithTimeout(5s);
+    ASSERT_TRUE(world.turnUntil([&] { return observer->resolvedPort != 0; }));
+    EXPECT_EQ(observer->resolvedPort, record.port);
+}
+
+TEST_F(RecordedService, IsReportedWhenItsRecordAppearsDuringASearch) {
+    search();
+    EXPECT_TRUE(observer->reports.empty());
+    write();
+    // The first report is not that of a search that has found nothing.
+    ASSERT_TRUE(world.turnUntil([&] { return !observer->reports.empty(); }));
+    EXPECT_EQ(observer->reports[0].name, "recorded");
+}
+
+TEST_F(RecordedService, IsReportedOncePerSearch) {
+    search();
+    write();
+    write();
+    ASSERT_TRUE(seen("recorded"));
+    write();
+    search();
+    ASSERT_TRUE(world.turnUntil([&] { return observer->reports.size() >= 2; }));
+    EXPECT_EQ(observer->names(), (std::multiset<std::string>{"recorded", "recorded"}));
+}
+
+TEST_F(RecordedService, IsDroppedIfItsProcessHasExited) {
+    record.startTime += 1;
+    EXPECT_TRUE(isDropped());
+}
+
+TEST_F(RecordedService, IsDroppedIfItIsInAnotherPidNamespace) {
+    record.pidNamespace += 1;
+    EXPECT_TRUE(isDropped());
+}
+
+TEST_F(RecordedService, IsDroppedIfItIsOfAnotherMajorVersion) {
+    record.version = std::to_string(majorVersion(record.version) + 1) + ".0.0";
+    EXPECT_TRUE(isDropped());
+}
+
+TEST_F(RecordedService, IsDroppedIfNobodyListensOnItsPort) {
+    record.port = 1;
+    EXPECT_TRUE(isDropped());
+}
+
+TEST_F(RecordedService, IsNotReportedToASearchForAnotherType) {
+    write();
+    browser->searchForServicesOfType("_ipp._tcp.", kDomain);
+    ASSERT_TRUE(world.turnUntil([&] { return !observer->reports.empty(); }));
+    EXPECT_TRUE(observer->reports[0].empty);
 }
 
 TEST_F(RealServiceBrowser, WorksNextToADaemon) {

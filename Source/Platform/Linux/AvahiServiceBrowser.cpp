@@ -1,4 +1,9 @@
-// Service browsing with an embedded multicast-DNS responder.
+// Service browsing with two sources: the service record of a server that shares this user's runtime folder, and an
+// embedded multicast-DNS responder for all others.
+//
+// The record is read when a search starts and whenever one is moved into the folder, so that a new server is found
+// within milliseconds. Multicast DNS needs a second to establish a service, and may not repeat an answer within one.
+// Where it works, it reports the same service later; a search reports it once.
 //
 // libavahi-core has one lock. Our calls take it, and its callbacks run on its own thread with it held. A search's
 // events are passed to the run loop that started the search. There they are dropped if the search is no longer the
@@ -21,6 +26,7 @@
 // postpone the fallback again.
 #include <atomic>
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -30,10 +36,15 @@
 #include <avahi-core/lookup.h>
 #include <fmt/format.h>
 
+#include <KRVQTProcessClient/Foundation/MediaServerName.h>
 #include <KRVQTProcessClient/Foundation/Mutex.h>
 #include <KRVQTProcessClient/Platform/MulticastDNS/PublisherRecord.h>
+#include <KRVQTProcessClient/Platform/RuntimeFolder.h>
+#include <KRVQTProcessClient/Platform/ServerIdentity.h>
 #include <KRVQTProcessClient/Platform/ServiceBrowser.h>
+#include <KRVQTProcessClient/Platform/ServiceRecord.h>
 
+#include "FolderWatch.h"
 #include "LoopReach.h"
 #include "LoopbackResponder.h"
 #include "PublishedName.h"
@@ -46,6 +57,9 @@ using namespace std::chrono_literals;
 
 constexpr auto kFirstSilence = 2s;
 constexpr auto kNextSilence = 6s;
+/// What a server with a record publishes.
+constexpr std::string_view kRecordedType = "_http._tcp";
+constexpr std::string_view kRecordedDomain = "local";
 
 std::vector<std::string> entriesOf(AvahiStringList* text) {
     std::vector<std::string> entries;
@@ -56,9 +70,13 @@ std::vector<std::string> entriesOf(AvahiStringList* text) {
     return entries;
 }
 
-/// Returns whether a process of this user offers the service now.
+/// Returns whether a process of this user offers the service now, and offers it to us: it sees our processes, and is of
+/// our major version.
 bool isOffered(std::uint16_t port, const std::vector<std::string>& text) {
-    return port != 0 && userListensOnPort(port) && !publisherIsDead(text, ProcessTable::ofThisUser());
+    const std::string_view version = publisherVersion(text);
+    return port != 0 && !publisherIsElsewhere(text, pidNamespace()) &&
+           (version.empty() || isCompatibleVersion(version)) && userListensOnPort(port) &&
+           !publisherIsDead(text, ProcessTable::ofThisUser());
 }
 
 class FoundService final : public NetService, public std::enable_shared_from_this<FoundService> {
@@ -123,6 +141,8 @@ public:
                Clock::Duration firstSilence);
     /// responder: the one given to begin; null if it is already destroyed.
     void end(LoopbackResponder* responder);
+    /// Reads the service record and reports its server, if it is offered. Thread-safe.
+    void readRecord();
 
 private:
     enum class Resolution : std::uint8_t { Open, NotOurs, Reported };
@@ -143,6 +163,8 @@ private:
     void settled(Candidate& candidate, Resolution resolution, std::uint16_t port = 0,
                  std::vector<std::string> text = {});
     [[nodiscard]] bool someOpen() const;
+    /// Returns whether this search has not reported that service yet, and notes it.
+    [[nodiscard]] bool noteShown(const std::string& name, std::uint16_t port);
     void report(std::shared_ptr<NetService> service, bool moreComing);
     void reportSilence();
     void deliver(const std::shared_ptr<NetService>& service, bool moreComing);
@@ -154,16 +176,31 @@ private:
     AvahiSServiceBrowser* browser_ = nullptr;
     std::map<std::string, Candidate> candidates_;
     bool batchHasReports_ = false;
+    bool wantsRecord_ = false;
 
     Mutex mutex_;
     bool ended_ KRV_GUARDED_BY(mutex_) = false;
     bool shownAny_ KRV_GUARDED_BY(mutex_) = false;
+    /// What has been reported, so that two sources of one service report it once.
+    std::set<std::pair<std::string, std::uint16_t>> shown_ KRV_GUARDED_BY(mutex_);
     std::shared_ptr<RunLoop::Timer> silence_ KRV_GUARDED_BY(mutex_);
+};
+
+/// The search that the folder's watch informs. The watch must not refer to the browser, whose destructor joins it.
+struct Informed {
+    Mutex mutex;
+    std::weak_ptr<Search> search KRV_GUARDED_BY(mutex);
+
+    std::shared_ptr<Search> current() {
+        const LockGuard lock(mutex);
+        return search.lock();
+    }
 };
 
 class AvahiServiceBrowser final : public ServiceBrowser {
 public:
     ~AvahiServiceBrowser() override {
+        watch_.reset();
         endSearch();
         responder_.reset();
     }
@@ -184,6 +221,11 @@ public:
             const LockGuard lock(mutex_);
             current_ = search;
         }
+        {
+            const LockGuard lock(informed_->mutex);
+            informed_->search = search;
+        }
+        watchRecord();
         search->begin(responder_.get(), withoutFinalDot(type), withoutFinalDot(inDomain),
                       silent_ ? kNextSilence : kFirstSilence);
     }
@@ -217,6 +259,19 @@ private:
         return std::string(text);
     }
 
+    /// Watches the folder of the service record. The watch comes before the first reading, so that no record is missed.
+    void watchRecord() KRV_REQUIRES(searchMutex_) {
+        if (watch_ && !watch_->hasEnded()) {
+            return;
+        }
+        watch_ = FolderWatch::start(runtimeFolder(kMediaServerName), [informed = informed_](const std::string& name) {
+            const auto search = informed->current();
+            if (search && (name.empty() || name == serviceRecordFileName())) {
+                search->readRecord();
+            }
+        });
+    }
+
     void endSearch() {
         const LockGuard searching(searchMutex_);
         endSearchLocked();
@@ -236,6 +291,8 @@ private:
     /// Serialises the starting and stopping of searches. The responder's thread never takes it.
     Mutex searchMutex_;
     std::unique_ptr<LoopbackResponder> responder_;
+    const std::shared_ptr<Informed> informed_ = std::make_shared<Informed>();
+    std::unique_ptr<FolderWatch> watch_;
 
     Mutex mutex_;
     std::weak_ptr<ServiceBrowserDelegate> delegate_ KRV_GUARDED_BY(mutex_);
@@ -246,7 +303,9 @@ private:
 
 void Search::begin(LoopbackResponder* responder, const std::string& type, const std::string& domain,
                    Clock::Duration firstSilence) {
+    wantsRecord_ = type == kRecordedType && domain == kRecordedDomain;
     startSilenceTimer(firstSilence);
+    readRecord();
     if (!responder) {
         return;
     }
@@ -338,11 +397,28 @@ bool Search::someOpen() const {
 void Search::settled(Candidate& candidate, Resolution resolution, std::uint16_t port, std::vector<std::string> text) {
     candidate.resolution = resolution;
     const bool more = someOpen();
-    if (resolution == Resolution::Reported) {
+    std::string name = publishedName(candidate.name);
+    if (resolution == Resolution::Reported && noteShown(name, port)) {
         batchHasReports_ = more;
-        report(std::make_shared<FoundService>(publishedName(candidate.name), port, std::move(text)), more);
+        report(std::make_shared<FoundService>(std::move(name), port, std::move(text)), more);
     } else if (!more && std::exchange(batchHasReports_, false)) {
         report(nullptr, false);
+    }
+}
+
+bool Search::noteShown(const std::string& name, std::uint16_t port) {
+    const LockGuard lock(mutex_);
+    return shown_.emplace(name, port).second;
+}
+
+void Search::readRecord() {
+    const auto record = wantsRecord_ ? readServiceRecord(runtimeFolder(kMediaServerName)) : std::nullopt;
+    if (!record) {
+        return;
+    }
+    auto text = publisherRecord(*record);
+    if (isOffered(record->port, text) && noteShown(record->name, record->port)) {
+        report(std::make_shared<FoundService>(record->name, record->port, std::move(text)), false);
     }
 }
 

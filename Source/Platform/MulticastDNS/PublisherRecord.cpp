@@ -10,6 +10,8 @@ namespace {
 
 constexpr std::string_view kProcess = "pid=";
 constexpr std::string_view kStart = "start=";
+constexpr std::string_view kPidNamespace = "pidns=";
+constexpr std::string_view kVersion = "version=";
 
 template <typename Number>
 std::optional<Number> value(std::span<const std::string> text, std::string_view key) {
@@ -27,8 +29,9 @@ std::optional<Number> value(std::span<const std::string> text, std::string_view 
 
 }  // namespace
 
-std::vector<std::string> publisherRecord(const ProcessInfo& process) {
-    return {fmt::format("{}{}", kProcess, process.pid), fmt::format("{}{}", kStart, process.startTime)};
+std::vector<std::string> publisherRecord(const ServiceRecord& record) {
+    return {fmt::format("{}{}", kProcess, record.pid), fmt::format("{}{}", kStart, record.startTime),
+            fmt::format("{}{}", kPidNamespace, record.pidNamespace), fmt::format("{}{}", kVersion, record.version)};
 }
 
 bool publisherIsDead(std::span<const std::string> text, const ProcessTable& processes) {
@@ -39,6 +42,19 @@ bool publisherIsDead(std::span<const std::string> text, const ProcessTable& proc
     }
     const auto process = processes.process(*pid);
     return !process || process->startTime != *start;
+}
+
+bool publisherIsElsewhere(std::span<const std::string> text, std::uint64_t pidNamespace) {
+    return value<std::uint64_t>(text, kPidNamespace).value_or(pidNamespace) != pidNamespace;
+}
+
+std::string_view publisherVersion(std::span<const std::string> text) {
+    for (const std::string_view entry : text) {
+        if (entry.starts_with(kVersion)) {
+            return entry.substr(kVersion.size());
+        }
+    }
+    return {};
 }
 
 }  // namespace krv
