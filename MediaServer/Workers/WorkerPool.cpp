@@ -1,13 +1,65 @@
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
+#include <vector>
 
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <MediaServer/Workers/WorkerPool.h>
 
 namespace krv::server {
+namespace {
+
+/// A killed process is gone within milliseconds, unless it is blocked in the kernel.
+constexpr std::chrono::seconds kPatience{2};
+
+/// The killed processes that have not been reaped.
+class Leftovers {
+public:
+    void add(pid_t process) {
+        const LockGuard lock(mutex_);
+        processes_.push_back(process);
+    }
+    void reap() {
+        const LockGuard lock(mutex_);
+        std::erase_if(processes_, [](pid_t process) { return ::waitpid(process, nullptr, WNOHANG) != 0; });
+    }
+
+private:
+    Mutex mutex_;
+    std::vector<pid_t> processes_ KRV_GUARDED_BY(mutex_);
+};
+
+Leftovers& leftovers() {
+    static auto* const all = new Leftovers;  // never destroyed: threads may still end workers when the process exits
+    return *all;
+}
+
+/// Waits for a killed process. Returns false if it is still there after a moment.
+bool waitBriefly(pid_t process, int& status) {
+    const Descriptor end(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
+    const auto limit = std::chrono::steady_clock::now() + kPatience;
+    for (;;) {
+        const pid_t ended = ::waitpid(process, &status, WNOHANG);
+        if (ended > 0 || (ended < 0 && errno != EINTR)) {
+            return true;
+        }
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(limit - std::chrono::steady_clock::now());
+        if (left.count() <= 0) {
+            return false;
+        }
+        // Without a descriptor to wait for, it looks again every millisecond.
+        pollfd waiting{end.get(), POLLIN, 0};
+        ::poll(&waiting, 1, end ? static_cast<int>(left.count()) : 1);
+    }
+}
+
+}  // namespace
 
 bool Worker::isAlive() const {
     siginfo_t info{};
@@ -22,7 +74,10 @@ int Worker::end() {
     // A process that has exited keeps its status. One that has closed the channel is about to exit.
     int status = 0;
     ::kill(pid_, SIGKILL);
-    while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+    leftovers().reap();
+    if (!waitBriefly(pid_, status)) {
+        leftovers().add(pid_);
+        status = SIGKILL;
     }
     pid_ = -1;
     return status;

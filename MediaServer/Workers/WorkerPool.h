@@ -29,6 +29,9 @@ public:
     /// Returns whether the process is still running.
     [[nodiscard]] bool isAlive() const;
     /// Kills the process unless it has exited, and returns its status as from waitpid. Returns 0 after the first call.
+    ///
+    /// A process that is blocked on a drive that does not respond may stay for as long as the drive does. After a moment
+    /// it is left to itself and reported as killed; a later call, of any worker, reaps it.
     int end();
 
     WorkerChannel channel;

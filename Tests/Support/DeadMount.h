@@ -43,6 +43,11 @@ public:
 
     [[nodiscard]] bool isMounted() const { return mounted_; }
     [[nodiscard]] std::string file(const std::string& name) const { return (place_ / name).string(); }
+    /// Waits for a request and takes it without answering. Its process cannot be killed any more until respond().
+    void takeRequest() const {
+        std::array<char, FUSE_MIN_READ_BUFFER> request{};
+        [[maybe_unused]] const auto count = ::read(device_, request.data(), request.size());
+    }
     /// Fails all requests that wait, and all later ones.
     void respond() {
         if (device_ >= 0) {
