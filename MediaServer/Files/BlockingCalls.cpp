@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <exception>
 #include <optional>
 #include <system_error>
 #include <thread>
@@ -66,6 +67,8 @@ struct BlockingCalls::Running {
     Descriptor event;
     std::atomic<bool> wanted{true};
     std::atomic<State> state{State::Running};
+    /// What the call threw. Valid when it has returned.
+    std::exception_ptr thrown;
     std::shared_ptr<std::atomic<std::size_t>> abandoned;
 
     void tell() const {
@@ -73,10 +76,14 @@ struct BlockingCalls::Running {
         [[maybe_unused]] const auto written = ::write(event.get(), &one, sizeof one);
     }
     void perform() {
-        call([this] {
-            tell();
-            return wanted.load();
-        });
+        try {
+            call([this] {
+                tell();
+                return wanted.load();
+            });
+        } catch (...) {
+            thrown = std::current_exception();
+        }
         call = nullptr;
         auto expected = State::Running;
         if (state.compare_exchange_strong(expected, State::Returned)) {
@@ -97,6 +104,13 @@ struct BlockingCalls::Running {
         return false;
     }
 };
+
+BlockingCalls::End BlockingCalls::returned(const Running& running) {
+    if (running.thrown) {
+        std::rethrow_exception(running.thrown);
+    }
+    return End::Returned;
+}
 
 BlockingCalls::BlockingCalls(std::size_t mostAbandoned)
     : mostAbandoned_(mostAbandoned) {}
@@ -140,7 +154,7 @@ BlockingCalls::End BlockingCalls::run(Call call, const Waiting& waiting) {
             std::this_thread::yield();  // out of memory
         }
         if (running->state == Running::State::Returned) {
-            return End::Returned;
+            return returned(*running);
         }
         if (count > 0 && events[0].revents != 0) {
             std::uint64_t reports = 0;
@@ -156,10 +170,10 @@ BlockingCalls::End BlockingCalls::run(Call call, const Waiting& waiting) {
             grace = now + waiting.afterCancellation;
         }
         if (grace && now >= *grace) {
-            return running->abandon() ? End::Cancelled : End::Returned;
+            return running->abandon() ? End::Cancelled : returned(*running);
         }
         if (limit && now >= *limit) {
-            return running->abandon() ? End::TimedOut : End::Returned;
+            return running->abandon() ? End::TimedOut : returned(*running);
         }
         if (delay && now >= *delay) {
             delay.reset();

@@ -50,7 +50,8 @@ public:
     BlockingCalls(const BlockingCalls&) = delete;
     BlockingCalls& operator=(const BlockingCalls&) = delete;
 
-    /// Runs the call and waits for it. After a cancellation, report() returns false, and the call should return.
+    /// Runs the call and waits for it. After a cancellation, report() returns false, and the call should return. Throws
+    /// what the call throws, unless its thread has been abandoned.
     [[nodiscard]] End run(Call call, const Waiting& waiting);
 
     /// Returns how many abandoned threads have not ended yet.
@@ -59,6 +60,8 @@ public:
 private:
     struct Running;
 
+    /// Throws what the call threw.
+    [[nodiscard]] static End returned(const Running& running);
     [[nodiscard]] static bool start(const std::shared_ptr<Running>& running);
 
     const std::size_t mostAbandoned_;

@@ -2,6 +2,7 @@
 #include <csignal>
 #include <fstream>
 #include <future>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -65,6 +66,12 @@ TEST_F(Blocking, ACallThatReturnsIsDestroyedBeforeItsCallerGoesOn) {
               End::Returned);
     EXPECT_EQ(seen, 1);
     EXPECT_EQ(owned.use_count(), 1);
+    EXPECT_EQ(calls.abandoned(), 0U);
+}
+
+TEST_F(Blocking, WhatACallThrowsReachesItsCaller) {
+    EXPECT_THROW((void)calls.run([](const BlockingCalls::Report&) { throw std::bad_alloc(); }, {.limit = 20s}),
+                 std::bad_alloc);
     EXPECT_EQ(calls.abandoned(), 0U);
 }
 
