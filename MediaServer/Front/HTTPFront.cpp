@@ -22,6 +22,7 @@
 
 #include <KRVQTProcessClient/Foundation/MediaServerName.h>
 #include <KRVQTProcessClient/Platform/HTTPClient.h>
+#include <KRVQTProcessClient/Platform/ProcessTable.h>
 
 #include <MediaServer/Front/ConnectionAcceptor.h>
 #include <MediaServer/Front/HTTPFront.h>
@@ -79,6 +80,8 @@ MHD_Result respond(MHD_Connection* connection, unsigned status, const void* byte
     MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, type);
     static const std::string kServer = fmt::format("{}/{}", kMediaServerName, libraryVersion());
     MHD_add_response_header(response, MHD_HTTP_HEADER_SERVER, kServer.c_str());
+    static const std::string kPidNamespace = std::to_string(pidNamespace());
+    MHD_add_response_header(response, std::string(kPidNamespaceHeader).c_str(), kPidNamespace.c_str());
     const MHD_Result result = MHD_queue_response(connection, status, response);
     MHD_destroy_response(response);
     return result;

@@ -10,7 +10,8 @@
 
 namespace krv {
 
-/// The header with which a client tells the server the number of its pid namespace (see pidNamespace()), in decimal.
+/// The header with which client and server tell each other the number of their pid namespace (see pidNamespace()), in
+/// decimal.
 inline constexpr std::string_view kPidNamespaceHeader = "KRV-Pid-Namespace";
 
 /// One synchronous request to a server on this machine.
@@ -38,7 +39,8 @@ struct HTTPResponse {
 /// Uses no proxies, redirects, cookies, caches or signals. A port outside 1 to 65535 is a connection error. After
 /// connecting and before sending, checks that the peer's socket belongs to this process's user, else fails with a
 /// connection error. A response without the header "Server: KRVQuicktimeProcess/VERSION", with this build's major
-/// version, is a connection error too: another program listens on the port. Refuses response bodies over 64 MiB with an
+/// version, is a connection error too: another program listens on the port. So is one that names another pid namespace in
+/// the header kPidNamespaceHeader: that server cannot see this process. Refuses response bodies over 64 MiB with an
 /// error. Every request has the header
 /// kPidNamespaceHeader.
 ///

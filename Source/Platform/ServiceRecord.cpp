@@ -62,7 +62,8 @@ std::optional<ServiceRecord> parseServiceRecord(std::string_view text) {
         const std::string_view key = line.substr(0, equals);
         const std::string_view value = line.substr(equals + 1);
         if (!readLine(key, value, "name", record.name, given[0]) ||
-            !readLine(key, value, "port", record.port, given[1]) || !readLine(key, value, "pid", record.pid, given[2]) ||
+            !readLine(key, value, "port", record.port, given[1]) ||
+            !readLine(key, value, "pid", record.pid, given[2]) ||
             !readLine(key, value, "start", record.startTime, given[3]) ||
             !readLine(key, value, "pidns", record.pidNamespace, given[4]) ||
             !readLine(key, value, "version", record.version, given[5])) {

@@ -10,6 +10,7 @@
 
 #include <KRVQTProcessClient/Platform/Fakes/FakeHTTPClient.h>
 #include <KRVQTProcessClient/Platform/HTTPClient.h>
+#include <KRVQTProcessClient/Platform/ProcessTable.h>
 #include <KRVQTProcessClient/Platform/ServerIdentity.h>
 
 #include "ScriptedServerProcess.h"
@@ -154,6 +155,17 @@ TEST(HTTPClient, AResponseOfAnotherProgramIsAConnectionError) {
     }
     server.tell("server", "KRVQuicktimeProcess/" + std::string(buildVersion()));
     EXPECT_EQ(text(get(server.url()).body), "hello");
+}
+
+TEST(HTTPClient, AServerOfAnotherPidNamespaceIsAConnectionError) {
+    const std::string header(kPidNamespaceHeader);
+    ScriptedServerProcess server({"body", "hello", "header", header + ": " + std::to_string(pidNamespace())});
+    EXPECT_EQ(text(get(server.url()).body), "hello");
+    server.tell("header", "");
+    server.tell("header", header + ": " + std::to_string(pidNamespace() + 1));
+    const auto response = get(server.url());
+    EXPECT_EQ(response.body, std::nullopt);
+    EXPECT_THAT(response.error, Optional(HasSubstr("another pid namespace")));
 }
 
 TEST(HTTPClient, AnInformationalResponseDoesNotSpeakForTheFinalOne) {

@@ -45,7 +45,8 @@ TEST(ServiceRecord, RefusesWhatIsIncompleteOrInvalid) {
         return parseServiceRecord(text).has_value();
     };
     EXPECT_TRUE(with("8001", "65535"));
-    for (const char* port : {"", "0", "-1", "65536", "8001 ", " 8001", "+8001", "0x1F", "8001.0", "99999999999999999999"}) {
+    for (const char* port :
+         {"", "0", "-1", "65536", "8001 ", " 8001", "+8001", "0x1F", "8001.0", "99999999999999999999"}) {
         EXPECT_FALSE(with("8001", port)) << port;
     }
     for (const char* pid : {"0", "-4711", "2147483648", "self"}) {

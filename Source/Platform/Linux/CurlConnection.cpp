@@ -52,6 +52,7 @@ struct CurlConnection::Exchange {
     bool foreignPeer = false;
     /// Whether the response that is being received names our server.
     bool fromOurServer = false;
+    bool fromElsewhere = false;
     bool otherServer = false;
     bool tooLarge = false;
     bool noMemory = false;
@@ -149,7 +150,8 @@ std::string CurlConnection::errorText(CURLcode code, const Exchange& exchange, l
         return fmt::format("Could not connect to the server: port {} does not belong to this user.", port);
     }
     if (exchange.otherServer) {
-        return fmt::format("Could not connect to the server: port {} belongs to another program or version.", port);
+        return fmt::format("Could not connect to the server: port {} belongs to another program{}.", port,
+                           exchange.fromElsewhere ? " of another pid namespace" : " or version");
     }
     if (exchange.tooLarge || code == CURLE_FILESIZE_EXCEEDED) {
         return fmt::format("The response is longer than {} MiB.", kMaximumBody >> 20);
@@ -199,15 +201,18 @@ std::size_t CurlConnection::headerReceived(char* bytes, std::size_t size, std::s
     const std::string_view line(bytes, size * count);
     if (line.starts_with("HTTP/")) {
         exchange.fromOurServer = false;
+        exchange.fromElsewhere = false;
     } else if (const auto server = headerValue(line, "server")) {
         exchange.fromOurServer = isCompatibleServer(*server);
+    } else if (const auto pids = headerValue(line, "krv-pid-namespace")) {
+        exchange.fromElsewhere = *pids != std::to_string(pidNamespace());
     }
     if (line == "\r\n" || line == "\n") {
         long status = 0;
         curl_easy_getinfo(exchange.handle, CURLINFO_RESPONSE_CODE, &status);
         // The statuses 100 to 199 only precede the final response.
         if (status >= 200 && !exchange.response.body) {
-            if (!exchange.fromOurServer) {
+            if (!exchange.fromOurServer || exchange.fromElsewhere) {
                 exchange.otherServer = true;
                 return 0;  // ends the exchange
             }

@@ -13,6 +13,8 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
+#include <KRVQTProcessClient/Platform/ProcessTable.h>
+
 #include <MediaServer/Front/HTTPFront.h>
 #include <MediaServer/Front/RequestPolicy.h>
 
@@ -176,6 +178,11 @@ TEST_F(Front, NamesItselfInEveryResponse) {
     EXPECT_THAT(HTTPConnection(port).ask(post(archived(R::readyToProcessRequestOperation()))), HasSubstr(server));
     EXPECT_THAT(HTTPConnection(port).ask(post("not a record")), HasSubstr(server));
     EXPECT_THAT(HTTPConnection(port).ask("GET /elsewhere HTTP/1.1\r\nHost: localhost\r\n\r\n"), HasSubstr(server));
+}
+
+TEST_F(Front, NamesItsPidNamespaceInResponses) {
+    EXPECT_THAT(HTTPConnection(port).ask("GET /status HTTP/1.1\r\nHost: localhost\r\n\r\n"),
+                HasSubstr(fmt::format("\r\nKRV-Pid-Namespace: {}\r\n", pidNamespace())));
 }
 
 TEST_F(Front, RefusesABodyThatIsNotARecord) {
