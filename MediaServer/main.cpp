@@ -13,6 +13,7 @@
 
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 #include <KRVQTProcessClient/Platform/RuntimeFolder.h>
+#include <KRVQTProcessClient/Platform/StateFolder.h>
 
 #include <MediaServer/Files/BlockingCalls.h>
 #include <MediaServer/Files/InstalledProgram.h>
@@ -91,13 +92,13 @@ int main() {
     applyLoggingDefaults();
 
     InstanceLock lock;
-    switch (lock.acquire(runtimeFolder(kMediaServerName))) {
+    switch (lock.acquire(runtimeFolder(kMediaServerName), stateFolder(kMediaServerName))) {
     case InstanceLock::Result::Held:
         break;
     case InstanceLock::Result::TakenByAnother:
         return 0;  // the other server already serves this user
     case InstanceLock::Result::Failed:
-        fmt::print(stderr, "KRVQuicktimeProcess: no folder for the lock file\n");
+        fmt::print(stderr, "KRVQuicktimeProcess: {}\n", lock.failure());
         return 1;
     }
     BlockingCalls blockingCalls;

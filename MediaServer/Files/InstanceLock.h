@@ -1,22 +1,38 @@
 #pragma once
 
 #include <filesystem>
+#include <string>
 
 #include <MediaServer/Protocol/Descriptor.h>
 
 namespace krv::server {
 
-/// The lock that admits one server per user: on a file in the runtime folder. The kernel releases it when the process
-/// exits or is killed.
+/// The lock that admits one server per user and pid namespace. The kernel releases it when the process exits or is
+/// killed.
+///
+/// It is two locks, on a file in the runtime folder and on one in the state folder. When the user logs out, the runtime
+/// folder is removed, although a server that still has work goes on. The next log-in makes a new one, and without the
+/// second lock another server would start. The second file has the machine's id in its name, because a home folder may be
+/// shared by several machines. If there is no usable state folder, or its file system has no locks, the first lock is
+/// enough. An abstract socket would need no folder, but any user can take its name first.
+///
+/// Outside the machine's first pid namespace, the names of both files carry the namespace's number.
 class InstanceLock {
 public:
     enum class Result { Held, TakenByAnother, Failed };
 
-    /// Tries to take the lock, without waiting. folder: the runtime folder; empty is Failed.
-    [[nodiscard]] Result acquire(const std::filesystem::path& folder);
+    /// Tries to take the lock, without waiting. An empty runtimeFolder is Failed. stateFolder may be empty.
+    [[nodiscard]] Result acquire(const std::filesystem::path& runtimeFolder, const std::filesystem::path& stateFolder);
+
+    /// Returns a sentence for a person about the latest attempt that was Failed.
+    [[nodiscard]] const std::string& failure() const noexcept { return failure_; }
 
 private:
-    Descriptor file_;
+    [[nodiscard]] Result lock(const std::filesystem::path& path, Descriptor& file);
+
+    Descriptor session_;
+    Descriptor lasting_;
+    std::string failure_;
 };
 
 }  // namespace krv::server

@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include <KRVQTProcessClient/Platform/RuntimeFolder.h>
+#include <KRVQTProcessClient/Platform/StateFolder.h>
 
 namespace krv {
 namespace {
@@ -30,7 +31,17 @@ std::string runtimeFolder(std::string_view name) {
     }
     const std::string own = fmt::format("/tmp/{}-{}", name, ::getuid());
     ::mkdir(own.c_str(), S_IRWXU);
-    return isOurs(own) ? own : std::string();
+    if (isOurs(own)) {
+        return own;
+    }
+    // Another user has taken the name.
+    const std::string state = stateFolder(name);
+    if (state.empty()) {
+        return {};
+    }
+    const std::string lasting = state + "/runtime";
+    ::mkdir(lasting.c_str(), S_IRWXU);
+    return isOurs(lasting) ? lasting : std::string();
 }
 
 }  // namespace krv
