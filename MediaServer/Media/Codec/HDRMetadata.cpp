@@ -16,39 +16,39 @@ namespace {
 
 constexpr double kUsualPeak = 1000;
 
-const void* find(const AVStream& stream, const AVFrame& frame, AVPacketSideDataType inStream,
-                 AVFrameSideDataType inFrame, std::size_t& size) {
-    if (const void* data = av_stream_get_side_data(&stream, inStream, &size)) {
-        return data;
-    }
-    const AVFrameSideData* side = av_frame_get_side_data(&frame, inFrame);
-    size = side ? side->size : 0;
-    return side ? side->data : nullptr;
-}
-
-void store(AVStream& stream, AVPacketSideDataType type, const void* data, std::size_t size) {
-    if (data) {
-        std::memcpy(notNull(av_stream_new_side_data(&stream, type, size)), data, size);
-    }
-}
-
 long scaled(AVRational value, int unit) {
     return std::lround(av_q2d(value) * unit);
 }
 
 }  // namespace
 
+HDRMetadata::SideData HDRMetadata::find(const AVStream& stream, const AVFrame& frame, AVPacketSideDataType inStream,
+                                        AVFrameSideDataType inFrame) {
+    SideData found;
+    found.data = av_stream_get_side_data(&stream, inStream, &found.size);
+    if (found.data) {
+        return found;
+    }
+    const AVFrameSideData* const side = av_frame_get_side_data(&frame, inFrame);
+    return side ? SideData{side->data, side->size} : SideData{};
+}
+
+void HDRMetadata::store(AVStream& stream, AVPacketSideDataType type, const SideData& side) {
+    if (side.data) {
+        std::memcpy(notNull(av_stream_new_side_data(&stream, type, side.size)), side.data, side.size);
+    }
+}
+
 HDRMetadata::HDRMetadata(const AVStream& stream, const AVFrame& frame)
-    : mastering_(find(stream, frame, AV_PKT_DATA_MASTERING_DISPLAY_METADATA, AV_FRAME_DATA_MASTERING_DISPLAY_METADATA,
-                      masteringSize_))
-    , light_(find(stream, frame, AV_PKT_DATA_CONTENT_LIGHT_LEVEL, AV_FRAME_DATA_CONTENT_LIGHT_LEVEL, lightSize_)) {}
+    : mastering_(find(stream, frame, AV_PKT_DATA_MASTERING_DISPLAY_METADATA, AV_FRAME_DATA_MASTERING_DISPLAY_METADATA))
+    , light_(find(stream, frame, AV_PKT_DATA_CONTENT_LIGHT_LEVEL, AV_FRAME_DATA_CONTENT_LIGHT_LEVEL)) {}
 
 double HDRMetadata::peakLuminance() const {
-    const auto* light = static_cast<const AVContentLightMetadata*>(light_);
+    const auto* light = static_cast<const AVContentLightMetadata*>(light_.data);
     if (light && light->MaxCLL > 0) {
         return light->MaxCLL;
     }
-    const auto* mastering = static_cast<const AVMasteringDisplayMetadata*>(mastering_);
+    const auto* mastering = static_cast<const AVMasteringDisplayMetadata*>(mastering_.data);
     if (mastering && mastering->has_luminance && mastering->max_luminance.num > 0 && mastering->max_luminance.den > 0) {
         return av_q2d(mastering->max_luminance);
     }
@@ -62,8 +62,8 @@ void HDRMetadata::describeTo(AVCodecContext& encoder) const {
     const auto add = [&](const char* key, const std::string& value) {
         addToListOption(encoder.priv_data, "x265-params", key, value.c_str());
     };
-    if (mastering_) {
-        const auto& m = *static_cast<const AVMasteringDisplayMetadata*>(mastering_);
+    if (mastering_.data) {
+        const auto& m = *static_cast<const AVMasteringDisplayMetadata*>(mastering_.data);
         constexpr int kPoint = 50000;      // units of the coded message: 0.00002 of a coordinate
         constexpr int kLuminance = 10000;  // and 0.0001 cd/m²
         const auto& p = m.display_primaries;
@@ -76,15 +76,15 @@ void HDRMetadata::describeTo(AVCodecContext& encoder) const {
                             scaled(m.min_luminance, kLuminance)));
         }
     }
-    if (light_) {
-        const auto& level = *static_cast<const AVContentLightMetadata*>(light_);
+    if (light_.data) {
+        const auto& level = *static_cast<const AVContentLightMetadata*>(light_.data);
         add("max-cll", fmt::format("{},{}", level.MaxCLL, level.MaxFALL));
     }
 }
 
 void HDRMetadata::describeTo(AVStream& stream) const {
-    store(stream, AV_PKT_DATA_MASTERING_DISPLAY_METADATA, mastering_, masteringSize_);
-    store(stream, AV_PKT_DATA_CONTENT_LIGHT_LEVEL, light_, lightSize_);
+    store(stream, AV_PKT_DATA_MASTERING_DISPLAY_METADATA, mastering_);
+    store(stream, AV_PKT_DATA_CONTENT_LIGHT_LEVEL, light_);
 }
 
 int addToListOption(void* object, const char* option, const char* key, const char* value) {

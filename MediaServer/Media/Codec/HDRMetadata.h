@@ -20,10 +20,16 @@ public:
     void describeTo(AVStream& stream) const;
 
 private:
-    const void* mastering_ = nullptr;
-    std::size_t masteringSize_ = 0;
-    const void* light_ = nullptr;
-    std::size_t lightSize_ = 0;
+    struct SideData {
+        const void* data = nullptr;
+        std::size_t size = 0;
+    };
+    static SideData find(const AVStream& stream, const AVFrame& frame, AVPacketSideDataType inStream,
+                         AVFrameSideDataType inFrame);
+    static void store(AVStream& stream, AVPacketSideDataType type, const SideData& side);
+
+    SideData mastering_;
+    SideData light_;
 };
 
 /// Adds one entry to an encoder option that is itself a list of "key=value" entries. Returns FFmpeg's result.

@@ -1,6 +1,7 @@
 #include <array>
 #include <cstring>
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include "MediaTestKit.h"
@@ -107,6 +108,42 @@ TEST(Keeps, HighDynamicRangeInHEVC) {
         }
         EXPECT_EQ(mastering, "10000000/10000 34000/50000");
         EXPECT_EQ(light, "1000 400");
+    }
+}
+
+/// Returns what the container says of a stream's mastering display and content light, as numbers.
+std::string hdrOfContainer(const nlohmann::json& stream) {
+    std::string display, content;
+    for (const auto& data : stream.value("side_data_list", nlohmann::json::array())) {
+        if (text(data, "side_data_type") == "Mastering display metadata") {
+            const auto quotient = [&](const char* key) {
+                const std::string fraction = text(data, key);
+                return std::stod(fraction) / std::stod(fraction.substr(fraction.find('/') + 1));
+            };
+            display = fmt::format("red {:.3f} {:.3f} white {:.4f} {:.4f} light {:.3f} to {:.0f} ", quotient("red_x"),
+                                  quotient("red_y"), quotient("white_point_x"), quotient("white_point_y"),
+                                  quotient("min_luminance"), quotient("max_luminance"));
+        }
+        if (text(data, "side_data_type") == "Content light level metadata") {
+            content = "content " + text(data, "max_content") + " " + text(data, "max_average");
+        }
+    }
+    return display + content;
+}
+
+TEST(Keeps, HDRMetadataInTheContainer) {
+    struct Output {
+        const char* extension;
+        std::int32_t type;
+    };
+    for (const Output output :
+         {Output{"mp4", 2}, Output{"mov", 2}, Output{"mkv", 2}, Output{"mp4", 6}, Output{"mkv", 6}, Output{"webm", 5},
+          Output{"mkv", 5}, Output{"mp4", 5}, Output{"mov", 4}}) {
+        const auto movie =
+            convert({.source = testMedia("hdr.mp4"), .extension = output.extension, .type = output.type});
+        EXPECT_EQ(hdrOfContainer(Probe(movie).video()),
+                  "red 0.680 0.320 white 0.3127 0.3290 light 0.005 to 1000 content 1000 400")
+            << output.extension << ", type " << output.type;
     }
 }
 
