@@ -248,6 +248,24 @@ TEST(Keeps, TextSubtitles) {
     }
 }
 
+TEST(Keeps, TheTimesOfTextLinesThatOverlap) {
+    const OutputPath lines("srt");
+    writeFile(lines.path(), "1\n00:00:00,100 --> 00:00:01,900\nA sign\n\n2\n00:00:00,500 --> 00:00:00,900\nOne\n\n"
+                            "3\n00:00:01,000 --> 00:00:01,400\nTwo\n\n4\n00:00:01,500 --> 00:00:01,800\nThree\n\n");
+    const OutputPath source("mkv");
+    run({KRV_FFMPEG, "-v", "error", "-y", "-i", testMedia("plain.mov"), "-i", lines.path(), "-map", "0:v", "-map", "1",
+         "-c:v", "copy", "-c:s", "srt", source.path()});
+    for (const char* extension : {"mp4", "mov", "m4v", "mkv"}) {
+        const auto output = convert({.source = source.path(), .extension = extension, .type = 0});
+        const std::string shown =
+            run({KRV_FFMPEG, "-v", "quiet", "-i", output.path(), "-map", "0:s:0", "-f", "srt", "-"});
+        for (const char* start : {"00:00:00,500 -->", "00:00:01,000 -->", "00:00:01,500 -->"}) {
+            EXPECT_THAT(shown, testing::HasSubstr(start)) << extension;
+        }
+        EXPECT_LT(number(Probe(output).all().at("format"), "duration"), 2.1) << extension;
+    }
+}
+
 TEST(Keeps, TheTimeCode) {
     for (const char* extension : {"mov", "mp4"}) {
         for (const std::int32_t type : {0, 1}) {
