@@ -56,6 +56,10 @@ void OutputFile::writeHeader() {
     if (container_.extension == "mov" && hasCameraTags()) {
         av_dict_set(options.address(), "movflags", "+use_metadata_tags", AV_DICT_APPEND);
     }
+    if (container_.extension == "mp4" || container_.extension == "m4v") {
+        // FFmpeg calls FLAC in MPEG-4 experimental. It has been specified since 2016, and players support it.
+        format_->strict_std_compliance = FF_COMPLIANCE_EXPERIMENTAL;
+    }
     check(avformat_write_header(format_, options.address()), FailureCause::ContainerRefusesTracks,
           "writing the header");
 }

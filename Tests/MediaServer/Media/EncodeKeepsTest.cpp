@@ -266,6 +266,20 @@ TEST(Keeps, TheTimesOfTextLinesThatOverlap) {
     }
 }
 
+TEST(Keeps, LosslessAudioInMPEG4) {
+    const OutputPath source("mkv");
+    run({KRV_FFMPEG, "-v", "error", "-y", "-i", testMedia("plain.mov"), "-map", "0:v", "-map", "0:a:0", "-c:v", "copy",
+         "-c:a", "flac", source.path()});
+    for (const char* extension : {"mp4", "m4v"}) {
+        for (const bool flatten : {false, true}) {
+            const auto output =
+                convert({.source = source.path(), .extension = extension, .type = 0, .flatten = flatten});
+            EXPECT_EQ(text(Probe(output).audio(), "codec_name"), "flac") << extension;
+            EXPECT_EQ(packetHashes(output.path(), "a:0"), packetHashes(source.path(), "a:0")) << extension;
+        }
+    }
+}
+
 TEST(Keeps, TheTimeCode) {
     for (const char* extension : {"mov", "mp4"}) {
         for (const std::int32_t type : {0, 1}) {
