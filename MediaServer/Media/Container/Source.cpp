@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include <sys/stat.h>
 
@@ -104,6 +105,7 @@ void Source::open(int descriptor, const std::string& path) {
         throw Failure({.cause = FailureCause::NoTracks});
     }
 
+    adoptTagsOfOgg();
     duration_ = format_->duration == AV_NOPTS_VALUE ? 0 : std::max<std::int64_t>(format_->duration, 0);
     const std::int64_t start = format_->start_time == AV_NOPTS_VALUE ? 0 : format_->start_time;
     // The padding that MP3 encoders put in front of the audio is not a pause.
@@ -114,6 +116,27 @@ void Source::open(int descriptor, const std::string& path) {
     start_ = start + shift_;
     lastDts_.resize(format_->nb_streams);
     declaredSize_ = declaredSize(readAtDescriptor(descriptor), size_);
+}
+
+// Ogg stores the tags of a movie in its streams.
+void Source::adoptTagsOfOgg() {
+    if (std::strcmp(format_->iformat->name, "ogg") != 0 || av_dict_count(format_->metadata) > 0) {
+        return;
+    }
+    for (const AVMediaType kind : {AVMEDIA_TYPE_AUDIO, AVMEDIA_TYPE_VIDEO}) {
+        for (unsigned i = 0; i < format_->nb_streams; ++i) {
+            AVStream& stream = *format_->streams[i];
+            if (stream.codecpar->codec_type != kind || isCover(stream) || av_dict_count(stream.metadata) == 0) {
+                continue;
+            }
+            std::swap(format_->metadata, stream.metadata);
+            if (const AVDictionaryEntry* const language = av_dict_get(format_->metadata, "language", nullptr, 0)) {
+                av_dict_set(&stream.metadata, "language", language->value, 0);
+                av_dict_set(&format_->metadata, "language", nullptr, 0);
+            }
+            return;
+        }
+    }
 }
 
 void Source::throwIfUnreadable() const {

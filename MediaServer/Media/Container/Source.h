@@ -73,6 +73,7 @@ public:
 
 private:
     void open(int descriptor, const std::string& path);
+    void adoptTagsOfOgg();
     /// Throws Failure UnreadableSource if any transfer has failed so far.
     void throwIfUnreadable() const;
     void fixDiscontinuity(AVPacket& packet);

@@ -280,6 +280,24 @@ TEST(Keeps, LosslessAudioInMPEG4) {
     }
 }
 
+TEST(Keeps, TagsThatOggStoresInItsStreams) {
+    for (const char* extension : {"opus", "ogg"}) {
+        const OutputPath source(extension);
+        run({KRV_FFMPEG, "-v", "error", "-y", "-i", testMedia("plain.mov"), "-map", "0:a:0", "-metadata",
+             "title=A song", "-metadata", "artist=Somebody", "-metadata", "album=Record", "-metadata", "track=7",
+             "-metadata", "date=1999", source.path()});
+        for (const char* container : {"m4a", "mp4", "mp3", "flac", "mka", "mkv"}) {
+            const auto output = convert({.source = source.path(), .extension = container, .type = 7});
+            const Probe probe(output);
+            EXPECT_EQ(probe.tag("title"), "A song") << extension << " to " << container;
+            EXPECT_EQ(probe.tag("artist"), "Somebody") << extension << " to " << container;
+            EXPECT_EQ(probe.tag("album"), "Record") << extension << " to " << container;
+            EXPECT_EQ(probe.tag("track"), "7") << extension << " to " << container;
+            EXPECT_EQ(probe.tag("date"), "1999") << extension << " to " << container;
+        }
+    }
+}
+
 TEST(Keeps, TheTimeCode) {
     for (const char* extension : {"mov", "mp4"}) {
         for (const std::int32_t type : {0, 1}) {
