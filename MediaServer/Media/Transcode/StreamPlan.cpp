@@ -50,6 +50,7 @@ private:
             planData(index);
         }
         planCovers();
+        planAttachments();
         return std::move(plan_);
     }
 
@@ -150,6 +151,18 @@ private:
             const bool picture = codec == AV_CODEC_ID_MJPEG || codec == AV_CODEC_ID_PNG;
             if (isCover(stream) && picture && stream.attached_pic.size > 0) {
                 plan_.push_back({i, Treatment::Cover, nullptr});
+            }
+        }
+    }
+
+    /// Copies fonts and other files that subtitles refer to.
+    void planAttachments() {
+        if (container_.extension != "mkv") {
+            return;
+        }
+        for (std::size_t i = 0; i < source_.streamCount(); ++i) {
+            if (source_.stream(i).codecpar->codec_type == AVMEDIA_TYPE_ATTACHMENT) {
+                copy(i);
             }
         }
     }

@@ -298,6 +298,26 @@ TEST(Keeps, TagsThatOggStoresInItsStreams) {
     }
 }
 
+TEST(Keeps, FontsAndOtherAttachments) {
+    const OutputPath font("ttf");
+    writeFile(font.path(), std::string(5000, 'f'));
+    const OutputPath source("mkv");
+    run({KRV_FFMPEG, "-v", "error", "-y", "-i", testMedia("subtitles.mkv"), "-map", "0", "-c", "copy", "-attach",
+         font.path(), "-metadata:s:t", "mimetype=application/x-truetype-font", source.path()});
+    for (const std::int32_t type : {0, 1}) {
+        for (const bool flatten : {false, true}) {
+            const auto output =
+                convert({.source = source.path(), .extension = "mkv", .type = type, .flatten = flatten});
+            const auto attachments = Probe(output).streams("attachment");
+            ASSERT_EQ(attachments.size(), 1U);
+            EXPECT_EQ(tagOf(attachments[0], "mimetype"), "application/x-truetype-font");
+            EXPECT_EQ(number(attachments[0], "extradata_size"), 5000);
+        }
+    }
+    const auto movie = convert({.source = source.path(), .extension = "mp4", .type = 0});
+    EXPECT_EQ(Probe(movie).streams("attachment").size(), 0U);
+}
+
 TEST(Keeps, TheTimeCode) {
     for (const char* extension : {"mov", "mp4"}) {
         for (const std::int32_t type : {0, 1}) {
