@@ -318,6 +318,17 @@ TEST(Keeps, FontsAndOtherAttachments) {
     EXPECT_EQ(Probe(movie).streams("attachment").size(), 0U);
 }
 
+TEST(Keeps, NoTagThatPromisesTransparency) {
+    const OutputPath source("webm");
+    run({KRV_FFMPEG, "-v", "error", "-y", "-f", "lavfi", "-i", "testsrc2=size=160x120:rate=10:duration=1", "-c:v",
+         "libvpx-vp9", "-pix_fmt", "yuva420p", "-deadline", "realtime", source.path()});
+    ASSERT_EQ(tagOf(Probe(source).video(), "alpha_mode"), "1");
+    const auto encoded = convert({.source = source.path(), .extension = "webm", .type = 5});
+    EXPECT_EQ(tagOf(Probe(encoded).video(), "alpha_mode"), "");
+    const auto copied = convert({.source = source.path(), .extension = "webm", .type = 0});
+    EXPECT_EQ(tagOf(Probe(copied).video(), "alpha_mode"), "1");
+}
+
 TEST(Keeps, TheTimeCode) {
     for (const char* extension : {"mov", "mp4"}) {
         for (const std::int32_t type : {0, 1}) {
