@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <iterator>
 #include <memory>
 #include <string_view>
 
@@ -17,22 +18,19 @@
 namespace krv::media {
 namespace {
 
-bool isDefault(const AVStream& stream) {
-    return (stream.disposition & AV_DISPOSITION_DEFAULT) != 0;
-}
-
-/// Returns the enabled audio streams. The one whose language and title the mix gets comes first.
-std::vector<std::size_t> enabledAudio(const Source& source) {
-    auto found = usableStreams(source, AVMEDIA_TYPE_AUDIO);
-    const auto preferred = [&](std::size_t i) { return isDefault(source.stream(i)); };
-    // The demuxer of the mov family reports the "enabled" flag as "default". In other containers the default track is
-    // the preferred one among alternatives.
-    const bool flagMeansEnabled = std::string_view(source.format().iformat->name).starts_with("mov,");
-    if (flagMeansEnabled && std::any_of(found.begin(), found.end(), preferred)) {
-        found.erase(std::remove_if(found.begin(), found.end(), [&](auto i) { return !preferred(i); }), found.end());
+/// Returns the audio streams that are played at the same time. The mix gets the language and title of the first.
+std::vector<std::size_t> playedAudio(const Source& source) {
+    const auto found = usableStreams(source, AVMEDIA_TYPE_AUDIO);
+    std::vector<std::size_t> enabled;
+    std::copy_if(found.begin(), found.end(), std::back_inserter(enabled),
+                 [&](std::size_t i) { return (source.stream(i).disposition & AV_DISPOSITION_DEFAULT) != 0; });
+    // The demuxer of the mov family reports the "enabled" flag as "default". In other containers the tracks are
+    // alternatives, such as languages, of which the default one is played.
+    if (std::string_view(source.format().iformat->name).starts_with("mov,")) {
+        return enabled.empty() ? found : enabled;
     }
-    std::stable_partition(found.begin(), found.end(), preferred);
-    return found;
+    const auto one = defaultOrFirst(source, found);
+    return one ? std::vector{*one} : found;
 }
 
 const Codec& mixCodec(const Container& container) {
@@ -43,8 +41,8 @@ const Codec& mixCodec(const Container& container) {
 MovieReport run(const StereoMixRequest& request, Progress& progress) {
     const Container& container = containerForPath(request.destinationPath);
     Source source(request.source, request.sourcePath, progress);
-    const auto enabled = enabledAudio(source);
-    if (enabled.empty()) {
+    const auto played = playedAudio(source);
+    if (played.empty()) {
         throw Failure({.cause = FailureCause::NoAudioTrack});
     }
     OutputFile output(request.destination, container, progress);
@@ -60,22 +58,22 @@ MovieReport run(const StereoMixRequest& request, Progress& progress) {
         }
     }
 
-    const AVStream& first = source.stream(enabled.front());
-    const bool isStereoAlready = enabled.size() == 1 && isStereo(first.codecpar->ch_layout);
+    const AVStream& first = source.stream(played.front());
+    const bool isStereoAlready = played.size() == 1 && isStereo(first.codecpar->ch_layout);
     const bool copies = isStereoAlready && container.holds(first.codecpar->codec_id);
     const Settings settings;
     if (copies) {
-        pump.addCopy({enabled.front(), StreamPlan::Treatment::Copy});
+        pump.addCopy({played.front(), StreamPlan::Treatment::Copy});
     } else if (isStereoAlready) {
         pump.add(std::make_unique<AudioTranscoder>(source, first,
                                                    AudioTranscoder::Request{mixCodec(container), 0, settings}),
-                 enabled);
+                 played);
     } else {
         std::vector<const AVStream*> streams;
-        for (const std::size_t index : enabled) {
+        for (const std::size_t index : played) {
             streams.push_back(&source.stream(index));
         }
-        pump.add(std::make_unique<StereoMixTrack>(source, streams, mixCodec(container)), enabled);
+        pump.add(std::make_unique<StereoMixTrack>(source, streams, mixCodec(container)), played);
     }
     for (const StreamPlan& one : others) {
         if (!isVideo(one)) {
