@@ -14,6 +14,9 @@ constexpr std::int64_t kUnheardPause = 50'000;
 /// At a join audio is out of sync by at most half a packet, which must not be noticeable.
 constexpr std::int64_t kLongestPacket = 35'000;
 
+/// Below this frame rate of the first source, in frames per second, the highest one is used.
+constexpr double kSlideShow = 20;
+
 /// MPEG-4 Part 2 stores the number of ticks per second in 16 bits. Other encoders prefer small numbers, too.
 constexpr int kMostTicks = 65535;
 
@@ -99,6 +102,12 @@ private:
         const PlannedTrack& first = plan_.tracks.front();
         const TrackSurvey& model = *first.parts[first.model];
         AVRational rate = model.rate;
+        // A still picture or an animation in front must not make a slide show of the others.
+        for (const TrackSurvey* const part : first.parts) {
+            if (av_q2d(model.rate) < kSlideShow && part && av_cmp_q(part->rate, rate) > 0) {
+                rate = part->rate;
+            }
+        }
         av_reduce(&rate.num, &rate.den, rate.num, rate.den, kMostTicks);
         plan_.tick = first.kind == AVMEDIA_TYPE_VIDEO ? av_inv_q(rate) : AVRational{1, model.parameters->sample_rate};
     }

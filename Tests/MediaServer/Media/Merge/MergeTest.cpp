@@ -113,6 +113,20 @@ TEST(Merge, ManyCopiesOfAnOddLengthDoNotDriftApart) {
     }
 }
 
+TEST(Merge, ASlowFirstSourceDoesNotMakeASlideShowOfTheOthers) {
+    const OutputPath slow("mp4");
+    run({KRV_FFMPEG, "-v", "error", "-y", "-i", testMedia("plain.mov"), "-r", "5", "-frames:v", "10", "-an",
+         slow.path()});
+    const auto output = join({slow.path(), testMedia("plain.mov")});
+    EXPECT_NEAR(Probe(output).duration(), 4.0, 0.25);
+    EXPECT_NEAR(number(Probe(output).video(), "nb_read_frames"), 100, 5);
+    // An ordinary rate of the first source stays.
+    const OutputPath film("mp4");
+    run({KRV_FFMPEG, "-v", "error", "-y", "-i", testMedia("plain.mov"), "-r", "20", "-frames:v", "40", "-an",
+         film.path()});
+    EXPECT_NEAR(number(Probe(join({film.path(), testMedia("plain.mov")})).video(), "nb_read_frames"), 80, 4);
+}
+
 TEST(Merge, HoldsTheLastFrameAndAddsSilence) {
     for (const char* extension : {"mov", "mkv"}) {
         const auto output = join({"longsound.mov", "longvideo.mov", "longsound.mov"}, extension);
