@@ -7,8 +7,8 @@
 
 namespace krv::server {
 
-/// The lock that admits one server per user and pid namespace. The kernel releases it when the process exits or is
-/// killed.
+/// The lock that admits one server per user, major version and pid namespace. The kernel releases it when the process
+/// exits or is killed.
 ///
 /// It is two locks, on a file in the runtime folder and on one in the state folder. When the user logs out, the runtime
 /// folder is removed, although a server that still has work goes on. The next log-in makes a new one, and without the
@@ -16,7 +16,7 @@ namespace krv::server {
 /// shared by several machines. If there is no usable state folder, or its file system has no locks, the first lock is
 /// enough. An abstract socket would need no folder, but any user can take its name first.
 ///
-/// Outside the machine's first pid namespace, the names of both files carry the namespace's number.
+/// serverFileName() makes the names of both files.
 class InstanceLock {
 public:
     enum class Result { Held, TakenByAnother, Failed };

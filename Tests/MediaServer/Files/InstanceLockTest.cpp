@@ -6,7 +6,7 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
-#include <KRVQTProcessClient/Platform/ProcessTable.h>
+#include <KRVQTProcessClient/Platform/ServerIdentity.h>
 
 #include "OutputFixture.h"
 #include <MediaServer/Files/InstanceLock.h>
@@ -23,11 +23,7 @@ protected:
         fs::create_directory(state);
     }
     Result acquire(InstanceLock& lock) const { return lock.acquire(runtime, state); }
-    fs::path lockFile() const {
-        const bool first = pidNamespace() == kFirstPidNamespace;
-        return runtime /
-               (first ? "KRVQuicktimeProcess.lock" : fmt::format("KRVQuicktimeProcess-{}.lock", pidNamespace()));
-    }
+    fs::path lockFile() const { return runtime / serverFileName(".lock"); }
 
     test::TemporaryFolder folder;
     const fs::path runtime = folder.path() / "runtime";
@@ -86,6 +82,7 @@ TEST_F(Lock, OnSomethingElseThanAFileFailsAtOnceAndNamesIt) {
 TEST_F(Lock, OfAnotherPidNamespaceIsAnotherLock) {
     InstanceLock first;
     EXPECT_EQ(acquire(first), Result::Held);
+    const fs::path outside = lockFile();
     const pid_t outer = ::fork();
     if (outer == 0) {
         if (::unshare(CLONE_NEWPID) != 0) {
@@ -96,7 +93,7 @@ TEST_F(Lock, OfAnotherPidNamespaceIsAnotherLock) {
             InstanceLock lock;
             InstanceLock second;
             const bool own = acquire(lock) == Result::Held && acquire(second) == Result::TakenByAnother;
-            ::_exit(own && fs::exists(lockFile()) && lockFile().filename() != "KRVQuicktimeProcess.lock" ? 0 : 1);
+            ::_exit(own && fs::exists(lockFile()) && lockFile() != outside ? 0 : 1);
         }
         int status = 0;
         ::waitpid(inner, &status, 0);
