@@ -14,6 +14,7 @@
 #include <MediaServer/Media/MovieInfo.h>
 #include <MediaServer/Media/StereoMix.h>
 #include <MediaServer/Media/Thumbnails.h>
+#include <MediaServer/Media/Video/Poster.h>
 #include <MediaServer/Protocol/FailureSentence.h>
 #include <MediaServer/Protocol/MediaRequest.h>
 #include <MediaServer/Worker/MediaWork.h>
@@ -139,6 +140,8 @@ void merge(const Message& job, media::ProgressSink& progress, KRVOperationBase& 
         setResult(end, kResultSourcesTruncatedAt, std::move(truncated));
     }
 }
+
+static_assert(media::kLargestCover <= kLargestPoster, "the server accepts every poster that is passed on");
 
 /// Converts to a Date, which counts from the beginning of 2001.
 Date dateFromUnixTime(double seconds) {

@@ -18,8 +18,6 @@ struct Outcome {
     KRVOperationBase::Ref record;
 };
 
-/// The largest poster in bytes. A noisy one of the largest size in pixels has half as many.
-inline constexpr std::size_t kLargestPoster = std::size_t{8} << 20;
 /// The longest text of a description in bytes, except the path.
 inline constexpr std::size_t kLongestDescriptionText = 4096;
 

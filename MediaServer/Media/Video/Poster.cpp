@@ -105,7 +105,7 @@ private:
     double brightness_ = 0;
 };
 
-/// Returns the cover itself if it is a JPEG that can be decoded, otherwise the cover converted to JPEG.
+/// Returns the cover itself if it is a JPEG that can be decoded and not too large, otherwise the cover converted to JPEG.
 std::vector<std::uint8_t> coverOf(const Source& source) {
     for (std::size_t i = 0; i < source.streamCount(); ++i) {
         const AVStream& stream = source.stream(i);
@@ -120,7 +120,8 @@ std::vector<std::uint8_t> coverOf(const Source& source) {
         if (!picture) {
             continue;
         }
-        if (stream.codecpar->codec_id == AV_CODEC_ID_MJPEG) {
+        if (stream.codecpar->codec_id == AV_CODEC_ID_MJPEG &&
+            static_cast<std::size_t>(stream.attached_pic.size) <= kLargestCover) {
             return {stream.attached_pic.data, stream.attached_pic.data + stream.attached_pic.size};
         }
         return encodeJPEG(stream, std::move(picture), kLargestSide, kLargestSide);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -7,6 +8,9 @@
 #include <MediaServer/Media/Container/Source.h>
 
 namespace krv::media {
+
+/// The largest cover in bytes that is passed on as it is. A larger one is encoded again.
+inline constexpr std::size_t kLargestCover = std::size_t{8} << 20;
 
 /// Returns the poster of a movie as JPEG, or nothing if the movie has none.
 ///

@@ -117,6 +117,22 @@ TEST(Poster, IsTheCoverIfThereIsOne) {
     }
 }
 
+TEST(Poster, IsTheCoverEncodedAgainIfThatIsTooLarge) {
+    const OutputPath large("jpg");
+    const OutputPath album("m4a");
+    // What follows the end of a JPEG file is ignored, and is part of the cover.
+    writeFile(large.path(), readFile(corpus("cover.jpg")) + std::string(kLargestCover, '\0'));
+    (void)run({KRV_FFMPEG, "-v", "error", "-y", "-i", corpus("album.m4a"), "-i", large.path(), "-map", "0:a", "-map",
+               "1:v", "-c", "copy", "-disposition:v", "attached_pic", album.path()});
+    const MovieInfo info = infoOf(album.path());
+    EXPECT_GT(info.poster.size(), 100U);
+    EXPECT_LT(info.poster.size(), readFile(corpus("cover.jpg")).size() * 4);
+    const auto original = Probe(corpus("cover.jpg")).video();
+    const auto poster = Probe(posterOf(info).path()).video();
+    EXPECT_EQ(number(poster, "width"), number(original, "width"));
+    EXPECT_EQ(number(poster, "height"), number(original, "height"));
+}
+
 TEST(Poster, IsTheFirstFrameWorthShowing) {
     EXPECT_EQ(frameNumbers(posterOf(infoOf(corpus("h264.mp4"))).path()).at(0), 0);
 }
