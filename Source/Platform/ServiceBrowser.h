@@ -35,7 +35,7 @@ public:
     virtual void resolveWithTimeout(Clock::Duration timeout) = 0;
 };
 
-/// Receives the results of a search, on the run loop that started it.
+/// Receives the results of a search, on the main run loop.
 class ServiceBrowserDelegate {
 public:
     virtual ~ServiceBrowserDelegate() = default;
@@ -54,15 +54,14 @@ public:
 /// search has found no service, the browser reports an ended batch without a match after 2 s and then every 6 s. The
 /// search that follows such a report waits 6 s from the start.
 ///
-/// Thread-safe. A stop on a thread other than the one that runs the search's loop does not wait for a callback that has
-/// started there.
+/// Thread-safe. Delivers on the main run loop, whichever thread started the search. A stop on another thread does not
+/// wait for a callback that has started there.
 class KRV_EXPORT ServiceBrowser : public std::enable_shared_from_this<ServiceBrowser> {
 public:
     virtual ~ServiceBrowser();
     /// Borrows the delegate, which may be destroyed at any time.
     virtual void setDelegate(std::weak_ptr<ServiceBrowserDelegate> delegate) = 0;
-    /// Starts a search, such as ("_http._tcp.", "local."), on the calling thread's run loop. Stops a running search
-    /// first.
+    /// Starts a search, such as ("_http._tcp.", "local."). Stops a running search first.
     virtual void searchForServicesOfType(std::string_view type, std::string_view inDomain) = 0;
     /// Stops the search, if one is running.
     virtual void stop() = 0;

@@ -331,6 +331,26 @@ TEST_F(Discovery, AChangedServiceNameIsTheOneThatMatches) {
     EXPECT_EQ(discovery->servicePortNumber(), 8042);
 }
 
+TEST_F(Discovery, AnHourThatItsOwnThreadStartsLeavesThatThreadAlone) {
+    onMainThread = false;
+    otherLoop.performAfterDelay(0s, discovery, Selector("test"), [] { throw Exception("Test", "stop here"); });
+    thread();  // starts the first search and ends by the exception
+    const std::size_t pendingOnItsThread = otherLoop.pendingCount();
+    onMainThread = true;
+    for (int second = 1; second <= 3600; ++second) {
+        if (browser->isSearching()) {
+            browser->show({ours(8000)});
+        }
+        mainLoop.advanceBy(1s);
+        ASSERT_EQ(otherLoop.pendingCount(), pendingOnItsThread);
+    }
+    EXPECT_EQ(discovery->servicePortNumber(), 8000);
+    EXPECT_TRUE(http.requests().empty());
+    // About one notification a second.
+    EXPECT_GT(ports.size(), 3000U);
+    EXPECT_LE(ports.size(), 3601U);
+}
+
 TEST_F(Discovery, AnHourWithAHealthyServerLeavesNothingPending) {
     discovery->startSearch();
     std::size_t pendingAfterAMinute = 0;

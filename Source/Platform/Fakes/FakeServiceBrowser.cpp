@@ -24,7 +24,7 @@ void FakeServiceBrowser::searchForServicesOfType(std::string_view type, std::str
     stop();
     searches_.emplace_back(type, inDomain);
     searching_ = true;
-    loop_ = &RunLoop::current();
+    loop_ = &RunLoop::main();
     scheduleSilence(silent_ ? 6s : 2s);
 }
 

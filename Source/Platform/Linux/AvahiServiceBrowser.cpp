@@ -6,8 +6,9 @@
 // Where it works, it reports the same service later; a search reports it once.
 //
 // libavahi-core has one lock. Our calls take it, and its callbacks run on its own thread with it held. A search's
-// events are passed to the run loop that started the search. There they are dropped if the search is no longer the
-// current one, so on that loop's thread nothing is delivered after stop().
+// events are passed to the main run loop, whichever thread started the search, so that its owner has one thread to deal
+// with. There they are dropped if the search is no longer the current one, so on the main thread nothing is delivered
+// after stop().
 //
 // A name that is found means little. Its publisher may be dead (records stay in caches for minutes) or belong to
 // another user. So a service is resolved before it is reported. It is reported only if a process of this user listens
@@ -171,7 +172,7 @@ private:
     void startSilenceTimer(Clock::Duration interval);
 
     const std::weak_ptr<AvahiServiceBrowser> owner_;
-    const std::shared_ptr<LoopReach> loop_ = LoopReach::current();
+    const std::shared_ptr<LoopReach> loop_ = LoopReach::main();
     AvahiServer* server_ = nullptr;
     AvahiSServiceBrowser* browser_ = nullptr;
     std::map<std::string, Candidate> candidates_;
@@ -236,7 +237,7 @@ public:
         return fmt::format("<ServiceBrowser {}>", static_cast<const void*>(this));
     }
 
-    /// Passes an event to the delegate if the search is still the current one. Called on the search's loop.
+    /// Passes an event to the delegate if the search is still the current one. Called on the main loop.
     void deliver(const Search* search, const std::shared_ptr<NetService>& service, bool moreComing) {
         std::shared_ptr<ServiceBrowserDelegate> delegate;
         {

@@ -20,6 +20,10 @@ struct GivenOut {
 
 }  // namespace
 
+std::shared_ptr<LoopReach> LoopReach::main() {
+    return std::make_shared<LoopReach>(RunLoop::main());
+}
+
 std::shared_ptr<LoopReach> LoopReach::current() {
     RunLoop& loop = RunLoop::current();
     auto reach = std::make_shared<LoopReach>(loop);

@@ -12,6 +12,8 @@ class LoopReach {
 public:
     /// Returns the reference to the calling thread's loop.
     [[nodiscard]] static std::shared_ptr<LoopReach> current();
+    /// Returns a reference to the main thread's loop.
+    [[nodiscard]] static std::shared_ptr<LoopReach> main();
 
     explicit LoopReach(RunLoop& loop)
         : loop_(&loop) {}
