@@ -179,7 +179,7 @@ TEST_F(Endurance, AServerThatIsKilledTakesIdleWorkersAlong) {
     }
 }
 
-/// Measures the proportional set size of the idle server and its workers.
+/// Measures the proportional set size of the idle server, its workers and their template.
 TEST_F(Endurance, IdleServerAndPoolTakeLessThanFortyMegabytes) {
     if (::getuid() != 0) {
         GTEST_SKIP() << "only root may read the memory use of a sandboxed worker";
@@ -199,10 +199,12 @@ TEST_F(Endurance, IdleServerAndPoolTakeLessThanFortyMegabytes) {
     long total = 0;
     waitUntil([&] {
         total = proportional(process->pid());
-        for (const pid_t pid : workers()) {
-            total += proportional(pid);
+        for (const char* const name : {"KRVMediaWorker", "KRVTemplate"}) {
+            for (const pid_t pid : children(name)) {
+                total += proportional(pid);
+            }
         }
-        return workers().size() == 2 && total < 40'000;
+        return workers().size() == 2 && children("KRVTemplate").size() == 1 && total < 40'000;
     });
     std::cout << "[ measured ] " << total << " kB\n";
     EXPECT_GT(total, 1000);
