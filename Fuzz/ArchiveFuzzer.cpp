@@ -1,5 +1,5 @@
-// Attacks the archive reader. Whatever it accepts can also be written, described, copied and destroyed. A record that it
-// accepts is read back as the same record.
+// Attacks the archive reader. Whatever it accepts can also be written, described, copied and destroyed. A record that
+// it accepts is read back as the same record.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

@@ -50,8 +50,8 @@ public:
 
     explicit ServerProcess(Settings settings);
 
-    /// Serves until the server is to exit. signals: a signalfd for the signals that request it; borrowed. Returns the exit
-    /// status.
+    /// Serves until the server is to exit. signals: a signalfd for the signals that request it; borrowed. Returns the
+    /// exit status.
     [[nodiscard]] int run(int signals);
 
 private:

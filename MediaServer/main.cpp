@@ -31,7 +31,8 @@ constexpr std::string_view kIdleTimeoutKey = "idleTimeout";
 constexpr std::int64_t kDefaultIdleSeconds = 600;
 constexpr std::string_view kWorkerStallLimitKey = "workerStallLimit";
 constexpr std::int64_t kDefaultStallSeconds = 900;
-/// In MiB. The default is an equal share of the machine's memory for each worker that may run at the same time, at least
+/// In MiB. The default is an equal share of the machine's memory for each worker that may run at the same time, at
+/// least
 /// 1 GiB and at most 8 GiB.
 constexpr std::string_view kWorkerMemoryLimitKey = "workerMemoryLimit";
 

@@ -44,8 +44,8 @@ public:
     [[nodiscard]] std::optional<Failure> commit();
 
     /// The same in two steps, for work that may still be taken back. place() puts the file under its name and keeps the
-    /// old file. Until keep() is called, the destructor restores the old state. Where the file system cannot exchange two
-    /// files, a file that was replaced stays replaced.
+    /// old file. Until keep() is called, the destructor restores the old state. Where the file system cannot exchange
+    /// two files, a file that was replaced stays replaced.
     [[nodiscard]] std::optional<Failure> place();
     void keep();
 
@@ -66,7 +66,8 @@ private:
     Descriptor file_;
     /// The permission bits with which the file was created.
     mode_t createdMode_ = 0;
-    /// The permission bits of a new file in its place: 0666 less the umask, or what the folder's default access control list says.
+    /// The permission bits of a new file in its place: 0666 less the umask, or what the folder's default access control
+    /// list says.
     mode_t mode_ = 0;
     Placed placed_ = Placed::No;
     /// The hidden name in the destination's folder; empty if there is none on the disk.

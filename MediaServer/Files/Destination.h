@@ -43,9 +43,9 @@ private:
 
 /// Returns why the file of this name must not be replaced. Nothing if it may be, and if there is none.
 ///
-/// Only regular files are replaced. Replacing needs write access to the folder only, but users do not expect a file to be
-/// replaced that they could not write to. A file of another user in a sticky folder cannot be replaced at all.
-/// path: what messages call it.
+/// Only regular files are replaced. Replacing needs write access to the folder only, but users do not expect a file to
+/// be replaced that they could not write to. A file of another user in a sticky folder cannot be replaced at all. path:
+/// what messages call it.
 [[nodiscard]] std::optional<Failure> refusalToReplace(int folder, const std::string& name, const std::string& path);
 
 /// Opens a folder for reading, so that it can be flushed, or as a path only (O_PATH) if it cannot be listed. base: the

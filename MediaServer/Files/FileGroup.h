@@ -31,8 +31,8 @@ public:
     /// Returns null and sets failure on failure.
     [[nodiscard]] static std::unique_ptr<FileGroup> open(int folder, const std::string& path,
                                                          std::optional<Failure>& failure);
-    /// Takes back everything unless keep() was called, and removes the hidden folder. If an old file cannot be put back,
-    /// it stays in the hidden folder and the next start tries again.
+    /// Takes back everything unless keep() was called, and removes the hidden folder. If an old file cannot be put
+    /// back, it stays in the hidden folder and the next start tries again.
     ~FileGroup();
     FileGroup(const FileGroup&) = delete;
     FileGroup& operator=(const FileGroup&) = delete;
@@ -42,8 +42,8 @@ public:
     [[nodiscard]] Descriptor create(const std::string& name, std::optional<Failure>& failure);
     /// Writes one file's contents to the disk. flush() is needed as well. Returns the failure, if any.
     [[nodiscard]] std::optional<Failure> flushContents(const std::string& name);
-    /// Flushes everything on the file system to the disk: for many files, this is much faster than to flush each, but it
-    /// shows no life. Returns the failure, if any.
+    /// Flushes everything on the file system to the disk: for many files, this is much faster than to flush each, but
+    /// it shows no life. Returns the failure, if any.
     [[nodiscard]] std::optional<Failure> flush();
     /// Puts a file under its name. Returns the failure, if any.
     [[nodiscard]] std::optional<Failure> place(const std::string& name);

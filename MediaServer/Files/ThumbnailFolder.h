@@ -32,8 +32,8 @@ public:
     /// Makes the files. record: the worker's; its `result` has under "thumbnails" an array of dictionaries with "time",
     /// "offset" and "length", which this function replaces by dictionaries with "path" and "time".
     ///
-    /// onProgress is called on this thread at least once per file and returns whether to continue. Returns true when all
-    /// files are in place. Otherwise none has appeared, and failure is set unless onProgress ended the work.
+    /// onProgress is called on this thread at least once per file and returns whether to continue. Returns true when
+    /// all files are in place. Otherwise none has appeared, and failure is set unless onProgress ended the work.
     [[nodiscard]] bool commit(KRVOperationBase& record, const std::function<bool()>& onProgress,
                               std::optional<Failure>& failure);
 

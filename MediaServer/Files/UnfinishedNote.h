@@ -26,8 +26,8 @@ public:
     /// Unlocks the note and leaves it to the next start.
     void leave();
 
-    /// Calls the function with the path in each note that no living server uses, and removes the note if it returns true.
-    /// Only paths whose last part is a hidden name are passed on. Notes that are not regular files are ignored.
+    /// Calls the function with the path in each note that no living server uses, and removes the note if it returns
+    /// true. Only paths whose last part is a hidden name are passed on. Notes that are not regular files are ignored.
     static void sweep(const std::function<bool(const std::string& hiddenPath)>& clean);
 
     /// Returns a new name for a hidden file or folder.

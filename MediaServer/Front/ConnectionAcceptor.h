@@ -10,8 +10,8 @@ namespace krv::server {
 
 /// Accepts connections on a thread of its own and refuses those of other users.
 ///
-/// A connection of another user gets a response with status 403 and is closed, whatever it sends or does not send. So it
-/// occupies no place among the connections that are served.
+/// A connection of another user gets a response with status 403 and is closed, whatever it sends or does not send. So
+/// it occupies no place among the connections that are served.
 class ConnectionAcceptor {
 public:
     struct Handlers {

@@ -35,8 +35,8 @@ public:
     /// Closes connections whose current request, headers or body, has been arriving for more than 10 s. A connection
     /// without a request is merely idle. Call this every second or two.
     void dropSlowSenders();
-    /// Stops accepting connections, waits until the responses that are being sent have arrived (at most 3 s), and closes
-    /// every connection. All replies must have been given.
+    /// Stops accepting connections, waits until the responses that are being sent have arrived (at most 3 s), and
+    /// closes every connection. All replies must have been given.
     void stop();
 
 private:

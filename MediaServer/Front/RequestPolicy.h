@@ -50,8 +50,8 @@ struct Verdict {
 
 /// Decides whether to serve a request. Pure.
 ///
-/// Requests whose end two parsers could see in different places are refused: what one takes for the body, the other would
-/// carry out as the next request. So are requests of web pages. A page's request has an Origin, or a
+/// Requests whose end two parsers could see in different places are refused: what one takes for the body, the other
+/// would carry out as the next request. So are requests of web pages. A page's request has an Origin, or a
 /// Sec-Fetch-Site that names another site, or after DNS rebinding another Host.
 [[nodiscard]] Verdict judge(const RequestHead& head);
 

@@ -16,14 +16,15 @@ struct StereoMixRequest {
     std::string destinationPath;  ///< its extension names the container
 };
 
-/// Writes the movie with the audio tracks that are played mixed down to one stereo track (see stereoMatrix()), limited to
+/// Writes the movie with the audio tracks that are played mixed down to one stereo track (see stereoMatrix()), limited
+/// to
 /// -1 dB of full scale. All other tracks are copied bit for bit.
 ///
 /// Of the mov family, all enabled tracks are played, or all if none is enabled. In other containers the tracks are
 /// alternatives: the default one is played, or the first if there is none. The stereo track is AAC, or the container's
-/// default codec if the container cannot hold AAC. It keeps the language and title of the first track that is played. If
-/// the only one is already stereo, it is copied too. If the container cannot hold its codec, it is encoded without mixing or limiting. A
-/// container for audio receives the stereo track only.
+/// default codec if the container cannot hold AAC. It keeps the language and title of the first track that is played.
+/// If the only one is already stereo, it is copied too. If the container cannot hold its codec, it is encoded without
+/// mixing or limiting. A container for audio receives the stereo track only.
 ///
 /// Threads and failures are those of encode(). A movie without audio fails with NoAudioTrack, and one whose video the
 /// container cannot hold with ContainerCannotHold.

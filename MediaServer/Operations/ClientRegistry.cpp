@@ -12,8 +12,8 @@ std::optional<ClientKey> ClientRegistry::identify(std::int64_t pid, bool* undeci
     }
     const auto process = processes_.process(static_cast<pid_t>(pid));
     if (!process) {
-        // No process has started at the beginning of time, so this asks only whether there is one, and whether the table
-        // can be read.
+        // No process has started at the beginning of time, so this asks only whether there is one, and whether the
+        // table can be read.
         if (undecided) {
             *undecided = !processes_.hasExited(static_cast<pid_t>(pid), 0);
         }

@@ -25,8 +25,8 @@ public:
     explicit ClientRegistry(const ProcessTable& processes = ProcessTable::system())
         : processes_(processes) {}
 
-    /// Returns the living process of this user with that id, or nothing. undecided: set if there may be such a process, but
-    /// the process table cannot be read (this process is out of descriptors).
+    /// Returns the living process of this user with that id, or nothing. undecided: set if there may be such a process,
+    /// but the process table cannot be read (this process is out of descriptors).
     [[nodiscard]] std::optional<ClientKey> identify(std::int64_t pid, bool* undecided = nullptr) const;
 
     void setRegistered(const ClientKey& client, bool registered);

@@ -20,11 +20,11 @@ struct MediaWorkflow {
     /// flushes the output and puts it under its name. Blocks until then. A cancellation or failure before the last step
     /// leaves the old destination whole.
     ///
-    /// If the files cannot be opened within 20 s, the operation fails. A cancellation does not wait for them. onDelay is
-    /// called on this thread if they are not open promptly.
+    /// If the files cannot be opened within 20 s, the operation fails. A cancellation does not wait for them. onDelay
+    /// is called on this thread if they are not open promptly.
     ///
-    /// onProgress is called on this thread with the worker's fraction in [0, 1], and repeatedly with 1 while the output is
-    /// flushed and put in place. Thread-safe.
+    /// onProgress is called on this thread with the worker's fraction in [0, 1], and repeatedly with 1 while the output
+    /// is flushed and put in place. Thread-safe.
     [[nodiscard]] Outcome perform(const KRVOperationBase::Ref& request, const Cancellation& cancellation,
                                   const std::function<void(double)>& onProgress,
                                   const std::function<void()>& onDelay) const;

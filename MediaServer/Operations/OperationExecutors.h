@@ -13,8 +13,8 @@ namespace krv::server {
 /// The threads that carry out the ledger's media operations, each one operation after another.
 ///
 /// There are some for long operations, and one more for short ones, so that the description of a movie never waits
-/// behind conversions. A thread whose operation waits for something other than its worker, such as a drive that does not
-/// respond, is replaced by another one. It carries its operation out and ends.
+/// behind conversions. A thread whose operation waits for something other than its worker, such as a drive that does
+/// not respond, is replaced by another one. It carries its operation out and ends.
 class OperationExecutors {
 public:
     /// Carries out one operation on an executor thread. Must not throw. Calls onDelay on that thread, at most once, if

@@ -39,8 +39,8 @@ public:
     static constexpr std::size_t kLongestQueue = 1000;
     /// Waiting requests may take this many bytes. More are refused.
     static constexpr std::size_t kQueueBudget = std::size_t{256} << 20;
-    /// Finished entries may take this many bytes. If they take more, the oldest of those whose result a client has fetched
-    /// are dropped first, then the oldest of those that a client knows to have ended, then the oldest.
+    /// Finished entries may take this many bytes. If they take more, the oldest of those whose result a client has
+    /// fetched are dropped first, then the oldest of those that a client knows to have ended, then the oldest.
     static constexpr std::size_t kResultBudget = std::size_t{256} << 20;
     /// What an entry costs besides its records, in bytes.
     static constexpr std::size_t kEntryCost = 2048;
@@ -107,8 +107,8 @@ public:
     /// Drops an entry, after cancelling it if it has not ended. Returns false for an unknown identifier.
     bool remove(const std::string& id);
     void removeAllOf(const ClientKey& client);
-    /// Drops entries that finished long enough ago. Returns the clients that have lost their last entry since the previous
-    /// call, for whatever reason.
+    /// Drops entries that finished long enough ago. Returns the clients that have lost their last entry since the
+    /// previous call, for whatever reason.
     std::vector<ClientKey> removeOld();
     /// Refuses new media operations and fails the waiting ones, with the code that makes their clients retry.
     void close();

@@ -1,7 +1,7 @@
 // How media code is confined.
 //
-// A decoder that a hostile file has taken over can do whatever its process may do. A worker needs little: its descriptors
-// (the sources, the unnamed output, the channel to the server), memory, threads and time. Therefore:
+// A decoder that a hostile file has taken over can do whatever its process may do. A worker needs little: its
+// descriptors (the sources, the unnamed output, the channel to the server), memory, threads and time. Therefore:
 //
 //   - no_new_privs: an executed program could not gain privileges. (None can be executed.)
 //   - Landlock, with a rule set that has no rule: every access to the file system by path is denied, whatever the user
@@ -18,8 +18,8 @@
 //     the operation.
 //
 // The filter lists what is denied, not what is allowed. A list of allowed calls would be easier to reason about. But
-// codecs and the C library make different calls on different processors and in different versions, and each call missing
-// from the list would be a movie that cannot be converted.
+// codecs and the C library make different calls on different processors and in different versions, and each call
+// missing from the list would be a movie that cannot be converted.
 #include <algorithm>
 #include <array>
 #include <cerrno>

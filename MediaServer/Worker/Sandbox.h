@@ -13,8 +13,8 @@ struct WorkerLimits {
     /// Open descriptors. A merge needs one per source.
     std::uint64_t descriptors = 1100;
 
-    /// Returns an equal share of this machine's memory for each of so many workers, at least 1 GiB and at most 8 GiB. So
-    /// their sum is no more than the machine has, unless it has less than 1 GiB for each.
+    /// Returns an equal share of this machine's memory for each of so many workers, at least 1 GiB and at most 8 GiB.
+    /// So their sum is no more than the machine has, unless it has less than 1 GiB for each.
     [[nodiscard]] static std::uint64_t memoryOfEach(unsigned workers);
     /// The same for a machine with that many bytes of memory. Pure.
     [[nodiscard]] static std::uint64_t memoryOfEach(unsigned workers, std::uint64_t machine);

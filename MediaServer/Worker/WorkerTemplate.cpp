@@ -1,15 +1,15 @@
 // How a worker is forked.
 //
-// Starting a worker as a program of its own costs a fifth of a second: the dynamic linker loads about 150 libraries. So one
-// process does that once, and each worker is a copy of it.
+// Starting a worker as a program of its own costs a fifth of a second: the dynamic linker loads about 150 libraries. So
+// one process does that once, and each worker is a copy of it.
 //
-// A worker must be a child of the server, which waits for it and whose exit must kill it. clone(CLONE_PARENT) could do that
-// but leaves the C library with the thread id of the template. So the template forks an intermediate process, which
-// forks the worker, passes its process id back and exits. The server is a subreaper, so it becomes the worker's parent.
-// The worker waits until then: PR_SET_PDEATHSIG refers to the parent of the moment.
+// A worker must be a child of the server, which waits for it and whose exit must kill it. clone(CLONE_PARENT) could do
+// that but leaves the C library with the thread id of the template. So the template forks an intermediate process,
+// which forks the worker, passes its process id back and exits. The server is a subreaper, so it becomes the worker's
+// parent. The worker waits until then: PR_SET_PDEATHSIG refers to the parent of the moment.
 //
-// All workers have the template's layout of memory. A hostile file that learns an address in one worker would know it in
-// the next. That is the price of the fork; the sandbox does not rely on secret addresses.
+// All workers have the template's layout of memory. A hostile file that learns an address in one worker would know it
+// in the next. That is the price of the fork; the sandbox does not rely on secret addresses.
 //
 // Nothing that a worker sends reaches the template: a worker has neither end of the control channel and of the pipes.
 #include <array>

@@ -1,8 +1,8 @@
 // KRVMediaWorker: the processes in which media code reads files.
 //
-// The server starts this program once, as the template: it loads FFmpeg's libraries, confines itself and forks the workers.
-// A worker enters the sandbox, waits for one job, which comes with open descriptors, performs it and exits. All are killed
-// when the server exits.
+// The server starts this program once, as the template: it loads FFmpeg's libraries, confines itself and forks the
+// workers. A worker enters the sandbox, waits for one job, which comes with open descriptors, performs it and exits.
+// All are killed when the server exits.
 //
 // Arguments: the server's process id, and the limit of writable memory in bytes (0: a default that depends on the
 // machine).

@@ -14,12 +14,12 @@
 
 namespace krv::server {
 
-/// Runs one job in a worker process. A request and its open files go in; progress and finally a record come out. Whatever
-/// happens to that process affects this operation only.
+/// Runs one job in a worker process. A request and its open files go in; progress and finally a record come out.
+/// Whatever happens to that process affects this operation only.
 class JobRunner {
 public:
-    /// workers: supplies the processes; must outlive this object. stallLimit: how long a worker may report nothing before
-    /// it is killed; 0 for ever. Time in which the machine sleeps does not count.
+    /// workers: supplies the processes; must outlive this object. stallLimit: how long a worker may report nothing
+    /// before it is killed; 0 for ever. Time in which the machine sleeps does not count.
     explicit JobRunner(WorkerPool& workers, std::chrono::milliseconds stallLimit = {})
         : workers_(workers)
         , stallLimit_(stallLimit) {}

@@ -25,8 +25,8 @@ public:
     TemplateProcess(const TemplateProcess&) = delete;
     TemplateProcess& operator=(const TemplateProcess&) = delete;
 
-    /// Forks a worker that serves this end of a worker channel, which is borrowed. Returns its process id; it is a child of
-    /// this process. Returns -1 and sets failure to the reason if none can be forked.
+    /// Forks a worker that serves this end of a worker channel, which is borrowed. Returns its process id; it is a
+    /// child of this process. Returns -1 and sets failure to the reason if none can be forked.
     [[nodiscard]] pid_t forkWorker(int workerEnd, std::string& failure);
 
 private:

@@ -30,8 +30,8 @@ public:
     [[nodiscard]] bool isAlive() const;
     /// Kills the process unless it has exited, and returns its status as from waitpid. Returns 0 after the first call.
     ///
-    /// A process that is blocked on a drive that does not respond may stay for as long as the drive does. After a moment
-    /// it is left to itself and reported as killed; a later call, of any worker, reaps it.
+    /// A process that is blocked on a drive that does not respond may stay for as long as the drive does. After a
+    /// moment it is left to itself and reported as killed; a later call, of any worker, reaps it.
     int end();
 
     WorkerChannel channel;
@@ -79,8 +79,8 @@ private:
     std::string failure_ KRV_GUARDED_BY(mutex_);
     bool stopping_ KRV_GUARDED_BY(mutex_) = false;
     /// Has the template fork every worker. The kernel kills the template when the thread that started it exits, so one
-    /// thread that runs as long as the pool starts it. The workers' parent is the process's main thread, so they must not
-    /// outlive it.
+    /// thread that runs as long as the pool starts it. The workers' parent is the process's main thread, so they must
+    /// not outlive it.
     std::thread keeper_;
 };
 

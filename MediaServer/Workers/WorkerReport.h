@@ -25,9 +25,9 @@ inline constexpr std::size_t kLongestDescriptionText = 4096;
 /// for interesting times, of which a long movie has millions.
 [[nodiscard]] std::size_t longestReport(std::int32_t operationType) noexcept;
 
-/// Checks the record that ends a job against its request, because a hostile file may have taken the worker over. Returns
-/// the failure that the record reports, or completion with what may be in the reply. A record that no honest worker sends
-/// is an internal error. Pure.
+/// Checks the record that ends a job against its request, because a hostile file may have taken the worker over.
+/// Returns the failure that the record reports, or completion with what may be in the reply. A record that no honest
+/// worker sends is an internal error. Pure.
 ///
 ///   - An error has the media server's domain, a code from 3 to 9, our keys only, and a path of the request.
 ///   - There are at most as many thumbnails as were asked for, each with a time, an offset and a length.

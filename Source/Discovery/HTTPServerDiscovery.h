@@ -21,7 +21,8 @@ namespace krv {
 KRV_EXPORT extern const std::string_view kHTTPServerDiscoveryDefaultServiceName;
 /// Notification: a result was recorded, even if it changed nothing. Its value is the port as an integer, -1 if there is
 /// no server. Posted on the default notification centre by the thread that records the result: the main thread, or the
-/// caller's thread for serverIsntThere(). After serverIsntThere() on a thread that runs its loop, one poll runs there too.
+/// caller's thread for serverIsntThere(). After serverIsntThere() on a thread that runs its loop, one poll runs there
+/// too.
 KRV_EXPORT extern const std::string_view kHTTPServerDiscoveryServiceChangeNotification;
 
 /// Knows the loopback port on which the media server listens, for the whole process.
@@ -32,8 +33,8 @@ KRV_EXPORT extern const std::string_view kHTTPServerDiscoveryServiceChangeNotifi
 /// comes back on another port is found without a request.
 ///
 /// Threads: the first search is started by a thread of the object's own. Results, later searches and the polling run on
-/// the main run loop, which the application must run. servicePortNumber and serverIsntThere are thread-safe. The object's thread never
-/// exits and keeps a reference to the object.
+/// the main run loop, which the application must run. servicePortNumber and serverIsntThere are thread-safe. The
+/// object's thread never exits and keeps a reference to the object.
 class KRV_EXPORT HTTPServerDiscovery final : public ServicePort,
                                              public ServiceBrowserDelegate,
                                              public NetServiceDelegate,

@@ -24,8 +24,8 @@ namespace {
 /// What decoding an archive may cost, of one resource. What many objects share costs again for each of them.
 class Budget {
 public:
-    /// An archive may cost so much per byte, but one of up to 16 MiB, the longest request, no more than `most`. A longer
-    /// one may cost more in proportion.
+    /// An archive may cost so much per byte, but one of up to 16 MiB, the longest request, no more than `most`. A
+    /// longer one may cost more in proportion.
     Budget(std::uint64_t bytes, std::uint64_t start, std::uint64_t perByte, std::uint64_t most)
         : left_(std::min(start + bytes * perByte, std::max(most, bytes / 16 * (most >> 20)))) {}
 

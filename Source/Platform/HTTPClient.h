@@ -39,10 +39,9 @@ struct HTTPResponse {
 /// Uses no proxies, redirects, cookies, caches or signals. A port outside 1 to 65535 is a connection error. After
 /// connecting and before sending, checks that the peer's socket belongs to this process's user, else fails with a
 /// connection error. A response without the header "Server: KRVQuicktimeProcess/VERSION", with this build's major
-/// version, is a connection error too: another program listens on the port. So is one that names another pid namespace in
-/// the header kPidNamespaceHeader: that server cannot see this process. Refuses response bodies over 64 MiB with an
-/// error. Every request has the header
-/// kPidNamespaceHeader.
+/// version, is a connection error too: another program listens on the port. So is one that names another pid namespace
+/// in the header kPidNamespaceHeader: that server cannot see this process. Refuses response bodies over 64 MiB with an
+/// error. Every request has the header kPidNamespaceHeader.
 ///
 /// Blocks the calling thread until the exchange ends or times out. Does not throw. Thread-safe.
 class KRV_EXPORT HTTPClient {

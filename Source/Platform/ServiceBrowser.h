@@ -49,10 +49,9 @@ public:
 ///
 /// Finds services that are published on the loopback interface and, for "_http._tcp." in "local.", the server of this
 /// user's service record. Reports a service under the name it was published with, even if a conflict has renamed it
-/// ("NAME #2"), and only if a process of this user listens on its port. Drops services of another pid namespace or major
-/// version. While a
-/// search has found no service, the browser reports an ended batch without a match after 2 s and then every 6 s. The
-/// search that follows such a report waits 6 s from the start.
+/// ("NAME #2"), and only if a process of this user listens on its port. Drops services of another pid namespace or
+/// major version. While a search has found no service, the browser reports an ended batch without a match after 2 s and
+/// then every 6 s. The search that follows such a report waits 6 s from the start.
 ///
 /// Thread-safe. Delivers on the main run loop, whichever thread started the search. A stop on another thread does not
 /// wait for a callback that has started there.

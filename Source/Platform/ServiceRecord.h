@@ -11,8 +11,9 @@
 
 /// The service record: a small file in the user's runtime folder by which clients find a running server at once.
 ///
-/// The file has one "key=value" per line: name, port, pid, start, pidns and version. Reading it proves nothing: its server may have been killed, and another process may have
-/// the pid or the port since. A reader must verify what it says.
+/// The file has one "key=value" per line: name, port, pid, start, pidns and version. Reading it proves nothing: its
+/// server may have been killed, and another process may have the pid or the port since. A reader must verify what it
+/// says.
 namespace krv {
 
 struct ServiceRecord {
@@ -41,8 +42,8 @@ struct ServiceRecord {
 /// Returns the record of this process under that name and port. Nothing if /proc cannot be read.
 [[nodiscard]] KRV_EXPORT std::optional<ServiceRecord> serviceRecordOfThisProcess(std::string name, std::uint16_t port);
 
-/// Reads the record file in the folder. Nothing if there is none, if it is malformed or if it is not a file of this user.
-/// Thread-safe.
+/// Reads the record file in the folder. Nothing if there is none, if it is malformed or if it is not a file of this
+/// user. Thread-safe.
 [[nodiscard]] KRV_EXPORT std::optional<ServiceRecord> readServiceRecord(const std::string& folder);
 
 /// The record file of this process. It stays in the folder, locked, until the object is destroyed or the process exits

@@ -280,8 +280,8 @@ std::uint16_t openBound(int& socket, std::uint32_t address, std::uint16_t port) 
 }
 
 TEST(PeerOwnership, AClientThatHasClosedIsNotTakenForAListenerOnItsPort) {
-    // Another user binds a port of another loopback address, waits until a program of ours listens on that port of every
-    // address, connects, sends a request and closes at once.
+    // Another user binds a port of another loopback address, waits until a program of ours listens on that port of
+    // every address, connects, sends a request and closes at once.
     constexpr std::uint32_t kOtherLoopback = INADDR_LOOPBACK + 0x100;
     int client = -1;
     int server = -1;

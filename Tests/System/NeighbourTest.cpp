@@ -13,7 +13,8 @@ using testing::HasSubstr;
 
 class Neighbour : public SystemFixture {
 protected:
-    /// Returns the command line that converts a movie with krvqt and then prints the status of the server that it finds.
+    /// Returns the command line that converts a movie with krvqt and then prints the status of the server that it
+    /// finds.
     std::vector<std::string> convertAndShowStatus(const std::string& output) const {
         return {"sh",       "-c",      "\"$1\" convert \"$2\" \"$3\" >&2 && exec \"$1\" status --json",
                 "sh",       KRV_KRVQT, media("plain.mov"),

@@ -21,7 +21,8 @@ using Kind = QualityScale::Kind;
 //
 // clang-format off
 constexpr std::array<Encoder, 15> kEncoders{{
-    // name          quality: kind            option  worst   best    standard   options                                   rate   interlaced
+    // name          quality: kind            option  worst   best    standard   options
+    // rate   interlaced
     {"libx264",     {Kind::Option,         "crf",   40,     12,     20},      "preset=fast",                            true,  true},
     {"libx265",     {Kind::Option,         "crf",   42,     14,     23},      "preset=fast",                            true,  false},
     {"libsvtav1",   {Kind::Option,         "crf",   60,     16,     32},      "preset=8",                               true,  false},
@@ -53,7 +54,8 @@ constexpr std::array<std::uint64_t, 8> kOpusLayouts{
     AV_CH_LAYOUT_5POINT0_BACK, AV_CH_LAYOUT_5POINT1_BACK, AV_CH_LAYOUT_6POINT1,  AV_CH_LAYOUT_7POINT1};
 
 constexpr std::array<Codec, 16> kCodecs{{
-    // code           type    id                     name             encoders                        options       8 bits, more bits                                   with alpha             tag
+    // code           type    id                     name             encoders                        options       8
+    // bits, more bits                                   with alpha             tag
     {fourCC("avc1"), kVideo, AV_CODEC_ID_H264,      "H.264",         {"libx264", nullptr},           "",           {AV_PIX_FMT_YUV420P,     AV_PIX_FMT_YUV420P},       kNoPixels, {}, 0},
     {fourCC("hvc1"), kVideo, AV_CODEC_ID_HEVC,      "HEVC",          {"libx265", nullptr},           "",           {AV_PIX_FMT_YUV420P,     AV_PIX_FMT_YUV420P10},     kNoPixels, {}, fourCC("hvc1")},
     {fourCC("av01"), kVideo, AV_CODEC_ID_AV1,       "AV1",           {"libsvtav1", "libaom-av1"},    "",           {AV_PIX_FMT_YUV420P,     AV_PIX_FMT_YUV420P10},     kNoPixels, {}, 0},

@@ -16,7 +16,8 @@ constexpr auto kPCM = fourCC("lpcm");
 
 // clang-format off
 constexpr std::array<Container, 11> kContainers{{
-    // extension  muxer       video           audio           subtitles              cover                 front  matrix edits  single timed  options
+    // extension  muxer       video           audio           subtitles              cover                 front  matrix
+    // edits  single timed  options
     {"mov",  "mov",      kH264,          kAAC,           AV_CODEC_ID_MOV_TEXT, CoverArt::None,       true,  true,  true,  false, true,  ""},
     {"mp4",  "mp4",      kH264,          kAAC,           AV_CODEC_ID_MOV_TEXT, CoverArt::Stream,     true,  true,  true,  false, true,  ""},
     {"m4v",  "mp4",      kH264,          kAAC,           AV_CODEC_ID_MOV_TEXT, CoverArt::Stream,     true,  true,  true,  false, true,  "brand=M4V "},

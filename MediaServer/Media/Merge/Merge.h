@@ -28,10 +28,10 @@ struct MergeRequest {
 /// The merged movie has the default or first video track of the sources, and as many audio tracks as the first source
 /// with audio. A track is copied bit for bit if its format is the same in all sources and it can be joined without a
 /// gap. Otherwise it is encoded again with the codec of the first source that has such a track, or with the container's
-/// default codec. Size, frame rate, sample rate and channels are also those of that source, and video is upright. But if
-/// its frame rate is below 20, the highest one of all sources is used. Frames of another shape are letterboxed. A source without video is black, and one without audio is silent. Each
-/// source becomes a chapter, named after its title or else its file. Tags are kept if all sources share them. Subtitles
-/// are dropped.
+/// default codec. Size, frame rate, sample rate and channels are also those of that source, and video is upright. But
+/// if its frame rate is below 20, the highest one of all sources is used. Frames of another shape are letterboxed. A
+/// source without video is black, and one without audio is silent. Each source becomes a chapter, named after its title
+/// or else its file. Tags are kept if all sources share them. Subtitles are dropped.
 ///
 /// Threads and failures are those of encode(). If one source cannot be used, the whole merge fails, and Failure::source
 /// is its index. Without sources it fails with InvalidArgument.

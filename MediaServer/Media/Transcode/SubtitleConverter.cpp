@@ -47,8 +47,8 @@ void SubtitleConverter::open(OutputFile& output) {
         throw std::bad_alloc();
     }
     to_->codecpar->codec_tag = 0;
-    // FFmpeg's mov muxer compares the raw decoding times of text and other tracks. In a coarser unit, a line that overlaps
-    // the next one would be closed far too early, and all later lines be delayed.
+    // FFmpeg's mov muxer compares the raw decoding times of text and other tracks. In a coarser unit, a line that
+    // overlaps the next one would be closed far too early, and all later lines be delayed.
     to_->time_base = kMicroseconds;
     copyTrackMetadata(from_, *to_, output.container());
 }

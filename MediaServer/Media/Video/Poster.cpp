@@ -105,7 +105,8 @@ private:
     double brightness_ = 0;
 };
 
-/// Returns the cover itself if it is a JPEG that can be decoded and not too large, otherwise the cover converted to JPEG.
+/// Returns the cover itself if it is a JPEG that can be decoded and not too large, otherwise the cover converted to
+/// JPEG.
 std::vector<std::uint8_t> coverOf(const Source& source) {
     for (std::size_t i = 0; i < source.streamCount(); ++i) {
         const AVStream& stream = source.stream(i);

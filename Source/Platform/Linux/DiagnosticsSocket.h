@@ -23,9 +23,9 @@ private:
     std::uint32_t sequence_ = 0;
 };
 
-/// Returns whether the client of a connection that this process has accepted runs as this process's user. `local` is this
-/// process's end. False if the query fails, and if the client has closed its socket: then nobody can tell whose it was.
-/// The client has chosen its port, so a listener on that port proves nothing.
+/// Returns whether the client of a connection that this process has accepted runs as this process's user. `local` is
+/// this process's end. False if the query fails, and if the client has closed its socket: then nobody can tell whose it
+/// was. The client has chosen its port, so a listener on that port proves nothing.
 [[nodiscard]] bool clientBelongsToThisUser(DiagnosticsSocket& diagnostics, const SocketEnd& local,
                                            const SocketEnd& client);
 

@@ -19,8 +19,8 @@ constexpr std::uint32_t kAnyState = std::numeric_limits<std::uint32_t>::max();
 /// The kernel's number of the state in which a socket listens.
 constexpr std::uint8_t kListening = 10;
 
-/// Returns whether an address of a reply is that of the end. A socket for both families reports IPv4 addresses as mapped
-/// IPv6 addresses.
+/// Returns whether an address of a reply is that of the end. A socket for both families reports IPv4 addresses as
+/// mapped IPv6 addresses.
 bool isAddressOf(const __be32 (&reported)[4], int family, const SocketEnd& end) {
     const auto bytes = std::as_bytes(std::span(reported));
     if (end.family == AF_INET6) {

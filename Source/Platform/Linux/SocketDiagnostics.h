@@ -39,14 +39,14 @@ struct SocketOwner {
 /// Parses the reply to socketQuery(local, remote, sequence). Empty for an error, for "no such socket" and for malformed
 /// bytes.
 ///
-/// Also empty if the reply is about another socket. If no connection has these two ends, the kernel answers with a socket
-/// that listens on `local`, whose owner says nothing about the connection.
+/// Also empty if the reply is about another socket. If no connection has these two ends, the kernel answers with a
+/// socket that listens on `local`, whose owner says nothing about the connection.
 [[nodiscard]] std::optional<SocketOwner> ownerFromReply(std::span<const std::byte> reply, const SocketEnd& local,
                                                         const std::optional<SocketEnd>& remote, std::uint32_t sequence);
 
-/// Returns whether the server to which this process has connected runs as this process's user. `local` is this process's
-/// end. The server may not have accepted the connection yet; then the owner of the listening socket counts. False if the
-/// query fails.
+/// Returns whether the server to which this process has connected runs as this process's user. `local` is this
+/// process's end. The server may not have accepted the connection yet; then the owner of the listening socket counts.
+/// False if the query fails.
 [[nodiscard]] bool serverBelongsToThisUser(const SocketEnd& local, const SocketEnd& server);
 
 /// Returns whether a process of this process's user listens on the port and can be reached there over loopback. Queries

@@ -58,7 +58,8 @@ inline bool inChild(As user, const std::function<bool()>& call) {
     return ::waitpid(child, &status, 0) == child && status == 0;
 }
 
-/// A system call that fails with an error number if one argument has all bits of a mask. Without a mask it always fails.
+/// A system call that fails with an error number if one argument has all bits of a mask. Without a mask it always
+/// fails.
 struct MissingCall {
     int number;
     int errorNumber;

@@ -1,6 +1,6 @@
 // Enters a worker's sandbox and tries to escape. Prints one line "NAME: refused", "NAME: done" or "NAME: error TEXT"
-// for each attempt. The arguments are a file that exists, the pid of a process of the same user, and which layers of the
-// sandbox to enter: "both" or "seccomp".
+// for each attempt. The arguments are a file that exists, the pid of a process of the same user, and which layers of
+// the sandbox to enter: "both" or "seccomp".
 #include <array>
 #include <cerrno>
 #include <csignal>

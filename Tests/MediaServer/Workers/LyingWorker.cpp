@@ -1,5 +1,5 @@
-// A worker program that a hostile file has taken over. Its file name says what it sends. When the server has read that, it
-// creates a file of that name with ".read" appended. It never exits by itself.
+// A worker program that a hostile file has taken over. Its file name says what it sends. When the server has read that,
+// it creates a file of that name with ".read" appended. It never exits by itself.
 #include <cstdlib>
 #include <memory>
 #include <string>

@@ -1,5 +1,5 @@
-// Conversions that make no progress: with a worker that has stopped, and in a queue for longer than the client waits. The
-// latter runs in real time, so only if KRV_SLOW=1.
+// Conversions that make no progress: with a worker that has stopped, and in a queue for longer than the client waits.
+// The latter runs in real time, so only if KRV_SLOW=1.
 #include <cstdlib>
 #include <iostream>
 
