@@ -153,12 +153,16 @@ BlockingCalls::End BlockingCalls::run(Call call, const Waiting& waiting) {
         if (count < 0 && errno != EINTR) {
             std::this_thread::yield();  // out of memory
         }
+        const bool told = count > 0 && events[0].revents != 0;
+        if (told) {
+            std::uint64_t reports = 0;
+            [[maybe_unused]] const auto taken = ::read(running->event.get(), &reports, sizeof reports);
+        }
+        // Only after the event has been taken, which may be that of the call's return.
         if (running->state == Running::State::Returned) {
             return returned(*running);
         }
-        if (count > 0 && events[0].revents != 0) {
-            std::uint64_t reports = 0;
-            [[maybe_unused]] const auto taken = ::read(running->event.get(), &reports, sizeof reports);
+        if (told) {
             limit = limitFromNow();
             if (waiting.onReport) {
                 waiting.onReport();

@@ -149,8 +149,10 @@ TEST_F(Inspection, AMovieIsDescribedWhileAllConversionThreadsAreBusy) {
     const int conversions = static_cast<int>(status()["workers"]) + 2;
     std::vector<R::Ref> requests;
     for (int i = 0; i < conversions; ++i) {
-        requests.push_back(ask(R::encodeVideoOperation(std::string(KRV_TEST_MEDIA) + "/longer.mov",
-                                                       out(fmt::format("{}.mp4", i).c_str()))));
+        const auto request =
+            R::encodeVideoOperation(std::string(KRV_TEST_MEDIA) + "/longer.mov", out(fmt::format("{}.mp4", i).c_str()));
+        request->arguments()->set(kArgumentEncodingType, 2);  // takes much longer than a description
+        requests.push_back(ask(request));
     }
     std::shared_ptr<const Error> error;
     EXPECT_TRUE(client->getMetadataFor(movie(), &error));
