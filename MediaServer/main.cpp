@@ -121,6 +121,7 @@ int main() {
     const int status = server->run(signals);
     server.reset();
     if (blockingCalls.abandoned() > 0) {
+        lock.release();
         // Abandoned threads may wake up at any time, so nothing that they use may be destroyed.
         std::fflush(nullptr);
         ::_exit(status);

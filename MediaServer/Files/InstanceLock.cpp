@@ -60,6 +60,11 @@ InstanceLock::Result InstanceLock::lock(const std::filesystem::path& path, Descr
     return failed(inWords(errorNumber));
 }
 
+void InstanceLock::release() {
+    session_.reset();
+    lasting_.reset();
+}
+
 InstanceLock::Result InstanceLock::acquire(const std::filesystem::path& runtimeFolder,
                                            const std::filesystem::path& stateFolder) {
     if (runtimeFolder.empty()) {

@@ -24,6 +24,10 @@ public:
     /// Tries to take the lock, without waiting. An empty runtimeFolder is Failed. stateFolder may be empty.
     [[nodiscard]] Result acquire(const std::filesystem::path& runtimeFolder, const std::filesystem::path& stateFolder);
 
+    /// Gives the lock up. The kernel does so only when all threads of the process have ended, and one that is blocked
+    /// on a drive may outlive the others.
+    void release();
+
     /// Returns a sentence for a person about the latest attempt that was Failed.
     [[nodiscard]] const std::string& failure() const noexcept { return failure_; }
 

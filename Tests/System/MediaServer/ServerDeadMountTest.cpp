@@ -53,6 +53,19 @@ protected:
     test::DeadMount mount{folder.path() / "dead"};
 };
 
+TEST_F(DeadDrive, ThatHasTakenARequestDoesNotKeepTheNextServerFromStarting) {
+    const auto id = begin(R::provideMetadataFor(mount.file("movie.mov")));
+    mount.takeRequest();
+    cancelAndWait(id);
+    process->signal(SIGTERM);
+    // One of its threads is blocked in the kernel, so the process does not end until the drive responds.
+    const auto first = std::move(process);
+    start();
+    describe(movie());
+    mount.respond();
+    EXPECT_EQ(first->wait(), 0);
+}
+
 TEST_F(DeadDrive, DelaysNoOtherFile) {
     const auto description = begin(R::provideMetadataFor(mount.file("movie.mov")));
     const auto conversion = begin(R::encodeVideoOperation(mount.file("movie.mov"), out("never.mp4")));
