@@ -137,7 +137,12 @@ void OperationDispatcher::registration(const Ref& request, const Reply& reply) {
 }
 
 void OperationDispatcher::amIRegistered(const Ref& request, const Reply& reply) {
-    const auto client = clients_.identify(request->regInfoPID().integerValue());
+    bool undecided = false;
+    const auto client = clients_.identify(request->regInfoPID().integerValue(), &undecided);
+    if (undecided) {
+        refuse(request, reply, {.cause = FailureCause::OutOfDescriptors});
+        return;
+    }
     const auto answer = replyTo(request);
     answer->setIsClientRegistered(client && clients_.isRegistered(*client));
     reply(answer);
@@ -257,10 +262,14 @@ void OperationDispatcher::selfTest(const Ref& request, const Reply& reply) {
         return;
     }
     if (const auto client = clientOf(request, reply)) {
+        const auto id = ledger_.addTimed({std::chrono::seconds(info.timeToLive), info.shouldComplete != 0}, *client);
+        if (!id) {
+            refuse(request, reply, {.cause = FailureCause::QueueFull});
+            return;
+        }
         clients_.note(*client);
         const auto answer = replyTo(request);
-        answer->setUniqueID(
-            ledger_.addTimed({std::chrono::seconds(info.timeToLive), info.shouldComplete != 0}, *client));
+        answer->setUniqueID(*id);
         reply(answer);
     }
 }

@@ -108,11 +108,15 @@ std::optional<std::string> OperationLedger::add(const KRVOperationBase::Ref& req
     return id;
 }
 
-std::string OperationLedger::addTimed(const TimedRun& run, const ClientKey& client) {
+std::optional<std::string> OperationLedger::addTimed(const TimedRun& run, const ClientKey& client) {
     const auto operation = std::make_shared<ServerOperation>();
     operation->client = client;
     operation->timed = TimedRun{std::max(run.timeToLive, std::chrono::duration<double>::zero()), run.completes};
     const LockGuard lock(mutex_);
+    dropEndedTimedRuns();
+    if (timed_.size() >= kMostTimedRuns) {
+        return std::nullopt;
+    }
     operation->state = State::Running;
     operation->queuedAt = operation->startedAt = clock_();
     timed_.insert(operation);
@@ -121,6 +125,7 @@ std::string OperationLedger::addTimed(const TimedRun& run, const ClientKey& clie
 
 std::string OperationLedger::addRefused(std::shared_ptr<const Error> error) {
     const auto operation = std::make_shared<ServerOperation>();
+    operation->resultBytes = error->localizedDescription().size() + error->localizedFailureReason().size();
     operation->error = std::move(error);
     operation->state = State::Finished;
     const LockGuard lock(mutex_);
@@ -132,6 +137,7 @@ std::string OperationLedger::addRefused(std::shared_ptr<const Error> error) {
         refusals_.pop_front();
     }
     refusals_.push_back(insert(operation));
+    keepWithinBudget(*operation);
     return refusals_.back();
 }
 
@@ -212,11 +218,15 @@ std::optional<KRVOperationBase::Ref> OperationLedger::record(const std::string& 
 
 OperationLedger::Counts OperationLedger::counts() const {
     const LockGuard lock(mutex_);
+    dropEndedTimedRuns();
+    return counts_;
+}
+
+void OperationLedger::dropEndedTimedRuns() const {
     for (const OperationRef& operation : timed_) {
         refresh(*operation);
     }
     std::erase_if(timed_, [](const OperationRef& each) { return each->state == State::Finished; });
-    return counts_;
 }
 
 std::vector<std::string> OperationLedger::names() const {

@@ -44,6 +44,8 @@ public:
     static constexpr std::size_t kResultBudget = std::size_t{256} << 20;
     /// What an entry costs besides its records, in bytes.
     static constexpr std::size_t kEntryCost = 2048;
+    /// More running self-tests than this are refused.
+    static constexpr std::size_t kMostTimedRuns = 1000;
     /// Older refusals than the latest this many are dropped.
     static constexpr std::size_t kMostRefusals = 1000;
     /// Entries are dropped this long after they have finished.
@@ -60,8 +62,8 @@ public:
     /// Empty, and failure is set, if the ledger is closed or the queue full.
     [[nodiscard]] std::optional<std::string> add(const KRVOperationBase::Ref& request, const ClientKey& client,
                                                  std::optional<Failure>& failure);
-    /// Starts a self-test and returns its new identifier.
-    [[nodiscard]] std::string addTimed(const TimedRun& run, const ClientKey& client);
+    /// Starts a self-test and returns its new identifier. Empty if there are too many.
+    [[nodiscard]] std::optional<std::string> addTimed(const TimedRun& run, const ClientKey& client);
     /// Records a refusal and returns its new identifier.
     [[nodiscard]] std::string addRefused(std::shared_ptr<const Error> error);
 
@@ -144,6 +146,8 @@ private:
     void tally(const ServerOperation& operation, std::size_t one) const KRV_REQUIRES(mutex_);
     /// Brings a self-test up to date.
     void refresh(ServerOperation& operation) const KRV_REQUIRES(mutex_);
+    /// Brings all self-tests up to date.
+    void dropEndedTimedRuns() const KRV_REQUIRES(mutex_);
     /// Drops finished entries until the others are well within the budget. Keeps the newest.
     void keepWithinBudget(const ServerOperation& newest) KRV_REQUIRES(mutex_);
     [[nodiscard]] static Snapshot snapshotOf(const ServerOperation& operation);

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -158,8 +159,25 @@ std::string_view inWords(std::string_view reason) {
     return kDamaged;
 }
 
+/// Cuts off a text that is longer than any path, between two characters. Errors are kept and sent, and what a request
+/// says may be of any length.
+void shorten(std::string& text) {
+    constexpr std::string_view kEllipsis = "…";
+    if (text.size() <= PATH_MAX) {
+        return;
+    }
+    std::size_t end = PATH_MAX - kEllipsis.size();
+    while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U) {
+        --end;
+    }
+    text.resize(end);
+    text += kEllipsis;
+}
+
 std::string fileName(const std::string& path) {
-    return path.substr(path.rfind('/') + 1);
+    std::string name = path.substr(path.rfind('/') + 1);
+    shorten(name);
+    return name;
 }
 
 std::string destinationName(const std::string& path) {
@@ -274,7 +292,11 @@ std::string reasonOf(const Failure& failure, const std::string& phrase) {
 
 }  // namespace
 
-std::shared_ptr<const Error> makeError(const KRVOperationBase& request, const Failure& failure) {
+std::shared_ptr<const Error> makeError(const KRVOperationBase& request, const Failure& given) {
+    Failure failure = given;
+    for (std::string* const text : {&failure.subject, &failure.detail, &failure.reason, &failure.path}) {
+        shorten(*text);
+    }
     const Row& row = rowOf(failure.cause);
     const std::vector<std::string> sources = sourcesOf(request);
     const std::string path = pathMeant(request, sources, failure);
@@ -289,7 +311,8 @@ std::shared_ptr<const Error> makeError(const KRVOperationBase& request, const Fa
          fmt::format("Cannot {}{}: {}.", attempt(request, sourceName(request, sources, failure), destination),
                      destinationSuffix(request, row, destination), phrase)},
         {NSLocalizedFailureReasonErrorKey, reasonOf(failure, phrase)}};
-    if (!path.empty()) {
+    // A longer path is no file's.
+    if (!path.empty() && path.size() < PATH_MAX) {
         userInfo.set(kErrorFilePath, path);
     }
     return Error::make(std::string(kMediaServerErrorDomain), static_cast<std::int64_t>(row.code), std::move(userInfo));

@@ -1,3 +1,5 @@
+#include <climits>
+
 #include <fmt/format.h>
 
 #include <MediaServer/Protocol/RequestArguments.h>
@@ -20,6 +22,9 @@ std::optional<Failure> checkPathValue(const Value& value, std::string_view key, 
     const std::string& path = value.stringValue();
     if (path.empty() || path.front() != '/') {
         return invalidArgument(key, fmt::format("{}is not an absolute path", which));
+    }
+    if (path.size() >= PATH_MAX) {
+        return invalidArgument(key, fmt::format("{}is longer than {} bytes", which, PATH_MAX - 1));
     }
     return path.find('\0') == std::string::npos ? std::nullopt
                                                 : invalidArgument(key, fmt::format("{}contains a zero byte", which));

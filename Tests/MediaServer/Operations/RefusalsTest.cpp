@@ -42,6 +42,24 @@ TEST_F(Refusals, HaveEndedFromTheBeginning) {
     EXPECT_FALSE(ledger.snapshot(id)->cancelled);
 }
 
+TEST_F(Refusals, AreSmallWhateverTheRequestSays) {
+    const std::string longText(std::size_t{15} << 20, 'x');
+    const auto request = KRVOperationBase::provideMetadataFor("/" + longText);
+    for (const Failure& failure :
+         {Failure{.cause = FailureCause::NotAProcess, .subject = longText},
+          Failure{.cause = FailureCause::InternalError, .reason = longText},
+          Failure{.cause = FailureCause::InvalidArgument, .subject = longText, .detail = longText},
+          Failure{.cause = FailureCause::UnreadableSource, .errorNumber = 2, .path = "/" + longText}}) {
+        const auto error = makeError(*request, failure);
+        EXPECT_LT(error->localizedDescription().size(), 20'000U);
+        EXPECT_LT(error->localizedFailureReason().size(), 20'000U);
+        EXPECT_EQ(error->userInfo()->find(kErrorFilePath), nullptr);
+        (void)ledger.addRefused(error);
+    }
+    EXPECT_LT(ledger.counts().finishedBytes, 100'000U);
+    EXPECT_GT(ledger.counts().finishedBytes, 4 * OperationLedger::kEntryCost);
+}
+
 TEST_F(Refusals, AreNotCountedAsOperations) {
     (void)ledger.addRefused(refusal("why"));
     const auto counts = ledger.counts();

@@ -15,7 +15,7 @@ protected:
 };
 
 TEST_F(TimedRuns, AdvancesSteadilyAndCompletes) {
-    const auto id = ledger.addTimed({10s, true}, client);
+    const auto id = *ledger.addTimed({10s, true}, client);
     EXPECT_EQ(ledger.snapshot(id)->progress, 0.0);
     now += 5s;
     EXPECT_DOUBLE_EQ(ledger.snapshot(id)->progress, 0.5);
@@ -27,7 +27,7 @@ TEST_F(TimedRuns, AdvancesSteadilyAndCompletes) {
 }
 
 TEST_F(TimedRuns, OneThatNeverCompletesKeepsMoving) {
-    const auto id = ledger.addTimed({2s, false}, client);
+    const auto id = *ledger.addTimed({2s, false}, client);
     double last = -1;
     for (int i = 0; i < 100; ++i) {
         const auto state = *ledger.snapshot(id);
@@ -40,8 +40,8 @@ TEST_F(TimedRuns, OneThatNeverCompletesKeepsMoving) {
 }
 
 TEST_F(TimedRuns, CanBeCancelledOnlyWhileItRuns) {
-    const auto first = ledger.addTimed({10s, true}, client);
-    const auto second = ledger.addTimed({1s, true}, client);
+    const auto first = *ledger.addTimed({10s, true}, client);
+    const auto second = *ledger.addTimed({1s, true}, client);
     now += 2s;
     EXPECT_TRUE(ledger.cancel(first));
     EXPECT_TRUE(ledger.cancel(second));
@@ -52,7 +52,7 @@ TEST_F(TimedRuns, CanBeCancelledOnlyWhileItRuns) {
 }
 
 TEST_F(TimedRuns, AreRemovedWithTheirClient) {
-    const auto id = ledger.addTimed({10s, true}, client);
+    const auto id = *ledger.addTimed({10s, true}, client);
     ledger.removeAllOf({2, 1});
     EXPECT_TRUE(ledger.snapshot(id));
     ledger.removeAllOf(client);
@@ -61,7 +61,7 @@ TEST_F(TimedRuns, AreRemovedWithTheirClient) {
 }
 
 TEST_F(TimedRuns, AreCancelledWithEverythingElse) {
-    const auto id = ledger.addTimed({2s, false}, client);
+    const auto id = *ledger.addTimed({2s, false}, client);
     ledger.cancelEverything();
     EXPECT_TRUE(ledger.snapshot(id)->cancelled);
     EXPECT_EQ(ledger.counts().running, 0U);
@@ -70,6 +70,15 @@ TEST_F(TimedRuns, AreCancelledWithEverythingElse) {
 TEST_F(TimedRuns, AreNotListedAsMediaOperations) {
     (void)ledger.addTimed({2s, false}, client);
     EXPECT_TRUE(ledger.names().empty());
+}
+
+TEST_F(TimedRuns, TooManyAreRefused) {
+    for (std::size_t i = 0; i < OperationLedger::kMostTimedRuns; ++i) {
+        ASSERT_TRUE(ledger.addTimed({10s, true}, client));
+    }
+    EXPECT_FALSE(ledger.addTimed({10s, true}, client));
+    now += 10s;
+    EXPECT_TRUE(ledger.addTimed({10s, true}, client));
 }
 
 }  // namespace

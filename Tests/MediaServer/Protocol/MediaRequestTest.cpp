@@ -129,5 +129,10 @@ TEST(MediaRequest, EveryArgumentThatIsReadIsKept) {
     }
 }
 
+TEST(MediaRequest, APathLongerThanAnyIsInvalid) {
+    EXPECT_EQ(codeOf(R::provideMetadataFor("/" + std::string(4094, 'a'))), 0);
+    EXPECT_EQ(codeOf(R::provideMetadataFor("/" + std::string(4095, 'a'))), 9);
+}
+
 }  // namespace
 }  // namespace krv::server
