@@ -55,9 +55,10 @@ std::optional<Failure> failureOf(End end, const Opening& opening) {
 }
 
 /// Closes the files and removes what has been written. That may block as well.
-void discard(BlockingCalls& calls, std::unique_ptr<OperationFiles> files) {
+void discard(BlockingCalls& calls, std::unique_ptr<OperationFiles> files, const std::function<void()>& onDelay) {
     const auto finishing = std::make_shared<Finishing>(Finishing{std::move(files), nullptr, {}, false});
-    (void)calls.run([finishing](const BlockingCalls::Report&) { finishing->files.reset(); }, {.limit = kPatience});
+    (void)calls.run([finishing](const BlockingCalls::Report&) { finishing->files.reset(); },
+                    {.limit = kPatience, .onDelay = onDelay});
 }
 
 }  // namespace
@@ -95,9 +96,9 @@ Outcome MediaWorkflow::perform(const KRVOperationBase::Ref& request, const Cance
     }
     auto files = std::move(opening->files);
 
-    Outcome outcome = runner.run(*request, files->descriptors(), cancellation, onProgress);
+    Outcome outcome = runner.run(*request, files->descriptors(), cancellation, onProgress, onDelay);
     if (outcome.kind != Outcome::Kind::Completed) {
-        discard(blockingCalls, std::move(files));
+        discard(blockingCalls, std::move(files), onDelay);
         return outcome;
     }
 

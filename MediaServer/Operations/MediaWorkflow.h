@@ -21,7 +21,8 @@ struct MediaWorkflow {
     /// leaves the old destination whole.
     ///
     /// If the files cannot be opened within 20 s, the operation fails. A cancellation does not wait for them. onDelay
-    /// is called on this thread if they are not open promptly.
+    /// is called on this thread, perhaps more than once, if they are not open or closed promptly, and if the worker
+    /// reports nothing for 10 s: other operations should not wait for this one.
     ///
     /// onProgress is called on this thread with the worker's fraction in [0, 1], and repeatedly with 1 while the output
     /// is flushed and put in place. Thread-safe.

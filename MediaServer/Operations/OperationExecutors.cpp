@@ -12,7 +12,8 @@ using Duration = OperationLedger::Duration;
 
 OperationExecutors::OperationExecutors(OperationLedger& ledger, unsigned longThreads, Work work)
     : ledger_(ledger)
-    , work_(std::move(work)) {
+    , work_(std::move(work))
+    , usual_(std::max(longThreads, 1U) + 1) {
     for (unsigned i = 0; i < std::max(longThreads, 1U); ++i) {
         start(Duration::Long);
     }
@@ -47,6 +48,11 @@ void OperationExecutors::start(Duration duration) {
     }
 }
 
+bool OperationExecutors::isFull() {
+    const LockGuard lock(mutex_);
+    return threads_ >= usual_ + kMostReplaced;
+}
+
 void OperationExecutors::run(Duration duration) {
     bool replaced = false;
     while (!replaced) {
@@ -57,6 +63,9 @@ void OperationExecutors::run(Duration duration) {
         // The ledger drops its own reference when the operation finishes.
         const std::shared_ptr<const Cancellation> cancellation = operation->cancellation;
         const auto replace = [&] {
+            if (replaced || isFull()) {
+                return;
+            }
             try {
                 start(duration);
                 replaced = true;

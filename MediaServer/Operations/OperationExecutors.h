@@ -17,8 +17,8 @@ namespace krv::server {
 /// not respond, is replaced by another one. It carries its operation out and ends.
 class OperationExecutors {
 public:
-    /// Carries out one operation on an executor thread. Must not throw. Calls onDelay on that thread, at most once, if
-    /// other operations should not wait for this one.
+    /// Carries out one operation on an executor thread. Must not throw. Calls onDelay on that thread if other
+    /// operations should not wait for this one.
     using Work =
         std::function<Outcome(const KRVOperationBase::Ref& request, const Cancellation& cancellation,
                               const std::function<void(double)>& onProgress, const std::function<void()>& onDelay)>;
@@ -31,11 +31,16 @@ public:
     OperationExecutors& operator=(const OperationExecutors&) = delete;
 
 private:
+    /// At most this many threads are added in place of others that wait.
+    static constexpr std::size_t kMostReplaced = 16;
+
     void start(OperationLedger::Duration duration);
+    [[nodiscard]] bool isFull();
     void run(OperationLedger::Duration duration);
 
     OperationLedger& ledger_;
     const Work work_;
+    const std::size_t usual_;
     Mutex mutex_;
     std::condition_variable_any ended_;
     /// How many threads have not ended yet.

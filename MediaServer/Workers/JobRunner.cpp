@@ -50,7 +50,7 @@ int timeoutUntil(std::chrono::steady_clock::time_point deadline) {
 }  // namespace
 
 Outcome JobRunner::run(const KRVOperationBase& request, const std::vector<int>& files, const Cancellation& cancellation,
-                       const std::function<void(double)>& onProgress) const {
+                       const std::function<void(double)>& onProgress, const std::function<void()>& onSilence) const {
     std::string failure;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         const auto worker = workers_.take(failure);
@@ -60,7 +60,7 @@ Outcome JobRunner::run(const KRVOperationBase& request, const std::vector<int>& 
         bool begun = false;
         WorkerChannel::Message report;
         const Followed followed = worker->channel.send(request, files)
-                                      ? follow(worker->channel, cancellation, onProgress, begun, report)
+                                      ? follow(worker->channel, cancellation, onProgress, begun, report, onSilence)
                                       : Followed::Exited;
         // Before its output is looked at, so that it cannot change it any more.
         const int status = worker->end();
@@ -96,11 +96,15 @@ Outcome JobRunner::run(const KRVOperationBase& request, const std::vector<int>& 
 
 JobRunner::Followed JobRunner::follow(WorkerChannel& channel, const Cancellation& cancellation,
                                       const std::function<void(double)>& onProgress, bool& begun,
-                                      WorkerChannel::Message& report) const {
-    auto deadline = std::chrono::steady_clock::now() + stallLimit_;
+                                      WorkerChannel::Message& report, const std::function<void()>& onSilence) const {
+    using Clock = std::chrono::steady_clock;
+    auto reported = Clock::now();
+    bool silent = !onSilence;
     for (;;) {
+        const auto stalled = stallLimit_.count() > 0 ? reported + stallLimit_ : Clock::time_point::max();
+        const auto next = silent ? stalled : std::min(stalled, reported + silence_);
         std::array<pollfd, 2> waiting{{{channel.descriptor(), POLLIN, 0}, {cancellation.descriptor(), POLLIN, 0}}};
-        if (::poll(waiting.data(), waiting.size(), stallLimit_.count() > 0 ? timeoutUntil(deadline) : -1) < 0) {
+        if (::poll(waiting.data(), waiting.size(), next == Clock::time_point::max() ? -1 : timeoutUntil(next)) < 0) {
             if (errno == EINTR) {
                 continue;
             }
@@ -116,13 +120,18 @@ JobRunner::Followed JobRunner::follow(WorkerChannel& channel, const Cancellation
         }
         if (!message) {
             // Only now: if this process has been stopped itself, the worker's messages are waiting.
-            if (stallLimit_.count() > 0 && std::chrono::steady_clock::now() >= deadline) {
+            const auto now = Clock::now();
+            if (now >= stalled) {
                 return Followed::Stalled;
+            }
+            if (!silent && now >= reported + silence_) {
+                silent = true;
+                onSilence();
             }
             continue;
         }
         begun = true;
-        deadline = std::chrono::steady_clock::now() + stallLimit_;
+        reported = Clock::now();
         switch (message->record->operationType()) {
         case OpReadyToProcessRequests:
             break;

@@ -19,16 +19,20 @@ namespace krv::server {
 class JobRunner {
 public:
     /// workers: supplies the processes; must outlive this object. stallLimit: how long a worker may report nothing
-    /// before it is killed; 0 for ever. Time in which the machine sleeps does not count.
-    explicit JobRunner(WorkerPool& workers, std::chrono::milliseconds stallLimit = {})
+    /// before it is killed; 0 for ever. Time in which the machine sleeps does not count. silence: see run().
+    explicit JobRunner(WorkerPool& workers, std::chrono::milliseconds stallLimit = {},
+                       std::chrono::milliseconds silence = std::chrono::seconds(10))
         : workers_(workers)
-        , stallLimit_(stallLimit) {}
+        , stallLimit_(stallLimit)
+        , silence_(silence) {}
 
     /// Blocks until the work has ended. onProgress is called on this thread with the fraction that the worker reports.
-    /// Thread-safe.
+    /// onSilence is called once on this thread if the worker reports nothing for a while, because its source is on a
+    /// drive that does not respond, for instance; it may be empty. Thread-safe.
     /// files: the sources in order and then, where the request has a destination, the file to write; borrowed.
     [[nodiscard]] Outcome run(const KRVOperationBase& request, const std::vector<int>& files,
-                              const Cancellation& cancellation, const std::function<void(double)>& onProgress) const;
+                              const Cancellation& cancellation, const std::function<void(double)>& onProgress,
+                              const std::function<void()>& onSilence = {}) const;
 
 private:
     /// What following a worker came to.
@@ -38,10 +42,11 @@ private:
     /// begun: set when the worker has confirmed that it has the job.
     [[nodiscard]] Followed follow(WorkerChannel& channel, const Cancellation& cancellation,
                                   const std::function<void(double)>& onProgress, bool& begun,
-                                  WorkerChannel::Message& report) const;
+                                  WorkerChannel::Message& report, const std::function<void()>& onSilence) const;
 
     WorkerPool& workers_;
     const std::chrono::milliseconds stallLimit_;
+    const std::chrono::milliseconds silence_;
 };
 
 }  // namespace krv::server

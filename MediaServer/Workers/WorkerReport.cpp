@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -67,7 +68,27 @@ std::shared_ptr<const Error> checkedError(const KRVOperationBase& request, const
 
 // Results.
 
-void checkThumbnails(const KRVOperationBase& request, const KRVOperationBase& report) {
+/// A slice of the worker's file.
+struct Slice {
+    std::int64_t offset;
+    std::int64_t length;
+};
+
+/// Pictures that overlap would take more room than the worker has written.
+void checkSlices(std::vector<Slice> slices) {
+    std::sort(slices.begin(), slices.end(), [](const Slice& a, const Slice& b) { return a.offset < b.offset; });
+    std::int64_t end = 0;
+    for (const Slice& each : slices) {
+        if (each.offset < end || each.length <= 0 || each.length > static_cast<std::int64_t>(kLargestPoster)) {
+            throw Lie{"thumbnails that overlap, or are empty or too large"};
+        }
+        if (__builtin_add_overflow(each.offset, each.length, &end)) {
+            throw Lie{"a thumbnail beyond the end of any file"};
+        }
+    }
+}
+
+Value checkedThumbnails(const KRVOperationBase& request, const KRVOperationBase& report) {
     const auto pictures = report.result() ? (*report.result())[kResultThumbnails].array() : nullptr;
     if (!pictures) {
         throw Lie{"no list of thumbnails"};
@@ -76,6 +97,8 @@ void checkThumbnails(const KRVOperationBase& request, const KRVOperationBase& re
     if (pictures->empty() || pictures->size() > most) {
         throw Lie{fmt::format("{} thumbnails instead of {}", pictures->size(), most)};
     }
+    Array checked;
+    std::vector<Slice> slices;
     for (const Value& each : *pictures) {
         const auto picture = each.dictionary();
         if (!picture || !isTime(picture->find(kResultThumbnailTime)) ||
@@ -83,7 +106,15 @@ void checkThumbnails(const KRVOperationBase& request, const KRVOperationBase& re
             !isKind(picture->find(kThumbnailLength), Kind::Integer)) {
             throw Lie{"a thumbnail without time, offset or length"};
         }
+        const Slice slice{(*picture)[kThumbnailOffset].integerValue(), (*picture)[kThumbnailLength].integerValue()};
+        slices.push_back(slice);
+        checked.push_back(
+            std::make_shared<Dictionary>(Dictionary{{kResultThumbnailTime, (*picture)[kResultThumbnailTime]},
+                                                    {kThumbnailOffset, slice.offset},
+                                                    {kThumbnailLength, slice.length}}));
     }
+    checkSlices(std::move(slices));
+    return Value(std::move(checked));
 }
 
 struct DescriptionKey {
@@ -133,7 +164,7 @@ std::shared_ptr<const Dictionary> checkedDescription(const KRVOperationBase& req
     return std::make_shared<const Dictionary>(std::move(checked));
 }
 
-void checkInterestingTimes(const KRVOperationBase& report) {
+Value checkedInterestingTimes(const KRVOperationBase& report) {
     const auto times = report.result() ? (*report.result())[kResultInterestingTimes].dictionary() : nullptr;
     const auto values = times ? (*times)[kResultInterestingTimeValues].array() : nullptr;
     const Value* const scale = times ? times->find(kResultInterestingTimeTimescale) : nullptr;
@@ -147,26 +178,58 @@ void checkInterestingTimes(const KRVOperationBase& report) {
         }) != values->end()) {
         throw Lie{"interesting times that are not ascending integers"};
     }
+    return Value(
+        std::make_shared<Dictionary>(Dictionary{{kResultInterestingTimeValues, (*times)[kResultInterestingTimeValues]},
+                                                {kResultInterestingTimeTimescale, *scale}}));
+}
+
+bool isTruncation(const Value& value) {
+    return isTime(&value) || value.isNull();
+}
+
+/// Copies what the worker says of truncated sources.
+void addTruncation(const KRVOperationBase& request, const Dictionary& reported, Dictionary& result) {
+    if (const Value* const at = reported.find(kResultSourceTruncatedAt)) {
+        if (!isTime(at)) {
+            throw Lie{"an invalid end of a truncated source"};
+        }
+        result.set(kResultSourceTruncatedAt, *at);
+    }
+    if (const Value* const each = reported.find(kResultSourcesTruncatedAt)) {
+        const auto list = each->array();
+        if (!list || list->size() != sourcesOf(request).size() ||
+            !std::all_of(list->begin(), list->end(), &isTruncation)) {
+            throw Lie{"invalid ends of truncated sources"};
+        }
+        result.set(kResultSourcesTruncatedAt, *each);
+    }
 }
 
 KRVOperationBase::Ref checkedRecord(const KRVOperationBase& request, const KRVOperationBase& report) {
     const auto record = std::make_shared<KRVOperationBase>();
     record->setOperationType(OpReturnResult);
     record->setProgress(1.0F, true);
+    // Only what is known and has been checked is passed on.
+    Dictionary result;
     switch (request.operationType()) {
     case OpCreateThumbnails:
-        checkThumbnails(request, report);
+        result.set(kResultThumbnails, checkedThumbnails(request, report));
         break;
     case OpProvideMetadata:
         record->setMetadata(checkedDescription(request, report));
         break;
     case OpGetInterestingTimes:
-        checkInterestingTimes(report);
+        result.set(kResultInterestingTimes, checkedInterestingTimes(report));
         break;
     default:
         break;
     }
-    record->setResult(report.result());
+    if (const auto reported = report.result()) {
+        addTruncation(request, *reported, result);
+    }
+    if (!result.empty()) {
+        record->setResult(std::make_shared<Dictionary>(std::move(result)));
+    }
     return record;
 }
 

@@ -30,9 +30,12 @@ inline constexpr std::size_t kLongestDescriptionText = 4096;
 /// worker sends is an internal error. Pure.
 ///
 ///   - An error has the media server's domain, a code from 3 to 9, our keys only, and a path of the request.
-///   - There are at most as many thumbnails as were asked for, each with a time, an offset and a length.
+///   - There are at most as many thumbnails as were asked for, each with a time and a slice of the worker's file of at
+///     most kLargestPoster bytes. The slices do not overlap.
 ///   - A description has its own keys only, each with a value of the right kind; the path is that of the source.
 ///   - Interesting times are ascending and unique, and their time scale is positive.
+///   - Ends of truncated sources are numbers, for a merge one or null for each source.
+///   - The result has no other keys.
 ///
 /// The contents of the texts and numbers remain the worker's word.
 ///

@@ -50,6 +50,19 @@ TEST_P(LyingWorkers, AreKilledWhenTheyReportNothingForTooLong) {
     EXPECT_EQ(outcome.error->code(), 7);
 }
 
+TEST_P(LyingWorkers, AreToldOfWhenTheyAreSilent) {
+    const JobRunner runner(pool_, {}, std::chrono::milliseconds(1));
+    int silences = 0;
+    const Outcome outcome = runner.run(
+        *KRVOperationBase::provideMetadataFor("/a.mov"), {}, cancellation_, [](double) {},
+        [&] {
+            ++silences;
+            cancellation_.request();
+        });
+    EXPECT_EQ(outcome.kind, Outcome::Kind::Cancelled);
+    EXPECT_EQ(silences, 1);
+}
+
 class LyingReports : public LyingWorkers {
 protected:
     /// Asks for two thumbnails with an output that the worker leaves as it is.

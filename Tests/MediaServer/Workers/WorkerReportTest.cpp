@@ -103,10 +103,24 @@ TEST(WorkerReport, DropsArgumentsThatAWorkerAdds) {
     EXPECT_FALSE(outcome.record->uniqueID());
 }
 
-TEST(WorkerReport, KeepsTheResult) {
-    const Outcome outcome = outcomeOf(*kEncode, *withResult({{"key", 1}}), kSmall);
+TEST(WorkerReport, KeepsWhatItKnowsOfTheResult) {
+    const Outcome outcome =
+        outcomeOf(*kEncode, *withResult({{"key", Data(100)}, {kResultSourceTruncatedAt, 1.5}}), kSmall);
     ASSERT_EQ(outcome.kind, Outcome::Kind::Completed);
-    EXPECT_EQ((*outcome.record->result())["key"], Value(1));
+    EXPECT_EQ(*outcome.record->result(), (Dictionary{{kResultSourceTruncatedAt, 1.5}}));
+}
+
+TEST(WorkerReport, RefusesInvalidEndsOfTruncatedSources) {
+    for (const Value& wrong : {Value("1.5"), Value(1), Value(std::numeric_limits<double>::infinity()), Value()}) {
+        expectLie(kEncode, withResult({{kResultSourceTruncatedAt, wrong}}), "an invalid end of a truncated source");
+    }
+    const auto merge = R::mergeSourcesOperation(Value(Array{"/a.mov", "/b.mov"}), "/c.mov", false);
+    const Outcome outcome = outcomeOf(*merge, *withResult({{kResultSourcesTruncatedAt, Array{Value(), 2.5}}}), kSmall);
+    ASSERT_EQ(outcome.kind, Outcome::Kind::Completed);
+    EXPECT_EQ((*outcome.record->result())[kResultSourcesTruncatedAt], Value(Array{Value(), 2.5}));
+    for (const Value& wrong : {Value(2.5), Value(Array{2.5}), Value(Array{2.5, "x"}), Value(Array(3, Value()))}) {
+        expectLie(merge, withResult({{kResultSourcesTruncatedAt, wrong}}), "invalid ends of truncated sources");
+    }
 }
 
 TEST(WorkerReport, BoundsTheWholeReport) {
@@ -123,18 +137,47 @@ Value picture(Value time = 0.5, Value offset = 0, Value length = 100) {
         Dictionary{{kResultThumbnailTime, time}, {kThumbnailOffset, offset}, {kThumbnailLength, length}});
 }
 
+/// Returns pictures one after another.
+Array pictures(std::int64_t count) {
+    Array all;
+    for (std::int64_t i = 0; i < count; ++i) {
+        all.push_back(picture(0.5, i * 100));
+    }
+    return all;
+}
+
 R::Ref thumbnailRequest(int count) {
     const auto request = R::createThumbnailsForVideo("/a.mov", "/folder", {});
     request->arguments()->set(kArgumentThumbnailCount, count);
     return request;
 }
 
+TEST(WorkerReport, RefusesThumbnailsThatTakeMoreRoomThanWasWritten) {
+    constexpr std::int64_t kMost = kLargestPoster;
+    constexpr auto kLast = std::numeric_limits<std::int64_t>::max();
+    const auto lie = [](Array list) {
+        expectLie(thumbnailRequest(2), withResult({{kResultThumbnails, std::move(list)}}),
+                  "thumbnails that overlap, or are empty or too large");
+    };
+    lie({picture(0.5, 0, 100), picture(1.5, 99, 100)});
+    lie({picture(0.5, 50, 100), picture(1.5, 0, 51)});
+    lie({picture(0.5, 0, kMost + 1)});
+    lie({picture(0.5, 0, 0)});
+    lie({picture(0.5, 0, -1)});
+    lie({picture(0.5, -1, 100)});
+    expectLie(thumbnailRequest(2), withResult({{kResultThumbnails, Array{picture(0.5, kLast, 100)}}}),
+              "a thumbnail beyond the end of any file");
+    const Array apart{picture(0.5, 100, kMost), picture(1.5, 0, 100)};
+    EXPECT_EQ(outcomeOf(*thumbnailRequest(2), *withResult({{kResultThumbnails, apart}}), kSmall).kind,
+              Outcome::Kind::Completed);
+}
+
 TEST(WorkerReport, AcceptsAsManyThumbnailsAsWereAskedFor) {
     for (const int count : {1, 2}) {
-        const auto report = withResult({{kResultThumbnails, Array(static_cast<std::size_t>(count), picture())}});
+        const auto report = withResult({{kResultThumbnails, pictures(count)}});
         EXPECT_EQ(outcomeOf(*thumbnailRequest(2), *report, kSmall).kind, Outcome::Kind::Completed);
     }
-    const auto report = withResult({{kResultThumbnails, Array(12, picture())}});
+    const auto report = withResult({{kResultThumbnails, pictures(12)}});
     EXPECT_EQ(outcomeOf(*R::createThumbnailsForVideo("/a", "/b", {}), *report, kSmall).kind, Outcome::Kind::Completed);
 }
 
