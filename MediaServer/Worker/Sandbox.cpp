@@ -229,6 +229,8 @@ bool denyCalls(Stage stage) {
     // RLIMIT_DATA counts private memory only.
     constexpr scmp_datum_t kSharedAnonymous = MAP_SHARED | MAP_ANONYMOUS;
     filter.denyIf(SCMP_SYS(mmap), argument(3, SCMP_CMP_MASKED_EQ, kSharedAnonymous, kSharedAnonymous));
+    // It counts memory that grows downwards as stack.
+    filter.denyIf(SCMP_SYS(mmap), argument(3, SCMP_CMP_MASKED_EQ, MAP_GROWSDOWN, MAP_GROWSDOWN));
     if (stage == Stage::Worker) {
         denyProcesses(filter);
     }

@@ -44,6 +44,8 @@ struct SandboxLayers {
 ///     same calls for open descriptors, and a filter cannot tell them apart.
 ///   - the time, the load, the names and numbers of this machine, and the scheduling of other processes (sysinfo, uname,
 ///     getrusage, sched_getaffinity and the like), to read only.
+///   - threads, which count against the user's limit of processes, and page tables, which count against no limit: a worker
+///     can take some memory of the kernel in this way until it is killed.
 ///   - the scheduling of its own memory (mbind, madvise), its own signals, timers and threads, and processor time.
 ///
 /// Skips protections that the kernel lacks and returns a phrase for each of them.

@@ -274,6 +274,10 @@ void attemptMemory(const Held& held) {
                    ? -1L
                    : 0L;
     });
+    attempt("take memory that grows downwards", [] {
+        constexpr int kKind = MAP_PRIVATE | MAP_ANONYMOUS | MAP_GROWSDOWN;
+        return ::mmap(nullptr, 1, PROT_READ | PROT_WRITE, kKind, -1, 0) == MAP_FAILED ? -1L : 0L;
+    });
     attempt("make a file in memory", [] { return ::memfd_create("memory", MFD_CLOEXEC); });
     attempt("make a pipe", [] {
         std::array<int, 2> ends{};
