@@ -44,6 +44,8 @@ constexpr unsigned kIdleSeconds = 120;
 constexpr auto kSlowestRequest = 10s;
 /// Larger records are decoded on a thread of their own, because decoding one may take 100 ms.
 constexpr std::size_t kLargestOnEventLoop = std::size_t{256} << 10;
+/// All bodies that are arriving, wait or are being decoded may take this many bytes.
+constexpr std::size_t kMostBodyBytes = std::size_t{256} << 20;
 /// How long stop() waits for responses that are being sent.
 constexpr auto kFarewell = 3s;
 
@@ -59,6 +61,12 @@ Answer textAnswer(unsigned status, std::string_view text) {
     return {status, Data(p, p + text.size()), "text/plain; charset=utf-8"};
 }
 
+/// Why a request is refused after its headers; none if the status is 0.
+struct Refusal {
+    unsigned status = 0;
+    std::string_view text;
+};
+
 /// One request, from its headers to its response. Shared with the holder of the reply.
 struct Exchange {
     Mutex mutex;
@@ -69,7 +77,9 @@ struct Exchange {
     RequestSender sender;
     Data body;
     bool dispatched = false;
-    bool tooLarge = false;
+    /// How much of the body has been counted among all bodies.
+    std::size_t bodySize = 0;
+    Refusal refusal;
     bool isStatus = false;
 };
 using ExchangeRef = std::shared_ptr<Exchange>;
@@ -181,6 +191,8 @@ struct HTTPFront::Internals {
     MHD_Daemon* daemon = nullptr;
     std::thread decoder;
     std::size_t mostConnections = kMostConnections;
+    /// Changed on the event loop only.
+    std::size_t bodyBytes = 0;
     Mutex mutex;
     std::condition_variable_any exchangeEnded;
     std::condition_variable_any largeRecordArrived;
@@ -256,6 +268,9 @@ struct HTTPFront::Internals {
                              MHD_RequestTerminationCode /*code*/) {
         auto& self = *static_cast<Internals*>(userdata);
         const bool wasExchange = *context != nullptr;
+        if (wasExchange) {
+            self.forgetBody(**static_cast<ExchangeRef*>(*context));
+        }
         delete static_cast<ExchangeRef*>(*context);
         *context = nullptr;
         const LockGuard lock(self.mutex);
@@ -315,14 +330,18 @@ struct HTTPFront::Internals {
     static MHD_Result handle(void* userdata, MHD_Connection* connection, const char* target, const char* method,
                              const char* version, const char* upload, std::size_t* uploadSize, void** context) {
         auto& self = *static_cast<Internals*>(userdata);
-        if (!*context) {
-            return self.begin(connection, target, method, version, context);
+        try {
+            if (!*context) {
+                return self.begin(connection, target, method, version, context);
+            }
+            const ExchangeRef exchange = *static_cast<ExchangeRef*>(*context);
+            if (*uploadSize > 0) {
+                return self.receive(*exchange, upload, uploadSize);
+            }
+            return self.complete(connection, exchange);
+        } catch (const std::bad_alloc&) {
+            return MHD_NO;  // closes the connection
         }
-        const ExchangeRef exchange = *static_cast<ExchangeRef*>(*context);
-        if (*uploadSize > 0) {
-            return receive(*exchange, upload, uploadSize);
-        }
-        return self.complete(connection, exchange);
     }
 
     /// The headers are complete, the body has not been read.
@@ -351,17 +370,28 @@ struct HTTPFront::Internals {
         return MHD_YES;
     }
 
-    static MHD_Result receive(Exchange& exchange, const char* upload, std::size_t* uploadSize) {
-        if (*uploadSize > kLargestRequest - exchange.body.size()) {
-            exchange.tooLarge = true;
-            Data().swap(exchange.body);  // frees what has arrived; the rest is discarded
+    MHD_Result receive(Exchange& exchange, const char* upload, std::size_t* uploadSize) {
+        const bool tooLarge = *uploadSize > kLargestRequest - exchange.body.size();
+        const bool tooMany = bodyBytes + *uploadSize > kMostBodyBytes;
+        if ((tooLarge || tooMany) && exchange.refusal.status == 0) {
+            exchange.refusal = tooLarge ? Refusal{MHD_HTTP_CONTENT_TOO_LARGE, "the record exceeds 16 MiB\n"}
+                                        : Refusal{MHD_HTTP_SERVICE_UNAVAILABLE, "too many large records at once\n"};
+            forgetBody(exchange);  // frees what has arrived; the rest is discarded
         }
-        if (!exchange.tooLarge) {
+        if (exchange.refusal.status == 0) {
             const auto* p = reinterpret_cast<const std::byte*>(upload);
             exchange.body.insert(exchange.body.end(), p, p + *uploadSize);
+            exchange.bodySize += *uploadSize;
+            bodyBytes += *uploadSize;
         }
         *uploadSize = 0;
         return MHD_YES;
+    }
+
+    /// Frees the body of a request and the room that it takes among all bodies.
+    void forgetBody(Exchange& exchange) {
+        bodyBytes -= std::exchange(exchange.bodySize, 0);
+        Data().swap(exchange.body);
     }
 
     /// The body is complete, or the reply to it is available.
@@ -371,8 +401,8 @@ struct HTTPFront::Internals {
             const std::string page = handlers.status();
             return respond(connection, MHD_HTTP_OK, page.data(), page.size(), "application/json");
         }
-        if (exchange->tooLarge) {
-            return respondText(connection, MHD_HTTP_CONTENT_TOO_LARGE, "the record exceeds 16 MiB\n");
+        if (exchange->refusal.status != 0) {
+            return respondText(connection, exchange->refusal.status, exchange->refusal.text);
         }
         const bool isFirstCall = !std::exchange(exchange->dispatched, true);
         if (isFirstCall && exchange->body.size() > kLargestOnEventLoop) {

@@ -15,6 +15,7 @@
 
 #include <KRVQTProcessClient/Platform/ProcessTable.h>
 
+#include "WaitUntil.h"
 #include <MediaServer/Front/HTTPFront.h>
 #include <MediaServer/Front/RequestPolicy.h>
 
@@ -233,6 +234,31 @@ TEST_F(Front, DecodesALargeRecordWithoutHoldingUpOthers) {
     const R::Ref answer = recordIn(connection.receive());
     ASSERT_TRUE(answer);
     EXPECT_EQ(answer->uniqueID(), large->uniqueID());
+}
+
+TEST_F(Front, BoundsTheMemoryOfAllBodiesThatArrive) {
+    // Bodies that do not end: sixteen take all the room, and the next one is refused when it does.
+    const std::string head =
+        fmt::format("POST / HTTP/1.1\r\nHost: localhost\r\nContent-Length: {}\r\n\r\n", kLargestRequest);
+    const std::string unfinished(kLargestRequest - 1, 'x');
+    std::list<HTTPConnection> connections;
+    for (int i = 0; i < 16; ++i) {
+        connections.emplace_back(port).send(head);
+        connections.back().send(unfinished);
+    }
+    const std::string response = HTTPConnection(port).ask(post(unfinished));
+    EXPECT_THAT(response, StartsWith("HTTP/1.1 503"));
+    EXPECT_THAT(HTTPConnection(port).ask("GET /status HTTP/1.1\r\nHost: localhost\r\n\r\n"),
+                StartsWith("HTTP/1.1 200"));
+    EXPECT_THAT(HTTPConnection(port).ask(post(archived(R::readyToProcessRequestOperation()))),
+                StartsWith("HTTP/1.1 503"));
+    connections.clear();
+    // The room is free again when the server has seen that they are closed.
+    test::waitUntil([this] {
+        return HTTPConnection(port)
+            .ask(post(archived(R::readyToProcessRequestOperation())))
+            .starts_with("HTTP/1.1 200");
+    });
 }
 
 TEST_F(Front, RefusesALargeBodyThatIsNotARecord) {
