@@ -16,6 +16,7 @@ namespace krv::server {
 namespace {
 
 constexpr mode_t kPermissions = 0777;
+constexpr mode_t kPermissionsWithoutGroup = 0707;
 constexpr const char* kAccessControlList = "system.posix_acl_access";
 constexpr std::string_view kUserAttributes = "user.";
 /// The kernel allows no larger list of names, and no larger value.
@@ -52,12 +53,15 @@ bool inheritFrom(int folder, const std::string& name, int file) {
     // Attributes can be read by path only if the descriptor is a path, and this path is always the same file.
     const std::string from = fmt::format("/proc/self/fd/{}", old.get());
     std::vector<char> buffer(kLargestAttribute);
-    [[maybe_unused]] const int group = ::fchown(file, static_cast<uid_t>(-1), status.st_gid);
+    struct stat created {};
+    const bool sameGroup = ::fchown(file, static_cast<uid_t>(-1), status.st_gid) == 0 ||
+                           (::fstat(file, &created) == 0 && created.st_gid == status.st_gid);
     copyUserAttributes(from, file, buffer);
     if (copyAttribute(from, kAccessControlList, file, buffer) < 0) {
         ::fremovexattr(file, kAccessControlList);  // the folder's default list, which the old file did not have
     }
-    ::fchmod(file, status.st_mode & kPermissions);
+    // What one group may do is not meant for another.
+    ::fchmod(file, status.st_mode & (sameGroup ? kPermissions : kPermissionsWithoutGroup));
     return true;
 }
 
