@@ -42,7 +42,14 @@ void uncounted(void* memory) noexcept {
 void* operator new(std::size_t size) {
     return counted(std::malloc(size));
 }
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    void* const memory = std::malloc(size);
+    return memory ? counted(memory) : nullptr;
+}
 void operator delete(void* memory) noexcept {
+    uncounted(memory);
+}
+void operator delete(void* memory, const std::nothrow_t& /*tag*/) noexcept {
     uncounted(memory);
 }
 void operator delete(void* memory, std::size_t) noexcept {
