@@ -58,7 +58,8 @@ TEST_F(DeadDrive, ThatHasTakenARequestDoesNotKeepTheNextServerFromStarting) {
     mount.takeRequest();
     cancelAndWait(id);
     process->signal(SIGTERM);
-    // One of its threads is blocked in the kernel, so the process does not end until the drive responds.
+    // One of its threads is blocked in the kernel, so the process is a zombie until the drive responds.
+    waitUntil([this] { return processStatus("State:").find('Z') != std::string::npos; });
     const auto first = std::move(process);
     start();
     describe(movie());
