@@ -1,31 +1,20 @@
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
+#include <utility>
+#include <vector>
 
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <MediaServer/Protocol/DescriptorMessage.h>
 #include <MediaServer/Protocol/TemplateChannel.h>
 
 namespace krv::server {
 
 pid_t TemplateChannel::requestWorker(int workerEnd, std::chrono::milliseconds timeout) {
-    char request = 'w';
-    iovec part{&request, sizeof request};
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof workerEnd)> control{};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    cmsghdr* const header = CMSG_FIRSTHDR(&message);
-    header->cmsg_level = SOL_SOCKET;
-    header->cmsg_type = SCM_RIGHTS;
-    header->cmsg_len = CMSG_LEN(sizeof workerEnd);
-    std::memcpy(CMSG_DATA(header), &workerEnd, sizeof workerEnd);
-    if (::sendmsg(socket_.get(), &message, MSG_NOSIGNAL) < 0) {
+    const std::byte request{'w'};
+    if (sendWithDescriptors(socket_.get(), {&request, 1}, {&workerEnd, 1}) < 0) {
         return -1;
     }
     const auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -49,26 +38,12 @@ pid_t TemplateChannel::requestWorker(int workerEnd, std::chrono::milliseconds ti
 }
 
 Descriptor TemplateChannel::receiveRequest() {
-    for (;;) {
-        char request = 0;
-        iovec part{&request, sizeof request};
-        int workerEnd = -1;
-        alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof workerEnd)> control{};
-        msghdr message{};
-        message.msg_iov = &part;
-        message.msg_iovlen = 1;
-        message.msg_control = control.data();
-        message.msg_controllen = control.size();
-        const ssize_t count = ::recvmsg(socket_.get(), &message, MSG_CMSG_CLOEXEC);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        const cmsghdr* const header = count > 0 ? CMSG_FIRSTHDR(&message) : nullptr;
-        if (header && header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS) {
-            std::memcpy(&workerEnd, CMSG_DATA(header), sizeof workerEnd);
-        }
-        return Descriptor(workerEnd);
+    std::byte request{};
+    std::vector<Descriptor> files;
+    if (receiveWithDescriptors(socket_.get(), {&request, 1}, files) <= 0 || files.empty()) {
+        return {};
     }
+    return std::move(files.front());
 }
 
 void TemplateChannel::reply(std::int32_t workerOrError) {

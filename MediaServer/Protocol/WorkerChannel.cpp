@@ -1,11 +1,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
+#include <span>
 
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <MediaServer/Protocol/DescriptorMessage.h>
 #include <MediaServer/Protocol/WorkerChannel.h>
 
 namespace krv::server {
@@ -16,8 +17,6 @@ constexpr std::uint32_t kLongestMessage = std::uint32_t{64} << 20;
 constexpr std::size_t kMostFiles = 1024;
 /// How much memory is reserved for a message before more of it arrives.
 constexpr std::size_t kStep = std::size_t{1} << 20;
-/// The kernel allows at most 253 in one message.
-constexpr std::size_t kMostFilesAtOnce = 250;
 
 }  // namespace
 
@@ -33,33 +32,18 @@ bool WorkerChannel::send(const KRVOperationBase& record, const std::vector<int>&
     }
     std::copy(body.begin(), body.end(), bytes.begin() + sizeof size);
 
-    std::array<char, CMSG_SPACE(sizeof(int) * kMostFilesAtOnce)> control{};
     std::size_t filesSent = 0;
     for (std::size_t sent = 0; sent < bytes.size();) {
-        const std::size_t now = std::min(files.size() - filesSent, kMostFilesAtOnce);
-        const bool moreAfter = filesSent + now < files.size();
+        const auto now =
+            std::span(files).subspan(filesSent, std::min(files.size() - filesSent, kMostDescriptorsAtOnce));
+        const bool moreAfter = filesSent + now.size() < files.size();
         // Each group of descriptors goes with one byte, the last group with all remaining bytes.
-        iovec part{bytes.data() + sent, moreAfter ? 1 : bytes.size() - sent};
-        msghdr message{};
-        message.msg_iov = &part;
-        message.msg_iovlen = 1;
-        if (now > 0) {
-            message.msg_control = control.data();
-            message.msg_controllen = CMSG_SPACE(sizeof(int) * now);
-            cmsghdr* const header = CMSG_FIRSTHDR(&message);
-            header->cmsg_level = SOL_SOCKET;
-            header->cmsg_type = SCM_RIGHTS;
-            header->cmsg_len = CMSG_LEN(sizeof(int) * now);
-            std::memcpy(CMSG_DATA(header), files.data() + filesSent, sizeof(int) * now);
-        }
-        const ssize_t count = ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL);
+        const auto part = std::span<const std::byte>(bytes).subspan(sent, moreAfter ? 1 : bytes.size() - sent);
+        const ssize_t count = sendWithDescriptors(socket_.get(), part, now);
         if (count < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
             return false;
         }
-        filesSent += now;
+        filesSent += now.size();
         sent += static_cast<std::size_t>(count);
     }
     return true;
@@ -68,29 +52,9 @@ bool WorkerChannel::send(const KRVOperationBase& record, const std::vector<int>&
 bool WorkerChannel::receiveBytes(void* bytes, std::size_t size, std::vector<Descriptor>& files) {
     auto* p = static_cast<std::byte*>(bytes);
     while (size > 0) {
-        std::array<char, CMSG_SPACE(sizeof(int) * kMostFilesAtOnce)> control{};
-        iovec part{p, size};
-        msghdr message{};
-        message.msg_iov = &part;
-        message.msg_iovlen = 1;
-        message.msg_control = control.data();
-        message.msg_controllen = control.size();
-        const ssize_t count = ::recvmsg(socket_.get(), &message, MSG_CMSG_CLOEXEC);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
+        const ssize_t count = receiveWithDescriptors(socket_.get(), {p, size}, files);
         if (count <= 0) {
             return false;
-        }
-        for (cmsghdr* header = CMSG_FIRSTHDR(&message); header; header = CMSG_NXTHDR(&message, header)) {
-            if (header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS) {
-                const std::size_t received = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-                for (std::size_t i = 0; i < received; ++i) {
-                    int fd = -1;
-                    std::memcpy(&fd, CMSG_DATA(header) + i * sizeof(int), sizeof fd);
-                    files.emplace_back(fd);
-                }
-            }
         }
         p += count;
         size -= static_cast<std::size_t>(count);
