@@ -212,10 +212,8 @@ struct HTTPFront::Internals {
         }
         {
             const LockGuard lock(mutex);
-            const auto closing = static_cast<std::size_t>(std::count_if(
-                connections.begin(), connections.end(), [](const Connection* each) { return each->closing; }));
-            if (closing >= kMostClosing || (admitted - closing >= mostConnections && !closeIdle())) {
-                return;  // all others have requests under way
+            if (admitted >= mostConnections && !makeRoom()) {
+                return;
             }
             ++admitted;
         }
@@ -223,6 +221,13 @@ struct HTTPFront::Internals {
             const LockGuard lock(mutex);
             --admitted;
         }
+    }
+
+    /// Returns whether one more connection may be admitted although there are as many as there should be.
+    bool makeRoom() KRV_REQUIRES(mutex) {
+        const auto closing = static_cast<std::size_t>(std::count_if(
+            connections.begin(), connections.end(), [](const Connection* each) { return each->closing; }));
+        return closing < kMostClosing && (admitted - closing < mostConnections || closeIdle());
     }
 
     /// Shuts down the connection that has been idle for the longest time. Returns false if none is idle.
