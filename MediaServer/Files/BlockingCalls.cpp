@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstdint>
 #include <exception>
 #include <optional>
@@ -12,6 +11,8 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
+
+#include <KRVQTProcessClient/Platform/SignalsBlocked.h>
 
 #include <MediaServer/Files/BlockingCalls.h>
 #include <MediaServer/Protocol/Descriptor.h>
@@ -24,22 +25,6 @@ using Clock = std::chrono::steady_clock;
 
 /// Files on a drive that responds are open by then.
 constexpr auto kPromptly = 100ms;
-
-/// Blocks all signals in this thread, so that threads that it starts block them too, until it is destroyed.
-class SignalsBlocked {
-public:
-    SignalsBlocked() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &before_);
-    }
-    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-    SignalsBlocked(const SignalsBlocked&) = delete;
-    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
-private:
-    sigset_t before_{};
-};
 
 /// Returns how long to poll until the earliest of the times, in milliseconds; -1 if there is none.
 int untilEarliest(std::initializer_list<std::optional<Clock::time_point>> times) {

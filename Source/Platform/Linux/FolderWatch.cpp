@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <system_error>
 
@@ -10,6 +9,8 @@
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <unistd.h>
+
+#include <KRVQTProcessClient/Platform/SignalsBlocked.h>
 
 namespace krv {
 
@@ -23,16 +24,12 @@ std::unique_ptr<FolderWatch> FolderWatch::start(const std::string& folder,
         ::inotify_add_watch(watch->events_, folder.c_str(), IN_MOVED_TO | IN_ONLYDIR) < 0) {
         return nullptr;
     }
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, &before);
     try {
+        const SignalsBlocked blocked;
         watch->thread_ = std::thread([self = watch.get()] { self->run(); });
     } catch (const std::system_error&) {
         watch.reset();
     }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
     return watch;
 }
 
