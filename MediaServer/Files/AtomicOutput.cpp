@@ -100,25 +100,13 @@ bool AtomicOutput::linkTo(const std::string& name) const {
     return ::linkat(AT_FDCWD, self.c_str(), destination_.folder(), name.c_str(), AT_SYMLINK_FOLLOW) == 0;
 }
 
-std::optional<Failure> AtomicOutput::commit() {
-    auto failure = put(Old::Dropped);
-    if (!failure) {
-        keep();
-    }
-    return failure;
-}
-
-std::optional<Failure> AtomicOutput::place() {
-    return put(Old::Kept);
-}
-
 void AtomicOutput::keep() {
     placed_ = Placed::No;
     forgetHiddenName();
     flushFolder(destination_.folder());
 }
 
-std::optional<Failure> AtomicOutput::put(Old old) {
+std::optional<Failure> AtomicOutput::place() {
     if (auto refusal = destination_.refusal()) {
         return refusal;
     }
@@ -143,21 +131,19 @@ std::optional<Failure> AtomicOutput::put(Old old) {
             return destination_.unwritable(errno);
         }
     }
-    return replace(old) ? std::nullopt : std::optional(destination_.unwritable(errno));
+    return replace() ? std::nullopt : std::optional(destination_.unwritable(errno));
 }
 
-bool AtomicOutput::replace(Old old) {
+bool AtomicOutput::replace() {
     const int folder = destination_.folder();
     const char* const hidden = hidden_.c_str();
     const char* const name = destination_.name().c_str();
-    if (old == Old::Kept) {
-        if (::renameat2(folder, hidden, folder, name, RENAME_EXCHANGE) == 0) {
-            placed_ = Placed::Exchanged;
-            return true;
-        }
-        if (errno != ENOENT && errno != EINVAL && errno != ENOSYS) {
-            return false;
-        }
+    if (::renameat2(folder, hidden, folder, name, RENAME_EXCHANGE) == 0) {
+        placed_ = Placed::Exchanged;
+        return true;
+    }
+    if (errno != ENOENT && errno != EINVAL && errno != ENOSYS) {
+        return false;
     }
     const bool isNew = ::faccessat(folder, name, F_OK, AT_SYMLINK_NOFOLLOW) != 0;
     if (::renameat(folder, hidden, folder, name) != 0) {

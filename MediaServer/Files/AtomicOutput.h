@@ -24,7 +24,7 @@ namespace krv::server {
 /// group if the user may set it (see ReplacedFile.h). The owner is the user. Other hard links to the old file keep the
 /// old contents. A file that has become unsuitable since the start, for instance read-only, is not replaced.
 ///
-/// If the object is destroyed without commit(), it leaves nothing behind and the old destination is whole.
+/// If the object is destroyed without keep(), it leaves nothing behind and the old destination is whole.
 class AtomicOutput {
 public:
     /// Opens the unnamed file. The path must be absolute. Returns null and sets failure if the destination cannot be
@@ -40,23 +40,19 @@ public:
     /// The unnamed file, open for reading and writing; borrowed.
     [[nodiscard]] int descriptor() const noexcept { return file_.get(); }
 
-    /// Flushes the file, puts it under its name and flushes the folder. Returns the failure, if any.
-    [[nodiscard]] std::optional<Failure> commit();
-
-    /// The same in two steps, for work that may still be taken back. place() puts the file under its name and keeps the
-    /// old file. Until keep() is called, the destructor restores the old state. Where the file system cannot exchange
-    /// two files, a file that was replaced stays replaced.
+    /// Flushes the file and puts it under its name. Keeps the old file: until keep() is called, the destructor restores
+    /// the old state. Where the file system cannot exchange two files, a file that was replaced stays replaced. Returns
+    /// the failure, if any.
     [[nodiscard]] std::optional<Failure> place();
+    /// Removes the old file and flushes the folder.
     void keep();
 
 private:
     explicit AtomicOutput(Destination destination);
     [[nodiscard]] bool openUnnamed();
     [[nodiscard]] bool openHidden();
-    enum class Old { Dropped, Kept };
     enum class Placed { No, New, Exchanged };
-    [[nodiscard]] std::optional<Failure> put(Old old);
-    [[nodiscard]] bool replace(Old old);
+    [[nodiscard]] bool replace();
     void takeBack();
     [[nodiscard]] bool linkTo(const std::string& name) const;
     void chooseHiddenName();

@@ -8,7 +8,7 @@ TEST_F(Output, AppearsUnderItsNameOnlyWhenCommitted) {
     ASSERT_TRUE(output);
     write(*output, "movie");
     EXPECT_EQ(filesInFolder(), 0U);
-    EXPECT_FALSE(output->commit());
+    EXPECT_FALSE(commit(*output));
     EXPECT_EQ(contents(destination), "movie");
     EXPECT_EQ(filesInFolder(), 1U);
     EXPECT_EQ(notes(), 0U);
@@ -27,7 +27,7 @@ TEST_F(Output, ReplacesAnExistingFileAndKeepsItsMode) {
     const auto output = open(destination);
     write(*output, "new");
     EXPECT_EQ(contents(destination), "old");
-    EXPECT_FALSE(output->commit());
+    EXPECT_FALSE(commit(*output));
     EXPECT_EQ(contents(destination), "new");
     struct stat status {};
     ASSERT_EQ(::stat(destination.c_str(), &status), 0);
@@ -40,7 +40,7 @@ TEST_F(Output, ReplacesAFileThatAppearedSinceItWasOpened) {
     const auto output = open(destination);
     write(*output, "new");
     std::ofstream(destination) << "meanwhile";
-    EXPECT_FALSE(output->commit());
+    EXPECT_FALSE(commit(*output));
     EXPECT_EQ(contents(destination), "new");
 }
 
@@ -55,7 +55,7 @@ TEST_F(Output, HasOurModeWhateverTheWorkerSets) {
         const auto output = open(destination);
         write(*output, "movie");
         ASSERT_EQ(::fchmod(output->descriptor(), 06755), 0);
-        EXPECT_FALSE(output->commit());
+        EXPECT_FALSE(commit(*output));
         EXPECT_EQ(modeOf(destination), replaces ? 0640U : 0644U);
     }
     ::umask(mask);
@@ -67,7 +67,7 @@ TEST_F(Output, FollowsASymbolicLinkWhichStaysALink) {
     fs::create_symlink(target, destination);
     const auto output = open(destination);
     write(*output, "new");
-    EXPECT_FALSE(output->commit());
+    EXPECT_FALSE(commit(*output));
     EXPECT_TRUE(fs::is_symlink(destination));
     EXPECT_EQ(contents(target), "new");
 }
@@ -92,7 +92,7 @@ TEST_F(Output, LeavesNothingBehindWhenItsCommitFails) {
     const auto output = open(destination);
     write(*output, "new");
     fs::create_directory(destination);
-    const auto failure = output->commit();
+    const auto failure = commit(*output);
     ASSERT_TRUE(failure);
     EXPECT_EQ(failure->cause, FailureCause::UnwritableDestination);
     fs::remove(destination);

@@ -43,7 +43,7 @@ protected:
             return false;
         }
         write(*output, "new");
-        return !output->commit() && contents(place) == "new";
+        return !commit(*output) && contents(place) == "new";
     }
     /// Returns the error number for which the destination is refused; 0 if it is not.
     int refusal(const fs::path& given) {
@@ -163,7 +163,7 @@ TEST_F(Destinations, StayInTheirFolderWhenItIsRenamed) {
         const auto output = open(destination);
         write(*output, "new");
         fs::rename(out, folder.path() / "renamed");
-        EXPECT_FALSE(output->commit());
+        EXPECT_FALSE(commit(*output));
         EXPECT_EQ(contents(folder.path() / "renamed/movie.mp4"), "new");
         EXPECT_FALSE(fs::exists(out));
         fs::rename(folder.path() / "renamed", out);
@@ -178,7 +178,7 @@ TEST_F(Destinations, StayInTheirFolderWhenALinkTakesItsPlace) {
     write(*output, "new");
     fs::rename(out, folder.path() / "renamed");
     fs::create_directory_symlink(folder.path() / "elsewhere", out);
-    EXPECT_FALSE(output->commit());
+    EXPECT_FALSE(commit(*output));
     EXPECT_EQ(contents(folder.path() / "renamed/movie.mp4"), "new");
     EXPECT_EQ(filesInFolder(), 0U);
 }
@@ -200,7 +200,7 @@ TEST_F(Destinations, HaveTheirFolderFlushedOnceTheyAreInPlace) {
         const auto output = open(destination);
         write(*output, "new");
         flushedFolders().clear();
-        EXPECT_FALSE(output->commit());
+        EXPECT_FALSE(commit(*output));
         EXPECT_THAT(flushedFolders(), testing::Contains(fs::canonical(out)));
     }
 }
@@ -216,7 +216,7 @@ TEST_F(Destinations, ThatBecameReadOnlyAreNotReplaced) {
         const auto output = open(destination);
         write(*output, "new");
         fs::permissions(destination, fs::perms(0444));
-        const auto refused = output->commit();
+        const auto refused = commit(*output);
         return refused && refused->errorNumber == EACCES;
     }));
     EXPECT_EQ(contents(destination), "old");

@@ -99,6 +99,15 @@ inline void withoutLinks(const std::function<void()>& call) {
 }
 
 /// Outputs in a folder "out" of a temporary folder that other users can enter, with a state folder beside it.
+/// Puts the output under its name for good. Returns the failure, if any.
+inline std::optional<Failure> commit(AtomicOutput& output) {
+    auto failure = output.place();
+    if (!failure) {
+        output.keep();
+    }
+    return failure;
+}
+
 class Output : public testing::Test {
 protected:
     Output() {

@@ -42,7 +42,7 @@ protected:
     void replace() {
         const auto output = open(destination);
         write(*output, "new");
-        EXPECT_FALSE(output->commit());
+        EXPECT_FALSE(commit(*output));
         EXPECT_EQ(contents(destination), "new");
     }
     bool setList(const char* attribute, const fs::path& path) const {

@@ -18,7 +18,7 @@ protected:
     bool replaces() {
         std::ofstream(destination) << "old";
         const auto output = open(destination);
-        return output && ::write(output->descriptor(), "new", 3) == 3 && !output->commit() &&
+        return output && ::write(output->descriptor(), "new", 3) == 3 && !commit(*output) &&
                contents(destination) == "new" && filesInFolder() == 1;
     }
     fs::path hiddenFile() const {
@@ -54,7 +54,7 @@ TEST_F(Notes, OfALivingServerAreLeftAlone) {
             write(*output, replaces ? "second" : "first");
             OperationFiles::sweep();
             EXPECT_EQ(notes(), 1U);
-            EXPECT_FALSE(output->commit());
+            EXPECT_FALSE(commit(*output));
             EXPECT_EQ(contents(destination), replaces ? "second" : "first");
             EXPECT_EQ(filesInFolder(), 1U);
             EXPECT_EQ(notes(), 0U);
@@ -143,7 +143,7 @@ TEST_F(Notes, NameFilesThatOnlyTheirUserCanRead) {
         const auto output = open(destination);
         write(*output, "new");
         EXPECT_EQ(modeOf(hiddenFile()), 0600U);
-        EXPECT_FALSE(output->commit());
+        EXPECT_FALSE(commit(*output));
         EXPECT_EQ(modeOf(destination), 0600U);
     });
 }
@@ -153,7 +153,7 @@ TEST_F(Notes, NameFilesThatGetTheirModeAtTheEnd) {
     withoutUnnamedFiles([this] {
         const auto output = open(destination);
         EXPECT_EQ(modeOf(hiddenFile()), 0600U);
-        EXPECT_FALSE(output->commit());
+        EXPECT_FALSE(commit(*output));
         EXPECT_EQ(modeOf(destination), 0640U);
     });
     ::umask(mask);
