@@ -131,7 +131,7 @@ BlockingCalls::End BlockingCalls::run(Call call, const Waiting& waiting) {
     auto delay = waiting.onDelay ? std::optional(Clock::now() + kPromptly) : std::nullopt;
     std::optional<Clock::time_point> grace;
     for (;;) {
-        // A cancellation stays readable, so it is no longer waited for when it is known.
+        // The cancellation descriptor stays readable, so poll() must ignore it after the first time.
         std::array<pollfd, 2> events{
             {{running->event.get(), POLLIN, 0}, {grace ? -1 : waiting.cancellation, POLLIN, 0}}};
         const int count = ::poll(events.data(), events.size(), untilEarliest({limit, delay, grace}));

@@ -7,14 +7,14 @@
 
 namespace krv::server {
 
-/// The lock that admits one server per user, major version and pid namespace. The kernel releases it when the process
-/// exits or is killed.
+/// The lock that admits one server per user, major version and pid namespace. The kernel releases it when the last
+/// thread of the process has ended; see release().
 ///
 /// It is two locks, on a file in the runtime folder and on one in the state folder. When the user logs out, the runtime
 /// folder is removed, although a server that still has work goes on. The next log-in makes a new one, and without the
 /// second lock another server would start. The second file has the machine's id in its name, because a home folder may
-/// be shared by several machines. If there is no usable state folder, or its file system has no locks, the first lock
-/// is enough. An abstract socket would need no folder, but any user can take its name first.
+/// be shared by several machines. Without a usable state folder, or on a file system without locks, the first lock is
+/// enough. An abstract socket would need no folder, but any user can take its name first.
 ///
 /// serverFileName() makes the names of both files.
 class InstanceLock {

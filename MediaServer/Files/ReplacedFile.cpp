@@ -60,7 +60,7 @@ bool inheritFrom(int folder, const std::string& name, int file) {
     if (copyAttribute(from, kAccessControlList, file, buffer) < 0) {
         ::fremovexattr(file, kAccessControlList);  // the folder's default list, which the old file did not have
     }
-    // What one group may do is not meant for another.
+    // The old group's permissions must not pass to another group.
     ::fchmod(file, status.st_mode & (sameGroup ? kPermissions : kPermissionsWithoutGroup));
     return true;
 }

@@ -98,7 +98,7 @@ struct ConnectionAcceptor::Internals {
         }
     }
 
-    /// Returns how long to wait for the next event, in milliseconds; -1 for ever.
+    /// Returns the timeout for poll() in milliseconds; -1 for none.
     [[nodiscard]] int timeout() const {
         if (refused.empty()) {
             return -1;
@@ -107,7 +107,7 @@ struct ConnectionAcceptor::Internals {
         return static_cast<int>(std::max(left, 0ms).count());
     }
 
-    /// Accepts all connections that wait. Returns false if there is no descriptor for the next one.
+    /// Accepts all pending connections. Returns false if the process has no descriptor for the next one.
     bool acceptFrom(int listener) {
         for (;;) {
             Descriptor connection(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));

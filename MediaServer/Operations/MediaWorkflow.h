@@ -10,7 +10,7 @@
 
 namespace krv::server {
 
-/// What carries out media operations.
+/// Carries out media operations.
 struct MediaWorkflow {
     const JobRunner& runner;
     /// Opens, flushes and closes the files.

@@ -19,8 +19,8 @@ public:
         : socket_(std::move(socket)) {}
 
     /// For the server's end: asks for a worker with this end of its channel, which is borrowed. Returns the worker's
-    /// process id, or -1 and sets errno, to ETIMEDOUT if there is no reply in time and to EPIPE if the template has
-    /// exited.
+    /// process id. On failure returns -1 and sets errno: ETIMEDOUT if no reply arrives in time, EPIPE if the template
+    /// has exited.
     [[nodiscard]] pid_t requestWorker(int workerEnd, std::chrono::milliseconds timeout);
 
     /// For the template's end: blocks until the next request and returns the worker's end; none when the server has

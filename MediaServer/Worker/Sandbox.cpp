@@ -9,8 +9,8 @@
 //     sockets and signals to other processes here. Older ones do not deny truncate, and none denies chmod, chown or
 //     setxattr. A kernel may also lack Landlock. So it is the second line only.
 //   - seccomp: every call that takes a path, except stat; sockets of any kind; execution; new processes (threads are
-//     allowed); whatever affects other processes; memory beside the limit; and calls that have been used to attack
-//     kernels and that no codec makes. Denied calls fail with EPERM, as on a system that does not permit them, so a
+//     allowed); calls that affect other processes; memory that the limit does not count; and calls that have been used
+//     to attack kernels and that no codec makes. Denied calls fail with EPERM, as on a system that does not permit them, so a
 //     library that tries an optional call continues without it. clone3 fails with ENOSYS because a filter cannot read
 //     its arguments; the C library then uses clone, whose flags a filter can check. Calls that are newer than the list
 //     fail with ENOSYS too.
@@ -229,7 +229,7 @@ bool denyCalls(Stage stage) {
     // RLIMIT_DATA counts private memory only.
     constexpr scmp_datum_t kSharedAnonymous = MAP_SHARED | MAP_ANONYMOUS;
     filter.denyIf(SCMP_SYS(mmap), argument(3, SCMP_CMP_MASKED_EQ, kSharedAnonymous, kSharedAnonymous));
-    // It counts memory that grows downwards as stack.
+    // Nor memory that grows downwards, which the kernel counts as stack.
     filter.denyIf(SCMP_SYS(mmap), argument(3, SCMP_CMP_MASKED_EQ, MAP_GROWSDOWN, MAP_GROWSDOWN));
     if (stage == Stage::Worker) {
         denyProcesses(filter);

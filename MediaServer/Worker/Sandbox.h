@@ -35,17 +35,17 @@ struct SandboxLayers {
 ///
 /// Afterwards the process cannot open, create, change, rename, lock or watch anything by path; make a socket, pipe,
 /// memory file or process; execute a program; inspect, signal, limit or reprioritise another process; leave its process
-/// group or outlive its server; use memory beyond its limit; or gain privileges.
+/// group or outlive its server; allocate writable memory beyond its limit; or gain privileges.
 ///
-/// What remains open:
+/// It can still use:
 ///   - reading, writing, mapping and truncating the descriptors that it holds, as they were opened. Sources are open for
 ///     reading, and their metadata cannot be changed.
-///   - stat, statx, and what they tell of any path: that it exists, its size, owner and times. The C library uses the
+///   - stat and statx, which reveal that a path exists, and its size, owner and times. The C library uses the
 ///     same calls for open descriptors, and a filter cannot tell them apart.
 ///   - the time, the load, the names and numbers of this machine, and the scheduling of other processes (sysinfo, uname,
 ///     getrusage, sched_getaffinity and the like), to read only.
-///   - threads, which count against the user's limit of processes, and page tables, which count against no limit: a worker
-///     can take some memory of the kernel in this way until it is killed.
+///   - threads, which count against the user's process limit, and page tables, which count against no limit. Until it is
+///     killed, a worker can use up kernel memory with them.
 ///   - the scheduling of its own memory (mbind, madvise), its own signals, timers and threads, and processor time.
 ///
 /// Skips protections that the kernel lacks and returns a phrase for each of them.

@@ -58,7 +58,7 @@ using namespace std::chrono_literals;
 
 constexpr auto kFirstSilence = 2s;
 constexpr auto kNextSilence = 6s;
-/// What a server with a record publishes.
+/// The service type and domain of every server that writes a record.
 constexpr std::string_view kRecordedType = "_http._tcp";
 constexpr std::string_view kRecordedDomain = "local";
 

@@ -1,4 +1,4 @@
-// What an output inherits from the file it replaces.
+// The attributes that an output keeps of the file it replaces.
 #include <array>
 #include <cstdint>
 
