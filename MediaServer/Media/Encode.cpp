@@ -1,4 +1,8 @@
 #include <memory>
+#include <utility>
+#include <vector>
+
+#include <fmt/format.h>
 
 #include <MediaServer/Media/Audio/AudioTranscoder.h>
 #include <MediaServer/Media/Codec/Settings.h>
@@ -44,10 +48,15 @@ public:
 
     MovieReport run() {
         Source source(request_.source, request_.sourcePath, progress_);
+        const std::vector<StreamPlan> plan = planStreams(source, container_, type_, request_);
+        std::vector<DroppedTrack> dropped = tracksDroppedBy(plan, source, container_, isAudioOnly());
+        if (videoSettings_.strict || audioSettings_.strict) {
+            requireNone(dropped);
+        }
         OutputFile output(request_.destination, container_, progress_);
         Pump pump(source, output, progress_);
         bool encodes = false;
-        for (const StreamPlan& one : planStreams(source, container_, type_, request_)) {
+        for (const StreamPlan& one : plan) {
             if (one.treatment == StreamPlan::Treatment::Encode) {
                 pump.add(makeTranscoder(source, one), {one.index});
                 encodes = true;
@@ -56,10 +65,22 @@ public:
             }
         }
         pump.run(encodes);
-        return {.truncatedAt = {source.truncatedAt()}};
+        return {.truncatedAt = {source.truncatedAt()}, .droppedTracks = std::move(dropped)};
     }
 
 private:
+    [[nodiscard]] bool isAudioOnly() const { return type_.video == EncodingType::Codec::None && !request_.flattenOnly; }
+
+    static void requireNone(const std::vector<DroppedTrack>& dropped) {
+        if (dropped.empty()) {
+            return;
+        }
+        const DroppedTrack& first = dropped.front();
+        throw Failure({.cause = FailureCause::WouldDropTrack,
+                       .subject = first.index < 0 ? first.kind : fmt::format("{} of track {}", first.kind, first.index),
+                       .detail = first.reason});
+    }
+
     std::unique_ptr<Track> makeTranscoder(const Source& source, const StreamPlan& plan) const {
         const AVStream& from = source.stream(plan.index);
         if (plan.codec->type == AVMEDIA_TYPE_VIDEO) {

@@ -48,6 +48,10 @@ MovieReport run(const StereoMixRequest& request, Progress& progress) {
     OutputFile output(request.destination, container, progress);
     Pump pump(source, output, progress);
     const auto others = planAllButAudio(source, container);
+    std::vector<StreamPlan> carried = others;
+    for (const std::size_t index : played) {
+        carried.push_back({index, StreamPlan::Treatment::Encode});
+    }
     const auto isVideo = [&](const StreamPlan& one) {
         return source.stream(one.index).codecpar->codec_type == AVMEDIA_TYPE_VIDEO &&
                one.treatment != StreamPlan::Treatment::Cover;
@@ -81,7 +85,8 @@ MovieReport run(const StereoMixRequest& request, Progress& progress) {
         }
     }
     pump.run(!copies);
-    return {.truncatedAt = {source.truncatedAt()}};
+    return {.truncatedAt = {source.truncatedAt()},
+            .droppedTracks = tracksDroppedBy(carried, source, container, false)};
 }
 
 }  // namespace

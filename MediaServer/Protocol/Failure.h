@@ -56,6 +56,7 @@ enum class FailureCause {
     EncoderRefuses,           ///< subject: the codec; reason: what FFmpeg says
     UnconvertibleAudio,       ///< reason: what FFmpeg says
     UnconvertibleSubtitles,   ///< subject: the codec; reason: what FFmpeg says
+    WouldDropTrack,           ///< subject: what, as in "subtitle of track 3"; detail: why it would be dropped
     // Code 7.
     WorkerCrashed,  ///< reason: how the worker ended
     OutOfMemory,

@@ -82,6 +82,7 @@ constexpr auto kRows = std::to_array<Row>({
     {C::EncoderRefuses, Code::Unsupported, About::Destination, "the {subject} encoder does not accept these settings"},
     {C::UnconvertibleAudio, Code::Unsupported, About::Source, "its audio channels cannot be converted"},
     {C::UnconvertibleSubtitles, Code::Unsupported, About::Source, "its {subject} subtitles cannot be converted"},
+    {C::WouldDropTrack, Code::Unsupported, About::Source, "it would lose the {subject}: {detail}"},
     {C::WorkerCrashed, Code::WorkerFailed, About::Source, "it crashed the worker process"},
     {C::OutOfMemory, Code::WorkerFailed, About::Source, "there was not enough memory"},
     {C::OutOfTime, Code::WorkerFailed, About::Source, "there was no progress for {subject}"},

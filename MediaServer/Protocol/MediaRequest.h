@@ -16,6 +16,9 @@ inline constexpr int kStandardThumbnailCount = 12;
 inline constexpr int kMostThumbnails = 9999;
 /// The largest poster of a description in bytes. A noisy one of the largest size in pixels has half as many.
 inline constexpr std::size_t kLargestPoster = std::size_t{8} << 20;
+
+/// The longest text about a dropped track in bytes.
+inline constexpr std::size_t kLongestDroppedTrackText = 1024;
 /// How many movies can be merged at once: as many descriptors as can be passed to a worker.
 inline constexpr std::size_t kMostMergeSources = 1000;
 

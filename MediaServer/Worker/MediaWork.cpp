@@ -74,6 +74,22 @@ void reportTruncation(KRVOperationBase& end, const std::optional<double>& at) {
     }
 }
 
+void reportDropped(KRVOperationBase& end, const std::vector<media::DroppedTrack>& tracks, bool isMerge) {
+    Array list;
+    for (const media::DroppedTrack& track : tracks) {
+        Dictionary entry{{kResultDroppedTrackIndex, track.index},
+                         {kResultDroppedTrackKind, track.kind},
+                         {kResultDroppedTrackCodec, track.codec},
+                         {kResultDroppedTrackLanguage, track.language},
+                         {kResultDroppedTrackReason, track.reason}};
+        if (isMerge) {
+            entry.set(kResultDroppedTrackSource, static_cast<std::int64_t>(track.source));
+        }
+        list.push_back(std::make_shared<Dictionary>(std::move(entry)));
+    }
+    setResult(end, kResultDroppedTracks, std::move(list));
+}
+
 void encode(const Message& job, media::ProgressSink& progress, KRVOperationBase& end) {
     const KRVOperationBase& record = *job.record;
     media::EncodeRequest request;
@@ -90,7 +106,9 @@ void encode(const Message& job, media::ProgressSink& progress, KRVOperationBase&
     if (const auto audio = record.encodingAudioParameters()) {
         copyCommon(request.audio.emplace(), *audio);
     }
-    reportTruncation(end, media::encode(request, progress).truncatedAt.at(0));
+    const media::MovieReport report = media::encode(request, progress);
+    reportDropped(end, report.droppedTracks, false);
+    reportTruncation(end, report.truncatedAt.at(0));
 }
 
 void makeThumbnails(const Message& job, media::ProgressSink& progress, KRVOperationBase& end) {
@@ -118,6 +136,7 @@ void mixToStereo(const Message& job, media::ProgressSink& progress, KRVOperation
                                                           .sourcePath = sourcePath(job),
                                                           .destinationPath = destinationPath(job)},
                                                          progress);
+    reportDropped(end, report.droppedTracks, false);
     reportTruncation(end, report.truncatedAt.at(0));
 }
 
@@ -132,6 +151,7 @@ void merge(const Message& job, media::ProgressSink& progress, KRVOperationBase& 
     const Value* const shortest = job.record->arguments()->find(kArgumentMergeSourcesUseShortest);
     request.useShortest = shortest && shortest->boolValue();
     const media::MovieReport report = media::merge(request, progress);
+    reportDropped(end, report.droppedTracks, true);
     Array truncated;
     for (const auto& at : report.truncatedAt) {
         truncated.push_back(at ? Value(*at) : Value());

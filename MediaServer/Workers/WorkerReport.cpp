@@ -183,6 +183,48 @@ Value checkedInterestingTimes(const KRVOperationBase& report) {
                                                 {kResultInterestingTimeTimescale, *scale}}));
 }
 
+/// More streams than FFmpeg opens, with several lost properties each.
+constexpr std::size_t kMostDropped = 10'000;
+
+std::string droppedText(const Dictionary& track, std::string_view key) {
+    const Value* const text = track.find(key);
+    if (!isKind(text, Kind::String) || text->stringValue().size() > kLongestDroppedTrackText) {
+        throw Lie{fmt::format("a dropped track without a valid {}", key)};
+    }
+    return text->stringValue();
+}
+
+Value checkedDroppedTracks(const KRVOperationBase& request, const KRVOperationBase& report) {
+    const auto tracks = report.result() ? (*report.result())[kResultDroppedTracks].array() : nullptr;
+    const bool isMerge = request.operationType() == OpMergeSources;
+    const auto sources = static_cast<std::int64_t>(sourcesOf(request).size());
+    if (!tracks || tracks->size() > kMostDropped * static_cast<std::size_t>(std::max<std::int64_t>(sources, 1))) {
+        throw Lie{"no list of dropped tracks, or one that is too long"};
+    }
+    Array checked;
+    for (const Value& each : *tracks) {
+        const auto track = each.dictionary();
+        const Value* const index = track ? track->find(kResultDroppedTrackIndex) : nullptr;
+        if (!isKind(index, Kind::Integer) || index->integerValue() < -1) {
+            throw Lie{"a dropped track without a valid index"};
+        }
+        Dictionary entry{{kResultDroppedTrackIndex, *index}};
+        for (const std::string_view key : {kResultDroppedTrackKind, kResultDroppedTrackCodec,
+                                           kResultDroppedTrackLanguage, kResultDroppedTrackReason}) {
+            entry.set(key, droppedText(*track, key));
+        }
+        if (isMerge) {
+            const Value* const source = track->find(kResultDroppedTrackSource);
+            if (!isKind(source, Kind::Integer) || source->integerValue() < 0 || source->integerValue() >= sources) {
+                throw Lie{"a dropped track of no source"};
+            }
+            entry.set(kResultDroppedTrackSource, *source);
+        }
+        checked.push_back(std::make_shared<Dictionary>(std::move(entry)));
+    }
+    return Value(std::move(checked));
+}
+
 bool isTruncation(const Value& value) {
     return isTime(&value) || value.isNull();
 }
@@ -212,6 +254,11 @@ KRVOperationBase::Ref checkedRecord(const KRVOperationBase& request, const KRVOp
     // Only what is known and has been checked is passed on.
     Dictionary result;
     switch (request.operationType()) {
+    case OpEncodeVideo:
+    case OpMuxAudioTo2ch:
+    case OpMergeSources:
+        result.set(kResultDroppedTracks, checkedDroppedTracks(request, report));
+        break;
     case OpCreateThumbnails:
         result.set(kResultThumbnails, checkedThumbnails(request, report));
         break;

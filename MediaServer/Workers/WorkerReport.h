@@ -34,6 +34,7 @@ inline constexpr std::size_t kLongestDescriptionText = 4096;
 ///     most kLargestPoster bytes. The slices do not overlap.
 ///   - A description has its own keys only, each with a value of the right kind; the path is that of the source.
 ///   - Interesting times are ascending and unique, and their time scale is positive.
+///   - Dropped tracks have our keys only, an index, texts of bounded length and, in a merge, the number of a source.
 ///   - Ends of truncated sources are numbers, for a merge one or null for each source.
 ///   - The result has no other keys.
 ///

@@ -21,6 +21,13 @@ constinit const std::string_view kArgumentTrackIndex = "trackIndex";
 constinit const std::string_view kResultSourceTruncatedAt = "sourceTruncatedAt";
 constinit const std::string_view kResultSourcesTruncatedAt = "sourcesTruncatedAt";
 
+constinit const std::string_view kResultDroppedTracks = "droppedTracks";
+constinit const std::string_view kResultDroppedTrackSource = "source";
+constinit const std::string_view kResultDroppedTrackIndex = "index";
+constinit const std::string_view kResultDroppedTrackKind = "kind";
+constinit const std::string_view kResultDroppedTrackCodec = "codec";
+constinit const std::string_view kResultDroppedTrackLanguage = "language";
+constinit const std::string_view kResultDroppedTrackReason = "reason";
 constinit const std::string_view kResultInterestingTimes = "interestingTimes";
 constinit const std::string_view kResultInterestingTimeValues = "values";
 constinit const std::string_view kResultInterestingTimeTimescale = "timescale";

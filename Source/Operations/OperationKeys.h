@@ -47,6 +47,25 @@ KRV_EXPORT extern const std::string_view kResultSourceTruncatedAt;
 /// Array, for a merge: the same for each source, null where it was whole.
 KRV_EXPORT extern const std::string_view kResultSourcesTruncatedAt;
 
+// Keys of `result` of every operation that writes a movie.
+
+/// Array of dictionaries with the entries below: the tracks of the sources that the movie does not have, and the
+/// properties of tracks that it could not keep. Empty if nothing was lost.
+KRV_EXPORT extern const std::string_view kResultDroppedTracks;
+/// Integer, for a merge only: number of the source, from 0.
+KRV_EXPORT extern const std::string_view kResultDroppedTrackSource;
+/// Integer: index of the track, as in kArgumentTrackIndex; −1: what was dropped belongs to the whole movie.
+KRV_EXPORT extern const std::string_view kResultDroppedTrackIndex;
+/// String: "video", "audio", "subtitle", "data", "attachment" or "cover" for a track; "alpha", "stereo3D", "title",
+/// "language" or "flag" for a property of a track that was kept; "chapters" for those of the movie.
+KRV_EXPORT extern const std::string_view kResultDroppedTrackKind;
+/// String: name of the codec, or a four-character code; may be empty.
+KRV_EXPORT extern const std::string_view kResultDroppedTrackCodec;
+/// String: language tag of the track; may be empty.
+KRV_EXPORT extern const std::string_view kResultDroppedTrackLanguage;
+/// String for a person, such as "mp4 files cannot hold bitmap subtitles".
+KRV_EXPORT extern const std::string_view kResultDroppedTrackReason;
+
 // Keys of `result` of the interesting-times operation.
 
 /// Dictionary with the two entries below.

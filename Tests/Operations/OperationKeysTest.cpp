@@ -25,6 +25,9 @@ const std::vector<std::string_view> kArguments{kArgumentEncodingSourceFilename,
 const std::vector<std::string_view> kResults{
     kResultInterestingTimes, kResultInterestingTimeValues, kResultInterestingTimeTimescale,
     kResultThumbnails,       kResultThumbnailPath,         kResultThumbnailTime};
+const std::vector<std::string_view> kDroppedTracks{
+    kResultDroppedTracks,     kResultDroppedTrackSource,   kResultDroppedTrackIndex, kResultDroppedTrackKind,
+    kResultDroppedTrackCodec, kResultDroppedTrackLanguage, kResultDroppedTrackReason};
 const std::vector<std::string_view> kMetadata{kMediaMetadataCodec,    kMediaMetadataDuration, kMediaMetadataDimensions,
                                               kMediaMetadataAudio,    kMediaMetadataSize,     kMediaMetadataPath,
                                               kMediaMetadataCreation, kMediaMetadataModified, kMediaMetadataFrameRate,
@@ -38,6 +41,8 @@ TEST(OperationKeys, HaveTheTextsOfTheWireForm) {
                               "movieInfoMetadata", "videoMergeSources", "videoMergeSourcesUseShortest", "trackIndex"}));
     EXPECT_EQ(kResults,
               (std::vector<std::string_view>{"interestingTimes", "values", "timescale", "thumbnails", "path", "time"}));
+    EXPECT_EQ(kDroppedTracks, (std::vector<std::string_view>{"droppedTracks", "source", "index", "kind", "codec",
+                                                             "language", "reason"}));
     EXPECT_EQ(kMetadata,
               (std::vector<std::string_view>{"metadataCodec", "metadataDuration", "metadataDimensions", "metadataAudio",
                                              "metadataSize", "metadataPath", "metadataCreation", "metadataModified",
@@ -46,10 +51,10 @@ TEST(OperationKeys, HaveTheTextsOfTheWireForm) {
 
 TEST(OperationKeys, AreDistinct) {
     std::set<std::string_view> all;
-    for (const auto* group : {&kArguments, &kResults, &kMetadata}) {
+    for (const auto* group : {&kArguments, &kResults, &kDroppedTracks, &kMetadata}) {
         all.insert(group->begin(), group->end());
     }
-    EXPECT_EQ(all.size(), kArguments.size() + kResults.size() + kMetadata.size());
+    EXPECT_EQ(all.size(), kArguments.size() + kResults.size() + kDroppedTracks.size() + kMetadata.size());
 }
 
 }  // namespace

@@ -81,6 +81,8 @@ void checkEncoderOption(std::string_view key, std::string_view value) {
 void apply(Settings& settings, std::string_view key, const std::string& value, bool video) {
     if (key == "bitrate") {
         settings.bitRate = number<std::int64_t>(key, value, 1'000, 1'000'000'000);
+    } else if (key == "strict") {
+        settings.strict = number(key, value, 0, 1) == 1;
     } else if (video && key == "width") {
         settings.width = number(key, value, 2, 16384);
     } else if (video && key == "height") {

@@ -20,6 +20,8 @@ struct Settings {
     std::optional<int> sampleRate;        ///< Hz
     std::optional<std::int64_t> bitRate;  ///< bits per second
     std::optional<AVPixelFormat> pixelFormat;
+    /// Whether the conversion fails if the movie would lose a track or a property of one.
+    bool strict = false;
     /// "preset" and all other keys, for the encoder, in their order.
     std::vector<std::pair<std::string, std::string>> options;
 };

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <string>
 
+#include <MediaServer/Media/Container/DroppedTracks.h>
 #include <MediaServer/Media/Container/StreamSelection.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 #include <MediaServer/Media/Transcode/StreamPlan.h>
@@ -247,6 +248,34 @@ std::vector<StreamPlan> planAllButAudio(const Source& source, const Container& c
     EncodeRequest request;
     request.flattenOnly = true;
     return Planner(source, container, encodingTypeNumbered(0), request).planAllButAudio();
+}
+
+std::vector<DroppedTrack> tracksDroppedBy(const std::vector<StreamPlan>& plan, const Source& source,
+                                          const Container& container, bool audioOnly) {
+    DroppedTracks dropped(source, container);
+    for (std::size_t i = 0; i < source.streamCount(); ++i) {
+        const AVStream& stream = source.stream(i);
+        const auto planned =
+            std::find_if(plan.begin(), plan.end(), [i](const StreamPlan& each) { return each.index == i; });
+        if (planned == plan.end()) {
+            const bool missed = !audioOnly || isCover(stream) || stream.codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
+            if (missed) {
+                dropped.add(i);
+            }
+            continue;
+        }
+        dropped.addLostProperties(i);
+        if (planned->treatment == Treatment::Copy) {
+            dropped.addCopiedAlpha(i);
+        }
+        const bool encodesVideo =
+            planned->treatment == Treatment::Encode && planned->codec && planned->codec->type == AVMEDIA_TYPE_VIDEO;
+        if (encodesVideo && planned->codec->alphaPixelFormat == AV_PIX_FMT_NONE) {
+            dropped.addEncodedAlpha(i);
+        }
+    }
+    dropped.addChapters();
+    return dropped.take();
 }
 
 }  // namespace krv::media

@@ -6,6 +6,7 @@
 #include <MediaServer/Media/Codec/CodecTable.h>
 #include <MediaServer/Media/Container/ContainerTable.h>
 #include <MediaServer/Media/Container/Source.h>
+#include <MediaServer/Media/Foundation/MovieReport.h>
 #include <MediaServer/Media/Transcode/EncodeRequest.h>
 #include <MediaServer/Media/Transcode/EncodingType.h>
 
@@ -29,5 +30,10 @@ struct StreamPlan {
 /// and containers for audio get no video. The result may be empty. Throws Failure with ContainerCannotHold if the
 /// container cannot hold the codec of the video.
 [[nodiscard]] std::vector<StreamPlan> planAllButAudio(const Source& source, const Container& container);
+
+/// Lists what of the source a movie written by this plan will not have. audioOnly: the request asks for audio only, so
+/// that nothing else is missed.
+[[nodiscard]] std::vector<DroppedTrack> tracksDroppedBy(const std::vector<StreamPlan>& plan, const Source& source,
+                                                        const Container& container, bool audioOnly);
 
 }  // namespace krv::media

@@ -87,8 +87,9 @@ RecordingSink::RecordingSink() {
     FFmpegLog::instance().clear();
 }
 
-OutputPath convert(const Conversion& conversion, ProgressSink& sink) {
-    OutputPath output(conversion.extension);
+namespace {
+
+MovieReport convertTo(const OutputPath& output, const Conversion& conversion, ProgressSink& sink) {
     const Descriptor source = openToRead(conversion.source);
     const Descriptor destination(open(output.path().c_str(), O_RDWR | O_CLOEXEC));
     EncodeRequest request;
@@ -100,8 +101,21 @@ OutputPath convert(const Conversion& conversion, ProgressSink& sink) {
     request.flattenOnly = conversion.flatten;
     request.video = conversion.video;
     request.audio = conversion.audio;
-    encode(request, sink);
+    return encode(request, sink);
+}
+
+}  // namespace
+
+OutputPath convert(const Conversion& conversion, ProgressSink& sink) {
+    OutputPath output(conversion.extension);
+    (void)convertTo(output, conversion, sink);
     return output;
+}
+
+MovieReport reportOf(const Conversion& conversion) {
+    const OutputPath output(conversion.extension);
+    RecordingSink sink;
+    return convertTo(output, conversion, sink);
 }
 
 OutputPath convert(const Conversion& conversion) {

@@ -66,6 +66,9 @@ struct Conversion {
 OutputPath convert(const Conversion& conversion, ProgressSink& sink);
 OutputPath convert(const Conversion& conversion);
 
+/// Converts into a throw-away file and returns the report.
+MovieReport reportOf(const Conversion& conversion);
+
 /// Returns the failure of a conversion, or nothing if it succeeds.
 std::optional<Failure> failureOf(const Conversion& conversion);
 

@@ -81,6 +81,10 @@ Failure example(FailureCause cause) {
     case FailureCause::UnconvertibleSubtitles:
         failure.subject = "dvb_subtitle";
         break;
+    case FailureCause::WouldDropTrack:
+        failure.subject = "subtitle of track 3";
+        failure.detail = "mp4 files cannot hold bitmap subtitles";
+        break;
     case FailureCause::OutOfTime:
         failure.subject = "900 seconds";
         break;

@@ -30,6 +30,12 @@ R::Ref withResult(Dictionary result) {
     return report;
 }
 
+/// The report of an operation that has written a movie and dropped nothing.
+R::Ref written(Dictionary result = {}) {
+    result.set(kResultDroppedTracks, Array());
+    return withResult(std::move(result));
+}
+
 R::Ref withError(std::shared_ptr<const Error> error) {
     const auto report = completed();
     report->setError(std::move(error));
@@ -48,6 +54,7 @@ void expectLie(const R::Ref& request, const R::Ref& report, const std::string& r
 // Errors.
 
 const R::Ref kEncode = R::encodeVideoOperation("/a.mov", "/b.mp4");
+const R::Ref kMerge = R::mergeSourcesOperation(Value(Array{"/a.mov", "/b.mov"}), "/c.mov", false);
 
 std::shared_ptr<const Error> error(std::int64_t code, Dictionary more = {}) {
     Dictionary userInfo{{NSLocalizedDescriptionKey, "sentence"}, {NSLocalizedFailureReasonErrorKey, "cause"}};
@@ -94,7 +101,7 @@ TEST(WorkerReport, DropsWhatElseAnErrorHas) {
 // Records.
 
 TEST(WorkerReport, DropsArgumentsThatAWorkerAdds) {
-    const auto report = completed();
+    const auto report = written();
     report->arguments()->set(kArgumentEncodingSourceFilename, "/etc/passwd");
     report->setUniqueID("another operation");
     const Outcome outcome = outcomeOf(*kEncode, *report, kSmall);
@@ -105,27 +112,78 @@ TEST(WorkerReport, DropsArgumentsThatAWorkerAdds) {
 
 TEST(WorkerReport, KeepsWhatItKnowsOfTheResult) {
     const Outcome outcome =
-        outcomeOf(*kEncode, *withResult({{"key", Data(100)}, {kResultSourceTruncatedAt, 1.5}}), kSmall);
+        outcomeOf(*kEncode, *written({{"key", Data(100)}, {kResultSourceTruncatedAt, 1.5}}), kSmall);
     ASSERT_EQ(outcome.kind, Outcome::Kind::Completed);
-    EXPECT_EQ(*outcome.record->result(), (Dictionary{{kResultSourceTruncatedAt, 1.5}}));
+    EXPECT_EQ(*outcome.record->result(),
+              (Dictionary{{kResultDroppedTracks, Array()}, {kResultSourceTruncatedAt, 1.5}}));
 }
 
 TEST(WorkerReport, RefusesInvalidEndsOfTruncatedSources) {
     for (const Value& wrong : {Value("1.5"), Value(1), Value(std::numeric_limits<double>::infinity()), Value()}) {
-        expectLie(kEncode, withResult({{kResultSourceTruncatedAt, wrong}}), "an invalid end of a truncated source");
+        expectLie(kEncode, written({{kResultSourceTruncatedAt, wrong}}), "an invalid end of a truncated source");
     }
-    const auto merge = R::mergeSourcesOperation(Value(Array{"/a.mov", "/b.mov"}), "/c.mov", false);
-    const Outcome outcome = outcomeOf(*merge, *withResult({{kResultSourcesTruncatedAt, Array{Value(), 2.5}}}), kSmall);
+    const Outcome outcome = outcomeOf(*kMerge, *written({{kResultSourcesTruncatedAt, Array{Value(), 2.5}}}), kSmall);
     ASSERT_EQ(outcome.kind, Outcome::Kind::Completed);
     EXPECT_EQ((*outcome.record->result())[kResultSourcesTruncatedAt], Value(Array{Value(), 2.5}));
     for (const Value& wrong : {Value(2.5), Value(Array{2.5}), Value(Array{2.5, "x"}), Value(Array(3, Value()))}) {
-        expectLie(merge, withResult({{kResultSourcesTruncatedAt, wrong}}), "invalid ends of truncated sources");
+        expectLie(kMerge, written({{kResultSourcesTruncatedAt, wrong}}), "invalid ends of truncated sources");
     }
+}
+
+const Dictionary kDropped{{kResultDroppedTrackIndex, 3},
+                          {kResultDroppedTrackKind, "subtitle"},
+                          {kResultDroppedTrackCodec, "dvd_subtitle"},
+                          {kResultDroppedTrackLanguage, "deu"},
+                          {kResultDroppedTrackReason, "mp4 files cannot hold bitmap subtitles"}};
+
+R::Ref withDropped(Array tracks) {
+    return withResult({{kResultDroppedTracks, std::move(tracks)}});
+}
+
+Value changed(const Dictionary& track, std::string_view key, Value value) {
+    Dictionary copy = track.mutableCopy();
+    copy.set(key, std::move(value));
+    return Value(std::make_shared<Dictionary>(std::move(copy)));
+}
+
+TEST(WorkerReport, KeepsTheKnownEntriesOfDroppedTracks) {
+    const auto report = withDropped({changed(kDropped, "more", Data(100))});
+    const Outcome outcome = outcomeOf(*kEncode, *report, kSmall);
+    ASSERT_EQ(outcome.kind, Outcome::Kind::Completed);
+    const auto tracks = (*outcome.record->result())[kResultDroppedTracks].array();
+    ASSERT_EQ(tracks->size(), 1U);
+    EXPECT_EQ(*tracks->front().dictionary(), kDropped);
+}
+
+TEST(WorkerReport, RefusesOtherListsOfDroppedTracks) {
+    for (const R::Ref& request : {kEncode, kMerge, R::muxAudioTo2chOperation("/a.mov", "/b.mp4")}) {
+        expectLie(request, completed(), "no list of dropped tracks, or one that is too long");
+    }
+    expectLie(kEncode, withDropped(Array(10'001, changed(kDropped, "index", 1))),
+              "no list of dropped tracks, or one that is too long");
+    expectLie(kEncode, withDropped({Value(5)}), "a dropped track without a valid index");
+    for (const Value& wrong : {Value(), Value(-2), Value("3"), Value(3.0)}) {
+        expectLie(kEncode, withDropped({changed(kDropped, kResultDroppedTrackIndex, wrong)}),
+                  "a dropped track without a valid index");
+    }
+    for (const std::string_view key :
+         {kResultDroppedTrackKind, kResultDroppedTrackCodec, kResultDroppedTrackLanguage, kResultDroppedTrackReason}) {
+        for (const Value& wrong : {Value(), Value(7), Value(std::string(1025, 'x'))}) {
+            expectLie(kEncode, withDropped({changed(kDropped, key, wrong)}),
+                      "a dropped track without a valid " + std::string(key));
+        }
+    }
+    for (const Value& wrong : {Value(), Value(-1), Value(2), Value("0")}) {
+        expectLie(kMerge, withDropped({changed(kDropped, kResultDroppedTrackSource, wrong)}),
+                  "a dropped track of no source");
+    }
+    EXPECT_EQ(outcomeOf(*kMerge, *withDropped({changed(kDropped, kResultDroppedTrackSource, 1)}), kSmall).kind,
+              Outcome::Kind::Completed);
 }
 
 TEST(WorkerReport, BoundsTheWholeReport) {
     constexpr std::size_t kLimit = std::size_t{16} << 20;
-    EXPECT_EQ(outcomeOf(*kEncode, *completed(), kLimit).kind, Outcome::Kind::Completed);
+    EXPECT_EQ(outcomeOf(*kEncode, *written(), kLimit).kind, Outcome::Kind::Completed);
     expectLie(kEncode, completed(), "a report of 16777217 bytes", kLimit + 1);
     expectLie(kEncode, withError(error(3)), "a report of 16777217 bytes", kLimit + 1);
 }
