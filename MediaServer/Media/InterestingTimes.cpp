@@ -195,7 +195,8 @@ private:
         while (source_.read(*packet)) {
             progress_.reach(source_.position());
             const std::int64_t time = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
-            if ((packet->flags & AV_PKT_FLAG_KEY) != 0 && time != AV_NOPTS_VALUE) {
+            const bool shown = (packet->flags & AV_PKT_FLAG_DISCARD) == 0;
+            if (shown && (packet->flags & AV_PKT_FLAG_KEY) != 0 && time != AV_NOPTS_VALUE) {
                 add(time, stream.time_base);
             }
         }

@@ -6,6 +6,7 @@
 #include <MediaServer/Media/Audio/AudioTranscoder.h>
 #include <MediaServer/Media/Audio/StereoMatrix.h>
 #include <MediaServer/Media/Audio/StereoMixTrack.h>
+#include <MediaServer/Media/Container/HiddenPackets.h>
 #include <MediaServer/Media/Container/OutputFile.h>
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Container/StreamSelection.h>
@@ -14,6 +15,7 @@
 #include <MediaServer/Media/StereoMix.h>
 #include <MediaServer/Media/Transcode/Pump.h>
 #include <MediaServer/Media/Transcode/StreamPlan.h>
+#include <MediaServer/Media/Video/VideoTranscoder.h>
 
 namespace krv::media {
 namespace {
@@ -52,20 +54,27 @@ MovieReport run(const StereoMixRequest& request, Progress& progress) {
     for (const std::size_t index : played) {
         carried.push_back({index, StreamPlan::Treatment::Encode});
     }
+    const Settings settings;
+    bool encodes = false;
     const auto isVideo = [&](const StreamPlan& one) {
         return source.stream(one.index).codecpar->codec_type == AVMEDIA_TYPE_VIDEO &&
                one.treatment != StreamPlan::Treatment::Cover;
     };
     for (const StreamPlan& one : others) {
-        if (isVideo(one)) {
+        if (one.treatment == StreamPlan::Treatment::Encode) {
+            pump.add(std::make_unique<VideoTranscoder>(source, source.stream(one.index),
+                                                       VideoTranscoder::Request{*one.codec, 0, 0, settings}),
+                     {one.index});
+            encodes = true;
+        } else if (isVideo(one)) {
             pump.addCopy(one);
         }
     }
 
     const AVStream& first = source.stream(played.front());
     const bool isStereoAlready = played.size() == 1 && isStereo(first.codecpar->ch_layout);
-    const bool copies = isStereoAlready && container.holds(first.codecpar->codec_id);
-    const Settings settings;
+    const bool copies =
+        isStereoAlready && container.holds(first.codecpar->codec_id) && !hiddenPackets(first).betweenEdits;
     if (copies) {
         pump.addCopy({played.front(), StreamPlan::Treatment::Copy});
     } else if (isStereoAlready) {
@@ -84,7 +93,7 @@ MovieReport run(const StereoMixRequest& request, Progress& progress) {
             pump.addCopy(one);
         }
     }
-    pump.run(!copies);
+    pump.run(encodes || !copies);
     return {.truncatedAt = {source.truncatedAt()},
             .droppedTracks = tracksDroppedBy(carried, source, container, false)};
 }

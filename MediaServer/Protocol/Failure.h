@@ -44,6 +44,7 @@ enum class FailureCause {
     NoContainer,              ///< the destination's name has no extension
     UnsupportedContainer,     ///< subject: the extension
     ContainerCannotHold,      ///< subject: the extension; detail: the codec
+    EditsCannotBeCopied,      ///< they cut between key frames
     ContainerRefusesTracks,   ///< subject: the extension; reason: what FFmpeg says
     UnsupportedCodec,         ///< subject: the codec
     WrongKindOfCodec,         ///< subject: the codec; detail: "a video codec" or "an audio codec"

@@ -68,6 +68,8 @@ constexpr auto kRows = std::to_array<Row>({
      "the name {destination} has no extension that selects a container"},
     {C::UnsupportedContainer, Code::Unsupported, About::Destination, "the container \"{subject}\" is not supported"},
     {C::ContainerCannotHold, Code::Unsupported, About::Destination, "the container \"{subject}\" cannot hold {detail}"},
+    {C::EditsCannotBeCopied, Code::Unsupported, About::Source,
+     "it has cuts between key frames, which cannot be copied; convert it instead"},
     {C::ContainerRefusesTracks, Code::Unsupported, About::Destination,
      "the container \"{subject}\" does not accept these tracks"},
     {C::UnsupportedCodec, Code::Unsupported, About::Destination, "the codec {subject} is not supported"},

@@ -1,7 +1,11 @@
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <optional>
 #include <string_view>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <MediaServer/Media/Container/EditList.h>
 
@@ -114,7 +118,15 @@ MovieEdits parseMovieEdits(Bytes movieBox) {
     return edits;
 }
 
-MovieEdits readMovieEdits(const ReadAt& readAt, std::int64_t fileSize) {
+namespace {
+
+/// Where the contents of the "moov" box are in a file.
+struct Place {
+    std::int64_t offset;
+    std::int64_t size;
+};
+
+std::optional<Place> findMovieBox(const ReadAt& readAt, std::int64_t fileSize) {
     std::int64_t offset = 0;
     for (int i = 0; i < kMostTopLevelBoxes && offset <= fileSize - static_cast<std::int64_t>(kBoxHeader); ++i) {
         std::array<std::byte, kLongBoxHeader> header{};
@@ -135,15 +147,116 @@ MovieEdits readMovieEdits(const ReadAt& readAt, std::int64_t fileSize) {
         }
         const auto contents = static_cast<std::int64_t>(size) - headerSize;
         if (std::string_view(reinterpret_cast<const char*>(header.data()) + 4, 4) == "moov") {
-            if (contents > kLargestMovieBox) {
-                break;
-            }
-            std::vector<std::byte> box(static_cast<std::size_t>(contents));
-            return readAt(offset + headerSize, box) ? parseMovieEdits(box) : MovieEdits{};
+            return contents <= kLargestMovieBox ? std::optional(Place{offset + headerSize, contents}) : std::nullopt;
         }
         offset += static_cast<std::int64_t>(size);
     }
-    return {};
+    return std::nullopt;
+}
+
+}  // namespace
+
+MovieEdits readMovieEdits(const ReadAt& readAt, std::int64_t fileSize) {
+    const auto place = findMovieBox(readAt, fileSize);
+    if (!place) {
+        return {};
+    }
+    std::vector<std::byte> box(static_cast<std::size_t>(place->size));
+    return readAt(place->offset, box) ? parseMovieEdits(box) : MovieEdits{};
+}
+
+namespace {
+
+/// A number in a box, which can be changed.
+class Field {
+public:
+    Field(std::span<std::byte> box, Bytes part, std::size_t offset, bool wide)
+        : bytes_(box.subspan(static_cast<std::size_t>(part.data() - box.data()) + offset, wide ? 8 : 4)) {}
+
+    [[nodiscard]] std::uint64_t value() const { return number(bytes_, 0, bytes_.size()); }
+    void lowerTo(std::uint64_t value) const {
+        if (value >= this->value()) {
+            return;
+        }
+        for (std::size_t i = bytes_.size(); i-- > 0; value >>= 8) {
+            bytes_[i] = static_cast<std::byte>(value & 0xff);
+        }
+    }
+
+private:
+    std::span<std::byte> bytes_;
+};
+
+bool isWide(Bytes header) {
+    return !header.empty() && number(header, 0, 1) == 1;
+}
+
+/// Returns the length of a movie or track, which its header contains behind other fields.
+std::optional<Field> lengthIn(std::span<std::byte> box, std::optional<Bytes> header, std::size_t before) {
+    if (!header) {
+        return std::nullopt;
+    }
+    const bool wide = isWide(*header);
+    const std::size_t offset = (wide ? 20 : 12) + before;
+    return header->size() >= offset + (wide ? 8 : 4) ? std::optional(Field(box, *header, offset, wide)) : std::nullopt;
+}
+
+/// Shortens the last edit so that the whole list ends at this time.
+void shortenEdits(std::span<std::byte> box, Bytes list, std::uint64_t end) {
+    const std::vector<std::int64_t> starts = editStarts(list);
+    const bool wide = isWide(list);
+    const std::size_t entry = wide ? 20 : 12;
+    if (!starts.empty() && static_cast<std::uint64_t>(starts.back()) <= end) {
+        Field(box, list, 8 + (starts.size() - 1) * entry, wide)
+            .lowerTo(end - static_cast<std::uint64_t>(starts.back()));
+    }
+}
+
+}  // namespace
+
+void shortenTracks(std::span<std::byte> box, std::span<const TrackEnd> ends) {
+    const auto header = find(box, "mvhd");
+    const auto scale = afterDates(header).value_or(0);
+    std::uint64_t longest = 0;
+    Bytes rest = box;
+    while (const auto track = takeBox(rest)) {
+        if (track->type != "trak") {
+            continue;
+        }
+        const auto trackHeader = find(track->contents, "tkhd");
+        const auto container = find(track->contents, "edts");
+        const auto list = container ? find(*container, "elst") : std::nullopt;
+        const auto length = lengthIn(box, trackHeader, 8);
+        const auto end = std::find_if(ends.begin(), ends.end(),
+                                      [id = afterDates(trackHeader)](const TrackEnd& each) { return each.id == id; });
+        if (length && list && end != ends.end()) {
+            const auto time = static_cast<std::uint64_t>(std::llround(std::max(end->seconds, 0.0) * scale));
+            shortenEdits(box, *list, time);
+            length->lowerTo(time);
+        }
+        longest = std::max(longest, length ? length->value() : 0);
+    }
+    if (const auto length = lengthIn(box, header, 4)) {
+        length->lowerTo(longest);
+    }
+}
+
+bool shortenTracks(int descriptor, std::span<const TrackEnd> ends) {
+    struct stat status {};
+    if (fstat(descriptor, &status) != 0) {
+        return false;
+    }
+    const ReadAt readAt = readAtDescriptor(descriptor);
+    const auto place = findMovieBox(readAt, status.st_size);
+    if (!place) {
+        return false;
+    }
+    std::vector<std::byte> box(static_cast<std::size_t>(place->size));
+    if (!readAt(place->offset, box)) {
+        return false;
+    }
+    shortenTracks(box, ends);
+    return pwrite(descriptor, box.data(), box.size(), place->offset) == static_cast<ssize_t>(box.size());
 }
 
 }  // namespace krv::media

@@ -28,4 +28,17 @@ struct MovieEdits {
 /// plausible.
 [[nodiscard]] MovieEdits readMovieEdits(const ReadAt& readAt, std::int64_t fileSize);
 
+/// Where a track ends on the time of the movie.
+struct TrackEnd {
+    std::uint32_t id;
+    double seconds;
+};
+
+/// Makes tracks end earlier: shortens the last edit of each in the contents of a "moov" box, without moving anything.
+/// Does not change tracks without an edit list, and those that end earlier already. Pure.
+void shortenTracks(std::span<std::byte> movieBox, std::span<const TrackEnd> ends);
+
+/// Does so in a file. Returns false if it cannot be read or written.
+[[nodiscard]] bool shortenTracks(int descriptor, std::span<const TrackEnd> ends);
+
 }  // namespace krv::media

@@ -82,6 +82,10 @@ void OutputFile::write(const AVStream& stream, AVPacket& packet, AVRational time
     }
 }
 
+void OutputFile::endAt(const AVStream& stream, double seconds) {
+    ends_.push_back({static_cast<std::uint32_t>(stream.index) + 1, seconds});  // the muxer's number of the track
+}
+
 void OutputFile::finish() {
     bytesToMove_ = avio_tell(io_.context());
     check(av_write_trailer(format_), FailureCause::InternalError, "finishing the file");
@@ -89,6 +93,9 @@ void OutputFile::finish() {
     check(0, FailureCause::InternalError, "finishing the file");
     if (const int error = io_.context()->error; error < 0) {
         throw Failure({.cause = FailureCause::UnwritableDestination, .errorNumber = AVUNERROR(error)});
+    }
+    if (!ends_.empty() && !shortenTracks(descriptor_, ends_)) {
+        throw Failure({.cause = FailureCause::UnwritableDestination, .errorNumber = errno});
     }
 }
 

@@ -2,9 +2,11 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include <MediaServer/Media/Container/ContainerTable.h>
 #include <MediaServer/Media/Container/DescriptorIO.h>
+#include <MediaServer/Media/Container/EditList.h>
 #include <MediaServer/Media/Foundation/AV.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 #include <MediaServer/Media/Foundation/Progress.h>
@@ -39,6 +41,10 @@ public:
     /// Throws Failure with UnwritableDestination or InternalError.
     void write(const AVStream& stream, AVPacket& packet, AVRational timeBase);
 
+    /// Makes a stream end at this time, in seconds of the movie, although later packets have been written because
+    /// earlier frames refer to them. Only for containers with edits.
+    void endAt(const AVStream& stream, double seconds);
+
     /// Writes the packets that are still buffered, and the index, which goes to the front if the container allows it.
     /// Reports progress in the phase that the caller has begun.
     void finish();
@@ -58,6 +64,7 @@ private:
     std::int64_t bytesMoved_ = 0;
     std::int64_t bytesToMove_ = 0;
     std::int64_t packets_ = 0;
+    std::vector<TrackEnd> ends_;
     DescriptorIO io_;
     std::unique_ptr<DescriptorIO> reader_;
     AVFormatContext* format_ = nullptr;

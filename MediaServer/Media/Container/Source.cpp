@@ -1,9 +1,12 @@
 #include <algorithm>
 #include <cstring>
+#include <span>
 #include <utility>
 
 #include <sys/stat.h>
 
+#include <MediaServer/Media/Container/EditList.h>
+#include <MediaServer/Media/Container/EditTimes.h>
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Container/SourceFormat.h>
 #include <MediaServer/Media/Container/StreamSelection.h>
@@ -116,6 +119,11 @@ void Source::open(int descriptor, const std::string& path) {
     start_ = start + shift_;
     lastDts_.resize(format_->nb_streams);
     declaredSize_ = declaredSize(readAtDescriptor(descriptor), size_);
+    const std::span streams(format_->streams, format_->nb_streams);
+    if (std::any_of(streams.begin(), streams.end(),
+                    [](const AVStream* each) { return EditTimes::areNeededFor(*each); })) {
+        repair_ = std::make_unique<EditTimes>(*format_, readMovieEdits(readAtDescriptor(descriptor), size_));
+    }
 }
 
 // Ogg stores the tags of a movie in its streams.
@@ -154,12 +162,20 @@ void Source::select(const std::vector<std::size_t>& indices) {
 
 bool Source::seek(std::size_t index, std::int64_t time) {
     const std::int64_t there = av_rescale_q(time - shift_, kMicroseconds, stream(index).time_base);
-    // Times before and after the seek must not be compared.
-    std::fill(lastDts_.begin(), lastDts_.end(), std::nullopt);
-    discontinuity_ = 0;
+    forgetTimes();
     const int result = av_seek_frame(format_, static_cast<int>(index), there, AVSEEK_FLAG_BACKWARD);
     throwIfUnreadable();
     return result >= 0;
+}
+
+// Times before and after a seek must not be compared.
+void Source::forgetTimes() {
+    std::fill(lastDts_.begin(), lastDts_.end(), std::nullopt);
+    discontinuity_ = 0;
+    ready_.clear();
+    if (repair_) {
+        repair_->reset();
+    }
 }
 
 bool Source::rewind() {
@@ -169,8 +185,7 @@ bool Source::rewind() {
     if (!guesses) {
         return seek(0, start_);
     }
-    std::fill(lastDts_.begin(), lastDts_.end(), std::nullopt);
-    discontinuity_ = 0;
+    forgetTimes();
     const int result = av_seek_frame(format_, -1, 0, AVSEEK_FLAG_BYTE);
     throwIfUnreadable();
     return result >= 0;
@@ -182,6 +197,31 @@ void Source::readTimesOnly() noexcept {
 }
 
 bool Source::read(AVPacket& packet) {
+    if (!repair_) {
+        if (!readStored(packet)) {
+            return false;
+        }
+    } else {
+        while (ready_.empty()) {
+            PacketPtr stored = newPacket();
+            if (readStored(*stored)) {
+                repair_->push(std::move(stored), ready_);
+                continue;
+            }
+            repair_->finish(ready_);
+            if (ready_.empty()) {
+                return false;
+            }
+        }
+        av_packet_unref(&packet);
+        av_packet_move_ref(&packet, ready_.front().get());
+        ready_.pop_front();
+    }
+    moveToMovieTime(packet);
+    return true;
+}
+
+bool Source::readStored(AVPacket& packet) {
     for (int failures = 0; failures < kReadAttempts;) {
         av_packet_unref(&packet);
         const int result = av_read_frame(format_, &packet);
@@ -207,18 +247,22 @@ bool Source::read(AVPacket& packet) {
         cutOff_ |= (packet.flags & AV_PKT_FLAG_CORRUPT) != 0 && (format_->iformat->flags & AVFMT_TS_DISCONT) == 0 &&
                    avio_feof(format_->pb) != 0;
         fixDiscontinuity(packet);
-        const std::int64_t shift = av_rescale_q(shift_ + discontinuity_, kMicroseconds, from.time_base);
-        if (packet.pts != AV_NOPTS_VALUE) {
-            packet.pts += shift;
-        }
-        if (packet.dts != AV_NOPTS_VALUE) {
-            packet.dts += shift;
-            reached_ = std::max(reached_, av_rescale_q(packet.dts, from.time_base, kMicroseconds));
-            end_ = std::max(end_, av_rescale_q(packet.dts + packet.duration, from.time_base, kMicroseconds));
-        }
         return true;
     }
     return false;
+}
+
+void Source::moveToMovieTime(AVPacket& packet) {
+    const AVRational unit = stream(static_cast<std::size_t>(packet.stream_index)).time_base;
+    const std::int64_t shift = av_rescale_q(shift_ + discontinuity_, kMicroseconds, unit);
+    if (packet.pts != AV_NOPTS_VALUE) {
+        packet.pts += shift;
+    }
+    if (packet.dts != AV_NOPTS_VALUE) {
+        packet.dts += shift;
+        reached_ = std::max(reached_, av_rescale_q(packet.dts, unit, kMicroseconds));
+        end_ = std::max(end_, av_rescale_q(packet.dts + packet.duration, unit, kMicroseconds));
+    }
 }
 
 // In recordings that were joined byte by byte the clock restarts in the middle. As soon as the first stream shows the

@@ -1,12 +1,14 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include <MediaServer/Media/Container/DescriptorIO.h>
+#include <MediaServer/Media/Container/TimeRepair.h>
 #include <MediaServer/Media/Foundation/AV.h>
 #include <MediaServer/Media/Foundation/Progress.h>
 
@@ -76,6 +78,10 @@ private:
     void adoptTagsOfOgg();
     /// Throws Failure UnreadableSource if any transfer has failed so far.
     void throwIfUnreadable() const;
+    /// Reads the next packet with the times of the file.
+    [[nodiscard]] bool readStored(AVPacket& packet);
+    void moveToMovieTime(AVPacket& packet);
+    void forgetTimes();
     void fixDiscontinuity(AVPacket& packet);
 
     std::int64_t size_ = 0;
@@ -92,6 +98,8 @@ private:
     /// Whether read() has met the end, and whether a packet was cut off there.
     bool ended_ = false;
     bool cutOff_ = false;
+    std::unique_ptr<TimeRepair> repair_;  // null if the times of the file are right
+    std::deque<PacketPtr> ready_;         // what it has returned
     std::int64_t discontinuity_ = 0;
     std::vector<std::optional<std::int64_t>> lastDts_;
 };

@@ -67,7 +67,30 @@ void StreamCopier::push(const AVPacket& packet) {
     if (hidden_) {
         write(*std::exchange(hidden_, nullptr));
     }
+    // What an edit list cuts off at the end is left out, except for packets that the decoder needs for later ones.
+    if ((packet.flags & AV_PKT_FLAG_DISCARD) != 0) {
+        if (shownUntil_) {
+            hiddenAfter_.push_back(reference(packet));
+        } else {
+            write(packet);
+        }
+        return;
+    }
+    hidesLater_ |= !hiddenAfter_.empty();
+    for (const PacketPtr& earlier : std::exchange(hiddenAfter_, {})) {
+        write(*earlier);
+    }
+    const std::int64_t time = packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts;
+    if (time != AV_NOPTS_VALUE) {
+        shownUntil_ = std::max(shownUntil_.value_or(time), time + packet.duration);
+    }
     write(packet);
+}
+
+void StreamCopier::finish() {
+    if (hidesLater_ && output_->container().edits) {
+        output_->endAt(*to_, static_cast<double>(*shownUntil_) * av_q2d(from_.time_base));
+    }
 }
 
 void StreamCopier::write(const AVPacket& packet) {

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <vector>
 
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Container/Track.h>
@@ -16,7 +17,7 @@ public:
     [[nodiscard]] bool ready() const override { return true; }
     void push(const AVPacket& packet) override;
     void open(OutputFile& output) override;
-    void finish() override {}
+    void finish() override;
 
 private:
     void write(const AVPacket& packet);
@@ -29,7 +30,10 @@ private:
     bool started_ = false;
     std::int64_t rounding_ = AV_NOPTS_VALUE;
     std::optional<std::int64_t> lastDts_;
-    PacketPtr hidden_;  // the latest packet that is decoded but not played
+    PacketPtr hidden_;                        // the latest packet before the beginning that is decoded but not played
+    std::optional<std::int64_t> shownUntil_;  // in units of the source; empty until a packet is played
+    std::vector<PacketPtr> hiddenAfter_;      // packets since the latest one that is played
+    bool hidesLater_ = false;                 // some of them have been written
     PacketPtr packet_ = newPacket();
 };
 

@@ -137,7 +137,7 @@ private:
 
     bool videoFits(const TrackSurvey& part, std::size_t source) const {
         const std::int64_t tick = av_rescale_q(1, plan_.tick, kMicroseconds);
-        if (part.hidesPackets && (source > 0 || !container_.edits)) {
+        if (part.hidesLaterPackets || (part.hidesPackets && (source > 0 || !container_.edits))) {
             return false;  // only the beginning of a movie can have hidden frames
         }
         if (sources_.size() == 1 && !useShortest_) {
@@ -149,6 +149,9 @@ private:
     }
 
     bool audioFits(const TrackSurvey& part, std::size_t source) const {
+        if (part.hidesLaterPackets) {
+            return false;
+        }
         if (sources_.size() == 1) {
             return true;
         }

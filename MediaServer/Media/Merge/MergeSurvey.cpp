@@ -53,6 +53,7 @@ public:
         track_.longestPacket = std::max(track_.longestPacket, av_rescale_q(duration, stream_.time_base, kMicroseconds));
         if (packet.flags & AV_PKT_FLAG_DISCARD) {
             track_.hidesPackets = true;
+            track_.hidesLaterPackets |= end_ > start_;
         }
         if (pts == AV_NOPTS_VALUE) {
             latest_ += duration;

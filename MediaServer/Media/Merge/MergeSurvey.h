@@ -25,6 +25,7 @@ struct TrackSurvey {
     std::int64_t longestPacket = 0;   ///< microseconds
     bool startsWithKeyFrame = false;  ///< the first packet is a key frame and the first to be shown
     bool hidesPackets = false;        ///< some packets are hidden
+    bool hidesLaterPackets = false;   ///< some packets after the first shown one are hidden
     bool reordersFrames = false;      ///< frames are not stored in the order of presentation
 };
 

@@ -2,6 +2,7 @@
 #include <string>
 
 #include <MediaServer/Media/Container/DroppedTracks.h>
+#include <MediaServer/Media/Container/HiddenPackets.h>
 #include <MediaServer/Media/Container/StreamSelection.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 #include <MediaServer/Media/Transcode/StreamPlan.h>
@@ -36,7 +37,11 @@ public:
     std::vector<StreamPlan> planAllButAudio() {
         if (container_.defaultVideo != 0) {
             for (const auto index : tracks(AVMEDIA_TYPE_VIDEO, false)) {
-                copyOrRefuse(index);
+                if (losesEdits(source_.stream(index))) {
+                    encodeAgain(index, AVMEDIA_TYPE_VIDEO);
+                } else {
+                    copyOrRefuse(index);
+                }
             }
         }
         return planRest();
@@ -77,6 +82,9 @@ private:
             if (container_.holds(stream.codecpar->codec_id) && !losesPresentation(stream)) {
                 return copy(index);
             }
+            if (losesEdits(stream)) {
+                return encodeAgain(index, AVMEDIA_TYPE_VIDEO);
+            }
             return encodeByDefault(index, AVMEDIA_TYPE_VIDEO, container_.defaultVideo);
         case EncodingType::Codec::Settings:
             if (asked == 0) {
@@ -99,6 +107,9 @@ private:
         case EncodingType::Codec::None:
             return;
         case EncodingType::Codec::Copy:
+            if (losesEdits(stream)) {
+                return encodeAgain(index, AVMEDIA_TYPE_AUDIO);
+            }
             if (container_.holds(stream.codecpar->codec_id)) {
                 return copy(index);
             }
@@ -169,23 +180,18 @@ private:
     }
 
     /// Whether copying to this container would change what is shown. Without a display matrix the pixels themselves
-    /// must be rotated. Without edit lists the hidden frames at the beginning must be dropped.
+    /// must be rotated.
     bool losesPresentation(const AVStream& stream) const {
-        if (!container_.displayMatrix && av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr)) {
-            return true;
-        }
-        return !container_.edits && hidesFrames(stream);
+        return losesEdits(stream) || (!container_.displayMatrix &&
+                                      av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr) != nullptr);
     }
 
-    static bool hidesFrames(const AVStream& stream) {
-        auto& indexed = const_cast<AVStream&>(stream);  // the functions only read it
-        const int count = avformat_index_get_entries_count(&indexed);
-        for (int i = 0; i < count; ++i) {
-            if (avformat_index_get_entry(&indexed, i)->flags & AVINDEX_DISCARD_FRAME) {
-                return true;
-            }
-        }
-        return false;
+    /// Whether copying to this container would show frames that the edits of the movie cut out. An edit list of the
+    /// output can hide them at the ends only. Audio at the beginning can also be left out.
+    bool losesEdits(const AVStream& stream) const {
+        const HiddenPackets hidden = hiddenPackets(stream);
+        const bool video = stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
+        return hidden.betweenEdits || (!container_.edits && (hidden.among || (hidden.before && video)));
     }
 
     void copy(std::size_t index) { plan_.push_back({index, Treatment::Copy, nullptr}); }
@@ -197,7 +203,19 @@ private:
                            .subject = std::string(container_.extension),
                            .detail = avcodec_get_name(codec)});
         }
+        if (losesEdits(source_.stream(index))) {
+            throw Failure({.cause = FailureCause::EditsCannotBeCopied});
+        }
         copy(index);
+    }
+
+    /// Encodes a track that cannot be copied, in its own codec if possible.
+    void encodeAgain(std::size_t index, AVMediaType kind) {
+        const Codec* const like = codecLike(*source_.stream(index).codecpar);
+        if (like && container_.holds(like->id)) {
+            return encodeWith(index, kind, like->fourCC);
+        }
+        encodeByDefault(index, kind, kind == AVMEDIA_TYPE_VIDEO ? container_.defaultVideo : container_.defaultAudio);
     }
 
     void encodeByDefault(std::size_t index, AVMediaType kind, std::uint32_t fourCC) {

@@ -22,12 +22,13 @@ struct StreamPlan {
 
 /// Decides what is done with every stream of the source. Dropped streams are not in the result. Video comes first, then
 /// audio, subtitles, data and cover pictures. Throws Failure with ContainerCannotHold or UndecodableCodec for a codec,
-/// and with NoAudioTrack, NoVideoOrAudioTrack or NoPlayableTrack if nothing would remain.
+/// EditsCannotBeCopied if a track that must be copied would show what the edits of the movie cut out, and with
+/// NoAudioTrack, NoVideoOrAudioTrack or NoPlayableTrack if nothing would remain.
 [[nodiscard]] std::vector<StreamPlan> planStreams(const Source& source, const Container& container,
                                                   const EncodingType& type, const EncodeRequest& request);
 
 /// Decides what is done with all streams except audio. They are copied, but text subtitles are converted if necessary,
-/// and containers for audio get no video. The result may be empty. Throws Failure with ContainerCannotHold if the
+/// video whose edits the copy would lose is encoded, and containers for audio get no video. The result may be empty. Throws Failure with ContainerCannotHold if the
 /// container cannot hold the codec of the video.
 [[nodiscard]] std::vector<StreamPlan> planAllButAudio(const Source& source, const Container& container);
 

@@ -54,6 +54,9 @@ void SubtitleConverter::open(OutputFile& output) {
 }
 
 void SubtitleConverter::push(const AVPacket& packet) {
+    if ((packet.flags & AV_PKT_FLAG_DISCARD) != 0) {
+        return;  // the edits of the movie cut it out
+    }
     AVSubtitle subtitle{};
     int got = 0;
     if (av_packet_ref(packet_.get(), &packet) < 0) {

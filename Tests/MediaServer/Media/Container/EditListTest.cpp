@@ -1,5 +1,6 @@
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 
@@ -103,6 +104,59 @@ TEST(MovieEdits, OfTruncatedFilesAreEmpty) {
         EXPECT_EQ(read(file.substr(0, length)).timeScale, 0U) << length;
     }
     EXPECT_EQ(read(file).timeScale, 600U);
+}
+
+/// A track of 1800 units with two edits, the second of which begins at 600.
+std::string longTrack(std::uint32_t id) {
+    const std::string track = number(0, 12) + number(id, 4) + number(0, 4) + number(1800, 4) + number(0, 60);
+    return box("trak", box("tkhd", track) + edits({600, 1200}));
+}
+std::string movieOf(const std::string& tracks) {
+    return box("mvhd", number(0, 12) + number(600, 4) + number(1800, 4) + number(0, 80)) + tracks;
+}
+std::uint64_t numberAt(const std::string& bytes, std::size_t offset) {
+    std::uint64_t value = 0;
+    for (std::size_t i = 0; i < 4; ++i) {
+        value = value << 8 | static_cast<unsigned char>(bytes.at(offset + i));
+    }
+    return value;
+}
+std::string shortened(std::string bytes, const std::vector<TrackEnd>& ends) {
+    shortenTracks(std::as_writable_bytes(std::span(bytes)), ends);
+    return bytes;
+}
+constexpr std::size_t kMovieLength = 8 + 16;
+
+TEST(ShortenedTracks, EndWithinTheirLastEdit) {
+    const std::string track = longTrack(7);
+    const std::string short7 = shortened(movieOf(track), {{7, 2.5}});
+    EXPECT_EQ(numberAt(short7, kMovieLength), 1500U);
+    EXPECT_EQ(numberAt(short7, movieOf("").size() + 16 + 20), 1500U) << "the length of the track";
+    const std::string list = short7.substr(short7.find("elst") + 4);
+    EXPECT_EQ(numberAt(list, 8), 600U);
+    EXPECT_EQ(numberAt(list, 8 + 12), 900U);
+    EXPECT_EQ(short7.size(), movieOf(track).size());
+}
+
+TEST(ShortenedTracks, DoNotShortenOtherTracks) {
+    const std::string movie = movieOf(longTrack(1) + longTrack(2));
+    const std::string result = shortened(movie, {{2, 2.5}});
+    EXPECT_EQ(numberAt(result, kMovieLength), 1800U) << "the first track still ends there";
+    EXPECT_EQ(result.substr(0, movieOf(longTrack(1)).size()), movie.substr(0, movieOf(longTrack(1)).size()));
+    EXPECT_NE(result, movie);
+}
+
+TEST(ShortenedTracks, NeverBecomeLonger) {
+    const std::string movie = movieOf(longTrack(1));
+    EXPECT_EQ(shortened(movie, {{1, 4}}), movie);
+    EXPECT_EQ(shortened(movie, {{3, 1}}), movie);
+}
+
+TEST(ShortenedTracks, OfMalformedBoxesStayAsTheyAre) {
+    const std::string movie = movieOf(longTrack(1));
+    for (std::size_t length = 0; length < movie.size(); ++length) {
+        EXPECT_EQ(shortened(movie.substr(0, length), {{1, 2.5}}).size(), length);
+    }
 }
 
 }  // namespace
