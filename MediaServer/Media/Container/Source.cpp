@@ -9,6 +9,7 @@
 #include <MediaServer/Media/Container/EditTimes.h>
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Container/SourceFormat.h>
+#include <MediaServer/Media/Container/SpliceRepair.h>
 #include <MediaServer/Media/Container/StreamSelection.h>
 #include <MediaServer/Media/Container/Truncation.h>
 #include <MediaServer/Media/Foundation/Failure.h>
@@ -22,11 +23,6 @@ constexpr std::int64_t kProbeTime = std::int64_t{10} * AV_TIME_BASE;
 
 /// A movie whose first frame is later than this is a piece of a longer one, not a movie that begins with an empty edit.
 constexpr std::int64_t kLongestEmptyStart = 60 * static_cast<std::int64_t>(AV_TIME_BASE);
-
-/// A larger forward jump of the clock is a splice, not a pause. Backward jumps are splices unless they are as small as
-/// those of inexact clocks.
-constexpr std::int64_t kSpliceForward = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
-constexpr std::int64_t kSpliceBackward = AV_TIME_BASE / 10;
 
 /// Lengths in headers are inexact, but timestamps this far beyond the end are damaged.
 constexpr std::int64_t kSlack = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
@@ -117,11 +113,13 @@ void Source::open(int descriptor, const std::string& path) {
         (input.flags & AVFMT_TS_DISCONT) != 0 || start < 0 || start > kLongestEmptyStart || startsWithPadding;
     shift_ = clockStartsAnywhere ? -start : 0;
     start_ = start + shift_;
-    lastDts_.resize(format_->nb_streams);
+    streamsInHeader_ = format_->nb_streams;
     declaredSize_ = declaredSize(readAtDescriptor(descriptor), size_);
     const std::span streams(format_->streams, format_->nb_streams);
-    if (std::any_of(streams.begin(), streams.end(),
-                    [](const AVStream* each) { return EditTimes::areNeededFor(*each); })) {
+    if ((input.flags & AVFMT_TS_DISCONT) != 0) {
+        repair_ = std::make_unique<SpliceRepair>(*format_);
+    } else if (std::any_of(streams.begin(), streams.end(),
+                           [](const AVStream* each) { return EditTimes::areNeededFor(*each); })) {
         repair_ = std::make_unique<EditTimes>(*format_, readMovieEdits(readAtDescriptor(descriptor), size_));
     }
 }
@@ -170,8 +168,6 @@ bool Source::seek(std::size_t index, std::int64_t time) {
 
 // Times before and after a seek must not be compared.
 void Source::forgetTimes() {
-    std::fill(lastDts_.begin(), lastDts_.end(), std::nullopt);
-    discontinuity_ = 0;
     ready_.clear();
     if (repair_) {
         repair_->reset();
@@ -236,7 +232,7 @@ bool Source::readStored(AVPacket& packet) {
             continue;
         }
         const auto index = static_cast<std::size_t>(packet.stream_index);
-        if (index >= lastDts_.size()) {  // a stream that first appears after the headers
+        if (index >= streamsInHeader_) {  // a stream that first appears after the headers
             continue;
         }
         const AVStream& from = stream(index);
@@ -246,7 +242,6 @@ bool Source::readStored(AVPacket& packet) {
         bytesRead_ += packet.size;
         cutOff_ |= (packet.flags & AV_PKT_FLAG_CORRUPT) != 0 && (format_->iformat->flags & AVFMT_TS_DISCONT) == 0 &&
                    avio_feof(format_->pb) != 0;
-        fixDiscontinuity(packet);
         return true;
     }
     return false;
@@ -254,7 +249,7 @@ bool Source::readStored(AVPacket& packet) {
 
 void Source::moveToMovieTime(AVPacket& packet) {
     const AVRational unit = stream(static_cast<std::size_t>(packet.stream_index)).time_base;
-    const std::int64_t shift = av_rescale_q(shift_ + discontinuity_, kMicroseconds, unit);
+    const std::int64_t shift = av_rescale_q(shift_, kMicroseconds, unit);
     if (packet.pts != AV_NOPTS_VALUE) {
         packet.pts += shift;
     }
@@ -263,26 +258,6 @@ void Source::moveToMovieTime(AVPacket& packet) {
         reached_ = std::max(reached_, av_rescale_q(packet.dts, unit, kMicroseconds));
         end_ = std::max(end_, av_rescale_q(packet.dts + packet.duration, unit, kMicroseconds));
     }
-}
-
-// In recordings that were joined byte by byte the clock restarts in the middle. As soon as the first stream shows the
-// jump, all streams are shifted together, so that they stay in sync.
-void Source::fixDiscontinuity(AVPacket& packet) {
-    if (!(format_->iformat->flags & AVFMT_TS_DISCONT) || packet.dts == AV_NOPTS_VALUE) {
-        return;
-    }
-    const AVStream& from = stream(static_cast<std::size_t>(packet.stream_index));
-    if (from.codecpar->codec_type != AVMEDIA_TYPE_VIDEO && from.codecpar->codec_type != AVMEDIA_TYPE_AUDIO) {
-        return;
-    }
-    auto& last = lastDts_[static_cast<std::size_t>(packet.stream_index)];
-    const std::int64_t duration = av_rescale_q(packet.duration, from.time_base, kMicroseconds);
-    std::int64_t now = av_rescale_q(packet.dts, from.time_base, kMicroseconds) + discontinuity_;
-    if (last && (now - *last > kSpliceForward || *last - now > kSpliceBackward)) {
-        discontinuity_ += *last + duration - now;
-        now = *last + duration;
-    }
-    last = now;
 }
 
 std::optional<double> Source::truncatedAt() const {

@@ -82,13 +82,13 @@ private:
     [[nodiscard]] bool readStored(AVPacket& packet);
     void moveToMovieTime(AVPacket& packet);
     void forgetTimes();
-    void fixDiscontinuity(AVPacket& packet);
 
     std::int64_t size_ = 0;
     DescriptorIO io_;
     AVFormatContext* format_ = nullptr;
     std::int64_t duration_ = 0;
     std::int64_t shift_ = 0;
+    std::size_t streamsInHeader_ = 0;
     std::int64_t start_ = 0;
     std::int64_t reached_ = 0;
     std::int64_t end_ = 0;
@@ -100,8 +100,6 @@ private:
     bool cutOff_ = false;
     std::unique_ptr<TimeRepair> repair_;  // null if the times of the file are right
     std::deque<PacketPtr> ready_;         // what it has returned
-    std::int64_t discontinuity_ = 0;
-    std::vector<std::optional<std::int64_t>> lastDts_;
 };
 
 }  // namespace krv::media
