@@ -154,6 +154,7 @@ double measuredDuration(Source& source) {
 MovieInfo describe(const MovieInfoRequest& request, Progress& progress) {
     MovieInfo info;
     Source source(request.source, request.sourcePath, progress);
+    source.measure();
     const AVStream* const video = anyVideoStream(source);
     const AVStream* const audio = mainAudioStream(source);
     if (!video && !audio && !hasCover(source)) {

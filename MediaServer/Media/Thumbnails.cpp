@@ -68,6 +68,7 @@ private:
             PartSink sink(*this);
             Progress progress(sink);
             Source source(request_.source, request_.sourcePath, progress);
+            source.measure();
             FrameReader reader(source);
             const std::size_t end = (part + 1) * count_ / readers_;
             for (std::size_t i = part * count_ / readers_; i < end && !failed_; ++i) {

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cstring>
+#include <limits>
 #include <span>
 #include <utility>
 
@@ -9,7 +10,6 @@
 #include <MediaServer/Media/Container/EditTimes.h>
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Container/SourceFormat.h>
-#include <MediaServer/Media/Container/SpliceRepair.h>
 #include <MediaServer/Media/Container/StreamSelection.h>
 #include <MediaServer/Media/Container/Truncation.h>
 #include <MediaServer/Media/Foundation/Failure.h>
@@ -40,6 +40,13 @@ constexpr int kReadAttempts = 64;
     }
     fail(FailureCause::Damaged, result, attempt);
 }
+
+/// How the clock of a recording is sampled. A step between samples that is longer than a pause, and longer than so many
+/// usual ones, is a jump.
+constexpr int kClockSamples = 32;
+constexpr int kPacketsPerSample = 2000;
+constexpr std::int64_t kLongestPause = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
+constexpr std::int64_t kUnusualStep = 8;
 
 int refuseToOpen(AVFormatContext*, AVIOContext**, const char*, int, AVDictionary**) {
     return AVERROR(EPERM);
@@ -117,7 +124,9 @@ void Source::open(int descriptor, const std::string& path) {
     declaredSize_ = declaredSize(readAtDescriptor(descriptor), size_);
     const std::span streams(format_->streams, format_->nb_streams);
     if ((input.flags & AVFMT_TS_DISCONT) != 0) {
-        repair_ = std::make_unique<SpliceRepair>(*format_);
+        auto splices = std::make_unique<SpliceRepair>(*format_);
+        splices_ = splices.get();
+        repair_ = std::move(splices);
     } else if (std::any_of(streams.begin(), streams.end(),
                            [](const AVStream* each) { return EditTimes::areNeededFor(*each); })) {
         repair_ = std::make_unique<EditTimes>(*format_, readMovieEdits(readAtDescriptor(descriptor), size_));
@@ -158,7 +167,100 @@ void Source::select(const std::vector<std::size_t>& indices) {
     }
 }
 
+// Takes samples of the clock. It is not steady if it steps back anywhere, or makes one step that is far larger than the
+// others.
+bool Source::clockIsSteady() {
+    std::vector<std::size_t> streams = usableStreams(*this, AVMEDIA_TYPE_VIDEO);
+    if (streams.empty()) {
+        streams = usableStreams(*this, AVMEDIA_TYPE_AUDIO);
+    }
+    if (streams.empty()) {
+        return true;
+    }
+    const AVStream& from = stream(streams.front());
+    const PacketPtr packet = newPacket();
+    std::vector<std::int64_t> steps;
+    std::optional<std::int64_t> last;
+    for (int sample = 0; sample < kClockSamples; ++sample) {
+        if (av_seek_frame(format_, -1, size_ / kClockSamples * sample, AVSEEK_FLAG_BYTE) < 0) {
+            break;
+        }
+        std::int64_t time = AV_NOPTS_VALUE;
+        for (int i = 0; i < kPacketsPerSample && time == AV_NOPTS_VALUE && readStored(*packet); ++i) {
+            time = packet->stream_index == from.index ? packet->dts : AV_NOPTS_VALUE;
+        }
+        if (time == AV_NOPTS_VALUE) {
+            continue;
+        }
+        time = av_rescale_q(time, from.time_base, kMicroseconds);
+        if (last) {
+            steps.push_back(time - *last);
+        }
+        last = time;
+    }
+    bytesRead_ = 0;
+    if (steps.empty()) {
+        return true;
+    }
+    std::sort(steps.begin(), steps.end());
+    const std::int64_t usual = steps[steps.size() / 2];
+    return steps.front() >= 0 && steps.back() <= std::max(kLongestPause, kUnusualStep * usual);
+}
+
+void Source::measure() {
+    if (splices_ && seekPoints_.empty() && size_ > 0) {
+        const bool steady = clockIsSteady();
+        (void)rewind();
+        if (!steady) {
+            measureByReading();
+        }
+    }
+}
+
+void Source::measureByReading() {
+    const auto video = defaultOrFirst(*this, usableStreams(*this, AVMEDIA_TYPE_VIDEO));
+    const PacketPtr packet = newPacket();
+    std::int64_t first = std::numeric_limits<std::int64_t>::max();
+    std::int64_t end = 0;
+    while (read(*packet)) {
+        const AVStream& from = stream(static_cast<std::size_t>(packet->stream_index));
+        const AVMediaType kind = from.codecpar->codec_type;
+        if (packet->pts == AV_NOPTS_VALUE || (kind != AVMEDIA_TYPE_VIDEO && kind != AVMEDIA_TYPE_AUDIO)) {
+            continue;
+        }
+        const std::int64_t time = av_rescale_q(packet->pts, from.time_base, kMicroseconds);
+        first = std::min(first, time);
+        end = std::max(end, time + av_rescale_q(packet->duration, from.time_base, kMicroseconds));
+        const bool isMain = !video || static_cast<std::size_t>(packet->stream_index) == *video;
+        const bool ascends = seekPoints_.empty() || time > seekPoints_.back().time;
+        if (isMain && ascends && (packet->flags & AV_PKT_FLAG_KEY) != 0 && packet->pos >= 0) {
+            seekPoints_.push_back({time, packet->pos, splices_->offset()});
+        }
+    }
+    duration_ = std::max<std::int64_t>(end - first, 0);
+    bytesRead_ = 0;
+    reached_ = 0;
+    (void)rewind();
+}
+
+bool Source::seekToPoint(std::int64_t time) {
+    const auto later = std::upper_bound(seekPoints_.begin(), seekPoints_.end(), time,
+                                        [](std::int64_t t, const SeekPoint& point) { return t < point.time; });
+    if (later == seekPoints_.begin()) {
+        return rewind();
+    }
+    const SeekPoint& point = *(later - 1);
+    forgetTimes();
+    splices_->moveTo(point.offset);
+    const int result = av_seek_frame(format_, -1, point.position, AVSEEK_FLAG_BYTE);
+    throwIfUnreadable();
+    return result >= 0;
+}
+
 bool Source::seek(std::size_t index, std::int64_t time) {
+    if (!seekPoints_.empty()) {
+        return seekToPoint(time);
+    }
     const std::int64_t there = av_rescale_q(time - shift_, kMicroseconds, stream(index).time_base);
     forgetTimes();
     const int result = av_seek_frame(format_, static_cast<int>(index), there, AVSEEK_FLAG_BACKWARD);

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <MediaServer/Media/Container/DescriptorIO.h>
+#include <MediaServer/Media/Container/SpliceRepair.h>
 #include <MediaServer/Media/Container/TimeRepair.h>
 #include <MediaServer/Media/Foundation/AV.h>
 #include <MediaServer/Media/Foundation/Progress.h>
@@ -32,6 +33,11 @@ public:
     [[nodiscard]] AVFormatContext& format() const noexcept { return *format_; }
     [[nodiscard]] AVStream& stream(std::size_t index) const noexcept { return *format_->streams[index]; }
     [[nodiscard]] std::size_t streamCount() const noexcept { return format_->nb_streams; }
+
+    /// Finds out how long a recording is that has no length in its headers, if its clock jumps: then the difference of
+    /// the first and last time says nothing, so the whole file is read. After that, duration() is what is played, and
+    /// seek() works in all parts. Must be called before read().
+    void measure();
 
     /// Returns the length of the movie in microseconds, or 0 if it is unknown.
     [[nodiscard]] std::int64_t duration() const noexcept { return duration_; }
@@ -80,6 +86,8 @@ private:
     void throwIfUnreadable() const;
     /// Reads the next packet with the times of the file.
     [[nodiscard]] bool readStored(AVPacket& packet);
+    [[nodiscard]] bool clockIsSteady();
+    void measureByReading();
     void moveToMovieTime(AVPacket& packet);
     void forgetTimes();
 
@@ -98,7 +106,17 @@ private:
     /// Whether read() has met the end, and whether a packet was cut off there.
     bool ended_ = false;
     bool cutOff_ = false;
+    /// A key frame of a measured recording.
+    struct SeekPoint {
+        std::int64_t time;      // when it is shown, on the movie's own time, in microseconds
+        std::int64_t position;  // in the file
+        std::int64_t offset;    // of the part that it is in; see SpliceRepair
+    };
+    [[nodiscard]] bool seekToPoint(std::int64_t time);
+
     std::unique_ptr<TimeRepair> repair_;  // null if the times of the file are right
+    SpliceRepair* splices_ = nullptr;     // the same, if it is one
+    std::vector<SeekPoint> seekPoints_;   // ascending; empty unless measured
     std::deque<PacketPtr> ready_;         // what it has returned
 };
 
