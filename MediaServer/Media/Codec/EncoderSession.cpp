@@ -189,8 +189,13 @@ void EncoderSession::encode(AVFrame& frame) {
     if (context_->codec_type == AVMEDIA_TYPE_VIDEO) {
         durations_[frame.pts] = frame.pkt_duration;
     }
+    ++frames_;
     frame.quality = context_->global_quality;  // where some encoders read the fixed quantiser
     send(&frame);
+}
+
+double EncoderSession::done() const noexcept {
+    return frames_ > 0 ? std::min(static_cast<double>(packets_) / static_cast<double>(frames_), 1.0) : 1;
 }
 
 void EncoderSession::finish() {
@@ -215,6 +220,7 @@ void EncoderSession::send(const AVFrame* frame) {
             durations_.erase(known);
         }
         makeTimesValid(*packet_);
+        ++packets_;
         output_.write(*stream_, *packet_, context_->time_base);
         av_packet_unref(packet_.get());
     }

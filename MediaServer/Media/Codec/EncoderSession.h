@@ -33,6 +33,9 @@ public:
     void encode(AVFrame& frame);
     void finish();
 
+    /// Returns which part of the frames has been encoded, in 0…1. Encoders look many frames ahead.
+    [[nodiscard]] double done() const noexcept;
+
     [[nodiscard]] AVCodecContext& context() const noexcept { return *context_; }
     [[nodiscard]] AVStream& stream() const noexcept { return *stream_; }
 
@@ -44,6 +47,8 @@ private:
     CodecContextPtr context_;
     AVStream* stream_ = nullptr;
     PacketPtr packet_ = newPacket();
+    std::int64_t frames_ = 0;
+    std::int64_t packets_ = 0;
     std::optional<std::int64_t> lastDts_;
     std::map<std::int64_t, std::int64_t> durations_;  // of the frames that the encoder is working on, by their times
 };

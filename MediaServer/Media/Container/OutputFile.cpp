@@ -80,6 +80,7 @@ void OutputFile::write(const AVStream& stream, AVPacket& packet, AVRational time
     if (kind == AVMEDIA_TYPE_VIDEO || kind == AVMEDIA_TYPE_AUDIO) {
         ++packets_;
     }
+    written_();
 }
 
 void OutputFile::endAt(const AVStream& stream, double seconds) {

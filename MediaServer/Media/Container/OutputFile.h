@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include <MediaServer/Media/Container/ContainerTable.h>
@@ -36,6 +38,9 @@ public:
     /// Throws Failure with UnwritableDestination or ContainerRefusesTracks.
     void writeHeader();
 
+    /// Sets what is called after each packet that is written.
+    void onWrite(std::function<void()> written) { written_ = std::move(written); }
+
     /// Takes ownership of the packet's data and interleaves it with the packets of the other streams. Its times are in
     /// units of timeBase. Drops a packet whose content the container rejects.
     /// Throws Failure with UnwritableDestination or InternalError.
@@ -65,6 +70,7 @@ private:
     std::int64_t bytesToMove_ = 0;
     std::int64_t packets_ = 0;
     std::vector<TrackEnd> ends_;
+    std::function<void()> written_ = [] {};
     DescriptorIO io_;
     std::unique_ptr<DescriptorIO> reader_;
     AVFormatContext* format_ = nullptr;

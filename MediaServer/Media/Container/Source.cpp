@@ -198,7 +198,6 @@ bool Source::clockIsSteady() {
         }
         last = time;
     }
-    bytesRead_ = 0;
     if (steps.empty()) {
         return true;
     }
@@ -238,9 +237,9 @@ void Source::measureByReading() {
         }
     }
     duration_ = std::max<std::int64_t>(end - first, 0);
-    bytesRead_ = 0;
-    reached_ = 0;
     (void)rewind();
+    reached_ = end_ = bytesRead_ = bytesReached_ = 0;
+    ended_ = false;
 }
 
 bool Source::seekToPoint(std::int64_t time) {
@@ -342,6 +341,7 @@ bool Source::readStored(AVPacket& packet) {
             continue;
         }
         bytesRead_ += packet.size;
+        bytesReached_ = std::max(bytesReached_, packet.pos);
         cutOff_ |= (packet.flags & AV_PKT_FLAG_CORRUPT) != 0 && (format_->iformat->flags & AVFMT_TS_DISCONT) == 0 &&
                    avio_feof(format_->pb) != 0;
         return true;

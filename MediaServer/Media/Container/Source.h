@@ -59,7 +59,7 @@ public:
     /// otherwise an estimate by the bytes that are missing.
     [[nodiscard]] std::optional<double> truncatedAt() const;
 
-    /// Returns how far read() has come, in 0…1: by time, or by bytes if the length is unknown.
+    /// Returns how far read() has come, in 0…1: by time, or by bytes if the length is unknown or a guess.
     [[nodiscard]] double position() const noexcept;
 
     /// Returns which part of the file the packets so far make up, in 0…1: how far copying has come.
@@ -101,6 +101,7 @@ private:
     std::int64_t reached_ = 0;
     std::int64_t end_ = 0;
     std::int64_t bytesRead_ = 0;
+    std::int64_t bytesReached_ = 0;  // where the latest packet is in the file
     /// The size that the file should have, if it has less.
     std::optional<std::int64_t> declaredSize_;
     /// Whether read() has met the end, and whether a packet was cut off there.

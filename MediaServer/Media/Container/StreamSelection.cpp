@@ -43,13 +43,15 @@ double Source::bytePosition() const noexcept {
 }
 
 double Source::position() const noexcept {
-    if (duration_ > 0) {
+    if (ended_) {
+        return 1;
+    }
+    const bool isGuess = format_->duration_estimation_method != AVFMT_DURATION_FROM_STREAM;
+    if (duration_ > 0 && !isGuess) {
         return static_cast<double>(reached_ - start_) / static_cast<double>(duration_);
     }
-    if (size_ > 0) {
-        return static_cast<double>(avio_tell(io_.context())) / static_cast<double>(size_);
-    }
-    return 0;
+    const std::int64_t bytes = bytesReached_ > 0 ? bytesReached_ : avio_tell(io_.context());
+    return size_ > 0 ? static_cast<double>(bytes) / static_cast<double>(size_) : 0;
 }
 
 }  // namespace krv::media

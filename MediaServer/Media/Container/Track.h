@@ -26,6 +26,8 @@ public:
     virtual void push(const AVPacket& packet) = 0;
     /// Adds the stream to the output. Throws Failure.
     virtual void open(OutputFile& output) = 0;
+    /// Returns which part of the packets so far has reached the output, in 0…1.
+    [[nodiscard]] virtual double done() const { return 1; }
     /// Writes everything that is still buffered. Packets must not follow.
     virtual void finish() = 0;
 };

@@ -89,17 +89,31 @@ void Pump::convert(const std::deque<PacketPtr>& queued, bool encodes) {
     for (const PacketPtr& packet : queued) {
         push(*packet);
     }
+    // Encoding time is proportional to the length of the movie, copying time to its bytes.
+    if (encodes) {
+        output_.onWrite([this] { reportEncoded(); });
+    }
     const PacketPtr packet = newPacket();
     while (source_.read(*packet)) {
         push(*packet);
-        // Encoding time is proportional to the length of the movie, copying time to its bytes.
-        progress_.reach(encodes ? source_.position() : source_.bytePosition());
+        if (!encodes) {
+            progress_.reach(source_.bytePosition());
+        }
     }
     for (const auto& track : tracks_) {
         track->finish();
         progress_.alive();
     }
     progress_.reach(1);
+}
+
+// The source is read ahead of the encoders, by many seconds of a short movie.
+void Pump::reportEncoded() {
+    double done = 1;
+    for (const auto& track : tracks_) {
+        done = std::min(done, track->done());
+    }
+    progress_.reach(std::min(source_.position(), 1.0) * done);
 }
 
 void Pump::push(const AVPacket& packet) {

@@ -33,6 +33,7 @@ private:
     [[nodiscard]] std::deque<PacketPtr> prime();
     void convert(const std::deque<PacketPtr>& queued, bool encodes);
     void push(const AVPacket& packet);
+    void reportEncoded();
 
     Source& source_;
     OutputFile& output_;

@@ -28,6 +28,7 @@ public:
     [[nodiscard]] bool ready() const override { return !early_.empty(); }
     void push(const AVPacket& packet) override;
     void open(OutputFile& output) override;
+    [[nodiscard]] double done() const override { return encoder_ ? encoder_->done() : 1; }
     void finish() override;
 
 private:
