@@ -113,7 +113,7 @@ void EditTimes::finish(std::deque<PacketPtr>& ready) {
     }
 }
 
-void EditTimes::reset() {
+void EditTimes::restart(std::int64_t) {
     for (auto& [index, track] : tracks_) {
         track.edit = 0;
         track.late = 0;

@@ -25,7 +25,8 @@ public:
 
     void push(PacketPtr packet, std::deque<PacketPtr>& ready) override;
     void finish(std::deque<PacketPtr>& ready) override;
-    void reset() override;
+    [[nodiscard]] std::optional<std::int64_t> stateAt(const AVPacket&) const override { return 0; }
+    void restart(std::int64_t state) override;
 
 private:
     struct Track {

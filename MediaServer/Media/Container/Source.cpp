@@ -8,8 +8,10 @@
 
 #include <MediaServer/Media/Container/EditList.h>
 #include <MediaServer/Media/Container/EditTimes.h>
+#include <MediaServer/Media/Container/FrameOrder.h>
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Container/SourceFormat.h>
+#include <MediaServer/Media/Container/SpliceRepair.h>
 #include <MediaServer/Media/Container/StreamSelection.h>
 #include <MediaServer/Media/Container/Truncation.h>
 #include <MediaServer/Media/Foundation/Failure.h>
@@ -124,9 +126,10 @@ void Source::open(int descriptor, const std::string& path) {
     declaredSize_ = declaredSize(readAtDescriptor(descriptor), size_);
     const std::span streams(format_->streams, format_->nb_streams);
     if ((input.flags & AVFMT_TS_DISCONT) != 0) {
-        auto splices = std::make_unique<SpliceRepair>(*format_);
-        splices_ = splices.get();
-        repair_ = std::move(splices);
+        repair_ = std::make_unique<SpliceRepair>(*format_);
+        clockMayJump_ = true;
+    } else if (FrameOrder::isNeededFor(*format_)) {
+        repair_ = std::make_unique<FrameOrder>(*format_);
     } else if (std::any_of(streams.begin(), streams.end(),
                            [](const AVStream* each) { return EditTimes::areNeededFor(*each); })) {
         repair_ = std::make_unique<EditTimes>(*format_, readMovieEdits(readAtDescriptor(descriptor), size_));
@@ -207,13 +210,19 @@ bool Source::clockIsSteady() {
 }
 
 void Source::measure() {
-    if (splices_ && seekPoints_.empty() && size_ > 0) {
+    if (!seekPoints_.empty() || size_ == 0) {
+        return;
+    }
+    if (clockMayJump_) {
         const bool steady = clockIsSteady();
         (void)rewind();
-        if (!steady) {
-            measureByReading();
+        if (steady) {
+            return;
         }
+    } else if (!FrameOrder::isNeededFor(*format_)) {
+        return;
     }
+    measureByReading();
 }
 
 void Source::measureByReading() {
@@ -232,8 +241,9 @@ void Source::measureByReading() {
         end = std::max(end, time + av_rescale_q(packet->duration, from.time_base, kMicroseconds));
         const bool isMain = !video || static_cast<std::size_t>(packet->stream_index) == *video;
         const bool ascends = seekPoints_.empty() || time > seekPoints_.back().time;
-        if (isMain && ascends && (packet->flags & AV_PKT_FLAG_KEY) != 0 && packet->pos >= 0) {
-            seekPoints_.push_back({time, packet->pos, splices_->offset()});
+        const auto state = repair_->stateAt(*packet);
+        if (isMain && ascends && state && (packet->flags & AV_PKT_FLAG_KEY) != 0 && packet->pos >= 0) {
+            seekPoints_.push_back({time, packet->pos, *state});
         }
     }
     duration_ = std::max<std::int64_t>(end - first, 0);
@@ -250,7 +260,7 @@ bool Source::seekToPoint(std::int64_t time) {
     }
     const SeekPoint& point = *(later - 1);
     forgetTimes();
-    splices_->moveTo(point.offset);
+    repair_->restart(point.state);
     const int result = av_seek_frame(format_, -1, point.position, AVSEEK_FLAG_BYTE);
     throwIfUnreadable();
     return result >= 0;
@@ -271,14 +281,16 @@ bool Source::seek(std::size_t index, std::int64_t time) {
 void Source::forgetTimes() {
     ready_.clear();
     if (repair_) {
-        repair_->reset();
+        repair_->restart(0);
     }
 }
 
 bool Source::rewind() {
     // In formats without an index a seek by time may miss the first packets, whose decoding time may lie before the
     // start of the movie.
-    const bool guesses = (format_->iformat->flags & (AVFMT_TS_DISCONT | AVFMT_NO_BYTE_SEEK)) == AVFMT_TS_DISCONT;
+    const int flags = format_->iformat->flags;
+    const bool timed = (flags & AVFMT_TS_DISCONT) == 0 && format_->start_time != AV_NOPTS_VALUE;
+    const bool guesses = !timed && (flags & AVFMT_NO_BYTE_SEEK) == 0;
     if (!guesses) {
         return seek(0, start_);
     }

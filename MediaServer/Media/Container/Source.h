@@ -8,7 +8,6 @@
 #include <vector>
 
 #include <MediaServer/Media/Container/DescriptorIO.h>
-#include <MediaServer/Media/Container/SpliceRepair.h>
 #include <MediaServer/Media/Container/TimeRepair.h>
 #include <MediaServer/Media/Foundation/AV.h>
 #include <MediaServer/Media/Foundation/Progress.h>
@@ -34,9 +33,9 @@ public:
     [[nodiscard]] AVStream& stream(std::size_t index) const noexcept { return *format_->streams[index]; }
     [[nodiscard]] std::size_t streamCount() const noexcept { return format_->nb_streams; }
 
-    /// Finds out how long a recording is that has no length in its headers, if its clock jumps: then the difference of
-    /// the first and last time says nothing, so the whole file is read. After that, duration() is what is played, and
-    /// seek() works in all parts. Must be called before read().
+    /// Finds out how long a recording is if its headers do not say. A file without timestamps is read to its end. So is
+    /// one whose clock jumps: there the difference of the first and last time says nothing. After that, duration() is
+    /// what is played, and seek() works everywhere. Must be called before read().
     void measure();
 
     /// Returns the length of the movie in microseconds, or 0 if it is unknown.
@@ -111,14 +110,14 @@ private:
     struct SeekPoint {
         std::int64_t time;      // when it is shown, on the movie's own time, in microseconds
         std::int64_t position;  // in the file
-        std::int64_t offset;    // of the part that it is in; see SpliceRepair
+        std::int64_t state;     // of repair_
     };
     [[nodiscard]] bool seekToPoint(std::int64_t time);
 
     std::unique_ptr<TimeRepair> repair_;  // null if the times of the file are right
-    SpliceRepair* splices_ = nullptr;     // the same, if it is one
-    std::vector<SeekPoint> seekPoints_;   // ascending; empty unless measured
-    std::deque<PacketPtr> ready_;         // what it has returned
+    bool clockMayJump_ = false;
+    std::vector<SeekPoint> seekPoints_;  // ascending; empty unless measured
+    std::deque<PacketPtr> ready_;        // what it has returned
 };
 
 }  // namespace krv::media

@@ -73,9 +73,13 @@ void SpliceRepair::chooseMain() {
     }
 }
 
-void SpliceRepair::moveTo(std::int64_t offset) {
+std::optional<std::int64_t> SpliceRepair::stateAt(const AVPacket& packet) const {
+    return offsets_[tracks_[static_cast<std::size_t>(packet.stream_index)].part];
+}
+
+void SpliceRepair::restart(std::int64_t state) {
     std::fill(tracks_.begin(), tracks_.end(), Track{});
-    offsets_ = {offset};
+    offsets_ = {state};
     held_.clear();
     heldBytes_ = 0;
     main_.reset();

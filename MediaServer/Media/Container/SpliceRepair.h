@@ -24,12 +24,9 @@ public:
 
     void push(PacketPtr packet, std::deque<PacketPtr>& ready) override;
     void finish(std::deque<PacketPtr>& ready) override;
-    void reset() override { moveTo(0); }
-
-    /// Returns by how much packets of the main stream are moved at present, in microseconds.
-    [[nodiscard]] std::int64_t offset() const noexcept { return offsets_.back(); }
-    /// Forgets the packets so far, like reset(), for a seek to a place where packets are moved by this much.
-    void moveTo(std::int64_t offset);
+    /// Returns by how much the packet has been moved, in microseconds.
+    [[nodiscard]] std::optional<std::int64_t> stateAt(const AVPacket& packet) const override;
+    void restart(std::int64_t state) override;
 
 private:
     /// The part of the recording that a stream is in, and where it has come to.

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstdint>
 #include <deque>
+#include <optional>
 
 #include <MediaServer/Media/Foundation/AV.h>
 
@@ -19,8 +21,12 @@ public:
     virtual void push(PacketPtr packet, std::deque<PacketPtr>& ready) = 0;
     /// Appends everything that is held back. For the end of the file.
     virtual void finish(std::deque<PacketPtr>& ready) = 0;
-    /// Drops everything that is held back. For a seek, after which times are not compared with earlier ones.
-    virtual void reset() = 0;
+    /// Returns what restart() needs after a seek to this packet, which has been corrected. Empty if nothing can be read
+    /// from there.
+    [[nodiscard]] virtual std::optional<std::int64_t> stateAt(const AVPacket& packet) const = 0;
+    /// Forgets all packets so far, for a seek. state: what stateAt() has returned for the packet there, or 0 for the
+    /// beginning of the file.
+    virtual void restart(std::int64_t state) = 0;
 };
 
 }  // namespace krv::media

@@ -79,7 +79,7 @@ TEST_F(SpliceRepairTest, LeavesASteadyClockAlone) {
 
 TEST_F(SpliceRepairTest, GoesOnWhereTheVideoWas) {
     for (const std::int64_t restart : {0, 100'000}) {
-        repair_->reset();
+        repair_->restart(0);
         video(50'000);
         audio(50'000);
         (void)output();
@@ -160,7 +160,7 @@ TEST_F(SpliceRepairTest, FollowsSeveralJumps) {
 
 TEST_F(SpliceRepairTest, StartsAfterASeekWithAKnownOffset) {
     video(50'000);
-    repair_->moveTo(7'000'000);
+    repair_->restart(7'000'000);
     (void)output();
     video(100);
     audio(100);
