@@ -49,6 +49,43 @@ TEST_F(Krvqt, LaunchesTheServerConvertsAndLeavesItRunning) {
     EXPECT_THAT(servers(), testing::SizeIs(1));
 }
 
+TEST_F(Krvqt, RefinesTheEncodingType) {
+    const auto size = [this](const std::vector<std::string>& options, const std::string& extension) {
+        const std::string file = out("refined." + extension);
+        std::vector<std::string> all{"convert", media("plain.mov"), file, "--force"};
+        all.insert(all.end(), options.begin(), options.end());
+        const auto [status, text] = run(all);
+        EXPECT_EQ(status, 0) << text;
+        return std::filesystem::file_size(file);
+    };
+    const auto standard = size({"--type", "H.264"}, "mp4");
+    EXPECT_LT(size({"--type", "H.264", "--video-quality", "0.1"}, "mp4"), standard);
+    EXPECT_GT(size({"--type", "H.264", "--video-quality", "0.9"}, "mp4"), standard);
+    EXPECT_THAT(run({"info", out("refined.mp4")}).second, HasSubstr("H.264, AAC"));
+    size({"--type", "HEVC", "--video-quality", "0.5"}, "mkv");
+    EXPECT_THAT(run({"info", out("refined.mkv")}).second, HasSubstr("HEVC, AAC"));
+    size({"--type", "Custom", "--video-codec", "avc1"}, "mov");
+    EXPECT_THAT(run({"info", out("refined.mov")}).second, HasSubstr("H.264, AAC"));
+    size({"--type", "ProRes 422", "--fps", "10"}, "mov");
+    EXPECT_THAT(run({"info", out("refined.mov")}).second, AllOf(HasSubstr("ProRes, PCM"), HasSubstr("10.000")));
+    size({"--type", "Audio Only", "--audio-quality", "0.2"}, "m4a");
+    EXPECT_THAT(run({"info", out("refined.m4a")}).second, HasSubstr("codecs      AAC"));
+}
+
+TEST_F(Krvqt, RefusesSettingsThatATypeCannotTake) {
+    for (const std::vector<std::string>& options :
+         {std::vector<std::string>{"--type", "Original", "--video-quality", "0.5"},
+          {"--type", "99", "--video-quality", "0.5"},
+          {"--type", "Audio Only", "--audio-quality", "0.5"},
+          {"--flatten", "--video-quality", "0.5"}}) {
+        std::vector<std::string> all = conversion("plain.mov");
+        all.insert(all.end(), options.begin(), options.end());
+        EXPECT_EQ(run(all).first, 2) << options[1];
+    }
+    EXPECT_THAT(filesInOut(), IsEmpty());
+    EXPECT_THAT(servers(), IsEmpty());
+}
+
 TEST_F(Krvqt, ReportsALostServerAndFinishesTheWork) {
     ChildProcess process(command(conversion("longer.mov")));
     waitForLine(process, "10 %");

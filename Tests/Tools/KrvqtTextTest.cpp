@@ -48,6 +48,16 @@ TEST(EncodingType, FollowsFromTheDestinationByDefault) {
     EXPECT_EQ(defaultEncodingType("/a.flac/b"), 1);
 }
 
+TEST(EncodingType, StandsForCodecs) {
+    EXPECT_EQ(codecsOfType(1)->video, codecCode("avc1"));
+    EXPECT_EQ(codecsOfType(1)->audio, codecCode("mp4a"));
+    EXPECT_EQ(codecsOfType(4)->video, codecCode("apcn"));
+    EXPECT_EQ(codecsOfType(4)->audio, codecCode("lpcm"));
+    EXPECT_EQ(codecsOfType(3)->video, 0U);
+    EXPECT_FALSE(codecsOfType(0));
+    EXPECT_FALSE(codecsOfType(99));
+}
+
 TEST(ProgressLine, ShowsBarPercentAndTimes) {
     EXPECT_EQ(progressLine(0.0, 0s, 40), "[.................]   0 %  0:00 elapsed");
     EXPECT_EQ(progressLine(0.5, 30s, 60), "[#############.............]  50 %  0:30 elapsed, 0:30 left");

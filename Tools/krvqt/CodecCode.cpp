@@ -48,14 +48,40 @@ std::optional<std::int32_t> encodingType(std::string_view nameOrNumber) {
     return std::nullopt;
 }
 
-std::int32_t defaultEncodingType(std::string_view destination) {
+std::optional<TypeCodecs> codecsOfType(std::int32_t type) {
+    const auto codecs = [](std::string_view video, std::string_view audio) {
+        return TypeCodecs{codecCode(video).value_or(0), codecCode(audio).value_or(0)};
+    };
+    switch (type) {
+    case krv::VideoConversion::H264:
+        return codecs("avc1", "mp4a");
+    case krv::VideoConversion::HEVC:
+        return codecs("hvc1", "mp4a");
+    case krv::VideoConversion::ProRes422:
+        return codecs("apcn", "lpcm");
+    case krv::VideoConversion::VP9:
+        return codecs("vp09", "Opus");
+    case krv::VideoConversion::AV1:
+        return codecs("av01", "Opus");
+    case krv::VideoConversion::Custom:
+    case krv::VideoConversion::AudioOnly:
+        return TypeCodecs{0, 0};
+    default:
+        return std::nullopt;
+    }
+}
+
+bool holdsAudioOnly(std::string_view destination) {
     constexpr std::array<std::string_view, 6> kAudioOnly{".m4a", ".mka", ".wav", ".mp3", ".flac", ".ogg"};
     const std::string extension = lowerCase(std::filesystem::path(destination).extension().string());
-    if (extension == ".webm") {
+    return std::find(kAudioOnly.begin(), kAudioOnly.end(), extension) != kAudioOnly.end();
+}
+
+std::int32_t defaultEncodingType(std::string_view destination) {
+    if (lowerCase(std::filesystem::path(destination).extension().string()) == ".webm") {
         return krv::VideoConversion::VP9;
     }
-    const bool audioOnly = std::find(kAudioOnly.begin(), kAudioOnly.end(), extension) != kAudioOnly.end();
-    return audioOnly ? krv::VideoConversion::AudioOnly : krv::VideoConversion::H264;
+    return holdsAudioOnly(destination) ? krv::VideoConversion::AudioOnly : krv::VideoConversion::H264;
 }
 
 }  // namespace krvqt

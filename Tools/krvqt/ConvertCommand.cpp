@@ -1,3 +1,4 @@
+#include <optional>
 #include <string_view>
 
 #include <fmt/format.h>
@@ -45,6 +46,43 @@ bool fill(std::shared_ptr<Parameters>& parameters, const TrackOptions& options, 
     return true;
 }
 
+/// Checks that the type of the options can be refined by their settings. Returns its codecs, or nullopt with the reason
+/// printed.
+std::optional<TypeCodecs> refinedType(const ConvertOptions& options, std::int32_t type) {
+    if (!options.type) {
+        return TypeCodecs{0, 0};
+    }
+    const auto codecs = codecsOfType(type);
+    if (!codecs) {
+        usage(fmt::format("--type {} takes no video or audio options", *options.type));
+        return std::nullopt;
+    }
+    if (type == krv::VideoConversion::AudioOnly &&
+        (!holdsAudioOnly(options.destination) || options.withVideoSettings())) {
+        usage("--type \"Audio Only\" takes audio options only, and with them a destination such as .m4a");
+        return std::nullopt;
+    }
+    return codecs;
+}
+
+/// Fills in the parameters of both tracks. Codecs that the options do not name are those of the type.
+ExitStatus refine(const ConvertOptions& options, const TypeCodecs& type, Request& request) {
+    if (options.withVideoSettings() || type.video != 0) {
+        if (!fill(request.video, options.video, "video")) {
+            return kUsage;
+        }
+        request.video->setFps(options.fps.value_or(0.0F));
+        request.video->setCodec(request.video->codec() != 0 ? request.video->codec() : type.video);
+    }
+    if (options.audio.any() || type.audio != 0) {
+        if (!fill(request.audio, options.audio, "audio")) {
+            return kUsage;
+        }
+        request.audio->setCodec(request.audio->codec() != 0 ? request.audio->codec() : type.audio);
+    }
+    return kDone;
+}
+
 ExitStatus prepare(const ConvertOptions& options, Request& request) {
     request.source = options.source;
     request.destination = options.destination;
@@ -65,19 +103,14 @@ ExitStatus prepare(const ConvertOptions& options, Request& request) {
     }
     request.flatten = options.flatten;
     request.withSettings = options.withSettings();
-    if (request.withSettings && (options.type || options.flatten)) {
-        return usage("--type and --flatten cannot be combined with video or audio options, whose type is Custom");
+    if (!request.withSettings) {
+        return kDone;
     }
-    if (options.video.any() || options.fps) {
-        if (!fill(request.video, options.video, "video")) {
-            return kUsage;
-        }
-        request.video->setFps(options.fps.value_or(0.0F));
+    if (options.flatten) {
+        return usage("--flatten copies every track and cannot be combined with video or audio options");
     }
-    if (options.audio.any() && !fill(request.audio, options.audio, "audio")) {
-        return kUsage;
-    }
-    return kDone;
+    const auto codecs = refinedType(options, request.type);
+    return codecs ? refine(options, *codecs, request) : kUsage;
 }
 
 }  // namespace

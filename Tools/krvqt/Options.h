@@ -32,7 +32,8 @@ struct ConvertOptions {
     TrackOptions video;
     std::optional<float> fps;
     TrackOptions audio;
-    [[nodiscard]] bool withSettings() const { return video.any() || fps || audio.any(); }
+    [[nodiscard]] bool withVideoSettings() const { return video.any() || fps; }
+    [[nodiscard]] bool withSettings() const { return withVideoSettings() || audio.any(); }
 };
 
 struct ThumbnailsOptions {

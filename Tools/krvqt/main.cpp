@@ -36,7 +36,9 @@ void addConvert(CLI::App& app, ConvertOptions& options) {
     command.add_option("destination", options.destination, "the file to write; its extension decides the container")
         ->required()
         ->type_name("DESTINATION");
-    command.add_option("--type", options.type, "encoding type by name or number; 'krvqt types' lists them")
+    command
+        .add_option("--type", options.type,
+                    "encoding type by name or number, which the other options refine; 'krvqt types' lists them")
         ->type_name("NAME|NUMBER");
     command.add_flag("--flatten", options.flatten, "copy every track, with the index at the start of the file");
     command.add_flag("--force", options.force, "replace an existing destination");
