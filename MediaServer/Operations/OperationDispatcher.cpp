@@ -208,6 +208,9 @@ void OperationDispatcher::progress(const Ref& request, const Reply& reply) {
         }
         const auto record = replyTo(asked);
         put(*record, *state);
+        if (state->before) {
+            record->arguments()->set(kArgumentQueuePosition, static_cast<std::int64_t>(*state->before));
+        }
         reply(record);
     };
     if (before->ended) {

@@ -187,7 +187,19 @@ std::optional<OperationLedger::Snapshot> OperationLedger::tell(const std::string
     uncount(*operation);
     operation->endTold |= operation->state == State::Finished;
     count(*operation);
-    return snapshotOf(*operation);
+    Snapshot snapshot = snapshotOf(*operation);
+    if (operation->state == State::Queued) {
+        snapshot.before = countBefore(*operation);
+    }
+    return snapshot;
+}
+
+std::size_t OperationLedger::countBefore(const ServerOperation& waiting) const {
+    const Line& line = lines_.at(kindOf(waiting));
+    const auto place =
+        std::lower_bound(line.waiting.begin(), line.waiting.end(), waiting.number,
+                         [](const OperationRef& each, std::uint64_t number) { return each->number < number; });
+    return line.running + static_cast<std::size_t>(place - line.waiting.begin());
 }
 
 std::optional<KRVOperationBase::Ref> OperationLedger::record(const std::string& id) {
@@ -399,6 +411,7 @@ OperationRef OperationLedger::takeNext(Duration duration) {
     line.bytes -= operation->requestBytes;
     uncount(*operation);
     operation->state = State::Running;
+    ++line.running;
     count(*operation);
     operation->cancellation = std::make_shared<Cancellation>();
     operation->startedAt = clock_();
@@ -448,6 +461,9 @@ void OperationLedger::finishLocked(ServerOperation& operation, Outcome outcome) 
     const bool known = inOrder_.contains(operation.number);
     if (known) {
         uncount(operation);
+    }
+    if (operation.state == State::Running && operation.request) {
+        --lines_.at(kindOf(operation)).running;
     }
     operation.state = State::Finished;
     operation.finishedAt = clock_();

@@ -76,10 +76,12 @@ public:
         bool cancelled = false;
         bool ended = false;
         std::shared_ptr<const Error> error{};
+        /// How many operations of its kind run or wait before this one. Empty unless it waits.
+        std::optional<std::size_t> before{};
     };
-    /// Returns nothing for an unknown identifier.
+    /// Returns nothing for an unknown identifier. Leaves out Snapshot::before.
     [[nodiscard]] std::optional<Snapshot> snapshot(const std::string& id) const;
-    /// The same, for a reply to a client: if the operation has ended, the client knows it from now on.
+    /// Returns all of it, for a reply to a client: if the operation has ended, the client knows it from now on.
     [[nodiscard]] std::optional<Snapshot> tell(const std::string& id);
     /// Returns the record of a media operation with what has come of it so far. Nothing for other entries and unknown
     /// identifiers.
@@ -129,6 +131,8 @@ private:
     /// The operations that wait for one kind of executor thread.
     struct Line {
         std::deque<OperationRef> waiting;
+        /// How many run.
+        std::size_t running = 0;
         /// What the waiting requests take.
         std::size_t bytes = 0;
         /// When something of this kind last reported or finished.
@@ -151,6 +155,7 @@ private:
     /// Drops finished entries until the others are well within the budget. Keeps the newest.
     void keepWithinBudget(const ServerOperation& newest) KRV_REQUIRES(mutex_);
     [[nodiscard]] static Snapshot snapshotOf(const ServerOperation& operation);
+    [[nodiscard]] std::size_t countBefore(const ServerOperation& waiting) const KRV_REQUIRES(mutex_);
     void creep(Line& line) KRV_REQUIRES(mutex_);
     void finishLocked(ServerOperation& operation, Outcome outcome) KRV_REQUIRES(mutex_);
     /// Returns whether the operation has ended by this.

@@ -17,6 +17,7 @@ constinit const std::string_view kArgumentMovieInfoMetadata = "movieInfoMetadata
 constinit const std::string_view kArgumentMergeSources = "videoMergeSources";
 constinit const std::string_view kArgumentMergeSourcesUseShortest = "videoMergeSourcesUseShortest";
 constinit const std::string_view kArgumentTrackIndex = "trackIndex";
+constinit const std::string_view kArgumentQueuePosition = "queuePosition";
 
 constinit const std::string_view kResultSourceTruncatedAt = "sourceTruncatedAt";
 constinit const std::string_view kResultSourcesTruncatedAt = "sourcesTruncatedAt";

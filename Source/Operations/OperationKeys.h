@@ -39,6 +39,9 @@ KRV_EXPORT extern const std::string_view kArgumentMergeSources;
 KRV_EXPORT extern const std::string_view kArgumentMergeSourcesUseShortest;
 /// Integer: index of a track.
 KRV_EXPORT extern const std::string_view kArgumentTrackIndex;
+/// Integer, in a reply about progress: how many operations of its kind run or wait before an operation that waits.
+/// Missing once it runs.
+KRV_EXPORT extern const std::string_view kArgumentQueuePosition;
 
 // Keys of `result` of every media operation whose source was truncated.
 

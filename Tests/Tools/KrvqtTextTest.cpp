@@ -76,6 +76,20 @@ TEST(ProgressLine, FormatsTimesLikeAClock) {
     EXPECT_EQ(clockText(3723s), "1:02:03");
 }
 
+TEST(ProgressDisplay, ShowsThatAnOperationWaits) {
+    const auto operation = krv::KRVOperationBase::encodeVideoOperation("/s", "/d");
+    std::vector<std::optional<std::int64_t>> positions{2, 2, 1, std::nullopt};
+    std::size_t asked = 0;
+    ProgressDisplay display(false, [&](const krv::KRVOperationBase&) { return positions.at(asked++); });
+    testing::internal::CaptureStderr();
+    for (const float progress : {0.0F, 1e-6F, 2e-6F, 3e-6F, 0.15F}) {
+        EXPECT_TRUE(display.operation(operation, progress));
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "waiting, 2 before it\nwaiting, 1 before it\n0 %  0:00\n10 %  0:00\n");
+    EXPECT_EQ(asked, positions.size()) << "an operation that has started does not wait again";
+}
+
 std::shared_ptr<const krv::Error> serverError(krv::OperationErrorCode code, const std::string& description,
                                               const std::string& reason, const std::string& path) {
     return krv::Error::make(std::string(krv::kMediaServerErrorDomain), static_cast<std::int64_t>(code),

@@ -9,6 +9,7 @@
 #include "FailureText.h"
 #include "Interruption.h"
 #include "OperationThread.h"
+#include "OwnRecord.h"
 #include "ProgressDisplay.h"
 
 namespace krvqt {
@@ -111,7 +112,8 @@ ExitStatus make(const FileOperation& operation, const FileCall& call, const Serv
         return status;
     }
     const Report report(operation, common);
-    const auto display = std::make_shared<ProgressDisplay>(common.quiet);
+    const auto display = std::make_shared<ProgressDisplay>(
+        common.quiet, [&access](const krv::KRVOperationBase& each) { return queuePosition(access, each); });
     std::shared_ptr<const krv::Error> error;
     try {
         call(access, display, &error);

@@ -17,6 +17,18 @@ KRVOperationBase::Ref sendRecord(const ServerAccess& access, const KRVOperationB
     return TransportInvocation::throwExceptionIfNoError(error, operation, reply);
 }
 
+std::optional<std::int64_t> queuePosition(const ServerAccess& access, const KRVOperationBase& operation) {
+    try {
+        std::shared_ptr<const krv::Error> ignored;
+        const auto reply =
+            sendRecord(access, KRVOperationBase::progressAndCompletionOperation(operation.uniqueID()), &ignored);
+        const krv::Value before = reply ? (*reply->arguments())[krv::kArgumentQueuePosition] : krv::Value();
+        return before.kind() == krv::Value::Kind::Integer ? std::optional(before.integerValue()) : std::nullopt;
+    } catch (const krv::Exception&) {
+        return std::nullopt;
+    }
+}
+
 KRVOperationBase::Ref runRecord(const ServerAccess& access, const KRVOperationBase::Ref& record,
                                 const std::shared_ptr<krv::OperationProgress>& progress, krv::ErrorOut error) {
     record->setProgressDelegate(progress);

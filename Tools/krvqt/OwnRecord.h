@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "ServerAccess.h"
 
@@ -10,6 +12,11 @@ namespace krvqt {
 /// TransportInvocation.
 [[nodiscard]] krv::KRVOperationBase::Ref
 sendRecord(const ServerAccess& access, const krv::KRVOperationBase::Ref& record, krv::ErrorOut error = nullptr);
+
+/// Asks the server how many operations are before one that waits. Returns nothing if it does not wait, or if the server
+/// cannot be asked.
+[[nodiscard]] std::optional<std::int64_t> queuePosition(const ServerAccess& access,
+                                                        const krv::KRVOperationBase& operation);
 
 /// Runs a record over the client's transport and blocks until the operation ends. For operations that the client has no
 /// call for, or whose call does not return the result. If the server is lost, the operation is not repeated.

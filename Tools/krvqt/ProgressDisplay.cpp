@@ -51,16 +51,47 @@ std::string progressLine(double fraction, std::chrono::seconds elapsed, int colu
                        std::string(static_cast<std::size_t>(width - filled), '.'), text);
 }
 
-ProgressDisplay::ProgressDisplay(bool quiet)
+ProgressDisplay::ProgressDisplay(bool quiet, Queue queue)
     : quiet_(quiet)
+    , queue_(std::move(queue))
     , terminal_(::isatty(STDERR_FILENO) == 1) {}
 
 bool ProgressDisplay::operation(const krv::KRVOperationBase::Ref& operation, float progress) {
     operation_ = operation;
-    if (!quiet_) {
+    if (quiet_) {
+        return !Interruption::requested();
+    }
+    const auto before = mayWait_ && queue_ ? queue_(*operation) : std::nullopt;
+    if (before) {
+        last_ = static_cast<double>(progress);
+        drawWaiting(*before);
+    } else {
+        mayWait_ = false;
+        if (before_) {
+            restartClock();
+        }
         draw(static_cast<double>(progress));
     }
     return !Interruption::requested();
+}
+
+void ProgressDisplay::restartClock() {
+    start_ = std::chrono::steady_clock::now();
+    before_.reset();
+}
+
+void ProgressDisplay::drawWaiting(std::int64_t before) {
+    if (before == before_) {
+        return;
+    }
+    before_ = before;
+    const std::string text = fmt::format("waiting, {} before it", before);
+    if (terminal_) {
+        fmt::print(stderr, "\r{}\033[K", text.substr(0, static_cast<std::size_t>(std::max(terminalColumns() - 1, 0))));
+        lineDrawn_ = true;
+    } else {
+        fmt::print(stderr, "{}\n", text);
+    }
 }
 
 bool ProgressDisplay::operationWasCancelled() const {
@@ -72,7 +103,8 @@ void ProgressDisplay::draw(double fraction) {
         // Progress from one server never decreases, so this is another server.
         fmt::print(stderr, "{}krvqt: the media server was lost; another one starts over\n",
                    std::exchange(lineDrawn_, false) ? "\r\033[K" : "");
-        start_ = std::chrono::steady_clock::now();
+        restartClock();
+        mayWait_ = true;
         lastTenth_ = -1;
     }
     last_ = fraction;

@@ -1,7 +1,10 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
+#include <functional>
+#include <optional>
 #include <string>
 
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
@@ -17,11 +20,15 @@ namespace krvqt {
 
 /// Shows an operation's progress on standard error and cancels the operation after a signal.
 ///
-/// On a terminal it redraws one line; elsewhere it prints a line at every tenth. When the server is lost and the work
-/// starts over, it prints so once and restarts its clock.
+/// On a terminal it redraws one line; elsewhere it prints a line at every tenth. While the operation waits in the
+/// server's queue, it prints how many are before it, and its clock starts with the work. When the server is lost and the
+/// work starts over, it prints so once and restarts its clock.
 class ProgressDisplay final : public krv::OperationProgress {
 public:
-    explicit ProgressDisplay(bool quiet);
+    /// Returns how many operations are before this one in the server's queue. Empty if it does not wait.
+    using Queue = std::function<std::optional<std::int64_t>(const krv::KRVOperationBase& operation)>;
+
+    explicit ProgressDisplay(bool quiet, Queue queue = {});
 
     /// Returns false after a signal, which cancels the operation.
     bool operation(const krv::KRVOperationBase::Ref& operation, float progress) override;
@@ -34,9 +41,14 @@ public:
 
 private:
     void draw(double fraction);
+    void drawWaiting(std::int64_t before);
+    void restartClock();
 
     krv::KRVOperationBase::Ref operation_;
     const bool quiet_;
+    const Queue queue_;
+    bool mayWait_ = true;                   // until the work has started
+    std::optional<std::int64_t> before_{};  // as printed last
     const bool terminal_;
     std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
     double last_ = 0;

@@ -154,6 +154,25 @@ TEST_F(Dispatcher, ReportsProgressAsSoonAsItChangesVisibly) {
     EXPECT_FALSE(progress->completed());
 }
 
+TEST_F(Dispatcher, TellsAWaitingOperationHowManyAreBeforeIt) {
+    const std::string running = accepted(encode());
+    const auto job = started(0);
+    const std::string second = accepted(encode());
+    const std::string third = accepted(R::muxAudioTo2chOperation("/s", "/d"));
+    const auto positionOf = [this](const std::string& id) {
+        return (*ask(R::progressAndCompletionOperation(id))->arguments())[kArgumentQueuePosition];
+    };
+    EXPECT_EQ(positionOf(running), Value());
+    EXPECT_EQ(positionOf(second), Value(1));
+    EXPECT_EQ(positionOf(third), Value(2));
+    ask(R::cancelOperation(second));
+    EXPECT_EQ(positionOf(third), Value(1));
+    EXPECT_EQ(positionOf(second), Value()) << "it has ended";
+    job->end.set_value(completed());
+    started(1);
+    EXPECT_EQ(positionOf(third), Value());
+}
+
 TEST_F(Dispatcher, ReportsTheEndAsSoonAsItIsThere) {
     const std::string id = accepted(encode());
     const auto job = started(0);
