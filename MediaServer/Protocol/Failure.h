@@ -26,6 +26,7 @@ enum class FailureCause {
     SourceIsNotAFile,
     SourceIsEmpty,
     UnknownFormat,
+    UnsupportedFormat,   ///< subject: its name
     RefersToOtherFiles,  ///< subject: FFmpeg's name of the format
     NoTracks,
     NoVideoTrack,

@@ -47,6 +47,7 @@ constexpr auto kRows = std::to_array<Row>({
     {C::SourceIsNotAFile, Code::UnusableSource, About::Source, "it is not a regular file"},
     {C::SourceIsEmpty, Code::UnusableSource, About::Source, "the file is empty"},
     {C::UnknownFormat, Code::UnusableSource, About::Source, "it is not in a known media format"},
+    {C::UnsupportedFormat, Code::UnusableSource, About::Source, "its format ({subject}) is not supported"},
     {C::RefersToOtherFiles, Code::UnusableSource, About::Source,
      "its format ({subject}) refers to other files, which are never opened"},
     {C::NoTracks, Code::UnusableSource, About::Source, "it has no tracks"},

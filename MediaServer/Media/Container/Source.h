@@ -22,8 +22,9 @@ class Source {
 public:
     /// Reads the headers. Borrows the descriptor, which must be readable and seekable. Uses only the path's extension,
     /// as a hint for formats that cannot be recognised by their content.
-    /// Throws Failure: SourceIsFolder, SourceIsNotAFile, SourceIsEmpty, UnknownFormat, RefersToOtherFiles, Damaged,
-    /// NeedsTooMuchMemory or NoTracks. Every function that reads throws UnreadableSource after a read error.
+    /// Throws Failure: SourceIsFolder, SourceIsNotAFile, SourceIsEmpty, UnknownFormat, UnsupportedFormat,
+    /// RefersToOtherFiles, Damaged, NeedsTooMuchMemory or NoTracks. Every function that reads throws UnreadableSource
+    /// after a read error.
     Source(int descriptor, const std::string& path, Progress& progress);
     ~Source();
     Source(const Source&) = delete;

@@ -31,6 +31,18 @@ bool refused(const AVInputFormat& format) {
     return false;
 }
 
+/// Returns whether a WebP file is animated, which FFmpeg's decoder does not support. It finds no picture in it.
+bool isAnimatedWebP(AVIOContext& io) {
+    constexpr std::size_t kFlags = 20;
+    constexpr unsigned char kAnimation = 0x02;
+    std::array<unsigned char, kFlags + 1> header{};
+    const bool whole =
+        avio_read(&io, header.data(), static_cast<int>(header.size())) == static_cast<int>(header.size());
+    avio_seek(&io, 0, SEEK_SET);
+    const std::string_view bytes(reinterpret_cast<const char*>(header.data()), header.size());
+    return whole && bytes.starts_with("RIFF") && bytes.substr(8, 8) == "WEBPVP8X" && (header[kFlags] & kAnimation) != 0;
+}
+
 }  // namespace
 
 const AVInputFormat& probeFormat(AVIOContext& io, const std::string& path) {
@@ -51,6 +63,9 @@ const AVInputFormat& probeFormat(AVIOContext& io, const std::string& path) {
     }
     if (refused(*format)) {
         throw Failure({.cause = FailureCause::RefersToOtherFiles, .subject = format->name});
+    }
+    if (isAnimatedWebP(io)) {
+        throw Failure({.cause = FailureCause::UnsupportedFormat, .subject = "animated WebP"});
     }
     return *format;
 }

@@ -208,6 +208,13 @@ TEST(BrokenMovies, AreConvertedAsFarAsPossible) {
     EXPECT_EQ(failureOf({.source = corpus("empty.mp4")})->cause, FailureCause::SourceIsEmpty);
 }
 
+TEST(AnimatedPictures, AreRefusedByTheNameOfTheirFormatIfTheyCannotBeRead) {
+    const auto failure = failureOf({.source = corpus("animated.webp")});
+    ASSERT_TRUE(failure);
+    EXPECT_EQ(failure->cause, FailureCause::UnsupportedFormat);
+    EXPECT_EQ(failure->subject, "animated WebP");
+}
+
 TEST(ManyStreams, AreAllConverted) {
     const auto output = convert({.source = corpus("many.mkv"), .extension = "mp4", .type = 1});
     const Probe probe(output);

@@ -30,6 +30,9 @@ Failure example(FailureCause cause) {
     case FailureCause::UnwritableDestination:
         failure.errorNumber = ENOSPC;
         break;
+    case FailureCause::UnsupportedFormat:
+        failure.subject = "animated WebP";
+        break;
     case FailureCause::RefersToOtherFiles:
         failure.subject = "hls";
         break;
