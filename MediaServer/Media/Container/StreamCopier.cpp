@@ -56,25 +56,37 @@ void StreamCopier::push(const AVPacket& packet) {
     if (!started_ && video && !(packet.flags & AV_PKT_FLAG_KEY)) {
         return;  // nothing can be shown before the first key frame
     }
+    if (packet.flags & AV_PKT_FLAG_DISCARD) {
+        pushHidden(packet);
+    } else {
+        pushShown(packet);
+    }
+}
+
+void StreamCopier::pushHidden(const AVPacket& packet) {
+    const AVMediaType kind = from_.codecpar->codec_type;
+    if (kind != AVMEDIA_TYPE_VIDEO && kind != AVMEDIA_TYPE_AUDIO) {
+        return;  // no other packet refers to it
+    }
+    // What an edit list cuts off at the end is left out, except for packets that the decoder needs for later ones.
+    if (shownUntil_) {
+        hiddenAfter_.push_back(reference(packet));
+        return;
+    }
     // If the container cannot hide the audio before the beginning, it is dropped, except for the one packet that the
     // decoder needs as priming.
-    const bool audio = from_.codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
-    if (audio && !started_ && (packet.flags & AV_PKT_FLAG_DISCARD) && !output_->container().edits) {
+    if (kind == AVMEDIA_TYPE_AUDIO && !output_->container().edits) {
         hidden_ = reference(packet);
         return;
     }
     started_ = true;
+    write(packet);
+}
+
+void StreamCopier::pushShown(const AVPacket& packet) {
+    started_ = true;
     if (hidden_) {
         write(*std::exchange(hidden_, nullptr));
-    }
-    // What an edit list cuts off at the end is left out, except for packets that the decoder needs for later ones.
-    if ((packet.flags & AV_PKT_FLAG_DISCARD) != 0) {
-        if (shownUntil_) {
-            hiddenAfter_.push_back(reference(packet));
-        } else {
-            write(packet);
-        }
-        return;
     }
     hidesLater_ |= !hiddenAfter_.empty();
     for (const PacketPtr& earlier : std::exchange(hiddenAfter_, {})) {

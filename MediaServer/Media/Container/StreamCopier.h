@@ -20,6 +20,8 @@ public:
     void finish() override;
 
 private:
+    void pushHidden(const AVPacket& packet);
+    void pushShown(const AVPacket& packet);
     void write(const AVPacket& packet);
     [[nodiscard]] std::int64_t guessDts(const AVPacket& packet) const;
     void makeTimesValid(AVPacket& packet);

@@ -108,20 +108,21 @@ TEST(SeveralEdits, PlayWhatIsLeftAfterMerging) {
     }
 }
 
-TEST(SeveralEdits, HaveInterestingTimesWithinTheMovie) {
-    const auto movie = twoParts();
+std::vector<double> timesOf(const std::string& movie, std::optional<std::int64_t> track) {
     RecordingSink sink;
-    for (const std::optional<std::int64_t> track : {std::optional<std::int64_t>{}, std::optional<std::int64_t>{0}}) {
-        const Descriptor source = openToRead(movie.path());
-        const auto times =
-            interestingTimes({.source = source.number(), .sourcePath = movie.path(), .track = track}, sink);
-        std::vector<double> seconds;
-        for (const std::int64_t value : times.values) {
-            seconds.push_back(static_cast<double>(value) / times.timescale);
-        }
-        // The only key frame that is shown is the first frame. The second part begins at two seconds.
-        EXPECT_EQ(seconds, track ? std::vector<double>({0}) : std::vector<double>({0, 2}));
+    const Descriptor source = openToRead(movie);
+    const auto times = interestingTimes({.source = source.number(), .sourcePath = movie, .track = track}, sink);
+    std::vector<double> seconds;
+    for (const std::int64_t value : times.values) {
+        seconds.push_back(static_cast<double>(value) / times.timescale);
     }
+    return seconds;
+}
+
+TEST(SeveralEdits, HaveInterestingTimesWithinTheMovie) {
+    // The only key frame that is shown is the first frame. The second part begins at two seconds.
+    EXPECT_THAT(timesOf(twoParts().path(), 0), testing::ElementsAre(0));
+    EXPECT_THAT(timesOf(twoParts().path(), std::nullopt), testing::ElementsAre(0, 2));
 }
 
 TEST(SeveralEdits, AreDescribedByWhatIsLeft) {
@@ -177,6 +178,10 @@ TEST(ATrimmedMovie, PlaysWhatIsLeft) {
         EXPECT_EQ(frameNumbers(mixed(movie.path(), extension).path()), numbersFrom(30, 77)) << extension;
         EXPECT_EQ(frameNumbers(join({movie.path()}, extension).path()), numbersFrom(30, 77)) << extension;
     }
+}
+
+TEST(ATrimmedMovie, HasInterestingTimesWithinTheMovie) {
+    EXPECT_THAT(timesOf(trimmed().path(), std::nullopt), testing::ElementsAre(0, testing::DoubleNear(0.8, 0.001)));
 }
 
 TEST(ATrimmedMovie, IsFlattenedIntoContainersWithEdits) {
