@@ -1,8 +1,10 @@
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <exception>
+#include <map>
 #include <optional>
 #include <system_error>
 #include <thread>
@@ -12,9 +14,11 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <KRVQTProcessClient/Foundation/Mutex.h>
 #include <KRVQTProcessClient/Platform/SignalsBlocked.h>
 
 #include <MediaServer/Files/BlockingCalls.h>
+#include <MediaServer/Files/MountTable.h>
 #include <MediaServer/Protocol/Descriptor.h>
 
 namespace krv::server {
@@ -43,6 +47,50 @@ int untilEarliest(std::initializer_list<std::optional<Clock::time_point>> times)
 
 }  // namespace
 
+/// The threads that have been abandoned.
+class BlockingCalls::Abandoned {
+public:
+    explicit Abandoned(std::size_t mostPerDrive)
+        : mostPerDrive_(mostPerDrive) {}
+    [[nodiscard]] std::size_t count() const {
+        const LockGuard lock(mutex_);
+        return count_;
+    }
+    void add(dev_t drive) {
+        const LockGuard lock(mutex_);
+        ++count_;
+        ++perDrive_[drive];
+    }
+    void remove(dev_t drive) {
+        const LockGuard lock(mutex_);
+        --count_;
+        removeFrom(drive);
+    }
+    void move(dev_t from, dev_t to) {
+        const LockGuard lock(mutex_);
+        removeFrom(from);
+        ++perDrive_[to];
+    }
+    /// Returns whether one more thread may use the drive.
+    [[nodiscard]] bool mayUse(dev_t drive) const {
+        const LockGuard lock(mutex_);
+        const auto place = perDrive_.find(drive);
+        return drive == MountTable::kUnknownDrive || place == perDrive_.end() || place->second < mostPerDrive_;
+    }
+
+private:
+    void removeFrom(dev_t drive) KRV_REQUIRES(mutex_) {
+        if (--perDrive_[drive] == 0) {
+            perDrive_.erase(drive);
+        }
+    }
+
+    const std::size_t mostPerDrive_;
+    mutable Mutex mutex_;
+    std::size_t count_ KRV_GUARDED_BY(mutex_) = 0;
+    std::map<dev_t, std::size_t> perDrive_ KRV_GUARDED_BY(mutex_);
+};
+
 /// What the caller and the thread share.
 struct BlockingCalls::Running {
     enum class State : std::uint8_t { Running, Returned, Abandoned };
@@ -50,11 +98,14 @@ struct BlockingCalls::Running {
     Call call;
     /// Readable after a report and at the end of the call.
     Descriptor event;
+    std::shared_ptr<Abandoned> abandoned;
     std::atomic<bool> wanted{true};
-    std::atomic<State> state{State::Running};
     /// What the call threw. Valid when it has returned.
     std::exception_ptr thrown;
-    std::shared_ptr<std::atomic<std::size_t>> abandoned;
+    mutable Mutex mutex;
+    State state KRV_GUARDED_BY(mutex) = State::Running;
+    /// The drive that the call accesses.
+    dev_t drive KRV_GUARDED_BY(mutex) = MountTable::kUnknownDrive;
 
     void tell() const {
         const std::uint64_t one = 1;
@@ -62,33 +113,52 @@ struct BlockingCalls::Running {
     }
     void perform() {
         try {
-            call([this] {
-                tell();
-                return wanted.load();
-            });
+            call(Report(*this));
         } catch (...) {
             thrown = std::current_exception();
         }
         call = nullptr;
-        auto expected = State::Running;
-        if (state.compare_exchange_strong(expected, State::Returned)) {
+        const LockGuard lock(mutex);
+        if (state == State::Running) {
+            state = State::Returned;
             tell();
         } else {
-            --*abandoned;
+            abandoned->remove(drive);
         }
+    }
+    void setDrive(dev_t now) {
+        const LockGuard lock(mutex);
+        if (state == State::Abandoned) {
+            abandoned->move(drive, now);
+        }
+        drive = now;
+    }
+    [[nodiscard]] bool hasReturned() const {
+        const LockGuard lock(mutex);
+        return state == State::Returned;
     }
     /// Returns false if the call has returned.
     bool abandon() {
         wanted = false;
-        ++*abandoned;
-        auto expected = State::Running;
-        if (state.compare_exchange_strong(expected, State::Abandoned)) {
-            return true;
+        const LockGuard lock(mutex);
+        if (state == State::Returned) {
+            return false;
         }
-        --*abandoned;
-        return false;
+        state = State::Abandoned;
+        abandoned->add(drive);
+        return true;
     }
 };
+
+bool BlockingCalls::Report::operator()() const {
+    running_->tell();
+    return running_->wanted;
+}
+
+bool BlockingCalls::Report::mayUse(dev_t drive) const {
+    running_->setDrive(drive);
+    return running_->abandoned->mayUse(drive);
+}
 
 BlockingCalls::End BlockingCalls::returned(const Running& running) {
     if (running.thrown) {
@@ -97,8 +167,16 @@ BlockingCalls::End BlockingCalls::returned(const Running& running) {
     return End::Returned;
 }
 
-BlockingCalls::BlockingCalls(std::size_t mostAbandoned)
-    : mostAbandoned_(mostAbandoned) {}
+BlockingCalls::BlockingCalls()
+    : BlockingCalls(Limits()) {}
+
+BlockingCalls::BlockingCalls(Limits limits)
+    : mostAbandoned_(limits.all)
+    , abandoned_(std::make_shared<Abandoned>(limits.perDrive)) {}
+
+std::size_t BlockingCalls::abandoned() const {
+    return abandoned_->count();
+}
 
 bool BlockingCalls::start(const std::shared_ptr<Running>& running) {
     running->event.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
@@ -118,7 +196,7 @@ BlockingCalls::End BlockingCalls::run(Call call, const Waiting& waiting) {
     const auto running = std::make_shared<Running>();
     running->call = std::move(call);
     running->abandoned = abandoned_;
-    if (*abandoned_ >= mostAbandoned_) {
+    if (abandoned_->count() >= mostAbandoned_) {
         return End::Refused;
     }
     if (!start(running)) {
@@ -144,7 +222,7 @@ BlockingCalls::End BlockingCalls::run(Call call, const Waiting& waiting) {
             [[maybe_unused]] const auto taken = ::read(running->event.get(), &reports, sizeof reports);
         }
         // Only after the event has been taken, which may be that of the call's return.
-        if (running->state == Running::State::Returned) {
+        if (running->hasReturned()) {
             return returned(*running);
         }
         if (told) {

@@ -1,10 +1,11 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
+
+#include <sys/types.h>
 
 namespace krv::server {
 
@@ -13,12 +14,31 @@ namespace krv::server {
 ///
 /// Nothing can end a thread that is blocked in the kernel. An abandoned thread continues when its call returns at last,
 /// destroys what the call owns, and ends. It never touches its caller, nor keeps the process from exiting with _exit().
-/// The number of abandoned threads is limited. Starting a thread takes about 20 µs, so none are kept for later.
+/// The number of abandoned threads is limited, and for each drive separately, so that one drive that does not respond
+/// does not use up the threads for the others. Starting a thread takes about 20 µs, so none are kept for later.
 /// Thread-safe.
 class BlockingCalls {
+    struct Running;
+    class Abandoned;
+
 public:
-    /// Reports that the call advances. Returns whether anybody still waits for it.
-    using Report = std::function<bool()>;
+    /// What a call tells while it runs.
+    class Report {
+    public:
+        /// Reports that the call advances. Returns whether anybody still waits for it.
+        bool operator()() const;
+        /// Says which drive the call accesses from now on; see MountTable. Returns false if it should not, because too
+        /// many abandoned threads are blocked on that drive.
+        [[nodiscard]] bool mayUse(dev_t drive) const;
+        /// Says which drive the call accesses from now on, where there is no choice.
+        void uses(dev_t drive) const { (void)mayUse(drive); }
+
+    private:
+        friend Running;
+        explicit Report(Running& running)
+            : running_(&running) {}
+        Running* running_;
+    };
     /// Must own everything it uses.
     using Call = std::function<void(const Report& report)>;
 
@@ -44,9 +64,15 @@ public:
         std::function<void()> onDelay{};
     };
 
-    static constexpr std::size_t kMostAbandoned = 64;
+    /// How many threads may be abandoned.
+    struct Limits {
+        /// Blocked on the same drive.
+        std::size_t perDrive = 16;
+        std::size_t all = 256;
+    };
 
-    explicit BlockingCalls(std::size_t mostAbandoned = kMostAbandoned);
+    BlockingCalls();
+    explicit BlockingCalls(Limits limits);
     BlockingCalls(const BlockingCalls&) = delete;
     BlockingCalls& operator=(const BlockingCalls&) = delete;
 
@@ -55,18 +81,16 @@ public:
     [[nodiscard]] End run(Call call, const Waiting& waiting);
 
     /// Returns how many abandoned threads have not ended yet.
-    [[nodiscard]] std::size_t abandoned() const noexcept { return *abandoned_; }
+    [[nodiscard]] std::size_t abandoned() const;
 
 private:
-    struct Running;
-
     /// Throws what the call threw.
     [[nodiscard]] static End returned(const Running& running);
     [[nodiscard]] static bool start(const std::shared_ptr<Running>& running);
 
     const std::size_t mostAbandoned_;
     /// The threads may outlive this object.
-    const std::shared_ptr<std::atomic<std::size_t>> abandoned_ = std::make_shared<std::atomic<std::size_t>>(0);
+    const std::shared_ptr<Abandoned> abandoned_;
 };
 
 }  // namespace krv::server

@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 
 #include <MediaServer/Files/GradualFlush.h>
+#include <MediaServer/Files/MountTable.h>
 #include <MediaServer/Files/OperationFiles.h>
 #include <MediaServer/Protocol/MediaOperation.h>
 #include <MediaServer/Protocol/MediaRequest.h>
@@ -47,8 +48,40 @@ bool isSameFile(const struct stat& source, const std::string& destination) {
 
 }  // namespace
 
-std::unique_ptr<OperationFiles> OperationFiles::open(const KRVOperationBase& request,
-                                                     const std::function<void(std::size_t file)>& onFile,
+std::optional<Failure> OperationFiles::openSources(const std::vector<std::string>& paths,
+                                                   const std::string& destination, const OnAccess& onAccess) {
+    const MountTable mounts = MountTable::current();
+    std::vector<struct stat> statuses;
+    std::optional<Failure> failure;
+    const auto follow = [&](const std::string& path, std::size_t number, dev_t& drive) {
+        return mounts.follow(path, [&](dev_t next) { return onAccess(number, drive = next); });
+    };
+    for (const std::string& path : paths) {
+        const std::size_t number = sources_.size();
+        dev_t drive = MountTable::kUnknownDrive;
+        if (!follow(path, number, drive)) {
+            return unusable(FailureCause::SourceDoesNotRespond, number);
+        }
+        struct stat status {};
+        Descriptor file = openSource(path, number, status, failure);
+        if (!file) {
+            return failure;
+        }
+        statuses.push_back(status);
+        sources_.push_back({std::move(file), drive});
+    }
+    if (!destination.empty() && !follow(destination, paths.size(), outputDrive_)) {
+        return Failure{.cause = FailureCause::DestinationDoesNotRespond};
+    }
+    for (std::size_t number = 0; !destination.empty() && number < statuses.size(); ++number) {
+        if (isSameFile(statuses[number], destination)) {
+            return unusable(FailureCause::SameFile, number);
+        }
+    }
+    return std::nullopt;
+}
+
+std::unique_ptr<OperationFiles> OperationFiles::open(const KRVOperationBase& request, const OnAccess& onAccess,
                                                      std::optional<Failure>& failure) {
     const MediaOperation* const operation = mediaOperation(request.operationType());
     if (!operation) {
@@ -58,25 +91,8 @@ std::unique_ptr<OperationFiles> OperationFiles::open(const KRVOperationBase& req
     }
     auto files = std::make_unique<OperationFiles>();
     const std::string destination = request.encodingDestinationFilename().value_or("");
-    const std::vector<std::string> sources = sourcesOf(request);
-    std::vector<struct stat> statuses;
-    for (const std::string& path : sources) {
-        struct stat status {};
-        const std::size_t number = files->sources_.size();
-        onFile(number);
-        Descriptor file = openSource(path, number, status, failure);
-        if (!file) {
-            return nullptr;
-        }
-        statuses.push_back(status);
-        files->sources_.push_back(std::move(file));
-    }
-    onFile(sources.size());
-    for (std::size_t number = 0; !destination.empty() && number < statuses.size(); ++number) {
-        if (isSameFile(statuses[number], destination)) {
-            failure = unusable(FailureCause::SameFile, number);
-            return nullptr;
-        }
+    if ((failure = files->openSources(sourcesOf(request), destination, onAccess))) {
+        return nullptr;
     }
     switch (operation->destination) {
     case MediaOperation::Destination::File:
@@ -94,8 +110,8 @@ std::unique_ptr<OperationFiles> OperationFiles::open(const KRVOperationBase& req
 
 std::vector<int> OperationFiles::descriptors() const {
     std::vector<int> all;
-    for (const Descriptor& source : sources_) {
-        all.push_back(source.get());
+    for (const Source& source : sources_) {
+        all.push_back(source.file.get());
     }
     if (file_) {
         all.push_back(file_->descriptor());
@@ -104,6 +120,14 @@ std::vector<int> OperationFiles::descriptors() const {
         all.push_back(folder_->descriptor());
     }
     return all;
+}
+
+void OperationFiles::closeSources(const std::function<void(dev_t drive)>& onDrive) {
+    for (Source& source : sources_) {
+        onDrive(source.drive);
+        source.file.reset();
+    }
+    sources_.clear();
 }
 
 std::optional<Failure> OperationFiles::flush(const std::function<bool()>& onProgress) {

@@ -54,10 +54,26 @@ std::optional<Failure> failureOf(End end, const Opening& opening) {
     return Failure{.cause = FailureCause::DestinationDoesNotRespond};
 }
 
-/// Closes the files and removes what has been written. That may block as well.
+/// Flushes the outputs and puts them in place.
+void finish(Finishing& finishing, const std::function<bool()>& onProgress) {
+    finishing.failure = finishing.files->flush(onProgress);
+    finishing.done = !finishing.failure && finishing.files->commit(*finishing.record, onProgress, finishing.failure);
+}
+
+/// Closes the files and removes what has been written, unless it is in place.
+void close(std::unique_ptr<OperationFiles>& files, const BlockingCalls::Report& report) {
+    if (files) {
+        const dev_t outputDrive = files->outputDrive();
+        files->closeSources([&](dev_t drive) { report.uses(drive); });
+        report.uses(outputDrive);
+        files.reset();
+    }
+}
+
+/// The same on a thread of its own, because it may block as well.
 void discard(BlockingCalls& calls, std::unique_ptr<OperationFiles> files, const std::function<void()>& onDelay) {
     const auto finishing = std::make_shared<Finishing>(Finishing{std::move(files), nullptr, {}, false});
-    (void)calls.run([finishing](const BlockingCalls::Report&) { finishing->files.reset(); },
+    (void)calls.run([finishing](const BlockingCalls::Report& report) { close(finishing->files, report); },
                     {.limit = kPatience, .onDelay = onDelay});
 }
 
@@ -81,11 +97,16 @@ Outcome MediaWorkflow::perform(const KRVOperationBase::Ref& request, const Cance
         [opening](const BlockingCalls::Report& report) {
             opening->files = OperationFiles::open(
                 *opening->request,
-                [&](std::size_t file) {
-                    opening->file = file;
-                    (void)report();
+                [&](std::size_t file, dev_t drive) {
+                    if (opening->file.exchange(file) != file) {
+                        (void)report();
+                    }
+                    return report.mayUse(drive);
                 },
                 opening->failure);
+            if (!report()) {
+                close(opening->files, report);
+            }
         },
         {.cancellation = cancellation.descriptor(), .limit = kPatience, .onDelay = onDelay});
     if (opened == End::Cancelled) {
@@ -103,24 +124,25 @@ Outcome MediaWorkflow::perform(const KRVOperationBase::Ref& request, const Cance
     }
 
     const auto finishing = std::make_shared<Finishing>(Finishing{std::move(files), outcome.record, {}, false});
-    const BlockingCalls::Call finish = [finishing](const BlockingCalls::Report& report) {
-        finishing->failure = finishing->files->flush(report);
-        finishing->done =
-            !finishing->failure && finishing->files->commit(*finishing->record, report, finishing->failure);
-        finishing->files.reset();
-    };
-    const End finished = blockingCalls.run(finish, {.cancellation = cancellation.descriptor(),
-                                                    .afterCancellation = kPatienceAfterCancellation,
-                                                    .onReport = [&] { onProgress(1.0); }});
+    const End finished = blockingCalls.run(
+        [finishing](const BlockingCalls::Report& report) {
+            report.uses(finishing->files->outputDrive());
+            finish(*finishing, report);
+            close(finishing->files, report);
+        },
+        {.cancellation = cancellation.descriptor(), .afterCancellation = kPatienceAfterCancellation, .onReport = [&] {
+             onProgress(1.0);
+         }});
     if (finished == End::Cancelled) {
         return cancelled;
     }
     if (finished != End::Returned) {
         // The work is worth more than the risk that this thread has to wait for the drive.
-        finish([&] {
+        finish(*finishing, [&] {
             onProgress(1.0);
             return !cancellation.requested();
         });
+        finishing->files.reset();
     }
     if (finishing->failure) {
         return failed(*finishing->failure);

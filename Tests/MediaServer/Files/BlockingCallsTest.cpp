@@ -14,6 +14,7 @@
 #include "NoDescriptors.h"
 #include "WaitUntil.h"
 #include <MediaServer/Files/BlockingCalls.h>
+#include <MediaServer/Files/MountTable.h>
 #include <MediaServer/Protocol/Descriptor.h>
 
 namespace krv::server {
@@ -54,7 +55,7 @@ protected:
         test::waitUntil([this] { return calls.abandoned() == 0; });
     }
     Drive drive;
-    BlockingCalls calls{3};
+    BlockingCalls calls{{.perDrive = 2, .all = 3}};
     const Descriptor cancellation{::eventfd(0, EFD_CLOEXEC)};
     const Descriptor cancelled{::eventfd(1, EFD_CLOEXEC)};
 };
@@ -144,6 +145,38 @@ TEST_F(Blocking, NoMoreThreadsAreAbandonedThanAllowed) {
     drive.respond();
     test::waitUntil([this] { return calls.abandoned() == 0; });
     EXPECT_EQ(calls.run([](const BlockingCalls::Report&) {}, {}), End::Returned);
+}
+
+TEST_F(Blocking, ADriveThatBlocksTooManyThreadsMayNotBeUsedUntilItResponds) {
+    constexpr dev_t kDead = 1;
+    constexpr dev_t kOther = 2;
+    const auto mayUse = [this](dev_t drive) {
+        bool may = false;
+        EXPECT_EQ(calls.run([&](const BlockingCalls::Report& report) { may = report.mayUse(drive); }, {}),
+                  End::Returned);
+        return may;
+    };
+    const auto abandon = [&] {
+        const auto access = drive.access();
+        EXPECT_EQ(calls.run(
+                      [access](const BlockingCalls::Report& report) {
+                          report.uses(kDead);
+                          access(report);
+                          report.uses(kOther);
+                      },
+                      {.limit = 100ms}),
+                  End::TimedOut);
+    };
+    abandon();
+    EXPECT_TRUE(mayUse(kDead));
+    abandon();
+    EXPECT_FALSE(mayUse(kDead));
+    EXPECT_TRUE(mayUse(kOther));
+    EXPECT_TRUE(mayUse(MountTable::kUnknownDrive));
+    drive.respond();
+    test::waitUntil([this] { return calls.abandoned() == 0; });
+    EXPECT_TRUE(mayUse(kDead));
+    EXPECT_TRUE(mayUse(kOther));
 }
 
 TEST_F(Blocking, WithoutDescriptorsNothingIsRun) {
