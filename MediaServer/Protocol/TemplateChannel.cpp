@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <utility>
@@ -12,20 +13,24 @@
 
 namespace krv::server {
 
-pid_t TemplateChannel::requestWorker(int workerEnd, std::chrono::milliseconds timeout) {
+pid_t TemplateChannel::requestWorker(int workerEnd, std::chrono::milliseconds timeout, int stop) {
     const std::byte request{'w'};
     if (sendWithDescriptors(socket_.get(), {&request, 1}, {&workerEnd, 1}) < 0) {
         return -1;
     }
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    pollfd waiting{socket_.get(), POLLIN, 0};
+    std::array<pollfd, 2> waiting{{{socket_.get(), POLLIN, 0}, {stop, POLLIN, 0}}};
     int events = 0;
     do {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        events = ::poll(&waiting, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
+        events = ::poll(waiting.data(), waiting.size(), static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
     } while (events < 0 && errno == EINTR);
     if (events <= 0) {
         errno = events == 0 ? ETIMEDOUT : errno;
+        return -1;
+    }
+    if (waiting[0].revents == 0) {
+        errno = ECANCELED;
         return -1;
     }
     std::int32_t reply = 0;

@@ -20,8 +20,8 @@ public:
 
     /// For the server's end: asks for a worker with this end of its channel, which is borrowed. Returns the worker's
     /// process id. On failure returns -1 and sets errno: ETIMEDOUT if no reply arrives in time, EPIPE if the template
-    /// has exited.
-    [[nodiscard]] pid_t requestWorker(int workerEnd, std::chrono::milliseconds timeout);
+    /// has exited, ECANCELED once the descriptor `stop` is readable, which is borrowed; -1 for none.
+    [[nodiscard]] pid_t requestWorker(int workerEnd, std::chrono::milliseconds timeout, int stop = -1);
 
     /// For the template's end: blocks until the next request and returns the worker's end; none when the server has
     /// closed the channel.

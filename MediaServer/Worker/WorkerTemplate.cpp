@@ -8,6 +8,9 @@
 // which forks the worker, passes its process id back and exits. The server is a subreaper, so it becomes the worker's
 // parent. The worker waits until then: PR_SET_PDEATHSIG refers to the parent of the moment.
 //
+// Until the server has the worker's process id, the worker stays in the template's process group. If the template dies
+// at any moment, the server ends everything in that group.
+//
 // All workers have the template's layout of memory. A hostile file that learns an address in one worker would know it
 // in the next. That is the price of the fork; the sandbox does not rely on secret addresses.
 //
@@ -79,9 +82,6 @@ Process forkWorker(pid_t server, std::int32_t& workerOrError) {
             return Process::Worker;
         }
         const std::int32_t result = worker > 0 ? worker : -errno;
-        if (worker > 0) {
-            ::setpgid(worker, worker);
-        }
         [[maybe_unused]] const auto written = ::write(answer.writing.get(), &result, sizeof result);
         ::_exit(0);
     }

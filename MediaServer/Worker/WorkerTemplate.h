@@ -10,9 +10,9 @@ namespace krv::server {
 /// Returns in each worker, with its end of the worker channel. In the template it never returns: it exits when the
 /// server has closed the control channel.
 ///
-/// Each worker is a child of the server, which must be the subreaper of this process. It has a process group of its
-/// own, the name "KRVMediaWorker", no descriptors but the standard ones and its channel, and is killed when the server
-/// exits.
+/// Each worker is a child of the server, which must be the subreaper of this process. It has the name "KRVMediaWorker",
+/// no descriptors but the standard ones and its channel, and is killed when the server exits. The server gives it a
+/// process group of its own.
 ///
 /// Call it on the only thread. server: the process id of the server. control: this end of a TemplateChannel.
 [[nodiscard]] Descriptor forkWorkers(pid_t server, Descriptor control);

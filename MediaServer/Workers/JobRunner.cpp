@@ -53,7 +53,10 @@ Outcome JobRunner::run(const KRVOperationBase& request, const std::vector<int>& 
                        const std::function<void(double)>& onProgress, const std::function<void()>& onSilence) const {
     std::string failure;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        const auto worker = workers_.take(failure);
+        const auto worker = workers_.take(cancellation, failure);
+        if (!worker && cancellation.requested()) {
+            return {Outcome::Kind::Cancelled, nullptr, nullptr};
+        }
         if (!worker) {
             return failed(makeError(request, {.cause = FailureCause::WorkerDidNotStart, .reason = failure}));
         }

@@ -12,6 +12,7 @@
 
 #include <fmt/format.h>
 
+#include <MediaServer/Workers/KilledProcesses.h>
 #include <MediaServer/Workers/TemplateProcess.h>
 
 namespace krv::server {
@@ -19,8 +20,10 @@ namespace {
 
 /// The descriptor at which the template expects its end of the control channel.
 constexpr int kControlDescriptor = 3;
-/// Loading the libraries from a slow disk takes seconds. A template that takes longer has stopped.
-constexpr std::chrono::seconds kPatience{60};
+/// A template that takes longer than this to fork has stopped.
+constexpr std::chrono::seconds kPatience{5};
+/// Before the first worker, the template loads the libraries, which takes seconds from a slow disk.
+constexpr std::chrono::seconds kPatienceAtStart{30};
 
 /// Returns the program opened for execution only, above the descriptors that the template expects.
 Descriptor openProgram(const std::string& path) {
@@ -101,6 +104,7 @@ bool TemplateProcess::start(std::string& failure) {
     if (theirs.get() == kControlDescriptor) {
         theirs.reset(::fcntl(theirs.get(), F_DUPFD_CLOEXEC, kControlDescriptor + 1));
     }
+    responded_ = false;
     pid_ = spawn(program_.get(), executable_, memoryLimit_, theirs.get());
     return pid_ > 0 || failed();
 }
@@ -110,27 +114,30 @@ void TemplateProcess::end() {
     if (pid_ <= 0) {
         return;
     }
-    // With its process group: if it has died while it was forking, its child has become ours.
+    // With its process group. What it has forked is in this group until forkWorker() has its process id, and becomes
+    // a child of this process when its parent dies.
     ::kill(-pid_, SIGKILL);
-    while (::waitpid(-pid_, nullptr, 0) > 0 || errno == EINTR) {
-    }
+    int status = 0;
+    (void)reapKilled(-pid_, status);
     pid_ = -1;
 }
 
-pid_t TemplateProcess::forkWorker(int workerEnd, std::string& failure) {
-    // A template that has died since the last worker is replaced once.
+pid_t TemplateProcess::forkWorker(int workerEnd, int stop, std::string& failure) {
+    // A template that has died or stopped since the last worker is replaced once.
     for (const bool mayHaveDied : {pid_ > 0, false}) {
         if (pid_ <= 0 && !start(failure)) {
             return -1;
         }
-        const pid_t worker = channel_->requestWorker(workerEnd, kPatience);
+        const pid_t worker = channel_->requestWorker(workerEnd, responded_ ? kPatience : kPatienceAtStart, stop);
         if (worker > 0 && isChild(worker)) {
+            ::setpgid(worker, worker);
+            responded_ = true;
             return worker;
         }
         const int problem = worker > 0 ? ECHILD : errno;
         failure = fmt::format("the template process forks no worker: {}", std::strerror(problem));
         end();
-        if (!mayHaveDied) {
+        if (!mayHaveDied || problem == ECANCELED) {
             break;
         }
     }

@@ -1,66 +1,16 @@
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstring>
-#include <vector>
 
-#include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <MediaServer/Workers/KilledProcesses.h>
 #include <MediaServer/Workers/WorkerPool.h>
 
 namespace krv::server {
-namespace {
-
-/// A killed process is gone within milliseconds, unless it is blocked in the kernel.
-constexpr std::chrono::seconds kPatience{2};
-
-/// The killed processes that have not been reaped.
-class Leftovers {
-public:
-    void add(pid_t process) {
-        const LockGuard lock(mutex_);
-        processes_.push_back(process);
-    }
-    void reap() {
-        const LockGuard lock(mutex_);
-        std::erase_if(processes_, [](pid_t process) { return ::waitpid(process, nullptr, WNOHANG) != 0; });
-    }
-
-private:
-    Mutex mutex_;
-    std::vector<pid_t> processes_ KRV_GUARDED_BY(mutex_);
-};
-
-Leftovers& leftovers() {
-    static auto* const all = new Leftovers;  // never destroyed: threads may still end workers when the process exits
-    return *all;
-}
-
-/// Waits for a killed process. Returns false if it is still there after a moment.
-bool waitBriefly(pid_t process, int& status) {
-    const Descriptor end(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
-    const auto limit = std::chrono::steady_clock::now() + kPatience;
-    for (;;) {
-        const pid_t ended = ::waitpid(process, &status, WNOHANG);
-        if (ended > 0 || (ended < 0 && errno != EINTR)) {
-            return true;
-        }
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(limit - std::chrono::steady_clock::now());
-        if (left.count() <= 0) {
-            return false;
-        }
-        // Without a descriptor to wait for, it looks again every millisecond.
-        pollfd waiting{end.get(), POLLIN, 0};
-        ::poll(&waiting, 1, end ? static_cast<int>(left.count()) : 1);
-    }
-}
-
-}  // namespace
-
 bool Worker::isAlive() const {
     siginfo_t info{};
     return pid_ > 0 && ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
@@ -74,9 +24,7 @@ int Worker::end() {
     // A process that has exited keeps its status. One that has closed the channel is about to exit.
     int status = 0;
     ::kill(pid_, SIGKILL);
-    leftovers().reap();
-    if (!waitBriefly(pid_, status)) {
-        leftovers().add(pid_);
+    if (!reapKilled(pid_, status)) {
         status = SIGKILL;
     }
     pid_ = -1;
@@ -85,6 +33,7 @@ int Worker::end() {
 
 WorkerPool::WorkerPool(std::string executable, unsigned spares, std::uint64_t memoryLimit)
     : spares_(spares)
+    , stop_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
     , template_(std::move(executable), memoryLimit)
     , keeper_([this] { keep(); }) {}
 
@@ -94,6 +43,8 @@ WorkerPool::~WorkerPool() {
         stopping_ = true;
         changed_.notify_all();
     }
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const auto written = ::write(stop_.get(), &one, sizeof one);
     keeper_.join();
 }
 
@@ -105,7 +56,7 @@ std::unique_ptr<Worker> WorkerPool::start(std::string& failure) {
     }
     WorkerChannel channel{Descriptor(ends[0])};
     const Descriptor theirs(ends[1]);
-    const pid_t pid = template_.forkWorker(theirs.get(), failure);
+    const pid_t pid = template_.forkWorker(theirs.get(), stop_.get(), failure);
     if (pid < 0) {
         return nullptr;
     }
@@ -136,15 +87,19 @@ void WorkerPool::keep() {
     mutex_.unlock();
 }
 
-std::unique_ptr<Worker> WorkerPool::take(std::string& failure) {
+std::unique_ptr<Worker> WorkerPool::take(const Cancellation& cancellation, std::string& failure) {
     std::deque<std::unique_ptr<Worker>> dead;  // reaped after unlocking
+    const Cancellation::Observer observer(cancellation, [this] {
+        const LockGuard lock(mutex_);
+        changed_.notify_all();
+    });
     const LockGuard lock(mutex_);
     failure_.clear();
     ++taken_;
     ++waiting_;
     changed_.notify_all();
     std::unique_ptr<Worker> worker;
-    while (!worker && !stopping_ && failure_.empty()) {
+    while (!worker && !stopping_ && !cancellation.requested() && failure_.empty()) {
         if (ready_.empty()) {
             changed_.wait(mutex_);
             continue;
@@ -158,7 +113,13 @@ std::unique_ptr<Worker> WorkerPool::take(std::string& failure) {
     }
     --waiting_;
     changed_.notify_all();
-    failure = worker ? std::string() : stopping_ ? "the server is shutting down" : failure_;
+    if (worker) {
+        failure.clear();
+    } else {
+        failure = stopping_                  ? "the server is shutting down"
+                  : cancellation.requested() ? "the operation was cancelled"
+                                             : failure_;
+    }
     return worker;
 }
 

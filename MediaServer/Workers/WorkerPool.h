@@ -12,6 +12,7 @@
 #include <KRVQTProcessClient/Foundation/Mutex.h>
 
 #include <MediaServer/Protocol/WorkerChannel.h>
+#include <MediaServer/Workers/Cancellation.h>
 #include <MediaServer/Workers/TemplateProcess.h>
 
 namespace krv::server {
@@ -30,8 +31,8 @@ public:
     [[nodiscard]] bool isAlive() const;
     /// Kills the process unless it has exited, and returns its status as from waitpid. Returns 0 after the first call.
     ///
-    /// A process that is blocked on a drive that does not respond may stay for as long as the drive does. After a
-    /// moment it is left to itself and reported as killed; a later call, of any worker, reaps it.
+    /// A process that is blocked on a drive that does not respond is left to itself after a moment and reported as
+    /// killed; see reapKilled().
     int end();
 
     WorkerChannel channel;
@@ -56,8 +57,8 @@ public:
     WorkerPool& operator=(const WorkerPool&) = delete;
 
     /// Returns an idle worker, or waits until one has been started. Returns null and sets failure to the reason if none
-    /// can be started.
-    [[nodiscard]] std::unique_ptr<Worker> take(std::string& failure);
+    /// can be started, or after a cancellation.
+    [[nodiscard]] std::unique_ptr<Worker> take(const Cancellation& cancellation, std::string& failure);
 
     /// Returns how many idle workers there are.
     [[nodiscard]] std::size_t ready() const;
@@ -67,6 +68,8 @@ private:
     [[nodiscard]] std::unique_ptr<Worker> start(std::string& failure);
 
     const unsigned spares_;
+    /// Readable when the keeper thread is to end.
+    const Descriptor stop_;
     /// Used by the keeper thread only.
     TemplateProcess template_;
     mutable Mutex mutex_;

@@ -46,6 +46,15 @@ TEST_F(TemplateEnds, PassTheWorkersEndAndItsProcessId) {
     EXPECT_EQ(byte, 'x');
 }
 
+TEST_F(TemplateEnds, DoNotWaitOnceTheyAreStopped) {
+    int pipe[2];
+    ASSERT_EQ(::pipe(pipe), 0);
+    const Descriptor reading(pipe[0]);
+    Descriptor(pipe[1]).reset();
+    EXPECT_EQ(server->requestWorker(STDIN_FILENO, 60s, reading.get()), -1);
+    EXPECT_EQ(errno, ECANCELED);
+}
+
 TEST_F(TemplateEnds, PassTheErrorOfAForkThatFails) {
     forker->reply(-ENOMEM);
     EXPECT_EQ(server->requestWorker(STDIN_FILENO, 60s), -1);

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <iterator>
 #include <sstream>
 #include <thread>
@@ -13,6 +14,7 @@
 #include <unistd.h>
 
 #include <dirent.h>
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -21,6 +23,8 @@
 
 namespace krv::server {
 namespace {
+
+using namespace std::chrono_literals;
 
 std::string nameOf(pid_t pid) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/comm");
@@ -46,6 +50,9 @@ std::vector<pid_t> children(const std::string& name = "KRVMediaWorker") {
 }
 
 constexpr const char* kTemplate = "KRVTemplate";
+
+/// For operations that are not cancelled.
+const Cancellation never;
 
 /// Waits until a child has exited and leaves it to be reaped.
 void waitForExit(pid_t pid) {
@@ -78,7 +85,7 @@ TEST(Pool, StartsIdleWorkersInAdvance) {
 TEST(Pool, ReplacesAWorkerThatIsTaken) {
     WorkerPool pool(KRV_WORKER, 1);
     std::string failure;
-    const auto first = pool.take(failure);
+    const auto first = pool.take(never, failure);
     ASSERT_NE(first, nullptr) << failure;
     waitForReady(pool, 1);
     EXPECT_TRUE(first->isAlive());
@@ -90,7 +97,7 @@ TEST(Pool, ForksItsWorkersFromOneTemplate) {
     waitForReady(pool, 2);
     EXPECT_EQ(children(kTemplate).size(), 1U);
     std::string failure;
-    const auto worker = pool.take(failure);
+    const auto worker = pool.take(never, failure);
     ASSERT_NE(worker, nullptr) << failure;
     waitForReady(pool, 2);
     EXPECT_EQ(children(kTemplate).size(), 1U);
@@ -105,12 +112,84 @@ TEST(Pool, StartsAnotherTemplateWhenItsOwnHasDied) {
     std::vector<std::unique_ptr<Worker>> taken;
     for (int i = 0; i < 3; ++i) {
         std::string failure;
-        taken.push_back(pool.take(failure));
+        taken.push_back(pool.take(never, failure));
         ASSERT_NE(taken.back(), nullptr) << failure;
         EXPECT_TRUE(taken.back()->isAlive());
     }
     ASSERT_EQ(children(kTemplate).size(), 1U);
     EXPECT_NE(children(kTemplate).at(0), first);
+}
+
+TEST(Pool, ReplacesATemplateThatHasStopped) {
+    WorkerPool pool(KRV_WORKER, 0);
+    std::string failure;
+    const auto before = pool.take(never, failure);
+    ASSERT_NE(before, nullptr) << failure;
+    const pid_t first = children(kTemplate).at(0);
+    ::kill(first, SIGSTOP);
+    const auto worker = pool.take(never, failure);
+    ASSERT_NE(worker, nullptr) << failure;
+    EXPECT_TRUE(before->isAlive());
+    EXPECT_TRUE(worker->isAlive());
+    EXPECT_NE(::kill(first, 0), 0);
+}
+
+TEST(Pool, WaitingForAWorkerEndsWithACancellation) {
+    WorkerPool pool(KRV_WORKER, 0);
+    std::string failure;
+    const auto before = pool.take(never, failure);
+    const pid_t stopped = children(kTemplate).at(0);
+    ::kill(stopped, SIGSTOP);
+    Cancellation cancellation;
+    auto waiting = std::async(std::launch::async, [&] {
+        std::string reason;
+        return pool.take(cancellation, reason) ? "" : reason;
+    });
+    cancellation.request();
+    EXPECT_EQ(waiting.get(), "the operation was cancelled");
+    // It has not been waited for.
+    EXPECT_EQ(children(kTemplate), std::vector<pid_t>{stopped});
+}
+
+TEST(Pool, CanBeDestroyedWhileItsTemplateDoesNotRespond) {
+    pid_t stopped = 0;
+    std::unique_ptr<Worker> before;
+    {
+        WorkerPool pool(KRV_WORKER, 1);
+        waitForReady(pool, 1);
+        stopped = children(kTemplate).at(0);
+        ::kill(stopped, SIGSTOP);
+        std::string failure;
+        before = pool.take(never, failure);
+    }
+    EXPECT_NE(::kill(stopped, 0), 0);
+    before.reset();
+    EXPECT_TRUE(children().empty());
+}
+
+/// Returns whether a process has children.
+bool hasChildren(pid_t pid) {
+    std::ifstream in(fmt::format("/proc/{0}/task/{0}/children", pid));
+    pid_t child = 0;
+    return static_cast<bool>(in >> child);
+}
+
+TEST(Pool, ATemplateThatDiesWhileItForksLeavesNothingBehind) {
+    WorkerPool pool(KRV_WORKER, 0);
+    for (int i = 0; i < 5; ++i) {
+        std::string failure;
+        ASSERT_NE(pool.take(never, failure), nullptr) << failure;
+        const pid_t forker = children(kTemplate).at(0);
+        auto worker = std::async(std::launch::async, [&] {
+            std::string reason;
+            return pool.take(never, reason);
+        });
+        while (!hasChildren(forker) && worker.wait_for(0s) != std::future_status::ready) {
+        }
+        ::kill(forker, SIGKILL);
+        ASSERT_NE(worker.get(), nullptr);
+        EXPECT_EQ(children(), std::vector<pid_t>());
+    }
 }
 
 TEST(Pool, OutlivesItsProgram) {
@@ -129,7 +208,7 @@ TEST(Pool, OutlivesItsProgram) {
         waitForExit(first);
         for (int i = 0; i < 2; ++i) {
             std::string failure;
-            EXPECT_NE(pool.take(failure), nullptr) << failure;
+            EXPECT_NE(pool.take(never, failure), nullptr) << failure;
         }
     }
 }
@@ -160,7 +239,7 @@ TEST(Pool, NeverReturnsADeadWorker) {
     ::kill(spares[0], SIGKILL);
     waitForExit(spares[0]);
     std::string failure;
-    const auto worker = pool.take(failure);
+    const auto worker = pool.take(never, failure);
     ASSERT_NE(worker, nullptr) << failure;
     EXPECT_TRUE(worker->isAlive());
 }
@@ -170,7 +249,7 @@ TEST(Pool, StartsMoreWorkersOnDemand) {
     std::string failure;
     std::vector<std::unique_ptr<Worker>> taken;
     for (int i = 0; i < 3; ++i) {
-        taken.push_back(pool.take(failure));
+        taken.push_back(pool.take(never, failure));
         ASSERT_NE(taken.back(), nullptr) << failure;
     }
     EXPECT_EQ(children().size(), 3U);
@@ -180,7 +259,7 @@ TEST(Pool, ReportsWhyNoWorkerStartsAndTriesAgain) {
     WorkerPool pool("/nonexistent/worker", 1);
     for (int i = 0; i < 2; ++i) {
         std::string failure;
-        EXPECT_EQ(pool.take(failure), nullptr);
+        EXPECT_EQ(pool.take(never, failure), nullptr);
         EXPECT_EQ(failure, "/nonexistent/worker: No such file or directory");
     }
 }
@@ -205,7 +284,7 @@ TEST(Pool, CanBeDestroyedBeforeAllWorkersHaveStarted) {
 TEST(Pool, ItsWorkersEnterTheSandbox) {
     WorkerPool pool(KRV_WORKER, 0);
     std::string failure;
-    const auto worker = pool.take(failure);
+    const auto worker = pool.take(never, failure);
     ASSERT_NE(worker, nullptr) << failure;
     const auto all = children();
     ASSERT_EQ(all.size(), 1U);
@@ -218,7 +297,7 @@ TEST(Pool, ItsWorkersEnterTheSandbox) {
 TEST(Pool, AWorkerReturnsItsExitStatus) {
     WorkerPool pool(KRV_WORKER, 0);
     std::string failure;
-    const auto worker = pool.take(failure);
+    const auto worker = pool.take(never, failure);
     ASSERT_NE(worker, nullptr) << failure;
     ::kill(children().at(0), SIGSEGV);
     while (worker->isAlive()) {

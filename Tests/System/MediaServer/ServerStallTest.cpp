@@ -28,6 +28,33 @@ TEST_F(Stall, AWorkerThatHasStoppedIsKilled) {
     EXPECT_EQ(filesInOut(), 1U);
 }
 
+TEST_F(Stall, ATemplateThatHasStoppedDoesNotKeepTheServerFromExiting) {
+    start();
+    waitUntil([this] { return workers().size() == 2; });
+    const pid_t stopped = children("KRVTemplate").at(0);
+    ASSERT_EQ(::kill(stopped, SIGSTOP), 0);
+    std::vector<std::string> ids;
+    for (int i = 0; i < 3; ++i) {
+        ids.push_back(ask(R::provideMetadataFor(movie()))->uniqueID().value_or(""));
+    }
+    // There are workers for two of them at most. The others wait for one until they are cancelled.
+    const auto ended = [&](const std::string& id) {
+        const auto state = ask(R::progressAndCompletionOperation(id));
+        return state->completed() || state->error() || state->cancelled();
+    };
+    waitUntil([&] { return ended(ids[0]); });
+    for (const std::string& id : ids) {
+        (void)ask(R::cancelOperation(id));
+        waitUntil([&] { return ended(id); });
+    }
+    EXPECT_EQ(children("KRVTemplate"), std::vector<pid_t>{stopped});
+    const auto since = std::chrono::steady_clock::now();
+    process->signal(SIGTERM);
+    EXPECT_EQ(process->wait(), 0);
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - since;
+    std::cout << "[ measured ] exited " << took.count() << " s after the signal\n";
+}
+
 TEST_F(Stall, AConversionThatIsQueuedForMinutesIsNotGivenUp) {
     if (!std::getenv("KRV_SLOW")) {
         GTEST_SKIP() << "takes minutes; KRV_SLOW=1 runs it";
