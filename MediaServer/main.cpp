@@ -120,8 +120,9 @@ int main() {
         .idleTimeout = idleTimeout(defaults)});
     const int status = server->run(signals);
     server.reset();
+    blockingCalls.waitForCleanUp();
+    lock.release();
     if (blockingCalls.abandoned() > 0) {
-        lock.release();
         // Abandoned threads may wake up at any time, so nothing that they use may be destroyed.
         std::fflush(nullptr);
         ::_exit(status);

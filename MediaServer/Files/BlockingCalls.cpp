@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdint>
 #include <exception>
 #include <map>
@@ -29,6 +29,10 @@ using Clock = std::chrono::steady_clock;
 
 /// Files on a drive that responds are open by then.
 constexpr auto kPromptly = 100ms;
+/// A call that has made its result final returns within milliseconds, unless a drive stops responding at that moment.
+constexpr auto kPatienceAfterDecision = 5s;
+/// A call that cleans up and reports nothing for this time is blocked on a drive.
+constexpr auto kPatienceForCleanUp = 3s;
 
 /// Returns how long to poll until the earliest of the times, in milliseconds; -1 if there is none.
 int untilEarliest(std::initializer_list<std::optional<Clock::time_point>> times) {
@@ -66,6 +70,32 @@ public:
         --count_;
         removeFrom(drive);
     }
+    void addCleaner() {
+        const LockGuard lock(mutex_);
+        ++cleaners_;
+    }
+    void removeCleaner() {
+        const LockGuard lock(mutex_);
+        --cleaners_;
+        cleaned_.notify_all();
+    }
+    void reportCleaning() {
+        const LockGuard lock(mutex_);
+        ++reports_;
+        cleaned_.notify_all();
+    }
+    void waitForCleaners() {
+        const LockGuard lock(mutex_);
+        while (cleaners_ > 0) {
+            const auto before = reports_;
+            const auto limit = Clock::now() + kPatienceForCleanUp;
+            while (cleaners_ > 0 && reports_ == before) {
+                if (cleaned_.wait_until(mutex_, limit) == std::cv_status::timeout) {
+                    return;
+                }
+            }
+        }
+    }
     void move(dev_t from, dev_t to) {
         const LockGuard lock(mutex_);
         removeFrom(from);
@@ -89,6 +119,11 @@ private:
     mutable Mutex mutex_;
     std::size_t count_ KRV_GUARDED_BY(mutex_) = 0;
     std::map<dev_t, std::size_t> perDrive_ KRV_GUARDED_BY(mutex_);
+    std::condition_variable_any cleaned_;
+    /// How many of the threads clean up.
+    std::size_t cleaners_ KRV_GUARDED_BY(mutex_) = 0;
+    /// How often they have reported.
+    std::uint64_t reports_ KRV_GUARDED_BY(mutex_) = 0;
 };
 
 /// What the caller and the thread share.
@@ -99,11 +134,13 @@ struct BlockingCalls::Running {
     /// Readable after a report and at the end of the call.
     Descriptor event;
     std::shared_ptr<Abandoned> abandoned;
-    std::atomic<bool> wanted{true};
+    bool cleansUp = false;
     /// What the call threw. Valid when it has returned.
     std::exception_ptr thrown;
     mutable Mutex mutex;
     State state KRV_GUARDED_BY(mutex) = State::Running;
+    bool wanted KRV_GUARDED_BY(mutex) = true;
+    bool decided KRV_GUARDED_BY(mutex) = false;
     /// The drive that the call accesses.
     dev_t drive KRV_GUARDED_BY(mutex) = MountTable::kUnknownDrive;
 
@@ -124,7 +161,31 @@ struct BlockingCalls::Running {
             tell();
         } else {
             abandoned->remove(drive);
+            if (cleansUp) {
+                abandoned->removeCleaner();
+            }
         }
+    }
+    /// Returns whether somebody still waits for the call.
+    bool report() const {
+        const LockGuard lock(mutex);
+        if (state == State::Running) {
+            tell();
+        } else if (cleansUp) {
+            abandoned->reportCleaning();
+        }
+        return wanted;
+    }
+    bool decide() {
+        const LockGuard lock(mutex);
+        decided = decided || wanted;
+        return wanted;
+    }
+    /// Returns false if the result is final already.
+    bool cancel() {
+        const LockGuard lock(mutex);
+        wanted = decided;
+        return !decided;
     }
     void setDrive(dev_t now) {
         const LockGuard lock(mutex);
@@ -139,20 +200,26 @@ struct BlockingCalls::Running {
     }
     /// Returns false if the call has returned.
     bool abandon() {
-        wanted = false;
         const LockGuard lock(mutex);
         if (state == State::Returned) {
             return false;
         }
+        wanted = false;
         state = State::Abandoned;
         abandoned->add(drive);
+        if (cleansUp) {
+            abandoned->addCleaner();
+        }
         return true;
     }
 };
 
 bool BlockingCalls::Report::operator()() const {
-    running_->tell();
-    return running_->wanted;
+    return running_->report();
+}
+
+bool BlockingCalls::Report::decide() const {
+    return running_->decide();
 }
 
 bool BlockingCalls::Report::mayUse(dev_t drive) const {
@@ -173,6 +240,10 @@ BlockingCalls::BlockingCalls()
 BlockingCalls::BlockingCalls(Limits limits)
     : mostAbandoned_(limits.all)
     , abandoned_(std::make_shared<Abandoned>(limits.perDrive)) {}
+
+void BlockingCalls::waitForCleanUp() {
+    abandoned_->waitForCleaners();
+}
 
 std::size_t BlockingCalls::abandoned() const {
     return abandoned_->count();
@@ -196,6 +267,7 @@ BlockingCalls::End BlockingCalls::run(Call call, const Waiting& waiting) {
     const auto running = std::make_shared<Running>();
     running->call = std::move(call);
     running->abandoned = abandoned_;
+    running->cleansUp = waiting.cleansUp;
     if (abandoned_->count() >= mostAbandoned_) {
         return End::Refused;
     }
@@ -233,8 +305,7 @@ BlockingCalls::End BlockingCalls::run(Call call, const Waiting& waiting) {
         }
         const auto now = Clock::now();
         if (count > 0 && events[1].revents != 0) {
-            running->wanted = false;
-            grace = now + waiting.afterCancellation;
+            grace = now + (running->cancel() ? waiting.afterCancellation : kPatienceAfterDecision);
         }
         if (grace && now >= *grace) {
             return running->abandon() ? End::Cancelled : returned(*running);

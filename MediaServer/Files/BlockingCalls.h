@@ -27,6 +27,9 @@ public:
     public:
         /// Reports that the call advances. Returns whether anybody still waits for it.
         bool operator()() const;
+        /// Makes the result final. Returns false if nobody waits any more. If it returns true, a cancellation comes too
+        /// late: the caller waits until the call returns, though not for ever.
+        [[nodiscard]] bool decide() const;
         /// Says which drive the call accesses from now on; see MountTable. Returns false if it should not, because too
         /// many abandoned threads are blocked on that drive.
         [[nodiscard]] bool mayUse(dev_t drive) const;
@@ -58,6 +61,8 @@ public:
         std::chrono::milliseconds limit{0};
         /// How long to wait for the call once it has been cancelled.
         std::chrono::milliseconds afterCancellation{0};
+        /// Whether the call removes what it has made when it is cancelled; see waitForCleanUp().
+        bool cleansUp = false;
         /// Called on the caller's thread after reports. May be empty.
         std::function<void()> onReport{};
         /// Called once on the caller's thread if the call does not return promptly. May be empty.
@@ -79,6 +84,10 @@ public:
     /// Runs the call and waits for it. After a cancellation, report() returns false, and the call should return. Throws
     /// what the call throws, unless its thread has been abandoned.
     [[nodiscard]] End run(Call call, const Waiting& waiting);
+
+    /// Waits for the abandoned threads whose calls clean up, as long as they report that they advance. To be called
+    /// before the process exits.
+    void waitForCleanUp();
 
     /// Returns how many abandoned threads have not ended yet.
     [[nodiscard]] std::size_t abandoned() const;

@@ -78,13 +78,15 @@ bool isUnsupported(int errorNumber) {
 
 }  // namespace
 
-FileGroup::FileGroup(int folder, std::string path)
+FileGroup::FileGroup(int folder, std::string path, std::function<void()> onProgress)
     : folder_(folder)
     , path_(std::move(path))
+    , onProgress_(std::move(onProgress))
     , hiddenName_(UnfinishedNote::hiddenName()) {}
 
-std::unique_ptr<FileGroup> FileGroup::open(int folder, const std::string& path, std::optional<Failure>& failure) {
-    std::unique_ptr<FileGroup> group(new FileGroup(folder, path));
+std::unique_ptr<FileGroup> FileGroup::open(int folder, const std::string& path, std::function<void()> onProgress,
+                                           std::optional<Failure>& failure) {
+    std::unique_ptr<FileGroup> group(new FileGroup(folder, path, std::move(onProgress)));
     failure = group->make();
     return failure ? nullptr : std::move(group);
 }
@@ -115,13 +117,14 @@ FileGroup::~FileGroup() {
     bool restored = true;
     for (const auto& [name, identity] : files_) {
         restored = takeBack(folder_, new_.get(), old_.get(), name, identity) && restored;
+        onProgress_();
     }
     if (!restored) {
         note_.leave();
         return;
     }
     if (hidden_) {
-        empty(hidden_.get(), [] {});
+        empty(hidden_.get(), onProgress_);
     }
     ::unlinkat(folder_, hiddenName_.c_str(), AT_REMOVEDIR);
 }
@@ -164,8 +167,9 @@ std::optional<Failure> FileGroup::flushContents(const std::string& name) {
     return errorNumber == 0 ? std::nullopt : std::optional(unwritable(name, errorNumber));
 }
 
-std::optional<Failure> FileGroup::flush() {
-    return ::syncfs(hidden_.get()) == 0 ? std::nullopt : std::optional(unwritable({}, errno));
+std::optional<Failure> FileGroup::flush(const std::function<bool()>& onProgress) {
+    const int errorNumber = flushFileSystem(hidden_.get(), onProgress);
+    return errorNumber == 0 ? std::nullopt : std::optional(unwritable({}, errorNumber));
 }
 
 std::optional<Failure> FileGroup::place(const std::string& name) {
@@ -212,13 +216,16 @@ bool FileGroup::exchange(const std::string& name) const {
     return ::renameat(folder_, each, old_.get(), each) == 0 && ::renameat(new_.get(), each, folder_, each) == 0;
 }
 
-std::optional<Failure> FileGroup::keep(const std::function<void()>& onProgress) {
-    flushFolder(folder_);
+void FileGroup::flushNames(const std::function<bool()>& onProgress) const {
+    (void)server::flushNames(folder_, onProgress);
+}
+
+std::optional<Failure> FileGroup::keep() {
     if (::renameat(hidden_.get(), kNew, hidden_.get(), kDone) != 0) {
         return unwritable({}, errno);
     }
     kept_ = true;
-    empty(hidden_.get(), onProgress);
+    empty(hidden_.get(), onProgress_);
     ::unlinkat(folder_, hiddenName_.c_str(), AT_REMOVEDIR);
     flushFolder(folder_);
     return std::nullopt;

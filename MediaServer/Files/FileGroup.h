@@ -28,9 +28,10 @@ namespace krv::server {
 class FileGroup {
 public:
     /// Creates the hidden folder. folder: borrowed until this object is destroyed. path: what messages call the folder.
-    /// Returns null and sets failure on failure.
-    [[nodiscard]] static std::unique_ptr<FileGroup> open(int folder, const std::string& path,
-                                                         std::optional<Failure>& failure);
+    /// onProgress is called for each file that is taken back or whose hidden name is removed. Returns null and sets
+    /// failure on failure.
+    [[nodiscard]] static std::unique_ptr<FileGroup>
+    open(int folder, const std::string& path, std::function<void()> onProgress, std::optional<Failure>& failure);
     /// Takes back everything unless keep() was called, and removes the hidden folder. If an old file cannot be put
     /// back, it stays in the hidden folder and the next start tries again.
     ~FileGroup();
@@ -42,13 +43,14 @@ public:
     [[nodiscard]] Descriptor create(const std::string& name, std::optional<Failure>& failure);
     /// Writes one file's contents to the disk. flush() is needed as well. Returns the failure, if any.
     [[nodiscard]] std::optional<Failure> flushContents(const std::string& name);
-    /// Flushes everything on the file system to the disk: for many files, this is much faster than to flush each, but
-    /// it shows no life. Returns the failure, if any.
-    [[nodiscard]] std::optional<Failure> flush();
+    /// Flushes all files to the disk; see flushFileSystem(). Returns the failure, if any.
+    [[nodiscard]] std::optional<Failure> flush(const std::function<bool()>& onProgress);
+    /// Flushes the names of the files in place to the disk, as far as the file system can.
+    void flushNames(const std::function<bool()>& onProgress) const;
     /// Puts a file under its name. Returns the failure, if any.
     [[nodiscard]] std::optional<Failure> place(const std::string& name);
-    /// Makes the files permanent. onProgress is called for each file while the hidden folder is removed.
-    [[nodiscard]] std::optional<Failure> keep(const std::function<void()>& onProgress);
+    /// Makes the files permanent. Returns the failure, if any.
+    [[nodiscard]] std::optional<Failure> keep();
 
     /// Takes back the files of a server that was killed while it put them in place, and removes its hidden folder.
     /// Returns whether nothing is left.
@@ -58,7 +60,7 @@ private:
     /// Which file it is, whatever its name: device and number.
     using Identity = std::pair<dev_t, ino_t>;
 
-    FileGroup(int folder, std::string path);
+    FileGroup(int folder, std::string path, std::function<void()> onProgress);
     [[nodiscard]] std::optional<Failure> make();
     [[nodiscard]] std::string pathOf(const std::string& name) const;
     [[nodiscard]] Failure unwritable(const std::string& name, int errorNumber) const;
@@ -70,6 +72,7 @@ private:
 
     const int folder_;
     const std::string path_;
+    const std::function<void()> onProgress_;
     std::string hiddenName_;
     UnfinishedNote note_;
     Descriptor hidden_;

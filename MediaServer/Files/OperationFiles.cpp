@@ -139,18 +139,20 @@ std::optional<Failure> OperationFiles::flush(const std::function<bool()>& onProg
     return Failure{.cause = FailureCause::UnwritableDestination, .errorNumber = errorNumber, .path = destination_};
 }
 
-bool OperationFiles::commit(KRVOperationBase& record, const std::function<bool()>& onProgress,
-                            std::optional<Failure>& failure) {
+bool OperationFiles::commit(KRVOperationBase& record, const Placing& placing, std::optional<Failure>& failure) {
     if (folder_) {
-        return folder_->commit(record, onProgress, failure);
+        return folder_->commit(record, placing, failure);
     }
-    if (!onProgress()) {
+    if (!placing.onProgress()) {
         return false;
     }
+    if (file_ && (failure = file_->place())) {
+        return false;
+    }
+    if (!placing.decide()) {
+        return false;  // the destructor takes it back
+    }
     if (file_) {
-        if ((failure = file_->place()) || !onProgress()) {
-            return false;  // the destructor takes it back
-        }
         file_->keep();
     }
     return true;

@@ -11,6 +11,7 @@
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 
 #include <MediaServer/Files/AtomicOutput.h>
+#include <MediaServer/Files/Placing.h>
 #include <MediaServer/Files/ThumbnailFolder.h>
 #include <MediaServer/Protocol/Descriptor.h>
 
@@ -41,11 +42,9 @@ public:
     /// any.
     [[nodiscard]] std::optional<Failure> flush(const std::function<bool()>& onProgress);
 
-    /// Puts all outputs under their names, or none, and completes the worker's record. onProgress is called on this
-    /// thread while it takes long, and returns whether to continue. Returns whether the outputs are in place. If not,
-    /// failure is set unless onProgress ended the work.
-    [[nodiscard]] bool commit(KRVOperationBase& record, const std::function<bool()>& onProgress,
-                              std::optional<Failure>& failure);
+    /// Puts all outputs under their names, or none, and completes the worker's record. Returns whether the outputs are
+    /// in place. If not, failure is set unless `placing` ended the work.
+    [[nodiscard]] bool commit(KRVOperationBase& record, const Placing& placing, std::optional<Failure>& failure);
 
     /// Removes what an earlier server that was killed left unfinished, and puts back what it had replaced.
     static void sweep();

@@ -86,15 +86,15 @@ std::optional<Failure> ThumbnailFolder::copyPicture(FileGroup& files, const std:
     return failure;
 }
 
-bool ThumbnailFolder::commit(KRVOperationBase& record, const std::function<bool()>& onProgress,
-                             std::optional<Failure>& failure) {
+bool ThumbnailFolder::commit(KRVOperationBase& record, const Placing& placing, std::optional<Failure>& failure) {
     const auto result = record.result();
     const auto list = result ? (*result)[kResultThumbnails].array() : nullptr;
     if (!list || list->empty()) {
         failure = inconsistentReport();
         return false;
     }
-    const auto files = FileGroup::open(folder_.get(), asGiven_, failure);
+    const auto files = FileGroup::open(
+        folder_.get(), asGiven_, [&] { (void)placing.onProgress(); }, failure);
     if (!files) {
         return false;
     }
@@ -105,7 +105,7 @@ bool ThumbnailFolder::commit(KRVOperationBase& record, const std::function<bool(
         const std::string name = fmt::format("thumbnail-{:04}.jpg", names.size() + 1);
         failure = picture ? copyPicture(*files, name, *picture) : inconsistentReport();
         names.push_back(name);
-        if (failure || !onProgress()) {
+        if (failure || !placing.onProgress()) {
             return false;
         }
         told.push_back(std::make_shared<Dictionary>(
@@ -113,19 +113,20 @@ bool ThumbnailFolder::commit(KRVOperationBase& record, const std::function<bool(
                        {kResultThumbnailTime, (*picture)[kResultThumbnailTime].doubleValue()}}));
     }
     for (const std::string& name : names) {
-        if ((failure = files->flushContents(name)) || !onProgress()) {
+        if ((failure = files->flushContents(name)) || !placing.onProgress()) {
             return false;
         }
     }
-    if ((failure = files->flush())) {
+    if ((failure = files->flush(placing.onProgress)) || !placing.onProgress()) {
         return false;
     }
     for (const std::string& name : names) {
-        if ((failure = files->place(name)) || !onProgress()) {
+        if ((failure = files->place(name)) || !placing.onProgress()) {
             return false;
         }
     }
-    if ((failure = files->keep([&] { (void)onProgress(); }))) {
+    files->flushNames(placing.onProgress);
+    if (!placing.decide() || (failure = files->keep())) {
         return false;
     }
     made_ = false;

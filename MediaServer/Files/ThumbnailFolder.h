@@ -9,6 +9,7 @@
 
 #include <MediaServer/Files/AtomicOutput.h>
 #include <MediaServer/Files/FileGroup.h>
+#include <MediaServer/Files/Placing.h>
 
 namespace krv::server {
 
@@ -32,10 +33,9 @@ public:
     /// Makes the files. record: the worker's; its `result` has under "thumbnails" an array of dictionaries with "time",
     /// "offset" and "length", which this function replaces by dictionaries with "path" and "time".
     ///
-    /// onProgress is called on this thread at least once per file and returns whether to continue. Returns true when
-    /// all files are in place. Otherwise none has appeared, and failure is set unless onProgress ended the work.
-    [[nodiscard]] bool commit(KRVOperationBase& record, const std::function<bool()>& onProgress,
-                              std::optional<Failure>& failure);
+    /// See Placing. Returns true when all files are in place. Otherwise none has appeared, and failure is set unless
+    /// `placing` ended the work.
+    [[nodiscard]] bool commit(KRVOperationBase& record, const Placing& placing, std::optional<Failure>& failure);
 
 private:
     explicit ThumbnailFolder(std::string folder);

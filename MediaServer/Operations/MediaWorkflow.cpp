@@ -16,8 +16,8 @@ using End = BlockingCalls::End;
 
 /// For opening or closing one file.
 constexpr auto kPatience = 20s;
-/// For the step at which flushing can end. A slow disk takes about a second for it.
-constexpr auto kPatienceAfterCancellation = 5s;
+/// For a cancelled operation to remove what it has written. It goes on after that, but its client has waited enough.
+constexpr auto kPatienceAfterCancellation = 250ms;
 
 /// What the executor thread and the thread that opens the files share.
 struct Opening {
@@ -55,9 +55,9 @@ std::optional<Failure> failureOf(End end, const Opening& opening) {
 }
 
 /// Flushes the outputs and puts them in place.
-void finish(Finishing& finishing, const std::function<bool()>& onProgress) {
-    finishing.failure = finishing.files->flush(onProgress);
-    finishing.done = !finishing.failure && finishing.files->commit(*finishing.record, onProgress, finishing.failure);
+void finish(Finishing& finishing, const Placing& placing) {
+    finishing.failure = finishing.files->flush(placing.onProgress);
+    finishing.done = !finishing.failure && finishing.files->commit(*finishing.record, placing, finishing.failure);
 }
 
 /// Closes the files and removes what has been written, unless it is in place.
@@ -126,22 +126,23 @@ Outcome MediaWorkflow::perform(const KRVOperationBase::Ref& request, const Cance
     const auto finishing = std::make_shared<Finishing>(Finishing{std::move(files), outcome.record, {}, false});
     const End finished = blockingCalls.run(
         [finishing](const BlockingCalls::Report& report) {
-            report.uses(finishing->files->outputDrive());
-            finish(*finishing, report);
+            finish(*finishing, {report, [&report] { return report.decide(); }});
             close(finishing->files, report);
         },
-        {.cancellation = cancellation.descriptor(), .afterCancellation = kPatienceAfterCancellation, .onReport = [&] {
-             onProgress(1.0);
-         }});
+        {.cancellation = cancellation.descriptor(),
+         .afterCancellation = kPatienceAfterCancellation,
+         .cleansUp = true,
+         .onReport = [&] { onProgress(1.0); }});
     if (finished == End::Cancelled) {
         return cancelled;
     }
     if (finished != End::Returned) {
         // The work is worth more than the risk that this thread has to wait for the drive.
-        finish(*finishing, [&] {
+        const auto wanted = [&] {
             onProgress(1.0);
             return !cancellation.requested();
-        });
+        };
+        finish(*finishing, {wanted, wanted});
         finishing->files.reset();
     }
     if (finishing->failure) {

@@ -1,4 +1,5 @@
 // Calls that block, and their threads.
+#include <atomic>
 #include <csignal>
 #include <fstream>
 #include <future>
@@ -100,6 +101,71 @@ TEST_F(Blocking, ACancelledCallMayEndByItself) {
                   {.cancellation = cancelled.get(), .afterCancellation = 1h}),
               End::Returned);
     EXPECT_EQ(calls.abandoned(), 0U);
+}
+
+TEST_F(Blocking, ACancelledCallCannotDecideAnyMore) {
+    bool decided = true;
+    EXPECT_EQ(calls.run(
+                  [&](const BlockingCalls::Report& report) {
+                      while (report()) {
+                          std::this_thread::yield();
+                      }
+                      decided = report.decide();
+                  },
+                  {.cancellation = cancelled.get(), .afterCancellation = 1h}),
+              End::Returned);
+    EXPECT_FALSE(decided);
+}
+
+TEST_F(Blocking, ACancellationAfterTheDecisionComesTooLate) {
+    const auto cancel = [this] {
+        const std::uint64_t one = 1;
+        EXPECT_EQ(::write(cancellation.get(), &one, sizeof one), static_cast<ssize_t>(sizeof one));
+    };
+    // The caller has seen the cancellation once it calls onReport after it.
+    std::promise<void> seen;
+    int reports = 0;
+    EXPECT_EQ(calls.run(
+                  [&](const BlockingCalls::Report& report) {
+                      EXPECT_TRUE(report.decide());
+                      cancel();
+                      EXPECT_TRUE(report());
+                      seen.get_future().wait();
+                      EXPECT_TRUE(report());
+                  },
+                  {.cancellation = cancellation.get(),
+                   .onReport =
+                       [&] {
+                           if (++reports == 1) {
+                               seen.set_value();
+                           }
+                       }}),
+              End::Returned);
+}
+
+TEST_F(Blocking, AnAbandonedCallThatCleansUpIsWaitedForAtTheEnd) {
+    const auto cleaned = std::make_shared<std::atomic<bool>>(false);
+    EXPECT_EQ(calls.run(
+                  [cleaned](const BlockingCalls::Report& report) {
+                      while (report()) {
+                          std::this_thread::yield();
+                      }
+                      for (int i = 0; i < 100; ++i) {
+                          (void)report();
+                          std::this_thread::sleep_for(1ms);
+                      }
+                      *cleaned = true;
+                  },
+                  {.cancellation = cancelled.get(), .cleansUp = true}),
+              End::Cancelled);
+    calls.waitForCleanUp();
+    EXPECT_TRUE(*cleaned);
+}
+
+TEST_F(Blocking, AnAbandonedCallThatCannotCleanUpIsNotWaitedForInVain) {
+    EXPECT_EQ(calls.run(drive.access(), {.cancellation = cancelled.get(), .cleansUp = true}), End::Cancelled);
+    calls.waitForCleanUp();
+    EXPECT_EQ(calls.abandoned(), 1U);
 }
 
 TEST_F(Blocking, ReportsReachTheCallersThreadAndKeepTheCallAlive) {

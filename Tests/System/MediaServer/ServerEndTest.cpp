@@ -1,6 +1,7 @@
 // When the real server exits, and what happens to its work.
 #include <csignal>
 #include <functional>
+#include <iostream>
 #include <utility>
 
 #include "ServerFixture.h"
@@ -136,6 +137,23 @@ TEST_F(Ending, AnUpgradedServerMakesRoomForTheNewOne) {
     EXPECT_EQ(process->wait(), 0);
     start();
     EXPECT_EQ(convert(movie(), out()), nullptr);
+}
+
+TEST_F(Ending, LeavesNoThumbnailsThatWereCancelledOnABusyDisk) {
+    const fs::path flushing = folder.path() / "flushing";
+    fs::create_directory(out("pictures"));
+    start({}, {"env", "LD_PRELOAD=" KRV_BUSY_DISK, "KRV_BUSY_DISK=" + flushing.string()});
+    const auto id = ask(R::createThumbnailsForVideo(movie(), out("pictures"), {64, 64}))->uniqueID();
+    waitUntil([&] { return fs::exists(flushing); });
+    (void)ask(R::cancelOperation(id));
+    const auto since = std::chrono::steady_clock::now();
+    waitUntil([&] { return ask(R::progressAndCompletionOperation(id))->cancelled(); });
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - since;
+    std::cout << "[ measured ] cancelled after " << took.count() << " s\n";
+    process->signal(SIGTERM);
+    EXPECT_EQ(process->wait(), 0);
+    EXPECT_TRUE(fs::is_empty(out("pictures")));
+    EXPECT_TRUE(fs::is_empty(folder.path() / "state/KRVQuicktimeProcess/unfinished"));
 }
 
 TEST_F(Ending, AVeryLongIdleTimeoutDoesNotOverflow) {
