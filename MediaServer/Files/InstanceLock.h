@@ -8,7 +8,8 @@
 namespace krv::server {
 
 /// The lock that admits one server per user, major version and pid namespace. The kernel releases it when the last
-/// thread of the process has ended; see release().
+/// thread of the process has ended. If that takes long because a thread of a killed server is blocked on a drive, the
+/// next server takes the lock from it; InstanceLock.cpp says how.
 ///
 /// It is two locks, on a file in the runtime folder and on one in the state folder. When the user logs out, the runtime
 /// folder is removed, although a server that still has work goes on. The next log-in makes a new one, and without the
@@ -21,7 +22,7 @@ class InstanceLock {
 public:
     enum class Result { Held, TakenByAnother, Failed };
 
-    /// Tries to take the lock, without waiting. An empty runtimeFolder is Failed. stateFolder may be empty.
+    /// Tries to take the lock. Waits for other servers that try at this moment only, for some seconds at most. An empty runtimeFolder is Failed. stateFolder may be empty.
     [[nodiscard]] Result acquire(const std::filesystem::path& runtimeFolder, const std::filesystem::path& stateFolder);
 
     /// Gives the lock up. The kernel does so only when all threads of the process have ended, and one that is blocked

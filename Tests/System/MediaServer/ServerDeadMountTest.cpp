@@ -68,6 +68,18 @@ TEST_F(DeadDrive, ThatHasTakenARequestDoesNotKeepTheNextServerFromStarting) {
     EXPECT_EQ(first->wait(), 0);
 }
 
+TEST_F(DeadDrive, ThatBlocksAKilledServerDoesNotKeepTheNextOneFromStarting) {
+    begin(R::provideMetadataFor(mount.file("movie.mov")));
+    mount.takeRequest();
+    process->signal(SIGKILL);
+    waitUntil([this] { return processStatus("State:").find('Z') != std::string::npos; });
+    const auto first = std::move(process);
+    start();
+    describe(movie());
+    mount.respond();
+    (void)first->wait();
+}
+
 TEST_F(DeadDrive, DelaysNoOtherFile) {
     const auto description = begin(R::provideMetadataFor(mount.file("movie.mov")));
     const auto conversion = begin(R::encodeVideoOperation(mount.file("movie.mov"), out("never.mp4")));
