@@ -134,13 +134,13 @@ struct BlockingCalls::Running {
     /// Readable after a report and at the end of the call.
     Descriptor event;
     std::shared_ptr<Abandoned> abandoned;
-    bool cleansUp = false;
     /// What the call threw. Valid when it has returned.
     std::exception_ptr thrown;
     mutable Mutex mutex;
     State state KRV_GUARDED_BY(mutex) = State::Running;
     bool wanted KRV_GUARDED_BY(mutex) = true;
     bool decided KRV_GUARDED_BY(mutex) = false;
+    bool cleansUp KRV_GUARDED_BY(mutex) = false;
     /// The drive that the call accesses.
     dev_t drive KRV_GUARDED_BY(mutex) = MountTable::kUnknownDrive;
 
@@ -161,10 +161,25 @@ struct BlockingCalls::Running {
             tell();
         } else {
             abandoned->remove(drive);
-            if (cleansUp) {
-                abandoned->removeCleaner();
-            }
+            endCleanUp();
         }
+    }
+    void setCleansUp(bool does) {
+        const LockGuard lock(mutex);
+        cleansUp = does;
+    }
+    /// To be called if the call has been abandoned.
+    void endCleanUp() KRV_REQUIRES(mutex) {
+        if (std::exchange(cleansUp, false)) {
+            abandoned->removeCleaner();
+        }
+    }
+    void cleanedUp() {
+        const LockGuard lock(mutex);
+        if (state == State::Abandoned) {
+            endCleanUp();
+        }
+        cleansUp = false;
     }
     /// Returns whether somebody still waits for the call.
     bool report() const {
@@ -218,6 +233,10 @@ bool BlockingCalls::Report::operator()() const {
     return running_->report();
 }
 
+void BlockingCalls::Report::cleanedUp() const {
+    running_->cleanedUp();
+}
+
 bool BlockingCalls::Report::decide() const {
     return running_->decide();
 }
@@ -267,7 +286,7 @@ BlockingCalls::End BlockingCalls::run(Call call, const Waiting& waiting) {
     const auto running = std::make_shared<Running>();
     running->call = std::move(call);
     running->abandoned = abandoned_;
-    running->cleansUp = waiting.cleansUp;
+    running->setCleansUp(waiting.cleansUp);
     if (abandoned_->count() >= mostAbandoned_) {
         return End::Refused;
     }

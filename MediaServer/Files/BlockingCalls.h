@@ -30,6 +30,8 @@ public:
         /// Makes the result final. Returns false if nobody waits any more. If it returns true, a cancellation comes too
         /// late: the caller waits until the call returns, though not for ever.
         [[nodiscard]] bool decide() const;
+        /// Says that the call has removed everything that it had to; see Waiting::cleansUp.
+        void cleanedUp() const;
         /// Says which drive the call accesses from now on; see MountTable. Returns false if it should not, because too
         /// many abandoned threads are blocked on that drive.
         [[nodiscard]] bool mayUse(dev_t drive) const;
@@ -61,7 +63,7 @@ public:
         std::chrono::milliseconds limit{0};
         /// How long to wait for the call once it has been cancelled.
         std::chrono::milliseconds afterCancellation{0};
-        /// Whether the call removes what it has made when it is cancelled; see waitForCleanUp().
+        /// Whether the call may have something to remove even if it has been abandoned; see waitForCleanUp().
         bool cleansUp = false;
         /// Called on the caller's thread after reports. May be empty.
         std::function<void()> onReport{};

@@ -122,6 +122,11 @@ std::vector<int> OperationFiles::descriptors() const {
     return all;
 }
 
+void OperationFiles::closeOutput() {
+    file_.reset();
+    folder_.reset();
+}
+
 void OperationFiles::closeSources(const std::function<void(dev_t drive)>& onDrive) {
     for (Source& source : sources_) {
         onDrive(source.drive);

@@ -35,6 +35,8 @@ public:
 
     /// Returns the drive of the output.
     [[nodiscard]] dev_t outputDrive() const noexcept { return outputDrive_; }
+    /// Closes the output, and removes it unless it has been put in place.
+    void closeOutput();
     /// Closes the sources. Calls onDrive with the drive of each one before.
     void closeSources(const std::function<void(dev_t drive)>& onDrive);
 

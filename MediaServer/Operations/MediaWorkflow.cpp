@@ -14,8 +14,10 @@ namespace {
 using namespace std::chrono_literals;
 using End = BlockingCalls::End;
 
-/// For opening or closing one file.
+/// For opening one file.
 constexpr auto kPatience = 20s;
+/// For closing all files. Nobody needs to wait for that, except that a moment later everything is tidy.
+constexpr auto kPatienceForClosing = 1s;
 /// For a cancelled operation to remove what it has written. It goes on after that, but its client has waited enough.
 constexpr auto kPatienceAfterCancellation = 250ms;
 
@@ -60,21 +62,22 @@ void finish(Finishing& finishing, const Placing& placing) {
     finishing.done = !finishing.failure && finishing.files->commit(*finishing.record, placing, finishing.failure);
 }
 
-/// Closes the files and removes what has been written, unless it is in place.
+/// Removes what has been written, unless it is in place, and closes the files.
 void close(std::unique_ptr<OperationFiles>& files, const BlockingCalls::Report& report) {
     if (files) {
-        const dev_t outputDrive = files->outputDrive();
+        report.uses(files->outputDrive());
+        files->closeOutput();
+        report.cleanedUp();
         files->closeSources([&](dev_t drive) { report.uses(drive); });
-        report.uses(outputDrive);
         files.reset();
     }
 }
 
-/// The same on a thread of its own, because it may block as well.
+/// The same on a thread of its own, because it may block on a drive that has stopped responding since.
 void discard(BlockingCalls& calls, std::unique_ptr<OperationFiles> files, const std::function<void()>& onDelay) {
     const auto finishing = std::make_shared<Finishing>(Finishing{std::move(files), nullptr, {}, false});
     (void)calls.run([finishing](const BlockingCalls::Report& report) { close(finishing->files, report); },
-                    {.limit = kPatience, .onDelay = onDelay});
+                    {.limit = kPatienceForClosing, .cleansUp = true, .onDelay = onDelay});
 }
 
 }  // namespace
@@ -127,7 +130,9 @@ Outcome MediaWorkflow::perform(const KRVOperationBase::Ref& request, const Cance
     const End finished = blockingCalls.run(
         [finishing](const BlockingCalls::Report& report) {
             finish(*finishing, {report, [&report] { return report.decide(); }});
-            close(finishing->files, report);
+            if (!report()) {
+                close(finishing->files, report);
+            }
         },
         {.cancellation = cancellation.descriptor(),
          .afterCancellation = kPatienceAfterCancellation,
@@ -143,8 +148,8 @@ Outcome MediaWorkflow::perform(const KRVOperationBase::Ref& request, const Cance
             return !cancellation.requested();
         };
         finish(*finishing, {wanted, wanted});
-        finishing->files.reset();
     }
+    discard(blockingCalls, std::move(finishing->files), onDelay);
     if (finishing->failure) {
         return failed(*finishing->failure);
     }

@@ -162,6 +162,21 @@ TEST_F(Blocking, AnAbandonedCallThatCleansUpIsWaitedForAtTheEnd) {
     EXPECT_TRUE(*cleaned);
 }
 
+TEST_F(Blocking, AnAbandonedCallThatHasCleanedUpIsNotWaitedFor) {
+    const auto cleaned = std::make_shared<std::promise<void>>();
+    EXPECT_EQ(calls.run(
+                  [access = drive.access(), cleaned](const BlockingCalls::Report& report) {
+                      report.cleanedUp();
+                      cleaned->set_value();
+                      access(report);
+                  },
+                  {.limit = 1ms, .cleansUp = true}),
+              End::TimedOut);
+    cleaned->get_future().wait();
+    calls.waitForCleanUp();
+    EXPECT_EQ(calls.abandoned(), 1U);
+}
+
 TEST_F(Blocking, AnAbandonedCallThatCannotCleanUpIsNotWaitedForInVain) {
     EXPECT_EQ(calls.run(drive.access(), {.cancellation = cancelled.get(), .cleansUp = true}), End::Cancelled);
     calls.waitForCleanUp();
