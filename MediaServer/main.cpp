@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <fmt/format.h>
+#include <malloc.h>
 
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 #include <KRVQTProcessClient/Platform/RuntimeFolder.h>
@@ -60,6 +61,13 @@ void allowManyDescriptors() {
     }
 }
 
+/// Returns the memory of large blocks to the system as soon as they are freed. Otherwise the C library keeps more and
+/// more of it, up to 32 MiB a block, in case as much is needed again.
+void returnLargeBlocks() {
+    constexpr int kLarge = 1 << 18;
+    ::mallopt(M_MMAP_THRESHOLD, kLarge);
+}
+
 /// Returns a time that can be added to any other.
 std::chrono::seconds idleTimeout(const UserDefaults& defaults) {
     constexpr std::int64_t kLongest = std::int64_t{1} << 31;
@@ -86,6 +94,7 @@ std::uint64_t workerMemory(const UserDefaults& defaults) {
 int main() {
     const int signals = openTerminationSignals();
     allowManyDescriptors();
+    returnLargeBlocks();
     UserDefaults& defaults = UserDefaults::standard();
     if (const auto domain = defaults.stringForKey(kLoggingDomainKey)) {
         defaults.setDomain(*domain);

@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include <fmt/format.h>
+#include <malloc.h>
 #include <microhttpd.h>
 
 #include <KRVQTProcessClient/Foundation/MediaServerName.h>
@@ -79,6 +80,8 @@ struct Exchange {
     bool dispatched = false;
     /// How much of the body has been counted among all bodies.
     std::size_t bodySize = 0;
+    /// How long the body is to be, according to the headers.
+    std::size_t announcedSize = 0;
     Refusal refusal;
     bool isStatus = false;
 };
@@ -370,6 +373,7 @@ struct HTTPFront::Internals {
         *context = new ExchangeRef(std::make_shared<Exchange>());
         (*static_cast<ExchangeRef*>(*context))->isStatus = verdict.action == Verdict::Action::Status;
         (*static_cast<ExchangeRef*>(*context))->sender.pidNamespace = head.pidNamespace;
+        (*static_cast<ExchangeRef*>(*context))->announcedSize = head.contentLength.value_or(0);
         const LockGuard lock(mutex);
         ++openExchanges;
         return MHD_YES;
@@ -384,6 +388,8 @@ struct HTTPFront::Internals {
             forgetBody(exchange);  // frees what has arrived; the rest is discarded
         }
         if (exchange.refusal.status == 0) {
+            // At once, so that it never has to be copied. What has not arrived takes no memory.
+            exchange.body.reserve(std::min(exchange.announcedSize, kLargestRequest));
             const auto* p = reinterpret_cast<const std::byte*>(upload);
             exchange.body.insert(exchange.body.end(), p, p + *uploadSize);
             exchange.bodySize += *uploadSize;
@@ -472,11 +478,18 @@ struct HTTPFront::Internals {
                 largeRecordArrived.wait(mutex);
                 continue;
             }
-            const auto [exchange, connection] = std::move(largeRecords.front());
+            auto [exchange, connection] = std::move(largeRecords.front());
             largeRecords.pop_front();
             mutex.unlock();
             dispatch(connection, exchange);
+            exchange.reset();
             mutex.lock();
+            if (largeRecords.empty()) {
+                mutex.unlock();
+                // The many small values of large records have left memory that the C library would keep.
+                ::malloc_trim(0);
+                mutex.lock();
+            }
         }
         mutex.unlock();
     }

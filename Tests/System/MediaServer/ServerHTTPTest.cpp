@@ -227,6 +227,33 @@ private:
     bool connected_ = false;
 };
 
+TEST_F(Server, ReturnsTheMemoryOfLargeRecords) {
+    start();
+    Array texts;
+    for (int i = 0; i < 150'000; ++i) {
+        texts.push_back(fmt::format("{:06} {:a<64}", i, ""));
+    }
+    const auto manyTexts = R::numberOfOperationsOperation();
+    manyTexts->arguments()->set("unknown", std::move(texts));
+    const auto longText = R::numberOfOperationsOperation();
+    longText->arguments()->set("unknown", std::string(16'000'000, 'x'));
+    const long before = residentKilobytes();
+    std::vector<std::thread> clients;
+    for (const auto& record : {manyTexts, longText, manyTexts, longText}) {
+        clients.emplace_back([this, body = record->convertToData()] {
+            for (int i = 0; i < 4; ++i) {
+                const auto response = HTTPClient::shared().send(
+                    {.url = fmt::format("http://localhost:{}", port), .body = body, .timeout = 60s});
+                EXPECT_EQ(response.status, 200);
+            }
+        });
+    }
+    for (std::thread& each : clients) {
+        each.join();
+    }
+    waitUntil([&] { return residentKilobytes() - before < 32'768; });
+}
+
 TEST_F(Server, DropsSlowSendersAndKeepsIdleOnes) {
     start();
     const SlowSender slowHead(port, "POST / HT", 'T');
