@@ -50,7 +50,8 @@ struct ServiceRecord {
 /// or is killed.
 class KRV_EXPORT ServiceRecordFile {
 public:
-    /// Writes the file. It appears in the folder complete and locked, in place of that of an earlier server.
+    /// Writes the file. It appears in the folder complete and locked, in place of that of an earlier server. Anything
+    /// else in its place makes room: a folder with contents stays beside it under another name.
     ServiceRecordFile(const std::string& folder, const ServiceRecord& record);
     /// Removes the file, unless a later server has replaced it.
     ~ServiceRecordFile();

@@ -118,9 +118,28 @@ TEST_F(ServiceRecordInFolder, IsNotReadThroughALinkNorFromAFifoOrAFolder) {
     fs::remove(path());
     fs::create_directory(path());
     EXPECT_FALSE(readServiceRecord(folder()));
-    const ServiceRecordFile file(folder(), kRecord);
-    EXPECT_FALSE(file.isInPlace());
-    EXPECT_EQ(files(), 2U);
+}
+
+TEST_F(ServiceRecordInFolder, ReplacesWhateverStandsInItsPlace) {
+    std::ofstream(folder() + "/elsewhere") << "elsewhere";
+    const auto replaces = [this] {
+        const ServiceRecordFile file(folder(), kRecord);
+        return file.isInPlace() && readServiceRecord(folder()) == kRecord;
+    };
+    fs::create_symlink(folder() + "/elsewhere", path());
+    EXPECT_TRUE(replaces());
+    ASSERT_EQ(::mkfifo(path().c_str(), 0600), 0);
+    EXPECT_TRUE(replaces());
+    fs::create_directory(path());
+    EXPECT_TRUE(replaces());
+    EXPECT_EQ(files(), 1U);
+    // Nothing that somebody may need is lost.
+    for (const std::size_t folders : {1UL, 2UL}) {
+        fs::create_directory(path());
+        std::ofstream(path() / "inside") << "inside";
+        EXPECT_TRUE(replaces());
+        EXPECT_EQ(files(), 1 + folders);
+    }
 }
 
 TEST_F(ServiceRecordInFolder, OfThisProcessNamesIt) {

@@ -1,3 +1,5 @@
+#include <cerrno>
+#include <cstdio>
 #include <string>
 #include <utility>
 
@@ -17,6 +19,33 @@ namespace {
 
 std::string recordPath(const std::string& folder) {
     return folder + '/' + serviceRecordFileName();
+}
+
+/// Creates a file of its own beside the path, and sets its name.
+int createBeside(const std::string& path, pid_t pid, std::string& name) {
+    constexpr int kAttempts = 10;
+    int file = -1;
+    for (int attempt = 0; attempt < kAttempts && file < 0; ++attempt) {
+        name = attempt == 0 ? fmt::format("{}.{}", path, pid) : fmt::format("{}.{}.{}", path, pid, attempt);
+        ::unlink(name.c_str());  // of an earlier process with this id
+        file = ::open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
+        if (file < 0 && errno != EEXIST) {
+            break;
+        }
+    }
+    return file;
+}
+
+/// Puts a file in its place. A folder that is there is moved aside, and removed if it is empty.
+bool put(const std::string& file, const std::string& place) {
+    if (::rename(file.c_str(), place.c_str()) == 0) {
+        return true;
+    }
+    if (errno != EISDIR || ::renameat2(AT_FDCWD, file.c_str(), AT_FDCWD, place.c_str(), RENAME_EXCHANGE) != 0) {
+        return false;
+    }
+    ::rmdir(file.c_str());
+    return true;
 }
 
 }  // namespace
@@ -59,16 +88,15 @@ ServiceRecordFile::ServiceRecordFile(const std::string& folder, const ServiceRec
     if (folder.empty()) {
         return;
     }
-    const std::string unfinished = fmt::format("{}.{}", path_, record.pid);
+    std::string unfinished;
     const std::string text = textOf(record);
-    ::unlink(unfinished.c_str());
-    file_ = ::open(unfinished.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
+    file_ = createBeside(path_, record.pid, unfinished);
     if (file_ < 0) {
         return;
     }
     (void)::flock(file_, LOCK_EX | LOCK_NB);
     const bool written = ::write(file_, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    if (!written || ::rename(unfinished.c_str(), path_.c_str()) != 0) {
+    if (!written || !put(unfinished, path_)) {
         ::unlink(unfinished.c_str());
         ::close(std::exchange(file_, -1));
     }
