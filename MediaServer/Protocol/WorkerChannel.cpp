@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstddef>
+#include <cstdint>
 #include <span>
 
 #include <sys/socket.h>
@@ -18,6 +20,18 @@ constexpr std::size_t kMostFiles = 1024;
 /// How much memory is reserved for a message before more of it arrives.
 constexpr std::size_t kStep = std::size_t{1} << 20;
 
+/// The length of a record, before it: four bytes, little-endian.
+constexpr std::size_t kHeadSize = 4;
+
+/// Decodes the length. The missing bytes of an incomplete head count as 0.
+std::uint32_t lengthIn(std::span<const std::byte> head) {
+    std::uint32_t length = 0;
+    for (std::size_t i = 0; i < std::min(head.size(), kHeadSize); ++i) {
+        length |= std::to_integer<std::uint32_t>(head[i]) << (8 * i);
+    }
+    return length;
+}
+
 }  // namespace
 
 bool WorkerChannel::send(const KRVOperationBase& record, const std::vector<int>& files) {
@@ -26,11 +40,11 @@ bool WorkerChannel::send(const KRVOperationBase& record, const std::vector<int>&
         return false;
     }
     const auto size = static_cast<std::uint32_t>(body.size());
-    std::vector<std::byte> bytes(sizeof size + body.size());
-    for (std::size_t i = 0; i < sizeof size; ++i) {
+    std::vector<std::byte> bytes(kHeadSize + body.size());
+    for (std::size_t i = 0; i < kHeadSize; ++i) {
         bytes[i] = static_cast<std::byte>(size >> (8 * i));
     }
-    std::copy(body.begin(), body.end(), bytes.begin() + sizeof size);
+    std::copy(body.begin(), body.end(), bytes.begin() + kHeadSize);
 
     std::size_t filesSent = 0;
     for (std::size_t sent = 0; sent < bytes.size();) {
@@ -64,14 +78,11 @@ bool WorkerChannel::receiveBytes(void* bytes, std::size_t size, std::vector<Desc
 
 std::optional<WorkerChannel::Message> WorkerChannel::receive() {
     Message message;
-    std::array<unsigned char, 4> head{};
+    std::array<std::byte, kHeadSize> head{};
     if (!receiveBytes(head.data(), head.size(), message.files)) {
         return std::nullopt;
     }
-    std::uint32_t size = 0;
-    for (std::size_t i = 0; i < head.size(); ++i) {
-        size |= static_cast<std::uint32_t>(head[i]) << (8 * i);
-    }
+    const std::uint32_t size = lengthIn(head);
     if (size > kLongestMessage) {
         return std::nullopt;
     }
@@ -89,18 +100,15 @@ std::optional<WorkerChannel::Message> WorkerChannel::receive() {
 
 std::optional<WorkerChannel::Message> WorkerChannel::receiveAvailable(bool& ended) {
     for (;;) {
-        std::uint32_t size = 0;
-        for (std::size_t i = 0; i < std::min(partial_.size(), sizeof size); ++i) {
-            size |= static_cast<std::uint32_t>(partial_[i]) << (8 * i);
-        }
-        const bool sizeKnown = partial_.size() >= sizeof size;
-        const std::size_t wanted = sizeof size + (sizeKnown ? size : 0);
+        const std::uint32_t size = lengthIn(partial_);
+        const bool sizeKnown = partial_.size() >= kHeadSize;
+        const std::size_t wanted = kHeadSize + (sizeKnown ? size : 0);
         if (size > kLongestMessage) {
             ended = true;
             return std::nullopt;
         }
         if (sizeKnown && partial_.size() == wanted) {
-            auto message = messageOf({partial_.begin() + sizeof size, partial_.end()}, {});
+            auto message = messageOf({partial_.begin() + kHeadSize, partial_.end()}, {});
             partial_.clear();
             ended = !message;
             return message;
