@@ -274,8 +274,7 @@ bool BlockingCalls::start(const std::shared_ptr<Running>& running) {
         return false;
     }
     try {
-        const SignalsBlocked blocked;
-        std::thread([running] { running->perform(); }).detach();
+        threadWithoutSignals([running] { running->perform(); }).detach();
         return true;
     } catch (const std::system_error&) {
         return false;

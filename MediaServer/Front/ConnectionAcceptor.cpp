@@ -20,6 +20,7 @@
 #include <KRVQTProcessClient/Foundation/MediaServerName.h>
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 #include <KRVQTProcessClient/Platform/PeerUser.h>
+#include <KRVQTProcessClient/Platform/SignalsBlocked.h>
 
 #include <MediaServer/Front/ConnectionAcceptor.h>
 
@@ -64,7 +65,7 @@ struct ConnectionAcceptor::Internals {
         if (!stop) {
             throw std::system_error(errno, std::generic_category(), "eventfd");
         }
-        thread = std::thread([this] { run(); });
+        thread = threadWithoutSignals([this] { run(); });
     }
     ~Internals() {
         const std::uint64_t one = 1;

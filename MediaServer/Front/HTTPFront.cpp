@@ -24,6 +24,7 @@
 #include <KRVQTProcessClient/Foundation/MediaServerName.h>
 #include <KRVQTProcessClient/Platform/HTTPClient.h>
 #include <KRVQTProcessClient/Platform/ProcessTable.h>
+#include <KRVQTProcessClient/Platform/SignalsBlocked.h>
 
 #include <MediaServer/Front/ConnectionAcceptor.h>
 #include <MediaServer/Front/HTTPFront.h>
@@ -506,6 +507,7 @@ bool HTTPFront::start(ListeningSockets sockets) {
     Internals& self = *internals_;
     self.mostConnections = connectionLimit();
     const unsigned flags = MHD_USE_EPOLL_INTERNAL_THREAD | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_NO_LISTEN_SOCKET;
+    const SignalsBlocked blocked;  // also in the library's own thread
     self.daemon =
         MHD_start_daemon(flags, 0, nullptr, nullptr, &Internals::handle, &self, MHD_OPTION_CONNECTION_LIMIT,
                          static_cast<unsigned>(self.mostConnections + kMostClosing), MHD_OPTION_CONNECTION_TIMEOUT,
@@ -515,7 +517,7 @@ bool HTTPFront::start(ListeningSockets sockets) {
         return false;
     }
     try {
-        self.decoder = std::thread([&self] { self.decodeLargeRecords(); });
+        self.decoder = threadWithoutSignals([&self] { self.decodeLargeRecords(); });
         self.acceptor.emplace(std::move(sockets),
                               ConnectionAcceptor::Handlers{
                                   [&self](Descriptor connection) { self.admit(std::move(connection)); },

@@ -1,11 +1,13 @@
 #include <algorithm>
 
+#include <KRVQTProcessClient/Platform/SignalsBlocked.h>
+
 #include <MediaServer/Operations/HeldReplies.h>
 
 namespace krv::server {
 
 HeldReplies::HeldReplies()
-    : thread_([this] { loop(); }) {}
+    : thread_(threadWithoutSignals([this] { loop(); })) {}
 
 HeldReplies::~HeldReplies() {
     {

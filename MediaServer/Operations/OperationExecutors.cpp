@@ -3,6 +3,8 @@
 #include <system_error>
 #include <thread>
 
+#include <KRVQTProcessClient/Platform/SignalsBlocked.h>
+
 #include <MediaServer/Operations/OperationExecutors.h>
 #include <MediaServer/Protocol/FailureSentence.h>
 
@@ -35,7 +37,7 @@ void OperationExecutors::start(Duration duration) {
     }
     try {
         // Detached, because replaced threads come and end at any time. The destructor waits for all.
-        std::thread([this, duration] {
+        threadWithoutSignals([this, duration] {
             run(duration);
             const LockGuard lock(mutex_);
             --threads_;

@@ -7,6 +7,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <KRVQTProcessClient/Platform/SignalsBlocked.h>
+
 #include <MediaServer/Workers/KilledProcesses.h>
 #include <MediaServer/Workers/WorkerPool.h>
 
@@ -35,7 +37,7 @@ WorkerPool::WorkerPool(std::string executable, unsigned spares, std::uint64_t me
     : spares_(spares)
     , stop_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
     , template_(std::move(executable), memoryLimit)
-    , keeper_([this] { keep(); }) {}
+    , keeper_(threadWithoutSignals([this] { keep(); })) {}
 
 WorkerPool::~WorkerPool() {
     {

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <csignal>
+#include <thread>
+#include <utility>
 
 namespace krv {
 
@@ -19,5 +21,12 @@ public:
 private:
     sigset_t before_{};
 };
+
+/// Starts a thread that blocks all signals. Throws std::system_error if there is none.
+template <typename Function>
+[[nodiscard]] std::thread threadWithoutSignals(Function function) {
+    const SignalsBlocked blocked;
+    return std::thread(std::move(function));
+}
 
 }  // namespace krv

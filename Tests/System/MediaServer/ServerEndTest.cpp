@@ -176,6 +176,23 @@ TEST_F(Ending, ALivingClientKeepsAnIdleServerRunning) {
     EXPECT_EQ(process->wait(), 0);
 }
 
+TEST_F(Server, ReceivesSignalsOnItsMainThreadOnly) {
+    start();
+    EXPECT_EQ(convert(movie(), out()), nullptr);
+    // Of each thread but the main one.
+    for (const auto& task : fs::directory_iterator(fmt::format("/proc/{}/task", process->pid()))) {
+        std::ifstream in(task.path() / "status");
+        for (std::string line; std::getline(in, line) && task.path().filename() != std::to_string(process->pid());) {
+            if (line.starts_with("SigBlk:")) {
+                const auto mask = std::stoull(line.substr(line.find(':') + 1), nullptr, 16);
+                for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGCHLD, SIGUSR1, SIGALRM}) {
+                    EXPECT_NE(mask & (1ULL << (number - 1)), 0U) << task.path() << ": " << number;
+                }
+            }
+        }
+    }
+}
+
 TEST_F(Server, ExitsWhenNoClientNeedsIt) {
     start({"-idleTimeout", "1"});
     EXPECT_EQ(process->wait(), 0);
