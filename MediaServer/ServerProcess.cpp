@@ -40,6 +40,7 @@ std::uint64_t memoryOfEachWorker(const ServerProcess::Settings& settings) {
 ServerProcess::ServerProcess(Settings settings)
     : settings_(std::move(settings))
     , wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+    , removal_(settings_.program, kClientCheck)
     , workers_(settings_.workerExecutable, kSpareWorkers, memoryOfEachWorker(settings_))
     , ledger_([this] { held_.checkAgain(); })
     , executors_(ledger_, settings_.executors,
@@ -81,7 +82,7 @@ void ServerProcess::beginShutDown() {
 }
 
 void ServerProcess::shutDownIfRemoved() {
-    if (!shuttingDown_ && !settings_.program.isPresent()) {
+    if (!shuttingDown_ && removal_.removed()) {
         serverLog(kLogFlagWarning, "shutdown",
                   fmt::format("{} has been removed or replaced", settings_.program.path().string()));
         beginShutDown();

@@ -7,6 +7,7 @@
 
 #include <MediaServer/Files/BlockingCalls.h>
 #include <MediaServer/Files/InstalledProgram.h>
+#include <MediaServer/Files/RemovalWatch.h>
 #include <MediaServer/Front/HTTPFront.h>
 #include <MediaServer/Front/ServicePublisher.h>
 #include <MediaServer/Operations/ClientRegistry.h>
@@ -73,6 +74,7 @@ private:
     std::chrono::steady_clock::time_point lastNeeded_ = start_;
     std::chrono::steady_clock::time_point workEnded_{};
 
+    const RemovalWatch removal_;
     WorkerPool workers_;
     JobRunner runner_{workers_, settings_.workerStallLimit};
     ClientRegistry clients_;

@@ -161,6 +161,21 @@ TEST_F(DeadDrive, IsClosedWhenItRespondsAtLast) {
     EXPECT_EQ(process->wait(), 0);
 }
 
+TEST_F(DeadDrive, OfTheServerItselfDoesNotKeepItFromServingAndExiting) {
+    process->signal(SIGTERM);
+    EXPECT_EQ(process->wait(), 0);
+    const fs::path installed = folder.path() / "installed";
+    fs::copy(fs::path(KRV_SERVER).parent_path(), installed, fs::copy_options::recursive);
+    program = (installed / fs::path(KRV_SERVER).filename()).string();
+    start();
+    const test::DeadMount over(installed);
+    ASSERT_TRUE(over.isMounted());
+    waitUntil([this] { return waitingForTheDrive() == 1; });
+    describe(movie());
+    EXPECT_TRUE(client->queueShutdownOfCurrentServer());
+    EXPECT_EQ(process->wait(), 0);
+}
+
 TEST_F(DeadDrive, WithAnUnfinishedFileDoesNotKeepTheServerFromStarting) {
     process->signal(SIGTERM);
     EXPECT_EQ(process->wait(), 0);
