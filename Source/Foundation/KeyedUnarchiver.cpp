@@ -528,6 +528,7 @@ private:
             memory_.charge(kObjectMemory + elements.count * kElementMemory);
             for (std::uint64_t i = 0; i < elements.count; ++i) {
                 growFor(array, elements.count);
+                lookAhead(elements, i);
                 array.push_back(element(elements, i));
             }
             return Value(std::move(array));
@@ -577,6 +578,17 @@ private:
         return storedIndex(uid);
     }
 
+    /// Has the processor load what the elements after the i-th one refer to. Where they are scattered, waiting for
+    /// memory would take most of the time. Short lists need not be fast.
+    void lookAhead(const Node& elements, std::uint64_t i) const {
+        constexpr std::uint64_t kReference = 16;
+        constexpr std::uint64_t kObject = 8;
+        if (elements.count - i > kReference) {
+            reader_.prefetch(reader_.reference(elements, i + kReference));
+            reader_.prefetch(elementIndex(elements, i + kObject));
+        }
+    }
+
     /// Returns the value of the i-th element of a list. Decoding a number again is faster than keeping it.
     Value element(const Node& elements, std::uint64_t i) {
         const std::uint64_t index = elementIndex(elements, i);
@@ -595,6 +607,8 @@ private:
         bool sorted = true;
         std::vector<Dictionary::Entry> entries;
         for (std::uint64_t i = 0; i < keys.count; ++i) {
+            lookAhead(keys, i);
+            lookAhead(objects, i);
             Value::StringRef key = stored(elementIndex(keys, i)).string();
             if (!key) {
                 refuse("key is not a string");
