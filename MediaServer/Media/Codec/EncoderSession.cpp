@@ -133,6 +133,9 @@ CodecContextPtr openEncoder(const char* name, const EncoderSession::Request& req
     silence(*context, name);
     applyTableOptions(*context, row.options);
     applyTableOptions(*context, request.codec.options);
+    if (output.container().times == Times::Counted) {
+        context->max_b_frames = 0;
+    }
     prepare(*context);
     if (request.settings.bitRate) {
         applyBitRate(*context, row, request.codec, *request.settings.bitRate);

@@ -13,22 +13,33 @@ namespace {
 constexpr auto kH264 = fourCC("avc1");
 constexpr auto kAAC = fourCC("mp4a");
 constexpr auto kPCM = fourCC("lpcm");
+constexpr auto kMP3 = fourCC(".mp3");
+constexpr auto kMPEG4 = fourCC("mp4v");
+
+/// The receiver gets every packet this many microseconds before it is decoded, as broadcasters do it. Without that, a
+/// player with small buffers stutters.
+constexpr auto kBroadcast = "max_delay=700000";
+
+/// Otherwise the muxer would move all tracks if one began before 0, and leave out the first frames.
+constexpr auto kUnshifted = "avoid_negative_ts=disabled";
 
 // clang-format off
-constexpr std::array<Container, 11> kContainers{{
+constexpr std::array<Container, 13> kContainers{{
     // extension  muxer       video           audio           subtitles              cover                 front  matrix
-    // edits  single timed  options
-    {"mov",  "mov",      kH264,          kAAC,           AV_CODEC_ID_MOV_TEXT, CoverArt::None,       true,  true,  true,  false, true,  ""},
-    {"mp4",  "mp4",      kH264,          kAAC,           AV_CODEC_ID_MOV_TEXT, CoverArt::Stream,     true,  true,  true,  false, true,  ""},
-    {"m4v",  "mp4",      kH264,          kAAC,           AV_CODEC_ID_MOV_TEXT, CoverArt::Stream,     true,  true,  true,  false, true,  "brand=M4V "},
-    {"m4a",  "ipod",     0,              kAAC,           AV_CODEC_ID_NONE,     CoverArt::Stream,     true,  false, true, false, true,  ""},
-    {"mkv",  "matroska", kH264,          kAAC,           AV_CODEC_ID_ASS,      CoverArt::Attachment, false, false, false, false, true,  ""},
-    {"webm", "webm",     fourCC("vp09"), fourCC("Opus"), AV_CODEC_ID_WEBVTT,   CoverArt::None,       false, false, false, false, true,  ""},
-    {"mka",  "matroska", 0,              kAAC,           AV_CODEC_ID_NONE,     CoverArt::Attachment, false, false, false, false, true,  ""},
-    {"wav",  "wav",      0,              kPCM,           AV_CODEC_ID_NONE,     CoverArt::None,       false, false, false, true,  false, "rf64=auto"},
-    {"mp3",  "mp3",      0,              fourCC(".mp3"), AV_CODEC_ID_NONE,     CoverArt::Stream,     false, false, false, true,  false, ""},
-    {"flac", "flac",     0,              fourCC("fLaC"), AV_CODEC_ID_NONE,     CoverArt::Stream,     false, false, false, true,  false, ""},
-    {"ogg",  "ogg",      0,              fourCC("Opus"), AV_CODEC_ID_NONE,     CoverArt::None,       false, false, false, false, true,  ""},
+    // edits  single times             options
+    {"mov",  "mov",      kH264,          kAAC,           AV_CODEC_ID_MOV_TEXT, CoverArt::None,       true,  true,  true,  false, Times::Stored,    ""},
+    {"mp4",  "mp4",      kH264,          kAAC,           AV_CODEC_ID_MOV_TEXT, CoverArt::Stream,     true,  true,  true,  false, Times::Stored,    ""},
+    {"m4v",  "mp4",      kH264,          kAAC,           AV_CODEC_ID_MOV_TEXT, CoverArt::Stream,     true,  true,  true,  false, Times::Stored,    "brand=M4V "},
+    {"m4a",  "ipod",     0,              kAAC,           AV_CODEC_ID_NONE,     CoverArt::Stream,     true,  false, true, false, Times::Stored,    ""},
+    {"mkv",  "matroska", kH264,          kAAC,           AV_CODEC_ID_ASS,      CoverArt::Attachment, false, false, false, false, Times::Stored,    ""},
+    {"webm", "webm",     fourCC("vp09"), fourCC("Opus"), AV_CODEC_ID_WEBVTT,   CoverArt::None,       false, false, false, false, Times::Stored,    ""},
+    {"mka",  "matroska", 0,              kAAC,           AV_CODEC_ID_NONE,     CoverArt::Attachment, false, false, false, false, Times::Stored,    ""},
+    {"wav",  "wav",      0,              kPCM,           AV_CODEC_ID_NONE,     CoverArt::None,       false, false, false, true,  Times::Following, "rf64=auto"},
+    {"mp3",  "mp3",      0,              kMP3,           AV_CODEC_ID_NONE,     CoverArt::Stream,     false, false, false, true,  Times::Following, ""},
+    {"flac", "flac",     0,              fourCC("fLaC"), AV_CODEC_ID_NONE,     CoverArt::Stream,     false, false, false, true,  Times::Following, ""},
+    {"ogg",  "ogg",      0,              fourCC("Opus"), AV_CODEC_ID_NONE,     CoverArt::None,       false, false, false, false, Times::Stored,    ""},
+    {"avi",  "avi",      kMPEG4,         kMP3,           AV_CODEC_ID_NONE,     CoverArt::None,       false, false, false, false, Times::Counted,   kUnshifted},
+    {"ts",   "mpegts",   kH264,          kAAC,           AV_CODEC_ID_NONE,     CoverArt::None,       false, false, false, false, Times::Stored,    kBroadcast},
 }};
 // clang-format on
 
@@ -60,6 +71,18 @@ bool Container::holds(AVCodecID codec) const {
     if (extension == "webm") {
         return among(codec, {AV_CODEC_ID_VP8, AV_CODEC_ID_VP9, AV_CODEC_ID_AV1, AV_CODEC_ID_OPUS, AV_CODEC_ID_VORBIS,
                              AV_CODEC_ID_WEBVTT});
+    }
+    if (extension == "avi") {
+        return among(codec, {AV_CODEC_ID_MPEG4, AV_CODEC_ID_H264, AV_CODEC_ID_MJPEG, AV_CODEC_ID_MPEG1VIDEO,
+                             AV_CODEC_ID_MPEG2VIDEO, AV_CODEC_ID_DVVIDEO, AV_CODEC_ID_MSMPEG4V2, AV_CODEC_ID_MSMPEG4V3,
+                             AV_CODEC_ID_HUFFYUV, AV_CODEC_ID_FFV1, AV_CODEC_ID_RAWVIDEO, AV_CODEC_ID_MP3,
+                             AV_CODEC_ID_MP2, AV_CODEC_ID_AC3, AV_CODEC_ID_AAC, AV_CODEC_ID_PCM_S16LE,
+                             AV_CODEC_ID_PCM_S24LE, AV_CODEC_ID_PCM_U8});
+    }
+    if (extension == "ts") {
+        return among(codec, {AV_CODEC_ID_H264, AV_CODEC_ID_HEVC, AV_CODEC_ID_MPEG2VIDEO, AV_CODEC_ID_MPEG1VIDEO,
+                             AV_CODEC_ID_MPEG4, AV_CODEC_ID_AAC, AV_CODEC_ID_MP3, AV_CODEC_ID_MP2, AV_CODEC_ID_AC3,
+                             AV_CODEC_ID_EAC3, AV_CODEC_ID_DTS, AV_CODEC_ID_DVB_SUBTITLE, AV_CODEC_ID_DVB_TELETEXT});
     }
     if (extension == "mka" && avcodec_get_type(codec) != AVMEDIA_TYPE_AUDIO) {
         return false;

@@ -15,6 +15,13 @@ enum class CoverArt {
     Attachment,  ///< written as an attached file
 };
 
+/// How a container stores when something is played.
+enum class Times {
+    Stored,     ///< every packet has times of its own
+    Following,  ///< packets follow one another; silence replaces a late start
+    Counted,    ///< like Following, and frames have a constant rate and are shown in the order of decoding
+};
+
 /// A container: its name, its muxer and what it can hold. One row per supported extension.
 struct Container {
     std::string_view extension;
@@ -23,11 +30,11 @@ struct Container {
     std::uint32_t defaultAudio;
     AVCodecID textSubtitles;  ///< what text subtitles are converted to; AV_CODEC_ID_NONE: it cannot hold any
     CoverArt cover;
-    bool indexInFront;    ///< "fast start" is possible and wanted
-    bool displayMatrix;   ///< can store that video is shown rotated
-    bool edits;           ///< has edit lists, which can hide the beginning
-    bool singleTrack;     ///< holds one audio track and nothing else
-    bool timed;           ///< stores timestamps; without them silence replaces a late start
+    bool indexInFront;   ///< "fast start" is possible and wanted
+    bool displayMatrix;  ///< can store that video is shown rotated
+    bool edits;          ///< has edit lists, which can hide the beginning
+    bool singleTrack;    ///< holds one audio track and nothing else
+    Times times;
     const char* options;  ///< "key=value:…" for the muxer
 
     /// Returns whether the container can hold streams of this codec.

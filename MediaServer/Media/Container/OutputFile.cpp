@@ -66,6 +66,11 @@ void OutputFile::writeHeader() {
 
 void OutputFile::write(const AVStream& stream, AVPacket& packet, AVRational timeBase) {
     const AVMediaType kind = stream.codecpar->codec_type;
+    // Encoders of audio begin with a packet that only prepares the decoder. Where packets have no times, it would delay
+    // all others.
+    if (container_.times == Times::Counted && kind == AVMEDIA_TYPE_AUDIO && packet.pts + packet.duration / 2 < 0) {
+        return;
+    }
     packet.stream_index = stream.index;
     packet.pos = -1;
     av_packet_rescale_ts(&packet, timeBase, stream.time_base);

@@ -118,7 +118,8 @@ private:
 
     bool canCopy(const PlannedTrack& track) const {
         const TrackSurvey& model = *track.parts[track.model];
-        if (!container_.holds(model.parameters->codec_id) ||
+        const bool counts = container_.times == Times::Counted && track.kind == AVMEDIA_TYPE_VIDEO;
+        if (!container_.holds(model.parameters->codec_id) || counts ||
             (!model.displayMatrix.empty() && !container_.displayMatrix)) {
             return false;
         }
@@ -155,7 +156,7 @@ private:
         if (sources_.size() == 1) {
             return true;
         }
-        const std::int64_t pause = container_.timed ? kUnheardPause : 1000;
+        const std::int64_t pause = container_.times == Times::Stored ? kUnheardPause : 1000;
         return part.longestPacket <= kLongestPacket && part.start <= pause && part.end >= length(source) - pause;
     }
 

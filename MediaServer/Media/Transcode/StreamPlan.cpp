@@ -12,6 +12,9 @@ namespace {
 
 using Treatment = StreamPlan::Treatment;
 
+/// In microseconds.
+constexpr std::int64_t kUnheardDelay = 10'000;
+
 class Planner {
 public:
     Planner(const Source& source, const Container& container, const EncodingType& type, const EncodeRequest& request)
@@ -79,7 +82,7 @@ private:
         case EncodingType::Codec::None:
             return;
         case EncodingType::Codec::Copy:
-            if (container_.holds(stream.codecpar->codec_id) && !losesPresentation(stream)) {
+            if (container_.holds(stream.codecpar->codec_id) && !losesPresentation(stream) && keepsTimes(stream)) {
                 return copy(index);
             }
             if (losesEdits(stream)) {
@@ -110,7 +113,7 @@ private:
             if (losesEdits(stream)) {
                 return encodeAgain(index, AVMEDIA_TYPE_AUDIO);
             }
-            if (container_.holds(stream.codecpar->codec_id)) {
+            if (container_.holds(stream.codecpar->codec_id) && keepsTimes(stream)) {
                 return copy(index);
             }
             return encodeByDefault(index, AVMEDIA_TYPE_AUDIO, container_.defaultAudio);
@@ -192,6 +195,20 @@ private:
         const HiddenPackets hidden = hiddenPackets(stream);
         const bool video = stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
         return hidden.betweenEdits || (!container_.edits && (hidden.among || (hidden.before && video)));
+    }
+
+    /// Whether copying to this container keeps the times of the packets. Where frames are counted, only those of the
+    /// same container are known to be in the order of display, at a constant rate; and audio must start at 0.
+    bool keepsTimes(const AVStream& stream) const {
+        if (container_.times != Times::Counted || source_.format().iformat->name == container_.extension) {
+            return true;
+        }
+        if (stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO || stream.start_time == AV_NOPTS_VALUE) {
+            return false;
+        }
+        const std::int64_t start =
+            av_rescale_q(stream.start_time, stream.time_base, kMicroseconds) + source_.timeShift();
+        return start < kUnheardDelay && start > -kUnheardDelay;
     }
 
     void copy(std::size_t index) { plan_.push_back({index, Treatment::Copy, nullptr}); }

@@ -6,6 +6,9 @@ namespace {
 constexpr AVRational kAssumedRate{25, 1};
 constexpr double kHighestPlausibleRate = 1000;
 
+/// A stream whose times fit only a higher rate than this has jittering times, not that many frames.
+constexpr double kHighestUsualRate = 60;
+
 }  // namespace
 
 AVRational frameRate(const Source& source, const AVStream& stream) {
@@ -15,6 +18,13 @@ AVRational frameRate(const Source& source, const AVStream& stream) {
         return kAssumedRate;
     }
     return rate;
+}
+
+AVRational constantFrameRate(const Source& source, const AVStream& stream) {
+    const AVRational usual = frameRate(source, stream);
+    const AVRational fitting = stream.r_frame_rate;
+    const bool plausible = fitting.num > 0 && fitting.den > 0 && av_q2d(fitting) <= kHighestUsualRate;
+    return plausible && av_cmp_q(fitting, usual) > 0 ? fitting : usual;
 }
 
 }  // namespace krv::media

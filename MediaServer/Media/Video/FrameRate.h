@@ -7,4 +7,7 @@ namespace krv::media {
 /// Returns the frame rate of a stream: the usual one if it varies, and a plausible one if it is unknown. Never zero.
 [[nodiscard]] AVRational frameRate(const Source& source, const AVStream& stream);
 
+/// Returns a constant frame rate at which, if possible, every frame of a stream has its exact place. Never zero.
+[[nodiscard]] AVRational constantFrameRate(const Source& source, const AVStream& stream);
+
 }  // namespace krv::media

@@ -17,7 +17,8 @@ constexpr int kQuantiser = 3;
 constexpr int kLongestSide = 16384;
 
 /// JPEG as a container: it cannot store a rotation or anything else that containers of movies can.
-constexpr Container kStill{"jpg", "", 0, 0, AV_CODEC_ID_NONE, CoverArt::None, false, false, false, false, false, ""};
+constexpr Container kStill{"jpg", "",    0,     0,     AV_CODEC_ID_NONE, CoverArt::None,
+                           false, false, false, false, Times::Stored,    ""};
 
 VideoFormat formatOf(const AVStream& stream, const AVFrame& frame, Extent extent) {
     const Settings settings;

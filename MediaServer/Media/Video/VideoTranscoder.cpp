@@ -39,6 +39,7 @@ VideoTranscoder::VideoTranscoder(const Source& source, const AVStream& from, con
     : source_(source)
     , from_(from)
     , request_(request)
+    , constant_(request.fps > 0)
     , rate_(request.fps > 0 ? rationalRate(request.fps) : frameRate(source, from))
     , decoder_(from) {}
 
@@ -54,12 +55,15 @@ void VideoTranscoder::push(const AVPacket& packet) {
 
 void VideoTranscoder::open(OutputFile& output) {
     const FramePtr first = early_.empty() ? expectedFrame(from_) : reference(*early_.front());
+    if (output.container().times == Times::Counted) {
+        countFrames();
+    }
     format_ = chooseVideoFormat({from_, *first, request_.codec, request_.settings, output.container()});
     encoder_.emplace(EncoderSession::Request{request_.codec, request_.quality, request_.settings}, output,
                      [&](AVCodecContext& context) { prepare(context, format_, *first); });
     filter_.emplace(format_, from_.time_base);
 
-    timer_.emplace(FrameTimer::Timing{from_.time_base, encoder_->context().time_base, request_.fps > 0,
+    timer_.emplace(FrameTimer::Timing{from_.time_base, encoder_->context().time_base, constant_,
                                       av_rescale_q(1, av_inv_q(frameRate(source_, from_)), from_.time_base),
                                       av_rescale_q(source_.lastPlausibleTime(), kMicroseconds, from_.time_base)});
 
@@ -73,8 +77,20 @@ void VideoTranscoder::open(OutputFile& output) {
     }
 }
 
+// A late start cannot be stored, so the first frame is shown from the beginning.
+void VideoTranscoder::countFrames() {
+    if (!constant_) {
+        constant_ = true;
+        rate_ = constantFrameRate(source_, from_);
+    }
+    if (!early_.empty() && early_.front()->pts != AV_NOPTS_VALUE && early_.front()->pts > 0) {
+        early_.push_front(reference(*early_.front()));
+        early_.front()->pts = 0;
+    }
+}
+
 AVRational VideoTranscoder::timeBase(bool coarse) const {
-    if (request_.fps > 0) {
+    if (constant_) {
         return av_inv_q(rate_);
     }
     if (!coarse || from_.time_base.den <= kMPEG4Ticks) {

@@ -34,13 +34,15 @@ public:
 private:
     void prepare(AVCodecContext& context, const VideoFormat& format, const AVFrame& first) const;
     [[nodiscard]] AVRational timeBase(bool coarse) const;
+    void countFrames();
     void convert(FramePtr frame);
     void encode(FramePtr frame);
 
     const Source& source_;
     const AVStream& from_;
     const Request request_;
-    AVRational rate_;  // of the output: constant if fps is set, else the source's, as a hint
+    bool constant_;    // whether the output has a constant frame rate
+    AVRational rate_;  // of the output; if it is not constant, a hint
     Decoder decoder_;
     std::deque<FramePtr> early_;  // decoded before the output is opened
     VideoFormat format_;

@@ -79,7 +79,7 @@ INSTANTIATE_TEST_SUITE_P(
 INSTANTIATE_TEST_SUITE_P(
     Requests, BadConversions,
     testing::Values(
-        Bad{"container", into("avi", 1), {Cause::UnsupportedContainer, "avi"}},
+        Bad{"container", into("flv", 1), {Cause::UnsupportedContainer, "flv"}},
         Bad{"type", into("mp4", 8), {Cause::UnsupportedEncodingType, "8"}},
         Bad{"negativeType", into("mp4", -1), {Cause::UnsupportedEncodingType, "-1"}},
         Bad{"typeInContainer", into("webm", 1), {Cause::ContainerCannotHold, "webm", "H.264"}},

@@ -235,11 +235,11 @@ std::string tagOf(const nlohmann::json& object, const std::string& key) {
 
 std::vector<double> frameTimes(const std::string& path) {
     const auto json = nlohmann::json::parse(run({KRV_FFPROBE, "-v", "quiet", "-of", "json", "-select_streams", "v:0",
-                                                 "-show_entries", "frame=pts_time:format=start_time", path}));
+                                                 "-show_entries", "frame=best_effort_timestamp_time:format=start_time", path}));
     const double start = number(json.at("format"), "start_time");
     std::vector<double> times;
     for (const auto& frame : json.at("frames")) {
-        times.push_back(number(frame, "pts_time") - start);
+        times.push_back(number(frame, "best_effort_timestamp_time") - start);
     }
     return times;
 }
