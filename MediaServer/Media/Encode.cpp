@@ -13,6 +13,7 @@
 #include <MediaServer/Media/Transcode/EncodingType.h>
 #include <MediaServer/Media/Transcode/Pump.h>
 #include <MediaServer/Media/Transcode/StreamPlan.h>
+#include <MediaServer/Media/Video/GIFPalette.h>
 #include <MediaServer/Media/Video/VideoTranscoder.h>
 
 namespace krv::media {
@@ -20,6 +21,9 @@ namespace {
 
 constexpr float kSlowest = 0.01F;
 constexpr float kFastest = 1000;
+
+/// Where the phase in which a palette is chosen ends.
+constexpr double kPaletteMade = 0.2;
 
 class Encoding {
 public:
@@ -81,13 +85,20 @@ private:
                        .detail = first.reason});
     }
 
-    std::unique_ptr<Track> makeTranscoder(const Source& source, const StreamPlan& plan) const {
+    std::unique_ptr<Track> makeTranscoder(const Source& source, const StreamPlan& plan) {
         const AVStream& from = source.stream(plan.index);
         if (plan.codec->type == AVMEDIA_TYPE_VIDEO) {
-            return std::make_unique<VideoTranscoder>(
-                source, from,
-                VideoTranscoder::Request{*plan.codec, request_.video ? request_.video->quality : 0,
-                                         request_.video ? request_.video->fps : 0, videoSettings_});
+            VideoTranscoder::Request request{*plan.codec, request_.video ? request_.video->quality : 0,
+                                             request_.video ? request_.video->fps : 0, videoSettings_};
+            if (plan.codec->id == AV_CODEC_ID_GIF) {
+                checkRange("frame rate", request.fps, kSlowest, kHighestGIFRate);
+                progress_.beginPhase(kPaletteMade);
+                Source again(request_.source, request_.sourcePath, progress_);
+                PaletteChooser chooser(videoSettings_, container_);
+                chooser.read(again, plan.index);
+                request.palette = chooser.palette();
+            }
+            return std::make_unique<VideoTranscoder>(source, from, std::move(request));
         }
         return std::make_unique<AudioTranscoder>(
             source, from,

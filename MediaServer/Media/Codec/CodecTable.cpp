@@ -20,7 +20,7 @@ using Kind = QualityScale::Kind;
 // on most material. At the worst quality a viewer can still follow the movie.
 //
 // clang-format off
-constexpr std::array<Encoder, 15> kEncoders{{
+constexpr std::array<Encoder, 16> kEncoders{{
     // name          quality: kind            option  worst   best    standard   options
     // rate   interlaced
     {"libx264",     {Kind::Option,         "crf",   40,     12,     20},      "preset=fast",                            true,  true},
@@ -31,6 +31,7 @@ constexpr std::array<Encoder, 15> kEncoders{{
     {"prores_ks",   {Kind::Quantiser,      "",      24,     1,      0},       "vendor=apl0",                            false, true},
     {"mjpeg",       {Kind::Quantiser,      "",      31,     2,      3},       "",                                       true,  false},
     {"mpeg4",       {Kind::Quantiser,      "",      31,     2,      4},       "",                                       true,  true},
+    {"gif",         {Kind::Lossless,       "",      0,      0,      0},       "",                                       false, false},
     {"aac",         {Kind::BitsPerChannel, "",      24000,  160000, 96000},   "",                                       true,  false},
     {"ac3",         {Kind::BitsPerChannel, "",      48000,  160000, 96000},   "",                                       true,  false},
     {"libopus",     {Kind::BitsPerChannel, "",      16000,  128000, 64000},   "",                                       true,  false},
@@ -53,7 +54,7 @@ constexpr std::array<std::uint64_t, 8> kOpusLayouts{
     AV_CH_LAYOUT_MONO,         AV_CH_LAYOUT_STEREO,       AV_CH_LAYOUT_SURROUND, AV_CH_LAYOUT_QUAD,
     AV_CH_LAYOUT_5POINT0_BACK, AV_CH_LAYOUT_5POINT1_BACK, AV_CH_LAYOUT_6POINT1,  AV_CH_LAYOUT_7POINT1};
 
-constexpr std::array<Codec, 16> kCodecs{{
+constexpr std::array<Codec, 17> kCodecs{{
     // code           type    id                     name             encoders                        options       8
     // bits, more bits                                   with alpha             tag
     {fourCC("avc1"), kVideo, AV_CODEC_ID_H264,      "H.264",         {"libx264", nullptr},           "",           {AV_PIX_FMT_YUV420P,     AV_PIX_FMT_YUV420P},       kNoPixels, {}, 0},
@@ -65,6 +66,8 @@ constexpr std::array<Codec, 16> kCodecs{{
     {fourCC("ap4h"), kVideo, AV_CODEC_ID_PRORES,    "ProRes 4444",   {"prores_ks", nullptr},         "profile=4",  {AV_PIX_FMT_YUV444P10,   AV_PIX_FMT_YUV444P10},     AV_PIX_FMT_YUVA444P10, {}, 0},
     {fourCC("jpeg"), kVideo, AV_CODEC_ID_MJPEG,     "Motion JPEG",   {"mjpeg", nullptr},             "",           {AV_PIX_FMT_YUVJ420P,    AV_PIX_FMT_YUVJ420P},      kNoPixels, {}, 0},
     {fourCC("mp4v"), kVideo, AV_CODEC_ID_MPEG4,     "MPEG-4",        {"mpeg4", nullptr},             "",           {AV_PIX_FMT_YUV420P,     AV_PIX_FMT_YUV420P},       kNoPixels, {}, 0},
+    // Frames are given to its encoder with a palette.
+    {fourCC("gif "), kVideo, AV_CODEC_ID_GIF,       "GIF",           {"gif", nullptr},               "",           {AV_PIX_FMT_RGB32,       AV_PIX_FMT_RGB32},         AV_PIX_FMT_RGB32, {}, 0},
     {fourCC("mp4a"), kAudio, AV_CODEC_ID_AAC,       "AAC",           {"aac", nullptr},               "",           {kNoPixels,              kNoPixels},                kNoPixels, kAACLayouts, 0},
     {fourCC("alac"), kAudio, AV_CODEC_ID_ALAC,      "ALAC",          {"alac", nullptr},              "",           {kNoPixels,              kNoPixels},                kNoPixels, {}, 0},
     {fourCC("lpcm"), kAudio, AV_CODEC_ID_PCM_S16LE, "PCM",           {"pcm", nullptr},               "",           {kNoPixels,              kNoPixels},                kNoPixels, {}, 0},

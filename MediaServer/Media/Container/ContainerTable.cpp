@@ -15,6 +15,7 @@ constexpr auto kAAC = fourCC("mp4a");
 constexpr auto kPCM = fourCC("lpcm");
 constexpr auto kMP3 = fourCC(".mp3");
 constexpr auto kMPEG4 = fourCC("mp4v");
+constexpr auto kGIF = fourCC("gif ");
 
 /// The receiver gets every packet this many microseconds before it is decoded, as broadcasters do it. Without that, a
 /// player with small buffers stutters.
@@ -24,7 +25,7 @@ constexpr auto kBroadcast = "max_delay=700000";
 constexpr auto kUnshifted = "avoid_negative_ts=disabled";
 
 // clang-format off
-constexpr std::array<Container, 13> kContainers{{
+constexpr std::array<Container, 14> kContainers{{
     // extension  muxer       video           audio           subtitles              cover                 front  matrix
     // edits  single times             options
     {"mov",  "mov",      kH264,          kAAC,           AV_CODEC_ID_MOV_TEXT, CoverArt::None,       true,  true,  true,  false, Times::Stored,    ""},
@@ -40,6 +41,7 @@ constexpr std::array<Container, 13> kContainers{{
     {"ogg",  "ogg",      0,              fourCC("Opus"), AV_CODEC_ID_NONE,     CoverArt::None,       false, false, false, false, Times::Stored,    ""},
     {"avi",  "avi",      kMPEG4,         kMP3,           AV_CODEC_ID_NONE,     CoverArt::None,       false, false, false, false, Times::Counted,   kUnshifted},
     {"ts",   "mpegts",   kH264,          kAAC,           AV_CODEC_ID_NONE,     CoverArt::None,       false, false, false, false, Times::Stored,    kBroadcast},
+    {"gif",  "gif",      kGIF,           0,              AV_CODEC_ID_NONE,     CoverArt::None,       false, false, false, false, Times::Delays,    ""},
 }};
 // clang-format on
 
@@ -78,6 +80,9 @@ bool Container::holds(AVCodecID codec) const {
                              AV_CODEC_ID_HUFFYUV, AV_CODEC_ID_FFV1, AV_CODEC_ID_RAWVIDEO, AV_CODEC_ID_MP3,
                              AV_CODEC_ID_MP2, AV_CODEC_ID_AC3, AV_CODEC_ID_AAC, AV_CODEC_ID_PCM_S16LE,
                              AV_CODEC_ID_PCM_S24LE, AV_CODEC_ID_PCM_U8});
+    }
+    if (extension == "gif") {
+        return codec == AV_CODEC_ID_GIF;
     }
     if (extension == "ts") {
         return among(codec, {AV_CODEC_ID_H264, AV_CODEC_ID_HEVC, AV_CODEC_ID_MPEG2VIDEO, AV_CODEC_ID_MPEG1VIDEO,

@@ -20,6 +20,7 @@ enum class Times {
     Stored,     ///< every packet has times of its own
     Following,  ///< packets follow one another; silence replaces a late start
     Counted,    ///< like Following, and frames have a constant rate and are shown in the order of decoding
+    Delays,     ///< each frame has a duration in hundredths of a second; there is no audio
 };
 
 /// A container: its name, its muxer and what it can hold. One row per supported extension.
@@ -27,7 +28,7 @@ struct Container {
     std::string_view extension;
     const char* muxer;
     std::uint32_t defaultVideo;  ///< fourcc of the codec that is used by default; 0: it cannot hold video
-    std::uint32_t defaultAudio;
+    std::uint32_t defaultAudio;  ///< 0: it cannot hold audio
     AVCodecID textSubtitles;  ///< what text subtitles are converted to; AV_CODEC_ID_NONE: it cannot hold any
     CoverArt cover;
     bool indexInFront;   ///< "fast start" is possible and wanted

@@ -199,10 +199,25 @@ private:
             return std::make_unique<MergeCopyTrack>(stream);
         }
         if (track.kind == AVMEDIA_TYPE_VIDEO) {
+            FramePtr palette = track.codec->id == AV_CODEC_ID_GIF ? choosePalette(track) : nullptr;
             return std::make_unique<MergeVideoTrack>(
-                MergeVideoTrack::Model{stream, firstFrame(*model, index), plan_.tick, end}, *track.codec);
+                MergeVideoTrack::Model{stream, firstFrame(*model, index), plan_.tick, end, std::move(palette)},
+                *track.codec);
         }
         return std::make_unique<MergeAudioTrack>(stream, *track.codec, end);
+    }
+
+    FramePtr choosePalette(const PlannedTrack& track) {
+        const Settings settings;
+        PaletteChooser chooser(settings, container_);
+        for (std::size_t i = 0; i < track.parts.size(); ++i) {
+            if (track.parts[i]) {
+                at_ = i;
+                const auto source = open(i);
+                chooser.read(*source, track.parts[i]->index);
+            }
+        }
+        return chooser.palette();
     }
 
     /// Returns the share of a source in the progress.

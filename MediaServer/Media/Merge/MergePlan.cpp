@@ -3,6 +3,7 @@
 
 #include <MediaServer/Media/Foundation/Failure.h>
 #include <MediaServer/Media/Merge/MergePlan.h>
+#include <MediaServer/Media/Video/GIFPalette.h>
 
 namespace krv::media {
 namespace {
@@ -71,7 +72,7 @@ private:
         }
         std::size_t audioTracks = 0;
         for (const SourceSurvey& source : sources_) {
-            if (audioTracks == 0) {
+            if (audioTracks == 0 && container_.defaultAudio != 0) {
                 audioTracks = source.audio.size();
             }
         }
@@ -80,7 +81,8 @@ private:
             addTrack(AVMEDIA_TYPE_AUDIO, i);
         }
         if (plan_.tracks.empty()) {
-            throw Failure({.cause = FailureCause::NoAudioTrack});
+            throw Failure(
+                {.cause = container_.defaultAudio == 0 ? FailureCause::NoVideoTrack : FailureCause::NoAudioTrack});
         }
     }
 
@@ -108,6 +110,9 @@ private:
                 rate = part->rate;
             }
         }
+        if (container_.times == Times::Delays && av_q2d(rate) > kHighestGIFRate) {
+            rate = {kHighestGIFRate, 1};
+        }
         av_reduce(&rate.num, &rate.den, rate.num, rate.den, kMostTicks);
         plan_.tick = first.kind == AVMEDIA_TYPE_VIDEO ? av_inv_q(rate) : AVRational{1, model.parameters->sample_rate};
     }
@@ -118,7 +123,7 @@ private:
 
     bool canCopy(const PlannedTrack& track) const {
         const TrackSurvey& model = *track.parts[track.model];
-        const bool counts = container_.times == Times::Counted && track.kind == AVMEDIA_TYPE_VIDEO;
+        const bool counts = container_.times != Times::Stored && track.kind == AVMEDIA_TYPE_VIDEO;
         if (!container_.holds(model.parameters->codec_id) || counts ||
             (!model.displayMatrix.empty() && !container_.displayMatrix)) {
             return false;
@@ -162,7 +167,9 @@ private:
 
     const Codec& codecFor(const PlannedTrack& track) const {
         const Codec* like = codecLike(*track.parts[track.model]->parameters);
-        if (like && container_.holds(like->id)) {
+        // Other containers can hold a GIF's frames, but not as well as those of a codec for movies.
+        const bool movie = like && (like->id != AV_CODEC_ID_GIF || container_.times == Times::Delays);
+        if (movie && container_.holds(like->id)) {
             return *like;
         }
         return codecForFourCC(track.kind == AVMEDIA_TYPE_VIDEO ? container_.defaultVideo : container_.defaultAudio,

@@ -29,6 +29,9 @@ void MergeVideoTrack::open(OutputFile& output) {
             HDRMetadata(model_.stream, *model_.firstFrame).describeTo(context);
         }
     });
+    if (model_.palette) {
+        mapper_.emplace(*model_.palette, format_, encoder_->context().time_base);
+    }
     const std::int64_t shown = std::max<std::int64_t>(1, av_rescale_q(1, model_.tick, kMicroseconds));
     timer_.emplace(FrameTimer::Timing{kMicroseconds, encoder_->context().time_base, true, shown, model_.end});
     AVStream& to = encoder_->stream();
@@ -64,13 +67,7 @@ void MergeVideoTrack::convert(FramePtr frame) {
         frame->sample_aspect_ratio = shape;
     }
     if (!filter_) {
-        VideoFormat format = format_;
-        rotateUpright(format, *part_.from);
-        format.toneMapped = isHDR(frame->color_trc) && !isHDR(format_.transfer);
-        if (format.toneMapped) {
-            format.peakLuminance = HDRMetadata(*part_.from, *frame).peakLuminance();
-        }
-        filter_.emplace(format, part_.from->time_base);
+        filter_.emplace(adapted(format_, *part_.from, *frame), part_.from->time_base);
     }
     filter_->push(std::move(frame), [this](FramePtr ready) { place(std::move(ready)); });
 }
@@ -136,11 +133,17 @@ void MergeVideoTrack::drain() {
 void MergeVideoTrack::encode(FramePtr frame) {
     frame->pict_type = AV_PICTURE_TYPE_NONE;  // the encoder chooses its own key frames
     frame->interlaced_frame = 0;
+    if (mapper_) {
+        return mapper_->push(std::move(frame), [this](FramePtr mapped) { encoder_->encode(*mapped); });
+    }
     encoder_->encode(*frame);
 }
 
 void MergeVideoTrack::finish() {
     timer_->finish([this](FramePtr timed) { encode(std::move(timed)); });
+    if (mapper_) {
+        mapper_->finish([this](FramePtr mapped) { encoder_->encode(*mapped); });
+    }
     encoder_->finish();
 }
 

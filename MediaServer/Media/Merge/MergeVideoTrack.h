@@ -6,6 +6,7 @@
 #include <MediaServer/Media/Codec/EncoderSession.h>
 #include <MediaServer/Media/Merge/MergeTrack.h>
 #include <MediaServer/Media/Video/FrameTimer.h>
+#include <MediaServer/Media/Video/GIFPalette.h>
 #include <MediaServer/Media/Video/VideoFilter.h>
 #include <MediaServer/Media/Video/VideoFormat.h>
 
@@ -20,6 +21,7 @@ public:
         FramePtr firstFrame;     ///< the first frame of the stream
         AVRational tick;         ///< duration of a frame, in seconds
         std::int64_t end;        ///< end of the merged movie, in microseconds
+        FramePtr palette{};      ///< for GIF, of PaletteChooser
     };
     MergeVideoTrack(Model model, const Codec& codec);
 
@@ -44,6 +46,7 @@ private:
     VideoFormat format_;  // of the model; the target format
     std::optional<EncoderSession> encoder_;
     std::optional<FrameTimer> timer_;
+    std::optional<PaletteMapper> mapper_;
     std::optional<Decoder> decoder_;
     std::optional<VideoFilter> filter_;
     MergePart part_{};

@@ -261,6 +261,9 @@ private:
         if (video && !audio) {
             return FailureCause::NoAudioTrack;
         }
+        if (audio && !video && container_.defaultAudio == 0) {
+            return FailureCause::NoVideoTrack;
+        }
         return video || audio ? FailureCause::NoPlayableTrack : FailureCause::NoVideoOrAudioTrack;
     }
 

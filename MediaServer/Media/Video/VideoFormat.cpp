@@ -78,9 +78,16 @@ int aligned(double side, int log2) {
 }
 
 /// A requested width or height is that of the upright frame. If only one is given, the frame keeps its shape. If both
-/// are given, the pixel aspect ratio changes, so that the video is not distorted.
+/// are given, the pixel aspect ratio changes, so that the video is not distorted. Where pixels are square, it is
+/// letterboxed instead.
 void chooseSize(VideoFormat& format, const VideoFormatRequest& request, bool sideways) {
-    const double width = request.frame.width;
+    AVRational aspect = request.stream.sample_aspect_ratio;
+    if (aspect.num <= 0 || aspect.den <= 0) {
+        aspect = request.frame.sample_aspect_ratio;
+    }
+    // Viewers ignore the pixel aspect ratio of a GIF.
+    const bool square = request.codec.id == AV_CODEC_ID_GIF;
+    const double width = request.frame.width * (square && aspect.num > 0 && aspect.den > 0 ? av_q2d(aspect) : 1);
     const double height = request.frame.height;
     auto askedWidth = request.settings.width;
     auto askedHeight = request.settings.height;
@@ -99,10 +106,10 @@ void chooseSize(VideoFormat& format, const VideoFormatRequest& request, bool sid
     const AVPixFmtDescriptor* pixels = av_pix_fmt_desc_get(format.pixels);
     format.width = aligned(newWidth, pixels->log2_chroma_w);
     format.height = aligned(newHeight, pixels->log2_chroma_h);
-
-    AVRational aspect = request.stream.sample_aspect_ratio;
-    if (aspect.num <= 0 || aspect.den <= 0) {
-        aspect = request.frame.sample_aspect_ratio;
+    if (square) {
+        format.sampleAspect = {1, 1};
+        format.fitted = true;
+        return;
     }
     if (aspect.num <= 0 || aspect.den <= 0) {
         aspect = AVRational{askedWidth && askedHeight ? 1 : 0, 1};
@@ -176,10 +183,19 @@ void rotateUpright(VideoFormat& format, const AVStream& stream) {
     format.mirrored = matrix && mirrors(matrix);
 }
 
+VideoFormat adapted(VideoFormat format, const AVStream& stream, const AVFrame& frame) {
+    rotateUpright(format, stream);
+    format.toneMapped = isHDR(frame.color_trc) && !isHDR(format.transfer);
+    if (format.toneMapped) {
+        format.peakLuminance = HDRMetadata(stream, frame).peakLuminance();
+    }
+    return format;
+}
+
 void describe(const VideoFormat& format, AVCodecContext& encoder) {
     encoder.width = format.width;
     encoder.height = format.height;
-    encoder.pix_fmt = format.pixels;
+    encoder.pix_fmt = encoder.codec_id == AV_CODEC_ID_GIF ? AV_PIX_FMT_PAL8 : format.pixels;
     encoder.sample_aspect_ratio = format.sampleAspect;
     encoder.color_range = format.range;
     encoder.color_primaries = format.primaries;

@@ -45,6 +45,10 @@ struct VideoFormatRequest {
 /// Sets the rotation and mirroring that make a stream's frames upright.
 void rotateUpright(VideoFormat& format, const AVStream& stream);
 
+/// Returns the format for frames of another stream: upright, and tone-mapped if they need it and the format does not keep
+/// high dynamic range.
+[[nodiscard]] VideoFormat adapted(VideoFormat format, const AVStream& stream, const AVFrame& frame);
+
 /// Copies the format into the context of an encoder that is not open yet.
 void describe(const VideoFormat& format, AVCodecContext& encoder);
 

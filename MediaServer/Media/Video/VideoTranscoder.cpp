@@ -12,6 +12,9 @@ namespace {
 /// MPEG-4 Part 2 stores the number of ticks per second in 16 bits.
 constexpr int kMPEG4Ticks = 65535;
 
+/// Units per second of a GIF.
+constexpr int kHundredths = 100;
+
 /// Returns a requested rate as a fraction. The request has a 32-bit float, in which 29.97 means 30000/1001.
 AVRational rationalRate(float fps) {
     const double value = static_cast<double>(fps);
@@ -35,12 +38,12 @@ FramePtr expectedFrame(const AVStream& from) {
 
 }  // namespace
 
-VideoTranscoder::VideoTranscoder(const Source& source, const AVStream& from, const Request& request)
+VideoTranscoder::VideoTranscoder(const Source& source, const AVStream& from, Request request)
     : source_(source)
     , from_(from)
-    , request_(request)
-    , constant_(request.fps > 0)
-    , rate_(request.fps > 0 ? rationalRate(request.fps) : frameRate(source, from))
+    , request_(std::move(request))
+    , constant_(request_.fps > 0)
+    , rate_(constant_ ? rationalRate(request_.fps) : frameRate(source, from))
     , decoder_(from) {}
 
 void VideoTranscoder::push(const AVPacket& packet) {
@@ -58,10 +61,14 @@ void VideoTranscoder::open(OutputFile& output) {
     if (output.container().times == Times::Counted) {
         countFrames();
     }
+    showFromTheBeginning(output.container());
     format_ = chooseVideoFormat({from_, *first, request_.codec, request_.settings, output.container()});
     encoder_.emplace(EncoderSession::Request{request_.codec, request_.quality, request_.settings}, output,
                      [&](AVCodecContext& context) { prepare(context, format_, *first); });
     filter_.emplace(format_, from_.time_base);
+    if (request_.palette) {
+        mapper_.emplace(*request_.palette, format_, encoder_->context().time_base);
+    }
 
     timer_.emplace(FrameTimer::Timing{from_.time_base, encoder_->context().time_base, constant_,
                                       av_rescale_q(1, av_inv_q(frameRate(source_, from_)), from_.time_base),
@@ -77,23 +84,30 @@ void VideoTranscoder::open(OutputFile& output) {
     }
 }
 
-// A late start cannot be stored, so the first frame is shown from the beginning.
 void VideoTranscoder::countFrames() {
     if (!constant_) {
         constant_ = true;
         rate_ = constantFrameRate(source_, from_);
     }
-    if (!early_.empty() && early_.front()->pts != AV_NOPTS_VALUE && early_.front()->pts > 0) {
+}
+
+// Where a late start cannot be stored, the first frame is shown from the beginning.
+void VideoTranscoder::showFromTheBeginning(const Container& container) {
+    if (container.times != Times::Stored && !early_.empty() && early_.front()->pts != AV_NOPTS_VALUE &&
+        early_.front()->pts > 0) {
         early_.push_front(reference(*early_.front()));
         early_.front()->pts = 0;
     }
 }
 
-AVRational VideoTranscoder::timeBase(bool coarse) const {
+AVRational VideoTranscoder::timeBase(AVCodecID codec) const {
     if (constant_) {
         return av_inv_q(rate_);
     }
-    if (!coarse || from_.time_base.den <= kMPEG4Ticks) {
+    if (codec == AV_CODEC_ID_GIF) {
+        return {1, av_q2d(rate_) > kHighestGIFRate ? kHighestGIFRate : kHundredths};
+    }
+    if (codec != AV_CODEC_ID_MPEG4 || from_.time_base.den <= kMPEG4Ticks) {
         return from_.time_base;
     }
     return {1, rate_.num * std::max(1, 60000 / rate_.num)};
@@ -102,7 +116,7 @@ AVRational VideoTranscoder::timeBase(bool coarse) const {
 void VideoTranscoder::prepare(AVCodecContext& context, const VideoFormat& format, const AVFrame& first) const {
     describe(format, context);
     context.framerate = rate_;
-    context.time_base = timeBase(context.codec_id == AV_CODEC_ID_MPEG4);
+    context.time_base = timeBase(context.codec_id);
     if (!format.toneMapped) {
         HDRMetadata(from_, first).describeTo(context);
     }
@@ -129,6 +143,9 @@ void VideoTranscoder::encode(FramePtr frame) {
     if (!format_.interlaced) {
         frame->interlaced_frame = 0;
     }
+    if (mapper_) {
+        return mapper_->push(std::move(frame), [this](FramePtr mapped) { encoder_->encode(*mapped); });
+    }
     encoder_->encode(*frame);
 }
 
@@ -138,6 +155,9 @@ void VideoTranscoder::finish() {
     const auto encodeTimed = [this](FramePtr timed) { encode(std::move(timed)); };
     filter_->finish([&](FramePtr ready) { timer_->push(std::move(ready), encodeTimed); });
     timer_->finish(encodeTimed);
+    if (mapper_) {
+        mapper_->finish([this](FramePtr mapped) { encoder_->encode(*mapped); });
+    }
     encoder_->finish();
 }
 

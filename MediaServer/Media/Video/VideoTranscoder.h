@@ -9,6 +9,7 @@
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Container/Track.h>
 #include <MediaServer/Media/Video/FrameTimer.h>
+#include <MediaServer/Media/Video/GIFPalette.h>
 #include <MediaServer/Media/Video/VideoFilter.h>
 
 namespace krv::media {
@@ -21,9 +22,10 @@ public:
         float quality;
         float fps;  ///< 0: the source's own timing
         const Settings& settings;
+        FramePtr palette{};  ///< for GIF, of GIFPalette
     };
 
-    VideoTranscoder(const Source& source, const AVStream& from, const Request& request);
+    VideoTranscoder(const Source& source, const AVStream& from, Request request);
 
     [[nodiscard]] bool ready() const override { return !early_.empty(); }
     void push(const AVPacket& packet) override;
@@ -33,8 +35,9 @@ public:
 
 private:
     void prepare(AVCodecContext& context, const VideoFormat& format, const AVFrame& first) const;
-    [[nodiscard]] AVRational timeBase(bool coarse) const;
+    [[nodiscard]] AVRational timeBase(AVCodecID codec) const;
     void countFrames();
+    void showFromTheBeginning(const Container& container);
     void convert(FramePtr frame);
     void encode(FramePtr frame);
 
@@ -47,6 +50,7 @@ private:
     std::deque<FramePtr> early_;  // decoded before the output is opened
     VideoFormat format_;
     std::optional<VideoFilter> filter_;
+    std::optional<PaletteMapper> mapper_;
     std::optional<FrameTimer> timer_;
     std::optional<EncoderSession> encoder_;
 };

@@ -55,6 +55,7 @@ std::string code(std::uint32_t fourCC) {
     for (int shift = 24; shift >= 0; shift -= 8) {
         text += static_cast<char>(fourCC >> shift & 0xff);
     }
+    text.erase(text.find_last_not_of(' ') + 1);  // as the cells of a table
     return text;
 }
 

@@ -121,5 +121,91 @@ TEST(TransportStream, LeavesTimeBetweenArrivalAndDecoding) {
     EXPECT_GT(number(format.at("format"), "start_time"), 1.3);
 }
 
+Conversion animation(const std::string& source) {
+    return {.source = source, .extension = "gif", .type = 3};
+}
+
+TEST(GIF, HasEveryFrameAtItsTime) {
+    const auto output = convert(animation(corpus("h264.mov")));
+    EXPECT_EQ(frameNumbers(output.path()), numbersFrom(0, 149));
+    const auto times = frameTimes(output.path());
+    for (std::size_t i = 0; i < times.size(); ++i) {
+        ASSERT_NEAR(times[i], static_cast<double>(i) * kFrame, 0.0001);
+    }
+    EXPECT_NEAR(Probe(output).duration(), 6, 0.001);
+    EXPECT_EQ(Probe(output).streams("audio").size(), 0U);
+}
+
+TEST(GIF, LooksLikeTheSource) {
+    for (const char* const movie : {"h264.mov", "hevc-hdr.mp4"}) {
+        const auto output = convert(animation(corpus(movie)));
+        for (const int frame : {10, 75, 140}) {
+            const auto found =
+                colourDifference(shownColours(output.path(), frame), shownColours(corpus("h264.mov"), frame));
+            std::cout << "[ measured ] mean colour difference " << found.mean << '\n';
+            EXPECT_LT(found.mean, 4) << movie;
+        }
+    }
+}
+
+TEST(GIF, RepeatsEndlessly) {
+    const std::string bytes = readFile(convert(animation(corpus("one-picture.mp4"))).path());
+    const auto block = bytes.find("NETSCAPE2.0");
+    ASSERT_NE(block, std::string::npos);
+    EXPECT_EQ(bytes.substr(block + 11, 5), std::string("\x03\x01\0\0\0", 5)) << "zero repetitions mean endless ones";
+}
+
+TEST(GIF, HoldsAFrameAsLongAsTheSourceDoes) {
+    const auto output = convert(animation(corpus("held.mp4")));
+    EXPECT_EQ(frameNumbers(output.path()), frameNumbers(corpus("held.mp4")));
+    EXPECT_THAT(frameTimes(output.path()),
+                testing::Pointwise(testing::DoubleNear(0.006), frameTimes(corpus("held.mp4"))));
+}
+
+TEST(GIF, HasNoFrameThatBrowsersSlowDown) {
+    // Fifty frames per second, half of which remain when the movie is deinterlaced; and more than a GIF can show.
+    const auto fast = convert({.source = corpus("counted50.mkv"), .extension = "gif", .type = 3});
+    const auto times = frameTimes(fast.path());
+    ASSERT_EQ(times.size(), 300U);
+    for (std::size_t i = 1; i < times.size(); ++i) {
+        ASSERT_NEAR(times[i] - times[i - 1], 0.02, 0.0001);
+    }
+    const auto failure =
+        failureOf({.source = corpus("h264.mov"), .extension = "gif", .type = 3, .video = VideoRequest{0, 0, 60, ""}});
+    ASSERT_TRUE(failure);
+    EXPECT_EQ(failure->cause, FailureCause::ValueOutOfRange);
+}
+
+TEST(GIF, HasSquarePixelsInTheShapeOfTheSource) {
+    const auto wide = Probe(convert(animation(corpus("anamorphic.mp4")))).video();
+    EXPECT_EQ(number(wide, "width"), 427);
+    EXPECT_EQ(number(wide, "height"), 240);
+    const auto turned = convert(animation(corpus("phone-90.mp4")));
+    EXPECT_EQ(number(Probe(turned).video(), "width"), 240);
+    EXPECT_EQ(frameNumbers(turned.path(), "transpose=clock"), numbersFrom(0, 149));
+}
+
+TEST(GIF, IsLetterboxedToAnotherShape) {
+    const auto video = Probe(convert({.source = corpus("one-picture.mp4"),
+                                      .extension = "gif",
+                                      .type = 3,
+                                      .video = VideoRequest{0, 0, 0, "width=160:height=160"}}))
+                           .video();
+    EXPECT_EQ(number(video, "width"), 160);
+    EXPECT_EQ(number(video, "height"), 160);
+}
+
+TEST(GIF, IsCopiedFromAGIF) {
+    const auto first = convert(animation(corpus("one-picture.mp4")));
+    const auto second = convert({.source = first.path(), .extension = "gif", .type = 0});
+    EXPECT_EQ(packetHashes(second.path(), "v:0"), packetHashes(first.path(), "v:0"));
+}
+
+TEST(GIF, CannotHoldAudio) {
+    const auto failure = failureOf({.source = corpus("song.m4a"), .extension = "gif", .type = 3});
+    ASSERT_TRUE(failure);
+    EXPECT_EQ(failure->cause, FailureCause::NoVideoTrack);
+}
+
 }  // namespace
 }  // namespace krv::media::test

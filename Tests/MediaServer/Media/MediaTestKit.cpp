@@ -234,8 +234,9 @@ std::string tagOf(const nlohmann::json& object, const std::string& key) {
 }
 
 std::vector<double> frameTimes(const std::string& path) {
-    const auto json = nlohmann::json::parse(run({KRV_FFPROBE, "-v", "quiet", "-of", "json", "-select_streams", "v:0",
-                                                 "-show_entries", "frame=best_effort_timestamp_time:format=start_time", path}));
+    const auto json =
+        nlohmann::json::parse(run({KRV_FFPROBE, "-v", "quiet", "-of", "json", "-select_streams", "v:0", "-show_entries",
+                                   "frame=best_effort_timestamp_time:format=start_time", path}));
     const double start = number(json.at("format"), "start_time");
     std::vector<double> times;
     for (const auto& frame : json.at("frames")) {

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 
 #include "MergeTestKit.h"
+#include "Numbers.h"
 
 namespace krv::media::test {
 namespace {
@@ -111,6 +112,27 @@ TEST(MergeFormats, ACodecThatTheContainerCannotHoldIsReplaced) {
     EXPECT_EQ(text(probe.video(), "codec_name"), "h264");
     EXPECT_EQ(text(probe.audio(), "codec_name"), "aac");
     EXPECT_NEAR(number(probe.video(), "nb_read_frames"), 2 * 25 * Probe(testMedia("theora.webm")).duration(), 1);
+}
+
+TEST(MergeFormats, AnAVIHasAllFramesInOrder) {
+    const auto output = join({"flash.mov", "tall.mp4", "flash.mov"}, "avi");
+    const Probe probe(output);
+    EXPECT_EQ(number(probe.video(), "nb_read_frames"), 150);
+    EXPECT_EQ(number(probe.video(), "has_b_frames"), 0);
+    for (const double start : {0.0, 2.0, 4.0}) {
+        EXPECT_NEAR(flashTime(output.path(), start), start + 1, 0.04);
+        EXPECT_NEAR(beepTime(output.path(), start), start + 1, 0.02);
+    }
+}
+
+TEST(MergeFormats, AGIFHasThePaletteOfAllSources) {
+    const auto output = join({"left.mp4", "plain.mov"}, "gif");
+    EXPECT_EQ(Probe(output).streams("audio").size(), 0U);
+    EXPECT_EQ(number(Probe(output).video(), "nb_read_frames"), 75);
+    // The first source is black and white only.
+    const auto shown = shownColours(output.path(), 50);
+    const auto expected = shownColours(join({"left.mp4", "plain.mov"}, "mov").path(), 50);
+    EXPECT_LT(colourDifference(shown, expected).mean, 4);
 }
 
 TEST(MergeFormats, ASourceWithoutVideoIsBlackAndOneWithoutAudioSilent) {
