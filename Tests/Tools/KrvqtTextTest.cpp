@@ -45,6 +45,9 @@ TEST(EncodingType, FollowsFromTheDestinationByDefault) {
     EXPECT_EQ(defaultEncodingType("/a/b.mp4"), 1);
     EXPECT_EQ(defaultEncodingType("/a/b.WEBM"), 5);
     EXPECT_EQ(defaultEncodingType("/a/b.flac"), 7);
+    EXPECT_EQ(defaultEncodingType("/a/b.gif"), 3);
+    EXPECT_EQ(defaultEncodingType("/a/b.avi"), 3);
+    EXPECT_EQ(defaultEncodingType("/a/b.ts"), 1);
     EXPECT_EQ(defaultEncodingType("/a.flac/b"), 1);
 }
 

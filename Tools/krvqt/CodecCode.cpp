@@ -78,8 +78,12 @@ bool holdsAudioOnly(std::string_view destination) {
 }
 
 std::int32_t defaultEncodingType(std::string_view destination) {
-    if (lowerCase(std::filesystem::path(destination).extension().string()) == ".webm") {
+    const std::string extension = lowerCase(std::filesystem::path(destination).extension().string());
+    if (extension == ".webm") {
         return krv::VideoConversion::VP9;
+    }
+    if (extension == ".avi" || extension == ".gif") {
+        return krv::VideoConversion::Custom;  // the container's default codecs
     }
     return holdsAudioOnly(destination) ? krv::VideoConversion::AudioOnly : krv::VideoConversion::H264;
 }

@@ -26,7 +26,8 @@ struct TypeCodecs {
 /// Returns whether the extension of a destination is that of a container for audio only.
 [[nodiscard]] bool holdsAudioOnly(std::string_view destination);
 
-/// Returns the default type for a destination: H.264, or by the extension where the container does not hold H.264.
+/// Returns the default type for a destination: H.264, or by the extension where the container does
+/// not hold H.264, or not as well as its own codec.
 [[nodiscard]] std::int32_t defaultEncodingType(std::string_view destination);
 
 }  // namespace krvqt
