@@ -47,9 +47,9 @@ constexpr AVMediaType kAudio = AVMEDIA_TYPE_AUDIO;
 
 /// The layouts that every player of these codecs supports. Audio with more channels is mixed down, unless the request
 /// asks for these channels.
-constexpr std::array<std::uint64_t, 6> kAACLayouts{AV_CH_LAYOUT_MONO,         AV_CH_LAYOUT_STEREO,
+constexpr std::array<std::uint64_t, 7> kAACLayouts{AV_CH_LAYOUT_MONO,         AV_CH_LAYOUT_STEREO,
                                                    AV_CH_LAYOUT_SURROUND,     AV_CH_LAYOUT_4POINT0,
-                                                   AV_CH_LAYOUT_5POINT0_BACK, AV_CH_LAYOUT_5POINT1_BACK};
+                                                   AV_CH_LAYOUT_5POINT0_BACK, AV_CH_LAYOUT_5POINT1_BACK, AV_CH_LAYOUT_7POINT1};
 constexpr std::array<std::uint64_t, 8> kOpusLayouts{
     AV_CH_LAYOUT_MONO,         AV_CH_LAYOUT_STEREO,       AV_CH_LAYOUT_SURROUND, AV_CH_LAYOUT_QUAD,
     AV_CH_LAYOUT_5POINT0_BACK, AV_CH_LAYOUT_5POINT1_BACK, AV_CH_LAYOUT_6POINT1,  AV_CH_LAYOUT_7POINT1};

@@ -178,6 +178,19 @@ TEST(Channels, EachKeepsItsOwnTone) {
     }
 }
 
+TEST(Channels, EightStayEight) {
+    using testing::ElementsAre;
+    const auto around = [](int tone) { return testing::AllOf(testing::Ge(tone - 3), testing::Le(tone + 3)); };
+    for (const char* extension : {"mp4", "mkv", "mov", "m4a", "ts"}) {
+        const auto output = convert({.source = corpus("eight.mkv"), .extension = extension, .type = 7});
+        EXPECT_EQ(text(Probe(output).audio(), "codec_name"), "aac");
+        EXPECT_EQ(text(Probe(output).audio(), "channel_layout"), "7.1");
+        EXPECT_THAT(tones(output.path()), ElementsAre(around(300), around(500), around(700), around(60), around(900),
+                                                      around(1500), around(1100), around(1300)))
+            << extension;
+    }
+}
+
 TEST(CoverArt, IsNeverTakenForVideo) {
     for (const char* album : {"album.m4a", "album.mp3"}) {
         const auto output = convert({.source = corpus(album), .extension = "mp4", .type = 1});
