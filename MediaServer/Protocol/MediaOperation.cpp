@@ -78,6 +78,12 @@ Checked checkMerge(const KRVOperationBase& request) {
             return error;
         }
     }
+    if (auto error = checkKind(request, kArgumentMergeFrameRate, Kind::Float64, "a 64-bit float")) {
+        return error;
+    }
+    if (auto error = checkKind(request, kArgumentMergeSize, Kind::Size, "a size")) {
+        return error;
+    }
     return checkKind(request, kArgumentMergeSourcesUseShortest, Kind::Boolean, "a boolean");
 }
 
@@ -92,7 +98,8 @@ using Duration = MediaOperation::Duration;
 constexpr std::array kEncodeArguments{&kArgumentEncodingType, &kArgumentEncodingFlattenOnly,
                                       &kArgumentEncodingVideoParameters, &kArgumentEncodingAudioParameters};
 constexpr std::array kThumbnailArguments{&kArgumentThumbnailInfoSize, &kArgumentThumbnailCount};
-constexpr std::array kMergeArguments{&kArgumentMergeSources, &kArgumentMergeSourcesUseShortest};
+constexpr std::array kMergeArguments{&kArgumentMergeSources, &kArgumentMergeSourcesUseShortest,
+                                     &kArgumentMergeFrameRate, &kArgumentMergeSize};
 constexpr std::array kTimesArguments{&kArgumentTrackIndex};
 
 constexpr std::array<MediaOperation, 6> kTable{{

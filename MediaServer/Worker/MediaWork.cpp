@@ -150,6 +150,12 @@ void merge(const Message& job, media::ProgressSink& progress, KRVOperationBase& 
     request.destinationPath = destinationPath(job);
     const Value* const shortest = job.record->arguments()->find(kArgumentMergeSourcesUseShortest);
     request.useShortest = shortest && shortest->boolValue();
+    if (const Value* const rate = job.record->arguments()->find(kArgumentMergeFrameRate)) {
+        request.frameRate = rate->doubleValue();
+    }
+    if (const Value* const size = job.record->arguments()->find(kArgumentMergeSize)) {
+        request.size = {size->sizeValue().width, size->sizeValue().height};
+    }
     const media::MovieReport report = media::merge(request, progress);
     reportDropped(end, report.droppedTracks, true);
     Array truncated;

@@ -16,6 +16,8 @@ constinit const std::string_view kArgumentThumbnailCount = "thumbnailCount";
 constinit const std::string_view kArgumentMovieInfoMetadata = "movieInfoMetadata";
 constinit const std::string_view kArgumentMergeSources = "videoMergeSources";
 constinit const std::string_view kArgumentMergeSourcesUseShortest = "videoMergeSourcesUseShortest";
+constinit const std::string_view kArgumentMergeFrameRate = "videoMergeFrameRate";
+constinit const std::string_view kArgumentMergeSize = "videoMergeSize";
 constinit const std::string_view kArgumentTrackIndex = "trackIndex";
 constinit const std::string_view kArgumentQueuePosition = "queuePosition";
 

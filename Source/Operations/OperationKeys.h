@@ -37,6 +37,10 @@ KRV_EXPORT extern const std::string_view kArgumentMovieInfoMetadata;
 KRV_EXPORT extern const std::string_view kArgumentMergeSources;
 /// Boolean.
 KRV_EXPORT extern const std::string_view kArgumentMergeSourcesUseShortest;
+/// Float64, frames per second: overrides the frame rate of a merge.
+KRV_EXPORT extern const std::string_view kArgumentMergeFrameRate;
+/// Size in pixels: overrides the size of a merge.
+KRV_EXPORT extern const std::string_view kArgumentMergeSize;
 /// Integer: index of a track.
 KRV_EXPORT extern const std::string_view kArgumentTrackIndex;
 /// Integer, in a reply about progress: how many operations of its kind run or wait before an operation that waits.

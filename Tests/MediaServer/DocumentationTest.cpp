@@ -22,6 +22,8 @@ TEST(Documentation, NamesEveryKey) {
                                        kArgumentMovieInfoMetadata,
                                        kArgumentMergeSources,
                                        kArgumentMergeSourcesUseShortest,
+                                       kArgumentMergeFrameRate,
+                                       kArgumentMergeSize,
                                        kArgumentTrackIndex,
                                        kResultInterestingTimes,
                                        kResultInterestingTimeValues,

@@ -21,6 +21,8 @@ const std::vector<std::string_view> kArguments{kArgumentEncodingSourceFilename,
                                                kArgumentMovieInfoMetadata,
                                                kArgumentMergeSources,
                                                kArgumentMergeSourcesUseShortest,
+                                               kArgumentMergeFrameRate,
+                                               kArgumentMergeSize,
                                                kArgumentTrackIndex,
                                                kArgumentQueuePosition};
 const std::vector<std::string_view> kResults{
@@ -35,12 +37,12 @@ const std::vector<std::string_view> kMetadata{kMediaMetadataCodec,    kMediaMeta
                                               kMediaMetadataPoster};
 
 TEST(OperationKeys, HaveTheTextsOfTheWireForm) {
-    EXPECT_EQ(kArguments,
-              (std::vector<std::string_view>{
-                  "encodingSourceFilename", "encodingDestinationFilename", "encodingVideoParams", "encodingAudioParams",
-                  "encodingFlattenOnly", "encodingType", "pidRegInfoPID", "numOpsNumberOnServer", "numOpsNames",
-                  "thumbnailInfoSize", "thumbnailCount", "movieInfoMetadata", "videoMergeSources",
-                  "videoMergeSourcesUseShortest", "trackIndex", "queuePosition"}));
+    EXPECT_EQ(kArguments, (std::vector<std::string_view>{
+                              "encodingSourceFilename", "encodingDestinationFilename", "encodingVideoParams",
+                              "encodingAudioParams", "encodingFlattenOnly", "encodingType", "pidRegInfoPID",
+                              "numOpsNumberOnServer", "numOpsNames", "thumbnailInfoSize", "thumbnailCount",
+                              "movieInfoMetadata", "videoMergeSources", "videoMergeSourcesUseShortest",
+                              "videoMergeFrameRate", "videoMergeSize", "trackIndex", "queuePosition"}));
     EXPECT_EQ(kResults,
               (std::vector<std::string_view>{"interestingTimes", "values", "timescale", "thumbnails", "path", "time"}));
     EXPECT_EQ(kDroppedTracks, (std::vector<std::string_view>{"droppedTracks", "source", "index", "kind", "codec",

@@ -5,6 +5,7 @@
 #include "FailureText.h"
 #include "ProgressDisplay.h"
 #include "TemporaryFolder.h"
+#include "TextValues.h"
 
 namespace krvqt {
 namespace {
@@ -59,6 +60,16 @@ TEST(EncodingType, StandsForCodecs) {
     EXPECT_EQ(codecsOfType(3)->video, 0U);
     EXPECT_FALSE(codecsOfType(0));
     EXPECT_FALSE(codecsOfType(99));
+}
+
+TEST(TextValues, TimesAreSecondsOrClockTimes) {
+    EXPECT_EQ(secondsFrom("90"), 90);
+    EXPECT_EQ(secondsFrom("90.5"), 90.5);
+    EXPECT_EQ(secondsFrom("1:30.5"), 90.5);
+    EXPECT_EQ(secondsFrom("2:01:30.25"), 7290.25);
+    for (const char* const text : {"", "-1", "x", "1:", ":1", "1:60", "1.5:00", "1:2:3:4", "nan", "inf", "1e3", "1 "}) {
+        EXPECT_EQ(secondsFrom(text), std::nullopt) << text;
+    }
 }
 
 TEST(ProgressLine, ShowsBarPercentAndTimes) {

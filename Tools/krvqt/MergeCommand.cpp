@@ -2,6 +2,7 @@
 #include "FileOperation.h"
 #include "OwnRecord.h"
 #include "Paths.h"
+#include "TextValues.h"
 
 namespace krvqt {
 
@@ -20,12 +21,22 @@ ExitStatus merge(const MergeOptions& options, const CommonOptions& common) {
     if (const ExitStatus status = checkDestination(destination, options.force); status != kDone) {
         return status;
     }
+    const auto size = options.size ? sizeFrom(*options.size) : std::nullopt;
+    if (options.size && !size) {
+        return usage("--size takes a width and a height in pixels, such as 640x360");
+    }
     // The shared client has no merge call.
     const auto call = [&](const ServerAccess& access, const auto& progress, krv::ErrorOut error) {
         const krv::Array list(sources.begin(), sources.end());
-        (void)runRecord(access,
-                        krv::KRVOperationBase::mergeSourcesOperation(krv::Value(list), destination, options.shortest),
-                        progress, error);
+        const auto record =
+            krv::KRVOperationBase::mergeSourcesOperation(krv::Value(list), destination, options.shortest);
+        if (size) {
+            record->arguments()->set(krv::kArgumentMergeSize, *size);
+        }
+        if (options.fps) {
+            record->arguments()->set(krv::kArgumentMergeFrameRate, *options.fps);
+        }
+        (void)runRecord(access, record, progress, error);
     };
     return makeFile({.operation = "merge", .sources = sources, .destination = destination}, call, common);
 }

@@ -60,6 +60,8 @@ struct MergeOptions {
     /// The last one is the destination.
     std::vector<std::string> files;
     bool shortest = false;
+    std::optional<std::string> size;
+    std::optional<double> fps;
     bool force = false;
 };
 

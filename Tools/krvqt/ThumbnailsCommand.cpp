@@ -1,4 +1,3 @@
-#include <charconv>
 #include <filesystem>
 
 #include <fmt/format.h>
@@ -8,32 +7,10 @@
 #include "FileOperation.h"
 #include "OwnRecord.h"
 #include "Paths.h"
+#include "TextValues.h"
 
 namespace krvqt {
 namespace {
-
-/// Parses "640x360". Either side may be 0 or missing. Returns nullopt for any other text.
-std::optional<krv::Size> sizeFrom(const std::string& text) {
-    const auto cross = text.find_first_of("xX");
-    if (cross == std::string::npos) {
-        return std::nullopt;
-    }
-    const auto side = [](std::string_view digits) -> std::optional<int> {
-        int value = 0;
-        if (digits.empty()) {
-            return value;
-        }
-        const auto [end, failure] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
-        return failure == std::errc() && end == digits.data() + digits.size() && value >= 0 ? std::optional(value)
-                                                                                            : std::nullopt;
-    };
-    const auto width = side(std::string_view(text).substr(0, cross));
-    const auto height = side(std::string_view(text).substr(cross + 1));
-    if (!width || !height) {
-        return std::nullopt;
-    }
-    return krv::Size{static_cast<double>(*width), static_cast<double>(*height)};
-}
 
 /// Returns whether the folder holds thumbnails of an earlier run.
 bool holdsThumbnails(const std::string& folder) {

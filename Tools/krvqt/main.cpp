@@ -82,6 +82,8 @@ void addMerge(CLI::App& app, MergeOptions& options) {
         ->required()
         ->type_name("SOURCE... DESTINATION");
     command.add_flag("--shortest", options.shortest, "end each movie with its shortest track, not its longest");
+    command.add_option("--size", options.size, "size in pixels, instead of that of the first movie")->type_name("WxH");
+    command.add_option("--fps", options.fps, "frames per second, instead of those of the first movie")->type_name("F");
     addForce(command, options.force);
 }
 

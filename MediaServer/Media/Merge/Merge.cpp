@@ -1,6 +1,9 @@
 #include <algorithm>
+#include <cmath>
 #include <map>
 #include <memory>
+
+#include <fmt/format.h>
 
 #include <MediaServer/Media/Container/Metadata.h>
 #include <MediaServer/Media/Container/OutputFile.h>
@@ -10,6 +13,7 @@
 #include <MediaServer/Media/Merge/MergeCopyTrack.h>
 #include <MediaServer/Media/Merge/MergePlan.h>
 #include <MediaServer/Media/Merge/MergeVideoTrack.h>
+#include <MediaServer/Media/Video/FrameRate.h>
 
 // How time is laid out.
 //
@@ -53,6 +57,14 @@ constexpr double kSurveyed = 0.05;
 constexpr double kCopied = 0.65;
 constexpr double kEncoded = 0.98;
 
+/// Limits of a frame rate that a request asks for, in frames per second.
+constexpr double kSlowest = 0.01;
+constexpr double kFastest = 1000;
+
+/// Limits of a size that a request asks for, in pixels.
+constexpr int kShortestSide = 2;
+constexpr int kLongestSide = 16384;
+
 /// How far apart tracks may be interleaved in one file.
 constexpr std::int64_t kInterleaving = AV_TIME_BASE;
 
@@ -84,19 +96,51 @@ FramePtr firstFrame(Source& source, std::size_t index) {
     return first;
 }
 
+[[noreturn]] void refuse(std::string what, std::string allowed) {
+    throw Failure({.cause = FailureCause::ValueOutOfRange, .subject = std::move(what), .detail = std::move(allowed)});
+}
+
+bool isSide(double side) {
+    // Halves of a side are stored for colours.
+    return side >= kShortestSide && side <= kLongestSide && std::fmod(side, 2) == 0;
+}
+
+MergeWishes checkedWishes(const MergeRequest& request, const Container& container) {
+    MergeWishes wishes;
+    wishes.useShortest = request.useShortest;
+    if (request.frameRate) {
+        const double highest = container.times == Times::Delays ? kHighestGIFRate : kFastest;
+        if (!(*request.frameRate >= kSlowest && *request.frameRate <= highest)) {  // NaN is in no range
+            refuse(fmt::format("frame rate {}", *request.frameRate), fmt::format("from {} to {}", kSlowest, highest));
+        }
+        wishes.rate = rationalRate(*request.frameRate);
+    }
+    if (request.size) {
+        const auto [width, height] = *request.size;
+        if (!isSide(width) || !isSide(height)) {
+            refuse(fmt::format("size {} x {}", width, height),
+                   fmt::format("of even sides from {} to {}", kShortestSide, kLongestSide));
+        }
+        wishes.width = static_cast<int>(width);
+        wishes.height = static_cast<int>(height);
+    }
+    return wishes;
+}
+
 class Merger {
 public:
     Merger(const MergeRequest& request, ProgressSink& sink)
         : request_(request)
         , progress_(sink)
-        , container_(containerForPath(request.destinationPath)) {}
+        , container_(containerForPath(request.destinationPath))
+        , wishes_(checkedWishes(request, container_)) {}
 
     MovieReport run() {
         if (request_.sources.empty()) {
             throw Failure({.cause = FailureCause::InvalidArgument, .subject = "sources", .detail = "is empty"});
         }
         surveyAll();
-        plan_ = planMerge(surveys_, container_, request_.useShortest);
+        plan_ = planMerge(surveys_, container_, wishes_);
         OutputFile output(request_.destination, container_, progress_);
         describe(output);
         makeTracks();
@@ -200,9 +244,10 @@ private:
         }
         if (track.kind == AVMEDIA_TYPE_VIDEO) {
             FramePtr palette = track.codec->id == AV_CODEC_ID_GIF ? choosePalette(track) : nullptr;
-            return std::make_unique<MergeVideoTrack>(
-                MergeVideoTrack::Model{stream, firstFrame(*model, index), plan_.tick, end, std::move(palette)},
-                *track.codec);
+            return std::make_unique<MergeVideoTrack>(MergeVideoTrack::Model{stream, firstFrame(*model, index),
+                                                                            plan_.tick, end, wishes_.width,
+                                                                            wishes_.height, std::move(palette)},
+                                                     *track.codec);
         }
         return std::make_unique<MergeAudioTrack>(stream, *track.codec, end);
     }
@@ -302,6 +347,7 @@ private:
     const MergeRequest& request_;
     Progress progress_;
     const Container& container_;
+    const MergeWishes wishes_;
     std::size_t at_ = 0;  // the current source
     std::vector<SourceSurvey> surveys_;
     MovieReport report_;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,14 @@ struct MergeRequest {
     /// Whether each source ends with its shortest track. Otherwise shorter tracks are extended to the end of the
     /// longest one, by their last frame or by silence.
     bool useShortest = false;
+    /// Frames per second, above 0. Nothing: see merge().
+    std::optional<double> frameRate{};
+    struct Size {
+        double width = 0;
+        double height = 0;
+    };
+    /// In pixels, which are square then. Both sides are whole. Nothing: see merge().
+    std::optional<Size> size{};
 };
 
 /// Joins the sources one after another into one movie.
@@ -32,6 +41,9 @@ struct MergeRequest {
 /// if its frame rate is below 20, the highest one of all sources is used. Frames of another shape are letterboxed. A
 /// source without video is black, and one without audio is silent. Each source becomes a chapter, named after its title
 /// or else its file. Tags are kept if all sources share them. Subtitles are dropped.
+///
+/// MergeRequest::frameRate and MergeRequest::size override rate and size. Fails with ValueOutOfRange if they cannot be
+/// used.
 ///
 /// Threads and failures are those of encode(). If one source cannot be used, the whole merge fails, and Failure::source
 /// is its index. Without sources it fails with InvalidArgument.

@@ -47,10 +47,10 @@ bool agree(const TrackSurvey& a, const TrackSurvey& b) {
 
 class Planner {
 public:
-    Planner(const std::vector<SourceSurvey>& sources, const Container& container, bool useShortest)
+    Planner(const std::vector<SourceSurvey>& sources, const Container& container, const MergeWishes& wishes)
         : sources_(sources)
         , container_(container)
-        , useShortest_(useShortest) {}
+        , wishes_(wishes) {}
 
     MergePlan plan() {
         chooseTracks();
@@ -110,6 +110,9 @@ private:
                 rate = part->rate;
             }
         }
+        if (wishes_.rate.num > 0) {
+            rate = wishes_.rate;
+        }
         if (container_.times == Times::Delays && av_q2d(rate) > kHighestGIFRate) {
             rate = {kHighestGIFRate, 1};
         }
@@ -118,7 +121,7 @@ private:
     }
 
     std::int64_t length(std::size_t source) const {
-        return useShortest_ ? sources_[source].shortest() : sources_[source].longest();
+        return wishes_.useShortest ? sources_[source].shortest() : sources_[source].longest();
     }
 
     bool canCopy(const PlannedTrack& track) const {
@@ -141,12 +144,24 @@ private:
         return true;
     }
 
+    /// Returns whether a track has the size and rate that the request asks for.
+    bool isAsWished(const TrackSurvey& part) const {
+        const AVCodecParameters& codec = *part.parameters;
+        const bool sized =
+            wishes_.width == 0 || (codec.width == wishes_.width && codec.height == wishes_.height &&
+                                   part.displayMatrix.empty() && sameRational(part.pixelShape, AVRational{1, 1}));
+        return sized && (wishes_.rate.num == 0 || av_cmp_q(part.rate, wishes_.rate) == 0);
+    }
+
     bool videoFits(const TrackSurvey& part, std::size_t source) const {
+        if (!isAsWished(part)) {
+            return false;
+        }
         const std::int64_t tick = av_rescale_q(1, plan_.tick, kMicroseconds);
         if (part.hidesLaterPackets || (part.hidesPackets && (source > 0 || !container_.edits))) {
             return false;  // only the beginning of a movie can have hidden frames
         }
-        if (sources_.size() == 1 && !useShortest_) {
+        if (sources_.size() == 1 && !wishes_.useShortest) {
             return true;
         }
         // A frame cannot be cut off if frames that are stored after it are shown before it.
@@ -188,7 +203,7 @@ private:
             std::int64_t next = std::max(plan_.boundaries.back() + 1, toTicks(exact));
             // Copied video cannot be shortened.
             if (copied != plan_.tracks.end()) {
-                if (const TrackSurvey& part = *copied->parts[i]; !useShortest_ || part.reordersFrames) {
+                if (const TrackSurvey& part = *copied->parts[i]; !wishes_.useShortest || part.reordersFrames) {
                     next = std::max(next, plan_.boundaries.back() + toTicks(part.end));
                 }
             }
@@ -198,7 +213,7 @@ private:
 
     const std::vector<SourceSurvey>& sources_;
     const Container& container_;
-    const bool useShortest_;
+    const MergeWishes& wishes_;
     MergePlan plan_;
 };
 
@@ -212,8 +227,8 @@ bool MergePlan::encodes() const {
     return std::any_of(tracks.begin(), tracks.end(), [](const PlannedTrack& track) { return track.codec; });
 }
 
-MergePlan planMerge(const std::vector<SourceSurvey>& sources, const Container& container, bool useShortest) {
-    return Planner(sources, container, useShortest).plan();
+MergePlan planMerge(const std::vector<SourceSurvey>& sources, const Container& container, const MergeWishes& wishes) {
+    return Planner(sources, container, wishes).plan();
 }
 
 }  // namespace krv::media

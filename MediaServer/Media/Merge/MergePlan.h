@@ -9,6 +9,14 @@
 
 namespace krv::media {
 
+/// What a request asks of a merge. Already checked.
+struct MergeWishes {
+    bool useShortest = false;
+    AVRational rate{0, 1};  ///< frames per second; 0: that of the sources
+    int width = 0;          ///< of upright frames, in square pixels; 0: that of the sources
+    int height = 0;
+};
+
 /// One track of the merged movie.
 struct PlannedTrack {
     AVMediaType kind;
@@ -34,6 +42,6 @@ struct MergePlan {
 /// Plans a merge. sources: one or more, which must outlive the plan. Throws Failure with NoAudioTrack if the container
 /// is for audio and no source has any.
 [[nodiscard]] MergePlan planMerge(const std::vector<SourceSurvey>& sources, const Container& container,
-                                  bool useShortest);
+                                  const MergeWishes& wishes);
 
 }  // namespace krv::media

@@ -20,6 +20,11 @@ void MergeVideoTrack::open(OutputFile& output) {
     format_ = chooseVideoFormat({model_.stream, *model_.firstFrame, codec_, settings_, upright});
     format_.interlaced = false;
     format_.fitted = true;
+    if (model_.width > 0) {
+        format_.width = model_.width;
+        format_.height = model_.height;
+        format_.sampleAspect = {1, 1};
+    }
     const AVRational rate = av_inv_q(model_.tick);
     encoder_.emplace(EncoderSession::Request{codec_, 0, settings_}, output, [&](AVCodecContext& context) {
         describe(format_, context);

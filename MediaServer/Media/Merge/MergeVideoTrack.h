@@ -21,7 +21,9 @@ public:
         FramePtr firstFrame;     ///< the first frame of the stream
         AVRational tick;         ///< duration of a frame, in seconds
         std::int64_t end;        ///< end of the merged movie, in microseconds
-        FramePtr palette{};      ///< for GIF, of PaletteChooser
+        int width = 0;           ///< in square pixels; 0: that of the first frame
+        int height = 0;
+        FramePtr palette{};  ///< for GIF, of PaletteChooser
     };
     MergeVideoTrack(Model model, const Codec& codec);
 

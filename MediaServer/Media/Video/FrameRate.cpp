@@ -1,3 +1,5 @@
+#include <cmath>
+
 #include <MediaServer/Media/Video/FrameRate.h>
 
 namespace krv::media {
@@ -25,6 +27,14 @@ AVRational constantFrameRate(const Source& source, const AVStream& stream) {
     const AVRational fitting = stream.r_frame_rate;
     const bool plausible = fitting.num > 0 && fitting.den > 0 && av_q2d(fitting) <= kHighestUsualRate;
     return plausible && av_cmp_q(fitting, usual) > 0 ? fitting : usual;
+}
+
+AVRational rationalRate(double fps) {
+    const double whole = std::round(fps * 1.001);
+    if (std::abs(whole * 1000 / 1001 - fps) < 0.002 && std::abs(fps - std::round(fps)) > 0.002) {
+        return {static_cast<int>(whole) * 1000, 1001};
+    }
+    return av_d2q(fps, 100000);
 }
 
 }  // namespace krv::media

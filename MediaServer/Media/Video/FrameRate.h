@@ -10,4 +10,7 @@ namespace krv::media {
 /// Returns a constant frame rate at which, if possible, every frame of a stream has its exact place. Never zero.
 [[nodiscard]] AVRational constantFrameRate(const Source& source, const AVStream& stream);
 
+/// Returns a requested rate as a fraction. 29.97 means 30000/1001.
+[[nodiscard]] AVRational rationalRate(double fps);
+
 }  // namespace krv::media

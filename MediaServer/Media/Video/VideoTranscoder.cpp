@@ -15,16 +15,6 @@ constexpr int kMPEG4Ticks = 65535;
 /// Units per second of a GIF.
 constexpr int kHundredths = 100;
 
-/// Returns a requested rate as a fraction. The request has a 32-bit float, in which 29.97 means 30000/1001.
-AVRational rationalRate(float fps) {
-    const double value = static_cast<double>(fps);
-    const double whole = std::round(value * 1.001);
-    if (std::abs(whole * 1000 / 1001 - value) < 0.002 && std::abs(value - std::round(value)) > 0.002) {
-        return {static_cast<int>(whole) * 1000, 1001};
-    }
-    return av_d2q(value, 100000);
-}
-
 /// Returns a frame without data, as the header describes it, for a stream of which no frame has been decoded yet.
 FramePtr expectedFrame(const AVStream& from) {
     FramePtr frame = newFrame();
@@ -43,7 +33,7 @@ VideoTranscoder::VideoTranscoder(const Source& source, const AVStream& from, Req
     , from_(from)
     , request_(std::move(request))
     , constant_(request_.fps > 0)
-    , rate_(constant_ ? rationalRate(request_.fps) : frameRate(source, from))
+    , rate_(constant_ ? rationalRate(static_cast<double>(request_.fps)) : frameRate(source, from))
     , decoder_(from) {}
 
 void VideoTranscoder::push(const AVPacket& packet) {

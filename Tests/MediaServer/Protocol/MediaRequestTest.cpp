@@ -81,6 +81,8 @@ TEST(MediaRequest, NamesTheArgumentThatIsMissingOrOfTheWrongKind) {
         {merge({"/a.mov", "b.mov"}), kArgumentMergeSources},
         {merge(Array(kMostMergeSources + 1, Value("/a.mov"))), kArgumentMergeSources},
         {with(merge(), kArgumentMergeSourcesUseShortest, "yes"), kArgumentMergeSourcesUseShortest},
+        {with(merge(), kArgumentMergeFrameRate, "25"), kArgumentMergeFrameRate},
+        {with(merge(), kArgumentMergeSize, "320x240"), kArgumentMergeSize},
         {without(merge(), kArgumentEncodingDestinationFilename), kArgumentEncodingDestinationFilename},
         {with(times(), kArgumentTrackIndex, "0"), kArgumentTrackIndex},
     };

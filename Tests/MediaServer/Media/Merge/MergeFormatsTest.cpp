@@ -1,3 +1,5 @@
+#include <limits>
+
 #include <gmock/gmock.h>
 
 #include "MergeTestKit.h"
@@ -105,6 +107,68 @@ TEST(MergeFormats, TheFirstSourceDecidesSizeRateChannelsAndCodec) {
     const auto web = Probe(join({"flash.webm", "flash.mov"}, "webm"));
     EXPECT_EQ(text(web.video(), "codec_name"), "vp9");
     EXPECT_EQ(text(web.audio(), "codec_name"), "opus");
+}
+
+MergeRequest wish(std::optional<double> rate, std::optional<MergeRequest::Size> size = {}) {
+    MergeRequest request;
+    request.frameRate = rate;
+    request.size = size;
+    return request;
+}
+
+TEST(MergeFormats, TheRequestOverridesTheFrameRate) {
+    const auto output = joinAs(wish(50), {"flash.mov", "wide.mp4"}, "mp4");
+    EXPECT_EQ(text(Probe(output).video(), "avg_frame_rate"), "50/1");
+    EXPECT_EQ(number(Probe(output).video(), "nb_read_frames"), 200);
+    for (const double start : {0.0, 2.0}) {
+        EXPECT_NEAR(flashTime(output.path(), start), start + 1, 0.04);
+        EXPECT_NEAR(beepTime(output.path(), start) - flashTime(output.path(), start), 0, 0.03);
+    }
+    const auto television = joinAs(wish(29.97), {"flash.mov"}, "mp4");
+    EXPECT_EQ(text(Probe(television).video(), "avg_frame_rate"), "30000/1001");
+}
+
+TEST(MergeFormats, TheRequestOverridesTheSizeAndSourcesAreLetterboxed) {
+    const auto output = joinAs(wish({}, MergeRequest::Size{400, 100}), {"square.mp4", "square-pixels.mp4"}, "mp4");
+    const auto video = Probe(output).video();
+    EXPECT_EQ(number(video, "width"), 400);
+    EXPECT_EQ(number(video, "height"), 100);
+    for (const double time : {0.5, 1.5}) {
+        const GreyFrame frame = frameAt(output.path(), time);
+        EXPECT_LT(frame.at(100, 50), kBlack) << "a bar";
+        EXPECT_LT(frame.at(300, 50), kBlack) << "a bar";
+        int wide = 0, high = 0;
+        for (int x = 0; x < 400; ++x) {
+            wide += frame.at(x, 50) > kWhite ? 1 : 0;
+        }
+        for (int y = 0; y < 100; ++y) {
+            high += frame.at(200, y) > kWhite ? 1 : 0;
+        }
+        EXPECT_NEAR(wide, high, 3) << "the square is still square";
+        EXPECT_NEAR(high, 33, 3);
+    }
+}
+
+TEST(MergeFormats, SourcesThatAreAsTheRequestAsksAreCopied) {
+    const auto output = joinAs(wish(25, MergeRequest::Size{320, 240}), {"flash.mov", "flash.mov"}, "mov");
+    EXPECT_EQ(packetHashes(output.path(), "v:0"), repeated(packetHashes(testMedia("flash.mov"), "v:0"), 2));
+}
+
+TEST(MergeFormats, RatesAndSizesThatCannotBeAreOutOfRange) {
+    constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+    constexpr double kInfinite = std::numeric_limits<double>::infinity();
+    for (const MergeRequest& request :
+         {wish(0), wish(-25), wish(kNaN), wish(kInfinite), wish(1001), wish({}, MergeRequest::Size{0, 0}),
+          wish({}, MergeRequest::Size{320, 0}), wish({}, MergeRequest::Size{-320, 240}),
+          wish({}, MergeRequest::Size{321, 240}), wish({}, MergeRequest::Size{320.5, 240}),
+          wish({}, MergeRequest::Size{kNaN, 240}), wish({}, MergeRequest::Size{320, 20000})}) {
+        try {
+            (void)joinAs(request, {"flash.mov"}, "mov");
+            ADD_FAILURE() << request.frameRate.value_or(0);
+        } catch (const Failure& failure) {
+            EXPECT_EQ(failure.cause, FailureCause::ValueOutOfRange);
+        }
+    }
 }
 
 TEST(MergeFormats, ACodecThatTheContainerCannotHoldIsReplaced) {

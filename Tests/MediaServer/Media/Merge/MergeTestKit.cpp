@@ -4,11 +4,12 @@
 
 namespace krv::media::test {
 
-OutputPath join(const std::vector<std::string>& sources, const std::string& extension, bool useShortest,
+namespace {
+
+OutputPath join(MergeRequest request, const std::vector<std::string>& sources, const std::string& extension,
                 ProgressSink& sink) {
     OutputPath output(extension);
     std::vector<Descriptor> files;
-    MergeRequest request;
     for (const std::string& source : sources) {
         const std::string path = source.starts_with('/') ? source : testMedia(source);
         files.push_back(openToRead(path));
@@ -17,9 +18,22 @@ OutputPath join(const std::vector<std::string>& sources, const std::string& exte
     const Descriptor to(open(output.path().c_str(), O_RDWR | O_CLOEXEC));
     request.destination = to.number();
     request.destinationPath = output.path();
-    request.useShortest = useShortest;
     merge(request, sink);
     return output;
+}
+
+}  // namespace
+
+OutputPath join(const std::vector<std::string>& sources, const std::string& extension, bool useShortest,
+                ProgressSink& sink) {
+    MergeRequest request;
+    request.useShortest = useShortest;
+    return join(std::move(request), sources, extension, sink);
+}
+
+OutputPath joinAs(const MergeRequest& wishes, const std::vector<std::string>& sources, const std::string& extension) {
+    RecordingSink sink;
+    return join(wishes, sources, extension, sink);
 }
 
 OutputPath join(const std::vector<std::string>& sources, const std::string& extension, bool useShortest) {

@@ -14,6 +14,9 @@ OutputPath join(const std::vector<std::string>& sources, const std::string& exte
 OutputPath join(const std::vector<std::string>& sources, const std::string& extension = "mov",
                 bool useShortest = false);
 
+/// As join(), with the frame rate and size of a request.
+OutputPath joinAs(const MergeRequest& wishes, const std::vector<std::string>& sources, const std::string& extension);
+
 /// Returns a list of hashes, repeated.
 std::vector<std::string> repeated(const std::vector<std::string>& hashes, std::size_t times);
 

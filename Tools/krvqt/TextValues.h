@@ -1,0 +1,18 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <KRVQTProcessClient/KRVQTProcessClient.h>
+
+namespace krvqt {
+
+/// Parses "640x360". Either side may be 0 or missing, which is 0 too. Returns nullopt for any other text.
+[[nodiscard]] std::optional<krv::Size> sizeFrom(const std::string& text);
+
+/// Parses a time: seconds ("90.5"), minutes and seconds ("1:30.5") or hours, minutes and seconds ("0:01:30.5"). Returns
+/// seconds, or nullopt for any other text.
+[[nodiscard]] std::optional<double> secondsFrom(std::string_view text);
+
+}  // namespace krvqt
