@@ -25,6 +25,32 @@ constexpr float kFastest = 1000;
 /// Where the phase in which a palette is chosen ends.
 constexpr double kPaletteMade = 0.2;
 
+using Time = std::optional<std::int64_t>;
+
+/// Returns a time that may be in the settings for video, for audio or for both.
+Time agreed(const char* key, const Time& video, const Time& audio) {
+    if (video && audio && *video != *audio) {
+        throw Failure({.cause = FailureCause::UnsupportedSetting,
+                       .subject = key,
+                       .detail = "is not the same for video and audio"});
+    }
+    return video ? video : audio;
+}
+
+std::optional<Part> requestedPart(const Settings& video, const Settings& audio) {
+    const Time start = agreed("trimStart", video.trimStart, audio.trimStart);
+    const Time end = agreed("trimEnd", video.trimEnd, audio.trimEnd);
+    if (!start && !end) {
+        return std::nullopt;
+    }
+    const Part part{start.value_or(0), end.value_or(Part::kEnd)};
+    if (part.length() <= 0) {
+        throw Failure(
+            {.cause = FailureCause::UnsupportedSetting, .subject = "trimEnd", .detail = "is not after the start"});
+    }
+    return part;
+}
+
 class Encoding {
 public:
     Encoding(const EncodeRequest& request, ProgressSink& sink)
@@ -48,12 +74,17 @@ public:
                 (void)codecForFourCC(request.audio->codec, AVMEDIA_TYPE_AUDIO);
             }
         }
+        part_ = requestedPart(videoSettings_, audioSettings_);
     }
 
     MovieReport run() {
         Source source(request_.source, request_.sourcePath, progress_);
-        const std::vector<StreamPlan> plan = planStreams(source, container_, type_, request_);
-        std::vector<DroppedTrack> dropped = tracksDroppedBy(plan, source, container_, isAudioOnly());
+        const TrackChoice choice = chooseTracks(source, videoSettings_, audioSettings_);
+        if (part_) {
+            source.restrictTo(*part_);
+        }
+        const std::vector<StreamPlan> plan = planStreams(source, container_, type_, request_, choice);
+        std::vector<DroppedTrack> dropped = tracksDroppedBy(plan, source, container_, choice, isAudioOnly());
         if (videoSettings_.strict || audioSettings_.strict) {
             requireNone(dropped);
         }
@@ -94,6 +125,9 @@ private:
                 checkRange("frame rate", request.fps, kSlowest, kHighestGIFRate);
                 progress_.beginPhase(kPaletteMade);
                 Source again(request_.source, request_.sourcePath, progress_);
+                if (part_) {
+                    again.restrictTo(*part_);
+                }
                 PaletteChooser chooser(videoSettings_, container_);
                 chooser.read(again, plan.index);
                 request.palette = chooser.palette();
@@ -111,6 +145,7 @@ private:
     const EncodingType& type_;
     Settings videoSettings_;
     Settings audioSettings_;
+    std::optional<Part> part_;
 };
 
 }  // namespace

@@ -95,7 +95,7 @@ MovieReport run(const StereoMixRequest& request, Progress& progress) {
     }
     pump.run(encodes || !copies);
     return {.truncatedAt = {source.truncatedAt()},
-            .droppedTracks = tracksDroppedBy(carried, source, container, false)};
+            .droppedTracks = tracksDroppedBy(carried, source, container, TrackChoice{}, false)};
 }
 
 }  // namespace

@@ -6,7 +6,9 @@
 #include "CodecCode.h"
 #include "Commands.h"
 #include "FileOperation.h"
+#include "OwnRecord.h"
 #include "Paths.h"
+#include "TextValues.h"
 
 namespace krvqt {
 namespace {
@@ -21,6 +23,34 @@ struct Request {
     std::shared_ptr<krv::VideoEncodingParameters> video;
     std::shared_ptr<krv::AudioEncodingParameters> audio;
 };
+
+/// Adds the options that are settings of the record: parts, tracks and strictness. Returns false if a time is
+/// malformed.
+bool addSelection(const ConvertOptions& options, TrackOptions& video, TrackOptions& audio) {
+    const auto add = [](TrackOptions& track, std::string_view key, const std::string& value) {
+        const std::string before = track.settings.value_or("");
+        track.settings = fmt::format("{}{}{}={}", before, before.empty() ? "" : ":", key, value);
+    };
+    for (const auto& [key, time] : {std::pair{"trimStart", &options.start}, std::pair{"trimEnd", &options.end}}) {
+        if (*time) {
+            const auto seconds = secondsFrom(**time);
+            if (!seconds) {
+                return false;
+            }
+            add(video, key, fmt::format("{:f}", *seconds));
+        }
+    }
+    if (options.subtitleTracks) {
+        add(video, "subtitleTracks", *options.subtitleTracks);
+    }
+    if (options.audioTracks) {
+        add(audio, "audioTracks", *options.audioTracks);
+    }
+    if (options.strict) {
+        add(video, "strict", "1");
+    }
+    return true;
+}
 
 template <typename Parameters>
 bool fill(std::shared_ptr<Parameters>& parameters, const TrackOptions& options, std::string_view which) {
@@ -67,15 +97,20 @@ std::optional<TypeCodecs> refinedType(const ConvertOptions& options, std::int32_
 
 /// Fills in the parameters of both tracks. Codecs that the options do not name are those of the type.
 ExitStatus refine(const ConvertOptions& options, const TypeCodecs& type, Request& request) {
-    if (options.withVideoSettings() || type.video != 0) {
-        if (!fill(request.video, options.video, "video")) {
+    TrackOptions video = options.video;
+    TrackOptions audio = options.audio;
+    if (!addSelection(options, video, audio)) {
+        return usage("--start and --end take seconds, such as 90.5, or a time such as 0:01:30");
+    }
+    if (video.any() || options.fps || type.video != 0) {
+        if (!fill(request.video, video, "video")) {
             return kUsage;
         }
         request.video->setFps(options.fps.value_or(0.0F));
         request.video->setCodec(request.video->codec() != 0 ? request.video->codec() : type.video);
     }
-    if (options.audio.any() || type.audio != 0) {
-        if (!fill(request.audio, options.audio, "audio")) {
+    if (audio.any() || type.audio != 0) {
+        if (!fill(request.audio, audio, "audio")) {
             return kUsage;
         }
         request.audio->setCodec(request.audio->codec() != 0 ? request.audio->codec() : type.audio);
@@ -104,7 +139,7 @@ ExitStatus prepare(const ConvertOptions& options, Request& request) {
     request.flatten = options.flatten;
     request.withSettings = options.withSettings();
     if (!request.withSettings) {
-        return kDone;
+        return refine(options, {0, 0}, request);
     }
     if (options.flatten) {
         return usage("--flatten copies every track and cannot be combined with video or audio options");
@@ -120,14 +155,15 @@ ExitStatus convert(const ConvertOptions& options, const CommonOptions& common) {
     if (const ExitStatus status = prepare(options, request); status != kDone) {
         return status;
     }
+    // The client's calls do not return the result, and none takes both a type and settings.
     const auto call = [&](const ServerAccess& access, const auto& progress, krv::ErrorOut error) {
-        if (request.withSettings) {
-            access.client->convertMovie(request.source, request.destination, request.video, request.audio, progress,
-                                        error);
-        } else {
-            access.client->convertMovie(request.source, request.destination, request.type, request.flatten, progress,
-                                        error);
+        const auto record = krv::KRVOperationBase::encodeVideoOperation(request.source, request.destination,
+                                                                        request.audio, request.video);
+        if (!request.withSettings) {
+            record->arguments()->set(krv::kArgumentEncodingType, request.type);
+            record->arguments()->set(krv::kArgumentEncodingFlattenOnly, request.flatten);
         }
+        return runRecord(access, record, progress, error);
     };
     return makeFile({.operation = "convert", .sources = {request.source}, .destination = request.destination}, call,
                     common);

@@ -32,6 +32,11 @@ struct ConvertOptions {
     TrackOptions video;
     std::optional<float> fps;
     TrackOptions audio;
+    std::optional<std::string> start;
+    std::optional<std::string> end;
+    std::optional<std::string> audioTracks;
+    std::optional<std::string> subtitleTracks;
+    bool strict = false;
     [[nodiscard]] bool withVideoSettings() const { return video.any() || fps; }
     [[nodiscard]] bool withSettings() const { return withVideoSettings() || audio.any(); }
 };

@@ -45,6 +45,14 @@ void addConvert(CLI::App& app, ConvertOptions& options) {
     command.add_option("--fps", options.fps, "frames per second; 0 keeps the source's own timing")->type_name("F");
     addTrackOptions(command, "video", options.video);
     addTrackOptions(command, "audio", options.audio);
+    command.add_option("--start", options.start, "where to begin: seconds or h:mm:ss")->type_name("T");
+    command.add_option("--end", options.end, "where to end, from the start of the movie: seconds or h:mm:ss")
+        ->type_name("T");
+    command.add_option("--audio-tracks", options.audioTracks, "audio tracks to keep: indices or languages, as 1,deu")
+        ->type_name("LIST");
+    command.add_option("--subtitle-tracks", options.subtitleTracks, "subtitle tracks to keep, in the same form")
+        ->type_name("LIST");
+    command.add_flag("--strict", options.strict, "fail before writing anything if a track would be dropped");
 }
 
 void addForce(CLI::App& command, bool& force) {

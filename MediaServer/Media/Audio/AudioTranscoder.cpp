@@ -13,6 +13,10 @@ void AudioTranscoder::open(OutputFile& output) {
         [this](AVCodecContext& context) { chooseAudioFormat(context, from_, request_.settings, request_.codec); });
     resampler_.emplace(encoder_->context(), from_.time_base,
                        av_rescale_q(source_.lastPlausibleTime(), kMicroseconds, from_.time_base));
+    if (source_.part()) {
+        resampler_->cutAt(
+            av_rescale_q(source_.part()->length(), kMicroseconds, AVRational{1, encoder_->context().sample_rate}));
+    }
     copyTrackMetadata(from_, encoder_->stream(), output.container());
 }
 

@@ -25,6 +25,9 @@ constexpr std::array<std::string_view, 12> kRefusedParts{"stats",    "dump",   "
                                                          "analysis", "log",    "qpfile",       "zones",
                                                          "cqmfile",  "lambda", "scaling-list", "dolby-vision-rpu"};
 
+/// A thousand hours.
+constexpr double kMostSeconds = 3'600'000;
+
 [[noreturn]] void refuse(std::string_view key, std::string why) {
     throw Failure({.cause = FailureCause::UnsupportedSetting, .subject = std::string(key), .detail = std::move(why)});
 }
@@ -52,6 +55,35 @@ Integer number(std::string_view key, std::string_view value, Integer low, Intege
         refuse(key, fmt::format("is out of range ({} to {}): {}", low, high, value));
     }
     return result;
+}
+
+/// Returns microseconds.
+std::int64_t seconds(std::string_view key, std::string_view value) {
+    double result = 0;
+    const char* const end = value.data() + value.size();
+    const auto [rest, error] = std::from_chars(value.data(), end, result, std::chars_format::fixed);
+    if (error != std::errc() || rest != end || !std::isfinite(result)) {
+        refuse(key, fmt::format("is not a number of seconds: “{}”", value));
+    }
+    if (std::signbit(result) || result > kMostSeconds) {
+        refuse(key, fmt::format("is out of range (0 to {}): {}", kMostSeconds, value));
+    }
+    return std::llround(result * AV_TIME_BASE);
+}
+
+std::vector<std::string> trackNames(std::string_view key, std::string_view list) {
+    std::vector<std::string> names;
+    for (bool more = true; more;) {
+        const auto comma = list.find(',');
+        const auto name = list.substr(0, comma);
+        if (name.empty()) {
+            refuse(key, "has an empty entry");
+        }
+        names.emplace_back(name);
+        more = comma != std::string_view::npos;
+        list = more ? list.substr(comma + 1) : std::string_view();
+    }
+    return names;
 }
 
 AVPixelFormat pixelFormat(std::string_view key, const std::string& value) {
@@ -83,6 +115,12 @@ void apply(Settings& settings, std::string_view key, const std::string& value, b
         settings.bitRate = number<std::int64_t>(key, value, 1'000, 1'000'000'000);
     } else if (key == "strict") {
         settings.strict = number(key, value, 0, 1) == 1;
+    } else if (key == "trimStart") {
+        settings.trimStart = seconds(key, value);
+    } else if (key == "trimEnd") {
+        settings.trimEnd = seconds(key, value);
+    } else if (key == (video ? "subtitleTracks" : "audioTracks")) {
+        settings.tracks = trackNames(key, value);
     } else if (video && key == "width") {
         settings.width = number(key, value, 2, 16384);
     } else if (video && key == "height") {

@@ -22,6 +22,10 @@ struct Settings {
     std::optional<AVPixelFormat> pixelFormat;
     /// Whether the conversion fails if the movie would lose a track or a property of one.
     bool strict = false;
+    std::optional<std::int64_t> trimStart;  ///< microseconds from the start of the source
+    std::optional<std::int64_t> trimEnd;    ///< microseconds from the start of the source
+    /// The audio tracks to keep, or the subtitle tracks: each an index or a language. Empty: all.
+    std::vector<std::string> tracks;
     /// "preset" and all other keys, for the encoder, in their order.
     std::vector<std::pair<std::string, std::string>> options;
 };

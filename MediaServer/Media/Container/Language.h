@@ -9,4 +9,8 @@ namespace krv::media {
 /// the other form. Returns all other codes unchanged.
 [[nodiscard]] std::string quickTimeLanguage(const std::string& code);
 
+/// Returns whether two codes mean the same language, as the two forms that ISO 639-2 has for some, or its two letters. In
+/// any case.
+[[nodiscard]] bool sameLanguage(const std::string& one, const std::string& other);
+
 }  // namespace krv::media

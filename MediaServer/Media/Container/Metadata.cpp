@@ -21,7 +21,7 @@ bool describesTheFile(std::string_view key) {
                        [key](std::string_view start) { return key.starts_with(start); });
 }
 
-void copyChapters(const AVFormatContext& from, AVFormatContext& to, std::int64_t shift) {
+void copyChapters(const AVFormatContext& from, AVFormatContext& to, std::int64_t shift, std::int64_t length) {
     if (from.nb_chapters == 0) {
         return;
     }
@@ -33,12 +33,16 @@ void copyChapters(const AVFormatContext& from, AVFormatContext& to, std::int64_t
         if (chapter.end != AV_NOPTS_VALUE && chapter.end + offset <= 0) {
             continue;
         }
+        const std::int64_t last = av_rescale_q(length, kMicroseconds, chapter.time_base);
+        if (chapter.start + offset >= last) {
+            continue;
+        }
         auto* copy = static_cast<AVChapter*>(notNull(av_mallocz(sizeof(AVChapter))));
         chapters[to.nb_chapters++] = copy;
         copy->id = chapter.id;
         copy->time_base = chapter.time_base;
         copy->start = std::max<std::int64_t>(0, chapter.start + offset);
-        copy->end = chapter.end == AV_NOPTS_VALUE ? chapter.end : chapter.end + offset;
+        copy->end = chapter.end == AV_NOPTS_VALUE ? chapter.end : std::min(chapter.end + offset, last);
         copyTags(chapter.metadata, &copy->metadata);
     }
 }
@@ -64,7 +68,8 @@ void copyTags(const AVDictionary* from, AVDictionary** to) {
 
 void copyMovieMetadata(const Source& source, OutputFile& output) {
     copyTags(source.format().metadata, &output.format().metadata);
-    copyChapters(source.format(), output.format(), source.timeShift());
+    copyChapters(source.format(), output.format(), source.timeShift(),
+                 source.part() ? source.part()->length() : Part::kEnd);
 }
 
 void addChapters(const std::vector<Chapter>& chapters, std::int64_t end, OutputFile& output) {

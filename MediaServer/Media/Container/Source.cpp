@@ -1,10 +1,15 @@
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <limits>
 #include <span>
 #include <utility>
 
 #include <sys/stat.h>
+
+extern "C" {
+#include <libavutil/timecode.h>
+}
 
 #include <MediaServer/Media/Container/EditList.h>
 #include <MediaServer/Media/Container/EditTimes.h>
@@ -123,6 +128,7 @@ void Source::open(int descriptor, const std::string& path) {
     shift_ = clockStartsAnywhere ? -start : 0;
     start_ = start + shift_;
     streamsInHeader_ = format_->nb_streams;
+    wholeDuration_ = duration_;
     declaredSize_ = declaredSize(readAtDescriptor(descriptor), size_);
     const std::span streams(format_->streams, format_->nb_streams);
     if ((input.flags & AVFMT_TS_DISCONT) != 0) {
@@ -154,6 +160,46 @@ void Source::adoptTagsOfOgg() {
             }
             return;
         }
+    }
+}
+
+void Source::restrictTo(const Part& part) {
+    if (duration_ > 0 && part.start >= start_ + duration_) {
+        throw Failure({.cause = FailureCause::UnsupportedSetting,
+                       .subject = "trimStart",
+                       .detail = "is not before the end of the movie"});
+    }
+    part_ = part;
+    const std::int64_t end = duration_ > 0 ? std::min(part.end, start_ + duration_) : part.end;
+    duration_ = end < Part::kEnd ? end - part.start : 0;
+    shift_ -= part.start;
+    start_ = std::max<std::int64_t>(0, start_ - part.start);
+    shiftTimeCodes();
+}
+
+// The part begins at a later time code than the movie.
+void Source::shiftTimeCodes() {
+    AVRational rate{0, 1};
+    for (unsigned i = 0; i < format_->nb_streams && rate.num == 0; ++i) {
+        const AVStream& stream = *format_->streams[i];
+        if (stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO && !isCover(stream)) {
+            rate = stream.avg_frame_rate;
+        }
+    }
+    const auto shift = [&](AVDictionary** tags) {
+        const AVDictionaryEntry* const tag = av_dict_get(*tags, "timecode", nullptr, 0);
+        AVTimecode code{};
+        if (!tag || rate.num <= 0 || av_timecode_init_from_string(&code, rate, tag->value, nullptr) < 0) {
+            return;
+        }
+        std::array<char, AV_TIMECODE_STR_SIZE> text{};
+        const std::int64_t frames = av_rescale_q(part_->start, kMicroseconds, av_inv_q(rate));
+        av_timecode_make_string(&code, text.data(), static_cast<int>(frames));
+        av_dict_set(tags, "timecode", text.data(), 0);
+    };
+    shift(&format_->metadata);
+    for (unsigned i = 0; i < format_->nb_streams; ++i) {
+        shift(&format_->streams[i]->metadata);
     }
 }
 
@@ -382,12 +428,16 @@ std::optional<double> Source::truncatedAt() const {
     if (const auto missing = firstMissingTime(*format_, size_)) {
         time = *missing + shift_;
     } else if (!ended_ && declaredSize_) {
-        time = start_ + av_rescale(duration_, size_, *declaredSize_);
+        time = start_ + av_rescale(wholeDuration_, size_, *declaredSize_);
     }
+    time += part_ ? part_->start : 0;
     return static_cast<double>(std::max<std::int64_t>(time, 0)) / AV_TIME_BASE;
 }
 
 std::int64_t Source::lastPlausibleTime() const noexcept {
+    if (part_) {
+        return part_->length();
+    }
     // The header of a spliced recording does not contain its whole length.
     const bool known = duration_ > 0 && !(format_->iformat->flags & AVFMT_TS_DISCONT);
     return known ? start_ + duration_ + kSlack : kLongestMovie;

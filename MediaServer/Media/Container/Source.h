@@ -14,6 +14,17 @@
 
 namespace krv::media {
 
+/// A part of a movie, in microseconds of its own time.
+struct Part {
+    /// Later than any movie ends: a thousand hours.
+    static constexpr std::int64_t kEnd = std::int64_t{1000} * 3600 * AV_TIME_BASE;
+
+    std::int64_t start = 0;
+    std::int64_t end = kEnd;
+
+    [[nodiscard]] std::int64_t length() const noexcept { return end - start; }
+};
+
 /// Reads a movie: its streams, and its packets one after another.
 ///
 /// The file is treated as hostile. Formats that name other files (playlists, image sequences, external references) are
@@ -38,6 +49,12 @@ public:
     /// one whose clock jumps: there the difference of the first and last time says nothing. After that, duration() is
     /// what is played, and seek() works everywhere. Must be called before read().
     void measure();
+
+    /// Makes a part of the movie the whole: its own time is then 0 where the part starts, its length is that of the part,
+    /// and time codes are those of the part. Reading still starts at the beginning; see PartReader. Call it before
+    /// reading. Throws Failure with UnsupportedSetting if the part starts after the end.
+    void restrictTo(const Part& part);
+    [[nodiscard]] const std::optional<Part>& part() const noexcept { return part_; }
 
     /// Returns the length of the movie in microseconds, or 0 if it is unknown.
     [[nodiscard]] std::int64_t duration() const noexcept { return duration_; }
@@ -82,6 +99,7 @@ public:
 private:
     void open(int descriptor, const std::string& path);
     void adoptTagsOfOgg();
+    void shiftTimeCodes();
     /// Throws Failure UnreadableSource if any transfer has failed so far.
     void throwIfUnreadable() const;
     /// Reads the next packet with the times of the file.
@@ -94,6 +112,8 @@ private:
     std::int64_t size_ = 0;
     DescriptorIO io_;
     AVFormatContext* format_ = nullptr;
+    std::optional<Part> part_;
+    std::int64_t wholeDuration_ = 0;
     std::int64_t duration_ = 0;
     std::int64_t shift_ = 0;
     std::size_t streamsInHeader_ = 0;

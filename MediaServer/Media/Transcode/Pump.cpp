@@ -45,8 +45,8 @@ void Pump::addCopy(const StreamPlan& plan) {
 }
 
 void Pump::run(bool encodes) {
-    source_.select(read_);
     progress_.beginPhase(encodes || !output_.container().indexInFront ? kEncoded : kCopied);
+    reader_.emplace(source_, read_);
     const auto queued = prime();
     copyMovieMetadata(source_, output_);
     for (const auto& track : tracks_) {
@@ -71,7 +71,7 @@ std::deque<PacketPtr> Pump::prime() {
     };
     while (waiting() && bytes < kMostQueuedBytes) {
         PacketPtr packet = newPacket();
-        if (!source_.read(*packet)) {
+        if (!reader_->read(*packet)) {
             break;
         }
         Track& track = *byIndex_[static_cast<std::size_t>(packet->stream_index)];
@@ -94,7 +94,7 @@ void Pump::convert(const std::deque<PacketPtr>& queued, bool encodes) {
         output_.onWrite([this] { reportEncoded(); });
     }
     const PacketPtr packet = newPacket();
-    while (source_.read(*packet)) {
+    while (reader_->read(*packet)) {
         push(*packet);
         if (!encodes) {
             progress_.reach(source_.bytePosition());

@@ -3,9 +3,11 @@
 #include <cstddef>
 #include <deque>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include <MediaServer/Media/Container/OutputFile.h>
+#include <MediaServer/Media/Container/PartReader.h>
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Container/Track.h>
 #include <MediaServer/Media/Foundation/Progress.h>
@@ -41,6 +43,7 @@ private:
     std::vector<std::unique_ptr<Track>> tracks_;
     std::vector<Track*> byIndex_;  // by index of the source's stream; null if the stream is not read
     std::vector<std::size_t> read_;
+    std::optional<PartReader> reader_;
 };
 
 }  // namespace krv::media

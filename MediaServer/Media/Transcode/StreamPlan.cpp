@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <string>
 
+#include <fmt/format.h>
+
 #include <MediaServer/Media/Container/DroppedTracks.h>
 #include <MediaServer/Media/Container/HiddenPackets.h>
 #include <MediaServer/Media/Container/StreamSelection.h>
@@ -17,11 +19,13 @@ constexpr std::int64_t kUnheardDelay = 10'000;
 
 class Planner {
 public:
-    Planner(const Source& source, const Container& container, const EncodingType& type, const EncodeRequest& request)
+    Planner(const Source& source, const Container& container, const EncodingType& type, const EncodeRequest& request,
+            const TrackChoice& choice)
         : source_(source)
         , container_(container)
         , type_(type)
         , request_(request)
+        , choice_(choice)
         , keepAll_(request.flattenOnly || type.video == EncodingType::Codec::Copy) {}
 
     std::vector<StreamPlan> plan() {
@@ -66,6 +70,7 @@ private:
     /// Returns the indices of the usable streams of a kind, or only the default or first one.
     std::vector<std::size_t> tracks(AVMediaType kind, bool onlyOne) const {
         std::vector<std::size_t> found = usableStreams(source_, kind);
+        std::erase_if(found, [&](std::size_t index) { return !choice_.keeps(kind, index); });
         if (const auto one = defaultOrFirst(source_, found); onlyOne && one) {
             found = {*one};
         }
@@ -83,7 +88,7 @@ private:
             return;
         case EncodingType::Codec::Copy:
             if (container_.holds(stream.codecpar->codec_id) && !losesPresentation(stream) && keepsTimes(stream)) {
-                return copy(index);
+                return canCut(stream) ? copy(index) : encodeAlike(index);
             }
             if (losesEdits(stream)) {
                 return encodeAgain(index, AVMEDIA_TYPE_VIDEO);
@@ -114,7 +119,7 @@ private:
                 return encodeAgain(index, AVMEDIA_TYPE_AUDIO);
             }
             if (container_.holds(stream.codecpar->codec_id) && keepsTimes(stream)) {
-                return copy(index);
+                return canCut(stream) ? copy(index) : encodeAlike(index);
             }
             return encodeByDefault(index, AVMEDIA_TYPE_AUDIO, container_.defaultAudio);
         case EncodingType::Codec::Settings:
@@ -211,6 +216,33 @@ private:
         return start < kUnheardDelay && start > -kUnheardDelay;
     }
 
+    /// Whether a part of a copied track can begin and end where the request says. An edit list hides the frames before.
+    /// Without one, every frame must be a key frame, or the part must begin with the movie and have its frames in order.
+    /// Packets of audio are so short that cutting between them is exact enough; but lossless codecs lose nothing if
+    /// they are encoded again, which is exact.
+    bool canCut(const AVStream& stream) const {
+        if (!source_.part() || container_.edits) {
+            return true;
+        }
+        const AVCodecDescriptor* const descriptor = avcodec_descriptor_get(stream.codecpar->codec_id);
+        const int properties = descriptor ? descriptor->props : 0;
+        if (stream.codecpar->codec_type == AVMEDIA_TYPE_AUDIO) {
+            return (properties & AV_CODEC_PROP_LOSSY) != 0 || !codecLike(*stream.codecpar);
+        }
+        const bool inOrder = source_.part()->start == 0 && stream.codecpar->video_delay == 0;
+        return (properties & AV_CODEC_PROP_INTRA_ONLY) != 0 || inOrder;
+    }
+
+    /// Encodes with the stream's own codec if possible, else with the container's default.
+    void encodeAlike(std::size_t index) {
+        const AVCodecParameters& codec = *source_.stream(index).codecpar;
+        if (const Codec* const like = codecLike(codec); like && container_.holds(like->id)) {
+            return encodeWith(index, codec.codec_type, like->fourCC);
+        }
+        const bool video = codec.codec_type == AVMEDIA_TYPE_VIDEO;
+        encodeByDefault(index, codec.codec_type, video ? container_.defaultVideo : container_.defaultAudio);
+    }
+
     void copy(std::size_t index) { plan_.push_back({index, Treatment::Copy, nullptr}); }
 
     void copyOrRefuse(std::size_t index) {
@@ -222,6 +254,11 @@ private:
         }
         if (losesEdits(source_.stream(index))) {
             throw Failure({.cause = FailureCause::EditsCannotBeCopied});
+        }
+        if (source_.stream(index).codecpar->codec_type == AVMEDIA_TYPE_VIDEO && !canCut(source_.stream(index))) {
+            throw Failure({.cause = FailureCause::SettingDoesNotApply,
+                           .subject = "trimStart",
+                           .detail = fmt::format("copies in {}", container_.extension)});
         }
         copy(index);
     }
@@ -271,6 +308,7 @@ private:
     const Container& container_;
     const EncodingType& type_;
     const EncodeRequest& request_;
+    const TrackChoice& choice_;
     const bool keepAll_;
     std::vector<StreamPlan> plan_;
 };
@@ -278,25 +316,27 @@ private:
 }  // namespace
 
 std::vector<StreamPlan> planStreams(const Source& source, const Container& container, const EncodingType& type,
-                                    const EncodeRequest& request) {
-    return Planner(source, container, type, request).plan();
+                                    const EncodeRequest& request, const TrackChoice& choice) {
+    return Planner(source, container, type, request, choice).plan();
 }
 
 std::vector<StreamPlan> planAllButAudio(const Source& source, const Container& container) {
     EncodeRequest request;
     request.flattenOnly = true;
-    return Planner(source, container, encodingTypeNumbered(0), request).planAllButAudio();
+    const TrackChoice everything;
+    return Planner(source, container, encodingTypeNumbered(0), request, everything).planAllButAudio();
 }
 
 std::vector<DroppedTrack> tracksDroppedBy(const std::vector<StreamPlan>& plan, const Source& source,
-                                          const Container& container, bool audioOnly) {
+                                          const Container& container, const TrackChoice& choice, bool audioOnly) {
     DroppedTracks dropped(source, container);
     for (std::size_t i = 0; i < source.streamCount(); ++i) {
         const AVStream& stream = source.stream(i);
         const auto planned =
             std::find_if(plan.begin(), plan.end(), [i](const StreamPlan& each) { return each.index == i; });
         if (planned == plan.end()) {
-            const bool missed = !audioOnly || isCover(stream) || stream.codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
+            const AVMediaType kind = stream.codecpar->codec_type;
+            const bool missed = choice.keeps(kind, i) && (!audioOnly || isCover(stream) || kind == AVMEDIA_TYPE_AUDIO);
             if (missed) {
                 dropped.add(i);
             }

@@ -9,6 +9,7 @@ namespace krv::media {
 namespace {
 
 constexpr AVRational kMilliseconds{1, 1000};
+constexpr std::int64_t kMillisecond = 1000;  // in microseconds
 constexpr int kLargestText = 256 * 1024;
 
 }  // namespace
@@ -89,6 +90,10 @@ void SubtitleConverter::write(AVSubtitle& subtitle) {
     subtitle.pts += av_rescale_q(subtitle.start_display_time, kMilliseconds, kMicroseconds);
     subtitle.end_display_time -= subtitle.start_display_time;
     subtitle.start_display_time = 0;
+    if (const std::int64_t late = -subtitle.pts / kMillisecond; late > 0 && late < subtitle.end_display_time) {
+        subtitle.end_display_time -= static_cast<std::uint32_t>(late);
+        subtitle.pts = 0;
+    }
     if (subtitle.pts < 0 || av_new_packet(packet_.get(), kLargestText) < 0) {
         return;
     }

@@ -31,12 +31,16 @@ void FrameTimer::push(FramePtr frame, const Sink& sink) {
     heldDuration_ = duration;
 }
 
+void FrameTimer::extendTo(std::int64_t time) {
+    heldDuration_ = std::max(heldDuration_, time - heldSourceTime_);
+}
+
 void FrameTimer::finish(const Sink& sink) {
     if (!held_) {
         return;
     }
     // If the next tick is the end of the movie, another frame would make the movie longer.
-    const std::int64_t end = toEncoder(heldSourceTime_ + heldDuration_);
+    const std::int64_t end = toEncoder(std::min(heldSourceTime_ + heldDuration_, timing_.end));
     if (end > heldTime_ || !emitted_ || !timing_.constant) {
         emitUntil(std::max(end, heldTime_ + 1), sink);
     }

@@ -22,12 +22,14 @@ public:
         AVRational encoder;    ///< time base of the output frames; the inverse of a constant rate
         bool constant;         ///< whether the output has a constant rate
         std::int64_t typical;  ///< duration of a frame whose duration is unknown, in source units
-        std::int64_t end;      ///< frames are not repeated beyond this time, in source units
+        std::int64_t end;      ///< no frame is shown beyond this time, in source units
     };
 
     explicit FrameTimer(const Timing& timing);
 
     void push(FramePtr frame, const Sink& sink);
+    /// Makes the latest frame last until this time, in source units, if it would end before.
+    void extendTo(std::int64_t time);
     void finish(const Sink& sink);
 
 private:

@@ -12,6 +12,7 @@ extern "C" {
 }
 
 #include <MediaServer/Media/Codec/Decoder.h>
+#include <MediaServer/Media/Container/PartReader.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 #include <MediaServer/Media/Foundation/FourCC.h>
 #include <MediaServer/Media/Video/VideoFilter.h>
@@ -99,9 +100,9 @@ void PaletteChooser::read(Source& source, std::size_t index) {
     if (source.duration() == 0 || source.duration() > kShort) {
         decoder.context().skip_frame = AVDISCARD_NONKEY;
     }
-    source.select({index});
+    PartReader reader(source, {index});
     const PacketPtr packet = newPacket();
-    while (source.read(*packet)) {
+    while (reader.read(*packet)) {
         decoder.push(*packet, take);
     }
     decoder.finish(take);

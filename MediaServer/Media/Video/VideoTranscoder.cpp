@@ -12,6 +12,9 @@ namespace {
 /// MPEG-4 Part 2 stores the number of ticks per second in 16 bits.
 constexpr int kMPEG4Ticks = 65535;
 
+/// Times in requests are rounded to this, in microseconds.
+constexpr std::int64_t kRoundedTime = 1000;
+
 /// Units per second of a GIF.
 constexpr int kHundredths = 100;
 
@@ -37,13 +40,36 @@ VideoTranscoder::VideoTranscoder(const Source& source, const AVStream& from, Req
     , decoder_(from) {}
 
 void VideoTranscoder::push(const AVPacket& packet) {
-    decoder_.push(packet, [this](FramePtr frame) {
-        if (encoder_) {
-            convert(std::move(frame));
-        } else {
-            early_.push_back(std::move(frame));
-        }
-    });
+    decoder_.push(packet, [this](FramePtr frame) { receive(std::move(frame)); });
+}
+
+// Of the frames before the beginning, the latest one is shown until the next one begins.
+void VideoTranscoder::receive(FramePtr frame) {
+    if (frame->pts == AV_NOPTS_VALUE) {
+        return accept(std::move(frame));
+    }
+    if (frame->pts < 0) {
+        before_ = std::move(frame);
+        return;
+    }
+    const auto inStream = [this](std::int64_t time) { return av_rescale_q(time, kMicroseconds, from_.time_base); };
+    if (before_ && frame->pts > inStream(kRoundedTime)) {
+        before_->pkt_duration = frame->pts;
+        before_->pts = 0;
+        accept(std::move(before_));
+    }
+    before_.reset();
+    if (!source_.part() || frame->pts < inStream(source_.part()->length())) {
+        accept(std::move(frame));
+    }
+}
+
+void VideoTranscoder::accept(FramePtr frame) {
+    if (encoder_) {
+        convert(std::move(frame));
+    } else {
+        early_.push_back(std::move(frame));
+    }
 }
 
 void VideoTranscoder::open(OutputFile& output) {
@@ -140,10 +166,18 @@ void VideoTranscoder::encode(FramePtr frame) {
 }
 
 void VideoTranscoder::finish() {
-    decoder_.finish([this](FramePtr frame) { convert(std::move(frame)); });
+    decoder_.finish([this](FramePtr frame) { receive(std::move(frame)); });
+    if (before_ && source_.part()) {
+        before_->pts = 0;
+        accept(std::move(before_));  // it is shown during the whole part
+    }
     convert(nullptr);
     const auto encodeTimed = [this](FramePtr timed) { encode(std::move(timed)); };
     filter_->finish([&](FramePtr ready) { timer_->push(std::move(ready), encodeTimed); });
+    // The last frame of a part is shown until its end, though in the movie others follow.
+    if (source_.part() && source_.duration() > 0 && source_.part()->end < Part::kEnd) {
+        timer_->extendTo(av_rescale_q(source_.duration(), kMicroseconds, from_.time_base));
+    }
     timer_->finish(encodeTimed);
     if (mapper_) {
         mapper_->finish([this](FramePtr mapped) { encoder_->encode(*mapped); });

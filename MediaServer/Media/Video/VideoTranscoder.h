@@ -36,6 +36,8 @@ public:
 private:
     void prepare(AVCodecContext& context, const VideoFormat& format, const AVFrame& first) const;
     [[nodiscard]] AVRational timeBase(AVCodecID codec) const;
+    void receive(FramePtr frame);
+    void accept(FramePtr frame);
     void countFrames();
     void showFromTheBeginning(const Container& container);
     void convert(FramePtr frame);
@@ -47,6 +49,7 @@ private:
     bool constant_;    // whether the output has a constant frame rate
     AVRational rate_;  // of the output; if it is not constant, a hint
     Decoder decoder_;
+    FramePtr before_;             // the latest frame before the beginning
     std::deque<FramePtr> early_;  // decoded before the output is opened
     VideoFormat format_;
     std::optional<VideoFilter> filter_;

@@ -55,6 +55,19 @@ TEST(Settings, KnownAudioKeysBecomeNumbers) {
     EXPECT_EQ(settings.bitRate, 64000);
 }
 
+TEST(Settings, TrimTimesAreMicroseconds) {
+    for (const AVMediaType type : {kVideo, kAudio}) {
+        const Settings settings = parseSettings("trimStart=1.5:trimEnd=61.000001", type);
+        EXPECT_EQ(settings.trimStart, 1'500'000);
+        EXPECT_EQ(settings.trimEnd, 61'000'001);
+    }
+}
+
+TEST(Settings, TracksAreAList) {
+    EXPECT_THAT(parseSettings("audioTracks=1,deu", kAudio).tracks, ElementsAre("1", "deu"));
+    EXPECT_THAT(parseSettings("subtitleTracks=fra", kVideo).tracks, ElementsAre("fra"));
+}
+
 TEST(Settings, OtherKeysAreEncoderOptionsInTheirOrder) {
     EXPECT_THAT(parseSettings("preset=slow:g=50:x264-params=keyint=30", kVideo).options,
                 ElementsAre(Pair("preset", "slow"), Pair("g", "50"), Pair("x264-params", "keyint=30")));
@@ -111,6 +124,12 @@ INSTANTIATE_TEST_SUITE_P(
                     Refused{"channels=0", kAudio, "channels", "is out of range"},
                     Refused{"channels=9", kAudio, "channels", "is out of range (1 to 8)"},
                     Refused{"sampleRate=1", kAudio, "sampleRate", "is out of range"},
+                    Refused{"trimStart=", kVideo, "trimStart", "is not a number of seconds"},
+                    Refused{"trimStart=nan", kVideo, "trimStart", "is not a number of seconds"},
+                    Refused{"trimEnd=1s", kAudio, "trimEnd", "is not a number of seconds"},
+                    Refused{"trimEnd=-1", kAudio, "trimEnd", "is out of range"},
+                    Refused{"trimEnd=3600001", kAudio, "trimEnd", "is out of range"},
+                    Refused{"audioTracks=1,,2", kAudio, "audioTracks", "has an empty entry"},
                     Refused{"stats=/tmp/x", kVideo, "stats", "cannot be set"},
                     Refused{"passlogfile=x", kVideo, "passlogfile", "cannot be set"},
                     Refused{"x264-params=stats=/tmp/x", kVideo, "x264-params", "stats"},

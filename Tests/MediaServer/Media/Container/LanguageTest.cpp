@@ -18,5 +18,13 @@ TEST(Language, OtherCodesStayUnchanged) {
     EXPECT_EQ(quickTimeLanguage(""), "");
 }
 
+TEST(Language, FormsOfOneLanguageAreTheSame) {
+    EXPECT_TRUE(sameLanguage("deu", "ger"));
+    EXPECT_TRUE(sameLanguage("GER", "de"));
+    EXPECT_TRUE(sameLanguage("tlh", "tlh"));
+    EXPECT_FALSE(sameLanguage("deu", "eng"));
+    EXPECT_FALSE(sameLanguage("", "eng"));
+}
+
 }  // namespace
 }  // namespace krv::media
