@@ -2,6 +2,7 @@
 
 #include "ArgumentFilter.h"
 #include "CodecCode.h"
+#include "DroppedTracks.h"
 #include "FailureText.h"
 #include "ProgressDisplay.h"
 #include "TemporaryFolder.h"
@@ -70,6 +71,22 @@ TEST(TextValues, TimesAreSecondsOrClockTimes) {
     for (const char* const text : {"", "-1", "x", "1:", ":1", "1:60", "1.5:00", "1:2:3:4", "nan", "inf", "1e3", "1 "}) {
         EXPECT_EQ(secondsFrom(text), std::nullopt) << text;
     }
+}
+
+TEST(DroppedText, NamesTheTrackOrItsProperty) {
+    const auto track = [](int index, const char* kind, const char* codec, const char* language, int source = 0) {
+        return krv::Dictionary{{krv::kResultDroppedTrackIndex, index},       {krv::kResultDroppedTrackKind, kind},
+                               {krv::kResultDroppedTrackCodec, codec},       {krv::kResultDroppedTrackSource, source},
+                               {krv::kResultDroppedTrackLanguage, language}, {krv::kResultDroppedTrackReason, "why"}};
+    };
+    const std::vector<std::string> one{"/a/b.mov"};
+    EXPECT_EQ(droppedText(track(3, "subtitle", "dvd_subtitle", "deu"), one),
+              "subtitle track 3 (dvd_subtitle, deu): why");
+    EXPECT_EQ(droppedText(track(1, "flag", "aac", ""), one), "flag of track 1 (aac): why");
+    EXPECT_EQ(droppedText(track(2, "data", "", ""), one), "data track 2: why");
+    EXPECT_EQ(droppedText(track(-1, "chapters", "", ""), one), "chapters: why");
+    EXPECT_EQ(droppedText(track(2, "cover", "png", "", 1), {"/a/b.mov", "/a/c.mov"}),
+              "c.mov: cover track 2 (png): why");
 }
 
 TEST(ProgressLine, ShowsBarPercentAndTimes) {

@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "DroppedTracks.h"
 #include "FailureText.h"
 #include "Interruption.h"
 #include "OperationThread.h"
@@ -17,6 +18,9 @@ namespace {
 
 using Json = nlohmann::json;
 
+/// How often an operation is sent to a server, as the reliable calls of the library do.
+constexpr int kAttempts = 3;
+
 void print(const Json& json) {
     fmt::print("{}\n", json.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
@@ -27,7 +31,8 @@ public:
         : operation_(operation)
         , common_(common) {}
 
-    ExitStatus done() const {
+    ExitStatus done(const krv::KRVOperationBase::Ref& finished) const {
+        const auto dropped = droppedTracks(finished);
         std::error_code failure;
         const bool isFile = std::filesystem::is_regular_file(operation_.destination, failure);
         const auto bytes = isFile ? std::filesystem::file_size(operation_.destination, failure) : 0;
@@ -37,11 +42,17 @@ public:
             if (isFile) {
                 json["bytes"] = bytes;
             }
+            if (dropped) {
+                json["droppedTracks"] = droppedJSON(*dropped);
+            }
             if (operation_.describe) {
                 operation_.describe(json);
             }
             print(json);
             return kDone;
+        }
+        if (dropped) {
+            printDropped(*dropped, operation_.sources);
         }
         if (operation_.print) {
             operation_.print();
@@ -115,18 +126,28 @@ ExitStatus make(const FileOperation& operation, const FileCall& call, const Serv
     const auto display = std::make_shared<ProgressDisplay>(
         common.quiet, [&access](const krv::KRVOperationBase& each) { return queuePosition(access, each); });
     std::shared_ptr<const krv::Error> error;
-    try {
-        call(access, display, &error);
-    } catch (const krv::Exception& exception) {
-        display->finish(false);
-        return report.serverWentAway(exception);
+    krv::KRVOperationBase::Ref finished;
+    for (int attempt = 1;; ++attempt) {
+        try {
+            finished = call(access, display, &error);
+            break;
+        } catch (const krv::Exception& exception) {
+            if (attempt == kAttempts || Interruption::requested()) {
+                display->finish(false);
+                return report.serverWentAway(exception);
+            }
+        }
+        if (const ExitStatus status = reachServer(access, common); status != kDone) {
+            display->finish(false);
+            return status;
+        }
     }
     const bool cancelled = display->operationWasCancelled() && !error;
     display->finish(!error && !cancelled);
     if (error) {
         return report.failed(*error);
     }
-    return cancelled ? report.cancelled() : report.done();
+    return cancelled ? report.cancelled() : report.done(finished);
 }
 
 ExitStatus ask(std::string_view what, const QuestionCall& call, const ServerAccess& access,

@@ -25,13 +25,14 @@ struct FileOperation {
     std::function<void()> print{};
 };
 
-/// Makes the call to the server and blocks until it ends. Writes the error of a failed operation. Throws Exception if
-/// the server was lost.
-using FileCall = std::function<void(const ServerAccess& access, const std::shared_ptr<krv::OperationProgress>& progress,
-                                    krv::ErrorOut error)>;
+/// Makes the call to the server and blocks until it ends. Returns the finished record, or null with the error of a
+/// failed operation written. Throws Exception if the server was lost.
+using FileCall = std::function<krv::KRVOperationBase::Ref(
+    const ServerAccess& access, const std::shared_ptr<krv::OperationProgress>& progress, krv::ErrorOut error)>;
 
 /// Reaches or launches a server, makes the call on a second thread while the main run loop runs, shows progress on
-/// standard error, and reports the result. Call on the main thread only.
+/// standard error, and reports the result and what was dropped. If the server is lost, launches another one and makes
+/// the call again, at most three times in all: outputs are all or nothing. Call on the main thread only.
 [[nodiscard]] ExitStatus makeFile(const FileOperation& operation, const FileCall& call, const CommonOptions& common);
 
 /// Makes the call to the server and prints the answer. Returns kDone, or kFailed with the error written.

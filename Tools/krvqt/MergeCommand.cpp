@@ -36,7 +36,7 @@ ExitStatus merge(const MergeOptions& options, const CommonOptions& common) {
         if (options.fps) {
             record->arguments()->set(krv::kArgumentMergeFrameRate, *options.fps);
         }
-        (void)runRecord(access, record, progress, error);
+        return runRecord(access, record, progress, error);
     };
     return makeFile({.operation = "merge", .sources = sources, .destination = destination}, call, common);
 }

@@ -1,5 +1,6 @@
 #include "Commands.h"
 #include "FileOperation.h"
+#include "OwnRecord.h"
 #include "Paths.h"
 
 namespace krvqt {
@@ -13,8 +14,9 @@ ExitStatus mux(const MuxOptions& options, const CommonOptions& common) {
     if (const ExitStatus status = checkDestination(destination, options.force); status != kDone) {
         return status;
     }
+    // The client's call does not return the result.
     const auto call = [&](const ServerAccess& access, const auto& progress, krv::ErrorOut error) {
-        access.client->muxMovie(source, destination, progress, error);
+        return runRecord(access, krv::KRVOperationBase::muxAudioTo2chOperation(source, destination), progress, error);
     };
     return makeFile({.operation = "mux", .sources = {source}, .destination = destination}, call, common);
 }

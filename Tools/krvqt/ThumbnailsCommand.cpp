@@ -46,6 +46,7 @@ ExitStatus makeThumbnails(const ThumbnailsOptions& options, const CommonOptions&
         const auto finished = runRecord(access, record, progress, error);
         const auto result = finished ? finished->result() : nullptr;
         thumbnails = result ? (*result)[krv::kResultThumbnails].array() : nullptr;
+        return finished;
     };
     const auto each = [&](const auto& use) {
         for (std::size_t i = 0; thumbnails && i < thumbnails->size(); ++i) {
