@@ -17,7 +17,7 @@ bool isShown(const AVPacket& packet) {
 }  // namespace
 
 bool EditTimes::areNeededFor(const AVStream& stream) {
-    return stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO && hiddenPackets(stream).betweenEdits;
+    return stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO && hiddenPackets(stream).severalEdits;
 }
 
 EditTimes::EditTimes(const AVFormatContext& format, const MovieEdits& edits) {

@@ -88,6 +88,10 @@ void StreamCopier::pushShown(const AVPacket& packet) {
     if (hidden_) {
         write(*std::exchange(hidden_, nullptr));
     }
+    // Where the decoding time steps back, another edit begins, which does not need what the one before hides.
+    if (!hiddenAfter_.empty() && packet.dts <= hiddenAfter_.back()->dts) {
+        hiddenAfter_.clear();
+    }
     hidesLater_ |= !hiddenAfter_.empty();
     for (const PacketPtr& earlier : std::exchange(hiddenAfter_, {})) {
         write(*earlier);

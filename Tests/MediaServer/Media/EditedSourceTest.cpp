@@ -74,6 +74,33 @@ TEST(SeveralEdits, PlayWhatIsLeftInEveryContainer) {
     }
 }
 
+TEST(SeveralEdits, AreCopiedIfTheyBeginAtKeyFrames) {
+    const auto movie = editedMovie(corpus("recording.mov"), {{4, 6}, {0, 2}});
+    const auto expected = together(numbersFrom(100, 149), numbersFrom(0, 49));
+    for (const char* extension : {"mov", "mp4", "mkv"}) {
+        const auto output = convert({.source = movie.path(), .extension = extension, .type = 0});
+        EXPECT_EQ(frameNumbers(output.path()), expected) << extension;
+        const auto copied = packetHashes(output.path(), "v:0");
+        EXPECT_THAT(packetHashes(corpus("recording.mov"), "v:0"), testing::IsSupersetOf(copied)) << extension;
+        EXPECT_NEAR(Probe(output).duration(), 4, 2 * kFrame) << extension;
+        const auto times = frameTimes(output.path());
+        for (std::size_t i = 1; i < times.size(); ++i) {
+            EXPECT_NEAR(times[i] - times[i - 1], kFrame, 0.0015) << extension << i;
+        }
+    }
+}
+
+TEST(SeveralEdits, OfVideoWithKeyFramesOnlyAreFlattened) {
+    OutputPath recording("mov");
+    (void)run({KRV_FFMPEG, "-v", "quiet", "-y", "-i", corpus("counted8.mkv"), "-c:v", "prores_ks", recording.path()});
+    const auto movie = editedMovie(recording.path(), {{4, 6}, {1, 2}});
+    for (const char* extension : {"mov", "mkv"}) {
+        const auto output = convert({.source = movie.path(), .extension = extension, .flatten = true});
+        EXPECT_EQ(frameNumbers(output.path()), framesOfTwoParts()) << extension;
+        EXPECT_EQ(packetHashes(output.path(), "v:0").size(), 75U) << extension;
+    }
+}
+
 TEST(SeveralEdits, AreNotInTheOutputOfOriginal) {
     // What was cut out may be private, so it must not even be stored. Every stored frame is played.
     const auto output = convert({.source = twoParts().path(), .extension = "mp4", .type = 0});
