@@ -12,7 +12,7 @@ namespace {
 std::string number(std::uint64_t value, int bytes) {
     std::string text;
     for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) {
-        text += static_cast<char>(value >> shift & 0xff);
+        text += shift < 64 ? static_cast<char>(value >> shift & 0xff) : '\0';
     }
     return text;
 }
