@@ -21,8 +21,8 @@ namespace krvqt {
 /// Shows an operation's progress on standard error and cancels the operation after a signal.
 ///
 /// On a terminal it redraws one line; elsewhere it prints a line at every tenth. While the operation waits in the
-/// server's queue, it prints how many are before it, and its clock starts with the work. When the server is lost and the
-/// work starts over, it prints so once and restarts its clock.
+/// server's queue, it prints how many are before it, and its clock starts with the work. When the server is lost and
+/// the work starts over, it prints so once and restarts its clock.
 class ProgressDisplay final : public krv::OperationProgress {
 public:
     /// Returns how many operations are before this one in the server's queue. Empty if it does not wait.

@@ -14,8 +14,8 @@ namespace krv::media {
 /// Gives the packets of H.264 or HEVC without a container their times.
 ///
 /// Such a file has neither timestamps nor an index. Its frames are shown at a constant rate, in an order that each of
-/// them contains: its picture order count, which starts over at some key frames. Like a decoder, this holds back as many
-/// frames as the codec may reorder, and the one with the lowest count is the next to be shown.
+/// them contains: its picture order count, which starts over at some key frames. Like a decoder, this holds back as
+/// many frames as the codec may reorder, and the one with the lowest count is the next to be shown.
 class FrameOrder : public TimeRepair {
 public:
     /// Returns whether a file contains nothing but a stream that needs this.

@@ -14,9 +14,10 @@ namespace krv::media {
 /// by byte.
 ///
 /// After a jump all streams are moved by the same time, so they stay in sync. That time is chosen so that the main
-/// stream (video, or else audio) goes on where it was. If another stream shows the jump first, its packets are held back
-/// until the main stream does. Each stream is moved from its own jump on, because a stream may still have packets of the
-/// part before when another one has arrived in the part after it. Audio that overlaps the part before is dropped.
+/// stream (video, or else audio) goes on where it was. If another stream shows the jump first, its packets are held
+/// back until the main stream does. Each stream is moved from its own jump on, because a stream may still have packets
+/// of the part before when another one has arrived in the part after it. Audio that overlaps the part before is
+/// dropped.
 class SpliceRepair : public TimeRepair {
 public:
     /// Borrows the format. The main stream is chosen among those that are not discarded at the first packet.

@@ -30,8 +30,8 @@ struct StreamPlan {
                                                   const TrackChoice& choice);
 
 /// Decides what is done with all streams except audio. They are copied, but text subtitles are converted if necessary,
-/// video whose edits the copy would lose is encoded, and containers for audio get no video. The result may be empty. Throws Failure with ContainerCannotHold if the
-/// container cannot hold the codec of the video.
+/// video whose edits the copy would lose is encoded, and containers for audio get no video. The result may be empty.
+/// Throws Failure with ContainerCannotHold if the container cannot hold the codec of the video.
 [[nodiscard]] std::vector<StreamPlan> planAllButAudio(const Source& source, const Container& container);
 
 /// Lists what of the source a movie written by this plan will not have. Tracks that the request leaves out are not
