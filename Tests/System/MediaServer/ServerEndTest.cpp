@@ -156,6 +156,38 @@ TEST_F(Ending, LeavesNoThumbnailsThatWereCancelledOnABusyDisk) {
     EXPECT_TRUE(fs::is_empty(folder.path() / "state/KRVQuicktimeProcess/unfinished"));
 }
 
+TEST_F(Ending, LeavesNoneOfThousandsOfThumbnailsThatWereCancelled) {
+    fs::create_directory(out("pictures"));
+    start();
+    const auto request =
+        R::createThumbnailsForVideo(std::string(KRV_TEST_MEDIA) + "/long.mov", out("pictures"), {16, 16});
+    constexpr std::int64_t kMany = 9999;
+    request->arguments()->set(kArgumentThumbnailCount, kMany);
+    const auto id = ask(request)->uniqueID();
+    waitUntil([&] {
+        const auto state = ask(R::progressAndCompletionOperation(id));
+        return fs::exists(out("pictures/thumbnail-0001.jpg")) || state->completed() || state->error();
+    });
+    (void)ask(R::cancelOperation(id));
+    const auto since = std::chrono::steady_clock::now();
+    const auto elapsed = [&] {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
+    };
+    R::Ref state;
+    waitUntil([&] {
+        state = ask(R::progressAndCompletionOperation(id));
+        return state->cancelled() || state->completed() || state->error();
+    });
+    std::cout << "[ measured ] " << (state->cancelled() ? "cancelled" : "not cancelled") << " after " << elapsed()
+              << " s\n";
+    process->signal(SIGTERM);
+    EXPECT_EQ(process->wait(), 0);
+    std::cout << "[ measured ] exited after " << elapsed() << " s\n";
+    const auto left = std::distance(fs::directory_iterator(out("pictures")), {});
+    EXPECT_EQ(left, state->cancelled() ? 0 : kMany);
+    EXPECT_TRUE(fs::is_empty(folder.path() / "state/KRVQuicktimeProcess/unfinished"));
+}
+
 TEST_F(Ending, AVeryLongIdleTimeoutDoesNotOverflow) {
     start({"-idleTimeout", "9223372036854775807"});
     EXPECT_EQ(convert(movie(), out()), nullptr);
