@@ -3,7 +3,7 @@
 // The kernel releases a lock when the last thread of its process has ended. A thread that is blocked on a drive may
 // outlive its killed process for as long as the drive does not respond, and no server could start in this time. So the
 // holder writes its process id and start time into the lock file. If the file is locked and that process has exited or
-// is a zombie, the next server locks a new file and renames it over the old one. A zombie runs no code of ours any more.
+// is a zombie, the next server locks a new file and renames it over the old one. A zombie runs no code any more.
 //
 // Two servers that start at the same moment must not both do so. If the second one saw the dead holder before the first
 // one has replaced the file, it would replace the file of the first. If it had opened the old file before, it could get

@@ -22,7 +22,8 @@ class InstanceLock {
 public:
     enum class Result { Held, TakenByAnother, Failed };
 
-    /// Tries to take the lock. Waits for other servers that try at this moment only, for some seconds at most. An empty runtimeFolder is Failed. stateFolder may be empty.
+    /// Tries to take the lock. Waits for other servers that try at this moment only, for some seconds at most. An empty
+    /// runtimeFolder is Failed. stateFolder may be empty.
     [[nodiscard]] Result acquire(const std::filesystem::path& runtimeFolder, const std::filesystem::path& stateFolder);
 
     /// Gives the lock up. The kernel does so only when all threads of the process have ended, and one that is blocked

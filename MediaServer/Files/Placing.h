@@ -6,7 +6,7 @@ namespace krv::server {
 
 /// What putting outputs in place calls, on its own thread.
 struct Placing {
-    /// Called while it takes long, at least once per file, also while files are taken back. Returns whether to continue.
+    /// Called at least once per file, also while files are taken back. Returns whether to continue.
     std::function<bool()> onProgress;
     /// Called once when everything is in place and nothing has been decided yet. Returns whether the outputs are to be
     /// kept. After that, they are, unless the file system fails.

@@ -11,7 +11,7 @@
 namespace krv::test {
 
 /// A mounted file system with one file, "movie.mov", that stops responding at the first request of a kind, like a
-/// network share whose server dies. Requests that it has taken then block their processes, which cannot be killed, until
+/// network share whose server dies. Requests that it has taken block their processes, which cannot be killed, until
 /// respond().
 ///
 /// It is a FUSE mount of this process, which serves it on a thread. Needs root, in a mount namespace of its own. The
