@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "MediaTestKit.h"
+#include "Numbers.h"
 #include <MediaServer/Media/StereoMix.h>
 
 namespace krv::media::test {
@@ -37,6 +38,34 @@ void expectOneStereoTrack(const OutputPath& output, const char* codec = "aac") {
 /// Returns the level of the tone in a channel of a source, away from its ends.
 double sourceLevel(const char* source, std::size_t channel) {
     return decodedAudio(testMedia(source)).level(channel, kTone, 0.5, 1.5);
+}
+
+/// Returns the integrated loudness of the first audio track after EBU R 128, in LUFS.
+double loudness(const std::string& path) {
+    const std::string lines =
+        run({KRV_FFMPEG, "-v", "quiet", "-i", path, "-map", "0:a:0", "-af",
+             "ebur128=metadata=1,ametadata=mode=print:key=lavfi.r128.I:file=-", "-f", "null", "-"});
+    const std::string key = "lavfi.r128.I=";
+    return std::stod(lines.substr(lines.rfind(key) + key.size()));
+}
+
+struct Loudness {
+    std::string source;
+    double change;
+};
+
+TEST(StereoMix, IsAsLoudAsTheSource) {
+    // The centre is in both channels at half its power, so speech stays as loud as it was. R 128 weighs surround channels
+    // by 1.41, but in the mix they have half their power. So five independent channels of the same level change from
+    // 3 + 2 * 1.41 to 4, which is -1.6 dB. A mix that is scaled down to avoid clipping would be 7.7 dB below that. The bound is
+    // for the filter that R 128 begins with, which treats the tones of the channels differently by as much.
+    for (const auto& [source, change] :
+         {Loudness{testMedia("centre.mov"), 0}, Loudness{corpus("surround-ac3.mkv"), -1.63}}) {
+        RecordingSink sink;
+        const double measured = loudness(mix(source, "mov", sink).path()) - loudness(source);
+        std::cout << "[ measured ] change of loudness " << measured << " LU\n";
+        EXPECT_NEAR(measured, change, 0.5) << source;
+    }
 }
 
 TEST(StereoMix, KeepsTheVideoBitForBit) {
