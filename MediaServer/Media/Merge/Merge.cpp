@@ -5,8 +5,10 @@
 
 #include <fmt/format.h>
 
+#include <MediaServer/Media/Container/DroppedTracks.h>
 #include <MediaServer/Media/Container/Metadata.h>
 #include <MediaServer/Media/Container/OutputFile.h>
+#include <MediaServer/Media/Container/StreamSelection.h>
 #include <MediaServer/Media/Foundation/Progress.h>
 #include <MediaServer/Media/Merge/Merge.h>
 #include <MediaServer/Media/Merge/MergeAudioTrack.h>
@@ -290,6 +292,7 @@ private:
                                plan_.boundary(at_ + 1), at_ == 0, at_ + 1 == surveys_.size()});
         }
         source->select(read);
+        listDropped(*source, read);
         std::vector<bool> done(tracks_.size());
         std::vector<std::int64_t> left;
         for (const PlannedTrack& track : plan_.tracks) {
@@ -314,6 +317,36 @@ private:
             track->end();
         }
         progress_.reach((before + weight(at_)) / std::max(all, 1.0));
+    }
+
+    /// Adds to the report what the merged movie does not have of the current source.
+    void listDropped(const Source& source, const std::vector<std::size_t>& kept) {
+        DroppedTracks dropped(source, container_, at_);
+        for (std::size_t i = 0; i < source.streamCount(); ++i) {
+            if (std::find(kept.begin(), kept.end(), i) != kept.end()) {
+                continue;
+            }
+            const AVStream& stream = source.stream(i);
+            if (isCover(stream)) {
+                dropped.add(i, "a merge does not keep covers");
+            } else if (stream.codecpar->codec_type == AVMEDIA_TYPE_AUDIO && !container_.singleTrack) {
+                dropped.add(i, "the first source has fewer audio tracks");
+            } else if (stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO ||
+                       stream.codecpar->codec_type == AVMEDIA_TYPE_AUDIO) {
+                dropped.add(i);
+            } else {
+                dropped.add(i, "a merge keeps video and audio only");
+            }
+        }
+        for (const PlannedTrack& track : plan_.tracks) {
+            if (track.model == at_) {
+                dropped.addLostProperties(track.parts[at_]->index);
+            }
+        }
+        dropped.addChapters("a merge has one chapter for each source");
+        for (DroppedTrack& each : dropped.take()) {
+            report_.droppedTracks.push_back(std::move(each));
+        }
     }
 
     [[nodiscard]] bool allDone(const std::vector<bool>& done) const {

@@ -10,6 +10,7 @@
 
 #include "MediaTestKit.h"
 #include <MediaServer/Media/Foundation/Failure.h>
+#include <MediaServer/Media/Merge/Merge.h>
 #include <MediaServer/Media/StereoMix.h>
 
 namespace krv::media::test {
@@ -185,6 +186,38 @@ TEST(Dropped, AlternativesOfAStereoMix) {
         EXPECT_EQ(each.kind, "audio");
         EXPECT_EQ(each.reason, "only one audio track is written");
     }
+}
+
+TEST(Dropped, WhatAMergeDoesNotKeepOfEachSource) {
+    const OutputPath output("mp4");
+    const Descriptor first = openToRead(testMedia("plain.mov"));
+    const Descriptor second = openToRead(testMedia("subtitles.mkv"));
+    const Descriptor third = openToRead(testMedia("languages.mkv"));
+    const Descriptor fourth = openToRead(testMedia("chapters.mp4"));
+    const Descriptor destination(::open(output.path().c_str(), O_RDWR | O_CLOEXEC));
+    MergeRequest request;
+    request.sources = {{first.number(), testMedia("plain.mov")},
+                       {second.number(), testMedia("subtitles.mkv")},
+                       {third.number(), testMedia("languages.mkv")},
+                       {fourth.number(), testMedia("chapters.mp4")}};
+    request.destination = destination.number();
+    request.destinationPath = output.path();
+    RecordingSink sink;
+    const auto all = merge(request, sink).droppedTracks;
+    const auto of = [&](std::size_t source) {
+        std::vector<std::string> result;
+        for (const DroppedTrack& each : all) {
+            if (each.source == source) {
+                result.push_back(each.kind + ": " + each.reason);
+            }
+        }
+        return result;
+    };
+    EXPECT_THAT(of(0), IsEmpty());
+    EXPECT_THAT(of(1), testing::Each("subtitle: a merge keeps video and audio only"));
+    EXPECT_FALSE(of(1).empty());
+    EXPECT_THAT(of(2), ElementsAre("audio: the first source has fewer audio tracks"));
+    EXPECT_THAT(of(3), ElementsAre("chapters: a merge has one chapter for each source"));
 }
 
 TEST(Dropped, IsAnErrorOfAStrictConversionBeforeAnythingIsWritten) {
