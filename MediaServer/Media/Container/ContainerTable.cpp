@@ -28,7 +28,7 @@ constexpr auto kUnshifted = "avoid_negative_ts=disabled";
 constexpr std::array<Container, 14> kContainers{{
     // extension  muxer       video           audio           subtitles              cover                 front  matrix
     // edits  single times             options
-    {"mov",  "mov",      kH264,          kAAC,           AV_CODEC_ID_MOV_TEXT, CoverArt::None,       true,  true,  true,  false, Times::Stored,    ""},
+    {"mov",  "mov",      kH264,          kAAC,           AV_CODEC_ID_MOV_TEXT, CoverArt::Tag,        true,  true,  true,  false, Times::Stored,    ""},
     {"mp4",  "mp4",      kH264,          kAAC,           AV_CODEC_ID_MOV_TEXT, CoverArt::Stream,     true,  true,  true,  false, Times::Stored,    ""},
     {"m4v",  "mp4",      kH264,          kAAC,           AV_CODEC_ID_MOV_TEXT, CoverArt::Stream,     true,  true,  true,  false, Times::Stored,    "brand=M4V "},
     {"m4a",  "ipod",     0,              kAAC,           AV_CODEC_ID_NONE,     CoverArt::Stream,     true,  false, true, false, Times::Stored,    ""},

@@ -13,6 +13,7 @@ enum class CoverArt {
     None,        ///< not supported
     Stream,      ///< written as a stream with the "attached picture" disposition
     Attachment,  ///< written as an attached file
+    Tag,         ///< written as a tag of the movie
 };
 
 /// How a container stores when something is played.
@@ -29,7 +30,7 @@ struct Container {
     const char* muxer;
     std::uint32_t defaultVideo;  ///< fourcc of the codec that is used by default; 0: it cannot hold video
     std::uint32_t defaultAudio;  ///< 0: it cannot hold audio
-    AVCodecID textSubtitles;  ///< what text subtitles are converted to; AV_CODEC_ID_NONE: it cannot hold any
+    AVCodecID textSubtitles;     ///< what text subtitles are converted to; AV_CODEC_ID_NONE: it cannot hold any
     CoverArt cover;
     bool indexInFront;   ///< "fast start" is possible and wanted
     bool displayMatrix;  ///< can store that video is shown rotated

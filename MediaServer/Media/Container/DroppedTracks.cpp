@@ -48,9 +48,9 @@ constexpr std::array kProperties{
     Properties{"mka", true, true, true, true, kMatroskaFlags},
     Properties{"webm", true, true, true, true, AV_DISPOSITION_FORCED},
     Properties{"ogg", true, true, false, true, 0},
-    Properties{"mp3", false, false, false, true, 0},
-    Properties{"flac", false, false, false, false, 0},
-    Properties{"wav", false, false, false, false, 0},
+    Properties{"mp3", false, true, false, true, 0},
+    Properties{"flac", false, true, false, true, 0},
+    Properties{"wav", false, true, false, false, 0},
 };
 
 const Properties& propertiesOf(const Container& container) {

@@ -1,7 +1,12 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <string>
 #include <string_view>
+
+extern "C" {
+#include <libavutil/avstring.h>
+}
 
 #include <MediaServer/Media/Container/Language.h>
 #include <MediaServer/Media/Container/Metadata.h>
@@ -19,6 +24,19 @@ bool describesTheFile(std::string_view key) {
     return std::find(kFileTags.begin(), kFileTags.end(), key) != kFileTags.end() ||
            std::any_of(kStatistics.begin(), kStatistics.end(),
                        [key](std::string_view start) { return key.starts_with(start); });
+}
+
+/// Returns the key of a tag as cameras write it. Matroska stores all keys in capital letters.
+std::string originalKey(std::string key) {
+    constexpr std::string_view kCamera = "com.apple.quicktime.";
+    if (av_strncasecmp(key.c_str(), kCamera.data(), kCamera.size()) != 0) {
+        return key;
+    }
+    std::transform(key.begin(), key.end(), key.begin(), [](char c) { return static_cast<char>(av_tolower(c)); });
+    if (constexpr std::string_view kPlace = ".iso6709"; key.ends_with(kPlace)) {
+        key.replace(key.size() - kPlace.size(), kPlace.size(), ".ISO6709");
+    }
+    return key;
 }
 
 void copyChapters(const AVFormatContext& from, AVFormatContext& to, std::int64_t shift, std::int64_t length) {
@@ -61,7 +79,7 @@ void copyTags(const AVDictionary* from, AVDictionary** to) {
     const AVDictionaryEntry* entry = nullptr;
     while ((entry = av_dict_get(from, "", entry, AV_DICT_IGNORE_SUFFIX))) {
         if (!describesTheFile(entry->key)) {
-            av_dict_set(to, entry->key, entry->value, 0);
+            av_dict_set(to, originalKey(entry->key).c_str(), entry->value, 0);
         }
     }
 }

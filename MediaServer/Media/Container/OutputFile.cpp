@@ -1,12 +1,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <string>
 
 #include <unistd.h>
 
+#include <fmt/format.h>
+
 #include <MediaServer/Media/Container/OutputFile.h>
+#include <MediaServer/Media/Container/QuickTimeTags.h>
 
 namespace krv::media {
 
@@ -41,10 +45,41 @@ AVStream& OutputFile::addStream() {
     return *notNull(avformat_new_stream(format_, nullptr));
 }
 
-// Cameras use tag names of their own. The muxer keeps these only if it writes tags as another kind of list, which is
-// therefore used for such movies only.
-bool OutputFile::hasCameraTags() const {
-    return av_dict_get(format_->metadata, "com.apple.quicktime.", nullptr, AV_DICT_IGNORE_SUFFIX) != nullptr;
+bool OutputFile::writesKeyedTags() const {
+    return needsKeyedTags(container_, format_->metadata);
+}
+
+void OutputFile::setCover(const AVPacket& picture, bool isPNG) {
+    cover_ = &picture;
+    coverIsPNG_ = isPNG;
+    reserveCover(&format_->metadata, picture);
+}
+
+// Formats with a single track store its language, if at all, among the tags of the file. FLAC stores chapters there,
+// too, but FFmpeg's muxer does not do it.
+void OutputFile::addTagsOfTracks() {
+    if (!container_.singleTrack) {
+        return;
+    }
+    for (unsigned i = 0; i < format_->nb_streams; ++i) {
+        const AVStream& stream = *format_->streams[i];
+        const AVDictionaryEntry* const language = av_dict_get(stream.metadata, "language", nullptr, 0);
+        if (stream.codecpar->codec_type == AVMEDIA_TYPE_AUDIO && language && std::strcmp(language->value, "und") != 0) {
+            av_dict_set(&format_->metadata, "language", language->value, AV_DICT_DONT_OVERWRITE);
+        }
+    }
+    if (container_.extension == "flac") {
+        for (unsigned i = 0; i < format_->nb_chapters; ++i) {
+            const AVChapter& chapter = *format_->chapters[i];
+            const std::int64_t start = av_rescale_q(chapter.start, chapter.time_base, AVRational{1, 1000});
+            const std::string key = fmt::format("CHAPTER{:03}", i);
+            const std::string time = fmt::format("{:02}:{:02}:{:02}.{:03}", start / 3'600'000, start / 60'000 % 60,
+                                                 start / 1000 % 60, start % 1000);
+            const AVDictionaryEntry* const title = av_dict_get(chapter.metadata, "title", nullptr, 0);
+            av_dict_set(&format_->metadata, key.c_str(), time.c_str(), 0);
+            av_dict_set(&format_->metadata, (key + "NAME").c_str(), title ? title->value : "", 0);
+        }
+    }
 }
 
 void OutputFile::writeHeader() {
@@ -53,7 +88,8 @@ void OutputFile::writeHeader() {
     if (container_.indexInFront) {
         av_dict_set(options.address(), "movflags", "+faststart", AV_DICT_APPEND);
     }
-    if (container_.extension == "mov" && hasCameraTags()) {
+    addTagsOfTracks();
+    if (writesKeyedTags()) {
         av_dict_set(options.address(), "movflags", "+use_metadata_tags", AV_DICT_APPEND);
     }
     if (container_.extension == "mp4" || container_.extension == "m4v") {
@@ -99,6 +135,9 @@ void OutputFile::finish() {
     check(0, FailureCause::InternalError, "finishing the file");
     if (const int error = io_.context()->error; error < 0) {
         throw Failure({.cause = FailureCause::UnwritableDestination, .errorNumber = AVUNERROR(error)});
+    }
+    if (cover_ && !fillCover(descriptor_, *cover_, coverIsPNG_)) {
+        throw Failure({.cause = FailureCause::UnwritableDestination, .errorNumber = errno});
     }
     if (!ends_.empty() && !shortenTracks(descriptor_, ends_)) {
         throw Failure({.cause = FailureCause::UnwritableDestination, .errorNumber = errno});

@@ -35,6 +35,13 @@ public:
     /// Adds a stream, which the caller fills in before writeHeader(). This object owns it.
     [[nodiscard]] AVStream& addStream();
 
+    /// Returns whether the tags that have been set are written as a list with keys; see QuickTimeTags.h.
+    [[nodiscard]] bool writesKeyedTags() const;
+
+    /// Stores a cover as a tag. Borrows the picture until finish() has returned. Only where writesKeyedTags(), or in a
+    /// container with CoverArt::Tag.
+    void setCover(const AVPacket& picture, bool isPNG);
+
     /// Throws Failure with UnwritableDestination or ContainerRefusesTracks.
     void writeHeader();
 
@@ -60,7 +67,7 @@ public:
 private:
     static int openForReading(AVFormatContext* format, AVIOContext** io, const char* url, int flags, AVDictionary**);
     static int closeAfterReading(AVFormatContext* format, AVIOContext* io);
-    [[nodiscard]] bool hasCameraTags() const;
+    void addTagsOfTracks();
     void check(int result, FailureCause otherwise, const char* attempt) const;
 
     int descriptor_;
@@ -70,6 +77,8 @@ private:
     std::int64_t bytesToMove_ = 0;
     std::int64_t packets_ = 0;
     std::vector<TrackEnd> ends_;
+    const AVPacket* cover_ = nullptr;
+    bool coverIsPNG_ = false;
     std::function<void()> written_ = [] {};
     DescriptorIO io_;
     std::unique_ptr<DescriptorIO> reader_;

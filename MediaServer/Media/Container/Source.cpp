@@ -119,6 +119,7 @@ void Source::open(int descriptor, const std::string& path) {
     }
 
     adoptTagsOfOgg();
+    adoptLanguage();
     duration_ = format_->duration == AV_NOPTS_VALUE ? 0 : std::max<std::int64_t>(format_->duration, 0);
     const std::int64_t start = format_->start_time == AV_NOPTS_VALUE ? 0 : format_->start_time;
     // The padding that MP3 encoders put in front of the audio is not a pause.
@@ -160,6 +161,16 @@ void Source::adoptTagsOfOgg() {
             }
             return;
         }
+    }
+}
+
+// Formats with a single track store its language among the tags of the file.
+void Source::adoptLanguage() {
+    const AVDictionaryEntry* const language = av_dict_get(format_->metadata, "language", nullptr, 0);
+    const auto audio = usableStreams(*this, AVMEDIA_TYPE_AUDIO);
+    if (language && audio.size() == 1 && usableStreams(*this, AVMEDIA_TYPE_VIDEO).empty()) {
+        av_dict_set(&stream(audio.front()).metadata, "language", language->value, AV_DICT_DONT_OVERWRITE);
+        av_dict_set(&format_->metadata, "language", nullptr, 0);
     }
 }
 

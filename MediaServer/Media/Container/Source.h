@@ -99,6 +99,7 @@ public:
 private:
     void open(int descriptor, const std::string& path);
     void adoptTagsOfOgg();
+    void adoptLanguage();
     void shiftTimeCodes();
     /// Throws Failure UnreadableSource if any transfer has failed so far.
     void throwIfUnreadable() const;

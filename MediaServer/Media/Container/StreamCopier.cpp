@@ -162,6 +162,11 @@ CoverCopier::CoverCopier(const AVStream& from)
 
 void CoverCopier::open(OutputFile& output) {
     output_ = &output;
+    const bool png = from_.codecpar->codec_id == AV_CODEC_ID_PNG;
+    if (output.container().cover == CoverArt::Tag || output.writesKeyedTags()) {
+        output.setCover(from_.attached_pic, png);
+        return;
+    }
     to_ = &output.addStream();
     copyParameters(from_, *to_);
     to_->codecpar->codec_tag = 0;
@@ -173,7 +178,6 @@ void CoverCopier::open(OutputFile& output) {
     }
     const AVPacket& picture = from_.attached_pic;
     const auto size = static_cast<std::size_t>(picture.size);
-    const bool png = from_.codecpar->codec_id == AV_CODEC_ID_PNG;
     AVCodecParameters& codec = *to_->codecpar;
     to_->disposition = 0;
     codec.codec_type = AVMEDIA_TYPE_ATTACHMENT;
@@ -186,7 +190,7 @@ void CoverCopier::open(OutputFile& output) {
 }
 
 void CoverCopier::finish() {
-    if (output_->container().cover != CoverArt::Stream) {
+    if (!to_ || output_->container().cover != CoverArt::Stream) {
         return;
     }
     const PacketPtr packet = reference(from_.attached_pic);

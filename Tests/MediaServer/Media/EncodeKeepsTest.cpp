@@ -187,6 +187,121 @@ TEST(Keeps, CameraTags) {
     const auto output = convert({.source = testMedia("camera.mov"), .extension = "mov", .type = 1});
     EXPECT_EQ(Probe(output).tag("com.apple.quicktime.model"), "Test camera");
     EXPECT_EQ(Probe(output).tag("title"), "From a camera");
+    for (const char* extension : {"mp4", "m4v"}) {
+        const auto movie = convert({.source = testMedia("camera.mov"), .extension = extension, .type = 1});
+        EXPECT_EQ(Probe(movie).tag("com.apple.quicktime.model"), "Test camera") << extension;
+        EXPECT_EQ(Probe(movie).tag("title"), "From a camera") << extension;
+    }
+}
+
+/// A song with a cover, tags of music, chapters and a language.
+OutputPath taggedSong() {
+    OutputPath song("m4a");
+    const OutputPath chapters("txt");
+    writeFile(chapters.path(), ";FFMETADATA1\n[CHAPTER]\nTIMEBASE=1/1000\nSTART=0\nEND=1000\ntitle=First\n"
+                               "[CHAPTER]\nTIMEBASE=1/1000\nSTART=1000\nEND=2000\ntitle=Second\n");
+    run({KRV_FFMPEG,
+         "-v",
+         "error",
+         "-y",
+         "-i",
+         testMedia("cover.m4a"),
+         "-i",
+         chapters.path(),
+         "-map",
+         "0",
+         "-map_chapters",
+         "1",
+         "-c",
+         "copy",
+         "-metadata:s:a:0",
+         "language=fra",
+         "-metadata",
+         "album_artist=Everybody",
+         "-metadata",
+         "composer=Someone",
+         "-metadata",
+         "description=About",
+         "-metadata",
+         "track=3/9",
+         "-metadata",
+         "disc=1/2",
+         "-metadata",
+         "lyrics=La la",
+         song.path()});
+    return song;
+}
+
+TEST(Keeps, TagsOfMusicAndTheCoverInMov) {
+    const OutputPath song = taggedSong();
+    for (const std::int32_t type : {0, 1}) {
+        const auto output = convert({.source = song.path(), .extension = "mov", .type = type});
+        const Probe probe(output);
+        EXPECT_EQ(probe.tag("title"), "With a cover");
+        EXPECT_EQ(probe.tag("album_artist"), "Everybody");
+        EXPECT_EQ(probe.tag("composer"), "Someone");
+        EXPECT_EQ(probe.tag("description"), "About");
+        EXPECT_EQ(probe.tag("track"), "3/9");
+        EXPECT_EQ(probe.tag("disc"), "1/2");
+        EXPECT_EQ(probe.tag("lyrics"), "La la");
+        ASSERT_EQ(probe.covers().size(), 1U);
+        EXPECT_EQ(text(probe.covers()[0], "codec_name"), "mjpeg");
+        EXPECT_EQ(packetHashes(output.path(), "v:0"), packetHashes(song.path(), "v:0"));
+        // And back, where the cover is a stream again.
+        const Probe back(convert({.source = output.path(), .extension = "m4a", .type = 0}));
+        EXPECT_EQ(back.tag("album_artist"), "Everybody");
+        EXPECT_EQ(back.covers().size(), 1U);
+    }
+}
+
+TEST(Keeps, TheCoverBesideCameraTags) {
+    const OutputPath source("mka");
+    run({KRV_FFMPEG,
+         "-v",
+         "error",
+         "-y",
+         "-i",
+         testMedia("cover.m4a"),
+         "-map",
+         "0:a",
+         "-c",
+         "copy",
+         "-attach",
+         testMedia("cover.jpg"),
+         "-metadata:s:t",
+         "mimetype=image/jpeg",
+         "-metadata:s:t",
+         "filename=cover.jpg",
+         "-metadata",
+         "com.apple.quicktime.make=Maker",
+         "-metadata",
+         "com.apple.quicktime.location.ISO6709=+48.1+011.5/",
+         source.path()});
+    for (const char* extension : {"mp4", "m4a", "mov"}) {
+        const Probe probe(convert({.source = source.path(), .extension = extension, .type = 0}));
+        EXPECT_EQ(probe.covers().size(), 1U) << extension;
+        EXPECT_EQ(probe.tag("com.apple.quicktime.make"), "Maker") << extension;
+        const auto tags = probe.all().at("format").at("tags");
+        EXPECT_EQ(text(tags, "com.apple.quicktime.location.ISO6709"), "+48.1+011.5/") << extension;
+    }
+}
+
+TEST(Keeps, TheLanguageInFormatsWithOneTrack) {
+    const OutputPath song = taggedSong();
+    for (const char* extension : {"mp3", "flac", "wav"}) {
+        const auto output = convert({.source = song.path(), .extension = extension, .type = 7});
+        EXPECT_EQ(Probe(output).tag("language"), "fra") << extension;
+        const auto back = convert({.source = output.path(), .extension = "mp4", .type = 7});
+        EXPECT_EQ(tagOf(Probe(back).audio(), "language"), "fra") << extension;
+    }
+}
+
+TEST(Keeps, ChaptersInFLAC) {
+    const auto output = convert({.source = taggedSong().path(), .extension = "flac", .type = 7});
+    const auto chapters = Probe(output).all().at("chapters");
+    ASSERT_EQ(chapters.size(), 2U);
+    EXPECT_EQ(tagOf(chapters[1], "title"), "Second");
+    EXPECT_NEAR(std::stod(text(chapters[1], "start_time")), 1, 0.001);
 }
 
 TEST(Keeps, EveryAudioTrackWithItsLanguage) {
