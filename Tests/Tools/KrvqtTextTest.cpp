@@ -190,7 +190,9 @@ TEST(ProgressDisplay, PrintsALineAtEveryTenthAwayFromATerminal) {
 TEST(ProgressDisplay, SaysWhenTheWorkStartsOver) {
     testing::internal::CaptureStderr();
     ProgressDisplay display(false);
-    for (const float progress : {0.35F, 0.05F, 0.12F}) {
+    display.operation(nullptr, 0.35F);
+    display.startOver();
+    for (const float progress : {0.05F, 0.12F}) {
         display.operation(nullptr, progress);
     }
     EXPECT_EQ(testing::internal::GetCapturedStderr(),

@@ -141,6 +141,7 @@ ExitStatus make(const FileOperation& operation, const FileCall& call, const Serv
             display->finish(false);
             return status;
         }
+        display->startOver();
     }
     const bool cancelled = display->operationWasCancelled() && !error;
     display->finish(!error && !cancelled);

@@ -63,7 +63,6 @@ bool ProgressDisplay::operation(const krv::KRVOperationBase::Ref& operation, flo
     }
     const auto before = mayWait_ && queue_ ? queue_(*operation) : std::nullopt;
     if (before) {
-        last_ = static_cast<double>(progress);
         drawWaiting(*before);
     } else {
         mayWait_ = false;
@@ -94,20 +93,22 @@ void ProgressDisplay::drawWaiting(std::int64_t before) {
     }
 }
 
+void ProgressDisplay::startOver() {
+    if (quiet_) {
+        return;
+    }
+    fmt::print(stderr, "{}krvqt: the media server was lost; another one starts over\n",
+               std::exchange(lineDrawn_, false) ? "\r\033[K" : "");
+    restartClock();
+    mayWait_ = true;
+    lastTenth_ = -1;
+}
+
 bool ProgressDisplay::operationWasCancelled() const {
     return operation_ && operation_->cancelled();
 }
 
 void ProgressDisplay::draw(double fraction) {
-    if (fraction < last_) {
-        // Progress from one server never decreases, so this is another server.
-        fmt::print(stderr, "{}krvqt: the media server was lost; another one starts over\n",
-                   std::exchange(lineDrawn_, false) ? "\r\033[K" : "");
-        restartClock();
-        mayWait_ = true;
-        lastTenth_ = -1;
-    }
-    last_ = fraction;
     const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start_);
     if (terminal_) {
         fmt::print(stderr, "\r{}\033[K", progressLine(fraction, elapsed, terminalColumns()));

@@ -21,8 +21,7 @@ namespace krvqt {
 /// Shows an operation's progress on standard error and cancels the operation after a signal.
 ///
 /// On a terminal it redraws one line; elsewhere it prints a line at every tenth. While the operation waits in the
-/// server's queue, it prints how many are before it, and its clock starts with the work. When the server is lost and
-/// the work starts over, it prints so once and restarts its clock.
+/// server's queue, it prints how many are before it, and its clock starts with the work.
 class ProgressDisplay final : public krv::OperationProgress {
 public:
     /// Returns how many operations are before this one in the server's queue. Empty if it does not wait.
@@ -35,6 +34,9 @@ public:
 
     /// Returns whether the operation was cancelled, by krvqt or by another client. The call itself does not report it.
     [[nodiscard]] bool operationWasCancelled() const;
+
+    /// Prints that the server was lost and the work starts over, and restarts the clock.
+    void startOver();
 
     /// Completes the line if the operation completed, otherwise erases it.
     void finish(bool completed);
@@ -51,7 +53,6 @@ private:
     std::optional<std::int64_t> before_{};  // as printed last
     const bool terminal_;
     std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
-    double last_ = 0;
     int lastTenth_ = -1;
     bool lineDrawn_ = false;
 };
