@@ -39,8 +39,10 @@ void report(const std::string& name, WorkerChannel& channel) {
         Array pictures(3000, Value(std::make_shared<Dictionary>(Dictionary{
                                  {kResultThumbnailTime, 0.0}, {kThumbnailOffset, 0}, {kThumbnailLength, 1}})));
         end.setResult(std::make_shared<Dictionary>(Dictionary{{kResultThumbnails, std::move(pictures)}}));
+    } else {
+        // Nothing but the output is missing.
+        end.setResult(std::make_shared<Dictionary>(Dictionary{{kResultDroppedTracks, Array()}}));
     }
-    // The others say that they are done.
     channel.send(end);
 }
 
