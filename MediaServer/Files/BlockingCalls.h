@@ -22,7 +22,7 @@ class BlockingCalls {
     class Abandoned;
 
 public:
-    /// What a call tells while it runs.
+    /// Reports of a call while it runs.
     class Report {
     public:
         /// Reports that the call advances. Returns whether anybody still waits for it.
@@ -35,7 +35,7 @@ public:
         /// Says which drive the call accesses from now on; see MountTable. Returns false if it should not, because too
         /// many abandoned threads are blocked on that drive.
         [[nodiscard]] bool mayUse(dev_t drive) const;
-        /// Says which drive the call accesses from now on, where there is no choice.
+        /// Sets the drive that the call accesses from now on, where it is not known before.
         void uses(dev_t drive) const { (void)mayUse(drive); }
 
     private:

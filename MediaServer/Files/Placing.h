@@ -4,7 +4,7 @@
 
 namespace krv::server {
 
-/// What putting outputs in place calls, on its own thread.
+/// The calls that put outputs in place. They run on their own thread.
 struct Placing {
     /// Called at least once per file, also while files are taken back. Returns whether to continue.
     std::function<bool()> onProgress;

@@ -315,7 +315,7 @@ std::shared_ptr<const Error> makeError(const KRVOperationBase& request, const Fa
          fmt::format("Cannot {}{}: {}.", attempt(request, sourceName(request, sources, failure), destination),
                      destinationSuffix(request, row, destination), phrase)},
         {NSLocalizedFailureReasonErrorKey, reasonOf(failure, phrase)}};
-    // A longer path is no file's.
+    // No file has a longer path.
     if (!path.empty() && path.size() < PATH_MAX) {
         userInfo.set(kErrorFilePath, path);
     }

@@ -43,7 +43,7 @@ public:
                 json["bytes"] = bytes;
             }
             if (dropped) {
-                json["droppedTracks"] = droppedJSON(*dropped);
+                json[std::string(krv::kResultDroppedTracks)] = droppedJSON(*dropped);
             }
             if (operation_.describe) {
                 operation_.describe(json);

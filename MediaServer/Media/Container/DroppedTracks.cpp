@@ -65,7 +65,7 @@ std::string tag(const AVStream& stream, const char* key) {
     return entry ? entry->value : "";
 }
 
-/// Returns the language tag of a track. Ignores texts that are none: a file may contain anything there.
+/// Returns the language tag of a track, or an empty text if the file has something else there.
 std::string languageOf(const AVStream& stream) {
     constexpr std::size_t kLongest = 35;  // of BCP 47
     const std::string language = tag(stream, "language");

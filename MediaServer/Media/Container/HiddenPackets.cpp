@@ -24,7 +24,7 @@ HiddenPackets hiddenPackets(const AVStream& stream) {
             continue;
         }
         if (steppedBack) {
-            // What an edit hides among its shown packets is shown if another one follows.
+            // The muxer shows packets that an edit hides among its shown ones, if another edit follows.
             found.severalEdits = true;
             found.betweenEdits |= hidden || found.among;
         } else {

@@ -7,7 +7,7 @@
 //
 // libavahi-core has one lock. Our calls take it, and its callbacks run on its own thread with it held. A search's
 // events are passed to the main run loop, whichever thread started the search, so that its owner has one thread to deal
-// with. There they are dropped if the search is no longer the current one, so on the main thread nothing is delivered
+// with. There they are dropped if the search is no longer the current one, so the main thread delivers nothing
 // after stop().
 //
 // A name that is found means little. Its publisher may be dead (records stay in caches for minutes) or belong to

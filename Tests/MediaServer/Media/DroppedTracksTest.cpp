@@ -1,4 +1,4 @@
-// What a conversion leaves behind is named, for every kind of loss.
+// Every kind of loss is listed, with its reason.
 #include <algorithm>
 #include <string>
 #include <vector>

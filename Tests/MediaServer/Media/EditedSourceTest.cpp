@@ -102,7 +102,7 @@ TEST(SeveralEdits, OfVideoWithKeyFramesOnlyAreFlattened) {
 }
 
 TEST(SeveralEdits, AreNotInTheOutputOfOriginal) {
-    // What was cut out may be private, so it must not even be stored. Every stored frame is played.
+    // Footage that was cut out may be private, so it must not even be stored. Every stored frame is played.
     const auto output = convert({.source = twoParts().path(), .extension = "mp4", .type = 0});
     EXPECT_EQ(packetHashes(output.path(), "v:0").size(), framesOfTwoParts().size());
     EXPECT_EQ(text(Probe(output).video(), "codec_name"), "h264");

@@ -120,7 +120,7 @@ TEST(Poster, IsTheCoverIfThereIsOne) {
 TEST(Poster, IsTheCoverEncodedAgainIfThatIsTooLarge) {
     const OutputPath large("jpg");
     const OutputPath album("m4a");
-    // What follows the end of a JPEG file is ignored, and is part of the cover.
+    // Decoders ignore bytes after the end of a JPEG file. They are part of the cover.
     writeFile(large.path(), readFile(corpus("cover.jpg")) + std::string(kLargestCover, '\0'));
     (void)run({KRV_FFMPEG, "-v", "error", "-y", "-i", corpus("album.m4a"), "-i", large.path(), "-map", "0:a", "-map",
                "1:v", "-c", "copy", "-disposition:v", "attached_pic", album.path()});
