@@ -48,6 +48,8 @@ constexpr std::array kProperties{
     Properties{"mka", true, true, true, true, kMatroskaFlags},
     Properties{"webm", true, true, true, true, AV_DISPOSITION_FORCED},
     Properties{"ogg", true, true, false, true, 0},
+    Properties{"avi", true, false, false, false, 0},
+    Properties{"ts", false, true, false, false, AV_DISPOSITION_HEARING_IMPAIRED},
     Properties{"mp3", false, true, false, true, 0},
     Properties{"flac", false, true, false, true, 0},
     Properties{"wav", false, true, false, false, 0},
@@ -176,7 +178,7 @@ std::string DroppedTracks::defaultReason(std::size_t stream) const {
         const AVCodecDescriptor* const descriptor = avcodec_descriptor_get(codec);
         const bool bitmap = descriptor && (descriptor->props & AV_CODEC_PROP_BITMAP_SUB) != 0;
         if (container_.textSubtitles == AV_CODEC_ID_NONE) {
-            return files + " cannot hold subtitles";
+            return fmt::format("{} cannot hold subtitles in {} format", files, codecOf(from));
         }
         return bitmap ? files + " cannot hold bitmap subtitles"
                       : fmt::format("subtitles in {} format cannot be converted", codecOf(from));

@@ -114,14 +114,28 @@ TEST(Dropped, BitmapSubtitlesAndFlags) {
                             "subtitle 3 hdmv_pgs_subtitle fra: mp4 files cannot hold bitmap subtitles"));
 }
 
-TEST(Dropped, WhatAContainerForAudioCannotHold) {
+TEST(Dropped, WhatOtherContainersCannotHold) {
     const OutputPath much = movieWithMuch();
-    EXPECT_THAT(dropped({.source = much.path(), .extension = "m4a", .type = 0}),
-                ElementsAre("video 0 h264 : m4a files cannot hold video",
-                            "flag 1 aac deu: m4a files cannot store the flags: original",
-                            "title 2 aac eng: m4a files cannot store titles of tracks",
-                            "flag 2 aac eng: m4a files cannot store the flags: comment, visual impaired",
-                            "subtitle 3 hdmv_pgs_subtitle fra: m4a files cannot hold subtitles"));
+    EXPECT_THAT(
+        dropped({.source = much.path(), .extension = "m4a", .type = 0}),
+        ElementsAre("video 0 h264 : m4a files cannot hold video",
+                    "flag 1 aac deu: m4a files cannot store the flags: original",
+                    "title 2 aac eng: m4a files cannot store titles of tracks",
+                    "flag 2 aac eng: m4a files cannot store the flags: comment, visual impaired",
+                    "subtitle 3 hdmv_pgs_subtitle fra: m4a files cannot hold subtitles in hdmv_pgs_subtitle format"));
+    EXPECT_THAT(dropped({.source = much.path(), .extension = "avi", .type = 3}),
+                ElementsAre("language 1 aac deu: avi files cannot store languages of tracks",
+                            "flag 1 aac deu: avi files cannot store the flags: original",
+                            "language 2 aac eng: avi files cannot store languages of tracks",
+                            "flag 2 aac eng: avi files cannot store the flags: comment, visual impaired",
+                            "subtitle 3 hdmv_pgs_subtitle fra: avi files cannot hold subtitles in hdmv_pgs_subtitle "
+                            "format"));
+    EXPECT_THAT(dropped({.source = much.path(), .extension = "ts", .type = 1}),
+                ElementsAre("flag 1 aac deu: ts files cannot store the flags: original",
+                            "title 2 aac eng: ts files cannot store titles of tracks",
+                            "flag 2 aac eng: ts files cannot store the flags: comment, visual impaired",
+                            "subtitle 3 hdmv_pgs_subtitle fra: ts files cannot hold subtitles in hdmv_pgs_subtitle "
+                            "format"));
     // Who asks for audio only does not miss the video.
     EXPECT_THAT(dropped({.source = much.path(), .extension = "m4a", .type = 7}),
                 ElementsAre("flag 1 aac deu: m4a files cannot store the flags: original",
