@@ -235,12 +235,11 @@ void DroppedTracks::addCopiedAlpha(std::size_t stream) {
     }
 }
 
-void DroppedTracks::addChapters(std::string reason) {
-    if (reason.empty() && !propertiesOf(container_).chapters) {
-        reason = fmt::format("{} files cannot store chapters", container_.extension);
-    }
-    if (source_.format().nb_chapters > 0 && !reason.empty()) {
-        list_.push_back({.source = number_, .kind = "chapters", .reason = std::move(reason)});
+void DroppedTracks::addChapters() {
+    if (source_.format().nb_chapters > 0 && !propertiesOf(container_).chapters) {
+        list_.push_back({.source = number_,
+                         .kind = "chapters",
+                         .reason = fmt::format("{} files cannot store chapters", container_.extension)});
     }
 }
 

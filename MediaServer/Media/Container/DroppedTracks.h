@@ -29,9 +29,8 @@ public:
     void addEncodedAlpha(std::size_t stream);
     void addCopiedAlpha(std::size_t stream);
 
-    /// Adds the chapters if the source has some and the container cannot store them. With a reason, adds them whatever
-    /// the container can store.
-    void addChapters(std::string reason = {});
+    /// Adds the chapters if the source has some and the container cannot store them.
+    void addChapters();
 
     [[nodiscard]] std::vector<DroppedTrack> take() { return std::move(list_); }
 

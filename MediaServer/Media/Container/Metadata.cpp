@@ -104,6 +104,25 @@ void addChapters(const std::vector<Chapter>& chapters, std::int64_t end, OutputF
     }
 }
 
+std::vector<Chapter> chaptersOf(const Source& source) {
+    std::vector<Chapter> chapters;
+    const AVFormatContext& format = source.format();
+    for (unsigned i = 0; i < format.nb_chapters; ++i) {
+        const AVChapter& chapter = *format.chapters[i];
+        const auto onMovieTime = [&](std::int64_t time) {
+            return av_rescale_q(time, chapter.time_base, kMicroseconds) + source.timeShift();
+        };
+        const std::int64_t start = std::max<std::int64_t>(0, onMovieTime(chapter.start));
+        const bool hidden = chapter.end != AV_NOPTS_VALUE && onMovieTime(chapter.end) <= 0;
+        if (hidden || (!chapters.empty() && start <= chapters.back().start)) {
+            continue;
+        }
+        const AVDictionaryEntry* const title = av_dict_get(chapter.metadata, "title", nullptr, 0);
+        chapters.push_back({start, title ? title->value : ""});
+    }
+    return chapters;
+}
+
 void copyTrackMetadata(const AVStream& from, AVStream& to, const Container& container) {
     copyTags(from.metadata, &to.metadata);
     const AVDictionaryEntry* language = av_dict_get(to.metadata, "language", nullptr, 0);

@@ -21,6 +21,10 @@ struct Chapter {
 /// OutputFile::writeHeader().
 void addChapters(const std::vector<Chapter>& chapters, std::int64_t end, OutputFile& output);
 
+/// Returns the source's chapters on the movie's own time, in order. Leaves out those that do not begin after the one
+/// before, or that end before the movie begins.
+[[nodiscard]] std::vector<Chapter> chaptersOf(const Source& source);
+
 /// Copies the tags, except those that describe the source file itself and are wrong for any other file.
 void copyTags(const AVDictionary* from, AVDictionary** to);
 

@@ -18,6 +18,12 @@ bool known(const AVStream& stream) {
 
 }  // namespace
 
+bool isCopyableCover(const AVStream& stream) noexcept {
+    const AVCodecID codec = stream.codecpar->codec_id;
+    const bool picture = codec == AV_CODEC_ID_MJPEG || codec == AV_CODEC_ID_PNG;
+    return isCover(stream) && picture && stream.attached_pic.size > 0;
+}
+
 std::vector<std::size_t> usableStreams(const Source& source, AVMediaType kind) {
     std::vector<std::size_t> found;
     for (std::size_t i = 0; i < source.streamCount(); ++i) {

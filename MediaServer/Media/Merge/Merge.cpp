@@ -2,12 +2,14 @@
 #include <cmath>
 #include <map>
 #include <memory>
+#include <optional>
 
 #include <fmt/format.h>
 
 #include <MediaServer/Media/Container/DroppedTracks.h>
 #include <MediaServer/Media/Container/Metadata.h>
 #include <MediaServer/Media/Container/OutputFile.h>
+#include <MediaServer/Media/Container/StreamCopier.h>
 #include <MediaServer/Media/Container/StreamSelection.h>
 #include <MediaServer/Media/Foundation/Progress.h>
 #include <MediaServer/Media/Merge/Merge.h>
@@ -66,6 +68,9 @@ constexpr double kFastest = 1000;
 /// Limits of a size that a request asks for, in pixels.
 constexpr int kShortestSide = 2;
 constexpr int kLongestSide = 16384;
+
+/// A chapter that begins this early begins with its source.
+constexpr std::int64_t kSameStart = AV_TIME_BASE / 10;
 
 /// How far apart tracks may be interleaved in one file.
 constexpr std::int64_t kInterleaving = AV_TIME_BASE;
@@ -149,7 +154,14 @@ public:
         for (const auto& track : tracks_) {
             track->open(output);
         }
+        const std::unique_ptr<CoverCopier> cover = makeCover();
+        if (cover) {
+            cover->open(output);
+        }
         output.writeHeader();
+        if (cover) {
+            cover->finish();
+        }
         progress_.beginPhase(plan_.encodes() || !container_.indexInFront ? kEncoded : kCopied);
         for (at_ = 0; at_ < surveys_.size(); ++at_) {
             blamingSource([this] { append(); });
@@ -220,10 +232,43 @@ private:
         copyTags(tags_.get(), &output.format().metadata);
         std::vector<Chapter> chapters;
         for (std::size_t i = 0; i < surveys_.size(); ++i) {
-            chapters.push_back(
-                {plan_.boundary(i), surveys_[i].title.empty() ? nameOf(request_.sources[i].path) : surveys_[i].title});
+            addChaptersOf(i, chapters);
         }
         addChapters(chapters, plan_.boundary(surveys_.size()), output);
+    }
+
+    /// Adds a chapter for the source, and its own chapters. If the first of these begins with the source, one chapter
+    /// with both names takes the place of both.
+    void addChaptersOf(std::size_t index, std::vector<Chapter>& chapters) const {
+        const SourceSurvey& source = surveys_[index];
+        const std::int64_t begin = plan_.boundary(index);
+        chapters.push_back({begin, source.title.empty() ? nameOf(request_.sources[index].path) : source.title});
+        for (const Chapter& own : source.chapters) {
+            if (begin + own.start >= plan_.boundary(index + 1)) {
+                break;
+            }
+            if (own.start < kSameStart) {
+                chapters.back().title += own.title.empty() ? "" : ": " + own.title;
+            } else {
+                chapters.push_back({begin + own.start, own.title});
+            }
+        }
+    }
+
+    /// Returns a copier for the first cover of all sources. Null if there is none, or the container cannot hold it.
+    std::unique_ptr<CoverCopier> makeCover() {
+        if (container_.cover == CoverArt::None) {
+            return nullptr;
+        }
+        for (at_ = 0; at_ < surveys_.size(); ++at_) {
+            if (surveys_[at_].cover) {
+                coverOf_ = at_;
+                auto& model = models_[at_];
+                blamingSource([&] { model = model ? std::move(model) : open(at_); });
+                return std::make_unique<CoverCopier>(model->stream(*surveys_[at_].cover));
+            }
+        }
+        return nullptr;
     }
 
     void makeTracks() {
@@ -328,7 +373,11 @@ private:
             }
             const AVStream& stream = source.stream(i);
             if (isCover(stream)) {
-                dropped.add(i, "a merge does not keep covers");
+                if (container_.cover == CoverArt::None) {
+                    dropped.add(i);
+                } else if (coverOf_ != at_ || surveys_[at_].cover != i) {
+                    dropped.add(i, "a merge keeps the first cover only");
+                }
             } else if (stream.codecpar->codec_type == AVMEDIA_TYPE_AUDIO && !container_.singleTrack) {
                 dropped.add(i, "the first source has fewer audio tracks");
             } else if (stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO ||
@@ -343,7 +392,7 @@ private:
                 dropped.addLostProperties(track.parts[at_]->index);
             }
         }
-        dropped.addChapters("a merge has one chapter for each source");
+        dropped.addChapters();
         for (DroppedTrack& each : dropped.take()) {
             report_.droppedTracks.push_back(std::move(each));
         }
@@ -387,6 +436,7 @@ private:
     AVDict tags_;  // shared by all sources so far
     MergePlan plan_;
     std::map<std::size_t, std::unique_ptr<Source>> models_;
+    std::optional<std::size_t> coverOf_;  // the source whose cover is kept
     std::vector<std::unique_ptr<MergeTrack>> tracks_;
 };
 

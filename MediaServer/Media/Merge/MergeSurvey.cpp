@@ -181,6 +181,12 @@ SourceSurvey survey(Source& source, const std::function<void(double)>& position)
         throw Failure({.cause = FailureCause::NoPlayableTrack});
     }
 
+    result.chapters = chaptersOf(source);
+    for (std::size_t i = 0; i < source.streamCount() && !result.cover; ++i) {
+        if (isCopyableCover(source.stream(i))) {
+            result.cover = i;
+        }
+    }
     result.bytes = std::max<std::int64_t>(0, avio_size(source.format().pb));
     if (const AVDictionaryEntry* title = av_dict_get(source.format().metadata, "title", nullptr, 0)) {
         result.title = title->value;

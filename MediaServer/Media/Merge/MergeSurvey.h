@@ -2,9 +2,11 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include <MediaServer/Media/Container/Metadata.h>
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Foundation/AV.h>
 #include <MediaServer/Media/Foundation/Progress.h>
@@ -34,7 +36,9 @@ struct SourceSurvey {
     std::vector<TrackSurvey> video;  ///< the default track, or else the first one; may be empty
     std::vector<TrackSurvey> audio;  ///< all audio tracks
     std::int64_t bytes = 0;
-    std::string title;  ///< from its tags; may be empty
+    std::string title;                 ///< from its tags; may be empty
+    std::vector<Chapter> chapters;     ///< in order, each later than the one before
+    std::optional<std::size_t> cover;  ///< index of the stream with the cover
 
     /// Return the end of the longest and of the shortest track.
     [[nodiscard]] std::int64_t longest() const;

@@ -166,10 +166,7 @@ private:
             return;
         }
         for (std::size_t i = 0; i < source_.streamCount(); ++i) {
-            const AVStream& stream = source_.stream(i);
-            const AVCodecID codec = stream.codecpar->codec_id;
-            const bool picture = codec == AV_CODEC_ID_MJPEG || codec == AV_CODEC_ID_PNG;
-            if (isCover(stream) && picture && stream.attached_pic.size > 0) {
+            if (isCopyableCover(source_.stream(i))) {
                 plan_.push_back({i, Treatment::Cover, nullptr});
             }
         }

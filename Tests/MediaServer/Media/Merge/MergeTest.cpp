@@ -194,6 +194,38 @@ TEST(Merge, MakesEverySourceAChapter) {
     }
 }
 
+TEST(Merge, KeepsTheChaptersOfTheSources) {
+    const Probe source(testMedia("chapters.mp4"));
+    const auto& own = source.all().at("chapters");
+    ASSERT_GT(own.size(), 1U);
+    ASSERT_EQ(number(own[0], "start_time"), 0);
+    for (const char* extension : {"mov", "mp4", "mkv"}) {
+        const Probe probe(join({"flash.mov", "chapters.mp4", "chapters.mp4"}, extension));
+        const auto& chapters = probe.all().at("chapters");
+        ASSERT_EQ(chapters.size(), 1 + 2 * own.size()) << extension;
+        EXPECT_EQ(tagOf(chapters[0], "title"), "flash");
+        EXPECT_THAT(tagOf(chapters[1], "title"), testing::EndsWith(": " + tagOf(own[0], "title")));
+        const double length = (probe.duration() - 2) / 2;
+        for (std::size_t i = 0; i < 2 * own.size(); ++i) {
+            const double start = number(own[i % own.size()], "start_time");
+            const double begin = 2 + (i < own.size() ? 0 : length);
+            EXPECT_NEAR(number(chapters[i + 1], "start_time"), begin + start, 0.05) << extension << i;
+            if (start > 0) {
+                EXPECT_EQ(tagOf(chapters[i + 1], "title"), tagOf(own[i % own.size()], "title"));
+            }
+        }
+    }
+}
+
+TEST(Merge, KeepsTheFirstCover) {
+    const auto hashes = packetHashes(testMedia("cover.m4a"), "v:0");
+    for (const char* extension : {"m4a", "mp4", "mov", "mka"}) {
+        const auto output = join({"sound.wav", "cover.m4a", "cover.m4a"}, extension);
+        EXPECT_EQ(Probe(output).covers().size(), 1U) << extension;
+        EXPECT_EQ(packetHashes(output.path(), "v:0"), hashes) << extension;
+    }
+}
+
 TEST(Merge, KeepsTheTagsThatAllShare) {
     EXPECT_EQ(Probe(join({"plain.mov", "plain.mov"})).tag("artist"), "Nobody");
     EXPECT_EQ(Probe(join({"plain.mov", "flash.mov"})).tag("artist"), "");
