@@ -11,9 +11,7 @@
 #include "Merge/MergeTestKit.h"
 #include "Numbers.h"
 #include <MediaServer/Media/InterestingTimes.h>
-#include <MediaServer/Media/MovieInfo.h>
 #include <MediaServer/Media/StereoMix.h>
-#include <MediaServer/Media/Thumbnails.h>
 
 namespace krv::media::test {
 namespace {
@@ -153,35 +151,13 @@ TEST(SeveralEdits, HaveInterestingTimesWithinTheMovie) {
 }
 
 TEST(SeveralEdits, AreDescribedByWhatIsLeft) {
-    const auto movie = twoParts();
-    RecordingSink sink;
-    const Descriptor source = openToRead(movie.path());
-    const MovieInfo info = movieInfo({.source = source.number(), .sourcePath = movie.path()}, sink);
-    EXPECT_NEAR(info.duration.value_or(0), 3, 0.001);
-    OutputPath poster("jpg");
-    writeFile(poster.path(), std::string(info.poster.begin(), info.poster.end()));
-    EXPECT_EQ(frameNumbers(poster.path()), numbersFrom(100, 100));
+    expectDescription(twoParts().path(), 3, 0.001, 100);
 }
 
 TEST(SeveralEdits, HaveThumbnailsOfWhatIsLeft) {
-    const auto movie = twoParts();
-    RecordingSink sink;
-    const Descriptor source = openToRead(movie.path());
-    OutputPath all("mjpeg");
-    const Descriptor destination(open(all.path().c_str(), O_RDWR | O_CLOEXEC));
-    ThumbnailRequest request;
-    request.source = source.number();
-    request.sourcePath = movie.path();
-    request.destination = destination.number();
-    request.count = 6;
-    const auto made = makeThumbnails(request, sink).pictures;
-    const std::string bytes = readFile(all.path());
     std::vector<int> numbers;
-    for (const Thumbnail& one : made) {
-        OutputPath file("jpg");
-        writeFile(file.path(),
-                  bytes.substr(static_cast<std::size_t>(one.offset), static_cast<std::size_t>(one.length)));
-        numbers.push_back(frameNumbers(file.path()).at(0));
+    for (const NumberedThumbnail& one : numberedThumbnails(twoParts().path(), 6)) {
+        numbers.push_back(one.number);
     }
     // The frames at 0.25, 0.75 ... 2.75 seconds.
     EXPECT_THAT(numbers, testing::ElementsAre(106, 118, 131, 143, 31, 43));

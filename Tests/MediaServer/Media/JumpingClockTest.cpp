@@ -10,9 +10,7 @@
 #include "MediaTestKit.h"
 #include "Numbers.h"
 #include <MediaServer/Media/InterestingTimes.h>
-#include <MediaServer/Media/MovieInfo.h>
 #include <MediaServer/Media/StereoMix.h>
-#include <MediaServer/Media/Thumbnails.h>
 
 namespace krv::media::test {
 namespace {
@@ -72,36 +70,17 @@ TEST_P(JumpingClock, StaysInSyncWithAMixThatCopiesTheVideo) {
 }
 
 TEST_P(JumpingClock, DoesNotCountIntoTheDuration) {
-    RecordingSink sink;
-    const Descriptor source = openToRead(movie());
-    const MovieInfo info = movieInfo({.source = source.number(), .sourcePath = movie()}, sink);
-    EXPECT_NEAR(info.duration.value_or(0), 8, 0.1);
-    OutputPath poster("jpg");
-    writeFile(poster.path(), std::string(info.poster.begin(), info.poster.end()));
-    EXPECT_EQ(frameNumbers(poster.path()), numbersFrom(0, 0));
+    expectDescription(movie(), 8, 0.1, 0);
 }
 
 TEST_P(JumpingClock, HasThumbnailsOfAllItsParts) {
-    RecordingSink sink;
-    const Descriptor source = openToRead(movie());
-    OutputPath all("mjpeg");
-    const Descriptor destination(open(all.path().c_str(), O_RDWR | O_CLOEXEC));
-    ThumbnailRequest request;
-    request.source = source.number();
-    request.sourcePath = movie();
-    request.destination = destination.number();
-    request.count = 8;
-    const auto made = makeThumbnails(request, sink).pictures;
-    const std::string bytes = readFile(all.path());
+    const auto made = numberedThumbnails(movie(), 8);
     const Probe probe(movie());  // the audio starts a little before the video
     const double videoStart = number(probe.video(), "start_time") - number(probe.all().at("format"), "start_time");
+    ASSERT_EQ(made.size(), 8U);
     for (std::size_t i = 0; i < made.size(); ++i) {
-        const double expected = static_cast<double>(i) + 0.5;
-        EXPECT_NEAR(made[i].time, expected, 0.05);
-        OutputPath file("jpg");
-        writeFile(file.path(),
-                  bytes.substr(static_cast<std::size_t>(made[i].offset), static_cast<std::size_t>(made[i].length)));
-        EXPECT_EQ(frameNumbers(file.path()).at(0), std::floor((made[i].time - videoStart) / kFrame + 1e-6)) << i;
+        EXPECT_NEAR(made[i].time, static_cast<double>(i) + 0.5, 0.05);
+        EXPECT_EQ(made[i].number, std::floor((made[i].time - videoStart) / kFrame + 1e-6)) << i;
     }
 }
 

@@ -4,9 +4,14 @@
 #include <cmath>
 #include <stdexcept>
 
+#include <fcntl.h>
+
 #include <fmt/format.h>
+#include <gtest/gtest.h>
 
 #include "MediaTestKit.h"
+#include <MediaServer/Media/MovieInfo.h>
+#include <MediaServer/Media/Thumbnails.h>
 
 namespace krv::media::test {
 namespace {
@@ -88,6 +93,38 @@ ColourDifference colourDifference(const std::vector<int>& a, const std::vector<i
         result.largest = std::max(result.largest, distance);
     }
     return result;
+}
+
+std::vector<NumberedThumbnail> numberedThumbnails(const std::string& movie, int count) {
+    RecordingSink sink;
+    const Descriptor source = openToRead(movie);
+    OutputPath all("mjpeg");
+    const Descriptor destination(open(all.path().c_str(), O_RDWR | O_CLOEXEC));
+    ThumbnailRequest request;
+    request.source = source.number();
+    request.sourcePath = movie;
+    request.destination = destination.number();
+    request.count = count;
+    const auto made = makeThumbnails(request, sink).pictures;
+    const std::string bytes = readFile(all.path());
+    std::vector<NumberedThumbnail> result;
+    for (const Thumbnail& one : made) {
+        OutputPath file("jpg");
+        writeFile(file.path(),
+                  bytes.substr(static_cast<std::size_t>(one.offset), static_cast<std::size_t>(one.length)));
+        result.push_back({frameNumbers(file.path()).at(0), one.time});
+    }
+    return result;
+}
+
+void expectDescription(const std::string& movie, double duration, double tolerance, int posterNumber) {
+    RecordingSink sink;
+    const Descriptor source = openToRead(movie);
+    const MovieInfo info = movieInfo({.source = source.number(), .sourcePath = movie}, sink);
+    EXPECT_NEAR(info.duration.value_or(0), duration, tolerance);
+    OutputPath poster("jpg");
+    writeFile(poster.path(), std::string(info.poster.begin(), info.poster.end()));
+    EXPECT_EQ(frameNumbers(poster.path()), std::vector{posterNumber});
 }
 
 }  // namespace krv::media::test

@@ -15,6 +15,16 @@ std::vector<int> frameNumbers(const std::string& path, const std::string& filter
 /// Returns the numbers from first to last, by step.
 std::vector<int> numbersFrom(int first, int last, int step = 1);
 
+/// Thumbnails of a movie, as the operation makes them.
+struct NumberedThumbnail {
+    int number;   ///< that is drawn into the frame
+    double time;  ///< in seconds
+};
+std::vector<NumberedThumbnail> numberedThumbnails(const std::string& movie, int count);
+
+/// Expects a description with this duration in seconds, and a poster with this number.
+void expectDescription(const std::string& movie, double duration, double tolerance, int posterNumber);
+
 /// Returns the mean red, green and blue values of the cells of a frame in a grid of 16 x 12, as ffmpeg shows it. frame:
 /// its index, from 0.
 std::vector<int> shownColours(const std::string& path, int frame = 0);

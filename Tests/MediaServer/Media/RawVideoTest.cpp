@@ -6,8 +6,6 @@
 #include "MediaTestKit.h"
 #include "Numbers.h"
 #include <MediaServer/Media/InterestingTimes.h>
-#include <MediaServer/Media/MovieInfo.h>
-#include <MediaServer/Media/Thumbnails.h>
 
 namespace krv::media::test {
 namespace {
@@ -39,33 +37,13 @@ TEST_P(RawVideo, KeepsAllFramesInOrder) {
 }
 
 TEST_P(RawVideo, IsDescribed) {
-    RecordingSink sink;
-    const Descriptor source = openToRead(movie());
-    const MovieInfo info = movieInfo({.source = source.number(), .sourcePath = movie()}, sink);
-    EXPECT_NEAR(info.duration.value_or(0), 8, 0.001);
-    OutputPath poster("jpg");
-    writeFile(poster.path(), std::string(info.poster.begin(), info.poster.end()));
-    EXPECT_EQ(frameNumbers(poster.path()), numbersFrom(0, 0));
+    expectDescription(movie(), 8, 0.001, 0);
 }
 
 TEST_P(RawVideo, HasThumbnails) {
-    RecordingSink sink;
-    const Descriptor source = openToRead(movie());
-    OutputPath all("mjpeg");
-    const Descriptor destination(open(all.path().c_str(), O_RDWR | O_CLOEXEC));
-    ThumbnailRequest request;
-    request.source = source.number();
-    request.sourcePath = movie();
-    request.destination = destination.number();
-    request.count = 8;
-    const auto made = makeThumbnails(request, sink).pictures;
-    const std::string bytes = readFile(all.path());
     std::vector<int> numbers;
-    for (const Thumbnail& one : made) {
-        OutputPath file("jpg");
-        writeFile(file.path(),
-                  bytes.substr(static_cast<std::size_t>(one.offset), static_cast<std::size_t>(one.length)));
-        numbers.push_back(frameNumbers(file.path()).at(0));
+    for (const NumberedThumbnail& one : numberedThumbnails(movie(), 8)) {
+        numbers.push_back(one.number);
     }
     EXPECT_THAT(numbers, testing::ElementsAre(12, 37, 62, 87, 112, 137, 162, 187));
 }
