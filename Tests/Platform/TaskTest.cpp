@@ -1,4 +1,5 @@
 // Launches real programs, which write what they observe to a file.
+#include <algorithm>
 #include <atomic>
 #include <barrier>
 #include <csignal>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -118,6 +120,107 @@ TEST_F(LaunchedTask, IsNotDelayedByAnotherChildOfTheHost) {
         ::waitpid(child, nullptr, 0);
     }
     EXPECT_FALSE(children.empty());
+}
+
+std::atomic<int> childSignals = 0;
+
+TEST_F(LaunchedTask, RaisesNoSignalInTheHostAndIsNoChildThatItsWaitFinds) {
+    const auto before = std::signal(SIGCHLD, [](int) { ++childSignals; });
+    // A child of the host's own keeps its wait() from returning at once.
+    const pid_t own = ::fork();
+    if (own == 0) {
+        ::pause();
+        ::_exit(0);
+    }
+    std::vector<pid_t> met;
+    std::thread waiting([&] {
+        for (pid_t child = 0; child != own;) {
+            child = ::waitpid(-1, nullptr, 0);
+            met.push_back(child);
+        }
+    });
+    for (int launch = 0; launch < 20; ++launch) {
+        waitForEnd(*Task::launch({.executable = "/bin/true", .arguments = {}, .standardErrorFile = {}}));
+    }
+    EXPECT_EQ(childSignals, 0);
+    ::kill(own, SIGKILL);
+    waiting.join();
+    std::signal(SIGCHLD, before);
+    EXPECT_THAT(met, testing::ElementsAre(own));
+}
+
+std::atomic<pid_t> hostOfHandlers = 0;
+std::atomic<int> strayHandlers = 0;
+
+/// Launches while signals arrive for the whole process group. Returns how many handlers ran outside the host.
+int launchUnderSignalsToTheGroup() {
+    ::setpgid(0, 0);
+    hostOfHandlers = ::getpid();
+    std::signal(SIGUSR1, [](int) { strayHandlers += ::getpid() == hostOfHandlers ? 0 : 1; });
+    std::atomic<bool> enough = false;
+    std::thread sender([&] {
+        while (!enough) {
+            ::kill(0, SIGUSR1);
+        }
+    });
+    for (int launch = 0; launch < 200; ++launch) {
+        (void)Task::launch({.executable = "/bin/true", .arguments = {}, .standardErrorFile = {}});
+    }
+    enough = true;
+    sender.join();
+    return strayHandlers;
+}
+
+TEST_F(LaunchedTask, RunsNoHandlerOfTheHostInBetween) {
+    const pid_t host = ::fork();
+    if (host == 0) {
+        ::_exit(launchUnderSignalsToTheGroup() == 0 ? 0 : 1);
+    }
+    int status = 0;
+    ::waitpid(host, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST_F(LaunchedTask, LeavesTheHostItsDescriptors) {
+    const auto open = [] {
+        std::vector<std::string> names;
+        for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+            names.push_back(entry.path().filename());
+        }
+        std::sort(names.begin(), names.end());
+        return names;
+    };
+    const auto before = open();
+    for (int launch = 0; launch < 3; ++launch) {
+        (void)Task::launch({.executable = "/bin/true", .arguments = {}, .standardErrorFile = {}});
+    }
+    EXPECT_EQ(open(), before);
+}
+
+TEST_F(LaunchedTask, WithoutADescriptorToWatchItIsKnownByItsNumber) {
+    const auto task = [] {
+        // As many as are open: no further one, but the program may replace its own.
+        const auto entries = fs::directory_iterator("/proc/self/fd");
+        const auto highest = std::distance(begin(entries), fs::directory_iterator());
+        rlimit before{};
+        ::getrlimit(RLIMIT_NOFILE, &before);
+        std::vector<int> filled;
+        const rlimit limit{static_cast<rlim_t>(highest + 8), before.rlim_max};
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+        for (int descriptor = ::dup(0); descriptor >= 0; descriptor = ::dup(0)) {
+            filled.push_back(descriptor);
+        }
+        auto launched = Task::launch({.executable = "/bin/cat", .arguments = {"/dev/zero"}, .standardErrorFile = {}});
+        for (const int descriptor : filled) {
+            ::close(descriptor);
+        }
+        ::setrlimit(RLIMIT_NOFILE, &before);
+        return launched;
+    }();
+    EXPECT_TRUE(task->isRunning());
+    ::kill(task->processIdentifier(), SIGKILL);
+    waitForEnd(*task);
 }
 
 TEST_F(LaunchedTask, HasNoSignalBlockedOrIgnored) {
