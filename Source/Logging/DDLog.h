@@ -23,14 +23,15 @@ struct LogMessage {
     std::string text;
 };
 
-/// Passes each line synchronously to one sink. Thread-safe.
+/// Passes each line to one sink. Thread-safe.
 class KRV_EXPORT DDLog {
 public:
     using Sink = std::function<void(const LogMessage&)>;
 
-    /// Replaces the sink. An empty one restores the default, which writes to standard error. The sink is called on the
-    /// thread that logs, by one thread at a time. Exceptions of the sink, and lines that the sink itself logs, are
-    /// dropped.
+    /// Replaces the sink, after the old one has returned. An empty one restores the default, which writes to standard
+    /// error. The sink is called by one thread at a time, without a lock held: by the thread that logs, or, for a line
+    /// that is logged meanwhile, by the thread that is in the sink. So the sink may call the library. Exceptions of the
+    /// sink, and lines that the sink itself logs, are dropped; so are lines beyond 10,000 that wait for a sink.
     static void setSink(Sink sink);
 
     /// Passes a line to the sink, without checking the gate.

@@ -1,4 +1,10 @@
+#include <atomic>
+#include <chrono>
+#include <future>
 #include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -77,6 +83,54 @@ TEST(Logging, ASinkMayThrowAndLog) {
     KRV_LOG(kLogFlagInfo, kPlain, "one");
     KRV_LOG(kLogFlagInfo, kPlain, "two");
     EXPECT_EQ(lines, 2);
+}
+
+/// A line that is logged while the sink is busy must not wait for it: who logs may hold a lock that the sink needs.
+TEST(Logging, DoesNotWaitForASinkThatAnotherThreadIsIn) {
+    const LogRecorder log;
+    std::vector<std::string> texts;
+    std::promise<void> inside;
+    std::promise<void> logged;
+    DDLog::setSink([&](const LogMessage& message) {
+        texts.push_back(message.text);
+        if (message.text == "one") {
+            inside.set_value();
+            logged.get_future().wait();
+        }
+    });
+    std::thread slow([] { KRV_LOG(kLogFlagInfo, kPlain, "one"); });
+    inside.get_future().wait();
+    KRV_LOG(kLogFlagInfo, kPlain, "two");
+    KRV_LOG(kLogFlagInfo, kPlain, "three");
+    EXPECT_EQ(texts.size(), 1U);
+    logged.set_value();
+    slow.join();
+    EXPECT_EQ(texts, (std::vector<std::string>{"one", "two", "three"}));
+}
+
+TEST(Logging, ReplacingTheSinkWaitsUntilTheOldOneHasReturned) {
+    const LogRecorder log;
+    std::promise<void> inside;
+    std::atomic<bool> returned = false;
+    DDLog::setSink([&](const LogMessage&) {
+        inside.set_value();
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        returned = true;
+    });
+    std::thread slow([] { KRV_LOG(kLogFlagInfo, kPlain, "one"); });
+    inside.get_future().wait();
+    DDLog::setSink([](const LogMessage&) {});
+    EXPECT_TRUE(returned);
+    slow.join();
+}
+
+TEST(Logging, ASinkMayReplaceItself) {
+    const LogRecorder log;
+    int second = 0;
+    DDLog::setSink([&](const LogMessage&) { DDLog::setSink([&](const LogMessage&) { ++second; }); });
+    KRV_LOG(kLogFlagInfo, kPlain, "one");
+    KRV_LOG(kLogFlagInfo, kPlain, "two");
+    EXPECT_EQ(second, 1);
 }
 
 }  // namespace
