@@ -4,5 +4,6 @@ namespace krv {
 
 KRVReliableQTProcessOperations::~KRVReliableQTProcessOperations() = default;
 KRVQTProcessOperations::~KRVQTProcessOperations() = default;
+KRVQTProcessClientOperations::~KRVQTProcessClientOperations() = default;
 
 }  // namespace krv

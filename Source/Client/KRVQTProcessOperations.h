@@ -133,4 +133,28 @@ protected:
     virtual bool performCancelAllOperations(ErrorOut error) = 0;
 };
 
+/// What a client can do beyond the interface: merging, and the results that the server keeps. None of it is repeated
+/// when the server is lost; the shared client passes each call on once.
+class KRV_EXPORT KRVQTProcessClientOperations : public KRVQTProcessOperations {
+public:
+    ~KRVQTProcessClientOperations() override;
+
+    static constexpr Selector kMergeSources{"mergeSources:writeToFile:useShortestTrack:progress:error:"};
+    /// Joins the sources (an array of paths) in order. With useShortestTrack each source ends with its shortest track.
+    /// Returns false if an error was stored in error. Throws an Exception if the server cannot be reached or is
+    /// lost. The destination is complete or untouched then, so the call may be repeated.
+    virtual bool mergeSources(const Value& sources, std::string_view writeToFile, bool useShortestTrack,
+                              const ProgressDelegate& progress, ErrorOut error) = 0;
+
+    static constexpr Selector kGetResult{"getResultOfOperation:error:"};
+    /// Returns the finished record of an operation, null if the server has none. The record may contain an error, which
+    /// is also stored in error. Throws an Exception if the server cannot be reached.
+    [[nodiscard]] virtual KRVOperationBase::Ref getResultOfOperation(const KRVOperationBase::Ref& operation,
+                                                                     ErrorOut error) = 0;
+
+    static constexpr Selector kRemoveResults{"removeResultsFromServer:"};
+    /// Deletes the result of an operation on the server. Logs a failure.
+    virtual void removeResultsFromServer(const KRVOperationBase::Ref& operation) = 0;
+};
+
 }  // namespace krv

@@ -22,7 +22,7 @@ namespace krv {
 /// lock, and block their caller.
 ///
 /// A client that monitors the server has a runner. The two keep references to each other until cleanUp.
-class KRV_EXPORT KRVQuicktimeProcessClient final : public KRVQTProcessOperations,
+class KRV_EXPORT KRVQuicktimeProcessClient final : public KRVQTProcessClientOperations,
                                                    public ReliabilityDecision,
                                                    public std::enable_shared_from_this<KRVQuicktimeProcessClient> {
 public:
@@ -32,7 +32,7 @@ public:
     /// Exception "NotMainThread" otherwise); later calls are thread-safe. The client launches the server if none is
     /// running and keeps this process registered, for which the main run loop must run. Reliable calls are retried
     /// (see ReliabilityProxy).
-    [[nodiscard]] static std::shared_ptr<KRVQTProcessOperations> defaultClient();
+    [[nodiscard]] static std::shared_ptr<KRVQTProcessClientOperations> defaultClient();
     /// Replaces the shared client by a new one over that transport, without retries. The old one is released without
     /// cleanUp. Thread-safe.
     static std::shared_ptr<KRVQuicktimeProcessClient> clientWithTransport(std::shared_ptr<KRVTransport> transport,
@@ -93,10 +93,8 @@ public:
                   ErrorOut error) {
         return performMuxMovie(source, writeToFile, progress, error);
     }
-    /// Joins the sources (an array of paths) in order. With useShortestTrack each source ends with its shortest track.
-    /// Not a reliable operation.
     bool mergeSources(const Value& sources, std::string_view writeToFile, bool useShortestTrack,
-                      const ProgressDelegate& progress, ErrorOut error);
+                      const ProgressDelegate& progress, ErrorOut error) override;
     [[nodiscard]] std::shared_ptr<const Dictionary> getMetadataFor(std::string_view movie, ErrorOut error) override;
     [[nodiscard]] Value getInterestingTimesForMovie(std::string_view movie, bool specificTrackIndex,
                                                     std::int32_t trackIndex, ErrorOut error) override;
@@ -113,11 +111,9 @@ public:
 
     // Results that the server keeps.
 
-    /// Returns the finished record of an operation, null if the server has none. The record may contain an error, which
-    /// is also stored in error. Throws an Exception if the server cannot be reached.
-    [[nodiscard]] KRVOperationBase::Ref getResultOfOperation(const KRVOperationBase::Ref& operation, ErrorOut error);
-    /// Deletes the result of an operation on the server. Logs a failure.
-    void removeResultsFromServer(const KRVOperationBase::Ref& operation);
+    [[nodiscard]] KRVOperationBase::Ref getResultOfOperation(const KRVOperationBase::Ref& operation,
+                                                             ErrorOut error) override;
+    void removeResultsFromServer(const KRVOperationBase::Ref& operation) override;
 
     /// Stores the record's error in the out-parameter. Returns true if either is missing.
     static bool migrateInvocationError(const KRVOperationBase::Ref& response, ErrorOut toError);

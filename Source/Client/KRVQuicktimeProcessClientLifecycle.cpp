@@ -42,7 +42,7 @@ extern "C" {
 std::shared_ptr<KRVQTProcessOperations>& __default_krv_quicktime_process_client = sharedClient();
 }
 
-std::shared_ptr<KRVQTProcessOperations> KRVQuicktimeProcessClient::defaultClient() {
+std::shared_ptr<KRVQTProcessClientOperations> KRVQuicktimeProcessClient::defaultClient() {
     const LockGuard lock(classLock());
     if (!sharedClient()) {
         if (!RunLoop::isMainThread()) {
@@ -51,7 +51,8 @@ std::shared_ptr<KRVQTProcessOperations> KRVQuicktimeProcessClient::defaultClient
         auto transport = std::make_shared<KRVHTTPClientTransport>(HTTPServerDiscovery::defaultInstance());
         sharedClient() = ReliabilityProxy::proxyForOperations(initWithTransport(std::move(transport), true));
     }
-    return sharedClient();
+    // The variable takes only proxies and clients.
+    return std::dynamic_pointer_cast<KRVQTProcessClientOperations>(sharedClient());
 }
 
 std::shared_ptr<KRVQuicktimeProcessClient>

@@ -37,6 +37,15 @@ std::string_view nameOf(const Invocation& invocation) {
     return invocation.selector ? invocation.selector->name() : std::string_view("(null)");
 }
 
+/// Returns the target as a client with operations beyond the interface.
+KRVQTProcessClientOperations& clientOperations(KRVQTProcessOperations& target, Selector selector) {
+    if (auto* const client = dynamic_cast<KRVQTProcessClientOperations*>(&target)) {
+        return *client;
+    }
+    throw Exception(std::string(kInvalidArgumentException),
+                    fmt::format("The target of the proxy does not recognise {}", selector.name()));
+}
+
 /// Counts a call until it returns or throws.
 class InProgress {
 public:
@@ -241,6 +250,26 @@ void ReliabilityProxy::unregisterFromServer() {
 bool ReliabilityProxy::queueShutdownOfCurrentServer() {
     return forward(kQueueShutdown,
                    [](KRVQTProcessOperations& target) { return target.queueShutdownOfCurrentServer(); });
+}
+
+bool ReliabilityProxy::mergeSources(const Value& sources, std::string_view writeToFile, bool useShortestTrack,
+                                    const ProgressDelegate& progress, ErrorOut error) {
+    return forward(kMergeSources, [&](KRVQTProcessOperations& target) {
+        return clientOperations(target, kMergeSources)
+            .mergeSources(sources, writeToFile, useShortestTrack, progress, error);
+    });
+}
+
+KRVOperationBase::Ref ReliabilityProxy::getResultOfOperation(const KRVOperationBase::Ref& operation, ErrorOut error) {
+    return forward(kGetResult, [&](KRVQTProcessOperations& target) {
+        return clientOperations(target, kGetResult).getResultOfOperation(operation, error);
+    });
+}
+
+void ReliabilityProxy::removeResultsFromServer(const KRVOperationBase::Ref& operation) {
+    forward(kRemoveResults, [&](KRVQTProcessOperations& target) {
+        clientOperations(target, kRemoveResults).removeResultsFromServer(operation);
+    });
 }
 
 }  // namespace krv

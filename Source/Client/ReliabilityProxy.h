@@ -21,7 +21,7 @@ namespace krv {
 /// All work runs on the calling thread and blocks it; the waits run that thread's run loop briefly. After the third
 /// failure the proxy throws Exception "OperationFailed". Any other exception of a call propagates unchanged. After
 /// clearTarget every operation throws Exception "NSInvalidArgumentException". Thread-safe.
-class KRV_EXPORT ReliabilityProxy final : public KRVQTProcessOperations {
+class KRV_EXPORT ReliabilityProxy final : public KRVQTProcessClientOperations {
 public:
     /// The waits use clock, which must outlive the proxy.
     [[nodiscard]] static std::shared_ptr<ReliabilityProxy>
@@ -63,6 +63,12 @@ public:
     void registerWithServer() override;
     void unregisterFromServer() override;
     bool queueShutdownOfCurrentServer() override;
+    // These throw Exception "NSInvalidArgumentException" if the wrapped object is no KRVQTProcessClientOperations.
+    bool mergeSources(const Value& sources, std::string_view writeToFile, bool useShortestTrack,
+                      const ProgressDelegate& progress, ErrorOut error) override;
+    [[nodiscard]] KRVOperationBase::Ref getResultOfOperation(const KRVOperationBase::Ref& operation,
+                                                             ErrorOut error) override;
+    void removeResultsFromServer(const KRVOperationBase::Ref& operation) override;
 
     static constexpr Selector kCleanUp{"cleanUp"};
 
