@@ -64,8 +64,20 @@
 //     time, which does not count the sleep.
 //   - A wake before the runner's thread has started its timer: both start it, and the second start replaces the first.
 //   - A wake without a sleep: the same. Two sleeps in a row: stopping twice is harmless.
-//   - A wake while the runner is cleaned up: the observer is already removed, or finds the runner stopped.
+//   - A wake while the runner is cleaned up: the observer is already removed, or finds the runner stopped. If clean-up
+//     comes between that check and the start of the timer, the timer's first tick finds the runner stopped and removes
+//     the timer.
+//
+// Failing steps.
+//
+// A step can fail: the bundle is missing, the system refuses a process, memory is short. The tick logs the exception,
+// and the next one tries again. It may not leave that to its loop, because on the main loop, after a wake, the caller is
+// the application's own run() or a call that runs the loop while it waits, and neither may see it.
+//   - An exception of another kind propagates out of the body of the runner's thread, which begins again a second
+//     later. On the main loop it is logged too.
+//   - So the watch ends with clean-up and with nothing else.
 #include <exception>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -76,6 +88,7 @@
 #include <KRVQTProcessClient/Client/ServerRunner.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Logging/Log.h>
+#include <KRVQTProcessClient/Platform/SignalsBlocked.h>
 
 namespace krv {
 namespace {
@@ -87,6 +100,33 @@ constexpr Clock::Duration kSlice = 1s;
 
 constexpr LogSite site(std::string_view function) {
     return {"Source/Client/ServerRunner", Selector(function)};
+}
+constexpr LogSite kThread = site("startTimerOnThread");
+
+void logFailedStep(const Exception& exception) {
+    KRV_LOG(kLogFlagInfo, kThread, "Error during ServerRunner thread loop: {}", exception.description());
+}
+
+/// Logs the exception that is being handled, which is not one of the library's.
+void logForeignException() {
+    try {
+        throw;
+    } catch (const std::exception& exception) {
+        KRV_LOG(kLogFlagError, kThread, "A step of the server runner has failed: {}", exception.what());
+    } catch (...) {
+        KRV_LOG(kLogFlagError, kThread, "A step of the server runner has failed with an exception of an unknown kind");
+    }
+}
+
+/// Returns whether the body returned. No caller could catch its exception, and it must not terminate the application.
+bool endsWithoutFailure(const std::function<void()>& body) {
+    try {
+        body();
+        return true;
+    } catch (...) {
+        logForeignException();
+        return false;
+    }
 }
 
 }  // namespace
@@ -163,16 +203,35 @@ void ServerRunner::cleanUp() {
 // The thread.
 
 void ServerRunner::startDetachedThread(std::function<void()> body) {
-    std::thread([body = std::move(body)] {
-        ::pthread_setname_np(::pthread_self(), "KRVServerRunner");
-        try {
-            body();
-        } catch (const std::exception& exception) {
-            // No caller could catch it, and the application must not be terminated by it.
-            KRV_LOG(kLogFlagError, site("startTimerOnThread"), "The thread of the server runner has failed: {}",
-                    exception.what());
+    try {
+        threadWithoutSignals([body = std::move(body)] {
+            ::pthread_setname_np(::pthread_self(), "KRVServerRunner");
+            // After clean-up the body returns at once, so the loop ends then.
+            while (!endsWithoutFailure(body)) {
+                std::this_thread::sleep_for(kSlice);
+            }
+        }).detach();
+    } catch (const std::system_error& failure) {
+        throw Exception("ServerRunner",
+                        fmt::format("The thread of the server runner cannot be started: {}", failure.what()));
+    }
+}
+
+void ServerRunner::krvNSTimerFired() {
+    if (cleanedUp_) {
+        stopMonitorTimer();
+        return;
+    }
+    try {
+        stateMachine();
+    } catch (const Exception& exception) {
+        logFailedStep(exception);
+    } catch (...) {
+        if (&RunLoop::current() != &environment_.mainLoop()) {
+            throw;
         }
-    }).detach();
+        logForeignException();
+    }
 }
 
 void ServerRunner::startTimerOnThread() {
@@ -186,13 +245,12 @@ void ServerRunner::startTimerOnThread() {
             try {
                 RunLoop::current().runUntil(environment_.now() + kSlice);
             } catch (const Exception& exception) {
-                KRV_LOG(kLogFlagInfo, site("startTimerOnThread"), "Error during ServerRunner thread loop: {}",
-                        exception.description());
+                logFailedStep(exception);
             }
         }
         stopMonitorTimer();
     } catch (const Exception& exception) {
-        KRV_LOG(kLogFlagInfo, site("startTimerOnThread"), "Error starting timer: {}", exception.description());
+        KRV_LOG(kLogFlagInfo, kThread, "Error starting timer: {}", exception.description());
     }
 }
 

@@ -102,7 +102,9 @@ public:
     [[nodiscard]] std::int32_t state() const noexcept { return state_; }
     void setState(std::int32_t state) noexcept { state_ = state; }
 
-    void krvNSTimerFired() override { stateMachine(); }
+    /// Runs one step and logs the Exception of a step that fails. Any other exception is logged too on the main loop,
+    /// and propagates on others. Removes the timer of a runner that has been cleaned up.
+    void krvNSTimerFired() override;
     /// Runs one step. Throws if the server's bundle is missing or its launch is refused.
     void stateMachine();
     /// Returns whether the server's port is known.

@@ -49,7 +49,7 @@ std::string standardErrorFile() {
 struct LatestLaunch {
     Mutex mutex;
     std::optional<LaunchAttempt> attempt KRV_GUARDED_BY(mutex);
-    std::weak_ptr<Task> task KRV_GUARDED_BY(mutex);
+    std::shared_ptr<Task> task KRV_GUARDED_BY(mutex);
 };
 
 LatestLaunch& latest() {
@@ -68,8 +68,8 @@ void note(LaunchAttempt attempt, const std::shared_ptr<Task>& task = nullptr) {
 std::optional<LaunchAttempt> ServerRunner::latestLaunch() {
     const LockGuard lock(latest().mutex);
     auto attempt = latest().attempt;
-    if (const auto task = latest().task.lock(); attempt && task) {
-        attempt->running = task->isRunning();
+    if (attempt && latest().task) {
+        attempt->running = latest().task->isRunning();
     }
     return attempt;
 }

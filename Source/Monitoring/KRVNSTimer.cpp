@@ -14,10 +14,10 @@ KRVNSTimer::KRVNSTimer() = default;
 KRVNSTimer::~KRVNSTimer() = default;
 
 void KRVNSTimer::startMonitorTimer() {
+    const auto self = shared_from_this();  // an observer may drop the last other reference
     announce(Change::Before);
     stopMonitorTimer();
-    const auto timer =
-        RunLoop::current().scheduleTimer(kInterval, [self = shared_from_this()] { self->krvNSTimerFired(); });
+    const auto timer = RunLoop::current().scheduleTimer(kInterval, [self] { self->krvNSTimerFired(); });
     std::shared_ptr<RunLoop::Timer> old;
     {
         const LockGuard lock(mutex_);
@@ -32,6 +32,7 @@ void KRVNSTimer::startMonitorTimer() {
 }
 
 void KRVNSTimer::stopMonitorTimer() {
+    const auto self = weak_from_this().lock();  // as above; empty in a destructor
     announce(Change::Before);
     std::shared_ptr<RunLoop::Timer> timer;
     {

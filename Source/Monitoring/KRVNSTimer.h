@@ -36,7 +36,8 @@ public:
     /// The key that observers receive.
     static constexpr std::string_view kIsMonitoringKey = "isMonitoring";
     enum class Change : bool { Before, After };
-    /// Called before and after every change, on the thread that starts or stops the timer, without a lock held.
+    /// Called before and after every change, on the thread that starts or stops the timer, without a lock held. What it
+    /// throws is logged at error level and dropped, as by every notification centre.
     using Observer = std::function<void(const KRVNSTimer& timer, std::string_view key, Change change)>;
     [[nodiscard]] NotificationCenter::Token addObserver(Observer observer);
     void removeObserver(NotificationCenter::Token token);

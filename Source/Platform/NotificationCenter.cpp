@@ -1,8 +1,15 @@
 #include <algorithm>
+#include <exception>
 
+#include <KRVQTProcessClient/Logging/Log.h>
 #include <KRVQTProcessClient/Platform/NotificationCenter.h>
 
 namespace krv {
+namespace {
+
+constexpr LogSite kSite{"Source/Platform/NotificationCenter", Selector("postNotification:")};
+
+}  // namespace
 
 NotificationCenter::NotificationCenter() = default;
 NotificationCenter::~NotificationCenter() = default;
@@ -31,6 +38,16 @@ void NotificationCenter::removeObserver(Token token) {
 }
 
 void NotificationCenter::post(const Notification& notification) const {
+    try {
+        deliver(notification);
+    } catch (const std::exception& exception) {
+        KRV_LOG(kLogFlagError, kSite, "Exception in an observer of {}: {}", notification.name, exception.what());
+    } catch (...) {
+        KRV_LOG(kLogFlagError, kSite, "Exception of an unknown kind in an observer of {}", notification.name);
+    }
+}
+
+void NotificationCenter::deliver(const Notification& notification) const {
     std::vector<Entry> observers;
     {
         const LockGuard lock(mutex_);

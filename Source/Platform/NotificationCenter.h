@@ -26,7 +26,8 @@ struct Notification {
 ///
 /// Observers are called in the order in which they were added, without a lock held, from a copy of the list. So an
 /// observer may add and remove observers and post. One that is removed during a post, before its call, is not called.
-/// If an observer throws, delivery stops and the exception propagates out of post(). Thread-safe.
+/// If an observer throws, whatever it throws, delivery stops and one line is logged at error level; post() returns, so
+/// that an observer cannot end the thread that posts. Thread-safe.
 class KRV_EXPORT NotificationCenter {
 public:
     using Observer = std::function<void(const Notification&)>;
@@ -53,7 +54,7 @@ public:
     [[nodiscard]] Token addObserver(std::string_view name, Observer observer);
     /// Stops deliveries to the observer. A call that another thread has already started may still be running.
     void removeObserver(Token token);
-    /// Calls the observers of the notification's name, except empty ones.
+    /// Calls the observers of the notification's name, except empty ones. Throws nothing that an observer throws.
     void post(const Notification& notification) const;
 
 private:
@@ -63,6 +64,7 @@ private:
         std::shared_ptr<const Observer> observer;
     };
 
+    void deliver(const Notification& notification) const;
     [[nodiscard]] bool isObserving(std::uint64_t id) const;
 
     mutable Mutex mutex_;

@@ -81,12 +81,24 @@ TEST_F(Runner, OtherExceptionsPropagateOutOfItsThread) {
     EXPECT_THROW(thread(), std::runtime_error);
 }
 
+/// A run loop that takes no timers.
+class RefusingLoop final : public RunLoop {
+public:
+    std::shared_ptr<Timer> scheduleTimer(Clock::Duration, Callback) override { throw Exception("Test", "not now"); }
+    void performAfterDelay(Clock::Duration, std::shared_ptr<const void>, Selector, Callback) override {}
+    void cancelPerform(const void*, Selector) override {}
+    void perform(Callback) override {}
+    void runUntil(Clock::TimePoint) override {}
+    void run() override {}
+    void stop() override {}
+};
+
 TEST_F(Runner, LogsThatItsTimerCannotBeStarted) {
     makeRunner();
-    const auto refusal = runner->addObserver([](const auto&, auto, auto) { throw Exception("Test", "not now"); });
+    RefusingLoop refusing;
+    const RunLoop::Replacement onRefusing(refusing);
     LogRecorder log;
     EXPECT_NO_THROW(thread());
-    runner->removeObserver(refusal);
     EXPECT_THAT(log.texts(), ElementsAre("Error starting timer: not now"));
 }
 

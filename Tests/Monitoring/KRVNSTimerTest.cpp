@@ -111,6 +111,31 @@ TEST_F(Timer, IsKeptByTheRunLoopWhileItTicks) {
     EXPECT_TRUE(weak.expired());
 }
 
+TEST_F(Timer, AnObserverMayDropTheLastReference) {
+    const std::weak_ptr<CountingTimer> weak = timer;
+    int called = 0;
+    const auto drop = [&](const KRVNSTimer&, std::string_view, KRVNSTimer::Change) { timer.reset(); };
+    const auto count = [&](const KRVNSTimer& sender, std::string_view, KRVNSTimer::Change) {
+        called += sender.isMonitoring() ? 100 : 1;
+    };
+    (void)timer->addObserver(drop);
+    (void)timer->addObserver(count);
+    timer->startMonitorTimer();
+    EXPECT_EQ(called, 103) << "before, before and after the stop within, after";
+    ASSERT_FALSE(weak.expired()) << "the run loop keeps it";
+    weak.lock()->stopMonitorTimer();
+    EXPECT_TRUE(weak.expired());
+}
+
+TEST_F(Timer, AnObserversExceptionIsNoConcernOfTheTimer) {
+    (void)timer->addObserver([](const auto&, auto, auto) { throw 3; });
+    EXPECT_NO_THROW(timer->startMonitorTimer());
+    loop.advanceBy(2500ms);
+    EXPECT_EQ(timer->ticks, 2);
+    EXPECT_NO_THROW(timer->stopMonitorTimer());
+    EXPECT_FALSE(timer->isMonitoring());
+}
+
 TEST_F(Timer, ATickDoesNothingByDefault) {
     const auto plain = std::make_shared<PlainTimer>();
     plain->startMonitorTimer();

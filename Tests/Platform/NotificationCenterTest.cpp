@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Logging/Fakes/LogRecorder.h>
 #include <KRVQTProcessClient/Platform/NotificationCenter.h>
 
 namespace krv {
@@ -98,11 +100,22 @@ TEST_F(NotificationCenterTest, AnObserversDestructorMayCallTheCentre) {
     EXPECT_THAT(heard_, ElementsAre("b"));
 }
 
-TEST_F(NotificationCenterTest, AnObserversExceptionStopsDeliveryAndPropagates) {
-    (void)center_.addObserver("a", [](const Notification&) { throw std::runtime_error("observer"); });
+TEST_F(NotificationCenterTest, AnObserversExceptionStopsDeliveryAndIsLogged) {
+    const LogRecorder log;
+    (void)center_.addObserver("a", [](const Notification&) { throw Exception("Observer", "the reason"); });
     (void)center_.addObserver("a", recorder("after"));
-    EXPECT_THROW(center_.post({"a", {}, {}}), std::runtime_error);
+    (void)center_.addObserver("b", [](const Notification&) { throw std::runtime_error("another reason"); });
+    (void)center_.addObserver("c", [](const Notification&) { throw 3; });
+    for (const char* name : {"a", "b", "c"}) {
+        EXPECT_NO_THROW(center_.post({name, {}, {}}));
+    }
     EXPECT_TRUE(heard_.empty());
+    EXPECT_THAT(log.texts(), ElementsAre("Exception in an observer of a: Observer: the reason",
+                                         "Exception in an observer of b: another reason",
+                                         "Exception of an unknown kind in an observer of c"));
+    for (const LogRecorder::Line& line : log.lines()) {
+        EXPECT_EQ(line.flag, kLogFlagError);
+    }
 }
 
 TEST_F(NotificationCenterTest, AnEmptyObserverIsNeverCalled) {
