@@ -29,7 +29,8 @@ public:
     // The process's shared client.
 
     /// Returns the shared client, and creates it on first use. The first call must be on the main thread (throws
-    /// Exception "NotMainThread" otherwise); later calls are thread-safe. The client launches the server if none is
+    /// Exception "NotMainThread" otherwise); later calls are thread-safe. Throws Exception "OutOfDescriptors" if this
+    /// process has too few file descriptors left to create it; nothing is left behind then. The client launches the server if none is
     /// running and keeps this process registered, for which the main run loop must run. Reliable calls are retried
     /// (see ReliabilityProxy).
     [[nodiscard]] static std::shared_ptr<KRVQTProcessClientOperations> defaultClient();

@@ -11,6 +11,7 @@
 #include <KRVQTProcessClient/Client/ReliabilityProxy.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Logging/Log.h>
+#include <KRVQTProcessClient/Platform/FreeDescriptors.h>
 #include <KRVQTProcessClient/Platform/RunLoop.h>
 #include <KRVQTProcessClient/Transports/KRVHTTPClientTransport.h>
 
@@ -18,6 +19,8 @@ namespace krv {
 namespace {
 
 constexpr float kProgressTimeout = 60.0F;
+/// More than the main run loop, the search and the first request need together.
+constexpr int kDescriptorsOfAClient = 24;
 
 constexpr LogSite site(std::string_view function) {
     return {"Source/Client/KRVQuicktimeProcessClient", Selector(function)};
@@ -48,6 +51,8 @@ std::shared_ptr<KRVQTProcessClientOperations> KRVQuicktimeProcessClient::default
         if (!RunLoop::isMainThread()) {
             throw Exception("NotMainThread", "Please start this object on the main thread first");
         }
+        requireFreeDescriptors(kDescriptorsOfAClient, "the client");
+        (void)RunLoop::main();
         auto transport = std::make_shared<KRVHTTPClientTransport>(HTTPServerDiscovery::defaultInstance());
         sharedClient() = ReliabilityProxy::proxyForOperations(initWithTransport(std::move(transport), true));
     }

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -11,6 +12,7 @@
 #include <KRVQTProcessClient/Foundation/MediaServerName.h>
 #include <KRVQTProcessClient/Logging/Log.h>
 #include <KRVQTProcessClient/Platform/Port.h>
+#include <KRVQTProcessClient/Platform/SignalsBlocked.h>
 
 namespace krv {
 
@@ -73,7 +75,19 @@ void HTTPServerDiscovery::destroyDefaultInstance() {
 }
 
 void HTTPServerDiscovery::startDetachedThread(std::function<void()> body) {
-    std::thread(std::move(body)).detach();
+    try {
+        threadWithoutSignals([body = std::move(body)] {
+            try {
+                body();
+            } catch (...) {
+                // The body has logged that it ends. No caller could catch it, and it must not terminate the application.
+                KRV_LOG(kLogFlagError, site("startDiscoveryOnThread"), "The discovery thread has failed");
+            }
+        }).detach();
+    } catch (const std::system_error& failure) {
+        throw Exception("HTTPServerDiscovery",
+                        fmt::format("The discovery thread cannot be started: {}", failure.what()));
+    }
 }
 
 std::shared_ptr<HTTPServerDiscovery> HTTPServerDiscovery::make(Environment environment) {

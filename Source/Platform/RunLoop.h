@@ -12,7 +12,8 @@ namespace krv {
 /// The event loop of one thread: repeating timers, delayed calls, and calls from other threads.
 ///
 /// The main loop is the process's default GLib context. An application that runs a GTK, a Qt (on GLib) or a plain GLib
-/// main loop runs it too; others call RunLoop::main().run(). Every other thread has its own loop, created on first use.
+/// main loop runs it too; others call RunLoop::main().run(). Every other thread has its own loop, created on first use,
+/// which needs no descriptor and is independent of the thread's GLib context.
 ///
 /// If a callback throws, the loop's current iteration ends and runUntil or run rethrows the exception. On a main loop
 /// that a toolkit runs nobody could catch it, so it is logged at error level instead.
@@ -32,7 +33,8 @@ public:
 
     virtual ~RunLoop();
 
-    /// Returns the main thread's loop. Never destroyed. Thread-safe.
+    /// Returns the main thread's loop. Never destroyed. Throws Exception "OutOfDescriptors" if this is the first use and
+    /// no file descriptor is left for it. Thread-safe.
     [[nodiscard]] static RunLoop& main();
     /// Returns the calling thread's loop: main() on the main thread, else one that exists until the thread exits.
     [[nodiscard]] static RunLoop& current();

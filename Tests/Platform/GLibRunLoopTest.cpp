@@ -10,6 +10,8 @@
 #include <KRVQTProcessClient/Platform/Fakes/FakeRunLoop.h>
 #include <KRVQTProcessClient/Platform/RunLoop.h>
 
+#include "NoDescriptors.h"
+
 namespace krv {
 namespace {
 
@@ -85,15 +87,26 @@ TEST(GLibRunLoop, DispatchesOtherSourcesOfItsContext) {
     EXPECT_TRUE(called);
 }
 
-TEST(GLibRunLoop, AThreadsContextIsTheDefaultWhileItRuns) {
+TEST(GLibRunLoop, AThreadsLoopNeedsNoDescriptor) {
     std::thread([] {
-        EXPECT_EQ(g_main_context_get_thread_default(), nullptr);
+        const test::NoDescriptors none;
+        bool called = false;
+        RunLoop::current().perform([&] { called = true; });
+        RunLoop::current().runUntil(Clock::steady().now() + 1ms);
+        EXPECT_TRUE(called);
+    }).join();
+}
+
+TEST(GLibRunLoop, AThreadsLoopLeavesTheApplicationsContextAlone) {
+    std::thread([] {
+        GMainContext* const own = g_main_context_new();
+        g_main_context_push_thread_default(own);
         GMainContext* inside = nullptr;
         RunLoop::current().perform([&] { inside = g_main_context_get_thread_default(); });
         RunLoop::current().runUntil(Clock::steady().now());
-        EXPECT_NE(inside, nullptr);
-        EXPECT_NE(inside, g_main_context_default());
-        EXPECT_EQ(g_main_context_get_thread_default(), nullptr);
+        EXPECT_EQ(inside, own);
+        g_main_context_pop_thread_default(own);
+        g_main_context_unref(own);
     }).join();
 }
 

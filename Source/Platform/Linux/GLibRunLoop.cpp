@@ -5,7 +5,9 @@
 
 #include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Logging/Log.h>
+#include <KRVQTProcessClient/Platform/FreeDescriptors.h>
 #include <KRVQTProcessClient/Platform/Linux/GLibRunLoop.h>
+#include <KRVQTProcessClient/Platform/ThreadRunLoop.h>
 
 // No exception may pass through GLib's frames. dispatch() catches what a callback throws and ends the iteration; every
 // dispatch returns to runUntil or run, which rethrows it. When a toolkit runs the main context, there is no such frame
@@ -22,35 +24,30 @@ gint64 readyTime(Clock::TimePoint time) {
     return ceil<microseconds>(time.time_since_epoch()).count();
 }
 
+constexpr int kDescriptorsOfTheMainLoop = 4;
+
 gboolean dispatchMainLoop(GSource*, GSourceFunc, gpointer);
-gboolean dispatchThreadLoop(GSource*, GSourceFunc, gpointer);
 gboolean dispatchNothing(GSource* source, GSourceFunc, gpointer) {
     g_source_set_ready_time(source, -1);
     return G_SOURCE_CONTINUE;
 }
 
 GSourceFuncs mainLoopFunctions = {nullptr, nullptr, dispatchMainLoop, nullptr, nullptr, nullptr};
-GSourceFuncs threadLoopFunctions = {nullptr, nullptr, dispatchThreadLoop, nullptr, nullptr, nullptr};
 GSourceFuncs wakeUpFunctions = {nullptr, nullptr, dispatchNothing, nullptr, nullptr, nullptr};
 
+/// Throws Exception "OutOfDescriptors" if it has to be created and cannot be.
 GLibRunLoop& mainLoop() {
-    static auto* loop = new GLibRunLoop(GLibRunLoop::Kind::Main);
+    static auto* loop = [] {
+        requireFreeDescriptors(kDescriptorsOfTheMainLoop, "the main run loop");
+        return new GLibRunLoop;
+    }();
     return *loop;
 }
 
-GLibRunLoop& threadLoop() {
-    thread_local GLibRunLoop loop(GLibRunLoop::Kind::Thread);
-    return loop;
-}
-
-// The dispatch functions look up their loop instead of receiving a pointer to it. ThreadSanitizer does not see GLib's
-// own locks, so it would report the pointer, written by one thread and read by another, as a data race.
+// The dispatch function looks up its loop instead of receiving a pointer to it. ThreadSanitizer does not see GLib's own
+// locks, so it would report the pointer, written by one thread and read by another, as a data race.
 gboolean dispatchMainLoop(GSource*, GSourceFunc, gpointer) {
     mainLoop().dispatch();
-    return G_SOURCE_CONTINUE;
-}
-gboolean dispatchThreadLoop(GSource*, GSourceFunc, gpointer) {
-    threadLoop().dispatch();
     return G_SOURCE_CONTINUE;
 }
 
@@ -78,26 +75,17 @@ thread_local RunLoop* currentReplacement = nullptr;
 
 }  // namespace
 
-/// Marks that one of the loop's own operations runs it. Sources that callees create on this thread then belong to the
-/// loop's context. The context is not pushed for longer, because an application pushes and pops its own contexts.
+/// Marks that one of the loop's own operations runs it.
 class GLibRunLoop::Running {
 public:
     explicit Running(GLibRunLoop& loop)
         : loop_(loop) {
-        if (!loop_.isOwnThread()) {
+        if (!isMainThread()) {
             throw Exception("NSInternalInconsistencyException", "a run loop can be turned by its own thread only");
         }
         ++loop_.nestedRuns_;
-        if (loop_.kind_ == Kind::Thread) {
-            g_main_context_push_thread_default(loop_.context_);
-        }
     }
-    ~Running() {
-        --loop_.nestedRuns_;
-        if (loop_.kind_ == Kind::Thread) {
-            g_main_context_pop_thread_default(loop_.context_);
-        }
-    }
+    ~Running() { --loop_.nestedRuns_; }
     Running(const Running&) = delete;
     Running& operator=(const Running&) = delete;
 
@@ -105,11 +93,9 @@ private:
     GLibRunLoop& loop_;
 };
 
-GLibRunLoop::GLibRunLoop(Kind kind)
-    : kind_(kind)
-    , thread_(std::this_thread::get_id())
-    , context_(kind == Kind::Main ? g_main_context_ref(g_main_context_default()) : g_main_context_new())
-    , source_(g_source_new(kind == Kind::Main ? &mainLoopFunctions : &threadLoopFunctions, sizeof(GSource))) {
+GLibRunLoop::GLibRunLoop()
+    : context_(g_main_context_ref(g_main_context_default()))
+    , source_(g_source_new(&mainLoopFunctions, sizeof(GSource))) {
     g_source_set_can_recurse(source_, TRUE);
     g_source_set_static_name(source_, "krv::RunLoop");
     g_source_attach(source_, context_);
@@ -158,10 +144,6 @@ void GLibRunLoop::rethrowKeptException() {
     }
 }
 
-bool GLibRunLoop::isOwnThread() const {
-    return kind_ == Kind::Main ? isMainThread() : thread_ == std::this_thread::get_id();
-}
-
 void GLibRunLoop::runUntil(Clock::TimePoint time) {
     const Running running(*this);
     // Even if the time has already passed, dispatch once what is ready.
@@ -205,7 +187,11 @@ RunLoop& RunLoop::current() {
     if (currentReplacement) {
         return *currentReplacement;
     }
-    return isMainThread() ? main() : threadLoop();
+    if (isMainThread()) {
+        return main();
+    }
+    thread_local ThreadRunLoop loop;
+    return loop;
 }
 
 bool RunLoop::isMainThread() {

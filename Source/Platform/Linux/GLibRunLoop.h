@@ -1,7 +1,6 @@
 #pragma once
 
 #include <exception>
-#include <thread>
 
 #include <glib.h>
 
@@ -10,13 +9,12 @@
 
 namespace krv {
 
-/// A run loop over a GMainContext. One source of the context represents all of the loop's calls. Other sources of the
-/// context (an application's widgets, D-Bus) are dispatched in the same iterations.
+/// The main thread's run loop, over GLib's default context. One source of the context represents all of the loop's
+/// calls. Other sources of the context (an application's widgets, D-Bus) are dispatched in the same iterations.
 class GLibRunLoop final : public ScheduledRunLoop {
 public:
-    enum class Kind { Main, Thread };
-
-    explicit GLibRunLoop(Kind kind);
+    /// GLib creates the context if the application has not, and ends the process if there is no descriptor for it.
+    GLibRunLoop();
     ~GLibRunLoop() override;
 
     void runUntil(Clock::TimePoint time) override;
@@ -26,8 +24,6 @@ public:
     /// Dispatches the loop's source once. No exception reaches GLib's frames.
     void dispatch() noexcept;
 
-    [[nodiscard]] GMainContext* context() const noexcept { return context_; }
-
 private:
     class Running;
 
@@ -36,14 +32,9 @@ private:
     void keepException() noexcept;
     void rethrowKeptException();
     [[nodiscard]] bool takeStopRequest();
-    [[nodiscard]] bool isOwnThread() const;
 
-    const Kind kind_;
-    const std::thread::id thread_;  // of a thread loop
     GMainContext* const context_;
     GSource* const source_;
-    // stop() wakes the context under this lock. Otherwise the loop's thread could see the request, return from run()
-    // and destroy the context while stop() still uses it.
     Mutex stopMutex_;
     bool stopRequested_ KRV_GUARDED_BY(stopMutex_) = false;
     // Used on the loop's own thread only.

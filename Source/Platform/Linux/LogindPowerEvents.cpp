@@ -8,9 +8,12 @@
 
 #include <gio/gio.h>
 
+#include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Logging/Log.h>
+#include <KRVQTProcessClient/Platform/FreeDescriptors.h>
 #include <KRVQTProcessClient/Platform/PowerEvents.h>
 #include <KRVQTProcessClient/Platform/RunLoop.h>
+#include <KRVQTProcessClient/Platform/SignalsBlocked.h>
 
 namespace krv {
 
@@ -19,6 +22,11 @@ constinit const std::string_view kWorkspaceDidWakeNotification = "NSWorkspaceDid
 
 namespace {
 
+using namespace std::chrono_literals;
+
+/// More than a connection needs, because the connection is made a moment after the question.
+constexpr int kDescriptorsOfABusConnection = 16;
+constexpr auto kBetweenAttempts = 10s;
 constexpr LogSite kSite{"Source/Platform/PowerEvents", Selector("notificationCenter")};
 
 NotificationCenter& center() {
@@ -67,8 +75,19 @@ void connected(GObject*, GAsyncResult* result, gpointer) {
                                        &prepareForSleep, nullptr, nullptr);
 }
 
+void listenAgainLater();
+
 /// Called on the main thread, so that GIO delivers the signals there.
 void listen() {
+    try {
+        // GIO's own thread gets a context, for which GLib needs a descriptor or ends the process.
+        requireFreeDescriptors(kDescriptorsOfABusConnection, "the system bus");
+    } catch (const Exception& exception) {
+        KRV_LOG(kLogFlagInfo, kSite, "No sleep and wake events for now: {}", exception.reason());
+        listenAgainLater();
+        return;
+    }
+    const SignalsBlocked blocked;  // in the threads that GIO starts
     GError* failure = nullptr;
     gchar* const address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &failure);
     if (!address) {
@@ -80,6 +99,11 @@ void listen() {
                                                                         G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
                                       nullptr, nullptr, &connected, nullptr);
     g_free(address);
+}
+
+void listenAgainLater() {
+    static const auto target = std::make_shared<const int>(0);
+    RunLoop::main().performAfterDelay(kBetweenAttempts, target, Selector("listen"), &listen);
 }
 
 }  // namespace
