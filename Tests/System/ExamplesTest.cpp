@@ -1,10 +1,15 @@
 // Each example launches a server if none is running, converts a movie and exits by itself.
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <ostream>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "PrivateBus.h"
 #include "SystemFixture.h"
 
 namespace krv::test {
@@ -76,6 +81,51 @@ TEST_P(Examples, ConvertsAMovieWithNoServerRunningBefore) {
 
 TEST_P(Examples, ExitsWithAFailureIfTheSourceIsNotAMovie) {
     ChildProcess example({GetParam().program, media("text.mp4"), out("text.mp4")});
+    EXPECT_EQ(example.wait(), 1);
+    EXPECT_THAT(filesInOut(), IsEmpty());
+}
+
+/// A machine that sleeps and wakes all the time, on a system bus of the test's own.
+class RestlessMachine {
+public:
+    RestlessMachine() {
+        ::setenv("DBUS_SYSTEM_BUS_ADDRESS", bus_.address().c_str(), 1);
+        thread_ = std::thread([this] {
+            MockLogind logind(bus_);
+            while (!enough_) {
+                logind.prepareForSleep(true);
+                logind.prepareForSleep(false);
+                std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // a step runs a second after a wake
+            }
+        });
+    }
+    ~RestlessMachine() {
+        enough_ = true;
+        thread_.join();
+        ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+    }
+    RestlessMachine(const RestlessMachine&) = delete;
+    RestlessMachine& operator=(const RestlessMachine&) = delete;
+
+private:
+    PrivateBus bus_;
+    std::atomic<bool> enough_{false};
+    std::thread thread_;
+};
+
+TEST_P(Examples, ConvertsAMovieOnAMachineThatSleepsAndWakes) {
+    const RestlessMachine machine;
+    ChildProcess example({GetParam().program, media("plain.mov"), out("plain.mp4")});
+    EXPECT_EQ(example.wait(), 0);
+    EXPECT_THAT(filesInOut(), ElementsAre("plain.mp4"));
+}
+
+/// The server cannot be launched, and after a wake the toolkit's main loop carries the attempts.
+TEST_P(Examples, ExitsWithAFailureIfTheServerCannotBeLaunchedAfterAWake) {
+    const std::string alone = (folder.path() / "Example").string();
+    std::filesystem::copy_file(GetParam().program, alone);
+    const RestlessMachine machine;
+    ChildProcess example({alone, media("plain.mov"), out("plain.mp4")});
     EXPECT_EQ(example.wait(), 1);
     EXPECT_THAT(filesInOut(), IsEmpty());
 }

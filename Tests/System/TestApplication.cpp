@@ -4,6 +4,8 @@
 //
 //   convert ID SOURCE DESTINATION   prints "ID progress 0.25"..., at the end "ID done", "ID error CODE DESCRIPTION" or
 //                                   "ID exception NAME: REASON"
+//   convert-on-main ID SOURCE DESTINATION
+//                                   the same, on the main thread within its run loop
 //   pause ID FRACTION               blocks the observer of that conversion from this progress on; prints "ID paused"
 //   resume ID                       unblocks it
 //   registered                      prints "registered yes" or "registered no"
@@ -15,11 +17,22 @@
 //   cleanup                         cleans up the bare client, waits until its thread has exited; prints "cleaned up"
 //   use                             prints "use THREADS DESCRIPTORS CHILDREN CPU-SECONDS RESIDENT-KILOBYTES"
 //   log                             from now on prints "log TEXT" for every line of the library's log
+//   every-call MOVIE FOLDER         makes every call on threads of their own; prints "call NAME END" for each, at the end
+//                                   "called"
+//   fill                            takes every descriptor that is free now or later; prints "filled"
+//   free                            gives them back; prints "freed"
+//   signals                         prints "signals", followed by the names of the threads of the library that do not
+//                                   block SIGTERM
+//   ports                           from now on prints "port N" for every notification of the discovery
 //   jump SECONDS                    shifts the wall clock (see WallClockShift.cpp); prints "jumped SECONDS" by it
 //   quit                            exits
 //
-// With the argument "--bare" it creates no shared client at the start.
+// With the argument "--bare" it creates no shared client at the start. With "--descriptors N" it leaves itself N further
+// descriptors, creates the client, prints "client made" or "exception NAME", runs the main loop for a moment, prints
+// "turned", and then gives itself all descriptors back.
+#include <atomic>
 #include <condition_variable>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -28,6 +41,7 @@
 #include <mutex>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 #include <dlfcn.h>
 #include <sys/resource.h>
@@ -37,6 +51,8 @@
 
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 
+#include "EveryCall.h"
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -45,7 +61,7 @@ using SteadyClock = std::chrono::steady_clock;
 std::mutex mutex;  // of everything below
 std::condition_variable changed;
 std::map<std::string, float> pauses;
-std::shared_ptr<krv::KRVQTProcessOperations> client;
+std::shared_ptr<krv::KRVQTProcessClientOperations> client;
 std::shared_ptr<krv::KRVQuicktimeProcessClient> bare;
 SteadyClock::time_point made;
 
@@ -57,7 +73,7 @@ void say(fmt::format_string<Arguments...> format, Arguments&&... arguments) {
     std::fflush(stdout);
 }
 
-std::shared_ptr<krv::KRVQTProcessOperations> theClient() {
+std::shared_ptr<krv::KRVQTProcessClientOperations> theClient() {
     const std::lock_guard lock(mutex);
     return client;
 }
@@ -159,6 +175,71 @@ void jump(long seconds) {
     say("jumped {:.0f}", std::chrono::duration<double>(std::chrono::system_clock::now() - before).count());
 }
 
+/// Takes every descriptor that is free, and every one that the library closes, until it is destroyed.
+class FullTable {
+public:
+    FullTable() {
+        take();
+        thread_ = std::thread([this] {
+            while (!enough_) {
+                take();
+                std::this_thread::sleep_for(1ms);
+            }
+        });
+    }
+    ~FullTable() {
+        enough_ = true;
+        thread_.join();
+        for (const int descriptor : taken_) {
+            ::close(descriptor);
+        }
+    }
+    FullTable(const FullTable&) = delete;
+    FullTable& operator=(const FullTable&) = delete;
+
+private:
+    void take() {
+        for (int descriptor = ::dup(STDIN_FILENO); descriptor >= 0; descriptor = ::dup(STDIN_FILENO)) {
+            taken_.push_back(descriptor);
+        }
+    }
+
+    std::vector<int> taken_;
+    std::atomic<bool> enough_{false};
+    std::thread thread_;
+};
+
+std::unique_ptr<FullTable> fullTable;
+
+/// Called on a thread of the application's own, which is not counted, like the main thread.
+void printThreadsWithSignals() {
+    std::string names;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        const pid_t thread = std::stoi(task.path().filename());
+        std::ifstream in(task.path() / "status");
+        std::string name;
+        std::uint64_t blocked = 0;
+        for (std::string line; std::getline(in, line);) {
+            if (line.starts_with("Name:\t")) {
+                name = line.substr(6);
+            } else if (line.starts_with("SigBlk:\t")) {
+                blocked = std::stoull(line.substr(8), nullptr, 16);
+            }
+        }
+        if (thread != ::getpid() && thread != ::gettid() && (blocked >> (SIGTERM - 1) & 1) == 0) {
+            names += ' ' + name;
+        }
+    }
+    say("signals{}", names);
+}
+
+void printPorts() {
+    (void)krv::NotificationCenter::defaultCenter().addObserver(
+        krv::kHTTPServerDiscoveryServiceChangeNotification,
+        [](const krv::Notification& notification) { say("port {}", notification.value.integerValue()); });
+    say("observing");
+}
+
 void obey(const std::string& line) {
     std::istringstream in(line);
     std::string command;
@@ -169,6 +250,11 @@ void obey(const std::string& line) {
         std::string destination;
         in >> id >> source >> destination;
         std::thread(convert, id, source, destination).detach();
+    } else if (command == "convert-on-main") {
+        std::string source;
+        std::string destination;
+        in >> id >> source >> destination;
+        krv::RunLoop::main().perform([=] { convert(id, source, destination); });
     } else if (command == "pause") {
         float fraction = 0;
         in >> id >> fraction;
@@ -197,6 +283,23 @@ void obey(const std::string& line) {
         cleanUpBareClient();
     } else if (command == "use") {
         printUse();
+    } else if (command == "every-call") {
+        std::string movie;
+        std::string folder;
+        in >> movie >> folder;
+        krv::test::makeEveryCall(*theClient(), movie, folder,
+                                 [](const auto& name, const auto& end) { say("call {} {}", name, end); });
+        say("called");
+    } else if (command == "fill") {
+        fullTable = std::make_unique<FullTable>();
+        say("filled");
+    } else if (command == "free") {
+        fullTable.reset();
+        say("freed");
+    } else if (command == "signals") {
+        printThreadsWithSignals();
+    } else if (command == "ports") {
+        printPorts();
     } else if (command == "jump") {
         long seconds = 0;
         in >> seconds;
@@ -211,11 +314,32 @@ void obey(const std::string& line) {
     }
 }
 
+void startWithFewDescriptors(std::size_t further) {
+    rlimit all{};
+    ::getrlimit(RLIMIT_NOFILE, &all);
+    // The descriptors in use have the lowest numbers. That of the listing itself is one of the further ones.
+    const rlimit few{entries("/proc/self/fd") - 1 + further, all.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &few);
+    try {
+        client = krv::KRVQuicktimeProcessClient::defaultClient();
+        say("client made");
+        krv::RunLoop::main().runUntil(SteadyClock::now() + 300ms);
+    } catch (const krv::Exception& exception) {
+        say("exception {}: {}", exception.name(), exception.reason());
+    }
+    say("turned");
+    ::setrlimit(RLIMIT_NOFILE, &all);
+    client = krv::KRVQuicktimeProcessClient::defaultClient();
+}
+
 }  // namespace
 
 int main(int count, char** arguments) {
     made = SteadyClock::now();
-    if (count < 2 || arguments[1] != std::string_view("--bare")) {
+    const std::string_view way = count < 2 ? "" : arguments[1];
+    if (way == "--descriptors" && count > 2) {
+        startWithFewDescriptors(std::stoul(arguments[2]));
+    } else if (way != "--bare") {
         client = krv::KRVQuicktimeProcessClient::defaultClient();
     }
     std::thread([] {
