@@ -70,6 +70,13 @@ std::string Application::result(const std::string& id) {
     }
 }
 
+std::vector<std::string> Application::linesOf(const std::string& beginning) const {
+    std::vector<std::string> found;
+    std::copy_if(lines_.begin(), lines_.end(), std::back_inserter(found),
+                 [&](const auto& line) { return line.starts_with(beginning); });
+    return found;
+}
+
 bool Application::hasSaid(const std::string& beginning) const {
     return std::any_of(lines_.begin(), lines_.end(), [&](const auto& line) { return line.starts_with(beginning); });
 }

@@ -33,6 +33,8 @@ public:
     std::string result(const std::string& id);
     /// Returns whether a line that starts with the text has been read so far.
     [[nodiscard]] bool hasSaid(const std::string& beginning) const;
+    /// Returns the lines read so far that start with the text.
+    [[nodiscard]] std::vector<std::string> linesOf(const std::string& beginning) const;
 
     [[nodiscard]] pid_t pid() const { return process_.pid(); }
     void kill();
