@@ -30,8 +30,9 @@ std::shared_ptr<Archivable> decoded(KeyedUnarchiver& coder) {
 }
 
 /// The classes that an archive may contain besides the standard ones.
-constexpr std::array<ArchivableClass, 3> kClasses{{
+constexpr std::array<ArchivableClass, 4> kClasses{{
     {"KRVOperationBase", &KRVOperationBase::initWithCoder},
+    {"EncodingParameters", &decoded<EncodingParameters>},
     {"VideoEncodingParameters", &decoded<VideoEncodingParameters>},
     {"AudioEncodingParameters", &decoded<AudioEncodingParameters>},
 }};

@@ -68,6 +68,26 @@ TEST(EncodingParameters, ReadBackAsTheSameClassWithNullData) {
     EXPECT_EQ(asVideo, nullptr);
 }
 
+TEST(EncodingParameters, OfThePlainClassAreReadBackInARecord) {
+    const auto plain = EncodingParameters::encodingParametersWithData(bytes({7}));
+    plain->setCodec(0x61766331);
+    plain->setQuality(0.25F);
+    const auto record = KRVOperationBase::encodeVideoOperation("/a.mov", "/b.mov");
+    record->arguments()->set(kArgumentEncodingVideoParameters, Value(Value::ObjectRef(plain)));
+
+    const auto back = KRVOperationBase::operationFromData(std::make_shared<const Data>(record->convertToData()));
+    ASSERT_TRUE(back);
+    const auto found = std::dynamic_pointer_cast<const EncodingParameters>(
+        (*back->arguments())[kArgumentEncodingVideoParameters].object());
+    ASSERT_TRUE(found);
+    EXPECT_EQ(found->className(), "EncodingParameters");
+    EXPECT_EQ(found->codec(), 0x61766331U);
+    EXPECT_EQ(found->quality(), 0.25F);
+    EXPECT_EQ(*found->settingsBlob(), *bytes({7}));
+    // They are settings of neither kind of track.
+    EXPECT_FALSE(back->encodingVideoParameters());
+}
+
 TEST(EncodingParameters, OnlyVideoArchivesAFrameRate) {
     const AudioEncodingParameters audio(std::shared_ptr<const Data>{});
     const VideoEncodingParameters video(std::shared_ptr<const Data>{});
