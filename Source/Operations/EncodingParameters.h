@@ -12,7 +12,8 @@ namespace krv {
 
 class KeyedUnarchiver;
 
-/// Compression settings of one kind of track. The library sends them to the server without interpreting them.
+/// Compression settings of one kind of track. The library sends them to the server without interpreting them. The media
+/// server takes the two classes below, not this one.
 ///
 /// settingsBlob is thread-safe; the scalars are not.
 class KRV_EXPORT EncodingParameters : public Archivable {

@@ -97,7 +97,8 @@ public:
     void setCompleted(bool completed) noexcept { completed_ = completed; }
     [[nodiscard]] bool cancelled() const noexcept { return cancelled_; }
     void setCancelled(bool cancelled) noexcept { cancelled_ = cancelled; }
-    /// Null only if it was set to null.
+    /// Null only if it was set to null. If it was set to an immutable dictionary, everything below that stores an entry
+    /// throws Exception "NSInvalidArgumentException". Replies have mutable arguments and results.
     [[nodiscard]] std::shared_ptr<Dictionary> arguments() const;
     void setArguments(std::shared_ptr<Dictionary> arguments);
     [[nodiscard]] std::shared_ptr<Dictionary> result() const;
@@ -126,9 +127,11 @@ public:
     [[nodiscard]] bool encodingFlattenOnly() const;
     [[nodiscard]] Size thumbnailInfoSize() const;
     [[nodiscard]] Value regInfoPID() const;
+    /// Stores the process id in `arguments`. Does nothing if `arguments` is null.
     void setRegInfoPID(Value pid);
     [[nodiscard]] Value numOpsNumberOfOperations() const;
     [[nodiscard]] std::shared_ptr<const Array> numOpsNames() const;
+    /// Returns a dictionary that cannot be changed, because it may be shared. Replace it instead.
     [[nodiscard]] std::shared_ptr<const Dictionary> metadata() const;
     /// Stores the metadata in `arguments`. Null does not remove the entry: it is stored, and archived, as a null value.
     /// Does nothing if `arguments` is null.
@@ -155,7 +158,8 @@ public:
     // Archive form.
 
     /// Returns the record as an archive. Throws Exception "NSInvalidArgumentException" if it contains something that
-    /// cannot be archived.
+    /// cannot be archived, such as text that is not UTF-8. An Archivable of an application's own class can be archived,
+    /// but the server refuses the record.
     [[nodiscard]] Data convertToData() const;
     /// Returns the record in an archive; null if the bytes are malformed or contain another object.
     [[nodiscard]] static Ref operationFromData(const std::shared_ptr<const Data>& data);
@@ -192,11 +196,12 @@ private:
     bool isClientRegistered_ = false;
     TestOpInfo testInfo_;
 
-    Guarded<Value::StringRef> uniqueID_;
+    // Released from the last to the first.
     Guarded<std::shared_ptr<const Error>> error_;
+    Guarded<Value::StringRef> uniqueID_;
+    Guarded<std::shared_ptr<OperationProgress>> progressDelegate_;
     Guarded<std::shared_ptr<Dictionary>> arguments_;
     Guarded<std::shared_ptr<Dictionary>> result_;
-    Guarded<std::shared_ptr<OperationProgress>> progressDelegate_;
 };
 
 }  // namespace krv
