@@ -8,6 +8,7 @@
 #include <new>
 #include <optional>
 #include <set>
+#include <span>
 #include <system_error>
 #include <thread>
 
@@ -68,6 +69,8 @@ struct Refusal {
     unsigned status = 0;
     std::string_view text;
 };
+
+constexpr Refusal kOutOfMemory{MHD_HTTP_SERVICE_UNAVAILABLE, "out of memory\n"};
 
 /// One request, from its headers to its response. Shared with the holder of the reply.
 struct Exchange {
@@ -348,8 +351,8 @@ struct HTTPFront::Internals {
                 return self.receive(*exchange, upload, uploadSize);
             }
             return self.complete(connection, exchange);
-        } catch (const std::bad_alloc&) {
-            return MHD_NO;  // closes the connection
+        } catch (...) {
+            return MHD_NO;  // closes the connection; the HTTP library is written in C
         }
     }
 
@@ -389,15 +392,23 @@ struct HTTPFront::Internals {
             forgetBody(exchange);  // frees what has arrived; the rest is discarded
         }
         if (exchange.refusal.status == 0) {
-            // At once, so that it never has to be copied. What has not arrived takes no memory.
-            exchange.body.reserve(std::min(exchange.announcedSize, kLargestRequest));
-            const auto* p = reinterpret_cast<const std::byte*>(upload);
-            exchange.body.insert(exchange.body.end(), p, p + *uploadSize);
-            exchange.bodySize += *uploadSize;
-            bodyBytes += *uploadSize;
+            keepBody(exchange, {reinterpret_cast<const std::byte*>(upload), *uploadSize});
         }
         *uploadSize = 0;
         return MHD_YES;
+    }
+
+    void keepBody(Exchange& exchange, std::span<const std::byte> part) {
+        try {
+            // At once, so that it never has to be copied. What has not arrived takes no memory.
+            exchange.body.reserve(std::min(exchange.announcedSize, kLargestRequest));
+            exchange.body.insert(exchange.body.end(), part.begin(), part.end());
+            exchange.bodySize += part.size();
+            bodyBytes += part.size();
+        } catch (const std::bad_alloc&) {
+            exchange.refusal = kOutOfMemory;
+            forgetBody(exchange);
+        }
     }
 
     /// Frees the body of a request and the room that it takes among all bodies.
@@ -433,15 +444,21 @@ struct HTTPFront::Internals {
         return MHD_YES;
     }
 
-    /// Decodes the body of a request and hands the record over.
+    /// Decodes the body of a request and hands the record over. If that throws, the thread must live on: it is the
+    /// HTTP library's or the decoder's.
     void dispatch(MHD_Connection* connection, const ExchangeRef& exchange) const {
-        KRVOperationBase::Ref record;
         try {
-            record = KRVOperationBase::operationFromData(std::make_shared<const Data>(std::move(exchange->body)));
+            handOver(connection, exchange);
         } catch (const std::bad_alloc&) {
-            answer(connection, *exchange, textAnswer(MHD_HTTP_SERVICE_UNAVAILABLE, "out of memory\n"));
-            return;
+            answer(connection, *exchange, textAnswer(kOutOfMemory.status, kOutOfMemory.text));
+        } catch (...) {
+            answer(connection, *exchange, textAnswer(MHD_HTTP_INTERNAL_SERVER_ERROR, "the request failed\n"));
         }
+    }
+
+    void handOver(MHD_Connection* connection, const ExchangeRef& exchange) const {
+        const auto record =
+            KRVOperationBase::operationFromData(std::make_shared<const Data>(std::move(exchange->body)));
         if (!record) {
             answer(connection, *exchange, textAnswer(MHD_HTTP_BAD_REQUEST, "not an archived operation record\n"));
             return;
@@ -455,13 +472,19 @@ struct HTTPFront::Internals {
     static Answer answerWith(const KRVOperationBase& reply) {
         try {
             return {.bytes = reply.convertToData()};
+        } catch (const std::bad_alloc&) {
+            return textAnswer(kOutOfMemory.status, kOutOfMemory.text);
         } catch (const std::exception&) {
             return textAnswer(MHD_HTTP_INTERNAL_SERVER_ERROR, "the reply cannot be archived\n");
         }
     }
 
+    /// The first answer counts. There is a second one if a handler throws after it has replied.
     static void answer(MHD_Connection* connection, Exchange& exchange, Answer given) {
         const LockGuard lock(exchange.mutex);
+        if (exchange.answer) {
+            return;
+        }
         exchange.answer = std::move(given);
         if (exchange.suspended) {
             MHD_resume_connection(connection);

@@ -75,16 +75,21 @@ void OperationExecutors::run(Duration duration) {
                 replaced = false;  // without another thread, the others have to wait
             }
         };
+        const auto fail = [&](const char* reason) {
+            ledger_.finish(*operation,
+                           {Outcome::Kind::Failed,
+                            makeError(*operation->request, {.cause = FailureCause::InternalError, .reason = reason}),
+                            nullptr});
+        };
         try {
             ledger_.finish(*operation, work_(
                                            operation->request, *cancellation,
                                            [&](double fraction) { ledger_.report(*operation, fraction); }, replace));
         } catch (const std::exception& problem) {
             // A record that cannot be archived, for instance, or a lack of memory. The thread serves others too.
-            ledger_.finish(*operation, {Outcome::Kind::Failed,
-                                        makeError(*operation->request,
-                                                  {.cause = FailureCause::InternalError, .reason = problem.what()}),
-                                        nullptr});
+            fail(problem.what());
+        } catch (...) {
+            fail("exception of unknown type");
         }
     }
 }
