@@ -1,0 +1,162 @@
+// What is written is read back the same, and what is read is written so that it reads the same.
+#include <cstddef>
+#include <memory>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Foundation/KeyedArchiver.h>
+#include <KRVQTProcessClient/Operations/KRVOperationBase.h>
+
+#include "HostileArchives.h"
+#include "RandomRecords.h"
+#include "SameValue.h"
+
+namespace krv {
+namespace {
+
+using test::Bytes;
+using test::dataOf;
+using test::RandomRecords;
+using test::Sameness;
+
+Value reread(const Value& value) {
+    return KRVOperationBase::valueFromData(std::make_shared<const Data>(KeyedArchiver::archivedData(value)));
+}
+
+KRVOperationBase::Ref reread(const KRVOperationBase& record) {
+    return KRVOperationBase::operationFromData(std::make_shared<const Data>(record.convertToData()));
+}
+
+/// Collects the kinds and classes of which a value consists.
+void collect(const Value& value, std::set<std::string>& kinds) {
+    kinds.insert(std::to_string(static_cast<int>(value.kind())));
+    if (const auto array = value.array()) {
+        for (const Value& element : *array) {
+            collect(element, kinds);
+        }
+    }
+    if (const auto object = value.object()) {
+        kinds.insert(std::string(object->className()));
+    }
+}
+
+TEST(RoundTrip, EveryRecordThatIsWrittenIsReadBack) {
+    constexpr int kRecords = 4000;
+    std::set<std::string> kinds;
+    int large = 0;
+    for (int seed = 0; seed < kRecords; ++seed) {
+        RandomRecords random(static_cast<std::uint32_t>(seed));
+        const auto record = random.record();
+        const Data data = record->convertToData();
+        const auto back = KRVOperationBase::operationFromData(std::make_shared<const Data>(data));
+        ASSERT_TRUE(back) << seed;
+        ASSERT_TRUE(Sameness().same(*record, *back)) << seed;
+        for (const auto& [key, value] : *record->arguments()) {
+            collect(value, kinds);
+        }
+        large += data.size() > 65536 ? 1 : 0;
+    }
+    // Thirteen kinds of value, four classes.
+    EXPECT_EQ(kinds.size(), 17U);
+    EXPECT_GT(large, 0);
+}
+
+TEST(RoundTrip, EveryValueThatIsWrittenIsReadBack) {
+    RandomRecords random(1);
+    for (int i = 0; i < 10'000; ++i) {
+        const Value value = random.value(3);
+        if (!value.isNull()) {
+            ASSERT_TRUE(Sameness().same(value, reread(value))) << i;
+        }
+    }
+}
+
+TEST(RoundTrip, ContainersMayGrowOutOfEachOther) {
+    // Each value contains earlier ones, until the nesting is too deep to be written.
+    int refused = 0;
+    for (std::uint32_t seed = 0; seed < 50; ++seed) {
+        RandomRecords random(seed);
+        std::vector<Value> made{random.value(1)};
+        for (int i = 0; i < 150; ++i) {
+            Array array;
+            for (std::size_t left = 1 + random.below(3); left > 0; --left) {
+                array.push_back(random.chance(3) ? made[random.below(made.size())] : made.back());
+            }
+            made.emplace_back(random.chance(2) ? Value(std::move(array))
+                                               : Value(Dictionary{{"a", array.front()}, {"b", array.back()}}));
+            Value back;
+            try {
+                back = reread(made.back());
+            } catch (const Exception& exception) {
+                ASSERT_EQ(exception.name(), kInvalidArgumentException);
+                ++refused;
+                continue;
+            }
+            ASSERT_TRUE(Sameness().same(made.back(), back)) << seed << ' ' << i;
+        }
+    }
+    EXPECT_GT(refused, 0);
+}
+
+/// Damages a few bytes, or repeats or removes a part.
+Bytes mutated(Bytes bytes, RandomRecords& random) {
+    for (std::size_t left = 1 + random.below(3); left > 0; --left) {
+        const std::size_t place = random.below(bytes.size());
+        switch (random.below(4)) {
+        case 0:
+            bytes[place] = static_cast<char>(random.below(256));
+            break;
+        case 1:
+            bytes[place] = static_cast<char>(static_cast<unsigned char>(bytes[place]) ^ (1U << random.below(8)));
+            break;
+        case 2:
+            bytes[place] = static_cast<char>(bytes[place] + 1);
+            break;
+        default:
+            bytes[place] = bytes[random.below(bytes.size())];
+        }
+    }
+    return bytes;
+}
+
+/// Reads the bytes. Whatever they contain must be describable, and writable so that it reads the same.
+bool survives(const Bytes& bytes) {
+    const Value value = KRVOperationBase::valueFromData(dataOf(bytes));
+    if (value.isNull()) {
+        return false;
+    }
+    EXPECT_LE(value.description().size(), 128 * 1024 + bytes.size());
+    EXPECT_TRUE(Sameness().same(value, reread(value)));
+    if (const auto record = KRVOperationBase::operationFromData(dataOf(bytes))) {
+        const auto back = reread(*record);
+        EXPECT_TRUE(back && Sameness().same(*record, *back));
+    }
+    return true;
+}
+
+TEST(RoundTrip, WhatIsReadOfDamagedArchivesIsWrittenAndReadBack) {
+    RandomRecords random(2);
+    std::vector<Bytes> archives{test::ladder(20),      test::twoChains(20),         test::sharedLists(5, 10),
+                                test::fanOut(12),      test::sharedArguments(3, 3), test::sharedDomain(3, 30),
+                                test::longText(5, 300)};
+    for (int i = 0; i < 30; ++i) {
+        const Data data = random.record(3)->convertToData();
+        archives.emplace_back(reinterpret_cast<const char*>(data.data()), data.size());
+    }
+    int read = 0;
+    int refused = 0;
+    for (const Bytes& archive : archives) {
+        for (int i = 0; i < 300 && !HasFailure(); ++i) {
+            ++(survives(mutated(archive, random)) ? read : refused);
+        }
+    }
+    EXPECT_GT(read, 100);
+    EXPECT_GT(refused, 100);
+}
+
+}  // namespace
+}  // namespace krv
