@@ -140,9 +140,10 @@ bool survives(const Bytes& bytes) {
 
 TEST(RoundTrip, WhatIsReadOfDamagedArchivesIsWrittenAndReadBack) {
     RandomRecords random(2);
-    std::vector<Bytes> archives{test::ladder(20),      test::twoChains(20),         test::sharedLists(5, 10),
-                                test::fanOut(12),      test::sharedArguments(3, 3), test::sharedDomain(3, 30),
-                                test::longText(5, 300)};
+    std::vector<Bytes> archives{
+        test::ladder(20),         test::ladder(70), test::twoChains(20),         test::twoChains(40),
+        test::sharedLists(5, 10), test::fanOut(12), test::sharedArguments(3, 3), test::sharedDomain(3, 30),
+        test::longText(5, 300)};
     for (int i = 0; i < 30; ++i) {
         const Data data = random.record(3)->convertToData();
         archives.emplace_back(reinterpret_cast<const char*>(data.data()), data.size());
