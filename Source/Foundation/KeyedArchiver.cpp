@@ -20,6 +20,7 @@
 
 #include <fmt/format.h>
 
+#include <KRVQTProcessClient/Foundation/ArchiveCost.h>
 #include <KRVQTProcessClient/Foundation/AtomTable.h>
 #include <KRVQTProcessClient/Foundation/Dictionary.h>
 #include <KRVQTProcessClient/Foundation/Error.h>
@@ -63,6 +64,15 @@ public:
     }
 
     void item(std::string_view key, Item::Kind kind, std::uint32_t first) { item(atoms_.text(key), kind, first); }
+    /// Adds what an object's value costs the reader besides its contents. A record copies its dictionaries.
+    void chargeField(const Value& value) {
+        memory_ += cost::kSlotMemory;
+        if (const auto dictionary = value.dictionary()) {
+            memory_ += cost::copyMemory(dictionary->size());
+            steps_ += dictionary->size();
+        }
+    }
+
     /// Keeps a value until the archive is written, because atoms borrow its text.
     const Value& keep(Value value) {
         kept_.push_back(std::move(value));
@@ -86,6 +96,8 @@ private:
         sharedTable_.clear();
         lists_ = 0;
         objects_ = 0;
+        memory_ = 0;
+        steps_ = cost::kTopSteps;
         depth_ = 0;
         height_ = 0;
         nullUsed_ = false;
@@ -110,6 +122,8 @@ private:
         if (atoms_[atom].uid == 0) {
             const std::uint32_t uid = atomEntry(atom);
             atoms_[atom].uid = uid;
+            memory_ += cost::kSlotMemory + cost::kObjectMemory + text.size();
+            steps_ += atoms_[atom].kind == Atom::Kind::Utf16 ? atoms_[atom].bits / cost::kTextPerStep : 0;
         }
         return atoms_[atom].uid;
     }
@@ -141,6 +155,8 @@ private:
         nest(1);
         ++depth_;
         const int outerHeight = std::exchange(height_, 0);
+        memory_ += cost::kSlotMemory;
+        steps_ += cost::kClassSteps;
         const std::uint32_t uid = newEntry({0, 0, false});
         const std::size_t place = shared_.size() - 1;
         if (identity) {
@@ -201,6 +217,8 @@ private:
                 return uid;
             }
         }
+        memory_ += cost::kSlotMemory;
+        steps_ += cost::kClassSteps;
         const std::uint32_t uid = newEntry({0, 0, false});
         classes_.emplace_back(atoms_.use(name), uid);
         const std::size_t begin = pending_.size();
@@ -231,14 +249,27 @@ private:
         }
         const auto first = static_cast<std::uint32_t>(uids_.size());
         uids_.insert(uids_.end(), pendingUids_.begin() + static_cast<std::ptrdiff_t>(begin), pendingUids_.end());
+        steps_ += pendingUids_.size() - begin;
         pendingUids_.resize(begin);
         list(key, Item::Kind::UidList, first);
+    }
+
+    void chargeDictionary(const Dictionary& dictionary) {
+        memory_ += cost::dictionaryMemory(dictionary.size());
+        steps_ += cost::kDictionarySteps;
+        const std::uint64_t comparisons = cost::comparisonsPerKey(dictionary.size());
+        std::size_t previous = 0;
+        for (const auto& [key, value] : dictionary) {
+            steps_ += cost::comparisonSteps(previous, key->size(), comparisons);
+            previous = key->size();
+        }
     }
 
     std::uint32_t dictionary(const Dictionary& dictionary) {
         const bool isMutable = dictionary.mutability() == Dictionary::Mutability::Mutable;
         return keyedObject(&dictionary, isMutable ? kAtomNSMutableDictionary : kAtomNSDictionary,
                            isMutable ? std::uint32_t{kAtomNSDictionary} : kNone, [&] {
+                               chargeDictionary(dictionary);
                                uidList(atoms_.use(kAtomKeys), dictionary,
                                        [&](const auto& entry) { return sharedTextEntry(entry.first); });
                                uidList(atoms_.use(kAtomElements), dictionary,
@@ -248,6 +279,8 @@ private:
 
     std::uint32_t error(const Error& error) {
         return keyedObject(&error, atoms_.text("NSError"), kNone, [&] {
+            memory_ += cost::kErrorMemory + error.domain().size();
+            steps_ += cost::kErrorSteps;
             item("NSDomain", Item::Kind::Uid, textEntry(error.domain()));
             item("NSCode", Item::Kind::Atom,
                  atoms_.scalar(Atom::Kind::Integer, static_cast<std::uint64_t>(error.code())));
@@ -260,6 +293,7 @@ private:
             return known;
         }
         const std::string_view bytes(reinterpret_cast<const char*>(data.data()), data.size());
+        memory_ += cost::kSlotMemory + cost::kObjectMemory + data.size();
         const std::uint32_t uid = atomEntry(atoms_.data(bytes));
         shared_.back().uid = uid;
         return uid;
@@ -285,17 +319,21 @@ private:
                     return dataEntry(*v);
                 } else if constexpr (std::is_same_v<T, Date>) {
                     return keyedObject(nullptr, atoms_.text("NSDate"), kNone, [&] {
+                        steps_ += cost::kDateSteps;
                         item("NS.time", Item::Kind::Atom,
                              atoms_.scalar(Atom::Kind::Real64, std::bit_cast<std::uint64_t>(v.secondsSinceReference)));
                     });
                 } else if constexpr (std::is_same_v<T, Size>) {
                     return keyedObject(nullptr, atoms_.text("NSValue"), kNone, [&] {
+                        steps_ += cost::kSizeSteps;
                         constexpr std::uint64_t kSizeKind = 2;
                         item("NS.special", Item::Kind::Atom, atoms_.scalar(Atom::Kind::Integer, kSizeKind));
                         item("NS.sizeval", Item::Kind::Uid, textEntry(keep(Value(sizeText(v))).stringValue()));
                     });
                 } else if constexpr (std::is_same_v<T, Value::ArrayRef>) {
                     return keyedObject(v.get(), atoms_.text("NSArray"), kNone, [&] {
+                        memory_ += cost::arrayMemory(v->size());
+                        steps_ += cost::kArraySteps;
                         uidList(atoms_.use(kAtomElements), *v, [&](const Value& element) { return number(element); });
                     });
                 } else if constexpr (std::is_same_v<T, Value::DictionaryRef>) {
@@ -307,8 +345,11 @@ private:
                     const std::uint32_t className = atoms_.text(v->className());
                     return keyedObject(v.get(), className, superclassName.empty() ? kNone : atoms_.text(superclassName),
                                        [&] {
+                                           memory_ += cost::kArchivableMemory;
+                                           const std::size_t begin = pending_.size();
                                            KeyedArchiver coder(*this);
                                            v->encodeWithCoder(coder);
+                                           steps_ += pending_.size() + 1 - begin;
                                        });
                 }
             },
@@ -340,8 +381,14 @@ private:
 
         const plist::Graph graph{&atoms_[0], items_.data(),   uids_.data(),
                                  entries_,   offsets_.data(), uidIndexes_.data()};
+        memory_ += count * cost::kNumberMemory;
         const auto writeTo = [&](Data& data) {
-            return plist::writeArchive(graph, rootUid, count, reinterpret_cast<std::uint8_t*>(data.data()));
+            const std::size_t size =
+                plist::writeArchive(graph, rootUid, count, reinterpret_cast<std::uint8_t*>(data.data()));
+            if (memory_ > cost::memoryBudget(size) || steps_ > cost::stepsBudget(size)) {
+                cannotArchive("objects share so much that no reader would accept the archive");
+            }
+            return size;
         };
         if (bound > kKept) {
             Data data(bound);
@@ -380,6 +427,9 @@ private:
     std::vector<Value> kept_;
     std::size_t lists_ = 0;
     std::size_t objects_ = 0;
+    /// What the reader will need. Never less than it charges.
+    std::uint64_t memory_ = 0;
+    std::uint64_t steps_ = 0;
     int depth_ = 0;
     int height_ = 0;
     bool nullUsed_ = false;
@@ -431,6 +481,7 @@ void KeyedArchiver::encodeDouble(std::string_view key, double value) {
 
 void KeyedArchiver::encodeObject(std::string_view key, const Value& value) {
     encoder_.keep(value);
+    encoder_.chargeField(value);
     encoder_.noteReference(key, encoder_.reference(value));
 }
 

@@ -11,8 +11,10 @@ namespace krv {
 
 /// Writes one object graph as a keyed archive in a binary property list.
 ///
-/// References to the same object, and equal strings, share one entry. A value that cannot be archived (text that is not
-/// UTF-8, nesting deeper than kMaximumArchiveDepth) throws Exception kInvalidArgumentException.
+/// References to the same object, and equal strings, share one entry. A value that cannot be archived throws Exception
+/// kInvalidArgumentException: text that is not UTF-8, nesting deeper than kMaximumArchiveDepth, or objects that share so
+/// much that reading the archive would cost more than KeyedUnarchiver permits, such as two million references to one
+/// text.
 class KRV_EXPORT KeyedArchiver {
 public:
     /// Returns the archive whose root is this object. The graph must not change during the call. Thread-safe.

@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <charconv>
 #include <limits>
 #include <optional>
@@ -8,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include <KRVQTProcessClient/Foundation/ArchiveCost.h>
 #include <KRVQTProcessClient/Foundation/BinaryPropertyList.h>
 #include <KRVQTProcessClient/Foundation/Dictionary.h>
 #include <KRVQTProcessClient/Foundation/Error.h>
@@ -21,13 +21,11 @@ using plist::Type;
 
 namespace {
 
-/// What decoding an archive may cost, of one resource. What many objects share costs again for each of them.
+/// What is left of what decoding an archive may cost, of one resource.
 class Budget {
 public:
-    /// An archive may cost so much per byte, but one of up to 16 MiB, the longest request, no more than `most`. A
-    /// longer one may cost more in proportion.
-    Budget(std::uint64_t bytes, std::uint64_t start, std::uint64_t perByte, std::uint64_t most)
-        : left_(std::min(start + bytes * perByte, std::max(most, bytes / 16 * (most >> 20)))) {}
+    explicit Budget(std::uint64_t all)
+        : left_(all) {}
 
     void charge(std::uint64_t cost) {
         if (cost > left_) {
@@ -40,25 +38,6 @@ private:
     std::uint64_t left_;
 };
 
-/// Memory, in bytes: what the decoded objects need, with the overhead of their allocations.
-constexpr std::uint64_t kMemoryAtStart = 64 << 10;
-constexpr std::uint64_t kMemoryPerByte = 64;
-constexpr std::uint64_t kMostMemory = 64 << 20;
-/// Steps of work: reading one reference, converting a few units of text.
-constexpr std::uint64_t kStepsAtStart = 4 << 10;
-constexpr std::uint64_t kStepsPerByte = 64;
-constexpr std::uint64_t kMostSteps = 4 << 20;
-
-/// The memory of an element of a list, which grows by doubling, and of an entry of a dictionary, which is sorted.
-constexpr std::uint64_t kElementMemory = 2 * sizeof(Value);
-constexpr std::uint64_t kEntryMemory = 5 * sizeof(Dictionary::Entry) / 2;
-/// The memory of a container, a text or data without its contents, of an error, and of an object of the class table.
-constexpr std::uint64_t kObjectMemory = 80;
-constexpr std::uint64_t kErrorMemory = 160;
-constexpr std::uint64_t kArchivableMemory = 2048;
-/// How many bytes of text are converted or compared in one step.
-constexpr std::uint64_t kTextPerStep = 8;
-constexpr std::uint64_t kComparedPerStep = 32;
 /// A comparison of two keys of a large dictionary reads memory that is in no cache.
 constexpr std::uint64_t kStepsPerComparison = 2;
 constexpr std::uint64_t kManyEntries = 256;
@@ -73,6 +52,7 @@ struct Slot {
     std::uint32_t classIndex = 0;
     Value value;
 };
+static_assert(sizeof(Slot) <= cost::kSlotMemory);
 
 /// The slots of the stored objects, created on first use. Most stored objects are keys, references and lists, which
 /// never need one. Each object takes one number here, so the memory is in proportion to the offset table.
@@ -87,7 +67,7 @@ public:
     Slot& operator[](std::uint64_t index) {
         std::uint32_t& number = numbers_[static_cast<std::size_t>(index)];
         if (number == 0) {
-            memory_.charge(sizeof(Slot));
+            memory_.charge(cost::kSlotMemory);
             number = add();
         }
         const std::size_t place = number - 1;
@@ -101,7 +81,7 @@ private:
         if (count >= std::numeric_limits<Number>::max()) {
             refuse("too many objects");
         }
-        memory.charge(count * sizeof(Number));
+        memory.charge(count * cost::kNumberMemory);
         return static_cast<std::size_t>(count);
     }
 
@@ -199,8 +179,8 @@ public:
     Decoder(std::span<const std::byte> bytes, std::span<const ArchivableClass> classes)
         : reader_(bytes)
         , classes_(classes)
-        , memory_(bytes.size(), kMemoryAtStart, kMemoryPerByte, kMostMemory)
-        , steps_(bytes.size(), kStepsAtStart, kStepsPerByte, kMostSteps)
+        , memory_(cost::memoryBudget(bytes.size()))
+        , steps_(cost::stepsBudget(bytes.size()))
         , slots_(reader_.objectCount(), memory_) {
         fields_.reserve(kFewFields);
     }
@@ -273,7 +253,7 @@ public:
         if (!stored) {
             refuse("object of the wrong kind");
         }
-        memory_.charge(kObjectMemory + stored->size() * sizeof(Dictionary::Entry));
+        memory_.charge(cost::copyMemory(stored->size()));
         steps_.charge(stored->size());
         return std::make_shared<Dictionary>(stored->mutableCopy());
     }
@@ -382,17 +362,17 @@ private:
             nest(1);  // archives that we write contain it as an object
             return Value(Date{node.real()});
         case Type::Data: {
-            memory_.charge(kObjectMemory + node.count);
+            memory_.charge(cost::kObjectMemory + node.count);
             const auto* p = reinterpret_cast<const std::byte*>(node.body);
             return Value(Data(p, p + node.count));
         }
         case Type::Ascii:
-            memory_.charge(kObjectMemory + node.count);
+            memory_.charge(cost::kObjectMemory + node.count);
             requireAscii(text(node));
             return Value(text(node));
         case Type::Utf16:
-            steps_.charge(node.count / kTextPerStep);
-            memory_.charge(kObjectMemory + plist::utf8Length(node.body, node.count));
+            steps_.charge(node.count / cost::kTextPerStep);
+            memory_.charge(cost::kObjectMemory + plist::utf8Length(node.body, node.count));
             return Value(plist::utf8FromUtf16(node.body, node.count));
         case Type::Dictionary:
             return instance(node);
@@ -465,7 +445,7 @@ private:
 
     Value archivable(const Node& node, const ArchivableClass& known) {
         steps_.charge(node.count);
-        memory_.charge(kArchivableMemory);
+        memory_.charge(cost::kArchivableMemory);
         // The fields of an object follow those of the object that contains it.
         const std::size_t outerFirst = std::exchange(firstField_, fields_.size());
         const std::size_t outerNext = std::exchange(nextField_, fields_.size());
@@ -525,7 +505,7 @@ private:
         case Standard::Array: {
             Array array;
             const Node elements = list(node, "NS.objects");
-            memory_.charge(kObjectMemory + elements.count * kElementMemory);
+            memory_.charge(cost::arrayMemory(elements.count));
             for (std::uint64_t i = 0; i < elements.count; ++i) {
                 growFor(array, elements.count);
                 lookAhead(elements, i);
@@ -601,9 +581,8 @@ private:
         if (keys.count != objects.count) {
             refuse("different numbers of keys and values");
         }
-        memory_.charge(kObjectMemory + keys.count * kEntryMemory);
-        // What sorting costs for each entry.
-        const auto comparisons = static_cast<std::uint64_t>(std::bit_width(keys.count));
+        memory_.charge(cost::dictionaryMemory(keys.count));
+        const std::uint64_t comparisons = cost::comparisonsPerKey(keys.count);
         bool sorted = true;
         std::vector<Dictionary::Entry> entries;
         for (std::uint64_t i = 0; i < keys.count; ++i) {
@@ -615,7 +594,7 @@ private:
             }
             if (!entries.empty() && entries.back().first != key) {
                 const std::string& previous = *entries.back().first;
-                steps_.charge(std::min(previous.size(), key->size()) / kComparedPerStep * comparisons);
+                steps_.charge(cost::comparisonSteps(previous.size(), key->size(), comparisons));
                 if (sorted && keys.count >= kManyEntries && *key < previous) {
                     sorted = false;
                     steps_.charge(kStepsPerComparison * comparisons * keys.count);
@@ -636,7 +615,7 @@ private:
             (!userInfo.isNull() && userInfo.kind() != Value::Kind::Dictionary)) {
             refuse("invalid error record");
         }
-        memory_.charge(kErrorMemory + domain.stringValue().size());
+        memory_.charge(cost::kErrorMemory + domain.stringValue().size());
         return Value(std::make_shared<const Error>(domain.stringValue(), code.integer(), userInfo.dictionary()));
     }
 

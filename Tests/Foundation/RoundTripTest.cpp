@@ -102,6 +102,99 @@ TEST(RoundTrip, ContainersMayGrowOutOfEachOther) {
     EXPECT_GT(refused, 0);
 }
 
+/// Whether the value is written and then read back the same. What would cost the reader too much must not be written.
+bool isWritten(const Value& value) {
+    Data data;
+    try {
+        data = KeyedArchiver::archivedData(value);
+    } catch (const Exception& exception) {
+        EXPECT_EQ(exception.name(), kInvalidArgumentException);
+        return false;
+    }
+    EXPECT_TRUE(Sameness().same(value, KRVOperationBase::valueFromData(std::make_shared<const Data>(std::move(data)))));
+    return true;
+}
+
+/// Returns an array of count values that make(index) returns.
+template <typename Make>
+Value arrayOf(int count, const Make& make) {
+    Array array;
+    for (int i = 0; i < count; ++i) {
+        array.push_back(make(i));
+    }
+    return Value(std::move(array));
+}
+
+TEST(RoundTrip, WhatWouldCostTheReaderTooMuchIsNotWritten) {
+    const Value text("text");
+    EXPECT_TRUE(isWritten(Value(Array(1'000'000, text))));
+    EXPECT_FALSE(isWritten(Value(Array(2'000'000, text))));
+
+    const auto errors = [](int count, std::size_t length) {
+        return arrayOf(count, [&](int i) { return Value(Error::make(std::string(length, 'd'), i, {})); });
+    };
+    EXPECT_TRUE(isWritten(errors(1000, 100)));
+    EXPECT_FALSE(isWritten(errors(1000, 100'000)));
+
+    // Each dictionary's keys are compared.
+    const auto dictionaries = [](int count, std::size_t length) {
+        const std::string start(length, 'k');
+        const auto key1 = std::make_shared<const std::string>(start + "1");
+        const auto key2 = std::make_shared<const std::string>(start + "2");
+        return arrayOf(count, [&](int i) {
+            return Value(
+                Dictionary::fromEntries({{key1, Value(i)}, {key2, Value(i)}}, Dictionary::Mutability::Mutable));
+        });
+    };
+    EXPECT_TRUE(isWritten(dictionaries(1000, 4000)));
+    EXPECT_FALSE(isWritten(dictionaries(10'000, 1'000'000)));
+
+    // Each record gets a copy of its arguments.
+    const auto records = [](int count, int entries) {
+        Dictionary arguments;
+        for (int i = 0; i < entries; ++i) {
+            arguments.set(std::to_string(i), i);
+        }
+        const auto shared = std::make_shared<Dictionary>(std::move(arguments));
+        return arrayOf(count, [&](int) {
+            const auto record = std::make_shared<KRVOperationBase>();
+            record->setArguments(shared);
+            return Value(Value::ObjectRef(record));
+        });
+    };
+    EXPECT_TRUE(isWritten(records(100, 10)));
+    EXPECT_FALSE(isWritten(records(1000, 10'000)));
+}
+
+TEST(RoundTrip, ManySmallObjectsOfEachKindAreWritten) {
+    RandomRecords random(3);
+    std::set<std::string> kinds;
+    while (kinds.size() < 16) {
+        const Value value = random.value(1);
+        const std::size_t before = kinds.size();
+        collect(value, kinds);
+        if (kinds.size() == before || value.isNull()) {
+            continue;
+        }
+        for (const int count : {1, 50, 63, 300, 20'000}) {
+            // The same object many times, and as many objects.
+            EXPECT_TRUE(isWritten(Value(Array(static_cast<std::size_t>(count), value)))) << value.description();
+        }
+    }
+    using Audio = AudioEncodingParameters;
+    for (const int count : {1, 30, 50, 63, 64, 65, 100, 300, 20'000}) {
+        EXPECT_TRUE(isWritten(arrayOf(count, [](int i) { return Value(Date{i * 0.5}); })));
+        EXPECT_TRUE(isWritten(arrayOf(count, [](int i) { return Value(Size{i * 0.5, 1}); })));
+        EXPECT_TRUE(isWritten(arrayOf(count, [](int) { return Value(); })));
+        EXPECT_TRUE(isWritten(arrayOf(count, [](int) { return Value(Array{}); })));
+        EXPECT_TRUE(isWritten(arrayOf(count, [](int) { return Value(Dictionary{}); })));
+        EXPECT_TRUE(isWritten(arrayOf(count, [](int i) { return Value(Error::make("D", i, {})); })));
+        EXPECT_TRUE(isWritten(arrayOf(count, [](int) { return Value(Audio::encodingParametersWithData(nullptr)); })));
+        EXPECT_TRUE(isWritten(arrayOf(count, [](int) { return Value(KRVOperationBase::shutdownCommand()); })));
+        EXPECT_TRUE(isWritten(arrayOf(count, [](int i) { return Value("/Movies/part " + std::to_string(i)); })));
+    }
+}
+
 /// Damages a few bytes, or repeats or removes a part.
 Bytes mutated(Bytes bytes, RandomRecords& random) {
     for (std::size_t left = 1 + random.below(3); left > 0; --left) {
