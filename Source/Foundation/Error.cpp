@@ -7,6 +7,9 @@
 namespace krv {
 
 Error::Error(std::string domain, std::int64_t code, std::shared_ptr<const Dictionary> userInfo)
+    : Error(std::make_shared<const std::string>(std::move(domain)), code, std::move(userInfo)) {}
+
+Error::Error(Value::StringRef domain, std::int64_t code, std::shared_ptr<const Dictionary> userInfo)
     : domain_(std::move(domain))
     , code_(code)
     , userInfo_(std::move(userInfo)) {}
@@ -23,7 +26,7 @@ std::string Error::localizedDescription() const {
             return text->stringValue();
         }
     }
-    return fmt::format("The operation couldn't be completed. ({} error {}.)", domain_, code_);
+    return fmt::format("The operation couldn't be completed. ({} error {}.)", domain(), code_);
 }
 
 std::string Error::localizedFailureReason() const {
@@ -31,13 +34,13 @@ std::string Error::localizedFailureReason() const {
 }
 
 std::string Error::description() const {
-    return fmt::format("Error Domain={} Code={} \"{}\" UserInfo={}", domain_, code_, localizedDescription(),
+    return fmt::format("Error Domain={} Code={} \"{}\" UserInfo={}", domain(), code_, localizedDescription(),
                        userInfo_ ? userInfo_->description() : "(null)");
 }
 
 bool operator==(const Error& a, const Error& b) {
     const bool sameInfo = a.userInfo_ == b.userInfo_ || (a.userInfo_ && b.userInfo_ && *a.userInfo_ == *b.userInfo_);
-    return a.domain_ == b.domain_ && a.code_ == b.code_ && sameInfo;
+    return a.domain() == b.domain() && a.code_ == b.code_ && sameInfo;
 }
 
 }  // namespace krv

@@ -7,6 +7,7 @@
 
 #include <KRVQTProcessClient/Foundation/Dictionary.h>
 #include <KRVQTProcessClient/Foundation/Export.h>
+#include <KRVQTProcessClient/Foundation/Value.h>
 
 namespace krv {
 
@@ -20,9 +21,13 @@ class KRV_EXPORT Error {
 public:
     /// userInfo may be null, and is archived as null then.
     Error(std::string domain, std::int64_t code, std::shared_ptr<const Dictionary> userInfo = nullptr);
+    /// The same, sharing the text of the domain, which must not be null.
+    Error(Value::StringRef domain, std::int64_t code, std::shared_ptr<const Dictionary> userInfo);
     [[nodiscard]] static std::shared_ptr<const Error> make(std::string domain, std::int64_t code, Dictionary userInfo);
 
-    [[nodiscard]] const std::string& domain() const noexcept { return domain_; }
+    [[nodiscard]] const std::string& domain() const noexcept { return *domain_; }
+    /// The same, for sharing. Never null.
+    [[nodiscard]] const Value::StringRef& sharedDomain() const noexcept { return domain_; }
     [[nodiscard]] std::int64_t code() const noexcept { return code_; }
     [[nodiscard]] const std::shared_ptr<const Dictionary>& userInfo() const noexcept { return userInfo_; }
 
@@ -36,7 +41,7 @@ public:
     friend KRV_EXPORT bool operator==(const Error& a, const Error& b);
 
 private:
-    std::string domain_;
+    Value::StringRef domain_;
     std::int64_t code_;
     std::shared_ptr<const Dictionary> userInfo_;
 };

@@ -279,9 +279,9 @@ private:
 
     std::uint32_t error(const Error& error) {
         return keyedObject(&error, atoms_.text("NSError"), kNone, [&] {
-            memory_ += cost::kErrorMemory + error.domain().size();
+            memory_ += cost::kErrorMemory;
             steps_ += cost::kErrorSteps;
-            item("NSDomain", Item::Kind::Uid, textEntry(error.domain()));
+            item("NSDomain", Item::Kind::Uid, sharedTextEntry(error.sharedDomain()));
             item("NSCode", Item::Kind::Atom,
                  atoms_.scalar(Atom::Kind::Integer, static_cast<std::uint64_t>(error.code())));
             noteReference("NSUserInfo", error.userInfo() ? dictionary(*error.userInfo()) : 0);

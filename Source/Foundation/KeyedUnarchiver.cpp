@@ -615,8 +615,8 @@ private:
             (!userInfo.isNull() && userInfo.kind() != Value::Kind::Dictionary)) {
             refuse("invalid error record");
         }
-        memory_.charge(cost::kErrorMemory + domain.stringValue().size());
-        return Value(std::make_shared<const Error>(domain.stringValue(), code.integer(), userInfo.dictionary()));
+        memory_.charge(cost::kErrorMemory);
+        return Value(std::make_shared<const Error>(domain.string(), code.integer(), userInfo.dictionary()));
     }
 
     static constexpr std::size_t kMostFields = 32;

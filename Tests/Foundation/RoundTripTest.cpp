@@ -130,12 +130,6 @@ TEST(RoundTrip, WhatWouldCostTheReaderTooMuchIsNotWritten) {
     EXPECT_TRUE(isWritten(Value(Array(1'000'000, text))));
     EXPECT_FALSE(isWritten(Value(Array(2'000'000, text))));
 
-    const auto errors = [](int count, std::size_t length) {
-        return arrayOf(count, [&](int i) { return Value(Error::make(std::string(length, 'd'), i, {})); });
-    };
-    EXPECT_TRUE(isWritten(errors(1000, 100)));
-    EXPECT_FALSE(isWritten(errors(1000, 100'000)));
-
     // Each dictionary's keys are compared.
     const auto dictionaries = [](int count, std::size_t length) {
         const std::string start(length, 'k');
