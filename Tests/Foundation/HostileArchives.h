@@ -157,4 +157,16 @@ inline Bytes longText(std::size_t references, std::size_t length) {
         [&](Archive& a) { return std::vector<std::uint64_t>(references, a.number(a.file.text(Bytes(length, 't')))); });
 }
 
+/// Inserts bytes to which nothing refers before the offset table, so that the archive may cost more.
+inline Bytes padded(Bytes archive, std::size_t count) {
+    constexpr std::size_t kNumber = 8;
+    std::uint64_t table = 0;
+    for (std::size_t i = archive.size() - kNumber; i < archive.size(); ++i) {
+        table = table << 8 | static_cast<unsigned char>(archive[i]);
+    }
+    const Bytes rest = archive.substr(table, archive.size() - table - kNumber);
+    archive.resize(table);
+    return archive + Bytes(count, '\0') + rest + bigEndian(table + count, kNumber);
+}
+
 }  // namespace krv::test
