@@ -13,7 +13,7 @@
 #include <KRVQTProcessClient/Foundation/KeyedUnarchiver.h>
 #include <KRVQTProcessClient/Operations/KRVOperationBase.h>
 
-#include "HostileArchives.h"
+#include "ArchiveSeeds.h"
 
 namespace {
 
@@ -122,18 +122,8 @@ TEST(ArchiveCost, WhatIsReadCanBeWrittenInAnyOrder) {
 }
 
 TEST(ArchiveCost, ADateOfThePropertyListCountsAsAnObject) {
-    const auto nestedDate = [](int arrays) {
-        return test::argumentsArchive([&](Archive& a) -> std::vector<std::uint64_t> {
-            test::ArrayMaker maker(a);
-            auto inner = a.number(a.file.add('\x33' + test::bigEndian(0x3FF0000000000000, 8)));
-            for (int i = 0; i < arrays; ++i) {
-                inner = maker.of({inner});
-            }
-            return {inner};
-        });
-    };
-    EXPECT_TRUE(readsCheaply(nestedDate(kMaximumArchiveDepth - 4)));
-    EXPECT_FALSE(readsCheaply(nestedDate(kMaximumArchiveDepth - 3)));
+    EXPECT_TRUE(readsCheaply(test::nestedDate(kMaximumArchiveDepth - 4)));
+    EXPECT_FALSE(readsCheaply(test::nestedDate(kMaximumArchiveDepth - 3)));
 }
 
 TEST(ArchiveCost, ARecordWithoutArgumentsCountsTheOnesItIsGiven) {
