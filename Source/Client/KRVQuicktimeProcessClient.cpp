@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 #include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
@@ -9,6 +10,10 @@ namespace {
 
 constexpr LogSite site(std::string_view function, LogContext context = kLogContextClient) {
     return {"Source/Client/KRVQuicktimeProcessClient", Selector(function), 0, context};
+}
+
+std::optional<std::string> uniqueIDOf(const KRVOperationBase::Ref& operation) {
+    return operation ? operation->uniqueID() : std::nullopt;
 }
 
 }  // namespace
@@ -166,9 +171,7 @@ bool KRVQuicktimeProcessClient::queueShutdownOfCurrentServer() {
 KRVOperationBase::Ref KRVQuicktimeProcessClient::getResultOfOperation(const Ref& operation, ErrorOut error) {
     try {
         std::shared_ptr<const Error> transportError;
-        const auto reply =
-            call(KRVOperationBase::returnResultForOperation(operation ? operation->uniqueID() : std::nullopt),
-                 &transportError);
+        const auto reply = call(KRVOperationBase::returnResultForOperation(uniqueIDOf(operation)), &transportError);
         if (transportError) {
             if (error) {
                 *error = std::move(transportError);
@@ -189,11 +192,11 @@ KRVOperationBase::Ref KRVQuicktimeProcessClient::getResultOfOperation(const Ref&
 void KRVQuicktimeProcessClient::removeResultsFromServer(const Ref& operation) {
     const auto failed = [&operation](const std::string& why) {
         KRV_LOG(kLogFlagError, site("removeResultsFromServer:", kLogContextApplication),
-                "Couldn't remove results from server for {}, {}", operation->description(), why);
+                "Couldn't remove results from server for {}, {}", operation ? operation->description() : "(null)", why);
     };
     try {
         std::shared_ptr<const Error> error;
-        (void)call(KRVOperationBase::removeReturnResultForOperation(operation->uniqueID()), &error);
+        (void)call(KRVOperationBase::removeReturnResultForOperation(uniqueIDOf(operation)), &error);
         if (error) {
             failed(error->description());
         }

@@ -10,6 +10,10 @@ namespace {
 constexpr std::string_view kInvocationDomain = "TransportInvocation";
 constexpr std::string_view kTransportCheck = "TransportCheck";
 
+std::string nameOf(const KRVOperationBase::Ref& operation) {
+    return operation ? operation->nameFromType() : "(null)";
+}
+
 }  // namespace
 
 TransportInvocation::Ref TransportInvocation::invocationWith(KRVOperationBase::Ref operation, Clock& clock) {
@@ -60,10 +64,8 @@ bool TransportInvocation::errorBasedOnOperation(ErrorOut error, const Exception*
     if (!error) {
         return false;
     }
-    const auto operation = input();
     *error =
-        Error::make(std::string(kInvocationDomain), 0,
-                    createErrorDictionaryFromException(operation ? operation->nameFromType() : "(null)", exception));
+        Error::make(std::string(kInvocationDomain), 0, createErrorDictionaryFromException(nameOf(input()), exception));
     return true;
 }
 
@@ -79,11 +81,11 @@ Dictionary TransportInvocation::createErrorDictionaryFromException(std::string_v
 
 KRVOperationBase::Ref TransportInvocation::throwExceptionBasedOnResponse(const KRVOperationBase::Ref& operation,
                                                                          const Reply& response) {
-    const std::string name = operation->nameFromType();
     if (auto reply = KRVOperationBase::operationFromData(response)) {
         return reply;
     }
-    throw Exception(std::string(kTransportCheck), fmt::format("Unable to {}, no response returned from server.", name));
+    throw Exception(std::string(kTransportCheck),
+                    fmt::format("Unable to {}, no response returned from server.", nameOf(operation)));
 }
 
 KRVOperationBase::Ref TransportInvocation::throwExceptionIfNoError(ErrorOut error,

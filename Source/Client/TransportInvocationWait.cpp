@@ -102,6 +102,9 @@ KRVOperationBase::Ref TransportInvocation::invokeOverTransportGetProgressWaitToC
         return nullptr;
     }
     const auto firstReply = throwExceptionBasedOnResponse(request, reply);
+    if (!request) {
+        return nullptr;  // there is no identifier to ask about, and no record to keep up to date
+    }
     request->copyFrom(firstReply);
 
     StallClock stallClock(clock_);
@@ -138,19 +141,21 @@ KRVOperationBase::Ref TransportInvocation::invokeOverTransportGetProgressWaitToC
 
 void TransportInvocation::tryToCancelOperation(const KRVOperationBase::Ref& operation,
                                                const Transport& usingTransport) {
+    const auto description = [&operation] { return operation ? operation->description() : "(null)"; };
     try {
         std::shared_ptr<const Error> error;
-        (void)another(KRVOperationBase::cancelOperation(operation->uniqueID()))
+        (void)another(KRVOperationBase::cancelOperation(operation ? operation->uniqueID() : std::nullopt))
             ->invokeOverTransport(usingTransport, &error);
         if (error) {
-            KRV_LOG(kLogFlagError, kCancelSite, "Attempting to cancel {} failed with {}. Ignoring.",
-                    operation->description(), error->localizedDescription());
+            KRV_LOG(kLogFlagError, kCancelSite, "Attempting to cancel {} failed with {}. Ignoring.", description(),
+                    error->localizedDescription());
         }
     } catch (const Exception&) {
-        KRV_LOG(kLogFlagError, kCancelSite, "Tried to cancel operation {}, but couldn't. Ignoring",
-                operation->description());
+        KRV_LOG(kLogFlagError, kCancelSite, "Tried to cancel operation {}, but couldn't. Ignoring", description());
     }
-    operation->setCancelled(true);
+    if (operation) {
+        operation->setCancelled(true);
+    }
 }
 
 }  // namespace krv

@@ -52,13 +52,15 @@ std::shared_ptr<const Data> KRVHTTPClientTransport::makeHTTPCallAndReturnData(co
     }
     const std::string url = fmt::format("http://localhost:{}", port);
     const std::int32_t verbosity = Logging::quicktimeLoggingLevel();
-    const bool housekeeping = static_cast<std::uint32_t>(operation->operationType()) <= kLastHousekeepingType;
+    const std::int32_t type = operation ? operation->operationType() : 0;
+    const std::string name = operation ? operation->nameFromType() : "(null)";
+    const bool housekeeping = static_cast<std::uint32_t>(type) <= kLastHousekeepingType;
     if (!housekeeping || verbosity >= kLevelOfPayloads) {
-        KRV_LOG(kLogFlagVerbose, kCallMessagingSite, "Making connection for {} to {}", operation->nameFromType(), url);
+        KRV_LOG(kLogFlagVerbose, kCallMessagingSite, "Making connection for {} to {}", name, url);
     }
 
-    HTTPResponse response =
-        client_.send({.url = url, .body = operation->convertToData(), .timeout = kOperationTimeout});
+    HTTPResponse response = client_.send(
+        {.url = url, .body = operation ? operation->convertToData() : Data(), .timeout = kOperationTimeout});
     if (!response.body) {
         KRV_LOG(kLogFlagVerbose, kCallMessagingSite, "Received back nil for url: {}", url);
         unreachable(
@@ -75,8 +77,7 @@ std::shared_ptr<const Data> KRVHTTPClientTransport::makeHTTPCallAndReturnData(co
         }
         const auto error = reply->error();
         if (error && error->domain() == kMediaServerErrorDomain && error->code() == kCannotAcceptWork) {
-            std::string text =
-                fmt::format("Command {} failed with {}", operation->nameFromType(), error->localizedDescription());
+            std::string text = fmt::format("Command {} failed with {}", name, error->localizedDescription());
             KRV_LOG(kLogFlagWarning, kCallSite, "{}", text);
             unreachable(std::move(text));
         }
