@@ -66,6 +66,7 @@ bool KRVQuicktimeProcessClient::performMuxMovie(std::string_view source, std::st
 
 bool KRVQuicktimeProcessClient::mergeSources(const Value& sources, std::string_view writeToFile, bool useShortestTrack,
                                              const ProgressDelegate& progress, ErrorOut error) {
+    const auto self = weak_from_this().lock();  // the observer may release the last other reference
     const auto operation = KRVOperationBase::mergeSourcesOperation(sources, writeToFile, useShortestTrack);
     const auto response = callAndWait(operation, progress, error);
     migrateInvocationError(response, error);
