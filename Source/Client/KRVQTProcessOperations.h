@@ -26,6 +26,11 @@ using AudioSettings = std::shared_ptr<const AudioEncodingParameters>;
 /// Each blocks the calling thread until the work has ended. Thread-safe. Paths are UTF-8 and absolute, because the
 /// server does not share the caller's working directory. progress may be null; it is called on the calling thread.
 /// error may be null; it is written if the operation failed. Each throws an Exception if the server cannot be reached.
+///
+/// The shared client repeats a call whose server was lost, up to three attempts in all (see ReliabilityProxy). Each
+/// attempt starts the work and its progress from the beginning. The first one fails at once if the server's port is not
+/// known yet, as in the first moments after defaultClient(). After each failure the call waits up to about five seconds
+/// for a server, and does not call progress meanwhile.
 class KRV_EXPORT KRVReliableQTProcessOperations {
 public:
     virtual ~KRVReliableQTProcessOperations();
@@ -48,7 +53,7 @@ public:
 
     static constexpr Selector kCreateThumbnails{"createThumbnailsFor:toFolder:withSize:progress:error:"};
     /// Writes thumbnails of the movie to a folder, fitted into a size in pixels. Reports failures of the transport
-    /// only, not an error that the server reports for the work.
+    /// only: if the server reports an error, such as an unreadable movie, error stays unwritten. Look into the folder.
     void createThumbnailsFor(std::string_view movie, std::string_view toFolder, Size withSize,
                              const ProgressDelegate& progress, ErrorOut error) {
         (void)performCreateThumbnails(movie, toFolder, withSize, progress, error);
@@ -153,7 +158,8 @@ public:
                                                                      ErrorOut error) = 0;
 
     static constexpr Selector kRemoveResults{"removeResultsFromServer:"};
-    /// Deletes the result of an operation on the server. Logs a failure.
+    /// Deletes the result of an operation on the server. Logs a failure. operation may be null here and above: the
+    /// request then names no operation.
     virtual void removeResultsFromServer(const KRVOperationBase::Ref& operation) = 0;
 };
 

@@ -23,7 +23,7 @@ namespace krv {
 /// missing reply, or one that is not an operation record, throws Exception "TransportCheck".
 ///
 /// An invocation serves one call on one thread, which it blocks. With a null transport (that of a client after cleanUp)
-/// every reply is missing.
+/// every reply is missing. Null records are tolerated everywhere, and named "(null)".
 class KRV_EXPORT TransportInvocation {
 public:
     using Ref = std::shared_ptr<TransportInvocation>;
@@ -49,7 +49,8 @@ public:
     /// Returns the first reply if the work was completed. Returns input if the server reported an error, if the
     /// operation was cancelled, or if it made no progress for longer than progressTimeout seconds. In the last case the
     /// server is asked to cancel, and the record's error is "TransportCheck" 201. Returns null and stores the error if
-    /// a send failed. Throws as described above; exceptions of the progress delegate propagate.
+    /// a send failed. Throws as described above; exceptions of the progress delegate propagate, and the server is not
+    /// asked to cancel. A null input is sent, but not waited for: the result is null.
     [[nodiscard]] KRVOperationBase::Ref
     invokeOverTransportGetProgressWaitToComplete(const Transport& transport, ErrorOut error, float progressTimeout);
 

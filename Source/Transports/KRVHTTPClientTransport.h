@@ -15,7 +15,8 @@ namespace krv {
 /// accept work" (OperationErrorCode::CannotAcceptWork). Keeps no state between calls.
 class KRV_EXPORT KRVHTTPClientTransport final : public KRVTransport {
 public:
-    /// discovery: provides the port, usually HTTPServerDiscovery::defaultInstance(); must not be null.
+    /// discovery: provides the port, usually HTTPServerDiscovery::defaultInstance(); must not be null. The transport
+    /// keeps a reference to it.
     /// client: sends the requests; must outlive the transport.
     explicit KRVHTTPClientTransport(std::shared_ptr<ServicePort> discovery, HTTPClient& client = HTTPClient::shared());
     ~KRVHTTPClientTransport() override;

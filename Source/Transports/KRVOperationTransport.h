@@ -30,7 +30,8 @@ public:
     virtual ~KRVTransport();
 
     /// Sends one operation and returns the reply as raw bytes. May return null if the transport can succeed without a
-    /// reply. Throws an Exception if the server cannot be reached or the record cannot be sent.
+    /// reply. Throws an Exception if the server cannot be reached or the record cannot be sent. operation may be null:
+    /// the server then receives an empty request, and refuses it.
     virtual std::shared_ptr<const Data> sendOperation(const KRVOperationBase::Ref& operation) = 0;
 
     /// Returns whether an exception of this transport means that the server could not be reached, and not that it
