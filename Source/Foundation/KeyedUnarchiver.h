@@ -36,6 +36,8 @@ struct ArchivableClass {
 ///     each gets a copy) is charged for each of them. An archive of up to 16 MiB is decoded or refused within 64 MiB,
 ///     and within 64 times its size if it is small; a longer one within four times its size.
 ///   - Counts never reserve memory.
+///   - Stored objects are checked when something refers to them. A defect in any other object goes unnoticed, because
+///     it is never read.
 /// A violation throws Exception kMalformedArchiveException.
 class KRV_EXPORT KeyedUnarchiver {
 public:
