@@ -6,13 +6,40 @@
 namespace krv {
 
 bool isBaseObjectSelector(Selector selector) noexcept {
-    static constexpr std::array<std::string_view, 14> kBaseObjectSelectors{"class",          "conformsToProtocol:",
-                                                                           "dealloc",        "debugDescription",
-                                                                           "description",    "hash",
-                                                                           "init",           "isEqual:",
-                                                                           "isKindOfClass:", "isMemberOfClass:",
-                                                                           "isProxy",        "respondsToSelector:",
-                                                                           "self",           "superclass"};
+    static constexpr auto kBaseObjectSelectors = std::to_array<std::string_view>({
+        "allowsWeakReference",
+        "autorelease",
+        "class",
+        "conformsToProtocol:",
+        "copy",
+        "dealloc",
+        "debugDescription",
+        "description",
+        "doesNotRecognizeSelector:",
+        "finalize",
+        "forwardInvocation:",
+        "forwardingTargetForSelector:",
+        "hash",
+        "init",
+        "isEqual:",
+        "isKindOfClass:",
+        "isMemberOfClass:",
+        "isProxy",
+        "methodForSelector:",
+        "methodSignatureForSelector:",
+        "mutableCopy",
+        "performSelector:",
+        "performSelector:withObject:",
+        "performSelector:withObject:withObject:",
+        "release",
+        "respondsToSelector:",
+        "retain",
+        "retainCount",
+        "retainWeakReference",
+        "self",
+        "superclass",
+        "zone",
+    });
     return std::find(kBaseObjectSelectors.begin(), kBaseObjectSelectors.end(), selector.name()) !=
            kBaseObjectSelectors.end();
 }
