@@ -60,16 +60,19 @@ bool KRVProcessMonitor::isProcessRunningNamed(std::string_view name, const Proce
 }
 
 void KRVProcessMonitor::monitorPID(std::int32_t pid) {
-    const bool added = pidsToMonitor_.with([pid](std::vector<std::int32_t>& pids) {
-        const bool known = std::find(pids.begin(), pids.end(), pid) != pids.end();
-        if (!known) {
+    const auto isIn = [pid](const std::vector<std::int32_t>& pids) {
+        return std::find(pids.begin(), pids.end(), pid) != pids.end();
+    };
+    if (isIn(pidsToMonitor())) {
+        return;
+    }
+    KRV_LOG(kLogFlagInfo, site("monitorPID:"), "Client with PID {} registered", pid);
+    pidsToMonitor_.with([&](std::vector<std::int32_t>& pids) {
+        // Another thread may have added it since then.
+        if (!isIn(pids)) {
             pids.push_back(pid);
         }
-        return !known;
     });
-    if (added) {
-        KRV_LOG(kLogFlagInfo, site("monitorPID:"), "Client with PID {} registered", pid);
-    }
 }
 
 bool KRVProcessMonitor::someMonitoredProcessesStillRunning() const {
