@@ -19,6 +19,10 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr LinesOf kLines("Source/Client/ReliabilityProxy");
 
 /// A target that follows a script and counts its calls. It is not a ReliabilityDecision.
 class Operations : public KRVQTProcessOperations {
@@ -103,7 +107,7 @@ protected:
     std::shared_ptr<ScriptedTransport> transport = std::make_shared<ScriptedTransport>();
     std::shared_ptr<DecidingOperations> target = std::make_shared<DecidingOperations>(transport);
     std::shared_ptr<ReliabilityProxy> proxy = ReliabilityProxy::proxyForOperations(target, clock);
-    LogRecorder log;
+    LogRecorder log{15, kLoggingHTTPMessaging | kLoggingDebug};
 
     Exception raisedBy(const std::function<void()>& call) {
         try {
@@ -114,37 +118,26 @@ protected:
         ADD_FAILURE() << "nothing was raised";
         return {"", ""};
     }
-    std::vector<std::string> wait(Clock::Duration from, int passes) {
+    static std::string attempt(int number) {
+        return kLines.verbose("callWithRetry:", fmt::format("Attempt {} at calling: getMetadataFor:error:", number));
+    }
+    static std::string failure() {
+        return kLines.info("callWithRetry:", "Failed while trying to call getMetadataFor:error:... waiting for "
+                                             "transport to be ready ...");
+    }
+    static std::vector<std::string> wait(Clock::Duration from, int passes) {
         std::vector<std::string> lines;
         for (int i = 1; i <= passes; ++i) {
             const auto seconds = secondsFromDuration(from) + i * (1.0 + 1.0 / 30);
-            lines.push_back(fmt::format(
-                "Waiting {:.2f}s for operation getMetadataFor:error: to be available via <ScriptedTransport>",
-                seconds));
+            lines.push_back(
+                kLines.verbose("waitForTransporToBecomeAvailable:",
+                               fmt::format("Waiting {:.2f}s for operation getMetadataFor:error: to be available via "
+                                           "<ScriptedTransport>",
+                                           seconds)));
         }
         return lines;
     }
 };
-
-TEST_F(Proxy, PassesArgumentsAndResultsOn) {
-    const auto metadata = proxy->getMetadataFor("/movie", nullptr);
-    ASSERT_NE(metadata, nullptr);
-    EXPECT_EQ((*metadata)["movie"], Value("/movie"));
-    EXPECT_EQ(proxy->getInterestingTimesForMovie("/movie", true, 7, nullptr), Value(7));
-    EXPECT_TRUE(proxy->convertMovie("/a", "/b", nullptr, nullptr, nullptr, nullptr));
-    EXPECT_EQ(proxy->operationsPendingCompletion().size(), 1U);
-    EXPECT_TRUE(proxy->amIRegistered());
-    EXPECT_TRUE(proxy->isServerReadyToTakeRequests());
-    EXPECT_TRUE(proxy->queueShutdownOfCurrentServer());
-    EXPECT_EQ(proxy->transport(), transport);
-    proxy->registerWithServer();
-    proxy->unregisterFromServer();
-    proxy->convertMovie("/a", "/b", 1, false, nullptr, nullptr);
-    proxy->createThumbnailsFor("/a", "/b", Size{}, nullptr, nullptr);
-    proxy->muxMovie("/a", "/b", nullptr, nullptr);
-    proxy->cancelAllOperations(nullptr);
-    EXPECT_EQ(target->calls, 13);
-}
 
 TEST_F(Proxy, RepeatsAReliableCallWhenTheServerIsBack) {
     target->script = {failToCommunicate};
@@ -152,10 +145,7 @@ TEST_F(Proxy, RepeatsAReliableCallWhenTheServerIsBack) {
     EXPECT_EQ(target->calls, 2);
     EXPECT_EQ(proxy->numberOfOperationsInProgress(), 0);
     EXPECT_TRUE(clock.sleeps().empty());
-    EXPECT_THAT(log.texts(), ElementsAre("Attempt 1 at calling: getMetadataFor:error:",
-                                         "Failed while trying to call getMetadataFor:error:... waiting for transport "
-                                         "to be ready ...",
-                                         "Attempt 2 at calling: getMetadataFor:error:"));
+    EXPECT_THAT(log.whole(), ElementsAre(attempt(1), failure(), attempt(2)));
 }
 
 TEST_F(Proxy, GivesUpAfterThreeAttemptsAndThreeWaits) {
@@ -233,11 +223,7 @@ TEST_F(ProxyWait, ProbesSixTimesAndLogsFiveLines) {
     transport->readiness.assign(100, false);
     EXPECT_FALSE(wait());
     EXPECT_EQ(transport->readinessProbes, 6U);
-    EXPECT_EQ(log.texts(), Proxy::wait(0s, 5));
-    EXPECT_EQ(log.lines().front().flag, kLogFlagVerbose);
-    EXPECT_EQ(log.lines().front().context, kLogContextClient);
-    EXPECT_EQ(log.lines().front().file, "Source/Client/ReliabilityProxy");
-    EXPECT_EQ(log.lines().front().function, "waitForTransporToBecomeAvailable:");
+    EXPECT_EQ(log.whole(), Proxy::wait(0s, 5));
 }
 
 TEST_F(ProxyWait, EndsAtTheFirstProbeThatSucceeds) {
@@ -252,29 +238,72 @@ TEST_F(ProxyWait, FailsWhenOnlyTheLastProbeSucceeds) {
     EXPECT_EQ(transport->readinessProbes, 6U);
 }
 
-TEST_F(ProxyWait, CountsTheTimeThatTheProbesTake) {
-    class SlowTransport final : public KRVTransport {
-    public:
-        explicit SlowTransport(FakeClock& clock)
-            : clock_(clock) {}
-        std::shared_ptr<const Data> sendOperation(const KRVOperationBase::Ref&) override { return nullptr; }
-        bool isThisACommunicationsFailure(const Exception&) const override { return true; }
-        bool serviceReadyToRock() override {
-            ++probes;
-            clock_.advanceBy(2s);
-            return false;
-        }
-        std::string description() const override { return "<SlowTransport>"; }
-        int probes = 0;
+/// A transport that is never ready, and whose probes take time.
+class SlowTransport final : public KRVTransport {
+public:
+    SlowTransport(FakeClock& clock, Clock::Duration each)
+        : clock_(clock)
+        , each_(each) {}
+    std::shared_ptr<const Data> sendOperation(const KRVOperationBase::Ref&) override { return nullptr; }
+    bool isThisACommunicationsFailure(const Exception&) const override { return true; }
+    bool serviceReadyToRock() override {
+        ++probes;
+        clock_.advanceBy(each_);
+        return false;
+    }
+    std::string description() const override { return "<SlowTransport>"; }
+    int probes = 0;
 
-    private:
-        FakeClock& clock_;
-    };
-    const auto slow = std::make_shared<SlowTransport>(clock);
+private:
+    FakeClock& clock_;
+    const Clock::Duration each_;
+};
+
+TEST_F(ProxyWait, CountsTheTimeThatTheProbesTake) {
+    const auto slow = std::make_shared<SlowTransport>(clock, 2s);
     const auto client = std::make_shared<KRVQuicktimeProcessClient>(slow);
     Invocation invocation{KRVReliableQTProcessOperations::kGetMetadata, [](auto&) {}, client};
     EXPECT_FALSE(proxy->waitForTransporToBecomeAvailable(invocation));
     EXPECT_EQ(slow->probes, 2);
+}
+
+TEST_F(ProxyWait, EndsWithoutSuccessAfterExactlyFiveSeconds) {
+    const auto slow = std::make_shared<SlowTransport>(clock, 5s);
+    const auto client = std::make_shared<KRVQuicktimeProcessClient>(slow);
+    Invocation invocation{KRVReliableQTProcessOperations::kGetMetadata, [](auto&) {}, client};
+    EXPECT_FALSE(proxy->waitForTransporToBecomeAvailable(invocation));
+    EXPECT_EQ(slow->probes, 1);
+    EXPECT_THAT(clock.sleeps(), IsEmpty());
+}
+
+TEST_F(ProxyWait, AProbeThatSucceedsAfterExactlyFiveSecondsIsTooLate) {
+    class ReadyAtLast final : public KRVTransport {
+    public:
+        explicit ReadyAtLast(FakeClock& clock)
+            : clock_(clock) {}
+        std::shared_ptr<const Data> sendOperation(const KRVOperationBase::Ref&) override { return nullptr; }
+        bool isThisACommunicationsFailure(const Exception&) const override { return true; }
+        bool serviceReadyToRock() override {
+            clock_.advanceBy(5s);
+            return true;
+        }
+        std::string description() const override { return "<ReadyAtLast>"; }
+
+    private:
+        FakeClock& clock_;
+    };
+    const auto client = std::make_shared<KRVQuicktimeProcessClient>(std::make_shared<ReadyAtLast>(clock));
+    Invocation invocation{KRVReliableQTProcessOperations::kGetMetadata, [](auto&) {}, client};
+    EXPECT_FALSE(proxy->waitForTransporToBecomeAvailable(invocation));
+}
+
+TEST_F(ProxyWait, ProbesTheTransportThatTheTargetHadAtFirst) {
+    const auto client = std::make_shared<KRVQuicktimeProcessClient>(transport, clock);
+    transport->readiness = {false, false, true};
+    loop.perform([&] { client->setTransport(std::make_shared<ScriptedTransport>()); });
+    Invocation invocation{KRVReliableQTProcessOperations::kGetMetadata, [](auto&) {}, client};
+    EXPECT_TRUE(proxy->waitForTransporToBecomeAvailable(invocation));
+    EXPECT_EQ(transport->readinessProbes, 3U);
 }
 
 TEST_F(ProxyWait, RunsTheRunLoopOfTheCallingThread) {
@@ -289,14 +318,17 @@ TEST_F(Proxy, WritesItsLinesOnlyWithBothMasks) {
     const auto linesWith = [&](std::uint32_t additional) {
         additionalApplicationLogLevel = additional;
         log.clear();
+        target->script = {failToCommunicate};
+        transport->readiness = {false, true};
         (void)proxy->getMetadataFor("/movie", nullptr);
-        return log.lines().size();
+        return log.whole();
     };
-    EXPECT_EQ(linesWith(kLoggingHTTPMessaging | kLoggingDebug), 1U);
-    EXPECT_EQ(linesWith(kLoggingHTTPMessaging), 0U);
-    EXPECT_EQ(linesWith(kLoggingDebug), 0U);
+    EXPECT_THAT(linesWith(kLoggingHTTPMessaging | kLoggingDebug),
+                ElementsAre(attempt(1), failure(), wait(0s, 1).front(), attempt(2)));
+    EXPECT_THAT(linesWith(~kLoggingHTTPMessaging), IsEmpty());
+    EXPECT_THAT(linesWith(~kLoggingDebug), IsEmpty());
     krv_loggingEnabled = false;
-    EXPECT_EQ(linesWith(kLoggingHTTPMessaging | kLoggingDebug), 0U);
+    EXPECT_THAT(linesWith(~0U), IsEmpty());
 }
 
 TEST_F(Proxy, WithoutATargetEveryOperationFailsAtOnce) {
@@ -331,6 +363,23 @@ TEST_F(Proxy, ReleasesItsTargetAfterAForwardedCleanUp) {
     EXPECT_THROW(proxy->forwardInvocation(invocation), Exception);
 }
 
+TEST_F(Proxy, KeepsItsTargetIfAForwardedCleanUpThrows) {
+    Invocation invocation{ReliabilityProxy::kCleanUp, [](KRVQTProcessOperations&) { failOtherwise(); }, nullptr};
+    EXPECT_THROW(proxy->forwardInvocation(invocation), Exception);
+    EXPECT_EQ(proxy->realOperations(), target);
+}
+
+TEST_F(Proxy, KeepsItsTargetAfterAnyOtherForwardedCall) {
+    Invocation invocation{KRVQTProcessOperations::kAmIRegistered, [](KRVQTProcessOperations&) {}, nullptr};
+    proxy->forwardInvocation(invocation);
+    EXPECT_EQ(proxy->realOperations(), target);
+}
+
+TEST_F(Proxy, CleansUpWithoutTouchingItsTarget) {
+    proxy->cleanUp();
+    EXPECT_EQ(target->calls, 0);
+}
+
 class ProxyDecision : public Proxy {
 protected:
     bool isReliable(std::string_view selector) const {
@@ -350,6 +399,13 @@ TEST_F(ProxyDecision, IsTrueForAllButTheBaseSelectorsOtherwise) {
     for (const auto* basic : {"description", "hash", "respondsToSelector:", "isEqual:"}) {
         EXPECT_FALSE(isReliable(basic)) << basic;
     }
+}
+
+TEST_F(ProxyDecision, IsThatOfTheObjectAtWhichTheCallIsAimed) {
+    const auto simple = std::make_shared<Operations>(transport);
+    EXPECT_TRUE(proxy->doesThisOperationNeedToBeReliable({Selector("amIRegistered"), nullptr, simple}));
+    proxy->setRealOperations(simple);
+    EXPECT_FALSE(proxy->doesThisOperationNeedToBeReliable({Selector("amIRegistered"), nullptr, target}));
 }
 
 TEST_F(ProxyDecision, MakesEveryCallReliableThen) {
@@ -377,6 +433,21 @@ TEST_F(Proxy, ErrorsInTheOutParameterAreNotRetried) {
     ASSERT_NE(error, nullptr);
     EXPECT_EQ(error->domain(), "TransportInvocation");
     EXPECT_EQ(transport->sent().size(), 1U);
+}
+
+TEST(ProxyOnTheMainThread, RunsTheCallsOfTheRealLoopWhileItWaits) {
+    ASSERT_TRUE(RunLoop::isMainThread());
+    FakeClock clock;
+    const auto transport = std::make_shared<ScriptedTransport>();
+    const auto target = std::make_shared<DecidingOperations>(transport);
+    const auto proxy = ReliabilityProxy::proxyForOperations(target, clock);
+    target->script = {failToCommunicate};
+    transport->readiness = {false, true};
+    int callsBefore = 0;
+    RunLoop::main().perform([&] { callsBefore = target->calls; });
+    EXPECT_NE(proxy->getMetadataFor("/movie", nullptr), nullptr);
+    EXPECT_EQ(callsBefore, 1);
+    EXPECT_EQ(target->calls, 2);
 }
 
 TEST_F(Proxy, RetriesTheRealClient) {

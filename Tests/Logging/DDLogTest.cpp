@@ -61,9 +61,43 @@ TEST(Logging, TheContextSelectsTheLevelWord) {
     ASSERT_EQ(log.lines().size(), 1U);
     EXPECT_EQ(log.lines()[0].text, "application 7");
     EXPECT_EQ(log.lines()[0].context, kLogContextApplication);
-    EXPECT_EQ(log.lines()[0].level, 15U);
+    EXPECT_EQ(log.lines()[0].level, applicationLogLevel);
     EXPECT_EQ(log.lines()[0].file, "Source/Test");
     EXPECT_EQ(log.lines()[0].function, "application");
+}
+
+TEST(Logging, FlagsAndContextsHaveTheNumbersThatSinksRelyOn) {
+    LogRecorder log(15);
+    KRV_LOG(kLogFlagError, kPlain, "line");
+    KRV_LOG(kLogFlagWarning, kPlain, "line");
+    KRV_LOG(kLogFlagInfo, kPlain, "line");
+    KRV_LOG(kLogFlagVerbose, kApplication, "line");
+    std::vector<std::pair<int, int>> numbers;
+    for (const auto& line : log.lines()) {
+        numbers.emplace_back(static_cast<int>(line.flag), static_cast<int>(line.context));
+    }
+    EXPECT_EQ(numbers, (std::vector<std::pair<int, int>>{{1, 8}, {2, 8}, {4, 8}, {8, 32}}));
+}
+
+TEST(Logging, WholeLinesShowFlagContextFileAndFunction) {
+    LogRecorder log;
+    constexpr LinesOf client("Source/Test");
+    constexpr LinesOf application("Source/Test", "application");
+    KRV_LOG(kLogFlagError, kPlain, "one");
+    KRV_LOG(kLogFlagWarning, kApplication, "two");
+    KRV_LOG(kLogFlagInfo, kMasked, "needs its mask");
+    additionalApplicationLogLevel = kLoggingHTTPMessaging | kLoggingDebug;
+    KRV_LOG(kLogFlagVerbose, kMasked, "three");
+    EXPECT_EQ(log.whole(),
+              (std::vector<std::string>{client.error("plain", "one"), application.warning("application", "two"),
+                                        client.verbose("masked", "three")}));
+    EXPECT_EQ(log.whole()[0], "error client Source/Test plain | one");
+}
+
+TEST(Logging, WholeLinesShowTheLevelWordOfAnotherContext) {
+    LogRecorder log;
+    DDLog::log({applicationLogLevel, kLogFlagInfo, kLogContextClient, "Source/Test", "plain", 1, "line"});
+    EXPECT_EQ(log.whole(), (std::vector<std::string>{"info client Source/Test plain | line (level word 271)"}));
 }
 
 TEST(Logging, ArgumentsOfALineThatDoesNotPassAreNotEvaluated) {

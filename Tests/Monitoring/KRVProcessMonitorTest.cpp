@@ -10,6 +10,9 @@ namespace krv {
 namespace {
 
 using Pids = std::vector<std::int32_t>;
+using Lines = std::vector<std::string>;
+
+constexpr LinesOf kLines("Source/Monitoring/KRVProcessMonitor");
 
 class ProcessMonitor : public testing::Test {
 protected:
@@ -58,7 +61,7 @@ TEST_F(ProcessMonitor, WatchesAnIdOnceAndLogsOnce) {
     monitor.monitorPID(10);
     monitor.monitorPID(10);
     EXPECT_EQ(monitor.pidsBeingMonitored(), Pids{10});
-    EXPECT_EQ(log.texts(), (std::vector<std::string>{"Client with PID 10 registered"}));
+    EXPECT_EQ(log.whole(), Lines{kLines.info("monitorPID:", "Client with PID 10 registered")});
 }
 
 TEST_F(ProcessMonitor, PollingRemovesExitedProcesses) {
@@ -68,9 +71,24 @@ TEST_F(ProcessMonitor, PollingRemovesExitedProcesses) {
     processes.remove(10);
     LogRecorder log;
     monitor.pollAllPIDs();
-    EXPECT_EQ(log.texts(), (std::vector<std::string>{"Process with PID 10 has gone"}));
+    EXPECT_EQ(log.whole(), Lines{kLines.info("pollAllPIDs", "Process with PID 10 has gone")});
     EXPECT_EQ(monitor.pidsToMonitor(), Pids{11});
     EXPECT_TRUE(monitor.someMonitoredProcessesStillRunning());
+}
+
+TEST_F(ProcessMonitor, PollingRemovesEveryExitedProcessInTheOrderOfTheList) {
+    KRVProcessMonitor monitor(processes);
+    for (const std::int32_t pid : {12, 10, 11}) {
+        monitor.monitorPID(pid);
+    }
+    EXPECT_EQ(monitor.pidsBeingMonitored(), (Pids{12, 10, 11}));
+    processes.remove(12);
+    processes.remove(10);
+    LogRecorder log;
+    monitor.pollAllPIDs();
+    EXPECT_EQ(log.whole(), (Lines{kLines.info("pollAllPIDs", "Process with PID 12 has gone"),
+                                  kLines.info("pollAllPIDs", "Process with PID 10 has gone")}));
+    EXPECT_EQ(monitor.pidsToMonitor(), Pids{11});
 }
 
 TEST_F(ProcessMonitor, ADeadIdStaysUntilAPoll) {
@@ -94,8 +112,8 @@ TEST_F(ProcessMonitor, ACopyDoesNotFollowTheList) {
 TEST_F(ProcessMonitor, LogsCreationAndDestruction) {
     LogRecorder log;
     { const KRVProcessMonitor monitor(processes); }
-    EXPECT_EQ(log.texts(), (std::vector<std::string>{"Process monitor started", "Process monitor deallocating"}));
-    EXPECT_EQ(log.lines()[0].flag, kLogFlagInfo);
+    EXPECT_EQ(log.whole(), (Lines{kLines.info("init", "Process monitor started"),
+                                  kLines.info("dealloc", "Process monitor deallocating")}));
 }
 
 }  // namespace

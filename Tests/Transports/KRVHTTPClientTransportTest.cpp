@@ -11,6 +11,17 @@ using namespace std::chrono_literals;
 using R = KRVOperationBase;
 using Texts = std::vector<std::string>;
 
+constexpr LinesOf kLines("Source/Transports/KRVHTTPClientTransport");
+
+/// Returns the texts as lines of the traffic between client and server.
+Texts traffic(std::initializer_list<std::string_view> texts) {
+    Texts lines;
+    for (const std::string_view text : texts) {
+        lines.push_back(kLines.verbose("makeHTTPCallAndReturnData:", text));
+    }
+    return lines;
+}
+
 class SettablePort final : public ServicePort {
 public:
     [[nodiscard]] long servicePortNumber() const override { return port; }
@@ -46,7 +57,7 @@ protected:
 
 TEST_F(Transport, AnAbsentServerThrowsAtOnce) {
     port->port = -1;
-    LogRecorder log;
+    LogRecorder log(15, ~0U);
     const Exception raised = raisedBy(operation);
     EXPECT_EQ(raised.name(), kHTTPServerNSURLConnectionError);
     EXPECT_EQ(raised.reason(), "Unable to talk to server. No port number.");
@@ -83,8 +94,8 @@ TEST_F(Transport, BytesThatAreNotARecordAreReturnedAndLogged) {
     http.respond(kUrl, FakeHTTPClient::reply("not a record", 500));
     LogRecorder log(15, kLoggingHTTPMessaging);
     EXPECT_EQ(transport.sendOperation(operation)->size(), 12U);
-    EXPECT_EQ(log.texts(), (Texts{"Making connection for Get poster frame and metadata to http://localhost:8001",
-                                  "Could not convert response: (null) into an operation payload"}));
+    EXPECT_EQ(log.whole(), traffic({"Making connection for Get poster frame and metadata to http://localhost:8001",
+                                    "Could not convert response: (null) into an operation payload"}));
 }
 
 TEST_F(Transport, AServerThatCannotTakeWorkCountsAsUnreachable) {
@@ -94,10 +105,7 @@ TEST_F(Transport, AServerThatCannotTakeWorkCountsAsUnreachable) {
     EXPECT_EQ(raised.name(), kHTTPServerNSURLConnectionError);
     EXPECT_EQ(raised.reason(), "Command Get poster frame and metadata failed with the queue is full");
     EXPECT_TRUE(transport.isThisACommunicationsFailure(raised));
-    ASSERT_EQ(log.lines().size(), 1U);
-    EXPECT_EQ(log.lines()[0].text, raised.reason());
-    EXPECT_EQ(log.lines()[0].flag, kLogFlagWarning);
-    EXPECT_EQ(log.lines()[0].function, "makeHTTPCallAndReturnData:");
+    EXPECT_EQ(log.whole(), Texts{kLines.warning("makeHTTPCallAndReturnData:", raised.reason())});
 }
 
 TEST_F(Transport, OtherErrorsInTheReplyAreLeftToTheCaller) {
@@ -112,7 +120,8 @@ TEST_F(Transport, AMissingReplyThrowsWithTheConnectionsError) {
     LogRecorder log(15, kLoggingHTTPMessaging);
     EXPECT_EQ(raisedBy(operation).reason(),
               "No data was returned from the sendSynchronousRequest. Error from NSURLConnection: the cause");
-    EXPECT_EQ(log.texts().back(), "Received back nil for url: http://localhost:8001");
+    EXPECT_EQ(log.whole(), traffic({"Making connection for Get poster frame and metadata to http://localhost:8001",
+                                    "Received back nil for url: http://localhost:8001"}));
     http.respond(kUrl, {std::nullopt, 0, std::nullopt});
     EXPECT_EQ(raisedBy(operation).reason(),
               "No data was returned from the sendSynchronousRequest. Probably NSURLConnection problem.");
@@ -159,14 +168,20 @@ TEST_F(Transport, ThePayloadLineShowsTheReply) {
     LogRecorder log(15, kLoggingHTTPMessaging);
     Logging::setQuicktimeLoggingLevel(15);
     (void)transport.sendOperation(operation);
-    EXPECT_EQ(log.texts()[1], "Payload for http://localhost:8001 is " + operation->description());
+    EXPECT_EQ(log.whole(), traffic({"Making connection for Get poster frame and metadata to http://localhost:8001",
+                                    "Payload for http://localhost:8001 is " + operation->description()}));
 }
 
 TEST_F(Transport, TrafficIsNotLoggedWithoutItsMask) {
+    LogRecorder log(15, ~kLoggingHTTPMessaging);
+    Logging::setQuicktimeLoggingLevel(15);
     http.respond(kUrl, FakeHTTPClient::reply(archived()));
-    LogRecorder log(15, kLoggingHTTPDiscovery | kLoggingDebug);
     (void)transport.sendOperation(operation);
-    EXPECT_TRUE(log.lines().empty());
+    http.respond(kUrl, FakeHTTPClient::reply("not a record"));
+    (void)transport.sendOperation(operation);
+    http.respond(kUrl, {std::nullopt, 0, std::nullopt});
+    EXPECT_EQ(raisedBy(operation).name(), kHTTPServerNSURLConnectionError);
+    EXPECT_EQ(log.whole(), Texts{});
 }
 
 TEST_F(Transport, IsReadyWhenTheStatusPageReturnsAnyResponse) {
@@ -175,6 +190,8 @@ TEST_F(Transport, IsReadyWhenTheStatusPageReturnsAnyResponse) {
     http.respond(status, FakeHTTPClient::reply("", 404));
     EXPECT_TRUE(transport.serviceReadyToRock());
     http.respond(status, FakeHTTPClient::cutShort("x"));
+    EXPECT_FALSE(transport.serviceReadyToRock());
+    http.respond(status, {std::nullopt, 0, std::nullopt});
     EXPECT_FALSE(transport.serviceReadyToRock());
     EXPECT_EQ(http.requests()[0].timeout, 1s);
     EXPECT_FALSE(http.requests()[0].body);
