@@ -10,6 +10,9 @@ namespace {
 
 using testing::ElementsAre;
 
+constexpr LinesOf kClientLines("Source/Client/KRVQuicktimeProcessClient");
+constexpr LinesOf kMonitorLines("Source/Monitoring/KRVProcessMonitor");
+
 class Lifecycle : public RunnerFixture {
 protected:
     ~Lifecycle() override { KRVQuicktimeProcessClient::destroySingleton(); }
@@ -29,7 +32,8 @@ protected:
 TEST_F(Lifecycle, AClientHasAMonitorATimeOutAndItsTransport) {
     LogRecorder log;
     const auto made = KRVQuicktimeProcessClient::initWithTransport(transport, false);
-    EXPECT_THAT(log.texts(), ElementsAre("Process monitor started", "KRVQuicktimeProcessClient started"));
+    EXPECT_THAT(log.whole(), ElementsAre(kMonitorLines.info("init", "Process monitor started"),
+                                         kClientLines.info("initWithMonitor:", "KRVQuicktimeProcessClient started")));
     EXPECT_NE(made->procMonitor(), nullptr);
     EXPECT_EQ(made->serverRunner(), nullptr);
     EXPECT_EQ(made->progressTimeoutDuration(), 60.0F);
@@ -47,9 +51,11 @@ TEST_F(Lifecycle, WithoutMonitoringTheServerIsNeverContacted) {
 TEST_F(Lifecycle, MonitoringCreatesARunner) {
     LogRecorder log;
     const auto made = monitoring();
-    EXPECT_THAT(log.texts(), ElementsAre("Process monitor started",
-                                         "Process monitor initialized with client: " + made->description(),
-                                         "KRVQuicktimeProcessClient started"));
+    EXPECT_THAT(log.whole(),
+                ElementsAre(kMonitorLines.info("init", "Process monitor started"),
+                            kRunnerLines.info("initWithProcessMonitor:andClient:",
+                                              "Process monitor initialized with client: " + made->description()),
+                            kClientLines.info("initWithMonitor:", "KRVQuicktimeProcessClient started")));
     ASSERT_NE(made->serverRunner(), nullptr);
     EXPECT_NE(thread, nullptr);
     made->cleanUp();
@@ -79,6 +85,25 @@ TEST_F(Lifecycle, CleanUpStopsEverythingOnce) {
     made->setTransport(transport);
     made->cleanUp();
     EXPECT_EQ(made->transport(), transport);
+}
+
+TEST_F(Lifecycle, CleanUpLetsGoOfTheRunnerAndTheMonitor) {
+    const auto made = monitoring();
+    std::weak_ptr<KRVProcessMonitor> itsMonitor = made->procMonitor();
+    std::weak_ptr<ServerRunner> theRunner = made->serverRunner();
+    thread = nullptr;  // as if the thread had exited
+    made->cleanUp();
+    EXPECT_TRUE(itsMonitor.expired());
+    EXPECT_TRUE(theRunner.expired());
+}
+
+TEST_F(Lifecycle, AClientThatIsDestroyedCleansUp) {
+    auto made = monitoring();
+    const auto theRunner = made->serverRunner();
+    theRunner->cleanUp();  // lets go of the client
+    theRunner->setRunning(true);
+    made.reset();
+    EXPECT_FALSE(theRunner->running());
 }
 
 TEST_F(Lifecycle, CallsAfterCleanUpGetNoReply) {

@@ -21,6 +21,8 @@
 
 namespace krv {
 
+constexpr LinesOf kRunnerLines("Source/Client/ServerRunner");
+
 /// A launched program that exits when a test says so.
 class FakeTask final : public Task {
 public:
