@@ -8,7 +8,13 @@ using namespace std::chrono_literals;
 using testing::ElementsAre;
 using Types = std::vector<std::int32_t>;
 
-constexpr const char* kNoProcess = "Can't find process. Server isn't running";
+const std::string kNoProcess =
+    kRunnerLines.info("isQTProcessServerRunning", "Can't find process. Server isn't running");
+
+/// Returns a line of the state machine.
+std::string inStep(std::string_view text) {
+    return kRunnerLines.info("stateMachine", text);
+}
 
 class States : public RunnerFixture {
 protected:
@@ -19,13 +25,7 @@ protected:
     std::vector<std::string> step() {
         LogRecorder log;
         runner->stateMachine();
-        for (const auto& line : log.lines()) {
-            if (line.file == "Source/Client/ServerRunner") {
-                EXPECT_EQ(line.flag, kLogFlagInfo) << line.text;
-                EXPECT_EQ(line.context, kLogContextClient) << line.text;
-            }
-        }
-        return log.texts();
+        return log.whole();
     }
     void waitingSince(Clock::Duration ago) {
         runner->setState(ServerRunner::WaitForServer);
@@ -49,8 +49,8 @@ TEST_F(States, ANewRunnerStartsInStateStart) {
 }
 
 TEST_F(States, StartContinuesWithTheLookInTheSameStep) {
-    EXPECT_THAT(step(),
-                ElementsAre(kNoProcess, kNoProcess, "Starting a new server ...", "I will start " + bundlePath("main")));
+    EXPECT_THAT(step(), ElementsAre(kNoProcess, kNoProcess, inStep("Starting a new server ..."),
+                                    kRunnerLines.info("kickOffQTProcessor", "I will start " + bundlePath("main"))));
     EXPECT_EQ(runner->state(), ServerRunner::WaitForServer);
     EXPECT_EQ(launches.size(), 1U);
 }
@@ -65,7 +65,7 @@ TEST_F(States, StartForgetsAnEarlierWait) {
 
 TEST_F(States, ARunningServerIsWaitedForAndNotLaunched) {
     serverRuns();
-    EXPECT_THAT(step(), ElementsAre("Looks like a server is already running."));
+    EXPECT_THAT(step(), ElementsAre(inStep("Looks like a server is already running.")));
     EXPECT_EQ(runner->state(), ServerRunner::WaitForServer);
     EXPECT_EQ(runner->serverCheckStartTime(), clock.now());
     EXPECT_TRUE(launches.empty());
@@ -73,7 +73,7 @@ TEST_F(States, ARunningServerIsWaitedForAndNotLaunched) {
 
 TEST_F(States, AKnownPortCountsAsRunningWithoutAnyProcess) {
     serverIsKnown();
-    EXPECT_THAT(step(), ElementsAre("Looks like a server is already running."));
+    EXPECT_THAT(step(), ElementsAre(inStep("Looks like a server is already running.")));
     EXPECT_TRUE(runner->isQTProcessServerRunning());
     EXPECT_TRUE(launches.empty());
 }
@@ -81,8 +81,8 @@ TEST_F(States, AKnownPortCountsAsRunningWithoutAnyProcess) {
 TEST_F(States, ALaunchByAnotherThreadIsNotRepeated) {
     runner->setState(ServerRunner::LookForServer);
     runner->setServerCheckStartTime(clock.now());
-    EXPECT_THAT(step(), ElementsAre(kNoProcess, "No server running - but we have just begun one. Will ignore that no "
-                                                "server is running, for now"));
+    EXPECT_THAT(step(), ElementsAre(kNoProcess, inStep("No server running - but we have just begun one. Will ignore "
+                                                       "that no server is running, for now")));
     EXPECT_EQ(runner->state(), ServerRunner::WaitForServer);
     EXPECT_TRUE(launches.empty());
 }
@@ -125,62 +125,62 @@ TEST_F(States, ARefusedLaunchIsRetriedAfterTheWait) {
 
 TEST_F(States, WaitsForAServerToAppear) {
     waitingSince(1500ms);
-    EXPECT_THAT(step(), ElementsAre(kNoProcess, "Waiting for a server to appear (1.50s)"));
+    EXPECT_THAT(step(), ElementsAre(kNoProcess, inStep("Waiting for a server to appear (1.50s)")));
     EXPECT_EQ(runner->state(), ServerRunner::WaitForServer);
 }
 
 TEST_F(States, AWaitWithoutAStartTimeStartsNow) {
     waitingSince(9s);
     runner->setServerCheckStartTime(std::nullopt);
-    EXPECT_THAT(step(), ElementsAre(kNoProcess, "Waiting for a server to appear (0.00s)"));
+    EXPECT_THAT(step(), ElementsAre(kNoProcess, inStep("Waiting for a server to appear (0.00s)")));
     EXPECT_EQ(runner->serverCheckStartTime(), clock.now());
 }
 
 TEST_F(States, WaitsForExactlyTenSeconds) {
     waitingSince(10s);
-    EXPECT_THAT(step(), ElementsAre(kNoProcess, "Waiting for a server to appear (10.00s)"));
+    EXPECT_THAT(step(), ElementsAre(kNoProcess, inStep("Waiting for a server to appear (10.00s)")));
     EXPECT_EQ(runner->state(), ServerRunner::WaitForServer);
 }
 
 TEST_F(States, GivesUpAfterTenSeconds) {
     waitingSince(10001ms);
-    EXPECT_THAT(step(), ElementsAre(kNoProcess, "Waited long enough (10s) for server to appear as alive. Giving up, "
-                                                "starting again"));
+    EXPECT_THAT(step(), ElementsAre(kNoProcess, inStep("Waited long enough (10s) for server to appear as alive. "
+                                                       "Giving up, starting again")));
     EXPECT_EQ(runner->state(), ServerRunner::Start);
 }
 
 TEST_F(States, GivesUpBeforeItChecksWhetherTheServerIsReady) {
     waitingSince(10001ms);
     serverIsKnown();
-    EXPECT_THAT(step(), ElementsAre(testing::StartsWith("Waited long enough")));
+    EXPECT_THAT(step(), ElementsAre(testing::StartsWith(inStep("Waited long enough"))));
     EXPECT_EQ(runner->state(), ServerRunner::Start);
     EXPECT_TRUE(sent().empty());
 }
 
 TEST_F(States, ATimeInTheFutureCountsAsElapsedToo) {
     waitingSince(-11s);
-    EXPECT_THAT(step(), testing::Contains(testing::StartsWith("Waited long enough")));
+    EXPECT_THAT(step(), testing::Contains(testing::StartsWith(inStep("Waited long enough"))));
 }
 
 TEST_F(States, TheWaitCanBeChanged) {
     runner->setTimeToPresumeAServerDead(2);
     waitingSince(2500ms);
-    EXPECT_THAT(step(), testing::Contains(testing::StartsWith("Waited long enough (2s)")));
+    EXPECT_THAT(step(), testing::Contains(testing::StartsWith(inStep("Waited long enough (2s)"))));
 }
 
 TEST_F(States, LogsThatTheLaunchedServerHasExited) {
     (void)step();
     tasks.at(0)->running = false;
     clock.advanceBy(10001ms);
-    EXPECT_THAT(step(), testing::Contains("The server that was launched, process 100, has ended"));
+    EXPECT_THAT(step(), testing::Contains(inStep("The server that was launched, process 100, has ended")));
 }
 
 TEST_F(States, AReadyServerIsRegisteredWithInTheSameStep) {
     waitingSince(2s);
     serverIsKnown(8003);
     serverAnswers(true);
-    EXPECT_THAT(step(), ElementsAre("Server responding to requests on port 8003. That's a good sign!",
-                                    "Registration complete. Good to go."));
+    EXPECT_THAT(step(), ElementsAre(inStep("Server responding to requests on port 8003. That's a good sign!"),
+                                    inStep("Registration complete. Good to go.")));
     EXPECT_EQ(runner->state(), ServerRunner::Registered);
     EXPECT_EQ(sent(), Types{OpRegisterWithServer});
 }
@@ -192,7 +192,7 @@ TEST_F(States, ARegistrationEndsTheAttemptAndPostsTheNotification) {
     runner->setServerCheckStartTime(clock.now());
     serverIsKnown();
     serverAnswers(true);
-    EXPECT_THAT(step(), ElementsAre("Registration complete. Good to go."));
+    EXPECT_THAT(step(), ElementsAre(inStep("Registration complete. Good to go.")));
     EXPECT_EQ(runner->serverCheckStartTime(), std::nullopt);
     EXPECT_EQ(notifications, 0);
     mainLoop.runReady();
@@ -203,11 +203,39 @@ TEST_F(States, AFailedRegistrationStartsFromScratchAndMakesDiscoverySearchAgain)
     runner->setState(ServerRunner::Register);
     serverIsKnown();
     transport->unreachable("no answer");
-    EXPECT_THAT(step(), testing::Contains("Failed to register with server: no answer. Starting from scratch."));
+    constexpr LinesOf discoveryLines("Source/Client/HTTPServerDiscovery");
+    EXPECT_THAT(step(),
+                ElementsAre(discoveryLines.info("serverIsntThere", "App is saying server isn't there - and forcing "
+                                                                   "service refresh"),
+                            discoveryLines.info("serverIsntThere", "Current browser is: " + browser->description()),
+                            inStep("Failed to register with server: no answer. Starting from scratch.")));
     EXPECT_EQ(runner->state(), ServerRunner::Start);
     EXPECT_EQ(discovery->servicePortNumber(), -1);
     mainLoop.runReady();
     EXPECT_EQ(notifications, 1);
+}
+
+TEST_F(States, TheAttemptIsOverBeforeTheRegistrationIsSent) {
+    runner->setState(ServerRunner::Register);
+    runner->setServerCheckStartTime(clock.now());
+    serverIsKnown();
+    std::size_t posts = 0;
+    bool over = false;
+    transport->then([&](const auto&) {
+        over = !runner->serverCheckStartTime();
+        posts = mainLoop.pendingCount();
+        return std::make_shared<const Data>(KRVOperationBase().convertToData());
+    });
+    (void)step();
+    EXPECT_TRUE(over);
+    EXPECT_EQ(posts, 1U);
+    EXPECT_EQ(runner->state(), ServerRunner::Registered);
+}
+
+TEST_F(States, ALaunchedServerThatStillRunsHasNotExited) {
+    (void)step();
+    clock.advanceBy(10001ms);
+    EXPECT_THAT(step(), ElementsAre(kNoProcess, testing::StartsWith(inStep("Waited long enough"))));
 }
 
 TEST_F(States, ARegistrationWithoutAReplyFails) {
@@ -334,6 +362,52 @@ TEST_F(States, CachesTheReplyForLessThanThreeSeconds) {
     serverAnswers(false);
     EXPECT_FALSE(runner->doesServerKnowUs());
     EXPECT_EQ(sent().size(), 2U);
+}
+
+TEST_F(States, AQuestionCountsFromWhenItIsSent) {
+    serverIsKnown();
+    const auto sentAt = clock.now();
+    transport->then([&](const auto&) {
+        clock.advanceBy(2s);
+        return nullptr;
+    });
+    EXPECT_FALSE(runner->doesServerKnowUs());
+    EXPECT_EQ(runner->lastSentAmIRegistered(), sentAt);
+    clock.advanceBy(1s);
+    serverAnswers(true);
+    EXPECT_TRUE(runner->doesServerKnowUs());
+    EXPECT_EQ(sent().size(), 2U);
+}
+
+TEST_F(States, AQuestionInTheFutureCountsByItsDistance) {
+    serverIsKnown();
+    serverAnswers(true);
+    EXPECT_TRUE(runner->doesServerKnowUs());
+    runner->setLastSentAmIRegistered(clock.now() + 2999ms);
+    EXPECT_TRUE(runner->doesServerKnowUs());
+    EXPECT_EQ(sent().size(), 1U);
+    runner->setLastSentAmIRegistered(clock.now() + 3s);
+    serverAnswers(false);
+    EXPECT_FALSE(runner->doesServerKnowUs());
+    EXPECT_EQ(sent().size(), 2U);
+}
+
+TEST_F(States, AServerThatIsNoLongerReadyKeepsItsLastAnswer) {
+    serverIsKnown();
+    serverAnswers(true);
+    EXPECT_TRUE(runner->doesServerKnowUs());
+    serverIsKnown(-1);
+    EXPECT_FALSE(runner->doesServerKnowUs());
+    serverIsKnown();
+    EXPECT_TRUE(runner->doesServerKnowUs());
+    EXPECT_EQ(sent().size(), 1U);
+}
+
+TEST_F(States, ACleanedUpRunnerIsNotKnown) {
+    serverIsKnown();
+    runner->cleanUp();
+    EXPECT_FALSE(runner->doesServerKnowUs());
+    EXPECT_TRUE(sent().empty());
 }
 
 // Long runs

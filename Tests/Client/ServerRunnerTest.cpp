@@ -18,8 +18,9 @@ class Runner : public RunnerFixture {};
 TEST_F(Runner, LogsItsClient) {
     LogRecorder log;
     makeRunner();
-    EXPECT_THAT(log.texts(), ElementsAre("Process monitor initialized with client: " + client->description()));
-    EXPECT_EQ(log.lines().front().flag, kLogFlagInfo);
+    EXPECT_THAT(log.whole(),
+                ElementsAre(kRunnerLines.info("initWithProcessMonitor:andClient:",
+                                              "Process monitor initialized with client: " + client->description())));
 }
 
 TEST_F(Runner, StartsItsThreadAtOnceAndItsFirstStepAfterASecond) {
@@ -65,14 +66,16 @@ TEST_F(Runner, LogsTheExceptionOfAStepAndContinues) {
     loop.performAfterDelay(3500ms, client, Selector("test"), [this] { runner->setRunning(false); });
     LogRecorder log;
     thread();
-    const auto texts = log.texts();
+    const auto lines = log.whole();
     // One per second. The thread finishes the second in which it was stopped.
-    EXPECT_EQ(
-        std::count(texts.begin(), texts.end(),
-                   "Error during ServerRunner thread loop: Cannot find the executable (null). Can't start server"),
-        4);
-    EXPECT_THAT(texts, testing::Contains("There is no KRVQuicktimeProcess.app in " + mainBundle.path() + " or " +
-                                         libraryBundle.path()));
+    EXPECT_EQ(std::count(lines.begin(), lines.end(),
+                         kRunnerLines.info("startTimerOnThread",
+                                           "Error during ServerRunner thread loop: Cannot find the executable (null). "
+                                           "Can't start server")),
+              4);
+    EXPECT_THAT(lines, testing::Contains(kRunnerLines.info("kickOffQTProcessor",
+                                                           "There is no KRVQuicktimeProcess.app in " +
+                                                               mainBundle.path() + " or " + libraryBundle.path())));
 }
 
 TEST_F(Runner, OtherExceptionsPropagateOutOfItsThread) {
@@ -99,7 +102,7 @@ TEST_F(Runner, LogsThatItsTimerCannotBeStarted) {
     const RunLoop::Replacement onRefusing(refusing);
     LogRecorder log;
     EXPECT_NO_THROW(thread());
-    EXPECT_THAT(log.texts(), ElementsAre("Error starting timer: not now"));
+    EXPECT_THAT(log.whole(), ElementsAre(kRunnerLines.info("startTimerOnThread", "Error starting timer: not now")));
 }
 
 TEST_F(Runner, StartAndStopAreThoseOfTheTimer) {
@@ -145,7 +148,7 @@ TEST_F(Runner, IsDestroyedWithItsLastReferenceAndLogsIt) {
     LogRecorder log;
     runner.reset();
     EXPECT_TRUE(weak.expired());
-    EXPECT_THAT(log.texts(), ElementsAre("Server Runner deallocating"));
+    EXPECT_THAT(log.whole(), ElementsAre(kRunnerLines.info("dealloc", "Server Runner deallocating")));
 }
 
 TEST_F(Runner, AStepAfterCleanUpUsesNoClient) {
@@ -177,7 +180,8 @@ TEST_F(Sleep, StopsTheTimerAndWakingStartsItAgain) {
     EXPECT_EQ(runner->state(), ServerRunner::Start);
     post(kWorkspaceDidWakeNotification);
     EXPECT_TRUE(runner->isMonitoring());
-    EXPECT_THAT(log.texts(), ElementsAre("Nap time. Turning off monitoring", "Wakey wakey... begin monitoring again"));
+    EXPECT_THAT(log.whole(), ElementsAre(kRunnerLines.info("goingToSleep:", "Nap time. Turning off monitoring"),
+                                         kRunnerLines.info("wakingUp:", "Wakey wakey... begin monitoring again")));
     loop.advanceBy(1s);
     EXPECT_EQ(runner->state(), ServerRunner::WaitForServer);
 }
@@ -230,7 +234,7 @@ TEST_F(Sleep, IsIgnoredByACleanedUpRunner) {
     post(kWorkspaceWillSleepNotification);
     post(kWorkspaceDidWakeNotification);
     runner->wakingUp();
-    EXPECT_THAT(log.texts(), IsEmpty());
+    EXPECT_THAT(log.whole(), IsEmpty());
     EXPECT_FALSE(runner->isMonitoring());
 }
 
@@ -254,7 +258,8 @@ TEST_F(Launch, StartsTheExecutableOfTheBundleWithTheApplicationsIdentifier) {
     ASSERT_THAT(launches, SizeIs(1));
     EXPECT_EQ(launches[0].executable, bundlePath("main") + "/Contents/MacOS/KRVQuicktimeProcess");
     EXPECT_THAT(launches[0].arguments, ElementsAre("-KRVLoggingDomain", "org.example.editor"));
-    EXPECT_THAT(log.texts(), ElementsAre("I will start " + bundlePath("main")));
+    EXPECT_THAT(log.whole(),
+                ElementsAre(kRunnerLines.info("kickOffQTProcessor", "I will start " + bundlePath("main"))));
     EXPECT_EQ(runner->qtProcessorTask(), tasks.at(0));
     EXPECT_EQ(runner->serverCheckStartTime(), clock.now());
 }
@@ -289,7 +294,9 @@ TEST_F(Launch, IsNotRepeatedWhileOneIsInProgress) {
     clock.advanceBy(1500ms);
     LogRecorder log;
     runner->kickOffQTProcessor();
-    EXPECT_THAT(log.texts(), ElementsAre("Not starting server - one has already been started -1.50s ago"));
+    EXPECT_THAT(log.whole(),
+                ElementsAre(kRunnerLines.info("kickOffQTProcessor",
+                                              "Not starting server - one has already been started -1.50s ago")));
     EXPECT_THAT(launches, SizeIs(1));
 }
 
@@ -318,6 +325,34 @@ TEST_F(Launch, ThatIsRefusedThrowsTheSystemsReason) {
     EXPECT_EQ(loop.pendingCount(), 0U);
     EXPECT_EQ(ServerRunner::latestLaunch()->failure, "it cannot be launched: Exec format error");
     EXPECT_EQ(ServerRunner::latestLaunch()->bundle, bundlePath("main"));
+}
+
+TEST_F(Launch, CountsFromItsBeginning) {
+    makeBundle("main");
+    environment.launch = [this](const Task::Launch&) {
+        clock.advanceBy(2s);
+        return std::make_shared<FakeTask>(1);
+    };
+    makeRunner();
+    const auto begin = clock.now();
+    runner->kickOffQTProcessor();
+    EXPECT_EQ(runner->serverCheckStartTime(), begin);
+}
+
+TEST_F(Launch, EndsOnTheLoopOfTheThreadThatLaunched) {
+    makeBundle("main");
+    makeRunner();
+    runner->kickOffQTProcessor();
+    EXPECT_EQ(loop.pendingCount(), 1U);
+    EXPECT_EQ(mainLoop.pendingCount(), 0U);
+}
+
+TEST_F(Launch, KeepsASmallFileOfStandardError) {
+    makeBundle("main");
+    const std::string file = folder.write("KRVQuicktimeProcess/standard-error.log", "the last words");
+    makeRunner();
+    runner->kickOffQTProcessor();
+    EXPECT_EQ(std::filesystem::file_size(file), 14U);
 }
 
 TEST_F(Launch, IsOverAfterHalfAMinuteAndPostsTheNotification) {
@@ -370,6 +405,14 @@ TEST_F(Resource, IsTakenFromTheMediaClassBeforeTheLibrary) {
     classes.registerClass("KRVMedia", Bundle({(folder.path() / "media").string()}));
     makeRunner();
     EXPECT_EQ(find(), bundlePath("media"));
+}
+
+TEST_F(Resource, IsTakenFromTheProgramsOfTheMediaClassToo) {
+    makeBundle("media/Contents/MacOS");
+    makeBundle("library");
+    classes.registerClass("KRVMedia", Bundle({(folder.path() / "media").string()}));
+    makeRunner();
+    EXPECT_EQ(find(), bundlePath("media/Contents/MacOS"));
 }
 
 TEST_F(Resource, IsTakenFromTheLibraryLast) {
