@@ -1,6 +1,9 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include <unistd.h>
+
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
@@ -12,6 +15,11 @@ namespace krv {
 namespace {
 
 using R = KRVOperationBase;
+using testing::ElementsAre;
+using testing::StartsWith;
+
+constexpr LinesOf kClientLines("Source/Client/KRVQuicktimeProcessClient");
+constexpr LinesOf kApplicationLines("Source/Client/KRVQuicktimeProcessClient", "application");
 
 class Observer : public OperationProgress {
 public:
@@ -99,6 +107,15 @@ TEST_F(Client, ConvertsWithSettings) {
     EXPECT_EQ(observer->calls, 1);
 }
 
+TEST_F(Client, AConversionDoesNotAnswerForAnErrorThatWasThereBefore) {
+    completes();
+    error = serverError;
+    EXPECT_TRUE(client.convertMovie("/s", "/d", 1, true, nullptr, &error));
+    completes();
+    EXPECT_TRUE(client.convertMovie("/s", "/d", nullptr, nullptr, nullptr, &error));
+    EXPECT_EQ(error, serverError);
+}
+
 TEST_F(Client, AConversionReportsTheServersError) {
     serverFails();
     EXPECT_FALSE(client.convertMovie("/s", "/d", 1, false, nullptr, &error));
@@ -118,6 +135,35 @@ TEST_F(Client, ATransportFailureOfAConversionIsInTheErrorAlone) {
     transport->fail("cause");
     EXPECT_TRUE(client.convertMovie("/s", "/d", 1, false, nullptr, &error));
     EXPECT_EQ(error->domain(), "TransportInvocation");
+    error.reset();
+    transport->fail("cause");
+    EXPECT_TRUE(client.convertMovie("/s", "/d", nullptr, nullptr, nullptr, &error));
+    EXPECT_EQ(error->domain(), "TransportInvocation");
+}
+
+TEST_F(Client, ATransportFailureOfTheOthersIsInTheResultToo) {
+    transport->fail("cause");
+    EXPECT_FALSE(client.muxMovie("/s", "/d", nullptr, &error));
+    EXPECT_EQ(error->localizedDescription(), "Unable to Mux movie audio to 2ch");
+    error.reset();
+    transport->fail("cause");
+    EXPECT_FALSE(client.mergeSources(Value(Array{"/a"}), "/d", false, nullptr, &error));
+    EXPECT_EQ(error->localizedDescription(), "Unable to Merge multiple video sources to single movie");
+}
+
+TEST_F(Client, AnErrorThatWasThereBeforeMakesTheOthersAnswerNo) {
+    error = serverError;
+    completes();
+    EXPECT_FALSE(client.createThumbnailsFor("/s", "/f", {}, nullptr, &error));
+    completes();
+    EXPECT_FALSE(client.muxMovie("/s", "/d", nullptr, &error));
+    completes();
+    transport->reply(std::make_shared<R>());
+    EXPECT_FALSE(client.mergeSources(Value(Array{"/a"}), "/d", false, nullptr, &error));
+    transport->reply(std::make_shared<R>());
+    EXPECT_FALSE(client.cancelAllOperations(&error));
+    EXPECT_EQ(error, serverError);
+    EXPECT_EQ(types().back(), OpCancelAllOperations);
 }
 
 TEST_F(Client, AStalledConversionReportsTheTimeout) {
@@ -134,7 +180,10 @@ TEST_F(Client, ThumbnailsDoNotReportTheServersError) {
     completes();
     EXPECT_TRUE(client.createThumbnailsFor("/s", "/f", {160, 120}, observer, &error));
     EXPECT_EQ(first().operationType(), OpCreateThumbnails);
+    EXPECT_EQ(first().encodingSourceFilename(), "/s");
+    EXPECT_EQ(first().encodingDestinationFilename(), "/f");
     EXPECT_EQ(first().thumbnailInfoSize(), (Size{160, 120}));
+    EXPECT_EQ(observer->calls, 1);
     serverFails();
     EXPECT_TRUE(client.createThumbnailsFor("/s", "/f", {}, nullptr, &error));
     EXPECT_EQ(error, nullptr);
@@ -147,6 +196,8 @@ TEST_F(Client, MuxReportsTheServersError) {
     completes();
     EXPECT_TRUE(client.muxMovie("/s", "/d", observer, &error));
     EXPECT_EQ(first().operationType(), OpMuxAudioTo2ch);
+    EXPECT_EQ(first().encodingSourceFilename(), "/s");
+    EXPECT_EQ(first().encodingDestinationFilename(), "/d");
     EXPECT_EQ(observer->calls, 1);
     serverFails();
     EXPECT_FALSE(client.muxMovie("/s", "/d", nullptr, &error));
@@ -160,9 +211,20 @@ TEST_F(Client, MergeRemovesTheServersResultAfterwards) {
     EXPECT_EQ(types(), (V{OpMergeSources, kPoll, kPoll, OpRemoveReturnResult}));
     EXPECT_EQ(transport->sent().back()->uniqueID(), "u");
     EXPECT_EQ((*first().arguments())["videoMergeSources"], Value(Array{"/a", "/b"}));
+    EXPECT_EQ((*first().arguments())["videoMergeSourcesUseShortest"], Value(true));
+    EXPECT_EQ(first().encodingDestinationFilename(), "/d");
+    EXPECT_EQ(observer->calls, 1);
     serverFails();
     EXPECT_FALSE(client.mergeSources(Value(Array{"/a"}), "/d", false, nullptr, &error));
+    EXPECT_EQ(*error, *serverError);
     EXPECT_EQ(types().back(), OpRemoveReturnResult);
+    EXPECT_EQ((*transport->sent().at(4)->arguments())["videoMergeSourcesUseShortest"], Value(false));
+}
+
+TEST_F(Client, MergeAsksForTheRemovalAlsoWhenItHadNoReply) {
+    transport->fail("cause").reply(std::make_shared<R>());
+    EXPECT_FALSE(client.mergeSources(Value(Array{"/a"}), "/d", false, nullptr, &error));
+    EXPECT_EQ(types(), (V{OpMergeSources, OpRemoveReturnResult}));
 }
 
 TEST_F(Client, WithoutAnOutParameterTheResultIsAlwaysTrue) {
@@ -209,6 +271,23 @@ TEST_F(Client, FailedMetadataIsNullWithTheError) {
     EXPECT_EQ(client.getMetadataFor("/s", nullptr), nullptr);
 }
 
+TEST_F(Client, AQueryWithoutAnOutParameterDropsTheTransportsFailure) {
+    transport->fail("cause").fail("cause");
+    EXPECT_EQ(client.getMetadataFor("/s", nullptr), nullptr);
+    EXPECT_TRUE(client.getInterestingTimesForMovie("/s", false, 0, nullptr).isNull());
+    EXPECT_EQ(types(), (V{OpProvideMetadata, OpGetInterestingTimes}));
+}
+
+TEST_F(Client, AQueryThatFailsHasNotAskedForItsResult) {
+    transport->fail("cause");
+    EXPECT_TRUE(client.getInterestingTimesForMovie("/s", false, 0, &error).isNull());
+    EXPECT_EQ(error->domain(), "TransportInvocation");
+    serverFails();
+    EXPECT_TRUE(client.getInterestingTimesForMovie("/s", false, 0, &error).isNull());
+    EXPECT_EQ(*error, *serverError);
+    EXPECT_EQ(types(), (V{OpGetInterestingTimes, OpGetInterestingTimes, kPoll}));
+}
+
 TEST_F(Client, InterestingTimesComeFromTheResult) {
     completes();
     const auto result = std::make_shared<R>();
@@ -219,6 +298,11 @@ TEST_F(Client, InterestingTimesComeFromTheResult) {
     ASSERT_TRUE(times.dictionary());
     EXPECT_EQ((*times.dictionary())["timescale"], Value(600));
     EXPECT_EQ((*first().arguments())["trackIndex"], Value(1));
+    completes();
+    transport->reply(result);
+    EXPECT_EQ(operations.getInterestingTimesForMovie("/s", false, 1, &error), times);
+    EXPECT_EQ(transport->sent().at(4)->operationType(), OpGetInterestingTimes);
+    EXPECT_EQ((*transport->sent().at(4)->arguments())["trackIndex"], Value());
 }
 
 TEST_F(Client, AResultWithoutInterestingTimesIsNullWithoutAnError) {
@@ -248,10 +332,8 @@ TEST_F(Client, AnUnreachableResultIsLoggedWithTheMetadataTextAndThrows) {
     completes();
     transport->unreachable("gone");
     EXPECT_THROW((void)client.getInterestingTimesForMovie("/s", false, 0, &error), Exception);
-    const auto& line = log.lines().back();
-    EXPECT_EQ(line.text, "Failed to make call to get metadata, gone");
-    EXPECT_EQ(line.flag, kLogFlagError);
-    EXPECT_EQ(line.context, kLogContextClient);
+    EXPECT_EQ(log.whole().back(),
+              kClientLines.error("getResultOfOperation:error:", "Failed to make call to get metadata, gone"));
 }
 
 TEST_F(Client, GetResultReturnsARecordEvenWithAnError) {
@@ -270,6 +352,10 @@ TEST_F(Client, GetResultReturnsARecordEvenWithAnError) {
     EXPECT_EQ(error->domain(), "TransportInvocation");
     transport->fail("cause");
     EXPECT_EQ(client.getResultOfOperation(record, nullptr), nullptr);
+
+    transport->reply(result);
+    EXPECT_TRUE(client.getResultOfOperation(nullptr, nullptr));
+    EXPECT_EQ(transport->sent().back()->uniqueID(), std::nullopt);
 }
 
 TEST_F(Client, AFailureToRemoveResultsIsLoggedInTheApplicationContext) {
@@ -280,11 +366,11 @@ TEST_F(Client, AFailureToRemoveResultsIsLoggedInTheApplicationContext) {
     client.removeResultsFromServer(record);
     transport->unreachable("gone");
     client.removeResultsFromServer(record);
-    ASSERT_EQ(log.lines().size(), 2U);
-    const std::string begin = "Couldn't remove results from server for " + record->description() + ", ";
-    EXPECT_EQ(log.lines()[0].text.substr(0, begin.size()), begin);
-    EXPECT_EQ(log.lines()[0].context, kLogContextApplication);
-    EXPECT_EQ(log.lines()[1].text, begin + "gone");
+    const std::string begin = kApplicationLines.error(
+        "removeResultsFromServer:", "Couldn't remove results from server for " + record->description() + ", ");
+    EXPECT_THAT(log.whole(),
+                ElementsAre(StartsWith(begin + "Error Domain=TransportInvocation Code=0"), begin + "gone"));
+    EXPECT_EQ(first().uniqueID(), "u");
 }
 
 TEST_F(Client, ReadinessIsAnyReply) {
@@ -293,7 +379,9 @@ TEST_F(Client, ReadinessIsAnyReply) {
     EXPECT_TRUE(operations.isServerReadyToTakeRequests());
     EXPECT_TRUE(operations.isServerReadyToTakeRequests());
     EXPECT_FALSE(operations.isServerReadyToTakeRequests());
-    EXPECT_EQ(log.texts(), (std::vector<std::string>{"Error invoking 'isServerReadyToTakeRequests' operation: gone"}));
+    EXPECT_THAT(log.whole(),
+                ElementsAre(kClientLines.error("isServerReadyToTakeRequests",
+                                               "Error invoking 'isServerReadyToTakeRequests' operation: gone")));
     EXPECT_TRUE(operations.isServerReadyToTakeRequests());  // a mapped failure without an out-parameter is dropped
     EXPECT_EQ(first().operationType(), OpReadyToProcessRequests);
     transport->then([](const auto&) -> std::shared_ptr<const Data> { throw std::runtime_error("own"); });
@@ -309,7 +397,11 @@ TEST_F(Client, RegistrationIsTheFieldOfTheReply) {
     EXPECT_FALSE(operations.amIRegistered());
     EXPECT_FALSE(operations.amIRegistered());
     EXPECT_FALSE(operations.amIRegistered());
-    EXPECT_EQ(log.texts(), (std::vector<std::string>{"Error invoking 'amIRegistered:' operation: gone"}));
+    EXPECT_THAT(log.whole(),
+                ElementsAre(kClientLines.error("amIRegistered", "Error invoking 'amIRegistered:' operation: gone")));
+    EXPECT_EQ(types(), (V(4, OpAmIRegistered)));
+    transport->then([](const auto&) -> std::shared_ptr<const Data> { throw std::runtime_error("own"); });
+    EXPECT_THROW((void)operations.amIRegistered(), std::runtime_error);
 }
 
 TEST_F(Client, RegisteringSendsTheProcessIdAndThrowsOnFailure) {
@@ -317,7 +409,7 @@ TEST_F(Client, RegisteringSendsTheProcessIdAndThrowsOnFailure) {
     operations.registerWithServer();
     operations.unregisterFromServer();
     EXPECT_EQ(types(), (V{OpRegisterWithServer, OpUnregisterFromServer}));
-    EXPECT_EQ(first().regInfoPID(), R().regInfoPID());
+    EXPECT_EQ(first().regInfoPID(), Value(std::int64_t{::getpid()}));
     transport->replyNothing().replyBytes("rubbish").unreachable();
     EXPECT_THROW(operations.registerWithServer(), Exception);
     EXPECT_THROW(operations.unregisterFromServer(), Exception);
@@ -339,9 +431,10 @@ TEST_F(Client, ShutdownFailureIsLoggedInTheApplicationContext) {
     transport->reply(std::make_shared<R>()).fail("cause").unreachable();
     EXPECT_TRUE(operations.queueShutdownOfCurrentServer());
     EXPECT_FALSE(operations.queueShutdownOfCurrentServer());
-    ASSERT_EQ(log.lines().size(), 1U);
-    EXPECT_EQ(log.lines()[0].text.find("Couldn't sent reques to shutdown server, "), 0U);
-    EXPECT_EQ(log.lines()[0].context, kLogContextApplication);
+    EXPECT_THAT(log.whole(), ElementsAre(StartsWith(kApplicationLines.error(
+                                 "queueShutdownOfCurrentServer", "Couldn't sent reques to shutdown server, Error "
+                                                                 "Domain=TransportInvocation Code=0"))));
+    EXPECT_EQ(types(), (V{OpShutdownServer, OpShutdownServer}));
     EXPECT_THROW((void)operations.queueShutdownOfCurrentServer(), Exception);
 }
 
