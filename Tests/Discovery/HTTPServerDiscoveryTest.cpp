@@ -16,7 +16,11 @@ namespace {
 
 using namespace std::chrono_literals;
 using Services = std::vector<std::shared_ptr<NetService>>;
-using Texts = std::vector<std::string>;
+using Lines = std::vector<std::string>;
+using Ports = std::vector<std::int64_t>;
+
+constexpr LinesOf kLines("Source/Client/HTTPServerDiscovery");
+constexpr const char* kFound = "netServiceBrowser:didFindService:moreComing:";
 
 /// A discovery on a main loop in virtual time. Its thread runs only when a test runs it.
 class Discovery : public testing::Test {
@@ -78,35 +82,34 @@ TEST_F(Discovery, KnowsNothingBeforeTheFirstResult) {
 }
 
 TEST_F(Discovery, LogsTheNameItSearchesFor) {
-    LogRecorder log(15, 0);
+    LogRecorder log;
     const auto another = HTTPServerDiscovery::make(environment);
-    EXPECT_EQ(log.texts(), (Texts{"HTTP Server discovery initializing with name: KRVQuicktimeProcess",
-                                  "HTTP Discovery will look for: " + name}));
-    EXPECT_EQ(log.lines()[0].flag, kLogFlagInfo);
-    EXPECT_EQ(log.lines()[0].context, kLogContextClient);
-    EXPECT_EQ(log.lines()[0].function, "init");
+    EXPECT_EQ(log.whole(),
+              (Lines{kLines.info("init", "HTTP Server discovery initializing with name: KRVQuicktimeProcess"),
+                     kLines.info("init", "HTTP Discovery will look for: " + name)}));
 }
 
 TEST_F(Discovery, ItsThreadBrowsesForHTTPServicesOfTheLocalDomain) {
     // Only an exception ends the thread's loop.
     onMainThread = false;
     otherLoop.performAfterDelay(1s, discovery, Selector("test"), [] { throw Exception("Test", "stop here"); });
-    LogRecorder log(15, 0);
+    LogRecorder log;
     thread();
     ASSERT_EQ(searches(), 1U);
     EXPECT_EQ(browser->searches()[0], std::make_pair(std::string("_http._tcp."), std::string("local.")));
-    EXPECT_EQ(log.texts(), (Texts{"HTTP Server Discovery started searching...", "Exception in HTTPDiscovery: stop here",
-                                  "HTTP discovery search is terminating"}));
-    EXPECT_EQ(log.lines()[1].flag, kLogFlagError);
-    EXPECT_EQ(log.lines()[2].flag, kLogFlagWarning);
+    EXPECT_EQ(log.whole(), (Lines{kLines.info("startDiscoveryOnThread", "HTTP Server Discovery started searching..."),
+                                  kLines.error("startDiscoveryOnThread", "Exception in HTTPDiscovery: stop here"),
+                                  kLines.warning("startDiscoveryOnThread", "HTTP discovery search is terminating")}));
+    EXPECT_EQ(otherLoop.pendingCount(), 0U);
 }
 
 TEST_F(Discovery, AnotherExceptionLeavesItsThreadAfterTheLastLine) {
     onMainThread = false;
     otherLoop.performAfterDelay(1s, discovery, Selector("test"), [] { throw std::runtime_error("own"); });
-    LogRecorder log(15, 0);
+    LogRecorder log;
     EXPECT_THROW(thread(), std::runtime_error);
-    EXPECT_EQ(log.texts().back(), "HTTP discovery search is terminating");
+    EXPECT_EQ(log.whole(), (Lines{kLines.info("startDiscoveryOnThread", "HTTP Server Discovery started searching..."),
+                                  kLines.warning("startDiscoveryOnThread", "HTTP discovery search is terminating")}));
 }
 
 TEST_F(Discovery, AMatchingServiceStopsTheBrowserAndIsResolved) {
@@ -119,17 +122,16 @@ TEST_F(Discovery, AMatchingServiceStopsTheBrowserAndIsResolved) {
     EXPECT_TRUE(ports.empty());
     mainLoop.runReady();
     EXPECT_EQ(discovery->servicePortNumber(), 8001);
-    EXPECT_EQ(ports, (std::vector<std::int64_t>{8001}));
+    EXPECT_EQ(ports, (Ports{8001}));
 }
 
 TEST_F(Discovery, ABatchIsExaminedUpToTheFirstMatch) {
     discovery->startSearch();
     LogRecorder log(15, kLoggingHTTPDiscovery);
     browser->show({foreign("a"), ours(8001), foreign("b")});
-    EXPECT_EQ(log.texts(), (Texts{"Observing network service: a. More on the way?:1",
-                                  "Observing network service: " + name + ". More on the way?:1",
-                                  name + " is up. Will now resolve."}));
-    EXPECT_EQ(log.lines()[0].flag, kLogFlagVerbose);
+    EXPECT_EQ(log.whole(), (Lines{kLines.verbose(kFound, "Observing network service: a. More on the way?:1"),
+                                  kLines.verbose(kFound, "Observing network service: " + name + ". More on the way?:1"),
+                                  kLines.verbose(kFound, name + " is up. Will now resolve.")}));
 }
 
 TEST_F(Discovery, ABatchThatEndsOnAForeignServiceMeansAbsent) {
@@ -137,11 +139,11 @@ TEST_F(Discovery, ABatchThatEndsOnAForeignServiceMeansAbsent) {
     LogRecorder log(15, kLoggingHTTPDiscovery);
     browser->show({foreign("a"), foreign("b")});
     EXPECT_EQ(discovery->servicePortNumber(), -1);
-    EXPECT_EQ(ports, (std::vector<std::int64_t>{-1}));
-    EXPECT_EQ(
-        log.texts(),
-        (Texts{"Observing network service: a. More on the way?:1", "Observing network service: b. More on the way?:0",
-               name + " is down. Will begin search again shortly.", "Beginning HTTP Server search in 0.25s"}));
+    EXPECT_EQ(ports, (Ports{-1}));
+    EXPECT_EQ(log.whole(), (Lines{kLines.verbose(kFound, "Observing network service: a. More on the way?:1"),
+                                  kLines.verbose(kFound, "Observing network service: b. More on the way?:0"),
+                                  kLines.verbose(kFound, name + " is down. Will begin search again shortly."),
+                                  kLines.info("beginSearchAgainIn:", "Beginning HTTP Server search in 0.25s")}));
     EXPECT_EQ(searches(), 1U);
     mainLoop.advanceBy(249ms);
     EXPECT_EQ(searches(), 1U);
@@ -149,11 +151,21 @@ TEST_F(Discovery, ABatchThatEndsOnAForeignServiceMeansAbsent) {
     EXPECT_EQ(searches(), 2U);
 }
 
-TEST_F(Discovery, TheVerboseLinesNeedTheirMask) {
-    LogRecorder log(15, kLoggingHTTPMessaging | kLoggingDebug);
+TEST_F(Discovery, TheLinesOfACycleNeedTheirMask) {
+    LogRecorder log(15, ~kLoggingHTTPDiscovery);
     discovery->startSearch();
     browser->show({foreign()});
-    EXPECT_TRUE(log.texts().empty());
+    discovery->startSearch();
+    browser->show({ours(8001)});
+    mainLoop.runReady();
+    EXPECT_EQ(discovery->servicePortNumber(), 8001);
+    discovery->startSearch();
+    browser->show({ours(-1)});
+    mainLoop.runReady();
+    EXPECT_EQ(discovery->servicePortNumber(), -1);
+    onMainThread = false;
+    discovery->beginSearchAgainIn(1s);
+    EXPECT_EQ(log.whole(), Lines{});
 }
 
 TEST_F(Discovery, EachResolutionIsPostedAndStartsTheNextCycleInASecond) {
@@ -168,32 +180,39 @@ TEST_F(Discovery, EachResolutionIsPostedAndStartsTheNextCycleInASecond) {
         mainLoop.advanceBy(1ms);
         EXPECT_EQ(searches(), round + 1);
     }
-    EXPECT_EQ(ports, (std::vector<std::int64_t>{8001, 8001, 8001}));
+    EXPECT_EQ(ports, (Ports{8001, 8001, 8001}));
 }
 
 TEST_F(Discovery, TheResolvedLineShowsThePreviousPort) {
     discovery->resolvedToPort(8001, 0s);
     LogRecorder log(15, kLoggingHTTPDiscovery);
     discovery->resolvedToPort(8002, 0s);
-    EXPECT_EQ(log.texts(), (Texts{"Resolved " + name + ". It has port: 8001"}));
+    EXPECT_EQ(log.whole(),
+              (Lines{kLines.verbose("resolvedToPort:beginAgainIn:", "Resolved " + name + ". It has port: 8001")}));
     EXPECT_EQ(discovery->servicePortNumber(), 8002);
 }
 
 TEST_F(Discovery, AnAbsentServerIsRecordedWithoutALine) {
-    LogRecorder log;
+    LogRecorder log(15, ~0U);
+    discovery->setServicePortNumber(8001);
     discovery->resolvedToPort(0, 0s);
     EXPECT_EQ(discovery->servicePortNumber(), -1);
     discovery->resolvedToPort(-7, 0s);
     EXPECT_EQ(discovery->servicePortNumber(), -1);
-    EXPECT_EQ(ports, (std::vector<std::int64_t>{-1, -1}));
-    EXPECT_TRUE(log.texts().empty());
+    EXPECT_EQ(ports, (Ports{-1, -1}));
+    EXPECT_EQ(log.whole(), Lines{});
+}
+
+TEST_F(Discovery, TheLowestPortIsOne) {
+    discovery->resolvedToPort(1, 0s);
+    EXPECT_EQ(discovery->servicePortNumber(), 1);
 }
 
 TEST_F(Discovery, ADelayOfZeroStartsNoCycle) {
     discovery->startSearch();
     discovery->resolvedToPort(8001, 0s);
     EXPECT_TRUE(browser->isSearching());
-    EXPECT_EQ(ports, (std::vector<std::int64_t>{8001}));
+    EXPECT_EQ(ports, (Ports{8001}));
     browser->stop();
     mainLoop.advanceBy(10s);
     EXPECT_EQ(searches(), 1U);
@@ -204,17 +223,34 @@ TEST_F(Discovery, AServiceThatDoesNotResolveMeansAbsentForASecond) {
     discovery->startSearch();
     browser->show({ours(-1)});
     LogRecorder log(15, kLoggingHTTPDiscovery);
+    discovery->setServicePortNumber(8001);
     mainLoop.runReady();
-    EXPECT_EQ(log.texts()[0], "Failed to resolve " + name + ".");
+    EXPECT_EQ(log.whole(), (Lines{kLines.verbose("netService:didNotResolve:", "Failed to resolve " + name + "."),
+                                  kLines.info("beginSearchAgainIn:", "Beginning HTTP Server search in 1.00s")}));
     EXPECT_EQ(discovery->servicePortNumber(), -1);
-    mainLoop.advanceBy(1s);
+    EXPECT_EQ(ports, Ports{-1});
+    mainLoop.advanceBy(999ms);
+    EXPECT_EQ(searches(), 1U);
+    mainLoop.advanceBy(1ms);
     EXPECT_EQ(searches(), 2U);
+}
+
+TEST_F(Discovery, AServiceIsKeptWhileItResolvesAndNoLonger) {
+    for (const long port : {8001L, -1L}) {
+        discovery->startSearch();
+        auto service = ours(port);
+        const std::weak_ptr<FakeNetService> weak = service;
+        browser->show({std::exchange(service, nullptr)});
+        EXPECT_FALSE(weak.expired());
+        mainLoop.runReady();
+        EXPECT_TRUE(weak.expired()) << port;
+    }
 }
 
 TEST_F(Discovery, ASearchThatFindsNothingMeansAbsentAfterTwoSeconds) {
     discovery->startSearch();
     mainLoop.advanceBy(2s);
-    EXPECT_EQ(ports, (std::vector<std::int64_t>{-1}));
+    EXPECT_EQ(ports, (Ports{-1}));
     EXPECT_EQ(searches(), 1U);
     mainLoop.advanceBy(250ms);
     EXPECT_EQ(searches(), 2U);
@@ -225,18 +261,64 @@ TEST_F(Discovery, AnAbsenceReportedOnAnotherThreadStartsTheSearchOnTheMainThread
     onMainThread = false;
     LogRecorder log(15, kLoggingHTTPDiscovery);
     discovery->serverIsntThere();
-    EXPECT_EQ(log.texts(), (Texts{"App is saying server isn't there - and forcing service refresh",
-                                  "Current browser is: <FakeServiceBrowser>",
-                                  "Pushing request to begin search again in 0.25s to main thread"}));
-    EXPECT_EQ(log.lines()[0].flag, kLogFlagInfo);
-    EXPECT_EQ(ports, (std::vector<std::int64_t>{-1}));
+    EXPECT_EQ(
+        log.whole(),
+        (Lines{kLines.info("serverIsntThere", "App is saying server isn't there - and forcing service refresh"),
+               kLines.info("serverIsntThere", "Current browser is: <FakeServiceBrowser>"),
+               kLines.info("beginSearchAgainIn:", "Pushing request to begin search again in 0.25s to main thread")}));
+    EXPECT_EQ(ports, (Ports{-1}));
     onMainThread = true;
     mainLoop.runReady();
-    EXPECT_EQ(log.texts().back(), "Beginning HTTP Server search in 0.25s");
-    mainLoop.advanceBy(250ms);
+    EXPECT_EQ(log.whole().back(), kLines.info("beginSearchAgainIn:", "Beginning HTTP Server search in 0.25s"));
+    mainLoop.advanceBy(249ms);
+    EXPECT_EQ(searches(), 1U);
+    mainLoop.advanceBy(1ms);
     EXPECT_EQ(searches(), 2U);
     // The poll that the other thread scheduled stays on that thread's loop, in addition to the main thread's.
     EXPECT_EQ(otherLoop.pendingCount(), 1U);
+}
+
+TEST_F(Discovery, AnAbsenceIsReportedWithoutAnyMask) {
+    LogRecorder log;
+    discovery->setBrowser(nullptr);
+    discovery->serverIsntThere();
+    EXPECT_EQ(log.whole(),
+              (Lines{kLines.info("serverIsntThere", "App is saying server isn't there - and forcing service refresh"),
+                     kLines.info("serverIsntThere", "Current browser is: (null)")}));
+    discovery->setBrowser(browser);
+}
+
+TEST_F(Discovery, ALaterCycleReplacesThePollOfAnEarlierOne) {
+    discovery->setBrowser(nullptr);  // so that nothing but the polls is on the loops
+    for (const bool main : {true, false}) {
+        onMainThread = main;
+        FakeRunLoop& its = main ? mainLoop : otherLoop;
+        discovery->beginSearchAgainIn(1s);
+        const std::size_t pending = its.pendingCount();
+        discovery->beginSearchAgainIn(1s);
+        // On the main thread the search that was scheduled earlier stays.
+        EXPECT_EQ(its.pendingCount(), main ? pending + 1 : pending);
+    }
+    onMainThread = true;
+    mainLoop.advanceBy(4s);
+    discovery->beginSearchAgainIn(1s);
+    mainLoop.advanceBy(4999ms);
+    EXPECT_TRUE(http.requests().empty());
+    mainLoop.advanceBy(1ms);
+    EXPECT_EQ(http.requests().size(), 10U);
+    discovery->setBrowser(browser);
+}
+
+TEST_F(Discovery, StoppingCancelsThePollOfTheThreadThatStops) {
+    discovery->beginSearchAgainIn(1s);
+    onMainThread = false;
+    discovery->beginSearchAgainIn(1s);
+    const std::size_t onMain = mainLoop.pendingCount();
+    EXPECT_EQ(otherLoop.pendingCount(), 1U);
+    discovery->stopSearch();
+    EXPECT_EQ(otherLoop.pendingCount(), 0U);
+    EXPECT_EQ(mainLoop.pendingCount(), onMain);
+    onMainThread = true;
 }
 
 TEST_F(Discovery, PollsTenPortsFromTheMinimumFiveSecondsAfterARestartWithoutResult) {
@@ -245,7 +327,7 @@ TEST_F(Discovery, PollsTenPortsFromTheMinimumFiveSecondsAfterARestartWithoutResu
     browser->setDelegate({});  // so that not even the ended batches are reported
     mainLoop.advanceBy(4999ms);
     EXPECT_TRUE(http.requests().empty());
-    LogRecorder log(15, 0);
+    LogRecorder log;
     mainLoop.advanceBy(1ms);
     ASSERT_EQ(http.requests().size(), 10U);
     EXPECT_EQ(http.urls()[0], "http://localhost:12000/status");
@@ -254,8 +336,8 @@ TEST_F(Discovery, PollsTenPortsFromTheMinimumFiveSecondsAfterARestartWithoutResu
         EXPECT_EQ(request.timeout, 1s);
         EXPECT_FALSE(request.body);
     }
-    EXPECT_EQ(log.texts(), (Texts{"Couldn't find server on ports 8000-8010 via HTTP polling"}));
-    EXPECT_EQ(log.lines()[0].flag, kLogFlagInfo);
+    EXPECT_EQ(log.whole(), (Lines{kLines.info("fallbackToHTTPPolling",
+                                              "Couldn't find server on ports 8000-8010 via HTTP polling")}));
     EXPECT_TRUE(ports.empty());
     EXPECT_EQ(discovery->servicePortNumber(), 0);
     UserDefaults::standard().removeKey("minimumPortNumber");
@@ -269,14 +351,28 @@ TEST_F(Discovery, ThePollStopsAtTheHighestPort) {
     UserDefaults::standard().removeKey("minimumPortNumber");
 }
 
+TEST_F(Discovery, ThePollComputesItsBoundBeforeEachProbe) {
+    http.respond("http://localhost:8002/status", [](const HTTPRequest&) {
+        UserDefaults::standard().setString("minimumPortNumber", "7995");
+        return HTTPResponse{};
+    });
+    discovery->fallbackToHTTPPolling();
+    UserDefaults::standard().removeKey("minimumPortNumber");
+    EXPECT_EQ(http.urls().back(), "http://localhost:8004/status");
+    EXPECT_EQ(http.requests().size(), 5U);
+}
+
 TEST_F(Discovery, APollWithAResponseRecordsThePort) {
     http.respond("http://localhost:8003/status", FakeHTTPClient::reply("", 404));
     http.respond("http://localhost:8001/status", FakeHTTPClient::cutShort(""));
+    http.respond("http://localhost:8002/status", HTTPResponse{});
     discovery->fallbackToHTTPPolling();
     EXPECT_EQ(http.requests().size(), 4U);
     EXPECT_EQ(discovery->servicePortNumber(), 8003);
-    EXPECT_EQ(ports, (std::vector<std::int64_t>{8003}));
-    mainLoop.advanceBy(1s);
+    EXPECT_EQ(ports, (Ports{8003}));
+    mainLoop.advanceBy(999ms);
+    EXPECT_EQ(searches(), 0U);
+    mainLoop.advanceBy(1ms);
     EXPECT_EQ(searches(), 1U);
 }
 
@@ -314,6 +410,29 @@ TEST_F(Discovery, TheDelayMayBeGivenInSeconds) {
     EXPECT_EQ(searches(), 0U);
     mainLoop.advanceBy(1ms);
     EXPECT_EQ(searches(), 1U);
+}
+
+TEST_F(Discovery, TheNotificationHasItsNameAndNoObject) {
+    int posted = 0;
+    const auto observation =
+        center.addObserver("kHTTPServerDiscoveryServiceChangeNotification", [&](const Notification& notification) {
+            ++posted;
+            EXPECT_EQ(notification.object, nullptr);
+        });
+    discovery->resolvedToPort(8005, 0s);
+    discovery->resolvedToPort(8005, 0s);
+    center.removeObserver(observation);
+    EXPECT_EQ(posted, 2);
+    EXPECT_EQ(kHTTPServerDiscoveryDefaultServiceName, "KRVQuicktimeProcess");
+}
+
+TEST_F(Discovery, ItsEndStopsTheBrowser) {
+    auto another = HTTPServerDiscovery::make(environment);
+    thread = nullptr;
+    another->startSearch();
+    EXPECT_TRUE(browser->isSearching());
+    another.reset();
+    EXPECT_FALSE(browser->isSearching());
 }
 
 TEST_F(Discovery, AnObserverMayReadThePort) {
