@@ -197,6 +197,7 @@ TEST_F(States, ARegistrationEndsTheAttemptAndPostsTheNotification) {
     EXPECT_EQ(notifications, 0);
     mainLoop.runReady();
     EXPECT_EQ(notifications, 1);
+    EXPECT_EQ(kKRVNewKRVQuicktimeProcessorStarted, "kKRVNewKRVQuicktimeProcessorStarted");
 }
 
 TEST_F(States, AFailedRegistrationStartsFromScratchAndMakesDiscoverySearchAgain) {

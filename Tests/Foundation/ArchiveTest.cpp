@@ -249,12 +249,20 @@ TEST(Archive, OneThreadMayArchiveWithinAnArchive) {
     // encodeWithCoder may need an archive for one of its fields.
     class Nested final : public Archivable {
     public:
-        std::string_view className() const noexcept override { return "NSData"; }
+        std::string_view className() const noexcept override { return "AudioEncodingParameters"; }
         void encodeWithCoder(KeyedArchiver& coder) const override {
-            coder.encodeObject("NS.data", Value(KRVOperationBase().convertToData()));
+            coder.encodeInt("codec", 7);
+            coder.encodeObject("settingsBlob", Value(KRVOperationBase::cancelOperation("inner")->convertToData()));
         }
     };
-    EXPECT_GT(KeyedArchiver::archivedData(Nested()).size(), 900U);
+    const auto outer = KRVOperationBase::objectFromData<AudioEncodingParameters>(
+        std::make_shared<const Data>(KeyedArchiver::archivedData(Nested())));
+    ASSERT_TRUE(outer);
+    EXPECT_EQ(outer->codec(), 7U);
+    const auto inner = KRVOperationBase::operationFromData(outer->settingsBlob());
+    ASSERT_TRUE(inner);
+    EXPECT_EQ(inner->operationType(), OpCancelOperation);
+    EXPECT_EQ(inner->uniqueID(), "inner");
 }
 
 }  // namespace

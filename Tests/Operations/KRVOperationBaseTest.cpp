@@ -130,13 +130,36 @@ TEST(KRVOperationBase, EachFactoryStoresItsTypeItsArgumentsAndTheProcessId) {
     }
 }
 
-TEST(KRVOperationBase, TheTableNamesEveryTypeOnce) {
-    EXPECT_EQ(operationTypes().size(), 18U);
+TEST(KRVOperationBase, TheTableHasEachTypeWithItsFactory) {
+    const std::vector<std::pair<std::uint32_t, std::string_view>> expected{
+        {1, "numberOfOperationsOperation"},
+        {2, "readyToProcessRequestOperation"},
+        {3, "registerWithServerOperation"},
+        {4, "unregisterFromServerOperation"},
+        {5, "amIRegisteredOperation"},
+        {6, "encodeVideoOperation:dest:"},
+        {7, "createThumbnailsForVideo:toFolder:withSize:"},
+        {8, "provideMetadataFor:"},
+        {9, "muxAudioTo2chOperation:dest:"},
+        {10, "mergeSourcesOperation:dest:useShortestTrack:"},
+        {11, "getInterestingTimesOperation:specificTrack:trackIndex:"},
+        {12, "cancelOperation:"},
+        {13, "cancelAllOperationsOperation"},
+        {14, "progressAndCompletionOperation:"},
+        {15, "returnResultForOperation:"},
+        {16, "removeReturnResultForOperation:"},
+        {17, "shutdownCommand"},
+        {0xDEADBEEF, "httpServerTestingOperation"},
+    };
+    std::vector<std::pair<std::uint32_t, std::string_view>> rows;
     for (const OperationTypeInfo& row : operationTypes()) {
+        rows.emplace_back(static_cast<std::uint32_t>(row.type), row.factory);
         EXPECT_EQ(operationTypeInfo(row.type), &row);
     }
-    EXPECT_EQ(operationTypeInfo(OpCancelOperation)->factory, "cancelOperation:");
-    EXPECT_EQ(operationTypeInfo(0), nullptr);
+    EXPECT_EQ(rows, expected);
+    for (const std::int32_t none : {0, -1, 18}) {
+        EXPECT_EQ(operationTypeInfo(none), nullptr) << none;
+    }
 }
 
 TEST(KRVOperationBase, AnUnknownTypeIsNamedByItsUnsignedNumber) {
@@ -208,6 +231,23 @@ TEST(KRVOperationBase, ViewsReadTheArgumentsOnly) {
     EXPECT_EQ(record.encodingType(), 0);
     EXPECT_EQ(record.encodingSourceFilename(), std::nullopt);
 
+    const auto video = VideoEncodingParameters::encodingParametersWithData(nullptr);
+    const auto audio = AudioEncodingParameters::encodingParametersWithData(nullptr);
+    record.arguments()->set("encodingSourceFilename", "/s");
+    record.arguments()->set("encodingDestinationFilename", "/d");
+    record.arguments()->set("encodingVideoParams", Value::ObjectRef(video));
+    record.arguments()->set("encodingAudioParams", Value::ObjectRef(audio));
+    record.arguments()->set("encodingType", 5);
+    record.arguments()->set("encodingFlattenOnly", true);
+    record.arguments()->set("thumbnailInfoSize", Size{160, 90});
+    EXPECT_EQ(record.encodingSourceFilename(), "/s");
+    EXPECT_EQ(record.encodingDestinationFilename(), "/d");
+    EXPECT_EQ(record.encodingVideoParameters(), video);
+    EXPECT_EQ(record.encodingAudioParameters(), audio);
+    EXPECT_EQ(record.encodingType(), 5);
+    EXPECT_TRUE(record.encodingFlattenOnly());
+    EXPECT_EQ(record.thumbnailInfoSize(), (Size{160, 90}));
+
     record.arguments()->set("numOpsNumberOnServer", 2);
     record.arguments()->set("numOpsNames", Array{"a", "b"});
     record.setMetadata(std::make_shared<const Dictionary>(Dictionary{{"metadataCodec", "H.264"}}));
@@ -217,6 +257,16 @@ TEST(KRVOperationBase, ViewsReadTheArgumentsOnly) {
     EXPECT_EQ(record.numOpsNames()->size(), 2U);
     EXPECT_EQ((*record.metadata())["metadataCodec"], Value("H.264"));
     EXPECT_EQ(record.regInfoPID(), Value(77));
+    EXPECT_EQ((*record.arguments())["movieInfoMetadata"], Value(record.metadata()));
+}
+
+TEST(KRVOperationBase, WithoutArgumentsViewsAreEmptyAndSettersDoNothing) {
+    KRVOperationBase record;
+    record.setArguments(nullptr);
+    record.setRegInfoPID(77);
+    EXPECT_TRUE(record.regInfoPID().isNull());
+    EXPECT_EQ(record.encodingType(), 0);
+    EXPECT_EQ(record.arguments(), nullptr);
 }
 
 TEST(KRVOperationBase, CopyFromTakesTheReplyAndKeepsTheRequestsOwnFields) {
@@ -240,6 +290,7 @@ TEST(KRVOperationBase, CopyFromTakesTheReplyAndKeepsTheRequestsOwnFields) {
     EXPECT_TRUE(request->completed());
     EXPECT_TRUE(request->isClientRegistered());
     EXPECT_EQ(request->result()->mutability(), Dictionary::Mutability::Mutable);
+    EXPECT_NE(request->result(), reply->result());
     EXPECT_EQ(*request->arguments(), *reply->arguments());
     EXPECT_NE(request->arguments(), reply->arguments());
 }
@@ -309,6 +360,32 @@ TEST(KRVOperationBase, NoReplyEverClearsCancellation) {
     reply->setCancelled(true);
     other.copyProgressInfoFrom(reply);
     EXPECT_TRUE(other.cancelled());
+
+    KRVOperationBase another;
+    another.copyFrom(reply);
+    EXPECT_TRUE(another.cancelled());
+}
+
+TEST(KRVOperationBase, AReplyClearsWhatItDoesNotReport) {
+    KRVOperationBase request;
+    request.setError(someError());
+    request.setProgress(0.5F, true);
+    request.setIsClientRegistered(true);
+    request.copyProgressInfoFrom(std::make_shared<KRVOperationBase>());
+    EXPECT_EQ(request.error(), nullptr);
+    EXPECT_EQ(request.progress(), 0.0F);
+    EXPECT_FALSE(request.completed());
+    EXPECT_TRUE(request.isClientRegistered());
+
+    request.setError(someError());
+    request.setUniqueID("u");
+    request.setProgress(0.5F, true);
+    request.copyFrom(std::make_shared<KRVOperationBase>());
+    EXPECT_EQ(request.error(), nullptr);
+    EXPECT_EQ(request.uniqueID(), std::nullopt);
+    EXPECT_EQ(request.progress(), 0.0F);
+    EXPECT_FALSE(request.completed());
+    EXPECT_FALSE(request.isClientRegistered());
 }
 
 }  // namespace
