@@ -103,6 +103,29 @@ TEST_F(Discovery, ItsThreadBrowsesForHTTPServicesOfTheLocalDomain) {
     EXPECT_EQ(otherLoop.pendingCount(), 0U);
 }
 
+TEST_F(Discovery, ItsThreadWaitsInOneLongPeriodAfterAnother) {
+    onMainThread = false;
+    int periods = 0;
+    environment.now = [&] {
+        ++periods;
+        return clock.now();
+    };
+    discovery = HTTPServerDiscovery::make(environment);
+    const auto begin = clock.now();
+    std::optional<Clock::TimePoint> keepAlive;
+    otherLoop.performAfterDelay(1h, discovery, Selector("test"), [&] {
+        keepAlive = otherLoop.nextCall();
+        EXPECT_EQ(periods, 1);
+    });
+    otherLoop.performAfterDelay(4294967296s, discovery, Selector("test"), [] { throw Exception("Test", "stop here"); });
+    LogRecorder log(kLogFlagError);
+    thread();
+    EXPECT_EQ(keepAlive, begin + 2147483647s);
+    EXPECT_EQ(periods, 2);
+    EXPECT_EQ(clock.now() - begin, 4294967296s);
+    EXPECT_EQ(log.whole(), Lines{kLines.error("startDiscoveryOnThread", "Exception in HTTPDiscovery: stop here")});
+}
+
 TEST_F(Discovery, AnotherExceptionLeavesItsThreadAfterTheLastLine) {
     onMainThread = false;
     otherLoop.performAfterDelay(1s, discovery, Selector("test"), [] { throw std::runtime_error("own"); });

@@ -119,12 +119,16 @@ TEST(GLibRunLoop, CannotBeRunByAnotherThread) {
 
 TEST(GLibRunLoop, AnotherThreadCanStopIt) {
     std::promise<RunLoop*> loop;
-    std::thread turned([&] {
+    std::promise<std::thread::id> running;
+    std::thread thread([&] {
         loop.set_value(&RunLoop::current());
         RunLoop::current().run();
     });
-    loop.get_future().get()->stop();
-    turned.join();
+    RunLoop& its = *loop.get_future().get();
+    its.perform([&] { running.set_value(std::this_thread::get_id()); });
+    EXPECT_EQ(running.get_future().get(), thread.get_id());
+    its.stop();
+    thread.join();
 }
 
 TEST(GLibRunLoop, PendingCallsAreDroppedWhenTheThreadExits) {

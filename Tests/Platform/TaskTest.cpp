@@ -84,16 +84,19 @@ TEST_F(LaunchedTask, CanBeLaunchedByManyThreadsAtOnce) {
     std::barrier together(kThreads);
     std::vector<std::thread> threads;
     for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&together] {
+        threads.emplace_back([&] {
             for (int launch = 0; launch < kLaunchesEach; ++launch) {
                 together.arrive_and_wait();
-                waitForEnd(*Task::launch({.executable = "/bin/true", .arguments = {}, .standardErrorFile = {}}));
+                waitForEnd(*Task::launch({.executable = "/bin/sh",
+                                          .arguments = {"-c", "printf x >> \"$0\"", folder.path() / "ran"},
+                                          .standardErrorFile = {}}));
             }
         });
     }
     for (std::thread& thread : threads) {
         thread.join();
     }
+    EXPECT_EQ(output("ran"), std::string(std::size_t{kThreads} * kLaunchesEach, 'x'));
 }
 
 TEST_F(LaunchedTask, IsNotDelayedByAnotherChildOfTheHost) {
