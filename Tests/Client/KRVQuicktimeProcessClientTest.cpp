@@ -316,6 +316,7 @@ TEST_F(Client, FailedInterestingTimesAreNullWithTheError) {
     completes();
     const auto result = std::make_shared<R>();
     result->setError(std::make_shared<const Error>("KRVQuicktimeProcess", 2));
+    result->setResult(std::make_shared<Dictionary>(Dictionary{{"interestingTimes", Dictionary{{"timescale", 600}}}}));
     transport->reply(result);
     EXPECT_TRUE(client.getInterestingTimesForMovie("/s", false, 0, &error).isNull());
     EXPECT_EQ(error->code(), 2);

@@ -396,7 +396,9 @@ TEST_F(ProxyDecision, IsTrueForAllButTheBaseSelectorsOtherwise) {
     proxy->setRealOperations(std::make_shared<Operations>(transport));
     EXPECT_TRUE(isReliable("getMetadataFor:error:"));
     EXPECT_TRUE(isReliable("amIRegistered"));
-    for (const auto* basic : {"description", "hash", "respondsToSelector:", "isEqual:"}) {
+    for (const auto* basic :
+         {"class", "conformsToProtocol:", "dealloc", "debugDescription", "description", "hash", "init",
+          "isEqual:", "isKindOfClass:", "isMemberOfClass:", "isProxy", "respondsToSelector:", "self", "superclass"}) {
         EXPECT_FALSE(isReliable(basic)) << basic;
     }
 }

@@ -100,6 +100,11 @@ TEST_F(TransportInvocationTest, AnErrorIsMadeOnlyForAnOutParameter) {
     EXPECT_EQ(error->localizedDescription(), "Unable to Cancel operation");
 }
 
+TEST_F(TransportInvocationTest, AnErrorWithoutAnOperationSaysSo) {
+    EXPECT_TRUE(TransportInvocation().errorBasedOnOperation(&error, nullptr));
+    EXPECT_EQ(error->localizedDescription(), "Unable to (null)");
+}
+
 TEST_F(TransportInvocationTest, UserInfoNamesTheOperationAndTheReason) {
     EXPECT_EQ(TransportInvocation::createErrorDictionaryFromException("Name", nullptr),
               (Dictionary{{NSLocalizedDescriptionKey, "Unable to Name"}}));
