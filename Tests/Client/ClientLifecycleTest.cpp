@@ -97,6 +97,34 @@ TEST_F(Lifecycle, CleanUpLetsGoOfTheRunnerAndTheMonitor) {
     EXPECT_TRUE(theRunner.expired());
 }
 
+TEST_F(Lifecycle, CleanUpMayReleaseTheLastReferenceToTheClient) {
+    /// Looks when it is destroyed whether its client still exists.
+    class Last final : public KRVTransport {
+    public:
+        explicit Last(std::function<void()> atItsEnd)
+            : atItsEnd_(std::move(atItsEnd)) {}
+        ~Last() override { atItsEnd_(); }
+        std::shared_ptr<const Data> sendOperation(const KRVOperationBase::Ref&) override { return nullptr; }
+        bool isThisACommunicationsFailure(const Exception&) const override { return false; }
+        bool serviceReadyToRock() override { return false; }
+        std::string description() const override { return "<Last>"; }
+
+    private:
+        const std::function<void()> atItsEnd_;
+    };
+    std::weak_ptr<KRVQuicktimeProcessClient> weak;
+    bool outlivedItsTransport = false;
+    auto made = KRVQuicktimeProcessClient::initWithTransport(
+        std::make_shared<Last>([&] { outlivedItsTransport = !weak.expired(); }), true, environment);
+    thread = nullptr;  // as if the thread had exited
+    weak = made;
+    KRVQuicktimeProcessClient* const keptByItsRunner = made.get();
+    made.reset();
+    keptByItsRunner->cleanUp();
+    EXPECT_TRUE(outlivedItsTransport);
+    EXPECT_TRUE(weak.expired());
+}
+
 TEST_F(Lifecycle, AClientThatIsDestroyedCleansUp) {
     auto made = monitoring();
     const auto theRunner = made->serverRunner();
