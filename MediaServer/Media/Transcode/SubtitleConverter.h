@@ -1,7 +1,11 @@
 #pragma once
 
+#include <optional>
+
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Container/Track.h>
+#include <MediaServer/Media/Subtitles/SubtitleDecoder.h>
+#include <MediaServer/Media/Subtitles/SubtitleWriter.h>
 
 namespace krv::media {
 
@@ -16,14 +20,9 @@ public:
     void finish() override {}
 
 private:
-    void write(AVSubtitle& subtitle);
-
     const AVStream& from_;
-    OutputFile* output_ = nullptr;
-    AVStream* to_ = nullptr;
-    CodecContextPtr decoder_;
-    CodecContextPtr encoder_;
-    PacketPtr packet_ = newPacket();
+    SubtitleDecoder decoder_;
+    std::optional<SubtitleWriter> writer_;
 };
 
 }  // namespace krv::media
