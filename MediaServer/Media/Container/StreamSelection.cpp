@@ -24,6 +24,11 @@ bool isCopyableCover(const AVStream& stream) noexcept {
     return isCover(stream) && picture && stream.attached_pic.size > 0;
 }
 
+bool isTextSubtitle(AVCodecID codec) noexcept {
+    const AVCodecDescriptor* const descriptor = avcodec_descriptor_get(codec);
+    return descriptor && (descriptor->props & AV_CODEC_PROP_TEXT_SUB) != 0;
+}
+
 std::vector<std::size_t> usableStreams(const Source& source, AVMediaType kind) {
     std::vector<std::size_t> found;
     for (std::size_t i = 0; i < source.streamCount(); ++i) {

@@ -16,6 +16,9 @@ namespace krv::media {
 /// Returns whether a stream is a cover picture in a format that every container with covers can hold.
 [[nodiscard]] bool isCopyableCover(const AVStream& stream) noexcept;
 
+/// Returns whether subtitles of this codec are text, as opposed to bitmaps.
+[[nodiscard]] bool isTextSubtitle(AVCodecID codec) noexcept;
+
 /// Returns the indices of the source's usable streams of a kind. Skips covers and streams without a known codec, size
 /// or sample rate.
 [[nodiscard]] std::vector<std::size_t> usableStreams(const Source& source, AVMediaType kind);

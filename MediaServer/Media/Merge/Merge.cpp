@@ -16,6 +16,8 @@
 #include <MediaServer/Media/Merge/MergeAudioTrack.h>
 #include <MediaServer/Media/Merge/MergeCopyTrack.h>
 #include <MediaServer/Media/Merge/MergePlan.h>
+#include <MediaServer/Media/Merge/MergeSubtitleCopyTrack.h>
+#include <MediaServer/Media/Merge/MergeSubtitleTrack.h>
 #include <MediaServer/Media/Merge/MergeVideoTrack.h>
 #include <MediaServer/Media/Video/FrameRate.h>
 
@@ -51,6 +53,9 @@
 // previous source, which sounds like a short cross-fade. So audio is never out of sync by more than half a packet, and
 // its packets have no gaps. Longer pauses cannot be copied, because there is no silence in the source's codec at hand.
 // In that case audio is encoded.
+//
+// Subtitles do not make a source longer. Those of all sources in one language follow one another in one track, in which
+// a source without them leaves a pause. A line that would last beyond the end of its source is cut there.
 
 namespace krv::media {
 namespace {
@@ -286,6 +291,12 @@ private:
         const std::int64_t end = plan_.boundary(surveys_.size());
         const std::size_t index = track.parts[track.model]->index;
         const AVStream& stream = model->stream(index);
+        if (track.kind == AVMEDIA_TYPE_SUBTITLE) {
+            if (track.converts) {
+                return std::make_unique<MergeSubtitleTrack>(stream);
+            }
+            return std::make_unique<MergeSubtitleCopyTrack>(stream);
+        }
         if (!track.codec) {
             return std::make_unique<MergeCopyTrack>(stream);
         }
@@ -383,8 +394,11 @@ private:
             } else if (stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO ||
                        stream.codecpar->codec_type == AVMEDIA_TYPE_AUDIO) {
                 dropped.add(i);
+            } else if (stream.codecpar->codec_type == AVMEDIA_TYPE_SUBTITLE) {
+                const bool held = container_.holds(stream.codecpar->codec_id) && !container_.singleTrack;
+                dropped.add(i, held ? "its format is not that of the first such subtitles" : "");
             } else {
-                dropped.add(i, "a merge keeps video and audio only");
+                dropped.add(i, "a merge keeps video, audio and subtitles only");
             }
         }
         for (const PlannedTrack& track : plan_.tracks) {
@@ -400,7 +414,9 @@ private:
 
     [[nodiscard]] bool allDone(const std::vector<bool>& done) const {
         for (std::size_t i = 0; i < done.size(); ++i) {
-            if (plan_.tracks[i].parts[at_] && !done[i]) {
+            // Subtitles are sparse, so their latest packet says little about how far the source has been read.
+            const bool decides = plan_.tracks[i].kind != AVMEDIA_TYPE_SUBTITLE;
+            if (plan_.tracks[i].parts[at_] && decides && !done[i]) {
                 return false;
             }
         }

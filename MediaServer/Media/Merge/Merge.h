@@ -40,8 +40,11 @@ struct MergeRequest {
 /// default codec. Size, frame rate, sample rate and channels are also those of that source, and video is upright. But
 /// if its frame rate is below 20, the highest one of all sources is used. Frames of another shape are letterboxed. A
 /// source without video is black, and one without audio is silent. Each source becomes a chapter, named after its title
-/// or else its file, and its own chapters follow. The first cover is kept. Tags are kept if all sources share them. Everything else is dropped,
-/// and the report lists it.
+/// or else its file, and its own chapters follow. The first cover is kept. Tags are kept if all sources share them.
+///
+/// Subtitles of one language are joined in one track: text with text, bitmaps with bitmaps, forced with forced; the
+/// second such track of a source with the second of the others. Text whose formats differ is converted. Subtitles end
+/// where their source ends. Everything else is dropped, and the report lists it.
 ///
 /// MergeRequest::frameRate and MergeRequest::size override rate and size. Fails with ValueOutOfRange if they cannot be
 /// used.

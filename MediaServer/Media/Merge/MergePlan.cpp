@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include <MediaServer/Media/Container/Language.h>
+#include <MediaServer/Media/Container/StreamSelection.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 #include <MediaServer/Media/Merge/MergePlan.h>
 #include <MediaServer/Media/Video/GIFPalette.h>
@@ -39,6 +41,9 @@ bool agree(const TrackSurvey& a, const TrackSurvey& b) {
         return p.sample_rate == q.sample_rate && p.bits_per_coded_sample == q.bits_per_coded_sample &&
                av_channel_layout_compare(&p.ch_layout, &q.ch_layout) == 0;
     }
+    if (p.codec_type == AVMEDIA_TYPE_SUBTITLE) {
+        return true;
+    }
     const bool sameColours = p.color_range == q.color_range && p.color_primaries == q.color_primaries &&
                              p.color_trc == q.color_trc && p.color_space == q.color_space;
     return p.width == q.width && p.height == q.height && p.field_order == q.field_order && sameColours &&
@@ -62,6 +67,7 @@ public:
             }
         }
         layOut();
+        addSubtitles();
         return std::move(plan_);
     }
 
@@ -98,6 +104,55 @@ private:
         if (track.model < sources_.size()) {
             plan_.tracks.push_back(std::move(track));
         }
+    }
+
+    void addSubtitles() {
+        if (container_.singleTrack) {
+            return;
+        }
+        std::vector<PlannedTrack> tracks;
+        for (std::size_t i = 0; i < sources_.size(); ++i) {
+            for (const TrackSurvey& part : sources_[i].subtitles) {
+                addSubtitles(part, i, tracks);
+            }
+        }
+        for (PlannedTrack& track : tracks) {
+            track.converts = !canCopySubtitles(track);
+            plan_.tracks.push_back(std::move(track));
+        }
+    }
+
+    /// Adds the subtitles of a source to the first track for them that has none of this source yet, or to a new one.
+    void addSubtitles(const TrackSurvey& part, std::size_t source, std::vector<PlannedTrack>& tracks) const {
+        if (!container_.holds(part.parameters->codec_id) && !canConvert(part)) {
+            return;
+        }
+        for (PlannedTrack& track : tracks) {
+            const TrackSurvey& model = *track.parts[track.model];
+            if (!track.parts[source] && isText(part) == isText(model) && part.forced == model.forced &&
+                sameLanguage(part.language, model.language)) {
+                if ((canConvert(part) && canConvert(model)) || agree(part, model)) {
+                    track.parts[source] = &part;
+                }
+                return;
+            }
+        }
+        tracks.push_back({AVMEDIA_TYPE_SUBTITLE, std::vector<const TrackSurvey*>(sources_.size()), source});
+        tracks.back().parts[source] = &part;
+    }
+
+    static bool isText(const TrackSurvey& part) { return isTextSubtitle(part.parameters->codec_id); }
+
+    bool canConvert(const TrackSurvey& part) const {
+        return isText(part) && container_.textSubtitles != AV_CODEC_ID_NONE &&
+               avcodec_find_decoder(part.parameters->codec_id);
+    }
+
+    bool canCopySubtitles(const PlannedTrack& track) const {
+        const TrackSurvey& model = *track.parts[track.model];
+        return container_.holds(model.parameters->codec_id) &&
+               std::all_of(track.parts.begin(), track.parts.end(),
+                           [&](const TrackSurvey* part) { return !part || agree(*part, model); });
     }
 
     void chooseTick() {

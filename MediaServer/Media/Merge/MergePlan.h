@@ -24,11 +24,12 @@ struct PlannedTrack {
     std::vector<const TrackSurvey*> parts;
     std::size_t model;     ///< the first source that has such a track, which determines the format
     const Codec* codec{};  ///< the codec that all sources are encoded with; null: the track is copied
+    bool converts{};       ///< of subtitles: they are converted to the container's format
 };
 
 /// The positions of the sources in the merged movie, and what is done with their tracks.
 struct MergePlan {
-    std::vector<PlannedTrack> tracks;  ///< video before audio
+    std::vector<PlannedTrack> tracks;  ///< video before audio, subtitles last
     AVRational tick;                   ///< duration of a frame in seconds, or of a sample if there is only audio
     /// Where each source begins and where the last one ends, in ticks.
     std::vector<std::int64_t> boundaries;

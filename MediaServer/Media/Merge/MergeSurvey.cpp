@@ -10,14 +10,28 @@
 namespace krv::media {
 namespace {
 
-TrackSurvey describe(const Source& source, std::size_t index) {
-    const AVStream& stream = source.stream(index);
+TrackSurvey named(const Source& source, std::size_t index) {
     TrackSurvey track;
     track.index = index;
     track.parameters.reset(notNull(avcodec_parameters_alloc()));
-    if (avcodec_parameters_copy(track.parameters.get(), stream.codecpar) < 0) {
+    if (avcodec_parameters_copy(track.parameters.get(), source.stream(index).codecpar) < 0) {
         throw std::bad_alloc();
     }
+    return track;
+}
+
+TrackSurvey describeSubtitles(const Source& source, std::size_t index) {
+    const AVStream& stream = source.stream(index);
+    TrackSurvey track = named(source, index);
+    const AVDictionaryEntry* const language = av_dict_get(stream.metadata, "language", nullptr, 0);
+    track.language = language ? language->value : "und";
+    track.forced = (stream.disposition & AV_DISPOSITION_FORCED) != 0;
+    return track;
+}
+
+TrackSurvey describe(const Source& source, std::size_t index) {
+    const AVStream& stream = source.stream(index);
+    TrackSurvey track = named(source, index);
     const AVRational shape = stream.sample_aspect_ratio;
     track.pixelShape = shape.num > 0 ? shape : stream.codecpar->sample_aspect_ratio;
     std::size_t size = 0;
@@ -156,6 +170,9 @@ SourceSurvey survey(Source& source, const std::function<void(double)>& position)
     }
     for (const std::size_t index : audio) {
         result.audio.push_back(describe(source, index));
+    }
+    for (const std::size_t index : usableStreams(source, AVMEDIA_TYPE_SUBTITLE)) {
+        result.subtitles.push_back(describeSubtitles(source, index));
     }
 
     std::map<int, Watcher> watchers;

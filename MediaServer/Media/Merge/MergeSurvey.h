@@ -29,12 +29,16 @@ struct TrackSurvey {
     bool hidesPackets = false;        ///< some packets are hidden
     bool hidesLaterPackets = false;   ///< some packets after the first shown one are hidden
     bool reordersFrames = false;      ///< frames are not stored in the order of presentation
+    std::string language{};           ///< of subtitles
+    bool forced = false;              ///< of subtitles: shown also if the viewer wants none
 };
 
 /// The properties of a movie that a merge needs.
 struct SourceSurvey {
     std::vector<TrackSurvey> video;  ///< the default track, or else the first one; may be empty
     std::vector<TrackSurvey> audio;  ///< all audio tracks
+    /// All tracks of subtitles. They do not count for the length of the movie, and their times are not known.
+    std::vector<TrackSurvey> subtitles;
     std::int64_t bytes = 0;
     std::string title;                 ///< from its tags; may be empty
     std::vector<Chapter> chapters;     ///< in order, each later than the one before

@@ -145,9 +145,7 @@ private:
         if (container_.holds(codec)) {
             return copy(index);
         }
-        const AVCodecDescriptor* descriptor = avcodec_descriptor_get(codec);
-        const bool text = descriptor && (descriptor->props & AV_CODEC_PROP_TEXT_SUB) != 0;
-        if (text && container_.textSubtitles != AV_CODEC_ID_NONE && avcodec_find_decoder(codec)) {
+        if (isTextSubtitle(codec) && container_.textSubtitles != AV_CODEC_ID_NONE && avcodec_find_decoder(codec)) {
             plan_.push_back({index, Treatment::ConvertSubtitles, nullptr});
         }
     }
