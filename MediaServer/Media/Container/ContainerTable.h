@@ -41,6 +41,8 @@ struct Container {
 
     /// Returns whether the container can hold streams of this codec.
     [[nodiscard]] bool holds(AVCodecID codec) const;
+    /// Returns whether it can hold attached files, such as fonts.
+    [[nodiscard]] bool holdsAttachments() const { return extension == "mkv"; }
 };
 
 /// Returns all rows.

@@ -163,6 +163,7 @@ public:
         if (cover) {
             cover->open(output);
         }
+        copyAttachments(output);
         output.writeHeader();
         if (cover) {
             cover->finish();
@@ -274,6 +275,24 @@ private:
             }
         }
         return nullptr;
+    }
+
+    /// Copies fonts and other files that subtitles refer to, each once.
+    void copyAttachments(OutputFile& output) {
+        if (!container_.holdsAttachments()) {
+            return;
+        }
+        std::vector<SourceSurvey::Attachment> copied;
+        for (at_ = 0; at_ < surveys_.size(); ++at_) {
+            for (const auto& attachment : surveys_[at_].attachments) {
+                if (std::find(copied.begin(), copied.end(), attachment) == copied.end()) {
+                    auto& model = models_[at_];
+                    blamingSource([&] { model = model ? std::move(model) : open(at_); });
+                    StreamCopier(model->stream(attachment.index)).open(output);
+                    copied.push_back(attachment);
+                }
+            }
+        }
     }
 
     void makeTracks() {
@@ -397,8 +416,12 @@ private:
             } else if (stream.codecpar->codec_type == AVMEDIA_TYPE_SUBTITLE) {
                 const bool held = container_.holds(stream.codecpar->codec_id) && !container_.singleTrack;
                 dropped.add(i, held ? "its format is not that of the first such subtitles" : "");
+            } else if (stream.codecpar->codec_type == AVMEDIA_TYPE_ATTACHMENT) {
+                if (!container_.holdsAttachments()) {
+                    dropped.add(i);
+                }
             } else {
-                dropped.add(i, "a merge keeps video, audio and subtitles only");
+                dropped.add(i, "a merge keeps no timed data");
             }
         }
         for (const PlannedTrack& track : plan_.tracks) {

@@ -44,7 +44,7 @@ struct MergeRequest {
 ///
 /// Subtitles of one language are joined in one track: text with text, bitmaps with bitmaps, forced with forced; the
 /// second such track of a source with the second of the others. Text whose formats differ is converted. Subtitles end
-/// where their source ends. Everything else is dropped, and the report lists it.
+/// where their source ends. Attached fonts are kept once. Everything else is dropped, and the report lists it.
 ///
 /// MergeRequest::frameRate and MergeRequest::size override rate and size. Fails with ValueOutOfRange if they cannot be
 /// used.

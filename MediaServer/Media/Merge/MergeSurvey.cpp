@@ -204,6 +204,13 @@ SourceSurvey survey(Source& source, const std::function<void(double)>& position)
             result.cover = i;
         }
     }
+    for (std::size_t i = 0; i < source.streamCount(); ++i) {
+        const AVStream& stream = source.stream(i);
+        if (stream.codecpar->codec_type == AVMEDIA_TYPE_ATTACHMENT) {
+            const AVDictionaryEntry* const name = av_dict_get(stream.metadata, "filename", nullptr, 0);
+            result.attachments.push_back({i, name ? name->value : "", stream.codecpar->extradata_size});
+        }
+    }
     result.bytes = std::max<std::int64_t>(0, avio_size(source.format().pb));
     if (const AVDictionaryEntry* title = av_dict_get(source.format().metadata, "title", nullptr, 0)) {
         result.title = title->value;

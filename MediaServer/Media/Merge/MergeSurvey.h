@@ -43,6 +43,14 @@ struct SourceSurvey {
     std::string title;                 ///< from its tags; may be empty
     std::vector<Chapter> chapters;     ///< in order, each later than the one before
     std::optional<std::size_t> cover;  ///< index of the stream with the cover
+    /// An attached file, such as a font of subtitles.
+    struct Attachment {
+        std::size_t index;  ///< of the stream
+        std::string name;
+        int bytes;
+        bool operator==(const Attachment& other) const { return name == other.name && bytes == other.bytes; }
+    };
+    std::vector<Attachment> attachments;
 
     /// Return the end of the longest and of the shortest track.
     [[nodiscard]] std::int64_t longest() const;

@@ -172,7 +172,7 @@ private:
 
     /// Copies fonts and other files that subtitles refer to.
     void planAttachments() {
-        if (container_.extension != "mkv") {
+        if (!container_.holdsAttachments()) {
             return;
         }
         for (std::size_t i = 0; i < source_.streamCount(); ++i) {

@@ -213,6 +213,27 @@ TEST(MergeSubtitles, NamesBitmapsThatCannotBeJoined) {
     EXPECT_EQ(subtitlePackets(join({blu.path(), dvd.path()}, "mkv").path()).size(), 2U);
 }
 
+TEST(MergeSubtitles, KeepTheFontsThatAreAttached) {
+    const OutputPath lines = fileWith("srt", subRip(kEnglish));
+    const OutputPath one = fileWith("ttf", std::string(5000, 'f')), other = fileWith("ttf", std::string(6000, 'g'));
+    const auto with = [&](const OutputPath& font) {
+        return withSubtitles(
+            testMedia("silent.mp4"), {lines.path()}, "mkv",
+            {"-c:s", "ass", "-attach", font.path(), "-metadata:s:t", "mimetype=application/x-truetype-font"});
+    };
+    const OutputPath first = with(one), second = with(other);
+    const auto output = join({first.path(), second.path(), first.path()}, "mkv");
+    const auto fonts = Probe(output).streams("attachment");
+    ASSERT_EQ(fonts.size(), 2U);
+    EXPECT_EQ(number(fonts[0], "extradata_size"), 5000);
+    EXPECT_EQ(number(fonts[1], "extradata_size"), 6000);
+    expectLines(output.path(), 0, at(0, kEnglish) + at(2, kEnglish) + at(4, kEnglish));
+    EXPECT_THAT(losses({first.path(), second.path()}, "mkv"), IsEmpty());
+    EXPECT_THAT(losses({first.path(), second.path()}, "mp4"),
+                ElementsAre("0 2 attachment: mp4 files cannot hold attached files",
+                            "1 2 attachment: mp4 files cannot hold attached files"));
+}
+
 TEST(MergeSubtitles, AreNotInFormatsForAudio) {
     const OutputPath file = fileWith("srt", subRip(kEnglish));
     const OutputPath source = withSubtitles(testMedia("flash.mov"), {file.path()}, "mkv", {"-c:s", "srt"});
@@ -224,9 +245,9 @@ TEST(MergeSubtitles, AreNotInFormatsForAudio) {
 TEST(MergeSubtitles, EndWithTheShortestTrackIfTheRequestAsksForIt) {
     const OutputPath source = bilingual("mkv", "srt");
     const OutputPath brief("mkv");
-    run({KRV_FFMPEG,  "-v",    "error", "-y",  "-i",   source.path(),
-         "-f",        "lavfi", "-t",    "1.4", "-i",   "sine=frequency=440:sample_rate=48000",
-         "-map",      "0:v",   "-map",  "1:a", "-map", "0:s",
+    run({KRV_FFMPEG,  "-v",    "error", "-y",        "-i",   source.path(),
+         "-f",        "lavfi", "-t",    "1.4",       "-i",   "sine=frequency=440:sample_rate=48000",
+         "-map",      "0:v",   "-map",  "1:a",       "-map", "0:s",
          "-c:v",      "copy",  "-c:a",  "pcm_s16le", "-c:s", "copy",
          brief.path()});
     const auto output = join({brief.path(), source.path()}, "mkv", true);
