@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -8,8 +9,10 @@
 #include <MediaServer/Media/Codec/Settings.h>
 #include <MediaServer/Media/Container/OutputFile.h>
 #include <MediaServer/Media/Container/Source.h>
+#include <MediaServer/Media/Container/StreamSelection.h>
 #include <MediaServer/Media/Encode.h>
 #include <MediaServer/Media/Foundation/Progress.h>
+#include <MediaServer/Media/Subtitles/BurnIn.h>
 #include <MediaServer/Media/Transcode/EncodingType.h>
 #include <MediaServer/Media/Transcode/Pump.h>
 #include <MediaServer/Media/Transcode/StreamPlan.h>
@@ -84,6 +87,10 @@ public:
             source.restrictTo(*part_);
         }
         const std::vector<StreamPlan> plan = planStreams(source, container_, type_, request_, choice);
+        if (choice.burnIn) {
+            burnInto_ = encodedVideo(plan, source);
+            burnIn_ = *choice.burnIn;
+        }
         std::vector<DroppedTrack> dropped = tracksDroppedBy(plan, source, container_, choice, isAudioOnly());
         if (videoSettings_.strict || audioSettings_.strict) {
             requireNone(dropped);
@@ -106,6 +113,28 @@ public:
 private:
     [[nodiscard]] bool isAudioOnly() const { return type_.video == EncodingType::Codec::None && !request_.flattenOnly; }
 
+    /// Returns the stream of the video into which subtitles are drawn.
+    static std::size_t encodedVideo(const std::vector<StreamPlan>& plan, const Source& source) {
+        std::vector<std::size_t> video;
+        for (const StreamPlan& one : plan) {
+            const bool encodes = one.treatment == StreamPlan::Treatment::Encode;
+            const bool copies = one.treatment == StreamPlan::Treatment::Copy;
+            if ((encodes || copies) && source.stream(one.index).codecpar->codec_type == AVMEDIA_TYPE_VIDEO) {
+                video.push_back(one.index);
+            }
+        }
+        const auto main = defaultOrFirst(source, video);
+        const auto planned =
+            std::find_if(plan.begin(), plan.end(), [&](const StreamPlan& one) { return main && one.index == *main; });
+        if (planned == plan.end() || planned->treatment != StreamPlan::Treatment::Encode) {
+            throw Failure({.cause = FailureCause::UnsupportedSetting,
+                           .subject = "burnInSubtitleTrack",
+                           .detail = main ? "needs video that is encoded, and this conversion copies it"
+                                          : "needs video, and this conversion writes none"});
+        }
+        return *main;
+    }
+
     static void requireNone(const std::vector<DroppedTrack>& dropped) {
         if (dropped.empty()) {
             return;
@@ -121,6 +150,13 @@ private:
         if (plan.codec->type == AVMEDIA_TYPE_VIDEO) {
             VideoTranscoder::Request request{*plan.codec, request_.video ? request_.video->quality : 0,
                                              request_.video ? request_.video->fps : 0, videoSettings_};
+            if (burnInto_ == plan.index) {
+                request.burnIn = [this](const FrameLayout& layout) {
+                    return std::make_unique<BurnIn>(BurnIn::Request{request_.source, request_.sourcePath, part_,
+                                                                    *burnInto_, burnIn_, request_.font},
+                                                    layout, progress_);
+                };
+            }
             if (plan.codec->id == AV_CODEC_ID_GIF) {
                 checkRange("frame rate", request.fps, kSlowest, kHighestGIFRate);
                 progress_.beginPhase(kPaletteMade);
@@ -129,7 +165,7 @@ private:
                     again.restrictTo(*part_);
                 }
                 PaletteChooser chooser(videoSettings_, container_);
-                chooser.read(again, plan.index);
+                chooser.read(again, plan.index, request.burnIn);
                 request.palette = chooser.palette();
             }
             return std::make_unique<VideoTranscoder>(source, from, std::move(request));
@@ -146,6 +182,8 @@ private:
     Settings videoSettings_;
     Settings audioSettings_;
     std::optional<Part> part_;
+    std::optional<std::size_t> burnInto_;  // the video into which subtitles are drawn
+    std::size_t burnIn_ = 0;               // these subtitles
 };
 
 }  // namespace

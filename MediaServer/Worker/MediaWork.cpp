@@ -3,6 +3,7 @@
 #include <array>
 #include <exception>
 #include <new>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -46,18 +47,22 @@ void copyCommon(Settings& to, const EncodingParameters& from) {
     }
 }
 
-using Message = WorkerChannel::Message;
+struct Job {
+    const KRVOperationBase::Ref& record;
+    const std::vector<Descriptor>& files;
+    const media::Font& font;
+};
 
-std::string sourcePath(const Message& job) {
+std::string sourcePath(const Job& job) {
     return job.record->encodingSourceFilename().value_or("");
 }
-std::string destinationPath(const Message& job) {
+std::string destinationPath(const Job& job) {
     return job.record->encodingDestinationFilename().value_or("");
 }
-int source(const Message& job) {
+int source(const Job& job) {
     return job.files.at(0).get();
 }
-int destination(const Message& job) {
+int destination(const Job& job) {
     return job.files.at(1).get();
 }
 
@@ -90,7 +95,7 @@ void reportDropped(KRVOperationBase& end, const std::vector<media::DroppedTrack>
     setResult(end, kResultDroppedTracks, std::move(list));
 }
 
-void encode(const Message& job, media::ProgressSink& progress, KRVOperationBase& end) {
+void encode(const Job& job, media::ProgressSink& progress, KRVOperationBase& end) {
     const KRVOperationBase& record = *job.record;
     media::EncodeRequest request;
     request.source = source(job);
@@ -106,12 +111,13 @@ void encode(const Message& job, media::ProgressSink& progress, KRVOperationBase&
     if (const auto audio = record.encodingAudioParameters()) {
         copyCommon(request.audio.emplace(), *audio);
     }
+    request.font = job.font;
     const media::MovieReport report = media::encode(request, progress);
     reportDropped(end, report.droppedTracks, false);
     reportTruncation(end, report.truncatedAt.at(0));
 }
 
-void makeThumbnails(const Message& job, media::ProgressSink& progress, KRVOperationBase& end) {
+void makeThumbnails(const Job& job, media::ProgressSink& progress, KRVOperationBase& end) {
     media::ThumbnailRequest request;
     request.source = source(job);
     request.destination = destination(job);
@@ -130,7 +136,7 @@ void makeThumbnails(const Message& job, media::ProgressSink& progress, KRVOperat
     reportTruncation(end, made.truncatedAt);
 }
 
-void mixToStereo(const Message& job, media::ProgressSink& progress, KRVOperationBase& end) {
+void mixToStereo(const Job& job, media::ProgressSink& progress, KRVOperationBase& end) {
     const media::MovieReport report = media::mixToStereo({.source = source(job),
                                                           .destination = destination(job),
                                                           .sourcePath = sourcePath(job),
@@ -140,7 +146,7 @@ void mixToStereo(const Message& job, media::ProgressSink& progress, KRVOperation
     reportTruncation(end, report.truncatedAt.at(0));
 }
 
-void merge(const Message& job, media::ProgressSink& progress, KRVOperationBase& end) {
+void merge(const Job& job, media::ProgressSink& progress, KRVOperationBase& end) {
     media::MergeRequest request;
     const auto paths = sourcesOf(*job.record);
     for (std::size_t i = 0; i < paths.size(); ++i) {
@@ -185,7 +191,7 @@ std::optional<Date> birthOf(int file) {
                             static_cast<double>(status.stx_btime.tv_nsec) / 1e9);
 }
 
-void describeMovie(const Message& job, media::ProgressSink& progress, KRVOperationBase& end) {
+void describeMovie(const Job& job, media::ProgressSink& progress, KRVOperationBase& end) {
     media::MovieInfo info = media::movieInfo({.source = source(job), .sourcePath = sourcePath(job)}, progress);
     Dictionary metadata;
     const auto put = [&metadata](std::string_view key, const auto& value) {
@@ -222,7 +228,7 @@ void describeMovie(const Message& job, media::ProgressSink& progress, KRVOperati
     reportTruncation(end, info.truncatedAt);
 }
 
-void findInterestingTimes(const Message& job, media::ProgressSink& progress, KRVOperationBase& end) {
+void findInterestingTimes(const Job& job, media::ProgressSink& progress, KRVOperationBase& end) {
     media::InterestingTimesRequest request{.source = source(job), .sourcePath = sourcePath(job), .track = {}};
     if (const Value* const track = job.record->arguments()->find(kArgumentTrackIndex)) {
         request.track = track->integerValue();
@@ -237,7 +243,7 @@ void findInterestingTimes(const Message& job, media::ProgressSink& progress, KRV
 
 struct Row {
     OperationType type;
-    void (*work)(const Message& job, media::ProgressSink& progress, KRVOperationBase& end);
+    void (*work)(const Job& job, media::ProgressSink& progress, KRVOperationBase& end);
 };
 constexpr std::array<Row, 6> kWork{{
     {OpEncodeVideo, &encode},
@@ -248,7 +254,7 @@ constexpr std::array<Row, 6> kWork{{
     {OpGetInterestingTimes, &findInterestingTimes},
 }};
 
-void work(const Message& job, media::ProgressSink& progress, KRVOperationBase& end) {
+void work(const Job& job, media::ProgressSink& progress, KRVOperationBase& end) {
     media::FFmpegLog::instance().clear();
     for (const Row& row : kWork) {
         if (row.type == job.record->operationType()) {
@@ -261,7 +267,9 @@ void work(const Message& job, media::ProgressSink& progress, KRVOperationBase& e
 
 }  // namespace
 
-KRVOperationBase::Ref performRequest(const Message& job, WorkerChannel& channel) {
+KRVOperationBase::Ref performRequest(const WorkerChannel::Message& message, WorkerChannel& channel,
+                                     const media::Font& font) {
+    const Job job{message.record, message.files, font};
     const auto end = std::make_shared<KRVOperationBase>();
     end->setOperationType(OpReturnResult);
     try {

@@ -17,6 +17,7 @@
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 
 #include <MediaServer/Protocol/WorkerChannel.h>
+#include <MediaServer/Worker/DefaultFont.h>
 #include <MediaServer/Worker/MediaWork.h>
 #include <MediaServer/Worker/Sandbox.h>
 #include <MediaServer/Worker/StartUpPages.h>
@@ -31,13 +32,13 @@ constexpr int kControlDescriptor = 3;
 /// Lower priority than the desktop.
 constexpr int kNiceness = 5;
 
-void work(WorkerChannel channel) {
+void work(WorkerChannel channel, const krv::media::Font& font) {
     if (auto job = channel.receive()) {
         // From here on, the job is to blame if this process crashes.
         krv::KRVOperationBase begun;
         begun.setOperationType(krv::OpReadyToProcessRequests);
         channel.send(begun);
-        channel.send(*performRequest(*job, channel));
+        channel.send(*performRequest(*job, channel, font));
     }
 }
 
@@ -60,13 +61,14 @@ int main(int argc, char** argv) {
     if (const std::uint64_t memory = argc > 2 ? std::strtoull(argv[2], nullptr, 10) : 0; memory > 0) {
         limits.memory = memory;
     }
+    const krv::media::Font font = mapDefaultFont();
     enterTemplateSandbox(limits);
     dropStartUpPages();
     Descriptor workerEnd = forkWorkers(server, Descriptor(kControlDescriptor));
 
     // The server has logged what the kernel lacks.
     (void)enterSandbox(limits);
-    work(WorkerChannel(std::move(workerEnd)));
+    work(WorkerChannel(std::move(workerEnd)), font);
     // Skips the destructors of FFmpeg's libraries: the kernel frees everything faster.
     ::_exit(0);
 }

@@ -121,6 +121,12 @@ void apply(Settings& settings, std::string_view key, const std::string& value, b
         settings.trimEnd = seconds(key, value);
     } else if (key == (video ? "subtitleTracks" : "audioTracks")) {
         settings.tracks = trackNames(key, value);
+    } else if (video && key == "burnInSubtitleTrack") {
+        const auto names = trackNames(key, value);
+        if (names.size() > 1) {
+            refuse(key, fmt::format("names several tracks: “{}”", value));
+        }
+        settings.burnInTrack = names.front();
     } else if (video && key == "width") {
         settings.width = number(key, value, 2, 16384);
     } else if (video && key == "height") {

@@ -26,6 +26,8 @@ struct Settings {
     std::optional<std::int64_t> trimEnd;    ///< microseconds from the start of the source
     /// The audio tracks to keep, or the subtitle tracks: each an index or a language. Empty: all.
     std::vector<std::string> tracks;
+    /// The subtitle track that is drawn into the video: an index or a language.
+    std::optional<std::string> burnInTrack;
     /// "preset" and all other keys, for the encoder, in their order.
     std::vector<std::pair<std::string, std::string>> options;
 };

@@ -51,7 +51,7 @@ void SubtitleDecoder::push(const AVPacket& packet, const Take& take) {
         end = duration > 0 ? start + duration : Subtitle::kOpen;
     }
     try {
-        take({content, start, end});
+        take({content, start, end, decoder_->width, decoder_->height});
     } catch (...) {
         avsubtitle_free(&content);
         throw;

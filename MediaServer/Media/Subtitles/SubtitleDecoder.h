@@ -14,6 +14,10 @@ struct Subtitle {
     std::int64_t start;  ///< in microseconds of the movie's own time
     std::int64_t end;    ///< kOpen if it is shown until the next one
 
+    /// The size of the frames that bitmaps were made for; 0: unknown.
+    int width = 0;
+    int height = 0;
+
     static constexpr std::int64_t kOpen = INT64_MAX;
 };
 

@@ -4,6 +4,8 @@
 #include <optional>
 #include <string>
 
+#include <MediaServer/Media/Subtitles/Font.h>
+
 namespace krv::media {
 
 /// How a conversion encodes video. Copied streams are not affected. The codec applies to the encoding type "Custom"
@@ -32,6 +34,7 @@ struct EncodeRequest {
     bool flattenOnly = false;       ///< copies every stream, whatever the type
     std::optional<VideoRequest> video;
     std::optional<AudioRequest> audio;
+    Font font{};  ///< for subtitles that are drawn into the video and whose own font the movie does not have
 };
 
 }  // namespace krv::media

@@ -54,7 +54,7 @@ bool among(const std::optional<std::vector<std::size_t>>& chosen, std::size_t in
 
 bool TrackChoice::keeps(AVMediaType kind, std::size_t index) const {
     if (kind == AVMEDIA_TYPE_SUBTITLE) {
-        return among(subtitles, index);
+        return burnIn != index && among(subtitles, index);
     }
     return kind != AVMEDIA_TYPE_AUDIO || among(audio, index);
 }
@@ -66,6 +66,10 @@ TrackChoice chooseTracks(const Source& source, const Settings& video, const Sett
     }
     if (!video.tracks.empty()) {
         choice.subtitles = find(source, AVMEDIA_TYPE_SUBTITLE, "subtitleTracks", video.tracks);
+    }
+    if (video.burnInTrack) {
+        choice.burnIn =
+            defaultOrFirst(source, find(source, AVMEDIA_TYPE_SUBTITLE, "burnInSubtitleTrack", {*video.burnInTrack}));
     }
     return choice;
 }

@@ -13,6 +13,7 @@ namespace krv::media {
 struct TrackChoice {
     std::optional<std::vector<std::size_t>> audio;      ///< nothing: all
     std::optional<std::vector<std::size_t>> subtitles;  ///< nothing: all
+    std::optional<std::size_t> burnIn;                  ///< the subtitles that are drawn into the video, not written
 
     /// Returns whether a track of a kind is kept.
     [[nodiscard]] bool keeps(AVMediaType kind, std::size_t index) const;

@@ -71,9 +71,12 @@ PaletteChooser::PaletteChooser(const Settings& settings, const Container& contai
     : settings_(settings)
     , container_(container) {}
 
+VideoFormatRequest PaletteChooser::requestFor(const AVStream& stream, const AVFrame& first) const {
+    return {stream, first, codecForFourCC(fourCC("gif "), AVMEDIA_TYPE_VIDEO), settings_, container_};
+}
+
 void PaletteChooser::begin(const AVStream& stream, const AVFrame& first) {
-    const Codec& codec = codecForFourCC(fourCC("gif "), AVMEDIA_TYPE_VIDEO);
-    format_ = scaledDown(chooseVideoFormat({stream, first, codec, settings_, container_}));
+    format_ = scaledDown(chooseVideoFormat(requestFor(stream, first)));
     graph_.reset(notNull(avfilter_graph_alloc()));
     in_ = addInput(*graph_, "in", format_.width, format_.height, kMicroseconds);
     AVFilterContext* const choose = addFilter(*graph_, "palettegen", "choose", "stats_mode=full");
@@ -83,15 +86,24 @@ void PaletteChooser::begin(const AVStream& stream, const AVFrame& first) {
     check(avfilter_graph_config(graph_.get(), nullptr), "building the palette filter");
 }
 
-void PaletteChooser::read(Source& source, std::size_t index) {
+void PaletteChooser::read(Source& source, std::size_t index, const BurnIn::Maker& burnIn) {
     const AVStream& stream = source.stream(index);
     std::optional<VideoFilter> filter;
-    const auto count = [this](FramePtr frame) { add(std::move(frame)); };
+    std::unique_ptr<BurnIn> subtitles;
+    const auto count = [&](FramePtr frame) {
+        if (subtitles && frame->pts != AV_NOPTS_VALUE) {
+            subtitles->draw(*frame, av_rescale_q(frame->pts, stream.time_base, kMicroseconds));
+        }
+        add(std::move(frame));
+    };
     const auto take = [&](FramePtr frame) {
         if (!graph_) {
             begin(stream, *frame);
         }
         if (!filter) {
+            if (burnIn) {
+                subtitles = burnIn(layoutOf(format_, requestFor(stream, *frame)));
+            }
             filter.emplace(adapted(format_, stream, *frame), stream.time_base);
         }
         filter->push(std::move(frame), count);

@@ -5,6 +5,7 @@
 #include <MediaServer/Media/Codec/Settings.h>
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Foundation/AV.h>
+#include <MediaServer/Media/Subtitles/BurnIn.h>
 #include <MediaServer/Media/Video/VideoFormat.h>
 
 namespace krv::media {
@@ -20,13 +21,14 @@ public:
     PaletteChooser(const Settings& settings, const Container& container);
 
     /// Counts the colours of a video stream. Reads the source from its present position to its end. Decodes all frames
-    /// of a short movie, only the key frames of a long one.
-    void read(Source& source, std::size_t index);
+    /// of a short movie, only the key frames of a long one. burnIn: draws subtitles first, if there are any.
+    void read(Source& source, std::size_t index, const BurnIn::Maker& burnIn = {});
     /// Returns a frame of 16 x 16 pixels, one for each colour. One of the colours is transparent. Throws Failure with
     /// Damaged if no frame could be decoded.
     [[nodiscard]] FramePtr palette();
 
 private:
+    [[nodiscard]] VideoFormatRequest requestFor(const AVStream& stream, const AVFrame& first) const;
     void begin(const AVStream& stream, const AVFrame& first);
     void add(FramePtr frame);
 

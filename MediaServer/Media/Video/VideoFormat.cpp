@@ -192,6 +192,28 @@ VideoFormat adapted(VideoFormat format, const AVStream& stream, const AVFrame& f
     return format;
 }
 
+FrameLayout layoutOf(const VideoFormat& format, const VideoFormatRequest& request) {
+    const bool turned = format.quarterTurns % 2 != 0;
+    FrameLayout layout;
+    layout.width = format.width;
+    layout.height = format.height;
+    layout.sourceWidth = turned ? request.frame.height : request.frame.width;
+    layout.sourceHeight = turned ? request.frame.width : request.frame.height;
+    layout.pixelShape = format.sampleAspect;
+    if (request.container.displayMatrix) {
+        VideoFormat shown;
+        rotateUpright(shown, request.stream);
+        layout.quarterTurns = shown.quarterTurns;
+        layout.mirrored = shown.mirrored;
+    }
+    layout.pixels = format.pixels;
+    layout.space =
+        format.space != AVCOL_SPC_UNSPECIFIED ? format.space : assumedMatrix(request.frame.width, request.frame.height);
+    layout.range = format.range;
+    layout.transfer = format.transfer;
+    return layout;
+}
+
 void describe(const VideoFormat& format, AVCodecContext& encoder) {
     encoder.width = format.width;
     encoder.height = format.height;

@@ -4,6 +4,7 @@
 #include <MediaServer/Media/Codec/Settings.h>
 #include <MediaServer/Media/Container/ContainerTable.h>
 #include <MediaServer/Media/Foundation/AV.h>
+#include <MediaServer/Media/Subtitles/FrameLayout.h>
 
 namespace krv::media {
 
@@ -48,6 +49,9 @@ void rotateUpright(VideoFormat& format, const AVStream& stream);
 /// Returns the format for frames of another stream: upright, and tone-mapped if they need it and the format does not keep
 /// high dynamic range.
 [[nodiscard]] VideoFormat adapted(VideoFormat format, const AVStream& stream, const AVFrame& frame);
+
+/// Returns how frames of a format are stored and shown.
+[[nodiscard]] FrameLayout layoutOf(const VideoFormat& format, const VideoFormatRequest& request);
 
 /// Copies the format into the context of an encoder that is not open yet.
 void describe(const VideoFormat& format, AVCodecContext& encoder);

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cmath>
 #include <string_view>
 
@@ -78,7 +79,8 @@ void VideoTranscoder::open(OutputFile& output) {
         countFrames();
     }
     showFromTheBeginning(output.container());
-    format_ = chooseVideoFormat({from_, *first, request_.codec, request_.settings, output.container()});
+    const VideoFormatRequest wanted{from_, *first, request_.codec, request_.settings, output.container()};
+    format_ = chooseVideoFormat(wanted);
     encoder_.emplace(EncoderSession::Request{request_.codec, request_.quality, request_.settings}, output,
                      [&](AVCodecContext& context) { prepare(context, format_, *first); });
     filter_.emplace(format_, from_.time_base);
@@ -86,8 +88,11 @@ void VideoTranscoder::open(OutputFile& output) {
         mapper_.emplace(*request_.palette, format_, encoder_->context().time_base);
     }
 
-    timer_.emplace(FrameTimer::Timing{from_.time_base, encoder_->context().time_base, constant_,
-                                      av_rescale_q(1, av_inv_q(frameRate(source_, from_)), from_.time_base),
+    if (request_.burnIn) {
+        burnIn_ = request_.burnIn(layoutOf(format_, wanted));
+    }
+    typical_ = av_rescale_q(1, av_inv_q(frameRate(source_, from_)), from_.time_base);
+    timer_.emplace(FrameTimer::Timing{from_.time_base, encoder_->context().time_base, constant_, typical_,
                                       av_rescale_q(source_.lastPlausibleTime(), kMicroseconds, from_.time_base)});
 
     AVStream& to = encoder_->stream();
@@ -142,15 +147,50 @@ void VideoTranscoder::convert(FramePtr frame) {
     while (!early_.empty()) {
         FramePtr earlier = std::move(early_.front());
         early_.pop_front();
-        filter_->push(std::move(earlier), [this](FramePtr ready) {
-            timer_->push(std::move(ready), [this](FramePtr timed) { encode(std::move(timed)); });
-        });
+        filter_->push(std::move(earlier), [this](FramePtr ready) { place(std::move(ready)); });
     }
     if (frame) {
-        filter_->push(std::move(frame), [this](FramePtr ready) {
-            timer_->push(std::move(ready), [this](FramePtr timed) { encode(std::move(timed)); });
-        });
+        filter_->push(std::move(frame), [this](FramePtr ready) { place(std::move(ready)); });
     }
+}
+
+void VideoTranscoder::place(FramePtr frame) {
+    if (!burnIn_) {
+        return timer_->push(std::move(frame), [this](FramePtr timed) { encode(std::move(timed)); });
+    }
+    if (frame->pts == AV_NOPTS_VALUE) {
+        frame->pts = clean_ ? clean_->pts + typical_ : 0;
+    }
+    repeatForChanges(frame->pts);
+    clean_ = reference(*frame);
+    const std::int64_t time = av_rescale_q(frame->pts, from_.time_base, kMicroseconds);
+    burnInto(std::move(frame), time);
+}
+
+// While the latest frame is held, subtitles appear and disappear.
+void VideoTranscoder::repeatForChanges(std::int64_t end) {
+    if (!clean_ || end - clean_->pts < 2 * typical_) {
+        return;
+    }
+    const auto toMicroseconds = [this](std::int64_t time) {
+        return av_rescale_q(time, from_.time_base, kMicroseconds);
+    };
+    std::int64_t last = clean_->pts;
+    for (const std::int64_t change : burnIn_->changesBetween(toMicroseconds(last), toMicroseconds(end))) {
+        const std::int64_t time = av_rescale_q_rnd(change, kMicroseconds, from_.time_base, AV_ROUND_UP);
+        if (time - last < typical_ || end - time < typical_) {
+            continue;
+        }
+        FramePtr again = reference(*clean_);
+        again->pts = last = time;
+        again->pkt_duration = end - time;
+        burnInto(std::move(again), change);
+    }
+}
+
+void VideoTranscoder::burnInto(FramePtr frame, std::int64_t time) {
+    burnIn_->draw(*frame, time);
+    timer_->push(std::move(frame), [this](FramePtr timed) { encode(std::move(timed)); });
 }
 
 void VideoTranscoder::encode(FramePtr frame) {
@@ -172,13 +212,17 @@ void VideoTranscoder::finish() {
         accept(std::move(before_));  // it is shown during the whole part
     }
     convert(nullptr);
-    const auto encodeTimed = [this](FramePtr timed) { encode(std::move(timed)); };
-    filter_->finish([&](FramePtr ready) { timer_->push(std::move(ready), encodeTimed); });
+    filter_->finish([this](FramePtr ready) { place(std::move(ready)); });
+    if (clean_) {
+        repeatForChanges(clean_->pts + std::max<std::int64_t>(clean_->pkt_duration, 0));
+    }
     // The last frame of a part is shown until its end, though in the movie others follow.
     if (source_.part() && source_.duration() > 0 && source_.part()->end < Part::kEnd) {
-        timer_->extendTo(av_rescale_q(source_.duration(), kMicroseconds, from_.time_base));
+        const std::int64_t end = av_rescale_q(source_.duration(), kMicroseconds, from_.time_base);
+        repeatForChanges(end);
+        timer_->extendTo(end);
     }
-    timer_->finish(encodeTimed);
+    timer_->finish([this](FramePtr timed) { encode(std::move(timed)); });
     if (mapper_) {
         mapper_->finish([this](FramePtr mapped) { encoder_->encode(*mapped); });
     }

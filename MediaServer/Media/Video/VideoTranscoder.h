@@ -8,6 +8,7 @@
 #include <MediaServer/Media/Codec/EncoderSession.h>
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Container/Track.h>
+#include <MediaServer/Media/Subtitles/BurnIn.h>
 #include <MediaServer/Media/Video/FrameTimer.h>
 #include <MediaServer/Media/Video/GIFPalette.h>
 #include <MediaServer/Media/Video/VideoFilter.h>
@@ -22,7 +23,8 @@ public:
         float quality;
         float fps;  ///< 0: the source's own timing
         const Settings& settings;
-        FramePtr palette{};  ///< for GIF, of GIFPalette
+        FramePtr palette{};      ///< for GIF, of GIFPalette
+        BurnIn::Maker burnIn{};  ///< none: no subtitles are drawn
     };
 
     VideoTranscoder(const Source& source, const AVStream& from, Request request);
@@ -41,6 +43,9 @@ private:
     void countFrames();
     void showFromTheBeginning(const Container& container);
     void convert(FramePtr frame);
+    void place(FramePtr frame);
+    void repeatForChanges(std::int64_t end);
+    void burnInto(FramePtr frame, std::int64_t time);
     void encode(FramePtr frame);
 
     const Source& source_;
@@ -56,6 +61,9 @@ private:
     std::optional<PaletteMapper> mapper_;
     std::optional<FrameTimer> timer_;
     std::optional<EncoderSession> encoder_;
+    std::unique_ptr<BurnIn> burnIn_;
+    std::int64_t typical_ = 1;  // duration of a frame, in units of the stream
+    FramePtr clean_;            // the latest frame without subtitles, if there are some to draw
 };
 
 }  // namespace krv::media

@@ -110,10 +110,19 @@ TEST(Documentation, ListsTheEncodingTypesAsTheyAre) {
 }
 
 TEST(Documentation, ListsTheSettingsThatAreAccepted) {
-    const std::map<std::string, std::string> values{
-        {"width", "64"},   {"height", "64"},        {"bitrate", "100000"},       {"preset", "fast"},
-        {"channels", "2"}, {"sampleRate", "44100"}, {"pixelFormat", "yuv420p"},  {"trimStart", "1.5"},
-        {"trimEnd", "2"},  {"audioTracks", "1"},    {"subtitleTracks", "2,deu"}, {"strict", "1"}};
+    const std::map<std::string, std::string> values{{"width", "64"},
+                                                    {"height", "64"},
+                                                    {"bitrate", "100000"},
+                                                    {"preset", "fast"},
+                                                    {"channels", "2"},
+                                                    {"sampleRate", "44100"},
+                                                    {"pixelFormat", "yuv420p"},
+                                                    {"trimStart", "1.5"},
+                                                    {"trimEnd", "2"},
+                                                    {"audioTracks", "1"},
+                                                    {"subtitleTracks", "2,deu"},
+                                                    {"strict", "1"},
+                                                    {"burnInSubtitleTrack", "deu"}};
     const auto rows = table("Key | For");
     EXPECT_EQ(rows.size(), values.size());
     for (const Row& row : rows) {

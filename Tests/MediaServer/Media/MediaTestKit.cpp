@@ -24,6 +24,7 @@
 #include <strings.h>
 
 #include <MediaServer/Media/Foundation/FFmpegLog.h>
+#include <MediaServer/Worker/DefaultFont.h>
 
 // libx265 leaks memory, which would hide leaks of our own code.
 extern "C" const char* __lsan_default_suppressions();
@@ -101,6 +102,8 @@ MovieReport convertTo(const OutputPath& output, const Conversion& conversion, Pr
     request.flattenOnly = conversion.flatten;
     request.video = conversion.video;
     request.audio = conversion.audio;
+    static const Font font = server::mapDefaultFont();
+    request.font = conversion.withFont ? font : Font{};
     return encode(request, sink);
 }
 

@@ -60,6 +60,7 @@ struct Conversion {
     bool flatten = false;
     std::optional<VideoRequest> video{};
     std::optional<AudioRequest> audio{};
+    bool withFont = true;  ///< whether the machine has a font
 };
 
 /// Convert into a new file. Throw what encode() throws.
