@@ -43,6 +43,9 @@ bool addSelection(const ConvertOptions& options, TrackOptions& video, TrackOptio
     if (options.subtitleTracks) {
         add(video, "subtitleTracks", *options.subtitleTracks);
     }
+    if (options.burnIn) {
+        add(video, "burnInSubtitleTrack", *options.burnIn);
+    }
     if (options.audioTracks) {
         add(audio, "audioTracks", *options.audioTracks);
     }

@@ -36,6 +36,7 @@ struct ConvertOptions {
     std::optional<std::string> end;
     std::optional<std::string> audioTracks;
     std::optional<std::string> subtitleTracks;
+    std::optional<std::string> burnIn;
     bool strict = false;
     [[nodiscard]] bool withVideoSettings() const { return video.any() || fps; }
     [[nodiscard]] bool withSettings() const { return withVideoSettings() || audio.any(); }

@@ -52,6 +52,8 @@ void addConvert(CLI::App& app, ConvertOptions& options) {
         ->type_name("LIST");
     command.add_option("--subtitle-tracks", options.subtitleTracks, "subtitle tracks to keep, in the same form")
         ->type_name("LIST");
+    command.add_option("--burn-in", options.burnIn, "subtitle track to draw into the video: its index or language")
+        ->type_name("N|LANG");
     command.add_flag("--strict", options.strict, "fail before writing anything if a track would be dropped");
 }
 

@@ -72,6 +72,19 @@ TEST_F(ServerSandbox, FlattensAndReadsEveryKindOfSource) {
     }
 }
 
+TEST_F(ServerSandbox, DrawsTextIntoVideoWithoutOpeningAFont) {
+    const auto encode = [this](const std::string& settings, const char* name) {
+        const auto* const bytes = reinterpret_cast<const std::byte*>(settings.data());
+        const auto video = VideoEncodingParameters::encodingParametersWithData(
+            std::make_shared<const Data>(bytes, bytes + settings.size()));
+        EXPECT_EQ(problem(perform(R::encodeVideoOperation(source("subtitles.mkv"), out(name), nullptr, video))), "");
+        return fs::file_size(out(name));
+    };
+    // The frames are the same but for the text.
+    const auto plain = encode("subtitleTracks=1", "plain.mkv"), burnt = encode("burnInSubtitleTrack=1", "burnt.mkv");
+    EXPECT_GT(burnt, plain + plain / 100);
+}
+
 TEST_F(ServerSandbox, DoesEveryOtherKindOfWork) {
     EXPECT_EQ(problem(perform(R::createThumbnailsForVideo(movie(), out("thumbnails"), {100, 0}))), "");
     for (const char* const name : {"plain.mov", "hdr.mp4", "cover.m4a", "everything.mkv"}) {
