@@ -1,6 +1,5 @@
 // The bytes of a record's archive, where another reader would notice the difference.
 #include <algorithm>
-#include <cstdlib>
 #include <new>
 #include <string>
 #include <vector>
@@ -11,26 +10,7 @@
 #include <KRVQTProcessClient/Foundation/KeyedArchiver.h>
 #include <KRVQTProcessClient/Operations/KRVOperationBase.h>
 
-namespace {
-
-/// While it is set, this thread gets no memory.
-thread_local bool outOfMemory = false;
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    void* const memory = outOfMemory ? nullptr : std::malloc(size);
-    if (!memory) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
+#include "OutOfMemory.h"
 
 namespace krv {
 namespace {
@@ -141,13 +121,14 @@ TEST(RecordArchive, BytesThatAreNoneGiveNoRecord) {
 TEST(RecordArchive, OnlyTheExceptionOfMalformedBytesIsSwallowed) {
     const auto data = std::make_shared<const Data>(KRVOperationBase::provideMetadataFor("/s")->convertToData());
     bool raised = false;
-    outOfMemory = true;
-    try {
-        (void)KRVOperationBase::operationFromData(data);
-    } catch (const std::bad_alloc&) {
-        raised = true;
+    {
+        const test::OutOfMemory none;
+        try {
+            (void)KRVOperationBase::operationFromData(data);
+        } catch (const std::bad_alloc&) {
+            raised = true;
+        }
     }
-    outOfMemory = false;
     EXPECT_TRUE(raised);
     EXPECT_TRUE(KRVOperationBase::operationFromData(data));
 }
