@@ -62,9 +62,8 @@ std::shared_ptr<KRVQTProcessClientOperations> KRVQuicktimeProcessClient::default
 
 std::shared_ptr<KRVQuicktimeProcessClient>
 KRVQuicktimeProcessClient::clientWithTransport(std::shared_ptr<KRVTransport> transport, bool monitorServer) {
-    std::shared_ptr<KRVQTProcessOperations> old;  // destroyed after the lock is released
     const LockGuard lock(classLock());
-    old.swap(sharedClient());
+    sharedClient().reset();
     auto client = initWithTransport(std::move(transport), monitorServer);
     sharedClient() = client;
     return client;
@@ -76,14 +75,15 @@ KRVQuicktimeProcessClient::clientWithTransport(std::shared_ptr<KRVTransport> tra
 }
 
 void KRVQuicktimeProcessClient::destroySingleton() {
-    std::shared_ptr<KRVQTProcessOperations> old;
+    std::shared_ptr<KRVQTProcessOperations> old;  // destroyed after the lock is released
     const LockGuard lock(classLock());
-    old.swap(sharedClient());
+    old = sharedClient();
     if (auto* const proxy = dynamic_cast<ReliabilityProxy*>(old.get())) {
         proxy->cleanUp();
     } else if (auto* const client = dynamic_cast<KRVQuicktimeProcessClient*>(old.get())) {
         client->cleanUp();
     }
+    sharedClient().reset();
 }
 
 std::shared_ptr<KRVQuicktimeProcessClient> KRVQuicktimeProcessClient::init() {

@@ -37,6 +37,8 @@
 //     it may be working for other applications.
 //   - A launch is slow. State 2 waits for ten seconds and then looks again. If a process exists by then, the runner
 //     waits for it instead of launching another.
+//   - The application is out of descriptors. The process table reads as empty, so a server is launched beside the one
+//     that runs. It finds the lock taken and exits.
 //   - Two runners run in one process, or a long registration delays a tick. The launch guard (the time at which the
 //     present wait began, under the runner's lock) belongs to one runner; the lock file decides among several.
 //   - The runner is cleaned up in the middle of a step. The step holds its own references, finishes, and finds the

@@ -79,8 +79,8 @@ public:
 
     void start() { startMonitorTimer(); }
     void stop() { stopMonitorTimer(); }
-    /// Stops the runner and releases the client and the monitor. The thread exits within about a second. Does not stop
-    /// the server.
+    /// Stops the runner and releases the client and the monitor. The thread exits within about a second, or, if its step
+    /// waits for a server that hangs, when that request has timed out (up to a minute). Does not stop the server.
     void cleanUp();
 
     /// Seconds to wait for a server to respond before starting over. Default 10.

@@ -22,7 +22,7 @@ KRV_EXPORT extern const std::string_view kHTTPServerDiscoveryDefaultServiceName;
 /// Notification: a result was recorded, even if it changed nothing. Its value is the port as an integer, -1 if there is
 /// no server. Posted on the default notification centre by the thread that records the result: the main thread, or the
 /// caller's thread for serverIsntThere(). After serverIsntThere() on a thread that runs its loop, one poll runs there
-/// too.
+/// too. What an observer throws is logged and dropped.
 KRV_EXPORT extern const std::string_view kHTTPServerDiscoveryServiceChangeNotification;
 
 /// Knows the loopback port on which the media server listens, for the whole process.
@@ -64,10 +64,13 @@ public:
     ~HTTPServerDiscovery() override;
 
     [[nodiscard]] long servicePortNumber() const override { return servicePortNumber_.load(std::memory_order_relaxed); }
+    /// Replaces the port until the next result.
     void setServicePortNumber(long port) { servicePortNumber_.store(port, std::memory_order_relaxed); }
     [[nodiscard]] std::string serviceName() const;
+    /// Replaces the name of the service that the next search looks for.
     void setServiceName(std::string serviceName);
     [[nodiscard]] std::shared_ptr<ServiceBrowser> browser() const;
+    /// Replaces the browser of the next search. Its delegate must be set by the caller, and the old one be stopped.
     void setBrowser(std::shared_ptr<ServiceBrowser> browser);
 
     /// Reports that the server does not respond: forgets its port and searches again. Thread-safe.

@@ -1,4 +1,6 @@
 // Creation and clean-up of clients. Tests that need a real server are among the system tests.
+#include <algorithm>
+#include <functional>
 #include <thread>
 
 #include <KRVQTProcessClient/Client/ReliabilityProxy.h>
@@ -189,6 +191,43 @@ TEST_F(Lifecycle, DestroyingTheSharedClientOnlyClearsTheTargetOfAProxy) {
     EXPECT_EQ(made->serverRunner(), theRunner);
     EXPECT_EQ(made->transport(), transport);
     made->cleanUp();
+}
+
+/// A transport that looks at the shared client when its own client lets go of it.
+class LastLook final : public KRVTransport {
+public:
+    explicit LastLook(std::function<void()> look)
+        : look_(std::move(look)) {}
+    ~LastLook() override { look_(); }
+    std::shared_ptr<const Data> sendOperation(const KRVOperationBase::Ref&) override { return nullptr; }
+    bool isThisACommunicationsFailure(const Exception&) const override { return false; }
+    bool serviceReadyToRock() override { return false; }
+    std::string description() const override { return "<LastLook>"; }
+
+private:
+    const std::function<void()> look_;
+};
+
+TEST_F(Lifecycle, TheSharedClientIsCleanedUpWhileItIsStillTheSharedOne) {
+    std::shared_ptr<KRVQTProcessOperations> seen;
+    const auto bare = KRVQuicktimeProcessClient::clientWithTransport(
+        std::make_shared<LastLook>([&] { seen = KRVQuicktimeProcessClient::defaultClient(); }), false);
+    KRVQuicktimeProcessClient::destroySingleton();
+    EXPECT_EQ(seen, bare);
+    EXPECT_EQ(__default_krv_quicktime_process_client, nullptr);
+}
+
+TEST_F(Lifecycle, TheOldSharedClientIsReleasedBeforeTheNewOneIsMade) {
+    const LogRecorder log;
+    std::vector<std::string> before;
+    (void)KRVQuicktimeProcessClient::clientWithTransport(std::make_shared<LastLook>([&] { before = log.texts(); }),
+                                                         false);
+    const auto first = log.texts();
+    (void)KRVQuicktimeProcessClient::clientWithTransport(transport, false);
+    ASSERT_GT(log.texts().size(), first.size());
+    // The old client's monitor is released by then, and nothing of the new client exists.
+    EXPECT_EQ(std::count(before.begin(), before.end(), "KRVQuicktimeProcessClient started"), 1);
+    EXPECT_EQ(std::count(before.begin(), before.end(), "Process monitor started"), 1);
 }
 
 TEST_F(Lifecycle, DestroyingAMissingSharedClientDoesNothing) {

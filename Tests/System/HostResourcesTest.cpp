@@ -36,6 +36,7 @@ TEST_F(HostResources, WithoutDescriptorsEveryCallEndsAsDocumented) {
     application.ask("wait-registered", "registered");
     application.tell("convert one " + media("plain.mov") + ' ' + out("one.mp4"));
     EXPECT_EQ(application.result("one"), "done");
+    EXPECT_THAT(servers(), testing::SizeIs(1));
 }
 
 TEST_F(HostResources, WithFewDescriptorsTheClientIsMadeOrSaysWhyNot) {
