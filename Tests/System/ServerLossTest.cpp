@@ -57,6 +57,21 @@ TEST_F(ServerLoss, AnApplicationsFirstCallLaunchesAServerAndSucceeds) {
     EXPECT_THAT(filesInOut(), ElementsAre("one.mp4"));
 }
 
+TEST_F(ServerLoss, TheSharedClientMergesButDoesNotRepeatAMergeWhoseServerIsLost) {
+    Application& app = start();
+    app.tell("merge one " + media("plain.mov") + ' ' + out("one.mp4"));
+    EXPECT_EQ(app.result("one"), "done");
+    EXPECT_NEAR(readableSeconds(out("one.mp4")), 4.0, 0.1);
+
+    app.tell("pause two 0");
+    app.tell("merge two " + media("long.mov") + ' ' + out("two.mp4"));
+    app.waitFor("two paused");
+    killServer(waitForServer().pid);
+    app.tell("resume two");
+    EXPECT_THAT(app.result("two"), StartsWith("exception"));
+    EXPECT_THAT(filesInOut(), ElementsAre("one.mp4"));
+}
+
 TEST_F(ServerLoss, TheServerOutlivesTheApplicationAndServesTheNext) {
     start();
     const Serving server = waitForServer();

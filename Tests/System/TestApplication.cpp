@@ -4,6 +4,7 @@
 //
 //   convert ID SOURCE DESTINATION   prints "ID progress 0.25"..., at the end "ID done", "ID error CODE DESCRIPTION" or
 //                                   "ID exception NAME: REASON"
+//   merge ID SOURCE DESTINATION     the same, for two times the source
 //   convert-on-main ID SOURCE DESTINATION
 //                                   the same, on the main thread within its run loop
 //   pause ID FRACTION               blocks the observer of that conversion from this progress on; prints "ID paused"
@@ -35,6 +36,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <iterator>
 #include <map>
@@ -97,11 +99,11 @@ private:
     const std::string id_;
 };
 
-void convert(const std::string& id, const std::string& source, const std::string& destination) {
+/// Makes a call and prints how it ended.
+void work(const std::string& id, const std::function<void(krv::KRVQTProcessClientOperations&, krv::ErrorOut)>& call) {
     std::shared_ptr<const krv::Error> error;
     try {
-        theClient()->convertMovie(source, destination, krv::VideoConversion::H264, false,
-                                  std::make_shared<Observer>(id), &error);
+        call(*theClient(), &error);
         if (error) {
             say("{} error {} {}", id, error->code(), error->localizedDescription());
         } else {
@@ -110,6 +112,20 @@ void convert(const std::string& id, const std::string& source, const std::string
     } catch (const krv::Exception& exception) {
         say("{} exception {}: {}", id, exception.name(), exception.reason());
     }
+}
+
+void convert(const std::string& id, const std::string& source, const std::string& destination) {
+    work(id, [&](auto& operations, krv::ErrorOut error) {
+        operations.convertMovie(source, destination, krv::VideoConversion::H264, false, std::make_shared<Observer>(id),
+                                error);
+    });
+}
+
+void merge(const std::string& id, const std::string& source, const std::string& destination) {
+    work(id, [&](auto& operations, krv::ErrorOut error) {
+        (void)operations.mergeSources(krv::Array{krv::Value(source), krv::Value(source)}, destination, false,
+                                      std::make_shared<Observer>(id), error);
+    });
 }
 
 std::size_t entries(const char* folder) {
@@ -250,6 +266,11 @@ void obey(const std::string& line) {
         std::string destination;
         in >> id >> source >> destination;
         std::thread(convert, id, source, destination).detach();
+    } else if (command == "merge") {
+        std::string source;
+        std::string destination;
+        in >> id >> source >> destination;
+        std::thread(merge, id, source, destination).detach();
     } else if (command == "convert-on-main") {
         std::string source;
         std::string destination;
