@@ -1,4 +1,5 @@
 // The HTTP front when memory is short, and when its handlers throw.
+#include <atomic>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -51,12 +52,24 @@ TEST_F(FrontWithoutMemory, SurvivesAHandlerThatThrows) {
     const std::string small = archived(KRVOperationBase::readyToProcessRequestOperation());
     const std::string large = sharedText(300 << 10);
     const HTTPConnection connection(port);
+    enum class Throws { BadAlloc, Exception, Number };
+    std::atomic<Throws> throws{};
+    onRequest = [&throws](const auto&, const auto&) {
+        switch (throws) {
+        case Throws::BadAlloc:
+            throw std::bad_alloc();
+        case Throws::Exception:
+            throw Exception("Name", "reason");
+        case Throws::Number:
+            throw 1;
+        }
+    };
     for (const auto& body : {small, large}) {
-        onRequest = [](const auto&, const auto&) { throw std::bad_alloc(); };
+        throws = Throws::BadAlloc;
         EXPECT_THAT(connection.ask(post(body)), StartsWith("HTTP/1.1 503"));
-        onRequest = [](const auto&, const auto&) { throw Exception("Name", "reason"); };
+        throws = Throws::Exception;
         EXPECT_THAT(connection.ask(post(body)), StartsWith("HTTP/1.1 500"));
-        onRequest = [](const auto&, const auto&) { throw 1; };
+        throws = Throws::Number;
         EXPECT_THAT(connection.ask(post(body)), StartsWith("HTTP/1.1 500"));
         EXPECT_THAT(connection.ask(kStatus), StartsWith("HTTP/1.1 200"));
     }
