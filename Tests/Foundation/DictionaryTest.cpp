@@ -48,6 +48,17 @@ TEST(Dictionary, TheImmutableKindRefusesChanges) {
     EXPECT_TRUE(d.empty());
 }
 
+TEST(Dictionary, ACopyHasTheEntries) {
+    const Dictionary d{{"a", 1}, {"b", "two"}};
+    EXPECT_EQ(d.mutableCopy(), d);
+    EXPECT_EQ(d.find("aa"), nullptr);
+    Dictionary without = d.mutableCopy();
+    without.remove("aa");
+    EXPECT_EQ(without, d);
+    EXPECT_FALSE(d == (Dictionary{{"a", 1}, {"b", "three"}}));
+    EXPECT_FALSE(d == (Dictionary{{"a", 1}, {"c", "two"}}));
+}
+
 TEST(Dictionary, StoresNullAsAValue) {
     Dictionary d;
     d.set("a", Value());

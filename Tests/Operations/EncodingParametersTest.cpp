@@ -42,6 +42,8 @@ TEST(EncodingParameters, FactoryCreatesTheClassItIsCalledOn) {
     EXPECT_EQ(audio->settingsBlob(), nullptr);
     EXPECT_EQ(audio->className(), "AudioEncodingParameters");
     EXPECT_EQ(EncodingParameters::encodingParametersWithData(nullptr)->className(), "EncodingParameters");
+    audio->setSettingsBlob(blob);
+    EXPECT_EQ(audio->settingsBlob(), blob);
 }
 
 TEST(EncodingParameters, SurviveARoundTripWithTheHighestCodec) {

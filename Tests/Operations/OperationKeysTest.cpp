@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <KRVQTProcessClient/Operations/OperationErrors.h>
 #include <KRVQTProcessClient/Operations/OperationKeys.h>
 
 namespace krv {
@@ -51,6 +52,11 @@ TEST(OperationKeys, HaveTheTextsOfTheWireForm) {
               (std::vector<std::string_view>{"metadataCodec", "metadataDuration", "metadataDimensions", "metadataAudio",
                                              "metadataSize", "metadataPath", "metadataCreation", "metadataModified",
                                              "metadataFrameRate", "metadataPoster"}));
+}
+
+TEST(OperationErrors, HaveTheServersDomainAndTheirKey) {
+    EXPECT_EQ(kMediaServerErrorDomain, "KRVQuicktimeProcess");
+    EXPECT_EQ(kErrorFilePath, "KRVFilePath");
 }
 
 TEST(OperationKeys, AreDistinct) {
