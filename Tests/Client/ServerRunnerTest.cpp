@@ -43,7 +43,7 @@ TEST_F(Runner, ItsThreadExitsWithinASecondOfCleanUp) {
     makeRunner();
     serverRuns();
     Clock::TimePoint cleaned;
-    loop.performAfterDelay(5250ms, client, Selector("test"), [&] {
+    loop.performAfterDelay(4250ms, client, Selector("test"), [&] {
         runner->cleanUp();
         cleaned = clock.now();
     });
