@@ -231,6 +231,16 @@ TEST_F(Discovery, TheLowestPortIsOne) {
     EXPECT_EQ(discovery->servicePortNumber(), 1);
 }
 
+TEST_F(Discovery, AResultStopsTheSearchUntilTheNextCycle) {
+    discovery->startSearch();
+    discovery->resolvedToPort(8001, 1s);
+    EXPECT_FALSE(browser->isSearching());
+    mainLoop.advanceBy(1s);
+    EXPECT_TRUE(browser->isSearching());
+    discovery->stopSearch();
+    EXPECT_FALSE(browser->isSearching());
+}
+
 TEST_F(Discovery, ADelayOfZeroStartsNoCycle) {
     discovery->startSearch();
     discovery->resolvedToPort(8001, 0s);

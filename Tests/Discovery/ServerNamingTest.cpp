@@ -14,7 +14,10 @@
 
 #include <gtest/gtest.h>
 
+#include <KRVQTProcessClient/Discovery/HTTPServerDiscovery.h>
 #include <KRVQTProcessClient/Discovery/ServerNaming.h>
+#include <KRVQTProcessClient/Platform/Fakes/FakeRunLoop.h>
+#include <KRVQTProcessClient/Platform/Fakes/FakeServiceBrowser.h>
 #include <KRVQTProcessClient/Platform/HardwareAddress.h>
 
 #include "Shell.h"
@@ -114,6 +117,17 @@ TEST_F(MachineSpecificName, KeepsTheBaseNameUnchanged) {
     makeInterface("02:00:00:00:00:01");
     EXPECT_EQ(nameOf("").name, "020000000001-");
     EXPECT_EQ(nameOf("a {} %s b").name, "020000000001-a {} %s b");
+}
+
+TEST_F(MachineSpecificName, IsTheOneForWhichDiscoverySearches) {
+    makeInterface("02:00:00:00:00:05");
+    FakeClock clock;
+    FakeRunLoop loop(clock);
+    HTTPServerDiscovery::Environment environment;
+    environment.makeBrowser = [] { return std::make_shared<FakeServiceBrowser>(); };
+    environment.currentLoop = [&]() -> RunLoop& { return loop; };
+    environment.startThread = [](const std::function<void()>&) {};
+    EXPECT_EQ(HTTPServerDiscovery::make(environment)->serviceName(), "020000000005-KRVQuicktimeProcess");
 }
 
 TEST_F(MachineSpecificName, FollowsTheAddressWhenItChanges) {
