@@ -157,6 +157,14 @@ TEST_F(Discovery, ABatchIsExaminedUpToTheFirstMatch) {
                                   kLines.verbose(kFound, name + " is up. Will now resolve.")}));
 }
 
+TEST_F(Discovery, AServiceWhoseNameIsLongerIsForeign) {
+    discovery->startSearch();
+    browser->show(
+        {std::make_shared<FakeNetService>(name + " #2", 8001), std::make_shared<FakeNetService>("a" + name, 8001)});
+    mainLoop.runReady();
+    EXPECT_EQ(ports, Ports{-1});
+}
+
 TEST_F(Discovery, ABatchThatEndsOnAForeignServiceMeansAbsent) {
     discovery->startSearch();
     LogRecorder log(15, kLoggingHTTPDiscovery);
@@ -268,15 +276,38 @@ TEST_F(Discovery, AServiceThatDoesNotResolveMeansAbsentForASecond) {
     EXPECT_EQ(searches(), 2U);
 }
 
+/// A service that nobody keeps but its user, and that resolves when a test says so.
+class PassiveService final : public NetService {
+public:
+    explicit PassiveService(std::string name)
+        : name_(std::move(name)) {}
+    [[nodiscard]] const std::string& name() const override { return name_; }
+    [[nodiscard]] long port() const override { return 8001; }
+    void setDelegate(std::weak_ptr<NetServiceDelegate> delegate) override { its = std::move(delegate); }
+    void resolveWithTimeout(Clock::Duration) override {}
+
+    std::weak_ptr<NetServiceDelegate> its;
+
+private:
+    const std::string name_;
+};
+
 TEST_F(Discovery, AServiceIsKeptWhileItResolvesAndNoLonger) {
-    for (const long port : {8001L, -1L}) {
+    for (const bool resolves : {true, false}) {
         discovery->startSearch();
-        auto service = ours(port);
-        const std::weak_ptr<FakeNetService> weak = service;
+        auto service = std::make_shared<PassiveService>(name);
+        const std::weak_ptr<PassiveService> weak = service;
         browser->show({std::exchange(service, nullptr)});
-        EXPECT_FALSE(weak.expired());
-        mainLoop.runReady();
-        EXPECT_TRUE(weak.expired()) << port;
+        ASSERT_FALSE(weak.expired());
+        const auto delegate = weak.lock()->its.lock();
+        ASSERT_EQ(delegate, discovery);
+        if (resolves) {
+            delegate->netServiceDidResolveAddress(weak.lock());
+        } else {
+            delegate->didNotResolve(weak.lock());
+        }
+        EXPECT_TRUE(weak.expired()) << resolves;
+        EXPECT_EQ(discovery->servicePortNumber(), resolves ? 8001 : -1);
     }
 }
 
