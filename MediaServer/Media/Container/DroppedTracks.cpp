@@ -52,7 +52,7 @@ constexpr std::array kProperties{
     Properties{"ts", false, true, false, false, AV_DISPOSITION_HEARING_IMPAIRED},
     Properties{"mp3", false, true, false, true, 0},
     Properties{"flac", false, true, false, true, 0},
-    Properties{"wav", false, true, false, false, 0},
+    Properties{"wav", false, true, false, true, 0},
 };
 
 const Properties& propertiesOf(const Container& container) {

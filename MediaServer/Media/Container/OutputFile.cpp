@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include <MediaServer/Media/Container/CuePoints.h>
 #include <MediaServer/Media/Container/OutputFile.h>
 #include <MediaServer/Media/Container/QuickTimeTags.h>
 
@@ -136,12 +137,24 @@ void OutputFile::finish() {
     if (const int error = io_.context()->error; error < 0) {
         throw Failure({.cause = FailureCause::UnwritableDestination, .errorNumber = AVUNERROR(error)});
     }
+    if (container_.extension == "wav" && !appendCuePoints()) {
+        throw Failure({.cause = FailureCause::UnwritableDestination, .errorNumber = errno});
+    }
     if (cover_ && !fillCover(descriptor_, *cover_, coverIsPNG_)) {
         throw Failure({.cause = FailureCause::UnwritableDestination, .errorNumber = errno});
     }
     if (!ends_.empty() && !shortenTracks(descriptor_, ends_)) {
         throw Failure({.cause = FailureCause::UnwritableDestination, .errorNumber = errno});
     }
+}
+
+bool OutputFile::appendCuePoints() const {
+    if (format_->nb_chapters == 0 || format_->nb_streams == 0) {
+        return true;
+    }
+    const std::string chunks =
+        cueChunks({format_->chapters, format_->nb_chapters}, format_->streams[0]->codecpar->sample_rate);
+    return chunks.empty() || appendChunks(descriptor_, chunks);
 }
 
 void OutputFile::check(int result, FailureCause otherwise, const char* attempt) const {

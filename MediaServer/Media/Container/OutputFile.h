@@ -68,6 +68,7 @@ private:
     static int openForReading(AVFormatContext* format, AVIOContext** io, const char* url, int flags, AVDictionary**);
     static int closeAfterReading(AVFormatContext* format, AVIOContext* io);
     void addTagsOfTracks();
+    [[nodiscard]] bool appendCuePoints() const;
     void check(int result, FailureCause otherwise, const char* attempt) const;
 
     int descriptor_;
