@@ -109,40 +109,39 @@ void BitmapRenderer::add(const Subtitle& subtitle) {
     const auto drawable = [](const AVSubtitleRect& one) {
         return one.type == SUBTITLE_BITMAP && one.w > 0 && one.h > 0 && one.data[0] && one.data[1];
     };
-    Box all;
+    std::vector<Box> boxes;
     for (const AVSubtitleRect* const one : rectangles) {
         if (drawable(*one)) {
-            all = around(all, placed(*one, subtitle));
+            boxes.push_back(clipped(placed(*one, subtitle), layout_.uprightWidth(), layout_.uprightHeight()));
         }
     }
-    Shown shown{subtitle.start, subtitle.end, std::nullopt};
-    all = clipped(all, layout_.uprightWidth(), layout_.uprightHeight());
-    if (!all.empty()) {
-        shown.image.emplace(all);
+    Shown shown{subtitle.start, subtitle.end, {}};
+    for (const Box& box : disjoint(std::move(boxes))) {
+        OverlayImage& image = shown.images.emplace_back(box);
         for (const AVSubtitleRect* const one : rectangles) {
             if (drawable(*one)) {
-                paint(*one, placed(*one, subtitle), *shown.image);
+                paint(*one, placed(*one, subtitle), image);
             }
         }
     }
     shown_.push_back(std::move(shown));
 }
 
-bool BitmapRenderer::render(std::int64_t time, std::optional<OverlayImage>& image) {
+bool BitmapRenderer::render(std::int64_t time, std::vector<OverlayImage>& images) {
     bool changed = false;
     while (!shown_.empty() && (shown_.front().end <= time || (shown_.size() > 1 && shown_[1].start <= time))) {
         shown_.pop_front();
         changed |= visible_;
         visible_ = false;
     }
-    const bool due = !shown_.empty() && shown_.front().start <= time && shown_.front().image;
+    const bool due = !shown_.empty() && shown_.front().start <= time && !shown_.front().images.empty();
     if (due && !visible_) {
-        image.emplace(*shown_.front().image);
+        images = shown_.front().images;
         visible_ = true;
         return true;
     }
     if (changed) {
-        image.reset();
+        images.clear();
     }
     return changed;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <deque>
+#include <vector>
 
 #include <MediaServer/Media/Subtitles/FrameLayout.h>
 #include <MediaServer/Media/Subtitles/SubtitleRenderer.h>
@@ -14,13 +15,13 @@ public:
     explicit BitmapRenderer(const FrameLayout& layout);
 
     void add(const Subtitle& subtitle) override;
-    [[nodiscard]] bool render(std::int64_t time, std::optional<OverlayImage>& image) override;
+    [[nodiscard]] bool render(std::int64_t time, std::vector<OverlayImage>& images) override;
 
 private:
     struct Shown {
         std::int64_t start;
         std::int64_t end;
-        std::optional<OverlayImage> image;
+        std::vector<OverlayImage> images;
     };
     [[nodiscard]] Box placed(const AVSubtitleRect& rectangle, const Subtitle& subtitle) const;
 

@@ -86,17 +86,20 @@ std::vector<std::int64_t> BurnIn::changesBetween(std::int64_t after, std::int64_
 
 void BurnIn::draw(AVFrame& frame, std::int64_t time) {
     readUntil(time);
-    if (renderer_->render(time, image_)) {
-        overlay_.reset();
-        if (image_) {
-            overlay_.emplace(*image_, layout_);
+    if (renderer_->render(time, images_)) {
+        overlays_.clear();
+        for (const OverlayImage& image : images_) {
+            overlays_.emplace_back(image, layout_);
         }
     }
-    if (overlay_) {
-        if (av_frame_make_writable(&frame) < 0) {
-            throw std::bad_alloc();
-        }
-        overlay_->draw(frame);
+    if (overlays_.empty()) {
+        return;
+    }
+    if (av_frame_make_writable(&frame) < 0) {
+        throw std::bad_alloc();
+    }
+    for (const Overlay& overlay : overlays_) {
+        overlay.draw(frame);
     }
 }
 

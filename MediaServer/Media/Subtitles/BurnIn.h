@@ -55,8 +55,8 @@ private:
     const int track_;
     const FrameLayout layout_;
     std::unique_ptr<SubtitleRenderer> renderer_;
-    std::optional<OverlayImage> image_;
-    std::optional<Overlay> overlay_;  // image_ in the form of the frames
+    std::vector<OverlayImage> images_;
+    std::vector<Overlay> overlays_;  // images_ in the form of the frames
     bool ended_ = false;
     std::int64_t latest_ = -1;  // the start of the latest subtitle that has been read
     std::set<std::int64_t> changes_;

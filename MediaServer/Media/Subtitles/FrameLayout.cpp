@@ -3,6 +3,16 @@
 #include <MediaServer/Media/Subtitles/FrameLayout.h>
 
 namespace krv::media {
+namespace {
+
+/// Comparing more boxes than this costs more than it saves.
+constexpr std::size_t kMostCompared = 64;
+
+bool overlap(const Box& a, const Box& b) noexcept {
+    return a.x < b.x + b.width && b.x < a.x + a.width && a.y < b.y + b.height && b.y < a.y + a.height;
+}
+
+}  // namespace
 
 Box around(const Box& a, const Box& b) noexcept {
     if (a.empty() || b.empty()) {
@@ -15,6 +25,29 @@ Box around(const Box& a, const Box& b) noexcept {
 Box clipped(const Box& box, int width, int height) noexcept {
     const int x = std::clamp(box.x, 0, width), y = std::clamp(box.y, 0, height);
     return {x, y, std::clamp(box.x + box.width, 0, width) - x, std::clamp(box.y + box.height, 0, height) - y};
+}
+
+std::vector<Box> disjoint(std::vector<Box> boxes) {
+    std::erase_if(boxes, [](const Box& box) { return box.empty(); });
+    if (boxes.size() > kMostCompared) {
+        Box all;
+        for (const Box& box : boxes) {
+            all = around(all, box);
+        }
+        return {all};
+    }
+    for (std::size_t i = 0; i < boxes.size();) {
+        const auto next = boxes.begin() + static_cast<std::ptrdiff_t>(i) + 1;
+        const auto other = std::find_if(next, boxes.end(), [&](const Box& box) { return overlap(boxes[i], box); });
+        if (other == boxes.end()) {
+            ++i;
+            continue;
+        }
+        boxes[i] = around(boxes[i], *other);
+        boxes.erase(other);
+        i = 0;  // the larger box may overlap earlier ones
+    }
+    return boxes;
 }
 
 double FrameLayout::uprightPixelShape() const noexcept {

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <vector>
 
 #include <MediaServer/Media/Foundation/AV.h>
 
@@ -21,6 +22,9 @@ struct Box {
 [[nodiscard]] Box around(const Box& a, const Box& b) noexcept;
 /// Returns the part of a box that lies in a frame.
 [[nodiscard]] Box clipped(const Box& box, int width, int height) noexcept;
+
+/// Returns boxes that do not overlap and that contain all these, except for empty ones. There are few of them.
+[[nodiscard]] std::vector<Box> disjoint(std::vector<Box> boxes);
 
 /// How frames are stored, and how a viewer sees them.
 struct FrameLayout {

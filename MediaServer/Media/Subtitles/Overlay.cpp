@@ -133,6 +133,9 @@ Overlay::Plane Overlay::makePlane(int number, const OverlayImage& image, const F
                 {},
                 {}};
     const double pixels = 1 << (right + down);
+    const auto samples = static_cast<std::size_t>(plane.box.width) * static_cast<std::size_t>(plane.box.height);
+    plane.value.reserve(samples);
+    plane.alpha.reserve(samples);
     Paint last{};
     double lastValue = 0;
     for (int row = 0; row < plane.box.height; ++row) {

@@ -20,8 +20,6 @@ public:
     /// Throws Failure with SettingDoesNotApply if pictures cannot be laid over frames in this pixel format.
     Overlay(const OverlayImage& image, const FrameLayout& layout);
 
-    /// Returns whether there is nothing to draw.
-    [[nodiscard]] bool empty() const noexcept { return planes_.empty(); }
     /// Draws the picture into a frame of the layout, whose data must be writable.
     void draw(AVFrame& frame) const;
 

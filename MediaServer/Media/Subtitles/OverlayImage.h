@@ -39,7 +39,7 @@ private:
                static_cast<std::size_t>(x - box_.x);
     }
 
-    const Box box_;
+    Box box_;
     std::vector<Paint> pixels_;
 };
 

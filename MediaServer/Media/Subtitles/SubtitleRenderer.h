@@ -1,7 +1,7 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
+#include <vector>
 
 #include <MediaServer/Media/Subtitles/OverlayImage.h>
 #include <MediaServer/Media/Subtitles/SubtitleDecoder.h>
@@ -18,9 +18,9 @@ public:
 
     /// Adds what the track shows from a time on. Call it in the order of times, and before the frames of that time.
     virtual void add(const Subtitle& subtitle) = 0;
-    /// Makes the picture for a time in microseconds. Times must not fall. Returns false and changes nothing if the picture
-    /// is that of the call before; an image that is empty is nothing at all.
-    [[nodiscard]] virtual bool render(std::int64_t time, std::optional<OverlayImage>& image) = 0;
+    /// Makes the pictures for a time in microseconds, which do not overlap. Times must not fall. Returns false and changes
+    /// nothing if they are those of the call before.
+    [[nodiscard]] virtual bool render(std::int64_t time, std::vector<OverlayImage>& images) = 0;
 };
 
 }  // namespace krv::media

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstdarg>
 #include <cstring>
 #include <span>
@@ -24,13 +25,18 @@ std::string mutableCopy(std::string_view text) {
     return std::string(text);
 }
 
-/// Calls visit with each pixel of a picture that the renderer made.
-template <typename Visit>
-void forEachPixel(const ASS_Image& part, const Visit& visit) {
-    for (int y = 0; y < part.h; ++y) {
-        const unsigned char* const row = part.bitmap + static_cast<std::ptrdiff_t>(y) * part.stride;
-        for (int x = 0; x < part.w; ++x) {
-            visit(part.dst_x + x, part.dst_y + y, row[x]);
+/// Paints what the renderer made, as far as it lies in the box of the image.
+void paint(const ASS_Image& part, OverlayImage& image) {
+    const Box& box = image.box();
+    const int left = std::max(part.dst_x, box.x), right = std::min(part.dst_x + part.w, box.x + box.width);
+    const int top = std::max(part.dst_y, box.y), bottom = std::min(part.dst_y + part.h, box.y + box.height);
+    const auto red = static_cast<int>(part.color >> 24), green = static_cast<int>(part.color >> 16 & 255),
+               blue = static_cast<int>(part.color >> 8 & 255);
+    const int opacity = 255 - static_cast<int>(part.color & 255);
+    for (int y = top; y < bottom; ++y) {
+        const unsigned char* const row = part.bitmap + static_cast<std::ptrdiff_t>(y - part.dst_y) * part.stride;
+        for (int x = left; x < right; ++x) {
+            image.paint(x, y, Paint::of(red, green, blue, row[x - part.dst_x] * opacity / 255));
         }
     }
 }
@@ -104,31 +110,26 @@ void TextRenderer::closeOpenLines(std::int64_t time) {
     open_.clear();
 }
 
-bool TextRenderer::render(std::int64_t time, std::optional<OverlayImage>& image) {
+bool TextRenderer::render(std::int64_t time, std::vector<OverlayImage>& images) {
     int change = 0;
     const ASS_Image* const parts = ass_render_frame(renderer_.get(), track_.get(), milliseconds(time), &change);
     if (change == 0 && rendered_) {
         return false;
     }
     rendered_ = true;
-    Box all;
+    std::vector<Box> boxes;
     for (const ASS_Image* part = parts; part; part = part->next) {
-        all = around(all, {part->dst_x, part->dst_y, part->w, part->h});
+        boxes.push_back(
+            clipped({part->dst_x, part->dst_y, part->w, part->h}, layout_.uprightWidth(), layout_.uprightHeight()));
     }
-    all = clipped(all, layout_.uprightWidth(), layout_.uprightHeight());
-    image.reset();
-    if (all.empty()) {
-        return true;
+    images.clear();
+    for (const Box& box : disjoint(std::move(boxes))) {
+        images.emplace_back(box);
     }
-    image.emplace(all);
     for (const ASS_Image* part = parts; part; part = part->next) {
-        const std::uint32_t colour = part->color;  // red, green, blue and transparency
-        const int opacity = 255 - static_cast<int>(colour & 255);
-        forEachPixel(*part, [&](int x, int y, int covered) {
-            image->paint(x, y,
-                         Paint::of(static_cast<int>(colour >> 24), static_cast<int>(colour >> 16 & 255),
-                                   static_cast<int>(colour >> 8 & 255), covered * opacity / 255));
-        });
+        for (OverlayImage& image : images) {
+            paint(*part, image);
+        }
     }
     return true;
 }

@@ -23,7 +23,7 @@ public:
     ~TextRenderer() override;
 
     void add(const Subtitle& subtitle) override;
-    [[nodiscard]] bool render(std::int64_t time, std::optional<OverlayImage>& image) override;
+    [[nodiscard]] bool render(std::int64_t time, std::vector<OverlayImage>& images) override;
 
 private:
     struct Free {

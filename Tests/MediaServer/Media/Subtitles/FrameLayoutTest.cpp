@@ -55,6 +55,20 @@ TEST(FrameLayout, TurnsBoxes) {
     EXPECT_EQ(box.height, 1);
 }
 
+TEST(Boxes, AreJoinedUntilNoneOverlap) {
+    EXPECT_TRUE(disjoint({}).empty());
+    EXPECT_TRUE(disjoint({Box{3, 3, 0, 5}}).empty());
+    EXPECT_EQ(disjoint({Box{0, 0, 2, 2}, Box{2, 0, 2, 2}}).size(), 2U);
+    // The third overlaps the two others, which do not overlap each other.
+    const auto joined = disjoint({Box{0, 0, 2, 2}, Box{8, 0, 2, 2}, Box{1, 1, 8, 5}, Box{20, 20, 1, 1}});
+    ASSERT_EQ(joined.size(), 2U);
+    EXPECT_EQ(joined[0].x, 0);
+    EXPECT_EQ(joined[0].width, 10);
+    EXPECT_EQ(joined[0].height, 6);
+    const std::vector<Box> many(100, Box{5, 5, 1, 1});
+    EXPECT_EQ(disjoint(many).size(), 1U);
+}
+
 TEST(FrameLayout, TurnsThePixelShape) {
     FrameLayout layout = turned(1, false);
     layout.pixelShape = {4, 3};
