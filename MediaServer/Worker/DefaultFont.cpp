@@ -1,5 +1,5 @@
-// Only fonts that are known by name are used, because a file's name does not say what the family is called in it. A full
-// search of the machine's fonts would need fontconfig, whose caches a worker cannot read.
+// Only fonts that are known by name are used, because a file's name does not say what the family is called in it. A
+// full search of the machine's fonts would need fontconfig, whose caches a worker cannot read.
 #include <algorithm>
 #include <array>
 #include <filesystem>

@@ -46,9 +46,10 @@ std::vector<Font> BurnIn::fontsOfMovie() const {
     for (std::size_t i = 0; i < source_.streamCount(); ++i) {
         const AVStream& stream = source_.stream(i);
         const AVCodecParameters& file = *stream.codecpar;
-        const bool font = file.codec_id == AV_CODEC_ID_TTF || file.codec_id == AV_CODEC_ID_OTF;
+        const AVDictionaryEntry* const name = av_dict_get(stream.metadata, "filename", nullptr, 0);
+        const bool font = file.codec_id == AV_CODEC_ID_TTF || file.codec_id == AV_CODEC_ID_OTF ||
+                          (name && av_match_ext(name->value, "ttf,otf,ttc"));
         if (file.codec_type == AVMEDIA_TYPE_ATTACHMENT && font && file.extradata_size > 0) {
-            const AVDictionaryEntry* const name = av_dict_get(stream.metadata, "filename", nullptr, 0);
             fonts.push_back(
                 {{reinterpret_cast<const char*>(file.extradata), static_cast<std::size_t>(file.extradata_size)},
                  name ? name->value : ""});

@@ -32,16 +32,16 @@ public:
     /// Makes what draws into frames of a layout.
     using Maker = std::function<std::unique_ptr<BurnIn>(const FrameLayout&)>;
 
-    /// Throws the failures of Source and of SubtitleDecoder. Throws Failure with UnsupportedSetting if there is no font for
-    /// text, and with SettingDoesNotApply if subtitles cannot be drawn into such frames.
+    /// Throws the failures of Source and of SubtitleDecoder. Throws Failure with UnsupportedSetting if there is no font
+    /// for text, and with SettingDoesNotApply if subtitles cannot be drawn into such frames.
     BurnIn(const Request& request, const FrameLayout& layout, Progress& progress);
 
     /// Returns when what is shown may change, after one time and before another, in microseconds. Neither may fall from
     /// call to call.
     [[nodiscard]] std::vector<std::int64_t> changesBetween(std::int64_t after, std::int64_t before);
 
-    /// Draws what is shown at a time in microseconds. Copies the data of the frame if others refer to it. Times must not
-    /// fall.
+    /// Draws what is shown at a time in microseconds. Copies the data of the frame if others refer to it. Times must
+    /// not fall.
     void draw(AVFrame& frame, std::int64_t time);
 
 private:

@@ -16,7 +16,8 @@ struct Colour {
     double blue;
 };
 
-/// The brightness of white in a subtitle, as that of paper in a movie with high dynamic range, and the largest one there.
+/// The brightness of white in a subtitle, as that of paper in a movie with high dynamic range, and the largest one
+/// there.
 constexpr double kPaperWhite = 203, kBrightest = 10000;
 
 /// Returns the signal of SMPTE ST 2084 for a value of a display with gamma 2.2 on which paper white is 1.

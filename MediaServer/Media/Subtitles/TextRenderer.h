@@ -16,8 +16,8 @@ namespace krv::media {
 /// Renders text subtitles with their styles. It never looks for fonts on the machine.
 class TextRenderer : public SubtitleRenderer {
 public:
-    /// styles: the header of an ASS file. fonts: those of the movie. fallback: takes the place of a font that is none of
-    /// these. The fonts are copied. Throws std::bad_alloc.
+    /// styles: the header of an ASS file. fonts: those of the movie. fallback: takes the place of a font that is not
+    /// among them. The fonts are copied. Throws std::bad_alloc.
     TextRenderer(std::string_view styles, const std::vector<Font>& fonts, const Font& fallback,
                  const FrameLayout& layout);
     ~TextRenderer() override;

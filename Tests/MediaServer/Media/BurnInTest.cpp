@@ -162,12 +162,14 @@ TEST(BurnIn, UsesTheFontsOfTheMovieAndNeedsOne) {
         "ass", "[Script Info]\nPlayResX: 320\nPlayResY: 240\n[V4+ Styles]\nFormat: Name, Fontname, Fontsize, "
                "PrimaryColour\nStyle: Own,DejaVu Sans Mono,40,&H00FFFFFF\n[Events]\nFormat: Layer, Start, End, "
                "Style, Text\nDialogue: 0,0:00:02.00,0:00:04.00,Own,WWWW\n");
-    const OutputPath attached =
-        withSubtitles(corpus("black.mp4"), {file.path()}, "mkv",
-                      {"-c:s", "ass", "-attach", "/usr/share/fonts/truetype/dejavu/DejaVuSansMono.ttf", "-metadata:s:t",
-                       "mimetype=application/x-truetype-font"});
-    without.source = attached.path();
-    EXPECT_EQ(litFrames(convert(without).path()), numbersFrom(50, 99));
+    for (const char* type : {"application/x-truetype-font", "application/octet-stream"}) {
+        const OutputPath attached =
+            withSubtitles(corpus("black.mp4"), {file.path()}, "mkv",
+                          {"-c:s", "ass", "-attach", "/usr/share/fonts/truetype/dejavu/DejaVuSansMono.ttf",
+                           "-metadata:s:t", std::string("mimetype=") + type});
+        without.source = attached.path();
+        EXPECT_EQ(litFrames(convert(without).path()), numbersFrom(50, 99)) << type;
+    }
 }
 
 TEST(BurnIn, IsUprightWhereTheViewerSeesIt) {
