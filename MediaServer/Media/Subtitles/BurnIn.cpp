@@ -15,12 +15,18 @@ Source& restricted(Source& source, const std::optional<Part>& part) {
     return source;
 }
 
+/// In a format with an index, only the subtitles are read from the file. But only the video shows how the clock of a
+/// recording that was joined jumps, and where a part begins.
+std::vector<std::size_t> streamsToRead(const Source& source, const BurnIn::Request& request) {
+    const bool jumps = (source.format().iformat->flags & AVFMT_TS_DISCONT) != 0;
+    return jumps || request.part ? std::vector{request.video, request.track} : std::vector{request.track};
+}
+
 }  // namespace
 
 BurnIn::BurnIn(const Request& request, const FrameLayout& layout, Progress& progress)
     : source_(request.descriptor, request.path, progress)
-    // The video is read, too: the clock of a recording that was joined can be followed only there.
-    , reader_(restricted(source_, request.part), {request.video, request.track})
+    , reader_(restricted(source_, request.part), streamsToRead(source_, request))
     , decoder_(source_.stream(request.track))
     , track_(static_cast<int>(request.track))
     , layout_(layout) {

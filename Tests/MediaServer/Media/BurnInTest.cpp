@@ -7,6 +7,7 @@
 #include "MediaTestKit.h"
 #include "Numbers.h"
 #include "Subtitles.h"
+#include <MediaServer/Media/Foundation/AV.h>
 
 namespace krv::media::test {
 namespace {
@@ -224,6 +225,52 @@ TEST(BurnIn, FollowsAnEditList) {
     ASSERT_FALSE(lit.empty());
     EXPECT_NEAR(lit.front() * 0.04, lines[0].start, 0.021);
     EXPECT_NEAR((lit.back() + 1) * 0.04, lines[0].end, 0.021);
+}
+
+/// Returns a copy of a movie in which all packets of subtitles are stored after those of the video.
+OutputPath withSubtitlesLast(const std::string& path) {
+    OutputPath output("mkv");
+    AVFormatContext* from = nullptr;
+    AVFormatContext* to = nullptr;
+    EXPECT_EQ(avformat_open_input(&from, path.c_str(), nullptr, nullptr), 0);
+    EXPECT_GE(avformat_find_stream_info(from, nullptr), 0);
+    EXPECT_GE(avformat_alloc_output_context2(&to, nullptr, "matroska", output.path().c_str()), 0);
+    for (unsigned i = 0; i < from->nb_streams; ++i) {
+        AVStream* const stream = notNull(avformat_new_stream(to, nullptr));
+        EXPECT_GE(avcodec_parameters_copy(stream->codecpar, from->streams[i]->codecpar), 0);
+        stream->time_base = from->streams[i]->time_base;
+    }
+    EXPECT_GE(avio_open(&to->pb, output.path().c_str(), AVIO_FLAG_WRITE), 0);
+    EXPECT_GE(avformat_write_header(to, nullptr), 0);
+    std::vector<PacketPtr> last;
+    const auto write = [&](AVPacket& packet) {
+        av_packet_rescale_ts(&packet, from->streams[packet.stream_index]->time_base,
+                             to->streams[packet.stream_index]->time_base);
+        EXPECT_GE(av_write_frame(to, &packet), 0);
+    };
+    for (PacketPtr packet = newPacket(); av_read_frame(from, packet.get()) >= 0; packet = newPacket()) {
+        if (from->streams[packet->stream_index]->codecpar->codec_type == AVMEDIA_TYPE_SUBTITLE) {
+            last.push_back(std::move(packet));
+        } else {
+            write(*packet);
+        }
+    }
+    for (const PacketPtr& packet : last) {
+        write(*packet);
+    }
+    EXPECT_EQ(av_write_trailer(to), 0);
+    avio_closep(&to->pb);
+    avformat_free_context(to);
+    avformat_close_input(&from);
+    return output;
+}
+
+TEST(BurnIn, FindsSubtitlesThatAreStoredLast) {
+    const OutputPath text = blackWithText("mkv", "srt"), bitmaps = blackWithBitmaps();
+    for (const OutputPath* const source : {&text, &bitmaps}) {
+        const OutputPath movie = withSubtitlesLast(source->path());
+        EXPECT_EQ(litFrames(convert(burning(movie.path())).path()), numbersFrom(50, 99));
+    }
 }
 
 TEST(BurnIn, ScalesBitmapsWithTheVideo) {
