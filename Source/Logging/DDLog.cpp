@@ -1,5 +1,7 @@
 #include <condition_variable>
-#include <deque>
+#include <list>
+#include <memory>
+#include <new>
 #include <utility>
 
 #include <unistd.h>
@@ -21,9 +23,9 @@ constexpr std::size_t kMostWaiting = 10'000;
 struct Logger {
     Mutex mutex;
     std::condition_variable_any idle;
-    DDLog::Sink sink KRV_GUARDED_BY(mutex);
+    std::shared_ptr<const DDLog::Sink> sink KRV_GUARDED_BY(mutex) = std::make_shared<const DDLog::Sink>();
     bool busy KRV_GUARDED_BY(mutex) = false;
-    std::deque<LogMessage> waiting KRV_GUARDED_BY(mutex);
+    std::list<LogMessage> waiting KRV_GUARDED_BY(mutex);
 };
 
 Logger& logger() {
@@ -66,16 +68,41 @@ void pass(const DDLog::Sink& sink, const LogMessage& message) {
     }
 }
 
+/// Queues the line. Returns whether the calling thread must pass the queued lines on.
+bool queue(Logger& l, const LogMessage& message) {
+    std::list<LogMessage> line{message};
+    const LockGuard lock(l.mutex);
+    if (l.waiting.size() < kMostWaiting) {
+        l.waiting.splice(l.waiting.end(), line);
+    }
+    return !std::exchange(l.busy, true);
+}
+
+/// Takes the next queued line. If there is none, leaves the sink to others and returns false.
+bool takeNext(Logger& l, std::list<LogMessage>& next, std::shared_ptr<const DDLog::Sink>& sink) {
+    next.clear();
+    sink.reset();
+    const LockGuard lock(l.mutex);
+    if (l.waiting.empty()) {
+        l.busy = false;
+        l.idle.notify_all();
+        return false;
+    }
+    next.splice(next.end(), l.waiting, l.waiting.begin());
+    sink = l.sink;
+    return true;
+}
+
 }  // namespace
 
 void DDLog::setSink(Sink sink) {
     Logger& l = logger();
-    Sink old;
+    auto other = std::make_shared<const Sink>(std::move(sink));
     const LockGuard lock(l.mutex);
     while (l.busy && !insideSink) {
         l.idle.wait(l.mutex);
     }
-    old = std::exchange(l.sink, std::move(sink));
+    l.sink.swap(other);
 }
 
 void DDLog::log(const LogMessage& message) {
@@ -83,28 +110,20 @@ void DDLog::log(const LogMessage& message) {
         return;
     }
     Logger& l = logger();
-    l.mutex.lock();
-    if (l.waiting.size() < kMostWaiting) {
-        l.waiting.push_back(message);
+    try {
+        if (!queue(l, message)) {
+            return;
+        }
+    } catch (const std::bad_alloc&) {
+        return;  // the line is lost, as with a failing sink
     }
-    if (l.busy) {
-        l.mutex.unlock();
-        return;
-    }
-    l.busy = true;
     insideSink = true;
-    while (!l.waiting.empty()) {
-        const LogMessage next = std::move(l.waiting.front());
-        l.waiting.pop_front();
-        const Sink sink = l.sink;
-        l.mutex.unlock();
-        pass(sink, next);
-        l.mutex.lock();
+    std::list<LogMessage> next;
+    std::shared_ptr<const Sink> sink;
+    while (takeNext(l, next, sink)) {
+        pass(*sink, next.front());
     }
     insideSink = false;
-    l.busy = false;
-    l.idle.notify_all();
-    l.mutex.unlock();
 }
 
 }  // namespace krv
