@@ -1,3 +1,6 @@
+#include <latch>
+#include <thread>
+
 #include <gtest/gtest.h>
 
 #include <KRVQTProcessClient/Monitoring/KRVNSTimer.h>
@@ -53,6 +56,33 @@ TEST_F(Timer, TicksEverySecondStartingAfterASecond) {
     EXPECT_EQ(timer->ticks, 1);
     loop.advanceBy(9s);
     EXPECT_EQ(timer->ticks, 10);
+}
+
+TEST_F(Timer, TicksOnTheLoopOfTheThreadThatStartsIt) {
+    FakeRunLoop other(clock);
+    std::latch replaced(1);
+    std::latch mainIsBack(1);
+    std::latch started(1);
+    std::latch looked(1);
+    std::thread thread([&] {
+        const RunLoop::Replacement own(other);
+        replaced.count_down();
+        mainIsBack.wait();
+        timer->startMonitorTimer();
+        started.count_down();
+        looked.wait();
+    });
+    replaced.wait();
+    {
+        const RunLoop::Replacement again(loop);
+        mainIsBack.count_down();
+        started.wait();
+        EXPECT_EQ(other.pendingCount(), 1U);
+        EXPECT_EQ(loop.pendingCount(), 0U);
+    }
+    looked.count_down();
+    thread.join();
+    timer->stopMonitorTimer();
 }
 
 TEST_F(Timer, StoppingStopsTheTicksAtOnce) {
