@@ -101,6 +101,7 @@ void ReliabilityProxy::forwardInvocation(Invocation& invocation) {
 }
 
 void ReliabilityProxy::aimAndPerform(Invocation& invocation) const {
+    const auto self = weak_from_this().lock();  // an observer may release the last other reference
     invocation.target = realOperations();
     if (!invocation.target) {
         throw Exception(std::string(kInvalidArgumentException),

@@ -21,7 +21,8 @@ namespace krv {
 /// All work runs on the calling thread and blocks it; the waits run that thread's run loop briefly. After the third
 /// failure the proxy throws Exception "OperationFailed". Any other exception of a call propagates unchanged. After
 /// clearTarget every operation throws Exception "NSInvalidArgumentException". Thread-safe.
-class KRV_EXPORT ReliabilityProxy final : public KRVQTProcessClientOperations {
+class KRV_EXPORT ReliabilityProxy final : public KRVQTProcessClientOperations,
+                                          public std::enable_shared_from_this<ReliabilityProxy> {
 public:
     /// The waits use clock, which must outlive the proxy.
     [[nodiscard]] static std::shared_ptr<ReliabilityProxy>

@@ -171,11 +171,19 @@ void HTTPServerDiscovery::stopSearch() {
 
 void HTTPServerDiscovery::didFindService(const std::shared_ptr<ServiceBrowser>& browser,
                                          const std::shared_ptr<NetService>& service, bool moreComing) {
+    if (!service) {
+        // The browser has shown nothing for a while. That happens every few seconds without a server, so it is not
+        // logged.
+        if (!moreComing) {
+            resolvedToPort(kAbsent, kRestartAfterAbsence);
+        }
+        return;
+    }
     const LogSite here = site("netServiceBrowser:didFindService:moreComing:", kLoggingHTTPDiscovery);
-    KRV_LOG(kLogFlagVerbose, here, "Observing network service: {}. More on the way?:{}",
-            service ? service->name() : "(null)", moreComing ? 1 : 0);
+    KRV_LOG(kLogFlagVerbose, here, "Observing network service: {}. More on the way?:{}", service->name(),
+            moreComing ? 1 : 0);
     const std::string ours = serviceName();
-    if (service && service->name() == ours) {
+    if (service->name() == ours) {
         KRV_LOG(kLogFlagVerbose, here, "{} is up. Will now resolve.", ours);
         browser->stop();
         resolving_.set(service);

@@ -1,7 +1,10 @@
 // Observers that release the client in the middle of its call.
+#include <utility>
+
 #include <gtest/gtest.h>
 
 #include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
+#include <KRVQTProcessClient/Client/ReliabilityProxy.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeClock.h>
 #include <KRVQTProcessClient/Transports/Fakes/ScriptedTransport.h>
 
@@ -52,6 +55,24 @@ TEST_F(ReleasedDuringACall, AMergeStillRemovesItsResult) {
 TEST_F(ReleasedDuringACall, AConversionEndsAsUsual) {
     client->convertMovie("/s", "/d", 1, false, observer, &error);
     EXPECT_FALSE(client);
+    EXPECT_FALSE(error);
+    EXPECT_EQ(transport->stepsLeft(), 0U);
+}
+
+TEST_F(ReleasedDuringACall, AProxyEndsItsCallAsUsual) {
+    class ReleasingTheProxy final : public OperationProgress {
+    public:
+        bool operation(const R::Ref& /*operation*/, float /*progress*/) override {
+            proxy.reset();
+            return true;
+        }
+        std::shared_ptr<ReliabilityProxy> proxy;
+    };
+    const auto releasing = std::make_shared<ReleasingTheProxy>();
+    releasing->proxy = ReliabilityProxy::proxyForOperations(std::exchange(client, nullptr), clock);
+    const std::weak_ptr<ReliabilityProxy> released = releasing->proxy;
+    releasing->proxy->convertMovie("/s", "/d", 1, false, releasing, &error);
+    EXPECT_TRUE(released.expired());
     EXPECT_FALSE(error);
     EXPECT_EQ(transport->stepsLeft(), 0U);
 }

@@ -514,6 +514,17 @@ TEST_F(Discovery, AChangedServiceNameIsTheOneThatMatches) {
     EXPECT_EQ(discovery->servicePortNumber(), 8042);
 }
 
+TEST_F(Discovery, ASilentBatchMeansAbsenceButIsNotLogged) {
+    discovery->startSearch();
+    LogRecorder log(15, kLoggingHTTPDiscovery);
+    discovery->didFindService(browser, nullptr, false);
+    EXPECT_EQ(discovery->servicePortNumber(), -1);
+    EXPECT_EQ(ports, Ports{-1});
+    EXPECT_EQ(log.whole(), (Lines{kLines.info("beginSearchAgainIn:", "Beginning HTTP Server search in 0.25s")}));
+    discovery->didFindService(browser, nullptr, true);
+    EXPECT_EQ(ports.size(), 1U);
+}
+
 TEST_F(Discovery, AnHourThatItsOwnThreadStartsLeavesThatThreadAlone) {
     onMainThread = false;
     otherLoop.performAfterDelay(0s, discovery, Selector("test"), [] { throw Exception("Test", "stop here"); });
