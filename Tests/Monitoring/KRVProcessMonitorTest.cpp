@@ -50,6 +50,7 @@ TEST_F(ProcessMonitor, TheLoginWindowIsNeverListed) {
 
 TEST_F(ProcessMonitor, NamesAreComparedExactly) {
     EXPECT_TRUE(KRVProcessMonitor::isProcessRunningNamed("KRVQuicktimeProcess", processes));
+    EXPECT_TRUE(KRVProcessMonitor::isProcessRunningNamed("other", processes));
     EXPECT_FALSE(KRVProcessMonitor::isProcessRunningNamed("krvquicktimeprocess", processes));
     EXPECT_FALSE(KRVProcessMonitor::isProcessRunningNamed("KRVQuicktime", processes));
 }
