@@ -32,6 +32,9 @@ TEST(Value, ConvertsNumbersWithinTheRangeOfTheResult) {
     EXPECT_EQ(Value(std::nan("")).integerValue(), 0);
     EXPECT_EQ(Value(1e300).integerValue(), std::numeric_limits<std::int64_t>::max());
     EXPECT_EQ(Value(-1e300).integerValue(), std::numeric_limits<std::int64_t>::min());
+    EXPECT_EQ(Value(true).integerValue(), 1);
+    EXPECT_EQ(Value(false).integerValue(), 0);
+    EXPECT_EQ(Value(true).doubleValue(), 1.0);
     EXPECT_TRUE(Value(0.5).boolValue());
     EXPECT_EQ(Value("7").integerValue(), 0);
 }
