@@ -245,6 +245,16 @@ TEST(Archive, AThreadsEarlierArchiveLeavesNoTrace) {
     EXPECT_EQ(small->convertToData(), first);
 }
 
+TEST(Archive, EveryByteOfTheHeaderCounts) {
+    const Data archive = KRVOperationBase::cancelOperation("u")->convertToData();
+    for (std::size_t place = 0; place < 8; ++place) {
+        Data changed = archive;
+        changed[place] ^= std::byte{1};
+        EXPECT_EQ(KRVOperationBase::operationFromData(std::make_shared<const Data>(changed)), nullptr) << place;
+    }
+    EXPECT_TRUE(KRVOperationBase::operationFromData(std::make_shared<const Data>(archive)));
+}
+
 TEST(Archive, OneThreadMayArchiveWithinAnArchive) {
     // encodeWithCoder may need an archive for one of its fields.
     class Nested final : public Archivable {
