@@ -78,6 +78,22 @@ TEST_F(Runner, LogsTheExceptionOfAStepAndContinues) {
                                                                mainBundle.path() + " or " + libraryBundle.path())));
 }
 
+TEST_F(Runner, AnExceptionOfAnotherCallOnItsLoopDoesNotEndItsThread) {
+    makeRunner();
+    serverRuns();
+    loop.performAfterDelay(500ms, client, Selector("test"), [] { throw Exception("Test", "not a step"); });
+    loop.performAfterDelay(2500ms, client, Selector("test"), [this] {
+        EXPECT_EQ(runner->state(), ServerRunner::WaitForServer);
+        runner->setRunning(false);
+    });
+    LogRecorder log;
+    const auto begin = clock.now();
+    thread();
+    EXPECT_GE(clock.now() - begin, 2500ms);
+    EXPECT_THAT(log.whole(), testing::Contains(kRunnerLines.info("startTimerOnThread",
+                                                                 "Error during ServerRunner thread loop: not a step")));
+}
+
 TEST_F(Runner, OtherExceptionsPropagateOutOfItsThread) {
     makeRunner();
     loop.performAfterDelay(500ms, client, Selector("test"), [] { throw std::runtime_error("an application's own"); });

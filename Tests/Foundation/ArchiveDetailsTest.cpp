@@ -12,8 +12,10 @@ namespace krv {
 namespace {
 
 using test::Archive;
+using test::argument;
 using test::bigEndian;
 using test::Bytes;
+using test::readArgument;
 using test::readRecord;
 
 TEST(ArchiveDetails, OnlyTwoMarkersAreBooleans) {
@@ -59,6 +61,27 @@ TEST(ArchiveDetails, DataEndsBeforeTheOffsetTable) {
     place[2] = std::byte{0x04};  // 1068 bytes, more than the file has
     ASSERT_LT(archive.size(), 1368U);
     EXPECT_EQ(KRVOperationBase::operationFromData(std::make_shared<const Data>(archive)), nullptr);
+}
+
+TEST(ArchiveDetails, ADictionaryHasAsManyValuesAsKeys) {
+    const auto withValues = [](std::size_t count) {
+        return argument(readArgument([&](Archive& a) {
+            const auto text = a.number(a.file.text("x"));
+            const auto dictionaryClass = a.classNamed("NSDictionary");
+            return a.number(
+                a.object({{"NS.keys", a.uids({text})}, {"NS.objects", a.uids(std::vector<std::uint64_t>(count, text))}},
+                         dictionaryClass));
+        }));
+    };
+    EXPECT_EQ(withValues(1), Value(Dictionary::fromEntries({{std::make_shared<const std::string>("x"), Value("x")}},
+                                                           Dictionary::Mutability::Immutable)));
+    EXPECT_EQ(withValues(0), Value("refused"));
+    EXPECT_EQ(withValues(2), Value("refused"));
+}
+
+TEST(ArchiveDetails, AClassIsNotAValue) {
+    constexpr std::uint64_t kClassOfTheRecord = 2;
+    EXPECT_EQ(argument(readArgument([](Archive&) { return kClassOfTheRecord; })), Value("refused"));
 }
 
 TEST(ArchiveDetails, EveryByteOfACharacterMustBelongToIt) {
