@@ -71,11 +71,17 @@ TEST_F(Watch, AForeignExceptionAfterAWakeIsLoggedAndTheStepsContinue) {
     const LogRecorder log;
     turnMainLoop(4500ms);
     EXPECT_EQ(steps, 4);
-    EXPECT_THAT(log.texts(),
-                testing::ElementsAre("A step of the server runner has failed with an exception of an unknown kind",
-                                     "A step of the server runner has failed: std::bad_alloc",
-                                     "A step of the server runner has failed with an exception of an unknown kind",
-                                     "A step of the server runner has failed: std::bad_alloc"));
+    const auto unknown = kRunnerLines.error(
+        "startTimerOnThread", "A step of the server runner has failed with an exception of an unknown kind");
+    const auto noMemory =
+        kRunnerLines.error("startTimerOnThread", "A step of the server runner has failed: std::bad_alloc");
+    EXPECT_THAT(log.whole(), testing::ElementsAre(unknown, noMemory, unknown, noMemory));
+}
+
+TEST_F(Watch, AForeignExceptionPropagatesOutOfATickOnAnotherLoop) {
+    environment.discovery = []() -> std::shared_ptr<HTTPServerDiscovery> { throw std::bad_alloc(); };
+    makeRunner();
+    EXPECT_THROW(runner->krvNSTimerFired(), std::bad_alloc);
 }
 
 TEST_F(Watch, AForeignExceptionBeginsItsThreadAgain) {
