@@ -31,6 +31,21 @@ protected:
     }
 };
 
+/// A transport that looks around when it is destroyed: when its client has let go of it.
+class LastLook final : public KRVTransport {
+public:
+    explicit LastLook(std::function<void()> look)
+        : look_(std::move(look)) {}
+    ~LastLook() override { look_(); }
+    std::shared_ptr<const Data> sendOperation(const KRVOperationBase::Ref&) override { return nullptr; }
+    bool isThisACommunicationsFailure(const Exception&) const override { return false; }
+    bool serviceReadyToRock() override { return false; }
+    std::string description() const override { return "<LastLook>"; }
+
+private:
+    const std::function<void()> look_;
+};
+
 TEST_F(Lifecycle, AClientHasAMonitorATimeOutAndItsTransport) {
     LogRecorder log;
     const auto made = KRVQuicktimeProcessClient::initWithTransport(transport, false);
@@ -100,24 +115,10 @@ TEST_F(Lifecycle, CleanUpLetsGoOfTheRunnerAndTheMonitor) {
 }
 
 TEST_F(Lifecycle, CleanUpMayReleaseTheLastReferenceToTheClient) {
-    /// Looks when it is destroyed whether its client still exists.
-    class Last final : public KRVTransport {
-    public:
-        explicit Last(std::function<void()> atItsEnd)
-            : atItsEnd_(std::move(atItsEnd)) {}
-        ~Last() override { atItsEnd_(); }
-        std::shared_ptr<const Data> sendOperation(const KRVOperationBase::Ref&) override { return nullptr; }
-        bool isThisACommunicationsFailure(const Exception&) const override { return false; }
-        bool serviceReadyToRock() override { return false; }
-        std::string description() const override { return "<Last>"; }
-
-    private:
-        const std::function<void()> atItsEnd_;
-    };
     std::weak_ptr<KRVQuicktimeProcessClient> weak;
     bool outlivedItsTransport = false;
     auto made = KRVQuicktimeProcessClient::initWithTransport(
-        std::make_shared<Last>([&] { outlivedItsTransport = !weak.expired(); }), true, environment);
+        std::make_shared<LastLook>([&] { outlivedItsTransport = !weak.expired(); }), true, environment);
     thread = nullptr;  // as if the thread had exited
     weak = made;
     KRVQuicktimeProcessClient* const keptByItsRunner = made.get();
@@ -192,21 +193,6 @@ TEST_F(Lifecycle, DestroyingTheSharedClientOnlyClearsTheTargetOfAProxy) {
     EXPECT_EQ(made->transport(), transport);
     made->cleanUp();
 }
-
-/// A transport that looks at the shared client when its own client lets go of it.
-class LastLook final : public KRVTransport {
-public:
-    explicit LastLook(std::function<void()> look)
-        : look_(std::move(look)) {}
-    ~LastLook() override { look_(); }
-    std::shared_ptr<const Data> sendOperation(const KRVOperationBase::Ref&) override { return nullptr; }
-    bool isThisACommunicationsFailure(const Exception&) const override { return false; }
-    bool serviceReadyToRock() override { return false; }
-    std::string description() const override { return "<LastLook>"; }
-
-private:
-    const std::function<void()> look_;
-};
 
 TEST_F(Lifecycle, TheSharedClientIsCleanedUpWhileItIsStillTheSharedOne) {
     std::shared_ptr<KRVQTProcessOperations> seen;
