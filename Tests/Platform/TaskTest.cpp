@@ -160,17 +160,18 @@ int launchUnderSignalsToTheGroup() {
     ::setpgid(0, 0);
     hostOfHandlers = ::getpid();
     std::signal(SIGUSR1, [](int) { strayHandlers += ::getpid() == hostOfHandlers ? 0 : 1; });
-    std::atomic<bool> enough = false;
-    std::thread sender([&] {
-        while (!enough) {
+    const pid_t sender = ::fork();
+    if (sender == 0) {
+        std::signal(SIGUSR1, SIG_IGN);
+        for (;;) {
             ::kill(0, SIGUSR1);
         }
-    });
+    }
     for (int launch = 0; launch < 200; ++launch) {
         (void)Task::launch({.executable = "/bin/true", .arguments = {}, .standardErrorFile = {}});
     }
-    enough = true;
-    sender.join();
+    ::kill(sender, SIGKILL);
+    ::waitpid(sender, nullptr, 0);
     return strayHandlers;
 }
 
