@@ -47,6 +47,14 @@
 #include <KRVQTProcessClient/Platform/SignalsBlocked.h>
 #include <KRVQTProcessClient/Platform/Task.h>
 
+#if defined(__SANITIZE_THREAD__)
+// ThreadSanitizer replaces clone() and takes every call for a fork. This is the same function under another name.
+extern "C" int __clone(int (*)(void*), void*, int, void*, ...) noexcept;  // NOLINT(bugprone-reserved-identifier)
+#define KRV_CLONE __clone
+#else
+#define KRV_CLONE ::clone
+#endif
+
 namespace krv {
 namespace {
 
@@ -194,7 +202,7 @@ int sendCourier(Delivery& delivery) {
         return errno;
     }
     const SignalsBlocked blocked;
-    const pid_t courier = ::clone(&runCourier, stack.top(), CLONE_VM | CLONE_VFORK | CLONE_FILES, &delivery);
+    const pid_t courier = KRV_CLONE(&runCourier, stack.top(), CLONE_VM | CLONE_VFORK | CLONE_FILES, &delivery);
     if (courier < 0) {
         return errno;
     }
