@@ -41,6 +41,10 @@ void TransportInvocation::setProgressTimeoutDuration(float seconds) {
     progressTimeoutDuration_ = seconds;
 }
 
+void TransportInvocation::setPace(Pace pace) {
+    pace_ = pace;
+}
+
 TransportInvocation::Ref TransportInvocation::another(KRVOperationBase::Ref operation) const {
     return invocationWith(std::move(operation), clock_);
 }

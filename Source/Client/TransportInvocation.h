@@ -40,11 +40,23 @@ public:
     [[nodiscard]] float progressTimeoutDuration() const;
     void setProgressTimeoutDuration(float seconds);
 
+    /// How a waiting call learns of progress.
+    enum class Pace : std::uint8_t {
+        /// Asks every half second. A call may notice the end of its work that much later.
+        HalfSecond,
+        /// Asks again as soon as a reply has arrived, and relies on the server to hold each reply until there is news.
+        /// So a call notices the end of its work within milliseconds. A server that holds nothing is asked at most four
+        /// times a second while nothing changes.
+        WithTheServer,
+    };
+    /// Default HalfSecond. Set it before the call.
+    void setPace(Pace pace);
+
     /// Sends input once, without changing it. Returns the transport's raw reply, which may be null. Returns null and
     /// stores the error if sending failed. Throws the transport's exception if the server is unreachable.
     [[nodiscard]] Reply invokeOverTransport(const Transport& transport, ErrorOut error);
 
-    /// Sends input, then polls its progress every half second until it ends, and keeps input up to date.
+    /// Sends input, then polls its progress at its pace until it ends, and keeps input up to date.
     ///
     /// Returns the first reply if the work was completed. Returns input if the server reported an error, if the
     /// operation was cancelled, or if it made no progress for longer than progressTimeout seconds. In the last case the
@@ -80,6 +92,7 @@ private:
     Clock& clock_;
     Guarded<KRVOperationBase::Ref> input_;
     std::atomic<float> progressTimeoutDuration_{60.0F};
+    Pace pace_ = Pace::HalfSecond;
 };
 
 }  // namespace krv

@@ -1,8 +1,13 @@
 // Waiting for long work, and cancelling it.
 //
 // The server replies to the request at once with an identifier and does the work in the background. This loop polls
-// the state every half second on the caller's thread and blocks it. So the caller decides which thread waits, and there
-// is nothing to synchronise.
+// the state on the caller's thread and blocks it. So the caller decides which thread waits, and there is nothing to
+// synchronise.
+//
+// Pace. Callers of the client's operations are polled for every half second, which their observers may rely on. Others
+// let the server set the pace: it holds a reply until there is news, and the next request follows at once. A server
+// that does not hold replies must not be asked in a tight loop, so without news the interval doubles up to a quarter of
+// a second. That is shorter than the server holds a reply, so with our server the loop never sleeps.
 //
 // Stalls. The stall clock starts when the first reply has been copied. It restarts whenever the reported number differs
 // from the last one that restarted it, in either direction: a number that changes is a sign of life, and the server
@@ -15,6 +20,7 @@
 // nothing: the request has been sent, and the server would go on with work that nobody can name to stop it. If the
 // cancel request fails, the operation still counts as cancelled here. The caller no longer waits for it, and the server
 // stops it by itself when it finds that its client has exited.
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 
@@ -29,6 +35,11 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kPollInterval = 500ms;
+/// Between requests at the server's pace, after news and without.
+constexpr Clock::Duration kShortestInterval = 5ms;
+constexpr Clock::Duration kLongestInterval = 250ms;
+/// The change of progress that counts as news; the server's own threshold. It creeps by less to show that it lives.
+constexpr float kVisibleChange = 0.005F;
 constexpr std::string_view kTimeoutDomain = "TransportCheck";
 constexpr std::int64_t kTimeoutCode = 201;
 
@@ -63,6 +74,39 @@ private:
     const Clock& clock_;
     Clock::TimePoint start_;
     float last_ = 0.0F;
+};
+
+/// Sleeps between polls.
+class Pacing {
+public:
+    Pacing(TransportInvocation::Pace pace, Clock& clock)
+        : pace_(pace)
+        , clock_(clock) {}
+
+    void aboutToAsk() { asked_ = clock_.now(); }
+
+    void sleepAfter(float progress) {
+        if (pace_ == TransportInvocation::Pace::HalfSecond) {
+            clock_.sleepFor(kPollInterval);
+            return;
+        }
+        if (std::fabs(progress - last_) < kVisibleChange) {
+            interval_ = std::min(2 * interval_, kLongestInterval);
+        } else {
+            interval_ = kShortestInterval;
+            last_ = progress;
+        }
+        if (const auto rest = asked_ + interval_ - clock_.now(); rest > Clock::Duration::zero()) {
+            clock_.sleepFor(rest);
+        }
+    }
+
+private:
+    const TransportInvocation::Pace pace_;
+    Clock& clock_;
+    Clock::TimePoint asked_{};
+    Clock::Duration interval_ = kShortestInterval;
+    float last_ = -1.0F;
 };
 
 void store(ErrorOut error, std::shared_ptr<const Error> value) {
@@ -108,7 +152,9 @@ KRVOperationBase::Ref TransportInvocation::invokeOverTransportGetProgressWaitToC
     request->copyFrom(firstReply);
 
     StallClock stallClock(clock_);
+    Pacing pacing(pace_, clock_);
     for (;;) {
+        pacing.aboutToAsk();
         const auto state = poll(request, transport, &transportError);
         if (!state) {
             store(error, std::move(transportError));
@@ -135,7 +181,7 @@ KRVOperationBase::Ref TransportInvocation::invokeOverTransportGetProgressWaitToC
             tryToCancelOperation(request, transport);
             return request;
         }
-        clock_.sleepFor(kPollInterval);
+        pacing.sleepAfter(state->progress());
     }
 }
 

@@ -94,6 +94,59 @@ TEST_F(Wait, PollsEveryHalfSecond) {
     EXPECT_EQ(clock.now() - start, 1s);
 }
 
+// At the server's pace.
+
+TEST_F(Wait, AtTheServersPaceItAsksAgainAtOnceAfterAHeldReply) {
+    invocation->setPace(TransportInvocation::Pace::WithTheServer);
+    transport->reply(accepted());
+    for (int i = 0; i < 20; ++i) {
+        transport->then([&](const R::Ref&) {
+            clock.advanceBy(400ms);
+            return std::make_shared<const Data>(state(0.25F)->convertToData());
+        });
+    }
+    transport->reply(state(1.0F, true));
+    const auto start = clock.now();
+    (void)wait();
+    EXPECT_EQ(clock.now() - start, 20 * 400ms);
+    EXPECT_THAT(clock.sleeps(), IsEmpty());
+}
+
+TEST_F(Wait, AtTheServersPaceNewsIsFollowedByAShortSleep) {
+    invocation->setPace(TransportInvocation::Pace::WithTheServer);
+    transport->reply(accepted()).reply(state(0.1F)).reply(state(0.2F)).reply(state(0.3F)).reply(state(1.0F, true));
+    const auto start = clock.now();
+    (void)wait();
+    EXPECT_EQ(clock.now() - start, 3 * 5ms);
+}
+
+TEST_F(Wait, AtTheServersPaceAServerThatHoldsNothingIsAskedLessAndLess) {
+    invocation->setPace(TransportInvocation::Pace::WithTheServer);
+    transport->reply(accepted());
+    // Creeping, as a server does that works on something long.
+    for (int i = 0; i < 10; ++i) {
+        transport->reply(state(0.5F + 0.0001F * static_cast<float>(i)));
+    }
+    transport->reply(state(1.0F, true));
+    const auto start = clock.now();
+    (void)wait();
+    EXPECT_EQ(clock.now() - start, 5ms + 10ms + 20ms + 40ms + 80ms + 160ms + 4 * 250ms);
+}
+
+TEST_F(Wait, AtTheServersPaceAStallEndsTheCallAfterTheSameTime) {
+    invocation->setPace(TransportInvocation::Pace::WithTheServer);
+    transport->reply(accepted());
+    reportForEver(0.5F);
+    transport->reply(R::cancelOperation("u"));
+    const auto start = clock.now();
+    const auto result = wait(60);
+    ASSERT_TRUE(result && result->error());
+    EXPECT_EQ(result->error()->code(), 201);
+    EXPECT_GT(clock.now() - start, 60s);
+    EXPECT_LT(clock.now() - start, 61s);
+    EXPECT_EQ(count(OpCancelOperation), 1U);
+}
+
 TEST_F(Wait, TheObserverSeesEachPollButTheLast) {
     transport->reply(accepted()).reply(state(0.1F)).reply(state(0.2F)).reply(state(1.0F, true));
     (void)wait();
