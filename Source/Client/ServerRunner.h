@@ -120,6 +120,9 @@ public:
     /// Launches the server from its bundle, unless a launch is already in progress. Throws Exception "BadBuild" if the
     /// bundle is missing, and what Task::launch throws.
     void kickOffQTProcessor();
+    /// Launches the server now instead of at the next step, unless a process of that name is running. For callers that
+    /// cannot wait a second. Returns whether it launched one. Throws like kickOffQTProcessor(). Thread-safe.
+    bool launchIfMissing();
     /// Ends the present attempt and posts kKRVNewKRVQuicktimeProcessorStarted.
     void noLongerStartingProcessor();
     /// Returns the path of a resource. Searches the application's bundle, then the library's, and after each of them

@@ -151,6 +151,15 @@ void ServerRunner::kickOffQTProcessor() {
                                          [this] { noLongerStartingProcessor(); });
 }
 
+bool ServerRunner::launchIfMissing() {
+    if (KRVProcessMonitor::isProcessRunningNamed(kMediaServerName, *environment_.processes)) {
+        return false;
+    }
+    setServerCheckStartTime(std::nullopt);  // what an earlier launch started has exited
+    kickOffQTProcessor();
+    return true;
+}
+
 void ServerRunner::noLongerStartingProcessor() {
     setServerCheckStartTime(std::nullopt);
     environment_.mainLoop().perform([self = std::static_pointer_cast<ServerRunner>(shared_from_this())] {

@@ -316,6 +316,22 @@ TEST_F(Launch, IsNotRepeatedWhileOneIsInProgress) {
     EXPECT_THAT(launches, SizeIs(1));
 }
 
+TEST_F(Launch, AtOnceDoesNotWaitForAnEarlierOneThatHasExited) {
+    makeBundle("main");
+    makeRunner();
+    EXPECT_TRUE(runner->launchIfMissing());
+    EXPECT_TRUE(runner->launchIfMissing());
+    EXPECT_THAT(launches, testing::SizeIs(2));
+}
+
+TEST_F(Launch, AtOnceLaunchesNothingBesideARunningServer) {
+    makeBundle("main");
+    makeRunner();
+    serverRuns();
+    EXPECT_FALSE(runner->launchIfMissing());
+    EXPECT_THAT(launches, testing::IsEmpty());
+}
+
 TEST_F(Launch, WithoutABundleThrowsBadBuild) {
     makeRunner();
     try {

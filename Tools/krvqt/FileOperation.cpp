@@ -162,19 +162,27 @@ ExitStatus ask(std::string_view what, const QuestionCall& call, const ServerAcce
     });
     std::shared_ptr<const krv::Error> error;
     ExitStatus status = kFailed;
-    try {
-        status = call(access, &error);
-    } catch (const krv::Exception& exception) {
-        if (Interruption::requested()) {
-            return kCancelled;
+    for (int attempt = 1;; ++attempt) {
+        try {
+            status = call(access, &error);
+            break;
+        } catch (const krv::Exception& exception) {
+            if (Interruption::requested()) {
+                return kCancelled;
+            }
+            if (attempt == kAttempts) {
+                fmt::print(stderr,
+                           "krvqt: the media server exited or stopped responding\n  cause: {}\n  try:   run the "
+                           "command again\n",
+                           exception.reason());
+                return kNoServer;
+            }
         }
-        fmt::print(
-            stderr,
-            "krvqt: the media server exited or stopped responding\n  cause: {}\n  try:   run the command again\n",
-            exception.reason());
-        return kNoServer;
+        if (const ExitStatus reached = reachServer(access, common); reached != kDone) {
+            return reached;
+        }
     }
-    if (Interruption::requested()) {
+    if (Interruption::requested() || status == kCancelled) {
         fmt::print(stderr, "krvqt: cancelled\n");
         return kCancelled;
     }

@@ -11,7 +11,7 @@
 #include "Commands.h"
 #include "FailureText.h"
 #include "FileOperation.h"
-#include "Interruption.h"
+#include "OwnRecord.h"
 #include "Paths.h"
 
 namespace krvqt {
@@ -129,14 +129,19 @@ ExitStatus showInfo(const InfoOptions& options, const CommonOptions& common) {
             return status;
         }
     }
+    // Both outlast a lost server, so that no movie is described twice.
+    std::size_t next = 0;
+    ExitStatus status = kDone;
     const auto call = [&](const ServerAccess& access, krv::ErrorOut error) {
-        ExitStatus status = kDone;
-        for (const std::string& movie : movies) {
+        for (; next < movies.size(); ++next) {
+            const std::string& movie = movies[next];
             std::shared_ptr<const krv::Error> problem;
-            const auto info = access.client->getMetadataFor(movie, &problem);
-            if (Interruption::requested()) {
+            const auto finished =
+                runRecord(access, krv::KRVOperationBase::provideMetadataFor(movie), nullptr, &problem);
+            if (!finished && !problem) {
                 return kCancelled;
             }
+            const auto info = finished ? finished->metadata() : nullptr;
             if (movies.size() == 1) {
                 *error = problem;
             } else if (problem) {

@@ -32,8 +32,9 @@ std::optional<std::int64_t> queuePosition(const ServerAccess& access, const KRVO
 KRVOperationBase::Ref runRecord(const ServerAccess& access, const KRVOperationBase::Ref& record,
                                 const std::shared_ptr<krv::OperationProgress>& progress, krv::ErrorOut error) {
     record->setProgressDelegate(progress);
-    (void)TransportInvocation::invocationWith(record)->invokeOverTransportGetProgressWaitToComplete(
-        access.transport, error, kProgressTimeout);
+    const auto invocation = TransportInvocation::invocationWith(record);
+    invocation->setPace(TransportInvocation::Pace::WithTheServer);
+    (void)invocation->invokeOverTransportGetProgressWaitToComplete(access.transport, error, kProgressTimeout);
     if (!*error) {
         *error = record->error();
     }

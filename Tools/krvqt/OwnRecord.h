@@ -18,8 +18,9 @@ sendRecord(const ServerAccess& access, const krv::KRVOperationBase::Ref& record,
 [[nodiscard]] std::optional<std::int64_t> queuePosition(const ServerAccess& access,
                                                         const krv::KRVOperationBase& operation);
 
-/// Runs a record over the client's transport and blocks until the operation ends. For operations that the client has no
-/// call for, or whose call does not return the result. If the server is lost, the operation is not repeated.
+/// Runs a record over the client's transport and blocks until the operation ends, which it notices within milliseconds.
+/// The client's own calls may take half a second longer, and some do not return the result. If the server is lost, the
+/// operation is not repeated.
 ///
 /// Returns the finished record with its result. Returns null if the operation failed, with the error written, or was
 /// cancelled. Throws like TransportInvocation.

@@ -1,10 +1,13 @@
 #include "ServerAccess.h"
 
-#include <thread>
+#include <condition_variable>
+#include <mutex>
 
 #include <fmt/format.h>
 
 #include <KRVQTProcessClient/Foundation/MediaServerName.h>
+#include <KRVQTProcessClient/Platform/RuntimeFolder.h>
+#include <KRVQTProcessClient/Platform/ServiceRecord.h>
 
 #include "Interruption.h"
 
@@ -14,9 +17,60 @@ namespace {
 using namespace std::chrono_literals;
 using SteadyClock = std::chrono::steady_clock;
 
+/// How often to look again without news of discovery.
 constexpr auto kProbeInterval = 100ms;
 /// A server usually responds within this time. Only a longer wait is worth a message.
-constexpr auto kSilentWait = 2s;
+constexpr auto kSilentWait = 3s;
+
+/// Wakes a waiting thread when discovery has looked for the server.
+class DiscoveryNews {
+public:
+    DiscoveryNews()
+        : token_(krv::NotificationCenter::defaultCenter().addObserver(
+              krv::kHTTPServerDiscoveryServiceChangeNotification,
+              [state = state_](const krv::Notification&) { state->arrived(); })) {}
+    ~DiscoveryNews() { krv::NotificationCenter::defaultCenter().removeObserver(token_); }
+    DiscoveryNews(const DiscoveryNews&) = delete;
+    DiscoveryNews& operator=(const DiscoveryNews&) = delete;
+
+    /// Returns when there has been news since the previous call, or when the time is up.
+    void wait(SteadyClock::duration atMost) {
+        std::unique_lock lock(state_->mutex);
+        state_->condition.wait_for(lock, atMost, [this] { return state_->news; });
+        state_->news = false;
+    }
+
+private:
+    /// Outlives this object if a notification is being delivered meanwhile.
+    struct State {
+        std::mutex mutex;
+        std::condition_variable condition;
+        bool news = false;  // guarded by mutex
+
+        void arrived() {
+            {
+                const std::lock_guard lock(mutex);
+                news = true;
+            }
+            condition.notify_all();
+        }
+    };
+    const std::shared_ptr<State> state_ = std::make_shared<State>();
+    const krv::NotificationCenter::Token token_;
+};
+
+/// Returns whether a server process is running. Its record is looked at first, because that costs less than the process
+/// table.
+bool serverIsRunning() {
+    const auto& processes = krv::ProcessTable::ofThisUser();
+    if (const auto record = krv::readServiceRecord(krv::runtimeFolder(krv::kMediaServerName))) {
+        const auto process = processes.process(record->pid);
+        if (process && process->startTime == record->startTime) {
+            return true;
+        }
+    }
+    return krv::KRVProcessMonitor::isProcessRunningNamed(krv::kMediaServerName, processes);
+}
 
 /// Prints each reason for waiting once.
 class Announcer {
@@ -47,9 +101,7 @@ std::string whyNotYet(const ServerAccess& access) {
     }
     const auto launch = krv::ServerRunner::latestLaunch();
     if (!access.launches || !launch) {
-        return krv::KRVProcessMonitor::isProcessRunningNamed(krv::kMediaServerName, krv::ProcessTable::ofThisUser())
-                   ? "one is running, but its port has not been found yet"
-                   : "none is running yet";
+        return serverIsRunning() ? "one is running, but its port has not been found yet" : "none is running yet";
     }
     if (launch->bundle.empty()) {
         return fmt::format("there is no {}.app beside krvqt or its library to start it from", krv::kMediaServerName);
@@ -76,13 +128,40 @@ ExitStatus registerOurselves(const ServerAccess& access) {
     }
 }
 
+/// Launches a server, once: one that exits at once would do so again.
+class Launcher {
+public:
+    explicit Launcher(const ServerAccess& access)
+        : runner_(access.launches ? access.client->serverRunner() : nullptr) {}
+
+    /// Launches a server if none is running. Returns false where another attempt would end in the same way.
+    bool launchIfMissing() {
+        if (!runner_ || serverIsRunning()) {
+            return true;
+        }
+        if (launched_) {
+            return false;
+        }
+        try {
+            launched_ = runner_->launchIfMissing();
+            return true;
+        } catch (const krv::Exception&) {
+            return false;  // ServerRunner::latestLaunch() tells why
+        }
+    }
+
+private:
+    const std::shared_ptr<krv::ServerRunner> runner_;
+    bool launched_ = false;
+};
+
 }  // namespace
 
 ServerAccess ServerAccess::launching() {
     ServerAccess access;
     access.discovery = krv::HTTPServerDiscovery::defaultInstance();
-    access.client = krv::KRVQuicktimeProcessClient::defaultClient();
-    access.transport = access.client->transport();
+    access.transport = std::make_shared<krv::KRVHTTPClientTransport>(access.discovery);
+    access.client = krv::KRVQuicktimeProcessClient::initWithTransport(access.transport, true);
     access.launches = true;
     return access;
 }
@@ -96,12 +175,13 @@ ServerAccess ServerAccess::looking() {
 }
 
 ExitStatus reachServer(const ServerAccess& access, const CommonOptions& common) {
-    if (!access.launches &&
-        !krv::KRVProcessMonitor::isProcessRunningNamed(krv::kMediaServerName, krv::ProcessTable::ofThisUser())) {
+    DiscoveryNews news;
+    if (!access.launches && !serverIsRunning()) {
         fmt::print(stderr, "krvqt: no media server is running\n");
         return kNoServer;
     }
     Announcer announcer(common.quiet);
+    Launcher launcher(access);
     const auto deadline = SteadyClock::now() + std::chrono::duration_cast<SteadyClock::duration>(common.wait);
     for (;;) {
         if (Interruption::requested()) {
@@ -110,14 +190,19 @@ ExitStatus reachServer(const ServerAccess& access, const CommonOptions& common) 
         if (access.transport->serviceReadyToRock()) {
             return access.launches ? registerOurselves(access) : kDone;
         }
+        const bool hope = launcher.launchIfMissing();
         const std::string reason = whyNotYet(access);
+        if (!hope) {
+            fmt::print(stderr, "krvqt: the media server could not be started: {}\n", reason);
+            return kNoServer;
+        }
         announcer.say(reason);
         if (SteadyClock::now() >= deadline) {
             fmt::print(stderr, "krvqt: the media server could not be reached within {:.0f} s: {}\n",
                        common.wait.count(), reason);
             return kNoServer;
         }
-        std::this_thread::sleep_for(kProbeInterval);
+        news.wait(kProbeInterval);
     }
 }
 

@@ -13,9 +13,9 @@ namespace krvqt {
 struct ServerAccess {
     std::shared_ptr<krv::HTTPServerDiscovery> discovery;
     std::shared_ptr<krv::KRVTransport> transport;
-    std::shared_ptr<krv::KRVQTProcessOperations> client;
+    std::shared_ptr<krv::KRVQuicktimeProcessClient> client;
 
-    /// Uses the shared client, which launches a server if none is running and repeats failed calls. Call on the main
+    /// Uses a client that launches a server if none is running, and keeps this process registered. Call on the main
     /// thread only.
     [[nodiscard]] static ServerAccess launching();
     /// Uses a client that only talks to a server that is already running.
@@ -24,8 +24,10 @@ struct ServerAccess {
     bool launches = false;
 };
 
-/// Blocks until a server responds. Prints on standard error what it is waiting for. Returns at once if no server is
-/// running and the client does not launch one. Call on a second thread while the main thread runs the main run loop.
+/// Blocks until a server responds and this process is registered with it. Launches one at once if none is running, or
+/// returns at once if the client does not launch any. Prints on standard error what it has been waiting for, after three
+/// seconds. Gives up at once where waiting is of no use: there is no program to launch, or it exits at once. Call on a
+/// second thread while the main thread runs the main run loop.
 ///
 /// Returns kDone, kNoServer with the reason printed, or kCancelled.
 [[nodiscard]] ExitStatus reachServer(const ServerAccess& access, const CommonOptions& common);

@@ -3,6 +3,7 @@
 
 #include "Commands.h"
 #include "FileOperation.h"
+#include "OwnRecord.h"
 #include "Paths.h"
 
 namespace krvqt {
@@ -13,9 +14,14 @@ ExitStatus showTimes(const TimesOptions& options, const CommonOptions& common) {
         return status;
     }
     const auto call = [&](const ServerAccess& access, krv::ErrorOut error) {
-        const krv::Value answer = access.client->getInterestingTimesForMovie(movie, options.track.has_value(),
-                                                                             options.track.value_or(0), error);
-        const auto times = answer.dictionary();
+        const auto record = krv::KRVOperationBase::getInterestingTimesOperation(movie, options.track.has_value(),
+                                                                                options.track.value_or(0));
+        const auto finished = runRecord(access, record, nullptr, error);
+        if (!finished && !*error) {
+            return kCancelled;
+        }
+        const auto result = finished ? finished->result() : nullptr;
+        const auto times = result ? (*result)[krv::kResultInterestingTimes].dictionary() : nullptr;
         const auto values = times ? (*times)[krv::kResultInterestingTimeValues].array() : nullptr;
         if (!values) {
             return kFailed;
