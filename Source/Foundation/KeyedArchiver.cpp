@@ -28,6 +28,7 @@
 #include <KRVQTProcessClient/Foundation/KeyedArchiver.h>
 #include <KRVQTProcessClient/Foundation/KeyedUnarchiver.h>
 #include <KRVQTProcessClient/Foundation/PropertyListWriter.h>
+#include <KRVQTProcessClient/Foundation/ThreadOwned.h>
 
 namespace krv {
 namespace {
@@ -444,14 +445,14 @@ private:
 Data KeyedArchiver::archivedData(const Value& root) {
     // A thread reuses the arrays of its last archive, which have the right size. They are moved out while in use,
     // because an object's encodeWithCoder may create an archive itself.
-    thread_local std::unique_ptr<Encoder> spare;
-    std::unique_ptr<Encoder> encoder = std::move(spare);
+    auto* const spare = threadOwned<std::unique_ptr<Encoder>>();
+    std::unique_ptr<Encoder> encoder = spare ? std::move(*spare) : nullptr;
     if (!encoder) {
         encoder = std::make_unique<Encoder>();
     }
     Data data = encoder->archive(root);
-    if (encoder->worthKeeping()) {
-        spare = std::move(encoder);
+    if (spare && encoder->worthKeeping()) {
+        *spare = std::move(encoder);
     }
     return data;
 }

@@ -145,6 +145,21 @@ TEST(GLibRunLoop, PendingCallsAreDroppedWhenTheThreadExits) {
     timer->invalidate();
 }
 
+TEST(GLibRunLoop, TheEndOfAThreadMayStillScheduleCallsOnItsLoop) {
+    struct AtTheEndOfTheThread {
+        std::function<void()> call;
+        ~AtTheEndOfTheThread() { call(); }
+    };
+    std::shared_ptr<RunLoop::Timer> timer;
+    std::thread([&] {
+        // Destroyed after the thread's loop, which is created later.
+        thread_local AtTheEndOfTheThread later{[&] { timer = RunLoop::current().scheduleTimer(1h, [] {}); }};
+        (void)RunLoop::current();
+    }).join();
+    ASSERT_TRUE(timer);
+    timer->invalidate();
+}
+
 TEST(GLibRunLoop, AReplacementReplacesTheMainAndTheCurrentLoop) {
     RunLoop& before = RunLoop::main();
     {

@@ -1,25 +1,14 @@
-#include <memory>
 #include <new>
 
 #include <curl/curl.h>
 
+#include <KRVQTProcessClient/Foundation/ThreadOwned.h>
 #include <KRVQTProcessClient/Platform/HTTPClient.h>
 
 #include "CurlConnection.h"
 
 namespace krv {
 namespace {
-
-thread_local bool threadIsEnding = false;
-
-/// The calling thread's connections, created with its first request and closed when the thread exits.
-struct ThreadConnection {
-    std::unique_ptr<CurlConnection> connection;
-    ~ThreadConnection() {
-        threadIsEnding = true;
-        connection.reset();
-    }
-};
 
 class CurlHTTPClient final : public HTTPClient {
 public:
@@ -28,14 +17,9 @@ public:
 
     HTTPResponse send(const HTTPRequest& request) override {
         try {
-            if (threadIsEnding) {  // called by the destructor of another thread-local object
-                return CurlConnection().send(request);
-            }
-            thread_local ThreadConnection mine;
-            if (!mine.connection) {
-                mine.connection = std::make_unique<CurlConnection>();
-            }
-            return mine.connection->send(request);
+            // Open until the thread exits.
+            auto* const connection = threadOwned<CurlConnection>();
+            return connection ? connection->send(request) : CurlConnection().send(request);
         } catch (const std::bad_alloc&) {
             HTTPResponse failed;
             failed.error = "Out of memory.";

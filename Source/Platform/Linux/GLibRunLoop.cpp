@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Foundation/ThreadOwned.h>
 #include <KRVQTProcessClient/Logging/Log.h>
 #include <KRVQTProcessClient/Platform/FreeDescriptors.h>
 #include <KRVQTProcessClient/Platform/Linux/GLibRunLoop.h>
@@ -190,8 +191,11 @@ RunLoop& RunLoop::current() {
     if (isMainThread()) {
         return main();
     }
-    thread_local ThreadRunLoop loop;
-    return loop;
+    if (auto* const loop = threadOwned<ThreadRunLoop>()) {
+        return *loop;
+    }
+    static auto* const ofEndingThreads = new ThreadRunLoop;  // never runs
+    return *ofEndingThreads;
 }
 
 bool RunLoop::isMainThread() {

@@ -3,6 +3,8 @@
 #include <utility>
 #include <vector>
 
+#include <KRVQTProcessClient/Foundation/ThreadOwned.h>
+
 namespace krv {
 namespace {
 
@@ -28,9 +30,12 @@ std::shared_ptr<LoopReach> LoopReach::current() {
     RunLoop& loop = RunLoop::current();
     auto reach = std::make_shared<LoopReach>(loop);
     if (!RunLoop::isMainThread()) {  // the main loop outlives everything
-        thread_local GivenOut givenOut;
-        std::erase_if(givenOut.reaches, [](const auto& old) { return old.expired(); });
-        givenOut.reaches.push_back(reach);
+        if (auto* const givenOut = threadOwned<GivenOut>()) {
+            std::erase_if(givenOut->reaches, [](const auto& old) { return old.expired(); });
+            givenOut->reaches.push_back(reach);
+        } else {
+            reach->threadHasEnded();
+        }
     }
     return reach;
 }
