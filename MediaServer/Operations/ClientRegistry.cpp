@@ -1,3 +1,4 @@
+#include <iterator>
 #include <limits>
 
 #include <unistd.h>
@@ -9,6 +10,11 @@ namespace krv::server {
 std::optional<ClientKey> ClientRegistry::identify(std::int64_t pid, bool* undecided) const {
     if (pid <= 0 || pid > std::numeric_limits<pid_t>::max()) {
         return std::nullopt;
+    }
+    // A client that is known has been looked at before, so this asks only whether it still lives.
+    if (const auto known = knownClient(static_cast<pid_t>(pid));
+        known && !processes_.hasExited(known->pid, known->startTime)) {
+        return known;
     }
     const auto process = processes_.process(static_cast<pid_t>(pid));
     if (!process) {
@@ -23,6 +29,16 @@ std::optional<ClientKey> ClientRegistry::identify(std::int64_t pid, bool* undeci
         return std::nullopt;
     }
     return ClientKey{process->pid, process->startTime};
+}
+
+std::optional<ClientKey> ClientRegistry::knownClient(pid_t pid) const {
+    const LockGuard lock(mutex_);
+    // The latest process with this id.
+    const auto after = clients_.upper_bound({pid, std::numeric_limits<std::uint64_t>::max()});
+    if (after == clients_.begin() || std::prev(after)->first.pid != pid) {
+        return std::nullopt;
+    }
+    return std::prev(after)->first;
 }
 
 void ClientRegistry::setRegistered(const ClientKey& client, bool registered) {

@@ -42,6 +42,8 @@ public:
     [[nodiscard]] bool empty() const;
 
 private:
+    [[nodiscard]] std::optional<ClientKey> knownClient(pid_t pid) const;
+
     const ProcessTable& processes_;
     mutable Mutex mutex_;
     /// Whether each client has registered.

@@ -46,7 +46,8 @@ long milliseconds(Clock::Duration timeout) {
 /// The state of one request.
 struct CurlConnection::Exchange {
     CURL* handle;
-    HTTPResponse response;
+    const std::string& pidNamespace;
+    HTTPResponse response{};
     /// Whether the connection was opened for this request and must be checked; an older one was checked before.
     bool newSocket = false;
     bool foreignPeer = false;
@@ -59,10 +60,12 @@ struct CurlConnection::Exchange {
 };
 
 CurlConnection::CurlConnection()
-    : headers_(nullptr, curl_slist_free_all)
+    : pidNamespace_(std::to_string(pidNamespace()))
+    , headers_(nullptr, curl_slist_free_all)
+    , addresses_(nullptr, curl_slist_free_all)
     , handle_(nullptr, curl_easy_cleanup) {
     // curl omits a header that has no value.
-    const std::string pids = fmt::format("{}: {}", kPidNamespaceHeader, pidNamespace());
+    const std::string pids = fmt::format("{}: {}", kPidNamespaceHeader, pidNamespace_);
     for (const char* header : {"Expect:", "Content-Type:", pids.c_str()}) {
         if (curl_slist* longer = curl_slist_append(headers_.get(), header)) {
             (void)headers_.release();
@@ -100,22 +103,38 @@ bool CurlConnection::makeHandle() {
     return true;
 }
 
-HTTPResponse CurlConnection::send(const HTTPRequest& request) {
-    const auto url = readLoopbackURL(request.url);
-    if (const auto* refusal = std::get_if<std::string>(&url)) {
-        return {{}, 0, *refusal};
+std::optional<std::string> CurlConnection::setAddress(const std::string& url) {
+    if (handle_ && url == url_) {
+        return std::nullopt;
     }
-    const auto& [host, port] = std::get<LoopbackURL>(url);
+    auto parsed = readLoopbackURL(url);
+    if (auto* const refusal = std::get_if<std::string>(&parsed)) {
+        return std::move(*refusal);
+    }
+    const long port = std::get<LoopbackURL>(parsed).port;
     // "localhost" is resolved here, without the name service and /etc/hosts.
-    const List addresses(curl_slist_append(nullptr, fmt::format("localhost:{}:127.0.0.1,[::1]", port).c_str()),
-                         curl_slist_free_all);
+    List addresses(curl_slist_append(nullptr, fmt::format("localhost:{}:127.0.0.1,[::1]", port).c_str()),
+                   curl_slist_free_all);
     if (!addresses || !makeHandle()) {
-        return {{}, 0, "Out of memory."};
+        return "Out of memory.";
+    }
+    url_.clear();  // until both are set
+    if (curl_easy_setopt(handle_.get(), CURLOPT_RESOLVE, addresses.get()) != CURLE_OK ||
+        curl_easy_setopt(handle_.get(), CURLOPT_URL, url.c_str()) != CURLE_OK) {
+        return "Out of memory.";
+    }
+    addresses_ = std::move(addresses);
+    url_ = url;
+    port_ = port;
+    return std::nullopt;
+}
+
+HTTPResponse CurlConnection::send(const HTTPRequest& request) {
+    if (auto refusal = setAddress(request.url)) {
+        return {{}, 0, std::move(refusal)};
     }
     CURL* const handle = handle_.get();
-    Exchange exchange{handle, {}};
-    curl_easy_setopt(handle, CURLOPT_URL, request.url.c_str());
-    curl_easy_setopt(handle, CURLOPT_RESOLVE, addresses.get());
+    Exchange exchange{handle, pidNamespace_};
     curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, milliseconds(request.timeout));
     if (request.body) {
         curl_easy_setopt(handle, CURLOPT_POST, 1L);
@@ -131,13 +150,12 @@ HTTPResponse CurlConnection::send(const HTTPRequest& request) {
     curl_easy_setopt(handle, CURLOPT_HEADERDATA, &exchange);
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, &exchange);
     const CURLcode code = curl_easy_perform(handle);
-    curl_easy_setopt(handle, CURLOPT_RESOLVE, nullptr);
     curl_easy_setopt(handle, CURLOPT_POSTFIELDS, nullptr);
     if (code != CURLE_OK) {
-        exchange.response.error = errorText(code, exchange, port);
+        exchange.response.error = errorText(code, exchange, port_);
     } else if (!exchange.response.body) {
         // curl takes truncated headers for the end of a response without a body.
-        exchange.response.error = errorText(CURLE_GOT_NOTHING, exchange, port);
+        exchange.response.error = errorText(CURLE_GOT_NOTHING, exchange, port_);
     }
     if (exchange.foreignPeer) {
         handle_.reset();  // otherwise curl would reuse the connection for the next request
@@ -205,7 +223,7 @@ std::size_t CurlConnection::headerReceived(char* bytes, std::size_t size, std::s
     } else if (const auto server = headerValue(line, "server")) {
         exchange.fromOurServer = isCompatibleServer(*server);
     } else if (const auto pids = headerValue(line, "krv-pid-namespace")) {
-        exchange.fromElsewhere = *pids != std::to_string(pidNamespace());
+        exchange.fromElsewhere = *pids != exchange.pidNamespace;
     }
     if (line == "\r\n" || line == "\n") {
         long status = 0;

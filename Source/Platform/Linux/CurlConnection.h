@@ -26,14 +26,22 @@ private:
     using List = std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)>;
 
     [[nodiscard]] bool makeHandle();
+    /// Sets the address of the next request, unless it is that of the previous one. Returns why it cannot be used, or
+    /// nothing.
+    [[nodiscard]] std::optional<std::string> setAddress(const std::string& url);
     [[nodiscard]] static std::string errorText(CURLcode code, const Exchange& exchange, long port);
     static int socketOpened(void* exchange, curl_socket_t socket, curlsocktype purpose);
     static int aboutToSend(void* exchange, char* peer, char* local, int peerPort, int localPort);
     static std::size_t headerReceived(char* bytes, std::size_t size, std::size_t count, void* exchange);
     static std::size_t bodyReceived(char* bytes, std::size_t size, std::size_t count, void* exchange);
 
+    const std::string pidNamespace_;
     List headers_;
+    List addresses_;
     Handle handle_;
+    /// The address that is set in the handle.
+    std::string url_;
+    long port_ = 0;
 };
 
 }  // namespace krv

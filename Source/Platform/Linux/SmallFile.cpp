@@ -1,7 +1,6 @@
 #include "SmallFile.h"
 
-#include <cstdio>
-#include <memory>
+#include <cerrno>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,31 +9,46 @@
 namespace krv {
 namespace {
 
-struct Close {
-    void operator()(std::FILE* file) const { std::fclose(file); }
+/// A file that is closed at the end of its scope.
+struct OpenFile {
+    const int descriptor;
+    explicit OpenFile(const std::string& path)
+        : descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {}
+    ~OpenFile() {
+        if (descriptor >= 0) {
+            ::close(descriptor);
+        }
+    }
+    OpenFile(const OpenFile&) = delete;
+    OpenFile& operator=(const OpenFile&) = delete;
 };
 
 }  // namespace
 
 std::optional<std::string> readSmallFile(const std::string& path, std::size_t limit) {
-    const int opened = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-    const std::unique_ptr<std::FILE, Close> file(opened < 0 ? nullptr : ::fdopen(opened, "r"));
-    if (!file && opened >= 0) {
-        ::close(opened);
-    }
+    const OpenFile file(path);
     struct stat status {};
-    if (!file || ::fstat(opened, &status) != 0 || !S_ISREG(status.st_mode)) {
+    if (file.descriptor < 0 || ::fstat(file.descriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
         return std::nullopt;
     }
     std::string contents;
     char buffer[4096];
-    while (const std::size_t count = std::fread(buffer, 1, sizeof buffer, file.get())) {
-        contents.append(buffer, count);
+    for (;;) {
+        const ssize_t count = ::read(file.descriptor, buffer, sizeof buffer);
+        if (count == 0) {
+            return contents;
+        }
+        if (count < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return std::nullopt;
+        }
+        contents.append(buffer, static_cast<std::size_t>(count));
         if (contents.size() > limit) {
             return std::nullopt;
         }
     }
-    return std::ferror(file.get()) == 0 ? std::optional(std::move(contents)) : std::nullopt;
 }
 
 }  // namespace krv
