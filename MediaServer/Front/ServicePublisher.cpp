@@ -141,9 +141,9 @@ private:
 
 ServicePublisher::ServicePublisher(std::string name, std::uint16_t port)
     : name_(std::move(name))
-    , port_(port)
-    , responder_(std::make_unique<Responder>(name_, port_)) {
-    writeRecord();
+    , port_(port) {
+    writeRecord();  // first, because clients that wait for it find the server at once
+    responder_ = std::make_unique<Responder>(name_, port_);
 }
 
 ServicePublisher::~ServicePublisher() = default;
