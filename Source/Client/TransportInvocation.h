@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include <KRVQTProcessClient/Client/OperationWait.h>
 #include <KRVQTProcessClient/Foundation/Dictionary.h>
 #include <KRVQTProcessClient/Foundation/Error.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
@@ -40,15 +41,7 @@ public:
     [[nodiscard]] float progressTimeoutDuration() const;
     void setProgressTimeoutDuration(float seconds);
 
-    /// How a waiting call learns of progress.
-    enum class Pace : std::uint8_t {
-        /// Asks every half second. A call may notice the end of its work that much later.
-        HalfSecond,
-        /// Asks again as soon as a reply has arrived, and relies on the server to hold each reply until there is news.
-        /// So a call notices the end of its work within milliseconds. A server that holds nothing is asked at most four
-        /// times a second while nothing changes.
-        WithTheServer,
-    };
+    using Pace = OperationWait::Pace;
     /// Default HalfSecond. Set it before the call.
     void setPace(Pace pace);
 
