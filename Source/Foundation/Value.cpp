@@ -45,45 +45,6 @@ Value::Value(krv::Array v)
 Value::Value(krv::Dictionary v)
     : storage_(DictionaryRef(std::make_shared<const krv::Dictionary>(std::move(v)))) {}
 
-Value::Value(StringRef v) noexcept {
-    if (v) {
-        storage_ = std::move(v);
-    }
-}
-
-Value::Value(DataRef v) noexcept {
-    if (v) {
-        storage_ = std::move(v);
-    }
-}
-
-Value::Value(ArrayRef v) noexcept {
-    if (v) {
-        storage_ = std::move(v);
-    }
-}
-
-Value::Value(DictionaryRef v) noexcept {
-    if (v) {
-        storage_ = std::move(v);
-    }
-}
-
-Value::Value(std::shared_ptr<krv::Dictionary> v) noexcept
-    : Value(DictionaryRef(std::move(v))) {}
-
-Value::Value(ErrorRef v) noexcept {
-    if (v) {
-        storage_ = std::move(v);
-    }
-}
-
-Value::Value(ObjectRef v) noexcept {
-    if (v) {
-        storage_ = std::move(v);
-    }
-}
-
 std::int64_t Value::integerValue() const noexcept {
     switch (kind()) {
     case Kind::Boolean:

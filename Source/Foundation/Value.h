@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -65,8 +66,11 @@ public:
     using DictionaryRef = std::shared_ptr<const krv::Dictionary>;
     using ErrorRef = std::shared_ptr<const krv::Error>;
     using ObjectRef = std::shared_ptr<const Archivable>;
+    using Storage = std::variant<std::monostate, bool, std::int64_t, float, double, StringRef, DataRef, krv::Date,
+                                 krv::Size, ArrayRef, DictionaryRef, ErrorRef, ObjectRef>;
 
-    /// Creates the null value. The other constructors create it from a null reference.
+    /// Creates the null value. The other constructors create it from a null reference. They create the contents in
+    /// place, because assigning them to a variant would be slower.
     Value() noexcept = default;
     Value(std::nullptr_t) noexcept {}
     Value(bool v) noexcept
@@ -86,20 +90,27 @@ public:
     Value(const char* utf8);
     Value(std::string_view utf8);
     Value(std::string utf8);
-    Value(StringRef v) noexcept;
+    Value(StringRef v) noexcept
+        : storage_(v ? Storage(std::move(v)) : Storage()) {}
     Value(krv::Data v);
-    Value(DataRef v) noexcept;
+    Value(DataRef v) noexcept
+        : storage_(v ? Storage(std::move(v)) : Storage()) {}
     Value(krv::Date v) noexcept
         : storage_(v) {}
     Value(krv::Size v) noexcept
         : storage_(v) {}
     Value(krv::Array v);
-    Value(ArrayRef v) noexcept;
+    Value(ArrayRef v) noexcept
+        : storage_(v ? Storage(std::move(v)) : Storage()) {}
     Value(krv::Dictionary v);
-    Value(DictionaryRef v) noexcept;
-    Value(std::shared_ptr<krv::Dictionary> v) noexcept;
-    Value(ErrorRef v) noexcept;
-    Value(ObjectRef v) noexcept;
+    Value(DictionaryRef v) noexcept
+        : storage_(v ? Storage(std::move(v)) : Storage()) {}
+    Value(std::shared_ptr<krv::Dictionary> v) noexcept
+        : Value(DictionaryRef(std::move(v))) {}
+    Value(ErrorRef v) noexcept
+        : storage_(v ? Storage(std::move(v)) : Storage()) {}
+    Value(ObjectRef v) noexcept
+        : storage_(v ? Storage(std::move(v)) : Storage()) {}
     template <typename T>
     requires std::is_base_of_v<Archivable, T> Value(std::shared_ptr<T> v)
     noexcept
@@ -140,8 +151,6 @@ public:
     /// Compares kind and contents, containers element by element.
     friend KRV_EXPORT bool operator==(const Value& a, const Value& b);
 
-    using Storage = std::variant<std::monostate, bool, std::int64_t, float, double, StringRef, DataRef, krv::Date,
-                                 krv::Size, ArrayRef, DictionaryRef, ErrorRef, ObjectRef>;
     /// For code that handles every kind, such as the archiver.
     [[nodiscard]] const Storage& storage() const noexcept { return storage_; }
 
