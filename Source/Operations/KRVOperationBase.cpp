@@ -15,8 +15,6 @@ KRVOperationBase::KRVOperationBase()
     setRegInfoPID(std::int64_t{::getpid()});
 }
 
-KRVOperationBase::KRVOperationBase(Undecoded) {}
-
 KRVOperationBase::~KRVOperationBase() = default;
 
 // Factories.

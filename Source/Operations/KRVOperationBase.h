@@ -46,6 +46,8 @@ public:
 
     /// Creates a record of type 0 with no result and this process's id as the only argument.
     KRVOperationBase();
+    /// Decodes a record.
+    explicit KRVOperationBase(KeyedUnarchiver& coder);
     ~KRVOperationBase() override;
     KRVOperationBase(const KRVOperationBase&) = delete;
     KRVOperationBase& operator=(const KRVOperationBase&) = delete;
@@ -176,9 +178,9 @@ public:
     [[nodiscard]] static std::shared_ptr<Archivable> initWithCoder(KeyedUnarchiver& coder);
 
 private:
-    /// Selects the constructor for decoding, which fills in nothing.
-    struct Undecoded {};
-    explicit KRVOperationBase(Undecoded);
+    /// The fields of an archived record.
+    struct Decoded;
+    explicit KRVOperationBase(Decoded fields) noexcept;
 
     [[nodiscard]] static Ref ofType(OperationType type);
     [[nodiscard]] static Ref addressing(OperationType type, std::optional<std::string> operationID);

@@ -1,5 +1,6 @@
 // The record's archive form: fourteen keyed values in a fixed order. Client and server use these keys and class names.
 #include <array>
+#include <utility>
 
 #include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Foundation/KeyedArchiver.h>
@@ -56,26 +57,57 @@ void KRVOperationBase::encodeWithCoder(KeyedArchiver& coder) const {
     coder.encodeObject(kArgumentsKey, Value(arguments()));
 }
 
+/// Decoded in the order of the members, which is the order of the archive.
+struct KRVOperationBase::Decoded {
+    explicit Decoded(KeyedUnarchiver& coder)
+        : error(coder.decodeObject(kErrorKey, Value::Kind::Error).error())
+        , uniqueID(coder.decodeObject(kUniqueIDKey, Value::Kind::String).string())
+        , operationType(coder.decodeInt32(kTypeKey))
+        , cancelled(coder.decodeBool(kCancelledKey))
+        , completed(coder.decodeBool(kCompletedKey))
+        , progress(coder.decodeFloat(kProgressKey))
+        , isClientRegistered(coder.decodeBool(kIsClientRegisteredKey)) {
+        const auto flag = [&coder](std::string_view key) {
+            return static_cast<std::int8_t>(coder.decodeBool(key) ? 1 : 0);
+        };
+        testInfo.shouldError = flag(kShouldErrorKey);
+        testInfo.shouldComplete = flag(kShouldCompleteKey);
+        testInfo.shouldThrow = flag(kShouldThrowKey);
+        testInfo.shouldCrash = flag(kShouldCrashKey);
+        testInfo.timeToLive = coder.decodeInt32(kTimeToLiveKey);
+        result = coder.decodeMutableDictionary(kResultKey);
+        arguments = coder.decodeMutableDictionary(kArgumentsKey);
+    }
+
+    std::shared_ptr<const Error> error;
+    Value::StringRef uniqueID;
+    std::int32_t operationType;
+    bool cancelled;
+    bool completed;
+    float progress;
+    bool isClientRegistered;
+    TestOpInfo testInfo;
+    std::shared_ptr<Dictionary> result;
+    std::shared_ptr<Dictionary> arguments;
+};
+
+KRVOperationBase::KRVOperationBase(KeyedUnarchiver& coder)
+    : KRVOperationBase(Decoded(coder)) {}
+
+KRVOperationBase::KRVOperationBase(Decoded fields) noexcept
+    : operationType_(fields.operationType)
+    , progress_(fields.progress)
+    , completed_(fields.completed)
+    , cancelled_(fields.cancelled)
+    , isClientRegistered_(fields.isClientRegistered)
+    , testInfo_(fields.testInfo)
+    , error_(std::move(fields.error))
+    , uniqueID_(std::move(fields.uniqueID))
+    , arguments_(std::move(fields.arguments))
+    , result_(std::move(fields.result)) {}
+
 std::shared_ptr<Archivable> KRVOperationBase::initWithCoder(KeyedUnarchiver& coder) {
-    const std::shared_ptr<KRVOperationBase> record(new KRVOperationBase(Undecoded{}));
-    record->setError(coder.decodeObject(kErrorKey, Value::Kind::Error).error());
-    record->setSharedUniqueID(coder.decodeObject(kUniqueIDKey, Value::Kind::String).string());
-    record->operationType_ = coder.decodeInt32(kTypeKey);
-    record->cancelled_ = coder.decodeBool(kCancelledKey);
-    record->completed_ = coder.decodeBool(kCompletedKey);
-    record->progress_ = coder.decodeFloat(kProgressKey);
-    record->isClientRegistered_ = coder.decodeBool(kIsClientRegisteredKey);
-    const auto flag = [&coder](std::string_view key) {
-        return static_cast<std::int8_t>(coder.decodeBool(key) ? 1 : 0);
-    };
-    record->testInfo_.shouldError = flag(kShouldErrorKey);
-    record->testInfo_.shouldComplete = flag(kShouldCompleteKey);
-    record->testInfo_.shouldThrow = flag(kShouldThrowKey);
-    record->testInfo_.shouldCrash = flag(kShouldCrashKey);
-    record->testInfo_.timeToLive = coder.decodeInt32(kTimeToLiveKey);
-    record->setResult(coder.decodeMutableDictionary(kResultKey));
-    record->setArguments(coder.decodeMutableDictionary(kArgumentsKey));
-    return record;
+    return std::make_shared<KRVOperationBase>(coder);
 }
 
 Data KRVOperationBase::convertToData() const {
