@@ -52,10 +52,16 @@ Dictionary Dictionary::fromEntries(std::vector<Entry> entries, Mutability mutabi
     return result;
 }
 
-Dictionary Dictionary::mutableCopy() const {
+Dictionary Dictionary::mutableCopy() const& {
     Dictionary copy(Mutability::Mutable);
     copy.entries_ = entries_;
     return copy;
+}
+
+Dictionary Dictionary::mutableCopy() && noexcept {
+    Dictionary same(Mutability::Mutable);
+    same.entries_.swap(entries_);
+    return same;
 }
 
 std::vector<Dictionary::Entry>::iterator Dictionary::position(std::string_view key) noexcept {

@@ -35,7 +35,9 @@ public:
     [[nodiscard]] static Dictionary fromEntries(std::vector<Entry> entries, Mutability mutability);
 
     /// Returns a mutable copy that shares the values.
-    [[nodiscard]] Dictionary mutableCopy() const;
+    [[nodiscard]] Dictionary mutableCopy() const&;
+    /// Returns the same entries as a mutable dictionary, and leaves this one empty.
+    [[nodiscard]] Dictionary mutableCopy() && noexcept;
 
     [[nodiscard]] Mutability mutability() const noexcept { return mutability_; }
     [[nodiscard]] std::size_t size() const noexcept { return entries_.size(); }

@@ -59,6 +59,16 @@ TEST(Dictionary, ACopyHasTheEntries) {
     EXPECT_FALSE(d == (Dictionary{{"a", 1}, {"c", "two"}}));
 }
 
+TEST(Dictionary, ACopyOfAnExpiringDictionaryTakesItsEntries) {
+    Dictionary d = Dictionary::fromEntries({{std::make_shared<const std::string>("a"), Value(1)}},
+                                           Dictionary::Mutability::Immutable);
+    const Value* const entry = d.find("a");
+    Dictionary taken = std::move(d).mutableCopy();
+    EXPECT_EQ(taken.find("a"), entry);
+    taken.set("b", 2);
+    EXPECT_EQ(taken, (Dictionary{{"a", 1}, {"b", 2}}));
+}
+
 TEST(Dictionary, StoresNullAsAValue) {
     Dictionary d;
     d.set("a", Value());
