@@ -53,10 +53,34 @@ Reader::Reader(std::span<const std::byte> bytes)
     if (topObject_ >= objectCount_) {
         refuse("missing top object");
     }
+    table_ = bytes_ + tableOffset_;
+    offsetShift_ = static_cast<unsigned>(64 - 8 * offsetSize_);
+    referenceShift_ = static_cast<unsigned>(64 - 8 * referenceSize_);
+    units_[static_cast<std::size_t>(Unit::Reference)] = static_cast<std::uint8_t>(referenceSize_);
+    units_[static_cast<std::size_t>(Unit::TwoReferences)] = static_cast<std::uint8_t>(2 * referenceSize_);
 }
 
-Node Reader::node(std::uint64_t index) const {
-    const std::uint8_t* p = bytes_ + offset(index);
+constexpr Reader::Shapes Reader::shapes() {
+    Shapes all{};
+    for (unsigned low = 0; low < 4; ++low) {
+        all[0x10 + low] = {Type::Integer, static_cast<std::uint8_t>(1U << low), Unit::None};
+        all[0x80 + low] = {Type::Uid, static_cast<std::uint8_t>(low + 1), Unit::None};
+    }
+    all[0x22] = {Type::Real32, 4, Unit::None};
+    all[0x23] = {Type::Real64, 8, Unit::None};
+    for (unsigned count = 0; count < 16; ++count) {
+        all[0x40 + count] = {Type::Data, 0, Unit::Byte};
+        all[0x50 + count] = {Type::Ascii, 0, Unit::Byte};
+        all[0x60 + count] = {Type::Utf16, 0, Unit::TwoBytes};
+        all[0xA0 + count] = {Type::Array, 0, Unit::Reference};
+        all[0xD0 + count] = {Type::Dictionary, 0, Unit::TwoReferences};
+    }
+    return all;
+}
+
+constinit const Reader::Shapes Reader::kShapes = shapes();
+
+Node Reader::anyNode(const std::uint8_t* p) const {
     const std::uint8_t* const end = bytes_ + tableOffset_;
     const unsigned marker = *p++;
     const unsigned low = marker & 0x0FU;
@@ -142,7 +166,7 @@ Node Reader::node(std::uint64_t index) const {
     case 0xA:
         return counted(Type::Array, referenceSize_);
     case 0xD:
-        return counted(Type::Dictionary, std::uint64_t{2} * referenceSize_);
+        return counted(Type::Dictionary, 2 * referenceSize_);
     default:
         refuse("unknown kind of object");
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -17,12 +18,18 @@ namespace krv::plist {
 /// Throws Exception kMalformedArchiveException with this reason.
 [[noreturn]] void refuse(const char* why);
 
+/// Reads the big-endian unsigned integer that remains when the eight bytes at p are shifted to the right by so many
+/// bits.
+[[nodiscard]] inline std::uint64_t bigEndianShifted(const std::uint8_t* p, unsigned shift) noexcept {
+    std::uint64_t v = 0;
+    std::memcpy(&v, p, sizeof v);
+    return __builtin_bswap64(v) >> shift;
+}
+
 /// Reads a big-endian unsigned integer of 1 to 8 bytes. Eight bytes must be readable at p for any size; in a property
 /// list at least the trailer follows every number.
 [[nodiscard]] inline std::uint64_t bigEndian(const std::uint8_t* p, unsigned size) noexcept {
-    std::uint64_t v = 0;
-    std::memcpy(&v, p, sizeof v);
-    return __builtin_bswap64(v) >> (64 - 8 * size);
+    return bigEndianShifted(p, 64 - 8 * size);
 }
 
 enum class Type : std::uint8_t { Boolean, Integer, Real32, Real64, Date, Data, Ascii, Utf16, Uid, Array, Dictionary };
@@ -57,41 +64,55 @@ public:
     [[nodiscard]] std::uint64_t byteCount() const noexcept { return size_; }
 
     /// Returns the object with this number, which must be below objectCount().
-    [[nodiscard]] Node node(std::uint64_t index) const;
+    ///
+    /// The path of the usual kinds and widths is inline for speed: an archive of a few hundred bytes has dozens of them.
+    [[nodiscard]] Node node(std::uint64_t index) const {
+        const std::uint8_t* const p = object(index);
+        const Shape shape = kShapes[*p];
+        if (shape.size != 0 && fits(p + 1, shape.size)) {
+            return {shape.type, 0, p + 1, bigEndian(p + 1, shape.size)};
+        }
+        if (shape.unit != Unit::None) {
+            const Contents contents = shortContents(p);
+            if (fits(contents.body, contents.count * units_[static_cast<std::size_t>(shape.unit)])) {
+                return {shape.type, contents.count, contents.body, 0};
+            }
+        }
+        return anyNode(p);
+    }
 
     /// Returns the ASCII text with this number, empty for any other object. Faster than node() for short texts, such as
     /// keys.
     [[nodiscard]] std::string_view asciiText(std::uint64_t index) const {
-        const std::uint8_t* const p = bytes_ + offset(index);
-        const unsigned count = *p & 0x0FU;
-        if (*p >> 4 == 0x5 && count < 15 && p + 1 + count <= bytes_ + tableOffset_) {
-            return {reinterpret_cast<const char*>(p + 1), count};
+        const std::uint8_t* const p = object(index);
+        if (*p >> 4 == 0x5) {
+            const Contents contents = shortContents(p);
+            if (fits(contents.body, contents.count)) {
+                return {reinterpret_cast<const char*>(contents.body), contents.count};
+            }
         }
-        const Node text = node(index);
+        const Node text = anyNode(p);
         return text.type == Type::Ascii ? text.ascii() : std::string_view();
     }
 
     /// Returns the UID with this number, 0 for any other object. Faster than node() for the usual widths.
     [[nodiscard]] std::uint64_t uid(std::uint64_t index) const {
-        const std::uint8_t* const p = bytes_ + offset(index);
+        const std::uint8_t* const p = object(index);
         const unsigned size = (*p & 0x0FU) + 1;
-        if (*p >> 4 == 0x8 && size <= 4 && p + 1 + size <= bytes_ + tableOffset_) {
+        if (*p >> 4 == 0x8 && size <= 4 && fits(p + 1, size)) {
             return bigEndian(p + 1, size);
         }
-        const Node uid = node(index);
+        const Node uid = anyNode(p);
         return uid.type == Type::Uid ? uid.bits : 0;
     }
 
-    /// Returns whether the object with this number is a boolean, an integer or a float. The object must be well-formed.
-    [[nodiscard]] bool isNumber(std::uint64_t index) const { return bytes_[offset(index)] >> 4 <= 0x2; }
-
     /// Has the processor load the beginning of the object with this number, which will be needed soon.
-    void prefetch(std::uint64_t index) const { __builtin_prefetch(bytes_ + offset(index)); }
+    void prefetch(std::uint64_t index) const { __builtin_prefetch(object(index)); }
 
     /// Returns the number of the i-th element of an array, or of a dictionary's i-th key (count + i for its i-th
     /// value).
     [[nodiscard]] std::uint64_t reference(const Node& container, std::uint64_t i) const {
-        const std::uint64_t index = bigEndian(container.body + i * referenceSize_, referenceSize_);
+        const std::uint64_t index = bigEndianShifted(container.body + i * referenceSize_, referenceShift_);
         if (index >= objectCount_) {
             refuse("reference to a missing object");
         }
@@ -99,23 +120,68 @@ public:
     }
 
 private:
-    [[nodiscard]] std::uint64_t offset(std::uint64_t index) const {
-        const std::uint64_t offset = bigEndian(bytes_ + tableOffset_ + index * offsetSize_, offsetSize_);
-        if (offset < kHeaderSize || offset >= tableOffset_) {
+    /// What one unit of an object's count takes.
+    enum class Unit : std::uint8_t { None, Byte, TwoBytes, Reference, TwoReferences };
+    /// What the first byte of an object says about it.
+    struct Shape {
+        Type type = Type::Boolean;
+        /// Bytes of a scalar of the usual widths, otherwise 0.
+        std::uint8_t size = 0;
+        /// None unless the object has a count.
+        Unit unit = Unit::None;
+    };
+    using Shapes = std::array<Shape, 256>;
+    static const Shapes kShapes;
+    [[nodiscard]] static constexpr Shapes shapes();
+
+    /// Returns the first byte of the object with this number.
+    [[nodiscard]] const std::uint8_t* object(std::uint64_t index) const {
+        const std::uint64_t offset = bigEndianShifted(table_ + index * offsetSize_, offsetShift_);
+        // One comparison for both ends: an offset below the header's size becomes a large number.
+        if (offset - kHeaderSize >= tableOffset_ - kHeaderSize) {
             refuse("offset out of range");
         }
-        return offset;
+        return bytes_ + offset;
     }
+
+    /// Returns whether that many bytes, fewer than 2^62, lie between this place and the offset table.
+    [[nodiscard]] bool fits(const std::uint8_t* place, std::uint64_t size) const {
+        return static_cast<std::uint64_t>(place - bytes_) + size <= tableOffset_;
+    }
+
+    struct Contents {
+        std::uint64_t count;
+        const std::uint8_t* body;
+    };
+    /// Returns the contents of an object whose count is below 256, and for any other a count that does not fit. The two
+    /// bytes after the first can be read, because the trailer follows.
+    [[nodiscard]] static Contents shortContents(const std::uint8_t* p) {
+        const unsigned count = *p & 0x0FU;
+        if (count < 15) {
+            return {count, p + 1};
+        }
+        constexpr unsigned kByteInteger = 0x10;
+        constexpr std::uint64_t kDoesNotFit = std::uint64_t{1} << 56;
+        return {p[1] == kByteInteger ? p[2] : kDoesNotFit, p + 3};
+    }
+
+    /// Returns the object at this place, of any kind and width.
+    [[nodiscard]] Node anyNode(const std::uint8_t* p) const;
 
     static constexpr std::uint64_t kHeaderSize = 8;
 
     const std::uint8_t* bytes_;
     std::uint64_t size_;
+    const std::uint8_t* table_ = nullptr;
     std::uint64_t tableOffset_ = 0;
     std::uint64_t objectCount_ = 0;
     std::uint64_t topObject_ = 0;
-    unsigned offsetSize_ = 0;
-    unsigned referenceSize_ = 0;
+    std::uint64_t offsetSize_ = 0;
+    std::uint64_t referenceSize_ = 0;
+    unsigned offsetShift_ = 0;
+    unsigned referenceShift_ = 0;
+    /// Bytes of each Unit.
+    std::array<std::uint8_t, 5> units_{0, 1, 2, 0, 0};
 };
 
 /// Converts big-endian UTF-16 to UTF-8. A lone surrogate becomes U+FFFD. A leading byte-order mark is kept as text.

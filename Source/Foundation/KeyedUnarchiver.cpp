@@ -2,6 +2,7 @@
 #include <array>
 #include <charconv>
 #include <limits>
+#include <new>
 #include <optional>
 #include <string>
 #include <utility>
@@ -11,6 +12,7 @@
 #include <KRVQTProcessClient/Foundation/BinaryPropertyList.h>
 #include <KRVQTProcessClient/Foundation/Dictionary.h>
 #include <KRVQTProcessClient/Foundation/Error.h>
+#include <KRVQTProcessClient/Foundation/KeyCache.h>
 #include <KRVQTProcessClient/Foundation/KeyedUnarchiver.h>
 
 namespace krv {
@@ -42,12 +44,49 @@ private:
 constexpr std::uint64_t kStepsPerComparison = 2;
 constexpr std::uint64_t kManyEntries = 256;
 
+/// Up to kCapacity elements, created one after another in place. References to them stay valid.
+template <typename T, std::size_t kCapacity>
+class InlineList {
+public:
+    InlineList() noexcept {}
+    ~InlineList() {
+        for (std::size_t i = 0; i < size_; ++i) {
+            std::destroy_at(&places_[i].element);
+        }
+    }
+    InlineList(const InlineList&) = delete;
+    InlineList& operator=(const InlineList&) = delete;
+
+    /// Creates an element with what make() returns. The list must not be full.
+    template <typename Make>
+    T& add(const Make& make) {
+        T* const added = ::new (static_cast<void*>(&places_[size_].element)) T(make());
+        ++size_;
+        return *added;
+    }
+    [[nodiscard]] T& operator[](std::size_t i) { return places_[i].element; }
+    [[nodiscard]] std::size_t size() const { return size_; }
+    [[nodiscard]] bool full() const { return size_ == kCapacity; }
+
+private:
+    union Place {
+        Place() noexcept {}
+        ~Place() {}
+        T element;
+    };
+    std::array<Place, kCapacity> places_;
+    std::size_t size_ = 0;
+};
+
 /// The decoding state of one stored object.
 struct Slot {
-    enum class State : std::uint8_t { New, InProgress, Decoded, ClassName };
-    State state = State::New;
-    /// Decoded: how many objects are nested in the value, along the longest path. 0 for text, data and numbers.
+    /// Lent: decoded, and the value is the dictionary that an object got from decodeMutableDictionary.
+    enum class State : std::uint8_t { InProgress, Decoded, Lent, ClassName };
+    State state = State::InProgress;
+    /// Decoded, Lent: how many objects are nested in the value, along the longest path. 0 for text, data and numbers.
     std::uint8_t height = 0;
+    /// Lent: the kind of the stored dictionary.
+    Dictionary::Mutability mutability = Dictionary::Mutability::Mutable;
     /// ClassName: the index in the class table, continued by the standard classes.
     std::uint32_t classIndex = 0;
     Value value;
@@ -60,48 +99,65 @@ class SlotTable {
 public:
     /// Pays for each slot from the budget.
     SlotTable(std::uint64_t count, Budget& memory)
-        : memory_(memory)
-        , numbers_(paid(count, memory), 0) {}
-
-    /// Returns a reference that stays valid.
-    Slot& operator[](std::uint64_t index) {
-        std::uint32_t& number = numbers_[static_cast<std::size_t>(index)];
-        if (number == 0) {
-            memory_.charge(cost::kSlotMemory);
-            number = add();
-        }
-        const std::size_t place = number - 1;
-        return place < kFirstSize ? first_[place]
-                                  : (*pages_[(place - kFirstSize) / kPageSize])[(place - kFirstSize) % kPageSize];
-    }
-
-private:
-    using Number = std::uint32_t;
-    static std::size_t paid(std::uint64_t count, Budget& memory) {
+        : memory_(memory) {
         if (count >= std::numeric_limits<Number>::max()) {
             refuse("too many objects");
         }
         memory.charge(count * cost::kNumberMemory);
-        return static_cast<std::size_t>(count);
+        if (count <= kFewNumbers) {
+            std::fill_n(fewNumbers_.begin(), count, Number{0});
+            numbers_ = fewNumbers_.data();
+        } else {
+            manyNumbers_.resize(static_cast<std::size_t>(count));
+            numbers_ = manyNumbers_.data();
+        }
     }
 
-    /// The number of slots of a small record.
-    static constexpr std::size_t kFirstSize = 32;
-    static constexpr std::size_t kPageSize = 32;
-    using Page = std::array<Slot, kPageSize>;
+    /// Returns the slot of the stored object, which stays valid; nullptr if it has none.
+    Slot* find(std::uint64_t index) {
+        const Number number = numbers_[static_cast<std::size_t>(index)];
+        if (number == 0) {
+            return nullptr;
+        }
+        const std::size_t place = number - 1;
+        return place < kPageSize ? &first_[place] : &(*pages_[place / kPageSize - 1])[place % kPageSize];
+    }
 
-    Number add() {
-        if (used_ >= kFirstSize && (used_ - kFirstSize) % kPageSize == 0) {
+    /// Pays for the slot of an object that has none, and creates it with what make() returns, in place. make() must not
+    /// add slots.
+    template <typename Make>
+    Slot& add(std::uint64_t index, const Make& make) {
+        memory_.charge(cost::kSlotMemory);
+        Slot& slot = vacantPage().add(make);
+        numbers_[static_cast<std::size_t>(index)] = ++used_;
+        return slot;
+    }
+
+private:
+    using Number = std::uint32_t;
+    /// The number of slots of a small record.
+    static constexpr std::size_t kPageSize = 32;
+    using Page = InlineList<Slot, kPageSize>;
+    /// The number of stored objects of a small record.
+    static constexpr std::size_t kFewNumbers = 128;
+
+    Page& vacantPage() {
+        if (!first_.full()) {
+            return first_;
+        }
+        if (pages_.empty() || pages_.back()->full()) {
             pages_.push_back(std::make_unique<Page>());
         }
-        return ++used_;
+        return *pages_.back();
     }
 
     Budget& memory_;
     /// By index of the stored object: the number of its slot, counted from 1; 0 if it has none.
-    std::vector<Number> numbers_;
+    Number* numbers_;
+    std::array<Number, kFewNumbers> fewNumbers_;
+    std::vector<Number> manyNumbers_;
     Number used_ = 0;
-    std::array<Slot, kFirstSize> first_;
+    Page first_;
     std::vector<std::unique_ptr<Page>> pages_;
 };
 
@@ -152,6 +208,18 @@ Size sizeFromText(std::string_view text) {
         }
     };
     const auto number = [&](double& v) {
+        // Most sizes are whole numbers of a few digits, which are exact.
+        constexpr std::ptrdiff_t kFewDigits = 9;
+        std::uint32_t whole = 0;
+        const char* digit = p;
+        while (digit != end && *digit >= '0' && *digit <= '9' && digit - p < kFewDigits) {
+            whole = 10 * whole + static_cast<std::uint32_t>(*digit++ - '0');
+        }
+        if (digit != p && digit != end && (*digit == ',' || *digit == '}')) {
+            v = whole;
+            p = digit;
+            return;
+        }
         const auto [next, failure] = std::from_chars(p, end, v);
         if (failure != std::errc()) {
             refuse("size is not of the form {w, h}");
@@ -176,14 +244,13 @@ Size sizeFromText(std::string_view text) {
 
 class KeyedUnarchiver::Decoder {
 public:
-    Decoder(std::span<const std::byte> bytes, std::span<const ArchivableClass> classes)
+    Decoder(std::span<const std::byte> bytes, std::span<const ArchivableClass> classes, KeyCache& keys)
         : reader_(bytes)
         , classes_(classes)
         , memory_(cost::memoryBudget(bytes.size()))
         , steps_(cost::stepsBudget(bytes.size()))
-        , slots_(reader_.objectCount(), memory_) {
-        fields_.reserve(kFewFields);
-    }
+        , slots_(reader_.objectCount(), memory_)
+        , keys_(keys) {}
 
     Value root() {
         const Node top = reader_.node(reader_.topObject());
@@ -216,13 +283,13 @@ public:
     // Called by initWithCoder for the object that is being decoded.
 
     [[nodiscard]] std::optional<Node> field(std::string_view key) {
-        const std::size_t count = fields_.size() - firstField_;
+        FieldList& fields = *fields_;
         // Most archives contain the keys in the order in which they are read, so continue after the last hit.
-        for (std::size_t n = 0; n < count; ++n) {
-            if (nextField_ >= fields_.size()) {
-                nextField_ = firstField_;
+        for (std::size_t n = 0; n < fields.list.size(); ++n) {
+            if (fields.next == fields.list.size()) {
+                fields.next = 0;
             }
-            const Field& field = fields_[nextField_++];
+            const Field& field = fields.list[fields.next++];
             if (field.key == key) {
                 return reader_.node(field.value);
             }
@@ -236,26 +303,28 @@ public:
 
     const Value& reference(const Node& node) {
         static const Value null;
-        if (node.type != Type::Uid) {
-            refuse("expected a reference, found an inline value");
-        }
+        requireReference(node);
         return node.bits == 0 ? null : object(node.bits);
     }
 
     std::shared_ptr<Dictionary> mutableDictionary(const std::optional<Node>& node) {
-        const Value value = node ? reference(*node) : Value();
-        if (value.isNull()) {
-            // An empty dictionary takes the place of null, and is an object when it is written.
-            nest(1);
-            return std::make_shared<Dictionary>();
+        if (isNull(node)) {
+            return emptyDictionary();
         }
-        const Value::DictionaryRef stored = value.dictionary();
-        if (!stored) {
+        requireReference(*node);
+        const std::uint64_t index = storedIndex(node->bits);
+        const bool isFirst = !slots_.find(index);
+        const Value& value = stored(index);
+        if (value.isNull()) {
+            return emptyDictionary();
+        }
+        const Value::DictionaryRef dictionary = value.dictionary();
+        if (!dictionary) {
             refuse("object of the wrong kind");
         }
-        memory_.charge(cost::copyMemory(stored->size()));
-        steps_.charge(stored->size());
-        return std::make_shared<Dictionary>(stored->mutableCopy());
+        memory_.charge(cost::copyMemory(dictionary->size()));
+        steps_.charge(dictionary->size());
+        return isFirst ? lent(*slots_.find(index)) : std::make_shared<Dictionary>(dictionary->mutableCopy());
     }
 
 private:
@@ -263,6 +332,40 @@ private:
         std::string_view key;
         std::uint64_t value;
     };
+    /// No class of ours has more keys than this.
+    static constexpr std::size_t kMostFields = 32;
+    /// The fields of the object that is being decoded.
+    struct FieldList {
+        InlineList<Field, kMostFields> list;
+        /// Where the next search starts.
+        std::size_t next = 0;
+    };
+    /// Makes a list the current one for its own lifetime.
+    class CurrentFields {
+    public:
+        CurrentFields(FieldList*& current, FieldList& fields)
+            : current_(current)
+            , outer_(std::exchange(current, &fields)) {}
+        ~CurrentFields() { current_ = outer_; }
+        CurrentFields(const CurrentFields&) = delete;
+        CurrentFields& operator=(const CurrentFields&) = delete;
+
+    private:
+        FieldList*& current_;
+        FieldList* const outer_;
+    };
+
+    /// Returns what takes the place of null, and is an object when it is written.
+    std::shared_ptr<Dictionary> emptyDictionary() {
+        nest(1);
+        return std::make_shared<Dictionary>();
+    }
+
+    static void requireReference(const Node& node) {
+        if (node.type != Type::Uid) {
+            refuse("expected a reference, found an inline value");
+        }
+    }
 
     /// Notes that the object that is being decoded contains one of this height. Containers may be shared, so the depth
     /// at which one was first reached says nothing about where else it is.
@@ -277,7 +380,7 @@ private:
     template <typename T>
     static void growFor(std::vector<T>& list, std::uint64_t count) {
         if (list.size() == list.capacity()) {
-            const std::size_t wanted = std::max(kFewEntries, 2 * list.size());
+            const std::size_t wanted = std::max(kFewEntries, 4 * list.size());
             list.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(count, wanted)));
         }
     }
@@ -288,26 +391,56 @@ private:
 
     /// Refuses other bytes in ASCII text, so that all decoded text is UTF-8.
     static void requireAscii(std::string_view text) {
-        unsigned char seen = 0;
-        for (const char c : text) {
-            seen = static_cast<unsigned char>(seen | static_cast<unsigned char>(c));
+        std::uint64_t seen = 0;
+        const char* p = text.data();
+        std::size_t left = text.size();
+        for (; left >= 8; left -= 8, p += 8) {
+            seen |= plist::load<std::uint64_t>(p);
         }
-        if (seen >= 0x80) {
+        for (; left > 0; --left, ++p) {
+            seen |= plist::load<std::uint8_t>(p);
+        }
+        constexpr std::uint64_t kHighBits = 0x8080808080808080U;
+        if ((seen & kHighBits) != 0) {
             refuse("ASCII text contains other bytes");
         }
     }
 
+    /// A key of the standard classes.
+    struct StandardKey {
+        std::string_view text;
+        /// The stored object that was found to be this key. Most archives store each key once.
+        std::uint64_t index = std::numeric_limits<std::uint64_t>::max();
+    };
+
+    [[nodiscard]] bool isKey(std::uint64_t index, StandardKey& key) const {
+        if (index == key.index) {
+            return true;
+        }
+        if (reader_.asciiText(index) != key.text) {
+            return false;
+        }
+        key.index = index;
+        return true;
+    }
+
     std::optional<Node> findField(const Node& dictionary, std::string_view key) {
+        StandardKey once{key};
+        return findField(dictionary, once);
+    }
+
+    std::optional<Node> findField(const Node& dictionary, StandardKey& key) {
         for (std::uint64_t i = 0; i < dictionary.count; ++i) {
             steps_.charge(1);
-            if (reader_.asciiText(reader_.reference(dictionary, i)) == key) {
+            if (isKey(reader_.reference(dictionary, i), key)) {
                 return reader_.node(reader_.reference(dictionary, dictionary.count + i));
             }
         }
         return std::nullopt;
     }
 
-    Node requiredField(const Node& dictionary, std::string_view key) {
+    template <typename Key>
+    Node requiredField(const Node& dictionary, Key&& key) {
         const std::optional<Node> node = findField(dictionary, key);
         if (!node) {
             refuse("missing field");
@@ -327,28 +460,81 @@ private:
 
     /// Returns a stored object as a value, and decodes it on first use.
     const Value& stored(std::uint64_t index) {
-        Slot& slot = slots_[index];
+        Slot* const slot = slots_.find(index);
+        return slot ? known(*slot) : decoded(index, reader_.node(index));
+    }
+
+    /// Returns the value of an object that has a slot.
+    const Value& known(Slot& slot) {
         switch (slot.state) {
+        case Slot::State::Lent:
+            slot.value = Value(copyOfLent(slot));
+            slot.state = Slot::State::Decoded;
+            [[fallthrough]];
         case Slot::State::Decoded:
             nest(slot.height);
             return slot.value;
         case Slot::State::InProgress:
             refuse("object contains itself");
         case Slot::State::ClassName:
-            refuse("expected an object, found a class");
-        case Slot::State::New:
             break;
         }
-        slot.state = Slot::State::InProgress;
+        refuse("expected an object, found a class");
+    }
+
+    /// Gives away a dictionary that has just been decoded, as a mutable one. That makes a copy only if something else
+    /// refers to the dictionary, too.
+    static std::shared_ptr<Dictionary> lent(Slot& slot) {
+        auto dictionary = std::const_pointer_cast<Dictionary>(slot.value.dictionary());
+        slot.state = Slot::State::Lent;
+        slot.mutability = dictionary->mutability();
+        *dictionary = std::move(*dictionary).mutableCopy();
+        return dictionary;
+    }
+
+    static Value::DictionaryRef copyOfLent(const Slot& slot) {
+        const Dictionary& lent = *slot.value.dictionary();
+        return std::make_shared<const Dictionary>(Dictionary::fromEntries({lent.begin(), lent.end()}, slot.mutability));
+    }
+
+    /// Decodes a stored object that has no slot yet.
+    const Value& decoded(std::uint64_t index, const Node& node) {
+        if (node.type == Type::Dictionary) {
+            return decodedObject(index, node).value;
+        }
+        // Archives that we write contain a date as an object.
+        const std::uint8_t height = node.type == Type::Date ? 1 : 0;
+        nest(height);
+        return slots_.add(index, [&] { return Slot{.state = kDecoded, .height = height, .value = leaf(node)}; }).value;
+    }
+
+    /// The same for a text that is the key of a dictionary.
+    const Value& decodedKey(std::uint64_t index) {
+        const Node node = reader_.node(index);
+        if (node.type == Type::Ascii && node.count <= KeyCache::kLongest) {
+            const plist::TextScan scanned = plist::scan(text(node), seed_);
+            if (scanned.ascii) {
+                memory_.charge(cost::kObjectMemory + node.count);
+                return slots_
+                    .add(index, [&] { return Slot{.state = kDecoded, .value = keys_.shared(text(node), scanned)}; })
+                    .value;
+            }
+        }
+        return decoded(index, node);
+    }
+
+    Slot& decodedObject(std::uint64_t index, const Node& node) {
+        Slot& slot = slots_.add(index, [] { return Slot(); });
         const int outerHeight = std::exchange(height_, 0);
-        slot.value = decode(reader_.node(index));
+        slot.value = instance(node);
         slot.height = static_cast<std::uint8_t>(height_);
         height_ = std::max(outerHeight, height_);
         slot.state = Slot::State::Decoded;
-        return slot.value;
+        return slot;
     }
 
-    Value decode(const Node& node) {
+    /// Returns the value of an object that contains no others.
+    Value leaf(const Node& node) {
         switch (node.type) {
         case Type::Boolean:
             return Value(node.bits != 0);
@@ -359,7 +545,6 @@ private:
         case Type::Real64:
             return Value(node.real());
         case Type::Date:
-            nest(1);  // archives that we write contain it as an object
             return Value(Date{node.real()});
         case Type::Data: {
             memory_.charge(cost::kObjectMemory + node.count);
@@ -375,7 +560,6 @@ private:
             memory_.charge(cost::kObjectMemory + plist::utf8Length(node.body, node.count));
             return Value(plist::utf8FromUtf16(node.body, node.count));
         case Type::Dictionary:
-            return instance(node);
         case Type::Uid:
         case Type::Array:
             break;
@@ -399,7 +583,7 @@ private:
     Node classField(const Node& node) {
         for (std::uint64_t i = node.count; i-- > 0;) {
             steps_.charge(1);
-            if (reader_.asciiText(reader_.reference(node, i)) == "$class") {
+            if (isKey(reader_.reference(node, i), classKey_)) {
                 return reader_.node(reader_.reference(node, node.count + i));
             }
         }
@@ -412,18 +596,19 @@ private:
             refuse("object without a class");
         }
         const std::uint64_t index = reader_.reference(objects_, uid.bits);
-        Slot& slot = slots_[index];
-        if (slot.state == Slot::State::New) {
-            const Node description = reader_.node(index);
-            if (description.type != Type::Dictionary) {
+        if (const Slot* const slot = slots_.find(index)) {
+            if (slot->state != Slot::State::ClassName) {
                 refuse("class is not a class description");
             }
-            slot.classIndex = classNamed(text(requiredField(description, "$classname")));
-            slot.state = Slot::State::ClassName;
-        } else if (slot.state != Slot::State::ClassName) {
+            return slot->classIndex;
+        }
+        const Node description = reader_.node(index);
+        if (description.type != Type::Dictionary) {
             refuse("class is not a class description");
         }
-        return slot.classIndex;
+        const std::uint32_t known = classNamed(text(requiredField(description, classNameKey_)));
+        slots_.add(index, [&] { return Slot{.state = Slot::State::ClassName, .classIndex = known, .value = {}}; });
+        return known;
     }
 
     std::uint32_t classNamed(std::string_view name) {
@@ -446,22 +631,16 @@ private:
     Value archivable(const Node& node, const ArchivableClass& known) {
         steps_.charge(node.count);
         memory_.charge(cost::kArchivableMemory);
-        // The fields of an object follow those of the object that contains it.
-        const std::size_t outerFirst = std::exchange(firstField_, fields_.size());
-        const std::size_t outerNext = std::exchange(nextField_, fields_.size());
+        FieldList fields;
         for (std::uint64_t i = 0; i < node.count; ++i) {
             const std::string_view key = reader_.asciiText(reader_.reference(node, i));
-            // No class of ours has more keys than this.
-            if (!key.empty() && fields_.size() - firstField_ < kMostFields) {
-                fields_.push_back({key, reader_.reference(node, node.count + i)});
+            if (!key.empty() && !fields.list.full()) {
+                fields.list.add([&] { return Field{key, reader_.reference(node, node.count + i)}; });
             }
         }
+        const CurrentFields current(fields_, fields);
         KeyedUnarchiver coder(*this);
-        std::shared_ptr<Archivable> object = known.initWithCoder(coder);
-        fields_.resize(firstField_);
-        firstField_ = outerFirst;
-        nextField_ = outerNext;
-        return Value(Value::ObjectRef(std::move(object)));
+        return Value(Value::ObjectRef(known.initWithCoder(coder)));
     }
 
     Value standard(const Node& node, Standard kind) {
@@ -504,14 +683,14 @@ private:
         }
         case Standard::Array: {
             Array array;
-            const Node elements = list(node, "NS.objects");
+            const Node elements = list(node, objectsKey_);
             memory_.charge(cost::arrayMemory(elements.count));
+            Block block(*this, elements);
             for (std::uint64_t i = 0; i < elements.count; ++i) {
                 growFor(array, elements.count);
-                lookAhead(elements, i);
-                array.push_back(element(elements, i));
+                element(block[i], [&array](const auto& value) { array.emplace_back(value); });
             }
-            return Value(std::move(array));
+            return Value(std::make_shared<const Array>(std::move(array)));
         }
         case Standard::Dictionary:
             return dictionary(node, Dictionary::Mutability::Immutable);
@@ -540,7 +719,7 @@ private:
         refuse("object without its contents");
     }
 
-    Node list(const Node& node, std::string_view key) {
+    Node list(const Node& node, StandardKey& key) {
         const Node elements = requiredField(node, key);
         if (elements.type != Type::Array) {
             refuse("container without its list");
@@ -549,35 +728,90 @@ private:
         return elements;
     }
 
-    /// Returns the index of the stored object to which the i-th element of a list refers.
-    std::uint64_t elementIndex(const Node& elements, std::uint64_t i) const {
-        const std::uint64_t uid = reader_.uid(reader_.reference(elements, i));
+    /// Returns the index of the stored object to which the reference with this index leads.
+    std::uint64_t elementIndex(std::uint64_t reference) const {
+        const std::uint64_t uid = reader_.uid(reference);
         if (uid == 0) {
             refuse("element is not a reference to an object");
         }
         return storedIndex(uid);
     }
 
-    /// Has the processor load what the elements after the i-th one refer to. Where they are scattered, waiting for
-    /// memory would take most of the time. Short lists need not be fast.
-    void lookAhead(const Node& elements, std::uint64_t i) const {
-        constexpr std::uint64_t kReference = 16;
-        constexpr std::uint64_t kObject = 8;
-        if (elements.count - i > kReference) {
-            reader_.prefetch(reader_.reference(elements, i + kReference));
-            reader_.prefetch(elementIndex(elements, i + kObject));
+    /// How many elements of a list are looked up before the first of them is decoded.
+    static constexpr std::size_t kBlock = 16;
+
+    /// Some elements of a list: the indexes of the stored objects to which they refer.
+    class Block {
+    public:
+        /// Starts at the beginning of the list.
+        Block(const Decoder& decoder, const Node& elements)
+            : decoder_(decoder)
+            , elements_(elements) {}
+
+        /// Returns the index for the i-th element. To be called for each element in order.
+        std::uint64_t operator[](std::uint64_t i) {
+            if (i % kBlock == 0) {
+                fill(i);
+            }
+            return indexes_[i % kBlock];
+        }
+
+    private:
+        void fill(std::uint64_t first) {
+            const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(kBlock, elements_.count - first));
+            const plist::Reader& reader = decoder_.reader_;
+            if (reader.byteCount() < kOutOfCache) {
+                for (std::size_t i = 0; i < count; ++i) {
+                    indexes_[i] = decoder_.elementIndex(reader.reference(elements_, first + i));
+                }
+                return;
+            }
+            // Where objects are scattered, waiting for one after the other would take most of the time.
+            for (std::size_t i = 0; i < count; ++i) {
+                indexes_[i] = reader.reference(elements_, first + i);
+                reader.prefetch(indexes_[i]);
+            }
+            for (std::size_t i = 0; i < count; ++i) {
+                indexes_[i] = decoder_.elementIndex(indexes_[i]);
+                reader.prefetch(indexes_[i]);
+            }
+        }
+
+        /// The size of an archive from which on the processor's fast caches do not hold all of it.
+        static constexpr std::uint64_t kOutOfCache = 256 << 10;
+
+        const Decoder& decoder_;
+        const Node& elements_;
+        std::array<std::uint64_t, kBlock> indexes_;
+    };
+
+    /// Calls put with an element of a list: a number by itself, anything else as a value. Decoding a number again is
+    /// faster than keeping it.
+    template <typename Put>
+    void element(std::uint64_t index, const Put& put) {
+        const Node node = reader_.node(index);
+        switch (node.type) {
+        case Type::Integer:
+            put(node.integer());
+            break;
+        case Type::Boolean:
+            put(node.bits != 0);
+            break;
+        case Type::Real32:
+            put(node.real32());
+            break;
+        case Type::Real64:
+            put(node.real());
+            break;
+        default:
+            Slot* const slot = slots_.find(index);
+            put(slot ? known(*slot) : decoded(index, node));
         }
     }
 
-    /// Returns the value of the i-th element of a list. Decoding a number again is faster than keeping it.
-    Value element(const Node& elements, std::uint64_t i) {
-        const std::uint64_t index = elementIndex(elements, i);
-        return reader_.isNumber(index) ? decode(reader_.node(index)) : stored(index);
-    }
-
     Value dictionary(const Node& node, Dictionary::Mutability mutability) {
-        const Node keys = list(node, "NS.keys");
-        const Node objects = list(node, "NS.objects");
+        const Node keys = list(node, keysKey_);
+        const Node objects = list(node, objectsKey_);
         if (keys.count != objects.count) {
             refuse("different numbers of keys and values");
         }
@@ -585,10 +819,10 @@ private:
         const std::uint64_t comparisons = cost::comparisonsPerKey(keys.count);
         bool sorted = true;
         std::vector<Dictionary::Entry> entries;
+        Block keyBlock(*this, keys);
+        Block objectBlock(*this, objects);
         for (std::uint64_t i = 0; i < keys.count; ++i) {
-            lookAhead(keys, i);
-            lookAhead(objects, i);
-            Value::StringRef key = stored(elementIndex(keys, i)).string();
+            Value::StringRef key = keyAt(keyBlock[i]).string();
             if (!key) {
                 refuse("key is not a string");
             }
@@ -601,9 +835,15 @@ private:
                 }
             }
             growFor(entries, keys.count);
-            entries.emplace_back(std::move(key), element(objects, i));
+            element(objectBlock[i], [&](const auto& value) { entries.emplace_back(std::move(key), value); });
         }
-        return Value(Dictionary::fromEntries(std::move(entries), mutability));
+        // Not a constant, because it may be lent.
+        return Value(std::make_shared<Dictionary>(Dictionary::fromEntries(std::move(entries), mutability)));
+    }
+
+    const Value& keyAt(std::uint64_t index) {
+        Slot* const slot = slots_.find(index);
+        return slot ? known(*slot) : decodedKey(index);
     }
 
     Value error(const Node& node) {
@@ -619,29 +859,36 @@ private:
         return Value(std::make_shared<const Error>(domain.string(), code.integer(), userInfo.dictionary()));
     }
 
-    static constexpr std::size_t kMostFields = 32;
-    /// The number of fields of a record together with its parameters.
-    static constexpr std::size_t kFewFields = 24;
     /// The size of most containers. Larger ones grow as they are read.
     static constexpr std::size_t kFewEntries = 16;
+    static constexpr Slot::State kDecoded = Slot::State::Decoded;
 
     plist::Reader reader_;
     std::span<const ArchivableClass> classes_;
     Budget memory_;
     Budget steps_;
     SlotTable slots_;
+    KeyCache& keys_;
+    const std::uint64_t seed_ = plist::hashSeed();
     Node objects_{};
+    StandardKey classKey_{"$class"};
+    StandardKey classNameKey_{"$classname"};
+    StandardKey keysKey_{"NS.keys"};
+    StandardKey objectsKey_{"NS.objects"};
     /// How many objects contain the one that is being decoded, itself included.
     int depth_ = 0;
     /// The greatest height of the objects that it contains.
     int height_ = 0;
-    std::vector<Field> fields_;
-    std::size_t firstField_ = 0;
-    std::size_t nextField_ = 0;
+    FieldList* fields_ = nullptr;
 };
 
 Value KeyedUnarchiver::unarchive(std::span<const std::byte> bytes, std::span<const ArchivableClass> classes) {
-    return Decoder(bytes, classes).root();
+    // A thread reuses the keys of its earlier archives. Each thread has a cache of its own, which needs no lock.
+    thread_local std::unique_ptr<KeyCache> keys;
+    if (!keys) {
+        keys = std::make_unique<KeyCache>();
+    }
+    return Decoder(bytes, classes, *keys).root();
 }
 
 bool KeyedUnarchiver::decodeBool(std::string_view key) {

@@ -52,7 +52,8 @@ public:
     [[nodiscard]] float decodeFloat(std::string_view key);
     [[nodiscard]] Value decodeObject(std::string_view key);
 
-    /// The same, but returns a mutable copy of the dictionary, and an empty dictionary by default.
+    /// The same, but returns a mutable copy of the dictionary, and an empty dictionary by default. It must not be changed
+    /// before unarchive returns.
     [[nodiscard]] std::shared_ptr<Dictionary> decodeMutableDictionary(std::string_view key);
 
     /// The same, but refuses a value that is neither null nor of this kind.
