@@ -26,7 +26,8 @@ std::uint64_t hashSeed() noexcept {
     return seed;
 }
 
-AtomTable::AtomTable() {
+AtomTable::AtomTable()
+    : atoms_(kFewAtoms) {
     constexpr std::array<std::string_view, kKnownAtoms> kTexts{"$null",
                                                                "$version",
                                                                "",
@@ -50,18 +51,20 @@ AtomTable::AtomTable() {
         } else {
             this->text(text);
         }
-        atoms_.back().used = false;
+        atoms_[count_ - 1].used = false;
     }
-    knownAtoms_ = atoms_;
+    knownAtoms_.assign(atoms_.begin(), atoms_.begin() + count_);
     knownTable_ = table_;
     knownBound_ = bound_;
 }
 
 void AtomTable::clear() {
-    atoms_ = knownAtoms_;
+    std::copy(knownAtoms_.begin(), knownAtoms_.end(), atoms_.begin());
+    count_ = kKnownAtoms;
     table_ = knownTable_;
     booleans_ = {kNone, kNone};
     bound_ = knownBound_;
+    longBytes_ = 0;
     used_ = 0;
 }
 
@@ -69,13 +72,14 @@ std::size_t AtomTable::capacity() const noexcept {
     return std::max(atoms_.capacity(), table_.capacity());
 }
 
-void AtomTable::makeUtf16(Atom& atom) {
-    const std::int64_t units = utf16Length(atom.bytes);
+std::uint32_t AtomTable::addUtf16(std::string_view text, std::uint32_t hash) {
+    const std::int64_t units = utf16Length(text);
     if (units < 0) {
         cannotArchive("text that is not UTF-8 cannot be archived");
     }
-    atom.kind = Atom::Kind::Utf16;
-    atom.bits = static_cast<std::uint64_t>(units);
+    const auto count = static_cast<std::uint64_t>(units);
+    bound_ += 2 * count;
+    return add({Atom::Kind::Utf16, true, kNone, 0, hash, count, text});
 }
 
 }  // namespace krv::plist

@@ -14,6 +14,8 @@ namespace krv::plist {
 inline constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
 /// Marker, count marker and an eight-byte count.
 inline constexpr std::size_t kLargestMarker = 10;
+/// Text and data of this length and longer count as long: they may be copied into the archive when the rest is written.
+inline constexpr std::size_t kLong = 1024;
 
 /// Throws Exception kInvalidArgumentException.
 [[noreturn]] void cannotArchive(std::string why);
@@ -135,11 +137,14 @@ struct TextScan {
     };
     const char* p = text.data();
     std::size_t left = text.size();
-    for (; left > 8; left -= 8, p += 8) {
+    for (; left > 16; left -= 8, p += 8) {
         mix(load<std::uint64_t>(p));
     }
     // The rest, as two words that may overlap.
-    if (left >= 4) {
+    if (left > 8) {
+        mix(load<std::uint64_t>(p));
+        mix(load<std::uint64_t>(p + left - 8));
+    } else if (left >= 4) {
         mix(load<std::uint32_t>(p) | load<std::uint32_t>(p + left - 4) << 32);
     } else if (left >= 2) {
         mix(load<std::uint16_t>(p) | load<std::uint16_t>(p + left - 2) << 16);
@@ -162,11 +167,18 @@ public:
     /// Marks a text used and returns its id. Throws if the text is not UTF-8.
     std::uint32_t text(std::string_view text) {
         const TextScan scanned = scan(text, seed_);
-        Atom atom{Atom::Kind::Ascii, true, kNone, 0, static_cast<std::uint32_t>(scanned.hash >> 32), text.size(), text};
-        if (!scanned.ascii) {
-            makeUtf16(atom);
+        const auto hash = static_cast<std::uint32_t>(scanned.hash >> 32);
+        const std::uint32_t id = table_.findOrInsert(
+            hash, count_,
+            [&](std::uint32_t other) { return atoms_[other].hash == hash && atoms_[other].bytes == text; },
+            [&](std::uint32_t other) { return atoms_[other].hash; });
+        if (id != count_) {
+            return use(id);
         }
-        return intern(atom);
+        if (!scanned.ascii) {
+            return addUtf16(text, hash);
+        }
+        return add({Atom::Kind::Ascii, true, kNone, 0, hash, text.size(), text});
     }
     /// Adds a scalar, without searching for an equal one, and returns its id.
     std::uint32_t scalar(Atom::Kind kind, std::uint64_t bits) { return add({kind, true, kNone, 0, 0, bits, {}}); }
@@ -190,38 +202,38 @@ public:
     [[nodiscard]] Atom& operator[](std::uint32_t id) noexcept { return atoms_[id]; }
     /// Returns the number of used atoms.
     [[nodiscard]] std::size_t used() const noexcept { return used_; }
-    /// Returns an upper bound of the bytes that all atoms need when they are written.
+    /// Returns an upper bound of the bytes that all atoms need when they are written, without those of longBytes().
     [[nodiscard]] std::size_t byteBound() const noexcept { return bound_; }
+    /// Returns the bytes of all long texts and data.
+    [[nodiscard]] std::size_t longBytes() const noexcept { return longBytes_; }
     /// Returns the number of elements for which memory is kept.
     [[nodiscard]] std::size_t capacity() const noexcept;
 
 private:
-    std::uint32_t intern(const Atom& atom) {
-        const auto next = static_cast<std::uint32_t>(atoms_.size());
-        const std::uint32_t id = table_.findOrInsert(
-            atom.hash, next,
-            [&](std::uint32_t other) {
-                const Atom& a = atoms_[other];
-                return a.hash == atom.hash && a.kind == atom.kind && a.bits == atom.bits && a.bytes == atom.bytes;
-            },
-            [&](std::uint32_t other) { return atoms_[other].hash; });
-        return id == next ? add(atom) : use(id);
-    }
-
     std::uint32_t add(const Atom& atom) {
-        atoms_.push_back(atom);
+        if (count_ == atoms_.size()) {
+            atoms_.resize(2 * atoms_.size());
+        }
+        atoms_[count_] = atom;
         ++used_;
-        bound_ += kLargestMarker + (atom.kind == Atom::Kind::Utf16 ? 2 * atom.bits : atom.bytes.size());
-        return static_cast<std::uint32_t>(atoms_.size() - 1);
+        bound_ += kLargestMarker;
+        (atom.bytes.size() < kLong ? bound_ : longBytes_) += atom.bytes.size();
+        return count_++;
     }
 
-    static void makeUtf16(Atom& atom);
+    std::uint32_t addUtf16(std::string_view text, std::uint32_t hash);
+
+    /// The number of atoms of a small record.
+    static constexpr std::size_t kFewAtoms = 128;
 
     const std::uint64_t seed_ = hashSeed();
+    /// The first count_ elements are in use.
     std::vector<Atom> atoms_;
+    std::uint32_t count_ = 0;
     IdTable table_;
     std::array<std::uint32_t, 2> booleans_{kNone, kNone};
     std::size_t bound_ = 0;
+    std::size_t longBytes_ = 0;
     std::size_t used_ = 0;
 
     std::vector<Atom> knownAtoms_;

@@ -2,22 +2,27 @@
 //
 // The first walk follows the object graph and gives each object its number in "$objects". An object needs its number
 // before its contents are known, because the contents refer to later numbers. So the contents are recorded in flat
-// arrays: an Entry per number, Items (key and value) per keyed object, and the UID lists of containers. Texts and
-// scalars become Atoms. Equal texts are one atom and stored once, as are the two booleans. Numbers are not compared
-// with each other, because that would cost more than the bytes it saves (AtomTable.h).
+// arrays: an Entry per number, Items (key and value) per keyed object, and the UID lists of containers. Texts become
+// Atoms, and so do scalars unless their Entry holds them. Equal texts are one atom and stored once, as are the two
+// booleans. Numbers are not compared with each other, because that would cost more than the bytes it saves
+// (AtomTable.h).
 //
 // After the first walk the number of stored objects is known exactly, and so is the width of a reference. An upper
 // bound of the size is known too. The second walk (PropertyListWriter.cpp) visits the entries in order and writes them
 // into one buffer of that size. It reserves the space of a container's references, writes the contents behind it, and
-// then fills in their indexes. Storage is depth first, keys before values.
+// then fills in their indexes. Storage is depth first, keys before values. Long texts and data are left out, so that
+// they are copied only once: into the archive, which is put together in an array of the exact size. Only an archive
+// that is long without them is written in place.
 #include <algorithm>
 #include <bit>
+#include <cmath>
 #include <memory>
 #include <span>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
+#include <fmt/compile.h>
 #include <fmt/format.h>
 
 #include <KRVQTProcessClient/Foundation/ArchiveCost.h>
@@ -43,6 +48,12 @@ using plist::kNone;
 using enum plist::KnownAtom;
 
 std::string sizeText(Size size) {
+    // Most sizes are whole numbers, which take less time to print as such.
+    const auto isWhole = [](double v) { return v >= 1 && v < 1e9 && v == std::trunc(v); };
+    if (isWhole(size.width) && isWhole(size.height)) {
+        return fmt::format(FMT_COMPILE("{{{}, {}}}"), static_cast<std::uint32_t>(size.width),
+                           static_cast<std::uint32_t>(size.height));
+    }
     return fmt::format("{{{:.17g}, {:.17g}}}", size.width, size.height);
 }
 
@@ -52,7 +63,7 @@ class KeyedArchiver::Encoder {
 public:
     Data archive(const Value& root) {
         clear();
-        entries_.push_back({atoms_.use(kAtomNull), 1, true});
+        atomEntry(atoms_.use(kAtomNull));
         const std::uint32_t rootUid = number(root);
         Data data = write(rootUid);
         kept_.clear();
@@ -68,9 +79,9 @@ public:
     /// Adds what an object's value costs the reader besides its contents. A record copies its dictionaries.
     void chargeField(const Value& value) {
         memory_ += cost::kSlotMemory;
-        if (const auto dictionary = value.dictionary()) {
-            memory_ += cost::copyMemory(dictionary->size());
-            steps_ += dictionary->size();
+        if (const auto* const dictionary = std::get_if<Value::DictionaryRef>(&value.storage())) {
+            memory_ += cost::copyMemory((*dictionary)->size());
+            steps_ += (*dictionary)->size();
         }
     }
 
@@ -97,11 +108,13 @@ private:
         sharedTable_.clear();
         lists_ = 0;
         objects_ = 0;
+        scalars_ = 0;
         memory_ = 0;
         steps_ = cost::kTopSteps;
         depth_ = 0;
         height_ = 0;
         nullUsed_ = false;
+        splices_.clear();
     }
 
     std::uint32_t newEntry(Entry entry) {
@@ -112,7 +125,12 @@ private:
         return static_cast<std::uint32_t>(entries_.size() - 1);
     }
 
-    std::uint32_t atomEntry(std::uint32_t atom) { return newEntry({atom, 1, true}); }
+    std::uint32_t atomEntry(std::uint32_t atom) { return newEntry({Entry::Kind::Atom, {}, 1, atom}); }
+
+    std::uint32_t scalarEntry(Atom::Kind kind, std::uint64_t bits) {
+        ++scalars_;
+        return newEntry({Entry::Kind::Scalar, kind, 1, bits});
+    }
 
     void item(std::uint32_t key, Item::Kind kind, std::uint32_t first, std::uint32_t count = 1) {
         pending_.push_back({key, kind, first, count});
@@ -158,7 +176,7 @@ private:
         const int outerHeight = std::exchange(height_, 0);
         memory_ += cost::kSlotMemory;
         steps_ += cost::kClassSteps;
-        const std::uint32_t uid = newEntry({0, 0, false});
+        const std::uint32_t uid = newEntry({Entry::Kind::Items, {}, 0, 0});
         const std::size_t place = shared_.size() - 1;
         if (identity) {
             shared_[place].uid = uid;
@@ -186,7 +204,7 @@ private:
 
     /// Moves the items recorded since begin to their final place.
     void close(std::uint32_t uid, std::size_t begin) {
-        entries_[uid].first = static_cast<std::uint32_t>(items_.size());
+        entries_[uid].value = items_.size();
         entries_[uid].count = static_cast<std::uint32_t>(pending_.size() - begin);
         items_.insert(items_.end(), pending_.begin() + static_cast<std::ptrdiff_t>(begin), pending_.end());
         pending_.resize(begin);
@@ -220,7 +238,7 @@ private:
         }
         memory_ += cost::kSlotMemory;
         steps_ += cost::kClassSteps;
-        const std::uint32_t uid = newEntry({0, 0, false});
+        const std::uint32_t uid = newEntry({Entry::Kind::Items, {}, 0, 0});
         classes_.emplace_back(atoms_.use(name), uid);
         const std::size_t begin = pending_.size();
         item(atoms_.use(kAtomClassName), Item::Kind::Atom, name);
@@ -300,61 +318,75 @@ private:
         return uid;
     }
 
+    std::uint32_t date(Date date) {
+        return keyedObject(nullptr, atoms_.text("NSDate"), kNone, [&] {
+            steps_ += cost::kDateSteps;
+            item("NS.time", Item::Kind::Atom,
+                 atoms_.scalar(Atom::Kind::Real64, std::bit_cast<std::uint64_t>(date.secondsSinceReference)));
+        });
+    }
+
+    std::uint32_t size(Size size) {
+        return keyedObject(nullptr, atoms_.text("NSValue"), kNone, [&] {
+            steps_ += cost::kSizeSteps;
+            constexpr std::uint64_t kSizeKind = 2;
+            item("NS.special", Item::Kind::Atom, atoms_.scalar(Atom::Kind::Integer, kSizeKind));
+            item("NS.sizeval", Item::Kind::Uid, textEntry(keep(Value(sizeText(size))).stringValue()));
+        });
+    }
+
+    std::uint32_t array(const Array& array) {
+        return keyedObject(&array, atoms_.text("NSArray"), kNone, [&] {
+            memory_ += cost::arrayMemory(array.size());
+            steps_ += cost::kArraySteps;
+            uidList(atoms_.use(kAtomElements), array, [&](const Value& element) { return number(element); });
+        });
+    }
+
+    std::uint32_t object(const Archivable& object) {
+        const std::string_view superclassName = object.superclassName();
+        const std::uint32_t className = atoms_.text(object.className());
+        return keyedObject(&object, className, superclassName.empty() ? kNone : atoms_.text(superclassName), [&] {
+            memory_ += cost::kArchivableMemory;
+            const std::size_t begin = pending_.size();
+            KeyedArchiver coder(*this);
+            object.encodeWithCoder(coder);
+            steps_ += pending_.size() + 1 - begin;
+        });
+    }
+
+    /// Returns the number of a value's entry, and adds the entry if the value is new.
     std::uint32_t number(const Value& value) {
-        return std::visit(
-            [this](const auto& v) -> std::uint32_t {
-                using T = std::decay_t<decltype(v)>;
-                if constexpr (std::is_same_v<T, std::monostate>) {
-                    return keyedObject(nullptr, atoms_.text("NSNull"), kNone, [] {});
-                } else if constexpr (std::is_same_v<T, bool>) {
-                    return atomEntry(atoms_.boolean(v));
-                } else if constexpr (std::is_same_v<T, std::int64_t>) {
-                    return atomEntry(atoms_.scalar(Atom::Kind::Integer, static_cast<std::uint64_t>(v)));
-                } else if constexpr (std::is_same_v<T, float>) {
-                    return atomEntry(atoms_.scalar(Atom::Kind::Real32, std::bit_cast<std::uint32_t>(v)));
-                } else if constexpr (std::is_same_v<T, double>) {
-                    return atomEntry(atoms_.scalar(Atom::Kind::Real64, std::bit_cast<std::uint64_t>(v)));
-                } else if constexpr (std::is_same_v<T, Value::StringRef>) {
-                    return sharedTextEntry(v);
-                } else if constexpr (std::is_same_v<T, Value::DataRef>) {
-                    return dataEntry(*v);
-                } else if constexpr (std::is_same_v<T, Date>) {
-                    return keyedObject(nullptr, atoms_.text("NSDate"), kNone, [&] {
-                        steps_ += cost::kDateSteps;
-                        item("NS.time", Item::Kind::Atom,
-                             atoms_.scalar(Atom::Kind::Real64, std::bit_cast<std::uint64_t>(v.secondsSinceReference)));
-                    });
-                } else if constexpr (std::is_same_v<T, Size>) {
-                    return keyedObject(nullptr, atoms_.text("NSValue"), kNone, [&] {
-                        steps_ += cost::kSizeSteps;
-                        constexpr std::uint64_t kSizeKind = 2;
-                        item("NS.special", Item::Kind::Atom, atoms_.scalar(Atom::Kind::Integer, kSizeKind));
-                        item("NS.sizeval", Item::Kind::Uid, textEntry(keep(Value(sizeText(v))).stringValue()));
-                    });
-                } else if constexpr (std::is_same_v<T, Value::ArrayRef>) {
-                    return keyedObject(v.get(), atoms_.text("NSArray"), kNone, [&] {
-                        memory_ += cost::arrayMemory(v->size());
-                        steps_ += cost::kArraySteps;
-                        uidList(atoms_.use(kAtomElements), *v, [&](const Value& element) { return number(element); });
-                    });
-                } else if constexpr (std::is_same_v<T, Value::DictionaryRef>) {
-                    return dictionary(*v);
-                } else if constexpr (std::is_same_v<T, Value::ErrorRef>) {
-                    return error(*v);
-                } else {
-                    const std::string_view superclassName = v->superclassName();
-                    const std::uint32_t className = atoms_.text(v->className());
-                    return keyedObject(v.get(), className, superclassName.empty() ? kNone : atoms_.text(superclassName),
-                                       [&] {
-                                           memory_ += cost::kArchivableMemory;
-                                           const std::size_t begin = pending_.size();
-                                           KeyedArchiver coder(*this);
-                                           v->encodeWithCoder(coder);
-                                           steps_ += pending_.size() + 1 - begin;
-                                       });
-                }
-            },
-            value.storage());
+        const Value::Storage& storage = value.storage();
+        switch (value.kind()) {
+        case Value::Kind::Null:
+            break;
+        case Value::Kind::Boolean:
+            return atomEntry(atoms_.boolean(std::get<bool>(storage)));
+        case Value::Kind::Integer:
+            return scalarEntry(Atom::Kind::Integer, static_cast<std::uint64_t>(std::get<std::int64_t>(storage)));
+        case Value::Kind::Float32:
+            return scalarEntry(Atom::Kind::Real32, std::bit_cast<std::uint32_t>(std::get<float>(storage)));
+        case Value::Kind::Float64:
+            return scalarEntry(Atom::Kind::Real64, std::bit_cast<std::uint64_t>(std::get<double>(storage)));
+        case Value::Kind::String:
+            return sharedTextEntry(std::get<Value::StringRef>(storage));
+        case Value::Kind::Data:
+            return dataEntry(*std::get<Value::DataRef>(storage));
+        case Value::Kind::Date:
+            return date(std::get<Date>(storage));
+        case Value::Kind::Size:
+            return size(std::get<Size>(storage));
+        case Value::Kind::Array:
+            return array(*std::get<Value::ArrayRef>(storage));
+        case Value::Kind::Dictionary:
+            return dictionary(*std::get<Value::DictionaryRef>(storage));
+        case Value::Kind::Error:
+            return error(*std::get<Value::ErrorRef>(storage));
+        case Value::Kind::Object:
+            return object(*std::get<Value::ObjectRef>(storage));
+        }
+        return keyedObject(nullptr, atoms_.text("NSNull"), kNone, [] {});
     }
 
 public:
@@ -370,7 +402,8 @@ private:
             atoms_.use(atom);
         }
         // Every entry except "$null" has one UID. The other three are the top dictionary, "$objects" and "$top".
-        const std::uint64_t count = atoms_.used() + (entries_.size() - 1) + (nullUsed_ ? 1 : 0) + objects_ + lists_ + 3;
+        const std::uint64_t count =
+            atoms_.used() + scalars_ + (entries_.size() - 1) + (nullUsed_ ? 1 : 0) + objects_ + lists_ + 3;
         if (count >= kNone) {
             cannotArchive("too many objects for one archive");
         }
@@ -380,28 +413,49 @@ private:
         offsets_.resize(static_cast<std::size_t>(count));
         uidIndexes_.assign(entries_.size(), kNone);
 
-        const plist::Graph graph{&atoms_[0], items_.data(),   uids_.data(),
-                                 entries_,   offsets_.data(), uidIndexes_.data()};
+        plist::Graph graph{&atoms_[0],      items_.data(),      uids_.data(), entries_,
+                           offsets_.data(), uidIndexes_.data(), nullptr};
         memory_ += count * cost::kNumberMemory;
-        const auto writeTo = [&](Data& data) {
-            const std::size_t size =
-                plist::writeArchive(graph, rootUid, count, reinterpret_cast<std::uint8_t*>(data.data()));
-            if (memory_ > cost::memoryBudget(size) || steps_ > cost::stepsBudget(size)) {
-                cannotArchive("objects share so much that no reader would accept the archive");
-            }
-            return size;
-        };
         if (bound > kKept) {
-            Data data(bound);
-            data.resize(writeTo(data));
+            Data data(bound + atoms_.longBytes());
+            data.resize(writeTo(reinterpret_cast<std::uint8_t*>(data.data()), graph, rootUid, count));
             return data;
         }
-        // For a small archive, copying the result is faster than clearing the whole bound.
-        if (buffer_.size() < bound) {
-            buffer_.resize(bound);
+        if (bufferSize_ < bound) {
+            buffer_ = std::make_unique_for_overwrite<std::uint8_t[]>(bound);
+            bufferSize_ = bound;
         }
-        const auto size = static_cast<std::ptrdiff_t>(writeTo(buffer_));
-        return {buffer_.begin(), buffer_.begin() + size};
+        graph.splices = &splices_;
+        return assembled(writeTo(buffer_.get(), graph, rootUid, count));
+    }
+
+    /// Returns the size of the archive.
+    std::size_t writeTo(std::uint8_t* out, const plist::Graph& graph, std::uint32_t rootUid,
+                        std::uint64_t count) const {
+        const std::size_t size = plist::writeArchive(graph, rootUid, count, out);
+        if (memory_ > cost::memoryBudget(size) || steps_ > cost::stepsBudget(size)) {
+            cannotArchive("objects share so much that no reader would accept the archive");
+        }
+        return size;
+    }
+
+    /// Copies what was written and what is spliced into it to an array of their own. Nothing of that length is cleared
+    /// first, which would take as long as the copy.
+    Data assembled(std::size_t size) const {
+        Data data;
+        data.reserve(size);
+        const auto append = [&data](const void* bytes, std::size_t length) {
+            const auto* const p = static_cast<const std::byte*>(bytes);
+            data.insert(data.end(), p, p + length);
+        };
+        std::size_t place = 0;
+        for (const plist::Splice& splice : splices_) {
+            append(buffer_.get() + place, splice.place - place);
+            append(splice.bytes.data(), splice.bytes.size());
+            place = splice.place;
+        }
+        append(buffer_.get() + place, size - data.size());
+        return data;
     }
 
     static constexpr std::size_t kLongText = 256;
@@ -428,6 +482,7 @@ private:
     std::vector<Value> kept_;
     std::size_t lists_ = 0;
     std::size_t objects_ = 0;
+    std::size_t scalars_ = 0;
     /// What the reader will need. Never less than it charges.
     std::uint64_t memory_ = 0;
     std::uint64_t steps_ = 0;
@@ -435,7 +490,9 @@ private:
     int height_ = 0;
     bool nullUsed_ = false;
 
-    Data buffer_;
+    std::unique_ptr<std::uint8_t[]> buffer_;
+    std::size_t bufferSize_ = 0;
+    std::vector<plist::Splice> splices_;
     std::vector<std::uint64_t> offsets_;
     std::vector<std::uint32_t> uidIndexes_;
 

@@ -40,9 +40,30 @@ unsigned widthOf(std::uint64_t v) noexcept {
 }
 
 std::uint8_t* putInteger(std::uint8_t* out, std::uint64_t v) noexcept {
+    if (v <= 0xFF) {
+        out[0] = 0x10;
+        out[1] = static_cast<std::uint8_t>(v);
+        return out + 2;
+    }
     const unsigned width = widthOf(v);
     *out++ = static_cast<std::uint8_t>(0x10 | std::countr_zero(width));
     return putBigEndian(out, v, width);
+}
+
+std::uint8_t* putScalar(std::uint8_t* out, Atom::Kind kind, std::uint64_t bits) noexcept {
+    switch (kind) {
+    case Atom::Kind::Boolean:
+        *out = static_cast<std::uint8_t>(0x08 | bits);
+        return out + 1;
+    case Atom::Kind::Real32:
+        *out = 0x22;
+        return putBigEndian(out + 1, bits, 4);
+    case Atom::Kind::Real64:
+        *out = 0x23;
+        return putBigEndian(out + 1, bits, 8);
+    default:
+        return putInteger(out, bits);
+    }
 }
 
 std::uint8_t* putMarker(std::uint8_t* out, unsigned kind, std::uint64_t count) noexcept {
@@ -54,27 +75,41 @@ std::uint8_t* putMarker(std::uint8_t* out, unsigned kind, std::uint64_t count) n
     return putInteger(out, count);
 }
 
-std::uint8_t* putAtom(std::uint8_t* out, const Atom& atom) noexcept {
-    switch (atom.kind) {
-    case Atom::Kind::Boolean:
-        *out = static_cast<std::uint8_t>(0x08 | atom.bits);
-        return out + 1;
-    case Atom::Kind::Integer:
-        return putInteger(out, atom.bits);
-    case Atom::Kind::Real32:
-        *out = 0x22;
-        return putBigEndian(out + 1, atom.bits, 4);
-    case Atom::Kind::Real64:
-        *out = 0x23;
-        return putBigEndian(out + 1, atom.bits, 8);
-    case Atom::Kind::Utf16:
-        return writeUtf16(atom.bytes, putMarker(out, 0x60, atom.bits));
-    case Atom::Kind::Data:
-    case Atom::Kind::Ascii:
-        break;
+/// Copies a text, most of which are a few bytes long.
+std::uint8_t* putBytes(std::uint8_t* out, std::string_view bytes) noexcept {
+    const auto copyEnds = [out, bytes]<typename Word>(Word /*of this size*/) {
+        // Two words that may overlap.
+        const auto* const first = bytes.data();
+        const auto* const last = bytes.data() + bytes.size() - sizeof(Word);
+        Word head = 0;
+        Word tail = 0;
+        std::memcpy(&head, first, sizeof head);
+        std::memcpy(&tail, last, sizeof tail);
+        std::memcpy(out, &head, sizeof head);
+        std::memcpy(out + bytes.size() - sizeof tail, &tail, sizeof tail);
+    };
+    const std::size_t size = bytes.size();
+    if (size > 2 * sizeof(std::uint64_t)) {
+        std::memcpy(out, bytes.data(), size);
+    } else if (size >= sizeof(std::uint64_t)) {
+        copyEnds(std::uint64_t{});
+    } else if (size >= sizeof(std::uint32_t)) {
+        copyEnds(std::uint32_t{});
+    } else {
+        for (std::size_t i = 0; i < size; ++i) {
+            out[i] = static_cast<std::uint8_t>(bytes[i]);
+        }
     }
-    out = putMarker(out, atom.kind == Atom::Kind::Data ? 0x40 : 0x50, atom.bytes.size());
-    return std::copy(atom.bytes.begin(), atom.bytes.end(), out);
+    return out + size;
+}
+
+/// Writes the offsets of all objects, of sizeof(Word) bytes each.
+template <typename Word>
+std::uint8_t* putOffsets(std::uint8_t* out, std::span<const std::uint64_t> offsets) noexcept {
+    for (std::size_t i = 0; i < offsets.size(); ++i) {
+        (void)putBigEndian(out + i * sizeof(Word), offsets[i], sizeof(Word));
+    }
+    return out + offsets.size() * sizeof(Word);
 }
 
 /// The second walk, for references of kReferenceSize bytes.
@@ -86,7 +121,7 @@ public:
         , begin_(out)
         , out_(out) {}
 
-    /// Writes the archive and returns its length. The output must have room for it.
+    /// Writes the archive and returns its length, including the splices. The output must have room for the rest.
     std::size_t write(std::uint32_t rootUid) {
         std::memcpy(out_, "bplist00", 8);
         out_ += 8;
@@ -105,15 +140,17 @@ public:
         refer(references, atomIndex(kAtomRoot));
         refer(references, uidIndex(rootUid));
         finish();
-        return static_cast<std::size_t>(out_ - begin_);
+        return static_cast<std::size_t>(offset());
     }
 
 private:
     /// Starts the next stored object at the present position and returns its index.
     std::uint32_t startObject() {
-        graph_.offsets[count_] = static_cast<std::uint64_t>(out_ - begin_);
+        graph_.offsets[count_] = offset();
         return count_++;
     }
+
+    [[nodiscard]] std::uint64_t offset() const { return static_cast<std::uint64_t>(out_ - begin_) + spliced_; }
 
     std::uint8_t* reserve(std::size_t references) {
         std::uint8_t* p = out_;
@@ -127,9 +164,35 @@ private:
         Atom& atom = graph_.atoms[id];
         if (atom.index == kNone) {
             atom.index = startObject();
-            out_ = putAtom(out_, atom);
+            putAtom(atom);
         }
         return atom.index;
+    }
+
+    void putAtom(const Atom& atom) {
+        switch (atom.kind) {
+        case Atom::Kind::Ascii:
+            putContents(0x50, atom.bytes);
+            break;
+        case Atom::Kind::Data:
+            putContents(0x40, atom.bytes);
+            break;
+        case Atom::Kind::Utf16:
+            out_ = writeUtf16(atom.bytes, putMarker(out_, 0x60, atom.bits));
+            break;
+        default:
+            out_ = putScalar(out_, atom.kind, atom.bits);
+        }
+    }
+
+    void putContents(unsigned kind, std::string_view bytes) {
+        out_ = putMarker(out_, kind, bytes.size());
+        if (bytes.size() < kLong || !graph_.splices) {
+            out_ = putBytes(out_, bytes);
+            return;
+        }
+        graph_.splices->push_back({static_cast<std::size_t>(out_ - begin_), bytes});
+        spliced_ += bytes.size();
     }
 
     std::uint32_t uidIndex(std::uint32_t uid) {
@@ -148,16 +211,26 @@ private:
         out_ = putMarker(out_, 0xA0, graph_.entries.size());
         std::uint8_t* references = reserve(graph_.entries.size());
         for (const Entry& entry : graph_.entries) {
-            refer(references, entry.isAtom ? atomIndex(entry.first) : objectIndex(entry));
+            refer(references, entryIndex(entry));
         }
         return result;
+    }
+
+    std::uint32_t entryIndex(const Entry& entry) {
+        if (entry.kind == Entry::Kind::Scalar) {
+            const std::uint32_t result = startObject();
+            out_ = putScalar(out_, entry.scalar, entry.value);
+            return result;
+        }
+        return entry.kind == Entry::Kind::Atom ? atomIndex(static_cast<std::uint32_t>(entry.value))
+                                               : objectIndex(entry);
     }
 
     std::uint32_t objectIndex(const Entry& entry) {
         const std::uint32_t result = startObject();
         out_ = putMarker(out_, 0xD0, entry.count);
         std::uint8_t* references = reserve(std::size_t{2} * entry.count);
-        const std::span<const Item> items(graph_.items + entry.first, entry.count);
+        const std::span<const Item> items(graph_.items + entry.value, entry.count);
         for (const Item& item : items) {
             refer(references, atomIndex(item.key));
         }
@@ -189,11 +262,13 @@ private:
     }
 
     void finish() {
-        const auto tableOffset = static_cast<std::uint64_t>(out_ - begin_);
+        const std::uint64_t tableOffset = offset();
         const unsigned offsetSize = widthOf(tableOffset);
-        for (const std::uint64_t offset : std::span(graph_.offsets, count_)) {
-            out_ = putBigEndian(out_, offset, offsetSize);
-        }
+        const std::span<const std::uint64_t> offsets(graph_.offsets, count_);
+        out_ = offsetSize == 1   ? putOffsets<std::uint8_t>(out_, offsets)
+               : offsetSize == 2 ? putOffsets<std::uint16_t>(out_, offsets)
+               : offsetSize == 4 ? putOffsets<std::uint32_t>(out_, offsets)
+                                 : putOffsets<std::uint64_t>(out_, offsets);
         std::memset(out_, 0, 6);
         out_ += 6;
         *out_++ = static_cast<std::uint8_t>(offsetSize);
@@ -206,6 +281,8 @@ private:
     const Graph graph_;
     std::uint8_t* const begin_;
     std::uint8_t* out_;
+    /// The bytes of all splices.
+    std::uint64_t spliced_ = 0;
     std::uint32_t count_ = 0;
 };
 
@@ -219,8 +296,7 @@ std::size_t archiveSizeBound(std::uint64_t storedObjects, std::size_t references
            references * kLargestReference + kTrailer;
 }
 
-std::size_t writeArchive(const Graph& graph, std::uint32_t rootUid, std::uint64_t storedObjects,
-                         std::uint8_t* out) noexcept {
+std::size_t writeArchive(const Graph& graph, std::uint32_t rootUid, std::uint64_t storedObjects, std::uint8_t* out) {
     return storedObjects <= 0xFF     ? Writer<1>(graph, out).write(rootUid)
            : storedObjects <= 0xFFFF ? Writer<2>(graph, out).write(rootUid)
                                      : Writer<4>(graph, out).write(rootUid);

@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <string_view>
+#include <vector>
 
 #include <KRVQTProcessClient/Foundation/AtomTable.h>
 
@@ -19,11 +21,23 @@ struct Item {
     std::uint32_t count;
 };
 
-/// The object with one number in "$objects": an atom, or items.
+/// The object with one number in "$objects". A scalar needs no atom, because nothing else refers to it.
 struct Entry {
-    std::uint32_t first;
+    enum class Kind : std::uint8_t { Atom, Items, Scalar };
+    Kind kind;
+    /// Scalar: what it is.
+    Atom::Kind scalar;
+    /// Items: how many.
     std::uint32_t count;
-    bool isAtom;
+    /// The atom, the first of the items, or the bits of the scalar.
+    std::uint64_t value;
+};
+
+/// Long contents of an object, which the caller copies to their final place.
+struct Splice {
+    /// The number of bytes written before them.
+    std::size_t place;
+    std::string_view bytes;
 };
 
 /// The result of the first walk, and working space of the second.
@@ -36,15 +50,17 @@ struct Graph {
     std::uint64_t* offsets;
     /// The index of the UID object for each number, kNone until it is written.
     std::uint32_t* uidIndexes;
+    /// Where the second walk notes long contents, in order, instead of writing them. May be null.
+    std::vector<Splice>* splices;
 };
 
-/// Returns an upper bound of the bytes that writeArchive needs.
+/// Returns an upper bound of the bytes that writeArchive writes.
 [[nodiscard]] std::size_t archiveSizeBound(std::uint64_t storedObjects, std::size_t references,
                                            std::size_t atomByteBound) noexcept;
 
-/// Writes the archive whose root has this number and returns its length. storedObjects is the number of objects that
-/// the property list will hold, below kNone; graph.offsets has room for as many, and out for archiveSizeBound().
-std::size_t writeArchive(const Graph& graph, std::uint32_t rootUid, std::uint64_t storedObjects,
-                         std::uint8_t* out) noexcept;
+/// Writes the archive whose root has this number and returns its length, including the splices. storedObjects is the
+/// number of objects that the property list will hold, below kNone; graph.offsets has room for as many, and out for
+/// archiveSizeBound(), and for long contents unless they are spliced.
+std::size_t writeArchive(const Graph& graph, std::uint32_t rootUid, std::uint64_t storedObjects, std::uint8_t* out);
 
 }  // namespace krv::plist

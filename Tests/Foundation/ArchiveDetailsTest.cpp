@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Foundation/KeyedArchiver.h>
 #include <KRVQTProcessClient/Operations/KRVOperationBase.h>
 
 #include "HandmadeArchive.h"
@@ -179,6 +180,21 @@ TEST(ArchiveDetails, SizesKeepAllTheirDigits) {
     const auto back = KRVOperationBase::operationFromData(std::make_shared<const Data>(record.convertToData()));
     ASSERT_TRUE(back);
     EXPECT_EQ((*back->arguments())["size"], Value(size));
+}
+
+TEST(ArchiveDetails, SizesAreWrittenWithoutNeedlessDigits) {
+    const auto written = [](Size size) {
+        const Data archive = KeyedArchiver::archivedData(Value(size));
+        const std::string bytes(reinterpret_cast<const char*>(archive.data()), archive.size());
+        const std::size_t start = bytes.find('{');
+        return bytes.substr(start, bytes.find('}') + 1 - start);
+    };
+    EXPECT_EQ(written({1920, 1080}), "{1920, 1080}");
+    EXPECT_EQ(written({1920, 0.5}), "{1920, 0.5}");
+    EXPECT_EQ(written({1920.25, 1}), "{1920.25, 1}");
+    EXPECT_EQ(written({999'999'999, 12'345'678'901}), "{999999999, 12345678901}");
+    EXPECT_EQ(written({-0.0, 0}), "{-0, 0}");
+    EXPECT_EQ(written({-2, 1e300}), "{-2, 1.0000000000000001e+300}");
 }
 
 TEST(ArchiveDetails, SizesMayBeWrittenInAnyWay) {

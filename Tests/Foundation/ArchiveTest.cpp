@@ -189,6 +189,26 @@ TEST(Archive, ContainersSharedManyTimesStaySmall) {
     EXPECT_TRUE(KRVOperationBase::operationFromData(std::make_shared<const Data>(data)));
 }
 
+TEST(Archive, LongTextsAndDataAreInTheirPlaces) {
+    // With many numbers, the archive is long even without the texts and data.
+    for (const int numbers : {0, 20'000}) {
+        KRVOperationBase record;
+        Array values(static_cast<std::size_t>(numbers), Value(1001));
+        for (const std::size_t length : {1U, 1023U, 1024U, 1025U, 5000U, 100'000U}) {
+            values.emplace_back(std::string(length, 'a'));
+            values.emplace_back("between " + std::to_string(length));
+            values.emplace_back(Data(length, std::byte{0x5A}));
+            values.emplace_back(std::string(length, 'a') + "\xC3\xA9");
+        }
+        record.arguments()->set("values", Value(values));
+        record.arguments()->set("after", std::string(3000, 'z'));
+        const Data archive = record.convertToData();
+        const auto back = KRVOperationBase::operationFromData(std::make_shared<const Data>(archive));
+        ASSERT_TRUE(back) << numbers;
+        EXPECT_EQ(*back->arguments(), *record.arguments()) << numbers;
+    }
+}
+
 TEST(Archive, TextThatIsNotUtf8CannotBeArchived) {
     for (const char* text :
          {"\xFF", "\xC3", "a\x80", "\xED\xA0\x80", "\xC0\xAF", "\xF5\x80\x80\x80", "\xF4\x90\x80\x80"}) {
