@@ -106,7 +106,7 @@ public:
     Value(DictionaryRef v) noexcept
         : storage_(v ? Storage(std::move(v)) : Storage()) {}
     Value(std::shared_ptr<krv::Dictionary> v) noexcept
-        : Value(DictionaryRef(std::move(v))) {}
+        : storage_(v ? Storage(DictionaryRef(std::move(v))) : Storage()) {}
     Value(ErrorRef v) noexcept
         : storage_(v ? Storage(std::move(v)) : Storage()) {}
     Value(ObjectRef v) noexcept
