@@ -62,12 +62,14 @@ Reader::Reader(std::span<const std::byte> bytes)
 
 constexpr Reader::Shapes Reader::shapes() {
     Shapes all{};
+    all[0x08].isBoolean = true;
+    all[0x09].isBoolean = true;
     for (unsigned low = 0; low < 4; ++low) {
-        all[0x10 + low] = {Type::Integer, static_cast<std::uint8_t>(1U << low), Unit::None};
-        all[0x80 + low] = {Type::Uid, static_cast<std::uint8_t>(low + 1), Unit::None};
+        all[0x10 + low] = {Type::Integer, static_cast<std::uint8_t>(1U << low)};
+        all[0x80 + low] = {Type::Uid, static_cast<std::uint8_t>(low + 1)};
     }
-    all[0x22] = {Type::Real32, 4, Unit::None};
-    all[0x23] = {Type::Real64, 8, Unit::None};
+    all[0x22] = {Type::Real32, 4};
+    all[0x23] = {Type::Real64, 8};
     for (unsigned count = 0; count < 16; ++count) {
         all[0x40 + count] = {Type::Data, 0, Unit::Byte};
         all[0x50 + count] = {Type::Ascii, 0, Unit::Byte};

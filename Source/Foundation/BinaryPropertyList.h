@@ -78,6 +78,9 @@ public:
                 return {shape.type, contents.count, contents.body, 0};
             }
         }
+        if (shape.isBoolean) {
+            return {Type::Boolean, 0, p + 1, *p & 1U};
+        }
         return anyNode(p);
     }
 
@@ -129,6 +132,7 @@ private:
         std::uint8_t size = 0;
         /// None unless the object has a count.
         Unit unit = Unit::None;
+        bool isBoolean = false;
     };
     using Shapes = std::array<Shape, 256>;
     static const Shapes kShapes;

@@ -355,8 +355,14 @@ private:
         });
     }
 
-    /// Returns the number of a value's entry, and adds the entry if the value is new.
+    /// Returns the number of a value's entry, and adds the entry if the value is new. The path of an integer is short for
+    /// speed: there may be thousands in a list.
     std::uint32_t number(const Value& value) {
+        const auto* const integer = std::get_if<std::int64_t>(&value.storage());
+        return integer ? scalarEntry(Atom::Kind::Integer, static_cast<std::uint64_t>(*integer)) : numberOfAny(value);
+    }
+
+    std::uint32_t numberOfAny(const Value& value) {
         const Value::Storage& storage = value.storage();
         switch (value.kind()) {
         case Value::Kind::Null:
@@ -537,10 +543,10 @@ void KeyedArchiver::encodeDouble(std::string_view key, double value) {
                   encoder_.atoms_.scalar(Atom::Kind::Real64, std::bit_cast<std::uint64_t>(value)));
 }
 
-void KeyedArchiver::encodeObject(std::string_view key, const Value& value) {
-    encoder_.keep(value);
+void KeyedArchiver::encodeObject(std::string_view key, Value value) {
     encoder_.chargeField(value);
     encoder_.noteReference(key, encoder_.reference(value));
+    (void)encoder_.keep(std::move(value));
 }
 
 }  // namespace krv

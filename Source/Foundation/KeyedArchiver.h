@@ -28,7 +28,7 @@ public:
     void encodeFloat(std::string_view key, float value);
     void encodeDouble(std::string_view key, double value);
     /// A null value is stored as the null reference.
-    void encodeObject(std::string_view key, const Value& value);
+    void encodeObject(std::string_view key, Value value);
 
 private:
     class Encoder;

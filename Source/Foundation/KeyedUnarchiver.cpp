@@ -3,7 +3,6 @@
 #include <charconv>
 #include <limits>
 #include <new>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -282,7 +281,8 @@ public:
 
     // Called by initWithCoder for the object that is being decoded.
 
-    [[nodiscard]] std::optional<Node> field(std::string_view key) {
+    /// Returns the value of a field; the null reference if there is none.
+    [[nodiscard]] Node field(std::string_view key) {
         FieldList& fields = *fields_;
         // Most archives contain the keys in the order in which they are read, so continue after the last hit.
         for (std::size_t n = 0; n < fields.list.size(); ++n) {
@@ -294,12 +294,10 @@ public:
                 return reader_.node(field.value);
             }
         }
-        return std::nullopt;
+        return {Type::Uid, 0, nullptr, 0};
     }
 
-    [[nodiscard]] static bool isNull(const std::optional<Node>& node) {
-        return !node || (node->type == Type::Uid && node->bits == 0);
-    }
+    [[nodiscard]] static bool isNull(const Node& node) { return node.type == Type::Uid && node.bits == 0; }
 
     const Value& reference(const Node& node) {
         static const Value null;
@@ -307,12 +305,12 @@ public:
         return node.bits == 0 ? null : object(node.bits);
     }
 
-    std::shared_ptr<Dictionary> mutableDictionary(const std::optional<Node>& node) {
+    std::shared_ptr<Dictionary> mutableDictionary(const Node& node) {
         if (isNull(node)) {
             return emptyDictionary();
         }
-        requireReference(*node);
-        const std::uint64_t index = storedIndex(node->bits);
+        requireReference(node);
+        const std::uint64_t index = storedIndex(node.bits);
         const bool isFirst = !slots_.find(index);
         const Value& value = stored(index);
         if (value.isNull()) {
@@ -424,28 +422,30 @@ private:
         return true;
     }
 
-    std::optional<Node> findField(const Node& dictionary, std::string_view key) {
-        StandardKey once{key};
-        return findField(dictionary, once);
-    }
+    static constexpr std::uint64_t kMissing = std::numeric_limits<std::uint64_t>::max();
 
-    std::optional<Node> findField(const Node& dictionary, StandardKey& key) {
+    /// Returns the index of the stored object under a key, kMissing if there is none.
+    std::uint64_t findField(const Node& dictionary, StandardKey& key) {
         for (std::uint64_t i = 0; i < dictionary.count; ++i) {
             steps_.charge(1);
             if (isKey(reader_.reference(dictionary, i), key)) {
-                return reader_.node(reader_.reference(dictionary, dictionary.count + i));
+                return reader_.reference(dictionary, dictionary.count + i);
             }
         }
-        return std::nullopt;
+        return kMissing;
     }
 
-    template <typename Key>
-    Node requiredField(const Node& dictionary, Key&& key) {
-        const std::optional<Node> node = findField(dictionary, key);
-        if (!node) {
+    Node requiredField(const Node& dictionary, StandardKey& key) {
+        const std::uint64_t index = findField(dictionary, key);
+        if (index == kMissing) {
             refuse("missing field");
         }
-        return *node;
+        return reader_.node(index);
+    }
+
+    Node requiredField(const Node& dictionary, std::string_view key) {
+        StandardKey once{key};
+        return requiredField(dictionary, once);
     }
 
     /// Returns the object with this number in "$objects". The reference stays valid.
@@ -579,23 +579,23 @@ private:
         return value;
     }
 
-    /// Returns the "$class" of an object. Archivers write it last, so the search starts at the end.
-    Node classField(const Node& node) {
+    /// Returns the number of an object's "$class", 0 if it is not a reference. Archivers write it last, so the search starts at the end.
+    std::uint64_t classField(const Node& node) {
         for (std::uint64_t i = node.count; i-- > 0;) {
             steps_.charge(1);
             if (isKey(reader_.reference(node, i), classKey_)) {
-                return reader_.node(reader_.reference(node, node.count + i));
+                return reader_.uid(reader_.reference(node, node.count + i));
             }
         }
         refuse("object without a class");
     }
 
     std::uint32_t classIndex(const Node& node) {
-        const Node uid = classField(node);
-        if (uid.type != Type::Uid || uid.bits == 0 || uid.bits >= objects_.count) {
+        const std::uint64_t uid = classField(node);
+        if (uid == 0 || uid >= objects_.count) {
             refuse("object without a class");
         }
-        const std::uint64_t index = reader_.reference(objects_, uid.bits);
+        const std::uint64_t index = reader_.reference(objects_, uid);
         if (const Slot* const slot = slots_.find(index)) {
             if (slot->state != Slot::State::ClassName) {
                 refuse("class is not a class description");
@@ -849,8 +849,9 @@ private:
     Value error(const Node& node) {
         const Value& domain = reference(requiredField(node, "NSDomain"));
         const Node code = requiredField(node, "NSCode");
-        const std::optional<Node> userInfoField = findField(node, "NSUserInfo");
-        const Value userInfo = userInfoField ? reference(*userInfoField) : Value();
+        StandardKey userInfoKey{"NSUserInfo"};
+        const std::uint64_t userInfoField = findField(node, userInfoKey);
+        const Value userInfo = userInfoField != kMissing ? reference(reader_.node(userInfoField)) : Value();
         if (domain.kind() != Value::Kind::String || code.type != Type::Integer ||
             (!userInfo.isNull() && userInfo.kind() != Value::Kind::Dictionary)) {
             refuse("invalid error record");
@@ -892,47 +893,46 @@ Value KeyedUnarchiver::unarchive(std::span<const std::byte> bytes, std::span<con
 }
 
 bool KeyedUnarchiver::decodeBool(std::string_view key) {
-    const auto node = decoder_.field(key);
+    const Node node = decoder_.field(key);
     if (Decoder::isNull(node)) {
         return false;
     }
-    if (node->type != Type::Boolean && (node->type != Type::Integer || node->bits > 1)) {
+    if (node.type != Type::Boolean && (node.type != Type::Integer || node.bits > 1)) {
         refuse("expected a boolean");
     }
-    return node->bits != 0;
+    return node.bits != 0;
 }
 
 std::int32_t KeyedUnarchiver::decodeInt32(std::string_view key) {
-    const auto node = decoder_.field(key);
+    const Node node = decoder_.field(key);
     if (Decoder::isNull(node)) {
         return 0;
     }
-    if (node->type != Type::Integer || node->integer() < std::numeric_limits<std::int32_t>::min() ||
-        node->integer() > std::numeric_limits<std::uint32_t>::max()) {
+    if (node.type != Type::Integer || node.integer() < std::numeric_limits<std::int32_t>::min() ||
+        node.integer() > std::numeric_limits<std::uint32_t>::max()) {
         refuse("integer does not fit in 32 bits");
     }
-    return static_cast<std::int32_t>(static_cast<std::uint32_t>(node->bits));
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(node.bits));
 }
 
 float KeyedUnarchiver::decodeFloat(std::string_view key) {
-    const auto node = decoder_.field(key);
+    const Node node = decoder_.field(key);
     if (Decoder::isNull(node)) {
         return 0.0F;
     }
-    switch (node->type) {
+    switch (node.type) {
     case Type::Real32:
     case Type::Real64:
-        return node->real32();
+        return node.real32();
     case Type::Integer:
-        return static_cast<float>(node->integer());
+        return static_cast<float>(node.integer());
     default:
         refuse("expected a number");
     }
 }
 
 Value KeyedUnarchiver::decodeObject(std::string_view key) {
-    const auto node = decoder_.field(key);
-    return node ? decoder_.reference(*node) : Value();
+    return decoder_.reference(decoder_.field(key));
 }
 
 std::shared_ptr<Dictionary> KeyedUnarchiver::decodeMutableDictionary(std::string_view key) {

@@ -1,4 +1,4 @@
-#include <algorithm>
+#include <array>
 #include <bit>
 #include <cstring>
 
@@ -41,16 +41,28 @@ unsigned widthOf(std::uint64_t v) noexcept {
 
 std::uint8_t* putInteger(std::uint8_t* out, std::uint64_t v) noexcept {
     if (v <= 0xFF) {
-        out[0] = 0x10;
-        out[1] = static_cast<std::uint8_t>(v);
-        return out + 2;
+        *out = 0x10;
+        return putBigEndian(out + 1, v, 1);
+    }
+    if (v <= 0xFFFF) {
+        *out = 0x11;
+        return putBigEndian(out + 1, v, 2);
     }
     const unsigned width = widthOf(v);
-    *out++ = static_cast<std::uint8_t>(0x10 | std::countr_zero(width));
-    return putBigEndian(out, v, width);
+    *out = static_cast<std::uint8_t>(0x10 | std::countr_zero(width));
+    return putBigEndian(out + 1, v, width);
+}
+
+std::uint8_t* putUid(std::uint8_t* out, std::uint32_t uid) noexcept {
+    const unsigned width = uid <= 0xFF ? 1 : uid <= 0xFFFF ? 2 : 4;
+    *out++ = static_cast<std::uint8_t>(0x80 | (width - 1));
+    return width == 1 ? putBigEndian(out, uid, 1) : width == 2 ? putBigEndian(out, uid, 2) : putBigEndian(out, uid, 4);
 }
 
 std::uint8_t* putScalar(std::uint8_t* out, Atom::Kind kind, std::uint64_t bits) noexcept {
+    if (kind == Atom::Kind::Integer) {
+        return putInteger(out, bits);
+    }
     switch (kind) {
     case Atom::Kind::Boolean:
         *out = static_cast<std::uint8_t>(0x08 | bits);
@@ -58,11 +70,9 @@ std::uint8_t* putScalar(std::uint8_t* out, Atom::Kind kind, std::uint64_t bits) 
     case Atom::Kind::Real32:
         *out = 0x22;
         return putBigEndian(out + 1, bits, 4);
-    case Atom::Kind::Real64:
+    default:
         *out = 0x23;
         return putBigEndian(out + 1, bits, 8);
-    default:
-        return putInteger(out, bits);
     }
 }
 
@@ -81,16 +91,19 @@ std::uint8_t* putBytes(std::uint8_t* out, std::string_view bytes) noexcept {
         // Two words that may overlap.
         const auto* const first = bytes.data();
         const auto* const last = bytes.data() + bytes.size() - sizeof(Word);
-        Word head = 0;
-        Word tail = 0;
+        Word head{};
+        Word tail{};
         std::memcpy(&head, first, sizeof head);
         std::memcpy(&tail, last, sizeof tail);
         std::memcpy(out, &head, sizeof head);
         std::memcpy(out + bytes.size() - sizeof tail, &tail, sizeof tail);
     };
     const std::size_t size = bytes.size();
-    if (size > 2 * sizeof(std::uint64_t)) {
+    using TwoWords = std::array<std::uint64_t, 2>;
+    if (size > 2 * sizeof(TwoWords)) {
         std::memcpy(out, bytes.data(), size);
+    } else if (size >= sizeof(TwoWords)) {
+        copyEnds(TwoWords{});
     } else if (size >= sizeof(std::uint64_t)) {
         copyEnds(std::uint64_t{});
     } else if (size >= sizeof(std::uint32_t)) {
@@ -199,9 +212,7 @@ private:
         std::uint32_t& known = graph_.uidIndexes[uid];
         if (known == kNone) {
             known = startObject();
-            const unsigned width = widthOf(uid);
-            *out_++ = static_cast<std::uint8_t>(0x80 | (width - 1));
-            out_ = putBigEndian(out_, uid, width);
+            out_ = putUid(out_, uid);
         }
         return known;
     }
