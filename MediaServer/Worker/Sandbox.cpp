@@ -22,16 +22,21 @@
 // missing from the list would be a movie that cannot be converted.
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstddef>
 #include <cstring>
 #include <ctime>
 #include <initializer_list>
+#include <span>
 #include <string_view>
 
 #include <fcntl.h>
+#include <linux/filter.h>
 #include <linux/landlock.h>
+#include <linux/seccomp.h>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -183,6 +188,21 @@ public:
     }
     [[nodiscard]] bool load() { return complete_ && ::seccomp_load(context_) == 0; }
 
+    /// Returns the filter as the kernel's program, empty on failure. Needs memfd_create.
+    [[nodiscard]] std::vector<sock_filter> compile() {
+        const int file = complete_ ? ::memfd_create("filter", MFD_CLOEXEC) : -1;
+        std::vector<sock_filter> program;
+        if (file >= 0 && ::seccomp_export_bpf(context_, file) == 0) {
+            const auto size = static_cast<std::size_t>(::lseek(file, 0, SEEK_END));
+            program.resize(size / sizeof(sock_filter));
+            if (::pread(file, program.data(), size, 0) != static_cast<ssize_t>(size)) {
+                program.clear();
+            }
+        }
+        ::close(file);
+        return program;
+    }
+
 private:
     static std::uint32_t errno_(int number) { return SCMP_ACT_ERRNO(static_cast<std::uint32_t>(number)); }
 
@@ -197,17 +217,12 @@ void denyProcesses(CallFilter& filter) {
     // Allows threads, but not processes.
     filter.deny(SCMP_SYS(clone3), ENOSYS);
     filter.denyIf(SCMP_SYS(clone), argument(0, SCMP_CMP_MASKED_EQ, CLONE_THREAD, 0));
-    // A process may signal itself, as abort() does, but no other process.
-    const auto self = static_cast<scmp_datum_t>(::getpid());
-    filter.denyIf(SCMP_SYS(kill), argument(0, SCMP_CMP_NE, self));
-    filter.denyIf(SCMP_SYS(tgkill), argument(0, SCMP_CMP_NE, self));
     for (const int command : kDeniedProcessCommands) {
         filter.denyIf(SCMP_SYS(prctl), intArgument(0, command));
     }
 }
 
-bool denyCalls(Stage stage) {
-    CallFilter filter;
+void denyCalls(CallFilter& filter, Stage stage) {
     for (const char* const name : kDeniedCalls) {
         const bool needed = stage == Stage::Template &&
                             std::find(kTemplateCalls.begin(), kTemplateCalls.end(), name) != kTemplateCalls.end();
@@ -234,7 +249,54 @@ bool denyCalls(Stage stage) {
     if (stage == Stage::Worker) {
         denyProcesses(filter);
     }
+}
+
+/// Returns the filter of a worker. Making it takes longer than many a job, so the template does it once and each worker
+/// has a copy.
+const std::vector<sock_filter>& workerFilter() {
+    static const std::vector<sock_filter> program = [] {
+        CallFilter filter;
+        denyCalls(filter, Stage::Worker);
+        return filter.compile();
+    }();
+    return program;
+}
+
+bool load(std::span<const sock_filter> program) {
+    const sock_fprog all{static_cast<unsigned short>(program.size()), const_cast<sock_filter*>(program.data())};
+    return !program.empty() && ::syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, 0, &all) == 0;
+}
+
+/// A process may signal itself, as abort() does, but no other process. This is a filter of its own because each worker
+/// has another number. It need not check the architecture, which workerFilter() does.
+bool denySignalsToOthers() {
+    constexpr unsigned kLowWord = std::endian::native == std::endian::little ? 0 : sizeof(std::uint32_t);
+    constexpr unsigned kFirstArgument = offsetof(seccomp_data, args) + kLowWord;
+    const std::array<sock_filter, 7> program{{
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_kill, 1, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_tgkill, 0, 2),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kFirstArgument),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<std::uint32_t>(::getpid()), 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+    }};
+    return load(program);
+}
+
+bool loadFilter(Stage stage) {
+    CallFilter filter;
+    denyCalls(filter, stage);
     return filter.load();
+}
+
+bool confineTemplate() {
+    (void)workerFilter();  // while this process can still make it
+    return loadFilter(Stage::Template);
+}
+
+bool confineWorker() {
+    return denySignalsToOthers() && (load(workerFilter()) || loadFilter(Stage::Worker));
 }
 
 bool seccompExists() {
@@ -289,7 +351,7 @@ std::vector<std::string> enterSandbox(const WorkerLimits& limits, SandboxLayers 
     if (layers.landlock && !denyPaths()) {
         missing.emplace_back(kNoLandlock);
     }
-    if (layers.seccomp && !denyCalls(Stage::Worker)) {
+    if (layers.seccomp && !confineWorker()) {
         missing.emplace_back(kNoSeccomp);
     }
     return missing;
@@ -298,7 +360,7 @@ std::vector<std::string> enterSandbox(const WorkerLimits& limits, SandboxLayers 
 void enterTemplateSandbox(const WorkerLimits& limits) {
     prepare(limits);
     (void)denyPaths();
-    (void)denyCalls(Stage::Template);
+    (void)confineTemplate();
 }
 
 std::vector<std::string> missingForSandbox() {

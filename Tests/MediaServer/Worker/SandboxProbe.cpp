@@ -221,6 +221,7 @@ void attemptProcesses(const Held& held) {
             [&] { return ::syscall(SYS_move_pages, held.other, 0, nullptr, nullptr, nullptr, 0); });
     attempt("migrate another process", [&] { return ::syscall(SYS_migrate_pages, held.other, 0, nullptr, nullptr); });
     attempt("signal another process", [&] { return ::kill(held.other, 0); });
+    attempt("signal another process's thread", [&] { return ::tgkill(held.other, held.other, 0); });
     attempt("signal its group", [] { return ::kill(0, 0); });
     siginfo_t info{};
     info.si_code = SI_QUEUE;
