@@ -140,7 +140,8 @@ constexpr std::initializer_list<const char*> kDeniedCalls{
     "ioctl"};
 
 /// Of these, what the template needs to fork a worker, and a worker to enter its own sandbox.
-constexpr std::array<std::string_view, 4> kTemplateCalls{"pipe2", "setpgid", "landlock_create_ruleset", "seccomp"};
+constexpr std::array<std::string_view, 5> kTemplateCalls{"pipe2", "vfork", "setpgid", "landlock_create_ruleset",
+                                                         "seccomp"};
 
 /// Calls from the first number on are newer than this list, so what they can do is not known. They fail as on a kernel
 /// that does not have them; callers fall back. The numbers are the same on all processors. The last number leaves room

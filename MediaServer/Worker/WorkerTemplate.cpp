@@ -4,9 +4,12 @@
 // one process does that once, and each worker is a copy of it.
 //
 // A worker must be a child of the server, which waits for it and whose exit must kill it. clone(CLONE_PARENT) could do
-// that but leaves the C library with the thread id of the template. So the template forks an intermediate process,
-// which forks the worker, passes its process id back and exits. The server is a subreaper, so it becomes the worker's
-// parent. The worker waits until then: PR_SET_PDEATHSIG refers to the parent of the moment.
+// that but leaves the C library with the thread id of the template. So the template starts an intermediate process,
+// which forks the worker and exits. The server is a subreaper, so it becomes the worker's parent. The worker waits until
+// then: PR_SET_PDEATHSIG refers to the parent of the moment.
+//
+// The intermediate process is made with vfork, so it runs in the template's memory while the template waits. A copy of
+// a thousand mappings, which would be thrown away at once, costs as much as the worker's own.
 //
 // Until the server has the worker's process id, the worker stays in the template's process group. If the template dies
 // at any moment, the server ends everything in that group.
@@ -60,18 +63,17 @@ enum class Process { Template, Worker };
 
 /// Forks a worker and returns in both processes. In the template, workerOrError is set to what the server is told.
 Process forkWorker(pid_t server, std::int32_t& workerOrError) {
-    Pipe answer;
     Pipe reparented;
-    if (!open(answer) || !open(reparented)) {
+    if (!open(reparented)) {
         workerOrError = -errno;
         return Process::Template;
     }
-    const pid_t intermediate = ::fork();
+    volatile pid_t worker = -EAGAIN;
+    const pid_t intermediate = ::vfork();
     if (intermediate == 0) {
         ::prctl(PR_SET_NAME, kWorkerName);  // inherited, so that the worker never has another
-        const pid_t worker = ::fork();
-        if (worker == 0) {
-            answer = {};
+        const pid_t forked = ::fork();
+        if (forked == 0) {
             reparented.writing.reset();
             char none = 0;
             (void)readAll(reparented.reading.get(), &none, sizeof none);
@@ -81,19 +83,11 @@ Process forkWorker(pid_t server, std::int32_t& workerOrError) {
             }
             return Process::Worker;
         }
-        const std::int32_t result = worker > 0 ? worker : -errno;
-        [[maybe_unused]] const auto written = ::write(answer.writing.get(), &result, sizeof result);
+        worker = forked > 0 ? forked : -errno;
         ::_exit(0);
     }
-    if (intermediate < 0) {
-        workerOrError = -errno;
-        return Process::Template;
-    }
-    answer.writing.reset();
-    if (!readAll(answer.reading.get(), &workerOrError, sizeof workerOrError)) {
-        workerOrError = -EAGAIN;
-    }
-    while (::waitpid(intermediate, nullptr, 0) < 0 && errno == EINTR) {
+    workerOrError = intermediate < 0 ? -errno : worker;
+    while (intermediate > 0 && ::waitpid(intermediate, nullptr, 0) < 0 && errno == EINTR) {
     }
     return Process::Template;  // closes the pipe that the worker waits for
 }
