@@ -37,7 +37,7 @@ VideoFormat formatOf(const AVStream& stream, const AVFrame& frame, Extent extent
 
 FramePtr converted(const AVStream& stream, FramePtr frame, const VideoFormat& format) {
     frame->pts = 0;
-    VideoFilter filter(format, stream.time_base);
+    VideoFilter filter(format, stream.time_base, 1);
     FramePtr result;
     const auto keepFirst = [&result](FramePtr ready) {
         if (!result) {

@@ -11,7 +11,6 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
-#include <MediaServer/Media/Codec/Decoder.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 
 namespace krv::media {
@@ -126,9 +125,10 @@ std::string rotation(const VideoFormat& target) {
 
 }  // namespace
 
-VideoFilter::VideoFilter(const VideoFormat& target, AVRational timeBase)
+VideoFilter::VideoFilter(const VideoFormat& target, AVRational timeBase, int threads)
     : target_(target)
-    , timeBase_(timeBase) {}
+    , timeBase_(timeBase)
+    , threads_(threads) {}
 
 void VideoFilter::push(FramePtr frame, const Sink& sink) {
     if (frame->interlaced_frame && !target_.interlaced && !deinterlaces_) {
@@ -196,7 +196,7 @@ void VideoFilter::build(const AVFrame& frame) {
     }
 
     graph_.reset(notNull(avfilter_graph_alloc()));
-    graph_->nb_threads = coreCount();
+    graph_->nb_threads = threads_;
     av_opt_set(graph_.get(), "scale_sws_opts", "flags=bicubic", 0);
     const std::string input =
         fmt::format("video_size={}x{}:pix_fmt={}:time_base={}/{}:pixel_aspect={}/{}", frame.width, frame.height,

@@ -3,6 +3,7 @@
 #include <functional>
 #include <string>
 
+#include <MediaServer/Media/Codec/Decoder.h>
 #include <MediaServer/Media/Foundation/AV.h>
 #include <MediaServer/Media/Video/VideoFormat.h>
 
@@ -16,8 +17,9 @@ class VideoFilter {
 public:
     using Sink = std::function<void(FramePtr)>;
 
-    /// timeBase: unit of the times of input and output frames.
-    VideoFilter(const VideoFormat& target, AVRational timeBase);
+    /// timeBase: unit of the times of input and output frames. threads: of a single frame, starting them takes longer
+    /// than the work.
+    VideoFilter(const VideoFormat& target, AVRational timeBase, int threads = coreCount());
 
     void push(FramePtr frame, const Sink& sink);
     void finish(const Sink& sink);
@@ -31,6 +33,7 @@ private:
 
     const VideoFormat target_;
     const AVRational timeBase_;
+    const int threads_;
     bool deinterlaces_ = false;
     double shape_ = 0;   // width to height of the first frame
     FramePtr builtFor_;  // properties of the frames that the graph was built for, without data
