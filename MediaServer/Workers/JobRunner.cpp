@@ -33,12 +33,16 @@ Outcome failed(std::shared_ptr<const Error> error) {
     return {Outcome::Kind::Failed, std::move(error), nullptr};
 }
 
-/// Returns whether the request has an output, the last of its files, and nothing is in it.
-bool outputIsEmpty(const KRVOperationBase& request, const std::vector<int>& files) {
+/// Returns whether the request has an output, which is the last of its files.
+bool hasOutput(const KRVOperationBase& request) {
     const MediaOperation* const operation = mediaOperation(request.operationType());
+    return operation && operation->destination != MediaOperation::Destination::None;
+}
+
+/// Returns whether the request has an output and nothing is in it.
+bool outputIsEmpty(const KRVOperationBase& request, const std::vector<int>& files) {
     struct stat status {};
-    return operation && operation->destination != MediaOperation::Destination::None && !files.empty() &&
-           (::fstat(files.back(), &status) != 0 || status.st_size == 0);
+    return hasOutput(request) && !files.empty() && (::fstat(files.back(), &status) != 0 || status.st_size == 0);
 }
 
 /// Returns the argument of poll() that waits until then.
@@ -53,7 +57,7 @@ Outcome JobRunner::run(const KRVOperationBase& request, const std::vector<int>& 
                        const std::function<void(double)>& onProgress, const std::function<void()>& onSilence) const {
     std::string failure;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        const auto worker = workers_.take(cancellation, failure);
+        auto worker = workers_.take(cancellation, failure);
         if (!worker && cancellation.requested()) {
             return {Outcome::Kind::Cancelled, nullptr, nullptr};
         }
@@ -65,6 +69,10 @@ Outcome JobRunner::run(const KRVOperationBase& request, const std::vector<int>& 
         const Followed followed = worker->channel.send(request, files)
                                       ? follow(worker->channel, cancellation, onProgress, begun, report, onSilence)
                                       : Followed::Exited;
+        if (followed == Followed::Reported && !hasOutput(request)) {
+            workers_.release(std::move(worker));
+            return outcomeOf(request, *report.record, report.size);
+        }
         // Before its output is looked at, so that it cannot change it any more.
         const int status = worker->end();
         switch (followed) {

@@ -1,7 +1,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <utility>
 
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -13,10 +15,25 @@
 #include <MediaServer/Workers/WorkerPool.h>
 
 namespace krv::server {
+namespace {
+
+/// For a worker to close its files, in milliseconds.
+constexpr int kPatience = 2000;
+
+}  // namespace
+
 bool Worker::isAlive() const {
     siginfo_t info{};
     return pid_ > 0 && ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
            info.si_pid == 0;
+}
+
+void Worker::dismiss() {
+    pollfd closed{channel.descriptor(), POLLRDHUP, 0};
+    ::poll(&closed, 1, kPatience);
+    if (pid_ > 0) {
+        ::kill(pid_, SIGKILL);
+    }
 }
 
 int Worker::end() {
@@ -69,7 +86,16 @@ void WorkerPool::keep() {
     mutex_.lock();
     while (!stopping_) {
         if (ready_.size() >= spares_ + waiting_ || !failure_.empty()) {
-            changed_.wait(mutex_);
+            const auto released = std::exchange(released_, {});
+            if (released.empty()) {
+                changed_.wait(mutex_);
+                continue;
+            }
+            mutex_.unlock();
+            for (const auto& worker : released) {
+                (void)worker->end();
+            }
+            mutex_.lock();
             continue;
         }
         const std::uint64_t before = taken_;
@@ -86,7 +112,15 @@ void WorkerPool::keep() {
     }
     // On this thread, whose exit would kill them anyway.
     ready_.clear();
+    released_.clear();
     mutex_.unlock();
+}
+
+void WorkerPool::release(std::unique_ptr<Worker> worker) {
+    worker->dismiss();
+    const LockGuard lock(mutex_);
+    released_.push_back(std::move(worker));
+    changed_.notify_all();
 }
 
 std::unique_ptr<Worker> WorkerPool::take(const Cancellation& cancellation, std::string& failure) {

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <sys/types.h>
 
@@ -29,6 +30,9 @@ public:
 
     /// Returns whether the process is still running.
     [[nodiscard]] bool isAlive() const;
+    /// Waits until the process has closed its files, or for a moment if a drive does not respond. Then kills it unless it
+    /// has exited, and does not wait for that.
+    void dismiss();
     /// Kills the process unless it has exited, and returns its status as from waitpid. Returns 0 after the first call.
     ///
     /// A process that is blocked on a drive that does not respond is left to itself after a moment and reported as
@@ -60,6 +64,10 @@ public:
     /// can be started, or after a cancellation.
     [[nodiscard]] std::unique_ptr<Worker> take(const Cancellation& cancellation, std::string& failure);
 
+    /// Ends a worker that has reported its result and has not written a file. Waits until it has closed its files. The
+    /// pool's own thread reaps it.
+    void release(std::unique_ptr<Worker> worker);
+
     /// Returns how many idle workers there are.
     [[nodiscard]] std::size_t ready() const;
 
@@ -75,6 +83,7 @@ private:
     mutable Mutex mutex_;
     std::condition_variable_any changed_;
     std::deque<std::unique_ptr<Worker>> ready_ KRV_GUARDED_BY(mutex_);
+    std::vector<std::unique_ptr<Worker>> released_ KRV_GUARDED_BY(mutex_);
     unsigned waiting_ KRV_GUARDED_BY(mutex_) = 0;
     /// How often take() has been called.
     std::uint64_t taken_ KRV_GUARDED_BY(mutex_) = 0;

@@ -1,4 +1,5 @@
 // The pool with real workers.
+#include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
@@ -132,6 +133,20 @@ TEST(Pool, ReplacesATemplateThatHasStopped) {
     EXPECT_TRUE(before->isAlive());
     EXPECT_TRUE(worker->isAlive());
     EXPECT_NE(::kill(first, 0), 0);
+}
+
+TEST(Pool, ReapsAWorkerThatIsReleased) {
+    WorkerPool pool(KRV_WORKER, 0);
+    std::string failure;
+    auto worker = pool.take(never, failure);
+    ASSERT_NE(worker, nullptr) << failure;
+    const pid_t pid = children().at(0);
+    ::kill(pid, SIGKILL);  // which closes its files
+    pool.release(std::move(worker));
+    while (::kill(pid, 0) == 0) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(errno, ESRCH);
 }
 
 TEST(Pool, WaitingForAWorkerEndsWithACancellation) {
