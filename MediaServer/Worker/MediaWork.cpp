@@ -19,6 +19,7 @@
 #include <MediaServer/Protocol/FailureSentence.h>
 #include <MediaServer/Protocol/MediaRequest.h>
 #include <MediaServer/Worker/MediaWork.h>
+#include <MediaServer/Worker/ReusedMemory.h>
 
 namespace krv::server {
 namespace {
@@ -243,21 +244,25 @@ void findInterestingTimes(const Job& job, media::ProgressSink& progress, KRVOper
 
 struct Row {
     OperationType type;
+    bool isShort;
     void (*work)(const Job& job, media::ProgressSink& progress, KRVOperationBase& end);
 };
 constexpr std::array<Row, 6> kWork{{
-    {OpEncodeVideo, &encode},
-    {OpCreateThumbnails, &makeThumbnails},
-    {OpProvideMetadata, &describeMovie},
-    {OpMuxAudioTo2ch, &mixToStereo},
-    {OpMergeSources, &merge},
-    {OpGetInterestingTimes, &findInterestingTimes},
+    {OpEncodeVideo, false, &encode},
+    {OpCreateThumbnails, false, &makeThumbnails},
+    {OpProvideMetadata, true, &describeMovie},
+    {OpMuxAudioTo2ch, false, &mixToStereo},
+    {OpMergeSources, false, &merge},
+    {OpGetInterestingTimes, true, &findInterestingTimes},
 }};
 
 void work(const Job& job, media::ProgressSink& progress, KRVOperationBase& end) {
     media::FFmpegLog::instance().clear();
     for (const Row& row : kWork) {
         if (row.type == job.record->operationType()) {
+            if (row.isShort) {
+                reuseMemory();
+            }
             row.work(job, progress, end);
             return;
         }
