@@ -80,7 +80,7 @@ private:
     ClientRegistry clients_;
     HeldReplies held_;
     OperationLedger ledger_;
-    const MediaWorkflow workflow_{runner_, settings_.blockingCalls};
+    const MediaWorkflow workflow_{runner_, settings_.blockingCalls, std::make_shared<DescriptionCache>()};
     OperationExecutors executors_;
     OperationDispatcher dispatcher_;
     /// Destroyed first: all replies must be given while the other parts exist.

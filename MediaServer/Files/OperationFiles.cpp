@@ -68,7 +68,7 @@ std::optional<Failure> OperationFiles::openSources(const std::vector<std::string
             return failure;
         }
         statuses.push_back(status);
-        sources_.push_back({std::move(file), drive});
+        sources_.push_back({std::move(file), drive, FileState(status)});
     }
     if (!destination.empty() && !follow(destination, paths.size(), outputDrive_)) {
         return Failure{.cause = FailureCause::DestinationDoesNotRespond};

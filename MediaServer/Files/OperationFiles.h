@@ -11,6 +11,7 @@
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 
 #include <MediaServer/Files/AtomicOutput.h>
+#include <MediaServer/Files/FileState.h>
 #include <MediaServer/Files/Placing.h>
 #include <MediaServer/Files/ThumbnailFolder.h>
 #include <MediaServer/Protocol/Descriptor.h>
@@ -33,6 +34,10 @@ public:
     /// descriptors are borrowed.
     [[nodiscard]] std::vector<int> descriptors() const;
 
+    /// Returns what the first source was like when it was opened.
+    [[nodiscard]] const FileState& sourceState() const { return sources_.front().state; }
+
+    [[nodiscard]] bool haveOutput() const noexcept { return file_ || folder_; }
     /// Returns the drive of the output.
     [[nodiscard]] dev_t outputDrive() const noexcept { return outputDrive_; }
     /// Closes the output, and removes it unless it has been put in place.
@@ -55,6 +60,7 @@ private:
     struct Source {
         Descriptor file;
         dev_t drive;
+        FileState state;
     };
 
     [[nodiscard]] std::optional<Failure> openSources(const std::vector<std::string>& paths,

@@ -73,11 +73,19 @@ void close(std::unique_ptr<OperationFiles>& files, const BlockingCalls::Report& 
     }
 }
 
-/// The same on a thread of its own, because it may block on a drive that has stopped responding since.
-void discard(BlockingCalls& calls, std::unique_ptr<OperationFiles> files, const std::function<void()>& onDelay) {
+/// The same on a thread of its own, because it may block on a drive that has stopped responding since. last: is called
+/// there before; may be empty.
+void discard(BlockingCalls& calls, std::unique_ptr<OperationFiles> files, const std::function<void()>& onDelay,
+             const std::function<void(const OperationFiles&)>& last = {}) {
     const auto finishing = std::make_shared<Finishing>(Finishing{std::move(files), nullptr, {}, false});
-    (void)calls.run([finishing](const BlockingCalls::Report& report) { close(finishing->files, report); },
-                    {.limit = kPatienceForClosing, .cleansUp = true, .onDelay = onDelay});
+    (void)calls.run(
+        [finishing, last](const BlockingCalls::Report& report) {
+            if (last && finishing->files) {
+                last(*finishing->files);
+            }
+            close(finishing->files, report);
+        },
+        {.limit = kPatienceForClosing, .cleansUp = true, .onDelay = onDelay});
 }
 
 }  // namespace
@@ -120,9 +128,27 @@ Outcome MediaWorkflow::perform(const KRVOperationBase::Ref& request, const Cance
     }
     auto files = std::move(opening->files);
 
+    const bool describes = request->operationType() == OpProvideMetadata;
+    const std::string path = request->encodingSourceFilename().value_or("");
+    if (describes) {
+        if (auto known = descriptions->find(path, files->sourceState())) {
+            discard(blockingCalls, std::move(files), onDelay);
+            return {Outcome::Kind::Completed, nullptr, std::move(known)};
+        }
+    }
+
     Outcome outcome = runner.run(*request, files->descriptors(), cancellation, onProgress, onDelay);
     if (outcome.kind != Outcome::Kind::Completed) {
         discard(blockingCalls, std::move(files), onDelay);
+        return outcome;
+    }
+    if (!files->haveOutput()) {
+        const auto remember = [cache = descriptions, path, record = outcome.record](const OperationFiles& open) {
+            if (FileState::of(open.descriptors().front()) == open.sourceState()) {
+                cache->add(path, open.sourceState(), *record);
+            }
+        };
+        discard(blockingCalls, std::move(files), onDelay, describes ? std::function(remember) : nullptr);
         return outcome;
     }
 

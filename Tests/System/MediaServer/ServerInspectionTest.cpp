@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 
 #include "ServerFixture.h"
+#include <MediaServer/Files/FileState.h>
 
 namespace krv::server {
 namespace {
@@ -141,6 +142,59 @@ TEST_F(Inspection, AMovieIsDescribed) {
     ASSERT_TRUE(poster);
     EXPECT_EQ((*poster)[0], std::byte{0xff});
     EXPECT_EQ((*poster)[1], std::byte{0xd8});
+}
+
+/// Waits until a file is old enough for its description to be remembered.
+void waitUntilSettled(const std::string& path) {
+    waitUntil([&] {
+        struct stat status {};
+        return ::stat(path.c_str(), &status) == 0 && !FileState(status).isFresh();
+    });
+}
+
+TEST_F(Inspection, AMovieThatIsReplacedIsDescribedAgain) {
+    start();
+    const std::string copy = out("movie.mov");
+    const auto codecs = [&] {
+        std::shared_ptr<const Error> error;
+        const auto info = client->getMetadataFor(copy, &error);
+        return info ? (*info)[kMediaMetadataCodec].stringValue() : error->localizedDescription();
+    };
+    fs::copy_file(movie(), copy);
+    waitUntilSettled(copy);
+    EXPECT_EQ(codecs(), "H.264, AAC");
+    fs::copy_file(std::string(KRV_TEST_MEDIA) + "/long.mov", copy, fs::copy_options::overwrite_existing);
+    EXPECT_EQ(codecs(), "MPEG-4, PCM");
+}
+
+TEST_F(Inspection, AMovieThatMayNoLongerBeReadIsNotDescribedFromMemory) {
+    startHeldByPermissions();
+    const std::string copy = out("movie.mov");
+    fs::copy_file(movie(), copy);
+    waitUntilSettled(copy);
+    std::shared_ptr<const Error> error;
+    EXPECT_TRUE(client->getMetadataFor(copy, &error));
+    fs::permissions(fs::path(copy).parent_path(), fs::perms::none);
+    EXPECT_FALSE(client->getMetadataFor(copy, &error));
+    fs::permissions(fs::path(copy).parent_path(), fs::perms::owner_all);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code(), static_cast<std::int64_t>(OperationErrorCode::UnreadableSource));
+}
+
+TEST_F(Inspection, AMovieIsDescribedTheSameFromMemory) {
+    start();
+    std::shared_ptr<const Error> error;
+    const auto first = client->getMetadataFor(movie(), &error);
+    ASSERT_TRUE(first);
+    for (const pid_t worker : workers()) {
+        ::kill(worker, SIGSTOP);  // so that no description can be made
+    }
+    const auto second = client->getMetadataFor(movie(), &error);
+    for (const pid_t worker : workers()) {
+        ::kill(worker, SIGCONT);
+    }
+    ASSERT_TRUE(second);
+    EXPECT_TRUE(*first == *second);
 }
 
 TEST_F(Inspection, AMovieIsDescribedWhileAllConversionThreadsAreBusy) {
