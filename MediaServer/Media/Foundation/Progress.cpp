@@ -32,7 +32,9 @@ void Progress::reach(double fractionOfPhase) noexcept {
 void Progress::alive() noexcept {
     const auto now = clock_();
     const auto waited = now - reportedAt_;
-    if (reached_ < reported_ + kVisibleChange && waited < kSignOfLife) {
+    const double change = reached_ - reported_;
+    const bool visible = change >= kLargeChange || (change >= kVisibleChange && waited >= kShortestInterval);
+    if (!visible && waited < kSignOfLife) {
         return;
     }
     report(std::min(reached_, kBelowOne));

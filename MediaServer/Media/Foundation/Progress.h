@@ -17,7 +17,10 @@ class Progress {
 public:
     using Clock = std::function<std::chrono::steady_clock::time_point()>;
 
-    static constexpr double kVisibleChange = 1e-3;
+    static constexpr double kVisibleChange = 5e-3;
+    /// A change that is reported even if the latest report is not older than kShortestInterval.
+    static constexpr double kLargeChange = 5e-2;
+    static constexpr std::chrono::milliseconds kShortestInterval{10};
     static constexpr std::chrono::milliseconds kSignOfLife{100};
 
     explicit Progress(ProgressSink& sink, Clock clock = &std::chrono::steady_clock::now);

@@ -50,6 +50,22 @@ TEST_F(ProgressTest, DoesNotReportSignsOfLifeThatAreTooClose) {
     EXPECT_EQ(reports_.size(), 1U);
 }
 
+TEST_F(ProgressTest, DoesNotReportSmallChangesThatAreTooClose) {
+    for (int i = 0; i < 100; ++i) {
+        now_ += 1ms;
+        progress_.reach(i * 1e-4);
+    }
+    EXPECT_THAT(reports_, testing::ElementsAre(testing::DoubleEq(0.005)));
+    progress_.reach(0.05);
+    progress_.reach(0.06);
+    now_ += 9ms;
+    progress_.alive();
+    EXPECT_EQ(reports_.size(), 2U);
+    now_ += 1ms;
+    progress_.alive();
+    EXPECT_EQ(reports_.back(), 0.06);
+}
+
 TEST_F(ProgressTest, PhasesDivideTheRange) {
     progress_.beginPhase(0.6);
     progress_.reach(0.5);
