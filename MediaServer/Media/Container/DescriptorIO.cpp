@@ -27,6 +27,7 @@ DescriptorIO::DescriptorIO(int descriptor, Mode mode, std::function<void(std::in
         av_free(buffer);
         throw std::bad_alloc();
     }
+    context_->min_packet_size = kBufferSize;  // otherwise FFmpeg writes every packet by itself
 }
 
 DescriptorIO::~DescriptorIO() {

@@ -46,6 +46,17 @@ TEST_F(DescriptorIOTest, ReadsBackWhatAnotherWroteToTheSameDescriptor) {
     EXPECT_EQ(readAll(reader.context()), content);
 }
 
+TEST_F(DescriptorIOTest, DoesNotWriteEachPacketByItself) {
+    int transfers = 0;
+    DescriptorIO writer(descriptor_.number(), DescriptorIO::Mode::Write, [&](std::int64_t) { ++transfers; });
+    for (int i = 0; i < 1000; ++i) {
+        avio_w8(writer.context(), 'x');
+        avio_write_marker(writer.context(), 0, AVIO_DATA_MARKER_FLUSH_POINT);
+    }
+    avio_flush(writer.context());
+    EXPECT_EQ(transfers, 1);
+}
+
 TEST_F(DescriptorIOTest, HasItsOwnPosition) {
     test::writeFile(file_.path(), "0123456789");
     lseek(descriptor_.number(), 7, SEEK_SET);
