@@ -3,6 +3,7 @@
 #include <cstring>
 #include <utility>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,6 +14,9 @@ namespace krv::media {
 namespace {
 
 constexpr int kBufferSize = 256 * 1024;
+
+/// Large enough for a disk to write it in one piece.
+constexpr std::int64_t kFlushedAtOnce = std::int64_t{8} << 20;
 
 }  // namespace
 
@@ -67,7 +71,7 @@ int DescriptorIO::writeAll(void* opaque, std::uint8_t* buffer, int size) {
     auto& self = *static_cast<DescriptorIO*>(opaque);
     for (int written = 0; written < size;) {
         const ssize_t put =
-            pwrite(self.descriptor_, buffer + written, static_cast<std::size_t>(size - written), self.position_);
+            pwrite(self.descriptor_, buffer + written, static_cast<std::size_t>(size - written), self.place());
         if (put < 0 && errno == EINTR) {
             continue;
         }
@@ -81,7 +85,23 @@ int DescriptorIO::writeAll(void* opaque, std::uint8_t* buffer, int size) {
         self.position_ += put;
         self.activity_(put);
     }
+    if (self.flushesEarly_) {
+        self.startFlush();
+    }
     return size;
+}
+
+void DescriptorIO::leaveRoom(std::int64_t at, std::int64_t size) noexcept {
+    roomAt_ = at;
+    roomSize_ = size;
+}
+
+void DescriptorIO::startFlush() noexcept {
+    const std::int64_t end = place();
+    if (end >= flushed_ + kFlushedAtOnce) {
+        sync_file_range(descriptor_, flushed_, end - flushed_, SYNC_FILE_RANGE_WRITE);
+        flushed_ = end;
+    }
 }
 
 std::int64_t DescriptorIO::seek(void* opaque, std::int64_t offset, int whence) {
@@ -94,9 +114,9 @@ std::int64_t DescriptorIO::seek(void* opaque, std::int64_t offset, int whence) {
             return AVERROR(errno);
         }
         if (how == AVSEEK_SIZE) {
-            return status.st_size;
+            return status.st_size - self.roomSize_;
         }
-        base = status.st_size;
+        base = status.st_size - self.roomSize_;
     } else if (how == SEEK_CUR) {
         base = self.position_;
     } else if (how != SEEK_SET) {

@@ -1,82 +1,28 @@
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <optional>
-#include <string_view>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <MediaServer/Media/Container/Boxes.h>
 #include <MediaServer/Media/Container/EditList.h>
 
 namespace krv::media {
 namespace {
 
-using Bytes = std::span<const std::byte>;
-
-/// The box of a two-hour movie takes a few megabytes.
-constexpr std::int64_t kLargestMovieBox = std::int64_t{256} << 20;
 constexpr std::size_t kMostEdits = 100'000;
-constexpr int kMostTopLevelBoxes = 10'000;
-constexpr std::size_t kBoxHeader = 8;
-constexpr std::size_t kLongBoxHeader = 16;
-
-std::uint64_t number(Bytes bytes, std::size_t offset, std::size_t size) {
-    std::uint64_t value = 0;
-    for (std::size_t i = 0; i < size; ++i) {
-        value = value << 8 | std::to_integer<std::uint64_t>(bytes[offset + i]);
-    }
-    return value;
-}
-
-struct Box {
-    std::string_view type;
-    Bytes contents;
-};
-
-/// Removes the first box from a list and returns it. Returns nothing at the end of the list, and for a box that claims
-/// to be longer than the list.
-std::optional<Box> takeBox(Bytes& list) {
-    if (list.size() < kBoxHeader) {
-        return std::nullopt;
-    }
-    std::uint64_t size = number(list, 0, 4);
-    std::size_t header = kBoxHeader;
-    if (size == 1 && list.size() >= kLongBoxHeader) {
-        size = number(list, kBoxHeader, 8);
-        header = kLongBoxHeader;
-    } else if (size == 0) {
-        size = list.size();
-    }
-    if (size < header || size > list.size()) {
-        return std::nullopt;
-    }
-    const std::string_view type(reinterpret_cast<const char*>(list.data()) + 4, 4);
-    const auto whole = static_cast<std::size_t>(size);
-    const Box box{type, list.subspan(header, whole - header)};
-    list = list.subspan(whole);
-    return box;
-}
-
-std::optional<Bytes> find(Bytes list, std::string_view type) {
-    while (const auto box = takeBox(list)) {
-        if (box->type == type) {
-            return box->contents;
-        }
-    }
-    return std::nullopt;
-}
 
 /// Returns the field after the two dates of a header. The header's version determines the length of the dates.
 std::optional<std::uint32_t> afterDates(std::optional<Bytes> header) {
     if (!header || header->empty()) {
         return std::nullopt;
     }
-    const std::size_t offset = number(*header, 0, 1) == 1 ? 20 : 12;
+    const std::size_t offset = numberIn(*header, 0, 1) == 1 ? 20 : 12;
     if (header->size() < offset + 4) {
         return std::nullopt;
     }
-    return static_cast<std::uint32_t>(number(*header, offset, 4));
+    return static_cast<std::uint32_t>(numberIn(*header, offset, 4));
 }
 
 std::vector<std::int64_t> editStarts(Bytes list) {
@@ -84,14 +30,14 @@ std::vector<std::int64_t> editStarts(Bytes list) {
     if (list.size() < 8) {
         return starts;
     }
-    const bool wide = number(list, 0, 1) == 1;
+    const bool wide = numberIn(list, 0, 1) == 1;
     const std::size_t entry = wide ? 20 : 12;
     const auto count =
-        std::min<std::size_t>({static_cast<std::size_t>(number(list, 4, 4)), (list.size() - 8) / entry, kMostEdits});
+        std::min<std::size_t>({static_cast<std::size_t>(numberIn(list, 4, 4)), (list.size() - 8) / entry, kMostEdits});
     std::int64_t start = 0;
     for (std::size_t i = 0; i < count; ++i) {
         starts.push_back(start);
-        const auto length = static_cast<std::int64_t>(number(list, 8 + i * entry, wide ? 8 : 4));
+        const auto length = static_cast<std::int64_t>(numberIn(list, 8 + i * entry, wide ? 8 : 4));
         if (length < 0 || __builtin_add_overflow(start, length, &start)) {
             break;
         }
@@ -103,14 +49,14 @@ std::vector<std::int64_t> editStarts(Bytes list) {
 
 MovieEdits parseMovieEdits(Bytes movieBox) {
     MovieEdits edits;
-    edits.timeScale = afterDates(find(movieBox, "mvhd")).value_or(0);
+    edits.timeScale = afterDates(findBox(movieBox, "mvhd")).value_or(0);
     while (const auto box = takeBox(movieBox)) {
         if (box->type != "trak") {
             continue;
         }
-        const auto id = afterDates(find(box->contents, "tkhd"));
-        const auto container = find(box->contents, "edts");
-        const auto list = container ? find(*container, "elst") : std::nullopt;
+        const auto id = afterDates(findBox(box->contents, "tkhd"));
+        const auto container = findBox(box->contents, "edts");
+        const auto list = container ? findBox(*container, "elst") : std::nullopt;
         if (id) {
             edits.tracks.push_back({*id, list ? editStarts(*list) : std::vector<std::int64_t>{}});
         }
@@ -118,47 +64,9 @@ MovieEdits parseMovieEdits(Bytes movieBox) {
     return edits;
 }
 
-namespace {
-
-/// Where the contents of the "moov" box are in a file.
-struct Place {
-    std::int64_t offset;
-    std::int64_t size;
-};
-
-std::optional<Place> findMovieBox(const ReadAt& readAt, std::int64_t fileSize) {
-    std::int64_t offset = 0;
-    for (int i = 0; i < kMostTopLevelBoxes && offset <= fileSize - static_cast<std::int64_t>(kBoxHeader); ++i) {
-        std::array<std::byte, kLongBoxHeader> header{};
-        const auto there = static_cast<std::size_t>(std::min<std::int64_t>(kLongBoxHeader, fileSize - offset));
-        if (!readAt(offset, std::span(header).first(there))) {
-            break;
-        }
-        std::uint64_t size = number(header, 0, 4);
-        std::int64_t headerSize = kBoxHeader;
-        if (size == 1) {
-            size = number(header, kBoxHeader, 8);
-            headerSize = kLongBoxHeader;
-        } else if (size == 0) {
-            size = static_cast<std::uint64_t>(fileSize - offset);
-        }
-        if (size < static_cast<std::uint64_t>(headerSize) || size > static_cast<std::uint64_t>(fileSize - offset)) {
-            break;
-        }
-        const auto contents = static_cast<std::int64_t>(size) - headerSize;
-        if (std::string_view(reinterpret_cast<const char*>(header.data()) + 4, 4) == "moov") {
-            return contents <= kLargestMovieBox ? std::optional(Place{offset + headerSize, contents}) : std::nullopt;
-        }
-        offset += static_cast<std::int64_t>(size);
-    }
-    return std::nullopt;
-}
-
-}  // namespace
-
 MovieEdits readMovieEdits(const ReadAt& readAt, std::int64_t fileSize) {
-    const auto place = findMovieBox(readAt, fileSize);
-    if (!place) {
+    const auto place = findTopLevelBox("moov", readAt, 0, fileSize);
+    if (!place || place->size > kLargestMovieBox) {
         return {};
     }
     std::vector<std::byte> box(static_cast<std::size_t>(place->size));
@@ -173,7 +81,7 @@ public:
     Field(std::span<std::byte> box, Bytes part, std::size_t offset, bool wide)
         : bytes_(box.subspan(static_cast<std::size_t>(part.data() - box.data()) + offset, wide ? 8 : 4)) {}
 
-    [[nodiscard]] std::uint64_t value() const { return number(bytes_, 0, bytes_.size()); }
+    [[nodiscard]] std::uint64_t value() const { return numberIn(bytes_, 0, bytes_.size()); }
     void lowerTo(std::uint64_t value) const {
         if (value >= this->value()) {
             return;
@@ -188,7 +96,7 @@ private:
 };
 
 bool isWide(Bytes header) {
-    return !header.empty() && number(header, 0, 1) == 1;
+    return !header.empty() && numberIn(header, 0, 1) == 1;
 }
 
 /// Returns the length of a movie or track, which its header contains behind other fields.
@@ -215,7 +123,7 @@ void shortenEdits(std::span<std::byte> box, Bytes list, std::uint64_t end) {
 }  // namespace
 
 void shortenTracks(std::span<std::byte> box, std::span<const TrackEnd> ends) {
-    const auto header = find(box, "mvhd");
+    const auto header = findBox(box, "mvhd");
     const auto scale = afterDates(header).value_or(0);
     std::uint64_t longest = 0;
     Bytes rest = box;
@@ -223,9 +131,9 @@ void shortenTracks(std::span<std::byte> box, std::span<const TrackEnd> ends) {
         if (track->type != "trak") {
             continue;
         }
-        const auto trackHeader = find(track->contents, "tkhd");
-        const auto container = find(track->contents, "edts");
-        const auto list = container ? find(*container, "elst") : std::nullopt;
+        const auto trackHeader = findBox(track->contents, "tkhd");
+        const auto container = findBox(track->contents, "edts");
+        const auto list = container ? findBox(*container, "elst") : std::nullopt;
         const auto length = lengthIn(box, trackHeader, 8);
         const auto end = std::find_if(ends.begin(), ends.end(),
                                       [id = afterDates(trackHeader)](const TrackEnd& each) { return each.id == id; });
@@ -247,8 +155,8 @@ bool shortenTracks(int descriptor, std::span<const TrackEnd> ends) {
         return false;
     }
     const ReadAt readAt = readAtDescriptor(descriptor);
-    const auto place = findMovieBox(readAt, status.st_size);
-    if (!place) {
+    const auto place = findTopLevelBox("moov", readAt, 0, status.st_size);
+    if (!place || place->size > kLargestMovieBox) {
         return false;
     }
     std::vector<std::byte> box(static_cast<std::size_t>(place->size));

@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include <MediaServer/Media/Container/Boxes.h>
 #include <MediaServer/Media/Container/CuePoints.h>
 #include <MediaServer/Media/Container/OutputFile.h>
 #include <MediaServer/Media/Container/QuickTimeTags.h>
@@ -86,7 +87,7 @@ void OutputFile::addTagsOfTracks() {
 void OutputFile::writeHeader() {
     AVDict options;
     av_dict_parse_string(options.address(), container_.options, "=", ":", 0);
-    if (container_.indexInFront) {
+    if (container_.indexInFront && room_.size == 0) {
         av_dict_set(options.address(), "movflags", "+faststart", AV_DICT_APPEND);
     }
     addTagsOfTracks();
@@ -99,6 +100,40 @@ void OutputFile::writeHeader() {
     }
     check(avformat_write_header(format_, options.address()), FailureCause::ContainerRefusesTracks,
           "writing the header");
+    if (room_.size > 0) {
+        leaveRoomForIndex();
+    }
+    if (!container_.indexInFront || room_.size > 0) {
+        io_.flushEarly();
+    }
+}
+
+// The room begins behind the first box, which says what kind of file it is.
+void OutputFile::leaveRoomForIndex() {
+    avio_flush(io_.context());
+    check(0, FailureCause::InternalError, "writing the header");
+    const std::int64_t end = avio_tell(io_.context());
+    std::vector<std::byte> header(static_cast<std::size_t>(end));
+    Bytes rest = header;
+    if (!readAtDescriptor(descriptor_)(0, header) || !takeBox(rest)) {
+        throw Failure({.cause = FailureCause::InternalError, .reason = "the header cannot be read back"});
+    }
+    room_.at = end - static_cast<std::int64_t>(rest.size());
+    io_.leaveRoom(room_.at, room_.size);
+    // What is behind the room has been written into it.
+    avio_seek(io_.context(), room_.at, SEEK_SET);
+    avio_write(io_.context(), reinterpret_cast<const unsigned char*>(rest.data()), static_cast<int>(rest.size()));
+}
+
+void OutputFile::moveIndex() {
+    const int error = moveIndexToFront(descriptor_, room_, [this](std::int64_t bytes) {
+        bytesMoved_ += bytes;
+        progress_.reach(static_cast<double>(bytesMoved_) /
+                        static_cast<double>(std::max<std::int64_t>(bytesToMove_, 1)));
+    });
+    if (error != 0) {
+        throw Failure({.cause = FailureCause::UnwritableDestination, .errorNumber = error});
+    }
 }
 
 void OutputFile::write(const AVStream& stream, AVPacket& packet, AVRational timeBase) {
@@ -136,6 +171,9 @@ void OutputFile::finish() {
     check(0, FailureCause::InternalError, "finishing the file");
     if (const int error = io_.context()->error; error < 0) {
         throw Failure({.cause = FailureCause::UnwritableDestination, .errorNumber = AVUNERROR(error)});
+    }
+    if (room_.size > 0) {
+        moveIndex();
     }
     if (container_.extension == "wav" && !appendCuePoints()) {
         throw Failure({.cause = FailureCause::UnwritableDestination, .errorNumber = errno});

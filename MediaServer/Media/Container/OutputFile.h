@@ -9,6 +9,7 @@
 #include <MediaServer/Media/Container/ContainerTable.h>
 #include <MediaServer/Media/Container/DescriptorIO.h>
 #include <MediaServer/Media/Container/EditList.h>
+#include <MediaServer/Media/Container/MovieIndex.h>
 #include <MediaServer/Media/Foundation/AV.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 #include <MediaServer/Media/Foundation/Progress.h>
@@ -42,6 +43,10 @@ public:
     /// container with CoverArt::Tag.
     void setCover(const AVPacket& picture, bool isPNG);
 
+    /// Leaves so much room for the index in front, if the container has one there; 0: the samples are moved back in the
+    /// end. A size that is too small has the same effect. Call it before writeHeader().
+    void expectIndex(std::int64_t size) noexcept { room_.size = container_.indexInFront ? size : 0; }
+
     /// Throws Failure with UnwritableDestination or ContainerRefusesTracks.
     void writeHeader();
 
@@ -68,12 +73,15 @@ private:
     static int openForReading(AVFormatContext* format, AVIOContext** io, const char* url, int flags, AVDictionary**);
     static int closeAfterReading(AVFormatContext* format, AVIOContext* io);
     void addTagsOfTracks();
+    void leaveRoomForIndex();
+    void moveIndex();
     [[nodiscard]] bool appendCuePoints() const;
     void check(int result, FailureCause otherwise, const char* attempt) const;
 
     int descriptor_;
     const Container& container_;
     Progress& progress_;
+    IndexRoom room_;
     std::int64_t bytesMoved_ = 0;
     std::int64_t bytesToMove_ = 0;
     std::int64_t packets_ = 0;

@@ -14,6 +14,7 @@ extern "C" {
 #include <MediaServer/Media/Container/EditList.h>
 #include <MediaServer/Media/Container/EditTimes.h>
 #include <MediaServer/Media/Container/FrameOrder.h>
+#include <MediaServer/Media/Container/MovieIndex.h>
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Container/SourceFormat.h>
 #include <MediaServer/Media/Container/SpliceRepair.h>
@@ -79,7 +80,8 @@ std::int64_t checkedSize(int descriptor) {
 }  // namespace
 
 Source::Source(int descriptor, const std::string& path, Progress& progress)
-    : size_(checkedSize(descriptor))
+    : descriptor_(descriptor)
+    , size_(checkedSize(descriptor))
     , io_(descriptor, DescriptorIO::Mode::Read, [&progress](std::int64_t) { progress.alive(); }) {
     try {
         open(descriptor, path);
@@ -212,6 +214,17 @@ void Source::shiftTimeCodes() {
     for (unsigned i = 0; i < format_->nb_streams; ++i) {
         shift(&format_->streams[i]->metadata);
     }
+}
+
+std::int64_t Source::indexSizeOf(const std::vector<std::size_t>& indices) const {
+    if (declaredSize_ || std::string_view(format_->iformat->name).find("mov") == std::string_view::npos) {
+        return 0;
+    }
+    std::vector<int> tracks;
+    for (const std::size_t index : indices) {
+        tracks.push_back(stream(index).id);
+    }
+    return indexSize(readAtDescriptor(descriptor_), size_, tracks);
 }
 
 void Source::throwIfUnreadable() const {

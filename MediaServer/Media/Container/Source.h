@@ -79,6 +79,11 @@ public:
     /// Returns how far read() has come, in 0…1: by time, or by bytes if the length is unknown or a guess.
     [[nodiscard]] double position() const noexcept;
 
+    /// Returns the size of the index of these streams in the file, or 0 if the file has no such thing or is not whole.
+    [[nodiscard]] std::int64_t indexSizeOf(const std::vector<std::size_t>& indices) const;
+    /// Returns the size of the file in bytes.
+    [[nodiscard]] std::int64_t fileSize() const noexcept { return size_; }
+
     /// Returns which part of the file the packets so far make up, in 0…1: how far copying has come.
     [[nodiscard]] double bytePosition() const noexcept;
 
@@ -110,6 +115,7 @@ private:
     void moveToMovieTime(AVPacket& packet);
     void forgetTimes();
 
+    int descriptor_;
     std::int64_t size_ = 0;
     DescriptorIO io_;
     AVFormatContext* format_ = nullptr;

@@ -17,6 +17,12 @@ constexpr std::int64_t kMostQueuedBytes = std::int64_t{64} << 20;
 constexpr double kCopied = 0.6;
 constexpr double kEncoded = 0.98;
 
+/// The places of samples in larger files may or may not fit in 32 bits, depending on the room for the index.
+constexpr std::int64_t kLargestFile = std::int64_t{3} << 30;
+
+/// Muxers divide the samples differently, and write tags of their own.
+constexpr std::int64_t kIndexMargin = std::int64_t{16} << 10;
+
 }  // namespace
 
 Pump::Pump(Source& source, OutputFile& output, Progress& progress)
@@ -41,11 +47,14 @@ void Pump::addCopy(const StreamPlan& plan) {
     if (plan.treatment == StreamPlan::Treatment::ConvertSubtitles) {
         return add(std::make_unique<SubtitleConverter>(from), {plan.index});
     }
+    copies_ = true;
     add(std::make_unique<StreamCopier>(from), {plan.index});
 }
 
 void Pump::run(bool encodes) {
-    progress_.beginPhase(encodes || !output_.container().indexInFront ? kEncoded : kCopied);
+    const std::int64_t index = output_.container().indexInFront ? expectedIndexSize() : 0;
+    output_.expectIndex(index);
+    progress_.beginPhase(encodes || index > 0 || !output_.container().indexInFront ? kEncoded : kCopied);
     reader_.emplace(source_, read_);
     const auto queued = prime();
     copyMovieMetadata(source_, output_);
@@ -60,6 +69,16 @@ void Pump::run(bool encodes) {
     progress_.beginPhase(1);
     output_.finish();
     progress_.finish();
+}
+
+// If streams are copied, their index will be about as large as it is. If they are encoded, or only a part is copied, it
+// does not matter that the samples are moved in the end: that takes little time.
+std::int64_t Pump::expectedIndexSize() const {
+    if (source_.part() || !copies_ || source_.fileSize() > kLargestFile) {
+        return 0;
+    }
+    const std::int64_t size = source_.indexSizeOf(read_);
+    return size == 0 ? 0 : size + size / 16 + kIndexMargin;
 }
 
 // Reads until every track is ready. Queues the packets of tracks that are already ready.

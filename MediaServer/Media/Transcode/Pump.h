@@ -32,6 +32,7 @@ public:
     void run(bool encodes);
 
 private:
+    [[nodiscard]] std::int64_t expectedIndexSize() const;
     [[nodiscard]] std::deque<PacketPtr> prime();
     void convert(const std::deque<PacketPtr>& queued, bool encodes);
     void push(const AVPacket& packet);
@@ -43,6 +44,7 @@ private:
     std::vector<std::unique_ptr<Track>> tracks_;
     std::vector<Track*> byIndex_;  // by index of the source's stream; null if the stream is not read
     std::vector<std::size_t> read_;
+    bool copies_ = false;
     std::optional<PartReader> reader_;
 };
 

@@ -46,6 +46,25 @@ TEST_F(DescriptorIOTest, ReadsBackWhatAnotherWroteToTheSameDescriptor) {
     EXPECT_EQ(readAll(reader.context()), content);
 }
 
+TEST_F(DescriptorIOTest, LeavesRoomThatIsNotCounted) {
+    DescriptorIO writer(descriptor_.number(), DescriptorIO::Mode::Write, count_);
+    const auto write = [&writer](const std::string& content) {
+        avio_write(writer.context(), reinterpret_cast<const unsigned char*>(content.data()),
+                   static_cast<int>(content.size()));
+        avio_flush(writer.context());
+    };
+    write("head");
+    writer.leaveRoom(4, 3);
+    write("samples");
+    EXPECT_EQ(avio_tell(writer.context()), 11);
+    EXPECT_EQ(avio_size(writer.context()), 11);
+    avio_seek(writer.context(), 4, SEEK_SET);
+    write("S");
+    avio_seek(writer.context(), 0, SEEK_SET);
+    write("H");
+    EXPECT_EQ(test::readFile(file_.path()), std::string("Head\0\0\0Samples", 14));
+}
+
 TEST_F(DescriptorIOTest, DoesNotWriteEachPacketByItself) {
     int transfers = 0;
     DescriptorIO writer(descriptor_.number(), DescriptorIO::Mode::Write, [&](std::int64_t) { ++transfers; });
