@@ -1,6 +1,7 @@
 // Each thumbnail of a long movie costs a seek and decoding from a key frame to the wanted frame. So the thumbnails are
 // divided among as many readers as there are cores. Each reader has its own part of the movie and a single-threaded
 // decoder. A multi-threaded decoder fills a pipeline first, which does not pay off if it is restarted every few frames.
+// If there are fewer thumbnails than cores, the decoders have the other cores.
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -69,7 +70,7 @@ private:
             Progress progress(sink);
             Source source(request_.source, request_.sourcePath, progress);
             source.measure();
-            FrameReader reader(source);
+            FrameReader reader(source, std::max(1, coreCount() / static_cast<int>(readers_)));
             const std::size_t end = (part + 1) * count_ / readers_;
             for (std::size_t i = part * count_ / readers_; i < end && !failed_; ++i) {
                 make(reader, i);

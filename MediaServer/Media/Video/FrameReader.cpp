@@ -36,10 +36,10 @@ std::optional<std::size_t> mainVideoStream(const Source& source) {
     return defaultOrFirst(source, found);
 }
 
-FrameReader::FrameReader(Source& source)
+FrameReader::FrameReader(Source& source, int threads)
     : source_(source)
     , index_(requireVideo(source_))
-    , decoder_(source_.stream(index_), 1)
+    , decoder_(source_.stream(index_), threads)
     , duration_(source_.duration())
     , frameLength_(std::max<std::int64_t>(1, av_rescale_q(1, av_inv_q(frameRate(source_, stream())), kMicroseconds)))
     , expected_(source_.start()) {
@@ -65,7 +65,7 @@ std::int64_t FrameReader::duration() {
 }
 
 void FrameReader::onlyKeyFrames(bool only) {
-    decoder_.context().skip_frame = only ? AVDISCARD_NONKEY : AVDISCARD_DEFAULT;
+    onlyKeyFrames_ = only;
 }
 
 void FrameReader::seekTo(std::int64_t time) {
@@ -76,8 +76,26 @@ void FrameReader::seekTo(std::int64_t time) {
     decoder_.flush();
     decoded_.clear();
     shown_.reset();
+    skipped_.reset();
     ended_ = false;
     expected_ = std::max(time, source_.start());
+}
+
+// Returns which frames the decoder should leave out if they are in this packet.
+AVDiscard FrameReader::skippedOf(const AVPacket& packet) {
+    if (onlyKeyFrames_) {
+        return AVDISCARD_NONKEY;
+    }
+    if (!skipUntil_ || packet.pts == AV_NOPTS_VALUE) {
+        return AVDISCARD_DEFAULT;
+    }
+    const std::int64_t time = av_rescale_q(packet.pts, stream().time_base, kMicroseconds);
+    const std::int64_t length = av_rescale_q(packet.duration, stream().time_base, kMicroseconds);
+    if (time + (length > 0 ? length : frameLength_) > *skipUntil_) {
+        return AVDISCARD_DEFAULT;
+    }
+    skipped_ = std::max(skipped_.value_or(time), time);
+    return AVDISCARD_NONREF;
 }
 
 void FrameReader::decodeMore() {
@@ -90,9 +108,8 @@ void FrameReader::decodeMore() {
     const PacketPtr packet = newPacket();
     while (decoded_.empty() && !ended_) {
         if (source_.read(*packet)) {
-            const bool wanted =
-                decoder_.context().skip_frame < AVDISCARD_NONKEY || (packet->flags & AV_PKT_FLAG_KEY) != 0;
-            if (wanted) {
+            if (!onlyKeyFrames_ || (packet->flags & AV_PKT_FLAG_KEY) != 0) {
+                decoder_.context().skip_frame = skippedOf(*packet);
                 decoder_.push(*packet, keep);
             }
         } else {
@@ -144,17 +161,34 @@ FramePtr FrameReader::lastUntil(std::int64_t time) {
     }
 }
 
+// Does what lastUntil() does without decoding what no other frame refers to. Returns null if a frame may have been left out
+// that is shown after the one that was found: lengths of packets may be wrong.
+FramePtr FrameReader::lastUntilInHaste(std::int64_t time) {
+    skipUntil_ = time;
+    FramePtr frame = lastUntil(time);
+    skipUntil_.reset();
+    return frame && skipped_ && *skipped_ > frame->pts ? nullptr : std::move(frame);
+}
+
+FramePtr FrameReader::shownFrom(std::int64_t from, std::int64_t time) {
+    seekTo(from);
+    if (FramePtr frame = lastUntilInHaste(time)) {
+        return frame;
+    }
+    seekTo(from);
+    return lastUntil(time);
+}
+
 FramePtr FrameReader::shownAt(std::int64_t time) {
     const std::int64_t start = source_.start();
     if (isOnTheWay(time)) {
-        if (FramePtr frame = lastUntil(time)) {
+        if (FramePtr frame = lastUntilInHaste(time)) {
             return frame;
         }
     }
     std::int64_t from = std::max(time, start);
     for (std::int64_t step = kFirstStepBack;; step *= 4) {
-        seekTo(from);
-        FramePtr frame = lastUntil(time);
+        FramePtr frame = shownFrom(from, time);
         if (from <= start || (frame && frame->pts <= time)) {
             return frame;
         }

@@ -13,14 +13,14 @@ namespace krv::media {
 ///
 /// Containers are indexed by decoding time, but frames are shown by presentation time. So the frame that is shown at a
 /// time is known only when a later frame has been decoded. If the first decoded frame is already too late, because the
-/// frame before it lasts for seconds, the reader seeks further back. Not thread-safe, but several readers may read the
-/// same descriptor. For many frames, several readers with single-threaded decoders are faster than one reader with a
-/// multi-threaded decoder.
+/// frame before it lasts for seconds, the reader seeks further back. On the way to a frame, those that no other refers to
+/// are not decoded. Not thread-safe, but several readers may read the same descriptor. For many frames, several readers
+/// with single-threaded decoders are faster than one reader with a multi-threaded decoder.
 class FrameReader {
 public:
     /// Borrows the source, at any position, and uses it exclusively until the reader is destroyed. Throws what Decoder
-    /// throws, and Failure with NoVideoTrack.
-    explicit FrameReader(Source& source);
+    /// throws, and Failure with NoVideoTrack. threads: of the decoder.
+    explicit FrameReader(Source& source, int threads = 1);
 
     [[nodiscard]] Source& source() noexcept { return source_; }
     [[nodiscard]] const AVStream& stream() const noexcept { return source_.stream(index_); }
@@ -40,7 +40,10 @@ public:
     void onlyKeyFrames(bool only);
 
 private:
+    [[nodiscard]] FramePtr shownFrom(std::int64_t from, std::int64_t time);
     [[nodiscard]] FramePtr lastUntil(std::int64_t time);
+    [[nodiscard]] FramePtr lastUntilInHaste(std::int64_t time);
+    [[nodiscard]] AVDiscard skippedOf(const AVPacket& packet);
     [[nodiscard]] bool isOnTheWay(std::int64_t time) const;
     void decodeMore();
 
@@ -51,6 +54,11 @@ private:
     std::deque<FramePtr> decoded_;
     FramePtr shown_;  // the latest frame that shownAt() has passed or returned
     bool ended_ = false;
+    bool onlyKeyFrames_ = false;
+    /// Frames that end until then need not be decoded for their own sake.
+    std::optional<std::int64_t> skipUntil_;
+    /// The latest time of a frame that may have been left out.
+    std::optional<std::int64_t> skipped_;
     const std::int64_t frameLength_;
     std::int64_t expected_;  // time of the next frame if it has no timestamp
 };

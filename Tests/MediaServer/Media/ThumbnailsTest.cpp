@@ -133,6 +133,39 @@ TEST_F(Thumbnails, ShowAFrameThatLastsForSecondsThroughout) {
     }
 }
 
+TEST_F(Thumbnails, ShowAFrameThatLastsLongerThanItsPacketSays) {
+    // Matroska stores the usual length of frames only. The frame that is held from 2.36 s to 4.92 s is one to which no
+    // other refers, so it is left out unless it is the one that is shown.
+    OutputPath held("mkv");
+    (void)run({KRV_FFMPEG,
+               "-v",
+               "quiet",
+               "-y",
+               "-i",
+               corpus("h264.mp4"),
+               "-an",
+               "-vf",
+               "select='not(between(n,60,122))'",
+               "-vsync",
+               "vfr",
+               "-c:v",
+               "libx264",
+               "-bf",
+               "2",
+               "-g",
+               "250",
+               "-x264-params",
+               "b-adapt=0:b-pyramid=none:scenecut=0",
+               held.path()});
+    make({.movie = held.path(), .count = 24});
+    const auto seen = numbers();
+    for (std::size_t i = 0; i < made.size(); ++i) {
+        const double time = made[i].time;
+        const int inStep = static_cast<int>(std::floor(time * 25 + 1e-2));
+        EXPECT_EQ(seen[i], time > 2.4 && time < 4.92 ? 59 : inStep) << time;
+    }
+}
+
 TEST_F(Thumbnails, SkipWhatAnEditHides) {
     make({.movie = corpus("edited.mov"), .count = 5});
     const auto seen = numbers();
