@@ -48,7 +48,7 @@ StereoMixTrack::StereoMixTrack(const Source& source, const std::vector<const AVS
 
 void StereoMixTrack::open(OutputFile& output) {
     const AVStream& first = inputs_.front()->from;
-    encoder_.emplace(EncoderSession::Request{codec_, 0, settings_, hasHighResolution(first)}, output,
+    encoder_.emplace(EncoderSession::Request{codec_, 0, settings_, hasHighResolution(first), true}, output,
                      [this](AVCodecContext& context) { prepare(context); });
     const int rate = encoder_->context().sample_rate;
     const AudioResampler::Format mixed(AV_SAMPLE_FMT_FLTP, rate, kStereo, 0);

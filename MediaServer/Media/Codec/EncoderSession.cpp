@@ -186,6 +186,9 @@ EncoderSession::EncoderSession(const Request& request, OutputFile& output, const
     } else if (!output.container().indexInFront) {
         stream_->codecpar->codec_tag = 0;
     }
+    if (request.hasThread) {
+        thread_.emplace(*context_);
+    }
 }
 
 void EncoderSession::encode(AVFrame& frame) {
@@ -194,7 +197,11 @@ void EncoderSession::encode(AVFrame& frame) {
     }
     ++frames_;
     frame.quality = context_->global_quality;  // where some encoders read the fixed quantiser
-    send(&frame);
+    if (thread_) {
+        thread_->push(reference(frame), [this](AVPacket& packet) { write(packet); });
+    } else {
+        send(&frame);
+    }
 }
 
 double EncoderSession::done() const noexcept {
@@ -202,7 +209,11 @@ double EncoderSession::done() const noexcept {
 }
 
 void EncoderSession::finish() {
-    send(nullptr);
+    if (thread_) {
+        thread_->finish([this](AVPacket& packet) { write(packet); });
+    } else {
+        send(nullptr);
+    }
 }
 
 void EncoderSession::send(const AVFrame* frame) {
@@ -218,15 +229,19 @@ void EncoderSession::send(const AVFrame* frame) {
         if (result < 0) {
             fail(FailureCause::InternalError, result, "encoding");
         }
-        if (const auto known = durations_.find(packet_->pts); known != durations_.end()) {
-            packet_->duration = known->second;
-            durations_.erase(known);
-        }
-        makeTimesValid(*packet_);
-        ++packets_;
-        output_.write(*stream_, *packet_, context_->time_base);
+        write(*packet_);
         av_packet_unref(packet_.get());
     }
+}
+
+void EncoderSession::write(AVPacket& packet) {
+    if (const auto known = durations_.find(packet.pts); known != durations_.end()) {
+        packet.duration = known->second;
+        durations_.erase(known);
+    }
+    makeTimesValid(packet);
+    ++packets_;
+    output_.write(*stream_, packet, context_->time_base);
 }
 
 // libx265 leaves decoding times uninitialised if a movie has fewer frames than its lookahead.

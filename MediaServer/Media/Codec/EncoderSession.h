@@ -6,6 +6,7 @@
 #include <optional>
 
 #include <MediaServer/Media/Codec/CodecTable.h>
+#include <MediaServer/Media/Codec/EncoderThread.h>
 #include <MediaServer/Media/Codec/Settings.h>
 #include <MediaServer/Media/Container/OutputFile.h>
 #include <MediaServer/Media/Foundation/AV.h>
@@ -20,6 +21,7 @@ public:
         float quality;  ///< in [0, 1], 0: standard
         const Settings& settings;
         bool highResolution = false;  ///< for PCM: 24 bits instead of 16
+        bool hasThread = false;       ///< encodes while the caller prepares the next frames
     };
     /// Fills in the properties of the media (size, formats, rates, time base) before the encoder is opened.
     /// AVCodecContext::codec is already set and lists the formats that the encoder supports.
@@ -41,11 +43,13 @@ public:
 
 private:
     void send(const AVFrame* frame);
+    void write(AVPacket& packet);
     void makeTimesValid(AVPacket& packet);
 
     OutputFile& output_;
     CodecContextPtr context_;
     AVStream* stream_ = nullptr;
+    std::optional<EncoderThread> thread_;
     PacketPtr packet_ = newPacket();
     std::int64_t frames_ = 0;
     std::int64_t packets_ = 0;

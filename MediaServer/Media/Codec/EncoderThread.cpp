@@ -1,0 +1,111 @@
+#include <utility>
+
+#include <MediaServer/Media/Codec/EncoderThread.h>
+#include <MediaServer/Media/Foundation/Failure.h>
+
+namespace krv::media {
+namespace {
+
+/// Less than a second of audio: other streams must not get far ahead in the file.
+constexpr std::size_t kMostFrames = 32;
+
+}  // namespace
+
+EncoderThread::EncoderThread(AVCodecContext& encoder)
+    : encoder_(encoder)
+    , thread_([this] { run(); }) {}
+
+EncoderThread::~EncoderThread() {
+    {
+        const LockGuard lock(mutex_);
+        abandoned_ = true;
+        changed_.notify_all();
+    }
+    thread_.join();
+}
+
+void EncoderThread::push(FramePtr frame, const Sink& sink) {
+    const LockGuard lock(mutex_);
+    while (frames_.size() >= kMostFrames && !ended_) {
+        changed_.wait(mutex_);
+    }
+    frames_.push_back(std::move(frame));
+    changed_.notify_all();
+    deliver(sink);
+}
+
+void EncoderThread::finish(const Sink& sink) {
+    const LockGuard lock(mutex_);
+    complete_ = true;
+    changed_.notify_all();
+    while (!ended_) {
+        changed_.wait(mutex_);
+    }
+    deliver(sink);
+}
+
+void EncoderThread::deliver(const Sink& sink) {
+    const int error = error_;
+    auto ready = std::exchange(packets_, {});
+    mutex_.unlock();
+    try {
+        for (const PacketPtr& packet : ready) {
+            sink(*packet);
+        }
+        if (error == AVERROR(ENOMEM)) {
+            throw std::bad_alloc();
+        }
+        if (error < 0) {
+            fail(FailureCause::InternalError, error, "encoding");
+        }
+    } catch (...) {
+        mutex_.lock();
+        throw;
+    }
+    mutex_.lock();
+}
+
+void EncoderThread::run() {
+    int error = 0;
+    for (bool more = true; more && error >= 0;) {
+        const FramePtr frame = nextFrame();
+        more = frame != nullptr;
+        error = encode(frame.get());
+    }
+    const LockGuard lock(mutex_);
+    error_ = error;
+    ended_ = true;
+    changed_.notify_all();
+}
+
+FramePtr EncoderThread::nextFrame() {
+    const LockGuard lock(mutex_);
+    while (frames_.empty() && !complete_ && !abandoned_) {
+        changed_.wait(mutex_);
+    }
+    if (frames_.empty() || abandoned_) {
+        return nullptr;
+    }
+    FramePtr frame = std::move(frames_.front());
+    frames_.pop_front();
+    changed_.notify_all();
+    return frame;
+}
+
+int EncoderThread::encode(const AVFrame* frame) {
+    int result = avcodec_send_frame(&encoder_, frame);
+    while (result >= 0) {
+        PacketPtr packet(av_packet_alloc());
+        if (!packet) {
+            return AVERROR(ENOMEM);
+        }
+        result = avcodec_receive_packet(&encoder_, packet.get());
+        if (result >= 0) {
+            const LockGuard lock(mutex_);
+            packets_.push_back(std::move(packet));
+        }
+    }
+    return result == AVERROR(EAGAIN) || result == AVERROR_EOF ? 0 : result;
+}
+
+}  // namespace krv::media
