@@ -149,7 +149,7 @@ TEST(ArchiveDetails, KeysOfEarlierArchivesLeaveNoTrace) {
     for (const char* const start : {"k", "key of the dictionary: "}) {
         KRVOperationBase record;
         for (int i = 0; i < 3000; ++i) {
-            record.arguments()->set(start + std::to_string(i * i * i), i);
+            record.arguments()->set(start + std::to_string(i * 7919), i);
         }
         const auto data = std::make_shared<const Data>(record.convertToData());
         for (int time = 0; time < 2; ++time) {
