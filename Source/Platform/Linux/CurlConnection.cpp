@@ -43,24 +43,9 @@ long milliseconds(Clock::Duration timeout) {
 
 }  // namespace
 
-/// The state of one request.
-struct CurlConnection::Exchange {
-    CURL* handle;
-    const std::string& pidNamespace;
-    HTTPResponse response{};
-    /// Whether the connection was opened for this request and must be checked; an older one was checked before.
-    bool newSocket = false;
-    bool foreignPeer = false;
-    /// Whether the response that is being received names our server.
-    bool fromOurServer = false;
-    bool fromElsewhere = false;
-    bool otherServer = false;
-    bool tooLarge = false;
-    bool noMemory = false;
-};
-
-CurlConnection::CurlConnection()
-    : pidNamespace_(std::to_string(pidNamespace()))
+CurlConnection::CurlConnection(Check check)
+    : check_(check)
+    , pidNamespace_(std::to_string(pidNamespace()))
     , headers_(nullptr, curl_slist_free_all)
     , addresses_(nullptr, curl_slist_free_all)
     , handle_(nullptr, curl_easy_cleanup) {
@@ -100,6 +85,9 @@ bool CurlConnection::makeHandle() {
     curl_easy_setopt(handle, CURLOPT_PREREQFUNCTION, aboutToSend);
     curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, headerReceived);
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, bodyReceived);
+    for (const CURLoption data : {CURLOPT_SOCKOPTDATA, CURLOPT_PREREQDATA, CURLOPT_HEADERDATA, CURLOPT_WRITEDATA}) {
+        curl_easy_setopt(handle, data, this);
+    }
     return true;
 }
 
@@ -130,11 +118,18 @@ std::optional<std::string> CurlConnection::setAddress(const std::string& url) {
 }
 
 HTTPResponse CurlConnection::send(const HTTPRequest& request) {
-    if (auto refusal = setAddress(request.url)) {
+    if (auto refusal = prepare(request)) {
         return {{}, 0, std::move(refusal)};
     }
+    return finish(curl_easy_perform(handle_.get()));
+}
+
+std::optional<std::string> CurlConnection::prepare(const HTTPRequest& request) {
+    if (auto refusal = setAddress(request.url)) {
+        return refusal;
+    }
+    exchange_ = {};
     CURL* const handle = handle_.get();
-    Exchange exchange{handle, pidNamespace_};
     curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, milliseconds(request.timeout));
     if (request.body) {
         curl_easy_setopt(handle, CURLOPT_POST, 1L);
@@ -145,41 +140,40 @@ HTTPResponse CurlConnection::send(const HTTPRequest& request) {
     } else {
         curl_easy_setopt(handle, CURLOPT_HTTPGET, 1L);
     }
-    curl_easy_setopt(handle, CURLOPT_SOCKOPTDATA, &exchange);
-    curl_easy_setopt(handle, CURLOPT_PREREQDATA, &exchange);
-    curl_easy_setopt(handle, CURLOPT_HEADERDATA, &exchange);
-    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &exchange);
-    const CURLcode code = curl_easy_perform(handle);
-    curl_easy_setopt(handle, CURLOPT_POSTFIELDS, nullptr);
-    if (code != CURLE_OK) {
-        exchange.response.error = errorText(code, exchange, port_);
-    } else if (!exchange.response.body) {
-        // curl takes truncated headers for the end of a response without a body.
-        exchange.response.error = errorText(CURLE_GOT_NOTHING, exchange, port_);
-    }
-    if (exchange.foreignPeer) {
-        handle_.reset();  // otherwise curl would reuse the connection for the next request
-    }
-    return std::move(exchange.response);
+    return std::nullopt;
 }
 
-std::string CurlConnection::errorText(CURLcode code, const Exchange& exchange, long port) {
-    if (exchange.foreignPeer) {
-        return fmt::format("Could not connect to the server: port {} does not belong to this user.", port);
+HTTPResponse CurlConnection::finish(CURLcode code) {
+    curl_easy_setopt(handle_.get(), CURLOPT_POSTFIELDS, nullptr);
+    if (code != CURLE_OK) {
+        exchange_.response.error = errorText(code);
+    } else if (!exchange_.response.body) {
+        // curl takes truncated headers for the end of a response without a body.
+        exchange_.response.error = errorText(CURLE_GOT_NOTHING);
     }
-    if (exchange.otherServer) {
-        return fmt::format("Could not connect to the server: port {} belongs to another program{}.", port,
-                           exchange.fromElsewhere ? " of another pid namespace" : " or version");
+    if (exchange_.foreignPeer) {
+        handle_.reset();  // otherwise curl would reuse the connection for the next request
     }
-    if (exchange.tooLarge || code == CURLE_FILESIZE_EXCEEDED) {
+    return std::move(exchange_.response);
+}
+
+std::string CurlConnection::errorText(CURLcode code) const {
+    if (exchange_.foreignPeer) {
+        return fmt::format("Could not connect to the server: port {} does not belong to this user.", port_);
+    }
+    if (exchange_.otherServer) {
+        return fmt::format("Could not connect to the server: port {} belongs to another program{}.", port_,
+                           exchange_.fromElsewhere ? " of another pid namespace" : " or version");
+    }
+    if (exchange_.tooLarge || code == CURLE_FILESIZE_EXCEEDED) {
         return fmt::format("The response is longer than {} MiB.", kMaximumBody >> 20);
     }
-    if (exchange.noMemory) {
+    if (exchange_.noMemory) {
         return "Out of memory.";
     }
     switch (code) {
     case CURLE_COULDNT_CONNECT:
-        return fmt::format("Could not connect to the server on port {}.", port);
+        return fmt::format("Could not connect to the server on port {}.", port_);
     case CURLE_OPERATION_TIMEDOUT:
         return "The request timed out.";
     case CURLE_GOT_NOTHING:
@@ -193,14 +187,15 @@ std::string CurlConnection::errorText(CURLcode code, const Exchange& exchange, l
     }
 }
 
-int CurlConnection::socketOpened(void* exchange, curl_socket_t, curlsocktype) {
-    static_cast<Exchange*>(exchange)->newSocket = true;
+int CurlConnection::socketOpened(void* connection, curl_socket_t, curlsocktype) {
+    static_cast<CurlConnection*>(connection)->exchange_.newSocket = true;
     return CURL_SOCKOPT_OK;
 }
 
-int CurlConnection::aboutToSend(void* data, char* peer, char* local, int peerPort, int localPort) {
-    auto& exchange = *static_cast<Exchange*>(data);
-    if (!exchange.newSocket) {
+int CurlConnection::aboutToSend(void* connection, char* peer, char* local, int peerPort, int localPort) {
+    auto& self = *static_cast<CurlConnection*>(connection);
+    Exchange& exchange = self.exchange_;
+    if (!exchange.newSocket && self.check_ == Check::EachConnection) {
         return CURL_PREREQFUNC_OK;
     }
     const auto peerEnd = SocketEnd::from(peer, peerPort);
@@ -214,8 +209,9 @@ int CurlConnection::aboutToSend(void* data, char* peer, char* local, int peerPor
     return exchange.foreignPeer ? CURL_PREREQFUNC_ABORT : CURL_PREREQFUNC_OK;
 }
 
-std::size_t CurlConnection::headerReceived(char* bytes, std::size_t size, std::size_t count, void* data) {
-    auto& exchange = *static_cast<Exchange*>(data);
+std::size_t CurlConnection::headerReceived(char* bytes, std::size_t size, std::size_t count, void* connection) {
+    auto& self = *static_cast<CurlConnection*>(connection);
+    Exchange& exchange = self.exchange_;
     const std::string_view line(bytes, size * count);
     if (line.starts_with("HTTP/")) {
         exchange.fromOurServer = false;
@@ -223,11 +219,11 @@ std::size_t CurlConnection::headerReceived(char* bytes, std::size_t size, std::s
     } else if (const auto server = headerValue(line, "server")) {
         exchange.fromOurServer = isCompatibleServer(*server);
     } else if (const auto pids = headerValue(line, "krv-pid-namespace")) {
-        exchange.fromElsewhere = *pids != exchange.pidNamespace;
+        exchange.fromElsewhere = *pids != self.pidNamespace_;
     }
     if (line == "\r\n" || line == "\n") {
         long status = 0;
-        curl_easy_getinfo(exchange.handle, CURLINFO_RESPONSE_CODE, &status);
+        curl_easy_getinfo(self.handle_.get(), CURLINFO_RESPONSE_CODE, &status);
         // The statuses 100 to 199 only precede the final response.
         if (status >= 200 && !exchange.response.body) {
             if (!exchange.fromOurServer || exchange.fromElsewhere) {
@@ -241,8 +237,8 @@ std::size_t CurlConnection::headerReceived(char* bytes, std::size_t size, std::s
     return line.size();
 }
 
-std::size_t CurlConnection::bodyReceived(char* bytes, std::size_t size, std::size_t count, void* data) {
-    auto& exchange = *static_cast<Exchange*>(data);
+std::size_t CurlConnection::bodyReceived(char* bytes, std::size_t size, std::size_t count, void* connection) {
+    Exchange& exchange = static_cast<CurlConnection*>(connection)->exchange_;
     if (!exchange.response.body) {
         return 0;
     }
