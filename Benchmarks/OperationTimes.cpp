@@ -2,6 +2,8 @@
 // it; each line of output is a name, a tab and a number.
 //
 //     OperationTimes describe REPEATS FILE...   milliseconds of getMetadataFor, the poster included: one line per call
+//     OperationTimes again REPEATS FILE         milliseconds of getMetadataFor for a file that has not changed, and of a
+//                                               call that asks for nothing
 //     OperationTimes sweep FILE...              milliseconds in which all files are described, one after another, once
 //     OperationTimes return ROUNDS SOURCE FOLDER
 //                                               milliseconds from the end of a conversion to the caller's return
@@ -89,6 +91,20 @@ void describe(const Arguments& arguments) {
             describeOnce(arguments[k]);
             print(arguments[k], millisecondsSince(start));
         }
+    }
+}
+
+void again(const Arguments& arguments) {
+    warmUp(arguments.at(1));
+    for (int i = 0; i < std::stoi(arguments.at(0)); ++i) {
+        auto start = Steady::now();
+        describeOnce(arguments[1]);
+        print("unchanged", millisecondsSince(start));
+        start = Steady::now();
+        if (!client().isServerReadyToTakeRequests()) {
+            fail("the server is not ready");
+        }
+        print("bare", millisecondsSince(start));
     }
 }
 
@@ -256,8 +272,8 @@ void idle(const Arguments& arguments) {
 
 int main(int argc, char** argv) {
     const std::map<std::string, void (*)(const Arguments&)> modes{
-        {"describe", describe},  {"sweep", sweep},     {"return", returnTimes}, {"queue", queue},
-        {"record", recordSizes}, {"clients", clients}, {"idle", idle}};
+        {"describe", describe}, {"again", again},        {"sweep", sweep},     {"return", returnTimes},
+        {"queue", queue},       {"record", recordSizes}, {"clients", clients}, {"idle", idle}};
     const auto mode = argc > 1 ? modes.find(argv[1]) : modes.end();
     if (mode == modes.end()) {
         fail("which measurement? The source lists them.");

@@ -13,6 +13,7 @@
 #include <KRVQTProcessClient/Foundation/Error.h>
 #include <KRVQTProcessClient/Foundation/KeyCache.h>
 #include <KRVQTProcessClient/Foundation/KeyedUnarchiver.h>
+#include <KRVQTProcessClient/Foundation/ThreadOwned.h>
 
 namespace krv {
 
@@ -885,7 +886,9 @@ private:
 
 Value KeyedUnarchiver::unarchive(std::span<const std::byte> bytes, std::span<const ArchivableClass> classes) {
     // A thread reuses the keys of its earlier archives. Each thread has a cache of its own, which needs no lock.
-    thread_local std::unique_ptr<KeyCache> keys;
+    auto* const kept = threadOwned<std::unique_ptr<KeyCache>>();
+    std::unique_ptr<KeyCache> own;  // while the thread exits
+    std::unique_ptr<KeyCache>& keys = kept ? *kept : own;
     if (!keys) {
         keys = std::make_unique<KeyCache>();
     }

@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <KRVQTProcessClient/Foundation/Dictionary.h>
 #include <KRVQTProcessClient/Foundation/KeyedArchiver.h>
+#include <KRVQTProcessClient/Foundation/KeyedUnarchiver.h>
 #include <KRVQTProcessClient/Foundation/ThreadOwned.h>
 
 namespace krv {
@@ -42,16 +44,17 @@ TEST(ThreadOwned, IsNullWhileTheThreadsObjectsAreDestroyed) {
     EXPECT_EQ(wasNull, true);
 }
 
-TEST(ThreadOwned, ArchivesCanBeMadeWhileTheThreadsObjectsAreDestroyed) {
-    const Value value(std::string("the last word"));
-    Data before;
-    Data after;
+TEST(ThreadOwned, ArchivesCanBeMadeAndReadWhileTheThreadsObjectsAreDestroyed) {
+    const Value value(Dictionary{{"key", "the last word"}});
+    const auto roundTrip = [&value] { return KeyedUnarchiver::unarchive(KeyedArchiver::archivedData(value), {}); };
+    Value before;
+    Value after;
     std::thread([&] {
-        thread_local AtTheEndOfTheThread later{[&] { after = KeyedArchiver::archivedData(value); }};
-        before = KeyedArchiver::archivedData(value);
+        thread_local AtTheEndOfTheThread later{[&] { after = roundTrip(); }};
+        before = roundTrip();
     }).join();
-    EXPECT_FALSE(before.empty());
-    EXPECT_EQ(before, after);
+    EXPECT_EQ(before, value);
+    EXPECT_EQ(after, value);
 }
 
 }  // namespace
