@@ -8,8 +8,8 @@
 
 namespace krv::server {
 
-/// Which file a descriptor refers to, and what shows that its contents have changed. Two states are equal if the file is
-/// the same and has not changed between them, as far as its file system tells.
+/// Which file a descriptor refers to, and what shows that its contents have changed. Two states are equal if the file
+/// is the same and has not changed between them, as far as its file system tells.
 class FileState {
 public:
     using Time = std::chrono::system_clock::time_point;

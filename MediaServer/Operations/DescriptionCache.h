@@ -14,8 +14,8 @@
 
 namespace krv::server {
 
-/// The latest descriptions of movies (type 8). An application that shows a folder asks for the same ones again and again.
-/// Thread-safe.
+/// The latest descriptions of movies (type 8). An application that shows a folder asks for the same ones again and
+/// again. Thread-safe.
 class DescriptionCache {
 public:
     /// What is remembered, in bytes of the archived records.
@@ -28,8 +28,8 @@ public:
     /// changed since.
     [[nodiscard]] KRVOperationBase::Ref find(const std::string& path, const FileState& state);
 
-    /// Remembers a description of the file as it was in this state, unless that is fresh or the description is too large.
-    /// Forgets those that have not been asked for the longest.
+    /// Remembers a description of the file as it was in this state, unless that is fresh or the description is too
+    /// large. Forgets those that have not been asked for the longest.
     void add(const std::string& path, const FileState& state, const KRVOperationBase& record);
 
 private:

@@ -22,8 +22,8 @@ struct MediaWorkflow {
 
     /// Carries out one media operation from its request to its outputs: opens the files, has a worker do the work,
     /// flushes the output and puts it under its name. Blocks until then. A cancellation or failure before the last step
-    /// leaves the old destination whole. No worker is needed to describe a file that has not changed since the last time;
-    /// it must still be readable.
+    /// leaves the old destination whole. No worker is needed to describe a file that has not changed since the last
+    /// time; it must still be readable.
     ///
     /// If the files cannot be opened within 20 s, the operation fails. A cancellation does not wait for them. onDelay
     /// is called on this thread, perhaps more than once, if they are not open or closed promptly, and if the worker

@@ -5,8 +5,8 @@
 //
 // A worker must be a child of the server, which waits for it and whose exit must kill it. clone(CLONE_PARENT) could do
 // that but leaves the C library with the thread id of the template. So the template starts an intermediate process,
-// which forks the worker and exits. The server is a subreaper, so it becomes the worker's parent. The worker waits until
-// then: PR_SET_PDEATHSIG refers to the parent of the moment.
+// which forks the worker and exits. The server is a subreaper, so it becomes the worker's parent. The worker waits
+// until then: PR_SET_PDEATHSIG refers to the parent of the moment.
 //
 // The intermediate process is made with vfork, so it runs in the template's memory while the template waits. A copy of
 // a thousand mappings, which would be thrown away at once, costs as much as the worker's own.

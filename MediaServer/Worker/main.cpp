@@ -39,8 +39,8 @@ void work(WorkerChannel channel, const krv::media::Font& font) {
         begun.setOperationType(krv::OpReadyToProcessRequests);
         channel.send(begun);
         channel.send(*performRequest(*job, channel, font));
-        // Before the channel, whose end shows the server that this process has no file open any more. It need not wait for
-        // the exit, in which the kernel removes a thousand mappings first.
+        // Before the channel, whose end shows the server that this process has no file open any more. It need not wait
+        // for the exit, in which the kernel removes a thousand mappings first.
         job->files.clear();
     }
 }

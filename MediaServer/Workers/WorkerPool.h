@@ -30,8 +30,8 @@ public:
 
     /// Returns whether the process is still running.
     [[nodiscard]] bool isAlive() const;
-    /// Waits until the process has closed its files, or for a moment if a drive does not respond. Then kills it unless it
-    /// has exited, and does not wait for that.
+    /// Waits until the process has closed its files, or for a moment if a drive does not respond. Then kills it unless
+    /// it has exited, and does not wait for that.
     void dismiss();
     /// Kills the process unless it has exited, and returns its status as from waitpid. Returns 0 after the first call.
     ///

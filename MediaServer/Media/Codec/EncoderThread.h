@@ -11,8 +11,8 @@
 
 namespace krv::media {
 
-/// Runs an encoder on a thread of its own, so that its caller can decode and filter meanwhile. For encoders that have no
-/// threads themselves, such as those of audio. Packets are delivered on the caller's thread. Not thread-safe.
+/// Runs an encoder on a thread of its own, so that its caller can decode and filter meanwhile. For encoders that have
+/// no threads themselves, such as those of audio. Packets are delivered on the caller's thread. Not thread-safe.
 class EncoderThread {
 public:
     /// The packet may be taken.
@@ -25,8 +25,8 @@ public:
     EncoderThread(const EncoderThread&) = delete;
     EncoderThread& operator=(const EncoderThread&) = delete;
 
-    /// Queues a frame and delivers the packets that are ready. Waits while the queue is full. Throws Failure InternalError
-    /// if the encoder has failed.
+    /// Queues a frame and delivers the packets that are ready. Waits while the queue is full. Throws Failure
+    /// InternalError if the encoder has failed.
     void push(FramePtr frame, const Sink& sink);
     /// Waits until all frames are encoded and delivers the remaining packets. Throws as push() does.
     void finish(const Sink& sink);

@@ -25,11 +25,11 @@ public:
     [[nodiscard]] AVIOContext* context() const noexcept { return context_; }
     /// Makes all further reads return zeros without reading the file.
     void readZeros() noexcept { readsZeros_ = true; }
-    /// Leaves room in a file that is being written: what FFmpeg writes from this position on lies behind the room, while
-    /// FFmpeg counts its positions as if there were none.
+    /// Leaves room in a file that is being written: what FFmpeg writes from this position on lies behind the room,
+    /// while FFmpeg counts its positions as if there were none.
     void leaveRoom(std::int64_t at, std::int64_t size) noexcept;
-    /// Makes the kernel write to the disk what has been written so far while the work goes on, so that a flush at the end
-    /// is short. For files in which little is written twice.
+    /// Makes the kernel write to the disk what has been written so far while the work goes on, so that a flush at the
+    /// end is short. For files in which little is written twice.
     void flushEarly() noexcept { flushesEarly_ = true; }
     /// Returns the errno of the first transfer that failed, or 0. FFmpeg often loses it on the way to its caller.
     [[nodiscard]] int errorNumber() const noexcept { return error_; }

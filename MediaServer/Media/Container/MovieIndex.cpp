@@ -1,7 +1,7 @@
 // Players that read from a network need the index in front of the samples, but it is complete only after the last of
-// them. FFmpeg's way is to write all samples, and then to move them back by the size of the index, which reads and writes
-// the whole file once more. If the size of the index is about known, room can be left for it. What remains of the room is
-// filled with an empty box.
+// them. FFmpeg's way is to write all samples, and then to move them back by the size of the index, which reads and
+// writes the whole file once more. If the size of the index is about known, room can be left for it. What remains of
+// the room is filled with an empty box.
 #include <algorithm>
 #include <array>
 #include <cerrno>

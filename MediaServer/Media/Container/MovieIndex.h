@@ -26,10 +26,10 @@ struct IndexRoom {
     std::int64_t size = 0;
 };
 
-/// Moves the index of a file from its end to the room, for which the samples are where they are, but have been numbered as
-/// if there were no room. If the index does not fit, moves the samples as well and calls moved after each part with the
-/// number of bytes. Returns 0, or the error number of a transfer. Throws Failure InternalError if the file has no index
-/// at its end or is too large for it.
+/// Moves the index of a file from its end to the room, for which the samples are where they are, but have been numbered
+/// as if there were no room. If the index does not fit, moves the samples as well and calls moved after each part with
+/// the number of bytes. Returns 0, or the error number of a transfer. Throws Failure InternalError if the file has no
+/// index at its end or is too large for it.
 [[nodiscard]] int moveIndexToFront(int descriptor, const IndexRoom& room,
                                    const std::function<void(std::int64_t bytes)>& moved);
 

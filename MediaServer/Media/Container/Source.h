@@ -50,9 +50,9 @@ public:
     /// what is played, and seek() works everywhere. Must be called before read().
     void measure();
 
-    /// Makes a part of the movie the whole: its own time is then 0 where the part starts, its length is that of the part,
-    /// and time codes are those of the part. Reading still starts at the beginning; see PartReader. Call it before
-    /// reading. Throws Failure with UnsupportedSetting if the part starts after the end.
+    /// Makes a part of the movie the whole: its own time is then 0 where the part starts, its length is that of the
+    /// part, and time codes are those of the part. Reading still starts at the beginning; see PartReader. Call it
+    /// before reading. Throws Failure with UnsupportedSetting if the part starts after the end.
     void restrictTo(const Part& part);
     [[nodiscard]] const std::optional<Part>& part() const noexcept { return part_; }
 

@@ -161,8 +161,8 @@ FramePtr FrameReader::lastUntil(std::int64_t time) {
     }
 }
 
-// Does what lastUntil() does without decoding what no other frame refers to. Returns null if a frame may have been left out
-// that is shown after the one that was found: lengths of packets may be wrong.
+// Does what lastUntil() does without decoding what no other frame refers to. Returns null if a frame may have been left
+// out that is shown after the one that was found: lengths of packets may be wrong.
 FramePtr FrameReader::lastUntilInHaste(std::int64_t time) {
     skipUntil_ = time;
     FramePtr frame = lastUntil(time);

@@ -13,9 +13,9 @@ namespace krv::media {
 ///
 /// Containers are indexed by decoding time, but frames are shown by presentation time. So the frame that is shown at a
 /// time is known only when a later frame has been decoded. If the first decoded frame is already too late, because the
-/// frame before it lasts for seconds, the reader seeks further back. On the way to a frame, those that no other refers to
-/// are not decoded. Not thread-safe, but several readers may read the same descriptor. For many frames, several readers
-/// with single-threaded decoders are faster than one reader with a multi-threaded decoder.
+/// frame before it lasts for seconds, the reader seeks further back. On the way to a frame, those that no other refers
+/// to are not decoded. Not thread-safe, but several readers may read the same descriptor. For many frames, several
+/// readers with single-threaded decoders are faster than one reader with a multi-threaded decoder.
 class FrameReader {
 public:
     /// Borrows the source, at any position, and uses it exclusively until the reader is destroyed. Throws what Decoder
