@@ -244,12 +244,13 @@ void findInterestingTimes(const Job& job, media::ProgressSink& progress, KRVOper
 
 struct Row {
     OperationType type;
-    bool isShort;
+    /// For work whose memory is worth keeping: a few frames, of which each would be freed and allocated again.
+    bool reusesMemory;
     void (*work)(const Job& job, media::ProgressSink& progress, KRVOperationBase& end);
 };
 constexpr std::array<Row, 6> kWork{{
     {OpEncodeVideo, false, &encode},
-    {OpCreateThumbnails, false, &makeThumbnails},
+    {OpCreateThumbnails, true, &makeThumbnails},
     {OpProvideMetadata, true, &describeMovie},
     {OpMuxAudioTo2ch, false, &mixToStereo},
     {OpMergeSources, false, &merge},
@@ -260,7 +261,7 @@ void work(const Job& job, media::ProgressSink& progress, KRVOperationBase& end) 
     media::FFmpegLog::instance().clear();
     for (const Row& row : kWork) {
         if (row.type == job.record->operationType()) {
-            if (row.isShort) {
+            if (row.reusesMemory) {
                 reuseMemory();
             }
             row.work(job, progress, end);

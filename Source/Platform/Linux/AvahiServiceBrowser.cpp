@@ -1,8 +1,8 @@
 // Service browsing with two sources: the service record of a server that shares this user's runtime folder, and an
 // embedded multicast-DNS responder for all others.
 //
-// The record is read when a search starts and whenever one is moved into the folder, so that a new server is found
-// within milliseconds. Multicast DNS needs a second to establish a service, and may not repeat an answer within one.
+// The record is read when a search starts and, if it shows no server, whenever one is moved into the folder, so that a
+// new server is found within milliseconds. Multicast DNS needs a second to establish a service, and may not repeat an answer within one.
 // Where it works, it reports the same service later; a search reports it once.
 //
 // libavahi-core has one lock. Our calls take it, and its callbacks run on its own thread with it held. A search's
@@ -138,12 +138,14 @@ public:
         : owner_(std::move(owner)) {}
     ~Search() { end(nullptr); }
 
-    void begin(LoopbackResponder* responder, const std::string& type, const std::string& domain,
-               Clock::Duration firstSilence);
-    /// responder: the one given to begin; null if it is already destroyed.
+    /// Reads the service record and starts the timer. Returns whether the record's server was reported.
+    [[nodiscard]] bool begin(const std::string& type, const std::string& domain, Clock::Duration firstSilence);
+    /// Begins to browse with multicast DNS.
+    void browse(LoopbackResponder& responder, const std::string& type, const std::string& domain);
+    /// responder: the one given to browse; null if there was none or it is already destroyed.
     void end(LoopbackResponder* responder);
-    /// Reads the service record and reports its server, if it is offered. Thread-safe.
-    void readRecord();
+    /// Reads the service record and reports its server, if it is offered. Returns whether it is. Thread-safe.
+    bool readRecord();
 
 private:
     enum class Resolution : std::uint8_t { Open, NotOurs, Reported };
@@ -214,9 +216,6 @@ public:
     void searchForServicesOfType(std::string_view type, std::string_view inDomain) override {
         const LockGuard searching(searchMutex_);
         endSearchLocked();
-        if (!responder_ || responder_->hasFailed()) {
-            responder_ = LoopbackResponder::start();
-        }
         const auto search = std::make_shared<Search>(std::static_pointer_cast<AvahiServiceBrowser>(shared_from_this()));
         {
             const LockGuard lock(mutex_);
@@ -226,9 +225,19 @@ public:
             const LockGuard lock(informed_->mutex);
             informed_->search = search;
         }
-        watchRecord();
-        search->begin(responder_.get(), withoutFinalDot(type), withoutFinalDot(inDomain),
-                      silent_ ? kNextSilence : kFirstSilence);
+        const std::string plainType = withoutFinalDot(type);
+        const std::string plainDomain = withoutFinalDot(inDomain);
+        if (!search->begin(plainType, plainDomain, silent_ ? kNextSilence : kFirstSilence)) {
+            watchRecord();
+            (void)search->readRecord();  // it may have been written before the watch began
+        }
+        // After the record, which usually has the answer: starting a responder takes several milliseconds.
+        if (!responder_ || responder_->hasFailed()) {
+            responder_ = LoopbackResponder::start();
+        }
+        if (responder_) {
+            search->browse(*responder_, plainType, plainDomain);
+        }
     }
 
     void stop() override { endSearch(); }
@@ -260,7 +269,8 @@ private:
         return std::string(text);
     }
 
-    /// Watches the folder of the service record. The watch comes before the first reading, so that no record is missed.
+    /// Watches the folder of the service record. Only where there was no server: the kernel takes many milliseconds to
+    /// end a watch, and so would a short process that has found its server.
     void watchRecord() KRV_REQUIRES(searchMutex_) {
         if (watch_ && !watch_->hasEnded()) {
             return;
@@ -268,7 +278,7 @@ private:
         watch_ = FolderWatch::start(runtimeFolder(kMediaServerName), [informed = informed_](const std::string& name) {
             const auto search = informed->current();
             if (search && (name.empty() || name == serviceRecordFileName())) {
-                search->readRecord();
+                (void)search->readRecord();
             }
         });
     }
@@ -302,16 +312,15 @@ private:
     std::atomic<bool> silent_{false};
 };
 
-void Search::begin(LoopbackResponder* responder, const std::string& type, const std::string& domain,
-                   Clock::Duration firstSilence) {
+bool Search::begin(const std::string& type, const std::string& domain, Clock::Duration firstSilence) {
     wantsRecord_ = type == kRecordedType && domain == kRecordedDomain;
     startSilenceTimer(firstSilence);
-    readRecord();
-    if (!responder) {
-        return;
-    }
-    const LoopbackResponder::Lock lock(*responder);
-    server_ = responder->server();
+    return readRecord();
+}
+
+void Search::browse(LoopbackResponder& responder, const std::string& type, const std::string& domain) {
+    const LoopbackResponder::Lock lock(responder);
+    server_ = responder.server();
     browser_ = avahi_s_service_browser_new(server_, AVAHI_IF_UNSPEC, AVAHI_PROTO_INET, type.c_str(), domain.c_str(),
                                            static_cast<AvahiLookupFlags>(0), &Search::browserEvent, this);
 }
@@ -412,15 +421,19 @@ bool Search::noteShown(const std::string& name, std::uint16_t port) {
     return shown_.emplace(name, port).second;
 }
 
-void Search::readRecord() {
+bool Search::readRecord() {
     const auto record = wantsRecord_ ? readServiceRecord(runtimeFolder(kMediaServerName)) : std::nullopt;
     if (!record) {
-        return;
+        return false;
     }
     auto text = publisherRecord(*record);
-    if (isOffered(record->port, text) && noteShown(record->name, record->port)) {
+    if (!isOffered(record->port, text)) {
+        return false;
+    }
+    if (noteShown(record->name, record->port)) {
         report(std::make_shared<FoundService>(record->name, record->port, std::move(text)), false);
     }
+    return true;
 }
 
 void Search::report(std::shared_ptr<NetService> service, bool moreComing) {
