@@ -17,19 +17,26 @@ Progress::Progress(ProgressSink& sink, Clock clock)
     , reportedAt_(clock_()) {}
 
 void Progress::beginPhase(double endsAt) noexcept {
+    const LockGuard lock(mutex_);
     phaseStart_ = std::max(reached_, phaseStart_);
     phaseEnd_ = std::max(endsAt, phaseStart_);
-    alive();
+    reportIfDue();
 }
 
 void Progress::reach(double fractionOfPhase) noexcept {
+    const LockGuard lock(mutex_);
     if (fractionOfPhase > 0) {
         reached_ = std::max(reached_, phaseStart_ + std::min(fractionOfPhase, 1.0) * (phaseEnd_ - phaseStart_));
     }
-    alive();
+    reportIfDue();
 }
 
 void Progress::alive() noexcept {
+    const LockGuard lock(mutex_);
+    reportIfDue();
+}
+
+void Progress::reportIfDue() noexcept {
     const auto now = clock_();
     const auto waited = now - reportedAt_;
     const double change = reached_ - reported_;
@@ -42,6 +49,7 @@ void Progress::alive() noexcept {
 }
 
 void Progress::finish() noexcept {
+    const LockGuard lock(mutex_);
     report(1);
 }
 
