@@ -1,17 +1,21 @@
 // Feeds arbitrary bytes to the media library's own parsers. The first byte selects one:
 //
 //   'e'  a movie file, for its edit lists
+//   'i'  the index of a movie file, to move it
 //   'v'  the settings text of a video request
 //   'a'  the settings text of an audio request
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <span>
 #include <string_view>
+#include <vector>
 
 #include <MediaServer/Media/Codec/Settings.h>
 #include <MediaServer/Media/Container/EditList.h>
+#include <MediaServer/Media/Container/MovieIndex.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 
 namespace {
@@ -34,17 +38,28 @@ void checkEdits(const MovieEdits& edits) {
 void attackEdits(std::span<const std::byte> file) {
     checkEdits(krv::media::parseMovieEdits(file));
     const auto size = static_cast<std::int64_t>(file.size());
-    checkEdits(krv::media::readMovieEdits(
-        [&](std::int64_t offset, std::span<std::byte> bytes) {
-            const auto wanted = static_cast<std::int64_t>(bytes.size());
-            require(offset >= 0 && wanted <= size);
-            if (offset > size - wanted) {
-                return false;
-            }
-            std::copy_n(file.begin() + offset, bytes.size(), bytes.begin());
-            return true;
-        },
-        size));
+    const krv::media::ReadAt readAt = [&](std::int64_t offset, std::span<std::byte> bytes) {
+        const auto wanted = static_cast<std::int64_t>(bytes.size());
+        require(offset >= 0 && wanted <= size);
+        if (offset > size - wanted) {
+            return false;
+        }
+        std::copy_n(file.begin() + offset, bytes.size(), bytes.begin());
+        return true;
+    };
+    checkEdits(krv::media::readMovieEdits(readAt, size));
+    const std::array tracks{1, 2};
+    const std::int64_t index = krv::media::indexSize(readAt, size, tracks);
+    require(index >= 0 && index <= size);
+}
+
+void attackIndex(std::span<const std::byte> box) {
+    constexpr std::int64_t kDistance = 70'000;
+    std::vector<std::byte> moved(box.begin(), box.end());
+    if (krv::media::moveChunks(moved, kDistance)) {
+        require(krv::media::moveChunks(moved, -kDistance));
+        require(std::equal(moved.begin(), moved.end(), box.begin(), box.end()));
+    }
 }
 
 void attackSettings(std::string_view text, AVMediaType type) {
@@ -71,6 +86,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     switch (data[0]) {
     case 'e':
         attackEdits(rest);
+        break;
+    case 'i':
+        attackIndex(rest);
         break;
     case 'v':
         attackSettings(text, AVMEDIA_TYPE_VIDEO);
