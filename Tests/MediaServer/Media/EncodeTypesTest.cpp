@@ -187,7 +187,8 @@ TEST(Encode, ProgressRisesAndEndsAtOne) {
         RecordingSink sink;
         (void)convert({.source = testMedia("plain.mov"), .flatten = flatten}, sink);
         const auto& seen = sink.fractions;
-        ASSERT_GT(seen.size(), 10U);
+        // Two seconds are copied within a few milliseconds, in which few reports are worth sending.
+        ASSERT_GT(seen.size(), flatten ? 1U : 10U);
         EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()));
         EXPECT_GE(seen.front(), 0);
         EXPECT_EQ(seen.back(), 1);
