@@ -34,17 +34,10 @@ std::uint32_t tagFor(const AVFormatContext& output, const Container& container, 
 }  // namespace
 
 StreamCopier::StreamCopier(const AVStream& from)
-    : from_(from)
-    , codec_(notNull(avcodec_parameters_alloc()))
-    , timeBase_(from.time_base) {
-    if (avcodec_parameters_copy(codec_.get(), from.codecpar) < 0) {
-        throw std::bad_alloc();
-    }
-}
+    : from_(from) {}
 
 void StreamCopier::open(OutputFile& output) {
     output_ = &output;
-    frameRate_ = from_.avg_frame_rate;
     to_ = &output.addStream();
     copyParameters(from_, *to_);
     to_->codecpar->codec_tag = tagFor(output.format(), output.container(), *from_.codecpar);
@@ -59,7 +52,7 @@ void StreamCopier::open(OutputFile& output) {
 }
 
 void StreamCopier::push(const AVPacket& packet) {
-    const bool video = codec_->codec_type == AVMEDIA_TYPE_VIDEO;
+    const bool video = from_.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
     if (!started_ && video && !(packet.flags & AV_PKT_FLAG_KEY)) {
         return;  // nothing can be shown before the first key frame
     }
@@ -71,7 +64,7 @@ void StreamCopier::push(const AVPacket& packet) {
 }
 
 void StreamCopier::pushHidden(const AVPacket& packet) {
-    const AVMediaType kind = codec_->codec_type;
+    const AVMediaType kind = from_.codecpar->codec_type;
     if (kind != AVMEDIA_TYPE_VIDEO && kind != AVMEDIA_TYPE_AUDIO) {
         return;  // no other packet refers to it
     }
@@ -112,7 +105,7 @@ void StreamCopier::pushShown(const AVPacket& packet) {
 
 void StreamCopier::finish() {
     if (hidesLater_ && output_->container().edits) {
-        output_->endAt(*to_, static_cast<double>(*shownUntil_) * av_q2d(timeBase_));
+        output_->endAt(*to_, static_cast<double>(*shownUntil_) * av_q2d(from_.time_base));
     }
 }
 
@@ -128,33 +121,33 @@ void StreamCopier::write(const AVPacket& packet) {
 // In containers without decoding times the first ones are unknown. Reordered frames are decoded as many frame durations
 // ahead as the codec's delay says.
 std::int64_t StreamCopier::guessDts(const AVPacket& packet) const {
-    const AVRational rate = frameRate_;
-    const std::int64_t step = rate.num > 0 && rate.den > 0 ? av_rescale_q(1, av_inv_q(rate), timeBase_)
+    const AVRational rate = from_.avg_frame_rate;
+    const std::int64_t step = rate.num > 0 && rate.den > 0 ? av_rescale_q(1, av_inv_q(rate), from_.time_base)
                                                            : std::max<std::int64_t>(packet.duration, 1);
     if (lastDts_) {
-        return av_rescale_q(*lastDts_, to_->time_base, timeBase_) + step;
+        return av_rescale_q(*lastDts_, to_->time_base, from_.time_base) + step;
     }
     const std::int64_t first = packet.pts == AV_NOPTS_VALUE ? 0 : packet.pts;
-    const bool video = codec_->codec_type == AVMEDIA_TYPE_VIDEO;
-    return video ? first - codec_->video_delay * step : first;
+    const bool video = from_.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
+    return video ? first - from_.codecpar->video_delay * step : first;
 }
 
 // Muxers require rising decoding times. Those of broken files are not, nor are all times after rounding to another time
 // base.
 void StreamCopier::makeTimesValid(AVPacket& packet) {
-    const AVCodecParameters& codec = *codec_;
+    const AVCodecParameters& codec = *from_.codecpar;
     if (packet.dts == AV_NOPTS_VALUE) {
         packet.dts = guessDts(packet);
     }
     if (codec.codec_type == AVMEDIA_TYPE_AUDIO && codec.sample_rate > 0 && packet.dts != AV_NOPTS_VALUE) {
         // Milliseconds are too coarse for samples, so the length of a packet determines where the next one starts.
-        const std::int64_t samples = std::max(0, av_get_audio_frame_duration2(codec_.get(), packet.size));
-        packet.dts = av_rescale_delta(timeBase_, packet.dts, AVRational{1, codec.sample_rate},
+        const std::int64_t samples = std::max(0, av_get_audio_frame_duration2(from_.codecpar, packet.size));
+        packet.dts = av_rescale_delta(from_.time_base, packet.dts, AVRational{1, codec.sample_rate},
                                       static_cast<int>(samples), &rounding_, to_->time_base);
         packet.pts = packet.dts;
-        packet.duration = av_rescale_q(packet.duration, timeBase_, to_->time_base);
+        packet.duration = av_rescale_q(packet.duration, from_.time_base, to_->time_base);
     } else {
-        av_packet_rescale_ts(&packet, timeBase_, to_->time_base);
+        av_packet_rescale_ts(&packet, from_.time_base, to_->time_base);
     }
     const bool subtitle = codec.codec_type == AVMEDIA_TYPE_SUBTITLE;  // two subtitles may start at the same time
     if (lastDts_ && packet.dts <= *lastDts_ && !(subtitle && packet.dts == *lastDts_)) {

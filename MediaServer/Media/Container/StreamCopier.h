@@ -9,8 +9,7 @@
 
 namespace krv::media {
 
-/// Copies a stream's packets unchanged, together with its metadata and side data. Does not use the source's stream after
-/// open(), so that another thread may read on.
+/// Copies a stream's packets unchanged, together with its metadata and side data.
 class StreamCopier : public Track {
 public:
     explicit StreamCopier(const AVStream& from);
@@ -28,11 +27,8 @@ private:
     void makeTimesValid(AVPacket& packet);
 
     const AVStream& from_;
-    const CodecParametersPtr codec_;
-    const AVRational timeBase_;
     OutputFile* output_ = nullptr;
     AVStream* to_ = nullptr;
-    AVRational frameRate_{};
     bool started_ = false;
     std::int64_t rounding_ = AV_NOPTS_VALUE;
     std::optional<std::int64_t> lastDts_;

@@ -17,26 +17,19 @@ Progress::Progress(ProgressSink& sink, Clock clock)
     , reportedAt_(clock_()) {}
 
 void Progress::beginPhase(double endsAt) noexcept {
-    const LockGuard lock(mutex_);
     phaseStart_ = std::max(reached_, phaseStart_);
     phaseEnd_ = std::max(endsAt, phaseStart_);
-    reportIfDue();
+    alive();
 }
 
 void Progress::reach(double fractionOfPhase) noexcept {
-    const LockGuard lock(mutex_);
     if (fractionOfPhase > 0) {
         reached_ = std::max(reached_, phaseStart_ + std::min(fractionOfPhase, 1.0) * (phaseEnd_ - phaseStart_));
     }
-    reportIfDue();
+    alive();
 }
 
 void Progress::alive() noexcept {
-    const LockGuard lock(mutex_);
-    reportIfDue();
-}
-
-void Progress::reportIfDue() noexcept {
     const auto now = clock_();
     const auto waited = now - reportedAt_;
     const double change = reached_ - reported_;
@@ -49,7 +42,6 @@ void Progress::reportIfDue() noexcept {
 }
 
 void Progress::finish() noexcept {
-    const LockGuard lock(mutex_);
     report(1);
 }
 

@@ -3,8 +3,6 @@
 #include <chrono>
 #include <functional>
 
-#include <KRVQTProcessClient/Foundation/Mutex.h>
-
 #include <MediaServer/Media/Foundation/ProgressSink.h>
 
 namespace krv::media {
@@ -14,7 +12,7 @@ namespace krv::media {
 /// The work is divided into phases, each a part of the range 0…1. reach() reports how far the current phase has come.
 /// alive() reports that something was read, decoded or written at all. As long as one of them keeps being called, the
 /// sink receives a report every kSignOfLife, if need be the same number again. The server makes it creep; see
-/// ShownProgress there. Thread-safe: one thread may read while another writes.
+/// ShownProgress there. Not thread-safe.
 class Progress {
 public:
     using Clock = std::function<std::chrono::steady_clock::time_point()>;
@@ -37,17 +35,15 @@ public:
     void finish() noexcept;
 
 private:
-    void reportIfDue() noexcept KRV_REQUIRES(mutex_);
-    void report(double value) noexcept KRV_REQUIRES(mutex_);
+    void report(double value) noexcept;
 
-    Mutex mutex_;
-    ProgressSink& sink_ KRV_GUARDED_BY(mutex_);
-    const Clock clock_;
-    std::chrono::steady_clock::time_point reportedAt_ KRV_GUARDED_BY(mutex_);
-    double reported_ KRV_GUARDED_BY(mutex_) = 0;
-    double reached_ KRV_GUARDED_BY(mutex_) = 0;
-    double phaseStart_ KRV_GUARDED_BY(mutex_) = 0;
-    double phaseEnd_ KRV_GUARDED_BY(mutex_) = 1;
+    ProgressSink& sink_;
+    Clock clock_;
+    std::chrono::steady_clock::time_point reportedAt_;
+    double reported_ = 0;
+    double reached_ = 0;
+    double phaseStart_ = 0;
+    double phaseEnd_ = 1;
 };
 
 }  // namespace krv::media

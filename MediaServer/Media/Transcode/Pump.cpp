@@ -4,7 +4,6 @@
 #include <MediaServer/Media/Container/StreamCopier.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 #include <MediaServer/Media/Transcode/Pump.h>
-#include <MediaServer/Media/Transcode/ReadAhead.h>
 #include <MediaServer/Media/Transcode/SubtitleConverter.h>
 
 namespace krv::media {
@@ -33,7 +32,6 @@ Pump::Pump(Source& source, OutputFile& output, Progress& progress)
     , byIndex_(source.streamCount(), nullptr) {}
 
 void Pump::add(std::unique_ptr<Track> track, const std::vector<std::size_t>& indices) {
-    onlyCopies_ = onlyCopies_ && (indices.empty() || dynamic_cast<StreamCopier*>(track.get()));
     for (const std::size_t index : indices) {
         byIndex_.at(index) = track.get();
         read_.push_back(index);
@@ -114,19 +112,6 @@ void Pump::convert(const std::deque<PacketPtr>& queued, bool encodes) {
     if (encodes) {
         output_.onWrite([this] { reportEncoded(); });
     }
-    if (onlyCopies_) {
-        readAheadAndPush();
-    } else {
-        readAndPush(encodes);
-    }
-    for (const auto& track : tracks_) {
-        track->finish();
-        progress_.alive();
-    }
-    progress_.reach(1);
-}
-
-void Pump::readAndPush(bool encodes) {
     const PacketPtr packet = newPacket();
     while (reader_->read(*packet)) {
         push(*packet);
@@ -134,18 +119,11 @@ void Pump::readAndPush(bool encodes) {
             progress_.reach(source_.bytePosition());
         }
     }
-}
-
-// Demuxing a packet takes about as long as muxing it, and for small packets both take longer than the disk. Tracks that
-// copy use nothing of the source once they are open; others may.
-void Pump::readAheadAndPush() {
-    ReadAhead ahead(*reader_, source_);
-    for (auto batch = ahead.next(); !batch.packets.empty(); batch = ahead.next()) {
-        for (const PacketPtr& packet : batch.packets) {
-            push(*packet);
-        }
-        progress_.reach(batch.position);
+    for (const auto& track : tracks_) {
+        track->finish();
+        progress_.alive();
     }
+    progress_.reach(1);
 }
 
 // The source is read ahead of the encoders, by many seconds of a short movie.

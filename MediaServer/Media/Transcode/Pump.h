@@ -35,8 +35,6 @@ private:
     [[nodiscard]] std::int64_t expectedIndexSize() const;
     [[nodiscard]] std::deque<PacketPtr> prime();
     void convert(const std::deque<PacketPtr>& queued, bool encodes);
-    void readAndPush(bool encodes);
-    void readAheadAndPush();
     void push(const AVPacket& packet);
     void reportEncoded();
 
@@ -47,7 +45,6 @@ private:
     std::vector<Track*> byIndex_;  // by index of the source's stream; null if the stream is not read
     std::vector<std::size_t> read_;
     bool copies_ = false;
-    bool onlyCopies_ = true;
     std::optional<PartReader> reader_;
 };
 
