@@ -7,12 +7,14 @@
 #include <cerrno>
 #include <cmath>
 #include <exception>
+#include <span>
 #include <thread>
 
 #include <unistd.h>
 
 #include <KRVQTProcessClient/Foundation/Mutex.h>
 
+#include <MediaServer/Media/Container/ReadAt.h>
 #include <MediaServer/Media/Thumbnails.h>
 #include <MediaServer/Media/Video/FrameReader.h>
 #include <MediaServer/Media/Video/StillPicture.h>
@@ -101,16 +103,8 @@ private:
     void store(std::size_t i, std::int64_t time, const std::vector<std::uint8_t>& picture) {
         const LockGuard lock(mutex_);
         const auto length = static_cast<std::int64_t>(picture.size());
-        for (std::int64_t written = 0; written < length;) {
-            const ssize_t put = pwrite(request_.destination, picture.data() + written,
-                                       static_cast<std::size_t>(length - written), size_ + written);
-            if (put < 0 && errno == EINTR) {
-                continue;
-            }
-            if (put <= 0) {
-                throw Failure({.cause = FailureCause::UnwritableDestination, .errorNumber = put < 0 ? errno : ENOSPC});
-            }
-            written += put;
+        if (!writeAll(request_.destination, std::as_bytes(std::span(picture)), size_)) {
+            throw Failure({.cause = FailureCause::UnwritableDestination, .errorNumber = errno});
         }
         pictures_[i] = {static_cast<double>(time) / AV_TIME_BASE, size_, length};
         size_ += length;

@@ -20,6 +20,12 @@ std::uint64_t numberIn(Bytes bytes, std::size_t offset, std::size_t size) {
     return value;
 }
 
+void setNumber(std::span<std::byte> bytes, std::uint64_t value) {
+    for (std::size_t i = bytes.size(); i-- > 0; value >>= 8) {
+        bytes[i] = static_cast<std::byte>(value & 0xff);
+    }
+}
+
 std::optional<Box> takeBox(Bytes& list) {
     if (list.size() < kBoxHeader) {
         return std::nullopt;
@@ -77,6 +83,22 @@ std::optional<BoxPlace> findTopLevelBox(std::string_view type, const ReadAt& rea
         offset += static_cast<std::int64_t>(size);
     }
     return std::nullopt;
+}
+
+std::optional<BoxPlace> findMovieBox(const ReadAt& readAt, std::int64_t from, std::int64_t fileSize) {
+    const auto place = findTopLevelBox("moov", readAt, from, fileSize);
+    return place && place->size <= kLargestMovieBox ? place : std::nullopt;
+}
+
+std::optional<std::uint32_t> fieldAfterDates(std::optional<Bytes> header) {
+    if (!header || header->empty()) {
+        return std::nullopt;
+    }
+    const std::size_t offset = numberIn(*header, 0, 1) == 1 ? 20 : 12;
+    if (header->size() < offset + 4) {
+        return std::nullopt;
+    }
+    return static_cast<std::uint32_t>(numberIn(*header, offset, 4));
 }
 
 }  // namespace krv::media

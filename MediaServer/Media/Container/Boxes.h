@@ -20,6 +20,9 @@ inline constexpr std::int64_t kLargestMovieBox = std::int64_t{256} << 20;
 /// Returns a big-endian number of up to 8 bytes. It must lie within the bytes.
 [[nodiscard]] std::uint64_t numberIn(Bytes bytes, std::size_t offset, std::size_t size);
 
+/// Writes a number in all of the bytes, big-endian.
+void setNumber(std::span<std::byte> bytes, std::uint64_t value);
+
 struct Box {
     std::string_view type;
     Bytes contents;
@@ -41,5 +44,12 @@ struct BoxPlace {
 /// Returns the first box of this type among those of the file itself, of which one begins at `from`.
 [[nodiscard]] std::optional<BoxPlace> findTopLevelBox(std::string_view type, const ReadAt& readAt, std::int64_t from,
                                                       std::int64_t fileSize);
+
+/// Returns the box "moov" of a file, unless it is larger than kLargestMovieBox.
+[[nodiscard]] std::optional<BoxPlace> findMovieBox(const ReadAt& readAt, std::int64_t from, std::int64_t fileSize);
+
+/// Returns the field after the two dates in the header of a movie (its time scale) or of a track (its ID). The header's
+/// version determines the length of the dates.
+[[nodiscard]] std::optional<std::uint32_t> fieldAfterDates(std::optional<Bytes> header);
 
 }  // namespace krv::media

@@ -1,14 +1,15 @@
 // FFmpeg's muxer does not write chapters. Other programs expect a chunk "cue " with positions and a list "adtl" with a
 // label for each, which may follow the samples.
 #include <array>
-#include <cerrno>
 #include <limits>
+#include <span>
 #include <string_view>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <MediaServer/Media/Container/CuePoints.h>
+#include <MediaServer/Media/Container/ReadAt.h>
 
 namespace krv::media {
 namespace {
@@ -30,18 +31,8 @@ std::string chunk(std::string_view name, const std::string& content) {
     return content.size() % 2 == 0 ? result : result + '\0';
 }
 
-bool writeAll(int file, std::string_view bytes, off_t at) {
-    while (!bytes.empty()) {
-        const ssize_t written = ::pwrite(file, bytes.data(), bytes.size(), at);
-        if (written < 0 && errno != EINTR) {
-            return false;
-        }
-        if (written > 0) {
-            bytes.remove_prefix(static_cast<std::size_t>(written));
-            at += written;
-        }
-    }
-    return true;
+bool write(int file, std::string_view text, off_t at) {
+    return writeAll(file, std::as_bytes(std::span(text)), at);
 }
 
 }  // namespace
@@ -77,8 +68,8 @@ bool appendChunks(int file, std::string chunks) {
     if (!isLong && size > std::numeric_limits<std::uint32_t>::max()) {
         return true;
     }
-    return writeAll(file, chunks, status.st_size) &&
-           writeAll(file, littleEndian(size, isLong ? 8 : 4), isLong ? kLongSizeAt : kSizeAt);
+    return write(file, chunks, status.st_size) &&
+           write(file, littleEndian(size, isLong ? 8 : 4), isLong ? kLongSizeAt : kSizeAt);
 }
 
 }  // namespace krv::media

@@ -3,7 +3,6 @@
 #include <optional>
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <MediaServer/Media/Container/Boxes.h>
 #include <MediaServer/Media/Container/EditList.h>
@@ -12,18 +11,6 @@ namespace krv::media {
 namespace {
 
 constexpr std::size_t kMostEdits = 100'000;
-
-/// Returns the field after the two dates of a header. The header's version determines the length of the dates.
-std::optional<std::uint32_t> afterDates(std::optional<Bytes> header) {
-    if (!header || header->empty()) {
-        return std::nullopt;
-    }
-    const std::size_t offset = numberIn(*header, 0, 1) == 1 ? 20 : 12;
-    if (header->size() < offset + 4) {
-        return std::nullopt;
-    }
-    return static_cast<std::uint32_t>(numberIn(*header, offset, 4));
-}
 
 std::vector<std::int64_t> editStarts(Bytes list) {
     std::vector<std::int64_t> starts;
@@ -49,12 +36,12 @@ std::vector<std::int64_t> editStarts(Bytes list) {
 
 MovieEdits parseMovieEdits(Bytes movieBox) {
     MovieEdits edits;
-    edits.timeScale = afterDates(findBox(movieBox, "mvhd")).value_or(0);
+    edits.timeScale = fieldAfterDates(findBox(movieBox, "mvhd")).value_or(0);
     while (const auto box = takeBox(movieBox)) {
         if (box->type != "trak") {
             continue;
         }
-        const auto id = afterDates(findBox(box->contents, "tkhd"));
+        const auto id = fieldAfterDates(findBox(box->contents, "tkhd"));
         const auto container = findBox(box->contents, "edts");
         const auto list = container ? findBox(*container, "elst") : std::nullopt;
         if (id) {
@@ -65,8 +52,8 @@ MovieEdits parseMovieEdits(Bytes movieBox) {
 }
 
 MovieEdits readMovieEdits(const ReadAt& readAt, std::int64_t fileSize) {
-    const auto place = findTopLevelBox("moov", readAt, 0, fileSize);
-    if (!place || place->size > kLargestMovieBox) {
+    const auto place = findMovieBox(readAt, 0, fileSize);
+    if (!place) {
         return {};
     }
     std::vector<std::byte> box(static_cast<std::size_t>(place->size));
@@ -83,11 +70,8 @@ public:
 
     [[nodiscard]] std::uint64_t value() const { return numberIn(bytes_, 0, bytes_.size()); }
     void lowerTo(std::uint64_t value) const {
-        if (value >= this->value()) {
-            return;
-        }
-        for (std::size_t i = bytes_.size(); i-- > 0; value >>= 8) {
-            bytes_[i] = static_cast<std::byte>(value & 0xff);
+        if (value < this->value()) {
+            setNumber(bytes_, value);
         }
     }
 
@@ -124,7 +108,7 @@ void shortenEdits(std::span<std::byte> box, Bytes list, std::uint64_t end) {
 
 void shortenTracks(std::span<std::byte> box, std::span<const TrackEnd> ends) {
     const auto header = findBox(box, "mvhd");
-    const auto scale = afterDates(header).value_or(0);
+    const auto scale = fieldAfterDates(header).value_or(0);
     std::uint64_t longest = 0;
     Bytes rest = box;
     while (const auto track = takeBox(rest)) {
@@ -135,8 +119,9 @@ void shortenTracks(std::span<std::byte> box, std::span<const TrackEnd> ends) {
         const auto container = findBox(track->contents, "edts");
         const auto list = container ? findBox(*container, "elst") : std::nullopt;
         const auto length = lengthIn(box, trackHeader, 8);
-        const auto end = std::find_if(ends.begin(), ends.end(),
-                                      [id = afterDates(trackHeader)](const TrackEnd& each) { return each.id == id; });
+        const auto end =
+            std::find_if(ends.begin(), ends.end(),
+                         [id = fieldAfterDates(trackHeader)](const TrackEnd& each) { return each.id == id; });
         if (length && list && end != ends.end()) {
             const auto time = static_cast<std::uint64_t>(std::llround(std::max(end->seconds, 0.0) * scale));
             shortenEdits(box, *list, time);
@@ -155,8 +140,8 @@ bool shortenTracks(int descriptor, std::span<const TrackEnd> ends) {
         return false;
     }
     const ReadAt readAt = readAtDescriptor(descriptor);
-    const auto place = findTopLevelBox("moov", readAt, 0, status.st_size);
-    if (!place || place->size > kLargestMovieBox) {
+    const auto place = findMovieBox(readAt, 0, status.st_size);
+    if (!place) {
         return false;
     }
     std::vector<std::byte> box(static_cast<std::size_t>(place->size));
@@ -164,7 +149,7 @@ bool shortenTracks(int descriptor, std::span<const TrackEnd> ends) {
         return false;
     }
     shortenTracks(box, ends);
-    return pwrite(descriptor, box.data(), box.size(), place->offset) == static_cast<ssize_t>(box.size());
+    return writeAll(descriptor, box, place->offset);
 }
 
 }  // namespace krv::media

@@ -25,20 +25,6 @@ constexpr std::size_t kTable = 8;
 /// So much is moved at a time.
 constexpr std::int64_t kPart = std::int64_t{4} << 20;
 
-std::optional<std::uint32_t> trackID(Bytes track) {
-    const auto header = findBox(track, "tkhd");
-    if (!header || header->size() < 24) {
-        return std::nullopt;
-    }
-    return static_cast<std::uint32_t>(numberIn(*header, numberIn(*header, 0, 1) == 1 ? 20 : 12, 4));
-}
-
-void setNumber(std::span<std::byte> bytes, std::uint64_t value) {
-    for (std::size_t i = bytes.size(); i-- > 0; value >>= 8) {
-        bytes[i] = static_cast<std::byte>(value & 0xff);
-    }
-}
-
 /// Adds the distance to the numbers of a table with fields of this size.
 bool moveTable(std::span<std::byte> movieBox, Bytes table, std::size_t field, std::int64_t distance) {
     if (table.size() < kTable) {
@@ -54,38 +40,6 @@ bool moveTable(std::span<std::byte> movieBox, Bytes table, std::size_t field, st
             return false;
         }
         setNumber(place, moved);
-    }
-    return true;
-}
-
-bool readAll(int descriptor, std::span<std::byte> bytes, std::int64_t offset) {
-    while (!bytes.empty()) {
-        const ssize_t got = pread(descriptor, bytes.data(), bytes.size(), offset);
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got <= 0) {
-            errno = got < 0 ? errno : EIO;
-            return false;
-        }
-        bytes = bytes.subspan(static_cast<std::size_t>(got));
-        offset += got;
-    }
-    return true;
-}
-
-bool writeAll(int descriptor, Bytes bytes, std::int64_t offset) {
-    while (!bytes.empty()) {
-        const ssize_t put = pwrite(descriptor, bytes.data(), bytes.size(), offset);
-        if (put < 0 && errno == EINTR) {
-            continue;
-        }
-        if (put <= 0) {
-            errno = put < 0 ? errno : ENOSPC;
-            return false;
-        }
-        bytes = bytes.subspan(static_cast<std::size_t>(put));
-        offset += put;
     }
     return true;
 }
@@ -123,8 +77,8 @@ bool writeEmptyBox(int descriptor, std::int64_t at, std::int64_t size) {
 }  // namespace
 
 std::int64_t indexSize(const ReadAt& readAt, std::int64_t fileSize, std::span<const int> trackIDs) {
-    const auto place = findTopLevelBox("moov", readAt, 0, fileSize);
-    if (!place || place->size > kLargestMovieBox) {
+    const auto place = findMovieBox(readAt, 0, fileSize);
+    if (!place) {
         return 0;
     }
     std::vector<std::byte> box(static_cast<std::size_t>(place->size));
@@ -134,7 +88,7 @@ std::int64_t indexSize(const ReadAt& readAt, std::int64_t fileSize, std::span<co
     std::int64_t size = kBoxHeader + place->size;
     Bytes rest = box;
     while (const auto track = takeBox(rest)) {
-        const auto id = track->type == "trak" ? trackID(track->contents) : std::nullopt;
+        const auto id = track->type == "trak" ? fieldAfterDates(findBox(track->contents, "tkhd")) : std::nullopt;
         if (id && std::find(trackIDs.begin(), trackIDs.end(), static_cast<int>(*id)) == trackIDs.end()) {
             size -= kBoxHeader + static_cast<std::int64_t>(track->contents.size());
         }
@@ -168,8 +122,8 @@ int moveIndexToFront(int descriptor, const IndexRoom& room, const std::function<
         return errno;
     }
     const std::int64_t samples = room.at + room.size;
-    const auto place = findTopLevelBox("moov", readAtDescriptor(descriptor), samples, status.st_size);
-    if (!place || place->offset + place->size != status.st_size || place->size > kLargestMovieBox) {
+    const auto place = findMovieBox(readAtDescriptor(descriptor), samples, status.st_size);
+    if (!place || place->offset + place->size != status.st_size) {
         misplaced("the muxer has not written the index at the end");
     }
     const std::int64_t begin = place->offset - kBoxHeader;

@@ -7,8 +7,9 @@
 #include <string_view>
 #include <vector>
 
-#include <unistd.h>
+#include <sys/stat.h>
 
+#include <MediaServer/Media/Container/Boxes.h>
 #include <MediaServer/Media/Container/QuickTimeTags.h>
 
 namespace krv::media {
@@ -30,54 +31,6 @@ std::string placeholder(std::size_t size) {
     std::string text = "A cover of " + std::to_string(size) + " bytes follows: ";
     text.resize(size, '.');
     return text;
-}
-
-bool transfer(int file, std::span<std::uint8_t> bytes, std::int64_t at, bool writes) {
-    for (std::size_t done = 0; done < bytes.size();) {
-        const auto position = static_cast<off_t>(at) + static_cast<off_t>(done);
-        const ssize_t now = writes ? ::pwrite(file, bytes.data() + done, bytes.size() - done, position)
-                                   : ::pread(file, bytes.data() + done, bytes.size() - done, position);
-        if (now < 0 && errno == EINTR) {
-            continue;
-        }
-        if (now <= 0) {
-            errno = now == 0 ? EIO : errno;
-            return false;
-        }
-        done += static_cast<std::size_t>(now);
-    }
-    return true;
-}
-
-std::uint64_t bigEndian(std::span<const std::uint8_t> bytes) {
-    std::uint64_t value = 0;
-    for (const std::uint8_t byte : bytes) {
-        value = value << 8 | byte;
-    }
-    return value;
-}
-
-/// Where the outermost "moov" box is. Empty if there is none.
-struct Box {
-    std::int64_t at = 0;
-    std::int64_t size = 0;
-};
-Box movieBox(int file) {
-    std::array<std::uint8_t, 16> header{};
-    for (std::int64_t at = 0; transfer(file, header, at, false);) {
-        std::uint64_t size = bigEndian(std::span(header).first<4>());
-        if (size == 1) {
-            size = bigEndian(std::span(header).last<8>());
-        }
-        if (size < 8 || size > INT64_MAX / 2) {
-            break;
-        }
-        if (std::equal(header.begin() + 4, header.begin() + 8, "moov")) {
-            return {at, static_cast<std::int64_t>(size)};
-        }
-        at += static_cast<std::int64_t>(size);
-    }
-    return {};
 }
 
 }  // namespace
@@ -106,9 +59,20 @@ void reserveCover(AVDictionary** tags, const AVPacket& picture) {
 }
 
 bool fillCover(int file, const AVPacket& picture, bool isPNG) {
-    const Box box = movieBox(file);
-    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(box.size));
-    if (box.size == 0 || !transfer(file, bytes, box.at, false)) {
+    struct stat status {};
+    if (::fstat(file, &status) != 0) {
+        return false;
+    }
+    const ReadAt readAt = [file](std::int64_t offset, std::span<std::byte> part) {
+        return readAll(file, part, offset);
+    };
+    const auto box = findTopLevelBox("moov", readAt, 0, status.st_size);
+    if (!box) {
+        errno = EIO;
+        return false;
+    }
+    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(box->size));
+    if (!readAt(box->offset, std::as_writable_bytes(std::span(bytes)))) {
         return false;
     }
     const std::string text = placeholder(static_cast<std::size_t>(picture.size));
@@ -122,7 +86,7 @@ bool fillCover(int file, const AVPacket& picture, bool isPNG) {
                                                 static_cast<std::size_t>(kHeader + picture.size));
     place[3] = static_cast<std::uint8_t>(isPNG ? kPNG : kJPEG);
     std::copy_n(picture.data, picture.size, place.begin() + kHeader);
-    return transfer(file, place, box.at + (found - bytes.begin()) - kHeader, true);
+    return writeAll(file, std::as_bytes(place), box->offset + (found - bytes.begin()) - kHeader);
 }
 
 }  // namespace krv::media

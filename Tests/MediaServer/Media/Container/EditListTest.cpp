@@ -4,22 +4,14 @@
 
 #include <gmock/gmock.h>
 
+#include "HandmadeBoxes.h"
 #include <MediaServer/Media/Container/EditList.h>
 
 namespace krv::media {
 namespace {
 
-std::string number(std::uint64_t value, int bytes) {
-    std::string text;
-    for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) {
-        text += shift < 64 ? static_cast<char>(value >> shift & 0xff) : '\0';
-    }
-    return text;
-}
-
-std::string box(const std::string& type, const std::string& contents) {
-    return number(contents.size() + 8, 4) + type + contents;
-}
+using test::box;
+using test::number;
 
 std::string header(const std::string& type, std::uint32_t field) {
     return box(type, number(0, 12) + number(field, 4) + number(0, 60));

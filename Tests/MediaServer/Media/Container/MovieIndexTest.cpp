@@ -7,6 +7,7 @@
 
 #include <gmock/gmock.h>
 
+#include "HandmadeBoxes.h"
 #include "MediaTestKit.h"
 #include <MediaServer/Media/Container/Boxes.h>
 #include <MediaServer/Media/Container/MovieIndex.h>
@@ -15,20 +16,10 @@
 namespace krv::media {
 namespace {
 
+using test::box;
 using test::Descriptor;
+using test::number;
 using test::OutputPath;
-
-std::string number(std::uint64_t value, int bytes) {
-    std::string text;
-    for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) {
-        text += shift < 64 ? static_cast<char>(value >> shift & 0xff) : '\0';
-    }
-    return text;
-}
-
-std::string box(const std::string& type, const std::string& contents) {
-    return number(contents.size() + 8, 4) + type + contents;
-}
 
 std::string table(const std::string& type, int field, const std::vector<std::uint64_t>& places) {
     std::string list = number(0, 4) + number(places.size(), 4);
