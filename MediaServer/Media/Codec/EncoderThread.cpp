@@ -25,44 +25,47 @@ EncoderThread::~EncoderThread() {
 }
 
 void EncoderThread::push(FramePtr frame, const Sink& sink) {
-    const LockGuard lock(mutex_);
-    while (frames_.size() >= kMostFrames && !ended_) {
-        changed_.wait(mutex_);
+    Ready ready;
+    {
+        const LockGuard lock(mutex_);
+        while (frames_.size() >= kMostFrames && !ended_) {
+            changed_.wait(mutex_);
+        }
+        frames_.push_back(std::move(frame));
+        changed_.notify_all();
+        ready = takeReady();
     }
-    frames_.push_back(std::move(frame));
-    changed_.notify_all();
-    deliver(sink);
+    deliver(ready, sink);
 }
 
 void EncoderThread::finish(const Sink& sink) {
-    const LockGuard lock(mutex_);
-    complete_ = true;
-    changed_.notify_all();
-    while (!ended_) {
-        changed_.wait(mutex_);
+    Ready ready;
+    {
+        const LockGuard lock(mutex_);
+        complete_ = true;
+        changed_.notify_all();
+        while (!ended_) {
+            changed_.wait(mutex_);
+        }
+        ready = takeReady();
     }
-    deliver(sink);
+    deliver(ready, sink);
 }
 
-void EncoderThread::deliver(const Sink& sink) {
-    const int error = error_;
-    auto ready = std::exchange(packets_, {});
-    mutex_.unlock();
-    try {
-        for (const PacketPtr& packet : ready) {
-            sink(*packet);
-        }
-        if (error == AVERROR(ENOMEM)) {
-            throw std::bad_alloc();
-        }
-        if (error < 0) {
-            fail(FailureCause::InternalError, error, "encoding");
-        }
-    } catch (...) {
-        mutex_.lock();
-        throw;
+EncoderThread::Ready EncoderThread::takeReady() {
+    return {std::exchange(packets_, {}), error_};
+}
+
+void EncoderThread::deliver(const Ready& ready, const Sink& sink) {
+    for (const PacketPtr& packet : ready.packets) {
+        sink(*packet);
     }
-    mutex_.lock();
+    if (ready.error == AVERROR(ENOMEM)) {
+        throw std::bad_alloc();
+    }
+    if (ready.error < 0) {
+        fail(FailureCause::InternalError, ready.error, "encoding");
+    }
 }
 
 void EncoderThread::run() {

@@ -36,7 +36,13 @@ private:
     [[nodiscard]] FramePtr nextFrame();
     /// Encodes a frame, or what remains if it is null. Returns FFmpeg's error.
     [[nodiscard]] int encode(const AVFrame* frame);
-    void deliver(const Sink& sink) KRV_REQUIRES(mutex_);
+    /// The packets that are ready, and FFmpeg's error if the encoder has failed.
+    struct Ready {
+        std::deque<PacketPtr> packets;
+        int error = 0;
+    };
+    [[nodiscard]] Ready takeReady() KRV_REQUIRES(mutex_);
+    static void deliver(const Ready& ready, const Sink& sink);
 
     AVCodecContext& encoder_;
     Mutex mutex_;
