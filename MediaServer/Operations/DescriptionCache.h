@@ -18,7 +18,7 @@ namespace krv::server {
 /// again. Thread-safe.
 class DescriptionCache {
 public:
-    /// What is remembered, in bytes of the archived records.
+    /// The largest size of all remembered records together, in bytes of their archives.
     static constexpr std::size_t kMostBytes = std::size_t{32} << 20;
 
     explicit DescriptionCache(std::size_t mostBytes = kMostBytes)

@@ -12,7 +12,7 @@ namespace {
 
 /// The size of a large page on most processors.
 constexpr std::uintptr_t kLargePage = std::uintptr_t{2} << 20;
-/// What most jobs need. Memory beyond it comes in single pages.
+/// Enough for most jobs. The heap grows by single pages beyond it.
 constexpr std::size_t kReserved = std::size_t{16} << 20;
 /// The largest that the C library accepts.
 constexpr int kMostFromHeap = 32 << 20;

@@ -123,9 +123,9 @@ public:
     }
 
 private:
-    /// What one unit of an object's count takes.
+    /// The size of one counted element.
     enum class Unit : std::uint8_t { None, Byte, TwoBytes, Reference, TwoReferences };
-    /// What the first byte of an object says about it.
+    /// The type and layout that the first byte of an object encodes.
     struct Shape {
         Type type = Type::Boolean;
         /// Bytes of a scalar of the usual widths, otherwise 0.

@@ -23,8 +23,8 @@ public:
     /// Names a timer or a request. Never 0.
     using Token = std::uint64_t;
 
-    /// Starts the thread. name: at most 15 bytes. Throws Exception "HTTPLoop" if there is no thread or no memory for it,
-    /// and "OutOfDescriptors".
+    /// Starts the thread. name: at most 15 bytes. Throws Exception "HTTPLoop" if the thread cannot be created or memory
+    /// runs out, and "OutOfDescriptors" if too few file descriptors are left.
     [[nodiscard]] static std::unique_ptr<HTTPLoop> start(const char* name);
     /// Stops the thread and waits until it has exited. Drops all tasks, timers and requests. Not for the loop's thread.
     virtual ~HTTPLoop();

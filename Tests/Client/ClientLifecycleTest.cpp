@@ -31,7 +31,7 @@ protected:
     }
 };
 
-/// A transport that looks around when it is destroyed: when its client has let go of it.
+/// A transport that calls a function when it is destroyed, which is when its client releases it.
 class LastLook final : public KRVTransport {
 public:
     explicit LastLook(std::function<void()> look)

@@ -25,9 +25,9 @@ struct ServerAccess {
 };
 
 /// Blocks until a server responds and this process is registered with it. Launches one at once if none is running, or
-/// returns at once if the client does not launch any. Prints on standard error what it has been waiting for, after three
-/// seconds. Gives up at once where waiting is of no use: there is no program to launch, or it exits at once. Call on a
-/// second thread while the main thread runs the main run loop.
+/// returns at once if the client does not launch any. After three seconds, prints on standard error what it is waiting for.
+/// Fails immediately if the server's program is missing, cannot be executed or exits at once. Call on a second thread
+/// while the main thread runs the main run loop.
 ///
 /// Returns kDone, kNoServer with the reason printed, or kCancelled.
 [[nodiscard]] ExitStatus reachServer(const ServerAccess& access, const CommonOptions& common);

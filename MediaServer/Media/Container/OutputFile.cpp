@@ -120,7 +120,7 @@ void OutputFile::leaveRoomForIndex() {
     }
     room_.at = end - static_cast<std::int64_t>(rest.size());
     io_.leaveRoom(room_.at, room_.size);
-    // What is behind the room has been written into it.
+    // The rest of the header has been written where the room is now. Write it again, behind the room.
     avio_seek(io_.context(), room_.at, SEEK_SET);
     avio_write(io_.context(), reinterpret_cast<const unsigned char*>(rest.data()), static_cast<int>(rest.size()));
 }

@@ -49,7 +49,7 @@ public:
     explicit CurlHTTPLoop(const char* name)
         : multi_(curl_multi_init()) {
         if (!multi_) {
-            throw Exception("HTTPLoop", "There is no memory or no descriptor for an HTTP loop");
+            throw Exception("HTTPLoop", "Cannot create an HTTP loop: out of memory");
         }
         curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, kConnections);
         try {
