@@ -35,8 +35,9 @@ bool moveTable(std::span<std::byte> movieBox, Bytes table, std::size_t field, st
     const std::uint64_t most = field == 4 ? std::numeric_limits<std::uint32_t>::max() : INT64_MAX;
     for (std::uint64_t i = 0; i < count; ++i) {
         const std::span<std::byte> place = movieBox.subspan(begin + i * field, field);
-        const std::uint64_t moved = numberIn(place, 0, field) + static_cast<std::uint64_t>(distance);
-        if (moved > most) {
+        const std::uint64_t now = numberIn(place, 0, field);
+        const std::uint64_t moved = now + static_cast<std::uint64_t>(distance);
+        if (now > most || moved > most) {
             return false;
         }
         setNumber(place, moved);

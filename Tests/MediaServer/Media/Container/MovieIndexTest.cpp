@@ -53,6 +53,11 @@ TEST(MovieIndex, APlaceThatDoesNotFitIsReported) {
     EXPECT_EQ(moved(index, 296), "does not fit");
 }
 
+TEST(MovieIndex, APlaceBeyondTheLargestOffsetIsReportedEvenIfTheSumWrapsAround) {
+    const std::string index = track(1, table("co64", 8, {std::uint64_t{0} - 1000}));
+    EXPECT_EQ(moved(index, 70'000), "does not fit");
+}
+
 TEST(MovieIndex, ATableThatClaimsToBeLongerThanItIsIsMovedAsFarAsItGoes) {
     const auto index = [](std::uint64_t place) {
         return track(1, box("stco", number(0, 4) + number(1000, 4) + number(place, 4)));
