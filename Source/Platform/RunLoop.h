@@ -54,6 +54,8 @@ public:
 
     /// Returns whether the calling thread is the process's first.
     [[nodiscard]] static bool isMainThread();
+    /// Returns whether the calling thread is in a callback of a GLib context, such as the main loop, whoever runs it.
+    [[nodiscard]] static bool isInCallback();
 
     /// Calls the callback every interval (at least one millisecond), first after one interval. Skips the calls that a
     /// busy thread has missed, and never calls a callback that is still running. An empty callback is allowed; it only

@@ -202,6 +202,10 @@ bool RunLoop::isMainThread() {
     return ::gettid() == ::getpid();
 }
 
+bool RunLoop::isInCallback() {
+    return g_main_depth() > 0;
+}
+
 RunLoop::Replacement::Replacement(RunLoop& loop)
     : previousMain_(mainReplacement.exchange(&loop))
     , previousCurrent_(std::exchange(currentReplacement, &loop)) {}

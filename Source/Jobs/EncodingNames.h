@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+#include <KRVQTProcessClient/Foundation/Export.h>
+#include <KRVQTProcessClient/Operations/VideoConversion.h>
+
+/// The names that people use for codecs and encoding types.
+namespace krv {
+
+/// Returns a codec as the integer that a record carries, the first character in the highest byte. Takes a common name in
+/// any case ("h264", "hevc", "aac", ...) or a four-character code, which is padded with spaces. Nothing if the text is
+/// empty or neither.
+[[nodiscard]] KRV_EXPORT std::optional<std::uint32_t> codecFromName(std::string_view name);
+
+/// Returns the encoding type with this name ("H.264"), common name ("h265", "prores", "audio") or number. Names are taken
+/// in any case. Nothing for any other text.
+[[nodiscard]] KRV_EXPORT std::optional<VideoConversion::Type> encodingTypeFromName(std::string_view nameOrNumber);
+
+/// The codecs that an encoding type stands for, as records carry them. 0: the container's default.
+struct TypeCodecs {
+    std::uint32_t video;
+    std::uint32_t audio;
+};
+
+/// Returns the codecs of a type, so that settings can refine it. Nothing for "Original", which copies.
+[[nodiscard]] KRV_EXPORT std::optional<TypeCodecs> codecsOfType(VideoConversion::Type type);
+
+/// Returns whether the extension of a destination is that of a container for audio only.
+[[nodiscard]] KRV_EXPORT bool holdsAudioOnly(std::string_view destination);
+
+/// Returns the default type for a destination: H.264, or by the extension where the container does not hold H.264, or not
+/// as well as its own codec.
+[[nodiscard]] KRV_EXPORT VideoConversion::Type defaultEncodingType(std::string_view destination);
+
+}  // namespace krv
