@@ -18,6 +18,24 @@ class Dictionary;
 class Error;
 class Value;
 
+/// What a value is. Declared before the types that some kinds are named after, because GCC's -Wshadow takes an
+/// enumerator for a declaration that hides them.
+enum class ValueKind : std::uint8_t {
+    Null,
+    Boolean,
+    Integer,
+    Float32,
+    Float64,
+    String,
+    Data,
+    Date,
+    Size,
+    Array,
+    Dictionary,
+    Error,
+    Object
+};
+
 /// An ordered list of values.
 using Array = std::vector<Value>;
 
@@ -45,21 +63,7 @@ struct Size {
 /// A value is as thread-safe as a standard container. Several threads may share its contents.
 class KRV_EXPORT Value {
 public:
-    enum class Kind : std::uint8_t {
-        Null,
-        Boolean,
-        Integer,
-        Float32,
-        Float64,
-        String,
-        Data,
-        Date,
-        Size,
-        Array,
-        Dictionary,
-        Error,
-        Object
-    };
+    using Kind = ValueKind;
     using StringRef = std::shared_ptr<const std::string>;
     using DataRef = std::shared_ptr<const krv::Data>;
     using ArrayRef = std::shared_ptr<const krv::Array>;
