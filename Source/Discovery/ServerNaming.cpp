@@ -16,7 +16,7 @@ constexpr std::string_view kPrimaryInterface = "en0";
 std::optional<std::vector<std::byte>> machineSpecificNameFor_CopyMACAddressData() {
     const HardwareAddressLookup lookup = hardwareAddressOfInterface(kPrimaryInterface);
     switch (lookup.failure) {
-    case HardwareAddressLookup::Failure::None:
+    case HardwareAddressLookup::Failure::NoFailure:
         break;
     case HardwareAddressLookup::Failure::NoQuery:
         std::fputs("IOBSDNameMatching() returned empty dictionary\n", stderr);

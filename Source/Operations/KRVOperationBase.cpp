@@ -294,8 +294,8 @@ std::string KRVOperationBase::operationName() const {
 std::string KRVOperationBase::operationStateDescription() const {
     const OperationTypeInfo* row = operationTypeInfo(operationType_);
     const auto text = [this](std::string_view key) { return argument(key).description(); };
-    switch (row ? row->summary : StateSummary::None) {
-    case StateSummary::None:
+    switch (row ? row->summary : StateSummary::NoArguments) {
+    case StateSummary::NoArguments:
         break;
     case StateSummary::ClientPID:
         return fmt::format("Client PID: {}", text(kArgumentPIDRegInfo));

@@ -13,7 +13,7 @@ namespace krv {
 /// The result of a look-up in the kernel's list of interfaces.
 struct HardwareAddressLookup {
     enum class Failure : std::uint8_t {
-        None,
+        NoFailure,
         /// The query cannot be made at all.
         NoQuery,
         /// The list of interfaces cannot be read.
@@ -23,7 +23,7 @@ struct HardwareAddressLookup {
     };
     /// The address bytes; absent if the interface does not exist or has no address, or if the query failed.
     std::optional<std::vector<std::byte>> address;
-    Failure failure = Failure::None;
+    Failure failure = Failure::NoFailure;
     /// errno of the call that failed, else 0.
     int code = 0;
 };

@@ -153,7 +153,7 @@ TEST_F(MachineSpecificName, IsTheBaseNameForAnInterfaceWithoutAnAddress) {
     EXPECT_EQ(told.name, "s");
     EXPECT_EQ(told.text, "");
     EXPECT_EQ(lookup.address, std::nullopt);
-    EXPECT_EQ(lookup.failure, Failure::None);
+    EXPECT_EQ(lookup.failure, Failure::NoFailure);
 }
 
 TEST_F(MachineSpecificName, ReportsThatTheQueryFailed) {

@@ -32,7 +32,7 @@ TEST(HardwareAddress, MatchesTheKernelForEveryInterface) {
             continue;
         }
         const auto found = hardwareAddressOfInterface(name);
-        EXPECT_EQ(found.failure, HardwareAddressLookup::Failure::None) << name;
+        EXPECT_EQ(found.failure, HardwareAddressLookup::Failure::NoFailure) << name;
         const bool none = shown.find_first_not_of("0:") == std::string::npos;
         EXPECT_EQ(found.address ? text(*found.address) : "", none ? "" : shown) << name;
         ++compared;
@@ -45,7 +45,7 @@ TEST(HardwareAddress, AMissingInterfaceIsNotAFailure) {
     for (const char* name : {"no-such-if", "", "a name that is far too long for an interface"}) {
         const auto found = hardwareAddressOfInterface(name);
         EXPECT_EQ(found.address, std::nullopt);
-        EXPECT_EQ(found.failure, HardwareAddressLookup::Failure::None);
+        EXPECT_EQ(found.failure, HardwareAddressLookup::Failure::NoFailure);
         EXPECT_EQ(found.code, 0);
     }
 }

@@ -37,7 +37,7 @@ HardwareAddressLookup hardwareAddressOfInterface(std::string_view name) {
         }
         exists = true;
         if (entry->ifa_addr && entry->ifa_addr->sa_family == AF_PACKET) {
-            return {addressOf(entry->ifa_addr), HardwareAddressLookup::Failure::None, 0};
+            return {addressOf(entry->ifa_addr), HardwareAddressLookup::Failure::NoFailure, 0};
         }
     }
     // Every interface has a link-level entry, so one that is listed without it was removed during the call.
