@@ -2,6 +2,8 @@
 
 #include <string_view>
 
+#include <KRVQTProcessClient/Foundation/Export.h>
+
 namespace krv {
 
 /// The name of an operation: all keywords with their colons, such as
