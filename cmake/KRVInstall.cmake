@@ -1,5 +1,6 @@
-# Install folders. Libraries go to the multiarch folder, also below a prefix other than /usr.
-if(CMAKE_LIBRARY_ARCHITECTURE)
+# Install folders. Libraries go to the multiarch folder, also below a prefix other than /usr. A project that contains
+# this one decides for itself.
+if(CMAKE_LIBRARY_ARCHITECTURE AND PROJECT_IS_TOP_LEVEL)
     set(CMAKE_INSTALL_LIBDIR lib/${CMAKE_LIBRARY_ARCHITECTURE} CACHE PATH "Folder of the libraries")
 endif()
 include(GNUInstallDirs)
