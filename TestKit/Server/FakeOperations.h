@@ -1,0 +1,89 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <KRVQTProcessClient/KRVQTProcessClient.h>
+
+#include "Script.h"
+#include "SharedState.h"
+
+namespace krv::test_kit {
+
+/// What is sent in response to one request.
+struct Response {
+    enum class Kind : std::uint8_t { Record, Body, Drop, Hang };
+    Kind kind = Kind::Record;
+    KRVOperationBase::Ref record{};
+    unsigned status = 200;
+    std::string body{};
+    /// Ends this process when the response has been sent; for Drop, instead of sending one.
+    std::function<void()> afterwards{};
+};
+
+/// The operations of one server that is played from a script. Thread-safe; a request blocks its thread for as long as
+/// the real server would hold the reply.
+class FakeOperations {
+public:
+    using Report = std::function<void(const KRVOperationBase& request, std::uint32_t number)>;
+
+    /// report: called for each request, before it is answered. die: ends this process as a crash would (true) or
+    /// orderly. All must outlive this object.
+    FakeOperations(const Script& script, SharedState& shared, Report report, std::function<void(bool crash)> die);
+
+    [[nodiscard]] Response respond(const KRVOperationBase::Ref& request);
+
+private:
+    using Ref = KRVOperationBase::Ref;
+    using TimePoint = std::chrono::steady_clock::time_point;
+
+    /// One number that a client sees, while the operation waits (with a position) or runs.
+    struct Step {
+        double progress = 0;
+        std::optional<std::int64_t> position{};
+    };
+    struct Operation {
+        Ref request;
+        Rule rule;
+        std::vector<Step> steps;
+        std::size_t step = 0;
+        /// When the present step was first reported.
+        std::optional<TimePoint> shown{};
+        bool ended = false;
+        bool cancelled = false;
+        std::shared_ptr<const Error> error{};
+        /// Of an operation that has succeeded.
+        Ref record{};
+    };
+
+    Response respondToMedia(const Ref& request, const Rule& rule);
+    Response respondToOther(const Ref& request);
+    Response progress(const Ref& request);
+    Response meet(const Rule& rule, const Ref& request, Operation* operation);
+    Response cancel(const Ref& request);
+    Response result(const Ref& request);
+    Response deathOf(const Rule& rule, Response response) const;
+    static std::vector<Step> stepsOf(const Rule& rule);
+    static Ref replyTo(const KRVOperationBase& request);
+    static Ref stateOf(const KRVOperationBase& request, const Operation& operation);
+    static Ref unknown(const KRVOperationBase& request);
+    void finish(Operation& operation);
+    Operation* find(const KRVOperationBase& request);
+
+    const Script& script_;
+    SharedState& shared_;
+    const Report report_;
+    const std::function<void(bool)> die_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::map<std::string, Operation> operations_;
+};
+
+}  // namespace krv::test_kit
