@@ -6,7 +6,9 @@
 
 #include <MediaServer/Media/Audio/AudioFormat.h>
 #include <MediaServer/Media/Container/StreamSelection.h>
+#include <MediaServer/Media/Container/TrackNames.h>
 #include <MediaServer/Media/MovieInfo.h>
+#include <MediaServer/Media/Video/FrameRate.h>
 #include <MediaServer/Media/Video/FrameReader.h>
 #include <MediaServer/Media/Video/Poster.h>
 
@@ -20,42 +22,6 @@ namespace {
 
 /// A clock that was never set starts in 1904 or 1970. No movie file is older than this, in seconds since 1970.
 constexpr double kEarliestPlausible = 5 * 365.25 * 24 * 3600;
-
-struct Name {
-    AVCodecID codec;
-    const char* name;
-};
-/// Codecs whose common name is not FFmpeg's.
-constexpr std::array<Name, 28> kNames{{
-    {AV_CODEC_ID_H264, "H.264"},
-    {AV_CODEC_ID_HEVC, "HEVC"},
-    {AV_CODEC_ID_H263, "H.263"},
-    {AV_CODEC_ID_VP8, "VP8"},
-    {AV_CODEC_ID_VP9, "VP9"},
-    {AV_CODEC_ID_AV1, "AV1"},
-    {AV_CODEC_ID_PRORES, "ProRes"},
-    {AV_CODEC_ID_DNXHD, "DNxHD"},
-    {AV_CODEC_ID_MJPEG, "Motion JPEG"},
-    {AV_CODEC_ID_MPEG1VIDEO, "MPEG-1"},
-    {AV_CODEC_ID_MPEG2VIDEO, "MPEG-2"},
-    {AV_CODEC_ID_MPEG4, "MPEG-4"},
-    {AV_CODEC_ID_DVVIDEO, "DV"},
-    {AV_CODEC_ID_THEORA, "Theora"},
-    {AV_CODEC_ID_CINEPAK, "Cinepak"},
-    {AV_CODEC_ID_QTRLE, "Animation"},
-    {AV_CODEC_ID_RAWVIDEO, "Uncompressed"},
-    {AV_CODEC_ID_PNG, "PNG"},
-    {AV_CODEC_ID_GIF, "GIF"},
-    {AV_CODEC_ID_AAC, "AAC"},
-    {AV_CODEC_ID_ALAC, "ALAC"},
-    {AV_CODEC_ID_AC3, "AC-3"},
-    {AV_CODEC_ID_EAC3, "E-AC-3"},
-    {AV_CODEC_ID_MP2, "MP2"},
-    {AV_CODEC_ID_MP3, "MP3"},
-    {AV_CODEC_ID_FLAC, "FLAC"},
-    {AV_CODEC_ID_OPUS, "Opus"},
-    {AV_CODEC_ID_VORBIS, "Vorbis"},
-}};
 
 const AVStream* mainAudioStream(const Source& source) {
     std::vector<std::size_t> found;
@@ -128,16 +94,6 @@ std::optional<double> creationTime(const AVFormatContext& format) {
     return std::nullopt;
 }
 
-/// Returns the average frame rate, or else the base frame rate.
-std::optional<double> averageRate(const AVStream& stream) {
-    for (const AVRational rate : {stream.avg_frame_rate, stream.r_frame_rate}) {
-        if (rate.num > 0 && rate.den > 0 && av_q2d(rate) <= 1000) {
-            return av_q2d(rate);
-        }
-    }
-    return std::nullopt;
-}
-
 double measuredDuration(Source& source) {
     const PacketPtr packet = newPacket();
     std::int64_t end = 0;
@@ -187,15 +143,6 @@ MovieInfo describe(const MovieInfoRequest& request, Progress& progress) {
 }
 
 }  // namespace
-
-std::string displayName(AVCodecID codec) {
-    const auto found = std::find_if(kNames.begin(), kNames.end(), [codec](const Name& n) { return n.codec == codec; });
-    if (found != kNames.end()) {
-        return found->name;
-    }
-    const std::string name = avcodec_get_name(codec);
-    return name.starts_with("pcm_") ? "PCM" : name;
-}
 
 MovieInfo movieInfo(const MovieInfoRequest& request, ProgressSink& sink) {
     Progress progress(sink);

@@ -33,7 +33,4 @@ struct MovieInfo {
 /// process. Throws Failure or std::bad_alloc.
 [[nodiscard]] MovieInfo movieInfo(const MovieInfoRequest& request, ProgressSink& sink);
 
-/// Returns the common name of a codec: "H.264", "MPEG-2", "PCM". Pure.
-[[nodiscard]] std::string displayName(AVCodecID codec);
-
 }  // namespace krv::media

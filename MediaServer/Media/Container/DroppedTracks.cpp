@@ -7,6 +7,7 @@
 
 #include <MediaServer/Media/Container/DroppedTracks.h>
 #include <MediaServer/Media/Container/StreamSelection.h>
+#include <MediaServer/Media/Container/TrackNames.h>
 
 extern "C" {
 #include <libavutil/pixdesc.h>
@@ -65,47 +66,6 @@ const Properties& propertiesOf(const Container& container) {
 std::string tag(const AVStream& stream, const char* key) {
     const AVDictionaryEntry* const entry = av_dict_get(stream.metadata, key, nullptr, 0);
     return entry ? entry->value : "";
-}
-
-/// Returns the language tag of a track, or an empty text if the file has something else there.
-std::string languageOf(const AVStream& stream) {
-    constexpr std::size_t kLongest = 35;  // of BCP 47
-    const std::string language = tag(stream, "language");
-    const bool valid =
-        language.size() <= kLongest && std::all_of(language.begin(), language.end(), [](char c) {
-            return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-';
-        });
-    return valid ? language : "";
-}
-
-std::string codecOf(const AVStream& stream) {
-    const AVCodecParameters& codec = *stream.codecpar;
-    if (codec.codec_id != AV_CODEC_ID_NONE && codec.codec_id != AV_CODEC_ID_BIN_DATA) {
-        return avcodec_get_name(codec.codec_id);
-    }
-    if (codec.codec_tag == 0) {
-        return "";
-    }
-    std::array<char, AV_FOURCC_MAX_STRING_SIZE> name{};
-    return av_fourcc_make_string(name.data(), codec.codec_tag);
-}
-
-std::string kindOf(const AVStream& stream) {
-    if (isCover(stream)) {
-        return "cover";
-    }
-    switch (stream.codecpar->codec_type) {
-    case AVMEDIA_TYPE_VIDEO:
-        return "video";
-    case AVMEDIA_TYPE_AUDIO:
-        return "audio";
-    case AVMEDIA_TYPE_SUBTITLE:
-        return "subtitle";
-    case AVMEDIA_TYPE_ATTACHMENT:
-        return "attachment";
-    default:
-        return "data";
-    }
 }
 
 /// Whether the muxer, or nobody, needs the track: the demuxer has turned it into tags or chapters.

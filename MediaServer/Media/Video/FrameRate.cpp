@@ -13,6 +13,15 @@ constexpr double kHighestUsualRate = 60;
 
 }  // namespace
 
+std::optional<double> averageRate(const AVStream& stream) {
+    for (const AVRational rate : {stream.avg_frame_rate, stream.r_frame_rate}) {
+        if (rate.num > 0 && rate.den > 0 && av_q2d(rate) <= kHighestPlausibleRate) {
+            return av_q2d(rate);
+        }
+    }
+    return std::nullopt;
+}
+
 AVRational frameRate(const Source& source, const AVStream& stream) {
     auto& guessed = const_cast<AVStream&>(stream);  // the function only reads it
     const AVRational rate = av_guess_frame_rate(&source.format(), &guessed, nullptr);

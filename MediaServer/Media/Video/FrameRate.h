@@ -1,8 +1,14 @@
 #pragma once
 
+#include <optional>
+
 #include <MediaServer/Media/Container/Source.h>
 
 namespace krv::media {
+
+/// Returns the average frame rate of a stream in frames per second, or else its base frame rate. Empty if neither is
+/// plausible. Pure.
+[[nodiscard]] std::optional<double> averageRate(const AVStream& stream);
 
 /// Returns the frame rate of a stream: the usual one if it varies, and a plausible one if it is unknown. Never zero.
 [[nodiscard]] AVRational frameRate(const Source& source, const AVStream& stream);

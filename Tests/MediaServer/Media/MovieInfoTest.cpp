@@ -167,11 +167,5 @@ TEST(Poster, IsEmptyForAudioFiles) {
     EXPECT_TRUE(infoOf(corpus("song.m4a")).poster.empty());
 }
 
-TEST(DisplayName, IsTheCommonName) {
-    EXPECT_EQ(displayName(AV_CODEC_ID_H264), "H.264");
-    EXPECT_EQ(displayName(AV_CODEC_ID_PCM_S24LE), "PCM");
-    EXPECT_EQ(displayName(AV_CODEC_ID_SPEEX), "speex");
-}
-
 }  // namespace
 }  // namespace krv::media::test
