@@ -14,17 +14,11 @@ extern "C" {
 namespace krv::media {
 namespace {
 
-/// Tags that describe the source file itself and are wrong for any other file.
+/// Tags that describe the source file itself and are wrong for any other file, in small letters.
 constexpr std::array<std::string_view, 7> kFileTags{"major_brand", "minor_version",    "compatible_brands", "encoder",
-                                                    "vendor_id",   "_STATISTICS_TAGS", "DURATION"};
-constexpr std::array<std::string_view, 5> kStatistics{"BPS", "DURATION-", "NUMBER_OF_FRAMES", "NUMBER_OF_BYTES",
-                                                      "_STATISTICS_"};
-
-bool describesTheFile(std::string_view key) {
-    return std::find(kFileTags.begin(), kFileTags.end(), key) != kFileTags.end() ||
-           std::any_of(kStatistics.begin(), kStatistics.end(),
-                       [key](std::string_view start) { return key.starts_with(start); });
-}
+                                                    "vendor_id",   "_statistics_tags", "duration"};
+constexpr std::array<std::string_view, 5> kStatistics{"bps", "duration-", "number_of_frames", "number_of_bytes",
+                                                      "_statistics_"};
 
 /// Returns the key of a tag as cameras write it. Matroska stores all keys in capital letters.
 std::string originalKey(std::string key) {
@@ -74,6 +68,13 @@ void copySideData(const AVStream& from, AVStream& to, AVPacketSideDataType type)
 }
 
 }  // namespace
+
+bool describesTheFile(std::string key) {
+    std::transform(key.begin(), key.end(), key.begin(), [](char c) { return static_cast<char>(av_tolower(c)); });
+    return std::find(kFileTags.begin(), kFileTags.end(), key) != kFileTags.end() ||
+           std::any_of(kStatistics.begin(), kStatistics.end(),
+                       [&key](std::string_view start) { return key.starts_with(start); });
+}
 
 void copyTags(const AVDictionary* from, AVDictionary** to) {
     const AVDictionaryEntry* entry = nullptr;

@@ -25,7 +25,10 @@ void addChapters(const std::vector<Chapter>& chapters, std::int64_t end, OutputF
 /// before, or that end before the movie begins.
 [[nodiscard]] std::vector<Chapter> chaptersOf(const Source& source);
 
-/// Copies the tags, except those that describe the source file itself and are wrong for any other file.
+/// Returns whether the tag with this key, in any case, describes the source file itself and is wrong for any other file.
+[[nodiscard]] bool describesTheFile(std::string key);
+
+/// Copies the tags, except those that describe the source file itself.
 void copyTags(const AVDictionary* from, AVDictionary** to);
 
 /// Copies the metadata that does not depend on the codec: language, title, time code, disposition.

@@ -183,6 +183,15 @@ TEST(Keeps, TitleAndOtherTags) {
     }
 }
 
+// Matroska stores all keys in capital letters.
+TEST(Keeps, NoTagThatDescribesTheSourceFile) {
+    const auto output = convert({.source = testMedia("everything.mkv"), .extension = "mkv", .type = 0});
+    EXPECT_EQ(Probe(output).tag("artist"), "Nobody");
+    for (const char* const key : {"major_brand", "minor_version", "compatible_brands"}) {
+        EXPECT_EQ(Probe(output).tag(key), "") << key;
+    }
+}
+
 TEST(Keeps, CameraTags) {
     const auto output = convert({.source = testMedia("camera.mov"), .extension = "mov", .type = 1});
     EXPECT_EQ(Probe(output).tag("com.apple.quicktime.model"), "Test camera");
