@@ -136,6 +136,7 @@ MovieInfo describe(const MovieInfoRequest& request, Progress& progress) {
     } else if (const double measured = measuredDuration(source); measured > 0) {
         info.duration = measured;
     }
+    info.contents = contentsOf(source);
     progress.reach(0.5);
     info.poster = makePoster(source, progress);
     info.truncatedAt = source.truncatedAt();

@@ -7,6 +7,7 @@
 
 #include <MediaServer/Media/Foundation/Failure.h>
 #include <MediaServer/Media/Foundation/ProgressSink.h>
+#include <MediaServer/Media/MovieContents.h>
 #include <MediaServer/Media/Video/StillPicture.h>
 
 namespace krv::media {
@@ -26,6 +27,7 @@ struct MovieInfo {
     std::optional<double> frameRate;    ///< average, in frames per second
     std::vector<std::uint8_t> poster;   ///< JPEG; empty if the movie has no poster
     std::optional<double> truncatedAt;  ///< see Source::truncatedAt()
+    MovieContents contents;
 };
 
 /// Reads the headers, and decodes as many frames as it takes to find a poster (see Poster.h). A movie whose video

@@ -114,12 +114,13 @@ std::vector<Chapter> chaptersOf(const Source& source) {
             return av_rescale_q(time, chapter.time_base, kMicroseconds) + source.timeShift();
         };
         const std::int64_t start = std::max<std::int64_t>(0, onMovieTime(chapter.start));
-        const bool hidden = chapter.end != AV_NOPTS_VALUE && onMovieTime(chapter.end) <= 0;
+        const std::int64_t end = chapter.end != AV_NOPTS_VALUE ? onMovieTime(chapter.end) : start;
+        const bool hidden = chapter.end != AV_NOPTS_VALUE && end <= 0;
         if (hidden || (!chapters.empty() && start <= chapters.back().start)) {
             continue;
         }
         const AVDictionaryEntry* const title = av_dict_get(chapter.metadata, "title", nullptr, 0);
-        chapters.push_back({start, title ? title->value : ""});
+        chapters.push_back({start, title ? title->value : "", std::max(start, end)});
     }
     return chapters;
 }

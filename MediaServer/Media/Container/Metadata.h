@@ -16,13 +16,14 @@ void copyMovieMetadata(const Source& source, OutputFile& output);
 struct Chapter {
     std::int64_t start;  ///< in microseconds
     std::string title;
+    std::int64_t end = 0;  ///< in microseconds
 };
-/// Adds chapters that follow one another without gaps. end: where the last one ends, in microseconds. Call before
-/// OutputFile::writeHeader().
+/// Adds chapters that follow one another without gaps; their own ends do not count. end: where the last one ends, in
+/// microseconds. Call before OutputFile::writeHeader().
 void addChapters(const std::vector<Chapter>& chapters, std::int64_t end, OutputFile& output);
 
 /// Returns the source's chapters on the movie's own time, in order. Leaves out those that do not begin after the one
-/// before, or that end before the movie begins.
+/// before, or that end before the movie begins. None ends before it begins.
 [[nodiscard]] std::vector<Chapter> chaptersOf(const Source& source);
 
 /// Returns whether the tag with this key, in any case, describes the source file itself and is wrong for any other file.
