@@ -19,6 +19,13 @@ inline constexpr std::size_t kLargestPoster = std::size_t{8} << 20;
 
 /// The longest text about a dropped track in bytes.
 inline constexpr std::size_t kLongestDroppedTrackText = 1024;
+/// What a description lists at most, and the longest texts in it in bytes.
+inline constexpr std::size_t kMostMovieTracks = 1000;
+inline constexpr std::size_t kMostMovieTags = 100;
+inline constexpr std::size_t kMostMovieChapters = 2000;
+inline constexpr std::size_t kLongestMovieTitle = 256;
+inline constexpr std::size_t kLongestMovieTagKey = 64;
+inline constexpr std::size_t kLongestMovieTag = 4096;
 /// How many movies can be merged at once: as many descriptors as can be passed to a worker.
 inline constexpr std::size_t kMostMergeSources = 1000;
 

@@ -12,6 +12,7 @@
 #include <MediaServer/Media/Foundation/FFmpegLog.h>
 #include <MediaServer/Media/InterestingTimes.h>
 #include <MediaServer/Media/Merge/Merge.h>
+#include <MediaServer/Media/MovieContents.h>
 #include <MediaServer/Media/MovieInfo.h>
 #include <MediaServer/Media/StereoMix.h>
 #include <MediaServer/Media/Thumbnails.h>
@@ -192,6 +193,61 @@ std::optional<Date> birthOf(int file) {
                             static_cast<double>(status.stx_btime.tv_nsec) / 1e9);
 }
 
+static_assert(media::kMostListedTracks <= kMostMovieTracks && media::kMostListedTags <= kMostMovieTags &&
+                  media::kMostListedChapters <= kMostMovieChapters &&
+                  media::kLongestListedTitle <= kLongestMovieTitle && media::kLongestListedKey <= kLongestMovieTagKey &&
+                  media::kLongestListedValue <= kLongestMovieTag,
+              "the server accepts every list that is passed on");
+
+Size sizeOf(media::Extent extent) {
+    return {static_cast<double>(extent.width), static_cast<double>(extent.height)};
+}
+
+Value describeTrack(const media::ListedTrack& track, std::size_t index) {
+    Dictionary entry{{kResultMovieTrackIndex, static_cast<std::int64_t>(index)},
+                     {kResultMovieTrackKind, track.kind},
+                     {kResultMovieTrackCodec, track.codec},
+                     {kResultMovieTrackLanguage, track.language},
+                     {kResultMovieTrackDefault, track.isDefault}};
+    if (!track.title.empty()) {
+        entry.set(kResultMovieTrackTitle, track.title);
+    }
+    if (track.dimensions) {
+        entry.set(kResultMovieTrackDimensions, sizeOf(*track.dimensions));
+    }
+    if (track.frameRate) {
+        entry.set(kResultMovieTrackFrameRate, *track.frameRate);
+    }
+    if (track.channels) {
+        entry.set(kResultMovieTrackChannels, *track.channels);
+    }
+    if (track.sampleRate) {
+        entry.set(kResultMovieTrackSampleRate, *track.sampleRate);
+    }
+    return std::make_shared<Dictionary>(std::move(entry));
+}
+
+void reportContents(KRVOperationBase& end, const media::MovieContents& contents) {
+    Array tracks;
+    for (const media::ListedTrack& track : contents.tracks) {
+        tracks.push_back(describeTrack(track, tracks.size()));
+    }
+    Dictionary tags;
+    for (const auto& [key, value] : contents.tags) {
+        tags.set(key, value);
+    }
+    Array chapters;
+    for (const media::ListedChapter& chapter : contents.chapters) {
+        chapters.push_back(std::make_shared<Dictionary>(Dictionary{{kResultMovieChapterStart, chapter.start},
+                                                                   {kResultMovieChapterEnd, chapter.end},
+                                                                   {kResultMovieChapterTitle, chapter.title}}));
+    }
+    end.setResult(
+        std::make_shared<Dictionary>(Dictionary{{kResultMovieTracks, std::move(tracks)},
+                                                {kResultMovieTags, std::make_shared<Dictionary>(std::move(tags))},
+                                                {kResultMovieChapters, std::move(chapters)}}));
+}
+
 void describeMovie(const Job& job, media::ProgressSink& progress, KRVOperationBase& end) {
     media::MovieInfo info = media::movieInfo({.source = source(job), .sourcePath = sourcePath(job)}, progress);
     Dictionary metadata;
@@ -208,8 +264,7 @@ void describeMovie(const Job& job, media::ProgressSink& progress, KRVOperationBa
     putText(kMediaMetadataCodec, info.codecs);
     put(kMediaMetadataDuration, info.duration);
     if (info.dimensions) {
-        metadata.set(kMediaMetadataDimensions,
-                     Size{static_cast<double>(info.dimensions->width), static_cast<double>(info.dimensions->height)});
+        metadata.set(kMediaMetadataDimensions, sizeOf(*info.dimensions));
     }
     putText(kMediaMetadataAudio, info.audio);
     putText(kMediaMetadataPath, sourcePath(job));
@@ -226,6 +281,7 @@ void describeMovie(const Job& job, media::ProgressSink& progress, KRVOperationBa
         metadata.set(kMediaMetadataPoster, Data(bytes, bytes + info.poster.size()));
     }
     end.setMetadata(std::make_shared<const Dictionary>(std::move(metadata)));
+    reportContents(end, info.contents);
     reportTruncation(end, info.truncatedAt);
 }
 

@@ -10,6 +10,8 @@
 
 #include <MediaServer/Protocol/FailureSentence.h>
 #include <MediaServer/Protocol/MediaRequest.h>
+#include <MediaServer/Workers/Lie.h>
+#include <MediaServer/Workers/ReportedContents.h>
 #include <MediaServer/Workers/WorkerReport.h>
 
 namespace krv::server {
@@ -17,21 +19,8 @@ namespace {
 
 using Kind = Value::Kind;
 
-/// A record that no honest worker sends. The text says why.
-struct Lie {
-    std::string reason;
-};
-
 /// More than a sentence with two paths needs.
 constexpr std::size_t kLongestErrorText = 32768;
-
-bool isKind(const Value* value, Kind kind) {
-    return value && value->kind() == kind;
-}
-
-bool isTime(const Value* value) {
-    return isKind(value, Kind::Float64) && std::isfinite(value->doubleValue());
-}
 
 // Errors.
 
@@ -264,6 +253,7 @@ KRVOperationBase::Ref checkedRecord(const KRVOperationBase& request, const KRVOp
         break;
     case OpProvideMetadata:
         record->setMetadata(checkedDescription(request, report));
+        copyMovieContents(report.result() ? *report.result() : Dictionary(), result);
         break;
     case OpGetInterestingTimes:
         result.set(kResultInterestingTimes, checkedInterestingTimes(report));

@@ -33,6 +33,7 @@ inline constexpr std::size_t kLongestDescriptionText = 4096;
 ///   - There are at most as many thumbnails as were asked for, each with a time and a slice of the worker's file of at
 ///     most kLargestPoster bytes. The slices do not overlap.
 ///   - A description has its own keys only, each with a value of the right kind; the path is that of the source.
+///   - Its tracks, tags and chapters are as copyMovieContents() says.
 ///   - Interesting times are ascending and unique, and their time scale is positive.
 ///   - Dropped tracks have our keys only, an index, texts of bounded length and, in a merge, the number of a source.
 ///   - Ends of truncated sources are numbers, for a merge one or null for each source.

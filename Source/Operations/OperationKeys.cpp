@@ -31,6 +31,24 @@ constinit const std::string_view kResultDroppedTrackKind = "kind";
 constinit const std::string_view kResultDroppedTrackCodec = "codec";
 constinit const std::string_view kResultDroppedTrackLanguage = "language";
 constinit const std::string_view kResultDroppedTrackReason = "reason";
+
+constinit const std::string_view kResultMovieTracks = "movieTracks";
+constinit const std::string_view kResultMovieTrackIndex = "index";
+constinit const std::string_view kResultMovieTrackKind = "kind";
+constinit const std::string_view kResultMovieTrackCodec = "codec";
+constinit const std::string_view kResultMovieTrackLanguage = "language";
+constinit const std::string_view kResultMovieTrackTitle = "title";
+constinit const std::string_view kResultMovieTrackDefault = "default";
+constinit const std::string_view kResultMovieTrackDimensions = "dimensions";
+constinit const std::string_view kResultMovieTrackFrameRate = "frameRate";
+constinit const std::string_view kResultMovieTrackChannels = "channels";
+constinit const std::string_view kResultMovieTrackSampleRate = "sampleRate";
+constinit const std::string_view kResultMovieTags = "movieTags";
+constinit const std::string_view kResultMovieChapters = "movieChapters";
+constinit const std::string_view kResultMovieChapterStart = "start";
+constinit const std::string_view kResultMovieChapterEnd = "end";
+constinit const std::string_view kResultMovieChapterTitle = "title";
+
 constinit const std::string_view kResultInterestingTimes = "interestingTimes";
 constinit const std::string_view kResultInterestingTimeValues = "values";
 constinit const std::string_view kResultInterestingTimeTimescale = "timescale";

@@ -73,6 +73,42 @@ KRV_EXPORT extern const std::string_view kResultDroppedTrackLanguage;
 /// String for a person, such as "mp4 files cannot hold bitmap subtitles".
 KRV_EXPORT extern const std::string_view kResultDroppedTrackReason;
 
+// Keys of `result` of the description of a movie.
+
+/// Array of dictionaries with the entries below: the tracks of the movie, at most 1000, in their order.
+KRV_EXPORT extern const std::string_view kResultMovieTracks;
+/// Integer: index of the track, as in kArgumentTrackIndex.
+KRV_EXPORT extern const std::string_view kResultMovieTrackIndex;
+/// String: "video", "audio", "subtitle", "data", "attachment" or "cover".
+KRV_EXPORT extern const std::string_view kResultMovieTrackKind;
+/// String: name of the codec for people, such as "H.264", or a four-character code; may be empty.
+KRV_EXPORT extern const std::string_view kResultMovieTrackCodec;
+/// String: language tag of the track; may be empty.
+KRV_EXPORT extern const std::string_view kResultMovieTrackLanguage;
+/// String: title of the track. Missing if it has none.
+KRV_EXPORT extern const std::string_view kResultMovieTrackTitle;
+/// Boolean: whether the track is one of those that are played unless others are chosen.
+KRV_EXPORT extern const std::string_view kResultMovieTrackDefault;
+/// Size, for video and covers: pixels of a frame as it is displayed upright. Missing if unknown.
+KRV_EXPORT extern const std::string_view kResultMovieTrackDimensions;
+/// Float64, for video: average frames per second. Missing if unknown.
+KRV_EXPORT extern const std::string_view kResultMovieTrackFrameRate;
+/// Integer, for audio: number of channels. Missing if unknown.
+KRV_EXPORT extern const std::string_view kResultMovieTrackChannels;
+/// Integer, for audio: Hz. Missing if unknown.
+KRV_EXPORT extern const std::string_view kResultMovieTrackSampleRate;
+/// Dictionary of at most 100 strings: the movie's tags under their common names in small letters, such as "title",
+/// "artist", "album", "date" and "comment". Empty if it has none.
+KRV_EXPORT extern const std::string_view kResultMovieTags;
+/// Array of dictionaries with the entries below: the movie's chapters, at most 2000, in order. Empty if it has none.
+KRV_EXPORT extern const std::string_view kResultMovieChapters;
+/// Float64, seconds from the start of the movie.
+KRV_EXPORT extern const std::string_view kResultMovieChapterStart;
+/// Float64, seconds from the start of the movie; not before the start of the chapter.
+KRV_EXPORT extern const std::string_view kResultMovieChapterEnd;
+/// String; may be empty.
+KRV_EXPORT extern const std::string_view kResultMovieChapterTitle;
+
 // Keys of `result` of the interesting-times operation.
 
 /// Dictionary with the two entries below.

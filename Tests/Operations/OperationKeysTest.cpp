@@ -32,6 +32,12 @@ const std::vector<std::string_view> kResults{
 const std::vector<std::string_view> kDroppedTracks{
     kResultDroppedTracks,     kResultDroppedTrackSource,   kResultDroppedTrackIndex, kResultDroppedTrackKind,
     kResultDroppedTrackCodec, kResultDroppedTrackLanguage, kResultDroppedTrackReason};
+const std::vector<std::string_view> kMovieTracks{
+    kResultMovieTracks,         kResultMovieTrackIndex,    kResultMovieTrackKind,      kResultMovieTrackCodec,
+    kResultMovieTrackLanguage,  kResultMovieTrackTitle,    kResultMovieTrackDefault,   kResultMovieTrackDimensions,
+    kResultMovieTrackFrameRate, kResultMovieTrackChannels, kResultMovieTrackSampleRate};
+const std::vector<std::string_view> kMovieChapters{kResultMovieTags, kResultMovieChapters, kResultMovieChapterStart,
+                                                   kResultMovieChapterEnd, kResultMovieChapterTitle};
 const std::vector<std::string_view> kMetadata{kMediaMetadataCodec,    kMediaMetadataDuration, kMediaMetadataDimensions,
                                               kMediaMetadataAudio,    kMediaMetadataSize,     kMediaMetadataPath,
                                               kMediaMetadataCreation, kMediaMetadataModified, kMediaMetadataFrameRate,
@@ -48,6 +54,10 @@ TEST(OperationKeys, HaveTheTextsOfTheWireForm) {
               (std::vector<std::string_view>{"interestingTimes", "values", "timescale", "thumbnails", "path", "time"}));
     EXPECT_EQ(kDroppedTracks, (std::vector<std::string_view>{"droppedTracks", "source", "index", "kind", "codec",
                                                              "language", "reason"}));
+    EXPECT_EQ(kMovieTracks,
+              (std::vector<std::string_view>{"movieTracks", "index", "kind", "codec", "language", "title", "default",
+                                             "dimensions", "frameRate", "channels", "sampleRate"}));
+    EXPECT_EQ(kMovieChapters, (std::vector<std::string_view>{"movieTags", "movieChapters", "start", "end", "title"}));
     EXPECT_EQ(kMetadata,
               (std::vector<std::string_view>{"metadataCodec", "metadataDuration", "metadataDimensions", "metadataAudio",
                                              "metadataSize", "metadataPath", "metadataCreation", "metadataModified",
@@ -65,6 +75,9 @@ TEST(OperationKeys, AreDistinct) {
         all.insert(group->begin(), group->end());
     }
     EXPECT_EQ(all.size(), kArguments.size() + kResults.size() + kDroppedTracks.size() + kMetadata.size());
+    for (const auto* group : {&kMovieTracks, &kMovieChapters}) {
+        EXPECT_EQ(std::set<std::string_view>(group->begin(), group->end()).size(), group->size());
+    }
 }
 
 }  // namespace

@@ -39,6 +39,21 @@ TEST(DescriptionCacheTest, ReturnsWhatItHasBeenGiven) {
     EXPECT_TRUE(found->completed());
 }
 
+TEST(DescriptionCacheTest, RemembersTracksTagsAndChapters) {
+    DescriptionCache cache;
+    const auto record = recordWithCodec("H.264");
+    const auto dictionary = [](Dictionary entries) { return Value(std::make_shared<Dictionary>(std::move(entries))); };
+    const Dictionary result{
+        {kResultMovieTracks, Array{dictionary({{kResultMovieTrackIndex, 0}, {kResultMovieTrackKind, "video"}})}},
+        {kResultMovieTags, dictionary({{"title", "A title"}})},
+        {kResultMovieChapters, Array{dictionary({{kResultMovieChapterStart, 0.0}})}}};
+    record->setResult(std::make_shared<Dictionary>(result));
+    cache.add("/a", stateWithSize(1), *record);
+    const auto found = cache.find("/a", stateWithSize(1));
+    ASSERT_TRUE(found && found->result());
+    EXPECT_EQ(*found->result(), result);
+}
+
 TEST(DescriptionCacheTest, ReturnsACopyThatMayBeChanged) {
     DescriptionCache cache;
     const auto record = recordWithCodec("H.264");

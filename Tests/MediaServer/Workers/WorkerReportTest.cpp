@@ -3,6 +3,8 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -256,8 +258,33 @@ TEST(WorkerReport, RefusesOtherListsOfThumbnails) {
 
 const R::Ref kDescribe = R::provideMetadataFor("/a.mov");
 
+const Dictionary kTrack{{kResultMovieTrackIndex, 0},
+                        {kResultMovieTrackKind, "video"},
+                        {kResultMovieTrackCodec, "H.264"},
+                        {kResultMovieTrackLanguage, ""},
+                        {kResultMovieTrackTitle, "The film"},
+                        {kResultMovieTrackDefault, true},
+                        {kResultMovieTrackDimensions, Size{640, 360}},
+                        {kResultMovieTrackFrameRate, 25.0},
+                        {kResultMovieTrackChannels, 2},
+                        {kResultMovieTrackSampleRate, 48000}};
+const Dictionary kTags{{"title", "A title"}, {"artist", ""}};
+const Dictionary kChapter{
+    {kResultMovieChapterStart, 0.0}, {kResultMovieChapterEnd, 2.5}, {kResultMovieChapterTitle, "One"}};
+
+Value valueOf(const Dictionary& dictionary) {
+    return Value(std::make_shared<Dictionary>(dictionary));
+}
+
+/// The contents of a movie with one track, two tags and one chapter.
+Dictionary contents() {
+    return {{kResultMovieTracks, Array{valueOf(kTrack)}},
+            {kResultMovieTags, valueOf(kTags)},
+            {kResultMovieChapters, Array{valueOf(kChapter)}}};
+}
+
 R::Ref withDescription(Dictionary description) {
-    const auto report = completed();
+    const auto report = withResult(contents());
     report->setMetadata(std::make_shared<const Dictionary>(std::move(description)));
     return report;
 }
@@ -293,6 +320,153 @@ TEST(WorkerReport, RefusesOtherDescriptions) {
               "a text of 5000 bytes under metadataCodec");
     expectLie(kDescribe, withDescription({{kMediaMetadataPoster, Data(kLargestPoster + 1)}}),
               "a poster of 8388609 bytes");
+}
+
+R::Ref withContents(std::string_view key, Value value) {
+    const auto report = withDescription({});
+    Dictionary changed = contents();
+    changed.set(key, std::move(value));
+    report->setResult(std::make_shared<Dictionary>(std::move(changed)));
+    return report;
+}
+
+TEST(WorkerReport, KeepsTheKnownContentsOfAMovie) {
+    const auto report = withContents(kResultMovieTracks, Array{changed(kTrack, "secret", Data(1000))});
+    report->result()->set(kResultMovieChapters, Array{changed(kChapter, "secret", Data(1000))});
+    report->result()->set("secret", Data(1000));
+    const Outcome outcome = outcomeOf(*kDescribe, *report, kSmall);
+    ASSERT_EQ(outcome.kind, Outcome::Kind::Completed);
+    EXPECT_EQ(*outcome.record->result(), contents());
+}
+
+TEST(WorkerReport, AcceptsSparseContents) {
+    const Dictionary sparse{{kResultMovieTrackIndex, 0},
+                            {kResultMovieTrackKind, "data"},
+                            {kResultMovieTrackCodec, ""},
+                            {kResultMovieTrackLanguage, ""},
+                            {kResultMovieTrackDefault, false}};
+    for (const R::Ref& report :
+         {withContents(kResultMovieTracks, Array{}), withContents(kResultMovieTracks, Array{valueOf(sparse)}),
+          withContents(kResultMovieTags, valueOf({})), withContents(kResultMovieChapters, Array{})}) {
+        const Outcome outcome = outcomeOf(*kDescribe, *report, kSmall);
+        ASSERT_EQ(outcome.kind, Outcome::Kind::Completed);
+        EXPECT_EQ(*outcome.record->result(), *report->result());
+    }
+}
+
+/// Returns a text of this length that has a number in it and is archived with two bytes for each of its characters.
+std::string longText(std::size_t number, std::size_t length) {
+    std::string text = "\u00FC" + std::to_string(number);
+    text.resize(length, 'x');
+    return text;
+}
+
+TEST(WorkerReport, AcceptsTheLargestContents) {
+    Array tracks;
+    for (std::size_t i = 0; i < kMostMovieTracks; ++i) {
+        Dictionary track = kTrack.mutableCopy();
+        track.set(kResultMovieTrackIndex, static_cast<std::int64_t>(i));
+        track.set(kResultMovieTrackFrameRate, static_cast<double>(i) + 1);
+        track.set(kResultMovieTrackDimensions, Size{1, static_cast<double>(i) + 1});
+        track.set(kResultMovieTrackTitle, longText(i, kLongestMovieTitle));
+        tracks.push_back(valueOf(track));
+    }
+    Dictionary tags;
+    for (std::size_t i = 0; i < kMostMovieTags; ++i) {
+        tags.set(longText(i, kLongestMovieTagKey), longText(i, kLongestMovieTag));
+    }
+    Array chapters;
+    for (std::size_t i = 0; i < kMostMovieChapters; ++i) {
+        chapters.push_back(valueOf({{kResultMovieChapterStart, static_cast<double>(i)},
+                                    {kResultMovieChapterEnd, static_cast<double>(i)},
+                                    {kResultMovieChapterTitle, longText(i, kLongestMovieTitle)}}));
+    }
+    const auto report = withDescription({{kMediaMetadataPoster, Data(kLargestPoster)}});
+    report->setResult(std::make_shared<Dictionary>(Dictionary{{kResultMovieTracks, std::move(tracks)},
+                                                              {kResultMovieTags, valueOf(tags)},
+                                                              {kResultMovieChapters, std::move(chapters)}}));
+    const Outcome outcome = outcomeOf(*kDescribe, *report, report->convertToData().size());
+    ASSERT_EQ(outcome.kind, Outcome::Kind::Completed) << outcome.error->description();
+    EXPECT_EQ(*outcome.record->result(), *report->result());
+}
+
+TEST(WorkerReport, RefusesOtherTracks) {
+    for (const Value& wrong : {Value(), Value("tracks"), Value(Array(1001, valueOf(kTrack)))}) {
+        expectLie(kDescribe, withContents(kResultMovieTracks, wrong), "no list of tracks, or one that is too long");
+    }
+    for (const Array& wrong :
+         {Array{7}, Array{valueOf({})}, Array{valueOf(kTrack), valueOf(kTrack)},
+          Array{changed(kTrack, kResultMovieTrackIndex, 1)}, Array{changed(kTrack, kResultMovieTrackIndex, 0.0)}}) {
+        expectLie(kDescribe, withContents(kResultMovieTracks, wrong), "a track that is not in its place");
+    }
+    const std::string tooLong(kLongestMovieTitle + 1, 'x');
+    constexpr double kNever = std::numeric_limits<double>::infinity();
+    const std::vector<std::pair<std::string_view, std::vector<Value>>> wrong{
+        {kResultMovieTrackKind, {Value(), Value(1), Value("chapters"), Value("")}},
+        {kResultMovieTrackCodec, {Value(), Value(1), Value(tooLong)}},
+        {kResultMovieTrackLanguage, {Value(), Value(1), Value(tooLong)}},
+        {kResultMovieTrackTitle, {Value(), Value(1), Value(tooLong)}},
+        {kResultMovieTrackDefault, {Value(), Value(1), Value("true")}},
+        {kResultMovieTrackDimensions, {Value(), Value(1), Value(Size{0, 360}), Value(Size{640, kNever})}},
+        {kResultMovieTrackFrameRate, {Value(), Value(25), Value(0.0), Value(-1.0), Value(kNever)}},
+        {kResultMovieTrackChannels, {Value(), Value(2.0), Value(0), Value(-1)}},
+        {kResultMovieTrackSampleRate, {Value(), Value(48000.0), Value(0), Value(-1)}}};
+    for (const auto& [key, values] : wrong) {
+        for (const Value& value : values) {
+            expectLie(kDescribe, withContents(kResultMovieTracks, Array{changed(kTrack, key, value)}),
+                      "a track without a valid " + std::string(key));
+        }
+    }
+}
+
+TEST(WorkerReport, RefusesATrackWithoutWhatEveryTrackHas) {
+    for (const std::string_view key :
+         {kResultMovieTrackKind, kResultMovieTrackCodec, kResultMovieTrackLanguage, kResultMovieTrackDefault}) {
+        Dictionary track = kTrack.mutableCopy();
+        track.remove(key);
+        expectLie(kDescribe, withContents(kResultMovieTracks, Array{valueOf(track)}),
+                  "a track without a valid " + std::string(key));
+    }
+}
+
+TEST(WorkerReport, RefusesOtherTags) {
+    Dictionary many;
+    for (std::size_t i = 0; i <= kMostMovieTags; ++i) {
+        many.set(std::to_string(i), "x");
+    }
+    for (const Value& wrong : {Value(), Value(Array{}), valueOf(many)}) {
+        expectLie(kDescribe, withContents(kResultMovieTags, wrong), "no tags, or too many");
+    }
+    for (const Dictionary& wrong :
+         {Dictionary{{"", "x"}}, Dictionary{{std::string(kLongestMovieTagKey + 1, 'x'), "x"}}, Dictionary{{"title", 7}},
+          Dictionary{{"title", Value()}}, Dictionary{{"title", std::string(kLongestMovieTag + 1, 'x')}}}) {
+        expectLie(kDescribe, withContents(kResultMovieTags, valueOf(wrong)), "an invalid tag");
+    }
+}
+
+TEST(WorkerReport, RefusesOtherChapters) {
+    for (const Value& wrong : {Value(), Value(7), Value(Array(2001, valueOf(kChapter)))}) {
+        expectLie(kDescribe, withContents(kResultMovieChapters, wrong), "no list of chapters, or one that is too long");
+    }
+    constexpr double kNever = std::numeric_limits<double>::infinity();
+    for (const Array& wrong :
+         {Array{7}, Array{valueOf({})}, Array{valueOf(kChapter), valueOf(kChapter)},
+          Array{changed(kChapter, kResultMovieChapterStart, -1.0)},
+          Array{changed(kChapter, kResultMovieChapterStart, 0)},
+          Array{changed(kChapter, kResultMovieChapterStart, 3.0)},
+          Array{changed(kChapter, kResultMovieChapterEnd, kNever)},
+          Array{changed(kChapter, kResultMovieChapterEnd, Value())},
+          Array{changed(kChapter, kResultMovieChapterTitle, Value())},
+          Array{changed(kChapter, kResultMovieChapterTitle, std::string(kLongestMovieTitle + 1, 'x'))}}) {
+        expectLie(kDescribe, withContents(kResultMovieChapters, wrong),
+                  "a chapter without a valid start, end or title, or in the wrong order");
+    }
+}
+
+TEST(WorkerReport, RefusesADescriptionWithoutContents) {
+    const auto report = withDescription({});
+    report->setResult(nullptr);
+    expectLie(kDescribe, report, "no list of tracks, or one that is too long");
 }
 
 // Interesting times.

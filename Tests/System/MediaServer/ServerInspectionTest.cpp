@@ -144,6 +144,56 @@ TEST_F(Inspection, AMovieIsDescribed) {
     EXPECT_EQ((*poster)[1], std::byte{0xd8});
 }
 
+/// Expects the tracks, tags and chapters of "everything.mkv".
+void expectEverything(const R::Ref& finished) {
+    ASSERT_FALSE(finished->error());
+    ASSERT_TRUE(finished->result());
+    const Dictionary& result = *finished->result();
+    const auto dictionary = [](Dictionary entries) { return Value(std::make_shared<Dictionary>(std::move(entries))); };
+    EXPECT_EQ(result[kResultMovieTags],
+              dictionary({{"artist", "Nobody"}, {"comment", "Made for a test"}, {"title", "A plain movie"}}));
+    EXPECT_EQ(
+        result[kResultMovieChapters],
+        Value(Array{
+            dictionary(
+                {{kResultMovieChapterStart, 0.0}, {kResultMovieChapterEnd, 1.0}, {kResultMovieChapterTitle, "One"}}),
+            dictionary(
+                {{kResultMovieChapterStart, 1.0}, {kResultMovieChapterEnd, 2.0}, {kResultMovieChapterTitle, "Two"}})}));
+    EXPECT_EQ(result[kResultMovieTracks], Value(Array{dictionary({{kResultMovieTrackIndex, 0},
+                                                                  {kResultMovieTrackKind, "video"},
+                                                                  {kResultMovieTrackCodec, "H.264"},
+                                                                  {kResultMovieTrackLanguage, ""},
+                                                                  {kResultMovieTrackDefault, true},
+                                                                  {kResultMovieTrackDimensions, Size{320, 240}},
+                                                                  {kResultMovieTrackFrameRate, 25.0}}),
+                                                      dictionary({{kResultMovieTrackIndex, 1},
+                                                                  {kResultMovieTrackKind, "audio"},
+                                                                  {kResultMovieTrackCodec, "AAC"},
+                                                                  {kResultMovieTrackLanguage, "deu"},
+                                                                  {kResultMovieTrackTitle, "The sound"},
+                                                                  {kResultMovieTrackDefault, true},
+                                                                  {kResultMovieTrackChannels, 6},
+                                                                  {kResultMovieTrackSampleRate, 48000}}),
+                                                      dictionary({{kResultMovieTrackIndex, 2},
+                                                                  {kResultMovieTrackKind, "subtitle"},
+                                                                  {kResultMovieTrackCodec, "subrip"},
+                                                                  {kResultMovieTrackLanguage, "fra"},
+                                                                  {kResultMovieTrackDefault, false}})}));
+}
+
+TEST_F(Inspection, ADescriptionListsTracksTagsAndChaptersAlsoFromMemory) {
+    start();
+    const std::string all = std::string(KRV_TEST_MEDIA) + "/everything.mkv";
+    expectEverything(run(R::provideMetadataFor(all)));
+    for (const pid_t worker : workers()) {
+        ::kill(worker, SIGSTOP);  // so that no description can be made
+    }
+    expectEverything(run(R::provideMetadataFor(all)));
+    for (const pid_t worker : workers()) {
+        ::kill(worker, SIGCONT);
+    }
+}
+
 /// Waits until a file is old enough for its description to be remembered.
 void waitUntilSettled(const std::string& path) {
     waitUntil([&] {
