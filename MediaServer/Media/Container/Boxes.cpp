@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <array>
+#include <utility>
 
 #include <MediaServer/Media/Container/Boxes.h>
 
@@ -57,6 +58,14 @@ std::optional<Bytes> findBox(Bytes list, std::string_view type) {
     return std::nullopt;
 }
 
+std::optional<Bytes> findSampleTables(Bytes track) {
+    std::optional<Bytes> tables = track;
+    for (const std::string_view type : {"mdia", "minf", "stbl"}) {
+        tables = tables ? findBox(*tables, type) : std::nullopt;
+    }
+    return tables;
+}
+
 std::optional<BoxPlace> findTopLevelBox(std::string_view type, const ReadAt& readAt, std::int64_t from,
                                         std::int64_t fileSize) {
     std::int64_t offset = from;
@@ -88,6 +97,15 @@ std::optional<BoxPlace> findTopLevelBox(std::string_view type, const ReadAt& rea
 std::optional<BoxPlace> findMovieBox(const ReadAt& readAt, std::int64_t from, std::int64_t fileSize) {
     const auto place = findTopLevelBox("moov", readAt, from, fileSize);
     return place && place->size <= kLargestMovieBox ? place : std::nullopt;
+}
+
+std::optional<std::vector<std::byte>> readMovieBox(const ReadAt& readAt, std::int64_t fileSize) {
+    const auto place = findMovieBox(readAt, 0, fileSize);
+    if (!place) {
+        return std::nullopt;
+    }
+    std::vector<std::byte> box(static_cast<std::size_t>(place->size));
+    return readAt(place->offset, box) ? std::optional(std::move(box)) : std::nullopt;
 }
 
 std::optional<std::uint32_t> fieldAfterDates(std::optional<Bytes> header) {

@@ -5,6 +5,7 @@
 #include <optional>
 #include <span>
 #include <string_view>
+#include <vector>
 
 #include <MediaServer/Media/Container/ReadAt.h>
 
@@ -35,6 +36,9 @@ struct Box {
 /// Returns the contents of the first box of this type.
 [[nodiscard]] std::optional<Bytes> findBox(Bytes list, std::string_view type);
 
+/// Returns the boxes that describe the samples of a track, given the contents of its box "trak".
+[[nodiscard]] std::optional<Bytes> findSampleTables(Bytes track);
+
 /// Where the contents of a box are in a file.
 struct BoxPlace {
     std::int64_t offset;
@@ -47,6 +51,9 @@ struct BoxPlace {
 
 /// Returns the box "moov" of a file, unless it is larger than kLargestMovieBox.
 [[nodiscard]] std::optional<BoxPlace> findMovieBox(const ReadAt& readAt, std::int64_t from, std::int64_t fileSize);
+
+/// Returns the contents of that box, or nothing if it cannot be read.
+[[nodiscard]] std::optional<std::vector<std::byte>> readMovieBox(const ReadAt& readAt, std::int64_t fileSize);
 
 /// Returns the field after the two dates in the header of a movie (its time scale) or of a track (its ID). The header's
 /// version determines the length of the dates.

@@ -52,12 +52,8 @@ MovieEdits parseMovieEdits(Bytes movieBox) {
 }
 
 MovieEdits readMovieEdits(const ReadAt& readAt, std::int64_t fileSize) {
-    const auto place = findMovieBox(readAt, 0, fileSize);
-    if (!place) {
-        return {};
-    }
-    std::vector<std::byte> box(static_cast<std::size_t>(place->size));
-    return readAt(place->offset, box) ? parseMovieEdits(box) : MovieEdits{};
+    const auto box = readMovieBox(readAt, fileSize);
+    return box ? parseMovieEdits(*box) : MovieEdits{};
 }
 
 namespace {

@@ -78,16 +78,12 @@ bool writeEmptyBox(int descriptor, std::int64_t at, std::int64_t size) {
 }  // namespace
 
 std::int64_t indexSize(const ReadAt& readAt, std::int64_t fileSize, std::span<const int> trackIDs) {
-    const auto place = findMovieBox(readAt, 0, fileSize);
-    if (!place) {
+    const auto box = readMovieBox(readAt, fileSize);
+    if (!box) {
         return 0;
     }
-    std::vector<std::byte> box(static_cast<std::size_t>(place->size));
-    if (!readAt(place->offset, box)) {
-        return 0;
-    }
-    std::int64_t size = kBoxHeader + place->size;
-    Bytes rest = box;
+    std::int64_t size = kBoxHeader + static_cast<std::int64_t>(box->size());
+    Bytes rest = *box;
     while (const auto track = takeBox(rest)) {
         const auto id = track->type == "trak" ? fieldAfterDates(findBox(track->contents, "tkhd")) : std::nullopt;
         if (id && std::find(trackIDs.begin(), trackIDs.end(), static_cast<int>(*id)) == trackIDs.end()) {
@@ -100,10 +96,7 @@ std::int64_t indexSize(const ReadAt& readAt, std::int64_t fileSize, std::span<co
 bool moveChunks(std::span<std::byte> movieBox, std::int64_t distance) {
     Bytes rest = movieBox;
     while (const auto track = takeBox(rest)) {
-        std::optional<Bytes> tables = track->type == "trak" ? std::optional(track->contents) : std::nullopt;
-        for (const std::string_view type : {"mdia", "minf", "stbl"}) {
-            tables = tables ? findBox(*tables, type) : std::nullopt;
-        }
+        const auto tables = track->type == "trak" ? findSampleTables(track->contents) : std::nullopt;
         if (!tables) {
             continue;
         }
