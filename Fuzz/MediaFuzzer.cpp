@@ -2,6 +2,7 @@
 //
 //   'e'  a movie file, for its edit lists
 //   'i'  the index of a movie file, to move it
+//   'o'  the index of a movie file, for the offsets of its samples
 //   'v'  the settings text of a video request
 //   'a'  the settings text of an audio request
 #include <algorithm>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include <MediaServer/Media/Codec/Settings.h>
+#include <MediaServer/Media/Container/CompositionOffsets.h>
 #include <MediaServer/Media/Container/EditList.h>
 #include <MediaServer/Media/Container/MovieIndex.h>
 #include <MediaServer/Media/Foundation/Failure.h>
@@ -62,6 +64,14 @@ void attackIndex(std::span<const std::byte> box) {
     }
 }
 
+void attackOffsets(std::span<const std::byte> box) {
+    const std::array<std::size_t, 4> samples{0, 1, 7, 19};
+    for (const std::size_t count : {std::size_t{20}, std::size_t{1} << 32}) {
+        const auto offsets = krv::media::compositionOffsets(box, 1, samples, count);
+        require(!offsets || offsets->size() == samples.size());
+    }
+}
+
 void attackSettings(std::string_view text, AVMediaType type) {
     try {
         const auto settings = krv::media::parseSettings(text, type);
@@ -89,6 +99,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         break;
     case 'i':
         attackIndex(rest);
+        break;
+    case 'o':
+        attackOffsets(rest);
         break;
     case 'v':
         attackSettings(text, AVMEDIA_TYPE_VIDEO);

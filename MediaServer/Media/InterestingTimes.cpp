@@ -1,10 +1,11 @@
 #include <algorithm>
 #include <string>
 #include <string_view>
+#include <utility>
 
-#include <sys/stat.h>
-
+#include <MediaServer/Media/Container/CompositionOffsets.h>
 #include <MediaServer/Media/Container/EditList.h>
+#include <MediaServer/Media/Container/EditTimes.h>
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/InterestingTimes.h>
 #include <MediaServer/Media/Video/FrameReader.h>
@@ -14,6 +15,9 @@ namespace {
 
 /// An index that ends before this part of the movie is incomplete, or lists the first fragment only.
 constexpr double kWholeMovie = 0.8;
+
+/// So many of the key frames are read to check what their table says.
+constexpr std::size_t kChecks = 8;
 
 /// The time scale if no track has one.
 constexpr int kMilliseconds = 1000;
@@ -45,6 +49,12 @@ public:
     }
 
 private:
+    /// A key frame according to the index.
+    struct Key {
+        std::size_t sample;    // its number among those of the index
+        std::int64_t decoded;  // when, in units of the stream
+    };
+
     std::size_t checkedTrack(std::int64_t track) const {
         if (track < 0 || static_cast<std::uint64_t>(track) >= source_.streamCount()) {
             throw Failure({.cause = FailureCause::NoSuchTrack,
@@ -92,11 +102,7 @@ private:
         if (std::string_view(source_.format().iformat->name).find("mov") == std::string_view::npos) {
             return;
         }
-        struct stat status {};
-        if (fstat(request_.source, &status) != 0) {
-            return;
-        }
-        const MovieEdits edits = readMovieEdits(readAtDescriptor(request_.source), status.st_size);
+        const MovieEdits edits = movieBox() ? parseMovieEdits(*movieBox()) : MovieEdits{};
         if (edits.timeScale == 0 || edits.timeScale > INT32_MAX) {
             return;
         }
@@ -107,6 +113,14 @@ private:
                 }
             }
         }
+    }
+
+    /// Returns the index of a movie of the QuickTime family, if it can be read.
+    const std::optional<std::vector<std::byte>>& movieBox() {
+        if (!std::exchange(movieBoxRead_, true)) {
+            movieBox_ = readMovieBox(readAtDescriptor(request_.source), source_.fileSize());
+        }
+        return movieBox_;
     }
 
     void addKeyFrames(std::size_t index) {
@@ -128,26 +142,27 @@ private:
         if (!source_.seek(index, source_.start() + source_.duration() / 2)) {
             return false;
         }
-        std::vector<std::int64_t> keys = indexedKeys(source_.stream(index));
+        const std::vector<Key> keys = indexedKeys(source_.stream(index));
         if (keys.empty() || !reachesTheEnd(source_.stream(index))) {
             return false;
         }
         if (listsPackets) {
             addPackets(index, keys);
         } else {
-            for (const std::int64_t key : keys) {
-                addShifted(key, source_.stream(index).time_base);
+            for (const Key& key : keys) {
+                addShifted(key.decoded, source_.stream(index).time_base);
             }
         }
         return true;
     }
 
-    static std::vector<std::int64_t> indexedKeys(AVStream& stream) {
-        std::vector<std::int64_t> keys;
-        for (int i = 0; i < avformat_index_get_entries_count(&stream); ++i) {
+    static std::vector<Key> indexedKeys(AVStream& stream) {
+        std::vector<Key> keys;
+        const int count = avformat_index_get_entries_count(&stream);
+        for (int i = 0; i < count; ++i) {
             const AVIndexEntry& entry = *avformat_index_get_entry(&stream, i);
             if ((entry.flags & AVINDEX_KEYFRAME) != 0 && (entry.flags & AVINDEX_DISCARD_FRAME) == 0) {
-                keys.push_back(entry.timestamp);
+                keys.push_back({static_cast<std::size_t>(i), entry.timestamp});
             }
         }
         return keys;
@@ -162,41 +177,88 @@ private:
                source_.duration() <= kMicroseconds.den;
     }
 
-    /// The index contains the decoding times of key frames; their packets contain the presentation times. The demuxer
-    /// seeks by presentation time. A key frame is presented no later than the next one is decoded, so a seek to just
-    /// before that finds it.
-    void addPackets(std::size_t index, const std::vector<std::int64_t>& keys) {
+    /// The index contains the decoding times of key frames; their packets contain the presentation times.
+    void addPackets(std::size_t index, const std::vector<Key>& keys) {
         source_.readTimesOnly();
-        AVFormatContext& format = source_.format();
-        const AVStream& stream = source_.stream(index);
-        const PacketPtr packet = newPacket();
-        std::vector<std::int64_t> found;
+        auto times = offsetTimes(index, keys);
+        if (!times) {
+            times = soughtTimes(index, keys);
+        }
+        if (!times) {
+            return addByReading(index);  // cheap, because no contents are read
+        }
+        for (const std::int64_t time : *times) {
+            add(time, source_.stream(index).time_base);
+        }
+    }
+
+    /// Returns when key frames are presented according to the table from which FFmpeg takes that. A seek looks through
+    /// the whole table, so this is how a long movie is done in time. Returns nothing if a packet contradicts it.
+    std::optional<std::vector<std::int64_t>> offsetTimes(std::size_t index, const std::vector<Key>& keys) {
+        AVStream& stream = source_.stream(index);
+        if (!movieBox() || EditTimes::areNeededFor(stream)) {
+            return std::nullopt;
+        }
+        std::vector<std::size_t> samples;
+        for (const Key& key : keys) {
+            samples.push_back(key.sample);
+        }
+        const auto count = static_cast<std::size_t>(avformat_index_get_entries_count(&stream));
+        const auto offsets = compositionOffsets(*movieBox(), static_cast<std::uint32_t>(stream.id), samples, count);
+        if (!offsets) {
+            return std::nullopt;
+        }
+        std::vector<std::int64_t> times;
+        for (std::size_t i = 0; i < keys.size(); ++i) {
+            times.push_back(keys[i].decoded + (*offsets)[i]);
+        }
+        std::optional<std::int64_t> shift;
+        for (std::size_t check = 0; check < kChecks; ++check) {
+            const std::size_t i = check * (keys.size() - 1) / (kChecks - 1);
+            const auto time = soughtTime(index, keys, i);
+            if (!time || *time - times[i] != shift.value_or(*time - times[i])) {
+                return std::nullopt;
+            }
+            shift = *time - times[i];
+        }
+        std::for_each(times.begin(), times.end(), [&](std::int64_t& time) { time += *shift; });
+        return times;
+    }
+
+    /// Returns when key frames are presented by reading each of them, or nothing if one is not found.
+    std::optional<std::vector<std::int64_t>> soughtTimes(std::size_t index, const std::vector<Key>& keys) {
+        std::vector<std::int64_t> times;
         for (std::size_t i = 0; i < keys.size(); ++i) {
             progress_.reach(static_cast<double>(i) / static_cast<double>(keys.size()));
-            const std::int64_t before = i + 1 < keys.size() ? keys[i + 1] - 1 : INT64_MAX / 2;
-            const bool there =
-                av_seek_frame(&format, static_cast<int>(index), before, AVSEEK_FLAG_BACKWARD) >= 0 &&
-                source_.read(*packet) && packet->pts != AV_NOPTS_VALUE &&
-                packet->dts - av_rescale_q(source_.timeShift(), kMicroseconds, stream.time_base) == keys[i];
-            if (!there) {
-                return addByReading(index);  // cheap, because no contents are read
+            const auto time = soughtTime(index, keys, i);
+            if (!time) {
+                return std::nullopt;
             }
-            found.push_back(packet->pts);
+            times.push_back(*time);
         }
-        for (const std::int64_t time : found) {
-            add(time, stream.time_base);
-        }
+        return times;
+    }
+
+    /// The demuxer seeks by presentation time. A key frame is presented no later than the next one is decoded, so a
+    /// seek to just before that finds it.
+    std::optional<std::int64_t> soughtTime(std::size_t index, const std::vector<Key>& keys, std::size_t i) {
+        const AVStream& stream = source_.stream(index);
+        const std::int64_t before = i + 1 < keys.size() ? keys[i + 1].decoded - 1 : INT64_MAX / 2;
+        const bool there =
+            av_seek_frame(&source_.format(), static_cast<int>(index), before, AVSEEK_FLAG_BACKWARD) >= 0 &&
+            source_.read(*packet_) && packet_->pts != AV_NOPTS_VALUE &&
+            packet_->dts - av_rescale_q(source_.timeShift(), kMicroseconds, stream.time_base) == keys[i].decoded;
+        return there ? std::optional(packet_->pts) : std::nullopt;
     }
 
     void addByReading(std::size_t index) {
         (void)source_.rewind();
         const AVStream& stream = source_.stream(index);
-        const PacketPtr packet = newPacket();
-        while (source_.read(*packet)) {
+        while (source_.read(*packet_)) {
             progress_.reach(source_.position());
-            const std::int64_t time = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
-            const bool shown = (packet->flags & AV_PKT_FLAG_DISCARD) == 0;
-            if (shown && (packet->flags & AV_PKT_FLAG_KEY) != 0 && time != AV_NOPTS_VALUE) {
+            const std::int64_t time = packet_->pts != AV_NOPTS_VALUE ? packet_->pts : packet_->dts;
+            const bool shown = (packet_->flags & AV_PKT_FLAG_DISCARD) == 0;
+            if (shown && (packet_->flags & AV_PKT_FLAG_KEY) != 0 && time != AV_NOPTS_VALUE) {
                 add(time, stream.time_base);
             }
         }
@@ -205,6 +267,9 @@ private:
     const InterestingTimesRequest& request_;
     Progress progress_;
     Source source_;
+    const PacketPtr packet_ = newPacket();
+    bool movieBoxRead_ = false;
+    std::optional<std::vector<std::byte>> movieBox_;
     InterestingTimes times_;
 };
 

@@ -1,12 +1,16 @@
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <set>
+#include <string_view>
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include "MediaTestKit.h"
 #include "Numbers.h"
+#include <MediaServer/Media/Container/Source.h>
+#include <MediaServer/Media/Container/StreamSelection.h>
 #include <MediaServer/Media/InterestingTimes.h>
 
 namespace krv::media::test {
@@ -80,6 +84,78 @@ INSTANTIATE_TEST_SUITE_P(Every, InterestingTimesOf,
                                          Movie{"av1.mp4"}, Movie{"prores.mov"}, Movie{"camera.avi"}, Movie{"mpeg2.mpg"},
                                          Movie{"movie-with-cover.mp4"}, Movie{"held.mp4"}, Movie{"variable.mkv"},
                                          Movie{"one-picture.mp4"}));
+
+/// Returns when the key frames of a track are shown, by reading all packets of the movie. In units of the track.
+std::vector<std::int64_t> packetTimes(const std::string& movie, std::size_t track) {
+    RecordingSink sink;
+    Progress progress(sink);
+    const Descriptor file = openToRead(movie);
+    Source source(file.number(), movie, progress);
+    const PacketPtr packet = newPacket();
+    std::set<std::int64_t> times;
+    while (source.read(*packet)) {
+        const bool shown = (packet->flags & AV_PKT_FLAG_DISCARD) == 0 && (packet->flags & AV_PKT_FLAG_KEY) != 0;
+        if (shown && static_cast<std::size_t>(packet->stream_index) == track) {
+            times.insert(std::max<std::int64_t>(packet->pts, 0));
+        }
+    }
+    return {times.begin(), times.end()};
+}
+
+/// Returns the index of the first video track of a movie whose header lists all packets.
+std::optional<std::size_t> indexedVideo(const std::string& movie) {
+    RecordingSink sink;
+    Progress progress(sink);
+    const Descriptor file = openToRead(movie);
+    try {
+        const Source source(file.number(), movie, progress);
+        const bool hasIndex = std::string_view(source.format().iformat->name).find("mov") != std::string_view::npos;
+        for (std::size_t i = 0; hasIndex && i < source.streamCount(); ++i) {
+            const AVStream& stream = source.stream(i);
+            if (stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO && !isCover(stream)) {
+                return i;
+            }
+        }
+    } catch (const Failure&) {  // not a movie at all
+    }
+    return std::nullopt;
+}
+
+TEST(InterestingTimes, OfEveryMovieWithAnIndexAreThoseOfItsPackets) {
+    int compared = 0;
+    for (const char* folder : {KRV_CORPUS, KRV_TEST_MEDIA}) {
+        for (const auto& file : std::filesystem::directory_iterator(folder)) {
+            const std::string movie = file.path().string();
+            if (const auto video = indexedVideo(movie)) {
+                SCOPED_TRACE(movie);
+                EXPECT_EQ(timesOf(movie, static_cast<std::int64_t>(*video)).values, packetTimes(movie, *video));
+                ++compared;
+            }
+        }
+    }
+    EXPECT_GT(compared, 50);
+}
+
+TEST(InterestingTimes, OfFramesOfDifferentLengthsAreThoseOfThePackets) {
+    // Each of the many key frames comes later than it is decoded by another time.
+    for (const char* extension : {"mp4", "mov"}) {
+        OutputPath movie(extension);
+        (void)run({KRV_FFMPEG,     "-v",
+                   "quiet",        "-y",
+                   "-i",           corpus("counted8.mkv"),
+                   "-vf",          "setpts=(N+0.4*sin(N))/25/TB",
+                   "-vsync",       "passthrough",
+                   "-c:v",         "libx264",
+                   "-bf",          "2",
+                   "-g",           "5",
+                   "-x264-params", "open-gop=1",
+                   "-an",          "-video_track_timescale",
+                   "12800",        movie.path()});
+        const auto times = timesOf(movie.path(), 0).values;
+        EXPECT_EQ(times, packetTimes(movie.path(), 0)) << extension;
+        EXPECT_GE(times.size(), 40U) << extension;
+    }
+}
 
 TEST(InterestingTimes, UseTheTimeScaleOfTheVideo) {
     EXPECT_EQ(timesOf(corpus("h264.mp4")).timescale, 12800);
