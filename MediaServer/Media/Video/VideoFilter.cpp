@@ -1,4 +1,7 @@
 #include <cmath>
+#include <cstdint>
+#include <optional>
+#include <string_view>
 
 #include <fmt/format.h>
 
@@ -115,6 +118,62 @@ std::string matrices(const AVFrame& frame, const VideoFormat& target) {
         options += fmt::format(":out_color_matrix={}", matrixName(matrixOf(target.space, target.width, target.height)));
     }
     return options;
+}
+
+/// Returns the name that the filter "colorspace" has for a colour matrix.
+std::string_view matrixOfFilter(AVColorSpace space) {
+    const std::string_view name = matrixName(space);
+    return name == "bt601" ? "smpte170m" : name == "bt2020" ? "bt2020ncl" : name;
+}
+
+/// Returns whether the filter "colorspace" can convert one pixel format of YUV to another: 8 bits per component on both
+/// sides, and the same subsampling, by which the sides must be divisible.
+bool sharesSamples(const AVPixFmtDescriptor& from, const AVPixFmtDescriptor& to, int width, int height) {
+    const auto isPlain = [](const AVPixFmtDescriptor& format) {
+        return format.nb_components == 3 && format.comp[0].depth == 8 && format.comp[1].step == 1 &&
+               (format.flags & ~static_cast<std::uint64_t>(AV_PIX_FMT_FLAG_PLANAR)) == 0;
+    };
+    return isPlain(from) && isPlain(to) && from.log2_chroma_w == to.log2_chroma_w &&
+           from.log2_chroma_h == to.log2_chroma_h && to.log2_chroma_w <= 1 && to.log2_chroma_h <= to.log2_chroma_w &&
+           width % (1 << to.log2_chroma_w) == 0 && height % (1 << to.log2_chroma_h) == 0;
+}
+
+/// Returns the range of a frame. The names of some pixel formats contain it.
+AVColorRange rangeOf(const AVFrame& frame) {
+    const bool named = frame.format == AV_PIX_FMT_YUVJ420P || frame.format == AV_PIX_FMT_YUVJ422P ||
+                       frame.format == AV_PIX_FMT_YUVJ444P;
+    return named ? AVCOL_RANGE_JPEG : frame.color_range;
+}
+
+/// Returns filters that scale a frame and convert its colours, or nothing if the formats need others. The scaler could
+/// do both, but it converts between matrices by way of RGB, which takes thirty times as long.
+std::optional<std::string> directConversion(const AVFrame& frame, const VideoFormat& target, int width, int height) {
+    const AVPixFmtDescriptor* const from = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
+    const AVPixFmtDescriptor* const to = av_pix_fmt_desc_get(target.pixels);
+    if (!from || !to || !sharesSamples(*from, *to, width, height)) {
+        return std::nullopt;
+    }
+    const char* const range = rangeName(rangeOf(frame));
+    std::string chain;
+    if (frame.width != width || frame.height != height) {
+        chain += fmt::format("scale=w={}:h={}:flags=bicubic+accurate_rnd:in_range={}:out_range={},", width, height,
+                             range, range);
+    }
+    const std::string_view matrix = matrixOfFilter(matrixOf(frame));
+    const std::string_view wanted = matrixOfFilter(matrixOf(target.space, width, height));
+    // Otherwise there is nothing to convert. The filter fails then if the formats have different names.
+    if (matrix != wanted || std::string_view(range) != rangeName(target.range)) {
+        // Primaries and transfer stay what they are, so their names mean nothing.
+        chain += fmt::format(
+            "colorspace=ispace={}:irange={}:space={}:range={}:iprimaries=bt709:primaries=bt709:itrc=bt709:trc=bt709:"
+            "format=yuv{},",
+            matrix, range, wanted, rangeName(target.range),
+            to->log2_chroma_h > 0   ? "420p"
+            : to->log2_chroma_w > 0 ? "422p"
+                                    : "444p");
+    }
+    // For a pixel format whose name contains the range.
+    return chain + fmt::format("scale=in_range={0}:out_range={0},", rangeName(target.range));
 }
 
 std::string rotation(const VideoFormat& target) {
@@ -289,6 +348,10 @@ std::string VideoFilter::chainFor(const AVFrame& frame) const {
                                  "out_color_matrix={},",
                                  rangeName(target_.range), matrixName(target_.space));
         }
+    } else if (const auto direct = sameShape && target_.convertsColours
+                                       ? directConversion(frame, target_, width, height)
+                                       : std::nullopt) {
+        chain += *direct;
     } else if (sameShape) {
         chain += fmt::format("scale=w={}:h={}:flags=bicubic+accurate_rnd:out_range={}", width, height,
                              rangeName(target_.range));

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include "MediaTestKit.h"
@@ -204,6 +205,64 @@ TEST_F(Thumbnails, HaveTheColoursOfTheMovie) {
         colourDifference(shownColours(files[0].path()), shownColours(corpus("h264.mov"), numbers().at(0)));
     EXPECT_LT(found.mean, 2) << numbers().at(0) << " " << found.largest;
 }
+
+struct Colours {
+    const char* pixels;
+    const char* matrix;
+    const char* range;
+    int width = 320;
+    const char* codec = "ffv1";
+};
+void PrintTo(const Colours& colours, std::ostream* out) {
+    *out << colours.pixels << ' ' << colours.matrix << ' ' << colours.range << ' ' << colours.width;
+}
+
+class ThumbnailsInColours : public Thumbnails, public testing::WithParamInterface<Colours> {};
+
+TEST_P(ThumbnailsInColours, ShowTheColoursThatTheMovieMeans) {
+    const auto& [pixels, matrix, range, width, codec] = GetParam();
+    const std::string picture = fmt::format("testsrc=size={}x240:rate=1:duration=1", width);
+    const OutputPath movie("mkv");
+    (void)run(
+        {KRV_FFMPEG,
+         "-v",
+         "quiet",
+         "-y",
+         "-f",
+         "lavfi",
+         "-i",
+         picture,
+         "-vf",
+         fmt::format("scale=flags=accurate_rnd:out_color_matrix={}:out_range={},format={}", matrix, range, pixels),
+         "-c:v",
+         codec,
+         "-qp",
+         "1",
+         "-q:v",
+         "1",
+         "-colorspace",
+         matrix,
+         "-color_range",
+         range,
+         movie.path()});
+    const OutputPath meant("png");
+    (void)run({KRV_FFMPEG, "-v", "quiet", "-y", "-f", "lavfi", "-i", picture, "-frames:v", "1", meant.path()});
+    for (const double box : {0, 160}) {
+        make({.movie = movie.path(), .count = 1, .width = box, .height = box});
+        const auto found = colourDifference(shownColours(files[0].path()), shownColours(meant.path()));
+        EXPECT_LT(found.mean, 2) << box << " " << found.largest;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Every, ThumbnailsInColours,
+                         testing::Values(Colours{"yuv420p", "bt709", "tv"}, Colours{"yuv420p", "bt709", "pc"},
+                                         Colours{"yuv420p", "smpte170m", "tv"}, Colours{"yuv420p", "smpte240m", "tv"},
+                                         Colours{"yuv422p", "bt709", "tv"}, Colours{"yuv444p", "bt709", "tv"},
+                                         Colours{"yuv444p", "bt709", "pc"}, Colours{"yuv420p10", "bt709", "tv"},
+                                         Colours{"yuv420p", "bt709", "tv", 319}, Colours{"yuva420p", "bt709", "tv"},
+                                         Colours{"yuvj420p", "bt709", "pc", 320, "libx264"},
+                                         Colours{"yuvj420p", "smpte170m", "pc", 320, "libx264"},
+                                         Colours{"yuvj422p", "smpte170m", "pc", 320, "mjpeg"}));
 
 TEST_F(Thumbnails, OfHDRLookLikeThoseOfTheSDRMovie) {
     make({.movie = corpus("h264.mov"), .count = 3});
