@@ -24,8 +24,9 @@ Next failed(Failure failure) {
 }
 
 Next noUsableResponse(std::string why) {
-    return failed({Failure::Kind::Unreachable,
-                   {.message = "The media server does not respond.", .cause = std::move(why), .suggestion = "Try again."}});
+    return failed(
+        {Failure::Kind::Unreachable,
+         {.message = "The media server does not respond.", .cause = std::move(why), .suggestion = "Try again."}});
 }
 
 template <typename T>
@@ -61,17 +62,17 @@ std::vector<std::int64_t> clientsIn(const Json& status) {
 ServerStatus serverStatus(const Json& status, const KRVOperationBase& operations) {
     const auto version = status.find("version");
     const auto uptime = status.find("uptime");
-    ServerStatus result{
-        .version = version != status.end() && version->is_string() ? version->get<std::string>() : std::string(),
-        .pid = numberIn(status, "pid"),
-        .port = numberIn(status, "port"),
-        .uptime = Seconds(uptime != status.end() && uptime->is_number() ? uptime->get<double>() : 0),
-        .clients = clientsIn(status),
-        .queued = numberIn(status, "queued"),
-        .running = numberIn(status, "running"),
-        .finished = numberIn(status, "finished"),
-        .workers = numberIn(status, "workers"),
-        .json = status.dump(-1, ' ', false, Json::error_handler_t::replace)};
+    ServerStatus result{.version = version != status.end() && version->is_string() ? version->get<std::string>()
+                                                                                   : std::string(),
+                        .pid = numberIn(status, "pid"),
+                        .port = numberIn(status, "port"),
+                        .uptime = Seconds(uptime != status.end() && uptime->is_number() ? uptime->get<double>() : 0),
+                        .clients = clientsIn(status),
+                        .queued = numberIn(status, "queued"),
+                        .running = numberIn(status, "running"),
+                        .finished = numberIn(status, "finished"),
+                        .workers = numberIn(status, "workers"),
+                        .json = status.dump(-1, ' ', false, Json::error_handler_t::replace)};
     if (const auto names = operations.numOpsNames()) {
         for (const Value& name : *names) {
             result.operations.push_back(name.stringValue());

@@ -1,5 +1,3 @@
-#include <KRVQTProcessClient/Jobs/Failures.h>
-
 #include <cerrno>
 #include <exception>
 #include <utility>
@@ -9,6 +7,7 @@
 #include <fmt/format.h>
 
 #include <KRVQTProcessClient/Jobs/Failure.h>
+#include <KRVQTProcessClient/Jobs/Failures.h>
 #include <KRVQTProcessClient/Jobs/Result.h>
 #include <KRVQTProcessClient/Operations/OperationErrors.h>
 
@@ -151,8 +150,8 @@ Failure failureFrom(const Error& error) {
     const fs::path file = userInfo ? (*userInfo)[kErrorFilePath].stringValue() : std::string();
     const std::int64_t number = userInfo ? (*userInfo)["KRVErrorNumber"].integerValue() : 0;
     const bool fromServer = error.domain() == kMediaServerErrorDomain;
-    const Verdict judged = fromServer ? verdict(static_cast<OperationErrorCode>(error.code()), file, number)
-                                      : Verdict{Kind::Internal, ""};
+    const Verdict judged =
+        fromServer ? verdict(static_cast<OperationErrorCode>(error.code()), file, number) : Verdict{Kind::Internal, ""};
     return {judged.kind,
             {.message = error.localizedDescription(),
              .cause = error.localizedFailureReason(),

@@ -68,6 +68,40 @@ Thumbnail thumbnail(const Value& value) {
             .time = Seconds(entry[kResultThumbnailTime].doubleValue())};
 }
 
+MovieTrack movieTrack(const Value& value) {
+    const auto holder = value.dictionary();
+    const Dictionary& track = orEmpty(holder);
+    const Size size = track[kResultMovieTrackDimensions].sizeValue();
+    return {.index = track[kResultMovieTrackIndex].integerValue(),
+            .kind = track[kResultMovieTrackKind].stringValue(),
+            .codec = track[kResultMovieTrackCodec].stringValue(),
+            .language = track[kResultMovieTrackLanguage].stringValue(),
+            .title = track[kResultMovieTrackTitle].stringValue(),
+            .isDefault = track[kResultMovieTrackDefault].boolValue(),
+            .width = size.width,
+            .height = size.height,
+            .frameRate = track[kResultMovieTrackFrameRate].doubleValue(),
+            .channels = track[kResultMovieTrackChannels].integerValue(),
+            .sampleRate = track[kResultMovieTrackSampleRate].integerValue()};
+}
+
+MovieChapter movieChapter(const Value& value) {
+    const auto holder = value.dictionary();
+    const Dictionary& chapter = orEmpty(holder);
+    return {.start = Seconds(chapter[kResultMovieChapterStart].doubleValue()),
+            .end = Seconds(chapter[kResultMovieChapterEnd].doubleValue()),
+            .title = chapter[kResultMovieChapterTitle].stringValue()};
+}
+
+std::map<std::string, std::string> tagsIn(const Value& value) {
+    const auto holder = value.dictionary();
+    std::map<std::string, std::string> tags;
+    for (const auto& [name, text] : orEmpty(holder)) {
+        tags.emplace(*name, text.stringValue());
+    }
+    return tags;
+}
+
 }  // namespace
 
 std::vector<Seconds> InterestingTimes::seconds() const {
@@ -82,11 +116,10 @@ std::vector<Seconds> InterestingTimes::seconds() const {
 std::shared_ptr<const void> converted(const KRVOperationBase::Ref& finished) {
     const auto holder = finished->result();
     const Dictionary& result = orEmpty(holder);
-    return std::make_shared<const Converted>(
-        Converted{.path = finished->encodingDestinationFilename().value_or(""),
-                  .droppedTracks = droppedTracks(result),
-                  .sourceTruncatedAt = secondsIn(result[kResultSourceTruncatedAt]),
-                  .record = finished});
+    return std::make_shared<const Converted>(Converted{.path = finished->encodingDestinationFilename().value_or(""),
+                                                       .droppedTracks = droppedTracks(result),
+                                                       .sourceTruncatedAt = secondsIn(result[kResultSourceTruncatedAt]),
+                                                       .record = finished});
 }
 
 std::shared_ptr<const void> merged(const KRVOperationBase::Ref& finished) {
@@ -112,6 +145,7 @@ std::shared_ptr<const void> movieInfo(const KRVOperationBase::Ref& finished) {
     const auto holder = finished->metadata();
     const auto resultHolder = finished->result();
     const Dictionary& metadata = orEmpty(holder);
+    const Dictionary& result = orEmpty(resultHolder);
     const Size size = metadata[kMediaMetadataDimensions].sizeValue();
     return std::make_shared<const MovieInfo>(
         MovieInfo{.path = metadata[kMediaMetadataPath].stringValue(),
@@ -125,7 +159,10 @@ std::shared_ptr<const void> movieInfo(const KRVOperationBase::Ref& finished) {
                   .created = timeIn(metadata[kMediaMetadataCreation]),
                   .modified = timeIn(metadata[kMediaMetadataModified]),
                   .poster = metadata[kMediaMetadataPoster].data(),
-                  .sourceTruncatedAt = secondsIn(orEmpty(resultHolder)[kResultSourceTruncatedAt]),
+                  .tracks = listOf<MovieTrack>(result[kResultMovieTracks], movieTrack),
+                  .tags = tagsIn(result[kResultMovieTags]),
+                  .chapters = listOf<MovieChapter>(result[kResultMovieChapters], movieChapter),
+                  .sourceTruncatedAt = secondsIn(result[kResultSourceTruncatedAt]),
                   .record = finished});
 }
 

@@ -61,8 +61,8 @@ void JobEngine::add(std::shared_ptr<JobState> state, JobPlan plan, JobLimits lim
 
 void JobEngine::enqueue(const std::shared_ptr<JobState>& state, JobPlan plan, JobLimits limits) {
     Lane& lane = plan.isShort ? short_ : long_;
-    const auto run = std::make_shared<JobRun>(JobServices{*http_, *link_, Clock::steady()}, state, std::move(plan), limits,
-                                              [this, &lane] { postUpdate(lane); });
+    const auto run = std::make_shared<JobRun>(JobServices{*http_, *link_, Clock::steady()}, state, std::move(plan),
+                                              limits, [this, &lane] { postUpdate(lane); });
     cancelFrom(*state, *http_, run);
     lane.waiting.push_back(run);
     postUpdate(lane);
@@ -93,7 +93,8 @@ void JobEngine::update(Lane& lane) {
 
 void JobEngine::add(std::shared_ptr<JobState> state, ControlPlan plan, Clock::Duration patience) {
     http_->post([this, state = std::move(state), plan = std::move(plan), patience]() mutable {
-        const auto run = std::make_shared<ControlRun>(JobServices{*http_, *link_, Clock::steady()}, state, std::move(plan), patience);
+        const auto run = std::make_shared<ControlRun>(JobServices{*http_, *link_, Clock::steady()}, state,
+                                                      std::move(plan), patience);
         cancelFrom(*state, *http_, run);
         run->start();
     });

@@ -16,9 +16,27 @@ namespace {
 
 namespace fs = std::filesystem;
 
-Failure badArgument(std::string message, std::string cause, fs::path file = {}) {
-    return {Failure::Kind::BadArgument,
-            {.message = std::move(message), .cause = std::move(cause), .suggestion = {}, .file = std::move(file)}};
+bool isUTF8(const std::string& text) {
+    try {
+        (void)KRVOperationBase::provideMetadataFor(text)->convertToData();
+        return true;
+    } catch (const Exception&) {
+        return false;
+    }
+}
+
+/// Returns the name of a file for a sentence. Bytes of a name that is not UTF-8 are escaped.
+std::string nameOf(const fs::path& file) {
+    std::string name = file.filename().string();
+    if (isUTF8(name)) {
+        return name;
+    }
+    std::string escaped;
+    for (const char c : name) {
+        const auto byte = static_cast<unsigned char>(c);
+        escaped += byte < 0x20 || byte >= 0x7f ? fmt::format("\\x{:02x}", byte) : std::string(1, c);
+    }
+    return escaped;
 }
 
 /// Collects what is wrong with the options of one job. Only the first problem is kept.
@@ -27,9 +45,11 @@ public:
     explicit Checks(std::string activity)
         : activity_(std::move(activity)) {}
 
-    void fail(std::string cause, fs::path file = {}) {
+    void fail(std::string cause, std::string suggestion = {}) {
         if (!failure_) {
-            failure_ = badArgument(fmt::format("{} is not possible.", activity_), std::move(cause), std::move(file));
+            failure_ = Failure(Failure::Kind::BadArgument, {.message = fmt::format("{} is not possible.", activity_),
+                                                            .cause = std::move(cause),
+                                                            .suggestion = std::move(suggestion)});
         }
     }
     /// Returns the absolute path as it is sent. what: such as "source".
@@ -39,31 +59,18 @@ public:
         if (path.empty()) {
             fail(fmt::format("no {} is given", what));
         } else if (failure) {
-            fail(fmt::format("the working folder cannot be determined: {}", failure.message()), path);
-        } else if (!isUTF8(whole)) {
-            fail(fmt::format("the name of the {} is not UTF-8", what), whole);
+            fail(fmt::format("the working folder cannot be determined: {}", failure.message()));
+        } else if (!isUTF8(whole.string())) {
+            fail(fmt::format("the name of the {} is not UTF-8", what), "Rename the file.");
         }
         return whole.string();
     }
     [[nodiscard]] const std::optional<Failure>& failure() const { return failure_; }
 
 private:
-    static bool isUTF8(const fs::path& path) {
-        try {
-            (void)KRVOperationBase::provideMetadataFor(path.string())->convertToData();
-            return true;
-        } catch (const Exception&) {
-            return false;
-        }
-    }
-
     const std::string activity_;
     std::optional<Failure> failure_;
 };
-
-std::string nameOf(const fs::path& file) {
-    return file.filename().string();
-}
 
 std::shared_ptr<const Data> blobOf(const std::string& settings) {
     if (settings.empty()) {
@@ -140,8 +147,8 @@ TypeCodecs refinedType(Checks& checks, const ConvertOptions& options, VideoConve
         checks.fail(fmt::format("the type \"{}\" takes no video or audio options", name));
     } else if (type == VideoConversion::AudioOnly &&
                (!holdsAudioOnly(options.destination.string()) || options.video != VideoOptions{})) {
-        checks.fail(fmt::format(
-            "the type \"{}\" takes audio options only, and with them a destination such as .m4a", name));
+        checks.fail(
+            fmt::format("the type \"{}\" takes audio options only, and with them a destination such as .m4a", name));
     }
     return codecs.value_or(TypeCodecs{0, 0});
 }
@@ -155,9 +162,9 @@ Encoding encodingOf(Checks& checks, const ConvertOptions& options) {
     const bool withVideo = options.video != VideoOptions{};
     const bool withAudio = options.audio != AudioOptions{};
     encoding.onlySettings = withVideo || withAudio;
-    const TypeCodecs codecs =
-        encoding.onlySettings ? refinedType(checks, options, static_cast<VideoConversion::Type>(encoding.type))
-                              : TypeCodecs{0, 0};
+    const TypeCodecs codecs = encoding.onlySettings
+                                  ? refinedType(checks, options, static_cast<VideoConversion::Type>(encoding.type))
+                                  : TypeCodecs{0, 0};
 
     std::string videoSettings = options.video.settings;
     addTime(checks, videoSettings, "trimStart", options.start);
@@ -233,15 +240,15 @@ Result<JobPlan> planOf(const MixToStereoOptions& options) {
     Checks checks(activity);
     const std::string source = checks.absolute(options.source, "source");
     const std::string destination = checks.absolute(options.destination, "destination");
-    return plan(checks,
-                {.activity = activity,
-                 .source = source,
-                 .makeRecord = [=] { return KRVOperationBase::muxAudioTo2chOperation(source, destination); },
-                 .makeResult = converted});
+    return plan(checks, {.activity = activity,
+                         .source = source,
+                         .makeRecord = [=] { return KRVOperationBase::muxAudioTo2chOperation(source, destination); },
+                         .makeResult = converted});
 }
 
 Result<JobPlan> planOf(const MergeOptions& options) {
-    const std::string activity = fmt::format("Merging {} movies to {}", options.sources.size(), nameOf(options.destination));
+    const std::string activity =
+        fmt::format("Merging {} movies to {}", options.sources.size(), nameOf(options.destination));
     Checks checks(activity);
     Array sources;
     for (const fs::path& source : options.sources) {

@@ -121,21 +121,20 @@ void JobRun::start() {
 void JobRun::waitForServer(Step next) {
     phase_ = Phase::WaitingForServer;
     report(Progress::State::WaitingForServer);
-    waiting_ = services_.link.whenReady({.patience = limits_.patience,
-                                         .answer =
-                                             [self = shared_from_this(), next](std::optional<Failure> failure) {
-                                                 self->waiting_.reset();
-                                                 if (failure) {
-                                                     self->fail(*std::move(failure));
-                                                     return;
-                                                 }
-                                                 self->port_ = self->services_.link.port();
-                                                 self->guarded([&] { (*self.*next)(); });
-                                             },
-                                         .waiting =
-                                             [self = shared_from_this()](const std::string& reason) {
-                                                 self->report(Progress::State::WaitingForServer, reason);
-                                             }});
+    waiting_ = services_.link.whenReady(
+        {.patience = limits_.patience,
+         .answer =
+             [self = shared_from_this(), next](std::optional<Failure> failure) {
+                 self->waiting_.reset();
+                 if (failure) {
+                     self->fail(*std::move(failure));
+                     return;
+                 }
+                 self->port_ = self->services_.link.port();
+                 self->guarded([&] { (*self.*next)(); });
+             },
+         .waiting = [self = shared_from_this()](
+                        const std::string& reason) { self->report(Progress::State::WaitingForServer, reason); }});
 }
 
 void JobRun::send() {
@@ -385,9 +384,9 @@ void JobRun::outcomeAfterCancel(const ServerReply& reply) {
 
 void JobRun::succeed(const KRVOperationBase::Ref& finished) {
     JobCore::Outcome outcome{.value = plan_.makeResult(finished)};
-    (void)services_.http.send(requestTo(port_, *KRVOperationBase::removeReturnResultForOperation(record_->uniqueID()),
-                                        kStateTimeout),
-                              [](const HTTPResponse&) {});
+    (void)services_.http.send(
+        requestTo(port_, *KRVOperationBase::removeReturnResultForOperation(record_->uniqueID()), kStateTimeout),
+        [](const HTTPResponse&) {});
     end(std::move(outcome));
 }
 

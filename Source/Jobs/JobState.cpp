@@ -142,11 +142,10 @@ JobCore::Outcome JobState::waitOnMainLoop() {
         return *outcome_;
     }
     if (RunLoop::isInCallback()) {
-        return {.failure = Failure(
-                    Failure::Kind::BadArgument,
-                    {.message = "A job cannot be waited for within a callback of the main loop.",
-                     .cause = "the main loop, which has to run meanwhile, has called this function",
-                     .suggestion = "Use then() or co_await, or wait on another thread."})};
+        return {.failure = Failure(Failure::Kind::BadArgument,
+                                   {.message = "A job cannot be waited for within a callback of the main loop.",
+                                    .cause = "the main loop, which has to run meanwhile, has called this function",
+                                    .suggestion = "Use then() or co_await, or wait on another thread."})};
     }
     class Waiting {
     public:

@@ -151,8 +151,9 @@ void ServerSearch::probe(long port) {
             look();
             return;
         }
-        probeFailure_ = reply.record && reply.record->error() ? reply.record->error()->localizedDescription()
-                                                              : fmt::format("found on port {}, but {}", port, reply.why);
+        probeFailure_ = reply.record && reply.record->error()
+                            ? reply.record->error()->localizedDescription()
+                            : fmt::format("found on port {}, but {}", port, reply.why);
         if (const auto failure = launchIfMissing()) {
             answerAll(failure);
             return;
@@ -179,9 +180,8 @@ std::optional<Failure> ServerSearch::launchIfMissing() {
         // A server may run whose record is elsewhere. Discovery reports on the main loop.
         discovery_ = HTTPServerDiscovery::defaultInstance();
         observation_ = NotificationCenter::defaultCenter().addObserver(
-            kHTTPServerDiscoveryServiceChangeNotification, [this](const Notification&) {
-                http_.post([this] { look(); });
-            });
+            kHTTPServerDiscoveryServiceChangeNotification,
+            [this](const Notification&) { http_.post([this] { look(); }); });
     }
     return std::nullopt;
 }

@@ -38,12 +38,10 @@ TEST(FinishedResult, AConversionHasItsPathAndWhatWasDropped) {
     record->result()->set(kResultSourceTruncatedAt, 12.5);
     const auto result = as<Converted>(converted(record));
     EXPECT_EQ(result.path, "/out.mp4");
-    EXPECT_THAT(result.droppedTracks, ElementsAre(DroppedTrack{.source = 0,
-                                                               .index = 3,
-                                                               .kind = "subtitle",
-                                                               .codec = "PGS",
-                                                               .language = "de",
-                                                               .reason = "no room"}));
+    EXPECT_THAT(
+        result.droppedTracks,
+        ElementsAre(DroppedTrack{
+            .source = 0, .index = 3, .kind = "subtitle", .codec = "PGS", .language = "de", .reason = "no room"}));
     EXPECT_EQ(result.sourceTruncatedAt, Seconds(12.5));
     EXPECT_EQ(result.record, record);
 }
@@ -69,7 +67,7 @@ TEST(FinishedResult, ThumbnailsHavePathsAndTimes) {
 }
 
 TEST(FinishedResult, AMovieIsDescribed) {
-    const auto record = KRVOperationBase::provideMetadataFor("/in.mov");
+    const auto record = finished(KRVOperationBase::provideMetadataFor("/in.mov"));
     record->setMetadata(std::make_shared<const Dictionary>(Dictionary{
         {kMediaMetadataPath, "/in.mov"},
         {kMediaMetadataCodec, "H.264, AAC"},
@@ -81,7 +79,31 @@ TEST(FinishedResult, AMovieIsDescribed) {
         {kMediaMetadataCreation, Date{-978307200.0}},
         {kMediaMetadataPoster, Data{std::byte{0xff}, std::byte{0xd8}}},
     }));
+    record->result()->set(kResultMovieTracks, Array{Dictionary{{kResultMovieTrackIndex, 1},
+                                                               {kResultMovieTrackKind, "audio"},
+                                                               {kResultMovieTrackCodec, "AAC"},
+                                                               {kResultMovieTrackLanguage, "de"},
+                                                               {kResultMovieTrackDefault, true},
+                                                               {kResultMovieTrackChannels, 2},
+                                                               {kResultMovieTrackSampleRate, 48000}}});
+    record->result()->set(kResultMovieTags, Dictionary{{"title", "A Film"}});
+    record->result()->set(kResultMovieChapters, Array{Dictionary{{kResultMovieChapterStart, 0.5},
+                                                                 {kResultMovieChapterEnd, 1.5},
+                                                                 {kResultMovieChapterTitle, "Beginning"}}});
     const auto info = as<MovieInfo>(movieInfo(record));
+    ASSERT_EQ(info.tracks.size(), 1U);
+    EXPECT_EQ(info.tracks.front().index, 1);
+    EXPECT_EQ(info.tracks.front().kind, "audio");
+    EXPECT_EQ(info.tracks.front().codec, "AAC");
+    EXPECT_EQ(info.tracks.front().language, "de");
+    EXPECT_TRUE(info.tracks.front().isDefault);
+    EXPECT_EQ(info.tracks.front().channels, 2);
+    EXPECT_EQ(info.tracks.front().sampleRate, 48000);
+    EXPECT_THAT(info.tags, ElementsAre(testing::Pair("title", "A Film")));
+    ASSERT_EQ(info.chapters.size(), 1U);
+    EXPECT_EQ(info.chapters.front().start, Seconds(0.5));
+    EXPECT_EQ(info.chapters.front().end, Seconds(1.5));
+    EXPECT_EQ(info.chapters.front().title, "Beginning");
     EXPECT_EQ(info.path, "/in.mov");
     EXPECT_EQ(info.codecs, "H.264, AAC");
     EXPECT_EQ(info.audio, "AAC, 48000 Hz, stereo");

@@ -2,7 +2,6 @@
 #include <limits>
 #include <string>
 
-#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -78,10 +77,8 @@ TEST(JobPlan, OptionsOfTheVideoReplaceTheType) {
 }
 
 TEST(JobPlan, ATypeWithAQualityKeepsTheCodecsOfTheType) {
-    const auto record = recordOf(ConvertOptions{.source = "/in.mov",
-                                                .destination = "/out.webm",
-                                                .type = VideoConversion::AV1,
-                                                .video = {.quality = 0.5}});
+    const auto record = recordOf(ConvertOptions{
+        .source = "/in.mov", .destination = "/out.webm", .type = VideoConversion::AV1, .video = {.quality = 0.5}});
     EXPECT_EQ(record->encodingVideoParameters()->codec(), codecFromName("av01"));
     EXPECT_EQ(record->encodingAudioParameters()->codec(), codecFromName("Opus"));
 }
@@ -123,8 +120,7 @@ TEST(JobPlan, AMergeHasItsSourcesInOrderAndOnlyTheOptionsThatWereGiven) {
 }
 
 TEST(JobPlan, ThumbnailsHaveACountAndASize) {
-    const auto record =
-        recordOf(ThumbnailOptions{.source = "/a.mov", .folder = "/out", .count = 20, .height = 200});
+    const auto record = recordOf(ThumbnailOptions{.source = "/a.mov", .folder = "/out", .count = 20, .height = 200});
     EXPECT_EQ((*record->arguments())[kArgumentThumbnailCount], Value(20));
     EXPECT_EQ(record->thumbnailInfoSize(), (Size{0, 200}));
 }
@@ -143,7 +139,6 @@ TEST(JobPlan, ImpossibleOptionsAreRefusedWithAReason) {
         change(options);
         const Failure failure = refusal(options);
         EXPECT_EQ(failure.kind(), Failure::Kind::BadArgument);
-        EXPECT_EQ(failure.message(), fmt::format("Converting {} is not possible.", options.source.filename().string()));
         return failure.cause();
     };
     EXPECT_EQ(cause([](auto& o) { o.source = ""; }), "no source is given");
@@ -164,6 +159,10 @@ TEST(JobPlan, ImpossibleOptionsAreRefusedWithAReason) {
                     o.audio.quality = 0.5;
                 }),
                 HasSubstr("a destination such as .m4a"));
+    EXPECT_EQ(refusal(ConvertOptions{.source = "a.mov", .destination = ""}).message(),
+              "Converting a.mov is not possible.");
+    EXPECT_EQ(refusal(ConvertOptions{.source = "\xff.mov", .destination = "/b.mp4"}).message(),
+              "Converting \\xff.mov is not possible.");
     EXPECT_EQ(refusal(MergeOptions{.destination = "/b.mp4"}).cause(), "no source is given");
     EXPECT_THAT(refusal(ThumbnailOptions{.source = "/a.mov", .folder = "/b", .width = -1}).cause(),
                 HasSubstr("negative"));

@@ -45,12 +45,17 @@ protected:
         const int status = process.wait();
         return {text, status};
     }
-    void expectKrvqtToPrint(const testing::Matcher<std::string>& reason,
-                            const std::string& beginning = "krvqt: the media server could not be started: ") const {
+    /// Expects krvqt to fail with this cause, and to say nothing else.
+    void expectKrvqtToFail(
+        const testing::Matcher<std::string>& cause,
+        const std::string& message = "The media server could not be started.",
+        const std::string& suggestion = "Reinstall the application, which contains the media server.") const {
         const auto [text, status] = krvqt();
         EXPECT_EQ(status, 3);
-        EXPECT_THAT(text, AllOf(StartsWith(beginning), EndsWith("\n"), testing::Matcher<std::string>(reason)));
-        EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+        const std::string before = "krvqt: " + message + "\n  cause: ";
+        const std::string after = "\n  try:   " + suggestion + '\n';
+        ASSERT_THAT(text, AllOf(StartsWith(before), EndsWith(after)));
+        EXPECT_THAT(text.substr(before.size(), text.size() - before.size() - after.size()), cause);
         EXPECT_THAT(filesInOut(), testing::IsEmpty());
     }
     /// Expects the application's log to have a line with this beginning that contains the rest.
@@ -76,18 +81,18 @@ TEST_F(BadBundle, MissingIsLoggedAndTheCallThrows) {
 }
 
 TEST_F(BadBundle, MissingIsReportedByKrvqt) {
-    expectKrvqtToPrint(HasSubstr("there is no KRVQuicktimeProcess.app beside krvqt or its library to start it from"));
+    expectKrvqtToFail("there is no KRVQuicktimeProcess.app beside the application or its library to start it from");
 }
 
 TEST_F(BadBundle, WithoutAnExecutableIsReported) {
     bundle("");
-    expectKrvqtToPrint(HasSubstr(bundleExecutable(tool) + " cannot be launched: No such file or directory"));
+    expectKrvqtToFail(bundleExecutable(tool) + " cannot be launched: No such file or directory");
     expectLog("Error during ServerRunner thread loop: ", "cannot be launched: No such file or directory");
 }
 
 TEST_F(BadBundle, NotExecutableIsReported) {
     bundle(program("#!/bin/sh\n", fs::perms::owner_read));
-    expectKrvqtToPrint(HasSubstr("cannot be launched: Permission denied"));
+    expectKrvqtToFail(bundleExecutable(tool) + " cannot be launched: Permission denied");
     expectLog("Error during ServerRunner thread loop: ", "cannot be launched: Permission denied");
 }
 
@@ -100,14 +105,14 @@ TEST_F(BadBundle, ForAnotherArchitectureIsReported) {
     elf += std::string("\x02\x00\xf3\x00\x01\x00\x00\x00", 8);
     elf.resize(64);
     bundle(program(elf));
-    expectKrvqtToPrint(HasSubstr("cannot be launched: Exec format error"));
+    expectKrvqtToFail(bundleExecutable(tool) + " cannot be launched: Exec format error");
     expectLog("Error during ServerRunner thread loop: ", "cannot be launched: Exec format error");
 }
 
 TEST_F(BadBundle, CrashingAtOnceIsReportedWithItsOutputFile) {
     bundle(program("#!/bin/sh\necho \"a library is missing\" >&2\nexit 127\n"));
     const std::string file = (folder.path() / "state/KRVQuicktimeProcess/standard-error.log").string();
-    expectKrvqtToPrint(AllOf(HasSubstr(" was launched and exited at once; its output is in " + file)));
+    expectKrvqtToFail(bundleExecutable(tool) + " was launched and exited at once; its output is in " + file);
     std::ifstream in(file);
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "a library is missing\n");
     expectLog("The server that was launched, process ", " has ended");
@@ -115,8 +120,8 @@ TEST_F(BadBundle, CrashingAtOnceIsReportedWithItsOutputFile) {
 
 TEST_F(BadBundle, ThatNeverPublishesIsReported) {
     bundle(KRV_SILENT_SERVER);
-    expectKrvqtToPrint(MatchesRegex(".*launched as process [0-9]+, but it does not respond yet\n"),
-                       "krvqt: the media server could not be reached within 6 s: ");
+    expectKrvqtToFail(MatchesRegex("launched as process [0-9]+, but it does not respond yet"),
+                      "The media server could not be reached within 6 s.", "Try again.");
 }
 
 TEST_F(BadBundle, ThatNeverPublishesIsWaitedForAndNotLaunchedTwice) {

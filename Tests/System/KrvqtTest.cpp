@@ -120,7 +120,7 @@ TEST_F(Krvqt, ReportsThatNoServerIsRunningWithoutStartingOne) {
     for (const char* command : {"status", "cancel-all", "shutdown"}) {
         const auto [status, text] = run({command});
         EXPECT_EQ(status, 3) << command;
-        EXPECT_EQ(text, "krvqt: no media server is running\n");
+        EXPECT_EQ(text, "krvqt: No media server is running.\n");
     }
     EXPECT_THAT(servers(), IsEmpty());
 }

@@ -18,53 +18,38 @@ bool isTrack(std::string_view kind) {
 
 }  // namespace
 
-std::shared_ptr<const krv::Array> droppedTracks(const krv::KRVOperationBase::Ref& finished) {
-    const auto result = finished ? finished->result() : nullptr;
-    return result ? (*result)[krv::kResultDroppedTracks].array() : nullptr;
-}
-
-std::string droppedText(const krv::Dictionary& track, const std::vector<std::string>& sources) {
-    const std::string kind = track[krv::kResultDroppedTrackKind].stringValue();
-    const std::string codec = track[krv::kResultDroppedTrackCodec].stringValue();
-    const std::string language = track[krv::kResultDroppedTrackLanguage].stringValue();
-    const std::int64_t index = track[krv::kResultDroppedTrackIndex].integerValue();
-    const auto source = static_cast<std::size_t>(track[krv::kResultDroppedTrackSource].integerValue());
-
+std::string droppedText(const krv::DroppedTrack& track, const std::vector<std::string>& sources) {
     std::string text;
-    if (sources.size() > 1 && source < sources.size()) {
-        text = std::filesystem::path(sources[source]).filename().string() + ": ";
+    if (sources.size() > 1 && track.source < sources.size()) {
+        text = std::filesystem::path(sources[track.source]).filename().string() + ": ";
     }
-    text += index < 0 ? kind : fmt::format("{}{} {}", kind, isTrack(kind) ? " track" : " of track", index);
-    if (!codec.empty() || !language.empty()) {
-        text += fmt::format(" ({}{}{})", codec, codec.empty() || language.empty() ? "" : ", ", language);
+    text += track.index < 0
+                ? track.kind
+                : fmt::format("{}{} {}", track.kind, isTrack(track.kind) ? " track" : " of track", track.index);
+    if (!track.codec.empty() || !track.language.empty()) {
+        text += fmt::format(" ({}{}{})", track.codec, track.codec.empty() || track.language.empty() ? "" : ", ",
+                            track.language);
     }
-    return fmt::format("{}: {}", text, track[krv::kResultDroppedTrackReason].stringValue());
+    return fmt::format("{}: {}", text, track.reason);
 }
 
-void printDropped(const krv::Array& tracks, const std::vector<std::string>& sources) {
-    for (const krv::Value& each : tracks) {
-        if (const auto track = each.dictionary()) {
-            fmt::print(stderr, "krvqt: dropped {}\n", droppedText(*track, sources));
-        }
+void printDropped(const std::vector<krv::DroppedTrack>& tracks, const std::vector<std::string>& sources) {
+    for (const krv::DroppedTrack& track : tracks) {
+        fmt::print(stderr, "krvqt: dropped {}\n", droppedText(track, sources));
     }
 }
 
-nlohmann::json droppedJSON(const krv::Array& tracks) {
+nlohmann::json droppedJSON(const std::vector<krv::DroppedTrack>& tracks, const std::vector<std::string>& sources) {
     auto list = nlohmann::json::array();
-    for (const krv::Value& each : tracks) {
-        const auto track = each.dictionary();
-        if (!track) {
-            continue;
+    for (const krv::DroppedTrack& track : tracks) {
+        list.push_back({{"index", track.index},
+                        {"kind", track.kind},
+                        {"codec", track.codec},
+                        {"language", track.language},
+                        {"reason", track.reason}});
+        if (sources.size() > 1) {
+            list.back()["source"] = track.source;
         }
-        nlohmann::json object{{"index", (*track)[krv::kResultDroppedTrackIndex].integerValue()}};
-        for (const std::string_view key : {krv::kResultDroppedTrackKind, krv::kResultDroppedTrackCodec,
-                                           krv::kResultDroppedTrackLanguage, krv::kResultDroppedTrackReason}) {
-            object[std::string(key)] = (*track)[key].stringValue();
-        }
-        if (const krv::Value* const source = track->find(krv::kResultDroppedTrackSource)) {
-            object["source"] = source->integerValue();
-        }
-        list.push_back(std::move(object));
     }
     return list;
 }

@@ -1,19 +1,24 @@
 #pragma once
 
-#include <memory>
 #include <string>
 
 #include <nlohmann/json.hpp>
 
-#include <KRVQTProcessClient/KRVQTProcessClient.h>
+#include <KRVQTProcessClient/Media.h>
+
+#include "ExitStatus.h"
 
 namespace krvqt {
 
-/// Returns what a person reads about an error: the message, then a line each for the file, the cause and what to try,
-/// where the message does not say it already and where something is known to help.
-[[nodiscard]] std::string failureText(const krv::Error& error);
+/// Returns a failure as a person reads it: the sentence, and on further lines the file, the cause and what to try, if
+/// they are known and the sentence does not contain them.
+[[nodiscard]] std::string failureText(const krv::Failure& failure);
 
-/// Returns an object with "domain", "code", "description", "reason" and, if the error names a file, "path".
-[[nodiscard]] nlohmann::json failureJSON(const krv::Error& error);
+/// Returns a failure as an object: "kind", "code", "description", "reason" and, if they are known, "path" and
+/// "suggestion".
+[[nodiscard]] nlohmann::json failureJSON(const krv::Failure& failure);
+
+/// Returns the exit status for a failure.
+[[nodiscard]] ExitStatus statusOf(const krv::Failure& failure);
 
 }  // namespace krvqt

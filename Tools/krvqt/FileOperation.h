@@ -1,45 +1,84 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
-#include <KRVQTProcessClient/KRVQTProcessClient.h>
+#include <KRVQTProcessClient/Media.h>
 
+#include "DroppedTracks.h"
 #include "ExitStatus.h"
+#include "Interruption.h"
 #include "Options.h"
-#include "ServerAccess.h"
+#include "Paths.h"
+#include "ProgressDisplay.h"
 
 namespace krvqt {
 
-/// How an operation that writes files is reported.
+/// An operation that writes files, and how it is reported.
 struct FileOperation {
     std::string operation;  ///< name of the command
     std::vector<std::string> sources;
     std::string destination;
-    /// Adds further entries to the JSON object of a success. May be null.
-    std::function<void(nlohmann::json&)> describe{};
-    /// Prints a success on standard output. If null, the destination is printed.
-    std::function<void()> print{};
 };
 
-/// Makes the call to the server and blocks until it ends. Returns the finished record, or null with the error of a
-/// failed operation written. Throws Exception if the server was lost.
-using FileCall = std::function<krv::KRVOperationBase::Ref(
-    const ServerAccess& access, const std::shared_ptr<krv::OperationProgress>& progress, krv::ErrorOut error)>;
+/// Reports the end of an operation on standard output and standard error, and measures how long it took.
+class FileReport {
+public:
+    /// Borrows both.
+    FileReport(const FileOperation& operation, const CommonOptions& common);
 
-/// Reaches or launches a server, makes the call on a second thread while the main run loop runs, shows progress on
-/// standard error, and reports the result and what was dropped. If the server is lost, launches another one and makes
-/// the call again, at most three times in all: outputs are all or nothing. Call on the main thread only.
-[[nodiscard]] ExitStatus makeFile(const FileOperation& operation, const FileCall& call, const CommonOptions& common);
+    /// Adds further entries to the JSON object of a success. May be null.
+    using Describe = std::function<void(nlohmann::json&)>;
+    /// Prints a success on standard output. If null, the destination is printed.
+    using Print = std::function<void()>;
+    ExitStatus done(const Describe& describe, const Print& print) const;
+    ExitStatus failed(const krv::Failure& failure) const;
 
-/// Makes the call to the server and prints the answer. Returns kDone, or kFailed with the error written.
-using QuestionCall = std::function<ExitStatus(const ServerAccess& access, krv::ErrorOut error)>;
+private:
+    [[nodiscard]] nlohmann::json result(std::string_view status) const;
+    [[nodiscard]] double elapsed() const;
 
-/// Like makeFile(), for a query without progress. Ctrl-C asks the server to cancel. what: name of the command. Call on
-/// the main thread only.
-[[nodiscard]] ExitStatus askQuestion(std::string_view what, const QuestionCall& call, const CommonOptions& common);
+    const FileOperation& operation_;
+    const CommonOptions& common_;
+    const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
+
+/// Returns the control of a job that ends after a signal.
+[[nodiscard]] krv::JobControl untilInterrupted();
+[[nodiscard]] krv::Media media(const CommonOptions& common);
+
+/// Runs a job with its progress on standard error and returns its result. start takes the Media, the callback for
+/// progress and the control, and returns the job. Call on the main thread only.
+template <typename Start>
+[[nodiscard]] auto runWithProgress(const Start& start, const CommonOptions& common) {
+    ProgressDisplay display(common.quiet);
+    auto result =
+        start(
+            media(common), [&display](const krv::Progress& progress) { display.show(progress); }, untilInterrupted())
+            .wait();
+    display.finish(result.has_value());
+    return result;
+}
+
+/// Runs a job that writes a movie, and reports its end and what was dropped. Call on the main thread only.
+template <typename Start>
+[[nodiscard]] ExitStatus writeMovie(const FileOperation& operation, const Start& start, const CommonOptions& common) {
+    const FileReport report(operation, common);
+    const auto result = runWithProgress(start, common);
+    if (!result) {
+        return report.failed(result.error());
+    }
+    return report.done(
+        [&](nlohmann::json& json) { json["droppedTracks"] = droppedJSON(result->droppedTracks, operation.sources); },
+        [&] {
+            printDropped(result->droppedTracks, operation.sources);
+            printPath(operation.destination);
+        });
+}
 
 }  // namespace krvqt

@@ -1,18 +1,20 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
+#include <deque>
 #include <fstream>
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include <KRVQTProcessClient/KRVQTProcessClient.h>
+
 #include "Commands.h"
 #include "FailureText.h"
 #include "FileOperation.h"
-#include "OwnRecord.h"
 #include "Paths.h"
+#include "Question.h"
 
 namespace krvqt {
 namespace {
@@ -92,17 +94,43 @@ void printText(const krv::Dictionary& info) {
     line("modified", date(krv::kMediaMetadataModified));
 }
 
+nlohmann::json tracksOf(const krv::MovieInfo& info) {
+    auto list = nlohmann::json::array();
+    for (const krv::MovieTrack& track : info.tracks) {
+        nlohmann::json json{{"index", track.index},       {"kind", track.kind},   {"codec", track.codec},
+                            {"language", track.language}, {"title", track.title}, {"default", track.isDefault}};
+        if (track.width > 0) {
+            json["dimensions"] = {{"width", track.width}, {"height", track.height}};
+        }
+        if (track.frameRate > 0) {
+            json["frameRate"] = track.frameRate;
+        }
+        if (track.channels > 0) {
+            json["channels"] = track.channels;
+            json["sampleRate"] = track.sampleRate;
+        }
+        list.push_back(std::move(json));
+    }
+    return list;
+}
+
+nlohmann::json chaptersOf(const krv::MovieInfo& info) {
+    auto list = nlohmann::json::array();
+    for (const krv::MovieChapter& chapter : info.chapters) {
+        list.push_back({{"start", chapter.start.count()}, {"end", chapter.end.count()}, {"title", chapter.title}});
+    }
+    return list;
+}
+
 /// Writes a second file and renames it, so that an existing poster stays intact until the new one is complete.
-bool writePoster(const std::string& file, const krv::Dictionary& info) {
-    const auto poster = info[krv::kMediaMetadataPoster].data();
-    if (!poster) {
-        fmt::print(stderr, "krvqt: Cannot write a poster of {}: it has no video track.\n",
-                   info[krv::kMediaMetadataPath].stringValue());
+bool writePoster(const std::string& file, const krv::MovieInfo& info) {
+    if (!info.poster) {
+        fmt::print(stderr, "krvqt: Cannot write a poster of {}: it has no video track.\n", info.path.string());
         return false;
     }
     const std::string part = file + ".part";
     std::ofstream out(part, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(poster->data()), static_cast<std::streamsize>(poster->size()));
+    out.write(reinterpret_cast<const char*>(info.poster->data()), static_cast<std::streamsize>(info.poster->size()));
     out.close();
     if (out && std::rename(part.c_str(), file.c_str()) == 0) {
         return true;
@@ -112,58 +140,57 @@ bool writePoster(const std::string& file, const krv::Dictionary& info) {
     return false;
 }
 
+bool print(const krv::MovieInfo& info, const InfoOptions& options, const CommonOptions& common) {
+    const auto metadata = info.record->metadata();
+    if (!metadata) {
+        return false;
+    }
+    if (common.json) {
+        auto json = jsonOf(*metadata);
+        json["tracks"] = tracksOf(info);
+        json["tags"] = info.tags;
+        json["chapters"] = chaptersOf(info);
+        printJSON(json);
+    } else {
+        printText(*metadata);
+    }
+    return !options.poster || writePoster(*options.poster, info);
+}
+
 }  // namespace
 
 ExitStatus showInfo(const InfoOptions& options, const CommonOptions& common) {
-    std::vector<std::string> movies = options.movies;
-    for (std::string& movie : movies) {
-        if (const ExitStatus status = makeAbsolute({&movie}); status != kDone) {
-            return status;
-        }
-    }
     if (options.poster) {
-        if (movies.size() > 1) {
+        if (options.movies.size() > 1) {
             return usage("--poster takes one movie only");
         }
         if (const ExitStatus status = checkDestination(*options.poster, options.force); status != kDone) {
             return status;
         }
     }
-    // Both outlast a lost server, so that no movie is described twice.
-    std::size_t next = 0;
-    ExitStatus status = kDone;
-    const auto call = [&](const ServerAccess& access, krv::ErrorOut error) {
-        for (; next < movies.size(); ++next) {
-            const std::string& movie = movies[next];
-            std::shared_ptr<const krv::Error> problem;
-            const auto finished =
-                runRecord(access, krv::KRVOperationBase::provideMetadataFor(movie), nullptr, &problem);
-            if (!finished && !problem) {
-                return kCancelled;
-            }
-            const auto info = finished ? finished->metadata() : nullptr;
-            if (movies.size() == 1) {
-                *error = problem;
-            } else if (problem) {
-                // One bad file does not hide the others.
-                fmt::print(stderr, "krvqt: {}\n", failureText(*problem));
-            }
-            if (!info) {
-                status = kFailed;
-                continue;
-            }
-            if (common.json) {
-                fmt::print("{}\n", jsonOf(*info).dump());
-            } else {
-                printText(*info);
-            }
-            if (options.poster && !writePoster(*options.poster, *info)) {
-                status = kFailed;
-            }
+    // A few movies ahead, so that the server is never idle, and not all of them, because a poster takes memory.
+    constexpr std::size_t kAhead = 16;
+    const krv::Media media = krvqt::media(common);
+    std::deque<krv::Job<krv::MovieInfo>> jobs;
+    auto next = options.movies.begin();
+    ExitStatus worst = kDone;
+    while (next != options.movies.end() || !jobs.empty()) {
+        while (next != options.movies.end() && jobs.size() < kAhead) {
+            jobs.push_back(media.info({.source = *next++, .control = untilInterrupted()}));
         }
-        return status;
-    };
-    return askQuestion("info", call, common);
+        const auto info = jobs.front().wait();
+        jobs.pop_front();
+        if (!info) {
+            const ExitStatus status = questionFailed("info", info.error(), common);
+            if (status == kCancelled || status == kNoServer) {
+                return status;
+            }
+            worst = options.movies.size() == 1 ? status : kFailed;  // one bad file does not hide the others
+        } else if (!print(*info, options, common)) {
+            worst = kFailed;
+        }
+    }
+    return worst;
 }
 
 }  // namespace krvqt

@@ -1,13 +1,10 @@
 #include "Interruption.h"
 
-#include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <functional>
-#include <mutex>
+#include <stop_token>
 #include <string_view>
 #include <thread>
-#include <utility>
 
 #include <unistd.h>
 
@@ -16,19 +13,10 @@
 namespace krvqt {
 namespace {
 
-std::atomic<bool> signalArrived{false};
-std::mutex actionMutex;
-std::function<void()> action;  // guarded by actionMutex
-
-void act() {
-    std::function<void()> now;
-    {
-        const std::lock_guard lock(actionMutex);
-        now.swap(action);
-    }
-    if (now) {
-        std::thread(std::move(now)).detach();  // so that a second signal does not wait for it
-    }
+/// Never destroyed, because a signal may arrive until the process exits.
+std::stop_source& source() {
+    static auto* const instance = new std::stop_source;
+    return *instance;
 }
 
 sigset_t watchedSignals() {
@@ -45,8 +33,7 @@ void takeSignals(std::chrono::seconds patience) {
     int number = 0;
     while (sigwait(&set, &number) != 0) {
     }
-    signalArrived = true;
-    act();
+    std::thread([] { source().request_stop(); }).detach();  // so that a second signal does not wait for it
     timespec timeout{};
     timeout.tv_sec = patience.count();
     while (sigtimedwait(&set, nullptr, &timeout) == -1 && errno == EINTR) {
@@ -64,18 +51,8 @@ void Interruption::watch(std::chrono::seconds patience) {
     std::thread(takeSignals, patience).detach();
 }
 
-void Interruption::onRequest(std::function<void()> wanted) {
-    {
-        const std::lock_guard lock(actionMutex);
-        action = std::move(wanted);
-    }
-    if (signalArrived) {
-        act();
-    }
-}
-
-bool Interruption::requested() noexcept {
-    return signalArrived;
+std::stop_token Interruption::token() {
+    return source().get_token();
 }
 
 }  // namespace krvqt

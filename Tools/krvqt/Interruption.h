@@ -1,7 +1,7 @@
 #pragma once
 
 #include <chrono>
-#include <functional>
+#include <stop_token>
 
 namespace krvqt {
 
@@ -12,12 +12,8 @@ public:
     /// first signal the process has this long to exit by itself. Then, or at a second signal, it exits with status 130.
     static void watch(std::chrono::seconds patience);
 
-    /// Sets the action for the first signal, replacing an earlier one. It runs on its own thread, at once if a signal
-    /// has already arrived.
-    static void onRequest(std::function<void()> action);
-
-    /// Returns whether a signal has arrived. Thread-safe.
-    [[nodiscard]] static bool requested() noexcept;
+    /// Returns a token whose stop is requested when a signal arrives. Thread-safe.
+    [[nodiscard]] static std::stop_token token();
 };
 
 }  // namespace krvqt

@@ -4,43 +4,24 @@
 
 #include <fmt/format.h>
 
-#include <KRVQTProcessClient/KRVQTProcessClient.h>
-
 namespace krvqt {
-namespace {
-
-bool canBeSent(const std::string& path) {
-    try {
-        (void)krv::KRVOperationBase::provideMetadataFor(path)->convertToData();
-        return true;
-    } catch (const krv::Exception&) {
-        return false;
-    }
-}
-
-}  // namespace
-
 ExitStatus usage(std::string_view text) {
     fmt::print(stderr, "krvqt: {}\n", text);
     return kUsage;
 }
 
-ExitStatus makeAbsolute(std::initializer_list<std::string*> paths) {
-    for (std::string* const path : paths) {
-        if (path->empty()) {
-            return usage("a file name is empty");
-        }
-        if (!canBeSent(*path)) {
-            return usage(fmt::format("{}: a file name that is not UTF-8 cannot be sent to the media server; rename the "
-                                     "file",
-                                     shown(*path)));
-        }
-        *path = std::filesystem::absolute(*path).string();
-        if (!canBeSent(*path)) {
-            return usage("the name of the working folder is not UTF-8 and cannot be sent to the media server");
-        }
-    }
-    return kDone;
+std::string absolutePath(const std::string& file) {
+    std::error_code failure;
+    const auto whole = std::filesystem::absolute(file, failure);
+    return failure ? file : whole.string();
+}
+
+void printPath(const std::string& file) {
+    fmt::print("{}\n", file);
+}
+
+void printJSON(const nlohmann::json& object) {
+    fmt::print("{}\n", object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
 ExitStatus checkDestination(const std::string& destination, bool force) {

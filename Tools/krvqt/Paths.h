@@ -1,8 +1,9 @@
 #pragma once
 
-#include <initializer_list>
 #include <string>
 #include <string_view>
+
+#include <nlohmann/json.hpp>
 
 #include "ExitStatus.h"
 
@@ -11,12 +12,15 @@ namespace krvqt {
 /// Prints what is wrong with the command line. Returns kUsage.
 ExitStatus usage(std::string_view text);
 
-/// Makes the paths absolute, because the server has another working folder. Returns kDone. If a path cannot be sent to
-/// the server, prints why and returns kUsage.
-[[nodiscard]] ExitStatus makeAbsolute(std::initializer_list<std::string*> paths);
+/// Returns the absolute path of a file, for messages and results. A name that the server cannot take is refused later.
+[[nodiscard]] std::string absolutePath(const std::string& file);
 
 /// Returns kDone if the destination may be written. If it exists and force is not set, prints so and returns kUsage.
 [[nodiscard]] ExitStatus checkDestination(const std::string& destination, bool force);
+
+/// Print a result on standard output: the path of a file that was written, or an object.
+void printPath(const std::string& file);
+void printJSON(const nlohmann::json& object);
 
 /// Returns a path with all bytes outside printable ASCII escaped, safe to print on a terminal.
 [[nodiscard]] std::string shown(std::string_view path);

@@ -9,17 +9,19 @@
 
 #include <fmt/format.h>
 
-#include "Interruption.h"
-
 namespace krvqt {
 namespace {
 
 constexpr int kDefaultColumns = 80;
 constexpr int kSmallestBar = 10;
 constexpr int kLargestBar = 50;
-/// An estimate of the remaining time jumps about below this fraction and before this time.
-constexpr double kSmallestFractionForEstimate = 0.01;
-constexpr std::chrono::seconds kShortestTimeForEstimate{1};
+/// A server usually responds within this time. Only a longer wait is worth a message.
+constexpr std::chrono::seconds kSilentWait{3};
+constexpr std::chrono::milliseconds kBetweenLooks{500};
+
+std::chrono::seconds wholeSeconds(krv::Seconds seconds) {
+    return std::chrono::seconds(std::llround(seconds.count()));
+}
 
 int terminalColumns() {
     winsize size{};
@@ -34,12 +36,12 @@ std::string clockText(std::chrono::seconds seconds) {
                          : fmt::format("{}:{:02}", total / 60, total % 60);
 }
 
-std::string progressLine(double fraction, std::chrono::seconds elapsed, int columns) {
+std::string progressLine(double fraction, krv::Seconds elapsed, std::optional<krv::Seconds> remaining, int columns) {
     const double shown = std::clamp(fraction, 0.0, 1.0);
-    std::string text = fmt::format(" {:3.0f} %  {} elapsed", std::floor(shown * 100), clockText(elapsed));
-    if (shown >= kSmallestFractionForEstimate && elapsed >= kShortestTimeForEstimate) {
-        const auto left = static_cast<double>(elapsed.count()) * (1.0 - shown) / shown;
-        text += fmt::format(", {} left", clockText(std::chrono::seconds(std::llround(left))));
+    std::string text = fmt::format(" {:3.0f} %  {} elapsed", std::floor(shown * 100),
+                                   clockText(std::chrono::floor<std::chrono::seconds>(elapsed)));
+    if (remaining) {
+        text += fmt::format(", {} left", clockText(wholeSeconds(*remaining)));
     }
     const int room = columns - static_cast<int>(text.size()) - 3;
     if (room < kSmallestBar) {
@@ -51,35 +53,51 @@ std::string progressLine(double fraction, std::chrono::seconds elapsed, int colu
                        std::string(static_cast<std::size_t>(width - filled), '.'), text);
 }
 
-ProgressDisplay::ProgressDisplay(bool quiet, Queue queue)
+ProgressDisplay::ProgressDisplay(bool quiet, const krv::Clock& clock)
     : quiet_(quiet)
-    , queue_(std::move(queue))
-    , terminal_(::isatty(STDERR_FILENO) == 1) {}
+    , terminal_(::isatty(STDERR_FILENO) == 1)
+    , clock_(clock)
+    , start_(clock.now())
+    , timer_(krv::RunLoop::main().scheduleTimer(kBetweenLooks, [this] { tellWhatItWaitsFor(); })) {}
 
-bool ProgressDisplay::operation(const krv::KRVOperationBase::Ref& operation, float progress) {
-    operation_ = operation;
+ProgressDisplay::~ProgressDisplay() {
+    timer_->invalidate();
+}
+
+void ProgressDisplay::show(const krv::Progress& progress) {
     if (quiet_) {
-        return !Interruption::requested();
+        return;
     }
-    const auto before = mayWait_ && queue_ ? queue_(*operation) : std::nullopt;
-    if (before) {
-        drawWaiting(*before);
-    } else {
-        mayWait_ = false;
-        if (before_) {
-            restartClock();
-        }
-        draw(static_cast<double>(progress));
+    if (progress.attempt > attempt_) {
+        attempt_ = progress.attempt;
+        startOver();
     }
-    return !Interruption::requested();
+    waitingFor_ = progress.waitingFor;
+    tellWhatItWaitsFor();
+    elapsed_ = progress.elapsed;
+    switch (progress.state) {
+    case krv::Progress::State::WaitingForServer:
+        break;
+    case krv::Progress::State::Queued:
+        drawQueued(progress.position.value_or(0));
+        break;
+    case krv::Progress::State::Running:
+    case krv::Progress::State::Finishing:
+        draw(progress.fraction, progress.elapsed, progress.remaining);
+        break;
+    }
 }
 
-void ProgressDisplay::restartClock() {
-    start_ = std::chrono::steady_clock::now();
-    before_.reset();
+void ProgressDisplay::tellWhatItWaitsFor() {
+    if (quiet_ || waitingFor_.empty() || waitingFor_ == told_ || clock_.now() - start_ < kSilentWait) {
+        return;
+    }
+    told_ = waitingFor_;
+    fmt::print(stderr, "{}krvqt: waiting for the media server: {}\n",
+               std::exchange(lineDrawn_, false) ? "\r\033[K" : "", told_);
 }
 
-void ProgressDisplay::drawWaiting(std::int64_t before) {
+void ProgressDisplay::drawQueued(std::int64_t before) {
     if (before == before_) {
         return;
     }
@@ -94,31 +112,22 @@ void ProgressDisplay::drawWaiting(std::int64_t before) {
 }
 
 void ProgressDisplay::startOver() {
-    if (quiet_) {
-        return;
-    }
     fmt::print(stderr, "{}krvqt: the media server was lost; another one starts over\n",
                std::exchange(lineDrawn_, false) ? "\r\033[K" : "");
-    restartClock();
-    mayWait_ = true;
+    before_.reset();
     lastTenth_ = -1;
 }
 
-bool ProgressDisplay::operationWasCancelled() const {
-    return operation_ && operation_->cancelled();
-}
-
-void ProgressDisplay::draw(double fraction) {
-    const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start_);
+void ProgressDisplay::draw(double fraction, krv::Seconds elapsed, std::optional<krv::Seconds> remaining) {
     if (terminal_) {
-        fmt::print(stderr, "\r{}\033[K", progressLine(fraction, elapsed, terminalColumns()));
+        fmt::print(stderr, "\r{}\033[K", progressLine(fraction, elapsed, remaining, terminalColumns()));
         lineDrawn_ = true;
         return;
     }
     const int tenth = static_cast<int>(std::floor(fraction * 10));
     if (tenth > lastTenth_) {
         lastTenth_ = tenth;
-        fmt::print(stderr, "{} %  {}\n", tenth * 10, clockText(elapsed));
+        fmt::print(stderr, "{} %  {}\n", tenth * 10, clockText(std::chrono::floor<std::chrono::seconds>(elapsed)));
     }
 }
 
@@ -127,7 +136,7 @@ void ProgressDisplay::finish(bool completed) {
         return;
     }
     if (completed) {
-        draw(1.0);
+        draw(1.0, elapsed_, {});
     }
     if (lineDrawn_) {
         fmt::print(stderr, "{}", completed ? "\n" : "\r\033[K");

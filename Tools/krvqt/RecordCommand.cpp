@@ -6,8 +6,10 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include <KRVQTProcessClient/KRVQTProcessClient.h>
+
 #include "Commands.h"
-#include "FailureText.h"
+#include "Paths.h"
 
 namespace krvqt {
 namespace {
@@ -36,6 +38,17 @@ nlohmann::json jsonOf(const krv::EncodingParameters& parameters) {
     return json;
 }
 
+nlohmann::json jsonOf(const krv::Error& error) {
+    nlohmann::json json{{"domain", error.domain()},
+                        {"code", error.code()},
+                        {"description", error.localizedDescription()},
+                        {"reason", error.localizedFailureReason()}};
+    if (const auto userInfo = error.userInfo(); userInfo && userInfo->find(krv::kErrorFilePath)) {
+        json["path"] = (*userInfo)[krv::kErrorFilePath].stringValue();
+    }
+    return json;
+}
+
 nlohmann::json jsonOf(const Value& value) {
     switch (value.kind()) {
     case Value::Kind::Null:
@@ -59,7 +72,7 @@ nlohmann::json jsonOf(const Value& value) {
     case Value::Kind::Dictionary:
         return jsonOf(*value.dictionary());
     case Value::Kind::Error:
-        return failureJSON(*value.error());
+        return jsonOf(*value.error());
     case Value::Kind::Object:
         if (const auto* parameters = dynamic_cast<const krv::EncodingParameters*>(value.object().get())) {
             return jsonOf(*parameters);

@@ -5,7 +5,7 @@
 
 namespace krvqt {
 
-std::optional<krv::Size> sizeFrom(const std::string& text) {
+std::optional<PixelSize> sizeFrom(const std::string& text) {
     const auto cross = text.find_first_of("xX");
     if (cross == std::string::npos) {
         return std::nullopt;
@@ -24,7 +24,7 @@ std::optional<krv::Size> sizeFrom(const std::string& text) {
     if (!width || !height) {
         return std::nullopt;
     }
-    return krv::Size{static_cast<double>(*width), static_cast<double>(*height)};
+    return PixelSize{*width, *height};
 }
 
 std::optional<double> secondsFrom(std::string_view text) {

@@ -4,12 +4,17 @@
 #include <string>
 #include <string_view>
 
-#include <KRVQTProcessClient/KRVQTProcessClient.h>
-
 namespace krvqt {
 
+/// Width and height in pixels.
+struct PixelSize {
+    int width = 0;
+    int height = 0;
+    friend bool operator==(PixelSize, PixelSize) = default;
+};
+
 /// Parses "640x360". Either side may be 0 or missing, which is 0 too. Returns nullopt for any other text.
-[[nodiscard]] std::optional<krv::Size> sizeFrom(const std::string& text);
+[[nodiscard]] std::optional<PixelSize> sizeFrom(const std::string& text);
 
 /// Parses a time: seconds ("90.5"), minutes and seconds ("1:30.5") or hours, minutes and seconds ("0:01:30.5"). Returns
 /// seconds, or nullopt for any other text.

@@ -1,48 +1,32 @@
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include "Commands.h"
 #include "FileOperation.h"
-#include "OwnRecord.h"
 #include "Paths.h"
+#include "Question.h"
 
 namespace krvqt {
 
 ExitStatus showTimes(const TimesOptions& options, const CommonOptions& common) {
-    std::string movie = options.movie;
-    if (const ExitStatus status = makeAbsolute({&movie}); status != kDone) {
-        return status;
+    const auto times =
+        media(common)
+            .interestingTimes({.source = options.movie, .track = options.track, .control = untilInterrupted()})
+            .wait();
+    if (!times) {
+        return questionFailed("times", times.error(), common);
     }
-    const auto call = [&](const ServerAccess& access, krv::ErrorOut error) {
-        const auto record = krv::KRVOperationBase::getInterestingTimesOperation(movie, options.track.has_value(),
-                                                                                options.track.value_or(0));
-        const auto finished = runRecord(access, record, nullptr, error);
-        if (!finished && !*error) {
-            return kCancelled;
-        }
-        const auto result = finished ? finished->result() : nullptr;
-        const auto times = result ? (*result)[krv::kResultInterestingTimes].dictionary() : nullptr;
-        const auto values = times ? (*times)[krv::kResultInterestingTimeValues].array() : nullptr;
-        if (!values) {
-            return kFailed;
-        }
-        const auto timescale = (*times)[krv::kResultInterestingTimeTimescale].integerValue();
-        if (common.json) {
-            nlohmann::json json{{"operation", "times"}, {"status", "done"}, {"source", movie}};
-            json[std::string(krv::kResultInterestingTimeTimescale)] = timescale;
-            auto& list = json[std::string(krv::kResultInterestingTimeValues)] = nlohmann::json::array();
-            for (const krv::Value& value : *values) {
-                list.push_back(value.integerValue());
-            }
-            fmt::print("{}\n", json.dump());
-            return kDone;
-        }
-        for (const krv::Value& value : *values) {
-            fmt::print("{:.6f}\n", static_cast<double>(value.integerValue()) / static_cast<double>(timescale));
-        }
+    if (common.json) {
+        printJSON({{"operation", "times"},
+                   {"status", "done"},
+                   {"source", absolutePath(options.movie)},
+                   {"timescale", times->timescale},
+                   {"values", times->values}});
         return kDone;
-    };
-    return askQuestion("times", call, common);
+    }
+    for (const krv::Seconds time : times->seconds()) {
+        fmt::print("{:.6f}\n", time.count());
+    }
+    return kDone;
 }
 
 }  // namespace krvqt

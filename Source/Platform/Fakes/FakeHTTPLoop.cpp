@@ -42,9 +42,8 @@ void FakeHTTPLoop::advanceBy(Clock::Duration duration) {
     const auto end = clock_.now() + duration;
     runReady();
     for (;;) {
-        const auto next = std::min_element(timers_.begin(), timers_.end(), [](const auto& a, const auto& b) {
-            return a.second.due < b.second.due;
-        });
+        const auto next = std::min_element(timers_.begin(), timers_.end(),
+                                           [](const auto& a, const auto& b) { return a.second.due < b.second.due; });
         if (next == timers_.end() || next->second.due > end) {
             break;
         }

@@ -1,0 +1,23 @@
+#include "Question.h"
+
+#include <fmt/format.h>
+
+#include "FailureText.h"
+#include "Paths.h"
+
+namespace krvqt {
+
+ExitStatus questionFailed(std::string_view what, const krv::Failure& failure, const CommonOptions& common) {
+    const bool cancelled = failure.kind() == krv::Failure::Kind::Cancelled;
+    if (common.json) {
+        nlohmann::json json{{"operation", what}, {"status", cancelled ? "cancelled" : "failed"}};
+        if (!cancelled) {
+            json["error"] = failureJSON(failure);
+        }
+        printJSON(json);
+    }
+    fmt::print(stderr, "krvqt: {}\n", cancelled ? "cancelled" : failureText(failure));
+    return statusOf(failure);
+}
+
+}  // namespace krvqt
