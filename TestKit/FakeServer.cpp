@@ -159,14 +159,20 @@ public:
         }
     }
 
-    /// Blocks until everything that has been printed was read.
-    void catchUp() {
+    /// Sends a line and blocks until it has been confirmed, which is after everything that was printed before it.
+    /// Returns whether the program knows what the line names.
+    bool tell(const std::string& line) {
         std::unique_lock lock(mutex_);
-        const std::size_t wanted = ++asked_;
-        if (::send(link_.ours, "\n", 1, MSG_NOSIGNAL) == 1) {
-            changed_.wait(lock, [&] { return echoes_ >= wanted || ended_; });
+        const std::string text = line + '\n';
+        if (::send(link_.ours, text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size())) {
+            return false;
         }
+        const std::size_t wanted = ++asked_;
+        changed_.wait(lock, [&] { return confirmed_.size() >= wanted || ended_; });
+        return confirmed_.size() >= wanted && confirmed_[wanted - 1];
     }
+    /// Blocks until everything that has been printed was read.
+    void catchUp() { (void)tell(""); }
 
     template <typename Read>
     auto with(Read read) {
@@ -225,8 +231,8 @@ private:
         } else if (kind == "died") {
             server_ = 0;
             ++deaths_;
-        } else if (kind == "echo") {
-            ++echoes_;
+        } else if (kind == "done") {
+            confirmed_.push_back(event.value("known", false));
         } else if (kind == "failed") {
             failure_ = event.value("reason", "");
         }
@@ -246,7 +252,8 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::size_t asked_ = 0;
-    std::size_t echoes_ = 0;
+    /// For each line that was sent, whether it names something that the program knows.
+    std::vector<bool> confirmed_;
     bool ended_ = false;
     std::string failure_;
     pid_t pid_ = -1;
@@ -306,6 +313,12 @@ void FakeServer::waitForRequests(std::string_view operation, std::size_t count) 
 
 void FakeServer::waitForDeaths(std::size_t count) const {
     process_->wait([&] { return process_->deaths_ >= count; });
+}
+
+void FakeServer::open(std::string_view gate) {
+    if (!process_->tell("open " + std::string(gate))) {
+        throw std::invalid_argument("the script has no gate \"" + std::string(gate) + '"');
+    }
 }
 
 void FakeServer::kill() {

@@ -65,6 +65,9 @@ public:
     void waitForRequests(std::string_view operation, std::size_t count) const;
     /// Blocks until the server has died so often. Throws std::runtime_error if the program ends.
     void waitForDeaths(std::size_t count) const;
+    /// Opens a gate of the script: the operations that wait at it go on, and later ones do not wait. Throws
+    /// std::invalid_argument if the script has no such gate.
+    void open(std::string_view gate);
     /// Kills the server as a crash would, and returns when it has died. The script says whether another one follows.
     void kill();
 

@@ -19,6 +19,8 @@ using namespace std::chrono_literals;
 
 /// As long as the real server holds a reply about progress.
 constexpr auto kHold = 400ms;
+/// How often a closed gate is looked at. Another process opens it.
+constexpr auto kGateInterval = 5ms;
 
 /// Returns a failure of the real server with that code.
 server::Failure failureWith(std::int64_t code, const KRVOperationBase& request) {
@@ -86,8 +88,14 @@ Response FakeOperations::respond(const Ref& request) {
     if (isMediaOperation(type)) {
         return respondToMedia(request, rule);
     }
-    std::this_thread::sleep_for(rule.delay);
+    std::this_thread::sleep_for(std::max(rule.delay, delayOf(*request)));
     return rule.behaviour == Behaviour::Succeed ? respondToOther(request) : meet(rule, request, nullptr);
+}
+
+std::chrono::milliseconds FakeOperations::delayOf(const KRVOperationBase& request) {
+    const std::lock_guard lock(mutex_);
+    const Operation* const operation = find(request);
+    return operation ? operation->rule.delay : 0ms;
 }
 
 Response FakeOperations::respondToMedia(const Ref& request, const Rule& rule) {
@@ -165,52 +173,66 @@ Response FakeOperations::deathOf(const Rule& rule, Response response) const {
 
 Response FakeOperations::progress(const Ref& request) {
     std::unique_lock lock(mutex_);
-    Operation* operation = find(*request);
-    if (!operation) {
-        return {.record = unknown(*request)};
-    }
-    if (const auto delay = operation->rule.delay; delay > 0ms) {
-        lock.unlock();
-        std::this_thread::sleep_for(delay);
-        lock.lock();
-    }
     const auto deadline = std::chrono::steady_clock::now() + kHold;
     for (;;) {
-        operation = find(*request);
+        Operation* operation = find(*request);
         if (!operation) {
             return {.record = unknown(*request)};
         }
         if (operation->ended) {
             return {.record = stateOf(*request, *operation)};
         }
-        const Rule& rule = operation->rule;
-        const bool dies = rule.behaviour == Behaviour::Die || rule.behaviour == Behaviour::Exit;
-        const bool onLast = operation->step + 1 == operation->steps.size();
         if (operation->step < operation->steps.size() && !operation->shown) {
-            operation->shown = std::chrono::steady_clock::now();
-            Response response{.record = stateOf(*request, *operation)};
-            return dies && onLast ? deathOf(rule, std::move(response)) : response;
+            return show(*operation, request);
         }
-        const auto until = operation->shown ? *operation->shown + rule.every : TimePoint{};
-        const bool stands = rule.behaviour == Behaviour::Stall && onLast;
-        if (!stands && std::chrono::steady_clock::now() >= until) {
-            if (operation->step + 1 < operation->steps.size()) {
-                ++operation->step;
-                operation->shown.reset();
-                continue;
+        const Rule& rule = operation->rule;
+        const auto now = std::chrono::steady_clock::now();
+        const auto next = operation->shown ? *operation->shown + rule.every : now;
+        const bool stands = rule.behaviour == Behaviour::Stall && isAtLastStep(*operation);
+        const bool atGate = isAtLastStep(*operation) && isClosed(rule);
+        if (!stands && !atGate && now >= next) {
+            if (const auto response = advance(*operation, request)) {
+                return *response;
             }
-            if (rule.behaviour == Behaviour::Succeed) {
-                finish(*operation);
-                continue;
-            }
-            return meet(Rule(rule), request, operation);
+            continue;
         }
-        if (changed_.wait_until(lock, stands ? deadline : std::min(deadline, until)) == std::cv_status::timeout &&
-            std::chrono::steady_clock::now() >= deadline) {
-            operation = find(*request);
-            return {.record = operation ? stateOf(*request, *operation) : unknown(*request)};
+        if (now >= deadline) {
+            return {.record = stateOf(*request, *operation)};
         }
+        const auto wake = atGate ? now + kGateInterval : stands ? deadline : next;
+        changed_.wait_until(lock, std::min(wake, deadline));
     }
+}
+
+/// Reports the present number for the first time.
+Response FakeOperations::show(Operation& operation, const Ref& request) const {
+    operation.shown = std::chrono::steady_clock::now();
+    const Rule& rule = operation.rule;
+    const bool dies = rule.behaviour == Behaviour::Die || rule.behaviour == Behaviour::Exit;
+    Response response{.record = stateOf(*request, operation)};
+    return dies && isAtLastStep(operation) && !isClosed(rule) ? deathOf(rule, std::move(response)) : response;
+}
+
+bool FakeOperations::isAtLastStep(const Operation& operation) {
+    return operation.step + 1 >= operation.steps.size();
+}
+
+/// Goes on to the next number or, after the last one, to the end. Returns the response if the rule's behaviour decides
+/// about it.
+std::optional<Response> FakeOperations::advance(Operation& operation, const Ref& request) {
+    if (!isAtLastStep(operation)) {
+        ++operation.step;
+        operation.shown.reset();
+    } else if (operation.rule.behaviour == Behaviour::Succeed) {
+        finish(operation);
+    } else {
+        return meet(Rule(operation.rule), request, &operation);
+    }
+    return std::nullopt;
+}
+
+bool FakeOperations::isClosed(const Rule& rule) const {
+    return rule.gate && !shared_.isOpen(*rule.gate);
 }
 
 void FakeOperations::finish(Operation& operation) {
@@ -275,8 +297,9 @@ Response FakeOperations::respondToOther(const Ref& request) {
     const Ref reply = replyTo(*request);
     switch (request->operationType()) {
     case OpRegisterWithServer:
+    case OpUnregisterFromServer:
     case OpAmIRegistered:
-        reply->setIsClientRegistered(true);
+        reply->setIsClientRegistered(registration(*request));
         break;
     case OpCancelAllOperations: {
         const std::lock_guard lock(mutex_);
@@ -316,6 +339,17 @@ Response FakeOperations::respondToOther(const Ref& request) {
         break;
     }
     return {.record = reply};
+}
+
+bool FakeOperations::registration(const KRVOperationBase& request) {
+    const std::lock_guard lock(mutex_);
+    const std::int64_t client = request.regInfoPID().integerValue();
+    if (request.operationType() == OpRegisterWithServer) {
+        clients_.insert(client);
+    } else if (request.operationType() == OpUnregisterFromServer) {
+        clients_.erase(client);
+    }
+    return clients_.contains(client);
 }
 
 FakeOperations::Operation* FakeOperations::find(const KRVOperationBase& request) {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -66,6 +67,9 @@ private:
     Response respondToMedia(const Ref& request, const Rule& rule);
     Response respondToOther(const Ref& request);
     Response progress(const Ref& request);
+    Response show(Operation& operation, const Ref& request) const;
+    static bool isAtLastStep(const Operation& operation);
+    std::optional<Response> advance(Operation& operation, const Ref& request);
     Response meet(const Rule& rule, const Ref& request, Operation* operation);
     Response cancel(const Ref& request);
     Response result(const Ref& request);
@@ -74,6 +78,10 @@ private:
     static Ref replyTo(const KRVOperationBase& request);
     static Ref stateOf(const KRVOperationBase& request, const Operation& operation);
     static Ref unknown(const KRVOperationBase& request);
+    [[nodiscard]] bool isClosed(const Rule& rule) const;
+    std::chrono::milliseconds delayOf(const KRVOperationBase& request);
+    /// Registers or unregisters the client, or neither, as the request asks. Returns whether it is registered.
+    bool registration(const KRVOperationBase& request);
     void finish(Operation& operation);
     Operation* find(const KRVOperationBase& request);
 
@@ -84,6 +92,7 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::map<std::string, Operation> operations_;
+    std::set<std::int64_t> clients_;
 };
 
 }  // namespace krv::test_kit

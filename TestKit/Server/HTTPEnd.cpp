@@ -23,6 +23,9 @@
 namespace krv::test_kit {
 namespace {
 
+/// An application may wait for many operations at once.
+constexpr unsigned kMostConnections = 4096;
+constexpr std::size_t kStack = std::size_t{512} << 10;
 constexpr const char* kRecordType = "application/octet-stream";
 
 /// A request whose body is arriving, and what follows its response.
@@ -156,6 +159,7 @@ HTTPEnd::HTTPEnd(std::uint16_t port, Handler handler)
     internals_->daemon =
         MHD_start_daemon(MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_POLL, 0, nullptr,
                          nullptr, &Internals::handle, internals_.get(), MHD_OPTION_LISTEN_SOCKET, internals_->listener,
+                         MHD_OPTION_CONNECTION_LIMIT, kMostConnections, MHD_OPTION_THREAD_STACK_SIZE, kStack,
                          MHD_OPTION_NOTIFY_COMPLETED, &Internals::ended, internals_.get(), MHD_OPTION_END);
     if (!internals_->daemon) {
         throw std::runtime_error("the HTTP library does not start");

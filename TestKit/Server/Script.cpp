@@ -190,6 +190,19 @@ bool readCourse(Rule& rule, const std::string& key, const json& value) {
     return true;
 }
 
+/// Returns the number of the gate with that name, which may be a new one.
+std::size_t gate(Script& script, const std::string& name) {
+    if (const auto known = script.gateNamed(name)) {
+        return *known;
+    }
+    if (name.empty() || name.find('\n') != std::string::npos || script.gates.size() == Script::kMostGates) {
+        throw ScriptError(
+            fmt::format("\"gate\" is empty, has several lines, or is one of more than {}", Script::kMostGates));
+    }
+    script.gates.push_back(name);
+    return script.gates.size() - 1;
+}
+
 void check(const Rule& rule) {
     const auto needs = [](bool given, std::string_view what) {
         if (!given) {
@@ -204,12 +217,14 @@ void check(const Rule& rule) {
     }
     if (rule.behaviour == Behaviour::Succeed) {
         needs(!rule.at, "\"at\" needs a behaviour other than \"succeed\"");
+    } else if (rule.behaviour != Behaviour::Stall && rule.behaviour != Behaviour::Forget) {
+        needs(rule.at || !rule.gate, "\"gate\" needs \"at\", because the request itself meets the behaviour");
     }
     const bool onlyMedia = std::all_of(rule.types.begin(), rule.types.end(), [](std::int32_t type) {
         return std::any_of(kRequests.begin(), kRequests.begin() + kMediaRequests,
                            [type](const auto& row) { return row.value == type; });
     });
-    if (rule.at || rule.behaviour == Behaviour::Stall || rule.behaviour == Behaviour::Forget) {
+    if (rule.at || rule.gate || rule.behaviour == Behaviour::Stall || rule.behaviour == Behaviour::Forget) {
         needs(onlyMedia, "only media operations have a progress");
     }
 }
@@ -230,7 +245,9 @@ void readLine(Script& script, std::string_view line) {
     Rule rule;
     rule.contents = "written by krv-fake-server\n";
     for (const auto& [key, entry] : value.items()) {
-        if (!readWhat(rule, key, entry) && !readCourse(rule, key, entry)) {
+        if (key == "gate") {
+            rule.gate = gate(script, text(key, entry));
+        } else if (!readWhat(rule, key, entry) && !readCourse(rule, key, entry)) {
             throw ScriptError(fmt::format("a rule has no key \"{}\"", key));
         }
     }
@@ -257,6 +274,11 @@ Rule Script::ruleFor(std::int32_t type, std::uint32_t number) const {
     Rule usual;
     usual.contents = "written by krv-fake-server\n";
     return usual;
+}
+
+std::optional<std::size_t> Script::gateNamed(std::string_view name) const {
+    const auto place = std::find(gates.begin(), gates.end(), name);
+    return place == gates.end() ? std::nullopt : std::optional(static_cast<std::size_t>(place - gates.begin()));
 }
 
 Script parseScript(std::string_view script) {

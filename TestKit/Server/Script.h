@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <stdexcept>
@@ -30,6 +31,8 @@ struct Rule {
     std::chrono::milliseconds every{0};
     /// The positions in the queue that are reported before the operation begins.
     std::vector<std::int64_t> queue;
+    /// Number of the gate at which the operation waits before it ends or meets its behaviour.
+    std::optional<std::size_t> gate;
     /// Added to every response about the operation.
     std::chrono::milliseconds delay{0};
     /// Entries of the finished record, in place of the usual ones.
@@ -52,14 +55,20 @@ struct Rule {
 };
 
 struct Script {
+    static constexpr std::size_t kMostGates = 64;
+
     /// The first rule that applies is used. Without one, a request succeeds.
     std::vector<Rule> rules;
     /// How long after its death the server is replaced; empty: never. Long enough for clients to notice: one that asks
     /// the next server how its operation is hears that there is none.
     std::optional<std::chrono::milliseconds> restart{1000};
+    /// The names of the gates, by number.
+    std::vector<std::string> gates;
 
     /// Returns the rule for the nth request of the type.
     [[nodiscard]] Rule ruleFor(std::int32_t type, std::uint32_t number) const;
+    /// Returns the number of a gate, or nothing if no rule has it.
+    [[nodiscard]] std::optional<std::size_t> gateNamed(std::string_view name) const;
 };
 
 /// A script that cannot be played. The text names the line and the problem.

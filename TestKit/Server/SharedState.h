@@ -8,10 +8,12 @@
 
 #include <sys/mman.h>
 
+#include "Script.h"
+
 namespace krv::test_kit {
 
 /// What outlives a serving process: how many requests of each type have arrived, so that a rule for the second one also
-/// holds for the server that has replaced the first; and the port. Shared with the processes that are forked later.
+/// holds for the server that has replaced the first; which gates are open; and the port. Shared with the processes that are forked later.
 /// Thread-safe.
 class SharedState {
 public:
@@ -39,11 +41,15 @@ public:
     [[nodiscard]] std::uint16_t port() const { return contents_->port; }
     void setPort(std::uint16_t port) { contents_->port = port; }
 
+    [[nodiscard]] bool isOpen(std::size_t gate) const { return contents_->open[gate]; }
+    void open(std::size_t gate) { contents_->open[gate] = true; }
+
 private:
     static constexpr std::size_t kTypes = 32;
     struct Contents {
         std::array<std::atomic<std::uint32_t>, kTypes> requests{};
         std::atomic<std::uint32_t> operations{0};
+        std::array<std::atomic<bool>, Script::kMostGates> open{};
         std::atomic<std::uint16_t> port{0};
     };
 

@@ -212,19 +212,32 @@ private:
         return true;
     }
 
-    /// Each line of input is repeated in the output, behind everything that was printed before.
+    /// Returns whether to go on.
     bool handleInput() {
         char buffer[256];
         const ssize_t count = ::read(STDIN_FILENO, buffer, sizeof buffer);
         if (count <= 0) {
             return false;
         }
-        for (const char c : std::string_view(buffer, static_cast<std::size_t>(count))) {
-            if (c == '\n') {
-                print({{"event", "echo"}});
-            }
+        input_.append(buffer, static_cast<std::size_t>(count));
+        for (std::size_t end = 0; (end = input_.find('\n')) != std::string::npos; input_.erase(0, end + 1)) {
+            handleLine(std::string_view(input_).substr(0, end));
         }
         return true;
+    }
+
+    /// Opens a gate, or does nothing. Every line is confirmed behind everything that was printed before.
+    void handleLine(std::string_view line) {
+        constexpr std::string_view kOpen = "open ";
+        if (!line.starts_with(kOpen)) {
+            print({{"event", "done"}});
+            return;
+        }
+        const auto gate = script_.gateNamed(line.substr(kOpen.size()));
+        if (gate) {
+            shared_.open(*gate);
+        }
+        print({{"event", "done"}, {"known", gate.has_value()}});
     }
 
     [[nodiscard]] int stop() const {
@@ -240,6 +253,7 @@ private:
     SharedState shared_;
     int signals_ = -1;
     pid_t server_ = -1;
+    std::string input_;
     std::optional<Clock::time_point> restart_;
 };
 

@@ -203,6 +203,25 @@ TEST_F(FakeServerTest, ReportsThePositionsInTheQueueFirst) {
     EXPECT_THAT(positions, ElementsAre(Value(std::int64_t{2}), Value(std::int64_t{1}), Value()));
 }
 
+TEST_F(FakeServerTest, AnOperationWaitsAtAGateUntilItIsOpened) {
+    FakeServer server(R"({"operation": "convert", "progress": [0.25], "gate": "end"})");
+    std::jthread opener([&] {
+        server.waitForRequests("progress", 3);
+        EXPECT_FALSE(destinationExists());
+        server.open("end");
+    });
+    EXPECT_EQ(convert(), "");
+    EXPECT_GE(numbers->seen.size(), 2U);
+    EXPECT_THAT(numbers->seen, testing::Each(0.25F));
+    EXPECT_TRUE(destinationExists());
+}
+
+TEST_F(FakeServerTest, AGateThatNoRuleHasCannotBeOpened) {
+    FakeServer server(R"({"operation": "convert", "gate": "end"})");
+    EXPECT_THROW(server.open("start"), std::invalid_argument);
+    EXPECT_NO_THROW(server.open("end"));
+}
+
 TEST_F(FakeServerTest, AFullQueueMakesTheClientTryAgain) {
     const FakeServer server(R"({"operation": "convert", "nth": 1, "do": "queueFull"})");
     EXPECT_EQ(convert(), "");

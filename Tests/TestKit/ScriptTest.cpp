@@ -96,6 +96,28 @@ TEST(ScriptTest, SaysWhenADeadServerIsReplaced) {
     EXPECT_EQ(parseScript(R"({"restart": false})").restart, std::nullopt);
 }
 
+TEST(ScriptTest, RulesShareAGateByItsName) {
+    const Script script = parseScript(R"({"operation": "convert", "gate": "a"}
+{"operation": "merge", "gate": "b"}
+{"operation": "info", "gate": "a"})");
+    EXPECT_EQ(script.ruleFor(OpEncodeVideo, 1).gate, 0U);
+    EXPECT_EQ(script.ruleFor(OpMergeSources, 1).gate, 1U);
+    EXPECT_EQ(script.ruleFor(OpProvideMetadata, 1).gate, 0U);
+    EXPECT_EQ(script.gateNamed("b"), 1U);
+    EXPECT_EQ(script.gateNamed("c"), std::nullopt);
+}
+
+TEST(ScriptTest, HasACertainNumberOfGates) {
+    std::string script;
+    for (std::size_t i = 0; i < Script::kMostGates; ++i) {
+        script += "{\"gate\": \"" + std::to_string(i) + "\"}\n";
+    }
+    EXPECT_EQ(problemOf(script), "none");
+    EXPECT_EQ(problemOf(script + R"({"gate": "0"})"), "none");
+    EXPECT_EQ(problemOf(script + R"({"gate": "one more"})"),
+              "line 65: \"gate\" is empty, has several lines, or is one of more than 64");
+}
+
 TEST(ScriptTest, AFullQueueIsErrorOne) {
     const Rule rule = parseScript(R"({"do": "queueFull"})").ruleFor(OpEncodeVideo, 1);
     EXPECT_EQ(rule.behaviour, Behaviour::Fail);
@@ -133,6 +155,11 @@ TEST(ScriptTest, NamesTheLineAndTheProblem) {
         {R"({"at": 0.5})", "line 1: \"at\" needs a behaviour other than \"succeed\""},
         {R"({"operation": "register", "do": "stall"})", "line 1: only media operations have a progress"},
         {R"({"operation": "cancel", "do": "die", "at": 0.5})", "line 1: only media operations have a progress"},
+        {R"({"gate": ""})", "line 1: \"gate\" is empty, has several lines, or is one of more than 64"},
+        {R"({"gate": "a\nb"})", "line 1: \"gate\" is empty, has several lines, or is one of more than 64"},
+        {R"({"do": "die", "gate": "a"})",
+         "line 1: \"gate\" needs \"at\", because the request itself meets the behaviour"},
+        {R"({"operation": "cancel", "gate": "a"})", "line 1: only media operations have a progress"},
         {R"({"restart": true})", "line 1: \"restart\" is not an integer from 0 to 3600000"},
         {R"({"restart": 1, "do": "die"})", "line 1: \"restart\" needs a line of its own"},
     };
