@@ -319,6 +319,9 @@ std::shared_ptr<const Error> makeError(const KRVOperationBase& request, const Fa
     if (!path.empty() && path.size() < PATH_MAX) {
         userInfo.set(kErrorFilePath, path);
     }
+    if (failure.errorNumber > 0 && failure.errorNumber <= kLargestErrorNumber) {
+        userInfo.set(kErrorNumber, failure.errorNumber);
+    }
     return Error::make(std::string(kMediaServerErrorDomain), static_cast<std::int64_t>(row.code), std::move(userInfo));
 }
 

@@ -32,6 +32,14 @@ std::string errorText(const Error& error, std::string_view key) {
     return text->stringValue();
 }
 
+/// Returns whether an error of this code can have this error number.
+bool isErrorNumber(std::int64_t code, const Value& number) {
+    const bool fromTheSystem = code == static_cast<std::int64_t>(OperationErrorCode::UnreadableSource) ||
+                               code == static_cast<std::int64_t>(OperationErrorCode::UnwritableDestination);
+    return fromTheSystem && number.kind() == Kind::Integer && number.integerValue() > 0 &&
+           number.integerValue() <= kLargestErrorNumber;
+}
+
 std::shared_ptr<const Error> checkedError(const KRVOperationBase& request, const Error& error) {
     if (error.domain() != kMediaServerErrorDomain) {
         throw Lie{"an error of another domain"};
@@ -51,6 +59,12 @@ std::shared_ptr<const Error> checkedError(const KRVOperationBase& request, const
             throw Lie{"an error about a file of its own choice"};
         }
         userInfo.set(kErrorFilePath, path);
+    }
+    if (const Value* const number = error.userInfo()->find(kErrorNumber)) {
+        if (!isErrorNumber(error.code(), *number)) {
+            throw Lie{"an invalid error number"};
+        }
+        userInfo.set(kErrorNumber, *number);
     }
     return Error::make(error.domain(), error.code(), std::move(userInfo));
 }

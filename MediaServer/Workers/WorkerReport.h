@@ -29,7 +29,8 @@ inline constexpr std::size_t kLongestDescriptionText = 4096;
 /// Returns the failure that the record reports, or completion with what may be in the reply. A record that no honest
 /// worker sends is an internal error. Pure.
 ///
-///   - An error has the media server's domain, a code from 3 to 9, our keys only, and a path of the request.
+///   - An error has the media server's domain, a code from 3 to 9, our keys only, and a path of the request. Codes 3
+///     and 5 may have an error number that the system uses.
 ///   - There are at most as many thumbnails as were asked for, each with a time and a slice of the worker's file of at
 ///     most kLargestPoster bytes. The slices do not overlap.
 ///   - A description has its own keys only, each with a value of the right kind; the path is that of the source.

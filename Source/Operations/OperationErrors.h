@@ -7,7 +7,8 @@
 
 /// The errors that the media server reports. An error record of this domain has one of the codes below,
 /// `NSLocalizedDescriptionKey` (a sentence for a person that names the file), `NSLocalizedFailureReasonErrorKey` (the
-/// technical cause) and, where a file is concerned, `kErrorFilePath`.
+/// technical cause) and, where a file is concerned, `kErrorFilePath`. Where a failed system call is the cause, it has
+/// `kErrorNumber`.
 namespace krv {
 
 /// Domain of every error that the media server reports: "KRVQuicktimeProcess".
@@ -15,6 +16,10 @@ KRV_EXPORT extern const std::string_view kMediaServerErrorDomain;
 
 /// User-info key, string: absolute path of the file that the error is about.
 KRV_EXPORT extern const std::string_view kErrorFilePath;
+
+/// User-info key, integer: the error number (errno) of the system call that failed, such as ENOSPC or EACCES. Missing if
+/// the error has another cause.
+KRV_EXPORT extern const std::string_view kErrorNumber;
 
 /// Codes of kMediaServerErrorDomain. The numbers are part of the wire form.
 enum class OperationErrorCode : std::int64_t {

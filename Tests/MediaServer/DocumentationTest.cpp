@@ -58,6 +58,7 @@ TEST(Documentation, NamesEveryKey) {
                                        kMediaMetadataFrameRate,
                                        kMediaMetadataPoster,
                                        kErrorFilePath,
+                                       kErrorNumber,
                                        kMediaServerErrorDomain}) {
         EXPECT_THAT(page(), testing::HasSubstr(fmt::format("\"{}\"", key)));
     }

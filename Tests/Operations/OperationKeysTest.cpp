@@ -64,9 +64,10 @@ TEST(OperationKeys, HaveTheTextsOfTheWireForm) {
                                              "metadataFrameRate", "metadataPoster"}));
 }
 
-TEST(OperationErrors, HaveTheServersDomainAndTheirKey) {
+TEST(OperationErrors, HaveTheServersDomainAndTheirKeys) {
     EXPECT_EQ(kMediaServerErrorDomain, "KRVQuicktimeProcess");
     EXPECT_EQ(kErrorFilePath, "KRVFilePath");
+    EXPECT_EQ(kErrorNumber, "KRVErrorNumber");
 }
 
 TEST(OperationKeys, AreDistinct) {

@@ -170,6 +170,31 @@ TEST(FailureSentence, SaysInWordsWhatTheSystemReports) {
     EXPECT_EQ((*full->userInfo())[kErrorFilePath], Value("/movies/out.mp4"));
 }
 
+TEST(FailureSentence, ComesWithTheNumberOfTheSystemsError) {
+    const auto request = R::encodeVideoOperation("/movies/good.mov", "/movies/out.mp4");
+    for (const int number : {ENOENT, EACCES, ENOSPC, EROFS, 4095}) {
+        for (const FailureCause cause : {FailureCause::UnreadableSource, FailureCause::UnwritableDestination}) {
+            const auto error = makeError(*request, {.cause = cause, .errorNumber = number});
+            EXPECT_EQ((*error->userInfo())[kErrorNumber], Value(number));
+            EXPECT_EQ(error->userInfo()->size(), 4U);
+        }
+    }
+}
+
+TEST(FailureSentence, ComesWithoutANumberIfNoSystemCallHasFailed) {
+    const auto request = requests()[0];
+    for (const FailureCause cause : failureCauses()) {
+        const Failure failure = example(cause);
+        const auto error = makeError(*request, failure);
+        EXPECT_EQ(error->userInfo()->find(kErrorNumber) != nullptr, failure.errorNumber != 0)
+            << error->localizedDescription();
+    }
+    for (const int number : {0, -1, 4096}) {  // no errors of the system
+        const auto error = makeError(*request, {.cause = FailureCause::UnreadableSource, .errorNumber = number});
+        EXPECT_EQ(error->userInfo()->find(kErrorNumber), nullptr) << number;
+    }
+}
+
 TEST(FailureSentence, NamesTheSourceOfAMergeThatIsToBlame) {
     const auto merge = requests()[4];
     const auto error = makeError(*merge, {.cause = FailureCause::NoVideoOrAudioTrack, .source = 1});

@@ -83,7 +83,22 @@ TEST_P(LyingReports, AreInternalErrors) {
     EXPECT_EQ(outcome.error->localizedDescription(), "Cannot make thumbnails of a.mov: an internal error occurred.");
 }
 
-INSTANTIATE_TEST_SUITE_P(Reports, LyingReports, testing::Values("ErrorOne", "TooManyThumbnails", "NoResult"),
+INSTANTIATE_TEST_SUITE_P(Reports, LyingReports,
+                         testing::Values("ErrorOne", "HugeErrorNumber", "TooManyThumbnails", "NoResult"),
+                         [](const auto& test) { return std::string(test.param); });
+
+class LyingDescriptions : public LyingWorkers {};
+
+TEST_P(LyingDescriptions, AreInternalErrors) {
+    const Outcome outcome =
+        runner_.run(*KRVOperationBase::provideMetadataFor("/a.mov"), {}, cancellation_, [](double) {});
+    EXPECT_EQ(outcome.kind, Outcome::Kind::Failed);
+    ASSERT_NE(outcome.error, nullptr);
+    EXPECT_EQ(outcome.error->code(), 8);
+    EXPECT_EQ(outcome.error->localizedFailureReason(), "the worker sent no list of tracks, or one that is too long");
+}
+
+INSTANTIATE_TEST_SUITE_P(Reports, LyingDescriptions, testing::Values("TooManyTracks"),
                          [](const auto& test) { return std::string(test.param); });
 
 class EmptyOutputs : public LyingReports {};

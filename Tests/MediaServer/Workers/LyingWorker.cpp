@@ -35,6 +35,15 @@ void report(const std::string& name, WorkerChannel& channel) {
         end.setError(
             Error::make(std::string(kMediaServerErrorDomain), 1,
                         {{NSLocalizedDescriptionKey, "try again"}, {NSLocalizedFailureReasonErrorKey, "why"}}));
+    } else if (name == "HugeErrorNumber") {
+        end.setError(Error::make(std::string(kMediaServerErrorDomain), 3,
+                                 {{NSLocalizedDescriptionKey, "cannot"},
+                                  {NSLocalizedFailureReasonErrorKey, "why"},
+                                  {kErrorNumber, std::int64_t{1} << 40}}));
+    } else if (name == "TooManyTracks") {
+        end.setMetadata(std::make_shared<const Dictionary>());
+        Array tracks(kMostMovieTracks + 1, Value(std::make_shared<Dictionary>()));
+        end.setResult(std::make_shared<Dictionary>(Dictionary{{kResultMovieTracks, std::move(tracks)}}));
     } else if (name == "TooManyThumbnails") {
         Array pictures(3000, Value(std::make_shared<Dictionary>(Dictionary{
                                  {kResultThumbnailTime, 0.0}, {kThumbnailOffset, 0}, {kThumbnailLength, 1}})));

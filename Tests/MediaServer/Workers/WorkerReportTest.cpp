@@ -73,6 +73,7 @@ TEST(WorkerReport, PassesTheErrorsThatAWorkerFinds) {
         EXPECT_EQ(*outcome.error, *error(code));
     }
     const auto real = makeError(*kEncode, {.cause = FailureCause::UnwritableDestination, .errorNumber = 28});
+    ASSERT_EQ((*real->userInfo())[kErrorNumber], Value(28));
     EXPECT_EQ(*outcomeOf(*kEncode, *withError(real), kSmall).error, *real);
 }
 
@@ -92,6 +93,23 @@ TEST(WorkerReport, RefusesErrorsThatAreNotOurs) {
               "an error without a valid NSLocalizedDescription");
     expectLie(kEncode, withError(error(3, {{kErrorFilePath, "/etc/passwd"}})),
               "an error about a file of its own choice");
+}
+
+TEST(WorkerReport, RefusesErrorNumbersThatTheSystemDoesNotHave) {
+    for (const Value& wrong : {Value(0), Value(-28), Value(4096), Value(std::numeric_limits<std::int64_t>::max()),
+                               Value(28.0), Value("28"), Value(true), Value()}) {
+        expectLie(kEncode, withError(error(5, {{kErrorNumber, wrong}})), "an invalid error number");
+    }
+    for (const std::int64_t number : {1, 28, 4095}) {
+        const auto claimed = error(5, {{kErrorNumber, number}});
+        EXPECT_EQ(*outcomeOf(*kEncode, *withError(claimed), kSmall).error, *claimed);
+    }
+}
+
+TEST(WorkerReport, RefusesErrorNumbersOfErrorsThatNoSystemCallCauses) {
+    for (const std::int64_t code : {4, 6, 7, 8, 9}) {
+        expectLie(kEncode, withError(error(code, {{kErrorNumber, 28}})), "an invalid error number");
+    }
 }
 
 TEST(WorkerReport, DropsWhatElseAnErrorHas) {

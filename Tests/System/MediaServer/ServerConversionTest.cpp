@@ -1,9 +1,11 @@
 // Conversions with the real server and its workers: how they end, and which files remain.
+#include <cerrno>
 #include <cmath>
 #include <csignal>
 #include <fstream>
 #include <iterator>
 #include <limits>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -37,6 +39,7 @@ TEST_F(Server, ReportsBadInputWithTheDocumentedError) {
         int code;
         std::string path;
         std::string sentence;
+        std::optional<int> number{};
     };
     const std::string name = folder.path().filename().string();
     fs::create_symlink(movie(), folder.path() / "link.mov");
@@ -45,7 +48,8 @@ TEST_F(Server, ReportsBadInputWithTheDocumentedError) {
     const std::string copy = (folder.path() / "copy.mov").string();
     const std::string twin = (folder.path() / "twin.mov").string();
     for (const Case& each : std::vector<Case>{
-             {"/missing/in.mov", out(), 3, "/missing/in.mov", "Cannot convert in.mov: the file does not exist."},
+             {"/missing/in.mov", out(), 3, "/missing/in.mov", "Cannot convert in.mov: the file does not exist.",
+              ENOENT},
              {empty, out(), 4, empty, "Cannot convert empty.mov: the file is empty."},
              {text, out(), 4, text,
               "Cannot convert text.mp4: its index is missing, so it is incomplete or not a movie."},
@@ -55,11 +59,11 @@ TEST_F(Server, ReportsBadInputWithTheDocumentedError) {
               fmt::format("Cannot convert {}: it is a folder.", name)},
              {"/dev/null", out(), 4, "/dev/null", "Cannot convert null: it is not a regular file."},
              {movie(), "/missing/out.mp4", 5, "/missing/out.mp4",
-              "Cannot convert plain.mov: the folder of out.mp4 does not exist."},
+              "Cannot convert plain.mov: the folder of out.mp4 does not exist.", ENOENT},
              {movie(), folder.path().string(), 5, folder.path().string(),
-              fmt::format("Cannot convert plain.mov: {} cannot be written because it is a folder.", name)},
+              fmt::format("Cannot convert plain.mov: {} cannot be written because it is a folder.", name), EISDIR},
              {movie(), "/proc/out.mp4", 5, "/proc/out.mp4",
-              "Cannot convert plain.mov: the folder of out.mp4 does not exist."},
+              "Cannot convert plain.mov: the folder of out.mp4 does not exist.", ENOENT},
              {movie(), out("out.xyz"), 6, out("out.xyz"),
               "Cannot convert plain.mov to out.xyz: the container \"xyz\" is not supported."},
              {copy, copy, 10, copy, "Cannot convert copy.mov: source and destination are the same file."},
@@ -70,6 +74,7 @@ TEST_F(Server, ReportsBadInputWithTheDocumentedError) {
         EXPECT_EQ(error->code(), each.code) << each.source << " " << error->description();
         EXPECT_EQ(error->localizedDescription(), each.sentence);
         EXPECT_EQ((*error->userInfo())["KRVFilePath"], Value(each.path));
+        EXPECT_EQ((*error->userInfo())[kErrorNumber], each.number ? Value(*each.number) : Value());
         EXPECT_FALSE(error->localizedFailureReason().empty());
         EXPECT_EQ(filesInOut(), 0U);
     }
@@ -103,6 +108,7 @@ void expectDenied(const std::shared_ptr<const Error>& error, int code, const std
     EXPECT_EQ(error->code(), code) << error->description();
     EXPECT_EQ(error->localizedDescription(), sentence);
     EXPECT_EQ(error->localizedFailureReason(), "Permission denied");
+    EXPECT_EQ((*error->userInfo())[kErrorNumber], Value(EACCES));
     EXPECT_EQ((*error->userInfo())["KRVFilePath"], Value(path));
 }
 

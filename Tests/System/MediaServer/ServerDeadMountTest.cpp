@@ -130,6 +130,7 @@ TEST_F(DeadDrive, IsAnErrorAfterAWhile) {
     EXPECT_EQ(read->code(), 3);
     EXPECT_EQ(read->localizedDescription(), "Cannot describe movie.mov: its drive does not respond.");
     EXPECT_EQ((*read->userInfo())["KRVFilePath"], Value(source));
+    EXPECT_EQ(read->userInfo()->find(kErrorNumber), nullptr);
     const auto written = waitForEnd(conversion)->error();
     ASSERT_TRUE(written);
     EXPECT_EQ(written->code(), 5);

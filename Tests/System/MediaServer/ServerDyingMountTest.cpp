@@ -1,5 +1,6 @@
 // The real server with a source on a drive that stops responding while it is read, and when it is closed.
 #include <array>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <tuple>
@@ -100,6 +101,20 @@ TEST_P(DyingDrive, ThatDiesWhileItIsReadDoesNotKeepTheServerFromExiting) {
     }
     EXPECT_EQ(filesInOut(), 0U);
     exitsAfterSignals(0);
+}
+
+TEST_P(DyingDrive, ThatFailsWhileItIsReadIsErrorThreeWithTheSystemsNumber) {
+    begin(DyingMount::DiesAt::Read);
+    mount->respond();
+    const auto error = waitForEnd()->error();
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code(), 3) << error->description();
+    EXPECT_EQ((*error->userInfo())[kErrorFilePath], Value(mount->file()));
+    const Value number = (*error->userInfo())[kErrorNumber];
+    ASSERT_EQ(number.kind(), Value::Kind::Integer);
+    EXPECT_EQ(error->localizedFailureReason(), std::strerror(static_cast<int>(number.integerValue())));
+    EXPECT_EQ(filesInOut(), 0U);
+    exitsAfterSignals(1);
 }
 
 TEST_P(DyingDrive, ThatDiesWhenItIsClosedCostsNothing) {

@@ -69,6 +69,7 @@ TEST_F(Joining, ABadMovieFailsEverythingAndIsNamed) {
     EXPECT_EQ(missing->code(), 3);
     EXPECT_EQ(missing->localizedDescription(), "Cannot merge exist.mov: the file does not exist.");
     EXPECT_EQ((*missing->userInfo())[kErrorFilePath].stringValue(), "/does/not/exist.mov");
+    EXPECT_EQ((*missing->userInfo())[kErrorNumber], Value(ENOENT));
     EXPECT_EQ(filesInOut(), 0U);
 }
 

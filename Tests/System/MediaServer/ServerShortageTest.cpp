@@ -1,4 +1,5 @@
 // The real server without enough disk space or memory.
+#include <cerrno>
 #include <cstdint>
 #include <fstream>
 #include <iostream>
@@ -42,6 +43,26 @@ private:
     bool mounted_ = false;
 };
 
+/// Makes a mount point read-only. The destructor makes it writable again.
+class ReadOnly {
+public:
+    explicit ReadOnly(std::string place)
+        : place_(std::move(place))
+        , done_(remount(MS_RDONLY)) {}
+    ~ReadOnly() { (void)remount(0); }
+    ReadOnly(const ReadOnly&) = delete;
+    ReadOnly& operator=(const ReadOnly&) = delete;
+
+    [[nodiscard]] bool isDone() const { return done_; }
+
+private:
+    [[nodiscard]] bool remount(unsigned long flags) const {
+        return ::mount("tmpfs", place_.c_str(), "tmpfs", MS_REMOUNT | flags, nullptr) == 0;
+    }
+    const std::string place_;
+    const bool done_;
+};
+
 class Shortage : public Server {
 protected:
     static std::string contents(const std::string& path) {
@@ -53,6 +74,7 @@ protected:
         EXPECT_EQ(error->domain(), "KRVQuicktimeProcess");
         EXPECT_EQ(error->code(), 5) << error->description();
         EXPECT_EQ(error->localizedFailureReason(), "No space left on device");
+        EXPECT_EQ((*error->userInfo())[kErrorNumber], Value(ENOSPC));
         EXPECT_NE(error->localizedDescription().find(fs::path(path).filename().string()), std::string::npos);
         EXPECT_EQ((*error->userInfo())["KRVFilePath"], Value(path));
     }
@@ -103,6 +125,37 @@ TEST_F(Shortage, WhereverTheDiskFillsUpTheOutputIsCompleteOrAbsent) {
     EXPECT_GT(refused, 0);
     EXPECT_EQ(convert(movie(), out("again.mp4")), nullptr);
     std::cout << "[ measured ] " << refused << " refused, " << made << " made\n";
+}
+
+TEST_F(Shortage, AReadOnlyDiskIsErrorFiveForEveryKindOfOutput) {
+    start();
+    const SmallDisk disk(folder.path() / "disk", "size=2m");
+    ASSERT_TRUE(disk.isMounted());
+    std::ofstream(disk.file("old.mp4")) << "old";
+    fs::create_directory(disk.file("pictures"));
+    const ReadOnly remounted(disk.file(""));
+    ASSERT_TRUE(remounted.isDone());
+    const std::string source = movie();
+    for (const R::Ref& request :
+         {R::encodeVideoOperation(source, disk.file("new.mp4")), R::encodeVideoOperation(source, disk.file("old.mp4")),
+          R::muxAudioTo2chOperation(source, disk.file("new.mov")),
+          R::mergeSourcesOperation(Value(Array{source}), disk.file("new.mov"), false),
+          R::createThumbnailsForVideo(source, disk.file("pictures"), {}),
+          R::createThumbnailsForVideo(source, disk.file("more pictures"), {})}) {
+        const auto reply = ask(request);
+        R::Ref state = reply;
+        while (!state->completed() && !state->error()) {
+            state = ask(R::progressAndCompletionOperation(reply->uniqueID()));
+        }
+        const auto error = state->error();
+        ASSERT_TRUE(error) << request->nameFromType();
+        EXPECT_EQ(error->code(), 5) << error->description();
+        EXPECT_EQ((*error->userInfo())[kErrorNumber], Value(EROFS)) << error->description();
+        EXPECT_EQ((*error->userInfo())[kErrorFilePath], Value(request->encodingDestinationFilename().value_or("")));
+        EXPECT_NE(error->localizedDescription().find("the file system is read-only"), std::string::npos);
+    }
+    EXPECT_TRUE(contents(disk.file("old.mp4")) == "old");
+    EXPECT_EQ(disk.files(), 2U);
 }
 
 /// Returns a GIF of forty-three bytes with one picture of 16,000 x 16,000 pixels.
