@@ -16,6 +16,7 @@
 
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 
+#include <MediaServer/Media/Codec/StaticTables.h>
 #include <MediaServer/Protocol/WorkerChannel.h>
 #include <MediaServer/Worker/DefaultFont.h>
 #include <MediaServer/Worker/MediaWork.h>
@@ -66,6 +67,7 @@ int main(int argc, char** argv) {
     }
     const krv::media::Font font = mapDefaultFont();
     enterTemplateSandbox(limits);
+    krv::media::computeStaticTables();
     dropStartUpPages();
     Descriptor workerEnd = forkWorkers(server, Descriptor(kControlDescriptor));
 
