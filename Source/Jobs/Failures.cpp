@@ -148,7 +148,7 @@ const char* BadResultAccess::what() const noexcept {
 Failure failureFrom(const Error& error) {
     const auto userInfo = error.userInfo();
     const fs::path file = userInfo ? (*userInfo)[kErrorFilePath].stringValue() : std::string();
-    const std::int64_t number = userInfo ? (*userInfo)["KRVErrorNumber"].integerValue() : 0;
+    const std::int64_t number = userInfo ? (*userInfo)[kErrorNumber].integerValue() : 0;
     const bool fromServer = error.domain() == kMediaServerErrorDomain;
     const Verdict judged =
         fromServer ? verdict(static_cast<OperationErrorCode>(error.code()), file, number) : Verdict{Kind::Internal, ""};

@@ -21,7 +21,7 @@ Failure reported(OperationErrorCode code, const std::string& file = "/nosuch/in.
                         {NSLocalizedFailureReasonErrorKey, "the cause"},
                         {kErrorFilePath, file}};
     if (number != 0) {
-        userInfo.set("KRVErrorNumber", number);
+        userInfo.set(kErrorNumber, number);
     }
     return failureFrom(
         *Error::make(std::string(kMediaServerErrorDomain), static_cast<std::int64_t>(code), std::move(userInfo)));

@@ -103,11 +103,11 @@ SystemFixture::~SystemFixture() {
     }
 }
 
-std::string SystemFixture::install(const std::string& name, bool withServer) {
+std::string SystemFixture::install(const std::string& name, bool withServer, const std::string& program) {
     const fs::path place = folder.path() / name;
     fs::create_directories(place);
     const fs::path application = place / "TestApplication";
-    fs::copy_file(KRV_TEST_APPLICATION, application, fs::copy_options::overwrite_existing);
+    fs::copy_file(program, application, fs::copy_options::overwrite_existing);
     if (withServer) {
         fs::create_directory_symlink(KRV_SERVER_BUNDLE, place / "KRVQuicktimeProcess.app");
     }

@@ -52,8 +52,10 @@ protected:
     /// Kills the servers, which outlive the applications.
     ~SystemFixture() override;
 
-    /// Installs an application and, beside it, the media server's bundle. Returns the application's path.
-    std::string install(const std::string& name = "App", bool withServer = true);
+    /// Installs an application, by default the TestApplication, and, beside it, the media server's bundle. Returns the
+    /// application's path.
+    std::string install(const std::string& name = "App", bool withServer = true,
+                        const std::string& program = KRV_TEST_APPLICATION);
     /// Replaces the media server's program in the bundle by another one. An empty path leaves the bundle without a
     /// program.
     void replaceServer(const std::string& application, const std::string& program) const;
