@@ -23,6 +23,10 @@ constexpr std::uintptr_t kBlockHeader = sizeof(std::size_t);
 
 }  // namespace
 
+void mergeFreedMemory() noexcept {
+    ::mallopt(M_MXFAST, 0);
+}
+
 void reuseMemory() noexcept {
     ::mallopt(M_MMAP_THRESHOLD, kMostFromHeap);
     ::mallopt(M_TRIM_THRESHOLD, kNeverReturned);

@@ -20,6 +20,7 @@
 #include <MediaServer/Protocol/WorkerChannel.h>
 #include <MediaServer/Worker/DefaultFont.h>
 #include <MediaServer/Worker/MediaWork.h>
+#include <MediaServer/Worker/ReusedMemory.h>
 #include <MediaServer/Worker/Sandbox.h>
 #include <MediaServer/Worker/StartUpPages.h>
 #include <MediaServer/Worker/WorkerTemplate.h>
@@ -60,6 +61,7 @@ int main(int argc, char** argv) {
     ::close_range(kControlDescriptor + 1, ~0U, 0);
     std::signal(SIGPIPE, SIG_IGN);
     volunteerForOutOfMemory();
+    mergeFreedMemory();
 
     WorkerLimits limits;
     if (const std::uint64_t memory = argc > 2 ? std::strtoull(argv[2], nullptr, 10) : 0; memory > 0) {
