@@ -149,7 +149,8 @@ void OutputFile::write(const AVStream& stream, AVPacket& packet, AVRational time
     // A damaged header can make a frame last for days, which no container can store. Use the longest duration that it
     // can store.
     packet.duration = std::clamp<std::int64_t>(packet.duration, 0, std::numeric_limits<int>::max());
-    const int result = av_interleaved_write_frame(format_, &packet);
+    const int result = keepsOrder_ ? av_write_frame(format_, &packet) : av_interleaved_write_frame(format_, &packet);
+    av_packet_unref(&packet);
     if (result == AVERROR_INVALIDDATA && io_.errorNumber() == 0) {
         return;
     }

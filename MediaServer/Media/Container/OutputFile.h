@@ -50,11 +50,15 @@ public:
     /// Throws Failure with UnwritableDestination or ContainerRefusesTracks.
     void writeHeader();
 
+    /// Makes write() keep the order of its calls instead of sorting the packets by time. For packets that come
+    /// interleaved from another movie, and a container with an index of all packets.
+    void keepOrder() noexcept { keepsOrder_ = true; }
+
     /// Sets what is called after each packet that is written.
     void onWrite(std::function<void()> written) { written_ = std::move(written); }
 
     /// Takes ownership of the packet's data and interleaves it with the packets of the other streams. Its times are in
-    /// units of timeBase. Drops a packet whose content the container rejects.
+    /// units of timeBase. The packet is empty afterwards. Drops a packet whose content the container rejects.
     /// Throws Failure with UnwritableDestination or InternalError.
     void write(const AVStream& stream, AVPacket& packet, AVRational timeBase);
 
@@ -88,6 +92,7 @@ private:
     std::vector<TrackEnd> ends_;
     const AVPacket* cover_ = nullptr;
     bool coverIsPNG_ = false;
+    bool keepsOrder_ = false;
     std::function<void()> written_ = [] {};
     DescriptorIO io_;
     std::unique_ptr<DescriptorIO> reader_;

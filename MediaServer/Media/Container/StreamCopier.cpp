@@ -115,7 +115,6 @@ void StreamCopier::write(const AVPacket& packet) {
     }
     makeTimesValid(*packet_);
     output_->write(*to_, *packet_, to_->time_base);
-    av_packet_unref(packet_.get());
 }
 
 // In containers without decoding times the first ones are unknown. Reordered frames are decoded as many frame durations

@@ -54,6 +54,9 @@ void Pump::addCopy(const StreamPlan& plan) {
 void Pump::run(bool encodes) {
     const std::int64_t index = output_.container().indexInFront ? expectedIndexSize() : 0;
     output_.expectIndex(index);
+    if (index > 0 && !encodes) {
+        output_.keepOrder();
+    }
     progress_.beginPhase(encodes || index > 0 || !output_.container().indexInFront ? kEncoded : kCopied);
     reader_.emplace(source_, read_);
     const auto queued = prime();

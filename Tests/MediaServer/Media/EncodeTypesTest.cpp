@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <utility>
+#include <vector>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -6,6 +8,7 @@
 #include <gmock/gmock.h>
 
 #include "MediaTestKit.h"
+#include "Numbers.h"
 
 namespace krv::media::test {
 namespace {
@@ -107,6 +110,35 @@ TEST(Encode, FlattenCopiesWhateverTheTypeAndPutsTheIndexInFront) {
     EXPECT_LT(bytes.find("moov"), bytes.find("mdat"));
     const std::string before = readFile(testMedia("plain.mov"));
     EXPECT_GT(before.find("moov"), before.find("mdat")) << "the source must have its index at the end";
+}
+
+/// Returns by how much the decoding time steps back at most from packet to packet, in the order in which they are in the
+/// file. In seconds.
+double largestStepBack(const std::string& path) {
+    const auto json = nlohmann::json::parse(
+        run({KRV_FFPROBE, "-v", "quiet", "-of", "json", "-show_entries", "packet=dts_time,pos", path}));
+    std::vector<std::pair<double, double>> placed;
+    for (const auto& packet : json.at("packets")) {
+        placed.emplace_back(number(packet, "pos"), number(packet, "dts_time"));
+    }
+    std::sort(placed.begin(), placed.end());
+    double largest = 0;
+    for (std::size_t i = 1; i < placed.size(); ++i) {
+        largest = std::max(largest, placed[i - 1].second - placed[i].second);
+    }
+    return largest;
+}
+
+TEST(Encode, FlattenInterleavesTracksThatFollowOneAnother) {
+    const OutputPath source("mov");
+    (void)run({KRV_FFMPEG, "-v", "quiet", "-y", "-i", corpus("recording.mov"), "-map", "0", "-c", "copy",
+               "-chunk_duration", "8000000", source.path()});
+    ASSERT_GT(largestStepBack(source.path()), 5);
+    const auto output = convert({.source = source.path(), .extension = "mov", .flatten = true});
+    EXPECT_LT(largestStepBack(output.path()), 1.1);
+    for (const char* stream : {"v:0", "a:0"}) {
+        EXPECT_EQ(packetHashes(output.path(), stream), packetHashes(source.path(), stream)) << stream;
+    }
 }
 
 class FastStart : public testing::TestWithParam<const char*> {};
