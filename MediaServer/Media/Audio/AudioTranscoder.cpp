@@ -20,7 +20,7 @@ void AudioTranscoder::open(OutputFile& output) {
     copyTrackMetadata(from_, encoder_->stream(), output.container());
 }
 
-void AudioTranscoder::push(const AVPacket& packet) {
+void AudioTranscoder::push(AVPacket& packet) {
     decoder_.push(packet, [this](FramePtr frame) {
         resampler_->push(*frame, [this](FramePtr ready) { encoder_->encode(*ready); });
     });

@@ -24,7 +24,7 @@ public:
 
     /// Returns true: the header of an audio stream contains everything that open() needs.
     [[nodiscard]] bool ready() const override { return true; }
-    void push(const AVPacket& packet) override;
+    void push(AVPacket& packet) override;
     void open(OutputFile& output) override;
     void finish() override;
 

@@ -69,7 +69,7 @@ void StereoMixTrack::prepare(AVCodecContext& context) const {
     context.ch_layout = kStereo;
 }
 
-void StereoMixTrack::push(const AVPacket& packet) {
+void StereoMixTrack::push(AVPacket& packet) {
     for (std::size_t i = 0; i < inputs_.size(); ++i) {
         if (Input& input = *inputs_[i]; input.from.index == packet.stream_index) {
             input.decoder.push(packet, [&](FramePtr frame) {

@@ -24,7 +24,7 @@ public:
     StereoMixTrack(const Source& source, const std::vector<const AVStream*>& from, const Codec& codec);
 
     [[nodiscard]] bool ready() const override { return true; }
-    void push(const AVPacket& packet) override;
+    void push(AVPacket& packet) override;
     void open(OutputFile& output) override;
     void finish() override;
 

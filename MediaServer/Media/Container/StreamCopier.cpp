@@ -51,7 +51,7 @@ void StreamCopier::open(OutputFile& output) {
     copyTrackMetadata(from_, *to_, output.container());
 }
 
-void StreamCopier::push(const AVPacket& packet) {
+void StreamCopier::push(AVPacket& packet) {
     const bool video = from_.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
     if (!started_ && video && !(packet.flags & AV_PKT_FLAG_KEY)) {
         return;  // nothing can be shown before the first key frame
@@ -63,7 +63,7 @@ void StreamCopier::push(const AVPacket& packet) {
     }
 }
 
-void StreamCopier::pushHidden(const AVPacket& packet) {
+void StreamCopier::pushHidden(AVPacket& packet) {
     const AVMediaType kind = from_.codecpar->codec_type;
     if (kind != AVMEDIA_TYPE_VIDEO && kind != AVMEDIA_TYPE_AUDIO) {
         return;  // no other packet refers to it
@@ -83,7 +83,7 @@ void StreamCopier::pushHidden(const AVPacket& packet) {
     write(packet);
 }
 
-void StreamCopier::pushShown(const AVPacket& packet) {
+void StreamCopier::pushShown(AVPacket& packet) {
     started_ = true;
     if (hidden_) {
         write(*std::exchange(hidden_, nullptr));
@@ -109,12 +109,9 @@ void StreamCopier::finish() {
     }
 }
 
-void StreamCopier::write(const AVPacket& packet) {
-    if (av_packet_ref(packet_.get(), &packet) < 0) {
-        throw std::bad_alloc();
-    }
-    makeTimesValid(*packet_);
-    output_->write(*to_, *packet_, to_->time_base);
+void StreamCopier::write(AVPacket& packet) {
+    makeTimesValid(packet);
+    output_->write(*to_, packet, to_->time_base);
 }
 
 // In containers without decoding times the first ones are unknown. Reordered frames are decoded as many frame durations

@@ -15,14 +15,14 @@ public:
     explicit StreamCopier(const AVStream& from);
 
     [[nodiscard]] bool ready() const override { return true; }
-    void push(const AVPacket& packet) override;
+    void push(AVPacket& packet) override;
     void open(OutputFile& output) override;
     void finish() override;
 
 private:
-    void pushHidden(const AVPacket& packet);
-    void pushShown(const AVPacket& packet);
-    void write(const AVPacket& packet);
+    void pushHidden(AVPacket& packet);
+    void pushShown(AVPacket& packet);
+    void write(AVPacket& packet);
     [[nodiscard]] std::int64_t guessDts(const AVPacket& packet) const;
     void makeTimesValid(AVPacket& packet);
 
@@ -36,7 +36,6 @@ private:
     std::optional<std::int64_t> shownUntil_;  // in units of the source; empty until a packet is played
     std::vector<PacketPtr> hiddenAfter_;      // packets since the latest one that is played
     bool hidesLater_ = false;                 // some of them have been written
-    PacketPtr packet_ = newPacket();
 };
 
 /// Copies a source's cover picture into the form that the container uses: a video stream or an attached file.
@@ -45,7 +44,7 @@ public:
     explicit CoverCopier(const AVStream& from);
 
     [[nodiscard]] bool ready() const override { return true; }
-    void push(const AVPacket&) override {}
+    void push(AVPacket&) override {}
     void open(OutputFile& output) override;
     void finish() override;
 

@@ -21,9 +21,9 @@ public:
     /// Returns whether enough is known for open(). A track that is still not ready at the end of the source is opened
     /// nevertheless.
     [[nodiscard]] virtual bool ready() const = 0;
-    /// Receives a packet of the source, its times on the movie's own time in units of the source stream. Before open()
-    /// it may be called only until ready() returns true.
-    virtual void push(const AVPacket& packet) = 0;
+    /// Receives a packet of the source, its times on the movie's own time in units of the source stream. May take the
+    /// packet's data and leave anything in it. Before open() it may be called only until ready() returns true.
+    virtual void push(AVPacket& packet) = 0;
     /// Adds the stream to the output. Throws Failure.
     virtual void open(OutputFile& output) = 0;
     /// Returns which part of the packets so far has reached the output, in 0…1.

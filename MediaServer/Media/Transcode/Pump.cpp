@@ -110,6 +110,7 @@ std::deque<PacketPtr> Pump::prime() {
 void Pump::convert(const std::deque<PacketPtr>& queued, bool encodes) {
     for (const PacketPtr& packet : queued) {
         push(*packet);
+        progress_.alive();
     }
     // Encoding time is proportional to the length of the movie, copying time to its bytes.
     if (encodes) {
@@ -118,7 +119,9 @@ void Pump::convert(const std::deque<PacketPtr>& queued, bool encodes) {
     const PacketPtr packet = newPacket();
     while (reader_->read(*packet)) {
         push(*packet);
-        if (!encodes) {
+        if (encodes) {
+            progress_.alive();
+        } else {
             progress_.reach(source_.bytePosition());
         }
     }
@@ -138,9 +141,8 @@ void Pump::reportEncoded() {
     progress_.reach(std::min(source_.position(), 1.0) * done);
 }
 
-void Pump::push(const AVPacket& packet) {
+void Pump::push(AVPacket& packet) {
     byIndex_[static_cast<std::size_t>(packet.stream_index)]->push(packet);
-    progress_.alive();
 }
 
 }  // namespace krv::media

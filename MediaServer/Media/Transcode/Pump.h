@@ -35,7 +35,7 @@ private:
     [[nodiscard]] std::int64_t expectedIndexSize() const;
     [[nodiscard]] std::deque<PacketPtr> prime();
     void convert(const std::deque<PacketPtr>& queued, bool encodes);
-    void push(const AVPacket& packet);
+    void push(AVPacket& packet);
     void reportEncoded();
 
     Source& source_;

@@ -15,7 +15,7 @@ public:
     explicit SubtitleConverter(const AVStream& from);
 
     [[nodiscard]] bool ready() const override { return true; }
-    void push(const AVPacket& packet) override;
+    void push(AVPacket& packet) override;
     void open(OutputFile& output) override;
     void finish() override {}
 

@@ -40,7 +40,7 @@ VideoTranscoder::VideoTranscoder(const Source& source, const AVStream& from, Req
     , rate_(constant_ ? rationalRate(static_cast<double>(request_.fps)) : frameRate(source, from))
     , decoder_(from) {}
 
-void VideoTranscoder::push(const AVPacket& packet) {
+void VideoTranscoder::push(AVPacket& packet) {
     decoder_.push(packet, [this](FramePtr frame) { receive(std::move(frame)); });
 }
 

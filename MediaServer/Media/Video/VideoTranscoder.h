@@ -30,7 +30,7 @@ public:
     VideoTranscoder(const Source& source, const AVStream& from, Request request);
 
     [[nodiscard]] bool ready() const override { return !early_.empty(); }
-    void push(const AVPacket& packet) override;
+    void push(AVPacket& packet) override;
     void open(OutputFile& output) override;
     [[nodiscard]] double done() const override { return encoder_ ? encoder_->done() : 1; }
     void finish() override;
