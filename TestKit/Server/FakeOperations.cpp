@@ -85,28 +85,27 @@ Response FakeOperations::respond(const Ref& request) {
     const std::uint32_t number = shared_.nextRequest(type);
     report_(*request, number);
     const Rule rule = script_.ruleFor(type, number);
-    if (isMediaOperation(type)) {
-        return respondToMedia(request, rule);
-    }
     std::this_thread::sleep_for(std::max(rule.delay, delayOf(*request)));
-    return rule.behaviour == Behaviour::Succeed ? respondToOther(request) : meet(rule, request, nullptr);
+    const LockGuard lock(mutex_);
+    if (isMediaOperation(type)) {
+        return begin(request, rule);
+    }
+    return rule.behaviour == Behaviour::Succeed ? respondAsUsual(request) : meet(rule, request, nullptr);
 }
 
 std::chrono::milliseconds FakeOperations::delayOf(const KRVOperationBase& request) {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     const Operation* const operation = find(request);
     return operation ? operation->rule.delay : 0ms;
 }
 
-Response FakeOperations::respondToMedia(const Ref& request, const Rule& rule) {
-    std::this_thread::sleep_for(rule.delay);
+Response FakeOperations::begin(const Ref& request, const Rule& rule) {
     request->setUniqueID(fmt::format("fake-{}", shared_.nextOperation()));
     const bool begins = rule.at || rule.behaviour == Behaviour::Succeed || rule.behaviour == Behaviour::Stall ||
                         rule.behaviour == Behaviour::Forget;
     if (!begins && rule.behaviour != Behaviour::Fail) {
         return meet(rule, request, nullptr);
     }
-    const std::lock_guard lock(mutex_);
     auto& operation = operations_[*request->uniqueID()];
     operation = {.request = request, .rule = rule, .steps = stepsOf(rule)};
     // One that is refused is remembered, too, because clients ask how it has ended.
@@ -172,7 +171,6 @@ Response FakeOperations::deathOf(const Rule& rule, Response response) const {
 }
 
 Response FakeOperations::progress(const Ref& request) {
-    std::unique_lock lock(mutex_);
     const auto deadline = std::chrono::steady_clock::now() + kHold;
     for (;;) {
         Operation* operation = find(*request);
@@ -200,7 +198,7 @@ Response FakeOperations::progress(const Ref& request) {
             return {.record = stateOf(*request, *operation)};
         }
         const auto wake = atGate ? now + kGateInterval : stands ? deadline : next;
-        changed_.wait_until(lock, std::min(wake, deadline));
+        changed_.wait_until(mutex_, std::min(wake, deadline));
     }
 }
 
@@ -258,15 +256,47 @@ void FakeOperations::finish(Operation& operation) {
     operation.record = record;
 }
 
-Response FakeOperations::cancel(const Ref& request) {
-    const std::lock_guard lock(mutex_);
-    Operation* const operation = find(*request);
-    if (!operation) {
-        return {.record = unknown(*request)};
+Response FakeOperations::respondAsUsual(const Ref& request) {
+    switch (request->operationType()) {
+    case OpProgressAndCompletion:
+        return progress(request);
+    case OpCancelOperation:
+    case OpCancelAllOperations:
+        return cancel(request);
+    case OpReturnResult:
+        return result(request);
+    case OpRemoveReturnResult:
+        return {.record =
+                    operations_.erase(request->uniqueID().value_or("")) == 0 ? unknown(*request) : replyTo(*request)};
+    case OpRegisterWithServer:
+    case OpUnregisterFromServer:
+    case OpAmIRegistered:
+        return registration(request);
+    case OpNumberOfOperations:
+        return count(request);
+    case OpShutdownServer: {
+        Response farewell{.record = replyTo(*request)};
+        farewell.afterwards = [this] { die_(false); };
+        return farewell;
     }
-    if (!operation->ended) {
-        operation->ended = true;
-        operation->cancelled = true;
+    default:
+        return {.record = replyTo(*request)};
+    }
+}
+
+Response FakeOperations::cancel(const Ref& request) {
+    const auto end = [](Operation& operation) {
+        operation.cancelled = operation.cancelled || !operation.ended;
+        operation.ended = true;
+    };
+    if (request->operationType() == OpCancelAllOperations) {
+        for (auto& [identifier, operation] : operations_) {
+            end(operation);
+        }
+    } else if (Operation* const operation = find(*request)) {
+        end(*operation);
+    } else {
+        return {.record = unknown(*request)};
     }
     changed_.notify_all();
     const Ref reply = replyTo(*request);
@@ -275,7 +305,6 @@ Response FakeOperations::cancel(const Ref& request) {
 }
 
 Response FakeOperations::result(const Ref& request) {
-    const std::lock_guard lock(mutex_);
     const Operation* const operation = find(*request);
     if (!operation) {
         return {.record = unknown(*request)};
@@ -283,73 +312,29 @@ Response FakeOperations::result(const Ref& request) {
     return {.record = operation->record ? operation->record : stateOf(*request, *operation)};
 }
 
-Response FakeOperations::respondToOther(const Ref& request) {
-    switch (request->operationType()) {
-    case OpProgressAndCompletion:
-        return progress(request);
-    case OpCancelOperation:
-        return cancel(request);
-    case OpReturnResult:
-        return result(request);
-    default:
-        break;
+Response FakeOperations::registration(const Ref& request) {
+    const std::int64_t client = request->regInfoPID().integerValue();
+    if (request->operationType() == OpRegisterWithServer) {
+        clients_.insert(client);
+    } else if (request->operationType() == OpUnregisterFromServer) {
+        clients_.erase(client);
     }
     const Ref reply = replyTo(*request);
-    switch (request->operationType()) {
-    case OpRegisterWithServer:
-    case OpUnregisterFromServer:
-    case OpAmIRegistered:
-        reply->setIsClientRegistered(registration(*request));
-        break;
-    case OpCancelAllOperations: {
-        const std::lock_guard lock(mutex_);
-        for (auto& [identifier, operation] : operations_) {
-            operation.cancelled = operation.cancelled || !operation.ended;
-            operation.ended = true;
-        }
-        changed_.notify_all();
-        reply->setCancelled(true);
-        break;
-    }
-    case OpRemoveReturnResult: {
-        const std::lock_guard lock(mutex_);
-        if (operations_.erase(request->uniqueID().value_or("")) == 0) {
-            return {.record = unknown(*request)};
-        }
-        break;
-    }
-    case OpNumberOfOperations: {
-        const std::lock_guard lock(mutex_);
-        Array names;
-        for (const auto& [identifier, operation] : operations_) {
-            if (!operation.ended) {
-                names.emplace_back(operation.request->operationName());
-            }
-        }
-        reply->arguments()->set(kArgumentNumOpsNumberOnServer, static_cast<std::int64_t>(names.size()));
-        reply->arguments()->set(kArgumentNumOpsNames, std::move(names));
-        break;
-    }
-    case OpShutdownServer: {
-        Response farewell{.record = reply};
-        farewell.afterwards = [this] { die_(false); };
-        return farewell;
-    }
-    default:
-        break;
-    }
+    reply->setIsClientRegistered(clients_.contains(client));
     return {.record = reply};
 }
 
-bool FakeOperations::registration(const KRVOperationBase& request) {
-    const std::lock_guard lock(mutex_);
-    const std::int64_t client = request.regInfoPID().integerValue();
-    if (request.operationType() == OpRegisterWithServer) {
-        clients_.insert(client);
-    } else if (request.operationType() == OpUnregisterFromServer) {
-        clients_.erase(client);
+Response FakeOperations::count(const Ref& request) const {
+    Array names;
+    for (const auto& [identifier, operation] : operations_) {
+        if (!operation.ended) {
+            names.emplace_back(operation.request->operationName());
+        }
     }
-    return clients_.contains(client);
+    const Ref reply = replyTo(*request);
+    reply->arguments()->set(kArgumentNumOpsNumberOnServer, static_cast<std::int64_t>(names.size()));
+    reply->arguments()->set(kArgumentNumOpsNames, std::move(names));
+    return {.record = reply};
 }
 
 FakeOperations::Operation* FakeOperations::find(const KRVOperationBase& request) {

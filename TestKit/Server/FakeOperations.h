@@ -1,16 +1,17 @@
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
+#include <KRVQTProcessClient/Foundation/Mutex.h>
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 
 #include "Script.h"
@@ -64,35 +65,36 @@ private:
         Ref record{};
     };
 
-    Response respondToMedia(const Ref& request, const Rule& rule);
-    Response respondToOther(const Ref& request);
-    Response progress(const Ref& request);
-    Response show(Operation& operation, const Ref& request) const;
-    static bool isAtLastStep(const Operation& operation);
-    std::optional<Response> advance(Operation& operation, const Ref& request);
-    Response meet(const Rule& rule, const Ref& request, Operation* operation);
-    Response cancel(const Ref& request);
-    Response result(const Ref& request);
+    Response begin(const Ref& request, const Rule& rule) KRV_REQUIRES(mutex_);
+    Response respondAsUsual(const Ref& request) KRV_REQUIRES(mutex_);
+    Response progress(const Ref& request) KRV_REQUIRES(mutex_);
+    Response cancel(const Ref& request) KRV_REQUIRES(mutex_);
+    Response result(const Ref& request) KRV_REQUIRES(mutex_);
+    Response registration(const Ref& request) KRV_REQUIRES(mutex_);
+    Response count(const Ref& request) const KRV_REQUIRES(mutex_);
+    Response show(Operation& operation, const Ref& request) const KRV_REQUIRES(mutex_);
+    std::optional<Response> advance(Operation& operation, const Ref& request) KRV_REQUIRES(mutex_);
+    Response meet(const Rule& rule, const Ref& request, Operation* operation) KRV_REQUIRES(mutex_);
     Response deathOf(const Rule& rule, Response response) const;
+    void finish(Operation& operation) KRV_REQUIRES(mutex_);
+    Operation* find(const KRVOperationBase& request) KRV_REQUIRES(mutex_);
+    std::chrono::milliseconds delayOf(const KRVOperationBase& request);
+    [[nodiscard]] bool isClosed(const Rule& rule) const;
+    static bool isAtLastStep(const Operation& operation);
     static std::vector<Step> stepsOf(const Rule& rule);
     static Ref replyTo(const KRVOperationBase& request);
     static Ref stateOf(const KRVOperationBase& request, const Operation& operation);
     static Ref unknown(const KRVOperationBase& request);
-    [[nodiscard]] bool isClosed(const Rule& rule) const;
-    std::chrono::milliseconds delayOf(const KRVOperationBase& request);
-    /// Registers or unregisters the client, or neither, as the request asks. Returns whether it is registered.
-    bool registration(const KRVOperationBase& request);
-    void finish(Operation& operation);
-    Operation* find(const KRVOperationBase& request);
 
     const Script& script_;
     SharedState& shared_;
     const Report report_;
     const std::function<void(bool)> die_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::map<std::string, Operation> operations_;
-    std::set<std::int64_t> clients_;
+    Mutex mutex_;
+    std::condition_variable_any changed_;
+    std::map<std::string, Operation> operations_ KRV_GUARDED_BY(mutex_);
+    /// The process ids of the registered ones.
+    std::set<std::int64_t> clients_ KRV_GUARDED_BY(mutex_);
 };
 
 }  // namespace krv::test_kit
