@@ -20,6 +20,7 @@
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 #include <KRVQTProcessClient/TestKit/FakeServer.h>
 
+#include "ChildProcess.h"
 #include "FixedPort.h"
 #include "TemporaryFolder.h"
 
@@ -286,6 +287,17 @@ TEST_F(FakeServerTest, LivesInAFolderOfItsOwn) {
     const FakeServer server("");
     EXPECT_EQ(std::string(std::getenv("XDG_RUNTIME_DIR")), (FakeServer::folder() / "runtime").string());
     EXPECT_EQ(std::string(std::getenv("XDG_STATE_HOME")), (FakeServer::folder() / "state").string());
+}
+
+TEST_F(FakeServerTest, NoRealServerStartsBesideIt) {
+    const auto statusOfRealServer = [] { return test::ChildProcess({KRV_SERVER}).wait(); };
+    const FakeServer server("{\"operation\": \"convert\", \"do\": \"die\"}\n{\"restart\": false}");
+    EXPECT_EQ(statusOfRealServer(), 0);
+    KRVHTTPClientTransport transport(std::make_shared<test::FixedPort>(server.port()));
+    EXPECT_THROW((void)transport.sendOperation(KRVOperationBase::encodeVideoOperation("/in.mov", destination())),
+                 Exception);
+    server.waitForDeaths(1);
+    EXPECT_EQ(statusOfRealServer(), 0);
 }
 
 TEST_F(FakeServerTest, TheNextOneHasTheSamePort) {
