@@ -161,11 +161,11 @@ ControlPlan shutDownServerPlan() {
     }};
 }
 
-ControlRun::ControlRun(JobServices services, std::shared_ptr<JobState> state, ControlPlan plan,
+ControlRun::ControlRun(JobServices services, std::shared_ptr<JobState> state, std::function<ControlPlan()> makePlan,
                        Clock::Duration patience)
     : services_(services)
     , state_(std::move(state))
-    , plan_(std::move(plan))
+    , makePlan_(std::move(makePlan))
     , patience_(patience) {}
 
 void ControlRun::start() {
@@ -178,6 +178,7 @@ void ControlRun::start() {
                                                      return;
                                                  }
                                                  self->port_ = self->services_.link.port();
+                                                 self->plan_ = self->makePlan_();
                                                  self->proceed(nullptr);
                                              },
                                          .waiting = [](const std::string&) {}});
@@ -188,6 +189,10 @@ void ControlRun::proceed(const HTTPResponse* response) {
     if (!next.request) {
         if (next.outcome.failure && next.outcome.failure->kind() == Failure::Kind::Unreachable) {
             services_.link.lost(port_);
+            if (!std::exchange(repeated_, true)) {
+                start();
+                return;
+            }
         }
         end(std::move(next.outcome));
         return;

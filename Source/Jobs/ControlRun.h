@@ -23,10 +23,13 @@ struct ControlPlan {
 [[nodiscard]] ControlPlan cancelAllWorkPlan();
 [[nodiscard]] ControlPlan shutDownServerPlan();
 
-/// Carries out such requests. They are not repeated. All members are for the thread of the HTTP loop.
+/// Carries out such requests. If the server that was known does not respond any more, they are sent once more, to another
+/// one. All members are for the thread of the HTTP loop.
 class ControlRun final : public std::enable_shared_from_this<ControlRun> {
 public:
-    ControlRun(JobServices services, std::shared_ptr<JobState> state, ControlPlan plan, Clock::Duration patience);
+    /// makePlan: called for each attempt.
+    ControlRun(JobServices services, std::shared_ptr<JobState> state, std::function<ControlPlan()> makePlan,
+               Clock::Duration patience);
     void start();
     void cancel();
 
@@ -36,7 +39,9 @@ private:
 
     const JobServices services_;
     const std::shared_ptr<JobState> state_;
-    const ControlPlan plan_;
+    const std::function<ControlPlan()> makePlan_;
+    ControlPlan plan_{};
+    bool repeated_ = false;
     const Clock::Duration patience_;
     long port_ = 0;
     std::optional<ServerLink::Token> waiting_;

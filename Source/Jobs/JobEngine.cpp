@@ -91,10 +91,10 @@ void JobEngine::update(Lane& lane) {
     }
 }
 
-void JobEngine::add(std::shared_ptr<JobState> state, ControlPlan plan, Clock::Duration patience) {
-    http_->post([this, state = std::move(state), plan = std::move(plan), patience]() mutable {
+void JobEngine::add(std::shared_ptr<JobState> state, std::function<ControlPlan()> makePlan, Clock::Duration patience) {
+    http_->post([this, state = std::move(state), makePlan = std::move(makePlan), patience]() mutable {
         const auto run = std::make_shared<ControlRun>(JobServices{*http_, *link_, Clock::steady()}, state,
-                                                      std::move(plan), patience);
+                                                      std::move(makePlan), patience);
         cancelFrom(*state, *http_, run);
         run->start();
     });

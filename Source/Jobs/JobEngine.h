@@ -1,6 +1,7 @@
 #pragma once
 
 #include <deque>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -24,7 +25,7 @@ public:
     [[nodiscard]] static JobEngine& looking();
 
     void add(std::shared_ptr<JobState> state, JobPlan plan, JobLimits limits);
-    void add(std::shared_ptr<JobState> state, ControlPlan plan, Clock::Duration patience);
+    void add(std::shared_ptr<JobState> state, std::function<ControlPlan()> makePlan, Clock::Duration patience);
 
 private:
     /// client: launches servers; null for none.

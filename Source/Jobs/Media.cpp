@@ -26,9 +26,9 @@ public:
     }
 
     template <typename T>
-    Job<T> control(const JobControl& control, ControlPlan plan) const {
+    Job<T> control(const JobControl& control, ControlPlan (*makePlan)()) const {
         auto state = std::make_shared<JobState>(ProgressCallback(), control);
-        JobEngine::looking().add(state, std::move(plan), duration(settings_.patience));
+        JobEngine::looking().add(state, makePlan, duration(settings_.patience));
         return Job<T>(std::move(state));
     }
 
@@ -79,15 +79,15 @@ Job<InterestingTimes> Media::interestingTimes(InterestingTimesOptions options) c
 }
 
 Job<ServerStatus> Media::serverStatus(JobControl control) const {
-    return implementation_->control<ServerStatus>(control, serverStatusPlan());
+    return implementation_->control<ServerStatus>(control, serverStatusPlan);
 }
 
 Job<Done> Media::cancelAllWork(JobControl control) const {
-    return implementation_->control<Done>(control, cancelAllWorkPlan());
+    return implementation_->control<Done>(control, cancelAllWorkPlan);
 }
 
 Job<Done> Media::shutDownServer(JobControl control) const {
-    return implementation_->control<Done>(control, shutDownServerPlan());
+    return implementation_->control<Done>(control, shutDownServerPlan);
 }
 
 }  // namespace krv
