@@ -22,6 +22,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -84,12 +85,22 @@ void die(bool crash) {
     ::_exit(EXIT_SUCCESS);
 }
 
+/// Each connection needs a descriptor, and there may be as many as the HTTP end admits.
+void allowManyDescriptors() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
 /// The serving process. Ends as the script asks, or with its parent.
 [[noreturn]] void serve(const Script& script, SharedState& shared, pid_t parent) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (::getppid() != parent) {
         ::_exit(EXIT_FAILURE);
     }
+    allowManyDescriptors();
     try {
         FakeOperations operations(script, shared, &printRequest, &die);
         const HTTPEnd http(shared.port(),
