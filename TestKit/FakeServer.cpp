@@ -138,10 +138,10 @@ public:
             wait([this] { return server_ > 0; });
         } catch (const std::exception&) {
             stop();
-            if (failure_.empty()) {
-                throw std::runtime_error(program + " did not start");
+            if (badScript_) {
+                throw std::invalid_argument(failure_);
             }
-            throw std::invalid_argument(failure_);
+            throw std::runtime_error(failure_.empty() ? program + " did not start" : failure_);
         }
         latestPort = port_;
     }
@@ -235,6 +235,7 @@ private:
             confirmed_.push_back(event.value("known", false));
         } else if (kind == "failed") {
             failure_ = event.value("reason", "");
+            badScript_ = event.value("script", false);
         }
         changed_.notify_all();
     }
@@ -256,6 +257,7 @@ private:
     std::vector<bool> confirmed_;
     bool ended_ = false;
     std::string failure_;
+    bool badScript_ = false;
     pid_t pid_ = -1;
     Link link_;
     std::thread reader_;

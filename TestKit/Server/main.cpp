@@ -213,7 +213,9 @@ private:
             return true;
         }
         if (WIFEXITED(status) && WEXITSTATUS(status) == EXIT_FAILURE) {
-            return false;  // it has said why
+            status_ = EXIT_FAILURE;  // it has said why
+            server_ = -1;
+            return false;
         }
         print({{"event", "died"}, {"pid", server_}});
         server_ = -1;
@@ -256,13 +258,14 @@ private:
             ::kill(server_, SIGKILL);
             ::waitpid(server_, nullptr, 0);
         }
-        return EXIT_SUCCESS;
+        return status_;
     }
 
     const Options options_;
     const Script& script_;
     SharedState shared_;
     int signals_ = -1;
+    int status_ = EXIT_SUCCESS;
     pid_t server_ = -1;
     std::string input_;
     std::optional<Clock::time_point> restart_;
@@ -276,8 +279,8 @@ int main(int count, char** arguments) {
         fmt::print(stderr, "usage: krv-fake-server [--port N] [--until-eof] SCRIPT\n");
         return kBadUsage;
     }
-    const auto fail = [](const std::string& reason) {
-        print({{"event", "failed"}, {"reason", reason}});
+    const auto fail = [](const std::string& reason, bool ofScript = false) {
+        print({{"event", "failed"}, {"reason", reason}, {"script", ofScript}});
         fmt::print(stderr, "krv-fake-server: {}\n", reason);
         return EXIT_FAILURE;
     };
@@ -285,7 +288,7 @@ int main(int count, char** arguments) {
     try {
         script = readScript(options->script);
     } catch (const ScriptError& problem) {
-        return fail(fmt::format("{}: {}", options->script, problem.what()));
+        return fail(fmt::format("{}: {}", options->script, problem.what()), true);
     }
     server::InstanceLock lock;
     switch (lock.acquire(runtimeFolder(kMediaServerName), stateFolder(kMediaServerName))) {

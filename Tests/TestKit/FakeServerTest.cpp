@@ -332,6 +332,34 @@ TEST_F(FakeServerTest, AScriptThatCannotBePlayedIsRefusedWithItsLine) {
     EXPECT_GT(next.pid(), 0);
 }
 
+TEST_F(FakeServerTest, ASecondProgramForTheSameUserDoesNotStart) {
+    const FakeServer server("");
+    test::ChildProcess second({KRV_FAKE_SERVER_PROGRAM, folder.write("script", "")});
+    EXPECT_THAT(second.readLine().value_or(""), HasSubstr("another media server serves this user"));
+    EXPECT_EQ(second.wait(), 1);
+}
+
+TEST_F(FakeServerTest, APortThatIsTakenIsAFailure) {
+    const std::string script = folder.write("script", "");
+    // Each in a place of its own, so that only the port is in the way.
+    const auto start = [&](const char* place, const char* port) {
+        const std::string own = (folder.path() / place).string();
+        std::filesystem::create_directory(own);
+        std::filesystem::permissions(own, std::filesystem::perms::owner_all);
+        return std::make_unique<test::ChildProcess>(
+            std::vector<std::string>{"env", "XDG_RUNTIME_DIR=" + own, "XDG_STATE_HOME=" + own, KRV_FAKE_SERVER_PROGRAM,
+                                     "--until-eof", "--port", port, script});
+    };
+    const auto first = start("first", "0");
+    const std::string listening = first->readLine().value_or("");
+    const std::string key = "\"port\":";
+    ASSERT_THAT(listening, HasSubstr(key));
+    const int port = std::stoi(listening.substr(listening.find(key) + key.size()));
+    const auto second = start("second", std::to_string(port).c_str());
+    EXPECT_THAT(second->readLine().value_or(""), HasSubstr("cannot listen on port " + std::to_string(port)));
+    EXPECT_EQ(second->wait(), 1);
+}
+
 TEST_F(FakeServerTest, AProgramThatDoesNotExistIsNamed) {
     try {
         const FakeServer server("", "/nonexistent/program");
