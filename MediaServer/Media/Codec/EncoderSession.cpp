@@ -15,6 +15,7 @@ extern "C" {
 }
 
 #include <MediaServer/Media/Codec/Decoder.h>
+#include <MediaServer/Media/Codec/EncodeFrame.h>
 #include <MediaServer/Media/Codec/HDRMetadata.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 
@@ -217,20 +218,9 @@ void EncoderSession::finish() {
 }
 
 void EncoderSession::send(const AVFrame* frame) {
-    int result = avcodec_send_frame(context_.get(), frame);
-    if (result < 0 && result != AVERROR_EOF) {
+    const int result = encodeFrame(*context_, frame, [this](AVPacket& packet) { write(packet); });
+    if (result < 0) {
         fail(FailureCause::InternalError, result, "encoding");
-    }
-    for (;;) {
-        result = avcodec_receive_packet(context_.get(), packet_.get());
-        if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) {
-            return;
-        }
-        if (result < 0) {
-            fail(FailureCause::InternalError, result, "encoding");
-        }
-        write(*packet_);
-        av_packet_unref(packet_.get());
     }
 }
 

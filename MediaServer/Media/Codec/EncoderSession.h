@@ -50,7 +50,6 @@ private:
     CodecContextPtr context_;
     AVStream* stream_ = nullptr;
     std::optional<EncoderThread> thread_;
-    PacketPtr packet_ = newPacket();
     std::int64_t frames_ = 0;
     std::int64_t packets_ = 0;
     std::optional<std::int64_t> lastDts_;

@@ -1,5 +1,6 @@
 #include <utility>
 
+#include <MediaServer/Media/Codec/EncodeFrame.h>
 #include <MediaServer/Media/Codec/EncoderThread.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 
@@ -96,19 +97,18 @@ FramePtr EncoderThread::nextFrame() {
 }
 
 int EncoderThread::encode(const AVFrame* frame) {
-    int result = avcodec_send_frame(&encoder_, frame);
-    while (result >= 0) {
-        PacketPtr packet(av_packet_alloc());
-        if (!packet) {
-            return AVERROR(ENOMEM);
+    bool noMemory = false;
+    const int result = encodeFrame(encoder_, frame, [&](AVPacket& packet) {
+        PacketPtr taken(av_packet_alloc());
+        if (!taken) {
+            noMemory = true;
+            return;
         }
-        result = avcodec_receive_packet(&encoder_, packet.get());
-        if (result >= 0) {
-            const LockGuard lock(mutex_);
-            packets_.push_back(std::move(packet));
-        }
-    }
-    return result == AVERROR(EAGAIN) || result == AVERROR_EOF ? 0 : result;
+        av_packet_move_ref(taken.get(), &packet);
+        const LockGuard lock(mutex_);
+        packets_.push_back(std::move(taken));
+    });
+    return noMemory ? AVERROR(ENOMEM) : result;
 }
 
 }  // namespace krv::media
