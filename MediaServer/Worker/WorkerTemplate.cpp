@@ -9,7 +9,9 @@
 // until then: PR_SET_PDEATHSIG refers to the parent of the moment.
 //
 // The intermediate process is made with vfork, so it runs in the template's memory while the template waits. A copy of
-// a thousand mappings, which would be thrown away at once, costs as much as the worker's own.
+// a thousand mappings, which would be thrown away at once, costs as much as the worker's own. In the template's memory it
+// may only do what a signal handler may do. So it calls _Fork, which unlike fork runs no handlers of the libraries and
+// resets no locks; the worker needs neither, because the template has one thread.
 //
 // Until the server has the worker's process id, the worker stays in the template's process group. If the template dies
 // at any moment, the server ends everything in that group.
@@ -72,7 +74,7 @@ Process forkWorker(pid_t server, std::int32_t& workerOrError) {
     const pid_t intermediate = ::vfork();
     if (intermediate == 0) {
         ::prctl(PR_SET_NAME, kWorkerName);  // inherited, so that the worker never has another
-        const pid_t forked = ::fork();
+        const pid_t forked = ::_Fork();
         if (forked == 0) {
             reparented.writing.reset();
             char none = 0;
