@@ -9,9 +9,9 @@
 // until then: PR_SET_PDEATHSIG refers to the parent of the moment.
 //
 // The intermediate process is made with vfork, so it runs in the template's memory while the template waits. A copy of
-// a thousand mappings, which would be thrown away at once, costs as much as the worker's own. In the template's memory it
-// may only do what a signal handler may do. So it calls _Fork, which unlike fork runs no handlers of the libraries and
-// resets no locks; the worker needs neither, because the template has one thread.
+// a thousand mappings, which would be thrown away at once, costs as much as the worker's own. In the template's memory
+// it may only do what a signal handler may do. So it calls _Fork, which unlike fork runs no handlers of the libraries
+// and resets no locks; the worker needs neither, because the template has one thread.
 //
 // Until the server has the worker's process id, the worker stays in the template's process group. If the template dies
 // at any moment, the server ends everything in that group.

@@ -112,8 +112,8 @@ TEST(Encode, FlattenCopiesWhateverTheTypeAndPutsTheIndexInFront) {
     EXPECT_GT(before.find("moov"), before.find("mdat")) << "the source must have its index at the end";
 }
 
-/// Returns by how much the decoding time steps back at most from packet to packet, in the order in which they are in the
-/// file. In seconds.
+/// Returns by how much the decoding time steps back at most from packet to packet, in seconds. The packets are in the
+/// order in which they are in the file.
 double largestStepBack(const std::string& path) {
     const auto json = nlohmann::json::parse(
         run({KRV_FFPROBE, "-v", "quiet", "-of", "json", "-show_entries", "packet=dts_time,pos", path}));
