@@ -4,6 +4,7 @@
 #include <cstring>
 #include <limits>
 #include <string>
+#include <utility>
 
 #include <unistd.h>
 
@@ -149,7 +150,7 @@ void OutputFile::write(const AVStream& stream, AVPacket& packet, AVRational time
     // A damaged header can make a frame last for days, which no container can store. Use the longest duration that it
     // can store.
     packet.duration = std::clamp<std::int64_t>(packet.duration, 0, std::numeric_limits<int>::max());
-    const int result = keepsOrder_ ? av_write_frame(format_, &packet) : av_interleaved_write_frame(format_, &packet);
+    const int result = pass(packet);
     av_packet_unref(&packet);
     if (result == AVERROR_INVALIDDATA && io_.errorNumber() == 0) {
         return;
@@ -159,6 +160,17 @@ void OutputFile::write(const AVStream& stream, AVPacket& packet, AVRational time
         ++packets_;
     }
     written_();
+}
+
+int OutputFile::pass(AVPacket& packet) {
+    if (!keepsOrder_) {
+        return av_interleaved_write_frame(format_, &packet);
+    }
+    // Of data that is not counted, FFmpeg does not allocate another reference. It lives until this returns.
+    AVBufferRef* const data = std::exchange(packet.buf, nullptr);
+    const int result = av_write_frame(format_, &packet);
+    packet.buf = data;
+    return result;
 }
 
 void OutputFile::endAt(const AVStream& stream, double seconds) {

@@ -77,6 +77,8 @@ private:
     static int openForReading(AVFormatContext* format, AVIOContext** io, const char* url, int flags, AVDictionary**);
     static int closeAfterReading(AVFormatContext* format, AVIOContext* io);
     void addTagsOfTracks();
+    /// Passes a packet to the muxer. Returns FFmpeg's error.
+    [[nodiscard]] int pass(AVPacket& packet);
     void leaveRoomForIndex();
     void moveIndex();
     [[nodiscard]] bool appendCuePoints() const;
