@@ -3,11 +3,14 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <sys/wait.h>
 
 #include "PrivateBus.h"
 #include "SystemFixture.h"
@@ -15,9 +18,15 @@
 namespace krv::test {
 namespace {
 
+using testing::AllOf;
 using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::SizeIs;
+using testing::StartsWith;
+using testing::UnorderedElementsAre;
 
 struct Example {
     const char* name;
@@ -130,6 +139,69 @@ TEST_P(Examples, ExitsWithAFailureIfTheServerCannotBeLaunchedAfterAWake) {
     EXPECT_THAT(filesInOut(), IsEmpty());
 }
 
+/// The examples with a window. They treat the movies after "--report" as if a person had dropped them, and print what the
+/// row of each shows in the end.
+class WindowExamples : public Examples {
+protected:
+    /// Copies a movie into the folder of outputs, where nothing else keeps it from being converted beside itself.
+    [[nodiscard]] std::string dropped(const char* name, const std::string& as) const {
+        std::filesystem::copy_file(media(name), out(as));
+        return out(as);
+    }
+    /// Returns what the next rows show.
+    static std::vector<std::string> rows(ChildProcess& example, std::size_t count) {
+        std::vector<std::string> lines;
+        while (lines.size() < count) {
+            const auto line = example.readLine();
+            if (!line) {
+                ADD_FAILURE() << "the window was closed";
+                break;
+            }
+            lines.push_back(*line);
+        }
+        return lines;
+    }
+    static bool isRunning(const ChildProcess& example) {
+        siginfo_t info{};
+        return ::waitid(P_PID, static_cast<id_t>(example.pid()), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+               info.si_pid == 0;
+    }
+};
+
+TEST_P(WindowExamples, ShowsWhatBecameOfEachMovieAndStaysOpen) {
+    ChildProcess example(
+        {GetParam().program, "--report", dropped("plain.mov", "good.mov"), dropped("text.mp4", "bad.mov")});
+    EXPECT_THAT(
+        rows(example, 2),
+        UnorderedElementsAre(AllOf(StartsWith("good.mov | H.264, AAC · 0:02 · "),
+                                   HasSubstr(" | Saved as " + out("good.mp4")), EndsWith(" | Show in Files")),
+                             AllOf(StartsWith("bad.mov | Cannot convert bad.mov: "), Not(HasSubstr("Show in Files")))));
+    EXPECT_TRUE(isRunning(example));
+    EXPECT_NEAR(readableSeconds(out("good.mp4")), 2.0, 0.1);
+    EXPECT_THAT(filesInOut(), ElementsAre("bad.mov", "good.mov", "good.mp4"));
+}
+
+TEST_P(WindowExamples, ReplacesNoFile) {
+    std::ofstream(out("holiday.mp4")) << "precious";
+    ChildProcess example(
+        {GetParam().program, "--report", dropped("plain.mov", "holiday.mov"), dropped("plain.mov", "holiday.m4v")});
+    EXPECT_THAT(rows(example, 2), UnorderedElementsAre(HasSubstr("Saved as " + out("holiday 2.mp4")),
+                                                       HasSubstr("Saved as " + out("holiday 3.mp4"))));
+    EXPECT_EQ(std::filesystem::file_size(out("holiday.mp4")), std::string("precious").size());
+    EXPECT_NEAR(readableSeconds(out("holiday 2.mp4")), 2.0, 0.1);
+    EXPECT_NEAR(readableSeconds(out("holiday 3.mp4")), 2.0, 0.1);
+}
+
+TEST_P(WindowExamples, ShowsWhyAndWhatToDoIfTheServerCannotBeLaunched) {
+    const std::string alone = (folder.path() / "Example").string();
+    std::filesystem::copy_file(GetParam().program, alone);
+    ChildProcess example({alone, "--report", dropped("plain.mov", "good.mov")});
+    EXPECT_THAT(rows(example, 1),
+                ElementsAre(AllOf(StartsWith("good.mov | The media server could not be started. | "),
+                                  EndsWith(" Reinstall the application, which contains the media server."))));
+    EXPECT_TRUE(isRunning(example));
+}
+
 /// Returns the examples whose toolkit was present at build time.
 std::vector<Example> builtExamples() {
     return {
@@ -144,8 +216,18 @@ std::vector<Example> builtExamples() {
     };
 }
 
+/// Returns those of them that stay open for more movies.
+std::vector<Example> builtWindowExamples() {
+    std::vector<Example> examples = builtExamples();
+    std::erase_if(examples, [](const Example& example) { return example.display != Example::OwnXServer; });
+    return examples;
+}
+
 INSTANTIATE_TEST_SUITE_P(Example, Examples, testing::ValuesIn(builtExamples()),
                          [](const auto& example) { return example.param.name; });
+INSTANTIATE_TEST_SUITE_P(Example, WindowExamples, testing::ValuesIn(builtWindowExamples()),
+                         [](const auto& example) { return example.param.name; });
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(WindowExamples);
 
 }  // namespace
 }  // namespace krv::test
