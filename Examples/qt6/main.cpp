@@ -1,67 +1,30 @@
-// Converts a movie to H.264 behind a Qt 6 window with a progress bar and a cancel button. Qt's event dispatcher on
-// Linux runs GLib's main loop, which is also the library's. Copy it as a starting point.
+// Converts movies behind a Qt 6 window. Qt's event dispatcher on Linux runs GLib's main loop, which is also the library's,
+// so the jobs call back on the main thread, where widgets may be used. Copy this folder as a starting point.
 //
-//     Qt6Example SOURCE DESTINATION
+//     Qt6Example                      opens the window, for movies to be dropped or opened
+//     Qt6Example SOURCE DESTINATION   converts one movie and exits: with 0 if it was converted, otherwise with 1
+//     Qt6Example --report MOVIE...    converts these as if they had been dropped, and prints what each row shows in the
+//                                     end
 //
-// The window closes by itself. Exits with 0 if the movie was converted, otherwise with 1.
+// ConverterWindow is the window, MovieRow a movie in it.
 #include <QAbstractEventDispatcher>
 #include <QApplication>
-#include <QProgressDialog>
+#include <QDir>
 #include <QTimer>
-#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
-#include <memory>
 #include <string>
-#include <thread>
 
-#include <KRVQTProcessClient/KRVQTProcessClient.h>
+#include <KRVQTProcessClient/Platform/Bundle.h>
+#include <KRVQTProcessClient/Platform/RunLoop.h>
+
+#include "ConverterWindow.h"
 
 namespace {
 
-constexpr int kSteps = 1000;
-
-/// Called on the thread that waits for the conversion; widgets belong to the main thread.
-class DialogFiller final : public krv::OperationProgress {
-public:
-    DialogFiller(QProgressDialog& dialog, const std::atomic<bool>& cancelled)
-        : dialog_(dialog)
-        , cancelled_(cancelled) {}
-
-    bool operation(const std::shared_ptr<krv::KRVOperationBase>&, float progress) override {
-        QMetaObject::invokeMethod(
-            &dialog_, [&dialog = dialog_, value = static_cast<int>(progress * kSteps)] { dialog.setValue(value); },
-            Qt::QueuedConnection);
-        hasCancelled_ = cancelled_;
-        return !hasCancelled_;
-    }
-    /// Returns whether the conversion was cancelled, in which case the call returned without an error. Call on the same
-    /// thread after the call.
-    bool hasCancelled() const { return hasCancelled_; }
-
-private:
-    QProgressDialog& dialog_;
-    const std::atomic<bool>& cancelled_;
-    bool hasCancelled_ = false;
-};
-
-/// Blocks until the conversion ends. Returns why it failed, or an empty string.
-std::string convert(krv::KRVQTProcessOperations& client, const std::string& source, const std::string& destination,
-                    const krv::ProgressDelegate& progress) {
-    std::shared_ptr<const krv::Error> error;
-    try {
-        client.convertMovie(source, destination, krv::VideoConversion::H264, false, progress, &error);
-    } catch (const krv::Exception& exception) {
-        return exception.reason();  // the server could not be reached
-    }
-    return error ? error->localizedDescription() : std::string();
-}
-
 /// Runs the library's main loop from a timer if Qt does not run it: with QT_NO_GLIB=1, or if Qt was built without GLib.
-///
-/// Without it, calls still work, but the search for the server stops after its first round. The first call then takes
-/// some seconds longer, and a lost server is not found again.
+/// Without it, no job would call back.
 void runLibrarysLoop(QTimer& timer) {
     if (!QAbstractEventDispatcher::instance()->inherits("QEventDispatcherGlib")) {
         timer.callOnTimeout([] { krv::RunLoop::main().runUntil(krv::Clock::TimePoint()); });
@@ -69,47 +32,56 @@ void runLibrarysLoop(QTimer& timer) {
     }
 }
 
+/// Opens the window for movies that are dropped, opened or given.
+int convertMovies(const QStringList& movies) {
+    ConverterWindow window([&](const MovieRow& row) {
+        if (!movies.isEmpty()) {
+            std::cout << row.text().toStdString() << std::endl;
+        }
+    });
+    window.show();
+    QList<QUrl> files;
+    for (const QString& movie : movies) {
+        files += QUrl::fromLocalFile(QDir::current().absoluteFilePath(movie));
+    }
+    window.add(files);
+    return QApplication::exec();
+}
+
+/// Opens the window for one movie, and closes it when that has ended.
+int convertOneMovie(const std::filesystem::path& source, const std::filesystem::path& destination) {
+    int status = EXIT_FAILURE;
+    ConverterWindow* shown = nullptr;
+    ConverterWindow window([&](const MovieRow& row) {
+        if (row.failure()) {
+            std::cerr << row.text().toStdString() << '\n';
+        } else {
+            status = EXIT_SUCCESS;
+        }
+        shown->close();
+    });
+    shown = &window;
+    window.show();
+    window.add(source, destination);
+    QApplication::exec();
+    return status;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     QApplication application(argc, argv);
-    if (argc != 3) {
-        std::cerr << "usage: " << argv[0] << " SOURCE DESTINATION\n";
-        return EXIT_FAILURE;
-    }
-    // The server does not share our working directory.
-    const std::string source = std::filesystem::absolute(argv[1]);
-    const std::string destination = std::filesystem::absolute(argv[2]);
+    krv::Bundle::setApplicationIdentifier("org.example.Qt6Example");
+    const QStringList arguments = QApplication::arguments().mid(1);
     QTimer timer;
     runLibrarysLoop(timer);
 
-    QProgressDialog dialog("Converting", "Cancel", 0, kSteps);
-    std::atomic<bool> cancelled{false};
-    QObject::connect(&dialog, &QProgressDialog::canceled, [&] { cancelled = true; });
-    dialog.setAutoClose(false);
-    dialog.setAutoReset(false);
-    dialog.show();
-
-    // Created on the main thread. Finds the server, launches one if none is running, and replaces it if it is lost.
-    krv::Bundle::setApplicationIdentifier("org.example.Qt6Example");
-    const auto client = krv::KRVQuicktimeProcessClient::defaultClient();
-
-    QApplication::setQuitOnLastWindowClosed(false);  // the program waits for a cancelled conversion to end
-    std::string failure;
-    std::thread worker([&] {
-        const auto filler = std::make_shared<DialogFiller>(dialog, cancelled);
-        failure = convert(*client, source, destination, filler);
-        if (failure.empty() && filler->hasCancelled()) {
-            failure = "Cancelled.";
-        }
-        QMetaObject::invokeMethod(&application, &QApplication::quit, Qt::QueuedConnection);
-    });
-    QApplication::exec();
-    worker.join();
-
-    if (!failure.empty()) {
-        std::cerr << failure << '\n';
-        return EXIT_FAILURE;
+    if (arguments.isEmpty() || arguments[0] == "--report") {
+        return convertMovies(arguments.mid(1));
     }
-    return EXIT_SUCCESS;
+    if (arguments.size() == 2) {
+        return convertOneMovie(argv[1], argv[2]);
+    }
+    std::cerr << "usage: " << argv[0] << " [SOURCE DESTINATION | --report MOVIE...]\n";
+    return EXIT_FAILURE;
 }
