@@ -73,36 +73,33 @@ void ConverterWindow::open() {
 void ConverterWindow::opened(int response) {
     if (response == GTK_RESPONSE_ACCEPT) {
         GListModel* files = gtk_file_chooser_get_files(GTK_FILE_CHOOSER(dialog_));
-        add(files);
+        for (guint i = 0; i < g_list_model_get_n_items(files); ++i) {
+            auto* file = G_FILE(g_list_model_get_item(files, i));
+            add(file);
+            g_object_unref(file);
+        }
         g_object_unref(files);
     }
     g_clear_object(&dialog_);
 }
 
 void ConverterWindow::drop(GdkFileList* files) {
-    GListStore* list = g_list_store_new(G_TYPE_FILE);
     GSList* const all = gdk_file_list_get_files(files);
     for (const GSList* each = all; each != nullptr; each = each->next) {
-        g_list_store_append(list, each->data);
+        add(G_FILE(each->data));
     }
     g_slist_free(all);
-    add(G_LIST_MODEL(list));
-    g_object_unref(list);
 }
 
-void ConverterWindow::add(GListModel* files) {
+void ConverterWindow::add(GFile* file) {
+    // A file that is not on this machine has no path. Then the row says that it cannot be found.
+    char* name = g_file_peek_path(file) != nullptr ? g_file_get_path(file) : g_file_get_parse_name(file);
+    const std::filesystem::path source = name;
+    g_free(name);
     const Choice& choice = kChoices.at(gtk_drop_down_get_selected(GTK_DROP_DOWN(choices_)));
-    for (guint i = 0; i < g_list_model_get_n_items(files); ++i) {
-        auto* file = G_FILE(g_list_model_get_item(files, i));
-        // A file that is not on this machine has no path. Then the row says that it cannot be found.
-        char* name = g_file_peek_path(file) ? g_file_get_path(file) : g_file_get_parse_name(file);
-        const std::filesystem::path source = name;
-        g_free(name);
-        g_object_unref(file);
-        const auto destination = freeDestination(source, choice.extension, taken_);
-        taken_.insert(destination);
-        start({.source = source, .destination = destination, .type = choice.type});
-    }
+    const auto destination = freeDestination(source, choice.extension, taken_);
+    taken_.insert(destination);
+    start({.source = source, .destination = destination, .type = choice.type});
 }
 
 void ConverterWindow::add(const std::filesystem::path& source, const std::filesystem::path& destination) {

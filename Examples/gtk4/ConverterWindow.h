@@ -22,7 +22,7 @@ public:
     ConverterWindow& operator=(const ConverterWindow&) = delete;
 
     /// Converts movies to the chosen type. The files are written beside them, and none is replaced.
-    void add(GListModel* files);
+    void drop(GdkFileList* files);
     /// Converts a movie to H.264, or to what suits the destination's extension.
     void add(const std::filesystem::path& source, const std::filesystem::path& destination);
     /// Cancels what has not ended, waits for that, and destroys the window.
@@ -32,7 +32,7 @@ private:
     void build(GtkApplication* application);
     void open();
     void opened(int response);
-    void drop(GdkFileList* files);
+    void add(GFile* file);
     void start(krv::ConvertOptions options);
     void rowEnded(const MovieRow& row);
 

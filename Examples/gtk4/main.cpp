@@ -7,6 +7,7 @@
 //                                      end
 //
 // ConverterWindow is the window, MovieRow a movie in it.
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
@@ -42,18 +43,22 @@ private:
     void activate(GtkApplication* application) {
         window_.emplace(application, [this](const MovieRow& row) { rowEnded(row); });
         if (reports_) {
-            GListStore* files = g_list_store_new(G_TYPE_FILE);
-            for (std::size_t i = 1; i < arguments_.size(); ++i) {
-                GFile* file = g_file_new_for_commandline_arg(arguments_[i]);
-                g_list_store_append(files, file);
-                g_object_unref(file);
-            }
-            window_->add(G_LIST_MODEL(files));
-            g_object_unref(files);
+            dropMovies();
         } else if (!arguments_.empty()) {
             status_ = EXIT_FAILURE;
             window_->add(arguments_[0], arguments_[1]);
         }
+    }
+
+    void dropMovies() {
+        std::vector<GFile*> files;
+        for (std::size_t i = 1; i < arguments_.size(); ++i) {
+            files.push_back(g_file_new_for_commandline_arg(arguments_[i]));
+        }
+        GdkFileList* list = gdk_file_list_new_from_array(files.data(), files.size());
+        window_->drop(list);
+        g_boxed_free(GDK_TYPE_FILE_LIST, list);
+        std::for_each(files.begin(), files.end(), g_object_unref);
     }
 
     void rowEnded(const MovieRow& row) {
