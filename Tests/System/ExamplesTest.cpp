@@ -6,6 +6,7 @@
 #include <fstream>
 #include <memory>
 #include <ostream>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -62,11 +63,15 @@ protected:
         }
     }
 
-    /// Starts an X server on the test's own loopback interface, so that it leaves no socket in /tmp.
+    /// Starts an X server on the test's own loopback interface, so that it leaves no socket in /tmp. The X servers of one
+    /// machine share a file that is named after the display, so each test needs a display of its own. A reset, when the
+    /// last window is closed, would write that file again, and leave it if the server is killed then.
     void startXServer() {
-        xServer = std::make_unique<ChildProcess>(std::vector<std::string>{"Xvfb", "-displayfd", "1", "-nolisten",
-                                                                          "unix", "-nolisten", "local", "-listen",
-                                                                          "tcp", "-screen", "0", "640x480x24"});
+        std::random_device random;
+        const int number = std::uniform_int_distribution(10'000, 20'000)(random);
+        xServer = std::make_unique<ChildProcess>(
+            std::vector<std::string>{"Xvfb", ":" + std::to_string(number), "-displayfd", "1", "-noreset", "-nolisten",
+                                     "unix", "-nolisten", "local", "-listen", "tcp", "-screen", "0", "640x480x24"});
         const auto display = xServer->readLine();
         ASSERT_TRUE(display) << "Xvfb did not start";
         ::setenv("DISPLAY", ("127.0.0.1:" + *display).c_str(), 1);
