@@ -99,6 +99,7 @@ struct Link {
 /// Starts the program with the link as its standard input and output, and without the signal mask of this thread.
 pid_t start(const std::vector<std::string>& arguments, const Link& link) {
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (const std::string& argument : arguments) {
         argv.push_back(const_cast<char*>(argument.c_str()));
     }
