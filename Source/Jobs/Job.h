@@ -78,7 +78,8 @@ public:
     [[nodiscard]] Progress progress() const { return core_->progress(); }
 
     /// For co_await, which returns the result. The coroutine is resumed on the run loop of the thread that it was
-    /// suspended on, which must run.
+    /// suspended on, which must run. GCC 12 destroys temporary options in braces twice if they are part of the co_await
+    /// expression, so start such a job in a statement of its own.
     [[nodiscard]] auto operator co_await() & { return Awaiter{core_}; }
     [[nodiscard]] auto operator co_await() && { return Awaiter{core_}; }
 
