@@ -73,13 +73,11 @@ public:
         if (command == "convert") {
             convert(rest[0], rest[1], rest[2]);
         } else if (command == "merge") {
-            keep(rest[0], media_.merge({.sources = {rest[1], rest[1]},
-                                        .destination = rest[2],
-                                        .onProgress = observer(rest[0])}),
+            keep(rest[0],
+                 media_.merge({.sources = {rest[1], rest[1]}, .destination = rest[2], .onProgress = observer(rest[0])}),
                  [id = rest[0]](const krv::Merged&) { say(id, "done"); });
         } else if (command == "thumbnails") {
-            keep(rest[0],
-                 media_.thumbnails({.source = rest[1], .folder = rest[2], .onProgress = observer(rest[0])}),
+            keep(rest[0], media_.thumbnails({.source = rest[1], .folder = rest[2], .onProgress = observer(rest[0])}),
                  [id = rest[0]](const krv::Thumbnails& made) { say(id, "done", made.thumbnails.size()); });
         } else if (command == "info") {
             keep(rest[0], media_.info(rest[1]),
