@@ -15,6 +15,9 @@
 
 #include "PrivateBus.h"
 #include "SystemFixture.h"
+#ifdef KRV_HAS_X11
+#include "WindowCloser.h"
+#endif
 
 namespace krv::test {
 namespace {
@@ -76,6 +79,7 @@ protected:
         ASSERT_TRUE(display) << "Xvfb did not start";
         ::setenv("DISPLAY", ("127.0.0.1:" + *display).c_str(), 1);
         ::setenv("GDK_BACKEND", "x11", 1);
+        ::setenv("QT_QPA_PLATFORM", "xcb", 1);
         ::setenv("GSK_RENDERER", "cairo", 1);
         ::setenv("GTK_A11Y", "none", 1);
         ::setenv("GSETTINGS_BACKEND", "memory", 1);
@@ -207,6 +211,39 @@ TEST_P(WindowExamples, ShowsWhyAndWhatToDoIfTheServerCannotBeLaunched) {
     EXPECT_TRUE(isRunning(example));
 }
 
+#ifdef KRV_HAS_X11
+/// Windows that are closed while a movie is converted.
+class ClosedExamples : public WindowExamples {
+protected:
+    /// Waits until the server works, and closes the window.
+    static void closeWhileConverting() {
+        const int port = waitForServer().port;
+        waitUntil([port] { return status(port).find("\"running\":1") != std::string::npos; });
+        closeWindowOn(::getenv("DISPLAY"));
+    }
+    static void expectNoWork() {
+        waitUntil([] { return status(waitForServer().port).find("\"running\":0") != std::string::npos; });
+    }
+};
+
+TEST_P(ClosedExamples, ExitWithAFailureAndLeaveNoFile) {
+    ChildProcess example({GetParam().program, media("longer.mov"), out("longer.mp4")});
+    closeWhileConverting();
+    EXPECT_EQ(example.wait(), 1);
+    EXPECT_THAT(filesInOut(), IsEmpty());
+    expectNoWork();
+}
+
+TEST_P(ClosedExamples, CancelTheMoviesOfTheirRows) {
+    ChildProcess example({GetParam().program, "--report", dropped("longer.mov", "a.mov")});
+    closeWhileConverting();
+    EXPECT_THAT(rows(example, 1), ElementsAre(HasSubstr(" | Converting a.mov was cancelled.")));
+    EXPECT_EQ(example.wait(), 0);
+    EXPECT_THAT(filesInOut(), ElementsAre("a.mov"));
+    expectNoWork();
+}
+#endif
+
 /// Returns the examples whose toolkit was present at build time.
 std::vector<Example> builtExamples() {
     return {
@@ -227,6 +264,22 @@ std::vector<Example> builtWindowExamples() {
     std::erase_if(examples, [](const Example& example) { return example.display == Example::None; });
     return examples;
 }
+
+#ifdef KRV_HAS_X11
+/// Returns the same on an X server.
+std::vector<Example> examplesOnX() {
+    std::vector<Example> examples = builtWindowExamples();
+    std::erase_if(examples, [](const Example& example) { return example.display == Example::OffscreenWithoutGLib; });
+    for (Example& example : examples) {
+        example.display = Example::OwnXServer;
+    }
+    return examples;
+}
+
+INSTANTIATE_TEST_SUITE_P(Example, ClosedExamples, testing::ValuesIn(examplesOnX()),
+                         [](const auto& example) { return example.param.name; });
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(ClosedExamples);
+#endif
 
 INSTANTIATE_TEST_SUITE_P(Example, Examples, testing::ValuesIn(builtExamples()),
                          [](const auto& example) { return example.param.name; });
