@@ -1,5 +1,6 @@
 #include "MovieRow.h"
 
+#include <cmath>
 #include <initializer_list>
 #include <memory>
 #include <utility>
@@ -43,7 +44,7 @@ std::string take(char* text) {
 
 /// Returns "0:07" or "1:02:03".
 std::string clockText(krv::Seconds time) {
-    const auto seconds = static_cast<long long>(time.count() + 0.5);
+    const auto seconds = std::llround(time.count());
     return take(seconds < 3600
                     ? g_strdup_printf("%lld:%02lld", seconds / 60, seconds % 60)
                     : g_strdup_printf("%lld:%02lld:%02lld", seconds / 3600, seconds / 60 % 60, seconds % 60));
