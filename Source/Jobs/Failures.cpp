@@ -191,6 +191,13 @@ Failure noServer() {
     return {Kind::Unreachable, {.message = "No media server is running."}};
 }
 
+Failure noConnection(std::string cause) {
+    return {Kind::Unreachable,
+            {.message = "The media server is running, but cannot be reached.",
+             .cause = std::move(cause),
+             .suggestion = "Close the application that has started it, or use the same network as that application."}};
+}
+
 Failure noResponse(Clock::Duration after, std::string cause) {
     return {Kind::Unreachable,
             {.message = fmt::format("The media server could not be reached within {}.", secondsText(after)),

@@ -24,6 +24,8 @@ namespace krv {
 [[nodiscard]] Failure cannotStart(std::string cause);
 /// No server is running, and none may be launched.
 [[nodiscard]] Failure noServer();
+/// A server is running, and cannot be talked to. cause: why not.
+[[nodiscard]] Failure noConnection(std::string cause);
 /// No server has responded in time. cause: what was found.
 [[nodiscard]] Failure noResponse(Clock::Duration after, std::string cause);
 

@@ -1,5 +1,10 @@
 #pragma once
 
+// Before the standard's header, so that an older language version gets one message, which says what is needed.
+// clang-format off
+#include <KRVQTProcessClient/Foundation/Export.h>
+// clang-format on
+
 #include <coroutine>
 #include <functional>
 #include <future>

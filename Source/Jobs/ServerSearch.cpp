@@ -190,7 +190,11 @@ std::optional<Failure> ServerSearch::launch() {
     if (launched_) {
         const auto latest = ServerRunner::latestLaunch();
         const bool exited = latest && latest->pid > 0 && !latest->running;
-        return exited && !isServerRunning() ? std::optional(cannotStart(whyNotYet())) : std::nullopt;
+        if (!exited || isServerRunning()) {
+            return std::nullopt;
+        }
+        // One that exits at once because another has the lock is not to blame.
+        return probeFailure_.empty() ? cannotStart(whyNotYet()) : noConnection(probeFailure_);
     }
     try {
         launched_ = runner_->launchIfMissing();

@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include <KRVQTProcessClient/Media.h>
+#include <KRVQTProcessClient/Operations/OperationKeys.h>
 
 #include "DroppedTracks.h"
 #include "ExitStatus.h"
@@ -74,7 +75,9 @@ template <typename Start>
         return report.failed(result.error());
     }
     return report.done(
-        [&](nlohmann::json& json) { json["droppedTracks"] = droppedJSON(result->droppedTracks, operation.sources); },
+        [&](nlohmann::json& json) {
+            json[std::string(krv::kResultDroppedTracks)] = droppedJSON(result->droppedTracks, operation.sources);
+        },
         [&] {
             printDropped(result->droppedTracks, operation.sources);
             printPath(operation.destination);

@@ -1,4 +1,8 @@
+#include <string>
+
 #include <fmt/format.h>
+
+#include <KRVQTProcessClient/Operations/OperationKeys.h>
 
 #include "Commands.h"
 #include "FileOperation.h"
@@ -16,11 +20,10 @@ ExitStatus showTimes(const TimesOptions& options, const CommonOptions& common) {
         return questionFailed("times", times.error(), common);
     }
     if (common.json) {
-        printJSON({{"operation", "times"},
-                   {"status", "done"},
-                   {"source", absolutePath(options.movie)},
-                   {"timescale", times->timescale},
-                   {"values", times->values}});
+        nlohmann::json json{{"operation", "times"}, {"status", "done"}, {"source", absolutePath(options.movie)}};
+        json[std::string(krv::kResultInterestingTimeTimescale)] = times->timescale;
+        json[std::string(krv::kResultInterestingTimeValues)] = times->values;
+        printJSON(json);
         return kDone;
     }
     for (const krv::Seconds time : times->seconds()) {
