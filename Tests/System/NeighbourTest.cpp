@@ -61,6 +61,7 @@ TEST_F(Neighbour, EachPidNamespaceHasAServerOfItsOwn) {
     ours.tell("convert two " + media("plain.mov") + ' ' + out("two.mp4"));
     EXPECT_EQ(ours.result("two"), "done");
     EXPECT_THAT(servers(), ElementsAre(serving.pid));
+    ours.ask("wait-registered", "registered");
     EXPECT_EQ(nlohmann::json::parse(status(serving.port))["clients"], nlohmann::json({ours.pid()}));
 }
 
