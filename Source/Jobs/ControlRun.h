@@ -10,7 +10,7 @@ namespace krv {
 
 /// A few requests to the server, one after the other, such as those for its status.
 struct ControlPlan {
-    /// What a step leads to: another request, or the end.
+    /// The outcome of a step: another request, or the end.
     struct Next {
         std::optional<HTTPRequest> request{};
         JobCore::Outcome outcome{};

@@ -23,7 +23,7 @@ class RunLoop;
 /// latest progress is delivered. If it throws, the exception is logged and the job is cancelled.
 using ProgressCallback = std::function<void(const Progress&)>;
 
-/// What all jobs have in common.
+/// Options of every job.
 struct JobControl {
     /// Where callbacks are called. Null: the main run loop. It must outlive the job.
     RunLoop* loop = nullptr;

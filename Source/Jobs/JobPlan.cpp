@@ -115,7 +115,7 @@ std::uint32_t codec(Checks& checks, const std::string& name, std::uint32_t ofTyp
     return code.value_or(0);
 }
 
-/// What a conversion sends.
+/// The arguments of a conversion.
 struct Encoding {
     std::string source;
     std::string destination;

@@ -11,7 +11,7 @@
 
 namespace krv {
 
-/// What the engine needs to know of one media operation.
+/// One media operation, as the engine carries it out.
 struct JobPlan {
     /// The beginning of a sentence for a person, such as "Converting holiday.mov".
     std::string activity{};

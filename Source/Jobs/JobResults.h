@@ -13,7 +13,7 @@
 #include <KRVQTProcessClient/Foundation/Export.h>
 #include <KRVQTProcessClient/Jobs/Progress.h>
 
-/// What Media's jobs bring. Each has the server's record, for what is not modelled here.
+/// The results of Media's jobs. Each contains the server's record, for details that are not modelled here.
 namespace krv {
 
 class KRVOperationBase;
@@ -98,7 +98,7 @@ struct MovieChapter {
     std::string title{};
 };
 
-/// What a movie consists of.
+/// The description of a movie.
 struct MovieInfo {
     std::filesystem::path path{};
     /// Names for people, such as "H.264, AAC".
@@ -136,7 +136,7 @@ struct InterestingTimes {
     [[nodiscard]] KRV_EXPORT std::vector<Seconds> seconds() const;
 };
 
-/// What the server does at this moment.
+/// The server's present status.
 struct ServerStatus {
     std::string version{};
     std::int64_t pid = 0;
@@ -155,7 +155,7 @@ struct ServerStatus {
     std::string json{};
 };
 
-/// The result of a request that brings nothing else.
+/// The result of a request without one of its own.
 struct Done {};
 
 }  // namespace krv

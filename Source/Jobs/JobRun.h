@@ -15,7 +15,7 @@
 
 namespace krv {
 
-/// What all runs share. It must outlive them.
+/// The services that all runs share. They must outlive the runs.
 struct JobServices {
     HTTPLoop& http;
     ServerLink& link;

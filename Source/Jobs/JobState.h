@@ -14,7 +14,7 @@
 
 namespace krv {
 
-/// What a job's handle and the engine that carries it out share. Thread-safe.
+/// The state that a job's handle shares with the engine. Thread-safe.
 class JobState final : public JobCore, public std::enable_shared_from_this<JobState> {
 public:
     JobState(ProgressCallback onProgress, const JobControl& control);

@@ -24,7 +24,7 @@ private:
     Failure failure_;
 };
 
-/// What a job has brought: a value, or the reason why there is none. Its members have the names and the meaning of those
+/// The outcome of a job: a value, or the reason why there is none. Its members have the names and the meaning of those
 /// of std::expected<T, Failure>.
 template <typename T>
 class [[nodiscard]] Result {

@@ -9,7 +9,7 @@
 
 namespace krv {
 
-/// What a request to the server has brought.
+/// The server's reply to a request, or why there is none.
 struct ServerReply {
     enum class Kind : std::uint8_t {
         Record,

@@ -9,8 +9,8 @@
 // responds, and shows it in its status from the start. While nothing responds the search looks again, at first every ten
 // milliseconds, because a launched server needs about fifty.
 //
-// If there is no port and no server process, one is launched, once per search. A server that exits at once would do so
-// again. Where waiting cannot help, all jobs that wait fail at once with the reason. Otherwise each waits until its own
+// If there is no port and no server process, the search launches a server, but only once: a server that exits at once
+// would do so again. Where waiting cannot help, all jobs that wait fail at once with the reason. Otherwise each waits until its own
 // patience is at an end.
 //
 // The server runner watches the server too, at its own pace of one step per second, and may launch one at the same moment.

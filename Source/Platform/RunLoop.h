@@ -54,7 +54,7 @@ public:
 
     /// Returns whether the calling thread is the process's first.
     [[nodiscard]] static bool isMainThread();
-    /// Returns whether the calling thread is in a callback of a GLib context, such as the main loop, whoever runs it.
+    /// Returns whether the calling thread is inside a callback of a GLib context, for example of the main loop.
     [[nodiscard]] static bool isInCallback();
 
     /// Calls the callback every interval (at least one millisecond), first after one interval. Skips the calls that a
