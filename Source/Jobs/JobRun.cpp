@@ -159,18 +159,12 @@ void JobRun::sent(const ServerReply& reply) {
         }
         return;
     }
-    switch (reply.kind) {
-    case ServerReply::Kind::Lost:
-        serverWasLost(reply, &JobRun::send);
-        return;
-    case ServerReply::Kind::Refused:
+    if (reply.kind == ServerReply::Kind::Refused) {
         refused(reply);
         return;
-    case ServerReply::Kind::Garbage:
-        noReply(reply);
+    }
+    if (!requireRecord(reply, &JobRun::send)) {
         return;
-    case ServerReply::Kind::Record:
-        break;
     }
     if (!accepted) {
         fail(failureFrom(*reply.record->error()));
@@ -216,7 +210,24 @@ void JobRun::serverForgot() {
     send();
 }
 
-void JobRun::noReply(const ServerReply& reply) {
+bool JobRun::requireRecord(const ServerReply& reply, Step again) {
+    switch (reply.kind) {
+    case ServerReply::Kind::Lost:
+        serverWasLost(reply, again);
+        break;
+    case ServerReply::Kind::Refused:
+        after(kBetweenRefusals, again);
+        break;
+    case ServerReply::Kind::Garbage:
+        notUnderstood(reply);
+        break;
+    case ServerReply::Kind::Record:
+        return true;
+    }
+    return false;
+}
+
+void JobRun::notUnderstood(const ServerReply& reply) {
     fail({Failure::Kind::Internal,
           {.message = fmt::format("{} failed, because the media server's response was not understood.", plan_.activity),
            .cause = reply.why,
@@ -224,9 +235,15 @@ void JobRun::noReply(const ServerReply& reply) {
            .file = plan_.source}});
 }
 
+void JobRun::usePortOfLink() {
+    if (const long port = services_.link.port(); port > 0) {
+        port_ = port;
+    }
+}
+
 void JobRun::ask() {
     phase_ = Phase::Following;
-    port_ = services_.link.port() > 0 ? services_.link.port() : port_;
+    usePortOfLink();
     asked_ = services_.clock.now();
     wait_->aboutToAsk();
     request(*KRVOperationBase::progressAndCompletionOperation(record_->uniqueID()), kStateTimeout, &JobRun::asked);
@@ -234,33 +251,30 @@ void JobRun::ask() {
 
 void JobRun::asked(const ServerReply& reply) {
     const auto now = services_.clock.now();
-    switch (reply.kind) {
-    case ServerReply::Kind::Lost:
-        if (now - asked_ < kStateTimeout) {
-            serverWasLost(reply, &JobRun::ask);
-        } else if (now - lastReply_ > limits_.stall) {
-            cancelOnServer();
-            fail(stalled(plan_.activity, plan_.source, now - lastReply_));
-        } else {
-            report(Progress::State::Running, "the media server does not respond");
-            ask();
-        }
-        return;
-    case ServerReply::Kind::Refused:
-        after(kBetweenRefusals, &JobRun::ask);
-        return;
-    case ServerReply::Kind::Garbage:
-        noReply(reply);
-        return;
-    case ServerReply::Kind::Record:
-        lastReply_ = now;
-        if (isForgotten(*reply.record)) {
-            serverForgot();
-        } else {
-            advance(reply.record);
-        }
+    if (reply.kind == ServerReply::Kind::Lost && now - asked_ >= kStateTimeout) {
+        serverIsSilent();
         return;
     }
+    if (!requireRecord(reply, &JobRun::ask)) {
+        return;
+    }
+    lastReply_ = now;
+    if (isForgotten(*reply.record)) {
+        serverForgot();
+    } else {
+        advance(reply.record);
+    }
+}
+
+void JobRun::serverIsSilent() {
+    const auto silence = services_.clock.now() - lastReply_;
+    if (silence > limits_.stall) {
+        cancelOnServer();
+        fail(stalled(plan_.activity, plan_.source, silence));
+        return;
+    }
+    report(Progress::State::Running, "the media server does not respond");
+    ask();
 }
 
 void JobRun::advance(const KRVOperationBase::Ref& state) {
@@ -295,7 +309,7 @@ void JobRun::fetch() {
     phase_ = Phase::Fetching;
     fraction_ = 1;
     report(Progress::State::Finishing);
-    port_ = services_.link.port() > 0 ? services_.link.port() : port_;
+    usePortOfLink();
     request(*KRVOperationBase::returnResultForOperation(record_->uniqueID()), kReplyTimeout, &JobRun::fetched);
 }
 
@@ -303,18 +317,8 @@ void JobRun::fetched(const ServerReply& reply) {
     if (phase_ == Phase::Ended) {
         return;
     }
-    switch (reply.kind) {
-    case ServerReply::Kind::Lost:
-        serverWasLost(reply, &JobRun::fetch);
+    if (!requireRecord(reply, &JobRun::fetch)) {
         return;
-    case ServerReply::Kind::Refused:
-        after(kBetweenRefusals, &JobRun::fetch);
-        return;
-    case ServerReply::Kind::Garbage:
-        noReply(reply);
-        return;
-    case ServerReply::Kind::Record:
-        break;
     }
     if (isForgotten(*reply.record)) {
         serverForgot();

@@ -57,7 +57,12 @@ private:
     void ask();
     void asked(const ServerReply& reply);
     void advance(const KRVOperationBase::Ref& state);
-    void noReply(const ServerReply& reply);
+    /// Returns true if the reply is a record. If not, repeats the step where that makes sense, else fails the job.
+    [[nodiscard]] bool requireRecord(const ServerReply& reply, Step again);
+    void notUnderstood(const ServerReply& reply);
+    void serverIsSilent();
+    /// Another job may have found a new server.
+    void usePortOfLink();
     void fetch();
     void fetched(const ServerReply& reply);
     void serverForgot();
