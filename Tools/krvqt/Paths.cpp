@@ -32,13 +32,4 @@ ExitStatus checkDestination(const std::string& destination, bool force) {
     return kDone;
 }
 
-std::string shown(std::string_view path) {
-    std::string text;
-    for (const char c : path) {
-        const auto byte = static_cast<unsigned char>(c);
-        text += byte < 0x20 || byte >= 0x7f ? fmt::format("\\x{:02x}", byte) : std::string(1, c);
-    }
-    return text;
-}
-
 }  // namespace krvqt

@@ -22,7 +22,4 @@ ExitStatus usage(std::string_view text);
 void printPath(const std::string& file);
 void printJSON(const nlohmann::json& object);
 
-/// Returns a path with all bytes outside printable ASCII escaped, safe to print on a terminal.
-[[nodiscard]] std::string shown(std::string_view path);
-
 }  // namespace krvqt
