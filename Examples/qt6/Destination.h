@@ -7,7 +7,7 @@
 
 #include <KRVQTProcessClient/Operations/VideoConversion.h>
 
-/// What the user can convert to, and the extension of the files that it makes.
+/// An encoding type that the user can choose, and the extension of its files.
 struct Choice {
     krv::VideoConversion::Type type;
     const char* extension;

@@ -11,7 +11,7 @@
 
 namespace krv::media {
 
-/// What a description lists at most. A file that has more is described as far as this.
+/// Limits of a description. A file that has more is described up to them.
 inline constexpr std::size_t kMostListedTracks = 1000;
 inline constexpr std::size_t kMostListedTags = 100;
 inline constexpr std::size_t kMostListedChapters = 2000;

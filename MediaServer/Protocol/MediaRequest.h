@@ -19,7 +19,7 @@ inline constexpr std::size_t kLargestPoster = std::size_t{8} << 20;
 
 /// The longest text about a dropped track in bytes.
 inline constexpr std::size_t kLongestDroppedTrackText = 1024;
-/// What a description lists at most, and the longest texts in it in bytes.
+/// Limits of a description: numbers of entries, and lengths of texts in bytes.
 inline constexpr std::size_t kMostMovieTracks = 1000;
 inline constexpr std::size_t kMostMovieTags = 100;
 inline constexpr std::size_t kMostMovieChapters = 2000;

@@ -29,11 +29,11 @@ public:
     };
 
     struct Details {
-        /// What failed, as a complete sentence that names the file.
+        /// A complete sentence that names the file and the problem.
         std::string message{};
         /// The technical cause, such as "Permission denied"; may be empty.
         std::string cause{};
-        /// What a person can do about it, such as "Choose another destination."; empty if nothing is known to help.
+        /// A remedy for a person to try, such as "Choose another destination."; empty if nothing is known to help.
         std::string suggestion{};
         /// Absolute path of the file concerned; may be empty.
         std::filesystem::path file{};

@@ -20,7 +20,7 @@ namespace krv {
 /// a function on a run loop, co_await resumes a coroutine, wait() blocks, and future() returns a std::future. They may be
 /// combined, and each delivers its own copy.
 ///
-/// Whoever destroys the handle cancels the work, and none of the job's callbacks starts afterwards. If one is running on
+/// Destroying the handle cancels the work, and none of the job's callbacks starts afterwards. If one is running on
 /// another thread, the destructor waits until it has returned. detach() lets the work go on without a handle.
 ///
 /// All members are thread-safe, except for moving and destroying the handle. Nothing throws because of what happens to a

@@ -1,7 +1,8 @@
 // Finding a server for the jobs.
 //
-// The client's own calls find out by failing: each attempt is sent to whatever port is known, and after a failure the call
-// waits a few seconds. Jobs wait first and send then, so no attempt is spent on a server that is not there.
+// The client's own calls notice a missing server only when they fail: each attempt is sent to whatever port is known, and
+// after a failure the call waits a few seconds. Jobs wait first and send then, so no attempt is spent on a server that is
+// not there.
 //
 // A search begins when a job needs a server and none is known to respond. It looks for a port in two places: in the
 // service record, which is believed if the process that it names lives, and in discovery, which also knows servers that do
@@ -10,8 +11,8 @@
 // milliseconds, because a launched server needs about fifty.
 //
 // If there is no port and no server process, the search launches a server, but only once: a server that exits at once
-// would do so again. Where waiting cannot help, all jobs that wait fail at once with the reason. Otherwise each waits until its own
-// patience is at an end.
+// would do so again. Where waiting cannot help, all jobs that wait fail at once with the reason. Otherwise each waits
+// until its own patience is at an end.
 //
 // The server runner watches the server too, at its own pace of one step per second, and may launch one at the same moment.
 // The lock file decides which one serves.

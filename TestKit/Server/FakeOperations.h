@@ -19,7 +19,7 @@
 
 namespace krv::test_kit {
 
-/// What is sent in response to one request.
+/// The response to one request.
 struct Response {
     enum class Kind : std::uint8_t { Record, Body, Drop, Hang };
     Kind kind = Kind::Record;

@@ -13,7 +13,7 @@
 
 namespace krv::test_kit {
 
-/// What a rule makes the server do. Documentation/test-kit.md describes each.
+/// The behaviour of the server under a rule. Documentation/test-kit.md describes each.
 enum class Behaviour : std::uint8_t { Succeed, Fail, Die, Exit, Stall, Forget, Garbage, Status, Drop, Hang };
 
 /// How the server treats the requests that the rule applies to.

@@ -25,7 +25,7 @@ bool setTime(std::optional<krv::Seconds>& time, const std::optional<std::string>
     return true;
 }
 
-/// What a conversion and a flattening have in common.
+/// Sets the options that conversions and flattenings share. Returns false if a time is malformed.
 template <typename Wanted>
 bool select(const ConvertOptions& options, Wanted& wanted) {
     wanted.source = options.source;
