@@ -274,7 +274,7 @@ bool BlockingCalls::start(const std::shared_ptr<Running>& running) {
         return false;
     }
     try {
-        threadWithoutSignals([running] { running->perform(); }).detach();
+        threadWithoutSignals("KRVFileCalls", [running] { running->perform(); }).detach();
         return true;
     } catch (const std::system_error&) {
         return false;

@@ -68,7 +68,7 @@ private:
 int flushInBackground(Descriptor file, BackgroundFlush::Function function, const std::function<bool()>& onProgress) {
     const auto flush = std::make_shared<BackgroundFlush>(std::move(file), function);
     try {
-        threadWithoutSignals([flush] { flush->perform(); }).detach();
+        threadWithoutSignals("KRVFlush", [flush] { flush->perform(); }).detach();
     } catch (const std::system_error&) {
         flush->perform();
     }

@@ -38,7 +38,7 @@ struct RemovalWatch::Shared {
 RemovalWatch::RemovalWatch(InstalledProgram program, std::chrono::milliseconds interval)
     : shared_(std::make_shared<Shared>(std::move(program), interval)) {
     try {
-        threadWithoutSignals([shared = shared_] { shared->watch(); }).detach();
+        threadWithoutSignals("KRVRemovalWatch", [shared = shared_] { shared->watch(); }).detach();
     } catch (const std::system_error&) {
         return;
     }

@@ -65,7 +65,7 @@ struct ConnectionAcceptor::Internals {
         if (!stop) {
             throw std::system_error(errno, std::generic_category(), "eventfd");
         }
-        thread = threadWithoutSignals([this] { run(); });
+        thread = threadWithoutSignals("KRVAcceptor", [this] { run(); });
     }
     ~Internals() {
         const std::uint64_t one = 1;

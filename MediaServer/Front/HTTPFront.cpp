@@ -540,7 +540,7 @@ bool HTTPFront::start(ListeningSockets sockets) {
         return false;
     }
     try {
-        self.decoder = threadWithoutSignals([&self] { self.decodeLargeRecords(); });
+        self.decoder = threadWithoutSignals("KRVDecoder", [&self] { self.decodeLargeRecords(); });
         self.acceptor.emplace(std::move(sockets),
                               ConnectionAcceptor::Handlers{
                                   [&self](Descriptor connection) { self.admit(std::move(connection)); },

@@ -7,7 +7,7 @@
 namespace krv::server {
 
 HeldReplies::HeldReplies()
-    : thread_(threadWithoutSignals([this] { loop(); })) {}
+    : thread_(threadWithoutSignals("KRVHeldReplies", [this] { loop(); })) {}
 
 HeldReplies::~HeldReplies() {
     {

@@ -37,7 +37,7 @@ void OperationExecutors::start(Duration duration) {
     }
     try {
         // Detached, because replaced threads come and end at any time. The destructor waits for all.
-        threadWithoutSignals([this, duration] {
+        threadWithoutSignals("KRVOperation", [this, duration] {
             run(duration);
             const LockGuard lock(mutex_);
             --threads_;

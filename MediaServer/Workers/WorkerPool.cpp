@@ -54,7 +54,7 @@ WorkerPool::WorkerPool(std::string executable, unsigned spares, std::uint64_t me
     : spares_(spares)
     , stop_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
     , template_(std::move(executable), memoryLimit)
-    , keeper_(threadWithoutSignals([this] { keep(); })) {}
+    , keeper_(threadWithoutSignals("KRVWorkerPool", [this] { keep(); })) {}
 
 WorkerPool::~WorkerPool() {
     {

@@ -84,7 +84,6 @@
 #include <utility>
 
 #include <fmt/format.h>
-#include <pthread.h>
 
 #include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
 #include <KRVQTProcessClient/Client/ServerRunner.h>
@@ -206,8 +205,7 @@ void ServerRunner::cleanUp() {
 
 void ServerRunner::startDetachedThread(std::function<void()> body) {
     try {
-        threadWithoutSignals([body = std::move(body)] {
-            ::pthread_setname_np(::pthread_self(), "KRVServerRunner");
+        threadWithoutSignals("KRVServerRunner", [body = std::move(body)] {
             // After clean-up the body returns at once, so the loop ends then.
             while (!endsWithoutFailure(body)) {
                 std::this_thread::sleep_for(kSlice);

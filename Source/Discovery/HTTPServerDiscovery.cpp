@@ -76,7 +76,7 @@ void HTTPServerDiscovery::destroyDefaultInstance() {
 
 void HTTPServerDiscovery::startDetachedThread(std::function<void()> body) {
     try {
-        threadWithoutSignals([body = std::move(body)] {
+        threadWithoutSignals("KRVDiscovery", [body = std::move(body)] {
             try {
                 body();
             } catch (...) {

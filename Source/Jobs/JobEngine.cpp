@@ -39,18 +39,18 @@ void cancelFrom(JobState& state, HTTPLoop& http, const std::shared_ptr<Run>& run
 }  // namespace
 
 JobEngine& JobEngine::launching() {
-    static auto* const engine = new JobEngine(sharedClient());
+    static auto* const engine = new JobEngine(sharedClient(), "KRVJobs");
     return *engine;
 }
 
 JobEngine& JobEngine::looking() {
-    static auto* const engine = new JobEngine(nullptr);
+    static auto* const engine = new JobEngine(nullptr, "KRVControl");
     return *engine;
 }
 
-JobEngine::JobEngine(std::shared_ptr<KRVQuicktimeProcessClient> client)
+JobEngine::JobEngine(std::shared_ptr<KRVQuicktimeProcessClient> client, const char* thread)
     : client_(std::move(client))
-    , http_(HTTPLoop::start("KRVJobs"))
+    , http_(HTTPLoop::start(thread))
     , link_(std::make_unique<ServerSearch>(*http_, client_ ? client_->serverRunner() : nullptr)) {}
 
 void JobEngine::add(std::shared_ptr<JobState> state, JobPlan plan, JobLimits limits) {

@@ -28,8 +28,8 @@ public:
     void add(std::shared_ptr<JobState> state, std::function<ControlPlan()> makePlan, Clock::Duration patience);
 
 private:
-    /// client: launches servers; null for none.
-    explicit JobEngine(std::shared_ptr<KRVQuicktimeProcessClient> client);
+    /// client: launches servers; null for none. thread: its name, borrowed.
+    JobEngine(std::shared_ptr<KRVQuicktimeProcessClient> client, const char* thread);
 
     struct Lane {
         std::deque<std::shared_ptr<JobRun>> waiting;

@@ -4,6 +4,8 @@
 #include <thread>
 #include <utility>
 
+#include <pthread.h>
+
 namespace krv {
 
 /// Blocks all signals in this thread, so that threads that it starts block them too, until it is destroyed.
@@ -22,11 +24,15 @@ private:
     sigset_t before_{};
 };
 
-/// Starts a thread that blocks all signals. Throws std::system_error if there is none.
+/// Starts a thread that blocks all signals. The name, which debuggers and /proc show, is at most 15 characters and is
+/// borrowed until the process exits. Throws std::system_error if there is none.
 template <typename Function>
-[[nodiscard]] std::thread threadWithoutSignals(Function function) {
+[[nodiscard]] std::thread threadWithoutSignals(const char* name, Function function) {
     const SignalsBlocked blocked;
-    return std::thread(std::move(function));
+    return std::thread([name, function = std::move(function)]() mutable {
+        ::pthread_setname_np(::pthread_self(), name);
+        function();
+    });
 }
 
 }  // namespace krv

@@ -1,4 +1,5 @@
 // Sleep and wake over a real bus: a private bus daemon replaces the system bus, and a process on it replaces logind.
+#include <csignal>
 #include <thread>
 
 #include <gio/gio.h>
@@ -62,6 +63,17 @@ TEST(PowerEvents, ArePostedOnTheMainThreadAsLogindSendsThem) {
     EXPECT_THAT(log.texts(), testing::ElementsAre(testing::HasSubstr("No sleep and wake events")));
     EXPECT_EQ(log.lines().front().flag, kLogFlagInfo);
     EXPECT_EQ(seen.size(), count + 3);
+}
+
+TEST(PowerEvents, LeaveBrokenPipesToTheApplication) {
+    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
+    std::signal(SIGPIPE, SIG_DFL);
+    LogRecorder log;
+    (void)PowerEvents::notificationCenter();
+    while (log.lines().empty()) {  // until GIO has tried to connect
+        RunLoop::main().runUntil(Clock::steady().now() + 10ms);
+    }
+    EXPECT_EQ(std::signal(SIGPIPE, SIG_DFL), SIG_DFL);
 }
 
 TEST(PowerEvents, AreNeverPostedWithoutABus) {

@@ -14,6 +14,8 @@
 //   many N SOURCE                   describes a movie N times; prints "many running THREADS" when all have been started,
 //                                   and "many done OK" with the number that succeeded
 //   status                          prints "status NUMBER" with the number of clients, or "status KIND"
+//   threads                         prints "threads" and the names of all threads but the main one, among them the
+//                                   application's own "reader"
 //   quit                            exits
 //
 // Without the argument "--no-loop" it uses one Media from the start. With it, and SOURCE, it describes a movie as the
@@ -21,6 +23,7 @@
 #include <coroutine>
 #include <exception>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <iterator>
 #include <map>
@@ -32,6 +35,10 @@
 #include <thread>
 #include <variant>
 #include <vector>
+
+#include <unistd.h>
+
+#include <pthread.h>
 
 #include <KRVQTProcessClient/Media.h>
 #include <KRVQTProcessClient/Platform/RunLoop.h>
@@ -97,6 +104,8 @@ public:
             describeMany(std::stoul(rest[0]), rest[1]);
         } else if (command == "status") {
             status();
+        } else if (command == "threads") {
+            sayThreads();
         } else if (command == "quit") {
             krv::RunLoop::main().stop();
         }
@@ -157,6 +166,17 @@ private:
         const auto threads = std::filesystem::directory_iterator("/proc/self/task");
         say("many running", std::distance(begin(threads), end(threads)));
     }
+    static void sayThreads() {
+        std::string names;
+        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+            std::string name;
+            std::getline(std::ifstream(task.path() / "comm"), name);
+            if (task.path().filename() != std::to_string(::getpid())) {
+                names += ' ' + name;
+            }
+        }
+        say("threads" + names);
+    }
     void status() {
         const auto status = std::make_shared<krv::Job<krv::ServerStatus>>(media_.serverStatus());
         status->then([status](const krv::Result<krv::ServerStatus>& result) {
@@ -195,6 +215,7 @@ int main(int argc, char** argv) {
     }
     Application application;
     std::thread reader([&application] {
+        ::pthread_setname_np(::pthread_self(), "reader");
         for (std::string line; std::getline(std::cin, line);) {
             krv::RunLoop::main().perform([&application, line] { application.run(line); });
         }

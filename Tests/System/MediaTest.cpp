@@ -1,15 +1,23 @@
 // Media with the real server, which starts, hangs and is killed.
 #include <csignal>
 #include <filesystem>
+#include <iterator>
+#include <sstream>
 
 #include "SystemFixture.h"
+#include "WaitUntil.h"
 
 namespace krv::test {
 namespace {
 
+using testing::AllOf;
+using testing::AnyOf;
+using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Matches;
 using testing::SizeIs;
 using testing::StartsWith;
 
@@ -80,6 +88,20 @@ TEST_F(MediaJobs, AThousandJobsNeedAsManyThreadsAsOne) {
     const int many = threads(app.ask("many 1000 " + media("plain.mov"), "many running"));
     EXPECT_EQ(app.waitFor("many done"), "many done 1000");
     EXPECT_LE(many, few + 2) << "the client's own threads may start in between";
+}
+
+TEST_F(MediaJobs, EveryThreadSaysWhoseItIs) {
+    Application& app = start();
+    app.tell("info one " + media("plain.mov"));
+    EXPECT_EQ(app.result("one"), "done H.264, AAC");
+    // A thread that has not run yet still has the name of the one that started it.
+    const auto named = [&] {
+        std::istringstream words(app.ask("threads", "threads").substr(std::string("threads").size()));
+        const std::vector<std::string> names{std::istream_iterator<std::string>(words), {}};
+        return Matches(AllOf(Contains("KRVJobs"), Contains("KRVServerRunner"), Contains("KRVDiscovery"),
+                             Each(AnyOf("reader", StartsWith("KRV"), StartsWith("g"), StartsWith("pool")))))(names);
+    };
+    waitUntil(named);
 }
 
 // Losing the server.

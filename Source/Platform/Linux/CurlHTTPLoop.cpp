@@ -9,7 +9,6 @@
 
 #include <curl/curl.h>
 #include <fmt/format.h>
-#include <pthread.h>
 
 #include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Foundation/Mutex.h>
@@ -53,13 +52,12 @@ public:
         }
         curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, kConnections);
         try {
-            thread_ = threadWithoutSignals([this] { run(); });
+            thread_ = threadWithoutSignals(name, [this] { run(); });
         } catch (const std::system_error& failure) {
             curl_multi_cleanup(multi_);
             throw Exception("HTTPLoop",
                             fmt::format("The thread of an HTTP loop cannot be started: {}", failure.what()));
         }
-        ::pthread_setname_np(thread_.native_handle(), name);
     }
     ~CurlHTTPLoop() override {
         stopping_ = true;

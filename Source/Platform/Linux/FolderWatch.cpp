@@ -25,8 +25,7 @@ std::unique_ptr<FolderWatch> FolderWatch::start(const std::string& folder,
         return nullptr;
     }
     try {
-        const SignalsBlocked blocked;
-        watch->thread_ = std::thread([self = watch.get()] { self->run(); });
+        watch->thread_ = threadWithoutSignals("KRVFolderWatch", [self = watch.get()] { self->run(); });
     } catch (const std::system_error&) {
         watch.reset();
     }

@@ -11,6 +11,7 @@
 #include <avahi-core/core.h>
 #include <avahi-core/log.h>
 #include <fmt/format.h>
+#include <pthread.h>
 
 #include <KRVQTProcessClient/Logging/Log.h>
 #include <KRVQTProcessClient/Platform/MulticastDNS/MulticastResponder.h>
@@ -26,6 +27,18 @@ void toOurLog(AvahiLogLevel /*level*/, const char* text) {
 
 /// State changes concern records of the host name, and none are published.
 void stateChanged(AvahiServer* /*server*/, AvahiServerState /*state*/, void* /*userdata*/) {}
+
+/// Gives the thread of a poll, which libavahi-common starts, a name as soon as it runs.
+void nameThreadOf(const AvahiPoll* poll) {
+    const timeval now{};
+    poll->timeout_new(
+        poll, &now,
+        [](AvahiTimeout* timeout, void* itsPoll) {
+            ::pthread_setname_np(::pthread_self(), "KRVMulticast");
+            static_cast<const AvahiPoll*>(itsPoll)->timeout_free(timeout);
+        },
+        const_cast<AvahiPoll*>(poll));  // which the callback does not change
+}
 
 }  // namespace
 
@@ -45,6 +58,7 @@ std::unique_ptr<LoopbackResponder> LoopbackResponder::start() {
     responder->server_ =
         newMulticastResponder(avahi_threaded_poll_get(responder->poll_), fmt::format("krv-{}-{}", ::getpid(), ++number),
                               &stateChanged, nullptr, failure);
+    nameThreadOf(avahi_threaded_poll_get(responder->poll_));
     if (!responder->server_ || avahi_threaded_poll_start(responder->poll_) != 0) {
         KRV_LOG(kLogFlagInfo, kSite, "Service discovery is not available: {}", avahi_strerror(failure));
         return nullptr;
