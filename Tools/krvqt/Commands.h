@@ -1,24 +1,24 @@
 #pragma once
 
-#include <string>
+#include "CommandLine.h"
 
-#include "ExitStatus.h"
-#include "Options.h"
-
-/// The commands. Results go to standard output, everything else to standard error.
+/// The commands. Each function adds one to the command line. Results go to standard output, everything else to standard
+/// error.
 namespace krvqt {
 
-ExitStatus convert(const ConvertOptions& options, const CommonOptions& common);
-ExitStatus makeThumbnails(const ThumbnailsOptions& options, const CommonOptions& common);
-ExitStatus showInfo(const InfoOptions& options, const CommonOptions& common);
-ExitStatus mux(const MuxOptions& options, const CommonOptions& common);
-ExitStatus merge(const MergeOptions& options, const CommonOptions& common);
-ExitStatus showTimes(const TimesOptions& options, const CommonOptions& common);
-ExitStatus showStatus(const CommonOptions& common);
-ExitStatus cancelAll(const CommonOptions& common);
-ExitStatus shutDown(const CommonOptions& common);
-/// Prints the record archived in a file ("-" is standard input). Does not contact a server.
-ExitStatus showRecord(const std::string& file, const CommonOptions& common);
-ExitStatus showTypes(const CommonOptions& common);
+void addConvert(CommandLine& line);
+void addThumbnails(CommandLine& line);
+void addInfo(CommandLine& line);
+void addMux(CommandLine& line);
+void addMerge(CommandLine& line);
+void addTimes(CommandLine& line);
+/// Adds "status", "cancel-all" and "shutdown".
+void addServerCommands(CommandLine& line);
+/// Adds "record", which never contacts a server.
+void addRecord(CommandLine& line);
+void addTypes(CommandLine& line);
+
+/// Adds all of them, in the order in which help lists them.
+void addCommands(CommandLine& line);
 
 }  // namespace krvqt

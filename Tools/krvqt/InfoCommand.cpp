@@ -3,6 +3,10 @@
 #include <cstring>
 #include <deque>
 #include <fstream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
@@ -18,6 +22,12 @@
 
 namespace krvqt {
 namespace {
+
+struct InfoOptions {
+    std::vector<std::string> movies;
+    std::optional<std::string> poster;
+    bool force = false;
+};
 
 std::time_t unixTime(krv::Date date) {
     constexpr double kReference = 978307200;  // dates count from the start of 2001
@@ -157,8 +167,6 @@ bool print(const krv::MovieInfo& info, const InfoOptions& options, const CommonO
     return !options.poster || writePoster(*options.poster, info);
 }
 
-}  // namespace
-
 ExitStatus showInfo(const InfoOptions& options, const CommonOptions& common) {
     if (options.poster) {
         if (options.movies.size() > 1) {
@@ -191,6 +199,17 @@ ExitStatus showInfo(const InfoOptions& options, const CommonOptions& common) {
         }
     }
     return worst;
+}
+
+}  // namespace
+
+void addInfo(CommandLine& line) {
+    const auto options = std::make_shared<InfoOptions>();
+    CLI::App& command = line.add("info", "describe movies",
+                                 [options](const CommonOptions& common) { return showInfo(*options, common); });
+    command.add_option("movies", options->movies, "the movies to read")->required()->type_name("MOVIE...");
+    command.add_option("--poster", options->poster, "the JPEG file to write the poster to")->type_name("FILE");
+    addForce(command, options->force);
 }
 
 }  // namespace krvqt

@@ -1,9 +1,24 @@
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
 #include "Commands.h"
 #include "FileOperation.h"
 #include "Paths.h"
 #include "TextValues.h"
 
 namespace krvqt {
+namespace {
+
+struct MergeOptions {
+    /// The last one is the destination.
+    std::vector<std::string> files;
+    bool shortest = false;
+    std::optional<std::string> size;
+    std::optional<double> fps;
+    bool force = false;
+};
 
 ExitStatus merge(const MergeOptions& options, const CommonOptions& common) {
     constexpr std::size_t kFewest = 2;
@@ -33,6 +48,21 @@ ExitStatus merge(const MergeOptions& options, const CommonOptions& common) {
                             .control = std::move(control)});
     };
     return writeMovie(operation, start, common);
+}
+
+}  // namespace
+
+void addMerge(CommandLine& line) {
+    const auto options = std::make_shared<MergeOptions>();
+    CLI::App& command = line.add("merge", "join movies one after another",
+                                 [options](const CommonOptions& common) { return merge(*options, common); });
+    command.add_option("files", options->files, "the movies to read, in order, then the file to write")
+        ->required()
+        ->type_name("SOURCE... DESTINATION");
+    command.add_flag("--shortest", options->shortest, "end each movie with its shortest track, not its longest");
+    command.add_option("--size", options->size, "size in pixels, instead of that of the first movie")->type_name("WxH");
+    command.add_option("--fps", options->fps, "frames per second, instead of those of the first movie")->type_name("F");
+    addForce(command, options->force);
 }
 
 }  // namespace krvqt

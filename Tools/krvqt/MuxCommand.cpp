@@ -1,8 +1,18 @@
+#include <memory>
+#include <string>
+
 #include "Commands.h"
 #include "FileOperation.h"
 #include "Paths.h"
 
 namespace krvqt {
+namespace {
+
+struct MuxOptions {
+    std::string source;
+    std::string destination;
+    bool force = false;
+};
 
 ExitStatus mux(const MuxOptions& options, const CommonOptions& common) {
     const FileOperation operation{.operation = "mux",
@@ -18,6 +28,17 @@ ExitStatus mux(const MuxOptions& options, const CommonOptions& common) {
                                   .control = std::move(control)});
     };
     return writeMovie(operation, start, common);
+}
+
+}  // namespace
+
+void addMux(CommandLine& line) {
+    const auto options = std::make_shared<MuxOptions>();
+    CLI::App& command = line.add("mux", "copy a movie with its audio mixed down to stereo",
+                                 [options](const CommonOptions& common) { return mux(*options, common); });
+    command.add_option("source", options->source, "the movie to read")->required()->type_name("SOURCE");
+    command.add_option("destination", options->destination, "the file to write")->required()->type_name("DESTINATION");
+    addForce(command, options->force);
 }
 
 }  // namespace krvqt

@@ -1,10 +1,8 @@
 #pragma once
 
 #include <chrono>
-#include <cstdint>
-#include <optional>
-#include <string>
-#include <vector>
+
+#include <CLI/App.hpp>
 
 namespace krvqt {
 
@@ -16,64 +14,9 @@ struct CommonOptions {
     std::chrono::duration<double> wait{20};
 };
 
-struct TrackOptions {
-    std::optional<std::string> codec;
-    std::optional<float> quality;
-    std::optional<std::string> settings;
-    [[nodiscard]] bool any() const { return codec || quality || settings; }
-};
-
-struct ConvertOptions {
-    std::string source;
-    std::string destination;
-    std::optional<std::string> type;
-    bool flatten = false;
-    bool force = false;
-    TrackOptions video;
-    std::optional<float> fps;
-    TrackOptions audio;
-    std::optional<std::string> start;
-    std::optional<std::string> end;
-    std::optional<std::string> audioTracks;
-    std::optional<std::string> subtitleTracks;
-    std::optional<std::string> burnIn;
-    bool strict = false;
-    [[nodiscard]] bool withVideoSettings() const { return video.any() || fps; }
-    [[nodiscard]] bool withSettings() const { return withVideoSettings() || audio.any(); }
-};
-
-struct ThumbnailsOptions {
-    std::string movie;
-    std::string folder;
-    std::optional<std::string> size;
-    std::optional<int> count;
-    bool force = false;
-};
-
-struct InfoOptions {
-    std::vector<std::string> movies;
-    std::optional<std::string> poster;
-    bool force = false;
-};
-
-struct MuxOptions {
-    std::string source;
-    std::string destination;
-    bool force = false;
-};
-
-struct MergeOptions {
-    /// The last one is the destination.
-    std::vector<std::string> files;
-    bool shortest = false;
-    std::optional<std::string> size;
-    std::optional<double> fps;
-    bool force = false;
-};
-
-struct TimesOptions {
-    std::string movie;
-    std::optional<std::int32_t> track;
-};
+/// Adds the option that allows a command to replace files.
+inline void addForce(CLI::App& command, bool& force) {
+    command.add_flag("--force", force, "replace an existing destination");
+}
 
 }  // namespace krvqt

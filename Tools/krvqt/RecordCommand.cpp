@@ -2,6 +2,8 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <memory>
+#include <string>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -114,8 +116,6 @@ bool readAll(std::istream& in, krv::Data& data) {
     return !in.bad();
 }
 
-}  // namespace
-
 ExitStatus showRecord(const std::string& file, const CommonOptions& common) {
     krv::Data data;
     bool read = false;
@@ -141,6 +141,17 @@ ExitStatus showRecord(const std::string& file, const CommonOptions& common) {
                    jsonOf(*record).dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
     }
     return kDone;
+}
+
+}  // namespace
+
+void addRecord(CommandLine& line) {
+    const auto file = std::make_shared<std::string>();
+    line.add("record", "print an archived operation record",
+             [file](const CommonOptions& common) { return showRecord(*file, common); })
+        .add_option("file", *file, "the file to read; - is standard input")
+        ->required()
+        ->type_name("FILE");
 }
 
 }  // namespace krvqt

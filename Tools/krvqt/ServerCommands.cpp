@@ -13,8 +13,6 @@ krv::Media looking(const CommonOptions& common) {
     return krv::Media({.launch = krv::Media::Launch::Never, .patience = common.wait});
 }
 
-}  // namespace
-
 ExitStatus showStatus(const CommonOptions& common) {
     const auto result = looking(common).serverStatus(untilInterrupted()).wait();
     if (!result) {
@@ -58,6 +56,14 @@ ExitStatus shutDown(const CommonOptions& common) {
         fmt::print(stderr, "krvqt: the media server exits when it has finished its work\n");
     }
     return kDone;
+}
+
+}  // namespace
+
+void addServerCommands(CommandLine& line) {
+    line.add("status", "show what the media server is doing", showStatus);
+    line.add("cancel-all", "cancel every operation of this user's applications", cancelAll);
+    line.add("shutdown", "shut down the media server when it has finished its work", shutDown);
 }
 
 }  // namespace krvqt

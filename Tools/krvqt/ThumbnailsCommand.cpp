@@ -1,4 +1,7 @@
 #include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
 
 #include <fmt/format.h>
 
@@ -10,13 +13,19 @@
 namespace krvqt {
 namespace {
 
+struct ThumbnailsOptions {
+    std::string movie;
+    std::string folder;
+    std::optional<std::string> size;
+    std::optional<int> count;
+    bool force = false;
+};
+
 /// Returns whether the folder holds thumbnails of an earlier run.
 bool holdsThumbnails(const std::string& folder) {
     std::error_code failure;
     return std::filesystem::exists(std::filesystem::path(folder) / "thumbnail-0001.jpg", failure);
 }
-
-}  // namespace
 
 ExitStatus makeThumbnails(const ThumbnailsOptions& options, const CommonOptions& common) {
     const auto size = sizeFrom(options.size.value_or("0x0"));
@@ -58,6 +67,21 @@ ExitStatus makeThumbnails(const ThumbnailsOptions& options, const CommonOptions&
             printPath(thumbnail.path.string());
         }
     });
+}
+
+}  // namespace
+
+void addThumbnails(CommandLine& line) {
+    const auto options = std::make_shared<ThumbnailsOptions>();
+    CLI::App& command = line.add("thumbnails", "make pictures spread evenly over a movie",
+                                 [options](const CommonOptions& common) { return makeThumbnails(*options, common); });
+    command.add_option("movie", options->movie, "the movie to read")->required()->type_name("MOVIE");
+    command.add_option("folder", options->folder, "the folder for thumbnail-0001.jpg and so on; created if missing")
+        ->required()
+        ->type_name("FOLDER");
+    command.add_option("--size", options->size, "largest size in pixels; a side of 0 is unlimited")->type_name("WxH");
+    command.add_option("--count", options->count, "number of thumbnails (12)")->type_name("N");
+    addForce(command, options->force);
 }
 
 }  // namespace krvqt

@@ -1,3 +1,6 @@
+#include <cstdint>
+#include <memory>
+#include <optional>
 #include <string>
 
 #include <fmt/format.h>
@@ -10,6 +13,12 @@
 #include "Question.h"
 
 namespace krvqt {
+namespace {
+
+struct TimesOptions {
+    std::string movie;
+    std::optional<std::int32_t> track;
+};
 
 ExitStatus showTimes(const TimesOptions& options, const CommonOptions& common) {
     const auto times =
@@ -30,6 +39,17 @@ ExitStatus showTimes(const TimesOptions& options, const CommonOptions& common) {
         fmt::print("{:.6f}\n", time.count());
     }
     return kDone;
+}
+
+}  // namespace
+
+void addTimes(CommandLine& line) {
+    const auto options = std::make_shared<TimesOptions>();
+    CLI::App& command = line.add("times", "list the times in seconds that are worth seeking to",
+                                 [options](const CommonOptions& common) { return showTimes(*options, common); });
+    command.add_option("movie", options->movie, "the movie to read")->required()->type_name("MOVIE");
+    command.add_option("--track", options->track, "index of a track, from 0; lists the times of that track only")
+        ->type_name("N");
 }
 
 }  // namespace krvqt

@@ -6,6 +6,7 @@
 #include "Commands.h"
 
 namespace krvqt {
+namespace {
 
 ExitStatus showTypes(const CommonOptions& common) {
     for (const auto& type : krv::VideoConversion::types()) {
@@ -18,6 +19,12 @@ ExitStatus showTypes(const CommonOptions& common) {
         }
     }
     return kDone;
+}
+
+}  // namespace
+
+void addTypes(CommandLine& line) {
+    line.add("types", "list the encoding types and what they mean", showTypes);
 }
 
 }  // namespace krvqt

@@ -1,0 +1,17 @@
+#include "Commands.h"
+
+namespace krvqt {
+
+void addCommands(CommandLine& line) {
+    addConvert(line);
+    addThumbnails(line);
+    addInfo(line);
+    addMux(line);
+    addMerge(line);
+    addTimes(line);
+    addServerCommands(line);
+    addRecord(line);
+    addTypes(line);
+}
+
+}  // namespace krvqt
