@@ -13,7 +13,6 @@
 #include <MediaServer/Front/StatusPage.h>
 #include <MediaServer/Operations/ServerLog.h>
 #include <MediaServer/ServerProcess.h>
-#include <MediaServer/Worker/Sandbox.h>
 
 namespace krv::server {
 namespace {
@@ -64,7 +63,9 @@ std::string ServerProcess::statusText() const {
                        .queued = counts.queued,
                        .running = counts.running,
                        .finished = counts.finished,
-                       .workers = settings_.executors});
+                       .workers = settings_.executors,
+                       .landlock = sandbox_.landlock,
+                       .seccomp = sandbox_.seccomp});
 }
 
 void ServerProcess::requestShutDown() {
@@ -131,7 +132,7 @@ int ServerProcess::run(int signals) {
         fmt::print(stderr, "KRVQuicktimeProcess: the HTTP library cannot be started\n");
         return 1;
     }
-    for (const std::string& phrase : missingForSandbox()) {
+    for (const std::string& phrase : missingForSandbox(sandbox_)) {
         serverLog(kLogFlagWarning, "start", "the kernel has " + phrase);
     }
     ServicePublisher publisher(settings_.serviceName, port_);

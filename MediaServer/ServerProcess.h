@@ -16,6 +16,7 @@
 #include <MediaServer/Operations/OperationDispatcher.h>
 #include <MediaServer/Operations/OperationExecutors.h>
 #include <MediaServer/Operations/OperationLedger.h>
+#include <MediaServer/Worker/Sandbox.h>
 #include <MediaServer/Workers/JobRunner.h>
 #include <MediaServer/Workers/WorkerPool.h>
 
@@ -66,6 +67,7 @@ private:
 
     const Settings settings_;
     const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+    const SandboxSupport sandbox_ = sandboxSupport();
     std::uint16_t port_ = 0;
     Descriptor wake_;
     std::atomic<bool> shutDownRequested_{false};

@@ -3,4 +3,5 @@
 /// \file
 /// The interface for applications: one call, one typed result. An application needs to include only this header.
 
+#include <KRVQTProcessClient/Jobs/Diagnosis.h>
 #include <KRVQTProcessClient/Jobs/Media.h>

@@ -7,11 +7,17 @@
 namespace krv::server {
 
 std::string statusPage(const ServerStatus& status) {
-    const nlohmann::ordered_json json{
-        {"name", kMediaServerName}, {"version", status.version},       {"pid", status.pid},
-        {"port", status.port},      {"uptime", status.uptime.count()}, {"clients", status.clients},
-        {"queued", status.queued},  {"running", status.running},       {"finished", status.finished},
-        {"workers", status.workers}};
+    const nlohmann::ordered_json json{{"name", kMediaServerName},
+                                      {"version", status.version},
+                                      {"pid", status.pid},
+                                      {"port", status.port},
+                                      {"uptime", status.uptime.count()},
+                                      {"clients", status.clients},
+                                      {"queued", status.queued},
+                                      {"running", status.running},
+                                      {"finished", status.finished},
+                                      {"workers", status.workers},
+                                      {"sandbox", {{"landlock", status.landlock}, {"seccomp", status.seccomp}}}};
     return json.dump() + "\n";
 }
 

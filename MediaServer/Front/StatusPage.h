@@ -22,10 +22,13 @@ struct ServerStatus {
     std::size_t finished = 0;
     /// How many media operations can run at once.
     unsigned workers = 0;
+    /// What the kernel offers to confine workers: the version of Landlock, 0 for none, and seccomp filters.
+    long landlock = 0;
+    bool seccomp = false;
 };
 
 /// Returns the status as one JSON object with the keys name, version, pid, port, uptime (seconds), clients, queued,
-/// running, finished and workers.
+/// running, finished, workers and sandbox (an object with landlock and seccomp).
 [[nodiscard]] std::string statusPage(const ServerStatus& status);
 
 }  // namespace krv::server

@@ -364,12 +364,16 @@ void enterTemplateSandbox(const WorkerLimits& limits) {
     (void)confineTemplate();
 }
 
-std::vector<std::string> missingForSandbox() {
+SandboxSupport sandboxSupport() {
+    return {.landlock = landlockVersion(), .seccomp = seccompExists()};
+}
+
+std::vector<std::string> missingForSandbox(const SandboxSupport& support) {
     std::vector<std::string> missing;
-    if (landlockVersion() == 0) {
+    if (support.landlock == 0) {
         missing.emplace_back(kNoLandlock);
     }
-    if (!seccompExists()) {
+    if (!support.seccomp) {
         missing.emplace_back(kNoSeccomp);
     }
     return missing;

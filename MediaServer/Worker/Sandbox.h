@@ -55,7 +55,15 @@ std::vector<std::string> enterSandbox(const WorkerLimits& limits = {}, SandboxLa
 /// signal its user's processes (where Landlock does not deny it), and that its children can enter their own sandbox.
 void enterTemplateSandbox(const WorkerLimits& limits = {});
 
-/// Returns the phrases that enterSandbox() would return on this machine. Changes nothing.
-[[nodiscard]] std::vector<std::string> missingForSandbox();
+/// What this machine's kernel offers.
+struct SandboxSupport {
+    /// ABI version of Landlock, 0 if the kernel has none.
+    long landlock = 0;
+    bool seccomp = false;
+};
+[[nodiscard]] SandboxSupport sandboxSupport();
+
+/// Returns the phrases that enterSandbox() would return with this support. Pure.
+[[nodiscard]] std::vector<std::string> missingForSandbox(const SandboxSupport& support);
 
 }  // namespace krv::server

@@ -49,6 +49,15 @@ std::int64_t numberIn(const Json& status, const char* key) {
     return place != status.end() && place->is_number() ? place->get<std::int64_t>() : 0;
 }
 
+std::optional<SandboxSupport> sandboxIn(const Json& status) {
+    const auto sandbox = status.find("sandbox");
+    if (sandbox == status.end() || !sandbox->is_object()) {
+        return std::nullopt;
+    }
+    return SandboxSupport{.landlock = numberIn(*sandbox, "landlock"),
+                          .seccomp = sandbox->value("seccomp", Json()) == true};
+}
+
 std::vector<std::int64_t> clientsIn(const Json& status) {
     std::vector<std::int64_t> clients;
     for (const Json& client : status["clients"]) {
@@ -72,6 +81,7 @@ ServerStatus serverStatus(const Json& status, const KRVOperationBase& operations
                         .running = numberIn(status, "running"),
                         .finished = numberIn(status, "finished"),
                         .workers = numberIn(status, "workers"),
+                        .sandbox = sandboxIn(status),
                         .json = status.dump(-1, ' ', false, Json::error_handler_t::replace)};
     if (const auto names = operations.numOpsNames()) {
         for (const Value& name : *names) {

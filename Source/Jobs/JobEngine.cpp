@@ -51,7 +51,7 @@ JobEngine& JobEngine::looking() {
 JobEngine::JobEngine(std::shared_ptr<KRVQuicktimeProcessClient> client, const char* thread)
     : client_(std::move(client))
     , http_(HTTPLoop::start(thread))
-    , link_(std::make_unique<ServerSearch>(*http_, client_ ? client_->serverRunner() : nullptr)) {}
+    , link_(std::make_unique<ServerSearch>(*http_, runner())) {}
 
 void JobEngine::add(std::shared_ptr<JobState> state, JobPlan plan, JobLimits limits) {
     http_->post([this, state = std::move(state), plan = std::move(plan), limits]() mutable {

@@ -24,6 +24,9 @@ public:
     [[nodiscard]] static JobEngine& launching();
     [[nodiscard]] static JobEngine& looking();
 
+    /// Returns what launches servers, null for the engine that does not.
+    [[nodiscard]] std::shared_ptr<ServerRunner> runner() const { return client_ ? client_->serverRunner() : nullptr; }
+
     void add(std::shared_ptr<JobState> state, JobPlan plan, JobLimits limits);
     void add(std::shared_ptr<JobState> state, std::function<ControlPlan()> makePlan, Clock::Duration patience);
 

@@ -136,6 +136,13 @@ struct InterestingTimes {
     [[nodiscard]] KRV_EXPORT std::vector<Seconds> seconds() const;
 };
 
+/// What the kernel offers a server to confine its workers with.
+struct SandboxSupport {
+    /// Version of Landlock, 0 for none.
+    std::int64_t landlock = 0;
+    bool seccomp = false;
+};
+
 /// The server's present status.
 struct ServerStatus {
     std::string version{};
@@ -149,6 +156,8 @@ struct ServerStatus {
     std::int64_t running = 0;
     std::int64_t finished = 0;
     std::int64_t workers = 0;
+    /// Nothing if the server does not say.
+    std::optional<SandboxSupport> sandbox{};
     /// Names of the operations that wait or run, in order.
     std::vector<std::string> operations{};
     /// The server's own report, a JSON object.

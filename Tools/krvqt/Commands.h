@@ -14,6 +14,8 @@ void addMerge(CommandLine& line);
 void addTimes(CommandLine& line);
 /// Adds "status", "cancel-all" and "shutdown".
 void addServerCommands(CommandLine& line);
+/// Adds "doctor".
+void addDoctor(CommandLine& line);
 /// Adds "record", which never contacts a server.
 void addRecord(CommandLine& line);
 void addTypes(CommandLine& line);

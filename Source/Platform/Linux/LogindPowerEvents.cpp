@@ -4,7 +4,6 @@
 // The connection is our own, not the shared one of GIO, which by default terminates the process when the bus closes it;
 // a library must not do that. No inhibitor lock is taken, so the machine does not wait for us. The sleep signal may
 // therefore be delivered only after the wake, directly before the wake signal. Observers must handle both together.
-#include <csignal>
 #include <memory>
 
 #include <gio/gio.h>
@@ -15,6 +14,8 @@
 #include <KRVQTProcessClient/Platform/PowerEvents.h>
 #include <KRVQTProcessClient/Platform/RunLoop.h>
 #include <KRVQTProcessClient/Platform/SignalsBlocked.h>
+
+#include "SocketsOfGIO.h"
 
 namespace krv {
 
@@ -77,19 +78,6 @@ void connected(GObject*, GAsyncResult* result, gpointer) {
 }
 
 void listenAgainLater();
-
-/// GIO's class of sockets ignores SIGPIPE for the whole process when it is first used. How an application handles a
-/// broken pipe is its own affair, and GIO does not depend on it: it sends with MSG_NOSIGNAL.
-void initialiseSocketsOfGIO() {
-    static const bool done = [] {
-        struct sigaction before {};
-        ::sigaction(SIGPIPE, nullptr, &before);
-        g_type_class_ref(G_TYPE_SOCKET);  // and never released, or the class would be initialised again
-        ::sigaction(SIGPIPE, &before, nullptr);
-        return true;
-    }();
-    (void)done;
-}
 
 /// Called on the main thread, so that GIO delivers the signals there.
 void listen() {

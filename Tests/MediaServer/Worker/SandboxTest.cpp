@@ -23,8 +23,8 @@ using testing::EndsWith;
 class Sandbox : public testing::TestWithParam<const char*> {
 protected:
     void SetUp() override {
-        if (!missingForSandbox().empty()) {
-            GTEST_SKIP() << missingForSandbox().front();
+        if (!missingForSandbox(sandboxSupport()).empty()) {
+            GTEST_SKIP() << missingForSandbox(sandboxSupport()).front();
         }
     }
 
