@@ -6,7 +6,7 @@
 
 namespace krv {
 
-/// Returns the version of the loaded library, such as "0.1.0". It may differ from the version of the headers with which
+/// Returns the version of the loaded library, such as "1.0.0". It may differ from the version of the headers with which
 /// the application was built.
 [[nodiscard]] KRV_EXPORT std::string_view libraryVersion() noexcept;
 

@@ -4,7 +4,6 @@
 #include <functional>
 #include <memory>
 
-#include <KRVQTProcessClient/Foundation/Export.h>
 #include <KRVQTProcessClient/Platform/HTTPClient.h>
 
 namespace krv {
@@ -16,7 +15,7 @@ namespace krv {
 ///
 /// Every callback runs on the loop's thread, which blocks all signals. If one throws, the exception is logged at error
 /// level. All members but post() are for the loop's thread.
-class KRV_EXPORT HTTPLoop {
+class HTTPLoop {
 public:
     using Task = std::function<void()>;
     using Reply = std::function<void(HTTPResponse response)>;

@@ -8,7 +8,7 @@
 /// How client and server recognise each other. A client uses a server of its own major version only.
 namespace krv {
 
-/// Returns this build's version, such as "0.1.0".
+/// Returns this build's version, such as "1.0.0".
 [[nodiscard]] KRV_EXPORT std::string_view buildVersion() noexcept;
 
 /// Returns the major version of a text such as "0.1.0", "0.1" or "0"; -1 for any other text. Pure.
