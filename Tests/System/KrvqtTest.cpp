@@ -29,6 +29,15 @@ protected:
         std::string text = process.readAll();
         return {process.wait(), text};
     }
+    /// Runs krvqt by a shell script, which finds its command line in "$@", in the test's own folder.
+    std::pair<int, std::string> runIn(const std::string& script, const std::vector<std::string>& arguments) const {
+        std::vector<std::string> all{"sh", "-c", "rm -f pipe; " + script, "sh", KRV_KRVQT};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        all[2].insert(0, "cd '" + folder.path().string() + "'; ");
+        ChildProcess process(all);
+        std::string text = process.readAll();
+        return {process.wait(), text};
+    }
     std::vector<std::string> conversion(const char* source) const { return {"convert", media(source), out("out.mp4")}; }
     /// Reads until the process prints a line that contains the text.
     static void waitForLine(ChildProcess& process, const std::string& part) {
@@ -205,6 +214,36 @@ TEST_F(Krvqt, AcceptsAllOtherNames) {
         const auto [done, json] = run({"info", "--quiet", "--json", out(name)});
         EXPECT_EQ(done, 0) << json;
         EXPECT_EQ(nlohmann::json::parse(json)["path"], out(name));
+    }
+}
+
+TEST_F(Krvqt, FinishesItsWorkIfItsMessagesCannotBeWritten) {
+    // The pipe has a reader only until krvqt's end of it is open.
+    const std::string pipe = "mkfifo pipe; exec 3<>pipe; exec 4>pipe; exec 3<&-; exec \"$@\" 2>&4";
+    for (const std::string& script : {std::string("exec \"$@\" 2>/dev/full"), std::string("exec \"$@\" 2>&-"), pipe}) {
+        const auto [status, text] = runIn(script, {"convert", "--force", media("plain.mov"), out("out.mp4")});
+        EXPECT_EQ(status, 0) << script;
+        EXPECT_EQ(text, out("out.mp4") + "\n") << script;
+        EXPECT_NEAR(readableSeconds(out("out.mp4")), 2.0, 0.1) << script;
+        std::filesystem::remove(out("out.mp4"));
+    }
+}
+
+TEST_F(Krvqt, FailsIfItsResultsCannotBeWritten) {
+    const std::string pipe = "mkfifo pipe; exec 3<>pipe; exec 4>pipe; exec 3<&-; exec \"$@\" 2>&1 >&4";
+    for (const std::string& script :
+         {std::string("exec \"$@\" 2>&1 >/dev/full"), std::string("exec \"$@\" 2>&1 >&-"), pipe}) {
+        for (const std::vector<std::string>& command : {std::vector<std::string>{"types"},
+                                                        {"types", "--json"},
+                                                        {"info", media("plain.mov")},
+                                                        {"convert", "--force", media("plain.mov"), out("out.mp4")}}) {
+            const auto [status, text] = runIn(script, command);
+            EXPECT_EQ(status, 1) << script << ' ' << command.front();
+            EXPECT_THAT(text, HasSubstr("krvqt: Cannot write the results to standard output: "))
+                << script << ' ' << command.front();
+        }
+        EXPECT_NEAR(readableSeconds(out("out.mp4")), 2.0, 0.1) << script;
+        std::filesystem::remove(out("out.mp4"));
     }
 }
 

@@ -7,6 +7,7 @@
 #include "FailureText.h"
 #include "ProgressDisplay.h"
 #include "TextValues.h"
+#include "VisibleText.h"
 
 namespace krvqt {
 namespace {
@@ -57,6 +58,22 @@ TEST(DroppedText, JSONNamesTheSourceIfThereAreSeveral) {
     EXPECT_FALSE(droppedJSON(tracks, {"/a.mov"}).front().contains("source"));
     EXPECT_EQ(droppedJSON(tracks, {"/a.mov", "/b.mov"}).front()["source"], 1);
     EXPECT_EQ(droppedJSON(tracks, {"/a.mov"}).front()["index"], 3);
+}
+
+TEST(VisibleText, ShowsControlCharacters) {
+    EXPECT_EQ(visible("a\033[2Jb\rc\x7f\x01.mov\n\tx"), "a\\x1b[2Jb\\x0dc\\x7f\\x01.mov\n\tx");
+    EXPECT_EQ(visible("\xc2\x9b"
+                      "2J"),
+              "\\xc2\\x9b"
+              "2J")
+        << "an escape sequence may also begin with U+009B";
+}
+
+TEST(VisibleText, KeepsUTF8AndShowsOtherBytes) {
+    EXPECT_EQ(visible("Bj\xc3\xb6rk \xe2\x82\xac \xf0\x9f\x8e\xac\xc2\xa0"),
+              "Bj\xc3\xb6rk \xe2\x82\xac \xf0\x9f\x8e\xac\xc2\xa0");
+    EXPECT_EQ(visible("\xff.mov \xe2\x82"), "\\xff.mov \\xe2\\x82");
+    EXPECT_EQ(visible(""), "");
 }
 
 TEST(ProgressLine, ShowsBarPercentAndTimes) {

@@ -7,6 +7,8 @@
 
 #include <fmt/format.h>
 
+#include "Output.h"
+
 namespace krvqt {
 namespace {
 
@@ -35,7 +37,7 @@ std::string droppedText(const krv::DroppedTrack& track, const std::vector<std::s
 
 void printDropped(const std::vector<krv::DroppedTrack>& tracks, const std::vector<std::string>& sources) {
     for (const krv::DroppedTrack& track : tracks) {
-        fmt::print(stderr, "krvqt: dropped {}\n", droppedText(track, sources));
+        say("krvqt: dropped {}\n", droppedText(track, sources));
     }
 }
 

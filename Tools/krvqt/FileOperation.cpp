@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include "FailureText.h"
+#include "Output.h"
 
 namespace krvqt {
 
@@ -30,8 +31,8 @@ ExitStatus FileReport::done(const Describe& describe, const Print& print) const 
     }
     print();
     if (!common_.quiet) {
-        fmt::print(stderr, "krvqt: done, {}{:.1f} s\n",
-                   isFile ? fmt::format("{:.1f} MB in ", static_cast<double>(bytes) / 1e6) : std::string(), elapsed());
+        say("krvqt: done, {}{:.1f} s\n",
+            isFile ? fmt::format("{:.1f} MB in ", static_cast<double>(bytes) / 1e6) : std::string(), elapsed());
     }
     return kDone;
 }
@@ -46,9 +47,9 @@ ExitStatus FileReport::failed(const krv::Failure& failure) const {
         printJSON(json);
     }
     if (cancelled) {
-        fmt::print(stderr, "krvqt: cancelled; {} was not written\n", operation_.destination);
+        say("krvqt: cancelled; {} was not written\n", operation_.destination);
     } else {
-        fmt::print(stderr, "krvqt: {}\n", failureText(failure));
+        say("krvqt: {}\n", failureText(failure));
     }
     return statusOf(failure);
 }

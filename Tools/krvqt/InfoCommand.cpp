@@ -17,6 +17,7 @@
 #include "Commands.h"
 #include "FailureText.h"
 #include "FileOperation.h"
+#include "Output.h"
 #include "Paths.h"
 #include "Question.h"
 
@@ -80,14 +81,14 @@ nlohmann::json jsonOf(const krv::Dictionary& info) {
 void printText(const krv::Dictionary& info) {
     const auto line = [](std::string_view name, const std::string& text) {
         if (!text.empty()) {
-            fmt::print("  {:<11} {}\n", name, text);
+            print("  {:<11} {}\n", name, text);
         }
     };
     const auto date = [&info](std::string_view key) {
         const krv::Value value = info[key];
         return value.date() ? isoTime(*value.date()) : std::string();
     };
-    fmt::print("{}\n", info[krv::kMediaMetadataPath].stringValue());
+    print("{}\n", info[krv::kMediaMetadataPath].stringValue());
     line("codecs", info[krv::kMediaMetadataCodec].stringValue());
     if (const krv::Value duration = info[krv::kMediaMetadataDuration]; duration.isNumber()) {
         line("duration", durationText(duration.doubleValue()));
@@ -135,7 +136,7 @@ nlohmann::json chaptersOf(const krv::MovieInfo& info) {
 /// Writes a second file and renames it, so that an existing poster stays intact until the new one is complete.
 bool writePoster(const std::string& file, const krv::MovieInfo& info) {
     if (!info.poster) {
-        fmt::print(stderr, "krvqt: Cannot write a poster of {}: it has no video track.\n", info.path.string());
+        say("krvqt: Cannot write a poster of {}: it has no video track.\n", info.path.string());
         return false;
     }
     const std::string part = file + ".part";
@@ -145,12 +146,12 @@ bool writePoster(const std::string& file, const krv::MovieInfo& info) {
     if (out && std::rename(part.c_str(), file.c_str()) == 0) {
         return true;
     }
-    fmt::print(stderr, "krvqt: Cannot write {}: {}.\n", file, std::strerror(errno));
+    say("krvqt: Cannot write {}: {}.\n", file, std::strerror(errno));
     std::remove(part.c_str());
     return false;
 }
 
-bool print(const krv::MovieInfo& info, const InfoOptions& options, const CommonOptions& common) {
+bool report(const krv::MovieInfo& info, const InfoOptions& options, const CommonOptions& common) {
     const auto metadata = info.record->metadata();
     if (!metadata) {
         return false;
@@ -194,7 +195,7 @@ ExitStatus showInfo(const InfoOptions& options, const CommonOptions& common) {
                 return status;
             }
             worst = options.movies.size() == 1 ? status : kFailed;  // one bad file does not hide the others
-        } else if (!print(*info, options, common)) {
+        } else if (!report(*info, options, common)) {
             worst = kFailed;
         }
     }

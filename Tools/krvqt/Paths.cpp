@@ -4,9 +4,11 @@
 
 #include <fmt/format.h>
 
+#include "Output.h"
+
 namespace krvqt {
 ExitStatus usage(std::string_view text) {
-    fmt::print(stderr, "krvqt: {}\n", text);
+    say("krvqt: {}\n", text);
     return kUsage;
 }
 
@@ -17,11 +19,11 @@ std::string absolutePath(const std::string& file) {
 }
 
 void printPath(const std::string& file) {
-    fmt::print("{}\n", file);
+    print("{}\n", file);
 }
 
 void printJSON(const nlohmann::json& object) {
-    fmt::print("{}\n", object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+    print("{}\n", object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
 ExitStatus checkDestination(const std::string& destination, bool force) {

@@ -2,12 +2,15 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <utility>
 
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
+
+#include "Output.h"
 
 namespace krvqt {
 namespace {
@@ -26,6 +29,12 @@ std::chrono::seconds wholeSeconds(krv::Seconds seconds) {
 int terminalColumns() {
     winsize size{};
     return ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : kDefaultColumns;
+}
+
+/// Returns whether standard error is a terminal on which a line can be redrawn.
+bool canRedraw() {
+    const char* const type = std::getenv("TERM");
+    return ::isatty(STDERR_FILENO) == 1 && type && std::string_view(type) != "dumb";
 }
 
 }  // namespace
@@ -55,7 +64,7 @@ std::string progressLine(double fraction, krv::Seconds elapsed, std::optional<kr
 
 ProgressDisplay::ProgressDisplay(bool quiet, const krv::Clock& clock)
     : quiet_(quiet)
-    , terminal_(::isatty(STDERR_FILENO) == 1)
+    , terminal_(canRedraw())
     , clock_(clock)
     , start_(clock.now())
     , timer_(krv::RunLoop::main().scheduleTimer(kBetweenLooks, [this] { tellWhatItWaitsFor(); })) {}
@@ -93,41 +102,50 @@ void ProgressDisplay::tellWhatItWaitsFor() {
         return;
     }
     told_ = waitingFor_;
-    fmt::print(stderr, "{}krvqt: waiting for the media server: {}\n",
-               std::exchange(lineDrawn_, false) ? "\r\033[K" : "", told_);
+    erase();
+    say("krvqt: waiting for the media server: {}\n", told_);
 }
 
 void ProgressDisplay::drawQueued(std::int64_t before) {
-    if (before == before_) {
+    if (before_ == before) {
         return;
     }
     before_ = before;
     const std::string text = fmt::format("waiting, {} before it", before);
     if (terminal_) {
-        fmt::print(stderr, "\r{}\033[K", text.substr(0, static_cast<std::size_t>(std::max(terminalColumns() - 1, 0))));
-        lineDrawn_ = true;
+        drawLine(text.substr(0, static_cast<std::size_t>(std::max(terminalColumns() - 1, 0))));
     } else {
-        fmt::print(stderr, "{}\n", text);
+        say("{}\n", text);
     }
 }
 
 void ProgressDisplay::startOver() {
-    fmt::print(stderr, "{}krvqt: the media server was lost; another one starts over\n",
-               std::exchange(lineDrawn_, false) ? "\r\033[K" : "");
+    erase();
+    say("krvqt: the media server was lost; another one starts over\n");
     before_.reset();
     lastTenth_ = -1;
 }
 
 void ProgressDisplay::draw(double fraction, krv::Seconds elapsed, std::optional<krv::Seconds> remaining) {
     if (terminal_) {
-        fmt::print(stderr, "\r{}\033[K", progressLine(fraction, elapsed, remaining, terminalColumns()));
-        lineDrawn_ = true;
+        drawLine(progressLine(fraction, elapsed, remaining, terminalColumns()));
         return;
     }
     const int tenth = static_cast<int>(std::floor(fraction * 10));
     if (tenth > lastTenth_) {
         lastTenth_ = tenth;
-        fmt::print(stderr, "{} %  {}\n", tenth * 10, clockText(std::chrono::floor<std::chrono::seconds>(elapsed)));
+        say("{} %  {}\n", tenth * 10, clockText(std::chrono::floor<std::chrono::seconds>(elapsed)));
+    }
+}
+
+void ProgressDisplay::drawLine(std::string_view line) {
+    sayToTerminal(fmt::format("\r{}\033[K", line));
+    lineDrawn_ = true;
+}
+
+void ProgressDisplay::erase() {
+    if (std::exchange(lineDrawn_, false)) {
+        sayToTerminal("\r\033[K");
     }
 }
 
@@ -135,11 +153,13 @@ void ProgressDisplay::finish(bool completed) {
     if (quiet_) {
         return;
     }
-    if (completed) {
-        draw(1.0, elapsed_, {});
+    if (!completed) {
+        erase();
+        return;
     }
-    if (lineDrawn_) {
-        fmt::print(stderr, "{}", completed ? "\n" : "\r\033[K");
+    draw(1.0, elapsed_, {});
+    if (std::exchange(lineDrawn_, false)) {
+        sayToTerminal("\n");
     }
 }
 

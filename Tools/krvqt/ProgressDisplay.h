@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include <KRVQTProcessClient/Media.h>
 #include <KRVQTProcessClient/Platform/Clock.h>
@@ -35,6 +36,8 @@ public:
 
     void show(const krv::Progress& progress);
 
+    /// Erases the line, so that something else can be printed. The next progress draws it again.
+    void erase();
     /// Completes the line if the job completed, otherwise erases it.
     void finish(bool completed);
 
@@ -43,6 +46,7 @@ private:
     void drawQueued(std::int64_t before);
     void tellWhatItWaitsFor();
     void startOver();
+    void drawLine(std::string_view line);
 
     const bool quiet_;
     const bool terminal_;

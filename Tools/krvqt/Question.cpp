@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "FailureText.h"
+#include "Output.h"
 #include "Paths.h"
 
 namespace krvqt {
@@ -16,7 +17,7 @@ ExitStatus questionFailed(std::string_view what, const krv::Failure& failure, co
         }
         printJSON(json);
     }
-    fmt::print(stderr, "krvqt: {}\n", cancelled ? "cancelled" : failureText(failure));
+    say("krvqt: {}\n", cancelled ? "cancelled" : failureText(failure));
     return statusOf(failure);
 }
 

@@ -11,6 +11,7 @@
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 
 #include "Commands.h"
+#include "Output.h"
 #include "Paths.h"
 
 namespace krvqt {
@@ -126,19 +127,19 @@ ExitStatus showRecord(const std::string& file, const CommonOptions& common) {
         read = in && readAll(in, data);
     }
     if (!read) {
-        fmt::print(stderr, "krvqt: Cannot read {}: {}.\n", file, std::strerror(errno));
+        say("krvqt: Cannot read {}: {}.\n", file, std::strerror(errno));
         return kFailed;
     }
     const auto record = krv::KRVOperationBase::operationFromData(std::make_shared<const krv::Data>(std::move(data)));
     if (!record) {
-        fmt::print(stderr, "krvqt: Cannot print {}: it is not an archived operation record.\n", file);
+        say("krvqt: Cannot print {}: it is not an archived operation record.\n", file);
         return kFailed;
     }
     if (common.json) {
-        fmt::print("{}\n", jsonOf(*record).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+        print("{}\n", jsonOf(*record).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
     } else {
-        fmt::print("{}\n{}\n", record->description(),
-                   jsonOf(*record).dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
+        print("{}\n{}\n", record->description(),
+              jsonOf(*record).dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
     }
     return kDone;
 }

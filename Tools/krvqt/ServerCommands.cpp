@@ -2,6 +2,7 @@
 
 #include "Commands.h"
 #include "FileOperation.h"
+#include "Output.h"
 #include "Paths.h"
 #include "Question.h"
 
@@ -26,10 +27,10 @@ ExitStatus showStatus(const CommonOptions& common) {
     }
     for (const char* key :
          {"version", "pid", "port", "uptime", "clients", "queued", "running", "finished", "workers"}) {
-        fmt::print("{:<9} {}\n", key, status[key].dump());
+        print("{:<9} {}\n", key, status[key].dump());
     }
     for (const std::string& name : result->operations) {
-        fmt::print("          {}\n", name);
+        print("          {}\n", name);
     }
     return kDone;
 }
@@ -53,7 +54,7 @@ ExitStatus shutDown(const CommonOptions& common) {
     if (common.json) {
         printJSON({{"operation", "shutdown"}, {"status", "done"}});
     } else if (!common.quiet) {
-        fmt::print(stderr, "krvqt: the media server exits when it has finished its work\n");
+        say("krvqt: the media server exits when it has finished its work\n");
     }
     return kDone;
 }

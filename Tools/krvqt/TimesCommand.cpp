@@ -9,6 +9,7 @@
 
 #include "Commands.h"
 #include "FileOperation.h"
+#include "Output.h"
 #include "Paths.h"
 #include "Question.h"
 
@@ -36,7 +37,7 @@ ExitStatus showTimes(const TimesOptions& options, const CommonOptions& common) {
         return kDone;
     }
     for (const krv::Seconds time : times->seconds()) {
-        fmt::print("{:.6f}\n", time.count());
+        print("{:.6f}\n", time.count());
     }
     return kDone;
 }

@@ -4,6 +4,7 @@
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 
 #include "Commands.h"
+#include "Output.h"
 
 namespace krvqt {
 namespace {
@@ -13,9 +14,9 @@ ExitStatus showTypes(const CommonOptions& common) {
         if (common.json) {
             const nlohmann::json json{
                 {"type", static_cast<std::int32_t>(type.type)}, {"name", type.name}, {"meaning", type.meaning}};
-            fmt::print("{}\n", json.dump());
+            print("{}\n", json.dump());
         } else {
-            fmt::print("{}  {:<12}  {}\n", static_cast<std::int32_t>(type.type), type.name, type.meaning);
+            print("{}  {:<12}  {}\n", static_cast<std::int32_t>(type.type), type.name, type.meaning);
         }
     }
     return kDone;
