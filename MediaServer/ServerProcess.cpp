@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <utility>
@@ -8,6 +9,8 @@
 #include <unistd.h>
 
 #include <fmt/format.h>
+
+#include <KRVQTProcessClient/Platform/ProcessTable.h>
 
 #include <MediaServer/Front/ListeningSockets.h>
 #include <MediaServer/Front/StatusPage.h>
@@ -51,21 +54,54 @@ ServerProcess::ServerProcess(Settings settings)
     , front_({[this](const KRVOperationBase::Ref& request, const RequestSender& sender, const HTTPFront::Reply& reply) {
                   dispatcher_.dispatch(request, sender, reply);
               },
-              [this] { return statusText(); }}) {}
+              [this](PageName name) { return page(name); }}) {}
 
-std::string ServerProcess::statusText() const {
+Page ServerProcess::page(PageName name) const {
+    switch (name) {
+    case PageName::Activity:
+        return activityPage(activity());
+    case PageName::ActivityData:
+        return activityData(activity());
+    case PageName::Status:
+        break;
+    }
+    return {.body = statusPage(status())};
+}
+
+ServerStatus ServerProcess::status() const {
     const auto counts = ledger_.counts();
-    return statusPage({.version = std::string(libraryVersion()),
-                       .pid = ::getpid(),
-                       .port = port_,
-                       .uptime = std::chrono::steady_clock::now() - start_,
-                       .clients = clients_.registeredPids(),
-                       .queued = counts.queued,
-                       .running = counts.running,
-                       .finished = counts.finished,
-                       .workers = settings_.executors,
-                       .landlock = sandbox_.landlock,
-                       .seccomp = sandbox_.seccomp});
+    return {.version = std::string(libraryVersion()),
+            .pid = ::getpid(),
+            .port = port_,
+            .uptime = std::chrono::steady_clock::now() - start_,
+            .clients = clients_.registeredPids(),
+            .queued = counts.queued,
+            .running = counts.running,
+            .finished = counts.finished,
+            .workers = settings_.executors,
+            .landlock = sandbox_.landlock,
+            .seccomp = sandbox_.seccomp};
+}
+
+ServerActivity ServerProcess::activity() const {
+    ServerActivity activity{
+        .status = status(), .operations = ledger_.activity(), .now = std::chrono::system_clock::now()};
+    for (const JobRunner::BusyWorker& worker : runner_.busy()) {
+        activity.workers.push_back({worker.pid, worker.request});
+    }
+    for (const pid_t pid : workers_.idle()) {
+        activity.workers.push_back({pid, nullptr});
+    }
+    const auto name = [&](const OperationActivity::Waiting& operation) {
+        auto& program = activity.programs[operation.client.pid];
+        const auto process = program.empty() ? ProcessTable::system().process(operation.client.pid) : std::nullopt;
+        if (process && process->startTime == operation.client.startTime) {
+            program = process->name;
+        }
+    };
+    std::for_each(activity.operations.running.begin(), activity.operations.running.end(), name);
+    std::for_each(activity.operations.waiting.begin(), activity.operations.waiting.end(), name);
+    return activity;
 }
 
 void ServerProcess::requestShutDown() {

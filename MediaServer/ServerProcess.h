@@ -8,6 +8,7 @@
 #include <MediaServer/Files/BlockingCalls.h>
 #include <MediaServer/Files/InstalledProgram.h>
 #include <MediaServer/Files/RemovalWatch.h>
+#include <MediaServer/Front/ActivityPage.h>
 #include <MediaServer/Front/HTTPFront.h>
 #include <MediaServer/Front/ServicePublisher.h>
 #include <MediaServer/Operations/ClientRegistry.h>
@@ -57,7 +58,9 @@ public:
     [[nodiscard]] int run(int signals);
 
 private:
-    [[nodiscard]] std::string statusText() const;
+    [[nodiscard]] Page page(PageName name) const;
+    [[nodiscard]] ServerStatus status() const;
+    [[nodiscard]] ServerActivity activity() const;
     void requestShutDown();
     /// Stops accepting media operations. Called on the main thread after a signal or an operation of type 17.
     void beginShutDown();

@@ -87,11 +87,14 @@ struct Exchange {
     /// How long the body is to be, according to the headers.
     std::size_t announcedSize = 0;
     Refusal refusal;
-    bool isStatus = false;
+    std::optional<PageName> page{};
 };
 using ExchangeRef = std::shared_ptr<Exchange>;
 
-MHD_Result respond(MHD_Connection* connection, unsigned status, const void* bytes, std::size_t size, const char* type) {
+using Headers = std::vector<std::pair<std::string, std::string>>;
+
+MHD_Result respond(MHD_Connection* connection, unsigned status, const void* bytes, std::size_t size, const char* type,
+                   const Headers& headers = {}) {
     MHD_Response* const response =
         MHD_create_response_from_buffer(size, const_cast<void*>(bytes), MHD_RESPMEM_MUST_COPY);
     MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, type);
@@ -99,6 +102,9 @@ MHD_Result respond(MHD_Connection* connection, unsigned status, const void* byte
     MHD_add_response_header(response, MHD_HTTP_HEADER_SERVER, kServer.c_str());
     static const std::string kPidNamespace = std::to_string(pidNamespace());
     MHD_add_response_header(response, std::string(kPidNamespaceHeader).c_str(), kPidNamespace.c_str());
+    for (const auto& [name, value] : headers) {
+        MHD_add_response_header(response, name.c_str(), value.c_str());
+    }
     const MHD_Result result = MHD_queue_response(connection, status, response);
     MHD_destroy_response(response);
     return result;
@@ -369,13 +375,15 @@ struct HTTPFront::Internals {
         switch (verdict.action) {
         case Verdict::Action::Refuse:
             return respondText(connection, verdict.status, verdict.text);
-        case Verdict::Action::Status:
+        case Verdict::Action::Page:
         case Verdict::Action::Operation:
             break;
         }
         // A response queued now, before the request is complete, would close the connection.
         *context = new ExchangeRef(std::make_shared<Exchange>());
-        (*static_cast<ExchangeRef*>(*context))->isStatus = verdict.action == Verdict::Action::Status;
+        if (verdict.action == Verdict::Action::Page) {
+            (*static_cast<ExchangeRef*>(*context))->page = verdict.page;
+        }
         (*static_cast<ExchangeRef*>(*context))->sender.pidNamespace = head.pidNamespace;
         (*static_cast<ExchangeRef*>(*context))->announcedSize = head.contentLength.value_or(0);
         const LockGuard lock(mutex);
@@ -420,9 +428,10 @@ struct HTTPFront::Internals {
     /// The body is complete, or the reply to it is available.
     MHD_Result complete(MHD_Connection* connection, const ExchangeRef& exchange) {
         requestComplete(connection);
-        if (exchange->isStatus) {
-            const std::string page = handlers.status();
-            return respond(connection, MHD_HTTP_OK, page.data(), page.size(), "application/json");
+        if (exchange->page) {
+            const Page page = handlers.page(*exchange->page);
+            return respond(connection, MHD_HTTP_OK, page.body.data(), page.body.size(), page.type.c_str(),
+                           page.headers);
         }
         if (exchange->refusal.status != 0) {
             return respondText(connection, exchange->refusal.status, exchange->refusal.text);

@@ -8,6 +8,8 @@
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 
 #include <MediaServer/Front/ListeningSockets.h>
+#include <MediaServer/Front/Page.h>
+#include <MediaServer/Front/RequestPolicy.h>
 #include <MediaServer/Operations/RequestSender.h>
 
 namespace krv::server {
@@ -21,8 +23,8 @@ public:
         /// Must call reply exactly once, on any thread, before the front is stopped.
         std::function<void(const KRVOperationBase::Ref& request, const RequestSender& sender, const Reply& reply)>
             operation;
-        /// Returns the status page as JSON.
-        std::function<std::string()> status;
+        /// Returns a page as it is at this moment. Called on the front's event loop, so it must not block.
+        std::function<Page(PageName name)> page;
     };
 
     explicit HTTPFront(Handlers handlers);

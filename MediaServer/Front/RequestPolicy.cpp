@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <array>
+#include <optional>
 
 #include <MediaServer/Front/RequestPolicy.h>
 
@@ -62,6 +63,21 @@ bool isControlCharacter(char c) {
     return (c >= 0 && c < ' ' && c != '\t') || c == '\x7F';
 }
 
+Verdict refusal(unsigned status, std::string_view text) {
+    return {.action = Verdict::Action::Refuse, .status = status, .text = text};
+}
+
+/// Returns the page at this path.
+std::optional<PageName> pageAt(std::string_view path) {
+    if (path == "/status") {
+        return PageName::Status;
+    }
+    if (path == "/activity") {
+        return PageName::Activity;
+    }
+    return path == "/activity.json" ? std::optional(PageName::ActivityData) : std::nullopt;
+}
+
 }  // namespace
 
 bool isWellFormedHeader(std::string_view name, std::string_view value) {
@@ -73,25 +89,25 @@ Verdict judge(const RequestHead& head) {
     using Action = Verdict::Action;
     const bool fromWebPage = head.hasOrigin || !std::all_of(head.fetchSites.begin(), head.fetchSites.end(), isOwnSite);
     if (fromWebPage || head.hosts.size() != 1 || !isThisMachine(head.hosts.front())) {
-        return {Action::Refuse, 403, "only programs on this machine are served\n"};
+        return refusal(403, "only programs on this machine are served\n");
     }
     if (head.malformedHeaders || !hasUnambiguousLength(head)) {
-        return {Action::Refuse, 400, "ambiguous request framing\n"};
+        return refusal(400, "ambiguous request framing\n");
     }
-    if (head.target == "/status") {
-        return head.method == "GET" ? Verdict{Action::Status}
-                                    : Verdict{Action::Refuse, 405, "the status page only supports GET\n"};
+    if (const auto page = pageAt(head.target)) {
+        return head.method == "GET" ? Verdict{.action = Action::Page, .page = *page}
+                                    : refusal(405, "pages only support GET\n");
     }
     if (head.target != "/") {
-        return {Action::Refuse, 404, "not found\n"};
+        return refusal(404, "not found\n");
     }
     if (head.method != "POST") {
-        return {Action::Refuse, 405, "operations only support POST\n"};
+        return refusal(405, "operations only support POST\n");
     }
     if (head.contentLength && *head.contentLength > kLargestRequest) {
-        return {Action::Refuse, 413, "the record exceeds 16 MiB\n"};
+        return refusal(413, "the record exceeds 16 MiB\n");
     }
-    return {Action::Operation};
+    return {.action = Action::Operation};
 }
 
 }  // namespace krv::server

@@ -35,9 +35,14 @@ struct RequestHead {
     bool malformedHeaders = false;
 };
 
+/// The pages that the server shows.
+enum class PageName { Status, Activity, ActivityData };
+
 struct Verdict {
-    enum class Action { Status, Operation, Refuse };
+    enum class Action { Page, Operation, Refuse };
     Action action;
+    /// For Page.
+    PageName page = PageName::Status;
     /// For Refuse.
     unsigned status = 0;
     std::string_view text = {};

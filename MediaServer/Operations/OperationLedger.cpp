@@ -23,6 +23,32 @@ std::string newIdentifier() {
 
 using State = ServerOperation::State;
 
+/// An estimate of the remaining time jumps about below this fraction and before this time.
+constexpr double kSmallestFractionForEstimate = 0.01;
+constexpr OperationActivity::Seconds kShortestTimeForEstimate{1};
+
+std::optional<OperationActivity::Seconds> remaining(double fraction, OperationActivity::Seconds elapsed) {
+    if (fraction < kSmallestFractionForEstimate || elapsed < kShortestTimeForEstimate) {
+        return std::nullopt;
+    }
+    return elapsed * ((1 - fraction) / fraction);
+}
+
+/// Shortens a text in UTF-8 between two characters.
+std::string shortened(std::string text, std::size_t longest) {
+    constexpr std::string_view kEllipsis = "\u2026";
+    if (text.size() <= longest) {
+        return text;
+    }
+    std::size_t end = longest - kEllipsis.size();
+    const auto continues = [&](std::size_t at) { return (static_cast<unsigned char>(text[at]) & 0xC0U) == 0x80U; };
+    while (end > 0 && continues(end)) {
+        --end;
+    }
+    text.resize(end);
+    return text.append(kEllipsis);
+}
+
 }  // namespace
 
 OperationLedger::OperationLedger(Changed changed, Clock clock, std::size_t resultBudget)
@@ -130,6 +156,7 @@ std::string OperationLedger::addRefused(std::shared_ptr<const Error> error) {
     operation->state = State::Finished;
     const LockGuard lock(mutex_);
     operation->finishedAt = clock_();
+    remember(*operation->error);
     if (refusals_.size() >= kMostRefusals) {
         if (const auto oldest = find(refusals_.front())) {
             erase(*oldest);
@@ -199,7 +226,7 @@ std::size_t OperationLedger::countBefore(const ServerOperation& waiting) const {
     const auto place =
         std::lower_bound(line.waiting.begin(), line.waiting.end(), waiting.number,
                          [](const OperationRef& each, std::uint64_t number) { return each->number < number; });
-    return line.running + static_cast<std::size_t>(place - line.waiting.begin());
+    return line.running.size() + static_cast<std::size_t>(place - line.waiting.begin());
 }
 
 std::optional<KRVOperationBase::Ref> OperationLedger::record(const std::string& id) {
@@ -250,6 +277,47 @@ std::vector<std::string> OperationLedger::names() const {
         }
     }
     return names;
+}
+
+OperationActivity OperationLedger::activity() const {
+    const LockGuard lock(mutex_);
+    const auto now = clock_();
+    const auto describe = [](const ServerOperation& operation, ServerOperation::Time until) {
+        return OperationActivity::Waiting{.number = operation.number,
+                                          .request = operation.request,
+                                          .client = operation.client.value_or(ClientKey{}),
+                                          .waited = until - operation.queuedAt};
+    };
+    OperationActivity activity;
+    for (const Line& line : lines_) {
+        for (const OperationRef& each : line.running) {
+            const OperationActivity::Seconds elapsed = now - each->startedAt;
+            const double progress = each->progress.value();
+            activity.running.push_back(
+                {describe(*each, each->startedAt), progress, elapsed, remaining(progress, elapsed)});
+        }
+        activity.waitingInAll += line.waiting.size();
+        const auto shown = std::min(line.waiting.size(), kMostDescribed);
+        for (auto each = line.waiting.begin(); each != line.waiting.begin() + static_cast<std::ptrdiff_t>(shown);
+             ++each) {
+            activity.waiting.push_back(describe(**each, now));
+        }
+    }
+    const auto inOrder = [](const auto& one, const auto& other) { return one.number < other.number; };
+    std::sort(activity.running.begin(), activity.running.end(), inOrder);
+    std::sort(activity.waiting.begin(), activity.waiting.end(), inOrder);
+    activity.waiting.resize(std::min(activity.waiting.size(), kMostDescribed));
+    std::for_each(problems_.rbegin(), problems_.rend(), [&](const Problem& each) {
+        activity.problems.push_back({each.number, now - each.when, each.sentence});
+    });
+    return activity;
+}
+
+void OperationLedger::remember(const Error& problem) {
+    if (problems_.size() >= kMostProblems) {
+        problems_.pop_front();
+    }
+    problems_.push_back({++lastProblem_, clock_(), shortened(problem.localizedDescription(), kLongestSentence)});
 }
 
 bool OperationLedger::cancelLocked(ServerOperation& operation) {
@@ -411,7 +479,7 @@ OperationRef OperationLedger::takeNext(Duration duration) {
     line.bytes -= operation->requestBytes;
     uncount(*operation);
     operation->state = State::Running;
-    ++line.running;
+    line.running.push_back(operation);
     count(*operation);
     operation->cancellation = std::make_shared<Cancellation>();
     operation->startedAt = clock_();
@@ -463,7 +531,8 @@ void OperationLedger::finishLocked(ServerOperation& operation, Outcome outcome) 
         uncount(operation);
     }
     if (operation.state == State::Running && operation.request) {
-        --lines_.at(kindOf(operation)).running;
+        std::erase_if(lines_.at(kindOf(operation)).running,
+                      [&](const OperationRef& each) { return each.get() == &operation; });
     }
     operation.state = State::Finished;
     operation.finishedAt = clock_();
@@ -476,6 +545,7 @@ void OperationLedger::finishLocked(ServerOperation& operation, Outcome outcome) 
         break;
     case Outcome::Kind::Failed:
         operation.error = std::move(outcome.error);
+        remember(*operation.error);
         break;
     case Outcome::Kind::Cancelled:
         operation.cancelled = true;

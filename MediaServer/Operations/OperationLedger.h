@@ -14,6 +14,7 @@
 
 #include <KRVQTProcessClient/Foundation/Mutex.h>
 
+#include <MediaServer/Operations/OperationActivity.h>
 #include <MediaServer/Operations/ServerOperation.h>
 #include <MediaServer/Protocol/Failure.h>
 #include <MediaServer/Protocol/MediaOperation.h>
@@ -50,6 +51,11 @@ public:
     static constexpr std::size_t kMostRefusals = 1000;
     /// Entries are dropped this long after they have finished.
     static constexpr std::chrono::minutes kResultsKept{10};
+    /// At most this many waiting operations are described by activity().
+    static constexpr std::size_t kMostDescribed = 50;
+    /// This many problems are remembered for activity(), each shortened to kLongestSentence bytes.
+    static constexpr std::size_t kMostProblems = 20;
+    static constexpr std::size_t kLongestSentence = 1000;
     /// A change of progress that is worth a reply.
     static constexpr double kVisibleChange = 0.005;
 
@@ -101,6 +107,8 @@ public:
     [[nodiscard]] Counts counts() const;
     /// Returns the names of the media operations that wait or run, in order.
     [[nodiscard]] std::vector<std::string> names() const;
+    /// Returns what the media operations are doing. Its cost does not depend on how many have finished.
+    [[nodiscard]] OperationActivity activity() const;
 
     // Ending.
 
@@ -131,8 +139,7 @@ private:
     /// The operations that wait for one kind of executor thread.
     struct Line {
         std::deque<OperationRef> waiting;
-        /// How many run.
-        std::size_t running = 0;
+        std::vector<OperationRef> running;
         /// What the waiting requests take.
         std::size_t bytes = 0;
         /// When something of this kind last reported or finished.
@@ -157,6 +164,7 @@ private:
     [[nodiscard]] static Snapshot snapshotOf(const ServerOperation& operation);
     [[nodiscard]] std::size_t countBefore(const ServerOperation& waiting) const KRV_REQUIRES(mutex_);
     void creep(Line& line) KRV_REQUIRES(mutex_);
+    void remember(const Error& problem) KRV_REQUIRES(mutex_);
     void finishLocked(ServerOperation& operation, Outcome outcome) KRV_REQUIRES(mutex_);
     /// Returns whether the operation has ended by this.
     bool cancelLocked(ServerOperation& operation) KRV_REQUIRES(mutex_);
@@ -171,6 +179,14 @@ private:
     /// By ServerOperation::number.
     std::map<std::uint64_t, OperationRef> inOrder_ KRV_GUARDED_BY(mutex_);
     std::deque<std::string> refusals_ KRV_GUARDED_BY(mutex_);
+    struct Problem {
+        std::uint64_t number;
+        ServerOperation::Time when;
+        std::string sentence;
+    };
+    /// The latest last.
+    std::deque<Problem> problems_ KRV_GUARDED_BY(mutex_);
+    std::uint64_t lastProblem_ KRV_GUARDED_BY(mutex_) = 0;
     /// Self-tests that have not ended.
     mutable std::set<std::shared_ptr<ServerOperation>> timed_ KRV_GUARDED_BY(mutex_);
     mutable Counts counts_ KRV_GUARDED_BY(mutex_);

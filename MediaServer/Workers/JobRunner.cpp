@@ -53,6 +53,31 @@ int timeoutUntil(std::chrono::steady_clock::time_point deadline) {
 
 }  // namespace
 
+class JobRunner::Busy {
+public:
+    Busy(const JobRunner& runner, const BusyWorker& worker)
+        : runner_(runner)
+        , request_(worker.request) {
+        const LockGuard lock(runner_.mutex_);
+        runner_.busy_.push_back(worker);
+    }
+    ~Busy() {
+        const LockGuard lock(runner_.mutex_);
+        std::erase_if(runner_.busy_, [this](const BusyWorker& each) { return each.request == request_; });
+    }
+    Busy(const Busy&) = delete;
+    Busy& operator=(const Busy&) = delete;
+
+private:
+    const JobRunner& runner_;
+    const KRVOperationBase* const request_;
+};
+
+std::vector<JobRunner::BusyWorker> JobRunner::busy() const {
+    const LockGuard lock(mutex_);
+    return busy_;
+}
+
 Outcome JobRunner::run(const KRVOperationBase& request, const std::vector<int>& files, const Cancellation& cancellation,
                        const std::function<void(double)>& onProgress, const std::function<void()>& onSilence) const {
     std::string failure;
@@ -66,6 +91,7 @@ Outcome JobRunner::run(const KRVOperationBase& request, const std::vector<int>& 
         }
         bool begun = false;
         WorkerChannel::Message report;
+        const Busy busy(*this, {worker->pid(), &request});
         const Followed followed = worker->channel.send(request, files)
                                       ? follow(worker->channel, cancellation, onProgress, begun, report, onSilence)
                                       : Followed::Exited;

@@ -5,6 +5,9 @@
 #include <optional>
 #include <vector>
 
+#include <sys/types.h>
+
+#include <KRVQTProcessClient/Foundation/Mutex.h>
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 
 #include <MediaServer/Protocol/WorkerChannel.h>
@@ -34,7 +37,18 @@ public:
                               const Cancellation& cancellation, const std::function<void(double)>& onProgress,
                               const std::function<void()>& onSilence = {}) const;
 
+    /// A worker and the request that it carries out.
+    struct BusyWorker {
+        pid_t pid;
+        /// Identifies the request that was given to run(); it may not exist any more.
+        const KRVOperationBase* request;
+    };
+    /// Returns the workers that have a job at this moment. Thread-safe.
+    [[nodiscard]] std::vector<BusyWorker> busy() const;
+
 private:
+    /// Keeps a worker in busy().
+    class Busy;
     /// What following a worker came to.
     enum class Followed { Reported, Cancelled, Stalled, Exited };
     /// Waits until the worker reports its end in `report`, is no longer wanted, reports nothing for too long, or
@@ -47,6 +61,8 @@ private:
     WorkerPool& workers_;
     const std::chrono::milliseconds stallLimit_;
     const std::chrono::milliseconds silence_;
+    mutable Mutex mutex_;
+    mutable std::vector<BusyWorker> busy_ KRV_GUARDED_BY(mutex_);
 };
 
 }  // namespace krv::server

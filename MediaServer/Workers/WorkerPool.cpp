@@ -164,4 +164,13 @@ std::size_t WorkerPool::ready() const {
     return ready_.size();
 }
 
+std::vector<pid_t> WorkerPool::idle() const {
+    const LockGuard lock(mutex_);
+    std::vector<pid_t> pids;
+    for (const auto& worker : ready_) {
+        pids.push_back(worker->pid());
+    }
+    return pids;
+}
+
 }  // namespace krv::server

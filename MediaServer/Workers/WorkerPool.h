@@ -28,6 +28,8 @@ public:
     Worker(const Worker&) = delete;
     Worker& operator=(const Worker&) = delete;
 
+    /// Returns its process id, −1 after end().
+    [[nodiscard]] pid_t pid() const noexcept { return pid_; }
     /// Returns whether the process is still running.
     [[nodiscard]] bool isAlive() const;
     /// Waits until the process has closed its files, or for a moment if a drive does not respond. Then kills it unless
@@ -70,6 +72,8 @@ public:
 
     /// Returns how many idle workers there are.
     [[nodiscard]] std::size_t ready() const;
+    /// Returns their process ids.
+    [[nodiscard]] std::vector<pid_t> idle() const;
 
 private:
     void keep();

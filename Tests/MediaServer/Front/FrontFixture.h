@@ -106,7 +106,10 @@ protected:
              sender = from;
              onRequest(request, reply);
          },
-         [] { return std::string("{\"name\":\"test\"}"); }}};
+         [](PageName name) {
+             return name == PageName::Status ? Page{.body = "{\"name\":\"test\"}"}
+                                             : Page{.body = "<p>", .type = "text/html", .headers = {{"X-Own", "yes"}}};
+         }}};
 };
 
 }  // namespace krv::server

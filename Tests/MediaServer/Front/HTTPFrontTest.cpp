@@ -18,6 +18,7 @@ namespace krv::server {
 namespace {
 
 using R = KRVOperationBase;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -180,7 +181,7 @@ TEST(FrontWithFewDescriptors, ClosesTheConnectionThatIsIdleLongestToServeANewOne
     const rlimit few{kFew, before.rlim_max};
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
     HTTPFront front({[](const R::Ref& request, const RequestSender&, const HTTPFront::Reply& reply) { reply(request); },
-                     [] { return std::string("{}"); }});
+                     [](PageName) { return Page{.body = "{}"}; }});
     const int first = 20000 + ::getpid() % 20000;
     auto sockets = ListeningSockets::open(first, first + 1000);
     ASSERT_TRUE(sockets);
@@ -195,6 +196,17 @@ TEST(FrontWithFewDescriptors, ClosesTheConnectionThatIsIdleLongestToServeANewOne
     }
     EXPECT_EQ(connections.front().receive(), "");  // closed
     EXPECT_THAT(connections.back().ask(get), StartsWith("HTTP/1.1 200"));
+}
+
+TEST_F(Front, SendsAPageWithItsTypeAndItsHeaders) {
+    for (const std::string path : {"/activity", "/activity.json"}) {
+        const std::string response = HTTPConnection(port).ask("GET " + path + " HTTP/1.1\r\nHost: localhost\r\n\r\n");
+        EXPECT_THAT(response, StartsWith("HTTP/1.1 200")) << path;
+        EXPECT_THAT(response, HasSubstr("\r\nContent-Type: text/html\r\n")) << path;
+        EXPECT_THAT(response, HasSubstr("\r\nX-Own: yes\r\n")) << path;
+        EXPECT_THAT(response, EndsWith("\r\n\r\n<p>")) << path;
+    }
+    EXPECT_EQ(requests, 0);
 }
 
 TEST_F(Front, SendsRepliesThatAreOnTheirWayBeforeItStops) {

@@ -17,7 +17,7 @@ RequestHead post() {
     return head;
 }
 
-TEST(RequestPolicy, ServesOperationsAndTheStatusPage) {
+TEST(RequestPolicy, ServesOperationsAndPages) {
     EXPECT_EQ(judge(post()).action, Action::Operation);
     RequestHead head = post();
     head.contentLength.reset();
@@ -27,8 +27,12 @@ TEST(RequestPolicy, ServesOperationsAndTheStatusPage) {
     EXPECT_EQ(judge(head).action, Action::Operation);
     head.transferEncodings.clear();
     head.method = "GET";
-    head.target = "/status";
-    EXPECT_EQ(judge(head).action, Action::Status);
+    for (const auto& [path, page] : {std::pair("/status", PageName::Status), std::pair("/activity", PageName::Activity),
+                                     std::pair("/activity.json", PageName::ActivityData)}) {
+        head.target = path;
+        EXPECT_EQ(judge(head).action, Action::Page) << path;
+        EXPECT_EQ(judge(head).page, page) << path;
+    }
 }
 
 TEST(RequestPolicy, RefusesWebPages) {
@@ -77,7 +81,8 @@ TEST(RequestPolicy, RefusesForeignMissingAndRepeatedHosts) {
 
 TEST(RequestPolicy, RefusesOtherPathsAndMethods) {
     RequestHead head = post();
-    for (const std::string_view target : {"/other", "", "//", "/status/", "http://localhost:8000/", "*"}) {
+    for (const std::string_view target : {"/other", "", "//", "/status/", "/activity/", "/activity?x", "/activity.html",
+                                          "http://localhost:8000/", "*"}) {
         head.target = target;
         EXPECT_EQ(judge(head).status, 404U) << target;
     }
@@ -86,9 +91,13 @@ TEST(RequestPolicy, RefusesOtherPathsAndMethods) {
         head.method = method;
         EXPECT_EQ(judge(head).status, 405U) << method;
     }
-    head.target = "/status";
-    head.method = "POST";
-    EXPECT_EQ(judge(head).status, 405U);
+    for (const std::string_view page : {"/status", "/activity", "/activity.json"}) {
+        head.target = page;
+        for (const std::string_view method : {"POST", "HEAD", "PUT", "DELETE", "OPTIONS"}) {
+            head.method = method;
+            EXPECT_EQ(judge(head).status, 405U) << page << " " << method;
+        }
+    }
 }
 
 TEST(RequestPolicy, RefusesRecordsOverSixteenMebibytes) {

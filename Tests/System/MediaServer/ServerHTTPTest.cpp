@@ -11,6 +11,13 @@ TEST_F(Server, RefusesEverythingElse) {
     start();
     const std::string end = "\r\n";
     EXPECT_EQ(rawStatus("GET /status HTTP/1.1\r\n" + host() + end), 200);
+    for (const std::string page : {"/activity", "/activity.json"}) {
+        EXPECT_EQ(rawStatus("GET " + page + " HTTP/1.1\r\n" + host() + end), 200) << page;
+        EXPECT_EQ(rawStatus("POST " + page + " HTTP/1.1\r\n" + host() + end), 405) << page;
+        EXPECT_EQ(rawStatus("GET " + page + " HTTP/1.1\r\n" + host() + "Origin: http://localhost\r\n" + end), 403);
+        EXPECT_EQ(rawStatus("GET " + page + " HTTP/1.1\r\nHost: example.com\r\nConnection: close\r\n" + end), 403);
+        EXPECT_EQ(rawStatus("GET " + page + " HTTP/1.1\r\n" + host() + "Sec-Fetch-Site: cross-site\r\n" + end), 403);
+    }
     EXPECT_EQ(rawStatus("GET /other HTTP/1.1\r\n" + host() + end), 404);
     EXPECT_EQ(rawStatus("GET / HTTP/1.1\r\n" + host() + end), 405);
     EXPECT_EQ(rawStatus("DELETE /status HTTP/1.1\r\n" + host() + end), 405);
