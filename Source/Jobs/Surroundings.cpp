@@ -112,8 +112,9 @@ Check checkOfMulticast(const Surroundings& found) {
     }
     return {.name = "multicast",
             .state = State::Warning,
-            .finding = "The loopback interface does not carry multicast. A server that does not share the runtime folder "
-                       "is found by trying the ports, which takes some seconds.",
+            .finding =
+                "The loopback interface does not carry multicast. A server that does not share the runtime folder "
+                "is found by trying the ports, which takes some seconds.",
             .suggestion = "Give all programs of this user the same runtime folder."};
 }
 
@@ -137,8 +138,8 @@ Check checkOfRecord(const Surroundings& found, bool wasRunning) {
     } else if (found.recordIsTrue) {
         check.finding = fmt::format("It named process {} on port {}.", found.record->pid, found.record->port);
     } else {
-        check.finding = fmt::format("It named process {}, which has exited. The next server replaces it.",
-                                    found.record->pid);
+        check.finding =
+            fmt::format("It named process {}, which has exited. The next server replaces it.", found.record->pid);
     }
     return check;
 }
@@ -158,9 +159,10 @@ Check checkOfServer(const Surroundings& found, const Result<ServerStatus>& befor
     }
     if (before && before->pid == after->pid) {
         const bool byRecord = found.recordIsTrue && found.record->port == after->port;
-        check.finding = fmt::format("Process {} of version {} has been serving on port {} for {:.0f} s. It was found {}.",
-                                    after->pid, after->version, after->port, after->uptime.count(),
-                                    byRecord ? "by its record" : "by multicast DNS or on its port");
+        check.finding =
+            fmt::format("Process {} of version {} has been serving on port {} for {:.0f} s. It was found {}.",
+                        after->pid, after->version, after->port, after->uptime.count(),
+                        byRecord ? "by its record" : "by multicast DNS or on its port");
     } else {
         check.finding = fmt::format("None was running. Process {} of version {} was launched and serves on port {}.",
                                     after->pid, after->version, after->port);
@@ -202,7 +204,7 @@ Check checkOfSandbox(const Result<ServerStatus>& after) {
     } else {
         check.state = State::Warning;
         check.finding = fmt::format("The kernel lacks {}, so a worker that a file has taken over is confined less.",
-                                    after->sandbox->seccomp     ? "Landlock"
+                                    after->sandbox->seccomp        ? "Landlock"
                                     : after->sandbox->landlock > 0 ? "seccomp filters"
                                                                    : "Landlock and seccomp filters");
         check.suggestion = "Use a kernel with both, such as that of Debian 12.";

@@ -46,8 +46,8 @@ Surroundings healthy() {
     found.givenRuntimeFolder = "/run/user/1000";
     found.runtimeFolder = "/run/user/1000";
     found.runtimeFolderIsWritable = true;
-    found.record = ServiceRecord{
-        .name = "name", .port = 8000, .pid = 17, .startTime = 1, .pidNamespace = 2, .version = "1.0.0"};
+    found.record =
+        ServiceRecord{.name = "name", .port = 8000, .pid = 17, .startTime = 1, .pidNamespace = 2, .version = "1.0.0"};
     found.recordIsTrue = true;
     found.lowestPort = 8000;
     found.highestPort = 9000;
@@ -168,8 +168,10 @@ TEST(Surroundings, NameWhatTheSandboxLacks) {
         status.sandbox = support;
         return named("sandbox", checksOfServer(healthy(), status, status, kPid));
     };
-    EXPECT_THAT(sandbox(SandboxSupport{.landlock = 0, .seccomp = true}), AllOf(is(State::Warning), says("lacks Landlock,")));
-    EXPECT_THAT(sandbox(SandboxSupport{.landlock = 7, .seccomp = false}), AllOf(is(State::Warning), says("lacks seccomp filters,")));
+    EXPECT_THAT(sandbox(SandboxSupport{.landlock = 0, .seccomp = true}),
+                AllOf(is(State::Warning), says("lacks Landlock,")));
+    EXPECT_THAT(sandbox(SandboxSupport{.landlock = 7, .seccomp = false}),
+                AllOf(is(State::Warning), says("lacks seccomp filters,")));
     EXPECT_THAT(sandbox(SandboxSupport{}), AllOf(is(State::Warning), says("lacks Landlock and seccomp filters,")));
     EXPECT_THAT(sandbox(std::nullopt), is(State::Unknown));
 }

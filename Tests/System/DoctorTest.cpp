@@ -69,7 +69,8 @@ TEST_F(Doctor, NamesAServerThatCannotBeExecuted) {
     const Verdict verdict = ask(krvqt);
     EXPECT_EQ(verdict.status, 1);
     EXPECT_EQ(verdict.states.at("bundle"), "problem");
-    EXPECT_THAT(verdict.findings.at("bundle"), testing::AllOf(HasSubstr(bundleExecutable(krvqt)), HasSubstr(" cannot be executed")));
+    EXPECT_THAT(verdict.findings.at("bundle"),
+                testing::AllOf(HasSubstr(bundleExecutable(krvqt)), HasSubstr(" cannot be executed")));
 }
 
 TEST_F(Doctor, NamesARuntimeFolderThatIsNotUsed) {

@@ -10,6 +10,7 @@ void addCommands(CommandLine& line) {
     addMerge(line);
     addTimes(line);
     addServerCommands(line);
+    addActivity(line);
     addDoctor(line);
     addRecord(line);
     addTypes(line);

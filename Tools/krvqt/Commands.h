@@ -14,6 +14,8 @@ void addMerge(CommandLine& line);
 void addTimes(CommandLine& line);
 /// Adds "status", "cancel-all" and "shutdown".
 void addServerCommands(CommandLine& line);
+/// Adds "activity", which prints where the page is that shows what the running server does. Never launches a server.
+void addActivity(CommandLine& line);
 /// Adds "doctor".
 void addDoctor(CommandLine& line);
 /// Adds "record", which never contacts a server.

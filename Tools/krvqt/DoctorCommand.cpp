@@ -1,23 +1,22 @@
-#include <fmt/format.h>
-
 #include <nlohmann/json.hpp>
 
 #include <KRVQTProcessClient/Media.h>
 
 #include "Commands.h"
+#include "Output.h"
 #include "Paths.h"
 
 namespace krvqt {
 namespace {
 
 /// Prints one check, with what to do about it below what was found.
-void print(const krv::Check& check) {
+void printCheck(const krv::Check& check) {
     constexpr int kWidthOfState = 7;
     constexpr int kWidthOfName = 14;
-    fmt::print("{:<{}}  {:<{}}  {}\n", krv::Check::nameOf(check.state), kWidthOfState, check.name, kWidthOfName,
-               check.finding);
+    print("{:<{}}  {:<{}}  {}\n", krv::Check::nameOf(check.state), kWidthOfState, check.name, kWidthOfName,
+          check.finding);
     if (!check.suggestion.empty()) {
-        fmt::print("{:<{}}  {:<{}}  {}\n", "", kWidthOfState, "", kWidthOfName, check.suggestion);
+        print("{:<{}}  {:<{}}  {}\n", "", kWidthOfState, "", kWidthOfName, check.suggestion);
     }
 }
 
@@ -36,9 +35,9 @@ ExitStatus examine(const CommonOptions& common) {
         return status;
     }
     for (const krv::Check& check : diagnosis.checks) {
-        print(check);
+        printCheck(check);
     }
-    fmt::print("{}\n", diagnosis.works ? "Conversions work." : "Conversions do not work.");
+    print("{}\n", diagnosis.works ? "Conversions work." : "Conversions do not work.");
     return status;
 }
 
