@@ -10,6 +10,7 @@
 #include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
 #include <KRVQTProcessClient/Client/ReliabilityProxy.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Foundation/ExceptionNames.h>
 #include <KRVQTProcessClient/Logging/Log.h>
 #include <KRVQTProcessClient/Platform/FreeDescriptors.h>
 #include <KRVQTProcessClient/Platform/RunLoop.h>
@@ -49,7 +50,7 @@ std::shared_ptr<KRVQTProcessClientOperations> KRVQuicktimeProcessClient::default
     const LockGuard lock(classLock());
     if (!sharedClient()) {
         if (!RunLoop::isMainThread()) {
-            throw Exception("NotMainThread", "Please start this object on the main thread first");
+            throw Exception(std::string(kNotMainThreadException), "Please start this object on the main thread first");
         }
         requireFreeDescriptors(kDescriptorsOfAClient, "the client");
         (void)RunLoop::main();

@@ -27,6 +27,7 @@
 #include <fmt/format.h>
 
 #include <KRVQTProcessClient/Client/OperationWait.h>
+#include <KRVQTProcessClient/Operations/OperationErrors.h>
 
 namespace krv {
 namespace {
@@ -39,8 +40,6 @@ constexpr Clock::Duration kShortestInterval = 5ms;
 constexpr Clock::Duration kLongestInterval = 250ms;
 /// The change of progress that counts as news; the server's own threshold. It creeps by less to show that it lives.
 constexpr float kVisibleChange = 0.005F;
-constexpr std::string_view kTimeoutDomain = "TransportCheck";
-constexpr std::int64_t kTimeoutCode = 201;
 
 /// Returns a value between 0 and 1, also for a NaN.
 float clamped(float progress) noexcept {
@@ -54,7 +53,7 @@ float secondsSince(Clock::TimePoint start, const Clock& clock) {
 
 std::shared_ptr<const Error> stalled(const KRVOperationBase& operation, float elapsedSeconds) {
     return Error::make(
-        std::string(kTimeoutDomain), kTimeoutCode,
+        std::string(kTransportCheckErrorDomain), kNoProgressErrorCode,
         {{NSLocalizedDescriptionKey, fmt::format("Unable to {}. Timed out while monitoring progress (at {:2.2f})",
                                                  operation.nameFromType(), elapsedSeconds)}});
 }

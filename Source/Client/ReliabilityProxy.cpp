@@ -15,6 +15,7 @@
 #include <KRVQTProcessClient/Client/ReliabilityDecision.h>
 #include <KRVQTProcessClient/Client/ReliabilityProxy.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Foundation/ExceptionNames.h>
 #include <KRVQTProcessClient/Logging/Log.h>
 #include <KRVQTProcessClient/Platform/RunLoop.h>
 
@@ -140,7 +141,7 @@ void ReliabilityProxy::callWithRetry(const Invocation& invocation) const {
         // Also after the last attempt, so that the caller's next call finds the server running again.
         (void)waitForTransporToBecomeAvailable(invocation);
     }
-    throw Exception("OperationFailed",
+    throw Exception(std::string(kOperationFailedException),
                     fmt::format("Call to {} failed. The server couldn't be contacted", nameOf(invocation)));
 }
 

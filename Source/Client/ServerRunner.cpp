@@ -88,6 +88,7 @@
 #include <KRVQTProcessClient/Client/KRVQuicktimeProcessClient.h>
 #include <KRVQTProcessClient/Client/ServerRunner.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Foundation/ExceptionNames.h>
 #include <KRVQTProcessClient/Logging/Log.h>
 #include <KRVQTProcessClient/Platform/SignalsBlocked.h>
 
@@ -212,7 +213,7 @@ void ServerRunner::startDetachedThread(std::function<void()> body) {
             }
         }).detach();
     } catch (const std::system_error& failure) {
-        throw Exception("ServerRunner",
+        throw Exception(std::string(kServerRunnerException),
                         fmt::format("The thread of the server runner cannot be started: {}", failure.what()));
     }
 }

@@ -6,6 +6,7 @@
 
 #include <KRVQTProcessClient/Client/ServerRunner.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Foundation/ExceptionNames.h>
 #include <KRVQTProcessClient/Foundation/MediaServerName.h>
 #include <KRVQTProcessClient/Logging/Log.h>
 #include <KRVQTProcessClient/Platform/StateFolder.h>
@@ -119,7 +120,7 @@ void ServerRunner::kickOffQTProcessor() {
         // The reason has a placeholder for a name, and prints the text for a missing one.
         const std::string reason = "Cannot find the executable (null). Can't start server";
         note({.bundle = {}, .executable = {}, .failure = reason, .standardErrorFile = {}});
-        throw Exception("BadBuild", reason);
+        throw Exception(std::string(kBadBuildException), reason);
     }
     KRV_LOG(kLogFlagInfo, site("kickOffQTProcessor"), "I will start {}", *bundle);
     Task::Launch what{.executable = fmt::format("{}{}{}", *bundle, kExecutablesInBundle, kMediaServerName),

@@ -3,12 +3,11 @@
 #include <fmt/format.h>
 
 #include <KRVQTProcessClient/Client/TransportInvocation.h>
+#include <KRVQTProcessClient/Foundation/ExceptionNames.h>
+#include <KRVQTProcessClient/Operations/OperationErrors.h>
 
 namespace krv {
 namespace {
-
-constexpr std::string_view kInvocationDomain = "TransportInvocation";
-constexpr std::string_view kTransportCheck = "TransportCheck";
 
 std::string nameOf(const KRVOperationBase::Ref& operation) {
     return operation ? operation->nameFromType() : "(null)";
@@ -68,8 +67,8 @@ bool TransportInvocation::errorBasedOnOperation(ErrorOut error, const Exception*
     if (!error) {
         return false;
     }
-    *error =
-        Error::make(std::string(kInvocationDomain), 0, createErrorDictionaryFromException(nameOf(input()), exception));
+    *error = Error::make(std::string(kTransportInvocationErrorDomain), 0,
+                         createErrorDictionaryFromException(nameOf(input()), exception));
     return true;
 }
 
@@ -88,7 +87,7 @@ KRVOperationBase::Ref TransportInvocation::throwExceptionBasedOnResponse(const K
     if (auto reply = KRVOperationBase::operationFromData(response)) {
         return reply;
     }
-    throw Exception(std::string(kTransportCheck),
+    throw Exception(std::string(kTransportCheckException),
                     fmt::format("Unable to {}, no response returned from server.", nameOf(operation)));
 }
 

@@ -9,6 +9,7 @@
 #include <KRVQTProcessClient/Discovery/PortNumbering.h>
 #include <KRVQTProcessClient/Discovery/ServerNaming.h>
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Foundation/ExceptionNames.h>
 #include <KRVQTProcessClient/Foundation/MediaServerName.h>
 #include <KRVQTProcessClient/Logging/Log.h>
 #include <KRVQTProcessClient/Platform/Port.h>
@@ -85,7 +86,7 @@ void HTTPServerDiscovery::startDetachedThread(std::function<void()> body) {
             }
         }).detach();
     } catch (const std::system_error& failure) {
-        throw Exception("HTTPServerDiscovery",
+        throw Exception(std::string(kHTTPServerDiscoveryException),
                         fmt::format("The discovery thread cannot be started: {}", failure.what()));
     }
 }

@@ -5,7 +5,7 @@
 
 #include <KRVQTProcessClient/Foundation/Export.h>
 
-/// The errors that the media server reports. An error record of this domain has one of the codes below,
+/// The errors that calls report. An error record of the media server's domain has one of the codes below,
 /// `NSLocalizedDescriptionKey` (a sentence for a person that names the file), `NSLocalizedFailureReasonErrorKey` (the
 /// technical cause) and, where a file is concerned, `kErrorFilePath`. Where a failed system call is the cause, it has
 /// `kErrorNumber`.
@@ -34,5 +34,14 @@ enum class OperationErrorCode : std::int64_t {
     InvalidArgument = 9,        ///< unknown operation type, or an argument is missing or of the wrong kind
     SameFile = 10               ///< destination and source are the same file
 };
+
+// The client library reports these itself.
+
+/// Domain of the error of a call that could not be sent or got no usable reply. The code is 0.
+inline constexpr std::string_view kTransportInvocationErrorDomain = "TransportInvocation";
+
+/// Domain and code of the error of an operation that was given up because it made no progress.
+inline constexpr std::string_view kTransportCheckErrorDomain = "TransportCheck";
+inline constexpr std::int64_t kNoProgressErrorCode = 201;
 
 }  // namespace krv

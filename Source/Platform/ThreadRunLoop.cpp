@@ -2,6 +2,7 @@
 #include <utility>
 
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Foundation/ExceptionNames.h>
 #include <KRVQTProcessClient/Platform/ThreadRunLoop.h>
 
 namespace krv {
@@ -25,7 +26,8 @@ void ThreadRunLoop::nextCallChanged(std::optional<Clock::TimePoint> due) {
 
 void ThreadRunLoop::requireOwnThread() const {
     if (thread_ != std::this_thread::get_id()) {
-        throw Exception("NSInternalInconsistencyException", "a run loop can be turned by its own thread only");
+        throw Exception(std::string(kInternalInconsistencyException),
+                        "a run loop can be turned by its own thread only");
     }
 }
 

@@ -11,6 +11,7 @@
 #include <fmt/format.h>
 
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Foundation/ExceptionNames.h>
 #include <KRVQTProcessClient/Foundation/Mutex.h>
 #include <KRVQTProcessClient/Logging/Log.h>
 #include <KRVQTProcessClient/Platform/FreeDescriptors.h>
@@ -48,14 +49,14 @@ public:
     explicit CurlHTTPLoop(const char* name)
         : multi_(curl_multi_init()) {
         if (!multi_) {
-            throw Exception("HTTPLoop", "Cannot create an HTTP loop: out of memory");
+            throw Exception(std::string(kHTTPLoopException), "Cannot create an HTTP loop: out of memory");
         }
         curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, kConnections);
         try {
             thread_ = threadWithoutSignals(name, [this] { run(); });
         } catch (const std::system_error& failure) {
             curl_multi_cleanup(multi_);
-            throw Exception("HTTPLoop",
+            throw Exception(std::string(kHTTPLoopException),
                             fmt::format("The thread of an HTTP loop cannot be started: {}", failure.what()));
         }
     }

@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Foundation/ExceptionNames.h>
 #include <KRVQTProcessClient/Platform/FreeDescriptors.h>
 
 namespace krv {
@@ -28,7 +29,7 @@ void requireFreeDescriptors(int count, std::string_view purpose) {
         ::close(descriptor);
     }
     if (failure != 0) {
-        throw Exception("OutOfDescriptors",
+        throw Exception(std::string(kOutOfDescriptorsException),
                         fmt::format("There are no file descriptors left for {}: {}", purpose, std::strerror(failure)));
     }
 }

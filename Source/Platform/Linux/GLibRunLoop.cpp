@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <KRVQTProcessClient/Foundation/Exception.h>
+#include <KRVQTProcessClient/Foundation/ExceptionNames.h>
 #include <KRVQTProcessClient/Foundation/ThreadOwned.h>
 #include <KRVQTProcessClient/Logging/Log.h>
 #include <KRVQTProcessClient/Platform/FreeDescriptors.h>
@@ -82,7 +83,8 @@ public:
     explicit Running(GLibRunLoop& loop)
         : loop_(loop) {
         if (!isMainThread()) {
-            throw Exception("NSInternalInconsistencyException", "a run loop can be turned by its own thread only");
+            throw Exception(std::string(kInternalInconsistencyException),
+                            "a run loop can be turned by its own thread only");
         }
         ++loop_.nestedRuns_;
     }
