@@ -30,18 +30,38 @@ std::optional<std::uint32_t> fourCharacterCode(std::string_view text) {
     return code;
 }
 
-using Alias = std::pair<std::string_view, std::string_view>;
-constexpr std::array<Alias, 11> kCodecs{{{"h264", "avc1"},
-                                         {"hevc", "hvc1"},
-                                         {"h265", "hvc1"},
-                                         {"av1", "av01"},
-                                         {"vp9", "vp09"},
-                                         {"prores", "apcn"},
-                                         {"aac", "mp4a"},
-                                         {"opus", "Opus"},
-                                         {"flac", "fLaC"},
-                                         {"mp3", ".mp3"},
-                                         {"pcm", "lpcm"}}};
+constexpr std::array<CodecName, 17> kCodecs{{{"avc1", "h264", "H.264", true},
+                                             {"hvc1", "hevc", "HEVC", true},
+                                             {"av01", "av1", "AV1", true},
+                                             {"vp09", "vp9", "VP9", true},
+                                             {"apcn", "prores", "ProRes 422", true},
+                                             {"apch", "apch", "ProRes 422 HQ", true},
+                                             {"ap4h", "ap4h", "ProRes 4444", true},
+                                             {"jpeg", "mjpeg", "Motion JPEG", true},
+                                             {"mp4v", "mpeg4", "MPEG-4", true},
+                                             {"gif", "gif", "GIF", true},
+                                             {"mp4a", "aac", "AAC", false},
+                                             {"alac", "alac", "ALAC", false},
+                                             {"lpcm", "pcm", "PCM", false},
+                                             {"ac-3", "ac3", "AC-3", false},
+                                             {"Opus", "opus", "Opus", false},
+                                             {"fLaC", "flac", "FLAC", false},
+                                             {".mp3", "mp3", "MP3", false}}};
+
+constexpr std::array<ContainerName, 14> kContainers{{{"mov", "avc1", "mp4a"},
+                                                     {"mp4", "avc1", "mp4a"},
+                                                     {"m4v", "avc1", "mp4a"},
+                                                     {"m4a", "", "mp4a"},
+                                                     {"mkv", "avc1", "mp4a"},
+                                                     {"webm", "vp09", "Opus"},
+                                                     {"mka", "", "mp4a"},
+                                                     {"wav", "", "lpcm"},
+                                                     {"mp3", "", ".mp3"},
+                                                     {"flac", "", "fLaC"},
+                                                     {"ogg", "", "Opus"},
+                                                     {"avi", "mp4v", ".mp3"},
+                                                     {"ts", "avc1", "mp4a"},
+                                                     {"gif", "gif", ""}}};
 
 using TypeAlias = std::pair<std::string_view, VideoConversion::Type>;
 constexpr std::array<TypeAlias, 5> kTypes{{{"h264", VideoConversion::H264},
@@ -59,8 +79,20 @@ auto lookUp(const Table& table, std::string_view name) {
 
 }  // namespace
 
+std::span<const CodecName> codecNames() noexcept {
+    return kCodecs;
+}
+
+std::span<const ContainerName> containerNames() noexcept {
+    return kContainers;
+}
+
 std::optional<std::uint32_t> codecFromName(std::string_view name) {
-    return fourCharacterCode(lookUp(kCodecs, lowerCase(name)).value_or(name));
+    const std::string wanted = lowerCase(name);
+    const std::string_view common = wanted == "h265" ? "hevc" : std::string_view(wanted);
+    const auto* const row =
+        std::find_if(kCodecs.begin(), kCodecs.end(), [common](const CodecName& each) { return each.name == common; });
+    return fourCharacterCode(row == kCodecs.end() ? name : row->code);
 }
 
 std::optional<VideoConversion::Type> encodingTypeFromName(std::string_view nameOrNumber) {

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string_view>
 
 #include <KRVQTProcessClient/Foundation/Export.h>
@@ -9,6 +10,28 @@
 
 /// The names that people use for codecs and encoding types.
 namespace krv {
+
+/// A codec that the media server encodes.
+struct CodecName {
+    /// Four-character code, without spaces at its end.
+    std::string_view code;
+    /// The common name, the code itself if there is no other.
+    std::string_view name;
+    /// For people, such as "H.264".
+    std::string_view title;
+    bool isVideo;
+};
+[[nodiscard]] KRV_EXPORT std::span<const CodecName> codecNames() noexcept;
+
+/// A container that the media server writes.
+struct ContainerName {
+    /// In lower case, without the dot.
+    std::string_view extension;
+    /// The codes of its default codecs; empty if it holds no such tracks.
+    std::string_view video;
+    std::string_view audio;
+};
+[[nodiscard]] KRV_EXPORT std::span<const ContainerName> containerNames() noexcept;
 
 /// Returns a codec as the integer that a record carries, the first character in the highest byte. Takes a common name in
 /// any case ("h264", "hevc", "aac", ...) or a four-character code, which is padded with spaces. Nothing if the text is

@@ -8,7 +8,7 @@ namespace {
 
 TEST(EncodingNames, AFourCharacterCodeHasItsFirstCharacterInTheHighestByte) {
     EXPECT_EQ(codecFromName("avc1"), 0x61766331U);
-    EXPECT_EQ(codecFromName("ac3"), 0x61633320U) << "shorter codes are padded with spaces";
+    EXPECT_EQ(codecFromName("raw"), 0x72617720U) << "shorter codes are padded with spaces";
     EXPECT_EQ(codecFromName(""), std::nullopt);
     EXPECT_EQ(codecFromName("avc12"), std::nullopt);
 }
