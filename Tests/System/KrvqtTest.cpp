@@ -2,10 +2,12 @@
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
+#include <sstream>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "Shell.h"
 #include "SystemFixture.h"
 
 namespace krv::test {
@@ -153,7 +155,8 @@ TEST_F(Krvqt, MakesThumbnailsAndListsThem) {
 TEST_F(Krvqt, DescribesAMovieAndWritesItsPoster) {
     const auto [status, text] = run({"info", media("plain.mov"), "--poster", out("poster.jpg")});
     EXPECT_EQ(status, 0);
-    EXPECT_THAT(text, AllOf(HasSubstr(media("plain.mov") + "\n"), HasSubstr("H.264, AAC\n"), HasSubstr("320 x 240\n"),
+    EXPECT_THAT(text, AllOf(HasSubstr("krvqt: the poster was written to " + out("poster.jpg") + "\n"),
+                            HasSubstr(media("plain.mov") + "\n"), HasSubstr("H.264, AAC\n"), HasSubstr("320 x 240\n"),
                             HasSubstr("AAC, 48000 Hz, mono\n"), HasSubstr("0:00:02.")));
     EXPECT_GT(std::filesystem::file_size(out("poster.jpg")), 1000U);
     const auto [one, json] = run({"info", media("plain.mov"), "--json"});
@@ -215,6 +218,126 @@ TEST_F(Krvqt, AcceptsAllOtherNames) {
         EXPECT_EQ(done, 0) << json;
         EXPECT_EQ(nlohmann::json::parse(json)["path"], out(name));
     }
+}
+
+TEST_F(Krvqt, ConvertsSeveralMoviesIntoAFolder) {
+    const auto [status, text] =
+        run({"convert", media("plain.mov"), media("text.mp4"), media("chapters.mp4"), "--to", out("to"), "--type",
+             "hevc", "--video-quality", "0.2", "--container", "mkv", "--quiet", "--json"});
+    EXPECT_EQ(status, 1) << "one bad movie does not stop the others";
+    std::vector<std::string> outcomes;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with('{')) {
+            const auto json = nlohmann::json::parse(line);
+            outcomes.push_back(fmt::format("{} {} {}", json["status"].get<std::string>(),
+                                           json["source"].get<std::string>(), json["destination"].get<std::string>()));
+        }
+    }
+    EXPECT_THAT(outcomes, ElementsAre(fmt::format("done {} {}", media("plain.mov"), out("to/plain.mkv")),
+                                      fmt::format("failed {} {}", media("text.mp4"), out("to/text.mkv")),
+                                      fmt::format("done {} {}", media("chapters.mp4"), out("to/chapters.mkv"))));
+    EXPECT_THAT(run({"info", out("to/plain.mkv")}).second, HasSubstr("HEVC, AAC"));
+    EXPECT_NEAR(readableSeconds(out("to/chapters.mkv")), 2.0, 0.1);
+    EXPECT_FALSE(std::filesystem::exists(out("to/text.mkv")));
+}
+
+TEST_F(Krvqt, NamesFilesInAFolderByTheirType) {
+    const auto names = [this](const std::vector<std::string>& options) {
+        std::vector<std::string> all{"convert", media("plain.mov"), media("chapters.mp4"), "--to",
+                                     out(""),   "--dry-run"};
+        all.insert(all.end(), options.begin(), options.end());
+        return run(all).second;
+    };
+    const auto both = [this](const char* one, const char* other) {
+        return out("plain.") + one + "\n" + out("chapters.") + other + "\n";
+    };
+    EXPECT_EQ(names({}), both("mp4", "mp4"));
+    EXPECT_EQ(names({"--type", "prores"}), both("mov", "mov"));
+    EXPECT_EQ(names({"--type", "AV1"}), both("webm", "webm"));
+    EXPECT_EQ(names({"--type", "audio"}), both("m4a", "m4a"));
+    EXPECT_EQ(names({"--type", "Original"}), both("mov", "mp4"));
+    EXPECT_EQ(names({"--flatten"}), both("mov", "mp4"));
+    EXPECT_EQ(names({"--type", "audio", "--container", ".mp3"}), both("mp3", "mp3"));
+    EXPECT_THAT(filesInOut(), IsEmpty());
+    EXPECT_THAT(servers(), IsEmpty());
+}
+
+TEST_F(Krvqt, TheDestinationMayBeNamedFirst) {
+    EXPECT_EQ(run({"merge", "-o", out("both.mov"), media("plain.mov"), media("plain.mov")}).first, 0);
+    EXPECT_EQ(run({"mux", media("surround.mov"), "--output", out("stereo.mov")}).first, 0);
+    EXPECT_EQ(run({"convert", "-q", "-o", out("out.mp4"), media("plain.mov")}).second, out("out.mp4") + "\n");
+    EXPECT_NEAR(readableSeconds(out("both.mov")), 4.0, 0.15);
+    EXPECT_NEAR(readableSeconds(out("out.mp4")), 2.0, 0.1);
+}
+
+TEST_F(Krvqt, NeverOffersToReplaceASource) {
+    std::filesystem::copy_file(media("plain.mov"), out("a.mov"));
+    std::filesystem::copy_file(media("plain.mov"), out("b.mov"));
+    const auto [status, text] = run({"merge", out("a.mov"), out("b.mov")});
+    EXPECT_EQ(status, 2);
+    EXPECT_EQ(text,
+              "krvqt: " + out("b.mov") + " exists; is the last name the file to write? Name that file with -o FILE\n");
+    EXPECT_EQ(run({"merge", out("a.mov"), out("b.mov"), "-o", out("b.mov"), "--force"}).first, 2);
+    EXPECT_THAT(servers(), IsEmpty());
+}
+
+TEST_F(Krvqt, SettingsTakeRatesWithSuffixes) {
+    EXPECT_EQ(run({"convert", media("plain.mov"), out("out.m4a"), "--audio-settings", "bitrate=64k"}).first, 0);
+}
+
+TEST_F(Krvqt, SaysWhatItCancelled) {
+    EXPECT_EQ(run(conversion("plain.mov")).first, 0);
+    EXPECT_EQ(run({"cancel-all"}).second, "krvqt: there was nothing to cancel\n");
+    ChildProcess process(command({"convert", media("longer.mov"), out("long.mp4")}));
+    waitForLine(process, "0 %");
+    EXPECT_THAT(run({"status"}).second,
+                AllOf(testing::StartsWith("media server "), HasSubstr("\n1 running, 0 waiting, ")));
+    EXPECT_EQ(run({"cancel-all"}).second, "krvqt: cancelled 1 operation\n");
+    process.readAll();
+    EXPECT_EQ(process.wait(), 130);
+}
+
+TEST_F(Krvqt, GivesNoAdviceThatCannotHelp) {
+    std::filesystem::create_directory(out("folder"));
+    EXPECT_EQ(runShell("mkfifo '" + out("fifo") + "'; : >'" + out("empty.mov") + "'"), 0);
+    for (const char* const name : {"folder", "fifo", "empty.mov"}) {
+        const auto [status, text] = run({"info", out(name)});
+        EXPECT_EQ(status, 1) << name;
+        EXPECT_THAT(text, AllOf(HasSubstr(name), testing::Not(HasSubstr("try:")))) << name;
+    }
+}
+
+TEST_F(Krvqt, PrintsAnObjectForEachMovie) {
+    const auto [status, text] =
+        runIn("exec \"$@\" 2>/dev/null", {"--json", "info", media("text.mp4"), out("none.mov"), media("plain.mov")});
+    EXPECT_EQ(status, 1);
+    std::vector<std::string> outcomes;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        const auto json = nlohmann::json::parse(line);
+        outcomes.push_back(json["status"].get<std::string>() + ' ' + json["path"].get<std::string>());
+    }
+    EXPECT_THAT(outcomes,
+                ElementsAre("failed " + media("text.mp4"), "failed " + out("none.mov"), "done " + media("plain.mov")));
+}
+
+TEST_F(Krvqt, ShowsControlCharactersAndLinesOnATerminal) {
+    const std::string name = out("a\033[31m.mov");
+    std::filesystem::copy_file(media("plain.mov"), name);
+    // script runs its command on a terminal of its own.
+    const auto onTerminal = [](const std::string& type, const std::string& arguments) {
+        const std::string line = "TERM=" + type + " '" + KRV_KRVQT + "' " + arguments;
+        ChildProcess process({"script", "--quiet", "--return", "--command", line, "/dev/null"});
+        const std::string text = process.readAll();
+        EXPECT_EQ(process.wait(), 0) << text;
+        return text;
+    };
+    EXPECT_THAT(onTerminal("xterm", "info '" + name + "'"),
+                AllOf(HasSubstr("a\\x1b[31m.mov"), testing::Not(HasSubstr("\033"))));
+    EXPECT_THAT(onTerminal("dumb", "convert '" + name + "' '" + out("b.mp4") + "'"),
+                AllOf(HasSubstr("100 %"), testing::Not(HasSubstr("\033")), testing::Not(HasSubstr("\r\r"))));
+    EXPECT_THAT(onTerminal("xterm", "convert '" + name + "' '" + out("c.mp4") + "'"), HasSubstr("100 %"));
 }
 
 TEST_F(Krvqt, FinishesItsWorkIfItsMessagesCannotBeWritten) {

@@ -3,6 +3,7 @@
 #include <KRVQTProcessClient/Platform/Fakes/FakeClock.h>
 
 #include "ArgumentFilter.h"
+#include "CombinedProgress.h"
 #include "DroppedTracks.h"
 #include "FailureText.h"
 #include "ProgressDisplay.h"
@@ -35,6 +36,60 @@ TEST(TextValues, TimesAreSecondsOrClockTimes) {
     for (const char* const text : {"", "-1", "x", "1:", ":1", "1:60", "1.5:00", "1:2:3:4", "nan", "inf", "1e3", "1 "}) {
         EXPECT_EQ(secondsFrom(text), std::nullopt) << text;
     }
+}
+
+TEST(TextValues, SizesAreForPeople) {
+    EXPECT_EQ(bytesText(0), "0 bytes");
+    EXPECT_EQ(bytesText(1), "1 byte");
+    EXPECT_EQ(bytesText(999), "999 bytes");
+    EXPECT_EQ(bytesText(38'500), "38 kB");
+    EXPECT_EQ(bytesText(999'999), "999 kB");
+    EXPECT_EQ(bytesText(1'250'000), "1.2 MB");
+    EXPECT_EQ(bytesText(3'210'000'000), "3.21 GB");
+}
+
+TEST(TextValues, RatesMayHaveSuffixes) {
+    EXPECT_EQ(settingsFrom("bitrate=192k"), "bitrate=192000");
+    EXPECT_EQ(settingsFrom("preset=slow:bitrate=1.5M:width=640"), "preset=slow:bitrate=1500000:width=640");
+    EXPECT_EQ(settingsFrom("sampleRate=44.1K"), "sampleRate=44100");
+    for (const char* const text :
+         {"", "bitrate=192000", "bitrate=k", "bitrate=x2k", "maxrate=2M", "preset=k", ":", "bitrate=-1k", "bitrate"}) {
+        EXPECT_EQ(settingsFrom(text), text);
+    }
+}
+
+krv::Progress progressOf(krv::Progress::State state, double fraction = 0) {
+    krv::Progress progress;
+    progress.state = state;
+    progress.fraction = fraction;
+    return progress;
+}
+
+TEST(CombinedProgress, IsTheMeanOfAllJobs) {
+    using State = krv::Progress::State;
+    const auto all = combinedProgress({progressOf(State::Finishing, 1), progressOf(State::Running, 0.5),
+                                       progressOf(State::Queued), progressOf(State::WaitingForServer)},
+                                      30s);
+    EXPECT_EQ(all.state, State::Running);
+    EXPECT_DOUBLE_EQ(all.fraction, 0.375);
+    EXPECT_EQ(all.elapsed, 30s);
+    EXPECT_DOUBLE_EQ(all.remaining.value().count(), 50);
+}
+
+TEST(CombinedProgress, WaitsAsLongAsAllJobsWait) {
+    using State = krv::Progress::State;
+    krv::Progress waiting = progressOf(State::WaitingForServer);
+    waiting.waitingFor = "why";
+    EXPECT_EQ(combinedProgress({waiting, waiting}, 0s).waitingFor, "why");
+    krv::Progress queued = progressOf(State::Queued);
+    queued.position = 3;
+    krv::Progress sooner = queued;
+    sooner.position = 2;
+    const auto all = combinedProgress({waiting, queued, sooner}, 0s);
+    EXPECT_EQ(all.state, State::Queued);
+    EXPECT_EQ(all.position, 2);
+    EXPECT_EQ(all.waitingFor, "");
+    EXPECT_EQ(all.remaining, std::nullopt);
 }
 
 TEST(DroppedText, NamesTheTrackOrItsProperty) {

@@ -29,7 +29,13 @@ public:
     /// Parses the arguments and runs the command that they name. Prints help, or what is wrong with the arguments.
     ExitStatus run(std::vector<std::string> arguments);
 
+    /// Returns what describes the commands and their options.
+    [[nodiscard]] const CLI::App& description() const { return app_; }
+
 private:
+    ExitStatus parseAndRun(std::vector<std::string> arguments);
+    void parse(const CLI::App& command, std::vector<std::string> arguments);
+
     CLI::App app_;
     CommonOptions common_;
     double wait_;

@@ -14,6 +14,8 @@ void addCommands(CommandLine& line) {
     addDoctor(line);
     addRecord(line);
     addTypes(line);
+    addCodecs(line);
+    addHelp(line);
 }
 
 }  // namespace krvqt

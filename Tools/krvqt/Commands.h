@@ -21,6 +21,10 @@ void addDoctor(CommandLine& line);
 /// Adds "record", which never contacts a server.
 void addRecord(CommandLine& line);
 void addTypes(CommandLine& line);
+/// Adds "codecs" and "containers".
+void addCodecs(CommandLine& line);
+/// Adds "help". The command line must outlive what is added.
+void addHelp(CommandLine& line);
 
 /// Adds all of them, in the order in which help lists them.
 void addCommands(CommandLine& line);

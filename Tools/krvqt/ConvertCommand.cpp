@@ -1,161 +1,172 @@
+#include <deque>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 
-#include <KRVQTProcessClient/Jobs/EncodingNames.h>
-
+#include "CombinedProgress.h"
 #include "Commands.h"
+#include "ConvertSettings.h"
 #include "FileOperation.h"
+#include "Output.h"
+#include "OutputNames.h"
 #include "Paths.h"
-#include "TextValues.h"
 
 namespace krvqt {
 namespace {
 
-struct TrackOptions {
-    std::optional<std::string> codec;
-    std::optional<float> quality;
-    std::optional<std::string> settings;
-    [[nodiscard]] bool any() const { return codec || quality || settings; }
-};
-
 struct ConvertOptions {
-    std::string source;
-    std::string destination;
-    std::optional<std::string> type;
-    bool flatten = false;
-    bool force = false;
-    TrackOptions video;
-    std::optional<float> fps;
-    TrackOptions audio;
-    std::optional<std::string> start;
-    std::optional<std::string> end;
-    std::optional<std::string> audioTracks;
-    std::optional<std::string> subtitleTracks;
-    std::optional<std::string> burnIn;
-    bool strict = false;
-    [[nodiscard]] bool withSettings() const { return video.any() || fps || audio.any(); }
+    Naming naming;
+    std::optional<std::string> folder;
+    std::optional<std::string> container;
+    bool dryRun = false;
+    ConvertSettings settings;
 };
 
-/// Sets a time from the text of an option. Returns false if it is malformed.
-bool setTime(std::optional<krv::Seconds>& time, const std::optional<std::string>& text) {
-    if (text) {
-        const auto seconds = secondsFrom(*text);
-        if (!seconds) {
-            return false;
+/// Returns the extension of --container in the form in which it ends a name.
+std::string extensionOf(std::string container) {
+    if (container.starts_with('.')) {
+        container.erase(0, 1);
+    }
+    checkContainer("x." + container);
+    return container;
+}
+
+std::vector<FileToWrite> filesOf(const ConvertOptions& options) {
+    const Naming& naming = options.naming;
+    if (options.folder) {
+        if (naming.output) {
+            usage("--output names one file and --to a folder; use one of them");
         }
-        time = krv::Seconds(*seconds);
+        return filesInFolder(naming.names, *options.folder,
+                             options.container ? extensionOf(*options.container) : options.settings.extension(),
+                             naming.force);
     }
-    return true;
+    if (options.container) {
+        usage("--container belongs to --to; without it, the extension of the destination decides");
+    }
+    const std::size_t sources = naming.names.size() - (naming.output ? 0 : 1);
+    if (sources > 1) {
+        usage("convert writes one file for each source; use --to FOLDER for several, or 'krvqt merge' to join them");
+    }
+    FileToWrite file = naming.oneFile();
+    checkContainer(file.destination);
+    return {std::move(file)};
 }
 
-/// Sets the options that conversions and flattenings share. Returns false if a time is malformed.
-template <typename Wanted>
-bool select(const ConvertOptions& options, Wanted& wanted) {
-    wanted.source = options.source;
-    wanted.destination = options.destination;
-    wanted.audioTracks = options.audioTracks.value_or("");
-    wanted.subtitleTracks = options.subtitleTracks.value_or("");
-    wanted.strict = options.strict;
-    return setTime(wanted.start, options.start) && setTime(wanted.end, options.end);
+std::vector<FileOperation> operationsOf(const ConvertOptions& options) {
+    std::vector<FileOperation> operations;
+    for (FileToWrite& file : filesOf(options)) {
+        operations.push_back(
+            {.operation = "convert", .sources = std::move(file.sources), .destination = std::move(file.destination)});
+    }
+    return operations;
 }
 
-ExitStatus badTime() {
-    return usage("--start and --end take seconds, such as 90.5, or a time such as 0:01:30");
+/// Starts a job for each file, and reports their ends in the order of the command line.
+template <typename Start>
+ExitStatus writeMovies(const std::vector<FileOperation>& operations, const Start& start, const CommonOptions& common) {
+    CombinedProgress display(operations.size(), common.quiet);
+    const krv::Media media = krvqt::media(common);
+    std::deque<FileReport> reports;
+    std::vector<krv::Job<krv::Converted>> jobs;
+    for (std::size_t i = 0; i < operations.size(); ++i) {
+        FileReport& report = reports.emplace_back(operations[i], common);
+        const auto onProgress = [&display, &report, i, started = false](const krv::Progress& progress) mutable {
+            if (!started && progress.state >= krv::Progress::State::Running) {
+                started = true;
+                report.start();
+            }
+            display.show(i, progress);
+        };
+        jobs.push_back(start(media, operations[i], onProgress, untilInterrupted()));
+    }
+    ExitStatus worst = kDone;
+    for (std::size_t i = 0; i < operations.size(); ++i) {
+        const auto result = jobs[i].wait();
+        display.ended(i, result.has_value());
+        worst = std::max(worst, reportMovie(operations[i], reports[i], result));
+    }
+    return worst;
 }
 
-ExitStatus flatten(const FileOperation& operation, const ConvertOptions& options, const CommonOptions& common) {
-    if (options.withSettings() || options.burnIn) {
-        return usage("--flatten copies every track and cannot be combined with video or audio options");
-    }
-    krv::FlattenOptions wanted;
-    if (!select(options, wanted)) {
-        return badTime();
-    }
-    const auto start = [&](const krv::Media& media, krv::ProgressCallback onProgress, krv::JobControl control) {
-        wanted.onProgress = std::move(onProgress);
-        wanted.control = std::move(control);
-        return media.flatten(std::move(wanted));
+/// Returns a function that starts the job of one file.
+template <typename Options, typename Member>
+auto starter(Options wanted, Member member) {
+    return [wanted = std::move(wanted), member](const krv::Media& media, const FileOperation& file,
+                                                krv::ProgressCallback onProgress, krv::JobControl control) {
+        Options options = wanted;
+        options.source = file.sources.front();
+        options.destination = file.destination;
+        options.onProgress = std::move(onProgress);
+        options.control = std::move(control);
+        return (media.*member)(std::move(options));
     };
-    return writeMovie(operation, start, common);
+}
+
+ExitStatus showPlan(const std::vector<FileOperation>& operations, const CommonOptions& common) {
+    for (const FileOperation& each : operations) {
+        if (common.json) {
+            printJSON({{"operation", each.operation},
+                       {"status", "planned"},
+                       {"source", each.sources.front()},
+                       {"destination", each.destination}});
+        } else {
+            printOut("{}\n", each.destination);
+        }
+    }
+    return kDone;
 }
 
 ExitStatus convert(const ConvertOptions& options, const CommonOptions& common) {
-    const FileOperation operation{.operation = "convert",
-                                  .sources = {absolutePath(options.source)},
-                                  .destination = absolutePath(options.destination)};
-    if (const ExitStatus status = checkDestination(operation.destination, options.force); status != kDone) {
-        return status;
+    const auto operations = operationsOf(options);
+    const krv::ConvertOptions wanted = options.settings.convertOptions();
+    const krv::FlattenOptions flattened =
+        options.settings.flatten ? options.settings.flattenOptions() : krv::FlattenOptions{};
+    if (options.dryRun) {
+        return showPlan(operations, common);
     }
-    krv::ConvertOptions wanted;
-    if (options.type) {
-        wanted.type = krv::encodingTypeFromName(*options.type);
-        if (!wanted.type) {
-            return usage(fmt::format("'{}' is not an encoding type; 'krvqt types' lists them", *options.type));
+    if (options.folder) {
+        std::error_code failure;
+        std::filesystem::create_directories(*options.folder, failure);
+        if (failure) {
+            say("krvqt: Cannot create the folder {}: {}.\n", absolutePath(*options.folder), failure.message());
+            return kFailed;
         }
     }
-    if (options.flatten) {
-        return flatten(operation, options, common);
+    if (options.settings.flatten) {
+        return writeMovies(operations, starter(flattened, &krv::Media::flatten), common);
     }
-    if (!select(options, wanted)) {
-        return badTime();
-    }
-    wanted.burnInSubtitleTrack = options.burnIn.value_or("");
-    wanted.video = {.codec = options.video.codec.value_or(""),
-                    .quality = options.video.quality.value_or(0.0F),
-                    .fps = options.fps.value_or(0.0F),
-                    .settings = options.video.settings.value_or("")};
-    wanted.audio = {.codec = options.audio.codec.value_or(""),
-                    .quality = options.audio.quality.value_or(0.0F),
-                    .settings = options.audio.settings.value_or("")};
-    const auto start = [&](const krv::Media& media, krv::ProgressCallback onProgress, krv::JobControl control) {
-        wanted.onProgress = std::move(onProgress);
-        wanted.control = std::move(control);
-        return media.convert(std::move(wanted));
-    };
-    return writeMovie(operation, start, common);
-}
-
-void addTrackOptions(CLI::App& command, const std::string& which, TrackOptions& options) {
-    command.add_option("--" + which + "-codec", options.codec, "four-character code of the codec, such as avc1")
-        ->type_name("CODE");
-    command.add_option("--" + which + "-quality", options.quality, "above 0 and at most 1; 0 is the encoder's default")
-        ->type_name("Q");
-    command.add_option("--" + which + "-settings", options.settings, "key=value:key=value for the encoder")
-        ->type_name("SETTINGS");
+    return writeMovies(operations, starter(wanted, &krv::Media::convert), common);
 }
 
 }  // namespace
 
 void addConvert(CommandLine& line) {
     const auto options = std::make_shared<ConvertOptions>();
-    CLI::App& command = line.add("convert", "convert a movie",
+    CLI::App& command = line.add("convert", "convert movies",
                                  [options](const CommonOptions& common) { return convert(*options, common); });
-    command.add_option("source", options->source, "the movie to read")->required()->type_name("SOURCE");
-    command.add_option("destination", options->destination, "the file to write; its extension decides the container")
-        ->required()
-        ->type_name("DESTINATION");
     command
-        .add_option("--type", options->type,
-                    "encoding type by name or number, which the other options refine; 'krvqt types' lists them")
-        ->type_name("NAME|NUMBER");
-    command.add_flag("--flatten", options->flatten, "copy every track, with the index at the start of the file");
-    addForce(command, options->force);
-    command.add_option("--fps", options->fps, "frames per second; 0 keeps the source's own timing")->type_name("F");
-    addTrackOptions(command, "video", options->video);
-    addTrackOptions(command, "audio", options->audio);
-    command.add_option("--start", options->start, "where to begin: seconds or h:mm:ss")->type_name("T");
-    command.add_option("--end", options->end, "where to end, from the start of the movie: seconds or h:mm:ss")
-        ->type_name("T");
-    command.add_option("--audio-tracks", options->audioTracks, "audio tracks to keep: indices or languages, as 1,deu")
-        ->type_name("LIST");
-    command.add_option("--subtitle-tracks", options->subtitleTracks, "subtitle tracks to keep, in the same form")
-        ->type_name("LIST");
-    command.add_option("--burn-in", options->burnIn, "subtitle track to draw into the video: its index or language")
-        ->type_name("N|LANG");
-    command.add_flag("--strict", options->strict, "fail before writing anything if a track would be dropped");
+        .add_option("names", options->naming.names,
+                    "the movie to read and the file to write, whose extension decides the container")
+        ->required()
+        ->type_name("SOURCE DESTINATION|SOURCE -o DESTINATION|SOURCE... --to FOLDER");
+    addOutput(command, options->naming);
+    command
+        .add_option("--to", options->folder,
+                    "the folder in which one file is written for each source, named after it; created if missing")
+        ->type_name("FOLDER");
+    command
+        .add_option("--container", options->container,
+                    "the extension of the files in that folder; 'krvqt containers' lists them. By default that of the "
+                    "type: mp4, ProRes mov, VP9 and AV1 webm, Audio Only m4a, else that of the source")
+        ->type_name("EXT");
+    command.add_flag("--dry-run", options->dryRun, "check the command line and print what would be written");
+    addSettings(command, options->settings);
 }
 
 }  // namespace krvqt

@@ -6,6 +6,7 @@
 
 #include "FailureText.h"
 #include "Output.h"
+#include "TextValues.h"
 
 namespace krvqt {
 
@@ -31,8 +32,7 @@ ExitStatus FileReport::done(const Describe& describe, const Print& print) const 
     }
     print();
     if (!common_.quiet) {
-        say("krvqt: done, {}{:.1f} s\n",
-            isFile ? fmt::format("{:.1f} MB in ", static_cast<double>(bytes) / 1e6) : std::string(), elapsed());
+        say("krvqt: done, {}{:.1f} s\n", isFile ? fmt::format("{} in ", bytesText(bytes)) : std::string(), elapsed());
     }
     return kDone;
 }

@@ -32,6 +32,8 @@ class FileReport {
 public:
     /// Borrows both.
     FileReport(const FileOperation& operation, const CommonOptions& common);
+    /// Measures from now on.
+    void start() { start_ = std::chrono::steady_clock::now(); }
 
     /// Adds further entries to the JSON object of a success. May be null.
     using Describe = std::function<void(nlohmann::json&)>;
@@ -46,7 +48,7 @@ private:
 
     const FileOperation& operation_;
     const CommonOptions& common_;
-    const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
 /// Returns the control of a job that ends after a signal.
@@ -66,11 +68,10 @@ template <typename Start>
     return result;
 }
 
-/// Runs a job that writes a movie, and reports its end and what was dropped. Call on the main thread only.
-template <typename Start>
-[[nodiscard]] ExitStatus writeMovie(const FileOperation& operation, const Start& start, const CommonOptions& common) {
-    const FileReport report(operation, common);
-    const auto result = runWithProgress(start, common);
+/// Reports the end of a job that writes a movie, and what was dropped.
+template <typename Written>
+[[nodiscard]] ExitStatus reportMovie(const FileOperation& operation, const FileReport& report,
+                                     const krv::Result<Written>& result) {
     if (!result) {
         return report.failed(result.error());
     }
@@ -82,6 +83,13 @@ template <typename Start>
             printDropped(result->droppedTracks, operation.sources);
             printPath(operation.destination);
         });
+}
+
+/// Runs a job that writes a movie, and reports its end. Call on the main thread only.
+template <typename Start>
+[[nodiscard]] ExitStatus writeMovie(const FileOperation& operation, const Start& start, const CommonOptions& common) {
+    const FileReport report(operation, common);
+    return reportMovie(operation, report, runWithProgress(start, common));
 }
 
 }  // namespace krvqt

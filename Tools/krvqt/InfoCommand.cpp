@@ -1,7 +1,9 @@
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <deque>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <optional>
@@ -18,8 +20,10 @@
 #include "FailureText.h"
 #include "FileOperation.h"
 #include "Output.h"
+#include "OutputNames.h"
 #include "Paths.h"
 #include "Question.h"
+#include "TextValues.h"
 
 namespace krvqt {
 namespace {
@@ -81,14 +85,14 @@ nlohmann::json jsonOf(const krv::Dictionary& info) {
 void printText(const krv::Dictionary& info) {
     const auto line = [](std::string_view name, const std::string& text) {
         if (!text.empty()) {
-            print("  {:<11} {}\n", name, text);
+            printOut("  {:<11} {}\n", name, text);
         }
     };
     const auto date = [&info](std::string_view key) {
         const krv::Value value = info[key];
         return value.date() ? isoTime(*value.date()) : std::string();
     };
-    print("{}\n", info[krv::kMediaMetadataPath].stringValue());
+    printOut("{}\n", info[krv::kMediaMetadataPath].stringValue());
     line("codecs", info[krv::kMediaMetadataCodec].stringValue());
     if (const krv::Value duration = info[krv::kMediaMetadataDuration]; duration.isNumber()) {
         line("duration", durationText(duration.doubleValue()));
@@ -153,6 +157,7 @@ bool writePoster(const std::string& file, const krv::MovieInfo& info) {
 
 bool report(const krv::MovieInfo& info, const InfoOptions& options, const CommonOptions& common) {
     const auto metadata = info.record->metadata();
+    const bool written = !options.poster || writePoster(*options.poster, info);
     if (!metadata) {
         return false;
     }
@@ -161,27 +166,44 @@ bool report(const krv::MovieInfo& info, const InfoOptions& options, const Common
         json["tracks"] = tracksOf(info);
         json["tags"] = info.tags;
         json["chapters"] = chaptersOf(info);
+        if (options.poster && written) {
+            json["posterPath"] = absolutePath(*options.poster);
+        }
         printJSON(json);
     } else {
         printText(*metadata);
     }
-    return !options.poster || writePoster(*options.poster, info);
+    if (options.poster && written && !common.quiet) {
+        say("krvqt: the poster was written to {}\n", absolutePath(*options.poster));
+    }
+    return written;
+}
+
+/// Throws UsageError if a name cannot be read, or the poster not be written.
+void checkNames(const InfoOptions& options) {
+    std::for_each(options.movies.begin(), options.movies.end(), checkSource);
+    if (!options.poster) {
+        return;
+    }
+    if (options.movies.size() > 1) {
+        usage("--poster takes one movie only");
+    }
+    const std::string extension = lowerCase(std::filesystem::path(*options.poster).extension().string());
+    if (!extension.empty() && extension != ".jpg" && extension != ".jpeg") {
+        usage(fmt::format("a poster is a JPEG file; give it a name that ends with .jpg, not {}", extension));
+    }
+    checkDestination({.sources = {absolutePath(options.movies.front())}, .destination = absolutePath(*options.poster)},
+                     options.force);
 }
 
 ExitStatus showInfo(const InfoOptions& options, const CommonOptions& common) {
-    if (options.poster) {
-        if (options.movies.size() > 1) {
-            return usage("--poster takes one movie only");
-        }
-        if (const ExitStatus status = checkDestination(*options.poster, options.force); status != kDone) {
-            return status;
-        }
-    }
+    checkNames(options);
     // A few movies ahead, so that the server is never idle, and not all of them, because a poster takes memory.
     constexpr std::size_t kAhead = 16;
     const krv::Media media = krvqt::media(common);
     std::deque<krv::Job<krv::MovieInfo>> jobs;
-    auto next = options.movies.begin();
+    auto current = options.movies.begin();
+    auto next = current;
     ExitStatus worst = kDone;
     while (next != options.movies.end() || !jobs.empty()) {
         while (next != options.movies.end() && jobs.size() < kAhead) {
@@ -189,14 +211,12 @@ ExitStatus showInfo(const InfoOptions& options, const CommonOptions& common) {
         }
         const auto info = jobs.front().wait();
         jobs.pop_front();
+        const std::string movie = absolutePath(*current++);
         if (!info) {
-            const ExitStatus status = questionFailed("info", info.error(), common);
-            if (status == kCancelled || status == kNoServer) {
-                return status;
-            }
-            worst = options.movies.size() == 1 ? status : kFailed;  // one bad file does not hide the others
+            const ExitStatus status = questionFailed("info", info.error(), common, movie);
+            worst = std::max(worst, status);  // one bad file does not hide the others
         } else if (!report(*info, options, common)) {
-            worst = kFailed;
+            worst = std::max(worst, kFailed);
         }
     }
     return worst;

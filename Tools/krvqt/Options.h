@@ -16,7 +16,7 @@ struct CommonOptions {
 
 /// Adds the option that allows a command to replace files.
 inline void addForce(CLI::App& command, bool& force) {
-    command.add_flag("--force", force, "replace an existing destination");
+    command.add_flag("-f,--force", force, "replace an existing destination");
 }
 
 }  // namespace krvqt

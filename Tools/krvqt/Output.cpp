@@ -55,7 +55,7 @@ void sayToTerminal(std::string_view sequences) {
     writeAll(STDERR_FILENO, sequences);
 }
 
-void print(std::string_view results) {
+void printOut(std::string_view results) {
     if (const int failure = writeTo(STDOUT_FILENO, results); failure != 0) {
         int none = 0;
         firstFailure.compare_exchange_strong(none, failure);

@@ -26,10 +26,10 @@ void sayToTerminal(std::string_view sequences);
 
 /// Writes a part of the results to standard output at once, as visible() shows it if that is a terminal. Newlines are the
 /// caller's.
-void print(std::string_view results);
+void printOut(std::string_view results);
 template <typename... Values>
-void print(fmt::format_string<Values...> format, Values&&... values) {
-    print(std::string_view(fmt::format(format, std::forward<Values>(values)...)));
+void printOut(fmt::format_string<Values...> format, Values&&... values) {
+    printOut(std::string_view(fmt::format(format, std::forward<Values>(values)...)));
 }
 
 /// Returns the error number of the first part of the results that could not be written, 0 if there is none.

@@ -5,12 +5,9 @@
 #include <fmt/format.h>
 
 #include "Output.h"
+#include "Usage.h"
 
 namespace krvqt {
-ExitStatus usage(std::string_view text) {
-    say("krvqt: {}\n", text);
-    return kUsage;
-}
 
 std::string absolutePath(const std::string& file) {
     std::error_code failure;
@@ -19,19 +16,11 @@ std::string absolutePath(const std::string& file) {
 }
 
 void printPath(const std::string& file) {
-    print("{}\n", file);
+    printOut("{}\n", file);
 }
 
 void printJSON(const nlohmann::json& object) {
-    print("{}\n", object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
-}
-
-ExitStatus checkDestination(const std::string& destination, bool force) {
-    std::error_code failure;
-    if (!force && std::filesystem::exists(std::filesystem::symlink_status(destination, failure))) {
-        return usage(fmt::format("{} exists; use --force to replace it", destination));
-    }
-    return kDone;
+    printOut("{}\n", object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
 }  // namespace krvqt

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include <KRVQTProcessClient/Media.h>
@@ -10,6 +11,8 @@
 namespace krvqt {
 
 /// Reports the failure of a command that writes no file, and returns its exit status. what: name of the command.
-ExitStatus questionFailed(std::string_view what, const krv::Failure& failure, const CommonOptions& common);
+/// path: the file that it concerns, for JSON; may be empty.
+ExitStatus questionFailed(std::string_view what, const krv::Failure& failure, const CommonOptions& common,
+                          const std::string& path = {});
 
 }  // namespace krvqt

@@ -136,10 +136,10 @@ ExitStatus showRecord(const std::string& file, const CommonOptions& common) {
         return kFailed;
     }
     if (common.json) {
-        print("{}\n", jsonOf(*record).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+        printOut("{}\n", jsonOf(*record).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
     } else {
-        print("{}\n{}\n", record->description(),
-              jsonOf(*record).dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
+        printOut("{}\n{}\n", record->description(),
+                 jsonOf(*record).dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
     }
     return kDone;
 }

@@ -1,9 +1,15 @@
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
 #include <fmt/format.h>
 
 #include "Commands.h"
 #include "FileOperation.h"
 #include "Output.h"
 #include "Paths.h"
+#include "ProgressDisplay.h"
 #include "Question.h"
 
 namespace krvqt {
@@ -14,34 +20,50 @@ krv::Media looking(const CommonOptions& common) {
     return krv::Media({.launch = krv::Media::Launch::Never, .patience = common.wait});
 }
 
+std::string countText(std::int64_t count, std::string_view what) {
+    return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
+}
+
 ExitStatus showStatus(const CommonOptions& common) {
     const auto result = looking(common).serverStatus(untilInterrupted()).wait();
     if (!result) {
         return questionFailed("status", result.error(), common);
     }
-    auto status = nlohmann::json::parse(result->json);
-    status["names"] = result->operations;
     if (common.json) {
+        auto status = nlohmann::json::parse(result->json);
+        status["names"] = result->operations;
         printJSON(status);
         return kDone;
     }
-    for (const char* key :
-         {"version", "pid", "port", "uptime", "clients", "queued", "running", "finished", "workers"}) {
-        print("{:<9} {}\n", key, status[key].dump());
-    }
+    printOut("media server {}, process {}, port {}, running for {}\n", result->version, result->pid, result->port,
+             clockText(std::chrono::floor<std::chrono::seconds>(result->uptime)));
+    printOut("{} running, {} waiting, {} finished\n", result->running, result->queued, result->finished);
+    printOut("{}, {}{}{}\n", countText(result->workers, "worker"),
+             countText(static_cast<std::int64_t>(result->clients.size()), "client"),
+             result->clients.empty() ? "" : ": process ", fmt::join(result->clients, ", "));
     for (const std::string& name : result->operations) {
-        print("          {}\n", name);
+        printOut("  {}\n", name);
     }
     return kDone;
 }
 
 ExitStatus cancelAll(const CommonOptions& common) {
-    const auto result = looking(common).cancelAllWork(untilInterrupted()).wait();
+    const krv::Media media = looking(common);
+    const auto status = media.serverStatus(untilInterrupted()).wait();
+    if (!status) {
+        return questionFailed("cancel-all", status.error(), common);
+    }
+    const auto result = media.cancelAllWork(untilInterrupted()).wait();
     if (!result) {
         return questionFailed("cancel-all", result.error(), common);
     }
+    // What started or ended between the two requests is not counted rightly.
+    const std::int64_t cancelled = status->running + status->queued;
     if (common.json) {
-        printJSON({{"operation", "cancel-all"}, {"status", "done"}});
+        printJSON({{"operation", "cancel-all"}, {"status", "done"}, {"cancelled", cancelled}});
+    } else if (!common.quiet) {
+        say("krvqt: {}\n", cancelled == 0 ? "there was nothing to cancel"
+                                          : fmt::format("cancelled {}", countText(cancelled, "operation")));
     }
     return kDone;
 }

@@ -7,11 +7,15 @@
 
 #include "Commands.h"
 #include "FileOperation.h"
+#include "Numbers.h"
+#include "OutputNames.h"
 #include "Paths.h"
 #include "TextValues.h"
 
 namespace krvqt {
 namespace {
+
+constexpr int kMostThumbnails = 9999;
 
 struct ThumbnailsOptions {
     std::string movie;
@@ -32,9 +36,7 @@ ExitStatus makeThumbnails(const ThumbnailsOptions& options, const CommonOptions&
     if (!size) {
         return usage("--size takes a width and a height in pixels, such as 640x360 or 0x200");
     }
-    if (options.count.value_or(1) < 1) {
-        return usage("--count takes the number of thumbnails, at least 1");
-    }
+    checkSource(options.movie);
     const FileOperation operation{.operation = "thumbnails",
                                   .sources = {absolutePath(options.movie)},
                                   .destination = absolutePath(options.folder)};
@@ -80,7 +82,8 @@ void addThumbnails(CommandLine& line) {
         ->required()
         ->type_name("FOLDER");
     command.add_option("--size", options->size, "largest size in pixels; a side of 0 is unlimited")->type_name("WxH");
-    command.add_option("--count", options->count, "number of thumbnails (12)")->type_name("N");
+    addNumber(command, "--count", options->count, {.least = 1, .most = kMostThumbnails, .whole = true},
+              "number of thumbnails (12)");
     addForce(command, options->force);
 }
 

@@ -1,4 +1,5 @@
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -9,12 +10,16 @@
 
 #include "Commands.h"
 #include "FileOperation.h"
+#include "Numbers.h"
 #include "Output.h"
+#include "OutputNames.h"
 #include "Paths.h"
 #include "Question.h"
 
 namespace krvqt {
 namespace {
+
+constexpr double kMostTracks = std::numeric_limits<std::int32_t>::max();
 
 struct TimesOptions {
     std::string movie;
@@ -22,6 +27,7 @@ struct TimesOptions {
 };
 
 ExitStatus showTimes(const TimesOptions& options, const CommonOptions& common) {
+    checkSource(options.movie);
     const auto times =
         media(common)
             .interestingTimes({.source = options.movie, .track = options.track, .control = untilInterrupted()})
@@ -37,7 +43,7 @@ ExitStatus showTimes(const TimesOptions& options, const CommonOptions& common) {
         return kDone;
     }
     for (const krv::Seconds time : times->seconds()) {
-        print("{:.6f}\n", time.count());
+        printOut("{:.6f}\n", time.count());
     }
     return kDone;
 }
@@ -49,8 +55,8 @@ void addTimes(CommandLine& line) {
     CLI::App& command = line.add("times", "list the times in seconds that are worth seeking to",
                                  [options](const CommonOptions& common) { return showTimes(*options, common); });
     command.add_option("movie", options->movie, "the movie to read")->required()->type_name("MOVIE");
-    command.add_option("--track", options->track, "index of a track, from 0; lists the times of that track only")
-        ->type_name("N");
+    addNumber(command, "--track", options->track, {.least = 0, .most = kMostTracks, .whole = true},
+              "index of a track, from 0; lists the times of that track only");
 }
 
 }  // namespace krvqt

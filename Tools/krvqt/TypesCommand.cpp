@@ -14,9 +14,9 @@ ExitStatus showTypes(const CommonOptions& common) {
         if (common.json) {
             const nlohmann::json json{
                 {"type", static_cast<std::int32_t>(type.type)}, {"name", type.name}, {"meaning", type.meaning}};
-            print("{}\n", json.dump());
+            printOut("{}\n", json.dump());
         } else {
-            print("{}  {:<12}  {}\n", static_cast<std::int32_t>(type.type), type.name, type.meaning);
+            printOut("{}  {:<12}  {}\n", static_cast<std::int32_t>(type.type), type.name, type.meaning);
         }
     }
     return kDone;

@@ -1,6 +1,10 @@
 // krvqt, the command-line client.
 #include <chrono>
 #include <cstring>
+#include <exception>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include <KRVQTProcessClient/KRVQTProcessClient.h>
 
@@ -14,6 +18,20 @@ namespace {
 /// How long the server may take to confirm a cancellation.
 constexpr std::chrono::seconds kCancellationTimeout{5};
 
+/// Whatever is thrown is a failure of the operation, such as too little memory.
+krvqt::ExitStatus run(std::vector<std::string> arguments) {
+    try {
+        krvqt::CommandLine line;
+        krvqt::addCommands(line);
+        return line.run(std::move(arguments));
+    } catch (const krv::Exception& exception) {
+        krvqt::say("krvqt: {}\n", exception.reason());
+    } catch (const std::exception& exception) {
+        krvqt::say("krvqt: {}\n", exception.what());
+    }
+    return krvqt::kFailed;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -22,9 +40,7 @@ int main(int argc, char** argv) {
     krv::Bundle::setApplicationIdentifier("krvqt");
     krv::applyLoggingDefaults();
 
-    krvqt::CommandLine line;
-    krvqt::addCommands(line);
-    const krvqt::ExitStatus status = line.run({argv + 1, argv + argc});
+    const krvqt::ExitStatus status = run({argv + 1, argv + argc});
     if (const int failure = krvqt::outputFailure(); failure != 0) {
         krvqt::say("krvqt: Cannot write the results to standard output: {}.\n", std::strerror(failure));
         return status == krvqt::kDone ? krvqt::kFailed : status;
