@@ -9,6 +9,7 @@ void addCommands(CommandLine& line) {
     addMux(line);
     addMerge(line);
     addTimes(line);
+    addBatch(line);
     addServerCommands(line);
     addActivity(line);
     addDoctor(line);

@@ -12,6 +12,7 @@ void addInfo(CommandLine& line);
 void addMux(CommandLine& line);
 void addMerge(CommandLine& line);
 void addTimes(CommandLine& line);
+void addBatch(CommandLine& line);
 /// Adds "status", "cancel-all" and "shutdown".
 void addServerCommands(CommandLine& line);
 /// Adds "activity", which prints where the page is that shows what the running server does. Never launches a server.

@@ -13,10 +13,10 @@ namespace {
 void printCheck(const krv::Check& check) {
     constexpr int kWidthOfState = 7;
     constexpr int kWidthOfName = 14;
-    print("{:<{}}  {:<{}}  {}\n", krv::Check::nameOf(check.state), kWidthOfState, check.name, kWidthOfName,
-          check.finding);
+    printOut("{:<{}}  {:<{}}  {}\n", krv::Check::nameOf(check.state), kWidthOfState, check.name, kWidthOfName,
+             check.finding);
     if (!check.suggestion.empty()) {
-        print("{:<{}}  {:<{}}  {}\n", "", kWidthOfState, "", kWidthOfName, check.suggestion);
+        printOut("{:<{}}  {:<{}}  {}\n", "", kWidthOfState, "", kWidthOfName, check.suggestion);
     }
 }
 
@@ -37,7 +37,7 @@ ExitStatus examine(const CommonOptions& common) {
     for (const krv::Check& check : diagnosis.checks) {
         printCheck(check);
     }
-    print("{}\n", diagnosis.works ? "Conversions work." : "Conversions do not work.");
+    printOut("{}\n", diagnosis.works ? "Conversions work." : "Conversions do not work.");
     return status;
 }
 
