@@ -13,8 +13,8 @@ include(GNUInstallDirs)
 set(KRV_INSTALL_BUNDLE ${CMAKE_INSTALL_LIBDIR}/krvqtprocessclient/KRVQuicktimeProcess.app/Contents/MacOS)
 
 # krv_installed_rpath(TARGET FOLDER): lets the program installed in that folder find the library relative to itself, so
-# that the prefix can be moved. CMAKE_SKIP_INSTALL_RPATH leaves this out, for a package whose library is in a folder that
-# the loader searches anyway.
+# that the prefix can be moved. CMAKE_SKIP_INSTALL_RPATH leaves this out, for a package whose library is in a folder
+# that the loader searches anyway.
 function(krv_installed_rpath target folder)
     # Each of the two may be absolute.
     cmake_path(ABSOLUTE_PATH folder BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX})
