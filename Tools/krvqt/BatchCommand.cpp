@@ -135,6 +135,7 @@ public:
         display_.makeRoom();
     }
 
+    void say(const std::string& message) { display_.say(message); }
     [[nodiscard]] std::size_t done() const { return done_; }
     [[nodiscard]] std::size_t failed() const { return failed_; }
     [[nodiscard]] krv::Seconds elapsed() const { return display_.elapsed(); }
@@ -274,14 +275,14 @@ Rest restOf(const BatchList& list, const BatchResults& results, const BatchOptio
     return rest;
 }
 
-void summarise(const Batch& batch, const Rest& rest, const std::string& results) {
+std::string summaryOf(const Batch& batch, const Rest& rest, const std::string& results) {
     const auto part = [](std::size_t count, const char* what) {
         return count > 0 ? fmt::format(", {} {}", count, what) : std::string();
     };
     const std::size_t left = rest.jobs.size() - batch.done() - batch.failed();
-    say("krvqt: {} of {} jobs done{}{}{}{} in {:.1f} s; the results are in {}\n", batch.done(), rest.jobs.size(),
-        part(batch.failed(), "failed"), part(left, "left"), part(rest.doneEarlier, "done earlier"),
-        part(rest.failedEarlier, "failed earlier"), batch.elapsed().count(), results);
+    return fmt::format("{} of {} jobs done{}{}{}{} in {:.1f} s; the results are in {}", batch.done(), rest.jobs.size(),
+                       part(batch.failed(), "failed"), part(left, "left"), part(rest.doneEarlier, "done earlier"),
+                       part(rest.failedEarlier, "failed earlier"), batch.elapsed().count(), results);
 }
 
 ExitStatus run(const BatchList& list, const BatchOptions& options, const CommonOptions& common) {
@@ -295,7 +296,7 @@ ExitStatus run(const BatchList& list, const BatchOptions& options, const CommonO
     Batch batch(rest.jobs, atOnce, results, common);
     batch.run();
     if (!common.quiet) {
-        summarise(batch, rest, path);
+        batch.say(summaryOf(batch, rest, path));
     }
     if (batch.stopped() != kDone) {
         return batch.stopped();
