@@ -62,6 +62,18 @@ TEST_F(ControlRuns, TheStatusIsTheServersReportAndTheNamesOfItsOperations) {
     EXPECT_EQ(status->workers, 4);
     EXPECT_THAT(status->operations, ElementsAre("Encode video"));
     EXPECT_THAT(status->json, HasSubstr("\"clients\""));
+    EXPECT_FALSE(status->sandbox);
+}
+
+TEST_F(ControlRuns, TheStatusSaysWhatTheKernelOffersForASandbox) {
+    start(serverStatusPlan);
+    reply(OpNumberOfOperations, holding(*KRVOperationBase::numberOfOperationsOperation()));
+    replyWith(R"({"clients":[],"sandbox":{"landlock":5,"seccomp":true}})");
+    ASSERT_TRUE(succeeded());
+    const auto status = std::static_pointer_cast<const ServerStatus>(outcome->value);
+    ASSERT_TRUE(status->sandbox);
+    EXPECT_EQ(status->sandbox->landlock, 5);
+    EXPECT_TRUE(status->sandbox->seccomp);
 }
 
 TEST_F(ControlRuns, AServerThatHasBeenReplacedIsAskedOnce) {
@@ -86,7 +98,7 @@ TEST_F(ControlRuns, APageThatIsNotAStatusIsNoAnswer) {
             http.runReady();
         }
         reply(OpNumberOfOperations, holding(*KRVOperationBase::numberOfOperationsOperation()));
-        replyWith("[]");
+        replyWith(attempt == 0 ? "[]" : R"({"pid":7})");
     }
     EXPECT_EQ(failure()->kind(), Failure::Kind::Unreachable);
 }

@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <KRVQTProcessClient/Foundation/Exception.h>
 #include <KRVQTProcessClient/Jobs/Failures.h>
 #include <KRVQTProcessClient/Jobs/JobResults.h>
 #include <KRVQTProcessClient/Jobs/JobRun.h>
@@ -106,6 +107,21 @@ TEST_F(JobRuns, WorkThatEndsWithTheFirstReplyIsNotFollowed) {
     EXPECT_EQ(pendingType(), OpReturnResult);
 }
 
+TEST_F(JobRuns, EachRequestHasATimeOut) {
+    start();
+    EXPECT_EQ(http.pending().front().request.timeout, 60s);
+    accept();
+    EXPECT_EQ(http.pending().front().request.timeout, 5s);
+}
+
+TEST_F(JobRuns, AResponseThatWasCutOffIsALoss) {
+    start();
+    HTTPResponse cut = accepted();
+    cut.error = "transfer closed with bytes remaining to read";
+    reply(OpEncodeVideo, std::move(cut));
+    EXPECT_THAT(link.losses, ElementsAre(8000));
+}
+
 TEST_F(JobRuns, NothingIsSentBeforeAServerResponds) {
     startWithoutServer();
     EXPECT_THAT(http.pending(), IsEmpty());
@@ -182,6 +198,61 @@ TEST_F(JobRuns, ProgressDoesNotGoBackWithinAnAttempt) {
     EXPECT_EQ(job->progress().fraction, 0.5);
 }
 
+TEST_F(JobRuns, ProgressStaysBetweenNothingAndAll) {
+    start();
+    accept();
+    reply(OpProgressAndCompletion, state(1.5));
+    EXPECT_EQ(job->progress().fraction, 1);
+}
+
+TEST_F(JobRuns, TheLastMomentsAreFinishing) {
+    start();
+    accept();
+    reply(OpProgressAndCompletion, state(0.999F));
+    EXPECT_EQ(lastState(), State::Finishing);
+    EXPECT_FALSE(outcome);
+}
+
+TEST_F(JobRuns, APositionThatIsNoNumberIsNone) {
+    start();
+    accept();
+    const auto strange = KRVOperationBase::progressAndCompletionOperation(kID);
+    strange->arguments()->set(kArgumentQueuePosition, "first");
+    reply(OpProgressAndCompletion, holding(*strange));
+    EXPECT_EQ(lastState(), State::Running);
+    EXPECT_EQ(job->progress().position, std::nullopt);
+}
+
+TEST_F(JobRuns, AnErrorOfAnotherDomainIsNotAForgottenOperation) {
+    start();
+    accept();
+    const auto record = KRVOperationBase::progressAndCompletionOperation(kID);
+    record->setError(Error::make("Elsewhere", static_cast<std::int64_t>(OperationErrorCode::UnknownOperation),
+                                 {{NSLocalizedDescriptionKey, "It failed elsewhere."}}));
+    reply(OpProgressAndCompletion, holding(*record));
+    ASSERT_TRUE(failure());
+    EXPECT_EQ(failure()->message(), "It failed elsewhere.");
+}
+
+TEST_F(JobRuns, AnErrorInPlaceOfTheResultIsTheJobsFailure) {
+    start();
+    accept();
+    reply(OpProgressAndCompletion, state(1, true));
+    reply(OpReturnResult, erroneous(OperationErrorCode::UnwritableDestination));
+    ASSERT_TRUE(failure());
+    EXPECT_EQ(failure()->code(), 5);
+}
+
+TEST_F(JobRuns, AnExceptionEndsTheJob) {
+    JobPlan plan = *planOf(ConvertOptions{.source = "/in.mov", .destination = "/out.mp4"});
+    plan.makeRecord = []() -> KRVOperationBase::Ref { throw Exception("Broken", "no record can be made"); };
+    run = std::make_shared<JobRun>(services(), job, std::move(plan), JobLimits{.stall = 60s, .patience = 20s}, [] {});
+    start();
+    ASSERT_TRUE(failure());
+    EXPECT_EQ(failure()->kind(), Kind::Internal);
+    EXPECT_EQ(failure()->cause(), "no record can be made");
+}
+
 // Losing the server.
 
 TEST_F(JobRuns, ABrokenConnectionToTheSameServerLosesNothing) {
@@ -214,6 +285,33 @@ TEST_F(JobRuns, ANewServerGetsTheOperationAgain) {
     askAgain();
     complete();
     EXPECT_TRUE(succeeded());
+}
+
+TEST_F(JobRuns, ARepeatedOperationIsANewOneWithItsOwnTime) {
+    start();
+    const auto first = pendingRecord();
+    accept();
+    reply(OpProgressAndCompletion, state(0.5));
+    http.advanceBy(10s);
+    EXPECT_GE(job->progress().elapsed, Seconds(0));
+    reply(OpProgressAndCompletion, erroneous(OperationErrorCode::UnknownOperation));
+    EXPECT_FALSE(pendingRecord()->uniqueID()) << "the identifier was that of the lost operation";
+    accept();
+    reply(OpProgressAndCompletion, state(0.01F));
+    EXPECT_LT(job->progress().elapsed, Seconds(1));
+}
+
+TEST_F(JobRuns, AJobAsksTheServerThatAnotherJobHasFound) {
+    start();
+    accept();
+    reply(OpProgressAndCompletion, state(0.5));
+    link.serverIsOn(8005);
+    askAgain();
+    EXPECT_EQ(http.pending().front().request.url, "http://localhost:8005");
+    link.lost(8005);
+    reply(OpProgressAndCompletion, state(0.6F));
+    askAgain();
+    EXPECT_EQ(http.pending().front().request.url, "http://localhost:8005") << "as long as none is known";
 }
 
 TEST_F(JobRuns, AResultThatIsLostWithItsServerIsMadeAgain) {
@@ -257,9 +355,14 @@ TEST_F(JobRuns, AServerThatTakesNoWorkNowIsAskedAgainWithoutCountingIt) {
         reply(OpEncodeVideo, erroneous(OperationErrorCode::CannotAcceptWork));
         EXPECT_EQ(lastState(), State::WaitingForServer);
         EXPECT_EQ(job->progress().waitingFor, "Cannot convert in.mov.");
-        http.advanceBy(250ms);
+        http.advanceBy(240ms);
+        EXPECT_THAT(http.pending(), IsEmpty()) << "the server has a moment to breathe";
+        http.advanceBy(10ms);
     }
     accept();
+    reply(OpProgressAndCompletion, state(0.5));
+    EXPECT_EQ(job->progress().attempt, 1);
+    askAgain();
     complete();
     EXPECT_TRUE(succeeded());
 }
@@ -273,6 +376,19 @@ TEST_F(JobRuns, ThePatienceWithAServerThatTakesNoWorkEnds) {
     ASSERT_TRUE(failure());
     EXPECT_EQ(failure()->kind(), Kind::Unreachable);
     EXPECT_EQ(failure()->code(), 1);
+}
+
+TEST_F(JobRuns, ThePatienceBeginsAnewWithEachAttempt) {
+    start();
+    reply(OpEncodeVideo, erroneous(OperationErrorCode::CannotAcceptWork));
+    http.advanceBy(250ms);
+    accept();
+    http.advanceBy(30s);
+    reply(OpProgressAndCompletion, erroneous(OperationErrorCode::UnknownOperation));
+    reply(OpEncodeVideo, erroneous(OperationErrorCode::CannotAcceptWork));
+    EXPECT_FALSE(outcome);
+    http.advanceBy(250ms);
+    EXPECT_EQ(pendingType(), OpEncodeVideo);
 }
 
 TEST_F(JobRuns, AResponseThatIsNotARecordIsNotRepeated) {
@@ -316,6 +432,19 @@ TEST_F(JobRuns, AServerThatDoesNotReplyIsAskedAgainUntilTheStallTimeOut) {
     EXPECT_EQ(failure()->kind(), Kind::Stalled);
     EXPECT_THAT(link.losses, IsEmpty());
     EXPECT_EQ(clock.now() - begin, 65s);
+    EXPECT_EQ(pendingType(), OpCancelOperation) << "it stays in the server's socket";
+}
+
+TEST_F(JobRuns, OnlySilenceWithoutAPauseCountsAsStandstill) {
+    start();
+    accept();
+    for (int i = 0; i < 30 && !outcome; ++i) {  // 150 s, in which the work goes on
+        http.advanceBy(5s);
+        reply(OpProgressAndCompletion, {.body = {}, .status = 0, .error = "Timeout was reached"});
+        reply(OpProgressAndCompletion, state(0.01F * static_cast<float>(i + 1)));
+        askAgain();
+    }
+    EXPECT_FALSE(outcome);
 }
 
 TEST_F(JobRuns, AServerThatContinuesAfterASilenceHasLostNothing) {
@@ -391,6 +520,15 @@ TEST_F(JobRuns, CancellingBeforeTheIdentifierIsKnownCancelsWhenItArrives) {
     reply(OpCancelOperation, state(0, false, true));
     EXPECT_THAT(http.pending(), IsEmpty());
     EXPECT_EQ(ends, 1);
+}
+
+TEST_F(JobRuns, CancellingWhatTheServerRefusesEndsAtOnce) {
+    start();
+    job->cancel();
+    reply(OpEncodeVideo, erroneous(OperationErrorCode::CannotAcceptWork));
+    ASSERT_TRUE(failure());
+    EXPECT_EQ(failure()->kind(), Kind::Cancelled);
+    EXPECT_THAT(http.pending(), IsEmpty());
 }
 
 TEST_F(JobRuns, CancellingWhileTheFirstReplyIsOnItsWayIsConfirmedIfThatComesInTime) {

@@ -1,9 +1,13 @@
 #include <atomic>
+#include <fstream>
 #include <future>
 #include <memory>
 #include <stdexcept>
 #include <stop_token>
+#include <string>
 #include <thread>
+
+#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -12,6 +16,8 @@
 #include <KRVQTProcessClient/Logging/Fakes/LogRecorder.h>
 #include <KRVQTProcessClient/Platform/Fakes/FakeRunLoop.h>
 #include <KRVQTProcessClient/Platform/RunLoop.h>
+
+#include "WaitUntil.h"
 
 namespace krv {
 namespace {
@@ -105,6 +111,39 @@ TEST_F(JobStates, NothingIsDeliveredAfterTheHandleWasDestroyed) {
     job->abandon();
     loop.runReady();
     EXPECT_THAT(ended, IsEmpty());
+}
+
+TEST_F(JobStates, NoProgressIsDeliveredAfterTheEnd) {
+    const auto job = make([this](const Progress&) { ended.push_back(0); });
+    job->end(number(1));
+    job->report(at(0.5));
+    EXPECT_EQ(loop.pendingCount(), 0U);
+}
+
+TEST_F(JobStates, AJobThatHasEndedIsNotCancelled) {
+    int cancelled = 0;
+    const auto job = make();
+    job->end(number(1));
+    job->onCancel([&cancelled] { ++cancelled; });
+    job->cancel();
+    EXPECT_EQ(cancelled, 0);
+}
+
+TEST_F(JobStates, AThreadThatWaitsIsWoken) {
+    const auto job = make();
+    std::promise<pid_t> id;
+    auto waited = std::async(std::launch::async, [&] {
+        id.set_value(::gettid());
+        return numberIn(job->wait());
+    });
+    const std::string status = "/proc/self/task/" + std::to_string(id.get_future().get()) + "/stat";
+    test::waitUntil([&status] {
+        std::string text;
+        std::getline(std::ifstream(status), text);
+        return text.find(") S") != std::string::npos;  // it sleeps
+    });
+    job->end(number(1));
+    EXPECT_EQ(waited.get(), 1);
 }
 
 TEST_F(JobStates, DestroyingTheHandleCancels) {

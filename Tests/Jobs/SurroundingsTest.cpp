@@ -111,6 +111,12 @@ TEST(Surroundings, TellWhichRuntimeFolderIsUsedInsteadOfABadOne) {
     EXPECT_THAT(named("runtime-folder", checksOf(found)), AllOf(is(State::Problem), suggests("XDG_RUNTIME_DIR")));
 }
 
+TEST(Surroundings, NeedNoRuntimeFolderFromTheEnvironment) {
+    Surroundings found = healthy();
+    found.givenRuntimeFolder = "";
+    EXPECT_THAT(named("runtime-folder", checksOf(found)), is(State::Good));
+}
+
 TEST(Surroundings, NeedAFreePortOnlyIfNoServerHasOne) {
     Surroundings found = healthy();
     found.freePorts = 0;
@@ -146,6 +152,10 @@ TEST(Surroundings, TellHowTheServerWasFound) {
     EXPECT_THAT(named("server", checksOfServer(found, serving(), serving(), kPid)), says("by multicast DNS"));
     EXPECT_THAT(named("server", checksOfServer(found, noServer(), serving(), kPid)),
                 AllOf(is(State::Good), says("None was running. Process 17")));
+    ServerStatus another = serving();
+    another.pid = 18;
+    EXPECT_THAT(named("server", checksOfServer(found, serving(), another, kPid)), says("Process 18"));
+    EXPECT_THAT(named("server", checksOfServer(found, serving(), another, kPid)), says("was launched"));
     EXPECT_THAT(named("server", checksOfServer(found, noServer(), noServer(), kPid)),
                 AllOf(is(State::Problem), says("No media server is running.")));
 }
