@@ -42,6 +42,14 @@ void Terminal::run(const std::string& command) {
     press("Enter");
 }
 
+void Terminal::clear() {
+    run("clear");
+    waitUntilScreen([](const std::vector<std::string>& screen) {
+        return screen.at(0) == "$" &&
+               std::all_of(screen.begin() + 1, screen.end(), [](const std::string& line) { return line.empty(); });
+    });
+}
+
 void Terminal::press(const std::string& key) {
     tmux({"send-keys", key});
 }

@@ -18,6 +18,8 @@ public:
 
     /// Types a command line and presses Enter.
     void run(const std::string& command);
+    /// Clears the screen. The shell must be at its prompt.
+    void clear();
     /// Presses a key, such as "C-c".
     void press(const std::string& key);
     void resize(int columns, int rows);

@@ -184,7 +184,7 @@ TEST_F(InTerminal, ABatchPrintsResultsAndFailuresAboveItsBars) {
 TEST_F(InTerminal, AnInterruptLeavesNothing) {
     Terminal terminal(80, 24);
     for (const std::string& command : {conversion(), batch({"one.mp4", "two.mp4", "three.mp4"})}) {
-        terminal.run("clear");
+        terminal.clear();
         terminal.run(command);
         terminal.waitUntilScreen([](const Lines& lines) {
             const Lines bars = barsIn(lines);
@@ -200,13 +200,12 @@ TEST_F(InTerminal, AnInterruptLeavesNothing) {
 TEST_F(InTerminal, GoesOnAfterItWasStopped) {
     Terminal terminal(80, 24);
     for (const std::string& command : {conversion(), batch({"one.mp4", "two.mp4"})}) {
-        terminal.run("clear");
+        terminal.clear();
         terminal.run(command);
         terminal.waitUntilScreen([](const Lines& lines) { return !barsIn(lines).empty() && isBusy(barsIn(lines)[0]); });
         terminal.press("C-z");
         terminal.waitFor("Stopped");
-        terminal.run("clear");
-        terminal.waitUntilScreen([](const Lines& lines) { return lines.at(0) == "$"; });
+        terminal.clear();
         terminal.run("fg");
         waitForMovement(terminal);
         terminal.press("C-c");
@@ -223,7 +222,7 @@ TEST_F(InTerminal, APipeGetsLinesAndNoControlSequences) {
     Lines screen = end(terminal, 0);
     EXPECT_THAT(screen, Contains(testing::StartsWith("100 %")));
     EXPECT_THAT(screen, Each(Not(testing::AnyOf(HasSubstr("^["), HasSubstr("^M"), HasSubstr("[#")))));
-    terminal.run("clear");
+    terminal.clear();
     terminal.run(fmt::format("{} batch {} 2>&1 | cat -v; echo ended=$?", KRV_KRVQT, list({"b.mp4"}, "plain.mov")));
     screen = terminal.waitFor("ended=0");
     EXPECT_THAT(screen, Contains(HasSubstr("1 of 1 jobs done")));
@@ -242,7 +241,7 @@ TEST_F(InTerminal, ASimpleTerminalGetsLines) {
 TEST_F(InTerminal, UsesNoColours) {
     Terminal terminal(80, 24);
     for (const char* setting : {"", "NO_COLOR=1 "}) {
-        terminal.run("clear");
+        terminal.clear();
         terminal.run(setting + batch({"one.mp4", "two.mp4"}));
         waitForBars(terminal, 3);
         EXPECT_THAT(terminal.lines(true), Each(Not(HasSubstr("\x1b[")))) << setting;
@@ -257,7 +256,7 @@ TEST_F(InTerminal, WideNamesFit) {
     for (int i = 0; i < 60; ++i) {
         name += "\u6620";
     }
-    terminal.run("clear");
+    terminal.clear();
     terminal.run(batch({name + ".mp4", "\u00e4\u00f6\u00fc.mp4"}));
     const Lines screen = terminal.waitUntilScreen([](const Lines& lines) {
         const Lines bars = barsIn(lines);
@@ -290,10 +289,9 @@ TEST_F(InTerminal, WorksWithoutFoldersOfItsOwn) {
          {std::string("env -u HOME"), "env -u XDG_RUNTIME_DIR -u XDG_STATE_HOME HOME=" + home,
           std::string("env -u XDG_RUNTIME_DIR -u HOME -u XDG_STATE_HOME"),
           std::string("env -i TERM=screen PATH=/usr/bin:/bin")}) {
-        terminal.run("clear");
+        terminal.clear();
         terminal.run(fmt::format("{} {} convert {} {}; echo status=$?", surroundings, KRV_KRVQT, media("plain.mov"),
                                  out(fmt::format("{}.mp4", ++number))));
-        const Lines screen = terminal.waitFor("status=");
         EXPECT_THAT(end(terminal, 0), Contains(HasSubstr("krvqt: done"))) << surroundings;
     }
     ::umount2(home.c_str(), MNT_DETACH);
