@@ -197,27 +197,31 @@ void BatchDisplay::redraw() {
         drawn_.clear();
         write("\n");
     }
-    erase();
     const winsize size = terminalSize();
-    std::string text;
-    for (const std::string& line : linesToDraw(size.ws_col, size.ws_row)) {
-        text += (drawn_.empty() ? "" : "\n") + line;
-        drawn_.push_back(widthOf(line));
+    const std::vector<std::string> lines = linesToDraw(size.ws_col, size.ws_row);
+    if (lines == drawn_) {
+        return;
     }
-    write(text);
+    // In one write, so that the bars do not flicker.
+    write(erasure() + fmt::format("{}", fmt::join(lines, "\n")));
+    drawn_ = lines;
 }
 
 void BatchDisplay::erase() {
+    write(erasure());
+    drawn_.clear();
+}
+
+std::string BatchDisplay::erasure() const {
     if (drawn_.empty()) {
-        return;
+        return {};
     }
     // Lines that have become longer than the terminal is wide take several rows.
     const int columns = terminalSize().ws_col;
-    const int rows = std::accumulate(drawn_.begin(), drawn_.end(), 0, [columns](int sum, int width) {
-        return sum + std::max(1, (width + columns - 1) / columns);
+    const int rows = std::accumulate(drawn_.begin(), drawn_.end(), 0, [columns](int sum, const std::string& line) {
+        return sum + std::max(1, (widthOf(line) + columns - 1) / columns);
     });
-    write(rows > 1 ? fmt::format("\r\033[{}A\033[J", rows - 1) : "\r\033[J");
-    drawn_.clear();
+    return rows > 1 ? fmt::format("\r\033[{}A\033[J", rows - 1) : "\r\033[J";
 }
 
 }  // namespace krvqt

@@ -46,6 +46,8 @@ private:
     };
     void redraw();
     void erase();
+    /// Returns the control sequences that erase what is drawn.
+    [[nodiscard]] std::string erasure() const;
     void tellWhatItWaitsFor();
     [[nodiscard]] std::vector<std::string> linesToDraw(int columns, int rows) const;
 
@@ -59,8 +61,8 @@ private:
     std::size_t failed_ = 0;
     std::string waitingFor_;
     std::string told_;
-    /// The widths of the lines that are on the screen.
-    std::vector<int> drawn_;
+    /// The lines that are on the screen.
+    std::vector<std::string> drawn_;
 };
 
 }  // namespace krvqt
