@@ -76,10 +76,11 @@ ExitStatus writeMovies(const std::vector<FileOperation>& operations, const Start
     std::vector<krv::Job<krv::Converted>> jobs;
     for (std::size_t i = 0; i < operations.size(); ++i) {
         FileReport& report = reports.emplace_back(operations[i], common);
-        const auto onProgress = [&display, &report, i, started = false](const krv::Progress& progress) mutable {
-            if (!started && progress.state >= krv::Progress::State::Running) {
-                started = true;
-                report.start();
+        // One of several jobs may wait long for the others.
+        const auto onProgress = [&display, &report, i,
+                                 isOneOfMany = operations.size() > 1](const krv::Progress& progress) {
+            if (isOneOfMany && progress.state >= krv::Progress::State::Running) {
+                report.setElapsed(progress.elapsed);
             }
             display.show(i, progress);
         };

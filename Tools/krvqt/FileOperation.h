@@ -32,8 +32,11 @@ class FileReport {
 public:
     /// Borrows both.
     FileReport(const FileOperation& operation, const CommonOptions& common);
-    /// Measures from now on.
-    void start() { start_ = std::chrono::steady_clock::now(); }
+    /// Says how long the work has taken so far. By default it is measured since this object was created.
+    void setElapsed(krv::Seconds elapsed) {
+        start_ =
+            std::chrono::steady_clock::now() - std::chrono::duration_cast<std::chrono::steady_clock::duration>(elapsed);
+    }
 
     /// Adds further entries to the JSON object of a success. May be null.
     using Describe = std::function<void(nlohmann::json&)>;

@@ -13,6 +13,7 @@
 #include "Commands.h"
 #include "Output.h"
 #include "Paths.h"
+#include "Question.h"
 
 namespace krvqt {
 namespace {
@@ -127,13 +128,19 @@ ExitStatus showRecord(const std::string& file, const CommonOptions& common) {
         read = in && readAll(in, data);
     }
     if (!read) {
-        say("krvqt: Cannot read {}: {}.\n", file, std::strerror(errno));
-        return kFailed;
+        const std::string cause = std::strerror(errno);
+        return questionFailed("record",
+                              {krv::Failure::Kind::SourceMissing,
+                               {.message = fmt::format("Cannot read {}: {}.", file, cause), .cause = cause}},
+                              common, file);
     }
     const auto record = krv::KRVOperationBase::operationFromData(std::make_shared<const krv::Data>(std::move(data)));
     if (!record) {
-        say("krvqt: Cannot print {}: it is not an archived operation record.\n", file);
-        return kFailed;
+        const std::string cause = "it is not an archived operation record";
+        return questionFailed("record",
+                              {krv::Failure::Kind::NotMedia,
+                               {.message = fmt::format("Cannot print {}: {}.", file, cause), .cause = cause}},
+                              common, file);
     }
     if (common.json) {
         printOut("{}\n", jsonOf(*record).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));

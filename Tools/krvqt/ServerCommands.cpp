@@ -31,6 +31,8 @@ ExitStatus showStatus(const CommonOptions& common) {
     }
     if (common.json) {
         auto status = nlohmann::json::parse(result->json);
+        status["operation"] = "status";
+        status["status"] = "done";
         status["names"] = result->operations;
         printJSON(status);
         return kDone;

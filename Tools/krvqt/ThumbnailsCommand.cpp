@@ -40,6 +40,11 @@ ExitStatus makeThumbnails(const ThumbnailsOptions& options, const CommonOptions&
     const FileOperation operation{.operation = "thumbnails",
                                   .sources = {absolutePath(options.movie)},
                                   .destination = absolutePath(options.folder)};
+    std::error_code failure;
+    if (const auto status = std::filesystem::status(operation.destination, failure);
+        std::filesystem::exists(status) && !std::filesystem::is_directory(status)) {
+        return usage(fmt::format("{} is not a folder", operation.destination));
+    }
     if (!options.force && holdsThumbnails(operation.destination)) {
         return usage(fmt::format("{} already contains thumbnails; use --force to replace them", operation.destination));
     }
