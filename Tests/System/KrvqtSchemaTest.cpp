@@ -141,12 +141,29 @@ TEST_F(KrvqtSchema, DescribesWhatInspectsMovies) {
     expect("failed", 1, {"times", media("text.mp4")});
 }
 
+TEST_F(KrvqtSchema, DescribesBatches) {
+    std::ofstream list(out("list.jsonl"));
+    const auto line = [&list](const Json& job) { list << job.dump() << '\n'; };
+    line({{"command", "convert"}, {"source", media("everything.mkv")}, {"destination", out("batch.mp4")}});
+    line({{"command", "thumbnails"}, {"source", media("plain.mov")}, {"destination", out("pictures")}, {"count", 2}});
+    line({{"command", "info"}, {"source", media("plain.mov")}});
+    line({{"command", "times"}, {"source", media("plain.mov")}});
+    list.flush();
+    expect("batch", 0, {"batch", out("list.jsonl")});
+    line({{"command", "info"}, {"source", media("text.mp4")}});
+    list.flush();
+    expect("batch", 1, {"batch", out("list.jsonl")});
+    line({{"command", "nonsense"}});
+    list.flush();
+    expect("bad-list", 2, {"batch", out("list.jsonl")});
+}
+
 TEST_F(KrvqtSchema, DescribesTheServersWork) {
-    for (const char* const command : {"status", "cancel-all", "shutdown"}) {
+    for (const char* const command : {"status", "activity", "cancel-all", "shutdown"}) {
         expect("failed", 3, {command});
     }
-    expect("info", 0, {"info", media("plain.mov")});
-    for (const char* const command : {"status", "cancel-all", "shutdown"}) {
+    expect("doctor", 0, {"doctor"});
+    for (const char* const command : {"status", "activity", "cancel-all", "shutdown"}) {
         expect(command, 0, {command});
     }
 }

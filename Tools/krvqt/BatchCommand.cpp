@@ -72,18 +72,23 @@ std::optional<Pair> pairFrom(std::string_view text, char between) {
 ExitStatus refuse(const std::string& list, const std::vector<std::string>& problems, const CommonOptions& common) {
     constexpr std::size_t kMostShown = 20;
     if (common.json) {
-        printJSON(
-            {{"operation", "batch"},
-             {"status", "failed"},
-             {"list", list},
-             {"error", {{"kind", "BadArgument"}, {"description", "The list is not valid."}, {"problems", problems}}}});
+        printJSON({{"operation", "batch"},
+                   {"status", "failed"},
+                   {"list", list},
+                   {"error",
+                    {{"kind", krv::Failure::nameOf(krv::Failure::Kind::BadArgument)},
+                     {"code", 0},
+                     {"description", fmt::format("Nothing was started, because {} cannot be used.", list)},
+                     {"reason", problems.front()}}},
+                   {"problems", problems}});
     }
     for (std::size_t i = 0; i < std::min(problems.size(), kMostShown); ++i) {
-        (void)usage(fmt::format("{}: {}", list, problems[i]));
+        say("krvqt: {}: {}\n", list, problems[i]);
     }
-    return problems.size() > kMostShown
-               ? usage(fmt::format("{}: and {} more problems", list, problems.size() - kMostShown))
-               : kUsage;
+    if (problems.size() > kMostShown) {
+        say("krvqt: {}: and {} more problems\n", list, problems.size() - kMostShown);
+    }
+    return kUsage;
 }
 
 /// Leaves only the jobs that the options select. Returns what is wrong with the options.

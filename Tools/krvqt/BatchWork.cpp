@@ -55,10 +55,10 @@ krv::ConvertOptions conversion(const BatchJob& job) {
     options.video = {.codec = json.value("video-codec", ""),
                      .quality = json.value("video-quality", 0.0),
                      .fps = json.value("fps", 0.0),
-                     .settings = json.value("video-settings", "")};
+                     .settings = settingsFrom(json.value("video-settings", ""))};
     options.audio = {.codec = json.value("audio-codec", ""),
                      .quality = json.value("audio-quality", 0.0),
-                     .settings = json.value("audio-settings", "")};
+                     .settings = settingsFrom(json.value("audio-settings", ""))};
     options.burnInSubtitleTrack = json.value("burn-in", "");
     return options;
 }
