@@ -1,18 +1,18 @@
-// The part of an application that is tested: it converts a movie, and gives up if nothing advances.
+// The part of an application that is tested: it converts a movie and says what a person should read.
 #pragma once
 
-#include <chrono>
-#include <functional>
+#include <filesystem>
 #include <string>
 
+#include <KRVQTProcessClient/Media.h>
+
 struct Conversion {
-    enum class Outcome { Done, Stalled, Failed, Unreachable };
+    enum class Outcome { Done, Stalled, Failed, TryAgainLater };
     Outcome outcome = Outcome::Done;
     /// For a person; empty if the movie was converted.
     std::string sentence;
 };
 
-/// Converts a movie to H.264. Blocks, so call it on a worker thread while the main loop runs. onProgress is called with
-/// numbers from 0 to 1. patience: how long the same number is tolerated.
-Conversion convert(const std::string& source, const std::string& destination,
-                   const std::function<void(float)>& onProgress, std::chrono::milliseconds patience);
+/// Converts a movie to H.264, and gives up if nothing advances for longer than the patience. Call it on the main thread.
+Conversion convert(const std::filesystem::path& source, const std::filesystem::path& destination,
+                   krv::ProgressCallback onProgress, krv::Seconds patience);

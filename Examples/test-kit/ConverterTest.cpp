@@ -2,16 +2,14 @@
 #include "Converter.h"
 
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
-#include <KRVQTProcessClient/KRVQTProcessClient.h>
+#include <KRVQTProcessClient/Media.h>
 #include <KRVQTProcessClient/TestKit/FakeServer.h>
 
 namespace {
@@ -27,18 +25,9 @@ protected:
     }
     ~ConverterTest() override { std::filesystem::remove_all(folder); }
 
-    /// Runs the application's function on a thread of its own while this one runs the main loop, as in the application.
-    Conversion run(std::chrono::milliseconds patience = 1min) {
-        (void)krv::KRVQuicktimeProcessClient::defaultClient();  // created on the main thread
-        Conversion result;
-        std::thread worker([&] {
-            result = convert(
-                "/movies/in.mov", destination, [&](float number) { numbers.push_back(number); }, patience);
-            krv::RunLoop::main().stop();
-        });
-        krv::RunLoop::main().run();
-        worker.join();
-        return result;
+    Conversion run(krv::Seconds patience = 1min) {
+        return convert(
+            "/movies/in.mov", destination, [this](const krv::Progress& progress) { latest = progress; }, patience);
     }
     std::string contentsOfDestination() const {
         std::ifstream in(destination);
@@ -47,13 +36,13 @@ protected:
 
     const std::filesystem::path folder = FakeServer::folder() / "movies";
     const std::string destination = folder / "out.mp4";
-    std::vector<float> numbers;
+    krv::Progress latest;
 };
 
 TEST_F(ConverterTest, ConvertsAMovie) {
     const FakeServer server(R"({"operation": "convert", "progress": [0.2, 0.8], "write": "the new movie"})");
     EXPECT_EQ(run().outcome, Conversion::Outcome::Done);
-    EXPECT_EQ(numbers, (std::vector<float>{0.2F, 0.8F}));
+    EXPECT_GE(latest.fraction, 0.8);
     EXPECT_EQ(contentsOfDestination(), "the new movie");
 }
 
@@ -65,8 +54,15 @@ TEST_F(ConverterTest, AServerThatDiesIsReplaced) {
     )");
     EXPECT_EQ(run().outcome, Conversion::Outcome::Done);
     EXPECT_EQ(server.deaths(), 1U);
-    EXPECT_EQ(numbers, (std::vector<float>{0.4F, 0.1F}));
+    EXPECT_EQ(latest.attempt, 2);
     EXPECT_EQ(contentsOfDestination(), "the new movie");
+}
+
+TEST_F(ConverterTest, AServerThatAlwaysDiesIsExplained) {
+    const FakeServer server(R"({"operation": "convert", "do": "die"})");
+    EXPECT_EQ(run().outcome, Conversion::Outcome::TryAgainLater);
+    EXPECT_EQ(server.deaths(), 3U);
+    EXPECT_EQ(contentsOfDestination(), "the old movie");
 }
 
 TEST_F(ConverterTest, AConversionThatStallsIsCancelled) {

@@ -33,6 +33,7 @@
 #include <KRVQTProcessClient/Monitoring/KRVProcessMonitor.h>
 #include <KRVQTProcessClient/Platform/ProcessTable.h>
 #include <KRVQTProcessClient/Platform/RuntimeFolder.h>
+#include <KRVQTProcessClient/Platform/ServerLock.h>
 #include <KRVQTProcessClient/Platform/ServiceRecord.h>
 
 namespace krv {
@@ -48,8 +49,10 @@ constexpr Clock::Duration kEagerFor = 1s;
 constexpr Clock::Duration kBetweenProcessTables = 100ms;
 constexpr Clock::Duration kProbeTimeout = 5s;
 
+/// A server that holds the lock will serve, or is about to exit. Its program may have another name.
 bool isServerRunning() {
-    return KRVProcessMonitor::isProcessRunningNamed(kMediaServerName, ProcessTable::ofThisUser());
+    return isServerLockHeld(runtimeFolder(kMediaServerName)) ||
+           KRVProcessMonitor::isProcessRunningNamed(kMediaServerName, ProcessTable::ofThisUser());
 }
 
 /// Returns the port in the service record, if the server that wrote it lives.
@@ -196,6 +199,9 @@ std::optional<Failure> ServerSearch::launch() {
         }
         // One that exits at once because another has the lock is not to blame.
         return probeFailure_.empty() ? cannotStart(whyNotYet()) : noConnection(probeFailure_);
+    }
+    if (isServerRunning()) {
+        return std::nullopt;
     }
     try {
         launched_ = runner_->launchIfMissing();
