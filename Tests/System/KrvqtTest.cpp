@@ -370,6 +370,22 @@ TEST_F(Krvqt, FailsIfItsResultsCannotBeWritten) {
     }
 }
 
+TEST_F(Krvqt, SaysWhatItWaitsFor) {
+    const std::string program = install("krvqt", true, KRV_KRVQT);
+    replaceServer(program, KRV_SILENT_SERVER);
+    for (const std::vector<std::string>& arguments : {std::vector<std::string>{"info", media("plain.mov")},
+                                                      {"times", media("plain.mov")},
+                                                      {"convert", media("plain.mov"), out("a.mp4")}}) {
+        std::vector<std::string> all = command(arguments);
+        all[4] = program;
+        ChildProcess process(all);
+        waitForLine(process, "krvqt: waiting for the media server: ");
+        process.signal(SIGINT);
+        process.readAll();
+        EXPECT_EQ(process.wait(), 130) << arguments.front();
+    }
+}
+
 TEST_F(Krvqt, ShutsDownTheServer) {
     EXPECT_EQ(run(conversion("plain.mov")).first, 0);
     EXPECT_EQ(run({"shutdown"}).first, 0);

@@ -15,8 +15,8 @@ struct Request {
     bool version = false;
 };
 
-/// Checks that the arguments name a command of this command line, or ask for help or the version, and contain only options
-/// that it or the command has, each with its value. Throws UsageError, which suggests what may have been meant.
+/// Checks that the arguments name a command of this command line, or ask for help or the version, and contain only
+/// options that it or the command has, each with its value. Throws UsageError, which suggests what may have been meant.
 [[nodiscard]] Request checkArguments(const CLI::App& line, const std::vector<std::string>& arguments);
 
 /// Returns all commands, in the order in which help lists them.

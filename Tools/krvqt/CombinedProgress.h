@@ -29,8 +29,8 @@ private:
     std::chrono::steady_clock::time_point start_{};  // of the first job that runs
 };
 
-/// Returns the progress of several jobs as that of one: the mean fraction, and the state of the one that is furthest. The
-/// remaining time is estimated from the elapsed time.
+/// Returns the progress of several jobs as that of one: the mean fraction, and the state of the one that is furthest.
+/// The remaining time is estimated from the elapsed time.
 [[nodiscard]] krv::Progress combinedProgress(const std::vector<krv::Progress>& jobs, krv::Seconds elapsed);
 
 }  // namespace krvqt

@@ -12,8 +12,8 @@
 
 namespace krvqt {
 
-/// The command line: the commands with their options, from which it is parsed. Everything that describes krvqt to people
-/// is made from it.
+/// The command line: the commands with their options, from which it is parsed. Everything that describes krvqt to
+/// people is made from it.
 class CommandLine {
 public:
     /// Runs a command, after its options have been set.

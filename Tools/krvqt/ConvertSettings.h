@@ -32,8 +32,8 @@ struct ConvertSettings {
     [[nodiscard]] krv::ConvertOptions convertOptions() const;
     [[nodiscard]] krv::FlattenOptions flattenOptions() const;
 
-    /// Returns the extension of files that are named after their source, empty for that of the source. Throws UsageError
-    /// for an unknown type.
+    /// Returns the extension of files that are named after their source, empty for that of the source. Throws
+    /// UsageError for an unknown type.
     [[nodiscard]] std::string extension() const;
 };
 

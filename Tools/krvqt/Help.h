@@ -12,8 +12,8 @@ namespace krvqt {
 /// Returns how to use krvqt, or one of its commands, as text for a terminal of 80 columns.
 [[nodiscard]] std::string helpText(const CLI::App& description);
 
-/// Returns the ways to write the arguments of a command that are not options, such as "SOURCE DESTINATION". At least one
-/// for a command that takes some.
+/// Returns the ways to write the arguments of a command that are not options, such as "SOURCE DESTINATION". At least
+/// one for a command that takes some.
 [[nodiscard]] std::vector<std::string> formsOf(const CLI::App& command);
 
 /// Returns an option with its value, as help shows it: "-o, --output FILE".

@@ -201,13 +201,16 @@ ExitStatus showInfo(const InfoOptions& options, const CommonOptions& common) {
     // A few movies ahead, so that the server is never idle, and not all of them, because a poster takes memory.
     constexpr std::size_t kAhead = 16;
     const krv::Media media = krvqt::media(common);
+    ProgressDisplay display(common.quiet);
     std::deque<krv::Job<krv::MovieInfo>> jobs;
     auto current = options.movies.begin();
     auto next = current;
     ExitStatus worst = kDone;
     while (next != options.movies.end() || !jobs.empty()) {
         while (next != options.movies.end() && jobs.size() < kAhead) {
-            jobs.push_back(media.info({.source = *next++, .control = untilInterrupted()}));
+            jobs.push_back(media.info({.source = *next++,
+                                       .onProgress = [&](const krv::Progress& p) { display.showWaiting(p); },
+                                       .control = untilInterrupted()}));
         }
         const auto info = jobs.front().wait();
         jobs.pop_front();

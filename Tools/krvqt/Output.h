@@ -9,8 +9,8 @@
 /// cannot be written: no work is lost for a closed pipe or a full disk. Thread-safe.
 namespace krvqt {
 
-/// Makes every use of a closed standard stream fail, instead of using a file that was opened since. Makes a pipe without a
-/// reader an error instead of a signal. Call before any file is opened.
+/// Makes every use of a closed standard stream fail, instead of using a file that was opened since. Makes a pipe
+/// without a reader an error instead of a signal. Call before any file is opened.
 void prepareOutput();
 
 /// Writes a message to standard error, as visible() shows it if that is a terminal. A message that cannot be written is
@@ -24,8 +24,8 @@ void say(fmt::format_string<Values...> format, Values&&... values) {
 /// Writes to standard error what contains control sequences for a terminal.
 void sayToTerminal(std::string_view sequences);
 
-/// Writes a part of the results to standard output at once, as visible() shows it if that is a terminal. Newlines are the
-/// caller's.
+/// Writes a part of the results to standard output at once, as visible() shows it if that is a terminal. Newlines are
+/// the caller's.
 void printOut(std::string_view results);
 template <typename... Values>
 void printOut(fmt::format_string<Values...> format, Values&&... values) {

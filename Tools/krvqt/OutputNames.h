@@ -29,8 +29,8 @@ struct Naming {
     [[nodiscard]] FileToWrite oneFile() const;
 };
 
-/// Returns one file in the folder for each source: its name with this extension, or with its own if that is empty. Throws
-/// UsageError if two sources would have the same file, or if a name cannot be read or written.
+/// Returns one file in the folder for each source: its name with this extension, or with its own if that is empty.
+/// Throws UsageError if two sources would have the same file, or if a name cannot be read or written.
 [[nodiscard]] std::vector<FileToWrite> filesInFolder(const std::vector<std::string>& sources, const std::string& folder,
                                                      const std::string& extension, bool force);
 

@@ -81,8 +81,7 @@ void ProgressDisplay::show(const krv::Progress& progress) {
         attempt_ = progress.attempt;
         startOver();
     }
-    waitingFor_ = progress.waitingFor;
-    tellWhatItWaitsFor();
+    showWaiting(progress);
     elapsed_ = progress.elapsed;
     switch (progress.state) {
     case krv::Progress::State::WaitingForServer:
@@ -95,6 +94,11 @@ void ProgressDisplay::show(const krv::Progress& progress) {
         draw(progress.fraction, progress.elapsed, progress.remaining);
         break;
     }
+}
+
+void ProgressDisplay::showWaiting(const krv::Progress& progress) {
+    waitingFor_ = progress.waitingFor;
+    tellWhatItWaitsFor();
 }
 
 void ProgressDisplay::tellWhatItWaitsFor() {

@@ -23,9 +23,9 @@ namespace krvqt {
 
 /// Shows the progress of a job on standard error.
 ///
-/// On a terminal it redraws one line; elsewhere it prints a line at every tenth. While the job waits in a queue, it prints
-/// how many are before it. While it waits for a server, it prints what it waits for, but only after a few seconds. For the
-/// main thread.
+/// On a terminal it redraws one line; elsewhere it prints a line at every tenth. While the job waits in a queue, it
+/// prints how many are before it. While it waits for a server, it prints what it waits for, but only after a few
+/// seconds. For the main thread.
 class ProgressDisplay {
 public:
     /// The clock measures how long it has waited. It must outlive the object.
@@ -35,6 +35,8 @@ public:
     ProgressDisplay& operator=(const ProgressDisplay&) = delete;
 
     void show(const krv::Progress& progress);
+    /// Shows only what the job waits for. For a job that is short.
+    void showWaiting(const krv::Progress& progress);
 
     /// Erases the line, so that something else can be printed. The next progress draws it again.
     void erase();

@@ -26,8 +26,8 @@ struct PixelSize {
 /// Returns a size of a file for people: "812 bytes", "38 kB", "1.2 MB".
 [[nodiscard]] std::string bytesText(std::uintmax_t bytes);
 
-/// Returns the settings of an encoder as the server takes them: in "key=value:key=value", bit rates and sample rates such
-/// as "192k" and "1.5M" are written out.
+/// Returns the settings of an encoder as the server takes them: in "key=value:key=value", bit rates and sample rates
+/// such as "192k" and "1.5M" are written out.
 [[nodiscard]] std::string settingsFrom(const std::string& text);
 
 }  // namespace krvqt

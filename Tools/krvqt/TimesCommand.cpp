@@ -28,10 +28,13 @@ struct TimesOptions {
 
 ExitStatus showTimes(const TimesOptions& options, const CommonOptions& common) {
     checkSource(options.movie);
-    const auto times =
-        media(common)
-            .interestingTimes({.source = options.movie, .track = options.track, .control = untilInterrupted()})
-            .wait();
+    ProgressDisplay display(common.quiet);
+    const auto times = media(common)
+                           .interestingTimes({.source = options.movie,
+                                              .track = options.track,
+                                              .onProgress = [&](const krv::Progress& p) { display.showWaiting(p); },
+                                              .control = untilInterrupted()})
+                           .wait();
     if (!times) {
         return questionFailed("times", times.error(), common);
     }

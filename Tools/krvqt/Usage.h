@@ -8,8 +8,8 @@
 
 namespace krvqt {
 
-/// Something is wrong with the command line. The text is a sentence in lower case without a full stop. Thrown before any
-/// work has started. CommandLine reports it.
+/// Something is wrong with the command line. The text is a sentence in lower case without a full stop. Thrown before
+/// any work has started. CommandLine reports it.
 class UsageError final : public std::runtime_error {
 public:
     explicit UsageError(const std::string& text)
