@@ -119,6 +119,23 @@ TEST_F(Batch, IsRefusedBeforeAnyWorkIfALineIsWrong) {
     EXPECT_NEAR(readableSeconds(out("there.mp4")), 2.0, 0.1);
 }
 
+TEST_F(Batch, NamesEveryProblemOfAList) {
+    const std::string list = folder.write(
+        "list.jsonl", "{\"command\":\"mux\"}\n{\"command\":\"\\u001b[2J\"}\nnonsense\n" +
+                          Json{{"command", "mux"}, {"source", "\x1b[31m"}, {"destination", "a"}}.dump() + "\n" +
+                          Json{{"command", "mux"}, {"source", "b"}, {"destination", "\x1b[31m"}}.dump() + "\n");
+    const auto [status, text] = run({list});
+    EXPECT_EQ(status, 2);
+    for (const char* line : {"Line 1: it has no", "Line 2: ", "Line 3: it is not", "Line 4: "}) {
+        EXPECT_THAT(text, HasSubstr(line));
+    }
+    ChildProcess json({"sh", "-c", "exec \"$@\" 2>/dev/null", "sh", KRV_KRVQT, "batch", list, "--json"});
+    const Json object = Json::parse(json.readLine().value_or(""));
+    EXPECT_THAT(object["error"]["problems"], SizeIs(4));
+    EXPECT_EQ(json.readLine(), std::nullopt);
+    EXPECT_EQ(json.wait(), 2);
+}
+
 TEST_F(Batch, GoesOnAfterAFailureAndTriesItAgainTheNextTime) {
     const std::string bad = folder.write("bad.mov", "not a movie");
     Json failing = conversion("plain.mov", "bad.mp4");

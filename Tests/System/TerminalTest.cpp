@@ -250,6 +250,20 @@ TEST_F(InTerminal, UsesNoColours) {
     }
 }
 
+TEST_F(InTerminal, NamesDoNotControlTheTerminal) {
+    Terminal terminal(200, 40);
+    const std::string red = "\x1b[31mred";
+    const nlohmann::json job{{"command", "mux"}, {"source", red + ".mov"}, {"destination", out(red + ".mp4")}};
+    const std::string wrong = folder.write("wrong.jsonl", job.dump() + "\n" + job.dump() + "\n");
+    terminal.run(fmt::format("{} batch {}; echo status=$?", KRV_KRVQT, wrong));
+    end(terminal, 2);
+    EXPECT_THAT(terminal.lines(true), Each(Not(HasSubstr("\x1b["))));
+    terminal.clear();
+    terminal.run(fmt::format("{} batch {}; echo status=$?", KRV_KRVQT, folder.write("right.jsonl", job.dump())));
+    end(terminal, 1);
+    EXPECT_THAT(terminal.lines(true), Each(Not(HasSubstr("\x1b["))));
+}
+
 TEST_F(InTerminal, WideNamesFit) {
     Terminal terminal(60, 24);
     std::string name;

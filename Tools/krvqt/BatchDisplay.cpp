@@ -7,18 +7,15 @@
 #include <cstdlib>
 #include <numeric>
 
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <fmt/format.h>
 
+#include "Output.h"
 #include "ProgressDisplay.h"
+#include "TerminalSize.h"
 
 namespace krvqt {
 namespace {
 
-constexpr int kDefaultColumns = 80;
-constexpr int kDefaultRows = 24;
 constexpr int kSmallestBar = 10;
 constexpr int kLargestBar = 30;
 /// The share of a line that a bar may take.
@@ -26,31 +23,6 @@ constexpr int kBarShare = 3;
 constexpr std::chrono::milliseconds kBetweenDrawings{100};
 /// A server usually responds within this time. Only a longer wait is worth a message.
 constexpr std::chrono::seconds kSilentWait{3};
-
-bool isTerminal() {
-    const char* const type = std::getenv("TERM");
-    return ::isatty(STDERR_FILENO) == 1 && type && *type != '\0' && std::string_view(type) != "dumb";
-}
-
-winsize terminalSize() {
-    winsize size{};
-    if (::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) {
-        size.ws_col = kDefaultColumns;
-        size.ws_row = kDefaultRows;
-    }
-    return size;
-}
-
-/// A message that cannot be written is lost; the work goes on.
-void write(std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = ::write(STDERR_FILENO, text.data(), text.size());
-        if (count <= 0) {
-            return;
-        }
-        text.remove_prefix(static_cast<std::size_t>(count));
-    }
-}
 
 /// Set when this process goes on after it was stopped: the shell has written to the terminal in the meantime.
 std::atomic<bool> continued{false};
@@ -118,7 +90,7 @@ std::string fittingName(std::string_view name, int columns) {
 
 BatchDisplay::BatchDisplay(bool quiet, std::size_t all)
     : quiet_(quiet)
-    , terminal_(isTerminal())
+    , terminal_(canRedraw())
     , all_(all)
     , start_(krv::Clock::steady().now())
     , timer_(krv::RunLoop::main().scheduleTimer(kBetweenDrawings, [this] {
@@ -154,7 +126,7 @@ void BatchDisplay::end(std::size_t line, bool done) {
 
 void BatchDisplay::say(const std::string& message) {
     erase();
-    write(fmt::format("krvqt: {}\n", message));
+    krvqt::say("krvqt: {}\n", message);
 }
 
 krv::Seconds BatchDisplay::elapsed() const {
@@ -195,20 +167,20 @@ void BatchDisplay::redraw() {
     }
     if (continued.exchange(false)) {
         drawn_.clear();
-        write("\n");
+        sayToTerminal("\n");
     }
-    const winsize size = terminalSize();
-    const std::vector<std::string> lines = linesToDraw(size.ws_col, size.ws_row);
+    const TerminalSize size = terminalSize();
+    const std::vector<std::string> lines = linesToDraw(size.columns, size.rows);
     if (lines == drawn_) {
         return;
     }
     // In one write, so that the bars do not flicker.
-    write(erasure() + fmt::format("{}", fmt::join(lines, "\n")));
+    sayToTerminal(erasure() + fmt::format("{}", fmt::join(lines, "\n")));
     drawn_ = lines;
 }
 
 void BatchDisplay::erase() {
-    write(erasure());
+    sayToTerminal(erasure());
     drawn_.clear();
 }
 
@@ -217,7 +189,7 @@ std::string BatchDisplay::erasure() const {
         return {};
     }
     // Lines that have become longer than the terminal is wide take several rows.
-    const int columns = terminalSize().ws_col;
+    const int columns = terminalSize().columns;
     const int rows = std::accumulate(drawn_.begin(), drawn_.end(), 0, [columns](int sum, const std::string& line) {
         return sum + std::max(1, (widthOf(line) + columns - 1) / columns);
     });

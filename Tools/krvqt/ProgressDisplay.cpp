@@ -5,17 +5,14 @@
 #include <cstdlib>
 #include <utility>
 
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <fmt/format.h>
 
 #include "Output.h"
+#include "TerminalSize.h"
 
 namespace krvqt {
 namespace {
 
-constexpr int kDefaultColumns = 80;
 constexpr int kSmallestBar = 10;
 constexpr int kLargestBar = 50;
 /// A server usually responds within this time. Only a longer wait is worth a message.
@@ -24,17 +21,6 @@ constexpr std::chrono::milliseconds kBetweenLooks{500};
 
 std::chrono::seconds wholeSeconds(krv::Seconds seconds) {
     return std::chrono::seconds(std::llround(seconds.count()));
-}
-
-int terminalColumns() {
-    winsize size{};
-    return ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : kDefaultColumns;
-}
-
-/// Returns whether standard error is a terminal on which a line can be redrawn.
-bool canRedraw() {
-    const char* const type = std::getenv("TERM");
-    return ::isatty(STDERR_FILENO) == 1 && type && std::string_view(type) != "dumb";
 }
 
 }  // namespace
@@ -117,7 +103,7 @@ void ProgressDisplay::drawQueued(std::int64_t before) {
     before_ = before;
     const std::string text = fmt::format("waiting, {} before it", before);
     if (terminal_) {
-        drawLine(text.substr(0, static_cast<std::size_t>(std::max(terminalColumns() - 1, 0))));
+        drawLine(text.substr(0, static_cast<std::size_t>(std::max(terminalSize().columns - 1, 0))));
     } else {
         say("{}\n", text);
     }
@@ -132,7 +118,7 @@ void ProgressDisplay::startOver() {
 
 void ProgressDisplay::draw(double fraction, krv::Seconds elapsed, std::optional<krv::Seconds> remaining) {
     if (terminal_) {
-        drawLine(progressLine(fraction, elapsed, remaining, terminalColumns()));
+        drawLine(progressLine(fraction, elapsed, remaining, terminalSize().columns));
         return;
     }
     const int tenth = static_cast<int>(std::floor(fraction * 10));
