@@ -131,7 +131,7 @@ TEST_F(Batch, NamesEveryProblemOfAList) {
     }
     ChildProcess json({"sh", "-c", "exec \"$@\" 2>/dev/null", "sh", KRV_KRVQT, "batch", list, "--json"});
     const Json object = Json::parse(json.readLine().value_or(""));
-    EXPECT_THAT(object["error"]["problems"], SizeIs(4));
+    EXPECT_THAT(object["problems"], SizeIs(4));
     EXPECT_EQ(json.readLine(), std::nullopt);
     EXPECT_EQ(json.wait(), 2);
 }
