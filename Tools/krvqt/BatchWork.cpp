@@ -137,7 +137,10 @@ Json detailsOf(const krv::MovieInfo& info, const BatchJob& /*job*/) {
 }
 
 Json detailsOf(const krv::InterestingTimes& times, const BatchJob& /*job*/) {
-    return {{"times", {{"timescale", times.timescale}, {"values", times.values}}}};
+    Json json;
+    json[std::string(krv::kResultInterestingTimeTimescale)] = times.timescale;
+    json[std::string(krv::kResultInterestingTimeValues)] = times.values;
+    return {{"times", std::move(json)}};
 }
 
 /// Keeps a job of any type, and calls onEnd when it has ended.
