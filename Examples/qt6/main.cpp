@@ -32,10 +32,10 @@ void runLibrarysLoop(QTimer& timer) {
     }
 }
 
-/// Opens the window for movies that are dropped, opened or given.
-int convertMovies(const QStringList& movies) {
-    ConverterWindow window([&](const MovieRow& row) {
-        if (!movies.isEmpty()) {
+/// Opens the window for movies that are dropped, opened or given. report: prints what the row of each shows in the end.
+int convertMovies(const QStringList& movies, bool report) {
+    ConverterWindow window([report](const MovieRow& row) {
+        if (report) {
             std::cout << row.text().toStdString() << std::endl;
         }
     });
@@ -77,7 +77,7 @@ int main(int argc, char** argv) {
     runLibrarysLoop(timer);
 
     if (arguments.isEmpty() || arguments[0] == "--report") {
-        return convertMovies(arguments.mid(1));
+        return convertMovies(arguments.mid(1), !arguments.isEmpty());
     }
     if (arguments.size() == 2) {
         return convertOneMovie(argv[1], argv[2]);

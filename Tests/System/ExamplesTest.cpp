@@ -16,7 +16,7 @@
 #include "PrivateBus.h"
 #include "SystemFixture.h"
 #ifdef KRV_HAS_X11
-#include "WindowCloser.h"
+#include "ApplicationWindow.h"
 #endif
 
 namespace krv::test {
@@ -74,7 +74,7 @@ protected:
         const int number = std::uniform_int_distribution(10'000, 20'000)(random);
         xServer = std::make_unique<ChildProcess>(
             std::vector<std::string>{"Xvfb", ":" + std::to_string(number), "-displayfd", "1", "-noreset", "-nolisten",
-                                     "unix", "-nolisten", "local", "-listen", "tcp", "-screen", "0", "640x480x24"});
+                                     "unix", "-nolisten", "local", "-listen", "tcp", "-screen", "0", "1024x768x24"});
         const auto display = xServer->readLine();
         ASSERT_TRUE(display) << "Xvfb did not start";
         ::setenv("DISPLAY", ("127.0.0.1:" + *display).c_str(), 1);
@@ -219,7 +219,7 @@ protected:
     static void closeWhileConverting() {
         const int port = waitForServer().port;
         waitUntil([port] { return status(port).find("\"running\":1") != std::string::npos; });
-        closeWindowOn(::getenv("DISPLAY"));
+        ApplicationWindow(::getenv("DISPLAY")).close();
     }
     static void expectNoWork() {
         waitUntil([] { return status(waitForServer().port).find("\"running\":0") != std::string::npos; });
@@ -241,6 +241,26 @@ TEST_P(ClosedExamples, CancelTheMoviesOfTheirRows) {
     EXPECT_EQ(example.wait(), 0);
     EXPECT_THAT(filesInOut(), ElementsAre("a.mov"));
     expectNoWork();
+}
+#endif
+
+#ifdef KRV_HAS_X11
+/// Movies that are dragged into a window.
+using DroppedInExamples = WindowExamples;
+
+TEST_P(DroppedInExamples, AreConvertedAndShown) {
+    ChildProcess example({GetParam().program, "--report"});
+    ApplicationWindow window(::getenv("DISPLAY"));
+    const std::size_t plain = window.vividPixels();
+    window.drop({dropped("plain.mov", "my holiday.mov"), dropped("text.mp4", "bad.mov")});
+    EXPECT_THAT(rows(example, 2), UnorderedElementsAre(HasSubstr(" | Saved as " + out("my holiday.mp4")),
+                                                       StartsWith("bad.mov | Cannot convert bad.mov: ")));
+    EXPECT_NEAR(readableSeconds(out("my holiday.mp4")), 2.0, 0.1);
+    // The picture of the movie is in its row.
+    constexpr std::size_t kPicture = 500;
+    waitUntil([&] { return window.vividPixels() > plain + kPicture; });
+    window.close();
+    EXPECT_EQ(example.wait(), 0);
 }
 #endif
 
@@ -276,6 +296,9 @@ std::vector<Example> examplesOnX() {
     return examples;
 }
 
+INSTANTIATE_TEST_SUITE_P(Example, DroppedInExamples, testing::ValuesIn(examplesOnX()),
+                         [](const auto& example) { return example.param.name; });
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(DroppedInExamples);
 INSTANTIATE_TEST_SUITE_P(Example, ClosedExamples, testing::ValuesIn(examplesOnX()),
                          [](const auto& example) { return example.param.name; });
 GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(ClosedExamples);
