@@ -105,9 +105,8 @@ public:
     [[nodiscard]] std::size_t vividPixels() const {
         XWindowAttributes attributes;
         XGetWindowAttributes(server(), window_, &attributes);
-        XImage* const image =
-            XGetImage(server(), window_, 0, 0, static_cast<unsigned>(attributes.width),
-                      static_cast<unsigned>(attributes.height), AllPlanes, ZPixmap);
+        XImage* const image = XGetImage(server(), window_, 0, 0, static_cast<unsigned>(attributes.width),
+                                        static_cast<unsigned>(attributes.height), AllPlanes, ZPixmap);
         if (!image) {
             return 0;
         }
@@ -193,8 +192,8 @@ ApplicationWindow::ApplicationWindow(const std::string& display)
 ApplicationWindow::~ApplicationWindow() = default;
 
 void ApplicationWindow::close() {
-    internals_->tell("WM_PROTOCOLS",
-                     {static_cast<long>(internals_->atom("WM_DELETE_WINDOW")), static_cast<long>(CurrentTime), 0, 0, 0});
+    internals_->tell("WM_PROTOCOLS", {static_cast<long>(internals_->atom("WM_DELETE_WINDOW")),
+                                      static_cast<long>(CurrentTime), 0, 0, 0});
 }
 
 void ApplicationWindow::drop(const std::vector<std::string>& files) {
