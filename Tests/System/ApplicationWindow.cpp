@@ -12,6 +12,7 @@
 #include <X11/Xatom.h>
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
+#include <X11/extensions/XTest.h>
 
 namespace krv::test {
 namespace {
@@ -102,6 +103,22 @@ public:
         }
     }
 
+    void clickAlongTheRightEdge(const std::function<bool()>& enough) const {
+        constexpr int kTitle = 60;
+        constexpr int kRows = 120;
+        constexpr int kFarthest = 140;
+        constexpr int kStep = 12;
+        XWindowAttributes attributes;
+        XGetWindowAttributes(server(), window_, &attributes);
+        while (!enough()) {
+            for (int fromRight = kStep; fromRight <= kFarthest && !enough(); fromRight += kStep) {
+                for (int y = kTitle; y <= kTitle + kRows && !enough(); y += kStep) {
+                    click(attributes.x + attributes.width - fromRight, attributes.y + y);
+                }
+            }
+        }
+    }
+
     [[nodiscard]] std::size_t vividPixels() const {
         XWindowAttributes attributes;
         XGetWindowAttributes(server(), window_, &attributes);
@@ -125,6 +142,14 @@ private:
     static constexpr int kMostRefusals = 1000;
 
     [[nodiscard]] Display* server() const { return connection_.get(); }
+
+    /// Clicks there on the screen with the left button of the mouse.
+    void click(int x, int y) const {
+        XTestFakeMotionEvent(server(), DefaultScreen(server()), x, y, CurrentTime);
+        XTestFakeButtonEvent(server(), Button1, True, CurrentTime);
+        XTestFakeButtonEvent(server(), Button1, False, CurrentTime);
+        XSync(server(), False);
+    }
 
     [[nodiscard]] bool isShown(Window window) const {
         XWindowAttributes attributes;
@@ -202,6 +227,10 @@ void ApplicationWindow::drop(const std::vector<std::string>& files) {
         urls += urlOf(file) + "\r\n";
     }
     internals_->drop(urls);
+}
+
+void ApplicationWindow::clickAlongTheRightEdge(const std::function<bool()>& enough) {
+    internals_->clickAlongTheRightEdge(enough);
 }
 
 std::size_t ApplicationWindow::vividPixels() {

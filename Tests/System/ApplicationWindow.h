@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,6 +22,8 @@ public:
     /// Drags files from elsewhere over the window and drops them there. Returns when the application has taken their
     /// names. Throws std::runtime_error if it refuses them.
     void drop(const std::vector<std::string>& files);
+    /// Clicks everywhere at the right edge of the content below the title, where the buttons of rows are, until enough.
+    void clickAlongTheRightEdge(const std::function<bool()>& enough);
     /// Returns how many pixels of the window have a vivid colour, as movies have and plain windows have not.
     [[nodiscard]] std::size_t vividPixels();
 

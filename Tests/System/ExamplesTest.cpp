@@ -234,6 +234,17 @@ TEST_P(ClosedExamples, ExitWithAFailureAndLeaveNoFile) {
     expectNoWork();
 }
 
+TEST_P(ClosedExamples, CancelAMovieByTheButtonOfItsRow) {
+    ChildProcess example({GetParam().program, "--report", dropped("longer.mov", "a.mov")});
+    const int port = waitForServer().port;
+    waitUntil([port] { return status(port).find("\"running\":1") != std::string::npos; });
+    ApplicationWindow window(::getenv("DISPLAY"));
+    window.clickAlongTheRightEdge([port] { return status(port).find("\"running\":0") != std::string::npos; });
+    EXPECT_THAT(rows(example, 1), ElementsAre(HasSubstr(" | Converting a.mov was cancelled.")));
+    EXPECT_TRUE(isRunning(example));
+    EXPECT_THAT(filesInOut(), ElementsAre("a.mov"));
+}
+
 TEST_P(ClosedExamples, CancelTheMoviesOfTheirRows) {
     ChildProcess example({GetParam().program, "--report", dropped("longer.mov", "a.mov")});
     closeWhileConverting();
