@@ -22,7 +22,7 @@ struct ServerStatus {
     std::size_t finished = 0;
     /// How many media operations can run at once.
     unsigned workers = 0;
-    /// What the kernel offers to confine workers: the version of Landlock, 0 for none, and seccomp filters.
+    /// The kernel features that confine workers: the version of Landlock (0 for none) and seccomp filters.
     long landlock = 0;
     bool seccomp = false;
 };

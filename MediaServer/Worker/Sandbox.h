@@ -55,7 +55,7 @@ std::vector<std::string> enterSandbox(const WorkerLimits& limits = {}, SandboxLa
 /// signal its user's processes (where Landlock does not deny it), and that its children can enter their own sandbox.
 void enterTemplateSandbox(const WorkerLimits& limits = {});
 
-/// What this machine's kernel offers.
+/// The features of this machine's kernel.
 struct SandboxSupport {
     /// ABI version of Landlock, 0 if the kernel has none.
     long landlock = 0;

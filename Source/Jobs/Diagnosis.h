@@ -21,9 +21,9 @@ struct Check {
     /// A short name that never changes, such as "bundle".
     std::string name{};
     State state = State::Good;
-    /// What was found, for a person.
+    /// A sentence for a person.
     std::string finding{};
-    /// What to do about it; empty if nothing needs to be done.
+    /// A remedy; empty if none is needed.
     std::string suggestion{};
 
     /// Returns the name of a state, such as "good". For results in text form.

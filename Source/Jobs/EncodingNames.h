@@ -15,7 +15,7 @@ namespace krv {
 struct CodecName {
     /// Four-character code, without spaces at its end.
     std::string_view code;
-    /// The common name, the code itself if there is no other.
+    /// The common name, or the code if the codec has none.
     std::string_view name;
     /// For people, such as "H.264".
     std::string_view title;

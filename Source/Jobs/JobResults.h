@@ -136,7 +136,7 @@ struct InterestingTimes {
     [[nodiscard]] KRV_EXPORT std::vector<Seconds> seconds() const;
 };
 
-/// What the kernel offers a server to confine its workers with.
+/// The kernel features with which a server confines its workers.
 struct SandboxSupport {
     /// Version of Landlock, 0 for none.
     std::int64_t landlock = 0;

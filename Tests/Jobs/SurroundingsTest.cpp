@@ -1,4 +1,4 @@
-// What a diagnosis makes of what it finds.
+// The sentences and suggestions of a diagnosis.
 #include <algorithm>
 
 #include <gmock/gmock.h>

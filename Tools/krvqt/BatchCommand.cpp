@@ -250,7 +250,7 @@ std::string resultsPath(const BatchOptions& options) {
     return options.results ? *options.results : fs::path(options.list).replace_extension(".results.jsonl").string();
 }
 
-/// What is left to do, and what is not.
+/// The jobs that remain, and the number of those that an earlier run has finished.
 struct Rest {
     std::vector<BatchJob> jobs;
     std::size_t doneEarlier = 0;

@@ -119,7 +119,7 @@ const std::array kCommands{
     Command{.name = "times", .options = kTimesOptions, .writes = false},
 };
 
-/// What is wrong with a job.
+/// A job is invalid.
 struct BadJob : std::runtime_error {
     using std::runtime_error::runtime_error;
 };

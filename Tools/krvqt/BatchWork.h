@@ -12,7 +12,7 @@
 
 namespace krvqt {
 
-/// What has come of a job.
+/// The outcome of a job.
 struct BatchOutcome {
     std::optional<krv::Failure> failure{};
     /// Entries for the row of a job that is done, such as "droppedTracks" or "info".

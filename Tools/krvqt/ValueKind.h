@@ -8,7 +8,7 @@
 
 namespace krvqt {
 
-/// What a shell offers for an argument.
+/// The candidates that a shell offers for an argument.
 enum class ValueKind : std::uint8_t {
     None,
     File,

@@ -1,4 +1,4 @@
-// What the activity page and its data contain.
+// The contents of the activity page and of its data.
 #include <algorithm>
 #include <string>
 

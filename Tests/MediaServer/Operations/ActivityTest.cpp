@@ -1,4 +1,4 @@
-// What the ledger tells a person who looks at the server.
+// The ledger's report for the activity page.
 #include <gtest/gtest.h>
 
 #include "LedgerFixture.h"
