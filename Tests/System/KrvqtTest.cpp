@@ -17,6 +17,7 @@ using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 
 class Krvqt : public SystemFixture {
 protected:
@@ -58,6 +59,14 @@ TEST_F(Krvqt, LaunchesTheServerConvertsAndLeavesItRunning) {
     EXPECT_THAT(text, AllOf(HasSubstr("100 %"), HasSubstr(out("out.mp4") + "\n"), HasSubstr("krvqt: done")));
     EXPECT_NEAR(readableSeconds(out("out.mp4")), 2.0, 0.1);
     EXPECT_THAT(servers(), testing::SizeIs(1));
+}
+
+TEST_F(Krvqt, SaysWhatItDoesIfItIsVerbose) {
+    const auto [quiet, silence] = run({"info", media("plain.mov")});
+    EXPECT_THAT(silence, Not(HasSubstr("ServerRunner")));
+    const auto [status, text] = run({"info", media("plain.mov"), "--verbose"});
+    EXPECT_EQ(status, 0);
+    EXPECT_THAT(text, AllOf(HasSubstr("ServerRunner"), HasSubstr("H.264, AAC")));
 }
 
 TEST_F(Krvqt, RefinesTheEncodingType) {

@@ -41,6 +41,7 @@ CommandLine::CommandLine()
     app_.set_version_flag("-V,--version", fmt::format("krvqt {}", krv::libraryVersion()), "show the version");
     app_.add_flag("-j,--json", common_.json, "print one JSON object per result, also for failures");
     app_.add_flag("-q,--quiet", common_.quiet, "print results and errors only, no progress");
+    app_.add_flag("-v,--verbose", common_.verbose, "print on standard error what the library does");
     addNumber(app_, "--wait", wait_, {.least = 0, .most = kMostSeconds}, "how long to wait for the media server (20)")
         ->type_name("SECONDS");
 }
@@ -77,6 +78,11 @@ ExitStatus CommandLine::parseAndRun(std::vector<std::string> arguments) {
     }
     parse(*request.command, std::move(arguments));
     common_.wait = std::chrono::duration<double>(wait_);
+    if (common_.verbose) {
+        constexpr int kEverything = 15;
+        krv::krv_loggingEnabled = true;
+        krv::qtClientLogLevel = kEverything;
+    }
     return commands_.at(request.command->get_name())(common_);
 }
 

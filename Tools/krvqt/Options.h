@@ -10,6 +10,7 @@ namespace krvqt {
 struct CommonOptions {
     bool json = false;
     bool quiet = false;
+    bool verbose = false;
     /// How long to wait for a media server.
     std::chrono::duration<double> wait{20};
 };
