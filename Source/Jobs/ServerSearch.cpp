@@ -50,9 +50,12 @@ constexpr Clock::Duration kBetweenProcessTables = 100ms;
 constexpr Clock::Duration kProbeTimeout = 5s;
 
 /// A server that holds the lock will serve, or is about to exit. Its program may have another name.
+bool lockIsHeld() {
+    return isServerLockHeld(runtimeFolder(kMediaServerName));
+}
+
 bool isServerRunning() {
-    return isServerLockHeld(runtimeFolder(kMediaServerName)) ||
-           KRVProcessMonitor::isProcessRunningNamed(kMediaServerName, ProcessTable::ofThisUser());
+    return lockIsHeld() || KRVProcessMonitor::isProcessRunningNamed(kMediaServerName, ProcessTable::ofThisUser());
 }
 
 /// Returns the port in the service record, if the server that wrote it lives.
@@ -200,10 +203,10 @@ std::optional<Failure> ServerSearch::launch() {
         // One that exits at once because another has the lock is not to blame.
         return probeFailure_.empty() ? cannotStart(whyNotYet()) : noConnection(probeFailure_);
     }
-    if (isServerRunning()) {
+    if (lockIsHeld()) {
         return std::nullopt;
     }
-    try {
+    try {  // the runner looks for a process of that name itself
         launched_ = runner_->launchIfMissing();
         return std::nullopt;
     } catch (const Exception&) {

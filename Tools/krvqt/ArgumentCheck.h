@@ -7,7 +7,7 @@
 
 namespace krvqt {
 
-/// What the arguments ask for.
+/// The command that the arguments name, or a request for help or the version.
 struct Request {
     /// Null if none is named.
     const CLI::App* command = nullptr;

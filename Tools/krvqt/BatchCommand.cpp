@@ -215,7 +215,6 @@ private:
             display_.makeRoom();
             printPath(job.destination);
         }
-        std::fflush(stdout);
     }
 
     /// Returns whether the row has been written. If not, the batch ends: a job whose end is not noted would be repeated.

@@ -59,7 +59,7 @@ ExitStatus cancelAll(const CommonOptions& common) {
     if (!result) {
         return questionFailed("cancel-all", result.error(), common);
     }
-    // What started or ended between the two requests is not counted rightly.
+    // Inexact if operations start or end between the two requests.
     const std::int64_t cancelled = status->running + status->queued;
     if (common.json) {
         printJSON({{"operation", "cancel-all"}, {"status", "done"}, {"cancelled", cancelled}});
