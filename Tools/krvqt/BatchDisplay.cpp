@@ -21,8 +21,6 @@ constexpr int kLargestBar = 30;
 /// The share of a line that a bar may take.
 constexpr int kBarShare = 3;
 constexpr std::chrono::milliseconds kBetweenDrawings{100};
-/// A server usually responds within this time. Only a longer wait is worth a message.
-constexpr std::chrono::seconds kSilentWait{3};
 
 /// Set when this process goes on after it was stopped: the shell has written to the terminal in the meantime.
 std::atomic<bool> continued{false};
@@ -112,7 +110,7 @@ void BatchDisplay::start(std::size_t line, const std::string& name) {
 void BatchDisplay::show(std::size_t line, const krv::Progress& progress) {
     Bar& bar = bars_[line];
     bar.fraction = progress.fraction;
-    waitingFor_ = progress.waitingFor;
+    wait_.setReason(progress.waitingFor);
     if (progress.attempt > bar.attempt) {
         bar.attempt = progress.attempt;
         say(fmt::format("line {}: the media server was lost; another one starts over", line));
@@ -134,11 +132,12 @@ krv::Seconds BatchDisplay::elapsed() const {
 }
 
 void BatchDisplay::tellWhatItWaitsFor() {
-    if (quiet_ || waitingFor_.empty() || waitingFor_ == told_ || elapsed() < kSilentWait) {
+    if (quiet_) {
         return;
     }
-    told_ = waitingFor_;
-    say("waiting for the media server: " + told_);
+    if (const auto message = wait_.due(elapsed())) {
+        say(*message);
+    }
 }
 
 std::vector<std::string> BatchDisplay::linesToDraw(int columns, int rows) const {

@@ -11,6 +11,8 @@
 #include <KRVQTProcessClient/Platform/Clock.h>
 #include <KRVQTProcessClient/Platform/RunLoop.h>
 
+#include "WaitNotice.h"
+
 namespace krvqt {
 
 /// Returns the beginning of a name that fits into this many columns of a terminal. Control characters are replaced.
@@ -59,8 +61,7 @@ private:
     std::map<std::size_t, Bar> bars_;
     std::size_t done_ = 0;
     std::size_t failed_ = 0;
-    std::string waitingFor_;
-    std::string told_;
+    WaitNotice wait_;
     /// The lines that are on the screen.
     std::vector<std::string> drawn_;
 };

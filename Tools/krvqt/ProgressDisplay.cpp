@@ -15,8 +15,6 @@ namespace {
 
 constexpr int kSmallestBar = 10;
 constexpr int kLargestBar = 50;
-/// A server usually responds within this time. Only a longer wait is worth a message.
-constexpr std::chrono::seconds kSilentWait{3};
 constexpr std::chrono::milliseconds kBetweenLooks{500};
 
 std::chrono::seconds wholeSeconds(krv::Seconds seconds) {
@@ -83,17 +81,18 @@ void ProgressDisplay::show(const krv::Progress& progress) {
 }
 
 void ProgressDisplay::showWaiting(const krv::Progress& progress) {
-    waitingFor_ = progress.waitingFor;
+    wait_.setReason(progress.waitingFor);
     tellWhatItWaitsFor();
 }
 
 void ProgressDisplay::tellWhatItWaitsFor() {
-    if (quiet_ || waitingFor_.empty() || waitingFor_ == told_ || clock_.now() - start_ < kSilentWait) {
+    if (quiet_) {
         return;
     }
-    told_ = waitingFor_;
-    erase();
-    say("krvqt: waiting for the media server: {}\n", told_);
+    if (const auto message = wait_.due(clock_.now() - start_)) {
+        erase();
+        say("krvqt: {}\n", *message);
+    }
 }
 
 void ProgressDisplay::drawQueued(std::int64_t before) {

@@ -11,6 +11,8 @@
 #include <KRVQTProcessClient/Platform/Clock.h>
 #include <KRVQTProcessClient/Platform/RunLoop.h>
 
+#include "WaitNotice.h"
+
 namespace krvqt {
 
 /// Formats minutes and seconds, with hours if there are any: "0:07", "12:40", "1:02:03".
@@ -56,8 +58,7 @@ private:
     const krv::Clock::TimePoint start_;
     const std::shared_ptr<krv::RunLoop::Timer> timer_;
     std::optional<std::int64_t> before_{};  // as printed last
-    std::string waitingFor_;
-    std::string told_;
+    WaitNotice wait_;
     krv::Seconds elapsed_{0};
     int attempt_ = 1;
     int lastTenth_ = -1;
