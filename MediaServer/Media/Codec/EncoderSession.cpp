@@ -16,7 +16,9 @@ extern "C" {
 
 #include <MediaServer/Media/Codec/Decoder.h>
 #include <MediaServer/Media/Codec/EncodeFrame.h>
+#include <MediaServer/Media/Codec/EncoderThread.h>
 #include <MediaServer/Media/Codec/HDRMetadata.h>
+#include <MediaServer/Media/Codec/SegmentedEncoder.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 
 namespace krv::media {
@@ -187,9 +189,26 @@ EncoderSession::EncoderSession(const Request& request, OutputFile& output, const
     } else if (!output.container().indexInFront) {
         stream_->codecpar->codec_tag = 0;
     }
-    if (request.hasThread) {
-        thread_.emplace(*context_);
+    if (request.inBackground) {
+        background_ = makeBackground(request, prepare);
     }
+}
+
+std::unique_ptr<BackgroundEncoder> EncoderSession::makeBackground(const Request& request, const Prepare& prepare) {
+    if (!SegmentedEncoder::suits(*context_)) {
+        return std::make_unique<EncoderThread>(*context_);
+    }
+    const char* const name = context_->codec->name;
+    auto openAnother = [this, name, prepare, request, settings = request.settings] {
+        int result = 0;
+        const Request another{request.codec, request.quality, settings, request.highResolution, true};
+        CodecContextPtr context = openEncoder(name, another, output_, prepare, result);
+        if (!context) {
+            fail(FailureCause::EncoderRefuses, result, "opening the encoder", request.codec.displayName);
+        }
+        return context;
+    };
+    return std::make_unique<SegmentedEncoder>(*context_, std::move(openAnother));
 }
 
 void EncoderSession::encode(AVFrame& frame) {
@@ -198,8 +217,8 @@ void EncoderSession::encode(AVFrame& frame) {
     }
     ++frames_;
     frame.quality = context_->global_quality;  // where some encoders read the fixed quantiser
-    if (thread_) {
-        thread_->push(reference(frame), [this](AVPacket& packet) { write(packet); });
+    if (background_) {
+        background_->push(reference(frame), [this](AVPacket& packet) { write(packet); });
     } else {
         send(&frame);
     }
@@ -210,8 +229,8 @@ double EncoderSession::done() const noexcept {
 }
 
 void EncoderSession::finish() {
-    if (thread_) {
-        thread_->finish([this](AVPacket& packet) { write(packet); });
+    if (background_) {
+        background_->finish([this](AVPacket& packet) { write(packet); });
     } else {
         send(nullptr);
     }

@@ -3,10 +3,11 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 
+#include <MediaServer/Media/Codec/BackgroundEncoder.h>
 #include <MediaServer/Media/Codec/CodecTable.h>
-#include <MediaServer/Media/Codec/EncoderThread.h>
 #include <MediaServer/Media/Codec/Settings.h>
 #include <MediaServer/Media/Container/OutputFile.h>
 #include <MediaServer/Media/Foundation/AV.h>
@@ -21,10 +22,11 @@ public:
         float quality;  ///< in [0, 1], 0: standard
         const Settings& settings;
         bool highResolution = false;  ///< for PCM: 24 bits instead of 16
-        bool hasThread = false;       ///< encodes while the caller prepares the next frames
+        bool inBackground = false;    ///< encodes on other threads while the caller prepares the next frames
     };
     /// Fills in the properties of the media (size, formats, rates, time base) before the encoder is opened.
-    /// AVCodecContext::codec is already set and lists the formats that the encoder supports.
+    /// AVCodecContext::codec is already set and lists the formats that the encoder supports. If the request is for the
+    /// background, it may be called again until this object is destroyed, by encode().
     using Prepare = std::function<void(AVCodecContext& context)>;
 
     /// Opens the first of the codec's encoders that can be opened, and adds its stream to the output.
@@ -42,6 +44,7 @@ public:
     [[nodiscard]] AVStream& stream() const noexcept { return *stream_; }
 
 private:
+    [[nodiscard]] std::unique_ptr<BackgroundEncoder> makeBackground(const Request& request, const Prepare& prepare);
     void send(const AVFrame* frame);
     void write(AVPacket& packet);
     void makeTimesValid(AVPacket& packet);
@@ -49,7 +52,7 @@ private:
     OutputFile& output_;
     CodecContextPtr context_;
     AVStream* stream_ = nullptr;
-    std::optional<EncoderThread> thread_;
+    std::unique_ptr<BackgroundEncoder> background_;
     std::int64_t frames_ = 0;
     std::int64_t packets_ = 0;
     std::optional<std::int64_t> lastDts_;

@@ -2,7 +2,6 @@
 
 #include <MediaServer/Media/Codec/EncodeFrame.h>
 #include <MediaServer/Media/Codec/EncoderThread.h>
-#include <MediaServer/Media/Foundation/Failure.h>
 
 namespace krv::media {
 namespace {
@@ -61,12 +60,7 @@ void EncoderThread::deliver(const Ready& ready, const Sink& sink) {
     for (const PacketPtr& packet : ready.packets) {
         sink(*packet);
     }
-    if (ready.error == AVERROR(ENOMEM)) {
-        throw std::bad_alloc();
-    }
-    if (ready.error < 0) {
-        fail(FailureCause::InternalError, ready.error, "encoding");
-    }
+    check(ready.error);
 }
 
 void EncoderThread::run() {

@@ -2,34 +2,24 @@
 
 #include <condition_variable>
 #include <deque>
-#include <functional>
 #include <thread>
 
 #include <KRVQTProcessClient/Foundation/Mutex.h>
 
+#include <MediaServer/Media/Codec/BackgroundEncoder.h>
 #include <MediaServer/Media/Foundation/AV.h>
 
 namespace krv::media {
 
-/// Runs an encoder on a thread of its own, so that its caller can decode and filter meanwhile. For encoders that have
-/// no threads themselves, such as those of audio. Packets are delivered on the caller's thread. Not thread-safe.
-class EncoderThread {
+/// Runs an encoder on one thread. For encoders that have no threads themselves, such as those of audio.
+class EncoderThread final : public BackgroundEncoder {
 public:
-    /// The packet may be taken.
-    using Sink = std::function<void(AVPacket& packet)>;
-
     /// Borrows an open encoder, which nothing else may use until this object is destroyed.
     explicit EncoderThread(AVCodecContext& encoder);
-    /// Drops what is not yet encoded.
-    ~EncoderThread();
-    EncoderThread(const EncoderThread&) = delete;
-    EncoderThread& operator=(const EncoderThread&) = delete;
+    ~EncoderThread() override;
 
-    /// Queues a frame and delivers the packets that are ready. Waits while the queue is full. Throws Failure
-    /// InternalError if the encoder has failed.
-    void push(FramePtr frame, const Sink& sink);
-    /// Waits until all frames are encoded and delivers the remaining packets. Throws as push() does.
-    void finish(const Sink& sink);
+    void push(FramePtr frame, const Sink& sink) override;
+    void finish(const Sink& sink) override;
 
 private:
     void run();
