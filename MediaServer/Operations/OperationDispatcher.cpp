@@ -217,11 +217,14 @@ void OperationDispatcher::progress(const Ref& request, const Reply& reply) {
         answer();
         return;
     }
+    // A client that waits half a second between its requests would learn that much later of the end, so such a client
+    // is not told before it.
+    const double news = ledger_.endsWithin(kHoldProgress, id) ? 1 : before->progress + OperationLedger::kVisibleChange;
     held_.hold(
         kHoldProgress,
-        [this, id, was = before->progress] {
+        [this, id, news] {
             const auto state = ledger_.snapshot(id);
-            return !state || state->ended || state->progress - was >= OperationLedger::kVisibleChange;
+            return !state || state->ended || state->progress >= news;
         },
         answer);
 }

@@ -215,10 +215,24 @@ std::optional<OperationLedger::Snapshot> OperationLedger::tell(const std::string
     operation->endTold |= operation->state == State::Finished;
     count(*operation);
     Snapshot snapshot = snapshotOf(*operation);
+    operation->told = ServerOperation::Told{clock_(), snapshot.progress};
     if (operation->state == State::Queued) {
         snapshot.before = countBefore(*operation);
     }
     return snapshot;
+}
+
+bool OperationLedger::endsWithin(std::chrono::milliseconds time, const std::string& id) const {
+    const LockGuard lock(mutex_);
+    const auto operation = find(id);
+    if (!operation || operation->state != State::Running || !operation->told) {
+        return false;
+    }
+    const auto& [when, progress] = *operation->told;
+    const auto passed = clock_() - when;
+    const double done = operation->progress.value() - progress;
+    const double left = 1 - operation->progress.value();
+    return passed >= kShortestPolling && left * std::chrono::duration<double>(passed) <= done * time;
 }
 
 std::size_t OperationLedger::countBefore(const ServerOperation& waiting) const {

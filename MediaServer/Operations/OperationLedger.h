@@ -56,6 +56,8 @@ public:
     /// This many problems are remembered for activity(), each shortened to kLongestSentence bytes.
     static constexpr std::size_t kMostProblems = 20;
     static constexpr std::size_t kLongestSentence = 1000;
+    /// A client that does not ask at once when it has been told something waits at least this long.
+    static constexpr std::chrono::milliseconds kShortestPolling{400};
     /// A change of progress that is worth a reply.
     static constexpr double kVisibleChange = 0.005;
 
@@ -89,6 +91,9 @@ public:
     [[nodiscard]] std::optional<Snapshot> snapshot(const std::string& id) const;
     /// Returns all of it, for a reply to a client: if the operation has ended, the client knows it from now on.
     [[nodiscard]] std::optional<Snapshot> tell(const std::string& id);
+    /// Returns whether a running operation whose client asks now will probably end within this time: if it goes on as
+    /// fast as since its client was told last. False if that was less than kShortestPolling ago or has never been.
+    [[nodiscard]] bool endsWithin(std::chrono::milliseconds time, const std::string& id) const;
     /// Returns the record of a media operation with what has come of it so far. Nothing for other entries and unknown
     /// identifiers.
     [[nodiscard]] std::optional<KRVOperationBase::Ref> record(const std::string& id);

@@ -53,6 +53,12 @@ struct ServerOperation {
     /// What the kept records take, in bytes.
     std::size_t requestBytes = 0;
     std::size_t resultBytes = 0;
+    /// What a client was told last.
+    struct Told {
+        Time when;
+        double progress;
+    };
+    std::optional<Told> told;
     /// Whether a client has been told how it ended.
     bool endTold = false;
     /// Whether a client has fetched the finished record.

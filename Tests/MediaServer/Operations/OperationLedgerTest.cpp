@@ -38,6 +38,28 @@ TEST_F(Ledger, ProgressNeverGoesBackwardsAndIsOneOnlyAtTheEnd) {
     EXPECT_LT(ledger.snapshot(operation->id)->progress, 1.0);
 }
 
+TEST_F(Ledger, ForeseesTheEndForAClientThatAsksSeldom) {
+    using std::chrono_literals::operator""ms;
+    const auto operation = add();
+    const auto job = started(0);
+    job->report(0.5);
+    EXPECT_FALSE(ledger.endsWithin(400ms, operation->id)) << "nobody has asked";
+    (void)ledger.tell(operation->id);
+    job->report(0.8);
+    EXPECT_FALSE(ledger.endsWithin(400ms, operation->id)) << "it was asked a moment ago";
+    seconds += 1;
+    EXPECT_FALSE(ledger.endsWithin(400ms, operation->id)) << "another two thirds of a second";
+    job->report(0.9);
+    EXPECT_TRUE(ledger.endsWithin(400ms, operation->id));
+    (void)ledger.tell(operation->id);
+    seconds += 1;
+    EXPECT_FALSE(ledger.endsWithin(400ms, operation->id)) << "it does not advance";
+    job->end.set_value(completed());
+    (void)waitForEnd(operation->id);
+    EXPECT_FALSE(ledger.endsWithin(400ms, operation->id)) << "it has ended";
+    EXPECT_FALSE(ledger.endsWithin(400ms, "nobody"));
+}
+
 TEST_F(Ledger, AWaitingOperationCreepsOnlyWhileARunningOneReports) {
     add();
     const auto waiting = add();
