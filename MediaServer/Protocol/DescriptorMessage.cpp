@@ -13,7 +13,7 @@ using Control = std::array<char, CMSG_SPACE(sizeof(int) * kMostDescriptorsAtOnce
 
 }  // namespace
 
-ssize_t sendWithDescriptors(int socket, std::span<const std::byte> bytes, std::span<const int> files) {
+ssize_t sendWithDescriptors(int socket, std::span<const std::byte> bytes, std::span<const int> files, int flags) {
     alignas(cmsghdr) Control control{};
     iovec part{const_cast<std::byte*>(bytes.data()), bytes.size()};
     msghdr message{};
@@ -29,7 +29,7 @@ ssize_t sendWithDescriptors(int socket, std::span<const std::byte> bytes, std::s
         std::memcpy(CMSG_DATA(header), files.data(), files.size_bytes());
     }
     ssize_t count = 0;
-    while ((count = ::sendmsg(socket, &message, MSG_NOSIGNAL)) < 0 && errno == EINTR) {
+    while ((count = ::sendmsg(socket, &message, flags | MSG_NOSIGNAL)) < 0 && errno == EINTR) {
     }
     return count;
 }

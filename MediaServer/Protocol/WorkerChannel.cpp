@@ -34,7 +34,7 @@ std::uint32_t lengthIn(std::span<const std::byte> head) {
 
 }  // namespace
 
-bool WorkerChannel::send(const KRVOperationBase& record, const std::vector<int>& files) {
+bool WorkerChannel::send(const KRVOperationBase& record, const std::vector<int>& files, const OnFull& onFull) {
     const Data body = record.convertToData();
     if (body.size() > kLongestMessage || files.size() > kMostFiles) {
         return false;
@@ -53,8 +53,12 @@ bool WorkerChannel::send(const KRVOperationBase& record, const std::vector<int>&
         const bool moreAfter = filesSent + now.size() < files.size();
         // Each group of descriptors goes with one byte, the last group with all remaining bytes.
         const auto part = std::span<const std::byte>(bytes).subspan(sent, moreAfter ? 1 : bytes.size() - sent);
-        const ssize_t count = sendWithDescriptors(socket_.get(), part, now);
+        const ssize_t count = sendWithDescriptors(socket_.get(), part, now, onFull ? MSG_DONTWAIT : 0);
         if (count < 0) {
+            const bool full = onFull && (errno == EAGAIN || errno == EWOULDBLOCK);
+            if (full && onFull()) {
+                continue;
+            }
             return false;
         }
         filesSent += now.size();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -29,8 +30,12 @@ public:
 
     [[nodiscard]] int descriptor() const noexcept { return socket_.get(); }
 
-    /// Sends a record and descriptors, which are borrowed. Returns false if the peer has closed its end.
-    bool send(const KRVOperationBase& record, const std::vector<int>& files = {});
+    /// Called when the peer has not read enough for more to be sent. Returns whether to try again.
+    using OnFull = std::function<bool()>;
+
+    /// Sends a record and descriptors, which are borrowed. Never blocks if there is onFull, which may wait. Returns
+    /// false if the peer has closed its end or onFull has returned false; the channel is of no use then.
+    bool send(const KRVOperationBase& record, const std::vector<int>& files = {}, const OnFull& onFull = {});
     /// For the worker's end: blocks until the next message. Returns nothing at the end of the stream and for an invalid
     /// message.
     std::optional<Message> receive();

@@ -73,6 +73,60 @@ private:
     const KRVOperationBase* const request_;
 };
 
+/// Watches a worker that is not to be waited for without an end.
+class JobRunner::Watch {
+public:
+    Watch(const JobRunner& runner, const Cancellation& cancellation, const std::function<void()>& onSilence)
+        : runner_(runner)
+        , cancellation_(cancellation)
+        , onSilence_(onSilence) {}
+
+    /// To be called when the worker has done something.
+    void advanced() { since_ = Clock::now(); }
+    /// Waits for events of poll() on the worker's channel. Returns why the worker is to be given up, if it is.
+    [[nodiscard]] std::optional<Followed> wait(int channel, short events) {
+        std::array<pollfd, 2> waiting{{{channel, events, 0}, {cancellation_.descriptor(), POLLIN, 0}}};
+        const auto next = silent() ? stalledAt() : std::min(stalledAt(), since_ + runner_.silence_);
+        const int ready =
+            ::poll(waiting.data(), waiting.size(), next == Clock::time_point::max() ? -1 : timeoutUntil(next));
+        if (ready < 0 && errno != EINTR) {
+            return Followed::Exited;
+        }
+        if (cancellation_.requested()) {
+            return Followed::Cancelled;
+        }
+        return ready == 0 ? overdue() : std::nullopt;
+    }
+    /// Returns whether the worker has done nothing for too long. To be called only if nothing is waiting from it: this
+    /// process may have been stopped itself.
+    [[nodiscard]] std::optional<Followed> overdue() {
+        const auto now = Clock::now();
+        if (now >= stalledAt()) {
+            return Followed::Stalled;
+        }
+        if (!silent() && now >= since_ + runner_.silence_) {
+            told_ = true;
+            onSilence_();
+        }
+        return std::nullopt;
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    /// Returns whether there is nobody to tell of silence, or no more.
+    [[nodiscard]] bool silent() const { return told_ || !onSilence_; }
+    [[nodiscard]] Clock::time_point stalledAt() const {
+        return runner_.stallLimit_.count() > 0 ? since_ + runner_.stallLimit_ : Clock::time_point::max();
+    }
+
+    const JobRunner& runner_;
+    const Cancellation& cancellation_;
+    const std::function<void()>& onSilence_;
+    Clock::time_point since_ = Clock::now();
+    bool told_ = false;
+};
+
 std::vector<JobRunner::BusyWorker> JobRunner::busy() const {
     const LockGuard lock(mutex_);
     return busy_;
@@ -92,9 +146,15 @@ Outcome JobRunner::run(const KRVOperationBase& request, const std::vector<int>& 
         bool begun = false;
         WorkerChannel::Message report;
         const Busy busy(*this, {worker->pid(), &request});
-        const Followed followed = worker->channel.send(request, files)
-                                      ? follow(worker->channel, cancellation, onProgress, begun, report, onSilence)
-                                      : Followed::Exited;
+        Watch watch(*this, cancellation, onSilence);
+        std::optional<Followed> givenUp;
+        const auto waitForRoom = [&] {
+            givenUp = watch.wait(worker->channel.descriptor(), POLLOUT);
+            return !givenUp;
+        };
+        const Followed followed = worker->channel.send(request, files, waitForRoom)
+                                      ? follow(worker->channel, watch, onProgress, begun, report)
+                                      : givenUp.value_or(Followed::Exited);
         if (followed == Followed::Reported && !hasOutput(request)) {
             workers_.release(std::move(worker));
             return outcomeOf(request, *report.record, report.size);
@@ -131,24 +191,12 @@ Outcome JobRunner::run(const KRVOperationBase& request, const std::vector<int>& 
     return failed(makeError(request, {.cause = FailureCause::WorkerDidNotStart, .reason = failure}));
 }
 
-JobRunner::Followed JobRunner::follow(WorkerChannel& channel, const Cancellation& cancellation,
+JobRunner::Followed JobRunner::follow(WorkerChannel& channel, Watch& watch,
                                       const std::function<void(double)>& onProgress, bool& begun,
-                                      WorkerChannel::Message& report, const std::function<void()>& onSilence) const {
-    using Clock = std::chrono::steady_clock;
-    auto reported = Clock::now();
-    bool silent = !onSilence;
+                                      WorkerChannel::Message& report) {
     for (;;) {
-        const auto stalled = stallLimit_.count() > 0 ? reported + stallLimit_ : Clock::time_point::max();
-        const auto next = silent ? stalled : std::min(stalled, reported + silence_);
-        std::array<pollfd, 2> waiting{{{channel.descriptor(), POLLIN, 0}, {cancellation.descriptor(), POLLIN, 0}}};
-        if (::poll(waiting.data(), waiting.size(), next == Clock::time_point::max() ? -1 : timeoutUntil(next)) < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return Followed::Exited;
-        }
-        if (cancellation.requested()) {
-            return Followed::Cancelled;
+        if (const auto givenUp = watch.wait(channel.descriptor(), POLLIN)) {
+            return *givenUp;
         }
         bool ended = false;
         auto message = channel.receiveAvailable(ended);
@@ -156,19 +204,13 @@ JobRunner::Followed JobRunner::follow(WorkerChannel& channel, const Cancellation
             return Followed::Exited;
         }
         if (!message) {
-            // Only now: if this process has been stopped itself, the worker's messages are waiting.
-            const auto now = Clock::now();
-            if (now >= stalled) {
-                return Followed::Stalled;
-            }
-            if (!silent && now >= reported + silence_) {
-                silent = true;
-                onSilence();
+            if (const auto givenUp = watch.overdue()) {
+                return *givenUp;
             }
             continue;
         }
         begun = true;
-        reported = Clock::now();
+        watch.advanced();
         switch (message->record->operationType()) {
         case OpReadyToProcessRequests:
             break;

@@ -21,8 +21,9 @@ namespace krv::server {
 /// Whatever happens to that process affects this operation only.
 class JobRunner {
 public:
-    /// workers: supplies the processes; must outlive this object. stallLimit: how long a worker may report nothing
-    /// before it is killed; 0 for ever. Time in which the machine sleeps does not count. silence: see run().
+    /// workers: supplies the processes; must outlive this object. stallLimit: how long a worker may report nothing, or
+    /// not read its request, before it is killed; 0 for ever. Time in which the machine sleeps does not count.
+    /// silence: see run().
     explicit JobRunner(WorkerPool& workers, std::chrono::milliseconds stallLimit = {},
                        std::chrono::milliseconds silence = std::chrono::seconds(10))
         : workers_(workers)
@@ -30,7 +31,7 @@ public:
         , silence_(silence) {}
 
     /// Blocks until the work has ended. onProgress is called on this thread with the fraction that the worker reports.
-    /// onSilence is called once on this thread if the worker reports nothing for a while, because its source is on a
+    /// onSilence is called once on this thread if the worker does nothing for a while, because its source is on a
     /// drive that does not respond, for instance; it may be empty. Thread-safe.
     /// files: the sources in order and then, where the request has a destination, the file to write; borrowed.
     [[nodiscard]] Outcome run(const KRVOperationBase& request, const std::vector<int>& files,
@@ -51,12 +52,13 @@ private:
     class Busy;
     /// What following a worker came to.
     enum class Followed { Reported, Cancelled, Stalled, Exited };
+    class Watch;
     /// Waits until the worker reports its end in `report`, is no longer wanted, reports nothing for too long, or
     /// has exited or sent an invalid message.
     /// begun: set when the worker has confirmed that it has the job.
-    [[nodiscard]] Followed follow(WorkerChannel& channel, const Cancellation& cancellation,
-                                  const std::function<void(double)>& onProgress, bool& begun,
-                                  WorkerChannel::Message& report, const std::function<void()>& onSilence) const;
+    [[nodiscard]] static Followed follow(WorkerChannel& channel, Watch& watch,
+                                         const std::function<void(double)>& onProgress, bool& begun,
+                                         WorkerChannel::Message& report);
 
     WorkerPool& workers_;
     const std::chrono::milliseconds stallLimit_;

@@ -63,6 +63,41 @@ TEST_P(LyingWorkers, AreToldOfWhenTheyAreSilent) {
     EXPECT_EQ(silences, 1);
 }
 
+/// Workers that do not even read their request, because they have been stopped, for instance.
+class DeafWorkers : public LyingWorkers {
+protected:
+    /// Returns a request that is larger than what a socket holds for a peer that does not read.
+    static KRVOperationBase::Ref request() {
+        constexpr std::size_t kLarge = std::size_t{1} << 22;
+        return KRVOperationBase::provideMetadataFor("/" + std::string(kLarge, 'a'));
+    }
+};
+
+TEST_P(DeafWorkers, DoNotKeepALargeJobFromBeingCancelled) {
+    auto outcome =
+        std::async(std::launch::async, [&] { return runner_.run(*request(), {}, cancellation_, [](double) {}); });
+    test::waitUntil([&] { return !runner_.busy().empty(); });
+    cancellation_.request();
+    EXPECT_EQ(outcome.get().kind, Outcome::Kind::Cancelled);
+}
+
+TEST_P(DeafWorkers, AreKilledWhenTheyReadNothingForTooLong) {
+    const JobRunner impatient(pool_, std::chrono::milliseconds(1));
+    const Outcome outcome = impatient.run(*request(), {}, cancellation_, [](double) {});
+    ASSERT_EQ(outcome.kind, Outcome::Kind::Failed);
+    EXPECT_EQ(outcome.error->code(), 7);
+}
+
+TEST_P(DeafWorkers, AreToldOfWhenTheyReadNothing) {
+    const JobRunner runner(pool_, {}, std::chrono::milliseconds(1));
+    const Outcome outcome = runner.run(
+        *request(), {}, cancellation_, [](double) {}, [&] { cancellation_.request(); });
+    EXPECT_EQ(outcome.kind, Outcome::Kind::Cancelled);
+}
+
+INSTANTIATE_TEST_SUITE_P(Requests, DeafWorkers, testing::Values("Silent"),
+                         [](const auto& test) { return std::string(test.param); });
+
 class LyingReports : public LyingWorkers {
 protected:
     /// Asks for two thumbnails with an output that the worker leaves as it is.
