@@ -131,27 +131,32 @@ std::optional<Failure> AtomicOutput::place() {
             return destination_.unwritable(errno);
         }
     }
-    return replace() ? std::nullopt : std::optional(destination_.unwritable(errno));
+    return replace();
 }
 
-bool AtomicOutput::replace() {
+std::optional<Failure> AtomicOutput::replace() {
     const int folder = destination_.folder();
     const char* const hidden = hidden_.c_str();
     const char* const name = destination_.name().c_str();
     if (::renameat2(folder, hidden, folder, name, RENAME_EXCHANGE) == 0) {
+        // A folder or a link may have taken the old file's place since place() looked, while the file was flushed.
+        auto refusal = refusalToReplace(folder, hidden_, destination_.path());
+        if (refusal && ::renameat2(folder, hidden, folder, name, RENAME_EXCHANGE) == 0) {
+            return refusal;
+        }
         placed_ = Placed::Exchanged;
-        return true;
+        return std::nullopt;
     }
     if (errno != ENOENT && errno != EINVAL && errno != ENOSYS) {
-        return false;
+        return destination_.unwritable(errno);
     }
     const bool isNew = ::faccessat(folder, name, F_OK, AT_SYMLINK_NOFOLLOW) != 0;
     if (::renameat(folder, hidden, folder, name) != 0) {
-        return false;
+        return destination_.unwritable(errno);
     }
     hidden_.clear();
     placed_ = isNew ? Placed::New : Placed::No;
-    return true;
+    return std::nullopt;
 }
 
 void AtomicOutput::takeBack() {

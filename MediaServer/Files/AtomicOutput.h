@@ -52,7 +52,7 @@ private:
     [[nodiscard]] bool openUnnamed();
     [[nodiscard]] bool openHidden();
     enum class Placed { No, New, Exchanged };
-    [[nodiscard]] bool replace();
+    [[nodiscard]] std::optional<Failure> replace();
     void takeBack();
     [[nodiscard]] bool linkTo(const std::string& name) const;
     void chooseHiddenName();

@@ -1,5 +1,7 @@
 // Where outputs land, and which destinations are refused before any work.
 #include <cerrno>
+#include <functional>
+#include <utility>
 #include <vector>
 
 #include <sys/socket.h>
@@ -19,12 +21,21 @@ std::vector<fs::path>& flushedFolders() {
     return folders;
 }
 
+/// What another program does while the next file is flushed.
+std::function<void()>& duringNextFlush() {
+    static std::function<void()> act;
+    return act;
+}
+
 }  // namespace
 }  // namespace krv::server
 
 /// Takes the place of the system library's in this program, and records the folders.
 extern "C" int fsync(int file) {
     struct stat status {};
+    if (const auto act = std::exchange(krv::server::duringNextFlush(), {})) {
+        act();
+    }
     if (::fstat(file, &status) == 0 && S_ISDIR(status.st_mode)) {
         krv::server::flushedFolders().push_back(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file)));
     }
@@ -203,6 +214,35 @@ TEST_F(Destinations, HaveTheirFolderFlushedOnceTheyAreInPlace) {
         EXPECT_FALSE(commit(*output));
         EXPECT_THAT(flushedFolders(), testing::Contains(fs::canonical(out)));
     }
+}
+
+TEST_F(Destinations, ThatBecomeSomethingElseAtTheLastMomentAreLeftAlone) {
+    const auto insteadOf = [&](const std::function<void()>& make) {
+        fs::remove_all(destination);
+        std::ofstream(destination) << "old";
+        const auto output = open(destination);
+        write(*output, "new");
+        duringNextFlush() = [&] {
+            fs::remove(destination);
+            make();
+        };
+        return commit(*output);
+    };
+    const auto folderRefused = insteadOf([&] {
+        fs::create_directory(destination);
+        std::ofstream(destination / "kept") << "kept";
+    });
+    ASSERT_TRUE(folderRefused);
+    EXPECT_EQ(folderRefused->errorNumber, EISDIR);
+    EXPECT_EQ(contents(destination / "kept"), "kept");
+    EXPECT_EQ(filesInFolder(), 1U);
+
+    const auto linkRefused = insteadOf([&] { fs::create_symlink("elsewhere", destination); });
+    ASSERT_TRUE(linkRefused);
+    EXPECT_EQ(linkRefused->cause, FailureCause::DestinationIsNotAFile);
+    EXPECT_EQ(fs::read_symlink(destination), "elsewhere");
+    EXPECT_EQ(filesInFolder(), 1U);
+    EXPECT_EQ(notes(), 0U);
 }
 
 TEST_F(Destinations, ThatBecameReadOnlyAreNotReplaced) {
