@@ -20,10 +20,21 @@ Failure unusable(FailureCause cause, std::size_t source, int errorNumber = 0) {
     return {.cause = cause, .errorNumber = errorNumber, .source = source};
 }
 
+Descriptor openToRead(const std::string& path) {
+    constexpr int kRead = O_RDONLY | O_CLOEXEC | O_NOCTTY;
+    // A pipe without a writer must not hold the server up.
+    Descriptor file(::open(path.c_str(), kRead | O_NONBLOCK));
+    if (!file && errno == EWOULDBLOCK) {
+        // Another program has a lease on this regular file, as file servers do. The kernel now waits for it to give the
+        // lease up, and takes it away if that lasts too long.
+        file.reset(::open(path.c_str(), kRead));
+    }
+    return file;
+}
+
 Descriptor openSource(const std::string& path, std::size_t number, struct stat& status,
                       std::optional<Failure>& failure) {
-    // A pipe without a writer must not hold the server up.
-    Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    Descriptor file = openToRead(path);
     if (!file || ::fstat(file.get(), &status) != 0) {
         failure = unusable(FailureCause::UnreadableSource, number, errno);
         return {};
