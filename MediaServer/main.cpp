@@ -2,8 +2,9 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <memory>
+#include <system_error>
 #include <thread>
+#include <utility>
 
 #include <sys/resource.h>
 #include <sys/signalfd.h>
@@ -33,8 +34,7 @@ constexpr std::int64_t kDefaultIdleSeconds = 600;
 constexpr std::string_view kWorkerStallLimitKey = "workerStallLimit";
 constexpr std::int64_t kDefaultStallSeconds = 900;
 /// In MiB. The default is an equal share of the machine's memory for each worker that may run at the same time, at
-/// least
-/// 1 GiB and at most 8 GiB.
+/// least 1 GiB and at most 8 GiB.
 constexpr std::string_view kWorkerMemoryLimitKey = "workerMemoryLimit";
 
 /// How long the start waits for what an earlier server has left. The clean-up goes on after that.
@@ -89,6 +89,16 @@ std::uint64_t workerMemory(const UserDefaults& defaults) {
            << 20;
 }
 
+/// Runs the server until it is to exit. Returns the process's exit status.
+int serve(ServerProcess::Settings settings, int signals) {
+    try {
+        return ServerProcess(std::move(settings)).run(signals);
+    } catch (const std::system_error& failure) {
+        fmt::print(stderr, "KRVQuicktimeProcess: cannot start: {}\n", failure.code().message());
+        return 1;
+    }
+}
+
 }  // namespace
 
 int main() {
@@ -116,19 +126,18 @@ int main() {
     (void)blockingCalls.run([](const BlockingCalls::Report&) { OperationFiles::sweep(); }, {.limit = kPatience});
 
     const InstalledProgram program;
-    auto server = std::make_unique<ServerProcess>(ServerProcess::Settings{
-        .minimumPort = PortNumbering::minimumPortNumber(),
-        .maximumPort = PortNumbering::maximumPortNumber(),
-        .serviceName = ServerNaming::machineSpecificNameFor(kHTTPServerDiscoveryDefaultServiceName),
-        .program = program,
-        .workerExecutable = (program.path().parent_path() / "KRVMediaWorker").string(),
-        .workerMemory = workerMemory(defaults),
-        .workerStallLimit = workerStallLimit(defaults),
-        .executors = std::max(std::thread::hardware_concurrency(), 1U),
-        .blockingCalls = blockingCalls,
-        .idleTimeout = idleTimeout(defaults)});
-    const int status = server->run(signals);
-    server.reset();
+    const int status =
+        serve({.minimumPort = PortNumbering::minimumPortNumber(),
+               .maximumPort = PortNumbering::maximumPortNumber(),
+               .serviceName = ServerNaming::machineSpecificNameFor(kHTTPServerDiscoveryDefaultServiceName),
+               .program = program,
+               .workerExecutable = (program.path().parent_path() / "KRVMediaWorker").string(),
+               .workerMemory = workerMemory(defaults),
+               .workerStallLimit = workerStallLimit(defaults),
+               .executors = std::max(std::thread::hardware_concurrency(), 1U),
+               .blockingCalls = blockingCalls,
+               .idleTimeout = idleTimeout(defaults)},
+              signals);
     blockingCalls.waitForCleanUp();
     lock.release();
     if (blockingCalls.abandoned() > 0) {

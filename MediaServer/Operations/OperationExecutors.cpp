@@ -16,13 +16,22 @@ OperationExecutors::OperationExecutors(OperationLedger& ledger, unsigned longThr
     : ledger_(ledger)
     , work_(std::move(work))
     , usual_(std::max(longThreads, 1U) + 1) {
-    for (unsigned i = 0; i < std::max(longThreads, 1U); ++i) {
-        start(Duration::Long);
+    try {
+        for (unsigned i = 0; i < std::max(longThreads, 1U); ++i) {
+            start(Duration::Long);
+        }
+        start(Duration::Short);
+    } catch (const std::system_error&) {
+        end();
+        throw;
     }
-    start(Duration::Short);
 }
 
 OperationExecutors::~OperationExecutors() {
+    end();
+}
+
+void OperationExecutors::end() {
     ledger_.stop();
     const LockGuard lock(mutex_);
     while (threads_ > 0) {

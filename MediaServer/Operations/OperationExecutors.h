@@ -23,7 +23,8 @@ public:
         std::function<Outcome(const KRVOperationBase::Ref& request, const Cancellation& cancellation,
                               const std::function<void(double)>& onProgress, const std::function<void()>& onDelay)>;
 
-    /// Starts the threads: longThreads, at least 1, for long operations. ledger must outlive this object.
+    /// Starts the threads: longThreads, at least 1, for long operations. ledger must outlive this object. Throws
+    /// std::system_error if there is no thread.
     OperationExecutors(OperationLedger& ledger, unsigned longThreads, Work work);
     /// Stops the ledger and waits for the threads, whose operations are cancelled.
     ~OperationExecutors();
@@ -35,6 +36,8 @@ private:
     static constexpr std::size_t kMostReplaced = 16;
 
     void start(OperationLedger::Duration duration);
+    /// Stops the ledger and waits for the threads.
+    void end();
     [[nodiscard]] bool isFull();
     void run(OperationLedger::Duration duration);
 

@@ -9,6 +9,7 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 
+#include "OtherUserProcess.h"
 #include "ServerFixture.h"
 
 namespace krv::server {
@@ -186,6 +187,21 @@ TEST_F(Shortage, AWorkerWithoutMemoryFailsItsOwnOperationOnly) {
     EXPECT_EQ(filesInOut(), 2U);
     EXPECT_EQ(status()["pid"], process->pid());
     EXPECT_EQ(convert(movie(), out()), nullptr);
+}
+
+TEST_F(Shortage, AServerThatMayNotStartItsThreadsSaysSoAndExits) {
+    using Other = test::OtherUserProcess;
+    if (!Other([] { return ::access(KRV_SERVER, X_OK) == 0; }).succeeded()) {
+        GTEST_SKIP() << "only root can become another user, who may have to be let into the build folder";
+    }
+    ASSERT_EQ(::chown(folder.path().c_str(), Other::kUser, Other::kUser), 0);
+    for (const int processes : {1, 2, 4}) {
+        ChildProcess server({"setpriv", fmt::format("--reuid={}", Other::kUser),
+                             fmt::format("--regid={}", Other::kUser), "--clear-groups", "prlimit",
+                             fmt::format("--nproc={}", processes), "sh", "-c", "exec \"$1\" 2>&1", "sh", KRV_SERVER});
+        EXPECT_EQ(server.readAll(), "KRVQuicktimeProcess: cannot start: Resource temporarily unavailable\n");
+        EXPECT_EQ(server.wait(), 1) << processes;
+    }
 }
 
 /// The server without free descriptors.
