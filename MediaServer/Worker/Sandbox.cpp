@@ -14,8 +14,8 @@
 //     library that tries an optional call continues without it. clone3 fails with ENOSYS because a filter cannot read
 //     its arguments; the C library then uses clone, whose flags a filter can check. Calls that are newer than the list
 //     fail with ENOSYS too.
-//   - Limits on writable memory and open descriptors; no core files. An allocation beyond the limit fails, and with it
-//     the operation.
+//   - Limits on writable memory, the stack, open descriptors and queued signals; no core files. An allocation beyond the
+//     limit fails, and with it the operation.
 //
 // The filter lists what is denied, not what is allowed. A list of allowed calls would be easier to reason about. But
 // codecs and the C library make different calls on different processors and in different versions, and each call
@@ -121,12 +121,15 @@ constexpr std::initializer_list<const char*> kDeniedCalls{
     // memory beside the limit
     "memfd_create", "memfd_secret", "shmget", "shmat", "shmctl", "shmdt", "semget", "semctl", "semop", "semtimedop",
     "semtimedop_time64", "msgget", "msgctl", "msgsnd", "msgrcv", "mq_open", "mq_unlink", "io_setup",
+    // of which the user, not the process, has a limited number
+    "epoll_create", "epoll_create1",
     // programs, processes and what they belong to
     "execve", "execveat", "fork", "vfork", "setns", "unshare", "setsid", "setpgid",
     // other processes
     "ptrace", "process_vm_readv", "process_vm_writev", "pidfd_open", "pidfd_getfd", "pidfd_send_signal", "kcmp",
-    "process_madvise", "process_mrelease", "tkill", "rt_sigqueueinfo", "rt_tgsigqueueinfo", "setpriority", "ioprio_set",
-    "sched_setscheduler", "sched_setparam", "sched_setattr", "sched_setaffinity", "move_pages", "migrate_pages",
+    "process_madvise", "process_mrelease", "get_robust_list", "tkill", "rt_sigqueueinfo", "rt_tgsigqueueinfo",
+    "setpriority", "ioprio_set", "sched_setscheduler", "sched_setparam", "sched_setattr", "sched_setaffinity",
+    "move_pages", "migrate_pages",
     // the machine
     "sync", "syncfs", "quotactl", "quotactl_fd", "swapon", "swapoff", "acct", "pivot_root", "mount", "umount",
     "umount2", "move_mount", "open_tree", "fsopen", "fsconfig", "fsmount", "fspick", "mount_setattr", "bpf",
@@ -158,6 +161,15 @@ constexpr std::initializer_list<int> kDeniedFileCommands{
 /// Denied commands of prctl: with them, a worker could outlive its server or let others look into it.
 constexpr std::initializer_list<int> kDeniedProcessCommands{PR_SET_PDEATHSIG, PR_SET_DUMPABLE, PR_SET_PTRACER,
                                                             PR_SET_CHILD_SUBREAPER, PR_SET_MM};
+
+/// The main thread's stack is at most this large.
+constexpr rlim_t kLargestStack = rlim_t{64} << 20;
+
+/// Returns an address below the main thread's stack and above everything else that is mapped. To be called on the main
+/// thread. The kernel leaves a gap of at least 128 MiB there.
+scmp_datum_t belowStack() {
+    return reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0)) - kLargestStack;
+}
 
 /// Returns a comparison with an argument of a call. The library's macros for this are not valid C++.
 constexpr scmp_arg_cmp argument(unsigned index, scmp_compare comparison, scmp_datum_t a, scmp_datum_t b = 0) {
@@ -245,8 +257,10 @@ void denyCalls(CallFilter& filter, Stage stage) {
     // RLIMIT_DATA counts private memory only.
     constexpr scmp_datum_t kSharedAnonymous = MAP_SHARED | MAP_ANONYMOUS;
     filter.denyIf(SCMP_SYS(mmap), argument(3, SCMP_CMP_MASKED_EQ, kSharedAnonymous, kSharedAnonymous));
-    // Nor memory that grows downwards, which the kernel counts as stack.
+    // Nor memory that grows downwards, which the kernel counts as stack, and which a part of the stack stays when it is
+    // moved and enlarged.
     filter.denyIf(SCMP_SYS(mmap), argument(3, SCMP_CMP_MASKED_EQ, MAP_GROWSDOWN, MAP_GROWSDOWN));
+    filter.denyIf(SCMP_SYS(mremap), argument(0, SCMP_CMP_GE, belowStack()));
     if (stage == Stage::Worker) {
         denyProcesses(filter);
     }
@@ -310,12 +324,21 @@ void limit(__rlimit_resource resource, std::uint64_t value) {
     ::setrlimit(resource, &both);
 }
 
+/// Keeps the stack from growing any further than it may now. RLIMIT_DATA does not count it.
+void limitStack() {
+    rlimit stack{};
+    ::getrlimit(RLIMIT_STACK, &stack);
+    limit(RLIMIT_STACK, std::min(stack.rlim_cur, kLargestStack));
+}
+
 /// Sets what both kinds of process need.
 void prepare(const WorkerLimits& limits) {
     ::tzset();  // reads a file
     limit(RLIMIT_DATA, limits.memory);
+    limitStack();
     limit(RLIMIT_NOFILE, limits.descriptors);
     limit(RLIMIT_CORE, 0);
+    limit(RLIMIT_SIGPENDING, 0);  // each timer takes one of the user's, too
     ::prctl(PR_SET_DUMPABLE, 0);
     ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
 }

@@ -31,11 +31,12 @@ struct SandboxLayers {
 };
 
 /// Confines the calling process permanently to the descriptors that it holds, memory and processor time. Call it once,
-/// before any untrusted byte is read and while there is one thread.
+/// before any untrusted byte is read, on the main thread and while there is no other.
 ///
 /// Afterwards the process cannot open, create, change, rename, lock or watch anything by path; make a socket, pipe,
-/// memory file or process; execute a program; inspect, signal, limit or reprioritise another process; leave its process
-/// group or outlive its server; allocate writable memory beyond its limit; or gain privileges.
+/// memory file, timer or process; execute a program; inspect, signal, limit or reprioritise another process; leave its
+/// process group or outlive its server; allocate writable memory beyond its limit, with a stack of at most 64 MiB
+/// beside it; or gain privileges.
 ///
 /// It can still use:
 ///   - reading, writing, mapping and truncating the descriptors that it holds, as they were opened. Sources are open for
@@ -46,7 +47,7 @@ struct SandboxLayers {
 ///     getrusage, sched_getaffinity and the like), to read only.
 ///   - threads, which count against the user's process limit, and page tables, which count against no limit. Until it is
 ///     killed, a worker can use up kernel memory with them.
-///   - the scheduling of its own memory (mbind, madvise), its own signals, timers and threads, and processor time.
+///   - the scheduling of its own memory (mbind, madvise), its own signals and threads, and processor time.
 ///
 /// Skips protections that the kernel lacks and returns a phrase for each of them.
 std::vector<std::string> enterSandbox(const WorkerLimits& limits = {}, SandboxLayers layers = {});

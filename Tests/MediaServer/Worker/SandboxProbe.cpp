@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -17,6 +18,7 @@
 #include <linux/fs.h>
 #include <netinet/in.h>
 #include <sched.h>
+#include <sys/epoll.h>
 #include <sys/file.h>
 #include <sys/inotify.h>
 #include <sys/ioctl.h>
@@ -102,6 +104,11 @@ void attemptWhatWorkersDo(const Held& held) {
     attempt("use memory", [] {
         const std::vector<char> memory(64U << 20U, 'x');
         return static_cast<long>(memory.size());
+    });
+    attempt("enlarge memory", [] {
+        constexpr std::size_t kPage = 4096;
+        void* const memory = ::mmap(nullptr, kPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        return ::mremap(memory, kPage, 2 * kPage, MREMAP_MAYMOVE) == MAP_FAILED ? -1L : 0L;
     });
     attempt("ask for its limits", [] {
         rlimit limit{};
@@ -217,6 +224,11 @@ void attemptProcesses(const Held& held) {
         iovec there{&byte, 1};
         return ::process_vm_readv(held.other, &here, 1, &there, 1, 0);
     });
+    attempt("ask for another process's addresses", [&] {
+        void* head = nullptr;
+        std::size_t size = 0;
+        return ::syscall(SYS_get_robust_list, held.other, &head, &size);
+    });
     attempt("move another process's memory",
             [&] { return ::syscall(SYS_move_pages, held.other, 0, nullptr, nullptr, nullptr, 0); });
     attempt("migrate another process", [&] { return ::syscall(SYS_migrate_pages, held.other, 0, nullptr, nullptr); });
@@ -279,6 +291,16 @@ void attemptMemory(const Held& held) {
         constexpr int kKind = MAP_PRIVATE | MAP_ANONYMOUS | MAP_GROWSDOWN;
         return ::mmap(nullptr, 1, PROT_READ | PROT_WRITE, kKind, -1, 0) == MAP_FAILED ? -1L : 0L;
     });
+    attempt("enlarge the stack elsewhere", [] {
+        constexpr std::size_t kPage = 4096;
+        alignas(kPage) std::array<char, 2 * kPage> page{};
+        return ::mremap(page.data(), kPage, 512U << 20U, MREMAP_MAYMOVE) == MAP_FAILED ? -1L : 0L;
+    });
+    attempt("have a stack without a limit", [] {
+        constexpr rlim_t kLarge = 64U << 20U;
+        rlimit limit{};
+        return ::getrlimit(RLIMIT_STACK, &limit) != 0 || limit.rlim_max > kLarge ? 0L : (errno = EPERM, -1L);
+    });
     attempt("make a file in memory", [] { return ::memfd_create("memory", MFD_CLOEXEC); });
     attempt("make a pipe", [] {
         std::array<int, 2> ends{};
@@ -294,6 +316,13 @@ void attemptMemory(const Held& held) {
         const iovec part{&byte, 1};
         return ::vmsplice(held.pipe[1], &part, 1, 0);
     });
+    attempt("use up the user's timers", [] {
+        timer_t timer{};
+        return ::timer_create(CLOCK_MONOTONIC, nullptr, &timer) == 0 ? 0L
+               : errno == EAGAIN                                     ? (errno = EPERM, -1L)
+                                                                     : -1L;
+    });
+    attempt("use up the user's watches", [] { return ::epoll_create1(EPOLL_CLOEXEC); });
     attempt("make shared memory with a key", [] { return ::shmget(IPC_PRIVATE, 1, 0600); });
     attempt("delete others' shared memory", [] { return ::shmctl(kNoIdentifier, IPC_RMID, nullptr); });
     attempt("delete others' queues", [] { return ::msgctl(kNoIdentifier, IPC_RMID, nullptr); });

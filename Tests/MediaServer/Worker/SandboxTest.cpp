@@ -46,8 +46,8 @@ TEST_P(Sandbox, DeniesEverythingThatAWorkerDoesNotNeed) {
         }
         return attempts;
     };
-    EXPECT_EQ(readPart("done"), 13);
-    EXPECT_EQ(readPart("refused"), 88);
+    EXPECT_EQ(readPart("done"), 14);
+    EXPECT_EQ(readPart("refused"), 93);
     EXPECT_EQ(probe.wait(), -SIGABRT);
 
     EXPECT_EQ(::kill(bystander.pid(), 0), 0);
