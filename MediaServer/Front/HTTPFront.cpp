@@ -49,6 +49,9 @@ constexpr auto kSlowestRequest = 10s;
 constexpr std::size_t kLargestOnEventLoop = std::size_t{256} << 10;
 /// All bodies that are arriving, wait or are being decoded may take this many bytes.
 constexpr std::size_t kMostBodyBytes = std::size_t{256} << 20;
+/// All replies that are being sent may take this many bytes; small ones are not refused.
+constexpr std::size_t kMostReplyBytes = std::size_t{256} << 20;
+constexpr std::size_t kSmallReply = std::size_t{64} << 10;
 /// How long stop() waits for responses that are being sent.
 constexpr auto kFarewell = 3s;
 
@@ -84,6 +87,8 @@ struct Exchange {
     bool dispatched = false;
     /// How much of the body has been counted among all bodies.
     std::size_t bodySize = 0;
+    /// How much of the reply has been counted among all replies.
+    std::size_t replySize = 0;
     /// How long the body is to be, according to the headers.
     std::size_t announcedSize = 0;
     Refusal refusal;
@@ -206,6 +211,7 @@ struct HTTPFront::Internals {
     std::size_t mostConnections = kMostConnections;
     /// Changed on the event loop only.
     std::size_t bodyBytes = 0;
+    std::size_t replyBytes = 0;
     Mutex mutex;
     std::condition_variable_any exchangeEnded;
     std::condition_variable_any largeRecordArrived;
@@ -287,7 +293,9 @@ struct HTTPFront::Internals {
         auto& self = *static_cast<Internals*>(userdata);
         const bool wasExchange = *context != nullptr;
         if (wasExchange) {
-            self.forgetBody(**static_cast<ExchangeRef*>(*context));
+            Exchange& exchange = **static_cast<ExchangeRef*>(*context);
+            self.forgetBody(exchange);
+            self.replyBytes -= std::exchange(exchange.replySize, 0);
         }
         delete static_cast<ExchangeRef*>(*context);
         *context = nullptr;
@@ -446,11 +454,25 @@ struct HTTPFront::Internals {
         }
         const LockGuard lock(exchange->mutex);
         if (exchange->answer) {
-            return respond(connection, *exchange->answer);
+            return send(connection, *exchange);
         }
         exchange->suspended = true;
         MHD_suspend_connection(connection);
         return MHD_YES;
+    }
+
+    /// Sends the answer, unless clients leave too many large ones unread.
+    MHD_Result send(MHD_Connection* connection, Exchange& exchange) KRV_REQUIRES(exchange.mutex) {
+        const Answer& answer = *exchange.answer;
+        const std::size_t size = answer.bytes.size();
+        if (size > kSmallReply && replyBytes + size > kMostReplyBytes) {
+            exchange.answer->bytes = Data();
+            return respondText(connection, MHD_HTTP_SERVICE_UNAVAILABLE, "too many large replies at once\n");
+        }
+        replyBytes += exchange.replySize = size;
+        const MHD_Result result = respond(connection, answer);
+        Data().swap(exchange.answer->bytes);  // the HTTP library has a copy
+        return result;
     }
 
     /// Decodes the body of a request and hands the record over. If that throws, the thread must live on: it is the

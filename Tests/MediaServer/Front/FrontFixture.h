@@ -56,6 +56,13 @@ public:
             response.append(buffer, static_cast<std::size_t>(count));
         }
     }
+    /// Reads this many bytes of a response; fewer if the server closes the connection.
+    std::string receive(std::size_t size) const {
+        std::string start(size, '\0');
+        const ssize_t count = ::recv(socket_.get(), start.data(), start.size(), MSG_WAITALL);
+        start.resize(count < 0 ? 0 : static_cast<std::size_t>(count));
+        return start;
+    }
     std::string ask(std::string_view bytes) const {
         send(bytes);
         return receive();

@@ -169,6 +169,27 @@ TEST_F(Front, BoundsTheMemoryOfAllBodiesThatArrive) {
     });
 }
 
+TEST_F(Front, BoundsTheMemoryOfRepliesThatAreNotRead) {
+    const auto large = std::make_shared<R>();
+    large->setUniqueID(std::string((std::size_t{16} << 20) - 4096, 'x'));
+    onRequest = [&](const R::Ref& request, const HTTPFront::Reply& reply) {
+        reply(request->operationType() == OpReturnResult ? large : request);
+    };
+    const std::string forLarge = post(archived(R::returnResultForOperation("id")));
+    constexpr std::size_t kStatusLine = 12;
+    std::list<HTTPConnection> connections;
+    for (int i = 0; i < 16; ++i) {
+        connections.emplace_back(port).send(forLarge);
+        EXPECT_EQ(connections.back().receive(kStatusLine), "HTTP/1.1 200");
+    }
+    EXPECT_THAT(HTTPConnection(port).ask(forLarge), StartsWith("HTTP/1.1 503"));
+    EXPECT_THAT(HTTPConnection(port).ask(post(archived(R::readyToProcessRequestOperation()))),
+                StartsWith("HTTP/1.1 200"));
+    connections.clear();
+    // The room is free again when the server has seen that they are closed.
+    test::waitUntil([&] { return HTTPConnection(port).ask(forLarge).starts_with("HTTP/1.1 200"); });
+}
+
 TEST_F(Front, RefusesALargeBodyThatIsNotARecord) {
     EXPECT_THAT(HTTPConnection(port).ask(post(std::string(std::size_t{1} << 20, 'x'))), StartsWith("HTTP/1.1 400"));
     EXPECT_EQ(requests, 0);
