@@ -178,8 +178,14 @@ void shorten(std::string& text) {
     text += kEllipsis;
 }
 
+/// Returns the last name in a path, which may have slashes behind it.
 std::string fileName(const std::string& path) {
-    std::string name = path.substr(path.rfind('/') + 1);
+    const auto last = path.find_last_not_of('/');
+    if (last == std::string::npos) {
+        return path.substr(0, 1);
+    }
+    std::string name = path.substr(0, last + 1);
+    name.erase(0, name.rfind('/') + 1);
     shorten(name);
     return name;
 }

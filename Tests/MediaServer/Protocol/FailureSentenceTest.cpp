@@ -215,6 +215,18 @@ TEST(FailureSentence, NamesAnotherFileWhereOneIsMeant) {
     EXPECT_EQ((*error->userInfo())[kErrorFilePath], Value("/movies/pictures/thumbnail-0003.jpg"));
 }
 
+TEST(FailureSentence, NamesAFolderWhosePathEndsWithASlash) {
+    const auto sentence = [](const std::string& source, const std::string& folder) {
+        const auto request = KRVOperationBase::createThumbnailsForVideo(source, folder, {});
+        return makeError(*request, {.cause = FailureCause::UnwritableDestination, .errorNumber = EROFS})
+            ->localizedDescription();
+    };
+    EXPECT_EQ(sentence("/movies/good.mov/", "/movies/pictures//"),
+              "Cannot make thumbnails of good.mov: pictures cannot be written because the file system is read-only.");
+    EXPECT_EQ(sentence("/", "//"),
+              "Cannot make thumbnails of /: / cannot be written because the file system is read-only.");
+}
+
 TEST(FailureSentence, ExistsForRequestsWithoutArguments) {
     for (const OperationTypeInfo& info : operationTypes()) {
         R request;
