@@ -4,9 +4,24 @@
 #include <fmt/format.h>
 
 #include <MediaServer/Media/Codec/Decoder.h>
+#include <MediaServer/Media/Container/StreamSelection.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 
 namespace krv::media {
+
+namespace {
+
+/// Returns null if there is no decoder. FFmpeg's own decoders ignore transparency that is stored beside the packets.
+const AVCodec* decoderOf(const AVStream& stream) {
+    const AVCodecID id = stream.codecpar->codec_id;
+    const AVCodec* transparent = nullptr;
+    if (hasAlphaBesidePackets(stream)) {
+        transparent = avcodec_find_decoder_by_name(id == AV_CODEC_ID_VP8 ? "libvpx" : "libvpx-vp9");
+    }
+    return transparent && transparent->id == id ? transparent : avcodec_find_decoder(id);
+}
+
+}  // namespace
 
 int coreCount() noexcept {
     return std::clamp(static_cast<int>(std::thread::hardware_concurrency()), 1, 16);
@@ -14,7 +29,7 @@ int coreCount() noexcept {
 
 Decoder::Decoder(const AVStream& stream, int threads) {
     const char* name = avcodec_get_name(stream.codecpar->codec_id);
-    const AVCodec* codec = avcodec_find_decoder(stream.codecpar->codec_id);
+    const AVCodec* codec = decoderOf(stream);
     if (!codec) {
         throw Failure({.cause = FailureCause::UndecodableCodec, .subject = name});
     }

@@ -9,10 +9,6 @@
 #include <MediaServer/Media/Container/StreamSelection.h>
 #include <MediaServer/Media/Container/TrackNames.h>
 
-extern "C" {
-#include <libavutil/pixdesc.h>
-}
-
 namespace krv::media {
 namespace {
 
@@ -77,12 +73,6 @@ bool isRepresentedOtherwise(const AVStream& stream) {
     const bool timeCode = codec.codec_tag == MKTAG('t', 'm', 'c', 'd');
     const bool chapterTitles = codec.codec_id == AV_CODEC_ID_BIN_DATA && codec.codec_tag == MKTAG('t', 'e', 'x', 't');
     return timeCode || chapterTitles;
-}
-
-bool hasAlpha(const AVStream& stream) {
-    const auto format = static_cast<AVPixelFormat>(stream.codecpar->format);
-    const AVPixFmtDescriptor* const descriptor = av_pix_fmt_desc_get(format);
-    return (descriptor && (descriptor->flags & AV_PIX_FMT_FLAG_ALPHA)) || tag(stream, "alpha_mode") == "1";
 }
 
 std::string namesOfFlags(int flags) {
@@ -181,16 +171,15 @@ void DroppedTracks::addLostProperties(std::size_t stream) {
     }
 }
 
-void DroppedTracks::addEncodedAlpha(std::size_t stream) {
+void DroppedTracks::addEncodedAlpha(std::size_t stream, std::string reason) {
     if (hasAlpha(source_.stream(stream))) {
-        add(stream, "alpha", "the encoder does not support transparency");
+        add(stream, "alpha", reason.empty() ? "the encoder does not support transparency" : std::move(reason));
     }
 }
 
-// Matroska stores the transparency of VP8 and VP9 beside the packets. In other codecs it is a part of them.
 void DroppedTracks::addCopiedAlpha(std::size_t stream) {
     const std::string_view muxer = container_.muxer;
-    if (tag(source_.stream(stream), "alpha_mode") == "1" && muxer != "matroska" && muxer != "webm") {
+    if (hasAlphaBesidePackets(source_.stream(stream)) && muxer != "matroska" && muxer != "webm") {
         add(stream, "alpha", fmt::format("{} files cannot hold the transparency of this codec", container_.extension));
     }
 }

@@ -25,8 +25,8 @@ public:
     void addLostProperties(std::size_t stream);
 
     /// Add the transparency of a stream that is encoded by an encoder without it, or copied to a container without it.
-    /// Do nothing if it is not lost.
-    void addEncodedAlpha(std::size_t stream);
+    /// Do nothing if it is not lost. An empty reason stands for the obvious one: the encoder does not support it.
+    void addEncodedAlpha(std::size_t stream, std::string reason = {});
     void addCopiedAlpha(std::size_t stream);
 
     /// Adds the chapters if the source has some and the container cannot store them.

@@ -1,4 +1,10 @@
+#include <string_view>
+
 #include <MediaServer/Media/Container/StreamSelection.h>
+
+extern "C" {
+#include <libavutil/pixdesc.h>
+}
 
 namespace krv::media {
 namespace {
@@ -22,6 +28,18 @@ bool isCopyableCover(const AVStream& stream) noexcept {
     const AVCodecID codec = stream.codecpar->codec_id;
     const bool picture = codec == AV_CODEC_ID_MJPEG || codec == AV_CODEC_ID_PNG;
     return isCover(stream) && picture && stream.attached_pic.size > 0;
+}
+
+bool hasAlphaBesidePackets(const AVStream& stream) noexcept {
+    const AVCodecID codec = stream.codecpar->codec_id;
+    const AVDictionaryEntry* const mode = av_dict_get(stream.metadata, "alpha_mode", nullptr, 0);
+    return (codec == AV_CODEC_ID_VP8 || codec == AV_CODEC_ID_VP9) && mode && std::string_view(mode->value) == "1";
+}
+
+bool hasAlpha(const AVStream& stream) noexcept {
+    const auto format = static_cast<AVPixelFormat>(stream.codecpar->format);
+    const AVPixFmtDescriptor* const pixels = av_pix_fmt_desc_get(format);
+    return (pixels && (pixels->flags & AV_PIX_FMT_FLAG_ALPHA)) || hasAlphaBesidePackets(stream);
 }
 
 bool isTextSubtitle(AVCodecID codec) noexcept {

@@ -16,6 +16,12 @@ namespace krv::media {
 /// Returns whether a stream is a cover picture in a format that every container with covers can hold.
 [[nodiscard]] bool isCopyableCover(const AVStream& stream) noexcept;
 
+/// Returns whether the transparency of a video stream is stored beside its packets, as Matroska does with VP8 and VP9.
+[[nodiscard]] bool hasAlphaBesidePackets(const AVStream& stream) noexcept;
+
+/// Returns whether a video stream is transparent.
+[[nodiscard]] bool hasAlpha(const AVStream& stream) noexcept;
+
 /// Returns whether subtitles of this codec are text, as opposed to bitmaps.
 [[nodiscard]] bool isTextSubtitle(AVCodecID codec) noexcept;
 

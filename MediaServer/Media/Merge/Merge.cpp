@@ -428,10 +428,24 @@ private:
             if (track.model == at_) {
                 dropped.addLostProperties(track.parts[at_]->index);
             }
+            if (track.kind == AVMEDIA_TYPE_VIDEO && track.parts[at_]) {
+                listLostAlpha(track, dropped);
+            }
         }
         dropped.addChapters();
         for (DroppedTrack& each : dropped.take()) {
             report_.droppedTracks.push_back(std::move(each));
+        }
+    }
+
+    void listLostAlpha(const PlannedTrack& track, DroppedTracks& dropped) const {
+        const std::size_t index = track.parts[at_]->index;
+        if (!track.codec) {
+            dropped.addCopiedAlpha(index);
+        } else if (track.codec->alphaPixelFormat == AV_PIX_FMT_NONE) {
+            dropped.addEncodedAlpha(index);
+        } else if (!track.parts[track.model]->isTransparent) {
+            dropped.addEncodedAlpha(index, "the first source is not transparent");
         }
     }
 

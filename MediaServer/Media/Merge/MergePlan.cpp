@@ -46,8 +46,9 @@ bool agree(const TrackSurvey& a, const TrackSurvey& b) {
     }
     const bool sameColours = p.color_range == q.color_range && p.color_primaries == q.color_primaries &&
                              p.color_trc == q.color_trc && p.color_space == q.color_space;
-    return p.width == q.width && p.height == q.height && p.field_order == q.field_order && sameColours &&
-           sameRational(a.pixelShape, b.pixelShape) && a.displayMatrix == b.displayMatrix;
+    return a.isTransparent == b.isTransparent && p.width == q.width && p.height == q.height &&
+           p.field_order == q.field_order && sameColours && sameRational(a.pixelShape, b.pixelShape) &&
+           a.displayMatrix == b.displayMatrix;
 }
 
 class Planner {

@@ -40,6 +40,7 @@ TrackSurvey describe(const Source& source, std::size_t index) {
     }
     if (stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO) {
         track.rate = frameRate(source, stream);
+        track.isTransparent = hasAlpha(stream);
     }
     if (!avcodec_find_decoder(stream.codecpar->codec_id)) {
         throw Failure({.cause = FailureCause::UnknownCodec, .subject = avcodec_get_name(stream.codecpar->codec_id)});

@@ -28,6 +28,7 @@ struct TrackSurvey {
     bool startsWithKeyFrame = false;  ///< the first packet is a key frame and the first to be shown
     bool hidesPackets = false;        ///< some packets are hidden
     bool hidesLaterPackets = false;   ///< some packets after the first shown one are hidden
+    bool isTransparent = false;       ///< of video: has an alpha channel
     bool reordersFrames = false;      ///< frames are not stored in the order of presentation
     std::string language{};           ///< of subtitles
     bool forced = false;              ///< of subtitles: shown also if the viewer wants none

@@ -42,6 +42,7 @@ void MergeVideoTrack::open(OutputFile& output) {
     AVStream& to = encoder_->stream();
     to.avg_frame_rate = rate;
     copyTrackMetadata(model_.stream, to, output.container());
+    av_dict_set(&to.metadata, "alpha_mode", nullptr, 0);  // no encoder stores transparency beside its packets
     copyVideoSideData(model_.stream, to, false);
     if (!format_.toneMapped) {
         HDRMetadata(model_.stream, *model_.firstFrame).describeTo(to);

@@ -98,7 +98,7 @@ void VideoTranscoder::open(OutputFile& output) {
     AVStream& to = encoder_->stream();
     to.avg_frame_rate = rate_;
     copyTrackMetadata(from_, to, output.container());
-    av_dict_set(&to.metadata, "alpha_mode", nullptr, 0);  // the encoders drop transparency
+    av_dict_set(&to.metadata, "alpha_mode", nullptr, 0);  // no encoder stores transparency beside its packets
     copyVideoSideData(from_, to, output.container().displayMatrix);
     if (!format_.toneMapped) {
         HDRMetadata(from_, *first).describeTo(to);
