@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 
 #include "MediaTestKit.h"
+#include "Merge/MergeTestKit.h"
 
 namespace krv::media::test {
 namespace {
@@ -144,6 +145,29 @@ TEST(Keeps, HDRMetadataInTheContainer) {
         EXPECT_EQ(hdrOfContainer(Probe(movie).video()),
                   "red 0.680 0.320 white 0.3127 0.3290 light 0.005 to 1000 content 1000 400")
             << output.extension << ", type " << output.type;
+    }
+}
+
+TEST(Keeps, HDRMetadataInTheContainerOfAMerge) {
+    for (const char* const extension : {"mp4", "mov", "mkv"}) {
+        const auto movie = join({testMedia("hdr.mp4"), testMedia("plain.mov")}, extension);
+        EXPECT_EQ(hdrOfContainer(Probe(movie).video()),
+                  "red 0.680 0.320 white 0.3127 0.3290 light 0.005 to 1000 content 1000 400")
+            << extension;
+    }
+}
+
+TEST(Keeps, HDRMetadataInTheContainerOfACopy) {
+    // In VP9 the container is the only place for it.
+    const auto source = convert({.source = testMedia("hdr.mp4"), .extension = "webm", .type = 5});
+    const std::string expected = hdrOfContainer(Probe(source).video());
+    ASSERT_NE(expected, "");
+    for (const char* const extension : {"webm", "mkv", "mp4"}) {
+        const auto copy = convert({.source = source.path(), .extension = extension, .type = 0});
+        EXPECT_EQ(hdrOfContainer(Probe(copy).video()), expected) << extension;
+        const auto joined = join({source.path(), source.path()}, extension);
+        EXPECT_EQ(hdrOfContainer(Probe(joined).video()), expected) << extension;
+        EXPECT_EQ(packetHashes(joined.path(), "v:0"), repeated(packetHashes(source.path(), "v:0"), 2)) << extension;
     }
 }
 
