@@ -36,6 +36,10 @@ constexpr std::int64_t kLongestEmptyStart = 60 * static_cast<std::int64_t>(AV_TI
 constexpr std::int64_t kSlack = 10 * static_cast<std::int64_t>(AV_TIME_BASE);
 constexpr std::int64_t kLongestMovie = std::int64_t{1000} * 3600 * AV_TIME_BASE;
 
+/// A header that claims less than this per second, or more than the longest movie, is wrong about the length. Frames
+/// that repeat the one before take a few bytes each.
+constexpr std::int64_t kFewestBytesPerSecond = 1;
+
 /// Demuxers report each failed attempt to resynchronise after damage. After this many in a row nothing more will
 /// follow.
 constexpr int kReadAttempts = 64;
@@ -75,6 +79,12 @@ std::int64_t checkedSize(int descriptor) {
         throw Failure({.cause = FailureCause::SourceIsEmpty});
     }
     return status.st_size;
+}
+
+/// Returns whether a bitmap has no end of its own. FFmpeg writes the largest possible duration then.
+bool isShownUntilTheNext(const AVPacket& packet, const AVStream& stream) {
+    return stream.codecpar->codec_type == AVMEDIA_TYPE_SUBTITLE && !isTextSubtitle(stream.codecpar->codec_id) &&
+           av_rescale_q(packet.duration, stream.time_base, kMicroseconds) > kLongestMovie;
 }
 
 }  // namespace
@@ -123,6 +133,8 @@ void Source::open(int descriptor, const std::string& path) {
     adoptTagsOfOgg();
     adoptLanguage();
     duration_ = format_->duration == AV_NOPTS_VALUE ? 0 : std::max<std::int64_t>(format_->duration, 0);
+    claimsTooMuch_ = duration_ > kLongestMovie || duration_ / AV_TIME_BASE * kFewestBytesPerSecond > size_;
+    duration_ = claimsTooMuch_ ? 0 : duration_;
     const std::int64_t start = format_->start_time == AV_NOPTS_VALUE ? 0 : format_->start_time;
     // The padding that MP3 encoders put in front of the audio is not a pause.
     const bool startsWithPadding = std::strcmp(input.name, "mp3") == 0;
@@ -289,10 +301,11 @@ void Source::measure() {
         if (steady) {
             return;
         }
-    } else if (!FrameOrder::isNeededFor(*format_)) {
+    } else if (!FrameOrder::isNeededFor(*format_) && !claimsTooMuch_) {
         return;
     }
     measureByReading();
+    claimsTooMuch_ = false;
 }
 
 void Source::measureByReading() {
@@ -311,7 +324,7 @@ void Source::measureByReading() {
         end = std::max(end, time + av_rescale_q(packet->duration, from.time_base, kMicroseconds));
         const bool isMain = !video || static_cast<std::size_t>(packet->stream_index) == *video;
         const bool ascends = seekPoints_.empty() || time > seekPoints_.back().time;
-        const auto state = repair_->stateAt(*packet);
+        const auto state = repair_ ? repair_->stateAt(*packet) : std::nullopt;
         if (isMain && ascends && state && (packet->flags & AV_PKT_FLAG_KEY) != 0 && packet->pos >= 0) {
             seekPoints_.push_back({time, packet->pos, *state});
         }
@@ -421,6 +434,9 @@ bool Source::readStored(AVPacket& packet) {
         const AVStream& from = stream(index);
         if (from.discard == AVDISCARD_ALL || isCover(from)) {
             continue;
+        }
+        if (isShownUntilTheNext(packet, from)) {
+            packet.duration = 0;
         }
         bytesRead_ += packet.size;
         bytesReached_ = std::max(bytesReached_, packet.pos);

@@ -45,9 +45,9 @@ public:
     [[nodiscard]] AVStream& stream(std::size_t index) const noexcept { return *format_->streams[index]; }
     [[nodiscard]] std::size_t streamCount() const noexcept { return format_->nb_streams; }
 
-    /// Finds out how long a recording is if its headers do not say. A file without timestamps is read to its end. So is
-    /// one whose clock jumps: there the difference of the first and last time says nothing. After that, duration() is
-    /// what is played, and seek() works everywhere. Must be called before read().
+    /// Finds out how long a recording is if its headers do not say, or claim what cannot be. A file without timestamps
+    /// is read to its end. So is one whose clock jumps: there the difference of the first and last time says nothing.
+    /// After that, duration() is what is played, and seek() works everywhere. Must be called before read().
     void measure();
 
     /// Makes a part of the movie the whole: its own time is then 0 where the part starts, its length is that of the
@@ -144,6 +144,7 @@ private:
 
     std::unique_ptr<TimeRepair> repair_;  // null if the times of the file are right
     bool clockMayJump_ = false;
+    bool claimsTooMuch_ = false;         // the length in the header cannot be right, and is not known
     std::vector<SeekPoint> seekPoints_;  // ascending; empty unless measured
     std::deque<PacketPtr> ready_;        // what it has returned
 };
