@@ -4,10 +4,14 @@
 
 #include <MediaServer/Media/Container/Metadata.h>
 #include <MediaServer/Media/Container/StreamCopier.h>
+#include <MediaServer/Media/Container/StreamSelection.h>
 #include <MediaServer/Media/Foundation/Failure.h>
 
 namespace krv::media {
 namespace {
+
+/// How long a bitmap is shown that has no end and no successor, in containers that cannot leave this open.
+constexpr std::int64_t kLastBitmap = 3 * static_cast<std::int64_t>(AV_TIME_BASE);
 
 void copyParameters(const AVStream& from, AVStream& to) {
     if (avcodec_parameters_copy(to.codecpar, from.codecpar) < 0) {
@@ -146,6 +150,9 @@ void StreamCopier::makeTimesValid(AVPacket& packet) {
         av_packet_rescale_ts(&packet, from_.time_base, to_->time_base);
     }
     const bool subtitle = codec.codec_type == AVMEDIA_TYPE_SUBTITLE;  // two subtitles may start at the same time
+    if (subtitle && packet.duration <= 0 && !isTextSubtitle(codec.codec_id) && output_->container().edits) {
+        packet.duration = av_rescale_q(kLastBitmap, kMicroseconds, to_->time_base);  // ends earlier if another follows
+    }
     if (lastDts_ && packet.dts <= *lastDts_ && !(subtitle && packet.dts == *lastDts_)) {
         packet.dts = *lastDts_ + 1;
     }
