@@ -14,6 +14,7 @@ extern "C" {
 #include <MediaServer/Media/Container/EditList.h>
 #include <MediaServer/Media/Container/EditTimes.h>
 #include <MediaServer/Media/Container/FrameOrder.h>
+#include <MediaServer/Media/Container/GIFTransparency.h>
 #include <MediaServer/Media/Container/MovieIndex.h>
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Container/SourceFormat.h>
@@ -132,6 +133,9 @@ void Source::open(int descriptor, const std::string& path) {
 
     adoptTagsOfOgg();
     adoptLanguage();
+    if (std::strcmp(input.name, "gif") == 0 && !showsThrough(descriptor, input)) {
+        stream(0).codecpar->format = AV_PIX_FMT_0RGB32;
+    }
     duration_ = format_->duration == AV_NOPTS_VALUE ? 0 : std::max<std::int64_t>(format_->duration, 0);
     claimsTooMuch_ = duration_ > kLongestMovie || duration_ / AV_TIME_BASE * kFewestBytesPerSecond > size_;
     duration_ = claimsTooMuch_ ? 0 : duration_;

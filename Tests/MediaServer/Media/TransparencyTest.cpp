@@ -105,6 +105,19 @@ TEST(Transparency, IsKeptInGIF) {
     }
 }
 
+// All GIFs are decoded with an alpha channel.
+TEST(Transparency, OfAGIFIsListedOnlyIfItShows) {
+    const OutputPath opaque("gif");
+    run({KRV_FFMPEG, "-v", "error", "-y", "-i", testMedia("silent.mp4"), "-t", "1", opaque.path()});
+    EXPECT_THAT(lossesIn(reportOf({.source = opaque.path(), .extension = "mp4", .type = 1})), IsEmpty());
+    const Conversion strict{.source = opaque.path(), .type = 1, .video = VideoRequest{.settings = "strict=1"}};
+    EXPECT_FALSE(failureOf(strict));
+    const OutputPath transparent = convert({.source = transparentAnimation().path(), .extension = "gif", .type = 0});
+    EXPECT_THAT(lossesIn(reportOf({.source = transparent.path(), .extension = "mp4", .type = 1})),
+                testing::ElementsAre("0 alpha: " + kGone));
+    expectHalfTransparent(convert(toProRes4444(transparent)).path());
+}
+
 TEST(Transparency, IsKeptInCopies) {
     const OutputPath source = transparentVP9();
     for (const char* const extension : {"webm", "mkv"}) {
