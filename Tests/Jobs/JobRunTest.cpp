@@ -189,6 +189,20 @@ TEST_F(JobRuns, TheRemainingTimeIsEstimated) {
     EXPECT_NEAR(job->progress().remaining->count(), 10, 0.01);
 }
 
+TEST_F(JobRuns, WaitingInTheQueueDoesNotCountIntoTheRemainingTime) {
+    start();
+    accept();
+    reply(OpProgressAndCompletion, state(0, false, false, 3));
+    http.advanceBy(600s);
+    reply(OpProgressAndCompletion, state(0.001F));
+    EXPECT_EQ(job->progress().elapsed, Seconds(0));
+    http.advanceBy(10s);
+    reply(OpProgressAndCompletion, state(0.5));
+    EXPECT_NEAR(job->progress().elapsed.count(), 10, 0.01);
+    ASSERT_TRUE(job->progress().remaining);
+    EXPECT_NEAR(job->progress().remaining->count(), 10, 0.1);
+}
+
 TEST_F(JobRuns, ProgressDoesNotGoBackWithinAnAttempt) {
     start();
     accept();
