@@ -17,7 +17,7 @@ using testing::IsEmpty;
 
 const std::string kGone = "the encoder does not support transparency";
 
-/// A movie whose left half is transparent and whose right half is opaque. Nothing of it is transparent if opaque is set.
+/// A movie whose left half is transparent and whose right half is opaque. If opaque is set, all of it is.
 OutputPath halfTransparent(const std::string& extension, std::vector<std::string> encoder, bool opaque = false) {
     OutputPath movie(extension);
     std::vector<std::string> arguments{
