@@ -1,6 +1,7 @@
 // Each example launches a server if none is running, converts a movie and exits by itself.
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -103,46 +104,111 @@ TEST_P(Examples, ExitsWithAFailureIfTheSourceIsNotAMovie) {
     EXPECT_THAT(filesInOut(), IsEmpty());
 }
 
-/// A machine that sleeps and wakes all the time, on a system bus of the test's own.
+/// A machine that sleeps and wakes until it rests, on a system bus of the test's own.
 class RestlessMachine {
 public:
     RestlessMachine() {
         ::setenv("DBUS_SYSTEM_BUS_ADDRESS", bus_.address().c_str(), 1);
         thread_ = std::thread([this] {
             MockLogind logind(bus_);
-            while (!enough_) {
+            while (!rests_) {
                 logind.prepareForSleep(true);
                 logind.prepareForSleep(false);
-                std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // a step runs a second after a wake
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
             }
         });
     }
     ~RestlessMachine() {
-        enough_ = true;
-        thread_.join();
+        rest();
         ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
     }
     RestlessMachine(const RestlessMachine&) = delete;
     RestlessMachine& operator=(const RestlessMachine&) = delete;
 
+    /// Lets the machine be awake from now on.
+    void rest() {
+        rests_ = true;
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+    }
+
 private:
     PrivateBus bus_;
-    std::atomic<bool> enough_{false};
+    std::atomic<bool> rests_{false};
     std::thread thread_;
 };
 
-TEST_P(Examples, ConvertsAMovieOnAMachineThatSleepsAndWakes) {
-    const RestlessMachine machine;
-    ChildProcess example({GetParam().program, media("plain.mov"), out("plain.mp4")});
+/// Examples on a machine that sleeps and wakes. After a wake the steps of the server runner run on the example's own main
+/// loop.
+class WakingExamples : public Examples {
+protected:
+    /// Returns the command line of an example whose output has the lines of the library's log too.
+    static std::vector<std::string> logged(const std::vector<std::string>& command) {
+        std::vector<std::string> all{"sh", "-c", "exec env LD_PRELOAD=\"$0\" \"$@\" 2>&1", KRV_LOGGED_LIBRARY};
+        all.insert(all.end(), command.begin(), command.end());
+        return all;
+    }
+    /// Returns the next line of the output that contains the text.
+    static std::string lineWith(ChildProcess& example, const std::string& text) {
+        while (const auto line = example.readLine()) {
+            if (line->find(text) != std::string::npos) {
+                return *line;
+            }
+        }
+        ADD_FAILURE() << "the example has exited before it wrote: " << text;
+        return {};
+    }
+    /// Waits until the example has noticed a sleep and a wake.
+    static void waitForWake(ChildProcess& example) { lineWith(example, "Wakey wakey"); }
+    /// Waits until a worker converts the movie, and stops that worker, so the conversion does not end. Skips one that
+    /// was killed.
+    pid_t stopWorker(pid_t otherThan = 0) const {
+        pid_t found = 0;
+        waitUntil([&] { return (found = converter()) != 0 && found != otherThan; });
+        EXPECT_EQ(::kill(found, SIGSTOP), 0);
+        return found;
+    }
+
+    RestlessMachine machine;
+
+private:
+    /// Returns the process id of the worker that has the unnamed file of the output open, 0 if there is none.
+    pid_t converter() const {
+        std::error_code failure;
+        for (const auto& process : std::filesystem::directory_iterator("/proc")) {
+            std::string name;
+            if (!(std::ifstream(process.path() / "comm") >> name) || name != "KRVMediaWorker") {
+                continue;
+            }
+            for (const auto& file : std::filesystem::directory_iterator(process.path() / "fd", failure)) {
+                if (std::filesystem::read_symlink(file.path(), failure).string().starts_with(outFolder().string())) {
+                    return std::stoi(process.path().filename());
+                }
+            }
+        }
+        return 0;
+    }
+};
+
+/// A machine that never stays awake for a second leaves the runner no step. So it is a later one that registers.
+TEST_P(WakingExamples, RegisterWithAnotherServerAfterAWakeAndConvert) {
+    ChildProcess example(logged({GetParam().program, media("long.mov"), out("long.mp4")}));
+    const pid_t killed = stopWorker();
+    waitForWake(example);
+    killServer(waitForServer().pid);
+    const pid_t worker = stopWorker(killed);
+    machine.rest();
+    lineWith(example, "Registration complete");
+    EXPECT_EQ(::kill(worker, SIGCONT), 0);
     EXPECT_EQ(example.wait(), 0);
-    EXPECT_THAT(filesInOut(), ElementsAre("plain.mp4"));
+    EXPECT_NEAR(readableSeconds(out("long.mp4")), 30.0, 0.5);
+    EXPECT_THAT(filesInOut(), ElementsAre("long.mp4"));
 }
 
-/// The server cannot be launched, and after a wake the toolkit's main loop carries the attempts.
-TEST_P(Examples, ExitsWithAFailureIfTheServerCannotBeLaunchedAfterAWake) {
+TEST_P(Examples, ExitsWithAFailureIfTheServerCannotBeLaunched) {
     const std::string alone = (folder.path() / "Example").string();
     std::filesystem::copy_file(GetParam().program, alone);
-    const RestlessMachine machine;
     ChildProcess example({alone, media("plain.mov"), out("plain.mp4")});
     EXPECT_EQ(example.wait(), 1);
     EXPECT_THAT(filesInOut(), IsEmpty());
@@ -209,6 +275,22 @@ TEST_P(WindowExamples, ShowsWhyAndWhatToDoIfTheServerCannotBeLaunched) {
                 ElementsAre(AllOf(StartsWith("good.mov | The media server could not be started. | "),
                                   EndsWith(" Reinstall the application, which contains the media server."))));
     EXPECT_TRUE(isRunning(example));
+}
+
+/// Windows that stay open on a machine that sleeps and wakes.
+class WakingWindowExamples : public WakingExamples {};
+
+TEST_P(WakingWindowExamples, StayOpenWhileTheServerCannotBeLaunched) {
+    const std::string alone = (folder.path() / "Example").string();
+    std::filesystem::copy_file(GetParam().program, alone);
+    ChildProcess example(logged({alone, "--report", media("plain.mov")}));
+    waitForWake(example);
+    machine.rest();
+    // The first may still come from the runner's own thread. Each of the others is that of a step on the main loop.
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        EXPECT_THAT(lineWith(example, "Cannot find the executable"),
+                    HasSubstr("Error during ServerRunner thread loop"));
+    }
 }
 
 #ifdef KRV_HAS_X11
@@ -317,9 +399,14 @@ GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(ClosedExamples);
 
 INSTANTIATE_TEST_SUITE_P(Example, Examples, testing::ValuesIn(builtExamples()),
                          [](const auto& example) { return example.param.name; });
+INSTANTIATE_TEST_SUITE_P(Example, WakingExamples, testing::ValuesIn(builtExamples()),
+                         [](const auto& example) { return example.param.name; });
 INSTANTIATE_TEST_SUITE_P(Example, WindowExamples, testing::ValuesIn(builtWindowExamples()),
                          [](const auto& example) { return example.param.name; });
 GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(WindowExamples);
+INSTANTIATE_TEST_SUITE_P(Example, WakingWindowExamples, testing::ValuesIn(builtWindowExamples()),
+                         [](const auto& example) { return example.param.name; });
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(WakingWindowExamples);
 
 }  // namespace
 }  // namespace krv::test
