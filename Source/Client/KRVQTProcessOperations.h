@@ -119,7 +119,7 @@ public:
     [[nodiscard]] virtual Array operationsPendingCompletion() = 0;
 
     static constexpr Selector kCancelAllOperations{"cancelAllOperations:"};
-    /// Cancels every operation of this process.
+    /// Cancels every operation of this process. Throws an Exception if the server cannot be reached.
     void cancelAllOperations(ErrorOut error) { (void)performCancelAllOperations(error); }
 
     static constexpr Selector kRegisterWithServer{"registerWithServer"};
@@ -131,7 +131,8 @@ public:
     virtual void unregisterFromServer() = 0;
 
     static constexpr Selector kQueueShutdown{"queueShutdownOfCurrentServer"};
-    /// Asks the server to exit when its present work is done. Returns false if the request failed.
+    /// Asks the server to exit when its present work is done. Returns false if the transport reported an error. Throws
+    /// an Exception if the server cannot be reached.
     virtual bool queueShutdownOfCurrentServer() = 0;
 
 protected:

@@ -48,6 +48,17 @@ std::map<std::string, Call> allCalls(const std::string& movie, const std::string
              return yesOrNo(client.mergeSources(Value(Array{Value(movie), Value(movie)}), folder + "/merged.mp4", false,
                                                 nullptr, error));
          }},
+        {"result",
+         [](auto& client, ErrorOut error) {
+             return yesOrNo(client.getResultOfOperation(KRVOperationBase::shutdownCommand(), error) != nullptr);
+         }},
+        {"remove-results",
+         [](auto& client, ErrorOut) {
+             client.removeResultsFromServer(KRVOperationBase::shutdownCommand());
+             return "returned";
+         }},
+        {"pending", [](auto& client, ErrorOut) { return std::to_string(client.operationsPendingCompletion().size()); }},
+        {"shutdown", [](auto& client, ErrorOut) { return yesOrNo(client.queueShutdownOfCurrentServer()); }},
         {"registered", [](auto& client, ErrorOut) { return yesOrNo(client.amIRegistered()); }},
         {"ready", [](auto& client, ErrorOut) { return yesOrNo(client.isServerReadyToTakeRequests()); }},
         {"cancel-all",

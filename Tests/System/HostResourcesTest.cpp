@@ -25,11 +25,13 @@ TEST_F(HostResources, WithoutDescriptorsEveryCallEndsAsDocumented) {
     for (const char* call : {"convert-type", "convert-settings", "thumbnails", "metadata", "mux", "times"}) {
         expectEnd(application, call, "exception OperationFailed");
     }
-    for (const char* call : {"merge", "cancel-all", "register", "unregister"}) {
+    for (const char* call : {"merge", "result", "cancel-all", "register", "unregister", "shutdown"}) {
         expectEnd(application, call, "exception");
     }
     expectEnd(application, "registered", "no");
     expectEnd(application, "ready", "no");
+    expectEnd(application, "remove-results", "returned");
+    expectEnd(application, "pending", "0");
     EXPECT_THAT(filesInOut(), testing::IsEmpty());
 
     application.ask("free", "freed");
