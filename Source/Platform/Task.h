@@ -14,6 +14,9 @@ namespace krv {
 /// A program that was launched and left alone. It outlives the process that launched it and never becomes its child. So
 /// the application gets no SIGCHLD from it, its own wait() calls never see it, and the system reaps it.
 ///
+/// The exception is an application that asked to adopt orphans (a child subreaper, or process 1 of a pid namespace): the
+/// system gives it the program, like every other orphan, and it must reap what it does not know.
+///
 /// Therefore its exit status is unknown, only that it has exited. A program can report why it failed on its standard
 /// error, which can be a file.
 class KRV_EXPORT Task {
