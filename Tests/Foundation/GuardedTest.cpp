@@ -1,3 +1,4 @@
+#include <latch>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -53,11 +54,17 @@ TEST(Guarded, LosesNoChangeOfSeveralThreads) {
     constexpr int kThreads = 4;
     constexpr int kChanges = 1000;
     Guarded<int> value;
+    std::latch allRun(kThreads);
     std::vector<std::thread> threads;
     for (int thread = 0; thread < kThreads; ++thread) {
         threads.emplace_back([&] {
+            allRun.arrive_and_wait();
             for (int change = 0; change < kChanges; ++change) {
-                value.with([](int& v) { ++v; });
+                value.with([](int& v) {
+                    const int before = v;
+                    std::this_thread::yield();  // lets another thread in if nothing keeps it out
+                    v = before + 1;
+                });
             }
         });
     }
