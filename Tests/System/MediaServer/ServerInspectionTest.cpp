@@ -1,6 +1,7 @@
 // Thumbnails, descriptions and interesting times with the real server and the client.
 #include <gmock/gmock.h>
 
+#include "ObservedWork.h"
 #include "ServerFixture.h"
 #include <MediaServer/Files/FileState.h>
 
@@ -89,10 +90,12 @@ TEST_F(Inspection, EveryResultSaysWhereATruncatedSourceEnds) {
 
 TEST_F(Inspection, TheClientMakesTwelveThumbnails) {
     start();
+    stopUntilObserved(*observer, [this] { return workers(); });
     std::shared_ptr<const Error> error;
     EXPECT_TRUE(client->createThumbnailsFor(movie(), pictures(), {}, observer, &error));
     EXPECT_FALSE(error);
     EXPECT_THAT(namesIn(pictures()), testing::SizeIs(12));
+    EXPECT_FALSE(observer->seen.empty());
     EXPECT_TRUE(std::is_sorted(observer->seen.begin(), observer->seen.end()));
 }
 

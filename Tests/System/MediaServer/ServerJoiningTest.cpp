@@ -1,6 +1,7 @@
 // Stereo mixes and merges with the real server and the client.
 #include <gmock/gmock.h>
 
+#include "ObservedWork.h"
 #include "ServerFixture.h"
 
 namespace krv::server {
@@ -47,8 +48,10 @@ TEST_F(Joining, AMovieWithoutAudioCannotBeMixedDown) {
 
 TEST_F(Joining, MoviesAreJoinedInOrder) {
     start();
+    stopUntilObserved(*observer, [this] { return workers(); });
     EXPECT_FALSE(merge({media("plain.mov"), media("chapters.mp4"), media("plain.mov")}, out()));
     EXPECT_NEAR(seconds(out()), 6, 0.15);
+    EXPECT_FALSE(observer->seen.empty());
     EXPECT_TRUE(std::is_sorted(observer->seen.begin(), observer->seen.end()));
 }
 
