@@ -5,8 +5,10 @@
 
 #include <fmt/format.h>
 
+#include <MediaServer/Media/Audio/AudioFormat.h>
 #include <MediaServer/Media/Audio/AudioTranscoder.h>
 #include <MediaServer/Media/Codec/Settings.h>
+#include <MediaServer/Media/Container/DroppedTracks.h>
 #include <MediaServer/Media/Container/OutputFile.h>
 #include <MediaServer/Media/Container/Source.h>
 #include <MediaServer/Media/Container/StreamSelection.h>
@@ -92,6 +94,7 @@ public:
             burnIn_ = *choice.burnIn;
         }
         std::vector<DroppedTrack> dropped = tracksDroppedBy(plan, source, container_, choice, isAudioOnly());
+        addLostChannels(plan, source, dropped);
         if (videoSettings_.strict || audioSettings_.strict) {
             requireNone(dropped);
         }
@@ -111,6 +114,21 @@ public:
     }
 
 private:
+    /// Nothing is lost if the request itself chooses the number of channels.
+    void addLostChannels(const std::vector<StreamPlan>& plan, const Source& source,
+                         std::vector<DroppedTrack>& dropped) const {
+        DroppedTracks lost(source, container_);
+        for (const StreamPlan& one : plan) {
+            const bool encodesAudio = one.codec && one.codec->type == AVMEDIA_TYPE_AUDIO;
+            if (encodesAudio && !audioSettings_.channels) {
+                lost.addLostChannels(one.index, channelsKept(source.stream(one.index), *one.codec));
+            }
+        }
+        for (DroppedTrack& each : lost.take()) {
+            dropped.push_back(std::move(each));
+        }
+    }
+
     [[nodiscard]] bool isAudioOnly() const { return type_.video == EncodingType::Codec::None && !request_.flattenOnly; }
 
     /// Returns the stream of the video into which subtitles are drawn.

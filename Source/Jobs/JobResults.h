@@ -27,8 +27,8 @@ struct DroppedTrack {
     std::size_t source = 0;
     /// Index of the track in the source; −1: what was dropped belongs to the whole movie.
     std::int64_t index = -1;
-    /// "video", "audio", "subtitle", "data", "attachment", "cover", "alpha", "stereo3D", "title", "language", "flag" or
-    /// "chapters".
+    /// "video", "audio", "subtitle", "data", "attachment", "cover", "alpha", "stereo3D", "channels", "title", "language",
+    /// "flag" or "chapters".
     std::string kind{};
     /// May be empty.
     std::string codec{};

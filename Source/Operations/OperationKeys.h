@@ -63,8 +63,8 @@ KRV_EXPORT extern const std::string_view kResultDroppedTracks;
 KRV_EXPORT extern const std::string_view kResultDroppedTrackSource;
 /// Integer: index of the track, as in kArgumentTrackIndex; −1: what was dropped belongs to the whole movie.
 KRV_EXPORT extern const std::string_view kResultDroppedTrackIndex;
-/// String: "video", "audio", "subtitle", "data", "attachment" or "cover" for a track; "alpha", "stereo3D", "title",
-/// "language" or "flag" for a property of a track that was kept; "chapters" for those of the movie.
+/// String: "video", "audio", "subtitle", "data", "attachment" or "cover" for a track; "alpha", "stereo3D",
+/// "channels", "title", "language" or "flag" for a property of a track that was kept; "chapters" for those of the movie.
 KRV_EXPORT extern const std::string_view kResultDroppedTrackKind;
 /// String: name of the codec, or a four-character code; may be empty.
 KRV_EXPORT extern const std::string_view kResultDroppedTrackCodec;

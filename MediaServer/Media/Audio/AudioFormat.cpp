@@ -37,12 +37,12 @@ int chooseRate(const AVCodecContext& context, int source, const Settings& settin
 }
 
 /// Returns the layouts that the codec table or FFmpeg's encoder lists. Empty if neither has a list.
-std::vector<AVChannelLayout> knownLayouts(const AVCodecContext& context, const Codec& codec) {
+std::vector<AVChannelLayout> knownLayouts(const AVCodec& encoder, const Codec& codec) {
     std::vector<AVChannelLayout> layouts;  // standard layouts, which own no memory
     for (const std::uint64_t mask : codec.layouts) {
         av_channel_layout_from_mask(&layouts.emplace_back(), mask);
     }
-    for (const auto* one = context.codec->ch_layouts; one && one->nb_channels > 0 && codec.layouts.empty(); ++one) {
+    for (const auto* one = encoder.ch_layouts; one && one->nb_channels > 0 && codec.layouts.empty(); ++one) {
         layouts.push_back(*one);
     }
     return layouts;
@@ -61,7 +61,7 @@ void chooseLayout(AVCodecContext& context, const AVChannelLayout& source, const 
         wanted.assign(source);
     }
 
-    const auto layouts = knownLayouts(context, codec);
+    const auto layouts = knownLayouts(*context.codec, codec);
     const AVChannelLayout* best = layouts.empty() ? &wanted.get() : nullptr;
     for (const AVChannelLayout& one : layouts) {
         const bool same = av_channel_layout_compare(&one, &wanted.get()) == 0;
@@ -123,6 +123,22 @@ bool hasHighResolution(const AVStream& stream) {
     }
     const int exact = av_get_exact_bits_per_sample(codec.codec_id);
     return std::max(codec.bits_per_raw_sample, exact) > 16;
+}
+
+int channelsKept(const AVStream& from, const Codec& codec) {
+    const int channels = from.codecpar->ch_layout.nb_channels;
+    const AVCodec* const encoder = avcodec_find_encoder_by_name(codec.encoders[0]);
+    if (!encoder) {
+        return channels;  // PCM, which has many encoders
+    }
+    const auto layouts = knownLayouts(*encoder, codec);
+    int kept = layouts.empty() ? channels : 0;
+    for (const AVChannelLayout& one : layouts) {
+        if (one.nb_channels <= channels) {
+            kept = std::max(kept, one.nb_channels);
+        }
+    }
+    return kept;
 }
 
 void chooseAudioFormat(AVCodecContext& context, const AVStream& from, const Settings& settings, const Codec& codec) {

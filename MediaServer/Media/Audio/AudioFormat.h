@@ -27,6 +27,9 @@ private:
 /// Returns whether a lossless copy of a source needs more than 16 bits per sample.
 [[nodiscard]] bool hasHighResolution(const AVStream& stream);
 
+/// Returns how many of a source's channels remain if the request does not choose their number.
+[[nodiscard]] int channelsKept(const AVStream& from, const Codec& codec);
+
 /// Sets sample rate, channel layout, sample format and time base of an encoder that is not open yet. Takes the
 /// request's settings first, then the source's values if the encoder supports them, else the nearest values that lose
 /// least. Throws Failure with SettingDoesNotApply or UnsupportedChannels if the encoder does not support a setting.

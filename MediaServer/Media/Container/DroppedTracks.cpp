@@ -184,6 +184,14 @@ void DroppedTracks::addCopiedAlpha(std::size_t stream) {
     }
 }
 
+void DroppedTracks::addLostChannels(std::size_t stream, int kept) {
+    const int channels = source_.stream(stream).codecpar->ch_layout.nb_channels;
+    if (kept < channels) {
+        add(stream, "channels",
+            fmt::format("the codec cannot hold {} channels, so they are mixed down to {}", channels, kept));
+    }
+}
+
 void DroppedTracks::addChapters() {
     if (source_.format().nb_chapters > 0 && !propertiesOf(container_).chapters) {
         list_.push_back({.source = number_,

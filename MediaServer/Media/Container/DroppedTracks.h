@@ -29,6 +29,9 @@ public:
     void addEncodedAlpha(std::size_t stream, std::string reason = {});
     void addCopiedAlpha(std::size_t stream);
 
+    /// Adds the channels of a stream of which the encoder keeps so many. Does nothing if these are all.
+    void addLostChannels(std::size_t stream, int kept);
+
     /// Adds the chapters if the source has some and the container cannot store them.
     void addChapters();
 

@@ -9,7 +9,9 @@
 #include <gmock/gmock.h>
 
 #include "MediaTestKit.h"
+#include "Numbers.h"
 #include <MediaServer/Media/Foundation/Failure.h>
+#include <MediaServer/Media/Foundation/FourCC.h>
 #include <MediaServer/Media/Merge/Merge.h>
 #include <MediaServer/Media/StereoMix.h>
 
@@ -186,6 +188,21 @@ TEST(Dropped, TransparencyAndStereoscopicLayout) {
         const auto kept = convert({.source = sides.path(), .extension = "mp4", .type = type});
         EXPECT_THAT(Probe(kept).video().dump(), testing::HasSubstr("side by side"));
     }
+}
+
+TEST(Dropped, ChannelsThatTheCodecCannotHold) {
+    const std::string eight = corpus("eight.mkv");
+    EXPECT_THAT(dropped({.source = eight, .extension = "m4a", .type = 7}), IsEmpty());
+    EXPECT_THAT(dropped({.source = eight, .extension = "mp3", .type = 7}),
+                ElementsAre("channels 0 flac : the codec cannot hold 8 channels, so they are mixed down to 2"));
+    const auto surround = [&](const std::string& settings) {
+        return Conversion{
+            .source = eight, .extension = "mkv", .type = 3, .audio = AudioRequest{fourCC("ac-3"), 0, settings}};
+    };
+    EXPECT_THAT(dropped(surround("")),
+                ElementsAre("channels 0 flac : the codec cannot hold 8 channels, so they are mixed down to 6"));
+    EXPECT_THAT(dropped(surround("channels=2")), IsEmpty()) << "nothing else was asked for";
+    EXPECT_THROW((void)dropped(surround("strict=1")), Failure);
 }
 
 TEST(Dropped, AlternativesOfAStereoMix) {
