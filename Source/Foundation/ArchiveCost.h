@@ -81,4 +81,20 @@ inline constexpr std::uint64_t kErrorSteps = 6;
 inline constexpr std::uint64_t kDateSteps = 1;
 inline constexpr std::uint64_t kSizeSteps = 3;
 
+struct Cost {
+    std::uint64_t memory;
+    std::uint64_t steps;
+};
+/// The cost of decoding a dictionary, without its lists and their elements.
+[[nodiscard]] inline Cost dictionaryCost(const Dictionary& dictionary) {
+    Cost cost{dictionaryMemory(dictionary.size()), kDictionarySteps};
+    const std::uint64_t comparisons = comparisonsPerKey(dictionary.size());
+    std::size_t previous = 0;
+    for (const auto& [key, value] : dictionary) {
+        cost.steps += comparisonSteps(previous, key->size(), comparisons);
+        previous = key->size();
+    }
+    return cost;
+}
+
 }  // namespace krv::cost

@@ -274,14 +274,9 @@ private:
     }
 
     void chargeDictionary(const Dictionary& dictionary) {
-        memory_ += cost::dictionaryMemory(dictionary.size());
-        steps_ += cost::kDictionarySteps;
-        const std::uint64_t comparisons = cost::comparisonsPerKey(dictionary.size());
-        std::size_t previous = 0;
-        for (const auto& [key, value] : dictionary) {
-            steps_ += cost::comparisonSteps(previous, key->size(), comparisons);
-            previous = key->size();
-        }
+        const cost::Cost cost = cost::dictionaryCost(dictionary);
+        memory_ += cost.memory;
+        steps_ += cost.steps;
     }
 
     std::uint32_t dictionary(const Dictionary& dictionary) {

@@ -323,6 +323,9 @@ public:
         }
         memory_.charge(cost::copyMemory(dictionary->size()));
         steps_.charge(dictionary->size());
+        if (!isFirst) {
+            chargeSeparation(*dictionary);
+        }
         return isFirst ? lent(*slots_.find(index)) : std::make_shared<Dictionary>(dictionary->mutableCopy());
     }
 
@@ -469,6 +472,7 @@ private:
     const Value& known(Slot& slot) {
         switch (slot.state) {
         case Slot::State::Lent:
+            chargeSeparation(*slot.value.dictionary());
             slot.value = Value(copyOfLent(slot));
             slot.state = Slot::State::Decoded;
             [[fallthrough]];
@@ -481,6 +485,13 @@ private:
             break;
         }
         refuse("expected an object, found a class");
+    }
+
+    /// Charges what a copy of a shared dictionary costs when it is written and read again, as a dictionary of its own.
+    void chargeSeparation(const Dictionary& dictionary) {
+        const cost::Cost cost = cost::dictionaryCost(dictionary);
+        memory_.charge(cost.memory + cost::kSlotMemory);
+        steps_.charge(cost.steps + cost::kClassSteps + 2 * dictionary.size());
     }
 
     /// Gives away a dictionary that has just been decoded, as a mutable one. That makes a copy only if something else

@@ -255,5 +255,18 @@ TEST(RoundTrip, WhatIsReadOnlyForItsSizeIsWrittenAndReadBack) {
     }
 }
 
+TEST(RoundTrip, SharedArgumentsAreReadOnlyIfTheyCanBeWrittenSeparately) {
+    // Each record gets a dictionary of its own, which takes more memory than the shared one in the archive.
+    int read = 0;
+    int refused = 0;
+    for (const std::size_t entries : {30'000U, 60'000U, 92'368U}) {
+        for (const std::size_t records : {1U, 2U, 3U, 5U, 7U, 9U}) {
+            ++(survives(test::padded(test::sharedArguments(records, entries), 2 << 20)) ? read : refused);
+        }
+    }
+    EXPECT_GT(read, 3);
+    EXPECT_GT(refused, 3);
+}
+
 }  // namespace
 }  // namespace krv
