@@ -85,6 +85,11 @@ struct Cost {
     std::uint64_t memory;
     std::uint64_t steps;
 };
+/// The cost of fields that an object of the class table lacks, because they are written when it is archived again.
+[[nodiscard]] constexpr Cost missingFieldsCost(std::uint64_t fields) {
+    constexpr std::uint64_t kFieldMemory = 64;
+    return {fields * kFieldMemory, fields};
+}
 /// The cost of decoding a dictionary, without its lists and their elements.
 [[nodiscard]] inline Cost dictionaryCost(const Dictionary& dictionary) {
     Cost cost{dictionaryMemory(dictionary.size()), kDictionarySteps};

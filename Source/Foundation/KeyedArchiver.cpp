@@ -273,8 +273,7 @@ private:
         list(key, Item::Kind::UidList, first);
     }
 
-    void chargeDictionary(const Dictionary& dictionary) {
-        const cost::Cost cost = cost::dictionaryCost(dictionary);
+    void charge(const cost::Cost& cost) {
         memory_ += cost.memory;
         steps_ += cost.steps;
     }
@@ -283,7 +282,7 @@ private:
         const bool isMutable = dictionary.mutability() == Dictionary::Mutability::Mutable;
         return keyedObject(&dictionary, isMutable ? kAtomNSMutableDictionary : kAtomNSDictionary,
                            isMutable ? std::uint32_t{kAtomNSDictionary} : kNone, [&] {
-                               chargeDictionary(dictionary);
+                               charge(cost::dictionaryCost(dictionary));
                                uidList(atoms_.use(kAtomKeys), dictionary,
                                        [&](const auto& entry) { return sharedTextEntry(entry.first); });
                                uidList(atoms_.use(kAtomElements), dictionary,

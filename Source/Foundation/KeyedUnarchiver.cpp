@@ -641,8 +641,9 @@ private:
     }
 
     Value archivable(const Node& node, const ArchivableClass& known) {
-        steps_.charge(node.count);
-        memory_.charge(cost::kArchivableMemory);
+        const cost::Cost missing = cost::missingFieldsCost(known.fields - std::min(node.count, known.fields));
+        steps_.charge(node.count + missing.steps);
+        memory_.charge(cost::kArchivableMemory + missing.memory);
         FieldList fields;
         for (std::uint64_t i = 0; i < node.count; ++i) {
             const std::string_view key = reader_.asciiText(reader_.reference(node, i));

@@ -20,6 +20,8 @@ class KeyedUnarchiver;
 /// A class that a reader may build: its name in archives, and the factory that reads an object's keyed values.
 struct ArchivableClass {
     std::string_view name;
+    /// How many fields an object of the class is archived with, "$class" included.
+    std::uint64_t fields;
     std::shared_ptr<Archivable> (*initWithCoder)(KeyedUnarchiver& coder);
 };
 

@@ -32,10 +32,10 @@ std::shared_ptr<Archivable> decoded(KeyedUnarchiver& coder) {
 
 /// The classes that an archive may contain besides the standard ones.
 constexpr std::array<ArchivableClass, 4> kClasses{{
-    {"KRVOperationBase", &KRVOperationBase::initWithCoder},
-    {"EncodingParameters", &decoded<EncodingParameters>},
-    {"VideoEncodingParameters", &decoded<VideoEncodingParameters>},
-    {"AudioEncodingParameters", &decoded<AudioEncodingParameters>},
+    {"KRVOperationBase", 15, &KRVOperationBase::initWithCoder},
+    {"EncodingParameters", 4, &decoded<EncodingParameters>},
+    {"VideoEncodingParameters", 5, &decoded<VideoEncodingParameters>},
+    {"AudioEncodingParameters", 4, &decoded<AudioEncodingParameters>},
 }};
 
 }  // namespace

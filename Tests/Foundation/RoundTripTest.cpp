@@ -268,5 +268,15 @@ TEST(RoundTrip, SharedArgumentsAreReadOnlyIfTheyCanBeWrittenSeparately) {
     EXPECT_GT(refused, 3);
 }
 
+TEST(RoundTrip, RecordsThatLackFieldsAreReadOnlyIfTheyCanBeWrittenWithThem) {
+    int read = 0;
+    int refused = 0;
+    for (std::size_t records = 18'000; records < 30'000; records += 500) {
+        ++(survives(test::padded(test::sharedArguments(records, 0), 2 << 20)) ? read : refused);
+    }
+    EXPECT_GT(read, 3);
+    EXPECT_GT(refused, 3);
+}
+
 }  // namespace
 }  // namespace krv
