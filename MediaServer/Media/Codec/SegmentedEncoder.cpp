@@ -170,10 +170,18 @@ int SegmentedEncoder::encodeAll(Segment& segment) {
     int error = 0;
     for (bool more = true; more && error >= 0;) {
         const FramePtr frame = frameFor(segment);
+        if (!frame && isAbandoned(segment)) {
+            break;  // the encoder is not at its end: it will get another segment
+        }
         error = encode(segment, frame.get());
         more = frame && !meetsFollower(segment);
     }
     return error;
+}
+
+bool SegmentedEncoder::isAbandoned(const Segment& segment) {
+    const LockGuard lock(mutex_);
+    return segment.abandoned;
 }
 
 FramePtr SegmentedEncoder::frameFor(Segment& segment) {

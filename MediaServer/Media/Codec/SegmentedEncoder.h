@@ -54,6 +54,8 @@ private:
     [[nodiscard]] bool isFree(const AVCodecContext& encoder, std::int64_t end);
     void run(Segment& segment);
     [[nodiscard]] int encodeAll(Segment& segment);
+    [[nodiscard]] bool isAbandoned(const Segment& segment);
+    /// Waits for the segment's next frame. Returns null if there is none, or the segment is abandoned.
     [[nodiscard]] FramePtr frameFor(Segment& segment);
     [[nodiscard]] int encode(Segment& segment, const AVFrame* frame);
     /// Waits until the next segment's encoder has come as far. Returns whether its packets can follow from here.
