@@ -24,7 +24,7 @@ public:
                               const std::function<void(double)>& onProgress, const std::function<void()>& onDelay)>;
 
     /// Starts the threads: longThreads, at least 1, for long operations. ledger must outlive this object. Throws
-    /// std::system_error if there is no thread.
+    /// std::system_error if no thread can be started.
     OperationExecutors(OperationLedger& ledger, unsigned longThreads, Work work);
     /// Stops the ledger and waits for the threads, whose operations are cancelled.
     ~OperationExecutors();

@@ -53,7 +53,7 @@ struct ServerOperation {
     /// What the kept records take, in bytes.
     std::size_t requestBytes = 0;
     std::size_t resultBytes = 0;
-    /// What a client was told last.
+    /// The latest reply about its progress.
     struct Told {
         Time when;
         double progress;

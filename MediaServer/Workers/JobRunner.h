@@ -22,7 +22,7 @@ namespace krv::server {
 class JobRunner {
 public:
     /// workers: supplies the processes; must outlive this object. stallLimit: how long a worker may report nothing, or
-    /// not read its request, before it is killed; 0 for ever. Time in which the machine sleeps does not count.
+    /// not read its request, before it is killed; 0: no limit. Time in which the machine sleeps does not count.
     /// silence: see run().
     explicit JobRunner(WorkerPool& workers, std::chrono::milliseconds stallLimit = {},
                        std::chrono::milliseconds silence = std::chrono::seconds(10))
