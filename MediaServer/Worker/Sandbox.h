@@ -31,7 +31,7 @@ struct SandboxLayers {
 };
 
 /// Confines the calling process permanently to the descriptors that it holds, memory and processor time. Call it once,
-/// before any untrusted byte is read, on the main thread and while there is no other.
+/// before any untrusted byte is read, on the main thread, before other threads are started.
 ///
 /// Afterwards the process cannot open, create, change, rename, lock or watch anything by path; make a socket, pipe,
 /// memory file, timer or process; execute a program; inspect, signal, limit or reprioritise another process; leave its

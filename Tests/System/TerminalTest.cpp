@@ -27,7 +27,7 @@ using testing::Not;
 using testing::UnorderedElementsAre;
 using Lines = std::vector<std::string>;
 
-/// Returns the lines of a screen with a bar, or with a part of one where there is no room.
+/// Returns the lines of a screen that show a bar, even if it is cut off at the edge.
 Lines barsIn(const Lines& screen) {
     Lines bars;
     std::copy_if(screen.begin(), screen.end(), std::back_inserter(bars),

@@ -11,7 +11,8 @@ namespace krv::media {
 
 namespace {
 
-/// Returns null if there is no decoder. FFmpeg's own decoders ignore transparency that is stored beside the packets.
+/// Returns the decoder for a stream, or null. FFmpeg's own decoders of VP8 and VP9 ignore the alpha channel, which is
+/// stored beside the packets; those of libvpx do not.
 const AVCodec* decoderOf(const AVStream& stream) {
     const AVCodecID id = stream.codecpar->codec_id;
     const AVCodec* transparent = nullptr;

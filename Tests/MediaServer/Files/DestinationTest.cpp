@@ -21,7 +21,7 @@ std::vector<fs::path>& flushedFolders() {
     return folders;
 }
 
-/// What another program does while the next file is flushed.
+/// Called during the next flush of a file, in place of another program.
 std::function<void()>& duringNextFlush() {
     static std::function<void()> act;
     return act;

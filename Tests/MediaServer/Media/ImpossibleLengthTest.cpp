@@ -62,7 +62,7 @@ TEST_P(ImpossibleLength, HasThumbnailsOfWhatIsThere) {
 // Longer than any movie, and less than a byte per second.
 INSTANTIATE_TEST_SUITE_P(Every, ImpossibleLength, testing::Values(1200.0, 500.0));
 
-// What FFmpeg makes of bitmaps in another format: each is shown until the next one, for ever if there is none.
+// Bitmap subtitles that FFmpeg has converted have no end of their own: each is shown until the next one appears.
 TEST(BitmapsWithoutAnEnd, AreAllCopiedAndDoNotMakeTheCopyLonger) {
     const Bitmap bitmap{40, 180, 200, 40};
     const OutputPath bitmaps = fileWith("sup", bluRaySubtitles(320, 240, {{0}, {1, bitmap}, {2}, {3, bitmap}, {4}}));
