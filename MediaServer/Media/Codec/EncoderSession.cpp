@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <string>
+#include <string_view>
 
 #include <fmt/format.h>
 
@@ -36,6 +37,20 @@ void silence(AVCodecContext& context, const std::string& encoder) {
     }
     if (encoder == "libsvtav1") {
         setenv("SVT_LOG", "0", 0);
+    }
+}
+
+/// Chooses the encoder's number of threads. x264 and x265 choose it themselves: more than there are cores, because their
+/// threads wait for one another.
+///
+/// For two cores, x264 takes three threads, and one more that looks ahead. Then 7 % of the time a core is idle. With four
+/// threads, and two for each look ahead, which the caller waits for, it is 5 %, and fewer frames are kept in memory.
+void chooseThreads(AVCodecContext& context, std::string_view encoder) {
+    context.thread_count = encoder.starts_with("libx26") ? 0 : coreCount();
+    if (encoder == "libx264" && coreCount() == 2) {
+        context.thread_count = 4;
+        addToListOption(context.priv_data, "x264-params", "sync-lookahead", "0");
+        addToListOption(context.priv_data, "x264-params", "lookahead-threads", "2");
     }
 }
 
@@ -129,10 +144,7 @@ CodecContextPtr openEncoder(const char* name, const EncoderSession::Request& req
     if (output.wantsGlobalHeaders()) {
         context->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     }
-    // x264 and x265 choose their number of threads themselves. They start more threads than there are cores, because
-    // their threads wait for one another.
-    const bool choosesItself = std::string_view(name).starts_with("libx26");
-    context->thread_count = choosesItself ? 0 : coreCount();
+    chooseThreads(*context, name);
     silence(*context, name);
     applyTableOptions(*context, row.options);
     applyTableOptions(*context, request.codec.options);
