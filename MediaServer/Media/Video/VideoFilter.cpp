@@ -145,8 +145,9 @@ AVColorRange rangeOf(const AVFrame& frame) {
     return named ? AVCOL_RANGE_JPEG : frame.color_range;
 }
 
-/// Returns filters that scale a frame and convert its colours, or nothing if the formats need others. The scaler could
-/// do both, but it converts between matrices by way of RGB, which takes thirty times as long.
+/// Returns filters that scale a frame to this size and convert its colours to those of the target, or nothing if the
+/// formats need others. The scaler could do both, but it converts between matrices by way of RGB, which takes thirty
+/// times as long.
 std::optional<std::string> directConversion(const AVFrame& frame, const VideoFormat& target, int width, int height) {
     const AVPixFmtDescriptor* const from = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
     const AVPixFmtDescriptor* const to = av_pix_fmt_desc_get(target.pixels);
@@ -160,7 +161,7 @@ std::optional<std::string> directConversion(const AVFrame& frame, const VideoFor
                              range, range);
     }
     const std::string_view matrix = matrixOfFilter(matrixOf(frame));
-    const std::string_view wanted = matrixOfFilter(matrixOf(target.space, width, height));
+    const std::string_view wanted = matrixOfFilter(matrixOf(target.space, target.width, target.height));
     // Otherwise there is nothing to convert. The filter fails then if the formats have different names.
     if (matrix != wanted || std::string_view(range) != rangeName(target.range)) {
         // Primaries and transfer stay what they are, so their names mean nothing.
@@ -173,7 +174,7 @@ std::optional<std::string> directConversion(const AVFrame& frame, const VideoFor
                                     : "444p");
     }
     // For a pixel format whose name contains the range.
-    return chain + fmt::format("scale=in_range={0}:out_range={0},", rangeName(target.range));
+    return chain + fmt::format("scale=in_range={0}:out_range={0}", rangeName(target.range));
 }
 
 std::string rotation(const VideoFormat& target) {
@@ -305,6 +306,8 @@ std::string VideoFilter::fittingChain(const AVFrame& frame, int width, int heigh
         chain = toneMapping(frame, inner);
     } else if (isHDR(target_.transfer) && frame.color_trc != target_.transfer) {
         chain = conversionToHDR(frame, inner);
+    } else if (const auto direct = directConversion(frame, target_, innerWidth, innerHeight)) {
+        chain = *direct;
     } else {
         chain = fmt::format("scale=w={}:h={}:flags=bicubic+accurate_rnd:out_range={}{}", innerWidth, innerHeight,
                             rangeName(target_.range), matrices(frame, target_));
@@ -351,7 +354,7 @@ std::string VideoFilter::chainFor(const AVFrame& frame) const {
     } else if (const auto direct = sameShape && target_.convertsColours
                                        ? directConversion(frame, target_, width, height)
                                        : std::nullopt) {
-        chain += *direct;
+        chain += *direct + ",";
     } else if (sameShape) {
         chain += fmt::format("scale=w={}:h={}:flags=bicubic+accurate_rnd:out_range={}", width, height,
                              rangeName(target_.range));

@@ -1,5 +1,6 @@
 #include <limits>
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include "MergeTestKit.h"
@@ -50,6 +51,31 @@ TEST(MergeFormats, OtherShapesAreLetterboxedAndNotStretched) {
         EXPECT_NEAR(white.bottom - white.top, 80, 2) << other;
         EXPECT_NEAR(white.left, 120, 2) << other;
     }
+}
+
+/// Makes a movie of one second of a test picture whose colour matrix is not named.
+OutputPath moviePainted(const std::string& picture, const std::string& matrix) {
+    OutputPath movie("mkv");
+    (void)run({KRV_FFMPEG, "-v", "error", "-y", "-f", "lavfi", "-i", picture, "-vf",
+               fmt::format("scale=flags=accurate_rnd:out_color_matrix={}:out_range=tv,format=yuv420p,"
+                           "setparams=colorspace=unknown",
+                           matrix),
+               "-c:v", "libx264", "-qp", "1", movie.path()});
+    return movie;
+}
+
+TEST(MergeFormats, TheColoursOfASmallMovieStayTheSameInALetterboxOfAnotherMatrix) {
+    const std::string picture = "testsrc=size=640x272:rate=5:duration=1";
+    const auto large = moviePainted("testsrc=size=960x720:rate=5:duration=1", "bt709");
+    const auto small = moviePainted(picture, "smpte170m");
+    const auto output = join({large.path(), small.path()}, "mp4");
+    const OutputPath shown("png"), meant("png");
+    (void)run({KRV_FFMPEG, "-v", "error", "-y", "-i", output.path(), "-vf",
+               "select=gte(n\\,5),crop=960:408,scale=in_color_matrix=bt709,format=rgb24", "-frames:v", "1",
+               shown.path()});
+    (void)run({KRV_FFMPEG, "-v", "error", "-y", "-f", "lavfi", "-i", picture, "-frames:v", "1", meant.path()});
+    const auto found = colourDifference(shownColours(shown.path()), shownColours(meant.path()));
+    EXPECT_LT(found.mean, 2) << found.largest;
 }
 
 TEST(MergeFormats, ThePixelAspectRatioOfTheFirstSourceCounts) {
