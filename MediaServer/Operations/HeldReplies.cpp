@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <iterator>
+#include <utility>
 
 #include <KRVQTProcessClient/Platform/SignalsBlocked.h>
 
@@ -19,55 +21,68 @@ HeldReplies::~HeldReplies() {
 }
 
 void HeldReplies::hold(std::chrono::milliseconds atMost, std::function<bool()> isReady, std::function<void()> send) {
+    List reply;
+    reply.push_back({std::chrono::steady_clock::now() + atMost, std::move(isReady), std::move(send)});
+    bool sooner = false;
     {
         const LockGuard lock(mutex_);
-        held_.push_back({std::chrono::steady_clock::now() + atMost, std::move(isReady), std::move(send)});
-        news_ = true;
+        // With the lock, because news may arrive meanwhile.
+        if (const Held& held = reply.front(); !held.isReady()) {
+            sooner = held.deadline < alarm_;
+            held_.splice(held_.end(), reply);
+        }
     }
-    wake_.notify_all();
+    HeldReplies::send(reply);
+    if (sooner) {
+        wake_.notify_all();
+    }
 }
 
 void HeldReplies::checkAgain() {
+    List ready;
     {
         const LockGuard lock(mutex_);
-        news_ = true;
+        ready = take([](const Held& held) { return held.isReady(); });
     }
-    wake_.notify_all();
+    send(ready);
+}
+
+HeldReplies::List HeldReplies::take(const std::function<bool(const Held&)>& condition) {
+    List taken;
+    for (auto it = held_.begin(); it != held_.end();) {
+        const auto next = std::next(it);
+        if (condition(*it)) {
+            taken.splice(taken.end(), held_, it);
+        }
+        it = next;
+    }
+    return taken;
+}
+
+void HeldReplies::send(const List& replies) {
+    for (const Held& held : replies) {
+        held.send();
+    }
 }
 
 void HeldReplies::loop() {
-    for (;;) {
-        std::list<Held> looking;
-        bool stopping = false;
+    for (bool stopping = false; !stopping;) {
+        List late;
         {
             const LockGuard lock(mutex_);
-            while (!news_ && !stopping_) {
-                const auto next = std::min_element(
-                    held_.begin(), held_.end(), [](const Held& a, const Held& b) { return a.deadline < b.deadline; });
-                if (next == held_.end()) {
-                    wake_.wait(mutex_);
-                } else if (wake_.wait_until(mutex_, next->deadline) == std::cv_status::timeout) {
-                    break;
-                }
+            const auto next = std::min_element(held_.begin(), held_.end(),
+                                               [](const Held& a, const Held& b) { return a.deadline < b.deadline; });
+            alarm_ = next == held_.end() ? Time::max() : next->deadline;
+            if (next == held_.end() && !stopping_) {
+                wake_.wait(mutex_);
+            } else if (!stopping_) {
+                wake_.wait_until(mutex_, alarm_);
             }
-            news_ = false;
             stopping = stopping_;
-            looking.swap(held_);
+            const auto now = std::chrono::steady_clock::now();
+            late = take([&](const Held& held) { return stopping || held.deadline <= now; });
         }
-        const auto now = std::chrono::steady_clock::now();
-        for (auto it = looking.begin(); it != looking.end();) {
-            if (stopping || it->deadline <= now || it->isReady()) {
-                it->send();
-                it = looking.erase(it);
-            } else {
-                ++it;
-            }
-        }
-        if (stopping) {
-            return;
-        }
-        const LockGuard lock(mutex_);
-        held_.splice(held_.end(), looking);
+        send(late);
     }
 }
 

@@ -1,5 +1,6 @@
 #include <atomic>
 #include <future>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -35,6 +36,35 @@ TEST(HeldReplies, AreSentAtOnceIfTheyAreReady) {
     std::promise<void> answered;
     held.hold(
         1h, [] { return true; }, [&] { answered.set_value(); });
+    answered.get_future().wait();
+}
+
+TEST(HeldReplies, AreSentByTheThreadThatBringsTheNews) {
+    HeldReplies held;
+    bool ready = false;
+    std::thread::id sender;
+    const auto hold = [&] {
+        held.hold(
+            1h, [&] { return ready; }, [&] { sender = std::this_thread::get_id(); });
+    };
+    hold();
+    held.checkAgain();
+    EXPECT_EQ(sender, std::thread::id());
+    ready = true;
+    held.checkAgain();
+    EXPECT_EQ(sender, std::this_thread::get_id());
+    sender = {};
+    hold();
+    EXPECT_EQ(sender, std::this_thread::get_id());
+}
+
+TEST(HeldReplies, AnEarlierDeadlineIsNotMissed) {
+    HeldReplies held;
+    held.hold(
+        1h, [] { return false; }, [] {});
+    std::promise<void> answered;
+    held.hold(
+        1ms, [] { return false; }, [&] { answered.set_value(); });
     answered.get_future().wait();
 }
 
