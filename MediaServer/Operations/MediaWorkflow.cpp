@@ -28,6 +28,8 @@ struct Opening {
     std::optional<Failure> failure;
     /// The number of the file that is being opened; see OperationFiles.
     std::atomic<std::size_t> file{0};
+    /// The description of the file, if it is remembered. Then the file is closed again.
+    KRVOperationBase::Ref known;
 };
 
 /// What the executor thread and the thread that finishes the outputs share.
@@ -102,10 +104,12 @@ Outcome MediaWorkflow::perform(const KRVOperationBase::Ref& request, const Cance
     };
     const Outcome cancelled{Outcome::Kind::Cancelled, nullptr, nullptr};
 
+    const bool describes = request->operationType() == OpProvideMetadata;
+    const std::string path = request->encodingSourceFilename().value_or("");
     const auto opening = std::make_shared<Opening>();
     opening->request = request;
     const End opened = blockingCalls.run(
-        [opening](const BlockingCalls::Report& report) {
+        [opening, describes, path, cache = descriptions](const BlockingCalls::Report& report) {
             opening->files = OperationFiles::open(
                 *opening->request,
                 [&](std::size_t file, dev_t drive) {
@@ -115,7 +119,10 @@ Outcome MediaWorkflow::perform(const KRVOperationBase::Ref& request, const Cance
                     return report.mayUse(drive);
                 },
                 opening->failure);
-            if (!report()) {
+            if (opening->files && describes) {
+                opening->known = cache->find(path, opening->files->sourceState());
+            }
+            if (opening->known || !report()) {
                 close(opening->files, report);
             }
         },
@@ -126,16 +133,10 @@ Outcome MediaWorkflow::perform(const KRVOperationBase::Ref& request, const Cance
     if (const auto failure = failureOf(opened, *opening)) {
         return failed(*failure);
     }
-    auto files = std::move(opening->files);
-
-    const bool describes = request->operationType() == OpProvideMetadata;
-    const std::string path = request->encodingSourceFilename().value_or("");
-    if (describes) {
-        if (auto known = descriptions->find(path, files->sourceState())) {
-            discard(blockingCalls, std::move(files), onDelay);
-            return {Outcome::Kind::Completed, nullptr, std::move(known)};
-        }
+    if (opening->known) {
+        return {Outcome::Kind::Completed, nullptr, opening->known};
     }
+    auto files = std::move(opening->files);
 
     Outcome outcome = runner.run(*request, files->descriptors(), cancellation, onProgress, onDelay);
     if (outcome.kind != Outcome::Kind::Completed) {
