@@ -540,7 +540,9 @@ void KeyedArchiver::encodeDouble(std::string_view key, double value) {
 void KeyedArchiver::encodeObject(std::string_view key, Value value) {
     encoder_.chargeField(value);
     encoder_.noteReference(key, encoder_.reference(value));
-    (void)encoder_.keep(std::move(value));
+    if (!value.isNull()) {  // moving one takes longer than looking
+        (void)encoder_.keep(std::move(value));
+    }
 }
 
 }  // namespace krv

@@ -307,7 +307,10 @@ std::size_t archiveSizeBound(std::uint64_t storedObjects, std::size_t references
            references * kLargestReference + kTrailer;
 }
 
-std::size_t writeArchive(const Graph& graph, std::uint32_t rootUid, std::uint64_t storedObjects, std::uint8_t* out) {
+// Inlined as a whole, so that the writer's position stays in a register. In memory, each byte that is written might be a
+// part of it, so that it would be stored and loaded again for each.
+[[gnu::flatten]] std::size_t writeArchive(const Graph& graph, std::uint32_t rootUid, std::uint64_t storedObjects,
+                                          std::uint8_t* out) {
     return storedObjects <= 0xFF     ? Writer<1>(graph, out).write(rootUid)
            : storedObjects <= 0xFFFF ? Writer<2>(graph, out).write(rootUid)
                                      : Writer<4>(graph, out).write(rootUid);
