@@ -44,8 +44,8 @@ void silence(AVCodecContext& context, const std::string& encoder) {
 /// threads wait for one another.
 ///
 /// For two cores, x264 takes three, and while they wait, a core is idle: for 8 % of the time when 15 s of 1080p are
-/// converted. With four it is 5 %. The frames that the fourth needs are saved where x264 looks ahead, as its queue of
-/// frames for that need not be long.
+/// converted. With four it is 5 %. A shorter queue in front of the thread that looks ahead saves as many frames as the
+/// fourth thread needs.
 void chooseThreads(AVCodecContext& context, std::string_view encoder) {
     context.thread_count = encoder.starts_with("libx26") ? 0 : coreCount();
     if (encoder == "libx264" && coreCount() == 2) {
