@@ -145,9 +145,7 @@ AVColorRange rangeOf(const AVFrame& frame) {
     return named ? AVCOL_RANGE_JPEG : frame.color_range;
 }
 
-/// Returns filters that scale a frame to this size and convert its colours to those of the target, or nothing if the
-/// formats need others. The scaler could do both, but it converts between matrices by way of RGB, which takes thirty
-/// times as long.
+/// Returns filters that do what conversion() says, or nothing if the formats need others.
 std::optional<std::string> directConversion(const AVFrame& frame, const VideoFormat& target, int width, int height) {
     const AVPixFmtDescriptor* const from = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
     const AVPixFmtDescriptor* const to = av_pix_fmt_desc_get(target.pixels);
@@ -175,6 +173,16 @@ std::optional<std::string> directConversion(const AVFrame& frame, const VideoFor
     }
     // For a pixel format whose name contains the range.
     return chain + fmt::format("scale=in_range={0}:out_range={0}", rangeName(target.range));
+}
+
+/// Returns filters that scale a frame to this size and convert its colours to those of the target. The scaler can do both,
+/// but it converts between matrices by way of RGB, which takes thirty times as long.
+std::string conversion(const AVFrame& frame, const VideoFormat& target, int width, int height) {
+    if (const auto direct = directConversion(frame, target, width, height)) {
+        return *direct;
+    }
+    return fmt::format("scale=w={}:h={}:flags=bicubic+accurate_rnd:out_range={}{}", width, height,
+                       rangeName(target.range), matrices(frame, target));
 }
 
 std::string rotation(const VideoFormat& target) {
@@ -306,11 +314,8 @@ std::string VideoFilter::fittingChain(const AVFrame& frame, int width, int heigh
         chain = toneMapping(frame, inner);
     } else if (isHDR(target_.transfer) && frame.color_trc != target_.transfer) {
         chain = conversionToHDR(frame, inner);
-    } else if (const auto direct = directConversion(frame, target_, innerWidth, innerHeight)) {
-        chain = *direct;
     } else {
-        chain = fmt::format("scale=w={}:h={}:flags=bicubic+accurate_rnd:out_range={}{}", innerWidth, innerHeight,
-                            rangeName(target_.range), matrices(frame, target_));
+        chain = conversion(frame, target_, innerWidth, innerHeight);
     }
     // The bars are added in the pixel format of the target, so that they are black there.
     chain += fmt::format(",format=pix_fmts={},", av_get_pix_fmt_name(target_.pixels));
@@ -351,16 +356,12 @@ std::string VideoFilter::chainFor(const AVFrame& frame) const {
                                  "out_color_matrix={},",
                                  rangeName(target_.range), matrixName(target_.space));
         }
-    } else if (const auto direct = sameShape && target_.convertsColours
-                                       ? directConversion(frame, target_, width, height)
-                                       : std::nullopt) {
-        chain += *direct + ",";
+    } else if (sameShape && target_.convertsColours) {
+        chain += conversion(frame, target_, width, height) + ",";
     } else if (sameShape) {
         chain += fmt::format("scale=w={}:h={}:flags=bicubic+accurate_rnd:out_range={}", width, height,
                              rangeName(target_.range));
-        if (target_.convertsColours) {
-            chain += matrices(frame, target_);
-        } else if (!fromRGB) {
+        if (!fromRGB) {
             chain += fmt::format(":in_range={}", rangeName(frame.color_range));
         } else {
             chain += fmt::format(":out_color_matrix={}", target_.space == AVCOL_SPC_BT709 ? "bt709" : "smpte170m");
